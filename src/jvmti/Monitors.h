@@ -1,0 +1,53 @@
+// Locks: which ones a thread holds, and which one it waits for and who owns that.
+//
+// Two roads lead there. JVMTI gives object references and exact depths but needs capabilities that most JVMs
+// refuse to an agent that came late; java.lang.management needs none and answers in text. `qorLockInfoLevel`
+// and the JVM's capabilities choose.
+//
+// The management road is asked in batches, as each call stops the JVM: contended locks for all threads of the
+// walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it walks their stacks, and
+// many short stops are kinder to the application than a long one). What was fetched lives until
+// QorCloseMonitorSample.
+//
+// Everything here runs on the worker, inside a walk of ThreadSystem.h.
+#pragma once
+
+#include "ThreadSystem.h"
+
+enum : int32_t { OWNED_BATCH = 32 };
+
+struct QorMonitorRecord {
+    int64_t hash;                // JVMTI: hash code of the object; management: 1 contended, 0 owned
+    char description[NAME_SIZE]; // "class@number", dotted
+    int32_t waiting;             // 1 for the lock that the thread waits for
+    int64_t lockId;              // the lock's number as the console knows it
+    int64_t owner;               // Java thread id of the owner, 0 when not known
+    int32_t stackDepth;          // depth of the frame that took the lock
+};
+
+// Whether the locks of the threads behind the cursor will be asked for too (an all-threads sample) or only
+// those of this one thread. Decides the batch.
+enum QorMonitorScope { MONITORS_OF_ONE_THREAD, MONITORS_OF_THE_WALK };
+
+// Locks that the thread at the cursor holds: their number, with *out a calloc'ed array for the caller to free,
+// or 0 with *out null.
+int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope,
+                               QorMonitorRecord **out);
+
+// The lock that the thread at the cursor waits for: 1 with the caller's cleared record filled, else 0.
+// wantOwner non-zero asks JVMTI for the owner as well, which stops the JVM; management knows it anyway.
+int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
+                                   QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner);
+
+// Drops what the batches fetched. Call it where the walk is closed, before QorCloseThreadHandle.
+void QorCloseMonitorSample();
+
+// Logs a JVMTI error by name; nothing else.
+void describe(jvmtiError error);
+
+// 1 when the class is initialised, so that it may be read; else 0.
+int32_t QorIsClassInitialized(jclass klass);
+
+// Parses a lock's text, "class@hexhash", in place: returns the lock id and leaves "class@decimal" in
+// `description` (NAME_SIZE bytes). 0 when the text holds no hash.
+int64_t QorParseLockName(char *description);

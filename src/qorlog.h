@@ -1,0 +1,42 @@
+// The log: one macro, one line format, one destination.
+//
+// A line is written only when `qorloglevel` exceeds the threshold fixed at the call site:
+//   0 errors, 1 warnings, 2 notes of the agent's life, 3 detail, 4 per-request traces,
+//   5 poll failures, 7 raw pipe diagnostics.
+// It looks like
+//   <month-day-year hh:mm:ss.mmm> <QordAgent|file:line> <message>
+// Any thread may log. The line is built in one buffer and written in one piece, so that lines of two
+// threads never mix. Not for signal handlers and not for callbacks of a heap walk.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+// The log threshold, 0 (silent) and up. Written at start-up, by the request "qorloglevel" and by the native
+// setLogLevel; read at each call site.
+extern int32_t qorloglevel;
+
+// Where lines go. Null until start-up has opened the log; the first line written while it is null makes it
+// stderr. Written at start-up only.
+extern FILE *fpLogFile;
+
+enum QorLogThreshold : int32_t {
+    LOG_ERROR = 0,
+    LOG_WARNING = 1,
+    LOG_NOTE = 2,
+    LOG_DETAIL = 3,
+    LOG_TRACE = 4,
+    LOG_POLL_FAILURE = 5,
+    LOG_RAW_PIPE = 7,
+};
+
+// Writes one line, whatever the level is: callers go through QORLOG. `file` is a path of which the last
+// component is shown. Lines over 4,095 bytes of message are cut.
+void QorWriteLogLine(const char *file, int line, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#define QORLOG(threshold, ...)                                                                               \
+    do {                                                                                                     \
+        if (qorloglevel > (threshold))                                                                       \
+            QorWriteLogLine(__FILE__, __LINE__, __VA_ARGS__);                                                \
+    } while (0)

@@ -1,0 +1,17 @@
+#include "qorrequest.h"
+
+int32_t no_gc;
+int32_t sp_null_enable;
+int32_t poll_details;
+int32_t trace_single_thread_details;
+int32_t show_jsp_info;
+int32_t get_system_data;
+int32_t trace_all_threads;
+int32_t qorIsPollOrTrace;
+
+uint32_t reqid;
+char *console_args[CONSOLE_ARG_COUNT];
+char dumpfile[DUMPFILE_SIZE];
+uint32_t heap_id;
+
+char *pagebuf;

@@ -1,0 +1,61 @@
+// The request in hand: its flag word, its parsed fields and its reply buffer.
+//
+// The dispatcher unpacks a request into these globals before it calls a view; the views and the readers below
+// them only look. One request runs at a time, on the worker, which is the only thread that writes here.
+#pragma once
+
+#include <cstdint>
+
+enum : int32_t {
+    PAGEBUF_SIZE = 1024000,
+    CONSOLE_ARG_COUNT = 9,
+    DUMPFILE_SIZE = 512,
+};
+
+// Bits of `reqid`.
+enum : uint32_t {
+    QORREQ_JUST_THREADS = 0x40,
+    QORREQ_MEMORY_ACTIVITY = 0x80,
+    QORREQ_THREAD_SUMMARY = 0x100,
+    QORREQ_THREAD_DETAILS = 0x200,
+    QORREQ_SHOW_OBJECT = 0x400,
+    QORREQ_LOCK_HOLDER = 0x800,
+    QORREQ_SHOW_LOCALS = 0x1000,
+    QORREQ_ACTIVE_THREADS = 0x2000,
+    QORREQ_DB_XTIER = 0x4000,
+    QORREQ_POLL_DETAILS = 0x8000,
+    QORREQ_SERVER_SCAN = 0x4000000,
+
+    QORREQ_SAMPLING = QORREQ_ACTIVE_THREADS | QORREQ_POLL_DETAILS,
+    QORREQ_THREAD_DATA = QORREQ_SAMPLING | QORREQ_MEMORY_ACTIVITY, // carries per-thread data for Java
+};
+
+// Bits of the flag word, the first field of a request. Each variable holds the masked value, not 0 and 1.
+enum : int32_t {
+    FLAG_GC_RETRY_MODE = 3,
+    FLAG_NO_GC = 4,
+    FLAG_SP_NULL = 8,
+    FLAG_POLL_DETAILS = 16,
+    FLAG_TRACE_SINGLE_THREAD = 32,
+    FLAG_SHOW_JSP_INFO = 64,
+    FLAG_SYSTEM_DATA = 128,
+    FLAG_TRACE_ALL_THREADS = 256,
+    FLAG_NOT_A_POLL = 512,
+};
+
+extern int32_t no_gc;                       // do not take the GC lock
+extern int32_t sp_null_enable;              // handle threads with a null stack pointer
+extern int32_t poll_details;                // details in a poll; a single-thread trace sets it as well
+extern int32_t trace_single_thread_details; // only the thread named in slot 1
+extern int32_t show_jsp_info;               // web request information
+extern int32_t get_system_data;             // add system data
+extern int32_t trace_all_threads;           // idle threads too
+extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent
+
+extern uint32_t reqid;                         // what is asked for; keeps its value when a request has none
+extern char *console_args[CONSOLE_ARG_COUNT];  // argument slots, each null or a text inside the request
+extern char dumpfile[DUMPFILE_SIZE];           // path of a dump asked for, or the histogram's word
+extern uint32_t heap_id;                       // the console's number for a dump
+
+// The reply, PAGEBUF_SIZE bytes; null before start-up and after SHUTDOWN. Its last byte is always 0.
+extern char *pagebuf;
