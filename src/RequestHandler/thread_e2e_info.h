@@ -1,0 +1,44 @@
+// The end-to-end list: a block for each thread that a sample shows, in the order of the reply.
+//
+// The blocks carry a thread to the Java side and back: its reference, and what the sample learned of its work
+// in other tiers. They are built during the sample and released when the reply is complete, all on the worker.
+// Blocks are big and a sample needs hundreds, so released ones are kept for the next sample until
+// QorDropE2EPool.
+#pragma once
+
+#include "jvmti/ThreadSystem.h"
+
+#include <cstdint>
+#include <jni.h>
+
+struct QorE2EBlock {
+    jobject directRef;   // the thread, as the direct road knows it
+    jobject threadRef;   // the thread, as a global reference
+    char *patchPoint;    // end of this thread's part of the reply
+    int32_t valid;       // 1 when this thread went to Java
+    int32_t threadId;    // Java thread id, cut to 32 bits: the key by which cross-tier data finds its block
+    int64_t osThreadId;  // on IBM JVMs, else -1
+    int32_t frameCount;
+    int32_t stuckAndHogger[2];
+    char ioFile[3072];
+    char applicationName[1024];
+    char moduleName[1024];
+    char wmName[1024];
+    char sessionId[1024];
+    int32_t networkPort;
+    char networkHost[132];
+    QorE2EBlock *next;
+};
+
+// Head of the list; null between samples.
+extern QorE2EBlock *thread_e2e_info;
+
+// Appends a block for the thread at the cursor. 0, or -1 when there is no memory: the whole list is released.
+int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThreadRecord *thread,
+                       int32_t frameCount);
+
+// Empties the list, dropping its references with the caller's `env`.
+void release_thread_e2e_info(JNIEnv *env);
+
+// Gives the kept blocks back to the allocator; the list must be empty.
+void QorDropE2EPool();

@@ -1,0 +1,6 @@
+#include "JavaClasses.h"
+
+jclass e2eclass;
+jclass jobjclass;
+jclass jstringclass;
+jclass gbDbUtilClass;
