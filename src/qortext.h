@@ -36,13 +36,17 @@ inline void QorTextCut(QorText *t, int32_t length) {
     t->refused = false;
 }
 
+// Notes that `length` bytes of `src` did not fit. Always -1.
+inline int32_t QorTextRefuse(QorText *t, const char *src, int32_t length) {
+    t->refused = true;
+    QorReportRefusedAppend(t->text, t->length, src, length, t->size);
+    return -1;
+}
+
 // Appends `length` bytes of `src`. 1, or -1 when there is no room: nothing is written then.
 inline int32_t QorTextAppend(QorText *t, const char *src, int32_t length) {
-    if (t->size - t->length <= length) {
-        t->refused = true;
-        QorReportRefusedAppend(t->text, t->length, src, length, t->size);
-        return -1;
-    }
+    if (t->size - t->length <= length)
+        return QorTextRefuse(t, src, length);
     memcpy(t->text + t->length, src, static_cast<size_t>(length));
     t->length += length;
     t->text[t->length] = 0;

@@ -1,0 +1,49 @@
+#include "RequestHandler.h"
+
+#include "all_threads.h"
+#include "qorrequest.h"
+
+namespace {
+
+struct ViewRow {
+    uint32_t bits;
+    void (*show)(uint32_t reqid, QorText *reply, char **args);
+};
+
+void ShowPoll(uint32_t reqid, QorText *reply, char **args) {
+    get_system_data = 0;
+    QorShowAllThreadRequest(reqid, reply, args);
+}
+
+// The memory, stack and lock views and the look-up by client port are not there yet.
+void ShowNothing(uint32_t, QorText *, char **) {}
+
+// The first row with one of its bits set decides.
+constexpr ViewRow views[] = {
+    {QORREQ_MEMORY_ACTIVITY, ShowNothing},
+    {QORREQ_ACTIVE_THREADS, QorShowAllThreadRequest},
+    {QORREQ_POLL_DETAILS, ShowPoll},
+    {QORREQ_THREAD_SUMMARY | QORREQ_JUST_THREADS, QorShowJustThreadRequest},
+    {QORREQ_THREAD_DETAILS, ShowNothing},
+    {QORREQ_LOCK_HOLDER, ShowNothing},
+    {QORREQ_DB_XTIER, ShowNothing},
+};
+
+} // namespace
+
+void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char **args) {
+    QorText reply;
+    QorTextContinue(&reply, page, pageSize);
+    for (const ViewRow &row : views) {
+        if (!(reqid & row.bits))
+            continue;
+        row.show(reqid, &reply, args);
+        return;
+    }
+}
+
+void QorHandleShowMemRequest(char *, int32_t, const char *, uint32_t) {}
+
+void QorShowObjectRequest(int32_t, int32_t, uint32_t, char *, int32_t) {}
+
+void QorHandlePrintLocalRequest(int32_t, int64_t, int64_t, int32_t, int32_t, char *, int32_t) {}

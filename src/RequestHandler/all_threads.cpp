@@ -1,0 +1,183 @@
+#include "all_threads.h"
+
+#include "all_threads_sample.h"
+#include "bci.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/Session.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorutil.h"
+#include "stack_rows.h"
+#include "thread_e2e_info.h"
+
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr char ALL_THREADS_WORD[] = "JVMALLTHREADS";
+constexpr int32_t SAMPLES_PER_REPORT = 1800;
+
+// Figures since the last report.
+int32_t snSampleCount;
+int32_t snTotalThreads;
+int32_t snTotalFrames;
+int32_t snOverallMaxDepth;
+
+// States in which a thread may be doing work.
+constexpr uint32_t ACTIVE_STATES = 1U << STATE_RUNNABLE | 1U << STATE_LOCK | 1U << STATE_NETWORK_WAIT |
+                                   1U << STATE_IO_WAIT | 1U << STATE_DB_WAIT | 1U << STATE_RMI_WAIT |
+                                   1U << STATE_OTHER;
+
+bool IsPoll() {
+    return qorIsPollOrTrace != 0;
+}
+
+bool WantsAllThreads(uint32_t reqid, char **args) {
+    return reqid == QORREQ_POLL_DETAILS && args[0] &&
+           strncmp(args[0], ALL_THREADS_WORD, sizeof ALL_THREADS_WORD - 1) == 0;
+}
+
+void StartSample(QorSample *sample, uint32_t reqid, QorText *reply, char **args) {
+    sample->reqid = reqid;
+    sample->args = args;
+    sample->reply = reply;
+    sample->processId = getpid();
+    sample->recordStands = false;
+    sample->threadCount = sample->frameCount = sample->maxDepth = 0;
+    sample->deepestThread = 0;
+    InitResponseHeader(reqid, sample->title); // may set poll_details
+    sample->writesStacks = (reqid & QORREQ_POLL_DETAILS) && poll_details;
+    sample->filtering =
+        (reqid & QORREQ_ACTIVE_THREADS) ||
+        ((reqid & QORREQ_POLL_DETAILS) && !trace_all_threads && !trace_single_thread_details &&
+         !WantsAllThreads(reqid, args));
+    QorStartFrameShapes();
+    release_thread_e2e_info(jvmtijni_env);
+}
+
+// Whether the trace is of another thread. `end` is set when it names none.
+bool IsPassedOverByTrace(const QorSample &sample, const QorThreadRecord &thread, bool *end) {
+    if (!(sample.reqid & QORREQ_POLL_DETAILS) || !trace_single_thread_details)
+        return false;
+    if (!sample.args[1]) {
+        QORLOG(LOG_ERROR, "console_args[1] NULL");
+        *end = true;
+        return true;
+    }
+    char strThreadPid[THREAD_KEY_SIZE];
+    QorFormatThreadKey(strThreadPid, sample.processId, thread.tid);
+    return strncmp(strThreadPid, sample.args[1], THREAD_KEY_SIZE) != 0;
+}
+
+bool IsActive(const QorThreadWalk &walk) {
+    return (ACTIVE_STATES >> walk.thread.state & 1U) && walk.userFrame >= 0 &&
+           checkCurrCall(walk.userClass, walk.userMethod) != 0;
+}
+
+void StartThread(QorThreadWalk *walk) {
+    walk->threadIdLength =
+        snprintf(walk->threadId, sizeof walk->threadId, "%d", static_cast<int32_t>(walk->thread.tid));
+    walk->userFrame = -1;
+    walk->omitted = walk->processed = 0;
+    walk->userClass[0] = walk->userMethod[0] = 0;
+    walk->xtier = {};
+    tessar_thick_driver = 0;
+    QorTextStart(&walk->currentCall, console_frame_buf, CONSOLE_BUF_SIZE);
+    QorTextStart(&walk->stackRows, console_thr_buf, CONSOLE_THR_BUF_SIZE);
+}
+
+// Samples the thread at the cursor. 0, or -1 when the sample must end.
+int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
+    ++sample->threadCount;
+    if (QorGetThreadInfo(&sample->handle, &walk->thread) != 0)
+        return 0; // it has ended since the snapshot
+    bool end = false;
+    if (IsPassedOverByTrace(*sample, walk->thread, &end))
+        return end ? -1 : 0;
+    if (sample->filtering && checkThreadName(walk->thread.name) == 0)
+        return 0;
+    const int32_t depth = QorGetFrames(&sample->handle, &sample->frames);
+    if (depth < 0)
+        return 0;
+
+    StartThread(walk);
+    QorWalkFrames(sample, walk);
+    sample->frameCount += walk->processed;
+    if (!IsPoll())
+        QORLOG(LOG_DETAIL,
+               "Stats: %d : thread id %d, %d total frames, processed %d frames, Usercall at frame %d, "
+               "omitted %d frames",
+               sample->threadCount, static_cast<int32_t>(walk->thread.tid), depth, walk->processed,
+               walk->userFrame, walk->omitted);
+    if (depth == 0)
+        GetThreadEnhancedState(nullptr, &walk->thread); // no Java stack counts as waiting
+
+    if (sample->filtering && !IsActive(*walk))
+        return 0;
+    if (depth == 0 && (sample->reqid & QORREQ_POLL_DETAILS))
+        return 0; // a record needs a frame there
+    return QorWriteThreadRecord(sample, walk);
+}
+
+void AddToStatistics(const QorSample &sample) {
+    if (!IsPoll())
+        QORLOG(LOG_NOTE, "Stats: For this sample, processed %d threads, %d frames, Max depth %d at tid %d",
+               sample.threadCount, sample.frameCount, sample.maxDepth, static_cast<int32_t>(sample.deepestThread));
+    if (snSampleCount == SAMPLES_PER_REPORT) {
+        QORLOG(LOG_NOTE,
+               "Stats: Since Last report, processed %d samples, %d threads; %d frames total, Max depth of all "
+               "threads %d",
+               snSampleCount, snTotalThreads, snTotalFrames, snOverallMaxDepth);
+        snSampleCount = snTotalThreads = snTotalFrames = snOverallMaxDepth = 0;
+        return;
+    }
+    ++snSampleCount;
+    snTotalThreads += sample.threadCount;
+    snTotalFrames += sample.frameCount;
+    if (sample.maxDepth > snOverallMaxDepth)
+        snOverallMaxDepth = sample.maxDepth;
+}
+
+void WalkThreads(QorSample *sample) {
+    QorThreadWalk walk;
+    while (sample->handle.index < sample->handle.count) {
+        if (SampleThread(sample, &walk) != 0)
+            return;
+        QorGetJVMThread(&sample->handle, 0);
+    }
+}
+
+} // namespace
+
+void closeThreadAndFreeLists() {
+    QorCloseMonitorSample();
+    QorCloseThreadHandle(nullptr);
+    QorFreeXtierLists();
+}
+
+void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args) {
+    QorSample sample;
+    StartSample(&sample, reqid, reply, args);
+    if (sample.title[0])
+        QorTextAppend(reply, sample.title);
+
+    QorInitThreadHandle(&sample.handle);
+    dataFromBCI(jvmtijni_env, 0);
+    if (!QorGetJVMThread(&sample.handle, 0)) {
+        QORLOG(LOG_ERROR, "Failed to the get thread ");
+        closeThreadAndFreeLists();
+        return;
+    }
+    if (!IsPoll())
+        QORLOG(LOG_NOTE, "Entering QorShowAllThreadRequest for %d threads", sample.handle.count);
+    WalkThreads(&sample);
+    AddToStatistics(sample);
+    QorTextAppendChar(reply, SECTION_END);
+    if (!gbQorRELocal && !gbQorSkipLocal)
+        QorInsertXtierData(reply->text, reply->size);
+    // The Java side would be asked for what it knows of the threads here; nobody does yet.
+    release_thread_e2e_info(jvmtijni_env);
+    closeThreadAndFreeLists();
+}

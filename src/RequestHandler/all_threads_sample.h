@@ -1,0 +1,47 @@
+// The state of one all-threads sample, shared by the files that make it up.
+#pragma once
+
+#include "Xtier.h"
+#include "all_threads.h"
+#include "records.h"
+
+#include <cstdint>
+
+// One sample; lives on the stack of the view.
+struct QorSample {
+    uint32_t reqid;
+    char **args;
+    QorText *reply;
+    int32_t processId;
+    bool filtering;           // idle threads are left out
+    bool writesStacks;        // each thread's record carries its call stack
+    bool recordStands;        // a thread record has been written
+    char title[TITLE_SIZE];   // title record, or empty
+    QorThreadHandle handle;
+    QorFrameHandle frames;
+
+    // statistics
+    int32_t threadCount, frameCount, maxDepth;
+    int64_t deepestThread;
+};
+
+// What the frames of one thread told.
+struct QorThreadWalk {
+    QorThreadRecord thread;
+    char threadId[24];      // tid in decimal, as the rows show it
+    int32_t threadIdLength;
+    int32_t userFrame;      // index of the first user call, -1 when none was met
+    int32_t omitted;        // frames left out, 0 when none
+    int32_t processed;      // frames read
+    char userClass[NAME_SIZE], userMethod[NAME_SIZE]; // of the current call
+    QorText currentCall;    // frame group of the current call, in console_frame_buf
+    QorText stackRows;      // in console_thr_buf
+    QorXtierFlags xtier;
+};
+
+// Walks the frames of the thread, refining its state, finding its current call and writing its stack rows.
+void QorWalkFrames(QorSample *sample, QorThreadWalk *walk);
+
+// Appends the record of the thread. 0, or -1 when the sample must end: the reply is then full and ends behind
+// the record before.
+int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk);

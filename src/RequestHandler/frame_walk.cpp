@@ -1,0 +1,73 @@
+// The frames of one thread in an all-threads sample.
+#include "all_threads_sample.h"
+#include "qorlog.h"
+#include "qorsettings.h"
+#include "stack_rows.h"
+
+#include <cstring>
+
+namespace {
+
+// In a long stack only the frames down to the first user call, half of the recorded depth behind it and the
+// other half at the bottom are kept. Jumps over the rest once that place is reached; a stack that turns out too
+// short for it is not looked at again.
+void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
+    QorFrameHandle &frames = sample->frames;
+    if (walk->userFrame < 0 || walk->omitted != 0 ||
+        frames.index <= walk->userFrame + maxStackDepthRecorded / 2.0)
+        return;
+    walk->omitted = frames.count - maxStackDepthRecorded - walk->userFrame - 1;
+    if (walk->omitted <= 0)
+        return;
+    if (sample->writesStacks)
+        QorAppendSkipRow(&walk->stackRows, walk->omitted, walk->thread.tid, frames.index);
+    frames.index += walk->omitted;
+}
+
+void CopyName(char *dest, const char *name) {
+    const size_t length = strnlen(name, NAME_SIZE - 1);
+    memcpy(dest, name, length);
+    dest[length] = 0;
+}
+
+// The current call is the first user call, or the top frame while no user call is known.
+void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, int32_t index) {
+    const bool isUserCall = frame->callType != 0;
+    if (!isUserCall && index != 0)
+        return;
+    CopyName(walk->userClass, frame->className);
+    CopyName(walk->userMethod, frame->method);
+    QorTextCut(&walk->currentCall, 0);
+    QorAppendFrameGroup(&walk->currentCall, frame, null_str);
+    if (isUserCall)
+        walk->userFrame = index;
+}
+
+} // namespace
+
+void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
+    QorFrameHandle &frames = sample->frames;
+    for (frames.index = 0; frames.index < frames.count; ++frames.index) {
+        if (frames.index + 1 > sample->maxDepth) {
+            sample->maxDepth = frames.index + 1;
+            sample->deepestThread = walk->thread.tid;
+        }
+        SkipMiddle(sample, walk);
+        if (frames.index >= frames.count)
+            return; // nothing is recorded behind the user call
+        ++walk->processed;
+        const QorFrameShape *shape = QorFindFrameShape(&frames);
+        if (!shape)
+            return;
+        QorFrameRecord frame = shape->frame;
+        frame.frameIndex = frames.index;
+        if (!gbQorSkipLocal)
+            QorListXtierFrame(&walk->thread, &frame, &walk->xtier);
+        GetThreadEnhancedState(&frame, &walk->thread);
+        if (walk->userFrame < 0)
+            NoteCurrentCall(walk, &frame, frames.index);
+        if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId, walk->threadIdLength,
+                                                      frames.index) < 0)
+            return;
+    }
+}
