@@ -1,0 +1,69 @@
+// Bounded strings: the agent's one way of copying and appending text.
+//
+// A copy that does not fit is cut, on a character boundary of (modified) UTF-8, and still a success. An
+// append that does not fit is refused whole, so that a reply stays well-formed up to its last complete field.
+// Refusals are reported once an hour at most, since a full reply refuses every further append of a request.
+//
+// Any thread; one text has one writer at a time. Only the counters are shared: their use is statistical, and
+// a lost count does no harm.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <sys/time.h>
+
+extern int32_t bufferOverflowCount;               // appends refused
+extern int32_t bufferOverflowDumpCount;           // reports made of them
+extern struct timeval prevBufferOverFlowDumpTime; // time of the last report, on the monotonic clock
+
+// Copies at most `len` bytes of `src`, or up to its terminator, into `size` bytes of storage and terminates.
+// `len` may be the exact length or any upper bound of it. 0, or -1 with nothing written: no destination, a
+// size below 2, no source, or a `len` below 1.
+int32_t QorStrncpy(char *dst, const char *src, int32_t size, int32_t len);
+int32_t QorAgentStrncpy(char *dst, const char *src, int32_t size, int32_t len);
+
+// The same with the length taken from *count, which returns the bytes copied, 0 on failure. A caller compares
+// it with what it asked for to notice a cut copy.
+int32_t QorStrncpy2(char *dst, const char *src, int32_t size, int32_t *count);
+
+// Appends the text `src` to the text in `size` bytes of storage. 1, or -1 when there is no room for it and
+// the terminator; nothing is written then. An unterminated destination has no room.
+int32_t QorStrncat2(char *dst, const char *src, int32_t size);
+void QorStrncat(char *dst, const char *src, int32_t size);
+
+// Counts a refused append and reports it when a report is due. `src` and `dst` need no terminator.
+void QorReportRefusedAppend(const char *dst, int32_t dstLen, const char *src, int32_t srcLen, int32_t size);
+
+// Appends without trusting either text to be terminated: both buffers get a 0 in their last byte, so a full
+// one loses it. Neither may be a literal. 0, or -1 when refused.
+int32_t QorAgentStrncat(char *dst, char *src, int32_t dst_size, int32_t src_size);
+
+// As strstr and strchr; null when a pointer is null.
+inline const char *QorStrstr(const char *text, const char *part) {
+    return text && part ? strstr(text, part) : nullptr;
+}
+inline char *QorStrstr(char *text, const char *part) {
+    return text && part ? strstr(text, part) : nullptr;
+}
+inline const char *QorAgentStrstr(const char *text, const char *part) {
+    return QorStrstr(text, part);
+}
+inline char *QorAgentStrstr(char *text, const char *part) {
+    return QorStrstr(text, part);
+}
+inline const char *QorStrchr(const char *text, int c) {
+    return text ? strchr(text, c) : nullptr;
+}
+inline char *QorStrchr(char *text, int c) {
+    return text ? strchr(text, c) : nullptr;
+}
+
+// Replaces line feeds and carriage returns by blanks in the first `gbSqlQueryLength` bytes. Null does
+// nothing.
+void QorStrReplaceNewLine(char *text);
+
+// Traces the time between two readings under a label. 0, or -1 for a null label while requests are traced.
+int32_t QorDumpTime(int64_t startSec, int64_t startUsec, int64_t endSec, int64_t endUsec, const char *label);
+
+// Microseconds between two readings.
+int64_t deltaTimeUsec(int64_t startSec, int64_t startUsec, int64_t endSec, int64_t endUsec);
