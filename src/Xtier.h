@@ -1,8 +1,8 @@
 // Cross-tier frames: which frames of a sample hold data of other tiers, and their way into the reply.
 //
 // A sample classifies each frame while it walks, reads the objects of the listed frames in one pass after the
-// walk, and then puts what it found into the rows. No frame kind is known yet: nothing is listed, so nothing is
-// read or put in, and the rows keep the placeholders for data that is not known.
+// walk, and then puts what it found into the rows. No frame kind is known yet: nothing is listed, so nothing
+// is read or put in, and the rows keep the placeholders for data that is not known.
 //
 // Worker only.
 #pragma once

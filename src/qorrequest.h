@@ -52,10 +52,10 @@ extern int32_t get_system_data;             // add system data
 extern int32_t trace_all_threads;           // idle threads too
 extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent
 
-extern uint32_t reqid;                         // what is asked for; keeps its value when a request has none
-extern char *console_args[CONSOLE_ARG_COUNT];  // argument slots, each null or a text inside the request
-extern char dumpfile[DUMPFILE_SIZE];           // path of a dump asked for, or the histogram's word
-extern uint32_t heap_id;                       // the console's number for a dump
+extern uint32_t reqid;                        // what is asked for; keeps its value when a request has none
+extern char *console_args[CONSOLE_ARG_COUNT]; // argument slots, each null or a text inside the request
+extern char dumpfile[DUMPFILE_SIZE];          // path of a dump asked for, or the histogram's word
+extern uint32_t heap_id;                      // the console's number for a dump
 
 // The reply, PAGEBUF_SIZE bytes; null before start-up and after SHUTDOWN. Its last byte is always 0.
 extern char *pagebuf;

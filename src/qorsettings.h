@@ -39,16 +39,16 @@ extern int32_t maxStackDepthRecorded;      // frames kept of each stack
 extern int32_t gbQorSkipLocal;             // 1: locals are never fetched; also the native setOptLevel
 extern int32_t gbQorRELocal;               // 1: locals are read at once by the reference walk
 
-extern char vend[VENDOR_SIZE];             // JVM vendor
-extern char vers[VERSION_SIZE];            // JVM version
-extern char os_name[OS_NAME_SIZE];         // operating system
-extern char webserver[WEBSERVER_SIZE];     // application server type word, empty when none
-extern char ext_jvm_id_str[JVM_ID_SIZE];   // the JVM's external identifier
-extern char qorheapdir[HEAP_DIR_SIZE];     // directory for dumps, ends in "/"; also the request "qorheapdir"
+extern char vend[VENDOR_SIZE];           // JVM vendor
+extern char vers[VERSION_SIZE];          // JVM version
+extern char os_name[OS_NAME_SIZE];       // operating system
+extern char webserver[WEBSERVER_SIZE];   // application server type word, empty when none
+extern char ext_jvm_id_str[JVM_ID_SIZE]; // the JVM's external identifier
+extern char qorheapdir[HEAP_DIR_SIZE];   // directory for dumps, ends in "/"; also the request "qorheapdir"
 
-extern int32_t gbIbmJvm;                   // 1 when the vendor contains "IBM"
-extern int32_t gbNimbJvm;                  // 1 when the operating system contains "NIMB"
-extern int32_t offsetind;                  // JVM build index; the initialisation thread writes it
+extern int32_t gbIbmJvm;  // 1 when the vendor contains "IBM"
+extern int32_t gbNimbJvm; // 1 when the operating system contains "NIMB"
+extern int32_t offsetind; // JVM build index; the initialisation thread writes it
 
 // The one test for the JVMTI road: `offsetind` is -64, 65, 98 or 99. Any other value is the direct road.
 bool QorOnJvmtiRoad();

@@ -11,10 +11,10 @@
 #include <cstring>
 
 struct QorText {
-    char *text;      // always terminated at `length`
-    int32_t size;    // bytes of storage, terminator included
-    int32_t length;  // bytes in use, terminator not counted
-    bool refused;    // an append has been refused since the last clear or cut
+    char *text;     // always terminated at `length`
+    int32_t size;   // bytes of storage, terminator included
+    int32_t length; // bytes in use, terminator not counted
+    bool refused;   // an append has been refused since the last clear or cut
 };
 
 // Starts an empty text on `size` bytes of storage (at least 1). Only the first byte is written.

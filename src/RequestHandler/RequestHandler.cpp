@@ -1,7 +1,9 @@
 #include "RequestHandler.h"
 
 #include "all_threads.h"
+#include "lock_holder.h"
 #include "qorrequest.h"
+#include "thread_stack.h"
 
 namespace {
 
@@ -15,7 +17,7 @@ void ShowPoll(uint32_t reqid, QorText *reply, char **args) {
     QorShowAllThreadRequest(reqid, reply, args);
 }
 
-// The memory, stack and lock views and the look-up by client port are not there yet.
+// The memory views and the look-up by client port are not there yet.
 void ShowNothing(uint32_t, QorText *, char **) {}
 
 // The first row with one of its bits set decides.
@@ -24,8 +26,8 @@ constexpr ViewRow views[] = {
     {QORREQ_ACTIVE_THREADS, QorShowAllThreadRequest},
     {QORREQ_POLL_DETAILS, ShowPoll},
     {QORREQ_THREAD_SUMMARY | QORREQ_JUST_THREADS, QorShowJustThreadRequest},
-    {QORREQ_THREAD_DETAILS, ShowNothing},
-    {QORREQ_LOCK_HOLDER, ShowNothing},
+    {QORREQ_THREAD_DETAILS, QorShowThreadStackRequest},
+    {QORREQ_LOCK_HOLDER, QorShowMonitorThreadRequest},
     {QORREQ_DB_XTIER, ShowNothing},
 };
 

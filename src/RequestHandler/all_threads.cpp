@@ -50,9 +50,8 @@ void StartSample(QorSample *sample, uint32_t reqid, QorText *reply, char **args)
     InitResponseHeader(reqid, sample->title); // may set poll_details
     sample->writesStacks = (reqid & QORREQ_POLL_DETAILS) && poll_details;
     sample->filtering =
-        (reqid & QORREQ_ACTIVE_THREADS) ||
-        ((reqid & QORREQ_POLL_DETAILS) && !trace_all_threads && !trace_single_thread_details &&
-         !WantsAllThreads(reqid, args));
+        (reqid & QORREQ_ACTIVE_THREADS) || ((reqid & QORREQ_POLL_DETAILS) && !trace_all_threads &&
+                                            !trace_single_thread_details && !WantsAllThreads(reqid, args));
     QorStartFrameShapes();
     release_thread_e2e_info(jvmtijni_env);
 }
@@ -124,12 +123,14 @@ int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
 void AddToStatistics(const QorSample &sample) {
     if (!IsPoll())
         QORLOG(LOG_NOTE, "Stats: For this sample, processed %d threads, %d frames, Max depth %d at tid %d",
-               sample.threadCount, sample.frameCount, sample.maxDepth, static_cast<int32_t>(sample.deepestThread));
+               sample.threadCount, sample.frameCount, sample.maxDepth,
+               static_cast<int32_t>(sample.deepestThread));
     if (snSampleCount == SAMPLES_PER_REPORT) {
-        QORLOG(LOG_NOTE,
-               "Stats: Since Last report, processed %d samples, %d threads; %d frames total, Max depth of all "
-               "threads %d",
-               snSampleCount, snTotalThreads, snTotalFrames, snOverallMaxDepth);
+        QORLOG(
+            LOG_NOTE,
+            "Stats: Since Last report, processed %d samples, %d threads; %d frames total, Max depth of all "
+            "threads %d",
+            snSampleCount, snTotalThreads, snTotalFrames, snOverallMaxDepth);
         snSampleCount = snTotalThreads = snTotalFrames = snOverallMaxDepth = 0;
         return;
     }

@@ -13,10 +13,10 @@ struct QorSample {
     char **args;
     QorText *reply;
     int32_t processId;
-    bool filtering;           // idle threads are left out
-    bool writesStacks;        // each thread's record carries its call stack
-    bool recordStands;        // a thread record has been written
-    char title[TITLE_SIZE];   // title record, or empty
+    bool filtering;         // idle threads are left out
+    bool writesStacks;      // each thread's record carries its call stack
+    bool recordStands;      // a thread record has been written
+    char title[TITLE_SIZE]; // title record, or empty
     QorThreadHandle handle;
     QorFrameHandle frames;
 
@@ -28,14 +28,14 @@ struct QorSample {
 // What the frames of one thread told.
 struct QorThreadWalk {
     QorThreadRecord thread;
-    char threadId[24];      // tid in decimal, as the rows show it
+    char threadId[24]; // tid in decimal, as the rows show it
     int32_t threadIdLength;
-    int32_t userFrame;      // index of the first user call, -1 when none was met
-    int32_t omitted;        // frames left out, 0 when none
-    int32_t processed;      // frames read
+    int32_t userFrame;                                // index of the first user call, -1 when none was met
+    int32_t omitted;                                  // frames left out, 0 when none
+    int32_t processed;                                // frames read
     char userClass[NAME_SIZE], userMethod[NAME_SIZE]; // of the current call
-    QorText currentCall;    // frame group of the current call, in console_frame_buf
-    QorText stackRows;      // in console_thr_buf
+    QorText currentCall;                              // frame group of the current call, in console_frame_buf
+    QorText stackRows;                                // in console_thr_buf
     QorXtierFlags xtier;
 };
 

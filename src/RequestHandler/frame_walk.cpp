@@ -9,8 +9,8 @@
 namespace {
 
 // In a long stack only the frames down to the first user call, half of the recorded depth behind it and the
-// other half at the bottom are kept. Jumps over the rest once that place is reached; a stack that turns out too
-// short for it is not looked at again.
+// other half at the bottom are kept. Jumps over the rest once that place is reached; a stack that turns out
+// too short for it is not looked at again.
 void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
     QorFrameHandle &frames = sample->frames;
     if (walk->userFrame < 0 || walk->omitted != 0 ||
@@ -66,8 +66,8 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
         GetThreadEnhancedState(&frame, &walk->thread);
         if (walk->userFrame < 0)
             NoteCurrentCall(walk, &frame, frames.index);
-        if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId, walk->threadIdLength,
-                                                      frames.index) < 0)
+        if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId,
+                                                      walk->threadIdLength, frames.index) < 0)
             return;
     }
 }

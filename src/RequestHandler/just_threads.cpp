@@ -99,8 +99,8 @@ void QorShowJustThreadRequest(uint32_t, QorText *reply, char **) {
     const uint32_t heapPercentage = MeasureHeapPercentage();
     const char s = FIELD_SEP;
     snprintf(console_line_buf, sizeof console_line_buf, "%u%c%u%c%u%c%d%c%d%c%d%c%d%c%d%c%d%c%d%c%d%c%d%c%u",
-             systemLoad, s, response, s, heapPercentage, s, counts[STATE_RUNNABLE], s, counts[STATE_DB_WAIT], s,
-             counts[STATE_LOCK], s, counts[STATE_NETWORK_WAIT], s, counts[STATE_IO_WAIT], s,
+             systemLoad, s, response, s, heapPercentage, s, counts[STATE_RUNNABLE], s, counts[STATE_DB_WAIT],
+             s, counts[STATE_LOCK], s, counts[STATE_NETWORK_WAIT], s, counts[STATE_IO_WAIT], s,
              counts[STATE_OBJECT_WAIT], s, counts[STATE_SLEEPING], s, counts[STATE_RMI_WAIT], s,
              counts[STATE_OTHER], s, processLoad);
     QorTextAppend(reply, console_line_buf);

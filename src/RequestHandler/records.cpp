@@ -90,11 +90,19 @@ const char *QorEmptyDatabaseBlock() {
         QORLOG(LOG_NOTE, "Creating sDummyDBString");
         // url, user, local port, remote port, host, sample time, SQL reference, SQL, type, reserved
         snprintf(sDummyDBString, sizeof sDummyDBString, "%c%d%c%s%c%s%c%u%c%u%c%s%c%d%c%d%c%s%c%s%c%s",
-                 WAIT_DETAIL, 10, FIELD_COUNT_MARK, null_str, FIELD_SEP, null_str, FIELD_SEP, 0U, FIELD_SEP, 0U,
-                 FIELD_SEP, null_str, FIELD_SEP, 0, FIELD_SEP, 0, FIELD_SEP, null_str, FIELD_SEP, null_str,
-                 FIELD_SEP, null_str);
+                 WAIT_DETAIL, 10, FIELD_COUNT_MARK, null_str, FIELD_SEP, null_str, FIELD_SEP, 0U, FIELD_SEP,
+                 0U, FIELD_SEP, null_str, FIELD_SEP, 0, FIELD_SEP, 0, FIELD_SEP, null_str, FIELD_SEP,
+                 null_str, FIELD_SEP, null_str);
     }
     return sDummyDBString;
+}
+
+const char *QorEmptyShortDatabaseBlock() {
+    static char block[32];
+    if (!block[0])
+        snprintf(block, sizeof block, "%c%s%c%s%c%u%c%u%c%s%c%d%c%d", WAIT_DETAIL, null_str, FIELD_SEP,
+                 null_str, FIELD_SEP, 0U, FIELD_SEP, 0U, FIELD_SEP, null_str, FIELD_SEP, 0, FIELD_SEP, 0);
+    return block;
 }
 
 const char *QorEmptyRmiBlock() {
@@ -124,10 +132,11 @@ void QorAppendStackRowTail(QorText *out, int64_t methodId) {
 
 int32_t QorAppendSkipRow(QorText *out, int32_t skipped, int64_t threadId, int32_t frameIndex) {
     char row[256];
-    const int32_t length = snprintf(
-        row, sizeof row, "%c%d%s%c%s%c%s%c%d%c%d%c%ld%c%s%c%s", RECORD_END, skipped,
-        " frames are skipped for storage and performance optimization", FIELD_SEP, "NA", FIELD_SEP, null_str,
-        FIELD_SEP, Wire32(threadId), FIELD_SEP, frameIndex, FIELD_SEP, 0L, FIELD_SEP, null_str, FIELD_SEP, null_str);
+    const int32_t length =
+        snprintf(row, sizeof row, "%c%d%s%c%s%c%s%c%d%c%d%c%ld%c%s%c%s", RECORD_END, skipped,
+                 " frames are skipped for storage and performance optimization", FIELD_SEP, "NA", FIELD_SEP,
+                 null_str, FIELD_SEP, Wire32(threadId), FIELD_SEP, frameIndex, FIELD_SEP, 0L, FIELD_SEP,
+                 null_str, FIELD_SEP, null_str);
     return QorTextAppend(out, row, length);
 }
 
@@ -135,8 +144,8 @@ void QorAppendLockWaitRecord(QorText *out, const QorMonitorRecord *lock, int32_t
     char record[NAME_SIZE + 256];
     const int32_t length =
         snprintf(record, sizeof record, "Lock On%c%d%c%d-%d%c%s%cView Thread Holding this Lock", RECORD_END,
-                 Wire32(lock->lockId), FIELD_SEP, processId, Wire32(lock->owner), FIELD_SEP, lock->description,
-                 FIELD_SEP);
+                 Wire32(lock->lockId), FIELD_SEP, processId, Wire32(lock->owner), FIELD_SEP,
+                 lock->description, FIELD_SEP);
     QorTextAppend(out, record, length);
 }
 

@@ -1,8 +1,8 @@
 // The record format: separators, placeholders, titles and the field order of each record kind.
 //
-// Both roads write their replies with what stands here. A record is appended to a QorText; a field that is not
-// known is written as its placeholder, so that every record of a kind has the same number of fields.
-// Any thread, but the scratch buffers belong to the worker.
+// Both roads write their replies with what stands here. A record is appended to a QorText; a field that is
+// not known is written as its placeholder, so that every record of a kind has the same number of fields. Any
+// thread, but the scratch buffers belong to the worker.
 #pragma once
 
 #include "jvmti/Monitors.h"
@@ -45,24 +45,25 @@ extern char console_mon_wait_buf[CONSOLE_BUF_SIZE];
 extern char console_mon_owned_buf[CONSOLE_BUF_SIZE];
 extern char console_thr_buf[CONSOLE_THR_BUF_SIZE];
 
-// The title record of a request, its RECORD_END included, into TITLE_SIZE bytes; empty when the request has none.
-// A poll that traces a single thread gets `poll_details` set.
+// The title record of a request, its RECORD_END included, into TITLE_SIZE bytes; empty when the request has
+// none. A poll that traces a single thread gets `poll_details` set.
 void InitResponseHeader(uint32_t reqid, char *header);
 
-// A thread's identity on the wire, "process-thread", into THREAD_KEY_SIZE bytes. Ids are cut to 32 bits, as the
-// console expects. Returns the length.
+// A thread's identity on the wire, "process-thread", into THREAD_KEY_SIZE bytes. Ids are cut to 32 bits, as
+// the console expects. Returns the length.
 int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId);
 
-// Three fields: call text, file, line. Without a line: call text, "Native Method" and `noLine`. No separator at
-// the end.
+// Three fields: call text, file, line. Without a line: call text, "Native Method" and `noLine`. No separator
+// at the end.
 void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine);
 
 // The detail blocks behind "DB Wait" and "RMI Wait" with nothing known.
 const char *QorEmptyDatabaseBlock();
+const char *QorEmptyShortDatabaseBlock(); // the older form, without SQL text and type; the stack view's
 const char *QorEmptyRmiBlock();
 
-// The part of a stack row in front of the thread's id and the part behind the frame's index; they depend on the
-// method and the line alone. With thread id and index between them they are a whole row:
+// The part of a stack row in front of the thread's id and the part behind the frame's index; they depend on
+// the method and the line alone. With thread id and index between them they are a whole row:
 //   RECORD_END call file line tid index methodId ^ ^
 void QorAppendStackRowHead(QorText *out, const QorFrameRecord *frame);
 void QorAppendStackRowTail(QorText *out, int64_t methodId);

@@ -15,7 +15,8 @@ char looseRow[LONGEST_ROW]; // row of the frame that is in no table
 QorFrameShape looseShape;
 
 uint32_t SlotOf(jmethodID method, jlocation location) {
-    uint64_t h = reinterpret_cast<uint64_t>(method) ^ (static_cast<uint64_t>(location) * 0x9e3779b97f4a7c15ULL);
+    uint64_t h =
+        reinterpret_cast<uint64_t>(method) ^ (static_cast<uint64_t>(location) * 0x9e3779b97f4a7c15ULL);
     h ^= h >> 29;
     h *= 0xbf58476d1ce4e5b9ULL;
     return static_cast<uint32_t>(h >> 40) & (SHAPE_SLOTS - 1);
@@ -81,8 +82,8 @@ const QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle) {
     return shape;
 }
 
-int32_t QorAppendStackRow(QorText *out, const QorFrameShape *shape, const char *threadId, int32_t threadIdLength,
-                          int32_t frameIndex) {
+int32_t QorAppendStackRow(QorText *out, const QorFrameShape *shape, const char *threadId,
+                          int32_t threadIdLength, int32_t frameIndex) {
     char index[INDEX_DIGITS + 1];
     char *const indexEnd = index + INDEX_DIGITS;
     char *const digits = PutDigits(indexEnd, static_cast<uint32_t>(frameIndex));

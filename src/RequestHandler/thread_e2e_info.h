@@ -1,8 +1,8 @@
 // The end-to-end list: a block for each thread that a sample shows, in the order of the reply.
 //
 // The blocks carry a thread to the Java side and back: its reference, and what the sample learned of its work
-// in other tiers. They are built during the sample and released when the reply is complete, all on the worker.
-// Blocks are big and a sample needs hundreds, so released ones are kept for the next sample until
+// in other tiers. They are built during the sample and released when the reply is complete, all on the
+// worker. Blocks are big and a sample needs hundreds, so released ones are kept for the next sample until
 // QorDropE2EPool.
 #pragma once
 
@@ -12,12 +12,12 @@
 #include <jni.h>
 
 struct QorE2EBlock {
-    jobject directRef;   // the thread, as the direct road knows it
-    jobject threadRef;   // the thread, as a global reference
-    char *patchPoint;    // end of this thread's part of the reply
-    int32_t valid;       // 1 when this thread went to Java
-    int32_t threadId;    // Java thread id, cut to 32 bits: the key by which cross-tier data finds its block
-    int64_t osThreadId;  // on IBM JVMs, else -1
+    jobject directRef;  // the thread, as the direct road knows it
+    jobject threadRef;  // the thread, as a global reference
+    char *patchPoint;   // end of this thread's part of the reply
+    int32_t valid;      // 1 when this thread went to Java
+    int32_t threadId;   // Java thread id, cut to 32 bits: the key by which cross-tier data finds its block
+    int64_t osThreadId; // on IBM JVMs, else -1
     int32_t frameCount;
     int32_t stuckAndHogger[2];
     char ioFile[3072];

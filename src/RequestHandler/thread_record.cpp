@@ -23,10 +23,11 @@ struct ThreadLocks {
 void ReadLocks(QorSample *sample, const QorThreadRecord &thread, ThreadLocks *locks) {
     QorTextStart(&locks->wait, console_mon_wait_buf, CONSOLE_BUF_SIZE);
     QorTextStart(&locks->owned, console_mon_owned_buf, CONSOLE_BUF_SIZE);
-    const QorMonitorScope scope = sample->filtering || trace_single_thread_details ? MONITORS_OF_ONE_THREAD
-                                                                                   : MONITORS_OF_THE_WALK;
+    const QorMonitorScope scope =
+        sample->filtering || trace_single_thread_details ? MONITORS_OF_ONE_THREAD : MONITORS_OF_THE_WALK;
     QorMonitorRecord contended = {};
-    if (QorGetContendedMonitorInfo(&sample->handle, &thread, scope, &contended, 0) == 1 && contended.waiting == 1)
+    if (QorGetContendedMonitorInfo(&sample->handle, &thread, scope, &contended, 0) == 1 &&
+        contended.waiting == 1)
         QorAppendLockWaitRecord(&locks->wait, &contended, sample->processId);
 
     QorMonitorRecord *records = nullptr;

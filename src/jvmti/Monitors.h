@@ -5,8 +5,8 @@
 // and the JVM's capabilities choose.
 //
 // The management road is asked in batches, as each call stops the JVM: contended locks for all threads of the
-// walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it walks their stacks, and
-// many short stops are kinder to the application than a long one). What was fetched lives until
+// walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it walks their stacks,
+// and many short stops are kinder to the application than a long one). What was fetched lives until
 // QorCloseMonitorSample.
 //
 // Everything here runs on the worker, inside a walk of ThreadSystem.h.
@@ -29,8 +29,8 @@ struct QorMonitorRecord {
 // those of this one thread. Decides the batch.
 enum QorMonitorScope { MONITORS_OF_ONE_THREAD, MONITORS_OF_THE_WALK };
 
-// Locks that the thread at the cursor holds: their number, with *out a calloc'ed array for the caller to free,
-// or 0 with *out null.
+// Locks that the thread at the cursor holds: their number, with *out a calloc'ed array for the caller to
+// free, or 0 with *out null.
 int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope,
                                QorMonitorRecord **out);
 

@@ -52,13 +52,13 @@ struct QorThreadHandle {
 
 // One thread's facts. The view clears it before each QorGetThreadInfo.
 struct QorThreadRecord {
-    int64_t tid;           // Java thread id
-    int64_t ostid;         // operating system's thread id on IBM JVMs (-1 unknown), 0 elsewhere
+    int64_t tid;   // Java thread id
+    int64_t ostid; // operating system's thread id on IBM JVMs (-1 unknown), 0 elsewhere
     char name[NAME_SIZE];
     int32_t state;         // QorThreadState
     int32_t enhancedState; // copy of state, written whenever GetThreadEnhancedState refines it
     int32_t priority;
-    int32_t daemon;        // 1 for a daemon thread
+    int32_t daemon; // 1 for a daemon thread
     QorThreadHandle *handle;
 };
 
