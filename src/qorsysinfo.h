@@ -13,7 +13,6 @@
 #include <cstdio>
 
 enum : int32_t {
-    MAX_CPU_PIDS = 2000,
     CPU_TEXT_SIZE = 256,
 };
 
@@ -30,9 +29,7 @@ extern int32_t Pthread_NPTL; // 1: a thread's system id comes from gettid, 0: fr
 extern int32_t ncpu;         // processors, at least 1
 extern int32_t p_pid;        // system thread id of the caller of init_cpu
 
-extern int32_t cpu_stat_fd;      // /proc/stat; 0 before the first initialisation, -1 when it can't be opened
-extern int32_t Linux_Kernel_2_4; // 1 on Linux 2.4 with a process tree as expected
-extern char cpu_cmd_str[CPU_TEXT_SIZE];  // shell command that lists the process's threads on Linux 2.4
+extern int32_t cpu_stat_fd; // /proc/stat; 0 before the first initialisation, -1 when it can't be opened
 extern char get_cpu_util[CPU_TEXT_SIZE]; // the last reading of /proc/stat
 
 // The last machine reading: user and system ticks, time of day in seconds and hundredths. Modes 1 and 2 write
@@ -65,22 +62,6 @@ int32_t QorGetProcessCpuLoad();
 // none.
 typedef bool (*QorExtendedAttributeReader)(int32_t key, double *value);
 extern QorExtendedAttributeReader qorReadExtendedAttribute;
-
-// A process whose ticks are summed on Linux 2.4.
-struct QorCpuNode {
-    int32_t pid;
-    int32_t fd; // its /proc/PID/stat
-    QorCpuNode *prev, *next;
-};
-
-extern QorCpuNode cpu_list_base[MAX_CPU_PIDS];              // all nodes
-extern QorCpuNode *cpu_list_start, *cpu_list_end;           // those in use
-extern QorCpuNode *cpu_free_list_start, *cpu_free_list_end; // the others; the last of them is never used
-
-// Starts to track a process: 1, or 0 when its file can't be opened or the nodes are used up.
-int32_t add_pid(int32_t pid);
-// Stops tracking it.
-void delete_cpu_node(QorCpuNode *node);
 
 // Voluntary and involuntary context switches of the process. 0, or -1 with *count all ones.
 int32_t QorGetProcessContextSwitch(uint32_t *count);
