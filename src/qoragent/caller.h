@@ -1,0 +1,20 @@
+// The Java caller's side of a request.
+//
+// One caller at a time is assumed: the Java side declares the native synchronized. More of them overwrite
+// each other's request but harm nothing else.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <jni.h>
+
+// Callers between entry and return. `pagebuf` and the pipes outlive them.
+extern std::atomic<int32_t> callersInside;
+extern int32_t thread_timed_out; // 1 when the last request ran out of time; informational
+
+// Hands the request to the worker and waits up to `qor_max_timeout` seconds. The reply, the time-out text, or
+// null: for SHUTDOWN, an unsupported JVM, or when the worker can't be woken.
+jstring QorDataFromNative(JNIEnv *env, jstring request);
+
+// Forgets what an earlier start's channel still owed. Start-up, with new pipes.
+void QorResetCaller();

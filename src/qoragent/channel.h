@@ -1,0 +1,66 @@
+// The request channel: one shared text buffer and two pipes between a Java caller and the worker.
+//
+// The caller puts the request into `buf` and writes 20 bytes down `pipe_fd_PP`; the worker answers in
+// `pagebuf` and writes 20 bytes down `pipe_fd_CH`. The pipes carry nothing else, and give the only ordering
+// between the two. Their write ends never block: an unread pipe must not hold up a Java thread.
+//
+// The pipes are replaced by start-up only, when no worker lives and no caller is inside.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+enum : int32_t {
+    MAXNETDATA = 20480,
+    QOREOTLEN = 7,
+    REQUEST_LIMIT = MAXNETDATA + QOREOTLEN, // bytes of a request; its terminator comes behind them
+    BUF_SIZE = REQUEST_LIMIT + 1,
+    HANDSHAKE_SIZE = 20,
+    AGENT_SHUTDOWN = 5,
+    WAIT_FOR_EVER = -1,
+};
+
+// Ends a request text inside `buf`, and each reply of the relay.
+constexpr char END_OF_TRANSMISSION[] = "|\t|\t\t||";
+constexpr char WAKE_UP[] = "From Parent to Child";
+constexpr char HANDSHAKE[] = "From Child to Parent";
+static_assert(sizeof END_OF_TRANSMISSION == QOREOTLEN + 1, "marker length");
+static_assert(sizeof WAKE_UP == HANDSHAKE_SIZE + 1 && sizeof HANDSHAKE == HANDSHAKE_SIZE + 1, "text length");
+
+// The request. Written by the caller, cut up by the worker; its last byte is always 0.
+extern char buf[BUF_SIZE];
+
+extern int32_t pipe_fd_PP[2]; // parent to child: read by the worker, written by the caller
+extern int32_t pipe_fd_CH[2]; // child to parent
+
+// 0, or AGENT_SHUTDOWN from the request to leave until the worker has left.
+extern std::atomic<int32_t> agentstatus;
+
+// Word 0: the agent holds the GC lock. Word 1: a request is in progress, from its hand-over to its answer.
+extern std::atomic<int32_t> qorlocks[2];
+
+// Makes both pipes, closing what an earlier start left. False when one could not be made.
+bool QorOpenChannel();
+
+// Waits for input on `fd` up to `seconds`, or for ever, in slices of 10 seconds so that AGENT_SHUTDOWN is
+// seen. 1 when there is some; 0 when the time is over or the agent is leaving.
+int32_t qor_can_read(int32_t fd, int32_t seconds);
+
+// Sleeps in the same slices, through signals. The last slice is slept whole.
+void qor_safe_sleep(int32_t seconds);
+
+// Wakes the worker. False when the 20 bytes did not go.
+bool qor_signal_child_to_process();
+
+// Tells the caller that its reply stands.
+void QorSignalParent();
+
+// Waits for the worker's handshake; 0 seconds stand for 5,000. 1 when it came, -1 when something else came
+// (which counts as a reply too), 0 when the time is over.
+int32_t qor_wait_for_child_reponse(int32_t seconds);
+
+// Takes stale handshakes out of the pipe without waiting.
+void QorDrainHandshakes();
+
+// True when no wake-up waits in the pipe.
+bool QorNoWakeUpWaits();

@@ -1,0 +1,39 @@
+// Which JVM is which: vendor and version to a build index, and with it the road.
+#pragma once
+
+#include <cstdint>
+
+enum : int32_t {
+    RELEASE_KEY_SIZE = 80,
+    RELEASE_ROWS = 20,
+    SYMBOL_WORDS = 4,
+};
+
+struct QorRelease {
+    char key[RELEASE_KEY_SIZE]; // vendor text, directly followed by version text
+    int32_t offsetind;
+};
+
+extern const QorRelease release[RELEASE_ROWS];
+
+// Codes in word 0 of the missing-symbol words; a missing symbol's bit is its slot plus 2 and so never
+// collides.
+enum : uint32_t {
+    SYMBOLS_NO_LIST = 7, // the JVM has no row
+    SYMBOLS_UNSUPPORTED = 6,
+};
+
+// The row's build index, or BUILD_UNSUPPORTED.
+int32_t QorFindRelease(const char *key);
+
+// Selects the build for `key` into `offsetind` and tells in `words` (zeroed by the caller) which symbols of
+// the JVM library it could not find: a bit for each slot, or SYMBOLS_NO_LIST in word 0. No symbol is ever
+// found by this version, so a build that reads the JVM by address always lacks all that it needs.
+// Initialisation thread.
+void findsymbols(int32_t pid, const char *key, uint32_t words[SYMBOL_WORDS]);
+
+// Clears the bits of the symbols that a direct build can do without, by the kind of VM (jat_server_jvm).
+void QorForgiveSymbols(uint32_t words[SYMBOL_WORDS]);
+
+// 1 for a server VM, 0 for a client VM or an unknown one.
+extern int32_t jat_server_jvm;

@@ -1,0 +1,40 @@
+// The worker: the one thread that inspects the JVM.
+//
+// It sleeps on `pipe_fd_PP`, takes the request out of `buf`, lets the dispatcher answer into `pagebuf` and
+// writes the handshake. Each worker carries the number of its start. One whose number is no longer current is
+// outdated: it finishes what it is in, then leaves by itself and touches no global of its successor. No
+// thread is ever cancelled: a worker may hold the JVM's locks or be on its way through Java code.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <pthread.h>
+
+extern pthread_t thread; // the last worker started; 0 when the direct road gave it up
+
+extern std::atomic<int32_t> ch_pid; // system thread id of the worker or the initialisation thread; 0 for none
+extern std::atomic<int32_t> prev_ch_pid; // of the worker that was given up, or has ended
+extern int32_t gbThreadId;               // the worker's, on the JVMTI road
+extern int32_t iNotUsingSignalHandler;   // 1 on the JVMTI road; informational
+extern std::atomic<int32_t>
+    flagcompiled_java_code; // 1 while the worker is in a Java call that enriches a reply
+
+// 1 while the worker handles a wake-up. Another thread that must keep it out for a moment sets it likewise.
+extern std::atomic<int32_t> workerBusy;
+
+// Starts a detached worker, unless one has registered in `ch_pid` or the JVM is not supported: then nothing
+// happens, which counts as success. 0 or the error number. Java thread.
+int32_t qor_create_child_thread(pthread_t *handle);
+
+// Gives up a worker that did not answer in time: it becomes outdated and is not replaced. Direct road, on the
+// Java caller.
+void qor_terminate_child_thread();
+
+// Makes every worker of an earlier start leave and waits up to `seconds` for it. True when none is left.
+bool QorRetireWorkers(int32_t seconds);
+
+// True when the worker has nothing in hand and nothing waiting: all wake-ups so far have been dealt with.
+bool QorWorkerIsIdle();
+
+// The thread's body; the argument is the start number.
+void *qor_child_thread(void *startNumber);
