@@ -1,0 +1,57 @@
+package qoragent.demo;
+
+import java.io.IOException;
+
+/**
+ * An application with one thread for each thing that a thread can be busy with, to try the agent on.
+ *
+ * It prints "ready" when every thread is in its place, and ends when its standard input does or when its time is
+ * up: the first argument, in seconds, 300 if it isn't given.
+ */
+public final class Demo {
+    private static final int DEFAULT_SECONDS = 300;
+
+    private Demo() {
+    }
+
+    public static void main(String[] args) throws Exception {
+        endAfter(args.length > 0 ? Integer.parseInt(args[0]) : DEFAULT_SECONDS);
+        Actor[] actors = {
+            new Payments.Settlement(Feeds.silentConnection()), // before the two that want what it holds
+            new Payments.Refund(),
+            new Payments.Invoice(),
+            new Feeds.StockFeed(Feeds.silentConnection()),
+            new Feeds.FrontDoor(),
+            new Feeds.PriceFile(),
+            new Tasks.OrderQueue(),
+            new Tasks.NightReport(),
+            new Tasks.CategoryTree(),
+            new Tasks.Compute(),
+        };
+        for (Actor actor : actors)
+            actor.enter();
+        System.out.println("ready");
+        awaitEndOfInput();
+    }
+
+    private static void endAfter(int seconds) {
+        Thread limit = new Thread("demo-time-limit") {
+            @Override
+            public void run() {
+                try {
+                    Thread.sleep(seconds * 1000L);
+                } catch (InterruptedException e) {
+                    // nobody interrupts it; ending early is the safe side
+                }
+                System.exit(0);
+            }
+        };
+        limit.setDaemon(true);
+        limit.start();
+    }
+
+    private static void awaitEndOfInput() throws IOException {
+        while (System.in.read() >= 0)
+            continue;
+    }
+}
