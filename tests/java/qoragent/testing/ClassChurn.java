@@ -20,8 +20,7 @@ public final class ClassChurn {
     private static long rounds;
     private static long collected;
 
-    private ClassChurn() {
-    }
+    private ClassChurn() {}
 
     public static synchronized void start() {
         if (thread != null)
@@ -85,7 +84,7 @@ public final class ClassChurn {
     private static ClassLoader round() throws Exception {
         ClassLoader loader = new OwnCopyLoader(Worker.class);
         Class<?> copy = Class.forName(Worker.class.getName(), true, loader);
-        Runnable worker = (Runnable) copy.getDeclaredConstructor().newInstance();
+        Runnable worker = (Runnable)copy.getDeclaredConstructor().newInstance();
         worker.run();
         return loader;
     }
@@ -106,8 +105,7 @@ public final class ClassChurn {
 
         private int sum;
 
-        public Worker() {
-        }
+        public Worker() {}
 
         @Override
         public void run() {
@@ -122,8 +120,6 @@ public final class ClassChurn {
             Thread.yield();
         }
 
-        int sum() {
-            return sum;
-        }
+        int sum() { return sum; }
     }
 }

@@ -6,8 +6,8 @@ import java.util.concurrent.locks.LockSupport;
 /**
  * One thread that stands still in a known place until it is released.
  *
- * A resident is parked when its thread has the promised state and the promised method on top of its stack. Each
- * list of top methods holds one name for every generation of the JDK, 8 to 25.
+ * A resident is parked when its thread has the promised state and the promised method on top of its stack.
+ * Each list of top methods holds one name for every generation of the JDK, 8 to 25.
  */
 abstract class Resident implements Runnable {
     private static final long LIMIT_NANOS = 60_000_000_000L;
@@ -29,8 +29,7 @@ abstract class Resident implements Runnable {
     }
 
     /** Makes what the thread needs; runs on the caller's thread, before the thread starts. */
-    void prepare() throws Exception {
-    }
+    void prepare() throws Exception {}
 
     /** Goes to the known place and stays there; what it throws once released is of no interest. */
     abstract void live() throws Exception;
@@ -50,9 +49,7 @@ abstract class Resident implements Runnable {
         }
     }
 
-    Thread thread() {
-        return thread;
-    }
+    Thread thread() { return thread; }
 
     /** Starts the thread and returns when it is parked. */
     final void start() throws Exception {
@@ -69,8 +66,8 @@ abstract class Resident implements Runnable {
             if (failure != null)
                 throw new IllegalStateException("zoo-" + kind + " could not stay", failure);
             if (System.nanoTime() > end)
-                throw new IllegalStateException("zoo-" + kind + " is not parked: " + thread.getState() + " in "
-                        + Arrays.toString(thread.getStackTrace()));
+                throw new IllegalStateException("zoo-" + kind + " is not parked: " + thread.getState() +
+                                                " in " + Arrays.toString(thread.getStackTrace()));
             Thread.sleep(1);
         }
     }
@@ -86,9 +83,7 @@ abstract class Resident implements Runnable {
         return Arrays.asList(tops).contains(frame.getClassName() + "." + frame.getMethodName());
     }
 
-    final boolean released() {
-        return released;
-    }
+    final boolean released() { return released; }
 
     final void release() throws Exception {
         released = true;
@@ -101,8 +96,8 @@ abstract class Resident implements Runnable {
             return;
         thread.join(LIMIT_NANOS / 1_000_000);
         if (thread.isAlive())
-            throw new IllegalStateException("zoo-" + kind + " does not end: "
-                    + Arrays.toString(thread.getStackTrace()));
+            throw new IllegalStateException("zoo-" + kind +
+                                            " does not end: " + Arrays.toString(thread.getStackTrace()));
     }
 
     /** Holds its one thread in LockSupport.park until it is opened. */
@@ -124,9 +119,7 @@ abstract class Resident implements Runnable {
     abstract static class Parked extends Resident {
         final Gate gate = new Gate();
 
-        Parked(String kind) {
-            super(kind, Thread.State.WAITING, PARKED);
-        }
+        Parked(String kind) { super(kind, Thread.State.WAITING, PARKED); }
 
         /** Ends in gate.pass(). */
         abstract void walk() throws Exception;

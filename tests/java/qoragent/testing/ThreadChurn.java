@@ -1,8 +1,8 @@
 package qoragent.testing;
 
 /**
- * Threads that start and end without end: "churn-threads" starts "churned-N" one after the other, four at a time
- * alive.
+ * Threads that start and end without end: "churn-threads" starts "churned-N" one after the other, four at a
+ * time alive.
  */
 public final class ThreadChurn {
     private static final int ALIVE = 4;
@@ -12,8 +12,7 @@ public final class ThreadChurn {
     private static volatile boolean stop;
     private static long ended;
 
-    private ThreadChurn() {
-    }
+    private ThreadChurn() {}
 
     public static synchronized void start() {
         if (thread != null)

@@ -19,8 +19,7 @@ import java.util.TreeMap;
  * </pre>
  */
 public final class Truth {
-    private Truth() {
-    }
+    private Truth() {}
 
     /** All live threads with their monitors, by ThreadMXBean.dumpAllThreads(true, false), ordered by id. */
     public static String threads() {
@@ -65,12 +64,10 @@ public final class Truth {
     private static void frames(StringBuilder text, StackTraceElement[] frames) {
         for (int i = 0; i < frames.length; i++)
             line(text, "frame", i, frames[i].getClassName() + "->" + frames[i].getMethodName(),
-                    frames[i].getFileName() == null ? "-" : frames[i].getFileName(), frames[i].getLineNumber());
+                 frames[i].getFileName() == null ? "-" : frames[i].getFileName(), frames[i].getLineNumber());
     }
 
-    private static String hash(LockInfo lock) {
-        return Integer.toHexString(lock.getIdentityHashCode());
-    }
+    private static String hash(LockInfo lock) { return Integer.toHexString(lock.getIdentityHashCode()); }
 
     private static void line(StringBuilder text, Object... fields) {
         for (int i = 0; i < fields.length; i++)

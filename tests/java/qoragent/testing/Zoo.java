@@ -19,12 +19,12 @@ public final class Zoo {
     private static final Map<String, Resident> residents = new LinkedHashMap<>();
     private static int deepBase = -1;
 
-    private Zoo() {
-    }
+    private Zoo() {}
 
     /** Starts all kinds, or those named in a comma-separated list when it isn't null or empty. */
     public static synchronized void start(String kinds) throws Exception {
-        Set<String> wanted = kinds == null || kinds.isEmpty() ? null : new HashSet<>(Arrays.asList(kinds.split(",")));
+        Set<String> wanted =
+            kinds == null || kinds.isEmpty() ? null : new HashSet<>(Arrays.asList(kinds.split(",")));
         for (Resident resident : all())
             if (wanted == null || wanted.remove(resident.kind))
                 admit(resident);
@@ -32,9 +32,7 @@ public final class Zoo {
             throw new IllegalArgumentException("no such residents: " + wanted);
     }
 
-    public static void start() throws Exception {
-        start(null);
-    }
+    public static void start() throws Exception { start(null); }
 
     /** Starts "zoo-deep-N", which has exactly `frames` frames, and returns the thread. */
     public static synchronized Thread startDeep(int frames) throws Exception {
@@ -85,18 +83,14 @@ public final class Zoo {
     }
 
     /** The kinds that are here, one a line, in the order of their coming. */
-    public static synchronized String kinds() {
-        return String.join("\n", residents.keySet());
-    }
+    public static synchronized String kinds() { return String.join("\n", residents.keySet()); }
 
     /** A named monitor of the residents: outer, middle, twin, inner, wanting, reentered, around-wait. */
-    public static Object monitor(String name) {
-        return ZooLocks.monitors().get(name);
-    }
+    public static Object monitor(String name) { return ZooLocks.monitors().get(name); }
 
     /**
-     * The monitors that a resident holds, by what its code says and its stack shows: one a line, innermost first,
-     * frame depth, class name and identity hash in hex, separated by tabs.
+     * The monitors that a resident holds, by what its code says and its stack shows: one a line, innermost
+     * first, frame depth, class name and identity hash in hex, separated by tabs.
      */
     public static String heldMonitors(String kind) {
         StackTraceElement[] frames = thread(kind).getStackTrace();
@@ -104,8 +98,12 @@ public final class Zoo {
         for (Object[] row : ZooLocks.TAKEN)
             for (int depth = 0; row[0].equals(kind) && depth < frames.length; depth++)
                 if (frames[depth].getMethodName().equals(row[1]))
-                    text.append(depth).append('\t').append(row[2].getClass().getName()).append('\t')
-                            .append(Integer.toHexString(System.identityHashCode(row[2]))).append('\n');
+                    text.append(depth)
+                        .append('\t')
+                        .append(row[2].getClass().getName())
+                        .append('\t')
+                        .append(Integer.toHexString(System.identityHashCode(row[2])))
+                        .append('\n');
         return text.toString();
     }
 

@@ -26,40 +26,40 @@ final class ZooIo {
     private static final int HOUR_MILLIS = 3_600_000;
     private static final int MORE_THAN_A_FIFO_HOLDS = 4 << 20;
 
-    private ZooIo() {
-    }
+    private ZooIo() {}
 
     static List<Resident> residents() {
-        return new ArrayList<>(Arrays.asList(new SocketRead("socket-read", 0),
-                new SocketRead("socket-read-timeout", HOUR_MILLIS),
-                new SocketWrite(), new Accept("accept", 0), new Accept("accept-timeout", HOUR_MILLIS),
-                new ChannelAccept(), new ChannelRead(), new Select(), new Receive(),
-                new FileRead("file-read", "java.io.FileInputStream.read0") {
-                    @Override
-                    void read(FileInputStream in) throws IOException {
-                        in.read();
-                    }
-                }, new FileRead("file-read-bytes", "java.io.FileInputStream.readBytes") {
-                    @Override
-                    void read(FileInputStream in) throws IOException {
-                        in.read(new byte[64]);
-                    }
-                }, new FileRead("file-channel-read", "sun.nio.ch.FileDispatcherImpl.read0",
-                        "sun.nio.ch.UnixFileDispatcherImpl.read0") {
-                    @Override
-                    void read(FileInputStream in) throws IOException {
-                        in.getChannel().read(ByteBuffer.allocateDirect(64));
-                    }
-                }, new RandomRead(), new FileWrite()));
+        return new ArrayList<>(Arrays.asList(
+            new SocketRead("socket-read", 0), new SocketRead("socket-read-timeout", HOUR_MILLIS),
+            new SocketWrite(), new Accept("accept", 0), new Accept("accept-timeout", HOUR_MILLIS),
+            new ChannelAccept(), new ChannelRead(), new Select(), new Receive(),
+            new FileRead("file-read", "java.io.FileInputStream.read0") {
+                @Override
+                void read(FileInputStream in) throws IOException {
+                    in.read();
+                }
+            },
+            new FileRead("file-read-bytes", "java.io.FileInputStream.readBytes") {
+                @Override
+                void read(FileInputStream in) throws IOException {
+                    in.read(new byte[64]);
+                }
+            },
+            new FileRead("file-channel-read", "sun.nio.ch.FileDispatcherImpl.read0",
+                         "sun.nio.ch.UnixFileDispatcherImpl.read0") {
+                @Override
+                void read(FileInputStream in) throws IOException {
+                    in.getChannel().read(ByteBuffer.allocateDirect(64));
+                }
+            },
+            new RandomRead(), new FileWrite()));
     }
 
     /** A resident in a call that ends when what it opened is closed. */
     private abstract static class Io extends Resident {
         private final List<Closeable> opened = new ArrayList<>();
 
-        Io(String kind, String... tops) {
-            super(kind, Thread.State.RUNNABLE, tops);
-        }
+        Io(String kind, String... tops) { super(kind, Thread.State.RUNNABLE, tops); }
 
         final <T extends Closeable> T open(T resource) {
             opened.add(0, resource);
@@ -78,9 +78,7 @@ final class ZooIo {
         Socket near;
         Socket far;
 
-        Connected(String kind, String... tops) {
-            super(kind, tops);
-        }
+        Connected(String kind, String... tops) { super(kind, tops); }
 
         @Override
         void prepare() throws Exception {
@@ -96,7 +94,7 @@ final class ZooIo {
 
         SocketRead(String kind, int timeoutMillis) {
             super(kind, "java.net.SocketInputStream.socketRead0",
-                    timeoutMillis == 0 ? "sun.nio.ch.SocketDispatcher.read0" : "sun.nio.ch.Net.poll");
+                  timeoutMillis == 0 ? "sun.nio.ch.SocketDispatcher.read0" : "sun.nio.ch.Net.poll");
             this.timeoutMillis = timeoutMillis;
         }
 
@@ -112,7 +110,8 @@ final class ZooIo {
         private SocketChannel near;
 
         SocketWrite() {
-            super("socket-write", "sun.nio.ch.FileDispatcherImpl.write0", "sun.nio.ch.SocketDispatcher.write0");
+            super("socket-write", "sun.nio.ch.FileDispatcherImpl.write0",
+                  "sun.nio.ch.SocketDispatcher.write0");
         }
 
         @Override
@@ -144,7 +143,7 @@ final class ZooIo {
 
         Accept(String kind, int timeoutMillis) {
             super(kind, "java.net.PlainSocketImpl.socketAccept",
-                    timeoutMillis == 0 ? "sun.nio.ch.Net.accept" : "sun.nio.ch.Net.poll");
+                  timeoutMillis == 0 ? "sun.nio.ch.Net.accept" : "sun.nio.ch.Net.poll");
             this.timeoutMillis = timeoutMillis;
         }
 
@@ -204,9 +203,7 @@ final class ZooIo {
     private static final class Select extends Io {
         private Selector selector;
 
-        Select() {
-            super("select", "sun.nio.ch.EPollArrayWrapper.epollWait", "sun.nio.ch.EPoll.wait");
-        }
+        Select() { super("select", "sun.nio.ch.EPollArrayWrapper.epollWait", "sun.nio.ch.EPoll.wait"); }
 
         @Override
         void prepare() throws Exception {
@@ -224,7 +221,7 @@ final class ZooIo {
 
         Receive() {
             super("datagram-receive", "java.net.PlainDatagramSocketImpl.receive0",
-                    "sun.nio.ch.DatagramChannelImpl.receive0");
+                  "sun.nio.ch.DatagramChannelImpl.receive0");
         }
 
         @Override
@@ -243,9 +240,7 @@ final class ZooIo {
         File path;
         RandomAccessFile otherEnd;
 
-        Fifo(String kind, String... tops) {
-            super(kind, tops);
-        }
+        Fifo(String kind, String... tops) { super(kind, tops); }
 
         @Override
         void prepare() throws Exception {
@@ -266,15 +261,11 @@ final class ZooIo {
         }
 
         /** Lets the blocked call come back. */
-        void free() throws IOException {
-            otherEnd.write(0);
-        }
+        void free() throws IOException { otherEnd.write(0); }
     }
 
     private abstract static class FileRead extends Fifo {
-        FileRead(String kind, String... tops) {
-            super(kind, tops);
-        }
+        FileRead(String kind, String... tops) { super(kind, tops); }
 
         abstract void read(FileInputStream in) throws IOException;
 
@@ -287,9 +278,7 @@ final class ZooIo {
     }
 
     private static final class RandomRead extends Fifo {
-        RandomRead() {
-            super("random-access-read", "java.io.RandomAccessFile.read0");
-        }
+        RandomRead() { super("random-access-read", "java.io.RandomAccessFile.read0"); }
 
         @Override
         void live() throws Exception {
@@ -300,9 +289,7 @@ final class ZooIo {
     }
 
     private static final class FileWrite extends Fifo {
-        FileWrite() {
-            super("file-write", "java.io.FileOutputStream.writeBytes");
-        }
+        FileWrite() { super("file-write", "java.io.FileOutputStream.writeBytes"); }
 
         @Override
         void live() throws Exception {

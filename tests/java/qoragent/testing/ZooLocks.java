@@ -11,23 +11,17 @@ import java.util.concurrent.locks.ReentrantLock;
 
 /** Residents that sleep, park, wait, and hold or want locks. */
 final class ZooLocks {
-    static final class Outer {
-    }
+    static final class Outer {}
 
-    static final class Middle {
-    }
+    static final class Middle {}
 
-    static final class Twin {
-    }
+    static final class Twin {}
 
-    static final class Inner {
-    }
+    static final class Inner {}
 
-    static final class Wanting {
-    }
+    static final class Wanting {}
 
-    static final class Waiting {
-    }
+    static final class Waiting {}
 
     private static final Object OUTER = new Outer();
     private static final Object MIDDLE = new Middle();
@@ -39,17 +33,17 @@ final class ZooLocks {
     private static final ReentrantLock LOCK = new ReentrantLock();
     private static final long HOUR_MILLIS = 3_600_000;
     private static final String[] SLEEPING = {"java.lang.Thread.sleep", "java.lang.Thread.sleep0",
-            "java.lang.Thread.sleepNanos0"};
+                                              "java.lang.Thread.sleepNanos0"};
     private static final String[] WAITING = {"java.lang.Object.wait", "java.lang.Object.wait0"};
 
-    private ZooLocks() {
-    }
+    private ZooLocks() {}
 
     static List<Resident> residents() {
-        return new ArrayList<>(Arrays.asList(new Sleep(), new Park(), new TimedPark(), new ObjectWait("wait", 0),
-                new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Holder(), new Blocked(),
-                new BlockedSecond(), new Reentrant(), new WaitInside(), new LockHolder(), new LockWaiter(),
-                new TimedLockWaiter()));
+        return new ArrayList<>(
+            Arrays.asList(new Sleep(), new Park(), new TimedPark(), new ObjectWait("wait", 0),
+                          new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Holder(), new Blocked(),
+                          new BlockedSecond(), new Reentrant(), new WaitInside(), new LockHolder(),
+                          new LockWaiter(), new TimedLockWaiter()));
     }
 
     static Map<String, Object> monitors() {
@@ -65,24 +59,18 @@ final class ZooLocks {
     }
 
     /**
-     * Which method of a resident takes which monitor: rows of resident, method, monitor; of two monitors in one
-     * method the inner one stands first.
+     * Which method of a resident takes which monitor: rows of resident, method, monitor; of two monitors in
+     * one method the inner one stands first.
      */
     static final Object[][] TAKEN = {
-            {"holder", "takeInner", INNER},
-            {"holder", "takeMiddleAndTwin", TWIN},
-            {"holder", "takeMiddleAndTwin", MIDDLE},
-            {"holder", "takeOuter", OUTER},
-            {"blocked", "takeWanting", WANTING},
-            {"reentrant", "takeAgain", REENTERED},
-            {"reentrant", "take", REENTERED},
-            {"wait-inside", "takeAround", AROUND_WAIT},
+        {"holder", "takeInner", INNER},          {"holder", "takeMiddleAndTwin", TWIN},
+        {"holder", "takeMiddleAndTwin", MIDDLE}, {"holder", "takeOuter", OUTER},
+        {"blocked", "takeWanting", WANTING},     {"reentrant", "takeAgain", REENTERED},
+        {"reentrant", "take", REENTERED},        {"wait-inside", "takeAround", AROUND_WAIT},
     };
 
     private static final class Sleep extends Resident {
-        Sleep() {
-            super("sleep", Thread.State.TIMED_WAITING, SLEEPING);
-        }
+        Sleep() { super("sleep", Thread.State.TIMED_WAITING, SLEEPING); }
 
         @Override
         void live() throws Exception {
@@ -96,9 +84,7 @@ final class ZooLocks {
     }
 
     private static final class Park extends Resident.Parked {
-        Park() {
-            super("park");
-        }
+        Park() { super("park"); }
 
         @Override
         void walk() {
@@ -109,9 +95,7 @@ final class ZooLocks {
     private static final class TimedPark extends Resident {
         private volatile boolean open;
 
-        TimedPark() {
-            super("park-timed", Thread.State.TIMED_WAITING, PARKED);
-        }
+        TimedPark() { super("park-timed", Thread.State.TIMED_WAITING, PARKED); }
 
         @Override
         void live() {
@@ -156,9 +140,7 @@ final class ZooLocks {
         private final Gate gate = new Gate();
         private Thread joined;
 
-        Join() {
-            super("join", Thread.State.WAITING, ZooLocks.WAITING);
-        }
+        Join() { super("join", Thread.State.WAITING, ZooLocks.WAITING); }
 
         @Override
         void prepare() {
@@ -185,9 +167,7 @@ final class ZooLocks {
 
     /** Holds four monitors in three frames; see TAKEN. */
     private static final class Holder extends Resident.Parked {
-        Holder() {
-            super("holder");
-        }
+        Holder() { super("holder"); }
 
         @Override
         void walk() {
@@ -208,9 +188,7 @@ final class ZooLocks {
             }
         }
 
-        private void takeNothing() {
-            takeInner();
-        }
+        private void takeNothing() { takeInner(); }
 
         private void takeInner() {
             synchronized (INNER) {
@@ -221,9 +199,7 @@ final class ZooLocks {
 
     /** Holds one monitor and wants the innermost of the holder's. */
     private static final class Blocked extends Resident {
-        Blocked() {
-            super("blocked", Thread.State.BLOCKED, "qoragent.testing.ZooLocks$Blocked.wantInner");
-        }
+        Blocked() { super("blocked", Thread.State.BLOCKED, "qoragent.testing.ZooLocks$Blocked.wantInner"); }
 
         @Override
         void live() {
@@ -245,8 +221,7 @@ final class ZooLocks {
 
         /** Comes back by itself when the holder lets go. */
         @Override
-        void letGo() {
-        }
+        void letGo() {}
     }
 
     /** Wants the monitor that the blocked one holds. */
@@ -263,15 +238,12 @@ final class ZooLocks {
         }
 
         @Override
-        void letGo() {
-        }
+        void letGo() {}
     }
 
     /** Holds one monitor twice, in two frames. */
     private static final class Reentrant extends Resident.Parked {
-        Reentrant() {
-            super("reentrant");
-        }
+        Reentrant() { super("reentrant"); }
 
         @Override
         void walk() {
@@ -295,9 +267,7 @@ final class ZooLocks {
     private static final class WaitInside extends Resident {
         private final Object waitedFor = new Waiting();
 
-        WaitInside() {
-            super("wait-inside", Thread.State.WAITING, ZooLocks.WAITING);
-        }
+        WaitInside() { super("wait-inside", Thread.State.WAITING, ZooLocks.WAITING); }
 
         @Override
         void live() throws Exception {
@@ -322,9 +292,7 @@ final class ZooLocks {
     }
 
     private static final class LockHolder extends Resident.Parked {
-        LockHolder() {
-            super("lock-holder");
-        }
+        LockHolder() { super("lock-holder"); }
 
         @Override
         void walk() {
@@ -338,9 +306,7 @@ final class ZooLocks {
     }
 
     private static final class LockWaiter extends Resident {
-        LockWaiter() {
-            super("lock-waiter", Thread.State.WAITING, PARKED);
-        }
+        LockWaiter() { super("lock-waiter", Thread.State.WAITING, PARKED); }
 
         @Override
         void live() {
@@ -349,14 +315,11 @@ final class ZooLocks {
         }
 
         @Override
-        void letGo() {
-        }
+        void letGo() {}
     }
 
     private static final class TimedLockWaiter extends Resident {
-        TimedLockWaiter() {
-            super("lock-waiter-timed", Thread.State.TIMED_WAITING, PARKED);
-        }
+        TimedLockWaiter() { super("lock-waiter-timed", Thread.State.TIMED_WAITING, PARKED); }
 
         @Override
         void live() throws Exception {
@@ -365,7 +328,6 @@ final class ZooLocks {
         }
 
         @Override
-        void letGo() {
-        }
+        void letGo() {}
     }
 }

@@ -6,21 +6,18 @@ import java.util.List;
 
 /** Residents that run, stand in a class's initialiser, stand deep in a recursion, or stand below a lambda. */
 final class ZooRun {
-    private ZooRun() {
-    }
+    private ZooRun() {}
 
     static List<Resident> residents() {
         return new ArrayList<>(Arrays.asList(new Spin(), new Lambda(), new Initialiser(), new ProcessWait(),
-                new Deep("deep", 60)));
+                                             new Deep("deep", 60)));
     }
 
     private static final class Spin extends Resident {
         private volatile boolean stop;
         private volatile long turns;
 
-        Spin() {
-            super("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun$Spin.spin");
-        }
+        Spin() { super("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun$Spin.spin"); }
 
         @Override
         void live() {
@@ -42,9 +39,7 @@ final class ZooRun {
 
     /** Its stack holds frames of a class that the JVM made at run time. */
     private static final class Lambda extends Resident.Parked {
-        Lambda() {
-            super("lambda");
-        }
+        Lambda() { super("lambda"); }
 
         @Override
         void walk() {
@@ -62,30 +57,22 @@ final class ZooRun {
             BORN = System.nanoTime();
         }
 
-        private Stuck() {
-        }
+        private Stuck() {}
 
-        static long born() {
-            return BORN;
-        }
+        static long born() { return BORN; }
     }
 
     /** What the stuck initialiser waits on; public, as copies of Stuck live in packages of their own. */
     public static final class SlowStart {
         private static volatile Resident.Gate gate;
 
-        private SlowStart() {
-        }
+        private SlowStart() {}
 
-        public static void pass() {
-            gate.pass();
-        }
+        public static void pass() { gate.pass(); }
     }
 
     private static final class Initialiser extends Resident {
-        Initialiser() {
-            super("initialiser", Thread.State.WAITING, PARKED);
-        }
+        Initialiser() { super("initialiser", Thread.State.WAITING, PARKED); }
 
         @Override
         void prepare() {
@@ -108,7 +95,7 @@ final class ZooRun {
 
         ProcessWait() {
             super("process-wait", Thread.State.WAITING, "java.lang.Object.wait", "java.lang.Object.wait0",
-                    "sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park");
+                  "sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park");
         }
 
         @Override

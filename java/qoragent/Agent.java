@@ -1,0 +1,212 @@
+package qoragent;
+
+import java.io.IOException;
+import java.lang.instrument.Instrumentation;
+import java.lang.ref.WeakReference;
+import java.net.InetAddress;
+
+/**
+ * The agent of this JVM: its natives, its start and its end.
+ *
+ * It starts by -javaagent, by attaching, or by {@link #start(String)}; a start while it runs changes nothing.
+ * Nothing here throws into the application except start(String), which the application calls itself. The
+ * natives other than initvar may be called once the agent has been started.
+ */
+public final class Agent {
+    /**
+     * How the agent of this JVM fares, for tools that look from outside: running, stopped or "failed: why".
+     */
+    static final String STATUS_PROPERTY = "qoragent.status";
+
+    private static final String RUNNING = "running";
+    private static final String STOPPED = "stopped";
+    private static final String SHUTDOWN = "SHUTDOWN";
+    private static final int JVM_UNSUPPORTED = 7;
+
+    /** Guards the three fields below. Not the class, whose lock a request holds until its reply. */
+    private static final Object life = new Object();
+    private static boolean running;
+    private static Options options;
+    private static Relay relay;
+
+    private Agent() {}
+
+    public static void premain(String text, Instrumentation instrumentation) { startQuietly(text); }
+
+    public static void agentmain(String text, Instrumentation instrumentation) { startQuietly(text); }
+
+    private static void startQuietly(String text) {
+        try {
+            start(text);
+        } catch (Throwable t) {
+            complain(t.getMessage() != null ? t.getMessage() : t.toString());
+        }
+    }
+
+    private static void complain(String message) {
+        System.err.println("qoragent: " + message.replace('\n', ' '));
+    }
+
+    /**
+     * Starts the agent with "key=value" options, comma-separated; null or empty are all defaults. When it
+     * runs already nothing happens, unless the options ask for something that it doesn't run with.
+     *
+     * @throws IllegalArgumentException for an option that is unknown or has a bad value
+     * @throws IllegalStateException when the agent can't start, or runs with other options
+     */
+    public static void start(String text) {
+        Options wanted = Options.parse(text);
+        synchronized (life) {
+            if (running) {
+                if (!wanted.agreeWith(options))
+                    throw new IllegalStateException(
+                        "it runs already, with other options; they hold until it is shut down");
+                return;
+            }
+            if (RUNNING.equals(System.getProperty(STATUS_PROPERTY)))
+                throw new IllegalStateException("it runs already, loaded by another class loader");
+            try {
+                launch(wanted);
+                System.setProperty(STATUS_PROPERTY, RUNNING);
+            } catch (RuntimeException | Error e) {
+                System.setProperty(STATUS_PROPERTY, "failed: " + e.getMessage());
+                throw e;
+            }
+        }
+    }
+
+    /** What can fail cheaply comes first; the door opens to the consoles when all else stands. */
+    private static void launch(Options wanted) {
+        NativeLibrary.load();
+        Relay door = wanted.relay() ? openRelay(wanted) : null;
+        try {
+            int status = initialise(wanted);
+            if (status != 0)
+                throw new IllegalStateException(reason(status));
+            running = true;
+            options = wanted;
+            relay = door;
+            if (door != null)
+                door.start();
+        } catch (IOException e) {
+            abandon(door);
+            throw new IllegalStateException("the relay cannot start: " + e.getMessage(), e);
+        } catch (RuntimeException | Error e) {
+            abandon(door);
+            throw e;
+        }
+    }
+
+    private static void abandon(Relay door) {
+        if (door != null)
+            door.close();
+        if (running)
+            dataFromNative(SHUTDOWN);
+        running = false;
+        relay = null;
+    }
+
+    private static Relay openRelay(Options wanted) {
+        try {
+            return Relay.open(Agent::request, InetAddress.getByName(wanted.text("bind")),
+                              wanted.number("port"), Endpoint.ofThisProcess());
+        } catch (IOException e) {
+            throw new IllegalStateException("the relay cannot start: " + e.getMessage(), e);
+        }
+    }
+
+    private static int initialise(Options o) {
+        String server = o.text("webserver");
+        return initvar(o.number("loglevel"), o.number("optlevel"), o.number("maxbackoff"),
+                       o.number("timeout"), o.number("sigchain"), o.text("vendor"), o.text("version"),
+                       o.osName(), new Object(), new WeakReference<Object>(life), new Object[1], new int[1],
+                       server.isEmpty() ? null : server, null, o.text("logfile"), o.text("jvmid"),
+                       o.number("lockinfo"), o.number("dbquery"), o.number("sqlsize"), o.number("localquota"),
+                       o.number("stackqueried"), o.number("stackrecorded"));
+    }
+
+    private static String reason(int status) {
+        if (status == JVM_UNSUPPORTED)
+            return "this JVM is not supported at optlevel 2; use optlevel 0 (status 7)";
+        return "the library's start-up failed with status " + status + "; loglevel=3 tells more";
+    }
+
+    /**
+     * Sends one request and returns the reply, null for no answer. SHUTDOWN ends the agent, its relay
+     * included; start(String) starts it anew. One request runs at a time; a second caller waits.
+     *
+     * @throws IllegalStateException when the agent doesn't run
+     */
+    public static String request(String text) {
+        if (text.startsWith(SHUTDOWN)) {
+            shutdown(text);
+            return null;
+        }
+        synchronized (life) {
+            if (!running)
+                throw new IllegalStateException("the agent does not run");
+        }
+        return dataFromNative(text);
+    }
+
+    private static void shutdown(String text) {
+        synchronized (life) {
+            if (!running)
+                return;
+            dataFromNative(text);
+            running = false;
+            if (relay != null)
+                relay.close();
+            relay = null;
+            System.setProperty(STATUS_PROPERTY, STOPPED);
+        }
+    }
+
+    /**
+     * Starts the native side. The four objects from `sample` on are one of each kind whose memory layout the
+     * library may look at; `unused` is not read.
+     *
+     * @return 0 when the agent is usable, 7 for a JVM that the level doesn't support, else a failure
+     */
+    static native int initvar(int logLevel, int optLevel, int maxBackoff, int timeout, int sigChain,
+                              String vendor, String version, String osName, Object sample,
+                              Object sampleReference, Object sampleArray, Object sampleInts, String webServer,
+                              Object unused, String logFile, String jvmId, int lockInfo, int dbQuery,
+                              int sqlSize, int localQuota, int stackQueried, int stackRecorded);
+
+    /**
+     * Hands a request to the worker and waits for its reply; the class's lock makes it one caller at a time.
+     */
+    static synchronized native String dataFromNative(String request);
+
+    /** The threads of the last sample that carried thread data, or null; call it between requests only. */
+    public static native Object[] getThreadObjects();
+
+    public static native int setLogLevel(int level);
+
+    public static native int setOptLevel(int level);
+
+    /** The host's addresses and names: "address,name," for each interface that is up. */
+    public static native String addvips();
+
+    public static native String getCpuData();
+
+    /** Context switches of this process, voluntary and not. */
+    public static native String getProcessContextSwitchCount();
+
+    /** The operating system's id of the inspecting thread, -1 before there was one. */
+    public static native long getAgentWorkerThreadId();
+
+    public static native long getCurrentThreadOsId();
+
+    public static native long getOpenFileDescriptorInProcess();
+
+    public static native int getTotalFileDescriptorInProcess();
+
+    public static native long getTotalReadCharPerThread(int osThreadId);
+
+    public static native long getTotalWriteCharPerThread(int osThreadId);
+
+    /** Loads a Java agent, "jar=options", into this JVM; 0, or negative when the JVM can't. */
+    public static native int loadJavaAgent(String options);
+}

@@ -1,0 +1,135 @@
+package qoragent;
+
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.nio.channels.SeekableByteChannel;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.FileAlreadyExistsException;
+import java.nio.file.Files;
+import java.nio.file.LinkOption;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.nio.file.StandardCopyOption;
+import java.nio.file.StandardOpenOption;
+import java.nio.file.attribute.FileAttribute;
+import java.nio.file.attribute.PosixFilePermission;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.security.SecureRandom;
+import java.util.EnumSet;
+import java.util.Map;
+import java.util.Set;
+
+/**
+ * Where a console finds the relay of this JVM and the token that opens it: the file PID.endpoint in a
+ * directory that only its owner can enter.
+ *
+ * /tmp is everybody's, so the directory counts only when it is a real directory of this user with no leave
+ * for others; anything else there is somebody's trap and is refused, never mended.
+ */
+final class Endpoint {
+    private static final int TOKEN_BYTES = 16;
+    private static final int PERMISSION_BITS = 07777;
+    private static final int DIRECTORY_MODE = 0700;
+    private static final Set<PosixFilePermission> OWNER_DIRECTORY =
+        PosixFilePermissions.fromString("rwx------");
+    private static final Set<PosixFilePermission> OWNER_FILE = PosixFilePermissions.fromString("rw-------");
+
+    private final Path dir;
+    private final int uid;
+    private final int pid;
+    private final String token;
+
+    /** @param uid the owner that `dir` must have */
+    Endpoint(Path dir, int uid, int pid) {
+        this.dir = dir;
+        this.uid = uid;
+        this.pid = pid;
+        this.token = randomHex(TOKEN_BYTES);
+    }
+
+    /** The endpoint of this JVM, by its effective user and its process id as it sees them itself. */
+    static Endpoint ofThisProcess() throws IOException {
+        int uid = -1;
+        int pid = -1;
+        for (String line : Files.readAllLines(Paths.get("/proc/self/status"), StandardCharsets.ISO_8859_1)) {
+            String[] fields = line.split("\\s+");
+            if (fields[0].equals("Uid:"))
+                uid = Integer.parseUnsignedInt(fields[2]);
+            else if (fields[0].equals("Pid:"))
+                pid = Integer.parseInt(fields[1]);
+        }
+        if (pid < 0)
+            throw new IOException("/proc/self/status tells no process id");
+        return new Endpoint(Paths.get("/tmp/qoragent-" + Integer.toUnsignedString(uid)), uid, pid);
+    }
+
+    String token() { return token; }
+
+    Path file() { return dir.resolve(pid + ".endpoint"); }
+
+    /**
+     * Makes the directory, or makes sure of the one that is there.
+     *
+     * @throws IOException saying what is wrong with it
+     */
+    void openDirectory() throws IOException {
+        try {
+            Files.createDirectory(dir, PosixFilePermissions.asFileAttribute(OWNER_DIRECTORY));
+        } catch (FileAlreadyExistsException e) {
+            // as good as made, if it passes below
+        }
+        Map<String, Object> facts =
+            Files.readAttributes(dir, "unix:mode,uid,isDirectory", LinkOption.NOFOLLOW_LINKS);
+        int mode = (Integer)facts.get("mode") & PERMISSION_BITS;
+        if (!(Boolean)facts.get("isDirectory"))
+            throw new IOException(dir + " is no directory");
+        if ((Integer)facts.get("uid") != uid)
+            throw new IOException(dir + " belongs to another user");
+        if (mode != DIRECTORY_MODE)
+            throw new IOException(dir + " has mode 0" + Integer.toOctalString(mode) + " and must have 0700");
+    }
+
+    /**
+     * Writes the file under another name and moves it to its place whole; replaces what a dead JVM left
+     * there.
+     */
+    void publish(int port) throws IOException {
+        openDirectory();
+        Path fresh = dir.resolve(pid + "." + randomHex(8) + ".new");
+        FileAttribute<?> mode = PosixFilePermissions.asFileAttribute(OWNER_FILE);
+        String text = "port=" + port + "\ntoken=" + token + "\npid=" + pid + "\nversion=1\n";
+        try {
+            try (SeekableByteChannel out = Files.newByteChannel(
+                     fresh, EnumSet.of(StandardOpenOption.CREATE_NEW, StandardOpenOption.WRITE), mode)) {
+                ByteBuffer bytes = ByteBuffer.wrap(text.getBytes(StandardCharsets.US_ASCII));
+                while (bytes.hasRemaining())
+                    out.write(bytes);
+            }
+            Files.move(fresh, file(), StandardCopyOption.ATOMIC_MOVE);
+        } finally {
+            Files.deleteIfExists(fresh);
+        }
+    }
+
+    /**
+     * Removes the file if it is still this endpoint's: processes in other containers may share the number.
+     */
+    void withdraw() {
+        try {
+            String text = new String(Files.readAllBytes(file()), StandardCharsets.US_ASCII);
+            if (text.contains("token=" + token + "\n"))
+                Files.deleteIfExists(file());
+        } catch (IOException e) {
+            // it is gone, or out of reach; a console finds no relay behind it either way
+        }
+    }
+
+    private static String randomHex(int bytes) {
+        byte[] random = new byte[bytes];
+        new SecureRandom().nextBytes(random);
+        StringBuilder hex = new StringBuilder();
+        for (byte b : random)
+            hex.append(Character.forDigit(b >> 4 & 15, 16)).append(Character.forDigit(b & 15, 16));
+        return hex.toString();
+    }
+}

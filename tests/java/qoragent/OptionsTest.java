@@ -1,0 +1,98 @@
+package qoragent;
+
+import static org.junit.Assert.assertEquals;
+import static org.junit.Assert.assertFalse;
+import static org.junit.Assert.assertTrue;
+import static org.junit.Assert.fail;
+
+import org.junit.Test;
+
+public class OptionsTest {
+    @Test
+    public void everyKeyHasItsDefault() {
+        String[][] rows = {
+            {"loglevel", "1"},
+            {"optlevel", "0"},
+            {"maxbackoff", "30"},
+            {"timeout", "60"},
+            {"sigchain", "0"},
+            {"vendor", System.getProperty("java.vendor")},
+            {"version", System.getProperty("java.version")},
+            {"osname", System.getProperty("os.name") + "-" + System.getProperty("os.version")},
+            {"webserver", ""},
+            {"logfile", "stderr"},
+            {"jvmid", ""},
+            {"lockinfo", "1"},
+            {"dbquery", "0"},
+            {"sqlsize", "4096"},
+            {"localquota", "0"},
+            {"stackqueried", "1000"},
+            {"stackrecorded", "300"},
+            {"relay", "on"},
+            {"bind", "127.0.0.1"},
+            {"port", "0"},
+        };
+        for (String text : new String[] {null, "", ","})
+            for (String[] row : rows)
+                assertEquals(row[0], row[1], Options.parse(text).text(row[0]));
+    }
+
+    @Test
+    public void valuesAreTaken() {
+        String[][] rows = {
+            {"loglevel=8", "loglevel", "8"},
+            {"optlevel=9,timeout=0", "timeout", "0"},
+            {"optlevel=9,timeout=0", "optlevel", "9"},
+            {" port=65535", "port", "65535"},
+            {"logfile=/a b/c=d.log", "logfile", "/a b/c=d.log"},
+            {"vendor=DOV Systems\\, Inc.,version=1.6.0_11", "vendor", "DOV Systems, Inc."},
+            {"vendor=DOV Systems\\, Inc.,version=1.6.0_11", "version", "1.6.0_11"},
+            {"jvmid=a\\\\b", "jvmid", "a\\b"},
+            {"jvmid=", "jvmid", ""},
+        };
+        for (String[] row : rows)
+            assertEquals(row[0], row[2], Options.parse(row[0]).text(row[1]));
+        assertFalse(Options.parse("relay=off").relay());
+        assertEquals(
+            100, Options.parse("osname=" + new String(new char[300]).replace('\0', 'x')).osName().length());
+    }
+
+    @Test
+    public void badOptionsAreRefusedByName() {
+        String[][] rows = {
+            {"colour=1", "\"colour\""},
+            {"LogLevel=1", "\"LogLevel\""},
+            {"=1", "\"\""},
+            {"loglevel", "loglevel"},
+            {"loglevel=", "loglevel"},
+            {"loglevel=x", "loglevel"},
+            {"loglevel=-1", "loglevel"},
+            {"timeout=2147483648", "timeout"},
+            {"timeout=99999999999999999999", "timeout"},
+            {"port=65536", "port"},
+            {"localquota=101", "localquota"},
+            {"stackqueried=0", "stackqueried"},
+            {"optlevel=4", "optlevel"},
+            {"relay=yes", "relay"},
+            {"port=1,port=1", "port"},
+            {"vendor=DOV Systems, Inc.", "Inc."},
+        };
+        for (String[] row : rows) {
+            try {
+                Options.parse(row[0]);
+                fail(row[0] + " was taken");
+            } catch (IllegalArgumentException e) {
+                assertTrue(row[0] + " gave: " + e.getMessage(), e.getMessage().contains(row[1]));
+            }
+        }
+    }
+
+    @Test
+    public void agreementIsAboutWhatIsAskedFor() {
+        Options running = Options.parse("loglevel=3,optlevel=0");
+        assertTrue(Options.parse(null).agreeWith(running));
+        assertTrue(Options.parse("loglevel=3").agreeWith(running));
+        assertTrue(Options.parse("timeout=60").agreeWith(running));
+        assertFalse(Options.parse("loglevel=1").agreeWith(running));
+    }
+}
