@@ -1,6 +1,7 @@
-// Heap sizes by the JVM library's own entry points, and CPU load by its extended management table.
+// Heap sizes by the JVM library's own entry points, and figures of its extended management table.
 //
-// Any thread, once the session is open; the CPU loads use the session's environment and belong to the worker.
+// Any thread, once the session is open; the extended table is asked with the session's environment and so
+// belongs to the worker.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,5 @@ uint64_t QorGetTotalMemory();
 uint64_t QorGetFreeMemory();
 uint64_t QorGetMaxMemory();
 
-// Load in percent, cut to an integer; 0 where the JVM has no extended table. Both read the same figure.
-int64_t QorGetSystemCpuLoad();
-int64_t QorGetProcessCpuLoad();
+// Reads an attribute of the extended management table; false, with *value as it was, when there is no table.
+bool QorReadExtendedAttribute(int32_t key, double *value);

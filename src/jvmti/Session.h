@@ -94,8 +94,15 @@ int32_t QorGetIBMExtension();
 // iCanGetOSThreadID.
 int64_t QorGetOSThreadID(jthread thread);
 
-// Looks `idField` up anew. True when it is there; the class must be initialised.
+// Looks `idField` up anew, if Thread is initialised. True when it is there.
 bool QorRefreshIdField();
+
+// Reads a Java thread id through `idField`: false, with *out as it was, without the field (which is logged)
+// or for a dead reference.
+bool QorReadThreadId(jthread thread, int64_t *out);
+
+// Logs that a local frame could not be opened.
+void QorLogNoFrame(int32_t threshold);
 
 // The capability record: cleared, then set and read field by field.
 void QorInitQorJVMCapabilities();

@@ -36,7 +36,12 @@ extern sigjmp_buf parent_trycatch_mark;
             tryState = TRY_RUNNING;                                                                          \
         else                                                                                                 \
             tryState = TRY_FAULTED;                                                                          \
+        if (sig_hack != 0)                                                                                   \
+            trycatch_LogFault();                                                                             \
     } while (0)
+
+// Writes the log lines of the last fault that the catcher saw, if they are not written yet. Worker.
+void trycatch_LogFault();
 
 // Plants the catcher in the JVM's table; clears sig_hack when there is none. Start-up, after the session.
 void trycatch_init();

@@ -1,0 +1,378 @@
+#include "MethodTable.h"
+
+#include "JniCalls.h"
+#include "Monitors.h"
+#include "Session.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
+#include "qorsettings.h"
+#include "qorutil.h"
+#include "trycatch.h"
+
+#include <cstring>
+
+// A sample reads a hundred thousand frames of a few thousand methods, so the walk keeps what it learns of a
+// method: a frame of a known method costs one probe of a hash table and a look at its last line. Failures are
+// not kept. They are rare, and the next frame may do better, as when a class has been initialised meanwhile.
+
+namespace {
+
+constexpr uint32_t SLOT_BITS = 15;
+constexpr uint32_t SLOT_COUNT = 1u << SLOT_BITS;
+constexpr int32_t MAX_METHODS = SLOT_COUNT / 2;
+constexpr int32_t TEXT_STORE_SIZE = 4 << 20;
+
+struct KnownMethod {
+    QorMethodFacts facts;
+    jlocation lastLocation; // with the line found for it: threads of a pool stand at the same places
+    int32_t lastLine;
+    uint32_t slot;
+};
+
+struct MethodSlot {
+    jmethodID id;
+    KnownMethod *known; // null: free
+};
+
+// The table, in use from the first frame of a walk to QorDropMethodFacts.
+MethodSlot slots[SLOT_COUNT];
+KnownMethod knownMethods[MAX_METHODS];
+int32_t knownCount;
+char textStore[TEXT_STORE_SIZE];
+int32_t textUsed;
+
+// One method as the JVM gives it. A length of -1 says that the text could not be had.
+struct MethodReading {
+    char method[NAME_SIZE], className[NAME_SIZE], fileName[NAME_SIZE];
+    int32_t methodLength, classLength, fileLength;
+    jvmtiError lineError;
+    jint lineCount;
+    jvmtiLineNumberEntry *lines;
+} reading;
+
+uint32_t slotOf(jmethodID id) {
+    const uint64_t key = reinterpret_cast<uint64_t>(id) >> 3;
+    return static_cast<uint32_t>(key * 0x9e3779b97f4a7c15u >> (64 - SLOT_BITS));
+}
+
+// The slot that holds the method, or the free one where it belongs. The table is at most half full.
+MethodSlot *findSlot(jmethodID id) {
+    uint32_t i = slotOf(id);
+    while (slots[i].known != nullptr && slots[i].id != id)
+        i = (i + 1) & (SLOT_COUNT - 1);
+    return &slots[i];
+}
+
+void logFailedCall(const char *call, jvmtiError error) {
+    QORLOG(LOG_NOTE, "  (%s) Error expected: %d, got: %d", call, JVMTI_ERROR_NONE, error);
+    describe(error);
+}
+
+void deallocate(void *memory) {
+    jvmti->Deallocate(static_cast<unsigned char *>(memory));
+}
+
+jmethodID methodAtIndex(const QorFrameHandle *frameHandle) {
+    if (frameHandle->index < 0 || frameHandle->index >= frameHandle->count ||
+        frameHandle->index > maxStackDepthQueried) {
+        QORLOG(LOG_ERROR, "Invalid frame index %d", frameHandle->index);
+        return nullptr;
+    }
+    return frameHandle->frames[frameHandle->index].method;
+}
+
+// The name's length, or -1. A method id can turn stale under a class unload, and some JVMs then fault.
+int32_t readMethodName(jmethodID method, char *dest) {
+    char *name = nullptr;
+    volatile jvmtiError error = JVMTI_ERROR_INTERNAL;
+    TRYCATCH_OPEN();
+    if (tryState == TRY_RUNNING)
+        error = jvmti->GetMethodName(method, &name, nullptr, nullptr);
+    if (tryState == TRY_FAULTED) {
+        tryState = TRY_OFF;
+        QORLOG(LOG_ERROR, "SEGV in GetMethodName");
+        return -1;
+    }
+    tryState = TRY_OFF;
+    if (error != JVMTI_ERROR_NONE || name == nullptr)
+        return -1;
+    const int32_t length = QorCopyName(dest, name);
+    deallocate(name);
+    return length;
+}
+
+// The class that declares the method, a local reference; null when it can't be had.
+jclass declaringClass(jmethodID method) {
+    jclass klass = nullptr;
+    const jvmtiError error = jvmti->GetMethodDeclaringClass(method, &klass);
+    if (error == JVMTI_ERROR_NONE)
+        return klass;
+    logFailedCall("GetMethodDeclaringClass", error);
+    return nullptr;
+}
+
+// Without a frame of its own a reading leaves its references to the walk's frame.
+void logMissingFrame(const QorLocalFrame &frame) {
+    if (!frame.pushed)
+        QORLOG(LOG_ERROR, "QorAgent : Out of Memory");
+}
+
+bool isGone(jobject ref) {
+    return ref == nullptr || QorIsSameObject(jvmtijni_env, ref, nullptr);
+}
+
+// The dotted name's length, or -1: a class that is not initialised must not be read.
+int32_t readClassName(jmethodID method, char *dest) {
+    QorLocalFrame frame(jvmtijni_env, 1);
+    logMissingFrame(frame);
+    jclass klass = declaringClass(method);
+    if (isGone(klass))
+        return -1;
+    int32_t length = -1;
+    if (QorIsClassInitialized(klass)) {
+        char *signature = nullptr;
+        const jvmtiError error = jvmti->GetClassSignature(klass, &signature, nullptr);
+        if (error != JVMTI_ERROR_NONE) {
+            logFailedCall("GetClassSignature", error);
+        } else if (signature != nullptr) {
+            QorCopyName(dest, signature[0] == 'L' ? signature + 1 : signature);
+            Slash2Dot(dest);
+            length = static_cast<int32_t>(strlen(dest));
+            deallocate(signature);
+        }
+    }
+    QorDeleteLocalRef(jvmtijni_env, klass);
+    return length;
+}
+
+// The file's length, 0 for a class without a source file, or -1.
+int32_t readFileName(jmethodID method, char *dest) {
+    QorLocalFrame frame(jvmtijni_env, 1);
+    logMissingFrame(frame);
+    jclass klass = declaringClass(method);
+    if (klass == nullptr)
+        return -1;
+    if (isGone(klass)) {
+        QORLOG(LOG_ERROR, "Declaring Class is NULL");
+        return -1;
+    }
+    int32_t length = -1;
+    char *name = nullptr;
+    const jvmtiError error = jvmti->GetSourceFileName(klass, &name);
+    if (error == JVMTI_ERROR_NONE && name != nullptr) {
+        length = QorCopyName(dest, name);
+        deallocate(name);
+    } else if (error == JVMTI_ERROR_ABSENT_INFORMATION) {
+        dest[0] = 0;
+        length = 0;
+    } else if (error != JVMTI_ERROR_NONE) {
+        logFailedCall("GetSourceFileName", error);
+    }
+    QorDeleteLocalRef(jvmtijni_env, klass);
+    return length;
+}
+
+bool methodHasNoLines(jvmtiError error) {
+    return error == JVMTI_ERROR_NATIVE_METHOD || error == JVMTI_ERROR_ABSENT_INFORMATION;
+}
+
+jvmtiError readLineTable(jmethodID method, jint *count, jvmtiLineNumberEntry **lines) {
+    *count = 0;
+    *lines = nullptr;
+    const jvmtiError error = jvmti->GetLineNumberTable(method, count, lines);
+    if (error != JVMTI_ERROR_NONE && !methodHasNoLines(error))
+        QORLOG(LOG_TRACE, "  (GetLineNumber for frame) Error expected: %d, got: %d", JVMTI_ERROR_NONE, error);
+    return error;
+}
+
+// Reads a method into `reading`. File and lines are left out when only a name and a class are wanted and
+// those could not be had: then there is nothing to keep.
+void readMethod(jmethodID method, QorFrameDetail detail) {
+    reading.method[0] = reading.className[0] = reading.fileName[0] = 0;
+    reading.methodLength = readMethodName(method, reading.method);
+    reading.classLength = readClassName(method, reading.className);
+    reading.fileLength = -1;
+    reading.lineError = JVMTI_ERROR_ABSENT_INFORMATION;
+    reading.lineCount = 0;
+    reading.lines = nullptr;
+    if (detail == FRAME_METHOD_AND_CLASS && (reading.methodLength < 0 || reading.classLength < 0))
+        return;
+    reading.fileLength = readFileName(method, reading.fileName);
+    reading.lineError = readLineTable(method, &reading.lineCount, &reading.lines);
+}
+
+const char *storeText(const char *text, int32_t length) {
+    char *stored = textStore + textUsed;
+    memcpy(stored, text, static_cast<size_t>(length) + 1);
+    textUsed += length + 1;
+    return stored;
+}
+
+// Keeps `reading` if it is complete and there is room; its line table then belongs to the kept facts.
+KnownMethod *keepReading(jmethodID method, MethodSlot *slot) {
+    if (reading.methodLength < 0 || reading.classLength < 0 || reading.fileLength < 0 ||
+        (reading.lineError != JVMTI_ERROR_NONE && !methodHasNoLines(reading.lineError)))
+        return nullptr;
+    const int32_t size = reading.methodLength + reading.classLength + reading.fileLength + 3;
+    if (knownCount == MAX_METHODS || TEXT_STORE_SIZE - textUsed < size)
+        return nullptr;
+    KnownMethod *known = &knownMethods[knownCount++];
+    QorMethodFacts &facts = known->facts;
+    facts.id = method;
+    facts.method = storeText(reading.method, reading.methodLength);
+    facts.className = storeText(reading.className, reading.classLength);
+    facts.fileName = storeText(reading.fileName, reading.fileLength);
+    facts.methodLength = reading.methodLength;
+    facts.classLength = reading.classLength;
+    facts.fileLength = reading.fileLength;
+    facts.callType = checkSystemCall(facts.className, facts.method) ? 0 : 1;
+    facts.lineCount = reading.lineCount;
+    facts.lines = reading.lines;
+    known->slot = static_cast<uint32_t>(slot - slots);
+    known->lastLocation = -1;
+    known->lastLine = QorMapLoc2Line(-1, facts.lines, facts.lineCount);
+    if (facts.lines == nullptr)
+        known->lastLine = 0;
+    *slot = {method, known};
+    return known;
+}
+
+int32_t lineOf(KnownMethod *known, jlocation location) {
+    if (known->facts.lines == nullptr)
+        return 0;
+    if (known->lastLocation != location) {
+        known->lastLocation = location;
+        known->lastLine = QorMapLoc2Line(location, known->facts.lines, known->facts.lineCount);
+    }
+    return known->lastLine;
+}
+
+// The record of a frame whose method could not be kept.
+int32_t reportReading(jlocation location, QorFrameDetail detail, QorFrameRecord *record) {
+    record->method = reading.method;
+    record->className = reading.className;
+    record->fileName = reading.fileName;
+    record->line = 0;
+    if (reading.lines != nullptr) {
+        record->line = QorMapLoc2Line(location, reading.lines, reading.lineCount);
+        deallocate(reading.lines);
+        reading.lines = nullptr;
+    }
+    QorGetMethodCallType(record, &record->callType);
+    if (reading.methodLength < 0 || reading.classLength < 0)
+        return -1;
+    return detail == FRAME_WITH_FILE_AND_LINE && reading.fileLength < 0 ? -1 : 0;
+}
+
+} // namespace
+
+void QorDropMethodFacts() {
+    for (int32_t i = 0; i < knownCount; i++) {
+        if (knownMethods[i].facts.lines != nullptr)
+            deallocate(knownMethods[i].facts.lines);
+        slots[knownMethods[i].slot] = {nullptr, nullptr};
+    }
+    knownCount = 0;
+    textUsed = 0;
+}
+
+int32_t QorCopyName(char *dest, const char *src) {
+    dest[0] = 0;
+    QorStrncpy(dest, src, NAME_SIZE, NAME_SIZE);
+    char *p = dest;
+    for (; *p != 0; p++) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c == 14 || (c >= 26 && c <= 31))
+            *p = ' ';
+    }
+    return static_cast<int32_t>(p - dest);
+}
+
+int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFrameRecord *record) {
+    record->frameIndex = frameHandle->index;
+    jmethodID method = methodAtIndex(frameHandle);
+    if (method == nullptr) {
+        *record = {frameHandle->index, 0, "", "", "", 0, 1, nullptr};
+        return -1;
+    }
+    const jlocation location = frameHandle->frames[frameHandle->index].location;
+    record->methodId = reinterpret_cast<int64_t>(method);
+    MethodSlot *slot = findSlot(method);
+    KnownMethod *known = slot->known;
+    if (known == nullptr) {
+        readMethod(method, detail);
+        known = keepReading(method, slot);
+        if (known == nullptr) {
+            record->facts = nullptr;
+            return reportReading(location, detail, record);
+        }
+    }
+    const QorMethodFacts *facts = &known->facts;
+    record->method = facts->method;
+    record->className = facts->className;
+    record->fileName = facts->fileName;
+    record->callType = facts->callType;
+    record->facts = facts;
+    record->line = lineOf(known, location);
+    return 0;
+}
+
+int32_t QorGetMethodInfo(const QorFrameHandle *frameHandle, char *dest) {
+    jmethodID method = methodAtIndex(frameHandle);
+    return method != nullptr && readMethodName(method, dest) >= 0 ? 0 : -1;
+}
+
+int32_t QorGetClassInfo(const QorFrameHandle *frameHandle, char *dest) {
+    jmethodID method = methodAtIndex(frameHandle);
+    return method != nullptr && readClassName(method, dest) >= 0 ? 0 : -1;
+}
+
+int32_t QorGetFileName(const QorFrameHandle *frameHandle, char *dest) {
+    jmethodID method = methodAtIndex(frameHandle);
+    return method != nullptr && readFileName(method, dest) >= 0 ? 0 : -1;
+}
+
+int32_t QorGetLineNumber(const QorFrameHandle *frameHandle) {
+    jmethodID method = methodAtIndex(frameHandle);
+    if (method == nullptr)
+        return 0;
+    jint count;
+    jvmtiLineNumberEntry *lines;
+    if (readLineTable(method, &count, &lines) != JVMTI_ERROR_NONE)
+        return 0;
+    const int32_t line = QorMapLoc2Line(frameHandle->frames[frameHandle->index].location, lines, count);
+    deallocate(lines);
+    return line;
+}
+
+int32_t QorMapLoc2Line(jlocation location, const jvmtiLineNumberEntry *table, jint count) {
+    if (table == nullptr || count <= 0)
+        return -1;
+    jint position = 0;
+    for (jint step = count / 2; step > 0; step /= 2) {
+        if (location > table[position + step].start_location) {
+            position += step;
+        } else if (location == table[position + step].start_location) {
+            position += step;
+            break;
+        }
+    }
+    int32_t line = -1;
+    for (; position < count && table[position].start_location <= location; position++)
+        line = table[position].line_number;
+    return line;
+}
+
+void Slash2Dot(char *text) {
+    for (char *p = text; *p != 0; p++) {
+        if (*p == '/')
+            *p = '.';
+        else if (*p == ';')
+            *p = p[1] == 0 ? '\0' : ' ';
+    }
+}
+
+void QorGetMethodCallType(const QorFrameRecord *frame, int32_t *out) {
+    if (frame != nullptr)
+        *out = checkSystemCall(frame->className, frame->method) ? 0 : 1;
+}

@@ -1,0 +1,269 @@
+#include "Monitors.h"
+
+#include "JniCalls.h"
+#include "MethodTable.h"
+#include "MonitorsManagement.h"
+#include "Session.h"
+#include "qorlog.h"
+#include "qorsettings.h"
+#include "trycatch.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+enum LockInfoLevel : int32_t { LOCKS_BY_BEST_ROAD = 1, LOCKS_BY_MANAGEMENT = 2 };
+
+enum MonitorRoad { ROAD_NONE, ROAD_JVMTI, ROAD_MANAGEMENT };
+
+// Room for "@" and a number behind a description.
+constexpr size_t LONGEST_NUMBERED = 1000;
+constexpr jint MONITOR_REFERENCES = 32;
+
+MonitorRoad chooseRoad() {
+    if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD && QorGetJvmtiMonitorCapability() != 0)
+        return ROAD_JVMTI;
+    if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD || qorLockInfoLevel == LOCKS_BY_MANAGEMENT)
+        return ROAD_MANAGEMENT;
+    return ROAD_NONE;
+}
+
+// The dotted class name of a lock's class into `description`: 1, 0 when the class is not initialised, or -1
+// with the JVM's error.
+int32_t readLockClass(jclass klass, char *description, jvmtiError *error) {
+    *error = JVMTI_ERROR_NONE;
+    if (klass == nullptr || QorIsSameObject(jvmtijni_env, klass, nullptr) || !QorIsClassInitialized(klass))
+        return 0;
+    char *signature = nullptr;
+    *error = jvmti->GetClassSignature(klass, &signature, nullptr);
+    if (*error != JVMTI_ERROR_NONE)
+        return -1;
+    if (signature == nullptr)
+        return 0;
+    QorCopyName(description, signature[0] == 'L' ? signature + 1 : signature);
+    Slash2Dot(description);
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(signature));
+    return 1;
+}
+
+// Takes the object's hash code as the lock's number, and puts it behind the class name.
+void numberLock(jobject object, QorMonitorRecord *record) {
+    jint hash = 0;
+    jvmti->GetObjectHashCode(object, &hash);
+    record->hash = hash;
+    record->lockId = hash;
+    const size_t length = strnlen(record->description, NAME_SIZE);
+    if (length >= LONGEST_NUMBERED) {
+        QORLOG(LOG_WARNING, "  Warning - Data not copied, Memory overrun avoided while calculating monitors");
+        return;
+    }
+    snprintf(record->description + length, NAME_SIZE - length, "@%d", hash);
+}
+
+void readOwnedMonitor(const jvmtiMonitorStackDepthInfo &entry, QorMonitorRecord *record) {
+    QorLocalFrame frame(jvmtijni_env, 4);
+    jclass klass = QorGetObjectClass(jvmtijni_env, entry.monitor);
+    jvmtiError error;
+    if (klass == nullptr)
+        QORLOG(LOG_ERROR, "  Class Null");
+    else if (readLockClass(klass, record->description, &error) < 0)
+        QORLOG(LOG_NOTE, "  Error Getting Class Signature");
+    numberLock(entry.monitor, record);
+    record->waiting = 0;
+    record->stackDepth = entry.stack_depth;
+    if (!frame.pushed && klass != nullptr)
+        QorDeleteLocalRef(jvmtijni_env, klass);
+}
+
+int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorRecord **out) {
+    jint count = 0;
+    jvmtiMonitorStackDepthInfo *entries = nullptr;
+    const jvmtiError error =
+        jvmti->GetOwnedMonitorStackDepthInfo(handle->threads[handle->index], &count, &entries);
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_ERROR, "  Error in GetOwnedMonitorInfo %d", error);
+        return 0;
+    }
+    if (count > MONITOR_REFERENCES)
+        jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES);
+    if (count > 0) {
+        *out = static_cast<QorMonitorRecord *>(calloc(static_cast<size_t>(count), sizeof(QorMonitorRecord)));
+        if (*out == nullptr) {
+            QORLOG(LOG_ERROR, " monitor_handle allocation fialed ");
+            count = 0;
+        }
+    }
+    for (jint i = 0; i < count; i++)
+        readOwnedMonitor(entries[i], &(*out)[i]);
+    if (entries != nullptr)
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(entries));
+    return count;
+}
+
+// Java thread id of the monitor's owner, 0 for none; false when the JVM doesn't tell.
+bool readOwner(jobject object, int64_t *owner) {
+    jvmtiMonitorUsage usage = {};
+    if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_ERROR, "  GetObjectMonitorUsage Failed");
+        return false;
+    }
+    if (usage.owner != nullptr) {
+        QorRefreshIdField();
+        QorReadThreadId(usage.owner, owner);
+    }
+    if (usage.waiters != nullptr)
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.waiters));
+    if (usage.notify_waiters != nullptr)
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.notify_waiters));
+    return true;
+}
+
+int32_t QorGetContendedMonitorInfoUsingJvmti(QorThreadHandle *handle, const QorThreadRecord *,
+                                             QorMonitorRecord *record, int32_t wantOwner) {
+    jobject object = nullptr;
+    jvmtiError error = jvmti->GetCurrentContendedMonitor(handle->threads[handle->index], &object);
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_ERROR, "  Error in GetCurrentContendedMonitor %d", error);
+        return 0;
+    }
+    if (object == nullptr || QorIsSameObject(jvmtijni_env, object, nullptr))
+        return 0;
+    jclass klass = QorGetObjectClass(jvmtijni_env, object);
+    if (klass == nullptr) {
+        QORLOG(LOG_ERROR, "  Class Null");
+        return 0;
+    }
+    const int32_t named = readLockClass(klass, record->description, &error);
+    if (named < 0)
+        QORLOG(LOG_ERROR, "  Error Getting Class Signature %d", error);
+    if (named <= 0)
+        return 0;
+    numberLock(object, record);
+    record->waiting = 1;
+    int64_t owner = 0;
+    if (wantOwner != 0 && !readOwner(object, &owner))
+        return 0;
+    record->owner = owner;
+    return 1;
+}
+
+bool atThread(const QorThreadHandle *handle) {
+    return handle != nullptr && handle->threads != nullptr && handle->index >= 0 &&
+           handle->index < handle->count;
+}
+
+void logNoFrame(int32_t threshold) {
+    QORLOG(threshold, "  Out of Memory");
+}
+
+} // namespace
+
+int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope,
+                               QorMonitorRecord **out) {
+    if (out == nullptr)
+        return 0;
+    *out = nullptr;
+    if (!atThread(handle) || thread == nullptr)
+        return 0;
+    QorLocalFrame frame(jvmtijni_env, 1);
+    if (!frame.pushed)
+        logNoFrame(LOG_ERROR);
+    switch (chooseRoad()) {
+    case ROAD_JVMTI:
+        return QorGetOwnedMonitorInfoUsingJvmti(handle, out);
+    case ROAD_MANAGEMENT:
+        return QorGetOwnedMonitorInfoUsingManagement(handle, thread, scope, out);
+    default:
+        return 0;
+    }
+}
+
+int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
+                                   QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner) {
+    if (!atThread(handle) || thread == nullptr || record == nullptr)
+        return 0;
+    QorLocalFrame frame(jvmtijni_env, 1);
+    if (!frame.pushed)
+        logNoFrame(LOG_WARNING);
+    switch (chooseRoad()) {
+    case ROAD_JVMTI:
+        QORLOG(LOG_TRACE, "QorAgetContendedMonitorInforUsing JVMTI");
+        return QorGetContendedMonitorInfoUsingJvmti(handle, thread, record, wantOwner);
+    case ROAD_MANAGEMENT:
+        QORLOG(LOG_TRACE, "QorGetContendedMonitorInfoUsingManagement");
+        return QorGetContendedMonitorInfoUsingManagement(handle, thread, scope, record);
+    default:
+        return 0;
+    }
+}
+
+void describe(jvmtiError error) {
+    char *name = nullptr;
+    if (jvmti != nullptr && jvmti->GetErrorName(error, &name) == JVMTI_ERROR_NONE && name != nullptr) {
+        QORLOG(LOG_NOTE, "  Error is : %s", name);
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(name));
+    } else {
+        QORLOG(LOG_NOTE, "  error [%d]", error);
+    }
+}
+
+int32_t QorIsClassInitialized(jclass klass) {
+    if (klass == nullptr)
+        return 0;
+    if (QorIsSameObject(jvmtijni_env, klass, nullptr)) {
+        QORLOG(LOG_NOTE, "  QorIsClassInitialized IsSameObject class got is NULL");
+        return 0;
+    }
+    jint status = 0;
+    volatile jvmtiError error = JVMTI_ERROR_INTERNAL;
+    TRYCATCH_OPEN();
+    if (tryState == TRY_RUNNING)
+        error = jvmti->GetClassStatus(klass, &status);
+    if (tryState == TRY_FAULTED) {
+        tryState = TRY_OFF;
+        QORLOG(LOG_ERROR, "SEGV in GetClassStatus");
+        return 0;
+    }
+    tryState = TRY_OFF;
+    if (error == JVMTI_ERROR_WRONG_PHASE)
+        return 0;
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_ERROR, "  Error in GetClassStatus %d", error);
+        return 0;
+    }
+    if ((status & JVMTI_CLASS_STATUS_ERROR) != 0) {
+        QORLOG(LOG_ERROR, "  Error during initialization makes class unusable");
+        return 0;
+    }
+    return (status & JVMTI_CLASS_STATUS_INITIALIZED) != 0 ? 1 : 0;
+}
+
+int64_t QorParseLockName(char *description) {
+    constexpr int HEX = 16;
+    constexpr size_t DIGITS_KEPT = 64; // far beyond any hash; longer digits are all alike
+    const size_t length = strnlen(description, NAME_SIZE - 1);
+    description[length] = 0;
+
+    char *at = strchr(description, '@');
+    char *hash = nullptr; // where the hash text begins
+    char *end = nullptr;  // where the name is cut
+    if (at == nullptr) {
+        char *p = description + length;
+        while (p > description && p[-1] >= '0' && p[-1] <= '9')
+            p--;
+        if (p > description && *p != 0)
+            hash = end = p;
+    } else if (strchr(at + 1, '@') == nullptr) {
+        hash = at + 1;
+        end = at;
+    }
+    if (hash == nullptr || *hash == 0)
+        return 0;
+    char digits[DIGITS_KEPT];
+    snprintf(digits, sizeof digits, "%s", hash);
+    const int64_t id = strtoll(digits, nullptr, HEX);
+    snprintf(end, static_cast<size_t>(description + NAME_SIZE - end), "@%lld", static_cast<long long>(id));
+    return id;
+}

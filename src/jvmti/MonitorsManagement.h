@@ -1,0 +1,13 @@
+// Locks by java.lang.management: what Monitors.h falls back to.
+//
+// Calls run Java code on the worker. Bean, classes and method ids are looked up once a sample, and the
+// answers for a batch of threads are kept until QorCloseMonitorSample.
+#pragma once
+
+#include "Monitors.h"
+
+// As their namesakes in Monitors.h, for the thread at the cursor and inside the caller's local frame.
+int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
+                                              QorMonitorScope scope, QorMonitorRecord **out);
+int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
+                                                  QorMonitorScope scope, QorMonitorRecord *record);

@@ -1,0 +1,506 @@
+#include "Session.h"
+
+#include "JniCalls.h"
+#include "MemorySystem.h"
+#include "Monitors.h"
+#include "followRefHackHelper.h"
+#include "platforms/QorOS.h"
+#include "qorlog.h"
+#include "qorsettings.h"
+#include "qorsysinfo.h"
+
+#include <cstddef>
+#include <cstring>
+
+JavaVM *jr_jvm;
+jvmtiEnv *jvmti;
+JNIEnv *jvmtijni_env;
+jclass threadClass;
+jclass hashTableClass;
+jclass gbjcManagementClass;
+jfieldID idField;
+int64_t gbiAgentWorkerThreadId = -1;
+const JmmTable *jmm;
+const JmmExtTable *jmm_ext;
+QorJvmCapabilities gbQorJvmCapabilitiesObj;
+
+void *(JNICALL *fnptrJVM_GetManagement)(jint version);
+jlong(JNICALL *fnptrJVM_TotalMemory)();
+jlong(JNICALL *fnptrJVM_MaxMemory)();
+jlong(JNICALL *fnptrJVM_FreeMemory)();
+
+const char *gbQorJVMLibName = "libjvm.so";
+const char *gbQorJVMGetManagement = "JVM_GetManagement";
+const char *gbQorJVMTotalMemory = "JVM_TotalMemory";
+const char *gbQorJVMMaxMemory = "JVM_MaxMemory";
+const char *gbQorJVMFreeMemory = "JVM_FreeMemory";
+
+int32_t iCanGetOSThreadID;
+int32_t iCanTriggerVmDump;
+jvmtiExtensionFunction funcGetOSThreadID;
+jvmtiExtensionFunction funcTriggerVmDump;
+int32_t igbIsJvmtiDOV;
+int32_t implCount;
+
+namespace {
+
+constexpr jint JVMTI_VERSION_WANTED = 0x30010166; // 1.1.102
+constexpr jint JNI_VERSION_WANTED = 0x10004;
+constexpr jint MANAGEMENT_EXTENDED = static_cast<jint>(0xff010001);
+constexpr int LEVEL_CHANGING_THE_JVM = 1; // optimisation level that lets the agent change the running JVM
+constexpr char WORKER_NAME[] = "QORD Agent Worker";
+
+// The management table's versions. A JVM accepts exactly one of them, and the two functions that the agent
+// calls stand in slots of their own in each. In any other slot stands a function with other arguments, whose
+// call would end the JVM, so an unknown version is no table.
+struct JmmVersion {
+    jint version;
+    int32_t getLongAttribute, dumpHeap0; // slots
+};
+constexpr JmmVersion JMM_VERSIONS[] = {
+    {0x20010000, 13, 30}, // JDK 8 and before
+    {0x20020000, 11, 28}, // JDK 9 to 13
+    {0x20030000, 12, 29}, // JDK 14 to 17
+    {0x20040000, 13, 30}, // later
+};
+
+// The table as the readers see it, filled from the JVM's.
+JmmTable presentedJmm;
+
+static_assert(offsetof(JmmTable, GetLongAttribute) == 13 * sizeof(void *), "slot of the first version");
+static_assert(offsetof(JmmTable, DumpHeap0) == 30 * sizeof(void *), "slot of the first version");
+
+// A capability by its bit number in jvmtiCapabilities.
+enum CapabilityBit : int32_t {
+    CAN_TAG_OBJECTS = 0,
+    CAN_GET_OWNED_MONITOR_INFO = 5,
+    CAN_GET_CURRENT_CONTENDED_MONITOR = 6,
+    CAN_GET_MONITOR_INFO = 7,
+    CAN_GET_SOURCE_FILE_NAME = 11,
+    CAN_GET_LINE_NUMBERS = 12,
+    CAN_SUSPEND = 20,
+    CAN_GENERATE_GC_EVENTS = 31,
+    CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO = 34,
+};
+
+struct WantedCapability {
+    CapabilityBit bit;
+    const char *absent;
+};
+
+// What the views need, in the order in which it is asked for.
+constexpr WantedCapability WANTED[] = {
+    {CAN_GET_SOURCE_FILE_NAME, "Information - capability to get source file name : 0"},
+    {CAN_GET_LINE_NUMBERS, "Information - capability to view line numbers : 0"},
+    {CAN_GET_OWNED_MONITOR_INFO, "Information - capability to get owned monitor info : 0"},
+    {CAN_TAG_OBJECTS, "Information - capability to tag objects : 0"},
+    {CAN_GET_CURRENT_CONTENDED_MONITOR, "Information - capability to get contended monitors : 0"},
+    {CAN_GET_MONITOR_INFO, "Information - capability to get monitors info : 0"},
+    {CAN_SUSPEND, "Information - suspend capability : 0"},
+    {CAN_GENERATE_GC_EVENTS, "Information - gc events capability : 0"},
+    {CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO, "Information - owned monitor stack depth capability : 0"},
+};
+
+struct ClassRow {
+    jclass *ref;
+    const char *name, *missing;
+};
+
+// Classes kept for the session; dropped in the same order.
+constexpr ClassRow CLASSES[] = {
+    {&threadClass, "java/lang/Thread", "thread class NULL "},
+    {&hashTableClass, "java/util/Hashtable", "hash table class NULL "},
+    {&gbjcManagementClass, "java/lang/management/ManagementFactory", "Management class NULL "},
+};
+
+bool hasCapability(const jvmtiCapabilities &capabilities, CapabilityBit bit) {
+    unsigned char bytes[sizeof capabilities];
+    memcpy(bytes, &capabilities, sizeof bytes);
+    return (bytes[bit / 8] >> (bit % 8) & 1) != 0;
+}
+
+void setCapability(jvmtiCapabilities *capabilities, CapabilityBit bit, bool value) {
+    unsigned char bytes[sizeof *capabilities];
+    memcpy(bytes, capabilities, sizeof bytes);
+    const unsigned mask = 1u << (bit % 8);
+    bytes[bit / 8] = static_cast<unsigned char>(value ? bytes[bit / 8] | mask : bytes[bit / 8] & ~mask);
+    memcpy(capabilities, bytes, sizeof bytes);
+}
+
+// The JVM library; it is loaded already, so this only counts a reference. Null when it isn't there.
+void *openJvmLibrary() {
+    void *handle = nullptr;
+    if (QorLoadLibrary(&handle, gbQorJVMLibName) != 0) {
+        QORLOG(LOG_ERROR, "Not able to load library");
+        return nullptr;
+    }
+    return handle;
+}
+
+template <typename Function>
+void findEntry(void *library, const char *name, Function *out) {
+    *out = reinterpret_cast<Function>(QorFindSymbol(library, name));
+}
+
+// Zeros when they can't be read.
+jvmtiCapabilities potentialCapabilities() {
+    jvmtiCapabilities potential = {};
+    if (jvmti->GetPotentialCapabilities(&potential) != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_WARNING, "Not able to get potential capabilities");
+        potential = {};
+    }
+    return potential;
+}
+
+// Update number of a version text such as "1.6.0_45": the decimal digits from index 6 on.
+int32_t updateNumber(const char *version) {
+    int32_t update = 0;
+    if (strnlen(version, 6) < 6)
+        return 0;
+    for (int i = 6; i < 254 && version[i] >= '0' && version[i] <= '9' && update < 1000000; i++)
+        update = update * 10 + (version[i] - '0');
+    return update;
+}
+
+// At the level that allows it, makes the JVM offer what it holds back, before it is asked what it offers.
+void openCapabilities() {
+    if (gbiOptimizationLevel != LEVEL_CHANGING_THE_JVM)
+        return;
+    const jvmtiCapabilities potential = potentialCapabilities();
+    if (!hasCapability(potential, CAN_GET_OWNED_MONITOR_INFO) ||
+        !hasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
+        !hasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO))
+        init_LockCapabilitiesHack();
+    if (strstr(vers, "1.6") != nullptr && strstr(vend, "Sun") != nullptr && updateNumber(vers) < 50) {
+        init_FollowRefHack();
+        QORLOG(LOG_TRACE, "FollowRef optimization is enabled for version %s from vendor %s.", vers, vend);
+    }
+}
+
+// Asks for each wanted capability that the JVM offers. The monitor flag follows what was asked, not the
+// answer.
+void requestCapabilities() {
+    const jvmtiCapabilities potential = potentialCapabilities();
+    jvmtiCapabilities request = {};
+    for (const WantedCapability &wanted : WANTED) {
+        bool offered = hasCapability(potential, wanted.bit);
+        if (wanted.bit == CAN_GET_CURRENT_CONTENDED_MONITOR && gbIbmJvm != 0) {
+            offered = false;
+            QORLOG(LOG_DETAIL, "For AIX contended monitor support not there.");
+        }
+        setCapability(&request, wanted.bit, offered);
+        if (!offered)
+            QORLOG(LOG_DETAIL, "%s", wanted.absent);
+    }
+    if (jvmti->AddCapabilities(&request) == JVMTI_ERROR_NONE)
+        QORLOG(LOG_NOTE, "Capabilities Added");
+    QorInitQorJVMCapabilities();
+    QorSetJvmtiMonitorCapability(hasCapability(request, CAN_GET_CURRENT_CONTENDED_MONITOR) ? 1 : 0);
+}
+
+// A class kept from a start that never ended stays: the worker of that start may be using it.
+void keepClasses(JNIEnv *env) {
+    QORLOG(LOG_DETAIL, "Getting New Thread Class");
+    for (const ClassRow &row : CLASSES) {
+        if (*row.ref != nullptr)
+            continue;
+        jclass found = env->FindClass(row.name); // null with an exception in an image without the module
+        QorClearException(env);
+        *row.ref = found != nullptr ? static_cast<jclass>(QorNewGlobalRef(env, found)) : nullptr;
+        if (found != nullptr)
+            QorDeleteLocalRef(env, found);
+        if (*row.ref == nullptr)
+            QORLOG(LOG_ERROR, "%s", row.missing);
+    }
+}
+
+void findIbmExtensions() {
+    if (gbIbmJvm == 0)
+        return;
+    iCanGetOSThreadID = 0;
+    iCanTriggerVmDump = 0;
+    QorGetIBMExtension();
+    if (iCanGetOSThreadID != 0)
+        QORLOG(LOG_NOTE, "Information - IBM JVM can get OSThreadID");
+    if (iCanTriggerVmDump != 0)
+        QORLOG(LOG_NOTE, "Information - IBM JVM can Trigger VM Dump");
+}
+
+int32_t findMemoryEntries() {
+    void *library = openJvmLibrary();
+    if (library == nullptr)
+        return -1;
+    findEntry(library, gbQorJVMTotalMemory, &fnptrJVM_TotalMemory);
+    findEntry(library, gbQorJVMMaxMemory, &fnptrJVM_MaxMemory);
+    findEntry(library, gbQorJVMFreeMemory, &fnptrJVM_FreeMemory);
+    QorCloseLibrary(library);
+    return 0;
+}
+
+// No JVM in use today has the extended table, so this is where a start usually ends, with all else in force.
+int32_t findExtendedManagement() {
+    if (gbIbmJvm != 0)
+        return 0;
+    jmm_ext = fnptrJVM_GetManagement != nullptr
+                  ? static_cast<const JmmExtTable *>(fnptrJVM_GetManagement(MANAGEMENT_EXTENDED))
+                  : nullptr;
+    if (jmm_ext == nullptr) {
+        QORLOG(LOG_DETAIL, "jmm_ext NULL");
+        return -1;
+    }
+    igbIsJvmtiDOV = 1;
+    qorReadExtendedAttribute = QorReadExtendedAttribute;
+    return 0;
+}
+
+// The environment of the calling thread, null when it isn't attached.
+JNIEnv *currentEnv() {
+    void *env = nullptr;
+    if (jr_jvm == nullptr || jr_jvm->GetEnv(&env, JNI_VERSION_WANTED) != JNI_OK)
+        return nullptr;
+    return static_cast<JNIEnv *>(env);
+}
+
+jfieldID findIdField(jclass klass) {
+    jfieldID field = nullptr;
+    if (gbIbmJvm != 0)
+        field = QorGetFieldID(jvmtijni_env, klass, "uniqueId", "J");
+    if (field == nullptr)
+        field = QorGetFieldID(jvmtijni_env, klass, "tid", "J");
+    return field;
+}
+
+void renameThread(jclass klass, jobject thread, const char *name) {
+    jmethodID setName = QorGetMethodID(jvmtijni_env, klass, "setName", "(Ljava/lang/String;)V");
+    if (setName == nullptr) {
+        QORLOG(LOG_TRACE, "Failed to get method 'setName' in Thread class");
+        return;
+    }
+    jstring text = QorNewStringUTF(jvmtijni_env, name);
+    if (text != nullptr)
+        QorCallVoidMethod(jvmtijni_env, thread, setName, text);
+}
+
+} // namespace
+
+int32_t QorInitJmm() {
+    jmm = nullptr;
+    void *library = openJvmLibrary();
+    if (library == nullptr)
+        return -1;
+    findEntry(library, gbQorJVMGetManagement, &fnptrJVM_GetManagement);
+    QorCloseLibrary(library);
+    if (fnptrJVM_GetManagement == nullptr) {
+        QORLOG(LOG_ERROR, "JVM_GetManagement NULL ");
+        return -1;
+    }
+    for (const JmmVersion &row : JMM_VERSIONS) {
+        void *const *table = static_cast<void *const *>(fnptrJVM_GetManagement(row.version));
+        if (table == nullptr)
+            continue;
+        presentedJmm = {};
+        memcpy(&presentedJmm.GetLongAttribute, &table[row.getLongAttribute], sizeof(void *));
+        memcpy(&presentedJmm.DumpHeap0, &table[row.dumpHeap0], sizeof(void *));
+        jmm = &presentedJmm;
+        return 0;
+    }
+    QORLOG(LOG_ERROR, "  jmm NULL");
+    return -1;
+}
+
+int32_t QorDovOnLoad(JNIEnv *env) {
+    QORLOG(LOG_NOTE, "Loading Qoragent....");
+    jr_jvm = nullptr;
+    if (env->GetJavaVM(&jr_jvm) != JNI_OK) {
+        QORLOG(LOG_ERROR, "not able to get java vm");
+        jr_jvm = nullptr;
+        return -1;
+    }
+    // Each GetEnv makes a new environment, and can_suspend goes to one of them only: an environment that an
+    // earlier start left open is used again.
+    void *environment = jvmti;
+    if (environment == nullptr && jr_jvm->GetEnv(&environment, JVMTI_VERSION_WANTED) != JNI_OK) {
+        QORLOG(LOG_ERROR, "not able to get required env");
+        return -1;
+    }
+    jvmti = static_cast<jvmtiEnv *>(environment);
+    openCapabilities();
+    requestCapabilities();
+    jvmtijni_env = env;
+    keepClasses(env);
+    findIbmExtensions();
+    if (findMemoryEntries() != 0 || findExtendedManagement() != 0)
+        return -1;
+    implCount++;
+    return 0;
+}
+
+int32_t QorDovOnUnload(JNIEnv *) {
+    QORLOG(LOG_NOTE, "Unloading qor agent");
+    if (jr_jvm == nullptr)
+        return 0;
+    JNIEnv *current = currentEnv();
+    if (current == nullptr)
+        return 0;
+    jvmtijni_env = current;
+    for (const ClassRow &row : CLASSES) {
+        if (*row.ref != nullptr)
+            QorDeleteGlobalRef(current, *row.ref);
+        *row.ref = nullptr;
+    }
+    // A later start takes a new environment, which must be able to hold can_suspend.
+    if (jvmti != nullptr)
+        jvmti->DisposeEnvironment();
+    jvmti = nullptr;
+    return 0;
+}
+
+int32_t QorAttachThread() {
+    if (jr_jvm == nullptr)
+        return 0;
+    QORLOG(LOG_DETAIL, "  Attaching Current Thread");
+    void *env = nullptr;
+    const jint result = jr_jvm->AttachCurrentThreadAsDaemon(&env, nullptr);
+    QORLOG(LOG_DETAIL, "  Attach Current Thread returning %d", result);
+    // Another thread's environment must not be used on this one: without an own one every call fails.
+    jvmtijni_env = result == JNI_OK ? static_cast<JNIEnv *>(env) : nullptr;
+    setThreadNameAndGetThreadID(WORKER_NAME);
+    return 0;
+}
+
+int32_t QorDetachThread() {
+    if (jr_jvm == nullptr)
+        return 0;
+    QORLOG(LOG_DETAIL, "  Detaching Current Thread");
+    if (jvmtijni_env != nullptr && jvmtijni_env == currentEnv())
+        jvmtijni_env = nullptr;
+    const jint result = jr_jvm->DetachCurrentThread();
+    QORLOG(LOG_NOTE, "  Detach Current Thread returning %d", result);
+    return 0;
+}
+
+void setThreadNameAndGetThreadID(const char *name) {
+    QORLOG(LOG_TRACE, "Setting Thtread Name");
+    QorLocalFrame frame(jvmtijni_env, 1);
+    if (!frame.pushed) {
+        QorLogNoFrame(LOG_ERROR);
+        return;
+    }
+    jclass klass = QorFindClass(jvmtijni_env, "java/lang/Thread");
+    if (klass == nullptr) {
+        QORLOG(LOG_TRACE, "Failed to find class 'Thread'");
+        return;
+    }
+    jmethodID current = QorGetStaticMethodID(jvmtijni_env, klass, "currentThread", "()Ljava/lang/Thread;");
+    if (current == nullptr)
+        return;
+    jobject thread = QorCallStaticObjectMethod(jvmtijni_env, klass, current);
+    if (thread == nullptr)
+        return;
+    renameThread(klass, thread, name);
+    idField = findIdField(klass);
+    QorReadThreadId(static_cast<jthread>(thread), &gbiAgentWorkerThreadId);
+}
+
+void QorLogNoFrame(int32_t threshold) {
+    QORLOG(threshold, ": Out of Memory");
+}
+
+bool QorRefreshIdField() {
+    if (QorIsClassInitialized(threadClass))
+        idField = findIdField(threadClass);
+    return idField != nullptr;
+}
+
+bool QorReadThreadId(jthread thread, int64_t *out) {
+    if (idField == nullptr) {
+        QORLOG(LOG_ERROR, "  idField NULL");
+        return false;
+    }
+    if (thread == nullptr || QorIsSameObject(jvmtijni_env, thread, nullptr))
+        return false;
+    *out = QorGetLongField(jvmtijni_env, thread, idField);
+    return true;
+}
+
+void checkCapabilities() {
+    jvmtiCapabilities held = {};
+    if (jvmti == nullptr || jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_NOTE, "  Not able to get current  capabilities");
+        return;
+    }
+    if (!hasCapability(held, CAN_TAG_OBJECTS))
+        QORLOG(LOG_ERROR, "  ******can_tag_objects capability is not set."
+                          "Copy library libqorcapability to another directory and restart Java with argument "
+                          "\"-agentpath:<Absolute path of libqorcapability.so>\" ******\n");
+}
+
+int32_t QorGetIBMExtension() {
+    constexpr struct {
+        const char *id;
+        jvmtiExtensionFunction *function;
+        int32_t *found;
+    } WANTED_EXTENSIONS[] = {
+        {"com.ibm.GetOSThreadID", &funcGetOSThreadID, &iCanGetOSThreadID},
+        {"com.ibm.TriggerVmDump", &funcTriggerVmDump, &iCanTriggerVmDump},
+    };
+    constexpr size_t ID_LENGTH = 21;
+
+    jint count = 0;
+    jvmtiExtensionFunctionInfo *extensions = nullptr;
+    if (jvmti == nullptr || jvmti->GetExtensionFunctions(&count, &extensions) != JVMTI_ERROR_NONE)
+        return 0;
+    QORLOG(LOG_TRACE, "QorGetOSThreadIDExtension - ext count %d", count);
+    // The array is a tree of allocations that is asked for once in a process; it is left to the JVM.
+    for (jint i = 0; i < count && extensions != nullptr && extensions[i].id != nullptr; i++) {
+        for (const auto &wanted : WANTED_EXTENSIONS) {
+            if (strncmp(extensions[i].id, wanted.id, ID_LENGTH) == 0) {
+                *wanted.function = extensions[i].func;
+                *wanted.found = 1;
+            }
+        }
+        if (iCanGetOSThreadID != 0 && iCanTriggerVmDump != 0)
+            return 1;
+    }
+    return 0;
+}
+
+int64_t QorGetOSThreadID(jthread thread) {
+    jlong id = -1;
+    if (funcGetOSThreadID == nullptr)
+        return -1;
+    const jvmtiError error = funcGetOSThreadID(jvmti, thread, &id);
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_NOTE, "QorGetOSThreadID Error %d", error);
+        return -1;
+    }
+    return id;
+}
+
+void QorInitQorJVMCapabilities() {
+    gbQorJvmCapabilitiesObj = {};
+}
+
+void QorSetJvmtiMonitorCapability(int32_t value) {
+    gbQorJvmCapabilitiesObj.jvmtiMonitor = value;
+}
+
+int32_t QorGetJvmtiMonitorCapability() {
+    return gbQorJvmCapabilitiesObj.jvmtiMonitor;
+}
+
+void QorSetForkHeapDumpCapability(int32_t value) {
+    gbQorJvmCapabilitiesObj.forkHeapDump = value;
+}
+
+int32_t QorGetForkHeapDumpCapability() {
+    return gbQorJvmCapabilitiesObj.forkHeapDump;
+}
+
+void QorSetManagementGCCountCapability(int32_t value) {
+    gbQorJvmCapabilitiesObj.managementGCCount = value;
+}
+
+int32_t QorGetManagementGCCountCapability() {
+    return gbQorJvmCapabilitiesObj.managementGCCount;
+}

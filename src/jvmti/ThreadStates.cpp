@@ -1,0 +1,154 @@
+#include "ThreadSystem.h"
+
+#include "qorStrUtils.h"
+#include "qorlog.h"
+
+#include <cstring>
+
+int64_t gBciThreadIds[MAX_BCI_THREADS];
+int32_t gBciThreadIdCount;
+
+int32_t tessar_thick_driver;
+
+namespace {
+
+constexpr const char *STATE_TEXTS[STATE_COUNT] = {
+    "Runnable",   "Interrupted",  "Suspended",    "Object Wait", "Lock",
+    "Sleeping",   "CondVar Wait", "Network Wait", "IO Wait",     "DB Wait",
+    "Terminated", "Native",       "Unknown",      "RMI Wait",    "Other",
+};
+
+// Whether a text begins with another. The first character settles nearly every test, and a sample makes
+// several for each frame.
+template <size_t N>
+bool startsWith(const char *text, const char (&start)[N]) {
+    return text[0] == start[0] && strncmp(text, start, N - 1) == 0;
+}
+
+// Texts compared in whole include their terminator.
+template <size_t N>
+bool equals(const char *text, const char (&other)[N]) {
+    return text[0] == other[0] && strncmp(text, other, N) == 0;
+}
+
+constexpr int32_t NO_CHANGE = -1;
+
+// What a runnable thread does by the file or channel call on top of its stack.
+int32_t stateOfIoCall(const char *className, const char *method) {
+    if (startsWith(method, "accept0") || startsWith(method, "poll0"))
+        return STATE_OBJECT_WAIT;
+    // Since JDK 13 sockets accept through this call, whether they come from java.net or from a channel.
+    if (equals(className, "sun.nio.ch.Net") && equals(method, "accept"))
+        return STATE_OBJECT_WAIT;
+    return startsWith(className, "sun.nio.ch.") ? STATE_NETWORK_WAIT : STATE_IO_WAIT;
+}
+
+int32_t stateOfOtherCall(const char *className, const char *method) {
+    // A thread that stands in the agent's own request entry waits for the worker.
+    if (startsWith(className, "qoragent.Agent"))
+        return startsWith(method, "dataFromNative") ? STATE_OBJECT_WAIT : NO_CHANGE;
+    if (equals(className, "vostok.ext.epoll.EPoll"))
+        return startsWith(method, "epollWait0") ? STATE_OBJECT_WAIT : NO_CHANGE;
+    if (startsWith(className, "java.net."))
+        return startsWith(method, "socketAccept") ? STATE_OBJECT_WAIT : STATE_NETWORK_WAIT;
+    return startsWith(className, "vostok.net.") ? STATE_NETWORK_WAIT : NO_CHANGE;
+}
+
+void setState(QorThreadRecord *thread, int32_t state) {
+    if (state == NO_CHANGE)
+        return;
+    thread->state = state;
+    thread->enhancedState = state;
+}
+
+// JVMTI calls every thread runnable that stands in native code, so the call on top tells what it waits for.
+void refineRunnable(const char *className, const char *method, QorThreadRecord *thread) {
+    if (startsWith(className, "java.io.") || startsWith(className, "sun.nio."))
+        setState(thread, stateOfIoCall(className, method));
+    else
+        setState(thread, stateOfOtherCall(className, method));
+    if (startsWith(className, "tessar.jdbc.zdi8.ZDIDBAccess")) {
+        setState(thread, STATE_DB_WAIT);
+        tessar_thick_driver = 1;
+    }
+}
+
+void refineCondVarWait(const char *className, const char *method, QorThreadRecord *thread) {
+    if (startsWith(className, "java.lang.Thread") && startsWith(method, "sleep"))
+        setState(thread, STATE_SLEEPING);
+    else if (startsWith(className, "java.lang.Object") && startsWith(method, "wait"))
+        setState(thread, STATE_OBJECT_WAIT);
+}
+
+} // namespace
+
+int32_t mapThreadStatetoQorState(jint jvmtiState, int64_t tid) {
+    struct StateRow {
+        jint needed, anyOf;
+        QorThreadState state;
+    };
+    constexpr jint WAITING_KINDS = JVMTI_THREAD_STATE_WAITING_INDEFINITELY |
+                                   JVMTI_THREAD_STATE_WAITING_WITH_TIMEOUT | JVMTI_THREAD_STATE_PARKED |
+                                   JVMTI_THREAD_STATE_IN_OBJECT_WAIT;
+    constexpr StateRow ROWS[] = {
+        // The last row that fits holds.
+        {JVMTI_THREAD_STATE_ALIVE, JVMTI_THREAD_STATE_SUSPENDED, STATE_SUSPENDED},
+        {JVMTI_THREAD_STATE_ALIVE, JVMTI_THREAD_STATE_INTERRUPTED, STATE_INTERRUPTED},
+        {JVMTI_THREAD_STATE_ALIVE, JVMTI_THREAD_STATE_BLOCKED_ON_MONITOR_ENTER, STATE_LOCK},
+        {JVMTI_THREAD_STATE_ALIVE | JVMTI_THREAD_STATE_WAITING, WAITING_KINDS, STATE_OBJECT_WAIT},
+        {JVMTI_THREAD_STATE_ALIVE | JVMTI_THREAD_STATE_WAITING, JVMTI_THREAD_STATE_SLEEPING, STATE_SLEEPING},
+        {JVMTI_THREAD_STATE_ALIVE, JVMTI_THREAD_STATE_RUNNABLE, STATE_RUNNABLE},
+    };
+    int32_t state = STATE_UNKNOWN;
+    for (const StateRow &row : ROWS)
+        if ((jvmtiState & row.needed) == row.needed && (jvmtiState & row.anyOf) != 0)
+            state = row.state;
+    if ((jvmtiState & JVMTI_THREAD_STATE_ALIVE) == 0 && (jvmtiState & JVMTI_THREAD_STATE_TERMINATED) != 0)
+        state = STATE_TERMINATED;
+
+    // The instrumentation knows that these threads do work, so they must not count as idle.
+    if (state == STATE_RUNNABLE || state == STATE_LOCK)
+        return state;
+    for (int32_t i = 0; i < gBciThreadIdCount && i < MAX_BCI_THREADS; i++) {
+        if (gBciThreadIds[i] != tid)
+            continue;
+        QORLOG(LOG_DETAIL, " BCI thread_id is =%d nativeId=%d original_state=%d will changed to OTHER state ",
+               static_cast<int>(gBciThreadIds[i]), static_cast<int>(tid), state);
+        return STATE_OTHER;
+    }
+    return state;
+}
+
+void mapQorThreadState2String(int32_t state, char *dest) {
+    if (state < 0 || state >= STATE_COUNT)
+        state = STATE_UNKNOWN;
+    QorStrncpy(dest, STATE_TEXTS[state], STATE_TEXT_SIZE, STATE_TEXT_SIZE);
+}
+
+int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thread) {
+    constexpr int32_t TIMED_ACCEPT_DEPTH = 2; // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
+    constexpr int32_t RMI_DEPTH = 3;
+    if (frame == nullptr) {
+        setState(thread, STATE_OBJECT_WAIT);
+        return 0;
+    }
+    const char *className = frame->className;
+    if (frame->frameIndex == 0) {
+        if (thread->state == STATE_RUNNABLE)
+            refineRunnable(className, frame->method, thread);
+        else if (thread->state == STATE_CONDVAR_WAIT)
+            refineCondVarWait(className, frame->method, thread);
+    }
+    if (thread->state == STATE_NETWORK_WAIT && frame->frameIndex == TIMED_ACCEPT_DEPTH &&
+        equals(className, "sun.nio.ch.NioSocketImpl") && equals(frame->method, "timedAccept"))
+        setState(thread, STATE_OBJECT_WAIT);
+    // A driver deep in the stack marks a runnable thread as waiting for the database.
+    if ((thread->state == STATE_RUNNABLE || thread->state == STATE_NETWORK_WAIT) &&
+        (startsWith(className, "tessar.net.") || startsWith(className, "ferrule.jdbc.")))
+        setState(thread, STATE_DB_WAIT);
+    if (frame->frameIndex < RMI_DEPTH &&
+        (thread->state == STATE_OBJECT_WAIT || thread->state == STATE_OTHER) &&
+        startsWith(className, "ferrule.rjvm.ResponseImpl"))
+        setState(thread, STATE_RMI_WAIT);
+    return 0;
+}

@@ -1,0 +1,247 @@
+#include "ThreadSystem.h"
+
+#include "JniCalls.h"
+#include "MethodTable.h"
+#include "Monitors.h"
+#include "Session.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <cstring>
+#include <sys/time.h>
+#include <unistd.h>
+
+// The snapshot of the open walk. The worker owns all of it; one walk is open at a time.
+//
+// Its thread references stand in a local frame of their own, which the close pops with everything that was
+// made since the snapshot: hundreds of them would overrun the worker's plain frame.
+
+static jvmtiStackInfo *qorstack_info_ptr;       // what GetAllStackTraces gave; null when no walk is open
+static jint threads_count;                      // its entries, not capped
+static jthread gbjThreadList[MAX_WALK_THREADS]; // its first threads
+static bool snapshotFramePushed;                // the snapshot's local frame is open
+static int32_t nThreadExceedCount;              // spaces out the overflow message
+static int32_t iAttachTotalRun;                 // walks, wraps
+
+namespace {
+
+constexpr int32_t RUNS_PER_LINE = 5000;
+constexpr int32_t SAMPLES_PER_OVERFLOW_LINE = 900;
+constexpr int32_t INDEX_LIMIT = MAX_WALK_THREADS + 1;
+constexpr jint SNAPSHOT_FRAME_CAPACITY = 4096; // the most that HotSpot grants
+constexpr jint REFERENCES_OF_A_VIEW = 64;
+
+void freeSnapshotArray(int32_t threshold) {
+    const jvmtiError error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(qorstack_info_ptr));
+    if (error != JVMTI_ERROR_NONE)
+        QORLOG(threshold, "Error while deallocating stack_info_ptr %d", error);
+    qorstack_info_ptr = nullptr;
+}
+
+void popSnapshotFrame() {
+    if (snapshotFramePushed)
+        QorPopLocalFrame(jvmtijni_env, nullptr);
+    snapshotFramePushed = false;
+}
+
+// Threads beyond the cap are not seen; the line says so once in many samples.
+void capThreadCount(QorThreadHandle *handle) {
+    if (handle->count <= MAX_WALK_THREADS)
+        return;
+    if (nThreadExceedCount == SAMPLES_PER_OVERFLOW_LINE)
+        nThreadExceedCount = 0;
+    if (nThreadExceedCount == 0)
+        QORLOG(LOG_NOTE, "Thread Count exceeding 1024 threads. Messages are suppressed.");
+    nThreadExceedCount++;
+    handle->count = MAX_WALK_THREADS;
+}
+
+void takeSnapshot(QorThreadHandle *handle) {
+    handle->count = 0;
+    handle->index = -1;
+    if (qorstack_info_ptr != nullptr)
+        freeSnapshotArray(LOG_ERROR);
+    if (jvmti == nullptr || jvmtijni_env == nullptr)
+        return;
+    if (qorIsPollOrTrace == 0)
+        QORLOG(LOG_DETAIL, "Calling GetAllStackTraces for %d deep", maxStackDepthQueried);
+    snapshotFramePushed = QorPushLocalFrame(jvmtijni_env, SNAPSHOT_FRAME_CAPACITY) == JNI_OK;
+    const jvmtiError error =
+        jvmti->GetAllStackTraces(maxStackDepthQueried, &qorstack_info_ptr, &threads_count);
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_NOTE, "Failed to Get Stack Trace. Error expected %d,got %d", JVMTI_ERROR_NONE, error);
+        describe(error);
+        qorstack_info_ptr = nullptr;
+        threads_count = 0;
+        popSnapshotFrame();
+        return;
+    }
+    if (threads_count > SNAPSHOT_FRAME_CAPACITY - REFERENCES_OF_A_VIEW)
+        jvmtijni_env->EnsureLocalCapacity(REFERENCES_OF_A_VIEW);
+    if (qorIsPollOrTrace == 0)
+        QORLOG(LOG_NOTE, "GetAllStackTraces (%d deep) returns %d threads_count", maxStackDepthQueried,
+               threads_count);
+    handle->threads = gbjThreadList;
+    handle->count = threads_count;
+    capThreadCount(handle);
+    for (int32_t i = 0; i < handle->count; i++)
+        gbjThreadList[i] = qorstack_info_ptr[i].thread;
+    QorRefreshIdField();
+}
+
+jthread threadAtCursor(const QorThreadHandle *handle) {
+    if (handle == nullptr || handle->threads == nullptr || handle->index < 0 ||
+        handle->index >= handle->count)
+        return nullptr;
+    return handle->threads[handle->index];
+}
+
+void logCallFailed(jvmtiError error) {
+    QORLOG(LOG_NOTE, "(GetThreadInfo) Error expected: %d, got: %d", JVMTI_ERROR_NONE, error);
+    describe(error);
+    jvmtiPhase phase = JVMTI_PHASE_LIVE;
+    jvmti->GetPhase(&phase);
+    QORLOG(LOG_NOTE, "    current phase is %d", phase);
+}
+
+void readSystemThreadId(jthread thread, QorThreadRecord *record) {
+    if (gbIbmJvm == 0)
+        return;
+    record->ostid = iCanGetOSThreadID != 0 ? QorGetOSThreadID(thread) : -1;
+    QORLOG(LOG_TRACE, "QorGetOSThreadID Thread ID %d OSThreadID %d", static_cast<int>(record->tid),
+           static_cast<int>(record->ostid));
+}
+
+// Everything of a thread that JVMTI tells, inside the caller's local frame.
+int32_t readThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
+    jvmtiThreadInfo info = {};
+    jvmtiError error = jvmti->GetThreadInfo(thread, &info);
+    if (error != JVMTI_ERROR_NONE) {
+        logCallFailed(error);
+        return -1;
+    }
+    record->priority = info.priority;
+    record->daemon = info.is_daemon ? 1 : 0;
+    if (info.name != nullptr) {
+        QorCopyName(record->name, info.name);
+        error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(info.name));
+        if (error != JVMTI_ERROR_NONE) {
+            QORLOG(LOG_ERROR, "  (Deallocate) Error expected: %d, got: %d", JVMTI_ERROR_NONE, error);
+            describe(error);
+        }
+    }
+    error = jvmti->GetThreadState(thread, jvmtiState);
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_ERROR, " Failed to Get Thread State. Error expected: %d, got: %d", JVMTI_ERROR_NONE,
+               error);
+        describe(error);
+        return -1;
+    }
+    if (QorReadThreadId(thread, &record->tid))
+        readSystemThreadId(thread, record);
+    return 0;
+}
+
+} // namespace
+
+void QorInitThreadHandle(QorThreadHandle *handle) {
+    if (++iAttachTotalRun > RUNS_PER_LINE) {
+        QORLOG(LOG_DETAIL, "QorAgent : total run 5000");
+        iAttachTotalRun = 0;
+    }
+    qorstack_info_ptr = nullptr; // whoever ended the last walk has freed it
+    snapshotFramePushed = false;
+    *handle = {nullptr, 0, -1};
+}
+
+QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t) {
+    if (handle == nullptr) {
+        QORLOG(LOG_ERROR, " CurrentThread NULL");
+        return nullptr;
+    }
+    if (handle->threads == nullptr)
+        takeSnapshot(handle);
+    handle->index++;
+    return handle;
+}
+
+void QorCloseThreadHandle(QorThreadHandle *) {
+    QorDropMethodFacts();
+    QorCloseMonitorSample(); // no answer of this walk may pass for one of the next
+    if (qorstack_info_ptr == nullptr)
+        return;
+    if (snapshotFramePushed) {
+        popSnapshotFrame(); // takes all of the snapshot's references with it
+    } else {
+        for (jint i = 0; i < threads_count; i++)
+            if (!QorIsSameObject(jvmtijni_env, qorstack_info_ptr[i].thread, nullptr))
+                QorDeleteLocalRef(jvmtijni_env, qorstack_info_ptr[i].thread);
+    }
+    freeSnapshotArray(LOG_WARNING);
+    threads_count = 0;
+}
+
+int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
+    jthread thread = threadAtCursor(handle);
+    if (thread == nullptr)
+        return -1;
+    QorLocalFrame frame(jvmtijni_env, 1); // for the group and the loader that come with the name
+    if (!frame.pushed)
+        QorLogNoFrame(LOG_ERROR);
+    jint jvmtiState = 0;
+    if (readThread(thread, record, &jvmtiState) != 0)
+        return -1;
+    record->state = mapThreadStatetoQorState(jvmtiState, record->tid);
+    record->handle = handle;
+    return 0;
+}
+
+int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index) {
+    int64_t tid = 0;
+    if (handle != nullptr && handle->threads != nullptr && index >= 0 && index < handle->count)
+        QorReadThreadId(handle->threads[index], &tid);
+    return tid;
+}
+
+int32_t QorGetFrames(QorThreadHandle *handle, QorFrameHandle *frameHandle) {
+    if (frameHandle == nullptr) {
+        QORLOG(LOG_ERROR, "  QorGetFrames: Frame Handle is NULL");
+        QORLOG(LOG_ERROR, " QorGetFrames: Frame NULL");
+        return -1;
+    }
+    frameHandle->index = 0;
+    frameHandle->count = 0;
+    if (handle != nullptr && handle->index >= INDEX_LIMIT) {
+        QORLOG(LOG_ERROR, "  Getting Index greater than 1024");
+        return -1;
+    }
+    if (threadAtCursor(handle) == nullptr || qorstack_info_ptr == nullptr) {
+        QORLOG(LOG_ERROR, "  QorGetFrames: Thread is NULL, Can't get the frames");
+        return -1;
+    }
+    const jvmtiStackInfo &stack = qorstack_info_ptr[handle->index];
+    int32_t count = stack.frame_count;
+    if (count > maxStackDepthQueried) {
+        QORLOG(LOG_NOTE, "Thread id %d Frames %d greater than %d. Flushing extra frames .", handle->index,
+               count, maxStackDepthQueried);
+        count = maxStackDepthQueried;
+    }
+    if (count > MAX_FRAMES)
+        count = MAX_FRAMES; // the depth is a setting, the array is not
+    if (count < 0)
+        count = 0;
+    if (count > 0)
+        memcpy(frameHandle->frames, stack.frame_buffer, static_cast<size_t>(count) * sizeof(jvmtiFrameInfo));
+    frameHandle->count = count;
+    return count;
+}
+
+int32_t GetOSRValue() {
+    struct timeval before, after;
+    gettimeofday(&before, nullptr);
+    sleep(0);
+    gettimeofday(&after, nullptr);
+    const int32_t seconds = static_cast<int32_t>(after.tv_sec - before.tv_sec);
+    return seconds * 1000000 + static_cast<int32_t>(after.tv_usec - before.tv_usec);
+}
