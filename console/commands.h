@@ -1,0 +1,35 @@
+// What qorctl does for each of its commands. Results go to standard output; a Failure ends the command.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+namespace qorctl {
+
+// What most commands share.
+struct Settings {
+    bool json = false;
+    bool wide = false;
+    std::string jar;     // empty: the usual places
+    std::string options; // for the agent, when it is loaded
+    int timeout = 75;    // seconds to wait for a reply; the agent's own limit is 60
+};
+
+struct ThreadsCommand {
+    bool details = false;
+    bool all = false;
+    std::string thread;
+    std::string match;
+    double watch = 0; // seconds; 0: once
+};
+
+void RunList(const Settings &settings);
+void RunAttach(const Settings &settings, pid_t pid);
+void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
+void RunSummary(const Settings &settings, pid_t pid, double watch);
+void RunRules(const Settings &settings, pid_t pid, const std::string &file);
+void RunLog(const Settings &settings, pid_t pid, int level);
+void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);
+void RunShutdown(const Settings &settings, pid_t pid);
+
+} // namespace qorctl

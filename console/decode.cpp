@@ -1,0 +1,355 @@
+#include "decode.h"
+
+#include "failure.h"
+#include "protocol.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+
+namespace qorctl {
+
+const FigureName SUMMARY_NAMES[SUMMARY_FIGURES] = {
+    {"system_cpu_percent", "System CPU", "%"},    {"os_response_microseconds", "OS response", "us"},
+    {"heap_percent", "Heap used", "%"},           {"threads_runnable", "Runnable", ""},
+    {"threads_db_wait", "DB Wait", ""},           {"threads_lock", "Lock", ""},
+    {"threads_network_wait", "Network Wait", ""}, {"threads_io_wait", "IO Wait", ""},
+    {"threads_object_wait", "Object Wait", ""},   {"threads_sleeping", "Sleeping", ""},
+    {"threads_rmi_wait", "RMI Wait", ""},         {"threads_other", "Other", ""},
+    {"process_cpu_percent", "Process CPU", "%"},
+};
+
+namespace {
+
+// The largest piece that the agent appends in one go: a stack with the rows around it. A reply that stops
+// less than this in front of the limit may have had a piece refused.
+constexpr size_t LARGEST_PIECE = 102400 + 3 * 10240;
+
+struct Refusal {
+    std::string_view start;
+    const char *hint;
+};
+
+constexpr Refusal REFUSALS[] = {
+    {"Request TIMED OUT", "the agent was busy for longer than its time-out; wait and ask again (the option "
+                          "timeout=SECONDS of attach "
+                          "gives it longer)"},
+    {"QOR Uninitialized for this JVM",
+     "the agent has no way into this JVM at its optimisation level; run 'shutdown', then 'attach' with "
+     "--options optlevel=0"},
+    {"Invalid Request", "the agent doesn't know this command; agent and qorctl may be of different versions"},
+    {"Unable to complete Request", "the JVM was collecting garbage or the agent was disturbed; ask again"},
+    {"NoProcessing: Unkownn argument", "the agent doesn't know this setting, or its value is missing"},
+    {"NoProcessing: Invalid Format", "the request names no setting"},
+    {"ERROR Null parameters for request", "the request lacks its arguments"},
+};
+
+std::vector<std::string_view> Split(std::string_view text, char separator) {
+    std::vector<std::string_view> pieces;
+    size_t start = 0;
+    for (size_t end; (end = text.find(separator, start)) != text.npos; start = end + 1)
+        pieces.push_back(text.substr(start, end - start));
+    pieces.push_back(text.substr(start));
+    return pieces;
+}
+
+template <class Number>
+bool ReadNumber(std::string_view text, Number *value) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+std::optional<std::string> ReadOptional(std::string_view field) {
+    return field == NO_VALUE ? std::nullopt : std::optional<std::string>(field);
+}
+
+// "process-thread"; the thread number may be negative, so the first bar behind a digit is the separator.
+bool ReadKey(std::string_view text, ThreadKey *key) {
+    size_t bar = text.find('-', 1);
+    return bar != text.npos && ReadNumber(text.substr(0, bar), &key->process) &&
+           ReadNumber(text.substr(bar + 1), &key->thread);
+}
+
+// Call text, file, line. A method name can't hold the arrow, a class name can: the last one separates.
+bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_view line, Frame *frame) {
+    size_t arrow = call.rfind(CALL_ARROW);
+    if (arrow == call.npos)
+        return false;
+    frame->class_name = call.substr(0, arrow);
+    frame->method = call.substr(arrow + CALL_ARROW.size());
+    if (line == NO_VALUE || line == NO_LINE_SHOWN)
+        return file == NO_LINE_FILE;
+    if (!ReadNumber(line, &frame->line))
+        return false;
+    if (frame->line < 0)
+        frame->line = 0;
+    if (file != NO_VALUE)
+        frame->file = file;
+    return true;
+}
+
+bool ReadDbWait(std::string_view block, DbWait *db) {
+    constexpr size_t FIELDS = 10;
+    size_t mark = block.find(DETAIL_COUNTED);
+    size_t count = 0;
+    if (mark == block.npos || !ReadNumber(block.substr(0, mark), &count) || count != FIELDS)
+        return false;
+    std::vector<std::string_view> field = Split(block.substr(mark + 1), FIELD_SEP);
+    if (field.size() != FIELDS || !ReadNumber(field[2], &db->local_port) ||
+        !ReadNumber(field[3], &db->remote_port) || !ReadNumber(field[5], &db->sample_time) ||
+        !ReadNumber(field[6], &db->sql_ref))
+        return false;
+    db->url = ReadOptional(field[0]);
+    db->user = ReadOptional(field[1]);
+    db->remote_host = ReadOptional(field[4]);
+    db->sql = ReadOptional(field[7]);
+    db->type = ReadOptional(field[8]);
+    return true;
+}
+
+bool ReadRmiWait(std::string_view block, RmiWait *rmi) {
+    std::vector<std::string_view> field = Split(block, FIELD_SEP);
+    if (field.size() != 4 || !ReadNumber(field[0], &rmi->call_id) || !ReadNumber(field[1], &rmi->remote_port))
+        return false;
+    rmi->remote_host = ReadOptional(field[2]);
+    rmi->jndi_name = field[3] == "NA" ? std::nullopt : ReadOptional(field[3]);
+    return true;
+}
+
+// The state, and behind it the wait-detail block of a database or RMI call.
+bool ReadState(std::string_view text, Thread *thread) {
+    size_t start = text.find(DETAIL_START);
+    std::string_view state = text.substr(0, start);
+    if (!state.empty() && state[0] == STATE_MARK)
+        state.remove_prefix(1);
+    thread->state = state;
+    if (start == text.npos)
+        return !state.empty();
+    std::string_view block = text.substr(start + 1);
+    if (!block.empty() && block[0] == DETAIL_RMI)
+        return ReadRmiWait(block.substr(1), &thread->rmi.emplace());
+    return ReadDbWait(block, &thread->db.emplace());
+}
+
+// A thread row. The form of the active threads has a marker in front, that of the details has none.
+bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
+    size_t detail = row.find(DETAIL_START);
+    std::vector<std::string_view> field = Split(row.substr(0, detail), FIELD_SEP);
+    size_t at = with_marker ? 1 : 0;
+    if (field.size() != at + 9 || field[at + 1] != NO_VALUE)
+        return false;
+    if (with_marker && field[0] != "a" && field[0] != "user" && field[0] != "sys")
+        return false;
+    thread->name = field[at];
+    thread->request_url = ReadOptional(field[at + 2]);
+    thread->request_detail = ReadOptional(field[at + 3]);
+    if (!ReadKey(field[at + 4], &thread->key))
+        return false;
+    if (field[at + 5] != NO_VALUE &&
+        !ReadFrameGroup(field[at + 5], field[at + 6], field[at + 7], &thread->call.emplace()))
+        return false;
+    return ReadState(row.substr(static_cast<size_t>(field[at + 8].data() - row.data())), thread);
+}
+
+bool ReadStackRow(std::string_view row, Frame *frame) {
+    std::vector<std::string_view> field = Split(row, FIELD_SEP);
+    int64_t thread = 0;
+    if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
+        !ReadNumber(field[5], &frame->method_id))
+        return false;
+    size_t count_end = field[0].find(' ');
+    if (count_end != field[0].npos && field[0].substr(count_end) == SKIPPED_FRAMES)
+        return ReadNumber(field[0].substr(0, count_end), &frame->skipped) && frame->skipped > 0;
+    return ReadFrameGroup(field[0], field[1], field[2], frame);
+}
+
+// The wire's lock text is "class@id" where the id is known anyway.
+std::string LockClass(std::string_view text, int64_t lock) {
+    std::string tail = fmt::format("@{}", lock);
+    if (text.size() > tail.size() && text.substr(text.size() - tail.size()) == tail)
+        text.remove_suffix(tail.size());
+    return std::string(text);
+}
+
+bool ReadLockWait(std::string_view record, LockWait *wait) {
+    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    if (field.size() != 4 || !ReadNumber(field[0], &wait->lock) || !ReadKey(field[1], &wait->owner))
+        return false;
+    wait->class_name = LockClass(field[2], wait->lock);
+    return true;
+}
+
+bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
+    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    if (field.size() != 4 || !ReadNumber(field[0], &owned->lock) || !ReadNumber(field[3], &owned->depth))
+        return false;
+    owned->class_name = LockClass(field[2], owned->lock);
+    return true;
+}
+
+// Goes through the records of a reply and knows where it may have been cut.
+class RecordReader {
+public:
+    explicit RecordReader(const Reply &reply) : reply_(reply), cut_(reply.reached_limit) {}
+
+    bool cut() const { return cut_; }
+
+    // Reads every record of a section by `read` into a T and hands it to `keep`.
+    template <class T, class Read, class Keep>
+    void Each(const Section &section, Read read, Keep keep) {
+        bool last_section = &section == &reply_.sections.back();
+        for (size_t i = 0; i < section.records.size(); ++i) {
+            bool last = last_section && i + 1 == section.records.size();
+            bool open = last && !section.closed && !section.last_record_ended;
+            T value;
+            if (!open && read(section.records[i], &value)) {
+                keep(std::move(value));
+                continue;
+            }
+            if (!open && !(last && (reply_.reached_limit || !reply_.jvm_microseconds)))
+                throw Failure(
+                    fmt::format("record {} of section \"{}\" has an unknown form", i + 1, section.title),
+                    "see the reply itself with 'raw'; agent and qorctl may be of different versions");
+            cut_ = true;
+        }
+        if (!section.closed)
+            cut_ = true;
+    }
+
+    // A section that isn't one of this view's. A title that was cut looks like that as well.
+    void Unknown(const Section &section) {
+        bool last = &section == &reply_.sections.back();
+        if (last && !section.closed && section.records.empty()) {
+            cut_ = true;
+            return;
+        }
+        if (!section.title.empty() || !section.records.empty())
+            throw Failure(fmt::format("the reply holds an unexpected section \"{}\"", section.title),
+                          "see the reply itself with 'raw'; agent and qorctl may be of different versions");
+    }
+
+private:
+    const Reply &reply_;
+    bool cut_;
+};
+
+Thread &CurrentThread(ThreadSample *sample, const Section &section) {
+    if (sample->threads.empty())
+        throw Failure(fmt::format("section \"{}\" stands in front of any thread", section.title),
+                      "see the reply itself with 'raw'");
+    return sample->threads.back();
+}
+
+// Takes the timing off the end of `text`. It stands in a section of its own, except in the answer of a forked
+// agent, which has no separators; behind the summary's last figure it starts without a separator.
+std::optional<uint64_t> TakeTiming(std::string_view *text) {
+    size_t start = text->rfind(TITLE_TIMING);
+    if (start == text->npos)
+        return std::nullopt;
+    std::string_view rest = text->substr(start + TITLE_TIMING.size());
+    if (rest.empty() || (rest[0] != RECORD_END && rest[0] != ' '))
+        return std::nullopt;
+    bool separated = rest[0] == RECORD_END;
+    rest.remove_prefix(1);
+    if (separated) {
+        if (rest.empty() || rest.back() != SECTION_END)
+            return std::nullopt;
+        rest.remove_suffix(1);
+    }
+    uint64_t value = 0;
+    if (rest.size() <= USEC_UNIT.size() || rest.substr(rest.size() - USEC_UNIT.size()) != USEC_UNIT ||
+        !ReadNumber(rest.substr(0, rest.size() - USEC_UNIT.size()), &value))
+        return std::nullopt;
+    text->remove_suffix(text->size() - start);
+    return value;
+}
+
+Section CutSection(std::string_view text, bool closed) {
+    Section section;
+    section.closed = closed;
+    section.last_record_ended = !text.empty() && text.back() == RECORD_END;
+    std::vector<std::string_view> pieces = Split(text, RECORD_END);
+    section.title = pieces[0];
+    section.records.assign(pieces.begin() + 1, pieces.end());
+    if (section.last_record_ended)
+        section.records.pop_back();
+    return section;
+}
+
+} // namespace
+
+std::string ThreadKey::Text() const {
+    return fmt::format("{}-{}", process, thread);
+}
+
+Reply OpenReply(std::string_view text) {
+    for (const Refusal &refusal : REFUSALS)
+        if (text.substr(0, refusal.start.size()) == refusal.start) {
+            std::string_view line = text.substr(0, text.find_first_of("\n|\x1e\x1f"));
+            throw Failure(fmt::format("the agent answers \"{}\"", line), refusal.hint);
+        }
+    Reply reply;
+    reply.reached_limit = text.size() + LARGEST_PIECE >= REPLY_LIMIT;
+    reply.jvm_microseconds = TakeTiming(&text);
+    reply.text = text;
+    size_t start = 0;
+    for (size_t end; (end = text.find(SECTION_END, start)) != text.npos; start = end + 1)
+        reply.sections.push_back(CutSection(text.substr(start, end - start), true));
+    if (start < text.size())
+        reply.sections.push_back(CutSection(text.substr(start), false));
+    return reply;
+}
+
+ThreadSample DecodeThreads(const Reply &reply) {
+    if (reply.sections.empty())
+        throw Failure("the agent's reply is empty",
+                      "the JVM's threads could not be listed; see the agent's log");
+    ThreadSample sample;
+    RecordReader reader(reply);
+    auto add_thread = [&](Thread &&thread) { sample.threads.push_back(std::move(thread)); };
+    auto active_row = [](std::string_view row, Thread *to) { return ReadThreadRow(row, true, to); };
+    auto details_row = [](std::string_view row, Thread *to) { return ReadThreadRow(row, false, to); };
+    for (const Section &section : reply.sections) {
+        if (section.title == TITLE_ACTIVE_THREADS) {
+            reader.Each<Thread>(section, active_row, add_thread);
+        } else if (section.title == TITLE_THREAD_DETAILS) {
+            reader.Each<Thread>(section, details_row, add_thread);
+        } else if (section.title == TITLE_CALL_STACK) {
+            Thread &thread = CurrentThread(&sample, section);
+            reader.Each<Frame>(section, ReadStackRow,
+                               [&](Frame &&f) { thread.stack.push_back(std::move(f)); });
+        } else if (section.title == TITLE_LOCK_WAIT) {
+            Thread &thread = CurrentThread(&sample, section);
+            reader.Each<LockWait>(section, ReadLockWait,
+                                  [&](LockWait &&w) { thread.waits_for = std::move(w); });
+        } else if (section.title == TITLE_OWNED_LOCKS) {
+            Thread &thread = CurrentThread(&sample, section);
+            reader.Each<OwnedLock>(section, ReadOwnedLock,
+                                   [&](OwnedLock &&o) { thread.owns.push_back(std::move(o)); });
+        } else {
+            reader.Unknown(section);
+        }
+    }
+    sample.jvm_microseconds = reply.jvm_microseconds;
+    sample.cut = reader.cut();
+    return sample;
+}
+
+Summary DecodeSummary(const Reply &reply) {
+    std::vector<std::string_view> field = Split(reply.text, FIELD_SEP);
+    Summary summary;
+    bool whole = field.size() == SUMMARY_FIGURES;
+    for (size_t i = 0; whole && i < SUMMARY_FIGURES; ++i)
+        whole = ReadNumber(field[i], &summary.figures[i]);
+    if (!whole)
+        throw Failure("the agent's summary doesn't hold thirteen numbers",
+                      "see the reply itself with 'raw'; agent and qorctl may be of different versions");
+    summary.jvm_microseconds = reply.jvm_microseconds;
+    return summary;
+}
+
+std::string DecodeText(const Reply &reply) {
+    return std::string(reply.text);
+}
+
+} // namespace qorctl

@@ -1,0 +1,142 @@
+// Replies to values.
+//
+// A reply is flat text cut by control characters into sections, records and fields. OpenReply does that
+// cutting and recognises the agent's refusals; each view then has one function of its own that reads the
+// sections it knows. The grammar is strict: a record of the wrong shape is a Failure, because a guessed value
+// is worse than none. One thing is forgiven: the agent's reply buffer is finite, so a reply may stop
+// anywhere. What stands whole in front of that point is kept and the result is flagged as cut.
+//
+// Pure functions of their arguments; the views they return hold copies, not references into the reply.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qorctl {
+
+// One section: a title and its records. `closed` says that its end mark was there, `last_record_ended` that
+// the mark of its last record was.
+struct Section {
+    std::string_view title;
+    std::vector<std::string_view> records;
+    bool closed = false;
+    bool last_record_ended = false;
+};
+
+// A reply cut into sections; the views in it point into the text given to OpenReply.
+struct Reply {
+    std::vector<Section> sections;
+    std::string_view text;                    // everything in front of the timing
+    std::optional<uint64_t> jvm_microseconds; // time the agent spent on it
+    bool reached_limit = false;               // so long that something was probably left out
+};
+
+// Cuts a reply. A refusal ("Request TIMED OUT", "Invalid Request ...", ...) is thrown as a Failure with a
+// hint.
+Reply OpenReply(std::string_view text);
+
+// Process id and Java thread id, as the JVM sees them.
+struct ThreadKey {
+    int64_t process = 0;
+    int64_t thread = 0;
+    std::string Text() const;
+};
+
+struct Frame {
+    std::string class_name;
+    std::string method;
+    std::string file; // empty when unknown
+    int line = 0;     // 0 when unknown: a native method, or code without line numbers
+    int index = 0;    // 0 at the top of the stack
+    int64_t method_id = 0;
+    int64_t skipped = 0; // not a frame but this many frames left out, the first of them at `index`
+};
+
+struct DbWait {
+    std::optional<std::string> url, user, remote_host, sql, type;
+    unsigned local_port = 0, remote_port = 0;
+    int64_t sample_time = 0; // seconds since 1970, 0 unknown
+    int64_t sql_ref = 0;
+};
+
+struct RmiWait {
+    int64_t call_id = 0;
+    int64_t remote_port = 0;
+    std::optional<std::string> remote_host, jndi_name;
+};
+
+struct LockWait {
+    int64_t lock = 0;
+    ThreadKey owner; // thread 0 when the owner isn't known
+    std::string class_name;
+};
+
+struct OwnedLock {
+    int64_t lock = 0;
+    std::string class_name;
+    int depth = -1; // index of the frame that took it; negative when unknown
+};
+
+struct Thread {
+    std::string name;
+    ThreadKey key;
+    std::string state;
+    std::optional<std::string> request_url, request_detail;
+    std::optional<Frame> call; // the first call of the application, else the top frame
+    std::optional<DbWait> db;
+    std::optional<RmiWait> rmi;
+    std::vector<Frame> stack; // only with details
+    std::optional<LockWait> waits_for;
+    std::vector<OwnedLock> owns;
+};
+
+struct ThreadSample {
+    std::vector<Thread> threads;
+    std::optional<uint64_t> jvm_microseconds;
+    bool cut = false;
+};
+
+// The thirteen figures of the summary, in the order of the wire.
+enum SummaryFigure {
+    SYSTEM_CPU_PERCENT,
+    OS_RESPONSE_MICROSECONDS,
+    HEAP_PERCENT,
+    THREADS_RUNNABLE,
+    THREADS_DB_WAIT,
+    THREADS_LOCK,
+    THREADS_NETWORK_WAIT,
+    THREADS_IO_WAIT,
+    THREADS_OBJECT_WAIT,
+    THREADS_SLEEPING,
+    THREADS_RMI_WAIT,
+    THREADS_OTHER,
+    PROCESS_CPU_PERCENT,
+    SUMMARY_FIGURES
+};
+
+struct FigureName {
+    const char *key;   // in JSON
+    const char *label; // for people
+    const char *unit;  // "" for a plain count
+};
+extern const FigureName SUMMARY_NAMES[SUMMARY_FIGURES];
+
+struct Summary {
+    int64_t figures[SUMMARY_FIGURES] = {};
+    std::optional<uint64_t> jvm_microseconds;
+};
+
+// The thread sample in all its forms: rows of active threads, rows of all threads, and thread records with
+// stacks and locks.
+ThreadSample DecodeThreads(const Reply &reply);
+
+// The summary line.
+Summary DecodeSummary(const Reply &reply);
+
+// A plain answer, such as that of a setting.
+std::string DecodeText(const Reply &reply);
+
+} // namespace qorctl

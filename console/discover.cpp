@@ -1,0 +1,93 @@
+#include "discover.h"
+
+#include "endpoint.h"
+#include "failure.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <dirent.h>
+#include <unistd.h>
+
+namespace qorctl {
+
+namespace {
+
+constexpr Seconds PROBE_LIMIT(2);
+
+std::vector<pid_t> ProcessIds() {
+    std::vector<pid_t> pids;
+    DIR *dir = opendir("/proc");
+    if (!dir)
+        return pids;
+    while (const dirent *entry = readdir(dir)) {
+        char *end = nullptr;
+        long pid = strtol(entry->d_name, &end, 10);
+        if (*end == 0 && pid > 0)
+            pids.push_back(static_cast<pid_t>(pid));
+    }
+    closedir(dir);
+    std::sort(pids.begin(), pids.end());
+    return pids;
+}
+
+bool LooksLikeJava(const Process &process) {
+    const std::string &program = process.arguments[0];
+    return program.substr(program.rfind('/') + 1) == "java";
+}
+
+// Running means that it answers: an endpoint file alone may be a leftover.
+AgentState FindAgent(const Process &process) {
+    try {
+        std::optional<Endpoint> endpoint = FindEndpoint(process);
+        if (!endpoint)
+            return AgentState::ABSENT;
+        if (!SameNetwork(process.pid))
+            return AgentState::UNKNOWN;
+        return Connection::Open(*endpoint, PROBE_LIMIT) ? AgentState::RUNNING : AgentState::ABSENT;
+    } catch (const Failure &) {
+        return AgentState::UNKNOWN;
+    }
+}
+
+void Describe(const Process &process, const std::string &library, JvmEntry *entry) {
+    PerfData perf = ReadPerfData(process);
+    entry->java_version = perf.java_version;
+    if (entry->java_version.empty())
+        entry->java_version = VersionBesideLibrary(process.pid, library);
+    entry->agent = FindAgent(process);
+    if (entry->agent == AgentState::RUNNING)
+        return;
+    if (AttachDisabled(process, perf))
+        entry->note = "attaching is disabled";
+    else if (process.stopped)
+        entry->note = "stopped";
+    else if (!process.catches_sigquit)
+        entry->note = "doesn't listen for attaching";
+}
+
+} // namespace
+
+std::vector<JvmEntry> ListJvms() {
+    std::vector<JvmEntry> jvms;
+    for (pid_t pid : ProcessIds()) {
+        Process process;
+        if (!ReadProcess(pid, &process))
+            continue;
+        std::string library;
+        JvmKind kind = FindJvm(pid, &library);
+        if (kind == JvmKind::NONE || (kind == JvmKind::UNREADABLE && !LooksLikeJava(process)))
+            continue;
+        JvmEntry entry;
+        entry.pid = pid;
+        entry.user = UserName(process.euid);
+        entry.main_class = MainClass(process.arguments);
+        if (kind == JvmKind::HOTSPOT)
+            Describe(process, library, &entry);
+        else
+            entry.note = kind == JvmKind::OTHER ? "not HotSpot" : "of another user";
+        jvms.push_back(std::move(entry));
+    }
+    return jvms;
+}
+
+} // namespace qorctl

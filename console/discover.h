@@ -1,0 +1,26 @@
+// Which JVMs run here.
+#pragma once
+
+#include "process.h"
+
+#include <string>
+#include <vector>
+
+namespace qorctl {
+
+enum class AgentState { UNKNOWN, ABSENT, RUNNING };
+
+struct JvmEntry {
+    pid_t pid = 0;
+    std::string user;
+    std::string java_version; // empty when not known
+    std::string main_class;
+    AgentState agent = AgentState::UNKNOWN;
+    std::string note; // why it can't be attached to; empty when it can
+};
+
+// The JVMs of this machine in order of process id. Those of other users are listed as far as they can be
+// seen.
+std::vector<JvmEntry> ListJvms();
+
+} // namespace qorctl

@@ -1,0 +1,54 @@
+// The way to an agent that runs: its endpoint file, its relay, one request and its reply.
+//
+// The relay listens on the loopback of the JVM's machine and asks for a token, which stands with the port in
+// a file that only the JVM's user can read. Every wait has an end and every read a bound.
+#pragma once
+
+#include "process.h"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qorctl {
+
+using Seconds = std::chrono::seconds;
+
+struct Endpoint {
+    uint32_t address = 0; // IPv4, network order
+    uint16_t port = 0;
+    std::string token; // 32 hexadecimal digits
+    pid_t inner_pid = 0;
+};
+
+// The text of an endpoint file, "key=value" lines; nothing when a line that is needed is missing or
+// malformed, or when the file is of a version this console doesn't know.
+std::optional<Endpoint> ParseEndpoint(std::string_view text);
+
+// The endpoint of a process; nothing when no agent has written one. Throws a Failure when the file or its
+// directory isn't what the agent creates: owned by the JVM's user, closed to others, no links.
+std::optional<Endpoint> FindEndpoint(const Process &process);
+
+// A connection to a relay, behind its token.
+class Connection {
+public:
+    // Nothing when nobody listens there or the token isn't accepted: the file is then a leftover.
+    static std::optional<Connection> Open(const Endpoint &endpoint, Seconds limit);
+
+    // Sends one request line and reads the reply up to its end mark. Throws a Failure when none comes.
+    std::string Ask(std::string_view request, Seconds limit);
+
+    // Sends a line after which the other side hangs up. Throws a Failure when it doesn't.
+    void SendLast(std::string_view request, Seconds limit);
+
+private:
+    explicit Connection(FileDescriptor socket) : socket_(std::move(socket)) {}
+    FileDescriptor socket_;
+};
+
+// The loopback connection can't be made from another network namespace: a Failure that says how to get there.
+void CheckNetwork(const Process &process);
+
+} // namespace qorctl

@@ -1,0 +1,129 @@
+#include "json.h"
+
+namespace qorctl {
+
+namespace {
+
+template <class T>
+Json OrNull(const std::optional<T> &value) {
+    return value ? Json(*value) : Json();
+}
+
+Json TextOrNull(const std::string &text) {
+    return text.empty() ? Json() : Json(text);
+}
+
+Json NumberOrNull(int64_t number) {
+    return number == 0 ? Json() : Json(number);
+}
+
+Json ToJson(const Frame &frame) {
+    return {{"class", frame.class_name},
+            {"method", frame.method},
+            {"file", TextOrNull(frame.file)},
+            {"line", NumberOrNull(frame.line)}};
+}
+
+Json StackRow(const Frame &frame) {
+    Json row = {{"index", frame.index}};
+    if (frame.skipped > 0) {
+        row["skipped"] = frame.skipped;
+        return row;
+    }
+    row.update(ToJson(frame));
+    row["method_id"] = frame.method_id;
+    return row;
+}
+
+Json ToJson(const DbWait &db) {
+    return {{"url", OrNull(db.url)},
+            {"user", OrNull(db.user)},
+            {"local_port", NumberOrNull(db.local_port)},
+            {"remote_host", OrNull(db.remote_host)},
+            {"remote_port", NumberOrNull(db.remote_port)},
+            {"sample_time", NumberOrNull(db.sample_time)},
+            {"sql_ref", NumberOrNull(db.sql_ref)},
+            {"sql", OrNull(db.sql)},
+            {"type", OrNull(db.type)}};
+}
+
+Json ToJson(const RmiWait &rmi) {
+    return {{"call_id", NumberOrNull(rmi.call_id)},
+            {"remote_host", OrNull(rmi.remote_host)},
+            {"remote_port", NumberOrNull(rmi.remote_port)},
+            {"jndi_name", OrNull(rmi.jndi_name)}};
+}
+
+Json ToJson(const LockWait &wait) {
+    return {{"lock", wait.lock},
+            {"class", wait.class_name},
+            {"owner", wait.owner.thread > 0 ? Json(wait.owner.thread) : Json()}};
+}
+
+Json ToJson(const OwnedLock &lock) {
+    return {{"lock", lock.lock},
+            {"class", lock.class_name},
+            {"depth", lock.depth >= 0 ? Json(lock.depth) : Json()}};
+}
+
+template <class T, class Convert>
+Json Array(const std::vector<T> &values, Convert convert) {
+    Json array = Json::array();
+    for (const T &value : values)
+        array.push_back(convert(value));
+    return array;
+}
+
+Json ToJson(const Thread &thread) {
+    Json object = {{"name", thread.name},
+                   {"id", thread.key.thread},
+                   {"key", thread.key.Text()},
+                   {"state", thread.state},
+                   {"call", thread.call ? ToJson(*thread.call) : Json()}};
+    if (thread.request_url || thread.request_detail)
+        object["request"] = {{"url", OrNull(thread.request_url)}, {"detail", OrNull(thread.request_detail)}};
+    if (thread.db)
+        object["db"] = ToJson(*thread.db);
+    if (thread.rmi)
+        object["rmi"] = ToJson(*thread.rmi);
+    if (thread.stack.empty())
+        return object;
+    object["stack"] = Array(thread.stack, StackRow);
+    object["waits_for"] = thread.waits_for ? ToJson(*thread.waits_for) : Json();
+    object["owns"] = Array(thread.owns, [](const OwnedLock &lock) { return ToJson(lock); });
+    return object;
+}
+
+} // namespace
+
+Json ToJson(const ThreadSample &sample) {
+    return {{"threads", Array(sample.threads, [](const Thread &thread) { return ToJson(thread); })},
+            {"jvm_microseconds", OrNull(sample.jvm_microseconds)},
+            {"cut", sample.cut}};
+}
+
+Json ToJson(const Summary &summary) {
+    Json object;
+    for (int i = 0; i < SUMMARY_FIGURES; ++i)
+        object[SUMMARY_NAMES[i].key] = summary.figures[i];
+    object["jvm_microseconds"] = OrNull(summary.jvm_microseconds);
+    return object;
+}
+
+Json ToJson(const std::vector<JvmEntry> &jvms) {
+    return Array(jvms, [](const JvmEntry &jvm) {
+        Json agent = jvm.agent == AgentState::UNKNOWN ? Json() : Json(jvm.agent == AgentState::RUNNING);
+        return Json{{"pid", jvm.pid},
+                    {"user", jvm.user},
+                    {"java_version", TextOrNull(jvm.java_version)},
+                    {"main_class", TextOrNull(jvm.main_class)},
+                    {"agent", agent},
+                    {"note", TextOrNull(jvm.note)}};
+    });
+}
+
+std::string JsonText(const Json &document, bool one_line) {
+    return document.dump(one_line ? -1 : 2, ' ', false, Json::error_handler_t::replace);
+}
+
+} // namespace qorctl

@@ -1,0 +1,20 @@
+// Values to JSON, for scripts. What isn't known is null or left out; numbers are numbers.
+#pragma once
+
+#include "decode.h"
+#include "discover.h"
+
+#include <nlohmann/json.hpp>
+
+namespace qorctl {
+
+using Json = nlohmann::ordered_json;
+
+Json ToJson(const ThreadSample &sample);
+Json ToJson(const Summary &summary);
+Json ToJson(const std::vector<JvmEntry> &jvms);
+
+// One document as text. Bytes that aren't UTF-8 are replaced.
+std::string JsonText(const Json &document, bool one_line);
+
+} // namespace qorctl

@@ -1,0 +1,135 @@
+// qorctl: the console. Command line to commands, failures to exit codes.
+#include "commands.h"
+#include "failure.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <fmt/format.h>
+
+using namespace qorctl;
+
+namespace {
+
+struct CommandLine {
+    Settings settings;
+    pid_t pid = 0;
+    ThreadsCommand threads;
+    double watch = 0;
+    std::string rules_file, raw_text;
+    bool raw_bytes = false;
+    int log_level = 0;
+};
+
+CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings *settings) {
+    CLI::App *command = app->add_subcommand(name, text);
+    command->add_flag("--json", settings->json, "Write JSON");
+    return command;
+}
+
+// A command about one JVM, which loads the agent when it isn't there.
+CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, CommandLine *line) {
+    CLI::App *command = AddCommand(app, name, text, &line->settings);
+    command->add_option("pid", line->pid, "Process id of the JVM")
+        ->option_text("PID")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    command->add_option("--jar", line->settings.jar,
+                        "The agent's jar (else $QORAGENT_JAR, else beside qorctl)");
+    command->add_option("--options", line->settings.options,
+                        "Options for the agent if it is loaded now: key=value,...");
+    command->add_option("--timeout", line->settings.timeout, "Seconds to wait for an answer")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 86400));
+    return command;
+}
+
+void AddWatch(CLI::App *command, double *seconds) {
+    command->add_option("--watch", *seconds, "Ask again every SECONDS")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.1, 86400.0));
+}
+
+void AddWide(CLI::App *command, Settings *settings) {
+    command->add_flag("--wide", settings->wide, "Don't cut lines to the terminal's width");
+}
+
+void AddThreads(CLI::App *app, CommandLine *line) {
+    CLI::App *command = AddJvmCommand(app, "threads", "Show what the threads do", line);
+    command->add_flag("--details", line->threads.details, "With stacks and locks");
+    command->add_flag("--all", line->threads.all, "Idle threads too");
+    command
+        ->add_option("--thread", line->threads.thread,
+                     "Stack and locks of this thread alone, by its id or key")
+        ->option_text("ID");
+    command
+        ->add_option("--match", line->threads.match, "Only threads with TEXT in name, state, call or stack")
+        ->option_text("TEXT");
+    AddWatch(command, &line->threads.watch);
+    AddWide(command, &line->settings);
+    command->final_callback([line] { RunThreads(line->settings, line->pid, line->threads); });
+}
+
+void AddOthers(CLI::App *app, CommandLine *line) {
+    Settings *settings = &line->settings;
+    CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
+    AddWide(list, settings);
+    list->final_callback([=] { RunList(*settings); });
+
+    CLI::App *attach = AddJvmCommand(app, "attach", "Load the agent into a JVM", line);
+    attach->final_callback([=] { RunAttach(*settings, line->pid); });
+
+    CLI::App *summary =
+        AddJvmCommand(app, "summary", "Show thirteen figures: processor, heap, threads by state", line);
+    AddWatch(summary, &line->watch);
+    summary->final_callback([=] { RunSummary(*settings, line->pid, line->watch); });
+
+    CLI::App *rules = AddJvmCommand(app, "rules", "Tell the agent which threads and calls are idle", line);
+    rules->add_option("file", line->rules_file, "Lines SERVERTYPE|KIND|VALUE; '-' is standard input")
+        ->option_text("FILE")
+        ->required();
+    rules->final_callback([=] { RunRules(*settings, line->pid, line->rules_file); });
+
+    CLI::App *log = AddJvmCommand(app, "log", "Set the agent's log level", line);
+    log->add_option("level", line->log_level, "0 silent, 1 errors, 2 warnings, 3 notes, 4 and up detail")
+        ->option_text("LEVEL")
+        ->required()
+        ->check(CLI::Range(0, 99));
+    log->final_callback([=] { RunLog(*settings, line->pid, line->log_level); });
+
+    CLI::App *raw = AddJvmCommand(app, "raw", "Send a request as it stands and show the reply", line);
+    raw->add_option("text", line->raw_text, "The request")->option_text("TEXT")->required();
+    raw->add_flag("--bytes", line->raw_bytes, "Write the reply's bytes, control characters included");
+    raw->final_callback([=] { RunRaw(*settings, line->pid, line->raw_text, line->raw_bytes); });
+
+    CLI::App *shutdown = AddJvmCommand(app, "shutdown", "End the agent in a JVM", line);
+    shutdown->final_callback([=] { RunShutdown(*settings, line->pid); });
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    signal(SIGPIPE, SIG_DFL);
+    CLI::App app("What the threads of a running JVM do, and what they wait for");
+    app.name("qorctl");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "qorctl " QOR_VERSION);
+    app.footer("Exit codes: 0 answer, 1 no answer, 2 wrong use. 'qorctl COMMAND --help' tells more.");
+    app.failure_message([](const CLI::App *, const CLI::Error &error) {
+        return fmt::format("qorctl: {}; see qorctl --help\n", error.what());
+    });
+    CommandLine line;
+    AddThreads(&app, &line);
+    AddOthers(&app, &line);
+    try {
+        app.parse(argc, argv);
+        return EXIT_ANSWER;
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? EXIT_ANSWER : EXIT_USAGE;
+    } catch (const Failure &failure) {
+        fmt::print(stderr, "qorctl: {}; {}\n", failure.what(), failure.hint);
+        return failure.code;
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "qorctl: {}\n", error.what());
+        return EXIT_NO_ANSWER;
+    }
+}

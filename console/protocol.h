@@ -1,0 +1,62 @@
+// The words of the wire, as the console needs them: what it sends and what it looks for in a reply.
+//
+// The agent writes these from constants of its own. The two lists are kept apart on purpose: the console also
+// talks to agents older and newer than itself, so what it accepts is a decision of its own.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace qorctl {
+
+// Control characters of a reply.
+constexpr char FIELD_SEP = 29;      // between two fields of a record
+constexpr char RECORD_END = 30;     // ends a record; also stands behind a section title
+constexpr char SECTION_END = 31;    // ends a section
+constexpr char DETAIL_START = 28;   // starts a wait-detail block behind the state
+constexpr char DETAIL_RMI = 27;     // right behind DETAIL_START: an RMI block
+constexpr char DETAIL_COUNTED = 26; // ends the field count of a database block
+constexpr char STATE_MARK = 14;     // in front of the state at optimisation level 3
+
+constexpr std::string_view NO_VALUE = "^";
+constexpr std::string_view NO_LINE_FILE = "Native Method"; // in the file's place when no line is known
+constexpr std::string_view NO_LINE_SHOWN = " ";            // the line of such a frame, where a blank is used
+constexpr std::string_view CALL_ARROW = "->";
+
+// Section titles.
+constexpr std::string_view TITLE_ACTIVE_THREADS = "JVM Active Threads";
+constexpr std::string_view TITLE_THREAD_DETAILS = "Thread Info Details";
+constexpr std::string_view TITLE_CALL_STACK = "Call Stack";
+constexpr std::string_view TITLE_LOCK_WAIT = "Lock On";
+constexpr std::string_view TITLE_OWNED_LOCKS = "JVM Locks";
+constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
+
+constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and performance optimization";
+constexpr std::string_view USEC_UNIT = " usec";
+
+// The channel.
+constexpr std::string_view END_OF_TRANSMISSION = "|\t|\t\t||";
+constexpr std::string_view SHUTDOWN_REQUEST = "SHUTDOWN";
+constexpr size_t MAX_REQUEST_BYTES = 20480; // a request line, its line feed not counted
+constexpr size_t REPLY_LIMIT = 1024000;     // the agent's reply buffer
+constexpr size_t MAX_THREADS_SAMPLED = 1024;
+
+// Bits of the flag word, the first field of a request.
+enum RequestFlag : uint32_t {
+    FLAG_NO_GC_LOCK = 4,
+    FLAG_DETAILS = 16,
+    FLAG_SINGLE_THREAD = 32,
+    FLAG_SYSTEM_DATA = 128,
+    FLAG_ALL_THREADS = 256,
+    FLAG_NOT_A_POLL = 512,
+};
+
+// Bits of the request identifier.
+enum RequestId : uint32_t {
+    REQ_THREAD_SUMMARY = 0x100,
+    REQ_ACTIVE_THREADS = 0x2000,
+    REQ_POLL_DETAILS = 0x8000,
+};
+
+} // namespace qorctl

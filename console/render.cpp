@@ -1,0 +1,443 @@
+#include "render.h"
+
+#include "protocol.h"
+
+#include <algorithm>
+#include <ctime>
+#include <fmt/format.h>
+#include <map>
+
+namespace qorctl {
+
+namespace {
+
+constexpr size_t LEAST_COLUMN = 8; // what a column keeps when a table is cut to the terminal
+
+constexpr const char *RESET = "\x1b[0m";
+constexpr const char *BOLD = "\x1b[1m";
+constexpr const char *DIM = "\x1b[2m";
+
+struct StateColour {
+    std::string_view state;
+    const char *code;
+};
+constexpr StateColour STATE_COLOURS[] = {
+    {"Runnable", "\x1b[32m"}, {"Lock", "\x1b[31m"},     {"Network Wait", "\x1b[33m"}, {"IO Wait", "\x1b[33m"},
+    {"DB Wait", "\x1b[33m"},  {"RMI Wait", "\x1b[33m"}, {"Object Wait", "\x1b[2m"},   {"Sleeping", "\x1b[2m"},
+};
+
+std::string Coloured(const std::string &text, const char *code, const Style &style) {
+    return style.colour && code ? fmt::format("{}{}{}", code, text, RESET) : text;
+}
+
+const char *StateCode(std::string_view state) {
+    for (const StateColour &row : STATE_COLOURS)
+        if (row.state == state)
+            return row.code;
+    return nullptr;
+}
+
+// One code point of UTF-8 at the start of `text`: its length in bytes, 0 when the bytes aren't UTF-8.
+size_t CodePoint(std::string_view text, char32_t *value) {
+    auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    size_t length = byte(0) < 0x80 ? 1 : byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : byte(0) >= 0xc2 ? 2 : 0;
+    if (length == 0 || length > text.size() || byte(0) > 0xf4)
+        return 0;
+    *value = length == 1 ? byte(0) : byte(0) & (0xff >> (length + 1));
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xc0) != 0x80)
+            return 0;
+        *value = *value << 6 | (byte(i) & 0x3f);
+    }
+    constexpr char32_t SHORTEST[] = {0, 0, 0x80, 0x800, 0x10000};
+    return *value < SHORTEST[length] || *value > 0x10ffff ? 0 : length;
+}
+
+bool SteersTerminal(char32_t c) {
+    return c < 32 || (c >= 0x7f && c < 0xa0) || (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069);
+}
+
+struct Range {
+    char32_t first, last;
+    size_t width;
+};
+constexpr Range WIDTHS[] = {
+    {0x300, 0x36f, 0},     {0x200b, 0x200f, 0}, {0xfe00, 0xfe0f, 0},   {0x1100, 0x115f, 2},
+    {0x2e80, 0xa4cf, 2},   {0xac00, 0xd7a3, 2}, {0xf900, 0xfaff, 2},   {0xfe30, 0xfe6f, 2},
+    {0xff00, 0xff60, 2},   {0xffe0, 0xffe6, 2}, {0x1f300, 0x1f64f, 2}, {0x1f900, 0x1f9ff, 2},
+    {0x20000, 0x3fffd, 2},
+};
+
+size_t Width(char32_t c) {
+    for (const Range &range : WIDTHS)
+        if (c >= range.first && c <= range.last)
+            return range.width;
+    return 1;
+}
+
+// Cuts printable text to `width` columns; the last one tells that something is missing.
+std::string Fit(const std::string &text, size_t width) {
+    if (DisplayWidth(text) <= width)
+        return text;
+    size_t used = 0, at = 0;
+    char32_t c = 0;
+    while (at < text.size()) {
+        size_t length = std::max<size_t>(CodePoint(std::string_view(text).substr(at), &c), 1);
+        if (used + Width(c) + 1 > width)
+            break;
+        used += Width(c);
+        at += length;
+    }
+    return text.substr(0, at) + "\xe2\x80\xa6"; // an ellipsis
+}
+
+struct Cell {
+    Cell(std::string cell_text = "", const char *cell_colour = nullptr)
+        : text(Printable(cell_text)), colour(cell_colour) {}
+    std::string text;
+    const char *colour;
+};
+
+struct Column {
+    const char *title;
+    bool to_the_right = false;
+};
+
+class Table {
+public:
+    explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+
+    void Add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
+
+    std::string Text(const Style &style) const {
+        std::vector<size_t> widths = Widths(style);
+        std::vector<Cell> titles;
+        for (const Column &column : columns_)
+            titles.emplace_back(column.title, BOLD);
+        std::string text = Line(titles, widths, style);
+        for (const std::vector<Cell> &row : rows_)
+            text += Line(row, widths, style);
+        return text;
+    }
+
+private:
+    static constexpr size_t GAP = 2;
+
+    std::vector<size_t> Widths(const Style &style) const {
+        std::vector<size_t> widths;
+        size_t total = 0;
+        for (size_t i = 0; i < columns_.size(); ++i) {
+            size_t width = DisplayWidth(columns_[i].title);
+            for (const std::vector<Cell> &row : rows_)
+                width = std::max(width, DisplayWidth(row[i].text));
+            widths.push_back(width);
+            total += width + (i ? GAP : 0);
+        }
+        while (style.width > 0 && total > style.width) {
+            size_t &widest = *std::max_element(widths.begin(), widths.end());
+            if (widest <= LEAST_COLUMN)
+                break;
+            --widest;
+            --total;
+        }
+        return widths;
+    }
+
+    std::string Line(const std::vector<Cell> &row, const std::vector<size_t> &widths,
+                     const Style &style) const {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            std::string text = Fit(row[i].text, widths[i]);
+            std::string blanks(widths[i] - std::min(widths[i], DisplayWidth(text)), ' ');
+            bool last = i + 1 == row.size();
+            text = Coloured(text, row[i].colour, style);
+            line += columns_[i].to_the_right ? blanks + text : last ? text : text + blanks;
+            line += last ? "" : std::string(GAP, ' ');
+        }
+        line.resize(line.find_last_not_of(' ') + 1);
+        return line + '\n';
+    }
+
+    std::vector<Column> columns_;
+    std::vector<std::vector<Cell>> rows_;
+};
+
+// Without a line the wire keeps no file either, so that a native method and unknown code look alike.
+std::string CallText(const Frame &frame) {
+    std::string call = fmt::format("{}.{}", frame.class_name, frame.method);
+    if (frame.line > 0)
+        return fmt::format("{}({}:{})", call, frame.file.empty() ? "Unknown Source" : frame.file, frame.line);
+    return fmt::format("{}({})", call, frame.file.empty() ? "Native Method" : frame.file);
+}
+
+// What is known of the call out of the JVM, in one line.
+std::string RemoteText(const Thread &thread) {
+    std::string text;
+    auto add = [&](const std::string &piece) { text += (text.empty() ? "" : " ") + piece; };
+    if (thread.db) {
+        if (thread.db->url)
+            add(*thread.db->url);
+        if (thread.db->user)
+            add("as " + *thread.db->user);
+        if (thread.db->remote_host)
+            add(fmt::format("at {}:{}", *thread.db->remote_host, thread.db->remote_port));
+        if (thread.db->sql)
+            add(*thread.db->sql);
+    }
+    if (thread.rmi) {
+        if (thread.rmi->remote_host)
+            add(fmt::format("{}:{}", *thread.rmi->remote_host, thread.rmi->remote_port));
+        if (thread.rmi->jndi_name)
+            add(*thread.rmi->jndi_name);
+    }
+    return text;
+}
+
+std::string RequestText(const Thread &thread) {
+    std::string text = thread.request_url.value_or("");
+    if (thread.request_detail)
+        text += (text.empty() ? "" : " ") + *thread.request_detail;
+    return text;
+}
+
+std::string LockText(int64_t lock, const std::string &class_name) {
+    return fmt::format("<{}> (a {})", lock, class_name);
+}
+
+std::string WaitText(const Thread &thread, const std::map<int64_t, std::string> &names) {
+    const LockWait &wait = *thread.waits_for;
+    bool parked = !thread.stack.empty() && thread.stack[0].method == "park";
+    const char *how = thread.state == "Lock" ? "waiting to lock"
+                      : parked               ? "parking to wait for"
+                                             : "waiting on";
+    std::string text = fmt::format("- {} {}", how, LockText(wait.lock, wait.class_name));
+    if (wait.owner.thread <= 0)
+        return text;
+    text += fmt::format(", held by thread #{}", wait.owner.thread);
+    auto name = names.find(wait.owner.thread);
+    return name == names.end() ? text : fmt::format("{} \"{}\"", text, name->second);
+}
+
+// Writes the rows of one stack with the locks at the frames that took them.
+class StackWriter {
+public:
+    StackWriter(const Thread &thread, const Style &style, std::string *text)
+        : thread_(thread), style_(style), text_(text) {}
+
+    void Write(const std::map<int64_t, std::string> &names) {
+        bool first = true;
+        for (const Frame &frame : thread_.stack) {
+            if (frame.skipped > 0) {
+                Row(fmt::format("... {} frames are left out", frame.skipped), DIM);
+                Locks(frame.index, frame.index + frame.skipped - 1, true);
+            } else {
+                Row("at " + CallText(frame), nullptr);
+            }
+            if (first && thread_.waits_for)
+                Row(WaitText(thread_, names), StateCode("Lock"));
+            first = false;
+            if (frame.skipped == 0)
+                Locks(frame.index, frame.index, false);
+        }
+        for (const OwnedLock &lock : thread_.owns)
+            if (!Shown(lock))
+                Row(fmt::format("- locked {}, by a frame that isn't known",
+                                LockText(lock.lock, lock.class_name)),
+                    StateCode("Network Wait"));
+    }
+
+private:
+    void Row(const std::string &row, const char *colour) {
+        *text_ += fmt::format("\t{}\n", Coloured(Printable(row), colour, style_));
+    }
+
+    void Locks(int64_t first, int64_t last, bool tell_depth) {
+        for (const OwnedLock &lock : thread_.owns) {
+            if (lock.depth < first || lock.depth > last)
+                continue;
+            std::string row = "- locked " + LockText(lock.lock, lock.class_name);
+            Row(tell_depth ? fmt::format("{} at frame {}", row, lock.depth) : row, StateCode("Network Wait"));
+        }
+    }
+
+    bool Shown(const OwnedLock &lock) const {
+        for (const Frame &frame : thread_.stack)
+            if (lock.depth >= frame.index && lock.depth < frame.index + std::max<int64_t>(frame.skipped, 1))
+                return true;
+        return false;
+    }
+
+    const Thread &thread_;
+    const Style &style_;
+    std::string *text_;
+};
+
+const char *AgentText(AgentState state) {
+    return state == AgentState::RUNNING ? "running" : state == AgentState::ABSENT ? "-" : "?";
+}
+
+std::string FigureText(const Summary &summary, int i) {
+    return fmt::format("{}", summary.figures[i]);
+}
+
+// The columns of the series.
+struct SeriesColumn {
+    const char *title;
+    SummaryFigure figure;
+};
+constexpr SeriesColumn SERIES[] = {
+    {"sys%", SYSTEM_CPU_PERCENT}, {"jvm%", PROCESS_CPU_PERCENT},
+    {"heap%", HEAP_PERCENT},      {"os-us", OS_RESPONSE_MICROSECONDS},
+    {"run", THREADS_RUNNABLE},    {"db", THREADS_DB_WAIT},
+    {"lock", THREADS_LOCK},       {"net", THREADS_NETWORK_WAIT},
+    {"io", THREADS_IO_WAIT},      {"wait", THREADS_OBJECT_WAIT},
+    {"sleep", THREADS_SLEEPING},  {"rmi", THREADS_RMI_WAIT},
+    {"other", THREADS_OTHER},
+};
+constexpr int SERIES_WIDTH = 5;
+
+} // namespace
+
+size_t DisplayWidth(std::string_view text) {
+    size_t width = 0;
+    char32_t c = 0;
+    for (size_t at = 0; at < text.size();) {
+        size_t length = CodePoint(text.substr(at), &c);
+        width += length ? Width(c) : 1;
+        at += std::max<size_t>(length, 1);
+    }
+    return width;
+}
+
+std::string Printable(std::string_view text) {
+    std::string out;
+    char32_t c = 0;
+    for (size_t at = 0; at < text.size();) {
+        size_t length = CodePoint(text.substr(at), &c);
+        bool plain = length > 0 && !SteersTerminal(c);
+        length = std::max<size_t>(length, 1);
+        for (size_t i = at; i < at + length; ++i)
+            plain ? out += text[i] : out += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[i]));
+        at += length;
+    }
+    return out;
+}
+
+std::string ThreadTable(const ThreadSample &sample, const Style &style) {
+    bool requests = false, remote = false;
+    for (const Thread &thread : sample.threads) {
+        requests |= !RequestText(thread).empty();
+        remote |= !RemoteText(thread).empty();
+    }
+    std::vector<Column> columns = {{"ID", true}, {"STATE"}, {"THREAD"}, {"CALL"}};
+    if (requests)
+        columns.push_back({"REQUEST"});
+    if (remote)
+        columns.push_back({"REMOTE"});
+    Table table(columns);
+    for (const Thread &thread : sample.threads) {
+        std::vector<Cell> row = {fmt::format("{}", thread.key.thread),
+                                 Cell(thread.state, StateCode(thread.state)), thread.name,
+                                 thread.call ? CallText(*thread.call) : "-"};
+        if (requests)
+            row.emplace_back(RequestText(thread));
+        if (remote)
+            row.emplace_back(RemoteText(thread));
+        table.Add(std::move(row));
+    }
+    return table.Text(style);
+}
+
+std::string ThreadDump(const ThreadSample &sample, const Style &style) {
+    std::map<int64_t, std::string> names;
+    for (const Thread &thread : sample.threads)
+        names[thread.key.thread] = thread.name;
+    std::string text;
+    for (const Thread &thread : sample.threads) {
+        std::string name = fmt::format("\"{}\" #{}", Printable(thread.name), thread.key.thread);
+        text += fmt::format("{} {}\n", Coloured(name, BOLD, style),
+                            Coloured(Printable(thread.state), StateCode(thread.state), style));
+        auto fact = [&](const char *what, const std::string &value) {
+            if (!value.empty())
+                text += fmt::format("   {}: {}\n", what, Printable(value));
+        };
+        fact("in", thread.call ? CallText(*thread.call) : "");
+        fact("request", RequestText(thread));
+        fact("remote", RemoteText(thread));
+        StackWriter(thread, style, &text).Write(names);
+        text += '\n';
+    }
+    return text;
+}
+
+std::string SampleNotes(const ThreadSample &sample) {
+    std::string text =
+        fmt::format("{} thread{}", sample.threads.size(), sample.threads.size() == 1 ? "" : "s");
+    if (sample.jvm_microseconds)
+        text += fmt::format(", {} us in the JVM", *sample.jvm_microseconds);
+    if (sample.cut)
+        text += "; the reply reached the agent's limit, threads are missing (ask for one with --thread)";
+    if (sample.threads.size() >= MAX_THREADS_SAMPLED)
+        text += fmt::format("; the agent samples the first {} threads", MAX_THREADS_SAMPLED);
+    return text;
+}
+
+std::string SummaryTable(const Summary &summary, const Style &style) {
+    Table table({{"FIGURE"}, {"VALUE", true}, {""}});
+    for (int i = 0; i < SUMMARY_FIGURES; ++i) {
+        bool count = SUMMARY_NAMES[i].unit[0] == 0;
+        table.Add({fmt::format("{}{}", count ? "Threads in " : "", SUMMARY_NAMES[i].label),
+                   FigureText(summary, i), std::string(SUMMARY_NAMES[i].unit)});
+    }
+    return table.Text(style);
+}
+
+std::string SummaryHeader() {
+    std::string line = fmt::format("{:<8}", "time");
+    for (const SeriesColumn &column : SERIES)
+        line += fmt::format(" {:>{}}", column.title, SERIES_WIDTH);
+    return line + '\n';
+}
+
+std::string SummaryLine(const Summary &summary) {
+    char clock[16];
+    time_t now = time(nullptr);
+    tm local;
+    strftime(clock, sizeof clock, "%H:%M:%S", localtime_r(&now, &local));
+    std::string line = fmt::format("{:<8}", clock);
+    for (const SeriesColumn &column : SERIES)
+        line += fmt::format(" {:>{}}", FigureText(summary, column.figure), SERIES_WIDTH);
+    return line + '\n';
+}
+
+std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style) {
+    Table table({{"PID", true}, {"USER"}, {"JAVA"}, {"AGENT"}, {"MAIN"}, {"NOTE"}});
+    for (const JvmEntry &jvm : jvms)
+        table.Add(
+            {std::to_string(jvm.pid), jvm.user, jvm.java_version.empty() ? "?" : jvm.java_version,
+             Cell(AgentText(jvm.agent), jvm.agent == AgentState::RUNNING ? StateCode("Runnable") : nullptr),
+             jvm.main_class, jvm.note});
+    return table.Text(style);
+}
+
+std::string VisibleReply(std::string_view reply) {
+    std::string out;
+    while (!reply.empty()) {
+        auto control = [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; };
+        size_t plain = static_cast<size_t>(std::find_if(reply.begin(), reply.end(), control) - reply.begin());
+        out += Printable(reply.substr(0, plain));
+        reply.remove_prefix(plain);
+        if (reply.empty())
+            break;
+        char c = reply[0];
+        out += fmt::format("<{}>", static_cast<int>(c));
+        if (c == RECORD_END || c == SECTION_END || c == '\n')
+            out += '\n';
+        reply.remove_prefix(1);
+    }
+    if (!out.empty() && out.back() != '\n')
+        out += '\n';
+    return out;
+}
+
+} // namespace qorctl

@@ -1,0 +1,47 @@
+// Values to text for people.
+//
+// Texts of the JVM (thread names, SQL, ...) are shown with their control characters made visible, so that
+// they can't steer the terminal.
+#pragma once
+
+#include "decode.h"
+#include "discover.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qorctl {
+
+struct Style {
+    bool colour = false;
+    size_t width = 0; // columns of a line; 0: as long as it needs
+};
+
+// One row a thread.
+std::string ThreadTable(const ThreadSample &sample, const Style &style);
+
+// Stacks with locks, as a thread dump shows them. Owners are named from `sample` where they stand in it.
+std::string ThreadDump(const ThreadSample &sample, const Style &style);
+
+// What else there is to say about a sample: counts, time, whether it is complete.
+std::string SampleNotes(const ThreadSample &sample);
+
+std::string SummaryTable(const Summary &summary, const Style &style);
+
+// The summary as one line of a series, and the line that names its columns.
+std::string SummaryHeader();
+std::string SummaryLine(const Summary &summary);
+
+std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style);
+
+// A reply as it came, with control characters written "<29>" and a new line behind records and sections.
+std::string VisibleReply(std::string_view reply);
+
+// Text that is safe to print: control characters become "\xNN", bytes that aren't UTF-8 as well.
+std::string Printable(std::string_view text);
+
+// Columns that printable text takes on a terminal.
+size_t DisplayWidth(std::string_view text);
+
+} // namespace qorctl

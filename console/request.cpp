@@ -1,0 +1,138 @@
+#include "request.h"
+
+#include "failure.h"
+#include "protocol.h"
+
+#include <fmt/format.h>
+
+namespace qorctl {
+
+namespace {
+
+constexpr size_t RULES_PER_TABLE = 150;
+
+struct RuleTable {
+    std::string_view types[3]; // compared by their beginning, as the agent does
+    size_t count = 0;
+};
+
+// The rules' lines, without their ends; a carriage return with a line feed is one end.
+std::vector<std::string_view> Lines(std::string_view text) {
+    std::vector<std::string_view> lines;
+    while (!text.empty()) {
+        size_t end = text.find_first_of("\r\n");
+        lines.push_back(text.substr(0, end));
+        if (end == text.npos)
+            break;
+        end += text.substr(end, 2) == "\r\n" ? 2 : 1;
+        text.remove_prefix(end);
+    }
+    return lines;
+}
+
+bool StartsWith(std::string_view text, std::string_view start) {
+    return text.substr(0, start.size()) == start;
+}
+
+const char *Fault(std::string_view line, RuleTable (&tables)[2]) {
+    size_t first = line.find('|');
+    size_t second = first == line.npos ? first : line.find('|', first + 1);
+    if (second == line.npos)
+        return "a rule needs three fields, SERVERTYPE|KIND|VALUE";
+    std::string_view kind = line.substr(first + 1, second - first - 1);
+    std::string_view value = line.substr(second + 1);
+    value = value.substr(0, value.find('|'));
+    if (first < 4)
+        return "the server type needs four characters";
+    if (kind.empty() || value.empty())
+        return "kind or value is empty";
+    for (RuleTable &table : tables)
+        for (std::string_view type : table.types)
+            if (!type.empty() && StartsWith(kind, type))
+                return ++table.count > RULES_PER_TABLE ? "the agent's table of 150 such rules is full"
+                                                       : nullptr;
+    return nullptr;
+}
+
+uint32_t BaseFlags(bool repeated) {
+    return FLAG_NO_GC_LOCK | (repeated ? 0u : FLAG_NOT_A_POLL);
+}
+
+} // namespace
+
+std::string ThreadsRequest(const ThreadQuestion &question) {
+    uint32_t flags = BaseFlags(question.repeated);
+    if (!question.thread_key.empty())
+        return fmt::format("{}|showstack|{}|ARG=x,1={}", flags | FLAG_SINGLE_THREAD,
+                           uint32_t(REQ_POLL_DETAILS), question.thread_key);
+    if (question.details)
+        flags |= FLAG_DETAILS;
+    if (question.all)
+        flags |= FLAG_ALL_THREADS;
+    bool plain = !question.details && !question.all;
+    return fmt::format("{}|showstack|{}", flags, uint32_t(plain ? REQ_ACTIVE_THREADS : REQ_POLL_DETAILS));
+}
+
+std::string SummaryRequest(bool repeated) {
+    return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_THREAD_SUMMARY));
+}
+
+std::string SettingRequest(std::string_view key, std::string_view value) {
+    return fmt::format("{}|NoProcessing|{}|{}", BaseFlags(false), key, value);
+}
+
+std::string RulesRequest(std::string_view rules) {
+    std::string text;
+    for (std::string_view line : Lines(rules))
+        if (!line.empty()) {
+            text += line;
+            text += '\r';
+        }
+    if (text.empty())
+        text = "#"; // a comment alone: no rules, and still a value, which the setting wants
+    std::string request = SettingRequest("activethreads", text);
+    if (request.size() > MAX_REQUEST_BYTES)
+        throw Failure(
+            fmt::format("the rules take {} bytes, a request holds {}", request.size(), MAX_REQUEST_BYTES),
+            "drop comments, or replace rules by shorter ones that end in '*'");
+    CheckRequest(request);
+    return request;
+}
+
+std::vector<std::string> CheckRules(std::string_view rules) {
+    RuleTable tables[2] = {{{"monitor", "currcall", "threadname"}}, {{"systemcall", "", ""}}};
+    std::vector<std::string> faults;
+    size_t number = 0;
+    for (std::string_view line : Lines(rules)) {
+        ++number;
+        if (line.empty() || line[0] == '#')
+            continue;
+        if (const char *fault = Fault(line, tables))
+            faults.push_back(fmt::format("line {} has no effect: {}", number, fault));
+    }
+    return faults;
+}
+
+std::string ThreadKeyText(std::string_view text, int64_t process) {
+    size_t bar = text.find('-');
+    std::string_view parts[2] = {text.substr(0, bar), bar == text.npos ? text : text.substr(bar + 1)};
+    for (std::string_view part : parts)
+        if (part.empty() || part.size() > 18 || part.find_first_not_of("0123456789") != part.npos)
+            throw Failure(fmt::format("\"{}\" is no thread", text),
+                          "give the number shown in the column ID, or PROCESS-THREAD", EXIT_USAGE);
+    return bar == text.npos ? fmt::format("{}-{}", process, text) : std::string(text);
+}
+
+void CheckRequest(std::string_view request) {
+    if (request.size() > MAX_REQUEST_BYTES)
+        throw Failure(fmt::format("the request takes {} bytes, at most {} can be sent", request.size(),
+                                  MAX_REQUEST_BYTES),
+                      "shorten it");
+    if (request.find('\n') != request.npos)
+        throw Failure("a request can't hold a line feed", "use a carriage return between lines");
+    if (request.find(END_OF_TRANSMISSION) != request.npos)
+        throw Failure("the text holds the end-of-transmission marker",
+                      "remove it, all behind it would be lost");
+}
+
+} // namespace qorctl

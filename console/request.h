@@ -1,0 +1,40 @@
+// Request texts: fields by bars, "flags|command|identifier|arguments".
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qorctl {
+
+// What of the threads is asked for.
+struct ThreadQuestion {
+    bool details = false;   // stacks and locks
+    bool all = false;       // idle threads too
+    bool repeated = false;  // one of a series: the agent keeps its log silent
+    std::string thread_key; // "process-thread": this thread alone, with details
+};
+std::string ThreadsRequest(const ThreadQuestion &question);
+
+std::string SummaryRequest(bool repeated);
+
+// A setting, "qorloglevel" and the like.
+std::string SettingRequest(std::string_view key, std::string_view value);
+
+// Idle rules from the text of a file. Lines end by line feed, carriage return or both; on the wire a carriage
+// return ends each, because a line feed ends the request. Throws a Failure when the text doesn't fit a
+// request.
+std::string RulesRequest(std::string_view rules);
+
+// One line for each rule that the agent would drop or never look at; empty when all is well.
+std::vector<std::string> CheckRules(std::string_view rules);
+
+// The key that a user's "THREAD" or "PROCESS-THREAD" stands for, `process` being the JVM's own idea of its
+// id. Throws a usage Failure for anything else.
+std::string ThreadKeyText(std::string_view text, int64_t process);
+
+// Throws a Failure unless the text can travel as one request line.
+void CheckRequest(std::string_view request);
+
+} // namespace qorctl

@@ -1,0 +1,67 @@
+#include "session.h"
+
+#include "attach.h"
+#include "failure.h"
+
+#include <fmt/format.h>
+
+namespace qorctl {
+
+namespace {
+
+constexpr Seconds CONNECT_LIMIT(10);
+constexpr Seconds LOAD_LIMIT(60);
+constexpr Seconds STATUS_LIMIT(5);
+
+// The options, as the agent splits them, say relay=off.
+bool SwitchesRelayOff(const std::string &options) {
+    return ("," + options + ",").find(",relay=off,") != std::string::npos;
+}
+
+} // namespace
+
+Process RequireProcess(pid_t pid) {
+    Process process;
+    if (!ReadProcess(pid, &process))
+        throw Failure(fmt::format("there is no process {}", pid), "'qorctl list' shows the JVMs");
+    CheckUser(process);
+    return process;
+}
+
+std::optional<Connection> ConnectToRunning(const Process &process) {
+    std::optional<Endpoint> endpoint = FindEndpoint(process);
+    if (!endpoint)
+        return std::nullopt;
+    CheckNetwork(process);
+    return Connection::Open(*endpoint, CONNECT_LIMIT);
+}
+
+std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process) {
+    std::string jar = FindJar(settings.jar);
+    LoadAgent(process, jar, settings.options, LOAD_LIMIT);
+    if (SwitchesRelayOff(settings.options))
+        return std::nullopt;
+    if (std::optional<Connection> connection = ConnectToRunning(process))
+        return connection;
+    std::string status = AgentStatus(process, STATUS_LIMIT);
+    constexpr std::string_view FAILED = "failed: ";
+    if (status.compare(0, FAILED.size(), FAILED) == 0)
+        throw Failure(fmt::format("the agent couldn't start: {}", status.substr(FAILED.size())),
+                      "correct --options and attach again");
+    if (status == "running")
+        throw Failure(fmt::format("the agent runs in JVM {}, but its relay can't be reached", process.pid),
+                      "it may run with relay=off or bind=, or eight consoles hold its connections");
+    throw Failure("the agent was loaded but didn't start",
+                  "the JVM's standard error tells why; check --options for a misspelt key");
+}
+
+Connection RequireAgent(const Settings &settings, const Process &process) {
+    if (std::optional<Connection> connection = ConnectToRunning(process))
+        return std::move(*connection);
+    if (std::optional<Connection> connection = LoadAndConnect(settings, process))
+        return std::move(*connection);
+    throw Failure("the options switch the relay off, so nothing can be asked", "leave out relay=off",
+                  EXIT_USAGE);
+}
+
+} // namespace qorctl
