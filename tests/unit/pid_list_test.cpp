@@ -193,7 +193,8 @@ TEST_F(PidList, GivesTheShellPlainUserNamesOnly) {
         Restart("Linux-2.4.20");
         fprintf(out, "%.*s\n", static_cast<int>(strcspn(cpu_cmd_str, "|")), cpu_cmd_str);
     };
-    EXPECT_EQ(InChain(3, 0, report),
-              "ps -fu app.user-1_x \nps -fe \nps -fe \nps -fe \nps -fe \nps -fe \nps -fe \n"
-              "ps -fe \nps -fe \n");
+    std::string expected = "ps -fu app.user-1_x \n";
+    for (int i = 0; i < 7; i++)
+        expected += "ps -fe \n";
+    EXPECT_EQ(InChain(3, 0, report), expected);
 }
