@@ -155,10 +155,10 @@ public final class Agent {
                 return;
             dataFromNative(text);
             running = false;
+            System.setProperty(STATUS_PROPERTY, STOPPED);
             if (relay != null)
                 relay.close();
             relay = null;
-            System.setProperty(STATUS_PROPERTY, STOPPED);
         }
     }
 

@@ -18,6 +18,9 @@ import java.util.Set;
  * The copy goes into a fresh directory for the owner only, which is removed as soon as the JVM has mapped the
  * library. The places tried are the JVM's temporary directory and then, as some hosts mount that without
  * leave to execute, the user's runtime directory and home.
+ *
+ * A JDK from 24 on prints a warning on stderr when a library is loaded; --enable-native-access=ALL-UNNAMED on
+ * the JVM's command line silences it. The jar's manifest can't do that for an agent.
  */
 final class NativeLibrary {
     static final String PATH_PROPERTY = "qoragent.library";

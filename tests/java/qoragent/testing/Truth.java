@@ -36,7 +36,6 @@ public final class Truth {
     }
 
     /** All live threads with their frames, by Thread.getAllStackTraces(), ordered by id. */
-    @SuppressWarnings("deprecation")
     public static String stacks() {
         Map<Long, String> byId = new TreeMap<>();
         for (Map.Entry<Thread, StackTraceElement[]> entry : Thread.getAllStackTraces().entrySet()) {

@@ -41,7 +41,7 @@ public final class Zoo {
             throw new IllegalArgumentException("a deep thread has at least " + deepBase() + " frames");
         Resident deep = new ZooRun.Deep("deep-" + frames, extra);
         admit(deep);
-        if (deep.thread().getStackTrace().length != frames)
+        if (frames(deep.thread()).length != frames)
             throw new IllegalStateException("zoo-deep-" + frames + " has another depth");
         return deep.thread();
     }
@@ -76,7 +76,6 @@ public final class Zoo {
     }
 
     /** The Java id of that thread, -1 when there is none. */
-    @SuppressWarnings("deprecation")
     public static long id(String kind) {
         Thread thread = thread(kind);
         return thread == null ? -1 : thread.getId();
@@ -93,7 +92,7 @@ public final class Zoo {
      * first, frame depth, class name and identity hash in hex, separated by tabs.
      */
     public static String heldMonitors(String kind) {
-        StackTraceElement[] frames = thread(kind).getStackTrace();
+        StackTraceElement[] frames = frames(thread(kind));
         StringBuilder text = new StringBuilder();
         for (Object[] row : ZooLocks.TAKEN)
             for (int depth = 0; row[0].equals(kind) && depth < frames.length; depth++)
@@ -105,6 +104,13 @@ public final class Zoo {
                         .append(Integer.toHexString(System.identityHashCode(row[2])))
                         .append('\n');
         return text.toString();
+    }
+
+    /**
+     * All frames of a thread: Thread.getStackTrace() leaves some out from JDK 21 on, such as Thread.runWith.
+     */
+    private static StackTraceElement[] frames(Thread thread) {
+        return Thread.getAllStackTraces().get(thread);
     }
 
     private static List<Resident> all() {
@@ -126,7 +132,7 @@ public final class Zoo {
         if (deepBase < 0) {
             Resident shallow = new ZooRun.Deep("shallow", 0);
             shallow.start();
-            deepBase = shallow.thread().getStackTrace().length;
+            deepBase = frames(shallow.thread()).length;
             shallow.release();
             shallow.awaitEnd();
         }
