@@ -5,8 +5,10 @@
 
 namespace {
 
-void Load(std::string text) {
-    readconditions(text.data());
+// Reads rules; what stands behind the text's end must stay unread.
+void Load(const std::string &text) {
+    std::string storage = text + '\0' + "abcd|threadname|ghost\nabcd|state|1\n";
+    readconditions(storage.data());
 }
 
 struct IdleRules : testing::Test {

@@ -3,34 +3,44 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <regex.h>
-#include <sstream>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-// Whether a text as a whole has a form, told as an extended regular expression.
-bool HasForm(const std::string &text, const char *form) {
-    regex_t expression;
-    EXPECT_EQ(regcomp(&expression, form, REG_EXTENDED | REG_NOSUB), 0) << form;
-    const bool found = regexec(&expression, text.c_str(), 0, nullptr, 0) == 0;
-    regfree(&expression);
-    return found;
-}
+// A form of a whole text, told as an extended regular expression.
+class Form {
+public:
+    explicit Form(const char *form) { EXPECT_EQ(regcomp(&form_, form, REG_EXTENDED | REG_NOSUB), 0) << form; }
+    ~Form() { regfree(&form_); }
+    bool fits(const std::string &text) const { return regexec(&form_, text.c_str(), 0, nullptr, 0) == 0; }
+
+private:
+    regex_t form_;
+};
 
 } // namespace
 
 TEST(Log, WritesOneLineInItsForm) {
     LogCapture log(1);
-    errno = ENOTTY;
     QORLOG(LOG_ERROR, "%s %d", "value", 7);
-    EXPECT_EQ(errno, ENOTTY);
-    EXPECT_TRUE(HasForm(log.text(), "^<[0-9]{1,2}-[0-9]{1,2}-[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}> "
-                                    "<QordAgent\\|log_test\\.cpp:[0-9]+> <value 7>\n$"))
-        << log.text();
+    const Form form("^<[0-9]{1,2}-[0-9]{1,2}-[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}> "
+                    "<QordAgent\\|log_test\\.cpp:[0-9]+> <value 7>\n$");
+    EXPECT_TRUE(form.fits(log.text())) << log.text();
     const time_t now = time(nullptr);
     EXPECT_EQ(atoi(log.text().c_str() + 1), localtime(&now)->tm_mon + 1) << "the month comes first";
+}
+
+TEST(Log, LeavesErrnoEvenWhenTheDiskIsFull) {
+    FILE *const earlier = fpLogFile;
+    fpLogFile = fopen("/dev/full", "we");
+    ASSERT_NE(fpLogFile, nullptr);
+    errno = ENOTTY;
+    QorWriteLogLine(__FILE__, __LINE__, "no room");
+    EXPECT_EQ(errno, ENOTTY);
+    fclose(fpLogFile);
+    fpLogFile = earlier;
 }
 
 TEST(Log, IsSilentUpToTheThreshold) {
@@ -61,22 +71,29 @@ TEST(Log, GoesToStderrWhenNothingIsOpen) {
         testing::ExitedWithCode(0), "<to stderr>");
 }
 
-TEST(Log, LinesOfManyThreadsNeverMix) {
-    LogCapture log(1);
+TEST(Log, WritesEachLineInOnePiece) {
+    static std::vector<std::string> pieces; // written under the stream's lock
+    cookie_io_functions_t functions = {};
+    functions.write = [](void *, const char *text, size_t size) {
+        pieces.emplace_back(text, size);
+        return static_cast<ssize_t>(size);
+    };
+    FILE *const earlier = fpLogFile;
+    fpLogFile = fopencookie(nullptr, "w", functions);
+    setvbuf(fpLogFile, nullptr, _IONBF, 0); // as stderr is
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++)
         threads.emplace_back([t] {
             for (int i = 0; i < 200; i++)
-                QORLOG(LOG_ERROR, "%s",
-                       std::string(static_cast<size_t>(i + 1), static_cast<char>('a' + t)).c_str());
+                QorWriteLogLine(__FILE__, __LINE__, "%s", std::string(i * 20 + 1, char('a' + t)).c_str());
         });
     for (std::thread &thread : threads)
         thread.join();
+    fclose(fpLogFile);
+    fpLogFile = earlier;
 
-    std::istringstream lines(log.text());
-    std::string line;
-    int count = 0;
-    for (; std::getline(lines, line); count++)
-        ASSERT_TRUE(HasForm(line, "^<[^<>]*> <[^<>]*> <(a+|b+|c+|d+)>$")) << line;
-    EXPECT_EQ(count, 800);
+    const Form whole("^<[^<>]*> <[^<>]*> <(a+|b+|c+|d+)>\n$");
+    for (const std::string &piece : pieces)
+        ASSERT_TRUE(whole.fits(piece)) << piece;
+    EXPECT_EQ(pieces.size(), 800u);
 }

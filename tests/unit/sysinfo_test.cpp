@@ -87,6 +87,8 @@ TEST(MachineCpu, GivesLoadAndCounter) {
     qorsysinfo(2);
     EXPECT_EQ(last_cpu_usr, 14000);
     EXPECT_EQ(last_cpu_sys, 7200);
+    EXPECT_LE(NowSeconds() - last_snap_time_hi, 500);
+    EXPECT_TRUE(last_snap_time_lo >= 0 && last_snap_time_lo < 100) << last_snap_time_lo;
     EXPECT_EQ(qorsysinfo(1), 0) << "a counter reading begins a new interval";
 
     MachineWasRead(100, 100);
