@@ -16,5 +16,10 @@ extern int32_t thread_timed_out; // 1 when the last request ran out of time; inf
 // null: for SHUTDOWN, an unsupported JVM, or when the worker can't be woken.
 jstring QorDataFromNative(JNIEnv *env, jstring request);
 
-// Forgets what an earlier start's channel still owed. Start-up, with new pipes.
-void QorResetCaller();
+// Lets no caller in any more and waits a few seconds for those inside, who get their reply as it stands.
+// False, and open again, when one stays. Start-up, before it replaces what callers use; only while no worker
+// lives.
+bool QorCloseToCallers();
+
+// Lets callers in again; what the earlier channel still owed is forgotten.
+void QorOpenToCallers();

@@ -18,6 +18,7 @@ enum : int32_t {
     HANDSHAKE_SIZE = 20,
     AGENT_SHUTDOWN = 5,
     WAIT_FOR_EVER = -1,
+    DEFAULT_WAIT_SECONDS = 5000, // what a time-out of 0 stands for
 };
 
 // Ends a request text inside `buf`, and each reply of the relay.

@@ -1,0 +1,100 @@
+#include "channel.h"
+
+#include "qorlog.h"
+
+#include "platforms/linux.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+
+char buf[BUF_SIZE];
+int32_t pipe_fd_PP[2] = {-1, -1};
+int32_t pipe_fd_CH[2] = {-1, -1};
+std::atomic<int32_t> agentstatus;
+std::atomic<int32_t> qorlocks[2];
+
+namespace {
+
+constexpr int32_t SLICE_SECONDS = 10;
+
+bool MakePipe(int32_t fds[2]) {
+    qor_close_pipe(fds);
+    if (!qor_create_pipe(fds))
+        return false;
+    fcntl(fds[1], F_SETFL, O_NONBLOCK);
+    return true;
+}
+
+void SleepWhole(int32_t seconds) {
+    timespec left = {seconds, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+bool QorOpenChannel() {
+    const bool down = MakePipe(pipe_fd_PP);
+    return MakePipe(pipe_fd_CH) && down;
+}
+
+int32_t qor_can_read(int32_t fd, int32_t seconds) {
+    int32_t left = seconds;
+    while ((left == WAIT_FOR_EVER || left > SLICE_SECONDS) && agentstatus != AGENT_SHUTDOWN && fd >= 0) {
+        if (left != WAIT_FOR_EVER)
+            left -= SLICE_SECONDS;
+        if (qor_can_read_internal(fd, SLICE_SECONDS))
+            return 1;
+    }
+    if (agentstatus == AGENT_SHUTDOWN)
+        return 0;
+    return qor_can_read_internal(fd, left);
+}
+
+void qor_safe_sleep(int32_t seconds) {
+    int32_t left = seconds;
+    for (; left > SLICE_SECONDS && agentstatus != AGENT_SHUTDOWN; left -= SLICE_SECONDS)
+        SleepWhole(SLICE_SECONDS);
+    if (left > 0)
+        SleepWhole(left);
+}
+
+bool qor_signal_child_to_process() {
+    return qor_write_file(pipe_fd_PP[1], WAKE_UP, HANDSHAKE_SIZE) == HANDSHAKE_SIZE;
+}
+
+void QorSignalParent() {
+    if (qor_write_file(pipe_fd_CH[1], HANDSHAKE, HANDSHAKE_SIZE) != HANDSHAKE_SIZE)
+        QORLOG(LOG_RAW_PIPE, "Handshake not written, error %d", errno);
+}
+
+int32_t qor_wait_for_child_reponse(int32_t seconds) {
+    if (!qor_can_read(pipe_fd_CH[0], seconds == 0 ? DEFAULT_WAIT_SECONDS : seconds))
+        return 0;
+    char pipe_str[HANDSHAKE_SIZE] = {};
+    const ssize_t got = qor_read_file(pipe_fd_CH[0], pipe_str, HANDSHAKE_SIZE);
+    if (got != HANDSHAKE_SIZE)
+        qor_perror("Qor Agent Error : IPC CH - 2 :");
+    if (qorloglevel > LOG_RAW_PIPE) {
+        QORLOG(LOG_RAW_PIPE, "Child Read returned = %d", static_cast<int>(got));
+        qor_perror(" Read-Child:");
+    }
+    if (memcmp(pipe_str, HANDSHAKE, HANDSHAKE_SIZE) == 0)
+        return 1;
+    QORLOG(LOG_NOTE, "Pipe not invoked by Child");
+    qor_perror(" Qor Agent Error 2001:");
+    return -1;
+}
+
+void QorDrainHandshakes() {
+    char stale[16 * HANDSHAKE_SIZE];
+    while (qor_can_read_internal(pipe_fd_CH[0], 0))
+        if (qor_read_file(pipe_fd_CH[0], stale, sizeof stale) <= 0)
+            return;
+}
+
+bool QorNoWakeUpWaits() {
+    return !qor_can_read_internal(pipe_fd_PP[0], 0);
+}

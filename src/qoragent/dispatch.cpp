@@ -1,0 +1,240 @@
+#include "dispatch.h"
+
+#include "channel.h"
+#include "no_processing.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "request_text.h"
+#include "worker.h"
+
+#include "RequestHandler/RequestHandler.h"
+#include "RequestHandler/records.h"
+#include "XtierDbSession.h"
+#include "jvmti/Session.h"
+#include "platforms/linux.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+
+int32_t fpid = -2;
+char *pars;
+int32_t arg_num;
+char recsep;
+timeval last_time, cur_time;
+uint32_t diff_time;
+
+namespace {
+
+constexpr uint32_t UNTIMED_BITS = QORREQ_JUST_THREADS | QORREQ_DB_XTIER | QORREQ_POLL_DETAILS;
+constexpr int32_t TIMING_LINE_ROOM = 50;
+constexpr int32_t TIMEBUF_SIZE = 512;
+constexpr int32_t MEMORY_VIEW_ARGUMENT = 8;
+constexpr uint32_t USEC_PER_SEC = 1000000;
+constexpr char ARGUMENT_WORD[] = "ARG";
+constexpr char HISTOGRAM_WORD[] = "ClassHistogramOnly";
+constexpr char XTIER_WORD[] = "xtier01";
+constexpr char NO_PROCESSING_WORD[] = "NoProcessing";
+
+#define QOR_REPLY(...) snprintf(pagebuf, PAGEBUF_SIZE, __VA_ARGS__)
+
+void ClearReply() {
+    pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
+}
+
+// No reader may be asked: the JVM is not known, or its road has no readers.
+void ReplyUninitialized() {
+    QOR_REPLY("QOR Uninitialized for this JVM");
+}
+
+// Takes `reqid` and, if there is one, the argument field out of `pars`.
+void ParseRequestFields() {
+    const char *bar = nullptr;
+    reqid = QorParseNumber(pars, &bar);
+    char *rest = bar ? pars + (bar + 1 - pars) : nullptr;
+    if (rest && strncmp(rest, ARGUMENT_WORD, sizeof ARGUMENT_WORD - 1) == 0)
+        arg_num = QorParseArguments(rest, console_args);
+}
+
+// True when the last dump's file is there, is a file and was written by this request.
+bool DumpWasWritten() {
+    struct stat file;
+    return dumpfile[0] && strcmp(dumpfile, HISTOGRAM_WORD) != 0 && lstat(dumpfile, &file) == 0 &&
+           S_ISREG(file.st_mode) && file.st_size > 0 && file.st_mtim.tv_sec >= last_time.tv_sec;
+}
+
+void ShowMemory() {
+    reqid = pars ? QorParseNumber(pars, nullptr) : 0;
+    ClearReply();
+    const bool forked = QorGetForkHeapDumpCapability();
+    if (QorOnJvmtiRoad() && forked)
+        QorAttachThread(); // this may be the dump's own process, whose copy of the thread is not attached
+    if (!QorCanInspect()) {
+        ReplyUninitialized();
+        return;
+    }
+    QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid);
+    if (forked && DumpWasWritten())
+        QOR_REPLY("JVM Heap:%s|%s|%s|%s|Heap details dumped to %s", vend, vers, ext_jvm_id_str, os_name,
+                  dumpfile);
+}
+
+void AskThreadView() {
+    if (QorCanInspect())
+        QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args);
+    else
+        ReplyUninitialized();
+}
+
+bool HaveSlots(int32_t count) {
+    for (int32_t i = 0; i < count; i++)
+        if (!console_args[i])
+            return false;
+    return true;
+}
+
+int32_t SlotAsInt(int32_t slot) {
+    return console_args[slot] ? atoi(console_args[slot]) : 0;
+}
+
+int64_t SlotAsLong(int32_t slot) {
+    return console_args[slot] ? atol(console_args[slot]) : 0;
+}
+
+void ShowStack() {
+    ParseRequestFields();
+    ClearReply();
+    const bool object = (reqid & QORREQ_SHOW_OBJECT) && HaveSlots(2);
+    const bool locals = (reqid & QORREQ_SHOW_LOCALS) && HaveSlots(4);
+    if ((object || locals) && !QorCanInspect())
+        ReplyUninitialized();
+    else if (object)
+        QorShowObjectRequest(SlotAsInt(0), SlotAsInt(1), reqid, pagebuf, PAGEBUF_SIZE);
+    else if (locals)
+        QorHandlePrintLocalRequest(SlotAsInt(0), SlotAsLong(1), SlotAsLong(2), SlotAsInt(3), SlotAsInt(4),
+                                   pagebuf, PAGEBUF_SIZE);
+    else
+        AskThreadView();
+}
+
+void ShowQor() {
+    ParseRequestFields();
+    dumpfile[0] = 0;
+    ClearReply();
+    AskThreadView();
+}
+
+void AskDbSessions() {
+    if (pars) {
+        a_xtierfn01(pars);
+        return;
+    }
+    QORLOG(LOG_ERROR, "\nNull parameters for request %s", XTIER_WORD);
+    QOR_REPLY("ERROR Null parameters for request %s", XTIER_WORD);
+}
+
+struct Command {
+    const char *word;
+    size_t compared;     // bytes of the word that count
+    bool needsParameter; // without one it is none of this command's
+    void (*answer)();
+};
+constexpr Command COMMANDS[] = {
+    {"showmem", 7, false, ShowMemory},
+    {"showstack", 8, true, ShowStack},
+    {"showqor", 7, true, ShowQor},
+    {XTIER_WORD, sizeof XTIER_WORD - 1, false, AskDbSessions},
+    {NO_PROCESSING_WORD, sizeof NO_PROCESSING_WORD - 1, false, QorAnswerNoProcessing},
+};
+
+bool IsNoProcessing(const char *command) {
+    return strncmp(command, NO_PROCESSING_WORD, sizeof NO_PROCESSING_WORD - 1) == 0;
+}
+
+void Answer(const char *command) {
+    if (offsetind < 0) {
+        ReplyUninitialized();
+        return;
+    }
+    for (const Command &row : COMMANDS) {
+        if (strncmp(command, row.word, row.compared) != 0 || (row.needsParameter && !pars))
+            continue;
+        row.answer();
+        return;
+    }
+    QOR_REPLY("Invalid Request %s", command);
+}
+
+// Cuts the command out of `buf`; empty when there is none.
+const char *TakeCommand() {
+    char *command = QorNextField(buf);
+    pars = nullptr;
+    if (!command)
+        return "";
+    if (char *bar = strchr(command, recsep)) {
+        *bar = 0;
+        pars = bar + 1;
+    }
+    return command;
+}
+
+bool IsTimed(const char *command) {
+    return ((reqid & ~UNTIMED_BITS) || reqid == QORREQ_POLL_DETAILS) && *command && !IsNoProcessing(command);
+}
+
+uint32_t ElapsedUsec() {
+    if (cur_time.tv_sec == last_time.tv_sec && cur_time.tv_usec < last_time.tv_usec)
+        return 1;
+    return static_cast<uint32_t>(
+        deltaTimeUsec(last_time.tv_sec, last_time.tv_usec, cur_time.tv_sec, cur_time.tv_usec));
+}
+
+void AddTimingLine() {
+    diff_time = ElapsedUsec();
+    pagebuf[PAGEBUF_SIZE - 1] = 0;
+    if (static_cast<int32_t>(strlen(pagebuf)) + TIMING_LINE_ROOM >= PAGEBUF_SIZE)
+        return;
+    char timebuf[TIMEBUF_SIZE];
+    if (fpid != 0)
+        snprintf(timebuf, sizeof timebuf, "Time spent in JVM for processing request%c%u usec%c", RECORD_END,
+                 diff_time, SECTION_END);
+    else
+        snprintf(timebuf, sizeof timebuf, "Time spent in JVM for processing request %u usec", diff_time);
+    QorAgentStrncat(pagebuf, timebuf, PAGEBUF_SIZE, TIMEBUF_SIZE);
+}
+
+void LogEnd() {
+    if (qorIsPollOrTrace) {
+        QORLOG(LOG_TRACE, "Finished Processing data - %s", pagebuf);
+        QORLOG(LOG_DETAIL, "Process Data - process time : %u usec", diff_time);
+    } else {
+        QORLOG(LOG_DETAIL, "Finished Processing non-poll data - %s", pagebuf);
+        QORLOG(LOG_NOTE, "Process non-poll Data - process time : %u usec", diff_time);
+    }
+}
+
+} // namespace
+
+bool QorCanInspect() {
+    return QorOnJvmtiRoad() && jvmti && jvmtijni_env;
+}
+
+void process_data() {
+    ch_pid = qor_current_thread_id();
+    if (qorlocks[1] == 0)
+        return;
+    arg_num = 0;
+    gettimeofday(&last_time, nullptr);
+    for (char *&slot : console_args)
+        slot = nullptr;
+    recsep = FIELD_BAR;
+    const char *command = TakeCommand();
+    Answer(command);
+    gettimeofday(&cur_time, nullptr);
+    if (IsTimed(command))
+        AddTimingLine();
+    LogEnd();
+}

@@ -1,0 +1,174 @@
+#include "natives.h"
+
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorsysinfo.h"
+#include "worker.h"
+
+#include "RequestHandler/records.h"
+#include "RequestHandler/thread_e2e_info.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/ThreadSystem.h"
+#include "platforms/QorOS.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+
+const char *gbstrInstrumentLib = "libinstrument.so";
+
+namespace {
+
+constexpr int LIBRARY_PATH_SIZE = 4096;
+constexpr int64_t LARGEST_SHOWN_COUNTER = 0x7fffffff;
+constexpr int32_t SLOW_DELAY_USEC = 10000, LONGEST_DELAY_SHOWN = 9999;
+
+// The instrumentation library beside the JVM's own, for the JVMs that don't find it by its bare name: the JVM
+// library lies one directory below it.
+bool PathBesideJvm(char *path, int32_t size) {
+    void *symbol = dlsym(RTLD_DEFAULT, "JVM_TotalMemory");
+    void *library = symbol ? nullptr : dlopen("libjvm.so", RTLD_LAZY | RTLD_NOLOAD);
+    if (library)
+        symbol = dlsym(library, "JVM_TotalMemory");
+    Dl_info found = {};
+    const bool known = symbol && dladdr(symbol, &found) && found.dli_fname;
+    if (known)
+        snprintf(path, static_cast<size_t>(size), "%s", found.dli_fname);
+    if (library)
+        dlclose(library);
+    for (int level = 0; known && level < 2; level++) {
+        char *slash = strrchr(path, '/');
+        if (!slash)
+            return false;
+        *slash = 0;
+    }
+    const size_t length = known ? strlen(path) : 0;
+    if (!known || length + strlen(gbstrInstrumentLib) + 2 > static_cast<size_t>(size))
+        return false;
+    snprintf(path + length, static_cast<size_t>(size) - length, "/%s", gbstrInstrumentLib);
+    return true;
+}
+
+void *OpenInstrumentLibrary() {
+    void *handle = nullptr;
+    if (QorLoadLibrary(&handle, gbstrInstrumentLib) == 0)
+        return handle;
+    char path[LIBRARY_PATH_SIZE];
+    if (PathBesideJvm(path, sizeof path) && QorLoadLibrary(&handle, path) == 0)
+        return handle;
+    QORLOG(LOG_ERROR, "Failed to load Library %s", gbstrInstrumentLib);
+    return nullptr;
+}
+
+jint AttachInstrumentation(JavaVM *vm, char *options) {
+    using AttachEntry = jint(JNICALL *)(JavaVM *, char *, void *);
+    void *library = OpenInstrumentLibrary();
+    if (!library)
+        return -1;
+    auto entry = reinterpret_cast<AttachEntry>(QorFindSymbol(library, "Agent_OnAttach"));
+    if (!entry) {
+        QORLOG(LOG_ERROR, "Failed to find Agent_OnAttach in libinstrument.so");
+        return -2;
+    }
+    entry(vm, options, nullptr);
+    QorCloseLibrary(library);
+    return 0;
+}
+
+// Takes the list away from the worker, unless that is busy with a request.
+QorE2EBlock *TakeThreadList() {
+    int32_t idle = 0;
+    if (!workerBusy.compare_exchange_strong(idle, 1))
+        return nullptr;
+    QorE2EBlock *list = thread_e2e_info;
+    thread_e2e_info = nullptr;
+    workerBusy = 0;
+    return list;
+}
+
+jobjectArray ThreadsOf(JNIEnv *env, const QorE2EBlock *list) {
+    jsize count = 0;
+    for (const QorE2EBlock *block = list; block; block = block->next)
+        count++;
+    jobjectArray threads = jobjclass ? env->NewObjectArray(count, jobjclass, nullptr) : nullptr;
+    if (QorClearException(env) || !threads)
+        return nullptr;
+    jsize index = 0;
+    for (const QorE2EBlock *block = list; block; block = block->next) {
+        if (!block->directRef)
+            continue;
+        env->SetObjectArrayElement(threads, index++, block->threadRef);
+        QorClearException(env);
+    }
+    return threads;
+}
+
+// The delay of a second try when the first was slow: one hiccup is no figure.
+int32_t SchedulingDelay() {
+    if (const int32_t first = GetOSRValue(); first <= SLOW_DELAY_USEC)
+        return first;
+    const int32_t second = GetOSRValue();
+    return second > SLOW_DELAY_USEC ? LONGEST_DELAY_SHOWN : second;
+}
+
+} // namespace
+
+void QorSetOptLevel(int32_t level) {
+    gbiOptimizationLevel = level;
+    QORLOG(LOG_ERROR, "QorAgent : Changed qorOptimizationLevel to %d", level);
+    gbQorSkipLocal = level == 3 || level == 9;
+    // Start-up words levels 3 and 9 the other way round.
+    if (level == 3)
+        QORLOG(LOG_NOTE, "BCI Mode is enabled. All Local would be fetched through BCI");
+    else if (level == 9)
+        QORLOG(LOG_NOTE, "QORD agent is running in No local Mode.");
+    else
+        QORLOG(LOG_NOTE, "BCI Mode is Not enabled. All Local would be fetched through jvmti/re");
+}
+
+int32_t QorLoadJavaAgent(JNIEnv *env, jstring options) {
+    QORLOG(LOG_NOTE, "inside loadJavaAgent");
+    JavaVM *vm = nullptr;
+    if (!options || env->GetJavaVM(&vm) != JNI_OK)
+        return -1;
+    QORLOG(LOG_DETAIL, "loadJavaAgent into qor_vm %d", static_cast<int>(reinterpret_cast<intptr_t>(vm)));
+    const char *chars = QorGetStringUTFChars(env, options, nullptr);
+    char *copy = chars ? strdup(chars) : nullptr; // the entry may write into its options
+    if (chars)
+        QorReleaseStringUTFChars(env, options, chars);
+    if (!copy)
+        return -1;
+    const int32_t result = AttachInstrumentation(vm, copy);
+    QorClearException(env);
+    free(copy);
+    return result;
+}
+
+jobjectArray QorGetThreadObjects(JNIEnv *env) {
+    const bool wanted = reqid & QORREQ_THREAD_DATA;
+    QorE2EBlock *list = TakeThreadList();
+    jobjectArray threads = wanted ? ThreadsOf(env, list) : nullptr;
+    while (QorE2EBlock *block = list) {
+        list = block->next;
+        if (block->threadRef)
+            QorDeleteGlobalRef(env, block->threadRef);
+        free(block);
+    }
+    return threads;
+}
+
+void getCpuInfo(char *text, int32_t size) {
+    const int64_t machine = qorsysinfo(CPU_MACHINE_COUNTER);
+    int64_t process = qorsysinfo(CPU_PROCESS_COUNTER);
+    if (process > LARGEST_SHOWN_COUNTER)
+        process = machine;
+    uint32_t switches = 0;
+    QorGetProcessContextSwitch(&switches);
+    snprintf(text, static_cast<size_t>(size), "%u%c%u%c%c%u%c%u%c%lu%02lu", static_cast<uint32_t>(machine),
+             FIELD_SEP, static_cast<uint32_t>(process), FIELD_SEP, SECTION_END, switches, SECTION_END,
+             static_cast<uint32_t>(SchedulingDelay()), SECTION_END,
+             static_cast<unsigned long>(last_snap_time_hi), static_cast<unsigned long>(last_snap_time_lo));
+}

@@ -1,0 +1,92 @@
+#include "no_processing.h"
+
+#include "dispatch.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorutil.h"
+#include "reaper.h"
+#include "request_text.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+#define QOR_REPLY(...) snprintf(pagebuf, PAGEBUF_SIZE, __VA_ARGS__)
+
+void SetLogLevel(char *value) {
+    qorloglevel = atoi(value);
+    QOR_REPLY("Changed qorloglevel to %d", qorloglevel);
+}
+
+// The directory ends in a slash, for which room is kept. An empty value leaves it as it is.
+void SetHeapDir(char *value) {
+    if (char *bar = strchr(value, recsep))
+        *bar = 0;
+    if (*value) {
+        QorStrncpy(qorheapdir, value, HEAP_DIR_SIZE, HEAP_DIR_SIZE);
+        if (qorheapdir[strlen(qorheapdir) - 1] != '/') {
+            QorStrncpy(qorheapdir, value, HEAP_DIR_SIZE - 1, HEAP_DIR_SIZE);
+            QorStrncat(qorheapdir, "/", HEAP_DIR_SIZE);
+        }
+    }
+    QOR_REPLY("Changed qorheapdir to %s", qorheapdir);
+    QORLOG(LOG_NOTE, "%s", pagebuf);
+}
+
+void SetRetry(char *value) {
+    qorretry = atoi(value);
+    QOR_REPLY("Changed qorretry to %d", qorretry);
+}
+
+void ReadRules(char *value) {
+    QORLOG(LOG_NOTE, "Reading Idle Thread and System Call rules ");
+    QORLOG(LOG_DETAIL, "Reading conds %s", value);
+    readconditions(value);
+    QOR_REPLY("Added Idle Thread Rules");
+}
+
+// The value is an address inside the JVM, and nothing here can tell a good one from a bad one: it is never
+// followed.
+void ShowJavaString(char *) {
+    QOR_REPLY("Given Oop is Invalid on this JVM.");
+}
+
+void ReapChildren(char *) {
+    zombie_reaper();
+    pagebuf[0] = 0;
+}
+
+struct Key {
+    const char *word;
+    bool needsValue;
+    void (*apply)(char *value);
+};
+constexpr Key KEYS[] = {
+    {"qorloglevel", true, SetLogLevel},
+    {"qorheapdir", true, SetHeapDir},
+    {"qorretry", true, SetRetry},
+    {"activethreads", true, ReadRules},
+    {"getJavaString", true, ShowJavaString},
+    {"CZPRequest", false, ReapChildren},
+};
+
+} // namespace
+
+void QorAnswerNoProcessing() {
+    if (!pars) {
+        QOR_REPLY("NoProcessing: Invalid Format");
+        return;
+    }
+    char *value = QorNextField(pars);
+    for (const Key &key : KEYS) {
+        if (strncmp(pars, key.word, strlen(key.word)) != 0 || (key.needsValue && !value))
+            continue;
+        key.apply(value);
+        return;
+    }
+    QOR_REPLY("NoProcessing: Unkownn argument");
+}

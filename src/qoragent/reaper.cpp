@@ -1,0 +1,68 @@
+#include "reaper.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <sys/wait.h>
+
+namespace {
+
+constexpr int MAX_OWN_CHILDREN = 64;
+
+std::atomic<int32_t> ownChildren[MAX_OWN_CHILDREN]; // process ids, 0 for a free place
+struct sigaction earlierAction;                     // what the signal did before
+bool installed;
+
+void CallEarlierHandler(int signal, siginfo_t *info, void *context) {
+    if (earlierAction.sa_flags & SA_SIGINFO) {
+        if (earlierAction.sa_sigaction)
+            earlierAction.sa_sigaction(signal, info, context);
+    } else if (earlierAction.sa_handler != SIG_DFL && earlierAction.sa_handler != SIG_IGN) {
+        earlierAction.sa_handler(signal);
+    }
+}
+
+void ChildSignal(int signal, siginfo_t *info, void *context) {
+    const int interrupted = errno;
+    zombie_reaper();
+    CallEarlierHandler(signal, info, context);
+    errno = interrupted;
+}
+
+} // namespace
+
+void QorInstallReaper() {
+    if (installed || sigaction(SIGCHLD, nullptr, &earlierAction) != 0)
+        return;
+    struct sigaction ours = {};
+    ours.sa_sigaction = ChildSignal;
+    ours.sa_mask = earlierAction.sa_mask;
+    ours.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    ours.sa_flags |= earlierAction.sa_flags & (SA_NOCLDSTOP | SA_NOCLDWAIT);
+    // Ignoring the signal means that nobody has to wait for a child; a handler alone would end that.
+    if (!(earlierAction.sa_flags & SA_SIGINFO) && earlierAction.sa_handler == SIG_IGN)
+        ours.sa_flags |= SA_NOCLDWAIT;
+    installed = sigaction(SIGCHLD, &ours, nullptr) == 0;
+}
+
+bool QorRecordChild(pid_t pid) {
+    for (std::atomic<int32_t> &place : ownChildren) {
+        int32_t none = 0;
+        if (place.compare_exchange_strong(none, pid))
+            return true;
+    }
+    return false;
+}
+
+int32_t zombie_reaper() {
+    int32_t last = 0;
+    for (std::atomic<int32_t> &place : ownChildren) {
+        const int32_t pid = place;
+        if (pid == 0)
+            continue;
+        last = waitpid(pid, nullptr, WNOHANG);
+        if (last != 0 && !(last < 0 && errno == EINTR))
+            place = 0; // ended, or no child of this process any more
+    }
+    return last;
+}

@@ -1,0 +1,264 @@
+#include "startup.h"
+
+#include "caller.h"
+#include "channel.h"
+#include "gc_lock.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorsysinfo.h"
+#include "qorutil.h"
+#include "settings_from_java.h"
+#include "shutdown.h"
+#include "worker.h"
+
+#include "XtierDbSession.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Session.h"
+#include "jvmti/trycatch.h"
+#include "platforms/QorOS.h"
+#include "platforms/linux.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+JNIEnv *jni_env;
+JavaVM *qor_vm;
+jclass serverKlass1, serverKlass2;
+jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
+int32_t maxthreads = 64;
+void **suspended_threads;
+
+namespace {
+
+constexpr int HOSTNAME_ASKED = 80;
+constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
+constexpr int32_t LEAST_RETIRE_SECONDS = 2; // an idle worker needs milliseconds
+constexpr long WAIT_SLICE_NSEC = 10 * 1000 * 1000;
+constexpr int WAIT_SLICES_PER_SECOND = 100;
+
+struct ServerMarker {
+    const char *server, *class1, *class2;
+};
+constexpr ServerMarker SERVER_MARKERS[] = {
+    {"Apache JServ", "org/apache/jserv/JServ", nullptr},
+    {"QVS", "com/halcyon/server/http/HalcyonJSPFactory", "com/halcyon/server/LumoMonitorThread"},
+    {"Ferrule", "ferrule/management/Admin", "ferrule/servlet/internal/WebAppConfigManager"},
+};
+
+struct GlobalClass {
+    jclass *ref;
+    const char *name;
+};
+constexpr GlobalClass GLOBAL_CLASSES[] = {
+    {&e2eclass, "qoragent/cJavaCall"},
+    {&jobjclass, "java/lang/Object"},
+    {&jstringclass, "java/lang/String"},
+    {&gbDbUtilClass, "qoragent/DbUtil"},
+};
+
+// One second, or less when the worker has left meanwhile.
+void WaitASecondForWorker() {
+    for (int i = 0; i < WAIT_SLICES_PER_SECOND && agentstatus != 0; i++) {
+        const timespec slice = {0, WAIT_SLICE_NSEC};
+        nanosleep(&slice, nullptr);
+    }
+}
+
+void ReportOldAgent() {
+    QORLOG(LOG_NOTE, "Unable to clear previous QORD agent child thread. Not starting a new one. To manually "
+                     "clear, please bounce the server.");
+}
+
+// Waits for the agent of an earlier start. False when it doesn't leave.
+bool EarlierAgentLeft(int32_t seconds) {
+    for (int32_t left = seconds; agentstatus != 0 && left > 0; left--) {
+        QORLOG(LOG_NOTE, "Waiting for previous agent child thread to exit.");
+        WaitASecondForWorker();
+    }
+    // A worker that nobody asked to leave, or that was given up, leaves now: two of them must never inspect.
+    if (agentstatus == 0 && QorRetireWorkers(seconds > LEAST_RETIRE_SECONDS ? seconds : LEAST_RETIRE_SECONDS))
+        return true;
+    ReportOldAgent();
+    return false;
+}
+
+// What a worker that left without a SHUTDOWN has not freed.
+void ClearEarlierRun(JNIEnv *env) {
+    if (jvmti || jobjclass)
+        QorDropSession(env);
+    QorFreeReply();
+    qorlocks[1] = 0;
+}
+
+jclass FindClass(JNIEnv *env, const char *name) {
+    return name ? QorFindClass(env, name) : nullptr;
+}
+
+void FindServerMarkers(JNIEnv *env) {
+    serverKlass1 = serverKlass2 = nullptr;
+    for (const ServerMarker &marker : SERVER_MARKERS) {
+        if (strncmp(webserver, marker.server, WEBSERVER_SIZE) != 0)
+            continue;
+        serverKlass1 = FindClass(env, marker.class1);
+        serverKlass2 = FindClass(env, marker.class2);
+    }
+}
+
+void FindGlobalClasses(JNIEnv *env) {
+    jni_env = env;
+    if (env->GetJavaVM(&qor_vm) != JNI_OK)
+        qor_vm = nullptr;
+    for (const GlobalClass &row : GLOBAL_CLASSES) {
+        jclass found = QorFindClass(env, row.name);
+        *row.ref = found ? static_cast<jclass>(QorNewGlobalRef(env, found)) : nullptr;
+        if (found)
+            QorDeleteLocalRef(env, found);
+    }
+}
+
+bool AllocateReply() {
+    memcpy(qorheapdir, "/tmp/", sizeof "/tmp/");
+    auto *page = static_cast<char *>(QorMalloc(PAGEBUF_SIZE));
+    if (!page) {
+        QORLOG(LOG_ERROR, "malloc failed for pagebuf");
+        return false;
+    }
+    page[0] = page[PAGEBUF_SIZE - 1] = 0;
+    __atomic_store_n(&pagebuf, page, __ATOMIC_SEQ_CST);
+    return true;
+}
+
+void LearnHost() {
+    readconditions(nullptr);
+    if (gethostname(hostname, HOSTNAME_ASKED) != 0)
+        hostname[0] = 0;
+    hostname[HOSTNAME_ASKED] = 0; // a longer name comes unterminated
+    init_cpu();
+}
+
+bool AllocateSuspendedThreads() {
+    free(suspended_threads);
+    suspended_threads = static_cast<void **>(calloc(static_cast<size_t>(maxthreads), sizeof(void *)));
+    if (suspended_threads)
+        return true;
+    qor_perror("QOR Agent : calloc failed 2005");
+    QORLOG(LOG_ERROR, "calloc failed 2005");
+    return false;
+}
+
+void OpenProcNet() {
+    if (QorOpenProcNet())
+        QORLOG(LOG_DETAIL, "DB connection status available");
+    else
+        QORLOG(LOG_DETAIL, "Unable to get db connection status");
+}
+
+// The road is chosen on a thread of its own, so that whatever happens there does not happen to a Java thread.
+void RunInitialization() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    if (gbNimbJvm)
+        pthread_attr_setstacksize(&attributes, NIMB_STACK_SIZE);
+    pthread_t initializer;
+    const int failed = pthread_create(&initializer, &attributes, do_initialization, nullptr);
+    pthread_attr_destroy(&attributes);
+    if (!failed) {
+        pthread_join(initializer, nullptr);
+        return;
+    }
+    if (gbNimbJvm)
+        QORLOG(LOG_ERROR, "Thread Createion Failed ");
+    else
+        QORLOG(LOG_ERROR, "Thread Createion Failed. !gbnimbJVM ");
+    offsetind = 0; // no road was chosen: nothing may be asked of an earlier start's
+    init_status = START_FAILED;
+}
+
+void OpenManagement() {
+    if (!gbIbmJvm && (QorOnJvmtiRoad() || QorVendorIsDov() || strstr(vend, "Sun")))
+        QorInitJmm();
+}
+
+// The session, and what may be done with it on this JVM.
+void OpenSession(JNIEnv *env) {
+    if (!QorOnJvmtiRoad())
+        return;
+    QorDovOnLoad(env);
+    const bool dov = QorVendorIsDov() && !strstr(vers, "1.7");
+    if (dov)
+        trycatch_init();
+    gbQorRELocal = dov && gbiOptimizationLevel == 2;
+    QorSetManagementGCCountCapability(1);
+    QorSetForkHeapDumpCapability(dov && (gbiOptimizationLevel == 1 || gbiOptimizationLevel == 2));
+}
+
+void StartWorker() {
+    if (qorlocks[0])
+        qor_enable_gc();
+    if (!QorOpenChannel())
+        return;
+    ch_pid = 0;
+    if (init_status == START_FAILED && offsetind == 0)
+        return; // the initialisation thread could not be made
+    if (qor_create_child_thread(&thread) != 0)
+        init_status = START_FAILED;
+}
+
+// References of the caller's frame, which is about to end.
+void ForgetFrameReferences() {
+    serverKlass1 = serverKlass2 = nullptr;
+    qor_ins = qor_ins_ref = qor_objArr = qor_intArr = nullptr;
+    jni_env = nullptr;
+}
+
+void StoreArguments(JNIEnv *env, const QorStartArguments *arguments) {
+    QorStoreNumbers(arguments);
+    QorStoreJvmTexts(env, arguments);
+    QorOpenLog(env, arguments->logFile);
+    QorStoreServerTexts(env, arguments);
+    qor_ins = arguments->instance;
+    qor_ins_ref = arguments->instanceRef;
+    qor_objArr = arguments->objectArray;
+    qor_intArr = arguments->intArray;
+}
+
+bool PrepareProcess(JNIEnv *env) {
+    FindServerMarkers(env);
+    FindGlobalClasses(env);
+    if (!AllocateReply())
+        return false;
+    LearnHost();
+    if (!AllocateSuspendedThreads())
+        return false;
+    OpenProcNet();
+    return true;
+}
+
+} // namespace
+
+int32_t QorStart(JNIEnv *env, const QorStartArguments *arguments) {
+    if (!EarlierAgentLeft(arguments->maxTimeout))
+        return START_FAILED;
+    if (!QorCloseToCallers()) {
+        ReportOldAgent();
+        return START_FAILED;
+    }
+    ClearEarlierRun(env);
+    StoreArguments(env, arguments);
+    int32_t status = START_FAILED;
+    if (PrepareProcess(env)) {
+        RunInitialization();
+        OpenManagement();
+        OpenSession(env);
+        StartWorker();
+        status = init_status;
+    }
+    ForgetFrameReferences();
+    QorOpenToCallers();
+    return status;
+}

@@ -1,0 +1,291 @@
+#include "worker.h"
+
+#include "channel.h"
+#include "dispatch.h"
+#include "fault_handler.h"
+#include "gc_lock.h"
+#include "library_dump.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorsysinfo.h"
+#include "request_text.h"
+#include "shutdown.h"
+
+#include "RequestHandler/records.h"
+#include "jvmti/Session.h"
+#include "platforms/linux.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+pthread_t thread;
+std::atomic<int32_t> ch_pid;
+std::atomic<int32_t> prev_ch_pid;
+int32_t gbThreadId;
+int32_t iNotUsingSignalHandler;
+std::atomic<int32_t> flagcompiled_java_code;
+std::atomic<int32_t> workerBusy;
+
+namespace {
+
+constexpr int STRIKE_LIMIT = 51;
+constexpr int JAVA_CALL_WAITS = 21;
+constexpr int32_t JAVA_CALL_WAIT_SECONDS = 5;
+constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
+constexpr long POLL_NSEC = 1000 * 1000;
+constexpr char DUMP_REQUEST[] = "showmem|256";
+constexpr char HEAP_DETAIL_REQUEST[] = "showmem|512";
+constexpr char HISTOGRAM_WORD[] = "ClassHistogramOnly";
+
+// The number of the current start: only the worker that carries it may touch the channel.
+std::atomic<intptr_t> currentStart;
+std::atomic<int32_t> liveWorkers;
+
+bool Outdated(intptr_t start) {
+    return start != currentStart;
+}
+
+void ShortSleep() {
+    const timespec pause = {0, POLL_NSEC};
+    nanosleep(&pause, nullptr);
+}
+
+bool StartsWith(const char *text, const char *word) {
+    return text && strncmp(text, word, strlen(word)) == 0;
+}
+
+// Keeps other threads from the worker's lists while it works on them, and is kept off while one of them takes
+// a list away.
+struct BusyScope {
+    BusyScope() {
+        while (workerBusy.exchange(1) != 0)
+            ShortSleep();
+    }
+    ~BusyScope() { workerBusy = 0; }
+};
+
+// Appends a text and a section end to the reply. It goes through `buf`, which drops the request: a wake-up
+// for it that still waits in the pipe must not answer a second time.
+void AppendByWayOfBuf(const char *text) {
+    snprintf(buf, sizeof buf, "%s%c", text, SECTION_END);
+    QorAgentStrncat(pagebuf, buf, PAGEBUF_SIZE, BUF_SIZE);
+}
+
+void Answered() {
+    qorlocks[1] = 0;
+    QorSignalParent();
+}
+
+void WaitForJavaCall() {
+    for (int i = 0; i < JAVA_CALL_WAITS && flagcompiled_java_code; i++) {
+        if (i > 0 && qorloglevel > LOG_TRACE)
+            qor_perror("QorAgent Waiting to return from Tulvo Api \n");
+        qor_safe_sleep(JAVA_CALL_WAIT_SECONDS);
+    }
+}
+
+// Counts a wake-up that was none. The count never goes down: from the limit on each further one restarts the
+// loop at once and ends the request in hand.
+void Strike(int *strikes) {
+    QORLOG(LOG_WARNING, "Pipe not invoked by Parent");
+    const bool restart = ++*strikes >= STRIKE_LIMIT;
+    if (qorlocks[1]) {
+        AppendByWayOfBuf("Unable to complete Request, Try Again");
+        if (restart)
+            qorlocks[1] = 0;
+        QorSignalParent();
+    }
+    if (restart && gbIbmJvm)
+        qor_enable_gc();
+}
+
+bool TakeGcLock(uint32_t flags) {
+    if (no_gc || qor_disable_gc(flags & FLAG_GC_RETRY_MODE) == 0)
+        return true;
+    if (qorlocks[1])
+        AppendByWayOfBuf(
+            "Unable to complete Request. Please Try Again\n Garbage Collector currently running.");
+    Answered();
+    return false;
+}
+
+// On the JVMTI road a dump or the histogram is known to the view by `dumpfile`.
+void PrepareDumpfile(const char *command) {
+    if (!QorOnJvmtiRoad())
+        return;
+    dumpfile[0] = 0;
+    if (StartsWith(command, DUMP_REQUEST))
+        QorParseDumpRequest(buf);
+    else if (StartsWith(command, HEAP_DETAIL_REQUEST) && strstr(command, HISTOGRAM_WORD))
+        QorStrncpy(dumpfile, HISTOGRAM_WORD, sizeof dumpfile, sizeof HISTOGRAM_WORD - 1);
+}
+
+void LogFlags() {
+    QORLOG(qorIsPollOrTrace ? LOG_TRACE : LOG_DETAIL,
+           "Flags: details=%d|singlethread=%d|jsp=%d|system=%d|allthreads=%d|ispoll=%d", poll_details,
+           trace_single_thread_details, show_jsp_info, get_system_data, trace_all_threads, qorIsPollOrTrace);
+}
+
+// Answers the request in `buf`. One without a bar gets no answer at all.
+void HandleRequest() {
+    if (QorAnswerLibraryDump()) {
+        QorSignalParent();
+        return;
+    }
+    const char *command = QorNextField(buf);
+    if (!command) {
+        QORLOG(LOG_ERROR, "Cannot get console flags from buf: %s", buf);
+        return;
+    }
+    const uint32_t flags = QorParseNumber(buf, nullptr);
+    QorUnpackFlags(flags);
+    LogFlags();
+    pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
+    if (offsetind == BUILD_UNSUPPORTED)
+        no_gc = FLAG_NO_GC;
+    if (!TakeGcLock(flags))
+        return;
+    set_qor_handler();
+    PrepareDumpfile(command);
+    process_data();
+    reset_qor_handler();
+    if (no_gc == 0)
+        qor_enable_gc();
+    Answered();
+}
+
+enum WakeUp { WOKEN, STRAY, LEAVE };
+
+// Takes one wake-up out of the pipe.
+WakeUp ReadWakeUp() {
+    char pipe_str[HANDSHAKE_SIZE] = {};
+    const ssize_t got = qor_read_file(pipe_fd_PP[0], pipe_str, HANDSHAKE_SIZE);
+    const int reason = errno;
+    if (got != HANDSHAKE_SIZE)
+        QORLOG(LOG_ERROR, "Qor Agent Error : IPC CH :");
+    if (got == 0 || (got < 0 && reason != EINTR && reason != EAGAIN))
+        return LEAVE; // the host has closed the pipe: nothing will ever come
+    if (agentstatus == AGENT_SHUTDOWN) {
+        QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. Breaking out before processing command");
+        return LEAVE;
+    }
+    QORLOG(LOG_TRACE, "Child Read returned = %d", static_cast<int>(got));
+    return memcmp(pipe_str, WAKE_UP, HANDSHAKE_SIZE) == 0 ? WOKEN : STRAY;
+}
+
+// Serves wake-ups until the agent is asked to leave, or this worker is outdated.
+void ServeRequests(intptr_t start) {
+    int strikes = 0;
+    for (;;) {
+        if (agentstatus == AGENT_SHUTDOWN) {
+            QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. breaking out while loop in child process");
+            return;
+        }
+        if (!qor_can_read(pipe_fd_PP[0], WAIT_FOR_EVER))
+            continue;
+        if (Outdated(start))
+            return;
+        BusyScope busy;
+        switch (ReadWakeUp()) {
+        case WOKEN:
+            HandleRequest();
+            break;
+        case STRAY:
+            Strike(&strikes);
+            break;
+        case LEAVE:
+            return;
+        }
+        if (Outdated(start))
+            return;
+    }
+}
+
+void LogStart() {
+    if (Pthread_NPTL)
+        QORLOG(LOG_DETAIL, "Created new QorAgent Child Thread with PID %d-%d", getpid(), ch_pid.load());
+    else
+        QORLOG(LOG_DETAIL, "Created new QorAgent Child Thread with PID %d", ch_pid.load());
+}
+
+} // namespace
+
+void *qor_child_thread(void *startNumber) {
+    const auto start = reinterpret_cast<intptr_t>(startNumber);
+    const bool jvmtiRoad = QorOnJvmtiRoad();
+    if (jvmtiRoad) {
+        gbThreadId = qor_current_thread_id();
+        QorAttachThread();
+        if (gbIbmJvm)
+            checkCapabilities();
+    }
+    ch_pid = qor_current_thread_id();
+    LogStart();
+    ServeRequests(start);
+    if (!Outdated(start))
+        exitAgent(jvmtiRoad ? jvmtijni_env : nullptr);
+    else if (jvmtiRoad)
+        QorDetachThread();
+    liveWorkers--;
+    return nullptr;
+}
+
+int32_t qor_create_child_thread(pthread_t *handle) {
+    if (QorOnJvmtiRoad())
+        iNotUsingSignalHandler = 1;
+    if (ch_pid != 0 || offsetind < 0)
+        return 0;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (gbNimbJvm)
+        pthread_attr_setstacksize(&attributes, NIMB_STACK_SIZE);
+    pthread_t created = 0;
+    liveWorkers++;
+    const int failed =
+        pthread_create(&created, &attributes, qor_child_thread, reinterpret_cast<void *>(++currentStart));
+    pthread_attr_destroy(&attributes);
+    if (failed) {
+        liveWorkers--;
+        QORLOG(LOG_ERROR, "Internal Error : 2000 :Failed to create new thread ");
+        return failed;
+    }
+    if (!gbNimbJvm)
+        *handle = created;
+    return 0;
+}
+
+void qor_terminate_child_thread() {
+    WaitForJavaCall();
+    qorlocks[1] = 0;
+    if (!thread)
+        return;
+    currentStart++;
+    qor_signal_child_to_process();
+    thread = 0;
+}
+
+bool QorRetireWorkers(int32_t seconds) {
+    if (liveWorkers == 0)
+        return true;
+    currentStart++;
+    qor_signal_child_to_process();
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const time_t end = now.tv_sec + seconds;
+    while (liveWorkers != 0 && now.tv_sec <= end) {
+        ShortSleep();
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    }
+    return liveWorkers == 0;
+}
+
+bool QorWorkerIsIdle() {
+    // In this order: a worker that has emptied the pipe has said that it is busy before.
+    return QorNoWakeUpWaits() && workerBusy == 0;
+}
