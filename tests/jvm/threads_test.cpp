@@ -1,0 +1,272 @@
+#include "JvmFixture.h"
+#include "LogCapture.h"
+#include "Walk.h"
+#include "qorsettings.h"
+#include "qorutil.h"
+
+namespace {
+
+struct Threads : SessionTest {
+    ~Threads() override {
+        maxStackDepthQueried = 1000;
+        readconditions(nullptr);
+    }
+};
+
+// Classes that the JVM makes at run time have names of their own making, and are hidden from Java.
+bool isMadeByJvm(const std::string &call) {
+    return call.find("$$Lambda") != std::string::npos || call.find("LambdaForm") != std::string::npos;
+}
+
+std::vector<TrueFrame> shownToJava(const std::vector<TrueFrame> &frames) {
+    std::vector<TrueFrame> shown;
+    for (const TrueFrame &frame : frames)
+        if (!isMadeByJvm(frame.call))
+            shown.push_back(frame);
+    return shown;
+}
+
+// The frames of the thread at the cursor, as the JVM would write them. The class of a frame that could not be
+// read is "?".
+std::vector<TrueFrame> readFrames(Walk *walk) {
+    std::vector<TrueFrame> frames;
+    QorFrameRecord record;
+    for (int32_t i = 0; i < walk->frames.count; i++) {
+        walk->frames.index = i;
+        const bool read = QorReadFrame(&walk->frames, FRAME_WITH_FILE_AND_LINE, &record) == 0;
+        EXPECT_EQ(record.frameIndex, i);
+        frames.push_back({(read ? record.className : "?") + std::string("->") + record.method,
+                          *record.fileName ? record.fileName : "-", record.line});
+    }
+    return frames;
+}
+
+void expectFrames(const TrueThread &truth, const std::vector<TrueFrame> &read) {
+    const std::vector<TrueFrame> expected = shownToJava(truth.frames), got = shownToJava(read);
+    ASSERT_EQ(got.size(), expected.size()) << truth.name;
+    for (size_t i = 0; i < got.size(); i++) {
+        std::string call = expected[i].call;
+        // A class in its initialiser is not read.
+        if (call.find("ZooRun$Stuck->") != std::string::npos)
+            call = "?" + call.substr(call.find("->"));
+        EXPECT_EQ(got[i].call, call) << truth.name << " frame " << i;
+        EXPECT_EQ(got[i].file, expected[i].file) << truth.name << " frame " << i;
+        EXPECT_EQ(std::max(got[i].line, 0), std::max(expected[i].line, 0)) << truth.name << " frame " << i;
+    }
+}
+
+int32_t refinedState(Walk *walk) {
+    QorFrameRecord record;
+    for (int32_t i = 0; i < walk->frames.count; i++) {
+        walk->frames.index = i;
+        QorReadFrame(&walk->frames, FRAME_METHOD_AND_CLASS, &record);
+        GetThreadEnhancedState(&record, &walk->thread);
+    }
+    return walk->thread.state;
+}
+
+} // namespace
+
+TEST_F(Threads, AgreeWithWhatTheJvmSays) {
+    ZooVisit zoo("");
+    CallVoid(ZOO, "check", "()V");
+    const std::map<int64_t, TrueThread> truth = ThreadTruth();
+    std::set<std::string> seen;
+    Walk walk;
+    while (walk.next()) {
+        const std::string name = walk.thread.name;
+        seen.insert(name);
+        if (name.compare(0, 4, "zoo-") != 0)
+            continue;
+        ASSERT_EQ(truth.count(walk.thread.tid), 1u) << name;
+        const TrueThread &expected = truth.at(walk.thread.tid);
+        EXPECT_EQ(name, expected.name);
+        EXPECT_EQ(walk.thread.daemon, 1);
+        EXPECT_EQ(walk.thread.priority, 5);
+        EXPECT_EQ(walk.thread.handle, &walk.handle);
+        EXPECT_EQ(QorGetWalkThreadId(&walk.handle, walk.handle.index), walk.thread.tid);
+        if (name != "zoo-spin") // it runs, so that its line moves
+            expectFrames(expected, readFrames(&walk));
+    }
+    for (const auto &[id, thread] : truth)
+        EXPECT_EQ(seen.count(thread.name), 1u) << thread.name << " " << id;
+}
+
+TEST_F(Threads, StandInTheStatesThatTheirCallsTell) {
+    const std::map<std::string, int32_t> expected = {
+        {"spin", STATE_RUNNABLE},
+        {"socket-read", STATE_NETWORK_WAIT},
+        {"socket-read-timeout", STATE_NETWORK_WAIT},
+        {"socket-write", STATE_NETWORK_WAIT},
+        {"accept", STATE_OBJECT_WAIT},
+        {"accept-timeout", STATE_OBJECT_WAIT},
+        {"channel-accept", STATE_OBJECT_WAIT},
+        {"channel-read", STATE_NETWORK_WAIT},
+        {"select", STATE_NETWORK_WAIT},
+        {"datagram-receive", STATE_NETWORK_WAIT},
+        {"file-read", STATE_IO_WAIT},
+        {"file-read-bytes", STATE_IO_WAIT},
+        {"file-channel-read", STATE_NETWORK_WAIT},
+        {"random-access-read", STATE_IO_WAIT},
+        {"file-write", STATE_IO_WAIT},
+        {"sleep", STATE_SLEEPING},
+        {"park", STATE_OBJECT_WAIT},
+        {"park-timed", STATE_OBJECT_WAIT},
+        {"wait", STATE_OBJECT_WAIT},
+        {"wait-timed", STATE_OBJECT_WAIT},
+        {"join", STATE_OBJECT_WAIT},
+        {"blocked", STATE_LOCK},
+        {"lock-waiter", STATE_OBJECT_WAIT},
+    };
+    ZooVisit zoo("");
+    CallVoid(ZOO, "check", "()V");
+    std::map<std::string, int32_t> got;
+    Walk walk;
+    while (walk.next()) {
+        const std::string name = walk.thread.name;
+        if (name.compare(0, 4, "zoo-") == 0 && expected.count(name.substr(4)))
+            got[name.substr(4)] = refinedState(&walk);
+    }
+    for (const auto &[kind, state] : expected)
+        EXPECT_EQ(got.count(kind) ? got[kind] : -1, state) << kind;
+}
+
+// What the walk keeps of a method is what the JVM says of it, frame by frame.
+TEST_F(Threads, KeepOfAMethodWhatASingleReadingGives) {
+    ZooVisit zoo("holder,accept,lambda,initialiser");
+    QorFrameRecord record;
+    char text[NAME_SIZE];
+    Walk walk;
+    int32_t compared = 0;
+    while (walk.next()) {
+        for (int32_t round = 0; round < 2; round++) {
+            for (int32_t i = 0; i < walk.frames.count; i++) {
+                walk.frames.index = i;
+                if (QorReadFrame(&walk.frames, FRAME_WITH_FILE_AND_LINE, &record) != 0)
+                    continue;
+                EXPECT_EQ(record.methodId, reinterpret_cast<int64_t>(walk.frames.frames[i].method));
+                ASSERT_EQ(QorGetMethodInfo(&walk.frames, text), 0);
+                EXPECT_STREQ(record.method, text);
+                ASSERT_EQ(QorGetClassInfo(&walk.frames, text), 0);
+                EXPECT_STREQ(record.className, text);
+                text[0] = 0;
+                ASSERT_EQ(QorGetFileName(&walk.frames, text), 0);
+                EXPECT_STREQ(record.fileName, text);
+                EXPECT_EQ(record.line, QorGetLineNumber(&walk.frames)) << record.method;
+                compared++;
+            }
+        }
+    }
+    EXPECT_GT(compared, 40);
+}
+
+TEST_F(Threads, TellSystemCallsFromUserCalls) {
+    ZooVisit zoo("park");
+    char rules[] = "abcd|systemcall|java.*\nabcd|systemcall|jdk.*\nabcd|systemcall|sun.*\n";
+    readconditions(rules);
+    QorFrameRecord record;
+    std::string types;
+    Walk walk;
+    ASSERT_TRUE(walk.find("zoo-park"));
+    for (walk.frames.index = 0; walk.frames.index < walk.frames.count; walk.frames.index++) {
+        ASSERT_EQ(QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &record), 0);
+        const bool user = std::string(record.className).compare(0, 9, "qoragent.") == 0;
+        EXPECT_EQ(record.callType, user ? 1 : 0) << record.className;
+        types += record.callType ? 'u' : 's';
+    }
+    EXPECT_EQ(types.substr(0, 2) + types.back(), "sss");
+    EXPECT_NE(types.find('u'), std::string::npos);
+}
+
+TEST_F(Threads, AreCutAtTheDepthAskedFor) {
+    CallObject(ZOO, "startDeep", "(I)Ljava/lang/Thread;", 1100);
+    const struct { int32_t depth, count; } ROWS[] = {{1000, 1000}, {5000, MAX_FRAMES}, {7, 7}, {0, 0}};
+    for (const auto &row : ROWS) {
+        maxStackDepthQueried = row.depth;
+        Walk walk;
+        ASSERT_TRUE(walk.find("zoo-deep-1100")) << row.depth;
+        EXPECT_EQ(walk.frames.count, row.count) << row.depth;
+        QorFrameRecord record;
+        EXPECT_EQ(QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &record), row.count ? 0 : -1);
+        EXPECT_STREQ(record.method, row.count ? "park" : "");
+        walk.frames.index = walk.frames.count;
+        EXPECT_EQ(QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &record), -1);
+    }
+    maxStackDepthQueried = -1;
+    Walk refused;
+    EXPECT_EQ(refused.next(), false);
+    EXPECT_EQ(refused.handle.count, 0);
+    CallVoid(ZOO, "stop", "()V");
+}
+
+// The overflow line comes once, references of all threads are given back, and the JVM finds nothing to say.
+TEST_F(Threads, BeyondTheCapAreNotSeen) {
+    CallVoid(ZOO, "startMany", "(II)V", 1050, 1);
+    LogCapture log(LOG_NOTE + 1);
+    for (int32_t sample = 0; sample < 3; sample++) {
+        Walk walk;
+        int32_t seen = 0;
+        while (walk.next())
+            seen++;
+        EXPECT_EQ(seen, MAX_WALK_THREADS);
+        EXPECT_EQ(QorGetFrames(&walk.handle, &walk.frames), -1);
+    }
+    EXPECT_EQ(log.count("Thread Count exceeding 1024 threads. Messages are suppressed."), 1);
+    CallVoid(ZOO, "stop", "()V");
+}
+
+TEST_F(Threads, GiveTheirReferencesBackAtEachClose) {
+    ZooVisit zoo("park,sleep");
+    for (int32_t sample = 0; sample < 300; sample++) {
+        Walk walk;
+        ASSERT_TRUE(walk.find("zoo-park"));
+    }
+    EXPECT_EQ(TakeJvmComplaints(), "");
+}
+
+TEST_F(Threads, CarryNoCharacterOfTheRecordFormatInTheirNames) {
+    ZooVisit zoo("park");
+    jobject thread = CallObject(ZOO, "thread", "(Ljava/lang/String;)Ljava/lang/Thread;", Text("park"));
+    jclass klass = Env()->GetObjectClass(thread);
+    jmethodID setName = Env()->GetMethodID(klass, "setName", "(Ljava/lang/String;)V");
+    const struct {
+        std::string name, shown;
+    } ROWS[] = {
+        {"a\x0e\x1a\x1b\x1c\x1d\x1e\x1f"
+         "z",
+         "a       z"},
+        {"a\x0d\x0f\x19 z", "a\x0d\x0f\x19 z"},
+        {std::string(2000, 'n'), std::string(NAME_SIZE - 1, 'n')},
+        {std::string(NAME_SIZE - 2, 'n') + "\xc3\xa9", std::string(NAME_SIZE - 2, 'n')},
+    };
+    for (const auto &row : ROWS) {
+        Env()->CallVoidMethod(thread, setName, Text(row.name));
+        ASSERT_FALSE(Env()->ExceptionCheck());
+        Walk walk;
+        EXPECT_TRUE(walk.find(row.shown));
+    }
+}
+
+TEST_F(Threads, ThatAreGoneAreAnswered) {
+    EXPECT_EQ(QorGetJVMThread(nullptr, 0), nullptr);
+    QorThreadHandle unopened;
+    QorThreadRecord record = {};
+    QorFrameHandle frames;
+    QorInitThreadHandle(&unopened);
+    EXPECT_EQ(QorGetThreadInfo(&unopened, &record), -1);
+    EXPECT_EQ(QorGetFrames(&unopened, &frames), -1);
+    EXPECT_EQ(QorGetFrames(&unopened, nullptr), -1);
+    QorCloseThreadHandle(&unopened);
+
+    Walk walk;
+    {
+        ZooVisit zoo("park");
+        ASSERT_TRUE(walk.find("zoo-park"));
+    }
+    // The thread has ended since the snapshot; its frames are those of the snapshot.
+    EXPECT_GT(QorGetFrames(&walk.handle, &walk.frames), 3);
+    record = {};
+    if (QorGetThreadInfo(&walk.handle, &record) == 0) {
+        EXPECT_EQ(record.state, STATE_TERMINATED);
+    }
+}
