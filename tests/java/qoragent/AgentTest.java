@@ -13,6 +13,8 @@ import java.io.IOException;
 import java.io.InputStreamReader;
 import java.net.InetAddress;
 import java.net.Socket;
+import java.net.URL;
+import java.net.URLClassLoader;
 import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -184,33 +186,38 @@ public class AgentTest {
         assertFalse("after a signal", endpointOfApplication().exists());
     }
 
-    private int attach(String options) throws Exception {
-        Process jcmd =
-            new ProcessBuilder(JDK + "/bin/jcmd", pid, "JVMTI.agent_load", JAR, '"' + options + '"')
-                .redirectErrorStream(true)
-                .start();
-        while (jcmd.getInputStream().read() >= 0)
-            continue;
-        return jcmd.waitFor();
+    /** By the JDK's attach interface, which a JDK 8 keeps in tools.jar. */
+    private static Class<?> attachInterface() throws Exception {
+        File tools = new File(JDK, "lib/tools.jar");
+        ClassLoader loader = tools.exists() ? new URLClassLoader(new URL[] {tools.toURI().toURL()})
+                                            : ClassLoader.getSystemClassLoader();
+        return Class.forName("com.sun.tools.attach.VirtualMachine", true, loader);
+    }
+
+    private void attach(Class<?> machine, String options) throws Exception {
+        Object attached = machine.getMethod("attach", String.class).invoke(null, pid);
+        machine.getMethod("loadAgent", String.class, String.class).invoke(attached, JAR, options);
+        machine.getMethod("detach").invoke(attached);
     }
 
     @Test
     public void attachesToARunningApplication() throws Exception {
+        Class<?> machine = attachInterface();
         run("-Dof=no-interest");
         assertFalse(endpointOfApplication().exists());
-        attach("timeout=20");
+        attach(machine, "timeout=20");
         assertTrue(agentLines().toString(), endpointOfApplication().exists());
         String token = read(endpointOfApplication()).getProperty("token");
-        attach("timeout=20");
-        attach("timeout=21");
-        attach("timeout=soon");
+        attach(machine, "timeout=20");
+        attach(machine, "timeout=21");
+        attach(machine, "timeout=soon");
         List<String> said = agentLines();
         assertEquals(said.toString(), 2, said.size());
         assertTrue(said.get(0), said.get(0).contains("runs already"));
         assertTrue(said.get(1), said.get(1).contains("option timeout"));
         assertEquals(token, read(endpointOfApplication()).getProperty("token"));
         assertEquals(null, ask(endpointOfApplication(), "SHUTDOWN"));
-        attach("");
+        attach(machine, "");
         assertTrue(ask(endpointOfApplication(), "516|nonsense").startsWith("Invalid Request nonsense"));
         endsWell();
         assertFalse(endpointOfApplication().exists());
