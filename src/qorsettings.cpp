@@ -18,6 +18,7 @@ char vend[VENDOR_SIZE];
 char vers[VERSION_SIZE];
 char os_name[OS_NAME_SIZE];
 char webserver[WEBSERVER_SIZE];
+char hostname[HOST_NAME_SIZE];
 char ext_jvm_id_str[JVM_ID_SIZE];
 char qorheapdir[HEAP_DIR_SIZE] = "/tmp/";
 

@@ -13,6 +13,7 @@ enum : int32_t {
     WEBSERVER_SIZE = 80,
     JVM_ID_SIZE = 256,
     HEAP_DIR_SIZE = 255,
+    HOST_NAME_SIZE = 128,
     QOR_MAX_SQL_QUERY_SIZE = 65536,
 };
 
@@ -43,6 +44,7 @@ extern char vend[VENDOR_SIZE];           // JVM vendor
 extern char vers[VERSION_SIZE];          // JVM version
 extern char os_name[OS_NAME_SIZE];       // operating system
 extern char webserver[WEBSERVER_SIZE];   // application server type word, empty when none
+extern char hostname[HOST_NAME_SIZE];    // the machine's name
 extern char ext_jvm_id_str[JVM_ID_SIZE]; // the JVM's external identifier
 extern char qorheapdir[HEAP_DIR_SIZE];   // directory for dumps, ends in "/"; also the request "qorheapdir"
 

@@ -13,6 +13,7 @@
 #include <cstring>
 
 JavaVM *jr_jvm;
+JavaVM *qor_vm;
 jvmtiEnv *jvmti;
 JNIEnv *jvmtijni_env;
 jclass threadClass;

@@ -21,9 +21,10 @@ struct JmmTable {
     jint(JNICALL *DumpHeap0)(JNIEnv *env, jstring path, jboolean live);
 };
 
-// The extended management table; only its sixth entry is called.
+// The extended management table; only its first and its sixth entry are called.
 struct JmmExtTable {
-    void *unused0[5];
+    jlong(JNICALL *GetLongAttribute)(JNIEnv *env, jobject bean, jint attribute);
+    void *unused1[4];
     jint(JNICALL *GetDoubleAttribute)(JNIEnv *env, jobject bean, jint key, jint unused, jdouble *out);
 };
 
@@ -35,6 +36,7 @@ struct QorJvmCapabilities {
 };
 
 extern JavaVM *jr_jvm;                 // null until the session is open, and after it
+extern JavaVM *qor_vm;                 // the VM on either road; start-up sets it first of all
 extern jvmtiEnv *jvmti;                // the one JVMTI environment; disposed of at unload
 extern JNIEnv *jvmtijni_env;           // start-up's environment, then the worker's
 extern jclass threadClass;             // java.lang.Thread, global reference or null

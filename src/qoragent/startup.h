@@ -26,11 +26,9 @@ struct QorStartArguments {
 extern int32_t init_status; // StartStatus
 extern int32_t doing_init;  // 1 while the initialisation thread runs
 
-// The environment of the thread inside `initvar`, null outside it, and the VM.
+// The environment of the thread inside `initvar`, null outside it.
 extern JNIEnv *jni_env;
-extern JavaVM *qor_vm;
 
-extern char hostname[128];
 extern char LOG_FILE[4096]; // log destination as Java gave it
 
 // Marker classes of the application server and the sample objects: references of `initvar`'s own frame, null
