@@ -121,13 +121,15 @@ void CheckAttachable(const Process &process) {
 }
 
 void CheckMaySignal(const Process &process) {
+    if (!process.catches_sigquit)
+        throw Failure(fmt::format("JVM {} doesn't listen for attaching", process.pid),
+                      "it may still be starting: try again; -javaagent:qoragent.jar works in any case");
+}
+
+void CheckRuns(const Process &process) {
     if (process.stopped)
         throw Failure(fmt::format("process {} is stopped", process.pid),
                       fmt::format("let it run again: kill -CONT {}", process.pid));
-    if (!process.catches_sigquit)
-        throw Failure(fmt::format("JVM {} doesn't listen for attaching", process.pid),
-                      "it is still starting (try again), or was started with -Xrs: then use "
-                      "-javaagent:qoragent.jar");
 }
 
 void CheckArgument(const std::string &jar, const std::string &argument) {
@@ -159,6 +161,10 @@ void CheckJarVisible(int root, const Process &process, const std::string &jar) {
             "copy the jar to a place open to that user and give it with --jar");
 }
 
+std::string SocketName(const Process &process) {
+    return fmt::format(".java_pid{}", process.inner_pid);
+}
+
 FileDescriptor Connect(int tmp, const std::string &name) {
     FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
@@ -180,13 +186,14 @@ bool SocketThere(int tmp, const std::string &name, const Process &process) {
 // Makes the JVM open its socket and connects to it.
 FileDescriptor OpenChannel(int tmp, const Target &target, const Process &process,
                            Clock::time_point deadline) {
-    std::string name = fmt::format(".java_pid{}", process.inner_pid);
+    std::string name = SocketName(process);
     if (SocketThere(tmp, name, process)) {
         FileDescriptor fd = Connect(tmp, name);
         if (fd.ok())
             return fd;
         unlinkat(tmp, name.c_str(), 0); // of an earlier JVM with that number
     }
+    CheckMaySignal(process);
     TriggerFile trigger(tmp, fmt::format(".attach_pid{}", process.inner_pid));
     if (!target.Signal(SIGQUIT))
         throw Failure(fmt::format("can't signal process {}: {}", process.pid, strerror(errno)),
@@ -243,7 +250,8 @@ public:
         if (!ReadProcess(process.pid, &now) || now.euid != process.euid || now.inner_pid != process.inner_pid)
             throw Failure(fmt::format("process {} has gone", process.pid), "'qorctl list' shows the JVMs");
         CheckAttachable(now);
-        CheckMaySignal(now);
+        CheckRuns(now);
+        process_ = now;
         // Opened before the identity changes: later we may not pass through /proc/PID/root any more.
         std::string root = fmt::format("/proc/{}/root/", process.pid);
         root_ = FileDescriptor(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -271,7 +279,7 @@ public:
     }
 
 private:
-    const Process &process_;
+    Process process_;
     Target target_;
     FileDescriptor root_, tmp_;
 };
@@ -330,6 +338,13 @@ void CheckUser(const Process &process) {
     std::string user = UserName(process.euid);
     throw Failure(fmt::format("process {} belongs to {}, we are {}", process.pid, user, UserName(self)),
                   fmt::format("run it as that user: sudo -u {} qorctl ...", user));
+}
+
+bool ListensForAttach(const Process &process) {
+    // A JVM that was told to leave signals alone (-Xrs) has its socket from the start.
+    struct stat status;
+    std::string path = fmt::format("/proc/{}/root/tmp/{}", process.pid, SocketName(process));
+    return process.catches_sigquit || (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode));
 }
 
 std::string FindJar(const std::string &given) {

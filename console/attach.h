@@ -37,6 +37,9 @@ void CheckLoadReply(std::string_view reply, const std::string &jar);
 // Where the agent's jar is: the path given, $QORAGENT_JAR, or beside this program. Throws a Failure.
 std::string FindJar(const std::string &given);
 
+// Whether the JVM's attach listener is there or can be called by a signal.
+bool ListensForAttach(const Process &process);
+
 // Throws a Failure unless we run as the process's user or as root.
 void CheckUser(const Process &process);
 

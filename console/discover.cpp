@@ -1,5 +1,6 @@
 #include "discover.h"
 
+#include "attach.h"
 #include "endpoint.h"
 #include "failure.h"
 
@@ -61,7 +62,7 @@ void Describe(const Process &process, const std::string &library, JvmEntry *entr
         entry->note = "attaching is disabled";
     else if (process.stopped)
         entry->note = "stopped";
-    else if (!process.catches_sigquit)
+    else if (!ListensForAttach(process))
         entry->note = "doesn't listen for attaching";
 }
 

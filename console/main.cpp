@@ -3,6 +3,7 @@
 #include "failure.h"
 
 #include <CLI/CLI.hpp>
+#include <climits>
 #include <csignal>
 #include <fmt/format.h>
 
@@ -32,7 +33,7 @@ CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, Comma
     command->add_option("pid", line->pid, "Process id of the JVM")
         ->option_text("PID")
         ->required()
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, INT_MAX).description(""));
     command->add_option("--jar", line->settings.jar,
                         "The agent's jar (else $QORAGENT_JAR, else beside qorctl)");
     command->add_option("--options", line->settings.options,

@@ -50,7 +50,8 @@ size_t CodePoint(std::string_view text, char32_t *value) {
         *value = *value << 6 | (byte(i) & 0x3f);
     }
     constexpr char32_t SHORTEST[] = {0, 0, 0x80, 0x800, 0x10000};
-    return *value < SHORTEST[length] || *value > 0x10ffff ? 0 : length;
+    bool surrogate = *value >= 0xd800 && *value <= 0xdfff;
+    return *value < SHORTEST[length] || *value > 0x10ffff || surrogate ? 0 : length;
 }
 
 bool SteersTerminal(char32_t c) {

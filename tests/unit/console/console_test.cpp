@@ -1,0 +1,300 @@
+// What the console sends, what it reads of a process and a JVM's attach listener, and what it shows.
+#include "attach.h"
+#include "decode.h"
+#include "endpoint.h"
+#include "failure.h"
+#include "json.h"
+#include "process.h"
+#include "render.h"
+#include "request.h"
+#include "wire.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+using namespace qorctl;
+
+namespace {
+
+TEST(Requests, Texts) {
+    auto threads = [](bool details, bool all, bool repeated, const char *key) {
+        ThreadQuestion question;
+        question.details = details;
+        question.all = all;
+        question.repeated = repeated;
+        question.thread_key = key;
+        return ThreadsRequest(question);
+    };
+    EXPECT_EQ(threads(false, false, false, ""), "516|showstack|8192");
+    EXPECT_EQ(threads(false, false, true, ""), "4|showstack|8192");
+    EXPECT_EQ(threads(true, false, false, ""), "532|showstack|32768");
+    EXPECT_EQ(threads(false, true, false, ""), "772|showstack|32768");
+    EXPECT_EQ(threads(true, true, true, ""), "276|showstack|32768");
+    EXPECT_EQ(threads(false, false, false, "77-23"), "548|showstack|32768|ARG=x,1=77-23");
+    EXPECT_EQ(SummaryRequest(false), "516|showstack|256");
+    EXPECT_EQ(SettingRequest("qorloglevel", "3"), "516|NoProcessing|qorloglevel|3");
+}
+
+TEST(Requests, RulesTravelWithCarriageReturns) {
+    const std::string head = "516|NoProcessing|activethreads|";
+    EXPECT_EQ(RulesRequest("abcd|threadname|A*\nabcd|currcall|b"),
+              head + "abcd|threadname|A*\rabcd|currcall|b\r");
+    EXPECT_EQ(RulesRequest("# c\r\nabcd|monitor|x\r\n\r\n"), head + "# c\rabcd|monitor|x\r");
+    EXPECT_EQ(RulesRequest(""), head + "#"); // no rules is an answer too
+    EXPECT_EQ(RulesRequest("\n\n"), head + "#");
+    EXPECT_THROW(RulesRequest(std::string(20480, 'x')), Failure);
+    EXPECT_THROW(RulesRequest("abcd|threadname||\t|\t\t||"), Failure);
+    EXPECT_THROW(CheckRequest("a\nb"), Failure);
+    EXPECT_NO_THROW(CheckRequest(std::string(20480, 'x')));
+    EXPECT_THROW(CheckRequest(std::string(20481, 'x')), Failure);
+}
+
+TEST(Requests, RulesWithoutEffectAreTold) {
+    std::string rules =
+        "# comment\nabcd|threadname|ok\nabc|threadname|x\nabcd|threadname\nabcd||x\nabcd|currcall|\n";
+    std::vector<std::string> faults = CheckRules(rules);
+    ASSERT_EQ(faults.size(), 4u);
+    const char *lines[] = {"line 3 ", "line 4 ", "line 5 ", "line 6 "};
+    for (size_t i = 0; i < faults.size(); ++i)
+        EXPECT_EQ(faults[i].compare(0, strlen(lines[i]), lines[i]), 0) << faults[i];
+    std::string many;
+    for (int i = 0; i < 151; ++i)
+        many += i % 2 ? "abcd|threadname|x\n" : "abcd|monitor|x\n";
+    EXPECT_EQ(CheckRules(many).size(), 1u); // one table holds both kinds
+    EXPECT_TRUE(CheckRules(many.substr(many.find('\n') + 1) + "abcd|systemcall|java.*\nabcd|s|3").empty());
+}
+
+TEST(Requests, ThreadKeys) {
+    EXPECT_EQ(ThreadKeyText("23", 77), "77-23");
+    EXPECT_EQ(ThreadKeyText("5-23", 77), "5-23");
+    for (const char *wrong : {"", "-", "x", "1-", "-1", "1-2-3", "1,2=3", "1|2", "12345678901234567890"})
+        EXPECT_THROW(ThreadKeyText(wrong, 77), Failure) << wrong;
+}
+
+TEST(Endpoint, File) {
+    const std::string token = "0123456789abcdef0123456789abcdef";
+    const std::string good = "port=40001\ntoken=" + token + "\npid=77\nversion=1\n";
+    auto endpoint = ParseEndpoint(good);
+    ASSERT_TRUE(endpoint);
+    EXPECT_EQ(endpoint->port, 40001);
+    EXPECT_EQ(endpoint->token, token);
+    EXPECT_EQ(endpoint->inner_pid, 77);
+    EXPECT_TRUE(ParseEndpoint(good + "something=new\n"));
+    const std::string wrong[] = {
+        "",
+        "port=40001\ntoken=" + token + "\npid=77\n",
+        "port=0\ntoken=" + token + "\npid=77\nversion=1\n",
+        "port=65536\ntoken=" + token + "\npid=77\nversion=1\n",
+        "port=4x\ntoken=" + token + "\npid=77\nversion=1\n",
+        "port=4\ntoken=" + token + "0\npid=77\nversion=1\n",
+        "port=4\ntoken=" + token.substr(1) + "g\npid=77\nversion=1\n",
+        "port=4\ntoken=" + token + "\npid=-7\nversion=1\n",
+        "port=4\ntoken=" + token + "\npid=77\nversion=2\n",
+    };
+    for (const std::string &text : wrong)
+        EXPECT_FALSE(ParseEndpoint(text)) << text;
+}
+
+TEST(Attach, LoadReplies) {
+    for (const char *good : {"0\n0\n", "0\nreturn code: 0\n", "0\n", "0"})
+        EXPECT_NO_THROW(CheckLoadReply(good, "/x.jar")) << good;
+    struct {
+        const char *reply, *told;
+    } rows[] = {
+        {"", "hung up"},
+        {"0\n100\n", "can't use /x.jar"},
+        {"0\nreturn code: 100\n", "can't use /x.jar"},
+        {"0\nreturn code: 102\n", "start failed"},
+        {"0\n102\n", "start failed"},
+        {"0\nreturn code: -1\n", "code -1"},
+        {"-1\nDynamic agent loading is not enabled. Use -XX:+EnableDynamicAgentLoading to launch target VM.",
+         "-XX:-EnableDynamicAgentLoading"},
+        {"0\nDynamic agent loading is not enabled. Use -XX:+EnableDynamicAgentLoading to launch target VM.\n",
+         "-XX:-EnableDynamicAgentLoading"},
+        {"0\nNo agent library\nat all\n", "refused the agent: No agent library"},
+        {"101\n", "code 101"},
+    };
+    for (auto &row : rows)
+        try {
+            CheckLoadReply(row.reply, "/x.jar");
+            ADD_FAILURE() << row.reply;
+        } catch (const Failure &failure) {
+            EXPECT_NE(std::string(failure.what()).find(row.told), std::string::npos) << failure.what();
+        }
+}
+
+TEST(Attach, Properties) {
+    std::string text = "0\n#Fri\na=1\nqoragent.status=failed\\: no \\\\ way\nqoragent.status.x=2\n";
+    EXPECT_EQ(PropertyValue(text, "qoragent.status"), "failed: no \\ way");
+    EXPECT_EQ(PropertyValue(text, "status"), "");
+}
+
+TEST(Process, Status) {
+    Process process;
+    ASSERT_TRUE(ParseStatus("Name:\tjava (x)\nState:\tS (sleeping)\nUid:\t1000\t1001\t1002\t1003\n"
+                            "Gid:\t50\t51\t52\t53\nNSpid:\t4711\t12\nSigCgt:\t2000000101005ccf\n",
+                            &process));
+    EXPECT_EQ(process.euid, 1001u);
+    EXPECT_EQ(process.egid, 51u);
+    EXPECT_EQ(process.inner_pid, 12);
+    EXPECT_TRUE(process.catches_sigquit);
+    EXPECT_FALSE(process.stopped);
+    ASSERT_TRUE(ParseStatus("State:\tT (stopped)\nUid:\t1\t1\t1\t1\nSigCgt:\t2000000101005ccb\n", &process));
+    EXPECT_FALSE(process.catches_sigquit);
+    EXPECT_TRUE(process.stopped);
+    EXPECT_FALSE(ParseStatus("State:\tZ (zombie)\nUid:\t1\t1\t1\t1\n", &process));
+    EXPECT_FALSE(ParseStatus("", &process));
+    EXPECT_EQ(MapUid("         0     100000      65536\n", 101000u), 1000u);
+    EXPECT_EQ(MapUid("         0     100000      65536\n", 5u), 5u);
+}
+
+TEST(Process, Maps) {
+    const std::string head = "7f00-7f01 r-xp 00000000 08:01 1 ";
+    struct {
+        std::string maps;
+        JvmKind kind;
+        const char *library;
+    } rows[] = {
+        {head + "/usr/lib/jvm/x y/lib/server/libjvm.so\n", JvmKind::HOTSPOT,
+         "/usr/lib/jvm/x y/lib/server/libjvm.so"},
+        {head + "/j/libjvm.so (deleted)\n", JvmKind::HOTSPOT, "/j/libjvm.so"},
+        {head + "/j/libjvm.so\n" + head + "/j/libj9vm29.so\n", JvmKind::OTHER, ""},
+        {head + "/j/notlibjvm.so\n" + head + "[heap]\n7f00-7f01 rw-p 0 0 0 \n", JvmKind::NONE, ""},
+    };
+    for (auto &row : rows) {
+        std::string library;
+        EXPECT_EQ(ParseMaps(row.maps, &library), row.kind) << row.maps;
+        if (row.kind != JvmKind::OTHER) {
+            EXPECT_EQ(library, row.library);
+        }
+    }
+}
+
+TEST(Process, MainClass) {
+    const std::pair<std::vector<std::string>, const char *> rows[] = {
+        {{"/usr/bin/java", "-Xmx1g", "-cp", "a:b", "com.acme.Main", "-jar", "x"}, "com.acme.Main"},
+        {{"java", "-jar", "/opt/app/shop.jar", "start"}, "shop.jar"},
+        {{"java", "@args", "--module-path", "m", "--module=a/b.C"}, "a/b.C"},
+        {{"java", "-p", "m", "-m", "a/b.C", "x"}, "b.C"},
+        {{"/opt/tomcat/bin/jsvc", "-home", "x"}, "jsvc"},
+        {{"java"}, ""},
+        {{"java", "-cp"}, ""},
+    };
+    for (auto &row : rows)
+        EXPECT_EQ(MainClass(row.first), row.second);
+}
+
+// A performance file of one string entry, laid out as the JVM does.
+std::string PerfFile(const std::string &name, const std::string &value) {
+    std::string entry(20, '\0');
+    std::string body = name + '\0';
+    uint32_t name_at = 20, data_at = name_at + static_cast<uint32_t>(body.size());
+    body += value + '\0';
+    uint32_t vector = static_cast<uint32_t>(value.size()) + 1,
+             length = 20 + static_cast<uint32_t>(body.size());
+    memcpy(&entry[0], &length, 4);
+    memcpy(&entry[4], &name_at, 4);
+    memcpy(&entry[8], &vector, 4);
+    entry[12] = 'B';
+    memcpy(&entry[16], &data_at, 4);
+    std::string file("\xca\xfe\xc0\xc0\x01\x02\x00\x01", 8);
+    file.resize(32);
+    uint32_t first = 32, count = 1;
+    memcpy(&file[24], &first, 4);
+    memcpy(&file[28], &count, 4);
+    return file + entry + body;
+}
+
+TEST(Process, PerformanceFile) {
+    std::string file = PerfFile("sun.rt.jvmCapabilities", "0100");
+    EXPECT_EQ(ParsePerfData(file).capabilities, "0100");
+    EXPECT_EQ(ParsePerfData(PerfFile("java.property.java.version", "17.0.15")).java_version, "17.0.15");
+    EXPECT_EQ(ParsePerfData(PerfFile("java.cls.loaded", "1")).capabilities, "");
+    for (size_t length = 0; length < file.size();
+         ++length) // cut files and wild offsets are read as nothing more
+        ParsePerfData(std::string_view(file).substr(0, length));
+    for (size_t at = 24; at < 52; ++at) {
+        std::string wild = file;
+        wild[at] = '\xff';
+        ParsePerfData(wild);
+    }
+    Process process;
+    PerfData perf = ParsePerfData(file);
+    EXPECT_TRUE(AttachDisabled(process, perf));
+    perf.capabilities = "1100";
+    EXPECT_FALSE(AttachDisabled(process, perf));
+    process.arguments = {"java", "-XX:+DisableAttachMechanism", "A"};
+    EXPECT_TRUE(AttachDisabled(process, PerfData()));
+}
+
+ThreadSample DetailsSample() {
+    static const std::string text =
+        Wire("Thread Info Details;" + DETAILS_ROW + "!" + STACK +
+             "!Lock On;6699~77-31~java.lang.Object@6699~View Thread Holding this Lock"
+             "!JVM Locks;12~0~com.acme.Cart@12~1;13~0~a.X@13~900;14~0~a.Y@14~200;"
+             "!Thread Info Details;ow\x1bner~^~/cart~id=7~77-31~^~^~^~Sleeping!Call Stack"
+             ";java.lang.Thread->sleep~Native Method~^~31~0~9~^~^!" +
+             TIMING);
+    return DecodeThreads(OpenReply(text));
+}
+
+TEST(Render, ThreadDump) {
+    EXPECT_EQ(ThreadDump(DetailsSample(), Style()),
+              "\"http-1\" #23 Lock\n"
+              "   in: com.acme.Cart.total(Cart.java:12)\n"
+              "\tat com.acme.Cart.add(Cart.java:40)\n"
+              "\t- waiting to lock <6699> (a java.lang.Object), held by thread #31 \"ow\\x1bner\"\n"
+              "\tat com.acme.Cart.total(Cart.java:12)\n"
+              "\t- locked <12> (a com.acme.Cart)\n"
+              "\t... 697 frames are left out\n"
+              "\t- locked <14> (a a.Y) at frame 200\n"
+              "\tat java.lang.Thread.run(Native Method)\n"
+              "\t- locked <13> (a a.X), by a frame that isn't known\n"
+              "\n"
+              "\"ow\\x1bner\" #31 Sleeping\n"
+              "   request: /cart id=7\n"
+              "\tat java.lang.Thread.sleep(Native Method)\n"
+              "\n");
+}
+
+TEST(Render, TableIsAlignedAndCut) {
+    std::string text = Wire("JVM Active Threads;" + ACTIVE_ROW +
+                            ";a~\xe6\x97\xa5\xe6\x9c\xac\x07~^~^~^~77-9~^~^~^~Object Wait;!" + TIMING);
+    ThreadSample sample = DecodeThreads(OpenReply(text));
+    EXPECT_EQ(ThreadTable(sample, Style()), "ID  STATE        THREAD    CALL\n"
+                                            "23  Runnable     http-1    com.acme.Cart.total(Cart.java:12)\n"
+                                            " 9  Object Wait  \xe6\x97\xa5\xe6\x9c\xac\\x07  -\n");
+    Style narrow;
+    narrow.width = 45;
+    std::string table = ThreadTable(sample, narrow);
+    EXPECT_NE(table.find("com.acme.Cart.tot\xe2\x80\xa6\n"), std::string::npos) << table;
+    for (size_t at = 0; at < table.size(); at = table.find('\n', at) + 1)
+        EXPECT_LE(DisplayWidth(table.substr(at, table.find('\n', at) - at)), 45u);
+    Style colour;
+    colour.colour = true;
+    EXPECT_NE(ThreadTable(sample, colour).find("\x1b[32mRunnable\x1b[0m     http-1"), std::string::npos);
+    EXPECT_EQ(SampleNotes(sample), "2 threads, 321 us in the JVM");
+}
+
+TEST(Render, ControlCharactersBecomeVisible) {
+    EXPECT_EQ(Printable("a\x1b[31m\xc2\x9b\xe2\x80\xae\xff\xed\xa0\x80"),
+              "a\\x1b[31m\\xc2\\x9b\\xe2\\x80\\xae\\xff\\xed\\xa0\\x80");
+    EXPECT_EQ(VisibleReply(Wire("a~b;c!d\xc2\x9b")), "a<29>b<30>\nc<31>\nd\\xc2\\x9b\n");
+}
+
+TEST(Render, Json) {
+    Json json = Json::parse(JsonText(ToJson(DetailsSample()), true));
+    EXPECT_EQ(json["cut"], false);
+    const Json &thread = json["threads"][0];
+    EXPECT_EQ(thread["id"], 23);
+    EXPECT_EQ(thread["call"]["line"], 12);
+    EXPECT_EQ(thread["stack"][2]["skipped"], 697);
+    EXPECT_TRUE(thread["stack"][3]["line"].is_null());
+    EXPECT_EQ(thread["waits_for"]["owner"], 31);
+    EXPECT_EQ(thread["owns"][0]["depth"], 1);
+    EXPECT_EQ(json["threads"][1]["request"]["url"], "/cart");
+    EXPECT_TRUE(json["threads"][1]["waits_for"].is_null());
+    EXPECT_EQ(JsonText("\xff", true), "\"\xef\xbf\xbd\"");
+}
+
+} // namespace

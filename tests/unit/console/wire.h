@@ -1,0 +1,27 @@
+// Replies written legibly.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// '~' field, ';' record end, '!' section end, '{' start of wait details, '}' end of their count, '&' RMI
+// mark,
+// '*' the mark in front of a state.
+inline std::string Wire(std::string_view legible) {
+    constexpr std::string_view SIGNS = "~;!{}&*", CODES = "\x1d\x1e\x1f\x1c\x1a\x1b\x0e";
+    std::string text(legible);
+    for (char &c : text)
+        if (size_t at = SIGNS.find(c); at != SIGNS.npos)
+            c = CODES[at];
+    return text;
+}
+
+inline const std::string TIMING = "Time spent in JVM for processing request;321 usec!";
+inline const std::string ACTIVE_ROW = "a~http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Runnable";
+inline const std::string DETAILS_ROW = "http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Lock";
+inline const std::string STACK =
+    "Call Stack"
+    ";com.acme.Cart->add~Cart.java~40~23~0~140001~^~^"
+    ";com.acme.Cart->total~Cart.java~12~23~1~140002~^~^"
+    ";697 frames are skipped for storage and performance optimization~NA~^~23~153~0~^~^"
+    ";java.lang.Thread->run~Native Method~^~23~850~140003~^~^";
