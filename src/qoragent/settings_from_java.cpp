@@ -11,7 +11,6 @@
 #include <link.h>
 
 char LOG_FILE[4096];
-char hostname[128];
 
 namespace {
 

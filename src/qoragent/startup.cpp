@@ -27,7 +27,6 @@
 #include <unistd.h>
 
 JNIEnv *jni_env;
-JavaVM *qor_vm;
 jclass serverKlass1, serverKlass2;
 jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
 int32_t maxthreads = 64;
