@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
 #include <sys/time.h>
 
 int32_t qorloglevel;
@@ -34,6 +35,8 @@ int WritePrefix(char *line, size_t size, const char *file, int lineNumber) {
 
 void QorWriteLogLine(const char *file, int lineNumber, const char *format, ...) {
     const int callersErrno = errno;
+    int cancelState; // a worker cancelled in here would leave the stream locked for the whole host
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     char line[FRAME_LIMIT + MESSAGE_LIMIT];
     int length = WritePrefix(line, sizeof line, file, lineNumber);
 
@@ -55,5 +58,6 @@ void QorWriteLogLine(const char *file, int lineNumber, const char *format, ...) 
     fwrite_unlocked(line, 1, static_cast<size_t>(length), out);
     fflush_unlocked(out);
     funlockfile(out);
+    pthread_setcancelstate(cancelState, nullptr);
     errno = callersErrno;
 }

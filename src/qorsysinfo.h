@@ -32,8 +32,8 @@ extern int32_t p_pid;        // system thread id of the caller of init_cpu
 extern int32_t cpu_stat_fd; // /proc/stat; 0 before the first initialisation, -1 when it can't be opened
 extern char get_cpu_util[CPU_TEXT_SIZE]; // the last reading of /proc/stat
 
-// The last machine reading: user and system ticks, time of day in seconds and hundredths. Modes 1 and 2 write
-// it.
+// The last machine reading: user and system ticks, time of day in seconds and hundredths. Written by modes 1
+// and 2.
 extern int64_t last_cpu_usr, last_cpu_sys, last_snap_time_hi, last_snap_time_lo;
 // The last process reading. Mode 4 writes it.
 extern int64_t last_process_user_time, last_process_sys_time;
@@ -47,8 +47,7 @@ int32_t getCpuCount();
 // The count that a text in the form of /proc/stat gives.
 int32_t QorCountCpuLines(FILE *stat);
 
-// One figure, by mode; 0 when it can't be had. Mode 0 opens the files and gives 0; repeating it leaks
-// nothing.
+// One figure, by mode; 0 when it can't be had. Mode 0 opens the files and gives 0, and may be repeated.
 int64_t qorsysinfo(int32_t mode);
 
 // The same figures by the source that suits the JVM: /proc, or its management extension on a Nimb JVM, which
@@ -58,8 +57,7 @@ int32_t QorGetSystemCpuLoad();
 int32_t QorGetProcessCpuLoad();
 
 // Reads attribute `key` of the JVM's management extension as a double: true, or false without touching
-// *value. The owner of the extension's table sets it when it has got the table; null means that there is
-// none.
+// *value. The owner of the extension's table sets it when it has got the table; null while there is none.
 typedef bool (*QorExtendedAttributeReader)(int32_t key, double *value);
 extern QorExtendedAttributeReader qorReadExtendedAttribute;
 

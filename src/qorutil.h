@@ -30,8 +30,7 @@ extern int32_t hasmonitors;                             // 1 once a lock rule ha
 extern const char *const tempstates[TEMP_STATE_COUNT];
 
 // Drops all rules, brings back the seven default states and adds the rules of `text`, one a line as
-// "srvtype|type|value"; a line that starts with "#" is a comment. The text is cut up in place. Null adds
-// none.
+// "srvtype|type|value"; a line that starts with "#" is a comment. Cuts the text up in place; null adds none.
 void readconditions(char *text);
 
 // Adds one rule. What is malformed or has no room is dropped.

@@ -1,12 +1,11 @@
-// Services of the operating system that hold on every platform: guarded memory, shared libraries, call
-// stacks.
+// Services of the operating system that every platform has: guarded memory, shared libraries, call stacks.
 #pragma once
 
 #include <cstdint>
 
 // Memory with an inaccessible page behind it, so that a runaway write stops at once. Between the last byte
-// and that page lies up to about a page of slack. The block, or null. A guard that can't be set is only
-// reported.
+// and that page lies less than a page of slack. The block, or null; a guard that can't be set is reported
+// only.
 void *QorMalloc(int32_t size);
 
 // Frees a block of QorMalloc; `size` must be what was asked for. A block whose guard can't be lifted is left

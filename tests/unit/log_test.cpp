@@ -76,6 +76,9 @@ TEST(Log, WritesEachLineInOnePiece) {
     cookie_io_functions_t functions = {};
     functions.write = [](void *, const char *text, size_t size) {
         pieces.emplace_back(text, size);
+        int state;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE) << "a cancelled thread would keep the stream's lock";
         return static_cast<ssize_t>(size);
     };
     FILE *const earlier = fpLogFile;
