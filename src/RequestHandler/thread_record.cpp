@@ -113,7 +113,8 @@ int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
         AppendSections(sample, *walk);
     else
         QorTextAppendChar(out, RECORD_END);
-    if (out->refused) {
+    const bool noRoomForEnd = out->size - out->length <= 1; // the section's end must follow
+    if (out->refused || noRoomForEnd) {
         QorTextCut(out, start);
         return -1;
     }

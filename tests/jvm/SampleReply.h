@@ -1,0 +1,33 @@
+// A reply of the thread sample, taken apart by its grammar. Any byte out of place fails the parse.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct SampleFrame {
+    std::string call, file, line; // line as text: "^" where none is known
+    int64_t thread, index, method;
+};
+
+struct SampleLock {
+    int64_t id;
+    std::string owner, description; // owner: thread key, of the lock waited for
+    int depth;
+};
+
+struct SampleThread {
+    std::string marker, name, url, detail, key, call, file, line, state;
+    std::vector<SampleFrame> frames;
+    std::vector<SampleLock> wanted, owned;
+    int64_t id() const; // the thread's part of the key
+};
+
+struct SampleReply {
+    std::string title, error; // error is empty when the reply is well-formed
+    std::vector<SampleThread> threads;
+
+    // `stacks`: the form with details.
+    static SampleReply Parse(const std::string &text, bool pollForm, bool stacks);
+
+    const SampleThread *Find(const std::string &name) const;
+};
