@@ -71,8 +71,8 @@ public final class Bench {
     private void sampleAlone() throws Exception {
         startAgent(3);
         System.out.printf("%n## Without lock data%n%n| threads x frames | reply, KiB | sample: worker | sample: whole call"
-                + " | GetAllStackTraces | dumpAllThreads(false, false) | thread print | call/GetAllStackTraces"
-                + " | call/print | call/dump |%n|---|---|---|---|---|---|---|---|---|---|%n");
+                + " | GetAllStackTraces | dumpAllThreads(false, false) | thread print | worker/GetAllStackTraces"
+                + " | call/GetAllStackTraces | call/print | call/dump |%n|---|---|---|---|---|---|---|---|---|---|---|%n");
         Map<String, Runnable> tasks = new LinkedHashMap<>();
         tasks.put(SAMPLE, this::sample);
         tasks.put(WALK, this::walk);
@@ -81,9 +81,9 @@ public final class Bench {
         for (int[] size : CROWDS) {
             try (Crowd crowd = new Crowd(size[0], size[1])) {
                 Figures f = measure(tasks);
-                System.out.printf("| %d x %d | %d | %s | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f |%n", size[0],
+                System.out.printf("| %d x %d | %d | %s | %.2f | %.2f | %.2f | %.2f | %s | %.2f | %.2f | %.2f |%n", size[0],
                         size[1], replyLength / 1024, workerTime(f), f.median(SAMPLE), f.median(WALK), f.median(DUMP),
-                        f.median(PRINT), f.ratio(SAMPLE, WALK), f.ratio(SAMPLE, PRINT), f.ratio(SAMPLE, DUMP));
+                        f.median(PRINT), workerRatio(f), f.ratio(SAMPLE, WALK), f.ratio(SAMPLE, PRINT), f.ratio(SAMPLE, DUMP));
             }
         }
         stopAgent();
@@ -135,6 +135,10 @@ public final class Bench {
     private static String workerTime(Figures figures) {
         double millis = figures.median(WORKER);
         return millis < 0 ? "(full)" : String.format("%.2f", millis);
+    }
+
+    private static String workerRatio(Figures figures) {
+        return figures.median(WORKER) < 0 ? "(full)" : String.format("%.2f", figures.ratio(WORKER, WALK));
     }
 
     private void walk() {

@@ -51,7 +51,7 @@ final class Crowd implements AutoCloseable {
             Thread.sleep(1);
     }
 
-    private void stand(int number, int depth) {
+    void stand(int number, int depth) {
         if (number == 0) {
             synchronized (common) {
                 begin(number, depth);
