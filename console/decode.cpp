@@ -283,14 +283,14 @@ std::string ThreadKey::Text() const {
 }
 
 Reply OpenReply(std::string_view text) {
+    Reply reply;
+    reply.reached_limit = text.size() + LARGEST_PIECE >= REPLY_LIMIT;
+    reply.jvm_microseconds = TakeTiming(&text); // a refusal may be timed too
     for (const Refusal &refusal : REFUSALS)
         if (text.substr(0, refusal.start.size()) == refusal.start) {
             std::string_view line = text.substr(0, text.find_first_of("\n|\x1e\x1f"));
             throw Failure(fmt::format("the agent answers \"{}\"", line), refusal.hint);
         }
-    Reply reply;
-    reply.reached_limit = text.size() + LARGEST_PIECE >= REPLY_LIMIT;
-    reply.jvm_microseconds = TakeTiming(&text);
     reply.text = text;
     size_t start = 0;
     for (size_t end; (end = text.find(SECTION_END, start)) != text.npos; start = end + 1)

@@ -229,7 +229,7 @@ public:
         bool first = true;
         for (const Frame &frame : thread_.stack) {
             if (frame.skipped > 0) {
-                Row(fmt::format("... {} frames are left out", frame.skipped), DIM);
+                Row(fmt::format("... {} frames skipped", frame.skipped), DIM);
                 Locks(frame.index, frame.index + frame.skipped - 1, true);
             } else {
                 Row("at " + CallText(frame), nullptr);
@@ -362,7 +362,7 @@ std::string ThreadDump(const ThreadSample &sample, const Style &style) {
             if (!value.empty())
                 text += fmt::format("   {}: {}\n", what, Printable(value));
         };
-        fact("in", thread.call ? CallText(*thread.call) : "");
+        fact("call", thread.call ? CallText(*thread.call) : "");
         fact("request", RequestText(thread));
         fact("remote", RemoteText(thread));
         StackWriter(thread, style, &text).Write(names);

@@ -241,12 +241,12 @@ ThreadSample DetailsSample() {
 TEST(Render, ThreadDump) {
     EXPECT_EQ(ThreadDump(DetailsSample(), Style()),
               "\"http-1\" #23 Lock\n"
-              "   in: com.acme.Cart.total(Cart.java:12)\n"
+              "   call: com.acme.Cart.total(Cart.java:12)\n"
               "\tat com.acme.Cart.add(Cart.java:40)\n"
               "\t- waiting to lock <6699> (a java.lang.Object), held by thread #31 \"ow\\x1bner\"\n"
               "\tat com.acme.Cart.total(Cart.java:12)\n"
               "\t- locked <12> (a com.acme.Cart)\n"
-              "\t... 697 frames are left out\n"
+              "\t... 697 frames skipped\n"
               "\t- locked <14> (a a.Y) at frame 200\n"
               "\tat java.lang.Thread.run(Native Method)\n"
               "\t- locked <13> (a a.X), by a frame that isn't known\n"

@@ -263,7 +263,8 @@ TEST(OpenReply, Timing) {
 
 TEST(OpenReply, RefusalsAreFailures) {
     for (const char *text :
-         {"Request TIMED OUT|\t|\t\t||", "QOR Uninitialized for this JVM", "Invalid Request showstac",
+         {"Request TIMED OUT|\t|\t\t||", "QOR Uninitialized for this JVM",
+          "Invalid Request showstacTime spent in JVM for processing request;1 usec!",
           "Unable to complete Request, Try Again!", "NoProcessing: Unkownn argument",
           "Unable to complete Request. Please Try Again\n Garbage Collector currently running.!"}) {
         try {
@@ -271,7 +272,8 @@ TEST(OpenReply, RefusalsAreFailures) {
             ADD_FAILURE() << text;
         } catch (const Failure &failure) {
             EXPECT_EQ(failure.code, EXIT_NO_ANSWER);
-            EXPECT_EQ(std::string(failure.what()).find_first_of("\n\x1f\t"), std::string::npos);
+            EXPECT_EQ(std::string(failure.what()).find_first_of("\n\x1e\x1f\t"), std::string::npos);
+            EXPECT_EQ(std::string(failure.what()).find("Time spent"), std::string::npos);
             EXPECT_FALSE(failure.hint.empty());
         }
     }
