@@ -1,0 +1,37 @@
+package qoragent.testing;
+
+import java.lang.management.GarbageCollectorMXBean;
+import java.lang.management.ManagementFactory;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import javax.management.ObjectName;
+
+/** Figures that the JVM gives of itself. */
+public final class JvmCounts {
+    private static final Pattern GLOBAL_REFS = Pattern.compile("JNI global ref(?:erence)?s: (\\d+)");
+
+    private JvmCounts() {}
+
+    /** JNI global references in use, by the JVM's own thread print. */
+    public static long globalRefs() throws Exception {
+        ObjectName commands = new ObjectName("com.sun.management:type=DiagnosticCommand");
+        String print = (String)ManagementFactory.getPlatformMBeanServer().invoke(
+            commands, "threadPrint", new Object[] {new String[0]}, new String[] {String[].class.getName()});
+        Matcher found = GLOBAL_REFS.matcher(print);
+        if (!found.find())
+            throw new IllegalStateException("no count of global references in: " + print);
+        return Long.parseLong(found.group(1));
+    }
+
+    public static long liveThreads() { return ManagementFactory.getThreadMXBean().getThreadCount(); }
+
+    public static Object collector(int index) {
+        return ManagementFactory.getGarbageCollectorMXBeans().get(index);
+    }
+
+    public static long collections(int index) {
+        return ((GarbageCollectorMXBean)collector(index)).getCollectionCount();
+    }
+
+    public static long collectors() { return ManagementFactory.getGarbageCollectorMXBeans().size(); }
+}

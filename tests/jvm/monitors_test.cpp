@@ -1,0 +1,223 @@
+#include "JvmFixture.h"
+#include "Walk.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Monitors.h"
+#include "qorsettings.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <jvmti.h>
+
+// At the start of a JVM that is told "-agentlib:qortest": takes the lock capabilities, which the JVM then
+// offers to every later environment as well.
+extern "C" JNIEXPORT jint JNICALL Agent_OnLoad_qortest(JavaVM *vm, char *, void *) {
+    void *env = nullptr;
+    if (vm->GetEnv(&env, JVMTI_VERSION_1_1) != JNI_OK)
+        return JNI_ERR;
+    jvmtiCapabilities wanted = {};
+    wanted.can_get_owned_monitor_info = 1;
+    wanted.can_get_current_contended_monitor = 1;
+    wanted.can_get_owned_monitor_stack_depth_info = 1;
+    return static_cast<jvmtiEnv *>(env)->AddCapabilities(&wanted) == JVMTI_ERROR_NONE ? JNI_OK : JNI_ERR;
+}
+
+namespace {
+
+// Locks as "depth class@number", or "class@number owner" for the lock waited for.
+using Locks = std::vector<std::string>;
+
+std::string numbered(const std::string &className, int64_t number) {
+    return className + "@" + std::to_string(number);
+}
+
+Locks trueOwned(const TrueThread &thread) {
+    Locks locks;
+    for (const TrueLock &lock : thread.owned)
+        locks.push_back(std::to_string(lock.depth) + " " + numbered(lock.className, lock.hash));
+    std::sort(locks.begin(), locks.end());
+    return locks;
+}
+
+// Only a lock that somebody holds is one.
+Locks trueWanted(const TrueThread &thread) {
+    Locks locks;
+    for (const TrueLock &lock : thread.wanted)
+        if (lock.owner > 0)
+            locks.push_back(numbered(lock.className, lock.hash) + " " + std::to_string(lock.owner));
+    return locks;
+}
+
+struct Monitors : SessionTest {
+    ~Monitors() override { qorLockInfoLevel = 0; }
+
+    // Reads the locks of all zoo threads in one walk.
+    void read(QorMonitorScope scope) {
+        owned.clear();
+        wanted.clear();
+        Walk walk;
+        while (walk.next()) {
+            const std::string name = walk.thread.name;
+            if (name.compare(0, 4, "zoo-") != 0)
+                continue;
+            readOwned(&walk, scope, &owned[name]);
+            readWanted(&walk, scope, &wanted[name]);
+        }
+        QorCloseMonitorSample();
+    }
+
+    void readOwned(Walk *walk, QorMonitorScope scope, Locks *locks) {
+        QorMonitorRecord *records = nullptr;
+        const int32_t count = QorGetOwnedMonitorInfo(&walk->handle, &walk->thread, scope, &records);
+        EXPECT_EQ(records != nullptr, count > 0);
+        for (int32_t i = 0; i < count; i++) {
+            const QorMonitorRecord &lock = records[i];
+            EXPECT_EQ(lock.waiting, 0);
+            EXPECT_EQ(lock.hash, byJvmti ? lock.lockId : 0);
+            EXPECT_EQ(lock.owner, byJvmti ? 0 : walk->thread.tid);
+            expectNumbered(lock);
+            locks->push_back(std::to_string(lock.stackDepth) + " " + lock.description);
+        }
+        std::sort(locks->begin(), locks->end());
+        free(records);
+    }
+
+    void readWanted(Walk *walk, QorMonitorScope scope, Locks *locks) {
+        QorMonitorRecord lock = {};
+        if (QorGetContendedMonitorInfo(&walk->handle, &walk->thread, scope, &lock, wantOwner) != 1)
+            return;
+        EXPECT_EQ(lock.waiting, 1);
+        EXPECT_EQ(lock.hash, byJvmti ? lock.lockId : 1);
+        expectNumbered(lock);
+        locks->push_back(std::string(lock.description) + " " + std::to_string(lock.owner));
+    }
+
+    // The number that the console follows is the one behind the class name.
+    static void expectNumbered(const QorMonitorRecord &lock) {
+        const std::string text = lock.description;
+        EXPECT_EQ(text.substr(text.find('@') + 1), std::to_string(lock.lockId));
+    }
+
+    void expectTruth(const char *what) {
+        int32_t ownedSeen = 0, wantedSeen = 0;
+        for (const auto &[id, thread] : ThreadTruth()) {
+            if (thread.name.compare(0, 4, "zoo-") != 0)
+                continue;
+            EXPECT_EQ(owned[thread.name], trueOwned(thread)) << what << " " << thread.name;
+            EXPECT_EQ(wanted[thread.name], trueWanted(thread)) << what << " " << thread.name;
+            ownedSeen += static_cast<int32_t>(owned[thread.name].size());
+            wantedSeen += static_cast<int32_t>(wanted[thread.name].size());
+        }
+        EXPECT_GE(ownedSeen, 8) << what;
+        EXPECT_GE(wantedSeen, 4) << what;
+    }
+
+    bool byJvmti = false;
+    int32_t wantOwner = 0;
+    std::map<std::string, Locks> owned, wanted; // by thread name
+};
+
+// The road by JVMTI, in a JVM whose start-up agent has made it offer what that needs.
+struct MonitorsByJvmti : Monitors {
+    static void SetUpTestSuite() { StartJvm({"-agentlib:qortest"}); }
+
+    void SetUp() override {
+        Monitors::SetUp();
+        if (QorGetJvmtiMonitorCapability() == 0)
+            GTEST_SKIP() << "another suite has created this process's JVM";
+        byJvmti = true;
+        qorLockInfoLevel = 1;
+    }
+};
+
+} // namespace
+
+TEST_F(Monitors, ByManagementAgreeWithTheJvm) {
+    ZooVisit zoo("");
+    ASSERT_EQ(QorGetJvmtiMonitorCapability(), 0);
+    for (int32_t level : {1, 2}) {
+        qorLockInfoLevel = level;
+        read(MONITORS_OF_THE_WALK);
+        expectTruth("batches");
+        read(MONITORS_OF_ONE_THREAD);
+        expectTruth("single calls");
+    }
+}
+
+TEST_F(Monitors, AreNotReadAtOtherLevels) {
+    ZooVisit zoo("holder,blocked");
+    for (int32_t level : {0, 3, -1}) {
+        qorLockInfoLevel = level;
+        read(MONITORS_OF_THE_WALK);
+        for (const char *name : {"zoo-holder", "zoo-blocked"})
+            EXPECT_TRUE(owned[name].empty() && wanted[name].empty()) << level << " " << name;
+    }
+}
+
+// Threads that have ended since the snapshot must not cost the locks of those in their batch.
+TEST_F(Monitors, OfTheLivingAreFoundBesideTheDead) {
+    qorLockInfoLevel = 2;
+    Walk walk;
+    {
+        ZooVisit zoo("holder,blocked");
+        CallVoid(ZOO, "startMany", "(II)V", 100, 1);
+        QorGetJVMThread(&walk.handle, 0);
+    }
+    Env()->MonitorEnter(threadClass);
+    int32_t dead = 0, found = 0;
+    for (; walk.handle.index < walk.handle.count; QorGetJVMThread(&walk.handle, 0)) {
+        walk.thread = {};
+        if (QorGetThreadInfo(&walk.handle, &walk.thread) != 0)
+            continue;
+        QorMonitorRecord *records = nullptr;
+        const int32_t count =
+            QorGetOwnedMonitorInfo(&walk.handle, &walk.thread, MONITORS_OF_THE_WALK, &records);
+        dead += walk.thread.state == STATE_TERMINATED && count == 0;
+        found += count == 1 && records[0].description == numbered("java.lang.Class", records[0].lockId);
+        free(records);
+    }
+    EXPECT_GE(dead, 100);
+    EXPECT_EQ(found, 1) << "the lock that this thread holds";
+    QorCloseMonitorSample();
+    Env()->MonitorExit(threadClass);
+}
+
+TEST_F(Monitors, LeaveNoReferenceBehind) {
+    constexpr char COUNTS[] = "qoragent/testing/JvmCounts";
+    qorLockInfoLevel = 2;
+    ZooVisit zoo("holder,blocked,reentrant,lock-waiter,lock-holder");
+    read(MONITORS_OF_THE_WALK);
+    CallLong(COUNTS, "globalRefs", "()J");
+    const int64_t before = CallLong(COUNTS, "globalRefs", "()J");
+    for (int32_t sample = 0; sample < 200; sample++)
+        read(sample % 2 ? MONITORS_OF_THE_WALK : MONITORS_OF_ONE_THREAD);
+    EXPECT_EQ(CallLong(COUNTS, "globalRefs", "()J"), before);
+}
+
+TEST_F(Monitors, ReadOnlyInitialisedClasses) {
+    EXPECT_EQ(QorIsClassInitialized(nullptr), 0);
+    EXPECT_EQ(QorIsClassInitialized(threadClass), 1);
+    // An array class is never initialised.
+    jclass array = Env()->FindClass("[Ljava/lang/String;");
+    EXPECT_EQ(QorIsClassInitialized(array), 0);
+}
+
+TEST_F(MonitorsByJvmti, AgreeWithTheJvm) {
+    ZooVisit zoo("holder,blocked,blocked-second,reentrant,wait,wait-inside,lock-holder,lock-waiter");
+    wantOwner = 1;
+    read(MONITORS_OF_THE_WALK);
+    for (const auto &[id, thread] : ThreadTruth()) {
+        if (thread.name == "zoo-holder" || thread.name.compare(0, 11, "zoo-blocked") == 0) {
+            EXPECT_EQ(owned[thread.name], trueOwned(thread)) << thread.name;
+            EXPECT_EQ(wanted[thread.name], trueWanted(thread)) << thread.name;
+        }
+    }
+    EXPECT_EQ(owned["zoo-holder"].size(), 4u);
+    EXPECT_EQ(wanted["zoo-blocked"].size(), 1u);
+    EXPECT_EQ(owned["zoo-wait-inside"].size(), 1u);
+    EXPECT_TRUE(wanted["zoo-lock-waiter"].empty()) << "a lock of java.util.concurrent is no monitor";
+    wantOwner = 0;
+    read(MONITORS_OF_ONE_THREAD);
+    ASSERT_EQ(wanted["zoo-blocked"].size(), 1u);
+    const std::string &text = wanted["zoo-blocked"][0];
+    EXPECT_EQ(text.substr(text.find(' ')), " 0");
+}

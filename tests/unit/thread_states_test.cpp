@@ -1,0 +1,186 @@
+#include "jvmti/Monitors.h"
+#include "jvmti/ThreadSystem.h"
+
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+enum : jint {
+    ALIVE = JVMTI_THREAD_STATE_ALIVE,
+    RUNNABLE = JVMTI_THREAD_STATE_RUNNABLE,
+    WAITING = JVMTI_THREAD_STATE_WAITING,
+    TIMED = JVMTI_THREAD_STATE_WAITING_WITH_TIMEOUT,
+    PARKED = JVMTI_THREAD_STATE_PARKED,
+    SLEEPING = JVMTI_THREAD_STATE_SLEEPING,
+    SUSPENDED = JVMTI_THREAD_STATE_SUSPENDED,
+    INTERRUPTED = JVMTI_THREAD_STATE_INTERRUPTED,
+    BLOCKED = JVMTI_THREAD_STATE_BLOCKED_ON_MONITOR_ENTER,
+};
+
+struct FrameOfState {
+    int32_t state, index;
+    const char *className, *method;
+    int32_t refined;
+};
+
+int32_t refine(const FrameOfState &row) {
+    QorThreadRecord thread = {};
+    thread.state = row.state;
+    QorFrameRecord frame = {row.index, 0, row.method, row.className, "", 0, 1, nullptr};
+    EXPECT_EQ(GetThreadEnhancedState(&frame, &thread), 0);
+    if (thread.state != row.state) {
+        EXPECT_EQ(thread.enhancedState, thread.state);
+    }
+    return thread.state;
+}
+
+} // namespace
+
+TEST(ThreadStates, FollowTheLastBitThatTells) {
+    const struct {
+        jint bits;
+        int32_t state;
+    } ROWS[] = {
+        {0, STATE_UNKNOWN},
+        {ALIVE, STATE_UNKNOWN},
+        {JVMTI_THREAD_STATE_TERMINATED, STATE_TERMINATED},
+        {ALIVE | RUNNABLE, STATE_RUNNABLE},
+        {ALIVE | RUNNABLE | SUSPENDED, STATE_RUNNABLE},
+        {ALIVE | SUSPENDED, STATE_SUSPENDED},
+        {ALIVE | SUSPENDED | INTERRUPTED, STATE_INTERRUPTED},
+        {ALIVE | INTERRUPTED | BLOCKED, STATE_LOCK},
+        {ALIVE | WAITING, STATE_UNKNOWN},
+        {ALIVE | WAITING | JVMTI_THREAD_STATE_WAITING_INDEFINITELY, STATE_OBJECT_WAIT},
+        {ALIVE | WAITING | JVMTI_THREAD_STATE_IN_OBJECT_WAIT | SUSPENDED, STATE_OBJECT_WAIT},
+        {ALIVE | WAITING | TIMED | PARKED, STATE_OBJECT_WAIT},
+        {ALIVE | WAITING | TIMED | SLEEPING, STATE_SLEEPING},
+        {ALIVE | SLEEPING, STATE_UNKNOWN},
+        {WAITING | TIMED, STATE_UNKNOWN},
+    };
+    for (const auto &row : ROWS)
+        EXPECT_EQ(mapThreadStatetoQorState(row.bits, 5), row.state) << std::hex << row.bits;
+}
+
+TEST(ThreadStates, OfInstrumentedThreadsAreNeverIdle) {
+    gBciThreadIds[0] = 4;
+    gBciThreadIds[1] = 5;
+    gBciThreadIdCount = 2;
+    EXPECT_EQ(mapThreadStatetoQorState(ALIVE | WAITING | PARKED, 5), STATE_OTHER);
+    EXPECT_EQ(mapThreadStatetoQorState(ALIVE | WAITING | SLEEPING, 4), STATE_OTHER);
+    EXPECT_EQ(mapThreadStatetoQorState(ALIVE | WAITING | PARKED, 6), STATE_OBJECT_WAIT);
+    EXPECT_EQ(mapThreadStatetoQorState(ALIVE | RUNNABLE, 5), STATE_RUNNABLE);
+    EXPECT_EQ(mapThreadStatetoQorState(ALIVE | BLOCKED, 5), STATE_LOCK);
+    gBciThreadIdCount = 0;
+}
+
+TEST(ThreadStates, AreRefinedByTheCallOnTop) {
+    const FrameOfState ROWS[] = {
+        {STATE_RUNNABLE, 0, "java.io.FileInputStream", "readBytes", STATE_IO_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.fs.UnixNativeDispatcher", "read0", STATE_IO_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.SocketDispatcher", "read0", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.EPoll", "wait", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.ServerSocketChannelImpl", "accept0", STATE_OBJECT_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.Pipe", "poll0Now", STATE_OBJECT_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "accept", STATE_OBJECT_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "acceptable", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.Network", "accept", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "poll", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "java.net.PlainSocketImpl", "socketAccept", STATE_OBJECT_WAIT},
+        {STATE_RUNNABLE, 0, "java.net.SocketInputStream", "socketRead0", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "vostok.net.Socket", "read", STATE_NETWORK_WAIT},
+        {STATE_RUNNABLE, 0, "vostok.ext.epoll.EPoll", "epollWait0", STATE_OBJECT_WAIT},
+        {STATE_RUNNABLE, 0, "vostok.ext.epoll.EPoll", "epollCtl", STATE_RUNNABLE},
+        {STATE_RUNNABLE, 0, "vostok.ext.epoll.EPoll2", "epollWait0", STATE_RUNNABLE},
+        {STATE_RUNNABLE, 0, "qoragent.Agent", "dataFromNative", STATE_OBJECT_WAIT},
+        {STATE_RUNNABLE, 0, "qoragent.Agent", "initvar", STATE_RUNNABLE},
+        {STATE_RUNNABLE, 0, "tessar.jdbc.zdi8.ZDIDBAccess", "execute", STATE_DB_WAIT},
+        {STATE_RUNNABLE, 0, "app.Main", "run", STATE_RUNNABLE},
+        {STATE_RUNNABLE, 1, "java.io.FileInputStream", "readBytes", STATE_RUNNABLE},
+        {STATE_LOCK, 0, "java.io.FileInputStream", "readBytes", STATE_LOCK},
+        {STATE_CONDVAR_WAIT, 0, "java.lang.Thread", "sleep0", STATE_SLEEPING},
+        {STATE_CONDVAR_WAIT, 0, "java.lang.Object", "wait", STATE_OBJECT_WAIT},
+        {STATE_CONDVAR_WAIT, 1, "java.lang.Object", "wait", STATE_CONDVAR_WAIT},
+        {STATE_NETWORK_WAIT, 2, "sun.nio.ch.NioSocketImpl", "timedAccept", STATE_OBJECT_WAIT},
+        {STATE_NETWORK_WAIT, 1, "sun.nio.ch.NioSocketImpl", "timedAccept", STATE_NETWORK_WAIT},
+        {STATE_NETWORK_WAIT, 2, "sun.nio.ch.NioSocketImpl", "timedRead", STATE_NETWORK_WAIT},
+        {STATE_NETWORK_WAIT, 40, "tessar.net.ns.Packet", "receive", STATE_DB_WAIT},
+        {STATE_RUNNABLE, 3, "ferrule.jdbc.base.Statement", "execute", STATE_DB_WAIT},
+        {STATE_IO_WAIT, 3, "ferrule.jdbc.base.Statement", "execute", STATE_IO_WAIT},
+        {STATE_OBJECT_WAIT, 2, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_RMI_WAIT},
+        {STATE_OTHER, 0, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_RMI_WAIT},
+        {STATE_OBJECT_WAIT, 3, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_OBJECT_WAIT},
+    };
+    for (const FrameOfState &row : ROWS) {
+        tessar_thick_driver = 0;
+        EXPECT_EQ(refine(row), row.refined) << row.className << "." << row.method << " at " << row.index;
+        EXPECT_EQ(tessar_thick_driver, std::string(row.className).find("zdi8") != std::string::npos);
+    }
+    QorThreadRecord idle = {};
+    GetThreadEnhancedState(nullptr, &idle);
+    EXPECT_EQ(idle.state, STATE_OBJECT_WAIT);
+}
+
+TEST(ThreadStates, HaveTexts) {
+    char text[STATE_TEXT_SIZE];
+    const struct {
+        int32_t state;
+        const char *text;
+    } ROWS[] = {{0, "Runnable"}, {3, "Object Wait"}, {9, "DB Wait"},  {13, "RMI Wait"},
+                {14, "Other"},   {15, "Unknown"},    {-1, "Unknown"}, {12, "Unknown"}};
+    for (const auto &row : ROWS) {
+        mapQorThreadState2String(row.state, text);
+        EXPECT_STREQ(text, row.text) << row.state;
+    }
+}
+
+TEST(Frames, MapLocationsToLines) {
+    const jvmtiLineNumberEntry table[] = {{0, 10}, {4, 11}, {4, 12}, {9, 20}, {30, 15}, {31, 16}, {90, 17}};
+    const struct {
+        jlocation location;
+        jint count;
+        int32_t line;
+    } ROWS[] = {{-1, 7, -1}, {0, 7, 10},  {3, 7, 10},  {4, 7, 12},   {8, 7, 12}, {9, 7, 20}, {29, 7, 20},
+                {30, 7, 15}, {31, 7, 16}, {89, 7, 16}, {500, 7, 17}, {5, 1, 10}, {0, 0, -1}, {31, 5, 15}};
+    for (const auto &row : ROWS)
+        EXPECT_EQ(QorMapLoc2Line(row.location, table, row.count), row.line)
+            << row.location << " of " << row.count;
+    const jvmtiLineNumberEntry late[] = {{2, 10}, {5, 11}};
+    EXPECT_EQ(QorMapLoc2Line(1, late, 2), -1);
+}
+
+TEST(Frames, ShowSignaturesDotted) {
+    const struct {
+        std::string text, dotted;
+    } ROWS[] = {
+        {"java/lang/String;", "java.lang.String"}, {"a;b", "a b"}, {"", ""}, {";", ""}, {"a;;", "a "}};
+    for (auto row : ROWS) {
+        Slash2Dot(row.text.data());
+        EXPECT_STREQ(row.text.c_str(), row.dotted.c_str());
+    }
+}
+
+TEST(LockNames, AreParsedToAnIdAndADecimalName) {
+    const struct {
+        std::string text;
+        int64_t id;
+        std::string shown;
+    } ROWS[] = {
+        {"java.lang.Object@1a2b", 6699, "java.lang.Object@6699"},
+        {"Lock123", 291, "Lock@291"},
+        {"123", 0, "123"},
+        {"", 0, ""},
+        {"Lock", 0, "Lock"},
+        {"a@b@1", 0, "a@b@1"},
+        {"a@7fffffff", 2147483647, "a@2147483647"},
+        {"a@ffffffffffffffffffff", INT64_MAX, "a@9223372036854775807"},
+        {std::string(NAME_SIZE - 3, 'x') + "@f", 15, std::string(NAME_SIZE - 3, 'x') + "@1"}, // cut
+    };
+    for (const auto &row : ROWS) {
+        char text[NAME_SIZE];
+        snprintf(text, sizeof text, "%s", row.text.c_str());
+        EXPECT_EQ(QorParseLockName(text), row.id) << row.text;
+        EXPECT_STREQ(text, row.shown.c_str());
+    }
+}
