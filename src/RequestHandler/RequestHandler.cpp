@@ -1,7 +1,10 @@
 #include "RequestHandler.h"
 
 #include "all_threads.h"
+#include "jvmti/heapdump/HeapDump.h"
 #include "lock_holder.h"
+#include "memory_views.h"
+#include "qorlog.h"
 #include "qorrequest.h"
 #include "thread_stack.h"
 
@@ -12,17 +15,20 @@ struct ViewRow {
     void (*show)(uint32_t reqid, QorText *reply, char **args);
 };
 
+// In place of a file name: the class histogram, which writes no file.
+constexpr char HISTOGRAM_ONLY[] = "ClassHistogramOnly";
+
 void ShowPoll(uint32_t reqid, QorText *reply, char **args) {
     get_system_data = 0;
     QorShowAllThreadRequest(reqid, reply, args);
 }
 
-// The memory views and the look-up by client port are not there yet.
+// The look-up by client port is not there yet.
 void ShowNothing(uint32_t, QorText *, char **) {}
 
 // The first row with one of its bits set decides.
 constexpr ViewRow views[] = {
-    {QORREQ_MEMORY_ACTIVITY, ShowNothing},
+    {QORREQ_MEMORY_ACTIVITY, QorShowMemoryActivity},
     {QORREQ_ACTIVE_THREADS, QorShowAllThreadRequest},
     {QORREQ_POLL_DETAILS, ShowPoll},
     {QORREQ_THREAD_SUMMARY | QORREQ_JUST_THREADS, QorShowJustThreadRequest},
@@ -44,7 +50,19 @@ void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char 
     }
 }
 
-void QorHandleShowMemRequest(char *, int32_t, const char *, uint32_t) {}
+void QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
+    QorText reply;
+    QorTextContinue(&reply, page, PAGEBUF_SIZE);
+    if (!*path) {
+        QorShowMemoryDetails(&reply);
+    } else if (strcmp(path, HISTOGRAM_ONLY) == 0) {
+        QorShowClassHistogram(&reply);
+    } else {
+        // The reply says nothing of the outcome: whoever reads the file knows it by its trailer.
+        QORLOG(LOG_DETAIL, "processing mem req : %s \n", path);
+        QorHeapDump(path);
+    }
+}
 
 void QorShowObjectRequest(int32_t, int32_t, uint32_t, char *, int32_t) {}
 

@@ -1,0 +1,42 @@
+// The JVM's garbage collectors as two rows, major and minor, each with a count and a time.
+//
+// The figures come from the platform's collector beans. A bean whose name holds "MarkSweep" or "Old" is
+// major, any other minor; of two beans of one kind the last in the JVM's list stands for it. Where the beans
+// may not be asked, the one total of the management table is all there is.
+//
+// Worker only. The rows stay valid until the next call.
+#pragma once
+
+#include <cstdint>
+#include <jvmti.h>
+
+enum : int32_t { GC_NAME_SIZE = 128, GC_ENTRIES = 2 };
+
+struct QorGCSummaryEntry {
+    int32_t index; // from 1
+    char name[GC_NAME_SIZE];
+    uint32_t count; // collections so far, cut to 32 bits; all ones when the collector doesn't tell
+    int64_t time;   // milliseconds spent so far
+};
+
+extern QorGCSummaryEntry gbQorGCSummaryObj[GC_ENTRIES];
+
+constexpr char GC_MAJOR_WORD[] = "Major"; // in the name of the major row, and in no other
+
+// They hold nothing; they give the call the shape of the thread views'. Always 0.
+int32_t QorInitGCSummaryHandle();
+int32_t QorCloseGCSummaryHandle();
+
+// Reads the rows and points *entries at them: 1 row for the total, 2 for major and minor. What could not be
+// read stays 0; the first failure ends the reading and is logged.
+int32_t QorGetGCSummary(QorGCSummaryEntry **entries);
+
+// Total collections, and milliseconds spent in them, by the management table; a negative answer is 0. Without
+// a table the result stays as it was. Always 0.
+int32_t QorGetTotalGCCount(int32_t *result);
+int32_t QorGetTotalGCTime(int32_t *result);
+
+// Switches the two collection events on: 1, or 0 when the JVM refuses. The callbacks only log.
+int32_t QorSetGCHandlerNotification(jvmtiEnv *env);
+void JNICALL qorcallbackGCStart(jvmtiEnv *env);
+void JNICALL qorcallbackGCFinish(jvmtiEnv *env);
