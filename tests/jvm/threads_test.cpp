@@ -1,6 +1,8 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "Walk.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Monitors.h"
 #include "qorsettings.h"
 #include "qorutil.h"
 
@@ -68,6 +70,13 @@ int32_t refinedState(Walk *walk) {
 } // namespace
 
 TEST_F(Threads, AgreeWithWhatTheJvmSays) {
+    {
+        // An earlier walk over other methods leaves nothing to be found.
+        ZooVisit others("holder,blocked,wait-inside");
+        Walk earlier;
+        while (earlier.next())
+            readFrames(&earlier);
+    }
     ZooVisit zoo("");
     CallVoid(ZOO, "check", "()V");
     const std::map<int64_t, TrueThread> truth = ThreadTruth();
@@ -160,6 +169,75 @@ TEST_F(Threads, KeepOfAMethodWhatASingleReadingGives) {
     EXPECT_GT(compared, 40);
 }
 
+// More methods than the walk can keep, in one walk: those that collide and those that find no room read like
+// the first one.
+TEST_F(Threads, MayShowMoreMethodsThanAreKept) {
+    constexpr int32_t MORE_THAN_KEPT = 16500;
+    CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); // brings the management classes in
+    for (const char *name : {"java/math/BigDecimal",
+                             "java/math/BigInteger",
+                             "java/lang/StrictMath",
+                             "java/util/Scanner",
+                             "java/util/concurrent/CompletableFuture",
+                             "java/util/concurrent/ForkJoinPool",
+                             "java/util/stream/Collectors",
+                             "java/util/stream/IntStream",
+                             "java/time/ZonedDateTime",
+                             "java/time/OffsetDateTime",
+                             "java/time/Period",
+                             "java/time/YearMonth",
+                             "java/text/DecimalFormat",
+                             "java/text/SimpleDateFormat",
+                             "java/text/ChoiceFormat",
+                             "java/util/GregorianCalendar",
+                             "java/util/concurrent/ConcurrentSkipListMap",
+                             "java/util/BitSet",
+                             "java/util/Formatter",
+                             "java/util/concurrent/LinkedBlockingDeque",
+                             "java/util/PriorityQueue",
+                             "java/nio/file/Files",
+                             "java/util/concurrent/ScheduledThreadPoolExecutor",
+                             "java/util/zip/ZipOutputStream"})
+        ASSERT_NE(Env()->FindClass(name), nullptr) << name;
+    std::vector<jmethodID> methods;
+    QorLocalFrame frame(Env(), 4096);
+    jint classCount = 0;
+    jclass *classes = nullptr;
+    ASSERT_EQ(jvmti->GetLoadedClasses(&classCount, &classes), JVMTI_ERROR_NONE);
+    for (jint i = 0; i < classCount; i++) {
+        jint count = 0;
+        jmethodID *found = nullptr;
+        if (!QorIsClassInitialized(classes[i]) ||
+            jvmti->GetClassMethods(classes[i], &count, &found) != JVMTI_ERROR_NONE)
+            continue;
+        methods.insert(methods.end(), found, found + count);
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(found));
+    }
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(classes));
+    ASSERT_GT(methods.size(), size_t(MORE_THAN_KEPT));
+
+    QorFrameHandle frames = {};
+    QorFrameRecord record;
+    char text[NAME_SIZE];
+    Walk walk;
+    int32_t kept = 0;
+    for (int32_t round = 0; round < 2; round++) {
+        for (size_t i = 0; i < methods.size(); i++) {
+            frames.frames[0] = {methods[i], 0};
+            frames.count = 1;
+            ASSERT_EQ(QorReadFrame(&frames, FRAME_WITH_FILE_AND_LINE, &record), 0) << i;
+            ASSERT_EQ(QorGetMethodInfo(&frames, text), 0);
+            ASSERT_STREQ(record.method, text) << i;
+            ASSERT_EQ(QorGetClassInfo(&frames, text), 0);
+            ASSERT_STREQ(record.className, text) << i;
+            ASSERT_EQ(record.line, QorGetLineNumber(&frames)) << i;
+            kept += record.facts != nullptr;
+        }
+    }
+    EXPECT_GT(kept, MORE_THAN_KEPT);
+    EXPECT_LT(kept, static_cast<int32_t>(2 * methods.size()));
+}
+
 TEST_F(Threads, TellSystemCallsFromUserCalls) {
     ZooVisit zoo("park");
     char rules[] = "abcd|systemcall|java.*\nabcd|systemcall|jdk.*\nabcd|systemcall|sun.*\n";
@@ -215,13 +293,22 @@ TEST_F(Threads, BeyondTheCapAreNotSeen) {
     CallVoid(ZOO, "stop", "()V");
 }
 
-TEST_F(Threads, GiveTheirReferencesBackAtEachClose) {
-    ZooVisit zoo("park,sleep");
-    for (int32_t sample = 0; sample < 300; sample++) {
-        Walk walk;
-        ASSERT_TRUE(walk.find("zoo-park"));
+// A thread that a closed walk has seen can be collected when it has ended.
+TEST_F(Threads, AreNotHeldByAClosedWalk) {
+    jweak seen = nullptr;
+    {
+        ZooVisit zoo("park");
+        for (int32_t sample = 0; sample < 300; sample++) {
+            Walk walk;
+            ASSERT_TRUE(walk.find("zoo-park"));
+            if (!seen)
+                seen = Env()->NewWeakGlobalRef(walk.handle.threads[walk.handle.index]);
+        }
     }
-    EXPECT_EQ(TakeJvmComplaints(), "");
+    for (int32_t round = 0; round < 50 && !Env()->IsSameObject(seen, nullptr); round++)
+        CallVoid("java/lang/System", "gc", "()V");
+    EXPECT_TRUE(Env()->IsSameObject(seen, nullptr));
+    Env()->DeleteWeakGlobalRef(seen);
 }
 
 TEST_F(Threads, CarryNoCharacterOfTheRecordFormatInTheirNames) {
