@@ -10,6 +10,7 @@
 
 #include "jvmti/JniCalls.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -125,6 +126,17 @@ jstring GiveUp(JNIEnv *env) {
     return reply;
 }
 
+// The reply as it stands. When a late worker may still be writing, the JVM must not see the text change while
+// it measures and reads it: it gets a copy.
+jstring TakeReply(JNIEnv *env, const char *page) {
+    if (channelDebt == DEBT_NONE)
+        return QorNewStringUTF(env, page);
+    char *copy = strndup(page, PAGEBUF_SIZE - 1);
+    jstring reply = copy ? QorNewStringUTF(env, copy) : nullptr;
+    free(copy);
+    return reply;
+}
+
 // Hands `buf` over and gives back what the worker made of it.
 jstring Ask(JNIEnv *env, char *page) {
     qorlocks[1] = 1;
@@ -135,7 +147,7 @@ jstring Ask(JNIEnv *env, char *page) {
         return nullptr;
     if (qor_wait_for_child_reponse(qor_max_timeout) == 0)
         return GiveUp(env);
-    return page ? QorNewStringUTF(env, page) : nullptr;
+    return page ? TakeReply(env, page) : nullptr;
 }
 
 jstring TakeAndAsk(JNIEnv *env, const char *chars) {

@@ -185,6 +185,7 @@ void OpenManagement() {
 
 // The session, and what may be done with it on this JVM.
 void OpenSession(JNIEnv *env) {
+    gbQorRELocal = 0;
     if (!QorOnJvmtiRoad())
         return;
     QorDovOnLoad(env);

@@ -1,0 +1,53 @@
+// The agent as Java has it: its natives, and a start with the arguments of a test's choice.
+#pragma once
+
+#include "JvmFixture.h"
+
+extern "C" {
+jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring, jstring,
+                                 jobject, jobject, jobject, jobject, jstring, jobject, jstring, jstring, jint,
+                                 jint, jint, jint, jint, jint);
+jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
+jint Java_qoragent_Agent_setLogLevel(JNIEnv *, jobject, jint);
+jint Java_qoragent_Agent_setOptLevel(JNIEnv *, jobject, jint);
+jstring Java_qoragent_Agent_addvips(JNIEnv *, jobject);
+jstring Java_qoragent_Agent_getCpuData(JNIEnv *, jobject);
+jstring Java_qoragent_Agent_getProcessContextSwitchCount(JNIEnv *, jobject);
+jlong Java_qoragent_Agent_getAgentWorkerThreadId(JNIEnv *, jobject);
+jlong Java_qoragent_Agent_getCurrentThreadOsId(JNIEnv *, jobject);
+jint Java_qoragent_Agent_loadJavaAgent(JNIEnv *, jobject, jstring);
+jobjectArray Java_qoragent_Agent_getThreadObjects(JNIEnv *, jobject);
+}
+
+struct StartArguments {
+    int level = 0;
+    int timeout = 10;                                                          // seconds
+    const char *vendor = "Debian", *version = "17.0.1", *osName = "Linux-6.1"; // each may be null
+    const char *webserver = nullptr, *logFile = "stderr", *jvmId = "test";
+    int logLevel = 0, sqlLength = 4096, localsQuota = 0;
+};
+
+constexpr char NO_ANSWER[] = "(null)"; // how Ask shows a Java null
+constexpr char TIMED_OUT[] = "Request TIMED OUT|\t|\t\t||";
+
+// Starts the agent from the calling thread, whose environment is `env` (the test's when null).
+int StartAgent(const StartArguments &arguments);
+
+// One request, from the thread of `env`; a null `request` is Java's null.
+std::string Ask(const char *request, JNIEnv *env = nullptr);
+std::string Ask(const std::string &request);
+
+// Makes the agent leave and waits until it has.
+void ShutDownAgent();
+
+// Live Java threads that bear the worker's name.
+int Workers();
+
+// Tests with a small heap that is there from the start, so that memory that grows is the agent's.
+class AgentTest : public JvmTest {
+public:
+    static void SetUpTestSuite();
+
+protected:
+    void TearDown() override;
+};

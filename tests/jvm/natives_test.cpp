@@ -1,0 +1,127 @@
+#include "AgentNatives.h"
+#include "LogCapture.h"
+#include "RequestHandler/thread_e2e_info.h"
+#include "jvmti/JniCalls.h"
+#include "qoragent/natives.h"
+#include "qoragent/worker.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <cstring>
+#include <regex>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+struct Natives : AgentTest {
+    void SetUp() override { ASSERT_EQ(StartAgent(StartArguments()), 0); }
+};
+
+int64_t WorkerId() {
+    for (const auto &entry : ThreadTruth())
+        if (entry.second.name == "QORD Agent Worker")
+            return entry.first;
+    return -1;
+}
+
+// A list as a sample would leave it: one block for the test's thread, one without a thread.
+void ListThisThread() {
+    Env()->PushLocalFrame(8);
+    jobject self = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+    jthread threads[] = {self, nullptr};
+    QorThreadHandle handle = {};
+    handle.threads = threads;
+    QorThreadRecord record = {};
+    for (handle.index = 0; handle.index < 2; handle.index++)
+        QorAddE2EBlock(Env(), &handle, &record, 1);
+    Env()->PopLocalFrame(nullptr);
+}
+
+} // namespace
+
+TEST_F(Natives, FiguresAgreeWithTheSystem) {
+    EXPECT_EQ(Java_qoragent_Agent_getAgentWorkerThreadId(Env(), nullptr), WorkerId());
+    EXPECT_EQ(Java_qoragent_Agent_getCurrentThreadOsId(Env(), nullptr), syscall(SYS_gettid));
+    EXPECT_GT(std::stoll(TextOf(Java_qoragent_Agent_getProcessContextSwitchCount(Env(), nullptr))), 0);
+    // machine 29 process 29 31 switches 31 delay 31 time
+    const std::string cpu = TextOf(Java_qoragent_Agent_getCpuData(Env(), nullptr));
+    EXPECT_TRUE(std::regex_match(cpu, std::regex("[0-9]+\x1d[0-9]+\x1d\x1f[0-9]+\x1f[0-9]{1,4}\x1f"
+                                                 "1[0-9]{9}[0-9]{2}")))
+        << cpu;
+}
+
+TEST_F(Natives, LevelsChangeWithoutANewRoad) {
+    struct {
+        int level, skip;
+        const char *line;
+    } rows[] = {
+        {3, 1, "<BCI Mode is enabled. All Local would be fetched through BCI>"},
+        {9, 1, "<QORD agent is running in No local Mode.>"},
+        {2, 0, "<BCI Mode is Not enabled. All Local would be fetched through jvmti/re>"},
+    };
+    for (const auto &row : rows) {
+        LogCapture log(3);
+        Java_qoragent_Agent_setOptLevel(Env(), nullptr, row.level);
+        EXPECT_EQ(gbiOptimizationLevel, row.level);
+        EXPECT_EQ(gbQorSkipLocal, row.skip);
+        EXPECT_EQ(log.count(row.line), 1) << log.text();
+    }
+    EXPECT_EQ(offsetind, BUILD_JVMTI_DEFAULT);
+    LogCapture log(0);
+    Java_qoragent_Agent_setLogLevel(Env(), nullptr, 2);
+    EXPECT_EQ(qorloglevel, 2);
+    EXPECT_EQ(log.count("QorAgent Error: Changed qorloglevel to 2"), 1);
+}
+
+// The list of the last sample is handed out once, and only for a request that carried thread data.
+TEST_F(Natives, ThreadObjectsAreHandedOutOnce) {
+    ListThisThread();
+    reqid = QORREQ_THREAD_SUMMARY;
+    EXPECT_EQ(Java_qoragent_Agent_getThreadObjects(Env(), nullptr), nullptr);
+    EXPECT_EQ(thread_e2e_info, nullptr);
+
+    ListThisThread();
+    reqid = QORREQ_ACTIVE_THREADS;
+    jobjectArray threads = Java_qoragent_Agent_getThreadObjects(Env(), nullptr);
+    ASSERT_NE(threads, nullptr);
+    ASSERT_EQ(Env()->GetArrayLength(threads), 2);
+    jobject self = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+    EXPECT_TRUE(Env()->IsSameObject(Env()->GetObjectArrayElement(threads, 0), self));
+    EXPECT_EQ(Env()->GetObjectArrayElement(threads, 1), nullptr);
+    EXPECT_EQ(thread_e2e_info, nullptr);
+
+    // While the worker has the list in hand nobody else touches it.
+    ListThisThread();
+    workerBusy = 1;
+    threads = Java_qoragent_Agent_getThreadObjects(Env(), nullptr);
+    EXPECT_EQ(Env()->GetArrayLength(threads), 0);
+    EXPECT_NE(thread_e2e_info, nullptr);
+    workerBusy = 0;
+    release_thread_e2e_info(Env());
+}
+
+TEST_F(Natives, AddressesComeInPairsAndFit) {
+    const std::string text = TextOf(Java_qoragent_Agent_addvips(Env(), nullptr));
+    EXPECT_TRUE(std::regex_match(text, std::regex("([0-9]+(\\.[0-9]+){3},[^,]+,)*"))) << text;
+    char small[4] = "#";
+    addvips(small, sizeof small);
+    EXPECT_TRUE(small[0] == 0) << small;
+}
+
+// No options and options that name no agent: a result, no exception, and the JVM goes on.
+TEST_F(Natives, ABadJavaAgentIsAnAnswer) {
+    EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, nullptr), -1);
+    testing::internal::CaptureStderr();
+    const int result = Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("/nowhere/agent.jar=x"));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(result, 0) << "the library or its entry was not found";
+    EXPECT_FALSE(Env()->ExceptionCheck());
+
+    const char *real = gbstrInstrumentLib;
+    gbstrInstrumentLib = "libno-such-library.so";
+    EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("x.jar")), -1);
+    gbstrInstrumentLib = "libjvm.so";
+    EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("x.jar")), -2);
+    gbstrInstrumentLib = real;
+}

@@ -1,0 +1,363 @@
+#include "AgentNatives.h"
+#include "Descriptors.h"
+#include "LogCapture.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/Session.h"
+#include "qoragent/channel.h"
+#include "qoragent/worker.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <random>
+#include <regex>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr char BUSY[] = "qoragent/testing/BusyCall";
+constexpr char STRAY_REPLY[] = "Unable to complete Request, Try Again\x1f";
+
+struct Request : AgentTest {
+    void SetUp() override { Start(10); }
+
+    void Start(int timeout) {
+        StartArguments arguments;
+        arguments.timeout = timeout;
+        ASSERT_EQ(StartAgent(arguments), 0);
+    }
+};
+
+// The worker stays in a sample for a while.
+struct HeldWorker {
+    explicit HeldWorker(int64_t millis) : real(e2eclass) {
+        jclass busy = Env()->FindClass(BUSY);
+        e2eclass = static_cast<jclass>(Env()->NewGlobalRef(busy));
+        Env()->DeleteLocalRef(busy);
+        CallVoid(BUSY, "hold", "(J)V", static_cast<jlong>(millis));
+    }
+    ~HeldWorker() {
+        let();
+        while (!QorWorkerIsIdle())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        Env()->DeleteGlobalRef(e2eclass);
+        e2eclass = real;
+    }
+    void let() { CallVoid(BUSY, "let", "()V"); }
+
+    jclass real;
+};
+
+std::string Setting(int value) {
+    return Ask("516|NoProcessing|qorretry|" + std::to_string(value));
+}
+
+std::string SettingReply(int value) {
+    return "Changed qorretry to " + std::to_string(value);
+}
+
+bool HasTimingLine(const std::string &reply) {
+    static const std::regex line("Time spent in JVM for processing request\x1e[0-9]+ usec\x1f$");
+    return std::regex_search(reply, line);
+}
+
+size_t ResidentBytes() {
+    size_t total = 0, resident = 0;
+    FILE *file = fopen("/proc/self/statm", "re");
+    if (fscanf(file, "%zu %zu", &total, &resident) != 2)
+        resident = 0;
+    fclose(file);
+    return resident * static_cast<size_t>(getpagesize());
+}
+
+} // namespace
+
+TEST_F(Request, EachCommandAndKeyHasItsReply) {
+    const std::string longDir(255, 'd');
+    struct {
+        std::string request, reply;
+    } rows[] = {
+        {"516|NoProcessing", "NoProcessing: Invalid Format"},
+        {"516|NoProcessing|", "NoProcessing: Unkownn argument"},
+        {"516|NoProcessing|qorretry", "NoProcessing: Unkownn argument"},
+        {"516|NoProcessing|colour|3", "NoProcessing: Unkownn argument"},
+        {"516|NoProcessing|qorretry|17", "Changed qorretry to 17"},
+        {"516|NoProcessingX|qorretryX|18", "Changed qorretry to 18"},
+        {"516|NoProcessing|qorloglevel|0", "Changed qorloglevel to 0"},
+        {"516|NoProcessing|qorheapdir|/var/tmp", "Changed qorheapdir to /var/tmp/"},
+        {"516|NoProcessing|qorheapdir|/a/|b", "Changed qorheapdir to /a/"},
+        {"516|NoProcessing|qorheapdir|", "Changed qorheapdir to /a/"},
+        {"516|NoProcessing|qorheapdir|" + longDir, "Changed qorheapdir to " + longDir.substr(0, 253) + "/"},
+        {"516|NoProcessing|activethreads|1|threadname|idle*", "Added Idle Thread Rules"},
+        {"516|NoProcessing|activethreads|", "Added Idle Thread Rules"},
+        {"516|NoProcessing|getJavaString|0", "Given Oop is Invalid on this JVM."},
+        {"516|NoProcessing|getJavaString|1", "Given Oop is Invalid on this JVM."},
+        {"516|NoProcessing|CZPRequest", ""},
+        {"516|hello|1", "Invalid Request hello"},
+        {"516|", "Invalid Request "},
+        {"516|showstack", "Invalid Request showstack"},
+        {"516|showqor", "Invalid Request showqor"},
+        {"516|xtier01", "ERROR Null parameters for request xtier01"},
+        {"516|xtier01|1521|10.0.0.1|12,13", ""},
+        {"516|NoProcessing|qorretry|5|\t|\t\t||and the rest", "Changed qorretry to 5"},
+        {"516|showqor|0", ""},
+    };
+    for (const auto &row : rows) {
+        Ask("516|showqor|64"); // a request that gets no timing line, nor does one that keeps its id
+        EXPECT_EQ(Ask(row.request), row.reply) << row.request;
+    }
+    EXPECT_EQ(Ask("516|showstacXYZ|64").find("Invalid"), std::string::npos) << "eight bytes are compared";
+    EXPECT_EQ(qorretry, 5);
+}
+
+TEST_F(Request, TheTimingLineFollowsTheRequestId) {
+    struct {
+        const char *request;
+        bool timed;
+    } rows[] = {
+        {"516|showqor|8192", true},   {"516|bogus", true}, // the id of the request before still stands
+        {"516|showqor|16384", false}, {"516|bogus", false},
+        {"516|showqor|64", false},    {"516|showqor|32768", true},
+        {"516|showqor|49152", false}, {"516|showqor|32832", false},
+        {"516|showstack|256", true},  {"516|NoProcessing|CZPRequest", false},
+        {"516|bogus|1", true},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(HasTimingLine(Ask(row.request)), row.timed) << row.request;
+}
+
+// Whatever arrives is answered or runs out of time, and the next request is answered as ever.
+TEST_F(Request, MalformedRequestsHarmNothing) {
+    Start(1);
+    const std::string filler(MAXNETDATA + 2 * QOREOTLEN, 'x');
+    std::vector<std::string> requests = {
+        "",
+        "nobar",
+        "99999999999999999999|showqor|99999999999999999999|ARG=x,0=1",
+        "-1|showqor|-8192",
+        "516||||||",
+        "|",
+        "516|showmem",
+        "516|showmem|256",
+        "516|showmem|512|ClassHistogramOnly",
+        "516|showmem|256|nowhere/dump",
+        "516|showstack|4096|ARG=x,0=1,1=2,2=3,3=4", // slot 4 missing
+        "516|showstack|4096|ARG=x,0=,1=,2=,3=,4=,5=,6=,7=,8=,9=",
+        "516|showstack|1024|ARG=x,0=zz,1=zz",
+        "516|showstack|512|ARG",
+        "516|showstack|2048|ARG=",
+        "516|showstack|512|ARG=x,9=a,0=b",
+        "560|showqor|8192|ARG=x,0=1",
+        "516|\xc3\xa9\xe2\x82\xac|1",
+        "516|xtier01|1521",
+    };
+    for (int length : {20480, 20486, 20487, 20488, 30000})
+        requests.push_back("516|" + std::string(static_cast<size_t>(length) - 4, 'y'));
+    for (size_t i = 0; i < requests.size(); i++) {
+        const std::string reply = Ask(requests[i]);
+        EXPECT_NE(reply, NO_ANSWER) << requests[i].substr(0, 60);
+        if (requests[i].find('|') == std::string::npos)
+            EXPECT_EQ(reply, TIMED_OUT);
+        else
+            EXPECT_NE(reply, TIMED_OUT) << requests[i].substr(0, 60);
+        const int value = static_cast<int>(i);
+        EXPECT_EQ(Setting(value), SettingReply(value)) << "after " << requests[i].substr(0, 60);
+    }
+}
+
+// A request is cut at 20,487 bytes; a null one asks the last text again, whose fields are cut by then.
+TEST_F(Request, TheTextIsBounded) {
+    const std::string tail(30000, 'y');
+    Ask("516|showqor|64");
+    EXPECT_EQ(Ask("516|" + tail), "Invalid Request " + tail.substr(0, REQUEST_LIMIT - 4));
+    EXPECT_EQ(Setting(8), SettingReply(8));
+    qorretry = 0;
+    EXPECT_EQ(Ask(static_cast<const char *>(nullptr)), "NoProcessing: Invalid Format");
+    EXPECT_EQ(qorretry, 0);
+    EXPECT_EQ(Setting(9), SettingReply(9));
+}
+
+// Dumps by the JVM: refused where the JVM has none; otherwise a reply names a file only when it is there.
+TEST_F(Request, NoReplyClaimsADumpThatIsNotThere) {
+    const std::string name = "qor-request-" + std::to_string(getpid()) + ".hprof";
+    const std::string path = "/tmp/" + name;
+    const std::string reply = Ask("516|showmem|256|" + name + "|1");
+    struct stat file;
+    if (reply.find("dumped to") != std::string::npos)
+        EXPECT_EQ(lstat(path.c_str(), &file), 0) << reply;
+    else
+        EXPECT_EQ(reply, "");
+    unlink(path.c_str());
+
+    const JmmTable *table = jmm;
+    jmm = nullptr;
+    EXPECT_EQ(Ask("516|showmem|256|x.hprof|1"),
+              "JVM Hprof Heap not enabled for :Debian|17.0.1|test|Linux-6.1 (64 bit)");
+    EXPECT_EQ(Ask("516|showmem|256|x.phd"),
+              "JVM Hprof Heap not enabled for :Debian|17.0.1|test|Linux-6.1 (64 bit)");
+    jmm = table;
+    EXPECT_EQ(Setting(3), SettingReply(3));
+}
+
+// The constant reply; one stale answer is granted to the request after it; from then on all is whole.
+TEST_F(Request, ATimeOutCostsOneStaleAnswerAtMost) {
+    Start(1);
+    {
+        HeldWorker held(60000);
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(Ask("516|showqor|8192"), TIMED_OUT);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(950));
+        EXPECT_EQ(Setting(1), TIMED_OUT) << "the worker is still held";
+        EXPECT_EQ(Setting(2), TIMED_OUT);
+    }
+    const std::string stale = Setting(3);
+    EXPECT_NE(stale, NO_ANSWER);
+    EXPECT_NE(stale, TIMED_OUT);
+    for (int i = 10; i < 200; i++)
+        ASSERT_EQ(Setting(i), SettingReply(i));
+}
+
+// The next request comes while the late worker is at it still, and reads its handshake: with what the worker
+// wrote, or nothing when the worker has moved on already.
+TEST_F(Request, ALateReplyGoesToTheNextRequestAlone) {
+    Start(1);
+    {
+        HeldWorker held(1500);
+        EXPECT_EQ(Ask("516|showqor|8192"), TIMED_OUT);
+        const std::string late = Setting(1).substr(0, 18);
+        EXPECT_TRUE(late == "JVM Active Threads" || late.empty()) << late;
+        for (int i = 10; i < 200; i++)
+            ASSERT_EQ(Setting(i), SettingReply(i));
+    }
+}
+
+TEST_F(Request, ATimerOnTheCallerDoesNotShortenTheWait) {
+    Start(5);
+    struct sigaction ignoring = {}, earlier;
+    ignoring.sa_handler = [](int) {};
+    sigaction(SIGPROF, &ignoring, &earlier);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGPROF;
+    event._sigev_un._tid = static_cast<int>(syscall(SYS_gettid));
+    timer_t timer;
+    ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+    const itimerspec everyMsec = {{0, 1000000}, {0, 1000000}};
+    timer_settime(timer, 0, &everyMsec, nullptr);
+    std::string reply;
+    {
+        HeldWorker held(1200);
+        reply = Ask("516|showqor|8192");
+    }
+    timer_delete(timer);
+    sigaction(SIGPROF, &earlier, nullptr);
+    EXPECT_EQ(reply.substr(0, 18), "JVM Active Threads");
+}
+
+// Bytes in the worker's pipe that are no wake-up: told to the caller, forgotten afterwards, however many.
+TEST_F(Request, StrayBytesAreOutlived) {
+    const std::string stray = "From Parent to Chold";
+    for (int i = 0; i < 120; i++) {
+        const size_t bytes = i % 3 == 0 ? 5 : stray.size();
+        ASSERT_EQ(write(pipe_fd_PP[1], stray.data(), bytes), static_cast<ssize_t>(bytes));
+        while (!QorWorkerIsIdle())
+            std::this_thread::yield();
+        ASSERT_EQ(Setting(i), SettingReply(i)) << i;
+    }
+    // While a request is in hand it is answered in the worker's name.
+    {
+        HeldWorker held(300);
+        std::thread disturber([&] {
+            while (qorlocks[1] == 0 || workerBusy == 0)
+                std::this_thread::yield();
+            EXPECT_EQ(write(pipe_fd_PP[1], stray.data(), stray.size()), static_cast<ssize_t>(stray.size()));
+        });
+        EXPECT_EQ(Ask("516|showqor|8192").substr(0, 18), "JVM Active Threads");
+        disturber.join();
+    }
+    EXPECT_EQ(Setting(1), SettingReply(1));
+}
+
+// The application's children keep their exit codes for the application, whatever the agent is asked.
+TEST_F(Request, ChildrenOfTheApplicationKeepTheirExitCode) {
+    for (int i = 0; i < 100; i++) {
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(7);
+        EXPECT_EQ(Ask("516|NoProcessing|CZPRequest"), "");
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child) << "somebody else has collected it";
+        ASSERT_EQ(WEXITSTATUS(status), 7);
+    }
+}
+
+// 100,000 requests of random parts: answered each, and the memory where it was.
+TEST_F(Request, RandomRequestsLeaveTheMemoryAlone) {
+    const std::vector<std::string> parts = {
+        "516",
+        "4",
+        "0",
+        "showqor",
+        "showstack",
+        "showmem",
+        "xtier01",
+        "NoProcessing",
+        "64",
+        "256",
+        "512",
+        "1024",
+        "4096",
+        "2048",
+        "16384",
+        "128",
+        "ARG=",
+        "ARG=x,0=1",
+        ",1=2",
+        ",9=3",
+        ",2=",
+        ",3=-1",
+        ",8=long",
+        "qorretry",
+        "qorheapdir",
+        "activethreads",
+        "getJavaString",
+        "CZPRequest",
+        "|",
+        "|",
+        "|\t|\t\t||",
+        "\xc3\xa9",
+        "\x1e",
+        "*",
+        "\n",
+        "2147483648",
+        "abc",
+        ",",
+        "=",
+    };
+    std::mt19937 random(20240229);
+    size_t resident = 0;
+    int descriptors = 0;
+    for (int i = 0; i < 100000; i++) {
+        std::string request = "516|";
+        for (unsigned left = random() % 8; left > 0; left--) {
+            request += parts[random() % parts.size()];
+            if (random() % 2)
+                request += '|';
+        }
+        ASSERT_NE(Ask(request), TIMED_OUT) << request;
+        if (i == 20000) {
+            resident = ResidentBytes();
+            descriptors = OpenDescriptors();
+        }
+    }
+    EXPECT_EQ(Setting(1), SettingReply(1));
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_LT(ResidentBytes(), resident + (8u << 20));
+}

@@ -1,0 +1,206 @@
+#include "AgentNatives.h"
+#include "Descriptors.h"
+#include "LogCapture.h"
+#include "jvmti/JavaClasses.h"
+#include "qoragent/channel.h"
+#include "qoragent/startup.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+struct Start : AgentTest {};
+
+std::string TakeFile(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    unlink(path.c_str());
+    return text.str();
+}
+
+constexpr char ANSWERS[] = "Changed qorretry to 4";
+constexpr char UNINITIALIZED[] = "QOR Uninitialized for this JVM";
+constexpr char SAMPLE_TITLE[] = "JVM Active Threads\x1e";
+
+} // namespace
+
+// Each level and JVM: what Java gets, the build, and what a sample and a setting request get then.
+TEST_F(Start, LevelAndJvmDecideTheRoad) {
+    struct {
+        int level;
+        const char *vendor, *version;
+        int status, build, localsByWalk;
+        const char *sample, *setting;
+    } rows[] = {
+        {0, "Debian", "17.0.1", 0, 99, 0, SAMPLE_TITLE, ANSWERS},
+        {3, "Debian", "17.0.1", 0, 99, 0, SAMPLE_TITLE, ANSWERS},
+        {9, "Debian", "17.0.1", 0, 99, 0, SAMPLE_TITLE, ANSWERS},
+        {1, "Debian", "17.0.1", 0, 98, 0, SAMPLE_TITLE, ANSWERS},
+        {0, "Sun Microsystems Inc.", "1.5.0_09", 0, 99, 0, SAMPLE_TITLE, ANSWERS},
+        {2, "DOV Systems, Inc.", "1.6.0_11", 0, 65, 1, SAMPLE_TITLE, ANSWERS},
+        // The direct road has its row but finds no symbol: a status of failure, and nothing is read.
+        {2, "Sun Microsystems Inc.", "1.5.0_22", 1, 10, 0, UNINITIALIZED, ANSWERS},
+        {7, "Debian", "17.0.1", 2, 0, 0, UNINITIALIZED, ANSWERS},
+        // Not listed: no worker, no answer.
+        {2, "Sun Microsystems Inc.", "1.5.0_09", 7, -100, 0, NO_ANSWER, NO_ANSWER},
+        {2, "Debian", "17.0.1", 7, -100, 0, NO_ANSWER, NO_ANSWER},
+        {0, "Debian", "17.0.1", 0, 99, 0, SAMPLE_TITLE, ANSWERS},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.vendor) + row.version + " at " + std::to_string(row.level));
+        StartArguments arguments;
+        arguments.level = row.level;
+        arguments.vendor = row.vendor;
+        arguments.version = row.version;
+        EXPECT_EQ(StartAgent(arguments), row.status);
+        EXPECT_EQ(offsetind, row.build);
+        EXPECT_EQ(gbQorRELocal, row.localsByWalk);
+        EXPECT_EQ(gbQorSkipLocal, row.level == 3 || row.level == 9);
+        EXPECT_EQ(Ask("516|showqor|8192").substr(0, strlen(row.sample)), row.sample);
+        EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), row.setting);
+        EXPECT_EQ(Workers(), QorOnJvmtiRoad() ? 1 : 0);
+    }
+}
+
+// Null and over-long texts: the settings before, or the first bytes, and the agent starts all the same.
+TEST_F(Start, TextsOfAnySizeAreTaken) {
+    const std::string huge(5000, 'v');
+    StartArguments arguments;
+    arguments.vendor = arguments.version = arguments.osName = arguments.webserver = arguments.jvmId =
+        huge.c_str();
+    arguments.sqlLength = QOR_MAX_SQL_QUERY_SIZE + 1;
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(std::string(vend), huge.substr(0, 127));
+    EXPECT_EQ(std::string(vers), huge.substr(0, 254));
+    EXPECT_EQ(std::string(os_name), huge.substr(0, 127));
+    EXPECT_EQ(std::string(webserver), huge.substr(0, 79));
+    EXPECT_EQ(std::string(ext_jvm_id_str), huge.substr(0, 255));
+    EXPECT_EQ(gbSqlQueryLength, QOR_MAX_SQL_QUERY_SIZE);
+
+    StartArguments none;
+    none.vendor = none.version = none.osName = none.logFile = none.jvmId = nullptr;
+    none.sqlLength = QOR_MAX_SQL_QUERY_SIZE;
+    EXPECT_EQ(StartAgent(none), START_OK);
+    EXPECT_EQ(std::string(vend), huge.substr(0, 127));
+    EXPECT_EQ(std::string(ext_jvm_id_str), huge.substr(0, 255));
+    EXPECT_STREQ(os_name, " (64 bit)");
+    EXPECT_STREQ(webserver, "");
+    EXPECT_STREQ(LOG_FILE, "stdout");
+    EXPECT_EQ(fpLogFile, stdout);
+    EXPECT_EQ(gbSqlQueryLength, QOR_MAX_SQL_QUERY_SIZE);
+}
+
+TEST_F(Start, TheLogGoesWhereItIsTold) {
+    const std::string path = testing::TempDir() + "qor-start-" + std::to_string(getpid()) + ".log";
+    StartArguments arguments;
+    arguments.logLevel = 4;
+    arguments.logFile = path.c_str();
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_TRUE(IsCloseOnExec(fileno(fpLogFile)));
+    arguments.logFile = "stderr";
+    arguments.logLevel = 0;
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(fpLogFile, nullptr);
+    arguments.logFile = "/nowhere/at/all.log";
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(fpLogFile, stdout);
+
+    const std::string text = TakeFile(path);
+    for (const std::string &line :
+         {"<Log File is " + path + ">", std::string("<libqoragent text start addr: 0x"),
+          std::string("<Created new QorAgent Child Thread with PID ")})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " not in:\n" << text;
+}
+
+// 50 times out and in, and 20 times in without out: one worker, nothing left behind, every request answered.
+TEST_F(Start, RestartsLeaveNothingBehind) {
+    StartArguments arguments;
+    arguments.timeout = 30;
+    int descriptors = 0;
+    for (int i = 0; i < 70; i++) {
+        const bool shutDownFirst = i < 50;
+        if (i > 0 && shutDownFirst)
+            ShutDownAgent();
+        ASSERT_EQ(StartAgent(arguments), START_OK) << i;
+        ASSERT_NE(e2eclass, nullptr);
+        ASSERT_EQ(Ask("516|NoProcessing|qorretry|" + std::to_string(i)),
+                  "Changed qorretry to " + std::to_string(i));
+        ASSERT_EQ(Ask("516|showqor|8192").substr(0, 18), "JVM Active Threads");
+        ASSERT_EQ(Workers(), 1);
+        if (i == 2)
+            descriptors = OpenDescriptors();
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+// After the end: the time-out. A start while the earlier worker can't leave is refused and changes nothing.
+TEST_F(Start, NoTwoWorkersAtATime) {
+    StartArguments arguments;
+    arguments.timeout = 1;
+    EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), NO_ANSWER) << "before the first start";
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    ShutDownAgent();
+    EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), TIMED_OUT);
+    EXPECT_EQ(Workers(), 0);
+
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    jclass real = e2eclass;
+    e2eclass = static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass("qoragent/testing/BusyCall")));
+    CallVoid("qoragent/testing/BusyCall", "hold", "(J)V", jlong{60000});
+    EXPECT_EQ(Ask("516|showqor|8192"), TIMED_OUT);
+    EXPECT_EQ(StartAgent(arguments), START_FAILED);
+    EXPECT_NE(e2eclass, nullptr) << "the earlier agent was taken apart while it worked";
+    EXPECT_EQ(Workers(), 1);
+    CallVoid("qoragent/testing/BusyCall", "let", "()V");
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    Env()->DeleteGlobalRef(real);
+    EXPECT_EQ(Ask("516|NoProcessing|qorretry|5"), "Changed qorretry to 5");
+    EXPECT_EQ(Workers(), 1);
+}
+
+// Callers on other threads while the agent restarts: each gets a reply, a time-out or none, and the JVM
+// lives.
+TEST_F(Start, CallersMayBeInsideDuringARestart) {
+    StartArguments arguments;
+    arguments.timeout = 2;
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    std::atomic<bool> stop{false};
+    std::atomic<int> answered{0}, wrong{0};
+    JavaVM *vm = nullptr;
+    Env()->GetJavaVM(&vm);
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 3; i++)
+        callers.emplace_back([&] {
+            void *env = nullptr;
+            vm->AttachCurrentThread(&env, nullptr);
+            while (!stop) {
+                const std::string reply = Ask("516|NoProcessing|qorretry|6", static_cast<JNIEnv *>(env));
+                answered += reply == "Changed qorretry to 6";
+                wrong += reply.size() > 100;
+            }
+            vm->DetachCurrentThread();
+        });
+    for (int i = 0; i < 30; i++) {
+        if (i % 2)
+            ShutDownAgent();
+        int status = StartAgent(arguments);
+        for (int tries = 0; status == START_FAILED && tries < 10; tries++)
+            status = StartAgent(arguments);
+        EXPECT_EQ(status, START_OK);
+    }
+    stop = true;
+    for (std::thread &caller : callers)
+        caller.join();
+    EXPECT_GT(answered, 0);
+    EXPECT_EQ(wrong, 0);
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(Ask("516|NoProcessing|qorretry|7"), "Changed qorretry to 7");
+    EXPECT_EQ(Workers(), 1);
+}
