@@ -113,7 +113,7 @@ final class Connection {
 
     /**
      * Sends the error and takes what the caller still sends, within bounds: closing over unread bytes would
-     * reset the connection, and the caller would never see the error.
+     * reset the connection, and a caller still sending would fail at that before it sees the error.
      */
     private void refuse(InputStream in, OutputStream out) throws IOException {
         allow(limits.tokenMillis);

@@ -100,7 +100,10 @@ public class EndpointTest {
         Files.setPosixFilePermissions(good, PosixFilePermissions.fromString("rwx------"));
         refused("a link to a good directory", uid, () -> Files.createSymbolicLink(dir, good));
         refused("a link to nothing", uid, () -> Files.createSymbolicLink(dir, good.resolve("none")));
-        refused("a file", uid, () -> Files.createFile(dir));
+        refused("a file of the right mode", uid, () -> {
+            Files.createFile(dir);
+            Files.setAttribute(dir, "unix:mode", 0700);
+        });
         refused("another's directory", uid + 1, () -> makeDirectory(0700));
         for (int mode : new int[] {0755, 0770, 0701, 0777, 01777, 02700, 0500})
             refused("mode " + Integer.toOctalString(mode), uid, () -> makeDirectory(mode));
