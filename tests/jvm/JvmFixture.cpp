@@ -13,13 +13,26 @@ namespace {
 JavaVM *vm;
 JNIEnv *testEnv;
 
-// JVM output, which any JVM thread may write: the line in hand and the complaints so far.
+// JVM output, which any JVM thread may write: the line in hand, the line before it when that complains, and
+// the complaints so far.
 std::mutex outputLock;
-std::string outputLine, complaints;
+std::string outputLine, lastComplaint, complaints;
 
 // What -Xcheck:jni says begins with one of these.
 bool isComplaint(const std::string &line) {
     return line.find("WARNING") != std::string::npos || line.find("FATAL ERROR") != std::string::npos;
+}
+
+// A complaint is followed by the Java stack of the native method it is about. JDK 8 complains of natives of
+// its own, which is nobody's affair here.
+bool isOfTheJdk(const std::string &firstFrame) {
+    return firstFrame.find("\tat sun.management.") == 0;
+}
+
+void hearLine(const std::string &line) {
+    if (!lastComplaint.empty() && !isOfTheJdk(line))
+        complaints += lastComplaint;
+    lastComplaint = isComplaint(line) ? line : "";
 }
 
 jint JNICALL hearJvm(FILE *stream, const char *format, va_list args) {
@@ -37,8 +50,7 @@ jint JNICALL hearJvm(FILE *stream, const char *format, va_list args) {
         outputLine += c;
         if (c != '\n')
             continue;
-        if (isComplaint(outputLine))
-            complaints += outputLine;
+        hearLine(outputLine);
         outputLine.clear();
     }
     return length;
@@ -141,8 +153,9 @@ JNIEnv *Env() {
 
 std::string TakeJvmComplaints() {
     std::lock_guard<std::mutex> hold(outputLock);
-    std::string taken = complaints;
+    std::string taken = complaints + lastComplaint;
     complaints.clear();
+    lastComplaint.clear();
     return taken;
 }
 
