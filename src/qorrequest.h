@@ -12,6 +12,9 @@ enum : int32_t {
     DUMPFILE_SIZE = 512,
 };
 
+// A dump path that is none: it asks for the class histogram instead.
+constexpr char HISTOGRAM_WORD[] = "ClassHistogramOnly";
+
 // Bits of `reqid`.
 enum : uint32_t {
     QORREQ_JUST_THREADS = 0x40,

@@ -15,9 +15,6 @@ struct ViewRow {
     void (*show)(uint32_t reqid, QorText *reply, char **args);
 };
 
-// In place of a file name: the class histogram, which writes no file.
-constexpr char HISTOGRAM_ONLY[] = "ClassHistogramOnly";
-
 void ShowPoll(uint32_t reqid, QorText *reply, char **args) {
     get_system_data = 0;
     QorShowAllThreadRequest(reqid, reply, args);
@@ -55,7 +52,7 @@ void QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
     QorTextContinue(&reply, page, PAGEBUF_SIZE);
     if (!*path) {
         QorShowMemoryDetails(&reply);
-    } else if (strcmp(path, HISTOGRAM_ONLY) == 0) {
+    } else if (strcmp(path, HISTOGRAM_WORD) == 0) {
         QorShowClassHistogram(&reply);
     } else {
         // The reply says nothing of the outcome: whoever reads the file knows it by its trailer.

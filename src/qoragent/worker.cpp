@@ -40,7 +40,6 @@ constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
 constexpr long POLL_NSEC = 1000 * 1000;
 constexpr char DUMP_REQUEST[] = "showmem|256";
 constexpr char HEAP_DETAIL_REQUEST[] = "showmem|512";
-constexpr char HISTOGRAM_WORD[] = "ClassHistogramOnly";
 
 // The number of the current start: only the worker that carries it may touch the channel.
 std::atomic<intptr_t> currentStart;
