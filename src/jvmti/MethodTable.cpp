@@ -63,8 +63,8 @@ MethodSlot *findSlot(jmethodID id) {
     return &slots[i];
 }
 
-void logFailedCall(const char *call, jvmtiError error) {
-    QORLOG(LOG_NOTE, "  (%s) Error expected: %d, got: %d", call, JVMTI_ERROR_NONE, error);
+void logFailedCall(const char *format, jvmtiError error) {
+    QORLOG(LOG_NOTE, format, JVMTI_ERROR_NONE, error);
     describe(error);
 }
 
@@ -101,14 +101,13 @@ int32_t readMethodName(jmethodID method, char *dest) {
     return length;
 }
 
-// The class that declares the method, a local reference; null when it can't be had.
-jclass declaringClass(jmethodID method) {
-    jclass klass = nullptr;
-    const jvmtiError error = jvmti->GetMethodDeclaringClass(method, &klass);
-    if (error == JVMTI_ERROR_NONE)
-        return klass;
-    logFailedCall("GetMethodDeclaringClass", error);
-    return nullptr;
+// The class that declares the method, a local reference or null; false when the JVM refuses.
+bool declaringClass(jmethodID method, jclass *klass) {
+    *klass = nullptr;
+    const jvmtiError error = jvmti->GetMethodDeclaringClass(method, klass);
+    if (error != JVMTI_ERROR_NONE)
+        logFailedCall("  (GetMethodDeclaringClass) Error expected: %d, got: %d", error);
+    return error == JVMTI_ERROR_NONE;
 }
 
 // Without a frame of its own a reading leaves its references to the walk's frame.
@@ -125,15 +124,15 @@ bool isGone(jobject ref) {
 int32_t readClassName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
     logMissingFrame(frame);
-    jclass klass = declaringClass(method);
-    if (isGone(klass))
+    jclass klass;
+    if (!declaringClass(method, &klass) || isGone(klass))
         return -1;
     int32_t length = -1;
     if (QorIsClassInitialized(klass)) {
         char *signature = nullptr;
         const jvmtiError error = jvmti->GetClassSignature(klass, &signature, nullptr);
         if (error != JVMTI_ERROR_NONE) {
-            logFailedCall("GetClassSignature", error);
+            logFailedCall("  (GetClassSignature) Error expected: %d, got: %d", error);
         } else if (signature != nullptr) {
             QorCopyName(dest, signature[0] == 'L' ? signature + 1 : signature);
             Slash2Dot(dest);
@@ -149,8 +148,8 @@ int32_t readClassName(jmethodID method, char *dest) {
 int32_t readFileName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
     logMissingFrame(frame);
-    jclass klass = declaringClass(method);
-    if (klass == nullptr)
+    jclass klass;
+    if (!declaringClass(method, &klass))
         return -1;
     if (isGone(klass)) {
         QORLOG(LOG_ERROR, "Declaring Class is NULL");
@@ -166,7 +165,7 @@ int32_t readFileName(jmethodID method, char *dest) {
         dest[0] = 0;
         length = 0;
     } else if (error != JVMTI_ERROR_NONE) {
-        logFailedCall("GetSourceFileName", error);
+        logFailedCall("  (GetSourceFileName) Error expected: %d, got: %d", error);
     }
     QorDeleteLocalRef(jvmtijni_env, klass);
     return length;

@@ -109,6 +109,8 @@ bool readOwner(jobject object, int64_t *owner) {
         QORLOG(LOG_ERROR, "  GetObjectMonitorUsage Failed");
         return false;
     }
+    if (usage.waiter_count > MONITOR_REFERENCES / 2)
+        jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES); // each waiter came as a reference
     if (usage.owner != nullptr) {
         QorRefreshIdField();
         QorReadThreadId(usage.owner, owner);

@@ -9,6 +9,10 @@
 // table, later frames find these facts in a table that the close of the walk drops. Only complete facts are
 // kept; what failed is asked again at the next frame, since a class may have been initialised by then.
 //
+// The snapshot's references stand in a local frame that the first QorGetJVMThread opens and the close pops.
+// So a view pops its own frames in between, and keeps no local reference made during the walk beyond its
+// close.
+//
 // Everything here runs on the worker. One walk is open at a time.
 #pragma once
 
