@@ -131,12 +131,19 @@ void JvmTest::StartJvm(const std::vector<std::string> &options) {
     TakeJvmComplaints(); // options of the environment may be announced as warnings
 }
 
+void JvmTest::SetUp() {
+    framePushed_ = testEnv->PushLocalFrame(64) == JNI_OK;
+}
+
 void JvmTest::TearDown() {
+    if (framePushed_)
+        testEnv->PopLocalFrame(nullptr);
     EXPECT_FALSE(testEnv->ExceptionCheck()) << "an exception was left pending";
     EXPECT_EQ(TakeJvmComplaints(), "");
 }
 
 void SessionTest::SetUp() {
+    JvmTest::SetUp();
     QorInitJmm();
     QorDovOnLoad(testEnv);
     ASSERT_NE(jvmti, nullptr);

@@ -18,10 +18,16 @@ public:
     static void SetUpTestSuite() { StartJvm({}); }
 
 protected:
+    // Each test has a local frame of its own, so that what it leaves doesn't pile up over the tests of a
+    // process.
+    void SetUp() override;
     void TearDown() override;
 
     // Creates the JVM unless there is one. `options` are added to the harness's own.
     static void StartJvm(const std::vector<std::string> &options);
+
+private:
+    bool framePushed_ = false;
 };
 
 // A test with an open session; the test's thread stands in for the worker.
