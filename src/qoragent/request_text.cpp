@@ -27,9 +27,9 @@ char *FindPair(char *text) {
 
 // The value of a hexadecimal digit, upper or lower case; any other character gives some number.
 uint64_t HexDigit(unsigned char c) {
-    if (c > '9' && c > 96)
+    if (c > 96) // from 'a' on
         return c - 87u;
-    if (c > '9' && c > 64)
+    if (c > 64) // from 'A' on
         return c - 55u;
     return static_cast<uint64_t>(c) - 48u;
 }
