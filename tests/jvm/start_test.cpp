@@ -7,8 +7,10 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
@@ -23,6 +25,11 @@ std::string TakeFile(const std::string &path) {
     text << in.rdbuf();
     unlink(path.c_str());
     return text.str();
+}
+
+int Mappings() {
+    std::ifstream maps("/proc/self/maps");
+    return static_cast<int>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
 }
 
 constexpr char ANSWERS[] = "Changed qorretry to 4";
@@ -123,7 +130,7 @@ TEST_F(Start, TheLogGoesWhereItIsTold) {
 TEST_F(Start, RestartsLeaveNothingBehind) {
     StartArguments arguments;
     arguments.timeout = 30;
-    int descriptors = 0;
+    int descriptors = 0, mappings = 0;
     for (int i = 0; i < 70; i++) {
         const bool shutDownFirst = i < 50;
         if (i > 0 && shutDownFirst)
@@ -135,9 +142,10 @@ TEST_F(Start, RestartsLeaveNothingBehind) {
         ASSERT_EQ(Ask("516|showqor|8192").substr(0, 18), "JVM Active Threads");
         ASSERT_EQ(Workers(), 1);
         if (i == 2)
-            descriptors = OpenDescriptors();
+            descriptors = OpenDescriptors(), mappings = Mappings();
     }
     EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_LT(Mappings(), mappings + 60) << "a reply buffer with its guard is two or three";
 }
 
 // After the end: the time-out. A start while the earlier worker can't leave is refused and changes nothing.
@@ -163,6 +171,29 @@ TEST_F(Start, NoTwoWorkersAtATime) {
     Env()->DeleteGlobalRef(real);
     EXPECT_EQ(Ask("516|NoProcessing|qorretry|5"), "Changed qorretry to 5");
     EXPECT_EQ(Workers(), 1);
+}
+
+// A caller who waits for an agent that has left is let go by the next start, and not left on a closed pipe.
+TEST_F(Start, ARestartReleasesAWaitingCaller) {
+    StartArguments arguments;
+    arguments.timeout = 3600;
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    ShutDownAgent();
+    JavaVM *vm = nullptr;
+    Env()->GetJavaVM(&vm);
+    std::string reply;
+    std::thread caller([&] {
+        void *env = nullptr;
+        vm->AttachCurrentThread(&env, nullptr);
+        reply = Ask("516|NoProcessing|qorretry|6", static_cast<JNIEnv *>(env));
+        vm->DetachCurrentThread();
+    });
+    while (QorNoWakeUpWaits())
+        std::this_thread::yield();
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    caller.join();
+    EXPECT_EQ(reply, NO_ANSWER);
+    EXPECT_EQ(Ask("516|NoProcessing|qorretry|7"), "Changed qorretry to 7");
 }
 
 // Callers on other threads while the agent restarts: each gets a reply, a time-out or none, and the JVM

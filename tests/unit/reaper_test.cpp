@@ -37,17 +37,7 @@ TEST(Reaper, CollectsRecordedChildrenOnly) {
     QorInstallReaper();
     QorInstallReaper(); // must not chain to itself
 
-    const pid_t foreign = ChildThatExits(7);
-    ASSERT_TRUE(IsZombieOfOurs(foreign));
-    while (earlierCalls == 0)
-        usleep(1000);
-    EXPECT_EQ(earlierPid, foreign);
-    EXPECT_EQ(zombie_reaper(), 0);
-    int status = 0;
-    EXPECT_EQ(waitpid(foreign, &status, 0), foreign);
-    EXPECT_EQ(WEXITSTATUS(status), 7);
-
-    int gate[2];
+    int gate[2], status = 0;
     ASSERT_EQ(pipe(gate), 0);
     const pid_t recorded = fork();
     if (recorded == 0) {
@@ -55,7 +45,16 @@ TEST(Reaper, CollectsRecordedChildrenOnly) {
         _exit(read(gate[0], &byte, 1) == 1 ? 3 : 4);
     }
     ASSERT_TRUE(QorRecordChild(recorded));
-    EXPECT_EQ(zombie_reaper(), 0) << "it still runs";
+
+    const pid_t foreign = ChildThatExits(7);
+    ASSERT_TRUE(IsZombieOfOurs(foreign));
+    while (earlierCalls == 0)
+        usleep(1000);
+    EXPECT_EQ(earlierPid, foreign);
+    EXPECT_EQ(zombie_reaper(), 0) << "the recorded one still runs";
+    EXPECT_EQ(waitpid(foreign, &status, 0), foreign);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+
     ASSERT_EQ(write(gate[1], "x", 1), 1);
     while (kill(recorded, 0) == 0)
         usleep(1000);
