@@ -68,15 +68,15 @@ bool CountHeap(jvmtiEnv *env, QorClassCountEntry *entries) {
 jclass *LoadedClasses(jvmtiEnv *env, jint *count) {
     jclass *classes = nullptr;
     const jvmtiError error = env->GetLoadedClasses(count, &classes);
+    if (error == JVMTI_ERROR_NONE) {
+        QorExpectLocalRefs(*count); // before any other JNI call: the JVM's checks count at each
+        return classes;
+    }
     QorClearException(jvmtijni_env);
     if (error == JVMTI_ERROR_NULL_POINTER)
         QORLOG(LOG_ERROR, " Count or Class Pointer for the Loaded classes is NULL");
-    if (error != JVMTI_ERROR_NONE) {
-        QORLOG(LOG_ERROR, "Failed to Get Loaded Classes");
-        return nullptr;
-    }
-    QorExpectLocalRefs(*count);
-    return classes;
+    QORLOG(LOG_ERROR, "Failed to Get Loaded Classes");
+    return nullptr;
 }
 
 // Null after a failure.
