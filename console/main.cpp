@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <fmt/format.h>
 
 using namespace qorctl;
@@ -106,10 +107,7 @@ void AddOthers(CLI::App *app, CommandLine *line) {
     shutdown->final_callback([=] { RunShutdown(*settings, line->pid); });
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
-    signal(SIGPIPE, SIG_DFL);
+int Run(int argc, char **argv) {
     CLI::App app("What the threads of a running JVM do, and what they wait for");
     app.name("qorctl");
     app.require_subcommand(1);
@@ -126,11 +124,20 @@ int main(int argc, char **argv) {
         return EXIT_ANSWER;
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? EXIT_ANSWER : EXIT_USAGE;
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    signal(SIGPIPE, SIG_DFL);
+    try {
+        return Run(argc, argv);
     } catch (const Failure &failure) {
-        fmt::print(stderr, "qorctl: {}; {}\n", failure.what(), failure.hint);
+        fprintf(stderr, "qorctl: %s; %s\n", failure.what(), failure.hint.c_str());
         return failure.code;
     } catch (const std::exception &error) {
-        fmt::print(stderr, "qorctl: {}\n", error.what());
+        fprintf(stderr, "qorctl: %s\n", error.what());
         return EXIT_NO_ANSWER;
     }
 }

@@ -93,7 +93,7 @@ std::string Fit(const std::string &text, size_t width) {
 }
 
 struct Cell {
-    Cell(std::string cell_text = "", const char *cell_colour = nullptr)
+    Cell(const std::string &cell_text = "", const char *cell_colour = nullptr)
         : text(Printable(cell_text)), colour(cell_colour) {}
     std::string text;
     const char *colour;

@@ -57,6 +57,8 @@ TEST(Requests, RulesWithoutEffectAreTold) {
     const char *lines[] = {"line 3 ", "line 4 ", "line 5 ", "line 6 "};
     for (size_t i = 0; i < faults.size(); ++i)
         EXPECT_EQ(faults[i].compare(0, strlen(lines[i]), lines[i]), 0) << faults[i];
+    ASSERT_EQ(CheckRules("# dos\r\n\r\nbad\r\n").size(), 1u);
+    EXPECT_EQ(CheckRules("# dos\r\n\r\nbad\r\n")[0].compare(0, 7, "line 3 "), 0);
     std::string many;
     for (int i = 0; i < 151; ++i)
         many += i % 2 ? "abcd|threadname|x\n" : "abcd|monitor|x\n";

@@ -123,7 +123,7 @@ TEST(DecodeThreads, StacksAndLocks) {
                                   "!JVM Locks;12~0~com.acme.Cart@12~1;-13~0~com.acme.X@-13~900;"
                                   "!Thread Info Details;idle~^~^~^~77-31~^~^~^~Object Wait!Call Stack"
                                   ";java.lang.Object->wait~Object.java~338~31~0~9~^~^"
-                                  "!Lock On;5~77-0~a.B@4~View Thread Holding this Lock!" +
+                                  "!Lock On;5~77--1~a.B@4~View Thread Holding this Lock!" +
                                   TIMING);
     ASSERT_EQ(sample.threads.size(), 2u);
     EXPECT_FALSE(sample.cut);
@@ -148,7 +148,7 @@ TEST(DecodeThreads, StacksAndLocks) {
     EXPECT_EQ(first.owns[1].class_name, "com.acme.X");
     EXPECT_EQ(first.owns[1].depth, 900);
     EXPECT_EQ(second.stack.size(), 1u);
-    EXPECT_EQ(second.waits_for->owner.thread, 0);
+    EXPECT_EQ(second.waits_for->owner.thread, -1);
     EXPECT_EQ(second.waits_for->class_name, "a.B@4"); // another number than the lock's: part of the name
     EXPECT_TRUE(second.owns.empty());
 }
@@ -215,11 +215,15 @@ TEST(DecodeThreads, WrongRecordsAreRefused) {
         {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~one~Lock;!" + TIMING, "record 1"}, // line
         {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~^~Lock;!" + TIMING, "record 1"},   // line missing, file not
         {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~1~;!" + TIMING, "record 1"},       // state
-        {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~1~DB Wait{9}^~^;!" + TIMING, "record 1"},
+        {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~1~DB Wait{9}^~^~0~0~^~0~0~^~^~^;!" + TIMING, "record 1"},
         {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~1~DB Wait{10}^~^~x~0~^~0~0~^~^~^;!" + TIMING, "record 1"},
         {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~1~RMI Wait{&1~2~h;!" + TIMING, "record 1"},
         {"Call Stack;A->b~F~1~1~0~1~^~^!" + TIMING, "in front of any thread"},
         {"Thread Info Details;" + DETAILS_ROW + "!Call Stack;A->b~F~1~1~zero~1~^~^!" + TIMING, "Call Stack"},
+        {"Thread Info Details;" + DETAILS_ROW +
+             "!Call Stack;0 frames are skipped for storage and performance optimization~NA~^~1~0~0~^~^!" +
+             TIMING,
+         "Call Stack"},
         {"Thread Info Details;" + DETAILS_ROW + "!JVM Locks;1~0~A~deep;!" + TIMING, "JVM Locks"},
         {"Thread Info Details;" + DETAILS_ROW + "!Lock On;1~owner~A~v!" + TIMING, "Lock On"},
         {"JVM Heap Usage;1!" + TIMING, "unexpected section"},
