@@ -60,7 +60,3 @@ void QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
         QorHeapDump(path);
     }
 }
-
-void QorShowObjectRequest(int32_t, int32_t, uint32_t, char *, int32_t) {}
-
-void QorHandlePrintLocalRequest(int32_t, int64_t, int64_t, int32_t, int32_t, char *, int32_t) {}

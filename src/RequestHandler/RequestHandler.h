@@ -15,10 +15,13 @@ void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char 
 // dump. The second argument is always 8 and is not read.
 void QorHandleShowMemRequest(char *page, int32_t unused, const char *path, uint32_t reqid);
 
-// Answers with the fields of the object that carries a tag. `withClassChain` is the request's second
-// argument.
-void QorShowObjectRequest(int32_t tag, int32_t withClassChain, uint32_t reqid, char *page, int32_t pageSize);
+// Answers with the fields of the object that carries a tag, class by class from its own class upwards; the
+// topmost class is left out. An object that is gone and an array of primitives give nothing. The
+// request's flag is not read.
+void QorShowObjectRequest(int32_t tag, int32_t flag, uint32_t reqid, char *page, int32_t pageSize);
 
-// Answers with the locals of one frame: Java thread id, then the frame's identity as the console sends it.
-void QorHandlePrintLocalRequest(int32_t tid, int64_t method, int64_t location, int32_t depth, int32_t count,
+// Answers with the objects in the locals of a method on a thread's stack; a bare section end when there are
+// none. `methodId` is the number that a stack row shows, of 32 bits or of 64. The location and the two
+// numbers behind it come from the console's frame and are not read.
+void QorHandlePrintLocalRequest(int32_t tid, int64_t methodId, int64_t location, int32_t a, int32_t b,
                                 char *page, int32_t pageSize);
