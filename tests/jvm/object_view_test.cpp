@@ -1,0 +1,571 @@
+#include "AgentNatives.h"
+#include "LogCapture.h"
+#include "RequestHandler/RequestHandler.h"
+#include "Walk.h"
+#include "jvmti/FieldText.h"
+#include "jvmti/LocalObjects.h"
+#include "jvmti/ObjectFields.h"
+#include "qorrequest.h"
+
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <regex>
+#include <unistd.h>
+
+namespace {
+
+constexpr char SPECIMENS[] = "qoragent/testing/Specimens";
+constexpr jlong SOME_TAG = 7777;
+
+// Separators made visible: "|" between fields, a line for each record, "$" at the end of a section.
+std::string Legible(const std::string &reply) {
+    std::string text;
+    for (char c : reply) {
+        if (c == 29)
+            text += '|';
+        else if (c == 30)
+            text += '\n';
+        else if (c == 31)
+            text += "$\n";
+        else
+            text += c;
+    }
+    return text;
+}
+
+std::string View(const std::function<void(char *page)> &show) {
+    std::vector<char> page(PAGEBUF_SIZE);
+    show(page.data());
+    return Legible(page.data());
+}
+
+std::string ObjectView(int64_t tag, int32_t size = PAGEBUF_SIZE) {
+    return View([&](char *page) {
+        QorShowObjectRequest(static_cast<int32_t>(tag), 0, QORREQ_SHOW_OBJECT, page, size);
+    });
+}
+
+std::string LocalsView(int64_t tid, int64_t method, int32_t size = PAGEBUF_SIZE) {
+    return View([&](char *page) {
+        QorHandlePrintLocalRequest(static_cast<int32_t>(tid), method, 0, 0, 0, page, size);
+    });
+}
+
+size_t CountOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
+        count++;
+    return count;
+}
+
+// The class of the first section of an object view, "" without any.
+std::string FirstClass(const std::string &view) {
+    const std::string head = "Message\nObject Name :";
+    if (view.compare(0, head.size(), head) != 0)
+        return "";
+    return view.substr(head.size(), view.find("$\n") - head.size());
+}
+
+int64_t KilobytesOf(const char *key) {
+    FILE *file = fopen("/proc/self/status", "re");
+    char line[256];
+    int64_t value = -1;
+    while (fgets(line, sizeof line, file))
+        if (strncmp(line, key, strlen(key)) == 0)
+            value = atoll(line + strlen(key));
+    fclose(file);
+    return value;
+}
+
+void ResetPeak() {
+    FILE *file = fopen("/proc/self/clear_refs", "we");
+    fputs("5", file);
+    fclose(file);
+}
+
+struct ObjectViews : SessionTest {
+    void SetUp() override {
+        SessionTest::SetUp();
+        Env()->PushLocalFrame(64);
+        gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
+    }
+    void TearDown() override {
+        Env()->PopLocalFrame(nullptr);
+        SessionTest::TearDown();
+    }
+
+    jobject make(const char *kind) {
+        return CallObject(SPECIMENS, "make", "(Ljava/lang/String;)Ljava/lang/Object;", Text(kind));
+    }
+    std::string viewOf(jobject object) {
+        EXPECT_EQ(jvmti->SetTag(object, SOME_TAG), JVMTI_ERROR_NONE);
+        const std::string view = ObjectView(SOME_TAG);
+        jvmti->SetTag(object, 0);
+        return view;
+    }
+    std::string viewOf(const char *kind) { return viewOf(make(kind)); }
+};
+
+// What a frame's row of the stack view gives the console to ask for its locals.
+int64_t MethodOf(const char *method, bool native = false) {
+    Walk walk;
+    EXPECT_TRUE(walk.find("specimen"));
+    for (walk.frames.index = 0; walk.frames.index < walk.frames.count; walk.frames.index++) {
+        char name[NAME_SIZE] = "";
+        QorGetMethodInfo(&walk.frames, name);
+        if (strcmp(name, method) != 0)
+            continue;
+        EXPECT_EQ(walk.frames.frames[walk.frames.index].location < 0, native);
+        return reinterpret_cast<int64_t>(walk.frames.frames[walk.frames.index].method);
+    }
+    ADD_FAILURE() << "no " << method << " on the stack";
+    return 0;
+}
+
+struct Holder {
+    explicit Holder(const char *start = "startHolder") {
+        Env()->DeleteLocalRef(CallObject(SPECIMENS, start, "()Ljava/lang/Thread;"));
+        tid = CallLong(SPECIMENS, "id", "()J");
+    }
+    ~Holder() { CallVoid(SPECIMENS, "end", "()V"); }
+    int64_t tid;
+};
+
+// Both frames of hold(), the inner one first.
+constexpr char HELD[] = "Method Locals\n"
+                        "^|^|String|a text1\n"
+                        "^|^|Int Array| 1 2 3\n"
+                        "^|^|String|a text\n"
+                        "^|^|Int Array| 1 2 3\n"
+                        "5004|0|[Ljava/lang/Object;| \n"
+                        "5005|0|Lqoragent/testing/Specimens$Values;| \n"
+                        "5006|0|Ljava/lang/Class;| \n"
+                        "Active$\n";
+
+} // namespace
+
+TEST(FieldText, KindsFollowTheSignature) {
+    const struct {
+        const char *signature;
+        int32_t code;
+        const char *text;
+    } rows[] = {
+        {"Ljava/lang/String;", 17, "String"},
+        {"Ljava/lang/StringBuilder;", 0, "Unknown"},
+        {"Z", 1, "Boolean"},
+        {"[Z", 2, "Boolean Array"},
+        {"B", 3, "Byte"},
+        {"[B", 4, "Byte Array"},
+        {"C", 5, "Char"},
+        {"[C", 6, "Char Array"},
+        {"S", 7, "Short"},
+        {"[S", 8, "Short Array"},
+        {"I", 9, "Int"},
+        {"[I", 10, "Int Array"},
+        {"J", 11, "Long"},
+        {"[J", 12, "Long Array"},
+        {"F", 13, "Float"},
+        {"[F", 14, "Float Array"},
+        {"D", 15, "Double"},
+        {"[D", 16, "Double Array"},
+        {"[[I", 0, "Unknown"},
+        {"[Ljava/lang/String;", 0, "Unknown"},
+        {"LZ;", 0, "Unknown"},
+        {"", 0, "Unknown"},
+        {nullptr, 0, "Unknown"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(QorRetPrimitiveType(row.signature), row.code) << row.signature;
+        EXPECT_STREQ(QorTypeText(row.code), row.text);
+    }
+    std::string valid;
+    for (int32_t c = -128; c < 0x10000; c++)
+        if (QorIsValidChar(c))
+            valid += static_cast<char>(c);
+    EXPECT_EQ(valid, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
+}
+
+// One frame's locals come in a row; what is no local, or behind all locals, ends nothing or everything.
+TEST(LocalsWalk, TakesTheFrameAndStopsBehindIt) {
+    const auto method = [](intptr_t id) { return reinterpret_cast<jmethodID>(id); };
+    jlong tag = 0;
+    QorLocalsWalk walk;
+    const auto meet = [&](jint kind, jlong tid, intptr_t id) {
+        jvmtiHeapReferenceInfo info = {};
+        if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL) {
+            info.stack_local.thread_id = tid;
+            info.stack_local.method = method(id);
+        } else {
+            info.jni_local.thread_id = tid;
+            info.jni_local.method = method(id);
+        }
+        tag = 0;
+        return jvmtiHeapReferenceOneObjectCallback(static_cast<jvmtiHeapReferenceKind>(kind), &info, 0, 0, 0,
+                                                   &tag, nullptr, 0, &walk);
+    };
+    constexpr jint LOCAL = JVMTI_HEAP_REFERENCE_STACK_LOCAL, JNI = JVMTI_HEAP_REFERENCE_JNI_LOCAL;
+    constexpr jint GO_ON = JVMTI_VISIT_OBJECTS, STOP = JVMTI_VISIT_ABORT;
+
+    gbiQorLocalVariableCounter = 6000;
+    walk = {7, method(0x500000001), false, 6000, 0};
+    EXPECT_EQ(meet(JVMTI_HEAP_REFERENCE_THREAD, 0, 0), GO_ON);
+    EXPECT_EQ(meet(JVMTI_HEAP_REFERENCE_MONITOR, 0, 0), GO_ON);
+    EXPECT_EQ(meet(LOCAL, 8, 0x500000001), GO_ON) << "another thread";
+    EXPECT_EQ(meet(LOCAL, 7, 0x600000001), GO_ON) << "another method with the same lower half";
+    EXPECT_EQ(meet(JNI, 7, 0x500000001), GO_ON) << "a constant of compiled code";
+    EXPECT_EQ(tag, 0);
+    EXPECT_EQ(jvmtiHeapReferenceOneObjectCallback(JVMTI_HEAP_REFERENCE_STACK_LOCAL, nullptr, 0, 0, 0, &tag,
+                                                  nullptr, 0, &walk),
+              GO_ON);
+    EXPECT_EQ(meet(LOCAL, 7, 0x500000001), GO_ON);
+    EXPECT_EQ(tag, 6000);
+    EXPECT_EQ(meet(JNI, 7, 0x500000001), GO_ON) << "a constant ends no run";
+    EXPECT_EQ(meet(LOCAL, 7, 0x500000001), GO_ON);
+    EXPECT_EQ(tag, 6001);
+    EXPECT_EQ(meet(LOCAL, 7, 0x600000001), STOP);
+    EXPECT_EQ(meet(JNI, 8, 0x500000001), STOP);
+    EXPECT_EQ(walk.count, 2);
+
+    for (jint kind = 0; kind <= 20; kind++)
+        EXPECT_EQ(meet(kind, 0, 0), STOP) << kind;
+    for (jint kind : {21, 22, 27})
+        EXPECT_EQ(meet(kind, 0, 0), STOP) << kind;
+
+    walk = {7, method(5), true, 6002, 0};
+    EXPECT_EQ(meet(JNI, 7, 5), GO_ON);
+    EXPECT_EQ(tag, 6002) << "JNI locals are those of a native method";
+    walk.count = MAX_LOCAL_OBJECTS;
+    EXPECT_EQ(meet(LOCAL, 7, 5), STOP);
+    EXPECT_EQ(walk.count, MAX_LOCAL_OBJECTS);
+}
+
+TEST_F(ObjectViews, ShowAFieldOfEveryKind) {
+    const std::string name = "Lqoragent/testing/Specimens$Values;";
+    std::string aDouble(400, 0);
+    aDouble.resize(static_cast<size_t>(snprintf(aDouble.data(), aDouble.size(), "%f", 1e300)));
+    EXPECT_EQ(viewOf("Values"), "Message\nObject Name :" + name +
+                                    "$\n"
+                                    "Object Description\n"
+                                    "5000|1|Static: Ljava/lang/Object;|shared|view object\n"
+                                    "^|^|Static: Long|number|64000000000\n"
+                                    "^|^|Static: Boolean|flag|True\n"
+                                    "^|^|Static: [Ljava/lang/String;|none| \n"
+                                    "^|^|Static: Char|letter|z\n"
+                                    "^|^|Static: Byte|digit|7\n"
+                                    "^|^|Static: Short|small|-3\n"
+                                    "^|^|Static: Int|plain|12\n"
+                                    "^|^|Static: Float|half|0.500000\n"
+                                    "^|^|Static: Double|quarter|-0.250000\n"
+                                    "^|^|Static: String|word|static\n"
+                                    "^|^|Static: Int Array|list| 4 5\n"
+                                    "^|^|Public: Boolean|yes|True\n"
+                                    "^|^|Private: Boolean|no|False\n"
+                                    "^|^|Protected: Byte|upper|A\n"
+                                    "^|^|Byte|dash| \n"
+                                    "^|^|Char|wide| \n"
+                                    "^|^|Char|lower|q\n"
+                                    "^|^|Short|aShort|-1500\n"
+                                    "^|^|Int|anInt|-310000\n"
+                                    "^|^|Long|aLong|-63000000000\n"
+                                    "^|^|Float|aFloat|0.750000\n"
+                                    "^|^|Double|aDouble|" +
+                                    aDouble +
+                                    "\n"
+                                    "^|^|String|text|a b  \u00e9\n"
+                                    "^|^|String|empty| \n"
+                                    "^|^|String|missing| \n"
+                                    "^|^|Boolean Array|booleans| True False\n"
+                                    "^|^|Byte Array|bytes| A   9\n"
+                                    "^|^|Char Array|chars| a   Z\n"
+                                    "^|^|Short Array|shorts| 3 -4\n"
+                                    "^|^|Int Array|ints| 5 -6\n"
+                                    "^|^|Long Array|longs| 7 5\n"
+                                    "^|^|Float Array|floats| 1 0 0\n"
+                                    "^|^|Double Array|doubles| -9 0\n"
+                                    "^|^|Int Array|emptyInts| \n"
+                                    "^|^|Int Array|noInts| \n"
+                                    "5001|1|[[I|grid|view object\n"
+                                    "5002|1|Ljava/lang/Object;|any|view object\n"
+                                    "^|^|Ljava/lang/Object;|nothing| \n"
+                                    "^|^|" +
+                                    name +
+                                    "|own| \n"
+                                    "Active$\n"
+                                    "Parent of the Object above:\n" +
+                                    name + "$\n");
+    EXPECT_EQ(FirstClass(ObjectView(5002)), "Lqoragent/testing/Fields;") << "a link leads to its object";
+}
+
+TEST_F(ObjectViews, GoUpTheChainWithoutItsTop) {
+    const auto section = [](const std::string &kind, const std::string &row) {
+        const std::string name = "Lqoragent/testing/Specimens$" + kind + ";$\n";
+        return "Message\nObject Name :" + name +
+               (row.empty() ? "Object Description - No Information available\nNo Information Available$\n"
+                            : "Object Description\n" + row + "\nActive$\n") +
+               "Parent of the Object above:\n" + name;
+    };
+    const std::string leaf = section("Leaf", "^|^|Private: Int|inLeaf|1");
+    const std::string base = section("Base", "^|^|Protected: Int|inBase|2");
+    EXPECT_EQ(viewOf("Leaf"), leaf + section("Bare", "") + base);
+    EXPECT_EQ(viewOf("plain"), "");
+    // Elements one after the other; a pair holds the lower of two classes, the last pair isn't shown.
+    EXPECT_EQ(viewOf("pairs"), leaf + leaf + section("Bare", "") + base + base);
+    const std::string rows = viewOf("rows");
+    EXPECT_EQ(CountOf(rows, "Object Name :[I$"), 3u) << rows;
+    EXPECT_EQ(CountOf(viewOf("forty"), "Object Name :"), 49u);
+}
+
+TEST_F(ObjectViews, OfWhatIsNotThereAreEmpty) {
+    const struct {
+        const char *kind, *line;
+    } rows[] = {
+        {"hole", "Object 1 in the object array is null. Need to return"},
+        {"empty", "Array length is 0. No Objects in the array."},
+        {"ints", "Returned from QorCollectClassFieldsArrayClass IParentCount=0"},
+        {"single", "RequestHandler: All ClassCount=0"},
+    };
+    for (const auto &row : rows) {
+        LogCapture log(5);
+        EXPECT_EQ(viewOf(row.kind), "") << row.kind;
+        EXPECT_EQ(log.count(row.line), 1) << row.kind;
+    }
+    LogCapture log(1);
+    EXPECT_EQ(ObjectView(0), "");
+    EXPECT_EQ(ObjectView(-5), "");
+    EXPECT_EQ(log.count("QorJVMTIAllGetClassDetails is objtag <= 0"), 2);
+    EXPECT_EQ(ObjectView(49999), "");
+    EXPECT_EQ(log.count("No object found with tag 49999 object count 0. Object might have perished"), 1);
+}
+
+TEST_F(ObjectViews, EndWithTheObjectsLife) {
+    jobject object = make("Leaf");
+    jvmti->SetTag(object, SOME_TAG);
+    EXPECT_NE(ObjectView(SOME_TAG), "");
+    jweak weak = Env()->NewWeakGlobalRef(object);
+    Env()->DeleteLocalRef(object);
+    while (!Env()->IsSameObject(weak, nullptr))
+        CallVoid("java/lang/System", "gc", "()V");
+    Env()->DeleteWeakGlobalRef(weak);
+    EXPECT_EQ(ObjectView(SOME_TAG), "");
+}
+
+TEST_F(ObjectViews, CutLongValuesAtACharacter) {
+    const std::string view = viewOf("Long");
+    const auto value = [&](const std::string &name) {
+        const size_t from = view.find("|" + name + "|") + name.size() + 2;
+        return view.substr(from, view.find('\n', from) - from);
+    };
+    EXPECT_EQ(value("ascii"), std::string(1023, 'x'));
+    EXPECT_EQ(value("accents"), std::string(1022, 'x'));
+    EXPECT_EQ(value("wide").size(), 1023u);
+    EXPECT_EQ(CountOf(value("wide"), "\u20ac"), 341u);
+    EXPECT_EQ(CountOf(value("ones"), " 1"), 300u);
+    EXPECT_EQ(value("ones").size(), 600u);
+    EXPECT_EQ(CountOf(value("many"), " -100000000"), 93u);
+    EXPECT_EQ(value("many").size(), 93u * 11);
+    EXPECT_EQ(CountOf(value("booleans"), " False"), 170u);
+}
+
+TEST_F(ObjectViews, CopyNoBigValue) {
+    jobject big = make("Big");
+    viewOf("Values");
+    ResetPeak();
+    const int64_t before = KilobytesOf("VmRSS:");
+    EXPECT_NE(viewOf(big), "");
+    EXPECT_LT(KilobytesOf("VmHWM:") - before, 8 << 10);
+}
+
+TEST_F(ObjectViews, FreeWhatTheyTake) {
+    jobject object = make("Values");
+    for (int i = 0; i < 50; i++)
+        viewOf(object);
+    const int64_t before = KilobytesOf("VmRSS:");
+    for (int i = 0; i < 1000; i++)
+        viewOf(object); // 45 records of 3 KiB each time
+    EXPECT_LT(KilobytesOf("VmRSS:") - before, 16 << 10);
+}
+
+TEST_F(ObjectViews, AreBounded) {
+    const auto made = [&](int depth, int fields) {
+        jobject klass = CallObject(SPECIMENS, "chain", "(II)Ljava/lang/Class;", depth, fields);
+        return Env()->AllocObject(static_cast<jclass>(klass));
+    };
+    const std::string deep = viewOf(made(60, 1));
+    EXPECT_EQ(CountOf(deep, "Object Name :"), 49u);
+    EXPECT_EQ(FirstClass(deep), "Lmade/C59;");
+    EXPECT_NE(deep.find("Object Name :Lmade/C11;"), std::string::npos);
+    EXPECT_EQ(CountOf(viewOf(made(3, 5000)), "Public: Int"), static_cast<size_t>(MAX_FIELDS_OF_VIEW));
+    // A reply that runs full ends with a whole record and its section's end.
+    jobject wide = made(2, 500);
+    jvmti->SetTag(wide, SOME_TAG);
+    const std::string whole = ObjectView(SOME_TAG);
+    for (int32_t size = 1; size < 600; size += 7) {
+        const std::string view = ObjectView(SOME_TAG, size);
+        EXPECT_LT(view.size(), static_cast<size_t>(size) + CountOf(view, "$"));
+        const std::string rows = view.substr(0, view.rfind('\n', view.size() - 2) + 1);
+        EXPECT_EQ(whole.compare(0, rows.size(), rows), 0) << view;
+    }
+}
+
+TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
+    jobject object = make("Values");
+    gbiQorLocalVariableCounter = LAST_OBJECT_TAG;
+    const std::string view = viewOf(object);
+    EXPECT_NE(view.find("\n50000|1|Static: Ljava/lang/Object;"), std::string::npos);
+    EXPECT_NE(view.find("\n5000|1|[[I|"), std::string::npos);
+    EXPECT_NE(view.find("\n5001|1|Ljava/lang/Object;"), std::string::npos);
+    EXPECT_EQ(gbiQorLocalVariableCounter, 5002);
+}
+
+TEST_F(ObjectViews, ShowObjectsOfAClassInItsInitialiser) {
+    Holder holder("startInitialiser");
+    const std::string locals = LocalsView(holder.tid, MethodOf("keep"));
+    EXPECT_EQ(locals, "Method Locals\n5000|0|Lqoragent/testing/Specimens$Unfinished;| \nActive$\n");
+    const std::string view = ObjectView(5000);
+    EXPECT_NE(view.find("|field|3\n"), std::string::npos) << view;
+    EXPECT_NE(view.find("|later|0\n"), std::string::npos) << view;
+}
+
+struct Locals : ObjectViews {};
+
+TEST_F(Locals, AreThoseOfTheFrame) {
+    Holder holder;
+    const int64_t method = MethodOf("hold");
+    EXPECT_EQ(LocalsView(holder.tid, method), HELD);
+    EXPECT_EQ(FirstClass(ObjectView(5005)), "Lqoragent/testing/Specimens$Values;");
+    gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
+    EXPECT_EQ(LocalsView(holder.tid, static_cast<int32_t>(method)), HELD) << "as the stack view shows it";
+
+    LogCapture log(4);
+    const int64_t counter = gbiQorLocalVariableCounter;
+    const int64_t wrong = method ^ (int64_t{1} << 40);
+    EXPECT_EQ(LocalsView(holder.tid + 100000, method), "$\n");
+    EXPECT_EQ(LocalsView(holder.tid, wrong), "$\n") << "whole ids are compared whole";
+    EXPECT_EQ(LocalsView(holder.tid, 0), "$\n");
+    EXPECT_EQ(LocalsView(holder.tid, MethodOf("park", true)), "$\n") << "a native frame without references";
+    EXPECT_EQ(log.count(" No locals found. returning"), 4);
+    EXPECT_EQ(gbiQorLocalVariableCounter, counter);
+}
+
+TEST_F(Locals, NeverBreakTheirRowOfNumbers) {
+    Holder holder;
+    const int64_t method = MethodOf("hold");
+    gbiQorLocalVariableCounter = LAST_OBJECT_TAG - 2;
+    const std::string view = LocalsView(holder.tid, method);
+    EXPECT_EQ(CountOf(view, "\n"), 9u) << view;
+    EXPECT_NE(view.find("50002|0|[Ljava/lang/Object;"), std::string::npos) << view;
+    EXPECT_NE(view.find("50004|0|Ljava/lang/Class;"), std::string::npos) << view;
+    EXPECT_EQ(LocalsView(holder.tid, method), HELD) << "numbering starts anew";
+}
+
+TEST_F(Locals, FillAReplyWithWholeRecords) {
+    Holder holder;
+    const int64_t method = MethodOf("hold");
+    const std::string whole = LocalsView(holder.tid, method);
+    gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
+    EXPECT_EQ(LocalsView(holder.tid, method, 48), "Method Locals\n^|^|String|a text1\nActive$\n");
+    EXPECT_EQ(LocalsView(holder.tid, method, 16), "Method Locals\n$\n");
+}
+
+std::mutex restLock;
+std::condition_variable restChanged;
+bool mayReturn;
+
+void JNICALL Rest(JNIEnv *env, jclass klass, jobject latch, jstring) {
+    jstring own = env->NewStringUTF("made in native code");
+    jmethodID countDown =
+        env->GetStaticMethodID(klass, "countDown", "(Ljava/util/concurrent/CountDownLatch;)V");
+    env->CallStaticVoidMethod(klass, countDown, latch);
+    env->ExceptionCheck();
+    std::unique_lock<std::mutex> hold(restLock);
+    restChanged.wait(hold, [] { return mayReturn; });
+    env->DeleteLocalRef(own);
+}
+
+TEST_F(Locals, OfANativeMethodAreItsReferences) {
+    JNINativeMethod rest = {const_cast<char *>("rest"),
+                            const_cast<char *>("(Ljava/util/concurrent/CountDownLatch;Ljava/lang/String;)V"),
+                            reinterpret_cast<void *>(Rest)};
+    ASSERT_EQ(Env()->RegisterNatives(Env()->FindClass(SPECIMENS), &rest, 1), 0);
+    Env()->DeleteLocalRef(CallObject(SPECIMENS, "startResting", "()Ljava/lang/Thread;"));
+    const std::string view = LocalsView(CallLong(SPECIMENS, "id", "()J"), MethodOf("rest", true));
+    EXPECT_NE(view.find("^|^|String|made in native code\n"), std::string::npos) << view;
+    {
+        std::lock_guard<std::mutex> hold(restLock);
+        mayReturn = true;
+    }
+    restChanged.notify_all();
+    CallVoid(SPECIMENS, "end", "()V");
+}
+
+// The tags of a class histogram are none of the session's.
+TEST_F(Locals, StayFoundAmongThousandsOfClasses) {
+    jobject classes = CallObject(SPECIMENS, "manyClasses", "(I)[Ljava/lang/Object;", 6000);
+    Holder holder;
+    const int64_t method = MethodOf("hold");
+    const auto histogram = [] {
+        return View([](char *page) { QorHandleShowMemRequest(page, 8, "ClassHistogramOnly", 512); });
+    };
+    EXPECT_NE(histogram(), "");
+    EXPECT_EQ(LocalsView(holder.tid, method), HELD);
+    EXPECT_NE(histogram(), "");
+    EXPECT_EQ(FirstClass(ObjectView(5005)), "Lqoragent/testing/Specimens$Values;");
+    EXPECT_EQ(Env()->GetArrayLength(static_cast<jarray>(classes)), 6000);
+}
+
+// In a JVM that compiles the holder's methods before they run.
+struct CompiledLocals : Locals {
+    static void SetUpTestSuite() {
+        StartJvm({"-Xcomp", "-XX:TieredStopAtLevel=1", "-XX:CompileCommand=quiet",
+                  "-XX:CompileCommand=compileonly,qoragent.testing.Specimens::hold"});
+    }
+};
+
+struct ConstantsMet {
+    jmethodID method;
+    int32_t count;
+};
+
+jint JNICALL CountConstants(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, jlong, jlong,
+                            jlong, jlong *, jlong *, jint, void *data) {
+    ConstantsMet *met = static_cast<ConstantsMet *>(data);
+    met->count += kind == JVMTI_HEAP_REFERENCE_JNI_LOCAL && info && info->jni_local.method == met->method;
+    return kind <= 20 ? JVMTI_VISIT_ABORT : JVMTI_VISIT_OBJECTS;
+}
+
+TEST_F(CompiledLocals, AreNotTheConstantsOfTheCode) {
+    Holder holder;
+    const int64_t method = MethodOf("hold");
+    ConstantsMet met = {reinterpret_cast<jmethodID>(method), 0};
+    jvmtiHeapCallbacks callbacks = {};
+    callbacks.heap_reference_callback = CountConstants;
+    ASSERT_EQ(jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, &met), JVMTI_ERROR_NONE);
+    if (Env()->GetVersion() > JNI_VERSION_1_8) {
+        EXPECT_GT(met.count, 0) << "the frame is not compiled";
+    }
+    EXPECT_EQ(LocalsView(holder.tid, method), HELD);
+}
+
+// The requests of a console that follows a stack row to a local and a local to its fields.
+struct FollowedObject : AgentTest {};
+
+TEST_F(FollowedObject, IsReachedFromTheStackRow) {
+    ASSERT_EQ(StartAgent({}), 0);
+    Holder holder;
+    const std::string tid = std::to_string(holder.tid);
+    const std::string key = std::to_string(getpid()) + "-" + tid;
+    const std::string stack = Legible(Ask("516|showstack|512|ARG=x,0=x,1=" + key));
+    std::smatch found;
+    const std::regex row("\n(?:user|sys)\\|" + tid +
+                         "\\|[0-9]+\\|(-?[0-9]+)\\|2\\|3\\|qoragent\\.testing\\.Specimens->hold\\|");
+    ASSERT_TRUE(std::regex_search(stack, found, row)) << stack;
+    const std::string locals =
+        Legible(Ask("516|showstack|4096|ARG=x,0=" + tid + ",1=" + found[1].str() + ",2=2,3=3"));
+    const std::regex local("\n([0-9]+)\\|0\\|Lqoragent/testing/Specimens\\$Values;\\|");
+    ASSERT_TRUE(std::regex_search(locals, found, local)) << locals;
+    const std::string view = Legible(Ask("516|showstack|1024|ARG=x,0=" + found[1].str() + ",1=0"));
+    EXPECT_EQ(FirstClass(view), "Lqoragent/testing/Specimens$Values;") << view;
+    EXPECT_NE(view.find("|anInt|-310000\n"), std::string::npos);
+}
