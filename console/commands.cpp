@@ -118,7 +118,8 @@ std::string ReadRules(const std::string &file) {
     return text;
 }
 
-void ShowThreads(const Settings &settings, const ThreadsCommand &command, const ThreadSample &sample) {
+void ShowThreads(const Settings &settings, const ThreadsCommand &command, const ThreadSample &sample,
+                 int os_threads) {
     if (settings.json) {
         Print(JsonText(ToJson(sample), command.watch > 0) + "\n");
         return;
@@ -129,7 +130,7 @@ void ShowThreads(const Settings &settings, const ThreadsCommand &command, const 
     if (sample.threads.empty())
         text = command.match.empty() ? "No thread is active; --all shows the idle ones.\n"
                                      : "No thread matches.\n";
-    text += SampleNotes(sample) + "\n";
+    text += SampleNotes(sample, os_threads) + "\n";
     if (command.watch > 0 && style.colour)
         text = "\x1b[H\x1b[2J" + text;
     else if (command.watch > 0)
@@ -194,7 +195,7 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
                 "'qorctl threads --all' shows the threads with their ids");
         if (!command.match.empty())
             KeepMatching(&sample, command.match);
-        ShowThreads(settings, command, sample);
+        ShowThreads(settings, command, sample, process.threads);
     });
 }
 

@@ -112,6 +112,8 @@ bool ParseStatus(std::string_view status, Process *process) {
             ReadNumber(words[1], &process->egid);
         } else if (key == "NSpid") {
             ReadNumber(words.back(), &process->inner_pid);
+        } else if (key == "Threads") {
+            ReadNumber(words[0], &process->threads);
         } else if (key == "SigCgt") {
             uint64_t caught = 0;
             process->catches_sigquit = ReadNumber(words[0], &caught, 16) && (caught >> (SIGQUIT - 1) & 1);

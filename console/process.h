@@ -38,6 +38,7 @@ struct Process {
     gid_t egid = 0;
     uid_t inner_euid = 0; // as it sees itself
     bool catches_sigquit = false;
+    int threads = 0;      // of the operating system: those of the JVM itself too
     bool stopped = false; // by a signal or a debugger
     std::vector<std::string> arguments;
 };

@@ -40,7 +40,7 @@ constexpr std::string_view END_OF_TRANSMISSION = "|\t|\t\t||";
 constexpr std::string_view SHUTDOWN_REQUEST = "SHUTDOWN";
 constexpr size_t MAX_REQUEST_BYTES = 20480; // a request line, its line feed not counted
 constexpr size_t REPLY_LIMIT = 1024000;     // the agent's reply buffer
-constexpr size_t MAX_THREADS_SAMPLED = 1024;
+constexpr int MAX_THREADS_SAMPLED = 1024;
 
 // Bits of the flag word, the first field of a request.
 enum RequestFlag : uint32_t {

@@ -371,15 +371,16 @@ std::string ThreadDump(const ThreadSample &sample, const Style &style) {
     return text;
 }
 
-std::string SampleNotes(const ThreadSample &sample) {
+std::string SampleNotes(const ThreadSample &sample, int os_threads) {
     std::string text =
         fmt::format("{} thread{}", sample.threads.size(), sample.threads.size() == 1 ? "" : "s");
     if (sample.jvm_microseconds)
         text += fmt::format(", {} us in the JVM", *sample.jvm_microseconds);
     if (sample.cut)
         text += "; the reply reached the agent's limit, threads are missing (ask for one with --thread)";
-    if (sample.threads.size() >= MAX_THREADS_SAMPLED)
-        text += fmt::format("; the agent samples the first {} threads", MAX_THREADS_SAMPLED);
+    if (os_threads > MAX_THREADS_SAMPLED)
+        text += fmt::format("; the process has {} threads, the agent looks at {} Java threads at most",
+                            os_threads, MAX_THREADS_SAMPLED);
     return text;
 }
 

@@ -25,7 +25,8 @@ std::string ThreadTable(const ThreadSample &sample, const Style &style);
 std::string ThreadDump(const ThreadSample &sample, const Style &style);
 
 // What else there is to say about a sample: counts, time, whether it is complete.
-std::string SampleNotes(const ThreadSample &sample);
+// `os_threads` is how many threads the process has, 0 when not known.
+std::string SampleNotes(const ThreadSample &sample, int os_threads);
 
 std::string SummaryTable(const Summary &summary, const Style &style);
 

@@ -133,11 +133,13 @@ TEST(Attach, Properties) {
 
 TEST(Process, Status) {
     Process process;
-    ASSERT_TRUE(ParseStatus("Name:\tjava (x)\nState:\tS (sleeping)\nUid:\t1000\t1001\t1002\t1003\n"
-                            "Gid:\t50\t51\t52\t53\nNSpid:\t4711\t12\nSigCgt:\t2000000101005ccf\n",
-                            &process));
+    ASSERT_TRUE(
+        ParseStatus("Name:\tjava (x)\nState:\tS (sleeping)\nUid:\t1000\t1001\t1002\t1003\n"
+                    "Gid:\t50\t51\t52\t53\nThreads:\t33\nNSpid:\t4711\t12\nSigCgt:\t2000000101005ccf\n",
+                    &process));
     EXPECT_EQ(process.euid, 1001u);
     EXPECT_EQ(process.egid, 51u);
+    EXPECT_EQ(process.threads, 33);
     EXPECT_EQ(process.inner_pid, 12);
     EXPECT_TRUE(process.catches_sigquit);
     EXPECT_FALSE(process.stopped);
@@ -275,7 +277,8 @@ TEST(Render, TableIsAlignedAndCut) {
     Style colour;
     colour.colour = true;
     EXPECT_NE(ThreadTable(sample, colour).find("\x1b[32mRunnable\x1b[0m     http-1"), std::string::npos);
-    EXPECT_EQ(SampleNotes(sample), "2 threads, 321 us in the JVM");
+    EXPECT_EQ(SampleNotes(sample, 40), "2 threads, 321 us in the JVM");
+    EXPECT_NE(SampleNotes(sample, 1100).find("has 1100 threads"), std::string::npos);
 }
 
 TEST(Render, ControlCharactersBecomeVisible) {
