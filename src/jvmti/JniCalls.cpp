@@ -19,7 +19,7 @@ bool QorClearException(JNIEnv *env) {
 // One wrapper: result, its name, the JNI function, the value without an environment, parameters, arguments.
 #define WRAP(Result, Name, Function, None, Parameters, ...)                                                  \
     Result Name Parameters {                                                                                 \
-        if (env == nullptr)                                                                                  \
+        if (!env)                                                                                            \
             return None;                                                                                     \
         Result given = env->Function(__VA_ARGS__);                                                           \
         QorClearException(env);                                                                              \
@@ -28,7 +28,7 @@ bool QorClearException(JNIEnv *env) {
 
 #define WRAP_VOID(Name, Function, Parameters, ...)                                                           \
     void Name Parameters {                                                                                   \
-        if (env == nullptr)                                                                                  \
+        if (!env)                                                                                            \
             return;                                                                                          \
         env->Function(__VA_ARGS__);                                                                          \
         QorClearException(env);                                                                              \
@@ -130,7 +130,7 @@ WRAP_ELEMENTS(jdouble, QorGetDoubleArrayElements, GetDoubleArrayElements,
 // clang-format on
 
 jclass QorGetObjectClass(JNIEnv *env, jobject obj) {
-    if (env == nullptr || QorIsSameObject(env, obj, nullptr))
+    if (!env || QorIsSameObject(env, obj, nullptr))
         return nullptr;
     jclass klass = env->GetObjectClass(obj);
     QorClearException(env);

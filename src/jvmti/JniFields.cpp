@@ -42,14 +42,14 @@ constexpr ReaderTexts LONG_TEXTS = {
 
 // Names are tested first, with the output untouched; whatever fails later clears it.
 template <typename Value, typename Raw>
-int32_t readValue(jobject obj, const char *name, const char *signature, Value *out, const ReaderTexts &texts,
+int32_t ReadValue(jobject obj, const char *name, const char *signature, Value *out, const ReaderTexts &texts,
                   Raw (*read)(JNIEnv *, jobject, jfieldID)) {
-    if (name == nullptr || signature == nullptr || out == nullptr) {
+    if (!name || !signature || !out) {
         QORLOG(LOG_ERROR, "%s", texts.nullArgument);
         return -1;
     }
     *out = 0;
-    if (obj == nullptr) {
+    if (!obj) {
         QORLOG(LOG_ERROR, "%s", texts.nullObject);
         return -1;
     }
@@ -58,68 +58,68 @@ int32_t readValue(jobject obj, const char *name, const char *signature, Value *o
         return -1;
     }
     jclass klass = QorGetObjectClass(jvmtijni_env, obj);
-    if (klass == nullptr) {
+    if (!klass) {
         QORLOG(LOG_ERROR, "%s", texts.nullClass);
         return -1;
     }
     jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature);
-    if (field != nullptr)
+    if (field)
         *out = read(jvmtijni_env, obj, field);
     QorDeleteLocalRef(jvmtijni_env, klass);
-    return field != nullptr ? 0 : -1;
+    return field ? 0 : -1;
 }
 
 // A value of the table walked by QorSearchHashTable: fetched as text and given back.
-void touchString(jobject str) {
-    if (str == nullptr)
+void TouchString(jobject str) {
+    if (!str)
         return;
     const char *chars = QorGetStringUTFChars(jvmtijni_env, static_cast<jstring>(str), nullptr);
-    if (chars != nullptr)
+    if (chars)
         QorReleaseStringUTFChars(jvmtijni_env, static_cast<jstring>(str), chars);
 }
 
 // Hashtable.get; the reference, null or not, is the caller's.
-jobject callGet(jobject table, jmethodID get, jobject key) {
+jobject CallGet(jobject table, jmethodID get, jobject key) {
     jobject value = jvmtijni_env->CallObjectMethod(table, get, key);
     QorClearException(jvmtijni_env);
     return value;
 }
 
-bool haveHashTableClass() {
-    if (hashTableClass == nullptr) {
+bool HaveHashTableClass() {
+    if (!hashTableClass) {
         jclass found = QorFindClass(jvmtijni_env, "java/util/Hashtable");
-        if (found != nullptr) {
+        if (found) {
             // Kept global, since the end of the session deletes it as such.
             hashTableClass = static_cast<jclass>(QorNewGlobalRef(jvmtijni_env, found));
             QorDeleteLocalRef(jvmtijni_env, found);
         }
     }
-    return hashTableClass != nullptr;
+    return hashTableClass;
 }
 
-jmethodID hashTableGet() {
+jmethodID HashTableGet() {
     return QorGetMethodID(jvmtijni_env, hashTableClass, "get", "(Ljava/lang/Object;)Ljava/lang/Object;");
 }
 
 } // namespace
 
 int32_t QorGetIntObjectField(jobject obj, const char *name, const char *signature, int32_t *out) {
-    return readValue(obj, name, signature, out, INT_TEXTS, QorGetIntField);
+    return ReadValue(obj, name, signature, out, INT_TEXTS, QorGetIntField);
 }
 
 int32_t QorGetBooleanObjectField(jobject obj, const char *name, const char *signature, jboolean *out) {
-    return readValue(obj, name, signature, out, BOOLEAN_TEXTS, QorGetBooleanField);
+    return ReadValue(obj, name, signature, out, BOOLEAN_TEXTS, QorGetBooleanField);
 }
 
 int32_t QorGetLongObjectField(jobject obj, const char *name, const char *signature, int64_t *out) {
-    return readValue(obj, name, signature, out, LONG_TEXTS, QorGetLongField);
+    return ReadValue(obj, name, signature, out, LONG_TEXTS, QorGetLongField);
 }
 
 int32_t QorGetObjField(jobject obj, const char *name, const char *signature, jobject *out) {
-    if (out == nullptr)
+    if (!out)
         return -1;
     *out = nullptr;
-    if (obj == nullptr) {
+    if (!obj) {
         QORLOG(LOG_ERROR, "QorGetObjectField - main Object is NULL");
         return -1;
     }
@@ -128,12 +128,12 @@ int32_t QorGetObjField(jobject obj, const char *name, const char *signature, job
         return -1;
     }
     jclass klass = QorGetObjectClass(jvmtijni_env, obj);
-    if (klass == nullptr) {
+    if (!klass) {
         QORLOG(LOG_ERROR, "%s", NO_CLASS);
         return -1;
     }
     int32_t result = -1;
-    if (name == nullptr || signature == nullptr) {
+    if (!name || !signature) {
         QORLOG(LOG_ERROR, "StrFieldName or Signature are NULL");
     } else if (jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature)) {
         *out = QorGetObjectField(jvmtijni_env, obj, field);
@@ -148,21 +148,21 @@ int32_t QorGetObjField(jobject obj, const char *name, const char *signature, job
 
 int32_t QorGetObjectFromStaticField(jobject obj, jclass klass, const char *name, const char *signature,
                                     jobject *out) {
-    if (out == nullptr)
+    if (!out)
         return -1;
     *out = nullptr;
-    if (obj == nullptr)
+    if (!obj)
         return -1;
     if (QorIsSameObject(jvmtijni_env, obj, nullptr)) {
         QORLOG(LOG_ERROR, "QorGetObjectFromStaticField IsSameObject *ptrObj NULL");
         return -1;
     }
-    if (name == nullptr || signature == nullptr) {
+    if (!name || !signature) {
         QORLOG(LOG_ERROR, "QorGetObjectFromStaticField strFieldName or strFieldSignature NULL");
         return -1;
     }
-    jclass holder = klass != nullptr ? klass : QorGetObjectClass(jvmtijni_env, obj);
-    if (holder == nullptr) {
+    jclass holder = klass ? klass : QorGetObjectClass(jvmtijni_env, obj);
+    if (!holder) {
         QORLOG(LOG_ERROR, " Not able to get the class");
         return -1;
     }
@@ -173,38 +173,38 @@ int32_t QorGetObjectFromStaticField(jobject obj, jclass klass, const char *name,
     } else {
         QORLOG(LOG_ERROR, NO_FIELD, name, signature);
     }
-    if (klass == nullptr)
+    if (!klass)
         QorDeleteLocalRef(jvmtijni_env, holder);
     return result;
 }
 
 int32_t QorFindObjectField(jobject *objptr, jclass *klassptr, const char *name, const char *signature,
                            jobject *out) {
-    if (objptr == nullptr || *objptr == nullptr || name == nullptr || signature == nullptr || out == nullptr)
+    if (!objptr || !*objptr || !name || !signature || !out)
         return 0;
     *out = nullptr;
-    jclass klass = klassptr != nullptr ? *klassptr : QorGetObjectClass(jvmtijni_env, *objptr);
-    if (klass == nullptr)
+    jclass klass = klassptr ? *klassptr : QorGetObjectClass(jvmtijni_env, *objptr);
+    if (!klass)
         return 0;
     jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature);
-    if (field == nullptr)
+    if (!field)
         QORLOG(LOG_ERROR, "QorFindObjectField Get Field ID FAil ");
     else
         *out = QorGetObjectField(jvmtijni_env, *objptr, field); // reading by a null id would end the JVM
-    if (klassptr == nullptr)
+    if (!klassptr)
         QorDeleteLocalRef(jvmtijni_env, klass);
     return 0;
 }
 
 int32_t QorGetStringObjectValue(jstring str, char *dest, int32_t capacity) {
-    if (str == nullptr)
+    if (!str)
         return 0;
     if (QorIsSameObject(jvmtijni_env, str, nullptr)) {
         QORLOG(LOG_ERROR, "QorGetStringObjectValue IsSameObject *ptrObj NULL");
         return -1;
     }
     const char *chars = QorGetStringUTFChars(jvmtijni_env, str, nullptr);
-    if (chars == nullptr)
+    if (!chars)
         return 0;
     QorStrncpy(dest, chars, capacity, capacity);
     QorReleaseStringUTFChars(jvmtijni_env, str, chars);
@@ -212,43 +212,43 @@ int32_t QorGetStringObjectValue(jstring str, char *dest, int32_t capacity) {
 }
 
 int32_t QorGetHashValue(jobject *tableptr, const char *key, jobject *out) {
-    if (out != nullptr)
+    if (out)
         *out = nullptr;
-    if (tableptr == nullptr || *tableptr == nullptr || key == nullptr || out == nullptr)
+    if (!tableptr || !*tableptr || !key || !out)
         return 0;
-    if (!haveHashTableClass())
+    if (!HaveHashTableClass())
         return 0;
-    jmethodID get = hashTableGet();
+    jmethodID get = HashTableGet();
     jstring text = QorNewStringUTF(jvmtijni_env, key);
-    if (get != nullptr && text != nullptr)
-        *out = callGet(*tableptr, get, text);
+    if (get && text)
+        *out = CallGet(*tableptr, get, text);
     QorDeleteLocalRef(jvmtijni_env, text);
     return 0;
 }
 
 int32_t QorSearchHashTable(jobject *tableptr, const char *, const char *) {
-    if (tableptr == nullptr || *tableptr == nullptr)
+    if (!tableptr || !*tableptr)
         return -1;
     QorLocalFrame frame(jvmtijni_env, 8);
-    if (!frame.pushed || !haveHashTableClass())
+    if (!frame.pushed || !HaveHashTableClass())
         return 0;
-    jmethodID get = hashTableGet();
+    jmethodID get = HashTableGet();
     jmethodID keys = QorGetMethodID(jvmtijni_env, hashTableClass, "keys", "()Ljava/util/Enumeration;");
     jclass enumeration = QorFindClass(jvmtijni_env, "java/util/Enumeration");
-    if (get == nullptr || keys == nullptr || enumeration == nullptr)
+    if (!get || !keys || !enumeration)
         return 0;
     jmethodID more = QorGetMethodID(jvmtijni_env, enumeration, "hasMoreElements", "()Z");
     jmethodID next = QorGetMethodID(jvmtijni_env, enumeration, "nextElement", "()Ljava/lang/Object;");
     jobject cursor = QorCallObjectMethod(jvmtijni_env, *tableptr, keys);
-    if (more == nullptr || next == nullptr || cursor == nullptr)
+    if (!more || !next || !cursor)
         return 0;
     while (QorCallBooleanMethod(jvmtijni_env, cursor, more)) {
         QorLocalFrame inner(jvmtijni_env, 4);
         jobject key = QorCallObjectMethod(jvmtijni_env, cursor, next);
-        if (!inner.pushed || key == nullptr)
+        if (!inner.pushed || !key)
             break;
-        touchString(key);
-        touchString(callGet(*tableptr, get, key));
+        TouchString(key);
+        TouchString(CallGet(*tableptr, get, key));
     }
     return 0;
 }
@@ -258,12 +258,12 @@ int32_t QorGetObjectClassSignature(jobject obj, char *dest) {
         QORLOG(LOG_ERROR, "QorGetObjectClassSignature IsSameObject obj NULL");
         return -1;
     }
-    if (dest == nullptr) {
+    if (!dest) {
         QORLOG(LOG_ERROR, "QorGetObjectClassSignature pointer passed is NULL");
         return -1;
     }
     jclass klass = QorGetObjectClass(jvmtijni_env, obj);
-    if (klass == nullptr) {
+    if (!klass) {
         QORLOG(LOG_ERROR, "QorGetObjectClassSignature Could not get object class ");
         return -1;
     }
@@ -277,7 +277,7 @@ int32_t QorGetObjectClassSignature(jobject obj, char *dest) {
         if (jvmti->GetClassSignature(klass, &signature, nullptr) != JVMTI_ERROR_NONE) {
             QORLOG(LOG_ERROR, "QorGetObjectClassSignature: Could not get class signature");
             result = -1;
-        } else if (signature != nullptr) {
+        } else if (signature) {
             QorStrncpy(dest, signature, NAME_SIZE, NAME_SIZE);
             jvmti->Deallocate(reinterpret_cast<unsigned char *>(signature));
         }

@@ -12,8 +12,8 @@ constexpr int KIB_SHIFT = 10;
 constexpr jlong BYTES_PER_KIB = 1024;
 enum : jint { NURSERY_TOTAL = 105, NURSERY_USED = 106 }; // attributes of the extended table
 
-uint64_t ask(jlong(JNICALL *entry)()) {
-    return entry != nullptr ? static_cast<uint64_t>(entry()) : 1;
+uint64_t Ask(jlong(JNICALL *entry)()) {
+    return entry ? static_cast<uint64_t>(entry()) : 1;
 }
 
 uint32_t ToKib(uint64_t bytes) {
@@ -37,17 +37,17 @@ jvmtiIterationControl JNICALL count_callback(jlong, jlong, jlong *, void *counte
 } // namespace
 
 uint64_t QorGetTotalMemory() {
-    return ask(fnptrJVM_TotalMemory);
+    return Ask(fnptrJVM_TotalMemory);
 }
 
 uint64_t QorGetFreeMemory() {
-    return ask(fnptrJVM_FreeMemory);
+    return Ask(fnptrJVM_FreeMemory);
 }
 
 uint64_t QorGetMaxMemory() {
     static uint64_t maxMemory; // it doesn't change while the JVM runs
     if (maxMemory == 0)
-        maxMemory = ask(fnptrJVM_MaxMemory);
+        maxMemory = Ask(fnptrJVM_MaxMemory);
     return maxMemory;
 }
 
@@ -68,7 +68,7 @@ int32_t QorGetMemorySummary(QorHeapSummaryEntry **entries) {
     *entries = gbHamHeapSummaryObj;
     QorHeapSummaryEntry &old = gbHamHeapSummaryObj[0], &nursery = gbHamHeapSummaryObj[1];
     old = {1, "Old", ToKib(QorGetFreeMemory()), ToKib(QorGetTotalMemory()), ToKib(QorGetMaxMemory())};
-    if (jmm_ext == nullptr || jvmtijni_env == nullptr)
+    if (!jmm_ext || !jvmtijni_env)
         return 1;
     const uint32_t total = AskNursery(NURSERY_TOTAL), used = AskNursery(NURSERY_USED);
     nursery = {2, "Nursery", Less(total, used), total, total};
@@ -84,18 +84,18 @@ int64_t QorGetMemory(const char *methodName) {
     if (!frame.pushed)
         QORLOG(LOG_ERROR, "QorGetMemory Out of Memory");
     jclass klass = QorFindClass(env, "java/lang/Runtime");
-    if (klass == nullptr)
+    if (!klass)
         return 0;
     jmethodID getRuntime = QorGetStaticMethodID(env, klass, "getRuntime", "()Ljava/lang/Runtime;");
     jmethodID method = QorGetMethodID(env, klass, methodName, "()J");
-    if (getRuntime == nullptr || method == nullptr)
+    if (!getRuntime || !method)
         return 0;
     jobject runtime = QorCallStaticObjectMethod(env, klass, getRuntime);
-    return runtime != nullptr ? QorCallLongMethod(env, runtime, method) : 0;
+    return runtime ? QorCallLongMethod(env, runtime, method) : 0;
 }
 
 int32_t QorGetHeapObjectCount(int64_t *counter) {
-    if (jvmti == nullptr)
+    if (!jvmti)
         return -1;
     const jvmtiError error = jvmti->IterateOverHeap(JVMTI_HEAP_OBJECT_EITHER, count_callback, counter);
     if (error != JVMTI_ERROR_NONE)
@@ -104,7 +104,7 @@ int32_t QorGetHeapObjectCount(int64_t *counter) {
 }
 
 bool QorReadExtendedAttribute(int32_t key, double *value) {
-    if (jmm_ext == nullptr || jvmtijni_env == nullptr)
+    if (!jmm_ext || !jvmtijni_env)
         return false;
     jmm_ext->GetDoubleAttribute(jvmtijni_env, nullptr, key, 0, value);
     return true;

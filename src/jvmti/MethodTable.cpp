@@ -50,29 +50,29 @@ struct MethodReading {
     jvmtiLineNumberEntry *lines;
 } reading;
 
-uint32_t slotOf(jmethodID id) {
+uint32_t SlotOf(jmethodID id) {
     const uint64_t key = reinterpret_cast<uint64_t>(id) >> 3;
     return static_cast<uint32_t>(key * 0x9e3779b97f4a7c15u >> (64 - SLOT_BITS));
 }
 
 // The slot that holds the method, or the free one where it belongs. The table is at most half full.
-MethodSlot *findSlot(jmethodID id) {
-    uint32_t i = slotOf(id);
-    while (slots[i].known != nullptr && slots[i].id != id)
+MethodSlot *FindSlot(jmethodID id) {
+    uint32_t i = SlotOf(id);
+    while (slots[i].known && slots[i].id != id)
         i = (i + 1) & (SLOT_COUNT - 1);
     return &slots[i];
 }
 
-void logFailedCall(const char *format, jvmtiError error) {
+void LogFailedCall(const char *format, jvmtiError error) {
     QORLOG(LOG_NOTE, format, JVMTI_ERROR_NONE, error);
     describe(error);
 }
 
-void deallocate(void *memory) {
+void Deallocate(void *memory) {
     jvmti->Deallocate(static_cast<unsigned char *>(memory));
 }
 
-jmethodID methodAtIndex(const QorFrameHandle *frameHandle) {
+jmethodID MethodAtIndex(const QorFrameHandle *frameHandle) {
     if (frameHandle->index < 0 || frameHandle->index >= frameHandle->count ||
         frameHandle->index > maxStackDepthQueried) {
         QORLOG(LOG_ERROR, "Invalid frame index %d", frameHandle->index);
@@ -82,7 +82,7 @@ jmethodID methodAtIndex(const QorFrameHandle *frameHandle) {
 }
 
 // The name's length, or -1. A method id can turn stale under a class unload, and some JVMs then fault.
-int32_t readMethodName(jmethodID method, char *dest) {
+int32_t ReadMethodName(jmethodID method, char *dest) {
     char *name = nullptr;
     volatile jvmtiError error = JVMTI_ERROR_INTERNAL;
     TRYCATCH_OPEN();
@@ -94,50 +94,50 @@ int32_t readMethodName(jmethodID method, char *dest) {
         return -1;
     }
     tryState = TRY_OFF;
-    if (error != JVMTI_ERROR_NONE || name == nullptr)
+    if (error != JVMTI_ERROR_NONE || !name)
         return -1;
     const int32_t length = QorCopyName(dest, name);
-    deallocate(name);
+    Deallocate(name);
     return length;
 }
 
 // The class that declares the method, a local reference or null; false when the JVM refuses.
-bool declaringClass(jmethodID method, jclass *klass) {
+bool DeclaringClass(jmethodID method, jclass *klass) {
     *klass = nullptr;
     const jvmtiError error = jvmti->GetMethodDeclaringClass(method, klass);
     if (error != JVMTI_ERROR_NONE)
-        logFailedCall("  (GetMethodDeclaringClass) Error expected: %d, got: %d", error);
+        LogFailedCall("  (GetMethodDeclaringClass) Error expected: %d, got: %d", error);
     return error == JVMTI_ERROR_NONE;
 }
 
 // Without a frame of its own a reading leaves its references to the walk's frame.
-void logMissingFrame(const QorLocalFrame &frame) {
+void LogMissingFrame(const QorLocalFrame &frame) {
     if (!frame.pushed)
         QORLOG(LOG_ERROR, "QorAgent : Out of Memory");
 }
 
-bool isGone(jobject ref) {
-    return ref == nullptr || QorIsSameObject(jvmtijni_env, ref, nullptr);
+bool IsGone(jobject ref) {
+    return !ref || QorIsSameObject(jvmtijni_env, ref, nullptr);
 }
 
 // The dotted name's length, or -1: a class that is not initialised must not be read.
-int32_t readClassName(jmethodID method, char *dest) {
+int32_t ReadClassName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
-    logMissingFrame(frame);
+    LogMissingFrame(frame);
     jclass klass;
-    if (!declaringClass(method, &klass) || isGone(klass))
+    if (!DeclaringClass(method, &klass) || IsGone(klass))
         return -1;
     int32_t length = -1;
     if (QorIsClassInitialized(klass)) {
         char *signature = nullptr;
         const jvmtiError error = jvmti->GetClassSignature(klass, &signature, nullptr);
         if (error != JVMTI_ERROR_NONE) {
-            logFailedCall("  (GetClassSignature) Error expected: %d, got: %d", error);
-        } else if (signature != nullptr) {
+            LogFailedCall("  (GetClassSignature) Error expected: %d, got: %d", error);
+        } else if (signature) {
             QorCopyName(dest, signature[0] == 'L' ? signature + 1 : signature);
             Slash2Dot(dest);
             length = static_cast<int32_t>(strlen(dest));
-            deallocate(signature);
+            Deallocate(signature);
         }
     }
     QorDeleteLocalRef(jvmtijni_env, klass);
@@ -145,62 +145,62 @@ int32_t readClassName(jmethodID method, char *dest) {
 }
 
 // The file's length, 0 for a class without a source file, or -1.
-int32_t readFileName(jmethodID method, char *dest) {
+int32_t ReadFileName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
-    logMissingFrame(frame);
+    LogMissingFrame(frame);
     jclass klass;
-    if (!declaringClass(method, &klass))
+    if (!DeclaringClass(method, &klass))
         return -1;
-    if (isGone(klass)) {
+    if (IsGone(klass)) {
         QORLOG(LOG_ERROR, "Declaring Class is NULL");
         return -1;
     }
     int32_t length = -1;
     char *name = nullptr;
     const jvmtiError error = jvmti->GetSourceFileName(klass, &name);
-    if (error == JVMTI_ERROR_NONE && name != nullptr) {
+    if (error == JVMTI_ERROR_NONE && name) {
         length = QorCopyName(dest, name);
-        deallocate(name);
+        Deallocate(name);
     } else if (error == JVMTI_ERROR_ABSENT_INFORMATION) {
         dest[0] = 0;
         length = 0;
     } else if (error != JVMTI_ERROR_NONE) {
-        logFailedCall("  (GetSourceFileName) Error expected: %d, got: %d", error);
+        LogFailedCall("  (GetSourceFileName) Error expected: %d, got: %d", error);
     }
     QorDeleteLocalRef(jvmtijni_env, klass);
     return length;
 }
 
-bool methodHasNoLines(jvmtiError error) {
+bool MethodHasNoLines(jvmtiError error) {
     return error == JVMTI_ERROR_NATIVE_METHOD || error == JVMTI_ERROR_ABSENT_INFORMATION;
 }
 
-jvmtiError readLineTable(jmethodID method, jint *count, jvmtiLineNumberEntry **lines) {
+jvmtiError ReadLineTable(jmethodID method, jint *count, jvmtiLineNumberEntry **lines) {
     *count = 0;
     *lines = nullptr;
     const jvmtiError error = jvmti->GetLineNumberTable(method, count, lines);
-    if (error != JVMTI_ERROR_NONE && !methodHasNoLines(error))
+    if (error != JVMTI_ERROR_NONE && !MethodHasNoLines(error))
         QORLOG(LOG_TRACE, "  (GetLineNumber for frame) Error expected: %d, got: %d", JVMTI_ERROR_NONE, error);
     return error;
 }
 
 // Reads a method into `reading`. File and lines are left out when only a name and a class are wanted and
 // those could not be had: then there is nothing to keep.
-void readMethod(jmethodID method, QorFrameDetail detail) {
+void ReadMethod(jmethodID method, QorFrameDetail detail) {
     reading.method[0] = reading.className[0] = reading.fileName[0] = 0;
-    reading.methodLength = readMethodName(method, reading.method);
-    reading.classLength = readClassName(method, reading.className);
+    reading.methodLength = ReadMethodName(method, reading.method);
+    reading.classLength = ReadClassName(method, reading.className);
     reading.fileLength = -1;
     reading.lineError = JVMTI_ERROR_ABSENT_INFORMATION;
     reading.lineCount = 0;
     reading.lines = nullptr;
     if (detail == FRAME_METHOD_AND_CLASS && (reading.methodLength < 0 || reading.classLength < 0))
         return;
-    reading.fileLength = readFileName(method, reading.fileName);
-    reading.lineError = readLineTable(method, &reading.lineCount, &reading.lines);
+    reading.fileLength = ReadFileName(method, reading.fileName);
+    reading.lineError = ReadLineTable(method, &reading.lineCount, &reading.lines);
 }
 
-const char *storeText(const char *text, int32_t length) {
+const char *StoreText(const char *text, int32_t length) {
     char *stored = textStore + textUsed;
     memcpy(stored, text, static_cast<size_t>(length) + 1);
     textUsed += length + 1;
@@ -208,9 +208,9 @@ const char *storeText(const char *text, int32_t length) {
 }
 
 // Keeps `reading` if it is complete and there is room; its line table then belongs to the kept facts.
-KnownMethod *keepReading(jmethodID method, MethodSlot *slot) {
+KnownMethod *KeepReading(jmethodID method, MethodSlot *slot) {
     if (reading.methodLength < 0 || reading.classLength < 0 || reading.fileLength < 0 ||
-        (reading.lineError != JVMTI_ERROR_NONE && !methodHasNoLines(reading.lineError)))
+        (reading.lineError != JVMTI_ERROR_NONE && !MethodHasNoLines(reading.lineError)))
         return nullptr;
     const int32_t size = reading.methodLength + reading.classLength + reading.fileLength + 3;
     if (knownCount == MAX_METHODS || TEXT_STORE_SIZE - textUsed < size)
@@ -218,9 +218,9 @@ KnownMethod *keepReading(jmethodID method, MethodSlot *slot) {
     KnownMethod *known = &knownMethods[knownCount++];
     QorMethodFacts &facts = known->facts;
     facts.id = method;
-    facts.method = storeText(reading.method, reading.methodLength);
-    facts.className = storeText(reading.className, reading.classLength);
-    facts.fileName = storeText(reading.fileName, reading.fileLength);
+    facts.method = StoreText(reading.method, reading.methodLength);
+    facts.className = StoreText(reading.className, reading.classLength);
+    facts.fileName = StoreText(reading.fileName, reading.fileLength);
     facts.methodLength = reading.methodLength;
     facts.classLength = reading.classLength;
     facts.fileLength = reading.fileLength;
@@ -230,14 +230,14 @@ KnownMethod *keepReading(jmethodID method, MethodSlot *slot) {
     known->slot = static_cast<uint32_t>(slot - slots);
     known->lastLocation = -1;
     known->lastLine = QorMapLoc2Line(-1, facts.lines, facts.lineCount);
-    if (facts.lines == nullptr)
+    if (!facts.lines)
         known->lastLine = 0;
     *slot = {method, known};
     return known;
 }
 
-int32_t lineOf(KnownMethod *known, jlocation location) {
-    if (known->facts.lines == nullptr)
+int32_t LineOf(KnownMethod *known, jlocation location) {
+    if (!known->facts.lines)
         return 0;
     if (known->lastLocation != location) {
         known->lastLocation = location;
@@ -247,14 +247,14 @@ int32_t lineOf(KnownMethod *known, jlocation location) {
 }
 
 // The record of a frame whose method could not be kept.
-int32_t reportReading(jlocation location, QorFrameDetail detail, QorFrameRecord *record) {
+int32_t ReportReading(jlocation location, QorFrameDetail detail, QorFrameRecord *record) {
     record->method = reading.method;
     record->className = reading.className;
     record->fileName = reading.fileName;
     record->line = 0;
-    if (reading.lines != nullptr) {
+    if (reading.lines) {
         record->line = QorMapLoc2Line(location, reading.lines, reading.lineCount);
-        deallocate(reading.lines);
+        Deallocate(reading.lines);
         reading.lines = nullptr;
     }
     QorGetMethodCallType(record, &record->callType);
@@ -267,8 +267,8 @@ int32_t reportReading(jlocation location, QorFrameDetail detail, QorFrameRecord 
 
 void QorDropMethodFacts() {
     for (int32_t i = 0; i < knownCount; i++) {
-        if (knownMethods[i].facts.lines != nullptr)
-            deallocate(knownMethods[i].facts.lines);
+        if (knownMethods[i].facts.lines)
+            Deallocate(knownMethods[i].facts.lines);
         slots[knownMethods[i].slot] = {nullptr, nullptr};
     }
     knownCount = 0;
@@ -289,21 +289,21 @@ int32_t QorCopyName(char *dest, const char *src) {
 
 int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFrameRecord *record) {
     record->frameIndex = frameHandle->index;
-    jmethodID method = methodAtIndex(frameHandle);
-    if (method == nullptr) {
+    jmethodID method = MethodAtIndex(frameHandle);
+    if (!method) {
         *record = {frameHandle->index, 0, "", "", "", 0, 1, nullptr};
         return -1;
     }
     const jlocation location = frameHandle->frames[frameHandle->index].location;
     record->methodId = reinterpret_cast<int64_t>(method);
-    MethodSlot *slot = findSlot(method);
+    MethodSlot *slot = FindSlot(method);
     KnownMethod *known = slot->known;
-    if (known == nullptr) {
-        readMethod(method, detail);
-        known = keepReading(method, slot);
-        if (known == nullptr) {
+    if (!known) {
+        ReadMethod(method, detail);
+        known = KeepReading(method, slot);
+        if (!known) {
             record->facts = nullptr;
-            return reportReading(location, detail, record);
+            return ReportReading(location, detail, record);
         }
     }
     const QorMethodFacts *facts = &known->facts;
@@ -312,40 +312,40 @@ int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFram
     record->fileName = facts->fileName;
     record->callType = facts->callType;
     record->facts = facts;
-    record->line = lineOf(known, location);
+    record->line = LineOf(known, location);
     return 0;
 }
 
 int32_t QorGetMethodInfo(const QorFrameHandle *frameHandle, char *dest) {
-    jmethodID method = methodAtIndex(frameHandle);
-    return method != nullptr && readMethodName(method, dest) >= 0 ? 0 : -1;
+    jmethodID method = MethodAtIndex(frameHandle);
+    return method && ReadMethodName(method, dest) >= 0 ? 0 : -1;
 }
 
 int32_t QorGetClassInfo(const QorFrameHandle *frameHandle, char *dest) {
-    jmethodID method = methodAtIndex(frameHandle);
-    return method != nullptr && readClassName(method, dest) >= 0 ? 0 : -1;
+    jmethodID method = MethodAtIndex(frameHandle);
+    return method && ReadClassName(method, dest) >= 0 ? 0 : -1;
 }
 
 int32_t QorGetFileName(const QorFrameHandle *frameHandle, char *dest) {
-    jmethodID method = methodAtIndex(frameHandle);
-    return method != nullptr && readFileName(method, dest) >= 0 ? 0 : -1;
+    jmethodID method = MethodAtIndex(frameHandle);
+    return method && ReadFileName(method, dest) >= 0 ? 0 : -1;
 }
 
 int32_t QorGetLineNumber(const QorFrameHandle *frameHandle) {
-    jmethodID method = methodAtIndex(frameHandle);
-    if (method == nullptr)
+    jmethodID method = MethodAtIndex(frameHandle);
+    if (!method)
         return 0;
     jint count;
     jvmtiLineNumberEntry *lines;
-    if (readLineTable(method, &count, &lines) != JVMTI_ERROR_NONE)
+    if (ReadLineTable(method, &count, &lines) != JVMTI_ERROR_NONE)
         return 0;
     const int32_t line = QorMapLoc2Line(frameHandle->frames[frameHandle->index].location, lines, count);
-    deallocate(lines);
+    Deallocate(lines);
     return line;
 }
 
 int32_t QorMapLoc2Line(jlocation location, const jvmtiLineNumberEntry *table, jint count) {
-    if (table == nullptr || count <= 0)
+    if (!table || count <= 0)
         return -1;
     jint position = 0;
     for (jint step = count / 2; step > 0; step /= 2) {
@@ -372,6 +372,6 @@ void Slash2Dot(char *text) {
 }
 
 void QorGetMethodCallType(const QorFrameRecord *frame, int32_t *out) {
-    if (frame != nullptr)
+    if (frame)
         *out = checkSystemCall(frame->className, frame->method) ? 0 : 1;
 }

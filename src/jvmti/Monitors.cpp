@@ -22,7 +22,7 @@ enum MonitorRoad { ROAD_NONE, ROAD_JVMTI, ROAD_MANAGEMENT };
 constexpr size_t LONGEST_NUMBERED = 1000;
 constexpr jint MONITOR_REFERENCES = 32;
 
-MonitorRoad chooseRoad() {
+MonitorRoad ChooseRoad() {
     if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD && QorGetJvmtiMonitorCapability() != 0)
         return ROAD_JVMTI;
     if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD || qorLockInfoLevel == LOCKS_BY_MANAGEMENT)
@@ -32,15 +32,15 @@ MonitorRoad chooseRoad() {
 
 // The dotted class name of a lock's class into `description`: 1, 0 when the class is not initialised, or -1
 // with the JVM's error.
-int32_t readLockClass(jclass klass, char *description, jvmtiError *error) {
+int32_t ReadLockClass(jclass klass, char *description, jvmtiError *error) {
     *error = JVMTI_ERROR_NONE;
-    if (klass == nullptr || QorIsSameObject(jvmtijni_env, klass, nullptr) || !QorIsClassInitialized(klass))
+    if (!klass || QorIsSameObject(jvmtijni_env, klass, nullptr) || !QorIsClassInitialized(klass))
         return 0;
     char *signature = nullptr;
     *error = jvmti->GetClassSignature(klass, &signature, nullptr);
     if (*error != JVMTI_ERROR_NONE)
         return -1;
-    if (signature == nullptr)
+    if (!signature)
         return 0;
     QorCopyName(description, signature[0] == 'L' ? signature + 1 : signature);
     Slash2Dot(description);
@@ -49,7 +49,7 @@ int32_t readLockClass(jclass klass, char *description, jvmtiError *error) {
 }
 
 // Takes the object's hash code as the lock's number, and puts it behind the class name.
-void numberLock(jobject object, QorMonitorRecord *record) {
+void NumberLock(jobject object, QorMonitorRecord *record) {
     jint hash = 0;
     jvmti->GetObjectHashCode(object, &hash);
     record->hash = hash;
@@ -62,18 +62,18 @@ void numberLock(jobject object, QorMonitorRecord *record) {
     snprintf(record->description + length, NAME_SIZE - length, "@%d", hash);
 }
 
-void readOwnedMonitor(const jvmtiMonitorStackDepthInfo &entry, QorMonitorRecord *record) {
+void ReadOwnedMonitor(const jvmtiMonitorStackDepthInfo &entry, QorMonitorRecord *record) {
     QorLocalFrame frame(jvmtijni_env, 4);
     jclass klass = QorGetObjectClass(jvmtijni_env, entry.monitor);
     jvmtiError error;
-    if (klass == nullptr)
+    if (!klass)
         QORLOG(LOG_ERROR, "  Class Null");
-    else if (readLockClass(klass, record->description, &error) < 0)
+    else if (ReadLockClass(klass, record->description, &error) < 0)
         QORLOG(LOG_NOTE, "  Error Getting Class Signature");
-    numberLock(entry.monitor, record);
+    NumberLock(entry.monitor, record);
     record->waiting = 0;
     record->stackDepth = entry.stack_depth;
-    if (!frame.pushed && klass != nullptr)
+    if (!frame.pushed && klass)
         QorDeleteLocalRef(jvmtijni_env, klass);
 }
 
@@ -90,20 +90,20 @@ int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorReco
         jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES);
     if (count > 0) {
         *out = static_cast<QorMonitorRecord *>(calloc(static_cast<size_t>(count), sizeof(QorMonitorRecord)));
-        if (*out == nullptr) {
+        if (!*out) {
             QORLOG(LOG_ERROR, " monitor_handle allocation fialed ");
             count = 0;
         }
     }
     for (jint i = 0; i < count; i++)
-        readOwnedMonitor(entries[i], &(*out)[i]);
-    if (entries != nullptr)
+        ReadOwnedMonitor(entries[i], &(*out)[i]);
+    if (entries)
         jvmti->Deallocate(reinterpret_cast<unsigned char *>(entries));
     return count;
 }
 
 // Java thread id of the monitor's owner, 0 for none; false when the JVM doesn't tell.
-bool readOwner(jobject object, int64_t *owner) {
+bool ReadOwner(jobject object, int64_t *owner) {
     jvmtiMonitorUsage usage = {};
     if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) {
         QORLOG(LOG_ERROR, "  GetObjectMonitorUsage Failed");
@@ -111,13 +111,13 @@ bool readOwner(jobject object, int64_t *owner) {
     }
     if (usage.waiter_count > MONITOR_REFERENCES / 2)
         jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES); // each waiter came as a reference
-    if (usage.owner != nullptr) {
+    if (usage.owner) {
         QorRefreshIdField();
         QorReadThreadId(usage.owner, owner);
     }
-    if (usage.waiters != nullptr)
+    if (usage.waiters)
         jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.waiters));
-    if (usage.notify_waiters != nullptr)
+    if (usage.notify_waiters)
         jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.notify_waiters));
     return true;
 }
@@ -130,33 +130,32 @@ int32_t QorGetContendedMonitorInfoUsingJvmti(QorThreadHandle *handle, const QorT
         QORLOG(LOG_ERROR, "  Error in GetCurrentContendedMonitor %d", error);
         return 0;
     }
-    if (object == nullptr || QorIsSameObject(jvmtijni_env, object, nullptr))
+    if (!object || QorIsSameObject(jvmtijni_env, object, nullptr))
         return 0;
     jclass klass = QorGetObjectClass(jvmtijni_env, object);
-    if (klass == nullptr) {
+    if (!klass) {
         QORLOG(LOG_ERROR, "  Class Null");
         return 0;
     }
-    const int32_t named = readLockClass(klass, record->description, &error);
+    const int32_t named = ReadLockClass(klass, record->description, &error);
     if (named < 0)
         QORLOG(LOG_ERROR, "  Error Getting Class Signature %d", error);
     if (named <= 0)
         return 0;
-    numberLock(object, record);
+    NumberLock(object, record);
     record->waiting = 1;
     int64_t owner = 0;
-    if (wantOwner != 0 && !readOwner(object, &owner))
+    if (wantOwner != 0 && !ReadOwner(object, &owner))
         return 0;
     record->owner = owner;
     return 1;
 }
 
-bool atThread(const QorThreadHandle *handle) {
-    return handle != nullptr && handle->threads != nullptr && handle->index >= 0 &&
-           handle->index < handle->count;
+bool AtThread(const QorThreadHandle *handle) {
+    return handle && handle->threads && handle->index >= 0 && handle->index < handle->count;
 }
 
-void logNoFrame(int32_t threshold) {
+void LogNoFrame(int32_t threshold) {
     QORLOG(threshold, "  Out of Memory");
 }
 
@@ -164,15 +163,15 @@ void logNoFrame(int32_t threshold) {
 
 int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope,
                                QorMonitorRecord **out) {
-    if (out == nullptr)
+    if (!out)
         return 0;
     *out = nullptr;
-    if (!atThread(handle) || thread == nullptr)
+    if (!AtThread(handle) || !thread)
         return 0;
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
-        logNoFrame(LOG_ERROR);
-    switch (chooseRoad()) {
+        LogNoFrame(LOG_ERROR);
+    switch (ChooseRoad()) {
     case ROAD_JVMTI:
         return QorGetOwnedMonitorInfoUsingJvmti(handle, out);
     case ROAD_MANAGEMENT:
@@ -184,12 +183,12 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
 
 int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
                                    QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner) {
-    if (!atThread(handle) || thread == nullptr || record == nullptr)
+    if (!AtThread(handle) || !thread || !record)
         return 0;
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
-        logNoFrame(LOG_WARNING);
-    switch (chooseRoad()) {
+        LogNoFrame(LOG_WARNING);
+    switch (ChooseRoad()) {
     case ROAD_JVMTI:
         QORLOG(LOG_TRACE, "QorAgetContendedMonitorInforUsing JVMTI");
         return QorGetContendedMonitorInfoUsingJvmti(handle, thread, record, wantOwner);
@@ -203,7 +202,7 @@ int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecor
 
 void describe(jvmtiError error) {
     char *name = nullptr;
-    if (jvmti != nullptr && jvmti->GetErrorName(error, &name) == JVMTI_ERROR_NONE && name != nullptr) {
+    if (jvmti && jvmti->GetErrorName(error, &name) == JVMTI_ERROR_NONE && name) {
         QORLOG(LOG_NOTE, "  Error is : %s", name);
         jvmti->Deallocate(reinterpret_cast<unsigned char *>(name));
     } else {
@@ -212,7 +211,7 @@ void describe(jvmtiError error) {
 }
 
 int32_t QorIsClassInitialized(jclass klass) {
-    if (klass == nullptr)
+    if (!klass)
         return 0;
     if (QorIsSameObject(jvmtijni_env, klass, nullptr)) {
         QORLOG(LOG_NOTE, "  QorIsClassInitialized IsSameObject class got is NULL");
@@ -251,17 +250,17 @@ int64_t QorParseLockName(char *description) {
     char *at = strchr(description, '@');
     char *hash = nullptr; // where the hash text begins
     char *end = nullptr;  // where the name is cut
-    if (at == nullptr) {
+    if (!at) {
         char *p = description + length;
         while (p > description && p[-1] >= '0' && p[-1] <= '9')
             p--;
         if (p > description && *p != 0)
             hash = end = p;
-    } else if (strchr(at + 1, '@') == nullptr) {
+    } else if (!strchr(at + 1, '@')) {
         hash = at + 1;
         end = at;
     }
-    if (hash == nullptr || *hash == 0)
+    if (!hash || *hash == 0)
         return 0;
     char digits[DIGITS_KEPT];
     snprintf(digits, sizeof digits, "%s", hash);

@@ -114,13 +114,13 @@ constexpr ClassRow CLASSES[] = {
     {&gbjcManagementClass, "java/lang/management/ManagementFactory", "Management class NULL "},
 };
 
-bool hasCapability(const jvmtiCapabilities &capabilities, CapabilityBit bit) {
+bool HasCapability(const jvmtiCapabilities &capabilities, CapabilityBit bit) {
     unsigned char bytes[sizeof capabilities];
     memcpy(bytes, &capabilities, sizeof bytes);
     return (bytes[bit / 8] >> (bit % 8) & 1) != 0;
 }
 
-void setCapability(jvmtiCapabilities *capabilities, CapabilityBit bit, bool value) {
+void SetCapability(jvmtiCapabilities *capabilities, CapabilityBit bit, bool value) {
     unsigned char bytes[sizeof *capabilities];
     memcpy(bytes, capabilities, sizeof bytes);
     const unsigned mask = 1u << (bit % 8);
@@ -129,7 +129,7 @@ void setCapability(jvmtiCapabilities *capabilities, CapabilityBit bit, bool valu
 }
 
 // The JVM library; it is loaded already, so this only counts a reference. Null when it isn't there.
-void *openJvmLibrary() {
+void *OpenJvmLibrary() {
     void *handle = nullptr;
     if (QorLoadLibrary(&handle, gbQorJVMLibName) != 0) {
         QORLOG(LOG_ERROR, "Not able to load library");
@@ -139,12 +139,12 @@ void *openJvmLibrary() {
 }
 
 template <typename Function>
-void findEntry(void *library, const char *name, Function *out) {
+void FindEntry(void *library, const char *name, Function *out) {
     *out = reinterpret_cast<Function>(QorFindSymbol(library, name));
 }
 
 // Zeros when they can't be read.
-jvmtiCapabilities potentialCapabilities() {
+jvmtiCapabilities PotentialCapabilities() {
     jvmtiCapabilities potential = {};
     if (jvmti->GetPotentialCapabilities(&potential) != JVMTI_ERROR_NONE) {
         QORLOG(LOG_WARNING, "Not able to get potential capabilities");
@@ -154,7 +154,7 @@ jvmtiCapabilities potentialCapabilities() {
 }
 
 // Update number of a version text such as "1.6.0_45": the decimal digits from index 6 on.
-int32_t updateNumber(const char *version) {
+int32_t UpdateNumber(const char *version) {
     int32_t update = 0;
     if (strnlen(version, 6) < 6)
         return 0;
@@ -164,15 +164,15 @@ int32_t updateNumber(const char *version) {
 }
 
 // At the level that allows it, makes the JVM offer what it holds back, before it is asked what it offers.
-void openCapabilities() {
+void OpenCapabilities() {
     if (gbiOptimizationLevel != LEVEL_CHANGING_THE_JVM)
         return;
-    const jvmtiCapabilities potential = potentialCapabilities();
-    if (!hasCapability(potential, CAN_GET_OWNED_MONITOR_INFO) ||
-        !hasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
-        !hasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO))
+    const jvmtiCapabilities potential = PotentialCapabilities();
+    if (!HasCapability(potential, CAN_GET_OWNED_MONITOR_INFO) ||
+        !HasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
+        !HasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO))
         init_LockCapabilitiesHack();
-    if (strstr(vers, "1.6") != nullptr && strstr(vend, "Sun") != nullptr && updateNumber(vers) < 50) {
+    if (strstr(vers, "1.6") && strstr(vend, "Sun") && UpdateNumber(vers) < 50) {
         init_FollowRefHack();
         QORLOG(LOG_TRACE, "FollowRef optimization is enabled for version %s from vendor %s.", vers, vend);
     }
@@ -180,42 +180,42 @@ void openCapabilities() {
 
 // Asks for each wanted capability that the JVM offers. The monitor flag follows what was asked, not the
 // answer.
-void requestCapabilities() {
-    const jvmtiCapabilities potential = potentialCapabilities();
+void RequestCapabilities() {
+    const jvmtiCapabilities potential = PotentialCapabilities();
     jvmtiCapabilities request = {};
     for (const WantedCapability &wanted : WANTED) {
-        bool offered = hasCapability(potential, wanted.bit);
+        bool offered = HasCapability(potential, wanted.bit);
         if (wanted.bit == CAN_GET_CURRENT_CONTENDED_MONITOR && gbIbmJvm != 0) {
             offered = false;
             QORLOG(LOG_DETAIL, "For AIX contended monitor support not there.");
         }
-        setCapability(&request, wanted.bit, offered);
+        SetCapability(&request, wanted.bit, offered);
         if (!offered)
             QORLOG(LOG_DETAIL, "%s", wanted.absent);
     }
     if (jvmti->AddCapabilities(&request) == JVMTI_ERROR_NONE)
         QORLOG(LOG_NOTE, "Capabilities Added");
     QorInitQorJVMCapabilities();
-    QorSetJvmtiMonitorCapability(hasCapability(request, CAN_GET_CURRENT_CONTENDED_MONITOR) ? 1 : 0);
+    QorSetJvmtiMonitorCapability(HasCapability(request, CAN_GET_CURRENT_CONTENDED_MONITOR) ? 1 : 0);
 }
 
 // A class kept from a start that never ended stays: the worker of that start may be using it.
-void keepClasses(JNIEnv *env) {
+void KeepClasses(JNIEnv *env) {
     QORLOG(LOG_DETAIL, "Getting New Thread Class");
     for (const ClassRow &row : CLASSES) {
-        if (*row.ref != nullptr)
+        if (*row.ref)
             continue;
         jclass found = env->FindClass(row.name); // null with an exception in an image without the module
         QorClearException(env);
-        *row.ref = found != nullptr ? static_cast<jclass>(QorNewGlobalRef(env, found)) : nullptr;
-        if (found != nullptr)
+        *row.ref = found ? static_cast<jclass>(QorNewGlobalRef(env, found)) : nullptr;
+        if (found)
             QorDeleteLocalRef(env, found);
-        if (*row.ref == nullptr)
+        if (!*row.ref)
             QORLOG(LOG_ERROR, "%s", row.missing);
     }
 }
 
-void findIbmExtensions() {
+void FindIbmExtensions() {
     if (gbIbmJvm == 0)
         return;
     iCanGetOSThreadID = 0;
@@ -227,25 +227,25 @@ void findIbmExtensions() {
         QORLOG(LOG_NOTE, "Information - IBM JVM can Trigger VM Dump");
 }
 
-int32_t findMemoryEntries() {
-    void *library = openJvmLibrary();
-    if (library == nullptr)
+int32_t FindMemoryEntries() {
+    void *library = OpenJvmLibrary();
+    if (!library)
         return -1;
-    findEntry(library, gbQorJVMTotalMemory, &fnptrJVM_TotalMemory);
-    findEntry(library, gbQorJVMMaxMemory, &fnptrJVM_MaxMemory);
-    findEntry(library, gbQorJVMFreeMemory, &fnptrJVM_FreeMemory);
+    FindEntry(library, gbQorJVMTotalMemory, &fnptrJVM_TotalMemory);
+    FindEntry(library, gbQorJVMMaxMemory, &fnptrJVM_MaxMemory);
+    FindEntry(library, gbQorJVMFreeMemory, &fnptrJVM_FreeMemory);
     QorCloseLibrary(library);
     return 0;
 }
 
 // No JVM in use today has the extended table, so this is where a start usually ends, with all else in force.
-int32_t findExtendedManagement() {
+int32_t FindExtendedManagement() {
     if (gbIbmJvm != 0)
         return 0;
-    jmm_ext = fnptrJVM_GetManagement != nullptr
+    jmm_ext = fnptrJVM_GetManagement
                   ? static_cast<const JmmExtTable *>(fnptrJVM_GetManagement(MANAGEMENT_EXTENDED))
                   : nullptr;
-    if (jmm_ext == nullptr) {
+    if (!jmm_ext) {
         QORLOG(LOG_DETAIL, "jmm_ext NULL");
         return -1;
     }
@@ -255,30 +255,30 @@ int32_t findExtendedManagement() {
 }
 
 // The environment of the calling thread, null when it isn't attached.
-JNIEnv *currentEnv() {
+JNIEnv *CurrentEnv() {
     void *env = nullptr;
-    if (jr_jvm == nullptr || jr_jvm->GetEnv(&env, JNI_VERSION_WANTED) != JNI_OK)
+    if (!jr_jvm || jr_jvm->GetEnv(&env, JNI_VERSION_WANTED) != JNI_OK)
         return nullptr;
     return static_cast<JNIEnv *>(env);
 }
 
-jfieldID findIdField(jclass klass) {
+jfieldID FindIdField(jclass klass) {
     jfieldID field = nullptr;
     if (gbIbmJvm != 0)
         field = QorGetFieldID(jvmtijni_env, klass, "uniqueId", "J");
-    if (field == nullptr)
+    if (!field)
         field = QorGetFieldID(jvmtijni_env, klass, "tid", "J");
     return field;
 }
 
-void renameThread(jclass klass, jobject thread, const char *name) {
+void RenameThread(jclass klass, jobject thread, const char *name) {
     jmethodID setName = QorGetMethodID(jvmtijni_env, klass, "setName", "(Ljava/lang/String;)V");
-    if (setName == nullptr) {
+    if (!setName) {
         QORLOG(LOG_TRACE, "Failed to get method 'setName' in Thread class");
         return;
     }
     jstring text = QorNewStringUTF(jvmtijni_env, name);
-    if (text != nullptr)
+    if (text)
         QorCallVoidMethod(jvmtijni_env, thread, setName, text);
 }
 
@@ -286,18 +286,18 @@ void renameThread(jclass klass, jobject thread, const char *name) {
 
 int32_t QorInitJmm() {
     jmm = nullptr;
-    void *library = openJvmLibrary();
-    if (library == nullptr)
+    void *library = OpenJvmLibrary();
+    if (!library)
         return -1;
-    findEntry(library, gbQorJVMGetManagement, &fnptrJVM_GetManagement);
+    FindEntry(library, gbQorJVMGetManagement, &fnptrJVM_GetManagement);
     QorCloseLibrary(library);
-    if (fnptrJVM_GetManagement == nullptr) {
+    if (!fnptrJVM_GetManagement) {
         QORLOG(LOG_ERROR, "JVM_GetManagement NULL ");
         return -1;
     }
     for (const JmmVersion &row : JMM_VERSIONS) {
         void *const *table = static_cast<void *const *>(fnptrJVM_GetManagement(row.version));
-        if (table == nullptr)
+        if (!table)
             continue;
         presentedJmm = {};
         memcpy(&presentedJmm.GetLongAttribute, &table[row.getLongAttribute], sizeof(void *));
@@ -320,17 +320,17 @@ int32_t QorDovOnLoad(JNIEnv *env) {
     // Each GetEnv makes a new environment, and can_suspend goes to one of them only: an environment that an
     // earlier start left open is used again.
     void *environment = jvmti;
-    if (environment == nullptr && jr_jvm->GetEnv(&environment, JVMTI_VERSION_WANTED) != JNI_OK) {
+    if (!environment && jr_jvm->GetEnv(&environment, JVMTI_VERSION_WANTED) != JNI_OK) {
         QORLOG(LOG_ERROR, "not able to get required env");
         return -1;
     }
     jvmti = static_cast<jvmtiEnv *>(environment);
-    openCapabilities();
-    requestCapabilities();
+    OpenCapabilities();
+    RequestCapabilities();
     jvmtijni_env = env;
-    keepClasses(env);
-    findIbmExtensions();
-    if (findMemoryEntries() != 0 || findExtendedManagement() != 0)
+    KeepClasses(env);
+    FindIbmExtensions();
+    if (FindMemoryEntries() != 0 || FindExtendedManagement() != 0)
         return -1;
     implCount++;
     return 0;
@@ -338,26 +338,26 @@ int32_t QorDovOnLoad(JNIEnv *env) {
 
 int32_t QorDovOnUnload(JNIEnv *) {
     QORLOG(LOG_NOTE, "Unloading qor agent");
-    if (jr_jvm == nullptr)
+    if (!jr_jvm)
         return 0;
-    JNIEnv *current = currentEnv();
-    if (current == nullptr)
+    JNIEnv *current = CurrentEnv();
+    if (!current)
         return 0;
     jvmtijni_env = current;
     for (const ClassRow &row : CLASSES) {
-        if (*row.ref != nullptr)
+        if (*row.ref)
             QorDeleteGlobalRef(current, *row.ref);
         *row.ref = nullptr;
     }
     // A later start takes a new environment, which must be able to hold can_suspend.
-    if (jvmti != nullptr)
+    if (jvmti)
         jvmti->DisposeEnvironment();
     jvmti = nullptr;
     return 0;
 }
 
 int32_t QorAttachThread() {
-    if (jr_jvm == nullptr)
+    if (!jr_jvm)
         return 0;
     QORLOG(LOG_DETAIL, "  Attaching Current Thread");
     void *env = nullptr;
@@ -370,10 +370,10 @@ int32_t QorAttachThread() {
 }
 
 int32_t QorDetachThread() {
-    if (jr_jvm == nullptr)
+    if (!jr_jvm)
         return 0;
     QORLOG(LOG_DETAIL, "  Detaching Current Thread");
-    if (jvmtijni_env != nullptr && jvmtijni_env == currentEnv())
+    if (jvmtijni_env && jvmtijni_env == CurrentEnv())
         jvmtijni_env = nullptr;
     const jint result = jr_jvm->DetachCurrentThread();
     QORLOG(LOG_NOTE, "  Detach Current Thread returning %d", result);
@@ -388,18 +388,18 @@ void setThreadNameAndGetThreadID(const char *name) {
         return;
     }
     jclass klass = QorFindClass(jvmtijni_env, "java/lang/Thread");
-    if (klass == nullptr) {
+    if (!klass) {
         QORLOG(LOG_TRACE, "Failed to find class 'Thread'");
         return;
     }
     jmethodID current = QorGetStaticMethodID(jvmtijni_env, klass, "currentThread", "()Ljava/lang/Thread;");
-    if (current == nullptr)
+    if (!current)
         return;
     jobject thread = QorCallStaticObjectMethod(jvmtijni_env, klass, current);
-    if (thread == nullptr)
+    if (!thread)
         return;
-    renameThread(klass, thread, name);
-    idField = findIdField(klass);
+    RenameThread(klass, thread, name);
+    idField = FindIdField(klass);
     QorReadThreadId(static_cast<jthread>(thread), &gbiAgentWorkerThreadId);
 }
 
@@ -409,16 +409,16 @@ void QorLogNoFrame(int32_t threshold) {
 
 bool QorRefreshIdField() {
     if (QorIsClassInitialized(threadClass))
-        idField = findIdField(threadClass);
-    return idField != nullptr;
+        idField = FindIdField(threadClass);
+    return idField;
 }
 
 bool QorReadThreadId(jthread thread, int64_t *out) {
-    if (idField == nullptr) {
+    if (!idField) {
         QORLOG(LOG_ERROR, "  idField NULL");
         return false;
     }
-    if (thread == nullptr || QorIsSameObject(jvmtijni_env, thread, nullptr))
+    if (!thread || QorIsSameObject(jvmtijni_env, thread, nullptr))
         return false;
     *out = QorGetLongField(jvmtijni_env, thread, idField);
     return true;
@@ -426,11 +426,11 @@ bool QorReadThreadId(jthread thread, int64_t *out) {
 
 void checkCapabilities() {
     jvmtiCapabilities held = {};
-    if (jvmti == nullptr || jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) {
+    if (!jvmti || jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) {
         QORLOG(LOG_NOTE, "  Not able to get current  capabilities");
         return;
     }
-    if (!hasCapability(held, CAN_TAG_OBJECTS))
+    if (!HasCapability(held, CAN_TAG_OBJECTS))
         QORLOG(LOG_ERROR, "  ******can_tag_objects capability is not set."
                           "Copy library libqorcapability to another directory and restart Java with argument "
                           "\"-agentpath:<Absolute path of libqorcapability.so>\" ******\n");
@@ -449,11 +449,11 @@ int32_t QorGetIBMExtension() {
 
     jint count = 0;
     jvmtiExtensionFunctionInfo *extensions = nullptr;
-    if (jvmti == nullptr || jvmti->GetExtensionFunctions(&count, &extensions) != JVMTI_ERROR_NONE)
+    if (!jvmti || jvmti->GetExtensionFunctions(&count, &extensions) != JVMTI_ERROR_NONE)
         return 0;
     QORLOG(LOG_TRACE, "QorGetOSThreadIDExtension - ext count %d", count);
     // The array is a tree of allocations that is asked for once in a process; it is left to the JVM.
-    for (jint i = 0; i < count && extensions != nullptr && extensions[i].id != nullptr; i++) {
+    for (jint i = 0; i < count && extensions && extensions[i].id; i++) {
         for (const auto &wanted : WANTED_EXTENSIONS) {
             if (strncmp(extensions[i].id, wanted.id, ID_LENGTH) == 0) {
                 *wanted.function = extensions[i].func;
@@ -468,7 +468,7 @@ int32_t QorGetIBMExtension() {
 
 int64_t QorGetOSThreadID(jthread thread) {
     jlong id = -1;
-    if (funcGetOSThreadID == nullptr)
+    if (!funcGetOSThreadID)
         return -1;
     const jvmtiError error = funcGetOSThreadID(jvmti, thread, &id);
     if (error != JVMTI_ERROR_NONE) {

@@ -21,40 +21,40 @@ constexpr const char *STATE_TEXTS[STATE_COUNT] = {
 // Whether a text begins with another. The first character settles nearly every test, and a sample makes
 // several for each frame.
 template <size_t N>
-bool startsWith(const char *text, const char (&start)[N]) {
+bool StartsWith(const char *text, const char (&start)[N]) {
     return text[0] == start[0] && strncmp(text, start, N - 1) == 0;
 }
 
 // Texts compared in whole include their terminator.
 template <size_t N>
-bool equals(const char *text, const char (&other)[N]) {
+bool Equals(const char *text, const char (&other)[N]) {
     return text[0] == other[0] && strncmp(text, other, N) == 0;
 }
 
 constexpr int32_t NO_CHANGE = -1;
 
 // What a runnable thread does by the file or channel call on top of its stack.
-int32_t stateOfIoCall(const char *className, const char *method) {
-    if (startsWith(method, "accept0") || startsWith(method, "poll0"))
+int32_t StateOfIoCall(const char *className, const char *method) {
+    if (StartsWith(method, "accept0") || StartsWith(method, "poll0"))
         return STATE_OBJECT_WAIT;
     // Since JDK 13 sockets accept through this call, whether they come from java.net or from a channel.
-    if (equals(className, "sun.nio.ch.Net") && equals(method, "accept"))
+    if (Equals(className, "sun.nio.ch.Net") && Equals(method, "accept"))
         return STATE_OBJECT_WAIT;
-    return startsWith(className, "sun.nio.ch.") ? STATE_NETWORK_WAIT : STATE_IO_WAIT;
+    return StartsWith(className, "sun.nio.ch.") ? STATE_NETWORK_WAIT : STATE_IO_WAIT;
 }
 
-int32_t stateOfOtherCall(const char *className, const char *method) {
+int32_t StateOfOtherCall(const char *className, const char *method) {
     // A thread that stands in the agent's own request entry waits for the worker.
-    if (startsWith(className, "qoragent.Agent"))
-        return startsWith(method, "dataFromNative") ? STATE_OBJECT_WAIT : NO_CHANGE;
-    if (equals(className, "vostok.ext.epoll.EPoll"))
-        return startsWith(method, "epollWait0") ? STATE_OBJECT_WAIT : NO_CHANGE;
-    if (startsWith(className, "java.net."))
-        return startsWith(method, "socketAccept") ? STATE_OBJECT_WAIT : STATE_NETWORK_WAIT;
-    return startsWith(className, "vostok.net.") ? STATE_NETWORK_WAIT : NO_CHANGE;
+    if (StartsWith(className, "qoragent.Agent"))
+        return StartsWith(method, "dataFromNative") ? STATE_OBJECT_WAIT : NO_CHANGE;
+    if (Equals(className, "vostok.ext.epoll.EPoll"))
+        return StartsWith(method, "epollWait0") ? STATE_OBJECT_WAIT : NO_CHANGE;
+    if (StartsWith(className, "java.net."))
+        return StartsWith(method, "socketAccept") ? STATE_OBJECT_WAIT : STATE_NETWORK_WAIT;
+    return StartsWith(className, "vostok.net.") ? STATE_NETWORK_WAIT : NO_CHANGE;
 }
 
-void setState(QorThreadRecord *thread, int32_t state) {
+void SetState(QorThreadRecord *thread, int32_t state) {
     if (state == NO_CHANGE)
         return;
     thread->state = state;
@@ -62,22 +62,22 @@ void setState(QorThreadRecord *thread, int32_t state) {
 }
 
 // JVMTI calls every thread runnable that stands in native code, so the call on top tells what it waits for.
-void refineRunnable(const char *className, const char *method, QorThreadRecord *thread) {
-    if (startsWith(className, "java.io.") || startsWith(className, "sun.nio."))
-        setState(thread, stateOfIoCall(className, method));
+void RefineRunnable(const char *className, const char *method, QorThreadRecord *thread) {
+    if (StartsWith(className, "java.io.") || StartsWith(className, "sun.nio."))
+        SetState(thread, StateOfIoCall(className, method));
     else
-        setState(thread, stateOfOtherCall(className, method));
-    if (startsWith(className, "tessar.jdbc.zdi8.ZDIDBAccess")) {
-        setState(thread, STATE_DB_WAIT);
+        SetState(thread, StateOfOtherCall(className, method));
+    if (StartsWith(className, "tessar.jdbc.zdi8.ZDIDBAccess")) {
+        SetState(thread, STATE_DB_WAIT);
         tessar_thick_driver = 1;
     }
 }
 
-void refineCondVarWait(const char *className, const char *method, QorThreadRecord *thread) {
-    if (startsWith(className, "java.lang.Thread") && startsWith(method, "sleep"))
-        setState(thread, STATE_SLEEPING);
-    else if (startsWith(className, "java.lang.Object") && startsWith(method, "wait"))
-        setState(thread, STATE_OBJECT_WAIT);
+void RefineCondVarWait(const char *className, const char *method, QorThreadRecord *thread) {
+    if (StartsWith(className, "java.lang.Thread") && StartsWith(method, "sleep"))
+        SetState(thread, STATE_SLEEPING);
+    else if (StartsWith(className, "java.lang.Object") && StartsWith(method, "wait"))
+        SetState(thread, STATE_OBJECT_WAIT);
 }
 
 } // namespace
@@ -128,27 +128,27 @@ void mapQorThreadState2String(int32_t state, char *dest) {
 int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thread) {
     constexpr int32_t TIMED_ACCEPT_DEPTH = 2; // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
     constexpr int32_t RMI_DEPTH = 3;
-    if (frame == nullptr) {
-        setState(thread, STATE_OBJECT_WAIT);
+    if (!frame) {
+        SetState(thread, STATE_OBJECT_WAIT);
         return 0;
     }
     const char *className = frame->className;
     if (frame->frameIndex == 0) {
         if (thread->state == STATE_RUNNABLE)
-            refineRunnable(className, frame->method, thread);
+            RefineRunnable(className, frame->method, thread);
         else if (thread->state == STATE_CONDVAR_WAIT)
-            refineCondVarWait(className, frame->method, thread);
+            RefineCondVarWait(className, frame->method, thread);
     }
     if (thread->state == STATE_NETWORK_WAIT && frame->frameIndex == TIMED_ACCEPT_DEPTH &&
-        equals(className, "sun.nio.ch.NioSocketImpl") && equals(frame->method, "timedAccept"))
-        setState(thread, STATE_OBJECT_WAIT);
+        Equals(className, "sun.nio.ch.NioSocketImpl") && Equals(frame->method, "timedAccept"))
+        SetState(thread, STATE_OBJECT_WAIT);
     // A driver deep in the stack marks a runnable thread as waiting for the database.
     if ((thread->state == STATE_RUNNABLE || thread->state == STATE_NETWORK_WAIT) &&
-        (startsWith(className, "tessar.net.") || startsWith(className, "ferrule.jdbc.")))
-        setState(thread, STATE_DB_WAIT);
+        (StartsWith(className, "tessar.net.") || StartsWith(className, "ferrule.jdbc.")))
+        SetState(thread, STATE_DB_WAIT);
     if (frame->frameIndex < RMI_DEPTH &&
         (thread->state == STATE_OBJECT_WAIT || thread->state == STATE_OTHER) &&
-        startsWith(className, "ferrule.rjvm.ResponseImpl"))
-        setState(thread, STATE_RMI_WAIT);
+        StartsWith(className, "ferrule.rjvm.ResponseImpl"))
+        SetState(thread, STATE_RMI_WAIT);
     return 0;
 }

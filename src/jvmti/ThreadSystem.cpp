@@ -32,21 +32,21 @@ constexpr int32_t INDEX_LIMIT = MAX_WALK_THREADS + 1;
 constexpr jint SNAPSHOT_FRAME_CAPACITY = 4096; // the most that HotSpot grants
 constexpr jint REFERENCES_OF_A_VIEW = 64;
 
-void freeSnapshotArray(int32_t threshold) {
+void FreeSnapshotArray(int32_t threshold) {
     const jvmtiError error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(qorstack_info_ptr));
     if (error != JVMTI_ERROR_NONE)
         QORLOG(threshold, "Error while deallocating stack_info_ptr %d", error);
     qorstack_info_ptr = nullptr;
 }
 
-void popSnapshotFrame() {
+void PopSnapshotFrame() {
     if (snapshotFramePushed)
         QorPopLocalFrame(jvmtijni_env, nullptr);
     snapshotFramePushed = false;
 }
 
 // Threads beyond the cap are not seen; the line says so once in many samples.
-void capThreadCount(QorThreadHandle *handle) {
+void CapThreadCount(QorThreadHandle *handle) {
     if (handle->count <= MAX_WALK_THREADS)
         return;
     if (nThreadExceedCount == SAMPLES_PER_OVERFLOW_LINE)
@@ -57,12 +57,12 @@ void capThreadCount(QorThreadHandle *handle) {
     handle->count = MAX_WALK_THREADS;
 }
 
-void takeSnapshot(QorThreadHandle *handle) {
+void TakeSnapshot(QorThreadHandle *handle) {
     handle->count = 0;
     handle->index = -1;
-    if (qorstack_info_ptr != nullptr)
-        freeSnapshotArray(LOG_ERROR);
-    if (jvmti == nullptr || jvmtijni_env == nullptr)
+    if (qorstack_info_ptr)
+        FreeSnapshotArray(LOG_ERROR);
+    if (!jvmti || !jvmtijni_env)
         return;
     if (qorIsPollOrTrace == 0)
         QORLOG(LOG_DETAIL, "Calling GetAllStackTraces for %d deep", maxStackDepthQueried);
@@ -74,7 +74,7 @@ void takeSnapshot(QorThreadHandle *handle) {
         describe(error);
         qorstack_info_ptr = nullptr;
         threads_count = 0;
-        popSnapshotFrame();
+        PopSnapshotFrame();
         return;
     }
     if (threads_count > SNAPSHOT_FRAME_CAPACITY - REFERENCES_OF_A_VIEW)
@@ -84,20 +84,19 @@ void takeSnapshot(QorThreadHandle *handle) {
                threads_count);
     handle->threads = gbjThreadList;
     handle->count = threads_count;
-    capThreadCount(handle);
+    CapThreadCount(handle);
     for (int32_t i = 0; i < handle->count; i++)
         gbjThreadList[i] = qorstack_info_ptr[i].thread;
     QorRefreshIdField();
 }
 
-jthread threadAtCursor(const QorThreadHandle *handle) {
-    if (handle == nullptr || handle->threads == nullptr || handle->index < 0 ||
-        handle->index >= handle->count)
+jthread ThreadAtCursor(const QorThreadHandle *handle) {
+    if (!handle || !handle->threads || handle->index < 0 || handle->index >= handle->count)
         return nullptr;
     return handle->threads[handle->index];
 }
 
-void logCallFailed(jvmtiError error) {
+void LogCallFailed(jvmtiError error) {
     QORLOG(LOG_NOTE, "(GetThreadInfo) Error expected: %d, got: %d", JVMTI_ERROR_NONE, error);
     describe(error);
     jvmtiPhase phase = JVMTI_PHASE_LIVE;
@@ -105,7 +104,7 @@ void logCallFailed(jvmtiError error) {
     QORLOG(LOG_NOTE, "    current phase is %d", phase);
 }
 
-void readSystemThreadId(jthread thread, QorThreadRecord *record) {
+void ReadSystemThreadId(jthread thread, QorThreadRecord *record) {
     if (gbIbmJvm == 0)
         return;
     record->ostid = iCanGetOSThreadID != 0 ? QorGetOSThreadID(thread) : -1;
@@ -114,16 +113,16 @@ void readSystemThreadId(jthread thread, QorThreadRecord *record) {
 }
 
 // Everything of a thread that JVMTI tells, inside the caller's local frame.
-int32_t readThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
+int32_t ReadThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
     jvmtiThreadInfo info = {};
     jvmtiError error = jvmti->GetThreadInfo(thread, &info);
     if (error != JVMTI_ERROR_NONE) {
-        logCallFailed(error);
+        LogCallFailed(error);
         return -1;
     }
     record->priority = info.priority;
     record->daemon = info.is_daemon ? 1 : 0;
-    if (info.name != nullptr) {
+    if (info.name) {
         QorCopyName(record->name, info.name);
         error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(info.name));
         if (error != JVMTI_ERROR_NONE) {
@@ -139,7 +138,7 @@ int32_t readThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
         return -1;
     }
     if (QorReadThreadId(thread, &record->tid))
-        readSystemThreadId(thread, record);
+        ReadSystemThreadId(thread, record);
     return 0;
 }
 
@@ -156,12 +155,12 @@ void QorInitThreadHandle(QorThreadHandle *handle) {
 }
 
 QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t) {
-    if (handle == nullptr) {
+    if (!handle) {
         QORLOG(LOG_ERROR, " CurrentThread NULL");
         return nullptr;
     }
-    if (handle->threads == nullptr)
-        takeSnapshot(handle);
+    if (!handle->threads)
+        TakeSnapshot(handle);
     handle->index++;
     return handle;
 }
@@ -169,28 +168,28 @@ QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t) {
 void QorCloseThreadHandle(QorThreadHandle *) {
     QorDropMethodFacts();
     QorCloseMonitorSample(); // no answer of this walk may pass for one of the next
-    if (qorstack_info_ptr == nullptr)
+    if (!qorstack_info_ptr)
         return;
     if (snapshotFramePushed) {
-        popSnapshotFrame(); // takes all of the snapshot's references with it
+        PopSnapshotFrame(); // takes all of the snapshot's references with it
     } else {
         for (jint i = 0; i < threads_count; i++)
             if (!QorIsSameObject(jvmtijni_env, qorstack_info_ptr[i].thread, nullptr))
                 QorDeleteLocalRef(jvmtijni_env, qorstack_info_ptr[i].thread);
     }
-    freeSnapshotArray(LOG_WARNING);
+    FreeSnapshotArray(LOG_WARNING);
     threads_count = 0;
 }
 
 int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
-    jthread thread = threadAtCursor(handle);
-    if (thread == nullptr)
+    jthread thread = ThreadAtCursor(handle);
+    if (!thread)
         return -1;
     QorLocalFrame frame(jvmtijni_env, 1); // for the group and the loader that come with the name
     if (!frame.pushed)
         QorLogNoFrame(LOG_ERROR);
     jint jvmtiState = 0;
-    if (readThread(thread, record, &jvmtiState) != 0)
+    if (ReadThread(thread, record, &jvmtiState) != 0)
         return -1;
     record->state = mapThreadStatetoQorState(jvmtiState, record->tid);
     record->handle = handle;
@@ -199,24 +198,24 @@ int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
 
 int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index) {
     int64_t tid = 0;
-    if (handle != nullptr && handle->threads != nullptr && index >= 0 && index < handle->count)
+    if (handle && handle->threads && index >= 0 && index < handle->count)
         QorReadThreadId(handle->threads[index], &tid);
     return tid;
 }
 
 int32_t QorGetFrames(QorThreadHandle *handle, QorFrameHandle *frameHandle) {
-    if (frameHandle == nullptr) {
+    if (!frameHandle) {
         QORLOG(LOG_ERROR, "  QorGetFrames: Frame Handle is NULL");
         QORLOG(LOG_ERROR, " QorGetFrames: Frame NULL");
         return -1;
     }
     frameHandle->index = 0;
     frameHandle->count = 0;
-    if (handle != nullptr && handle->index >= INDEX_LIMIT) {
+    if (handle && handle->index >= INDEX_LIMIT) {
         QORLOG(LOG_ERROR, "  Getting Index greater than 1024");
         return -1;
     }
-    if (threadAtCursor(handle) == nullptr || qorstack_info_ptr == nullptr) {
+    if (!ThreadAtCursor(handle) || !qorstack_info_ptr) {
         QORLOG(LOG_ERROR, "  QorGetFrames: Thread is NULL, Can't get the frames");
         return -1;
     }

@@ -34,30 +34,30 @@ struct FaultNote {
     volatile int32_t outcome;
 } lastFault;
 
-void noteFault(int sig, const siginfo_t *info, FaultOutcome outcome) {
+void NoteFault(int sig, const siginfo_t *info, FaultOutcome outcome) {
     lastFault.signal = sig;
-    lastFault.code = info != nullptr ? info->si_code : 0;
-    lastFault.address = info != nullptr ? reinterpret_cast<unsigned long>(info->si_addr) : 0;
+    lastFault.code = info ? info->si_code : 0;
+    lastFault.address = info ? reinterpret_cast<unsigned long>(info->si_addr) : 0;
     lastFault.thread = pthread_self();
     lastFault.workerTrying = tryState == TRY_RUNNING;
     lastFault.parentTrying = parent_tryState == TRY_RUNNING;
     lastFault.outcome = outcome;
 }
 
-void putHandlersBack() {
+void PutHandlersBack() {
     vostok_oldsig_actions[SIGSEGV].sa_sigaction = JavaSignalHandler_sigsegv;
     vostok_oldsig_actions[SIGBUS].sa_sigaction = JavaSignalHandler_sigbus;
 }
 
-unsigned long addressOf(SignalHandler handler) {
+unsigned long AddressOf(SignalHandler handler) {
     return reinterpret_cast<unsigned long>(handler);
 }
 
-void logUnchained(int32_t threshold) {
+void LogUnchained(int32_t threshold) {
     QORLOG(threshold, "SignalHandler un-chained ");
 }
 
-void logPassedOn(const FaultNote &fault) {
+void LogPassedOn(const FaultNote &fault) {
     if (fault.workerTrying)
         QORLOG(LOG_NOTE,
                "Try SET in Child: Catch thread %d, child thread tid %d, signo %d: si_code %d, si_addr %lx",
@@ -71,7 +71,7 @@ void logPassedOn(const FaultNote &fault) {
     QORLOG(LOG_TRACE, "Unable to recover from signal %d: si_code %d, si_addr %lx", fault.signal, fault.code,
            fault.address);
     if (sig_hack != 0)
-        logUnchained(LOG_TRACE);
+        LogUnchained(LOG_TRACE);
 }
 
 } // namespace
@@ -83,7 +83,7 @@ void trycatch_LogFault() {
     if (fault.outcome == FAULT_NONE)
         return;
     if (fault.outcome == FAULT_PASSED_ON) {
-        logPassedOn(fault);
+        LogPassedOn(fault);
         return;
     }
     const char *name = fault.signal == SIGSEGV ? "SIGSEGV" : "SIGBUS";
@@ -97,16 +97,16 @@ void trycatch_LogFault() {
 
 void trycatch_Catcher(int sig, siginfo_t *info, void *) {
     if (tryState == TRY_RUNNING && pthread_equal(pthread_self(), trycatch_tid)) {
-        noteFault(sig, info, FAULT_RECOVERED_WORKER);
+        NoteFault(sig, info, FAULT_RECOVERED_WORKER);
         siglongjmp(trycatch_mark, -1);
     }
     if (parent_tryState == TRY_RUNNING && pthread_equal(pthread_self(), parent_trycatch_tid)) {
-        noteFault(sig, info, FAULT_RECOVERED_PARENT);
+        NoteFault(sig, info, FAULT_RECOVERED_PARENT);
         siglongjmp(parent_trycatch_mark, -1);
     }
-    noteFault(sig, info, FAULT_PASSED_ON);
+    NoteFault(sig, info, FAULT_PASSED_ON);
     if (sig_hack != 0)
-        putHandlersBack();
+        PutHandlersBack();
     raise(sig);
 }
 
@@ -114,7 +114,7 @@ void trycatch_init() {
     if (sig_hack == 0)
         return;
     QORLOG(LOG_DETAIL, "Initializing Vostok SignalHandler chaining");
-    if (vostok_oldsig_actions == nullptr) {
+    if (!vostok_oldsig_actions) {
         QORLOG(LOG_DETAIL, "Vostok SignalHandler chaining failed");
         sig_hack = 0;
         return;
@@ -125,8 +125,8 @@ void trycatch_init() {
     vostok_oldsig_actions[SIGSEGV].sa_sigaction = trycatch_Catcher;
     vostok_oldsig_actions[SIGBUS].sa_sigaction = trycatch_Catcher;
     QORLOG(LOG_NOTE, "Agent handler: %lx, JVM signal handler array: %lx, sigsegv: %lx, sigbus: %lx ",
-           addressOf(trycatch_Catcher), reinterpret_cast<unsigned long>(vostok_oldsig_actions),
-           addressOf(JavaSignalHandler_sigsegv), addressOf(JavaSignalHandler_sigbus));
+           AddressOf(trycatch_Catcher), reinterpret_cast<unsigned long>(vostok_oldsig_actions),
+           AddressOf(JavaSignalHandler_sigsegv), AddressOf(JavaSignalHandler_sigbus));
 }
 
 void trycatch_Cleanup() {
@@ -134,8 +134,8 @@ void trycatch_Cleanup() {
         return;
     trycatch_LogFault();
     QORLOG(LOG_NOTE, "sigbus: old - %lx, cur - %lx. sigsegv: old - %lx, cur - %lx",
-           addressOf(JavaSignalHandler_sigbus), addressOf(vostok_oldsig_actions[SIGBUS].sa_sigaction),
-           addressOf(JavaSignalHandler_sigsegv), addressOf(vostok_oldsig_actions[SIGSEGV].sa_sigaction));
-    putHandlersBack();
-    logUnchained(LOG_NOTE);
+           AddressOf(JavaSignalHandler_sigbus), AddressOf(vostok_oldsig_actions[SIGBUS].sa_sigaction),
+           AddressOf(JavaSignalHandler_sigsegv), AddressOf(vostok_oldsig_actions[SIGSEGV].sa_sigaction));
+    PutHandlersBack();
+    LogUnchained(LOG_NOTE);
 }
