@@ -5,6 +5,7 @@
 #include "jvmti/FieldText.h"
 #include "jvmti/LocalObjects.h"
 #include "jvmti/ObjectFields.h"
+#include "qorStrUtils.h"
 #include "qorrequest.h"
 
 #include <condition_variable>
@@ -106,6 +107,25 @@ struct ObjectViews : SessionTest {
         return view;
     }
     std::string viewOf(const char *kind) { return viewOf(make(kind)); }
+
+    // A view into a page of any size is the beginning of the whole one, up to its last line, which is cut at
+    // a record and then closed as far as there is room.
+    template <typename View>
+    void expectWholeRecords(View view) {
+        gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
+        const std::string whole = view(PAGEBUF_SIZE);
+        for (int32_t size = 1; size < static_cast<int32_t>(whole.size()); size += 3) {
+            gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
+            const std::string part = view(size);
+            const size_t end = part.size() < 2 ? 0 : part.rfind('\n', part.size() - 2) + 1;
+            EXPECT_EQ(whole.compare(0, end, part, 0, end), 0) << size << "\n" << part;
+            const std::string last = part.substr(end);
+            EXPECT_TRUE(last.empty() || last == "$\n" || last == "Active$\n" ||
+                        whole.find(last) != std::string::npos)
+                << size << "\n"
+                << part;
+        }
+    }
 };
 
 // What a frame's row of the stack view gives the console to ask for its locals.
@@ -125,7 +145,11 @@ int64_t MethodOf(const char *method, bool native = false) {
 }
 
 struct Holder {
-    explicit Holder(const char *start = "startHolder") {
+    explicit Holder(int again = 1) {
+        Env()->DeleteLocalRef(CallObject(SPECIMENS, "startHolder", "(I)Ljava/lang/Thread;", again));
+        tid = CallLong(SPECIMENS, "id", "()J");
+    }
+    explicit Holder(const char *start) {
         Env()->DeleteLocalRef(CallObject(SPECIMENS, start, "()Ljava/lang/Thread;"));
         tid = CallLong(SPECIMENS, "id", "()J");
     }
@@ -352,7 +376,9 @@ TEST_F(ObjectViews, EndWithTheObjectsLife) {
 }
 
 TEST_F(ObjectViews, CutLongValuesAtACharacter) {
+    bufferOverflowCount = 0;
     const std::string view = viewOf("Long");
+    EXPECT_EQ(bufferOverflowCount, 0) << "no value may pass for a reply that is full";
     const auto value = [&](const std::string &name) {
         const size_t from = view.find("|" + name + "|") + name.size() + 2;
         return view.substr(from, view.find('\n', from) - from);
@@ -379,12 +405,16 @@ TEST_F(ObjectViews, CopyNoBigValue) {
 
 TEST_F(ObjectViews, FreeWhatTheyTake) {
     jobject object = make("Values");
-    for (int i = 0; i < 50; i++)
-        viewOf(object);
+    const auto show = [&](int times) {
+        jvmti->SetTag(object, SOME_TAG);
+        std::vector<char> page(PAGEBUF_SIZE);
+        for (int i = 0; i < times; i++, page[0] = 0)
+            QorShowObjectRequest(SOME_TAG, 0, QORREQ_SHOW_OBJECT, page.data(), PAGEBUF_SIZE);
+    };
+    show(200);
     const int64_t before = KilobytesOf("VmRSS:");
-    for (int i = 0; i < 1000; i++)
-        viewOf(object); // 45 records of 3 KiB each time
-    EXPECT_LT(KilobytesOf("VmRSS:") - before, 16 << 10);
+    show(4000); // of 42 fields: small things count too
+    EXPECT_LT(KilobytesOf("VmRSS:") - before, 4 << 10);
 }
 
 TEST_F(ObjectViews, AreBounded) {
@@ -397,16 +427,12 @@ TEST_F(ObjectViews, AreBounded) {
     EXPECT_EQ(FirstClass(deep), "Lmade/C59;");
     EXPECT_NE(deep.find("Object Name :Lmade/C11;"), std::string::npos);
     EXPECT_EQ(CountOf(viewOf(made(3, 5000)), "Public: Int"), static_cast<size_t>(MAX_FIELDS_OF_VIEW));
-    // A reply that runs full ends with a whole record and its section's end.
-    jobject wide = made(2, 500);
-    jvmti->SetTag(wide, SOME_TAG);
-    const std::string whole = ObjectView(SOME_TAG);
-    for (int32_t size = 1; size < 600; size += 7) {
-        const std::string view = ObjectView(SOME_TAG, size);
-        EXPECT_LT(view.size(), static_cast<size_t>(size) + CountOf(view, "$"));
-        const std::string rows = view.substr(0, view.rfind('\n', view.size() - 2) + 1);
-        EXPECT_EQ(whole.compare(0, rows.size(), rows), 0) << view;
-    }
+}
+
+TEST_F(ObjectViews, FillAReplyWithWholeRecords) {
+    jobject object = make("Values");
+    jvmti->SetTag(object, SOME_TAG);
+    expectWholeRecords([](int32_t size) { return ObjectView(SOME_TAG, size); });
 }
 
 TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
@@ -463,10 +489,17 @@ TEST_F(Locals, NeverBreakTheirRowOfNumbers) {
 TEST_F(Locals, FillAReplyWithWholeRecords) {
     Holder holder;
     const int64_t method = MethodOf("hold");
-    const std::string whole = LocalsView(holder.tid, method);
+    expectWholeRecords([&](int32_t size) { return LocalsView(holder.tid, method, size); });
     gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
     EXPECT_EQ(LocalsView(holder.tid, method, 48), "Method Locals\n^|^|String|a text1\nActive$\n");
     EXPECT_EQ(LocalsView(holder.tid, method, 16), "Method Locals\n$\n");
+}
+
+TEST_F(Locals, OfARecursionAreShownTogether) {
+    Holder holder(120);
+    const std::string view = LocalsView(holder.tid, MethodOf("hold"));
+    EXPECT_EQ(CountOf(view, "|String|"), 121u) << view;
+    EXPECT_EQ(CountOf(view, "|Int Array|"), 121u) << view;
 }
 
 std::mutex restLock;

@@ -60,15 +60,11 @@ public final class Specimens {
     }
 
     /** Two classes above it, the first without a field. */
-    public static class Leaf extends Bare {
-        private int inLeaf = 1;
-    }
+    public static class Leaf extends Bare { private int inLeaf = 1; }
 
     public static class Bare extends Base {}
 
-    public static class Base {
-        protected int inBase = 2;
-    }
+    public static class Base { protected int inBase = 2; }
 
     /** Long texts and arrays, cut where a record ends. */
     public static class Long {
@@ -112,6 +108,10 @@ public final class Specimens {
 
     public static Object make(String kind) throws Exception {
         switch (kind) {
+        case "Values":
+            Values values = new Values();
+            values.own = values;
+            return values;
         case "plain":
             return new Object();
         case "ints":
@@ -131,19 +131,24 @@ public final class Specimens {
             Arrays.fill(forty, 0, 21, new Leaf());
             return forty;
         default:
-            return Class.forName(Specimens.class.getName() + "$" + kind).getDeclaredConstructor().newInstance();
+            return Class.forName(Specimens.class.getName() + "$" + kind)
+                .getDeclaredConstructor()
+                .newInstance();
         }
     }
 
     // ---- threads
 
-    /** Starts a thread that stands in hold(), called by itself once; returns when it stands there. */
-    public static Thread startHolder() throws Exception {
+    /**
+     * Starts a thread that stands in hold(), called by itself `again` times; returns when it stands there.
+     */
+    public static Thread startHolder(int again) throws Exception {
         gate = new Resident.Gate();
         gate.open(Thread.currentThread());
         hold(1, "warm", new int[0], new Object[0], new Values(), Values.class); // resolves what it refers to
         gate = new Resident.Gate();
-        return start(() -> hold(1, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
+        return start(
+            () -> hold(again, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
     }
 
     private static void hold(int again, String text, int[] numbers, Object[] some, Values values,
