@@ -90,9 +90,9 @@ void trycatch_LogFault() {
     QORLOG(LOG_NOTE, "Recovering from signal %d: si_code %d, si_addr %lx", fault.signal, fault.code,
            fault.address);
     if (fault.outcome == FAULT_RECOVERED_WORKER)
-        QORLOG(LOG_NOTE, "Child Thread recovering from %s", name);
+        QORLOG(LOG_ERROR, "Child Thread recovering from %s", name);
     else
-        QORLOG(LOG_NOTE, "Parent Thread recovering from %s", name);
+        QORLOG(LOG_ERROR, "Parent Thread recovering from %s", name);
 }
 
 void trycatch_Catcher(int sig, siginfo_t *info, void *) {
@@ -120,8 +120,11 @@ void trycatch_init() {
         return;
     }
     // The JVM's dispatcher consults its own table, so the operating system's handlers stay as they are.
-    JavaSignalHandler_sigsegv = vostok_oldsig_actions[SIGSEGV].sa_sigaction;
-    JavaSignalHandler_sigbus = vostok_oldsig_actions[SIGBUS].sa_sigaction;
+    // A catcher that an earlier start left there must not pass for the JVM's: it would hand faults to itself.
+    if (vostok_oldsig_actions[SIGSEGV].sa_sigaction != trycatch_Catcher)
+        JavaSignalHandler_sigsegv = vostok_oldsig_actions[SIGSEGV].sa_sigaction;
+    if (vostok_oldsig_actions[SIGBUS].sa_sigaction != trycatch_Catcher)
+        JavaSignalHandler_sigbus = vostok_oldsig_actions[SIGBUS].sa_sigaction;
     vostok_oldsig_actions[SIGSEGV].sa_sigaction = trycatch_Catcher;
     vostok_oldsig_actions[SIGBUS].sa_sigaction = trycatch_Catcher;
     QORLOG(LOG_NOTE, "Agent handler: %lx, JVM signal handler array: %lx, sigsegv: %lx, sigbus: %lx ",

@@ -25,19 +25,22 @@ extern sigjmp_buf parent_trycatch_mark;
 
 // Opens the guard: tryState is TRY_RUNNING afterwards, or TRY_FAULTED when a fault came back. Locals that are
 // read after the guarded call must be volatile. Saving the mark costs a system call, so it is taken only
-// where something can come back. Close the guard by setting tryState to TRY_OFF, first thing after the call.
+// where something can come back, and no line is written while the guard is up. Close the guard by setting
+// tryState to TRY_OFF, first thing after the call.
 #define TRYCATCH_OPEN()                                                                                      \
     do {                                                                                                     \
         tryState = TRY_OFF;                                                                                  \
         trycatch_tid = pthread_self();                                                                       \
-        if (sig_hack == 0)                                                                                   \
-            tryState = TRY_RUNNING;                                                                          \
-        else if (sigsetjmp(trycatch_mark, 1) == 0)                                                           \
-            tryState = TRY_RUNNING;                                                                          \
-        else                                                                                                 \
-            tryState = TRY_FAULTED;                                                                          \
         if (sig_hack != 0)                                                                                   \
             trycatch_LogFault();                                                                             \
+        if (sig_hack == 0) {                                                                                 \
+            tryState = TRY_RUNNING;                                                                          \
+        } else if (sigsetjmp(trycatch_mark, 1) == 0) {                                                       \
+            tryState = TRY_RUNNING;                                                                          \
+        } else {                                                                                             \
+            tryState = TRY_FAULTED;                                                                          \
+            trycatch_LogFault();                                                                             \
+        }                                                                                                    \
     } while (0)
 
 // Writes the log lines of the last fault that the catcher saw, if they are not written yet. Worker.

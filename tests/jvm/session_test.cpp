@@ -212,6 +212,33 @@ TEST_F(Session, TellsTheSizesThatRuntimeTells) {
     EXPECT_NEAR(static_cast<double>(after), static_cast<double>(ask("freeMemory")), 16e6);
 }
 
+// A fault in a guarded call comes back to the mark, and is told of once the guard is down; a second start
+// without an end between still finds the JVM's own handlers to put back.
+TEST_F(Session, ComesBackFromAFaultInAGuardedCall) {
+    static struct sigaction table[NSIG];
+    const auto jvmHandler = [](int, siginfo_t *, void *) {};
+    table[SIGSEGV].sa_sigaction = table[SIGBUS].sa_sigaction = jvmHandler;
+    vostok_oldsig_actions = table;
+    sig_hack = 1;
+    trycatch_init();
+    trycatch_init();
+    EXPECT_EQ(table[SIGSEGV].sa_sigaction, trycatch_Catcher);
+
+    LogCapture log(LOG_ERROR + 1);
+    TRYCATCH_OPEN();
+    if (tryState == TRY_RUNNING)
+        trycatch_Catcher(SIGSEGV, nullptr, nullptr);
+    EXPECT_EQ(tryState, TRY_FAULTED);
+    EXPECT_EQ(log.count("Child Thread recovering from SIGSEGV"), 1);
+    tryState = TRY_OFF;
+
+    trycatch_Cleanup();
+    EXPECT_EQ(table[SIGSEGV].sa_sigaction, +jvmHandler);
+    EXPECT_EQ(table[SIGBUS].sa_sigaction, +jvmHandler);
+    sig_hack = 0;
+    vostok_oldsig_actions = nullptr;
+}
+
 TEST_F(Session, GivesSignalChainingUpWithoutATable) {
     sig_hack = 1;
     LogCapture log(LOG_DETAIL + 1);
