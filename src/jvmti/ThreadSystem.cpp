@@ -67,8 +67,12 @@ void TakeSnapshot(QorThreadHandle *handle) {
     if (qorIsPollOrTrace == 0)
         QORLOG(LOG_DETAIL, "Calling GetAllStackTraces for %d deep", maxStackDepthQueried);
     snapshotFramePushed = QorPushLocalFrame(jvmtijni_env, SNAPSHOT_FRAME_CAPACITY) == JNI_OK;
+    threads_count = 0;
     const jvmtiError error =
         jvmti->GetAllStackTraces(maxStackDepthQueried, &qorstack_info_ptr, &threads_count);
+    if (qorIsPollOrTrace == 0)
+        QORLOG(LOG_NOTE, "GetAllStackTraces (%d deep) returns %d threads_count", maxStackDepthQueried,
+               threads_count);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(LOG_NOTE, "Failed to Get Stack Trace. Error expected %d,got %d", JVMTI_ERROR_NONE, error);
         describe(error);
@@ -77,11 +81,10 @@ void TakeSnapshot(QorThreadHandle *handle) {
         PopSnapshotFrame();
         return;
     }
-    if (threads_count > SNAPSHOT_FRAME_CAPACITY - REFERENCES_OF_A_VIEW)
+    if (threads_count > SNAPSHOT_FRAME_CAPACITY - REFERENCES_OF_A_VIEW) {
         jvmtijni_env->EnsureLocalCapacity(REFERENCES_OF_A_VIEW);
-    if (qorIsPollOrTrace == 0)
-        QORLOG(LOG_NOTE, "GetAllStackTraces (%d deep) returns %d threads_count", maxStackDepthQueried,
-               threads_count);
+        QorClearException(jvmtijni_env);
+    }
     handle->threads = gbjThreadList;
     handle->count = threads_count;
     CapThreadCount(handle);
@@ -114,6 +117,9 @@ void ReadSystemThreadId(jthread thread, QorThreadRecord *record) {
 
 // Everything of a thread that JVMTI tells, inside the caller's local frame.
 int32_t ReadThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
+    // What can't be read must not be the last thread's: views use one record for all of a walk.
+    record->tid = record->ostid = 0;
+    record->name[0] = 0;
     jvmtiThreadInfo info = {};
     jvmtiError error = jvmti->GetThreadInfo(thread, &info);
     if (error != JVMTI_ERROR_NONE) {

@@ -54,7 +54,8 @@ struct QorThreadHandle {
     int32_t index;    // the current thread, -1 before the first
 };
 
-// One thread's facts. The view clears it before each QorGetThreadInfo.
+// One thread's facts, all of them the thread's own after QorGetThreadInfo gave 0, but for enhancedState. A
+// view that reads the record of a failed call clears the state first.
 struct QorThreadRecord {
     int64_t tid;   // Java thread id
     int64_t ostid; // operating system's thread id on IBM JVMs (-1 unknown), 0 elsewhere

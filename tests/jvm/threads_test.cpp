@@ -334,6 +334,17 @@ TEST_F(Threads, CarryNoCharacterOfTheRecordFormatInTheirNames) {
     }
 }
 
+TEST_F(Threads, NeverShowTheLastThreadsId) {
+    Walk walk;
+    ASSERT_TRUE(walk.next());
+    ASSERT_NE(walk.thread.tid, 0);
+    const jfieldID known = idField;
+    idField = nullptr;
+    EXPECT_EQ(QorGetThreadInfo(&walk.handle, &walk.thread), 0);
+    EXPECT_EQ(walk.thread.tid, 0);
+    idField = known;
+}
+
 TEST_F(Threads, ThatAreGoneAreAnswered) {
     EXPECT_EQ(QorGetJVMThread(nullptr, 0), nullptr);
     QorThreadHandle unopened;
