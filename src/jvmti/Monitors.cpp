@@ -22,6 +22,12 @@ enum MonitorRoad { ROAD_NONE, ROAD_JVMTI, ROAD_MANAGEMENT };
 constexpr size_t LONGEST_NUMBERED = 1000;
 constexpr jint MONITOR_REFERENCES = 32;
 
+// Makes room for further references behind many that JVMTI has handed out at once.
+void ExpectReferences() {
+    jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES);
+    QorClearException(jvmtijni_env);
+}
+
 MonitorRoad ChooseRoad() {
     if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD && QorGetJvmtiMonitorCapability() != 0)
         return ROAD_JVMTI;
@@ -87,7 +93,7 @@ int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorReco
         return 0;
     }
     if (count > MONITOR_REFERENCES)
-        jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES);
+        ExpectReferences();
     if (count > 0) {
         *out = static_cast<QorMonitorRecord *>(calloc(static_cast<size_t>(count), sizeof(QorMonitorRecord)));
         if (!*out) {
@@ -109,8 +115,9 @@ bool ReadOwner(jobject object, int64_t *owner) {
         QORLOG(LOG_ERROR, "  GetObjectMonitorUsage Failed");
         return false;
     }
-    if (usage.waiter_count > MONITOR_REFERENCES / 2)
-        jvmtijni_env->EnsureLocalCapacity(MONITOR_REFERENCES); // each waiter came as a reference
+    // Each waiter came as a reference. Newer JVMs no longer count the notified ones among the waiters.
+    if (usage.waiter_count + usage.notify_waiter_count > MONITOR_REFERENCES / 2)
+        ExpectReferences();
     if (usage.owner) {
         QorRefreshIdField();
         QorReadThreadId(usage.owner, owner);
