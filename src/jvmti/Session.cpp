@@ -312,6 +312,7 @@ int32_t QorInitJmm() {
 int32_t QorDovOnLoad(JNIEnv *env) {
     QORLOG(LOG_NOTE, "Loading Qoragent....");
     jr_jvm = nullptr;
+    jvmtijni_env = nullptr; // an earlier start's may belong to another thread
     if (env->GetJavaVM(&jr_jvm) != JNI_OK) {
         QORLOG(LOG_ERROR, "not able to get java vm");
         jr_jvm = nullptr;

@@ -35,7 +35,7 @@ struct QorJvmCapabilities {
     int32_t managementGCCount; // collection counts by java.lang.management
 };
 
-extern JavaVM *jr_jvm;                 // null until the session is open, and after it
+extern JavaVM *jr_jvm;                 // null until a session has been opened; outlives it, for the detach
 extern JavaVM *qor_vm;                 // the VM on either road; start-up sets it first of all
 extern jvmtiEnv *jvmti;                // the one JVMTI environment; disposed of at unload
 extern JNIEnv *jvmtijni_env;           // start-up's environment, then the worker's
