@@ -1,0 +1,117 @@
+package qoragent.testing;
+
+import java.lang.management.GarbageCollectorMXBean;
+import java.lang.management.ManagementFactory;
+import java.lang.ref.WeakReference;
+import java.util.ArrayList;
+import java.util.List;
+
+/** Objects of known numbers, sizes and references, for what looks at the whole heap. */
+public final class HeapShop {
+    public static final int NODES = 1234, LEAVES = 77, ELEMENTS = 27, LONG_INTS = 12345, LONG_BYTES = 54321;
+
+    public static Node first;
+    static Object[] shelf;
+    static List<Object> held = new ArrayList<>();
+    private static WeakReference<ClassLoader> dropped;
+
+    private HeapShop() {
+    }
+
+    public static class Node {
+        Node next;
+        Object self;
+        int number;
+    }
+
+    public static final class Leaf extends Node {
+        String name;
+    }
+
+    /** Loaded, never made. */
+    public static final class Unused {
+        Object field;
+    }
+
+    public static final class Own {
+    }
+
+    static void fill() {
+        new Unused(); // loaded and initialised; the one object is garbage
+        for (int i = 0; i < NODES; i++) {
+            Node node = new Node();
+            node.next = first;
+            node.self = node;
+            node.number = i;
+            first = node;
+        }
+        for (int i = 0; i < LEAVES; i++) {
+            Leaf leaf = new Leaf();
+            leaf.name = "leaf " + i;
+            held.add(leaf);
+        }
+        Node[] nodes = new Node[ELEMENTS + 3]; // three are null
+        for (int i = 0; i < ELEMENTS; i++)
+            nodes[i] = first;
+        shelf = new Object[] {nodes, new Leaf[5], new int[LONG_INTS], new int[LONG_INTS], new byte[LONG_BYTES]};
+    }
+
+    static void empty() {
+        first = null;
+        shelf = null;
+        held.clear();
+    }
+
+    static void gc() {
+        System.gc();
+    }
+
+    /** A class of a loader of its own, held until drop(). */
+    static void loadOwn() throws Exception {
+        ClassLoader loader = new OwnCopyLoader(Own.class);
+        held.add(loader.loadClass(Own.class.getName()).getConstructor().newInstance());
+        dropped = new WeakReference<>(loader);
+    }
+
+    /** 1 when the loader is gone. */
+    static long dropOwn() {
+        held.clear();
+        for (int i = 0; i < 20 && dropped.get() != null; i++)
+            System.gc();
+        return dropped.get() == null ? 1 : 0;
+    }
+
+    /** Collectors in the JVM's order: a line "count name" each. */
+    static String collectors() {
+        StringBuilder out = new StringBuilder();
+        for (GarbageCollectorMXBean bean : ManagementFactory.getGarbageCollectorMXBeans())
+            out.append(bean.getCollectionCount()).append(' ').append(bean.getName()).append('\n');
+        return out.toString();
+    }
+
+    static long maxMemory() {
+        return Runtime.getRuntime().maxMemory();
+    }
+
+    static long totalMemory() {
+        return Runtime.getRuntime().totalMemory();
+    }
+
+    static long usedMemory() {
+        return Runtime.getRuntime().totalMemory() - Runtime.getRuntime().freeMemory();
+    }
+
+    /** Instances of a class and their bytes as "count bytes", by the JVM's own histogram; dead objects count. */
+    static String histogramRow(String name) throws Exception {
+        Object[] all = {new String[] {"-all"}};
+        String text = (String)ManagementFactory.getPlatformMBeanServer().invoke(
+            new javax.management.ObjectName("com.sun.management:type=DiagnosticCommand"), "gcClassHistogram", all,
+            new String[] {String[].class.getName()});
+        for (String line : text.split("\n")) {
+            String[] columns = line.trim().split("\\s+"); // number, instances, bytes, class, module
+            if (columns.length >= 4 && columns[3].equals(name))
+                return columns[1] + " " + columns[2];
+        }
+        return "";
+    }
+}
