@@ -12,6 +12,7 @@
 #include "jvmti/heapdump/DumpFile.h"
 #include "jvmti/heapdump/DumpState.h"
 #include "jvmti/heapdump/HeapDump.h"
+#include "jvmti/heapdump/HeapSummary.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
@@ -193,6 +194,24 @@ TEST_F(Heap, LocalsOfAStandingThreadHaveItsMethodsName) {
         dump, std::regex("\nSa[0-9]+\\|Thread-[0-9]+_Lqoragent\\.testing\\.Zoo[^|\n]*::[^|\n]+\\|\n")));
     EXPECT_TRUE(std::regex_search(dump, std::regex("\nSc[0-9]+\\|Thread-[0-9]+_\\|\n")));
     Env()->DeleteLocalRef(held);
+}
+
+TEST_F(Heap, SummaryAddsUpWhatTheTextDumpShows) {
+    QorHeapSummary summary;
+    ASSERT_EQ(QorShowHeap(&summary), 0);
+    const TextDump text = Dump();
+    int64_t primitive = 0, ofObjects = 0;
+    for (const TextDump::Array &a : text.arrays)
+        ++(a.elements < 0 ? primitive : ofObjects);
+    EXPECT_STREQ(summary.name, "System");
+    // The JVM itself makes and drops a few objects between the two.
+    EXPECT_NEAR(static_cast<double>(summary.primitiveArrays), static_cast<double>(primitive), 50);
+    EXPECT_NEAR(static_cast<double>(summary.objectArrays), static_cast<double>(ofObjects), 50);
+    EXPECT_NEAR(static_cast<double>(summary.instances), static_cast<double>(text.references.size()), 50);
+    EXPECT_EQ(summary.classes, static_cast<int64_t>(text.classNames.size()));
+    EXPECT_GE(summary.primitiveArrayKb, (2 * 4 * LONG_INTS + LONG_BYTES) / 1024);
+    EXPECT_GE(summary.instanceKb, 4 * NODES / 1024); // each has an int field
+    EXPECT_GT(summary.classKb, 0);
 }
 
 TEST_F(Heap, DumpIsRefusedWithoutHarm) {
