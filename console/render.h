@@ -6,17 +6,13 @@
 
 #include "decode.h"
 #include "discover.h"
+#include "terminal.h"
 
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace qorctl {
-
-struct Style {
-    bool colour = false;
-    size_t width = 0; // columns of a line; 0: as long as it needs
-};
 
 // One row a thread.
 std::string ThreadTable(const ThreadSample &sample, const Style &style);
@@ -38,11 +34,5 @@ std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style);
 
 // A reply as it came, with control characters written "<29>" and a new line behind records and sections.
 std::string VisibleReply(std::string_view reply);
-
-// Text that is safe to print: control characters become "\xNN", bytes that aren't UTF-8 as well.
-std::string Printable(std::string_view text);
-
-// Columns that printable text takes on a terminal.
-size_t DisplayWidth(std::string_view text);
 
 } // namespace qorctl
