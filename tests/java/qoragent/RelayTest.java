@@ -294,13 +294,13 @@ public class RelayTest {
         assertEquals("", new Caller().greet().send("SHUTDOWN\n").rest());
         assertEquals("", other.rest());
         assertFalse(Files.exists(endpoint.file()));
+        awaitNoThread("qoragent-relay"); // the kernel keeps the port open until the call that accepts has returned
         try {
             new Socket(InetAddress.getLoopbackAddress(), port).close();
             fail("still listening");
         } catch (ConnectException e) {
             // as it should be
         }
-        awaitNoThread("qoragent-relay");
         serve(request -> request);
         new Caller().greet().send("again\n").expect("again" + MARK);
     }
