@@ -97,7 +97,6 @@ bool BufStartsWith(const char *word) {
 
 void AskToLeave() {
     QORLOG(LOG_NOTE, "SHUTDOWN command was sent from Java thread");
-    buf[0] = 0; // must not be taken for another one by a request without a text
     agentstatus = AGENT_SHUTDOWN;
     qor_signal_child_to_process();
 }
@@ -151,15 +150,13 @@ jstring Ask(JNIEnv *env, char *page) {
 }
 
 jstring TakeAndAsk(JNIEnv *env, const char *chars) {
-    // Asked before the text is taken: an earlier request may still be reading the old one.
-    const bool leave = chars && strncmp(chars, SHUTDOWN, sizeof SHUTDOWN - 1) == 0;
-    if (!leave && !PrepareChannel())
-        return GiveUp(env);
-    TakeRequest(chars);
-    if (BufStartsWith(SHUTDOWN)) {
-        AskToLeave();
+    if (chars && strncmp(chars, SHUTDOWN, sizeof SHUTDOWN - 1) == 0) {
+        AskToLeave(); // `buf` stays as it is: a request in hand is finished first
         return nullptr;
     }
+    if (!PrepareChannel())
+        return GiveUp(env);
+    TakeRequest(chars);
     if (offsetind < 0 && !BufStartsWith(XTIER_REQUEST))
         return nullptr;
     return Ask(env, __atomic_load_n(&pagebuf, __ATOMIC_SEQ_CST));

@@ -23,6 +23,9 @@ bool MakePipe(int32_t fds[2]) {
     qor_close_pipe(fds);
     if (!qor_create_pipe(fds))
         return false;
+    // Neither end may hold a thread up: not a full pipe its writer, nor a handshake that another caller took
+    // first its reader.
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
     fcntl(fds[1], F_SETFL, O_NONBLOCK);
     return true;
 }

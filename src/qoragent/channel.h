@@ -1,8 +1,8 @@
 // The request channel: one shared text buffer and two pipes between a Java caller and the worker.
 //
 // The caller puts the request into `buf` and writes 20 bytes down `pipe_fd_PP`; the worker answers in
-// `pagebuf` and writes 20 bytes down `pipe_fd_CH`. The pipes carry nothing else, and give the only ordering
-// between the two. Their write ends never block: an unread pipe must not hold up a Java thread.
+// `pagebuf` and writes 20 bytes down `pipe_fd_CH`. The pipes carry nothing else, and
+// give the only ordering between the two. Reading or writing them never blocks; who waits, polls.
 //
 // The pipes are replaced by start-up only, when no worker lives and no caller is inside.
 #pragma once

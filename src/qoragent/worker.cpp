@@ -158,7 +158,7 @@ void HandleRequest() {
     Answered();
 }
 
-enum WakeUp { WOKEN, STRAY, LEAVE };
+enum WakeUp { WOKEN, STRAY, NOTHING, LEAVE };
 
 // Takes one wake-up out of the pipe.
 WakeUp ReadWakeUp() {
@@ -174,6 +174,8 @@ WakeUp ReadWakeUp() {
         return LEAVE;
     }
     QORLOG(LOG_TRACE, "Child Read returned = %d", static_cast<int>(got));
+    if (got < 0)
+        return NOTHING;
     return memcmp(pipe_str, WAKE_UP, HANDSHAKE_SIZE) == 0 ? WOKEN : STRAY;
 }
 
@@ -196,6 +198,8 @@ void ServeRequests(intptr_t start) {
             break;
         case STRAY:
             Strike(&strikes);
+            break;
+        case NOTHING:
             break;
         case LEAVE:
             return;

@@ -8,6 +8,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -286,6 +287,28 @@ TEST_F(Request, StrayBytesAreOutlived) {
         EXPECT_EQ(Ask("516|showqor|8192").substr(0, 18), "JVM Active Threads");
         disturber.join();
     }
+    EXPECT_EQ(Setting(1), SettingReply(1));
+}
+
+// Callers who break the rule of one at a time may take each other's handshake, but none waits for it in vain.
+TEST_F(Request, NobodyBlocksOnAHandshakeThatIsGone) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> drains[3] = {};
+    std::vector<std::thread> callers;
+    for (std::atomic<int> &own : drains)
+        callers.emplace_back([&stop, &own] {
+            for (; !stop; own++)
+                QorDrainHandshakes();
+        });
+    for (int round = 0; round < 3000; round++) {
+        QorSignalParent();
+        for (std::atomic<int> &own : drains)
+            for (const int before = own; own == before;)
+                std::this_thread::yield(); // for ever, when it waits for a handshake
+    }
+    stop = true;
+    for (std::thread &caller : callers)
+        caller.join();
     EXPECT_EQ(Setting(1), SettingReply(1));
 }
 
