@@ -2,6 +2,6 @@
 
 void QorListXtierFrame(const QorThreadRecord *, const QorFrameRecord *, QorXtierFlags *) {}
 
-void QorInsertXtierData(char *, int32_t) {}
+void QorInsertXtierData(QorText *) {}
 
 void QorFreeXtierLists() {}

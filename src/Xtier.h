@@ -8,6 +8,7 @@
 #pragma once
 
 #include "jvmti/ThreadSystem.h"
+#include "qortext.h"
 
 #include <cstdint>
 
@@ -19,9 +20,8 @@ struct QorXtierFlags {
 // Lists a frame of the thread if it is of interest.
 void QorListXtierFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, QorXtierFlags *flags);
 
-// Reads the objects of all listed frames and puts what they tell into the reply (`size` bytes of storage,
-// terminated).
-void QorInsertXtierData(char *reply, int32_t size);
+// Reads the objects of all listed frames and puts what they tell into the reply.
+void QorInsertXtierData(QorText *reply);
 
 // Ends the lists of a sample; on every way out of the view.
 void QorFreeXtierLists();

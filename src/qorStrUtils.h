@@ -2,7 +2,8 @@
 //
 // A copy that does not fit is cut, on a character boundary of (modified) UTF-8, and still a success. An
 // append that does not fit is refused whole, so that a reply stays well-formed up to its last complete field.
-// Refusals are reported once an hour at most, since a full reply refuses every further append of a request.
+// QorStrncat's refusals are reported once an hour at most, since a full reply refuses every further append of
+// a request.
 //
 // Any thread; one text has one writer at a time. Only the counters are shared: their use is statistical, and
 // a lost count does no harm.

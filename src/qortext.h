@@ -61,14 +61,19 @@ inline int32_t QorTextAppendChar(QorText *t, char c) {
     return QorTextAppend(t, &c, 1);
 }
 
+// Writes a number in decimal in front of `end`, at most 20 characters. Where it begins.
+inline char *QorPutDigits(char *end, uint64_t value) {
+    do
+        *--end = static_cast<char>('0' + value % 10);
+    while (value /= 10);
+    return end;
+}
+
 // Appends a number in decimal.
 inline int32_t QorTextAppendNumber(QorText *t, int64_t value) {
     char digits[24];
-    char *end = digits + sizeof digits, *p = end;
-    uint64_t rest = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-    do
-        *--p = static_cast<char>('0' + rest % 10);
-    while (rest /= 10);
+    char *const end = digits + sizeof digits;
+    char *p = QorPutDigits(end, value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value));
     if (value < 0)
         *--p = '-';
     return QorTextAppend(t, p, static_cast<int32_t>(end - p));

@@ -10,6 +10,7 @@
 #include "qorutil.h"
 #include "stack_rows.h"
 #include "thread_e2e_info.h"
+#include "thread_lookup.h"
 
 #include <cstring>
 #include <unistd.h>
@@ -57,7 +58,7 @@ void StartSample(QorSample *sample, uint32_t reqid, QorText *reply, char **args)
 }
 
 // Whether the trace is of another thread. `end` is set when it names none.
-bool IsPassedOverByTrace(const QorSample &sample, const QorThreadRecord &thread, bool *end) {
+bool IsPassedOverByTrace(const QorSample &sample, const QorThreadWalk &walk, bool *end) {
     if (!(sample.reqid & QORREQ_POLL_DETAILS) || !trace_single_thread_details)
         return false;
     if (!sample.args[1]) {
@@ -65,26 +66,27 @@ bool IsPassedOverByTrace(const QorSample &sample, const QorThreadRecord &thread,
         *end = true;
         return true;
     }
-    char strThreadPid[THREAD_KEY_SIZE];
-    QorFormatThreadKey(strThreadPid, sample.processId, thread.tid);
-    return strncmp(strThreadPid, sample.args[1], THREAD_KEY_SIZE) != 0;
+    return strncmp(walk.key, sample.args[1], THREAD_KEY_SIZE) != 0;
 }
 
 bool IsActive(const QorThreadWalk &walk) {
-    return (ACTIVE_STATES >> walk.thread.state & 1U) && walk.userFrame >= 0 &&
-           checkCurrCall(walk.userClass, walk.userMethod) != 0;
+    return (ACTIVE_STATES >> walk.thread.state & 1U) && walk.userFrame >= 0 && !walk.userCallIsIdle;
 }
 
 void StartThread(QorThreadWalk *walk) {
-    walk->threadIdLength =
-        snprintf(walk->threadId, sizeof walk->threadId, "%d", static_cast<int32_t>(walk->thread.tid));
     walk->userFrame = -1;
     walk->omitted = walk->processed = 0;
-    walk->userClass[0] = walk->userMethod[0] = 0;
+    walk->userCallIsIdle = false;
     walk->xtier = {};
     tessar_thick_driver = 0;
     QorTextStart(&walk->currentCall, console_frame_buf, CONSOLE_BUF_SIZE);
     QorTextStart(&walk->stackRows, console_thr_buf, CONSOLE_THR_BUF_SIZE);
+}
+
+void FormatKey(const QorSample &sample, QorThreadWalk *walk) {
+    const int32_t length = QorFormatThreadKey(walk->key, sample.processId, walk->thread.tid);
+    walk->threadId = strchr(walk->key, '-') + 1;
+    walk->threadIdLength = length - static_cast<int32_t>(walk->threadId - walk->key);
 }
 
 // Samples the thread at the cursor. 0, or -1 when the sample must end.
@@ -92,8 +94,9 @@ int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
     ++sample->threadCount;
     if (QorGetThreadInfo(&sample->handle, &walk->thread) != 0)
         return 0; // it has ended since the snapshot
+    FormatKey(*sample, walk);
     bool end = false;
-    if (IsPassedOverByTrace(*sample, walk->thread, &end))
+    if (IsPassedOverByTrace(*sample, *walk, &end))
         return end ? -1 : 0;
     if (sample->filtering && checkThreadName(walk->thread.name) == 0)
         return 0;
@@ -152,12 +155,6 @@ void WalkThreads(QorSample *sample) {
 
 } // namespace
 
-void closeThreadAndFreeLists() {
-    QorCloseMonitorSample();
-    QorCloseThreadHandle(nullptr);
-    QorFreeXtierLists();
-}
-
 void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args) {
     QorSample sample;
     StartSample(&sample, reqid, reply, args);
@@ -177,7 +174,7 @@ void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args) {
     AddToStatistics(sample);
     QorTextAppendChar(reply, SECTION_END);
     if (!gbQorRELocal && !gbQorSkipLocal)
-        QorInsertXtierData(reply->text, reply->size);
+        QorInsertXtierData(reply);
     // The Java side would be asked for what it knows of the threads here; nobody does yet.
     release_thread_e2e_info(jvmtijni_env);
     closeThreadAndFreeLists();

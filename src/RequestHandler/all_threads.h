@@ -18,6 +18,3 @@ void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args);
 
 // Appends the summary line: how many threads are in which state, and the load figures beside them.
 void QorShowJustThreadRequest(uint32_t reqid, QorText *reply, char **args);
-
-// Closes the walk and frees the lists of a sample; on every way out of a view.
-void closeThreadAndFreeLists();

@@ -28,20 +28,21 @@ struct QorSample {
 // What the frames of one thread told.
 struct QorThreadWalk {
     QorThreadRecord thread;
-    char threadId[24]; // tid in decimal, as the rows show it
+    char key[THREAD_KEY_SIZE]; // the thread's key; the rows show its part behind the dash
+    const char *threadId;
     int32_t threadIdLength;
-    int32_t userFrame;                                // index of the first user call, -1 when none was met
-    int32_t omitted;                                  // frames left out, 0 when none
-    int32_t processed;                                // frames read
-    char userClass[NAME_SIZE], userMethod[NAME_SIZE]; // of the current call
-    QorText currentCall;                              // frame group of the current call, in console_frame_buf
-    QorText stackRows;                                // in console_thr_buf
+    int32_t userFrame;   // index of the first user call, -1 when none was met
+    int32_t omitted;     // frames left out, 0 when none
+    int32_t processed;   // frames read
+    bool userCallIsIdle; // a rule says so
+    QorText currentCall; // frame group of the current call, in console_frame_buf
+    QorText stackRows;   // in console_thr_buf
     QorXtierFlags xtier;
 };
 
 // Walks the frames of the thread, refining its state, finding its current call and writing its stack rows.
 void QorWalkFrames(QorSample *sample, QorThreadWalk *walk);
 
-// Appends the record of the thread. 0, or -1 when the sample must end: the reply is then full and ends behind
-// the record before.
+// Appends the record of the thread. 0, or -1 when the sample must end: the reply is full, and ends behind the
+// record before, or there is no memory for the thread's end-to-end block.
 int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk);

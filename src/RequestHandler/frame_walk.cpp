@@ -2,9 +2,10 @@
 #include "all_threads_sample.h"
 #include "qorlog.h"
 #include "qorsettings.h"
+#include "qorutil.h"
 #include "stack_rows.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace {
 
@@ -13,10 +14,10 @@ namespace {
 // too short for it is not looked at again.
 void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
     QorFrameHandle &frames = sample->frames;
-    if (walk->userFrame < 0 || walk->omitted != 0 ||
-        frames.index <= walk->userFrame + maxStackDepthRecorded / 2.0)
+    const int32_t recorded = std::max(maxStackDepthRecorded, 0);
+    if (walk->userFrame < 0 || walk->omitted != 0 || frames.index <= walk->userFrame + recorded / 2.0)
         return;
-    walk->omitted = frames.count - maxStackDepthRecorded - walk->userFrame - 1;
+    walk->omitted = frames.count - recorded - walk->userFrame - 1;
     if (walk->omitted <= 0)
         return;
     if (sample->writesStacks)
@@ -24,23 +25,17 @@ void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
     frames.index += walk->omitted;
 }
 
-void CopyName(char *dest, const char *name) {
-    const size_t length = strnlen(name, NAME_SIZE - 1);
-    memcpy(dest, name, length);
-    dest[length] = 0;
-}
-
 // The current call is the first user call, or the top frame while no user call is known.
-void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, int32_t index) {
+void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, bool filtering) {
     const bool isUserCall = frame->callType != 0;
-    if (!isUserCall && index != 0)
+    if (!isUserCall && frame->frameIndex != 0)
         return;
-    CopyName(walk->userClass, frame->className);
-    CopyName(walk->userMethod, frame->method);
     QorTextCut(&walk->currentCall, 0);
-    QorAppendFrameGroup(&walk->currentCall, frame, null_str);
-    if (isUserCall)
-        walk->userFrame = index;
+    QorAppendFrameGroup(&walk->currentCall, frame, null_str, null_str);
+    if (!isUserCall)
+        return;
+    walk->userFrame = frame->frameIndex;
+    walk->userCallIsIdle = filtering && checkCurrCall(frame->className, frame->method) == 0;
 }
 
 } // namespace
@@ -56,7 +51,7 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
         if (frames.index >= frames.count)
             return; // nothing is recorded behind the user call
         ++walk->processed;
-        const QorFrameShape *shape = QorFindFrameShape(&frames);
+        QorFrameShape *shape = QorFindFrameShape(&frames);
         if (!shape)
             return;
         QorFrameRecord frame = shape->frame;
@@ -65,7 +60,7 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
             QorListXtierFrame(&walk->thread, &frame, &walk->xtier);
         GetThreadEnhancedState(&frame, &walk->thread);
         if (walk->userFrame < 0)
-            NoteCurrentCall(walk, &frame, frames.index);
+            NoteCurrentCall(walk, &frame, sample->filtering);
         if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId,
                                                       walk->threadIdLength, frames.index) < 0)
             return;

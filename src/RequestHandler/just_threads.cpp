@@ -8,13 +8,13 @@
 #include "qorsysinfo.h"
 #include "qorutil.h"
 #include "records.h"
+#include "thread_lookup.h"
 
 #include <algorithm>
 
 namespace {
 
 constexpr int32_t SLOW_RESPONSE_USEC = 10000; // above it the figure is measured once more
-constexpr int32_t DEEPEST_REFINING_FRAME = 2; // below it only a runnable or networking thread is refined
 
 // Refines the state from the frames, down to where nothing can change it any more.
 void RefineState(QorFrameHandle *frames, QorThreadRecord *thread) {
@@ -22,8 +22,6 @@ void RefineState(QorFrameHandle *frames, QorThreadRecord *thread) {
     for (frames->index = 0; frames->index < frames->count; ++frames->index) {
         QorFrameRecord frame;
         QorReadFrame(frames, FRAME_METHOD_AND_CLASS, &frame);
-        if (!frame.method[0])
-            continue;
         if (!userCallFound && frame.callType != 0) {
             userCallFound = true;
             if (checkCurrCall(frame.className, frame.method) == 0) {
@@ -32,8 +30,7 @@ void RefineState(QorFrameHandle *frames, QorThreadRecord *thread) {
             }
         }
         GetThreadEnhancedState(&frame, thread);
-        if (userCallFound && frames->index >= DEEPEST_REFINING_FRAME && thread->state != STATE_RUNNABLE &&
-            thread->state != STATE_NETWORK_WAIT)
+        if (userCallFound && QorStateIsSettled(thread->state, frames->index + 1))
             return;
     }
     if (!userCallFound)

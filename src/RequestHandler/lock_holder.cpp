@@ -1,6 +1,5 @@
 #include "lock_holder.h"
 
-#include "all_threads.h"
 #include "jvmti/Monitors.h"
 #include "qorsettings.h"
 #include "records.h"
@@ -15,11 +14,12 @@ enum : int32_t { LOCKS_BY_MANAGEMENT = 2 };
 enum : int64_t { MANAGEMENT_HASH = 1 };
 
 // Whether the lock that a thread waits for is the one asked for. Locks read by management carry no hash of
-// their own; the console knows them by their lock id. Asked for management at its level any lock will do.
+// their own; the console knows them by their lock id. At the management level any lock will do.
 bool IsTheLock(const QorMonitorRecord &lock, const char *lockId) {
+    const int64_t asked = strtoll(lockId, nullptr, 10);
     if (lock.hash != MANAGEMENT_HASH)
-        return lock.hash == atoi(lockId);
-    return qorLockInfoLevel == LOCKS_BY_MANAGEMENT || lock.lockId == atoi(lockId);
+        return lock.hash == asked;
+    return qorLockInfoLevel == LOCKS_BY_MANAGEMENT || lock.lockId == asked;
 }
 
 // The key of the thread that holds the lock; false when the waiter doesn't wait for it (any more).
@@ -42,11 +42,9 @@ void AppendHolderRow(QorText *row, const QorFrameRecord *frame, const QorThreadR
                      const char *key) {
     QorTextCut(row, 0);
     const char *const fields[] = {QorCallTypeText(frame), thread.name, key};
-    for (const char *field : fields) {
-        QorTextAppend(row, field);
-        QorTextAppendChar(row, FIELD_SEP);
-    }
-    QorAppendFrameGroup(row, frame, " ");
+    for (const char *field : fields)
+        QorAppendField(row, field);
+    QorAppendFrameGroup(row, frame, " ", "");
     QorTextAppendChar(row, FIELD_SEP);
 }
 
@@ -55,7 +53,7 @@ void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, const char *key
     bool userCallFound = false;
     for (frames->index = 0; frames->index < frames->count; ++frames->index) {
         QorFrameRecord frame;
-        QorReadFrameAsItIs(frames, &frame);
+        QorReadFrame(frames, FRAME_WITH_FILE_AND_LINE, &frame); // what can't be read stays empty
         GetThreadEnhancedState(&frame, thread);
         if (userCallFound || (frame.callType == 0 && frames->index != 0))
             continue;

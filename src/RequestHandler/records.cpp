@@ -69,7 +69,7 @@ int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId) {
     return snprintf(key, THREAD_KEY_SIZE, "%d-%d", processId, Wire32(threadId));
 }
 
-void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine) {
+void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine, const char *noFile) {
     QorTextAppend(out, frame->className);
     QorTextAppend(out, "->", 2);
     QorTextAppend(out, frame->method);
@@ -80,9 +80,14 @@ void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *
         QorTextAppend(out, noLine);
         return;
     }
-    QorTextAppend(out, frame->fileName[0] ? frame->fileName : null_str);
+    QorTextAppend(out, frame->fileName[0] ? frame->fileName : noFile);
     QorTextAppendChar(out, FIELD_SEP);
     QorTextAppendNumber(out, frame->line);
+}
+
+void QorAppendField(QorText *out, const char *text) {
+    QorTextAppend(out, text);
+    QorTextAppendChar(out, FIELD_SEP);
 }
 
 const char *QorEmptyDatabaseBlock() {
@@ -117,7 +122,7 @@ const char *QorEmptyRmiBlock() {
 
 void QorAppendStackRowHead(QorText *out, const QorFrameRecord *frame) {
     QorTextAppendChar(out, RECORD_END);
-    QorAppendFrameGroup(out, frame, null_str);
+    QorAppendFrameGroup(out, frame, null_str, null_str);
     QorTextAppendChar(out, FIELD_SEP);
 }
 

@@ -1,6 +1,6 @@
 // The record format: separators, placeholders, titles and the field order of each record kind.
 //
-// Both roads write their replies with what stands here. A record is appended to a QorText; a field that is
+// A record is appended to a QorText; a field that is
 // not known is written as its placeholder, so that every record of a kind has the same number of fields. Any
 // thread, but the scratch buffers belong to the worker.
 #pragma once
@@ -34,6 +34,7 @@ enum : int32_t {
     CONSOLE_BUF_SIZE = 10240,
     CONSOLE_THR_BUF_SIZE = 102400,
     THREAD_KEY_SIZE = 64,
+    LONGEST_ROW = 3 * NAME_SIZE + 128, // three names and the numbers between them
 };
 
 // Scratch of the sample views.
@@ -51,9 +52,12 @@ void InitResponseHeader(uint32_t reqid, char *header);
 // the console expects. Returns the length.
 int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId);
 
-// Three fields: call text, file, line. Without a line: call text, "Native Method" and `noLine`. No separator
-// at the end.
-void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine);
+// Three fields: call text, file, line. Without a line: call text, "Native Method" and `noLine`; a line
+// without a file has `noFile`. No separator at the end.
+void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine, const char *noFile);
+
+// A text and its separator.
+void QorAppendField(QorText *out, const char *text);
 
 // The detail blocks behind "DB Wait" and "RMI Wait" with nothing known.
 const char *QorEmptyDatabaseBlock();

@@ -3,7 +3,7 @@
 namespace {
 
 enum : uint32_t { SHAPE_SLOTS = 8192, SHAPE_LIMIT = 6144 };
-enum : int32_t { ROW_ARENA_SIZE = 1024 * 1024, LONGEST_ROW = 3 * NAME_SIZE + 128, INDEX_DIGITS = 11 };
+enum : int32_t { ROW_ARENA_SIZE = 1024 * 1024 };
 
 QorFrameShape shapes[SHAPE_SLOTS]; // open addressing; an entry of another sample is free
 uint32_t shapeCount;
@@ -22,28 +22,19 @@ uint32_t SlotOf(jmethodID method, jlocation location) {
     return static_cast<uint32_t>(h >> 40) & (SHAPE_SLOTS - 1);
 }
 
-// Formats head and tail into `storage` and points the shape at them. The bytes used.
-int32_t FormatRow(QorFrameShape *shape, char *storage, int32_t size) {
+// Formats head and tail of the shape's row: into the arena while there is room, else into the loose row,
+// which then has to be formatted each time.
+void FormatRow(QorFrameShape *shape) {
+    const bool keep = shape != &looseShape && ROW_ARENA_SIZE - rowArenaUsed >= LONGEST_ROW;
     QorText row;
-    QorTextStart(&row, storage, size);
+    QorTextStart(&row, keep ? rowArena + rowArenaUsed : looseRow, LONGEST_ROW);
     QorAppendStackRowHead(&row, &shape->frame);
     shape->headLength = row.length;
     QorAppendStackRowTail(&row, shape->frame.methodId);
     shape->tailLength = row.length - shape->headLength;
-    shape->rowText = storage;
-    return row.length + 1;
-}
-
-// Keeping a frame needs all of its facts, a free slot and room for its row.
-bool CanKeep(const QorFrameRecord &frame) {
-    return frame.facts && shapeCount < SHAPE_LIMIT && ROW_ARENA_SIZE - rowArenaUsed >= LONGEST_ROW;
-}
-
-char *PutDigits(char *end, uint32_t value) {
-    do
-        *--end = static_cast<char>('0' + value % 10);
-    while (value /= 10);
-    return end;
+    shape->rowText = row.text;
+    if (keep)
+        rowArenaUsed += row.length + 1;
 }
 
 } // namespace
@@ -57,7 +48,7 @@ void QorStartFrameShapes() {
     }
 }
 
-const QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle) {
+QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle) {
     const jvmtiFrameInfo &at = frameHandle->frames[frameHandle->index];
     uint32_t slot = SlotOf(at.method, at.location);
     for (; shapes[slot].sample == currentSample; slot = (slot + 1) & (SHAPE_SLOTS - 1))
@@ -67,26 +58,21 @@ const QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle) {
     QorFrameRecord frame;
     if (QorReadFrame(frameHandle, FRAME_WITH_FILE_AND_LINE, &frame) != 0)
         return nullptr;
-    const bool keep = CanKeep(frame);
+    const bool keep = frame.facts && shapeCount < SHAPE_LIMIT; // the facts outlive the frame
     QorFrameShape *shape = keep ? &shapes[slot] : &looseShape;
-    shape->method = at.method;
-    shape->location = at.location;
-    shape->frame = frame;
-    if (keep) {
-        shape->sample = currentSample;
+    *shape = {at.method, at.location, keep ? currentSample : 0, 0, 0, nullptr, frame};
+    if (keep)
         ++shapeCount;
-        rowArenaUsed += FormatRow(shape, rowArena + rowArenaUsed, LONGEST_ROW);
-    } else {
-        FormatRow(shape, looseRow, LONGEST_ROW);
-    }
     return shape;
 }
 
-int32_t QorAppendStackRow(QorText *out, const QorFrameShape *shape, const char *threadId,
-                          int32_t threadIdLength, int32_t frameIndex) {
-    char index[INDEX_DIGITS + 1];
-    char *const indexEnd = index + INDEX_DIGITS;
-    char *const digits = PutDigits(indexEnd, static_cast<uint32_t>(frameIndex));
+int32_t QorAppendStackRow(QorText *out, QorFrameShape *shape, const char *threadId, int32_t threadIdLength,
+                          int32_t frameIndex) {
+    if (!shape->rowText || shape->rowText == looseRow)
+        FormatRow(shape);
+    char index[24];
+    char *const indexEnd = index + sizeof index;
+    char *const digits = QorPutDigits(indexEnd, static_cast<uint32_t>(frameIndex));
     const int32_t indexLength = static_cast<int32_t>(indexEnd - digits);
     const int32_t length = shape->headLength + threadIdLength + 1 + indexLength + shape->tailLength;
     if (out->size - out->length <= length)

@@ -16,7 +16,7 @@ struct QorFrameShape {
     uint32_t sample;      // the sample that filled the entry
     int32_t headLength;   // bytes of the row in front of the thread id
     int32_t tailLength;   // bytes of the row behind the frame index
-    const char *rowText;  // head and tail, one behind the other
+    const char *rowText;  // head and tail, one behind the other; null until a row was wanted
     QorFrameRecord frame; // its frameIndex is of no meaning here
 };
 
@@ -25,9 +25,9 @@ void QorStartFrameShapes();
 
 // The shape of the frame at frameHandle->index; null when the frame can't be read. It holds until the next
 // call.
-const QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle);
+QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle);
 
 // Appends the stack row of a frame. `threadId` is the decimal text of the Java thread id. 1, or -1 when there
 // is no room: then nothing of it stands.
-int32_t QorAppendStackRow(QorText *out, const QorFrameShape *shape, const char *threadId,
-                          int32_t threadIdLength, int32_t frameIndex);
+int32_t QorAppendStackRow(QorText *out, QorFrameShape *shape, const char *threadId, int32_t threadIdLength,
+                          int32_t frameIndex);

@@ -13,10 +13,24 @@ namespace {
 
 QorE2EBlock *lastBlock;  // tail of the list; of no meaning while the list is empty
 QorE2EBlock *freeBlocks; // kept for the next sample
+int32_t freeCount;
+
+constexpr int32_t MOST_FREE_BLOCKS = 256; // 1.8 MiB
+
+void GiveBlockBack(QorE2EBlock *block) {
+    if (freeCount == MOST_FREE_BLOCKS) {
+        free(block);
+        return;
+    }
+    block->next = freeBlocks;
+    freeBlocks = block;
+    ++freeCount;
+}
 
 QorE2EBlock *TakeBlock() {
     if (QorE2EBlock *block = freeBlocks) {
         freeBlocks = block->next;
+        --freeCount;
         return block;
     }
     return static_cast<QorE2EBlock *>(malloc(sizeof(QorE2EBlock)));
@@ -67,12 +81,12 @@ void release_thread_e2e_info(JNIEnv *env) {
         thread_e2e_info = block->next;
         if (block->threadRef)
             QorDeleteGlobalRef(env, block->threadRef);
-        block->next = freeBlocks;
-        freeBlocks = block;
+        GiveBlockBack(block);
     }
 }
 
 void QorDropE2EPool() {
+    freeCount = 0;
     while (QorE2EBlock *block = freeBlocks) {
         freeBlocks = block->next;
         free(block);

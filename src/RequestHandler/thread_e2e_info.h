@@ -2,8 +2,8 @@
 //
 // The blocks carry a thread to the Java side and back: its reference, and what the sample learned of its work
 // in other tiers. They are built during the sample and released when the reply is complete, all on the
-// worker. Blocks are big and a sample needs hundreds, so released ones are kept for the next sample until
-// QorDropE2EPool.
+// worker. Blocks are big and a sample needs hundreds, so some of the released ones are kept for the next
+// sample until QorDropE2EPool.
 #pragma once
 
 #include "jvmti/ThreadSystem.h"
@@ -12,7 +12,7 @@
 #include <jni.h>
 
 struct QorE2EBlock {
-    jobject directRef;  // the thread, as the direct road knows it
+    jobject directRef;  // the thread, as the walk knows it: of no use once the walk is closed
     jobject threadRef;  // the thread, as a global reference
     char *patchPoint;   // end of this thread's part of the reply
     int32_t valid;      // 1 when this thread went to Java

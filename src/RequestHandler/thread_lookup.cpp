@@ -1,10 +1,14 @@
 #include "thread_lookup.h"
 
+#include "Xtier.h"
+
 #include <cstring>
 
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread) {
+    if (!key)
+        return false;
     for (; handle->index < handle->count; QorGetJVMThread(handle, 0)) {
-        if (!key || QorGetThreadInfo(handle, thread) != 0)
+        if (QorGetThreadInfo(handle, thread) != 0)
             continue;
         char threadKey[THREAD_KEY_SIZE];
         QorFormatThreadKey(threadKey, processId, thread->tid);
@@ -14,11 +18,11 @@ bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, 
     return false;
 }
 
-void QorReadFrameAsItIs(QorFrameHandle *frames, QorFrameRecord *frame) {
-    QorReadFrame(frames, FRAME_WITH_FILE_AND_LINE, frame);
-    QorGetMethodCallType(frame, &frame->callType);
-}
-
 const char *QorCallTypeText(const QorFrameRecord *frame) {
     return frame->callType ? "user" : "sys";
+}
+
+void closeThreadAndFreeLists() {
+    QorCloseThreadHandle(nullptr);
+    QorFreeXtierLists();
 }

@@ -1,4 +1,4 @@
-// One thread of a walk, found by the key that the console sends back. Worker only.
+// What the views of threads share: one thread found by its key, and the end of their walk. Worker only.
 #pragma once
 
 #include "jvmti/ThreadSystem.h"
@@ -10,8 +10,8 @@
 // of the walk has it; a null key is no thread's.
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread);
 
-// Reads the frame at frames->index for a view that shows every frame: what can't be read stays empty.
-void QorReadFrameAsItIs(QorFrameHandle *frames, QorFrameRecord *frame);
-
 // "user" or "sys", the type column of a frame.
 const char *QorCallTypeText(const QorFrameRecord *frame);
+
+// Closes the walk and frees the lists of a sample; on every way out of a view.
+void closeThreadAndFreeLists();

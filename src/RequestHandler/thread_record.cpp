@@ -10,11 +10,6 @@
 
 namespace {
 
-void AppendField(QorText *out, const char *text) {
-    QorTextAppend(out, text);
-    QorTextAppendChar(out, FIELD_SEP);
-}
-
 // The locks of a thread, as records of their own.
 struct ThreadLocks {
     QorText wait, owned;
@@ -23,8 +18,7 @@ struct ThreadLocks {
 void ReadLocks(QorSample *sample, const QorThreadRecord &thread, ThreadLocks *locks) {
     QorTextStart(&locks->wait, console_mon_wait_buf, CONSOLE_BUF_SIZE);
     QorTextStart(&locks->owned, console_mon_owned_buf, CONSOLE_BUF_SIZE);
-    const QorMonitorScope scope =
-        sample->filtering || trace_single_thread_details ? MONITORS_OF_ONE_THREAD : MONITORS_OF_THE_WALK;
+    const QorMonitorScope scope = trace_single_thread_details ? MONITORS_OF_ONE_THREAD : MONITORS_OF_THE_WALK;
     QorMonitorRecord contended = {};
     if (QorGetContendedMonitorInfo(&sample->handle, &thread, scope, &contended, 0) == 1 &&
         contended.waiting == 1)
@@ -39,17 +33,15 @@ void ReadLocks(QorSample *sample, const QorThreadRecord &thread, ThreadLocks *lo
 }
 
 // Name, request and identity: the columns in front of the current call.
-void AppendIdentity(const QorSample &sample, const QorThreadRecord &thread) {
+void AppendIdentity(const QorSample &sample, const QorThreadWalk &walk) {
     QorText *out = sample.reply;
     if (!sample.writesStacks)
-        AppendField(out, "a");
-    AppendField(out, thread.name);
-    AppendField(out, null_str);
-    AppendField(out, null_str); // request URL
-    AppendField(out, null_str); // request detail
-    char strThreadPid[THREAD_KEY_SIZE];
-    QorFormatThreadKey(strThreadPid, sample.processId, thread.tid);
-    AppendField(out, strThreadPid);
+        QorAppendField(out, "a");
+    QorAppendField(out, walk.thread.name);
+    QorAppendField(out, null_str);
+    QorAppendField(out, null_str); // request URL
+    QorAppendField(out, null_str); // request detail
+    QorAppendField(out, walk.key);
 }
 
 void AppendCurrentCall(QorText *out, const QorText &currentCall) {
@@ -59,7 +51,7 @@ void AppendCurrentCall(QorText *out, const QorText &currentCall) {
         return;
     }
     for (int32_t i = 0; i < 3; ++i)
-        AppendField(out, null_str);
+        QorAppendField(out, null_str);
 }
 
 void AppendState(QorText *out, int32_t state) {
@@ -81,6 +73,8 @@ void AppendSections(QorSample *sample, const QorThreadWalk &walk) {
     QorTextAppendChar(out, SECTION_END);
     QorTextAppend(out, TITLE_CALL_STACK);
     QorTextAppend(out, walk.stackRows.text, walk.stackRows.length);
+    if (out->refused)
+        return; // the record will not stand, so its locks need not be asked for
 
     ThreadLocks locks;
     ReadLocks(sample, walk.thread, &locks);
@@ -106,7 +100,7 @@ int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
         QorTextAppendChar(out, SECTION_END);
         QorTextAppend(out, sample->title);
     }
-    AppendIdentity(*sample, walk->thread);
+    AppendIdentity(*sample, *walk);
     AppendCurrentCall(out, walk->currentCall);
     AppendState(out, walk->thread.state);
     if (isPollForm)

@@ -1,7 +1,6 @@
 #include "thread_stack.h"
 
 #include "Xtier.h"
-#include "all_threads.h"
 #include "jvmti/Monitors.h"
 #include "qorlog.h"
 #include "qorrequest.h"
@@ -16,22 +15,17 @@ namespace {
 
 constexpr char BLANK[] = " ";
 
-void AppendField(QorText *out, const char *text) {
-    QorTextAppend(out, text);
-    QorTextAppendChar(out, FIELD_SEP);
-}
-
 // The rows of this view carry the method's id in 32 bits; the console sends them back to ask for locals.
 void AppendFrameRow(QorText *out, const QorFrameRecord *frame, int64_t tid) {
     char head[96];
     snprintf(head, sizeof head, "%s%c%d%c%d%c%d%c2%c3%c", QorCallTypeText(frame), FIELD_SEP,
              static_cast<int32_t>(tid), FIELD_SEP, frame->frameIndex, FIELD_SEP,
              static_cast<int32_t>(frame->methodId), FIELD_SEP, FIELD_SEP, FIELD_SEP);
-    char storage[3 * NAME_SIZE];
+    char storage[LONGEST_ROW];
     QorText row;
     QorTextStart(&row, storage, sizeof storage);
     QorTextAppend(&row, head);
-    QorAppendFrameGroup(&row, frame, BLANK);
+    QorAppendFrameGroup(&row, frame, BLANK, "");
     QorTextAppendChar(&row, RECORD_END);
     QorTextAppend(out, row.text, row.length);
 }
@@ -43,7 +37,7 @@ void NoteCurrentCall(QorText *call, const QorFrameRecord *frame) {
     QorTextAppend(call, "->");
     QorTextAppend(call, frame->method);
     QorTextAppendChar(call, FIELD_SEP);
-    AppendField(call, frame->fileName);
+    QorAppendField(call, frame->fileName);
     QorTextAppendNumber(call, frame->line);
     QorTextAppendChar(call, FIELD_SEP);
 }
@@ -55,7 +49,7 @@ void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, QorText *rows, 
     QorXtierFlags xtier = {};
     for (frames->index = 0; frames->index < frames->count; ++frames->index) {
         QorFrameRecord frame;
-        QorReadFrameAsItIs(frames, &frame);
+        QorReadFrame(frames, FRAME_WITH_FILE_AND_LINE, &frame); // what can't be read stays empty
         if (!gbQorRELocal)
             QorListXtierFrame(thread, &frame, &xtier);
         GetThreadEnhancedState(&frame, thread);
@@ -84,22 +78,22 @@ void AppendHead(QorText *reply, uint32_t reqid, const QorThreadRecord &thread) {
     char title[TITLE_SIZE];
     InitResponseHeader(reqid, title);
     QorTextAppend(reply, title);
-    AppendField(reply, thread.name);
-    AppendField(reply, null_str);
+    QorAppendField(reply, thread.name);
+    QorAppendField(reply, null_str);
 }
 
 void AppendIdentity(QorText *reply, const QorThreadRecord &thread, const QorText &currentCall,
                     int32_t processId) {
-    AppendField(reply, BLANK); // request URL
-    AppendField(reply, BLANK); // request detail
+    QorAppendField(reply, BLANK); // request URL
+    QorAppendField(reply, BLANK); // request detail
     char key[THREAD_KEY_SIZE];
     QorFormatThreadKey(key, processId, thread.tid);
-    AppendField(reply, key);
+    QorAppendField(reply, key);
     if (currentCall.length > 0)
         QorTextAppend(reply, currentCall.text, currentCall.length);
     else
         for (int32_t i = 0; i < 3; ++i)
-            AppendField(reply, BLANK);
+            QorAppendField(reply, BLANK);
     char state[STATE_TEXT_SIZE];
     mapQorThreadState2String(thread.state, state);
     QorTextAppend(reply, state);

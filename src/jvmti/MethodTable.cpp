@@ -24,8 +24,7 @@ constexpr int32_t TEXT_STORE_SIZE = 4 << 20;
 
 struct KnownMethod {
     QorMethodFacts facts;
-    jlocation lastLocation; // with the line found for it: threads of a pool stand at the same places
-    int32_t lastLine;
+    bool hasFile; // file and lines have been asked for as well
     uint32_t slot;
 };
 
@@ -184,20 +183,31 @@ jvmtiError ReadLineTable(jmethodID method, jint *count, jvmtiLineNumberEntry **l
     return error;
 }
 
-// Reads a method into `reading`. File and lines are left out when only a name and a class are wanted and
-// those could not be had: then there is nothing to keep.
+// Reads a method into `reading`, as far as it is wanted. A method without a name is asked nothing more: its
+// id may be stale.
 void ReadMethod(jmethodID method, QorFrameDetail detail) {
     reading.method[0] = reading.className[0] = reading.fileName[0] = 0;
-    reading.methodLength = ReadMethodName(method, reading.method);
-    reading.classLength = ReadClassName(method, reading.className);
-    reading.fileLength = -1;
+    reading.classLength = reading.fileLength = -1;
     reading.lineError = JVMTI_ERROR_ABSENT_INFORMATION;
     reading.lineCount = 0;
     reading.lines = nullptr;
-    if (detail == FRAME_METHOD_AND_CLASS && (reading.methodLength < 0 || reading.classLength < 0))
+    reading.methodLength = ReadMethodName(method, reading.method);
+    if (reading.methodLength < 0)
+        return;
+    reading.classLength = ReadClassName(method, reading.className);
+    if (detail == FRAME_METHOD_AND_CLASS)
         return;
     reading.fileLength = ReadFileName(method, reading.fileName);
     reading.lineError = ReadLineTable(method, &reading.lineCount, &reading.lines);
+}
+
+// Whether `reading` has all that was wanted of it.
+bool ReadingIsComplete(QorFrameDetail detail) {
+    if (reading.methodLength < 0 || reading.classLength < 0)
+        return false;
+    return detail == FRAME_METHOD_AND_CLASS ||
+           (reading.fileLength >= 0 &&
+            (reading.lineError == JVMTI_ERROR_NONE || MethodHasNoLines(reading.lineError)));
 }
 
 const char *StoreText(const char *text, int32_t length) {
@@ -208,42 +218,33 @@ const char *StoreText(const char *text, int32_t length) {
 }
 
 // Keeps `reading` if it is complete and there is room; its line table then belongs to the kept facts.
-KnownMethod *KeepReading(jmethodID method, MethodSlot *slot) {
-    if (reading.methodLength < 0 || reading.classLength < 0 || reading.fileLength < 0 ||
-        (reading.lineError != JVMTI_ERROR_NONE && !MethodHasNoLines(reading.lineError)))
+KnownMethod *KeepReading(jmethodID method, QorFrameDetail detail, MethodSlot *slot) {
+    if (!ReadingIsComplete(detail))
         return nullptr;
-    const int32_t size = reading.methodLength + reading.classLength + reading.fileLength + 3;
+    const int32_t fileLength = reading.fileLength < 0 ? 0 : reading.fileLength;
+    const int32_t size = reading.methodLength + reading.classLength + fileLength + 3;
     if (knownCount == MAX_METHODS || TEXT_STORE_SIZE - textUsed < size)
         return nullptr;
-    KnownMethod *known = &knownMethods[knownCount++];
+    KnownMethod *known = slot->known ? slot->known : &knownMethods[knownCount++];
     QorMethodFacts &facts = known->facts;
     facts.id = method;
     facts.method = StoreText(reading.method, reading.methodLength);
     facts.className = StoreText(reading.className, reading.classLength);
-    facts.fileName = StoreText(reading.fileName, reading.fileLength);
+    facts.fileName = StoreText(reading.fileName, fileLength);
     facts.methodLength = reading.methodLength;
     facts.classLength = reading.classLength;
-    facts.fileLength = reading.fileLength;
+    facts.fileLength = fileLength;
     facts.callType = checkSystemCall(facts.className, facts.method) ? 0 : 1;
     facts.lineCount = reading.lineCount;
     facts.lines = reading.lines;
+    known->hasFile = detail == FRAME_WITH_FILE_AND_LINE;
     known->slot = static_cast<uint32_t>(slot - slots);
-    known->lastLocation = -1;
-    known->lastLine = QorMapLoc2Line(-1, facts.lines, facts.lineCount);
-    if (!facts.lines)
-        known->lastLine = 0;
     *slot = {method, known};
     return known;
 }
 
-int32_t LineOf(KnownMethod *known, jlocation location) {
-    if (!known->facts.lines)
-        return 0;
-    if (known->lastLocation != location) {
-        known->lastLocation = location;
-        known->lastLine = QorMapLoc2Line(location, known->facts.lines, known->facts.lineCount);
-    }
-    return known->lastLine;
+int32_t LineOf(const QorMethodFacts &facts, jlocation location) {
+    return facts.lines ? QorMapLoc2Line(location, facts.lines, facts.lineCount) : 0;
 }
 
 // The record of a frame whose method could not be kept.
@@ -291,16 +292,17 @@ int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFram
     record->frameIndex = frameHandle->index;
     jmethodID method = MethodAtIndex(frameHandle);
     if (!method) {
-        *record = {frameHandle->index, 0, "", "", "", 0, 1, nullptr};
+        *record = {frameHandle->index, 0, "", "", "", 0, 0, nullptr};
+        QorGetMethodCallType(record, &record->callType);
         return -1;
     }
     const jlocation location = frameHandle->frames[frameHandle->index].location;
     record->methodId = reinterpret_cast<int64_t>(method);
     MethodSlot *slot = FindSlot(method);
     KnownMethod *known = slot->known;
-    if (!known) {
+    if (!known || (detail == FRAME_WITH_FILE_AND_LINE && !known->hasFile)) {
         ReadMethod(method, detail);
-        known = KeepReading(method, slot);
+        known = KeepReading(method, detail, slot);
         if (!known) {
             record->facts = nullptr;
             return ReportReading(location, detail, record);
@@ -312,7 +314,7 @@ int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFram
     record->fileName = facts->fileName;
     record->callType = facts->callType;
     record->facts = facts;
-    record->line = LineOf(known, location);
+    record->line = LineOf(*facts, location);
     return 0;
 }
 

@@ -39,7 +39,7 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
 int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
                                    QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner);
 
-// Drops what the batches fetched. Call it where the walk is closed, before QorCloseThreadHandle.
+// Drops what the batches fetched. The close of the walk calls it.
 void QorCloseMonitorSample();
 
 // Logs a JVMTI error by name; nothing else.

@@ -12,6 +12,10 @@ int32_t tessar_thick_driver;
 
 namespace {
 
+constexpr int32_t TIMED_ACCEPT_DEPTH = 2; // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
+constexpr int32_t RMI_DEPTH = 3;          // frames above it may tell of a remote call
+static_assert(TIMED_ACCEPT_DEPTH < RMI_DEPTH, "QorStateIsSettled looks at one depth only");
+
 constexpr const char *STATE_TEXTS[STATE_COUNT] = {
     "Runnable",   "Interrupted",  "Suspended",    "Object Wait", "Lock",
     "Sleeping",   "CondVar Wait", "Network Wait", "IO Wait",     "DB Wait",
@@ -125,9 +129,11 @@ void mapQorThreadState2String(int32_t state, char *dest) {
     QorStrncpy(dest, STATE_TEXTS[state], STATE_TEXT_SIZE, STATE_TEXT_SIZE);
 }
 
+bool QorStateIsSettled(int32_t state, int32_t frameIndex) {
+    return frameIndex >= RMI_DEPTH && state != STATE_RUNNABLE && state != STATE_NETWORK_WAIT;
+}
+
 int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thread) {
-    constexpr int32_t TIMED_ACCEPT_DEPTH = 2; // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
-    constexpr int32_t RMI_DEPTH = 3;
     if (!frame) {
         SetState(thread, STATE_OBJECT_WAIT);
         return 0;

@@ -151,6 +151,9 @@ void mapQorThreadState2String(int32_t state, char *dest);
 // means that the thread has no usable user frame. Always 0.
 int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thread);
 
+// Whether no frame from `frameIndex` on can change the state any more.
+bool QorStateIsSettled(int32_t state, int32_t frameIndex);
+
 // Stores 1 for a user call, 0 for a system call; a null record stores nothing.
 void QorGetMethodCallType(const QorFrameRecord *frame, int32_t *out);
 

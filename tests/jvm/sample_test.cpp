@@ -244,8 +244,8 @@ TEST_F(Sample, LongStacksLoseTheirMiddle) {
         CallVoid(ZOO, "stop", "()V");
     }
     // Extreme settings neither crash nor loop.
-    CallObject(ZOO, "startDeep", "(I)Ljava/lang/Thread;", 50);
-    for (int32_t recorded : {0, -5, 1, 2000000000}) {
+    CallObject(ZOO, "startDeep", "(I)Ljava/lang/Thread;", 100);
+    for (int32_t recorded : {0, -5, 1, 2000000000, -2147483548, INT32_MIN}) {
         maxStackDepthRecorded = recorded;
         EXPECT_EQ("", AskDetails().error) << recorded;
     }

@@ -100,7 +100,7 @@ TEST(Records, FrameGroupHasThreeFieldsWhateverIsKnown) {
     for (const Case &c : cases) {
         Built built;
         const QorFrameRecord frame = Frame(c.file, c.line);
-        QorAppendFrameGroup(&built.text, &frame, c.noLine);
+        QorAppendFrameGroup(&built.text, &frame, c.noLine, "^");
         EXPECT_EQ(c.seen, built.Seen());
     }
 }
