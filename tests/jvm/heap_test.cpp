@@ -24,6 +24,7 @@
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -272,6 +273,27 @@ TEST_F(Heap, WalksLeaveNoTagAndKeepNoClass) {
     EXPECT_EQ(jvmti->GetTag(shop, &tag), JVMTI_ERROR_NONE);
     EXPECT_EQ(tag, 0);
     EXPECT_EQ(CallLong(SHOP, "dropOwn", "()J"), 1) << "a class loader is still held";
+}
+
+int64_t ResidentMegabytes() {
+    int64_t total = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * getpagesize() >> 20;
+}
+
+TEST_F(Heap, DumpsInARowKeepNoMemory) {
+    const int descriptors = OpenDescriptors();
+    const auto dumpOften = [this](int times) {
+        for (int i = 0; i < times; i++) {
+            EXPECT_EQ(QorHeapDump(in("dump").c_str()), 0);
+            CallVoid(SHOP, "gc", "()V"); // newer JVMs give a part of the tags back at a collection only
+        }
+    };
+    dumpOften(5); // until the allocator has what it needs
+    const int64_t before = ResidentMegabytes();
+    dumpOften(40); // the tags of a dump take some 2 MB here
+    EXPECT_LT(ResidentMegabytes(), before + 20);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
 TEST_F(Heap, HistogramCountsWhatTheJvmCounts) {
