@@ -1,23 +1,17 @@
 #include "commands.h"
 
+#include "command_tools.h"
 #include "failure.h"
-#include "json.h"
 #include "protocol.h"
 #include "render.h"
 #include "request.h"
 #include "session.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdio>
-#include <cstdlib>
 #include <fmt/format.h>
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sys/ioctl.h>
-#include <thread>
-#include <unistd.h>
 
 namespace qorctl {
 
@@ -27,76 +21,6 @@ constexpr size_t MAX_RULES_FILE = 1 << 20;
 constexpr int HEADER_EVERY = 20; // lines of a series
 constexpr int SHUTDOWN_CHECKS = 100;
 constexpr std::chrono::milliseconds SHUTDOWN_PERIOD(50);
-
-void Print(std::string_view text) {
-    fwrite(text.data(), 1, text.size(), stdout);
-    fflush(stdout);
-}
-
-Style TerminalStyle(const Settings &settings) {
-    Style style;
-    if (!isatty(STDOUT_FILENO))
-        return style;
-    const char *term = getenv("TERM");
-    style.colour = !getenv("NO_COLOR") && term && std::string_view(term) != "dumb";
-    winsize size = {};
-    if (!settings.wide && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
-        style.width = size.ws_col;
-    return style;
-}
-
-// Does `once` now, and again every `period` seconds until it throws, if a period is given.
-template <class Once>
-void Repeat(double period, Once once) {
-    auto next = std::chrono::steady_clock::now();
-    for (;;) {
-        once();
-        if (period <= 0)
-            return;
-        next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(period));
-        next = std::max(next, std::chrono::steady_clock::now());
-        std::this_thread::sleep_until(next);
-    }
-}
-
-bool Holds(std::string_view text, const std::string &lower_part) {
-    auto equal = [](unsigned char a, unsigned char b) { return std::tolower(a) == b; };
-    return std::search(text.begin(), text.end(), lower_part.begin(), lower_part.end(), equal) != text.end();
-}
-
-bool FrameHolds(const Frame &frame, const std::string &part) {
-    return Holds(frame.class_name + "." + frame.method, part);
-}
-
-// Whether a thread's name, state, call, request or any frame holds the text.
-bool Matches(const Thread &thread, const std::string &part) {
-    if (Holds(thread.name, part) || Holds(thread.state, part) ||
-        (thread.call && FrameHolds(*thread.call, part)) || Holds(thread.request_url.value_or(""), part))
-        return true;
-    return std::any_of(thread.stack.begin(), thread.stack.end(),
-                       [&](const Frame &frame) { return FrameHolds(frame, part); });
-}
-
-void KeepMatching(ThreadSample *sample, std::string part) {
-    std::transform(part.begin(), part.end(), part.begin(), [](unsigned char c) { return std::tolower(c); });
-    auto &threads = sample->threads;
-    threads.erase(std::remove_if(threads.begin(), threads.end(),
-                                 [&](const Thread &thread) { return !Matches(thread, part); }),
-                  threads.end());
-}
-
-void PrintAnswer(const Settings &settings, pid_t pid, const std::string &answer) {
-    if (settings.json)
-        Print(JsonText({{"pid", pid}, {"answer", answer}}, false) + "\n");
-    else
-        Print(Printable(answer) + "\n");
-}
-
-std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request) {
-    Connection connection = RequireAgent(settings, RequireProcess(pid));
-    return connection.Ask(request, Seconds(settings.timeout));
-}
 
 void SendSetting(const Settings &settings, pid_t pid, const std::string &request) {
     std::string reply = AskOnce(settings, pid, request);
@@ -116,26 +40,6 @@ std::string ReadRules(const std::string &file) {
                       "check the path, or give the rules on standard input as '-'", EXIT_USAGE);
     text.resize(static_cast<size_t>(in.gcount()));
     return text;
-}
-
-void ShowThreads(const Settings &settings, const ThreadsCommand &command, const ThreadSample &sample,
-                 int os_threads) {
-    if (settings.json) {
-        Print(JsonText(ToJson(sample), command.watch > 0) + "\n");
-        return;
-    }
-    Style style = TerminalStyle(settings);
-    bool dump = command.details || !command.thread.empty();
-    std::string text = dump ? ThreadDump(sample, style) : ThreadTable(sample, style) + "\n";
-    if (sample.threads.empty())
-        text = command.match.empty() ? "No thread is active; --all shows the idle ones.\n"
-                                     : "No thread matches.\n";
-    text += SampleNotes(sample, os_threads) + "\n";
-    if (command.watch > 0 && style.colour)
-        text = "\x1b[H\x1b[2J" + text;
-    else if (command.watch > 0)
-        text += "\n";
-    Print(text);
 }
 
 // The agent's answer to SHUTDOWN is to hang up; its endpoint file goes with it.
@@ -175,28 +79,6 @@ void RunAttach(const Settings &settings, pid_t pid) {
     bool relay = LoadAndConnect(settings, process).has_value();
     PrintAnswer(settings, pid,
                 fmt::format("The agent runs in JVM {}{}.", pid, relay ? "" : ", without a relay"));
-}
-
-void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command) {
-    Process process = RequireProcess(pid);
-    ThreadQuestion question;
-    question.details = command.details;
-    question.all = command.all;
-    question.repeated = command.watch > 0;
-    if (!command.thread.empty())
-        question.thread_key = ThreadKeyText(command.thread, process.inner_pid);
-    std::string request = ThreadsRequest(question);
-    Repeat(command.watch, [&] {
-        std::string reply = AskOnce(settings, pid, request);
-        ThreadSample sample = DecodeThreads(OpenReply(reply));
-        if (!question.thread_key.empty() && sample.threads.empty())
-            throw Failure(
-                fmt::format("JVM {} has no thread {}, or it has no Java frames", pid, command.thread),
-                "'qorctl threads --all' shows the threads with their ids");
-        if (!command.match.empty())
-            KeepMatching(&sample, command.match);
-        ShowThreads(settings, command, sample, process.threads);
-    });
 }
 
 void RunSummary(const Settings &settings, pid_t pid, double watch) {

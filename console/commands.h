@@ -26,6 +26,9 @@ struct ThreadsCommand {
 void RunList(const Settings &settings);
 void RunAttach(const Settings &settings, pid_t pid);
 void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
+// `thread` is an id, a key or a name.
+void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);
 void RunSummary(const Settings &settings, pid_t pid, double watch);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);

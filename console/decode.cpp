@@ -2,10 +2,9 @@
 
 #include "failure.h"
 #include "protocol.h"
+#include "records.h"
 
 #include <fmt/format.h>
-
-#include <charconv>
 
 namespace qorctl {
 
@@ -43,25 +42,6 @@ constexpr Refusal REFUSALS[] = {
     {"NoProcessing: Invalid Format", "the request names no setting"},
     {"ERROR Null parameters for request", "the request lacks its arguments"},
 };
-
-std::vector<std::string_view> Split(std::string_view text, char separator) {
-    std::vector<std::string_view> pieces;
-    size_t start = 0;
-    for (size_t end; (end = text.find(separator, start)) != text.npos; start = end + 1)
-        pieces.push_back(text.substr(start, end - start));
-    pieces.push_back(text.substr(start));
-    return pieces;
-}
-
-template <class Number>
-bool ReadNumber(std::string_view text, Number *value) {
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value);
-    return error == std::errc() && end == text.data() + text.size() && !text.empty();
-}
-
-std::optional<std::string> ReadOptional(std::string_view field) {
-    return field == NO_VALUE ? std::nullopt : std::optional<std::string>(field);
-}
 
 // "process-thread"; the thread number may be negative, so the first bar behind a digit is the separator.
 bool ReadKey(std::string_view text, ThreadKey *key) {
@@ -183,55 +163,76 @@ bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
     if (field.size() != 4 || !ReadNumber(field[0], &owned->lock) || !ReadNumber(field[3], &owned->depth))
         return false;
+    // Without a number of its own the lock has the one in its text.
+    size_t tail = field[2].rfind('@');
+    if (owned->lock == 0 && tail != field[2].npos)
+        ReadNumber(field[2].substr(tail + 1), &owned->lock);
     owned->class_name = LockClass(field[2], owned->lock);
     return true;
 }
 
-// Goes through the records of a reply and knows where it may have been cut.
-class RecordReader {
-public:
-    explicit RecordReader(const Reply &reply) : reply_(reply), cut_(reply.reached_limit) {}
+bool ReadCallType(std::string_view text, Frame *frame) {
+    frame->user = text == USER_CALL;
+    return text == USER_CALL || text == SYSTEM_CALL;
+}
 
-    bool cut() const { return cut_; }
+// A row of the view of one stack.
+bool ReadFrameRow(std::string_view row, Frame *frame) {
+    std::vector<std::string_view> field = Split(row, FIELD_SEP);
+    int64_t thread = 0;
+    return field.size() == 9 && ReadCallType(field[0], frame) && ReadNumber(field[1], &thread) &&
+           ReadNumber(field[2], &frame->index) && ReadNumber(field[3], &frame->method_id) &&
+           ReadFrameGroup(field[6], field[7], field[8], frame);
+}
 
-    // Reads every record of a section by `read` into a T and hands it to `keep`.
-    template <class T, class Read, class Keep>
-    void Each(const Section &section, Read read, Keep keep) {
-        bool last_section = &section == &reply_.sections.back();
-        for (size_t i = 0; i < section.records.size(); ++i) {
-            bool last = last_section && i + 1 == section.records.size();
-            bool open = last && !section.closed && !section.last_record_ended;
-            T value;
-            if (!open && read(section.records[i], &value)) {
-                keep(std::move(value));
-                continue;
-            }
-            if (!open && !(last && (reply_.reached_limit || !reply_.jvm_microseconds)))
-                throw Failure(
-                    fmt::format("record {} of section \"{}\" has an unknown form", i + 1, section.title),
-                    "see the reply itself with 'raw'; agent and qorctl may be of different versions");
-            cut_ = true;
-        }
-        if (!section.closed)
-            cut_ = true;
+// The seven fields of a database call as the view of one stack has them, each with its end mark but the last.
+bool ReadShortDbWait(std::string_view block, DbWait *db) {
+    std::vector<std::string_view> field = Split(block, FIELD_SEP);
+    if (field.size() != 7 || !ReadNumber(field[2], &db->local_port) ||
+        !ReadNumber(field[3], &db->remote_port) || !ReadNumber(field[5], &db->sample_time) ||
+        !ReadNumber(field[6], &db->sql_ref))
+        return false;
+    db->url = ReadOptional(field[0]);
+    db->user = ReadOptional(field[1]);
+    db->remote_host = ReadOptional(field[4]);
+    return true;
+}
+
+// The head of the view of one stack. A thread whose frames could not be had has a name and nothing else.
+bool ReadStackHead(std::string_view head, Thread *thread) {
+    size_t detail = head.find(DETAIL_START);
+    std::vector<std::string_view> field = Split(head.substr(0, detail), FIELD_SEP);
+    if (field.size() != 9 || field[1] != NO_VALUE || !ReadKey(field[4], &thread->key) || field[8].empty())
+        return false;
+    thread->name = field[0];
+    if (field[2] != NO_LINE_SHOWN) {
+        thread->request_url = ReadOptional(field[2]);
+        thread->request_detail = ReadOptional(field[3]);
     }
+    thread->state = field[8];
+    if (field[5] != NO_LINE_SHOWN && !ReadFrameGroup(field[5], field[6], field[7], &thread->call.emplace()))
+        return false;
+    return detail == head.npos || ReadShortDbWait(head.substr(detail + 1), &thread->db.emplace());
+}
 
-    // A section that isn't one of this view's. A title that was cut looks like that as well.
-    void Unknown(const Section &section) {
-        bool last = &section == &reply_.sections.back();
-        if (last && !section.closed && section.records.empty()) {
-            cut_ = true;
-            return;
-        }
-        if (!section.title.empty() || !section.records.empty())
-            throw Failure(fmt::format("the reply holds an unexpected section \"{}\"", section.title),
-                          "see the reply itself with 'raw'; agent and qorctl may be of different versions");
-    }
+// The one row about a lock's holder.
+bool ReadHolderRow(std::string_view row, Thread *thread) {
+    std::vector<std::string_view> field = Split(row, FIELD_SEP);
+    if (field.size() != 7 || field[6].empty() || !ReadKey(field[2], &thread->key))
+        return false;
+    thread->name = field[1];
+    thread->state = field[6];
+    Frame &call = thread->call.emplace();
+    return ReadCallType(field[0], &call) && ReadFrameGroup(field[3], field[4], field[5], &call);
+}
 
-private:
-    const Reply &reply_;
-    bool cut_;
-};
+// A stack that fills its place up to less than a row may have lost rows.
+bool MayLackFrames(const Section &stack) {
+    size_t size = 0;
+    for (std::string_view row : stack.records)
+        size += row.size() + 1;
+    return size + LONGEST_STACK_ROW > STACK_LIMIT;
+}
 
 Thread &CurrentThread(ThreadSample *sample, const Section &section) {
     if (sample->threads.empty())
@@ -335,6 +336,57 @@ ThreadSample DecodeThreads(const Reply &reply) {
     return sample;
 }
 
+ThreadSample DecodeStack(const Reply &reply) {
+    ThreadSample sample;
+    RecordReader reader(reply);
+    std::optional<LockWait> wait; // stands in front of its thread
+    bool full = false;
+    for (const Section &section : reply.sections) {
+        if (section.title == TITLE_LOCK_WAIT) {
+            reader.Each<LockWait>(section, ReadLockWait, [&](LockWait &&w) { wait = std::move(w); });
+        } else if (section.title == TITLE_THREAD_DETAILS) {
+            reader.Each<Thread>(section, ReadStackHead,
+                                [&](Thread &&thread) { sample.threads.push_back(std::move(thread)); });
+        } else if (section.title == TITLE_CALL_STACK) {
+            Thread &thread = CurrentThread(&sample, section);
+            full = MayLackFrames(section);
+            reader.Each<Frame>(section, ReadFrameRow,
+                               [&](Frame &&f) { thread.stack.push_back(std::move(f)); });
+        } else if (section.title == TITLE_OWNED_LOCKS) {
+            Thread &thread = CurrentThread(&sample, section);
+            reader.Each<OwnedLock>(section, ReadOwnedLock,
+                                   [&](OwnedLock &&o) { thread.owns.push_back(std::move(o)); });
+        } else {
+            reader.Unknown(section);
+        }
+    }
+    if (!sample.threads.empty())
+        sample.threads[0].waits_for = std::move(wait);
+    sample.jvm_microseconds = reply.jvm_microseconds;
+    sample.cut = reader.cut() || full;
+    return sample;
+}
+
+LockHolder DecodeLockHolder(const Reply &reply) {
+    LockHolder holder;
+    RecordReader reader(reply);
+    holder.jvm_microseconds = reply.jvm_microseconds;
+    if (!reply.sections.empty())
+        holder.answer = LockHolder::NOBODY;
+    for (const Section &section : reply.sections) {
+        if (section.title != TITLE_LOCK_HOLDER) {
+            reader.Unknown(section);
+            continue;
+        }
+        holder.answer = LockHolder::NO_FRAMES;
+        reader.Each<Thread>(section, ReadHolderRow, [&](Thread &&thread) {
+            holder.answer = LockHolder::FOUND;
+            holder.thread = std::move(thread);
+        });
+    }
+    return holder;
+}
+
 Summary DecodeSummary(const Reply &reply) {
     std::vector<std::string_view> field = Split(reply.text, FIELD_SEP);
     Summary summary;
@@ -342,8 +394,7 @@ Summary DecodeSummary(const Reply &reply) {
     for (size_t i = 0; whole && i < SUMMARY_FIGURES; ++i)
         whole = ReadNumber(field[i], &summary.figures[i]);
     if (!whole)
-        throw Failure("the agent's summary doesn't hold thirteen numbers",
-                      "see the reply itself with 'raw'; agent and qorctl may be of different versions");
+        throw UnknownForm("the agent's summary doesn't hold thirteen numbers");
     summary.jvm_microseconds = reply.jvm_microseconds;
     return summary;
 }

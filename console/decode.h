@@ -52,7 +52,8 @@ struct Frame {
     int line = 0;     // 0 when unknown: a native method, or code without line numbers
     int index = 0;    // 0 at the top of the stack
     int64_t method_id = 0;
-    int64_t skipped = 0; // not a frame but this many frames left out, the first of them at `index`
+    std::optional<bool> user; // whether it is a call of the application; only the view of one stack tells
+    int64_t skipped = 0;      // not a frame but this many frames left out, the first of them at `index`
 };
 
 struct DbWait {
@@ -99,6 +100,19 @@ struct ThreadSample {
     bool cut = false;
 };
 
+// What is told of the thread that holds a lock.
+struct LockHolder {
+    enum Answer {
+        MOVED_ON,  // the waiter doesn't wait for this lock any more
+        NOBODY,    // no thread holds it, as far as is known
+        NO_FRAMES, // a thread without Java frames holds it
+        FOUND,
+    };
+    Answer answer = MOVED_ON;
+    Thread thread; // when found: without a stack
+    std::optional<uint64_t> jvm_microseconds;
+};
+
 // The thirteen figures of the summary, in the order of the wire.
 enum SummaryFigure {
     SYSTEM_CPU_PERCENT,
@@ -132,6 +146,12 @@ struct Summary {
 // The thread sample in all its forms: rows of active threads, rows of all threads, and thread records with
 // stacks and locks.
 ThreadSample DecodeThreads(const Reply &reply);
+
+// One thread with its whole stack and its locks; no thread when the JVM has none with this key.
+ThreadSample DecodeStack(const Reply &reply);
+
+// Who holds the lock that a thread waits for.
+LockHolder DecodeLockHolder(const Reply &reply);
 
 // The summary line.
 Summary DecodeSummary(const Reply &reply);

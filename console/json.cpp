@@ -32,6 +32,8 @@ Json StackRow(const Frame &frame) {
     }
     row.update(ToJson(frame));
     row["method_id"] = frame.method_id;
+    if (frame.user)
+        row["application"] = *frame.user;
     return row;
 }
 
@@ -100,6 +102,10 @@ Json ToJson(const ThreadSample &sample) {
     return {{"threads", Array(sample.threads, [](const Thread &thread) { return ToJson(thread); })},
             {"jvm_microseconds", OrNull(sample.jvm_microseconds)},
             {"cut", sample.cut}};
+}
+
+Json ToJson(const LockHolder &holder) {
+    return holder.answer == LockHolder::FOUND ? ToJson(holder.thread) : Json();
 }
 
 Json ToJson(const Summary &summary) {

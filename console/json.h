@@ -11,6 +11,7 @@ namespace qorctl {
 using Json = nlohmann::ordered_json;
 
 Json ToJson(const ThreadSample &sample);
+Json ToJson(const LockHolder &holder); // null when no thread is known
 Json ToJson(const Summary &summary);
 Json ToJson(const std::vector<JvmEntry> &jvms);
 

@@ -17,7 +17,7 @@ struct CommandLine {
     pid_t pid = 0;
     ThreadsCommand threads;
     double watch = 0;
-    std::string rules_file, raw_text;
+    std::string thread, rules_file, raw_text;
     bool raw_bytes = false;
     int log_level = 0;
 };
@@ -71,6 +71,25 @@ void AddThreads(CLI::App *app, CommandLine *line) {
     command->final_callback([line] { RunThreads(line->settings, line->pid, line->threads); });
 }
 
+void AddThreadName(CLI::App *command, CommandLine *line, bool required) {
+    command->add_option("thread", line->thread, "The thread's id, key or name")
+        ->option_text("THREAD")
+        ->required(required);
+}
+
+void AddOneThread(CLI::App *app, CommandLine *line) {
+    CLI::App *stack = AddJvmCommand(app, "stack", "Show one thread's whole stack and its locks", line);
+    AddThreadName(stack, line, true);
+    AddWatch(stack, &line->watch);
+    stack->final_callback([line] { RunStack(line->settings, line->pid, line->thread, line->watch); });
+
+    CLI::App *locks = AddJvmCommand(app, "locks", "Show who waits for what, and who holds it", line);
+    AddThreadName(locks, line, false);
+    AddWatch(locks, &line->watch);
+    AddWide(locks, &line->settings);
+    locks->final_callback([line] { RunLocks(line->settings, line->pid, line->thread, line->watch); });
+}
+
 void AddOthers(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
@@ -118,6 +137,7 @@ int Run(int argc, char **argv) {
     });
     CommandLine line;
     AddThreads(&app, &line);
+    AddOneThread(&app, &line);
     AddOthers(&app, &line);
     try {
         app.parse(argc, argv);

@@ -30,8 +30,11 @@ constexpr std::string_view TITLE_THREAD_DETAILS = "Thread Info Details";
 constexpr std::string_view TITLE_CALL_STACK = "Call Stack";
 constexpr std::string_view TITLE_LOCK_WAIT = "Lock On";
 constexpr std::string_view TITLE_OWNED_LOCKS = "JVM Locks";
+constexpr std::string_view TITLE_LOCK_HOLDER = "Thread Holding Lock";
 constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
 
+constexpr std::string_view USER_CALL = "user"; // of the application, by the rules
+constexpr std::string_view SYSTEM_CALL = "sys";
 constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and performance optimization";
 constexpr std::string_view USEC_UNIT = " usec";
 
@@ -40,6 +43,8 @@ constexpr std::string_view END_OF_TRANSMISSION = "|\t|\t\t||";
 constexpr std::string_view SHUTDOWN_REQUEST = "SHUTDOWN";
 constexpr size_t MAX_REQUEST_BYTES = 20480; // a request line, its line feed not counted
 constexpr size_t REPLY_LIMIT = 1024000;     // the agent's reply buffer
+constexpr size_t STACK_LIMIT = 102400;      // what one thread's stack may take of it
+constexpr size_t LONGEST_STACK_ROW = 3200;
 constexpr int MAX_THREADS_SAMPLED = 1024;
 
 // Bits of the flag word, the first field of a request.
@@ -54,7 +59,12 @@ enum RequestFlag : uint32_t {
 
 // Bits of the request identifier.
 enum RequestId : uint32_t {
+    REQ_MEMORY_ACTIVITY = 0x80,
     REQ_THREAD_SUMMARY = 0x100,
+    REQ_THREAD_STACK = 0x200,
+    REQ_SHOW_OBJECT = 0x400,
+    REQ_LOCK_HOLDER = 0x800,
+    REQ_SHOW_LOCALS = 0x1000,
     REQ_ACTIVE_THREADS = 0x2000,
     REQ_POLL_DETAILS = 0x8000,
 };

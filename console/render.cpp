@@ -20,21 +20,6 @@ constexpr StateColour STATE_COLOURS[] = {
     {"DB Wait", "\x1b[33m"},  {"RMI Wait", "\x1b[33m"}, {"Object Wait", "\x1b[2m"},   {"Sleeping", "\x1b[2m"},
 };
 
-const char *StateCode(std::string_view state) {
-    for (const StateColour &row : STATE_COLOURS)
-        if (row.state == state)
-            return row.code;
-    return nullptr;
-}
-
-// Without a line the wire keeps no file either, so that a native method and unknown code look alike.
-std::string CallText(const Frame &frame) {
-    std::string call = fmt::format("{}.{}", frame.class_name, frame.method);
-    if (frame.line > 0)
-        return fmt::format("{}({}:{})", call, frame.file.empty() ? "Unknown Source" : frame.file, frame.line);
-    return fmt::format("{}({})", call, frame.file.empty() ? "Native Method" : frame.file);
-}
-
 // What is known of the call out of the JVM, in one line.
 std::string RemoteText(const Thread &thread) {
     std::string text;
@@ -99,7 +84,7 @@ public:
                 Row("at " + CallText(frame), nullptr);
             }
             if (first && thread_.waits_for)
-                Row(WaitText(thread_, names), StateCode("Lock"));
+                Row(WaitText(thread_, names), StateColourOf("Lock"));
             first = false;
             if (frame.skipped == 0)
                 Locks(frame.index, frame.index, false);
@@ -108,7 +93,7 @@ public:
             if (!Shown(lock))
                 Row(fmt::format("- locked {}, by a frame that isn't known",
                                 LockText(lock.lock, lock.class_name)),
-                    StateCode("Network Wait"));
+                    StateColourOf("Network Wait"));
     }
 
 private:
@@ -121,7 +106,8 @@ private:
             if (lock.depth < first || lock.depth > last)
                 continue;
             std::string row = "- locked " + LockText(lock.lock, lock.class_name);
-            Row(tell_depth ? fmt::format("{} at frame {}", row, lock.depth) : row, StateCode("Network Wait"));
+            Row(tell_depth ? fmt::format("{} at frame {}", row, lock.depth) : row,
+                StateColourOf("Network Wait"));
         }
     }
 
@@ -163,6 +149,21 @@ constexpr int SERIES_WIDTH = 5;
 
 } // namespace
 
+const char *StateColourOf(std::string_view state) {
+    for (const StateColour &row : STATE_COLOURS)
+        if (row.state == state)
+            return row.code;
+    return nullptr;
+}
+
+// Without a line the wire keeps no file either, so that a native method and unknown code look alike.
+std::string CallText(const Frame &frame) {
+    std::string call = fmt::format("{}.{}", frame.class_name, frame.method);
+    if (frame.line > 0)
+        return fmt::format("{}({}:{})", call, frame.file.empty() ? "Unknown Source" : frame.file, frame.line);
+    return fmt::format("{}({})", call, frame.file.empty() ? "Native Method" : frame.file);
+}
+
 std::string ThreadTable(const ThreadSample &sample, const Style &style) {
     bool requests = false, remote = false;
     for (const Thread &thread : sample.threads) {
@@ -177,7 +178,7 @@ std::string ThreadTable(const ThreadSample &sample, const Style &style) {
     Table table(columns);
     for (const Thread &thread : sample.threads) {
         std::vector<Cell> row = {fmt::format("{}", thread.key.thread),
-                                 Cell(thread.state, StateCode(thread.state)), thread.name,
+                                 Cell(thread.state, StateColourOf(thread.state)), thread.name,
                                  thread.call ? CallText(*thread.call) : "-"};
         if (requests)
             row.emplace_back(RequestText(thread));
@@ -196,7 +197,7 @@ std::string ThreadDump(const ThreadSample &sample, const Style &style) {
     for (const Thread &thread : sample.threads) {
         std::string name = fmt::format("\"{}\" #{}", Printable(thread.name), thread.key.thread);
         text += fmt::format("{} {}\n", Coloured(name, BOLD, style),
-                            Coloured(Printable(thread.state), StateCode(thread.state), style));
+                            Coloured(Printable(thread.state), StateColourOf(thread.state), style));
         auto fact = [&](const char *what, const std::string &value) {
             if (!value.empty())
                 text += fmt::format("   {}: {}\n", what, Printable(value));
@@ -220,6 +221,16 @@ std::string SampleNotes(const ThreadSample &sample, int os_threads) {
     if (os_threads > MAX_THREADS_SAMPLED)
         text += fmt::format("; the process has {} threads, the agent looks at {} Java threads at most",
                             os_threads, MAX_THREADS_SAMPLED);
+    return text;
+}
+
+std::string StackNotes(const ThreadSample &sample) {
+    size_t frames = sample.threads.empty() ? 0 : sample.threads[0].stack.size();
+    std::string text = fmt::format("{} frame{}", frames, frames == 1 ? "" : "s");
+    if (sample.jvm_microseconds)
+        text += fmt::format(", {} us in the JVM", *sample.jvm_microseconds);
+    if (sample.cut)
+        text += "; the reply holds no more of this stack, frames at its bottom may be missing";
     return text;
 }
 
@@ -254,10 +265,10 @@ std::string SummaryLine(const Summary &summary) {
 std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style) {
     Table table({{"PID", true}, {"USER"}, {"JAVA"}, {"AGENT"}, {"MAIN"}, {"NOTE"}});
     for (const JvmEntry &jvm : jvms)
-        table.Add(
-            {std::to_string(jvm.pid), jvm.user, jvm.java_version.empty() ? "?" : jvm.java_version,
-             Cell(AgentText(jvm.agent), jvm.agent == AgentState::RUNNING ? StateCode("Runnable") : nullptr),
-             jvm.main_class, jvm.note});
+        table.Add({std::to_string(jvm.pid), jvm.user, jvm.java_version.empty() ? "?" : jvm.java_version,
+                   Cell(AgentText(jvm.agent),
+                        jvm.agent == AgentState::RUNNING ? StateColourOf("Runnable") : nullptr),
+                   jvm.main_class, jvm.note});
     return table.Text(style);
 }
 

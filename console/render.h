@@ -20,6 +20,15 @@ std::string ThreadTable(const ThreadSample &sample, const Style &style);
 // Stacks with locks, as a thread dump shows them. Owners are named from `sample` where they stand in it.
 std::string ThreadDump(const ThreadSample &sample, const Style &style);
 
+// A frame's call as a stack trace shows it.
+std::string CallText(const Frame &frame);
+
+// The colour of a thread state; null for none.
+const char *StateColourOf(std::string_view state);
+
+// What else there is to say about one thread's stack: frames, time, whether it is complete.
+std::string StackNotes(const ThreadSample &sample);
+
 // What else there is to say about a sample: counts, time, whether it is complete.
 // `os_threads` is how many threads the process has, 0 when not known.
 std::string SampleNotes(const ThreadSample &sample, int os_threads);

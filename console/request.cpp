@@ -73,6 +73,16 @@ std::string ThreadsRequest(const ThreadQuestion &question) {
     return fmt::format("{}|showstack|{}", flags, uint32_t(plain ? REQ_ACTIVE_THREADS : REQ_POLL_DETAILS));
 }
 
+std::string StackRequest(std::string_view thread_key) {
+    return fmt::format("{}|showstack|{}|ARG=x,1={}", BaseFlags(false), uint32_t(REQ_THREAD_STACK),
+                       thread_key);
+}
+
+std::string LockHolderRequest(int64_t lock, std::string_view thread_key) {
+    return fmt::format("{}|showstack|{}|ARG=x,0={},1={}", BaseFlags(false), uint32_t(REQ_LOCK_HOLDER), lock,
+                       thread_key);
+}
+
 std::string SummaryRequest(bool repeated) {
     return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_THREAD_SUMMARY));
 }
@@ -113,14 +123,21 @@ std::vector<std::string> CheckRules(std::string_view rules) {
     return faults;
 }
 
-std::string ThreadKeyText(std::string_view text, int64_t process) {
+bool IsThreadNumber(std::string_view text) {
     size_t bar = text.find('-');
     std::string_view parts[2] = {text.substr(0, bar), bar == text.npos ? text : text.substr(bar + 1)};
     for (std::string_view part : parts)
         if (part.empty() || part.size() > 18 || part.find_first_not_of("0123456789") != part.npos)
-            throw Failure(fmt::format("\"{}\" is no thread", text),
-                          "give the number shown in the column ID, or PROCESS-THREAD", EXIT_USAGE);
-    return bar == text.npos ? fmt::format("{}-{}", process, text) : std::string(text);
+            return false;
+    return true;
+}
+
+std::string ThreadKeyText(std::string_view text, int64_t process) {
+    if (!IsThreadNumber(text))
+        throw Failure(fmt::format("\"{}\" is no thread", text),
+                      "give the number shown in the column ID, or PROCESS-THREAD", EXIT_USAGE);
+    bool whole = text.find('-') != text.npos;
+    return whole ? std::string(text) : fmt::format("{}-{}", process, text);
 }
 
 void CheckRequest(std::string_view request) {

@@ -17,6 +17,12 @@ struct ThreadQuestion {
 };
 std::string ThreadsRequest(const ThreadQuestion &question);
 
+// The whole stack of one thread.
+std::string StackRequest(std::string_view thread_key);
+
+// Who holds the lock that a thread waits for.
+std::string LockHolderRequest(int64_t lock, std::string_view thread_key);
+
 std::string SummaryRequest(bool repeated);
 
 // A setting, "qorloglevel" and the like.
@@ -29,6 +35,9 @@ std::string RulesRequest(std::string_view rules);
 
 // One line for each rule that the agent would drop or never look at; empty when all is well.
 std::vector<std::string> CheckRules(std::string_view rules);
+
+// Whether a user's text has the form of a thread id or key, and isn't a thread's name.
+bool IsThreadNumber(std::string_view text);
 
 // The key that a user's "THREAD" or "PROCESS-THREAD" stands for, `process` being the JVM's own idea of its
 // id. Throws a usage Failure for anything else.

@@ -1,0 +1,47 @@
+// What the commands share: asking, and writing the answer.
+#pragma once
+
+#include "commands.h"
+#include "json.h"
+#include "terminal.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace qorctl {
+
+// Writes to standard output, at once.
+void Print(std::string_view text);
+
+// Colours and width, when standard output is a terminal.
+Style TerminalStyle(const Settings &settings);
+
+// A text of the agent, as a line or as JSON.
+void PrintAnswer(const Settings &settings, pid_t pid, const std::string &answer);
+
+// One view: `document` with --json, else `text`. In a series each starts on a clear screen, or behind a blank
+// line where nothing can be cleared.
+void PrintView(const Settings &settings, double watch, const Json &document, const std::string &text);
+
+// Sends one request to the agent of a JVM, which is loaded if it isn't there: the reply.
+std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request);
+
+// Does `once` now, and again every `period` seconds until it throws, if a period is given.
+template <class Once>
+void Repeat(double period, Once once) {
+    auto next = std::chrono::steady_clock::now();
+    for (;;) {
+        once();
+        if (period <= 0)
+            return;
+        next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::duration<double>(period));
+        next = std::max(next, std::chrono::steady_clock::now());
+        std::this_thread::sleep_until(next);
+    }
+}
+
+} // namespace qorctl

@@ -1,0 +1,75 @@
+// What the decoders share: cutting a record into fields, and going through the records of a reply.
+#pragma once
+
+#include "decode.h"
+#include "failure.h"
+
+#include <charconv>
+#include <fmt/format.h>
+
+namespace qorctl {
+
+std::vector<std::string_view> Split(std::string_view text, char separator);
+
+// The whole of `text` as a number; false when it isn't one, or too large.
+template <class Number>
+bool ReadNumber(std::string_view text, Number *value) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+// Nothing for the placeholder.
+std::optional<std::string> ReadOptional(std::string_view field);
+
+// The JVM's name of a type ("Ljava/lang/String;", "[I") as Java has it ("java.lang.String", "int[]"); another
+// text as it stands.
+std::string JavaName(std::string_view signature);
+
+// What a reply of another form than its view's is answered with.
+Failure UnknownForm(const std::string &what);
+
+// Goes through the records of a reply and knows where it may have been cut.
+class RecordReader {
+public:
+    explicit RecordReader(const Reply &reply) : reply_(reply), cut_(reply.reached_limit) {}
+
+    bool cut() const { return cut_; }
+
+    // Reads every record of a section by `read` into a T and hands it to `keep`.
+    template <class T, class Read, class Keep>
+    void Each(const Section &section, Read read, Keep keep) {
+        bool last_section = &section == &reply_.sections.back();
+        for (size_t i = 0; i < section.records.size(); ++i) {
+            bool last = last_section && i + 1 == section.records.size();
+            bool open = last && !section.closed && !section.last_record_ended;
+            T value;
+            if (!open && read(section.records[i], &value)) {
+                keep(std::move(value));
+                continue;
+            }
+            if (!open && !(last && (reply_.reached_limit || !reply_.jvm_microseconds)))
+                throw UnknownForm(
+                    fmt::format("record {} of section \"{}\" has an unknown form", i + 1, section.title));
+            cut_ = true;
+        }
+        if (!section.closed)
+            cut_ = true;
+    }
+
+    // A section that isn't one of this view's. A title that was cut looks like that as well.
+    void Unknown(const Section &section) {
+        bool last = &section == &reply_.sections.back();
+        if (last && !section.closed && section.records.empty()) {
+            cut_ = true;
+            return;
+        }
+        if (!section.title.empty() || !section.records.empty())
+            throw UnknownForm(fmt::format("the reply holds an unexpected section \"{}\"", section.title));
+    }
+
+private:
+    const Reply &reply_;
+    bool cut_;
+};
+
+} // namespace qorctl

@@ -1,0 +1,177 @@
+// The views of one thread and of its lock, from replies built by hand; deadlocks and names out of a sample.
+#include "decode.h"
+#include "failure.h"
+#include "json.h"
+#include "locks.h"
+#include "render.h"
+#include "request.h"
+#include "wire.h"
+
+#include <gtest/gtest.h>
+
+using namespace qorctl;
+
+namespace {
+
+const std::string WAIT = "Lock On;99~77-31~a.Lock@99~View Thread Holding this Lock!";
+const std::string HEAD = "Thread Info Details;http-1~^~ ~ ~77-23~a.Cart->add~Cart.java~40~Lock!";
+const std::string ROWS = "Call Stack;user~23~0~-1609482896~2~3~a.Cart->add~Cart.java~40;"
+                         "sys~23~1~1678214552~2~3~java.lang.Thread->run~Native Method~ ;!";
+const std::string LOCKS = "JVM Locks;0~0~a.Cart@1565871900~1;7~0~a.Odd@name~0;!";
+
+ThreadSample Stack(std::string_view legible) {
+    std::string text = Wire(legible);
+    return DecodeStack(OpenReply(text));
+}
+
+TEST(DecodeStack, WholeReply) {
+    ThreadSample sample = Stack(WAIT + HEAD + ROWS + LOCKS + TIMING);
+    ASSERT_EQ(sample.threads.size(), 1u);
+    EXPECT_FALSE(sample.cut);
+    const Thread &thread = sample.threads[0];
+    EXPECT_EQ(thread.name, "http-1");
+    EXPECT_EQ(thread.key.Text(), "77-23");
+    EXPECT_EQ(thread.state, "Lock");
+    EXPECT_EQ(thread.call->method, "add");
+    EXPECT_EQ(thread.call->line, 40);
+    EXPECT_FALSE(thread.request_url || thread.request_detail);
+    ASSERT_EQ(thread.stack.size(), 2u);
+    EXPECT_EQ(thread.stack[0].method_id, -1609482896);
+    EXPECT_EQ(thread.stack[0].user, true);
+    EXPECT_EQ(thread.stack[1].user, false);
+    EXPECT_EQ(thread.stack[1].line, 0);
+    EXPECT_EQ(thread.stack[1].index, 1);
+    ASSERT_TRUE(thread.waits_for); // it stands in front of its thread
+    EXPECT_EQ(thread.waits_for->lock, 99);
+    EXPECT_EQ(thread.waits_for->owner.thread, 31);
+    ASSERT_EQ(thread.owns.size(), 2u);
+    EXPECT_EQ(thread.owns[0].lock, 1565871900); // a lock without a number has the one in its text
+    EXPECT_EQ(thread.owns[0].class_name, "a.Cart");
+    EXPECT_EQ(thread.owns[1].lock, 7);
+    EXPECT_EQ(thread.owns[1].class_name, "a.Odd@name");
+    EXPECT_NE(StackNotes(sample).find("2 frames, 321 us"), std::string::npos);
+}
+
+TEST(DecodeStack, OddThreads) {
+    ThreadSample bare = Stack("Thread Info Details;idle~^~ ~ ~77-9~ ~ ~ ~Object Wait!Call Stack;!" + TIMING);
+    ASSERT_EQ(bare.threads.size(), 1u);
+    EXPECT_FALSE(bare.threads[0].call);
+    EXPECT_TRUE(bare.threads[0].stack.empty());
+    ThreadSample db = Stack("Thread Info Details;n~^~/shop~id=7~77-9~a.B->c~B.java~-1~DB Wait"
+                            "{jdbc:x~scott~40001~1521~h~1700000000~-5!Call Stack;!" +
+                            TIMING);
+    ASSERT_EQ(db.threads.size(), 1u);
+    EXPECT_EQ(db.threads[0].state, "DB Wait");
+    EXPECT_EQ(db.threads[0].db->url, "jdbc:x");
+    EXPECT_EQ(db.threads[0].db->sql_ref, -5);
+    EXPECT_EQ(db.threads[0].request_url, "/shop");
+    EXPECT_EQ(db.threads[0].call->line, 0);
+    EXPECT_TRUE(Stack(TIMING).threads.empty()); // no such thread
+    EXPECT_FALSE(Stack(TIMING).cut);
+    ThreadSample frameless = Stack("Thread Info Details;n~^~" + TIMING); // its frames could not be had
+    EXPECT_TRUE(frameless.threads.empty());
+    EXPECT_TRUE(frameless.cut);
+}
+
+TEST(DecodeStack, AFullStackIsToldAsCut) {
+    std::string rows = "Call Stack;";
+    const std::string row = "user~23~0~1~2~3~a." + std::string(1000, 'B') + "->c~F~1;";
+    while (rows.size() + row.size() < 99000)
+        rows += row;
+    EXPECT_FALSE(Stack(HEAD + rows + "!" + TIMING).cut);
+    EXPECT_TRUE(Stack(HEAD + rows + row + row + "!" + TIMING).cut);
+}
+
+TEST(DecodeStack, WrongRecordsAreRefused) {
+    const std::string rows[] = {
+        HEAD + "Call Stack;other~23~0~1~2~3~a->b~F~1;!" + TIMING,
+        HEAD + "Call Stack;user~23~0~1~2~a->b~F~1;!" + TIMING,
+        HEAD + "Call Stack;user~23~0~one~2~3~a->b~F~1;!" + TIMING,
+        "Thread Info Details;n~x~ ~ ~77-9~ ~ ~ ~Lock!" + TIMING,
+        "Thread Info Details;n~^~ ~ ~77-9~ ~ ~ ~DB Wait{a~b!" + TIMING,
+        ROWS + TIMING,
+        "JVM Heap Usage;Old~1~1~1~1;!" + TIMING,
+    };
+    for (const std::string &reply : rows)
+        EXPECT_THROW(Stack(reply), Failure) << reply;
+}
+
+TEST(DecodeLockHolder, Answers) {
+    struct {
+        std::string reply;
+        LockHolder::Answer answer;
+    } rows[] = {
+        {TIMING, LockHolder::MOVED_ON},
+        {"!" + TIMING, LockHolder::NOBODY},
+        {"Thread Holding Lock;!" + TIMING, LockHolder::NO_FRAMES},
+        {"Thread Holding Lock;sys~own~77-31~a.B->c~Native Method~ ~Sleeping!" + TIMING, LockHolder::FOUND},
+    };
+    for (auto &row : rows) {
+        std::string text = Wire(row.reply);
+        LockHolder holder = DecodeLockHolder(OpenReply(text));
+        EXPECT_EQ(holder.answer, row.answer) << row.reply;
+        EXPECT_EQ(ToJson(holder).is_null(), row.answer != LockHolder::FOUND);
+        if (row.answer != LockHolder::FOUND)
+            continue;
+        EXPECT_EQ(holder.thread.name, "own");
+        EXPECT_EQ(holder.thread.key.thread, 31);
+        EXPECT_EQ(holder.thread.state, "Sleeping");
+        EXPECT_EQ(holder.thread.call->user, false);
+        EXPECT_EQ(HolderLine(holder.thread, Style()),
+                  "held by \"own\" #31 Sleeping in a.B.c(Native Method)\n");
+    }
+    for (const char *wrong : {"Thread Holding Lock;sys~own~77~a.B->c~F~1~Lock!", "Other;x!"})
+        EXPECT_THROW(DecodeLockHolder(OpenReply(Wire(wrong + TIMING))), Failure) << wrong;
+}
+
+// Threads by number; each waits for the lock that the second one holds, 0 for none.
+ThreadSample Waiting(std::initializer_list<std::pair<int, int>> threads) {
+    ThreadSample sample;
+    for (auto [id, owner] : threads) {
+        Thread thread;
+        thread.key = {77, id};
+        thread.name = "t" + std::to_string(id);
+        thread.state = "Lock";
+        if (owner)
+            thread.waits_for = LockWait{owner * 10, {77, owner}, "a.Lock"};
+        sample.threads.push_back(thread);
+    }
+    return sample;
+}
+
+TEST(Locks, DeadlocksAreFoundOnce) {
+    EXPECT_TRUE(FindDeadlocks(Waiting({{1, 2}, {2, 3}, {3, 0}, {4, -1}, {5, 99}})).empty());
+    ThreadSample sample = Waiting({{9, 1}, {1, 2}, {2, 3}, {3, 1}, {4, 4}, {5, 9}});
+    auto rings = FindDeadlocks(sample);
+    ASSERT_EQ(rings.size(), 2u);
+    ASSERT_EQ(rings[0].size(), 3u); // thread 9 only waits for it
+    EXPECT_EQ(rings[0][0]->key.thread, 1);
+    EXPECT_EQ(rings[0][1]->key.thread, 2);
+    EXPECT_EQ(rings[1].size(), 1u);
+    std::string text = LocksText(sample, Style());
+    EXPECT_NE(text.find("deadlock: t1 #1 waits for t2 #2 waits for t3 #3 waits for t1 #1\n"),
+              std::string::npos)
+        << text;
+    Json json = LocksJson(sample);
+    EXPECT_EQ(json["waits"].size(), 6u);
+    EXPECT_EQ(json["waits"][1]["holder"]["name"], "t2");
+    EXPECT_EQ(json["deadlocks"][0], Json({1, 2, 3}));
+    ThreadSample known = Waiting({{1, 99}, {2, -1}});
+    EXPECT_NE(LocksText(known, Style()).find("#99\n"), std::string::npos); // held by one out of sight
+    EXPECT_EQ(LocksText(Waiting({{1, 0}}), Style()), "No thread waits for a lock.\n");
+}
+
+TEST(Locks, NamesOfThreads) {
+    ThreadSample sample = Waiting({{1, 0}, {2, 0}, {12, 0}});
+    EXPECT_EQ(FindByName(sample, "t1").key.thread, 1); // a whole name before a part of one
+    EXPECT_EQ(FindByName(sample, "T12").key.thread, 12);
+    EXPECT_THROW(FindByName(sample, "t"), Failure);
+    EXPECT_THROW(FindByName(sample, "x"), Failure);
+    EXPECT_TRUE(IsThreadNumber("12"));
+    EXPECT_TRUE(IsThreadNumber("77-12"));
+    EXPECT_FALSE(IsThreadNumber("t-12"));
+    EXPECT_EQ(StackRequest("77-23"), "516|showstack|512|ARG=x,1=77-23");
+    EXPECT_EQ(LockHolderRequest(99, "77-23"), "516|showstack|2048|ARG=x,0=99,1=77-23");
+}
+
+} // namespace
