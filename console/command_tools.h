@@ -13,6 +13,8 @@
 
 namespace qorctl {
 
+constexpr int HEADER_EVERY = 20; // lines of a series
+
 // Writes to standard output, at once.
 void Print(std::string_view text);
 

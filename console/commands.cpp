@@ -18,7 +18,6 @@ namespace qorctl {
 namespace {
 
 constexpr size_t MAX_RULES_FILE = 1 << 20;
-constexpr int HEADER_EVERY = 20; // lines of a series
 constexpr int SHUTDOWN_CHECKS = 100;
 constexpr std::chrono::milliseconds SHUTDOWN_PERIOD(50);
 

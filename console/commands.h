@@ -29,6 +29,9 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
 // `thread` is an id, a key or a name.
 void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
 void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+void RunHeap(const Settings &settings, pid_t pid, double watch);
+void RunGc(const Settings &settings, pid_t pid, double watch);
+void RunHistogram(const Settings &settings, pid_t pid, int top, double watch);
 void RunSummary(const Settings &settings, pid_t pid, double watch);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);

@@ -19,7 +19,7 @@ struct CommandLine {
     double watch = 0;
     std::string thread, rules_file, raw_text;
     bool raw_bytes = false;
-    int log_level = 0;
+    int log_level = 0, top = 20;
 };
 
 CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings *settings) {
@@ -90,6 +90,27 @@ void AddOneThread(CLI::App *app, CommandLine *line) {
     locks->final_callback([line] { RunLocks(line->settings, line->pid, line->thread, line->watch); });
 }
 
+void AddMemory(CLI::App *app, CommandLine *line) {
+    Settings *settings = &line->settings;
+    CLI::App *heap = AddJvmCommand(app, "heap", "Show how full the heap is", line);
+    AddWatch(heap, &line->watch);
+    heap->final_callback([=] { RunHeap(*settings, line->pid, line->watch); });
+
+    CLI::App *gc = AddJvmCommand(app, "gc", "Show how often the collectors have run", line);
+    AddWatch(gc, &line->watch);
+    gc->final_callback([=] { RunGc(*settings, line->pid, line->watch); });
+
+    CLI::App *histogram = AddJvmCommand(
+        app, "histogram", "Show the classes that hold the most heap; the JVM stands still meanwhile", line);
+    histogram->add_option("--top", line->top, "Rows, at most 302")
+        ->option_text("N")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 302));
+    AddWatch(histogram, &line->watch);
+    AddWide(histogram, settings);
+    histogram->final_callback([=] { RunHistogram(*settings, line->pid, line->top, line->watch); });
+}
+
 void AddOthers(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
@@ -138,6 +159,7 @@ int Run(int argc, char **argv) {
     CommandLine line;
     AddThreads(&app, &line);
     AddOneThread(&app, &line);
+    AddMemory(&app, &line);
     AddOthers(&app, &line);
     try {
         app.parse(argc, argv);

@@ -31,11 +31,18 @@ constexpr std::string_view TITLE_CALL_STACK = "Call Stack";
 constexpr std::string_view TITLE_LOCK_WAIT = "Lock On";
 constexpr std::string_view TITLE_OWNED_LOCKS = "JVM Locks";
 constexpr std::string_view TITLE_LOCK_HOLDER = "Thread Holding Lock";
+constexpr std::string_view TITLE_HEAP = "JVM Heap Usage";
+constexpr std::string_view TITLE_MEMORY = "JVM Heap Memory Usage";
+constexpr std::string_view TITLE_MEMORY_OBJECTS = "JVM Heap Number of Objects";
+constexpr std::string_view TITLE_COLLECTIONS = "JVM Garbage Collections";
+constexpr std::string_view TITLE_CLASSES = "JVM Class Details";
 constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
 
 constexpr std::string_view USER_CALL = "user"; // of the application, by the rules
 constexpr std::string_view SYSTEM_CALL = "sys";
 constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and performance optimization";
+constexpr std::string_view GC_NAME_TAIL = " GC Count"; // behind the name of a collector
+constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
 constexpr std::string_view USEC_UNIT = " usec";
 
 // The channel.
@@ -55,6 +62,13 @@ enum RequestFlag : uint32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
+};
+
+// What a memory request asks for.
+enum MemoryRequestId : uint32_t {
+    MEM_SUMMARY = 128,
+    MEM_DUMP = 256,
+    MEM_DETAILS = 512,
 };
 
 // Bits of the request identifier.

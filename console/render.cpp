@@ -1,9 +1,9 @@
 #include "render.h"
 
 #include "protocol.h"
+#include "render_memory.h"
 
 #include <algorithm>
-#include <ctime>
 #include <fmt/format.h>
 #include <map>
 
@@ -252,11 +252,7 @@ std::string SummaryHeader() {
 }
 
 std::string SummaryLine(const Summary &summary) {
-    char clock[16];
-    time_t now = time(nullptr);
-    tm local;
-    strftime(clock, sizeof clock, "%H:%M:%S", localtime_r(&now, &local));
-    std::string line = fmt::format("{:<8}", clock);
+    std::string line = fmt::format("{:<8}", ClockText());
     for (const SeriesColumn &column : SERIES)
         line += fmt::format(" {:>{}}", FigureText(summary, column.figure), SERIES_WIDTH);
     return line + '\n';

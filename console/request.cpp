@@ -87,6 +87,18 @@ std::string SummaryRequest(bool repeated) {
     return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_THREAD_SUMMARY));
 }
 
+std::string HeapRequest(bool repeated) {
+    return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_MEMORY_ACTIVITY));
+}
+
+std::string MemoryRequest(bool repeated) {
+    return fmt::format("{}|showmem|{}", BaseFlags(repeated), uint32_t(MEM_SUMMARY));
+}
+
+std::string HistogramRequest() {
+    return fmt::format("{}|showmem|{}|{}", BaseFlags(false), uint32_t(MEM_DETAILS), HISTOGRAM_WORD);
+}
+
 std::string SettingRequest(std::string_view key, std::string_view value) {
     return fmt::format("{}|NoProcessing|{}|{}", BaseFlags(false), key, value);
 }

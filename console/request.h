@@ -25,6 +25,11 @@ std::string LockHolderRequest(int64_t lock, std::string_view thread_key);
 
 std::string SummaryRequest(bool repeated);
 
+// Pools of the heap and the collectors; the heap as a whole; the classes that hold the most of it.
+std::string HeapRequest(bool repeated);
+std::string MemoryRequest(bool repeated);
+std::string HistogramRequest();
+
 // A setting, "qorloglevel" and the like.
 std::string SettingRequest(std::string_view key, std::string_view value);
 

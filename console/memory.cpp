@@ -1,0 +1,124 @@
+#include "memory.h"
+
+#include "failure.h"
+#include "protocol.h"
+#include "records.h"
+
+namespace qorctl {
+
+namespace {
+
+constexpr uint64_t NOT_COUNTED = 0xffffffff; // -1 of the JVM, as the wire has it
+
+bool ReadPool(std::string_view record, HeapPool *pool) {
+    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    if (field.size() != 5 || !ReadNumber(field[1], &pool->max_kib) ||
+        !ReadNumber(field[2], &pool->used_kib) || !ReadNumber(field[3], &pool->percent) ||
+        !ReadNumber(field[4], &pool->available_kib))
+        return false;
+    pool->name = field[0];
+    return true;
+}
+
+bool ReadCollector(std::string_view record, Collector *collector) {
+    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    uint64_t count = 0;
+    if (field.size() != 2 || !ReadNumber(field[1], &count))
+        return false;
+    std::string_view name = field[0];
+    if (name.size() > GC_NAME_TAIL.size() && name.substr(name.size() - GC_NAME_TAIL.size()) == GC_NAME_TAIL)
+        name.remove_suffix(GC_NAME_TAIL.size());
+    collector->name = name;
+    if (count != NOT_COUNTED)
+        collector->count = count;
+    return true;
+}
+
+// The heap's used and greatest size behind seven figures that are always zero.
+bool ReadMemory(std::string_view record, MemoryView *view) {
+    constexpr size_t USED = 8, GREATEST = 9, FIELDS = 11;
+    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    return field.size() == FIELDS && ReadNumber(field[USED], &view->used_kib) &&
+           ReadNumber(field[GREATEST], &view->max_kib);
+}
+
+bool ReadClassCount(std::string_view record, ClassCount *count) {
+    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    if (field.size() != 4 || !ReadNumber(field[1], &count->instances) || !ReadNumber(field[2], &count->kib))
+        return false;
+    count->class_name = JavaName(field[0]);
+    return true;
+}
+
+void ReadCollectors(RecordReader *reader, const Section &section, std::vector<Collector> *collectors) {
+    reader->Each<Collector>(section, ReadCollector,
+                            [&](Collector &&collector) { collectors->push_back(std::move(collector)); });
+}
+
+Failure NoView(const char *what) {
+    return Failure(fmt::format("the agent's reply holds no {}", what),
+                   "see the reply itself with 'raw'; the agent may be of an older version");
+}
+
+} // namespace
+
+HeapView DecodeHeap(const Reply &reply) {
+    HeapView view;
+    RecordReader reader(reply);
+    for (const Section &section : reply.sections) {
+        if (section.title == TITLE_HEAP)
+            reader.Each<HeapPool>(section, ReadPool,
+                                  [&](HeapPool &&pool) { view.pools.push_back(std::move(pool)); });
+        else if (section.title == TITLE_COLLECTIONS)
+            ReadCollectors(&reader, section, &view.collectors);
+        else
+            reader.Unknown(section);
+    }
+    if (view.pools.empty())
+        throw NoView("heap");
+    view.jvm_microseconds = reply.jvm_microseconds;
+    return view;
+}
+
+MemoryView DecodeMemory(const Reply &reply) {
+    MemoryView view;
+    RecordReader reader(reply);
+    bool found = false;
+    for (const Section &section : reply.sections) {
+        if (section.title == TITLE_MEMORY)
+            reader.Each<MemoryView>(section, ReadMemory, [&](MemoryView &&memory) {
+                view.used_kib = memory.used_kib;
+                view.max_kib = memory.max_kib;
+                found = true;
+            });
+        else if (section.title == TITLE_COLLECTIONS)
+            ReadCollectors(&reader, section, &view.collectors);
+        else if (section.title != TITLE_MEMORY_OBJECTS) // the same figures once more; objects aren't counted
+            reader.Unknown(section);
+    }
+    if (!found)
+        throw NoView("memory figures");
+    view.jvm_microseconds = reply.jvm_microseconds;
+    return view;
+}
+
+Histogram DecodeHistogram(const Reply &reply) {
+    Histogram histogram;
+    RecordReader reader(reply);
+    for (const Section &section : reply.sections) {
+        if (section.title == TITLE_CLASSES)
+            reader.Each<ClassCount>(section, ReadClassCount, [&](ClassCount &&count) {
+                histogram.classes.push_back(std::move(count));
+            });
+        else
+            reader.Unknown(section);
+    }
+    if (histogram.classes.empty())
+        throw Failure("the agent counted no classes",
+                      "its log tells why (set its level with 'log', ask again)");
+    histogram.jvm_microseconds = reply.jvm_microseconds;
+    histogram.cut = reader.cut();
+    return histogram;
+}
+
+} // namespace qorctl

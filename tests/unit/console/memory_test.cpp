@@ -1,0 +1,105 @@
+// Heap, collectors and histogram: replies built by hand, and how they are shown.
+#include "failure.h"
+#include "memory.h"
+#include "records.h"
+#include "render_memory.h"
+#include "request.h"
+#include "wire.h"
+
+#include <gtest/gtest.h>
+
+using namespace qorctl;
+
+namespace {
+
+const std::string GC = "JVM Garbage Collections;Major GC Count~3;Minor GC Count~4294967295;!";
+const std::string HEAP = "JVM Heap Usage;Old~2097152~524288~25~1572864;Nursery~1024~1024~100~0;!";
+const std::string MEMORY = "JVM Heap Memory Usage;Heap~0~0~0~0~0~0~0~11721~6172672~!"
+                           "JVM Heap Number of Objects;Heap~0~0~0~0~0~0~0~11721~6172672~!";
+
+TEST(DecodeMemoryViews, HeapAndCollectors) {
+    std::string text = Wire(HEAP + GC + TIMING), memory_text = Wire(MEMORY + GC + TIMING);
+    HeapView heap = DecodeHeap(OpenReply(text));
+    MemoryView memory = DecodeMemory(OpenReply(memory_text));
+    ASSERT_EQ(heap.pools.size(), 2u);
+    EXPECT_EQ(heap.pools[0].max_kib, 2097152u);
+    EXPECT_EQ(heap.pools[0].used_kib, 524288u);
+    EXPECT_EQ(heap.pools[0].percent, 25u);
+    EXPECT_EQ(heap.pools[0].available_kib, 1572864u);
+    EXPECT_EQ(heap.pools[1].name, "Nursery");
+    for (const std::vector<Collector> &collectors : {heap.collectors, memory.collectors}) {
+        ASSERT_EQ(collectors.size(), 2u);
+        EXPECT_EQ(collectors[0].name, "Major");
+        EXPECT_EQ(collectors[0].count, 3u);
+        EXPECT_FALSE(collectors[1].count); // -1: the JVM doesn't count
+    }
+    EXPECT_EQ(memory.used_kib, 11721);
+    EXPECT_EQ(memory.max_kib, 6172672);
+    std::string shown = HeapText(heap, memory, Style());
+    EXPECT_EQ(shown, "POOL        USED     MAX   FREE  USED%\n"
+                     "Old      512.0 M   2.0 G  1.5 G     25\n"
+                     "Nursery    1.0 M   1.0 M    0 K    100\n"
+                     "11.4 M used of 5.9 G, 3 Major collections, - Minor collections\n");
+    EXPECT_EQ(HeapJson(heap, memory)["pools"][1]["name"], "Nursery");
+    EXPECT_TRUE(CollectorsJson(heap)["collectors"][1]["count"].is_null());
+}
+
+TEST(DecodeMemoryViews, WrongRepliesAreRefused) {
+    for (const std::string &wrong : {TIMING, "JVM Heap Usage;Old~1~2~3;!" + TIMING, MEMORY + TIMING,
+                                     "JVM Heap Usage;Old~1~2~x~4;!" + TIMING})
+        EXPECT_THROW(DecodeHeap(OpenReply(Wire(wrong))), Failure) << wrong;
+    for (const std::string &wrong :
+         {TIMING, HEAP + TIMING, "JVM Heap Memory Usage;Heap~0~0~0~0~0~0~0~1~!" + TIMING})
+        EXPECT_THROW(DecodeMemory(OpenReply(Wire(wrong))), Failure) << wrong;
+    for (const std::string &wrong :
+         {TIMING, "JVM Class Details;!" + TIMING, "JVM Class Details;[I~1~2;!" + TIMING})
+        EXPECT_THROW(DecodeHistogram(OpenReply(Wire(wrong))), Failure) << wrong;
+}
+
+TEST(DecodeMemoryViews, Histogram) {
+    std::string text = Wire("JVM Class Details;[[B~1234567~4194304~;La/B;~2~0~;NULL~1~0~;!" + TIMING);
+    Histogram histogram = DecodeHistogram(OpenReply(text));
+    ASSERT_EQ(histogram.classes.size(), 3u);
+    EXPECT_EQ(histogram.classes[0].class_name, "byte[][]");
+    EXPECT_EQ(histogram.classes[2].class_name, "NULL");
+    EXPECT_EQ(HistogramText(histogram, 2, Style()),
+              "INSTANCES   SIZE  CLASS\n"
+              "1,234,567  4.0 G  byte[][]\n"
+              "        2    0 K  a.B\n"
+              "the largest 2 of 3 classes told by the agent; --top shows more\n"
+              "321 us in the JVM\n");
+    EXPECT_EQ(HistogramJson(histogram, 1)["classes"].size(), 1u);
+    EXPECT_EQ(HistogramJson(histogram, 9)["classes"][1]["class"], "a.B");
+    std::string cut = Wire("JVM Class Details;[B~1~2~;[I~3");
+    EXPECT_TRUE(DecodeHistogram(OpenReply(cut)).cut);
+}
+
+TEST(DecodeMemoryViews, NamesSizesAndRequests) {
+    const std::pair<const char *, const char *> names[] = {
+        {"Ljava/util/Map$Entry;", "java.util.Map$Entry"},
+        {"[Ljava/lang/String;", "java.lang.String[]"},
+        {"[[J", "long[][]"},
+        {"La/L.0x7f;", "a.L.0x7f"},
+        {"NULL", "NULL"},
+        {"L;", "L;"},
+        {"[", "["},
+        {"", ""},
+    };
+    for (auto [signature, name] : names)
+        EXPECT_EQ(JavaName(signature), name);
+    const std::pair<int64_t, const char *> sizes[] = {
+        {0, "0 K"}, {1023, "1023 B"}, {1024, "1 K"}, {1048576, "1.0 M"}, {1610612736, "1.5 G"}};
+    for (auto [bytes, text] : sizes)
+        EXPECT_EQ(SizeText(bytes), text);
+    const std::pair<int64_t, const char *> counts[] = {
+        {0, "0"}, {999, "999"}, {1000, "1,000"}, {-123456, "-123,456"}, {-123, "-123"}};
+    for (auto [count, text] : counts)
+        EXPECT_EQ(CountText(count), text);
+    std::vector<Collector> before = {{"Major", 3}, {"Minor", {}}}, now = {{"Major", 5}, {"Minor", 7}};
+    EXPECT_EQ(CollectorLine(now, before).substr(8), "          5         +2          7           \n");
+    EXPECT_EQ(HeapRequest(false), "516|showstack|128");
+    EXPECT_EQ(MemoryRequest(true), "4|showmem|128");
+    EXPECT_EQ(HistogramRequest(), "516|showmem|512|ClassHistogramOnly");
+}
+
+} // namespace
