@@ -36,9 +36,9 @@ TEST(DecodeMemoryViews, HeapAndCollectors) {
     EXPECT_EQ(memory.used_kib, 11721);
     EXPECT_EQ(memory.max_kib, 6172672);
     std::string shown = HeapText(heap, memory, Style());
-    EXPECT_EQ(shown, "POOL        USED     MAX   FREE  USED%\n"
-                     "Old      512.0 M   2.0 G  1.5 G     25\n"
-                     "Nursery    1.0 M   1.0 M    0 K    100\n"
+    EXPECT_EQ(shown, "POOL        USED    MAX   FREE  USED%\n"
+                     "Old      512.0 M  2.0 G  1.5 G     25\n"
+                     "Nursery    1.0 M  1.0 M    0 K    100\n"
                      "11.4 M used of 5.9 G, 3 Major collections, - Minor collections\n");
     EXPECT_EQ(HeapJson(heap, memory)["pools"][1]["name"], "Nursery");
     EXPECT_TRUE(CollectorsJson(heap)["collectors"][1]["count"].is_null());
@@ -57,7 +57,9 @@ TEST(DecodeMemoryViews, WrongRepliesAreRefused) {
 }
 
 TEST(DecodeMemoryViews, Histogram) {
-    std::string text = Wire("JVM Class Details;[[B~1234567~4194304~;La/B;~2~0~;NULL~1~0~;!" + TIMING);
+    // The signature of a class ends in the very sign that stands for a record's end here.
+    std::string text =
+        Wire("JVM Class Details;[[B~1234567~4194304~;") + "La/B;" + Wire("~2~0~;NULL~1~0~;!" + TIMING);
     Histogram histogram = DecodeHistogram(OpenReply(text));
     ASSERT_EQ(histogram.classes.size(), 3u);
     EXPECT_EQ(histogram.classes[0].class_name, "byte[][]");
