@@ -107,6 +107,10 @@ int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
     StartThread(walk);
     QorWalkFrames(sample, walk);
     sample->frameCount += walk->processed;
+    if (sample->frames.index > sample->maxDepth) { // where the walk of its frames has ended
+        sample->maxDepth = sample->frames.index;
+        sample->deepestThread = walk->thread.tid;
+    }
     if (!IsPoll())
         QORLOG(LOG_DETAIL,
                "Stats: %d : thread id %d, %d total frames, processed %d frames, Usercall at frame %d, "

@@ -43,10 +43,6 @@ void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, bool filt
 void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
     QorFrameHandle &frames = sample->frames;
     for (frames.index = 0; frames.index < frames.count; ++frames.index) {
-        if (frames.index + 1 > sample->maxDepth) {
-            sample->maxDepth = frames.index + 1;
-            sample->deepestThread = walk->thread.tid;
-        }
         SkipMiddle(sample, walk);
         if (frames.index >= frames.count)
             return; // nothing is recorded behind the user call
@@ -54,13 +50,14 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
         QorFrameShape *shape = QorFindFrameShape(&frames);
         if (!shape)
             return;
-        QorFrameRecord frame = shape->frame;
-        frame.frameIndex = frames.index;
+        QorFrameRecord *frame = &shape->frame;
+        frame->frameIndex = frames.index;
         if (!gbQorSkipLocal)
-            QorListXtierFrame(&walk->thread, &frame, &walk->xtier);
-        GetThreadEnhancedState(&frame, &walk->thread);
+            QorListXtierFrame(&walk->thread, frame, &walk->xtier);
+        if (!QorStateIsSettled(walk->thread.state, frames.index))
+            GetThreadEnhancedState(frame, &walk->thread);
         if (walk->userFrame < 0)
-            NoteCurrentCall(walk, &frame, sample->filtering);
+            NoteCurrentCall(walk, frame, sample->filtering);
         if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId,
                                                       walk->threadIdLength, frames.index) < 0)
             return;

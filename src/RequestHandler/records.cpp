@@ -66,7 +66,12 @@ void InitResponseHeader(uint32_t reqid, char *header) {
 }
 
 int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId) {
-    return snprintf(key, THREAD_KEY_SIZE, "%d-%d", processId, Wire32(threadId));
+    QorText text;
+    QorTextStart(&text, key, THREAD_KEY_SIZE);
+    QorTextAppendNumber(&text, processId);
+    QorTextAppendChar(&text, '-');
+    QorTextAppendNumber(&text, Wire32(threadId));
+    return text.length;
 }
 
 void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine, const char *noFile) {

@@ -17,7 +17,7 @@ struct QorFrameShape {
     int32_t headLength;   // bytes of the row in front of the thread id
     int32_t tailLength;   // bytes of the row behind the frame index
     const char *rowText;  // head and tail, one behind the other; null until a row was wanted
-    QorFrameRecord frame; // its frameIndex is of no meaning here
+    QorFrameRecord frame; // its frameIndex is set by who walks
 };
 
 // Forgets the frames of the last sample.
