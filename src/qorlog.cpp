@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
-#include <pthread.h>
 #include <sys/time.h>
 
 int32_t qorloglevel;
@@ -12,9 +11,11 @@ FILE *fpLogFile;
 
 namespace {
 
-constexpr int MESSAGE_LIMIT = 4095;
-constexpr int FRAME_LIMIT = 192; // prefix and the closing of the message
-constexpr int FILE_LIMIT = 64;   // of the source file's name
+constexpr int MESSAGE_ROOM = 4095; // of a message that is written in one piece with its line
+constexpr int FRAME_LIMIT = 192;   // prefix and the closing of the message
+constexpr char LINE_END[] = ">\n";
+constexpr size_t LINE_END_LENGTH = sizeof LINE_END - 1;
+constexpr int FILE_LIMIT = 64; // of the source file's name
 
 const char *LastComponent(const char *path) {
     const char *slash = strrchr(path, '/');
@@ -31,33 +32,42 @@ int WritePrefix(char *line, size_t size, const char *file, int lineNumber) {
                     static_cast<int>(now.tv_usec / 1000), FILE_LIMIT, LastComponent(file), lineNumber);
 }
 
+// Start-up may install another stream at any moment: stderr takes the place of none only.
+FILE *LogStream() {
+    FILE *out = nullptr;
+    const bool none =
+        __atomic_compare_exchange_n(&fpLogFile, &out, stderr, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return none ? stderr : out;
+}
+
 } // namespace
 
 void QorWriteLogLine(const char *file, int lineNumber, const char *format, ...) {
     const int callersErrno = errno;
-    int cancelState; // a worker cancelled in here would leave the stream locked for the whole host
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    char line[FRAME_LIMIT + MESSAGE_LIMIT];
+    char line[FRAME_LIMIT + MESSAGE_ROOM];
     int length = WritePrefix(line, sizeof line, file, lineNumber);
 
     va_list args;
     va_start(args, format);
-    int message = vsnprintf(line + length, MESSAGE_LIMIT + 1, format, args);
+    const int message = vsnprintf(line + length, MESSAGE_ROOM + 1, format, args);
     va_end(args);
-    if (message > MESSAGE_LIMIT)
-        message = MESSAGE_LIMIT;
-    if (message > 0)
+    const bool whole = message <= MESSAGE_ROOM;
+    if (whole && message > 0)
         length += message;
-    line[length++] = '>';
-    line[length++] = '\n';
 
-    FILE *out = fpLogFile;
-    if (!out)
-        fpLogFile = out = stderr;
+    FILE *out = LogStream();
     flockfile(out);
-    fwrite_unlocked(line, 1, static_cast<size_t>(length), out);
+    if (whole) {
+        memcpy(line + length, LINE_END, LINE_END_LENGTH);
+        fwrite_unlocked(line, 1, static_cast<size_t>(length) + LINE_END_LENGTH, out);
+    } else {
+        fwrite_unlocked(line, 1, static_cast<size_t>(length), out);
+        va_start(args, format);
+        vfprintf(out, format, args);
+        va_end(args);
+        fwrite_unlocked(LINE_END, 1, LINE_END_LENGTH, out);
+    }
     fflush_unlocked(out);
     funlockfile(out);
-    pthread_setcancelstate(cancelState, nullptr);
     errno = callersErrno;
 }

@@ -5,8 +5,9 @@
 //   5 poll failures, 7 raw pipe diagnostics.
 // It looks like
 //   <month-day-year hh:mm:ss.mmm> <QordAgent|file:line> <message>
-// Any thread may log. The line is built in one buffer and written in one piece, so that lines of two
-// threads never mix. Not for signal handlers and not for callbacks of a heap walk.
+// Any thread may log. A line is written whole under the stream's lock, so that lines of two threads never
+// mix, and in one piece unless its message is longer than 4,095 bytes. Not for signal handlers and not for
+// callbacks of a heap walk.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +32,7 @@ enum QorLogThreshold : int32_t {
 };
 
 // Writes one line, whatever the level is: callers go through QORLOG. `file` is a path of which the last
-// component is shown. Lines over 4,095 bytes of message are cut.
+// component is shown. The arguments of a long message are read twice.
 void QorWriteLogLine(const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -75,6 +76,14 @@ void qor_perror(const char *format, ...) {
 
 int32_t qor_open_read(const char *path) {
     return AboveStandardStreams(open(path, O_RDONLY | O_CLOEXEC));
+}
+
+int32_t qor_open_append(const char *path) {
+    const int32_t fd = AboveStandardStreams(
+        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (fd >= 0)
+        fcntl(fd, F_SETFL, O_APPEND); // what is opened may block like any stream
+    return fd;
 }
 
 bool qor_create_pipe(int32_t fds[2]) {

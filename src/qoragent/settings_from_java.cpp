@@ -5,6 +5,7 @@
 #include "qorsettings.h"
 
 #include "jvmti/JniCalls.h"
+#include "platforms/linux.h"
 
 #include <cstring>
 #include <dlfcn.h>
@@ -17,21 +18,11 @@ namespace {
 constexpr int STREAM_NAME_LENGTH = 6; // "stdout" and "stderr" are known by their first bytes
 constexpr int QUOTA_OFF = 0, QUOTA_FREE = 100;
 
-// The file of an earlier start, if it was replaced: a Java thread may still be writing its line, so it is
-// closed one start later.
-FILE *replacedLog;
-char openLogPath[sizeof LOG_FILE]; // of the file that fpLogFile is; empty for the standard streams
+constexpr int BCI_LEVEL = 9;
 
-void StoreLevel(int32_t level) {
-    gbiOptimizationLevel = level;
-    gbQorSkipLocal = level == 3 || level == 9;
-    if (level == 9)
-        QORLOG(LOG_NOTE, "BCI Mode is enabled. All Local would be fetched through BCI");
-    else if (level == 3)
-        QORLOG(LOG_NOTE, "QORD agent is running in No local Mode.");
-    else
-        QORLOG(LOG_DETAIL, "BCI Mode is Not enabled. All Local would be fetched through jvmti/re");
-}
+// The agent's own file that is the log, and the one before it: a Java thread may still be writing its line
+// there, so it is closed one start later.
+FILE *ownLog, *replacedLog;
 
 // Address of the library's first code byte, or 0.
 unsigned long FirstCodeAddress() {
@@ -47,32 +38,31 @@ unsigned long FirstCodeAddress() {
     return 0;
 }
 
-void SwitchLog(FILE *to, const char *path) {
-    FILE *was = openLogPath[0] ? fpLogFile : nullptr;
-    fpLogFile = to;
+// Makes `own`, or a standard stream where that is null, the log.
+void SwitchLog(FILE *own, FILE *standard) {
+    __atomic_store_n(&fpLogFile, own ? own : standard, __ATOMIC_SEQ_CST);
     if (replacedLog)
         fclose(replacedLog);
-    replacedLog = was;
-    QorStrncpy(openLogPath, path, sizeof openLogPath, sizeof openLogPath);
-    openLogPath[0] = path[0];
+    replacedLog = ownLog;
+    ownLog = own;
 }
 
-void LogToStdout() {
-    SwitchLog(stdout, "");
-    QORLOG(LOG_DETAIL, "Log File is stdout");
+FILE *OpenOwnLog(const char *path) {
+    int32_t fd = qor_open_append(path);
+    FILE *file = fd < 0 ? nullptr : fdopen(fd, "a");
+    if (!file)
+        qor_close_handle(&fd);
+    return file;
 }
 
+// Anew at each start, also under the same name: the file may have been moved away since.
 void LogToFile(const char *path) {
-    if (openLogPath[0] && strcmp(openLogPath, path) == 0)
-        return; // the same file goes on
-    FILE *file = fopen(path, "ae");
-    if (!file) {
-        SwitchLog(stdout, "");
+    FILE *file = OpenOwnLog(path);
+    SwitchLog(file, stdout);
+    if (file)
+        QORLOG(LOG_NOTE, "Log File is %s", path);
+    else
         QORLOG(LOG_NOTE, "Failed to open the log fille. Setting defualt to STDOUT");
-        return;
-    }
-    SwitchLog(file, path);
-    QORLOG(LOG_NOTE, "Log File is %s", path);
 }
 
 } // namespace
@@ -89,10 +79,21 @@ bool QorCopyJavaString(JNIEnv *env, jstring source, char *dest, int32_t size) {
     return true;
 }
 
+void QorStoreLevel(int32_t level, int32_t bciLevel, QorLogThreshold usual) {
+    gbiOptimizationLevel = level;
+    gbQorSkipLocal = level == 3 || level == 9;
+    if (level == bciLevel)
+        QORLOG(LOG_NOTE, "BCI Mode is enabled. All Local would be fetched through BCI");
+    else if (gbQorSkipLocal)
+        QORLOG(LOG_NOTE, "QORD agent is running in No local Mode.");
+    else
+        QORLOG(usual, "BCI Mode is Not enabled. All Local would be fetched through jvmti/re");
+}
+
 void QorStoreNumbers(const QorStartArguments *arguments) {
     qorloglevel = arguments->logLevel;
     qormaxbackoff = arguments->maxBackoff;
-    StoreLevel(arguments->optimizationLevel);
+    QorStoreLevel(arguments->optimizationLevel, BCI_LEVEL, LOG_DETAIL);
 
     qor_max_timeout = arguments->maxTimeout;
     jvm_sighandler_chain = arguments->signalChain;
@@ -130,9 +131,10 @@ void QorOpenLog(JNIEnv *env, jstring destination) {
     if (!QorCopyJavaString(env, destination, LOG_FILE, sizeof LOG_FILE))
         QorStrncpy(LOG_FILE, "stdout", sizeof LOG_FILE, STREAM_NAME_LENGTH);
     if (strncmp(LOG_FILE, "stdout", STREAM_NAME_LENGTH) == 0) {
-        LogToStdout();
+        SwitchLog(nullptr, stdout);
+        QORLOG(LOG_DETAIL, "Log File is stdout");
     } else if (strncmp(LOG_FILE, "stderr", STREAM_NAME_LENGTH) == 0) {
-        SwitchLog(nullptr, ""); // the first line makes it stderr
+        SwitchLog(nullptr, nullptr); // the first line makes it stderr
         QORLOG(LOG_NOTE, "Log File is stderr");
     } else {
         LogToFile(LOG_FILE);

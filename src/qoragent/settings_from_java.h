@@ -1,10 +1,16 @@
-// The arguments of `initvar` into the agent's settings, and the log's destination. Start-up only.
+// The arguments of `initvar` into the agent's settings, and the log's destination. Start-up only, but for the
+// level.
 #pragma once
 
+#include "qorlog.h"
 #include "startup.h"
 
 // Numbers: levels, limits, quotas.
 void QorStoreNumbers(const QorStartArguments *arguments);
+
+// Sets the level and with it the rule for locals. The levels without locals are 3 and 9; `bciLevel` is the
+// one of them that is told as the one where BCI fetches them. That locals are fetched is told at `usual`.
+void QorStoreLevel(int32_t level, int32_t bciLevel, QorLogThreshold usual);
 
 // JVM version, vendor and operating system, and what follows from them.
 void QorStoreJvmTexts(JNIEnv *env, const QorStartArguments *arguments);
