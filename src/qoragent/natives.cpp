@@ -4,12 +4,13 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
+#include "settings_from_java.h"
 #include "worker.h"
 
 #include "RequestHandler/records.h"
 #include "RequestHandler/thread_e2e_info.h"
-#include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
+#include "jvmti/Session.h"
 #include "jvmti/ThreadSystem.h"
 #include "platforms/QorOS.h"
 
@@ -22,34 +23,37 @@ const char *gbstrInstrumentLib = "libinstrument.so";
 
 namespace {
 
+constexpr int BCI_LEVEL = 3; // start-up words levels 3 and 9 the other way round
 constexpr int LIBRARY_PATH_SIZE = 4096;
 constexpr int64_t LARGEST_SHOWN_COUNTER = 0x7fffffff;
 constexpr int32_t SLOW_DELAY_USEC = 10000, LONGEST_DELAY_SHOWN = 9999;
 
+// The path of the loaded JVM library.
+bool PathOfJvm(char *path, int32_t size) {
+    void *library = dlopen(gbQorJVMLibName, RTLD_LAZY | RTLD_NOLOAD);
+    if (!library)
+        return false;
+    void *symbol = dlsym(library, gbQorJVMTotalMemory);
+    dlclose(library); // the JVM itself keeps it loaded
+    Dl_info found = {};
+    if (!symbol || !dladdr(symbol, &found) || !found.dli_fname)
+        return false;
+    return snprintf(path, static_cast<size_t>(size), "%s", found.dli_fname) < size;
+}
+
 // The instrumentation library beside the JVM's own, for the JVMs that don't find it by its bare name: the JVM
 // library lies one directory below it.
 bool PathBesideJvm(char *path, int32_t size) {
-    void *symbol = dlsym(RTLD_DEFAULT, "JVM_TotalMemory");
-    void *library = symbol ? nullptr : dlopen("libjvm.so", RTLD_LAZY | RTLD_NOLOAD);
-    if (library)
-        symbol = dlsym(library, "JVM_TotalMemory");
-    Dl_info found = {};
-    const bool known = symbol && dladdr(symbol, &found) && found.dli_fname;
-    if (known)
-        snprintf(path, static_cast<size_t>(size), "%s", found.dli_fname);
-    if (library)
-        dlclose(library);
-    for (int level = 0; known && level < 2; level++) {
+    if (!PathOfJvm(path, size))
+        return false;
+    for (int level = 0; level < 2; level++) {
         char *slash = strrchr(path, '/');
         if (!slash)
             return false;
         *slash = 0;
     }
-    const size_t length = known ? strlen(path) : 0;
-    if (!known || length + strlen(gbstrInstrumentLib) + 2 > static_cast<size_t>(size))
-        return false;
-    snprintf(path + length, static_cast<size_t>(size) - length, "/%s", gbstrInstrumentLib);
-    return true;
+    const int32_t room = size - static_cast<int32_t>(strlen(path));
+    return snprintf(path + strlen(path), static_cast<size_t>(room), "/%s", gbstrInstrumentLib) < room;
 }
 
 void *OpenInstrumentLibrary() {
@@ -93,7 +97,9 @@ jobjectArray ThreadsOf(JNIEnv *env, const QorE2EBlock *list) {
     jsize count = 0;
     for (const QorE2EBlock *block = list; block; block = block->next)
         count++;
-    jobjectArray threads = jobjclass ? env->NewObjectArray(count, jobjclass, nullptr) : nullptr;
+    // Not `jobjclass`: a worker that leaves meanwhile drops it.
+    jclass object = QorFindClass(env, "java/lang/Object");
+    jobjectArray threads = object ? env->NewObjectArray(count, object, nullptr) : nullptr;
     if (QorClearException(env) || !threads)
         return nullptr;
     jsize index = 0;
@@ -117,16 +123,8 @@ int32_t SchedulingDelay() {
 } // namespace
 
 void QorSetOptLevel(int32_t level) {
-    gbiOptimizationLevel = level;
     QORLOG(LOG_ERROR, "QorAgent : Changed qorOptimizationLevel to %d", level);
-    gbQorSkipLocal = level == 3 || level == 9;
-    // Start-up words levels 3 and 9 the other way round.
-    if (level == 3)
-        QORLOG(LOG_NOTE, "BCI Mode is enabled. All Local would be fetched through BCI");
-    else if (level == 9)
-        QORLOG(LOG_NOTE, "QORD agent is running in No local Mode.");
-    else
-        QORLOG(LOG_NOTE, "BCI Mode is Not enabled. All Local would be fetched through jvmti/re");
+    QorStoreLevel(level, BCI_LEVEL, LOG_NOTE);
 }
 
 int32_t QorLoadJavaAgent(JNIEnv *env, jstring options) {
@@ -151,7 +149,7 @@ jobjectArray QorGetThreadObjects(JNIEnv *env) {
     const bool wanted = reqid & QORREQ_THREAD_DATA;
     QorE2EBlock *list = TakeThreadList();
     jobjectArray threads = wanted ? ThreadsOf(env, list) : nullptr;
-    while (QorE2EBlock *block = list) {
+    while (QorE2EBlock *block = list) { // not back to the pool: that is the worker's alone
         list = block->next;
         if (block->threadRef)
             QorDeleteGlobalRef(env, block->threadRef);

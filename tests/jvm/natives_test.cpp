@@ -1,6 +1,7 @@
 #include "AgentNatives.h"
 #include "LogCapture.h"
 #include "RequestHandler/thread_e2e_info.h"
+#include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "qoragent/natives.h"
 #include "qoragent/worker.h"
@@ -83,7 +84,10 @@ TEST_F(Natives, ThreadObjectsAreHandedOutOnce) {
 
     ListThisThread();
     reqid = QORREQ_ACTIVE_THREADS;
+    jclass kept = jobjclass;
+    jobjclass = nullptr; // as after the worker's end
     jobjectArray threads = Java_qoragent_Agent_getThreadObjects(Env(), nullptr);
+    jobjclass = kept;
     ASSERT_NE(threads, nullptr);
     ASSERT_EQ(Env()->GetArrayLength(threads), 2);
     jobject self = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
