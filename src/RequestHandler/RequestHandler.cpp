@@ -47,7 +47,7 @@ void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char 
     }
 }
 
-void QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
+bool QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
     QorText reply;
     QorTextContinue(&reply, page, PAGEBUF_SIZE);
     if (!*path) {
@@ -57,6 +57,7 @@ void QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
     } else {
         // The reply says nothing of the outcome: whoever reads the file knows it by its trailer.
         QORLOG(LOG_DETAIL, "processing mem req : %s \n", path);
-        QorHeapDump(path);
+        return QorHeapDump(path) == 0;
     }
+    return false;
 }

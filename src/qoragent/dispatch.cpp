@@ -1,6 +1,7 @@
 #include "dispatch.h"
 
 #include "channel.h"
+#include "library_dump.h"
 #include "no_processing.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
@@ -18,7 +19,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 int32_t fpid = -2;
 char *pars;
@@ -38,8 +38,6 @@ constexpr char ARGUMENT_WORD[] = "ARG";
 constexpr char XTIER_WORD[] = "xtier01";
 constexpr char NO_PROCESSING_WORD[] = "NoProcessing";
 
-#define QOR_REPLY(...) snprintf(pagebuf, PAGEBUF_SIZE, __VA_ARGS__)
-
 void ClearReply() {
     pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
 }
@@ -51,22 +49,14 @@ void ReplyUninitialized() {
 
 // Takes `reqid` and, if there is one, the argument field out of `pars`.
 void ParseRequestFields() {
-    const char *bar = nullptr;
-    reqid = QorParseNumber(pars, &bar);
-    char *rest = bar ? pars + (bar + 1 - pars) : nullptr;
+    reqid = QorParseNumber(pars);
+    char *rest = QorNextField(pars);
     if (rest && strncmp(rest, ARGUMENT_WORD, sizeof ARGUMENT_WORD - 1) == 0)
         arg_num = QorParseArguments(rest, console_args);
 }
 
-// True when the last dump's file is there, is a file and was written by this request.
-bool DumpWasWritten() {
-    struct stat file;
-    return dumpfile[0] && strcmp(dumpfile, HISTOGRAM_WORD) != 0 && lstat(dumpfile, &file) == 0 &&
-           S_ISREG(file.st_mode) && file.st_size > 0 && file.st_mtim.tv_sec >= last_time.tv_sec;
-}
-
 void ShowMemory() {
-    reqid = pars ? QorParseNumber(pars, nullptr) : 0;
+    reqid = pars ? QorParseNumber(pars) : 0;
     ClearReply();
     const bool forked = QorGetForkHeapDumpCapability();
     if (QorOnJvmtiRoad() && forked)
@@ -75,10 +65,9 @@ void ShowMemory() {
         ReplyUninitialized();
         return;
     }
-    QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid);
-    if (forked && DumpWasWritten())
-        QOR_REPLY("JVM Heap:%s|%s|%s|%s|Heap details dumped to %s", vend, vers, ext_jvm_id_str, os_name,
-                  dumpfile);
+    const bool dumped = QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid);
+    if (forked && dumped)
+        QorReplyDumped("JVM Heap");
 }
 
 void AskThreadView() {

@@ -12,6 +12,8 @@ extern char recsep;     // separator of the request's fields
 extern timeval last_time, cur_time; // start and end of the request
 extern uint32_t diff_time;          // microseconds of the last request that was timed
 
+#define QOR_REPLY(...) snprintf(pagebuf, PAGEBUF_SIZE, __VA_ARGS__)
+
 // Answers the request in `buf` into `pagebuf`, cutting `buf` up. Does nothing when no request is in progress.
 // Worker, or the thread of a forked dump.
 void process_data();

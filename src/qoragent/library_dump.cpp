@@ -1,6 +1,7 @@
 #include "library_dump.h"
 
 #include "channel.h"
+#include "dispatch.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -32,40 +33,44 @@ bool JvmCanDump() {
 }
 
 void RefuseDump() {
-    snprintf(pagebuf, PAGEBUF_SIZE, "JVM Hprof Heap not enabled for :%s|%s|%s|%s", vend, vers, ext_jvm_id_str,
-             os_name);
+    QOR_REPLY("JVM Hprof Heap not enabled for :%s|%s|%s|%s", vend, vers, ext_jvm_id_str, os_name);
     QORLOG(LOG_WARNING, "%s", pagebuf);
 }
 
-void ReportDump(const char *kind) {
-    snprintf(pagebuf, PAGEBUF_SIZE, "%s:%s|%s|%s|%s|Heap details dumped to %s", kind, vend, vers,
-             ext_jvm_id_str, os_name, dumpfile);
-    QORLOG(LOG_NOTE, "%s", pagebuf);
-}
-
-void DumpByLibrary() {
+void DumpByLibrary(bool hprof, bool phd) {
     QorParseDumpRequest(buf);
+    gbLibraryDumpWritten = 0;
+    const char *kind = nullptr;
     if (!dumpfile[0])
         return;
-    gbLibraryDumpWritten = 0;
-    if (strstr(buf, ".hprof") && !gbIbmJvm) {
-        if (QorHprofHeapDump(dumpfile, QorOnJvmtiRoad()) == 0 && gbLibraryDumpWritten)
-            ReportDump("JVM Hprof Heap");
-    } else if (strstr(buf, ".phd") && gbIbmJvm) {
-        if (QorPHDHeapDump(dumpfile) == 0 && gbLibraryDumpWritten)
-            ReportDump("JVM PHD Heap");
+    if (hprof && !gbIbmJvm) {
+        kind = "JVM Hprof Heap";
+        QorHprofHeapDump(dumpfile, QorOnJvmtiRoad());
+    } else if (phd && gbIbmJvm) {
+        kind = "JVM PHD Heap";
+        QorPHDHeapDump(dumpfile);
     }
+    if (!gbLibraryDumpWritten)
+        return;
+    QorReplyDumped(kind);
+    QORLOG(LOG_NOTE, "%s", pagebuf);
 }
 
 } // namespace
 
 bool QorAnswerLibraryDump() {
-    if (!strstr(buf, "showmem|256") || !(strstr(buf, ".hprof") || strstr(buf, ".phd")))
+    const bool hprof = strstr(buf, ".hprof"), phd = strstr(buf, ".phd");
+    if (!strstr(buf, DUMP_REQUEST) || !(hprof || phd))
         return false;
     pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
     if (JvmCanDump())
-        DumpByLibrary();
+        DumpByLibrary(hprof, phd);
     else
         RefuseDump();
     return true;
+}
+
+void QorReplyDumped(const char *kind) {
+    QOR_REPLY("%s:%s|%s|%s|%s|Heap details dumped to %s", kind, vend, vers, ext_jvm_id_str, os_name,
+              dumpfile);
 }

@@ -15,8 +15,6 @@
 
 namespace {
 
-#define QOR_REPLY(...) snprintf(pagebuf, PAGEBUF_SIZE, __VA_ARGS__)
-
 void SetLogLevel(char *value) {
     qorloglevel = atoi(value);
     QOR_REPLY("Changed qorloglevel to %d", qorloglevel);

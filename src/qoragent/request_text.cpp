@@ -51,12 +51,10 @@ char *QorNextField(char *text) {
     return const_cast<char *>(QorNextField(static_cast<const char *>(text)));
 }
 
-uint32_t QorParseNumber(const char *text, const char **end) {
+uint32_t QorParseNumber(const char *text) {
     uint32_t value = 0;
     for (; *text && *text != FIELD_BAR; text++)
         value = value * 10 + (static_cast<unsigned char>(*text) - static_cast<uint32_t>('0'));
-    if (end)
-        *end = *text ? text : nullptr;
     return value;
 }
 
@@ -111,5 +109,5 @@ void QorParseDumpRequest(const char *request) {
         return;
     snprintf(dumpfile, sizeof dumpfile, "%.*s%.*s", HEAP_DIR_SIZE, qorheapdir, length, name);
     if (id)
-        heap_id = QorParseNumber(id, nullptr);
+        heap_id = QorParseNumber(id);
 }

@@ -10,14 +10,15 @@
 #include <cstdint>
 
 constexpr char FIELD_BAR = '|';
+constexpr char DUMP_REQUEST[] = "showmem|256"; // how a dump request begins, behind its flags
 
 // The text behind the next bar, or null.
 char *QorNextField(char *text);
 const char *QorNextField(const char *text);
 
 // The number that stands at the start of `text` and ends at a bar or the terminator: digit by digit, as value
-// times 10 plus character minus '0', wrapping. *end (which may be null) gets the place of the bar, or null.
-uint32_t QorParseNumber(const char *text, const char **end);
+// times 10 plus character minus '0', wrapping.
+uint32_t QorParseNumber(const char *text);
 
 // An address in hexadecimal without a prefix, wrapping.
 uint64_t atoqoraddr(const char *text);

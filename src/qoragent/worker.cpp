@@ -38,7 +38,6 @@ constexpr int JAVA_CALL_WAITS = 21;
 constexpr int32_t JAVA_CALL_WAIT_SECONDS = 5;
 constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
 constexpr long POLL_NSEC = 1000 * 1000;
-constexpr char DUMP_REQUEST[] = "showmem|256";
 constexpr char HEAP_DETAIL_REQUEST[] = "showmem|512";
 
 // The number of the current start: only the worker that carries it may touch the channel.
@@ -141,7 +140,7 @@ void HandleRequest() {
         QORLOG(LOG_ERROR, "Cannot get console flags from buf: %s", buf);
         return;
     }
-    const uint32_t flags = QorParseNumber(buf, nullptr);
+    const uint32_t flags = QorParseNumber(buf);
     QorUnpackFlags(flags);
     LogFlags();
     pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
