@@ -13,13 +13,17 @@ std::atomic<int32_t> ownChildren[MAX_OWN_CHILDREN]; // process ids, 0 for a free
 struct sigaction earlierAction;                     // what the signal did before
 bool installed;
 
+bool HasEarlierHandler() {
+    return earlierAction.sa_handler != SIG_DFL && earlierAction.sa_handler != SIG_IGN;
+}
+
 void CallEarlierHandler(int signal, siginfo_t *info, void *context) {
-    if (earlierAction.sa_flags & SA_SIGINFO) {
-        if (earlierAction.sa_sigaction)
-            earlierAction.sa_sigaction(signal, info, context);
-    } else if (earlierAction.sa_handler != SIG_DFL && earlierAction.sa_handler != SIG_IGN) {
+    if (!HasEarlierHandler())
+        return;
+    if (earlierAction.sa_flags & SA_SIGINFO)
+        earlierAction.sa_sigaction(signal, info, context);
+    else
         earlierAction.sa_handler(signal);
-    }
 }
 
 void ChildSignal(int signal, siginfo_t *info, void *context) {
@@ -29,23 +33,27 @@ void ChildSignal(int signal, siginfo_t *info, void *context) {
     errno = interrupted;
 }
 
-} // namespace
-
-void QorInstallReaper() {
+void InstallHandler() {
     if (installed || sigaction(SIGCHLD, nullptr, &earlierAction) != 0)
         return;
     struct sigaction ours = {};
     ours.sa_sigaction = ChildSignal;
     ours.sa_mask = earlierAction.sa_mask;
-    ours.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
-    ours.sa_flags |= earlierAction.sa_flags & (SA_NOCLDSTOP | SA_NOCLDWAIT);
+    ours.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    ours.sa_flags |= earlierAction.sa_flags & (SA_NOCLDSTOP | SA_NOCLDWAIT | SA_RESTART);
+    // A signal without a handler interrupts nothing.
+    if (!HasEarlierHandler())
+        ours.sa_flags |= SA_RESTART;
     // Ignoring the signal means that nobody has to wait for a child; a handler alone would end that.
     if (!(earlierAction.sa_flags & SA_SIGINFO) && earlierAction.sa_handler == SIG_IGN)
         ours.sa_flags |= SA_NOCLDWAIT;
     installed = sigaction(SIGCHLD, &ours, nullptr) == 0;
 }
 
+} // namespace
+
 bool QorRecordChild(pid_t pid) {
+    InstallHandler();
     for (std::atomic<int32_t> &place : ownChildren) {
         int32_t none = 0;
         if (place.compare_exchange_strong(none, pid))
@@ -57,12 +65,12 @@ bool QorRecordChild(pid_t pid) {
 int32_t zombie_reaper() {
     int32_t last = 0;
     for (std::atomic<int32_t> &place : ownChildren) {
-        const int32_t pid = place;
+        int32_t pid = place;
         if (pid == 0)
             continue;
         last = waitpid(pid, nullptr, WNOHANG);
         if (last != 0 && !(last < 0 && errno == EINTR))
-            place = 0; // ended, or no child of this process any more
+            place.compare_exchange_strong(pid, 0); // ended, or no child of this process any more
     }
     return last;
 }

@@ -2,16 +2,15 @@
 //
 // The application waits for its children itself; the status of one that the agent collected would be lost to
 // it. So only recorded process ids are waited for, one by one, and the handler that was there before runs
-// after.
+// after. The handler is installed with the first child: until then the signal is as the application left it.
 #pragma once
 
 #include <cstdint>
 #include <sys/types.h>
 
-// Installs the handler, once in the life of the process: whoever replaced it since may be chaining to it.
-void QorInstallReaper();
-
-// Records a child of the agent's. False when the table is full: wait for that child directly.
+// Records a child of the agent's. The first one installs the handler, once in the life of the process:
+// whoever replaced it since may be chaining to it. Worker. False when the table is full: wait for that child
+// directly.
 bool QorRecordChild(pid_t pid);
 
 // Collects the recorded children that have ended. The last result of waitpid, 0 when there are none. Safe in

@@ -23,8 +23,8 @@ const QorRelease release[RELEASE_ROWS] = {
     {"DOV Systems, Inc.1.5.0_17", BUILD_JVMTI_DOV},
     {"DOV Systems, Inc.1.5.0_19", BUILD_JVMTI_DOV},
     {"DOV Systems, Inc.1.6.0_11", BUILD_JVMTI_DOV},
-    {"Vorn Default JVM.1.6.0_00", BUILD_JVMTI_DEFAULT},
-    {"JVMTI_JVM", BUILD_JVMTI_SYMBOLS},
+    {DEFAULT_JVM, BUILD_JVMTI_DEFAULT},
+    {SYMBOLS_JVM, BUILD_JVMTI_SYMBOLS},
 };
 
 int32_t jat_server_jvm;

@@ -4,13 +4,17 @@
 #include <cstdint>
 
 enum : int32_t {
-    RELEASE_KEY_SIZE = 80,
     RELEASE_ROWS = 20,
     SYMBOL_WORDS = 4,
 };
 
+// Keys of the JVMTI road for a JVM of any vendor: without symbols of the JVM library, and with the few that
+// guards and chaining want.
+constexpr char DEFAULT_JVM[] = "Vorn Default JVM.1.6.0_00";
+constexpr char SYMBOLS_JVM[] = "JVMTI_JVM";
+
 struct QorRelease {
-    char key[RELEASE_KEY_SIZE]; // vendor text, directly followed by version text
+    const char *key; // vendor text, directly followed by version text
     int32_t offsetind;
 };
 

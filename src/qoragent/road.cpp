@@ -5,7 +5,6 @@
 #include "qorlog.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
-#include "reaper.h"
 #include "release.h"
 #include "startup.h"
 #include "worker.h"
@@ -32,19 +31,12 @@ constexpr int32_t FIRST_DIRECT_BUILD = 6, LAST_DIRECT_BUILD = 10;
 constexpr char BUILD_BANNER[] = "libqoragent for Linux x86-64";
 constexpr int SYMINSTR_SIZE = VENDOR_SIZE + VERSION_SIZE;
 
-struct RoadKey {
-    const char *vendor, *version;
-};
-constexpr RoadKey DEFAULT_ROAD = {"Vorn Default JVM.", "1.6.0_00"};
-constexpr RoadKey SYMBOLS_ROAD = {"JVMTI_JVM", ""};
-
 // The DOV and Tessar VMs before 1.7 let the agent catch a fault through their own signal table, when asked.
 int32_t StartOnJvmtiRoad() {
-    if (QorVendorIsDov() && !strstr(vers, "1.7") && jvm_sighandler_chain != 0) {
-        sig_hack = 1;
-        return initvar(SYMBOLS_ROAD.vendor, SYMBOLS_ROAD.version);
-    }
-    return initvar(DEFAULT_ROAD.vendor, DEFAULT_ROAD.version);
+    if (!QorIsEarlyDov() || jvm_sighandler_chain == 0)
+        return initvar(DEFAULT_JVM, "");
+    sig_hack = 1;
+    return initvar(SYMBOLS_JVM, "");
 }
 
 // The status of the chosen road's resolution.
@@ -53,7 +45,7 @@ int32_t ChooseRoad() {
     case 2:
         return initvar(vend, vers);
     case 1:
-        return initvar(SYMBOLS_ROAD.vendor, SYMBOLS_ROAD.version);
+        return initvar(SYMBOLS_JVM, "");
     case 0:
     case 3:
     case 9:
@@ -118,9 +110,7 @@ void *do_initialization(void *) {
     ch_pid = qor_current_thread_id();
     doing_init = 1;
     init_status = START_RUNNING;
-    offsetind = 0; // an earlier start's build must not pass for this one's
     sig_hack = 0;
-    QorInstallReaper();
     set_qor_handler();
 
     const int32_t resolved = ChooseRoad();
@@ -147,4 +137,8 @@ int32_t IsNimbJvm(const char *osName) {
 
 bool QorVendorIsDov() {
     return strstr(vend, "DOV") || strstr(vend, "Tessar");
+}
+
+bool QorIsEarlyDov() {
+    return QorVendorIsDov() && !strstr(vers, "1.7");
 }
