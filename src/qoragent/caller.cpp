@@ -22,8 +22,15 @@ namespace {
 constexpr char REPLY_TIMED_OUT[] = "Request TIMED OUT|\t|\t\t||";
 constexpr char SHUTDOWN[] = "SHUTDOWN";
 constexpr char XTIER_REQUEST[] = "xtier01";
+constexpr int64_t MSEC_PER_SEC = 1000;
 constexpr int64_t POLL_MSEC = 5;
 constexpr int64_t CLOSE_WAIT_MSEC = 5000;
+
+// What a request gets instead of seconds.
+enum : int32_t {
+    NO_TIME = 0,
+    NO_ANSWER = -1,
+};
 
 // What an earlier time-out has left in the channel. The request right after a time-out is granted to read the
 // late worker's handshake, and with it that worker's reply; the one after it must find all of it cleared, or
@@ -33,7 +40,7 @@ enum ChannelDebt : int32_t {
     DEBT_TIMED_OUT, // the last request ran out of time
     DEBT_GRANTED,   // the last request may have read a stale handshake
 };
-std::atomic<int32_t> channelDebt;
+std::atomic<ChannelDebt> channelDebt;
 
 // 1 while start-up replaces what callers use.
 std::atomic<int32_t> closedToCallers;
@@ -46,7 +53,7 @@ struct CallerScope {
 int64_t NowMsec() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    return now.tv_sec * MSEC_PER_SEC + now.tv_nsec / 1000000;
 }
 
 void SleepMsec(int64_t msec) {
@@ -54,32 +61,31 @@ void SleepMsec(int64_t msec) {
     nanosleep(&pause, nullptr);
 }
 
-// Waits until the worker has dealt with all that it was woken for, then clears the handshakes nobody read.
-// False when the time of a request goes by over it.
-bool PayDebt() {
-    const int32_t limit = qor_max_timeout > 0 ? qor_max_timeout : DEFAULT_WAIT_SECONDS;
-    const int64_t end = NowMsec() + limit * int64_t{1000};
+// Waits until the worker has dealt with all that it was woken for. The seconds left of `seconds`, in whole
+// ones, or NO_TIME.
+int32_t AwaitIdleWorker(int32_t seconds) {
+    const int64_t end = NowMsec() + seconds * MSEC_PER_SEC;
     while (!QorWorkerIsIdle()) {
         if (NowMsec() >= end || agentstatus == AGENT_SHUTDOWN || closedToCallers)
-            return false;
+            return NO_TIME;
         SleepMsec(POLL_MSEC);
     }
-    QorDrainHandshakes();
-    return true;
+    return static_cast<int32_t>((end - NowMsec() + MSEC_PER_SEC - 1) / MSEC_PER_SEC);
 }
 
-// Clears the way for a request. False when its time is over before that.
-bool PrepareChannel() {
-    switch (channelDebt.exchange(DEBT_NONE)) {
-    case DEBT_TIMED_OUT:
+// Clears the way for a request. The seconds that it may still take, or NO_TIME.
+int32_t PrepareChannel() {
+    int32_t seconds = qor_max_timeout > 0 ? qor_max_timeout : DEFAULT_WAIT_SECONDS;
+    const ChannelDebt debt = channelDebt.exchange(DEBT_NONE);
+    if (debt == DEBT_TIMED_OUT) {
         channelDebt = DEBT_GRANTED;
-        return true;
-    case DEBT_GRANTED:
-        return PayDebt();
-    default:
-        QorDrainHandshakes();
-        return true;
+        return seconds;
     }
+    if (debt == DEBT_GRANTED)
+        seconds = AwaitIdleWorker(seconds);
+    if (seconds != NO_TIME)
+        QorDrainHandshakes();
+    return seconds;
 }
 
 void TakeRequest(const char *chars) {
@@ -91,8 +97,8 @@ void TakeRequest(const char *chars) {
            QOREOTLEN, buf);
 }
 
-bool BufStartsWith(const char *word) {
-    return strncmp(buf, word, strlen(word)) == 0;
+bool StartsWith(const char *text, const char *word) {
+    return strncmp(text, word, strlen(word)) == 0;
 }
 
 void AskToLeave() {
@@ -125,10 +131,10 @@ jstring GiveUp(JNIEnv *env) {
     return reply;
 }
 
-// The reply as it stands. When a late worker may still be writing, the JVM must not see the text change while
-// it measures and reads it: it gets a copy.
+// The reply as it stands. When the worker may still be writing, late or for another caller, the JVM must not
+// see the text change while it measures and reads it: it gets a copy.
 jstring TakeReply(JNIEnv *env, const char *page) {
-    if (channelDebt == DEBT_NONE)
+    if (channelDebt == DEBT_NONE && callersInside == 1)
         return QorNewStringUTF(env, page);
     char *copy = strndup(page, PAGEBUF_SIZE - 1);
     jstring reply = copy ? QorNewStringUTF(env, copy) : nullptr;
@@ -136,30 +142,34 @@ jstring TakeReply(JNIEnv *env, const char *page) {
     return reply;
 }
 
-// Hands `buf` over and gives back what the worker made of it.
-jstring Ask(JNIEnv *env, char *page) {
+// Hands `buf` over and gives back what the worker makes of it within `seconds`.
+jstring Ask(JNIEnv *env, char *page, int32_t seconds) {
     qorlocks[1] = 1;
     CutAtMarker();
     if (page)
         page[0] = page[PAGEBUF_SIZE - 1] = 0;
     if (!qor_signal_child_to_process())
         return nullptr;
-    if (qor_wait_for_child_reponse(qor_max_timeout) == 0)
+    const int32_t answer = qor_wait_for_child_reponse(seconds);
+    if (answer == 0)
         return GiveUp(env);
+    if (answer < 0)
+        channelDebt = DEBT_GRANTED; // the true handshake is still to come
     return page ? TakeReply(env, page) : nullptr;
 }
 
-jstring TakeAndAsk(JNIEnv *env, const char *chars) {
-    if (chars && strncmp(chars, SHUTDOWN, sizeof SHUTDOWN - 1) == 0) {
+// Takes a request in. The seconds that it may take, NO_TIME, or NO_ANSWER when there is nothing to wait for.
+int32_t TakeIn(const char *chars) {
+    if (chars && StartsWith(chars, SHUTDOWN)) {
         AskToLeave(); // `buf` stays as it is: a request in hand is finished first
-        return nullptr;
+        return NO_ANSWER;
     }
-    if (!PrepareChannel())
-        return GiveUp(env);
-    TakeRequest(chars);
-    if (offsetind < 0 && !BufStartsWith(XTIER_REQUEST))
-        return nullptr;
-    return Ask(env, __atomic_load_n(&pagebuf, __ATOMIC_SEQ_CST));
+    if (offsetind < 0 && !StartsWith(chars ? chars : buf, XTIER_REQUEST))
+        return NO_ANSWER;
+    const int32_t seconds = PrepareChannel();
+    if (seconds != NO_TIME)
+        TakeRequest(chars);
+    return seconds;
 }
 
 } // namespace
@@ -170,10 +180,14 @@ jstring QorDataFromNative(JNIEnv *env, jstring request) {
         return nullptr;
     thread_timed_out = 0;
     const char *chars = request ? QorGetStringUTFChars(env, request, nullptr) : nullptr;
-    jstring reply = TakeAndAsk(env, chars);
+    const int32_t seconds = TakeIn(chars);
     if (chars)
         QorReleaseStringUTFChars(env, request, chars);
-    return reply;
+    if (seconds == NO_ANSWER)
+        return nullptr;
+    if (seconds == NO_TIME)
+        return GiveUp(env);
+    return Ask(env, __atomic_load_n(&pagebuf, __ATOMIC_SEQ_CST), seconds);
 }
 
 bool QorCloseToCallers() {
@@ -184,13 +198,13 @@ bool QorCloseToCallers() {
             closedToCallers = 0;
             return false;
         }
-        QorSignalParent();
+        if (!QorWorkerLives())
+            QorSignalParent();
         SleepMsec(POLL_MSEC);
     }
     return true;
 }
 
 void QorOpenToCallers() {
-    channelDebt = DEBT_NONE;
     closedToCallers = 0;
 }

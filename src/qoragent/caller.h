@@ -1,7 +1,8 @@
 // The Java caller's side of a request.
 //
 // One caller at a time is assumed: the Java side declares the native synchronized. More of them overwrite
-// each other's request but harm nothing else.
+// each other's request and take each other's reply but harm nothing else. So a SHUTDOWN from Java waits for
+// the request before it, for the time-out at most; one that gets past that lock ends the other's wait.
 #pragma once
 
 #include <atomic>
@@ -13,13 +14,12 @@ extern std::atomic<int32_t> callersInside;
 extern int32_t thread_timed_out; // 1 when the last request ran out of time; informational
 
 // Hands the request to the worker and waits up to `qor_max_timeout` seconds. The reply, the time-out text, or
-// null: for SHUTDOWN, an unsupported JVM, or when the worker can't be woken.
+// null: for SHUTDOWN, an unsupported JVM, when the worker can't be woken, and for any request, SHUTDOWN
+// included, while a start is under way.
 jstring QorDataFromNative(JNIEnv *env, jstring request);
 
-// Lets no caller in any more and waits a few seconds for those inside, who get their reply as it stands.
-// False, and open again, when one stays. Start-up, before it replaces what callers use; only while no worker
-// lives.
+// Lets no caller in any more and waits a few seconds for those inside. They get their reply from the worker;
+// where none lives, they leave with the reply as it stands. False, and open again, when one stays. Start-up,
+// before it replaces what callers use.
 bool QorCloseToCallers();
-
-// Lets callers in again; what the earlier channel still owed is forgotten.
 void QorOpenToCallers();

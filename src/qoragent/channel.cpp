@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 char buf[BUF_SIZE];
 int32_t pipe_fd_PP[2] = {-1, -1};
@@ -19,15 +20,27 @@ namespace {
 
 constexpr int32_t SLICE_SECONDS = 10;
 
-bool MakePipe(int32_t fds[2]) {
-    qor_close_pipe(fds);
+struct stat madePP, madeCH; // the pipes as they were made; both ends of one are the same file
+
+bool IsFile(int32_t fd, const struct stat &made) {
+    struct stat now;
+    return fstat(fd, &now) == 0 && now.st_dev == made.st_dev && now.st_ino == made.st_ino;
+}
+
+bool MakePipe(int32_t fds[2], struct stat *made) {
     if (!qor_create_pipe(fds))
         return false;
+    fstat(fds[0], made);
     // Neither end may hold a thread up: not a full pipe its writer, nor a handshake that another caller took
     // first its reader.
     fcntl(fds[0], F_SETFL, O_NONBLOCK);
     fcntl(fds[1], F_SETFL, O_NONBLOCK);
     return true;
+}
+
+void ClosePipes() {
+    qor_close_pipe(pipe_fd_PP);
+    qor_close_pipe(pipe_fd_CH);
 }
 
 void SleepWhole(int32_t seconds) {
@@ -39,8 +52,20 @@ void SleepWhole(int32_t seconds) {
 } // namespace
 
 bool QorOpenChannel() {
-    const bool down = MakePipe(pipe_fd_PP);
-    return MakePipe(pipe_fd_CH) && down;
+    if (QorChannelIsOurs())
+        ClosePipes();
+    if (MakePipe(pipe_fd_PP, &madePP) && MakePipe(pipe_fd_CH, &madeCH))
+        return true;
+    ClosePipes();
+    return false;
+}
+
+bool QorChannelIsOurs() {
+    if (IsFile(pipe_fd_PP[0], madePP) && IsFile(pipe_fd_PP[1], madePP) && IsFile(pipe_fd_CH[0], madeCH) &&
+        IsFile(pipe_fd_CH[1], madeCH))
+        return true;
+    pipe_fd_PP[0] = pipe_fd_PP[1] = pipe_fd_CH[0] = pipe_fd_CH[1] = -1;
+    return false;
 }
 
 int32_t qor_can_read(int32_t fd, int32_t seconds) {
@@ -65,7 +90,7 @@ void qor_safe_sleep(int32_t seconds) {
 }
 
 bool qor_signal_child_to_process() {
-    return qor_write_file(pipe_fd_PP[1], WAKE_UP, HANDSHAKE_SIZE) == HANDSHAKE_SIZE;
+    return QorChannelIsOurs() && qor_write_file(pipe_fd_PP[1], WAKE_UP, HANDSHAKE_SIZE) == HANDSHAKE_SIZE;
 }
 
 void QorSignalParent() {
@@ -81,7 +106,7 @@ int32_t qor_wait_for_child_reponse(int32_t seconds) {
     if (got != HANDSHAKE_SIZE)
         qor_perror("Qor Agent Error : IPC CH - 2 :");
     if (qorloglevel > LOG_RAW_PIPE) {
-        QORLOG(LOG_RAW_PIPE, "Child Read returned = %d", static_cast<int>(got));
+        QORLOG(LOG_RAW_PIPE, READ_RETURNED, static_cast<int>(got));
         qor_perror(" Read-Child:");
     }
     if (memcmp(pipe_str, HANDSHAKE, HANDSHAKE_SIZE) == 0)

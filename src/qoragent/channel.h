@@ -25,6 +25,7 @@ enum : int32_t {
 constexpr char END_OF_TRANSMISSION[] = "|\t|\t\t||";
 constexpr char WAKE_UP[] = "From Parent to Child";
 constexpr char HANDSHAKE[] = "From Child to Parent";
+constexpr char READ_RETURNED[] = "Child Read returned = %d"; // logged by either side of its pipe
 static_assert(sizeof END_OF_TRANSMISSION == QOREOTLEN + 1, "marker length");
 static_assert(sizeof WAKE_UP == HANDSHAKE_SIZE + 1 && sizeof HANDSHAKE == HANDSHAKE_SIZE + 1, "text length");
 
@@ -40,8 +41,13 @@ extern std::atomic<int32_t> agentstatus;
 // Word 0: the agent holds the GC lock. Word 1: a request is in progress, from its hand-over to its answer.
 extern std::atomic<int32_t> qorlocks[2];
 
-// Makes both pipes, closing what an earlier start left. False when one could not be made.
+// Makes both pipes, closing what an earlier start left. False, with no pipe at all, when one can't be made.
 bool QorOpenChannel();
+
+// True while the four descriptors are those that were made. A host that closes descriptors at large may have
+// given their numbers to files of its own since: then all four are forgotten, and none is read, written or
+// closed again.
+bool QorChannelIsOurs();
 
 // Waits for input on `fd` up to `seconds`, or for ever, in slices of 10 seconds so that AGENT_SHUTDOWN is
 // seen. 1 when there is some; 0 when the time is over or the agent is leaving.

@@ -15,7 +15,6 @@
 #include "jvmti/trycatch.h"
 #include "platforms/QorOS.h"
 
-#include <cstring>
 #include <ctime>
 
 namespace {
@@ -23,34 +22,39 @@ namespace {
 constexpr int LEAVE_SLICES = 1200; // somewhat more than a waiting caller's slice of 10 seconds
 constexpr long LEAVE_SLICE_NSEC = 10 * 1000 * 1000;
 
+char *keptReply; // taken away and not yet freed
+
 void DropClass(JNIEnv *env, jclass *ref) {
-    if (*ref)
-        QorDeleteGlobalRef(env, *ref);
+    jclass dropped = *ref;
     *ref = nullptr;
+    if (dropped)
+        QorDeleteGlobalRef(env, dropped);
 }
 
 } // namespace
 
-bool QorFreeReply() {
-    char *page = __atomic_exchange_n(&pagebuf, nullptr, __ATOMIC_SEQ_CST);
-    for (int i = 0; i < LEAVE_SLICES && callersInside != 0; i++) {
+void QorFreeReply() {
+    if (char *page = __atomic_exchange_n(&pagebuf, nullptr, __ATOMIC_SEQ_CST))
+        keptReply = page;
+    for (int i = 0; callersInside != 0; i++) {
+        if (i == LEAVE_SLICES)
+            return;
         const timespec slice = {0, LEAVE_SLICE_NSEC};
         nanosleep(&slice, nullptr);
     }
-    if (callersInside != 0)
-        return false;
-    QorFree(page, PAGEBUF_SIZE);
-    return true;
+    QorFree(keptReply, PAGEBUF_SIZE);
+    keptReply = nullptr;
 }
 
 void QorDropSession(JNIEnv *env) {
+    QorBusyScope busy; // a Java thread may be taking the list
     release_thread_e2e_info(env);
     QorDropE2EPool();
     DropClass(env, &e2eclass);
     DropClass(env, &jobjclass);
     DropClass(env, &jstringclass);
     DropClass(env, &gbDbUtilClass);
-    if (QorVendorIsDov() && !strstr(vers, "1.7"))
+    if (QorIsEarlyDov())
         trycatch_Cleanup();
     QorDovOnUnload(env);
 }

@@ -12,6 +12,6 @@ void exitAgent(JNIEnv *env);
 // environment.
 void QorDropSession(JNIEnv *env);
 
-// Takes `pagebuf` away from later callers and frees it once those inside have left. True when it was freed: a
-// caller that stays inside keeps the memory allocated.
-bool QorFreeReply();
+// Takes `pagebuf` away from later callers and frees it once those inside have left. One that stays inside
+// keeps the memory allocated until the next call.
+void QorFreeReply();

@@ -68,34 +68,33 @@ void WaitASecondForWorker() {
     }
 }
 
-void ReportOldAgent() {
-    QORLOG(LOG_NOTE, "Unable to clear previous QORD agent child thread. Not starting a new one. To manually "
-                     "clear, please bounce the server.");
-}
-
-// Waits for the agent of an earlier start. False when it doesn't leave.
+// Waits for the agent of an earlier start to leave, and keeps callers out from then on. When it doesn't
+// leave: false, and it goes on as before.
 bool EarlierAgentLeft(int32_t seconds) {
     for (int32_t left = seconds; agentstatus != 0 && left > 0; left--) {
         QORLOG(LOG_NOTE, "Waiting for previous agent child thread to exit.");
         WaitASecondForWorker();
     }
-    // A worker that nobody asked to leave, or that was given up, leaves now: two of them must never inspect.
-    if (agentstatus == 0 && QorRetireWorkers(seconds > LEAST_RETIRE_SECONDS ? seconds : LEAST_RETIRE_SECONDS))
-        return true;
-    ReportOldAgent();
+    if (agentstatus == 0 && QorCloseToCallers()) {
+        // A worker that nobody asked to leave, or that was given up, leaves now: two must never inspect.
+        if (QorRetireWorkers(seconds > LEAST_RETIRE_SECONDS ? seconds : LEAST_RETIRE_SECONDS))
+            return true;
+        QorOpenToCallers();
+    }
+    QORLOG(LOG_NOTE, "Unable to clear previous QORD agent child thread. Not starting a new one. To manually "
+                     "clear, please bounce the server.");
     return false;
 }
 
-// What a worker that left without a SHUTDOWN has not freed.
+// What a worker that left without a SHUTDOWN has not freed, the road it went, and a SHUTDOWN that came too
+// late for it.
 void ClearEarlierRun(JNIEnv *env) {
     if (jvmti || jobjclass)
         QorDropSession(env);
     QorFreeReply();
     qorlocks[1] = 0;
-}
-
-jclass FindClass(JNIEnv *env, const char *name) {
-    return name ? QorFindClass(env, name) : nullptr;
+    offsetind = 0;
+    agentstatus = 0;
 }
 
 void FindServerMarkers(JNIEnv *env) {
@@ -103,8 +102,8 @@ void FindServerMarkers(JNIEnv *env) {
     for (const ServerMarker &marker : SERVER_MARKERS) {
         if (strncmp(webserver, marker.server, WEBSERVER_SIZE) != 0)
             continue;
-        serverKlass1 = FindClass(env, marker.class1);
-        serverKlass2 = FindClass(env, marker.class2);
+        serverKlass1 = QorFindClass(env, marker.class1);
+        serverKlass2 = marker.class2 ? QorFindClass(env, marker.class2) : nullptr;
     }
 }
 
@@ -121,7 +120,6 @@ void FindGlobalClasses(JNIEnv *env) {
 }
 
 bool AllocateReply() {
-    memcpy(qorheapdir, "/tmp/", sizeof "/tmp/");
     auto *page = static_cast<char *>(QorMalloc(PAGEBUF_SIZE));
     if (!page) {
         QORLOG(LOG_ERROR, "malloc failed for pagebuf");
@@ -158,7 +156,8 @@ void OpenProcNet() {
 }
 
 // The road is chosen on a thread of its own, so that whatever happens there does not happen to a Java thread.
-void RunInitialization() {
+// False when that thread can't be had.
+bool RunInitialization() {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     if (gbNimbJvm)
@@ -168,14 +167,13 @@ void RunInitialization() {
     pthread_attr_destroy(&attributes);
     if (!failed) {
         pthread_join(initializer, nullptr);
-        return;
+        return true;
     }
     if (gbNimbJvm)
         QORLOG(LOG_ERROR, "Thread Createion Failed ");
     else
         QORLOG(LOG_ERROR, "Thread Createion Failed. !gbnimbJVM ");
-    offsetind = 0; // no road was chosen: nothing may be asked of an earlier start's
-    init_status = START_FAILED;
+    return false;
 }
 
 void OpenManagement() {
@@ -185,16 +183,14 @@ void OpenManagement() {
 
 // The session, and what may be done with it on this JVM.
 void OpenSession(JNIEnv *env) {
-    gbQorRELocal = 0;
-    if (!QorOnJvmtiRoad())
-        return;
-    QorDovOnLoad(env);
-    const bool dov = QorVendorIsDov() && !strstr(vers, "1.7");
-    if (dov)
+    if (QorOnJvmtiRoad())
+        QorDovOnLoad(env);
+    const bool early = QorIsEarlyDov();
+    if (early)
         trycatch_init();
-    gbQorRELocal = dov && gbiOptimizationLevel == 2;
+    gbQorRELocal = early && gbiOptimizationLevel == 2;
     QorSetManagementGCCountCapability(1);
-    QorSetForkHeapDumpCapability(dov && (gbiOptimizationLevel == 1 || gbiOptimizationLevel == 2));
+    QorSetForkHeapDumpCapability(early && (gbiOptimizationLevel == 1 || gbiOptimizationLevel == 2));
 }
 
 void StartWorker() {
@@ -203,8 +199,6 @@ void StartWorker() {
     if (!QorOpenChannel())
         return;
     ch_pid = 0;
-    if (init_status == START_FAILED && offsetind == 0)
-        return; // the initialisation thread could not be made
     if (qor_create_child_thread(&thread) != 0)
         init_status = START_FAILED;
 }
@@ -230,6 +224,7 @@ void StoreArguments(JNIEnv *env, const QorStartArguments *arguments) {
 bool PrepareProcess(JNIEnv *env) {
     FindServerMarkers(env);
     FindGlobalClasses(env);
+    memcpy(qorheapdir, "/tmp/", sizeof "/tmp/");
     if (!AllocateReply())
         return false;
     LearnHost();
@@ -244,21 +239,15 @@ bool PrepareProcess(JNIEnv *env) {
 int32_t QorStart(JNIEnv *env, const QorStartArguments *arguments) {
     if (!EarlierAgentLeft(arguments->maxTimeout))
         return START_FAILED;
-    if (!QorCloseToCallers()) {
-        ReportOldAgent();
-        return START_FAILED;
-    }
     ClearEarlierRun(env);
     StoreArguments(env, arguments);
-    int32_t status = START_FAILED;
-    if (PrepareProcess(env)) {
-        RunInitialization();
+    init_status = START_FAILED;
+    if (PrepareProcess(env) && RunInitialization()) {
         OpenManagement();
         OpenSession(env);
         StartWorker();
-        status = init_status;
     }
     ForgetFrameReferences();
     QorOpenToCallers();
-    return status;
+    return init_status;
 }

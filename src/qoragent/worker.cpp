@@ -17,7 +17,6 @@
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -33,6 +32,7 @@ std::atomic<int32_t> workerBusy;
 
 namespace {
 
+constexpr int32_t LOOK_ROUND_SECONDS = 10; // between looks at what may end an idle worker
 constexpr int STRIKE_LIMIT = 51;
 constexpr int JAVA_CALL_WAITS = 21;
 constexpr int32_t JAVA_CALL_WAIT_SECONDS = 5;
@@ -40,12 +40,22 @@ constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
 constexpr long POLL_NSEC = 1000 * 1000;
 constexpr char HEAP_DETAIL_REQUEST[] = "showmem|512";
 
-// The number of the current start: only the worker that carries it may touch the channel.
+// The number of the current start: only the worker that carries it may touch the channel. Negative while that
+// worker is asked to leave, 0 when nobody serves.
 std::atomic<intptr_t> currentStart;
+std::atomic<intptr_t> starts;
 std::atomic<int32_t> liveWorkers;
 
+// True when this worker must leave. One that was asked to agrees by this, and can't be called back any more.
 bool Outdated(intptr_t start) {
-    return start != currentStart;
+    intptr_t asked = -start;
+    return currentStart.compare_exchange_strong(asked, 0) || asked != start;
+}
+
+time_t MonotonicSeconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
 }
 
 void ShortSleep() {
@@ -56,16 +66,6 @@ void ShortSleep() {
 bool StartsWith(const char *text, const char *word) {
     return text && strncmp(text, word, strlen(word)) == 0;
 }
-
-// Keeps other threads from the worker's lists while it works on them, and is kept off while one of them takes
-// a list away.
-struct BusyScope {
-    BusyScope() {
-        while (workerBusy.exchange(1) != 0)
-            ShortSleep();
-    }
-    ~BusyScope() { workerBusy = 0; }
-};
 
 // Appends a text and a section end to the reply. It goes through `buf`, which drops the request: a wake-up
 // for it that still waits in the pipe must not answer a second time.
@@ -162,35 +162,34 @@ enum WakeUp { WOKEN, STRAY, NOTHING, LEAVE };
 // Takes one wake-up out of the pipe.
 WakeUp ReadWakeUp() {
     char pipe_str[HANDSHAKE_SIZE] = {};
+    if (!QorChannelIsOurs())
+        return LEAVE;
     const ssize_t got = qor_read_file(pipe_fd_PP[0], pipe_str, HANDSHAKE_SIZE);
-    const int reason = errno;
     if (got != HANDSHAKE_SIZE)
         QORLOG(LOG_ERROR, "Qor Agent Error : IPC CH :");
-    if (got == 0 || (got < 0 && reason != EINTR && reason != EAGAIN))
-        return LEAVE; // the host has closed the pipe: nothing will ever come
     if (agentstatus == AGENT_SHUTDOWN) {
         QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. Breaking out before processing command");
         return LEAVE;
     }
-    QORLOG(LOG_TRACE, "Child Read returned = %d", static_cast<int>(got));
+    QORLOG(LOG_TRACE, READ_RETURNED, static_cast<int>(got));
     if (got < 0)
         return NOTHING;
     return memcmp(pipe_str, WAKE_UP, HANDSHAKE_SIZE) == 0 ? WOKEN : STRAY;
 }
 
-// Serves wake-ups until the agent is asked to leave, or this worker is outdated.
+// Serves wake-ups until the agent is asked to leave, this worker is outdated, or the channel is gone.
 void ServeRequests(intptr_t start) {
     int strikes = 0;
-    for (;;) {
+    while (QorChannelIsOurs() && !Outdated(start)) {
         if (agentstatus == AGENT_SHUTDOWN) {
             QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. breaking out while loop in child process");
             return;
         }
-        if (!qor_can_read(pipe_fd_PP[0], WAIT_FOR_EVER))
+        if (!qor_can_read(pipe_fd_PP[0], LOOK_ROUND_SECONDS))
             continue;
         if (Outdated(start))
             return;
-        BusyScope busy;
+        QorBusyScope busy;
         switch (ReadWakeUp()) {
         case WOKEN:
             HandleRequest();
@@ -203,8 +202,6 @@ void ServeRequests(intptr_t start) {
         case LEAVE:
             return;
         }
-        if (Outdated(start))
-            return;
     }
 }
 
@@ -216,6 +213,11 @@ void LogStart() {
 }
 
 } // namespace
+
+QorBusyScope::QorBusyScope() {
+    while (workerBusy.exchange(1) != 0)
+        ShortSleep();
+}
 
 void *qor_child_thread(void *startNumber) {
     const auto start = reinterpret_cast<intptr_t>(startNumber);
@@ -249,8 +251,9 @@ int32_t qor_create_child_thread(pthread_t *handle) {
         pthread_attr_setstacksize(&attributes, NIMB_STACK_SIZE);
     pthread_t created = 0;
     liveWorkers++;
-    const int failed =
-        pthread_create(&created, &attributes, qor_child_thread, reinterpret_cast<void *>(++currentStart));
+    currentStart = ++starts;
+    const int failed = pthread_create(&created, &attributes, qor_child_thread,
+                                      reinterpret_cast<void *>(currentStart.load()));
     pthread_attr_destroy(&attributes);
     if (failed) {
         liveWorkers--;
@@ -267,24 +270,28 @@ void qor_terminate_child_thread() {
     qorlocks[1] = 0;
     if (!thread)
         return;
-    currentStart++;
+    currentStart = 0;
     qor_signal_child_to_process();
     thread = 0;
 }
 
 bool QorRetireWorkers(int32_t seconds) {
-    if (liveWorkers == 0)
+    if (!QorWorkerLives())
         return true;
-    currentStart++;
+    const intptr_t serving = currentStart;
+    currentStart = -serving;
     qor_signal_child_to_process();
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const time_t end = now.tv_sec + seconds;
-    while (liveWorkers != 0 && now.tv_sec <= end) {
-        ShortSleep();
-        clock_gettime(CLOCK_MONOTONIC, &now);
+    const time_t end = MonotonicSeconds() + seconds;
+    for (; QorWorkerLives(); ShortSleep()) {
+        intptr_t asked = -serving;
+        if (MonotonicSeconds() > end && currentStart.compare_exchange_strong(asked, serving))
+            return false;
     }
-    return liveWorkers == 0;
+    return true;
+}
+
+bool QorWorkerLives() {
+    return liveWorkers != 0;
 }
 
 bool QorWorkerIsIdle() {

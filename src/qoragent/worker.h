@@ -3,7 +3,8 @@
 // It sleeps on `pipe_fd_PP`, takes the request out of `buf`, lets the dispatcher answer into `pagebuf` and
 // writes the handshake. Each worker carries the number of its start. One whose number is no longer current is
 // outdated: it finishes what it is in, then leaves by itself and touches no global of its successor. No
-// thread is ever cancelled: a worker may hold the JVM's locks or be on its way through Java code.
+// thread is ever cancelled: a worker may hold the JVM's locks or be on its way through Java code. It also
+// leaves when the host has closed or replaced the channel's descriptors.
 #pragma once
 
 #include <atomic>
@@ -19,8 +20,17 @@ extern int32_t iNotUsingSignalHandler;   // 1 on the JVMTI road; informational
 extern std::atomic<int32_t>
     flagcompiled_java_code; // 1 while the worker is in a Java call that enriches a reply
 
-// 1 while the worker handles a wake-up. Another thread that must keep it out for a moment sets it likewise.
+// 1 while one thread has the worker's lists and the session's references in hand: the worker for the length
+// of a wake-up, another thread for as long as it takes a list away.
 extern std::atomic<int32_t> workerBusy;
+
+// Holds workerBusy, waiting for it first.
+struct QorBusyScope {
+    QorBusyScope();
+    ~QorBusyScope() { workerBusy = 0; }
+    QorBusyScope(const QorBusyScope &) = delete;
+    QorBusyScope &operator=(const QorBusyScope &) = delete;
+};
 
 // Starts a detached worker, unless one has registered in `ch_pid` or the JVM is not supported: then nothing
 // happens, which counts as success. 0 or the error number. Java thread.
@@ -30,8 +40,12 @@ int32_t qor_create_child_thread(pthread_t *handle);
 // Java caller.
 void qor_terminate_child_thread();
 
-// Makes every worker of an earlier start leave and waits up to `seconds` for it. True when none is left.
+// Makes every worker of an earlier start leave and waits up to `seconds` for it. True when none is left; else
+// the one that serves goes on serving when it is done with what keeps it. Start-up.
 bool QorRetireWorkers(int32_t seconds);
+
+// True while a worker lives, be it one that serves or one that was given up.
+bool QorWorkerLives();
 
 // True when the worker has nothing in hand and nothing waiting: all wake-ups so far have been dealt with.
 bool QorWorkerIsIdle();

@@ -12,9 +12,11 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <fstream>
 #include <random>
 #include <regex>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
@@ -287,6 +289,54 @@ TEST_F(Request, StrayBytesAreOutlived) {
         disturber.join();
     }
     EXPECT_EQ(Setting(1), SettingReply(1));
+}
+
+// A handshake that is none counts as a reply; what the worker then says still belongs to that request alone.
+TEST_F(Request, AWrongHandshakeCostsItsOwnRequestOnly) {
+    Start(2);
+    auto disturb = [] {
+        while (qorlocks[1] == 0 || workerBusy == 0)
+            std::this_thread::yield();
+        EXPECT_EQ(write(pipe_fd_CH[1], "From Child to Parint", HANDSHAKE_SIZE), HANDSHAKE_SIZE);
+    };
+    {
+        HeldWorker held(300);
+        std::thread disturber(disturb);
+        EXPECT_NE(Ask("516|showqor|8192"), TIMED_OUT);
+        disturber.join();
+        for (int i = 0; i < 10; i++)
+            ASSERT_EQ(Setting(i), SettingReply(i));
+    }
+    // Waiting for the worker is part of a request's time.
+    HeldWorker held(1500);
+    std::thread disturber(disturb);
+    EXPECT_NE(Ask("516|showqor|8192"), TIMED_OUT);
+    disturber.join();
+    EXPECT_EQ(Ask("516|showqor|8192"), TIMED_OUT);
+}
+
+// A host that closes descriptors at large, and opens its own under their numbers, keeps these to itself.
+TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {
+    const std::string path = testing::TempDir() + "qor-host-" + std::to_string(getpid());
+    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    unlink(path.c_str());
+    const int taken[] = {pipe_fd_PP[0], pipe_fd_PP[1], pipe_fd_CH[0], pipe_fd_CH[1]};
+    for (int fd : taken)
+        dup2(file, fd);
+    EXPECT_EQ(Setting(1), NO_ANSWER);
+    while (Workers() > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Start(10);
+    EXPECT_EQ(Setting(2), SettingReply(2));
+    struct stat own, now;
+    fstat(file, &own);
+    EXPECT_EQ(own.st_size, 0) << "the agent wrote into it";
+    for (int fd : taken) {
+        EXPECT_EQ(fstat(fd, &now), 0) << "the agent closed it";
+        EXPECT_EQ(now.st_ino, own.st_ino);
+        close(fd);
+    }
+    close(file);
 }
 
 // A handshake that another caller took, or a pipe that nobody reads, holds no thread up.

@@ -9,9 +9,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -111,15 +114,25 @@ TEST_F(Start, TheLogGoesWhereItIsTold) {
     arguments.logFile = path.c_str();
     EXPECT_EQ(StartAgent(arguments), START_OK);
     EXPECT_TRUE(IsCloseOnExec(fileno(fpLogFile)));
-    arguments.logFile = "stderr";
+    const std::string rotated = path + ".1";
+    rename(path.c_str(), rotated.c_str());
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_NE(TakeFile(path).find("<Log File is " + path + ">"), std::string::npos);
+    const std::string nobodyReads = path + ".fifo";
+    mkfifo(nobodyReads.c_str(), 0600);
+    arguments.logFile = nobodyReads.c_str();
     arguments.logLevel = 0;
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(fpLogFile, stdout);
+    unlink(nobodyReads.c_str());
+    arguments.logFile = "stderr";
     EXPECT_EQ(StartAgent(arguments), START_OK);
     EXPECT_EQ(fpLogFile, nullptr);
     arguments.logFile = "/nowhere/at/all.log";
     EXPECT_EQ(StartAgent(arguments), START_OK);
     EXPECT_EQ(fpLogFile, stdout);
 
-    const std::string text = TakeFile(path);
+    const std::string text = TakeFile(rotated);
     for (const std::string &line :
          {"<Log File is " + path + ">", std::string("<libqoragent text start addr: 0x"),
           std::string("<Created new QorAgent Child Thread with PID ")})
@@ -148,7 +161,24 @@ TEST_F(Start, RestartsLeaveNothingBehind) {
     EXPECT_LT(Mappings(), mappings + 60) << "a reply buffer with its guard is two or three";
 }
 
-// After the end: the time-out. A start while the earlier worker can't leave is refused and changes nothing.
+// An answer that can't be is not waited for, whatever happened to the requests before.
+TEST_F(Start, AnUnlistedJvmIsToldAtOnce) {
+    StartArguments arguments;
+    arguments.level = 2;
+    arguments.timeout = 1;
+    struct sigaction before, after;
+    sigaction(SIGCHLD, nullptr, &before);
+    EXPECT_EQ(StartAgent(arguments), START_UNSUPPORTED);
+    sigaction(SIGCHLD, nullptr, &after);
+    EXPECT_EQ(before.sa_handler, after.sa_handler) << "the signal is the application's";
+    for (int i = 0; i < 2; i++)
+        EXPECT_EQ(Ask("xtier01|1521"), TIMED_OUT);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), NO_ANSWER);
+}
+
+// After the end: the time-out. A start while the earlier worker can't leave is refused and changes nothing:
+// that worker goes on serving.
 TEST_F(Start, NoTwoWorkersAtATime) {
     StartArguments arguments;
     arguments.timeout = 1;
@@ -167,6 +197,11 @@ TEST_F(Start, NoTwoWorkersAtATime) {
     EXPECT_NE(e2eclass, nullptr) << "the earlier agent was taken apart while it worked";
     EXPECT_EQ(Workers(), 1);
     CallVoid("qoragent/testing/BusyCall", "let", "()V");
+    Ask("516|NoProcessing|qorretry|4"); // may get the late answer
+    for (int i = 5; i < 50; i++)
+        ASSERT_EQ(Ask("516|NoProcessing|qorretry|" + std::to_string(i)),
+                  "Changed qorretry to " + std::to_string(i));
+    EXPECT_EQ(Workers(), 1);
     EXPECT_EQ(StartAgent(arguments), START_OK);
     Env()->DeleteGlobalRef(real);
     EXPECT_EQ(Ask("516|NoProcessing|qorretry|5"), "Changed qorretry to 5");
