@@ -162,7 +162,7 @@ public final class HeapBench {
                           ManagementFactory.getGarbageCollectorMXBeans().get(0).getName(), objects, roots,
                           dumpBytes >> 20, hprofBytes >> 20);
         table("class histogram", HISTOGRAM, HISTOGRAM[0]);
-        table("heap dump", DUMP, DUMP[0]);
+        table("heap dump", DUMP, DUMP[1]);
     }
 
     private void table(String title, String[] names, String base) {
