@@ -13,38 +13,21 @@ namespace {
 
 QorE2EBlock *lastBlock;  // tail of the list; of no meaning while the list is empty
 QorE2EBlock *freeBlocks; // kept for the next sample
-int32_t freeCount;
-
-constexpr int32_t MOST_FREE_BLOCKS = 256; // 1.8 MiB
-
-void GiveBlockBack(QorE2EBlock *block) {
-    if (freeCount == MOST_FREE_BLOCKS) {
-        free(block);
-        return;
-    }
-    block->next = freeBlocks;
-    freeBlocks = block;
-    ++freeCount;
-}
 
 QorE2EBlock *TakeBlock() {
-    if (QorE2EBlock *block = freeBlocks) {
-        freeBlocks = block->next;
-        --freeCount;
-        return block;
-    }
-    return static_cast<QorE2EBlock *>(malloc(sizeof(QorE2EBlock)));
+    QorE2EBlock *block = freeBlocks;
+    if (!block)
+        return static_cast<QorE2EBlock *>(calloc(1, sizeof(QorE2EBlock)));
+    freeBlocks = block->next;
+    block->next = nullptr;
+    return block;
 }
 
-// Empty texts are cleared by their first byte: a block is 7 KiB and nearly all of it stays unused.
-void ClearBlock(QorE2EBlock *block) {
-    block->patchPoint = nullptr;
-    block->valid = 0;
-    block->stuckAndHogger[0] = block->stuckAndHogger[1] = 0;
-    block->ioFile[0] = block->applicationName[0] = block->moduleName[0] = 0;
-    block->wmName[0] = block->sessionId[0] = block->networkHost[0] = 0;
-    block->networkPort = 0;
-    block->next = nullptr;
+void GiveBlockBack(QorE2EBlock *block) {
+    if (block->textsWritten)
+        *block = {};
+    block->next = freeBlocks;
+    freeBlocks = block;
 }
 
 } // namespace
@@ -61,7 +44,8 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
         QORLOG(LOG_ERROR, "curr_thread_e2e_info Malloc Failed");
         return -1;
     }
-    ClearBlock(block);
+    block->patchPoint = nullptr;
+    block->valid = 0;
     block->directRef = handle->threads[handle->index];
     // The reference outlives this sample's local frame, and may be handed to another thread.
     block->threadRef = QorNewGlobalRef(env, block->directRef);
@@ -86,7 +70,6 @@ void release_thread_e2e_info(JNIEnv *env) {
 }
 
 void QorDropE2EPool() {
-    freeCount = 0;
     while (QorE2EBlock *block = freeBlocks) {
         freeBlocks = block->next;
         free(block);

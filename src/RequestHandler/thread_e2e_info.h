@@ -2,8 +2,9 @@
 //
 // The blocks carry a thread to the Java side and back: its reference, and what the sample learned of its work
 // in other tiers. They are built during the sample and released when the reply is complete, all on the
-// worker. Blocks are big and a sample needs hundreds, so some of the released ones are kept for the next
-// sample until QorDropE2EPool.
+// worker, and then kept for the next sample until QorDropE2EPool. A block is 7 KiB, nearly all of it texts
+// that are seldom written: those of a free block are empty, so that a sample touches no more than a block's
+// head.
 #pragma once
 
 #include "jvmti/ThreadSystem.h"
@@ -19,6 +20,8 @@ struct QorE2EBlock {
     int32_t threadId;   // Java thread id, cut to 32 bits: the key by which cross-tier data finds its block
     int64_t osThreadId; // on IBM JVMs, else -1
     int32_t frameCount;
+    int32_t textsWritten; // 1 once a text or number below was written; whoever writes one sets it
+    QorE2EBlock *next;
     int32_t stuckAndHogger[2];
     char ioFile[3072];
     char applicationName[1024];
@@ -27,7 +30,6 @@ struct QorE2EBlock {
     char sessionId[1024];
     int32_t networkPort;
     char networkHost[132];
-    QorE2EBlock *next;
 };
 
 // Head of the list; null between samples.
