@@ -32,6 +32,8 @@ void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, do
 void RunHeap(const Settings &settings, pid_t pid, double watch);
 void RunGc(const Settings &settings, pid_t pid, double watch);
 void RunHistogram(const Settings &settings, pid_t pid, int top, double watch);
+void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof);
+void RunReadDump(const Settings &settings, const std::string &file, int top);
 void RunSummary(const Settings &settings, pid_t pid, double watch);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);

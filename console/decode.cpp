@@ -30,9 +30,9 @@ struct Refusal {
 };
 
 constexpr Refusal REFUSALS[] = {
-    {"Request TIMED OUT", "the agent was busy for longer than its time-out; wait and ask again (the option "
-                          "timeout=SECONDS of attach "
-                          "gives it longer)"},
+    {TIMED_OUT, "the agent was busy for longer than its time-out; wait and ask again (the option "
+                "timeout=SECONDS of attach "
+                "gives it longer)"},
     {"QOR Uninitialized for this JVM",
      "the agent has no way into this JVM at its optimisation level; run 'shutdown', then 'attach' with "
      "--options optlevel=0"},
@@ -281,6 +281,10 @@ Section CutSection(std::string_view text, bool closed) {
 
 std::string ThreadKey::Text() const {
     return fmt::format("{}-{}", process, thread);
+}
+
+bool IsTimedOut(std::string_view text) {
+    return text.substr(0, TIMED_OUT.size()) == TIMED_OUT;
 }
 
 Reply OpenReply(std::string_view text) {

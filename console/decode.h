@@ -38,6 +38,9 @@ struct Reply {
 // hint.
 Reply OpenReply(std::string_view text);
 
+// Whether the agent gave up waiting for its worker, which goes on with the request.
+bool IsTimedOut(std::string_view text);
+
 // Process id and Java thread id, as the JVM sees them.
 struct ThreadKey {
     int64_t process = 0;

@@ -27,6 +27,7 @@ constexpr size_t MAX_ENDPOINT_FILE = 4096;
 constexpr size_t TOKEN_DIGITS = 32;
 constexpr int KNOWN_VERSION = 1;
 constexpr size_t MAX_REPLY_BYTES = 4 * REPLY_LIMIT; // UTF-8 may take more bytes than the agent's buffer
+constexpr Seconds SEND_LIMIT(10);
 constexpr std::string_view TOKEN_ACCEPTED = "OK\n";
 
 // Waits until the socket is ready for `events`; false at the deadline.
@@ -195,26 +196,47 @@ std::optional<Connection> Connection::Open(const Endpoint &endpoint, Seconds lim
     return Connection(std::move(fd));
 }
 
+// True when the reply is whole, false at the deadline.
+bool Connection::ReceiveReply(std::string *reply, Clock::time_point deadline) {
+    while (reply->size() < MAX_REPLY_BYTES) {
+        size_t searched = reply->size() - std::min(reply->size(), END_OF_TRANSMISSION.size() - 1);
+        Transfer result = Receive(socket_.get(), reply, MAX_REPLY_BYTES - reply->size(), deadline);
+        size_t end = reply->find(END_OF_TRANSMISSION, searched);
+        if (end != std::string::npos) {
+            reply->resize(end);
+            return true;
+        }
+        if (result == Transfer::LATE)
+            return false;
+        if (result == Transfer::CLOSED)
+            throw Unanswered(*reply);
+    }
+    throw Failure("the reply doesn't end", "agent and qorctl may be of different versions");
+}
+
 std::string Connection::Ask(std::string_view request, Seconds limit) {
     CheckRequest(request);
     Clock::time_point deadline = Clock::now() + limit;
     std::string reply;
-    Transfer result = Send(socket_.get(), std::string(request) + "\n", deadline);
-    while (result == Transfer::DONE && reply.size() < MAX_REPLY_BYTES) {
-        size_t searched = reply.size() - std::min(reply.size(), END_OF_TRANSMISSION.size() - 1);
-        result = Receive(socket_.get(), &reply, MAX_REPLY_BYTES - reply.size(), deadline);
-        size_t end = reply.find(END_OF_TRANSMISSION, searched);
-        if (end != std::string::npos) {
-            reply.resize(end);
-            return reply;
-        }
-    }
-    if (result == Transfer::LATE)
+    Transfer sent = Send(socket_.get(), std::string(request) + "\n", deadline);
+    if (sent == Transfer::CLOSED)
+        throw Unanswered(reply);
+    if (sent == Transfer::LATE || !ReceiveReply(&reply, deadline))
         throw Failure(fmt::format("no answer within {} seconds", limit.count()),
                       "the JVM may be in a long pause; try again, or wait longer with --timeout");
-    if (result == Transfer::DONE)
-        throw Failure("the reply doesn't end", "agent and qorctl may be of different versions");
-    throw Unanswered(reply);
+    return reply;
+}
+
+std::optional<std::string> Connection::AskWhile(std::string_view request, std::chrono::milliseconds period,
+                                                const std::function<bool()> &go_on) {
+    CheckRequest(request);
+    std::string reply;
+    if (Send(socket_.get(), std::string(request) + "\n", Clock::now() + SEND_LIMIT) != Transfer::DONE)
+        throw Unanswered(reply);
+    while (!ReceiveReply(&reply, Clock::now() + period))
+        if (!go_on())
+            return std::nullopt;
+    return reply;
 }
 
 void Connection::SendLast(std::string_view request, Seconds limit) {

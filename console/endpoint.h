@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,11 +41,17 @@ public:
     // Sends one request line and reads the reply up to its end mark. Throws a Failure when none comes.
     std::string Ask(std::string_view request, Seconds limit);
 
+    // The same with no limit of its own: every `period` while it waits it asks `go_on`, and gives up, with
+    // nothing, when that says no.
+    std::optional<std::string> AskWhile(std::string_view request, std::chrono::milliseconds period,
+                                        const std::function<bool()> &go_on);
+
     // Sends a line after which the other side hangs up. Throws a Failure when it doesn't.
     void SendLast(std::string_view request, Seconds limit);
 
 private:
     explicit Connection(FileDescriptor socket) : socket_(std::move(socket)) {}
+    bool ReceiveReply(std::string *reply, std::chrono::steady_clock::time_point deadline);
     FileDescriptor socket_;
 };
 

@@ -20,6 +20,8 @@ struct CommandLine {
     std::string thread, rules_file, raw_text;
     bool raw_bytes = false;
     int log_level = 0, top = 20;
+    std::string dump_name, dump_file;
+    bool hprof = false, live = false;
 };
 
 CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings *settings) {
@@ -111,6 +113,39 @@ void AddMemory(CLI::App *app, CommandLine *line) {
     histogram->final_callback([=] { RunHistogram(*settings, line->pid, line->top, line->watch); });
 }
 
+void RunDumpCommand(const CommandLine &line) {
+    if (!line.dump_file.empty() && line.pid != 0)
+        throw Failure("--read takes a file and no process", "see qorctl dump --help", EXIT_USAGE);
+    if (!line.dump_file.empty()) {
+        RunReadDump(line.settings, line.dump_file, line.top);
+        return;
+    }
+    if (line.pid == 0 || line.dump_name.empty())
+        throw Failure("a dump needs a process and a name", "see qorctl dump --help", EXIT_USAGE);
+    RunDump(line.settings, line.pid, line.dump_name, line.hprof);
+}
+
+void AddDump(CLI::App *app, CommandLine *line) {
+    CLI::App *dump = AddJvmCommand(
+        app, "dump",
+        "Write the heap to a file, or tell what such a file holds; the JVM stands still meanwhile", line);
+    dump->get_option("pid")->required(false);
+    dump->add_option("name", line->dump_name,
+                     "The file: an absolute path as the JVM sees it, or a name in /tmp")
+        ->option_text("NAME");
+    dump->add_flag("--hprof", line->hprof, "In the JVM's own form, for heap analysers");
+    dump->add_flag("--live", line->live,
+                   "Reachable objects only: what either form holds in any case, said explicitly");
+    dump->add_option("--read", line->dump_file, "Summarise a text dump, whose path is as seen from here")
+        ->option_text("FILE");
+    dump->add_option("--top", line->top, "Rows of classes, with --read")
+        ->option_text("N")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 100000));
+    AddWide(dump, &line->settings);
+    dump->final_callback([line] { RunDumpCommand(*line); });
+}
+
 void AddOthers(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
@@ -160,6 +195,7 @@ int Run(int argc, char **argv) {
     AddThreads(&app, &line);
     AddOneThread(&app, &line);
     AddMemory(&app, &line);
+    AddDump(&app, &line);
     AddOthers(&app, &line);
     try {
         app.parse(argc, argv);

@@ -43,6 +43,9 @@ constexpr std::string_view SYSTEM_CALL = "sys";
 constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and performance optimization";
 constexpr std::string_view GC_NAME_TAIL = " GC Count"; // behind the name of a collector
 constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
+constexpr std::string_view DUMPED_TO = "Heap details dumped to ";
+constexpr std::string_view HPROF_REFUSED = "Heap not enabled for";
+constexpr std::string_view TIMED_OUT = "Request TIMED OUT";
 constexpr std::string_view USEC_UNIT = " usec";
 
 // The channel.

@@ -99,6 +99,14 @@ std::string HistogramRequest() {
     return fmt::format("{}|showmem|{}|{}", BaseFlags(false), uint32_t(MEM_DETAILS), HISTOGRAM_WORD);
 }
 
+std::string DumpDirRequest(std::string_view dir) {
+    return SettingRequest("qorheapdir", dir);
+}
+
+std::string DumpRequest(std::string_view name, uint32_t heap_id) {
+    return fmt::format("{}|showmem|{}|{}|{}", BaseFlags(false), uint32_t(MEM_DUMP), name, heap_id);
+}
+
 std::string SettingRequest(std::string_view key, std::string_view value) {
     return fmt::format("{}|NoProcessing|{}|{}", BaseFlags(false), key, value);
 }

@@ -30,6 +30,10 @@ std::string HeapRequest(bool repeated);
 std::string MemoryRequest(bool repeated);
 std::string HistogramRequest();
 
+// The directory that dumps are written to, and a dump into it. The name's ending tells its form.
+std::string DumpDirRequest(std::string_view dir);
+std::string DumpRequest(std::string_view name, uint32_t heap_id);
+
 // A setting, "qorloglevel" and the like.
 std::string SettingRequest(std::string_view key, std::string_view value);
 

@@ -1,0 +1,265 @@
+// Text dumps built by hand and read back; a dump's file watched while it grows; names of dumps.
+#include "failure.h"
+#include "heap_dump.h"
+#include "render_dump.h"
+#include "request.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace qorctl;
+
+namespace {
+
+const std::string HEADER = "heap_id=7|T1700000000|host|id|Vendor|17.0.1|1|System|4096|1024\n";
+const std::string ROOTS = "Sf100000||\n"
+                          "Sa100001|Thread-1_La.B::run|\n"
+                          "Sc100002|Thread-1_La.B::run|\n"
+                          "Sc100003|\n"
+                          "Ss100001||\n"
+                          "SBa100|\nSBa101|\n"
+                          "SA100004||\n";
+// Two objects of class 101, one of them with a field; one of 102, which refers to nothing; arrays.
+const std::string OBJECTS = "SBa101|\nA8100001|18|101\nR100005|102|102a0\n"
+                            "SBa102|\n"
+                            "SBa101|\n"
+                            "SBa103|\nA[000000001b|100006|80|103\nR100001\nR100005\n"
+                            "SBa103|\n"
+                            "SBa4|\nA[400|100007|410|4\n"
+                            "SBa4|\nA[3|100008|18|4\n"
+                            "B0a101|70|101\nR100001|101|101a2\n"
+                            "SBa100123|\n"
+                            "Sa100009|Thread-9_|\n"; // of a virtual thread
+const std::string CLASSES =
+    "B0a101|5|101\nB1101|5|La/B;\nB1101a0|4|next\nB0a102|5|102\nB1102|5|La/C;\n"
+    "B0a103|6|103\nB1103|6|[La/B;\nB0a4|2|4\nB14|2|[B\nB1104|7|Lodd\nx;\nB0a105|3|105\n";
+const std::string TRAILER = " Finished 12 secs";
+
+DumpSummary Read(std::string text, size_t arrays = 10) {
+    std::unique_ptr<FILE, int (*)(FILE *)> file(fmemopen(text.data(), text.size(), "r"), fclose);
+    return ReadTextDump(file.get(), arrays);
+}
+
+const DumpClass &ClassOf(const DumpSummary &dump, const std::string &name) {
+    static const DumpClass NONE;
+    for (const DumpClass &entry : dump.classes)
+        if (entry.name == name)
+            return entry;
+    ADD_FAILURE() << name;
+    return NONE;
+}
+
+TEST(ReadTextDump, ObjectsArraysAndRoots) {
+    DumpSummary dump = Read(HEADER + ROOTS + OBJECTS + CLASSES + TRAILER);
+    EXPECT_EQ(dump.heap_id, 7u);
+    EXPECT_EQ(dump.vendor, "Vendor");
+    EXPECT_EQ(dump.used_kib, 1024);
+    EXPECT_EQ(dump.seconds, 12);
+    EXPECT_EQ(dump.references, 4);
+    EXPECT_EQ(dump.objects, 8);
+    EXPECT_EQ(dump.named_classes, 5);
+    const int64_t roots[ROOT_KINDS] = {1, 2, 1, 1, 1, 2, 1};
+    for (int i = 0; i < ROOT_KINDS; ++i)
+        EXPECT_EQ(dump.roots[i], roots[i]) << DUMP_ROOT_NAMES[i].key;
+    struct {
+        const char *name;
+        int64_t objects, bytes;
+        bool all;
+    } rows[] = {
+        {"a.B", 2, 2 * 0x18, true}, // the size of one is that of all
+        {"a.C", 1, 0, false},       // none of them refers to anything
+        {"a.B[]", 2, 0x80, false},  // one is empty and has no record
+        {"byte[]", 2, 0x410 + 0x18, true},
+        {"", 1, 0, false}, // loaded while the dump was made
+    };
+    ASSERT_EQ(dump.classes.size(), 5u);
+    for (auto &row : rows) {
+        const DumpClass &entry = ClassOf(dump, row.name);
+        EXPECT_EQ(entry.objects, row.objects) << row.name;
+        EXPECT_EQ(entry.bytes, row.bytes) << row.name;
+        EXPECT_EQ(entry.bytes_all, row.all) << row.name;
+    }
+    EXPECT_EQ(dump.classes[0].name, "byte[]"); // largest first
+    ASSERT_EQ(dump.arrays.size(), 3u);
+    EXPECT_EQ(dump.arrays[0].elements, 0x400);
+    EXPECT_EQ(dump.arrays[1].class_name, "a.B[]");
+    EXPECT_EQ(dump.arrays[1].elements, 0x1b);
+    EXPECT_EQ(dump.arrays[2].object, 100008);
+    std::string text = DumpText(dump, 3, Style());
+    EXPECT_NE(text.find("\n      2  >= 128 B  a.B[]\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("the largest 3 of 5 classes"), std::string::npos);
+    EXPECT_EQ(text.find("no end"), std::string::npos);
+    Json json = DumpJson(dump, 9);
+    EXPECT_EQ(json["roots"]["jni_locals"], 1);
+    EXPECT_EQ(json["complete"], true);
+    EXPECT_EQ(json["classes"].size(), 5u);
+}
+
+TEST(ReadTextDump, OnlyTheLargestArraysAreKept) {
+    std::string text = HEADER + ROOTS;
+    for (int size = 1; size <= 200; ++size)
+        text += "SBa4|\nA[1|" + std::to_string(100000 + size) + "|" + std::to_string(size * 37 % 199 + 100) +
+                "|4\n";
+    DumpSummary dump = Read(text + CLASSES + TRAILER, 3);
+    ASSERT_EQ(dump.arrays.size(), 3u);
+    EXPECT_EQ(dump.arrays[0].bytes, 0x298);
+    EXPECT_EQ(dump.arrays[1].bytes, 0x297);
+    EXPECT_EQ(dump.arrays[2].bytes, 0x296);
+    EXPECT_EQ(ClassOf(dump, "byte[]").objects, 200);
+}
+
+TEST(ReadTextDump, WithoutOtherRootsTheLastClassIsTheFirstObjects) {
+    DumpSummary dump =
+        Read(HEADER + "Sf100000||\nSBa100|\nSBa101|\nSBa101|\nA8100000|18|101\n" + CLASSES + TRAILER);
+    EXPECT_EQ(dump.roots[ROOT_CLASS], 2);
+    EXPECT_EQ(ClassOf(dump, "a.B").objects, 1);
+}
+
+// A dump may end anywhere; only in front of its trailer's end it isn't whole, and no number is made up.
+TEST(ReadTextDump, CutAnywhere) {
+    std::string whole = HEADER + ROOTS + OBJECTS + CLASSES + TRAILER;
+    for (size_t length = HEADER.size(); length < whole.size(); ++length) {
+        try {
+            DumpSummary dump = Read(whole.substr(0, length));
+            EXPECT_FALSE(dump.seconds) << length;
+            EXPECT_LE(dump.objects, 8) << length;
+            EXPECT_NE(DumpText(dump, 9, Style()).find("the dump has no end"), std::string::npos);
+        } catch (const Failure &failure) {
+            EXPECT_NE(std::string(failure.what()).find("line "), std::string::npos) << failure.what();
+        }
+    }
+    EXPECT_FALSE(Read(HEADER + ROOTS + OBJECTS).seconds);
+    EXPECT_NE(DumpText(Read(HEADER + ROOTS + OBJECTS + TRAILER), 9, Style()).find("names no class"),
+              std::string::npos);
+}
+
+TEST(ReadTextDump, OtherFilesAreRefused) {
+    const std::pair<std::string, const char *> rows[] = {
+        {"x", "no text dump"},
+        {std::string("JAVA PROFILE 1.0.2\0\0\0", 21), "Hprof"},
+        {"heap_id=7|T1\n", "no text dump"},
+        {"heap_id=x|T1|h||V|1|1|System|1|1\n", "line 1 "},
+        {HEADER + "Q1\n", "line 2 "},
+        {HEADER + "\n", "line 2 "},
+        {HEADER + "S?1|\n", "line 2 "},
+        {HEADER + "A9100|1|1\n", "line 2 "},
+        {HEADER + "A8100|xyz|1\n", "line 2 "},
+        {HEADER + "A[zz|100|1|1\n", "line 2 "},
+        {HEADER + "B1101|4|La/B;\n", "line 2 "}, // longer than it says
+        {HEADER + TRAILER + "\nSf1||\n", "line 3 "},
+        {HEADER + std::string(2000000, 'R'), "no end"},
+    };
+    for (auto &row : rows)
+        try {
+            Read(row.first);
+            ADD_FAILURE() << row.first.substr(0, 100);
+        } catch (const Failure &failure) {
+            EXPECT_NE(std::string(failure.what()).find(row.second), std::string::npos) << failure.what();
+        }
+    EXPECT_THROW(ReadTextDumpFile("/nowhere/dump", 1), Failure);
+}
+
+TEST(HeapDump, Names) {
+    DumpTarget bare = ChooseDumpTarget("shop", false), whole = ChooseDumpTarget("/var/x/shop.txt", false);
+    EXPECT_EQ(bare.Path(), "/tmp/shop");
+    EXPECT_EQ(whole.dir, "/var/x/");
+    EXPECT_EQ(whole.name, "shop.txt");
+    EXPECT_EQ(ChooseDumpTarget("shop", true).Path(), "/tmp/shop.hprof");
+    EXPECT_EQ(ChooseDumpTarget("/a/shop.hprof", true).Path(), "/a/shop.hprof");
+    EXPECT_EQ(ChooseDumpTarget("/a.hprof/shop", false).Path(),
+              "/a.hprof/shop"); // the directory doesn't travel with it
+    const std::string wrong[] = {"",
+                                 "a/b",
+                                 "/tmp/",
+                                 "a|b",
+                                 "a\nb",
+                                 "x.hprof",
+                                 "x.phd.gz",
+                                 "/" + std::string(254, 'd') + "/x",
+                                 "/d/" + std::string(600, 'x')};
+    for (const std::string &name : wrong)
+        EXPECT_THROW(ChooseDumpTarget(name, false), Failure) << name;
+    EXPECT_EQ(DumpDirRequest("/tmp/"), "516|NoProcessing|qorheapdir|/tmp/");
+    EXPECT_EQ(DumpRequest("shop", 42), "516|showmem|256|shop|42");
+}
+
+class DumpFiles : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(mkdtemp(dir_)); }
+    void TearDown() override { EXPECT_EQ(system(("rm -rf " + std::string(dir_)).c_str()), 0); }
+
+    DumpTarget Target(const std::string &name, bool hprof = false) const {
+        return ChooseDumpTarget(std::string(dir_) + "/" + name, hprof);
+    }
+    void Write(const DumpTarget &target, const std::string &text) const {
+        std::ofstream(target.Path(), std::ios::binary) << text;
+    }
+
+    char dir_[32] = "/tmp/qor-dump-test-XXXXXX";
+};
+
+TEST_F(DumpFiles, TextDumpsAreKnownByTheirNumberAndEnd) {
+    DumpTarget target = Target("d");
+    struct {
+        std::string text;
+        bool begun, whole;
+        const char *fault;
+    } rows[] = {
+        {"", false, false, "is empty"},
+        {HEADER + ROOTS, true, false, "lacks its end"},
+        {HEADER + ROOTS + " Finished 1 se", true, false, "lacks its end"},
+        {HEADER + ROOTS + "x Finished 1 secs", true, false, "lacks its end"}, // the end of a name
+        {HEADER + ROOTS + " Finished 1 secs", true, true, nullptr},
+        {"heap_id=8" + HEADER.substr(9) + " Finished 1 secs", false, false, "was there before"},
+    };
+    EXPECT_EQ(LookAtDump(getpid(), target, 7).kind, DumpFileKind::ABSENT);
+    EXPECT_NE(ExplainMissingDump(getpid(), target, 7).what.find("could not write"), std::string::npos);
+    for (auto &row : rows) {
+        Write(target, row.text);
+        DumpProgress progress = LookAtDump(getpid(), target, 7);
+        EXPECT_EQ(progress.kind, DumpFileKind::PLAIN);
+        EXPECT_EQ(progress.bytes, static_cast<int64_t>(row.text.size()));
+        EXPECT_EQ(progress.begun, row.begun) << row.text;
+        EXPECT_EQ(progress.whole, row.whole) << row.text;
+        DumpFault fault = ExplainMissingDump(getpid(), target, 7);
+        if (row.fault) {
+            EXPECT_NE(fault.what.find(row.fault), std::string::npos) << fault.what;
+        }
+        EXPECT_FALSE(fault.hint.empty());
+    }
+    EXPECT_TRUE(HasDumpDirectory(getpid(), target));
+    EXPECT_FALSE(HasDumpDirectory(getpid(), Target("d/e")));
+}
+
+TEST_F(DumpFiles, HprofByMagicAndEndRecord) {
+    DumpTarget target = Target("d", true);
+    const std::string magic("JAVA PROFILE 1.0.2\0\0\0\0\x08", 23), end("\x2c\0\0\0\0\0\0\0\0", 9);
+    struct {
+        std::string text;
+        bool whole;
+    } rows[] = {{magic, false}, {magic + end, true}, {magic + end + "x", false}, {"other" + end, false}};
+    for (auto &row : rows) {
+        Write(target, row.text);
+        EXPECT_EQ(LookAtDump(getpid(), target, 7).whole, row.whole);
+    }
+}
+
+TEST_F(DumpFiles, LinksAndPipesAreNeitherFollowedNorWaitedFor) {
+    DumpTarget real = Target("real"), link = Target("link"), pipe = Target("pipe");
+    Write(real, HEADER + TRAILER);
+    ASSERT_EQ(symlink(real.Path().c_str(), link.Path().c_str()), 0);
+    ASSERT_EQ(mkfifo(pipe.Path().c_str(), 0600), 0);
+    EXPECT_TRUE(LookAtDump(getpid(), real, 7).whole);
+    for (const DumpTarget &target : {link, pipe}) {
+        DumpProgress progress = LookAtDump(getpid(), target, 7);
+        EXPECT_EQ(progress.kind, DumpFileKind::OTHER);
+        EXPECT_FALSE(progress.begun);
+        EXPECT_NE(ExplainMissingDump(getpid(), target, 7).what.find("link"), std::string::npos);
+    }
+}
+
+} // namespace
