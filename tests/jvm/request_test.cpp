@@ -315,28 +315,35 @@ TEST_F(Request, AWrongHandshakeCostsItsOwnRequestOnly) {
     EXPECT_EQ(Ask("516|showqor|8192"), TIMED_OUT);
 }
 
-// A host that closes descriptors at large, and opens its own under their numbers, keeps these to itself.
+// A host that closes descriptors at large, and opens its own under their numbers, keeps these to itself: also
+// when the agent has ended before, and the next start finds the numbers.
 TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {
     const std::string path = testing::TempDir() + "qor-host-" + std::to_string(getpid());
-    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    unlink(path.c_str());
-    const int taken[] = {pipe_fd_PP[0], pipe_fd_PP[1], pipe_fd_CH[0], pipe_fd_CH[1]};
-    for (int fd : taken)
-        dup2(file, fd);
-    EXPECT_EQ(Setting(1), NO_ANSWER);
-    while (Workers() > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    Start(10);
-    EXPECT_EQ(Setting(2), SettingReply(2));
-    struct stat own, now;
-    fstat(file, &own);
-    EXPECT_EQ(own.st_size, 0) << "the agent wrote into it";
-    for (int fd : taken) {
-        EXPECT_EQ(fstat(fd, &now), 0) << "the agent closed it";
-        EXPECT_EQ(now.st_ino, own.st_ino);
-        close(fd);
+    for (bool ended : {false, true}) {
+        const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        unlink(path.c_str());
+        if (ended)
+            ShutDownAgent();
+        const int taken[] = {pipe_fd_PP[0], pipe_fd_PP[1], pipe_fd_CH[0], pipe_fd_CH[1]};
+        for (int fd : taken)
+            dup2(file, fd);
+        if (!ended) {
+            EXPECT_EQ(Setting(1), NO_ANSWER);
+        }
+        while (Workers() > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        Start(10);
+        EXPECT_EQ(Setting(2), SettingReply(2));
+        struct stat own, now;
+        fstat(file, &own);
+        EXPECT_EQ(own.st_size, 0) << "the agent wrote into it";
+        for (int fd : taken) {
+            EXPECT_EQ(fstat(fd, &now), 0) << "the agent closed it";
+            EXPECT_EQ(now.st_ino, own.st_ino);
+            close(fd);
+        }
+        close(file);
     }
-    close(file);
 }
 
 // A handshake that another caller took, or a pipe that nobody reads, holds no thread up.
