@@ -9,6 +9,7 @@
 #include "worker.h"
 
 #include "jvmti/JniCalls.h"
+#include "jvmti/ReplyString.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -135,9 +136,9 @@ jstring GiveUp(JNIEnv *env) {
 // see the text change while it measures and reads it: it gets a copy.
 jstring TakeReply(JNIEnv *env, const char *page) {
     if (channelDebt == DEBT_NONE && callersInside == 1)
-        return QorNewStringUTF(env, page);
+        return QorNewReplyString(env, page);
     char *copy = strndup(page, PAGEBUF_SIZE - 1);
-    jstring reply = copy ? QorNewStringUTF(env, copy) : nullptr;
+    jstring reply = copy ? QorNewReplyString(env, copy) : nullptr;
     free(copy);
     return reply;
 }

@@ -2,6 +2,7 @@
 #include "LogCapture.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
+#include "jvmti/ReplyString.h"
 #include "qorrequest.h"
 
 #include <cstring>
@@ -261,4 +262,16 @@ TEST_F(Jni, FramesTakeTheirReferencesWithThem) {
     }
     QorLocalFrame refused(nullptr, 1);
     EXPECT_FALSE(refused.pushed);
+}
+
+TEST_F(Jni, ReplyStringsAreWhatTheirTextSays) {
+    std::string ascii, mixed;
+    for (int i = 0; i < 200000; i++)
+        ascii += static_cast<char>(1 + i % 127);
+    mixed = ascii.substr(0, 5000) + "\xc3\xa9 \xe2\x82\xac \xed\xa0\xbd\xed\xb8\x80" + ascii.substr(0, 5000);
+    for (const std::string &text : {std::string(), std::string("short"), ascii, mixed}) {
+        jstring made = QorNewReplyString(Env(), text.c_str());
+        ASSERT_NE(made, nullptr);
+        EXPECT_EQ(TextOf(made), text) << text.size() << " bytes";
+    }
 }
