@@ -49,10 +49,12 @@ public final class Agent {
 
     /**
      * Starts the agent with "key=value" options, comma-separated; null or empty are all defaults. When it
-     * runs already nothing happens, unless the options ask for something that it doesn't run with.
+     * runs already its endpoint file is written again if that is gone, and nothing else happens, unless the
+     * options ask for something that it doesn't run with.
      *
      * @throws IllegalArgumentException for an option that is unknown or has a bad value
-     * @throws IllegalStateException when the agent can't start, or runs with other options
+     * @throws IllegalStateException when the agent can't start, runs with other options, or can't write its
+     *     endpoint file again
      */
     public static void start(String text) {
         Options wanted = Options.parse(text);
@@ -61,13 +63,13 @@ public final class Agent {
                 if (!wanted.agreeWith(options))
                     throw new IllegalStateException(
                         "it runs already, with other options; they hold until it is shut down");
+                tellAgain();
                 return;
             }
             if (RUNNING.equals(System.getProperty(STATUS_PROPERTY)))
                 throw new IllegalStateException("it runs already, loaded by another class loader");
             try {
                 launch(wanted);
-                System.setProperty(STATUS_PROPERTY, RUNNING);
             } catch (RuntimeException | Error e) {
                 System.setProperty(STATUS_PROPERTY, "failed: " + e.getMessage());
                 throw e;
@@ -86,6 +88,7 @@ public final class Agent {
             running = true;
             options = wanted;
             relay = door;
+            System.setProperty(STATUS_PROPERTY, RUNNING);
             if (door != null)
                 door.start();
         } catch (IOException e) {
@@ -104,6 +107,16 @@ public final class Agent {
             dataFromNative(SHUTDOWN);
         running = false;
         relay = null;
+    }
+
+    /** Some hosts clean /tmp of what is old, and consoles would find no way to an agent that runs for weeks. */
+    private static void tellAgain() {
+        try {
+            if (relay != null)
+                relay.tellAgain();
+        } catch (IOException e) {
+            throw new IllegalStateException("it runs already, but its endpoint is gone: " + e.getMessage(), e);
+        }
     }
 
     private static Relay openRelay(Options wanted) {

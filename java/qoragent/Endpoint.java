@@ -1,6 +1,7 @@
 package qoragent;
 
 import java.io.IOException;
+import java.net.InetAddress;
 import java.nio.ByteBuffer;
 import java.nio.channels.SeekableByteChannel;
 import java.nio.charset.StandardCharsets;
@@ -24,11 +25,16 @@ import java.util.Set;
  * directory that only its owner can enter.
  *
  * /tmp is everybody's, so the directory counts only when it is a real directory of this user with no leave
- * for others; anything else there is somebody's trap and is refused, never mended.
+ * for others; anything else there is somebody's trap and is refused, never mended. The set-group bit lets nobody
+ * in: directories have it where a container's /tmp is a volume with that bit.
+ *
+ * The files of JVMs that were killed stay. That no process has the number proves nothing where containers
+ * share /tmp: the file may be that of a live JVM which has the number in a container of its own.
  */
 final class Endpoint {
     private static final int TOKEN_BYTES = 16;
-    private static final int PERMISSION_BITS = 07777;
+    private static final String USUAL_ADDRESS = "127.0.0.1";
+    private static final int MODE_BITS_THAT_COUNT = 05777;
     private static final int DIRECTORY_MODE = 0700;
     private static final Set<PosixFilePermission> OWNER_DIRECTORY =
         PosixFilePermissions.fromString("rwx------");
@@ -80,7 +86,7 @@ final class Endpoint {
         }
         Map<String, Object> facts =
             Files.readAttributes(dir, "unix:mode,uid,isDirectory", LinkOption.NOFOLLOW_LINKS);
-        int mode = (Integer)facts.get("mode") & PERMISSION_BITS;
+        int mode = (Integer)facts.get("mode") & MODE_BITS_THAT_COUNT;
         if (!(Boolean)facts.get("isDirectory"))
             throw new IOException(dir + " is no directory");
         if ((Integer)facts.get("uid") != uid)
@@ -91,13 +97,15 @@ final class Endpoint {
 
     /**
      * Writes the file under another name and moves it to its place whole; replaces what a dead JVM left
-     * there.
+     * there. An address other than 127.0.0.1 has a line of its own.
      */
-    void publish(int port) throws IOException {
+    void publish(InetAddress bind, int port) throws IOException {
         openDirectory();
         Path fresh = dir.resolve(pid + "." + randomHex(8) + ".new");
         FileAttribute<?> mode = PosixFilePermissions.asFileAttribute(OWNER_FILE);
-        String text = "port=" + port + "\ntoken=" + token + "\npid=" + pid + "\nversion=1\n";
+        String address = bind.getHostAddress();
+        String text = "port=" + port + "\ntoken=" + token + "\npid=" + pid + "\nversion=1\n" +
+                      (address.equals(USUAL_ADDRESS) ? "" : "bind=" + address + "\n");
         try {
             try (SeekableByteChannel out = Files.newByteChannel(
                      fresh, EnumSet.of(StandardOpenOption.CREATE_NEW, StandardOpenOption.WRITE), mode)) {
@@ -111,16 +119,23 @@ final class Endpoint {
         }
     }
 
-    /**
-     * Removes the file if it is still this endpoint's: processes in other containers may share the number.
-     */
-    void withdraw() {
+    /** True while the file is this endpoint's: processes in other containers may share the number. */
+    boolean published() {
         try {
             String text = new String(Files.readAllBytes(file()), StandardCharsets.US_ASCII);
-            if (text.contains("token=" + token + "\n"))
+            return text.contains("token=" + token + "\n");
+        } catch (IOException e) {
+            return false; // it is gone, or out of reach
+        }
+    }
+
+    /** Removes the file if it is still this endpoint's. */
+    void withdraw() {
+        try {
+            if (published())
                 Files.deleteIfExists(file());
         } catch (IOException e) {
-            // it is gone, or out of reach; a console finds no relay behind it either way
+            // a console finds no relay behind it either way
         }
     }
 

@@ -53,7 +53,7 @@ final class Relay {
         this.server = server;
         this.endpoint = endpoint;
         this.limits = limits;
-        this.hook = new Thread(endpoint::withdraw, THREAD_NAME + "-exit");
+        this.hook = daemon(endpoint::withdraw, THREAD_NAME + "-exit");
     }
 
     /**
@@ -85,7 +85,7 @@ final class Relay {
 
     /** Tells the consoles of the port, and serves them. */
     void start() throws IOException {
-        endpoint.publish(port());
+        endpoint.publish(server.getInetAddress(), port());
         try {
             Runtime.getRuntime().addShutdownHook(hook);
         } catch (IllegalStateException e) {
@@ -93,6 +93,12 @@ final class Relay {
             throw new IOException("the JVM is ending", e);
         }
         daemon(this::accept, THREAD_NAME).start();
+    }
+
+    /** Tells the consoles of the port once more if nothing does. */
+    void tellAgain() throws IOException {
+        if (!endpoint.published())
+            endpoint.publish(server.getInetAddress(), port());
     }
 
     /** Ends the service: no port, no endpoint file, no connection. May be called twice. */
@@ -119,6 +125,7 @@ final class Relay {
             connection.cut();
     }
 
+    /** A thread that keeps alive neither the JVM nor the class loader of whoever starts the agent. */
     private static Thread daemon(Runnable body, String name) {
         Thread thread = new Thread(body, name);
         thread.setDaemon(true);

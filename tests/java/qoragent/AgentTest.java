@@ -85,6 +85,9 @@ public class AgentTest {
             Agent.start(null);
             Agent.start("timeout=20");
             assertEquals("a second start changes nothing", token, read(endpoint).getProperty("token"));
+            assertTrue(endpoint.delete());
+            Agent.start(null);
+            assertEquals("after a cleaning of /tmp", token, read(endpoint).getProperty("token"));
             try {
                 Agent.start("timeout=21");
                 fail("other options were taken");

@@ -8,6 +8,7 @@ import static org.junit.Assert.assertTrue;
 import static org.junit.Assert.fail;
 
 import java.io.IOException;
+import java.net.InetAddress;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
@@ -20,6 +21,7 @@ import org.junit.rules.TemporaryFolder;
 
 public class EndpointTest {
     private static final int PID = 4711;
+    private static final InetAddress LOOPBACK = InetAddress.getLoopbackAddress();
 
     @Rule public final TemporaryFolder folder = new TemporaryFolder();
     private Path dir;
@@ -42,7 +44,7 @@ public class EndpointTest {
     @Test
     public void fileTellsPortAndTokenToItsOwnerAlone() throws IOException {
         Endpoint endpoint = new Endpoint(dir, uid, PID);
-        endpoint.publish(1234);
+        endpoint.publish(LOOPBACK, 1234);
         assertEquals(0700, mode(dir));
         assertEquals(0600, mode(endpoint.file()));
         assertEquals(dir.resolve("4711.endpoint"), endpoint.file());
@@ -53,7 +55,8 @@ public class EndpointTest {
 
         Endpoint next = new Endpoint(dir, uid, PID);
         assertNotEquals(endpoint.token(), next.token());
-        next.publish(5678);
+        next.publish(InetAddress.getByName("10.1.2.3"), 5678);
+        assertTrue(read(next.file()), read(next.file()).endsWith("\nbind=10.1.2.3\n"));
         endpoint.withdraw();
         assertTrue("another's file stays", read(next.file()).startsWith("port=5678\n"));
         next.withdraw();
@@ -62,12 +65,21 @@ public class EndpointTest {
     }
 
     @Test
+    public void directoryMayInheritTheSetGroupBit() throws IOException {
+        Files.setAttribute(folder.getRoot().toPath(), "unix:mode", 02700);
+        Endpoint endpoint = new Endpoint(dir, uid, PID);
+        endpoint.publish(LOOPBACK, 1);
+        assertEquals(02700, mode(dir));
+        assertTrue(endpoint.published());
+    }
+
+    @Test
     public void linkInPlaceOfTheFileIsReplacedNotFollowed() throws IOException {
         Path victim = folder.newFile("victim").toPath();
         Endpoint endpoint = new Endpoint(dir, uid, PID);
         endpoint.openDirectory();
         Files.createSymbolicLink(endpoint.file(), victim);
-        endpoint.publish(1);
+        endpoint.publish(LOOPBACK, 1);
         assertEquals("", read(victim));
         assertTrue(Files.isRegularFile(endpoint.file(), LinkOption.NOFOLLOW_LINKS));
     }
@@ -79,7 +91,7 @@ public class EndpointTest {
     private void refused(String what, int owner, Trap trap) throws IOException {
         trap.lay();
         try {
-            new Endpoint(dir, owner, PID).publish(1);
+            new Endpoint(dir, owner, PID).publish(LOOPBACK, 1);
             fail(what + " was accepted");
         } catch (IOException e) {
             assertTrue(what + " gave: " + e.getMessage(), e.getMessage().startsWith(dir + " "));
@@ -105,7 +117,7 @@ public class EndpointTest {
             Files.setAttribute(dir, "unix:mode", 0700);
         });
         refused("another's directory", uid + 1, () -> makeDirectory(0700));
-        for (int mode : new int[] {0755, 0770, 0701, 0777, 01777, 02700, 0500})
+        for (int mode : new int[] {0755, 0770, 0701, 0777, 01777, 02770, 0500})
             refused("mode " + Integer.toOctalString(mode), uid, () -> makeDirectory(mode));
         assertEquals(0, good.toFile().list().length);
     }
