@@ -95,6 +95,22 @@ void RunSummary(const Settings &settings, pid_t pid, double watch) {
     });
 }
 
+// The agent's processor figures are of the time since they were asked for before, by anybody. So the first
+// reading only starts the interval.
+void RunCpu(const Settings &settings, pid_t pid, double interval, double watch) {
+    auto read = [&] { return DecodeSummary(OpenReply(AskOnce(settings, pid, SummaryRequest(true)))); };
+    read();
+    std::this_thread::sleep_for(std::chrono::duration<double>(watch > 0 ? watch : interval));
+    int line = 0;
+    Repeat(watch, [&] {
+        Summary summary = read();
+        if (watch <= 0 || settings.json)
+            PrintView(settings, watch, CpuJson(summary), CpuTable(summary, TerminalStyle(settings)));
+        else
+            Print((line++ % HEADER_EVERY == 0 ? CpuHeader() : "") + CpuLine(summary));
+    });
+}
+
 void RunRules(const Settings &settings, pid_t pid, const std::string &file) {
     std::string rules = ReadRules(file);
     for (const std::string &fault : CheckRules(rules))

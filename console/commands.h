@@ -1,8 +1,10 @@
 // What qorctl does for each of its commands. Results go to standard output; a Failure ends the command.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace qorctl {
 
@@ -29,12 +31,18 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
 // `thread` is an id, a key or a name.
 void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
 void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+void RunLocals(const Settings &settings, pid_t pid, const std::string &thread, int frame);
+// Each tag's object, or the one that the fields of `follow`, joined by points, lead to from there.
+void RunObject(const Settings &settings, pid_t pid, const std::vector<int64_t> &tags,
+               const std::string &follow);
 void RunHeap(const Settings &settings, pid_t pid, double watch);
 void RunGc(const Settings &settings, pid_t pid, double watch);
 void RunHistogram(const Settings &settings, pid_t pid, int top, double watch);
 void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof);
 void RunReadDump(const Settings &settings, const std::string &file, int top);
 void RunSummary(const Settings &settings, pid_t pid, double watch);
+// Over an interval in seconds; with `watch` again and again, over that.
+void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);
 void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);

@@ -279,6 +279,11 @@ Section CutSection(std::string_view text, bool closed) {
 
 } // namespace
 
+bool IsCpuFigure(int figure) {
+    return figure == SYSTEM_CPU_PERCENT || figure == PROCESS_CPU_PERCENT ||
+           figure == OS_RESPONSE_MICROSECONDS || figure == THREADS_RUNNABLE;
+}
+
 std::string ThreadKey::Text() const {
     return fmt::format("{}-{}", process, thread);
 }

@@ -141,6 +141,9 @@ struct FigureName {
 };
 extern const FigureName SUMMARY_NAMES[SUMMARY_FIGURES];
 
+// Whether a figure tells of the processors.
+bool IsCpuFigure(int figure);
+
 struct Summary {
     int64_t figures[SUMMARY_FIGURES] = {};
     std::optional<uint64_t> jvm_microseconds;

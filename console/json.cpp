@@ -116,6 +116,14 @@ Json ToJson(const Summary &summary) {
     return object;
 }
 
+Json CpuJson(const Summary &summary) {
+    Json object;
+    for (int i = 0; i < SUMMARY_FIGURES; ++i)
+        if (IsCpuFigure(i))
+            object[SUMMARY_NAMES[i].key] = summary.figures[i];
+    return object;
+}
+
 Json ToJson(const std::vector<JvmEntry> &jvms) {
     return Array(jvms, [](const JvmEntry &jvm) {
         Json agent = jvm.agent == AgentState::UNKNOWN ? Json() : Json(jvm.agent == AgentState::RUNNING);

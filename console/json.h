@@ -13,6 +13,7 @@ using Json = nlohmann::ordered_json;
 Json ToJson(const ThreadSample &sample);
 Json ToJson(const LockHolder &holder); // null when no thread is known
 Json ToJson(const Summary &summary);
+Json CpuJson(const Summary &summary); // the processor figures alone
 Json ToJson(const std::vector<JvmEntry> &jvms);
 
 // One document as text. Bytes that aren't UTF-8 are replaced.

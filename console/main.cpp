@@ -16,12 +16,15 @@ struct CommandLine {
     Settings settings;
     pid_t pid = 0;
     ThreadsCommand threads;
-    double watch = 0;
+    double watch = 0, interval = 1;
     std::string thread, rules_file, raw_text;
     bool raw_bytes = false;
     int log_level = 0, top = 20;
     std::string dump_name, dump_file;
     bool hprof = false, live = false;
+    int frame = 0;
+    std::vector<int64_t> tags;
+    std::string follow;
 };
 
 CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings *settings) {
@@ -92,6 +95,28 @@ void AddOneThread(CLI::App *app, CommandLine *line) {
     locks->final_callback([line] { RunLocks(line->settings, line->pid, line->thread, line->watch); });
 }
 
+void AddObjects(CLI::App *app, CommandLine *line) {
+    CLI::App *locals = AddJvmCommand(app, "locals", "Show the objects in the locals of a frame", line);
+    AddThreadName(locals, line, true);
+    locals->add_option("frame", line->frame, "Index of the frame, 0 at the top")
+        ->option_text("FRAME")
+        ->required()
+        ->check(CLI::Range(0, INT_MAX).description(""));
+    AddWide(locals, &line->settings);
+    locals->final_callback([line] { RunLocals(line->settings, line->pid, line->thread, line->frame); });
+
+    CLI::App *object = AddJvmCommand(
+        app, "object", "Show the fields of objects; on a terminal, go on from one to the next", line);
+    object->add_option("tag", line->tags, "Tags, as 'locals' and 'object' show them")
+        ->option_text("TAG...")
+        ->required()
+        ->check(CLI::Range(1, INT_MAX).description(""));
+    object->add_option("--follow", line->follow, "Go on through these fields: FIELD or FIELD.FIELD...")
+        ->option_text("FIELDS");
+    AddWide(object, &line->settings);
+    object->final_callback([line] { RunObject(line->settings, line->pid, line->tags, line->follow); });
+}
+
 void AddMemory(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *heap = AddJvmCommand(app, "heap", "Show how full the heap is", line);
@@ -101,6 +126,14 @@ void AddMemory(CLI::App *app, CommandLine *line) {
     CLI::App *gc = AddJvmCommand(app, "gc", "Show how often the collectors have run", line);
     AddWatch(gc, &line->watch);
     gc->final_callback([=] { RunGc(*settings, line->pid, line->watch); });
+
+    CLI::App *cpu = AddJvmCommand(app, "cpu", "Show the load of the processors over an interval", line);
+    cpu->add_option("--interval", line->interval, "Seconds between the two readings")
+        ->option_text("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0.1, 3600.0));
+    AddWatch(cpu, &line->watch);
+    cpu->final_callback([=] { RunCpu(*settings, line->pid, line->interval, line->watch); });
 
     CLI::App *histogram = AddJvmCommand(
         app, "histogram", "Show the classes that hold the most heap; the JVM stands still meanwhile", line);
@@ -194,6 +227,7 @@ int Run(int argc, char **argv) {
     CommandLine line;
     AddThreads(&app, &line);
     AddOneThread(&app, &line);
+    AddObjects(&app, &line);
     AddMemory(&app, &line);
     AddDump(&app, &line);
     AddOthers(&app, &line);

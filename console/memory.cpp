@@ -93,7 +93,9 @@ MemoryView DecodeMemory(const Reply &reply) {
             });
         else if (section.title == TITLE_COLLECTIONS)
             ReadCollectors(&reader, section, &view.collectors);
-        else if (section.title != TITLE_MEMORY_OBJECTS) // the same figures once more; objects aren't counted
+        else if (section.title == TITLE_MEMORY_OBJECTS)
+            reader.Skip(section); // the same figures once more; objects aren't counted
+        else
             reader.Unknown(section);
     }
     if (!found)

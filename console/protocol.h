@@ -36,6 +36,11 @@ constexpr std::string_view TITLE_MEMORY = "JVM Heap Memory Usage";
 constexpr std::string_view TITLE_MEMORY_OBJECTS = "JVM Heap Number of Objects";
 constexpr std::string_view TITLE_COLLECTIONS = "JVM Garbage Collections";
 constexpr std::string_view TITLE_CLASSES = "JVM Class Details";
+constexpr std::string_view TITLE_LOCALS = "Method Locals";
+constexpr std::string_view TITLE_MESSAGE = "Message";
+constexpr std::string_view TITLE_OBJECT = "Object Description";
+constexpr std::string_view TITLE_NO_FIELDS = "Object Description - No Information available";
+constexpr std::string_view TITLE_OBJECT_PARENT = "Parent of the Object above:";
 constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
 
 constexpr std::string_view USER_CALL = "user"; // of the application, by the rules
@@ -46,6 +51,8 @@ constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
 constexpr std::string_view DUMPED_TO = "Heap details dumped to ";
 constexpr std::string_view HPROF_REFUSED = "Heap not enabled for";
 constexpr std::string_view TIMED_OUT = "Request TIMED OUT";
+constexpr std::string_view ROWS_END = "Active";           // behind the rows of locals and of fields
+constexpr std::string_view OBJECT_NAME = "Object Name :"; // in front of a class in an object's chain
 constexpr std::string_view USEC_UNIT = " usec";
 
 // The channel.

@@ -56,6 +56,9 @@ public:
             cut_ = true;
     }
 
+    // A section of this view's that holds nothing that is needed.
+    void Skip(const Section &section) { cut_ |= !section.closed; }
+
     // A section that isn't one of this view's. A title that was cut looks like that as well.
     void Unknown(const Section &section) {
         bool last = &section == &reply_.sections.back();

@@ -147,6 +147,36 @@ constexpr SeriesColumn SERIES[] = {
 };
 constexpr int SERIES_WIDTH = 5;
 
+template <class Wanted>
+std::string FigureTable(const Summary &summary, const Style &style, Wanted wanted) {
+    Table table({{"FIGURE"}, {"VALUE", true}, {""}});
+    for (int i = 0; i < SUMMARY_FIGURES; ++i) {
+        bool count = SUMMARY_NAMES[i].unit[0] == 0;
+        if (wanted(i))
+            table.Add({fmt::format("{}{}", count ? "Threads in " : "", SUMMARY_NAMES[i].label),
+                       FigureText(summary, i), std::string(SUMMARY_NAMES[i].unit)});
+    }
+    return table.Text(style);
+}
+
+template <class Wanted>
+std::string SeriesHeader(Wanted wanted) {
+    std::string line = fmt::format("{:<8}", "time");
+    for (const SeriesColumn &column : SERIES)
+        if (wanted(column.figure))
+            line += fmt::format(" {:>{}}", column.title, SERIES_WIDTH);
+    return line + '\n';
+}
+
+template <class Wanted>
+std::string SeriesLine(const Summary &summary, Wanted wanted) {
+    std::string line = fmt::format("{:<8}", ClockText());
+    for (const SeriesColumn &column : SERIES)
+        if (wanted(column.figure))
+            line += fmt::format(" {:>{}}", FigureText(summary, column.figure), SERIES_WIDTH);
+    return line + '\n';
+}
+
 } // namespace
 
 const char *StateColourOf(std::string_view state) {
@@ -235,27 +265,27 @@ std::string StackNotes(const ThreadSample &sample) {
 }
 
 std::string SummaryTable(const Summary &summary, const Style &style) {
-    Table table({{"FIGURE"}, {"VALUE", true}, {""}});
-    for (int i = 0; i < SUMMARY_FIGURES; ++i) {
-        bool count = SUMMARY_NAMES[i].unit[0] == 0;
-        table.Add({fmt::format("{}{}", count ? "Threads in " : "", SUMMARY_NAMES[i].label),
-                   FigureText(summary, i), std::string(SUMMARY_NAMES[i].unit)});
-    }
-    return table.Text(style);
+    return FigureTable(summary, style, [](int) { return true; });
 }
 
 std::string SummaryHeader() {
-    std::string line = fmt::format("{:<8}", "time");
-    for (const SeriesColumn &column : SERIES)
-        line += fmt::format(" {:>{}}", column.title, SERIES_WIDTH);
-    return line + '\n';
+    return SeriesHeader([](int) { return true; });
 }
 
 std::string SummaryLine(const Summary &summary) {
-    std::string line = fmt::format("{:<8}", ClockText());
-    for (const SeriesColumn &column : SERIES)
-        line += fmt::format(" {:>{}}", FigureText(summary, column.figure), SERIES_WIDTH);
-    return line + '\n';
+    return SeriesLine(summary, [](int) { return true; });
+}
+
+std::string CpuTable(const Summary &summary, const Style &style) {
+    return FigureTable(summary, style, IsCpuFigure);
+}
+
+std::string CpuHeader() {
+    return SeriesHeader(IsCpuFigure);
+}
+
+std::string CpuLine(const Summary &summary) {
+    return SeriesLine(summary, IsCpuFigure);
 }
 
 std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style) {

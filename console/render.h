@@ -39,6 +39,11 @@ std::string SummaryTable(const Summary &summary, const Style &style);
 std::string SummaryHeader();
 std::string SummaryLine(const Summary &summary);
 
+// The processor figures of a summary.
+std::string CpuTable(const Summary &summary, const Style &style);
+std::string CpuHeader();
+std::string CpuLine(const Summary &summary);
+
 std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style);
 
 // A reply as it came, with control characters written "<29>" and a new line behind records and sections.

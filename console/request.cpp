@@ -83,6 +83,16 @@ std::string LockHolderRequest(int64_t lock, std::string_view thread_key) {
                        thread_key);
 }
 
+// The last two arguments are the two fields that stand behind the method in each frame's row.
+std::string LocalsRequest(int64_t thread, int64_t method_id) {
+    return fmt::format("{}|showstack|{}|ARG=x,0={},1={},2=2,3=3", BaseFlags(false), uint32_t(REQ_SHOW_LOCALS),
+                       thread, method_id);
+}
+
+std::string ObjectRequest(int64_t tag) {
+    return fmt::format("{}|showstack|{}|ARG=x,0={},1=0", BaseFlags(false), uint32_t(REQ_SHOW_OBJECT), tag);
+}
+
 std::string SummaryRequest(bool repeated) {
     return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_THREAD_SUMMARY));
 }

@@ -23,6 +23,12 @@ std::string StackRequest(std::string_view thread_key);
 // Who holds the lock that a thread waits for.
 std::string LockHolderRequest(int64_t lock, std::string_view thread_key);
 
+// The objects in the locals of a method that a thread runs; the method as the stack's frame tells it.
+std::string LocalsRequest(int64_t thread, int64_t method_id);
+
+// The fields of the object that carries a tag.
+std::string ObjectRequest(int64_t tag);
+
 std::string SummaryRequest(bool repeated);
 
 // Pools of the heap and the collectors; the heap as a whole; the classes that hold the most of it.
