@@ -15,7 +15,7 @@ int32_t gbiclassCount;
 
 namespace {
 
-constexpr char NO_NAME[] = "NULL";
+constexpr char NO_NAME[] = "NULL", NOT_READ[] = "";
 
 const char *ReadName(jvmtiEnv *env, jclass klass) {
     char *signature = nullptr;
@@ -32,10 +32,12 @@ const char *ReadName(jvmtiEnv *env, jclass klass) {
     return name ? name : NO_NAME;
 }
 
-// Makes an entry of each class, up to the first that can't be tagged.
+// Makes an entry of each class, up to the first that can't be tagged. The rest have a text for a name too:
+// rows are shown of them.
 void TagClasses(jvmtiEnv *env, const jclass *classes, QorClassCountEntry *entries) {
+    for (int32_t i = 0; i < gbiclassCount; i++)
+        entries[i].name = NOT_READ;
     for (int32_t i = 0; i < gbiclassCount; i++) {
-        entries[i].name = NO_NAME;
         if (!classes[i])
             continue;
         const jvmtiError error = env->SetTag(classes[i], i + 1);
@@ -126,7 +128,7 @@ int32_t QorClassInstanceCounts(int64_t *count, QorClassCountEntry **entries) {
 
 void QorFreeClassCounts(QorClassCountEntry *entries, int64_t count) {
     for (int64_t i = 0; i < count; i++)
-        if (entries[i].name && entries[i].name != NO_NAME)
+        if (entries[i].name != NO_NAME && entries[i].name != NOT_READ)
             free(const_cast<char *>(entries[i].name));
     free(entries);
 }

@@ -10,7 +10,7 @@
 
 struct QorClassCountEntry {
     int64_t count, size; // instances and their bytes
-    const char *name;    // the JVM's signature, at most 1,023 bytes, or "NULL"
+    const char *name;    // the JVM's signature, at most 1,023 bytes, or "NULL"; "" when not tagged
 };
 
 extern int32_t gbiclassCount; // entries of the pass
