@@ -68,7 +68,8 @@ void AppendFields(QorText *reply, const QorClassDetails &klass) {
         AppendSection(reply, TITLE_NO_FIELDS, "", "No Information Available");
         return;
     }
-    AppendMarked(reply, TITLE_OBJECT, RECORD_END);
+    if (AppendMarked(reply, TITLE_OBJECT, RECORD_END) < 0)
+        return;
     for (int32_t i = 0; i < klass.fieldCount && !reply->refused; i++) {
         QORLOG(LOG_DETAIL, "Print Field %d", i);
         AppendFieldRow(reply, klass.fields[i]);

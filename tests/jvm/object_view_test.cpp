@@ -433,6 +433,9 @@ TEST_F(ObjectViews, FillAReplyWithWholeRecords) {
     jobject object = make("Values");
     jvmti->SetTag(object, SOME_TAG);
     expectWholeRecords([](int32_t size) { return ObjectView(SOME_TAG, size); });
+    const std::string whole = ObjectView(SOME_TAG);
+    const std::string name = whole.substr(0, whole.find("Object Description\n"));
+    EXPECT_EQ(ObjectView(SOME_TAG, static_cast<int32_t>(name.size()) + 12), name) << "no end without a title";
 }
 
 TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
