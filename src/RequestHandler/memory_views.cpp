@@ -133,12 +133,11 @@ void QorShowSystemData(uint32_t, QorText *reply, char **) {
     AppendField(reply, gc.minorCount);
     AppendField(reply, gc.majorCount);
     AppendField(reply, heap);
-    AppendField(reply, gc.minorTime);
-    AppendField(reply, gc.majorTime);
-    char when[48];
-    snprintf(when, sizeof when, "%lu%02lu", static_cast<unsigned long>(last_snap_time_hi),
-             static_cast<unsigned long>(last_snap_time_lo));
-    QorTextAppend(reply, when);
+    char times[96]; // unsigned, also where a collector doesn't tell its time by -1
+    snprintf(times, sizeof times, "%lu%c%lu%c%lu%02lu", static_cast<unsigned long>(gc.minorTime), FIELD_SEP,
+             static_cast<unsigned long>(gc.majorTime), FIELD_SEP,
+             static_cast<unsigned long>(last_snap_time_hi), static_cast<unsigned long>(last_snap_time_lo));
+    QorTextAppend(reply, times);
     QorTextAppendChar(reply, SECTION_END);
 }
 
