@@ -26,6 +26,7 @@ uint32_t Less(uint32_t whole, uint32_t part) {
 
 uint32_t AskNursery(jint attribute) {
     const jlong bytes = jmm_ext->GetLongAttribute(jvmtijni_env, nullptr, attribute);
+    QorClearException(jvmtijni_env);
     return static_cast<uint32_t>(bytes / BYTES_PER_KIB);
 }
 
@@ -107,5 +108,6 @@ bool QorReadExtendedAttribute(int32_t key, double *value) {
     if (!jmm_ext || !jvmtijni_env)
         return false;
     jmm_ext->GetDoubleAttribute(jvmtijni_env, nullptr, key, 0, value);
+    QorClearException(jvmtijni_env);
     return true;
 }
