@@ -97,9 +97,13 @@ void AddAllStacks() {
     gbDumpEnv->Deallocate(reinterpret_cast<unsigned char *>(stacks));
 }
 
-// Copies a text of the JVM's, without what would end a line of the dump. The length.
+// Copies a text of the JVM's, without what would end a line of the dump: a class file may hold any character
+// in a name. The length.
 int32_t TakeText(char *dest, char *source) {
     const int32_t length = QorCopyName(dest, source);
+    for (char *p = dest; *p; p++)
+        if (*p == '\n' || *p == '\r')
+            *p = ' ';
     gbDumpEnv->Deallocate(reinterpret_cast<unsigned char *>(source));
     return length;
 }
