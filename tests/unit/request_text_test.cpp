@@ -130,6 +130,8 @@ TEST(RequestText, DumpFieldsGiveAPathAndAnId) {
         {"516|showmem", "", 0},
         {"", "", 0},
         {"516|showmem|256|" + longName + "|5", "/d/" + longName.substr(0, DUMPFILE_SIZE - 4), 5},
+        {"516|showmem|256|" + longName.substr(0, DUMPFILE_SIZE - 5) + "\xc3\xa9.hprof|5",
+         "/d/" + longName.substr(0, DUMPFILE_SIZE - 5), 5}, // not half of a character
     };
     snprintf(qorheapdir, sizeof qorheapdir, "/d/");
     for (const auto &row : rows) {
