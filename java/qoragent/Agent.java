@@ -109,13 +109,16 @@ public final class Agent {
         relay = null;
     }
 
-    /** Some hosts clean /tmp of what is old, and consoles would find no way to an agent that runs for weeks. */
+    /**
+     * Some hosts clean /tmp of what is old, and consoles would find no way to an agent that runs for weeks.
+     */
     private static void tellAgain() {
         try {
             if (relay != null)
                 relay.tellAgain();
         } catch (IOException e) {
-            throw new IllegalStateException("it runs already, but its endpoint is gone: " + e.getMessage(), e);
+            throw new IllegalStateException("it runs already, but its endpoint is gone: " + e.getMessage(),
+                                            e);
         }
     }
 

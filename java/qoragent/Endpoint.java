@@ -25,8 +25,8 @@ import java.util.Set;
  * directory that only its owner can enter.
  *
  * /tmp is everybody's, so the directory counts only when it is a real directory of this user with no leave
- * for others; anything else there is somebody's trap and is refused, never mended. The set-group bit lets nobody
- * in: directories have it where a container's /tmp is a volume with that bit.
+ * for others; anything else there is somebody's trap and is refused, never mended. The set-group bit lets
+ * nobody in: directories have it where a container's /tmp is a volume with that bit.
  *
  * The files of JVMs that were killed stay. That no process has the number proves nothing where containers
  * share /tmp: the file may be that of a live JVM which has the number in a container of its own.

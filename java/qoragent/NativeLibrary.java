@@ -96,8 +96,9 @@ final class NativeLibrary {
             Files.copy(in, copy, StandardCopyOption.REPLACE_EXISTING);
             System.load(copy.toAbsolutePath().toString());
         } finally {
-            Files.deleteIfExists(copy);
-            Files.deleteIfExists(dir);
+            // What can't be removed is litter and no failure: the library may well be mapped by now.
+            copy.toFile().delete();
+            dir.toFile().delete();
         }
     }
 }
