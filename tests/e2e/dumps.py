@@ -1,0 +1,213 @@
+"""Heap dumps: what is in them, what a failed one is told as, and one that outlasts the agent's patience."""
+import contextlib
+import os
+import pty
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+import hprof
+from harness import LIMIT, SETTINGS, Application, Case, qorctl
+
+MARK = b"|\t|\t\t||"
+
+
+class Relay(threading.Thread):
+    """Stands in for an agent in the process `pid`: `answer(request)` is what it says to each."""
+
+    def __init__(self, pid, answer):
+        super().__init__(daemon=True)
+        self.answer = answer
+        self.server = socket.create_server(("127.0.0.1", 0))
+        directory = f"/tmp/qoragent-{os.geteuid()}"
+        with contextlib.suppress(FileExistsError):
+            os.mkdir(directory, 0o700)
+        self.endpoint = f"{directory}/{pid}.endpoint"
+        token = "0" * 32
+        text = f"port={self.server.getsockname()[1]}\ntoken={token}\npid={pid}\nversion=1\n"
+        with open(os.open(self.endpoint, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
+            file.write(text)
+        self.start()
+
+    def run(self):
+        with contextlib.suppress(OSError):
+            while True:
+                client, _ = self.server.accept()
+                threading.Thread(target=self.serve, args=(client,), daemon=True).start()
+
+    def serve(self, client):
+        with client, client.makefile("rb") as lines:
+            if lines.readline():
+                client.sendall(b"OK\n")
+            for line in lines:
+                client.sendall(self.answer(line.decode().rstrip("\n")).encode() + MARK)
+
+    def close(self):
+        self.server.shutdown(socket.SHUT_RDWR)
+        self.server.close()
+        os.unlink(self.endpoint)
+
+
+class Dumps(Case):
+    @classmethod
+    def setUpClass(cls):
+        cls.app = Application()
+        done = qorctl("attach", cls.app.pid)
+        assert done.code == 0, done
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.app.__exit__()
+
+    def setUp(self):
+        # A directory that the JVM sees as well.
+        holder = tempfile.TemporaryDirectory(prefix="qor-dumps-", dir=SETTINGS.root + "/tmp")
+        self.addCleanup(holder.cleanup)
+        self.here, self.inside = holder.name, holder.name[len(SETTINGS.root):]
+
+    def dump(self, name, *options):
+        return self.answer("dump", self.app.pid, f"{self.inside}/{name}", "--json", *options).json()
+
+    def read(self, name, *options):
+        return self.answer("dump", "--read", f"{self.here}/{name}", "--json", *options).json()
+
+    def test_a_text_dump_has_what_the_jvms_own_has(self):
+        own = self.dump("own", "--hprof", "--live")
+        self.assertEqual((own["form"], own["file"]), ("hprof", f"{self.inside}/own.hprof"))
+        text = self.dump("text")
+        self.assertEqual(text["bytes"], os.stat(f"{self.here}/text").st_size)
+        for name in ("own.hprof", "text"):
+            self.assertEqual(os.stat(f"{self.here}/{name}").st_mode & 0o777, 0o600)
+        summary = self.read("text", "--top", 100000)
+        self.assertTrue(summary["complete"])
+        counts = {entry["class"]: entry["objects"] for entry in summary["classes"] if entry["class"]}
+        truth = {name: count for name, count in hprof.instances(f"{self.here}/own.hprof").items()
+                 if name.startswith("qoragent.demo.")}
+        self.assertGreater(len(truth), 8)
+        self.assertEqual({name: counts.get(name) for name in truth}, truth)
+        self.assertGreater(summary["roots"]["threads"], 15)
+        self.assertGreater(summary["roots"]["system_classes"], 300)
+        self.assertGreater(summary["references"], summary["objects"])
+        self.assertEqual(sum(entry["objects"] for entry in summary["classes"]), summary["objects"])
+        sizes = [array["bytes"] for array in summary["largest_arrays"]]
+        self.assertEqual((len(sizes), sizes), (10, sorted(sizes, reverse=True)))
+
+    def test_the_summary_for_people(self):
+        self.dump("text")
+        text = self.answer("dump", "--read", f"{self.here}/text", "--top", 5).out
+        for told in (r"\d objects of \d+ classes", r"(?m)^ *[\d,]+ +[\d.]+ [KM]  byte\[\]$|char\[\]", "Locals on stacks",
+                     "ELEMENTS", "the largest 5 of"):
+            self.assertRegex(text, told)
+
+    def test_sizes_agree_with_the_histogram(self):
+        self.dump("text")
+        summary = {entry["class"]: entry for entry in self.read("text")["classes"]}
+        rows = self.answer("histogram", self.app.pid, "--json").json()["classes"]
+        histogram = {row["class"]: row for row in rows}
+        name = "java.lang.String"
+        self.assertTrue(summary[name]["bytes_complete"])
+        size = histogram[name]["kib"] * 1024 / histogram[name]["instances"]
+        self.assertAlmostEqual(summary[name]["bytes"] / summary[name]["objects"], size, delta=1)
+
+    def test_failures_are_told_and_leave_the_agent_usable(self):
+        os.symlink(f"{self.here}/victim", f"{self.here}/link")
+        with open(f"{self.here}/victim", "w", encoding="ascii") as victim:
+            victim.write("mine")
+        os.mkdir(f"{self.here}/taken")
+        self.dump("own", "--hprof")
+        rows = [("sees no directory", f"{self.inside}/nowhere/x", 1), ("could not write", "/proc/x", 1),
+                ("is a link", f"{self.inside}/link", 1), ("no plain file", f"{self.inside}/taken", 1),
+                ("is there already", f"{self.inside}/own", 1, "--hprof"), ("could not write", "/proc/x", 1, "--hprof"),
+                ("own form", "x.hprof", 2), ("no absolute path", "a/b", 2)]
+        for told, name, code, *options in rows:
+            with self.subTest(name=name, options=options):
+                self.refused(told, "dump", self.app.pid, name, *options, code=code)
+                self.answer("summary", self.app.pid)
+        with open(f"{self.here}/victim", encoding="ascii") as victim:
+            self.assertEqual(victim.read(), "mine")
+        self.refused("needs a process and a name", "dump", self.app.pid, code=2)
+        self.refused("can't read", "dump", "--read", "/nowhere")
+        self.refused("Hprof", "dump", "--read", f"{self.here}/own.hprof")
+        self.refused("no text dump", "dump", "--read", f"{self.here}/victim")
+
+    def test_dumping_again_replaces_the_file(self):
+        first, second = self.dump("text"), self.read("text")
+        self.dump("text")
+        again = self.read("text")
+        self.assertNotEqual(second["heap_id"], again["heap_id"])
+        self.assertTrue(again["complete"])
+        self.assertGreater(first["bytes"], 1000)
+
+
+class Slow(threading.Event):
+    """A dump that goes on behind the agent's time-out."""
+
+    def __init__(self, directory):
+        super().__init__()
+        self.path = directory + "/slow"
+
+    def answer(self, request):
+        if "qorheapdir" in request:
+            return "Changed qorheapdir to " + request.split("|")[3]
+        self.write("w", f"heap_id={request.split('|')[4]}|T1|h||V|1|1|System|1|1\nSf100000||\n")
+        self.set()
+        return "Request TIMED OUT"
+
+    def write(self, mode, text):
+        with open(self.path, mode, encoding="ascii") as file:
+            file.write(text)
+
+
+class LateDumps(Case):
+    """The agent gives up waiting, its worker does not."""
+
+    def setUp(self):
+        holder = tempfile.TemporaryDirectory(prefix="qor-dumps-")
+        self.addCleanup(holder.cleanup)
+        self.slow = Slow(holder.name)
+        self.process = subprocess.Popen(["sleep", "170"])
+        self.addCleanup(self.process.wait)
+        self.addCleanup(self.process.kill)
+        relay = Relay(self.process.pid, self.slow.answer)
+        self.addCleanup(relay.close)
+
+    def start(self, *options, **streams):
+        command = [SETTINGS.qorctl, "dump", str(self.process.pid), self.slow.path, *options]
+        return subprocess.Popen(command, text=True, **streams)
+
+    def test_it_is_waited_for_until_its_end(self):
+        master, slave = pty.openpty()
+        with self.start(stdout=subprocess.PIPE, stderr=slave) as dump:
+            os.close(slave)
+            self.assertTrue(self.slow.wait(LIMIT))
+            progress = b""
+            while b" B written" not in progress:  # the file, without its end, is watched
+                progress += os.read(master, 4096)
+            self.slow.write("a", "x" * 4000 + "\n")
+            while b"3 K written" not in progress:
+                progress += os.read(master, 4096)
+            self.assertIsNone(dump.poll())
+            self.slow.write("a", " Finished 9 secs")
+            out, _ = dump.communicate(timeout=LIMIT)
+        os.close(master)
+        self.assertEqual(dump.returncode, 0, progress)
+        self.assertIn("slow: 3 K in ", out)
+
+    def test_one_that_stands_still_is_given_up(self):
+        started = time.monotonic()
+        with self.start("--timeout", "1", stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
+            out, err = dump.communicate(timeout=LIMIT)
+        self.assertEqual((dump.returncode, out), (1, ""))
+        self.assertIn("stands still at", err)
+        self.assertGreaterEqual(time.monotonic() - started, 1)
+
+    def test_one_whose_process_ends_is_lost(self):
+        with self.start(stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
+            self.assertTrue(self.slow.wait(LIMIT))
+            self.process.kill()
+            self.process.wait()
+            _, err = dump.communicate(timeout=LIMIT)
+        self.assertEqual(dump.returncode, 1)
+        self.assertIn("has ended", err)
