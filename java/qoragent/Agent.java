@@ -23,9 +23,12 @@ public final class Agent {
     private static final String SHUTDOWN = "SHUTDOWN";
     private static final int JVM_UNSUPPORTED = 7;
 
-    /** Guards the three fields below. Not the class, whose lock a request holds until its reply. */
+    /**
+     * Guards the changes of the three fields below. Not the class, whose lock a request holds until its
+     * reply.
+     */
     private static final Object life = new Object();
-    private static boolean running;
+    private static volatile boolean running;
     private static Options options;
     private static Relay relay;
 
@@ -103,9 +106,10 @@ public final class Agent {
     private static void abandon(Relay door) {
         if (door != null)
             door.close();
-        if (running)
-            dataFromNative(SHUTDOWN);
+        boolean initialised = running;
         running = false;
+        if (initialised)
+            dataFromNative(SHUTDOWN);
         relay = null;
     }
 
@@ -149,7 +153,8 @@ public final class Agent {
 
     /**
      * Sends one request and returns the reply, null for no answer. SHUTDOWN ends the agent, its relay
-     * included; start(String) starts it anew. One request runs at a time; a second caller waits.
+     * included; start(String) starts it anew. One request runs at a time; a second caller waits, and is
+     * refused when a SHUTDOWN comes meanwhile.
      *
      * @throws IllegalStateException when the agent doesn't run
      */
@@ -158,19 +163,19 @@ public final class Agent {
             shutdown(text);
             return null;
         }
-        synchronized (life) {
+        synchronized (Agent.class) { // dataFromNative's own lock: no shutdown between the look and the call
             if (!running)
                 throw new IllegalStateException("the agent does not run");
+            return dataFromNative(text);
         }
-        return dataFromNative(text);
     }
 
     private static void shutdown(String text) {
         synchronized (life) {
             if (!running)
                 return;
-            dataFromNative(text);
             running = false;
+            dataFromNative(text);
             System.setProperty(STATUS_PROPERTY, STOPPED);
             if (relay != null)
                 relay.close();

@@ -22,6 +22,7 @@ import java.util.Collections;
 import java.util.List;
 import java.util.Properties;
 import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicReference;
 import org.junit.After;
 import org.junit.Rule;
 import org.junit.Test;
@@ -106,6 +107,35 @@ public class AgentTest {
                 assertEquals("the agent does not run", e.getMessage());
             }
         }
+    }
+
+    private static Thread blocked(Runnable body) throws InterruptedException {
+        Thread thread = new Thread(body);
+        thread.start();
+        while (thread.getState() != Thread.State.BLOCKED && thread.isAlive())
+            Thread.sleep(1);
+        return thread;
+    }
+
+    @Test
+    public void shutdownRefusesTheRequestsThatWait() throws Exception {
+        Agent.start("timeout=20");
+        AtomicReference<Object> outcome = new AtomicReference<>();
+        Thread asking;
+        Thread ending;
+        synchronized (Agent.class) { // as a request that runs
+            asking = blocked(() -> {
+                try {
+                    outcome.set("answered: " + Agent.request("516|nonsense"));
+                } catch (IllegalStateException e) {
+                    outcome.set(e.getMessage());
+                }
+            });
+            ending = blocked(() -> Agent.request("SHUTDOWN"));
+        }
+        asking.join();
+        ending.join();
+        assertEquals("the agent does not run", outcome.get());
     }
 
     @Test
