@@ -240,6 +240,13 @@ class Life(Case):
             os.chmod(endpoint, 0o644)
             self.refused("not the JVM user's own", "threads", app.pid)
 
+    def test_a_relay_on_another_address_is_found(self):
+        with Application() as app:
+            self.answer("attach", app.pid, "--options", "bind=127.0.0.2")
+            self.assertTrue(self.threads(app))
+            self.answer("shutdown", app.pid)
+            self.assertEqual(leftovers(app.pid), [])
+
     def test_javaagent_and_jvms_that_leave_signals_alone(self):
         with Application(f"-javaagent:{SETTINGS.jar}=optlevel=3") as app:
             self.assertEqual(self.state(app)["agent"], True)

@@ -9,6 +9,7 @@
 #include "request.h"
 #include "wire.h"
 
+#include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -82,6 +83,9 @@ TEST(Endpoint, File) {
     EXPECT_EQ(endpoint->token, token);
     EXPECT_EQ(endpoint->inner_pid, 77);
     EXPECT_TRUE(ParseEndpoint(good + "something=new\n"));
+    EXPECT_EQ(ParseEndpoint(good + "bind=127.0.0.2\n")->address, htonl(0x7f000002));
+    for (const char *bind : {"", "bind=0.0.0.0\n", "bind=::1\n"}) // any address is reached by the loopback
+        EXPECT_EQ(ParseEndpoint(good + bind)->address, htonl(INADDR_LOOPBACK)) << bind;
     const std::string wrong[] = {
         "",
         "port=40001\ntoken=" + token + "\npid=77\n",
