@@ -34,8 +34,7 @@ std::string ClassTable(const DumpSummary &dump, size_t rows, const Style &style)
     if (rows < dump.classes.size())
         text += fmt::format("the largest {} of {} classes; --top shows more\n", rows, dump.classes.size());
     if (unknown)
-        text += "a dump has the sizes of arrays with elements and of objects that refer to others: ? is not "
-                "known, >= is without the empty ones\n";
+        text += "? and >=: a dump has no size for objects that refer to nothing, nor for empty arrays\n";
     return text;
 }
 
