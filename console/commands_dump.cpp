@@ -116,16 +116,14 @@ void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTar
               uint32_t heap_id) {
     std::optional<std::string> answer =
         connection->AskWhile(DumpRequest(target.name, heap_id), LOOK_PERIOD, [&] { return watch->Look(); });
-    bool late = !answer || IsTimedOut(*answer); // the agent goes on with it all the same
-    if (!late) {
-        Reply reply = OpenReply(*answer);
-        bool dumped = target.hprof ? SaysDumped(reply) : true;
-        if (dumped && LookAtDump(pid, target, heap_id).whole)
-            return;
-    } else if (watch->Look()) {
+    if (!answer || IsTimedOut(*answer)) { // the agent goes on with it all the same
         watch->Finish();
         return;
     }
+    Reply reply = OpenReply(*answer);
+    bool dumped = !target.hprof || SaysDumped(reply);
+    if (dumped && LookAtDump(pid, target, heap_id).whole)
+        return;
     DumpFault fault = ExplainMissingDump(pid, target, heap_id);
     throw Failure(fault.what, fault.hint);
 }

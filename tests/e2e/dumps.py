@@ -15,7 +15,7 @@ MARK = b"|\t|\t\t||"
 
 
 class Relay(threading.Thread):
-    """Stands in for an agent in the process `pid`: `answer(request)` is what it says to each."""
+    """Stands in for an agent in the process `pid`: `answer(request)` is what it says to each, None for nothing."""
 
     def __init__(self, pid, answer):
         super().__init__(daemon=True)
@@ -42,7 +42,9 @@ class Relay(threading.Thread):
             if lines.readline():
                 client.sendall(b"OK\n")
             for line in lines:
-                client.sendall(self.answer(line.decode().rstrip("\n")).encode() + MARK)
+                reply = self.answer(line.decode().rstrip("\n"))
+                if reply is not None:
+                    client.sendall(reply.encode() + MARK)
 
     def close(self):
         self.server.shutdown(socket.SHUT_RDWR)
@@ -147,13 +149,14 @@ class Slow(threading.Event):
     def __init__(self, directory):
         super().__init__()
         self.path = directory + "/slow"
+        self.told = "Request TIMED OUT"
 
     def answer(self, request):
         if "qorheapdir" in request:
             return "Changed qorheapdir to " + request.split("|")[3]
         self.write("w", f"heap_id={request.split('|')[4]}|T1|h||V|1|1|System|1|1\nSf100000||\n")
         self.set()
-        return "Request TIMED OUT"
+        return self.told
 
     def write(self, mode, text):
         with open(self.path, mode, encoding="ascii") as file:
@@ -196,12 +199,21 @@ class LateDumps(Case):
         self.assertIn("slow: 3 K in ", out)
 
     def test_one_that_stands_still_is_given_up(self):
-        started = time.monotonic()
-        with self.start("--timeout", "1", stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
+        for told in ("Request TIMED OUT", None):
+            self.slow.told = told
+            started = time.monotonic()
+            with self.start("--timeout", "1", stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
+                out, err = dump.communicate(timeout=LIMIT)
+            self.assertEqual((dump.returncode, out), (1, ""))
+            self.assertIn("stands still at", err)
+            self.assertGreaterEqual(time.monotonic() - started, 1)
+
+    def test_an_answer_without_a_whole_file_is_a_failure(self):
+        self.slow.told = ""
+        with self.start(stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
             out, err = dump.communicate(timeout=LIMIT)
         self.assertEqual((dump.returncode, out), (1, ""))
-        self.assertIn("stands still at", err)
-        self.assertGreaterEqual(time.monotonic() - started, 1)
+        self.assertIn("lacks its end", err)
 
     def test_one_whose_process_ends_is_lost(self):
         with self.start(stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
