@@ -296,10 +296,13 @@ private:
         if (line[0] == '0')
             return;
         line.remove_prefix(1);
-        std::string_view number = Piece(&line);
+        std::string_view id = Piece(&line);
+        bool field = id.find('a') != id.npos;
+        int64_t number = field ? 0 : Number(id);
         size_t length = static_cast<size_t>(Hex(Piece(&line)));
-        bool field = number.find('a') != number.npos;
-        std::string name(line);
+        if (length > LONGEST_NAME)
+            Wrong();
+        std::string name(line); // reading on gives up the line
         while (name.size() < length && lines_.Next(&line))
             name.append(1, '\n').append(line);
         if (name.size() != length)
@@ -307,7 +310,7 @@ private:
         if (field)
             return;
         ++summary_.named_classes;
-        classes_[Number(number)].name = JavaName(name);
+        classes_[number].name = JavaName(name);
     }
 
     void Finish() {

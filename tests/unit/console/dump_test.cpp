@@ -150,6 +150,8 @@ TEST(ReadTextDump, OtherFilesAreRefused) {
         {HEADER + "A8100|xyz|1\n", "line 2 "},
         {HEADER + "A[zz|100|1|1\n", "line 2 "},
         {HEADER + "B1101|4|La/B;\n", "line 2 "}, // longer than it says
+        {HEADER + "B1101|ffffff|La/B;\n" + std::string(40000000, '\n'),
+         "line 2 "}, // longer than a name can be
         {HEADER + TRAILER + "\nSf1||\n", "line 3 "},
         {HEADER + std::string(2000000, 'R'), "no end"},
     };
