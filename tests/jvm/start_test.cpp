@@ -144,8 +144,10 @@ TEST_F(Start, RestartsLeaveNothingBehind) {
     StartArguments arguments;
     arguments.timeout = 30;
     int descriptors = 0, mappings = 0;
-    for (int i = 0; i < 70; i++) {
-        const bool shutDownFirst = i < 50;
+    int64_t references = 0;
+    const auto globalRefs = [] { return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); };
+    for (int i = 0; i < 120; i++) {
+        const bool shutDownFirst = i < 100;
         if (i > 0 && shutDownFirst)
             ShutDownAgent();
         ASSERT_EQ(StartAgent(arguments), START_OK) << i;
@@ -155,9 +157,11 @@ TEST_F(Start, RestartsLeaveNothingBehind) {
         ASSERT_EQ(Ask("516|showqor|8192").substr(0, 18), "JVM Active Threads");
         ASSERT_EQ(Workers(), 1);
         if (i == 2)
-            descriptors = OpenDescriptors(), mappings = Mappings();
+            references = globalRefs(), descriptors = OpenDescriptors(), mappings = Mappings();
     }
-    EXPECT_EQ(OpenDescriptors(), descriptors);
+    // The JVM's own move by some; a start that kept one would have kept a hundred.
+    EXPECT_LT(OpenDescriptors(), descriptors + 10);
+    EXPECT_LT(globalRefs(), references + 20);
     EXPECT_LT(Mappings(), mappings + 60) << "a reply buffer with its guard is two or three";
 }
 
