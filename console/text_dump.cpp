@@ -29,8 +29,8 @@ constexpr std::string_view HPROF_MAGIC = "JAVA PROFILE ";
 constexpr std::string_view TRAILER_START = " Finished ", TRAILER_END = " secs";
 constexpr std::string_view LOCAL_MARK = "|Thread-";
 constexpr size_t READ_SIZE = 1 << 20;
-constexpr size_t LONGEST_NAME = 65535;    // of a class or a field, in bytes
-constexpr size_t LONGEST_LINE = 1 << 18;  // a name has 65,535 bytes at most
+constexpr size_t LONGEST_NAME = 65535; // of a class or a field, in bytes
+constexpr size_t LONGEST_LINE = 1 << 18;
 constexpr int64_t LEAST_OBJECT_SIZE = 16; // to rank what has no size
 
 // Lines of a file, whatever its size, with a buffer of one block and the longest line.
