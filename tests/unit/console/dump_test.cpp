@@ -26,7 +26,6 @@ const std::string ROOTS = "Sf100000||\n"
 // Two objects of class 101, one of them with a field; one of 102, which refers to nothing; arrays.
 const std::string OBJECTS = "SBa102|\n"
                             "SBa101|\nA8100001|18|101\nR100005|102|102a0\n"
-
                             "SBa101|\n"
                             "SBa103|\nA[000000001b|100006|80|103\nR100001\nR100005\n"
                             "SBa103|\n"
