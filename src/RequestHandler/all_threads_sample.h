@@ -1,7 +1,7 @@
 // The state of one all-threads sample, shared by the files that make it up.
 #pragma once
 
-#include "Xtier.h"
+#include "Xtier/Xtier.h"
 #include "all_threads.h"
 #include "records.h"
 

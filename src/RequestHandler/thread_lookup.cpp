@@ -1,6 +1,6 @@
 #include "thread_lookup.h"
 
-#include "Xtier.h"
+#include "Xtier/Xtier.h"
 
 #include <cstring>
 

@@ -1,6 +1,6 @@
 #include "thread_stack.h"
 
-#include "Xtier.h"
+#include "Xtier/Xtier.h"
 #include "jvmti/Monitors.h"
 #include "qorlog.h"
 #include "qorrequest.h"

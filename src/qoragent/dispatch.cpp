@@ -12,7 +12,7 @@
 
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
-#include "XtierDbSession.h"
+#include "Xtier/XtierDbSession.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
 

@@ -12,7 +12,7 @@
 #include "shutdown.h"
 #include "worker.h"
 
-#include "XtierDbSession.h"
+#include "Xtier/XtierDbSession.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

@@ -1,0 +1,61 @@
+// The thread-local list: the frames of a sample whose locals are wanted, newest first.
+//
+// The views list a frame while they walk it (AddToThreadLocalInfoList), one pass of LocalWalk.h then attaches
+// an object to each entry, the readers turn the objects into call records, and the list is freed with the
+// view. The method and class texts belong to the walk of ThreadSystem.h, so a list ends before its walk.
+//
+// Worker only.
+#pragma once
+
+#include "jvmti/ThreadSystem.h"
+
+#include <cstdint>
+#include <jni.h>
+
+// What a listed frame is read for.
+enum QorLocalKind : int32_t {
+    LOCAL_WEB_REQUEST = 0,
+    LOCAL_DATABASE_CALL = 1,
+    LOCAL_VIEW_OR_ENTITY = 3,
+    LOCAL_RMI_CALL = 4,
+    LOCAL_EL_EXPRESSION = 5,
+    LOCAL_GROOVY = 6, // the line being run, or the script
+    LOCAL_FILE_CALL = 7,
+    LOCAL_NETWORK_CALL = 8,
+    LOCAL_APP_SERVER_CALL = 9,
+};
+
+enum : int32_t {
+    LOCAL_SIGNATURE_SIZE = 1024,
+    LOCAL_OBJECT_SLOTS = 20,
+};
+
+struct QorAllThreadLocalInfoList {
+    int64_t serial;   // 0 for the first entry of a sample, one more for each later one
+    int64_t threadId; // Java thread id, QorThreadRecord.tid
+    jobject threadRef;
+    int32_t frameIndex;  // depth when the snapshot was taken
+    int64_t frameMethod; // jmethodID
+    char threadName[NAME_SIZE];
+    const char *methodName;                  // never null
+    const char *className;                   // never null, dotted
+    int32_t kind;                            // QorLocalKind
+    int32_t thickDriver;                     // tessar_thick_driver when the frame was listed
+    jobject objLocalVarHandle;               // global reference to the chosen object; null when there is none
+    char strSignature[LOCAL_SIGNATURE_SIZE]; // JVM signature of the chosen object, "" when there is none
+    int32_t localCount;                      // locals caught for this frame
+    jobject localObjects[LOCAL_OBJECT_SLOTS]; // with getObjOpt: global references prepared for the walk
+    QorAllThreadLocalInfoList *next;          // towards older entries
+    QorAllThreadLocalInfoList *prev;          // towards newer entries; set by the walk
+};
+
+// Pushes an entry for the frame at the list's head. 0, or -1 (logged) for a null frame or when there is no
+// memory: the list is as it was.
+int32_t AddToThreadLocalInfoList(const QorThreadRecord *thread, const QorFrameRecord *frame,
+                                 QorAllThreadLocalInfoList **list, int32_t kind);
+
+// Drops the entries that were pushed since `formerHead` (null: all) was the head: their thread gets no row.
+void QorCutThreadLocalInfoList(QorAllThreadLocalInfoList **list, QorAllThreadLocalInfoList *formerHead);
+
+// Drops all entries and their references. A null list is fine.
+void FreeQorAllThreadLocalInfoList(QorAllThreadLocalInfoList *list);

@@ -1,0 +1,37 @@
+// Objects that only local variables hold, by JVMTI's reference walk.
+//
+// FollowReferences names each stack local with its thread and method; the walk marks those of the listed
+// frames, is ended as soon as nothing more can be found, and is held to a share of wall-clock time. It stops
+// the JVM, so a sample makes one walk for all its frames.
+//
+// Worker only; the callbacks run inside the JVM's stop, on the JVM's thread, and touch plain memory alone.
+#pragma once
+
+#include "LocalList.h"
+
+#include <cstdint>
+#include <jni.h>
+
+extern int64_t lAllowedFollowRefTimeUSec; // time budget of the walk at hand, microseconds
+extern int32_t getObjOpt;                 // 1 on the JVM builds whose handles can be filled by the walk
+
+// The object of one frame, read by itself.
+struct QorLocalObjectRecord {
+    jobject object; // local reference, null when there is none
+    jclass klass;
+    char signature[LOCAL_SIGNATURE_SIZE];
+};
+
+// Decides getObjOpt from the JVM's version and vendor. Start-up.
+void checkGetObjOpt();
+
+// Attaches to each entry of the list the object of its frame. 0 after a walk, -1 when none was made (null
+// list, quota 0, or too soon after the last); entries without an object have objLocalVarHandle null then.
+int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list);
+
+// Reads the object of the frame of `method` on the thread with this Java thread id, by a walk of its own. 0,
+// or -1 with object and class cleared. The references belong to the caller's local frame.
+int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
+
+// Drops what the walks keep between samples. Shutdown, on the session's environment.
+void QorCloseLocalWalk();

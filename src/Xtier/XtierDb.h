@@ -1,0 +1,40 @@
+// Database calls: which database a thread inside the JDBC driver talks to, and what it asked.
+//
+// Worker only, on the session's environment.
+#pragma once
+
+#include "CallRecords.h"
+#include "LocalList.h"
+
+#include <cstdint>
+#include <jni.h>
+
+// Fills the record from an entry's object: 0, or -1 for a null argument. The call is known when both url and
+// user are filled. tessar_thick_driver says whether the native driver is at work; the caller sets it from the
+// entry.
+int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *entry,
+                                             QorDBRequestData *record);
+
+// The same from a frame, with a reference walk of its own; for gbQorRELocal.
+int32_t QorGetDBRequestData(const QorThreadRecord *thread, const QorFrameRecord *frame,
+                            QorDBRequestData *record);
+
+// Descriptor of the connection's socket. `direct`: the connection itself holds the network session, else its
+// "db_access" does. 0, or -1.
+int32_t QorGetFdFromConnection(jobject connection, int32_t direct, int64_t *fd);
+
+// Descriptor from the native driver's own memory, read without risk: whatever the addresses are, the worst
+// answer is -1.
+int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess);
+
+// Ports and peer of a socket into the record; for anything else ports 0 and no host.
+void QorExtractDBSocketData(int64_t fd, QorDBRequestData *record);
+
+// Reads a statement of the Sybase driver. Its frames are not listed.
+void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *record);
+
+// The 13-character id of a SQL text, from the Java side, into 16 bytes; untouched when it can't be had.
+void getSqlIdFromSqlText(jstring sql, char *id);
+
+// Puts "!", the id of the whole text and "!" at the end of a text cut at gbSqlQueryLength.
+void appendSqlIdToSqlText(char *text, jstring sql);
