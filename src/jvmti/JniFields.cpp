@@ -40,6 +40,12 @@ constexpr ReaderTexts LONG_TEXTS = {
     NO_CLASS,
 };
 
+// GetFieldID waits for a static initialiser that another thread is in, which may be for ever: the fields of
+// such a class are missing.
+jfieldID FindField(jclass klass, const char *name, const char *signature) {
+    return QorIsClassInitialized(klass) ? QorGetFieldID(jvmtijni_env, klass, name, signature) : nullptr;
+}
+
 // Names are tested first, with the output untouched; whatever fails later clears it.
 template <typename Value, typename Raw>
 int32_t ReadValue(jobject obj, const char *name, const char *signature, Value *out, const ReaderTexts &texts,
@@ -62,7 +68,7 @@ int32_t ReadValue(jobject obj, const char *name, const char *signature, Value *o
         QORLOG(LOG_ERROR, "%s", texts.nullClass);
         return -1;
     }
-    jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature);
+    jfieldID field = FindField(klass, name, signature);
     if (field)
         *out = read(jvmtijni_env, obj, field);
     QorDeleteLocalRef(jvmtijni_env, klass);
@@ -135,7 +141,7 @@ int32_t QorGetObjField(jobject obj, const char *name, const char *signature, job
     int32_t result = -1;
     if (!name || !signature) {
         QORLOG(LOG_ERROR, "StrFieldName or Signature are NULL");
-    } else if (jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature)) {
+    } else if (jfieldID field = FindField(klass, name, signature)) {
         *out = QorGetObjectField(jvmtijni_env, obj, field);
         result = 0;
     } else if (qorIsPollOrTrace == 0) {
@@ -186,7 +192,7 @@ int32_t QorFindObjectField(jobject *objptr, jclass *klassptr, const char *name, 
     jclass klass = klassptr ? *klassptr : QorGetObjectClass(jvmtijni_env, *objptr);
     if (!klass)
         return 0;
-    jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature);
+    jfieldID field = FindField(klass, name, signature);
     if (!field)
         QORLOG(LOG_ERROR, "QorFindObjectField Get Field ID FAil ");
     else

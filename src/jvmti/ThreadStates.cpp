@@ -12,8 +12,9 @@ int32_t tessar_thick_driver;
 
 namespace {
 
-constexpr int32_t TIMED_ACCEPT_DEPTH = 2; // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
-constexpr int32_t RMI_DEPTH = 3;          // frames above it may tell of a remote call
+constexpr int32_t TIMED_ACCEPT_DEPTH = 2;        // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
+constexpr int32_t RMI_DEPTH = 3;                 // frames above it may tell of a remote call
+constexpr int32_t SETTLED_DEPTH = RMI_DEPTH + 1; // with a frame of Object.wait0 on top
 static_assert(TIMED_ACCEPT_DEPTH < RMI_DEPTH, "QorStateIsSettled looks at one depth only");
 
 constexpr const char *STATE_TEXTS[STATE_COUNT] = {
@@ -130,7 +131,7 @@ void mapQorThreadState2String(int32_t state, char *dest) {
 }
 
 bool QorStateIsSettled(int32_t state, int32_t frameIndex) {
-    return frameIndex >= RMI_DEPTH && state != STATE_RUNNABLE && state != STATE_NETWORK_WAIT;
+    return frameIndex >= SETTLED_DEPTH && state != STATE_RUNNABLE && state != STATE_NETWORK_WAIT;
 }
 
 int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thread) {
@@ -140,6 +141,8 @@ int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thr
     }
     const char *className = frame->className;
     if (frame->frameIndex == 0) {
+        // On newer JDKs Object.wait has a frame of its own for the native call.
+        thread->nativeWaitFrames = Equals(className, "java.lang.Object") && Equals(frame->method, "wait0");
         if (thread->state == STATE_RUNNABLE)
             RefineRunnable(className, frame->method, thread);
         else if (thread->state == STATE_CONDVAR_WAIT)
@@ -152,7 +155,7 @@ int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thr
     if ((thread->state == STATE_RUNNABLE || thread->state == STATE_NETWORK_WAIT) &&
         (StartsWith(className, "tessar.net.") || StartsWith(className, "ferrule.jdbc.")))
         SetState(thread, STATE_DB_WAIT);
-    if (frame->frameIndex < RMI_DEPTH &&
+    if (frame->frameIndex - thread->nativeWaitFrames < RMI_DEPTH &&
         (thread->state == STATE_OBJECT_WAIT || thread->state == STATE_OTHER) &&
         StartsWith(className, "ferrule.rjvm.ResponseImpl"))
         SetState(thread, STATE_RMI_WAIT);

@@ -63,7 +63,8 @@ struct QorThreadRecord {
     int32_t state;         // QorThreadState
     int32_t enhancedState; // copy of state, written whenever GetThreadEnhancedState refines it
     int32_t priority;
-    int32_t daemon; // 1 for a daemon thread
+    int32_t daemon;           // 1 for a daemon thread
+    int32_t nativeWaitFrames; // GetThreadEnhancedState's own: 1 when the top frame is Object.wait0
     QorThreadHandle *handle;
 };
 
