@@ -8,5 +8,9 @@
 
 #include <cstdint>
 
-// Fills the record from an entry's object: 0, or -1 for a null argument.
+// Fills the record from an entry's object: 0, or -1 for a null argument. Peer and name stand in different
+// frames, so the entries of a thread add up.
 int32_t QorGetRmiCallDataFromLocalVariable(const QorAllThreadLocalInfoList *entry, QorRmiCallData *record);
+
+// The same from a frame, with a reference walk of its own, but for the peer's address; for gbQorRELocal.
+int32_t QorGetRmiCallData(const QorThreadRecord *thread, const QorFrameRecord *frame, QorRmiCallData *record);
