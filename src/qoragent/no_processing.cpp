@@ -6,8 +6,10 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil.h"
-#include "reaper.h"
 #include "request_text.h"
+
+#include "jvmti/Session.h"
+#include "platforms/reaper.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +42,12 @@ void SetRetry(char *value) {
     QOR_REPLY("Changed qorretry to %d", qorretry);
 }
 
+void SetForkDump(char *value) {
+    QorSetForkHeapDumpCapability(atoi(value) != 0);
+    QOR_REPLY("Changed forkdump to %d", QorGetForkHeapDumpCapability());
+    QORLOG(LOG_NOTE, "%s", pagebuf);
+}
+
 void ReadRules(char *value) {
     QORLOG(LOG_NOTE, "Reading Idle Thread and System Call rules ");
     QORLOG(LOG_DETAIL, "Reading conds %s", value);
@@ -64,11 +72,9 @@ struct Key {
     void (*apply)(char *value);
 };
 constexpr Key KEYS[] = {
-    {"qorloglevel", true, SetLogLevel},
-    {"qorheapdir", true, SetHeapDir},
-    {"qorretry", true, SetRetry},
-    {"activethreads", true, ReadRules},
-    {"getJavaString", true, ShowJavaString},
+    {"qorloglevel", true, SetLogLevel},  {"qorheapdir", true, SetHeapDir},
+    {"qorretry", true, SetRetry},        {"forkdump", true, SetForkDump},
+    {"activethreads", true, ReadRules},  {"getJavaString", true, ShowJavaString},
     {"CZPRequest", false, ReapChildren},
 };
 

@@ -14,6 +14,7 @@
 #include "jvmti/Session.h"
 #include "jvmti/trycatch.h"
 #include "platforms/QorOS.h"
+#include "platforms/forked_child.h"
 
 #include <ctime>
 
@@ -61,6 +62,7 @@ void QorDropSession(JNIEnv *env) {
 
 void exitAgent(JNIEnv *env) {
     prev_ch_pid = ch_pid.load();
+    QorLeaveFork();
     QorFreeReply();
     if (env) {
         QorDropSession(env);

@@ -3,6 +3,7 @@
 #include "channel.h"
 #include "dispatch.h"
 #include "fault_handler.h"
+#include "forked_dump.h"
 #include "gc_lock.h"
 #include "library_dump.h"
 #include "qorStrUtils.h"
@@ -15,6 +16,7 @@
 
 #include "RequestHandler/records.h"
 #include "jvmti/Session.h"
+#include "platforms/forked_child.h"
 #include "platforms/linux.h"
 
 #include <cstdio>
@@ -148,12 +150,14 @@ void HandleRequest() {
         no_gc = FLAG_NO_GC;
     if (!TakeGcLock(flags))
         return;
-    set_qor_handler();
-    PrepareDumpfile(command);
-    process_data();
-    reset_qor_handler();
-    if (no_gc == 0)
-        qor_enable_gc();
+    if (!QorAnswerForkedDump(command)) {
+        set_qor_handler();
+        PrepareDumpfile(command);
+        process_data();
+        reset_qor_handler();
+        if (no_gc == 0)
+            qor_enable_gc();
+    }
     Answered();
 }
 
@@ -185,6 +189,7 @@ void ServeRequests(intptr_t start) {
             QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. breaking out while loop in child process");
             return;
         }
+        QorTendFork();
         if (!qor_can_read(pipe_fd_PP[0], LOOK_ROUND_SECONDS))
             continue;
         if (Outdated(start))

@@ -1,4 +1,4 @@
-#include "qoragent/reaper.h"
+#include "platforms/reaper.h"
 
 #include <atomic>
 #include <csignal>

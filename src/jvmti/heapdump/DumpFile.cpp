@@ -49,10 +49,32 @@ bool WriteWhole(int fd, const char *data, int64_t length, int64_t offset) {
     return true;
 }
 
+bool WriteToFile(QorDumpFile *file, const char *data, int64_t length, int64_t offset) {
+    file->writing = 1;
+    const bool written = WriteWhole(file->fd, data, length, offset);
+    file->writing = 0;
+    return written;
+}
+
+// Twice the room. Without memory what has been written is dropped, and the error kept.
+bool GrowBuffer(QorDumpFile *file) {
+    char *grown = nullptr;
+    if (file->size <= INT32_MAX / 2)
+        grown = static_cast<char *>(realloc(file->buffer, 2 * static_cast<size_t>(file->size)));
+    if (grown) {
+        file->buffer = grown;
+        file->size *= 2;
+    } else {
+        file->error = ENOMEM;
+        file->used = 0;
+    }
+    return grown;
+}
+
 } // namespace
 
 int32_t QorDumpOpen(QorDumpFile *file, const char *path, int32_t bufferSize) {
-    *file = {-1, 0, bufferSize < DUMP_LEAST_BUFFER ? DUMP_LEAST_BUFFER : bufferSize, 0, 0, nullptr};
+    *file = {-1, 0, bufferSize < DUMP_LEAST_BUFFER ? DUMP_LEAST_BUFFER : bufferSize, 0, 0, nullptr, 0};
     // Without O_TRUNC: nothing is lost before the file has been looked at. Without waiting: a pipe has no
     // reader.
     int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, OWNER_ONLY);
@@ -76,8 +98,21 @@ int32_t QorDumpOpen(QorDumpFile *file, const char *path, int32_t bufferSize) {
     return 0;
 }
 
+bool QorDumpBegin(QorDumpFile *file, int32_t bufferSize) {
+    *file = {
+        DUMP_IN_MEMORY, 0, bufferSize, 0, 0, static_cast<char *>(malloc(static_cast<size_t>(bufferSize))), 0};
+    return file->buffer;
+}
+
+void QorDumpAbandon(QorDumpFile *file) {
+    free(file->buffer);
+    *file = {-1, 0, 0, 0, 0, nullptr, 0};
+}
+
 bool QorDumpFlush(QorDumpFile *file) {
-    if (!file->error && !WriteWhole(file->fd, file->buffer, file->used, file->flushed))
+    if (file->fd == DUMP_IN_MEMORY)
+        return GrowBuffer(file);
+    if (!file->error && !WriteToFile(file, file->buffer, file->used, file->flushed))
         file->error = errno;
     file->flushed += file->used;
     file->used = 0;
@@ -121,7 +156,7 @@ void QorDumpPatchCount(QorDumpFile *file, int64_t offset, uint64_t count) {
     }
     if (offset >= file->flushed) {
         memcpy(file->buffer + (offset - file->flushed), text, sizeof text);
-    } else if (!file->error && !WriteWhole(file->fd, text, sizeof text, offset)) {
+    } else if (!file->error && !WriteToFile(file, text, sizeof text, offset)) {
         file->error = errno;
     }
 }

@@ -16,15 +16,23 @@ enum : int32_t {
     DUMP_BUFFER_SIZE = 1 << 20,
     DUMP_LEAST_BUFFER = 64, // also the longest piece that can be reserved
     DUMP_COUNT_WIDTH = 10,  // digits of a count that is filled in later
+    DUMP_IN_MEMORY = -2,    // in place of a descriptor
 };
 
 struct QorDumpFile {
-    int32_t fd;    // -1: not open
+    int32_t fd;    // -1: not open; DUMP_IN_MEMORY: the buffer grows and is all there is
     int32_t error; // errno of the first failure, 0 for none
     int32_t size, used;
     int64_t flushed; // bytes handed to the system
     char *buffer;
+    volatile int32_t writing; // 1 while a write is under way
 };
+
+// Begins a text in memory, to be written to a file later. False when there is no memory.
+bool QorDumpBegin(QorDumpFile *file, int32_t bufferSize);
+
+// Frees the buffer and forgets the descriptor, without writing or closing anything.
+void QorDumpAbandon(QorDumpFile *file);
 
 // Opens `path` for writing, empty and readable by its owner alone. Only a new file or a plain file of this
 // user's, with this one name, is taken: never a symbolic link, a pipe, a device or somebody else's file, and

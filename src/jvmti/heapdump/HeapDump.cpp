@@ -4,6 +4,7 @@
 #include "DumpCallbacks.h"
 #include "DumpHeader.h"
 #include "DumpState.h"
+#include "DumpSteps.h"
 #include "LocalNames.h"
 #include "ObjectTags.h"
 #include "jvmti/JniCalls.h"
@@ -19,7 +20,7 @@
 
 int32_t gbiDumpBufferSize = DUMP_BUFFER_SIZE;
 
-QorDumpFile fp = {-1, 0, 0, 0, 0, nullptr};
+QorDumpFile fp = {-1, 0, 0, 0, 0, nullptr, 0};
 jvmtiEnv *gbDumpEnv;
 int32_t igbCurrentRun = 1;
 int64_t iHeapObjectStartNum = FIRST_OBJECT_NUMBER;
@@ -35,6 +36,8 @@ namespace {
 constexpr uint64_t LEAST_OBJECT_SIZE = 16, TAG_COST = 72; // bytes; the cost is the newest JVMs'
 constexpr int64_t STRING_ARRAY_SIZE = 40000;
 constexpr jint FRAME_CAPACITY = 16;
+
+time_t dumpStart;
 
 // Whether the machine can give the JVM the memory for a tag on every object. The objects are only counted,
 // which stops the JVM, when the heap's size alone does not tell.
@@ -67,35 +70,15 @@ void Walk() {
                static_cast<long long>(qorNamelessLocals));
 }
 
-void WriteTrailer(time_t start) {
-    const int64_t seconds = time(nullptr) - start;
-    QORLOG(LOG_NOTE, "Finished with Heap dump");
-    constexpr char BEFORE[] = " Finished ", AFTER[] = " secs";
-    char *p = QorPutText(QorDumpReserve(&fp, DUMP_LEAST_BUFFER), BEFORE);
-    p = QorPutSigned(p, seconds > 0 ? seconds : 0);
-    QorDumpCommit(&fp, QorPutText(p, AFTER));
-}
-
 // The dump with its environment open. 0, or -1.
 int32_t DumpTo(const char *path) {
-    if (QorDumpOpen(&fp, path, gbiDumpBufferSize) != 0) {
-        QORLOG(LOG_ERROR, "Not able to open the file for writing %s", path);
-        QORLOG(LOG_ERROR, "Heap dump: %s", strerror(errno));
+    if (QorBeginDump(path) != 0)
         return -1;
-    }
-    const time_t start = time(nullptr);
-    QorWriteHeapDumpHeader(&fp);
-    igbCurrentRun = !igbCurrentRun;
-    iHeapObjectStartNum = FIRST_OBJECT_NUMBER;
-    QorCollectLocalNames();
-    tag_all_classes(); // last, so that few classes come after it; without it the dump has no class records
-    igbfpSet = 0;
-    qorNamelessLocals = 0;
     Walk();
     QorWriteClassRecords();
-    WriteTrailer(start);
-    QorFreeClassList();
-    QorDropLocalNames();
+    QORLOG(LOG_NOTE, "Finished with Heap dump");
+    QorWriteDumpTrailer();
+    QorEndDump();
     if (QorDumpClose(&fp) == 0)
         return 0;
     QORLOG(LOG_ERROR, "Heap dump: %s could not be written and is left empty: %s", path, strerror(errno));
@@ -104,10 +87,40 @@ int32_t DumpTo(const char *path) {
 
 } // namespace
 
-int32_t QorHeapDump(const char *path) {
+int32_t QorBeginDump(const char *path) {
     iQorStrArrSize = STRING_ARRAY_SIZE;
     igbArrayElementlength = 0;
     QORLOG(LOG_NOTE, "Heap Dumping to %s", path);
+    if (QorDumpOpen(&fp, path, gbiDumpBufferSize) != 0) {
+        QORLOG(LOG_ERROR, "Not able to open the file for writing %s", path);
+        QORLOG(LOG_ERROR, "Heap dump: %s", strerror(errno));
+        return -1;
+    }
+    dumpStart = time(nullptr);
+    QorWriteHeapDumpHeader(&fp);
+    igbCurrentRun = !igbCurrentRun;
+    iHeapObjectStartNum = FIRST_OBJECT_NUMBER;
+    QorCollectLocalNames();
+    tag_all_classes(); // last, so that few classes come after it; without it the dump has no class records
+    igbfpSet = 0;
+    qorNamelessLocals = 0;
+    return 0;
+}
+
+void QorWriteDumpTrailer() {
+    const int64_t seconds = time(nullptr) - dumpStart;
+    constexpr char BEFORE[] = " Finished ", AFTER[] = " secs";
+    char *p = QorPutText(QorDumpReserve(&fp, DUMP_LEAST_BUFFER), BEFORE);
+    p = QorPutSigned(p, seconds > 0 ? seconds : 0);
+    QorDumpCommit(&fp, QorPutText(p, AFTER));
+}
+
+void QorEndDump() {
+    QorFreeClassList();
+    QorDropLocalNames();
+}
+
+int32_t QorHeapDump(const char *path) {
     if (!jvmtijni_env)
         return -1;
     QorLocalFrame frame(jvmtijni_env, FRAME_CAPACITY); // holds all classes: without it none is ever unloaded

@@ -9,8 +9,9 @@ namespace {
 
 constexpr int MAX_OWN_CHILDREN = 64;
 
-std::atomic<int32_t> ownChildren[MAX_OWN_CHILDREN]; // process ids, 0 for a free place
-struct sigaction earlierAction;                     // what the signal did before
+// Process ids, 0 for a free place. Negated while the child must not be collected.
+std::atomic<int32_t> ownChildren[MAX_OWN_CHILDREN];
+struct sigaction earlierAction; // what the signal did before
 bool installed;
 
 bool HasEarlierHandler() {
@@ -62,11 +63,28 @@ bool QorRecordChild(pid_t pid) {
     return false;
 }
 
+bool QorChildIsRecorded(pid_t pid) {
+    for (std::atomic<int32_t> &place : ownChildren)
+        if (pid > 0 && (place == pid || place == -pid))
+            return true;
+    return false;
+}
+
+void QorKillChild(pid_t pid) {
+    for (std::atomic<int32_t> &place : ownChildren) {
+        int32_t alive = pid;
+        if (pid <= 0 || !place.compare_exchange_strong(alive, -pid))
+            continue;
+        kill(pid, SIGKILL); // as nobody collects it now, the number is still its own
+        place = pid;
+    }
+}
+
 int32_t zombie_reaper() {
     int32_t last = 0;
     for (std::atomic<int32_t> &place : ownChildren) {
         int32_t pid = place;
-        if (pid == 0)
+        if (pid <= 0)
             continue;
         last = waitpid(pid, nullptr, WNOHANG);
         if (last != 0 && !(last < 0 && errno == EINTR))

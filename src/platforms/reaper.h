@@ -13,6 +13,13 @@
 // directly.
 bool QorRecordChild(pid_t pid);
 
+// True until a recorded child has been collected.
+bool QorChildIsRecorded(pid_t pid);
+
+// Kills a recorded child; one that is not recorded, or has been collected, is left alone: its number may be
+// somebody else's by now. The handler, or zombie_reaper, collects it later.
+void QorKillChild(pid_t pid);
+
 // Collects the recorded children that have ended. The last result of waitpid, 0 when there are none. Safe in
 // a signal handler.
 int32_t zombie_reaper();

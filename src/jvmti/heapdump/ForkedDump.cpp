@@ -1,0 +1,125 @@
+#include "ForkedDump.h"
+
+#include "ClassRecords.h"
+#include "DumpCallbacks.h"
+#include "DumpSteps.h"
+#include "HeapDump.h"
+#include "ObjectTags.h"
+#include "jvmti/ForkedWalk.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Session.h"
+#include "jvmti/TagEnvironment.h"
+#include "qorlog.h"
+
+#include <cerrno>
+#include <utility>
+
+namespace {
+
+constexpr jint FRAME_CAPACITY = 16;
+// The copy marks and tags all objects: their pages become its own, and tags come to about twice the objects.
+constexpr uint32_t HEAP_SHARES = 3;
+
+QorDumpFile classRecords; // their text, composed before the fork
+
+// Arrays of primitives that some reference has led to, and those that the walk has been in. While they differ
+// the walk can't be over, however quiet it is. Read by the copy's watching thread.
+volatile int64_t arraysMet, arraysVisited;
+
+bool WalkCanBeOver() {
+    return fp.error || (!fp.writing && arraysVisited >= arraysMet);
+}
+
+int32_t FinishFile() {
+    QorFinishArrayHeader();
+    QorDumpText(&fp, classRecords.buffer, classRecords.used);
+    QorWriteDumpTrailer();
+    QorDumpFlush(&fp);
+    return fp.error;
+}
+
+jint JNICALL ForkedReference(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, jlong classTag,
+                             jlong referrerClassTag, jlong size, jlong *tagPtr, jlong *referrerTagPtr,
+                             jint length, void *userData) {
+    if (!QorWalkOnInChild())
+        return JVMTI_VISIT_ABORT;
+    const int64_t klass = QorTagNumber(classTag);
+    if (klass > 0 && klass < FIRST_CLASS_NUMBER && (!*tagPtr || QorTagIsStale(*tagPtr, igbCurrentRun)))
+        arraysMet = arraysMet + 1;
+    return cbQorHeapReference(kind, info, classTag, referrerClassTag, size, tagPtr, referrerTagPtr, length,
+                              userData);
+}
+
+jint JNICALL ForkedPrimArray(jlong classTag, jlong size, jlong *tagPtr, jint count, jvmtiPrimitiveType type,
+                             const void *elements, void *userData) {
+    if (!QorWalkOnInChild())
+        return JVMTI_VISIT_ABORT;
+    arraysVisited = arraysVisited + 1;
+    return cbQorPrimArrayData(classTag, size, tagPtr, count, type, elements, userData);
+}
+
+bool ComposeClassRecords() {
+    if (!QorDumpBegin(&classRecords, DUMP_BUFFER_SIZE))
+        return false;
+    std::swap(fp, classRecords);
+    QorWriteClassRecords();
+    std::swap(fp, classRecords);
+    return !classRecords.error;
+}
+
+int32_t Fork() {
+    jvmtiHeapCallbacks callbacks = {};
+    callbacks.heap_reference_callback = ForkedReference;
+    callbacks.array_primitive_value_callback = ForkedPrimArray;
+    arraysMet = arraysVisited = 0;
+    return QorForkedWalkReturned(gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+}
+
+// With the dump begun: takes its file over, or closes it.
+int32_t ForkInWalk(const int32_t pipe[2]) {
+    const QorForkPlan plan = {fp.fd, {pipe[0], pipe[1]}, 0, WalkCanBeOver, FinishFile};
+    if (!ComposeClassRecords() || !QorPrepareFork(plan)) {
+        fp.error = ENOMEM;
+        QorDumpClose(&fp);
+        return FORK_REFUSED_BY_SYSTEM;
+    }
+    const int32_t pid = Fork();
+    QorDumpAbandon(&fp); // the copy has its own of what the buffer holds
+    if (pid < 0)
+        QorForgetFork();
+    return pid;
+}
+
+int32_t DumpTo(const char *path, const int32_t pipe[2]) {
+    const int32_t run = igbCurrentRun;
+    int32_t pid = FORK_REFUSED_FILE;
+    if (QorBeginDump(path) == 0) {
+        pid = ForkInWalk(pipe);
+        QorEndDump();
+        QorDumpAbandon(&classRecords);
+    }
+    igbCurrentRun = run; // this process has made no dump
+    return pid;
+}
+
+} // namespace
+
+int32_t QorForkHeapDump(const char *path, const int32_t pipe[2]) {
+    if (!jvmtijni_env)
+        return FORK_REFUSED_BY_JVM;
+    const int32_t refusal = QorCheckFork(HEAP_SHARES);
+    if (refusal)
+        return refusal;
+    QorLocalFrame frame(jvmtijni_env, FRAME_CAPACITY);
+    if (!frame.pushed) {
+        QorLogNoFrame(LOG_ERROR);
+        return FORK_REFUSED_BY_JVM;
+    }
+    gbDumpEnv = QorOpenTagEnvironment();
+    if (!gbDumpEnv)
+        return FORK_REFUSED_BY_JVM;
+    const int32_t result = DumpTo(path, pipe);
+    QorCloseTagEnvironment(gbDumpEnv);
+    gbDumpEnv = nullptr;
+    return result;
+}
