@@ -1,0 +1,7 @@
+package com.ibm.ws.webcontainer.webapp;
+
+public class WebAppDispatcherContext {
+    protected String _servletPath;
+
+    public WebAppDispatcherContext(String path) { _servletPath = path; }
+}

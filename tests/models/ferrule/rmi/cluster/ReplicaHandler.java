@@ -1,0 +1,7 @@
+package ferrule.rmi.cluster;
+
+public class ReplicaHandler {
+    protected String jndiName;
+
+    public ReplicaHandler(String name) { jndiName = name; }
+}

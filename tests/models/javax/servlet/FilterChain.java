@@ -1,0 +1,5 @@
+package javax.servlet;
+
+public interface FilterChain {
+    void doFilter(ServletRequest request, ServletResponse response);
+}

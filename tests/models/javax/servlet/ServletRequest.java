@@ -1,0 +1,3 @@
+package javax.servlet;
+
+public interface ServletRequest {}

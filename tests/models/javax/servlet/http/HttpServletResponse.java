@@ -1,0 +1,5 @@
+package javax.servlet.http;
+
+import javax.servlet.ServletResponse;
+
+public interface HttpServletResponse extends ServletResponse {}

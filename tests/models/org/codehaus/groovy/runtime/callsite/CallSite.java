@@ -1,0 +1,5 @@
+package org.codehaus.groovy.runtime.callsite;
+
+public interface CallSite {
+    void call(Runnable receiver);
+}

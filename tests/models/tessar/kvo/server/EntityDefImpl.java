@@ -1,0 +1,5 @@
+package tessar.kvo.server;
+
+public class EntityDefImpl extends RowDef {
+    public EntityDefImpl(String name) { super(name); }
+}

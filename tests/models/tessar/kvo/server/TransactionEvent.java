@@ -1,0 +1,3 @@
+package tessar.kvo.server;
+
+public class TransactionEvent {}

@@ -1,0 +1,7 @@
+package tessar.kvo.server;
+
+public class ViewAttributeDefImpl {
+    protected RowDef mDef;
+
+    public ViewAttributeDefImpl(String name) { mDef = new RowDef(name); }
+}

@@ -1,0 +1,7 @@
+package tessar.qrfinternal.controller.state;
+
+public class ViewPortContextImpl {
+    protected String mCachedPhysicalUri;
+
+    public ViewPortContextImpl(String uri) { mCachedPhysicalUri = uri; }
+}
