@@ -11,16 +11,6 @@ namespace {
 
 jmethodID qor_bci_method_id;
 
-// Describes and clears a pending exception. Whether there was one. Unlike the wrappers of the JNI layer this
-// describes at every log level: the failing code is the Java side's own.
-bool DescribeAndClear(JNIEnv *env) {
-    if (!env->ExceptionCheck())
-        return false;
-    env->ExceptionDescribe();
-    env->ExceptionClear();
-    return true;
-}
-
 void TakeThreadIds(JNIEnv *env, jlongArray ids) {
     const int32_t count = std::min<int32_t>(env->GetArrayLength(ids), MAX_BCI_THREADS);
     static_assert(sizeof(jlong) == sizeof gBciThreadIds[0], "ids are copied as they are");
@@ -33,12 +23,12 @@ void TakeThreadIds(JNIEnv *env, jlongArray ids) {
 
 void AskForThreadIds(JNIEnv *env) {
     qor_bci_method_id = env->GetStaticMethodID(e2eclass, "datafrombci", "()[J");
-    if (DescribeAndClear(env))
+    if (QorDescribeException(env))
         QORLOG(LOG_ERROR, "dataFromBCI : Exception while getting the JNI method id for dataFromBCI method");
     if (!qor_bci_method_id)
         return;
     auto ids = static_cast<jlongArray>(env->CallStaticObjectMethod(e2eclass, qor_bci_method_id));
-    if (DescribeAndClear(env))
+    if (QorDescribeException(env))
         return;
     if (!ids) {
         QORLOG(LOG_DETAIL, "dataFromBCI : No active threads returned from BCI");

@@ -26,7 +26,7 @@ struct TitleRow {
 
 // The first row that applies decides.
 constexpr TitleRow titleRows[] = {
-    {QORREQ_MEMORY_ACTIVITY, ANY_FORM, "JVM Memory Activity"},
+    {QORREQ_MEMORY_ACTIVITY, ANY_FORM, TITLE_MEMORY_ACTIVITY},
     {QORREQ_THREAD_SUMMARY, ANY_FORM, "Thread Info Summary"},
     {QORREQ_ACTIVE_THREADS, ANY_FORM, TITLE_ACTIVE_THREADS},
     {QORREQ_THREAD_DETAILS, ANY_FORM, TITLE_THREAD_DETAILS},

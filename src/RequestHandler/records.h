@@ -25,6 +25,7 @@ extern char null_str[2];
 
 // Section titles.
 constexpr char TITLE_ACTIVE_THREADS[] = "JVM Active Threads";
+constexpr char TITLE_MEMORY_ACTIVITY[] = "JVM Memory Activity";
 constexpr char TITLE_THREAD_DETAILS[] = "Thread Info Details";
 constexpr char TITLE_CALL_STACK[] = "Call Stack";
 constexpr char TITLE_LOCKS[] = "JVM Locks";

@@ -16,6 +16,14 @@ bool QorClearException(JNIEnv *env) {
     return true;
 }
 
+bool QorDescribeException(JNIEnv *env) {
+    if (!env->ExceptionCheck())
+        return false;
+    env->ExceptionDescribe();
+    env->ExceptionClear();
+    return true;
+}
+
 // One wrapper: result, its name, the JNI function, the value without an environment, parameters, arguments.
 #define WRAP(Result, Name, Function, None, Parameters, ...)                                                  \
     Result Name Parameters {                                                                                 \

@@ -13,6 +13,9 @@
 // True when there was one.
 bool QorClearException(JNIEnv *env);
 
+// The same for calls of the Java side's own code: describes at every log level.
+bool QorDescribeException(JNIEnv *env);
+
 // Frames and references
 jint QorPushLocalFrame(JNIEnv *env, jint capacity);
 jobject QorPopLocalFrame(JNIEnv *env, jobject result);

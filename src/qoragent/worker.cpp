@@ -14,6 +14,7 @@
 #include "request_text.h"
 #include "shutdown.h"
 
+#include "RequestHandler/enrichment.h"
 #include "RequestHandler/records.h"
 #include "jvmti/Session.h"
 #include "platforms/forked_child.h"
@@ -29,7 +30,6 @@ std::atomic<int32_t> ch_pid;
 std::atomic<int32_t> prev_ch_pid;
 int32_t gbThreadId;
 int32_t iNotUsingSignalHandler;
-std::atomic<int32_t> flagcompiled_java_code;
 std::atomic<int32_t> workerBusy;
 
 namespace {

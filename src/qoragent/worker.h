@@ -17,8 +17,6 @@ extern std::atomic<int32_t> ch_pid; // system thread id of the worker or the ini
 extern std::atomic<int32_t> prev_ch_pid; // of the worker that was given up, or has ended
 extern int32_t gbThreadId;               // the worker's, on the JVMTI road
 extern int32_t iNotUsingSignalHandler;   // 1 on the JVMTI road; informational
-extern std::atomic<int32_t>
-    flagcompiled_java_code; // 1 while the worker is in a Java call that enriches a reply
 
 // 1 while one thread has the worker's lists and the session's references in hand: the worker for the length
 // of a wake-up, another thread for as long as it takes a list away.
