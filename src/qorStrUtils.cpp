@@ -14,6 +14,7 @@ namespace {
 
 constexpr int64_t USEC_PER_SEC = 1000000;
 constexpr int64_t REPORT_INTERVAL_SEC = 3600;
+constexpr int32_t SURROGATE_LENGTH = 3;
 constexpr int32_t FULL_REPORT_MASK = 3; // every fourth report shows the texts too
 
 struct CopyWords {
@@ -36,15 +37,10 @@ int32_t CharacterLength(unsigned char first) {
     return first >= 0xc0 ? 2 : 1;
 }
 
-// Shortens `length` by a character at its end that the cut has torn: half a character makes the JVM's
-// NewStringUTF read past the text's end. Bytes that are no UTF-8 stay.
-int32_t WithoutTornCharacter(const char *text, int32_t length) {
-    for (int32_t back = 1; back <= 3 && back <= length; back++) {
-        const auto byte = static_cast<unsigned char>(text[length - back]);
-        if ((byte & 0xc0) != 0x80)
-            return CharacterLength(byte) > back ? length - back : length;
-    }
-    return length;
+// Whether the text ends in the first half of a surrogate pair, which Java encodes by itself.
+bool EndsInHighSurrogate(const char *text, int32_t length) {
+    return length >= SURROGATE_LENGTH && text[length - 3] == '\xed' &&
+           (static_cast<unsigned char>(text[length - 2]) & 0xf0) == 0xa0;
 }
 
 // The copy behind the three routines: the bytes copied, or -1.
@@ -64,7 +60,7 @@ int32_t CopyText(char *dst, const char *src, int32_t size, int32_t len, const Co
     }
     // A text that just fills its storage was cut here, or by a caller that gave the room as the length.
     if (length == size - 1)
-        length = WithoutTornCharacter(src, length);
+        length = QorWholeCharacters(src, length);
     memmove(dst, src, static_cast<size_t>(length));
     dst[length] = 0;
     return length;
@@ -89,6 +85,18 @@ int32_t RefuseAgentAppend(const char *text) {
 }
 
 } // namespace
+
+int32_t QorWholeCharacters(const char *text, int32_t length) {
+    for (int32_t back = 1; back <= 3 && back <= length; back++) {
+        const auto byte = static_cast<unsigned char>(text[length - back]);
+        if ((byte & 0xc0) == 0x80)
+            continue;
+        if (CharacterLength(byte) > back)
+            length -= back;
+        break;
+    }
+    return EndsInHighSurrogate(text, length) ? length - SURROGATE_LENGTH : length;
+}
 
 int32_t QorStrncpy(char *dst, const char *src, int32_t size, int32_t len) {
     return CopyText(dst, src, size, len, PLAIN_WORDS) < 0 ? -1 : 0;

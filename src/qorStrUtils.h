@@ -17,6 +17,11 @@ extern int32_t bufferOverflowCount;               // appends refused
 extern int32_t bufferOverflowDumpCount;           // reports made of them
 extern struct timeval prevBufferOverFlowDumpTime; // time of the last report, on the monotonic clock
 
+// The length of a text cut at `length` without what the cut has torn: part of a character, which would make
+// the JVM's NewStringUTF read past the text's end, and the first half of a surrogate pair. Bytes that are no
+// UTF-8 count as whole.
+int32_t QorWholeCharacters(const char *text, int32_t length);
+
 // Copies at most `len` bytes of `src`, or up to its terminator, into `size` bytes of storage and terminates.
 // `len` may be the exact length or any upper bound of it. 0, or -1 with nothing written: no destination, a
 // size below 2, no source, or a `len` below 1.

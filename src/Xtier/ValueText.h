@@ -2,7 +2,7 @@
 //
 // A value may hold anything: line ends, the characters that the record format and the merge of the Java
 // side's answer cut at (14, 15, 26 to 31), a text cut inside a character, bytes that are no modified UTF-8
-// and would make NewStringUTF eat what follows. Any thread.
+// and would make NewStringUTF eat what follows. Any thread, but for the readers of Strings: worker.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,20 @@
 // Replaces line ends and separators by blanks.
 void QorBlankSeparators(char *text);
 
-// Cuts an incomplete last character, and with it a high surrogate without its partner. Returns the length.
+// Ends a text that was cut at `length` in front of what the cut has torn: an incomplete last character, a
+// high surrogate without its partner. Returns the length.
 int32_t QorDropPartialCharacter(char *text, int32_t length);
 
-// Replaces bytes that are no modified UTF-8 (4-byte forms included) by "?". For bytes of unknown origin.
+// Replaces each sequence that is no modified UTF-8 (4-byte forms included) by "?". For bytes of unknown
+// origin.
 void QorReplaceForeignBytes(char *text);
 
-// A String's text into `capacity` bytes (terminator included, at least 1), fit for a record. 0, or -1 for a
-// dead reference; null or unread gives "". No more of a long string is copied than fits.
+// A String's text into `capacity` bytes (terminator included, at least 1), cut at a character; *cut tells
+// whether it was. 0, or -1 for a dead reference; null or unread gives "". No more of a long string is copied
+// than fits.
+int32_t QorCopyStringText(jstring str, char *dest, int32_t capacity, bool *cut);
+
+// The same, fit for a record.
 int32_t QorReadValueText(jstring str, char *dest, int32_t capacity);
 
 // The String in a field of an object, by the same rules. 0, or -1 with `dest` empty: no such field. A null

@@ -1,0 +1,95 @@
+#include "ConnectionCache.h"
+
+#include "qorStrUtils.h"
+#include "qorlog.h"
+
+#include <cstdlib>
+#include <cstring>
+
+QorDBRequestData *gbDB_Info;
+int32_t iDBInfoIndex;
+
+namespace {
+
+// The ends of the list in order of adding, oldest first.
+QorDBRequestData *ptrDbInfoLru, *ptrDbInfoMru;
+
+bool IsKnown(const QorDBRequestData *record) {
+    for (int32_t i = 0; i < iDBInfoIndex; i++) {
+        const QorDBRequestData &known = gbDB_Info[i];
+        if (known.connectionHash == record->connectionHash &&
+            strncmp(known.threadName, record->threadName, DB_THREAD_NAME_SIZE) == 0 &&
+            strncmp(known.threadKey, record->threadKey, DB_THREAD_KEY_SIZE) == 0)
+            return true;
+    }
+    return false;
+}
+
+QorDBRequestData *TakeOldest(const QorDBRequestData *added) {
+    QorDBRequestData *oldest = ptrDbInfoLru;
+    QORLOG(LOG_TRACE, "Aging out JDBC Conn ID %d for JDBC Conn ID %d", static_cast<int>(oldest->localPort),
+           static_cast<int>(added->localPort));
+    ptrDbInfoLru = oldest->next;
+    ptrDbInfoLru->prev = nullptr;
+    return oldest;
+}
+
+void LinkAsNewest(QorDBRequestData *entry) {
+    entry->prev = ptrDbInfoMru;
+    entry->next = nullptr;
+    if (ptrDbInfoMru)
+        ptrDbInfoMru->next = entry;
+    else
+        ptrDbInfoLru = entry;
+    ptrDbInfoMru = entry;
+}
+
+// An empty text must not leave that of the connection which had the entry before.
+template <size_t SIZE>
+void CopyText(char (&dest)[SIZE], const char (&text)[SIZE]) {
+    dest[0] = 0;
+    QorStrncpy(dest, text, SIZE, SIZE);
+}
+
+void CopyFields(QorDBRequestData *entry, const QorDBRequestData *record) {
+    CopyText(entry->url, record->url);
+    CopyText(entry->user, record->user);
+    entry->localPort = record->localPort;
+    entry->remotePort = record->remotePort;
+    CopyText(entry->remoteHost, record->remoteHost);
+    entry->connectionHash = record->connectionHash;
+    entry->sqlRef = record->sqlRef;
+    CopyText(entry->sqlText, record->sqlText);
+    entry->dbType = record->dbType;
+    CopyText(entry->threadName, record->threadName);
+    CopyText(entry->threadKey, record->threadKey);
+    entry->sampleTime = record->sampleTime;
+    entry->fd = record->fd;
+}
+
+} // namespace
+
+int32_t QorUpdateDbConnectionInfo(const QorDBRequestData *record) {
+    if (!record) {
+        QORLOG(LOG_ERROR, "QorUpdateDbConnectionInfo : Pointer to DB INFO NULL");
+        return -1;
+    }
+    if (!gbDB_Info)
+        gbDB_Info = static_cast<QorDBRequestData *>(calloc(DB_CONNECTIONS, sizeof *gbDB_Info));
+    if (!gbDB_Info) {
+        QORLOG(LOG_ERROR, "no memory for the connections that were seen");
+        return -1;
+    }
+    if (IsKnown(record))
+        return 0;
+    QorDBRequestData *entry = iDBInfoIndex < DB_CONNECTIONS ? &gbDB_Info[iDBInfoIndex++] : TakeOldest(record);
+    LinkAsNewest(entry);
+    CopyFields(entry, record);
+    return 0;
+}
+
+void QorDropDbConnections() {
+    free(gbDB_Info);
+    gbDB_Info = ptrDbInfoLru = ptrDbInfoMru = nullptr;
+    iDBInfoIndex = 0;
+}
