@@ -14,9 +14,13 @@ public final class cJavaCall {
 
     private static final char FRAMEWORK_MARK = 14;
     private static final char REMOTE_MARK = 15;
-    private static final char TEXT_START = 29;
+    private static final char FIELD_SEPARATOR = 29; // the first of a record starts its end-to-end text
     private static final char RECORD_END = 30;
     private static final char SECTION_END = 31;
+    private static final char NOT_KNOWN = '^';
+
+    private static final int LONGEST_TEXT = 16384;
+    private static final int TYPICAL_RECORD = 48;
 
     private static final ConcurrentMap<Long, Integer> active = new ConcurrentHashMap<>();
     private static volatile EndToEndProvider provider;
@@ -47,60 +51,89 @@ public final class cJavaCall {
     }
 
     /**
-     * What the provider tells of a sample: the system's text and a section end, when asked for, then for each
-     * thread, in order, its framework and remote texts between their marks, the start mark, the end-to-end
-     * text and a record end.
+     * What Java knows of a sample. The answer is flat text of
+     * <ul>
+     * <li>with {@code systemData}: the system's record ({@link Figures#system}), the provider's system text as
+     *     a further field, and a section end (31);
+     * <li>then for each thread, in order, a record: the provider's framework text between two marks 14, its
+     *     remote text between two marks 15, the start mark (29), the thread's figures
+     *     ({@link Figures#append}), behind a separator (29) the provider's end-to-end text, and a record end
+     *     (30). Texts that there are none of are left out with their marks.
+     * </ul>
      *
      * @param threads the threads of the sample
-     * @param ids their operating system ids
+     * @param ids their operating system ids, -1 for none
      * @param strings ten texts for each
      * @return null when there is nothing to add
      */
     public static String cjavacalls(Object[] threads, long[] ids, String[] strings, int count, int systemData,
                                     int isPoll) {
-        EndToEndProvider asked = provider;
-        if (asked == null)
-            return null;
         try {
-            return collect(asked, threads, ids, Arrays.asList(strings), count, systemData != 0, isPoll != 0);
+            return collect(threads, ids, Arrays.asList(strings), count, systemData != 0, isPoll != 0);
         } catch (Throwable t) {
             return null;
         }
     }
 
-    private static String collect(EndToEndProvider asked, Object[] threads, long[] ids, List<String> strings,
-                                  int count, boolean systemData, boolean poll) {
-        StringBuilder text = new StringBuilder();
-        boolean something = false;
+    private static String collect(Object[] threads, long[] ids, List<String> strings, int count,
+                                  boolean systemData, boolean poll) {
+        EndToEndProvider asked = provider;
+        Figures figures = Figures.of(threads, count);
+        if (figures == null && asked == null)
+            return null;
+        StringBuilder text = new StringBuilder(TYPICAL_RECORD * (count + 1));
         if (systemData) {
-            String system = asked.systemData();
-            something = system != null;
-            append(text, system).append(SECTION_END);
+            Figures.system(text);
+            String system = asked == null ? null : systemText(asked);
+            if (system != null)
+                append(text.append(FIELD_SEPARATOR), system);
+            text.append(SECTION_END);
         }
         for (int i = 0; i < count; i++) {
             List<String> details = strings.subList(i * DETAILS_PER_THREAD, (i + 1) * DETAILS_PER_THREAD);
-            EndToEndProvider.ThreadText known = asked.describe((Thread)threads[i], ids[i], details, poll);
-            something |= known != null;
-            append(text, known);
+            EndToEndProvider.ThreadText known =
+                asked == null ? null : describe(asked, (Thread)threads[i], ids[i], details, poll);
+            append(text, figures, i, known);
         }
-        return something ? text.toString() : null;
+        return text.toString();
+    }
+
+    private static String systemText(EndToEndProvider asked) {
+        try {
+            return asked.systemData();
+        } catch (Throwable t) {
+            return null;
+        }
+    }
+
+    private static EndToEndProvider.ThreadText describe(EndToEndProvider asked, Thread thread, long id,
+                                                        List<String> details, boolean poll) {
+        try {
+            return asked.describe(thread, id, details, poll);
+        } catch (Throwable t) {
+            return null;
+        }
     }
 
     /** A thread of which nothing is known still has its record, as the reader counts them. */
-    private static void append(StringBuilder text, EndToEndProvider.ThreadText known) {
+    private static void append(StringBuilder text, Figures figures, int index,
+                               EndToEndProvider.ThreadText known) {
         if (known != null && known.framework != null)
             append(text.append(FRAMEWORK_MARK), known.framework).append(FRAMEWORK_MARK);
         if (known != null && known.remote != null)
             append(text.append(REMOTE_MARK), known.remote).append(REMOTE_MARK);
-        text.append(TEXT_START);
-        if (known != null)
-            append(text, known.endToEnd);
+        text.append(FIELD_SEPARATOR);
+        if (figures == null || !figures.append(text, index))
+            text.append(NOT_KNOWN);
+        if (known != null && known.endToEnd != null)
+            append(text.append(FIELD_SEPARATOR), known.endToEnd);
         text.append(RECORD_END);
     }
 
-    /** Field separators pass; the marks that the reader goes by become blanks. */
+    /** Field separators pass; the marks that the reader goes by become blanks, long texts are cut. */
     private static StringBuilder append(StringBuilder text, String piece) {
-        for (int i = 0; piece != null && i < piece.length(); i++) {
+        int length = Math.min(piece.length(), LONGEST_TEXT);
+        for (int i = 0; i < length; i++) {
             char c = piece.charAt(i);
             boolean mark = c == FRAMEWORK_MARK || c == REMOTE_MARK || c == RECORD_END || c == SECTION_END;
             text.append(mark ? ' ' : c);

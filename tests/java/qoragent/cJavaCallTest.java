@@ -3,8 +3,12 @@ package qoragent;
 import static org.junit.Assert.assertArrayEquals;
 import static org.junit.Assert.assertEquals;
 import static org.junit.Assert.assertNull;
+import static org.junit.Assert.assertTrue;
 
+import java.lang.management.ManagementFactory;
 import java.util.List;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 import org.junit.After;
 import org.junit.Test;
 import qoragent.EndToEndProvider.ThreadText;
@@ -42,22 +46,58 @@ public class cJavaCallTest {
         cJavaCall.register(null);
     }
 
+    /** The answer with F in place of a thread's figures and S of the system's. */
+    private static String form(String answer) {
+        return answer.replaceAll("cpu=\\d+ alloc=\\d+", "F").replaceAll(
+            "cpu=\\d+ load=[-.\\d]+ threads=\\d+ peak=\\d+ daemons=\\d+ classes=\\d+ uptime=\\d+", "S");
+    }
+
+    private static final String SYSTEM = "Java System Data\36S";
+
     @Test
     public void answerHoldsOneRecordForEachThread() {
-        assertNull(call(null, 1));
-        assertNull(call(provider(null, null), 1));
-        assertEquals("sys\37\35\36\35\36", call(provider("sys", null), 1));
-        assertEquals("\35\36\35e2e\35more\36",
-                     call(provider("sys", new ThreadText(null, null, "e2e\35more")), 0));
-        assertEquals("\37\35\36\16qrf\16\17db\17\35e2e\36",
-                     call(provider(null, new ThreadText("qrf", "db", "e2e")), 1));
-        assertEquals("marks of the form are blanks in texts", "a b\37\35\36\16 \16\35c d e f\36",
-                     call(provider("a\37b", new ThreadText("\16", null, "c\36d\17e\37f")), 1));
+        assertEquals("\35F\36\35F\36", form(call(null, 0)));
+        assertEquals(SYSTEM + "\37\35F\36\35F\36", form(call(null, 1)));
+        assertEquals(SYSTEM + "\35sys\37\35F\36\35F\36", form(call(provider("sys", null), 1)));
+        assertEquals("\35F\36\35F\35e2e\35more\36",
+                     form(call(provider("sys", new ThreadText(null, null, "e2e\35more")), 0)));
+        assertEquals("\35F\36\16qrf\16\17db\17\35F\35e2e\36",
+                     form(call(provider(null, new ThreadText("qrf", "db", "e2e")), 0)));
+        assertEquals("marks of the form are blanks in texts",
+                     SYSTEM + "\35a b\37\35F\36\16 \16\35F\35c d e f\36",
+                     form(call(provider("a\37b", new ThreadText("\16", null, "c\36d\17e\37f")), 1)));
     }
 
     @Test
-    public void failingProviderAddsNothing() {
-        assertNull(call(new EndToEndProvider() {
+    public void figuresAreTheJvmsOwn() throws Exception {
+        byte[][] kept = new byte[100][];
+        for (int i = 0; i < kept.length; i++)
+            kept[i] = new byte[100_000];
+        Thread ended = new Thread();
+        ended.start();
+        ended.join();
+        Thread nameless = new Thread() {
+            @Override
+            public long getId() {
+                throw new IllegalStateException();
+            }
+        };
+        long cpuBefore = ManagementFactory.getThreadMXBean().getCurrentThreadCpuTime();
+        Object[] threads = {Thread.currentThread(), ended, nameless};
+        String[] records = cJavaCall.cjavacalls(threads, new long[3], new String[30], 3, 0, 1).split("\36");
+        assertEquals("nothing is known of a thread that has ended", "\35^", records[1]);
+        assertEquals("or that hides its id", "\35^", records[2]);
+        Matcher figures = Pattern.compile("\35cpu=(\\d+) alloc=(\\d+)").matcher(records[0]);
+        assertTrue(records[0], figures.matches());
+        long cpuAfter = ManagementFactory.getThreadMXBean().getCurrentThreadCpuTime();
+        long cpu = Long.parseLong(figures.group(1));
+        assertTrue(records[0], cpuBefore <= cpu && cpu <= cpuAfter);
+        assertTrue(records[0], Long.parseLong(figures.group(2)) >= kept.length * 100_000L);
+    }
+
+    @Test
+    public void failingProviderTakesNothingAway() {
+        assertEquals(SYSTEM + "\37\35F\36\35F\36", form(call(new EndToEndProvider() {
             @Override
             public String systemData() {
                 throw new StackOverflowError();
@@ -65,9 +105,9 @@ public class cJavaCallTest {
 
             @Override
             public ThreadText describe(Thread thread, long osThreadId, List<String> details, boolean poll) {
-                return null;
+                throw new IllegalStateException();
             }
-        }, 1));
+        }, 1)));
     }
 
     @Test
