@@ -1,0 +1,127 @@
+// The way from a driver's connection to its socket's descriptor.
+#include "XtierDb.h"
+
+#include "ObjectMap.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/JniFields.h"
+#include "jvmti/Session.h"
+#include "jvmti/ThreadSystem.h"
+#include "platforms/own_memory.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr char SESSION_HOLDER[] = "db_access,Ltessar/jdbc/dbaccess/DBAccess;";
+constexpr char NETWORK_STREAM[] = "net,Ltessar/net/ns/Communication;|sAtts,Ltessar/net/ns/SessionAtts;|"
+                                  "ntInputStream,Ljava/io/InputStream;";
+
+constexpr char METERED_STREAM[] = "Ltessar/net/nt/MetricsEnabledInputStream;";
+constexpr char REAL_STREAM[] = "realStream,Ljava/io/InputStream;";
+
+// Streams of the JVM that have no descriptor of their own, with the ways to it; the first that leads there
+// counts.
+struct StreamRow {
+    const char *signature;
+    const char *path;
+};
+
+constexpr char SOCKET_STREAM[] = "Ljava/net/Socket$SocketInputStream;";
+constexpr char ENCRYPTED_STREAM[] = "Lsun/security/ssl/SSLSocketImpl$AppInputStream;";
+
+constexpr StreamRow STREAM_ROWS[] = {
+    {SOCKET_STREAM, "in,Ljava/io/InputStream;|this$0,Lsun/nio/ch/NioSocketImpl;|fd,Ljava/io/FileDescriptor;"},
+    // An encrypted socket reads from the one that it is laid on, or from itself as a plain one.
+    {ENCRYPTED_STREAM, "this$0,Lsun/security/ssl/SSLSocketImpl;|self,Ljava/net/Socket;|"
+                       "impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
+    {ENCRYPTED_STREAM, "this$0,Lsun/security/ssl/SSLSocketImpl;|self,Ljava/net/Socket;|"
+                       "impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|"
+                       "fd,Ljava/io/FileDescriptor;"},
+};
+
+// The same behind a driver's own stream, on JVMs that are older than those of the table.
+constexpr char ENCRYPTED_SOCKET[] =
+    "c,Lsun/security/ssl/SSLSocketImpl;|sockInput,Ljava/io/InputStream;|fd,Ljava/io/FileDescriptor;";
+
+// Where the native driver keeps the descriptor: pointers, each at an offset from the one before, the first of
+// them from c_state. The layout is that of one build of that driver.
+constexpr uint64_t THICK_OFFSETS[] = {
+    0,      // C connection structure
+    0x0c,   // c_svchp
+    0x44,   // c_var_9
+    0x120,  // c_var_8
+    0x1a20, // c_var_7
+    0xd4,   // c_var_6
+    0x8c,   // c_var_5
+    0,      // c_var_4
+    0x9c,   // c_var_3
+    0x104,  // c_var_2
+    0x18,   // c_var_1
+};
+constexpr uint64_t THICK_DESCRIPTOR = 0x530; // 32 bits, from the last of them
+
+bool HasSignature(jobject object, const char *signature) {
+    char own[NAME_SIZE] = "";
+    return object && QorGetObjectClassSignature(object, own) == 0 && strcmp(own, signature) == 0;
+}
+
+// The FileDescriptor of a stream of the JVM, null for any other stream.
+jobject FindInTable(jobject stream) {
+    for (const StreamRow &row : STREAM_ROWS)
+        if (HasSignature(stream, row.signature))
+            if (jobject descriptor = QorFollowObjectMap(row.path, stream))
+                return descriptor;
+    return nullptr;
+}
+
+jobject FindDescriptor(jobject stream) {
+    jobject descriptor = FindInTable(stream);
+    if (descriptor)
+        return descriptor;
+    QorGetObjField(stream, "fd", "Ljava/io/FileDescriptor;", &descriptor);
+    if (descriptor)
+        return descriptor;
+    jobject behind = QorFollowObjectMap(REAL_STREAM, stream);
+    if (!behind)
+        return nullptr;
+    descriptor = FindInTable(behind);
+    return descriptor ? descriptor : QorFollowObjectMap(ENCRYPTED_SOCKET, behind);
+}
+
+} // namespace
+
+int32_t QorGetFdFromConnection(jobject connection, int32_t direct, int64_t *fd) {
+    jobject holder = direct ? connection : QorFollowObjectMap(SESSION_HOLDER, connection);
+    if (!holder)
+        return -1;
+    if (!direct && tessar_thick_driver) {
+        if (QorGetFdFromThickDriver(fd, holder) == 0)
+            return 0;
+        *fd = 0;
+        return -1;
+    }
+    jobject stream = QorFollowObjectMap(NETWORK_STREAM, holder);
+    if (HasSignature(stream, METERED_STREAM))
+        stream = QorFollowObjectMap(REAL_STREAM, stream);
+    jobject descriptor = stream ? FindDescriptor(stream) : nullptr;
+    int32_t value = -1;
+    if (!descriptor || QorGetIntObjectField(descriptor, "fd", "I", &value) < 0)
+        return -1;
+    *fd = value;
+    return 0;
+}
+
+int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess) {
+    int64_t state = 0;
+    if (QorGetLongObjectField(dbAccess, "c_state", "J", &state) < 0 || state == 0)
+        return -1;
+    auto pointer = static_cast<uint64_t>(state);
+    for (uint64_t offset : THICK_OFFSETS)
+        if (!QorReadOwnMemory(pointer + offset, &pointer, sizeof pointer) || pointer == 0)
+            return -1;
+    int32_t value = 0;
+    if (!QorReadOwnMemory(pointer + THICK_DESCRIPTOR, &value, sizeof value) || value == 0)
+        return -1;
+    *fd = value;
+    return 0;
+}
