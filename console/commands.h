@@ -25,11 +25,22 @@ struct ThreadsCommand {
     double watch = 0; // seconds; 0: once
 };
 
+struct SessionsCommand {
+    int port = 0; // the database's
+    std::string host;
+    std::vector<int64_t> processes;
+};
+
 void RunList(const Settings &settings);
 void RunAttach(const Settings &settings, pid_t pid);
 void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
 // `thread` is an id, a key or a name.
 void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+// All connections, or with `port` the thread that has this client port.
+void RunConnections(const Settings &settings, pid_t pid, int port, double watch);
+void RunSessions(const Settings &settings, pid_t pid, const SessionsCommand &command);
+// Whether dumps are written by a copy of the JVM.
+void RunForkDump(const Settings &settings, pid_t pid, bool on);
 void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);
 void RunLocals(const Settings &settings, pid_t pid, const std::string &thread, int frame);
 // Each tag's object, or the one that the fields of `follow`, joined by points, lead to from there.

@@ -111,6 +111,16 @@ bool SaysDumped(const Reply &reply) {
     return reply.text.find(DUMPED_TO) != reply.text.npos;
 }
 
+// A dump by a copy of the JVM has its own words for what became of it. Whether the copy still writes.
+bool CopyGoesOn(const Reply &reply) {
+    size_t failed = reply.text.find(FORKED_DUMP_FAILED);
+    if (failed != reply.text.npos)
+        throw Failure(fmt::format("the dump failed: {}",
+                                  Printable(reply.text.substr(failed + FORKED_DUMP_FAILED.size()))),
+                      "the file is empty or cut; the agent's log may tell more");
+    return reply.text.find(FORKED_DUMP_LATE) != reply.text.npos;
+}
+
 // Asks, and returns when the dump is whole. Throws a Failure when it isn't going to be.
 void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTarget &target,
               uint32_t heap_id) {
@@ -121,6 +131,10 @@ void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTar
         return;
     }
     Reply reply = OpenReply(*answer);
+    if (!target.hprof && CopyGoesOn(reply)) {
+        watch->Finish();
+        return;
+    }
     bool dumped = !target.hprof || SaysDumped(reply);
     if (dumped && LookAtDump(pid, target, heap_id).whole)
         return;

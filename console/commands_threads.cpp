@@ -23,10 +23,25 @@ bool FrameHolds(const Frame &frame, const std::string &part) {
     return Holds(frame.class_name + "." + frame.method, part);
 }
 
-// Whether a thread's name, state, call, request or any frame holds the text.
+// Whether the text stands in what is known of the request, the database call or the file.
+bool TiersHold(const Thread &thread, const std::string &part) {
+    const std::optional<std::string> none;
+    const std::optional<std::string> texts[] = {
+        thread.request_url,
+        thread.db ? thread.db->url : none,
+        thread.db ? thread.db->user : none,
+        thread.db ? thread.db->sql : none,
+        thread.rmi ? thread.rmi->jndi_name : none,
+        thread.end_to_end.file,
+    };
+    return std::any_of(std::begin(texts), std::end(texts),
+                       [&](const auto &text) { return text && Holds(*text, part); });
+}
+
+// Whether a thread's name, state, call, work in other tiers or any frame holds the text.
 bool Matches(const Thread &thread, const std::string &part) {
     if (Holds(thread.name, part) || Holds(thread.state, part) ||
-        (thread.call && FrameHolds(*thread.call, part)) || Holds(thread.request_url.value_or(""), part))
+        (thread.call && FrameHolds(*thread.call, part)) || TiersHold(thread, part))
         return true;
     return std::any_of(thread.stack.begin(), thread.stack.end(),
                        [&](const Frame &frame) { return FrameHolds(frame, part); });
@@ -63,6 +78,15 @@ ThreadSample AskForAll(const Settings &settings, pid_t pid, bool details) {
 Failure NoSuchThread(pid_t pid, const std::string &thread) {
     return Failure(fmt::format("JVM {} has no thread {}, or it has no Java frames", pid, thread),
                    "'qorctl threads --all' shows the threads with their ids");
+}
+
+// The view of one stack knows little of other tiers: what the poll tells of the thread is added to it.
+void AddTiers(const Settings &settings, pid_t pid, Thread *thread) {
+    ThreadQuestion question;
+    question.thread_key = thread->key.Text();
+    ThreadSample sample = DecodeThreads(OpenReply(AskOnce(settings, pid, ThreadsRequest(question))));
+    if (const Thread *told = FindByKey(sample, question.thread_key))
+        TakeTiers(*told, thread);
 }
 
 std::string HolderText(const LockHolder &holder, const Thread &waiter, const Style &style) {
@@ -136,6 +160,7 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
 void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch) {
     Repeat(watch, [&] {
         ThreadSample sample = RequireStack(settings, pid, thread);
+        AddTiers(settings, pid, &sample.threads[0]);
         PrintView(settings, watch, ToJson(sample),
                   ThreadDump(sample, TerminalStyle(settings)) + StackNotes(sample) + "\n");
     });

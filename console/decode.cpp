@@ -1,5 +1,6 @@
 #include "decode.h"
 
+#include "cross_tier.h"
 #include "failure.h"
 #include "protocol.h"
 #include "records.h"
@@ -36,19 +37,18 @@ constexpr Refusal REFUSALS[] = {
     {"QOR Uninitialized for this JVM",
      "the agent has no way into this JVM at its optimisation level; run 'shutdown', then 'attach' with "
      "--options optlevel=0"},
+    {"System low on Virtual Memory", "a copy of the JVM wouldn't fit the memory or the container's limit; "
+                                     "switch 'forkdump' off, then the JVM "
+                                     "stands still meanwhile"},
+    {"Unable to start Heap Dump",
+     "the agent's log may tell more; with 'forkdump' off the JVM does it itself and stands still meanwhile"},
+    {"JVM Heap: Error cannot create child pipe", "the JVM may have no descriptor left; ask again"},
     {"Invalid Request", "the agent doesn't know this command; agent and qorctl may be of different versions"},
     {"Unable to complete Request", "the JVM was collecting garbage or the agent was disturbed; ask again"},
     {"NoProcessing: Unkownn argument", "the agent doesn't know this setting, or its value is missing"},
     {"NoProcessing: Invalid Format", "the request names no setting"},
     {"ERROR Null parameters for request", "the request lacks its arguments"},
 };
-
-// "process-thread"; the thread number may be negative, so the first bar behind a digit is the separator.
-bool ReadKey(std::string_view text, ThreadKey *key) {
-    size_t bar = text.find('-', 1);
-    return bar != text.npos && ReadNumber(text.substr(0, bar), &key->process) &&
-           ReadNumber(text.substr(bar + 1), &key->thread);
-}
 
 // Call text, file, line. A method name can't hold the arrow, a class name can: the last one separates.
 bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_view line, Frame *frame) {
@@ -68,55 +68,11 @@ bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_vi
     return true;
 }
 
-bool ReadDbWait(std::string_view block, DbWait *db) {
-    constexpr size_t FIELDS = 10;
-    size_t mark = block.find(DETAIL_COUNTED);
-    size_t count = 0;
-    if (mark == block.npos || !ReadNumber(block.substr(0, mark), &count) || count != FIELDS)
-        return false;
-    std::vector<std::string_view> field = Split(block.substr(mark + 1), FIELD_SEP);
-    if (field.size() != FIELDS || !ReadNumber(field[2], &db->local_port) ||
-        !ReadNumber(field[3], &db->remote_port) || !ReadNumber(field[5], &db->sample_time) ||
-        !ReadNumber(field[6], &db->sql_ref))
-        return false;
-    db->url = ReadOptional(field[0]);
-    db->user = ReadOptional(field[1]);
-    db->remote_host = ReadOptional(field[4]);
-    db->sql = ReadOptional(field[7]);
-    db->type = ReadOptional(field[8]);
-    return true;
-}
-
-bool ReadRmiWait(std::string_view block, RmiWait *rmi) {
-    std::vector<std::string_view> field = Split(block, FIELD_SEP);
-    if (field.size() != 4 || !ReadNumber(field[0], &rmi->call_id) || !ReadNumber(field[1], &rmi->remote_port))
-        return false;
-    rmi->remote_host = ReadOptional(field[2]);
-    rmi->jndi_name = field[3] == "NA" ? std::nullopt : ReadOptional(field[3]);
-    return true;
-}
-
-// The state, and behind it the wait-detail block of a database or RMI call.
-bool ReadState(std::string_view text, Thread *thread) {
-    size_t start = text.find(DETAIL_START);
-    std::string_view state = text.substr(0, start);
-    if (!state.empty() && state[0] == STATE_MARK)
-        state.remove_prefix(1);
-    thread->state = state;
-    if (start == text.npos)
-        return !state.empty();
-    std::string_view block = text.substr(start + 1);
-    if (!block.empty() && block[0] == DETAIL_RMI)
-        return ReadRmiWait(block.substr(1), &thread->rmi.emplace());
-    return ReadDbWait(block, &thread->db.emplace());
-}
-
 // A thread row. The form of the active threads has a marker in front, that of the details has none.
 bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
-    size_t detail = row.find(DETAIL_START);
-    std::vector<std::string_view> field = Split(row.substr(0, detail), FIELD_SEP);
+    Fields field = Split(row, FIELD_SEP);
     size_t at = with_marker ? 1 : 0;
-    if (field.size() != at + 9 || field[at + 1] != NO_VALUE)
+    if (field.size() < at + 9 || field[at + 1] != NO_VALUE)
         return false;
     if (with_marker && field[0] != "a" && field[0] != "user" && field[0] != "sys")
         return false;
@@ -128,11 +84,11 @@ bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
     if (field[at + 5] != NO_VALUE &&
         !ReadFrameGroup(field[at + 5], field[at + 6], field[at + 7], &thread->call.emplace()))
         return false;
-    return ReadState(row.substr(static_cast<size_t>(field[at + 8].data() - row.data())), thread);
+    return ReadStateOn(Fields(field.begin() + static_cast<std::ptrdiff_t>(at) + 8, field.end()), thread);
 }
 
 bool ReadStackRow(std::string_view row, Frame *frame) {
-    std::vector<std::string_view> field = Split(row, FIELD_SEP);
+    Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
     if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
         !ReadNumber(field[5], &frame->method_id))
@@ -152,7 +108,7 @@ std::string LockClass(std::string_view text, int64_t lock) {
 }
 
 bool ReadLockWait(std::string_view record, LockWait *wait) {
-    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    Fields field = Split(record, FIELD_SEP);
     if (field.size() != 4 || !ReadNumber(field[0], &wait->lock) || !ReadKey(field[1], &wait->owner))
         return false;
     wait->class_name = LockClass(field[2], wait->lock);
@@ -160,7 +116,7 @@ bool ReadLockWait(std::string_view record, LockWait *wait) {
 }
 
 bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
-    std::vector<std::string_view> field = Split(record, FIELD_SEP);
+    Fields field = Split(record, FIELD_SEP);
     if (field.size() != 4 || !ReadNumber(field[0], &owned->lock) || !ReadNumber(field[3], &owned->depth))
         return false;
     // Without a number of its own the lock has the one in its text.
@@ -178,30 +134,17 @@ bool ReadCallType(std::string_view text, Frame *frame) {
 
 // A row of the view of one stack.
 bool ReadFrameRow(std::string_view row, Frame *frame) {
-    std::vector<std::string_view> field = Split(row, FIELD_SEP);
+    Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
     return field.size() == 9 && ReadCallType(field[0], frame) && ReadNumber(field[1], &thread) &&
            ReadNumber(field[2], &frame->index) && ReadNumber(field[3], &frame->method_id) &&
            ReadFrameGroup(field[6], field[7], field[8], frame);
 }
 
-// The seven fields of a database call as the view of one stack has them, each with its end mark but the last.
-bool ReadShortDbWait(std::string_view block, DbWait *db) {
-    std::vector<std::string_view> field = Split(block, FIELD_SEP);
-    if (field.size() != 7 || !ReadNumber(field[2], &db->local_port) ||
-        !ReadNumber(field[3], &db->remote_port) || !ReadNumber(field[5], &db->sample_time) ||
-        !ReadNumber(field[6], &db->sql_ref))
-        return false;
-    db->url = ReadOptional(field[0]);
-    db->user = ReadOptional(field[1]);
-    db->remote_host = ReadOptional(field[4]);
-    return true;
-}
-
 // The head of the view of one stack. A thread whose frames could not be had has a name and nothing else.
 bool ReadStackHead(std::string_view head, Thread *thread) {
     size_t detail = head.find(DETAIL_START);
-    std::vector<std::string_view> field = Split(head.substr(0, detail), FIELD_SEP);
+    Fields field = Split(head.substr(0, detail), FIELD_SEP);
     if (field.size() != 9 || field[1] != NO_VALUE || !ReadKey(field[4], &thread->key) || field[8].empty())
         return false;
     thread->name = field[0];
@@ -212,12 +155,13 @@ bool ReadStackHead(std::string_view head, Thread *thread) {
     thread->state = field[8];
     if (field[5] != NO_LINE_SHOWN && !ReadFrameGroup(field[5], field[6], field[7], &thread->call.emplace()))
         return false;
-    return detail == head.npos || ReadShortDbWait(head.substr(detail + 1), &thread->db.emplace());
+    return detail == head.npos ||
+           ReadShortDbWait(Split(head.substr(detail + 1), FIELD_SEP), &thread->db.emplace());
 }
 
 // The one row about a lock's holder.
 bool ReadHolderRow(std::string_view row, Thread *thread) {
-    std::vector<std::string_view> field = Split(row, FIELD_SEP);
+    Fields field = Split(row, FIELD_SEP);
     if (field.size() != 7 || field[6].empty() || !ReadKey(field[2], &thread->key))
         return false;
     thread->name = field[1];
@@ -376,6 +320,18 @@ ThreadSample DecodeStack(const Reply &reply) {
     return sample;
 }
 
+void TakeTiers(const Thread &from, Thread *thread) {
+    if (from.request_url)
+        thread->request_url = from.request_url;
+    if (from.request_detail)
+        thread->request_detail = from.request_detail;
+    if (from.state == thread->state) {
+        thread->db = from.db ? from.db : thread->db;
+        thread->rmi = from.rmi;
+    }
+    thread->end_to_end = from.end_to_end;
+}
+
 LockHolder DecodeLockHolder(const Reply &reply) {
     LockHolder holder;
     RecordReader reader(reply);
@@ -397,7 +353,7 @@ LockHolder DecodeLockHolder(const Reply &reply) {
 }
 
 Summary DecodeSummary(const Reply &reply) {
-    std::vector<std::string_view> field = Split(reply.text, FIELD_SEP);
+    Fields field = Split(reply.text, FIELD_SEP);
     Summary summary;
     bool whole = field.size() == SUMMARY_FIGURES;
     for (size_t i = 0; whole && i < SUMMARY_FIGURES; ++i)

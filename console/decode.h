@@ -72,6 +72,15 @@ struct RmiWait {
     std::optional<std::string> remote_host, jndi_name;
 };
 
+// What the Java side adds to a thread: its figures, what the agent found of its file, its application server
+// and its network peer, and texts of the application's own.
+struct EndToEnd {
+    std::optional<int64_t> cpu_nanoseconds, allocated_bytes; // since the thread started
+    std::optional<std::string> file, application, module, work_manager, session, peer;
+    std::optional<int64_t> stuck, hogger; // 0 or 1
+    std::vector<std::string> texts;
+};
+
 struct LockWait {
     int64_t lock = 0;
     ThreadKey owner; // thread 0 when the owner isn't known
@@ -92,6 +101,7 @@ struct Thread {
     std::optional<Frame> call; // the first call of the application, else the top frame
     std::optional<DbWait> db;
     std::optional<RmiWait> rmi;
+    EndToEnd end_to_end;
     std::vector<Frame> stack; // only with details
     std::optional<LockWait> waits_for;
     std::vector<OwnedLock> owns;
@@ -155,6 +165,10 @@ ThreadSample DecodeThreads(const Reply &reply);
 
 // One thread with its whole stack and its locks; no thread when the JVM has none with this key.
 ThreadSample DecodeStack(const Reply &reply);
+
+// Adds to a thread what another sample of it tells of other tiers. Of its calls out of the JVM only those
+// that go with the state it has in both.
+void TakeTiers(const Thread &from, Thread *thread);
 
 // Who holds the lock that a thread waits for.
 LockHolder DecodeLockHolder(const Reply &reply);

@@ -37,18 +37,6 @@ Json StackRow(const Frame &frame) {
     return row;
 }
 
-Json ToJson(const DbWait &db) {
-    return {{"url", OrNull(db.url)},
-            {"user", OrNull(db.user)},
-            {"local_port", NumberOrNull(db.local_port)},
-            {"remote_host", OrNull(db.remote_host)},
-            {"remote_port", NumberOrNull(db.remote_port)},
-            {"sample_time", NumberOrNull(db.sample_time)},
-            {"sql_ref", NumberOrNull(db.sql_ref)},
-            {"sql", OrNull(db.sql)},
-            {"type", OrNull(db.type)}};
-}
-
 Json ToJson(const RmiWait &rmi) {
     return {{"call_id", NumberOrNull(rmi.call_id)},
             {"remote_host", OrNull(rmi.remote_host)},
@@ -68,6 +56,33 @@ Json ToJson(const OwnedLock &lock) {
             {"depth", lock.depth >= 0 ? Json(lock.depth) : Json()}};
 }
 
+// What is known, straight in the thread's object.
+void AddEndToEnd(const EndToEnd &told, Json *thread) {
+    auto add = [](Json *object, const char *key, const auto &value) {
+        if (value)
+            (*object)[key] = *value;
+    };
+    auto add_truth = [](Json *object, const char *key, const std::optional<int64_t> &value) {
+        if (value)
+            (*object)[key] = *value != 0;
+    };
+    add(thread, "cpu_nanoseconds", told.cpu_nanoseconds);
+    add(thread, "allocated_bytes", told.allocated_bytes);
+    add(thread, "file", told.file);
+    add(thread, "peer", told.peer);
+    Json server = Json::object();
+    add(&server, "application", told.application);
+    add(&server, "module", told.module);
+    add(&server, "work_manager", told.work_manager);
+    add(&server, "session", told.session);
+    add_truth(&server, "stuck", told.stuck);
+    add_truth(&server, "hogger", told.hogger);
+    if (!server.empty())
+        (*thread)["server"] = server;
+    if (!told.texts.empty())
+        (*thread)["texts"] = told.texts;
+}
+
 template <class T, class Convert>
 Json Array(const std::vector<T> &values, Convert convert) {
     Json array = Json::array();
@@ -85,9 +100,10 @@ Json ToJson(const Thread &thread) {
     if (thread.request_url || thread.request_detail)
         object["request"] = {{"url", OrNull(thread.request_url)}, {"detail", OrNull(thread.request_detail)}};
     if (thread.db)
-        object["db"] = ToJson(*thread.db);
+        object["db"] = DbJson(*thread.db);
     if (thread.rmi)
         object["rmi"] = ToJson(*thread.rmi);
+    AddEndToEnd(thread.end_to_end, &object);
     if (thread.stack.empty())
         return object;
     object["stack"] = Array(thread.stack, StackRow);
@@ -97,6 +113,18 @@ Json ToJson(const Thread &thread) {
 }
 
 } // namespace
+
+Json DbJson(const DbWait &db) {
+    return {{"url", OrNull(db.url)},
+            {"user", OrNull(db.user)},
+            {"local_port", NumberOrNull(db.local_port)},
+            {"remote_host", OrNull(db.remote_host)},
+            {"remote_port", NumberOrNull(db.remote_port)},
+            {"sample_time", NumberOrNull(db.sample_time)},
+            {"sql_ref", NumberOrNull(db.sql_ref)},
+            {"sql", OrNull(db.sql)},
+            {"type", OrNull(db.type)}};
+}
 
 Json ToJson(const ThreadSample &sample) {
     return {{"threads", Array(sample.threads, [](const Thread &thread) { return ToJson(thread); })},

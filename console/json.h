@@ -11,6 +11,7 @@ namespace qorctl {
 using Json = nlohmann::ordered_json;
 
 Json ToJson(const ThreadSample &sample);
+Json DbJson(const DbWait &db);
 Json ToJson(const LockHolder &holder); // null when no thread is known
 Json ToJson(const Summary &summary);
 Json CpuJson(const Summary &summary); // the processor figures alone

@@ -22,7 +22,9 @@ struct CommandLine {
     int log_level = 0, top = 20;
     std::string dump_name, dump_file;
     bool hprof = false, live = false;
-    int frame = 0;
+    int frame = 0, client_port = 0;
+    SessionsCommand sessions;
+    std::string fork_dump;
     std::vector<int64_t> tags;
     std::string follow;
 };
@@ -86,6 +88,7 @@ void AddOneThread(CLI::App *app, CommandLine *line) {
     CLI::App *stack = AddJvmCommand(app, "stack", "Show one thread's whole stack and its locks", line);
     AddThreadName(stack, line, true);
     AddWatch(stack, &line->watch);
+    AddWide(stack, &line->settings);
     stack->final_callback([line] { RunStack(line->settings, line->pid, line->thread, line->watch); });
 
     CLI::App *locks = AddJvmCommand(app, "locks", "Show who waits for what, and who holds it", line);
@@ -93,6 +96,36 @@ void AddOneThread(CLI::App *app, CommandLine *line) {
     AddWatch(locks, &line->watch);
     AddWide(locks, &line->settings);
     locks->final_callback([line] { RunLocks(line->settings, line->pid, line->thread, line->watch); });
+}
+
+void AddDatabases(CLI::App *app, CommandLine *line) {
+    const CLI::Range port(1, 65535);
+    CLI::App *connections = AddJvmCommand(
+        app, "connections", "Show the database connections that threads are in a call on", line);
+    connections->add_option("--port", line->client_port, "Which thread has this client port")
+        ->option_text("N")
+        ->check(port);
+    AddWatch(connections, &line->watch);
+    AddWide(connections, &line->settings);
+    connections->final_callback(
+        [line] { RunConnections(line->settings, line->pid, line->client_port, line->watch); });
+
+    CLI::App *sessions = AddJvmCommand(
+        app, "sessions",
+        "Show which processes of a database server serve which client ports; the JVM is one on its machine",
+        line);
+    sessions->add_option("--port", line->sessions.port, "The port that the database listens on")
+        ->option_text("P")
+        ->required()
+        ->check(port);
+    sessions->add_option("--host", line->sessions.host, "The IPv4 address that the clients come from")
+        ->option_text("H")
+        ->required();
+    sessions->add_option("process", line->sessions.processes, "Process ids of the database server")
+        ->option_text("PROCESS...")
+        ->required()
+        ->check(CLI::Range(1, INT_MAX).description(""));
+    sessions->final_callback([line] { RunSessions(line->settings, line->pid, line->sessions); });
 }
 
 void AddObjects(CLI::App *app, CommandLine *line) {
@@ -179,6 +212,18 @@ void AddDump(CLI::App *app, CommandLine *line) {
     dump->final_callback([line] { RunDumpCommand(*line); });
 }
 
+void AddForkDump(CLI::App *app, CommandLine *line) {
+    CLI::App *fork_dump = AddJvmCommand(
+        app, "forkdump",
+        "Let a copy of the JVM write dumps and count histograms, so that the JVM itself doesn't stand still",
+        line);
+    fork_dump->add_option("switch", line->fork_dump, "on or off")
+        ->option_text("on|off")
+        ->required()
+        ->check(CLI::IsMember({"on", "off"}).description(""));
+    fork_dump->final_callback([line] { RunForkDump(line->settings, line->pid, line->fork_dump == "on"); });
+}
+
 void AddOthers(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
@@ -227,9 +272,11 @@ int Run(int argc, char **argv) {
     CommandLine line;
     AddThreads(&app, &line);
     AddOneThread(&app, &line);
+    AddDatabases(&app, &line);
     AddObjects(&app, &line);
     AddMemory(&app, &line);
     AddDump(&app, &line);
+    AddForkDump(&app, &line);
     AddOthers(&app, &line);
     try {
         app.parse(argc, argv);

@@ -49,10 +49,14 @@ constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and
 constexpr std::string_view GC_NAME_TAIL = " GC Count"; // behind the name of a collector
 constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
 constexpr std::string_view DUMPED_TO = "Heap details dumped to ";
+constexpr std::string_view FORKED_DUMP_LATE = "Heap dump timed out";
+constexpr std::string_view FORKED_DUMP_FAILED = "Heap dump failed, ";
 constexpr std::string_view HPROF_REFUSED = "Heap not enabled for";
 constexpr std::string_view TIMED_OUT = "Request TIMED OUT";
 constexpr std::string_view ROWS_END = "Active";           // behind the rows of locals and of fields
 constexpr std::string_view OBJECT_NAME = "Object Name :"; // in front of a class in an object's chain
+constexpr std::string_view NO_SUCH_PORT = "Client Port not found on JVM";
+constexpr std::string_view ERROR_WORD = "ERROR"; // begins what a request for sessions complains of
 constexpr std::string_view USEC_UNIT = " usec";
 
 // The channel.
@@ -90,6 +94,7 @@ enum RequestId : uint32_t {
     REQ_LOCK_HOLDER = 0x800,
     REQ_SHOW_LOCALS = 0x1000,
     REQ_ACTIVE_THREADS = 0x2000,
+    REQ_PORT_HOLDER = 0x4000,
     REQ_POLL_DETAILS = 0x8000,
 };
 

@@ -19,8 +19,8 @@ constexpr PrimitiveName PRIMITIVES[] = {
 
 } // namespace
 
-std::vector<std::string_view> Split(std::string_view text, char separator) {
-    std::vector<std::string_view> pieces;
+Fields Split(std::string_view text, char separator) {
+    Fields pieces;
     size_t start = 0;
     for (size_t end; (end = text.find(separator, start)) != text.npos; start = end + 1)
         pieces.push_back(text.substr(start, end - start));
@@ -30,6 +30,13 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
 
 std::optional<std::string> ReadOptional(std::string_view field) {
     return field == NO_VALUE ? std::nullopt : std::optional<std::string>(field);
+}
+
+// The thread number may be negative, so the first bar behind a digit is the separator.
+bool ReadKey(std::string_view text, ThreadKey *key) {
+    size_t bar = text.find('-', 1);
+    return bar != text.npos && ReadNumber(text.substr(0, bar), &key->process) &&
+           ReadNumber(text.substr(bar + 1), &key->thread);
 }
 
 std::string JavaName(std::string_view signature) {

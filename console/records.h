@@ -9,7 +9,8 @@
 
 namespace qorctl {
 
-std::vector<std::string_view> Split(std::string_view text, char separator);
+using Fields = std::vector<std::string_view>;
+Fields Split(std::string_view text, char separator);
 
 // The whole of `text` as a number; false when it isn't one, or too large.
 template <class Number>
@@ -20,6 +21,9 @@ bool ReadNumber(std::string_view text, Number *value) {
 
 // Nothing for the placeholder.
 std::optional<std::string> ReadOptional(std::string_view field);
+
+// A thread's key, "process-thread".
+bool ReadKey(std::string_view text, ThreadKey *key);
 
 // The JVM's name of a type ("Ljava/lang/String;", "[I") as Java has it ("java.lang.String", "int[]"); another
 // text as it stands.

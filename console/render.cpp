@@ -2,6 +2,7 @@
 
 #include "protocol.h"
 #include "render_memory.h"
+#include "render_tiers.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -19,36 +20,6 @@ constexpr StateColour STATE_COLOURS[] = {
     {"Runnable", "\x1b[32m"}, {"Lock", "\x1b[31m"},     {"Network Wait", "\x1b[33m"}, {"IO Wait", "\x1b[33m"},
     {"DB Wait", "\x1b[33m"},  {"RMI Wait", "\x1b[33m"}, {"Object Wait", "\x1b[2m"},   {"Sleeping", "\x1b[2m"},
 };
-
-// What is known of the call out of the JVM, in one line.
-std::string RemoteText(const Thread &thread) {
-    std::string text;
-    auto add = [&](const std::string &piece) { text += (text.empty() ? "" : " ") + piece; };
-    if (thread.db) {
-        if (thread.db->url)
-            add(*thread.db->url);
-        if (thread.db->user)
-            add("as " + *thread.db->user);
-        if (thread.db->remote_host)
-            add(fmt::format("at {}:{}", *thread.db->remote_host, thread.db->remote_port));
-        if (thread.db->sql)
-            add(*thread.db->sql);
-    }
-    if (thread.rmi) {
-        if (thread.rmi->remote_host)
-            add(fmt::format("{}:{}", *thread.rmi->remote_host, thread.rmi->remote_port));
-        if (thread.rmi->jndi_name)
-            add(*thread.rmi->jndi_name);
-    }
-    return text;
-}
-
-std::string RequestText(const Thread &thread) {
-    std::string text = thread.request_url.value_or("");
-    if (thread.request_detail)
-        text += (text.empty() ? "" : " ") + *thread.request_detail;
-    return text;
-}
 
 std::string LockText(int64_t lock, const std::string &class_name) {
     return fmt::format("<{}> (a {})", lock, class_name);
@@ -123,6 +94,33 @@ private:
     std::string *text_;
 };
 
+// What is known of a thread's work in other tiers, as a column of the table.
+struct TierColumn {
+    Column column;
+    bool wide; // only where lines aren't cut
+    std::string (*text)(const Thread &thread);
+};
+constexpr TierColumn TIER_COLUMNS[] = {
+    {{"CPU", true}, true, CpuTimeText},  {{"ALLOCATED", true}, true, AllocationText},
+    {{"REQUEST"}, false, RequestText},   {{"FILE"}, false, FileText},
+    {{"REMOTE"}, false, RemoteText},     {{"SERVER"}, true, ServerText},
+    {{"TOLD"}, true, OwnText},           {{"DATABASE"}, false, DatabaseText},
+    {{"DB URL"}, true, DatabaseUrlText}, {{"SQL"}, false, SqlText},
+};
+
+// The same as lines of a dump.
+struct TierLine {
+    const char *what;
+    std::string (*text)(const Thread &thread);
+};
+constexpr TierLine TIER_LINES[] = {
+    {"request", RequestText},        {"database", DatabaseText},
+    {"url", DatabaseUrlText},        {"sql", SqlText},
+    {"remote", RemoteText},          {"file", FileText},
+    {"server", ServerText},          {"told", OwnText},
+    {"processor time", CpuTimeText}, {"allocated", AllocationText},
+};
+
 const char *AgentText(AgentState state) {
     return state == AgentState::RUNNING ? "running" : state == AgentState::ABSENT ? "-" : "?";
 }
@@ -194,26 +192,25 @@ std::string CallText(const Frame &frame) {
     return fmt::format("{}({})", call, frame.file.empty() ? "Native Method" : frame.file);
 }
 
+// Columns that no thread fills are left out, and where the lines are cut those that matter less.
 std::string ThreadTable(const ThreadSample &sample, const Style &style) {
-    bool requests = false, remote = false;
-    for (const Thread &thread : sample.threads) {
-        requests |= !RequestText(thread).empty();
-        remote |= !RemoteText(thread).empty();
+    std::vector<const TierColumn *> tiers;
+    for (const TierColumn &tier : TIER_COLUMNS) {
+        auto filled = [&](const Thread &thread) { return !tier.text(thread).empty(); };
+        if ((style.width == 0 || !tier.wide) &&
+            std::any_of(sample.threads.begin(), sample.threads.end(), filled))
+            tiers.push_back(&tier);
     }
     std::vector<Column> columns = {{"ID", true}, {"STATE"}, {"THREAD"}, {"CALL"}};
-    if (requests)
-        columns.push_back({"REQUEST"});
-    if (remote)
-        columns.push_back({"REMOTE"});
+    for (const TierColumn *tier : tiers)
+        columns.push_back(tier->column);
     Table table(columns);
     for (const Thread &thread : sample.threads) {
         std::vector<Cell> row = {fmt::format("{}", thread.key.thread),
                                  Cell(thread.state, StateColourOf(thread.state)), thread.name,
                                  thread.call ? CallText(*thread.call) : "-"};
-        if (requests)
-            row.emplace_back(RequestText(thread));
-        if (remote)
-            row.emplace_back(RemoteText(thread));
+        for (const TierColumn *tier : tiers)
+            row.emplace_back(tier->text(thread));
         table.Add(std::move(row));
     }
     return table.Text(style);
@@ -228,13 +225,11 @@ std::string ThreadDump(const ThreadSample &sample, const Style &style) {
         std::string name = fmt::format("\"{}\" #{}", Printable(thread.name), thread.key.thread);
         text += fmt::format("{} {}\n", Coloured(name, BOLD, style),
                             Coloured(Printable(thread.state), StateColourOf(thread.state), style));
-        auto fact = [&](const char *what, const std::string &value) {
-            if (!value.empty())
-                text += fmt::format("   {}: {}\n", what, Printable(value));
-        };
-        fact("call", thread.call ? CallText(*thread.call) : "");
-        fact("request", RequestText(thread));
-        fact("remote", RemoteText(thread));
+        if (thread.call)
+            text += fmt::format("   call: {}\n", Printable(CallText(*thread.call)));
+        for (const TierLine &tier : TIER_LINES)
+            if (std::string told = tier.text(thread); !told.empty())
+                text += FitLine(fmt::format("   {}: {}", tier.what, Printable(told)), style) + '\n';
         StackWriter(thread, style, &text).Write(names);
         text += '\n';
     }

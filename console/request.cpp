@@ -117,6 +117,14 @@ std::string DumpRequest(std::string_view name, uint32_t heap_id) {
     return fmt::format("{}|showmem|{}|{}|{}", BaseFlags(false), uint32_t(MEM_DUMP), name, heap_id);
 }
 
+std::string PortHolderRequest(int port) {
+    return fmt::format("{}|showstack|{}|ARG=x,0={}", BaseFlags(false), uint32_t(REQ_PORT_HOLDER), port);
+}
+
+std::string SessionsRequest(int port, std::string_view client_host, std::string_view processes) {
+    return fmt::format("{}|xtier01|{}|{}|{}", BaseFlags(false), port, client_host, processes);
+}
+
 std::string SettingRequest(std::string_view key, std::string_view value) {
     return fmt::format("{}|NoProcessing|{}|{}", BaseFlags(false), key, value);
 }

@@ -40,6 +40,13 @@ std::string HistogramRequest();
 std::string DumpDirRequest(std::string_view dir);
 std::string DumpRequest(std::string_view name, uint32_t heap_id);
 
+// The thread that a database's client port belongs to.
+std::string PortHolderRequest(int port);
+
+// The client ports that processes of a database server serve: the server's own port, the address that the
+// clients come from, and process ids joined by commas.
+std::string SessionsRequest(int port, std::string_view client_host, std::string_view processes);
+
 // A setting, "qorloglevel" and the like.
 std::string SettingRequest(std::string_view key, std::string_view value);
 

@@ -98,6 +98,10 @@ std::string Printable(std::string_view text) {
     return out;
 }
 
+std::string FitLine(const std::string &text, const Style &style) {
+    return style.width == 0 ? text : Fit(text, style.width);
+}
+
 std::string Table::Text(const Style &style) const {
     std::vector<size_t> widths = Widths(style);
     std::vector<Cell> titles;

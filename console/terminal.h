@@ -24,6 +24,9 @@ std::string Printable(std::string_view text);
 // Columns that printable text takes on a terminal.
 size_t DisplayWidth(std::string_view text);
 
+// Printable text cut to the style's width.
+std::string FitLine(const std::string &text, const Style &style);
+
 // Text of a table, made printable.
 struct Cell {
     Cell(const std::string &cell_text = "", const char *cell_colour = nullptr)

@@ -209,7 +209,7 @@ TEST(DecodeThreads, WrongRecordsAreRefused) {
         std::string reply, told;
     } rows[] = {
         {"JVM Active Threads;b" + ACTIVE_ROW.substr(1) + ";!" + TIMING, "record 1"},
-        {"JVM Active Threads;" + ACTIVE_ROW + ";" + ACTIVE_ROW + "~x;!" + TIMING, "record 2"},
+        {"JVM Active Threads;" + ACTIVE_ROW + ";a~n~^~^~^~7-8~A->b~F~1;!" + TIMING, "record 2"},
         {"JVM Active Threads;a~n~^~^~^~77~A->b~F~1~Lock;!" + TIMING, "record 1"},    // key
         {"JVM Active Threads;a~n~^~^~^~7-8~Ab~F~1~Lock;!" + TIMING, "record 1"},     // call text
         {"JVM Active Threads;a~n~^~^~^~7-8~A->b~F~one~Lock;!" + TIMING, "record 1"}, // line

@@ -1,0 +1,95 @@
+// The commands about databases, and the switch for dumps by a copy of the JVM.
+#include "command_tools.h"
+#include "connections.h"
+#include "failure.h"
+#include "render.h"
+#include "request.h"
+#include "session.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+namespace qorctl {
+
+namespace {
+
+void ShowPortHolder(const Settings &settings, pid_t pid, int port) {
+    std::string reply = AskOnce(settings, pid, PortHolderRequest(port));
+    std::optional<PortHolder> holder = DecodePortHolder(OpenReply(reply));
+    if (!holder)
+        throw Failure(fmt::format("the agent has seen no connection with client port {}", port),
+                      "it knows the last 100 connections that a thread was in a call on when it looked; ask "
+                      "again while one is");
+    Json json = {
+        {"client_port", port},
+        {"thread", {{"name", holder->name}, {"id", holder->key.thread}, {"key", holder->key.Text()}}}};
+    PrintView(settings, 0, json,
+              fmt::format("client port {} is that of \"{}\" #{}\n", port, Printable(holder->name),
+                          holder->key.thread));
+}
+
+// The agent compares IPv4 addresses as the kernel's tables have them.
+void CheckClientHost(const std::string &host) {
+    in_addr address;
+    if (inet_pton(AF_INET, host.c_str(), &address) != 1)
+        throw Failure(fmt::format("\"{}\" is no IPv4 address", host),
+                      "give the client's address as four numbers; clients that come by IPv6 are not found",
+                      EXIT_USAGE);
+}
+
+std::vector<int64_t> WithoutSession(const std::vector<int64_t> &processes,
+                                    const std::vector<DbSession> &sessions) {
+    std::vector<int64_t> others;
+    for (int64_t process : processes)
+        if (std::none_of(sessions.begin(), sessions.end(),
+                         [&](const DbSession &session) { return session.process == process; }))
+            others.push_back(process);
+    return others;
+}
+
+} // namespace
+
+void RunConnections(const Settings &settings, pid_t pid, int port, double watch) {
+    if (port != 0) {
+        ShowPortHolder(settings, pid, port);
+        return;
+    }
+    ThreadQuestion question;
+    question.all = true; // idle rules hide no connection
+    question.repeated = watch > 0;
+    Repeat(watch, [&] {
+        std::string reply = AskOnce(settings, pid, ThreadsRequest(question));
+        ThreadSample sample = DecodeThreads(OpenReply(reply));
+        std::vector<DbConnection> connections = FindConnections(sample);
+        std::string text = connections.empty() ? "No thread is in a database call that the agent can read.\n"
+                                               : ConnectionTable(connections, TerminalStyle(settings));
+        PrintView(settings, watch, ConnectionsJson(connections, sample), text);
+    });
+}
+
+void RunSessions(const Settings &settings, pid_t pid, const SessionsCommand &command) {
+    CheckClientHost(command.host);
+    Connection connection = RequireAgent(settings, RequireProcess(pid));
+    std::vector<DbSession> sessions;
+    for (const std::string &batch : BatchProcesses(command.processes)) {
+        std::string reply =
+            connection.Ask(SessionsRequest(command.port, command.host, batch), Seconds(settings.timeout));
+        for (const DbSession &session : DecodeSessions(OpenReply(reply)))
+            sessions.push_back(session);
+    }
+    std::vector<int64_t> others = WithoutSession(command.processes, sessions);
+    std::string text = sessions.empty() ? "" : SessionTable(sessions, TerminalStyle(settings));
+    if (!others.empty())
+        text += fmt::format(
+            "{} of {} processes serve no connection from {} to port {}, or can't be looked into\n",
+            others.size(), command.processes.size(), command.host, command.port);
+    PrintView(settings, 0, SessionsJson(sessions, others), text);
+}
+
+void RunForkDump(const Settings &settings, pid_t pid, bool on) {
+    std::string reply = AskOnce(settings, pid, SettingRequest("forkdump", on ? "1" : "0"));
+    PrintAnswer(settings, pid, DecodeText(OpenReply(reply)));
+}
+
+} // namespace qorctl

@@ -1,0 +1,143 @@
+#include "connections.h"
+
+#include "failure.h"
+#include "protocol.h"
+#include "records.h"
+#include "render.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace qorctl {
+
+namespace {
+
+constexpr size_t LONGEST_PROCESS_LIST = 10000; // the agent cuts at 10,239 bytes
+
+bool SameSocket(const DbWait &a, const DbWait &b) {
+    return a.local_port != 0 && a.local_port == b.local_port && a.remote_port == b.remote_port &&
+           a.remote_host == b.remote_host;
+}
+
+std::string ThreadNames(const DbConnection &connection) {
+    std::string text;
+    for (const Thread *thread : connection.threads)
+        text += fmt::format("{}{} #{}", text.empty() ? "" : ", ", thread->name, thread->key.thread);
+    return text;
+}
+
+std::string PortText(unsigned port) {
+    return port ? std::to_string(port) : "-";
+}
+
+} // namespace
+
+std::vector<DbConnection> FindConnections(const ThreadSample &sample) {
+    std::vector<DbConnection> connections;
+    for (const Thread &thread : sample.threads) {
+        if (!thread.db || !thread.db->url)
+            continue;
+        auto known = std::find_if(connections.begin(), connections.end(), [&](const DbConnection &other) {
+            return SameSocket(other.call, *thread.db);
+        });
+        if (known == connections.end())
+            known = connections.insert(known, {*thread.db, {}});
+        known->threads.push_back(&thread);
+    }
+    return connections;
+}
+
+std::string ConnectionTable(const std::vector<DbConnection> &connections, const Style &style) {
+    Table table({{"CLIENT PORT", true}, {"SERVER"}, {"USER"}, {"URL"}, {"THREADS"}, {"SQL"}});
+    for (const DbConnection &connection : connections) {
+        const DbWait &call = connection.call;
+        std::string server = call.remote_host ? *call.remote_host : "-";
+        if (call.remote_port)
+            server += fmt::format(":{}", call.remote_port);
+        table.Add({PortText(call.local_port), server, call.user.value_or("-"), call.url.value_or("-"),
+                   ThreadNames(connection), call.sql.value_or("")});
+    }
+    return table.Text(style);
+}
+
+Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadSample &sample) {
+    Json array = Json::array();
+    for (const DbConnection &connection : connections) {
+        Json row = DbJson(connection.call);
+        for (const char *of_a_call : {"sample_time", "sql_ref", "sql"})
+            row.erase(of_a_call);
+        row["threads"] = Json::array();
+        for (const Thread *thread : connection.threads)
+            row["threads"].push_back({{"name", thread->name},
+                                      {"id", thread->key.thread},
+                                      {"key", thread->key.Text()},
+                                      {"sql", thread->db->sql ? Json(*thread->db->sql) : Json()}});
+        array.push_back(std::move(row));
+    }
+    return {{"connections", array},
+            {"jvm_microseconds", sample.jvm_microseconds ? Json(*sample.jvm_microseconds) : Json()},
+            {"cut", sample.cut}};
+}
+
+// A thread's name may hold bars, its key can't.
+std::optional<PortHolder> DecodePortHolder(const Reply &reply) {
+    if (reply.text.substr(0, NO_SUCH_PORT.size()) == NO_SUCH_PORT)
+        return std::nullopt;
+    PortHolder holder;
+    size_t bar = reply.text.rfind('|');
+    if (bar == reply.text.npos || !ReadKey(reply.text.substr(bar + 1), &holder.key))
+        throw UnknownForm("the agent's answer names no thread");
+    holder.name = reply.text.substr(0, bar);
+    return holder;
+}
+
+std::vector<DbSession> DecodeSessions(const Reply &reply) {
+    std::string_view text = reply.text;
+    if (text.substr(0, ERROR_WORD.size()) == ERROR_WORD) {
+        std::string_view line = text.substr(0, text.find_first_of("\n\x1e\x1f"));
+        throw Failure(fmt::format("the agent answers \"{}\"", line),
+                      "check port, host and process ids; the agent's log may tell more");
+    }
+    if (text.empty() || text.back() != '|')
+        throw UnknownForm("the agent's list of sessions lacks its end");
+    text.remove_suffix(1);
+    Fields field = Split(text, ',');
+    std::vector<DbSession> sessions;
+    for (size_t i = 0; i + 1 < field.size(); i += 2) {
+        DbSession session;
+        if (!ReadNumber(field[i], &session.process) || !ReadNumber(field[i + 1], &session.client_port))
+            throw UnknownForm("the agent's list of sessions holds more than numbers");
+        sessions.push_back(session);
+    }
+    if (field.size() % 2 == 0 || !field.back().empty())
+        throw UnknownForm("the agent's list of sessions isn't made of pairs");
+    return sessions;
+}
+
+std::vector<std::string> BatchProcesses(const std::vector<int64_t> &processes) {
+    std::vector<std::string> batches;
+    for (int64_t process : processes) {
+        std::string id = std::to_string(process);
+        if (batches.empty() || batches.back().size() + 1 + id.size() > LONGEST_PROCESS_LIST)
+            batches.push_back(id);
+        else
+            batches.back() += "," + id;
+    }
+    return batches;
+}
+
+std::string SessionTable(const std::vector<DbSession> &sessions, const Style &style) {
+    Table table({{"PROCESS", true}, {"CLIENT PORT", true}});
+    for (const DbSession &session : sessions)
+        table.Add({std::to_string(session.process), std::to_string(session.client_port)});
+    return table.Text(style);
+}
+
+Json SessionsJson(const std::vector<DbSession> &sessions, const std::vector<int64_t> &others) {
+    Json array = Json::array();
+    for (const DbSession &session : sessions)
+        array.push_back({{"process", session.process}, {"client_port", session.client_port}});
+    return {{"sessions", array}, {"without", others}};
+}
+
+} // namespace qorctl

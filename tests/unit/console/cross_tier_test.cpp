@@ -1,0 +1,206 @@
+// What replies tell of other tiers: text added behind a record, addresses, connections, ports and sessions.
+#include "connections.h"
+#include "cross_tier.h"
+#include "decode.h"
+#include "failure.h"
+#include "json.h"
+#include "protocol.h"
+#include "render.h"
+#include "request.h"
+#include "wire.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+using namespace qorctl;
+
+namespace {
+
+const std::string DB_BLOCK = "DB Wait{10}jdbc:x~scott~40001~1521~127.0.0.1~1700000000~-5~select 1~"
+                             "DEEPDIVE_TESSAR_DB~^";
+const std::string ADDED =
+    "~cpu=1203400000 alloc=73400320 blocked=1~file=/tmp/a b=c~application=shop~module=cart"
+    "~workmanager=wm~session=s1~stuck=0~hogger=1~peer=10.0.0.1:25~own|text~";
+
+std::string Row(const std::string &thread, const std::string &state) {
+    return "a~t" + thread + "~^~^~^~1-" + thread + "~A->b~A.java~3~" + state + ";";
+}
+
+ThreadSample Threads(const std::string &rows) {
+    std::string text = Wire("JVM Active Threads;" + rows + "!" + TIMING);
+    return DecodeThreads(OpenReply(text));
+}
+
+TEST(EndToEnd, StandsBehindEveryFormOfRecord) {
+    ThreadSample sample = Threads(Row("1", "*Runnable" + ADDED) + Row("2", DB_BLOCK + ADDED) +
+                                  Row("3", "RMI Wait{&7~1099~-63.-87.-254.-251~ejb" + ADDED) +
+                                  Row("4", "Lock~") + Row("5", "Lock"));
+    ASSERT_EQ(sample.threads.size(), 5u);
+    EXPECT_FALSE(sample.cut);
+    for (size_t i = 0; i < 3; ++i) {
+        const EndToEnd &told = sample.threads[i].end_to_end;
+        EXPECT_EQ(told.cpu_nanoseconds, 1203400000) << i;
+        EXPECT_EQ(told.allocated_bytes, 73400320) << i;
+        EXPECT_EQ(told.file, "/tmp/a b=c") << i;
+        EXPECT_EQ(told.application, "shop") << i;
+        EXPECT_EQ(told.module, "cart") << i;
+        EXPECT_EQ(told.work_manager, "wm") << i;
+        EXPECT_EQ(told.session, "s1") << i;
+        EXPECT_EQ(told.stuck, 0) << i;
+        EXPECT_EQ(told.hogger, 1) << i;
+        EXPECT_EQ(told.peer, "10.0.0.1:25") << i;
+        EXPECT_EQ(told.texts, std::vector<std::string>{"own|text"}) << i;
+    }
+    EXPECT_EQ(sample.threads[0].state, "Runnable");
+    EXPECT_EQ(sample.threads[1].db->sql, "select 1");
+    EXPECT_EQ(sample.threads[1].db->type, "DEEPDIVE_TESSAR_DB");
+    EXPECT_EQ(sample.threads[2].rmi->jndi_name, "ejb");
+    EXPECT_EQ(sample.threads[2].rmi->remote_host, "192.168.1.5");
+    EXPECT_FALSE(sample.threads[3].end_to_end.cpu_nanoseconds);
+    EXPECT_TRUE(sample.threads[3].end_to_end.texts.empty());
+    Json json = ToJson(sample)["threads"][1];
+    EXPECT_EQ(json["cpu_nanoseconds"], 1203400000);
+    EXPECT_EQ(json["server"]["stuck"], false);
+    EXPECT_EQ(json["server"]["hogger"], true);
+    EXPECT_FALSE(ToJson(sample)["threads"][4].contains("server"));
+}
+
+TEST(EndToEnd, FiguresOfAnotherFormAreTexts) {
+    for (const char *text :
+         {"cpu=1 alloc=", "cpu", "cpu=1.5", "=1", "cpu=1  alloc=2", "cpu=99999999999999999999"}) {
+        ThreadSample sample = Threads(Row("1", std::string("Runnable~") + text));
+        EXPECT_FALSE(sample.threads[0].end_to_end.cpu_nanoseconds) << text;
+        EXPECT_EQ(sample.threads[0].end_to_end.texts, std::vector<std::string>{text});
+    }
+}
+
+// The record of the details ends at its section, a cut one is left out and told.
+TEST(EndToEnd, InDetailsAndCutAnywhere) {
+    std::string whole = "Thread Info Details;" + DETAILS_ROW + ADDED + "!" + STACK + "!Thread Info Details;" +
+                        DETAILS_ROW + ADDED + "!";
+    for (size_t length = 1; length <= whole.size(); ++length) {
+        std::string text = Wire(whole.substr(0, length));
+        ThreadSample sample = DecodeThreads(OpenReply(text));
+        EXPECT_TRUE(sample.cut || text.back() == SECTION_END) << length;
+        for (const Thread &thread : sample.threads)
+            EXPECT_EQ(thread.end_to_end.peer, "10.0.0.1:25") << length;
+        EXPECT_EQ(sample.threads.size(), size_t(std::count(text.begin(), text.end(), SECTION_END) + 1) / 2)
+            << length;
+    }
+}
+
+TEST(TrueAddress, SignedPartsBecomeBytes) {
+    const char *rows[][2] = {
+        {"10.1.2.3", "10.1.2.3"},    {"-63.-87.-254.-251", "192.168.1.5"},
+        {"-1.0.0.0", "255.0.0.0"},   {"0.0.0.-1", "255.255.255.255"},
+        {"-128.0.0.0", "128.0.0.0"}, {"db.host.at.home", "db.host.at.home"},
+        {"1.2.3", "1.2.3"},          {"1.2.3.256", "1.2.3.256"},
+    };
+    for (auto &row : rows)
+        EXPECT_EQ(TrueAddress(row[0]), row[1]);
+}
+
+TEST(Render, ThreadsOfOtherTiers) {
+    ThreadSample sample =
+        Threads("a~web~^~/shop/cart~^~1-1~A->b~A.java~3~Runnable;" + Row("2", DB_BLOCK + ADDED));
+    EXPECT_EQ(
+        ThreadTable(sample, Style()),
+        "ID  STATE     THREAD  CALL           CPU     ALLOCATED  REQUEST     FILE        REMOTE       "
+        "SERVER                                                            TOLD      DATABASE              "
+        "             DB URL  SQL\n"
+        " 1  Runnable  web     A.b(A.java:3)                     /shop/cart\n"
+        " 2  DB Wait   t2      A.b(A.java:3)  1.20 s     70.0 M              /tmp/a b=c  10.0.0.1:25  "
+        "application shop, module cart, work manager wm, session s1, hogging  own|text  "
+        "scott@127.0.0.1:1521 from :40001  jdbc:x  select 1\n");
+    Style narrow;
+    narrow.width = 80;
+    std::string table = ThreadTable(sample, narrow);
+    EXPECT_EQ(table.find("CPU"), table.npos) << table;
+    for (size_t at = 0; at < table.size(); at = table.find('\n', at) + 1)
+        EXPECT_LE(DisplayWidth(table.substr(at, table.find('\n', at) - at)), 80u) << table;
+    std::string dump = ThreadDump(sample, Style());
+    for (const char *line : {"   request: /shop/cart\n", "   database: scott@127.0.0.1:1521 from :40001\n",
+                             "   url: jdbc:x\n", "   sql: select 1\n", "   file: /tmp/a b=c\n",
+                             "   processor time: 1.20 s\n", "   allocated: 70.0 M\n"})
+        EXPECT_NE(dump.find(line), dump.npos) << line << dump;
+    narrow.width = 12;
+    EXPECT_NE(ThreadDump(sample, narrow).find("   sql: sel\xe2\x80\xa6\n"), std::string::npos);
+}
+
+// Of the poll's view of a thread, what goes with another state is left aside.
+TEST(TakeTiers, CallsGoWithTheState) {
+    Thread poll = Threads(Row("1", DB_BLOCK + ADDED)).threads[0];
+    poll.request_url = "/shop";
+    for (const char *state : {"DB Wait", "Runnable"}) {
+        Thread thread;
+        thread.state = state;
+        TakeTiers(poll, &thread);
+        EXPECT_EQ(thread.db.has_value(), thread.state == "DB Wait");
+        EXPECT_EQ(thread.request_url, "/shop");
+        EXPECT_EQ(thread.end_to_end.file, "/tmp/a b=c");
+    }
+}
+
+TEST(Connections, OneRowForASocket) {
+    const std::string empty = "DB Wait{10}^~^~0~0~^~0~0~^~^~^";
+    const std::string no_socket = "DB Wait{10}jdbc:y~sa~0~0~^~0~0~^~^~^";
+    ThreadSample sample = Threads(Row("1", DB_BLOCK) + Row("2", empty) + Row("3", no_socket) +
+                                  Row("4", DB_BLOCK) + Row("5", no_socket) + Row("6", "Runnable"));
+    std::vector<DbConnection> connections = FindConnections(sample);
+    ASSERT_EQ(connections.size(), 3u);
+    EXPECT_EQ(ConnectionTable(connections, Style()),
+              "CLIENT PORT  SERVER          USER   URL     THREADS       SQL\n"
+              "      40001  127.0.0.1:1521  scott  jdbc:x  t1 #1, t4 #4  select 1\n"
+              "          -  -               sa     jdbc:y  t3 #3\n"
+              "          -  -               sa     jdbc:y  t5 #5\n");
+    Json json = ConnectionsJson(connections, sample);
+    EXPECT_EQ(json["connections"][0]["threads"].size(), 2u);
+    EXPECT_EQ(json["connections"][0]["threads"][1]["key"], "1-4");
+    EXPECT_EQ(json["connections"][0]["threads"][0]["sql"], "select 1");
+    EXPECT_EQ(json["connections"][0]["local_port"], 40001);
+}
+
+TEST(Connections, HolderOfAPort) {
+    EXPECT_EQ(PortHolderRequest(40001), "516|showstack|16384|ARG=x,0=40001");
+    std::optional<PortHolder> holder = DecodePortHolder(OpenReply("pool|1|77-23"));
+    ASSERT_TRUE(holder);
+    EXPECT_EQ(holder->name, "pool|1");
+    EXPECT_EQ(holder->key.Text(), "77-23");
+    EXPECT_FALSE(DecodePortHolder(OpenReply("Client Port not found on JVM")));
+    for (const char *wrong : {"", "pool", "pool|77"})
+        EXPECT_THROW(DecodePortHolder(OpenReply(wrong)), Failure) << wrong;
+}
+
+TEST(Sessions, PairsOfAReply) {
+    EXPECT_EQ(SessionsRequest(5432, "10.0.0.1", "1234,1240"), "516|xtier01|5432|10.0.0.1|1234,1240");
+    for (const std::string &tail : {std::string(), Wire(TIMING)}) {
+        std::string reply = "1234,50021,1240,50022,|" + tail;
+        std::vector<DbSession> sessions = DecodeSessions(OpenReply(reply));
+        ASSERT_EQ(sessions.size(), 2u);
+        EXPECT_EQ(sessions[1].process, 1240);
+        EXPECT_EQ(sessions[1].client_port, 50022u);
+        EXPECT_TRUE(DecodeSessions(OpenReply("|" + tail)).empty());
+    }
+    for (const char *wrong :
+         {"", "1234,50021,", "1234,|", "1234,50021,12|", "12x,1,|", "ERROR: Could not resolve localhost\n",
+          "ERROR Invalid parameters x for xtier01"})
+        EXPECT_THROW(DecodeSessions(OpenReply(wrong)), Failure) << wrong;
+}
+
+TEST(Sessions, ListsFitTheAgentsBuffer) {
+    std::vector<int64_t> processes;
+    for (int64_t process = 4000000; process < 4004000; ++process)
+        processes.push_back(process);
+    std::vector<std::string> batches = BatchProcesses(processes);
+    std::string all;
+    for (const std::string &batch : batches) {
+        EXPECT_LT(batch.size(), 10239u);
+        EXPECT_NO_THROW(CheckRequest(SessionsRequest(65535, "255.255.255.255", batch)));
+        all += batch + ",";
+    }
+    EXPECT_EQ(all.size(), processes.size() * 8);
+    EXPECT_EQ(batches.size(), 4u);
+    EXPECT_EQ(all.substr(all.size() - 8), "4003999,");
+}
+
+} // namespace
