@@ -90,11 +90,11 @@ jobject FindDescriptor(jobject stream) {
 
 } // namespace
 
-int32_t QorGetFdFromConnection(jobject connection, int32_t direct, int64_t *fd) {
-    jobject holder = direct ? connection : QorFollowObjectMap(SESSION_HOLDER, connection);
+int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int64_t *fd) {
+    jobject holder = directConnection ? connection : QorFollowObjectMap(SESSION_HOLDER, connection);
     if (!holder)
         return -1;
-    if (!direct && tessar_thick_driver) {
+    if (!directConnection && tessar_thick_driver) {
         if (QorGetFdFromThickDriver(fd, holder) == 0)
             return 0;
         *fd = 0;

@@ -19,6 +19,7 @@ struct ReaderTexts {
 constexpr char NULL_OBJECT[] = "QorGetIntObjectField ptrObj Got NULL"; // the Int reader's text serves two
 constexpr char NULL_CLASS[] = "Class extracted is NULL";
 constexpr char NO_CLASS[] = "Extracted/Passed Class is NULL";
+constexpr jint MONITOR_REFERENCES = 64;
 constexpr char NO_FIELD[] = "Get Field ID Fail Field %s Signature : %s";
 
 constexpr ReaderTexts INT_TEXTS = {
@@ -101,6 +102,17 @@ bool HaveHashTableClass() {
         }
     }
     return hashTableClass;
+}
+
+// A table's methods take its lock, and a thread of the application may stand in one of them for ever.
+bool MayBeLocked(jobject table) {
+    QorLocalFrame frame(jvmtijni_env, MONITOR_REFERENCES); // each waiter comes as a reference
+    jvmtiMonitorUsage usage = {};
+    if (!frame.pushed || jvmti->GetObjectMonitorUsage(table, &usage) != JVMTI_ERROR_NONE)
+        return true;
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.waiters));
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.notify_waiters));
+    return usage.owner;
 }
 
 jmethodID HashTableGet() {
@@ -222,7 +234,7 @@ int32_t QorGetHashValue(jobject *tableptr, const char *key, jobject *out) {
         *out = nullptr;
     if (!tableptr || !*tableptr || !key || !out)
         return 0;
-    if (!HaveHashTableClass())
+    if (!HaveHashTableClass() || MayBeLocked(*tableptr))
         return 0;
     jmethodID get = HashTableGet();
     jstring text = QorNewStringUTF(jvmtijni_env, key);

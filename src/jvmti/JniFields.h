@@ -27,7 +27,8 @@ int32_t QorFindObjectField(jobject *objptr, jclass *klassptr, const char *name, 
 // gives 0 and leaves the buffer alone, so clear it first; -1 for a dead reference.
 int32_t QorGetStringObjectValue(jstring str, char *dest, int32_t capacity);
 
-// The value of a text key in a java.util.Hashtable; null when it isn't there. Always 0.
+// The value of a text key in a java.util.Hashtable; null when it isn't there or while a thread holds the
+// table's lock. Always 0.
 int32_t QorGetHashValue(jobject *tableptr, const char *key, jobject *out);
 
 // Walks a table of Strings, reading and releasing every key and value: a tool to try a table with, which
