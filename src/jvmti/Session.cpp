@@ -47,6 +47,7 @@ namespace {
 
 constexpr jint JVMTI_VERSION_WANTED = 0x30010166; // 1.1.102
 constexpr jint JNI_VERSION_WANTED = 0x10004;
+constexpr jint JNI_VERSION_OF_GUARDED = 0x10006; // JVMs whose reference walks are guarded
 constexpr jint MANAGEMENT_EXTENDED = static_cast<jint>(0xff010001);
 constexpr int LEVEL_CHANGING_THE_JVM = 1; // optimisation level that lets the agent change the running JVM
 constexpr char WORKER_NAME[] = "QORD Agent Worker";
@@ -164,7 +165,7 @@ int32_t UpdateNumber(const char *version) {
 }
 
 // At the level that allows it, makes the JVM offer what it holds back, before it is asked what it offers.
-void OpenCapabilities() {
+void OpenCapabilities(JNIEnv *env) {
     if (gbiOptimizationLevel != LEVEL_CHANGING_THE_JVM)
         return;
     const jvmtiCapabilities potential = PotentialCapabilities();
@@ -172,7 +173,9 @@ void OpenCapabilities() {
         !HasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
         !HasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO))
         init_LockCapabilitiesHack();
-    if (strstr(vers, "1.6") && strstr(vend, "Sun") && UpdateNumber(vers) < 50) {
+    // The JVM's own word besides the texts that Java passed: the symbol exists in JVMs to come as well.
+    if (strstr(vers, "1.6") && strstr(vend, "Sun") && UpdateNumber(vers) < 50 &&
+        env->GetVersion() == JNI_VERSION_OF_GUARDED) {
         init_FollowRefHack();
         QORLOG(LOG_TRACE, "FollowRef optimization is enabled for version %s from vendor %s.", vers, vend);
     }
@@ -326,7 +329,7 @@ int32_t QorDovOnLoad(JNIEnv *env) {
         return -1;
     }
     jvmti = static_cast<jvmtiEnv *>(environment);
-    OpenCapabilities();
+    OpenCapabilities(env);
     RequestCapabilities();
     jvmtijni_env = env;
     KeepClasses(env);

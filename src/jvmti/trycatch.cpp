@@ -1,6 +1,10 @@
 #include "trycatch.h"
 
+#include "platforms/findsymLinSolHPIA64.h"
+#include "platforms/memory_maps.h"
 #include "qorlog.h"
+
+#include <cstddef>
 
 // The catcher may run with any lock of the process held by the faulting thread, so it writes no log line. It
 // notes what happened; the next guarded call, or the end of the session, writes the lines. A JVM that dies of
@@ -16,6 +20,9 @@ pthread_t parent_trycatch_tid;
 sigjmp_buf parent_trycatch_mark;
 
 namespace {
+
+// Entries of the JVM's table are what the system library takes.
+static_assert(sizeof(struct sigaction) == 152 && offsetof(struct sigaction, sa_sigaction) == 0, "layout");
 
 using SignalHandler = void (*)(int, siginfo_t *, void *);
 
@@ -42,6 +49,17 @@ void NoteFault(int sig, const siginfo_t *info, FaultOutcome outcome) {
     lastFault.workerTrying = tryState == TRY_RUNNING;
     lastFault.parentTrying = parent_tryState == TRY_RUNNING;
     lastFault.outcome = outcome;
+}
+
+// The table in the JVM library, null when its symbol or a writable table is missing.
+struct sigaction *FindTable() {
+    const uint64_t address = nsymbols[JTI_OLD_ACTIONS];
+    QorMapping mapping;
+    if (!address || address % alignof(struct sigaction) != 0 || !QorFindMapping(address, &mapping) ||
+        !mapping.readable || !mapping.writable ||
+        mapping.end - address < (SIGSEGV + 1) * sizeof(struct sigaction))
+        return nullptr;
+    return reinterpret_cast<struct sigaction *>(address);
 }
 
 void PutHandlersBack() {
@@ -114,6 +132,7 @@ void trycatch_init() {
     if (sig_hack == 0)
         return;
     QORLOG(LOG_DETAIL, "Initializing Vostok SignalHandler chaining");
+    vostok_oldsig_actions = FindTable();
     if (!vostok_oldsig_actions) {
         QORLOG(LOG_DETAIL, "Vostok SignalHandler chaining failed");
         sig_hack = 0;

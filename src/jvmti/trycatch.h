@@ -12,11 +12,12 @@
 
 enum TryState : int32_t { TRY_OFF, TRY_RUNNING, TRY_FAULTED };
 
-extern int32_t sig_hack;                        // chaining is wanted and in force; start-up sets it
-extern struct sigaction *vostok_oldsig_actions; // the JVM's own table by signal number, null when unknown
-extern volatile int32_t tryState;               // TryState of the worker
-extern pthread_t trycatch_tid;                  // the thread that holds the guard
-extern sigjmp_buf trycatch_mark;                // where a fault returns to
+extern int32_t sig_hack; // chaining is wanted and in force; start-up sets it
+extern struct sigaction
+    *vostok_oldsig_actions;       // the JVM's own table by signal number; trycatch_init finds it
+extern volatile int32_t tryState; // TryState of the worker
+extern pthread_t trycatch_tid;    // the thread that holds the guard
+extern sigjmp_buf trycatch_mark;  // where a fault returns to
 
 // The slot of a calling Java thread. The catcher looks at it; no guarded section uses it.
 extern volatile int32_t parent_tryState;

@@ -75,7 +75,7 @@ void qor_perror(const char *format, ...) {
 }
 
 int32_t qor_open_read(const char *path) {
-    return AboveStandardStreams(open(path, O_RDONLY | O_CLOEXEC));
+    return AboveStandardStreams(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 
 int32_t qor_open_append(const char *path) {

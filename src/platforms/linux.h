@@ -14,7 +14,7 @@ int32_t qor_current_thread_id();
 // perror with a formatted text.
 void qor_perror(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Opens a file to read: the descriptor, or -1 with errno set.
+// Opens a file to read, without waiting for a FIFO's writer: the descriptor, or -1 with errno set.
 int32_t qor_open_read(const char *path);
 
 // Opens a file to append to, made for its owner alone when it isn't there: the descriptor, or -1 with errno

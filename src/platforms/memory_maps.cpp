@@ -14,6 +14,7 @@ bool ReadLine(char *line, QorMapping *mapping) {
     line[strcspn(line, "\n")] = 0;
     if (sscanf(line, "%lx-%lx %4s %*s %*s %*s %n", &mapping->start, &mapping->end, rights, &used) < 3)
         return false;
+    mapping->readable = rights[0] == 'r';
     mapping->writable = rights[1] == 'w';
     mapping->shared = rights[3] == 's';
     snprintf(mapping->name, sizeof mapping->name, "%s", used > 0 ? line + used : "");

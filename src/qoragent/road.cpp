@@ -5,12 +5,12 @@
 #include "qorlog.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
-#include "release.h"
 #include "startup.h"
 #include "worker.h"
 
 #include "RequestHandler/records.h"
 #include "jvmti/trycatch.h"
+#include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
 
 #include <cstdio>
@@ -65,6 +65,12 @@ void FinishDirectRoad(int32_t resolved) {
     QORLOG(LOG_ERROR, " Skipped Initialization 2/3, 3/3.");
 }
 
+// The direct road goes by a table of offsets into the JVM's structures, with a row for each build. This
+// version has none, so that road ends here even for a JVM that shows all its symbols.
+bool KnowsOffsets(int32_t) {
+    return false;
+}
+
 // What is left of the words when no symbol that the build needs may be missing: 0, or START_FAILED. An
 // unsupported JVM passes, and is known by its build index.
 int32_t JudgeSymbols(const uint32_t words[SYMBOL_WORDS]) {
@@ -99,7 +105,7 @@ int32_t initvar(const char *vendor, const char *version) {
     }
     if (offsetind >= 0)
         QorForgiveSymbols(words);
-    if (JudgeSymbols(words) != START_OK)
+    if (JudgeSymbols(words) != START_OK || (offsetind >= 0 && !KnowsOffsets(offsetind)))
         return START_FAILED;
     QORLOG(LOG_DETAIL, "%s", BUILD_BANNER);
     qorsysinfo(CPU_INITIALISE);

@@ -2,7 +2,9 @@
 #include "LogCapture.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/MemorySystem.h"
+#include "jvmti/followRefHackHelper.h"
 #include "jvmti/trycatch.h"
+#include "platforms/findsymLinSolHPIA64.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
 
@@ -165,18 +167,31 @@ TEST_F(Session, MakesEveryCallFailWithoutAnEnvironment) {
     EXPECT_EQ(thisThreadsName(), name);
 }
 
+// The texts of vendor and version alone don't make a JVM an old one: its own JNI must say so as well.
 TEST_F(Session, GuardsWalksOfOldBuildsAtLevelOneOnly) {
     const struct {
         int32_t level;
         const char *vendor, *version;
+        jint jni;
         bool guarded;
     } ROWS[] = {
-        {1, "Sun Microsystems Inc.", "1.6.0_49", true},   {1, "Sun Microsystems Inc.", "1.6.0_50", false},
-        {1, "Sun Microsystems Inc.", "1.6.0-beta", true}, {1, "Sun Microsystems Inc.", "1.6.0", true},
-        {1, "Sun Microsystems Inc.", "1.7.0_04", false},  {1, "Eclipse Adoptium", "1.6.0_49", false},
-        {0, "Sun Microsystems Inc.", "1.6.0_49", false},  {2, "Sun Microsystems Inc.", "1.6.0_49", false},
+        {1, "Sun Microsystems Inc.", "1.6.0_49", 0x10006, true},
+        {1, "Sun Microsystems Inc.", "1.6.0_50", 0x10006, false},
+        {1, "Sun Microsystems Inc.", "1.6.0-beta", 0x10006, true},
+        {1, "Sun Microsystems Inc.", "1.6.0", 0x10006, true},
+        {1, "Sun Microsystems Inc.", "1.6.0_49", 0x10008, false},
+        {1, "Sun Microsystems Inc.", "1.7.0_04", 0x10006, false},
+        {1, "Eclipse Adoptium", "1.6.0_49", 0x10006, false},
+        {0, "Sun Microsystems Inc.", "1.6.0_49", 0x10006, false},
+        {2, "Sun Microsystems Inc.", "1.6.0_49", 0x10006, false},
     };
+    static jint version;
+    const JNINativeInterface_ *const jvms = Env()->functions;
+    JNINativeInterface_ pretending = *jvms;
+    pretending.GetVersion = [](JNIEnv *) { return version; };
+    Env()->functions = &pretending;
     for (const auto &row : ROWS) {
+        version = row.jni;
         QorDovOnUnload(Env());
         gbiOptimizationLevel = row.level;
         snprintf(vend, sizeof vend, "%s", row.vendor);
@@ -185,8 +200,10 @@ TEST_F(Session, GuardsWalksOfOldBuildsAtLevelOneOnly) {
         QorDovOnLoad(Env());
         EXPECT_EQ(log.count("FollowRef optimization is enabled for version " + std::string(row.version)),
                   row.guarded ? 1 : 0)
-            << row.level << " " << row.vendor << " " << row.version;
+            << row.level << " " << row.vendor << " " << row.version << " " << row.jni;
     }
+    Env()->functions = jvms;
+    EXPECT_EQ(gbUniverseCollectedHeap, nullptr) << "no address is known here";
 }
 
 TEST_F(Session, HasNoExtensionsOfOtherJvms) {
@@ -218,7 +235,7 @@ TEST_F(Session, ComesBackFromAFaultInAGuardedCall) {
     static struct sigaction table[NSIG];
     const auto jvmHandler = [](int, siginfo_t *, void *) {};
     table[SIGSEGV].sa_sigaction = table[SIGBUS].sa_sigaction = jvmHandler;
-    vostok_oldsig_actions = table;
+    nsymbols[JTI_OLD_ACTIONS] = reinterpret_cast<uint64_t>(table);
     sig_hack = 1;
     trycatch_init();
     trycatch_init();
@@ -236,7 +253,7 @@ TEST_F(Session, ComesBackFromAFaultInAGuardedCall) {
     EXPECT_EQ(table[SIGSEGV].sa_sigaction, +jvmHandler);
     EXPECT_EQ(table[SIGBUS].sa_sigaction, +jvmHandler);
     sig_hack = 0;
-    vostok_oldsig_actions = nullptr;
+    nsymbols[JTI_OLD_ACTIONS] = 0;
 }
 
 TEST_F(Session, GivesSignalChainingUpWithoutATable) {

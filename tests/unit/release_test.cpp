@@ -1,4 +1,4 @@
-#include "qoragent/release.h"
+#include "platforms/findsymLinSolHPIA64.h"
 #include "qorsettings.h"
 
 #include <cstring>
@@ -45,20 +45,19 @@ TEST(Release, AnExactTextSelectsTheBuild) {
     }
 }
 
-// The direct road lacks everything it needs, on a server VM as on a client VM, and never by the bits that are
-// codes; the JVMTI road needs nothing.
+// In a process without a JVM library the direct road lacks everything it needs, on a server VM as on a client
+// VM, and never by the bits that are codes; the JVMTI road needs nothing.
 TEST(Release, TheDirectRoadMissesItsSymbols) {
     for (int32_t server : {0, 1}) {
-        jat_server_jvm = server;
         Words words = MissingFor("Sun Microsystems Inc.1.5.0_07");
         EXPECT_EQ(words.word[0] & 7, 0u);
+        jat_server_jvm = server;
         QorForgiveSymbols(words.word);
         EXPECT_EQ(words.word[0] & (1u << 18), server ? 0u : 1u << 18) << "slot 16 is a client VM's";
         EXPECT_EQ(words.word[0] & (1u << 20), server ? 1u << 20 : 0u) << "slot 18 is a server VM's";
         EXPECT_NE(words.word[1], 0u);
         EXPECT_EQ(words.word[2], 0xffu) << "70 to 72 can be done without";
     }
-    jat_server_jvm = 0;
     EXPECT_EQ(MissingFor("JVMTI_JVM").word[0], 0x38u);
     EXPECT_EQ(MissingFor("Vorn Default JVM.1.6.0_00").word[0], 0u);
 }

@@ -1,5 +1,6 @@
 #include "release.h"
 
+#include "findsymLinSolHPIA64.h"
 #include "qorsettings.h"
 
 #include <cstring>
@@ -27,32 +28,12 @@ const QorRelease release[RELEASE_ROWS] = {
     {SYMBOLS_JVM, BUILD_JVMTI_SYMBOLS},
 };
 
-int32_t jat_server_jvm;
-
 namespace {
-
-// Last slots of the symbol lists; slot 0 stands for the library and is never missing.
-constexpr int DIRECT_LAST_SLOT = 72;
-constexpr int JVMTI_LAST_SLOT = 3;
-constexpr int FIRST_SLOT_BIT = 2; // bits below stand free for the codes
 
 // Symbols that a direct build can do without, as missing-symbol words. A server VM has no client compiler's
 // tables and the other way round; the rest goes by names that only some compilers give.
 constexpr uint32_t FORGIVEN_SERVER[SYMBOL_WORDS] = {0x040fbe20, 0x01000461, 0x00000700, 0};
 constexpr uint32_t FORGIVEN_CLIENT[SYMBOL_WORDS] = {0x041bbe20, 0x01000461, 0x00000700, 0};
-
-int LastSlot(int32_t build) {
-    switch (build) {
-    case BUILD_JVMTI_UNLISTED:
-    case BUILD_JVMTI_DOV:
-    case BUILD_JVMTI_DEFAULT:
-        return 0; // nothing is looked up
-    case BUILD_JVMTI_SYMBOLS:
-        return JVMTI_LAST_SLOT;
-    default:
-        return DIRECT_LAST_SLOT;
-    }
-}
 
 } // namespace
 
@@ -61,18 +42,6 @@ int32_t QorFindRelease(const char *key) {
         if (strcmp(row.key, key) == 0)
             return row.offsetind;
     return BUILD_UNSUPPORTED;
-}
-
-void findsymbols(int32_t, const char *key, uint32_t words[SYMBOL_WORDS]) {
-    offsetind = QorFindRelease(key);
-    if (offsetind == BUILD_UNSUPPORTED) {
-        words[0] = SYMBOLS_NO_LIST;
-        return;
-    }
-    for (int slot = 1; slot <= LastSlot(offsetind); slot++) {
-        const int bit = slot + FIRST_SLOT_BIT;
-        words[bit / 32] |= 1u << (bit % 32);
-    }
 }
 
 void QorForgiveSymbols(uint32_t words[SYMBOL_WORDS]) {

@@ -30,14 +30,5 @@ enum : uint32_t {
 // The row's build index, or BUILD_UNSUPPORTED.
 int32_t QorFindRelease(const char *key);
 
-// Selects the build for `key` into `offsetind` and tells in `words` (zeroed by the caller) which symbols of
-// the JVM library it could not find: a bit for each slot, or SYMBOLS_NO_LIST in word 0. No symbol is ever
-// found by this version, so a build that reads the JVM by address always lacks all that it needs.
-// Initialisation thread.
-void findsymbols(int32_t pid, const char *key, uint32_t words[SYMBOL_WORDS]);
-
 // Clears the bits of the symbols that a direct build can do without, by the kind of VM (jat_server_jvm).
 void QorForgiveSymbols(uint32_t words[SYMBOL_WORDS]);
-
-// 1 for a server VM, 0 for a client VM or an unknown one.
-extern int32_t jat_server_jvm;
