@@ -35,7 +35,6 @@ constexpr int32_t TIMEBUF_SIZE = 512;
 constexpr int32_t MEMORY_VIEW_ARGUMENT = 8;
 constexpr uint32_t USEC_PER_SEC = 1000000;
 constexpr char ARGUMENT_WORD[] = "ARG";
-constexpr char XTIER_WORD[] = "xtier01";
 constexpr char NO_PROCESSING_WORD[] = "NoProcessing";
 
 void ClearReply() {
