@@ -12,8 +12,18 @@
 #include <cstdint>
 #include <jni.h>
 
+constexpr int64_t QOR_LOCAL_WALK_BUDGET_USEC = 200'000; // the longest budget of a walk
+
 extern int64_t lAllowedFollowRefTimeUSec; // time budget of the walk at hand, microseconds
 extern int32_t getObjOpt;                 // 1 on the JVM builds whose handles can be filled by the walk
+
+// Entries of a JVM's own reader of frames. No known JVM has them, so that they stay null.
+extern void *qorctiHasMore;
+extern void *qorctiStep;
+extern void *qorctiInitWithThread;
+extern void *qorrefIterFillFromFrame;
+extern void *qorrefIterInit;
+extern void *qorrefIterFree;
 
 // The object of one frame, read by itself.
 struct QorLocalObjectRecord {
@@ -30,8 +40,12 @@ void checkGetObjOpt();
 int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list);
 
 // Reads the object of the frame of `method` on the thread with this Java thread id, by a walk of its own. 0,
-// or -1 with object and class cleared. The references belong to the caller's local frame.
+// or -1 with object and class cleared: no locals, or a quota of 0. The references belong to the caller's
+// local frame.
 int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
+
+// The same on a JVM with a reader of frames; -1 on all others.
+int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
 
 // Drops what the walks keep between samples. Shutdown, on the session's environment.
 void QorCloseLocalWalk();

@@ -12,6 +12,7 @@
 #include "shutdown.h"
 #include "worker.h"
 
+#include "Xtier/LocalWalk.h"
 #include "Xtier/XtierDbSession.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
@@ -183,8 +184,10 @@ void OpenManagement() {
 
 // The session, and what may be done with it on this JVM.
 void OpenSession(JNIEnv *env) {
-    if (QorOnJvmtiRoad())
+    if (QorOnJvmtiRoad()) {
         QorDovOnLoad(env);
+        checkGetObjOpt();
+    }
     const bool early = QorIsEarlyDov();
     if (early)
         trycatch_init();

@@ -1,0 +1,141 @@
+#include "LocalChoice.h"
+
+#include "FrameTests.h"
+#include "LocalWalk.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/MethodTable.h"
+#include "jvmti/Monitors.h"
+#include "jvmti/Session.h"
+#include "qorlog.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int32_t TAGS_A_CALL = 4096; // the JVM compares each tag asked for with each one that it has
+
+jobject objects[LOCAL_TAGS + 1]; // by tag; null for an object that has died
+jobject candidates[LOCAL_CANDIDATES];
+
+static_assert(static_cast<int32_t>(LOCAL_SIGNATURE_SIZE) == NAME_SIZE, "QorCopyName writes that many");
+
+int32_t FetchTags(jvmtiEnv *env, int32_t first, int32_t count) {
+    jlong wanted[TAGS_A_CALL];
+    for (int32_t i = 0; i < count; i++)
+        wanted[i] = first + i;
+    jint found = 0;
+    jobject *refs = nullptr;
+    jlong *tags = nullptr;
+    const jvmtiError error = env->GetObjectsWithTags(count, wanted, &found, &refs, &tags);
+    if (error != JVMTI_ERROR_NONE)
+        return error;
+    int32_t result = JVMTI_ERROR_NONE;
+    for (jint i = 0; i < found; i++) {
+        objects[tags[i]] = refs[i];
+        const jvmtiError setError = env->SetTag(refs[i], 0);
+        if (setError == JVMTI_ERROR_NONE)
+            continue;
+        QORLOG(LOG_ERROR, "SetTag failed %d", setError);
+        result = setError;
+    }
+    env->Deallocate(reinterpret_cast<unsigned char *>(refs));
+    env->Deallocate(reinterpret_cast<unsigned char *>(tags));
+    return result;
+}
+
+bool IsAlive(jobject object) {
+    return object && !QorIsSameObject(jvmtijni_env, object, nullptr);
+}
+
+// The frame's objects that are alive, in the order in which they were met.
+int32_t CollectCandidates(const QorWantedFrame &frame) {
+    int32_t count = 0;
+    if (frame.record && getObjOpt) {
+        for (int32_t i = 0; i < std::min<int32_t>(frame.hits, LOCAL_OBJECT_SLOTS); i++)
+            if (IsAlive(frame.record->localObjects[i]))
+                candidates[count++] = frame.record->localObjects[i];
+        return count;
+    }
+    for (int32_t i = frame.first; i >= 0 && count < LOCAL_CANDIDATES; i = gbQorFindings[i].next)
+        if (jobject object = objects[gbQorFindings[i].tag])
+            candidates[count++] = object;
+    return count;
+}
+
+// False when the class can't be read now.
+bool ReadSignature(jclass klass, const QorWantedFrame &frame, char *signature) {
+    if (!QorIsClassInitialized(klass))
+        return false;
+    char *text = nullptr;
+    const jvmtiError error = jvmti->GetClassSignature(klass, &text, nullptr);
+    if (error != JVMTI_ERROR_NONE || !text) {
+        // A walk for one frame knows its method by the id alone, and words it differently.
+        if (frame.record)
+            QORLOG(LOG_ERROR, "GetClassSignature failed error [%d]", error);
+        else if (error != JVMTI_ERROR_NONE)
+            QORLOG(LOG_ERROR, "Error while Getting GetClassSignature %d", error);
+        else
+            QORLOG(LOG_ERROR, "String Signature NULL");
+        return false;
+    }
+    const int32_t length = QorCopyName(signature, text);
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(text));
+    if (length == 0)
+        QORLOG(LOG_ERROR, "No Signature found for method %s\n", frame.record ? frame.record->methodName : "");
+    return length > 0;
+}
+
+// Whether the search ends at the object.
+bool EndsSearch(jobject object, const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
+                char *signature) {
+    jclass klass = QorGetObjectClass(jvmtijni_env, object);
+    if (!klass)
+        return false;
+    bool found = false;
+    if (ReadSignature(klass, frame, signature)) {
+        found = !QorIsPassedOverObject(signature) && ends(signature);
+        if (!found && env)
+            env->SetTag(klass, BORING_CLASS); // refused: it is looked at again next time
+    }
+    QorDeleteLocalRef(jvmtijni_env, klass);
+    return found;
+}
+
+// What an entity's event stands beside: the object in front of it, of the first one that behind it.
+jobject Neighbour(int32_t at, int32_t count) {
+    if (at > 0)
+        return candidates[at - 1];
+    if (count > 1)
+        return candidates[1];
+    QORLOG(LOG_ERROR, "Frame does not contain Eo Object");
+    return nullptr;
+}
+
+} // namespace
+
+int32_t QorCountFoundObjects() {
+    return gbQorTagCount;
+}
+
+int32_t QorFetchFoundObjects(jvmtiEnv *env) {
+    std::fill(objects, objects + gbQorTagCount + 1, nullptr);
+    int32_t result = JVMTI_ERROR_NONE;
+    for (int32_t first = 1; first <= gbQorTagCount && result == JVMTI_ERROR_NONE; first += TAGS_A_CALL)
+        result = FetchTags(env, first, std::min<int32_t>(TAGS_A_CALL, gbQorTagCount - first + 1));
+    return result;
+}
+
+jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
+                             char *signature) {
+    const int32_t count = CollectCandidates(frame);
+    for (int32_t i = 0; i < count; i++) {
+        if (!EndsSearch(candidates[i], frame, ends, env, signature))
+            continue;
+        jobject chosen = IsQRFEoFrameObject(signature) ? Neighbour(i, count) : candidates[i];
+        if (!chosen)
+            break;
+        return chosen;
+    }
+    signature[0] = 0;
+    return nullptr;
+}

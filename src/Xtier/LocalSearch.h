@@ -1,0 +1,94 @@
+// What a walk for locals looks for and what it has found: the memory that its callbacks work on.
+//
+// The wanted frames are indexed before the walk, the found objects are put down as pairs of frame and tag,
+// and nothing is allocated, logged or asked of the JVM in between. All of it belongs to the walk at hand: the
+// worker prepares it and reads it, the callbacks fill it while the JVM stands.
+#pragma once
+
+#include "LocalList.h"
+
+#include <cstdint>
+#include <jvmti.h>
+
+enum : int32_t {
+    LOCAL_TAGS = 32768,      // objects that a walk can tag, numbered from 1
+    LOCAL_FINDINGS = 65536,  // pairs of frame and object
+    LOCAL_CANDIDATES = 4096, // objects that a frame is chosen from
+    LOCAL_WALK_KINDS = 32,
+};
+
+// A class with any tag is known to be of no interest; the tag is this one. Tags of objects are positive.
+constexpr jlong BORING_CLASS = -1;
+
+// A frame whose locals are wanted.
+struct QorWantedFrame {
+    int64_t tid, method;
+    QorAllThreadLocalInfoList *record; // the oldest entry of the frame; null in a walk for one frame
+    bool isNative;                     // only then are JNI locals its own
+    bool keepsAll;                     // objects of boring classes are candidates too
+    int32_t hits;                      // locals met
+    int32_t candidates;                // findings
+    int32_t first, last;               // indices of its findings, -1 for none
+};
+
+// An object of a frame, linked in the order of visiting.
+struct QorFinding {
+    int32_t tag;
+    int32_t next; // -1 at the end
+};
+
+// Why a walk ended before the JVM had nothing more to report.
+enum QorLocalWalkEnd : int32_t {
+    WALK_NOT_ENDED,
+    WALK_OUT_OF_TIME,
+    WALK_THREADS_SEEN,  // all wanted threads were met
+    WALK_RECORDS_HIT,   // all records have an object
+    WALK_BEHIND_STACKS, // a root that is reported behind all stacks
+    WALK_HEAP_REACHED,  // a reference from object to object
+    WALK_FRAME_LEFT,    // the one frame is complete
+};
+
+struct QorLocalWalkOutcome {
+    QorLocalWalkEnd end;
+    int32_t kind;         // of the reference at which the walk was ended
+    int64_t usec;         // time taken until then
+    int32_t missingInfos; // stack locals that the JVM told nothing of
+    int32_t passedOver;   // objects that found no room
+};
+
+extern QorWantedFrame *gbQorWantedFrames; // ordered by thread and method
+extern int32_t gbQorWantedFrameCount;
+extern QorFinding gbQorFindings[LOCAL_FINDINGS];
+extern int32_t gbQorTagCount; // tags given in this walk
+extern QorLocalWalkOutcome gbQorLocalWalkOutcome;
+extern int32_t gbQorLocalWalkKinds[LOCAL_WALK_KINDS]; // callbacks of this walk by kind
+
+extern int32_t threadCount;                // wanted threads still to be met
+extern int64_t threadSkip;                 // the thread at hand when none of its frames is wanted, else -1
+extern int64_t threadHit;                  // the wanted thread met last, -1 before the first
+extern int32_t iIterationCount;            // callbacks
+extern int32_t iJNILocalCount;             // JNI locals among them, not counted during polling
+extern int32_t IsAbort;                    // 1 when every record was found to have an object
+extern int32_t iRecordsWithoutHits;        // records that no local was met for
+extern QorAllThreadLocalInfoList *curList; // the oldest record
+extern QorAllThreadLocalInfoList *gbQorAllThreadLocalInfoList; // the record of the last hit
+
+// Builds the index for a list, and clears all that a walk fills; sets the entries' links to newer ones and
+// clears their results. False when there is no memory. QorEndLocalSearch gives the index back.
+bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list);
+
+// The same for one frame of one thread.
+bool QorPrepareFrameSearch(int64_t tid, int64_t method);
+
+void QorEndLocalSearch();
+
+// Starts the walk's time; without a budget it is never looked at.
+void QorStartLocalWalkTime(int64_t now, bool hasBudget);
+
+// The callbacks of the walk for a list and of that for one frame, whose user data is the QorWantedFrame.
+jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
+                                            jlong classTag, jlong referrerClassTag, jlong size, jlong *tagPtr,
+                                            jlong *referrerTagPtr, jint length, void *userData);
+jint JNICALL heapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
+                                            jlong classTag, jlong referrerClassTag, jlong size, jlong *tagPtr,
+                                            jlong *referrerTagPtr, jint length, void *userData);

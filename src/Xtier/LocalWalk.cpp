@@ -1,0 +1,233 @@
+// A walk tags the objects that it finds by numbers of its own, in an environment of its own, and takes the
+// tags away again: an object can be a local of many frames, and the tags by which the session knows objects
+// stay as they are. Only marks on classes stay, of which no object can be of interest, so that the next walk
+// passes over the bulk of the locals in the callback: looking up tags costs the JVM the square of their
+// number.
+#include "LocalWalk.h"
+
+#include "FrameTests.h"
+#include "LocalChoice.h"
+#include "LocalSearch.h"
+#include "LocalWalkTimes.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Session.h"
+#include "jvmti/TagEnvironment.h"
+#include "jvmti/followRefHackHelper.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <cstdlib>
+#include <cstring>
+
+int32_t getObjOpt;
+
+void *qorctiHasMore;
+void *qorctiStep;
+void *qorctiInitWithThread;
+void *qorrefIterFillFromFrame;
+void *qorrefIterInit;
+void *qorrefIterFree;
+
+namespace {
+
+constexpr jint JNI_OF_GET_OBJ_OPT = 0x00010006;
+constexpr int UPDATE_DIGITS = 6; // where a version text such as "1.6.0_45" has its update
+constexpr int FIRST_OTHER_UPDATE = 50;
+constexpr int32_t SPARE_REFS = 64;
+constexpr int64_t USEC_PER_SEC = 1000000;
+constexpr int32_t ALL_TIME = 100; // percent
+
+jvmtiEnv *walkEnv; // kept until shutdown, with the marks on classes
+
+bool OpenWalkEnv() {
+    if (!walkEnv && jvmti)
+        walkEnv = QorOpenTagEnvironment();
+    return walkEnv;
+}
+
+// With it go all tags, whatever objects have them.
+void CloseWalkEnv() {
+    QorCloseTagEnvironment(walkEnv);
+    walkEnv = nullptr;
+}
+
+bool IsUpdateBelow50() {
+    if (strlen(vers) <= UPDATE_DIGITS)
+        return false;
+    const char digits[] = {vers[UPDATE_DIGITS], vers[UPDATE_DIGITS + 1], 0};
+    return atoi(digits) < FIRST_OTHER_UPDATE;
+}
+
+bool CanFillHandles() {
+    return strstr(vers, "1.6") && strstr(vend, "Sun") && IsUpdateBelow50() && jvmtijni_env &&
+           jvmtijni_env->GetVersion() == JNI_OF_GET_OBJ_OPT;
+}
+
+int32_t Follow(jvmtiHeapReferenceCallback callback, void *userData) {
+    jvmtiHeapCallbacks callbacks = {};
+    callbacks.heap_reference_callback = callback;
+    const jvmtiError error = walkEnv->FollowReferences(0, nullptr, nullptr, &callbacks, userData);
+    check_FollowRefHack();
+    QorClearException(jvmtijni_env);
+    return error;
+}
+
+// What the callback has met and may not write itself.
+void LogCallbackLines(int64_t end) {
+    const QorLocalWalkOutcome &outcome = gbQorLocalWalkOutcome;
+    if (outcome.missingInfos > 0)
+        QORLOG(LOG_NOTE, " IMPORTANT reference_info NULL\n");
+    if (outcome.passedOver > 0)
+        QORLOG(LOG_ERROR, "TAG too huge to fit in");
+    for (int32_t i = 0; i < gbQorWantedFrameCount; i++)
+        if (gbQorWantedFrames[i].isNative && gbQorWantedFrames[i].hits > 0)
+            QORLOG(LOG_DETAIL, "FollowRef  Methos ID %x match",
+                   static_cast<uint32_t>(gbQorWantedFrames[i].method));
+    switch (outcome.end) {
+    case WALK_OUT_OF_TIME:
+        QorReportLocalWalkAbort(end, iIterationCount, outcome.usec, outcome.kind);
+        break;
+    case WALK_THREADS_SEEN:
+        QORLOG(LOG_DETAIL, "Aborting GetLocalObj when threadCount=0 after %d iterations. ", iIterationCount);
+        break;
+    case WALK_RECORDS_HIT:
+        QORLOG(LOG_DETAIL, "Aborting GetLocalObj when IsAbort=1 after %d iterations. ", iIterationCount);
+        break;
+    case WALK_HEAP_REACHED:
+        QORLOG(
+            LOG_DETAIL,
+            "Aborting GetLocalObj when reference_kind<JVMTI_HEAP_REFERENCE_JNI_GLOBAL after %d iterations. ",
+            iIterationCount);
+        break;
+    case WALK_BEHIND_STACKS:
+        QORLOG(LOG_DETAIL, "Aborting GetLocalObj behind the stacks after %d iterations. Current refKind = %d",
+               iIterationCount, outcome.kind);
+        break;
+    case WALK_FRAME_LEFT:
+    case WALK_NOT_ENDED:
+        break;
+    }
+}
+
+void LogWalk(int64_t start, int64_t end) {
+    LogCallbackLines(end);
+    if (threadCount != 0)
+        QORLOG(LOG_DETAIL, "Lost %d threads during getlocalobj ", threadCount);
+    QORLOG(LOG_DETAIL, "Iteration count for heap is %ld", static_cast<long>(iIterationCount));
+    QorCountLocalWalk(start, end, iIterationCount);
+    if (qorIsPollOrTrace)
+        QorDumpTime(start / USEC_PER_SEC, start % USEC_PER_SEC, end / USEC_PER_SEC, end % USEC_PER_SEC,
+                    "Local Variable traversal");
+    else
+        QORLOG(LOG_NOTE, "LTA GetLocals took %ld usec (%d iterations, %d JNI locals)",
+               static_cast<long>(end - start), iIterationCount, iJNILocalCount);
+}
+
+// Attaches an object to each record that has any. JVMTI's error, 0 for none.
+int32_t CollectObjects() {
+    QorLocalFrame localFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS);
+    if (!localFrame.pushed) {
+        QORLOG(LOG_ERROR, "Out of Memory");
+        return JVMTI_ERROR_OUT_OF_MEMORY;
+    }
+    const int32_t error = QorFetchFoundObjects(walkEnv);
+    for (int32_t i = 0; i < gbQorWantedFrameCount; i++) {
+        const QorWantedFrame &frame = gbQorWantedFrames[i];
+        frame.record->localCount = frame.hits;
+        if (frame.hits == 0)
+            continue;
+        jobject chosen =
+            QorChooseLocalObject(frame, QorIsObjectOfInterest, walkEnv, frame.record->strSignature);
+        if (chosen)
+            frame.record->objLocalVarHandle = QorNewGlobalRef(jvmtijni_env, chosen);
+        if (!frame.record->objLocalVarHandle)
+            frame.record->strSignature[0] = 0;
+    }
+    return error;
+}
+
+bool EndsFrameSearch(const char *signature) {
+    return IsQRFFrame(signature) || IsJSPFrame(signature) || IsDBFrame(signature);
+}
+
+void ReadFrameObject(QorLocalObjectRecord *record) {
+    if (QorPushLocalFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS) != 0) {
+        QORLOG(LOG_ERROR, "Out of Memory");
+        CloseWalkEnv();
+        return;
+    }
+    jobject chosen = nullptr;
+    if (QorFetchFoundObjects(walkEnv) == JVMTI_ERROR_NONE)
+        chosen = QorChooseLocalObject(gbQorWantedFrames[0], EndsFrameSearch, nullptr, record->signature);
+    else
+        CloseWalkEnv();
+    record->object = QorPopLocalFrame(jvmtijni_env, chosen);
+    if (record->object)
+        record->klass = QorGetObjectClass(jvmtijni_env, record->object);
+}
+
+} // namespace
+
+void checkGetObjOpt() {
+    getObjOpt = CanFillHandles();
+    if (getObjOpt)
+        QORLOG(LOG_TRACE, "getObjOpt optimization is enabled for version %s from vendor %s.", vers, vend);
+    else
+        QORLOG(LOG_TRACE, "getObjOpt optimization is not enabled for version %s from vendor %s.", vers, vend);
+}
+
+int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list) {
+    const int32_t quota = QorLocalWalkQuota();
+    if (!list || quota == 0)
+        return -1;
+    const int64_t start = qorLocalWalkClock();
+    if (!QorLocalWalkIsDue(start) || !OpenWalkEnv() || !QorPrepareLocalSearch(list))
+        return -1;
+    QorSetLocalWalkBudget(start);
+    QorStartLocalWalkTime(start, quota < ALL_TIME);
+    const int32_t walkError = Follow(heapReferenceAllObjectCallback, nullptr);
+    const int64_t end = qorLocalWalkClock();
+    LogWalk(start, end);
+    getNextLocalObjTime(start, end);
+    const int32_t tagError = CollectObjects();
+    if (tagError != JVMTI_ERROR_NONE)
+        CloseWalkEnv();
+    QorEndLocalSearch();
+    QorReportLocalWalks(end, walkError, tagError);
+    return 0;
+}
+
+int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record) {
+    if (!record)
+        return -1;
+    record->object = nullptr;
+    record->klass = nullptr;
+    record->signature[0] = 0;
+    const int32_t quota = QorLocalWalkQuota();
+    if (quota == 0 || !OpenWalkEnv() || !QorPrepareFrameSearch(tid, method))
+        return -1;
+    lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
+    QorStartLocalWalkTime(qorLocalWalkClock(), quota < ALL_TIME);
+    const int32_t error = Follow(heapReferenceOneObjectCallback, gbQorWantedFrames);
+    const bool found = error == JVMTI_ERROR_NONE && QorCountFoundObjects() > 0;
+    LogCallbackLines(qorLocalWalkClock());
+    if (QorCountFoundObjects() > 0)
+        ReadFrameObject(record);
+    QorEndLocalSearch();
+    return found ? 0 : -1;
+}
+
+int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record) {
+    if (!qorctiHasMore || !qorctiStep || !qorctiInitWithThread || !qorrefIterFillFromFrame ||
+        !qorrefIterInit || !qorrefIterFree)
+        return -1;
+    return QorGetLocalObject(tid, method, record);
+}
+
+void QorCloseLocalWalk() {
+    CloseWalkEnv();
+    QorEndLocalSearch();
+    QorDropLocalListPool();
+}

@@ -1,0 +1,38 @@
+// How often and for how long the walks for locals may stop the JVM.
+//
+// Times are microseconds of a clock that no one sets; 0 means never. Worker only, but for the clock, which
+// the walk's callback reads too.
+#pragma once
+
+#include <cstdint>
+
+// The clock. A test may put its own here.
+extern int64_t (*qorLocalWalkClock)();
+
+extern int64_t nextFollowRefTime;            // earliest start of the next walk during polling
+extern int64_t prevFollowRefExecTime;        // start of the last walk
+extern int64_t prevFollowRefAbortReportTime; // last line on a walk skipped or ended for its time
+extern int64_t prevFollowRefStatsReportTime; // last line of statistics
+extern int32_t iSkipFollowRefCount;          // walks skipped or ended since that line
+extern int32_t iFollowRefCount;              // walks since the last statistics
+extern int64_t lFollowRefTotalTime;          // their time, microseconds
+extern int64_t lIterationTotalCount;         // their callbacks
+
+// The share of time that walks may take, 0 to 100 percent.
+int32_t QorLocalWalkQuota();
+
+// Whether a walk may start now: a poll waits until the last walk's share of time has passed. Logs a skip.
+bool QorLocalWalkIsDue(int64_t now);
+
+// Sets lAllowedFollowRefTimeUSec for a walk that starts now, and notes the start. Nothing at a quota of 100.
+void QorSetLocalWalkBudget(int64_t now);
+
+// Bars the next walk until this one's time is no more than the quota's share.
+void getNextLocalObjTime(int64_t start, int64_t end);
+
+// Reports a walk that its budget has ended.
+void QorReportLocalWalkAbort(int64_t now, int32_t iterations, int64_t usec, int32_t kind);
+
+// Counts a walk, and every ten minutes reports their number and average. Errors are JVMTI's, 0 for none.
+void QorCountLocalWalk(int64_t start, int64_t end, int32_t iterations);
+void QorReportLocalWalks(int64_t now, int32_t walkError, int32_t tagError);
