@@ -110,7 +110,7 @@ bool ReadDetail(std::string_view field, EndToEnd *told) {
 }
 
 void ReadAdded(std::string_view field, EndToEnd *told) {
-    if (!field.empty() && !ReadDetail(field, told) && !ReadFigures(field, told))
+    if (!field.empty() && field != NO_VALUE && !ReadDetail(field, told) && !ReadFigures(field, told))
         told->texts.emplace_back(field);
 }
 

@@ -12,6 +12,15 @@ import java.util.concurrent.ConcurrentMap;
 public final class cJavaCall {
     private static final int DETAILS_PER_THREAD = 10;
 
+    /** The details that are told again, by their place; null for those that have a form of their own. */
+    private static final String[] DETAIL_KEYS = {
+        null, null, null, "file", "application", "module", "workmanager", "session", null, null,
+    };
+    private static final int STUCK = 1;
+    private static final int HOGGER = 2;
+    private static final int PEER_PORT = 8;
+    private static final int PEER_HOST = 9;
+
     private static final char FRAMEWORK_MARK = 14;
     private static final char REMOTE_MARK = 15;
     private static final char FIELD_SEPARATOR = 29; // the first of a record starts its end-to-end text
@@ -57,14 +66,15 @@ public final class cJavaCall {
      *     a further field, and a section end (31);
      * <li>then for each thread, in order, a record: the provider's framework text between two marks 14, its
      *     remote text between two marks 15, the start mark (29), the thread's figures
-     *     ({@link Figures#append}), behind a separator (29) the provider's end-to-end text, and a record end
-     *     (30). Texts that there are none of are left out with their marks.
+     *     ({@link Figures#append}), a field for each detail that the agent has gathered, the provider's
+     *     end-to-end text, each behind a separator (29), and a record end (30). Texts that there are none of
+     *     are left out with their marks.
      * </ul>
      *
      * @param threads the threads of the sample
      * @param ids their operating system ids, -1 for none
      * @param strings ten texts for each
-     * @return null when there is nothing to add
+     * @return null when the threads can't be described
      */
     public static String cjavacalls(Object[] threads, long[] ids, String[] strings, int count, int systemData,
                                     int isPoll) {
@@ -79,8 +89,6 @@ public final class cJavaCall {
                                   boolean systemData, boolean poll) {
         EndToEndProvider asked = provider;
         Figures figures = Figures.of(threads, count);
-        if (figures == null && asked == null)
-            return null;
         StringBuilder text = new StringBuilder(TYPICAL_RECORD * (count + 1));
         if (systemData) {
             Figures.system(text);
@@ -93,7 +101,7 @@ public final class cJavaCall {
             List<String> details = strings.subList(i * DETAILS_PER_THREAD, (i + 1) * DETAILS_PER_THREAD);
             EndToEndProvider.ThreadText known =
                 asked == null ? null : describe(asked, (Thread)threads[i], ids[i], details, poll);
-            append(text, figures, i, known);
+            append(text, figures, i, details, known);
         }
         return text.toString();
     }
@@ -116,7 +124,7 @@ public final class cJavaCall {
     }
 
     /** A thread of which nothing is known still has its record, as the reader counts them. */
-    private static void append(StringBuilder text, Figures figures, int index,
+    private static void append(StringBuilder text, Figures figures, int index, List<String> details,
                                EndToEndProvider.ThreadText known) {
         if (known != null && known.framework != null)
             append(text.append(FRAMEWORK_MARK), known.framework).append(FRAMEWORK_MARK);
@@ -125,9 +133,30 @@ public final class cJavaCall {
         text.append(FIELD_SEPARATOR);
         if (figures == null || !figures.append(text, index))
             text.append(NOT_KNOWN);
+        append(text, details);
         if (known != null && known.endToEnd != null)
             append(text.append(FIELD_SEPARATOR), known.endToEnd);
         text.append(RECORD_END);
+    }
+
+    /** Fields "KEY=VALUE" of what the agent knows: the file, the server's work, the other end of the socket. */
+    private static void append(StringBuilder text, List<String> details) {
+        for (int i = 0; i < DETAILS_PER_THREAD; i++) {
+            String value = details.get(i);
+            if (DETAIL_KEYS[i] != null && value != null && !value.isEmpty())
+                append(text.append(FIELD_SEPARATOR).append(DETAIL_KEYS[i]).append('='), value);
+        }
+        appendMark(text, "stuck", details.get(STUCK));
+        appendMark(text, "hogger", details.get(HOGGER));
+        String host = details.get(PEER_HOST);
+        if (host != null && !host.isEmpty())
+            append(text.append(FIELD_SEPARATOR).append("peer="), host + ':' + details.get(PEER_PORT));
+    }
+
+    /** Of a detail that is 0, 1 or, when it isn't known, something else. */
+    private static void appendMark(StringBuilder text, String key, String value) {
+        if ("0".equals(value) || "1".equals(value))
+            text.append(FIELD_SEPARATOR).append(key).append('=').append(value);
     }
 
     /** Field separators pass; the marks that the reader goes by become blanks, long texts are cut. */

@@ -20,7 +20,7 @@ public class cJavaCallTest {
     private static String call(EndToEndProvider provider, int systemData) {
         String[] details = new String[20];
         for (int i = 0; i < details.length; i++)
-            details[i] = "d" + i;
+            details[i] = i % 10 == 0 ? "d" + i : "";
         cJavaCall.register(provider);
         return cJavaCall.cjavacalls(THREADS, IDS, details, 2, systemData, 1);
     }
@@ -66,6 +66,16 @@ public class cJavaCallTest {
         assertEquals("marks of the form are blanks in texts",
                      SYSTEM + "\35a b\37\35F\36\16 \16\35F\35c d e f\36",
                      form(call(provider("a\37b", new ThreadText("\16", null, "c\36d\17e\37f")), 1)));
+    }
+
+    @Test
+    public void detailsStandBehindTheFigures() {
+        String[] details = {"7", "0",  "1", "/tmp/a b", "shop", "cart", "wm", "s1", "5432", "10.0.0.1",
+                            "7", "-1", "", null, "", "", "a\37b", "", "0", ""};
+        cJavaCall.register(null);
+        assertEquals("\35F\35file=/tmp/a b\35application=shop\35module=cart\35workmanager=wm\35session=s1"
+                         + "\35stuck=0\35hogger=1\35peer=10.0.0.1:5432\36\35F\35workmanager=a b\36",
+                     form(cJavaCall.cjavacalls(THREADS, IDS, details, 2, 0, 1)));
     }
 
     @Test

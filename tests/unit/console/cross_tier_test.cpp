@@ -34,7 +34,7 @@ ThreadSample Threads(const std::string &rows) {
 TEST(EndToEnd, StandsBehindEveryFormOfRecord) {
     ThreadSample sample = Threads(Row("1", "*Runnable" + ADDED) + Row("2", DB_BLOCK + ADDED) +
                                   Row("3", "RMI Wait{&7~1099~-63.-87.-254.-251~ejb" + ADDED) +
-                                  Row("4", "Lock~") + Row("5", "Lock"));
+                                  Row("4", "Lock~^~") + Row("5", "Lock"));
     ASSERT_EQ(sample.threads.size(), 5u);
     EXPECT_FALSE(sample.cut);
     for (size_t i = 0; i < 3; ++i) {
