@@ -239,7 +239,8 @@ bool FindSockets(uint32_t port, const char *clientHost) {
         ReplyOutOfMemory();
         return false;
     }
-    if (!SearchTables(port, client, LOG_NOTE) || (fromHere && !SearchTables(port, local, LOG_TRACE)))
+    const bool alsoLocal = fromHere && local != client;
+    if (!SearchTables(port, client, LOG_NOTE) || (alsoLocal && !SearchTables(port, local, LOG_TRACE)))
         return false;
     std::sort(NetData, NetData + totalnet,
               [](const QorNetRecord &a, const QorNetRecord &b) { return a.inode < b.inode; });
