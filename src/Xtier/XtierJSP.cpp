@@ -87,21 +87,9 @@ void AppendCut(char *text, const char *added) {
     QorDropPartialCharacter(text, static_cast<int32_t>(strlen(text)));
 }
 
-// Hashtable.get takes the table's lock. A thread of the application that stands in it would hold the worker.
-bool IsLocked(jobject table) {
-    jvmtiMonitorUsage usage = {};
-    if (jvmti->GetObjectMonitorUsage(table, &usage) != JVMTI_ERROR_NONE)
-        return true;
-    if (usage.waiters)
-        jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.waiters));
-    if (usage.notify_waiters)
-        jvmti->Deallocate(reinterpret_cast<unsigned char *>(usage.notify_waiters));
-    return usage.owner;
-}
-
 void ReadEnvironment(jobject object, const char *path, char *url) {
     jobject table = QorFollowObjectMap(path, object), value = nullptr;
-    if (!table || IsLocked(table))
+    if (!table)
         return;
     QorGetHashValue(&table, ENVIRONMENT_KEY, &value);
     char signature[NAME_SIZE] = "";

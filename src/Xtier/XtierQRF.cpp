@@ -195,7 +195,8 @@ void QorReadPageName(const QorAllThreadLocalInfoList *entry, char *name) {
         return;
     }
     QORLOG(LOG_DETAIL, "QRF Object Name here is %s ", found);
-    QorStrncpy(name, found, REQUEST_TEXT_SIZE, REQUEST_TEXT_SIZE);
+    if (*found)
+        QorStrncpy(name, found, REQUEST_TEXT_SIZE, REQUEST_TEXT_SIZE);
 }
 
 void parseGroovyArray(jobjectArray array, QorJSPRequestData *record) {

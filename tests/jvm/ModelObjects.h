@@ -1,0 +1,34 @@
+// Objects for the readers, made without their constructors, and list entries that carry them.
+#pragma once
+
+#include "JvmFixture.h"
+#include "Xtier/LocalList.h"
+
+#include <string>
+
+// An object of a class ("java/lang/Object") with all fields empty.
+jobject MakeObject(const std::string &klass);
+
+// Sets the field at the end of a path of `name,signature` steps joined by "|". Objects on the way that are
+// not there yet are made, of the field's class or of the one told behind it ("f,La/B;=a/C"). The value of an
+// int or boolean field is its text.
+void Plant(jobject root, const std::string &path, const std::string &value);
+
+// The same for a field that holds any object; `value` may be null.
+void PlantObject(jobject root, const std::string &path, jobject value);
+
+// An entry of the thread-local list as the walk leaves it.
+struct ModelEntry : QorAllThreadLocalInfoList {
+    ModelEntry(int32_t kindOfEntry, const std::string &signature, jobject object, const char *method = "run",
+               const char *klass = "app.Main");
+    ~ModelEntry();
+    ModelEntry(const ModelEntry &) = delete;
+    ModelEntry &operator=(const ModelEntry &) = delete;
+};
+
+// What a record of `size` bytes shows of a value: cut on a character, separators as blanks.
+std::string Shown(const std::string &value, size_t size);
+
+// Values that try a text of a record: plain, empty, longer than any record, with everything that a record
+// format cuts at, and with characters of every length at the cut.
+std::vector<std::string> TrialValues();
