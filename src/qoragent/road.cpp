@@ -117,6 +117,7 @@ void *do_initialization(void *) {
     doing_init = 1;
     init_status = START_RUNNING;
     sig_hack = 0;
+    QorPrepareFaultHandler();
     set_qor_handler();
 
     const int32_t resolved = ChooseRoad();

@@ -91,9 +91,10 @@ void WaitForJavaCall() {
 
 // Counts a wake-up that was none. The count never goes down: from the limit on each further one restarts the
 // loop at once and ends the request in hand.
-void Strike(int *strikes) {
+void Strike(volatile int *strikes) {
     QORLOG(LOG_WARNING, "Pipe not invoked by Parent");
-    const bool restart = ++*strikes >= STRIKE_LIMIT;
+    *strikes = *strikes + 1;
+    const bool restart = *strikes >= STRIKE_LIMIT;
     if (qorlocks[1]) {
         AppendByWayOfBuf("Unable to complete Request, Try Again");
         if (restart)
@@ -181,33 +182,75 @@ WakeUp ReadWakeUp() {
     return memcmp(pipe_str, WAKE_UP, HANDSHAKE_SIZE) == 0 ? WOKEN : STRAY;
 }
 
-// Serves wake-ups until the agent is asked to leave, this worker is outdated, or the channel is gone.
-void ServeRequests(intptr_t start) {
-    int strikes = 0;
+void TakeBusy() {
+    while (workerBusy.exchange(1) != 0)
+        ShortSleep();
+}
+
+// One wake-up, once there is one. False when the worker must leave.
+bool ServeWakeUp(volatile int *strikes) {
+    switch (ReadWakeUp()) {
+    case WOKEN:
+        HandleRequest();
+        break;
+    case STRAY:
+        Strike(strikes);
+        break;
+    case NOTHING:
+        break;
+    case LEAVE:
+        return false;
+    }
+    return true;
+}
+
+// Serves wake-ups until the agent is asked to leave, this worker is outdated, or the channel is gone. A fault
+// in a request comes back to the mark, so that nothing here has a destructor.
+void ServeRequests(const intptr_t start) {
+    volatile int strikes = 0;
+    if (sigsetjmp(sig_jump, 1) != 0) {
+        workerBusy = 0;
+        if (gbIbmJvm)
+            qor_enable_gc();
+    }
+    sigJumpThread = qor_current_thread_id();
     while (QorChannelIsOurs() && !Outdated(start)) {
         if (agentstatus == AGENT_SHUTDOWN) {
             QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. breaking out while loop in child process");
-            return;
+            break;
         }
         QorTendFork();
         if (!qor_can_read(pipe_fd_PP[0], LOOK_ROUND_SECONDS))
             continue;
         if (Outdated(start))
-            return;
-        QorBusyScope busy;
-        switch (ReadWakeUp()) {
-        case WOKEN:
-            HandleRequest();
             break;
-        case STRAY:
-            Strike(&strikes);
+        TakeBusy();
+        const bool stays = ServeWakeUp(&strikes);
+        workerBusy = 0;
+        if (!stays)
             break;
-        case NOTHING:
-            break;
-        case LEAVE:
-            return;
-        }
     }
+    sigJumpThread = 0; // the mark ends with this function
+}
+
+// Starts a detached worker, the only one that may touch the channel from now on. 0 or the error number.
+int32_t StartWorker(pthread_t *handle) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (gbNimbJvm)
+        pthread_attr_setstacksize(&attributes, NIMB_STACK_SIZE);
+    pthread_t created = 0;
+    liveWorkers++;
+    currentStart = ++starts;
+    const int failed = pthread_create(&created, &attributes, qor_child_thread,
+                                      reinterpret_cast<void *>(currentStart.load()));
+    pthread_attr_destroy(&attributes);
+    if (failed)
+        liveWorkers--;
+    else if (!gbNimbJvm)
+        *handle = created;
+    return failed;
 }
 
 void LogStart() {
@@ -220,8 +263,7 @@ void LogStart() {
 } // namespace
 
 QorBusyScope::QorBusyScope() {
-    while (workerBusy.exchange(1) != 0)
-        ShortSleep();
+    TakeBusy();
 }
 
 void *qor_child_thread(void *startNumber) {
@@ -245,29 +287,26 @@ void *qor_child_thread(void *startNumber) {
 }
 
 int32_t qor_create_child_thread(pthread_t *handle) {
+    child_env = nullptr;
     if (QorOnJvmtiRoad())
         iNotUsingSignalHandler = 1;
     if (ch_pid != 0 || offsetind < 0)
         return 0;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    if (gbNimbJvm)
-        pthread_attr_setstacksize(&attributes, NIMB_STACK_SIZE);
-    pthread_t created = 0;
-    liveWorkers++;
-    currentStart = ++starts;
-    const int failed = pthread_create(&created, &attributes, qor_child_thread,
-                                      reinterpret_cast<void *>(currentStart.load()));
-    pthread_attr_destroy(&attributes);
-    if (failed) {
-        liveWorkers--;
+    const int32_t failed = StartWorker(handle);
+    if (failed)
         QORLOG(LOG_ERROR, "Internal Error : 2000 :Failed to create new thread ");
-        return failed;
-    }
-    if (!gbNimbJvm)
-        *handle = created;
-    return 0;
+    return failed;
+}
+
+void QorWorkerGone() {
+    liveWorkers--;
+}
+
+int32_t QorReplaceWorker() {
+    QorWorkerGone();
+    sigJumpThread = 0;
+    workerBusy = 0;
+    return StartWorker(&thread);
 }
 
 void qor_terminate_child_thread() {

@@ -48,5 +48,12 @@ bool QorWorkerLives();
 // True when the worker has nothing in hand and nothing waiting: all wake-ups so far have been dealt with.
 bool QorWorkerIsIdle();
 
+// Counts the calling worker as gone, which a fault ends. Fault handler.
+void QorWorkerGone();
+
+// Starts a worker in place of the calling one, which a fault ends and which counts as gone from here on. 0 or
+// the error number. Fault handler.
+int32_t QorReplaceWorker();
+
 // The thread's body; the argument is the start number.
 void *qor_child_thread(void *startNumber);
