@@ -196,7 +196,7 @@ TEST_F(DbSession, ReadsLongTables) {
     std::string rows = "  sl  local_address rem_address   st\n";
     for (uint32_t i = 0; i < 2000; i++)
         rows += Row("0100007F:05F1", "0302010A:0BB8", 1 + i);
-    const std::string overlong = std::string(9000, ' ') + ":05F1 0302010A:0001\n";
+    const std::string overlong = std::string(9000, ' ') + Row("0100007F:05F1", "0302010A:0BBA", mine);
     std::string last = Row("0100007F:05F1", "0302010A:0BB9", mine);
     last.pop_back();
     SetTables({{0, rows + overlong + last}});
