@@ -1,0 +1,173 @@
+package qoragent.testing;
+
+import com.halcyon.server.http.HalcyonHttpServletRequest;
+import com.halcyon.util.ByteString;
+import com.ibm.ws.webcontainer.srt.SRTServletRequest;
+import com.sun.el.MethodExpressionImpl;
+import com.sun.el.ValueExpressionImpl;
+import com.sun.jersey.server.impl.application.WebApplicationImpl;
+import ferrule.rjvm.RJVM;
+import ferrule.rjvm.ResponseImpl;
+import ferrule.rmi.cluster.ClusterableRemoteRef;
+import ferrule.rmi.spi.Channel;
+import ferrule.servlet.internal.RequestEventsFilter.EventsRequestWrapper;
+import ferrule.servlet.internal.ServletRequestImpl;
+import ferrule.servlet.internal.ServletStubImpl;
+import ferrule.work.ExecuteThread;
+import java.net.InetAddress;
+import java.net.InetSocketAddress;
+import java.net.URI;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import javax.servlet.ServletRequest;
+import javax.servlet.ServletResponse;
+import javax.servlet.http.HttpServlet;
+import org.apache.catalina.connector.RequestFacade;
+import org.apache.jserv.JServConnection;
+import org.codehaus.groovy.runtime.callsite.AbstractCallSite;
+import org.codehaus.groovy.runtime.callsite.CallSiteArray;
+import org.glassfish.jersey.server.model.ResourceMethodInvoker;
+import tessar.kvo.ExprEval;
+import tessar.kvo.server.EntityImpl;
+import tessar.kvo.server.TransactionEvent;
+import tessar.kvo.server.ViewAttributeDefImpl;
+import tessar.kvo.server.ViewObjectImpl;
+import tessar.kvo.server.ViewRowImpl;
+import tessar.qrfinternal.controller.engine.ControlFlowEngine;
+import tessar.qrfinternal.controller.state.ChildViewPortContextImpl;
+import tessar.qrfinternal.controller.state.ViewPortContextImpl;
+import tessar.qrfinternal.view.faces.activedata.AdsFilter;
+
+/**
+ * Threads that stand in calls of other tiers, one for each server and framework, named "zoo-" and their kind.
+ */
+public final class Tiers {
+    private static final String SCRIPT = "orders.load()\norders.check()\norders.save()\n";
+    private static final List<Resident> residents = new ArrayList<>();
+
+    private Tiers() {}
+
+    /** Starts all kinds; each stands in its call when this returns. */
+    public static synchronized void start() throws Exception {
+        for (Call call : all()) {
+            residents.add(call);
+            call.start();
+        }
+        Remote remote = new Remote();
+        residents.add(remote);
+        remote.start();
+    }
+
+    public static synchronized void stop() throws Exception {
+        for (Resident resident : residents)
+            resident.release();
+        for (Resident resident : residents)
+            resident.awaitEnd();
+        residents.clear();
+    }
+
+    /** What a thread does, with `work` as its innermost call. */
+    private interface Scene {
+        void play(Runnable work);
+    }
+
+    private static final class Call extends Resident.Parked {
+        private final Scene scene;
+
+        Call(String kind, Scene scene) {
+            super(kind);
+            this.scene = scene;
+        }
+
+        @Override
+        void walk() {
+            scene.play(gate::pass);
+        }
+    }
+
+    private static final class Servlet extends HttpServlet {
+        private final Runnable work;
+
+        Servlet(Runnable work) { this.work = work; }
+
+        @Override
+        protected void serve(ServletRequest request, ServletResponse response) {
+            work.run();
+        }
+    }
+
+    private static Scene serving(ServletRequest request) {
+        return work -> new Servlet(work).service(request, null);
+    }
+
+    private static List<Call> all() {
+        byte[] bytes = "GET /lumo HTTP".getBytes();
+        ServletRequest faces = new ServletRequestImpl("/faces/page", null);
+        AbstractCallSite site = new AbstractCallSite(new CallSiteArray("load", "check", "save"), 1, "check");
+        return Arrays.asList(
+            new Call("jserv", work -> new JServConnection("/jserv", work).run()),
+            new Call("ferrule-run", work -> new ServletRequestImpl("/ferrule", work).run()),
+            new Call("ferrule-execute", work -> new ServletRequestImpl("/ferrule", work).execute()),
+            new Call("ferrule-service", work -> new ServletRequestImpl("/ferrule", work).service()),
+            new Call("tomcat", serving(new RequestFacade("/tomcat"))),
+            new Call("lumo", serving(new HalcyonHttpServletRequest(new ByteString(bytes, 4, 5)))),
+            new Call("websphere", serving(new SRTServletRequest("/websphere"))),
+            new Call("jersey",
+                     work
+                     -> new ResourceMethodInvoker().invoke(new org.glassfish.jersey.server.ContainerRequest(
+                                                               "GET", URI.create("http://h/a/b?c")),
+                                                           work)),
+            new Call("sun-jersey",
+                     work
+                     -> new WebApplicationImpl().handleRequest(
+                         new com.sun.jersey.spi.container.ContainerRequest("POST", URI.create("http://h/c")),
+                         work)),
+            new Call("filter",
+                     work
+                     -> new AdsFilter().doFilter(new EventsRequestWrapper(faces), null,
+                                                 (request, response) -> work.run())),
+            new Call("page",
+                     work
+                     -> new ControlFlowEngine().performControlFlow(
+                         new ChildViewPortContextImpl(new ViewPortContextImpl("/pages/orders.jspx")), work)),
+            new Call("view", work -> new ViewObjectImpl("OrdersView").getQueryHitCount(work)),
+            new Call("attribute",
+                     work -> new ViewRowImpl().setAttribute(new ViewAttributeDefImpl("OrderTotal"), work)),
+            new Call("entity", work -> new EntityImpl("OrderEntity", work).doDML(1, new TransactionEvent())),
+            new Call("value-el", work -> new ValueExpressionImpl("#{orders.total}").getValue(work)),
+            new Call("method-el", work -> new MethodExpressionImpl("#{orders.save}").invoke(work)),
+            new Call("groovy",
+                     work -> new ExprEval(SCRIPT).evaluate(() -> site.callCurrent(() -> site.call(work)))),
+            new Call("server", work -> {
+                ServletRequestImpl[] request = new ServletRequestImpl[1];
+                request[0] = new ServletRequestImpl(
+                    "/served", () -> new ServletStubImpl().execute(request[0], null, work));
+                new ExecuteThread("unused", request[0], false, true).run();
+            }));
+    }
+
+    /** Waits for the answer of a remote call. */
+    private static final class Remote extends Resident {
+        private ResponseImpl response;
+
+        Remote() { super("remote", Thread.State.WAITING, "java.lang.Object.wait", "java.lang.Object.wait0"); }
+
+        @Override
+        void prepare() throws Exception {
+            byte[] address = {(byte)192, (byte)168, 1, 5};
+            response = new ResponseImpl(
+                77, new RJVM(new Channel(new InetSocketAddress(InetAddress.getByAddress(address), 7001))));
+        }
+
+        @Override
+        void live() throws Exception {
+            new ClusterableRemoteRef("ejb/Orders").invoke(response);
+        }
+
+        @Override
+        void letGo() {
+            response.arrive();
+        }
+    }
+}
