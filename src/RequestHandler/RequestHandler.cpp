@@ -1,6 +1,7 @@
 #include "RequestHandler.h"
 
 #include "all_threads.h"
+#include "client_port.h"
 #include "jvmti/heapdump/HeapDump.h"
 #include "lock_holder.h"
 #include "memory_views.h"
@@ -20,9 +21,6 @@ void ShowPoll(uint32_t reqid, QorText *reply, char **args) {
     QorShowAllThreadRequest(reqid, reply, args);
 }
 
-// The look-up by client port is not there yet.
-void ShowNothing(uint32_t, QorText *, char **) {}
-
 // The first row with one of its bits set decides.
 constexpr ViewRow views[] = {
     {QORREQ_MEMORY_ACTIVITY, QorShowMemoryActivity},
@@ -31,7 +29,7 @@ constexpr ViewRow views[] = {
     {QORREQ_THREAD_SUMMARY | QORREQ_JUST_THREADS, QorShowJustThreadRequest},
     {QORREQ_THREAD_DETAILS, QorShowThreadStackRequest},
     {QORREQ_LOCK_HOLDER, QorShowMonitorThreadRequest},
-    {QORREQ_DB_XTIER, ShowNothing},
+    {QORREQ_DB_XTIER, QorShowDBXtierThreadInfo},
 };
 
 } // namespace

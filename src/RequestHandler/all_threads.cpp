@@ -1,7 +1,9 @@
 #include "all_threads.h"
 
+#include "Xtier/thread_e2e_info.h"
 #include "all_threads_sample.h"
 #include "bci.h"
+#include "enrichment.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"
@@ -9,7 +11,6 @@
 #include "qorsettings.h"
 #include "qorutil.h"
 #include "stack_rows.h"
-#include "thread_e2e_info.h"
 #include "thread_lookup.h"
 
 #include <cstring>
@@ -46,6 +47,7 @@ void StartSample(QorSample *sample, uint32_t reqid, QorText *reply, char **args)
     sample->reply = reply;
     sample->processId = getpid();
     sample->recordStands = false;
+    sample->restoreRoom = 0;
     sample->threadCount = sample->frameCount = sample->maxDepth = 0;
     sample->deepestThread = 0;
     InitResponseHeader(reqid, sample->title); // may set poll_details
@@ -70,15 +72,22 @@ bool IsPassedOverByTrace(const QorSample &sample, const QorThreadWalk &walk, boo
 }
 
 bool IsActive(const QorThreadWalk &walk) {
-    return (ACTIVE_STATES >> walk.thread.state & 1U) && walk.userFrame >= 0 && !walk.userCallIsIdle;
+    return (ACTIVE_STATES >> walk.thread.state & 1U) && walk.userCallFound && !walk.userCallIsIdle;
 }
 
 void StartThread(QorThreadWalk *walk) {
+    walk->userCallFound = false;
     walk->userFrame = -1;
     walk->omitted = walk->processed = 0;
     walk->userCallIsIdle = false;
     walk->xtier = {};
+    walk->framework = FRAMEWORK_NONE;
+    walk->frameworkRow = -1;
+    walk->savedCall[0] = 0;
     tessar_thick_driver = 0;
+    QorStartThreadFrames();
+    if (gbQorRELocal && !gbQorSkipLocal)
+        QorStartReadingAtOnce();
     QorTextStart(&walk->currentCall, console_frame_buf, CONSOLE_BUF_SIZE);
     QorTextStart(&walk->stackRows, console_thr_buf, CONSOLE_THR_BUF_SIZE);
 }
@@ -120,10 +129,11 @@ int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
     if (depth == 0)
         GetThreadEnhancedState(nullptr, &walk->thread); // no Java stack counts as waiting
 
-    if (sample->filtering && !IsActive(*walk))
+    const bool needsFrame = (sample->reqid & QORREQ_POLL_DETAILS) != 0;
+    if ((sample->filtering && !IsActive(*walk)) || (depth == 0 && needsFrame)) {
+        QorDropThreadFrames();
         return 0;
-    if (depth == 0 && (sample->reqid & QORREQ_POLL_DETAILS))
-        return 0; // a record needs a frame there
+    }
     return QorWriteThreadRecord(sample, walk);
 }
 
@@ -179,7 +189,9 @@ void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args) {
     QorTextAppendChar(reply, SECTION_END);
     if (!gbQorRELocal && !gbQorSkipLocal)
         QorInsertXtierData(reply);
-    // The Java side would be asked for what it knows of the threads here; nobody does yet.
-    release_thread_e2e_info(jvmtijni_env);
+    if (QorCarriesThreadData(reqid))
+        checkAndAppendInfo(jvmtijni_env);
+    else
+        release_thread_e2e_info(jvmtijni_env);
     closeThreadAndFreeLists();
 }

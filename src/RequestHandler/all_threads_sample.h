@@ -16,6 +16,7 @@ struct QorSample {
     bool filtering;         // idle threads are left out
     bool writesStacks;      // each thread's record carries its call stack
     bool recordStands;      // a thread record has been written
+    int32_t restoreRoom;    // kept free in the reply: what the saved calls may need beyond interim texts
     char title[TITLE_SIZE]; // title record, or empty
     QorThreadHandle handle;
     QorFrameHandle frames;
@@ -31,14 +32,21 @@ struct QorThreadWalk {
     char key[THREAD_KEY_SIZE]; // the thread's key; the rows show its part behind the dash
     const char *threadId;
     int32_t threadIdLength;
-    int32_t userFrame;   // index of the first user call, -1 when none was met
+    bool userCallFound;  // the frames so far hold the user call that counts
+    int32_t userFrame;   // index of the last one that did, -1 when none was met
     int32_t omitted;     // frames left out, 0 when none
     int32_t processed;   // frames read
     bool userCallIsIdle; // a rule says so
     QorText currentCall; // frame group of the current call, in console_frame_buf
     QorText stackRows;   // in console_thr_buf
     QorXtierFlags xtier;
+    QorFramework framework;          // the framework frame whose interim text is the current call
+    int32_t frameworkRow;            // length of the stack rows in front of that frame's, -1 when not noted
+    char savedCall[SAVED_CALL_SIZE]; // the current call that the interim text has replaced
 };
+
+// Whether a sample gathers the data of its threads for the Java side.
+bool QorCarriesThreadData(uint32_t reqid);
 
 // Walks the frames of the thread, refining its state, finding its current call and writing its stack rows.
 void QorWalkFrames(QorSample *sample, QorThreadWalk *walk);

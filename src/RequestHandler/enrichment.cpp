@@ -1,5 +1,6 @@
 #include "enrichment.h"
 
+#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "qorlog.h"
@@ -7,7 +8,6 @@
 #include "qorsettings.h"
 #include "qortext.h"
 #include "records.h"
-#include "thread_e2e_info.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -25,15 +25,50 @@ void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
     frames.index += walk->omitted;
 }
 
+// A frame of interest: reads it at once, or lists it for the pass at the end. Below a framework frame the
+// user call is looked for again, as the one above it says less than what the framework works on.
+QorFramework NoteXtierFrame(QorThreadWalk *walk, const QorFrameRecord *frame, uint32_t kinds) {
+    if (gbQorRELocal) {
+        QorReadFrameAtOnce(&walk->thread, walk->key, frame, kinds, &walk->xtier);
+        return FRAMEWORK_NONE;
+    }
+    const QorFramework framework = QorListXtierFrame(&walk->thread, frame, kinds, &walk->xtier);
+    if (framework != FRAMEWORK_NONE)
+        walk->userCallFound = false;
+    return framework;
+}
+
+// The place of the framework frame among the stack rows, where a row with its data can go in.
+void NoteFrameworkRow(QorThreadWalk *walk) {
+    walk->frameworkRow = walk->stackRows.length;
+    for (QorFrameworkMeeting *meeting : {&walk->xtier.view, &walk->xtier.groovy, &walk->xtier.el})
+        if (*meeting == MEETING_NOW)
+            *meeting = MEETING_RECORDED;
+}
+
+void AppendInterimCall(QorText *call, QorFramework framework, const char *file) {
+    QorAppendField(call, QorInterimCall(framework));
+    QorAppendField(call, file[0] ? file : null_str);
+    QorTextAppendNumber(call, 0);
+}
+
 // The current call is the first user call, or the top frame while no user call is known.
-void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, bool filtering) {
+void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, QorFramework framework,
+                     bool filtering) {
     const bool isUserCall = frame->callType != 0;
     if (!isUserCall && frame->frameIndex != 0)
         return;
+    if (framework != FRAMEWORK_NONE && walk->currentCall.length > 0)
+        QorStrncpy(walk->savedCall, walk->currentCall.text, SAVED_CALL_SIZE, walk->currentCall.length);
+    walk->framework = framework;
     QorTextCut(&walk->currentCall, 0);
-    QorAppendFrameGroup(&walk->currentCall, frame, null_str, null_str);
+    if (framework != FRAMEWORK_NONE)
+        AppendInterimCall(&walk->currentCall, framework, frame->fileName);
+    else
+        QorAppendFrameGroup(&walk->currentCall, frame, null_str, null_str);
     if (!isUserCall)
         return;
+    walk->userCallFound = true;
     walk->userFrame = frame->frameIndex;
     walk->userCallIsIdle = filtering && checkCurrCall(frame->className, frame->method) == 0;
 }
@@ -52,12 +87,14 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
             return;
         QorFrameRecord *frame = &shape->frame;
         frame->frameIndex = frames.index;
-        if (!gbQorSkipLocal)
-            QorListXtierFrame(&walk->thread, frame, &walk->xtier);
+        const QorFramework framework =
+            shape->kinds && !gbQorSkipLocal ? NoteXtierFrame(walk, frame, shape->kinds) : FRAMEWORK_NONE;
         if (!QorStateIsSettled(walk->thread.state, frames.index))
             GetThreadEnhancedState(frame, &walk->thread);
-        if (walk->userFrame < 0)
-            NoteCurrentCall(walk, frame, sample->filtering);
+        if (!walk->userCallFound)
+            NoteCurrentCall(walk, frame, framework, sample->filtering);
+        if (framework != FRAMEWORK_NONE && sample->writesStacks)
+            NoteFrameworkRow(walk);
         if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId,
                                                       walk->threadIdLength, frames.index) < 0)
             return;

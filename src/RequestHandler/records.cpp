@@ -1,11 +1,10 @@
 #include "records.h"
 
+#include "Xtier/XtierInsert.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 
 #include <cstdio>
-
-char null_str[2] = "^";
 
 char console_line_buf[CONSOLE_BUF_SIZE];
 char console_frame_buf[CONSOLE_BUF_SIZE];
@@ -98,29 +97,19 @@ void QorAppendField(QorText *out, const char *text) {
 const char *QorEmptyDatabaseBlock() {
     if (!sDummyDBString[0]) {
         QORLOG(LOG_NOTE, "Creating sDummyDBString");
-        // url, user, local port, remote port, host, sample time, SQL reference, SQL, type, reserved
-        snprintf(sDummyDBString, sizeof sDummyDBString, "%c%d%c%s%c%s%c%u%c%u%c%s%c%d%c%d%c%s%c%s%c%s",
-                 WAIT_DETAIL, 10, FIELD_COUNT_MARK, null_str, FIELD_SEP, null_str, FIELD_SEP, 0U, FIELD_SEP,
-                 0U, FIELD_SEP, null_str, FIELD_SEP, 0, FIELD_SEP, 0, FIELD_SEP, null_str, FIELD_SEP,
-                 null_str, FIELD_SEP, null_str);
+        QorText text;
+        QorTextStart(&text, sDummyDBString, sizeof sDummyDBString);
+        QorAppendDatabaseBlock(&text, {});
     }
     return sDummyDBString;
-}
-
-const char *QorEmptyShortDatabaseBlock() {
-    static char block[32];
-    if (!block[0])
-        snprintf(block, sizeof block, "%c%s%c%s%c%u%c%u%c%s%c%d%c%d", WAIT_DETAIL, null_str, FIELD_SEP,
-                 null_str, FIELD_SEP, 0U, FIELD_SEP, 0U, FIELD_SEP, null_str, FIELD_SEP, 0, FIELD_SEP, 0);
-    return block;
 }
 
 const char *QorEmptyRmiBlock() {
     if (!sDummyRMIString[0]) {
         QORLOG(LOG_NOTE, "Creating sDummyRMIString");
-        // call id, remote port, remote host, JNDI name
-        snprintf(sDummyRMIString, sizeof sDummyRMIString, "%c%c%d%c%d%c%s%c%s", WAIT_DETAIL, RMI_MARK, 0,
-                 FIELD_SEP, 0, FIELD_SEP, null_str, FIELD_SEP, null_str);
+        QorText text;
+        QorTextStart(&text, sDummyRMIString, sizeof sDummyRMIString);
+        QorAppendRmiBlock(&text, nullptr);
     }
     return sDummyRMIString;
 }

@@ -7,21 +7,10 @@
 
 #include "jvmti/Monitors.h"
 #include "jvmti/ThreadSystem.h"
+#include "qorformat.h"
 #include "qortext.h"
 
 #include <cstdint>
-
-// Control characters of the format.
-constexpr char STATE_MARK = 14;       // in front of the state field, at optimisation level 3 only
-constexpr char FIELD_COUNT_MARK = 26; // behind the field count of a database detail block
-constexpr char RMI_MARK = 27;         // second mark of an RMI detail block
-constexpr char WAIT_DETAIL = 28;      // starts a detail block behind the state field
-constexpr char FIELD_SEP = 29;
-constexpr char RECORD_END = 30; // also follows a section title
-constexpr char SECTION_END = 31;
-
-// The placeholder of an empty field. Start-up sets it to "^".
-extern char null_str[2];
 
 // Section titles.
 constexpr char TITLE_ACTIVE_THREADS[] = "JVM Active Threads";
@@ -62,7 +51,6 @@ void QorAppendField(QorText *out, const char *text);
 
 // The detail blocks behind "DB Wait" and "RMI Wait" with nothing known.
 const char *QorEmptyDatabaseBlock();
-const char *QorEmptyShortDatabaseBlock(); // the older form, without SQL text and type; the stack view's
 const char *QorEmptyRmiBlock();
 
 // The part of a stack row in front of the thread's id and the part behind the frame's index; they depend on

@@ -60,7 +60,8 @@ QorFrameShape *QorFindFrameShape(QorFrameHandle *frameHandle) {
         return nullptr;
     const bool keep = frame.facts && shapeCount < SHAPE_LIMIT; // the facts outlive the frame
     QorFrameShape *shape = keep ? &shapes[slot] : &looseShape;
-    *shape = {at.method, at.location, keep ? currentSample : 0, 0, 0, nullptr, frame};
+    *shape = {at.method, at.location, keep ? currentSample : 0, QorClassifyFrame(&frame), 0, 0,
+              nullptr,   frame};
     if (keep)
         ++shapeCount;
     return shape;

@@ -8,12 +8,14 @@
 // Worker only, inside one walk of ThreadSystem.h.
 #pragma once
 
+#include "Xtier/Xtier.h"
 #include "records.h"
 
 struct QorFrameShape {
     jmethodID method;
     jlocation location;
     uint32_t sample;      // the sample that filled the entry
+    uint32_t kinds;       // QorFrameKind bits
     int32_t headLength;   // bytes of the row in front of the thread id
     int32_t tailLength;   // bytes of the row behind the frame index
     const char *rowText;  // head and tail, one behind the other; null until a row was wanted

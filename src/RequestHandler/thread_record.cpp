@@ -1,10 +1,10 @@
 // The record of one thread in an all-threads sample.
+#include "Xtier/thread_e2e_info.h"
 #include "all_threads_sample.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "thread_e2e_info.h"
 
 #include <cstdlib>
 
@@ -32,46 +32,72 @@ void ReadLocks(QorSample *sample, const QorThreadRecord &thread, ThreadLocks *lo
     free(records);
 }
 
-// Name, request and identity: the columns in front of the current call.
-void AppendIdentity(const QorSample &sample, const QorThreadWalk &walk) {
+bool ReadsAtOnce() {
+    return gbQorRELocal && !gbQorSkipLocal;
+}
+
+// Name, request and identity: the columns in front of the current call. The URL of a request is known by now
+// only to who reads at once.
+void AppendIdentity(const QorSample &sample, const QorThreadWalk &walk, QorXtierPositions *at) {
     QorText *out = sample.reply;
     if (!sample.writesStacks)
         QorAppendField(out, "a");
     QorAppendField(out, walk.thread.name);
     QorAppendField(out, null_str);
-    QorAppendField(out, null_str); // request URL
+    const char *url = ReadsAtOnce() ? QorDataReadAtOnce().web->requestUrl : "";
+    if (walk.xtier.web)
+        at->requestStart = out->length;
+    QorAppendField(out, url[0] ? url : null_str);
     QorAppendField(out, null_str); // request detail
+    if (walk.xtier.web)
+        at->requestEnd = out->length;
     QorAppendField(out, walk.key);
 }
 
-void AppendCurrentCall(QorText *out, const QorText &currentCall) {
-    if (currentCall.length > 0) {
-        QorTextAppend(out, currentCall.text, currentCall.length);
-        QorTextAppendChar(out, FIELD_SEP);
+void AppendCurrentCall(QorText *out, const QorThreadWalk &walk, QorXtierPositions *at) {
+    if (walk.currentCall.length == 0) {
+        for (int32_t i = 0; i < 3; ++i)
+            QorAppendField(out, null_str);
         return;
     }
-    for (int32_t i = 0; i < 3; ++i)
-        QorAppendField(out, null_str);
+    const int32_t start = out->length;
+    QorTextAppend(out, walk.currentCall.text, walk.currentCall.length);
+    QorTextAppendChar(out, FIELD_SEP);
+    if (walk.framework != FRAMEWORK_NONE) {
+        at->currentCallStart = start;
+        at->currentCallEnd = out->length;
+    }
 }
 
-void AppendState(QorText *out, int32_t state) {
+void AppendState(QorText *out, int32_t state, QorXtierPositions *at) {
     if (gbiOptimizationLevel == 3)
         QorTextAppendChar(out, STATE_MARK);
     char strThreadState[STATE_TEXT_SIZE];
     mapQorThreadState2String(state, strThreadState);
     QorTextAppend(out, strThreadState);
-    if (state == STATE_DB_WAIT)
-        QorTextAppend(out, QorEmptyDatabaseBlock());
-    else if (state == STATE_RMI_WAIT)
+    const int32_t start = out->length;
+    if (state == STATE_DB_WAIT) {
+        if (ReadsAtOnce())
+            QorAppendDatabaseBlock(out, QorDatabaseBlockOf(*QorDataReadAtOnce().database));
+        else
+            QorTextAppend(out, QorEmptyDatabaseBlock());
+        at->dbStart = start;
+        at->dbEnd = out->length;
+    } else if (state == STATE_RMI_WAIT) {
         QorTextAppend(out, QorEmptyRmiBlock());
+        at->rmiStart = start;
+        at->rmiEnd = out->length;
+    }
 }
 
-void AppendSections(QorSample *sample, const QorThreadWalk &walk) {
+void AppendSections(QorSample *sample, const QorThreadWalk &walk, QorXtierPositions *at) {
     QorText *out = sample->reply;
     if (walk.stackRows.length == 0)
         return;
     QorTextAppendChar(out, SECTION_END);
     QorTextAppend(out, TITLE_CALL_STACK);
+    if (walk.frameworkRow >= 0)
+        at->stackCallStart = at->stackCallEnd = out->length + walk.frameworkRow;
     QorTextAppend(out, walk.stackRows.text, walk.stackRows.length);
     if (out->refused)
         return; // the record will not stand, so its locks need not be asked for
@@ -90,7 +116,22 @@ void AppendSections(QorSample *sample, const QorThreadWalk &walk) {
     }
 }
 
+// The columns that the interim text of the current call has replaced; empty when there is none.
+void FormatSavedCall(QorThreadWalk *walk) {
+    if (walk->framework == FRAMEWORK_NONE)
+        walk->savedCall[0] = 0;
+    if (!walk->savedCall[0])
+        return;
+    QorText saved;
+    QorTextContinue(&saved, walk->savedCall, SAVED_CALL_SIZE);
+    QorTextAppendChar(&saved, FIELD_SEP);
+}
+
 } // namespace
+
+bool QorCarriesThreadData(uint32_t reqid) {
+    return (reqid & QORREQ_THREAD_DATA) && e2eclass && jobjclass;
+}
 
 int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
     QorText *out = sample->reply;
@@ -100,20 +141,29 @@ int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
         QorTextAppendChar(out, SECTION_END);
         QorTextAppend(out, sample->title);
     }
-    AppendIdentity(*sample, *walk);
-    AppendCurrentCall(out, walk->currentCall);
-    AppendState(out, walk->thread.state);
+    QorXtierPositions at;
+    AppendIdentity(*sample, *walk, &at);
+    AppendCurrentCall(out, *walk, &at);
+    AppendState(out, walk->thread.state, &at);
     if (isPollForm)
-        AppendSections(sample, *walk);
+        AppendSections(sample, *walk, &at);
     else
         QorTextAppendChar(out, RECORD_END);
-    const bool noRoomForEnd = out->size - out->length <= 1; // the section's end must follow
+    FormatSavedCall(walk);
+    const int32_t restoreRoom = sample->restoreRoom + QorRestoreGrowth(at, walk->savedCall);
+    const bool noRoomForEnd = out->size - out->length <= 1 + restoreRoom; // the section's end must follow
     if (out->refused || noRoomForEnd) {
         QorTextCut(out, start);
+        QorDropThreadFrames();
         return -1;
     }
     sample->recordStands = true;
-    if ((sample->reqid & QORREQ_THREAD_DATA) && e2eclass && jobjclass)
+    sample->restoreRoom = restoreRoom;
+    if (!QorHasRowData(walk->xtier))
+        QorDropThreadFrames();
+    else if (QorAddThreadLocation(&walk->thread, walk->key, at, walk->savedCall) != 0)
+        return -1;
+    if (QorCarriesThreadData(sample->reqid))
         return QorAddE2EBlock(jvmtijni_env, &sample->handle, &walk->thread, sample->frames.count);
     return 0;
 }

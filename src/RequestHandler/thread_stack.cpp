@@ -42,22 +42,107 @@ void NoteCurrentCall(QorText *call, const QorFrameRecord *frame) {
     QorTextAppendChar(call, FIELD_SEP);
 }
 
+// A text in the rows in the place of the row of the framework frame, which can be written only when the
+// locals are read; it is longer than that row can be.
+constexpr char PLACEHOLDER_WORD[] = "PLACEHOLDERFORQRFDATA";
+constexpr int32_t PLACEHOLDER_WORDS = 144;
+constexpr int32_t FRAMEWORK_ROW_INDEX = 7; // frame index that the framework's row shows
+
+char qorPlaceholderBuf[3100]; // filled at its first use
+
+// The framework frame of the stack and its place among the rows.
+struct FrameworkPlace {
+    QorFramework framework;
+    int32_t start, end;       // of the placeholder
+    char fileName[NAME_SIZE]; // of the frame
+};
+
+// What the view gathers while it reads the frames.
+struct StackTexts {
+    QorText rows, currentCall;
+    FrameworkPlace place;
+};
+
+void HoldPlace(QorText *rows, FrameworkPlace *place, QorFramework framework, const char *fileName) {
+    place->framework = framework;
+    QorStrncpy(place->fileName, fileName, NAME_SIZE, NAME_SIZE);
+    if (!qorPlaceholderBuf[0]) {
+        QorText words;
+        QorTextStart(&words, qorPlaceholderBuf, sizeof qorPlaceholderBuf);
+        for (int32_t i = 0; i < PLACEHOLDER_WORDS; ++i)
+            QorTextAppend(&words, PLACEHOLDER_WORD);
+    }
+    place->start = rows->length;
+    QorTextAppend(rows, qorPlaceholderBuf);
+    place->end = rows->length;
+}
+
+// Replaces the placeholder by `row`, which is no longer than that. False when there is no place for it.
+bool FillPlace(QorText *rows, const FrameworkPlace &place, const char *row, int32_t length) {
+    if (length > place.end - place.start)
+        return false;
+    char *at = rows->text + place.start;
+    memcpy(at, row, static_cast<size_t>(length));
+    memmove(at + length, rows->text + place.end, static_cast<size_t>(rows->length - place.end));
+    QorTextCut(rows, rows->length - (place.end - place.start - length));
+    return true;
+}
+
+// Shows what the framework frame works on, as current call and as a row above that of the frame; with nothing
+// known the placeholder just goes.
+void ShowFramework(StackTexts *texts, const char *name, int64_t tid) {
+    const FrameworkPlace &place = texts->place;
+    if (!name[0]) {
+        FillPlace(&texts->rows, place, "", 0);
+        return;
+    }
+    char call[2 * NAME_SIZE + 64];
+    QorText group;
+    QorTextStart(&group, call, sizeof call);
+    QorTextAppend(&group, QorFrameworkClass(place.framework));
+    QorTextAppend(&group, "->");
+    QorAppendField(&group, name);
+    QorAppendField(&group, place.fileName);
+    QorTextAppendNumber(&group, 0);
+
+    QorTextCut(&texts->currentCall, 0);
+    QorTextAppend(&texts->currentCall, group.text, group.length);
+    QorTextAppendChar(&texts->currentCall, FIELD_SEP);
+
+    char storage[sizeof qorPlaceholderBuf];
+    const int32_t length = snprintf(storage, sizeof storage, "%s%c%d%c%d%c%d%c2%c3%c%s%c", "user", FIELD_SEP,
+                                    static_cast<int32_t>(tid), FIELD_SEP, FRAMEWORK_ROW_INDEX, FIELD_SEP, 0,
+                                    FIELD_SEP, FIELD_SEP, FIELD_SEP, group.text, RECORD_END);
+    if (FillPlace(&texts->rows, place, storage, length))
+        return;
+    if (place.framework == FRAMEWORK_VIEW)
+        QORLOG(LOG_ERROR, "Number of frames exceeds the MAX_STACk_BUF_SIZE");
+    else
+        QORLOG(LOG_ERROR, "Number of frames exceeds the MAX_STACK_BUF_SIZE");
+}
+
 // Reads all frames: rows, current call and the state that they refine. The current call is the first user
-// call, or the bottom frame when there is none.
-void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, QorText *rows, QorText *currentCall) {
+// call, or the bottom frame when there is none; a framework frame is none, as its data will stand there.
+void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, StackTexts *texts) {
     bool userCallFound = false;
     QorXtierFlags xtier = {};
+    tessar_thick_driver = 0;
+    QorStartThreadFrames();
     for (frames->index = 0; frames->index < frames->count; ++frames->index) {
         QorFrameRecord frame;
         QorReadFrame(frames, FRAME_WITH_FILE_AND_LINE, &frame); // what can't be read stays empty
+        QorFramework framework = FRAMEWORK_NONE;
         if (!gbQorRELocal)
-            QorListXtierFrame(thread, &frame, &xtier);
+            framework = QorListStackFrame(thread, &frame, QorClassifyFrame(&frame), &xtier);
         GetThreadEnhancedState(&frame, thread);
         if (!userCallFound) {
-            NoteCurrentCall(currentCall, &frame);
+            if (framework == FRAMEWORK_NONE)
+                NoteCurrentCall(&texts->currentCall, &frame);
             userCallFound = frame.callType != 0;
         }
-        AppendFrameRow(rows, &frame, thread->tid);
+        if (framework != FRAMEWORK_NONE)
+            HoldPlace(&texts->rows, &texts->place, framework, frame.fileName);
+        AppendFrameRow(&texts->rows, &frame, thread->tid);
     }
     if (frames->count == 0)
         GetThreadEnhancedState(nullptr, thread);
@@ -82,10 +167,19 @@ void AppendHead(QorText *reply, uint32_t reqid, const QorThreadRecord &thread) {
     QorAppendField(reply, null_str);
 }
 
+void AppendRequest(QorText *reply, const QorJSPRequestData *web) {
+    const bool known = web && web->requestUrl[0];
+    QorAppendField(reply, known ? web->requestUrl : BLANK);
+    if (known)
+        QorAppendField(reply, web->requestDetail[0] ? web->requestDetail : null_str);
+    else
+        QorAppendField(reply, BLANK);
+}
+
+// Whose call it is, what it does, and for a database call the block with what is known of it.
 void AppendIdentity(QorText *reply, const QorThreadRecord &thread, const QorText &currentCall,
-                    int32_t processId) {
-    QorAppendField(reply, BLANK); // request URL
-    QorAppendField(reply, BLANK); // request detail
+                    const QorStackViewData &data, int32_t processId) {
+    AppendRequest(reply, data.web);
     char key[THREAD_KEY_SIZE];
     QorFormatThreadKey(key, processId, thread.tid);
     QorAppendField(reply, key);
@@ -98,7 +192,8 @@ void AppendIdentity(QorText *reply, const QorThreadRecord &thread, const QorText
     mapQorThreadState2String(thread.state, state);
     QorTextAppend(reply, state);
     if (thread.state == STATE_DB_WAIT)
-        QorTextAppend(reply, QorEmptyShortDatabaseBlock());
+        QorAppendShortDatabaseBlock(reply,
+                                    data.database ? QorDatabaseBlockOf(*data.database) : QorDatabaseBlock());
     QorTextAppendChar(reply, SECTION_END);
 }
 
@@ -127,14 +222,21 @@ void AppendThread(uint32_t reqid, QorText *reply, QorThreadHandle *handle, QorTh
     QorFrameHandle frames;
     if (QorGetFrames(handle, &frames) < 0)
         return;
-    QorText rows, currentCall;
-    QorTextStart(&rows, console_thr_buf, CONSOLE_THR_BUF_SIZE);
-    QorTextStart(&currentCall, console_frame_buf, CONSOLE_BUF_SIZE);
-    ReadFrames(&frames, thread, &rows, &currentCall);
-    AppendIdentity(reply, *thread, currentCall, processId);
+    StackTexts texts;
+    QorTextStart(&texts.rows, console_thr_buf, CONSOLE_THR_BUF_SIZE);
+    QorTextStart(&texts.currentCall, console_frame_buf, CONSOLE_BUF_SIZE);
+    texts.place.framework = FRAMEWORK_NONE;
+    texts.place.fileName[0] = 0;
+    ReadFrames(&frames, thread, &texts);
+    QorStackViewData data = {};
+    if (!gbQorRELocal)
+        data = QorReadStackViewData();
+    if (texts.place.framework != FRAMEWORK_NONE)
+        ShowFramework(&texts, data.web->qrfObjectName, thread->tid);
+    AppendIdentity(reply, *thread, texts.currentCall, data, processId);
     QorTextAppend(reply, TITLE_CALL_STACK);
     QorTextAppendChar(reply, RECORD_END);
-    QorTextAppend(reply, rows.text, rows.length);
+    QorTextAppend(reply, texts.rows.text, texts.rows.length);
     QorTextAppendChar(reply, SECTION_END);
     AppendOwnedLocks(reply, handle, *thread);
 }

@@ -1,7 +1,361 @@
 #include "Xtier.h"
 
-void QorListXtierFrame(const QorThreadRecord *, const QorFrameRecord *, QorXtierFlags *) {}
+#include "ConnectionCache.h"
+#include "FrameTests.h"
+#include "LocalList.h"
+#include "LocalWalk.h"
+#include "XtierAppServer.h"
+#include "XtierDb.h"
+#include "XtierIO.h"
+#include "XtierJSP.h"
+#include "XtierNetwork.h"
+#include "XtierQRF.h"
+#include "XtierRmi.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Session.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
 
-void QorInsertXtierData(QorText *) {}
+#include <cstring>
 
-void QorFreeXtierLists() {}
+namespace {
+
+constexpr jint ENTRY_FRAME_CAPACITY = 1024;
+constexpr char FRAMEWORK_URL[] = "/faces";                            // says nothing: every page has it
+constexpr char FRAMEWORK_VIEW_PACKAGE[] = "tessar.qrfinternal.view."; // of its web frames
+
+// The lists of the sample at hand.
+QorAllThreadLocalInfoList *localList;
+QorAllThreadLocalInfoList *threadMark; // head of the list before the thread at hand
+QorXtierLocationInfo *firstLocation, *lastLocation;
+
+// The records of the thread at hand, beside objQorJSPRequestData.
+struct CallRecords {
+    QorDBRequestData database;
+    QorRmiCallData rmi;
+    QorIOCallData file;
+    QorNetworkCallData network;
+    QorAppServerCallData server;
+    char pageName[REQUEST_TEXT_SIZE];
+};
+CallRecords calls;
+
+void ClearRecords() {
+    QorClearDBRequestData(&calls.database);
+    QorClearJSPRequestData(&objQorJSPRequestData);
+    QorClearRmiCallData(&calls.rmi);
+    QorClearIOCallData(&calls.file);
+    QorClearNetworkCallData(&calls.network);
+    QorClearAppServerCallData(&calls.server);
+    calls.pageName[0] = 0;
+}
+
+bool HasDatabase() {
+    return calls.database.url[0] && calls.database.user[0];
+}
+
+bool HasServer() {
+    const QorAppServerCallData &server = calls.server;
+    return server.stuck != -1 || server.hogger != -1 || server.applicationName[0] || server.moduleName[0] ||
+           server.wmName[0] || server.sessionId[0];
+}
+
+void ReadWebEntry(const QorAllThreadLocalInfoList &entry) {
+    char *url = objQorJSPRequestData.requestUrl;
+    if (url[0])
+        return;
+    QorReadPageName(&entry, calls.pageName);
+    QorGetJSPRequestDataFromLocalVariable(&entry, &objQorJSPRequestData);
+    const bool saysNothing = !url[0] || strncmp(url, FRAMEWORK_URL, sizeof FRAMEWORK_URL - 1) == 0;
+    if (saysNothing && calls.pageName[0])
+        QorStrncpy(url, calls.pageName, REQUEST_TEXT_SIZE, REQUEST_TEXT_SIZE);
+}
+
+void ReadDatabaseEntry(const QorAllThreadLocalInfoList &entry) {
+    if (HasDatabase())
+        return;
+    tessar_thick_driver = entry.thickDriver;
+    QorGetDBRequestDataFromLocalVariable(&entry, &calls.database);
+}
+
+// Hands the connection of the thread at hand to the cache.
+void NoteConnection(const char *threadName, const char *threadKey) {
+    calls.database.threadName[0] = calls.database.threadKey[0] = 0;
+    QorStrncpy(calls.database.threadName, threadName, DB_THREAD_NAME_SIZE, DB_THREAD_NAME_SIZE);
+    QorStrncpy(calls.database.threadKey, threadKey, DB_THREAD_KEY_SIZE, DB_THREAD_KEY_SIZE);
+    QorUpdateDbConnectionInfo(&calls.database);
+}
+
+void ReadEntry(const QorAllThreadLocalInfoList &entry) {
+    switch (entry.kind) {
+    case LOCAL_WEB_REQUEST:
+        ReadWebEntry(entry);
+        break;
+    case LOCAL_DATABASE_CALL:
+        ReadDatabaseEntry(entry);
+        break;
+    case LOCAL_VIEW_OR_ENTITY:
+    case LOCAL_EL_EXPRESSION:
+    case LOCAL_GROOVY:
+        QorReadFrameworkEntry(&entry, &objQorJSPRequestData);
+        break;
+    case LOCAL_FILE_CALL:
+        if (calls.file.fd <= 0)
+            QorGetIOCallDataFromLocalVariable(&entry, &calls.file);
+        break;
+    case LOCAL_NETWORK_CALL:
+        if (calls.network.fd <= 0)
+            QorGetNetworkCallDataFromLocalVariable(&entry, &calls.network);
+        break;
+    default:
+        break;
+    }
+    // The objects of these two may stand in a frame that was listed for something else.
+    if (!calls.rmi.host[0] || !calls.rmi.jndiName[0])
+        QorGetRmiCallDataFromLocalVariable(&entry, &calls.rmi);
+    QorGetAppServerCallDataFromLocalVariable(&entry, &calls.server);
+}
+
+void ReadThread(const QorXtierLocationInfo &location) {
+    for (const QorAllThreadLocalInfoList *entry = location.newest;
+         entry && entry->threadId == location.threadId; entry = entry->next)
+        if (entry->objLocalVarHandle)
+            ReadEntry(*entry);
+    if (HasDatabase())
+        NoteConnection(location.threadName, location.threadKey);
+}
+
+// Data that has no column goes to the Java side. The server's comes first, as it clears the file.
+void HandToE2E(const QorXtierLocationInfo &location) {
+    const int64_t thread = location.threadId;
+    if (HasServer())
+        QorInsertDataToE2EBuf(thread, LOCAL_APP_SERVER_CALL, calls.server, calls.file, calls.network);
+    if (calls.file.fd > 0)
+        QorInsertDataToE2EBuf(thread, LOCAL_FILE_CALL, calls.server, calls.file, calls.network);
+    if (calls.network.fd > 0) {
+        QORLOG(LOG_TRACE, "InsertDataToE2EBuf with thread ID %d Network Data %d %d %s\n",
+               static_cast<int32_t>(thread), calls.network.fd, calls.network.port, calls.network.host);
+        QorInsertDataToE2EBuf(thread, LOCAL_NETWORK_CALL, calls.server, calls.file, calls.network);
+    }
+}
+
+QorFramework FrameworkOf(uint32_t kinds) {
+    return kinds & FRAME_ENTITY ? FRAMEWORK_ENTITY : FRAMEWORK_VIEW;
+}
+
+struct KindTest {
+    uint32_t kind;
+    int32_t (*test)(const QorFrameRecord *);
+};
+constexpr KindTest KIND_TESTS[] = {
+    {FRAME_RMI, IsRmiCallDataPresent},
+    {FRAME_WEB, IsJSPRequestDataPresent},
+    {FRAME_VIEW, is_vo_frame},
+    {FRAME_ENTITY, is_eo_frame},
+    {FRAME_PAGE, is_jspx_frame},
+    {FRAME_GROOVY_LINE, isGroovyLineDataPresent},
+    {FRAME_EL, isELExpDataPresent},
+    {FRAME_GROOVY_SCRIPT, isGroovyScriptDataPresent},
+    {FRAME_DATABASE, IsDBRequestDataPresent},
+    {FRAME_FILE, IsIORequestDataPresent},
+    {FRAME_NETWORK, IsNetworkRequestDataPresent},
+    {FRAME_APP_SERVER, IsAppServerRequestDataPresent},
+};
+
+// Kinds that are listed whenever they are met, and the flag that tells of them.
+struct PlainKind {
+    uint32_t kind;
+    QorLocalKind listedAs;
+    bool QorXtierFlags::*flag;
+};
+constexpr PlainKind PLAIN_KINDS[] = {
+    {FRAME_DATABASE, LOCAL_DATABASE_CALL, &QorXtierFlags::database},
+    {FRAME_FILE, LOCAL_FILE_CALL, &QorXtierFlags::file},
+    {FRAME_NETWORK, LOCAL_NETWORK_CALL, &QorXtierFlags::network},
+    {FRAME_APP_SERVER, LOCAL_APP_SERVER_CALL, &QorXtierFlags::server},
+};
+
+void List(const QorThreadRecord *thread, const QorFrameRecord *frame, QorLocalKind kind) {
+    AddToThreadLocalInfoList(thread, frame, &localList, kind);
+}
+
+// A thread shows one framework object only, the first that is met from the top.
+QorFramework ListFrameworkFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                                QorXtierFlags *flags) {
+    if ((kinds & (FRAME_VIEW | FRAME_ENTITY)) && flags->view == MEETING_NONE) {
+        List(thread, frame, LOCAL_VIEW_OR_ENTITY);
+        flags->view = MEETING_NOW;
+        flags->groovy = flags->el = MEETING_OTHER;
+        return FrameworkOf(kinds);
+    }
+    if ((kinds & FRAME_GROOVY_LINE) && flags->groovy == MEETING_NONE) {
+        List(thread, frame, LOCAL_GROOVY);
+        flags->groovy = MEETING_NOW;
+        flags->view = flags->el = MEETING_OTHER;
+        return FRAMEWORK_GROOVY;
+    }
+    if ((kinds & FRAME_EL) && flags->el == MEETING_NONE) {
+        List(thread, frame, LOCAL_EL_EXPRESSION);
+        flags->el = MEETING_NOW;
+        flags->view = flags->groovy = MEETING_OTHER;
+        return FRAMEWORK_EL;
+    }
+    return FRAMEWORK_NONE;
+}
+
+} // namespace
+
+uint32_t QorClassifyFrame(const QorFrameRecord *frame) {
+    if (!frame->facts)
+        return 0; // its texts don't last until the objects are read
+    uint32_t kinds = 0;
+    for (const KindTest &row : KIND_TESTS)
+        if (row.test(frame))
+            kinds |= row.kind;
+    if ((kinds & FRAME_WEB) &&
+        strncmp(frame->className, FRAMEWORK_VIEW_PACKAGE, sizeof FRAMEWORK_VIEW_PACKAGE - 1) == 0)
+        kinds |= FRAME_ACTIVE_DATA;
+    return kinds;
+}
+
+void QorStartThreadFrames() {
+    threadMark = localList;
+}
+
+void QorDropThreadFrames() {
+    if (localList != threadMark)
+        QorCutThreadLocalInfoList(&localList, threadMark);
+}
+
+QorFramework QorListXtierFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                               QorXtierFlags *flags) {
+    if (kinds & FRAME_RMI) {
+        List(thread, frame, LOCAL_RMI_CALL);
+        flags->rmi = true;
+    }
+    if ((kinds & FRAME_WEB) && !flags->web) {
+        List(thread, frame, LOCAL_WEB_REQUEST);
+        flags->web = true;
+    }
+    const QorFramework framework = ListFrameworkFrame(thread, frame, kinds, flags);
+    if ((kinds & FRAME_GROOVY_SCRIPT) && flags->groovy != MEETING_OTHER)
+        List(thread, frame, LOCAL_GROOVY);
+    for (const PlainKind &row : PLAIN_KINDS)
+        if (kinds & row.kind) {
+            List(thread, frame, row.listedAs);
+            flags->*row.flag = true;
+        }
+    return framework;
+}
+
+QorFramework QorListStackFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                               QorXtierFlags *flags) {
+    if ((kinds & FRAME_WEB) && !flags->web) {
+        List(thread, frame, LOCAL_WEB_REQUEST);
+        flags->web = true;
+    }
+    if (kinds & FRAME_DATABASE) {
+        List(thread, frame, LOCAL_DATABASE_CALL);
+        flags->database = true;
+    }
+    if (!(kinds & (FRAME_VIEW | FRAME_ENTITY)) || flags->view != MEETING_NONE)
+        return FRAMEWORK_NONE;
+    List(thread, frame, LOCAL_VIEW_OR_ENTITY);
+    flags->view = MEETING_NOW;
+    return FrameworkOf(kinds);
+}
+
+bool QorHasRowData(const QorXtierFlags &flags) {
+    return localList != threadMark &&
+           (flags.web || flags.file || flags.network || flags.database || flags.rmi ||
+            flags.view != MEETING_NONE || flags.groovy != MEETING_NONE || flags.el != MEETING_NONE);
+}
+
+int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKey,
+                             const QorXtierPositions &positions, const char *savedCurrentCall) {
+    if (AddToXtierLocationInfoList(thread, &firstLocation, &lastLocation) != 0)
+        return -1;
+    lastLocation->at = positions;
+    lastLocation->newest = localList;
+    QorStrncpy(lastLocation->threadKey, threadKey, DB_THREAD_KEY_SIZE, DB_THREAD_KEY_SIZE);
+    if (savedCurrentCall[0])
+        QorStrncpy(lastLocation->savedCurrentCall, savedCurrentCall, SAVED_CALL_SIZE, SAVED_CALL_SIZE);
+    return 0;
+}
+
+void QorInsertXtierData(QorText *reply) {
+    if (!localList || !firstLocation)
+        return;
+    // Without a walk there are no objects, but the saved calls go back.
+    bool reads = QorGetLocalVariableForAllThread(localList) == 0;
+    QorInsertion insertion;
+    QorStartInsertion(&insertion, reply, firstLocation);
+    ClearRecords();
+    for (const QorXtierLocationInfo *location = firstLocation; location; location = location->next) {
+        if (!reads && location->at.currentCallStart < 0)
+            continue;
+        const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
+        if (!frame.pushed)
+            QORLOG(LOG_DETAIL, "QorAgent : Out of Memory XtierDb");
+        if (reads)
+            ReadThread(*location);
+        const bool full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData,
+                                                      calls.database, calls.rmi) != 0;
+        if (reads && !full)
+            HandToE2E(*location);
+        ClearRecords();
+        reads = reads && !full; // a full reply ends it, but for the saved calls
+    }
+    QorEndInsertion(&insertion, reply);
+}
+
+QorStackViewData QorReadStackViewData() {
+    ClearRecords();
+    if (localList && QorGetLocalVariableForAllThread(localList) == 0) {
+        const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
+        if (!frame.pushed)
+            QORLOG(LOG_DETAIL, "QorAgent : Out of Memory XtierDb");
+        for (const QorAllThreadLocalInfoList *entry = localList; entry; entry = entry->next) {
+            if (!entry->objLocalVarHandle)
+                continue;
+            if (entry->kind == LOCAL_WEB_REQUEST)
+                ReadWebEntry(*entry);
+            else if (entry->kind == LOCAL_DATABASE_CALL)
+                ReadDatabaseEntry(*entry);
+            else
+                QorReadFrameworkEntry(entry, &objQorJSPRequestData);
+        }
+    }
+    return QorDataReadAtOnce();
+}
+
+void QorStartReadingAtOnce() {
+    ClearRecords();
+}
+
+void QorReadFrameAtOnce(const QorThreadRecord *thread, const char *threadKey, const QorFrameRecord *frame,
+                        uint32_t kinds, QorXtierFlags *flags) {
+    if (flags->view == MEETING_NONE &&
+        (kinds & (FRAME_VIEW | FRAME_ENTITY | FRAME_PAGE | FRAME_ACTIVE_DATA))) {
+        QORLOG(LOG_NOTE, "Qoragent: QRF data not found");
+        flags->view = MEETING_MISSED;
+    }
+    if (!(kinds & (FRAME_WEB | FRAME_DATABASE)))
+        return; // the readers know no other frames
+    const QorLocalFrame local(jvmtijni_env, ENTRY_FRAME_CAPACITY);
+    QorGetJSPRequest(thread, frame, &objQorJSPRequestData);
+    QorGetDBRequestData(thread, frame, &calls.database);
+    if (calls.database.url[0])
+        NoteConnection(thread->name, threadKey);
+}
+
+QorStackViewData QorDataReadAtOnce() {
+    return {&objQorJSPRequestData, &calls.database};
+}
+
+void QorFreeXtierLists() {
+    FreeQorAllThreadLocalInfoList(localList);
+    FreeXtierLocationInfoArrayList(firstLocation);
+    localList = threadMark = nullptr;
+    firstLocation = lastLocation = nullptr;
+}

@@ -1,27 +1,92 @@
 // Cross-tier frames: which frames of a sample hold data of other tiers, and their way into the reply.
 //
-// A sample classifies each frame while it walks, reads the objects of the listed frames in one pass after the
-// walk, and then puts what it found into the rows. No frame kind is known yet: nothing is listed, so nothing
-// is read or put in, and the rows keep the placeholders for data that is not known.
+// A view classifies each frame while it walks and lists those of interest; one pass reads the objects of all
+// listed frames after the walk, the readers turn them into call records, and these go into the rows that the
+// view has written. The two lists of a sample live here, from the first listed frame to QorFreeXtierLists.
 //
 // Worker only.
 #pragma once
 
+#include "LocationList.h"
+#include "XtierInsert.h"
 #include "jvmti/ThreadSystem.h"
 #include "qortext.h"
 
 #include <cstdint>
 
-// What has been listed for one thread; all zero before its first frame.
-struct QorXtierFlags {
-    int32_t listedFrames;
+// What a frame is, as bits. It depends on its class and method alone.
+enum QorFrameKind : uint32_t {
+    FRAME_RMI = 1U << 0,
+    FRAME_WEB = 1U << 1,
+    FRAME_VIEW = 1U << 2,
+    FRAME_ENTITY = 1U << 3,
+    FRAME_PAGE = 1U << 4, // the framework's page engine; it is a web frame as well
+    FRAME_GROOVY_LINE = 1U << 5,
+    FRAME_EL = 1U << 6,
+    FRAME_GROOVY_SCRIPT = 1U << 7,
+    FRAME_DATABASE = 1U << 8,
+    FRAME_FILE = 1U << 9,
+    FRAME_NETWORK = 1U << 10,
+    FRAME_APP_SERVER = 1U << 11,
+    FRAME_ACTIVE_DATA = 1U << 12, // the framework's filter for pushed data; a web frame as well
 };
 
-// Lists a frame of the thread if it is of interest.
-void QorListXtierFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, QorXtierFlags *flags);
+// The kinds of a frame, 0 for nearly all. A frame without complete facts has none.
+uint32_t QorClassifyFrame(const QorFrameRecord *frame);
+
+// How far one of the three kinds of framework frame has been met on a thread.
+enum QorFrameworkMeeting : int32_t {
+    MEETING_NONE = 0,
+    MEETING_NOW = 1,      // its frame is listed
+    MEETING_RECORDED = 2, // and its place among the stack rows is noted
+    MEETING_MISSED = 5,   // there is one, but its data can't be had by reading at once
+    MEETING_OTHER = 7,    // one of the other two came first
+};
+
+// What has been met on one thread; value-initialised before its first frame.
+struct QorXtierFlags {
+    bool web, database, file, network, server, rmi;
+    QorFrameworkMeeting view, groovy, el;
+};
+
+// Starts a thread: entries that are listed from here on can be dropped by QorDropThreadFrames.
+void QorStartThreadFrames();
+// The thread gets no row: its entries go.
+void QorDropThreadFrames();
+
+// Lists a frame of the thread for the pass at the end. The framework that this frame makes the thread's
+// current call, or FRAMEWORK_NONE.
+QorFramework QorListXtierFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                               QorXtierFlags *flags);
+
+// The same for the view of one stack, which asks for requests, database calls and the first view or entity
+// object only.
+QorFramework QorListStackFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                               QorXtierFlags *flags);
+
+// Whether frames are listed whose data the thread's row can show; a server's frames alone are not.
+bool QorHasRowData(const QorXtierFlags &flags);
+
+// Appends the thread to the location list. 0, or -1 (logged) when there is no memory.
+int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKey,
+                             const QorXtierPositions &positions, const char *savedCurrentCall);
 
 // Reads the objects of all listed frames and puts what they tell into the reply.
 void QorInsertXtierData(QorText *reply);
+
+// What the stack view shows of its thread. The records are the readers' own and stand until the next call.
+struct QorStackViewData {
+    const QorJSPRequestData *web;     // URL (the page's name in its place), view or entity name
+    const QorDBRequestData *database; // known when url and user are filled
+};
+QorStackViewData QorReadStackViewData();
+
+// Reading at once, gbQorRELocal: starts a thread's records, reads a frame's data into them, and hands them
+// out.
+void QorStartReadingAtOnce();
+void QorReadFrameAtOnce(const QorThreadRecord *thread, const char *threadKey, const QorFrameRecord *frame,
+                        uint32_t kinds, QorXtierFlags *flags);
+QorStackViewData QorDataReadAtOnce();
 
 // Ends the lists of a sample; on every way out of the view.
 void QorFreeXtierLists();

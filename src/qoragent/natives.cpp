@@ -8,7 +8,7 @@
 #include "worker.h"
 
 #include "RequestHandler/records.h"
-#include "RequestHandler/thread_e2e_info.h"
+#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/ThreadSystem.h"

@@ -8,7 +8,9 @@
 #include "startup.h"
 #include "worker.h"
 
-#include "RequestHandler/thread_e2e_info.h"
+#include "Xtier/ConnectionCache.h"
+#include "Xtier/LocalWalk.h"
+#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
@@ -57,6 +59,8 @@ void QorDropSession(JNIEnv *env) {
     DropClass(env, &gbDbUtilClass);
     if (QorIsEarlyDov())
         trycatch_Cleanup();
+    QorCloseLocalWalk();
+    QorDropDbConnections();
     QorDovOnUnload(env);
 }
 

@@ -1,6 +1,6 @@
 #include "AgentNatives.h"
 #include "LogCapture.h"
-#include "RequestHandler/thread_e2e_info.h"
+#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "qoragent/natives.h"

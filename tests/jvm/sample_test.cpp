@@ -1,7 +1,7 @@
 #include "JvmFixture.h"
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
-#include "RequestHandler/thread_e2e_info.h"
+#include "Xtier/thread_e2e_info.h"
 #include "SampleReply.h"
 #include "jvmti/JavaClasses.h"
 #include "qorrequest.h"

@@ -1,5 +1,6 @@
 #include "RequestHandler/records.h"
 #include "RequestHandler/stack_rows.h"
+#include "Xtier/XtierInsert.h"
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>
@@ -107,7 +108,9 @@ TEST(Records, FrameGroupHasThreeFieldsWhateverIsKnown) {
 
 TEST(Records, EmptyDetailBlocksKeepTheirFieldCount) {
     EXPECT_EQ("<28>10<26>^|^|0|0|^|0|0|^|^|^", Visible(QorEmptyDatabaseBlock()));
-    EXPECT_EQ("<28>^|^|0|0|^|0|0", Visible(QorEmptyShortDatabaseBlock()));
+    Built shortForm;
+    QorAppendShortDatabaseBlock(&shortForm.text, {});
+    EXPECT_EQ("<28>^|^|0|0|^|0|0", shortForm.Seen());
     EXPECT_EQ("<28><27>0|0|^|^", Visible(QorEmptyRmiBlock()));
 }
 

@@ -52,6 +52,7 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
     block->threadId = static_cast<int32_t>(thread->tid);
     block->osThreadId = gbIbmJvm ? thread->ostid : -1;
     block->frameCount = frameCount;
+    block->stuckAndHogger[0] = block->stuckAndHogger[1] = -1; // unknown
     if (thread_e2e_info)
         lastBlock->next = block;
     else

@@ -1,0 +1,390 @@
+#include "XtierInsert.h"
+
+#include "LocalList.h"
+#include "XtierQRF.h"
+#include "qorformat.h"
+#include "qorlog.h"
+#include "thread_e2e_info.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr int32_t GROOVY_INDEX_LIMIT = 1000;
+constexpr int32_t PIECE_SIZE = SQL_TEXT_SIZE + DB_URL_SIZE + 1024; // the longest: a database block
+constexpr int32_t SHOWN_OLD_TEXT = 16;
+
+constexpr int32_t DATABASE_FIELDS = 10;
+constexpr char NO_JNDI_NAME[] = "NA";
+
+char pieceText[PIECE_SIZE];
+
+// What a framework frame is shown as, by the interim text that stands in the reply.
+struct FrameworkRow {
+    const char *interim;      // in front of "->"
+    const char *interimCall;  // the whole call text
+    const char *className;    // once the data is known
+    const char *file;         // in the current call; null: the class
+    const char *stackRowFile; // in the stack row; null: as in the current call
+};
+
+constexpr FrameworkRow FRAMEWORKS[] = {
+    {"QRFViewData", "QRFViewData->QRF_Data", "View_Object", "ViewObjectImpl.java", nullptr},
+    {"QRFEntityData", "QRFEntityData->QRF_Data", "Entity_Object", "EntityObjImpl.java", nullptr},
+    {"QRFGroovyData", "QRFGroovyData->Groovy_Data", "Groovy_Script", nullptr, nullptr},
+    {"QRFELData", "QRFELData->EL_Data", "EL_Exp", nullptr, "El_Exp"},
+};
+
+// The log lines of a piece that would lie in front of the one before it, and of one without text.
+struct PieceNames {
+    const char *position, *text;
+};
+constexpr char NO_CALL_TEXT[] =
+    "Qor Agent : InsertXtierDataToConsoleBuf strLenToCopy less than equal to 0. dburl";
+constexpr PieceNames REQUEST_PIECE = {
+    "qoragent : strLenToCopy less than equal to 0. jspstart",
+    "Qor Agent : InsertXtierDataToConsoleBuf strLenToCopy less than equal to 0. requestaddr"};
+constexpr PieceNames CALL_PIECE = {NO_CALL_TEXT, NO_CALL_TEXT};
+constexpr PieceNames RMI_PIECE = {"qoragent : strLenToCopy less than equal to 0. rmi ip",
+                                  "qoragent : strLenToCopy less than equal to 0. jndiname"};
+constexpr PieceNames DATABASE_PIECE = {"Qor Agent : strLenToCopy less than equal to 0. dburl",
+                                       "Qor Agent : strLenToCopy less than equal to 0. dbuser"};
+
+const char *OrPlaceholder(const char *text) {
+    return text[0] ? text : null_str;
+}
+
+int32_t LengthOf(const char *text) {
+    return static_cast<int32_t>(strlen(text));
+}
+
+// Replaces the bytes from `start` to `end` of the old reply. 0, or -1 when the new text has no room.
+int32_t ReplacePiece(QorInsertion *insertion, int32_t start, int32_t end, const char *text,
+                     const PieceNames &names) {
+    const int32_t before = start - insertion->oldPosition;
+    if (before < 1)
+        QORLOG(LOG_ERROR, "%s", names.position);
+    if (before < 0)
+        return 0; // it is overtaken: its text stands already
+    const int32_t length = LengthOf(text);
+    if (length < 1)
+        QORLOG(LOG_ERROR, "%s", names.text);
+    const int32_t growth = length - (end - start);
+    if (growth > insertion->spare)
+        return -1;
+
+    QorText *out = &insertion->newReply;
+    if (!out->text) {
+        const int32_t size = insertion->oldReply->size;
+        auto *storage = static_cast<char *>(malloc(static_cast<size_t>(size)));
+        if (!storage) {
+            QORLOG(LOG_ERROR, "Calloc Failed to allocate memory for console buffer");
+            return -1;
+        }
+        QorTextStart(out, storage, size);
+    }
+    QorTextAppend(out, insertion->oldReply->text + insertion->oldPosition, before);
+    QorTextAppend(out, text, length);
+    insertion->oldPosition = end;
+    insertion->spare -= growth;
+    return 0;
+}
+
+const FrameworkRow *FindInterim(const char *oldText) {
+    for (const FrameworkRow &row : FRAMEWORKS)
+        if (strncmp(oldText, row.interim, strlen(row.interim)) == 0)
+            return &row;
+    return nullptr;
+}
+
+// What the framework frame works on; empty when it was not found.
+const char *FrameworkText(const FrameworkRow &row, const QorJSPRequestData &web) {
+    switch (&row - FRAMEWORKS) {
+    case FRAMEWORK_GROOVY:
+        return web.groovyCurrentLine;
+    case FRAMEWORK_EL:
+        return web.elExpression;
+    default:
+        return web.qrfObjectName;
+    }
+}
+
+bool HasFrameworkData(const QorJSPRequestData &web) {
+    return web.qrfObjectName[0] || web.groovyCurrentLine[0] || web.elExpression[0];
+}
+
+void AppendFrameworkCall(QorText *out, const FrameworkRow &row, const char *text, const char *file,
+                         int32_t line) {
+    QorTextAppend(out, row.className);
+    QorTextAppend(out, "->");
+    QorTextAppend(out, text);
+    QorTextAppendChar(out, FIELD_SEP);
+    QorTextAppend(out, file ? file : row.className);
+    QorTextAppendChar(out, FIELD_SEP);
+    QorTextAppendNumber(out, &row == &FRAMEWORKS[FRAMEWORK_GROOVY] ? line : 0);
+    QorTextAppendChar(out, FIELD_SEP);
+}
+
+int32_t InsertRequest(QorInsertion *insertion, const QorXtierPositions &at, const QorJSPRequestData &web) {
+    if (at.requestStart < 0 || !web.requestUrl[0])
+        return 0;
+    QorText piece;
+    QorTextStart(&piece, pieceText, PIECE_SIZE);
+    QorTextAppend(&piece, web.requestUrl);
+    QorTextAppendChar(&piece, FIELD_SEP);
+    QorTextAppend(&piece, OrPlaceholder(web.requestDetail));
+    QorTextAppendChar(&piece, FIELD_SEP);
+    return ReplacePiece(insertion, at.requestStart, at.requestEnd, piece.text, REQUEST_PIECE);
+}
+
+// Puts the columns back that the interim text has replaced.
+int32_t RestoreCall(QorInsertion *insertion, const QorXtierLocationInfo &location) {
+    if (!location.savedCurrentCall[0]) {
+        QORLOG(LOG_ERROR, "Qor Agent : Unable to restore Original Current Call");
+        return 0;
+    }
+    return ReplacePiece(insertion, location.at.currentCallStart, location.at.currentCallEnd,
+                        location.savedCurrentCall, CALL_PIECE);
+}
+
+int32_t InsertCurrentCall(QorInsertion *insertion, const QorXtierLocationInfo &location,
+                          const QorJSPRequestData &web, int32_t groovyLine) {
+    const QorXtierPositions &at = location.at;
+    const char *const oldText = insertion->oldReply->text + at.currentCallStart;
+    const FrameworkRow *row = FindInterim(oldText);
+    const char *text = row ? FrameworkText(*row, web) : "";
+    if (HasFrameworkData(web) && !text[0]) {
+        char shown[SHOWN_OLD_TEXT] = {};
+        QorStrncpy(shown, oldText, SHOWN_OLD_TEXT, SHOWN_OLD_TEXT);
+        QORLOG(LOG_ERROR, "Qor Agent : InsertXtierDataToConsoleBuf Not found qrf data in buf %15s", shown);
+    }
+    if (!row)
+        return 0; // no framework frame wrote these columns
+    if (!text[0])
+        return RestoreCall(insertion, location);
+
+    QorText piece;
+    QorTextStart(&piece, pieceText, PIECE_SIZE);
+    AppendFrameworkCall(&piece, *row, text, row->file, groovyLine);
+    if (ReplacePiece(insertion, at.currentCallStart, at.currentCallEnd, piece.text, CALL_PIECE) == 0)
+        return 0;
+    RestoreCall(insertion, location);
+    return -1;
+}
+
+int32_t InsertRmi(QorInsertion *insertion, const QorXtierPositions &at, const QorRmiCallData &rmi) {
+    if (at.rmiStart < 0 || !rmi.host[0])
+        return 0; // the row has the empty block
+    QorText piece;
+    QorTextStart(&piece, pieceText, PIECE_SIZE);
+    QorAppendRmiBlock(&piece, &rmi);
+    return ReplacePiece(insertion, at.rmiStart, at.rmiEnd, piece.text, RMI_PIECE);
+}
+
+int32_t InsertDatabase(QorInsertion *insertion, const QorXtierPositions &at,
+                       const QorDBRequestData &database) {
+    if (at.dbStart < 0 || !database.url[0] || !database.user[0])
+        return 0;
+    QorText piece;
+    QorTextStart(&piece, pieceText, PIECE_SIZE);
+    QorAppendDatabaseBlock(&piece, QorDatabaseBlockOf(database));
+    return ReplacePiece(insertion, at.dbStart, at.dbEnd, piece.text, DATABASE_PIECE);
+}
+
+int32_t InsertStackRow(QorInsertion *insertion, const QorXtierPositions &at, const QorJSPRequestData &web,
+                       int32_t groovyLine) {
+    if (at.stackCallStart < 0 || !HasFrameworkData(web))
+        return 0;
+    if (at.currentCallStart < 0) {
+        QORLOG(LOG_ERROR, "Qor Agent : InsertXtierDataToConsoleBuf Error: Not found qrf data in buf "
+                          "qrfusercallstart is NULL ");
+        return 0;
+    }
+    const FrameworkRow *row = FindInterim(insertion->oldReply->text + at.currentCallStart);
+    const char *text = row ? FrameworkText(*row, web) : "";
+    if (!text[0]) {
+        QORLOG(LOG_ERROR, "Qor Agent : InsertXtierDataToConsoleBuf Error: Not found qrf data in buf");
+        return 0;
+    }
+    QorText piece;
+    QorTextStart(&piece, pieceText, PIECE_SIZE);
+    QorTextAppendChar(&piece, RECORD_END);
+    AppendFrameworkCall(&piece, *row, text, row->stackRowFile ? row->stackRowFile : row->file, groovyLine);
+    return ReplacePiece(insertion, at.stackCallStart, at.stackCallEnd, piece.text, CALL_PIECE);
+}
+
+// Seven fields, from the URL to the reference of the SQL text.
+void AppendConnection(QorText *out, const QorDatabaseBlock &block) {
+    for (const char *text : {block.url, block.user}) {
+        QorTextAppend(out, OrPlaceholder(text));
+        QorTextAppendChar(out, FIELD_SEP);
+    }
+    for (uint32_t port : {block.localPort, block.remotePort}) {
+        QorTextAppendNumber(out, port);
+        QorTextAppendChar(out, FIELD_SEP);
+    }
+    QorTextAppend(out, OrPlaceholder(block.remoteHost));
+    for (int32_t number : {block.sampleTime, block.sqlRef}) {
+        QorTextAppendChar(out, FIELD_SEP);
+        QorTextAppendNumber(out, number);
+    }
+}
+
+QorE2EBlock *FindE2EBlock(int64_t threadId) {
+    QorE2EBlock *block = thread_e2e_info;
+    while (block && block->threadId != static_cast<int32_t>(threadId))
+        block = block->next;
+    return block;
+}
+
+template <size_t N>
+void CopyIfKnown(char (&to)[N], const char *text) {
+    if (text[0])
+        QorStrncpy(to, text, N, N);
+}
+
+void CopyServerData(QorE2EBlock *block, const QorAppServerCallData &server) {
+    block->stuckAndHogger[0] = server.stuck;
+    block->stuckAndHogger[1] = server.hogger;
+    block->ioFile[0] = 0;
+    CopyIfKnown(block->applicationName, server.applicationName);
+    CopyIfKnown(block->moduleName, server.moduleName);
+    CopyIfKnown(block->wmName, server.wmName);
+    CopyIfKnown(block->sessionId, server.sessionId);
+}
+
+} // namespace
+
+const char *QorInterimCall(QorFramework framework) {
+    return FRAMEWORKS[framework].interimCall;
+}
+
+const char *QorFrameworkClass(QorFramework framework) {
+    return FRAMEWORKS[framework].className;
+}
+
+QorDatabaseBlock QorDatabaseBlockOf(const QorDBRequestData &record) {
+    const bool known = record.url[0] && record.user[0];
+    const bool typed = known && record.dbType >= 0 && record.dbType < DB_TYPE_COUNT;
+    QorDatabaseBlock block;
+    if (known) {
+        block.url = record.url;
+        block.user = record.user;
+        block.remoteHost = record.remoteHost;
+    }
+    block.localPort = record.localPort;
+    block.remotePort = record.remotePort;
+    block.sampleTime = static_cast<int32_t>(record.sampleTime); // the wire's numbers have 32 bits
+    block.sqlRef = static_cast<int32_t>(record.sqlRef);
+    block.sqlText = record.sqlText;
+    if (typed)
+        block.typeName = g_strDbTypeNames[record.dbType];
+    return block;
+}
+
+void QorAppendDatabaseBlock(QorText *out, const QorDatabaseBlock &block) {
+    QorTextAppendChar(out, WAIT_DETAIL);
+    QorTextAppendNumber(out, DATABASE_FIELDS);
+    QorTextAppendChar(out, FIELD_COUNT_MARK);
+    AppendConnection(out, block);
+    for (const char *text : {block.sqlText, block.typeName, ""}) { // the last field is reserved
+        QorTextAppendChar(out, FIELD_SEP);
+        QorTextAppend(out, OrPlaceholder(text));
+    }
+}
+
+void QorAppendShortDatabaseBlock(QorText *out, const QorDatabaseBlock &block) {
+    QorTextAppendChar(out, WAIT_DETAIL);
+    AppendConnection(out, block);
+}
+
+void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call) {
+    const bool known = call && call->host[0];
+    const char *name = known && call->jndiName[0] ? call->jndiName : NO_JNDI_NAME;
+    QorTextAppendChar(out, WAIT_DETAIL);
+    QorTextAppendChar(out, RMI_MARK);
+    QorTextAppendNumber(out, known ? call->callId : 0);
+    QorTextAppendChar(out, FIELD_SEP);
+    QorTextAppendNumber(out, known ? call->port : 0);
+    QorTextAppendChar(out, FIELD_SEP);
+    QorTextAppend(out, known ? call->host : null_str);
+    QorTextAppendChar(out, FIELD_SEP);
+    QorTextAppend(out, known ? name : null_str);
+}
+
+int32_t QorRestoreGrowth(const QorXtierPositions &at, const char *savedCurrentCall) {
+    if (at.currentCallStart < 0 || !savedCurrentCall[0])
+        return 0;
+    return std::max(0, LengthOf(savedCurrentCall) - (at.currentCallEnd - at.currentCallStart));
+}
+
+void QorStartInsertion(QorInsertion *insertion, const QorText *reply, const QorXtierLocationInfo *locations) {
+    *insertion = {reply, {}, 0, reply->size - 1 - reply->length};
+    for (; locations; locations = locations->next)
+        insertion->spare -= QorRestoreGrowth(locations->at, locations->savedCurrentCall);
+}
+
+int32_t InsertXtierDataToConsoleBuf(QorInsertion *insertion, const QorXtierLocationInfo &location,
+                                    const QorJSPRequestData &web, const QorDBRequestData &database,
+                                    const QorRmiCallData &rmi) {
+    const QorXtierPositions &at = location.at;
+    const int32_t groovyLine =
+        web.groovyCurrentLine[0]
+            ? getGroovyCurrentLineNo(web.groovyScript, web.groovyCallSites, web.groovyCallSiteCount,
+                                     web.groovyCurrentIndex, GROOVY_INDEX_LIMIT)
+            : 0;
+    int32_t result = InsertRequest(insertion, at, web);
+    if (at.currentCallStart >= 0) {
+        insertion->spare += QorRestoreGrowth(at, location.savedCurrentCall); // what was kept back for it
+        if (result != 0)
+            RestoreCall(insertion, location);
+        else
+            result = InsertCurrentCall(insertion, location, web, groovyLine);
+    }
+    if (result == 0)
+        result = InsertRmi(insertion, at, rmi);
+    if (result == 0)
+        result = InsertDatabase(insertion, at, database);
+    if (result == 0)
+        result = InsertStackRow(insertion, at, web, groovyLine);
+    return result;
+}
+
+void QorEndInsertion(QorInsertion *insertion, QorText *reply) {
+    QorText *made = &insertion->newReply;
+    if (!made->text)
+        return;
+    const int32_t tail = insertion->oldPosition;
+    QorTextAppend(made, reply->text + tail, reply->length - tail);
+    if (made->refused) { // can't be: the room was kept
+        QORLOG(LOG_WARNING,
+               "Qoragent : new string buf size is exceeding the allocated size. Assigning string "
+               "terminator at the end.");
+    }
+    QorTextCut(reply, 0);
+    QorTextAppend(reply, made->text, made->length);
+    free(made->text);
+    made->text = nullptr;
+}
+
+int32_t QorInsertDataToE2EBuf(int64_t threadId, int32_t kind, const QorAppServerCallData &server,
+                              const QorIOCallData &file, const QorNetworkCallData &network) {
+    QORLOG(LOG_TRACE, "Reached InsertDataToE2EBuf with thread ID %d\n", static_cast<int32_t>(threadId));
+    QorE2EBlock *block = FindE2EBlock(threadId);
+    if (!block)
+        return 0;
+    block->textsWritten = 1;
+    if (kind == LOCAL_FILE_CALL) {
+        CopyIfKnown(block->ioFile, file.fileName);
+    } else if (kind == LOCAL_NETWORK_CALL) {
+        if (network.fd != 0) {
+            block->networkPort = network.port;
+            CopyIfKnown(block->networkHost, network.host);
+        }
+    } else {
+        CopyServerData(block, server);
+    }
+    return 0;
+}

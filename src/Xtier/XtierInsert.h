@@ -1,0 +1,76 @@
+// How cross-tier data gets into a reply.
+//
+// A sample writes its rows before it knows the data, and notes where the pieces lie that the data will
+// replace (LocationList.h). The insertion then copies the reply once, forward, with the real data in the
+// place of these pieces. Data without a column goes to the thread's end-to-end block.
+//
+// A piece is replaced whole or keeps its old text, and the room for all of the old reply is kept: no row is
+// lost, however much data there is. Worker only.
+#pragma once
+
+#include "CallRecords.h"
+#include "LocationList.h"
+#include "qortext.h"
+
+#include <cstdint>
+
+// A framework frame: generic code, in whose place the reply shows what it works on.
+enum QorFramework : int32_t {
+    FRAMEWORK_NONE = -1,
+    FRAMEWORK_VIEW,
+    FRAMEWORK_ENTITY,
+    FRAMEWORK_GROOVY,
+    FRAMEWORK_EL,
+};
+
+// The call text that such a frame has while its data is not known.
+const char *QorInterimCall(QorFramework framework);
+// The class that stands in front of "->" once it is known.
+const char *QorFrameworkClass(QorFramework framework);
+
+// The blocks behind the states "DB Wait" and "RMI Wait". An empty text is written as its placeholder.
+struct QorDatabaseBlock {
+    const char *url = "", *user = "";
+    uint32_t localPort = 0, remotePort = 0;
+    const char *remoteHost = "";
+    int32_t sampleTime = 0, sqlRef = 0;
+    const char *sqlText = "", *typeName = "";
+};
+// Of a call without a URL or a user only the numbers and the SQL text.
+QorDatabaseBlock QorDatabaseBlockOf(const QorDBRequestData &record);
+void QorAppendDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
+// The older form, without field count, SQL text and type.
+void QorAppendShortDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
+// With no call, or one without a host, the empty block.
+void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call);
+
+// Bytes that a reply may grow by when the saved call takes the place of an interim text.
+int32_t QorRestoreGrowth(const QorXtierPositions &at, const char *savedCurrentCall);
+
+// One pass over a reply.
+struct QorInsertion {
+    const QorText *oldReply;
+    QorText newReply; // `text` is null until the first piece is replaced
+    int32_t oldPosition;
+    int32_t spare; // bytes that the reply may still grow by
+};
+
+// Starts a pass over `reply`, which stays as it is until the pass ends. The growth of all saved calls of the
+// list is kept back, so that each can be restored.
+void QorStartInsertion(QorInsertion *insertion, const QorText *reply, const QorXtierLocationInfo *locations);
+
+// Replaces the pieces of one thread; a piece whose data is not known keeps its text, but for an interim text,
+// which gives way to the saved call. Threads come in the order of the list. 0, or -1 when a piece found no
+// room or there is no memory: it and the pieces behind it keep their text, but a saved call is restored
+// nevertheless.
+int32_t InsertXtierDataToConsoleBuf(QorInsertion *insertion, const QorXtierLocationInfo &location,
+                                    const QorJSPRequestData &web, const QorDBRequestData &database,
+                                    const QorRmiCallData &rmi);
+
+// Ends the pass: what has been replaced goes into `reply`, which is the one that the pass was started with.
+void QorEndInsertion(QorInsertion *insertion, QorText *reply);
+
+// Puts data into the end-to-end block of the thread: by kind LOCAL_FILE_CALL, LOCAL_NETWORK_CALL, or any
+// other for the application server's, which also clears the file. Always 0.
+int32_t QorInsertDataToE2EBuf(int64_t threadId, int32_t kind, const QorAppServerCallData &server,
+                              const QorIOCallData &file, const QorNetworkCallData &network);

@@ -1,0 +1,3 @@
+#include "qorformat.h"
+
+char null_str[2] = "^";
