@@ -112,6 +112,8 @@ void OpenBucket(int64_t tid) {
         bucketEnd++;
 }
 
+// The JVM doesn't hear an abort at a JNI local and goes on with the stack: the callbacks say it again until
+// it does.
 jint Abort(QorLocalWalkEnd end, int32_t kind) {
     set_FollowRefHack();
     gbQorLocalWalkOutcome.end = end;
@@ -306,6 +308,8 @@ void QorStartLocalWalkTime(int64_t now, bool hasBudget) {
 jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
                                             void *) {
+    if (gbQorLocalWalkOutcome.end != WALK_NOT_ENDED)
+        return JVMTI_VISIT_ABORT;
     CountCallback(kind);
     if (IsOutOfTime())
         return Abort(WALK_OUT_OF_TIME, kind);
@@ -326,6 +330,8 @@ jint JNICALL heapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind, const j
                                             jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
                                             void *userData) {
     auto *frame = static_cast<QorWantedFrame *>(userData);
+    if (gbQorLocalWalkOutcome.end != WALK_NOT_ENDED)
+        return JVMTI_VISIT_ABORT;
     CountCallback(kind);
     if (IsOutOfTime())
         return Abort(WALK_OUT_OF_TIME, kind);

@@ -56,6 +56,7 @@ struct QorLocalWalkOutcome {
     int32_t passedOver;   // objects that found no room
 };
 
+extern jvmtiEnv *gbQorLocalWalkEnv;       // of all walks, with the marks on classes; null before the first
 extern QorWantedFrame *gbQorWantedFrames; // ordered by thread and method
 extern int32_t gbQorWantedFrameCount;
 extern QorFinding gbQorFindings[LOCAL_FINDINGS];

@@ -30,6 +30,8 @@ void *qorrefIterFillFromFrame;
 void *qorrefIterInit;
 void *qorrefIterFree;
 
+jvmtiEnv *gbQorLocalWalkEnv;
+
 namespace {
 
 constexpr jint JNI_OF_GET_OBJ_OPT = 0x00010006;
@@ -39,18 +41,16 @@ constexpr int32_t SPARE_REFS = 64;
 constexpr int64_t USEC_PER_SEC = 1000000;
 constexpr int32_t ALL_TIME = 100; // percent
 
-jvmtiEnv *walkEnv; // kept until shutdown, with the marks on classes
-
 bool OpenWalkEnv() {
-    if (!walkEnv && jvmti)
-        walkEnv = QorOpenTagEnvironment();
-    return walkEnv;
+    if (!gbQorLocalWalkEnv && jvmti)
+        gbQorLocalWalkEnv = QorOpenTagEnvironment();
+    return gbQorLocalWalkEnv;
 }
 
 // With it go all tags, whatever objects have them.
 void CloseWalkEnv() {
-    QorCloseTagEnvironment(walkEnv);
-    walkEnv = nullptr;
+    QorCloseTagEnvironment(gbQorLocalWalkEnv);
+    gbQorLocalWalkEnv = nullptr;
 }
 
 bool IsUpdateBelow50() {
@@ -68,7 +68,7 @@ bool CanFillHandles() {
 int32_t Follow(jvmtiHeapReferenceCallback callback, void *userData) {
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = callback;
-    const jvmtiError error = walkEnv->FollowReferences(0, nullptr, nullptr, &callbacks, userData);
+    const jvmtiError error = gbQorLocalWalkEnv->FollowReferences(0, nullptr, nullptr, &callbacks, userData);
     check_FollowRefHack();
     QorClearException(jvmtijni_env);
     return error;
@@ -132,14 +132,14 @@ int32_t CollectObjects() {
         QORLOG(LOG_ERROR, "Out of Memory");
         return JVMTI_ERROR_OUT_OF_MEMORY;
     }
-    const int32_t error = QorFetchFoundObjects(walkEnv);
+    const int32_t error = QorFetchFoundObjects(gbQorLocalWalkEnv);
     for (int32_t i = 0; i < gbQorWantedFrameCount; i++) {
         const QorWantedFrame &frame = gbQorWantedFrames[i];
         frame.record->localCount = frame.hits;
         if (frame.hits == 0)
             continue;
         jobject chosen =
-            QorChooseLocalObject(frame, QorIsObjectOfInterest, walkEnv, frame.record->strSignature);
+            QorChooseLocalObject(frame, QorIsObjectOfInterest, gbQorLocalWalkEnv, frame.record->strSignature);
         if (chosen)
             frame.record->objLocalVarHandle = QorNewGlobalRef(jvmtijni_env, chosen);
         if (!frame.record->objLocalVarHandle)
@@ -159,7 +159,7 @@ void ReadFrameObject(QorLocalObjectRecord *record) {
         return;
     }
     jobject chosen = nullptr;
-    if (QorFetchFoundObjects(walkEnv) == JVMTI_ERROR_NONE)
+    if (QorFetchFoundObjects(gbQorLocalWalkEnv) == JVMTI_ERROR_NONE)
         chosen = QorChooseLocalObject(gbQorWantedFrames[0], EndsFrameSearch, nullptr, record->signature);
     else
         CloseWalkEnv();

@@ -1,0 +1,545 @@
+#include "JvmFixture.h"
+#include "LogCapture.h"
+#include "Walk.h"
+#include "Xtier/LocalSearch.h"
+#include "Xtier/LocalWalk.h"
+#include "Xtier/LocalWalkTimes.h"
+#include "jvmti/JniCalls.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr char STAGE[] = "qoragent/testing/Stage";
+constexpr int64_t SECOND = 1000000;
+constexpr jlong SOME_TAG = 7777;
+
+// A clock that a test sets, and that goes on by a step at each look.
+int64_t fakeNow, fakeStep;
+
+int64_t FakeClock() {
+    return fakeNow += fakeStep;
+}
+
+// An object of a class, without its constructor.
+jobject Make(const char *klass) {
+    jclass found = Env()->FindClass(klass);
+    EXPECT_NE(found, nullptr) << klass;
+    return Env()->AllocObject(found);
+}
+
+void Enter(const char *part, const char *name, jobject a, jobject b = nullptr, jobject c = nullptr) {
+    CallVoid(STAGE, "enter",
+             "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/Object;Ljava/lang/Object;Ljava/lang/Object;)V",
+             Text(part), Text(name), a, b, c);
+}
+
+// What is said of a listed frame after a walk.
+struct Found {
+    std::string thread, method, signature;
+    jobject object; // local reference or null
+};
+
+// The frames of a snapshot that were asked for, listed as a view lists them.
+struct Listing {
+    // Frames of the class in threads of that name ("" all), of a kind; all methods or the one named.
+    void list(const std::string &thread, const std::string &klass, const std::string &method = "",
+              int32_t kind = LOCAL_DATABASE_CALL) {
+        wanted.push_back({thread, klass, method, kind});
+    }
+
+    void take() {
+        while (walk.next())
+            for (walk.frames.index = 0; walk.frames.index < walk.frames.count; walk.frames.index++)
+                takeFrame();
+    }
+
+    void takeFrame() {
+        QorFrameRecord frame = {};
+        if (QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &frame) != 0)
+            return;
+        frame.frameIndex = walk.frames.index;
+        for (const Wanted &row : wanted) {
+            if ((row.thread.empty() || "zoo-" + row.thread == walk.thread.name) &&
+                row.klass == frame.className && (row.method.empty() || row.method == frame.method)) {
+                EXPECT_EQ(AddToThreadLocalInfoList(&walk.thread, &frame, &head, row.kind), 0);
+            }
+        }
+    }
+
+    std::vector<Found> found() const {
+        std::vector<Found> rows;
+        for (const QorAllThreadLocalInfoList *entry = head; entry; entry = entry->next)
+            rows.push_back(
+                {entry->threadName, entry->methodName, entry->strSignature,
+                 entry->objLocalVarHandle ? Env()->NewLocalRef(entry->objLocalVarHandle) : nullptr});
+        return rows;
+    }
+
+    ~Listing() { FreeQorAllThreadLocalInfoList(head); }
+
+    struct Wanted {
+        std::string thread, klass, method;
+        int32_t kind;
+    };
+    std::vector<Wanted> wanted;
+    Walk walk;
+    QorAllThreadLocalInfoList *head = nullptr;
+};
+
+constexpr char STAGE_CLASS[] = "qoragent.testing.Stage";
+
+struct LocalWalks : SessionTest {
+    void SetUp() override {
+        SessionTest::SetUp();
+        Env()->PushLocalFrame(512);
+        qorGetLocalObjectsQuotaPct = 100;
+        qorIsPollOrTrace = 0;
+        clock = qorLocalWalkClock;
+        nextFollowRefTime = prevFollowRefExecTime = prevFollowRefAbortReportTime = 0;
+        prevFollowRefStatsReportTime = 0;
+        iSkipFollowRefCount = 0;
+        lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
+    }
+    void TearDown() override {
+        qorLocalWalkClock = clock;
+        CallVoid(STAGE, "clear", "()V");
+        QorCloseLocalWalk();
+        Env()->PopLocalFrame(nullptr);
+        SessionTest::TearDown();
+    }
+
+    // The signature of the object that a walk finds for the frame of that method, which must be `expected`.
+    static std::string readOne(const std::string &thread, const std::string &method, int32_t kind,
+                               jobject expected) {
+        Listing listing;
+        listing.list(thread, STAGE_CLASS, method, kind);
+        listing.take();
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        const std::vector<Found> rows = listing.found();
+        EXPECT_EQ(rows.size(), 1u) << thread;
+        if (rows.empty())
+            return "no frame";
+        EXPECT_TRUE(same(rows[0].object, expected)) << thread;
+        return rows[0].signature;
+    }
+
+    static int32_t kindsBelowRoots() {
+        int32_t count = 0;
+        for (int32_t kind = 0; kind < JVMTI_HEAP_REFERENCE_JNI_GLOBAL; kind++)
+            count += gbQorLocalWalkKinds[kind];
+        return count;
+    }
+
+    static bool same(jobject a, jobject b) { return Env()->IsSameObject(a, b); }
+
+    int64_t (*clock)();
+};
+
+} // namespace
+
+// In slot order, and with what is of no interest learnt in the first round.
+TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    jobject request = Make("ferrule/servlet/internal/ServletRequestImpl");
+    jobject context = Make("ferrule/servlet/internal/WebAppServletContext");
+    jobject event = Make("tessar/kvo/server/TransactionEvent");
+    jobject entity = Make("tessar/kvo/server/EntityImpl");
+    jobject text = Text("text"), none = nullptr;
+    const char *const STATEMENT = "Ltessar/jdbc/driver/TessarStatement;";
+    const char *const REQUEST = "Lferrule/servlet/internal/ServletRequestImpl;";
+    const char *const EVENT = "Ltessar/kvo/server/TransactionEvent;";
+    const struct {
+        const char *name;
+        jobject a, b, c, chosen;
+        const char *signature;
+        int32_t kind;
+    } ROWS[] = {
+        {"first", statement, request, text, statement, STATEMENT, LOCAL_WEB_REQUEST},
+        {"second", text, request, statement, request, REQUEST, LOCAL_DATABASE_CALL},
+        {"behind-context", context, none, statement, statement, STATEMENT, LOCAL_WEB_REQUEST},
+        {"none", text, context, none, none, "", LOCAL_DATABASE_CALL},
+        {"front", text, event, entity, text, EVENT, LOCAL_VIEW_OR_ENTITY},
+        {"entity", entity, event, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
+        {"behind", event, entity, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
+        {"twice", entity, entity, event, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
+    };
+    for (const auto &row : ROWS)
+        Enter("three", row.name, row.a, row.b, row.c);
+    for (int32_t round = 0; round < 3; round++) {
+        for (const auto &row : ROWS) {
+            EXPECT_EQ(readOne(row.name, "three", row.kind, row.chosen), row.signature)
+                << row.name << " round " << round;
+        }
+    }
+}
+
+// A frame's gate is the neighbour in three(); alone() has none.
+TEST_F(LocalWalks, TakeNothingForAnEventAlone) {
+    Enter("alone", "alone", Make("tessar/kvo/server/TransactionEvent"));
+    LogCapture log(LOG_ERROR + 1);
+    EXPECT_EQ(readOne("alone", "alone", LOCAL_VIEW_OR_ENTITY, nullptr), "");
+    EXPECT_EQ(log.count("Frame does not contain Eo Object"), 1);
+}
+
+// Nobody loses an object to another frame, and the frames of a recursion give theirs, the top one first, to
+// the one that was listed first.
+TEST_F(LocalWalks, ShareObjectsBetweenFramesAndThreads) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    jobject top = Make("tessar/jdbc/driver/TessarPreparedStatement");
+    Enter("nested", "one", statement);
+    Enter("nested", "two", statement);
+    Enter("recursion", "deep", statement, Text("between"), top);
+    for (int32_t round = 0; round < 2; round++) {
+        Listing listing;
+        for (const char *method : {"outer", "middle", "inner", "innermost", "fall"})
+            listing.list("", STAGE_CLASS, method);
+        listing.take();
+        ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        int32_t shared = 0, recursive = 0, empty = 0;
+        for (const Found &row : listing.found()) {
+            shared += row.method != "fall" && same(row.object, statement);
+            recursive += row.method == "fall" && same(row.object, top);
+            empty += row.method == "fall" && !row.object;
+        }
+        EXPECT_EQ(shared, 8);
+        EXPECT_EQ(recursive, 1);
+        EXPECT_EQ(empty, 2);
+    }
+}
+
+// The objects of a file call are locals of native frames.
+TEST_F(LocalWalks, SeeTheLocalsOfNativeFrames) {
+    ZooVisit zoo("file-read,file-read-bytes,random-access-read");
+    Listing listing;
+    listing.list("file-read", "java.io.FileInputStream");
+    listing.list("file-read-bytes", "java.io.FileInputStream");
+    listing.list("random-access-read", "java.io.RandomAccessFile");
+    listing.take();
+    LogCapture log(LOG_DETAIL + 1);
+    ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    std::map<std::string, std::string> signatures;
+    for (const Found &row : listing.found())
+        signatures[row.thread] += row.signature;
+    EXPECT_NE(signatures["zoo-file-read"].find("Ljava/io/FileDescriptor;"), std::string::npos);
+    EXPECT_NE(signatures["zoo-file-read-bytes"].find("Ljava/io/FileDescriptor;"), std::string::npos);
+    EXPECT_NE(signatures["zoo-random-access-read"].find("Ljava/io/"), std::string::npos);
+    EXPECT_GT(log.count("FollowRef  Methos ID "), 0);
+}
+
+// From JDK 11 on the constants of compiled code are reported beside a frame's locals.
+TEST_F(LocalWalks, TakeNoConstantsOfCompiledCode) {
+    jobject constant = Make("tessar/jdbc/driver/TessarStatement");
+    Enter("hot", "hot", constant);
+    Listing listing;
+    listing.list("hot", "qoragent.testing.Stage$Hot", "hot");
+    listing.take();
+    ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    ASSERT_EQ(listing.found().size(), 1u);
+    EXPECT_EQ(listing.found()[0].object, nullptr);
+}
+
+// No walk goes on into the heap, which would take the time of a pass over it: also when a thread has left its
+// frame, so that its record stays empty.
+TEST_F(LocalWalks, EndBeforeTheHeap) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    Enter("leaver", "leaver", statement);
+    Enter("nested", "stayer", statement);
+    Listing listing;
+    listing.list("leaver", STAGE_CLASS, "inside");
+    listing.list("stayer", STAGE_CLASS, "inner");
+    listing.take();
+    CallVoid(STAGE, "leave", "(Ljava/lang/String;)V", Text("leaver"));
+    ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(kindsBelowRoots(), 0);
+    EXPECT_EQ(threadCount, 0);
+    EXPECT_NE(gbQorLocalWalkOutcome.end, WALK_NOT_ENDED);
+    for (const Found &row : listing.found())
+        EXPECT_EQ(row.object != nullptr, row.thread == "zoo-stayer") << row.thread;
+
+    // A thread that has ended is lost: all stacks are seen, and nothing behind them.
+    Listing late;
+    late.list("stayer", STAGE_CLASS, "inner");
+    late.take();
+    const int64_t method = late.head->frameMethod, tid = late.head->threadId;
+    CallVoid(STAGE, "clear", "()V");
+    LogCapture log(LOG_DETAIL + 1);
+    ASSERT_EQ(QorGetLocalVariableForAllThread(late.head), 0);
+    EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_BEHIND_STACKS);
+    EXPECT_EQ(kindsBelowRoots(), 0);
+    EXPECT_EQ(log.count("Lost 1 threads during getlocalobj "), 1);
+    EXPECT_EQ(late.found()[0].object, nullptr);
+
+    QorLocalObjectRecord record;
+    EXPECT_EQ(QorGetLocalObject(tid, method, &record), -1);
+    EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_BEHIND_STACKS);
+    EXPECT_EQ(kindsBelowRoots(), 0);
+    EXPECT_TRUE(!record.object && !record.klass && !record.signature[0]);
+}
+
+// One frame, read by itself: objects that the shorter list knows.
+TEST_F(LocalWalks, ReadASingleFrame) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    jobject entity = Make("tessar/kvo/server/EntityImpl");
+    jobject event = Make("tessar/kvo/server/TransactionEvent");
+    jobject thread = Make("ferrule/work/ExecuteThread");
+    Enter("three", "statement", thread, statement, entity);
+    Enter("three", "event", event, entity, statement);
+    Enter("three", "nothing", thread, entity, Text("text"));
+    Enter("three", "entities", entity, entity, entity);
+    const struct {
+        const char *name;
+        jobject object;
+        const char *signature;
+    } ROWS[] = {
+        {"statement", statement, "Ltessar/jdbc/driver/TessarStatement;"},
+        {"event", entity, "Ltessar/kvo/server/TransactionEvent;"},
+        {"nothing", nullptr, ""},
+    };
+    for (int32_t round = 0; round < 2; round++) {
+        for (const auto &row : ROWS) {
+            Listing listing;
+            listing.list(row.name, STAGE_CLASS, "three");
+            listing.take();
+            ASSERT_NE(listing.head, nullptr);
+            QorLocalObjectRecord record;
+            EXPECT_EQ(QorGetLocalObject(listing.head->threadId, listing.head->frameMethod, &record), 0);
+            EXPECT_TRUE(same(record.object, row.object)) << row.name;
+            EXPECT_STREQ(record.signature, row.signature);
+            if (row.object) {
+                EXPECT_TRUE(Env()->IsInstanceOf(record.object, record.klass));
+            }
+            EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_FRAME_LEFT);
+            EXPECT_EQ(QorGetReLocalObject(listing.head->threadId, listing.head->frameMethod, &record), -1);
+        }
+        // A walk for the list in between learns the boring classes, which a single frame's neighbours may
+        // have.
+        EXPECT_EQ(readOne("entities", "three", LOCAL_DATABASE_CALL, nullptr), "");
+    }
+}
+
+// Tags of the walk and of the session don't meet, and neither do those of two walks.
+TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    jobject request = Make("ferrule/servlet/internal/ServletRequestImpl");
+    jobject text = Text("text");
+    Enter("three", "tagged", text, statement, request);
+    ASSERT_EQ(jvmti->SetTag(statement, SOME_TAG), JVMTI_ERROR_NONE);
+    ASSERT_EQ(jvmti->SetTag(request, 1), JVMTI_ERROR_NONE);
+    auto sample = [] {
+        Listing listing;
+        listing.list("tagged", STAGE_CLASS);
+        listing.list("", "java.lang.Thread", "run");
+        listing.take();
+        QorGetLocalVariableForAllThread(listing.head);
+        QorGetLocalVariableForAllThread(listing.head); // the first walk's results are dropped
+        QorLocalObjectRecord record;
+        QorGetLocalObject(listing.head->threadId, listing.head->frameMethod, &record);
+    };
+    sample();
+    const int64_t before = CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J");
+    for (int32_t i = 0; i < 50; i++) {
+        QorLocalFrame frame(Env(), 64);
+        sample();
+    }
+    EXPECT_EQ(CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), before);
+    jlong tag = 0;
+    EXPECT_TRUE(jvmti->GetTag(statement, &tag) == JVMTI_ERROR_NONE && tag == SOME_TAG);
+    for (jobject object : {statement, request, text}) {
+        EXPECT_EQ(gbQorLocalWalkEnv->GetTag(object, &tag), JVMTI_ERROR_NONE);
+        EXPECT_EQ(tag, 0);
+    }
+    jlong all[1000];
+    for (jlong i = 0; i < 1000; i++)
+        all[i] = i + 1;
+    jint count = -1;
+    EXPECT_EQ(gbQorLocalWalkEnv->GetObjectsWithTags(1000, all, &count, nullptr, nullptr), JVMTI_ERROR_NONE);
+    EXPECT_EQ(count, 0);
+}
+
+TEST_F(LocalWalks, AreOffWithoutAQuotaOrAList) {
+    Enter("nested", "off", Make("tessar/jdbc/driver/TessarStatement"));
+    Listing listing;
+    listing.list("off", STAGE_CLASS, "inner");
+    listing.take();
+    EXPECT_EQ(QorGetLocalVariableForAllThread(nullptr), -1);
+    QorLocalObjectRecord record;
+    for (const int32_t quota : {0, -5}) {
+        qorGetLocalObjectsQuotaPct = quota;
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), -1);
+        EXPECT_EQ(QorGetLocalObject(listing.head->threadId, listing.head->frameMethod, &record), -1);
+        EXPECT_EQ(listing.found()[0].object, nullptr);
+    }
+    qorGetLocalObjectsQuotaPct = 500; // as 100
+    nextFollowRefTime = INT64_MAX;
+    qorIsPollOrTrace = 1;
+    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_NE(listing.found()[0].object, nullptr);
+}
+
+TEST_F(LocalWalks, KeepToTheirShareOfTime) {
+    Enter("nested", "slow", Make("tessar/jdbc/driver/TessarStatement"));
+    Listing listing;
+    listing.list("slow", STAGE_CLASS, "inner");
+    listing.take();
+    LogCapture log(LOG_DETAIL + 1);
+    qorLocalWalkClock = FakeClock;
+    qorGetLocalObjectsQuotaPct = 10;
+    qorIsPollOrTrace = 1;
+    fakeNow = 5000 * SECOND;
+    // The first poll has the whole budget. The clock is looked at twice: at the start and at the end.
+    fakeStep = 3 * SECOND / 10;
+    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(lAllowedFollowRefTimeUSec, 200000);
+    const int64_t start = fakeNow - fakeStep;
+    EXPECT_EQ(prevFollowRefExecTime, start);
+    EXPECT_EQ(nextFollowRefTime, start + 3 * SECOND);
+
+    // Barred, and told of once in ten minutes.
+    fakeStep = 0;
+    const char *const SKIP = "Skipping GetLocalObj due to insufficient time from last operation. "
+                             "Will wait for 1000000 usec.";
+    for (const int32_t level : {LOG_NOTE + 1, LOG_NOTE + 1, LOG_DETAIL + 1}) {
+        fakeNow = start + 2 * SECOND;
+        qorloglevel = level;
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), -1);
+    }
+    EXPECT_EQ(log.count(SKIP), 2);
+    EXPECT_EQ(iSkipFollowRefCount, 2);
+    // A request that is no poll isn't barred, and has the whole budget.
+    qorIsPollOrTrace = 0;
+    lAllowedFollowRefTimeUSec = 1;
+    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(lAllowedFollowRefTimeUSec, 200000);
+
+    // A poll's budget is the quota's share of the time since the last walk.
+    qorIsPollOrTrace = 1;
+    fakeNow += SECOND / 2;
+    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(lAllowedFollowRefTimeUSec, 50000);
+    EXPECT_EQ(log.count("Time allowed to spend in GetLocalObj: 50000 usec"), 1);
+
+    nextFollowRefTime = fakeNow + 601 * SECOND;
+    fakeNow += 600 * SECOND;
+    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), -1);
+    EXPECT_EQ(log.count("2 skips/aborts since last report."), 1);
+    EXPECT_EQ(iSkipFollowRefCount, 0);
+    EXPECT_EQ(log.count("GetLocals was invoked 1 times since last report. Average "), 1);
+}
+
+// The budget is looked at each thousandth callback, and what was found by then is used.
+TEST_F(LocalWalks, EndWithTheirBudget) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    CallVoid(ZOO, "startMany", "(II)V", 150, 40);
+    Enter("nested", "in-time", statement);
+    Listing listing;
+    listing.list("in-time", STAGE_CLASS, "inner");
+    listing.list("", "qoragent.testing.ZooRun$Deep", "descend");
+    listing.take();
+    qorLocalWalkClock = FakeClock;
+    qorGetLocalObjectsQuotaPct = 10;
+    const struct {
+        int32_t poll;
+        int64_t step;
+        int32_t iterations; // 0: not ended by time
+    } ROWS[] = {{0, 200001, 1000}, {0, 100000, 3000}, {1, 200001, 1000}, {0, 1, 0}};
+    for (const auto &row : ROWS) {
+        qorIsPollOrTrace = row.poll;
+        prevFollowRefExecTime = nextFollowRefTime = prevFollowRefAbortReportTime = 0;
+        lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
+        fakeNow = 5000 * SECOND;
+        fakeStep = row.step;
+        LogCapture log(LOG_NOTE + 1);
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(gbQorLocalWalkOutcome.end == WALK_OUT_OF_TIME, row.iterations > 0);
+        EXPECT_TRUE(row.iterations == 0 || iIterationCount == row.iterations) << iIterationCount;
+        const std::string after = " after " + std::to_string(row.iterations) + " iterations (";
+        EXPECT_EQ(log.count("Aborting GetLocalObj" + after), row.iterations > 0);
+        EXPECT_EQ(log.count("due to allowed time is up" + after), row.iterations > 0 && !row.poll);
+    }
+    CallVoid(ZOO, "stop", "()V");
+}
+
+// The list's own: numbers, links and entries that are used again.
+TEST_F(LocalWalks, ListFramesNewestFirst) {
+    Enter("nested", "listed", Make("tessar/jdbc/driver/TessarStatement"));
+    Walk walk;
+    ASSERT_TRUE(walk.find("zoo-listed"));
+    QorFrameRecord frame = {};
+    frame.className = "app.Main";
+    frame.method = "run";
+    QorAllThreadLocalInfoList *list = nullptr;
+    for (int32_t round = 0; round < 2; round++) {
+        for (int64_t i = 0; i < 4; i++) {
+            frame.methodId = 100 + i;
+            tessar_thick_driver = static_cast<int32_t>(i % 2);
+            ASSERT_EQ(AddToThreadLocalInfoList(&walk.thread, &frame, &list, LOCAL_RMI_CALL), 0);
+            EXPECT_EQ(list->serial, i);
+            EXPECT_EQ(list->frameMethod, 100 + i);
+            EXPECT_EQ(list->thickDriver, i % 2);
+            EXPECT_EQ(list->threadId, walk.thread.tid);
+            EXPECT_STREQ(list->threadName, "zoo-listed");
+            EXPECT_TRUE(same(list->threadRef, walk.handle.threads[walk.handle.index]));
+            EXPECT_TRUE(!list->objLocalVarHandle && !list->strSignature[0] && list->localCount == 0);
+            list->objLocalVarHandle = Env()->NewGlobalRef(Text("held"));
+            list->localCount = 3;
+            strcpy(list->strSignature, "Lstale;");
+        }
+        QorAllThreadLocalInfoList *former = list->next->next;
+        QorCutThreadLocalInfoList(&list, former);
+        EXPECT_EQ(list, former);
+        EXPECT_EQ(list->serial, 1);
+        FreeQorAllThreadLocalInfoList(list);
+        list = nullptr;
+    }
+    EXPECT_EQ(AddToThreadLocalInfoList(&walk.thread, nullptr, &list, 0), -1);
+    EXPECT_EQ(list, nullptr);
+}
+
+// No JVM of today is one whose handles the walk can fill, whatever its texts say; on one that is, the
+// callback puts the objects' addresses into the first twenty slots.
+TEST_F(LocalWalks, FillHandlesOnlyWhereTheyCan) {
+    QorFrameRecord frame = {};
+    frame.className = "app.Main";
+    frame.method = "run";
+    Enter("nested", "filled", nullptr);
+    Walk walk;
+    ASSERT_TRUE(walk.find("zoo-filled"));
+    frame.methodId = reinterpret_cast<int64_t>(walk.frames.frames[0].method);
+    strcpy(vers, "1.6.0_11");
+    strcpy(vend, "Sun Microsystems Inc.");
+    LogCapture log(LOG_TRACE + 1);
+    checkGetObjOpt();
+    EXPECT_EQ(getObjOpt, 0);
+    EXPECT_EQ(log.count("getObjOpt optimization is not enabled for version 1.6.0_11 from vendor Sun Micro"),
+              1);
+
+    QorAllThreadLocalInfoList *list = nullptr;
+    ASSERT_EQ(AddToThreadLocalInfoList(&walk.thread, &frame, &list, 0), 0);
+    ASSERT_TRUE(QorPrepareLocalSearch(list));
+    void *cells[LOCAL_OBJECT_SLOTS] = {};
+    for (int32_t i = 0; i < LOCAL_OBJECT_SLOTS; i++)
+        list->localObjects[i] = reinterpret_cast<jobject>(&cells[i]);
+    getObjOpt = 1;
+    for (int64_t i = 0; i < 25; i++) {
+        int64_t surroundings[3] = {1000 + i, 0, 0};
+        jvmtiHeapReferenceInfo info = {};
+        info.stack_local.thread_id = list->threadId;
+        info.stack_local.method = walk.frames.frames[0].method;
+        jlong *tag = reinterpret_cast<jlong *>(&surroundings[2]);
+        EXPECT_EQ(heapReferenceAllObjectCallback(JVMTI_HEAP_REFERENCE_STACK_LOCAL, &info, 0, 0, 16, tag,
+                                                 nullptr, -1, nullptr),
+                  JVMTI_VISIT_OBJECTS);
+        EXPECT_EQ(*tag, 0);
+    }
+    getObjOpt = 0;
+    for (int64_t i = 0; i < LOCAL_OBJECT_SLOTS; i++) {
+        EXPECT_EQ(reinterpret_cast<int64_t>(cells[i]), 1000 + i);
+        list->localObjects[i] = nullptr;
+    }
+    EXPECT_EQ(gbQorWantedFrames[0].hits, 25);
+    QorEndLocalSearch();
+    FreeQorAllThreadLocalInfoList(list);
+}
