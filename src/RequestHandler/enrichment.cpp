@@ -81,10 +81,9 @@ int32_t YesNoOrUnknown(int32_t value) {
 }
 
 void PutTexts(JNIEnv *env, const JavaArguments &to, const QorE2EBlock &block) {
-    const bool judged = block.textsWritten; // a block that nobody wrote to holds zeros
     PutNumber(env, to, 0, block.frameCount);
-    PutNumber(env, to, 1, judged ? YesNoOrUnknown(block.stuckAndHogger[0]) : -1);
-    PutNumber(env, to, 2, judged ? YesNoOrUnknown(block.stuckAndHogger[1]) : -1);
+    PutNumber(env, to, 1, YesNoOrUnknown(block.stuckAndHogger[0]));
+    PutNumber(env, to, 2, YesNoOrUnknown(block.stuckAndHogger[1]));
     PutText(env, to, 3, block.ioFile);
     PutText(env, to, 4, block.applicationName);
     PutText(env, to, 5, block.moduleName);
@@ -230,21 +229,12 @@ bool PutHeader(Merge *merge, const char *title) {
     return Put(merge, header);
 }
 
-// The title of the next thread with details, behind its record end; null when there is none.
-const char *NextTitle(const Merge &merge) {
-    constexpr size_t length = sizeof TITLE_THREAD_DETAILS - 1;
-    const char *title = merge.reply.from;
-    while ((title = strstr(title, TITLE_THREAD_DETAILS)) && title[length] != RECORD_END)
-        title += length; // a thread of that name
-    return title ? title + length + 1 : nullptr;
-}
-
 // Finds where the next thread's part ends; false when the reply has no more.
 bool FindReplyPart(const Merge &merge, ReplyPart *part) {
     *part = {};
     const char *row = merge.reply.from;
     if (reqid & QORREQ_POLL_DETAILS) {
-        row = NextTitle(merge);
+        row = strstr(row, TITLE_THREAD_DETAILS);
         if (!row)
             return false;
         if (!qorIsPollOrTrace)

@@ -1,0 +1,249 @@
+// What Java knows of a sample's threads, merged into replies made up to the byte.
+#include "JvmFixture.h"
+#include "RequestHandler/enrichment.h"
+#include "Xtier/thread_e2e_info.h"
+#include "jvmti/JavaClasses.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <cstring>
+#include <malloc.h>
+
+namespace {
+
+constexpr char ENRICHER[] = "qoragent/testing/Enricher";
+
+struct Enrichment : SessionTest {
+    void SetUp() override {
+        SessionTest::SetUp();
+        savedPage = pagebuf;
+        pagebuf = page.data();
+        e2eclass = Class(ENRICHER);
+        jobjclass = Class("java/lang/Object");
+        jstringclass = Class("java/lang/String");
+        qorIsPollOrTrace = 1;
+    }
+    void TearDown() override {
+        for (jclass *klass : {&e2eclass, &jobjclass, &jstringclass}) {
+            Env()->DeleteGlobalRef(*klass);
+            *klass = nullptr;
+        }
+        pagebuf = savedPage;
+        reqid = 0;
+        get_system_data = qorIsPollOrTrace = gbiOptimizationLevel = 0;
+        QorDropE2EPool();
+        SessionTest::TearDown();
+    }
+
+    static jclass Class(const char *name) {
+        jclass local = Env()->FindClass(name);
+        auto *global = static_cast<jclass>(Env()->NewGlobalRef(local));
+        Env()->DeleteLocalRef(local);
+        return global;
+    }
+
+    // The threads of a sample: "x" for one that Java gets, "-" for one whose reference is gone.
+    static void List(const std::string &threads) {
+        static QorThreadRecord record;
+        for (char kind : threads) {
+            jobject thread = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+            if (kind == '-') {
+                Env()->DeleteLocalRef(thread);
+                thread = nullptr;
+            }
+            QorThreadHandle handle = {};
+            handle.threads = &thread;
+            record.tid = 7;
+            ASSERT_EQ(QorAddE2EBlock(Env(), &handle, &record, 12), 0);
+            Env()->DeleteLocalRef(thread);
+        }
+    }
+
+    // The reply after Java was asked, which answers `answer`; null for null.
+    std::string Merge(const std::string &reply, const char *threads, const char *answer) {
+        EXPECT_LT(reply.size(), page.size());
+        memcpy(page.data(), reply.c_str(), reply.size() + 1);
+        List(threads);
+        CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", answer ? Text(answer) : nullptr);
+        checkAndAppendInfo(Env());
+        EXPECT_EQ(thread_e2e_info, nullptr);
+        EXPECT_EQ(flagcompiled_java_code, 0);
+        return page.data();
+    }
+
+    static std::string Asked() {
+        jobject asked = CallObject(ENRICHER, "asked", "()Ljava/lang/String;");
+        return asked ? TextOf(asked) : "not asked";
+    }
+
+    std::vector<char> page = std::vector<char>(PAGEBUF_SIZE);
+    char *savedPage;
+};
+
+// Replies and answers with / for 29, | for 30 and # for 31; at level 3 also { } for 14 and < > for 15, [ for
+// 28, ] for 26 and ~ for 27.
+std::string Coded(std::string text) {
+    const std::pair<char, char> codes[] = {{'/', 29}, {'|', 30}, {'#', 31}, {'{', 14}, {'}', 14},
+                                           {'<', 15}, {'>', 15}, {'[', 28}, {']', 26}, {'~', 27}};
+    for (char &c : text)
+        for (const auto &[shown, code] : codes)
+            if (c == shown)
+                c = code;
+    return text;
+}
+
+constexpr char ACTIVE[] = "JVM Active Threads|a/one/Runnable|a/two/Lock|a/three/Lock|#";
+constexpr char DETAILS[] = "Thread Info Details|one/Runnable#Call Stack|f#JVM Locks|l|#"
+                           "Thread Info Details|Thread Info Details/Lock#Call Stack|g#";
+constexpr char MARKED[] = "JVM Active Threads|a/one/{DB Wait[10]u/v|a/two/{RMI Wait[~1/2|a/three/{Lock|#";
+
+struct MergeCase {
+    const char *what;
+    uint32_t request;
+    int level;
+    const char *reply, *threads, *answer, *expected; // null: as the reply
+};
+constexpr MergeCase CASES[] = {
+    {"behind each row", 0x2000, 0, ACTIVE, "xxx", "/A|/B/b|/|",
+     "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B/b|a/three/Lock/|#"},
+    {"one didn't go", 0x2000, 0, ACTIVE, "x-x", "/A|/C|",
+     "JVM Active Threads|a/one/Runnable/A|a/two/Lock|a/three/Lock/C|#"},
+    {"what is in front of the start mark", 0x2000, 0, ACTIVE, "xxx", "junk/A|{q/r}<s/t>/B|/C|x",
+     "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B|a/three/Lock/C|#"},
+    {"sections behind the rows", 0x2000, 0, "JVM Active Threads|a/one|#System Data|1|2#", "x", "/A|",
+     "JVM Active Threads|a/one/A|#System Data|1|2#"},
+    {"two titles", 0x2080, 0, "JVM Active Threads|JVM Memory Activity|a/one|#", "x", "/A|",
+     "JVM Active Threads|JVM Memory Activity|a/one/A|#"},
+    {"with stacks", 0x8000, 0, DETAILS, "xx", "/A|/B|",
+     "Thread Info Details|one/Runnable/A#Call Stack|f#JVM Locks|l|#"
+     "Thread Info Details|Thread Info Details/Lock/B#Call Stack|g#"},
+    {"a poll without stacks", 0x8000, 0, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
+    {"null", 0x2000, 0, ACTIVE, "xxx", nullptr, nullptr},
+    {"empty", 0x2000, 0, ACTIVE, "xxx", "", nullptr},
+    {"no start mark", 0x2000, 0, ACTIVE, "xxx", "/A|B|/C|", nullptr},
+    {"no record end", 0x2000, 0, ACTIVE, "xxx", "/A|/B|/C", nullptr},
+    {"too few", 0x8000, 0, DETAILS, "xx", "/A|", nullptr},
+    {"fewer rows than threads", 0x2000, 0, "JVM Active Threads|a/one|#", "xx", "/A|/B|", nullptr},
+    {"a section end in a text", 0x2000, 0, ACTIVE, "xxx", "/A|/B#|/C|", nullptr},
+    {"another request", 0x200, 0, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
+    {"marks: a remote text where there was one", 0x2000, 3, MARKED, "xxx", "<D/d>/A|<R>/B|<L>/C|",
+     "JVM Active Threads|a/one/D/d/A|a/two/R/B|a/three/Lock/C|#"},
+    {"marks: a framework text", 0x2000, 3, MARKED, "xxx", "{Q/q}<D>/A|{Q}/B|/{Q}C|",
+     "JVM Active Threads|a/one/Q/qD/A|a/two/QRMI Wait[~1/2/B|a/three/QLockC|#"},
+    {"marks: open ones, and one that didn't go", 0x2000, 3, MARKED, "x-x", "{Q/A|<D/C|",
+     "JVM Active Threads|a/one/DB Wait[10]u/v/A|a/two/{RMI Wait[~1/2|a/three/Lock/C|#"},
+    {"marks: none in the reply", 0x2000, 3, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
+    {"marks: a section end in a text", 0x2000, 3, MARKED, "xxx", "{Q#}/A|/B|/C|", nullptr},
+};
+
+} // namespace
+
+TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
+    for (const MergeCase &c : CASES) {
+        reqid = c.request;
+        gbiOptimizationLevel = c.level;
+        const std::string reply = Coded(c.reply);
+        const std::string expected = c.expected ? Coded(c.expected) : reply;
+        const std::string answer = c.answer ? Coded(c.answer) : "";
+        EXPECT_EQ(Merge(reply, c.threads, c.answer ? answer.c_str() : nullptr), expected) << c.what;
+    }
+    reqid = QORREQ_ACTIVE_THREADS;
+    gbiOptimizationLevel = 0;
+    const std::string reply = Coded(ACTIVE);
+    CallVoid(ENRICHER, "fail", "()V");
+    EXPECT_EQ(Merge(reply, "", "/"), reply) << "no thread, no call";
+    EXPECT_EQ(Asked(), "not asked");
+    jclass asked = e2eclass;
+    e2eclass = jobjclass;
+    EXPECT_EQ(Merge(reply, "xxx", "/"), reply) << "a class without the method";
+    e2eclass = asked;
+    EXPECT_FALSE(Env()->ExceptionCheck());
+}
+
+TEST_F(Enrichment, AnExceptionCountsAsNoAnswer) {
+    reqid = QORREQ_ACTIVE_THREADS;
+    const std::string reply = Coded(ACTIVE);
+    memcpy(page.data(), reply.c_str(), reply.size() + 1);
+    List(std::string(100, 'x')); // more than JNI lets pile up in one frame
+    CallVoid(ENRICHER, "fail", "()V");
+    checkAndAppendInfo(Env());
+    EXPECT_EQ(std::string(page.data()), reply);
+    EXPECT_EQ(thread_e2e_info, nullptr);
+    EXPECT_FALSE(Env()->ExceptionCheck());
+    EXPECT_NE(Asked(), "not asked");
+}
+
+TEST_F(Enrichment, RepliesAreFilledToTheLastByte) {
+    reqid = QORREQ_ACTIVE_THREADS;
+    const std::string head = Coded("JVM Active Threads|a/one/");
+    for (int spare : {0, 1, -1}) {
+        const std::string reply =
+            head + std::string(static_cast<size_t>(PAGEBUF_SIZE - 1 - 6 - spare) - head.size() - 2, 'x') +
+            Coded("|#");
+        const std::string merged = Merge(reply, "x", Coded("/12345|").c_str());
+        if (spare < 0)
+            EXPECT_EQ(merged, reply) << spare;
+        else
+            EXPECT_EQ(merged, reply.substr(0, reply.size() - 2) + Coded("/12345|#")) << spare;
+    }
+    const std::string reply = Coded(ACTIVE);
+    EXPECT_EQ(Merge(reply, "xxx", (Coded("/A|/") + std::string(1100000, 'y') + Coded("|/C|")).c_str()),
+              reply);
+}
+
+TEST_F(Enrichment, SystemDataStaysWhateverBecomesOfTheRest) {
+    const std::string reply = Coded(ACTIVE),
+                      merged = Coded("JVM Active Threads|a/one/Runnable/A|a/two/Lock/B|a/three/Lock/C|#");
+    get_system_data = FLAG_SYSTEM_DATA;
+    reqid = QORREQ_ACTIVE_THREADS;
+    EXPECT_EQ(Merge(reply, "xxx", Coded("Java|cpu=1#/A|/B|/C|").c_str()), merged + Coded("Java|cpu=1#"));
+    EXPECT_NE(Asked().find(" 3 1 1"), std::string::npos) << Asked();
+    EXPECT_EQ(Merge(reply, "xxx", Coded("Java#/A|/B|").c_str()), reply + Coded("Java#"));
+    EXPECT_EQ(Merge(reply, "xxx", Coded("/A|/B|/C|").c_str()), reply) << "system data is missing";
+    const std::string full = reply + std::string(static_cast<size_t>(PAGEBUF_SIZE) - 10 - reply.size(), 'x');
+    EXPECT_EQ(Merge(full, "xxx", Coded("12345678#/A|/B|/C|").c_str()), full);
+    reqid = QORREQ_MEMORY_ACTIVITY;
+    EXPECT_EQ(Merge(reply, "", Coded("Java#").c_str()), reply);
+}
+
+TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {
+    reqid = QORREQ_ACTIVE_THREADS;
+    qorIsPollOrTrace = 0;
+    List("-xx");
+    QorE2EBlock *last = thread_e2e_info->next->next;
+    last->textsWritten = 1;
+    last->stuckAndHogger[0] = 1;
+    last->stuckAndHogger[1] = 5;
+    strcpy(last->ioFile, "/file");
+    strcpy(last->applicationName, "app");
+    strcpy(last->moduleName, "mod");
+    strcpy(last->wmName, "wm");
+    strcpy(last->sessionId, "session");
+    strcpy(last->networkHost, "10.0.0.1");
+    last->networkPort = 1521;
+    CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", nullptr);
+    checkAndAppendInfo(Env());
+    EXPECT_EQ(Asked(), "main main - [-1, -1, 0] 12,-1,-1,,,,,,0,,"
+                       "12,1,-1,/file,app,mod,wm,session,1521,10.0.0.1,"
+                       "null,null,null,null,null,null,null,null,null,null 2 0 0");
+    List("x"); // a block that held texts is clean again
+    checkAndAppendInfo(Env());
+    EXPECT_EQ(Asked(), "main [-1] 12,-1,-1,,,,,,0, 1 0 0");
+}
+
+TEST_F(Enrichment, ManyCallsKeepNothing) {
+    const std::string details = Coded(DETAILS), answer = Coded("/A|/B|"), bad(100000, 'b');
+    const auto ask = [&](int times) {
+        for (int i = 0; i < times; i++) {
+            Env()->PushLocalFrame(16);
+            reqid = i % 4 == 3 ? QORREQ_DB_XTIER : QORREQ_POLL_DETAILS;
+            Merge(details, i % 4 == 2 ? "x-" : "xx", i % 4 == 1 ? bad.c_str() : answer.c_str());
+            Env()->PopLocalFrame(nullptr);
+        }
+        return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J");
+    };
+    const int64_t refs = ask(100);
+    const size_t bytes = mallinfo2().uordblks;
+    EXPECT_LE(ask(10000), refs + 5);
+    EXPECT_LT(mallinfo2().uordblks, bytes + 10000000);
+}
