@@ -432,7 +432,7 @@ TEST_F(LocalWalks, KeepToTheirShareOfTime) {
 // The budget is looked at each thousandth callback, and what was found by then is used.
 TEST_F(LocalWalks, EndWithTheirBudget) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
-    CallVoid(ZOO, "startMany", "(II)V", 150, 40);
+    CallVoid(ZOO, "startMany", "(II)V", 350, 1);
     Enter("nested", "in-time", statement);
     Listing listing;
     listing.list("in-time", STAGE_CLASS, "inner");
@@ -444,7 +444,7 @@ TEST_F(LocalWalks, EndWithTheirBudget) {
         int32_t poll;
         int64_t step;
         int32_t iterations; // 0: not ended by time
-    } ROWS[] = {{0, 200001, 1000}, {0, 100000, 3000}, {1, 200001, 1000}, {0, 1, 0}};
+    } ROWS[] = {{0, 200001, 1000}, {0, 150000, 2000}, {1, 200001, 1000}, {0, 1, 0}};
     for (const auto &row : ROWS) {
         qorIsPollOrTrace = row.poll;
         prevFollowRefExecTime = nextFollowRefTime = prevFollowRefAbortReportTime = 0;
