@@ -9,7 +9,7 @@ import threading
 import time
 
 import hprof
-from harness import LIMIT, SETTINGS, Application, Case, qorctl
+from harness import LIMIT, SETTINGS, Case, OfTheDemo
 
 MARK = b"|\t|\t\t||"
 
@@ -52,17 +52,7 @@ class Relay(threading.Thread):
         os.unlink(self.endpoint)
 
 
-class Dumps(Case):
-    @classmethod
-    def setUpClass(cls):
-        cls.app = Application()
-        done = qorctl("attach", cls.app.pid)
-        assert done.code == 0, done
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.app.__exit__()
-
+class Dumps(OfTheDemo):
     def setUp(self):
         # A directory that the JVM sees as well.
         holder = tempfile.TemporaryDirectory(prefix="qor-dumps-", dir=SETTINGS.root + "/tmp")
@@ -141,6 +131,20 @@ class Dumps(Case):
         self.assertNotEqual(second["heap_id"], again["heap_id"])
         self.assertTrue(again["complete"])
         self.assertGreater(first["bytes"], 1000)
+
+
+    def test_a_copy_of_the_jvm_dumps_the_same(self):
+        self.dump("own")
+        self.assertIn("Changed forkdump to 1", self.answer("forkdump", self.app.pid, "on").out)
+        self.dump("copied")
+        histogram = self.answer("histogram", self.app.pid, "--json").json()["classes"]
+        self.assertIn("Changed forkdump to 0", self.answer("forkdump", self.app.pid, "off").out)
+        demo = [{entry["class"]: entry["objects"] for entry in self.read(name, "--top", 100000)["classes"]
+                 if entry["class"].startswith("qoragent.demo.")} for name in ("own", "copied")]
+        self.assertGreater(len(demo[0]), 8)
+        self.assertEqual(demo[0], demo[1])
+        self.assertIn("java.lang.String", [row["class"] for row in histogram])
+        self.refused("on", "forkdump", self.app.pid, "maybe", code=2)
 
 
 class Slow(threading.Event):

@@ -1,11 +1,16 @@
 """What the end-to-end tests stand on: the demo application in a JVM of its own, and qorctl."""
 import argparse
 import contextlib
+import fcntl
 import glob
 import json
 import os
+import pty
+import shutil
+import struct
 import subprocess
 import tempfile
+import termios
 import time
 import unittest
 
@@ -54,6 +59,11 @@ class Application:
         with open(self.log.name, encoding="utf-8", errors="replace") as log:
             return log.read()
 
+    def truths(self):
+        """What it says of its threads' work in other tiers: by thread, pairs."""
+        lines = [line.split() for line in self.output().splitlines() if line.startswith("demo-")]
+        return {name: dict(pair.split("=", 1) for pair in pairs) for name, *pairs in lines}
+
     def end(self):
         """Lets it end by itself, so that its exit hooks run; its exit status."""
         self.process.stdin.close()
@@ -68,6 +78,9 @@ class Application:
         self.process.wait()
         with contextlib.suppress(BrokenPipeError):
             self.process.stdin.close()
+        pipe = self.truths().get("demo-file-read", {}).get("file")
+        if pipe:
+            shutil.rmtree(SETTINGS.root + os.path.dirname(pipe), ignore_errors=True)
         self.log.close()
         for name in [f"{SETTINGS.root}/tmp/.java_pid{self.pid}", *leftovers(self.pid)]:
             with contextlib.suppress(FileNotFoundError):
@@ -92,6 +105,29 @@ def qorctl(*words, user=None, text=None):
                                  timeout=LIMIT, env=environment, check=False, **identity))
 
 
+def run_tool(name, *words):
+    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]), capture_output=True, text=True,
+                          timeout=LIMIT, check=True).stdout
+
+
+def on_terminal(typed, *words, columns=0):
+    """The output of qorctl on a terminal, with `typed` lines given to it."""
+    master, slave = pty.openpty()
+    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 0, columns, 0, 0))
+    environment = {**os.environ, "QORAGENT_JAR": SETTINGS.jar, "TERM": "dumb"}
+    with subprocess.Popen([SETTINGS.qorctl, *map(str, words)], stdin=slave, stdout=slave, stderr=slave,
+                          env=environment) as process:
+        os.close(slave)
+        os.write(master, typed.encode())
+        output = b""
+        with contextlib.suppress(OSError):  # the other end has closed
+            while part := os.read(master, 65536):
+                output += part
+        code = process.wait(LIMIT)
+    os.close(master)
+    return code, output.decode()
+
+
 class Case(unittest.TestCase):
     def answer(self, *words, **options):
         answer = qorctl(*words, **options)
@@ -111,3 +147,28 @@ class Case(unittest.TestCase):
 
     def threads(self, app, *options):
         return self.answer("threads", app.pid, "--json", *options).json()["threads"]
+
+
+class OfTheDemo(Case):
+    """A group whose tests look into one demo application, with an agent in it."""
+    FLAGS = ()
+    OPTIONS = ()  # of attach
+
+    @classmethod
+    def setUpClass(cls):
+        cls.app = Application(*cls.FLAGS)
+        done = qorctl("attach", cls.app.pid, *cls.OPTIONS)
+        assert done.code == 0, done
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.app.__exit__()
+
+    def watch(self, *words):
+        """Three documents of a series."""
+        command = [SETTINGS.qorctl, *map(str, words), "--json", "--watch", "0.1"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watch:
+            documents = [json.loads(watch.stdout.readline()) for _ in range(3)]
+            self.assertIsNone(watch.poll())
+            watch.kill()
+        return documents

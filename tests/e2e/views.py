@@ -1,58 +1,8 @@
 """Views of one thread, of objects and of the heap, compared with what the JVM's own tools tell."""
-import contextlib
-import json
-import os
-import pty
 import re
-import subprocess
 
 import jstack
-from harness import LIMIT, SETTINGS, Application, Case, in_root, qorctl
-
-
-def run_tool(name, *words):
-    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]), capture_output=True, text=True,
-                          timeout=LIMIT, check=True).stdout
-
-
-def on_terminal(typed, *words):
-    """The output of qorctl on a terminal, with `typed` lines given to it."""
-    master, slave = pty.openpty()
-    environment = {**os.environ, "QORAGENT_JAR": SETTINGS.jar, "TERM": "dumb"}
-    with subprocess.Popen([SETTINGS.qorctl, *map(str, words)], stdin=slave, stdout=slave, stderr=slave,
-                          env=environment) as process:
-        os.close(slave)
-        os.write(master, typed.encode())
-        output = b""
-        with contextlib.suppress(OSError):  # the other end has closed
-            while part := os.read(master, 65536):
-                output += part
-        code = process.wait(LIMIT)
-    os.close(master)
-    return code, output.decode()
-
-
-class OfTheDemo(Case):
-    FLAGS = ()
-
-    @classmethod
-    def setUpClass(cls):
-        cls.app = Application(*cls.FLAGS)
-        done = qorctl("attach", cls.app.pid)
-        assert done.code == 0, done
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.app.__exit__()
-
-    def watch(self, *words):
-        """Three documents of a series."""
-        command = [SETTINGS.qorctl, *map(str, words), "--json", "--watch", "0.1"]
-        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watch:
-            documents = [json.loads(watch.stdout.readline()) for _ in range(3)]
-            self.assertIsNone(watch.poll())
-            watch.kill()
-        return documents
+from harness import SETTINGS, OfTheDemo, on_terminal, run_tool
 
 
 class Views(OfTheDemo):

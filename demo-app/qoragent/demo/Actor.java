@@ -23,6 +23,11 @@ abstract class Actor extends Thread {
         setDaemon(true);
     }
 
+    /** What a console should see of this thread's work in other tiers, as pairs; null when it has none. */
+    String truth() {
+        return null;
+    }
+
     /** Goes to the place and doesn't come back. */
     abstract void act() throws Exception;
 

@@ -5,7 +5,7 @@ import java.io.IOException;
 /**
  * An application with one thread for each thing that a thread can be busy with, to try the agent on.
  *
- * It prints "ready" when every thread is in its place, and ends when its standard input does or when its time is
+ * It prints what its threads do in other tiers, a line each, and "ready" when every thread is in its place. It ends when its standard input does or when its time is
  * up: the first argument, in seconds, 300 if it isn't given.
  */
 public final class Demo {
@@ -23,13 +23,18 @@ public final class Demo {
             new Feeds.StockFeed(Feeds.silentConnection()),
             new Feeds.FrontDoor(),
             new Feeds.PriceFile(),
+            new Shop.Orders(),
+            new Shop.Cart(Feeds.silentConnection()),
             new Tasks.OrderQueue(),
             new Tasks.NightReport(),
             new Tasks.CategoryTree(),
             new Tasks.Compute(),
         };
-        for (Actor actor : actors)
+        for (Actor actor : actors) {
             actor.enter();
+            if (actor.truth() != null)
+                System.out.println(actor.getName() + " " + actor.truth());
+        }
         System.out.println("ready");
         awaitEndOfInput();
     }

@@ -9,7 +9,6 @@ import java.net.InetAddress;
 import java.net.ServerSocket;
 import java.net.Socket;
 import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 
@@ -72,22 +71,25 @@ final class Feeds {
 
     /** Reads a named pipe that stays empty. */
     static final class PriceFile extends Actor {
+        private final File pipe;
         private final RandomAccessFile writer;
         private final InputStream reader;
 
         PriceFile() throws Exception {
             super("demo-file-read", Thread.State.RUNNABLE, "readBytes");
-            Path dir = Files.createTempDirectory("qoragent-demo");
-            File pipe = new File(dir.toFile(), "prices");
-            try {
-                if (new ProcessBuilder("mkfifo", pipe.getPath()).inheritIO().start().waitFor() != 0)
-                    throw new IOException("mkfifo " + pipe + " failed");
-                writer = new RandomAccessFile(pipe, "rw"); // keeps the pipe open, so that a reader waits
-                reader = new FileInputStream(pipe);
-            } finally {
-                Files.deleteIfExists(pipe.toPath());
-                Files.delete(dir);
-            }
+            File dir = Files.createTempDirectory("qoragent-demo").toFile();
+            pipe = new File(dir, "prices");
+            dir.deleteOnExit(); // behind the pipe: the last one told goes first
+            pipe.deleteOnExit();
+            if (new ProcessBuilder("mkfifo", pipe.getPath()).inheritIO().start().waitFor() != 0)
+                throw new IOException("mkfifo " + pipe + " failed");
+            writer = new RandomAccessFile(pipe, "rw"); // keeps the pipe open, so that a reader waits
+            reader = new FileInputStream(pipe);
+        }
+
+        @Override
+        String truth() {
+            return "file=" + pipe;
         }
 
         @Override

@@ -1,0 +1,106 @@
+"""What threads do in other tiers, compared with what the demo application says of its own sockets and files."""
+import contextlib
+import os
+import re
+import socket
+
+from harness import OfTheDemo, on_terminal
+
+
+class Tiers(OfTheDemo):
+    OPTIONS = ("--options", "dbquery=1,localquota=10")
+    SQL = re.compile(r"select id, total from orders where state = 'open' order by placed$")
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        truths = cls.app.truths()
+        cls.database, cls.web, cls.file = (truths[f"demo-{name}"] for name in ("database", "web", "file-read"))
+
+    def check_database(self, call):
+        self.assertEqual((call["url"], call["user"]), (self.database["url"], self.database["user"]))
+        self.assertEqual(call["local_port"], int(self.database["local_port"]))
+        self.assertEqual(call["remote_port"], int(self.database["remote_port"]))
+        self.assertEqual((call["remote_host"], call["type"]), ("127.0.0.1", "DEEPDIVE_TESSAR_DB"))
+
+    def check_threads(self, threads):
+        database = threads["demo-database"]
+        self.assertEqual(database["state"], "DB Wait")
+        self.check_database(database["db"])
+        self.assertRegex(database["db"]["sql"], self.SQL)
+        self.assertNotIn("request", database)
+        self.assertEqual(threads["demo-web"]["request"]["url"], self.web["url"])
+        self.assertNotIn("db", threads["demo-web"])
+        self.assertEqual(threads["demo-file-read"]["file"], self.file["file"])
+        self.assertNotIn("file", threads["demo-web"])
+
+    def test_samples_tell_database_url_and_file(self):
+        for options in ([], ["--details"], ["--details", "--all"]):
+            with self.subTest(options=options):
+                self.check_threads({t["name"]: t for t in self.threads(self.app, *options)})
+        found = self.threads(self.app, "--match", "FROM ORDERS")
+        self.assertEqual([t["name"] for t in found], ["demo-database"])
+
+    def test_one_thread_tells_them_with_its_stack(self):
+        names = ("demo-database", "demo-web", "demo-file-read")
+        one = {name: self.answer("stack", self.app.pid, name, "--json").json()["threads"][0] for name in names}
+        self.check_threads(one)
+        methods = [f'{frame["class"]}.{frame["method"]}' for frame in one["demo-database"]["stack"]]
+        self.assertIn("tessar.jdbc.driver.TessarStatement.executeQuery", methods)
+        text = self.answer("stack", self.app.pid, "demo-database").out
+        self.assertRegex(text, r"(?m)^   sql: select id, total ")
+
+    def test_figures_grow(self):
+        cpu, allocated = [], []
+        for _ in range(2):
+            threads = {t["name"]: t for t in self.threads(self.app, "--details")}
+            cpu.append(threads["demo-compute"]["cpu_nanoseconds"])
+            allocated.append(threads["main"]["allocated_bytes"])
+        self.assertTrue(0 < cpu[0] < cpu[1], cpu)  # it never rests
+        self.assertTrue(0 < allocated[0] <= allocated[1], allocated)
+
+    def test_the_table_is_whole_or_cut_to_the_terminal(self):
+        wide = self.answer("threads", self.app.pid, "--wide").out
+        row = next(line for line in wide.splitlines() if "demo-database" in line)
+        for told in (self.database["url"], f'scott@127.0.0.1:{self.database["remote_port"]}',
+                     f'from :{self.database["local_port"]}'):
+            self.assertIn(told, row)
+        self.assertRegex(row, self.SQL)
+        self.assertRegex(wide, rf'(?m)^ *\d+ .*demo-web .* {self.web["url"]}$')
+        self.assertIn(self.file["file"], wide)
+        code, output = on_terminal("", "threads", self.app.pid, columns=90)
+        self.assertEqual(code, 0, output)
+        self.assertIn("demo-", output)
+        self.assertLessEqual(max(len(line) for line in output.split("\r\n")), 90, output)
+
+    def test_connections(self):
+        rows = self.answer("connections", self.app.pid, "--json").json()["connections"]
+        self.assertEqual(len(rows), 1)
+        self.check_database(rows[0])
+        self.assertEqual([t["name"] for t in rows[0]["threads"]], ["demo-database"])
+        self.assertRegex(rows[0]["threads"][0]["sql"], self.SQL)
+        self.assertRegex(self.answer("connections", self.app.pid).out, rf'(?m)^ *{self.database["local_port"]}  127\.')
+        port = self.database["local_port"]
+        holder = self.answer("connections", self.app.pid, "--port", port, "--json").json()
+        self.assertEqual((holder["client_port"], holder["thread"]), (int(port), {
+            key: rows[0]["threads"][0][key] for key in ("name", "id", "key")}))
+        self.refused("no connection with client port 1", "connections", self.app.pid, "--port", 1)
+        self.assertTrue(self.threads(self.app))  # the look-up leaves nothing behind that a sample could find
+
+    def test_sessions(self):
+        """This process is the database server."""
+        with contextlib.ExitStack() as stack:
+            server = stack.enter_context(socket.create_server(("127.0.0.1", 0)))
+            port = server.getsockname()[1]
+            client = stack.enter_context(socket.create_connection(("127.0.0.1", port)))
+            sessions = ("sessions", self.app.pid, "--port", port, "--host", "127.0.0.1")
+            none = self.answer(*sessions, os.getpid(), 1 << 22, "--json").json()
+            self.assertEqual(none, {"sessions": [], "without": [os.getpid(), 1 << 22]})
+            stack.enter_context(server.accept()[0])
+            found = self.answer(*sessions, *range(1 << 22, (1 << 22) + 3000), os.getpid(), "--json").json()
+            pair = {"process": os.getpid(), "client_port": client.getsockname()[1]}
+            self.assertEqual((found["sessions"], len(found["without"])), ([pair], 3000))
+            text = self.answer(*sessions, os.getpid()).out
+            self.assertRegex(text, rf'(?m)^ *{pair["process"]}  +{pair["client_port"]}$')
+        self.refused("no IPv4 address", "sessions", self.app.pid, "--port", port, "--host", "::1", 1, code=2)
+        self.refused("process", "sessions", self.app.pid, "--port", port, "--host", "10.0.0.1", code=2)
