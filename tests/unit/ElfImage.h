@@ -25,6 +25,7 @@ struct ElfImage {
         rows[DYNSYM].sh_link = DYNSTR;
         rows[SYMTAB].sh_link = STRTAB;
         add(&rows[SHSTRTAB], SHT_STRTAB, std::string(1, 0));
+        align();
         header()->e_shoff = bytes.size();
         header()->e_shnum = SECTIONS;
         header()->e_shentsize = sizeof(Elf64_Shdr);
@@ -41,8 +42,10 @@ struct ElfImage {
     }
 
 private:
+    void align() { bytes.resize((bytes.size() + 7) / 8 * 8); }
+
     void add(Elf64_Shdr *row, uint32_t type, const std::string &content) {
-        bytes.resize((bytes.size() + 7) / 8 * 8);
+        align();
         *row = {};
         row->sh_type = type;
         row->sh_offset = bytes.size();
