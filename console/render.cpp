@@ -114,11 +114,9 @@ struct TierLine {
     std::string (*text)(const Thread &thread);
 };
 constexpr TierLine TIER_LINES[] = {
-    {"request", RequestText},        {"database", DatabaseText},
-    {"url", DatabaseUrlText},        {"sql", SqlText},
-    {"remote", RemoteText},          {"file", FileText},
-    {"server", ServerText},          {"told", OwnText},
-    {"processor time", CpuTimeText}, {"allocated", AllocationText},
+    {"request", RequestText}, {"database", DatabaseText}, {"url", DatabaseUrlText},
+    {"sql", SqlText},         {"remote", RemoteText},     {"file", FileText},
+    {"server", ServerText},   {"told", OwnText},          {"so far", FiguresText},
 };
 
 const char *AgentText(AgentState state) {

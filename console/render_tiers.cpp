@@ -100,6 +100,14 @@ std::string AllocationText(const Thread &thread) {
     return bytes ? SizeText(*bytes) : "";
 }
 
+std::string FiguresText(const Thread &thread) {
+    Line line(", ");
+    std::string cpu = CpuTimeText(thread), allocated = AllocationText(thread);
+    line.Add(cpu.empty() ? cpu : cpu + " processor time");
+    line.Add(allocated.empty() ? allocated : allocated + " allocated");
+    return line.Text();
+}
+
 std::string OwnText(const Thread &thread) {
     Line line(", ");
     for (const std::string &text : thread.end_to_end.texts)

@@ -24,6 +24,7 @@ std::string ServerText(const Thread &thread);
 // Processor time and allocation since the thread started.
 std::string CpuTimeText(const Thread &thread);
 std::string AllocationText(const Thread &thread);
+std::string FiguresText(const Thread &thread); // both
 
 // What the application's own instrumentation says.
 std::string OwnText(const Thread &thread);

@@ -110,7 +110,7 @@ class Sample(OfTheDemo):
         holder = next(t for t in self.threads(self.app, "--all") if t["name"] == "demo-lock-holder")["id"]
         text = self.answer("threads", self.app.pid, "--details", "--match", "demo-lock").out
         wanter = text[text.index('"demo-lock-wanter"'):].split("\n\n")[0]
-        self.assertRegex(wanter, rf'^"demo-lock-wanter" #\d+ Lock\n(   call: .*\n)?\tat \S+\(\S+\.java:\d+\)\n'
+        self.assertRegex(wanter, rf'^"demo-lock-wanter" #\d+ Lock\n(   \w.*\n)*\tat \S+\(\S+\.java:\d+\)\n'
                                  rf'\t- waiting to lock <\d+> \(a \S+\), held by thread #{holder} "demo-lock-holder"\n')
         self.assertRegex(text, r"\t- locked <\d+> \(a \S+\)\n")
         self.assertNotIn("\x1b", text)

@@ -122,7 +122,7 @@ TEST(Render, ThreadsOfOtherTiers) {
     std::string dump = ThreadDump(sample, Style());
     for (const char *line : {"   request: /shop/cart\n", "   database: scott@127.0.0.1:1521 from :40001\n",
                              "   url: jdbc:x\n", "   sql: select 1\n", "   file: /tmp/a b=c\n",
-                             "   processor time: 1.20 s\n", "   allocated: 70.0 M\n"})
+                             "   so far: 1.20 s processor time, 70.0 M allocated\n"})
         EXPECT_NE(dump.find(line), dump.npos) << line << dump;
     narrow.width = 12;
     EXPECT_NE(ThreadDump(sample, narrow).find("   sql: sel\xe2\x80\xa6\n"), std::string::npos);
