@@ -1,5 +1,5 @@
 // What Java knows of a sample's threads, merged into replies made up to the byte.
-#include "JvmFixture.h"
+#include "AgentNatives.h"
 #include "RequestHandler/enrichment.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <malloc.h>
+#include <regex>
 
 namespace {
 
@@ -246,4 +247,32 @@ TEST_F(Enrichment, ManyCallsKeepNothing) {
     const size_t bytes = mallinfo2().uordblks;
     EXPECT_LE(ask(10000), refs + 5);
     EXPECT_LT(mallinfo2().uordblks, bytes + 10000000);
+}
+
+// The agent's own Java side, asked by a worker.
+TEST_F(AgentTest, ShowsFiguresOfEachThread) {
+    ZooVisit zoo("spin,blocked,holder");
+    ASSERT_EQ(StartAgent({}), 0);
+    const std::string figures = "\\x1dcpu=[0-9]+ alloc=[0-9]+";
+    const auto count = [](const std::string &text, const std::string &pattern) {
+        const std::regex form(pattern);
+        return std::distance(std::sregex_iterator(text.begin(), text.end(), form), std::sregex_iterator());
+    };
+    const std::string active = Ask("516|showstack|8192");
+    const auto rows = count(active, "\\x1ea\\x1d");
+    EXPECT_GE(rows, 2) << active;
+    EXPECT_EQ(count(active, "(Runnable|Lock|IO Wait)" + figures + "\x1e"), rows) << active;
+    EXPECT_EQ(count(active, "Java System Data"), 0) << active;
+
+    const std::string poll = Ask("276|showstack|32768"); // all threads with stacks
+    const auto parts = count(poll, "Thread Info Details\x1e");
+    EXPECT_GT(parts, rows);
+    EXPECT_EQ(count(poll, figures + "\x1f(Call Stack|Thread Info Details|$)"), parts) << poll;
+
+    const std::string system = Ask("644|showstack|8192");
+    EXPECT_EQ(count(system, "\\x1fJava System Data\\x1e"
+                            "cpu=[0-9]+ load=[-.0-9]+ threads=[0-9]+ peak=[0-9]+ daemons=[0-9]+ "
+                            "classes=[0-9]+ uptime=[0-9]+\\x1f"),
+              1)
+        << system;
 }
