@@ -16,15 +16,33 @@ std::vector<std::string> Split(const std::string &text, char separator) {
     return pieces;
 }
 
+// The state, with the detail block behind it; the fields of a block are those of the row.
+bool TakeState(const std::vector<std::string> &fields, size_t first, SampleThread *thread) {
+    const std::string databaseMark = {WAIT_DETAIL, '1', '0', FIELD_COUNT_MARK},
+                      rmiMark = {WAIT_DETAIL, RMI_MARK};
+    thread->state = fields[first].substr(0, fields[first].find(WAIT_DETAIL));
+    std::vector<std::string> block(fields.begin() + static_cast<long>(first), fields.end());
+    block[0] = block[0].substr(thread->state.size());
+    if (thread->state == "DB Wait" && block[0].rfind(databaseMark, 0) == 0) {
+        block[0] = block[0].substr(databaseMark.size());
+        thread->detail10 = block;
+        return block.size() == 10 && block[9] == "^";
+    }
+    if (thread->state == "RMI Wait" && block[0].rfind(rmiMark, 0) == 0) {
+        block[0] = block[0].substr(rmiMark.size());
+        thread->detail4 = block;
+        return block.size() == 4;
+    }
+    return block.size() == 1 && block[0].empty();
+}
+
 bool TakeRow(const std::string &row, bool withMarker, SampleThread *thread) {
     std::vector<std::string> fields = Split(row, FIELD_SEP);
     if (withMarker) {
-        if (fields.size() != 10)
-            return false;
         thread->marker = fields[0];
         fields.erase(fields.begin());
     }
-    if (fields.size() != 9 || fields[1] != "^")
+    if (fields.size() < 9 || fields[1] != "^")
         return false;
     thread->name = fields[0];
     thread->url = fields[2];
@@ -33,14 +51,17 @@ bool TakeRow(const std::string &row, bool withMarker, SampleThread *thread) {
     thread->call = fields[5];
     thread->file = fields[6];
     thread->line = fields[7];
-    thread->state = fields[8];
-    return true;
+    return TakeState(fields, 8, thread);
 }
 
 bool TakeStack(const std::string &section, SampleThread *thread) {
     const std::vector<std::string> rows = Split(section, RECORD_END);
     for (size_t i = 1; i < rows.size(); ++i) {
         const std::vector<std::string> f = Split(rows[i], FIELD_SEP);
+        if (f.size() == 4 && f[3].empty()) {
+            thread->frames.push_back({f[0], f[1], f[2], -1, -1, -1});
+            continue;
+        }
         if (f.size() != 8 || f[6] != "^" || f[7] != "^")
             return false;
         thread->frames.push_back(

@@ -17,7 +17,9 @@ struct SampleLock {
 
 struct SampleThread {
     std::string marker, name, url, detail, key, call, file, line, state;
-    std::vector<SampleFrame> frames;
+    std::vector<std::string> detail10; // fields of the block behind "DB Wait", or
+    std::vector<std::string> detail4;  // behind "RMI Wait"
+    std::vector<SampleFrame> frames;   // a framework's row has the numbers -1
     std::vector<SampleLock> wanted, owned;
     int64_t id() const; // the thread's part of the key
 };

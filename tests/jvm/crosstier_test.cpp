@@ -1,0 +1,357 @@
+// What a thread does in other tiers, from its frames to the rows of the views.
+#include "JvmFixture.h"
+#include "LogCapture.h"
+#include "RequestHandler/RequestHandler.h"
+#include "RequestHandler/records.h"
+#include "SampleReply.h"
+#include "Xtier/LocalWalk.h"
+#include "jvmti/ThreadSystem.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorutil.h"
+
+#include <algorithm>
+#include <set>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr char CUSTOMERS[] = "qoragent/testing/Customers";
+constexpr char TIERS[] = "qoragent/testing/Tiers";
+constexpr char URL[] = "jdbc:tessar:thin:@//127.0.0.1/SHOP";
+
+struct CrossTier : SessionTest {
+    void SetUp() override {
+        SessionTest::SetUp();
+        qorDBQuery = 1;
+        gbSqlQueryLength = 4096;
+        qorGetLocalObjectsQuotaPct = 100;
+    }
+    void TearDown() override {
+        CallVoid(CUSTOMERS, "stop", "()V");
+        CallVoid(TIERS, "stop", "()V");
+        poll_details = trace_all_threads = trace_single_thread_details = qorIsPollOrTrace = 0;
+        qorGetLocalObjectsQuotaPct = 0;
+        qorDBQuery = 0;
+        readconditions(nullptr);
+        SessionTest::TearDown();
+    }
+};
+
+std::string Ask(uint32_t request, const std::string &slot0 = "", const std::string &slot1 = "") {
+    static char page[PAGEBUF_SIZE];
+    std::string first = slot0, second = slot1;
+    char *args[CONSOLE_ARG_COUNT] = {};
+    args[0] = first.empty() ? nullptr : first.data();
+    args[1] = second.empty() ? nullptr : second.data();
+    page[0] = 0;
+    QorHandleShowJVMRequest(request, page, sizeof page, args);
+    return page;
+}
+
+// A sample with all threads in it; `stacks`: with their frames.
+SampleReply Sample(bool stacks) {
+    trace_all_threads = FLAG_TRACE_ALL_THREADS;
+    poll_details = stacks ? FLAG_POLL_DETAILS : 0;
+    const SampleReply reply = SampleReply::Parse(Ask(QORREQ_POLL_DETAILS), true, stacks);
+    EXPECT_EQ("", reply.error);
+    poll_details = 0;
+    return reply;
+}
+
+SampleReply ActiveThreads() {
+    const SampleReply reply = SampleReply::Parse(Ask(QORREQ_ACTIVE_THREADS), false, false);
+    EXPECT_EQ("", reply.error);
+    return reply;
+}
+
+std::vector<std::string> Split(const std::string &text, char separator) {
+    std::vector<std::string> pieces(1);
+    for (char c : text)
+        if (c == separator)
+            pieces.emplace_back();
+        else
+            pieces.back() += c;
+    return pieces;
+}
+
+void StartCustomers(int count, int sqlLength) {
+    CallVoid(CUSTOMERS, "start", "(II)V", count, sqlLength);
+}
+
+std::string LocalPort(int customer) {
+    return std::to_string(CallLong(CUSTOMERS, "localPort", "(I)J", customer));
+}
+
+std::string ServerPort() {
+    return std::to_string(CallLong(CUSTOMERS, "serverPort", "()J"));
+}
+
+std::string SqlHead(int customer) {
+    return "select " + std::to_string(customer) + " from orders";
+}
+
+// The ten fields of a customer's block.
+void ExpectCustomer(const SampleReply &reply, int customer, const std::string &what) {
+    const SampleThread *thread = reply.Find("customer-" + std::to_string(customer));
+    ASSERT_TRUE(thread) << what;
+    ASSERT_EQ("DB Wait", thread->state) << what;
+    const std::vector<std::string> &block = thread->detail10;
+    ASSERT_EQ(10u, block.size()) << what;
+    EXPECT_EQ(URL, block[0]) << what;
+    EXPECT_EQ("scott", block[1]) << what;
+    EXPECT_EQ(LocalPort(customer), block[2]) << what;
+    EXPECT_EQ(ServerPort(), block[3]) << what;
+    EXPECT_EQ("127.0.0.1", block[4]) << what;
+    EXPECT_NEAR(static_cast<double>(time(nullptr)), atof(block[5].c_str()), 60) << what;
+    EXPECT_NE("0", block[6]) << what;
+    EXPECT_EQ(SqlHead(customer), block[7].substr(0, SqlHead(customer).size())) << what;
+    EXPECT_EQ("DEEPDIVE_TESSAR_DB", block[8]) << what;
+}
+
+// What the stack view tells of a thread.
+struct StackView {
+    std::string text, url, detail, call, file, line, state;
+    std::vector<std::string> block; // behind "DB Wait"
+    std::vector<std::vector<std::string>> rows;
+};
+
+StackView AskStack(const std::string &key) {
+    StackView view;
+    view.text = Ask(QORREQ_THREAD_DETAILS, "", key);
+    const std::vector<std::string> sections = Split(view.text, SECTION_END);
+    if (sections.size() < 3) {
+        ADD_FAILURE() << view.text;
+        return view;
+    }
+    const std::vector<std::string> head = Split(Split(sections[0], RECORD_END)[1], FIELD_SEP);
+    if (head.size() < 9) {
+        ADD_FAILURE() << sections[0];
+        return view;
+    }
+    view.url = head[2], view.detail = head[3], view.call = head[5], view.file = head[6], view.line = head[7];
+    view.state = head[8].substr(0, head[8].find(WAIT_DETAIL));
+    view.block.assign(head.begin() + 8, head.end());
+    for (const std::string &row : Split(sections[1], RECORD_END))
+        view.rows.push_back(Split(row, FIELD_SEP));
+    return view;
+}
+
+std::string KeyOf(const SampleReply &reply, const std::string &name) {
+    const SampleThread *thread = reply.Find(name);
+    return thread ? thread->key : "";
+}
+
+bool IsWithoutInterimTexts(const std::string &reply) {
+    return reply.find("QRF") == std::string::npos && reply.find("PLACEHOLDER") == std::string::npos;
+}
+
+// A framework frame, what its row shows, and what that shows when nothing is known of it.
+struct Framework {
+    const char *thread;
+    std::string call, file, line, rowFile;
+};
+const Framework FRAMEWORKS[] = {
+    {"zoo-view", "View_Object->OrdersView", "ViewObjectImpl.java", "0", "ViewObjectImpl.java"},
+    {"zoo-attribute", "View_Object->OrderTotal", "ViewObjectImpl.java", "0", "ViewObjectImpl.java"},
+    {"zoo-entity", "Entity_Object->OrderEntity", "EntityObjImpl.java", "0", "EntityObjImpl.java"},
+    {"zoo-value-el", "EL_Exp->#{orders.total}", "EL_Exp", "0", "El_Exp"},
+    {"zoo-method-el", "EL_Exp->#{orders.save}", "EL_Exp", "0", "El_Exp"},
+    {"zoo-groovy", "Groovy_Script->check", "Groovy_Script", "2", "Groovy_Script"},
+};
+
+struct Request {
+    const char *thread, *url;
+};
+const Request REQUESTS[] = {
+    {"zoo-jserv", "/jserv"},       {"zoo-ferrule-run", "/ferrule"},    {"zoo-tomcat", "/tomcat"},
+    {"zoo-lumo", "/lumo"},         {"zoo-websphere", "/websphere"},    {"zoo-jersey", "GET-/a/b"},
+    {"zoo-sun-jersey", "POST-/c"}, {"zoo-page", "/pages/orders.jspx"}, {"zoo-ferrule-service", "^"},
+};
+
+} // namespace
+
+TEST_F(CrossTier, DatabaseThreadsShowTheirCallInEveryView) {
+    StartCustomers(3, 200);
+    for (int i = 0; i < 3; ++i) {
+        ExpectCustomer(ActiveThreads(), i, "active");
+        ExpectCustomer(Sample(false), i, "poll");
+    }
+    const SampleReply details = Sample(true);
+    ExpectCustomer(details, 1, "details");
+
+    const StackView view = AskStack(KeyOf(details, "customer-1"));
+    EXPECT_EQ("DB Wait", view.state);
+    const std::vector<std::string> block = {std::string("DB Wait") + WAIT_DETAIL + URL, "scott", LocalPort(1),
+                                            ServerPort(), "127.0.0.1"};
+    ASSERT_EQ(7u, view.block.size());
+    EXPECT_TRUE(std::equal(block.begin(), block.end(), view.block.begin())) << view.text;
+    EXPECT_EQ(" ", view.url);
+}
+
+TEST_F(CrossTier, AThreadIsFoundByTheLocalPortOfItsConnection) {
+    StartCustomers(2, 20);
+    const SampleReply reply = ActiveThreads();
+    EXPECT_EQ("customer-1|" + KeyOf(reply, "customer-1"), Ask(QORREQ_DB_XTIER, LocalPort(1)));
+    for (const char *port : {"1", "0", "none"})
+        EXPECT_EQ("Client Port not found on JVM", Ask(QORREQ_DB_XTIER, port));
+    LogCapture log(1);
+    EXPECT_EQ("", Ask(QORREQ_DB_XTIER));
+    EXPECT_EQ(1, log.count("QorShowDBXtierThreadInfo console_buf is NULL or console_args[0] is NULL"));
+}
+
+TEST_F(CrossTier, FrameworkFramesShowWhatTheyWorkOn) {
+    CallVoid(TIERS, "start", "()V");
+    const SampleReply poll = Sample(false), details = Sample(true);
+    for (const Framework &expected : FRAMEWORKS)
+        for (const SampleReply *reply : {&poll, &details}) {
+            const SampleThread *thread = reply->Find(expected.thread);
+            ASSERT_TRUE(thread) << expected.thread;
+            EXPECT_EQ(expected.call, thread->call) << expected.thread;
+            EXPECT_EQ(expected.file, thread->file) << expected.thread;
+            EXPECT_EQ(expected.line, thread->line) << expected.thread;
+            const auto row = std::find_if(thread->frames.begin(), thread->frames.end(),
+                                          [](const SampleFrame &frame) { return frame.index < 0; });
+            if (reply == &poll)
+                continue;
+            ASSERT_NE(row, thread->frames.end()) << expected.thread;
+            EXPECT_EQ(expected.call, row->call);
+            EXPECT_EQ(expected.rowFile, row->file) << expected.thread;
+            ASSERT_NE(row + 1, thread->frames.end());
+            EXPECT_TRUE((row + 1)->call.rfind("tessar.kvo.", 0) == 0 ||
+                        (row + 1)->call.rfind("com.sun.el.", 0) == 0 ||
+                        (row + 1)->call.rfind("org.codehaus.groovy.", 0) == 0)
+                << (row + 1)->call;
+        }
+
+    // The stack view knows views and entities.
+    for (const Framework *expected : {&FRAMEWORKS[0], &FRAMEWORKS[1], &FRAMEWORKS[2]}) {
+        const StackView view = AskStack(KeyOf(poll, expected->thread));
+        EXPECT_EQ(expected->call, view.call);
+        EXPECT_EQ("0", view.line);
+        EXPECT_TRUE(IsWithoutInterimTexts(view.text)) << view.text;
+        const auto row = std::find_if(view.rows.begin(), view.rows.end(), [&](const auto &fields) {
+            return fields.size() == 9 && fields[6] == expected->call;
+        });
+        ASSERT_NE(row, view.rows.end()) << view.text;
+        const std::string tid = std::to_string(poll.Find(expected->thread)->id());
+        EXPECT_EQ((std::vector<std::string>{"user", tid, "7", "0", "2", "3", expected->call, view.file, "0"}),
+                  *row);
+        EXPECT_EQ(view.file, (*(row + 1))[7]) << "the file is that of the framework's frame";
+    }
+}
+
+TEST_F(CrossTier, RequestsShowTheirUrl) {
+    CallVoid(TIERS, "start", "()V");
+    const SampleReply poll = Sample(false);
+    for (const Request &expected : REQUESTS) {
+        const SampleThread *thread = poll.Find(expected.thread);
+        ASSERT_TRUE(thread) << expected.thread;
+        EXPECT_EQ(expected.url, thread->url) << expected.thread;
+        EXPECT_EQ("^", thread->detail) << expected.thread;
+        const StackView view = AskStack(thread->key);
+        EXPECT_EQ(thread->url == "^" ? " " : thread->url, view.url) << expected.thread;
+        EXPECT_EQ(thread->url == "^" ? " " : "^", view.detail) << expected.thread;
+    }
+}
+
+TEST_F(CrossTier, RemoteCallsShowTheirPeer) {
+    CallVoid(TIERS, "start", "()V");
+    const SampleReply reply = Sample(true);
+    const SampleThread *thread = reply.Find("zoo-remote");
+    ASSERT_TRUE(thread);
+    EXPECT_EQ("RMI Wait", thread->state);
+    EXPECT_EQ("7001", thread->detail4.at(1));
+    EXPECT_EQ("ejb/Orders", thread->detail4.at(3));
+    EXPECT_EQ(0u, thread->detail4.at(2).rfind("-63.", 0)) << thread->detail4.at(2);
+}
+
+// When no walk is made the rows are those of a sample without cross-tier data.
+TEST_F(CrossTier, WithoutObjectsTheSavedCallStands) {
+    CallVoid(TIERS, "start", "()V");
+    StartCustomers(1, 20);
+    struct Case {
+        const char *what;
+        int32_t quota, isPoll;
+    };
+    const Case cases[] = {{"quota 0", 0, 0}, {"too soon", 1, 1}};
+    for (const Case &c : cases) {
+        qorGetLocalObjectsQuotaPct = c.quota;
+        qorIsPollOrTrace = c.isPoll;
+        if (c.isPoll)
+            Sample(false); // takes the time for many a poll to come
+        for (bool stacks : {false, true}) {
+            const SampleReply reply = Sample(stacks);
+            for (const Framework &row : FRAMEWORKS) {
+                const SampleThread *thread = reply.Find(row.thread);
+                ASSERT_TRUE(thread) << row.thread;
+                EXPECT_NE(std::string::npos, thread->call.find("Unsafe->park")) << c.what << thread->call;
+                EXPECT_EQ("Native Method", thread->file) << c.what;
+                EXPECT_EQ("^", thread->line) << c.what;
+                const StackView view = AskStack(thread->key);
+                EXPECT_TRUE(IsWithoutInterimTexts(view.text)) << c.what << view.text;
+                EXPECT_NE(std::string::npos, view.call.find("Unsafe->park")) << c.what << view.call;
+            }
+            const SampleThread *customer = reply.Find("customer-0");
+            ASSERT_TRUE(customer);
+            EXPECT_EQ((std::vector<std::string>{"^", "^", "0", "0", "^", "0", "0", "^", "^", "^"}),
+                      customer->detail10)
+                << c.what;
+        }
+    }
+}
+
+// More data than a reply can hold: each thread keeps its row, and the first ones have their data.
+TEST_F(CrossTier, LongTextsCostNoRow) {
+    gbSqlQueryLength = QOR_MAX_SQL_QUERY_SIZE;
+    CallVoid(TIERS, "start", "()V");
+    StartCustomers(300, 60000);
+    for (bool stacks : {false, true}) {
+        const SampleReply reply = Sample(stacks);
+        int complete = 0;
+        std::set<std::string> names;
+        for (const SampleThread &thread : reply.threads) {
+            names.insert(thread.name);
+            if (thread.detail10.empty() || thread.detail10[7] == "^")
+                continue;
+            EXPECT_EQ(60000u, thread.detail10[7].size());
+            ++complete;
+        }
+        EXPECT_GE(complete, stacks ? 8 : 14);
+        for (int i = 0; i < 300; ++i)
+            EXPECT_EQ(1u, names.count("customer-" + std::to_string(i))) << i;
+        for (const Framework &row : FRAMEWORKS) {
+            const SampleThread *thread = reply.Find(row.thread);
+            ASSERT_TRUE(thread) << row.thread;
+            EXPECT_EQ(std::string::npos, thread->call.find("QRF")) << thread->call;
+        }
+    }
+}
+
+TEST_F(CrossTier, AThousandThreadsInTheirDatabase) {
+    StartCustomers(MAX_WALK_THREADS - 40, 100);
+    const SampleReply reply = ActiveThreads();
+    int known = 0;
+    for (const SampleThread &thread : reply.threads)
+        known += !thread.detail10.empty() && thread.detail10[0] == URL;
+    EXPECT_EQ(MAX_WALK_THREADS - 40, known);
+    ExpectCustomer(reply, 0, "first");
+    ExpectCustomer(reply, MAX_WALK_THREADS - 41, "last");
+}
+
+TEST_F(CrossTier, PollsKeepNoReference) {
+    CallVoid(TIERS, "start", "()V");
+    StartCustomers(4, 5000);
+    const auto pollAll = [](int times) {
+        for (int i = 0; i < times; ++i) {
+            const SampleReply reply = Sample(i % 2 == 0);
+            AskStack(KeyOf(reply, FRAMEWORKS[i % 6].thread));
+            Ask(QORREQ_DB_XTIER, "1");
+        }
+    };
+    pollAll(20);
+    const int64_t before = CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J");
+    pollAll(500);
+    EXPECT_LE(CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), before + 3);
+}
