@@ -117,6 +117,20 @@ TEST(ThreadStates, AreRefinedByTheCallOnTop) {
         EXPECT_EQ(refine(row), row.refined) << row.className << "." << row.method << " at " << row.index;
         EXPECT_EQ(tessar_thick_driver, std::string(row.className).find("zdi8") != std::string::npos);
     }
+    // On newer JDKs Object.wait has one frame more, which isn't counted.
+    const char *const above[] = {"wait0", "wait", "wait"};
+    for (const char *className : {"java.lang.Object", "app.Object"}) {
+        QorThreadRecord waiting = {};
+        waiting.state = STATE_OBJECT_WAIT;
+        for (int32_t i = 0; i < 3; i++) {
+            const QorFrameRecord frame = {i, 0, above[i], className, "", 0, 1, nullptr};
+            GetThreadEnhancedState(&frame, &waiting);
+        }
+        EXPECT_FALSE(QorStateIsSettled(waiting.state, 3));
+        const QorFrameRecord response = {3, 0, "waitForData", "ferrule.rjvm.ResponseImpl", "", 0, 1, nullptr};
+        GetThreadEnhancedState(&response, &waiting);
+        EXPECT_EQ(waiting.state, *className == 'j' ? STATE_RMI_WAIT : STATE_OBJECT_WAIT);
+    }
     QorThreadRecord idle = {};
     GetThreadEnhancedState(nullptr, &idle);
     EXPECT_EQ(idle.state, STATE_OBJECT_WAIT);
