@@ -44,10 +44,8 @@ void LinkAsNewest(QorDBRequestData *entry) {
     ptrDbInfoMru = entry;
 }
 
-// An empty text must not leave that of the connection which had the entry before.
 template <size_t SIZE>
 void CopyText(char (&dest)[SIZE], const char (&text)[SIZE]) {
-    dest[0] = 0;
     QorStrncpy(dest, text, SIZE, SIZE);
 }
 

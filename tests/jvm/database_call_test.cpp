@@ -321,18 +321,19 @@ TEST_F(DatabaseCall, SqlIsCutOnACharacterWithTheIdOfTheWhole) {
                                       "\xc0\x80" /* NUL */};
     const Driver driver(server, "plain");
     jobject connection = driver.tessarConnection();
-    for (int32_t limit : {QOR_MAX_SQL_QUERY_SIZE + 0, 100, 17, 16, 15, 2, 1, 0, -1}) {
+    for (int32_t limit : {QOR_MAX_SQL_QUERY_SIZE + 0, 101, 100, 17, 16, 15, 2, 1, 0, -1}) {
         gbSqlQueryLength = limit;
         for (const std::string &character : characters) {
             for (int32_t length : {0, 1, limit - 2, limit - 1, limit, limit + 1, 70000}) {
                 if (length < 0)
                     continue;
-                // `length` bytes, or nearly so, with separators in front, in the middle and at the end.
-                std::vector<std::string> text(static_cast<size_t>(length) / character.size(), character);
-                text.resize(text.size() + static_cast<size_t>(length) % character.size(), "b");
-                for (size_t i = 0; i < text.size() && text.size() > 3; i += text.size() / 3)
-                    for (size_t j = 0; j < character.size(); j++)
-                        text[i] = text[i].size() == 1 ? std::string(1, "\n\r\x0e\x1f"[i % 4]) : text[i];
+                // `length` bytes, separators among them.
+                std::vector<std::string> text;
+                if (length > 8)
+                    text = {"\n", "\x0e", "\x1f"};
+                const size_t rest = static_cast<size_t>(length) - text.size();
+                text.insert(text.end(), rest / character.size(), character);
+                text.insert(text.end(), rest % character.size(), "\x1c");
                 std::string whole;
                 for (const std::string &part : text)
                     whole += part;
