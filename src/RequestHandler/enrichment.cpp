@@ -54,21 +54,35 @@ struct JavaArguments {
     jobjectArray threads;
     jobjectArray strings;
     jlongArray ids;
-    jint count; // threads that went in
+    jstring minusOne, zero; // nearly every number is one of these
+    jint count;             // threads that went in
 };
 
-// Puts text `number` of the thread at `index`. The array is made of empty texts.
+jstring MakeText(JNIEnv *env, const char *text) {
+    jstring made = env->NewStringUTF(text);
+    QorDescribeException(env);
+    return made;
+}
+
+void Store(JNIEnv *env, const JavaArguments &to, int32_t number, jstring text) {
+    env->SetObjectArrayElement(to.strings, to.count * TEXTS_PER_THREAD + number, text);
+    QorDescribeException(env);
+}
+
+// Puts text `number` of the thread at hand. The array is made of empty texts.
 void PutText(JNIEnv *env, const JavaArguments &to, int32_t number, const char *text) {
     if (!text[0])
         return;
-    jstring made = env->NewStringUTF(text);
-    QorDescribeException(env);
-    env->SetObjectArrayElement(to.strings, to.count * TEXTS_PER_THREAD + number, made);
-    QorDescribeException(env);
+    jstring made = MakeText(env, text);
+    Store(env, to, number, made);
     QorDeleteLocalRef(env, made);
 }
 
 void PutNumber(JNIEnv *env, const JavaArguments &to, int32_t number, int32_t value) {
+    if (value == -1 || value == 0) {
+        Store(env, to, number, value ? to.minusOne : to.zero);
+        return;
+    }
     char storage[24];
     QorText text;
     QorTextStart(&text, storage, sizeof storage);
@@ -105,19 +119,23 @@ bool PutThread(JNIEnv *env, const JavaArguments &to, const QorE2EBlock &block) {
     return !QorDescribeException(env);
 }
 
+jobjectArray MakeArray(JNIEnv *env, jsize count, jclass klass, jobject element) {
+    jobjectArray made = env->NewObjectArray(count, klass, element);
+    QorDescribeException(env);
+    return made;
+}
+
 // The arrays for `count` threads, or false.
 bool MakeArrays(JNIEnv *env, jsize count, JavaArguments *made) {
     *made = {};
-    made->threads = env->NewObjectArray(count, jobjclass, nullptr);
-    QorDescribeException(env);
-    jstring empty = env->NewStringUTF("");
-    QorDescribeException(env);
-    if (empty)
-        made->strings = env->NewObjectArray(count * TEXTS_PER_THREAD, jstringclass, empty);
-    QorDescribeException(env);
+    jstring empty = MakeText(env, "");
+    made->minusOne = MakeText(env, "-1");
+    made->zero = MakeText(env, "0");
+    made->threads = MakeArray(env, count, jobjclass, nullptr);
+    made->strings = MakeArray(env, count * TEXTS_PER_THREAD, jstringclass, empty);
     made->ids = env->NewLongArray(count);
     QorDescribeException(env);
-    if (made->threads && made->strings && made->ids)
+    if (empty && made->minusOne && made->zero && made->threads && made->strings && made->ids)
         return true;
     QORLOG(LOG_ERROR, "checkAndAppendInfo : Not able to allocate memory for thread_array");
     return false;
@@ -397,16 +415,23 @@ void MergeAnswer(const char *answer, bool systemData) {
     free(storage);
 }
 
+// A poll without stacks has no place for an answer.
+bool CanMerge() {
+    return !(reqid & QORREQ_POLL_DETAILS) || strstr(pagebuf, TITLE_THREAD_DETAILS);
+}
+
 void AskAndMerge(JNIEnv *env) {
     const QorLocalFrame frame(env, FRAME_CAPACITY);
     if (!frame.pushed) {
         QORLOG(LOG_ERROR, "checkAndAppendInfo : Out of Memory when PushLocalFrame");
         return;
     }
+    const bool systemData = get_system_data && (reqid & QORREQ_SAMPLING);
+    if (!systemData && !CanMerge())
+        return;
     JavaArguments arguments;
     if (!GatherArguments(env, &arguments))
         return;
-    const bool systemData = get_system_data && (reqid & QORREQ_SAMPLING);
     jstring answer = CallJava(env, arguments, systemData);
     if (!answer)
         return;

@@ -154,6 +154,10 @@ TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
     CallVoid(ENRICHER, "fail", "()V");
     EXPECT_EQ(Merge(reply, "", "/"), reply) << "no thread, no call";
     EXPECT_EQ(Asked(), "not asked");
+    reqid = QORREQ_POLL_DETAILS;
+    EXPECT_EQ(Merge(reply, "xxx", "/"), reply) << "no stacks, no place for an answer, no call";
+    EXPECT_EQ(Asked(), "not asked");
+    reqid = QORREQ_ACTIVE_THREADS;
     jclass asked = e2eclass;
     e2eclass = jobjclass;
     EXPECT_EQ(Merge(reply, "xxx", "/"), reply) << "a class without the method";
