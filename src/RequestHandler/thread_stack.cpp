@@ -96,6 +96,8 @@ void ShowFramework(StackTexts *texts, const char *name, int64_t tid) {
         FillPlace(&texts->rows, place, "", 0);
         return;
     }
+    if (place.framework == FRAMEWORK_ENTITY)
+        QORLOG(LOG_DETAIL, "QRF Entity Object Name : %s  %s", name, place.fileName);
     char call[2 * NAME_SIZE + 64];
     QorText group;
     QorTextStart(&group, call, sizeof call);

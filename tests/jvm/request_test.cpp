@@ -106,7 +106,7 @@ TEST_F(Request, EachCommandAndKeyHasItsReply) {
         {"516|showstack", "Invalid Request showstack"},
         {"516|showqor", "Invalid Request showqor"},
         {"516|xtier01", "ERROR Null parameters for request xtier01"},
-        {"516|xtier01|1521|10.0.0.1|12,13", ""},
+        {"516|xtier01|1521|10.0.0.1|12,13", "|"},
         {"516|NoProcessing|qorretry|5|\t|\t\t||and the rest", "Changed qorretry to 5"},
         {"516|xtier01|\t|\t\t||and the rest", "ERROR Null parameters for request xtier01"},
         {"516|showqor|0", ""},

@@ -1,0 +1,256 @@
+#include "LogCapture.h"
+#include "Xtier/LocalList.h"
+#include "Xtier/XtierInsert.h"
+#include "Xtier/thread_e2e_info.h"
+#include "qorformat.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace {
+
+constexpr char SAVED[] = "a.B->c|B.java|7|";
+constexpr char NO_BLOCK[] = "{10<^|^|0|0|^|0|0|^|^|^";
+constexpr char NO_RMI_BLOCK[] = "{!0|0|^|^";
+
+// Texts of these tests have | for the field separator, ; and # for the ends of record and section, { for the
+// start of a block and its second marks as < and !.
+std::string Wire(std::string text) {
+    for (char &c : text) {
+        static const std::string shown = "|;#{<!";
+        static const char real[] = {FIELD_SEP,   RECORD_END,       SECTION_END,
+                                    WAIT_DETAIL, FIELD_COUNT_MARK, RMI_MARK};
+        if (shown.find(c) != std::string::npos)
+            c = real[shown.find(c)];
+    }
+    return text;
+}
+
+// A reply of one thread, and what is put into it.
+struct Insertion : testing::Test {
+    Insertion() : database(new QorDBRequestData), web(new QorJSPRequestData) {
+        QorClearDBRequestData(database.get());
+        QorClearJSPRequestData(web.get());
+        QorClearRmiCallData(&rmi);
+    }
+    ~Insertion() override { Forget(); }
+
+    void Forget() {
+        FreeXtierLocationInfoArrayList(first);
+        first = last = nullptr;
+        reply.clear();
+    }
+
+    QorXtierLocationInfo *Location(const char *saved = SAVED) {
+        QorThreadRecord thread = {};
+        thread.tid = 5;
+        EXPECT_EQ(AddToXtierLocationInfoList(&thread, &first, &last), 0);
+        QorStrncpy(last->savedCurrentCall, Wire(saved).c_str(), SAVED_CALL_SIZE, SAVED_CALL_SIZE);
+        return last;
+    }
+    void Put(const std::string &text) { reply += Wire(text); }
+    void Put(const std::string &text, int32_t *start, int32_t *end) {
+        *start = static_cast<int32_t>(reply.size());
+        Put(text);
+        *end = static_cast<int32_t>(reply.size());
+    }
+    // A row with all pieces; its call columns begin with `interim`.
+    void PutRow(const std::string &interim, const char *saved = SAVED) {
+        QorXtierPositions &at = Location(saved)->at;
+        Put("a|n|^|");
+        Put("^|^|", &at.requestStart, &at.requestEnd);
+        Put("1-5|");
+        Put(interim + "|F.java|0|", &at.currentCallStart, &at.currentCallEnd);
+        Put("DB Wait");
+        Put(NO_BLOCK, &at.dbStart, &at.dbEnd);
+        Put("#Call Stack;top|T|1");
+        Put("", &at.stackCallStart, &at.stackCallEnd);
+        Put(";frame|F|2#");
+    }
+
+    // The reply after the pass; `spare` bytes more than the old one has room.
+    std::string Insert(int32_t spare = 100000) {
+        std::string storage(reply.size() + static_cast<size_t>(spare) + 1, 0);
+        QorText text;
+        QorTextStart(&text, &storage[0], static_cast<int32_t>(storage.size()));
+        QorTextAppend(&text, reply.c_str());
+        QorInsertion pass;
+        QorStartInsertion(&pass, &text, first);
+        results.clear();
+        for (const QorXtierLocationInfo *at = first; at; at = at->next)
+            results += InsertXtierDataToConsoleBuf(&pass, *at, *web, *database, rmi) == 0 ? "0" : "-";
+        EXPECT_STREQ(text.text, reply.c_str()) << "the old reply stands until the end";
+        QorEndInsertion(&pass, &text);
+        EXPECT_EQ(text.length, static_cast<int32_t>(strlen(text.text)));
+        return text.text;
+    }
+
+    void KnowDatabase(const char *sql = "select 1") {
+        QorStrncpy(database->url, "jdbc:x", DB_URL_SIZE, DB_URL_SIZE);
+        QorStrncpy(database->user, "scott", DB_USER_SIZE, DB_USER_SIZE);
+        QorStrncpy(database->sqlText, sql, SQL_TEXT_SIZE, SQL_TEXT_SIZE);
+        database->localPort = 40000;
+        database->remotePort = 1521;
+        database->sampleTime = 0x180000001;
+        database->sqlRef = 0xfffffffff;
+    }
+
+    std::unique_ptr<QorDBRequestData> database;
+    std::unique_ptr<QorJSPRequestData> web;
+    QorRmiCallData rmi;
+    QorXtierLocationInfo *first = nullptr, *last = nullptr;
+    std::string reply, results;
+};
+
+} // namespace
+
+TEST_F(Insertion, PutsEachPieceInItsPlace) {
+    PutRow("QRFViewData->QRF_Data");
+    KnowDatabase();
+    QorStrncpy(web->requestUrl, "/shop", REQUEST_TEXT_SIZE, 16);
+    QorStrncpy(web->qrfObjectName, "Orders", REQUEST_TEXT_SIZE, 16);
+    Put("tail");
+    EXPECT_EQ(Insert(),
+              Wire("a|n|^|/shop|^|1-5|View_Object->Orders|ViewObjectImpl.java|0|DB Wait"
+                   "{10<jdbc:x|scott|40000|1521|^|-2147483647|-1|select 1|DEEPDIVE_TESSAR_DB|^"
+                   "#Call Stack;top|T|1;View_Object->Orders|ViewObjectImpl.java|0|;frame|F|2#tail"));
+
+    QorStrncpy(web->requestDetail, "?id", REQUEST_TEXT_SIZE, 16);
+    QorStrncpy(database->remoteHost, "db1", REMOTE_HOST_SIZE, 16);
+    database->dbType = DB_TYPE_COUNT;
+    const std::string made = Insert();
+    EXPECT_NE(made.find(Wire("/shop|?id|1-5|")), std::string::npos);
+    EXPECT_NE(made.find(Wire("|1521|db1|")), std::string::npos);
+    EXPECT_NE(made.find(Wire("|select 1|^|^#")), std::string::npos);
+}
+
+TEST_F(Insertion, LeavesWhatIsNotKnown) {
+    PutRow("QRFELData->EL_Data", "");
+    QorStrncpy(database->url, "jdbc:x", DB_URL_SIZE, 16); // but no user
+    LogCapture log(1);
+    EXPECT_EQ(Insert(), reply);
+    EXPECT_EQ(log.count("Qor Agent : Unable to restore Original Current Call"), 1);
+}
+
+TEST_F(Insertion, RemoteCallsNeedAHost) {
+    QorStrncpy(rmi.jndiName, "ejb/Orders", DB_URL_SIZE, 16);
+    rmi.callId = 7;
+    rmi.port = -2;
+    const auto put = [this] {
+        Forget();
+        QorXtierPositions &at = Location()->at;
+        Put("a|RMI Wait");
+        Put(NO_RMI_BLOCK, &at.rmiStart, &at.rmiEnd);
+        Put(";");
+    };
+    put();
+    EXPECT_EQ(Insert(), reply);
+    QorStrncpy(rmi.host, "10.1.2.3", RMI_HOST_SIZE, 16);
+    EXPECT_EQ(Insert(), Wire("a|RMI Wait{!7|-2|10.1.2.3|ejb/Orders;"));
+    rmi.jndiName[0] = 0;
+    EXPECT_EQ(Insert(), Wire("a|RMI Wait{!7|-2|10.1.2.3|NA;"));
+}
+
+TEST_F(Insertion, EachFrameworkHasItsCallAndRow) {
+    struct {
+        const char *interim, *object, *line, *expression, *call, *row;
+    } rows[] = {
+        {"QRFViewData->QRF_Data", "O", "", "", "View_Object->O|ViewObjectImpl.java|0|", nullptr},
+        {"QRFEntityData->QRF_Data", "O", "", "", "Entity_Object->O|EntityObjImpl.java|0|", nullptr},
+        {"QRFGroovyData->Groovy_Data", "", "save", "", "Groovy_Script->save|Groovy_Script|2|", nullptr},
+        {"QRFELData->EL_Data", "", "", "$(a)", "EL_Exp->$(a)|EL_Exp|0|", "EL_Exp->$(a)|El_Exp|0|"},
+        // nothing, or what belongs to another frame: the saved call
+        {"QRFViewData->QRF_Data", "", "", "", SAVED, ""},
+        {"QRFViewData->QRF_Data", "", "save", "$(a)", SAVED, ""},
+        {"QRFELData->EL_Data", "O", "save", "", SAVED, ""},
+    };
+    QorStrncpy(web->groovyScript, "load()\nsave()\n", GROOVY_SCRIPT_SIZE, 100);
+    QorStrncpy(web->groovyCallSites[0], "load", GROOVY_LINE_SIZE, 16);
+    QorStrncpy(web->groovyCallSites[1], "save", GROOVY_LINE_SIZE, 16);
+    web->groovyCallSiteCount = 2;
+    web->groovyCurrentIndex = 1;
+    for (const auto &row : rows) {
+        Forget();
+        PutRow(row.interim);
+        web->qrfObjectName[0] = web->groovyCurrentLine[0] = web->elExpression[0] = 0;
+        QorStrncpy(web->qrfObjectName, row.object, REQUEST_TEXT_SIZE, 16);
+        QorStrncpy(web->groovyCurrentLine, row.line, GROOVY_LINE_SIZE, 16);
+        QorStrncpy(web->elExpression, row.expression, REQUEST_TEXT_SIZE, 16);
+        const std::string made = Insert(), shown = row.row ? row.row : row.call;
+        EXPECT_NE(made.find(Wire(std::string("1-5|") + row.call + "DB Wait")), std::string::npos) << made;
+        EXPECT_NE(made.find(Wire("top|T|1" + (shown.empty() ? "" : ";" + shown) + ";frame")),
+                  std::string::npos)
+            << made;
+        EXPECT_EQ(made.find("QRF"), std::string::npos) << row.interim;
+    }
+}
+
+// The more room there is the more goes in, never a part of a piece, and the saved call and the tail always.
+TEST_F(Insertion, WhateverTheRoomNoRowIsLost) {
+    const std::string longCall = "java.lang.Object->a_method_with_a_rather_long_name|Object.java|1234|";
+    PutRow("QRFELData->EL_Data", longCall.c_str());
+    PutRow("QRFELData->EL_Data", longCall.c_str());
+    Put("tail");
+    KnowDatabase("select a, b, c from orders");
+    QorStrncpy(web->requestUrl, "/a/rather/long/request", REQUEST_TEXT_SIZE, 64);
+    const int32_t reserve = 2 * QorRestoreGrowth(first->at, first->savedCurrentCall);
+    ASSERT_GT(reserve, 0);
+    size_t earlier = 0;
+    std::set<std::string> seen;
+    for (int32_t spare = reserve; spare < reserve + 400; ++spare) {
+        const std::string made = Insert(spare);
+        ASSERT_LE(made.size(), reply.size() + static_cast<size_t>(spare));
+        ASSERT_GE(made.size(), earlier);
+        earlier = made.size();
+        EXPECT_EQ(made.substr(made.size() - 4), "tail");
+        EXPECT_EQ(made.find("QRF"), std::string::npos) << spare;
+        EXPECT_EQ(std::count(made.begin(), made.end(), FIELD_SEP),
+                  std::count(reply.begin(), reply.end(), FIELD_SEP));
+        seen.insert(results);
+    }
+    EXPECT_EQ(seen, (std::set<std::string>{"--", "0-", "00"}));
+}
+
+TEST(EndToEndBlocks, TakeDataByKind) {
+    QorE2EBlock other = {}, block = {};
+    other.threadId = 4;
+    other.next = &block;
+    block.threadId = 5;
+    thread_e2e_info = &other;
+    QorAppServerCallData server = {};
+    QorIOCallData file = {};
+    QorNetworkCallData network = {};
+    server.stuck = 1;
+    server.hogger = -1;
+    QorStrncpy(server.wmName, "default", SERVER_TEXT_SIZE, 16);
+    QorStrncpy(file.fileName, "/var/log/x", DB_URL_SIZE, 16);
+    QorStrncpy(network.host, "h", REMOTE_HOST_SIZE, 16);
+    network.port = 80;
+    const int64_t id = 0x700000005; // compared as 32 bits
+
+    for (int32_t kind : {LOCAL_FILE_CALL, LOCAL_NETWORK_CALL, LOCAL_APP_SERVER_CALL})
+        EXPECT_EQ(QorInsertDataToE2EBuf(6, kind, server, file, network), 0);
+    EXPECT_EQ(block.textsWritten + other.textsWritten, 0);
+
+    QorInsertDataToE2EBuf(id, LOCAL_FILE_CALL, server, file, network);
+    EXPECT_STREQ(block.ioFile, "/var/log/x");
+    QorInsertDataToE2EBuf(id, LOCAL_NETWORK_CALL, server, file, network);
+    EXPECT_EQ(block.networkPort, 0) << "no descriptor";
+    network.fd = 9;
+    QorInsertDataToE2EBuf(id, LOCAL_NETWORK_CALL, server, file, network);
+    EXPECT_EQ(block.networkPort, 80);
+    EXPECT_STREQ(block.networkHost, "h");
+    QorInsertDataToE2EBuf(id, LOCAL_APP_SERVER_CALL, server, file, network);
+    EXPECT_STREQ(block.ioFile, "") << "it is read anew behind the server's data";
+    EXPECT_STREQ(block.wmName, "default");
+    EXPECT_EQ(block.stuckAndHogger[0], 1);
+    EXPECT_EQ(block.stuckAndHogger[1], -1);
+    EXPECT_EQ(block.textsWritten, 1);
+    EXPECT_EQ(other.textsWritten, 0);
+    thread_e2e_info = nullptr;
+}
