@@ -64,6 +64,7 @@ TEST(GroovyLines, AreFoundByTheNamesOfTheCallSites) {
     EXPECT_EQ(lineOf("", {"first"}, 0), 1);
     EXPECT_EQ(lineOf(nullptr, {"first"}, 5), 5);
     EXPECT_EQ(lineOf("only()", {"only"}, 0), 1);
+    EXPECT_EQ(lineOf("a\nb\nc\n", {"a", "b"}, 1), 2);
 }
 
 TEST(GroovyLines, EndAtAThousand) {
