@@ -225,8 +225,9 @@ TEST(ElfFile, UnsoundFilesEndTheReading) {
          },
          1, ""},
         {"a name far away", [](ElfImage &e) { e.symbol(e.DYNSYM, 2)->st_name = ~0u; }, 2, ""},
-        {"a name that is only asked for", [](ElfImage &e) { e.symbol(e.DYNSYM, 2)->st_shndx = SHN_UNDEF; }, 2,
-         ""},
+        {"a name that is only asked for",
+         [](ElfImage &e) { e.symbol(e.SYMTAB, 2)->st_shndx = e.symbol(e.SYMTAB, 4)->st_shndx = SHN_UNDEF; },
+         1, ""},
     };
     for (const auto &row : rows) {
         ElfImage image(EXPORTED, ALL);
