@@ -27,7 +27,6 @@ enum RequestForm {
 
 // One row for each kind of request object and frame.
 struct RequestRow {
-    const char *server;
     const char *signature, *otherSpelling; // of the request object
     const char *method;                    // only in frames of this method; null for any
     RequestForm form;
@@ -36,38 +35,45 @@ struct RequestRow {
 };
 
 constexpr RequestRow ROWS[] = {
-    {"Apache JServ", "org/apache/jserv/JServConnection", "Lorg/apache/jserv/JServConnection;", nullptr,
-     REQUEST_ENVIRONMENT, "env_vars,Ljava/util/Hashtable;", nullptr, true},
-    {"Ferrule", "Lferrule/servlet/internal/ServletRequestImpl;",
-     "ferrule/servlet/internal/ServletRequestImpl", "run", REQUEST_STRING, "servletPath,Ljava/lang/String;",
-     nullptr, true},
-    {"Ferrule", "Lferrule/servlet/internal/ServletRequestImpl;",
-     "ferrule/servlet/internal/ServletRequestImpl", "execute", REQUEST_STRING,
-     "originalURI,Ljava/lang/String;", nullptr, true},
-    {"Tomcat", "org/apache/catalina/connector/RequestFacade;",
-     "Lorg/apache/catalina/connector/RequestFacade;", nullptr, REQUEST_STRING_TOLD,
+    // Apache JServ
+    {"org/apache/jserv/JServConnection", "Lorg/apache/jserv/JServConnection;", nullptr, REQUEST_ENVIRONMENT,
+     "env_vars,Ljava/util/Hashtable;", nullptr, true},
+    // Ferrule
+    {"Lferrule/servlet/internal/ServletRequestImpl;", "ferrule/servlet/internal/ServletRequestImpl", "run",
+     REQUEST_STRING, "servletPath,Ljava/lang/String;", nullptr, true},
+    // Ferrule
+    {"Lferrule/servlet/internal/ServletRequestImpl;", "ferrule/servlet/internal/ServletRequestImpl",
+     "execute", REQUEST_STRING, "originalURI,Ljava/lang/String;", nullptr, true},
+    // Tomcat
+    {"org/apache/catalina/connector/RequestFacade;", "Lorg/apache/catalina/connector/RequestFacade;", nullptr,
+     REQUEST_STRING_TOLD,
      "request,Lorg/apache/catalina/connector/Request;|requestDispatcherPath,Ljava/lang/Object;|"
      "strValue,Ljava/lang/String;",
      nullptr, true},
-    {"Lumo", "com/halcyon/server/http/HalcyonHttpServletRequest;",
+    // Lumo
+    {"com/halcyon/server/http/HalcyonHttpServletRequest;",
      "Lcom/halcyon/server/http/HalcyonHttpServletRequest;", nullptr, REQUEST_BYTES,
      "servletPath,Lcom/halcyon/util/ByteString;", nullptr, false},
-    {"WebSphere", "com/ibm/ws/webcontainer/srt/SRTServletRequest;",
-     "Lcom/ibm/ws/webcontainer/srt/SRTServletRequest;", nullptr, REQUEST_STRING,
+    // WebSphere
+    {"com/ibm/ws/webcontainer/srt/SRTServletRequest;", "Lcom/ibm/ws/webcontainer/srt/SRTServletRequest;",
+     nullptr, REQUEST_STRING,
      "_dispatchContext,Lcom/ibm/ws/webcontainer/webapp/WebAppDispatcherContext;|"
      "_servletPath,Ljava/lang/String;",
      nullptr, false},
-    {"Jersey (glassfish)", "Lorg/glassfish/jersey/server/ContainerRequest",
-     "Lorg/glassfish/jersey/server/ContainerRequest;", nullptr, REQUEST_VERB_PATH,
-     "httpMethod,Ljava/lang/String;", "requestUri,Ljava/net/URI;|path,Ljava/lang/String;", false},
-    {"Ferrule filter", "Lferrule/servlet/internal/RequestEventsFilter$EventsRequestWrapper;",
+    // Jersey (glassfish)
+    {"Lorg/glassfish/jersey/server/ContainerRequest", "Lorg/glassfish/jersey/server/ContainerRequest;",
+     nullptr, REQUEST_VERB_PATH, "httpMethod,Ljava/lang/String;",
+     "requestUri,Ljava/net/URI;|path,Ljava/lang/String;", false},
+    // Ferrule filter
+    {"Lferrule/servlet/internal/RequestEventsFilter$EventsRequestWrapper;",
      "Lferrule/servlet/internal/RequestEventsFilter$EventsRequestWrapper", nullptr, REQUEST_JOINED,
      "request,Ljavax/servlet/ServletRequest;|context,Lferrule/servlet/internal/WebAppServletContext;|"
      "contextName,Ljava/lang/String;",
      "request,Ljavax/servlet/ServletRequest;|relativeURI,Ljava/lang/String;", false},
-    {"Jersey (sun)", "Lcom/sun/jersey/spi/container/ContainerRequest",
-     "Lcom/sun/jersey/spi/container/ContainerRequest;", nullptr, REQUEST_VERB_PATH,
-     "method,Ljava/lang/String;", "requestUri,Ljava/net/URI;|path,Ljava/lang/String;", false},
+    // Jersey (sun)
+    {"Lcom/sun/jersey/spi/container/ContainerRequest", "Lcom/sun/jersey/spi/container/ContainerRequest;",
+     nullptr, REQUEST_VERB_PATH, "method,Ljava/lang/String;",
+     "requestUri,Ljava/net/URI;|path,Ljava/lang/String;", false},
 };
 
 constexpr char ENVIRONMENT_KEY[] = "REQUEST_URI";

@@ -160,12 +160,13 @@ TEST_F(TierCalls, AreReadFromTheirFrames) {
 
 // A native method's arguments are no locals of a Java frame, but its descriptor is found all the same.
 TEST_F(TierCalls, ShowTheFileOnEveryJvm) {
-    ZooVisit zoo("file-read,file-read-bytes,random-access-read,file-write,socket-read");
+    ZooVisit zoo("file-read,file-read-bytes,file-reader,random-access-read,file-write,socket-read");
     std::map<std::string, Found> found = readThreads();
     // The writer copies its bytes before it looks at its descriptor.
     for (int round = 0; round < 1000 && found["file-write"].file.empty(); round++)
         found = readThreads();
-    for (const char *kind : {"file-read", "file-read-bytes", "random-access-read", "file-write"})
+    for (const char *kind :
+         {"file-read", "file-read-bytes", "file-reader", "random-access-read", "file-write"})
         EXPECT_TRUE(endsWith(found[kind].file, std::string("/") + kind)) << kind << ": " << found[kind].file;
     EXPECT_EQ(found["socket-read"].file, "");
 }

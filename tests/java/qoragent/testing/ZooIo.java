@@ -4,6 +4,7 @@ import java.io.Closeable;
 import java.io.File;
 import java.io.FileInputStream;
 import java.io.FileOutputStream;
+import java.io.FileReader;
 import java.io.IOException;
 import java.io.RandomAccessFile;
 import java.net.DatagramPacket;
@@ -52,7 +53,7 @@ final class ZooIo {
                     in.getChannel().read(ByteBuffer.allocateDirect(64));
                 }
             },
-            new RandomRead(), new FileWrite()));
+            new ReaderRead(), new RandomRead(), new FileWrite()));
     }
 
     /** A resident in a call that ends when what it opened is closed. */
@@ -273,6 +274,17 @@ final class ZooIo {
         void live() throws Exception {
             try (FileInputStream in = new FileInputStream(path)) {
                 read(in);
+            }
+        }
+    }
+
+    private static final class ReaderRead extends Fifo {
+        ReaderRead() { super("file-reader", "java.io.FileInputStream.readBytes"); }
+
+        @Override
+        void live() throws Exception {
+            try (FileReader reader = new FileReader(path)) {
+                reader.read();
             }
         }
     }
