@@ -205,7 +205,7 @@ void findsymbols(int32_t pid, const char *key, uint32_t words[SYMBOL_WORDS]) {
     }
     if (text == dovsym)
         return; // nothing of it is wanted
-    SymbolList list;
+    SymbolList list = {};
     ReadList(text, &list);
     char library[LIBRARY_SIZE];
     int32_t found = 1; // the library's entry
@@ -257,7 +257,7 @@ int32_t findlib(const char *library) {
 }
 
 int32_t QorResolveSymbols(int32_t fd, const char *text, uint64_t base, uint64_t *slots) {
-    SymbolList list;
+    SymbolList list = {};
     ReadList(text, &list);
     int32_t open = 0;
     for (int32_t slot = 1; slot < list.count; slot++)

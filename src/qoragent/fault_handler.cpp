@@ -1,7 +1,6 @@
 #include "fault_handler.h"
 
 #include "channel.h"
-#include "dispatch.h"
 #include "gc_lock.h"
 #include "held_threads.h"
 #include "qorlog.h"
@@ -43,10 +42,6 @@ pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 namespace {
 
 constexpr int SUSPEND_SIGNAL = 31;
-constexpr char HEAP_WALK_WORD[] = "showmem";
-constexpr char HEAP_WALK_NUMBER[] = "256";
-constexpr size_t HEAP_WALK_NUMBER_AT = 8; // behind the word's start
-
 struct OldAction {
     int signal;
     struct sigaction *action;
@@ -81,7 +76,7 @@ Fault Describe(int signal, const void *context) {
     if (knownToJvm) {
         sigset_t all;
         sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        sigprocmask(SIG_BLOCK, &all, nullptr); // this thread's; pthread_sigmask has a newer name in glibc
         for (;;)
             pause();
     }
@@ -95,16 +90,6 @@ void DetachByItself() {
     if (qor_vm)
         qor_vm->DetachCurrentThread();
     child_env = nullptr;
-}
-
-// A heap walk that failed must not leave the JVM stopped.
-void ResumeAfterHeapWalk() {
-    const char *word = strstr(buf, HEAP_WALK_WORD);
-    if (!word || fpid == 0)
-        return;
-    if (strnlen(word, HEAP_WALK_NUMBER_AT) == HEAP_WALK_NUMBER_AT &&
-        strncmp(word + HEAP_WALK_NUMBER_AT, HEAP_WALK_NUMBER, sizeof HEAP_WALK_NUMBER - 1) == 0)
-        qor_resume_all_threads();
 }
 
 // A fault of the initialisation thread.
@@ -145,12 +130,12 @@ void EndRequest(const Fault &fault, int32_t me) {
         buf[0] = 0;
     }
     QorResumeFaultedThreads();
-    ResumeAfterHeapWalk();
+    QorResumeAfterHeapWalk();
     prev_ch_pid = ch_pid.load();
     if (doing_init)
         EndInitialization(fault);
     if (fault.context) // the new thread takes this one's mask, and here all signals are blocked
-        pthread_sigmask(SIG_SETMASK, &fault.context->uc_sigmask, nullptr);
+        sigprocmask(SIG_SETMASK, &fault.context->uc_sigmask, nullptr);
     th_id = QorReplaceWorker();
     if (th_id != 0)
         QORLOG(LOG_ERROR, "FATAL ERROR Encountered, qoragent not functional");
@@ -211,7 +196,7 @@ void sig_handler(int signal, siginfo_t *info, void *context) {
         siglongjmp(segv_jmp, 1);
     }
     reset_qor_handler();
-    ResumeAfterHeapWalk();
+    QorResumeAfterHeapWalk();
     if (doing_init)
         EndInitialization(fault);
     EndRequest(fault, me);

@@ -11,3 +11,6 @@ void QorResumeFaultedThreads();
 
 // Resumes every thread that a heap walk has stopped. May run in the fault handler.
 void qor_resume_all_threads();
+
+// The same when the request in `buf` is such a walk: one that failed must not leave the JVM stopped.
+void QorResumeAfterHeapWalk();

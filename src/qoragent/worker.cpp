@@ -5,6 +5,7 @@
 #include "fault_handler.h"
 #include "forked_dump.h"
 #include "gc_lock.h"
+#include "held_threads.h"
 #include "library_dump.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
@@ -311,7 +312,11 @@ int32_t QorReplaceWorker() {
 
 void qor_terminate_child_thread() {
     WaitForJavaCall();
-    qorlocks[1] = 0;
+    if (qorlocks[1]) {
+        QorResumeFaultedThreads();
+        QorResumeAfterHeapWalk();
+        qorlocks[1] = 0;
+    }
     if (!thread)
         return;
     currentStart = 0;
