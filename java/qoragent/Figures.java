@@ -43,10 +43,11 @@ final class Figures {
     /**
      * Appends the record of the system as a whole: its title, a record end, and pairs of the process's CPU
      * time (ns), the machine's load average, live threads, most threads so far, daemons, loaded classes and
-     * the time since the start (ms).
+     * the time since the start (ms); "^" when none is known.
      */
     static void system(StringBuilder text) {
         text.append("Java System Data").append(RECORD_END);
+        int start = text.length();
         try {
             OperatingSystemMXBean machine = ManagementFactory.getOperatingSystemMXBean();
             ThreadMXBean threads = ManagementFactory.getThreadMXBean();
@@ -59,6 +60,8 @@ final class Figures {
             text.append(" uptime=").append(ManagementFactory.getRuntimeMXBean().getUptime());
         } catch (Throwable noManagement) {
             // what stands so far is whole pairs
+            if (text.length() == start)
+                text.append('^');
         }
     }
 
