@@ -5,6 +5,7 @@
 #include "RequestHandler/records.h"
 #include "SampleReply.h"
 #include "Xtier/LocalWalk.h"
+#include "jvmti/JavaClasses.h"
 #include "jvmti/ThreadSystem.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr char CUSTOMERS[] = "qoragent/testing/Customers";
 constexpr char TIERS[] = "qoragent/testing/Tiers";
+constexpr char ENRICHER[] = "qoragent/testing/Enricher";
 constexpr char URL[] = "jdbc:tessar:thin:@//127.0.0.1/SHOP";
 
 struct CrossTier : SessionTest {
@@ -340,18 +342,77 @@ TEST_F(CrossTier, AThousandThreadsInTheirDatabase) {
     ExpectCustomer(reply, MAX_WALK_THREADS - 41, "last");
 }
 
+// Files and the server's work have no column: the Java side is asked with them.
+TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
+    CallVoid(TIERS, "start", "()V");
+    ZooVisit zoo("file-read,file-read-bytes,file-reader,random-access-read");
+    static char page[PAGEBUF_SIZE];
+    char *const savedPage = pagebuf;
+    pagebuf = page;
+    page[0] = 0;
+    e2eclass = static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass(ENRICHER)));
+    jobjclass = static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass("java/lang/Object")));
+    jstringclass = static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass("java/lang/String")));
+    CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", nullptr);
+    reqid = QORREQ_POLL_DETAILS;
+    poll_details = FLAG_POLL_DETAILS;
+    trace_all_threads = FLAG_TRACE_ALL_THREADS;
+    char *args[CONSOLE_ARG_COUNT] = {};
+    QorHandleShowJVMRequest(reqid, page, PAGEBUF_SIZE, args);
+    const std::string asked = TextOf(CallObject(ENRICHER, "asked", "()Ljava/lang/String;"));
+    for (const char *file : {"file-read", "file-read-bytes", "file-reader", "random-access-read"})
+        EXPECT_NE(asked.find(std::string("/") + file + ","), std::string::npos) << file << asked;
+    EXPECT_NE(asked.find(",0,1,,orders,orders.war,default,session of /served,"), std::string::npos) << asked;
+
+    reqid = 0;
+    pagebuf = savedPage;
+    for (jclass *klass : {&e2eclass, &jobjclass, &jstringclass}) {
+        Env()->DeleteGlobalRef(*klass);
+        *klass = nullptr;
+    }
+}
+
+// The JVMs on which locals are read while the frames are walked.
+TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
+    CallVoid(TIERS, "start", "()V");
+    StartCustomers(2, 100);
+    gbQorRELocal = 1;
+    const SampleReply reply = Sample(true);
+    const StackView view = AskStack(KeyOf(reply, "zoo-jserv"));
+    const std::string found = Ask(QORREQ_DB_XTIER, LocalPort(1));
+    gbQorRELocal = 0;
+    EXPECT_EQ("/jserv", reply.Find("zoo-jserv")->url);
+    EXPECT_EQ("/ferrule", reply.Find("zoo-ferrule-run")->url);
+    EXPECT_EQ("^", reply.Find("zoo-view")->url) << "the request of another thread";
+    EXPECT_NE(std::string::npos, reply.Find("zoo-view")->call.find("Unsafe->park"));
+    EXPECT_EQ(" ", view.url);
+
+    // This way knows prepared statements alone, and reads no SQL text.
+    const std::vector<std::string> block = reply.Find("customer-1")->detail10;
+    EXPECT_EQ((std::vector<std::string>{URL, "scott", LocalPort(1), ServerPort(), "127.0.0.1"}),
+              std::vector<std::string>(block.begin(), block.begin() + 5));
+    EXPECT_EQ("^", block[7]);
+    EXPECT_EQ("customer-1|" + KeyOf(reply, "customer-1"), found);
+    EXPECT_EQ("^", reply.Find("customer-0")->detail10[0]);
+}
+
 TEST_F(CrossTier, PollsKeepNoReference) {
     CallVoid(TIERS, "start", "()V");
     StartCustomers(4, 5000);
-    const auto pollAll = [](int times) {
-        for (int i = 0; i < times; ++i) {
-            const SampleReply reply = Sample(i % 2 == 0);
-            AskStack(KeyOf(reply, FRAMEWORKS[i % 6].thread));
+    constexpr int POLLS = 10000;
+    const auto poll = [](int times) {
+        const std::string key = KeyOf(Sample(false), FRAMEWORKS[0].thread);
+        for (int i = 0; i < times; i += 4) {
+            poll_details = i % 8 == 0 ? FLAG_POLL_DETAILS : 0;
+            Ask(QORREQ_POLL_DETAILS);
+            Ask(QORREQ_ACTIVE_THREADS);
+            Ask(QORREQ_THREAD_DETAILS, "", key);
             Ask(QORREQ_DB_XTIER, "1");
         }
     };
-    pollAll(20);
+    poll(40);
     const int64_t before = CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J");
-    pollAll(500);
+    poll(POLLS);
     EXPECT_LE(CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), before + 3);
+    ExpectCustomer(Sample(true), 3, "after all");
 }

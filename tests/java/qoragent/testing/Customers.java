@@ -5,11 +5,15 @@ import java.util.List;
 import qoragent.models.Execution;
 import tessar.jdbc.dbaccess.DBAccess;
 import tessar.jdbc.driver.TessarConnection;
+import tessar.jdbc.driver.TessarPreparedStatement;
 import tessar.jdbc.driver.TessarStatement;
 import tessar.net.ns.Communication;
 import tessar.net.nt.SilentServer;
 
-/** Threads "customer-0" and up, each waiting for a database over a connection of its own. */
+/**
+ * Threads "customer-0" and up, each waiting for a database over a connection of its own; the odd ones in a
+ * prepared statement.
+ */
 public final class Customers {
     public static final String URL = "jdbc:tessar:thin:@//127.0.0.1/SHOP";
 
@@ -28,8 +32,10 @@ public final class Customers {
             int number = connections.size();
             connections.add(connection);
             TessarConnection session = new TessarConnection(URL, "scott", new DBAccess(connection));
-            executions.add(
-                Execution.of("customer-" + number, new TessarStatement(session, sql(number, length))));
+            String text = sql(number, length);
+            executions.add(Execution.of("customer-" + number,
+                                        number % 2 == 0 ? new TessarStatement(session, text)
+                                                        : new TessarPreparedStatement(session, text)));
         }
     }
 
