@@ -73,7 +73,7 @@ void RunLocals(const Settings &settings, pid_t pid, const std::string &thread_na
     const Thread &thread = sample.threads[0];
     const Frame *frame = nullptr;
     for (const Frame &row : thread.stack)
-        if (row.index == frame_index)
+        if (row.index == frame_index && !row.framework)
             frame = &row;
     if (!frame)
         throw Failure(fmt::format("thread {} shows {} frames, from 0 at the top; there is no frame {}",

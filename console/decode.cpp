@@ -50,9 +50,21 @@ constexpr Refusal REFUSALS[] = {
     {"ERROR Null parameters for request", "the request lacks its arguments"},
 };
 
-// Call text, file, line. A method name can't hold the arrow, a class name can: the last one separates.
+// A method name can't hold the arrow, a class name can: the last one separates. A framework's words hold
+// none, the texts behind them may.
+size_t FindArrow(std::string_view call, bool *framework) {
+    size_t first = call.find(CALL_ARROW);
+    for (std::string_view word : FRAMEWORK_OBJECTS)
+        if (call.substr(0, first) == word) {
+            *framework = true;
+            return first;
+        }
+    return call.rfind(CALL_ARROW);
+}
+
+// Call text, file, line.
 bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_view line, Frame *frame) {
-    size_t arrow = call.rfind(CALL_ARROW);
+    size_t arrow = FindArrow(call, &frame->framework);
     if (arrow == call.npos)
         return false;
     frame->class_name = call.substr(0, arrow);
@@ -90,13 +102,17 @@ bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
 bool ReadStackRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
+    if (field.size() == 4 && field[3].empty()) // what a framework works on has no more than this
+        return ReadFrameGroup(field[0], field[1], field[2], frame) && frame->framework;
     if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
         !ReadNumber(field[5], &frame->method_id))
         return false;
     size_t count_end = field[0].find(' ');
     if (count_end != field[0].npos && field[0].substr(count_end) == SKIPPED_FRAMES)
         return ReadNumber(field[0].substr(0, count_end), &frame->skipped) && frame->skipped > 0;
-    return ReadFrameGroup(field[0], field[1], field[2], frame);
+    bool read = ReadFrameGroup(field[0], field[1], field[2], frame);
+    frame->framework = false; // but a class of such a name
+    return read;
 }
 
 // The wire's lock text is "class@id" where the id is known anyway.
@@ -136,9 +152,12 @@ bool ReadCallType(std::string_view text, Frame *frame) {
 bool ReadFrameRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
-    return field.size() == 9 && ReadCallType(field[0], frame) && ReadNumber(field[1], &thread) &&
-           ReadNumber(field[2], &frame->index) && ReadNumber(field[3], &frame->method_id) &&
-           ReadFrameGroup(field[6], field[7], field[8], frame);
+    if (field.size() != 9 || !ReadCallType(field[0], frame) || !ReadNumber(field[1], &thread) ||
+        !ReadNumber(field[2], &frame->index) || !ReadNumber(field[3], &frame->method_id) ||
+        !ReadFrameGroup(field[6], field[7], field[8], frame))
+        return false;
+    frame->framework = frame->framework && frame->method_id == 0;
+    return true;
 }
 
 // The head of the view of one stack. A thread whose frames could not be had has a name and nothing else.

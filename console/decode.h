@@ -56,7 +56,8 @@ struct Frame {
     int index = 0;    // 0 at the top of the stack
     int64_t method_id = 0;
     std::optional<bool> user; // whether it is a call of the application; only the view of one stack tells
-    int64_t skipped = 0;      // not a frame but this many frames left out, the first of them at `index`
+    bool framework = false; // not a frame but the object that a framework works on there: no index, no method
+    int64_t skipped = 0;    // not a frame but this many frames left out, the first of them at `index`
 };
 
 struct DbWait {

@@ -25,13 +25,13 @@ Json ToJson(const Frame &frame) {
 }
 
 Json StackRow(const Frame &frame) {
-    Json row = {{"index", frame.index}};
+    Json row = {{"index", frame.framework ? Json() : Json(frame.index)}};
     if (frame.skipped > 0) {
         row["skipped"] = frame.skipped;
         return row;
     }
     row.update(ToJson(frame));
-    row["method_id"] = frame.method_id;
+    row["method_id"] = frame.framework ? Json() : Json(frame.method_id);
     if (frame.user)
         row["application"] = *frame.user;
     return row;

@@ -46,6 +46,8 @@ constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing requ
 constexpr std::string_view USER_CALL = "user"; // of the application, by the rules
 constexpr std::string_view SYSTEM_CALL = "sys";
 constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and performance optimization";
+// In the class's place of a call: the method's place then has the name of what a framework works on.
+constexpr std::string_view FRAMEWORK_OBJECTS[] = {"View_Object", "Entity_Object", "EL_Exp", "Groovy_Script"};
 constexpr std::string_view GC_NAME_TAIL = " GC Count"; // behind the name of a collector
 constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
 constexpr std::string_view DUMPED_TO = "Heap details dumped to ";

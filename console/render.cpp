@@ -57,7 +57,7 @@ public:
             if (first && thread_.waits_for)
                 Row(WaitText(thread_, names), StateColourOf("Lock"));
             first = false;
-            if (frame.skipped == 0)
+            if (frame.skipped == 0 && !frame.framework)
                 Locks(frame.index, frame.index, false);
         }
         for (const OwnedLock &lock : thread_.owns)
@@ -84,7 +84,8 @@ private:
 
     bool Shown(const OwnedLock &lock) const {
         for (const Frame &frame : thread_.stack)
-            if (lock.depth >= frame.index && lock.depth < frame.index + std::max<int64_t>(frame.skipped, 1))
+            if (!frame.framework && lock.depth >= frame.index &&
+                lock.depth < frame.index + std::max<int64_t>(frame.skipped, 1))
                 return true;
         return false;
     }
@@ -248,7 +249,10 @@ std::string SampleNotes(const ThreadSample &sample, int os_threads) {
 }
 
 std::string StackNotes(const ThreadSample &sample) {
-    size_t frames = sample.threads.empty() ? 0 : sample.threads[0].stack.size();
+    const std::vector<Frame> none;
+    const std::vector<Frame> &stack = sample.threads.empty() ? none : sample.threads[0].stack;
+    auto frames =
+        std::count_if(stack.begin(), stack.end(), [](const Frame &frame) { return !frame.framework; });
     std::string text = fmt::format("{} frame{}", frames, frames == 1 ? "" : "s");
     if (sample.jvm_microseconds)
         text += fmt::format(", {} us in the JVM", *sample.jvm_microseconds);

@@ -128,6 +128,38 @@ TEST(Render, ThreadsOfOtherTiers) {
     EXPECT_NE(ThreadDump(sample, narrow).find("   sql: sel\xe2\x80\xa6\n"), std::string::npos);
 }
 
+// What a framework works on stands for the current call and as a row of its own among those of the stack.
+TEST(Frameworks, ObjectsAreNoFrames) {
+    std::string details = Wire("Thread Info Details;n~^~^~^~1-2~EL_Exp->a->b~EL_Exp~0~Lock!Call Stack"
+                               ";a.B->c~B.java~4~2~0~9~^~^;EL_Exp->a->b~El_Exp~0~"
+                               ";View_Object->d~V.java~4~2~1~8~^~^!JVM Locks;5~0~a.L@5~-1;!" +
+                               TIMING);
+    ThreadSample sample = DecodeThreads(OpenReply(details));
+    ASSERT_EQ(sample.threads.size(), 1u);
+    const Thread &thread = sample.threads[0];
+    EXPECT_EQ(thread.call->class_name, "EL_Exp");
+    EXPECT_EQ(thread.call->method, "a->b");
+    ASSERT_EQ(thread.stack.size(), 3u);
+    EXPECT_FALSE(thread.stack[0].framework || thread.stack[2].framework);
+    EXPECT_TRUE(thread.stack[1].framework);
+    EXPECT_EQ(thread.stack[1].method, "a->b");
+    EXPECT_TRUE(ToJson(sample)["threads"][0]["stack"][1]["index"].is_null());
+    EXPECT_NE(ThreadDump(sample, Style()).find("by a frame that isn't known"), std::string::npos);
+
+    std::string stack = Wire("Thread Info Details;n~^~ ~ ~1-2~View_Object->Orders~V.java~0~Lock!Call Stack;"
+                             "user~2~0~9~2~3~a.B->c~B.java~4;user~2~7~0~2~3~View_Object->Orders~V.java~0;"
+                             "sys~2~7~8~2~3~a.B->d~B.java~5;!JVM Locks;0~0~a.L@5~7;!" +
+                             TIMING);
+    sample = DecodeStack(OpenReply(stack));
+    ASSERT_EQ(sample.threads[0].stack.size(), 3u);
+    EXPECT_TRUE(sample.threads[0].stack[1].framework);
+    std::string dump = ThreadDump(sample, Style());
+    EXPECT_NE(dump.find("\tat View_Object.Orders(V.java)\n\tat a.B.d(B.java:5)\n\t- locked"), dump.npos)
+        << dump;
+    EXPECT_EQ(dump.find("- locked"), dump.rfind("- locked"));
+    EXPECT_EQ(StackNotes(sample).find("2 frames"), 0u);
+}
+
 // Of the poll's view of a thread, what goes with another state is left aside.
 TEST(TakeTiers, CallsGoWithTheState) {
     Thread poll = Threads(Row("1", DB_BLOCK + ADDED)).threads[0];
