@@ -21,6 +21,7 @@ public final class Agent {
     private static final String RUNNING = "running";
     private static final String STOPPED = "stopped";
     private static final String SHUTDOWN = "SHUTDOWN";
+    private static final String FORK_DUMPS = "516|NoProcessing|forkdump|1";
     private static final int JVM_UNSUPPORTED = 7;
 
     /**
@@ -89,6 +90,8 @@ public final class Agent {
             if (status != 0)
                 throw new IllegalStateException(reason(status));
             running = true;
+            if (wanted.text("forkdump").equals("true"))
+                dataFromNative(FORK_DUMPS);
             options = wanted;
             relay = door;
             System.setProperty(STATUS_PROPERTY, RUNNING);

@@ -89,6 +89,7 @@ final class Options {
                  Key.number("localquota", 0, 0, 100),
                  Key.number("stackqueried", 1000, 1, MAX),
                  Key.number("stackrecorded", 300, 1, MAX),
+                 Key.choice("forkdump", "false", "false", "true"),
                  Key.choice("relay", "on", "on", "off"),
                  Key.text("bind", "127.0.0.1"),
                  Key.number("port", 0, 0, 65535),

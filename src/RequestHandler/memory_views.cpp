@@ -155,6 +155,11 @@ void QorShowClassHistogram(QorText *reply) {
     int64_t count = 0;
     QorClassCountEntry *entries = nullptr;
     QorClassInstanceCounts(&count, &entries);
+    if (qorNoHistogram) {
+        QorTextAppend(reply, qorNoHistogram);
+        QorTextAppendChar(reply, SECTION_END);
+        return;
+    }
     if (count != 1)
         AppendTitle(reply, "JVM Class Details");
     for (int64_t i = count - 1; i >= 1 && i >= count - HISTOGRAM_ROWS; i--) {

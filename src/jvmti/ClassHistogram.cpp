@@ -1,5 +1,6 @@
 #include "ClassHistogram.h"
 
+#include "ForkedHistogram.h"
 #include "JniCalls.h"
 #include "MethodTable.h"
 #include "Session.h"
@@ -12,6 +13,7 @@
 #include <utility>
 
 int32_t gbiclassCount;
+const char *qorNoHistogram;
 
 namespace {
 
@@ -49,6 +51,10 @@ void TagClasses(jvmtiEnv *env, const jclass *classes, QorClassCountEntry *entrie
 }
 
 bool CountHeap(jvmtiEnv *env, QorClassCountEntry *entries) {
+    if (QorGetForkHeapDumpCapability()) {
+        qorNoHistogram = QorCountHeapInCopy(env, entries);
+        return !qorNoHistogram;
+    }
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_iteration_callback = cbObjectCounter;
     timeval start, end;
@@ -109,6 +115,7 @@ QorClassCountEntry *CountClasses(jvmtiEnv *env) {
 int32_t QorClassInstanceCounts(int64_t *count, QorClassCountEntry **entries) {
     *count = 0;
     *entries = nullptr;
+    qorNoHistogram = nullptr;
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
         QORLOG(LOG_ERROR, " QorGetMemory Out of Memory");

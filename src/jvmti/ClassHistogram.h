@@ -2,7 +2,8 @@
 //
 // Classes are tagged by their place in the list, and the pass only adds up; no object is tagged or kept. The
 // JVM stands still for the pass. Dead objects that the collector has not taken yet are counted, as the JVM
-// reports them. Worker only.
+// reports them. Where forking is on, a copy of the process makes the pass, and the JVM stands still for the
+// fork alone; see ForkedHistogram.h for what is then counted. Worker only.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,8 @@ struct QorClassCountEntry {
     const char *name;    // the JVM's signature, at most 1,023 bytes, or "NULL"; "" when not tagged
 };
 
-extern int32_t gbiclassCount; // entries of the pass
+extern int32_t gbiclassCount;      // entries of the pass
+extern const char *qorNoHistogram; // why the last pass was refused or failed, for the reply; null for nothing
 
 // Counts and sorts by size, smallest first. 0, or -1 with *count 0 and *entries null. The caller gives the
 // entries back by QorFreeClassCounts.

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <unistd.h>
 
+int32_t gbiForkHeapShares = 3;
+
 namespace {
 
 constexpr int MIB_SHIFT = 20;
@@ -69,14 +71,28 @@ const char *QorForkRefusalText(int32_t refusal) {
     return "Unable to start Heap Dump due to OS Error.";
 }
 
-int32_t QorCheckFork(uint32_t heapShares) {
+const char *QorForkFailureText(QorForkState state, int32_t error) {
+    switch (state) {
+    case FORK_FAILED:
+        return strerror(error);
+    case FORK_STUCK:
+        return "its process stood still";
+    case FORK_FAULT:
+        return "a fault in its process";
+    default:
+        return "its process was ended";
+    }
+}
+
+int32_t QorCheckFork() {
     if (QorForkedChildLives())
         return FORK_REFUSED_BUSY;
     if (HasHeapFile() || !HeapIsPrivate()) {
         QORLOG(LOG_WARNING, "No copy of the process: the heap is shared memory");
         return FORK_REFUSED_SHARED_HEAP;
     }
-    const uint64_t needed = QorGetUsedMemory() * heapShares, headroom = QorMemoryHeadroom();
+    const uint64_t needed = QorGetUsedMemory() * static_cast<uint64_t>(gbiForkHeapShares),
+                   headroom = QorMemoryHeadroom();
     if (needed <= headroom)
         return 0;
     QORLOG(LOG_WARNING, "System low on Virtual Memory, Unable to start heap Dump");

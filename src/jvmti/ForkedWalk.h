@@ -26,9 +26,20 @@ enum QorForkRefusal : int32_t {
 // What a reply says of a refusal, unterminated by any separator.
 const char *QorForkRefusalText(int32_t refusal);
 
-// Whether the process can bear a copy: 0 or the refusal, logged. `heapShares`: memory that the copy will take
-// as a multiple of the heap in use.
-int32_t QorCheckFork(uint32_t heapShares);
+// Why a copy came to no good end, for the end of a sentence.
+const char *QorForkFailureText(QorForkState state, int32_t error);
+
+// How often a copy is made in all when it comes to no end: the fork may catch another thread of the JVM with
+// a lock in its hands that the walk then waits for.
+constexpr int FORK_ATTEMPTS = 2;
+
+// Whether the process can bear a copy: 0 or the refusal, logged.
+int32_t QorCheckFork();
+
+// Memory that a copy may take, as a multiple of the heap in use: the pages of all objects, as the walk marks
+// or the application changes them, and tags on the objects, which come to about twice that. Tests make it
+// large.
+extern int32_t gbiForkHeapShares;
 
 // In a walk's callback, first of all. True where the walk goes on: in the copy. In the parent the callback
 // then ends the walk.

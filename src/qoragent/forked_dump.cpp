@@ -25,8 +25,6 @@ int32_t pipe_fd_FP[2] = {-1, -1};
 
 namespace {
 
-constexpr int ATTEMPTS = 2; // a copy that the fork caught at a bad moment is made once more
-
 void Append(const char *text) {
     QorStrncat(pagebuf, text, PAGEBUF_SIZE);
 }
@@ -44,14 +42,7 @@ int32_t SecondsSince(time_t start) {
 // Why the file isn't whole.
 void AppendFailure(QorForkState state, int32_t error) {
     char text[256];
-    const char *reason = "its process was ended";
-    if (state == FORK_FAILED)
-        reason = strerror(error);
-    else if (state == FORK_STUCK)
-        reason = "its process stood still";
-    else if (state == FORK_FAULT)
-        reason = "a fault in its process";
-    snprintf(text, sizeof text, "JVM Heap:Heap dump failed, %s", reason);
+    snprintf(text, sizeof text, "JVM Heap:Heap dump failed, %s", QorForkFailureText(state, error));
     QORLOG(LOG_ERROR, "%s", text);
     Append(text);
 }
@@ -101,9 +92,9 @@ void Dump() {
     const int32_t limit = qor_max_timeout ? qor_max_timeout : DEFAULT_WAIT_SECONDS;
     timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
-    for (int attempt = 1; attempt <= ATTEMPTS; attempt++) {
+    for (int attempt = 1; attempt <= FORK_ATTEMPTS; attempt++) {
         const int32_t left = limit - SecondsSince(start.tv_sec);
-        const Attempt outcome = ForkAndWait(left > 0 ? left : 1, attempt == ATTEMPTS);
+        const Attempt outcome = ForkAndWait(left > 0 ? left : 1, attempt == FORK_ATTEMPTS);
         qor_close_pipe(pipe_fd_FP);
         zombie_reaper();
         if (outcome == ANSWERED)

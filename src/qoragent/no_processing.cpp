@@ -72,9 +72,12 @@ struct Key {
     void (*apply)(char *value);
 };
 constexpr Key KEYS[] = {
-    {"qorloglevel", true, SetLogLevel},  {"qorheapdir", true, SetHeapDir},
-    {"qorretry", true, SetRetry},        {"forkdump", true, SetForkDump},
-    {"activethreads", true, ReadRules},  {"getJavaString", true, ShowJavaString},
+    {"qorloglevel", true, SetLogLevel},
+    {"qorheapdir", true, SetHeapDir},
+    {"qorretry", true, SetRetry},
+    {"forkdump", true, SetForkDump}, // text dumps and histograms by a copy of the process
+    {"activethreads", true, ReadRules},
+    {"getJavaString", true, ShowJavaString},
     {"CZPRequest", false, ReapChildren},
 };
 

@@ -17,8 +17,9 @@ std::string ReadFile(const std::string &path) {
 // One text dump on its way through the lines.
 struct TextReader {
     TextDump &dump;
-    std::set<int64_t> met;        // numbers that a root or a reference has led to
-    std::set<int64_t> namedLater; // class numbers; the class records come at the end
+    std::set<int64_t> met;                        // numbers that a root or a reference has led to
+    std::map<int64_t, std::set<int64_t>> reached; // objects that fields refer to, by class
+    std::set<int64_t> namedLater;                 // class numbers; the class records come at the end
     TextDump::Array *array = nullptr;
     int64_t instance = -1, klass = -1;
     bool sawOther = false; // the last roots of the walk's first part
@@ -93,7 +94,7 @@ struct TextReader {
         if (fields == 1 && array)
             array->elements++;
         else if (fields >= 3 && instance >= 0)
-            dump.references[instance].push_back(object);
+            dump.references[instance].push_back(object), reached[itsClass].insert(object);
         else if (fields != 4 || klass < 0 || owner != klass)
             Fail(line, "no reference that fits what stands above it");
         Meet(object);
@@ -132,10 +133,28 @@ struct TextReader {
             Fail(line, "no record");
     }
 
+    // Whatever a reference leads to has been visited: an array of primitives has its record, anything else
+    // refers to its class. Classes are visited in another way.
+    void CheckVisits() {
+        std::set<int64_t> visited;
+        for (const TextDump::Array &a : dump.arrays)
+            visited.insert(a.number);
+        for (const auto &row : reached) {
+            const std::string name = dump.classNames[row.first];
+            if (row.first > 99 && name != "Ljava/lang/Class;" && name != "" &&
+                dump.instances[row.first] < static_cast<int64_t>(row.second.size()))
+                Fail(name, "fewer objects of the class visited than referred to");
+            for (int64_t number : row.second)
+                if (row.first > 0 && row.first < 100 && !visited.count(number))
+                    Fail(std::to_string(number), "an array that was not visited");
+        }
+    }
+
     void Finish() {
         for (int64_t number : namedLater)
             if (!dump.classNames.count(number))
                 Fail(std::to_string(number), "no class of this number");
+        CheckVisits();
         dump.objects = static_cast<int64_t>(met.size());
     }
 };
@@ -271,7 +290,7 @@ TextDump TextDump::Read(const std::string &path) {
     dump.trailer = text.substr(last + 1);
     dump.body = text.substr(first + 1, last - first);
     std::istringstream in(dump.body);
-    TextReader reader{dump, {}, {}};
+    TextReader reader{dump, {}, {}, {}};
     for (std::string line; std::getline(in, line);)
         reader.Line(line);
     reader.Finish();

@@ -8,7 +8,8 @@
 #include <vector>
 
 // A text dump, taken apart line by line. `error` names the first line that no record has, or the first number
-// that nothing in the file leads to.
+// that nothing in the file leads to, or the first class with references to
+// more objects than the walk has visited.
 struct TextDump {
     static TextDump Read(const std::string &path);
 

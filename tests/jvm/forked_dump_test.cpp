@@ -1,32 +1,292 @@
-// Dumps and histograms that a copy of the process makes, against what the worker makes of the same heap.
+// Dumps and histograms that a copy of the process makes, against what the worker makes of the same heap, and
+// what they leave in the process.
 #include "AgentNatives.h"
+#include "Descriptors.h"
+#include "DumpFolder.h"
 #include "DumpReaders.h"
+#include "LogCapture.h"
+#include "jvmti/ClassHistogram.h"
+#include "jvmti/ForkedWalk.h"
+#include "jvmti/heapdump/DumpState.h"
+#include "jvmti/heapdump/ForkedDump.h"
+#include "jvmti/heapdump/HeapDump.h"
+#include "platforms/linux.h"
 #include "qorsettings.h"
 
-#include <filesystem>
-
-namespace fs = std::filesystem;
+#include <atomic>
+#include <csignal>
+#include <dirent.h>
+#include <fstream>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
+constexpr char SHOP[] = "qoragent/testing/HeapShop", NODE[] = "Lqoragent/testing/HeapShop$Node;";
+constexpr char FORKING[] = "qoragent/testing/Forking";
+constexpr char STARTED[] = "JVM Heap dump started.\x1f";
 constexpr char COMPLETED[] = "JVM Heap dump started.\x1fJVM Heap:Heap dump completed sucessfully";
+constexpr char DUMP[] = "516|showmem|256|dump|7", HISTOGRAM[] = "516|showmem|512|ClassHistogramOnly";
+constexpr int64_t NODES = 1234, LEAVES = 77;
 
+// Process ids of the copies that live, or have not been collected.
+std::vector<pid_t> Copies() {
+    std::vector<pid_t> found;
+    DIR *dir = opendir("/proc");
+    while (const dirent *entry = readdir(dir)) {
+        const std::string pid = entry->d_name;
+        std::ifstream in("/proc/" + pid + "/stat");
+        std::string line;
+        if (!isdigit(pid[0]) || !std::getline(in, line))
+            continue;
+        const size_t name = line.rfind(')');
+        if (std::stoi(line.substr(name + 4)) == getpid())
+            if (line.find("(QORD Heap Dump)") != std::string::npos)
+                found.push_back(std::stoi(pid));
+    }
+    closedir(dir);
+    return found;
+}
+
+int Mappings(const char *word) {
+    std::ifstream in("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(in, line);)
+        count += line.find(word) != std::string::npos;
+    return count;
+}
+
+// The collectors whose heaps are dumped, each in a JVM of its own.
+struct Serial {
+    static constexpr char OPTION[] = "-XX:+UseSerialGC";
+};
+struct Parallel {
+    static constexpr char OPTION[] = "-XX:+UseParallelGC";
+};
+struct G1 {
+    static constexpr char OPTION[] = "-XX:+UseG1GC";
+};
+using Collectors = testing::Types<Serial, Parallel, G1>;
+struct CollectorNames {
+    template <class Collector>
+    static std::string GetName(int) {
+        return Collector::OPTION + sizeof "-XX:+Use" - 1;
+    }
+};
+
+// The filled shop in a session, dumped from the test's thread.
+template <class Collector>
+struct QuietHeap : SessionTest {
+    static void SetUpTestSuite() { StartJvm({"-Xmx64m", Collector::OPTION}); }
+    void SetUp() override {
+        SessionTest::SetUp();
+        CallVoid(SHOP, "fill", "()V");
+        CallVoid(SHOP, "gc", "()V");
+    }
+    void TearDown() override {
+        QorSetForkHeapDumpCapability(0);
+        CallVoid(SHOP, "empty", "()V");
+        SessionTest::TearDown();
+    }
+
+    TextDump Forked() {
+        int32_t pipe[2], error = 0;
+        EXPECT_TRUE(qor_create_pipe(pipe));
+        EXPECT_GT(QorForkHeapDump(in("dump").c_str(), pipe), 0);
+        qor_close_handle(&pipe[1]);
+        EXPECT_TRUE(QorWaitForFork(pipe[0], 60));
+        EXPECT_EQ(QorForkOutcome(&error), FORK_DONE);
+        QorForgetFork();
+        qor_close_pipe(pipe);
+        return TextDump::Read(in("dump"));
+    }
+    TextDump ByTheWorker() {
+        EXPECT_EQ(QorHeapDump(in("dump").c_str()), 0);
+        return TextDump::Read(in("dump"));
+    }
+
+    DumpFolder in;
+};
+
+TYPED_TEST_SUITE(QuietHeap, Collectors, CollectorNames);
+
+TYPED_TEST(QuietHeap, ForkedDumpEqualsTheOneOfTheProcess) {
+    this->ByTheWorker(); // where the JVM keeps this thread's references is settled by the first
+    const int32_t run = igbCurrentRun;
+    const TextDump forked = this->Forked();
+    EXPECT_EQ(igbCurrentRun, run);
+    const TextDump own = this->ByTheWorker();
+    EXPECT_EQ(forked.error, "");
+    EXPECT_EQ(forked.InstancesOf(NODE), NODES);
+    EXPECT_EQ(forked.header.substr(0, 9), own.header.substr(0, 9));
+    EXPECT_EQ(forked.trailer, own.trailer);
+    ASSERT_EQ(forked.body.size(), own.body.size());
+    EXPECT_TRUE(forked.body == own.body);
+}
+
+std::map<std::string, std::pair<int64_t, int64_t>> Count() {
+    int64_t count = 0;
+    QorClassCountEntry *entries = nullptr;
+    EXPECT_EQ(QorClassInstanceCounts(&count, &entries), 0) << qorNoHistogram;
+    std::map<std::string, std::pair<int64_t, int64_t>> rows;
+    for (int64_t i = 0; i < count; i++)
+        rows[entries[i].name] = {entries[i].count, entries[i].size};
+    QorFreeClassCounts(entries, count);
+    return rows;
+}
+
+TYPED_TEST(QuietHeap, ForkedHistogramCountsWhatIsReachable) {
+    QorSetForkHeapDumpCapability(1);
+    const auto rows = Count();
+    const TextDump dump = this->Forked();
+    // Of the text dump: instances by their records; arrays, which have sizes of their own.
+    std::map<std::string, std::pair<int64_t, int64_t>> arrays;
+    for (const TextDump::Array &a : dump.arrays) {
+        auto &row = arrays[dump.classNames.at(a.klass)];
+        row.first++;
+        row.second += a.size;
+    }
+    EXPECT_EQ(rows.at(NODE).first, NODES);
+    EXPECT_EQ(rows.at("Lqoragent/testing/HeapShop$Leaf;").first, LEAVES);
+    EXPECT_EQ(rows.at("[I"), arrays.at("[I"));
+    EXPECT_EQ(rows.at("[Lqoragent/testing/HeapShop$Node;"), arrays.at("[Lqoragent/testing/HeapShop$Node;"));
+    EXPECT_EQ(rows.at("[Lqoragent/testing/HeapShop$Leaf;").first, 1) << "an array that refers to nothing";
+    QorSetForkHeapDumpCapability(0);
+    const auto all = Count(); // dead objects too
+    for (const auto &row : rows)
+        EXPECT_LE(row.second.first, all.at(row.first).first) << row.first;
+    for (const char *klass : {NODE, "Lqoragent/testing/HeapShop$Leaf;", "Ljava/lang/Class;"})
+        EXPECT_EQ(rows.at(klass), all.at(klass)) << klass;
+}
+
+// Requests for forked dumps.
 struct ForkedDump : AgentTest {
     void SetUp() override {
         AgentTest::SetUp();
         StartArguments start;
-        start.timeout = 60;
-        start.logLevel = 3;
+        start.timeout = 100;
         ASSERT_EQ(StartAgent(start), 0);
+        Ask("516|NoProcessing|qorheapdir|" + in.path.string());
         ASSERT_EQ(Ask("516|NoProcessing|forkdump|1"), "Changed forkdump to 1");
+    }
+    void TearDown() override {
+        gbiForkStandstill = 30000;
+        gbiForkHeapShares = 3;
+        AgentTest::TearDown();
+    }
+
+    DumpFolder in;
+};
+
+template <class Collector>
+struct BusyHeap : ForkedDump {
+    static void SetUpTestSuite() { StartJvm({"-Xmx64m", Collector::OPTION}); }
+};
+TYPED_TEST_SUITE(BusyHeap, Collectors, CollectorNames);
+
+TYPED_TEST(BusyHeap, DumpsAreRightAndTheApplicationsChildrenKeepTheirExitCodes) {
+    const char *wanted = getenv("QOR_TEST_CHILDREN"); // a thousand take minutes
+    const int64_t children = wanted ? atoll(wanted) : 100;
+    CallVoid(FORKING, "start", "()V");
+    CallVoid("qoragent/testing/ClassChurn", "start", "()V");
+    int dumps = 0;
+    for (; CallLong(FORKING, "children", "()J") < children && !testing::Test::HasFailure(); dumps++) {
+        ASSERT_EQ(Ask(DUMP), COMPLETED);
+        const TextDump dump = TextDump::Read(this->in("dump"));
+        EXPECT_EQ(dump.error, "");
+        EXPECT_EQ(dump.trailer.compare(0, 10, " Finished "), 0);
+        EXPECT_NE(Ask(HISTOGRAM).find("JVM Class Details\x1e"), std::string::npos);
+    }
+    CallVoid("qoragent/testing/ClassChurn", "stop", "()V");
+    CallVoid(FORKING, "stop", "()V");
+    EXPECT_EQ(CallLong(FORKING, "wrong", "()J"), 0);
+    EXPECT_GT(dumps, 0);
+}
+
+TEST_F(ForkedDump, AHundredLeaveNothing) {
+    Ask(DUMP);
+    Ask(HISTOGRAM);
+    const int descriptors = OpenDescriptors(), shared = Mappings("rw-s"), all = Mappings("-");
+    for (int i = 0; i < 50; i++) {
+        ASSERT_EQ(Ask(DUMP), COMPLETED);
+        ASSERT_NE(Ask(HISTOGRAM).find("JVM Class Details\x1e"), std::string::npos);
+    }
+    EXPECT_EQ(Copies(), std::vector<pid_t>());
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_EQ(Mappings("rw-s"), shared);
+    EXPECT_LT(Mappings("-"), all + 20); // the JVM itself grows by some
+}
+
+// Sends a signal to the first copies that come up, one each.
+std::thread Disturb(int copies, int signal) {
+    return std::thread([copies, signal] {
+        std::set<pid_t> met;
+        while (static_cast<int>(met.size()) < copies)
+            for (pid_t pid : Copies())
+                if (met.insert(pid).second)
+                    kill(pid, signal);
+    });
+}
+
+TEST_F(ForkedDump, ACopyThatIsStoppedIsKilledAndMadeOnceMore) {
+    gbiForkStandstill = 2500;
+    LogCapture log(3);
+    std::thread disturber = Disturb(1, SIGSTOP);
+    EXPECT_EQ(Ask(DUMP), COMPLETED);
+    disturber.join();
+    EXPECT_EQ(log.count("writes it"), 2);
+    EXPECT_EQ(TextDump::Read(in("dump")).error, "");
+    EXPECT_EQ(Copies(), std::vector<pid_t>());
+}
+
+TEST_F(ForkedDump, CopiesThatDieTwiceLeaveAnEmptyFileAndAreReported) {
+    for (int signal : {SIGKILL, SIGSEGV}) {
+        std::thread disturber = Disturb(2, signal);
+        const std::string reply = Ask(DUMP);
+        disturber.join();
+        EXPECT_EQ(reply, STARTED + std::string("JVM Heap:Heap dump failed, ") +
+                             (signal == SIGKILL ? "its process was ended" : "a fault in its process"));
+        EXPECT_EQ(std::filesystem::file_size(in("dump")), 0u);
+    }
+    EXPECT_EQ(Ask(DUMP), COMPLETED);
+}
+
+TEST_F(ForkedDump, IsRefusedWithTheReason) {
+    const auto expectRefusal = [this](const char *request, const std::string &reply) {
+        EXPECT_EQ(Ask(request).substr(0, reply.size()), reply);
+        EXPECT_EQ(Copies(), std::vector<pid_t>());
+    };
+    expectRefusal("516|showmem|256|absent/dump|7",
+                  "Unable to start Heap Dump: the file can't be opened.\x1f");
+    gbiForkHeapShares = 1 << 30; // of any heap more than any machine has
+    expectRefusal(DUMP, "System low on Virtual Memory, Unable to start Heap Dump.\x1f");
+    expectRefusal(HISTOGRAM, "System low on Virtual Memory, Unable to start Heap Dump.\x1f");
+    EXPECT_FALSE(std::filesystem::exists(in("dump")));
+    // Without forking the worker does it.
+    EXPECT_EQ(Ask("516|NoProcessing|forkdump|0"), "Changed forkdump to 0");
+    EXPECT_EQ(Ask(DUMP).find("Time spent"), 0u);
+    EXPECT_EQ(TextDump::Read(in("dump")).error, "");
+}
+
+TEST_F(ForkedDump, WithoutAFileNameIsTheMemoryView) {
+    EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u);
+}
+
+// A JVM whose heap is shared memory, where there is one.
+struct SharedHeap : ForkedDump {
+    static void SetUpTestSuite() {
+        StartJvm({"-Xmx64m", "-XX:+IgnoreUnrecognizedVMOptions", "-XX:+UnlockExperimentalVMOptions",
+                  "-XX:+UseZGC"});
     }
 };
 
-TEST_F(ForkedDump, EqualsTheWorkersDumpOfAQuietHeap) {
-    EXPECT_EQ(Ask("516|showmem|256|forked|7"), COMPLETED);
-    const TextDump forked = TextDump::Read("/tmp/forked");
-    EXPECT_EQ(forked.error, "");
-    fprintf(stderr, "%zu\n", forked.body.size());
+TEST_F(SharedHeap, IsRefused) {
+    if (CallText(SHOP, "collectors", "()Ljava/lang/String;").find("ZGC") == std::string::npos)
+        GTEST_SKIP() << "this JVM has no such collector";
+    EXPECT_EQ(Ask(DUMP), "Unable to start Heap Dump: the JVM's heap is shared memory.\x1f");
+    EXPECT_EQ(Ask(HISTOGRAM).find("Unable to start Heap Dump: the JVM's heap is shared memory.\x1f"), 0u);
+    EXPECT_EQ(Copies(), std::vector<pid_t>());
 }
 
 } // namespace

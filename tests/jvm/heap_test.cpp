@@ -1,6 +1,7 @@
 // Heap, collectors, histogram and dumps, against what the JVM itself says of the same heap.
 #include "AgentNatives.h"
 #include "Descriptors.h"
+#include "DumpFolder.h"
 #include "DumpReaders.h"
 #include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
@@ -37,17 +38,6 @@ constexpr int64_t NODES = 1234, LEAVES = 77, ELEMENTS = 27, LONG_INTS = 12345, L
 std::string Signature(const char *klass) {
     return std::string("L") + klass + ";";
 }
-
-// A folder for dumps that goes with the test.
-struct DumpFolder {
-    DumpFolder() {
-        char name[] = "/tmp/heap_testXXXXXX";
-        path = mkdtemp(name);
-    }
-    ~DumpFolder() { fs::remove_all(path); }
-    std::string operator()(const std::string &name) const { return (path / name).string(); }
-    fs::path path;
-};
 
 std::string FileText(const std::string &name) {
     std::ifstream in(name, std::ios::binary);

@@ -17,8 +17,6 @@
 namespace {
 
 constexpr jint FRAME_CAPACITY = 16;
-// The copy marks and tags all objects: their pages become its own, and tags come to about twice the objects.
-constexpr uint32_t HEAP_SHARES = 3;
 
 QorDumpFile classRecords; // their text, composed before the fork
 
@@ -107,7 +105,7 @@ int32_t DumpTo(const char *path, const int32_t pipe[2]) {
 int32_t QorForkHeapDump(const char *path, const int32_t pipe[2]) {
     if (!jvmtijni_env)
         return FORK_REFUSED_BY_JVM;
-    const int32_t refusal = QorCheckFork(HEAP_SHARES);
+    const int32_t refusal = QorCheckFork();
     if (refusal)
         return refusal;
     QorLocalFrame frame(jvmtijni_env, FRAME_CAPACITY);

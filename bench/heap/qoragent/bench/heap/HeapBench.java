@@ -102,7 +102,7 @@ public final class HeapBench {
             throw new IllegalStateException("no answer to " + request + ": " + reply);
     }
 
-    private static void histogramOfTheJvm() throws Exception {
+    static void histogramOfTheJvm() throws Exception {
         ObjectName commands = new ObjectName("com.sun.management:type=DiagnosticCommand");
         ManagementFactory.getPlatformMBeanServer().invoke(commands, "gcClassHistogram",
                                                           new Object[] {new String[] {"-all"}},
@@ -141,7 +141,7 @@ public final class HeapBench {
         rows.computeIfAbsent(row, n -> new ArrayList<>()).add(figures);
     }
 
-    private static double median(DoubleStream values) {
+    static double median(DoubleStream values) {
         double[] sorted = values.sorted().toArray();
         int middle = sorted.length / 2;
         return sorted.length % 2 == 1 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
@@ -177,7 +177,7 @@ public final class HeapBench {
     }
 
     /** Orders as a shop would have them: strings, maps, lists and arrays, some 50 bytes an object. */
-    private static Object[] fill(int megabytes) {
+    static Object[] fill(int megabytes) {
         Object[] shelves = new Object[megabytes];
         for (int i = 0; i < megabytes; i++) {
             Map<Long, Order> orders = new HashMap<>();
@@ -187,6 +187,14 @@ public final class HeapBench {
             shelves[i] = orders;
         }
         return shelves;
+    }
+
+    /** Changes one of the orders, chosen by a number. */
+    static void touch(Object[] shelves, long number) {
+        int shelf = (int)Long.remainderUnsigned(number, shelves.length);
+        @SuppressWarnings("unchecked") Map<Long, Order> orders = (Map<Long, Order>)shelves[shelf];
+        Order order = orders.get(shelf * 10_000L + Long.remainderUnsigned(number >>> 20, 1300));
+        order.history[(int)(number & 7)]++;
     }
 
     private static final class Order {
