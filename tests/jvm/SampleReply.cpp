@@ -4,8 +4,6 @@
 
 #include <cstdlib>
 
-namespace {
-
 std::vector<std::string> Split(const std::string &text, char separator) {
     std::vector<std::string> pieces(1);
     for (char c : text)
@@ -15,6 +13,8 @@ std::vector<std::string> Split(const std::string &text, char separator) {
             pieces.back() += c;
     return pieces;
 }
+
+namespace {
 
 // The state, with the detail block behind it; the fields of a block are those of the row.
 bool TakeState(const std::vector<std::string> &fields, size_t first, SampleThread *thread) {

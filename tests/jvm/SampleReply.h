@@ -4,6 +4,9 @@
 #include <string>
 #include <vector>
 
+// The pieces between the separators, one more than there are of these.
+std::vector<std::string> Split(const std::string &text, char separator);
+
 struct SampleFrame {
     std::string call, file, line; // line as text: "^" where none is known
     int64_t thread, index, method;

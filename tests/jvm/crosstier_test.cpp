@@ -68,16 +68,6 @@ SampleReply ActiveThreads() {
     return reply;
 }
 
-std::vector<std::string> Split(const std::string &text, char separator) {
-    std::vector<std::string> pieces(1);
-    for (char c : text)
-        if (c == separator)
-            pieces.emplace_back();
-        else
-            pieces.back() += c;
-    return pieces;
-}
-
 void StartCustomers(int count, int sqlLength) {
     CallVoid(CUSTOMERS, "start", "(II)V", count, sqlLength);
 }

@@ -2,6 +2,7 @@
 #include "JvmFixture.h"
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
+#include "SampleReply.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
@@ -36,16 +37,6 @@ int64_t IdOf(const char *kind) {
 
 std::string Key(int64_t id) {
     return std::to_string(getpid()) + "-" + std::to_string(id);
-}
-
-std::vector<std::string> Split(const std::string &text, char separator) {
-    std::vector<std::string> pieces(1);
-    for (char c : text)
-        if (c == separator)
-            pieces.emplace_back();
-        else
-            pieces.back() += c;
-    return pieces;
 }
 
 } // namespace
