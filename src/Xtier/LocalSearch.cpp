@@ -42,6 +42,7 @@ int32_t
 int64_t bucketTid;
 QorWantedFrame *bucketBegin, *bucketEnd;
 
+bool wantsNative; // some wanted frame is of a native method
 bool stacksSeen;
 bool walkHasBudget;
 int64_t walkStart;
@@ -65,6 +66,7 @@ void ClearFindings() {
     gbQorAllThreadLocalInfoList = nullptr;
     bucketTid = -1;
     bucketBegin = bucketEnd = nullptr;
+    wantsNative = false;
     stacksSeen = false;
 }
 
@@ -76,6 +78,7 @@ bool IsNative(int64_t method) {
 
 void StartFrame(QorWantedFrame *frame) {
     frame->isNative = IsNative(frame->method);
+    wantsNative |= frame->isNative;
     frame->hits = frame->candidates = 0;
     frame->first = frame->last = -1;
 }
@@ -208,6 +211,8 @@ jint VisitStackLocal(const jvmtiHeapReferenceInfo *info, jlong classTag, jlong *
 // From JDK 11 on the constants of compiled code come as JNI locals of its method: only those of a native
 // method are locals.
 void VisitJniLocal(const jvmtiHeapReferenceInfo *info, jlong classTag, jlong *tagPtr) {
+    if (!wantsNative)
+        return;
     OpenBucket(info->jni_local.thread_id);
     QorWantedFrame *frame = FindInBucket(reinterpret_cast<int64_t>(info->jni_local.method));
     if (frame && frame->isNative)

@@ -9,7 +9,7 @@ import java.util.Map;
  * Frames are static methods, so that their arguments are the first locals. One caller at a time.
  */
 public final class Stage {
-    private static final int HOT = 30_000;
+    private static final int HOT = 300_000;
     private static final Map<String, Actor> actors = new LinkedHashMap<>();
     private static volatile Object seen;
     private static volatile Resident.Gate onlyGate;
@@ -19,7 +19,8 @@ public final class Stage {
     /**
      * Starts a part: "three" stands in three(a, b, c); "nested" in the frames outer, middle, inner,
      * innermost, each with a; "recursion" in fall(a), fall(b), fall(c), with c on top; "leaver" in inside(a)
-     * until leave(); "alone" in alone(a), without any other object; "hot" in a compiled frame whose only object is a constant of its code: a.
+     * until leave(); "alone" in alone(a), without any other object; "hot" in a compiled frame whose only
+     * object is a constant of its code: a.
      */
     public static void enter(String part, String name, Object a, Object b, Object c) throws Exception {
         Actor actor = new Actor(part, name, a, b, c);
@@ -72,9 +73,8 @@ public final class Stage {
                 break;
             case "hot":
                 Hot.constant = props[0];
-                for (int i = 0; i < HOT; i++)
-                    Hot.hot(null);
-                Hot.hot(gate);
+                warmUp();
+                Hot.hot(gate::pass);
                 break;
             case "alone":
                 onlyGate = gate;
@@ -83,6 +83,13 @@ public final class Stage {
             default:
                 throw new IllegalArgumentException(part);
             }
+        }
+
+        /** Ends of three classes, so that the call of the end is compiled as a call. */
+        private void warmUp() {
+            Runnable[] ends = {() -> seen = this, () -> seen = part, new Thread()};
+            for (int i = 0; i < HOT; i++)
+                Hot.hot(ends[i % ends.length]);
         }
 
         void leave() throws Exception {
@@ -152,11 +159,10 @@ public final class Stage {
 
         private Hot() {}
 
-        static void hot(Resident.Gate gate) {
+        static void hot(Runnable end) {
             if (seen == Constant.VALUE)
                 seen = null;
-            if (gate != null)
-                gate.pass();
+            end.run();
         }
 
         static final class Constant {
