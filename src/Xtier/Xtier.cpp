@@ -119,8 +119,7 @@ void ReadEntry(const QorAllThreadLocalInfoList &entry) {
 void ReadThread(const QorXtierLocationInfo &location) {
     for (const QorAllThreadLocalInfoList *entry = location.newest;
          entry && entry->threadId == location.threadId; entry = entry->next)
-        if (entry->objLocalVarHandle)
-            ReadEntry(*entry);
+        ReadEntry(*entry); // the readers tell of a missing object themselves
     if (HasDatabase())
         NoteConnection(location.threadName, location.threadKey);
 }
@@ -296,7 +295,7 @@ void QorInsertXtierData(QorText *reply) {
             continue;
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         if (!frame.pushed)
-            QORLOG(LOG_DETAIL, "QorAgent : Out of Memory XtierDb");
+            QORLOG(LOG_ERROR, "QorAgent : Out of Memory XtierDb");
         if (reads)
             ReadThread(*location);
         const bool full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData,
@@ -314,10 +313,8 @@ QorStackViewData QorReadStackViewData() {
     if (localList && QorGetLocalVariableForAllThread(localList) == 0) {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         if (!frame.pushed)
-            QORLOG(LOG_DETAIL, "QorAgent : Out of Memory XtierDb");
+            QORLOG(LOG_ERROR, "QorAgent : Out of Memory XtierDb");
         for (const QorAllThreadLocalInfoList *entry = localList; entry; entry = entry->next) {
-            if (!entry->objLocalVarHandle)
-                continue;
             if (entry->kind == LOCAL_WEB_REQUEST)
                 ReadWebEntry(*entry);
             else if (entry->kind == LOCAL_DATABASE_CALL)
