@@ -2,7 +2,6 @@
 
 #include "platforms/QorOS.h"
 #include "qorlog.h"
-#include "qorsettings.h"
 
 #include <ctime>
 
@@ -176,14 +175,6 @@ int32_t QorAgentStrncat(char *dst, char *src, int32_t dst_size, int32_t src_size
     QORLOG(LOG_NOTE, "Qoragent: Buffer Destination string size is not sufficient\n");
     BacktraceIfShown();
     return -1;
-}
-
-void QorStrReplaceNewLine(char *text) {
-    if (!text)
-        return;
-    for (int32_t i = 0; i < gbSqlQueryLength && text[i]; i++)
-        if (text[i] == '\n' || text[i] == '\r')
-            text[i] = ' ';
 }
 
 int32_t QorDumpTime(int64_t startSec, int64_t startUsec, int64_t endSec, int64_t endUsec, const char *label) {

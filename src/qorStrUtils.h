@@ -64,10 +64,6 @@ inline char *QorStrchr(char *text, int c) {
     return text ? strchr(text, c) : nullptr;
 }
 
-// Replaces line feeds and carriage returns by blanks in the first `gbSqlQueryLength` bytes. Null does
-// nothing.
-void QorStrReplaceNewLine(char *text);
-
 // Traces the time between two readings under a label. 0, or -1 for a null label while requests are traced.
 int32_t QorDumpTime(int64_t startSec, int64_t startUsec, int64_t endSec, int64_t endUsec, const char *label);
 

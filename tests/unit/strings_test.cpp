@@ -1,6 +1,5 @@
 #include "LogCapture.h"
 #include "qorStrUtils.h"
-#include "qorsettings.h"
 #include "qortext.h"
 
 #include <gtest/gtest.h>
@@ -177,16 +176,6 @@ TEST(Search, TakesNull) {
     EXPECT_EQ(QorStrstr(text, nullptr), nullptr);
     EXPECT_EQ(QorAgentStrstr(static_cast<const char *>(nullptr), "a"), nullptr);
     EXPECT_EQ(QorStrchr(static_cast<const char *>(nullptr), 'a'), nullptr);
-}
-
-TEST(NewLines, BecomeBlanksUpToTheSqlLength) {
-    const int32_t earlier = gbSqlQueryLength;
-    gbSqlQueryLength = 6;
-    char text[] = "a\nb\r\nc\nd";
-    QorStrReplaceNewLine(text);
-    EXPECT_STREQ(text, "a b  c\nd");
-    QorStrReplaceNewLine(nullptr);
-    gbSqlQueryLength = earlier;
 }
 
 TEST(Times, AreSubtractedAndTraced) {
