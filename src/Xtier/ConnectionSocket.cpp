@@ -31,6 +31,7 @@ constexpr char ENCRYPTED_STREAM[] = "Lsun/security/ssl/SSLSocketImpl$AppInputStr
 
 constexpr StreamRow STREAM_ROWS[] = {
     {SOCKET_STREAM, "in,Ljava/io/InputStream;|this$0,Lsun/nio/ch/NioSocketImpl;|fd,Ljava/io/FileDescriptor;"},
+    {SOCKET_STREAM, "in,Ljava/io/InputStream;|fd,Ljava/io/FileDescriptor;"}, // jdk.net.usePlainSocketImpl
     // An encrypted socket reads from the one that it is laid on, or from itself as a plain one.
     {ENCRYPTED_STREAM, "this$0,Lsun/security/ssl/SSLSocketImpl;|self,Ljava/net/Socket;|"
                        "impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
@@ -60,15 +61,17 @@ constexpr uint64_t THICK_OFFSETS[] = {
 };
 constexpr uint64_t THICK_DESCRIPTOR = 0x530; // 32 bits, from the last of them
 
-bool HasSignature(jobject object, const char *signature) {
+bool IsMetered(jobject stream) {
     char own[NAME_SIZE] = "";
-    return object && QorGetObjectClassSignature(object, own) == 0 && strcmp(own, signature) == 0;
+    return stream && QorGetObjectClassSignature(stream, own) == 0 && strcmp(own, METERED_STREAM) == 0;
 }
 
 // The FileDescriptor of a stream of the JVM, null for any other stream.
 jobject FindInTable(jobject stream) {
+    char own[NAME_SIZE] = "";
+    QorGetObjectClassSignature(stream, own);
     for (const StreamRow &row : STREAM_ROWS)
-        if (HasSignature(stream, row.signature))
+        if (strcmp(own, row.signature) == 0)
             if (jobject descriptor = QorFollowObjectMap(row.path, stream))
                 return descriptor;
     return nullptr;
@@ -101,7 +104,7 @@ int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int
         return -1;
     }
     jobject stream = QorFollowObjectMap(NETWORK_STREAM, holder);
-    if (HasSignature(stream, METERED_STREAM))
+    if (IsMetered(stream))
         stream = QorFollowObjectMap(REAL_STREAM, stream);
     jobject descriptor = stream ? FindDescriptor(stream) : nullptr;
     int32_t value = -1;

@@ -46,8 +46,7 @@ bool IsCharacter(const unsigned char *bytes, int32_t length) {
 
 // Appends what fits of the chars from `start` on. False when some did not fit or can't be had.
 bool AppendChars(jstring str, jsize start, jsize count, char *dest, int32_t *used, int32_t capacity) {
-    char chunk[CHUNK_CHARS * BYTES_PER_CHAR + 1];
-    chunk[0] = 0;
+    char chunk[CHUNK_CHARS * BYTES_PER_CHAR + 1] = {}; // not every JVM terminates what it copies
     jvmtijni_env->GetStringUTFRegion(str, start, count, chunk);
     if (QorClearException(jvmtijni_env))
         return false;
