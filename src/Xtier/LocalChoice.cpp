@@ -12,7 +12,8 @@
 
 namespace {
 
-constexpr int32_t TAGS_A_CALL = 4096; // the JVM compares each tag asked for with each one that it has
+// The JVM compares each tag asked for with each one that it has, and cannot stop its threads meanwhile.
+constexpr int32_t TAGS_A_CALL = 256;
 
 jobject objects[LOCAL_TAGS + 1]; // by tag; null for an object that has died
 jobject candidates[LOCAL_CANDIDATES];
@@ -85,18 +86,25 @@ bool ReadSignature(jclass klass, const QorWantedFrame &frame, char *signature) {
     return length > 0;
 }
 
+// No array is of interest. The JVM calls their classes never initialised.
+bool IsArray(jclass klass) {
+    jboolean isArray = JNI_FALSE;
+    return jvmti->IsArrayClass(klass, &isArray) == JVMTI_ERROR_NONE && isArray;
+}
+
 // Whether the search ends at the object.
 bool EndsSearch(jobject object, const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
                 char *signature) {
     jclass klass = QorGetObjectClass(jvmtijni_env, object);
     if (!klass)
         return false;
-    bool found = false;
-    if (ReadSignature(klass, frame, signature)) {
+    bool found = false, isBoring = IsArray(klass);
+    if (!isBoring && ReadSignature(klass, frame, signature)) {
         found = !QorIsPassedOverObject(signature) && ends(signature);
-        if (!found && env)
-            env->SetTag(klass, BORING_CLASS); // refused: it is looked at again next time
+        isBoring = !found;
     }
+    if (isBoring && env)
+        env->SetTag(klass, BORING_CLASS); // refused: it is looked at again next time
     QorDeleteLocalRef(jvmtijni_env, klass);
     return found;
 }
@@ -122,6 +130,8 @@ int32_t QorFetchFoundObjects(jvmtiEnv *env) {
     int32_t result = JVMTI_ERROR_NONE;
     for (int32_t first = 1; first <= gbQorTagCount && result == JVMTI_ERROR_NONE; first += TAGS_A_CALL)
         result = FetchTags(env, first, std::min<int32_t>(TAGS_A_CALL, gbQorTagCount - first + 1));
+    if (result == JVMTI_ERROR_NONE)
+        gbQorTagCount = 0;
     return result;
 }
 

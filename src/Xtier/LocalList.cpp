@@ -10,14 +10,18 @@
 
 namespace {
 
+constexpr int32_t MAX_FREE_ENTRIES = 4096; // 10 MB
+
 // Kept for the next sample. The slots and the references of a free entry are null; its texts are stale.
 QorAllThreadLocalInfoList *freeEntries;
+int32_t freeEntryCount;
 
 QorAllThreadLocalInfoList *TakeEntry() {
     QorAllThreadLocalInfoList *entry = freeEntries;
     if (!entry)
         return static_cast<QorAllThreadLocalInfoList *>(calloc(1, sizeof(QorAllThreadLocalInfoList)));
     freeEntries = entry->next;
+    freeEntryCount--;
     entry->strSignature[0] = 0;
     entry->localCount = 0;
     entry->prev = nullptr;
@@ -34,8 +38,13 @@ void GiveEntryBack(QorAllThreadLocalInfoList *entry) {
     DropReference(&entry->objLocalVarHandle);
     for (jobject &slot : entry->localObjects)
         DropReference(&slot);
+    if (freeEntryCount == MAX_FREE_ENTRIES) {
+        free(entry);
+        return;
+    }
     entry->next = freeEntries;
     freeEntries = entry;
+    freeEntryCount++;
 }
 
 // References that the walk can make refer to other objects.
@@ -96,4 +105,5 @@ void QorDropLocalListPool() {
         freeEntries = entry->next;
         free(entry);
     }
+    freeEntryCount = 0;
 }

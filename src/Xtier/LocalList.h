@@ -3,7 +3,7 @@
 // The views list a frame while they walk it (AddToThreadLocalInfoList), one pass of LocalWalk.h then attaches
 // an object to each entry, the readers turn the objects into call records, and the list is freed with the
 // view. The method and class texts belong to the walk of ThreadSystem.h, so a list ends before its walk.
-// Freed entries are kept for the next sample, and are not cleared but for their references.
+// Freed entries are kept for the next sample, up to a number, and are not cleared but for their references.
 //
 // Worker only.
 #pragma once

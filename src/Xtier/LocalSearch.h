@@ -60,7 +60,7 @@ extern jvmtiEnv *gbQorLocalWalkEnv;       // of all walks, with the marks on cla
 extern QorWantedFrame *gbQorWantedFrames; // ordered by thread and method
 extern int32_t gbQorWantedFrameCount;
 extern QorFinding gbQorFindings[LOCAL_FINDINGS];
-extern int32_t gbQorTagCount; // tags given in this walk
+extern int32_t gbQorTagCount; // tags given in this walk and not taken away yet
 extern QorLocalWalkOutcome gbQorLocalWalkOutcome;
 extern int32_t gbQorLocalWalkKinds[LOCAL_WALK_KINDS]; // callbacks of this walk by kind
 

@@ -41,16 +41,18 @@ constexpr int32_t SPARE_REFS = 64;
 constexpr int64_t USEC_PER_SEC = 1000000;
 constexpr int32_t ALL_TIME = 100; // percent
 
-bool OpenWalkEnv() {
-    if (!gbQorLocalWalkEnv && jvmti)
-        gbQorLocalWalkEnv = QorOpenTagEnvironment();
-    return gbQorLocalWalkEnv;
-}
-
 // With it go all tags, whatever objects have them.
 void CloseWalkEnv() {
     QorCloseTagEnvironment(gbQorLocalWalkEnv);
     gbQorLocalWalkEnv = nullptr;
+}
+
+bool OpenWalkEnv() {
+    if (gbQorTagCount > 0)
+        CloseWalkEnv(); // a fault has cut the last walk short: its tags would pass for those of this one
+    if (!gbQorLocalWalkEnv && jvmti)
+        gbQorLocalWalkEnv = QorOpenTagEnvironment();
+    return gbQorLocalWalkEnv;
 }
 
 bool IsUpdateBelow50() {
@@ -152,20 +154,23 @@ bool EndsFrameSearch(const char *signature) {
     return IsQRFFrame(signature) || IsJSPFrame(signature) || IsDBFrame(signature);
 }
 
-void ReadFrameObject(QorLocalObjectRecord *record) {
+// False when the frame's objects can't be had.
+bool ReadFrameObject(QorLocalObjectRecord *record) {
     if (QorPushLocalFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS) != 0) {
         QORLOG(LOG_ERROR, "Out of Memory");
         CloseWalkEnv();
-        return;
+        return false;
     }
     jobject chosen = nullptr;
-    if (QorFetchFoundObjects(gbQorLocalWalkEnv) == JVMTI_ERROR_NONE)
+    const bool fetched = QorFetchFoundObjects(gbQorLocalWalkEnv) == JVMTI_ERROR_NONE;
+    if (fetched)
         chosen = QorChooseLocalObject(gbQorWantedFrames[0], EndsFrameSearch, nullptr, record->signature);
     else
         CloseWalkEnv();
     record->object = QorPopLocalFrame(jvmtijni_env, chosen);
     if (record->object)
         record->klass = QorGetObjectClass(jvmtijni_env, record->object);
+    return fetched;
 }
 
 } // namespace
@@ -210,11 +215,9 @@ int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *rec
         return -1;
     lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
     QorStartLocalWalkTime(qorLocalWalkClock(), quota < ALL_TIME);
-    const int32_t error = Follow(heapReferenceOneObjectCallback, gbQorWantedFrames);
-    const bool found = error == JVMTI_ERROR_NONE && QorCountFoundObjects() > 0;
+    Follow(heapReferenceOneObjectCallback, gbQorWantedFrames);
     LogCallbackLines(qorLocalWalkClock());
-    if (QorCountFoundObjects() > 0)
-        ReadFrameObject(record);
+    const bool found = QorCountFoundObjects() > 0 && ReadFrameObject(record);
     QorEndLocalSearch();
     return found ? 0 : -1;
 }
