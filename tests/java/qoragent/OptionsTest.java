@@ -29,6 +29,7 @@ public class OptionsTest {
             {"stackqueried", "1000"},
             {"stackrecorded", "300"},
             {"relay", "on"},
+            {"forkdump", "false"},
             {"bind", "127.0.0.1"},
             {"port", "0"},
         };
@@ -74,6 +75,7 @@ public class OptionsTest {
             {"stackqueried=0", "stackqueried"},
             {"optlevel=4", "optlevel"},
             {"relay=yes", "relay"},
+            {"forkdump=1", "forkdump"},
             {"port=1,port=1", "port"},
             {"vendor=DOV Systems, Inc.", "Inc."},
         };

@@ -2,9 +2,11 @@ package qoragent.bench.heap;
 
 import com.sun.management.HotSpotDiagnosticMXBean;
 import java.io.File;
+import java.io.IOException;
 import java.io.RandomAccessFile;
 import java.lang.management.ManagementFactory;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
 import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.LinkedHashMap;
@@ -23,6 +25,8 @@ import qoragent.Agent;
 public final class ForkBench {
     private static final Pattern STOP = Pattern.compile("Safepoint \"(\\w+)\".* Total: +(\\d+) ns");
     private static final long WINDOW = 2_000;
+    /** The copies are ended after a second: their stops are measured, and not what they do. */
+    private static final boolean STOPS_ONLY = Boolean.getBoolean("bench.stops");
 
     private final File directory;
     private final RandomAccessFile log;
@@ -43,7 +47,7 @@ public final class ForkBench {
         int turns = Integer.parseInt(args[0]), megabytes = Integer.parseInt(args[1]);
         Object[] heap = HeapBench.fill(megabytes);
         System.gc();
-        Agent.start("relay=off,timeout=600,forkdump=true");
+        Agent.start("relay=off,forkdump=true,timeout=" + (STOPS_ONLY ? 1 : 3000));
         Agent.request("516|NoProcessing|qorheapdir|" + args[2]);
         ForkBench bench = new ForkBench(new File(args[2]), args[3]);
         for (int turn = -1; turn < turns; turn++) {
@@ -56,7 +60,7 @@ public final class ForkBench {
                           ManagementFactory.getMemoryMXBean().getHeapMemoryUsage().getUsed() >> 20);
         bench.print("forked dump", "GC.heap_dump -all");
         bench.print("forked histogram", "GC.class_histogram -all");
-        for (int threads = 1; threads <= Runtime.getRuntime().availableProcessors(); threads++)
+        for (int threads = 1; !STOPS_ONLY && threads <= Runtime.getRuntime().availableProcessors(); threads++)
             bench.throughput(heap, threads);
         Agent.request("SHUTDOWN");
     }
@@ -69,13 +73,15 @@ public final class ForkBench {
                 () -> ManagementFactory.getPlatformMXBean(HotSpotDiagnosticMXBean.class)
                           .dumpHeap(file.getPath(), false));
         delete(file);
-        measure("forked histogram", () -> ask("516|showmem|512|ClassHistogramOnly", "JVM Class Details"));
+        measure("forked histogram", () -> ask("516|showmem|512|ClassHistogramOnly", STOPS_ONLY ? "" : "JVM Class Details"));
         measure("GC.class_histogram -all", HeapBench::histogramOfTheJvm);
     }
 
-    private void forkedDump() {
+    private void forkedDump() throws Exception {
         File file = new File(directory, "bench-fork.txt");
-        ask("516|showmem|256|" + file.getName() + "|1", "completed sucessfully");
+        ask("516|showmem|256|" + file.getName() + "|1", STOPS_ONLY ? "" : "completed sucessfully");
+        if (STOPS_ONLY)
+            endCopy();
         delete(file);
     }
 
@@ -83,6 +89,21 @@ public final class ForkBench {
         String reply = Agent.request(request);
         if (reply == null || !reply.contains(expected))
             throw new IllegalStateException("answer to " + request + ": " + reply);
+    }
+
+    /** Ends the copy that goes on writing; the agent needs a look round to notice. */
+    private static void endCopy() throws Exception {
+        String self = new File("/proc/self").getCanonicalFile().getName();
+        for (File process : new File("/proc").listFiles((all, name) -> name.matches("[0-9]+"))) {
+            String stat;
+            try {
+                stat = new String(Files.readAllBytes(new File(process, "stat").toPath()), StandardCharsets.US_ASCII);
+            } catch (IOException e) {
+                continue; // it has ended meanwhile
+            }
+            if (stat.contains("(QORD Heap Dump)") && stat.split("\\) ")[1].split(" ")[1].equals(self))
+                new ProcessBuilder("kill", "-9", process.getName()).start().waitFor();
+        }
     }
 
     private static void delete(File file) {
