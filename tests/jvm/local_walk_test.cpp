@@ -339,8 +339,8 @@ TEST_F(LocalWalks, ReadASingleFrame) {
 TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
     jobject request = Make("ferrule/servlet/internal/ServletRequestImpl");
-    jobject text = Text("text");
-    Enter("three", "tagged", text, statement, request);
+    jobject array = Env()->NewByteArray(1);
+    Enter("three", "tagged", array, request, statement);
     ASSERT_EQ(jvmti->SetTag(statement, SOME_TAG), JVMTI_ERROR_NONE);
     ASSERT_EQ(jvmti->SetTag(request, 1), JVMTI_ERROR_NONE);
     auto sample = [] {
@@ -362,9 +362,14 @@ TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     EXPECT_EQ(CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), before);
     jlong tag = 0;
     EXPECT_TRUE(jvmti->GetTag(statement, &tag) == JVMTI_ERROR_NONE && tag == SOME_TAG);
-    for (jobject object : {statement, request, text}) {
+    for (jobject object : {statement, request, array}) {
         EXPECT_EQ(gbQorLocalWalkEnv->GetTag(object, &tag), JVMTI_ERROR_NONE);
         EXPECT_EQ(tag, 0);
+    }
+    // What has been learnt stays: an array is of no interest.
+    for (const auto &[object, mark] : {std::pair(array, BORING_CLASS), std::pair(request, jlong{0})}) {
+        EXPECT_EQ(gbQorLocalWalkEnv->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
+        EXPECT_EQ(tag, mark);
     }
     jlong all[1000];
     for (jlong i = 0; i < 1000; i++)

@@ -31,8 +31,6 @@ public final class Stage {
     /** Makes the actor go from inside() to outside(), and waits until it stands there. */
     public static void leave(String name) throws Exception { actors.get(name).leave(); }
 
-    public static long id(String name) { return actors.get(name).thread().getId(); }
-
     /** Ends all parts. */
     public static void clear() throws Exception {
         for (Actor actor : actors.values())
