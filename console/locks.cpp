@@ -41,6 +41,14 @@ std::string QuotedName(const Thread &thread, const Style &style) {
     return Coloured(fmt::format("\"{}\" #{}", Printable(thread.name), thread.key.thread), BOLD, style);
 }
 
+// Where lock data comes by JVMTI, a sample doesn't name the owner; the owner's own row does.
+bool Owns(const Thread &thread, const LockWait &wait) {
+    for (const OwnedLock &owned : thread.owns)
+        if (owned.lock == wait.lock && owned.class_name == wait.class_name)
+            return true;
+    return false;
+}
+
 } // namespace
 
 const Thread &FindByName(const ThreadSample &sample, const std::string &text) {
@@ -69,11 +77,15 @@ const Thread *FindByKey(const ThreadSample &sample, const std::string &key) {
 }
 
 const Thread *HolderOf(const ThreadSample &sample, const Thread &waiter) {
-    if (!waiter.waits_for || waiter.waits_for->owner.thread <= 0)
+    if (!waiter.waits_for)
         return nullptr;
-    for (const Thread &thread : sample.threads)
-        if (thread.key.thread == waiter.waits_for->owner.thread)
+    const LockWait &wait = *waiter.waits_for;
+    for (const Thread &thread : sample.threads) {
+        if (wait.owner.thread > 0 && thread.key.thread == wait.owner.thread)
             return &thread;
+        if (wait.owner.thread == 0 && &thread != &waiter && Owns(thread, wait))
+            return &thread;
+    }
     return nullptr;
 }
 

@@ -161,6 +161,20 @@ TEST(Locks, DeadlocksAreFoundOnce) {
     EXPECT_EQ(LocksText(Waiting({{1, 0}}), Style()), "No thread waits for a lock.\n");
 }
 
+// A sample whose waits name no owner: the rows of owned locks lead to it, by number and class.
+TEST(Locks, HoldersAreFoundByWhatTheyOwn) {
+    ThreadSample sample = Waiting({{1, 0}, {2, 0}, {3, 0}, {4, -1}});
+    for (Thread &thread : sample.threads)
+        thread.waits_for = LockWait{7, {77, 0}, "a.Lock"};
+    sample.threads[0].owns = {{7, "a.Lock", 1}};
+    sample.threads[1].owns = {{8, "a.Lock", 1}, {7, "a.Other", 1}};
+    sample.threads[2].owns = {{8, "a.Lock", 1}, {7, "a.Lock", 1}};
+    sample.threads[3].waits_for->owner.thread = -1;
+    EXPECT_EQ(HolderOf(sample, sample.threads[1]), &sample.threads[0]);
+    EXPECT_EQ(HolderOf(sample, sample.threads[0]), &sample.threads[2]) << "nobody waits for himself";
+    EXPECT_EQ(HolderOf(sample, sample.threads[3]), nullptr) << "nobody holds it, says the JVM";
+}
+
 TEST(Locks, NamesOfThreads) {
     ThreadSample sample = Waiting({{1, 0}, {2, 0}, {12, 0}});
     EXPECT_EQ(FindByName(sample, "t1").key.thread, 1); // a whole name before a part of one
