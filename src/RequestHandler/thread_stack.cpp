@@ -233,7 +233,7 @@ void AppendThread(uint32_t reqid, QorText *reply, QorThreadHandle *handle, QorTh
     QorStackViewData data = {};
     if (!gbQorRELocal)
         data = QorReadStackViewData();
-    if (texts.place.framework != FRAMEWORK_NONE)
+    if (data.web && texts.place.framework != FRAMEWORK_NONE)
         ShowFramework(&texts, data.web->qrfObjectName, thread->tid);
     AppendIdentity(reply, *thread, texts.currentCall, data, processId);
     QorTextAppend(reply, TITLE_CALL_STACK);

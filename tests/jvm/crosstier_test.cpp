@@ -160,6 +160,7 @@ const Request REQUESTS[] = {
     {"zoo-jserv", "/jserv"},       {"zoo-ferrule-run", "/ferrule"},    {"zoo-tomcat", "/tomcat"},
     {"zoo-lumo", "/lumo"},         {"zoo-websphere", "/websphere"},    {"zoo-jersey", "GET-/a/b"},
     {"zoo-sun-jersey", "POST-/c"}, {"zoo-page", "/pages/orders.jspx"}, {"zoo-ferrule-service", "^"},
+    {"zoo-server", "/served"},
 };
 
 } // namespace
