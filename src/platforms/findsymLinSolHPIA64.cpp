@@ -3,6 +3,7 @@
 #include "elf_symbols.h"
 #include "linux.h"
 #include "memory_maps.h"
+#include "own_memory.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 #include "symbol_lists.h"
@@ -68,7 +69,7 @@ bool NextLibrary(const char **rest, char *name) {
 struct MappingSearch {
     const char *library;
     int32_t bits; // class of the mapping found; 0 for none yet, -1 for one that is neither
-    uint64_t start, length;
+    uint64_t start;
     char path[sizeof(QorMapping::name)];
 };
 
@@ -78,9 +79,9 @@ bool LookAtMapping(const QorMapping &mapping, void *data) {
     if (!strstr(mapping.name, search->library))
         return true;
     QORLOG(LOG_DETAIL, "Found 0x%x", static_cast<uint32_t>(mapping.start));
-    if (!mapping.readable || mapping.end - mapping.start < sizeof(Elf64_Ehdr))
+    unsigned char bytes[EI_NIDENT];
+    if (!mapping.readable || !QorReadOwnMemory(mapping.start, bytes, sizeof bytes))
         return true;
-    const auto *bytes = reinterpret_cast<const unsigned char *>(mapping.start);
     if (memcmp(bytes, ELFMAG, SELFMAG) != 0) {
         QORLOG(LOG_DETAIL, "File not ELF");
         QORLOG(LOG_DETAIL, "QOR Agent: Internal Error 1004: 0x%x 0x%x 0x%x", bytes[1], bytes[2], bytes[3]);
@@ -97,7 +98,6 @@ bool LookAtMapping(const QorMapping &mapping, void *data) {
     else
         QORLOG(LOG_DETAIL, " foundelf = %d, numbits = %d", 1, search->bits);
     search->start = mapping.start;
-    search->length = mapping.end - mapping.start;
     const char *blank = strrchr(mapping.name, ' '); // a path that holds one is cut, and isn't found
     snprintf(search->path, sizeof search->path, "%s", blank ? blank + 1 : mapping.name);
     return false;
@@ -111,15 +111,11 @@ void NoteKindOfVm(const char *path) {
 // True when the file begins as the memory at `base` does. Another file may stand at the path since the JVM
 // was started, or in a directory of the search path; its addresses would be wrong ones.
 bool IsMappedFile(int32_t fd, uint64_t base) {
-    static char bytes[COMPARED_BYTES];
-    QorMapping mapping;
-    if (!QorFindMapping(base, &mapping) || !mapping.readable)
-        return false;
-    const uint64_t mapped = mapping.end - base;
-    const size_t wanted = mapped < COMPARED_BYTES ? mapped : COMPARED_BYTES;
-    const ssize_t got = pread(fd, bytes, wanted, 0);
+    static char bytes[COMPARED_BYTES], mapped[COMPARED_BYTES];
+    const ssize_t got = pread(fd, bytes, sizeof bytes, 0);
     return got >= static_cast<ssize_t>(sizeof(Elf64_Ehdr)) &&
-           memcmp(bytes, reinterpret_cast<const void *>(base), static_cast<size_t>(got)) == 0;
+           QorReadOwnMemory(base, mapped, static_cast<size_t>(got)) &&
+           memcmp(bytes, mapped, static_cast<size_t>(got)) == 0;
 }
 
 // What is wrong with the file.
@@ -220,7 +216,7 @@ void findsymbols(int32_t pid, const char *key, uint32_t words[SYMBOL_WORDS]) {
 
 int32_t findelfhdr(int32_t pid, uint64_t *base, const char *library, int32_t *file) {
     static MappingSearch search; // as large as a path; one thread looks
-    search = {library, 0, 0, 0, ""};
+    search = {library, 0, 0, ""};
     *file = -1;
     if (!QorVisitMappings(LookAtMapping, &search)) {
         QORLOG(LOG_NOTE, "QOR Agent: Internal Error 1001 %d %s", pid, library);

@@ -140,16 +140,19 @@ TEST_F(Library, AStrippedLibraryLeavesLocalNamesMissing) {
 // Of several mappings the first readable one that begins as an ELF file counts.
 TEST_F(Library, MappingsThatAreNoLibraryArePassedOver) {
     const size_t page = static_cast<size_t>(getpagesize());
-    auto *room = static_cast<char *>(mmap(nullptr, 4 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mappings.emplace_back(room, 4 * page);
+    auto *room = static_cast<char *>(mmap(nullptr, 6 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mappings.emplace_back(room, 6 * page);
     const std::string image = ElfImage(EXPORTED, ALL).bytes;
     Map(Put("other/libjvm.so", image), room, PROT_NONE);
     Map(Put("libjvm.so.txt", "no library"), room + page);
-    Map(Put("server/libjvm.so", image), room + 2 * page);
-    Map(Put("libjvm.so", image), room + 3 * page);
+    const fs::path cut = Put("other/libjvm.so.cut", image);
+    Map(cut, room + 2 * page);
+    fs::resize_file(cut, 0); // reading what is mapped of it would fault
+    Map(Put("server/libjvm.so", image), room + 4 * page);
+    Map(Put("libjvm.so", image), room + 5 * page);
     LogCapture log(LOG_DETAIL + 1);
     EXPECT_EQ(Find(SYMBOLS_JVM), "");
-    EXPECT_EQ(nsymbols[JTI_ALWAYS_CAPABILITIES], reinterpret_cast<uint64_t>(room + 2 * page) + 0x2000);
+    EXPECT_EQ(nsymbols[JTI_ALWAYS_CAPABILITIES], reinterpret_cast<uint64_t>(room + 4 * page) + 0x2000);
     EXPECT_EQ(log.count("File not ELF"), 1);
     EXPECT_EQ(log.count("findelfhdr: Opened file " + (folder / "server/libjvm.so").string()), 1);
 }
