@@ -247,12 +247,21 @@ bool PutHeader(Merge *merge, const char *title) {
     return Put(merge, header);
 }
 
+// The title of the next record: at the start of the reply or behind a section. Anywhere else the words
+// are a value's.
+const char *FindRecordTitle(const char *from) {
+    const char *found = strstr(from, TITLE_THREAD_DETAILS);
+    while (found && found != pagebuf && found[-1] != SECTION_END)
+        found = strstr(found + 1, TITLE_THREAD_DETAILS);
+    return found;
+}
+
 // Finds where the next thread's part ends; false when the reply has no more.
 bool FindReplyPart(const Merge &merge, ReplyPart *part) {
     *part = {};
     const char *row = merge.reply.from;
     if (reqid & QORREQ_POLL_DETAILS) {
-        row = strstr(row, TITLE_THREAD_DETAILS);
+        row = FindRecordTitle(row);
         if (!row)
             return false;
         if (!qorIsPollOrTrace)

@@ -94,7 +94,7 @@ std::string Coded(std::string text) {
 }
 
 constexpr char ACTIVE[] = "JVM Active Threads|a/one/Runnable|a/two/Lock|a/three/Lock|#";
-constexpr char DETAILS[] = "Thread Info Details|one/Runnable#Call Stack|f#JVM Locks|l|#"
+constexpr char DETAILS[] = "Thread Info Details|one/Runnable#Call Stack|Thread Info Details#JVM Locks|l|#"
                            "Thread Info Details|Thread Info Details/Lock#Call Stack|g#";
 constexpr char MARKED[] = "JVM Active Threads|a/one/{DB Wait[10]u/v|a/two/{RMI Wait[~1/2|a/three/{Lock|#";
 
@@ -116,7 +116,7 @@ constexpr MergeCase CASES[] = {
     {"two titles", 0x2080, 0, "JVM Active Threads|JVM Memory Activity|a/one|#", "x", "/A|",
      "JVM Active Threads|JVM Memory Activity|a/one/A|#"},
     {"with stacks", 0x8000, 0, DETAILS, "xx", "/A|/B|",
-     "Thread Info Details|one/Runnable/A#Call Stack|f#JVM Locks|l|#"
+     "Thread Info Details|one/Runnable/A#Call Stack|Thread Info Details#JVM Locks|l|#"
      "Thread Info Details|Thread Info Details/Lock/B#Call Stack|g#"},
     {"a poll without stacks", 0x8000, 0, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
     {"null", 0x2000, 0, ACTIVE, "xxx", nullptr, nullptr},
