@@ -28,6 +28,10 @@ public final class cJavaCall {
     private static final char SECTION_END = 31;
     private static final char NOT_KNOWN = '^';
 
+    /** What the reader of the answer goes by; beside it (26 to 28) what the reader of a detail block does. */
+    private static final String ANSWER_MARKS = "\16\17\36\37";
+    private static final String MARKS = ANSWER_MARKS + "\32\33\34";
+
     private static final int LONGEST_TEXT = 16384;
     private static final int TYPICAL_RECORD = 48;
 
@@ -129,7 +133,7 @@ public final class cJavaCall {
         if (known != null && known.framework != null)
             append(text.append(FRAMEWORK_MARK), known.framework).append(FRAMEWORK_MARK);
         if (known != null && known.remote != null)
-            append(text.append(REMOTE_MARK), known.remote).append(REMOTE_MARK);
+            append(text.append(REMOTE_MARK), known.remote, ANSWER_MARKS).append(REMOTE_MARK);
         text.append(FIELD_SEPARATOR);
         if (figures == null || !figures.append(text, index))
             text.append(NOT_KNOWN);
@@ -159,13 +163,16 @@ public final class cJavaCall {
             text.append(FIELD_SEPARATOR).append(key).append('=').append(value);
     }
 
-    /** Field separators pass; the marks that the reader goes by become blanks, long texts are cut. */
     private static StringBuilder append(StringBuilder text, String piece) {
+        return append(text, piece, MARKS);
+    }
+
+    /** Field separators pass; the marks become blanks, long texts are cut. */
+    private static StringBuilder append(StringBuilder text, String piece, String marks) {
         int length = Math.min(piece.length(), LONGEST_TEXT);
         for (int i = 0; i < length; i++) {
             char c = piece.charAt(i);
-            boolean mark = c == FRAMEWORK_MARK || c == REMOTE_MARK || c == RECORD_END || c == SECTION_END;
-            text.append(mark ? ' ' : c);
+            text.append(marks.indexOf(c) < 0 ? c : ' ');
         }
         return text;
     }

@@ -64,8 +64,9 @@ public class cJavaCallTest {
         assertEquals("\35F\36\16qrf\16\17db\17\35F\35e2e\36",
                      form(call(provider(null, new ThreadText("qrf", "db", "e2e")), 0)));
         assertEquals("marks of the form are blanks in texts",
-                     SYSTEM + "\35a b\37\35F\36\16 \16\35F\35c d e f\36",
-                     form(call(provider("a\37b", new ThreadText("\16", null, "c\36d\17e\37f")), 1)));
+                     SYSTEM + "\35a b\37\35F\36\16  \16\17\34\33 \17\35F\35c d e f g\36",
+                     form(call(provider("a\37b", new ThreadText("\16\32", "\34\33\17", "c\36d\17e\37f\34g")),
+                               1)));
     }
 
     @Test
