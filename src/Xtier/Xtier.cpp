@@ -174,27 +174,27 @@ constexpr PlainKind PLAIN_KINDS[] = {
     {FRAME_APP_SERVER, LOCAL_APP_SERVER_CALL, &QorXtierFlags::server},
 };
 
-void List(const QorThreadRecord *thread, const QorFrameRecord *frame, QorLocalKind kind) {
-    AddToThreadLocalInfoList(thread, frame, &localList, kind);
+// False when there is no memory.
+bool List(const QorThreadRecord *thread, const QorFrameRecord *frame, QorLocalKind kind) {
+    return AddToThreadLocalInfoList(thread, frame, &localList, kind) == 0;
 }
 
-// A thread shows one framework object only, the first that is met from the top.
+// A thread shows one framework object only, the first that is met from the top. A frame that can't be listed
+// is none: nothing would ever replace its interim text.
 QorFramework ListFrameworkFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
                                 QorXtierFlags *flags) {
-    if ((kinds & (FRAME_VIEW | FRAME_ENTITY)) && flags->view == MEETING_NONE) {
-        List(thread, frame, LOCAL_VIEW_OR_ENTITY);
+    if ((kinds & (FRAME_VIEW | FRAME_ENTITY)) && flags->view == MEETING_NONE &&
+        List(thread, frame, LOCAL_VIEW_OR_ENTITY)) {
         flags->view = MEETING_NOW;
         flags->groovy = flags->el = MEETING_OTHER;
         return FrameworkOf(kinds);
     }
-    if ((kinds & FRAME_GROOVY_LINE) && flags->groovy == MEETING_NONE) {
-        List(thread, frame, LOCAL_GROOVY);
+    if ((kinds & FRAME_GROOVY_LINE) && flags->groovy == MEETING_NONE && List(thread, frame, LOCAL_GROOVY)) {
         flags->groovy = MEETING_NOW;
         flags->view = flags->el = MEETING_OTHER;
         return FRAMEWORK_GROOVY;
     }
-    if ((kinds & FRAME_EL) && flags->el == MEETING_NONE) {
-        List(thread, frame, LOCAL_EL_EXPRESSION);
+    if ((kinds & FRAME_EL) && flags->el == MEETING_NONE && List(thread, frame, LOCAL_EL_EXPRESSION)) {
         flags->el = MEETING_NOW;
         flags->view = flags->groovy = MEETING_OTHER;
         return FRAMEWORK_EL;
@@ -257,9 +257,9 @@ QorFramework QorListStackFrame(const QorThreadRecord *thread, const QorFrameReco
         List(thread, frame, LOCAL_DATABASE_CALL);
         flags->database = true;
     }
-    if (!(kinds & (FRAME_VIEW | FRAME_ENTITY)) || flags->view != MEETING_NONE)
+    if (!(kinds & (FRAME_VIEW | FRAME_ENTITY)) || flags->view != MEETING_NONE ||
+        !List(thread, frame, LOCAL_VIEW_OR_ENTITY))
         return FRAMEWORK_NONE;
-    List(thread, frame, LOCAL_VIEW_OR_ENTITY);
     flags->view = MEETING_NOW;
     return FrameworkOf(kinds);
 }

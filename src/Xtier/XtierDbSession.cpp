@@ -226,7 +226,7 @@ bool FindSockets(uint32_t port, const char *clientHost) {
         snprintf(pagebuf, PAGEBUF_SIZE, "ERROR: DB Agent Invalid Client Host %s\n", clientHost);
         return false;
     }
-    const bool fromHere = strncmp(OwnAddress(), clientHost, ADDRESS_TEXT_SIZE) == 0;
+    const bool fromHere = clientHost[0] && strncmp(OwnAddress(), clientHost, ADDRESS_TEXT_SIZE) == 0;
     uint32_t local = 0;
     if (fromHere && HostNametoClAddr("127.0.0.1", &local) == -1) {
         snprintf(pagebuf, PAGEBUF_SIZE, "ERROR: Could not resolve localhost\n");
