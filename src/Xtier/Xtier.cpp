@@ -60,6 +60,12 @@ bool HasServer() {
            server.wmName[0] || server.sessionId[0];
 }
 
+// Without a frame of their own the references stay with the view's.
+void TellMissingFrame(const QorLocalFrame &frame) {
+    if (!frame.pushed)
+        QORLOG(LOG_ERROR, "QorAgent : Out of Memory XtierDb");
+}
+
 void ReadWebEntry(const QorAllThreadLocalInfoList &entry) {
     char *url = objQorJSPRequestData.requestUrl;
     if (url[0])
@@ -294,8 +300,7 @@ void QorInsertXtierData(QorText *reply) {
         if (!reads && location->at.currentCallStart < 0)
             continue;
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
-        if (!frame.pushed)
-            QORLOG(LOG_ERROR, "QorAgent : Out of Memory XtierDb");
+        TellMissingFrame(frame);
         if (reads)
             ReadThread(*location);
         const bool full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData,
@@ -312,8 +317,7 @@ QorStackViewData QorReadStackViewData() {
     ClearRecords();
     if (localList && QorGetLocalVariableForAllThread(localList) == 0) {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
-        if (!frame.pushed)
-            QORLOG(LOG_ERROR, "QorAgent : Out of Memory XtierDb");
+        TellMissingFrame(frame);
         for (const QorAllThreadLocalInfoList *entry = localList; entry; entry = entry->next) {
             if (entry->kind == LOCAL_WEB_REQUEST)
                 ReadWebEntry(*entry);
