@@ -111,12 +111,16 @@ long BareCall(long number, long a, long b, long c, long d) {
     return result;
 }
 
-[[noreturn]] void Leave(QorForkState state, int32_t error) {
-    page->error = error;
-    page->state = state;
+void qor_signal_fork_child_to_parent() {
     if (plan.pipe[1] >= 0 && write(plan.pipe[1], FORK_HANDSHAKE, FORK_HANDSHAKE_SIZE) < 0) {
         // nobody waits any more
     }
+}
+
+[[noreturn]] void Leave(QorForkState state, int32_t error) {
+    page->error = error;
+    page->state = state;
+    qor_signal_fork_child_to_parent();
     for (;;)
         syscall(SYS_exit_group, state == FORK_DONE ? 0 : EXIT_FAILURE_CODE);
 }

@@ -68,13 +68,23 @@ public final class ForkBench {
     private void turn() throws Exception {
         System.gc();
         measure("forked dump", this::forkedDump);
+        settle();
         File file = new File(directory, "bench-fork.hprof");
         measure("GC.heap_dump -all",
                 () -> ManagementFactory.getPlatformMXBean(HotSpotDiagnosticMXBean.class)
                           .dumpHeap(file.getPath(), false));
         delete(file);
         measure("forked histogram", () -> ask("516|showmem|512|ClassHistogramOnly", STOPS_ONLY ? "" : "JVM Class Details"));
+        settle();
         measure("GC.class_histogram -all", HeapBench::histogramOfTheJvm);
+    }
+
+    /** After a request that timed out the next may get its late reply. */
+    private static void settle() throws InterruptedException {
+        for (int i = 0; STOPS_ONLY && i < 2; i++) {
+            Thread.sleep(WINDOW);
+            Agent.request("516|NoProcessing|qorretry|0");
+        }
     }
 
     private void forkedDump() throws Exception {
