@@ -295,6 +295,21 @@ TEST_F(CrossTier, WithoutObjectsTheSavedCallStands) {
     }
 }
 
+// A saved call that is longer than the text in its place has room in any reply that has its row.
+TEST_F(CrossTier, TheSavedCallFitsWhereItsRowFits) {
+    CallVoid(TIERS, "start", "()V");
+    trace_all_threads = FLAG_TRACE_ALL_THREADS;
+    qorGetLocalObjectsQuotaPct = 0;
+    const auto whole = static_cast<int32_t>(Ask(QORREQ_POLL_DETAILS).size());
+    char *args[CONSOLE_ARG_COUNT] = {};
+    for (int32_t size = 200; size <= whole + 1; ++size) {
+        std::vector<char> page(static_cast<size_t>(size));
+        QorHandleShowJVMRequest(QORREQ_POLL_DETAILS, page.data(), size, args);
+        ASSERT_TRUE(IsWithoutInterimTexts(page.data())) << size;
+        ASSERT_EQ("", SampleReply::Parse(page.data(), true, false).error) << size;
+    }
+}
+
 // More data than a reply can hold: each thread keeps its row, and the first ones have their data.
 TEST_F(CrossTier, LongTextsCostNoRow) {
     gbSqlQueryLength = QOR_MAX_SQL_QUERY_SIZE;
