@@ -146,6 +146,7 @@ struct Framework {
 };
 const Framework FRAMEWORKS[] = {
     {"zoo-view", "View_Object->OrdersView", "ViewObjectImpl.java", "0", "ViewObjectImpl.java"},
+    {"zoo-view-in-el", "View_Object->InnerView", "ViewObjectImpl.java", "0", "ViewObjectImpl.java"},
     {"zoo-attribute", "View_Object->OrderTotal", "ViewObjectImpl.java", "0", "ViewObjectImpl.java"},
     {"zoo-entity", "Entity_Object->OrderEntity", "EntityObjImpl.java", "0", "EntityObjImpl.java"},
     {"zoo-value-el", "EL_Exp->#{orders.total}", "EL_Exp", "0", "El_Exp"},
@@ -219,7 +220,7 @@ TEST_F(CrossTier, FrameworkFramesShowWhatTheyWorkOn) {
         }
 
     // The stack view knows views and entities.
-    for (const Framework *expected : {&FRAMEWORKS[0], &FRAMEWORKS[1], &FRAMEWORKS[2]}) {
+    for (const Framework *expected : {&FRAMEWORKS[0], &FRAMEWORKS[1], &FRAMEWORKS[2], &FRAMEWORKS[3]}) {
         const StackView view = AskStack(KeyOf(poll, expected->thread));
         EXPECT_EQ(expected->call, view.call);
         EXPECT_EQ("0", view.line);

@@ -132,6 +132,10 @@ public final class Tiers {
                      -> new ControlFlowEngine().performControlFlow(
                          new ChildViewPortContextImpl(new ViewPortContextImpl("/pages/orders.jspx")), work)),
             new Call("view", work -> new ViewObjectImpl("OrdersView").getQueryHitCount(work)),
+            new Call("view-in-el",
+                     work
+                     -> new ValueExpressionImpl("#{outer}").getValue(
+                         () -> new ViewObjectImpl("InnerView").getQueryHitCount(work))),
             new Call("attribute",
                      work -> new ViewRowImpl().setAttribute(new ViewAttributeDefImpl("OrderTotal"), work)),
             new Call("entity", work -> new EntityImpl("OrderEntity", work).doDML(1, new TransactionEvent())),
