@@ -6,7 +6,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.util.ArrayList;
-import java.util.Collections;
 import java.util.List;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
@@ -29,8 +28,10 @@ public final class TierBench {
     private static final String POLL = "260|showstack|32768";
     private static final String NO_POLL = "772|showstack|32768";
     private static final Pattern TIMING = Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
-    private static final Pattern WALK =
-            Pattern.compile("Local Variable traversal - process time : (\\d+) sec,(\\d+) usec");
+    /** The line is written when a walk has ended. */
+    private static final Pattern WALK = Pattern.compile("<\\S+ (\\d+):(\\d+):(\\d+)\\.(\\d+)> "
+            + ".*Local Variable traversal - process time : (\\d+) sec,(\\d+) usec");
+    private static final double DAY_MILLIS = 24 * 3600e3;
     private static final String SHOWN = "select o.id";
     /** The level at which each walk's time is logged. */
     private static final int LEVEL_OF_TIMES = 5;
@@ -97,16 +98,28 @@ public final class TierBench {
         return ask(POLL);
     }
 
-    /** Milliseconds of the walks logged since the last call. */
-    private double[] walks() throws IOException {
+    /** A walk, in milliseconds: its length, and its start in the day. */
+    private static final class Walk {
+        final double length;
+        final double start;
+
+        Walk(Matcher line) {
+            length = Long.parseLong(line.group(5)) * 1e3 + Long.parseLong(line.group(6)) / 1e3;
+            int minutes = Integer.parseInt(line.group(1)) * 60 + Integer.parseInt(line.group(2));
+            start = (minutes * 60 + Integer.parseInt(line.group(3))) * 1e3 + Integer.parseInt(line.group(4)) - length;
+        }
+    }
+
+    /** The walks logged since the last call. */
+    private List<Walk> walks() throws IOException {
         byte[] all = Files.readAllBytes(log);
         String text = new String(all, (int) logRead, (int) (all.length - logRead), StandardCharsets.UTF_8);
         logRead = all.length;
         Matcher line = WALK.matcher(text);
-        List<Double> found = new ArrayList<>();
+        List<Walk> found = new ArrayList<>();
         while (line.find())
-            found.add(Long.parseLong(line.group(1)) * 1e3 + Long.parseLong(line.group(2)) / 1e3);
-        return found.stream().mapToDouble(Double::doubleValue).toArray();
+            found.add(new Walk(line));
+        return found;
     }
 
     /** A poll a second with frames that the agent knows, a walk in each, and without such frames. */
@@ -123,10 +136,10 @@ public final class TierBench {
                     Agent.setLogLevel(LEVEL_OF_TIMES);
                     walks();
                     pollEachSecond(windowSeconds / 2 + 1);
-                    double[] walks = walks();
+                    List<Walk> walks = walks();
                     if (isKnown)
-                        figures.add("walk", Figures.median(walks));
-                    else if (walks.length > 0)
+                        figures.add("walk", Figures.median(walks.stream().mapToDouble(w -> w.length).toArray()));
+                    else if (!walks.isEmpty())
                         throw new IllegalStateException("a walk for nothing");
                     stop();
                 }
@@ -173,23 +186,19 @@ public final class TierBench {
                     poll();
                 Agent.setLogLevel(LEVEL_OF_TIMES);
                 walks();
-                List<Long> starts = new ArrayList<>();
-                List<Double> walks = new ArrayList<>();
+                List<Walk> walks = new ArrayList<>();
                 int polls = 0;
-                for (; starts.size() < WALKS_OF_A_SHARE; polls++) {
-                    long begin = System.nanoTime();
+                for (; walks.size() < WALKS_OF_A_SHARE; polls++) {
                     poll();
-                    for (double walk : walks()) {
-                        starts.add(begin);
-                        walks.add(walk);
-                    }
+                    walks.addAll(walks());
                 }
                 stop();
-                int last = starts.size() - 1;
-                double elapsed = (starts.get(last) - starts.get(0)) / 1e6;
-                double stood = walks.subList(0, last).stream().mapToDouble(Double::doubleValue).sum();
-                System.out.printf("| %d | %d | %d | %.1f | %.2f |%n", quota, polls, walks.size(), Collections.max(walks),
-                        100 * stood / elapsed);
+                int last = walks.size() - 1;
+                double elapsed = walks.get(last).start - walks.get(0).start;
+                double stood = walks.subList(0, last).stream().mapToDouble(w -> w.length).sum();
+                System.out.printf("| %d | %d | %d | %.1f | %.2f |%n", quota, polls, walks.size(),
+                        walks.stream().mapToDouble(w -> w.length).max().orElse(0),
+                        100 * stood / (elapsed > 0 ? elapsed : elapsed + DAY_MILLIS));
             }
         }
     }
