@@ -379,6 +379,21 @@ TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     EXPECT_EQ(count, 0);
 }
 
+// Classes that turn out to be of no interest are marked, so that the next walk passes over their objects:
+// arrays too, whose classes the JVM never calls initialised.
+TEST_F(LocalWalks, LearnWhatIsOfNoInterest) {
+    jobject text = Text("text"), array = Env()->NewByteArray(1);
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    Enter("three", "learning", text, array, statement);
+    EXPECT_EQ(readOne("learning", "three", LOCAL_DATABASE_CALL, statement),
+              "Ltessar/jdbc/driver/TessarStatement;");
+    for (jobject object : {text, array, statement}) {
+        jlong tag = 0;
+        EXPECT_EQ(gbQorLocalWalkEnv->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
+        EXPECT_EQ(tag, object == statement ? 0 : BORING_CLASS);
+    }
+}
+
 TEST_F(LocalWalks, AreOffWithoutAQuotaOrAList) {
     Enter("nested", "off", Make("tessar/jdbc/driver/TessarStatement"));
     Listing listing;
