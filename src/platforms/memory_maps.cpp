@@ -44,9 +44,13 @@ bool QorVisitMappings(bool (*visit)(const QorMapping &mapping, void *data), void
         return false;
     char line[LINE_SIZE];
     QorMapping mapping;
-    while (fgets(line, sizeof line, file))
-        if (ReadLine(line, &mapping) && !visit(mapping, data))
+    bool starts = true; // what is left of a line too long must not pass for one
+    while (fgets(line, sizeof line, file)) {
+        const bool isStart = starts;
+        starts = strchr(line, '\n') != nullptr;
+        if (isStart && ReadLine(line, &mapping) && !visit(mapping, data))
             break;
+    }
     fclose(file);
     return true;
 }
