@@ -231,7 +231,8 @@ void ServeRequests(const intptr_t start) {
         if (!stays)
             break;
     }
-    sigJumpThread = 0; // the mark ends with this function
+    if (sigJumpThread == qor_current_thread_id())
+        sigJumpThread = 0; // the mark ends with this function; a successor's stays
 }
 
 // Starts a detached worker, the only one that may touch the channel from now on. 0 or the error number.
