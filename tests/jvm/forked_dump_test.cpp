@@ -120,7 +120,7 @@ TYPED_TEST(QuietHeap, ForkedDumpEqualsTheOneOfTheProcess) {
     EXPECT_EQ(forked.error, "");
     EXPECT_EQ(forked.InstancesOf(NODE), NODES);
     EXPECT_EQ(forked.header.substr(0, 9), own.header.substr(0, 9));
-    EXPECT_EQ(forked.trailer, own.trailer);
+    EXPECT_EQ(forked.trailer.substr(0, 9), " Finished"); // the seconds are each one's own
     ASSERT_EQ(forked.body.size(), own.body.size());
     EXPECT_TRUE(forked.body == own.body);
 }
