@@ -238,6 +238,10 @@ ZooVisit::~ZooVisit() {
     CallVoid(ZOO, "stop", "()V");
 }
 
+bool IsMadeByJvm(const std::string &call) {
+    return call.find("$$Lambda") != std::string::npos || call.find("LambdaForm") != std::string::npos;
+}
+
 std::map<int64_t, TrueThread> ThreadTruth() {
     std::map<int64_t, TrueThread> threads;
     TrueThread *current = nullptr;

@@ -68,6 +68,10 @@ struct TrueFrame {
     std::string call, file; // "class->method"; "-" for no file
     int line;
 };
+
+// Classes that the JVM makes at run time have names of their own making, and are hidden from Java.
+bool IsMadeByJvm(const std::string &call);
+
 struct TrueLock {
     int depth; // -1 for the lock waited for
     std::string className;

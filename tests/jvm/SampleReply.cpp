@@ -1,8 +1,20 @@
 #include "SampleReply.h"
 
+#include "RequestHandler/RequestHandler.h"
+
 #include "RequestHandler/records.h"
 
 #include <cstdlib>
+
+std::string Ask(uint32_t request, const std::string &slot0, const std::string &slot1, int32_t size) {
+    std::string first = slot0, second = slot1;
+    char *args[CONSOLE_ARG_COUNT] = {first.empty() ? nullptr : first.data(),
+                                     second.empty() ? nullptr : second.data()};
+    static std::vector<char> page(PAGEBUF_SIZE);
+    page[0] = 0;
+    QorHandleShowJVMRequest(request, page.data(), size, args);
+    return page.data();
+}
 
 std::vector<std::string> Split(const std::string &text, char separator) {
     std::vector<std::string> pieces(1);

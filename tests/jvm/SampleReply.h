@@ -1,8 +1,14 @@
 // A reply of the thread sample, taken apart by its grammar. Any byte out of place fails the parse.
 #pragma once
 
+#include "qorrequest.h"
+
 #include <string>
 #include <vector>
+
+// The reply of a view of the JVM in a page of `size` bytes. An empty slot is one that the request lacks.
+std::string Ask(uint32_t request, const std::string &slot0 = "", const std::string &slot1 = "",
+                int32_t size = PAGEBUF_SIZE);
 
 // The pieces between the separators, one more than there are of these.
 std::vector<std::string> Split(const std::string &text, char separator);

@@ -41,17 +41,6 @@ struct CrossTier : SessionTest {
     }
 };
 
-std::string Ask(uint32_t request, const std::string &slot0 = "", const std::string &slot1 = "") {
-    static char page[PAGEBUF_SIZE];
-    std::string first = slot0, second = slot1;
-    char *args[CONSOLE_ARG_COUNT] = {};
-    args[0] = first.empty() ? nullptr : first.data();
-    args[1] = second.empty() ? nullptr : second.data();
-    page[0] = 0;
-    QorHandleShowJVMRequest(request, page, sizeof page, args);
-    return page;
-}
-
 // A sample with all threads in it; `stacks`: with their frames.
 SampleReply Sample(bool stacks) {
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
@@ -158,10 +147,18 @@ struct Request {
     const char *thread, *url;
 };
 const Request REQUESTS[] = {
-    {"zoo-jserv", "/jserv"},       {"zoo-ferrule-run", "/ferrule"},    {"zoo-tomcat", "/tomcat"},
-    {"zoo-lumo", "/lumo"},         {"zoo-websphere", "/websphere"},    {"zoo-jersey", "GET-/a/b"},
-    {"zoo-sun-jersey", "POST-/c"}, {"zoo-page", "/pages/orders.jspx"}, {"zoo-ferrule-service", "^"},
+    {"zoo-jserv", "/jserv"},
+    {"zoo-ferrule-run", "/ferrule"},
+    {"zoo-tomcat", "/tomcat"},
+    {"zoo-lumo", "/lumo"},
+    {"zoo-websphere", "/websphere"},
+    {"zoo-jersey", "GET-/a/b"},
+    {"zoo-sun-jersey", "POST-/c"},
+    {"zoo-page", "/pages/orders.jspx"},
+    {"zoo-ferrule-service", "^"},
     {"zoo-server", "/served"},
+    {"zoo-ferrule-execute", "/original/ferrule"},
+    {"zoo-filter", "/context/faces/page"},
 };
 
 } // namespace
@@ -256,6 +253,7 @@ TEST_F(CrossTier, RemoteCallsShowTheirPeer) {
     const SampleThread *thread = reply.Find("zoo-remote");
     ASSERT_TRUE(thread);
     EXPECT_EQ("RMI Wait", thread->state);
+    EXPECT_EQ("77", thread->detail4.at(0));
     EXPECT_EQ("7001", thread->detail4.at(1));
     EXPECT_EQ("ejb/Orders", thread->detail4.at(3));
     EXPECT_EQ(0u, thread->detail4.at(2).rfind("-63.", 0)) << thread->detail4.at(2);
@@ -390,6 +388,8 @@ TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
     gbQorRELocal = 0;
     EXPECT_EQ("/jserv", reply.Find("zoo-jserv")->url);
     EXPECT_EQ("/ferrule", reply.Find("zoo-ferrule-run")->url);
+    EXPECT_EQ("/original/ferrule", reply.Find("zoo-ferrule-execute")->url);
+    EXPECT_EQ("^", reply.Find("zoo-tomcat")->url) << "no frame of this way";
     EXPECT_EQ("^", reply.Find("zoo-view")->url) << "the request of another thread";
     EXPECT_NE(std::string::npos, reply.Find("zoo-view")->call.find("Unsafe->park"));
     EXPECT_EQ(" ", view.url);

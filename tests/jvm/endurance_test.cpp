@@ -1,4 +1,5 @@
 // The sample over a long time, and with more threads than it shows.
+#include "Descriptors.h"
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
@@ -7,7 +8,6 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
-#include <dirent.h>
 #include <fstream>
 #include <unistd.h>
 
@@ -23,14 +23,6 @@ struct Endurance : SessionTest {
     }
 };
 
-std::string Ask(uint32_t request) {
-    static char page[PAGEBUF_SIZE];
-    char *args[CONSOLE_ARG_COUNT] = {};
-    page[0] = 0;
-    QorHandleShowJVMRequest(request, page, sizeof page, args);
-    return page;
-}
-
 // All kinds of samples, 100 in all, each of them well-formed.
 void SampleHundredTimes() {
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
@@ -42,15 +34,6 @@ void SampleHundredTimes() {
         ASSERT_EQ("", SampleReply::Parse(Ask(QORREQ_ACTIVE_THREADS), false, false).error);
         ASSERT_NE("", Ask(QORREQ_THREAD_SUMMARY));
     }
-}
-
-int CountDescriptors() {
-    int count = 0;
-    DIR *folder = opendir("/proc/self/fd");
-    while (readdir(folder))
-        ++count;
-    closedir(folder);
-    return count;
 }
 
 // What the agent's samples may not make grow, in KiB and numbers. The heap of the JVM is left out.
@@ -73,7 +56,7 @@ int64_t HeapKb() {
 }
 
 Footprint Measure() {
-    return {HeapKb(), CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), CountDescriptors()};
+    return {HeapKb(), CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), OpenDescriptors()};
 }
 
 } // namespace

@@ -21,16 +21,6 @@ struct Views : SessionTest {
     }
 };
 
-std::string Ask(uint32_t request, const std::string &slot0, const std::string &slot1) {
-    std::string first = slot0, second = slot1;
-    char *args[CONSOLE_ARG_COUNT] = {slot0.empty() ? nullptr : first.data(),
-                                     slot1.empty() ? nullptr : second.data()};
-    static char page[PAGEBUF_SIZE];
-    page[0] = 0;
-    QorHandleShowJVMRequest(request, page, sizeof page, args);
-    return page;
-}
-
 int64_t IdOf(const char *kind) {
     return CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text(kind));
 }

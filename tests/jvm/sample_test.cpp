@@ -1,8 +1,8 @@
 #include "JvmFixture.h"
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
-#include "Xtier/thread_e2e_info.h"
 #include "SampleReply.h"
+#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -14,8 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-std::vector<char> page(PAGEBUF_SIZE);
 
 struct Sample : SessionTest {
     void SetUp() override {
@@ -31,19 +29,6 @@ struct Sample : SessionTest {
     }
 };
 
-std::string Ask(uint32_t request, int32_t size = PAGEBUF_SIZE, const char *slot0 = nullptr,
-                const char *slot1 = nullptr) {
-    char first[64], second[64];
-    char *args[CONSOLE_ARG_COUNT] = {};
-    if (slot0)
-        args[0] = strncpy(first, slot0, sizeof first - 1), first[sizeof first - 1] = 0;
-    if (slot1)
-        args[1] = strncpy(second, slot1, sizeof second - 1), second[sizeof second - 1] = 0;
-    page[0] = 0;
-    QorHandleShowJVMRequest(request, page.data(), size, args);
-    return page.data();
-}
-
 SampleReply AskDetails() {
     poll_details = FLAG_POLL_DETAILS;
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
@@ -53,10 +38,6 @@ SampleReply AskDetails() {
 void Rules(const std::string &text) {
     std::string copy = text;
     readconditions(copy.data());
-}
-
-bool IsMadeByJvm(const std::string &call) {
-    return call.find("$$Lambda") != std::string::npos || call.find("LambdaForm") != std::string::npos;
 }
 
 std::string Describe(const TrueLock &lock) {
@@ -197,13 +178,13 @@ TEST_F(Sample, ShowsActiveThreadsOnly) {
     Rules("");
     EXPECT_NE(nullptr, active().Find("zoo-file-read"));
     // The poll filters in the same way; its word for all threads lifts the filter, as its flag does.
-    const auto poll = [](const char *word) {
-        return SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, PAGEBUF_SIZE, word), true, false);
+    const auto poll = [](const std::string &word) {
+        return SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, word), true, false);
     };
-    EXPECT_EQ(nullptr, poll(nullptr).Find("zoo-sleep"));
+    EXPECT_EQ(nullptr, poll("").Find("zoo-sleep"));
     EXPECT_NE(nullptr, poll("JVMALLTHREADS").Find("zoo-sleep"));
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
-    EXPECT_NE(nullptr, poll(nullptr).Find("zoo-sleep"));
+    EXPECT_NE(nullptr, poll("").Find("zoo-sleep"));
     EXPECT_EQ(nullptr, active().Find("zoo-sleep"));
 }
 
@@ -258,8 +239,7 @@ TEST_F(Sample, TracesOneThread) {
     const int64_t id = CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text("sleep"));
     const std::string key = std::to_string(getpid()) + "-" + std::to_string(id);
     trace_single_thread_details = FLAG_TRACE_SINGLE_THREAD;
-    const SampleReply reply =
-        SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, PAGEBUF_SIZE, nullptr, key.c_str()), true, true);
+    const SampleReply reply = SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, "", key), true, true);
     ASSERT_EQ("", reply.error);
     ASSERT_EQ(1u, reply.threads.size());
     EXPECT_EQ("zoo-sleep", reply.threads[0].name);
@@ -267,7 +247,7 @@ TEST_F(Sample, TracesOneThread) {
 
     const std::string nobody = std::string("Thread Info Details") + RECORD_END + SECTION_END;
     poll_details = 0;
-    EXPECT_EQ(nobody, Ask(QORREQ_POLL_DETAILS, PAGEBUF_SIZE, nullptr, "1-1"));
+    EXPECT_EQ(nobody, Ask(QORREQ_POLL_DETAILS, "", "1-1"));
     EXPECT_EQ(nobody, Ask(QORREQ_POLL_DETAILS));
 }
 
@@ -279,7 +259,7 @@ TEST_F(Sample, FullReplyEndsBehindAWholeRecord) {
     const SampleReply all = SampleReply::Parse(whole, true, true);
     ASSERT_EQ("", all.error);
     for (int32_t size : {100, 5000, 20000, 60000, static_cast<int32_t>(whole.size())}) {
-        const std::string text = Ask(QORREQ_POLL_DETAILS, size);
+        const std::string text = Ask(QORREQ_POLL_DETAILS, "", "", size);
         EXPECT_LT(text.size(), static_cast<size_t>(size));
         const SampleReply cut = SampleReply::Parse(text, true, true);
         EXPECT_EQ("", cut.error) << size;

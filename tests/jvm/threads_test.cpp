@@ -15,15 +15,10 @@ struct Threads : SessionTest {
     }
 };
 
-// Classes that the JVM makes at run time have names of their own making, and are hidden from Java.
-bool isMadeByJvm(const std::string &call) {
-    return call.find("$$Lambda") != std::string::npos || call.find("LambdaForm") != std::string::npos;
-}
-
 std::vector<TrueFrame> shownToJava(const std::vector<TrueFrame> &frames) {
     std::vector<TrueFrame> shown;
     for (const TrueFrame &frame : frames)
-        if (!isMadeByJvm(frame.call))
+        if (!IsMadeByJvm(frame.call))
             shown.push_back(frame);
     return shown;
 }
@@ -140,35 +135,6 @@ TEST_F(Threads, StandInTheStatesThatTheirCallsTell) {
         EXPECT_EQ(got.count(kind) ? got[kind] : -1, state) << kind;
 }
 
-// What the walk keeps of a method is what the JVM says of it, frame by frame.
-TEST_F(Threads, KeepOfAMethodWhatASingleReadingGives) {
-    ZooVisit zoo("holder,accept,lambda,initialiser");
-    QorFrameRecord record;
-    char text[NAME_SIZE];
-    Walk walk;
-    int32_t compared = 0;
-    while (walk.next()) {
-        for (int32_t round = 0; round < 2; round++) {
-            for (int32_t i = 0; i < walk.frames.count; i++) {
-                walk.frames.index = i;
-                if (QorReadFrame(&walk.frames, FRAME_WITH_FILE_AND_LINE, &record) != 0)
-                    continue;
-                EXPECT_EQ(record.methodId, reinterpret_cast<int64_t>(walk.frames.frames[i].method));
-                ASSERT_EQ(QorGetMethodInfo(&walk.frames, text), 0);
-                EXPECT_STREQ(record.method, text);
-                ASSERT_EQ(QorGetClassInfo(&walk.frames, text), 0);
-                EXPECT_STREQ(record.className, text);
-                text[0] = 0;
-                ASSERT_EQ(QorGetFileName(&walk.frames, text), 0);
-                EXPECT_STREQ(record.fileName, text);
-                EXPECT_EQ(record.line, QorGetLineNumber(&walk.frames)) << record.method;
-                compared++;
-            }
-        }
-    }
-    EXPECT_GT(compared, 40);
-}
-
 // More methods than the walk can keep, in one walk: those that collide and those that find no room read like
 // the first one.
 TEST_F(Threads, MayShowMoreMethodsThanAreKept) {
@@ -274,22 +240,6 @@ TEST_F(Threads, AreCutAtTheDepthAskedFor) {
     Walk refused;
     EXPECT_EQ(refused.next(), false);
     EXPECT_EQ(refused.handle.count, 0);
-    CallVoid(ZOO, "stop", "()V");
-}
-
-// The overflow line comes once, references of all threads are given back, and the JVM finds nothing to say.
-TEST_F(Threads, BeyondTheCapAreNotSeen) {
-    CallVoid(ZOO, "startMany", "(II)V", 1050, 1);
-    LogCapture log(LOG_NOTE + 1);
-    for (int32_t sample = 0; sample < 3; sample++) {
-        Walk walk;
-        int32_t seen = 0;
-        while (walk.next())
-            seen++;
-        EXPECT_EQ(seen, MAX_WALK_THREADS);
-        EXPECT_EQ(QorGetFrames(&walk.handle, &walk.frames), -1);
-    }
-    EXPECT_EQ(log.count("Thread Count exceeding 1024 threads. Messages are suppressed."), 1);
     CallVoid(ZOO, "stop", "()V");
 }
 
