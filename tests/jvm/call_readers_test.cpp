@@ -313,25 +313,3 @@ TEST_F(CallReaders, TellAStuckThreadByItsName) {
     snprintf(named.threadName, sizeof named.threadName, "[STUCK] but not so");
     EXPECT_EQ(readServer(named).stuck, 0);
 }
-
-TEST_F(CallReaders, NeedTheirArgumentsAndAnObject) {
-    const ModelEntry empty(LOCAL_RMI_CALL, "", nullptr);
-    QorRmiCallData rmi = {};
-    QorIOCallData file = {};
-    QorNetworkCallData network = {};
-    QorAppServerCallData server = {};
-    LogCapture log(5);
-    EXPECT_EQ(QorGetRmiCallDataFromLocalVariable(&empty, &rmi), 0);
-    EXPECT_EQ(QorGetIOCallDataFromLocalVariable(&empty, &file), 0);
-    EXPECT_EQ(QorGetNetworkCallDataFromLocalVariable(&empty, &network), 0);
-    EXPECT_EQ(QorGetAppServerCallDataFromLocalVariable(&empty, &server), 0);
-    EXPECT_EQ(log.count(" : Obj Null"), 4);
-    EXPECT_EQ(QorGetRmiCallDataFromLocalVariable(nullptr, &rmi), -1);
-    EXPECT_EQ(QorGetIOCallDataFromLocalVariable(nullptr, &file), -1);
-    EXPECT_EQ(QorGetNetworkCallDataFromLocalVariable(nullptr, &network), -1);
-    EXPECT_EQ(QorGetAppServerCallDataFromLocalVariable(nullptr, &server), -1);
-    EXPECT_EQ(QorGetRmiCallDataFromLocalVariable(&empty, nullptr), -1);
-    EXPECT_EQ(QorGetIOCallDataFromLocalVariable(&empty, nullptr), -1);
-    EXPECT_EQ(QorGetNetworkCallDataFromLocalVariable(&empty, nullptr), -1);
-    EXPECT_EQ(QorGetAppServerCallDataFromLocalVariable(&empty, nullptr), -1);
-}

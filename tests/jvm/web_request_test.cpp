@@ -226,19 +226,3 @@ TEST_F(WebRequests, AreNotWaitedFor) {
     CallVoid("qoragent/testing/Obstacles", "release", "()V");
     EXPECT_EQ(urlOf(SERVERS[0].spellings[0], "run", unborn), "/born");
 }
-
-TEST_F(WebRequests, NeedTheirArguments) {
-    const ModelEntry empty(LOCAL_WEB_REQUEST, "", nullptr);
-    QorJSPRequestData &record = objQorJSPRequestData;
-    QorThreadRecord thread = {};
-    QorFrameRecord frame = {0, 0, "run", "org.apache.jserv.JServConnection", "", 0, 1, nullptr};
-    LogCapture log(1);
-    EXPECT_EQ(QorGetJSPRequestDataFromLocalVariable(&empty, &record), 0);
-    EXPECT_EQ(log.text(), "");
-    EXPECT_EQ(QorGetJSPRequestDataFromLocalVariable(nullptr, &record), -1);
-    EXPECT_EQ(QorGetJSPRequestDataFromLocalVariable(&empty, nullptr), -1);
-    EXPECT_EQ(QorGetJSPRequest(nullptr, &frame, &record), -1);
-    EXPECT_EQ(QorGetJSPRequest(&thread, nullptr, &record), -1);
-    EXPECT_EQ(QorGetJSPRequest(&thread, &frame, nullptr), -1);
-    EXPECT_EQ(log.count(" NULL"), 5);
-}
