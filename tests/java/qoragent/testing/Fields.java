@@ -4,26 +4,13 @@ import java.io.ByteArrayOutputStream;
 import java.io.PrintStream;
 import java.util.Hashtable;
 
-/** An object with a field of every type, instance and static, for tests of the native field readers. */
+/** An object to read fields of, and to call, for tests of the native JNI calls. */
 public final class Fields {
-    public static boolean staticBoolean = true;
-    public static byte staticByte = -8;
-    public static char staticChar = 'q';
-    public static short staticShort = -1600;
-    public static int staticInt = -320000;
-    public static long staticLong = -64000000000L;
-    public static float staticFloat = 1.25f;
-    public static double staticDouble = -2.5;
     public static Object staticObject = "static";
 
     public boolean aBoolean = true;
-    public byte aByte = -7;
-    public char aChar = 'Q';
-    public short aShort = -1500;
     public int anInt = -310000;
     public long aLong = 63000000000L;
-    public float aFloat = 0.75f;
-    public double aDouble = 3.5;
     public Object anObject = "instance";
     public Object nothing;
 
@@ -41,13 +28,6 @@ public final class Fields {
 
     private Object told;
 
-    /** A class that nothing initialises. */
-    public static final class Untouched {
-        static final Object BORN = new Object();
-
-        private Untouched() {}
-    }
-
     public static Fields make() { return new Fields(); }
 
     public static Hashtable<String, String> table(int size) {
@@ -62,8 +42,6 @@ public final class Fields {
     public boolean booleanOf() { return aBoolean; }
 
     public long longOf() { return aLong; }
-
-    public Object objectOf() { return anObject; }
 
     public void tell(Object what) { told = what; }
 
