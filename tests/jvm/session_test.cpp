@@ -59,23 +59,6 @@ TEST_F(Session, KeepsWhatTheJvmGives) {
     EXPECT_EQ(untouched, 4);
 }
 
-TEST_F(Session, LogsWhatCanNotBeHadInOrder) {
-    QorDovOnUnload(Env());
-    LogCapture log(LOG_DETAIL + 1);
-    EXPECT_EQ(QorDovOnLoad(Env()), -1); // no JVM of today has the extended table
-    const std::string text = log.text();
-    size_t at = 0;
-    for (const char *line :
-         {"Loading Qoragent....", "capability to get owned monitor info : 0",
-          "capability to get contended monitors : 0", "owned monitor stack depth capability : 0",
-          "Capabilities Added", "Getting New Thread Class", "jmm_ext NULL"}) {
-        const size_t found = text.find(line, at);
-        EXPECT_NE(found, std::string::npos) << line << " in\n" << text;
-        at = found == std::string::npos ? at : found;
-    }
-    EXPECT_EQ(log.count("Information - "), 3) << text;
-}
-
 // Each start makes an environment, and only one at a time can hold can_suspend.
 TEST_F(Session, CanBeOpenedAgainAndAgain) {
     CallLong(COUNTS, "globalRefs", "()J"); // what the first call leaves behind isn't the session's
@@ -204,56 +187,6 @@ TEST_F(Session, GuardsWalksOfOldBuildsAtLevelOneOnly) {
     }
     Env()->functions = jvms;
     EXPECT_EQ(gbUniverseCollectedHeap, nullptr) << "no address is known here";
-}
-
-TEST_F(Session, HasNoExtensionsOfOtherJvms) {
-    EXPECT_EQ(QorGetIBMExtension(), 0);
-    EXPECT_EQ(iCanGetOSThreadID + iCanTriggerVmDump, 0);
-    EXPECT_EQ(QorGetOSThreadID(nullptr), -1);
-    LogCapture log(LOG_ERROR + 1);
-    checkCapabilities();
-    EXPECT_EQ(log.count("can_tag_objects"), 0);
-}
-
-TEST_F(Session, TellsTheSizesThatRuntimeTells) {
-    jobject runtime = CallObject("java/lang/Runtime", "getRuntime", "()Ljava/lang/Runtime;");
-    jclass klass = Env()->GetObjectClass(runtime);
-    const auto ask = [&](const char *name) {
-        return static_cast<uint64_t>(
-            QorCallLongMethod(Env(), runtime, Env()->GetMethodID(klass, name, "()J")));
-    };
-    EXPECT_EQ(QorGetTotalMemory(), ask("totalMemory"));
-    EXPECT_EQ(QorGetMaxMemory(), ask("maxMemory"));
-    const uint64_t after = QorGetFreeMemory();
-    EXPECT_LE(after, QorGetTotalMemory());
-    EXPECT_NEAR(static_cast<double>(after), static_cast<double>(ask("freeMemory")), 16e6);
-}
-
-// A fault in a guarded call comes back to the mark, and is told of once the guard is down; a second start
-// without an end between still finds the JVM's own handlers to put back.
-TEST_F(Session, ComesBackFromAFaultInAGuardedCall) {
-    static struct sigaction table[NSIG];
-    const auto jvmHandler = [](int, siginfo_t *, void *) {};
-    table[SIGSEGV].sa_sigaction = table[SIGBUS].sa_sigaction = jvmHandler;
-    nsymbols[JTI_OLD_ACTIONS] = reinterpret_cast<uint64_t>(table);
-    sig_hack = 1;
-    trycatch_init();
-    trycatch_init();
-    EXPECT_EQ(table[SIGSEGV].sa_sigaction, trycatch_Catcher);
-
-    LogCapture log(LOG_ERROR + 1);
-    TRYCATCH_OPEN();
-    if (tryState == TRY_RUNNING)
-        trycatch_Catcher(SIGSEGV, nullptr, nullptr);
-    EXPECT_EQ(tryState, TRY_FAULTED);
-    EXPECT_EQ(log.count("Child Thread recovering from SIGSEGV"), 1);
-    tryState = TRY_OFF;
-
-    trycatch_Cleanup();
-    EXPECT_EQ(table[SIGSEGV].sa_sigaction, +jvmHandler);
-    EXPECT_EQ(table[SIGBUS].sa_sigaction, +jvmHandler);
-    sig_hack = 0;
-    nsymbols[JTI_OLD_ACTIONS] = 0;
 }
 
 TEST_F(Session, GivesSignalChainingUpWithoutATable) {

@@ -110,6 +110,7 @@ void StartChaining() {
     nsymbols[JTI_OLD_ACTIONS] = reinterpret_cast<uint64_t>(table);
     sig_hack = 1;
     trycatch_init();
+    trycatch_init(); // a second start finds the JVM's own handlers to put back all the same
 }
 
 // A guarded call as the agent makes them: the state it ends in.
