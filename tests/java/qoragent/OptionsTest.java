@@ -9,36 +9,6 @@ import org.junit.Test;
 
 public class OptionsTest {
     @Test
-    public void everyKeyHasItsDefault() {
-        String[][] rows = {
-            {"loglevel", "1"},
-            {"optlevel", "0"},
-            {"maxbackoff", "30"},
-            {"timeout", "60"},
-            {"sigchain", "0"},
-            {"vendor", System.getProperty("java.vendor")},
-            {"version", System.getProperty("java.version")},
-            {"osname", System.getProperty("os.name") + "-" + System.getProperty("os.version")},
-            {"webserver", ""},
-            {"logfile", "stderr"},
-            {"jvmid", ""},
-            {"lockinfo", "1"},
-            {"dbquery", "0"},
-            {"sqlsize", "4096"},
-            {"localquota", "0"},
-            {"stackqueried", "1000"},
-            {"stackrecorded", "300"},
-            {"relay", "on"},
-            {"forkdump", "false"},
-            {"bind", "127.0.0.1"},
-            {"port", "0"},
-        };
-        for (String text : new String[] {null, "", ","})
-            for (String[] row : rows)
-                assertEquals(row[0], row[1], Options.parse(text).text(row[0]));
-    }
-
-    @Test
     public void valuesAreTaken() {
         String[][] rows = {
             {"loglevel=8", "loglevel", "8"},

@@ -29,25 +29,6 @@ public final class Truth {
         return String.join("", byId.values());
     }
 
-    /** One thread by the same bean; empty when it isn't alive. */
-    public static String thread(long id) {
-        ThreadInfo[] found = ManagementFactory.getThreadMXBean().getThreadInfo(new long[] {id}, true, false);
-        return found[0] == null ? "" : describe(found[0]);
-    }
-
-    /** All live threads with their frames, by Thread.getAllStackTraces(), ordered by id. */
-    public static String stacks() {
-        Map<Long, String> byId = new TreeMap<>();
-        for (Map.Entry<Thread, StackTraceElement[]> entry : Thread.getAllStackTraces().entrySet()) {
-            StringBuilder text = new StringBuilder();
-            Thread thread = entry.getKey();
-            line(text, "thread", thread.getId(), thread.getName(), thread.getState());
-            frames(text, entry.getValue());
-            byId.put(thread.getId(), text.toString());
-        }
-        return String.join("", byId.values());
-    }
-
     private static String describe(ThreadInfo info) {
         StringBuilder text = new StringBuilder();
         line(text, "thread", info.getThreadId(), info.getThreadName(), info.getThreadState());

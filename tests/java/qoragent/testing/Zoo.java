@@ -32,8 +32,6 @@ public final class Zoo {
             throw new IllegalArgumentException("no such residents: " + wanted);
     }
 
-    public static void start() throws Exception { start(null); }
-
     /** Starts "zoo-deep-N", which has exactly `frames` frames, and returns the thread. */
     public static synchronized Thread startDeep(int frames) throws Exception {
         int extra = frames - deepBase();
@@ -81,31 +79,6 @@ public final class Zoo {
         return thread == null ? -1 : thread.getId();
     }
 
-    /** The kinds that are here, one a line, in the order of their coming. */
-    public static synchronized String kinds() { return String.join("\n", residents.keySet()); }
-
-    /** A named monitor of the residents: outer, middle, twin, inner, wanting, reentered, around-wait. */
-    public static Object monitor(String name) { return ZooLocks.monitors().get(name); }
-
-    /**
-     * The monitors that a resident holds, by what its code says and its stack shows: one a line, innermost
-     * first, frame depth, class name and identity hash in hex, separated by tabs.
-     */
-    public static String heldMonitors(String kind) {
-        StackTraceElement[] frames = frames(thread(kind));
-        StringBuilder text = new StringBuilder();
-        for (Object[] row : ZooLocks.TAKEN)
-            for (int depth = 0; row[0].equals(kind) && depth < frames.length; depth++)
-                if (frames[depth].getMethodName().equals(row[1]))
-                    text.append(depth)
-                        .append('\t')
-                        .append(row[2].getClass().getName())
-                        .append('\t')
-                        .append(Integer.toHexString(System.identityHashCode(row[2])))
-                        .append('\n');
-        return text.toString();
-    }
-
     /**
      * All frames of a thread: Thread.getStackTrace() leaves some out from JDK 21 on, such as Thread.runWith.
      */
@@ -137,15 +110,5 @@ public final class Zoo {
             shallow.awaitEnd();
         }
         return deepBase;
-    }
-
-    /** Opens a zoo, shows its kinds, and closes it: a check of the zoo itself on any JVM. */
-    public static void main(String[] args) throws Exception {
-        start();
-        startDeep(310);
-        check();
-        System.out.println(kinds());
-        System.out.print(Truth.threads());
-        stop();
     }
 }

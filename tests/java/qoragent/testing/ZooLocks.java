@@ -2,9 +2,7 @@ package qoragent.testing;
 
 import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.LinkedHashMap;
 import java.util.List;
-import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
@@ -45,29 +43,6 @@ final class ZooLocks {
                           new BlockedSecond(), new Reentrant(), new WaitInside(), new LockHolder(),
                           new LockWaiter(), new TimedLockWaiter()));
     }
-
-    static Map<String, Object> monitors() {
-        Map<String, Object> named = new LinkedHashMap<>();
-        named.put("outer", OUTER);
-        named.put("middle", MIDDLE);
-        named.put("twin", TWIN);
-        named.put("inner", INNER);
-        named.put("wanting", WANTING);
-        named.put("reentered", REENTERED);
-        named.put("around-wait", AROUND_WAIT);
-        return named;
-    }
-
-    /**
-     * Which method of a resident takes which monitor: rows of resident, method, monitor; of two monitors in
-     * one method the inner one stands first.
-     */
-    static final Object[][] TAKEN = {
-        {"holder", "takeInner", INNER},          {"holder", "takeMiddleAndTwin", TWIN},
-        {"holder", "takeMiddleAndTwin", MIDDLE}, {"holder", "takeOuter", OUTER},
-        {"blocked", "takeWanting", WANTING},     {"reentrant", "takeAgain", REENTERED},
-        {"reentrant", "take", REENTERED},        {"wait-inside", "takeAround", AROUND_WAIT},
-    };
 
     private static final class Sleep extends Resident {
         Sleep() { super("sleep", Thread.State.TIMED_WAITING, SLEEPING); }
@@ -165,7 +140,7 @@ final class ZooLocks {
         }
     }
 
-    /** Holds four monitors in three frames; see TAKEN. */
+    /** Holds four monitors in three frames. */
     private static final class Holder extends Resident.Parked {
         Holder() { super("holder"); }
 
