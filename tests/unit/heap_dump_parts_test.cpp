@@ -121,30 +121,6 @@ TEST_F(DumpFiles, CountsAreFilledInWhetherTheyHaveLeftTheBufferOrNot) {
     }
 }
 
-TEST_F(DumpFiles, AFailedWriteIsRememberedAndLeavesNothingBehind) {
-    rlimit earlier;
-    getrlimit(RLIMIT_FSIZE, &earlier);
-    const auto handler = signal(SIGXFSZ, SIG_IGN); // as the JVM has it
-    rlimit small = earlier;
-    small.rlim_cur = 1000;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    ASSERT_EQ(QorDumpOpen(&file, In("f").c_str(), 64), 0);
-    const std::string piece(500, 'x');
-    QorDumpText(&file, piece.c_str(), 500);
-    EXPECT_EQ(file.error, 0);
-    for (int i = 0; i < 10; i++)
-        QorDumpText(&file, piece.c_str(), 500);
-    const int error = file.error;
-    QorDumpPatchCount(&file, 0, 1); // after a failure nothing reaches the file any more
-    const int closed = QorDumpClose(&file), reason = errno;
-    setrlimit(RLIMIT_FSIZE, &earlier);
-    signal(SIGXFSZ, handler);
-    EXPECT_EQ(error, EFBIG);
-    EXPECT_EQ(closed, -1);
-    EXPECT_EQ(reason, EFBIG);
-    EXPECT_EQ(Content(In("f")), "");
-}
-
 TEST(DumpNumbers, AreWrittenAsPrintfWritesThem) {
     std::vector<int64_t> values = {0,    9,     10,    99,     100,       101,      999,
                                    1000, 65535, 99999, 100000, INT32_MAX, INT64_MAX};

@@ -168,16 +168,6 @@ TEST(AgentAppend, TrustsNeitherTerminator) {
     EXPECT_EQ(log.count("backtrace() returned"), 1);
 }
 
-TEST(Search, TakesNull) {
-    const char *text = "select 1";
-    EXPECT_EQ(QorStrstr(text, "1"), text + 7);
-    EXPECT_EQ(QorAgentStrstr(text, "2"), nullptr);
-    EXPECT_EQ(QorStrchr(text, ' '), text + 6);
-    EXPECT_EQ(QorStrstr(text, nullptr), nullptr);
-    EXPECT_EQ(QorAgentStrstr(static_cast<const char *>(nullptr), "a"), nullptr);
-    EXPECT_EQ(QorStrchr(static_cast<const char *>(nullptr), 'a'), nullptr);
-}
-
 TEST(Times, AreSubtractedAndTraced) {
     EXPECT_EQ(deltaTimeUsec(10, 900000, 12, 100000), 1200000);
     EXPECT_EQ(deltaTimeUsec(12, 0, 10, 0), -2000000);

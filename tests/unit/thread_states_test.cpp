@@ -136,19 +136,6 @@ TEST(ThreadStates, AreRefinedByTheCallOnTop) {
     EXPECT_EQ(idle.state, STATE_OBJECT_WAIT);
 }
 
-TEST(ThreadStates, HaveTexts) {
-    char text[STATE_TEXT_SIZE];
-    const struct {
-        int32_t state;
-        const char *text;
-    } ROWS[] = {{0, "Runnable"}, {3, "Object Wait"}, {9, "DB Wait"},  {13, "RMI Wait"},
-                {14, "Other"},   {15, "Unknown"},    {-1, "Unknown"}, {12, "Unknown"}};
-    for (const auto &row : ROWS) {
-        mapQorThreadState2String(row.state, text);
-        EXPECT_STREQ(text, row.text) << row.state;
-    }
-}
-
 TEST(Frames, MapLocationsToLines) {
     const jvmtiLineNumberEntry table[] = {{0, 10}, {4, 11}, {4, 12}, {9, 20}, {30, 15}, {31, 16}, {90, 17}};
     const struct {

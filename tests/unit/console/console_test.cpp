@@ -291,19 +291,4 @@ TEST(Render, ControlCharactersBecomeVisible) {
     EXPECT_EQ(VisibleReply(Wire("a~b;c!d\xc2\x9b")), "a<29>b<30>\nc<31>\nd\\xc2\\x9b\n");
 }
 
-TEST(Render, Json) {
-    Json json = Json::parse(JsonText(ToJson(DetailsSample()), true));
-    EXPECT_EQ(json["cut"], false);
-    const Json &thread = json["threads"][0];
-    EXPECT_EQ(thread["id"], 23);
-    EXPECT_EQ(thread["call"]["line"], 12);
-    EXPECT_EQ(thread["stack"][2]["skipped"], 697);
-    EXPECT_TRUE(thread["stack"][3]["line"].is_null());
-    EXPECT_EQ(thread["waits_for"]["owner"], 31);
-    EXPECT_EQ(thread["owns"][0]["depth"], 1);
-    EXPECT_EQ(json["threads"][1]["request"]["url"], "/cart");
-    EXPECT_TRUE(json["threads"][1]["waits_for"].is_null());
-    EXPECT_EQ(JsonText("\xff", true), "\"\xef\xbf\xbd\"");
-}
-
 } // namespace
