@@ -25,6 +25,11 @@ const JmmTable *jmm;
 const JmmExtTable *jmm_ext;
 QorJvmCapabilities gbQorJvmCapabilitiesObj;
 
+// Whether a JVMTI call about a thread keeps the JVM's record of it until the call is done. JVMs before JDK 10
+// don't: a thread that ends meanwhile takes with it the lock that the call is about to enter, and the call
+// then writes into freed memory.
+bool gbQorJvmKeepsThreads;
+
 void *(JNICALL *fnptrJVM_GetManagement)(jint version);
 jlong(JNICALL *fnptrJVM_TotalMemory)();
 jlong(JNICALL *fnptrJVM_MaxMemory)();
@@ -49,6 +54,7 @@ constexpr jint JVMTI_VERSION_WANTED = 0x30010166; // 1.1.102
 constexpr jint JNI_VERSION_WANTED = 0x10004;
 constexpr jint JNI_VERSION_OF_GUARDED = 0x10006; // JVMs whose reference walks are guarded
 constexpr jint MANAGEMENT_EXTENDED = static_cast<jint>(0xff010001);
+constexpr jint JNI_VERSION_KEEPING_THREADS = 0x000a0000; // JVMs whose calls keep the threads they deal with
 constexpr int LEVEL_CHANGING_THE_JVM = 1; // optimisation level that lets the agent change the running JVM
 constexpr char WORKER_NAME[] = "QORD Agent Worker";
 
@@ -329,6 +335,7 @@ int32_t QorDovOnLoad(JNIEnv *env) {
         return -1;
     }
     jvmti = static_cast<jvmtiEnv *>(environment);
+    gbQorJvmKeepsThreads = env->GetVersion() >= JNI_VERSION_KEEPING_THREADS;
     OpenCapabilities(env);
     RequestCapabilities();
     jvmtijni_env = env;

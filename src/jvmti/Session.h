@@ -44,6 +44,7 @@ extern jclass hashTableClass;          // java.util.Hashtable, global reference 
 extern jclass gbjcManagementClass;     // java.lang.management.ManagementFactory, global reference or null
 extern jfieldID idField;               // the long field of Thread that holds the Java thread id
 extern int64_t gbiAgentWorkerThreadId; // the worker's Java thread id, -1 until it has named itself
+extern bool gbQorJvmKeepsThreads;      // false: JVMTI must not be asked for a thread's state
 extern const JmmTable *jmm;            // null when the JVM's table is of no known version
 extern const JmmExtTable *jmm_ext;     // null on all but a few JVMs
 extern QorJvmCapabilities gbQorJvmCapabilitiesObj;

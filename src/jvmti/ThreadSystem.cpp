@@ -115,8 +115,17 @@ void ReadSystemThreadId(jthread thread, QorThreadRecord *record) {
            static_cast<int>(record->ostid));
 }
 
+// The state now or, where asking for a thread that ends at the moment would break the JVM, the snapshot's.
+jvmtiError ReadState(const jvmtiStackInfo &stack, jint *jvmtiState) {
+    if (gbQorJvmKeepsThreads)
+        return jvmti->GetThreadState(stack.thread, jvmtiState);
+    *jvmtiState = stack.state;
+    return JVMTI_ERROR_NONE;
+}
+
 // Everything of a thread that JVMTI tells, inside the caller's local frame.
-int32_t ReadThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
+int32_t ReadThread(const jvmtiStackInfo &stack, QorThreadRecord *record, jint *jvmtiState) {
+    jthread thread = stack.thread;
     // What can't be read must not be the last thread's: views use one record for all of a walk.
     record->tid = record->ostid = 0;
     record->name[0] = 0;
@@ -136,7 +145,7 @@ int32_t ReadThread(jthread thread, QorThreadRecord *record, jint *jvmtiState) {
             describe(error);
         }
     }
-    error = jvmti->GetThreadState(thread, jvmtiState);
+    error = ReadState(stack, jvmtiState);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(LOG_ERROR, " Failed to Get Thread State. Error expected: %d, got: %d", JVMTI_ERROR_NONE,
                error);
@@ -188,14 +197,13 @@ void QorCloseThreadHandle(QorThreadHandle *) {
 }
 
 int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
-    jthread thread = ThreadAtCursor(handle);
-    if (!thread)
+    if (!ThreadAtCursor(handle) || !qorstack_info_ptr)
         return -1;
     QorLocalFrame frame(jvmtijni_env, 1); // for the group and the loader that come with the name
     if (!frame.pushed)
         QorLogNoFrame(LOG_ERROR);
     jint jvmtiState = 0;
-    if (ReadThread(thread, record, &jvmtiState) != 0)
+    if (ReadThread(qorstack_info_ptr[handle->index], record, &jvmtiState) != 0)
         return -1;
     record->state = mapThreadStatetoQorState(jvmtiState, record->tid);
     record->handle = handle;
