@@ -290,6 +290,13 @@ TEST_F(CrossTier, WithoutObjectsTheSavedCallStands) {
             EXPECT_EQ((std::vector<std::string>{"^", "^", "0", "0", "^", "0", "0", "^", "^", "^"}),
                       customer->detail10)
                 << c.what;
+            EXPECT_EQ((std::vector<std::string>{std::string("DB Wait") + WAIT_DETAIL + "^", "^", "0", "0",
+                                                "^", "0", "0"}),
+                      AskStack(customer->key).block)
+                << c.what;
+            const SampleThread *remote = reply.Find("zoo-remote");
+            ASSERT_TRUE(remote);
+            EXPECT_EQ((std::vector<std::string>{"0", "0", "^", "^"}), remote->detail4) << c.what;
         }
     }
 }
