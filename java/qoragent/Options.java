@@ -86,7 +86,7 @@ final class Options {
                  Key.number("lockinfo", 1, 0, MAX),
                  Key.number("dbquery", 0, 0, 1),
                  Key.number("sqlsize", 4096, 0, MAX),
-                 Key.number("localquota", 0, 0, 100),
+                 Key.number("localquota", 1, 0, 100),
                  Key.number("stackqueried", 1000, 1, MAX),
                  Key.number("stackrecorded", 300, 1, MAX),
                  Key.choice("forkdump", "false", "false", "true"),

@@ -8,7 +8,7 @@ from harness import OfTheDemo, on_terminal
 
 
 class Tiers(OfTheDemo):
-    OPTIONS = ("--options", "dbquery=1,localquota=10")
+    OPTIONS = ("--options", "dbquery=1")
     SQL = re.compile(r"select id, total from orders where state = 'open' order by placed$")
 
     @classmethod
