@@ -356,6 +356,8 @@ bool QorForkedChildLives() {
     zombie_reaper();
     if (!QorChildIsRecorded(childPid))
         return false;
+    if (!page)
+        return true; // left to itself
     const int64_t now = MonotonicMsec();
     const int64_t since = now - seenAt;
     seenAt = now;
@@ -386,7 +388,8 @@ void QorForgetFork() {
 void QorLeaveFork() {
     Unmap();
     qor_close_handle(&plan.file);
-    childPid = 0;
+    if (!QorChildIsRecorded(childPid))
+        childPid = 0;
 }
 
 void QorTendFork() {

@@ -40,8 +40,8 @@ struct QorForkPlan {
     int32_t (*finish)();     // in the copy, when the walk is over: 0 or an error number
 };
 
-// Prepares for a fork: the shared page, the second thread's stack, the handler for the copy's end. False when
-// something can't be had, or a copy still lives.
+// Prepares for a fork: the shared page, the second thread's stack. False when something can't be had, or a
+// copy still lives.
 bool QorPrepareFork(const QorForkPlan &plan);
 
 // Forks: 0 in the copy, its process id in the parent, or -1. In the copy all is set up for the walk to go on.
@@ -73,7 +73,7 @@ bool QorForkedChildLives();
 // not ended well is emptied.
 void QorForgetFork();
 
-// The same for a copy that is to live on unseen.
+// Gives back what belongs to the copy and leaves it to itself. Until it has ended there is no other one.
 void QorLeaveFork();
 
 // Looks after a copy that nobody waits for any more: kills it when it stands still, forgets it when it has
