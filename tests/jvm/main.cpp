@@ -2,6 +2,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#ifdef __SANITIZE_ADDRESS__
+// The JVM works with faults, and keeps what it has to its end.
+extern "C" const char *__asan_default_options() {
+    return "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0:detect_leaks=0";
+}
+#endif
+
 // The JVM's threads live until the process is gone, so nothing that they use may be destroyed before: the
 // process ends without running any destructor.
 int main(int argc, char **argv) {
