@@ -33,8 +33,8 @@ struct Tally {
 };
 
 Tally *tallies;
-// Arrays of objects that some reference has led to, and those visited. While they differ the walk can't be
-// over, however quiet it is.
+// Arrays of objects that some reference has led to, and those visited. While they differ, or none has been
+// met, the walk can't be over, however quiet it is.
 volatile int64_t arraysMet, arraysVisited;
 
 Way WayOf(const char *signature) {
@@ -48,7 +48,7 @@ Way WayOf(const char *signature) {
 }
 
 bool WalkCanBeOver() {
-    return arraysVisited >= arraysMet;
+    return arraysMet && arraysVisited >= arraysMet;
 }
 
 int32_t AddUp() {

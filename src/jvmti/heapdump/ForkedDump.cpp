@@ -12,6 +12,7 @@
 #include "qorlog.h"
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace {
@@ -20,12 +21,27 @@ constexpr jint FRAME_CAPACITY = 16;
 
 QorDumpFile classRecords; // their text, composed before the fork
 
-// Arrays of primitives that some reference has led to, and those that the walk has been in. While they differ
-// the walk can't be over, however quiet it is. Read by the copy's watching thread.
-volatile int64_t arraysMet, arraysVisited;
+// Objects that some reference has led to, and those that the walk has been in. While they differ the walk
+// can't be over, however quiet it is. Class objects are left out: the walk doesn't tell when it is in them.
+// Read by the copy's watching thread.
+volatile int64_t objectsMet, objectsVisited;
+int64_t classOfClasses; // number of java.lang.Class
 
 bool WalkCanBeOver() {
-    return fp.error || (!fp.writing && arraysVisited >= arraysMet);
+    const bool begun = objectsMet || !igbTagClassCount; // without classes nothing is counted
+    return fp.error || (!fp.writing && begun && objectsVisited >= objectsMet);
+}
+
+int64_t NumberOf(const char *signature) {
+    for (int64_t i = 0; i < igbTagClassCount; i++)
+        if (strcmp(objTagClass[i].signature, signature) == 0)
+            return QorTagNumber(objTagClass[i].tag);
+    return 0;
+}
+
+inline bool IsCounted(jlong classTag) {
+    const int64_t klass = QorTagNumber(classTag);
+    return klass > 0 && klass != classOfClasses;
 }
 
 int32_t FinishFile() {
@@ -41,9 +57,10 @@ jint JNICALL ForkedReference(jvmtiHeapReferenceKind kind, const jvmtiHeapReferen
                              jint length, void *userData) {
     if (!QorWalkOnInChild())
         return JVMTI_VISIT_ABORT;
-    const int64_t klass = QorTagNumber(classTag);
-    if (klass > 0 && klass < FIRST_CLASS_NUMBER && (!*tagPtr || QorTagIsStale(*tagPtr, igbCurrentRun)))
-        arraysMet = arraysMet + 1;
+    if (IsCounted(classTag) && (!*tagPtr || QorTagIsStale(*tagPtr, igbCurrentRun)))
+        objectsMet = objectsMet + 1;
+    if (kind == JVMTI_HEAP_REFERENCE_CLASS && IsCounted(referrerClassTag))
+        objectsVisited = objectsVisited + 1; // each object's visit begins with the reference to its class
     return cbQorHeapReference(kind, info, classTag, referrerClassTag, size, tagPtr, referrerTagPtr, length,
                               userData);
 }
@@ -52,7 +69,6 @@ jint JNICALL ForkedPrimArray(jlong classTag, jlong size, jlong *tagPtr, jint cou
                              const void *elements, void *userData) {
     if (!QorWalkOnInChild())
         return JVMTI_VISIT_ABORT;
-    arraysVisited = arraysVisited + 1;
     return cbQorPrimArrayData(classTag, size, tagPtr, count, type, elements, userData);
 }
 
@@ -69,7 +85,8 @@ int32_t Fork() {
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = ForkedReference;
     callbacks.array_primitive_value_callback = ForkedPrimArray;
-    arraysMet = arraysVisited = 0;
+    objectsMet = objectsVisited = 0;
+    classOfClasses = NumberOf("Ljava/lang/Class;");
     return QorForkedWalkReturned(gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
 }
 
