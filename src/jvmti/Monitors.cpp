@@ -28,8 +28,10 @@ void ExpectReferences() {
     QorClearException(jvmtijni_env);
 }
 
+// JVMTI's lock calls have the hole of its thread states on JVMs that don't keep threads.
 MonitorRoad ChooseRoad() {
-    if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD && QorGetJvmtiMonitorCapability() != 0)
+    const bool byJvmti = gbQorJvmKeepsThreads && QorGetJvmtiMonitorCapability() != 0;
+    if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD && byJvmti)
         return ROAD_JVMTI;
     if (qorLockInfoLevel == LOCKS_BY_BEST_ROAD || qorLockInfoLevel == LOCKS_BY_MANAGEMENT)
         return ROAD_MANAGEMENT;
