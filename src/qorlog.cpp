@@ -16,6 +16,7 @@ constexpr int FRAME_LIMIT = 192;   // prefix and the closing of the message
 constexpr char LINE_END[] = ">\n";
 constexpr size_t LINE_END_LENGTH = sizeof LINE_END - 1;
 constexpr int FILE_LIMIT = 64; // of the source file's name
+constexpr int64_t RATION_SECONDS = 60;
 
 const char *LastComponent(const char *path) {
     const char *slash = strrchr(path, '/');
@@ -70,4 +71,14 @@ void QorWriteLogLine(const char *file, int lineNumber, const char *format, ...) 
     fflush_unlocked(out);
     funlockfile(out);
     errno = callersErrno;
+}
+
+bool QorLogIsDue(int64_t *next) {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    int64_t due = __atomic_load_n(next, __ATOMIC_RELAXED);
+    if (due != 0 && now.tv_sec < due)
+        return false;
+    return __atomic_compare_exchange_n(next, &due, now.tv_sec + RATION_SECONDS, false, __ATOMIC_RELAXED,
+                                       __ATOMIC_RELAXED);
 }

@@ -36,8 +36,21 @@ enum QorLogThreshold : int32_t {
 void QorWriteLogLine(const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
+// Whether a line may be written again: true at most once a minute for each `*next`, the time of the next
+// line, which begins as 0. Any thread.
+bool QorLogIsDue(int64_t *next);
+
 #define QORLOG(threshold, ...)                                                                               \
     do {                                                                                                     \
         if (qorloglevel > (threshold))                                                                       \
+            QorWriteLogLine(__FILE__, __LINE__, __VA_ARGS__);                                                \
+    } while (0)
+
+// The same for what an application's data can cause at every sample: at most one line a minute from each call
+// site.
+#define QORLOG_RATIONED(threshold, ...)                                                                      \
+    do {                                                                                                     \
+        static int64_t qorLogNext;                                                                           \
+        if (qorloglevel > (threshold) && QorLogIsDue(&qorLogNext))                                           \
             QorWriteLogLine(__FILE__, __LINE__, __VA_ARGS__);                                                \
     } while (0)

@@ -51,6 +51,23 @@ TEST(Log, IsSilentUpToTheThreshold) {
     EXPECT_EQ(log.count("below it"), 1);
 }
 
+TEST(Log, RationsLinesByCallSite) {
+    LogCapture log(LOG_ERROR + 1);
+    for (int i = 0; i < 3; i++) {
+        QORLOG_RATIONED(LOG_WARNING, "below the threshold");
+        QORLOG_RATIONED(LOG_ERROR, "one cause");
+        QORLOG_RATIONED(LOG_ERROR, "another");
+    }
+    EXPECT_EQ(log.count("below the threshold"), 0);
+    EXPECT_EQ(log.count("one cause"), 1);
+    EXPECT_EQ(log.count("another"), 1);
+    int64_t next = 0;
+    EXPECT_TRUE(QorLogIsDue(&next));
+    EXPECT_FALSE(QorLogIsDue(&next));
+    next -= 60; // a minute later
+    EXPECT_TRUE(QorLogIsDue(&next));
+}
+
 TEST(Log, WritesAMessageOfAnyLengthWhole) {
     LogCapture log(1);
     for (size_t length : {4095u, 4096u, 100000u}) {
