@@ -13,7 +13,7 @@
 
 // A sample reads a hundred thousand frames of a few thousand methods, so the walk keeps what it learns of a
 // method: a frame of a known method costs one probe of a hash table and a look at its last line. Failures are
-// not kept. They are rare, and the next frame may do better, as when a class has been initialised meanwhile.
+// rare and not kept.
 
 namespace {
 
@@ -119,7 +119,8 @@ bool IsGone(jobject ref) {
     return !ref || QorIsSameObject(jvmtijni_env, ref, nullptr);
 }
 
-// The dotted name's length, or -1: a class that is not initialised must not be read.
+// The dotted name's length, or -1. The class may be in its initialiser: its signature and its source file can
+// be read at any time, unlike its fields.
 int32_t ReadClassName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
     LogMissingFrame(frame);
@@ -127,17 +128,15 @@ int32_t ReadClassName(jmethodID method, char *dest) {
     if (!DeclaringClass(method, &klass) || IsGone(klass))
         return -1;
     int32_t length = -1;
-    if (QorIsClassInitialized(klass)) {
-        char *signature = nullptr;
-        const jvmtiError error = jvmti->GetClassSignature(klass, &signature, nullptr);
-        if (error != JVMTI_ERROR_NONE) {
-            LogFailedCall("  (GetClassSignature) Error expected: %d, got: %d", error);
-        } else if (signature) {
-            QorCopyName(dest, signature[0] == 'L' ? signature + 1 : signature);
-            Slash2Dot(dest);
-            length = static_cast<int32_t>(strlen(dest));
-            Deallocate(signature);
-        }
+    char *signature = nullptr;
+    const jvmtiError error = jvmti->GetClassSignature(klass, &signature, nullptr);
+    if (error != JVMTI_ERROR_NONE) {
+        LogFailedCall("  (GetClassSignature) Error expected: %d, got: %d", error);
+    } else if (signature) {
+        QorCopyName(dest, signature[0] == 'L' ? signature + 1 : signature);
+        Slash2Dot(dest);
+        length = static_cast<int32_t>(strlen(dest));
+        Deallocate(signature);
     }
     QorDeleteLocalRef(jvmtijni_env, klass);
     return length;

@@ -7,7 +7,7 @@
 //
 // A method is looked up once in a walk: the first frame of a method asks JVMTI for name, class, file and line
 // table, later frames find these facts in a table that the close of the walk drops. Only complete facts are
-// kept; what failed is asked again at the next frame, since a class may have been initialised by then.
+// kept; what failed is asked again at the next frame.
 //
 // The snapshot's references stand in a local frame that the first QorGetJVMThread opens and the close pops.
 // So a view pops its own frames in between, and keeps no local reference made during the walk beyond its
