@@ -38,10 +38,11 @@ void RunGc(const Settings &settings, pid_t pid, double watch) {
     std::vector<Collector> before;
     Repeat(watch, [&] {
         HeapView heap = AskForHeap(settings, pid, watch > 0);
-        if (watch <= 0 || settings.json)
-            PrintView(settings, watch, CollectorsJson(heap),
-                      CollectorTable(heap.collectors, TerminalStyle(settings)));
-        else
+        if (watch <= 0 || settings.json) {
+            auto beans = DecodeCollectors(AskOnce(settings, pid, CollectorsRequest(watch > 0)));
+            PrintView(settings, watch, CollectorsJson(heap, beans),
+                      CollectorTable(heap.collectors, beans, TerminalStyle(settings)));
+        } else
             Print((line++ % HEADER_EVERY == 0 ? CollectorHeader(heap.collectors) : "") +
                   CollectorLine(heap.collectors, before));
         before = heap.collectors;

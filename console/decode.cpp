@@ -45,7 +45,7 @@ constexpr Refusal REFUSALS[] = {
     {"JVM Heap: Error cannot create child pipe", "the JVM may have no descriptor left; ask again"},
     {"Invalid Request", "the agent doesn't know this command; agent and qorctl may be of different versions"},
     {"Unable to complete Request", "the JVM was collecting garbage or the agent was disturbed; ask again"},
-    {"NoProcessing: Unkownn argument", "the agent doesn't know this setting, or its value is missing"},
+    {UNKNOWN_SETTING, "the agent doesn't know this setting, or its value is missing"},
     {"NoProcessing: Invalid Format", "the request names no setting"},
     {"ERROR Null parameters for request", "the request lacks its arguments"},
 };

@@ -34,6 +34,25 @@ bool ReadCollector(std::string_view record, Collector *collector) {
     return true;
 }
 
+// Nothing for a negative number, which stands for a figure that the JVM doesn't tell.
+bool ReadFigure(std::string_view text, std::optional<uint64_t> *figure) {
+    int64_t value = 0;
+    if (!ReadNumber(text, &value))
+        return false;
+    if (value >= 0)
+        *figure = static_cast<uint64_t>(value);
+    return true;
+}
+
+bool ReadCollectorBean(std::string_view record, CollectorBean *bean) {
+    Fields field = Split(record, FIELD_SEP);
+    if (field.size() != 3 || !ReadFigure(field[1], &bean->count) ||
+        !ReadFigure(field[2], &bean->milliseconds))
+        return false;
+    bean->name = field[0];
+    return true;
+}
+
 // The heap's used and greatest size behind seven figures that are always zero.
 bool ReadMemory(std::string_view record, MemoryView *view) {
     constexpr size_t USED = 8, GREATEST = 9, FIELDS = 11;
@@ -78,6 +97,21 @@ HeapView DecodeHeap(const Reply &reply) {
         throw NoView("heap");
     view.jvm_microseconds = reply.jvm_microseconds;
     return view;
+}
+
+std::vector<CollectorBean> DecodeCollectors(std::string_view text) {
+    std::vector<CollectorBean> beans;
+    if (text == UNKNOWN_SETTING)
+        return beans;
+    Reply reply = OpenReply(text);
+    RecordReader reader(reply);
+    for (const Section &section : reply.sections)
+        if (section.title == TITLE_COLLECTORS)
+            reader.Each<CollectorBean>(section, ReadCollectorBean,
+                                       [&](CollectorBean &&bean) { beans.push_back(std::move(bean)); });
+        else
+            reader.Unknown(section);
+    return beans;
 }
 
 MemoryView DecodeMemory(const Reply &reply) {

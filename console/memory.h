@@ -27,6 +27,12 @@ struct HeapView {
     std::optional<uint64_t> jvm_microseconds;
 };
 
+// One of the JVM's own collectors.
+struct CollectorBean {
+    std::string name;
+    std::optional<uint64_t> count, milliseconds;
+};
+
 // Heap as a whole.
 struct MemoryView {
     int64_t used_kib = 0, max_kib = 0;
@@ -47,6 +53,9 @@ struct Histogram {
 
 // The pools of the heap, and the collectors.
 HeapView DecodeHeap(const Reply &reply);
+
+// The JVM's own collectors; none when the agent doesn't know the question.
+std::vector<CollectorBean> DecodeCollectors(std::string_view reply);
 
 // The heap as a whole, and the collectors.
 MemoryView DecodeMemory(const Reply &reply);

@@ -11,8 +11,12 @@ namespace {
 constexpr int64_t KIB = 1024;
 constexpr int SERIES_WIDTH = 10;
 
+std::string FigureText(const std::optional<uint64_t> &figure) {
+    return figure ? CountText(static_cast<int64_t>(*figure)) : "-";
+}
+
 std::string Collections(const Collector &collector) {
-    return collector.count ? CountText(static_cast<int64_t>(*collector.count)) : "-";
+    return FigureText(collector.count);
 }
 
 std::string TimeNote(const std::optional<uint64_t> &microseconds) {
@@ -102,15 +106,25 @@ std::string HeapLine(const MemoryView &memory) {
                        SizeText(memory.max_kib * KIB), percent, fmt::arg("w", SERIES_WIDTH));
 }
 
-std::string CollectorTable(const std::vector<Collector> &collectors, const Style &style) {
-    Table table({{"COLLECTOR"}, {"COLLECTIONS", true}});
-    for (const Collector &collector : collectors)
-        table.Add({collector.name, Collections(collector)});
+std::string CollectorTable(const std::vector<Collector> &kinds, const std::vector<CollectorBean> &beans,
+                           const Style &style) {
+    Table table({{"COLLECTOR"}, {"COLLECTIONS", true}, {"MILLISECONDS", true}});
+    for (const Collector &kind : kinds)
+        table.Add({kind.name, Collections(kind), std::string()});
+    for (const CollectorBean &bean : beans)
+        table.Add({bean.name, FigureText(bean.count), FigureText(bean.milliseconds)});
     return table.Text(style);
 }
 
-Json CollectorsJson(const HeapView &heap) {
-    return {{"collectors", ToJson(heap.collectors)}, {"jvm_microseconds", OrNull(heap.jvm_microseconds)}};
+Json CollectorsJson(const HeapView &heap, const std::vector<CollectorBean> &beans) {
+    Json own = Json::array();
+    for (const CollectorBean &bean : beans)
+        own.push_back({{"name", bean.name},
+                       {"count", OrNull(bean.count)},
+                       {"milliseconds", OrNull(bean.milliseconds)}});
+    return {{"collectors", ToJson(heap.collectors)},
+            {"jvm_collectors", own},
+            {"jvm_microseconds", OrNull(heap.jvm_microseconds)}};
 }
 
 std::string CollectorHeader(const std::vector<Collector> &collectors) {

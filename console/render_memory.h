@@ -23,8 +23,10 @@ Json HeapJson(const HeapView &heap, const MemoryView &memory);
 std::string HeapHeader();
 std::string HeapLine(const MemoryView &memory);
 
-std::string CollectorTable(const std::vector<Collector> &collectors, const Style &style);
-Json CollectorsJson(const HeapView &heap);
+// The kinds of collections, and the JVM's own collectors with their times.
+std::string CollectorTable(const std::vector<Collector> &kinds, const std::vector<CollectorBean> &beans,
+                           const Style &style);
+Json CollectorsJson(const HeapView &heap, const std::vector<CollectorBean> &beans);
 
 // One line of a series: counts, and how many were added since the line before.
 std::string CollectorHeader(const std::vector<Collector> &collectors);

@@ -101,6 +101,10 @@ std::string HeapRequest(bool repeated) {
     return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_MEMORY_ACTIVITY));
 }
 
+std::string CollectorsRequest(bool repeated) {
+    return fmt::format("{}|NoProcessing|collectors", BaseFlags(repeated));
+}
+
 std::string MemoryRequest(bool repeated) {
     return fmt::format("{}|showmem|{}", BaseFlags(repeated), uint32_t(MEM_SUMMARY));
 }

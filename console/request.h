@@ -31,8 +31,10 @@ std::string ObjectRequest(int64_t tag);
 
 std::string SummaryRequest(bool repeated);
 
-// Pools of the heap and the collectors; the heap as a whole; the classes that hold the most of it.
+// Pools of the heap and the kinds of collections; the JVM's own collectors; the heap as a whole; the classes
+// that hold the most of it.
 std::string HeapRequest(bool repeated);
+std::string CollectorsRequest(bool repeated);
 std::string MemoryRequest(bool repeated);
 std::string HistogramRequest();
 

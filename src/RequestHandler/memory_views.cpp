@@ -115,6 +115,19 @@ void QorShowGCSummary(uint32_t, QorText *reply, char **) {
     QorCloseGCSummaryHandle();
 }
 
+void QorShowCollectors(QorText *reply) {
+    QorCollector collectors[MAX_COLLECTORS];
+    const int32_t count = QorGetCollectors(collectors);
+    AppendTitle(reply, "JVM Garbage Collectors");
+    for (int32_t i = 0; i < count; i++) {
+        AppendField(reply, collectors[i].name);
+        AppendField(reply, collectors[i].count);
+        QorTextAppendNumber(reply, collectors[i].time);
+        QorTextAppendChar(reply, RECORD_END);
+    }
+    QorTextAppendChar(reply, SECTION_END);
+}
+
 void QorShowMemoryActivity(uint32_t reqid, QorText *reply, char **args) {
     QorShowHeapSummary(reqid, reply, args);
     QorShowGCSummary(reqid, reply, args);

@@ -14,7 +14,10 @@ void QorShowHeapSummary(uint32_t reqid, QorText *reply, char **args);
 // Appends the collectors: name and count.
 void QorShowGCSummary(uint32_t reqid, QorText *reply, char **args);
 
-// Appends both: the view of a memory-activity request.
+// Appends every collector bean: name, count, milliseconds.
+void QorShowCollectors(QorText *reply);
+
+// Appends pools and collectors: the view of a memory-activity request.
 void QorShowMemoryActivity(uint32_t reqid, QorText *reply, char **args);
 
 // Appends one line of processor, heap and collector figures. No request asks for it on this road.

@@ -2,6 +2,7 @@
 
 #include "JniCalls.h"
 #include "Session.h"
+#include "qorStrUtils.h"
 #include "qorlog.h"
 
 #include <cstring>
@@ -13,7 +14,8 @@ namespace {
 enum : jint { ATTRIBUTE_GC_TIME = 9, ATTRIBUTE_GC_COUNT = 10 };
 enum : int32_t { MAJOR, MINOR };
 
-constexpr const char *MAJOR_COLLECTORS[] = {"MarkSweep", "Old"};
+constexpr const char *MAJOR_COLLECTORS[] = {"MarkSweep", "Old", "Major"};
+constexpr char CYCLES[] = "Cycles", CONCURRENT[] = "Concurrent";
 
 // What is said when a call throws, and when it gives null (a null text: it cannot).
 struct Complaint {
@@ -87,15 +89,7 @@ bool ReadFigure(jobject bean, jclass klass, const char *getter, const Complaint 
     return !Threw(call);
 }
 
-bool IsMajor(const char *collector) {
-    for (const char *word : MAJOR_COLLECTORS)
-        if (strstr(collector, word))
-            return true;
-    return false;
-}
-
-// Puts the figures into the row that the bean's name asks for. False after a failure.
-bool StoreByName(jobject bean, jclass klass, int64_t count, int64_t time) {
+bool ReadName(jobject bean, jclass klass, char *out) {
     JNIEnv *env = jvmtijni_env;
     jmethodID getName = MethodOf(klass, "getName", "()Ljava/lang/String;", NAME_METHOD);
     if (!getName)
@@ -104,21 +98,15 @@ bool StoreByName(jobject bean, jclass klass, int64_t count, int64_t time) {
     if (Failed(name, NAME_CALL))
         return false;
     const char *text = env->GetStringUTFChars(name, nullptr);
-    if (Threw(NAME_TEXT))
+    if (Failed(text, NAME_TEXT))
         return false;
-    if (text) {
-        QorGCSummaryEntry &row = gbQorGCSummaryObj[IsMajor(text) ? MAJOR : MINOR];
-        row.count = static_cast<uint32_t>(count);
-        row.time = time;
-        env->ReleaseStringUTFChars(name, text);
-        if (Threw(NAME_RELEASE))
-            return false;
-    }
-    return true;
+    QorStrncpy(out, text, GC_NAME_SIZE, GC_NAME_SIZE);
+    env->ReleaseStringUTFChars(name, text);
+    return !Threw(NAME_RELEASE);
 }
 
 // False when the reading ends here.
-bool ReadBean(jobject bean) {
+bool ReadBean(jobject bean, QorCollector *out) {
     JNIEnv *env = jvmtijni_env;
     jclass klass = env->GetObjectClass(bean);
     if (Failed(klass, BEAN_CLASS))
@@ -133,33 +121,61 @@ bool ReadBean(jobject bean) {
         QORLOG(LOG_ERROR, "jbIsValid is not valid\n");
         return false;
     }
-    int64_t count = 0, time = 0;
-    return ReadFigure(bean, klass, "getCollectionCount", COUNT_METHOD, COUNT_CALL, &count) &&
-           ReadFigure(bean, klass, "getCollectionTime", TIME_METHOD, TIME_CALL, &time) &&
-           StoreByName(bean, klass, count, time);
+    return ReadFigure(bean, klass, "getCollectionCount", COUNT_METHOD, COUNT_CALL, &out->count) &&
+           ReadFigure(bean, klass, "getCollectionTime", TIME_METHOD, TIME_CALL, &out->time) &&
+           ReadName(bean, klass, out->name);
 }
 
-void ReadBeans() {
+// Within the caller's local frame.
+int32_t ReadBeans(QorCollector (&out)[MAX_COLLECTORS]) {
     JNIEnv *env = jvmtijni_env;
     jobject list = BeanList();
     if (!list)
-        return;
+        return 0;
     jclass listClass = env->FindClass("java/util/List");
     if (Failed(listClass, LIST_CLASS))
-        return;
+        return 0;
     jmethodID size = MethodOf(listClass, "size", "()I", SIZE_METHOD);
     jmethodID get = size ? MethodOf(listClass, "get", "(I)Ljava/lang/Object;", GET_METHOD) : nullptr;
     if (!get)
-        return;
+        return 0;
     const jint count = env->CallIntMethod(list, size);
     if (Threw(SIZE_CALL))
-        return;
-    bool goOn = true;
-    for (jint i = 0; i < count && goOn; i++) {
+        return 0;
+    int32_t read = 0;
+    for (jint i = 0; i < count && read < MAX_COLLECTORS; i++) {
         QorLocalFrame turn(env, 8); // a bean, its class and its name
         jobject bean = env->CallObjectMethod(list, get, i);
-        goOn = !Threw(GET_CALL) && (!bean || ReadBean(bean));
+        if (Threw(GET_CALL) || (bean && !ReadBean(bean, &out[read])))
+            break;
+        read += bean != nullptr;
     }
+    return read;
+}
+
+bool EndsWith(const char *text, const char *end) {
+    const size_t length = strlen(text), endLength = strlen(end);
+    return length >= endLength && strcmp(text + length - endLength, end) == 0;
+}
+
+// Whether the collector works beside the application. The word is looked for, not what begins with it: the
+// old generation of "ConcurrentMarkSweep" is collected by nothing else.
+bool IsBeside(const char *collector) {
+    const char *word = strstr(collector, CONCURRENT);
+    const char after = word ? word[sizeof CONCURRENT - 1] : 'x';
+    return EndsWith(collector, CYCLES) || after == 0 || after == ' ';
+}
+
+bool IsMajor(const char *collector) {
+    for (const char *word : MAJOR_COLLECTORS)
+        if (strstr(collector, word))
+            return true;
+    return false;
+}
+
+// The sum, -1 once a part of it is unknown.
+int64_t Sum(int64_t sum, int64_t part) {
+    return sum < 0 || part < 0 ? -1 : sum + part;
 }
 
 void StartRow(int32_t row, const char *name) {
@@ -199,18 +215,33 @@ int32_t QorGetGCSummary(QorGCSummaryEntry **entries) {
     }
     StartRow(MAJOR, "Major GC Count");
     StartRow(MINOR, "Minor GC Count");
+    int64_t counts[GC_ENTRIES] = {};
+    QorCollector collectors[MAX_COLLECTORS];
+    const int32_t read = QorGetCollectors(collectors);
+    for (int32_t i = 0; i < read; i++) {
+        if (IsBeside(collectors[i].name))
+            continue;
+        const int32_t row = IsMajor(collectors[i].name) ? MAJOR : MINOR;
+        counts[row] = Sum(counts[row], collectors[i].count);
+        gbQorGCSummaryObj[row].count = static_cast<uint32_t>(counts[row]);
+        gbQorGCSummaryObj[row].time = Sum(gbQorGCSummaryObj[row].time, collectors[i].time);
+    }
+    return 2;
+}
+
+int32_t QorGetCollectors(QorCollector (&out)[MAX_COLLECTORS]) {
     if (!jvmtijni_env || QorIsSameObject(jvmtijni_env, gbjcManagementClass, nullptr))
-        return 2;
+        return 0;
     const jint pushed = jvmtijni_env->PushLocalFrame(1);
     if (Threw({"PushLocalFrame failed \n", nullptr}))
-        return 2;
+        return 0;
     if (pushed < 0) {
         QORLOG(LOG_ERROR, "GCPushLocalFrame Out of Memory\n");
-        return 2;
+        return 0;
     }
-    ReadBeans();
+    const int32_t read = ReadBeans(out);
     QorPopLocalFrame(jvmtijni_env, nullptr);
-    return 2;
+    return read;
 }
 
 int32_t QorGetTotalGCCount(int32_t *result) {

@@ -8,6 +8,7 @@
 #include "qorutil.h"
 #include "request_text.h"
 
+#include "RequestHandler/memory_views.h"
 #include "jvmti/Session.h"
 #include "platforms/reaper.h"
 
@@ -66,6 +67,12 @@ void ReapChildren(char *) {
     pagebuf[0] = 0;
 }
 
+void ShowCollectors(char *) {
+    QorText reply;
+    QorTextStart(&reply, pagebuf, PAGEBUF_SIZE);
+    QorShowCollectors(&reply);
+}
+
 struct Key {
     const char *word;
     bool needsValue;
@@ -79,6 +86,7 @@ constexpr Key KEYS[] = {
     {"activethreads", true, ReadRules},
     {"getJavaString", true, ShowJavaString},
     {"CZPRequest", false, ReapChildren},
+    {"collectors", false, ShowCollectors},
 };
 
 } // namespace

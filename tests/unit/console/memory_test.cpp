@@ -41,7 +41,18 @@ TEST(DecodeMemoryViews, HeapAndCollectors) {
                      "Nursery    1.0 M  1.0 M    0 K    100\n"
                      "11.4 M used of 5.9 G, 3 Major collections, - Minor collections\n");
     EXPECT_EQ(HeapJson(heap, memory)["pools"][1]["name"], "Nursery");
-    EXPECT_TRUE(CollectorsJson(heap)["collectors"][1]["count"].is_null());
+    std::vector<CollectorBean> beans =
+        DecodeCollectors(Wire("JVM Garbage Collectors;G1 Young Generation~1884~98765;Epsilon~-1~-1;!"));
+    EXPECT_EQ(CollectorTable(heap.collectors, beans, Style()),
+              "COLLECTOR            COLLECTIONS  MILLISECONDS\n"
+              "Major                          3\n"
+              "Minor                          -\n"
+              "G1 Young Generation        1,884        98,765\n"
+              "Epsilon                        -             -\n");
+    Json json = CollectorsJson(heap, beans);
+    EXPECT_TRUE(json["collectors"][1]["count"].is_null());
+    EXPECT_EQ(json["jvm_collectors"][0]["milliseconds"], 98765);
+    EXPECT_TRUE(DecodeCollectors("NoProcessing: Unkownn argument").empty()) << "an older agent";
 }
 
 TEST(DecodeMemoryViews, WrongRepliesAreRefused) {

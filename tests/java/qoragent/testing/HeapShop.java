@@ -81,12 +81,23 @@ public final class HeapShop {
         return dropped.get() == null ? 1 : 0;
     }
 
-    /** Collectors in the JVM's order: a line "count name" each. */
+    /** Collectors in the JVM's order: count, milliseconds, name, a line each. */
     static String collectors() {
         StringBuilder out = new StringBuilder();
         for (GarbageCollectorMXBean bean : ManagementFactory.getGarbageCollectorMXBeans())
-            out.append(bean.getCollectionCount()).append(' ').append(bean.getName()).append('\n');
+            out.append(bean.getCollectionCount())
+                .append(' ')
+                .append(bean.getCollectionTime())
+                .append(' ')
+                .append(bean.getName())
+                .append('\n');
         return out.toString();
+    }
+
+    /** Makes garbage, several times the heap of a test. */
+    static void litter() {
+        for (int i = 0; i < 4000; i++)
+            shelf = new Object[] {new byte[100000]};
     }
 
     static long maxMemory() {
