@@ -47,7 +47,6 @@ void StartSample(QorSample *sample, uint32_t reqid, QorText *reply, char **args)
     sample->reply = reply;
     sample->processId = getpid();
     sample->recordStands = false;
-    sample->restoreRoom = 0;
     sample->threadCount = sample->frameCount = sample->maxDepth = 0;
     sample->deepestThread = 0;
     InitResponseHeader(reqid, sample->title); // may set poll_details
@@ -83,7 +82,6 @@ void StartThread(QorThreadWalk *walk) {
     walk->xtier = {};
     walk->framework = FRAMEWORK_NONE;
     walk->frameworkRow = -1;
-    walk->savedCall[0] = 0;
     tessar_thick_driver = 0;
     QorStartThreadFrames();
     if (gbQorRELocal && !gbQorSkipLocal)

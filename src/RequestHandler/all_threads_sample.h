@@ -16,7 +16,6 @@ struct QorSample {
     bool filtering;         // idle threads are left out
     bool writesStacks;      // each thread's record carries its call stack
     bool recordStands;      // a thread record has been written
-    int32_t restoreRoom;    // kept free in the reply: what the saved calls may need beyond interim texts
     char title[TITLE_SIZE]; // title record, or empty
     QorThreadHandle handle;
     QorFrameHandle frames;
@@ -40,9 +39,8 @@ struct QorThreadWalk {
     QorText currentCall; // frame group of the current call, in console_frame_buf
     QorText stackRows;   // in console_thr_buf
     QorXtierFlags xtier;
-    QorFramework framework;          // the framework frame whose interim text is the current call
-    int32_t frameworkRow;            // length of the stack rows in front of that frame's, -1 when not noted
-    char savedCall[SAVED_CALL_SIZE]; // the current call that the interim text has replaced
+    QorFramework framework; // of the framework frame whose data may take the current call's place
+    int32_t frameworkRow;   // length of the stack rows in front of that frame's, -1 when not noted
 };
 
 // Whether a sample gathers the data of its threads for the Java side.

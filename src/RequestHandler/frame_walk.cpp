@@ -46,26 +46,18 @@ void NoteFrameworkRow(QorThreadWalk *walk) {
             *meeting = MEETING_RECORDED;
 }
 
-void AppendInterimCall(QorText *call, QorFramework framework, const char *file) {
-    QorAppendField(call, QorInterimCall(framework));
-    QorAppendField(call, file[0] ? file : null_str);
-    QorTextAppendNumber(call, 0);
-}
-
-// The current call is the first user call, or the top frame while no user call is known.
+// The current call is the first user call, or the top frame while no user call is known. A framework frame
+// says less than the call above it, which stays until the framework's data takes its columns.
 void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, QorFramework framework,
                      bool filtering) {
     const bool isUserCall = frame->callType != 0;
     if (!isUserCall && frame->frameIndex != 0)
         return;
-    if (framework != FRAMEWORK_NONE && walk->currentCall.length > 0)
-        QorStrncpy(walk->savedCall, walk->currentCall.text, SAVED_CALL_SIZE, walk->currentCall.length);
     walk->framework = framework;
-    QorTextCut(&walk->currentCall, 0);
-    if (framework != FRAMEWORK_NONE)
-        AppendInterimCall(&walk->currentCall, framework, frame->fileName);
-    else
+    if (framework == FRAMEWORK_NONE || walk->currentCall.length == 0) {
+        QorTextCut(&walk->currentCall, 0);
         QorAppendFrameGroup(&walk->currentCall, frame, null_str, null_str);
+    }
     if (!isUserCall)
         return;
     walk->userCallFound = true;

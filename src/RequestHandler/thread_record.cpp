@@ -116,17 +116,6 @@ void AppendSections(QorSample *sample, const QorThreadWalk &walk, QorXtierPositi
     }
 }
 
-// The columns that the interim text of the current call has replaced; empty when there is none.
-void FormatSavedCall(QorThreadWalk *walk) {
-    if (walk->framework == FRAMEWORK_NONE)
-        walk->savedCall[0] = 0;
-    if (!walk->savedCall[0])
-        return;
-    QorText saved;
-    QorTextContinue(&saved, walk->savedCall, SAVED_CALL_SIZE);
-    QorTextAppendChar(&saved, FIELD_SEP);
-}
-
 } // namespace
 
 bool QorCarriesThreadData(uint32_t reqid) {
@@ -149,19 +138,16 @@ int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
         AppendSections(sample, *walk, &at);
     else
         QorTextAppendChar(out, RECORD_END);
-    FormatSavedCall(walk);
-    const int32_t restoreRoom = sample->restoreRoom + QorRestoreGrowth(at, walk->savedCall);
-    const bool noRoomForEnd = out->size - out->length <= 1 + restoreRoom; // the section's end must follow
+    const bool noRoomForEnd = out->size - out->length <= 1; // the section's end must follow
     if (out->refused || noRoomForEnd) {
         QorTextCut(out, start);
         QorDropThreadFrames();
         return -1;
     }
     sample->recordStands = true;
-    sample->restoreRoom = restoreRoom;
     if (!QorHasRowData(walk->xtier))
         QorDropThreadFrames();
-    else if (QorAddThreadLocation(&walk->thread, walk->key, at, walk->savedCall) != 0)
+    else if (QorAddThreadLocation(&walk->thread, walk->key, at, walk->framework) != 0)
         return -1;
     if (QorCarriesThreadData(sample->reqid))
         return QorAddE2EBlock(jvmtijni_env, &sample->handle, &walk->thread, sample->frames.count);

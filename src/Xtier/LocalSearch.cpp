@@ -142,7 +142,7 @@ void PutIntoSlot(QorWantedFrame *frame, const jlong *tagPtr) {
 
 // The object's number in this walk; 0 when it is of no use or finds no room.
 int32_t NumberOf(const QorWantedFrame &frame, jlong classTag, jlong *tagPtr) {
-    if (!tagPtr || *tagPtr < 0 || (classTag != 0 && !frame.keepsAll))
+    if (!tagPtr || *tagPtr < 0 || (classTag == BORING_CLASS && !frame.keepsAll))
         return 0;
     if (*tagPtr > 0 && *tagPtr <= gbQorTagCount)
         return static_cast<int32_t>(*tagPtr);

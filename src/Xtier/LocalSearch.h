@@ -17,7 +17,8 @@ enum : int32_t {
     LOCAL_WALK_KINDS = 32,
 };
 
-// A class with any tag is known to be of no interest; the tag is this one. Tags of objects are positive.
+// The tag of a class that is known to be of no interest. Tags of objects are positive, and a class can be one
+// of them: a local may hold it.
 constexpr jlong BORING_CLASS = -1;
 
 // A frame whose locals are wanted.

@@ -13,7 +13,8 @@ int32_t AddToXtierLocationInfoList(const QorThreadRecord *thread, QorXtierLocati
         return -1;
     }
     entry->threadId = thread->tid;
-    entry->threadName[0] = entry->threadKey[0] = entry->savedCurrentCall[0] = 0;
+    entry->threadName[0] = entry->threadKey[0] = 0;
+    entry->framework = FRAMEWORK_NONE;
     QorStrncpy(entry->threadName, thread->name, NAME_SIZE, NAME_SIZE);
     entry->at = {};
     entry->newest = nullptr;

@@ -186,7 +186,7 @@ bool List(const QorThreadRecord *thread, const QorFrameRecord *frame, QorLocalKi
 }
 
 // A thread shows one framework object only, the first that is met from the top. A frame that can't be listed
-// is none: nothing would ever replace its interim text.
+// is none: its data would never be read.
 QorFramework ListFrameworkFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
                                 QorXtierFlags *flags) {
     if ((kinds & (FRAME_VIEW | FRAME_ENTITY)) && flags->view == MEETING_NONE &&
@@ -277,38 +277,31 @@ bool QorHasRowData(const QorXtierFlags &flags) {
 }
 
 int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKey,
-                             const QorXtierPositions &positions, const char *savedCurrentCall) {
+                             const QorXtierPositions &positions, QorFramework framework) {
     if (AddToXtierLocationInfoList(thread, &firstLocation, &lastLocation) != 0)
         return -1;
     lastLocation->at = positions;
     lastLocation->newest = localList;
+    lastLocation->framework = framework;
     QorStrncpy(lastLocation->threadKey, threadKey, DB_THREAD_KEY_SIZE, DB_THREAD_KEY_SIZE);
-    if (savedCurrentCall[0])
-        QorStrncpy(lastLocation->savedCurrentCall, savedCurrentCall, SAVED_CALL_SIZE, SAVED_CALL_SIZE);
     return 0;
 }
 
 void QorInsertXtierData(QorText *reply) {
-    if (!localList || !firstLocation)
+    if (!localList || !firstLocation || QorGetLocalVariableForAllThread(localList) != 0)
         return;
-    // Without a walk there are no objects, but the saved calls go back.
-    bool reads = QorGetLocalVariableForAllThread(localList) == 0;
     QorInsertion insertion;
-    QorStartInsertion(&insertion, reply, firstLocation);
-    ClearRecords();
-    for (const QorXtierLocationInfo *location = firstLocation; location; location = location->next) {
-        if (!reads && location->at.currentCallStart < 0)
-            continue;
+    QorStartInsertion(&insertion, reply);
+    bool full = false;
+    for (const QorXtierLocationInfo *location = firstLocation; location && !full; location = location->next) {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         TellMissingFrame(frame);
-        if (reads)
-            ReadThread(*location);
-        const bool full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData,
-                                                      calls.database, calls.rmi) != 0;
-        if (reads && !full)
-            HandToE2E(*location);
         ClearRecords();
-        reads = reads && !full; // a full reply ends it, but for the saved calls
+        ReadThread(*location);
+        full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData, calls.database,
+                                           calls.rmi) != 0;
+        if (!full)
+            HandToE2E(*location);
     }
     QorEndInsertion(&insertion, reply);
 }

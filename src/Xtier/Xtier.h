@@ -69,7 +69,7 @@ bool QorHasRowData(const QorXtierFlags &flags);
 
 // Appends the thread to the location list. 0, or -1 (logged) when there is no memory.
 int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKey,
-                             const QorXtierPositions &positions, const char *savedCurrentCall);
+                             const QorXtierPositions &positions, QorFramework framework);
 
 // Reads the objects of all listed frames and puts what they tell into the reply.
 void QorInsertXtierData(QorText *reply);

@@ -6,35 +6,32 @@
 #include "qorlog.h"
 #include "thread_e2e_info.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
 constexpr int32_t GROOVY_INDEX_LIMIT = 1000;
 constexpr int32_t PIECE_SIZE = SQL_TEXT_SIZE + DB_URL_SIZE + 1024; // the longest: a database block
-constexpr int32_t SHOWN_OLD_TEXT = 16;
 
 constexpr int32_t DATABASE_FIELDS = 10;
 constexpr char NO_JNDI_NAME[] = "NA";
 
 char pieceText[PIECE_SIZE];
 
-// What a framework frame is shown as, by the interim text that stands in the reply.
+// What a framework frame is shown as; a row for each QorFramework.
 struct FrameworkRow {
-    const char *interim;      // in front of "->"
-    const char *interimCall;  // the whole call text
-    const char *className;    // once the data is known
-    const char *file;         // in the current call; null: the class
-    const char *stackRowFile; // in the stack row; null: as in the current call
+    const char *className;
+    const char *file;         // in the current call
+    const char *stackRowFile; // in the stack row
 };
 
 constexpr FrameworkRow FRAMEWORKS[] = {
-    {"QRFViewData", "QRFViewData->QRF_Data", "View_Object", "ViewObjectImpl.java", nullptr},
-    {"QRFEntityData", "QRFEntityData->QRF_Data", "Entity_Object", "EntityObjImpl.java", nullptr},
-    {"QRFGroovyData", "QRFGroovyData->Groovy_Data", "Groovy_Script", nullptr, nullptr},
-    {"QRFELData", "QRFELData->EL_Data", "EL_Exp", nullptr, "El_Exp"},
+    {"View_Object", "ViewObjectImpl.java", "ViewObjectImpl.java"},
+    {"Entity_Object", "EntityObjImpl.java", "EntityObjImpl.java"},
+    {"Groovy_Script", "Groovy_Script", "Groovy_Script"},
+    {"EL_Exp", "EL_Exp", "El_Exp"},
 };
 
 // The log lines of a piece that would lie in front of the one before it, and of one without text.
@@ -92,38 +89,36 @@ int32_t ReplacePiece(QorInsertion *insertion, int32_t start, int32_t end, const 
     return 0;
 }
 
-const FrameworkRow *FindInterim(const char *oldText) {
-    for (const FrameworkRow &row : FRAMEWORKS)
-        if (strncmp(oldText, row.interim, strlen(row.interim)) == 0)
-            return &row;
-    return nullptr;
-}
-
-// What the framework frame works on; empty when it was not found.
-const char *FrameworkText(const FrameworkRow &row, const QorJSPRequestData &web) {
-    switch (&row - FRAMEWORKS) {
+// What the framework frame works on; empty when it was not found. A call site without its script's text, as
+// in compiled Groovy, says less than the call that is there.
+const char *FrameworkText(QorFramework framework, const QorJSPRequestData &web) {
+    switch (framework) {
+    case FRAMEWORK_VIEW:
+    case FRAMEWORK_ENTITY:
+        return web.qrfObjectName;
     case FRAMEWORK_GROOVY:
-        return web.groovyCurrentLine;
+        return web.groovyScript[0] ? web.groovyCurrentLine : "";
     case FRAMEWORK_EL:
         return web.elExpression;
-    default:
-        return web.qrfObjectName;
+    case FRAMEWORK_NONE:
+        break;
     }
+    return "";
 }
 
-bool HasFrameworkData(const QorJSPRequestData &web) {
-    return web.qrfObjectName[0] || web.groovyCurrentLine[0] || web.elExpression[0];
-}
-
-void AppendFrameworkCall(QorText *out, const FrameworkRow &row, const char *text, const char *file,
-                         int32_t line) {
-    QorTextAppend(out, row.className);
+void AppendFrameworkCall(QorText *out, QorFramework framework, const QorJSPRequestData &web,
+                         const char *file) {
+    QorTextAppend(out, FRAMEWORKS[framework].className);
     QorTextAppend(out, "->");
-    QorTextAppend(out, text);
+    QorTextAppend(out, FrameworkText(framework, web));
     QorTextAppendChar(out, FIELD_SEP);
-    QorTextAppend(out, file ? file : row.className);
+    QorTextAppend(out, file);
     QorTextAppendChar(out, FIELD_SEP);
-    QorTextAppendNumber(out, &row == &FRAMEWORKS[FRAMEWORK_GROOVY] ? line : 0);
+    QorTextAppendNumber(out, framework == FRAMEWORK_GROOVY
+                                 ? getGroovyCurrentLineNo(web.groovyScript, web.groovyCallSites,
+                                                          web.groovyCallSiteCount, web.groovyCurrentIndex,
+                                                          GROOVY_INDEX_LIMIT)
+                                 : 0);
     QorTextAppendChar(out, FIELD_SEP);
 }
 
@@ -139,39 +134,15 @@ int32_t InsertRequest(QorInsertion *insertion, const QorXtierPositions &at, cons
     return ReplacePiece(insertion, at.requestStart, at.requestEnd, piece.text, REQUEST_PIECE);
 }
 
-// Puts the columns back that the interim text has replaced.
-int32_t RestoreCall(QorInsertion *insertion, const QorXtierLocationInfo &location) {
-    if (!location.savedCurrentCall[0]) {
-        QORLOG(LOG_ERROR, "Qor Agent : Unable to restore Original Current Call");
-        return 0;
-    }
-    return ReplacePiece(insertion, location.at.currentCallStart, location.at.currentCallEnd,
-                        location.savedCurrentCall, CALL_PIECE);
-}
-
 int32_t InsertCurrentCall(QorInsertion *insertion, const QorXtierLocationInfo &location,
-                          const QorJSPRequestData &web, int32_t groovyLine) {
+                          const QorJSPRequestData &web) {
     const QorXtierPositions &at = location.at;
-    const char *const oldText = insertion->oldReply->text + at.currentCallStart;
-    const FrameworkRow *row = FindInterim(oldText);
-    const char *text = row ? FrameworkText(*row, web) : "";
-    if (HasFrameworkData(web) && !text[0]) {
-        char shown[SHOWN_OLD_TEXT] = {};
-        QorStrncpy(shown, oldText, SHOWN_OLD_TEXT, SHOWN_OLD_TEXT);
-        QORLOG(LOG_ERROR, "Qor Agent : InsertXtierDataToConsoleBuf Not found qrf data in buf %15s", shown);
-    }
-    if (!row)
-        return 0; // no framework frame wrote these columns
-    if (!text[0])
-        return RestoreCall(insertion, location);
-
+    if (at.currentCallStart < 0 || !FrameworkText(location.framework, web)[0])
+        return 0;
     QorText piece;
     QorTextStart(&piece, pieceText, PIECE_SIZE);
-    AppendFrameworkCall(&piece, *row, text, row->file, groovyLine);
-    if (ReplacePiece(insertion, at.currentCallStart, at.currentCallEnd, piece.text, CALL_PIECE) == 0)
-        return 0;
-    RestoreCall(insertion, location);
-    return -1;
+    AppendFrameworkCall(&piece, location.framework, web, FRAMEWORKS[location.framework].file);
+    return ReplacePiece(insertion, at.currentCallStart, at.currentCallEnd, piece.text, CALL_PIECE);
 }
 
 int32_t InsertRmi(QorInsertion *insertion, const QorXtierPositions &at, const QorRmiCallData &rmi) {
@@ -193,25 +164,15 @@ int32_t InsertDatabase(QorInsertion *insertion, const QorXtierPositions &at,
     return ReplacePiece(insertion, at.dbStart, at.dbEnd, piece.text, DATABASE_PIECE);
 }
 
-int32_t InsertStackRow(QorInsertion *insertion, const QorXtierPositions &at, const QorJSPRequestData &web,
-                       int32_t groovyLine) {
-    if (at.stackCallStart < 0 || !HasFrameworkData(web))
+int32_t InsertStackRow(QorInsertion *insertion, const QorXtierLocationInfo &location,
+                       const QorJSPRequestData &web) {
+    const QorXtierPositions &at = location.at;
+    if (at.stackCallStart < 0 || !FrameworkText(location.framework, web)[0])
         return 0;
-    if (at.currentCallStart < 0) {
-        QORLOG(LOG_ERROR, "Qor Agent : InsertXtierDataToConsoleBuf Error: Not found qrf data in buf "
-                          "qrfusercallstart is NULL ");
-        return 0;
-    }
-    const FrameworkRow *row = FindInterim(insertion->oldReply->text + at.currentCallStart);
-    const char *text = row ? FrameworkText(*row, web) : "";
-    if (!text[0]) {
-        QORLOG(LOG_ERROR, "Qor Agent : InsertXtierDataToConsoleBuf Error: Not found qrf data in buf");
-        return 0;
-    }
     QorText piece;
     QorTextStart(&piece, pieceText, PIECE_SIZE);
     QorTextAppendChar(&piece, RECORD_END);
-    AppendFrameworkCall(&piece, *row, text, row->stackRowFile ? row->stackRowFile : row->file, groovyLine);
+    AppendFrameworkCall(&piece, location.framework, web, FRAMEWORKS[location.framework].stackRowFile);
     return ReplacePiece(insertion, at.stackCallStart, at.stackCallEnd, piece.text, CALL_PIECE);
 }
 
@@ -256,10 +217,6 @@ void CopyServerData(QorE2EBlock *block, const QorAppServerCallData &server) {
 }
 
 } // namespace
-
-const char *QorInterimCall(QorFramework framework) {
-    return FRAMEWORKS[framework].interimCall;
-}
 
 const char *QorFrameworkClass(QorFramework framework) {
     return FRAMEWORKS[framework].className;
@@ -314,42 +271,18 @@ void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call) {
     QorTextAppend(out, known ? name : null_str);
 }
 
-int32_t QorRestoreGrowth(const QorXtierPositions &at, const char *savedCurrentCall) {
-    if (at.currentCallStart < 0 || !savedCurrentCall[0])
-        return 0;
-    return std::max(0, LengthOf(savedCurrentCall) - (at.currentCallEnd - at.currentCallStart));
-}
-
-void QorStartInsertion(QorInsertion *insertion, const QorText *reply, const QorXtierLocationInfo *locations) {
+void QorStartInsertion(QorInsertion *insertion, const QorText *reply) {
     *insertion = {reply, {}, 0, reply->size - 1 - reply->length};
-    for (; locations; locations = locations->next)
-        insertion->spare -= QorRestoreGrowth(locations->at, locations->savedCurrentCall);
 }
 
 int32_t InsertXtierDataToConsoleBuf(QorInsertion *insertion, const QorXtierLocationInfo &location,
                                     const QorJSPRequestData &web, const QorDBRequestData &database,
                                     const QorRmiCallData &rmi) {
     const QorXtierPositions &at = location.at;
-    const int32_t groovyLine =
-        web.groovyCurrentLine[0]
-            ? getGroovyCurrentLineNo(web.groovyScript, web.groovyCallSites, web.groovyCallSiteCount,
-                                     web.groovyCurrentIndex, GROOVY_INDEX_LIMIT)
-            : 0;
-    int32_t result = InsertRequest(insertion, at, web);
-    if (at.currentCallStart >= 0) {
-        insertion->spare += QorRestoreGrowth(at, location.savedCurrentCall); // what was kept back for it
-        if (result != 0)
-            RestoreCall(insertion, location);
-        else
-            result = InsertCurrentCall(insertion, location, web, groovyLine);
-    }
-    if (result == 0)
-        result = InsertRmi(insertion, at, rmi);
-    if (result == 0)
-        result = InsertDatabase(insertion, at, database);
-    if (result == 0)
-        result = InsertStackRow(insertion, at, web, groovyLine);
-    return result;
+    if (InsertRequest(insertion, at, web) != 0 || InsertCurrentCall(insertion, location, web) != 0 ||
+        InsertRmi(insertion, at, rmi) != 0 || InsertDatabase(insertion, at, database) != 0)
+        return -1;
+    return InsertStackRow(insertion, location, web);
 }
 
 void QorEndInsertion(QorInsertion *insertion, QorText *reply) {

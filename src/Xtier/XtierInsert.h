@@ -14,18 +14,7 @@
 
 #include <cstdint>
 
-// A framework frame: generic code, in whose place the reply shows what it works on.
-enum QorFramework : int32_t {
-    FRAMEWORK_NONE = -1,
-    FRAMEWORK_VIEW,
-    FRAMEWORK_ENTITY,
-    FRAMEWORK_GROOVY,
-    FRAMEWORK_EL,
-};
-
-// The call text that such a frame has while its data is not known.
-const char *QorInterimCall(QorFramework framework);
-// The class that stands in front of "->" once it is known.
+// The class that is shown before "->", with what the framework works on behind it.
 const char *QorFrameworkClass(QorFramework framework);
 
 // The blocks behind the states "DB Wait" and "RMI Wait". An empty text is written as its placeholder.
@@ -44,9 +33,6 @@ void QorAppendShortDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
 // With no call, or one without a host, the empty block.
 void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call);
 
-// Bytes that a reply may grow by when the saved call takes the place of an interim text.
-int32_t QorRestoreGrowth(const QorXtierPositions &at, const char *savedCurrentCall);
-
 // One pass over a reply.
 struct QorInsertion {
     const QorText *oldReply;
@@ -55,14 +41,12 @@ struct QorInsertion {
     int32_t spare; // bytes that the reply may still grow by
 };
 
-// Starts a pass over `reply`, which stays as it is until the pass ends. The growth of all saved calls of the
-// list is kept back, so that each can be restored.
-void QorStartInsertion(QorInsertion *insertion, const QorText *reply, const QorXtierLocationInfo *locations);
+// Starts a pass over `reply`, which stays as it is until the pass ends.
+void QorStartInsertion(QorInsertion *insertion, const QorText *reply);
 
-// Replaces the pieces of one thread; a piece whose data is not known keeps its text, but for an interim text,
-// which gives way to the saved call. Threads come in the order of the list. 0, or -1 when a piece found no
-// room or there is no memory: it and the pieces behind it keep their text, but a saved call is restored
-// nevertheless.
+// Replaces the pieces of one thread; a piece whose data is not known keeps its text. Threads come in the
+// order of the list. 0, or -1 when a piece found no room or there is no memory: it and the thread's later
+// pieces keep their text.
 int32_t InsertXtierDataToConsoleBuf(QorInsertion *insertion, const QorXtierLocationInfo &location,
                                     const QorJSPRequestData &web, const QorDBRequestData &database,
                                     const QorRmiCallData &rmi);

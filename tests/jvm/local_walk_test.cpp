@@ -147,7 +147,7 @@ TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
     jobject context = Make("ferrule/servlet/internal/WebAppServletContext");
     jobject event = Make("tessar/kvo/server/TransactionEvent");
     jobject entity = Make("tessar/kvo/server/EntityImpl");
-    jobject text = Text("text"), none = nullptr;
+    jobject text = Text("text"), none = nullptr, klass = Env()->GetObjectClass(statement);
     const char *const STATEMENT = "Ltessar/jdbc/driver/TessarStatement;";
     const char *const REQUEST = "Lferrule/servlet/internal/ServletRequestImpl;";
     const char *const EVENT = "Ltessar/kvo/server/TransactionEvent;";
@@ -161,6 +161,7 @@ TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
         {"second", text, request, statement, request, REQUEST, LOCAL_DATABASE_CALL},
         {"behind-context", context, none, statement, statement, STATEMENT, LOCAL_WEB_REQUEST},
         {"none", text, context, none, none, "", LOCAL_DATABASE_CALL},
+        {"behind-its-class", klass, statement, none, statement, STATEMENT, LOCAL_DATABASE_CALL},
         {"front", text, event, entity, text, EVENT, LOCAL_VIEW_OR_ENTITY},
         {"entity", entity, event, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
         {"behind", event, entity, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY},

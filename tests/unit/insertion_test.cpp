@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr char SAVED[] = "a.B->c|B.java|7|";
 constexpr char NO_BLOCK[] = "{10<^|^|0|0|^|0|0|^|^|^";
 constexpr char NO_RMI_BLOCK[] = "{!0|0|^|^";
 
@@ -46,11 +45,11 @@ struct Insertion : testing::Test {
         reply.clear();
     }
 
-    QorXtierLocationInfo *Location(const char *saved = SAVED) {
+    QorXtierLocationInfo *Location(QorFramework framework = FRAMEWORK_NONE) {
         QorThreadRecord thread = {};
         thread.tid = 5;
         EXPECT_EQ(AddToXtierLocationInfoList(&thread, &first, &last), 0);
-        QorStrncpy(last->savedCurrentCall, Wire(saved).c_str(), SAVED_CALL_SIZE, SAVED_CALL_SIZE);
+        last->framework = framework;
         return last;
     }
     void Put(const std::string &text) { reply += Wire(text); }
@@ -59,13 +58,13 @@ struct Insertion : testing::Test {
         Put(text);
         *end = static_cast<int32_t>(reply.size());
     }
-    // A row with all pieces; its call columns begin with `interim`.
-    void PutRow(const std::string &interim, const char *saved = SAVED) {
-        QorXtierPositions &at = Location(saved)->at;
+    // A row with all pieces.
+    void PutRow(QorFramework framework) {
+        QorXtierPositions &at = Location(framework)->at;
         Put("a|n|^|");
         Put("^|^|", &at.requestStart, &at.requestEnd);
         Put("1-5|");
-        Put(interim + "|F.java|0|", &at.currentCallStart, &at.currentCallEnd);
+        Put("a.B->c|B.java|7|", &at.currentCallStart, &at.currentCallEnd);
         Put("DB Wait");
         Put(NO_BLOCK, &at.dbStart, &at.dbEnd);
         Put("#Call Stack;top|T|1");
@@ -80,7 +79,7 @@ struct Insertion : testing::Test {
         QorTextStart(&text, &storage[0], static_cast<int32_t>(storage.size()));
         QorTextAppend(&text, reply.c_str());
         QorInsertion pass;
-        QorStartInsertion(&pass, &text, first);
+        QorStartInsertion(&pass, &text);
         results.clear();
         for (const QorXtierLocationInfo *at = first; at; at = at->next)
             results += InsertXtierDataToConsoleBuf(&pass, *at, *web, *database, rmi) == 0 ? "0" : "-";
@@ -110,7 +109,7 @@ struct Insertion : testing::Test {
 } // namespace
 
 TEST_F(Insertion, PutsEachPieceInItsPlace) {
-    PutRow("QRFViewData->QRF_Data");
+    PutRow(FRAMEWORK_VIEW);
     KnowDatabase();
     QorStrncpy(web->requestUrl, "/shop", REQUEST_TEXT_SIZE, 16);
     QorStrncpy(web->qrfObjectName, "Orders", REQUEST_TEXT_SIZE, 16);
@@ -130,11 +129,11 @@ TEST_F(Insertion, PutsEachPieceInItsPlace) {
 }
 
 TEST_F(Insertion, LeavesWhatIsNotKnown) {
-    PutRow("QRFELData->EL_Data", "");
+    PutRow(FRAMEWORK_EL);
     QorStrncpy(database->url, "jdbc:x", DB_URL_SIZE, 16); // but no user
     LogCapture log(1);
     EXPECT_EQ(Insert(), reply);
-    EXPECT_EQ(log.count("Qor Agent : Unable to restore Original Current Call"), 1);
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(Insertion, RemoteCallsNeedAHost) {
@@ -157,60 +156,57 @@ TEST_F(Insertion, RemoteCallsNeedAHost) {
 }
 
 TEST_F(Insertion, EachFrameworkHasItsCallAndRow) {
+    constexpr char SCRIPT[] = "load()\nsave()\n", OWN[] = "a.B->c|B.java|7|";
     struct {
-        const char *interim, *object, *line, *expression, *call, *row;
+        QorFramework framework;
+        const char *object, *line, *expression, *script, *call, *row;
     } rows[] = {
-        {"QRFViewData->QRF_Data", "O", "", "", "View_Object->O|ViewObjectImpl.java|0|", nullptr},
-        {"QRFEntityData->QRF_Data", "O", "", "", "Entity_Object->O|EntityObjImpl.java|0|", nullptr},
-        {"QRFGroovyData->Groovy_Data", "", "save", "", "Groovy_Script->save|Groovy_Script|2|", nullptr},
-        {"QRFELData->EL_Data", "", "", "$(a)", "EL_Exp->$(a)|EL_Exp|0|", "EL_Exp->$(a)|El_Exp|0|"},
-        // nothing, or what belongs to another frame: the saved call
-        {"QRFViewData->QRF_Data", "", "", "", SAVED, ""},
-        {"QRFViewData->QRF_Data", "", "save", "$(a)", SAVED, ""},
-        {"QRFELData->EL_Data", "O", "save", "", SAVED, ""},
+        {FRAMEWORK_VIEW, "O", "", "", "", "View_Object->O|ViewObjectImpl.java|0|", nullptr},
+        {FRAMEWORK_ENTITY, "O", "", "", "", "Entity_Object->O|EntityObjImpl.java|0|", nullptr},
+        {FRAMEWORK_GROOVY, "", "save", "", SCRIPT, "Groovy_Script->save|Groovy_Script|2|", nullptr},
+        {FRAMEWORK_EL, "", "", "$(a)", "", "EL_Exp->$(a)|EL_Exp|0|", "EL_Exp->$(a)|El_Exp|0|"},
+        // nothing, or what belongs to another frame: the call that is there
+        {FRAMEWORK_VIEW, "", "save", "$(a)", SCRIPT, OWN, ""},
+        {FRAMEWORK_EL, "O", "save", "", SCRIPT, OWN, ""},
+        {FRAMEWORK_NONE, "O", "save", "$(a)", SCRIPT, OWN, ""},
+        {FRAMEWORK_GROOVY, "", "save", "", "", OWN, ""}, // no script to tell a line of
     };
-    QorStrncpy(web->groovyScript, "load()\nsave()\n", GROOVY_SCRIPT_SIZE, 100);
     QorStrncpy(web->groovyCallSites[0], "load", GROOVY_LINE_SIZE, 16);
     QorStrncpy(web->groovyCallSites[1], "save", GROOVY_LINE_SIZE, 16);
     web->groovyCallSiteCount = 2;
     web->groovyCurrentIndex = 1;
     for (const auto &row : rows) {
         Forget();
-        PutRow(row.interim);
-        web->qrfObjectName[0] = web->groovyCurrentLine[0] = web->elExpression[0] = 0;
+        PutRow(row.framework);
         QorStrncpy(web->qrfObjectName, row.object, REQUEST_TEXT_SIZE, 16);
         QorStrncpy(web->groovyCurrentLine, row.line, GROOVY_LINE_SIZE, 16);
+        QorStrncpy(web->groovyScript, row.script, GROOVY_SCRIPT_SIZE, 100);
         QorStrncpy(web->elExpression, row.expression, REQUEST_TEXT_SIZE, 16);
         const std::string made = Insert(), shown = row.row ? row.row : row.call;
         EXPECT_NE(made.find(Wire(std::string("1-5|") + row.call + "DB Wait")), std::string::npos) << made;
         EXPECT_NE(made.find(Wire("top|T|1" + (shown.empty() ? "" : ";" + shown) + ";frame")),
                   std::string::npos)
             << made;
-        EXPECT_EQ(made.find("QRF"), std::string::npos) << row.interim;
     }
 }
 
-// The more room there is the more goes in, never a part of a piece, and the saved call and the tail always.
+// The more room there is the more goes in, never a part of a piece, and the tail always.
 TEST_F(Insertion, WhateverTheRoomNoRowIsLost) {
-    const std::string longCall = "java.lang.Object->a_method_with_a_rather_long_name|Object.java|1234|";
-    PutRow("QRFELData->EL_Data", longCall.c_str());
-    PutRow("QRFELData->EL_Data", longCall.c_str());
+    PutRow(FRAMEWORK_EL);
+    PutRow(FRAMEWORK_EL);
     Put("tail");
     KnowDatabase("select a, b, c from orders");
     QorStrncpy(web->requestUrl, "/a/rather/long/request", REQUEST_TEXT_SIZE, 64);
-    const int32_t reserve = 2 * QorRestoreGrowth(first->at, first->savedCurrentCall);
-    ASSERT_GT(reserve, 0);
+    QorStrncpy(web->elExpression, "$(a.rather.long.expression)", REQUEST_TEXT_SIZE, 64);
     size_t earlier = 0;
     std::set<std::string> seen;
-    for (int32_t spare = reserve; spare < reserve + 400; ++spare) {
+    for (int32_t spare = 0; spare < 500; ++spare) {
         const std::string made = Insert(spare);
         ASSERT_LE(made.size(), reply.size() + static_cast<size_t>(spare));
         ASSERT_GE(made.size(), earlier);
         earlier = made.size();
         EXPECT_EQ(made.substr(made.size() - 4), "tail");
-        EXPECT_EQ(made.find("QRF"), std::string::npos) << spare;
-        EXPECT_EQ(std::count(made.begin(), made.end(), FIELD_SEP),
-                  std::count(reply.begin(), reply.end(), FIELD_SEP));
+        EXPECT_EQ(std::count(made.begin(), made.end(), SECTION_END), 4);
         seen.insert(results);
     }
     EXPECT_EQ(seen, (std::set<std::string>{"--", "0-", "00"}));

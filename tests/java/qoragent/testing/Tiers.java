@@ -143,6 +143,7 @@ public final class Tiers {
             new Call("method-el", work -> new MethodExpressionImpl("#{orders.save}").invoke(work)),
             new Call("groovy",
                      work -> new ExprEval(SCRIPT).evaluate(() -> site.callCurrent(() -> site.call(work)))),
+            new Call("compiled-groovy", work -> site.callCurrent(() -> site.call(work))),
             new Call("server", work -> {
                 ServletRequestImpl[] request = new ServletRequestImpl[1];
                 request[0] = new ServletRequestImpl(
