@@ -4,6 +4,7 @@ import java.io.IOException;
 import java.lang.instrument.Instrumentation;
 import java.lang.ref.WeakReference;
 import java.net.InetAddress;
+import java.nio.file.Path;
 
 /**
  * The agent of this JVM: its natives, its start and its end.
@@ -14,7 +15,8 @@ import java.net.InetAddress;
  */
 public final class Agent {
     /**
-     * How the agent of this JVM fares, for tools that look from outside: running, stopped or "failed: why".
+     * How the agent of this JVM fares, for tools that look from outside: running, "running in DIRECTORY" when
+     * its endpoint isn't in the usual one, stopped or "failed: why".
      */
     static final String STATUS_PROPERTY = "qoragent.status";
 
@@ -70,7 +72,7 @@ public final class Agent {
                 tellAgain();
                 return;
             }
-            if (RUNNING.equals(System.getProperty(STATUS_PROPERTY)))
+            if (System.getProperty(STATUS_PROPERTY, "").startsWith(RUNNING))
                 throw new IllegalStateException("it runs already, loaded by another class loader");
             try {
                 launch(wanted);
@@ -96,7 +98,7 @@ public final class Agent {
             relay = door;
             System.setProperty(STATUS_PROPERTY, RUNNING);
             if (door != null)
-                door.start();
+                tellWhere(door.start());
         } catch (IOException e) {
             abandon(door);
             throw new IllegalStateException("the relay cannot start: " + e.getMessage(), e);
@@ -122,11 +124,15 @@ public final class Agent {
     private static void tellAgain() {
         try {
             if (relay != null)
-                relay.tellAgain();
+                tellWhere(relay.tellAgain());
         } catch (IOException e) {
             throw new IllegalStateException("it runs already, but its endpoint is gone: " + e.getMessage(),
                                             e);
         }
+    }
+
+    private static void tellWhere(Path elsewhere) {
+        System.setProperty(STATUS_PROPERTY, elsewhere == null ? RUNNING : RUNNING + " in " + elsewhere);
     }
 
     private static Relay openRelay(Options wanted) {

@@ -25,8 +25,9 @@ import java.util.Set;
  * directory that only its owner can enter.
  *
  * /tmp is everybody's, so the directory counts only when it is a real directory of this user with no leave
- * for others; anything else there is somebody's trap and is refused, never mended. The set-group bit lets
- * nobody in: directories have it where a container's /tmp is a volume with that bit.
+ * for others. Anything else there is somebody's trap: it is never mended, and a directory with a random suffix
+ * takes its place, so that nobody can keep the agent from starting. The set-group bit lets nobody in:
+ * directories have it where a container's /tmp is a volume with that bit.
  *
  * The files of JVMs that were killed stay. That no process has the number proves nothing where containers
  * share /tmp: the file may be that of a live JVM which has the number in a container of its own.
@@ -40,14 +41,16 @@ final class Endpoint {
         PosixFilePermissions.fromString("rwx------");
     private static final Set<PosixFilePermission> OWNER_FILE = PosixFilePermissions.fromString("rw-------");
 
-    private final Path dir;
+    private final Path usual;
+    private volatile Path dir;
     private final int uid;
     private final int pid;
     private final String token;
 
-    /** @param uid the owner that `dir` must have */
-    Endpoint(Path dir, int uid, int pid) {
-        this.dir = dir;
+    /** @param uid the owner that `usual` must have */
+    Endpoint(Path usual, int uid, int pid) {
+        this.usual = usual;
+        this.dir = usual;
         this.uid = uid;
         this.pid = pid;
         this.token = randomHex(TOKEN_BYTES);
@@ -73,26 +76,56 @@ final class Endpoint {
 
     Path file() { return dir.resolve(pid + ".endpoint"); }
 
+    /** The directory, when it isn't the usual one; otherwise null. */
+    Path elsewhere() { return dir.equals(usual) ? null : dir; }
+
     /**
      * Makes the directory, or makes sure of the one that is there.
      *
-     * @throws IOException saying what is wrong with it
+     * @throws IOException saying what is wrong with the usual one, when no other can be made either
      */
     void openDirectory() throws IOException {
         try {
-            Files.createDirectory(dir, PosixFilePermissions.asFileAttribute(OWNER_DIRECTORY));
-        } catch (FileAlreadyExistsException e) {
-            // as good as made, if it passes below
+            if (elsewhere() != null) {
+                check(dir);
+                return;
+            }
+        } catch (IOException e) {
+            // /tmp has been cleaned
         }
+        try {
+            create(usual);
+            check(usual);
+            dir = usual;
+        } catch (IOException e) {
+            try {
+                dir = Files.createTempDirectory(usual.getParent(), usual.getFileName() + "-",
+                                                PosixFilePermissions.asFileAttribute(OWNER_DIRECTORY));
+            } catch (IOException none) {
+                e.addSuppressed(none);
+                throw e;
+            }
+        }
+    }
+
+    private static void create(Path made) throws IOException {
+        try {
+            Files.createDirectory(made, PosixFilePermissions.asFileAttribute(OWNER_DIRECTORY));
+        } catch (FileAlreadyExistsException e) {
+            // as good as made, if it passes the check
+        }
+    }
+
+    private void check(Path made) throws IOException {
         Map<String, Object> facts =
-            Files.readAttributes(dir, "unix:mode,uid,isDirectory", LinkOption.NOFOLLOW_LINKS);
+            Files.readAttributes(made, "unix:mode,uid,isDirectory", LinkOption.NOFOLLOW_LINKS);
         int mode = (Integer)facts.get("mode") & MODE_BITS_THAT_COUNT;
         if (!(Boolean)facts.get("isDirectory"))
-            throw new IOException(dir + " is no directory");
+            throw new IOException(made + " is no directory");
         if ((Integer)facts.get("uid") != uid)
-            throw new IOException(dir + " belongs to another user");
+            throw new IOException(made + " belongs to another user");
         if (mode != DIRECTORY_MODE)
-            throw new IOException(dir + " has mode 0" + Integer.toOctalString(mode) + " and must have 0700");
+            throw new IOException(made + " has mode 0" + Integer.toOctalString(mode) + " and must have 0700");
     }
 
     /**
@@ -129,11 +162,13 @@ final class Endpoint {
         }
     }
 
-    /** Removes the file if it is still this endpoint's. */
+    /** Removes the file if it is still this endpoint's, and a directory that was made for it alone. */
     void withdraw() {
         try {
             if (published())
                 Files.deleteIfExists(file());
+            if (elsewhere() != null)
+                Files.deleteIfExists(dir);
         } catch (IOException e) {
             // a console finds no relay behind it either way
         }

@@ -6,6 +6,7 @@ import java.net.InetSocketAddress;
 import java.net.ServerSocket;
 import java.net.Socket;
 import java.net.SocketTimeoutException;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Iterator;
 import java.util.List;
@@ -83,8 +84,12 @@ final class Relay {
 
     int port() { return server.getLocalPort(); }
 
-    /** Tells the consoles of the port, and serves them. */
-    void start() throws IOException {
+    /**
+     * Tells the consoles of the port, and serves them.
+     *
+     * @return the endpoint's directory if it isn't the usual one, else null
+     */
+    Path start() throws IOException {
         endpoint.publish(server.getInetAddress(), port());
         try {
             Runtime.getRuntime().addShutdownHook(hook);
@@ -93,12 +98,14 @@ final class Relay {
             throw new IOException("the JVM is ending", e);
         }
         daemon(this::accept, THREAD_NAME).start();
+        return endpoint.elsewhere();
     }
 
-    /** Tells the consoles of the port once more if nothing does. */
-    void tellAgain() throws IOException {
+    /** Tells the consoles of the port once more if nothing does; returns as start() does. */
+    Path tellAgain() throws IOException {
         if (!endpoint.published())
             endpoint.publish(server.getInetAddress(), port());
+        return endpoint.elsewhere();
     }
 
     /** Ends the service: no port, no endpoint file, no connection. May be called twice. */

@@ -88,16 +88,23 @@ public class EndpointTest {
         void lay() throws IOException;
     }
 
-    private void refused(String what, int owner, Trap trap) throws IOException {
+    /** Nothing is written to what a stranger put there, and the file is in a directory beside it. */
+    private void avoided(String what, int owner, Trap trap) throws IOException {
         trap.lay();
-        try {
-            new Endpoint(dir, owner, PID).publish(LOOPBACK, 1);
-            fail(what + " was accepted");
-        } catch (IOException e) {
-            assertTrue(what + " gave: " + e.getMessage(), e.getMessage().startsWith(dir + " "));
+        Endpoint endpoint = new Endpoint(dir, owner, PID);
+        endpoint.publish(LOOPBACK, 1);
+        Path other = endpoint.elsewhere();
+        assertTrue(what + ": " + other, other.toString().matches(dir + "-\\d{8,}"));
+        assertEquals(what, 0700, mode(other));
+        assertTrue(what, Files.exists(other.resolve("4711.endpoint")));
+        if (owner == uid) {
+            endpoint.publish(LOOPBACK, 2);
+            assertEquals("the next time", other, endpoint.elsewhere());
         }
         if (Files.isDirectory(dir))
             assertEquals(what, 0, dir.toFile().list().length);
+        endpoint.withdraw();
+        assertFalse("it leaves its directory", Files.exists(other));
         Files.delete(dir);
     }
 
@@ -107,18 +114,24 @@ public class EndpointTest {
     }
 
     @Test
-    public void trapsInPlaceOfTheDirectoryAreRefused() throws IOException {
+    public void trapsInPlaceOfTheDirectoryAreAvoided() throws IOException {
         Path good = folder.newFolder("good").toPath();
         Files.setPosixFilePermissions(good, PosixFilePermissions.fromString("rwx------"));
-        refused("a link to a good directory", uid, () -> Files.createSymbolicLink(dir, good));
-        refused("a link to nothing", uid, () -> Files.createSymbolicLink(dir, good.resolve("none")));
-        refused("a file of the right mode", uid, () -> {
+        avoided("a link to a good directory", uid, () -> Files.createSymbolicLink(dir, good));
+        avoided("a link to nothing", uid, () -> Files.createSymbolicLink(dir, good.resolve("none")));
+        avoided("a file of the right mode", uid, () -> {
             Files.createFile(dir);
             Files.setAttribute(dir, "unix:mode", 0700);
         });
-        refused("another's directory", uid + 1, () -> makeDirectory(0700));
+        avoided("another's directory", uid + 1, () -> makeDirectory(0700));
         for (int mode : new int[] {0755, 0770, 0701, 0777, 01777, 02770, 0500})
-            refused("mode " + Integer.toOctalString(mode), uid, () -> makeDirectory(mode));
+            avoided("mode " + Integer.toOctalString(mode), uid, () -> makeDirectory(mode));
         assertEquals(0, good.toFile().list().length);
+        try {
+            new Endpoint(folder.getRoot().toPath().resolve("none/dir"), uid, PID).publish(LOOPBACK, 1);
+            fail("published where nothing can be made");
+        } catch (IOException e) {
+            assertEquals(1, e.getSuppressed().length);
+        }
     }
 }
