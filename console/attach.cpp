@@ -1,6 +1,8 @@
 #include "attach.h"
 
 #include "failure.h"
+#include "inside.h"
+#include "transfer.h"
 
 #include <cerrno>
 #include <charconv>
@@ -9,7 +11,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <grp.h>
+#include <linux/openat2.h>
 #include <poll.h>
+#include <random>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,7 +26,6 @@ namespace qorctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::milliseconds;
 
 constexpr size_t MAX_ATTACH_ARGUMENT = 1024; // the JVM's own limit
@@ -30,18 +34,20 @@ constexpr Milliseconds SOCKET_PERIOD(20);
 constexpr const char *PROTOCOL_VERSION = "1";
 constexpr std::string_view STATUS_PROPERTY = "qoragent.status";
 
-// The effective user and group of the target for the time of a scope. Only root gets another one.
+// The effective user, group and groups of the target for the time of a scope. Only root gets others.
 class EffectiveUser {
 public:
-    explicit EffectiveUser(const Process &process) : uid_(geteuid()), gid_(getegid()) {
+    explicit EffectiveUser(const Process &process) : process_(process), uid_(geteuid()), gid_(getegid()) {
         if (process.euid == uid_)
             return;
-        if (setegid(process.egid) != 0 || seteuid(process.euid) != 0) {
+        groups_.resize(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
+        changed_ = getgroups(static_cast<int>(groups_.size()), groups_.data()) >= 0;
+        if (changed_ && Take())
+            return;
+        if (changed_)
             Restore();
-            throw Failure(fmt::format("can't take the identity of {}", UserName(process.euid)),
-                          "run qorctl as that user");
-        }
-        changed_ = true;
+        throw Failure(fmt::format("can't take the identity of {}", UserName(process.euid)),
+                      "run qorctl as that user");
     }
     EffectiveUser(const EffectiveUser &) = delete;
     ~EffectiveUser() {
@@ -49,14 +55,32 @@ public:
             Restore();
     }
 
+    // What only root can do, done as root; false when we came as somebody else.
+    template <class Act>
+    bool AsRoot(Act act) const {
+        if (uid_ != 0)
+            return false;
+        if (changed_)
+            Restore();
+        act();
+        if (changed_ && !Take())
+            abort(); // going on as root would be worse
+        return true;
+    }
+
 private:
+    bool Take() const {
+        return setgroups(0, nullptr) == 0 && setegid(process_.egid) == 0 && seteuid(process_.euid) == 0;
+    }
     void Restore() const {
-        // The user first: only root may choose the group.
-        if (seteuid(uid_) != 0 || setegid(gid_) != 0)
+        // The user first: only root may choose the groups.
+        if (seteuid(uid_) != 0 || setegid(gid_) != 0 || setgroups(groups_.size(), groups_.data()) != 0)
             abort(); // going on under a mixed identity would be worse
     }
+    const Process &process_;
     uid_t uid_;
     gid_t gid_;
+    std::vector<gid_t> groups_;
     bool changed_ = false;
 };
 
@@ -76,24 +100,54 @@ private:
     FileDescriptor fd_;
 };
 
+// Where the JVM looks for what calls its attach listener: its working directory first.
+struct Places {
+    FileDescriptor cwd, tmp; // cwd may be closed to us
+};
+
+// Moves what a stranger has put in the way of the JVM's own files out of it. Renamed and then removed, as it
+// may be a directory that isn't empty. False when we aren't root.
+bool ClearAway(const EffectiveUser &user, int dir, const std::string &name) {
+    return user.AsRoot([&] {
+        std::string aside = fmt::format("{}.{:x}", name, std::random_device()());
+        if (renameat(dir, name.c_str(), dir, aside.c_str()) == 0 && unlinkat(dir, aside.c_str(), 0) != 0)
+            unlinkat(dir, aside.c_str(), AT_REMOVEDIR);
+    });
+}
+
+Failure InTheWay(const std::string &name) {
+    return Failure(fmt::format("{} in the JVM's working directory or /tmp belongs to another user", name),
+                   "somebody may be keeping others from attaching; run qorctl as root, which removes it");
+}
+
 // The .attach_pidN file, there as long as this object.
 class TriggerFile {
 public:
-    TriggerFile(int dir, std::string name) : dir_(dir), name_(std::move(name)) {
-        constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-        FileDescriptor file(openat(dir_, name_.c_str(), FLAGS, 0600));
-        if (!file.ok() && errno == EEXIST && unlinkat(dir_, name_.c_str(), 0) == 0)
-            file =
-                FileDescriptor(openat(dir_, name_.c_str(), FLAGS, 0600)); // left by an attach that was killed
-        if (!file.ok())
+    TriggerFile(const Places &places, const EffectiveUser &user, std::string name) : name_(std::move(name)) {
+        if (!Create(places.cwd.get(), user) && !Create(places.tmp.get(), user))
             throw Failure(fmt::format("can't create /tmp/{}: {}", name_, strerror(errno)),
-                          "the JVM looks for it there; make room in /tmp or remove the old file");
+                          "the JVM looks for it there; make room in /tmp");
     }
     TriggerFile(const TriggerFile &) = delete;
     ~TriggerFile() { unlinkat(dir_, name_.c_str(), 0); }
 
 private:
-    int dir_;
+    // False where no file can be made at all. One that is there is of an attach that was killed, or a
+    // stranger's; the JVM takes no other in its place.
+    bool Create(int dir, const EffectiveUser &user) {
+        dir_ = dir;
+        if (Open() || errno != EEXIST)
+            return made_;
+        if ((unlinkat(dir_, name_.c_str(), 0) == 0 || ClearAway(user, dir_, name_)) && Open())
+            return true;
+        throw InTheWay(name_);
+    }
+    bool Open() {
+        constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        return made_ = FileDescriptor(openat(dir_, name_.c_str(), FLAGS, 0600)).ok();
+    }
+    int dir_ = -1;
+    bool made_ = false;
     std::string name_;
 };
 
@@ -126,6 +180,12 @@ void CheckMaySignal(const Process &process) {
                       "it may still be starting: try again; -javaagent:qoragent.jar works in any case");
 }
 
+Failure Unheard() {
+    return Failure("the JVM doesn't answer to attaching",
+                   "it may be in a long pause (try again), or have its own way with SIGQUIT; "
+                   "-javaagent:qoragent.jar always works");
+}
+
 void CheckRuns(const Process &process) {
     if (process.stopped)
         throw Failure(fmt::format("process {} is stopped", process.pid),
@@ -143,19 +203,27 @@ void CheckArgument(const std::string &jar, const std::string &argument) {
 }
 
 // The jar must be there for the JVM, whose files may be others than ours, and readable for its user.
-void CheckJarVisible(int root, const Process &process, const std::string &jar) {
-    const char *inside = jar.c_str() + jar.find_first_not_of('/');
-    struct stat status;
-    if (fstatat(root, inside, &status, 0) != 0) {
+void CheckJarVisible(const Process &process, const std::string &jar) {
+    constexpr const char *READABLE = "readable", *CLOSED = "closed", *ABSENT = "absent";
+    std::optional<std::string> found = LookInside(process, [&](int root) {
+        std::string path = BelowRoot(jar);
+        return faccessat(root, path.c_str(), F_OK, 0) != 0   ? ABSENT
+               : faccessat(root, path.c_str(), R_OK, 0) == 0 ? READABLE
+                                                             : CLOSED;
+    });
+    if (!found)
+        throw Failure(fmt::format("can't look into the files of process {}", process.pid),
+                      "run qorctl as root");
+    if (*found == ABSENT) {
         std::string hint = "check --jar";
         if (!SameFiles(process.pid))
             hint = fmt::format("the JVM sees other files than we do; copy the jar there (cp qoragent.jar "
                                "/proc/{}/root/tmp/) and give its path in there with --jar",
                                process.pid);
-        throw Failure(fmt::format("process {} has no file {}", process.pid, jar), hint);
+        throw Failure(fmt::format("process {} has no file {}, or its user can't reach it", process.pid, jar),
+                      hint);
     }
-    EffectiveUser user(process);
-    if (faccessat(root, inside, R_OK, AT_EACCESS) != 0)
+    if (*found == CLOSED)
         throw Failure(
             fmt::format("{}, who runs process {}, can't read {}", UserName(process.euid), process.pid, jar),
             "copy the jar to a place open to that user and give it with --jar");
@@ -165,79 +233,91 @@ std::string SocketName(const Process &process) {
     return fmt::format(".java_pid{}", process.inner_pid);
 }
 
-FileDescriptor Connect(int tmp, const std::string &name) {
-    FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+// A full queue of callers lets nobody in until the JVM takes one out.
+FileDescriptor Connect(int tmp, const std::string &name, Clock::time_point deadline) {
+    FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     // Through the descriptor: the JVM's own path may be of any length and lie in another file tree.
     std::string path = fmt::format("/proc/self/fd/{}/{}", tmp, name);
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (fd.ok() && connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
-        return FileDescriptor();
+    while (fd.ok() && connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+        if (errno != EAGAIN && errno != EINTR)
+            return FileDescriptor();
+        if (Clock::now() >= deadline)
+            throw Unheard();
+        poll(nullptr, 0, static_cast<int>(SOCKET_PERIOD.count()));
+    }
     return fd;
 }
 
-bool SocketThere(int tmp, const std::string &name, const Process &process) {
+enum class Listener { ABSENT, THERE, STRANGE };
+
+Listener LookForSocket(int tmp, const std::string &name, const Process &process) {
     struct stat status;
-    return fstatat(tmp, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISSOCK(status.st_mode) &&
-           status.st_uid == process.euid;
+    if (fstatat(tmp, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return Listener::ABSENT;
+    return S_ISSOCK(status.st_mode) && status.st_uid == process.euid ? Listener::THERE : Listener::STRANGE;
+}
+
+// A connection to the socket if there is one that answers.
+FileDescriptor ConnectIfThere(int tmp, const Process &process, const EffectiveUser &user,
+                              Clock::time_point deadline) {
+    std::string name = SocketName(process);
+    Listener listener = LookForSocket(tmp, name, process);
+    if (listener == Listener::STRANGE && !ClearAway(user, tmp, name))
+        throw InTheWay(name);
+    if (listener != Listener::THERE)
+        return FileDescriptor();
+    FileDescriptor fd = Connect(tmp, name, deadline);
+    if (!fd.ok())
+        unlinkat(tmp, name.c_str(), 0); // of an earlier JVM with that number
+    return fd;
 }
 
 // Makes the JVM open its socket and connects to it.
-FileDescriptor OpenChannel(int tmp, const Target &target, const Process &process,
-                           Clock::time_point deadline) {
-    std::string name = SocketName(process);
-    if (SocketThere(tmp, name, process)) {
-        FileDescriptor fd = Connect(tmp, name);
-        if (fd.ok())
-            return fd;
-        unlinkat(tmp, name.c_str(), 0); // of an earlier JVM with that number
-    }
+FileDescriptor OpenChannel(const Places &places, const Target &target, const Process &process,
+                           const EffectiveUser &user, Clock::time_point deadline) {
+    FileDescriptor channel = ConnectIfThere(places.tmp.get(), process, user, deadline);
+    if (channel.ok())
+        return channel;
     CheckMaySignal(process);
-    TriggerFile trigger(tmp, fmt::format(".attach_pid{}", process.inner_pid));
+    TriggerFile trigger(places, user, fmt::format(".attach_pid{}", process.inner_pid));
     if (!target.Signal(SIGQUIT))
         throw Failure(fmt::format("can't signal process {}: {}", process.pid, strerror(errno)),
                       "run qorctl as its user or as root");
     while (Clock::now() < deadline && target.Alive()) {
-        if (SocketThere(tmp, name, process)) {
-            FileDescriptor fd = Connect(tmp, name);
-            if (fd.ok())
-                return fd;
-        }
+        channel = ConnectIfThere(places.tmp.get(), process, user, deadline);
+        if (channel.ok())
+            return channel;
         poll(nullptr, 0, static_cast<int>(SOCKET_PERIOD.count()));
     }
-    throw Failure(fmt::format("JVM {} doesn't answer to attaching", process.pid),
-                  "it may be in a long pause (try again), or have its own way with SIGQUIT; "
-                  "-javaagent:qoragent.jar always works");
+    throw Unheard();
 }
 
 std::string Exchange(int fd, const std::string &request, Clock::time_point deadline) {
-    std::string_view rest = request;
-    while (!rest.empty()) {
-        ssize_t sent = send(fd, rest.data(), rest.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno != EINTR)
-            break; // the JVM hung up; what it said before is still there
-        rest.remove_prefix(static_cast<size_t>(std::max<ssize_t>(sent, 0)));
-    }
     std::string reply;
-    char part[4096];
-    while (reply.size() < MAX_ATTACH_REPLY) {
-        auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()).count();
-        pollfd entry = {fd, POLLIN, 0};
-        int ready = poll(&entry, 1, static_cast<int>(std::max<long>(left, 0)));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready <= 0)
-            throw Failure("the JVM is still loading the agent",
-                          "wait for it: 'qorctl list' shows when the agent is there");
-        ssize_t got = read(fd, part, sizeof part);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            break;
-        reply.append(part, static_cast<size_t>(got));
-    }
+    Transfer result = Send(fd, request, deadline);
+    if (result == Transfer::CLOSED)
+        result = Transfer::DONE; // the JVM hung up; what it said before is still there
+    while (result == Transfer::DONE && reply.size() < MAX_ATTACH_REPLY)
+        result = Receive(fd, &reply, MAX_ATTACH_REPLY - reply.size(), deadline);
+    if (result == Transfer::LATE)
+        throw Failure("the JVM is still loading the agent",
+                      "wait for it: 'qorctl list' shows when the agent is there");
     return reply;
+}
+
+// A directory below another one, which is the root of the way there: a link can't lead out of a process's
+// files.
+FileDescriptor OpenBelow(int root, const char *path, int flags) {
+    open_how how = {};
+    how.flags = static_cast<uint64_t>(flags);
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    int fd = static_cast<int>(syscall(SYS_openat2, root, path, &how, sizeof how));
+    if (fd < 0 && errno == ENOSYS) // a kernel before 5.6
+        fd = openat(root, path, flags | O_NOFOLLOW);
+    return FileDescriptor(fd);
 }
 
 // One exchange with the JVM's attach listener: its parts in the order they are needed.
@@ -253,19 +333,20 @@ public:
         CheckRuns(now);
         process_ = now;
         // Opened before the identity changes: later we may not pass through /proc/PID/root any more.
-        std::string root = fmt::format("/proc/{}/root/", process.pid);
-        root_ = FileDescriptor(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        tmp_ = FileDescriptor(open((root + "tmp").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!root_.ok() || !tmp_.ok())
+        std::string own = fmt::format("/proc/{}/", process.pid);
+        constexpr int FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
+        FileDescriptor root(open((own + "root/").c_str(), FLAGS));
+        places_.tmp = OpenBelow(root.get(), "tmp", FLAGS);
+        places_.cwd = FileDescriptor(open((own + "cwd/").c_str(), FLAGS));
+        if (!places_.tmp.ok())
             throw Failure(
                 fmt::format("can't look into the files of process {}: {}", process.pid, strerror(errno)),
                 "run qorctl as root");
     }
 
-    int root() const { return root_.get(); }
-
-    // A command and its three arguments; the JVM's reply up to its hanging up.
-    std::string Ask(std::initializer_list<std::string_view> words, std::chrono::seconds limit) {
+    // A command and its three arguments; the JVM's reply up to its hanging up. Empty when the JVM would have
+    // to be called by a signal first, and `call` is false.
+    std::string Ask(std::initializer_list<std::string_view> words, std::chrono::seconds limit, bool call) {
         Clock::time_point deadline = Clock::now() + limit;
         std::string request = PROTOCOL_VERSION;
         request += '\0';
@@ -274,14 +355,15 @@ public:
             request += '\0';
         }
         EffectiveUser user(process_);
-        FileDescriptor channel = OpenChannel(tmp_.get(), target_, process_, deadline);
-        return Exchange(channel.get(), request, deadline);
+        FileDescriptor channel = call ? OpenChannel(places_, target_, process_, user, deadline)
+                                      : ConnectIfThere(places_.tmp.get(), process_, user, deadline);
+        return channel.ok() ? Exchange(channel.get(), request, deadline) : "";
     }
 
 private:
     Process process_;
     Target target_;
-    FileDescriptor root_, tmp_;
+    Places places_;
 };
 
 // Results of the instrument library, as the JVM passes them on.
@@ -342,9 +424,13 @@ void CheckUser(const Process &process) {
 
 bool ListensForAttach(const Process &process) {
     // A JVM that was told to leave signals alone (-Xrs) has its socket from the start.
-    struct stat status;
-    std::string path = fmt::format("/proc/{}/root/tmp/{}", process.pid, SocketName(process));
-    return process.catches_sigquit || (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode));
+    return process.catches_sigquit ||
+           LookInside(process, [&](int root) {
+               struct stat status;
+               std::string path = "tmp/" + SocketName(process);
+               bool there = fstatat(root, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+               return std::string(there && S_ISSOCK(status.st_mode) ? "there" : "");
+           }) == "there";
 }
 
 std::string FindJar(const std::string &given) {
@@ -379,13 +465,14 @@ void LoadAgent(const Process &process, const std::string &jar, const std::string
     std::string argument = options.empty() ? jar : jar + "=" + options;
     CheckArgument(jar, argument);
     AttachChannel channel(process);
-    CheckJarVisible(channel.root(), process, jar);
-    CheckLoadReply(channel.Ask({"load", "instrument", "false", argument}, limit), jar);
+    CheckJarVisible(process, jar);
+    CheckLoadReply(channel.Ask({"load", "instrument", "false", argument}, limit, true), jar);
 }
 
 std::string AgentStatus(const Process &process, std::chrono::seconds limit) {
     try {
-        return PropertyValue(AttachChannel(process).Ask({"properties", "", "", ""}, limit), STATUS_PROPERTY);
+        return PropertyValue(AttachChannel(process).Ask({"properties", "", "", ""}, limit, false),
+                             STATUS_PROPERTY);
     } catch (const Failure &) {
         return "";
     }

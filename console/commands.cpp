@@ -45,7 +45,7 @@ std::string ReadRules(const std::string &file) {
 void Shutdown(const Settings &settings, const Process &process, Connection connection,
               const std::string &request) {
     connection.SendLast(request, Seconds(settings.timeout));
-    for (int i = 0; FindEndpoint(process); ++i) {
+    for (int i = 0; LocateEndpoint(process, false); ++i) {
         if (i == SHUTDOWN_CHECKS)
             throw Failure("the agent hung up but its endpoint file stays",
                           "check 'qorctl list' and try again");
@@ -67,7 +67,7 @@ void RunList(const Settings &settings) {
 
 void RunAttach(const Settings &settings, pid_t pid) {
     Process process = RequireProcess(pid);
-    if (ConnectToRunning(process)) {
+    if (ConnectToRunning(process, false)) {
         if (!settings.options.empty())
             throw Failure(
                 fmt::format("the agent runs in JVM {} already, with the options it was loaded with", pid),
@@ -136,7 +136,7 @@ void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool b
 
 void RunShutdown(const Settings &settings, pid_t pid) {
     Process process = RequireProcess(pid);
-    std::optional<Connection> connection = ConnectToRunning(process);
+    std::optional<Connection> connection = ConnectToRunning(process, true);
     if (!connection)
         throw Failure(fmt::format("no agent runs in JVM {}", pid), "there is nothing to shut down");
     Shutdown(settings, process, std::move(*connection), std::string(SHUTDOWN_REQUEST));

@@ -1,8 +1,8 @@
 #include "discover.h"
 
 #include "attach.h"
-#include "endpoint.h"
 #include "failure.h"
+#include "session.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -39,7 +39,7 @@ bool LooksLikeJava(const Process &process) {
 // Running means that it answers: an endpoint file alone may be a leftover.
 AgentState FindAgent(const Process &process) {
     try {
-        std::optional<Endpoint> endpoint = FindEndpoint(process);
+        std::optional<Endpoint> endpoint = LocateEndpoint(process, false);
         if (!endpoint)
             return AgentState::ABSENT;
         if (!SameNetwork(process.pid))
@@ -54,7 +54,7 @@ void Describe(const Process &process, const std::string &library, JvmEntry *entr
     PerfData perf = ReadPerfData(process);
     entry->java_version = perf.java_version;
     if (entry->java_version.empty())
-        entry->java_version = VersionBesideLibrary(process.pid, library);
+        entry->java_version = VersionBesideLibrary(process, library);
     entry->agent = FindAgent(process);
     if (entry->agent == AgentState::RUNNING)
         return;

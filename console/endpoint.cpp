@@ -1,8 +1,10 @@
 #include "endpoint.h"
 
 #include "failure.h"
+#include "inside.h"
 #include "protocol.h"
 #include "request.h"
+#include "transfer.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -21,58 +23,11 @@ namespace qorctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr size_t MAX_ENDPOINT_FILE = 4096;
 constexpr size_t TOKEN_DIGITS = 32;
 constexpr int KNOWN_VERSION = 1;
 constexpr size_t MAX_REPLY_BYTES = 4 * REPLY_LIMIT; // UTF-8 may take more bytes than the agent's buffer
 constexpr Seconds SEND_LIMIT(10);
 constexpr std::string_view TOKEN_ACCEPTED = "OK\n";
-
-// Waits until the socket is ready for `events`; false at the deadline.
-bool WaitFor(int fd, short events, Clock::time_point deadline) {
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd entry = {fd, events, 0};
-        int ready = poll(&entry, 1, static_cast<int>(std::max<long>(left, 0)));
-        if (ready > 0)
-            return true;
-        if (ready == 0 || errno != EINTR)
-            return false;
-    }
-}
-
-enum class Transfer { DONE, CLOSED, LATE };
-
-Transfer Send(int fd, std::string_view text, Clock::time_point deadline) {
-    while (!text.empty()) {
-        ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0)
-            text.remove_prefix(static_cast<size_t>(sent));
-        else if (errno == EAGAIN && !WaitFor(fd, POLLOUT, deadline))
-            return Transfer::LATE;
-        else if (errno != EAGAIN && errno != EINTR)
-            return Transfer::CLOSED;
-    }
-    return Transfer::DONE;
-}
-
-// Appends what has come to `text`.
-Transfer Receive(int fd, std::string *text, size_t limit, Clock::time_point deadline) {
-    char part[65536];
-    for (;;) {
-        if (!WaitFor(fd, POLLIN, deadline))
-            return Transfer::LATE;
-        ssize_t got = recv(fd, part, std::min(sizeof part, limit), MSG_DONTWAIT);
-        if (got < 0 && (errno == EINTR || errno == EAGAIN))
-            continue;
-        if (got <= 0)
-            return Transfer::CLOSED;
-        text->append(part, static_cast<size_t>(got));
-        return Transfer::DONE;
-    }
-}
 
 template <class Number>
 bool ReadNumber(std::string_view text, Number low, Number high, Number *value) {
@@ -80,9 +35,24 @@ bool ReadNumber(std::string_view text, Number low, Number high, Number *value) {
     return error == std::errc() && end == text.data() + text.size() && *value >= low && *value <= high;
 }
 
-Failure Unsafe(const std::string &path, const char *fault) {
-    return Failure(fmt::format("{} {}", path, fault),
-                   "somebody else may have made it; remove it as its owner or as root, then attach again");
+// What a look for an endpoint found; the file's text follows FOUND.
+enum Look : char { ABSENT = 'a', FOUND = 'f', TAKEN = 't', UNSAFE = 'u' };
+
+std::string LookForEndpoint(int root, const std::string &path, const std::string &name, uid_t owner) {
+    auto result = [](Look look, const std::string &text = "") { return static_cast<char>(look) + text; };
+    FileDescriptor dir(
+        openat(root, BelowRoot(path).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat facts;
+    // A directory of somebody else's can't be opened if it is closed, but be seen.
+    if (fstatat(root, BelowRoot(path).c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
+        return result(ABSENT);
+    if (!dir.ok() || fstat(dir.get(), &facts) != 0 || facts.st_uid != owner || (facts.st_mode & 077) != 0)
+        return result(TAKEN);
+    if (fstatat(dir.get(), name.c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
+        return result(ABSENT);
+    if (!S_ISREG(facts.st_mode) || facts.st_uid != owner || (facts.st_mode & 077) != 0)
+        return result(UNSAFE);
+    return result(FOUND, ReadRegular(dir.get(), name, owner));
 }
 
 // A reply that ended without its end mark: the relay says a line before it hangs up, the agent may say
@@ -132,33 +102,26 @@ std::optional<Endpoint> ParseEndpoint(std::string_view text) {
     return endpoint;
 }
 
-std::optional<Endpoint> FindEndpoint(const Process &process) {
-    std::string path = fmt::format("/proc/{}/root/tmp/qoragent-{}", process.pid, process.inner_euid);
-    FileDescriptor dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!dir.ok()) {
-        if (errno == ELOOP || errno == ENOTDIR)
-            throw Unsafe(path, "is not a directory");
-        return std::nullopt;
-    }
-    struct stat status;
-    if (fstat(dir.get(), &status) != 0 || status.st_uid != process.euid || (status.st_mode & 077) != 0)
-        throw Unsafe(path, "is not the JVM user's own");
+std::string UsualDirectory(const Process &process) {
+    return fmt::format("/tmp/qoragent-{}", process.inner_euid);
+}
+
+std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &dir, bool *taken) {
     std::string name = fmt::format("{}.endpoint", process.inner_pid);
-    FileDescriptor file(openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.ok()) {
-        if (errno == ELOOP)
-            throw Unsafe(path + "/" + name, "is a link");
+    *taken = false;
+    std::string found = LookInside(process, [&](int root) {
+                            return LookForEndpoint(root, dir, name, process.euid);
+                        }).value_or("");
+    char what = found.empty() ? static_cast<char>(ABSENT) : found[0];
+    *taken = what == TAKEN;
+    if (what == UNSAFE)
+        throw Failure(fmt::format("{}/{} is not the JVM user's own", dir, name),
+                      "somebody else may have made it; remove it as its owner or as root, then attach again");
+    if (what != FOUND)
         return std::nullopt;
-    }
-    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != process.euid ||
-        (status.st_mode & 077) != 0)
-        throw Unsafe(path + "/" + name, "is not the JVM user's own");
-    std::string text(MAX_ENDPOINT_FILE, '\0');
-    ssize_t got = pread(file.get(), text.data(), text.size(), 0);
-    text.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    std::optional<Endpoint> endpoint = ParseEndpoint(text);
+    std::optional<Endpoint> endpoint = ParseEndpoint(std::string_view(found).substr(1));
     if (!endpoint || endpoint->inner_pid != process.inner_pid)
-        throw Failure(fmt::format("{}/{} is not understood", path, name),
+        throw Failure(fmt::format("{}/{} is not understood", dir, name),
                       "agent and qorctl may be of different versions; restart the JVM or use its own qorctl");
     return endpoint;
 }

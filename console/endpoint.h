@@ -28,9 +28,14 @@ struct Endpoint {
 // malformed, or when the file is of a version this console doesn't know.
 std::optional<Endpoint> ParseEndpoint(std::string_view text);
 
-// The endpoint of a process; nothing when no agent has written one. Throws a Failure when the file or its
-// directory isn't what the agent creates: owned by the JVM's user, closed to others, no links.
-std::optional<Endpoint> FindEndpoint(const Process &process);
+// The directory in which an agent writes its endpoint, as the process sees it, if nobody else has taken its
+// name.
+std::string UsualDirectory(const Process &process);
+
+// The endpoint of a process in `dir`; nothing when no agent has written one there. `*taken` says that the
+// directory is there but isn't as the agent makes it: of the JVM's user, closed to others, no link. Throws a
+// Failure when that is so of the file.
+std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &dir, bool *taken);
 
 // A connection to a relay, behind its token.
 class Connection {

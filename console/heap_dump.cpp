@@ -1,10 +1,11 @@
 #include "heap_dump.h"
 
 #include "failure.h"
-#include "process.h"
+#include "inside.h"
 #include "text_dump.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -21,8 +22,10 @@ constexpr std::string_view HPROF_END_RECORD("\x2c\0\0\0\0\0\0\0\0", 9); // tag, 
 constexpr size_t LONGEST_DIR = 253, LONGEST_PATH = 510;                 // what the agent's buffers hold
 constexpr size_t PIECE = 64;                                            // of a file's start or end
 
-std::string InJvm(pid_t pid, const std::string &path) {
-    return fmt::format("/proc/{}/root{}", pid, path);
+// A look into the files of the JVM, which may have ended.
+std::string LookInJvm(pid_t pid, const std::function<std::string(int root)> &look) {
+    Process process;
+    return ReadProcess(pid, &process) ? LookInside(process, look).value_or("") : "";
 }
 
 std::string ReadPiece(int fd, int64_t offset) {
@@ -38,6 +41,32 @@ bool EndsWith(std::string_view text, std::string_view end) {
 
 bool Holds(std::string_view text, std::string_view part) {
     return text.find(part) != text.npos;
+}
+
+DumpProgress LookAtFile(int root, const DumpTarget &target, uint32_t heap_id) {
+    DumpProgress progress;
+    std::string path = BelowRoot(target.Path());
+    struct stat facts;
+    if (fstatat(root, path.c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
+        return progress;
+    progress.kind = S_ISREG(facts.st_mode) ? DumpFileKind::PLAIN : DumpFileKind::OTHER;
+    if (progress.kind == DumpFileKind::OTHER)
+        return progress;
+    FileDescriptor file(openat(root, path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.ok() || fstat(file.get(), &facts) != 0)
+        return progress;
+    progress.bytes = facts.st_size;
+    std::string head = ReadPiece(file.get(), 0);
+    std::string tail =
+        ReadPiece(file.get(), std::max<int64_t>(0, progress.bytes - static_cast<int64_t>(PIECE)));
+    if (target.hprof) {
+        progress.begun = std::string_view(head).substr(0, HPROF_MAGIC.size()) == HPROF_MAGIC;
+        progress.whole = progress.begun && EndsWith(tail, HPROF_END_RECORD);
+    } else {
+        progress.begun = DumpHeadId(head) == heap_id;
+        progress.whole = progress.begun && DumpTrailer(tail);
+    }
+    return progress;
 }
 
 } // namespace
@@ -68,32 +97,24 @@ DumpTarget ChooseDumpTarget(std::string_view name, bool hprof) {
 }
 
 DumpProgress LookAtDump(pid_t pid, const DumpTarget &target, uint32_t heap_id) {
+    std::string found = LookInJvm(pid, [&](int root) {
+        DumpProgress progress = LookAtFile(root, target, heap_id);
+        return std::string(reinterpret_cast<const char *>(&progress), sizeof progress);
+    });
     DumpProgress progress;
-    std::string path = InJvm(pid, target.Path());
-    struct stat facts;
-    if (lstat(path.c_str(), &facts) != 0)
-        return progress;
-    progress.kind = S_ISREG(facts.st_mode) ? DumpFileKind::PLAIN : DumpFileKind::OTHER;
-    FileDescriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (progress.kind == DumpFileKind::OTHER || !file.ok() || fstat(file.get(), &facts) != 0)
-        return progress;
-    progress.bytes = facts.st_size;
-    std::string head = ReadPiece(file.get(), 0);
-    std::string tail =
-        ReadPiece(file.get(), std::max<int64_t>(0, progress.bytes - static_cast<int64_t>(PIECE)));
-    if (target.hprof) {
-        progress.begun = std::string_view(head).substr(0, HPROF_MAGIC.size()) == HPROF_MAGIC;
-        progress.whole = progress.begun && EndsWith(tail, HPROF_END_RECORD);
-    } else {
-        progress.begun = DumpHeadId(head) == heap_id;
-        progress.whole = progress.begun && DumpTrailer(tail);
-    }
+    if (found.size() == sizeof progress)
+        memcpy(&progress, found.data(), sizeof progress);
     return progress;
 }
 
 bool HasDumpDirectory(pid_t pid, const DumpTarget &target) {
-    struct stat facts;
-    return stat(InJvm(pid, target.dir).c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
+    return LookInJvm(pid, [&](int root) {
+               struct stat facts;
+               std::string dir = BelowRoot(target.dir);
+               bool there =
+                   dir.empty() || (fstatat(root, dir.c_str(), &facts, 0) == 0 && S_ISDIR(facts.st_mode));
+               return std::string(there ? "there" : "");
+           }) == "there";
 }
 
 DumpFault ExplainMissingDump(pid_t pid, const DumpTarget &target, uint32_t heap_id) {

@@ -1,5 +1,7 @@
 #include "process.h"
 
+#include "inside.h"
+
 #include <algorithm>
 #include <charconv>
 #include <climits>
@@ -17,7 +19,6 @@ namespace qorctl {
 namespace {
 
 constexpr size_t MAX_PROC_FILE = 4 << 20;
-constexpr size_t MAX_PERF_FILE = 1 << 20;
 
 constexpr std::string_view DISABLE_ATTACH = "-XX:+DisableAttachMechanism";
 
@@ -260,40 +261,38 @@ PerfData ParsePerfData(std::string_view file) {
 }
 
 PerfData ReadPerfData(const Process &process) {
-    std::string tmp = ProcPath(process.pid, "root/tmp");
-    DIR *dir = opendir(tmp.c_str());
-    if (!dir)
-        return {};
-    PerfData perf;
-    while (const dirent *entry = readdir(dir)) {
-        if (strncmp(entry->d_name, "hsperfdata_", 11) != 0)
-            continue;
-        std::string path = fmt::format("{}/{}/{}", tmp, entry->d_name, process.inner_pid);
-        struct stat status;
-        // A file of another owner is a leftover of an earlier process of that number.
-        if (lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == process.euid)
-            perf = ParsePerfData(ReadFile(path, MAX_PERF_FILE));
-    }
-    closedir(dir);
-    return perf;
+    std::optional<std::string> file = LookInside(process, [&](int root) -> std::string {
+        DIR *tmp = fdopendir(openat(root, "tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        std::string found;
+        while (const dirent *entry = tmp && found.empty() ? readdir(tmp) : nullptr)
+            // A file of another owner is a leftover of an earlier process of that number.
+            if (strncmp(entry->d_name, "hsperfdata_", 11) == 0)
+                found = ReadRegular(dirfd(tmp), fmt::format("{}/{}", entry->d_name, process.inner_pid),
+                                    process.euid);
+        return found;
+    });
+    return ParsePerfData(file.value_or(""));
 }
 
-std::string VersionBesideLibrary(pid_t pid, const std::string &library) {
-    std::string_view dir = library;
-    // lib/server/libjvm.so, or jre/lib/amd64/server/libjvm.so in a JDK 8.
-    for (int up = 0; up < 5; ++up) {
-        size_t slash = dir.rfind('/');
-        if (slash == dir.npos || slash == 0)
-            break;
-        dir = dir.substr(0, slash);
-        std::string release = ReadFile(fmt::format("/proc/{}/root{}/release", pid, dir), 65536);
-        size_t start = release.find("JAVA_VERSION=\"");
-        if (start != release.npos) {
-            start += strlen("JAVA_VERSION=\"");
-            return release.substr(start, release.find('"', start) - start);
+std::string VersionBesideLibrary(const Process &process, const std::string &library) {
+    auto look = [&](int root) -> std::string {
+        std::string dir = BelowRoot(library);
+        // lib/server/libjvm.so, or jre/lib/amd64/server/libjvm.so in a JDK 8.
+        for (int up = 0; up < 5; ++up) {
+            size_t slash = dir.rfind('/');
+            if (slash == dir.npos)
+                break;
+            dir.resize(slash);
+            std::string release = ReadRegular(root, dir + "/release");
+            size_t start = release.find("JAVA_VERSION=\"");
+            if (start != release.npos) {
+                start += strlen("JAVA_VERSION=\"");
+                return release.substr(start, release.find('"', start) - start);
+            }
         }
-    }
-    return "";
+        return "";
+    };
+    return LookInside(process, look).value_or("");
 }
 
 bool AttachDisabled(const Process &process, const PerfData &perf) {

@@ -1,8 +1,8 @@
 // What /proc and the JVM's own performance file tell of a process.
 //
 // A JVM may live in a container: it then knows itself by another process id, sees other files and may have
-// another loopback. All of that is taken from the target's own /proc entries; paths of the target are opened
-// through /proc/PID/root.
+// another loopback. All of that is taken from the target's own /proc entries; its files are read by a child
+// that enters its root directory (inside.h).
 #pragma once
 
 #include <string>
@@ -76,7 +76,7 @@ PerfData ReadPerfData(const Process &process);
 PerfData ParsePerfData(std::string_view file);
 
 // "17.0.15" from the `release` file beside a libjvm.so; empty when there is none.
-std::string VersionBesideLibrary(pid_t pid, const std::string &library);
+std::string VersionBesideLibrary(const Process &process, const std::string &library);
 
 // Whether the JVM was told to refuse attaching, by its performance file or, failing that, its command line.
 bool AttachDisabled(const Process &process, const PerfData &perf);

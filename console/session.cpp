@@ -28,8 +28,20 @@ Process RequireProcess(pid_t pid) {
     return process;
 }
 
-std::optional<Connection> ConnectToRunning(const Process &process) {
-    std::optional<Endpoint> endpoint = FindEndpoint(process);
+std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask) {
+    bool taken = false;
+    std::optional<Endpoint> endpoint = FindEndpoint(process, UsualDirectory(process), &taken);
+    if (endpoint || !(taken || ask))
+        return endpoint;
+    constexpr std::string_view ELSEWHERE = "running in /";
+    std::string status = AgentStatus(process, STATUS_LIMIT);
+    if (status.compare(0, ELSEWHERE.size(), ELSEWHERE) == 0)
+        endpoint = FindEndpoint(process, status.substr(ELSEWHERE.size() - 1), &taken);
+    return endpoint;
+}
+
+std::optional<Connection> ConnectToRunning(const Process &process, bool ask) {
+    std::optional<Endpoint> endpoint = LocateEndpoint(process, ask);
     if (!endpoint)
         return std::nullopt;
     CheckNetwork(process);
@@ -41,14 +53,14 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
     LoadAgent(process, jar, settings.options, LOAD_LIMIT);
     if (SwitchesRelayOff(settings.options))
         return std::nullopt;
-    if (std::optional<Connection> connection = ConnectToRunning(process))
+    if (std::optional<Connection> connection = ConnectToRunning(process, true))
         return connection;
     std::string status = AgentStatus(process, STATUS_LIMIT);
-    constexpr std::string_view FAILED = "failed: ";
+    constexpr std::string_view FAILED = "failed: ", RUNNING = "running";
     if (status.compare(0, FAILED.size(), FAILED) == 0)
         throw Failure(fmt::format("the agent couldn't start: {}", status.substr(FAILED.size())),
                       "correct --options and attach again");
-    if (status == "running")
+    if (status.compare(0, RUNNING.size(), RUNNING) == 0)
         throw Failure(fmt::format("the agent runs in JVM {}, but its relay can't be reached", process.pid),
                       "it may run with relay=off or bind=, or eight consoles hold its connections");
     throw Failure("the agent was loaded but didn't start",
@@ -56,7 +68,7 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
 }
 
 Connection RequireAgent(const Settings &settings, const Process &process) {
-    if (std::optional<Connection> connection = ConnectToRunning(process))
+    if (std::optional<Connection> connection = ConnectToRunning(process, false))
         return std::move(*connection);
     if (std::optional<Connection> connection = LoadAndConnect(settings, process))
         return std::move(*connection);

@@ -10,8 +10,13 @@ namespace qorctl {
 // The process, ours to look into. Throws a Failure otherwise.
 Process RequireProcess(pid_t pid);
 
+// Where the agent of a process listens; nothing when it has told nobody. If the usual directory isn't the JVM
+// user's own, or with `ask` in any case, the JVM is asked whether it is told elsewhere, if it can be without
+// a signal.
+std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);
+
 // A connection to an agent that runs already; nothing when none does.
-std::optional<Connection> ConnectToRunning(const Process &process);
+std::optional<Connection> ConnectToRunning(const Process &process, bool ask);
 
 // Loads the agent and connects to it; nothing when its options switch the relay off.
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process);

@@ -6,6 +6,7 @@ A JDK of another root directory is given by --root DIR, the command that enters 
        e2e.py --build DIR --root /srv/sid --enter "tool run /srv/sid" --jdk /usr/lib/jvm/java-8-openjdk-amd64
 """
 import argparse
+import glob
 import json
 import os
 import re
@@ -318,6 +319,41 @@ class Users(Case):
             self.assertTrue(self.answer("threads", app.pid, "--json", user=self.NOBODY).json()["threads"])
             self.answer("shutdown", app.pid)
             self.assertEqual(leftovers(app.pid), [])
+
+    STRANGER, USER = 65533, 64321
+
+    def lay(self, name, make):
+        """Puts something of a stranger's into /tmp."""
+        path = f"{SETTINGS.root}/tmp/{name}"
+        self.addCleanup(lambda: subprocess.run(["rm", "-rf", path, *glob.glob(path + ".*")], check=True))
+        make(path)
+        os.chown(path, self.STRANGER, self.STRANGER, follow_symlinks=False)
+        return path
+
+    def test_strangers_keep_nobody_from_attaching(self):
+        """With what they put where the JVM and the agent look for their own."""
+        def full(path):
+            os.makedirs(path + "/full")
+
+        def empty(path):
+            open(path, "x", encoding="ascii").close()
+
+        for make in (empty, os.mkdir, full):
+            with self.subTest(make=make.__name__), Application(user=self.USER) as app:
+                trigger, door = self.lay(f".attach_pid{app.pid}", make), self.lay(f".java_pid{app.pid}", make)
+                self.refused("belongs to another user", "threads", app.pid, user=self.USER)
+                trap = self.lay(f"qoragent-{self.USER}", make)
+                self.assertTrue(self.threads(app))
+                self.assertFalse(os.path.lexists(trigger))
+                self.assertEqual(os.stat(door).st_uid, self.USER)
+                self.assertEqual([jvm["agent"] for jvm in self.answer("list", "--json").json() if jvm["pid"] == app.pid],
+                                 [True])
+                self.assertTrue(self.answer("threads", app.pid, "--json", user=self.USER).json()["threads"])
+                self.answer("shutdown", app.pid)
+                self.assertEqual(os.stat(trap).st_uid, self.STRANGER)
+                self.assertEqual(leftovers(app.pid) + glob.glob(f"{trap}-*"), [])
+                self.assertEqual(app.end(), 0)
+            self.doCleanups()
 
     def test_nobody_is_sent_away(self):
         with Application() as app:

@@ -3,6 +3,7 @@
 #include "decode.h"
 #include "endpoint.h"
 #include "failure.h"
+#include "inside.h"
 #include "json.h"
 #include "process.h"
 #include "render.h"
@@ -10,8 +11,18 @@
 #include "wire.h"
 
 #include <arpa/inet.h>
+#include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace qorctl;
 
@@ -154,6 +165,151 @@ TEST(Process, Status) {
     EXPECT_FALSE(ParseStatus("", &process));
     EXPECT_EQ(MapUid("         0     100000      65536\n", 101000u), 1000u);
     EXPECT_EQ(MapUid("         0     100000      65536\n", 5u), 5u);
+}
+
+// A process of another user in a root directory of its own, in which that user has laid traps.
+class Captive {
+public:
+    static constexpr uid_t USER = 65534;
+
+    Captive() {
+        for (const char *dir : {"/bin", "/jail", "/jail/bin", "/jail/own"})
+            mkdir(At(dir).c_str(), 0755);
+        Write("/secret", "secret", 0, 0600);
+        Write("/jail/own/good", "good", USER, 0600);
+        Write("/jail/own/roots", "secret", 0, 0600);
+        Write("/jail/own/large", std::string(LONGEST_INSIDE + 1, 'x'), USER, 0600);
+        Write("/bin/tool", "ours", USER, 0644);
+        Write("/jail/bin/tool", "theirs", USER, 0644);
+        symlink(At("/secret").c_str(), At("/jail/own/link").c_str());
+        symlink("good", At("/jail/own/near").c_str());
+        symlink(At("/bin").c_str(), At("/jail/outside").c_str());
+        symlink("/bin", At("/jail/absolute").c_str());
+        symlink("../../../..", At("/jail/up").c_str());
+        mkfifo(At("/jail/own/fifo").c_str(), 0666);
+        mknod(At("/jail/own/device").c_str(), S_IFCHR | 0666, makedev(1, 5)); // endless zeroes
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        process.pid = fork();
+        if (process.pid == 0) {
+            bool in = chroot(At("/jail").c_str()) == 0 && chdir("/") == 0 && setgroups(0, nullptr) == 0 &&
+                      setresgid(USER, USER, USER) == 0 && setresuid(USER, USER, USER) == 0;
+            prctl(PR_SET_DUMPABLE, 1);
+            close(ready[in ? 1 : 0]);
+            close(ready[in ? 0 : 1]);
+            pause();
+            _exit(0);
+        }
+        close(ready[1]);
+        char end;
+        EXPECT_EQ(read(ready[0], &end, 1), 0);
+        close(ready[0]);
+        process.euid = process.egid = USER;
+    }
+    ~Captive() {
+        kill(process.pid, SIGKILL);
+        waitpid(process.pid, nullptr, 0);
+        std::filesystem::remove_all(place_);
+    }
+
+    std::string At(const std::string &path) const { return place_ + path; }
+    void Write(const std::string &path, const std::string &text, uid_t owner, mode_t mode) const {
+        std::ofstream(At(path)) << text;
+        EXPECT_EQ(chown(At(path).c_str(), owner, owner) | chmod(At(path).c_str(), mode), 0);
+    }
+
+    Process process;
+
+private:
+    static std::string MakePlace() {
+        char place[] = "/tmp/qor-captive-XXXXXX";
+        EXPECT_NE(mkdtemp(place), nullptr);
+        chmod(place, 0755);
+        return place;
+    }
+    std::string place_ = MakePlace();
+};
+
+TEST(Inside, TrapsAreNotOpened) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be led astray";
+    Captive captive;
+    const std::pair<const char *, const char *> rows[] = {
+        {"/own/good", "good"},
+        {"/own/near", ""},
+        {"/own/link", ""},
+        {"/own/roots", ""},
+        {"/own/fifo", ""},
+        {"/own/device", ""},
+        {"/own/large", ""},
+        {"/own", ""},
+        {"/absolute/tool", "theirs"},
+        {"/outside/tool", ""},
+        {"/up/bin/tool", "theirs"},
+    };
+    for (auto &row : rows) {
+        auto look = [&](int root) { return ReadRegular(root, BelowRoot(row.first)); };
+        EXPECT_EQ(LookInside(captive.process, look), row.second) << row.first;
+    }
+    auto as_whom = [](int) { return fmt::format("{} {} {}", getuid(), getgid(), getgroups(0, nullptr)); };
+    EXPECT_EQ(LookInside(captive.process, as_whom), "65534 65534 0");
+    EXPECT_FALSE(LookInside(captive.process, [](int) { return std::string(pause(), ' '); })) << "it hangs";
+    captive.Write("/jail/own/release", "JAVA_VERSION=\"9\"", 0, 0600);
+    symlink("own/release", captive.At("/jail/release").c_str());
+    EXPECT_EQ(VersionBesideLibrary(captive.process, "/own/bin/libjvm.so"), "");
+}
+
+// Owner, mode and kind of the directory and of the file, as the agent makes them and as somebody else may.
+TEST(Inside, EndpointsOfStrangersAreNotBelieved) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make files of others";
+    Captive captive;
+    captive.process.inner_pid = 77;
+    const std::string text = "port=1\ntoken=0123456789abcdef0123456789abcdef\npid=77\nversion=1\n";
+    enum { FOUND, NOTHING, TAKEN, REFUSED };
+    const struct {
+        uid_t dir_owner;
+        mode_t dir_mode;
+        uid_t owner;
+        mode_t mode;
+        int expected;
+    } rows[] = {
+        {Captive::USER, 0700, Captive::USER, 0600, FOUND},
+        {Captive::USER, 02700, Captive::USER, 0400, FOUND},
+        {0, 0700, Captive::USER, 0600, TAKEN},
+        {Captive::USER, 0710, Captive::USER, 0600, TAKEN},
+        {Captive::USER, 0707, Captive::USER, 0600, TAKEN},
+        {Captive::USER, 0700, 0, 0600, REFUSED},
+        {Captive::USER, 0700, Captive::USER, 0640, REFUSED},
+        {Captive::USER, 0700, Captive::USER, 0602, REFUSED},
+        {0, 0755, 1, 0644, TAKEN},
+    };
+    auto find = [&] {
+        bool taken = false;
+        try {
+            return FindEndpoint(captive.process, "/dir", &taken) ? FOUND : taken ? TAKEN : NOTHING;
+        } catch (const Failure &) {
+            return REFUSED;
+        }
+    };
+    EXPECT_EQ(find(), NOTHING);
+    mkdir(captive.At("/jail/dir").c_str(), 0700);
+    for (auto &row : rows) {
+        captive.Write("/jail/dir/77.endpoint", text, row.owner, row.mode);
+        ASSERT_EQ(chown(captive.At("/jail/dir").c_str(), row.dir_owner, 0), 0);
+        ASSERT_EQ(chmod(captive.At("/jail/dir").c_str(), row.dir_mode), 0);
+        EXPECT_EQ(find(), row.expected) << &row - rows;
+    }
+    captive.Write("/jail/good", text, Captive::USER, 0600);
+    ASSERT_EQ(chown(captive.At("/jail/dir").c_str(), Captive::USER, 0), 0);
+    ASSERT_EQ(chmod(captive.At("/jail/dir").c_str(), 0700), 0);
+    remove(captive.At("/jail/dir/77.endpoint").c_str());
+    EXPECT_EQ(find(), NOTHING);
+    symlink("/good", captive.At("/jail/dir/77.endpoint").c_str());
+    EXPECT_EQ(find(), REFUSED) << "a link";
+    rename(captive.At("/jail/dir").c_str(), captive.At("/jail/elsewhere").c_str());
+    symlink("elsewhere", captive.At("/jail/dir").c_str());
+    EXPECT_EQ(find(), TAKEN) << "a link";
 }
 
 TEST(Process, Maps) {
