@@ -82,7 +82,8 @@ bool ReadSignature(jclass klass, const QorWantedFrame &frame, char *signature) {
     const int32_t length = QorCopyName(signature, text);
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(text));
     if (length == 0)
-        QORLOG(LOG_ERROR, "No Signature found for method %s\n", frame.record ? frame.record->methodName : "");
+        QORLOG_RATIONED(LOG_ERROR, "No Signature found for method %s\n",
+                        frame.record ? frame.record->methodName : "");
     return length > 0;
 }
 
@@ -115,7 +116,7 @@ jobject Neighbour(int32_t at, int32_t count) {
         return candidates[at - 1];
     if (count > 1)
         return candidates[1];
-    QORLOG(LOG_ERROR, "Frame does not contain Eo Object");
+    QORLOG_RATIONED(LOG_ERROR, "Frame does not contain Eo Object");
     return nullptr;
 }
 

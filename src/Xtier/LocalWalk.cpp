@@ -82,7 +82,7 @@ void LogCallbackLines(int64_t end) {
     if (outcome.missingInfos > 0)
         QORLOG(LOG_NOTE, " IMPORTANT reference_info NULL\n");
     if (outcome.passedOver > 0)
-        QORLOG(LOG_ERROR, "TAG too huge to fit in");
+        QORLOG_RATIONED(LOG_ERROR, "TAG too huge to fit in");
     for (int32_t i = 0; i < gbQorWantedFrameCount; i++)
         if (gbQorWantedFrames[i].isNative && gbQorWantedFrames[i].hits > 0)
             QORLOG(LOG_DETAIL, "FollowRef  Methos ID %x match",

@@ -153,7 +153,7 @@ void ReadUrl(jobject object, const RequestRow &row, char *url) {
     case REQUEST_STRING_TOLD:
         if (QorReadStringByMap(row.path, object, url, REQUEST_TEXT_SIZE) < 0 &&
             row.form == REQUEST_STRING_TOLD)
-            QORLOG(LOG_ERROR, "Qor Agent Error: Not able to get String Object for map %s", row.path);
+            QORLOG_RATIONED(LOG_ERROR, "Qor Agent Error: Not able to get String Object for map %s", row.path);
         break;
     case REQUEST_ENVIRONMENT:
         ReadEnvironment(object, row.path, url);

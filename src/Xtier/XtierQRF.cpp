@@ -69,9 +69,9 @@ void ReadObjectName(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *r
     if (!entry->objLocalVarHandle) {
         const QorFrameRecord frame = FrameOf(entry);
         if (is_eo_frame(&frame))
-            QORLOG(LOG_ERROR, "qrf frame EO Obj is NULL ");
+            QORLOG_RATIONED(LOG_ERROR, "qrf frame EO Obj is NULL ");
         else
-            QORLOG(LOG_ERROR, "qrf frame VO Obj is NULL ");
+            QORLOG_RATIONED(LOG_ERROR, "qrf frame VO Obj is NULL ");
         return;
     }
     const NameRow *row = FindRow(OBJECT_NAMES, entry->strSignature);
@@ -79,7 +79,7 @@ void ReadObjectName(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *r
         return;
     char *name = record->qrfObjectName;
     if (QorReadStringByMap(row->path, entry->objLocalVarHandle, name, sizeof record->qrfObjectName) < 0)
-        QORLOG(LOG_ERROR, "qrfObj is NULL ");
+        QORLOG_RATIONED(LOG_ERROR, "qrfObj is NULL ");
     else if (row->signature == ENTITY_MARK)
         QORLOG(LOG_DETAIL, "QRF Entity Object Name : %s ", name);
     else
@@ -88,12 +88,12 @@ void ReadObjectName(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *r
 
 void ReadElExpression(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *record) {
     if (!entry->objLocalVarHandle)
-        QORLOG(LOG_ERROR, "QRF EL frame objLocal is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QRF EL frame objLocal is NULL");
     else if (!isQRFELFrameObject(entry->strSignature))
-        QORLOG(LOG_ERROR, "QRF EL frame objEL Obj is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QRF EL frame objEL Obj is NULL");
     else if (QorReadStringByMap(EL_TEXT, entry->objLocalVarHandle, record->elExpression,
                                 sizeof record->elExpression) < 0)
-        QORLOG(LOG_ERROR, "EL Object is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "EL Object is NULL");
     else
         QORLOG(LOG_DETAIL, "QRF EL Script : %s", record->elExpression);
 }
@@ -102,7 +102,7 @@ void ReadElExpression(const QorAllThreadLocalInfoList *entry, QorJSPRequestData 
 void ReadScript(jobject object, QorJSPRequestData *record) {
     jobject text = QorFollowObjectMap(GROOVY_SCRIPT, object);
     if (!text) {
-        QORLOG(LOG_ERROR, "Groovy Object is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "Groovy Object is NULL");
         return;
     }
     bool cut = false;
@@ -114,7 +114,7 @@ void ReadScript(jobject object, QorJSPRequestData *record) {
 void ReadCurrentLine(jobject object, QorJSPRequestData *record) {
     if (QorReadStringByMap(GROOVY_NAME, object, record->groovyCurrentLine, sizeof record->groovyCurrentLine) <
         0) {
-        QORLOG(LOG_ERROR, "QRF  Groovy groovyCurrLineOb is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QRF  Groovy groovyCurrLineOb is NULL");
         return;
     }
     int32_t index = 0;
@@ -125,7 +125,7 @@ void ReadCurrentLine(jobject object, QorJSPRequestData *record) {
     if (sites)
         parseGroovyArray(static_cast<jobjectArray>(sites), record);
     else
-        QORLOG(LOG_ERROR, "QRF Groovy objGroovyArray is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QRF Groovy objGroovyArray is NULL");
     QorDeleteLocalRef(jvmtijni_env, sites);
 }
 
@@ -134,9 +134,9 @@ void ReadGroovy(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *recor
     if (!object) {
         const QorFrameRecord frame = FrameOf(entry);
         if (isGroovyScriptDataPresent(&frame))
-            QORLOG(LOG_ERROR, "QRF Groovy frame objGroovy Obj is NULL");
+            QORLOG_RATIONED(LOG_ERROR, "QRF Groovy frame objGroovy Obj is NULL");
         else
-            QORLOG(LOG_ERROR, "QRF Groovy frame Obj is NULL");
+            QORLOG_RATIONED(LOG_ERROR, "QRF Groovy frame Obj is NULL");
     } else if (isQRFGroovyScripFrameObject(entry->strSignature)) {
         ReadScript(object, record);
     } else if (isQRFGroovyCurrentLineFrameObject(entry->strSignature)) {
@@ -206,14 +206,14 @@ void parseGroovyArray(jobjectArray array, QorJSPRequestData *record) {
     const jsize length = QorGetArrayLength(jvmtijni_env, array);
     QORLOG(LOG_DETAIL, "QRF Groovy Array Element Length : %d", length);
     if (length < 1) {
-        QORLOG(LOG_ERROR, "QRF Groovy Array Length is 0");
+        QORLOG_RATIONED(LOG_ERROR, "QRF Groovy Array Length is 0");
         return;
     }
     int32_t &rows = record->groovyCallSiteCount;
     for (jsize i = 0; i < length && i < GROOVY_CALL_SITES && rows < GROOVY_CALL_SITES; i++) {
         jobject site = QorGetObjectArrayElement(jvmtijni_env, array, i);
         if (!site) {
-            QORLOG(LOG_ERROR, "QRF Groovy objArrayElement is NULL");
+            QORLOG_RATIONED(LOG_ERROR, "QRF Groovy objArrayElement is NULL");
             continue;
         }
         char *row = record->groovyCallSites[rows];
@@ -221,7 +221,7 @@ void parseGroovyArray(jobjectArray array, QorJSPRequestData *record) {
             QORLOG(LOG_DETAIL, "QRF Groovy Script Line : %s", row);
             rows++;
         } else {
-            QORLOG(LOG_ERROR, "QRF  Groovy objArrayElementID is NULL");
+            QORLOG_RATIONED(LOG_ERROR, "QRF  Groovy objArrayElementID is NULL");
         }
         QorDeleteLocalRef(jvmtijni_env, site);
     }
@@ -262,8 +262,8 @@ int32_t getQRFData(const QorThreadRecord *thread, const QorFrameRecord *frame, c
     QorLocalFrame references(jvmtijni_env, FRAME_REFERENCES);
     QorLocalObjectRecord local;
     if (!references.pushed || QorGetLocalObject(thread->tid, frame->methodId, &local) < 0 || !local.object)
-        QORLOG(LOG_ERROR, "Qor Agent Error: Not able to get Local Object for map %s", map);
+        QORLOG_RATIONED(LOG_ERROR, "Qor Agent Error: Not able to get Local Object for map %s", map);
     else if (QorReadStringByMap(map, local.object, dest, REQUEST_TEXT_SIZE) < 0)
-        QORLOG(LOG_ERROR, "Qor Agent : Error Not able to get String Object for map %s", map);
+        QORLOG_RATIONED(LOG_ERROR, "Qor Agent : Error Not able to get String Object for map %s", map);
     return 0;
 }

@@ -175,8 +175,10 @@ void QorReadArrayText(int32_t typeCode, jobject array, char *value) {
     char storage[FIELD_TEXT_SIZE];
     QorText text;
     QorTextStart(&text, storage, sizeof storage);
-    if (!array || QorIsSameObject(jvmtijni_env, array, nullptr) || !row->join(array, &text))
-        QORLOG(LOG_ERROR, "%s", row->failure);
+    if (!array || QorIsSameObject(jvmtijni_env, array, nullptr))
+        QORLOG(LOG_DETAIL, "%s", row->failure); // a null array is no error
+    else if (!row->join(array, &text))
+        QORLOG_RATIONED(LOG_ERROR, "%s", row->failure);
     else if (text.length > 0)
         memcpy(value, text.text, static_cast<size_t>(text.length) + 1);
 }
@@ -204,7 +206,7 @@ void QorGetPrimitiveObjectValues(int32_t typeCode, jobject object, QorFieldRecor
     if (QorIsArrayType(typeCode))
         QorReadArrayText(typeCode, object, record->value);
     else if (typeCode == QOR_TYPE_STRING && !QorReadStringText(object, record->value))
-        QORLOG(LOG_ERROR, "Failed to get string ");
+        QORLOG(LOG_DETAIL, "Failed to get string ");
     for (const WordRow &row : wordsOfNoObject)
         if (row.code == typeCode)
             QORLOG(LOG_ERROR, "%s", row.word);

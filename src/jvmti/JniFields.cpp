@@ -57,11 +57,11 @@ int32_t ReadValue(jobject obj, const char *name, const char *signature, Value *o
     }
     *out = 0;
     if (!obj) {
-        QORLOG(LOG_ERROR, "%s", texts.nullObject);
+        QORLOG_RATIONED(LOG_ERROR, "%s", texts.nullObject);
         return -1;
     }
     if (QorIsSameObject(jvmtijni_env, obj, nullptr)) {
-        QORLOG(LOG_ERROR, "%s", texts.deadObject);
+        QORLOG_RATIONED(LOG_ERROR, "%s", texts.deadObject);
         return -1;
     }
     jclass klass = QorGetObjectClass(jvmtijni_env, obj);
@@ -138,11 +138,11 @@ int32_t QorGetObjField(jobject obj, const char *name, const char *signature, job
         return -1;
     *out = nullptr;
     if (!obj) {
-        QORLOG(LOG_ERROR, "QorGetObjectField - main Object is NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QorGetObjectField - main Object is NULL");
         return -1;
     }
     if (QorIsSameObject(jvmtijni_env, obj, nullptr)) {
-        QORLOG(LOG_ERROR, "QorGetObjectField IsSameObject ptrObj NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QorGetObjectField IsSameObject ptrObj NULL");
         return -1;
     }
     jclass klass = QorGetObjectClass(jvmtijni_env, obj);
@@ -158,7 +158,7 @@ int32_t QorGetObjField(jobject obj, const char *name, const char *signature, job
         result = 0;
     } else if (qorIsPollOrTrace == 0) {
         // Polling walks fields that may be absent thousands of times.
-        QORLOG(LOG_ERROR, NO_FIELD, name, signature);
+        QORLOG_RATIONED(LOG_ERROR, NO_FIELD, name, signature);
     }
     QorDeleteLocalRef(jvmtijni_env, klass);
     return result;
@@ -172,7 +172,7 @@ int32_t QorGetObjectFromStaticField(jobject obj, jclass klass, const char *name,
     if (!obj)
         return -1;
     if (QorIsSameObject(jvmtijni_env, obj, nullptr)) {
-        QORLOG(LOG_ERROR, "QorGetObjectFromStaticField IsSameObject *ptrObj NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QorGetObjectFromStaticField IsSameObject *ptrObj NULL");
         return -1;
     }
     if (!name || !signature) {
@@ -189,7 +189,7 @@ int32_t QorGetObjectFromStaticField(jobject obj, jclass klass, const char *name,
         *out = QorGetStaticObjectField(jvmtijni_env, holder, field);
         result = 0;
     } else {
-        QORLOG(LOG_ERROR, NO_FIELD, name, signature);
+        QORLOG_RATIONED(LOG_ERROR, NO_FIELD, name, signature);
     }
     if (!klass)
         QorDeleteLocalRef(jvmtijni_env, holder);
@@ -206,7 +206,7 @@ int32_t QorFindObjectField(jobject *objptr, jclass *klassptr, const char *name, 
         return 0;
     jfieldID field = FindField(klass, name, signature);
     if (!field)
-        QORLOG(LOG_ERROR, "QorFindObjectField Get Field ID FAil ");
+        QORLOG_RATIONED(LOG_ERROR, "QorFindObjectField Get Field ID FAil ");
     else
         *out = QorGetObjectField(jvmtijni_env, *objptr, field); // reading by a null id would end the JVM
     if (!klassptr)
@@ -218,7 +218,7 @@ int32_t QorGetStringObjectValue(jstring str, char *dest, int32_t capacity) {
     if (!str)
         return 0;
     if (QorIsSameObject(jvmtijni_env, str, nullptr)) {
-        QORLOG(LOG_ERROR, "QorGetStringObjectValue IsSameObject *ptrObj NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QorGetStringObjectValue IsSameObject *ptrObj NULL");
         return -1;
     }
     const char *chars = QorGetStringUTFChars(jvmtijni_env, str, nullptr);
@@ -273,7 +273,7 @@ int32_t QorSearchHashTable(jobject *tableptr, const char *, const char *) {
 
 int32_t QorGetObjectClassSignature(jobject obj, char *dest) {
     if (QorIsSameObject(jvmtijni_env, obj, nullptr)) {
-        QORLOG(LOG_ERROR, "QorGetObjectClassSignature IsSameObject obj NULL");
+        QORLOG_RATIONED(LOG_ERROR, "QorGetObjectClassSignature IsSameObject obj NULL");
         return -1;
     }
     if (!dest) {

@@ -136,8 +136,9 @@ TEST_F(WebRequests, WithoutTheFieldsAreEmpty) {
     EXPECT_EQ(log.count("Qor Agent Error: Not able to get String Object for map "
                         "request,Lorg/apache/catalina/connector/Request;|requestDispatcherPath,"
                         "Ljava/lang/Object;|strValue,Ljava/lang/String;"),
-              4);
-    EXPECT_EQ(log.count("Qor Agent Error: Not able to get String Object"), 4);
+              1)
+        << "one line a minute";
+    EXPECT_EQ(log.count("Qor Agent Error: Not able to get String Object"), 1);
     EXPECT_EQ(urlOf("Lapp/Other;", "run", MakeObject("java/lang/Object")), "");
 
     // A frame in which the request isn't served.
