@@ -13,6 +13,7 @@
 #include "qorlog.h"
 #include "qorsettings.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <sys/time.h>
@@ -23,6 +24,7 @@ constexpr jint FRAME_REFERENCES = 1024;
 constexpr int32_t FRAME_URL_SIZE = 64; // what the frame's reader takes of a URL
 constexpr int32_t SQL_ID_SIZE = 16;    // an id between two marks and a terminator
 constexpr size_t SQL_ID_LENGTH = 13;
+constexpr int32_t DRIVER_CLASSES = 32;
 
 // How a kind of object leads to the connection, and the connection to all else.
 enum DriverForm {
@@ -84,6 +86,11 @@ struct UserFields {
     int32_t iRetValue1;
 };
 
+// Classes of connections that were found to have no field "statements", the latest ones, by their hash: a try
+// costs the JVM an exception.
+int32_t iStatementObjectStatus[DRIVER_CLASSES];
+int32_t failedTries;
+
 const ObjectRow *FindRow(const char *signature) {
     for (const ObjectRow &row : ROWS)
         if (strcmp(signature, row.signature) == 0)
@@ -127,6 +134,23 @@ void ReadUser(jobject connection, UserFields *seen, char *user) {
     seen->iRetValue1 = QorReadStringField(connection, "userName", user, DB_USER_SIZE);
     if (seen->iRetValue1 < 0)
         seen->iRetValue = QorReadStringField(connection, "user", user, DB_USER_SIZE);
+}
+
+int32_t HashOfClass(jobject object) {
+    jclass klass = QorGetObjectClass(jvmtijni_env, object);
+    jint hash = 0;
+    if (klass && jvmti->GetObjectHashCode(klass, &hash) != JVMTI_ERROR_NONE)
+        hash = 0;
+    QorDeleteLocalRef(jvmtijni_env, klass);
+    return hash;
+}
+
+bool HasNoStatements(int32_t classHash) {
+    const int32_t known = std::min<int32_t>(failedTries, DRIVER_CLASSES);
+    for (int32_t i = 0; i < known; i++)
+        if (iStatementObjectStatus[i] == classHash)
+            return true;
+    return false;
 }
 
 void ReadHash(jobject connection, QorDBRequestData *record) {
@@ -193,15 +217,15 @@ void ReadConnection(jobject connection, int32_t urlSize, UserFields *seen, QorDB
     ReadSocket(connection, 1, record);
 }
 
-// The SQL of the statement that the connection is at. 0 when it has the field for one, else -1.
-int32_t FindCurrentSql(jobject connection, jstring *sql) {
+// The SQL of the statement that the connection is at, or null.
+jstring FindCurrentSql(jobject connection) {
+    const int32_t classHash = HashOfClass(connection);
+    if (HasNoStatements(classHash))
+        return nullptr;
     jobject statement = nullptr;
-    *sql = nullptr;
     if (QorGetObjField(connection, "statements", "Ltessar/jdbc/driver/TessarStatement;", &statement) < 0)
-        return -1;
-    if (statement)
-        *sql = static_cast<jstring>(QorFollowObjectMap(STATEMENT_TEXT, statement));
-    return 0;
+        iStatementObjectStatus[failedTries++ % DRIVER_CLASSES] = classHash;
+    return statement ? static_cast<jstring>(QorFollowObjectMap(STATEMENT_TEXT, statement)) : nullptr;
 }
 
 } // namespace
@@ -209,7 +233,6 @@ int32_t FindCurrentSql(jobject connection, jstring *sql) {
 int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *entry,
                                              QorDBRequestData *record) {
     static UserFields seen = {0, -1};
-    static int32_t iStatementObjectStatus = 0; // once not 0, the field is not tried again
     if (!entry || !record) {
         QORLOG(LOG_TRACE, "QorGetDBReuestDataFromLOcalVariable : ptrQorAllThreadLocalInfoList or "
                           "ptrQorDBRequestData is NULL");
@@ -234,10 +257,7 @@ int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *en
     if (!connection || !IsReadable(connection))
         return 0;
     ReadConnection(connection, sizeof record->url, &seen, record);
-    jstring sql = nullptr;
-    if (iStatementObjectStatus == 0)
-        iStatementObjectStatus = FindCurrentSql(connection, &sql);
-    if (sql) {
+    if (jstring sql = FindCurrentSql(connection)) {
         ReadSqlText(sql, gbSqlQueryLength, LOG_TRACE, record);
         record->sqlRef = AsNumber(sql);
     }
@@ -272,12 +292,13 @@ int32_t QorGetDBRequestData(const QorThreadRecord *thread, const QorFrameRecord 
     if (!connection || !IsReadable(connection))
         return 0;
     ReadConnection(connection, FRAME_URL_SIZE, &seen, record);
-    jstring sql = nullptr;
-    if (row->sqlFromFrame)
-        FindCurrentSql(connection, &sql);
-    if (sql)
+    if (jstring sql = row->sqlFromFrame ? FindCurrentSql(connection) : nullptr)
         record->sqlRef = AsNumber(sql);
     return 0;
+}
+
+void QorForgetDriverClasses() {
+    failedTries = 0;
 }
 
 void QorExtractDBSocketData(int64_t fd, QorDBRequestData *record) {

@@ -19,6 +19,9 @@ int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *en
 int32_t QorGetDBRequestData(const QorThreadRecord *thread, const QorFrameRecord *frame,
                             QorDBRequestData *record);
 
+// Forgets which classes of connections have no statements. Shutdown.
+void QorForgetDriverClasses();
+
 // Descriptor of the connection's socket. `directConnection`: the connection itself holds the network session,
 // else its "db_access" does. 0, with *fd -1 for a socket that was closed, or -1.
 int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int64_t *fd);

@@ -6,6 +6,7 @@
 #include "qorlog.h"
 #include "thread_e2e_info.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -272,7 +273,8 @@ void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call) {
 }
 
 void QorStartInsertion(QorInsertion *insertion, const QorText *reply) {
-    *insertion = {reply, {}, 0, reply->size - 1 - reply->length};
+    const int32_t spare = reply->size - 1 - reply->length - QorRoomForAnswer();
+    *insertion = {reply, {}, 0, std::max(spare, 0)};
 }
 
 int32_t InsertXtierDataToConsoleBuf(QorInsertion *insertion, const QorXtierLocationInfo &location,

@@ -41,7 +41,7 @@ struct QorInsertion {
     int32_t spare; // bytes that the reply may still grow by
 };
 
-// Starts a pass over `reply`, which stays as it is until the pass ends.
+// Starts a pass over `reply`, which stays as it is until the pass ends. Room for Java's answer is kept free.
 void QorStartInsertion(QorInsertion *insertion, const QorText *reply);
 
 // Replaces the pieces of one thread; a piece whose data is not known keeps its text. Threads come in the

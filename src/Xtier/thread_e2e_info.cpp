@@ -11,6 +11,9 @@ QorE2EBlock *thread_e2e_info;
 
 namespace {
 
+// A thread's processor time and allocation, and what the answer has beside the threads.
+constexpr int32_t ANSWER_ROOM_A_THREAD = 64, ANSWER_ROOM = 128;
+
 QorE2EBlock *lastBlock;  // tail of the list; of no meaning while the list is empty
 QorE2EBlock *freeBlocks; // kept for the next sample
 
@@ -59,6 +62,13 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
         thread_e2e_info = block;
     lastBlock = block;
     return 0;
+}
+
+int32_t QorRoomForAnswer() {
+    int32_t room = thread_e2e_info ? ANSWER_ROOM : 0;
+    for (const QorE2EBlock *block = thread_e2e_info; block; block = block->next)
+        room += ANSWER_ROOM_A_THREAD;
+    return room;
 }
 
 void release_thread_e2e_info(JNIEnv *env) {

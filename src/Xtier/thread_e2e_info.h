@@ -39,6 +39,9 @@ extern QorE2EBlock *thread_e2e_info;
 int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThreadRecord *thread,
                        int32_t frameCount);
 
+// Bytes that Java's answer wants in the reply, 0 for an empty list.
+int32_t QorRoomForAnswer();
+
 // Empties the list, dropping its references with the caller's `env`.
 void release_thread_e2e_info(JNIEnv *env);
 

@@ -10,6 +10,7 @@
 
 #include "Xtier/ConnectionCache.h"
 #include "Xtier/LocalWalk.h"
+#include "Xtier/XtierDb.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
@@ -61,6 +62,7 @@ void QorDropSession(JNIEnv *env) {
         trycatch_Cleanup();
     QorCloseLocalWalk();
     QorDropDbConnections();
+    QorForgetDriverClasses();
     QorDovOnUnload(env);
 }
 

@@ -1,6 +1,7 @@
 // What Java knows of a sample's threads, merged into replies made up to the byte.
 #include "AgentNatives.h"
 #include "RequestHandler/enrichment.h"
+#include "SampleReply.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "qorrequest.h"
@@ -251,6 +252,28 @@ TEST_F(Enrichment, ManyCallsKeepNothing) {
     const size_t bytes = mallinfo2().uordblks;
     EXPECT_LE(ask(10000), refs + 5);
     EXPECT_LT(mallinfo2().uordblks, bytes + 4000000);
+}
+
+// Long SQL texts leave room for Java's answer.
+TEST_F(AgentTest, ShowsFiguresBesideManyStatements) {
+    StartArguments arguments;
+    arguments.localsQuota = 100;
+    ASSERT_EQ(StartAgent(arguments), 0);
+    qorDBQuery = 1;
+    CallVoid("qoragent/testing/Customers", "start", "(II)V", 250, 5000);
+    const std::string active = Ask("516|showstack|8192");
+    CallVoid("qoragent/testing/Customers", "stop", "()V");
+    int rows = 0, figures = 0, texts = 0;
+    for (const std::string &row : Split(active, '\x1e')) {
+        rows += row.rfind("a\x1d", 0) == 0;
+        figures += row.find("\x1d"
+                            "cpu=") != std::string::npos;
+        texts += row.size() > 4000;
+    }
+    EXPECT_GE(rows, 250);
+    EXPECT_EQ(figures, rows);
+    EXPECT_GT(texts, 200) << "and most of the texts";
+    EXPECT_LT(texts, 250) << "but the reply is full";
 }
 
 // The agent's own Java side, asked by a worker.
