@@ -8,6 +8,7 @@
 #include "qorsettings.h"
 #include "trycatch.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,11 @@ void ExpectReferences() {
     QorClearException(jvmtijni_env);
 }
 
+// A thread may end between the snapshot and the reading of its locks.
+QorLogThreshold ThresholdOf(jvmtiError error) {
+    return error == JVMTI_ERROR_THREAD_NOT_ALIVE ? LOG_DETAIL : LOG_ERROR;
+}
+
 // JVMTI's lock calls have the hole of its thread states on JVMs that don't keep threads.
 MonitorRoad ChooseRoad() {
     const bool byJvmti = gbQorJvmKeepsThreads && QorGetJvmtiMonitorCapability() != 0;
@@ -38,11 +44,11 @@ MonitorRoad ChooseRoad() {
     return ROAD_NONE;
 }
 
-// The dotted class name of a lock's class into `description`: 1, 0 when the class is not initialised, or -1
-// with the JVM's error.
+// The dotted class name of a lock's class, as java.lang.management has it, into `description`: 1, 0 for no
+// class, or -1 with the JVM's error.
 int32_t ReadLockClass(jclass klass, char *description, jvmtiError *error) {
     *error = JVMTI_ERROR_NONE;
-    if (!klass || QorIsSameObject(jvmtijni_env, klass, nullptr) || !QorIsClassInitialized(klass))
+    if (!klass || QorIsSameObject(jvmtijni_env, klass, nullptr))
         return 0;
     char *signature = nullptr;
     *error = jvmti->GetClassSignature(klass, &signature, nullptr);
@@ -50,8 +56,12 @@ int32_t ReadLockClass(jclass klass, char *description, jvmtiError *error) {
         return -1;
     if (!signature)
         return 0;
-    QorCopyName(description, signature[0] == 'L' ? signature + 1 : signature);
-    Slash2Dot(description);
+    const bool isArray = signature[0] == '['; // its name is its signature
+    QorCopyName(description, isArray ? signature : signature + 1);
+    if (isArray)
+        std::replace(description, description + strlen(description), '/', '.');
+    else
+        Slash2Dot(description);
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(signature));
     return 1;
 }
@@ -91,7 +101,7 @@ int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorReco
     const jvmtiError error =
         jvmti->GetOwnedMonitorStackDepthInfo(handle->threads[handle->index], &count, &entries);
     if (error != JVMTI_ERROR_NONE) {
-        QORLOG(LOG_ERROR, "  Error in GetOwnedMonitorInfo %d", error);
+        QORLOG(ThresholdOf(error), "  Error in GetOwnedMonitorInfo %d", error);
         return 0;
     }
     if (count > MONITOR_REFERENCES)
@@ -131,12 +141,12 @@ bool ReadOwner(jobject object, int64_t *owner) {
     return true;
 }
 
-int32_t QorGetContendedMonitorInfoUsingJvmti(QorThreadHandle *handle, const QorThreadRecord *,
-                                             QorMonitorRecord *record, int32_t wantOwner) {
+int32_t QorGetContendedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorRecord *record,
+                                             int32_t wantOwner) {
     jobject object = nullptr;
     jvmtiError error = jvmti->GetCurrentContendedMonitor(handle->threads[handle->index], &object);
     if (error != JVMTI_ERROR_NONE) {
-        QORLOG(LOG_ERROR, "  Error in GetCurrentContendedMonitor %d", error);
+        QORLOG(ThresholdOf(error), "  Error in GetCurrentContendedMonitor %d", error);
         return 0;
     }
     if (!object || QorIsSameObject(jvmtijni_env, object, nullptr))
@@ -158,6 +168,31 @@ int32_t QorGetContendedMonitorInfoUsingJvmti(QorThreadHandle *handle, const QorT
         return 0;
     record->owner = owner;
     return 1;
+}
+
+// JVMTI's answer with what it leaves out: locks of java.util.concurrent, and the owner unless it is asked
+// for.
+int32_t ContendedByBoth(QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope,
+                        QorMonitorRecord *record, int32_t wantOwner) {
+    const int32_t found = QorGetContendedMonitorInfoUsingJvmti(handle, record, wantOwner);
+    if (found && wantOwner != 0)
+        return found;
+    QorMonitorRecord other = {};
+    if (QorGetContendedMonitorInfoUsingManagement(handle, thread, scope, &other) != 1)
+        return found;
+    if (!found)
+        *record = other;
+    else if (other.lockId == record->lockId)
+        record->owner = other.owner;
+    return 1;
+}
+
+// What the thread is parked by, a local reference; null for a thread that isn't parked, or by nothing.
+jobject ParkBlocker(const QorThreadHandle *handle, int32_t index) {
+    const jvmtiStackInfo *stack = QorWalkStack(handle, index);
+    if (!stack || !(stack->state & JVMTI_THREAD_STATE_PARKED) || !parkBlockerField)
+        return nullptr;
+    return QorGetObjectField(jvmtijni_env, stack->thread, parkBlockerField);
 }
 
 bool AtThread(const QorThreadHandle *handle) {
@@ -200,13 +235,38 @@ int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecor
     switch (ChooseRoad()) {
     case ROAD_JVMTI:
         QORLOG(LOG_TRACE, "QorAgetContendedMonitorInforUsing JVMTI");
-        return QorGetContendedMonitorInfoUsingJvmti(handle, thread, record, wantOwner);
+        return ContendedByBoth(handle, thread, scope, record, wantOwner);
     case ROAD_MANAGEMENT:
         QORLOG(LOG_TRACE, "QorGetContendedMonitorInfoUsingManagement");
         return QorGetContendedMonitorInfoUsingManagement(handle, thread, scope, record);
     default:
         return 0;
     }
+}
+
+bool QorMayWaitForLock(const QorThreadHandle *handle, int32_t index) {
+    const jvmtiStackInfo *stack = QorWalkStack(handle, index);
+    if (!stack)
+        return false;
+    if (stack->state & (JVMTI_THREAD_STATE_BLOCKED_ON_MONITOR_ENTER | JVMTI_THREAD_STATE_IN_OBJECT_WAIT))
+        return true;
+    jobject blocker = ParkBlocker(handle, index);
+    const bool owned = blocker && ownableClass && jvmtijni_env->IsInstanceOf(blocker, ownableClass);
+    QorDeleteLocalRef(jvmtijni_env, blocker);
+    return owned;
+}
+
+int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record) {
+    if (!AtThread(handle) || !record || ChooseRoad() == ROAD_NONE)
+        return 0;
+    QorLocalFrame frame(jvmtijni_env, 4);
+    jobject blocker = frame.pushed ? ParkBlocker(handle, handle->index) : nullptr;
+    jclass klass = blocker ? QorGetObjectClass(jvmtijni_env, blocker) : nullptr;
+    jvmtiError error;
+    if (ReadLockClass(klass, record->description, &error) != 1)
+        return 0;
+    NumberLock(blocker, record);
+    return 1;
 }
 
 void describe(jvmtiError error) {

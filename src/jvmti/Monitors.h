@@ -7,14 +7,19 @@
 // The management road is asked in batches, as each call stops the JVM: contended locks for all threads of the
 // walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it walks their stacks,
 // and many short stops are kinder to the application than a long one). What was fetched lives until
-// QorCloseMonitorSample.
+// QorCloseMonitorSample. Threads that haven't run since the last walk aren't asked about at all where
+// MonitorMemo.h can tell.
 //
 // Everything here runs on the worker, inside a walk of ThreadSystem.h.
 #pragma once
 
 #include "ThreadSystem.h"
 
-enum : int32_t { OWNED_BATCH = 32 };
+enum : int32_t {
+    OWNED_BATCH = 32,
+    MEMO_BATCH = 64,    // where most threads answer from the memo
+    HEALED_A_BATCH = 4, // answers of the memo that such a batch has anew
+};
 
 struct QorMonitorRecord {
     int64_t hash;                // JVMTI: hash code of the object; management: 1 contended, 0 owned
@@ -35,9 +40,18 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
                                QorMonitorRecord **out);
 
 // The lock that the thread at the cursor waits for: 1 with the caller's cleared record filled, else 0.
-// wantOwner non-zero asks JVMTI for the owner as well, which stops the JVM; management knows it anyway.
+// wantOwner non-zero asks JVMTI for the owner as well, which stops the JVM. Otherwise management tells, which
+// knows locks of java.util.concurrent too; where it isn't there the owner is 0.
 int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
                                    QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner);
+
+// Whether the snapshot shows the walk's `index`th thread where it may wait for a lock that another thread
+// owns: blocked, in Object.wait, or parked by a lock of java.util.concurrent that has an owner.
+bool QorMayWaitForLock(const QorThreadHandle *handle, int32_t index);
+
+// What the thread at the cursor is parked by, such as a latch or a condition: 1 with description and lock id
+// of the caller's cleared record filled, else 0.
+int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record);
 
 // Drops what the batches fetched. The close of the walk calls it.
 void QorCloseMonitorSample();

@@ -3,15 +3,20 @@
 #include "JniCalls.h"
 #include "JniFields.h"
 #include "MethodTable.h"
+#include "MonitorMemo.h"
 #include "Session.h"
 #include "qorlog.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 // The bean answers for many threads in one call. An answer is an array of ThreadInfo in the order of the ids
 // asked for, with nulls for threads that have ended, kept as a global reference: the views open and close
 // local frames between two threads of a walk. Ids at or below 0 are left out, since one of them makes the
 // whole call throw.
+//
+// Which lock a thread waits for, and who owns it, is asked for the threads alone that the snapshot shows
+// where they may wait, and never kept: the owner changes without their doing.
 
 namespace {
 
@@ -20,7 +25,6 @@ struct InfoBatch {
     jobjectArray infos; // global reference; null when nothing was answered
     int32_t first, count;
     int16_t position[MAX_WALK_THREADS]; // by walk index minus first; -1: not asked for
-    int32_t used;                       // how many of them were looked at
 };
 
 // A single sample's state; QorCloseMonitorSample ends it.
@@ -32,7 +36,7 @@ struct MonitorSample {
     jmethodID getThreadInfos, getThreadInfosWithLocks, getThreadInfo;
     jmethodID getLockOwnerId, getLockName, getLockedMonitors; // of ThreadInfo
     jmethodID getLockedStackDepth, lockToString;              // of MonitorInfo and its superclass
-    int32_t nextOwnedBatch;
+    int32_t largestBatch, lastBatch, ownedUsed; // threads to ask about, asked about, and of these looked at
 };
 
 MonitorSample sample;
@@ -50,7 +54,7 @@ jmethodID MethodOnce(jmethodID *id, jclass klass, const char *name, const char *
 void OpenSample() {
     sample = {};
     sample.open = true;
-    sample.nextOwnedBatch = OWNED_BATCH;
+    sample.largestBatch = QorMemoUsable() ? MEMO_BATCH : OWNED_BATCH;
     if (!gbjcManagementClass)
         return;
     jmethodID getBean = QorGetStaticMethodID(jvmtijni_env, gbjcManagementClass, "getThreadMXBean",
@@ -72,6 +76,10 @@ void OpenSample() {
         QorGetMethodID(jvmtijni_env, klass, "getThreadInfo", "([J)[Ljava/lang/management/ThreadInfo;");
     sample.getThreadInfosWithLocks =
         QorGetMethodID(jvmtijni_env, klass, "getThreadInfo", "([JZZ)[Ljava/lang/management/ThreadInfo;");
+    if (!sample.getThreadInfos || !sample.getThreadInfosWithLocks) {
+        QORLOG(LOG_ERROR, "  Failed to get methodID for getThreadInfo ");
+        return;
+    }
     sample.bean = QorNewGlobalRef(jvmtijni_env, bean);
     sample.usable = sample.bean;
 }
@@ -92,26 +100,41 @@ void DropBatch(InfoBatch *batch) {
     batch->count = 0;
 }
 
+jlongArray MakeIds(const jlong *ids, jsize count) {
+    jlongArray array = QorNewLongArray(jvmtijni_env, count);
+    if (array)
+        QorSetLongArrayRegion(jvmtijni_env, array, 0, count, ids);
+    return array;
+}
+
 // The ids of the batch's threads as a Java array, with their positions noted. Null when there is nothing to
 // ask.
-jlongArray BatchIds(const QorThreadHandle *handle, const QorThreadRecord *thread, InfoBatch *batch) {
+jlongArray BatchIds(const QorThreadHandle *handle, const QorThreadRecord *thread, InfoBatch *batch,
+                    bool withMonitors) {
     jlong ids[MAX_WALK_THREADS];
     jsize count = 0;
     for (int32_t i = 0; i < batch->count; i++) {
         const int32_t index = batch->first + i;
         const int64_t tid = index == handle->index ? thread->tid : QorGetWalkThreadId(handle, index);
         batch->position[i] = -1;
-        if (tid <= 0)
+        if (tid <= 0 || (!withMonitors && !QorMayWaitForLock(handle, index)))
             continue;
         batch->position[i] = static_cast<int16_t>(count);
         ids[count++] = tid;
     }
-    if (count == 0)
-        return nullptr;
-    jlongArray array = QorNewLongArray(jvmtijni_env, count);
-    if (array)
-        QorSetLongArrayRegion(jvmtijni_env, array, 0, count, ids);
-    return array;
+    return count > 0 ? MakeIds(ids, count) : nullptr;
+}
+
+// The bean's answer about threads with their locked monitors, or without stacks and locks: a local reference.
+jobject AskBean(jlongArray ids, bool withMonitors) {
+    jobject infos = withMonitors
+                        ? jvmtijni_env->CallObjectMethod(sample.bean, sample.getThreadInfosWithLocks, ids,
+                                                         jboolean(JNI_TRUE), jboolean(JNI_FALSE))
+                        : jvmtijni_env->CallObjectMethod(sample.bean, sample.getThreadInfos, ids);
+    if (!QorClearException(jvmtijni_env) && infos)
+        return infos;
+    QORLOG(LOG_ERROR, "ThreadInfo array Objet is NULL. ");
+    return nullptr;
 }
 
 // Asks the bean for `count` threads from `first` on, with their locked monitors or without stacks and locks.
@@ -120,24 +143,10 @@ void FetchBatch(const QorThreadHandle *handle, const QorThreadRecord *thread, In
     DropBatch(batch);
     batch->first = first;
     batch->count = count < handle->count - first ? count : handle->count - first;
-    batch->used = 0;
-    jmethodID method = withMonitors ? sample.getThreadInfosWithLocks : sample.getThreadInfos;
-    if (!method) {
-        QORLOG(LOG_ERROR, "  Failed to get methodID for getThreadInfo ");
-        return;
-    }
     QorLocalFrame frame(jvmtijni_env, 4);
-    jlongArray ids = frame.pushed ? BatchIds(handle, thread, batch) : nullptr;
-    if (!ids)
-        return;
-    jobject infos = withMonitors ? jvmtijni_env->CallObjectMethod(sample.bean, method, ids,
-                                                                  jboolean(JNI_TRUE), jboolean(JNI_FALSE))
-                                 : jvmtijni_env->CallObjectMethod(sample.bean, method, ids);
-    if (QorClearException(jvmtijni_env) || !infos) {
-        QORLOG(LOG_ERROR, "ThreadInfo array Objet is NULL. ");
-        return;
-    }
-    batch->infos = static_cast<jobjectArray>(QorNewGlobalRef(jvmtijni_env, infos));
+    jlongArray ids = frame.pushed ? BatchIds(handle, thread, batch, withMonitors) : nullptr;
+    if (jobject infos = ids ? AskBean(ids, withMonitors) : nullptr)
+        batch->infos = static_cast<jobjectArray>(QorNewGlobalRef(jvmtijni_env, infos));
 }
 
 // A thread's element of the batch as a local reference; null when it has ended or was not asked for.
@@ -154,8 +163,15 @@ bool InBatch(const InfoBatch &batch, int32_t index) {
     return index >= batch.first && index < batch.first + batch.count;
 }
 
-// The owned batch that holds the thread at the cursor. A view that shows few of a walk's threads uses little
+// How many threads the next batch of owned locks holds. A view that shows few of a walk's threads uses little
 // of a batch, and each thread in one costs the JVM a walk of its stack: the next batch is then smaller.
+int32_t NextOwnedBatch() {
+    const int32_t twiceUsed = sample.lastBatch > 0 ? 2 * sample.ownedUsed : sample.largestBatch;
+    sample.ownedUsed = 0;
+    return std::clamp(twiceUsed, 1, sample.largestBatch);
+}
+
+// The owned batch that holds the thread at the cursor.
 void HaveOwnedBatch(const QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope) {
     if (scope == MONITORS_OF_ONE_THREAD) {
         FetchBatch(handle, thread, &owned, handle->index, 1, true);
@@ -163,11 +179,8 @@ void HaveOwnedBatch(const QorThreadHandle *handle, const QorThreadRecord *thread
     }
     if (InBatch(owned, handle->index))
         return;
-    if (owned.count > 0) {
-        const int32_t twiceUsed = 2 * owned.used;
-        sample.nextOwnedBatch = twiceUsed < OWNED_BATCH ? (twiceUsed > 1 ? twiceUsed : 1) : OWNED_BATCH;
-    }
-    FetchBatch(handle, thread, &owned, handle->index, sample.nextOwnedBatch, true);
+    FetchBatch(handle, thread, &owned, handle->index, NextOwnedBatch(), true);
+    sample.lastBatch = owned.count;
 }
 
 // The text of a Java string into NAME_SIZE bytes. False when it can't be had.
@@ -246,23 +259,8 @@ jobject ContendedInfo(const QorThreadHandle *handle, const QorThreadRecord *thre
     return QorClearException(jvmtijni_env) ? nullptr : info;
 }
 
-} // namespace
-
-int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
-                                              QorMonitorScope scope, QorMonitorRecord **out) {
-    if (!SampleUsable() || thread->tid <= 0)
-        return 0;
-    QORLOG(LOG_TRACE, " Thread Id is %d, threadName:%s", static_cast<int>(thread->tid), thread->name);
-    HaveOwnedBatch(handle, thread, scope);
-    if (!owned.infos)
-        return 0;
-    owned.used++;
-    QorLocalFrame frame(jvmtijni_env, 4);
-    jobject info = frame.pushed ? BatchElement(&owned, handle->index) : nullptr;
-    if (!info) {
-        QORLOG(LOG_ERROR, "Failed to get object for thread Info");
-        return 0;
-    }
+// The monitors that a ThreadInfo tells of, as QorGetOwnedMonitorInfo hands them out.
+int32_t ReadOwned(jobject info, int64_t tid, QorMonitorRecord **out) {
     jobjectArray monitors = LockedMonitors(info);
     const jsize count = monitors ? QorGetArrayLength(jvmtijni_env, monitors) : 0;
     if (count <= 0)
@@ -274,19 +272,77 @@ int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const Qor
         return 0;
     }
     for (jsize i = 0; i < count; i++) {
-        if (!ReadMonitorInfo(monitors, i, thread->tid, &records[i])) {
+        if (!ReadMonitorInfo(monitors, i, tid, &records[i])) {
             free(records);
             return 0;
         }
     }
-    QORLOG(LOG_TRACE, "Deallocating the objects ");
     *out = records;
     return count;
 }
 
+// Takes the bean's answer about one thread into the memo.
+void Remember(const QorThreadHandle *handle, int32_t index, int64_t tid, jobjectArray infos, jsize position) {
+    QorLocalFrame frame(jvmtijni_env, 8);
+    jobject info = frame.pushed && infos ? QorGetObjectArrayElement(jvmtijni_env, infos, position) : nullptr;
+    QorMonitorRecord *records = nullptr;
+    const int32_t count = info ? ReadOwned(info, tid, &records) : 0;
+    QorMemoStore(handle, index, records, count, info);
+    free(records);
+}
+
+// Asks the bean about the thread at the cursor and those behind it that the memo doesn't know. A call is made
+// anyway, so that some of the oldest answers are had anew by it.
+void AskForMemo(const QorThreadHandle *handle) {
+    int32_t indexes[MEMO_BATCH + HEALED_A_BATCH], count = 0;
+    const int32_t most = NextOwnedBatch();
+    for (int32_t i = handle->index; i < handle->count && count < most; i++)
+        if (QorMemoMustAsk(handle, i))
+            indexes[count++] = i;
+    sample.lastBatch = count;
+    count += QorMemoOldest(indexes + count, HEALED_A_BATCH);
+    jlong ids[MEMO_BATCH + HEALED_A_BATCH];
+    for (int32_t i = 0; i < count; i++)
+        ids[i] = QorGetWalkThreadId(handle, indexes[i]);
+    QorLocalFrame frame(jvmtijni_env, 4);
+    jlongArray array = frame.pushed ? MakeIds(ids, count) : nullptr;
+    auto infos = static_cast<jobjectArray>(array ? AskBean(array, true) : nullptr);
+    for (int32_t i = 0; i < count; i++)
+        Remember(handle, indexes[i], ids[i], infos, i);
+}
+
+int32_t OwnedByMemo(const QorThreadHandle *handle, QorMonitorRecord **out) {
+    if (QorMemoMustAsk(handle, handle->index))
+        AskForMemo(handle);
+    sample.ownedUsed += QorMemoWasAsked(handle->index);
+    return QorMemoRecall(handle->index, out);
+}
+
+} // namespace
+
+int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
+                                              QorMonitorScope scope, QorMonitorRecord **out) {
+    if (!SampleUsable() || thread->tid <= 0)
+        return 0;
+    QORLOG(LOG_TRACE, " Thread Id is %d, threadName:%s", static_cast<int>(thread->tid), thread->name);
+    if (scope == MONITORS_OF_THE_WALK && QorMemoUsable())
+        return OwnedByMemo(handle, out);
+    HaveOwnedBatch(handle, thread, scope);
+    if (!owned.infos)
+        return 0;
+    sample.ownedUsed++;
+    QorLocalFrame frame(jvmtijni_env, 4);
+    jobject info = frame.pushed ? BatchElement(&owned, handle->index) : nullptr;
+    if (!info) {
+        QORLOG(LOG_DETAIL, "Failed to get object for thread Info"); // it has ended since the snapshot
+        return 0;
+    }
+    return ReadOwned(info, thread->tid, out);
+}
+
 int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
                                                   QorMonitorScope scope, QorMonitorRecord *record) {
-    if (!SampleUsable())
+    if ((scope == MONITORS_OF_THE_WALK && !QorMayWaitForLock(handle, handle->index)) || !SampleUsable())
         return 0;
     QorLocalFrame frame(jvmtijni_env, 6);
     jobject info = frame.pushed ? ContendedInfo(handle, thread, scope) : nullptr;
@@ -307,6 +363,7 @@ int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const
 }
 
 void QorCloseMonitorSample() {
+    QorCloseMemoWalk();
     DropBatch(&contended);
     DropBatch(&owned);
     if (sample.bean)

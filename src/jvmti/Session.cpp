@@ -2,6 +2,7 @@
 
 #include "JniCalls.h"
 #include "MemorySystem.h"
+#include "MonitorMemo.h"
 #include "Monitors.h"
 #include "followRefHackHelper.h"
 #include "platforms/QorOS.h"
@@ -19,7 +20,9 @@ JNIEnv *jvmtijni_env;
 jclass threadClass;
 jclass hashTableClass;
 jclass gbjcManagementClass;
+jclass ownableClass;
 jfieldID idField;
+jfieldID parkBlockerField;
 int64_t gbiAgentWorkerThreadId = -1;
 const JmmTable *jmm;
 const JmmExtTable *jmm_ext;
@@ -119,6 +122,7 @@ constexpr ClassRow CLASSES[] = {
     {&threadClass, "java/lang/Thread", "thread class NULL "},
     {&hashTableClass, "java/util/Hashtable", "hash table class NULL "},
     {&gbjcManagementClass, "java/lang/management/ManagementFactory", "Management class NULL "},
+    {&ownableClass, "java/util/concurrent/locks/AbstractOwnableSynchronizer", "lock class NULL "},
 };
 
 bool HasCapability(const jvmtiCapabilities &capabilities, CapabilityBit bit) {
@@ -355,6 +359,7 @@ int32_t QorDovOnUnload(JNIEnv *) {
     if (!current)
         return 0;
     jvmtijni_env = current;
+    QorDropMemo();
     for (const ClassRow &row : CLASSES) {
         if (*row.ref)
             QorDeleteGlobalRef(current, *row.ref);
@@ -419,8 +424,10 @@ void QorLogNoFrame(int32_t threshold) {
 }
 
 bool QorRefreshIdField() {
-    if (QorIsClassInitialized(threadClass))
+    if (QorIsClassInitialized(threadClass)) {
         idField = FindIdField(threadClass);
+        parkBlockerField = QorGetFieldID(jvmtijni_env, threadClass, "parkBlocker", "Ljava/lang/Object;");
+    }
     return idField;
 }
 

@@ -42,7 +42,9 @@ extern JNIEnv *jvmtijni_env;           // start-up's environment, then the worke
 extern jclass threadClass;             // java.lang.Thread, global reference or null
 extern jclass hashTableClass;          // java.util.Hashtable, global reference or null
 extern jclass gbjcManagementClass;     // java.lang.management.ManagementFactory, global reference or null
+extern jclass ownableClass;            // the class of locks that have an owner, global reference or null
 extern jfieldID idField;               // the long field of Thread that holds the Java thread id
+extern jfieldID parkBlockerField;      // the field of Thread that holds what it is parked by, or null
 extern int64_t gbiAgentWorkerThreadId; // the worker's Java thread id, -1 until it has named itself
 extern bool gbQorJvmKeepsThreads;      // false: JVMTI must not be asked for a thread's state
 extern const JmmTable *jmm;            // null when the JVM's table is of no known version
@@ -97,7 +99,7 @@ int32_t QorGetIBMExtension();
 // iCanGetOSThreadID.
 int64_t QorGetOSThreadID(jthread thread);
 
-// Looks `idField` up anew, if Thread is initialised. True when it is there.
+// Looks `idField` and `parkBlockerField` up anew, if Thread is initialised. True when the first is there.
 bool QorRefreshIdField();
 
 // Reads a Java thread id through `idField`: false, with *out as it was, without the field (which is logged)

@@ -147,9 +147,8 @@ int32_t ReadThread(const jvmtiStackInfo &stack, QorThreadRecord *record, jint *j
     }
     error = ReadState(stack, jvmtiState);
     if (error != JVMTI_ERROR_NONE) {
-        QORLOG(LOG_ERROR, " Failed to Get Thread State. Error expected: %d, got: %d", JVMTI_ERROR_NONE,
-               error);
-        describe(error);
+        QORLOG_RATIONED(LOG_ERROR, " Failed to Get Thread State. Error expected: %d, got: %d",
+                        JVMTI_ERROR_NONE, error);
         return -1;
     }
     if (QorReadThreadId(thread, &record->tid))
@@ -215,6 +214,11 @@ int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index) {
     if (handle && handle->threads && index >= 0 && index < handle->count)
         QorReadThreadId(handle->threads[index], &tid);
     return tid;
+}
+
+const jvmtiStackInfo *QorWalkStack(const QorThreadHandle *handle, int32_t index) {
+    const bool inWalk = handle && handle->threads && index >= 0 && index < handle->count;
+    return inWalk && qorstack_info_ptr ? &qorstack_info_ptr[index] : nullptr;
 }
 
 int32_t QorGetFrames(QorThreadHandle *handle, QorFrameHandle *frameHandle) {

@@ -122,6 +122,9 @@ int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record);
 // Java thread id of the `index`th thread of the walk, 0 when it can't be read.
 int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index);
 
+// The `index`th thread of the walk as the snapshot has it; null without one.
+const jvmtiStackInfo *QorWalkStack(const QorThreadHandle *handle, int32_t index);
+
 // Copies the frames of the thread at the cursor. Their number, or -1.
 int32_t QorGetFrames(QorThreadHandle *handle, QorFrameHandle *frameHandle);
 

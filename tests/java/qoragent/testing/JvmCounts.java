@@ -9,17 +9,23 @@ import javax.management.ObjectName;
 /** Figures that the JVM gives of itself. */
 public final class JvmCounts {
     private static final Pattern GLOBAL_REFS = Pattern.compile("JNI global ref(?:erence)?s: (\\d+)");
+    private static final Pattern WEAK_REFS = Pattern.compile("weak ref(?:erence)?s: (\\d+)");
 
     private JvmCounts() {}
 
     /** JNI global references in use, by the JVM's own thread print. */
-    public static long globalRefs() throws Exception {
+    public static long globalRefs() throws Exception { return count(GLOBAL_REFS); }
+
+    /** The weak ones, which JVMs before JDK 11 don't count. */
+    public static long weakRefs() throws Exception { return count(WEAK_REFS); }
+
+    private static long count(Pattern figure) throws Exception {
         ObjectName commands = new ObjectName("com.sun.management:type=DiagnosticCommand");
         String print = (String)ManagementFactory.getPlatformMBeanServer().invoke(
             commands, "threadPrint", new Object[] {new String[0]}, new String[] {String[].class.getName()});
-        Matcher found = GLOBAL_REFS.matcher(print);
+        Matcher found = figure.matcher(print);
         if (!found.find())
-            throw new IllegalStateException("no count of global references in: " + print);
+            throw new IllegalStateException("no " + figure + " in: " + print);
         return Long.parseLong(found.group(1));
     }
 

@@ -61,6 +61,11 @@ public final class Zoo {
             resident.awaitEnd();
     }
 
+    /** Makes "zoo-swapper" give back its monitor and take the other one, at the same place. */
+    public static synchronized void swap() throws Exception {
+        ((ZooLocks.Swapper)residents.get("swapper")).swap();
+    }
+
     /** Throws unless every thread still stands where it belongs. */
     public static synchronized void check() throws Exception {
         for (Resident resident : residents.values())

@@ -3,6 +3,7 @@ package qoragent.testing;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
@@ -11,9 +12,7 @@ import java.util.concurrent.locks.ReentrantLock;
 final class ZooLocks {
     static final class Outer {}
 
-    static final class Middle {}
-
-    static final class Twin {}
+    static final class Other {}
 
     static final class Inner {}
 
@@ -22,8 +21,8 @@ final class ZooLocks {
     static final class Waiting {}
 
     private static final Object OUTER = new Outer();
-    private static final Object MIDDLE = new Middle();
-    private static final Object TWIN = new Twin();
+    private static final Object MIDDLE = new byte[0];
+    private static final Object TWIN = new String[0][];
     private static final Object INNER = new Inner();
     private static final Object WANTING = new Wanting();
     private static final Object REENTERED = new Outer();
@@ -39,7 +38,7 @@ final class ZooLocks {
     static List<Resident> residents() {
         return new ArrayList<>(
             Arrays.asList(new Sleep(), new Park(), new TimedPark(), new ObjectWait("wait", 0),
-                          new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Holder(), new Blocked(),
+                          new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Latch(), new Swapper(), new Holder(), new Blocked(),
                           new BlockedSecond(), new Reentrant(), new WaitInside(), new LockHolder(),
                           new LockWaiter(), new TimedLockWaiter()));
     }
@@ -81,6 +80,58 @@ final class ZooLocks {
         @Override
         void letGo() {
             open = true;
+            LockSupport.unpark(thread());
+        }
+    }
+
+    private static final class Latch extends Resident {
+        private final CountDownLatch latch = new CountDownLatch(1);
+
+        Latch() { super("latch", Thread.State.WAITING, PARKED); }
+
+        @Override
+        void live() throws Exception {
+            latch.await();
+        }
+
+        @Override
+        void letGo() {
+            latch.countDown();
+        }
+    }
+
+    /** Parks at one place with one of two monitors, and takes the other when it is told to. */
+    static final class Swapper extends Resident {
+        private final Object[] monitors = {new Outer(), new Other()};
+        private volatile int wanted;
+        private volatile int held = -1;
+
+        Swapper() { super("swapper", Thread.State.WAITING, PARKED); }
+
+        void swap() throws InterruptedException {
+            wanted = 1 - wanted;
+            LockSupport.unpark(thread());
+            while (held != wanted)
+                Thread.sleep(1);
+            awaitParked();
+        }
+
+        @Override
+        void live() {
+            while (!released())
+                stay(wanted);
+        }
+
+        private void stay(int mine) {
+            synchronized (monitors[mine]) {
+                held = mine;
+                while (wanted == mine && !released())
+                    LockSupport.park();
+            }
+        }
+
+        @Override
+        void letGo() {
             LockSupport.unpark(thread());
         }
     }
