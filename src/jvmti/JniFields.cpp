@@ -104,8 +104,11 @@ bool HaveHashTableClass() {
     return hashTableClass;
 }
 
-// A table's methods take its lock, and a thread of the application may stand in one of them for ever.
+// A table's methods take its lock, and a thread of the application may stand in one of them for ever. Who
+// holds it can't be asked where a thread may end meanwhile.
 bool MayBeLocked(jobject table) {
+    if (!gbQorJvmKeepsThreads)
+        return true;
     QorLocalFrame frame(jvmtijni_env, MONITOR_REFERENCES); // each waiter comes as a reference
     jvmtiMonitorUsage usage = {};
     if (!frame.pushed || jvmti->GetObjectMonitorUsage(table, &usage) != JVMTI_ERROR_NONE)

@@ -410,14 +410,6 @@ TEST_F(DatabaseCall, AClassInItsInitialiserIsPassedOver) {
     EXPECT_STREQ(record->user, "scott");
     EXPECT_STREQ(record->sqlText, SQL);
     CallVoid("qoragent/models/UnbornConnections", "release", "()V");
-
-    jobject table = CallObject("qoragent/testing/Obstacles", "lockedTable", "()Ljava/util/Hashtable;"),
-            value = table;
-    EXPECT_EQ(QorGetHashValue(&table, "REQUEST_URI", &value), 0);
-    EXPECT_EQ(value, nullptr);
-    CallVoid("qoragent/testing/Obstacles", "release", "()V");
-    EXPECT_EQ(QorGetHashValue(&table, "REQUEST_URI", &value), 0);
-    EXPECT_NE(value, nullptr);
 }
 
 TEST_F(DatabaseCall, WhatIsMissingEndsTheReading) {

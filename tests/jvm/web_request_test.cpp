@@ -201,12 +201,13 @@ TEST_F(WebRequests, OfLumoAreARangeOfBytes) {
     EXPECT_EQ(urlOf("Lcom/halcyon/server/http/HalcyonHttpServletRequest;", "service", withoutArray), "");
 }
 
+// Where JVMTI can't be asked for a table's lock, the table isn't read.
 TEST_F(WebRequests, OfJServStandInATable) {
     for (const std::string &value : TrialValues())
         for (const char *signature : {JSERV, "org/apache/jserv/JServConnection"}) {
             QorLocalFrame references(Env(), 64);
             EXPECT_EQ(urlOf(signature, "run", makeJServ(newHashtable(), Text(value))),
-                      Shown(value, REQUEST_TEXT_SIZE));
+                      gbQorJvmKeepsThreads ? Shown(value, REQUEST_TEXT_SIZE) : "");
         }
     EXPECT_EQ(urlOf(JSERV, "run", makeJServ(newHashtable(), nullptr)), "");
     EXPECT_EQ(urlOf(JSERV, "run", makeJServ(nullptr, nullptr)), "");
@@ -220,7 +221,7 @@ TEST_F(WebRequests, AreNotWaitedFor) {
     jobject table = CallObject("qoragent/testing/Obstacles", "lockedTable", "()Ljava/util/Hashtable;");
     EXPECT_EQ(urlOf(JSERV, "run", makeJServ(table, nullptr)), "");
     CallVoid("qoragent/testing/Obstacles", "release", "()V");
-    EXPECT_EQ(urlOf(JSERV, "run", makeJServ(table, nullptr)), "/locked");
+    EXPECT_EQ(urlOf(JSERV, "run", makeJServ(table, nullptr)), gbQorJvmKeepsThreads ? "/locked" : "");
 
     jobject unborn = CallObject("qoragent/testing/Obstacles", "inInitializer", "()Ljava/lang/Object;");
     EXPECT_EQ(urlOf(SERVERS[0].spellings[0], "run", unborn), "");
