@@ -5,6 +5,7 @@
 #include "protocol.h"
 #include "records.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace qorctl {
@@ -21,8 +22,8 @@ const FigureName SUMMARY_NAMES[SUMMARY_FIGURES] = {
 
 namespace {
 
-// The largest piece that the agent appends in one go: a stack with the rows around it. A reply that stops
-// less than this in front of the limit may have had a piece refused.
+// The largest piece that the agent appends in one go: a stack with the rows around it. A reply without a
+// timing that stops less than this in front of the limit has had a piece refused.
 constexpr size_t LARGEST_PIECE = 102400 + 3 * 10240;
 
 struct Refusal {
@@ -189,12 +190,12 @@ bool ReadHolderRow(std::string_view row, Thread *thread) {
     return ReadCallType(field[0], &call) && ReadFrameGroup(field[3], field[4], field[5], &call);
 }
 
-// A stack that fills its place up to less than a row may have lost rows.
-bool MayLackFrames(const Section &stack) {
+// Whether a stack that the agent says it had no room for ends where a row was refused.
+bool LacksFrames(const Section &stack, const Reply &reply) {
     size_t size = 0;
     for (std::string_view row : stack.records)
         size += row.size() + 1;
-    return size + LONGEST_STACK_ROW > STACK_LIMIT;
+    return !reply.jvm_microseconds && size + LONGEST_STACK_ROW > STACK_LIMIT;
 }
 
 Thread &CurrentThread(ThreadSample *sample, const Section &section) {
@@ -257,8 +258,9 @@ bool IsTimedOut(std::string_view text) {
 
 Reply OpenReply(std::string_view text) {
     Reply reply;
-    reply.reached_limit = text.size() + LARGEST_PIECE >= REPLY_LIMIT;
+    size_t size = text.size();
     reply.jvm_microseconds = TakeTiming(&text); // a refusal may be timed too
+    reply.reached_limit = !reply.jvm_microseconds && size + LARGEST_PIECE >= REPLY_LIMIT;
     for (const Refusal &refusal : REFUSALS)
         if (text.substr(0, refusal.start.size()) == refusal.start) {
             std::string_view line = text.substr(0, text.find_first_of("\n|\x1e\x1f"));
@@ -291,6 +293,7 @@ ThreadSample DecodeThreads(const Reply &reply) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<Frame>(section, ReadStackRow,
                                [&](Frame &&f) { thread.stack.push_back(std::move(f)); });
+            thread.stack_cut = !thread.stack.empty() && thread.stack.back().skipped > 0;
         } else if (section.title == TITLE_LOCK_WAIT) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<LockWait>(section, ReadLockWait,
@@ -312,7 +315,6 @@ ThreadSample DecodeStack(const Reply &reply) {
     ThreadSample sample;
     RecordReader reader(reply);
     std::optional<LockWait> wait; // stands in front of its thread
-    bool full = false;
     for (const Section &section : reply.sections) {
         if (section.title == TITLE_LOCK_WAIT) {
             reader.Each<LockWait>(section, ReadLockWait, [&](LockWait &&w) { wait = std::move(w); });
@@ -321,7 +323,7 @@ ThreadSample DecodeStack(const Reply &reply) {
                                 [&](Thread &&thread) { sample.threads.push_back(std::move(thread)); });
         } else if (section.title == TITLE_CALL_STACK) {
             Thread &thread = CurrentThread(&sample, section);
-            full = MayLackFrames(section);
+            thread.stack_cut = LacksFrames(section, reply);
             reader.Each<Frame>(section, ReadFrameRow,
                                [&](Frame &&f) { thread.stack.push_back(std::move(f)); });
         } else if (section.title == TITLE_OWNED_LOCKS) {
@@ -335,8 +337,13 @@ ThreadSample DecodeStack(const Reply &reply) {
     if (!sample.threads.empty())
         sample.threads[0].waits_for = std::move(wait);
     sample.jvm_microseconds = reply.jvm_microseconds;
-    sample.cut = reader.cut() || full;
+    sample.cut = reader.cut();
     return sample;
+}
+
+int CutStacks(const ThreadSample &sample) {
+    return static_cast<int>(std::count_if(sample.threads.begin(), sample.threads.end(),
+                                          [](const Thread &thread) { return thread.stack_cut; }));
 }
 
 void TakeTiers(const Thread &from, Thread *thread) {

@@ -31,7 +31,7 @@ struct Reply {
     std::vector<Section> sections;
     std::string_view text;                    // everything in front of the timing
     std::optional<uint64_t> jvm_microseconds; // time the agent spent on it
-    bool reached_limit = false;               // so long that something was probably left out
+    bool reached_limit = false;               // something had no room in it
 };
 
 // Cuts a reply. A refusal ("Request TIMED OUT", "Invalid Request ...", ...) is thrown as a Failure with a
@@ -104,6 +104,7 @@ struct Thread {
     std::optional<RmiWait> rmi;
     EndToEnd end_to_end;
     std::vector<Frame> stack; // only with details
+    bool stack_cut = false;   // the agent had no room for its bottom
     std::optional<LockWait> waits_for;
     std::vector<OwnedLock> owns;
 };
@@ -166,6 +167,9 @@ ThreadSample DecodeThreads(const Reply &reply);
 
 // One thread with its whole stack and its locks; no thread when the JVM has none with this key.
 ThreadSample DecodeStack(const Reply &reply);
+
+// How many threads of a sample lack the bottom of their stack.
+int CutStacks(const ThreadSample &sample);
 
 // Adds to a thread what another sample of it tells of other tiers. Of its calls out of the JVM only those
 // that go with the state it has in both.

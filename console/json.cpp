@@ -107,6 +107,7 @@ Json ToJson(const Thread &thread) {
     if (thread.stack.empty())
         return object;
     object["stack"] = Array(thread.stack, StackRow);
+    object["stack_cut"] = thread.stack_cut;
     object["waits_for"] = thread.waits_for ? ToJson(*thread.waits_for) : Json();
     object["owns"] = Array(thread.owns, [](const OwnedLock &lock) { return ToJson(lock); });
     return object;
@@ -129,7 +130,7 @@ Json DbJson(const DbWait &db) {
 Json ToJson(const ThreadSample &sample) {
     return {{"threads", Array(sample.threads, [](const Thread &thread) { return ToJson(thread); })},
             {"jvm_microseconds", OrNull(sample.jvm_microseconds)},
-            {"cut", sample.cut}};
+            {"cut", sample.cut || CutStacks(sample) > 0}};
 }
 
 Json ToJson(const LockHolder &holder) {

@@ -51,7 +51,7 @@ public:
                 keep(std::move(value));
                 continue;
             }
-            if (!open && !(last && (reply_.reached_limit || !reply_.jvm_microseconds)))
+            if (!open && !(last && !reply_.jvm_microseconds))
                 throw UnknownForm(
                     fmt::format("record {} of section \"{}\" has an unknown form", i + 1, section.title));
             cut_ = true;

@@ -60,6 +60,8 @@ public:
             if (frame.skipped == 0 && !frame.framework)
                 Locks(frame.index, frame.index, false);
         }
+        if (thread_.stack_cut && thread_.stack.back().skipped == 0)
+            Row("... frames below are missing, the agent has no room for them", DIM);
         for (const OwnedLock &lock : thread_.owns)
             if (!Shown(lock))
                 Row(fmt::format("- locked {}, by a frame that isn't known",
@@ -242,6 +244,9 @@ std::string SampleNotes(const ThreadSample &sample, int os_threads) {
         text += fmt::format(", {} us in the JVM", *sample.jvm_microseconds);
     if (sample.cut)
         text += "; the reply reached the agent's limit, threads are missing (ask for one with --thread)";
+    if (int cut = CutStacks(sample))
+        text += fmt::format("; {} stack{} lack{} frames at the bottom", cut, cut == 1 ? "" : "s",
+                            cut == 1 ? "s" : "");
     if (os_threads > MAX_THREADS_SAMPLED)
         text += fmt::format("; the process has {} threads, the agent looks at {} Java threads at most",
                             os_threads, MAX_THREADS_SAMPLED);
@@ -256,8 +261,8 @@ std::string StackNotes(const ThreadSample &sample) {
     std::string text = fmt::format("{} frame{}", frames, frames == 1 ? "" : "s");
     if (sample.jvm_microseconds)
         text += fmt::format(", {} us in the JVM", *sample.jvm_microseconds);
-    if (sample.cut)
-        text += "; the reply holds no more of this stack, frames at its bottom may be missing";
+    if (sample.cut || CutStacks(sample))
+        text += "; the reply holds no more of this stack, frames at its bottom are missing";
     return text;
 }
 

@@ -14,4 +14,6 @@ char *console_args[CONSOLE_ARG_COUNT];
 char dumpfile[DUMPFILE_SIZE];
 uint32_t heap_id;
 
+bool qorReplyIsCut;
+
 char *pagebuf;

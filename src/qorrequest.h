@@ -60,5 +60,8 @@ extern char *console_args[CONSOLE_ARG_COUNT]; // argument slots, each null or a 
 extern char dumpfile[DUMPFILE_SIZE];          // path of a dump asked for, or the histogram's word
 extern uint32_t heap_id;                      // the console's number for a dump
 
+// Something had no room in the reply, which then has no timing. Set by the views, cleared by the dispatcher.
+extern bool qorReplyIsCut;
+
 // The reply, PAGEBUF_SIZE bytes; null before start-up and after SHUTDOWN. Its last byte is always 0.
 extern char *pagebuf;

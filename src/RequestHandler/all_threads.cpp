@@ -78,7 +78,7 @@ void StartThread(QorThreadWalk *walk) {
     walk->userCallFound = false;
     walk->userFrame = -1;
     walk->omitted = walk->processed = 0;
-    walk->userCallIsIdle = false;
+    walk->userCallIsIdle = walk->rowsFull = false;
     walk->xtier = {};
     walk->framework = FRAMEWORK_NONE;
     walk->frameworkRow = -1;
@@ -87,7 +87,7 @@ void StartThread(QorThreadWalk *walk) {
     if (gbQorRELocal && !gbQorSkipLocal)
         QorStartReadingAtOnce();
     QorTextStart(&walk->currentCall, console_frame_buf, CONSOLE_BUF_SIZE);
-    QorTextStart(&walk->stackRows, console_thr_buf, CONSOLE_THR_BUF_SIZE);
+    QorTextStart(&walk->stackRows, console_thr_buf, CONSOLE_THR_BUF_SIZE - LONGEST_SKIP_ROW);
 }
 
 void FormatKey(const QorSample &sample, QorThreadWalk *walk) {
@@ -132,7 +132,10 @@ int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
         QorDropThreadFrames();
         return 0;
     }
-    return QorWriteThreadRecord(sample, walk);
+    if (QorWriteThreadRecord(sample, walk) == 0)
+        return 0;
+    qorReplyIsCut = true;
+    return -1;
 }
 
 void AddToStatistics(const QorSample &sample) {

@@ -37,7 +37,8 @@ struct QorThreadWalk {
     int32_t processed;   // frames read
     bool userCallIsIdle; // a rule says so
     QorText currentCall; // frame group of the current call, in console_frame_buf
-    QorText stackRows;   // in console_thr_buf
+    QorText stackRows;   // in console_thr_buf, with room for a skip row behind them
+    bool rowsFull;       // the rows have met one without room
     QorXtierFlags xtier;
     QorFramework framework; // of the framework frame whose data may take the current call's place
     int32_t frameworkRow;   // length of the stack rows in front of that frame's, -1 when not noted

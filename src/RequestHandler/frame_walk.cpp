@@ -9,6 +9,13 @@
 
 namespace {
 
+// The rows end here: one in the room kept for it stands for the frames from here to the bottom.
+void EndRows(QorThreadWalk *walk, const QorFrameHandle &frames) {
+    walk->rowsFull = true;
+    walk->stackRows.size += LONGEST_SKIP_ROW;
+    QorAppendSkipRow(&walk->stackRows, frames.count - frames.index, walk->thread.tid, frames.index);
+}
+
 // In a long stack only the frames down to the first user call, half of the recorded depth behind it and the
 // other half at the bottom are kept. Jumps over the rest once that place is reached; a stack that turns out
 // too short for it is not looked at again.
@@ -20,8 +27,9 @@ void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
     walk->omitted = frames.count - recorded - walk->userFrame - 1;
     if (walk->omitted <= 0)
         return;
-    if (sample->writesStacks)
-        QorAppendSkipRow(&walk->stackRows, walk->omitted, walk->thread.tid, frames.index);
+    if (sample->writesStacks && !walk->rowsFull &&
+        QorAppendSkipRow(&walk->stackRows, walk->omitted, walk->thread.tid, frames.index) < 0)
+        EndRows(walk, frames);
     frames.index += walk->omitted;
 }
 
@@ -85,10 +93,12 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
             GetThreadEnhancedState(frame, &walk->thread);
         if (!walk->userCallFound)
             NoteCurrentCall(walk, frame, framework, sample->filtering);
-        if (framework != FRAMEWORK_NONE && sample->writesStacks)
+        if (!sample->writesStacks || walk->rowsFull)
+            continue; // the frames still tell of state and current call
+        if (framework != FRAMEWORK_NONE)
             NoteFrameworkRow(walk);
-        if (sample->writesStacks && QorAppendStackRow(&walk->stackRows, shape, walk->threadId,
-                                                      walk->threadIdLength, frames.index) < 0)
-            return;
+        if (QorAppendStackRow(&walk->stackRows, shape, walk->threadId, walk->threadIdLength, frames.index) <
+            0)
+            EndRows(walk, frames);
     }
 }

@@ -3,6 +3,7 @@
 #include "jvmti/LocalObjects.h"
 #include "jvmti/ObjectFields.h"
 #include "qorlog.h"
+#include "qorrequest.h"
 #include "records.h"
 
 #include <cstdio>
@@ -100,6 +101,7 @@ void QorShowObjectRequest(int32_t tag, int32_t, uint32_t, char *page, int32_t pa
         QORLOG(LOG_TRACE, "Field Count for i=%d class=%d", i, classes[i].fieldCount);
         AppendClass(&reply, classes[i]);
     }
+    qorReplyIsCut = reply.refused;
     QorFreeClassDetails(classes, count);
 }
 
@@ -119,6 +121,7 @@ void QorHandlePrintLocalRequest(int32_t tid, int64_t methodId, int64_t location,
         if (AppendLocalRow(&reply, locals[i]) > 0)
             written++;
     }
+    qorReplyIsCut = reply.refused;
     if (written > 0)
         AppendRowsEnd(&reply);
     else

@@ -130,7 +130,7 @@ void QorAppendStackRowTail(QorText *out, int64_t methodId) {
 }
 
 int32_t QorAppendSkipRow(QorText *out, int32_t skipped, int64_t threadId, int32_t frameIndex) {
-    char row[256];
+    char row[LONGEST_SKIP_ROW];
     const int32_t length =
         snprintf(row, sizeof row, "%c%d%s%c%s%c%s%c%d%c%d%c%ld%c%s%c%s", RECORD_END, skipped,
                  " frames are skipped for storage and performance optimization", FIELD_SEP, "NA", FIELD_SEP,

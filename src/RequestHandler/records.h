@@ -25,6 +25,7 @@ enum : int32_t {
     CONSOLE_THR_BUF_SIZE = 102400,
     THREAD_KEY_SIZE = 64,
     LONGEST_ROW = 3 * NAME_SIZE + 128, // three names and the numbers between them
+    LONGEST_SKIP_ROW = 128,
 };
 
 // Scratch of the sample views.

@@ -15,8 +15,9 @@ namespace {
 
 constexpr char BLANK[] = " ";
 
-// The rows of this view carry the method's id in 32 bits; the console sends them back to ask for locals.
-void AppendFrameRow(QorText *out, const QorFrameRecord *frame, int64_t tid) {
+// The rows of this view carry the method's id in 32 bits; the console sends them back to ask for locals. 1,
+// or -1 when there is no room.
+int32_t AppendFrameRow(QorText *out, const QorFrameRecord *frame, int64_t tid) {
     char head[96];
     snprintf(head, sizeof head, "%s%c%d%c%d%c%d%c2%c3%c", QorCallTypeText(frame), FIELD_SEP,
              static_cast<int32_t>(tid), FIELD_SEP, frame->frameIndex, FIELD_SEP,
@@ -27,7 +28,7 @@ void AppendFrameRow(QorText *out, const QorFrameRecord *frame, int64_t tid) {
     QorTextAppend(&row, head);
     QorAppendFrameGroup(&row, frame, BLANK, "");
     QorTextAppendChar(&row, RECORD_END);
-    QorTextAppend(out, row.text, row.length);
+    return QorTextAppend(out, row.text, row.length);
 }
 
 // The call of the view's head shows file and number as they are, also for a native frame.
@@ -126,7 +127,7 @@ void ShowFramework(StackTexts *texts, const char *name, int64_t tid) {
 // Reads all frames: rows, current call and the state that they refine. The current call is the first user
 // call, or the bottom frame when there is none; a framework frame is none, as its data will stand there.
 void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, StackTexts *texts) {
-    bool userCallFound = false;
+    bool userCallFound = false, full = false;
     QorXtierFlags xtier = {};
     tessar_thick_driver = 0;
     QorStartThreadFrames();
@@ -144,8 +145,10 @@ void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, StackTexts *tex
         }
         if (framework != FRAMEWORK_NONE)
             HoldPlace(&texts->rows, &texts->place, framework, frame.fileName);
-        AppendFrameRow(&texts->rows, &frame, thread->tid);
+        if (!full) // rows behind a hole would pass for the next ones
+            full = AppendFrameRow(&texts->rows, &frame, thread->tid) < 0;
     }
+    qorReplyIsCut |= full;
     if (frames->count == 0)
         GetThreadEnhancedState(nullptr, thread);
 }

@@ -182,7 +182,7 @@ uint32_t ElapsedUsec() {
 void AddTimingLine() {
     diff_time = ElapsedUsec();
     pagebuf[PAGEBUF_SIZE - 1] = 0;
-    if (static_cast<int32_t>(strlen(pagebuf)) + TIMING_LINE_ROOM >= PAGEBUF_SIZE)
+    if (qorReplyIsCut || static_cast<int32_t>(strlen(pagebuf)) + TIMING_LINE_ROOM >= PAGEBUF_SIZE)
         return;
     char timebuf[TIMEBUF_SIZE];
     if (fpid != 0)
@@ -214,6 +214,7 @@ void process_data() {
     if (qorlocks[1] == 0)
         return;
     arg_num = 0;
+    qorReplyIsCut = false;
     gettimeofday(&last_time, nullptr);
     for (char *&slot : console_args)
         slot = nullptr;

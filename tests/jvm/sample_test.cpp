@@ -1,4 +1,4 @@
-#include "JvmFixture.h"
+#include "AgentNatives.h"
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
 #include "SampleReply.h"
@@ -265,6 +265,56 @@ TEST_F(Sample, FullReplyEndsBehindAWholeRecord) {
             EXPECT_EQ(all.threads[i].frames.size(), cut.threads[i].frames.size()) << size;
     }
     EXPECT_EQ(all.threads.size(), SampleReply::Parse(Ask(QORREQ_POLL_DETAILS), true, true).threads.size());
+    CallVoid(ZOO, "stop", "()V");
+}
+
+TEST_F(Sample, StacksThatFillTheirRoomSayWhatIsMissing) {
+    CallVoid(ZOO, "startWide", "(II)V", 0, 1);
+    const int64_t id = CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text("wide-0"));
+    const size_t depth = ThreadTruth().at(id).frames.size();
+    for (int32_t recorded : {1000, 350}) { // the second leaves out frames in the middle as well
+        maxStackDepthRecorded = recorded;
+        const SampleReply reply = AskDetails();
+        ASSERT_EQ("", reply.error);
+        size_t next = 0;
+        int skips = 0;
+        for (const SampleFrame &frame : reply.Find("zoo-wide-0")->frames) {
+            ASSERT_EQ(static_cast<int64_t>(next), frame.index);
+            const bool skip = frame.file == "NA";
+            next += skip ? std::stoul(frame.call) : 1;
+            skips += skip;
+        }
+        EXPECT_EQ(depth, next) << "frames that are missing are counted";
+        EXPECT_EQ(recorded == 1000 ? 1 : 2, skips);
+        EXPECT_EQ("NA", reply.Find("zoo-wide-0")->frames.back().file);
+    }
+    EXPECT_FALSE(qorReplyIsCut) << "no thread is missing";
+    maxStackDepthRecorded = 300;
+    const std::string stack =
+        Ask(QORREQ_THREAD_DETAILS, "", std::to_string(getpid()) + "-" + std::to_string(id));
+    const std::vector<std::string> rows = Split(stack.substr(stack.find(TITLE_CALL_STACK)), RECORD_END);
+    for (size_t i = 1; i + 1 < rows.size(); ++i)
+        ASSERT_EQ(std::to_string(i - 1), Split(rows[i], FIELD_SEP)[2]) << "a hole";
+    EXPECT_GT(rows.size(), 200u);
+    EXPECT_LT(rows.size(), depth);
+    EXPECT_TRUE(qorReplyIsCut);
+    qorReplyIsCut = false;
+    CallVoid(ZOO, "stop", "()V");
+}
+
+struct FullSample : AgentTest {};
+
+TEST_F(FullSample, HasATimingAsLongAsNoThreadIsMissing) {
+    ASSERT_EQ(StartAgent({}), 0);
+    maxStackDepthRecorded = 1000;
+    for (int end : {9, 11}) {
+        CallVoid(ZOO, "startWide", "(II)V", end == 9 ? 0 : 9, end);
+        const std::string text = Ask("788|showstack|32768");
+        EXPECT_GT(text.size(), 890000u);
+        EXPECT_EQ(text.find("Time spent in JVM") != text.npos, end == 9);
+        EXPECT_EQ(text.find("zoo-wide-" + std::to_string(end - 1)) != text.npos, end == 9);
+    }
+    maxStackDepthRecorded = 300;
     CallVoid(ZOO, "stop", "()V");
 }
 

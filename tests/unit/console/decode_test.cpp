@@ -1,6 +1,8 @@
 // Replies built by hand, in every form that the agent has: whole, odd, cut and wrong.
 #include "decode.h"
 #include "failure.h"
+#include "json.h"
+#include "render.h"
 #include "wire.h"
 
 #include <gtest/gtest.h>
@@ -196,12 +198,26 @@ TEST(DecodeThreads, CutRowsOfActiveThreads) {
     }
 }
 
-// A reply this near the agent's limit has probably lost records, though it ends well.
+// A long reply has lost records when the agent left its timing out, though it ends well.
 TEST(DecodeThreads, FullReplyIsToldAsCut) {
     std::string reply = "JVM Active Threads;";
     while (reply.size() < 1000000)
         reply += ACTIVE_ROW + ";";
-    EXPECT_TRUE(Threads(reply + "!" + TIMING).cut);
+    EXPECT_FALSE(Threads(reply + "!" + TIMING).cut);
+    EXPECT_TRUE(Threads(reply + "!").cut);
+}
+
+TEST(DecodeThreads, StacksWithoutTheirBottomAreTold) {
+    std::string skip = "497 frames are skipped for storage and performance optimization~NA~^~23~3~0~^~^";
+    ThreadSample sample = Threads("Thread Info Details;" + DETAILS_ROW + "!" + STACK + ";" + skip +
+                                  "!Thread Info Details;" + DETAILS_ROW + "!" + STACK + "!" + TIMING);
+    EXPECT_FALSE(sample.cut);
+    EXPECT_TRUE(sample.threads[0].stack_cut);
+    EXPECT_FALSE(sample.threads[1].stack_cut);
+    EXPECT_NE(ThreadDump(sample, Style()).find("\t... 497 frames skipped\n\n"), std::string::npos);
+    EXPECT_NE(SampleNotes(sample, 2).find("; 1 stack lacks frames at the bottom"), std::string::npos);
+    Json json = ToJson(sample);
+    EXPECT_TRUE(json["cut"] && json["threads"][0]["stack_cut"] && !json["threads"][1]["stack_cut"]);
 }
 
 TEST(DecodeThreads, WrongRecordsAreRefused) {

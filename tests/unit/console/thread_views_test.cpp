@@ -78,8 +78,13 @@ TEST(DecodeStack, AFullStackIsToldAsCut) {
     const std::string row = "user~23~0~1~2~3~a." + std::string(1000, 'B') + "->c~F~1;";
     while (rows.size() + row.size() < 99000)
         rows += row;
-    EXPECT_FALSE(Stack(HEAD + rows + "!" + TIMING).cut);
-    EXPECT_TRUE(Stack(HEAD + rows + row + row + "!" + TIMING).cut);
+    EXPECT_FALSE(Stack(HEAD + rows + "!").threads[0].stack_cut);
+    rows += row + row + "!";
+    EXPECT_FALSE(Stack(HEAD + rows + TIMING).threads[0].stack_cut);
+    ThreadSample cut = Stack(HEAD + rows);
+    EXPECT_NE(ThreadDump(cut, Style()).find("\t... frames below are missing"), std::string::npos);
+    EXPECT_NE(StackNotes(cut).find("frames at its bottom are missing"), std::string::npos);
+    EXPECT_EQ(ToJson(cut)["cut"], true);
 }
 
 TEST(DecodeStack, WrongRecordsAreRefused) {

@@ -51,6 +51,12 @@ public final class Zoo {
             admit(new ZooRun.Deep("many-" + i, extra));
     }
 
+    /** Starts "zoo-wide-FIRST" to "zoo-wide-(END - 1)", whose stacks take more than the agent keeps of one. */
+    public static synchronized void startWide(int first, int end) throws Exception {
+        for (int i = first; i < end; i++)
+            admit(new ZooRun.WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas("wide-" + i));
+    }
+
     /** Ends all threads of the zoo. */
     public static synchronized void stop() throws Exception {
         List<Resident> leaving = new ArrayList<>(residents.values());

@@ -115,6 +115,21 @@ final class ZooRun {
         }
     }
 
+    /** Stands 500 calls deep in a class whose name makes its stack rows long. */
+    static final class WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas extends Resident.Parked {
+        WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas(String kind) { super(kind); }
+
+        @Override
+        void walk() { descend(500); }
+
+        private void descend(int left) {
+            if (left > 0)
+                descend(left - 1);
+            else
+                gate.pass();
+        }
+    }
+
     /** Stands `extra` calls deep below the frames that any Deep has. */
     static final class Deep extends Resident.Parked {
         private final int extra;
