@@ -44,6 +44,8 @@ enum : int32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_TRACE_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
+    FLAG_COPY = 1024,    // a text dump or histogram is made by a copy of the process
+    FLAG_NO_COPY = 2048, // it isn't; without either flag the setting decides
 };
 
 extern int32_t no_gc;                       // do not take the GC lock
@@ -53,6 +55,7 @@ extern int32_t trace_single_thread_details; // only the thread named in slot 1
 extern int32_t show_jsp_info;               // web request information
 extern int32_t get_system_data;             // add system data
 extern int32_t trace_all_threads;           // idle threads too
+extern int32_t copy_flags;                  // FLAG_COPY, FLAG_NO_COPY
 extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent
 
 extern uint32_t reqid;                        // what is asked for; keeps its value when a request has none

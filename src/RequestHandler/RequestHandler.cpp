@@ -45,7 +45,7 @@ void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char 
     }
 }
 
-bool QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
+void QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
     QorText reply;
     QorTextContinue(&reply, page, PAGEBUF_SIZE);
     if (!*path) {
@@ -55,7 +55,6 @@ bool QorHandleShowMemRequest(char *page, int32_t, const char *path, uint32_t) {
     } else {
         // The reply says nothing of the outcome: whoever reads the file knows it by its trailer.
         QORLOG(LOG_DETAIL, "processing mem req : %s \n", path);
-        return QorHeapDump(path) == 0;
+        QorHeapDump(path);
     }
-    return false;
 }

@@ -12,8 +12,8 @@
 void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char **args);
 
 // Answers a memory request. `path` is empty (the memory view), the histogram's word, or the file of a text
-// dump. The second argument is always 8 and is not read. True when it wrote a dump.
-bool QorHandleShowMemRequest(char *page, int32_t unused, const char *path, uint32_t reqid);
+// dump. The second argument is always 8 and is not read.
+void QorHandleShowMemRequest(char *page, int32_t unused, const char *path, uint32_t reqid);
 
 // Answers with the fields of the object that carries a tag, class by class from its own class upwards; the
 // topmost class is left out. An object that is gone and an array of primitives give nothing. The

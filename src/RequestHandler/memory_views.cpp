@@ -183,5 +183,10 @@ void QorShowClassHistogram(QorText *reply) {
     }
     if (count != 1)
         QorTextAppendChar(reply, SECTION_END);
+    if (qorHistogramAge >= 0) {
+        AppendTitle(reply, "JVM Class Details Age");
+        AppendField(reply, qorHistogramAge);
+        QorTextAppendChar(reply, SECTION_END);
+    }
     QorFreeClassCounts(entries, count);
 }

@@ -1,6 +1,7 @@
 #include "ClassHistogram.h"
 
 #include "ForkedHistogram.h"
+#include "ForkedWalk.h"
 #include "JniCalls.h"
 #include "MethodTable.h"
 #include "Session.h"
@@ -14,6 +15,7 @@
 
 int32_t gbiclassCount;
 const char *qorNoHistogram;
+int64_t qorHistogramAge;
 
 namespace {
 
@@ -51,10 +53,6 @@ void TagClasses(jvmtiEnv *env, const jclass *classes, QorClassCountEntry *entrie
 }
 
 bool CountHeap(jvmtiEnv *env, QorClassCountEntry *entries) {
-    if (QorGetForkHeapDumpCapability()) {
-        qorNoHistogram = QorCountHeapInCopy(env, entries);
-        return !qorNoHistogram;
-    }
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_iteration_callback = cbObjectCounter;
     timeval start, end;
@@ -88,7 +86,7 @@ jclass *LoadedClasses(jvmtiEnv *env, jint *count) {
 }
 
 // Null after a failure.
-QorClassCountEntry *CountClasses(jvmtiEnv *env) {
+QorClassCountEntry *CountClasses(jvmtiEnv *env, QorHistogramPass pass) {
     jint loaded = 0;
     jclass *classes = LoadedClasses(env, &loaded);
     if (!classes)
@@ -99,7 +97,7 @@ QorClassCountEntry *CountClasses(jvmtiEnv *env) {
     if (entries) {
         gbiclassCount = loaded;
         TagClasses(env, classes, entries);
-        counted = CountHeap(env, entries);
+        counted = pass(env, entries);
     } else {
         QORLOG(LOG_ERROR, "Failed to Allocate Memory for Classes");
     }
@@ -112,24 +110,32 @@ QorClassCountEntry *CountClasses(jvmtiEnv *env) {
 
 } // namespace
 
-int32_t QorClassInstanceCounts(int64_t *count, QorClassCountEntry **entries) {
-    *count = 0;
-    *entries = nullptr;
-    qorNoHistogram = nullptr;
+QorClassCountEntry *QorListClasses(QorHistogramPass pass) {
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
         QORLOG(LOG_ERROR, " QorGetMemory Out of Memory");
     if (!jvmtijni_env)
-        return -1;
+        return nullptr;
     jvmtiEnv *env = QorOpenTagEnvironment();
     if (!env)
-        return -1;
-    *entries = CountClasses(env);
+        return nullptr;
+    QorClassCountEntry *entries = CountClasses(env, pass);
     QorCloseTagEnvironment(env);
+    return entries;
+}
+
+int32_t QorClassInstanceCounts(int64_t *count, QorClassCountEntry **entries) {
+    *count = 0;
+    qorNoHistogram = nullptr;
+    qorHistogramAge = -1;
+    if (QorWantsCopy()) {
+        *entries = QorCountHeapInCopy(count, &qorNoHistogram, &qorHistogramAge);
+    } else if ((*entries = QorListClasses(CountHeap)) != nullptr) {
+        *count = gbiclassCount;
+    }
     if (!*entries)
         return -1;
-    QorClassSizeSort(*entries, 0, gbiclassCount - 1);
-    *count = gbiclassCount;
+    QorClassSizeSort(*entries, 0, *count - 1);
     return 0;
 }
 

@@ -16,11 +16,17 @@ struct QorClassCountEntry {
 
 extern int32_t gbiclassCount;      // entries of the pass
 extern const char *qorNoHistogram; // why the last pass was refused or failed, for the reply; null for nothing
+extern int64_t qorHistogramAge;    // seconds since the heap was as the last pass tells; -1: of this request
 
 // Counts and sorts by size, smallest first. 0, or -1 with *count 0 and *entries null. The caller gives the
 // entries back by QorFreeClassCounts.
 int32_t QorClassInstanceCounts(int64_t *count, QorClassCountEntry **entries);
 void QorFreeClassCounts(QorClassCountEntry *entries, int64_t count);
+
+// Lists the loaded classes, tags each by its place from 1, and makes `pass` over the heap with these tags.
+// The entries, gbiclassCount of them, or null after a failure; the tags are gone in any case.
+using QorHistogramPass = bool (*)(jvmtiEnv *env, QorClassCountEntry *entries);
+QorClassCountEntry *QorListClasses(QorHistogramPass pass);
 
 // Adds one object to the entry of its class. Runs inside the JVM's iteration.
 jint JNICALL cbObjectCounter(jlong classTag, jlong size, jlong *tagPtr, jint length, void *entries);

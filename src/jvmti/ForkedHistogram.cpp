@@ -4,14 +4,15 @@
 #include "Session.h"
 #include "platforms/linux.h"
 #include "qorlog.h"
-#include "qorsettings.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+int64_t gbiHistogramLife = 10 * 60 * 1000;
+
 namespace {
 
+constexpr int64_t MSEC_PER_SEC = 1000;
 constexpr jlong COUNTED = 1LL << 40; // added to the tag of an object that has been counted, classes included
 
 // How the instances of a class are counted. The walk visits an object once, and then reports the reference to
@@ -107,7 +108,30 @@ jint JNICALL CountPrimitives(jlong classTag, jlong size, jlong *, jint, jvmtiPri
     return JVMTI_VISIT_OBJECTS;
 }
 
-int32_t Fork(jvmtiEnv *env) {
+// The histogram that a copy makes, or has made for a request that couldn't wait.
+struct Job {
+    QorClassCountEntry *entries; // null: there is none
+    int64_t count;
+    int32_t pipe[2];
+    int64_t madeAt, until; // by QorForkClock; when nobody has come for it, it is dropped
+    QorForkState state;    // FORK_RUNNING as long as the copy isn't forgotten
+    int32_t error;
+};
+Job job = {nullptr, 0, {-1, -1}, 0, 0, FORK_NONE, 0};
+int32_t refused; // why the last pass made no copy
+
+// The copy's end, seen in the process.
+void TakeFigures(QorForkState state, int32_t error, const void *result) {
+    const auto *figures = static_cast<const Tally *>(result);
+    for (int64_t i = 0; state == FORK_DONE && job.entries && i < job.count; i++) {
+        job.entries[i].count = figures[i].count;
+        job.entries[i].size = figures[i].size;
+    }
+    job.state = state;
+    job.error = error;
+}
+
+int32_t Walk(jvmtiEnv *env) {
     jvmtiHeapCallbacks callbacks = {};
     arraysMet = arraysVisited = 0;
     callbacks.heap_reference_callback = CountReference;
@@ -115,66 +139,111 @@ int32_t Fork(jvmtiEnv *env) {
     return QorForkedWalkReturned(env->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
 }
 
-void TakeFigures(QorClassCountEntry *entries) {
-    for (int32_t i = 0; i < gbiclassCount; i++) {
-        entries[i].count = tallies[i].count;
-        entries[i].size = tallies[i].size;
-    }
-}
-
-// How a copy ended; a late one counts as one that failed.
-QorForkState Outcome(int32_t pipeEnd, int32_t *error) {
-    const bool inTime = QorWaitForFork(pipeEnd, qor_max_timeout);
-    const QorForkState state = QorForkOutcome(error);
-    if (inTime || state != FORK_RUNNING)
-        return state;
-    *error = ETIMEDOUT;
-    return FORK_FAILED;
-}
-
-// One fork, and the wait for its figures. 0 with the outcome, or the refusal.
-int32_t CountOnce(jvmtiEnv *env, QorClassCountEntry *entries, QorForkState *state, int32_t *error) {
-    int32_t pipe[2];
-    if (!qor_create_pipe(pipe))
-        return FORK_REFUSED_BY_SYSTEM;
+// The pass over the heap: the copy makes it.
+bool StartCopy(jvmtiEnv *env, QorClassCountEntry *entries) {
     const size_t size = static_cast<size_t>(gbiclassCount) * sizeof(Tally);
-    int32_t pid = FORK_REFUSED_BY_SYSTEM;
-    if (QorPrepareFork({-1, {pipe[0], pipe[1]}, size, WalkCanBeOver, AddUp})) {
-        tallies = static_cast<Tally *>(QorForkResult());
-        for (int32_t i = 0; i < gbiclassCount; i++)
-            tallies[i].way = WayOf(entries[i].name);
-        pid = Fork(env);
-        qor_close_handle(&pipe[1]);
-        if (pid > 0)
-            *state = Outcome(pipe[0], error);
-        if (*state == FORK_DONE)
-            TakeFigures(entries);
-        QorForgetFork();
-        tallies = nullptr;
+    const QorForkPlan plan = {
+        -1, {job.pipe[0], job.pipe[1]}, size, WalkCanBeOver, [] { return false; }, AddUp, TakeFigures};
+    refused = FORK_REFUSED_BY_SYSTEM;
+    if (!QorPrepareFork(plan))
+        return false;
+    tallies = static_cast<Tally *>(QorForkResult());
+    for (int32_t i = 0; i < gbiclassCount; i++)
+        tallies[i].way = WayOf(entries[i].name);
+    job.madeAt = QorForkClock();
+    const int32_t pid = Walk(env);
+    tallies = nullptr;
+    if (pid > 0)
+        return true;
+    refused = pid;
+    QorForgetFork();
+    return false;
+}
+
+void Drop() {
+    QorFreeClassCounts(job.entries, job.entries ? job.count : 0);
+    job.entries = nullptr;
+    qor_close_pipe(job.pipe);
+}
+
+// Begins the job. False with `refused` set.
+bool Begin() {
+    refused = FORK_REFUSED_BY_SYSTEM;
+    if (!qor_create_pipe(job.pipe))
+        return false;
+    job.entries = QorListClasses(StartCopy);
+    qor_close_handle(&job.pipe[1]);
+    if (!job.entries) {
+        Drop();
+        return false;
     }
-    qor_close_pipe(pipe);
-    return pid < 0 ? pid : 0;
+    job.count = gbiclassCount;
+    job.state = FORK_RUNNING;
+    return true;
+}
+
+// Hands the figures over.
+QorClassCountEntry *Deliver(int64_t *count) {
+    QorClassCountEntry *entries = job.entries;
+    *count = job.count;
+    job.entries = nullptr;
+    Drop();
+    return entries;
+}
+
+const char *FailureText() {
+    static char text[256];
+    snprintf(text, sizeof text, "Class histogram failed, %s", QorForkFailureText(job.state, job.error));
+    QORLOG(LOG_ERROR, "%s", text);
+    return text;
 }
 
 } // namespace
 
-const char *QorCountHeapInCopy(jvmtiEnv *env, QorClassCountEntry *entries) {
-    static char text[256];
-    const int32_t refusal = QorCheckFork();
-    if (refusal)
-        return QorForkRefusalText(refusal);
-    QorForkState state = FORK_NONE;
-    int32_t error = 0;
-    for (int attempt = 0; attempt < FORK_ATTEMPTS; attempt++) {
-        const int32_t refused = CountOnce(env, entries, &state, &error);
-        if (refused)
-            return QorForkRefusalText(refused);
-        if (state == FORK_DONE)
+QorClassCountEntry *QorCountHeapInCopy(int64_t *count, const char **refusal, int64_t *age) {
+    const int64_t asked = QorForkClock(), until = asked + QorForkPatience();
+    QorTendHistogram();
+    if (!job.entries && (refused = QorCheckFork(FORK_FOR_HISTOGRAM)) != 0) {
+        *refusal = QorForkRefusalText(refused);
+        return nullptr;
+    }
+    for (int32_t made = 1;; made++) {
+        if (!job.entries && !Begin()) {
+            *refusal = QorForkRefusalText(refused);
             return nullptr;
-        if (state == FORK_FAILED)
+        }
+        if (job.state == FORK_RUNNING && !QorWaitForFork(job.pipe[0], until)) {
+            job.until = QorForkClock() + gbiHistogramLife;
+            *refusal = "Class histogram still being made, ask again.";
+            return nullptr;
+        }
+        if (job.state == FORK_RUNNING)
+            QorForgetFork(); // settles the job
+        if (job.state == FORK_DONE) {
+            *age = job.madeAt < asked ? (QorForkClock() - job.madeAt) / MSEC_PER_SEC : -1;
+            return Deliver(count);
+        }
+        Drop();
+        if (!QorForkAgain("Class histogram", made, job.state, job.error))
             break;
     }
-    snprintf(text, sizeof text, "Class histogram failed, %s", QorForkFailureText(state, error));
-    QORLOG(LOG_ERROR, "%s", text);
-    return text;
+    *refusal = FailureText();
+    return nullptr;
+}
+
+void QorTendHistogram() {
+    if (!job.entries)
+        return;
+    if (job.state == FORK_RUNNING && !QorForkedChildLives())
+        QorForgetFork();
+    if (QorForkClock() < job.until)
+        return;
+    QORLOG(LOG_NOTE, "Class histogram: nobody has asked for it in time, it is dropped");
+    QorDropHistogram();
+}
+
+void QorDropHistogram() {
+    if (job.entries && job.state == FORK_RUNNING)
+        QorEndFork();
+    Drop();
 }

@@ -7,16 +7,25 @@
 #include "platforms/memory_headroom.h"
 #include "platforms/memory_maps.h"
 #include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <unistd.h>
 
-int32_t gbiForkHeapShares = 3;
+int32_t gbiForkHeapShares[2] = {1, 3};
+bool (*qorAgentLeaves)();
 
 namespace {
 
 constexpr int MIB_SHIFT = 20;
+constexpr int64_t MSEC_PER_SEC = 1000, NSEC_PER_MSEC = 1000 * 1000;
+constexpr int32_t MOST_REPEATS = 3;
+constexpr uint64_t COPY_TASKS = 2;                  // the copy's two threads
+constexpr uint64_t SMALL_HEAP = 64ULL << MIB_SHIFT; // walked in a moment
 
 struct RefusalRow {
     int32_t refusal;
@@ -28,6 +37,7 @@ constexpr RefusalRow REFUSALS[] = {
     {FORK_REFUSED_BUSY, "Unable to start Heap Dump: an earlier one is still being written."},
     {FORK_REFUSED_BY_JVM, "Unable to start Heap Dump: the JVM refuses the walk."},
     {FORK_REFUSED_FILE, "Unable to start Heap Dump: the file can't be opened."},
+    {FORK_REFUSED_TASKS, "Unable to start Heap Dump: no further process is allowed."},
 };
 
 // Mappings of a heap that some collectors keep, or are told to keep, in a file.
@@ -62,6 +72,26 @@ bool HeapIsPrivate() {
     return QorFindMapping(address, &heap) && !heap.shared;
 }
 
+int32_t CheckProcess(QorForkUse use) {
+    if (HasHeapFile() || !HeapIsPrivate()) {
+        QORLOG(LOG_WARNING, "No copy of the process: the heap is shared memory");
+        return FORK_REFUSED_SHARED_HEAP;
+    }
+    if (QorTaskHeadroom() < COPY_TASKS) {
+        QORLOG(LOG_WARNING, "No copy of the process: its control group allows no further task");
+        return FORK_REFUSED_TASKS;
+    }
+    const uint64_t needed = QorGetUsedMemory() * static_cast<uint64_t>(gbiForkHeapShares[use]),
+                   headroom = QorMemoryHeadroom();
+    if (needed <= headroom)
+        return 0;
+    QORLOG(LOG_WARNING, "System low on Virtual Memory, Unable to start heap Dump");
+    QORLOG(LOG_WARNING, "A copy of the process may take %llu MiB, %llu MiB are free",
+           static_cast<unsigned long long>(needed >> MIB_SHIFT),
+           static_cast<unsigned long long>(headroom >> MIB_SHIFT));
+    return FORK_REFUSED_LOW_MEMORY;
+}
+
 } // namespace
 
 const char *QorForkRefusalText(int32_t refusal) {
@@ -84,22 +114,27 @@ const char *QorForkFailureText(QorForkState state, int32_t error) {
     }
 }
 
-int32_t QorCheckFork() {
-    if (QorForkedChildLives())
-        return FORK_REFUSED_BUSY;
-    if (HasHeapFile() || !HeapIsPrivate()) {
-        QORLOG(LOG_WARNING, "No copy of the process: the heap is shared memory");
-        return FORK_REFUSED_SHARED_HEAP;
-    }
-    const uint64_t needed = QorGetUsedMemory() * static_cast<uint64_t>(gbiForkHeapShares),
-                   headroom = QorMemoryHeadroom();
-    if (needed <= headroom)
-        return 0;
-    QORLOG(LOG_WARNING, "System low on Virtual Memory, Unable to start heap Dump");
-    QORLOG(LOG_WARNING, "A copy of the process may take %llu MiB, %llu MiB are free",
-           static_cast<unsigned long long>(needed >> MIB_SHIFT),
-           static_cast<unsigned long long>(headroom >> MIB_SHIFT));
-    return FORK_REFUSED_LOW_MEMORY;
+bool QorWantsCopy() {
+    return copy_flags ? copy_flags == FLAG_COPY : QorGetForkHeapDumpCapability() != 0;
+}
+
+int32_t QorCheckFork(QorForkUse use) {
+    return QorForkedChildLives() ? FORK_REFUSED_BUSY : CheckProcess(use);
+}
+
+const char *QorWhyNoCopy(QorForkUse use) {
+    if (QorGetUsedMemory() <= SMALL_HEAP)
+        return "64 MiB of heap in use or less";
+    const int32_t refusal = CheckProcess(use);
+    return refusal ? QorForkRefusalText(refusal) : nullptr;
+}
+
+bool QorForkAgain(const char *what, int32_t made, QorForkState state, int32_t error) {
+    if (state == FORK_DONE || state == FORK_FAILED || made > MOST_REPEATS)
+        return false;
+    QORLOG(LOG_WARNING, "%s: the copy of the process is made once more: %s", what,
+           QorForkFailureText(state, error));
+    return true;
 }
 
 int32_t QorForkedWalkReturned(jvmtiError error) {
@@ -117,10 +152,26 @@ int32_t QorForkedWalkReturned(jvmtiError error) {
     return FORK_REFUSED_BY_SYSTEM;
 }
 
-bool QorWaitForFork(int32_t pipeEnd, int32_t seconds) {
-    constexpr int32_t ENDLESS = 5000;
-    for (int32_t left = seconds ? seconds : ENDLESS; left > 0; left--)
-        if (qor_can_read_internal(pipeEnd, 1) || !QorForkedChildLives())
+int64_t QorForkClock() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * MSEC_PER_SEC + now.tv_nsec / NSEC_PER_MSEC;
+}
+
+int64_t QorForkPatience() {
+    constexpr int64_t ENDLESS = 5000, LEAST = MSEC_PER_SEC, LEAST_REST = 2 * MSEC_PER_SEC, REST_SHARE = 10;
+    const int64_t limit = (qor_max_timeout > 0 ? qor_max_timeout : ENDLESS) * MSEC_PER_SEC;
+    const int64_t rest = std::max(LEAST_REST, limit / REST_SHARE);
+    return std::max(LEAST, limit - rest);
+}
+
+bool QorWaitForFork(int32_t pipeEnd, int64_t until) {
+    constexpr int64_t LOOK_MSEC = 100;
+    while (!QorCanReadWithin(pipeEnd, std::min(LOOK_MSEC, until - QorForkClock()))) {
+        if (!QorForkedChildLives())
             return true;
-    return false;
+        if (QorForkClock() >= until || (qorAgentLeaves && qorAgentLeaves()))
+            return false;
+    }
+    return true;
 }

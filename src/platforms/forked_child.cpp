@@ -2,7 +2,6 @@
 
 #include "linux.h"
 #include "memory_maps.h"
-#include "reaper.h"
 
 #include <cerrno>
 #include <csignal>
@@ -10,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -18,7 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-int32_t gbiForkStandstill = 30000;
+int32_t gbiForkStandstill = 30000, gbiForkSleep = 1000;
 bool qorInForkedChild;
 volatile uint64_t *qorForkSteps;
 
@@ -29,7 +29,8 @@ constexpr int64_t POLL_MSEC = 2;
 constexpr int QUIET_POLLS = 25; // sleeping and no step: the walk is over
 constexpr int64_t NSEC_PER_MSEC = 1000 * 1000;
 constexpr int64_t MSEC_PER_SEC = 1000;
-constexpr int64_t LONGEST_LOOK = 2000; // what one look of the parent's counts at most
+// What one look counts at most: whoever looks may have been held up together with what it looks at.
+constexpr int64_t LONGEST_PARENT_LOOK = 2000, LONGEST_WATCHER_LOOK = 100;
 constexpr int64_t LONGEST_END = 10000; // for a killed copy to be gone
 constexpr int CHILD_PRIORITY = 5;
 constexpr int EXIT_FAILURE_CODE = 3;
@@ -44,11 +45,12 @@ struct Page {
     std::atomic<int32_t> state, error;
 };
 
-QorForkPlan plan = {-1, {-1, -1}, 0, nullptr, nullptr};
+QorForkPlan plan = {-1, {-1, -1}, 0, nullptr, nullptr, nullptr, nullptr};
 Page *page; // with the result behind it
 size_t pageSize;
 char *watcherStack;
-std::atomic<pid_t> childPid; // of the last fork
+std::atomic<pid_t> childPid; // of the last copy
+std::atomic<pid_t> livePid;  // the same until it has been collected
 int forkError;
 pid_t parentPid;
 int walkerStat = -1; // in the copy: the walking thread's figures in /proc
@@ -93,12 +95,6 @@ bool NoteStatistics(const QorMapping &mapping, void *) {
     return true;
 }
 
-int64_t MonotonicMsec() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * MSEC_PER_SEC + now.tv_nsec / NSEC_PER_MSEC;
-}
-
 // System calls of the watching thread while the other one walks. It has no thread data of its own, so it must
 // not touch errno.
 long BareCall(long number, long a, long b, long c, long d) {
@@ -109,6 +105,19 @@ long BareCall(long number, long a, long b, long c, long d) {
                      : "a"(number), "D"(a), "S"(b), "d"(c), "r"(fourth)
                      : "rcx", "r11", "memory");
     return result;
+}
+
+int64_t MonotonicMsec() {
+    timespec now = {};
+    BareCall(SYS_clock_gettime, CLOCK_MONOTONIC, reinterpret_cast<long>(&now), 0, 0);
+    return now.tv_sec * MSEC_PER_SEC + now.tv_nsec / NSEC_PER_MSEC;
+}
+
+// Milliseconds since the last look, at most `longest`.
+int64_t SinceLook(int64_t *last, int64_t longest) {
+    const int64_t now = MonotonicMsec(), since = now - *last;
+    *last = now;
+    return since < longest ? since : longest;
 }
 
 void qor_signal_fork_child_to_parent() {
@@ -201,9 +210,17 @@ void TakeStatisticsApart() {
     }
 }
 
+void CorrectKeptIds(pid_t parentThread) {
+    constexpr size_t NUMBERS = 256; // the pair is 720 bytes into the structure, the structure is larger
+    auto *memory = reinterpret_cast<int32_t *>(pthread_self());
+    const auto pid = static_cast<pid_t>(syscall(SYS_getpid));
+    QorCorrectKeptIds(memory, NUMBERS, {parentThread, parentPid}, {pid, pid});
+}
+
 // The copy from its first moment to where the walk goes on.
-void BecomeChild() {
+void BecomeChild(pid_t parentThread) {
     qorInForkedChild = true;
+    CorrectKeptIds(parentThread);
     ResetSignals();
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parentPid)
         Leave(FORK_FAILED, ESRCH);
@@ -260,36 +277,68 @@ WalkerLook LookAtWalker() {
     return look;
 }
 
+// As only this thread collects the copy, its number is still its own.
+void Kill() {
+    if (livePid)
+        kill(livePid, SIGKILL);
+}
+
+void GiveBack() {
+    int32_t error = 0;
+    const QorForkState state = QorForkOutcome(&error);
+    if (state != FORK_NONE && plan.ended)
+        plan.ended(state, error, page + 1);
+    if (plan.file >= 0 && page && state != FORK_DONE && ftruncate(plan.file, 0) != 0) {
+        // it stays cut off
+    }
+    Unmap();
+    qor_close_handle(&plan.file);
+}
+
 } // namespace
 
-// The steps alone can't tell the end from a long page fault, and the state alone can't tell it from a lock.
+// The steps alone can't tell the end from a long page fault, and the state alone can't tell it from a lock. A
+// thread that only computes is never given up: a table of all tags that grows takes minutes.
 int start_forked_thread(void *) {
     uint64_t steps = 0, ticks = 0;
     int quiet = 0;
-    int64_t standstill = 0;
+    int64_t lastLook = MonotonicMsec(), asleep = 0, standstill = 0;
     for (;;) {
         timespec pause = {0, POLL_MSEC * NSEC_PER_MSEC};
         BareCall(SYS_nanosleep, reinterpret_cast<long>(&pause), 0, 0, 0);
         page->beat++;
+        const int64_t passed = SinceLook(&lastLook, LONGEST_WATCHER_LOOK);
         const uint64_t now = page->steps;
-        const bool moved = now != steps;
-        steps = now;
-        if (moved) {
+        if (now != steps) {
+            steps = now;
             quiet = 0;
-            standstill = 0;
+            asleep = standstill = 0;
             continue;
         }
         const WalkerLook look = LookAtWalker();
-        standstill = look.ticks == ticks ? standstill + POLL_MSEC : 0;
+        standstill = look.ticks == ticks ? standstill + passed : 0;
         ticks = look.ticks;
-        quiet = look.state == 'S' && plan.walkCanBeOver() ? quiet + 1 : 0;
+        const bool sleeps = look.state == 'S' && !plan.isWriting(), over = sleeps && plan.walkCanBeOver();
+        quiet = over ? quiet + 1 : 0;
         if (quiet >= QUIET_POLLS)
             break;
-        if (standstill > gbiForkStandstill)
+        if (sleeps && !over)
+            asleep += passed;
+        if (asleep > gbiForkSleep || standstill > gbiForkStandstill)
             Leave(FORK_STUCK, 0);
     }
     const int32_t error = plan.finish();
     Leave(error ? FORK_FAILED : FORK_DONE, error);
+}
+
+bool QorCorrectKeptIds(int32_t *memory, size_t count, const int32_t (&parent)[2], const int32_t (&child)[2]) {
+    for (size_t i = 0; i + 1 < count; i++) {
+        if (memcmp(memory + i, parent, sizeof parent) != 0)
+            continue;
+        memcpy(memory + i, child, sizeof child);
+        return true;
+    }
+    return false;
 }
 
 bool QorPrepareFork(const QorForkPlan &wanted) {
@@ -318,17 +367,16 @@ bool QorPrepareFork(const QorForkPlan &wanted) {
 }
 
 pid_t QorForkHere() {
-    pid_t pid = fork();
+    constexpr unsigned long NO_EXIT_SIGNAL = 0; // and nothing shared
+    const auto caller = static_cast<pid_t>(syscall(SYS_gettid));
+    const auto pid =
+        static_cast<pid_t>(syscall(SYS_clone, NO_EXIT_SIGNAL, nullptr, nullptr, nullptr, nullptr));
     if (pid == 0)
-        BecomeChild();
+        BecomeChild(caller);
     else if (pid < 0)
         forkError = errno;
-    else if (!QorRecordChild(pid)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        forkError = EAGAIN;
-        pid = -1;
-    }
+    else
+        livePid = pid;
     childPid = pid;
     return pid;
 }
@@ -351,48 +399,49 @@ QorForkState QorForkOutcome(int32_t *error) {
 }
 
 bool QorForkedChildLives() {
-    if (childPid <= 0)
-        return false;
     zombie_reaper();
-    if (!QorChildIsRecorded(childPid))
+    if (!livePid)
         return false;
     if (!page)
-        return true; // left to itself
-    const int64_t now = MonotonicMsec();
-    const int64_t since = now - seenAt;
-    seenAt = now;
+        return true; // killed, and not yet gone
+    const int64_t since = SinceLook(&seenAt, LONGEST_PARENT_LOOK);
     if (seenBeat != page->beat) {
         seenBeat = page->beat;
         stoodStill = 0;
         return true;
     }
-    // A parent that itself was stopped must not take that time for its child's.
-    stoodStill += since < LONGEST_LOOK ? since : LONGEST_LOOK;
+    stoodStill += since;
     if (stoodStill > gbiForkStandstill)
-        QorKillChild(childPid);
+        Kill();
     return true;
 }
 
 void QorForgetFork() {
     constexpr timespec PAUSE = {0, POLL_MSEC * NSEC_PER_MSEC};
-    for (int64_t waited = 0; waited < LONGEST_END && QorForkedChildLives(); waited += POLL_MSEC) {
-        QorKillChild(childPid);
+    const int64_t end = MonotonicMsec() + LONGEST_END;
+    while (QorForkedChildLives() && MonotonicMsec() < end) {
+        Kill();
         nanosleep(&PAUSE, nullptr);
     }
-    if (plan.file >= 0 && page && page->state != FORK_DONE && ftruncate(plan.file, 0) != 0) {
-        // it stays cut off
-    }
-    QorLeaveFork();
+    GiveBack();
 }
 
-void QorLeaveFork() {
-    Unmap();
-    qor_close_handle(&plan.file);
-    if (!QorChildIsRecorded(childPid))
-        childPid = 0;
+void QorEndFork() {
+    Kill();
+    zombie_reaper();
+    GiveBack();
 }
 
 void QorTendFork() {
-    if (page && !QorForkedChildLives())
+    if (!QorForkedChildLives() && page)
         QorForgetFork();
+}
+
+int32_t zombie_reaper() {
+    if (!livePid)
+        return 0;
+    const pid_t ended = waitpid(livePid, nullptr, WNOHANG | __WALL);
+    if (ended != 0 && !(ended < 0 && errno == EINTR))
+        livePid = 0; // or no child of this process any more
+    return ended;
 }

@@ -123,9 +123,14 @@ int32_t qor_close_pipe(int32_t fds[2]) {
 }
 
 int32_t qor_can_read_internal(int32_t fd, int32_t seconds) {
+    return QorCanReadWithin(fd, seconds * MSEC_PER_SEC);
+}
+
+int32_t QorCanReadWithin(int32_t fd, int64_t msec) {
     if (fd == -1)
         return 0;
-    int64_t msec = seconds < 0 ? 0 : seconds * MSEC_PER_SEC;
+    if (msec < 0)
+        msec = 0;
     if (msec > LONGEST_WAIT_MSEC)
         msec = LONGEST_WAIT_MSEC;
     const int ready = PollForInput(fd, msec);

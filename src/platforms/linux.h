@@ -35,6 +35,7 @@ int32_t qor_close_pipe(int32_t fds[2]);
 // Waits up to `seconds` (below 0: not at all) for input, through interrupts. 1 when a read would not block,
 // be it for data, hang-up or error; 0 when the time is over, on failure, and for descriptor -1.
 int32_t qor_can_read_internal(int32_t fd, int32_t seconds);
+int32_t QorCanReadWithin(int32_t fd, int64_t msec);
 
 // Limits the socket's sends and receives to 5 seconds; not on a Nimb JVM.
 void qor_set_socket_TO(int32_t socket);

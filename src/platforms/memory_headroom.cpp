@@ -8,14 +8,24 @@ namespace {
 
 constexpr size_t PATH_SIZE = 4096, LINE_SIZE = 4096;
 
-// The files of a group, by version of the interface.
+constexpr char MEMBERSHIP[] = "/proc/self/cgroup", GROUPS[] = "/sys/fs/cgroup";
+
+// The files of a group.
 struct GroupFiles {
     const char *folder; // below the root
-    const char *limit, *usage, *reclaimable;
+    const char *limit, *usage;
+    const char *reclaimable; // key in memory.stat, null for none
 };
-constexpr GroupFiles VERSION_1 = {"/memory", "memory.limit_in_bytes", "memory.usage_in_bytes",
-                                  "total_inactive_file "};
-constexpr GroupFiles VERSION_2 = {"", "memory.max", "memory.current", "inactive_file "};
+struct Resource {
+    const char *controller; // as the membership of version 1 names it
+    GroupFiles version1, version2;
+};
+constexpr Resource RESOURCES[] = {
+    {"memory",
+     {"/memory", "memory.limit_in_bytes", "memory.usage_in_bytes", "total_inactive_file "},
+     {"", "memory.max", "memory.current", "inactive_file "}},
+    {"pids", {"/pids", "pids.max", "pids.current", nullptr}, {"", "pids.max", "pids.current", nullptr}},
+};
 
 // The number behind `key` in a file of lines; with an empty key, the number that the file begins with. False
 // when there is none, as for a limit of "max".
@@ -54,7 +64,8 @@ uint64_t HeadroomOf(const char *group, const GroupFiles &files) {
     uint64_t limit = 0, usage = 0, reclaimable = 0;
     if (!GroupNumber(group, files.limit, "", &limit) || !GroupNumber(group, files.usage, "", &usage))
         return UINT64_MAX;
-    GroupNumber(group, "memory.stat", files.reclaimable, &reclaimable);
+    if (files.reclaimable)
+        GroupNumber(group, "memory.stat", files.reclaimable, &reclaimable);
     usage = usage > reclaimable ? usage - reclaimable : 0;
     return limit > usage ? limit - usage : 0;
 }
@@ -79,7 +90,8 @@ uint64_t HeadroomUpwards(const char *root, const GroupFiles &files, const char *
 
 } // namespace
 
-uint64_t QorCgroupHeadroom(const char *membership, const char *root) {
+uint64_t QorCgroupHeadroom(QorCgroupResource wanted, const char *membership, const char *root) {
+    const Resource &resource = RESOURCES[wanted];
     FILE *file = fopen(membership, "re");
     if (!file)
         return UINT64_MAX;
@@ -92,10 +104,10 @@ uint64_t QorCgroupHeadroom(const char *membership, const char *root) {
         if (!path)
             continue;
         *path++ = 0;
-        if (strcmp(controllers + 1, "memory") == 0)
-            least = Least(least, HeadroomUpwards(root, VERSION_1, path));
+        if (strcmp(controllers + 1, resource.controller) == 0)
+            least = Least(least, HeadroomUpwards(root, resource.version1, path));
         else if (!controllers[1])
-            least = Least(least, HeadroomUpwards(root, VERSION_2, path));
+            least = Least(least, HeadroomUpwards(root, resource.version2, path));
     }
     fclose(file);
     return least;
@@ -106,5 +118,9 @@ uint64_t QorMemoryHeadroom() {
     constexpr int KIB_SHIFT = 10;
     const bool known = ReadNumber("/proc/meminfo", "MemAvailable:", &available);
     return Least(known ? available << KIB_SHIFT : UINT64_MAX,
-                 QorCgroupHeadroom("/proc/self/cgroup", "/sys/fs/cgroup"));
+                 QorCgroupHeadroom(CGROUP_MEMORY, MEMBERSHIP, GROUPS));
+}
+
+uint64_t QorTaskHeadroom() {
+    return QorCgroupHeadroom(CGROUP_TASKS, MEMBERSHIP, GROUPS);
 }

@@ -1,7 +1,6 @@
 #include "dispatch.h"
 
 #include "channel.h"
-#include "library_dump.h"
 #include "no_processing.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
@@ -57,16 +56,11 @@ void ParseRequestFields() {
 void ShowMemory() {
     reqid = pars ? QorParseNumber(pars) : 0;
     ClearReply();
-    const bool forked = QorGetForkHeapDumpCapability();
-    if (QorOnJvmtiRoad() && forked)
-        QorAttachThread(); // this may be the dump's own process, whose copy of the thread is not attached
     if (!QorCanInspect()) {
         ReplyUninitialized();
         return;
     }
-    const bool dumped = QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid);
-    if (forked && dumped)
-        QorReplyDumped("JVM Heap");
+    QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid);
 }
 
 void AskThreadView() {

@@ -11,15 +11,14 @@
 #include "request_text.h"
 
 #include "RequestHandler/records.h"
+#include "jvmti/ForkedHistogram.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
 #include "jvmti/heapdump/ForkedDump.h"
 #include "platforms/linux.h"
-#include "platforms/reaper.h"
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 int32_t pipe_fd_FP[2] = {-1, -1};
 
@@ -31,12 +30,6 @@ void Append(const char *text) {
 
 void ReplyRefused(int32_t refusal) {
     QOR_REPLY("%s%c", QorForkRefusalText(refusal), SECTION_END);
-}
-
-int32_t SecondsSince(time_t start) {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int32_t>(now.tv_sec - start);
 }
 
 // Why the file isn't whole.
@@ -55,8 +48,8 @@ void ReleaseGcLock() {
 
 enum Attempt { ANSWERED, TRY_AGAIN };
 
-// One fork, and the wait for what comes of it.
-Attempt ForkAndWait(int32_t seconds, bool last) {
+// The `made`th copy, and the wait for what comes of it.
+Attempt ForkAndWait(int64_t until, int32_t made) {
     if (!qor_create_pipe(pipe_fd_FP)) {
         ReleaseGcLock();
         Append("JVM Heap: Error cannot create child pipe");
@@ -72,7 +65,7 @@ Attempt ForkAndWait(int32_t seconds, bool last) {
     }
     QORLOG(LOG_NOTE, "Heap dump: process %d writes it", pid);
     QOR_REPLY("JVM Heap dump started.%c", SECTION_END);
-    if (qor_wait_for_forked_child_to_respond(seconds) == 0) {
+    if (qor_wait_for_forked_child_to_respond(until) == 0) {
         Append("JVM Heap:Heap dump timed out");
         return ANSWERED;
     }
@@ -81,7 +74,7 @@ Attempt ForkAndWait(int32_t seconds, bool last) {
     QorForgetFork();
     if (state == FORK_DONE)
         Append("JVM Heap:Heap dump completed sucessfully");
-    else if (state != FORK_FAILED && !last)
+    else if (QorForkAgain("Heap dump", made, state, error))
         return TRY_AGAIN;
     else
         AppendFailure(state, error);
@@ -89,25 +82,18 @@ Attempt ForkAndWait(int32_t seconds, bool last) {
 }
 
 void Dump() {
-    const int32_t limit = qor_max_timeout ? qor_max_timeout : DEFAULT_WAIT_SECONDS;
-    timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (int attempt = 1; attempt <= FORK_ATTEMPTS; attempt++) {
-        const int32_t left = limit - SecondsSince(start.tv_sec);
-        const Attempt outcome = ForkAndWait(left > 0 ? left : 1, attempt == FORK_ATTEMPTS);
+    const int64_t until = QorForkClock() + QorForkPatience();
+    Attempt outcome = TRY_AGAIN;
+    for (int32_t made = 1; outcome == TRY_AGAIN; made++) {
+        outcome = ForkAndWait(until, made);
         qor_close_pipe(pipe_fd_FP);
-        zombie_reaper();
-        if (outcome == ANSWERED)
-            return;
-        QORLOG(LOG_WARNING, "Heap dump: once more, as the process that wrote it came to no end");
     }
 }
 
 } // namespace
 
 bool QorAnswerForkedDump(const char *command) {
-    if (strncmp(command, DUMP_REQUEST, sizeof DUMP_REQUEST - 1) != 0 || !QorGetForkHeapDumpCapability() ||
-        !QorCanInspect())
+    if (strncmp(command, DUMP_REQUEST, sizeof DUMP_REQUEST - 1) != 0 || !QorWantsCopy() || !QorCanInspect())
         return false;
     set_qor_handler();
     QorParseDumpRequest(buf);
@@ -118,15 +104,11 @@ bool QorAnswerForkedDump(const char *command) {
     return true;
 }
 
-int32_t qor_wait_for_forked_child_to_respond(int32_t seconds) {
-    int32_t left = seconds ? seconds : DEFAULT_WAIT_SECONDS;
-    bool readable = false;
-    for (; left > 0 && !readable && agentstatus != AGENT_SHUTDOWN; left--) {
-        readable = qor_can_read(pipe_fd_FP[0], 1);
-        QorForkedChildLives(); // looks after it
-    }
-    if (!readable)
+int32_t qor_wait_for_forked_child_to_respond(int64_t until) {
+    if (!QorWaitForFork(pipe_fd_FP[0], until))
         return 0;
+    if (!qor_can_read_internal(pipe_fd_FP[0], 0))
+        return -1; // it is gone, but a child of the application's has inherited the other end
     char pipe_str[FORK_HANDSHAKE_SIZE] = {};
     const ssize_t got = qor_read_file(pipe_fd_FP[0], pipe_str, FORK_HANDSHAKE_SIZE);
     if (got != FORK_HANDSHAKE_SIZE)
@@ -140,4 +122,14 @@ int32_t qor_wait_for_forked_child_to_respond(int32_t seconds) {
     QORLOG(LOG_NOTE, "Pipe not invoked by Child process");
     qor_perror(" Qor Agent Error 2008:");
     return -1;
+}
+
+void QorTendCopies() {
+    QorTendHistogram();
+    QorTendFork();
+}
+
+void QorDropCopies() {
+    QorDropHistogram();
+    QorEndFork();
 }

@@ -1,17 +1,23 @@
 // Text heap dumps that a copy of this process writes while the JVM runs on.
 //
-// The worker waits for the copy, up to the time that a caller waits for a reply; one that takes longer goes
-// on by itself. See jvmti/heapdump/ForkedDump.h.
+// The worker waits for the copy, for somewhat less than a caller waits for a reply; one that takes longer
+// goes on by itself. See jvmti/heapdump/ForkedDump.h.
 #pragma once
 
 #include <cstdint>
 
 extern int32_t pipe_fd_FP[2]; // from the copy; made for each dump and closed when the wait for it is over
 
-// Answers the request in `buf` by such a dump, if it asks for a text dump and forking is on: true, with the
+// Answers the request in `buf` by such a dump, if it asks for a text dump and for a copy: true, with the
 // reply in `pagebuf` and the GC lock given back. `command` is the text behind its flags. Worker.
 bool QorAnswerForkedDump(const char *command);
 
-// Waits for the copy's last word; 0 seconds stand for 5,000. 1 when it came, -1 when something else came
-// (also the pipe's end, which counts as a word too), 0 when the time is over or the agent is leaving.
-int32_t qor_wait_for_forked_child_to_respond(int32_t seconds);
+// Waits for the copy's last word until QorForkClock comes to `until`. 1 when it came, -1 when something else
+// came (also the pipe's end, which counts as a word too), 0 when the time is over or the agent is leaving.
+int32_t qor_wait_for_forked_child_to_respond(int64_t until);
+
+// Looks after copies that nobody waits for at the moment. Worker, at each wake.
+void QorTendCopies();
+
+// Kills them, without waiting for their end, and drops what they have made. Worker, when it leaves.
+void QorDropCopies();

@@ -52,7 +52,8 @@ void DumpByLibrary(bool hprof, bool phd) {
     }
     if (!gbLibraryDumpWritten)
         return;
-    QorReplyDumped(kind);
+    QOR_REPLY("%s:%s|%s|%s|%s|Heap details dumped to %s", kind, vend, vers, ext_jvm_id_str, os_name,
+              dumpfile);
     QORLOG(LOG_NOTE, "%s", pagebuf);
 }
 
@@ -68,9 +69,4 @@ bool QorAnswerLibraryDump() {
     else
         RefuseDump();
     return true;
-}
-
-void QorReplyDumped(const char *kind) {
-    QOR_REPLY("%s:%s|%s|%s|%s|Heap details dumped to %s", kind, vend, vers, ext_jvm_id_str, os_name,
-              dumpfile);
 }

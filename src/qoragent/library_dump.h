@@ -6,6 +6,3 @@
 // Answers the request in `buf` if it asks for such a dump: true, with the reply in `pagebuf` and the request
 // still in progress. A reply names a file only when that file was written. Worker.
 bool QorAnswerLibraryDump();
-
-// Replies that `dumpfile` was written by a dump of this kind.
-void QorReplyDumped(const char *kind);

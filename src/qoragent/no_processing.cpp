@@ -9,8 +9,8 @@
 #include "request_text.h"
 
 #include "RequestHandler/memory_views.h"
+#include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
-#include "platforms/reaper.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -49,6 +49,15 @@ void SetForkDump(char *value) {
     QORLOG(LOG_NOTE, "%s", pagebuf);
 }
 
+// Whether a copy can make a histogram or, with the value "dump", a text dump.
+void ShowForkState(char *value) {
+    const bool dump = value && strncmp(value, "dump", 4) == 0;
+    const char *why = "QOR Uninitialized for this JVM";
+    if (QorCanInspect())
+        why = QorWhyNoCopy(dump ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM);
+    QOR_REPLY("forkstate=%d forkdump=%d %s", !why, QorGetForkHeapDumpCapability(), why ? why : "");
+}
+
 void ReadRules(char *value) {
     QORLOG(LOG_NOTE, "Reading Idle Thread and System Call rules ");
     QORLOG(LOG_DETAIL, "Reading conds %s", value);
@@ -83,6 +92,7 @@ constexpr Key KEYS[] = {
     {"qorheapdir", true, SetHeapDir},
     {"qorretry", true, SetRetry},
     {"forkdump", true, SetForkDump}, // text dumps and histograms by a copy of the process
+    {"forkstate", false, ShowForkState},
     {"activethreads", true, ReadRules},
     {"getJavaString", true, ShowJavaString},
     {"CZPRequest", false, ReapChildren},

@@ -2,6 +2,7 @@
 
 #include "caller.h"
 #include "channel.h"
+#include "forked_dump.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -17,7 +18,6 @@
 #include "jvmti/Session.h"
 #include "jvmti/trycatch.h"
 #include "platforms/QorOS.h"
-#include "platforms/forked_child.h"
 
 #include <ctime>
 
@@ -68,7 +68,7 @@ void QorDropSession(JNIEnv *env) {
 
 void exitAgent(JNIEnv *env) {
     prev_ch_pid = ch_pid.load();
-    QorLeaveFork();
+    QorDropCopies();
     QorFreeReply();
     if (env) {
         QorDropSession(env);

@@ -17,8 +17,8 @@
 
 #include "RequestHandler/enrichment.h"
 #include "RequestHandler/records.h"
+#include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
-#include "platforms/forked_child.h"
 #include "platforms/linux.h"
 
 #include <cstdio>
@@ -220,7 +220,7 @@ void ServeRequests(const intptr_t start) {
             QORLOG(LOG_NOTE, "agentstatus = SHUTDOWN. breaking out while loop in child process");
             break;
         }
-        QorTendFork();
+        QorTendCopies();
         if (!qor_can_read(pipe_fd_PP[0], LOOK_ROUND_SECONDS))
             continue;
         if (Outdated(start))
@@ -278,6 +278,7 @@ void *qor_child_thread(void *startNumber) {
             checkCapabilities();
     }
     ch_pid = qor_current_thread_id();
+    qorAgentLeaves = [] { return agentstatus == AGENT_SHUTDOWN; };
     LogStart();
     ServeRequests(start);
     if (!Outdated(start))

@@ -6,11 +6,14 @@
 #include "DumpReaders.h"
 #include "LogCapture.h"
 #include "jvmti/ClassHistogram.h"
+#include "jvmti/ForkedHistogram.h"
 #include "jvmti/ForkedWalk.h"
+#include "jvmti/MemorySystem.h"
 #include "jvmti/heapdump/DumpState.h"
 #include "jvmti/heapdump/ForkedDump.h"
 #include "jvmti/heapdump/HeapDump.h"
 #include "platforms/linux.h"
+#include "platforms/memory_headroom.h"
 #include "qorsettings.h"
 
 #include <atomic>
@@ -95,7 +98,7 @@ struct QuietHeap : SessionTest {
         EXPECT_TRUE(qor_create_pipe(pipe));
         EXPECT_GT(QorForkHeapDump(in("dump").c_str(), pipe), 0);
         qor_close_handle(&pipe[1]);
-        EXPECT_TRUE(QorWaitForFork(pipe[0], 60));
+        EXPECT_TRUE(QorWaitForFork(pipe[0], QorForkClock() + 60000));
         EXPECT_EQ(QorForkOutcome(&error), FORK_DONE);
         QorForgetFork();
         qor_close_pipe(pipe);
@@ -173,9 +176,13 @@ struct ForkedDump : AgentTest {
     }
     void TearDown() override {
         gbiForkStandstill = 30000;
-        gbiForkHeapShares = 3;
+        gbiForkHeapShares[FORK_FOR_HISTOGRAM] = 1;
+        gbiForkHeapShares[FORK_FOR_DUMP] = 3;
+        gbiHistogramLife = 600000;
         AgentTest::TearDown();
     }
+
+    static constexpr const char *REQUESTS[] = {DUMP, HISTOGRAM};
 
     DumpFolder in;
 };
@@ -219,38 +226,145 @@ TEST_F(ForkedDump, AHundredLeaveNothing) {
     EXPECT_LT(Mappings("-"), all + 20); // the JVM itself grows by some
 }
 
-// Sends a signal to the first copies that come up, one each.
-std::thread Disturb(int copies, int signal) {
-    return std::thread([copies, signal] {
+// Sends a signal to the first copies that come up, one each; the last one's process id.
+std::thread Disturb(int copies, int signal, std::atomic<pid_t> *last = nullptr) {
+    return std::thread([copies, signal, last] {
         std::set<pid_t> met;
         while (static_cast<int>(met.size()) < copies)
             for (pid_t pid : Copies())
-                if (met.insert(pid).second)
+                if (met.insert(pid).second) {
                     kill(pid, signal);
+                    if (last)
+                        *last = pid;
+                }
     });
 }
 
-TEST_F(ForkedDump, ACopyThatIsStoppedIsKilledAndMadeOnceMore) {
-    gbiForkStandstill = 2500;
-    LogCapture log(3);
-    std::thread disturber = Disturb(1, SIGSTOP);
-    EXPECT_EQ(Ask(DUMP), COMPLETED);
-    disturber.join();
-    EXPECT_EQ(log.count("writes it"), 2);
-    EXPECT_EQ(TextDump::Read(in("dump")).error, "");
-    EXPECT_EQ(Copies(), std::vector<pid_t>());
+bool IsAnswer(const std::string &reply) {
+    return reply == COMPLETED || reply.find("JVM Class Details\x1e") == 0;
 }
 
-TEST_F(ForkedDump, CopiesThatDieTwiceLeaveAnEmptyFileAndAreReported) {
-    for (int signal : {SIGKILL, SIGSEGV}) {
-        std::thread disturber = Disturb(2, signal);
-        const std::string reply = Ask(DUMP);
-        disturber.join();
-        EXPECT_EQ(reply, STARTED + std::string("JVM Heap:Heap dump failed, ") +
-                             (signal == SIGKILL ? "its process was ended" : "a fault in its process"));
-        EXPECT_EQ(std::filesystem::file_size(in("dump")), 0u);
+TEST_F(ForkedDump, ACopyThatComesToNoEndIsMadeAgainUpToThreeTimes) {
+    struct Case {
+        int signal, copies;
+        const char *why;
+    };
+    const Case cases[] = {
+        {SIGSTOP, 1, "its process was ended"}, // as it stands still
+        {SIGKILL, 3, "its process was ended"},
+        {SIGSEGV, 4, "a fault in its process"},
+    };
+    gbiForkStandstill = 1500;
+    for (const Case &c : cases) {
+        for (const char *request : REQUESTS) {
+            LogCapture log(3);
+            std::thread disturber = Disturb(c.copies, c.signal);
+            const std::string reply = Ask(request);
+            disturber.join();
+            EXPECT_EQ(log.count(std::string("made once more: ") + c.why), std::min(c.copies, 3))
+                << log.text();
+            EXPECT_EQ(Copies(), std::vector<pid_t>());
+            if (c.copies < 4)
+                EXPECT_TRUE(IsAnswer(reply)) << reply;
+            else if (request == DUMP)
+                EXPECT_EQ(reply, STARTED + std::string("JVM Heap:Heap dump failed, ") + c.why);
+            else
+                EXPECT_EQ(reply.find(std::string("Class histogram failed, ") + c.why), 0u) << reply;
+            if (request == DUMP && c.copies < 4) {
+                EXPECT_EQ(TextDump::Read(in("dump")).error, "");
+            }
+        }
     }
-    EXPECT_EQ(Ask(DUMP), COMPLETED);
+    EXPECT_EQ(std::filesystem::file_size(in("dump")), 0u);
+}
+
+// A copy that can't be ready in time: the answer says so before the caller gives up, and reaches nobody else.
+struct LateCopy : ForkedDump {
+    void SetUp() override {
+        ForkedDump::SetUp();
+        qor_max_timeout = 3; // the wait is a second
+    }
+    void TearDown() override {
+        if (copy > 0)
+            kill(copy, SIGKILL);
+        ForkedDump::TearDown();
+    }
+
+    // A request whose copy is stopped.
+    std::string AskStopped(const char *request) {
+        std::thread disturber = Disturb(1, SIGSTOP, &copy);
+        const std::string reply = Ask(request);
+        disturber.join();
+        return reply;
+    }
+    static void AwaitNoCopy() {
+        while (!Copies().empty())
+            Ask("516|NoProcessing|CZPRequest");
+    }
+
+    std::atomic<pid_t> copy{0};
+    const std::string late = "Class histogram still being made, ask again.\x1f";
+    const std::string busy = "Unable to start Heap Dump: an earlier one is still being written.\x1f";
+};
+
+TEST_F(LateCopy, ItsHistogramIsKeptForTheNextWhoAsks) {
+    EXPECT_EQ(AskStopped(HISTOGRAM).find(late), 0u);
+    EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u) << "somebody else's reply";
+    EXPECT_EQ(Ask(DUMP), busy);
+    EXPECT_EQ(Ask(HISTOGRAM).find(late), 0u);
+    kill(copy, SIGCONT);
+    std::string kept = Ask(HISTOGRAM);
+    while (kept.find(late) == 0)
+        kept = Ask(HISTOGRAM);
+    EXPECT_TRUE(IsAnswer(kept)) << kept;
+    const size_t age = kept.find("\x1fJVM Class Details Age\x1e");
+    ASSERT_NE(age, std::string::npos);
+    EXPECT_GE(atoi(kept.c_str() + age + strlen("\x1fJVM Class Details Age\x1e")), 2);
+    const std::string fresh = Ask(HISTOGRAM);
+    EXPECT_TRUE(IsAnswer(fresh));
+    EXPECT_EQ(fresh.find("JVM Class Details Age"), std::string::npos);
+    gbiHistogramLife = 0; // nobody asks in time
+    EXPECT_EQ(AskStopped(HISTOGRAM).find(late), 0u);
+    AwaitNoCopy();
+}
+
+TEST_F(LateCopy, ItsDumpGoesOn) {
+    EXPECT_EQ(AskStopped(DUMP), STARTED + std::string("JVM Heap:Heap dump timed out"));
+    EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u) << "somebody else's reply";
+    EXPECT_EQ(Ask(HISTOGRAM).find(busy), 0u);
+    kill(copy, SIGCONT);
+    AwaitNoCopy();
+    EXPECT_EQ(TextDump::Read(in("dump")).error, "");
+}
+
+TEST_F(LateCopy, IsKilledAtTheEndOfTheAgentWhichDoesNotWait) {
+    for (const char *request : REQUESTS) {
+        for (const int timeout : {3, 5000}) { // nobody waits any more, the worker waits
+            qor_max_timeout = timeout;
+            std::thread disturber = Disturb(1, SIGSTOP, &copy);
+            std::string reply;
+            std::thread asker([&] {
+                JNIEnv *env = nullptr;
+                qor_vm->AttachCurrentThread(reinterpret_cast<void **>(&env), nullptr);
+                reply = Ask(request, env);
+                qor_vm->DetachCurrentThread();
+            });
+            disturber.join();
+            if (timeout == 3)
+                asker.join();
+            ShutDownAgent();
+            if (asker.joinable())
+                asker.join();
+            siginfo_t end = {};
+            EXPECT_EQ(waitid(P_PID, static_cast<id_t>(copy), &end, WEXITED | WNOWAIT | __WALL), 0);
+            EXPECT_EQ(end.si_status, SIGKILL);
+            StartArguments start;
+            ASSERT_EQ(StartAgent(start), 0);
+            Ask("516|NoProcessing|forkdump|1");
+            AwaitNoCopy();
+        }
+    }
+    copy = 0;
 }
 
 TEST_F(ForkedDump, IsRefusedWithTheReason) {
@@ -260,18 +374,68 @@ TEST_F(ForkedDump, IsRefusedWithTheReason) {
     };
     expectRefusal("516|showmem|256|absent/dump|7",
                   "Unable to start Heap Dump: the file can't be opened.\x1f");
-    gbiForkHeapShares = 1 << 30; // of any heap more than any machine has
+    // The heap, and for a dump the tags, must fit what is free.
+    EXPECT_GE(gbiForkHeapShares[FORK_FOR_HISTOGRAM], 1);
+    EXPECT_GE(gbiForkHeapShares[FORK_FOR_DUMP], 3);
+    const auto fitting = static_cast<int32_t>(QorMemoryHeadroom() / QorGetUsedMemory());
+    for (int32_t &shares : gbiForkHeapShares)
+        shares = fitting * 3;
     expectRefusal(DUMP, "System low on Virtual Memory, Unable to start Heap Dump.\x1f");
     expectRefusal(HISTOGRAM, "System low on Virtual Memory, Unable to start Heap Dump.\x1f");
     EXPECT_FALSE(std::filesystem::exists(in("dump")));
+    for (int32_t &shares : gbiForkHeapShares)
+        shares = fitting / 3;
+    for (const char *request : REQUESTS)
+        EXPECT_TRUE(IsAnswer(Ask(request))) << request;
     // Without forking the worker does it.
     EXPECT_EQ(Ask("516|NoProcessing|forkdump|0"), "Changed forkdump to 0");
     EXPECT_EQ(Ask(DUMP).find("Time spent"), 0u);
     EXPECT_EQ(TextDump::Read(in("dump")).error, "");
 }
 
+TEST_F(ForkedDump, RefusedRequestsLeaveNoMemory) {
+    for (int32_t &shares : gbiForkHeapShares)
+        shares = 1 << 30;
+    const auto ask = [](int requests) {
+        for (int i = 0; i < requests; i++)
+            for (const char *request : REQUESTS)
+                ASSERT_NE(Ask(request).find("System low"), std::string::npos);
+        CallVoid(SHOP, "gc", "()V");
+    };
+    ask(50);
+    const int64_t before = KilobytesOf("VmRSS:");
+    ask(200);
+    EXPECT_LT(KilobytesOf("VmRSS:") - before, 2 << 10);
+}
+
 TEST_F(ForkedDump, WithoutAFileNameIsTheMemoryView) {
     EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u);
+}
+
+// A JVM with a heap that is worth a copy.
+struct LargeHeap : ForkedDump {
+    static void SetUpTestSuite() { StartJvm({"-Xmx256m", "-XX:+UseG1GC"}); }
+};
+
+TEST_F(LargeHeap, SaysThatACopyCanBeMadeAndTheRequestChooses) {
+    EXPECT_EQ(Ask("516|NoProcessing|forkstate"), "forkstate=0 forkdump=1 64 MiB of heap in use or less");
+    ASSERT_NE(Env()->NewByteArray(100 << 20), nullptr);
+    for (const char *kind : {"", "|dump"}) {
+        const std::string question = std::string("516|NoProcessing|forkstate") + kind;
+        EXPECT_EQ(Ask(question), "forkstate=1 forkdump=1 ");
+        gbiForkHeapShares[*kind ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM] = 1 << 30;
+        EXPECT_EQ(Ask(question),
+                  "forkstate=0 forkdump=1 System low on Virtual Memory, Unable to start Heap Dump.");
+        gbiForkHeapShares[*kind ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM] = 1;
+    }
+    for (const char *setting : {"0", "1"}) {
+        Ask(std::string("516|NoProcessing|forkdump|") + setting);
+        LogCapture log(3);
+        EXPECT_EQ(Ask("1540|showmem|256|dump|7"), COMPLETED);
+        EXPECT_EQ(Ask("2564|showmem|256|dump|7").find("Time spent"), 0u);
+        EXPECT_TRUE(IsAnswer(Ask("2564|showmem|512|ClassHistogramOnly")));
+        EXPECT_EQ(Copies(), std::vector<pid_t>());
+    }
 }
 
 // A JVM whose heap is shared memory, where there is one.

@@ -1,4 +1,5 @@
 #include "AgentNatives.h"
+#include "Descriptors.h"
 #include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
 #include "Walk.h"
@@ -67,17 +68,6 @@ std::string FirstClass(const std::string &view) {
     if (view.compare(0, head.size(), head) != 0)
         return "";
     return view.substr(head.size(), view.find("$\n") - head.size());
-}
-
-int64_t KilobytesOf(const char *key) {
-    FILE *file = fopen("/proc/self/status", "re");
-    char line[256];
-    int64_t value = -1;
-    while (fgets(line, sizeof line, file))
-        if (strncmp(line, key, strlen(key)) == 0)
-            value = atoll(line + strlen(key));
-    fclose(file);
-    return value;
 }
 
 void ResetPeak() {

@@ -7,20 +7,29 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-bool over = true;
-int finishError;
+bool over = true, writing;
+int finishError, ends;
+char *statistics; // memory that other processes read
 
 // What a copy tells of itself.
 struct Report {
     bool finished, fileOpen, otherOpen, canOpen;
-    int coreLimit, signals;
+    int coreLimit, signals, deathSignal, priority;
+    std::atomic<bool> released; // by the parent
 };
 Report *report;
 int keptFile, otherFile;
@@ -30,12 +39,21 @@ int32_t Finish() {
     return finishError;
 }
 
-// Forks; the copy does `walk` and sleeps as a walk's thread does after it. The outcome and its error.
-std::pair<QorForkState, int32_t> RunCopy(void (*walk)()) {
+void Nothing() {}
+
+// Makes a copy, which does `walk` and sleeps as a walk's thread does after it; the parent does `look`
+// meanwhile. The outcome and its error.
+std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothing) {
     int32_t pipe[2], error = 0;
     EXPECT_TRUE(qor_create_pipe(pipe));
     keptFile = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    EXPECT_TRUE(QorPrepareFork({keptFile, {pipe[0], pipe[1]}, sizeof(Report), [] { return over; }, Finish}));
+    EXPECT_TRUE(QorPrepareFork({keptFile,
+                                {pipe[0], pipe[1]},
+                                sizeof(Report),
+                                [] { return over; },
+                                [] { return writing; },
+                                Finish,
+                                [](QorForkState, int32_t, const void *) { ends++; }}));
     report = static_cast<Report *>(QorForkResult());
     if (QorForkHere() == 0) {
         walk();
@@ -43,10 +61,11 @@ std::pair<QorForkState, int32_t> RunCopy(void (*walk)()) {
             pause();
     }
     qor_close_handle(&pipe[1]);
+    look();
     while (!qor_can_read_internal(pipe[0], 1))
         EXPECT_TRUE(QorForkedChildLives());
     static Report kept;
-    memcpy(&kept, report, sizeof kept);
+    memcpy(static_cast<void *>(&kept), report, sizeof kept);
     report = &kept;
     const QorForkState state = QorForkOutcome(&error);
     QorForgetFork();
@@ -59,6 +78,26 @@ void Step() {
         QorForkStep();
 }
 
+void SleepAndStep() {
+    usleep(500 * 1000);
+    Step();
+    over = true;
+}
+
+void ComputeAndStep() {
+    while (clock() < CLOCKS_PER_SEC) {
+    }
+    Step();
+    over = true;
+}
+
+void AwaitRelease() {
+    while (!report->released) {
+        QorForkStep();
+        usleep(1000);
+    }
+}
+
 } // namespace
 
 TEST(ForkedChild, EndsAsItsWalkDoes) {
@@ -66,49 +105,150 @@ TEST(ForkedChild, EndsAsItsWalkDoes) {
     struct Case {
         const char *what;
         void (*walk)();
+        bool over, writing;
         QorForkState state;
         int32_t error;
     };
-    gbiForkStandstill = 300;
+    gbiForkStandstill = 900; // less than the computing takes
+    gbiForkSleep = 200;
     const Case cases[] = {
-        {"to the end", Step, FORK_DONE, 0},
-        {"a file that can't be written", [] { finishError = ENOSPC; }, FORK_FAILED, ENOSPC},
-        {"a fault", [] { raise(SIGSEGV); }, FORK_FAULT, 0},
-        {"asleep, with something missing", [] { over = false; }, FORK_STUCK, 0},
-        {"killed", [] { raise(SIGKILL); }, FORK_RUNNING, 0},
-        {"an abort like the JVM's own", [] { abort(); }, FORK_RUNNING, 0},
+        {"to the end", Step, true, false, FORK_DONE, 0},
+        {"a file that can't be written", [] { finishError = ENOSPC; }, true, false, FORK_FAILED, ENOSPC},
+        {"a fault", [] { raise(SIGSEGV); }, true, false, FORK_FAULT, 0},
+        {"asleep, with something missing", SleepAndStep, false, false, FORK_STUCK, 0},
+        {"asleep in a write", [] { SleepAndStep(), writing = false; }, false, true, FORK_DONE, 0},
+        {"asleep in a write for too long", Nothing, false, true, FORK_STUCK, 0},
+        {"computing without a step", ComputeAndStep, false, false, FORK_DONE, 0},
+        {"killed", [] { raise(SIGKILL); }, true, false, FORK_RUNNING, 0},
+        {"an abort like the JVM's own", [] { abort(); }, true, false, FORK_RUNNING, 0},
     };
     for (const Case &c : cases) {
+        over = c.over;
+        writing = c.writing;
+        ends = 0;
         const auto [state, error] = RunCopy(c.walk);
         EXPECT_EQ(state, c.state) << c.what;
         EXPECT_EQ(error, c.error) << c.what;
         EXPECT_EQ(report->finished, c.state == FORK_DONE || c.state == FORK_FAILED) << c.what;
+        EXPECT_EQ(ends, 1) << c.what;
     }
     gbiForkStandstill = 30000;
+    gbiForkSleep = 1000;
     EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST(ForkedChild, HoldsNothingOfItsParent) {
+TEST(ForkedChild, HoldsNothingOfItsParentAndIsTheLeastOfTheMachine) {
     signal(SIGUSR1, [](int) {});
     otherFile = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const auto [state, error] = RunCopy([] {
-        rlimit core = {1, 1};
-        report->fileOpen = fcntl(keptFile, F_GETFD) >= 0;
-        report->otherOpen = fcntl(otherFile, F_GETFD) >= 0 || fcntl(2, F_GETFD) >= 0;
-        report->canOpen = open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0;
-        getrlimit(RLIMIT_CORE, &core);
-        report->coreLimit = static_cast<int>(core.rlim_cur);
-        struct sigaction action;
-        for (int signal : {SIGTERM, SIGCHLD, SIGUSR1}) {
-            sigaction(signal, nullptr, &action);
-            report->signals += action.sa_handler != SIG_DFL;
-        }
-    });
+    const int shared = static_cast<int>(syscall(SYS_memfd_create, "hsperfdata_test", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(shared, 4096), 0);
+    statistics = static_cast<char *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, shared, 0));
+    close(shared);
+    statistics[0] = 'p';
+    const auto [state, error] = RunCopy(
+        [] {
+            rlimit core = {1, 1};
+            report->fileOpen = fcntl(keptFile, F_GETFD) >= 0;
+            report->otherOpen = fcntl(otherFile, F_GETFD) >= 0 || fcntl(2, F_GETFD) >= 0;
+            report->canOpen = open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0;
+            getrlimit(RLIMIT_CORE, &core);
+            report->coreLimit = static_cast<int>(core.rlim_cur);
+            report->priority = getpriority(PRIO_PROCESS, 0);
+            prctl(PR_GET_PDEATHSIG, &report->deathSignal);
+            struct sigaction action;
+            for (int signal : {SIGTERM, SIGCHLD, SIGUSR1}) {
+                sigaction(signal, nullptr, &action);
+                report->signals += action.sa_handler != SIG_DFL;
+            }
+            statistics[0] = statistics[0] == 'p' ? 'c' : '?';
+            AwaitRelease();
+        },
+        [] {
+            std::string score;
+            while (score != "1000" && QorForkedChildLives())
+                std::ifstream("/proc/" + std::to_string(QorForkedPid()) + "/oom_score_adj") >> score;
+            EXPECT_EQ(score, "1000") << "the first to be killed when memory runs out";
+            report->released = true;
+        });
     EXPECT_EQ(state, FORK_DONE) << error;
     EXPECT_TRUE(report->fileOpen);
     EXPECT_FALSE(report->otherOpen);
     EXPECT_FALSE(report->canOpen);
     EXPECT_EQ(report->coreLimit, 0);
     EXPECT_EQ(report->signals, 0) << "handlers of the parent's";
+    EXPECT_EQ(report->deathSignal, SIGKILL) << "its parent's end is its own";
+    EXPECT_GT(report->priority, getpriority(PRIO_PROCESS, 0));
+    EXPECT_EQ(statistics[0], 'p') << "the JVM's statistics are its own";
+    munmap(statistics, 4096);
     close(otherFile);
+}
+
+std::atomic<int> childSignals, forkHandlers;
+
+// Whatever an application does with its children's signal, and however it waits for its children: the copy
+// is none of them, and the agent collects it.
+TEST(ForkedChild, IsUnseenByTheApplication) {
+    pthread_atfork([] { forkHandlers++; }, [] { forkHandlers++; }, [] { forkHandlers++; });
+    struct sigaction cases[4] = {}, after;
+    cases[1].sa_handler = SIG_IGN;
+    cases[2].sa_flags = SA_NOCLDWAIT;
+    cases[3].sa_handler = [](int) { childSignals++; };
+    for (const struct sigaction &action : cases) {
+        sigaction(SIGCHLD, &action, nullptr);
+        EXPECT_EQ(RunCopy(AwaitRelease,
+                          [] {
+                              EXPECT_EQ(waitpid(-1, nullptr, 0), -1) << "waits for nobody";
+                              EXPECT_EQ(errno, ECHILD);
+                              EXPECT_EQ(zombie_reaper(), 0) << "it still runs";
+                              report->released = true;
+                              siginfo_t end = {}; // its end, which the agent has not seen yet
+                              EXPECT_EQ(waitid(P_PID, static_cast<id_t>(QorForkedPid()), &end,
+                                               WEXITED | WNOWAIT | __WALL),
+                                        0);
+                              EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
+                          })
+                      .first,
+                  FORK_DONE);
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "it was not collected";
+        sigaction(SIGCHLD, nullptr, &after);
+        EXPECT_EQ(after.sa_handler, action.sa_handler);
+    }
+    EXPECT_EQ(childSignals, 0);
+    EXPECT_EQ(forkHandlers, 0);
+    const pid_t own = fork();
+    if (own == 0)
+        _exit(7);
+    int status = 0;
+    EXPECT_EQ(zombie_reaper(), 0);
+    EXPECT_EQ(waitpid(-1, &status, 0), own);
+    EXPECT_EQ(WEXITSTATUS(status), 7) << "the application's children are its own";
+    EXPECT_EQ(childSignals, 1);
+    signal(SIGCHLD, SIG_DFL);
+}
+
+// A killed copy that nobody waits for is collected by a later look, and hinders no new one then.
+TEST(ForkedChild, EndedWithoutWaiting) {
+    int32_t pipe[2];
+    ASSERT_TRUE(qor_create_pipe(pipe));
+    const QorForkPlan plan = {
+        -1, {pipe[0], pipe[1]}, 0, [] { return false; }, [] { return true; }, Finish, nullptr};
+    ASSERT_TRUE(QorPrepareFork(plan));
+    if (QorForkHere() == 0)
+        for (;;)
+            pause();
+    EXPECT_FALSE(QorPrepareFork(plan)) << "one lives";
+    QorEndFork();
+    while (QorForkedChildLives())
+        usleep(1000);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1);
+    EXPECT_TRUE(QorPrepareFork(plan));
+    QorForgetFork();
+    qor_close_pipe(pipe);
+}
+
+TEST(ForkedChild, CorrectsTheIdsThatOldLibrariesKeep) {
+    int32_t old[] = {7, 12, 12, 10, 12, 10}, later[] = {12, 0, 10, 12};
+    EXPECT_TRUE(QorCorrectKeptIds(old, 6, {12, 10}, {99, 99}));
+    EXPECT_EQ(std::vector<int32_t>(old, old + 6), (std::vector<int32_t>{7, 12, 99, 99, 12, 10}));
+    EXPECT_FALSE(QorCorrectKeptIds(later, 4, {12, 10}, {99, 99}));
 }

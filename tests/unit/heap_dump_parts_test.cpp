@@ -185,23 +185,31 @@ TEST(HeaderDate, TakesTheWordsByTheirPlaces) {
 TEST_F(MemoryHeadroom, IsTheLeastOfTheGroupsAround) {
     const std::string root = In("cgroup"), member = In("membership");
     Fill(member, "0::/a/b\n");
-    EXPECT_EQ(QorCgroupHeadroom(member.c_str(), root.c_str()), UINT64_MAX); // no files: no limit known
+    EXPECT_EQ(QorCgroupHeadroom(CGROUP_MEMORY, member.c_str(), root.c_str()),
+              UINT64_MAX); // no files: no limit known
     Fill(root + "/a/b/memory.max", "max\n");
     Fill(root + "/a/b/memory.current", "700\n");
-    EXPECT_EQ(QorCgroupHeadroom(member.c_str(), root.c_str()), UINT64_MAX);
+    EXPECT_EQ(QorCgroupHeadroom(CGROUP_MEMORY, member.c_str(), root.c_str()), UINT64_MAX);
     Fill(root + "/a/memory.max", "1000\n");
     Fill(root + "/a/memory.current", "900\n");
     Fill(root + "/a/memory.stat", "anon 600\ninactive_file 250\nactive_file 50\n");
-    EXPECT_EQ(QorCgroupHeadroom(member.c_str(), root.c_str()), 350u);
+    EXPECT_EQ(QorCgroupHeadroom(CGROUP_MEMORY, member.c_str(), root.c_str()), 350u);
     Fill(root + "/memory.max", "950\n"); // a container that sees its own group as the root
     Fill(root + "/memory.current", "940\n");
-    EXPECT_EQ(QorCgroupHeadroom(member.c_str(), root.c_str()), 10u);
+    EXPECT_EQ(QorCgroupHeadroom(CGROUP_MEMORY, member.c_str(), root.c_str()), 10u);
     Fill(member, "12:cpu,cpuacct:/x\n4:memory:/docker/1\n1:name=systemd:/x\n");
     Fill(root + "/memory/memory.limit_in_bytes", "5000\n");
     Fill(root + "/memory/memory.usage_in_bytes", "4000\n");
     Fill(root + "/memory/memory.stat", "inactive_file 1\ntotal_inactive_file 500\n");
-    EXPECT_EQ(QorCgroupHeadroom(member.c_str(), root.c_str()), 1500u);
-    EXPECT_EQ(QorCgroupHeadroom(In("absent").c_str(), root.c_str()), UINT64_MAX);
+    EXPECT_EQ(QorCgroupHeadroom(CGROUP_MEMORY, member.c_str(), root.c_str()), 1500u);
+    EXPECT_EQ(QorCgroupHeadroom(CGROUP_MEMORY, In("absent").c_str(), root.c_str()), UINT64_MAX);
+    for (const char *groups : {"0::/a/b\n", "3:pids:/a/b\n"}) {
+        const std::string folder = root + (groups[0] == '0' ? "/a" : "/pids/a");
+        Fill(member, groups);
+        Fill(folder + "/pids.max", "100\n");
+        Fill(folder + "/pids.current", "99\n");
+        EXPECT_EQ(QorCgroupHeadroom(CGROUP_TASKS, member.c_str(), root.c_str()), 1u) << groups;
+    }
 }
 
 // A canary stands on either side of the range.

@@ -29,7 +29,16 @@ int64_t classOfClasses; // number of java.lang.Class
 
 bool WalkCanBeOver() {
     const bool begun = objectsMet || !igbTagClassCount; // without classes nothing is counted
-    return fp.error || (!fp.writing && begun && objectsVisited >= objectsMet);
+    return fp.error || (begun && objectsVisited >= objectsMet);
+}
+
+bool IsWriting() {
+    return fp.writing;
+}
+
+void LogEnd(QorForkState state, int32_t error, const void *) {
+    QORLOG(LOG_NOTE, "Heap dump: the copy of the process has ended: %s",
+           state == FORK_DONE ? "the file is whole" : QorForkFailureText(state, error));
 }
 
 int64_t NumberOf(const char *signature) {
@@ -92,7 +101,7 @@ int32_t Fork() {
 
 // With the dump begun: takes its file over, or closes it.
 int32_t ForkInWalk(const int32_t pipe[2]) {
-    const QorForkPlan plan = {fp.fd, {pipe[0], pipe[1]}, 0, WalkCanBeOver, FinishFile};
+    const QorForkPlan plan = {fp.fd, {pipe[0], pipe[1]}, 0, WalkCanBeOver, IsWriting, FinishFile, LogEnd};
     if (!ComposeClassRecords() || !QorPrepareFork(plan)) {
         fp.error = ENOMEM;
         QorDumpClose(&fp);
@@ -122,7 +131,7 @@ int32_t DumpTo(const char *path, const int32_t pipe[2]) {
 int32_t QorForkHeapDump(const char *path, const int32_t pipe[2]) {
     if (!jvmtijni_env)
         return FORK_REFUSED_BY_JVM;
-    const int32_t refusal = QorCheckFork();
+    const int32_t refusal = QorCheckFork(FORK_FOR_DUMP);
     if (refusal)
         return refusal;
     QorLocalFrame frame(jvmtijni_env, FRAME_CAPACITY);
