@@ -1,17 +1,15 @@
 package qoragent;
 
 import java.io.IOException;
-import java.io.InputStream;
-import java.io.OutputStream;
-import java.net.Socket;
+import java.net.StandardSocketOptions;
+import java.nio.ByteBuffer;
+import java.nio.channels.SocketChannel;
 import java.nio.charset.StandardCharsets;
-import java.security.MessageDigest;
-import java.util.Arrays;
 import java.util.concurrent.TimeUnit;
 import java.util.function.UnaryOperator;
 
 /**
- * One console at the relay: a token line, then a reply for each request line.
+ * One console at the relay, behind its token: a reply for each request line.
  *
  * Reads and writes have no time-outs of their own. A deadline is set before whatever the other side can drag
  * out, and the relay's watch cuts the connection when it has passed; so a caller that sends or takes one byte
@@ -24,31 +22,29 @@ final class Connection {
 
     private static final int NO_LINE = -1;
     private static final int LINE_TOO_LONG = -2;
-    private static final int MAX_TOKEN_BYTES = 32;
+    private static final int REFUSAL_MILLIS = 5_000;
+    private static final int PART_BYTES = 8_192; // the JDK keeps as much outside the heap for each thread
     private static final int MAX_DRAINED_BYTES = 1 << 20;
     private static final String TOO_LONG = "ERROR request longer than " + MAX_REQUEST_BYTES + " bytes\n";
 
-    private final Socket socket;
+    private final SocketChannel channel;
     private final UnaryOperator<String> agent;
-    private final byte[] token;
     private final Relay.Limits limits;
-    private final byte[] input = new byte[4096];
-    private int inputStart;
-    private int inputEnd;
-    private volatile boolean trusted;
+    private final ByteBuffer input = ByteBuffer.allocate(4096);
     private volatile boolean timed;
     private volatile long deadline;
 
-    Connection(Socket socket, UnaryOperator<String> agent, String token, Relay.Limits limits) {
-        this.socket = socket;
+    /**
+     * @param channel in blocking mode
+     * @param first what the caller has sent already
+     */
+    Connection(SocketChannel channel, UnaryOperator<String> agent, byte[] first, Relay.Limits limits) {
+        this.channel = channel;
         this.agent = agent;
-        this.token = token.getBytes(StandardCharsets.US_ASCII);
         this.limits = limits;
-        allow(limits.tokenMillis);
+        input.put(first).flip();
+        allow(limits.idleMillis);
     }
-
-    /** True once the caller has shown the token. */
-    boolean trusted() { return trusted; }
 
     boolean overdue(long nowNanos) { return timed && nowNanos - deadline > 0; }
 
@@ -60,7 +56,7 @@ final class Connection {
     /** Ends the connection, whatever its thread is doing; any thread, any number of times. */
     void cut() {
         try {
-            socket.close();
+            channel.close();
         } catch (IOException e) {
             // it is as closed as it gets
         }
@@ -68,64 +64,64 @@ final class Connection {
 
     /** Serves the caller until it leaves, misbehaves or gets no answer. */
     void serve() throws IOException {
-        socket.setTcpNoDelay(true);
-        InputStream in = socket.getInputStream();
-        OutputStream out = socket.getOutputStream();
+        channel.setOption(StandardSocketOptions.TCP_NODELAY, true);
+        send("OK\n");
         byte[] line = new byte[MAX_REQUEST_BYTES];
-        int length = readLine(in, line, MAX_TOKEN_BYTES);
-        if (length < 0 || !MessageDigest.isEqual(token, Arrays.copyOf(line, length)))
-            return;
-        trusted = true;
-        allow(limits.idleMillis);
-        send(out, "OK\n");
-        while ((length = readLine(in, line, MAX_REQUEST_BYTES)) >= 0) {
+        int length;
+        while ((length = readLine(line)) >= 0) {
             timed = false;
             String reply = agent.apply(new String(line, 0, length, StandardCharsets.UTF_8));
             allow(limits.idleMillis);
             if (reply == null)
                 return;
-            send(out, framed(reply));
+            send(framed(reply));
             allow(limits.idleMillis);
         }
         if (length == LINE_TOO_LONG)
-            refuse(in, out);
+            refuse();
     }
 
     /**
      * Reads up to the next LF, which is dropped. The count of bytes, NO_LINE at the end, or LINE_TOO_LONG.
      */
-    private int readLine(InputStream in, byte[] line, int max) throws IOException {
+    private int readLine(byte[] line) throws IOException {
         for (int length = 0;; length++) {
-            if (inputStart == inputEnd) {
-                inputStart = 0;
-                inputEnd = Math.max(0, in.read(input));
-                if (inputEnd == 0)
-                    return NO_LINE;
-            }
-            byte b = input[inputStart++];
+            if (!input.hasRemaining() && !fill())
+                return NO_LINE;
+            byte b = input.get();
             if (b == '\n')
                 return length;
-            if (length == max)
+            if (length == line.length)
                 return LINE_TOO_LONG;
             line[length] = b;
         }
+    }
+
+    private boolean fill() throws IOException {
+        input.clear();
+        boolean more = channel.read(input) > 0;
+        input.flip();
+        return more;
     }
 
     /**
      * Sends the error and takes what the caller still sends, within bounds: closing over unread bytes would
      * reset the connection, and a caller still sending would fail at that before it sees the error.
      */
-    private void refuse(InputStream in, OutputStream out) throws IOException {
-        allow(limits.tokenMillis);
-        send(out, TOO_LONG);
-        socket.shutdownOutput();
-        for (int taken = 0, n; taken < MAX_DRAINED_BYTES && (n = in.read(input)) > 0;)
-            taken += n;
+    private void refuse() throws IOException {
+        allow(REFUSAL_MILLIS);
+        send(TOO_LONG);
+        channel.shutdownOutput();
+        for (int taken = 0; taken < MAX_DRAINED_BYTES && fill();)
+            taken += input.limit();
     }
 
-    private static void send(OutputStream out, String text) throws IOException {
-        out.write(text.getBytes(StandardCharsets.UTF_8));
-        out.flush();
+    private void send(String text) throws IOException {
+        ByteBuffer bytes = ByteBuffer.wrap(text.getBytes(StandardCharsets.UTF_8));
+        for (int end = bytes.limit(); bytes.position() < end;) {
+            bytes.limit(Math.min(end, bytes.position() + PART_BYTES));
+            channel.write(bytes);
+        }
     }
 
     /**

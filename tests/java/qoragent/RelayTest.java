@@ -15,11 +15,15 @@ import java.net.Socket;
 import java.net.SocketException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
+import java.util.ArrayDeque;
 import java.util.ArrayList;
+import java.util.Collections;
+import java.util.Deque;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.concurrent.atomic.AtomicReference;
+import java.util.function.BooleanSupplier;
 import java.util.function.UnaryOperator;
 import org.junit.After;
 import org.junit.Rule;
@@ -197,16 +201,19 @@ public class RelayTest {
     }
 
     @Test
-    public void ninthConnectionIsTurnedAwayUnlessAStrangerSitsThere() throws IOException {
-        serve(request -> request);
+    public void strangersTakeNoPlaceOfAConsole() throws IOException {
+        serve(new Relay.Limits(8, 300_000, 300_000), request -> request);
         List<Caller> strangers = new ArrayList<>();
-        for (int i = 0; i < 8; i++)
-            strangers.add(new Caller());
+        for (int i = 0; i < Relay.MAX_STRANGERS + 1; i++)
+            strangers.add(new Caller().send("1"));
+        assertEquals("the oldest made room", "", strangers.get(0).rest());
         List<Caller> callers = new ArrayList<>();
-        for (int i = 0; i < 8; i++)
+        for (int i = 0; i < 7; i++)
             callers.add(new Caller().greet());
-        for (Caller stranger : strangers)
-            assertEquals("", stranger.rest());
+        callers.add(strangers.get(Relay.MAX_STRANGERS)); // the youngest is still there
+        assertEquals("and no thread waits for them", 8, relayThreads().size());
+        assertEquals("", callers.remove(7).send("\n").rest());
+        callers.add(new Caller().greet());
         assertEquals("", new Caller().send(endpoint.token() + "\n").rest());
         for (Caller caller : callers)
             caller.send("still here\n").expect("still here" + MARK);
@@ -219,6 +226,63 @@ public class RelayTest {
             greeting = next.rest();
         }
         assertEquals("a place that was left is free again", "OK\n", greeting);
+    }
+
+    /** The median time of a console's turn, from connecting to its reply, of as many as `go` asks for. */
+    private long median(BooleanSupplier go) throws IOException {
+        List<Long> turns = new ArrayList<>();
+        for (int i = 0; i < 200 || go.getAsBoolean(); i++) {
+            long start = System.nanoTime();
+            Caller caller = new Caller().greet().send("x\n").expect("x" + MARK);
+            turns.add(System.nanoTime() - start);
+            caller.socket.close();
+        }
+        Collections.sort(turns);
+        return turns.get(turns.size() / 2);
+    }
+
+    /** Opens connections at a rate of 2,000 a second, says nothing, and leaves when it is cut off. */
+    private final class Crowd extends Thread {
+        final AtomicInteger made = new AtomicInteger();
+        volatile boolean enough;
+
+        @Override
+        public void run() {
+            Deque<Socket> open = new ArrayDeque<>();
+            try {
+                for (long start = System.nanoTime(); !enough; Thread.sleep(1)) {
+                    long due = (System.nanoTime() - start) / 500_000;
+                    for (; made.get() < due && !enough; made.incrementAndGet()) {
+                        open.add(new Socket(InetAddress.getLoopbackAddress(), relay.port()));
+                        if (open.size() > 2 * Relay.MAX_STRANGERS)
+                            open.remove().close();
+                    }
+                }
+                for (Socket socket : open)
+                    socket.close();
+            } catch (IOException | InterruptedException e) {
+                enough = true;
+            }
+        }
+    }
+
+    @Test
+    public void consolesAreServedBesideACrowdOfStrangers() throws Exception {
+        serve(request -> request);
+        median(() -> false); // for the JVM's compilers
+        double ratio = Double.MAX_VALUE;
+        for (int round = 0; round < 3 && ratio >= 2; round++) {
+            long alone = median(() -> false);
+            Crowd crowd = new Crowd();
+            crowd.start();
+            long beside = median(() -> crowd.made.get() < 2_000 && !crowd.enough);
+            assertFalse("the crowd couldn't come in", crowd.enough);
+            assertTrue(relayThreads().size() + " threads", relayThreads().size() <= 9);
+            crowd.enough = true;
+            crowd.join();
+            ratio = (double)beside / alone;
+        }
+        assertTrue("beside strangers a turn takes " + ratio + " times as long", ratio < 2);
     }
 
     @Test
