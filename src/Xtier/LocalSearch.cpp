@@ -5,6 +5,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/followRefHackHelper.h"
+#include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
@@ -93,6 +94,8 @@ bool AllocateFrames(int32_t count) {
     QorEndLocalSearch();
     const auto frames = static_cast<size_t>(count);
     gbQorWantedFrames = static_cast<QorWantedFrame *>(calloc(frames, sizeof(QorWantedFrame)));
+    if (!gbQorWantedFrames)
+        QORLOG(LOG_ERROR, "No memory for the %d frames whose locals are wanted", count);
     return gbQorWantedFrames;
 }
 

@@ -112,10 +112,10 @@ QorClassCountEntry *CountClasses(jvmtiEnv *env, QorHistogramPass pass) {
 
 QorClassCountEntry *QorListClasses(QorHistogramPass pass) {
     QorLocalFrame frame(jvmtijni_env, 1);
-    if (!frame.pushed)
-        QORLOG(LOG_ERROR, " QorGetMemory Out of Memory");
-    if (!jvmtijni_env)
+    if (!frame.pushed) {
+        QorLogNoFrame(LOG_ERROR); // which would hold all classes
         return nullptr;
+    }
     jvmtiEnv *env = QorOpenTagEnvironment();
     if (!env)
         return nullptr;

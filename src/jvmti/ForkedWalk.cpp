@@ -63,8 +63,8 @@ bool HasHeapFile() {
 // a place that holds the object's address, as the collector has it. What can't be found counts as shared.
 bool HeapIsPrivate() {
     QorLocalFrame frame(jvmtijni_env, 1);
-    jstring object = QorNewStringUTF(jvmtijni_env, "");
-    if (!frame.pushed || !object)
+    jstring object = frame.pushed ? QorNewStringUTF(jvmtijni_env, "") : nullptr;
+    if (!object)
         return false;
     uint64_t address = 0;
     memcpy(&address, static_cast<const void *>(object), sizeof address);

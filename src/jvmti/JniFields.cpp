@@ -265,8 +265,8 @@ int32_t QorSearchHashTable(jobject *tableptr, const char *, const char *) {
         return 0;
     while (QorCallBooleanMethod(jvmtijni_env, cursor, more)) {
         QorLocalFrame inner(jvmtijni_env, 4);
-        jobject key = QorCallObjectMethod(jvmtijni_env, cursor, next);
-        if (!inner.pushed || !key)
+        jobject key = inner.pushed ? QorCallObjectMethod(jvmtijni_env, cursor, next) : nullptr;
+        if (!key)
             break;
         TouchString(key);
         TouchString(CallGet(*tableptr, get, key));

@@ -104,8 +104,10 @@ int32_t FindTagged(const QorLocalsWalk &walk, TaggedObject **out) {
         (*out)[i] = {tags[i], objects[i]};
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(objects));
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(tags));
-    if (!*out)
+    if (!*out) {
+        QORLOG(LOG_ERROR, "No memory for %d locals", count);
         return -1;
+    }
     std::sort(*out, *out + count, [](const TaggedObject &a, const TaggedObject &b) { return a.tag < b.tag; });
     return count;
 }

@@ -83,8 +83,8 @@ int64_t QorGetMemory(const char *methodName) {
     JNIEnv *env = jvmtijni_env;
     QorLocalFrame frame(env, 1);
     if (!frame.pushed)
-        QORLOG(LOG_ERROR, "QorGetMemory Out of Memory");
-    jclass klass = QorFindClass(env, "java/lang/Runtime");
+        QorLogNoFrame(LOG_ERROR);
+    jclass klass = frame.pushed ? QorFindClass(env, "java/lang/Runtime") : nullptr;
     if (!klass)
         return 0;
     jmethodID getRuntime = QorGetStaticMethodID(env, klass, "getRuntime", "()Ljava/lang/Runtime;");

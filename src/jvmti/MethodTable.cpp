@@ -109,10 +109,10 @@ bool DeclaringClass(jmethodID method, jclass *klass) {
     return error == JVMTI_ERROR_NONE;
 }
 
-// Without a frame of its own a reading leaves its references to the walk's frame.
-void LogMissingFrame(const QorLocalFrame &frame) {
+bool HasFrame(const QorLocalFrame &frame) {
     if (!frame.pushed)
-        QORLOG(LOG_ERROR, "QorAgent : Out of Memory");
+        QorLogNoFrame(LOG_ERROR);
+    return frame.pushed;
 }
 
 bool IsGone(jobject ref) {
@@ -123,9 +123,8 @@ bool IsGone(jobject ref) {
 // be read at any time, unlike its fields.
 int32_t ReadClassName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
-    LogMissingFrame(frame);
     jclass klass;
-    if (!DeclaringClass(method, &klass) || IsGone(klass))
+    if (!HasFrame(frame) || !DeclaringClass(method, &klass) || IsGone(klass))
         return -1;
     int32_t length = -1;
     char *signature = nullptr;
@@ -145,9 +144,8 @@ int32_t ReadClassName(jmethodID method, char *dest) {
 // The file's length, 0 for a class without a source file, or -1.
 int32_t ReadFileName(jmethodID method, char *dest) {
     QorLocalFrame frame(jvmtijni_env, 1);
-    LogMissingFrame(frame);
     jclass klass;
-    if (!DeclaringClass(method, &klass))
+    if (!HasFrame(frame) || !DeclaringClass(method, &klass))
         return -1;
     if (IsGone(klass)) {
         QORLOG(LOG_ERROR, "Declaring Class is NULL");

@@ -356,8 +356,10 @@ int32_t QorGetClassDetails(QorClassDetails *record, jobject object, const jfield
 
 void QorPopulateClassDetails(int32_t count, QorClassDetails **out, QorClassPair *pairs) {
     *out = static_cast<QorClassDetails *>(calloc(static_cast<size_t>(count), sizeof(QorClassDetails)));
-    if (!*out)
+    if (!*out) {
+        QORLOG(LOG_ERROR, "No memory for the fields of %d classes", count);
         return;
+    }
     int32_t room = MAX_FIELDS_OF_VIEW;
     bool more = true;
     for (int32_t i = 0; i < count; i++) {

@@ -66,8 +66,12 @@ void TakeSnapshot(QorThreadHandle *handle) {
         return;
     if (qorIsPollOrTrace == 0)
         QORLOG(LOG_DETAIL, "Calling GetAllStackTraces for %d deep", maxStackDepthQueried);
-    snapshotFramePushed = QorPushLocalFrame(jvmtijni_env, SNAPSHOT_FRAME_CAPACITY) == JNI_OK;
     threads_count = 0;
+    snapshotFramePushed = QorPushLocalFrame(jvmtijni_env, SNAPSHOT_FRAME_CAPACITY) == JNI_OK;
+    if (!snapshotFramePushed) {
+        QorLogNoFrame(LOG_ERROR);
+        return;
+    }
     const jvmtiError error =
         jvmti->GetAllStackTraces(maxStackDepthQueried, &qorstack_info_ptr, &threads_count);
     if (qorIsPollOrTrace == 0)
@@ -184,13 +188,7 @@ void QorCloseThreadHandle(QorThreadHandle *) {
     QorCloseMonitorSample(); // no answer of this walk may pass for one of the next
     if (!qorstack_info_ptr)
         return;
-    if (snapshotFramePushed) {
-        PopSnapshotFrame(); // takes all of the snapshot's references with it
-    } else {
-        for (jint i = 0; i < threads_count; i++)
-            if (!QorIsSameObject(jvmtijni_env, qorstack_info_ptr[i].thread, nullptr))
-                QorDeleteLocalRef(jvmtijni_env, qorstack_info_ptr[i].thread);
-    }
+    PopSnapshotFrame(); // takes all of the snapshot's references with it
     FreeSnapshotArray(LOG_WARNING);
     threads_count = 0;
 }
@@ -199,8 +197,10 @@ int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
     if (!ThreadAtCursor(handle) || !qorstack_info_ptr)
         return -1;
     QorLocalFrame frame(jvmtijni_env, 1); // for the group and the loader that come with the name
-    if (!frame.pushed)
+    if (!frame.pushed) {
         QorLogNoFrame(LOG_ERROR);
+        return -1;
+    }
     jint jvmtiState = 0;
     if (ReadThread(qorstack_info_ptr[handle->index], record, &jvmtiState) != 0)
         return -1;

@@ -90,7 +90,12 @@ void qor_safe_sleep(int32_t seconds) {
 }
 
 bool qor_signal_child_to_process() {
-    return QorChannelIsOurs() && qor_write_file(pipe_fd_PP[1], WAKE_UP, HANDSHAKE_SIZE) == HANDSHAKE_SIZE;
+    if (!QorChannelIsOurs())
+        return false;
+    if (qor_write_file(pipe_fd_PP[1], WAKE_UP, HANDSHAKE_SIZE) == HANDSHAKE_SIZE)
+        return true;
+    QORLOG(LOG_ERROR, "The worker can't be woken: %s", strerror(errno));
+    return false;
 }
 
 void QorSignalParent() {

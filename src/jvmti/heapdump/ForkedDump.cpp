@@ -50,7 +50,9 @@ int64_t NumberOf(const char *signature) {
 
 inline bool IsCounted(jlong classTag) {
     const int64_t klass = QorTagNumber(classTag);
-    return klass > 0 && klass != classOfClasses;
+    // Without the list of classes they have no tags at first, and those that they get on the way would
+    // miscount.
+    return igbTagClassCount && klass > 0 && klass != classOfClasses;
 }
 
 int32_t FinishFile() {

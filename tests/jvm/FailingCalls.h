@@ -1,0 +1,27 @@
+// Calls that fail on demand: the agent's calls to the C library, through the linker's --wrap, and those to
+// JVMTI and JNI, through copies of their tables. A place is a call together with its callers.
+#pragma once
+
+#include <cstdint>
+#include <jvmti.h>
+#include <string>
+
+// From now on the first call from a place that hasn't failed yet fails, once, on any thread and in copies of
+// the process too. With QOR_FAULTS=N in the environment the first N - 1 new places are skipped.
+void ArmFailingCall();
+
+// Ends that. Returns the place that failed, "" when none did.
+std::string DisarmFailingCall();
+
+// The place with the names of its callers, as far as the machine has addr2line.
+std::string NamedCallers(const std::string &place);
+
+// How often the agent has called perror.
+int64_t Complaints();
+
+// Blocks that the agent has allocated and not freed.
+int64_t AllocatedBlocks();
+
+// Put the failing calls into an environment's table. Null is ignored.
+void WrapJvmti(jvmtiEnv *env);
+void WrapJni(JNIEnv *env);

@@ -1,0 +1,206 @@
+// Each allocation, system call and call into the JVM that the agent makes for these requests fails once. The
+// host lives, the reply is whole or something says why not, the same request is answered right after, and
+// nothing is left behind. Calls into the JVM may fail without a word.
+#include "AgentNatives.h"
+#include "Descriptors.h"
+#include "DumpFolder.h"
+#include "FailingCalls.h"
+#include "LogCapture.h"
+#include "SampleReply.h"
+#include "jvmti/Session.h"
+#include "qoragent/startup.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <unistd.h>
+
+namespace {
+
+struct Request {
+    std::string text;
+    std::vector<std::string> shown;         // parts of a whole reply
+    std::function<std::string()> look = {}; // what is wrong with the file that it made
+};
+
+struct Faults : AgentTest {
+    void SetUp() override {
+        AgentTest::SetUp();
+        Start();
+    }
+    void TearDown() override {
+        ShutDownAgent();
+        EXPECT_EQ(AllocatedBlocks(), blocks_ - 1)
+            << "the captured log's text is freed, and was not allocated, here";
+        AgentTest::TearDown();
+    }
+
+    static void Start() {
+        StartArguments arguments;
+        arguments.timeout = 5;
+        arguments.localsQuota = 100;
+        ASSERT_EQ(StartAgent(arguments), START_OK);
+        qorDBQuery = 1;
+    }
+    static int64_t GlobalReferences() { return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); }
+    static int64_t Id(const char *kind) { return CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text(kind)); }
+
+    // What a reply lacks, "" when it is whole.
+    static std::string Missing(const Request &request, const std::string &reply) {
+        const std::string wrong = request.look ? request.look() : "";
+        for (const std::string &part : request.shown)
+            if (reply.find(part) == std::string::npos)
+                return "\"" + part + "\" of " + request.text + " is not in: " + reply;
+        return wrong;
+    }
+
+    static bool IsRefusal(const std::string &reply) {
+        for (const char *text :
+             {TIMED_OUT, "Unable to start Heap Dump", "Class histogram failed", "Heap dump failed"})
+            if (reply.find(text) != std::string::npos)
+                return true;
+        return false;
+    }
+
+    // A request in which a new place fails, if it meets one.
+    static std::string AskFailing(const std::string &request, std::string *place) {
+        jobject text = Text(request);
+        ArmFailingCall();
+        jobject reply = Java_qoragent_Agent_dataFromNative(Env(), nullptr, static_cast<jstring>(text));
+        *place = DisarmFailingCall();
+        const std::string shown = reply ? TextOf(reply) : NO_ANSWER;
+        Env()->DeleteLocalRef(text);
+        Env()->DeleteLocalRef(reply);
+        return shown;
+    }
+
+    // One new place of a request fails, and then the request is asked again; false when it met none.
+    static bool FailOne(const Request &request, LogCapture *log) {
+        std::string place;
+        const size_t said = log->text().size();
+        const int64_t complaints = Complaints();
+        const std::string reply = AskFailing(request.text, &place), missing = Missing(request, reply);
+        EXPECT_FALSE(Env()->ExceptionCheck()) << NamedCallers(place);
+        const bool told =
+            place[0] == 'J' || log->text().size() > said || Complaints() > complaints || IsRefusal(reply);
+        EXPECT_TRUE(missing.empty() || (!place.empty() && told))
+            << "not told, " << NamedCallers(place) << missing;
+        if (place.empty())
+            return false;
+        const std::string after = Missing(request, Ask(request.text));
+        EXPECT_EQ(after, "") << "after " << NamedCallers(place) << log->text().substr(said);
+        EXPECT_EQ(TakeJvmComplaints(), "") << NamedCallers(place);
+        return true;
+    }
+
+    // `prepare`: what the requests need of the session.
+    void FailEach(
+        const std::vector<Request> &requests, void (*prepare)() = [] {}) {
+        prepare();
+        for (const Request &request : requests)
+            Missing(request, Ask(request.text));
+        ShutDownAgent();
+        blocks_ = AllocatedBlocks();
+        Start();
+        prepare();
+        WrapJni(Env());
+        WrapJni(jvmtijni_env);
+        WrapJvmti(jvmti);
+        LogCapture log(LOG_WARNING);
+        int places = 0;
+        for (const Request &request : requests) {
+            for (int i = 0; i < 2; i++)
+                ASSERT_EQ(Missing(request, Ask(request.text)), "");
+            const int descriptors = OpenDescriptors();
+            const int64_t references = GlobalReferences();
+            for (int quiet = 0; quiet < 2 && places < 3000; FailOne(request, &log) ? ++places : ++quiet) {
+            }
+            EXPECT_EQ(OpenDescriptors(), descriptors) << request.text;
+            EXPECT_EQ(GlobalReferences(), references) << request.text;
+        }
+        EXPECT_GE(places, 10);
+        RecordProperty("places", places);
+    }
+
+    int64_t blocks_;
+};
+
+} // namespace
+
+TEST_F(Faults, Samples) {
+    ZooVisit zoo("holder,blocked,lock-holder,lock-waiter,socket-read,deep");
+    CallVoid("qoragent/testing/Tiers", "start", "()V");
+    CallVoid("qoragent/testing/Customers", "start", "(II)V", 2, 100);
+    FailEach({
+        {"788|showstack|32768",
+         {"ZooLocks$Blocked->wantInner", "Lock On", "ZooLocks$Holder", "/tomcat", "jdbc:tessar"}},
+        {"516|showstack|8192", {"jdbc:tessar", "zoo-blocked", "select 1 from orders"}},
+    });
+    CallVoid("qoragent/testing/Customers", "stop", "()V");
+    CallVoid("qoragent/testing/Tiers", "stop", "()V");
+}
+
+TEST_F(Faults, Views) {
+    ZooVisit zoo("holder,blocked");
+    CallVoid("qoragent/testing/Customers", "start", "(II)V", 1, 100);
+    const std::string port = std::to_string(CallLong("qoragent/testing/Customers", "localPort", "(I)J", 0));
+    const SampleReply sample = SampleReply::Parse(Ask("788|showstack|32768"), true, true);
+    const SampleThread *blocked = sample.Find("zoo-blocked");
+    ASSERT_TRUE(blocked && !blocked->wanted.empty());
+    const std::string id = std::to_string(Id("blocked")), lock = std::to_string(blocked->wanted[0].id);
+    FailEach(
+        {
+            {"516|showstack|256", {"\x1d"}},
+            {"516|showstack|512|ARG=x,1=" + blocked->key, {"wantInner", "Lock On", "JVM Locks"}},
+            {"516|showstack|2048|ARG=x,0=" + lock + ",1=" + blocked->key, {"zoo-holder"}},
+            {"516|showstack|128", {"JVM Heap Usage", "Minor"}},
+            {"516|showmem|0", {"JVM Heap Memory Usage"}},
+            {"516|showstack|16384|ARG=x,0=" + port, {"customer-0|"}},
+            {"516|xtier01|" + port + "|127.0.0.1|" + std::to_string(getpid()),
+             {std::to_string(getpid()) + ","}},
+            {"516|showstack|4096|ARG=x,0=" + id + ",1=" + std::to_string(blocked->frames[0].method) +
+                 ",2=2,3=3",
+             {"Method Locals"}},
+            {"516|showstack|1024|ARG=x,0=7777,1=0", {"Object Description"}},
+            {"516|NoProcessing|activethreads|TEST|threadname|nobody*", {"Added Idle Thread Rules"}},
+        },
+        [] {
+            jobject specimen = CallObject("qoragent/testing/Specimens", "make",
+                                          "(Ljava/lang/String;)Ljava/lang/Object;", Text("Values"));
+            jvmti->SetTag(Env()->NewGlobalRef(specimen), 7777);
+        });
+    CallVoid("qoragent/testing/Customers", "stop", "()V");
+}
+
+// Dumps and histograms by the worker and by a copy of the process.
+struct Dumps : Faults, testing::WithParamInterface<int> {};
+
+TEST_P(Dumps, AreWholeOrSaySo) {
+    DumpFolder in;
+    CallVoid("qoragent/testing/HeapShop", "fill", "()V");
+    size_t whole = 0; // bytes of the first file
+    const auto text = [&] {
+        std::ifstream file(in("text"));
+        const std::string dump(std::istreambuf_iterator<char>(file), {});
+        whole = whole ? whole : dump.size();
+        const bool ends = dump.size() > 5 && dump.compare(dump.size() - 5, 5, " secs") == 0;
+        return ends && dump.size() > whole / 2 ? "" : "no whole file";
+    };
+    const auto hprof = [&] { return unlink(in("a.hprof").c_str()) == 0 ? "" : "no file"; };
+    FailEach({
+        {"516|NoProcessing|qorheapdir|" + in.path.string(), {"Changed"}},
+        {"516|NoProcessing|forkdump|" + std::to_string(GetParam()), {"Changed"}},
+        {"516|showmem|256|text|7", {GetParam() ? "completed sucessfully" : "Time spent"}, text},
+        {"516|showmem|512|ClassHistogramOnly",
+         {"HeapShop$Node;\x1d"
+          "1234\x1d"}},
+        {"516|showmem|256|a.hprof|7", {"dumped"}, hprof},
+    });
+    QorSetForkHeapDumpCapability(0);
+    CallVoid("qoragent/testing/HeapShop", "empty", "()V");
+}
+
+INSTANTIATE_TEST_SUITE_P(, Dumps, testing::Values(0, 1),
+                         [](const auto &copy) { return copy.param ? "InACopy" : "ByTheWorker"; });
