@@ -63,6 +63,9 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
     if (status.compare(0, RUNNING.size(), RUNNING) == 0)
         throw Failure(fmt::format("the agent runs in JVM {}, but its relay can't be reached", process.pid),
                       "it may run with relay=off or bind=, or eight consoles hold its connections");
+    if (status == "starting")
+        throw Failure("the agent is still starting; it may wait for an earlier one to end",
+                      "ask again in a moment");
     throw Failure("the agent was loaded but didn't start",
                   "the JVM's standard error tells why; check --options for a misspelt key");
 }

@@ -15,20 +15,23 @@ import java.nio.file.Path;
  */
 public final class Agent {
     /**
-     * How the agent of this JVM fares, for tools that look from outside: running, "running in DIRECTORY" when
-     * its endpoint isn't in the usual one, stopped or "failed: why".
+     * How the agent of this JVM fares, for tools that look from outside: starting, running, "running in
+     * DIRECTORY" when its endpoint isn't in the usual one, stopped or "failed: why".
      */
     static final String STATUS_PROPERTY = "qoragent.status";
 
+    private static final String STARTING = "starting";
     private static final String RUNNING = "running";
     private static final String STOPPED = "stopped";
     private static final String SHUTDOWN = "SHUTDOWN";
     private static final String FORK_DUMPS = "516|NoProcessing|forkdump|1";
+    private static final String NO_REQUEST = "ERROR a request reads FLAGS|COMMAND|...";
     private static final int JVM_UNSUPPORTED = 7;
+    private static final long ATTACH_MILLIS = 10_000;
 
     /**
-     * Guards the changes of the three fields below. Not the class, whose lock a request holds until its
-     * reply.
+     * Guards the changes of the three fields below. Nothing that waits for a request is done under it. Not
+     * the class, whose lock a request holds until its reply.
      */
     private static final Object life = new Object();
     private static volatile boolean running;
@@ -39,7 +42,25 @@ public final class Agent {
 
     public static void premain(String text, Instrumentation instrumentation) { startQuietly(text); }
 
-    public static void agentmain(String text, Instrumentation instrumentation) { startQuietly(text); }
+    /** The calling thread is the one that serves all tools that attach: it isn't kept for long. */
+    public static void agentmain(String text, Instrumentation instrumentation) {
+        startAside(text, ATTACH_MILLIS);
+    }
+
+    /** Starts on a thread of its own and waits for that no longer than told. */
+    static void startAside(String text, long millis) {
+        Thread starter = new Thread(() -> startQuietly(text), "qoragent-start");
+        starter.setDaemon(true);
+        starter.setContextClassLoader(Agent.class.getClassLoader());
+        try {
+            starter.start();
+            starter.join(millis);
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        } catch (Throwable t) {
+            complain("no thread to start it on: " + t);
+        }
+    }
 
     private static void startQuietly(String text) {
         try {
@@ -65,6 +86,8 @@ public final class Agent {
     public static void start(String text) {
         Options wanted = Options.parse(text);
         synchronized (life) {
+            if (running && !workerLives()) // a host that closes descriptors at large ends it
+                end();
             if (running) {
                 if (!wanted.agreeWith(options))
                     throw new IllegalStateException(
@@ -74,6 +97,7 @@ public final class Agent {
             }
             if (System.getProperty(STATUS_PROPERTY, "").startsWith(RUNNING))
                 throw new IllegalStateException("it runs already, loaded by another class loader");
+            System.setProperty(STATUS_PROPERTY, STARTING);
             try {
                 launch(wanted);
             } catch (RuntimeException | Error e) {
@@ -137,11 +161,16 @@ public final class Agent {
 
     private static Relay openRelay(Options wanted) {
         try {
-            return Relay.open(Agent::request, InetAddress.getByName(wanted.text("bind")),
+            return Relay.open(Agent::answer, InetAddress.getByName(wanted.text("bind")),
                               wanted.number("port"), Endpoint.ofThisProcess());
         } catch (IOException e) {
             throw new IllegalStateException("the relay cannot start: " + e.getMessage(), e);
         }
+    }
+
+    /** A line without a bar is no request: the worker wouldn't answer it, and hold up who asks next. */
+    private static String answer(String line) {
+        return line.indexOf('|') < 0 && !line.startsWith(SHUTDOWN) ? NO_REQUEST : request(line);
     }
 
     private static int initialise(Options o) {
@@ -157,13 +186,16 @@ public final class Agent {
     private static String reason(int status) {
         if (status == JVM_UNSUPPORTED)
             return "this JVM is not supported at optlevel 2; use optlevel 0 (status 7)";
+        String told = startFailure();
+        if (told != null)
+            return told;
         return "the library's start-up failed with status " + status + "; loglevel=3 tells more";
     }
 
     /**
      * Sends one request and returns the reply, null for no answer. SHUTDOWN ends the agent, its relay
-     * included; start(String) starts it anew. One request runs at a time; a second caller waits, and is
-     * refused when a SHUTDOWN comes meanwhile.
+     * included, and waits for no request in hand; start(String) starts it anew. One request runs at a time; a
+     * second caller waits, and is refused when a SHUTDOWN comes meanwhile.
      *
      * @throws IllegalStateException when the agent doesn't run
      */
@@ -172,7 +204,7 @@ public final class Agent {
             shutdown(text);
             return null;
         }
-        synchronized (Agent.class) { // dataFromNative's own lock: no shutdown between the look and the call
+        synchronized (Agent.class) { // in turn, and those who waited see a shutdown
             if (!running)
                 throw new IllegalStateException("the agent does not run");
             return dataFromNative(text);
@@ -183,13 +215,17 @@ public final class Agent {
         synchronized (life) {
             if (!running)
                 return;
-            running = false;
-            dataFromNative(text);
-            System.setProperty(STATUS_PROPERTY, STOPPED);
-            if (relay != null)
-                relay.close();
-            relay = null;
+            dataFromNative(text); // waits for nothing, not for a request in hand either
+            end();
         }
+    }
+
+    private static void end() {
+        running = false;
+        System.setProperty(STATUS_PROPERTY, STOPPED);
+        if (relay != null)
+            relay.close();
+        relay = null;
     }
 
     /**
@@ -204,10 +240,14 @@ public final class Agent {
                               Object unused, String logFile, String jvmId, int lockInfo, int dbQuery,
                               int sqlSize, int localQuota, int stackQueried, int stackRecorded);
 
-    /**
-     * Hands a request to the worker and waits for its reply; the class's lock makes it one caller at a time.
-     */
-    static synchronized native String dataFromNative(String request);
+    /** Why the last start failed, null when there is nothing to be said. */
+    private static native String startFailure();
+
+    /** False when there is nobody to answer a request. */
+    static native boolean workerLives();
+
+    /** Hands a request to the worker and waits for its reply; callers take turns there, SHUTDOWN doesn't. */
+    static native String dataFromNative(String request);
 
     /** The threads of the last sample that carried thread data, or null; call it between requests only. */
     public static native Object[] getThreadObjects();

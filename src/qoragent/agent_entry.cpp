@@ -5,6 +5,7 @@
 #include "qorlog.h"
 #include "qorsysinfo.h"
 #include "startup.h"
+#include "worker.h"
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
@@ -28,6 +29,14 @@ JNIEXPORT jint JNICALL Java_qoragent_Agent_initvar(JNIEnv *env, jobject, jint lo
         jvmId,    lockInfoLevel,     dbQuery,     sqlLength,   localsQuota, depthQueried, depthRecorded,
     };
     return QorStart(env, &arguments);
+}
+
+JNIEXPORT jstring JNICALL Java_qoragent_Agent_startFailure(JNIEnv *env, jobject) {
+    return startFailure ? QorNewStringUTF(env, startFailure) : nullptr;
+}
+
+JNIEXPORT jboolean JNICALL Java_qoragent_Agent_workerLives(JNIEnv *, jobject) {
+    return QorWorkerLives();
 }
 
 JNIEXPORT jstring JNICALL Java_qoragent_Agent_dataFromNative(JNIEnv *env, jobject, jstring request) {

@@ -1,8 +1,7 @@
 // The Java caller's side of a request.
 //
-// One caller at a time is assumed: the Java side declares the native synchronized. More of them overwrite
-// each other's request and take each other's reply but harm nothing else. So a SHUTDOWN from Java waits for
-// the request before it, for the time-out at most; one that gets past that lock ends the other's wait.
+// One request runs at a time. The Java side sees to that; callers of a host that doesn't wait for their turn
+// here, which counts into their time. SHUTDOWN waits for nobody, and ends the wait of those who wait.
 #pragma once
 
 #include <atomic>
@@ -13,13 +12,13 @@
 extern std::atomic<int32_t> callersInside;
 extern int32_t thread_timed_out; // 1 when the last request ran out of time; informational
 
-// Hands the request to the worker and waits up to `qor_max_timeout` seconds. The reply, the time-out text, or
-// null: for SHUTDOWN, an unsupported JVM, when the worker can't be woken, and for any request, SHUTDOWN
-// included, while a start is under way.
+// Hands the request to the worker and waits up to `qor_max_timeout` seconds. The reply, which is this
+// request's and no other's; the time-out text; or null: for SHUTDOWN, an unsupported JVM, when the worker
+// can't be woken, and for any request, SHUTDOWN included, while a start is under way.
 jstring QorDataFromNative(JNIEnv *env, jstring request);
 
-// Lets no caller in any more and waits a few seconds for those inside. They get their reply from the worker;
-// where none lives, they leave with the reply as it stands. False, and open again, when one stays. Start-up,
-// before it replaces what callers use.
-bool QorCloseToCallers();
+// Lets no caller in any more and waits up to `seconds` for those inside. They get their reply from the
+// worker; where none lives, they leave with null. False, and open again, when one stays. Start-up, before it
+// replaces what callers use.
+bool QorCloseToCallers(int32_t seconds);
 void QorOpenToCallers();

@@ -1,5 +1,6 @@
 #include "channel.h"
 
+#include "qorStrUtils.h"
 #include "qorlog.h"
 
 #include "platforms/linux.h"
@@ -8,11 +9,15 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <initializer_list>
+#include <sched.h>
 #include <sys/stat.h>
 
 char buf[BUF_SIZE];
-int32_t pipe_fd_PP[2] = {-1, -1};
-int32_t pipe_fd_CH[2] = {-1, -1};
+std::atomic<int32_t> pipe_fd_PP[2] = {{-1}, {-1}};
+std::atomic<int32_t> pipe_fd_CH[2] = {{-1}, {-1}};
+std::atomic<uint32_t> asked;
+std::atomic<uint32_t> answered;
 std::atomic<int32_t> agentstatus;
 std::atomic<int32_t> qorlocks[2];
 
@@ -27,21 +32,43 @@ bool IsFile(int32_t fd, const struct stat &made) {
     return fstat(fd, &now) == 0 && now.st_dev == made.st_dev && now.st_ino == made.st_ino;
 }
 
-bool MakePipe(int32_t fds[2], struct stat *made) {
+// Neither end may hold a thread up: not a full pipe its writer, nor a handshake that another caller took
+// first its reader.
+bool MakePipe(std::atomic<int32_t> ends[2], struct stat *made) {
+    int32_t fds[2];
     if (!qor_create_pipe(fds))
         return false;
     fstat(fds[0], made);
-    // Neither end may hold a thread up: not a full pipe its writer, nor a handshake that another caller took
-    // first its reader.
-    fcntl(fds[0], F_SETFL, O_NONBLOCK);
-    fcntl(fds[1], F_SETFL, O_NONBLOCK);
+    for (int i = 0; i < 2; i++) {
+        fcntl(fds[i], F_SETFL, O_NONBLOCK);
+        ends[i] = fds[i];
+    }
     return true;
 }
 
 void ClosePipes() {
-    qor_close_pipe(pipe_fd_PP);
-    qor_close_pipe(pipe_fd_CH);
+    for (std::atomic<int32_t> *end : {&pipe_fd_PP[0], &pipe_fd_PP[1], &pipe_fd_CH[0], &pipe_fd_CH[1]}) {
+        int32_t fd = end->exchange(-1);
+        qor_close_handle(&fd);
+    }
 }
+
+// What a caller has left for the worker. Neither side waits for the other but for the length of a copy.
+struct Mailbox {
+    std::atomic<bool> locked;
+    bool full;    // a request waits
+    bool newText; // `text` replaces what stands in `buf`
+    char text[BUF_SIZE];
+    uint32_t taken; // number of the request in `buf`
+} mailbox;
+
+struct MailboxScope {
+    MailboxScope() {
+        while (mailbox.locked.exchange(true))
+            sched_yield();
+    }
+    ~MailboxScope() { mailbox.locked = false; }
+};
 
 void SleepWhole(int32_t seconds) {
     timespec left = {seconds, 0};
@@ -51,9 +78,13 @@ void SleepWhole(int32_t seconds) {
 
 } // namespace
 
-bool QorOpenChannel() {
+void QorCloseChannel() {
     if (QorChannelIsOurs())
         ClosePipes();
+}
+
+bool QorOpenChannel() {
+    QorCloseChannel();
     if (MakePipe(pipe_fd_PP, &madePP) && MakePipe(pipe_fd_CH, &madeCH))
         return true;
     ClosePipes();
@@ -64,7 +95,8 @@ bool QorChannelIsOurs() {
     if (IsFile(pipe_fd_PP[0], madePP) && IsFile(pipe_fd_PP[1], madePP) && IsFile(pipe_fd_CH[0], madeCH) &&
         IsFile(pipe_fd_CH[1], madeCH))
         return true;
-    pipe_fd_PP[0] = pipe_fd_PP[1] = pipe_fd_CH[0] = pipe_fd_CH[1] = -1;
+    for (auto *pipe : {pipe_fd_PP, pipe_fd_CH})
+        pipe[0] = pipe[1] = -1;
     return false;
 }
 
@@ -98,13 +130,53 @@ bool qor_signal_child_to_process() {
     return false;
 }
 
-void QorSignalParent() {
-    if (qor_write_file(pipe_fd_CH[1], HANDSHAKE, HANDSHAKE_SIZE) != HANDSHAKE_SIZE)
-        QORLOG(LOG_RAW_PIPE, "Handshake not written, error %d", errno);
+uint32_t QorPostRequest(const char *text) {
+    MailboxScope mine;
+    if (text) {
+        mailbox.text[0] = 0;
+        QorStrncpy(mailbox.text, text, BUF_SIZE, REQUEST_LIMIT);
+        if (char *marker = strstr(mailbox.text, END_OF_TRANSMISSION))
+            *marker = 0;
+        mailbox.newText = true;
+    }
+    mailbox.full = true;
+    qorlocks[1] = 1;
+    return ++asked;
+}
+
+void QorWithdrawRequest() {
+    MailboxScope mine;
+    mailbox.full = false;
+    mailbox.text[0] = 0; // nor is its text asked again
+    mailbox.newText = true;
+}
+
+bool QorTakeRequest() {
+    MailboxScope mine;
+    if (!mailbox.full)
+        return false;
+    if (mailbox.newText)
+        memcpy(buf, mailbox.text, strlen(mailbox.text) + 1);
+    mailbox.full = mailbox.newText = false;
+    mailbox.taken = asked;
+    qorlocks[1] = 1; // a late answer may have cleared it since
+    return true;
+}
+
+bool QorAnswerRequest() {
+    answered = mailbox.taken;
+    return QorSignalParent();
+}
+
+bool QorSignalParent() {
+    if (QorChannelIsOurs() && qor_write_file(pipe_fd_CH[1], HANDSHAKE, HANDSHAKE_SIZE) == HANDSHAKE_SIZE)
+        return true;
+    QORLOG(LOG_RAW_PIPE, "Handshake not written, error %d", errno);
+    return false;
 }
 
 int32_t qor_wait_for_child_reponse(int32_t seconds) {
-    if (!qor_can_read(pipe_fd_CH[0], seconds == 0 ? DEFAULT_WAIT_SECONDS : seconds))
+    if (!qor_can_read(pipe_fd_CH[0], seconds == 0 ? DEFAULT_WAIT_SECONDS : seconds) || !QorChannelIsOurs())
         return 0;
     char pipe_str[HANDSHAKE_SIZE] = {};
     const ssize_t got = qor_read_file(pipe_fd_CH[0], pipe_str, HANDSHAKE_SIZE);
@@ -119,15 +191,4 @@ int32_t qor_wait_for_child_reponse(int32_t seconds) {
     QORLOG(LOG_NOTE, "Pipe not invoked by Child");
     qor_perror(" Qor Agent Error 2001:");
     return -1;
-}
-
-void QorDrainHandshakes() {
-    char stale[16 * HANDSHAKE_SIZE];
-    while (qor_can_read_internal(pipe_fd_CH[0], 0))
-        if (qor_read_file(pipe_fd_CH[0], stale, sizeof stale) <= 0)
-            return;
-}
-
-bool QorNoWakeUpWaits() {
-    return !qor_can_read_internal(pipe_fd_PP[0], 0);
 }

@@ -1,8 +1,10 @@
-// The request channel: one shared text buffer and two pipes between a Java caller and the worker.
+// The request channel: one shared reply buffer and two pipes between a Java caller and the worker.
 //
-// The caller puts the request into `buf` and writes 20 bytes down `pipe_fd_PP`; the worker answers in
-// `pagebuf` and writes 20 bytes down `pipe_fd_CH`. The pipes carry nothing else, and
-// give the only ordering between the two. Reading or writing them never blocks; who waits, polls.
+// The caller posts its request under the next number, `asked`, and writes 20 bytes down `pipe_fd_PP`. The
+// worker moves what is posted into `buf`, answers in `pagebuf`, stores the number in `answered` and writes 20
+// bytes down `pipe_fd_CH`. The pipes only wake up; whose reply stands is decided by the two numbers, so that
+// what a worker says too late, for a caller that has gone, is nobody's reply. Reading or writing the pipes
+// never blocks; who waits, polls.
 //
 // The pipes are replaced by start-up only, when no worker lives and no caller is inside.
 #pragma once
@@ -29,11 +31,15 @@ constexpr char READ_RETURNED[] = "Child Read returned = %d"; // logged by either
 static_assert(sizeof END_OF_TRANSMISSION == QOREOTLEN + 1, "marker length");
 static_assert(sizeof WAKE_UP == HANDSHAKE_SIZE + 1 && sizeof HANDSHAKE == HANDSHAKE_SIZE + 1, "text length");
 
-// The request. Written by the caller, cut up by the worker; its last byte is always 0.
+// The request in hand, which the worker cuts up; its last byte is always 0. The worker's alone while one
+// lives.
 extern char buf[BUF_SIZE];
 
-extern int32_t pipe_fd_PP[2]; // parent to child: read by the worker, written by the caller
-extern int32_t pipe_fd_CH[2]; // child to parent
+extern std::atomic<int32_t> pipe_fd_PP[2]; // parent to child: read by the worker, written by the caller
+extern std::atomic<int32_t> pipe_fd_CH[2]; // child to parent
+
+extern std::atomic<uint32_t> asked;    // number of the last request that was posted; 0 before the first
+extern std::atomic<uint32_t> answered; // number of the request whose reply stands in `pagebuf`
 
 // 0, or AGENT_SHUTDOWN from the request to leave until the worker has left.
 extern std::atomic<int32_t> agentstatus;
@@ -43,6 +49,9 @@ extern std::atomic<int32_t> qorlocks[2];
 
 // Makes both pipes, closing what an earlier start left. False, with no pipe at all, when one can't be made.
 bool QorOpenChannel();
+
+// Closes the pipes, if they are the agent's still. No worker lives and no caller is inside.
+void QorCloseChannel();
 
 // True while the four descriptors are those that were made. A host that closes descriptors at large may have
 // given their numbers to files of its own since: then all four are forgotten, and none is read, written or
@@ -59,15 +68,24 @@ void qor_safe_sleep(int32_t seconds);
 // Wakes the worker. False when the 20 bytes did not go.
 bool qor_signal_child_to_process();
 
-// Tells the caller that its reply stands.
-void QorSignalParent();
+// Posts a request in place of one that the worker hasn't taken, cut at the end-of-transmission marker; a null
+// one asks again what stands in `buf`. Its number. Java caller.
+uint32_t QorPostRequest(const char *text);
 
-// Waits for the worker's handshake; 0 seconds stand for 5,000. 1 when it came, -1 when something else came
-// (which counts as a reply too), 0 when the time is over.
+// Takes the posted request back: from here on no worker takes it. Java caller.
+void QorWithdrawRequest();
+
+// Moves the posted request into `buf`. False when there is none: it was withdrawn, or taken at an earlier
+// wake-up. Worker.
+bool QorTakeRequest();
+
+// Declares `pagebuf` the reply to the request last taken, and wakes its caller. Worker, and its fault
+// handler.
+bool QorAnswerRequest();
+
+// Wakes a waiting caller, who looks then whether its reply stands. False when the 20 bytes did not go.
+bool QorSignalParent();
+
+// Waits for a handshake; 0 seconds stand for 5,000. 1 when one came, -1 when something else came, 0 when the
+// time is over or the pipe isn't the agent's any more.
 int32_t qor_wait_for_child_reponse(int32_t seconds);
-
-// Takes stale handshakes out of the pipe without waiting.
-void QorDrainHandshakes();
-
-// True when no wake-up waits in the pipe.
-bool QorNoWakeUpWaits();

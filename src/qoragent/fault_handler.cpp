@@ -107,7 +107,7 @@ void DetachByItself() {
 void EndRequest(const Fault &fault, int32_t me) {
     if (sigJumpThread != me)
         return;
-    if (qor_write_file(pipe_fd_CH[1], HANDSHAKE, HANDSHAKE_SIZE) != HANDSHAKE_SIZE)
+    if (!QorAnswerRequest())
         perror("Qor Agent Error IPC 2 :");
     reschedule_count++;
     if (qorlocks[1]) {

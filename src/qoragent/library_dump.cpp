@@ -63,7 +63,6 @@ bool QorAnswerLibraryDump() {
     const bool hprof = strstr(buf, ".hprof"), phd = strstr(buf, ".phd");
     if (!strstr(buf, DUMP_REQUEST) || !(hprof || phd))
         return false;
-    pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
     if (JvmCanDump())
         DumpByLibrary(hprof, phd);
     else

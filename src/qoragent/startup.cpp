@@ -21,6 +21,7 @@
 #include "platforms/QorOS.h"
 #include "platforms/linux.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,12 +33,16 @@ jclass serverKlass1, serverKlass2;
 jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
 int32_t maxthreads = 64;
 void **suspended_threads;
+const char *startFailure;
 
 namespace {
 
 constexpr int HOSTNAME_ASKED = 80;
 constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
-constexpr int32_t LEAST_RETIRE_SECONDS = 2; // an idle worker needs milliseconds
+// Waits for an earlier agent, 10 seconds in all. An idle worker needs milliseconds, also where the time-out
+// is 0.
+constexpr int32_t LEAST_LEAVE_SECONDS = 2, MOST_LEAVE_SECONDS = 6;
+constexpr int32_t CLOSE_SECONDS = 2, RETIRE_SECONDS = 2;
 constexpr long WAIT_SLICE_NSEC = 10 * 1000 * 1000;
 constexpr int WAIT_SLICES_PER_SECOND = 100;
 
@@ -63,27 +68,36 @@ constexpr GlobalClass GLOBAL_CLASSES[] = {
 
 // One second, or less when the worker has left meanwhile.
 void WaitASecondForWorker() {
-    for (int i = 0; i < WAIT_SLICES_PER_SECOND && agentstatus != 0; i++) {
+    for (int i = 0; i < WAIT_SLICES_PER_SECOND && agentstatus != 0 && QorWorkerLives(); i++) {
         const timespec slice = {0, WAIT_SLICE_NSEC};
         nanosleep(&slice, nullptr);
     }
 }
 
+// Ends the start with a reason that Java can ask for.
+void Fail(const char *reason) {
+    init_status = START_FAILED;
+    startFailure = reason;
+    QORLOG(LOG_ERROR, "%s", reason);
+}
+
 // Waits for the agent of an earlier start to leave, and keeps callers out from then on. When it doesn't
 // leave: false, and it goes on as before.
-bool EarlierAgentLeft(int32_t seconds) {
-    for (int32_t left = seconds; agentstatus != 0 && left > 0; left--) {
+bool EarlierAgentLeft(int32_t timeout) {
+    int32_t left = std::clamp<int32_t>(timeout, LEAST_LEAVE_SECONDS, MOST_LEAVE_SECONDS);
+    for (; agentstatus != 0 && QorWorkerLives() && left > 0; left--) {
         QORLOG(LOG_NOTE, "Waiting for previous agent child thread to exit.");
         WaitASecondForWorker();
     }
-    if (agentstatus == 0 && QorCloseToCallers()) {
+    if ((agentstatus == 0 || !QorWorkerLives()) && QorCloseToCallers(CLOSE_SECONDS)) {
         // A worker that nobody asked to leave, or that was given up, leaves now: two must never inspect.
-        if (QorRetireWorkers(seconds > LEAST_RETIRE_SECONDS ? seconds : LEAST_RETIRE_SECONDS))
+        if (QorRetireWorkers(RETIRE_SECONDS))
             return true;
         QorOpenToCallers();
     }
     QORLOG(LOG_NOTE, "Unable to clear previous QORD agent child thread. Not starting a new one. To manually "
                      "clear, please bounce the server.");
+    startFailure = "the agent of an earlier start is still busy with a request";
     return false;
 }
 
@@ -199,11 +213,9 @@ void OpenSession(JNIEnv *env) {
 void StartWorker() {
     if (qorlocks[0])
         qor_enable_gc();
-    if (!QorOpenChannel())
-        return;
     ch_pid = 0;
     if (qor_create_child_thread(&thread) != 0)
-        init_status = START_FAILED;
+        Fail("no thread to be had for the worker");
 }
 
 // References of the caller's frame, which is about to end.
@@ -240,15 +252,24 @@ bool PrepareProcess(JNIEnv *env) {
 } // namespace
 
 int32_t QorStart(JNIEnv *env, const QorStartArguments *arguments) {
+    startFailure = nullptr;
     if (!EarlierAgentLeft(arguments->maxTimeout))
         return START_FAILED;
     ClearEarlierRun(env);
     StoreArguments(env, arguments);
     init_status = START_FAILED;
-    if (PrepareProcess(env) && RunInitialization()) {
+    if (!QorOpenChannel()) {
+        // Before the JVM is asked for anything: a class of its own that can't be initialised now never can
+        // be.
+        Fail("no pipe to be had for the requests: the process is short of descriptors");
+    } else if (PrepareProcess(env) && RunInitialization()) {
         OpenManagement();
         OpenSession(env);
         StartWorker();
+    }
+    if (init_status == START_FAILED && !QorWorkerLives()) {
+        QorCloseChannel();
+        ClearEarlierRun(env); // nobody would use it, or give it back
     }
     ForgetFrameReferences();
     QorOpenToCallers();

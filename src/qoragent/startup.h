@@ -24,7 +24,9 @@ struct QorStartArguments {
 };
 
 extern int32_t init_status; // StartStatus
-extern int32_t doing_init;  // 1 while the initialisation thread runs
+extern const char
+    *startFailure;         // why the last start failed; null when it didn't, or for no reason of its own
+extern int32_t doing_init; // 1 while the initialisation thread runs
 
 // The environment of the thread inside `initvar`, null outside it.
 extern JNIEnv *jni_env;

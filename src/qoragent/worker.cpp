@@ -70,8 +70,7 @@ bool StartsWith(const char *text, const char *word) {
     return text && strncmp(text, word, strlen(word)) == 0;
 }
 
-// Appends a text and a section end to the reply. It goes through `buf`, which drops the request: a wake-up
-// for it that still waits in the pipe must not answer a second time.
+// Appends a text and a section end to the reply, by way of `buf`.
 void AppendByWayOfBuf(const char *text) {
     snprintf(buf, sizeof buf, "%s%c", text, SECTION_END);
     QorAgentStrncat(pagebuf, buf, PAGEBUF_SIZE, BUF_SIZE);
@@ -79,7 +78,7 @@ void AppendByWayOfBuf(const char *text) {
 
 void Answered() {
     qorlocks[1] = 0;
-    QorSignalParent();
+    QorAnswerRequest();
 }
 
 void WaitForJavaCall() {
@@ -90,19 +89,17 @@ void WaitForJavaCall() {
     }
 }
 
-// Counts a wake-up that was none. The count never goes down: from the limit on each further one restarts the
-// loop at once and ends the request in hand.
+// Counts a wake-up that was none. A request that waits is answered, as its wake-up may be what was spoilt.
+// The count never goes down: from the limit on each further one restarts the loop at once.
 void Strike(volatile int *strikes) {
     QORLOG(LOG_WARNING, "Pipe not invoked by Parent");
     *strikes = *strikes + 1;
-    const bool restart = *strikes >= STRIKE_LIMIT;
-    if (qorlocks[1]) {
+    if (QorTakeRequest()) {
+        pagebuf[0] = 0;
         AppendByWayOfBuf("Unable to complete Request, Try Again");
-        if (restart)
-            qorlocks[1] = 0;
-        QorSignalParent();
+        Answered();
     }
-    if (restart && gbIbmJvm)
+    if (*strikes >= STRIKE_LIMIT && gbIbmJvm)
         qor_enable_gc();
 }
 
@@ -133,10 +130,13 @@ void LogFlags() {
            trace_single_thread_details, show_jsp_info, get_system_data, trace_all_threads, qorIsPollOrTrace);
 }
 
-// Answers the request in `buf`. One without a bar gets no answer at all.
+// Answers the posted request. One without a bar gets no answer at all.
 void HandleRequest() {
+    if (!QorTakeRequest())
+        return;
+    pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
     if (QorAnswerLibraryDump()) {
-        QorSignalParent();
+        QorAnswerRequest();
         return;
     }
     const char *command = QorNextField(buf);
@@ -147,7 +147,6 @@ void HandleRequest() {
     const uint32_t flags = QorParseNumber(buf);
     QorUnpackFlags(flags);
     LogFlags();
-    pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
     if (offsetind == BUILD_UNSUPPORTED)
         no_gc = FLAG_NO_GC;
     if (!TakeGcLock(flags))
@@ -343,9 +342,4 @@ bool QorRetireWorkers(int32_t seconds) {
 
 bool QorWorkerLives() {
     return liveWorkers != 0;
-}
-
-bool QorWorkerIsIdle() {
-    // In this order: a worker that has emptied the pipe has said that it is busy before.
-    return QorNoWakeUpWaits() && workerBusy == 0;
 }

@@ -45,9 +45,6 @@ bool QorRetireWorkers(int32_t seconds);
 // True while a worker lives, be it one that serves or one that was given up.
 bool QorWorkerLives();
 
-// True when the worker has nothing in hand and nothing waiting: all wake-ups so far have been dealt with.
-bool QorWorkerIsIdle();
-
 // Counts the calling worker as gone, which a fault ends. Fault handler.
 void QorWorkerGone();
 

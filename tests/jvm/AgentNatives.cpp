@@ -44,6 +44,17 @@ std::string Ask(const std::string &request) {
     return Ask(request.c_str());
 }
 
+std::thread AskAside(const std::string &request, std::string *reply) {
+    JavaVM *vm = nullptr;
+    Env()->GetJavaVM(&vm);
+    return std::thread([=] {
+        void *env = nullptr;
+        vm->AttachCurrentThread(&env, nullptr);
+        *reply = Ask(request.c_str(), static_cast<JNIEnv *>(env));
+        vm->DetachCurrentThread();
+    });
+}
+
 void ShutDownAgent() {
     EXPECT_EQ(Ask("SHUTDOWN"), NO_ANSWER);
     for (int i = 0; i < 60000 && agentstatus != 0; i++)

@@ -3,6 +3,8 @@
 
 #include "JvmFixture.h"
 
+#include <thread>
+
 extern "C" {
 jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring, jstring,
                                  jobject, jobject, jobject, jobject, jstring, jobject, jstring, jstring, jint,
@@ -36,6 +38,9 @@ int StartAgent(const StartArguments &arguments);
 // One request, from the thread of `env`; a null `request` is Java's null.
 std::string Ask(const char *request, JNIEnv *env = nullptr);
 std::string Ask(const std::string &request);
+
+// One request from a Java thread of its own; its reply stands when the thread has ended.
+std::thread AskAside(const std::string &request, std::string *reply);
 
 // Makes the agent leave and waits until it has.
 void ShutDownAgent();

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -142,14 +143,14 @@ TEST_F(Start, TheLogGoesWhereItIsTold) {
 // 50 times out and in, and 20 times in without out: one worker, nothing left behind, every request answered.
 TEST_F(Start, RestartsLeaveNothingBehind) {
     StartArguments arguments;
-    arguments.timeout = 30;
     int descriptors = 0, mappings = 0;
     int64_t references = 0;
     const auto globalRefs = [] { return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); };
     for (int i = 0; i < 120; i++) {
         const bool shutDownFirst = i < 100;
         if (i > 0 && shutDownFirst)
-            ShutDownAgent();
+            Ask("SHUTDOWN"); // the start waits for the end, however short the time-out is
+        arguments.timeout = i % 2 ? 30 : 0;
         ASSERT_EQ(StartAgent(arguments), START_OK) << i;
         ASSERT_NE(e2eclass, nullptr);
         ASSERT_EQ(Ask("516|NoProcessing|qorretry|" + std::to_string(i)),
@@ -201,7 +202,6 @@ TEST_F(Start, NoTwoWorkersAtATime) {
     EXPECT_NE(e2eclass, nullptr) << "the earlier agent was taken apart while it worked";
     EXPECT_EQ(Workers(), 1);
     CallVoid("qoragent/testing/BusyCall", "let", "()V");
-    Ask("516|NoProcessing|qorretry|4"); // may get the late answer
     for (int i = 5; i < 50; i++)
         ASSERT_EQ(Ask("516|NoProcessing|qorretry|" + std::to_string(i)),
                   "Changed qorretry to " + std::to_string(i));
@@ -212,21 +212,35 @@ TEST_F(Start, NoTwoWorkersAtATime) {
     EXPECT_EQ(Workers(), 1);
 }
 
+// Without pipes there is no agent: the start fails and says why, leaves nothing, and bars no later one.
+TEST_F(Start, WithoutAChannelTheStartFails) {
+    StartArguments arguments;
+    rlimit limit, none;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    none = {3, limit.rlim_max};
+    for (int i = 0; i < 2; i++) {
+        setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(StartAgent(arguments), START_FAILED);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        ASSERT_NE(startFailure, nullptr);
+        EXPECT_NE(std::string(startFailure).find("descriptors"), std::string::npos);
+        EXPECT_EQ(e2eclass, nullptr);
+        EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), NO_ANSWER);
+        EXPECT_EQ(Ask("SHUTDOWN"), NO_ANSWER); // answered by nobody
+    }
+    EXPECT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(startFailure, nullptr);
+    EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), "Changed qorretry to 4");
+}
+
 // A caller who waits for an agent that has left is let go by the next start, and not left on a closed pipe.
 TEST_F(Start, ARestartReleasesAWaitingCaller) {
     StartArguments arguments;
     arguments.timeout = 3600;
     ASSERT_EQ(StartAgent(arguments), START_OK);
     ShutDownAgent();
-    JavaVM *vm = nullptr;
-    Env()->GetJavaVM(&vm);
     std::string reply;
-    std::thread caller([&] {
-        void *env = nullptr;
-        vm->AttachCurrentThread(&env, nullptr);
-        reply = Ask("516|NoProcessing|qorretry|6", static_cast<JNIEnv *>(env));
-        vm->DetachCurrentThread();
-    });
+    std::thread caller = AskAside("516|NoProcessing|qorretry|6", &reply);
     while (qorlocks[1] == 0) // set by the caller just before it waits
         std::this_thread::yield();
     EXPECT_EQ(StartAgent(arguments), START_OK);
@@ -235,7 +249,7 @@ TEST_F(Start, ARestartReleasesAWaitingCaller) {
     EXPECT_EQ(Ask("516|NoProcessing|qorretry|7"), "Changed qorretry to 7");
 }
 
-// Callers on other threads while the agent restarts: each gets a reply, a time-out or none, and the JVM
+// Callers on other threads while the agent restarts: each gets its own reply, a time-out or none, and the JVM
 // lives.
 TEST_F(Start, CallersMayBeInsideDuringARestart) {
     StartArguments arguments;
@@ -247,13 +261,15 @@ TEST_F(Start, CallersMayBeInsideDuringARestart) {
     Env()->GetJavaVM(&vm);
     std::vector<std::thread> callers;
     for (int i = 0; i < 3; i++)
-        callers.emplace_back([&] {
+        callers.emplace_back([&, name = std::to_string(i)] {
             void *env = nullptr;
             vm->AttachCurrentThread(&env, nullptr);
             while (!stop) {
-                const std::string reply = Ask("516|NoProcessing|qorretry|6", static_cast<JNIEnv *>(env));
-                answered += reply == "Changed qorretry to 6";
-                wrong += reply.size() > 100;
+                const std::string reply =
+                    Ask(("516|NoProcessing|qorretry|" + name).c_str(), static_cast<JNIEnv *>(env));
+                const bool right = reply == "Changed qorretry to " + name;
+                answered += right;
+                wrong += !right && reply != TIMED_OUT && reply != NO_ANSWER;
             }
             vm->DetachCurrentThread();
         });

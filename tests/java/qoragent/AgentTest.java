@@ -11,6 +11,7 @@ import java.io.File;
 import java.io.FileReader;
 import java.io.IOException;
 import java.io.InputStreamReader;
+import java.lang.reflect.Field;
 import java.net.InetAddress;
 import java.net.Socket;
 import java.net.URL;
@@ -95,6 +96,7 @@ public class AgentTest {
             } catch (IllegalStateException e) {
                 assertTrue(e.getMessage(), e.getMessage().contains("runs already"));
             }
+            assertTrue(ask(endpoint, "nobar").startsWith("ERROR "));
             assertTrue(ask(endpoint, "516|nonsense").startsWith("Invalid Request nonsense"));
             assertTrue(Agent.request("516|nonsense").startsWith("Invalid Request nonsense"));
             assertEquals(null, ask(endpoint, "SHUTDOWN"));
@@ -132,10 +134,35 @@ public class AgentTest {
                 }
             });
             ending = blocked(() -> Agent.request("SHUTDOWN"));
+            ending.join(); // it waits for none
         }
         asking.join();
-        ending.join();
         assertEquals("the agent does not run", outcome.get());
+    }
+
+    /** The thread that attaches goes on although the start has to wait. */
+    @Test
+    public void attachingIsNotHeldUp() throws Exception {
+        Field life = Agent.class.getDeclaredField("life");
+        life.setAccessible(true);
+        synchronized (life.get(null)) {
+            Agent.startAside("relay=off", 50);
+            assertFalse("running".equals(System.getProperty("qoragent.status")));
+        }
+        while (!"running".equals(System.getProperty("qoragent.status")))
+            Thread.sleep(1);
+        assertTrue(Agent.request("516|nonsense").startsWith("Invalid Request nonsense"));
+    }
+
+    @Test
+    public void startReplacesAnAgentWithoutItsWorker() throws Exception {
+        Agent.start("timeout=20");
+        Agent.dataFromNative("SHUTDOWN"); // behind the Java side's back
+        while (Agent.workerLives())
+            Thread.sleep(1);
+        assertEquals("running", System.getProperty("qoragent.status"));
+        Agent.start("timeout=21");
+        assertTrue(Agent.request("516|nonsense").startsWith("Invalid Request nonsense"));
     }
 
     @Test
