@@ -81,3 +81,33 @@ extern "C" JNIEXPORT jlong JNICALL Java_qoragent_bench_Native_threadPrint(JNIEnv
 extern "C" JNIEXPORT void JNICALL Java_qoragent_bench_Native_signalAttach(JNIEnv *, jclass) {
     kill(getpid(), SIGQUIT);
 }
+
+namespace {
+
+decltype(jvmtiInterface_1_::GetThreadCpuTime) jvmsClock;
+
+jvmtiError JNICALL coarseClock(jvmtiEnv *env, jthread thread, jlong *nanos) {
+    const jvmtiError error = jvmsClock(env, thread, nanos);
+    *nanos -= *nanos % 10000000;
+    return error;
+}
+
+jvmtiError JNICALL noClock(jvmtiEnv *, jthread, jlong *) {
+    return JVMTI_ERROR_INTERNAL;
+}
+
+} // namespace
+
+// All environments of a JVM share one table of functions.
+extern "C" JNIEXPORT void JNICALL Java_qoragent_bench_Native_setClock(JNIEnv *env, jclass, jint kind) {
+    JavaVM *vm;
+    jvmtiEnv *jvmti;
+    if (env->GetJavaVM(&vm) != JNI_OK ||
+        vm->GetEnv(reinterpret_cast<void **>(&jvmti), JVMTI_VERSION_1_1) != JNI_OK)
+        return;
+    auto *table = const_cast<jvmtiInterface_1_ *>(jvmti->functions);
+    if (!jvmsClock)
+        jvmsClock = table->GetThreadCpuTime;
+    table->GetThreadCpuTime = kind == 1 ? coarseClock : kind == 2 ? noClock : jvmsClock;
+    jvmti->DisposeEnvironment();
+}

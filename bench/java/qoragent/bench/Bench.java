@@ -184,7 +184,7 @@ public final class Bench {
         sleep(10);
     }
 
-    private static void sleep(long millis) {
+    static void sleep(long millis) {
         try {
             Thread.sleep(millis);
         } catch (InterruptedException e) {
@@ -224,7 +224,7 @@ public final class Bench {
     }
 
     /** The JVM opens its socket when it finds this file of its own user and gets a SIGQUIT. */
-    private static String openAttachSocket() throws Exception {
+    static String openAttachSocket() throws Exception {
         String pid = new File("/proc/self").getCanonicalFile().getName();
         Path trigger = Paths.get("/tmp/.attach_pid" + pid);
         Path socket = Paths.get("/tmp/.java_pid" + pid);

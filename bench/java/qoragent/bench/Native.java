@@ -16,4 +16,7 @@ final class Native {
     static native long threadPrint(String path);
 
     static native void signalAttach();
+
+    /** What this JVM's tools get of the processor clocks of threads: 0 all, 1 steps of 10 ms, 2 an error. */
+    static native void setClock(int kind);
 }
