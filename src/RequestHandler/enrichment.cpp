@@ -55,7 +55,9 @@ struct JavaArguments {
     jobjectArray strings;
     jlongArray ids;
     jstring minusOne, zero; // nearly every number is one of these
-    jint count;             // threads that went in
+    jstring lastNumber;     // another one, with its value: depths are alike
+    int32_t lastValue;
+    jint count; // threads that went in
 };
 
 jstring MakeText(JNIEnv *env, const char *text) {
@@ -66,7 +68,6 @@ jstring MakeText(JNIEnv *env, const char *text) {
 
 void Store(JNIEnv *env, const JavaArguments &to, int32_t number, jstring text) {
     env->SetObjectArrayElement(to.strings, to.count * TEXTS_PER_THREAD + number, text);
-    QorDescribeException(env);
 }
 
 // Puts text `number` of the thread at hand. The array is made of empty texts.
@@ -78,33 +79,38 @@ void PutText(JNIEnv *env, const JavaArguments &to, int32_t number, const char *t
     QorDeleteLocalRef(env, made);
 }
 
-void PutNumber(JNIEnv *env, const JavaArguments &to, int32_t number, int32_t value) {
+void PutNumber(JNIEnv *env, JavaArguments *to, int32_t number, int32_t value) {
     if (value == -1 || value == 0) {
-        Store(env, to, number, value ? to.minusOne : to.zero);
+        Store(env, *to, number, value ? to->minusOne : to->zero);
         return;
     }
-    char storage[24];
-    QorText text;
-    QorTextStart(&text, storage, sizeof storage);
-    QorTextAppendNumber(&text, value);
-    PutText(env, to, number, storage);
+    if (!to->lastNumber || to->lastValue != value) {
+        char storage[24];
+        QorText text;
+        QorTextStart(&text, storage, sizeof storage);
+        QorTextAppendNumber(&text, value);
+        QorDeleteLocalRef(env, to->lastNumber);
+        to->lastNumber = MakeText(env, storage);
+        to->lastValue = value;
+    }
+    Store(env, *to, number, to->lastNumber);
 }
 
 int32_t YesNoOrUnknown(int32_t value) {
     return value == 0 || value == 1 ? value : -1;
 }
 
-void PutTexts(JNIEnv *env, const JavaArguments &to, const QorE2EBlock &block) {
+void PutTexts(JNIEnv *env, JavaArguments *to, const QorE2EBlock &block) {
     PutNumber(env, to, 0, block.frameCount);
     PutNumber(env, to, 1, YesNoOrUnknown(block.stuckAndHogger[0]));
     PutNumber(env, to, 2, YesNoOrUnknown(block.stuckAndHogger[1]));
-    PutText(env, to, 3, block.ioFile);
-    PutText(env, to, 4, block.applicationName);
-    PutText(env, to, 5, block.moduleName);
-    PutText(env, to, 6, block.wmName);
-    PutText(env, to, 7, block.sessionId);
+    PutText(env, *to, 3, block.ioFile);
+    PutText(env, *to, 4, block.applicationName);
+    PutText(env, *to, 5, block.moduleName);
+    PutText(env, *to, 6, block.wmName);
+    PutText(env, *to, 7, block.sessionId);
     PutNumber(env, to, 8, block.networkPort);
-    PutText(env, to, 9, block.networkHost);
+    PutText(env, *to, 9, block.networkHost);
 }
 
 // Whether the thread went in.
@@ -148,7 +154,7 @@ void PutThreads(JNIEnv *env, jsize blocks, jlong *ids, JavaArguments *to) {
         if (!block->valid)
             continue;
         ids[to->count] = block->osThreadId;
-        PutTexts(env, *to, *block);
+        PutTexts(env, to, *block);
         to->count++;
     }
     for (jsize i = to->count * TEXTS_PER_THREAD; i < blocks * TEXTS_PER_THREAD; i++)

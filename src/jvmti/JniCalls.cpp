@@ -2,8 +2,8 @@
 
 #include "qorlog.h"
 
-// Every wrapper makes its call, clears what the call left pending, and returns what the call gave. A session
-// whose worker could not be attached has no environment: the call is then as good as failed.
+// Every wrapper makes its call, clears what the call may have left pending, and returns what the call gave. A
+// session whose worker could not be attached has no environment: the call is then as good as failed.
 //
 // ExceptionCheck and not ExceptionOccurred, which would leave a local reference for each exception seen.
 
@@ -34,6 +34,12 @@ bool QorDescribeException(JNIEnv *env) {
         return given;                                                                                        \
     }
 
+// Functions that JNI lets throw nothing: a sample makes thousands of these calls.
+#define WRAP_PLAIN(Result, Name, Function, None, Parameters, ...)                                            \
+    Result Name Parameters {                                                                                 \
+        return env ? env->Function(__VA_ARGS__) : None;                                                      \
+    }
+
 #define WRAP_VOID(Name, Function, Parameters, ...)                                                           \
     void Name Parameters {                                                                                   \
         if (!env)                                                                                            \
@@ -43,7 +49,7 @@ bool QorDescribeException(JNIEnv *env) {
     }
 
 #define WRAP_FIELD(Result, Name, Function)                                                                   \
-    WRAP(Result, Name, Function, Result(), (JNIEnv * env, jobject obj, jfieldID field), obj, field)
+    WRAP_PLAIN(Result, Name, Function, Result(), (JNIEnv * env, jobject obj, jfieldID field), obj, field)
 
 #define WRAP_STATIC_FIELD(Result, Name, Function)                                                            \
     WRAP(Result, Name, Function, Result(), (JNIEnv * env, jclass klass, jfieldID field), klass, field)
@@ -63,11 +69,11 @@ bool QorDescribeException(JNIEnv *env) {
 
 // clang-format off
 WRAP(jint, QorPushLocalFrame, PushLocalFrame, JNI_ERR, (JNIEnv *env, jint capacity), capacity)
-WRAP(jobject, QorPopLocalFrame, PopLocalFrame, nullptr, (JNIEnv *env, jobject result), result)
-WRAP_VOID(QorDeleteGlobalRef, DeleteGlobalRef, (JNIEnv *env, jobject ref), ref)
-WRAP_VOID(QorDeleteLocalRef, DeleteLocalRef, (JNIEnv *env, jobject ref), ref)
+WRAP_PLAIN(jobject, QorPopLocalFrame, PopLocalFrame, nullptr, (JNIEnv *env, jobject result), result)
+WRAP_PLAIN(void, QorDeleteGlobalRef, DeleteGlobalRef, void(), (JNIEnv *env, jobject ref), ref)
+WRAP_PLAIN(void, QorDeleteLocalRef, DeleteLocalRef, void(), (JNIEnv *env, jobject ref), ref)
 WRAP(jobject, QorNewGlobalRef, NewGlobalRef, nullptr, (JNIEnv *env, jobject ref), ref)
-WRAP(jboolean, QorIsSameObject, IsSameObject, a == b, (JNIEnv *env, jobject a, jobject b), a, b)
+WRAP_PLAIN(jboolean, QorIsSameObject, IsSameObject, a == b, (JNIEnv *env, jobject a, jobject b), a, b)
 
 WRAP(jclass, QorFindClass, FindClass, nullptr, (JNIEnv *env, const char *name), name)
 WRAP(jclass, QorGetSuperclass, GetSuperclass, nullptr, (JNIEnv *env, jclass klass), klass)
@@ -111,7 +117,7 @@ WRAP(const char *, QorGetStringUTFChars, GetStringUTFChars, nullptr,
 WRAP_VOID(QorReleaseStringUTFChars, ReleaseStringUTFChars, (JNIEnv *env, jstring str, const char *chars),
           str, chars)
 
-WRAP(jsize, QorGetArrayLength, GetArrayLength, 0, (JNIEnv *env, jarray array), array)
+WRAP_PLAIN(jsize, QorGetArrayLength, GetArrayLength, 0, (JNIEnv *env, jarray array), array)
 WRAP(jobject, QorGetObjectArrayElement, GetObjectArrayElement, nullptr,
      (JNIEnv *env, jobjectArray array, jsize index), array, index)
 WRAP(jlongArray, QorNewLongArray, NewLongArray, nullptr, (JNIEnv *env, jsize length), length)

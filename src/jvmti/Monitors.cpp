@@ -2,6 +2,7 @@
 
 #include "JniCalls.h"
 #include "MethodTable.h"
+#include "MonitorMemo.h"
 #include "MonitorsManagement.h"
 #include "Session.h"
 #include "qorlog.h"
@@ -210,12 +211,16 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
     if (!out)
         return 0;
     *out = nullptr;
-    if (!AtThread(handle) || !thread)
+    const MonitorRoad road = ChooseRoad();
+    if (!AtThread(handle) || !thread || road == ROAD_NONE)
         return 0;
+    const bool byMemo = road == ROAD_MANAGEMENT && scope == MONITORS_OF_THE_WALK && QorMemoUsable();
+    if (byMemo && !QorMemoMustAsk(handle, handle->index))
+        return QorMemoRecall(handle->index, out);
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
         LogNoFrame(LOG_ERROR);
-    switch (ChooseRoad()) {
+    switch (road) {
     case ROAD_JVMTI:
         return QorGetOwnedMonitorInfoUsingJvmti(handle, out);
     case ROAD_MANAGEMENT:
@@ -227,12 +232,15 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
 
 int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
                                    QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner) {
-    if (!AtThread(handle) || !thread || !record)
+    const MonitorRoad road = ChooseRoad();
+    if (!AtThread(handle) || !thread || !record || road == ROAD_NONE)
+        return 0;
+    if (scope == MONITORS_OF_THE_WALK && !QorMayWaitForLock(handle, handle->index))
         return 0;
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
         LogNoFrame(LOG_WARNING);
-    switch (ChooseRoad()) {
+    switch (road) {
     case ROAD_JVMTI:
         QORLOG(LOG_TRACE, "QorAgetContendedMonitorInforUsing JVMTI");
         return ContendedByBoth(handle, thread, scope, record, wantOwner);

@@ -115,9 +115,11 @@ jlongArray BatchIds(const QorThreadHandle *handle, const QorThreadRecord *thread
     jsize count = 0;
     for (int32_t i = 0; i < batch->count; i++) {
         const int32_t index = batch->first + i;
-        const int64_t tid = index == handle->index ? thread->tid : QorGetWalkThreadId(handle, index);
         batch->position[i] = -1;
-        if (tid <= 0 || (!withMonitors && !QorMayWaitForLock(handle, index)))
+        if (!withMonitors && !QorMayWaitForLock(handle, index))
+            continue;
+        const int64_t tid = index == handle->index ? thread->tid : QorGetWalkThreadId(handle, index);
+        if (tid <= 0)
             continue;
         batch->position[i] = static_cast<int16_t>(count);
         ids[count++] = tid;
@@ -342,7 +344,7 @@ int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const Qor
 
 int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
                                                   QorMonitorScope scope, QorMonitorRecord *record) {
-    if ((scope == MONITORS_OF_THE_WALK && !QorMayWaitForLock(handle, handle->index)) || !SampleUsable())
+    if (!SampleUsable())
         return 0;
     QorLocalFrame frame(jvmtijni_env, 6);
     jobject info = frame.pushed ? ContendedInfo(handle, thread, scope) : nullptr;

@@ -20,6 +20,7 @@
 static jvmtiStackInfo *qorstack_info_ptr;       // what GetAllStackTraces gave; null when no walk is open
 static jint threads_count;                      // its entries, not capped
 static jthread gbjThreadList[MAX_WALK_THREADS]; // its first threads
+static int64_t walkThreadIds[MAX_WALK_THREADS]; // their Java thread ids, 0: not read yet
 static bool snapshotFramePushed;                // the snapshot's local frame is open
 static int32_t nThreadExceedCount;              // spaces out the overflow message
 static int32_t iAttachTotalRun;                 // walks, wraps
@@ -94,6 +95,7 @@ void TakeSnapshot(QorThreadHandle *handle) {
     CapThreadCount(handle);
     for (int32_t i = 0; i < handle->count; i++)
         gbjThreadList[i] = qorstack_info_ptr[i].thread;
+    memset(walkThreadIds, 0, sizeof walkThreadIds);
     QorRefreshIdField();
 }
 
@@ -128,7 +130,8 @@ jvmtiError ReadState(const jvmtiStackInfo &stack, jint *jvmtiState) {
 }
 
 // Everything of a thread that JVMTI tells, inside the caller's local frame.
-int32_t ReadThread(const jvmtiStackInfo &stack, QorThreadRecord *record, jint *jvmtiState) {
+int32_t ReadThread(const QorThreadHandle *handle, QorThreadRecord *record, jint *jvmtiState) {
+    const jvmtiStackInfo &stack = qorstack_info_ptr[handle->index];
     jthread thread = stack.thread;
     // What can't be read must not be the last thread's: views use one record for all of a walk.
     record->tid = record->ostid = 0;
@@ -155,7 +158,8 @@ int32_t ReadThread(const jvmtiStackInfo &stack, QorThreadRecord *record, jint *j
                         JVMTI_ERROR_NONE, error);
         return -1;
     }
-    if (QorReadThreadId(thread, &record->tid))
+    record->tid = QorGetWalkThreadId(handle, handle->index);
+    if (record->tid != 0)
         ReadSystemThreadId(thread, record);
     return 0;
 }
@@ -202,7 +206,7 @@ int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
         return -1;
     }
     jint jvmtiState = 0;
-    if (ReadThread(qorstack_info_ptr[handle->index], record, &jvmtiState) != 0)
+    if (ReadThread(handle, record, &jvmtiState) != 0)
         return -1;
     record->state = mapThreadStatetoQorState(jvmtiState, record->tid);
     record->handle = handle;
@@ -210,10 +214,11 @@ int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
 }
 
 int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index) {
-    int64_t tid = 0;
-    if (handle && handle->threads && index >= 0 && index < handle->count)
-        QorReadThreadId(handle->threads[index], &tid);
-    return tid;
+    if (!handle || !handle->threads || index < 0 || index >= handle->count)
+        return 0;
+    if (walkThreadIds[index] == 0)
+        QorReadThreadId(handle->threads[index], &walkThreadIds[index]);
+    return walkThreadIds[index];
 }
 
 const jvmtiStackInfo *QorWalkStack(const QorThreadHandle *handle, int32_t index) {

@@ -286,6 +286,7 @@ TEST_F(Threads, NeverShowTheLastThreadsId) {
     ASSERT_NE(walk.thread.tid, 0);
     const jfieldID known = idField;
     idField = nullptr;
+    QorGetJVMThread(&walk.handle, 0);
     EXPECT_EQ(QorGetThreadInfo(&walk.handle, &walk.thread), 0);
     EXPECT_EQ(walk.thread.tid, 0);
     idField = known;
