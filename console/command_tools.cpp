@@ -1,9 +1,12 @@
 #include "command_tools.h"
 
+#include "failure.h"
+#include "request.h"
 #include "session.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -45,6 +48,16 @@ void PrintView(const Settings &settings, double watch, const Json &document, con
 std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request) {
     Connection connection = RequireAgent(settings, RequireProcess(pid));
     return connection.Ask(request, Seconds(settings.timeout));
+}
+
+void NoteLeftOutWalk(const Settings &settings, pid_t pid) {
+    try {
+        if (AskOnce(settings, pid, WalkStateRequest()).find("leftout=1") != std::string::npos)
+            fmt::print(stderr, "qorctl: without data of other tiers, as requests by hand have read local "
+                               "variables for their share of the last ten seconds (option handquota); ask "
+                               "again in a while\n");
+    } catch (const Failure &) { // the view stands without it
+    }
 }
 
 } // namespace qorctl

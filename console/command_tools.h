@@ -31,6 +31,10 @@ void PrintView(const Settings &settings, double watch, const Json &document, con
 // Sends one request to the agent of a JVM, which is loaded if it isn't there: the reply.
 std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request);
 
+// Says on standard error when the sample just taken by hand has no data of other tiers because such samples
+// had their share of time.
+void NoteLeftOutWalk(const Settings &settings, pid_t pid);
+
 // Does `once` now, and again every `period` seconds until it throws, if a period is given.
 template <class Once>
 void Repeat(double period, Once once) {

@@ -154,6 +154,8 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
         if (!command.match.empty())
             KeepMatching(&sample, command.match);
         ShowThreads(settings, command, sample, process.threads);
+        if (command.watch <= 0)
+            NoteLeftOutWalk(settings, pid);
     });
 }
 
@@ -163,6 +165,8 @@ void RunStack(const Settings &settings, pid_t pid, const std::string &thread, do
         AddTiers(settings, pid, &sample.threads[0]);
         PrintView(settings, watch, ToJson(sample),
                   ThreadDump(sample, TerminalStyle(settings)) + StackNotes(sample) + "\n");
+        if (watch <= 0)
+            NoteLeftOutWalk(settings, pid);
     });
 }
 

@@ -16,6 +16,7 @@ namespace {
 
 void ShowPortHolder(const Settings &settings, pid_t pid, int port) {
     std::string reply = AskOnce(settings, pid, PortHolderRequest(port));
+    NoteLeftOutWalk(settings, pid);
     std::optional<PortHolder> holder = DecodePortHolder(OpenReply(reply));
     if (!holder)
         throw Failure(fmt::format("the agent has seen no connection with client port {}", port),
@@ -65,6 +66,8 @@ void RunConnections(const Settings &settings, pid_t pid, int port, double watch)
         std::string text = connections.empty() ? "No thread is in a database call that the agent can read.\n"
                                                : ConnectionTable(connections, TerminalStyle(settings));
         PrintView(settings, watch, ConnectionsJson(connections, sample), text);
+        if (watch <= 0)
+            NoteLeftOutWalk(settings, pid);
     });
 }
 

@@ -101,6 +101,10 @@ std::string HeapRequest(bool repeated) {
     return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_MEMORY_ACTIVITY));
 }
 
+std::string WalkStateRequest() {
+    return fmt::format("{}|NoProcessing|walkstate", BaseFlags(false));
+}
+
 std::string CollectorsRequest(bool repeated) {
     return fmt::format("{}|NoProcessing|collectors", BaseFlags(repeated));
 }

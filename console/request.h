@@ -49,6 +49,9 @@ std::string PortHolderRequest(int port);
 // clients come from, and process ids joined by commas.
 std::string SessionsRequest(int port, std::string_view client_host, std::string_view processes);
 
+// Whether the last sample was left without the locals of its frames.
+std::string WalkStateRequest();
+
 // A setting, "qorloglevel" and the like.
 std::string SettingRequest(std::string_view key, std::string_view value);
 

@@ -9,6 +9,7 @@ int32_t qorLockInfoLevel;
 int32_t qorDBQuery;
 int32_t gbSqlQueryLength = QOR_MAX_SQL_QUERY_SIZE;
 int32_t qorGetLocalObjectsQuotaPct;
+int32_t qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
 int32_t maxStackDepthQueried = 1000;
 int32_t maxStackDepthRecorded = 300;
 int32_t gbQorSkipLocal;

@@ -15,6 +15,7 @@ enum : int32_t {
     HEAP_DIR_SIZE = 255,
     HOST_NAME_SIZE = 128,
     QOR_MAX_SQL_QUERY_SIZE = 65536,
+    QOR_HAND_WALK_QUOTA = 5, // percent, where nothing else was asked for
 };
 
 // Values of `offsetind` with a meaning of their own. 6 to 10 are rows of the direct road.
@@ -35,10 +36,11 @@ extern int32_t qorLockInfoLevel;           // 1 JVMTI or management, 2 managemen
 extern int32_t qorDBQuery;                 // database query capture, 0 off
 extern int32_t gbSqlQueryLength;           // longest SQL text captured, bytes, at most 65,536
 extern int32_t qorGetLocalObjectsQuotaPct; // cost quota for local objects, percent; 0 off, 100 no control
-extern int32_t maxStackDepthQueried;       // frames asked of the JVM for each thread
-extern int32_t maxStackDepthRecorded;      // frames kept of each stack
-extern int32_t gbQorSkipLocal;             // 1: locals are never fetched; also the native setOptLevel
-extern int32_t gbQorRELocal;               // 1: locals are read at once by the reference walk
+extern int32_t qorHandWalkQuotaPct;  // the same for requests by hand, of the last ten seconds; 100 no control
+extern int32_t maxStackDepthQueried; // frames asked of the JVM for each thread
+extern int32_t maxStackDepthRecorded; // frames kept of each stack
+extern int32_t gbQorSkipLocal;        // 1: locals are never fetched; also the native setOptLevel
+extern int32_t gbQorRELocal;          // 1: locals are read at once by the reference walk
 
 extern char vend[VENDOR_SIZE];           // JVM vendor
 extern char vers[VERSION_SIZE];          // JVM version

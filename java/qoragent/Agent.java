@@ -26,6 +26,7 @@ public final class Agent {
     private static final String SHUTDOWN = "SHUTDOWN";
     private static final String FORK_DUMPS = "516|NoProcessing|forkdump|1";
     private static final String NO_REQUEST = "ERROR a request reads FLAGS|COMMAND|...";
+    private static final String HAND_QUOTA = "516|NoProcessing|handquota|";
     private static final int JVM_UNSUPPORTED = 7;
     private static final long ATTACH_MILLIS = 10_000;
 
@@ -118,6 +119,8 @@ public final class Agent {
             running = true;
             if (wanted.text("forkdump").equals("true"))
                 dataFromNative(FORK_DUMPS);
+            if (!wanted.isPreset("handquota"))
+                dataFromNative(HAND_QUOTA + wanted.number("handquota"));
             options = wanted;
             relay = door;
             System.setProperty(STATUS_PROPERTY, RUNNING);

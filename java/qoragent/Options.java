@@ -87,6 +87,7 @@ final class Options {
                  Key.number("dbquery", 0, 0, 1),
                  Key.number("sqlsize", 4096, 0, MAX),
                  Key.number("localquota", 1, 0, 100),
+                 Key.number("handquota", 5, 1, 100),
                  Key.number("stackqueried", 1000, 1, MAX),
                  Key.number("stackrecorded", 300, 1, MAX),
                  Key.choice("forkdump", "false", "false", "true"),
@@ -146,6 +147,9 @@ final class Options {
         String value = given.get(name);
         return value != null ? value : KEYS.get(name).preset;
     }
+
+    /** True when the value is the one that holds where none is given. */
+    boolean isPreset(String name) { return text(name).equals(KEYS.get(name).preset); }
 
     int number(String name) { return Integer.parseInt(text(name)); }
 

@@ -15,7 +15,8 @@ namespace {
 // The JVM compares each tag asked for with each one that it has, and cannot stop its threads meanwhile.
 constexpr int32_t TAGS_A_CALL = 256;
 
-jobject objects[LOCAL_TAGS + 1]; // by tag; null for an object that has died
+jobject objects[LOCAL_TAGS + 1]; // by number; null for an object that has died
+int32_t lookedUp;                // numbers that were looked up
 jobject candidates[LOCAL_CANDIDATES];
 
 static_assert(static_cast<int32_t>(LOCAL_SIGNATURE_SIZE) == NAME_SIZE, "QorCopyName writes that many");
@@ -23,7 +24,7 @@ static_assert(static_cast<int32_t>(LOCAL_SIGNATURE_SIZE) == NAME_SIZE, "QorCopyN
 int32_t FetchTags(jvmtiEnv *env, int32_t first, int32_t count) {
     jlong wanted[TAGS_A_CALL];
     for (int32_t i = 0; i < count; i++)
-        wanted[i] = first + i;
+        wanted[i] = gbQorTagBase + first + i;
     jint found = 0;
     jobject *refs = nullptr;
     jlong *tags = nullptr;
@@ -32,7 +33,7 @@ int32_t FetchTags(jvmtiEnv *env, int32_t first, int32_t count) {
         return error;
     int32_t result = JVMTI_ERROR_NONE;
     for (jint i = 0; i < found; i++) {
-        objects[tags[i]] = refs[i];
+        objects[tags[i] - gbQorTagBase] = refs[i];
         const jvmtiError setError = env->SetTag(refs[i], 0);
         if (setError == JVMTI_ERROR_NONE)
             continue;
@@ -48,7 +49,8 @@ bool IsAlive(jobject object) {
     return object && !QorIsSameObject(jvmtijni_env, object, nullptr);
 }
 
-// The frame's objects that are alive, in the order in which they were met.
+// The frame's objects that are alive, in the order in which they were met, up to one that wasn't looked up:
+// it might be the one, or its neighbour.
 int32_t CollectCandidates(const QorWantedFrame &frame) {
     int32_t count = 0;
     if (frame.record && getObjOpt) {
@@ -57,9 +59,12 @@ int32_t CollectCandidates(const QorWantedFrame &frame) {
                 candidates[count++] = frame.record->localObjects[i];
         return count;
     }
-    for (int32_t i = frame.first; i >= 0 && count < LOCAL_CANDIDATES; i = gbQorFindings[i].next)
+    for (int32_t i = frame.first; i >= 0 && count < LOCAL_CANDIDATES; i = gbQorFindings[i].next) {
+        if (gbQorFindings[i].tag > lookedUp)
+            break;
         if (jobject object = objects[gbQorFindings[i].tag])
             candidates[count++] = object;
+    }
     return count;
 }
 
@@ -99,13 +104,14 @@ bool EndsSearch(jobject object, const QorWantedFrame &frame, bool (*ends)(const 
     jclass klass = QorGetObjectClass(jvmtijni_env, object);
     if (!klass)
         return false;
-    bool found = false, isBoring = IsArray(klass);
-    if (!isBoring && ReadSignature(klass, frame, signature)) {
+    bool found = false;
+    jlong mark = IsArray(klass) ? BORING_CLASS : 0;
+    if (mark == 0 && ReadSignature(klass, frame, signature)) {
         found = !QorIsPassedOverObject(signature) && ends(signature);
-        isBoring = !found;
+        mark = !found ? BORING_CLASS : IsQRFEoFrameObject(signature) ? EVENT_CLASS : WANTED_CLASS;
     }
-    if (isBoring && env)
-        env->SetTag(klass, BORING_CLASS); // refused: it is looked at again next time
+    if (mark != 0 && env)
+        env->SetTag(klass, mark); // refused: it is looked at again next time
     QorDeleteLocalRef(jvmtijni_env, klass);
     return found;
 }
@@ -128,12 +134,20 @@ int32_t QorCountFoundObjects() {
 
 int32_t QorFetchFoundObjects(jvmtiEnv *env) {
     std::fill(objects, objects + gbQorTagCount + 1, nullptr);
-    int32_t result = JVMTI_ERROR_NONE;
-    for (int32_t first = 1; first <= gbQorTagCount && result == JVMTI_ERROR_NONE; first += TAGS_A_CALL)
-        result = FetchTags(env, first, std::min<int32_t>(TAGS_A_CALL, gbQorTagCount - first + 1));
-    if (result == JVMTI_ERROR_NONE)
-        gbQorTagCount = 0;
-    return result;
+    lookedUp = 0;
+    while (lookedUp < gbQorTagCount) {
+        const int32_t count = std::min<int32_t>(TAGS_A_CALL, gbQorTagCount - lookedUp);
+        if (const int32_t error = FetchTags(env, lookedUp + 1, count))
+            return error;
+        lookedUp += count;
+        if (lookedUp < gbQorTagCount && QorLocalWalkTimeIsUp()) {
+            QORLOG(LOG_DETAIL, "no time to look up %d of %d locals", gbQorTagCount - lookedUp, gbQorTagCount);
+            gbQorTagBase += gbQorTagCount; // their tags stay, older than any of the next walk
+            break;
+        }
+    }
+    gbQorTagCount = 0;
+    return JVMTI_ERROR_NONE;
 }
 
 jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,

@@ -13,12 +13,13 @@
 // References that QorFetchFoundObjects will make.
 int32_t QorCountFoundObjects();
 
-// Gets the found objects and takes their tags away. JVMTI's error, 0 for none: what was got is usable, but
-// tags may be left in the environment.
+// Gets the found objects and takes their tags away, as many as the walk's time allows. JVMTI's error, 0 for
+// none: what was got is usable, but tags may be left in the environment.
 int32_t QorFetchFoundObjects(jvmtiEnv *env);
 
 // The object of the frame, a reference that is not the caller's own, with its class's signature (or, for an
 // entity, that of the event beside it) in LOCAL_SIGNATURE_SIZE bytes; null and "" when there is none. `ends`
-// tells whether the search ends at a signature. With `env` classes that turn out boring are marked there.
+// tells whether the search ends at a signature. With `env` classes are marked there as what they turn out to
+// be.
 jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
                              char *signature);

@@ -88,6 +88,14 @@ int32_t AddToThreadLocalInfoList(const QorThreadRecord *thread, const QorFrameRe
     return 0;
 }
 
+QorFrameRecord QorFrameOfEntry(const QorAllThreadLocalInfoList *entry) {
+    QorFrameRecord frame = {};
+    frame.method = entry->methodName;
+    frame.className = entry->className;
+    frame.fileName = "";
+    return frame;
+}
+
 void QorCutThreadLocalInfoList(QorAllThreadLocalInfoList **list, QorAllThreadLocalInfoList *formerHead) {
     while (*list && *list != formerHead) {
         QorAllThreadLocalInfoList *entry = *list;

@@ -55,6 +55,9 @@ struct QorAllThreadLocalInfoList {
 int32_t AddToThreadLocalInfoList(const QorThreadRecord *thread, const QorFrameRecord *frame,
                                  QorAllThreadLocalInfoList **list, int32_t kind);
 
+// The entry's frame as the frame tests see it: class and method.
+QorFrameRecord QorFrameOfEntry(const QorAllThreadLocalInfoList *entry);
+
 // Drops the entries that were pushed since `formerHead` (null: all) was the head: their thread gets no row.
 void QorCutThreadLocalInfoList(QorAllThreadLocalInfoList **list, QorAllThreadLocalInfoList *formerHead);
 

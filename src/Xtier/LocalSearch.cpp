@@ -1,5 +1,6 @@
 #include "LocalSearch.h"
 
+#include "FrameTests.h"
 #include "LocalWalk.h"
 #include "LocalWalkTimes.h"
 #include "jvmti/JniCalls.h"
@@ -17,6 +18,7 @@ QorWantedFrame *gbQorWantedFrames;
 int32_t gbQorWantedFrameCount;
 QorFinding gbQorFindings[LOCAL_FINDINGS];
 int32_t gbQorTagCount;
+int64_t gbQorTagBase;
 QorLocalWalkOutcome gbQorLocalWalkOutcome;
 int32_t gbQorLocalWalkKinds[LOCAL_WALK_KINDS];
 
@@ -145,26 +147,27 @@ void PutIntoSlot(QorWantedFrame *frame, const jlong *tagPtr) {
 
 // The object's number in this walk; 0 when it is of no use or finds no room.
 int32_t NumberOf(const QorWantedFrame &frame, jlong classTag, jlong *tagPtr) {
-    if (!tagPtr || *tagPtr < 0 || (classTag == BORING_CLASS && !frame.keepsAll))
+    if (!tagPtr || *tagPtr < 0 || frame.isSettled || (classTag == BORING_CLASS && !frame.keepsAll))
         return 0;
-    if (*tagPtr > 0 && *tagPtr <= gbQorTagCount)
-        return static_cast<int32_t>(*tagPtr);
+    if (*tagPtr > gbQorTagBase && *tagPtr <= gbQorTagBase + gbQorTagCount)
+        return static_cast<int32_t>(*tagPtr - gbQorTagBase);
     if (gbQorTagCount == LOCAL_TAGS) {
         gbQorLocalWalkOutcome.passedOver++;
         return 0;
     }
-    *tagPtr = ++gbQorTagCount;
+    *tagPtr = gbQorTagBase + ++gbQorTagCount;
     lastFrameOfTag[gbQorTagCount] = -1;
     return gbQorTagCount;
 }
 
-void AddFinding(QorWantedFrame *frame, int32_t tag) {
+// Whether the object is new to the frame.
+bool AddFinding(QorWantedFrame *frame, int32_t tag) {
     const auto index = static_cast<int32_t>(frame - gbQorWantedFrames);
     if (lastFrameOfTag[tag] == index)
-        return;
+        return false;
     if (findingCount == LOCAL_FINDINGS || frame->candidates == LOCAL_CANDIDATES) {
         gbQorLocalWalkOutcome.passedOver++;
-        return;
+        return false;
     }
     lastFrameOfTag[tag] = index;
     gbQorFindings[findingCount] = {tag, -1};
@@ -174,13 +177,25 @@ void AddFinding(QorWantedFrame *frame, int32_t tag) {
         frame->first = findingCount;
     frame->last = findingCount++;
     frame->candidates++;
+    return true;
+}
+
+// Behind the object of interest no local of the frame matters. A walk for one frame looks for other objects
+// than the marks on classes tell of.
+void Settle(QorWantedFrame *frame, jlong classTag) {
+    if (!frame->record)
+        return;
+    const bool isFirst = frame->candidates == 1;
+    frame->isSettled = frame->wantsNext || classTag == WANTED_CLASS || (classTag == EVENT_CLASS && !isFirst);
+    frame->wantsNext = classTag == EVENT_CLASS && isFirst;
 }
 
 void TakeObject(QorWantedFrame *frame, jlong classTag, jlong *tagPtr) {
     if (frame->record && getObjOpt) {
         PutIntoSlot(frame, tagPtr);
     } else if (const int32_t tag = NumberOf(*frame, classTag, tagPtr)) {
-        AddFinding(frame, tag);
+        if (AddFinding(frame, tag))
+            Settle(frame, classTag);
     }
     if (frame->hits++ == 0)
         iRecordsWithoutHits--;
@@ -274,7 +289,8 @@ bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list) {
         frame.method = entry->frameMethod;
         frame.record = entry;
         // The object wanted of an entity's frame is known by its neighbour alone.
-        frame.keepsAll = entry->kind == LOCAL_VIEW_OR_ENTITY;
+        const QorFrameRecord shown = QorFrameOfEntry(entry);
+        frame.keepsAll = entry->kind == LOCAL_VIEW_OR_ENTITY && !is_vo_frame(&shown);
     }
     std::sort(gbQorWantedFrames, gbQorWantedFrames + count, ComesBefore);
     gbQorWantedFrameCount = DropNewerTwins(gbQorWantedFrames, count);
@@ -311,6 +327,10 @@ void QorEndLocalSearch() {
 void QorStartLocalWalkTime(int64_t now, bool hasBudget) {
     walkStart = now;
     walkHasBudget = hasBudget;
+}
+
+bool QorLocalWalkTimeIsUp() {
+    return walkHasBudget && qorLocalWalkClock() - walkStart > lAllowedFollowRefTimeUSec;
 }
 
 jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,

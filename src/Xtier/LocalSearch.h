@@ -17,19 +17,22 @@ enum : int32_t {
     LOCAL_WALK_KINDS = 32,
 };
 
-// The tag of a class that is known to be of no interest. Tags of objects are positive, and a class can be one
-// of them: a local may hold it.
-constexpr jlong BORING_CLASS = -1;
+// Tags of classes whose objects are known: of no interest; an entity's event, beside which the object of
+// interest is; the object of interest. Tags of objects are positive, and a class can be one of them: a local
+// may hold it.
+constexpr jlong BORING_CLASS = -1, EVENT_CLASS = -2, WANTED_CLASS = -3;
 
 // A frame whose locals are wanted.
 struct QorWantedFrame {
     int64_t tid, method;
     QorAllThreadLocalInfoList *record; // the oldest entry of the frame; null in a walk for one frame
     bool isNative;                     // only then are JNI locals its own
-    bool keepsAll;                     // objects of boring classes are candidates too
-    int32_t hits;                      // locals met
-    int32_t candidates;                // findings
-    int32_t first, last;               // indices of its findings, -1 for none
+    bool keepsAll;       // objects of boring classes are candidates too, as an event's neighbours
+    bool wantsNext;      // an event was the first object: only its neighbour is missing
+    bool isSettled;      // the object of interest, and its neighbour, are among the findings
+    int32_t hits;        // locals met
+    int32_t candidates;  // findings
+    int32_t first, last; // indices of its findings, -1 for none
 };
 
 // An object of a frame, linked in the order of visiting.
@@ -62,6 +65,7 @@ extern QorWantedFrame *gbQorWantedFrames; // ordered by thread and method
 extern int32_t gbQorWantedFrameCount;
 extern QorFinding gbQorFindings[LOCAL_FINDINGS];
 extern int32_t gbQorTagCount; // tags given in this walk and not taken away yet
+extern int64_t gbQorTagBase;  // they are above this number; those up to it are left from earlier walks
 extern QorLocalWalkOutcome gbQorLocalWalkOutcome;
 extern int32_t gbQorLocalWalkKinds[LOCAL_WALK_KINDS]; // callbacks of this walk by kind
 
@@ -86,6 +90,9 @@ void QorEndLocalSearch();
 
 // Starts the walk's time; without a budget it is never looked at.
 void QorStartLocalWalkTime(int64_t now, bool hasBudget);
+
+// Whether the walk has used up its budget.
+bool QorLocalWalkTimeIsUp();
 
 // The callbacks of the walk for a list and of that for one frame, whose user data is the QorWantedFrame.
 jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,

@@ -1,8 +1,9 @@
 // A walk tags the objects that it finds by numbers of its own, in an environment of its own, and takes the
 // tags away again: an object can be a local of many frames, and the tags by which the session knows objects
-// stay as they are. Only marks on classes stay, of which no object can be of interest, so that the next walk
-// passes over the bulk of the locals in the callback: looking up tags costs the JVM the square of their
-// number.
+// stay as they are. Only marks on classes stay, which say whether their objects can be of interest, so that
+// the next walk passes over the bulk of the locals in the callback: looking up tags costs the JVM the square
+// of their number. The look-up ends with the walk's budget; what classes it has learnt makes the next one
+// shorter.
 #include "LocalWalk.h"
 
 #include "FrameTests.h"
@@ -40,16 +41,20 @@ constexpr int FIRST_OTHER_UPDATE = 50;
 constexpr int32_t SPARE_REFS = 64;
 constexpr int64_t USEC_PER_SEC = 1000000;
 constexpr int32_t ALL_TIME = 100; // percent
+constexpr int64_t MOST_OLD_TAGS = 2 * LOCAL_TAGS;
 
 // With it go all tags, whatever objects have them.
 void CloseWalkEnv() {
     QorCloseTagEnvironment(gbQorLocalWalkEnv);
     gbQorLocalWalkEnv = nullptr;
+    gbQorTagBase = 0;
 }
 
 bool OpenWalkEnv() {
-    if (gbQorTagCount > 0)
-        CloseWalkEnv(); // a fault has cut the last walk short: its tags would pass for those of this one
+    // A fault has cut the last walk short: its tags would pass for those of this one. Those that look-ups had
+    // no time for are older than any number of this walk, but cost time.
+    if (gbQorTagCount > 0 || gbQorTagBase > MOST_OLD_TAGS)
+        CloseWalkEnv();
     if (!gbQorLocalWalkEnv && jvmti)
         gbQorLocalWalkEnv = QorOpenTagEnvironment();
     return gbQorLocalWalkEnv;
@@ -193,10 +198,10 @@ int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list) {
     QorSetLocalWalkBudget(start);
     QorStartLocalWalkTime(start, quota < ALL_TIME);
     const int32_t walkError = Follow(heapReferenceAllObjectCallback, nullptr);
-    const int64_t end = qorLocalWalkClock();
+    const int32_t tagError = CollectObjects();
+    const int64_t end = qorLocalWalkClock(); // the look-up of tags keeps the JVM's threads too
     LogWalk(start, end);
     getNextLocalObjTime(start, end);
-    const int32_t tagError = CollectObjects();
     if (tagError != JVMTI_ERROR_NONE)
         CloseWalkEnv();
     QorEndLocalSearch();
@@ -233,4 +238,5 @@ void QorCloseLocalWalk() {
     CloseWalkEnv();
     QorEndLocalSearch();
     QorDropLocalListPool();
+    QorForgetLocalWalks();
 }

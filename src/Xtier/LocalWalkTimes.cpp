@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 
 namespace {
 
@@ -17,6 +18,50 @@ int64_t MonotonicMicroseconds() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
+}
+
+// Time that walks by hand took, by seconds: the one that runs and the ten before it.
+constexpr int64_t SECOND_USEC = 1'000'000;
+constexpr int64_t HAND_SECONDS = 10;
+int64_t handUsec[HAND_SECONDS + 1];
+int64_t handSecond;  // the newest of them
+int64_t handWalkEnd; // of the last walk by hand
+int64_t handBudget = QOR_LOCAL_WALK_BUDGET_USEC;
+
+int64_t *HandUsecOf(int64_t second) {
+    return &handUsec[second % (HAND_SECONDS + 1)];
+}
+
+void AdvanceTo(int64_t second) {
+    handSecond = std::max(handSecond, second - HAND_SECONDS - 1);
+    while (handSecond < second)
+        *HandUsecOf(++handSecond) = 0;
+}
+
+// Sets the time that the walk may take; false when none is left.
+bool HandWalkIsDue(int64_t now) {
+    handBudget = QOR_LOCAL_WALK_BUDGET_USEC;
+    AdvanceTo(now / SECOND_USEC);
+    const bool isFirst = handWalkEnd == 0 || now - handWalkEnd >= HAND_SECONDS * SECOND_USEC;
+    if (isFirst || qorHandWalkQuotaPct >= ALL_TIME)
+        return true;
+    int64_t left = HAND_SECONDS * SECOND_USEC * qorHandWalkQuotaPct / ALL_TIME;
+    for (int64_t used : handUsec)
+        left -= used;
+    handBudget = std::min(handBudget, left);
+    if (left > 0)
+        return true;
+    QORLOG_RATIONED(LOG_NOTE,
+                    "No local variables for this request: those before it had their %d %% of the last ten "
+                    "seconds.",
+                    qorHandWalkQuotaPct);
+    return false;
+}
+
+void CountHandWalk(int64_t start, int64_t end) {
+    AdvanceTo(end / SECOND_USEC);
+    *HandUsecOf(handSecond) += end - start;
+    handWalkEnd = end;
 }
 
 enum class Report { FIRST, SUPPRESSED, DUE };
@@ -63,17 +108,23 @@ int32_t iFollowRefCount;
 int64_t lFollowRefTotalTime;
 int64_t lIterationTotalCount;
 int64_t lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
+int64_t gbQorLastWalkUsec = -1;
+bool gbQorWalkLeftOut;
 
 int32_t QorLocalWalkQuota() {
     return std::clamp(qorGetLocalObjectsQuotaPct, 0, ALL_TIME);
 }
 
 bool QorLocalWalkIsDue(int64_t now) {
-    if (nextFollowRefTime == 0 || QorLocalWalkQuota() == ALL_TIME || !qorIsPollOrTrace ||
-        now >= nextFollowRefTime)
-        return true;
-    ReportSkip(now, nextFollowRefTime - now);
-    return false;
+    if (!qorIsPollOrTrace) {
+        gbQorWalkLeftOut = !HandWalkIsDue(now);
+    } else {
+        gbQorWalkLeftOut =
+            nextFollowRefTime != 0 && QorLocalWalkQuota() != ALL_TIME && now < nextFollowRefTime;
+        if (gbQorWalkLeftOut)
+            ReportSkip(now, nextFollowRefTime - now);
+    }
+    return !gbQorWalkLeftOut;
 }
 
 void QorSetLocalWalkBudget(int64_t now) {
@@ -81,7 +132,7 @@ void QorSetLocalWalkBudget(int64_t now) {
     if (quota == ALL_TIME)
         return;
     if (!qorIsPollOrTrace)
-        lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
+        lAllowedFollowRefTimeUSec = handBudget;
     else if (prevFollowRefExecTime != 0)
         lAllowedFollowRefTimeUSec =
             std::min((now - prevFollowRefExecTime) * quota / ALL_TIME, QOR_LOCAL_WALK_BUDGET_USEC);
@@ -118,6 +169,16 @@ void QorCountLocalWalk(int64_t start, int64_t end, int32_t iterations) {
     iFollowRefCount++;
     lFollowRefTotalTime += end - start;
     lIterationTotalCount += iterations;
+    gbQorLastWalkUsec = end - start;
+    if (!qorIsPollOrTrace)
+        CountHandWalk(start, end);
+}
+
+void QorForgetLocalWalks() {
+    std::fill(std::begin(handUsec), std::end(handUsec), 0);
+    handSecond = handWalkEnd = 0;
+    gbQorLastWalkUsec = -1;
+    gbQorWalkLeftOut = false;
 }
 
 void QorReportLocalWalks(int64_t now, int32_t walkError, int32_t tagError) {

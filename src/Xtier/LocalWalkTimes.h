@@ -1,5 +1,8 @@
 // How often and for how long the walks for locals may stop the JVM.
 //
+// A poll's walk waits until the quota's share covers the last one. Walks by hand share a part of the last ten
+// seconds; the first after as long without any is always made.
+//
 // Times are microseconds of a clock that no one sets; 0 means never. Worker only, but for the clock, which
 // the walk's callback reads too.
 #pragma once
@@ -21,7 +24,12 @@ extern int64_t lIterationTotalCount;         // their callbacks
 // The share of time that walks may take, 0 to 100 percent.
 int32_t QorLocalWalkQuota();
 
-// Whether a walk may start now: a poll waits until the last walk's share of time has passed. Logs a skip.
+// What NoProcessing|walkstate tells: the time of the last walk, -1 before the first, and whether the last
+// sample that wanted one was left without.
+extern int64_t gbQorLastWalkUsec;
+extern bool gbQorWalkLeftOut;
+
+// Whether a walk may start now; logs and notes one that is left out.
 bool QorLocalWalkIsDue(int64_t now);
 
 // Sets lAllowedFollowRefTimeUSec for a walk that starts now, and notes the start. Nothing at a quota of 100.
@@ -32,6 +40,9 @@ void getNextLocalObjTime(int64_t start, int64_t end);
 
 // Reports a walk that its budget has ended.
 void QorReportLocalWalkAbort(int64_t now, int32_t iterations, int64_t usec, int32_t kind);
+
+// Forgets the walks by hand and the last walk. Shutdown.
+void QorForgetLocalWalks();
 
 // Counts a walk, and every ten minutes reports their number and average. Errors are JVMTI's, 0 for none.
 void QorCountLocalWalk(int64_t start, int64_t end, int32_t iterations);

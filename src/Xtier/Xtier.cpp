@@ -4,6 +4,7 @@
 #include "FrameTests.h"
 #include "LocalList.h"
 #include "LocalWalk.h"
+#include "LocalWalkTimes.h"
 #include "XtierAppServer.h"
 #include "XtierDb.h"
 #include "XtierIO.h"
@@ -288,6 +289,7 @@ int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKe
 }
 
 void QorInsertXtierData(QorText *reply) {
+    gbQorWalkLeftOut = false;
     if (!localList || !firstLocation || QorGetLocalVariableForAllThread(localList) != 0)
         return;
     QorInsertion insertion;
@@ -308,6 +310,7 @@ void QorInsertXtierData(QorText *reply) {
 
 QorStackViewData QorReadStackViewData() {
     ClearRecords();
+    gbQorWalkLeftOut = false;
     if (localList && QorGetLocalVariableForAllThread(localList) == 0) {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         TellMissingFrame(frame);

@@ -56,18 +56,9 @@ const NameRow *FindRow(const NameRow (&rows)[N], const char *signature) {
     return nullptr;
 }
 
-// A frame of the entry as the frame tests see it.
-QorFrameRecord FrameOf(const QorAllThreadLocalInfoList *entry) {
-    QorFrameRecord frame = {};
-    frame.method = entry->methodName;
-    frame.className = entry->className;
-    frame.fileName = "";
-    return frame;
-}
-
 void ReadObjectName(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *record) {
     if (!entry->objLocalVarHandle) {
-        const QorFrameRecord frame = FrameOf(entry);
+        const QorFrameRecord frame = QorFrameOfEntry(entry);
         if (is_eo_frame(&frame))
             QORLOG_RATIONED(LOG_ERROR, "qrf frame EO Obj is NULL ");
         else
@@ -132,7 +123,7 @@ void ReadCurrentLine(jobject object, QorJSPRequestData *record) {
 void ReadGroovy(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *record) {
     jobject object = entry->objLocalVarHandle;
     if (!object) {
-        const QorFrameRecord frame = FrameOf(entry);
+        const QorFrameRecord frame = QorFrameOfEntry(entry);
         if (isGroovyScriptDataPresent(&frame))
             QORLOG_RATIONED(LOG_ERROR, "QRF Groovy frame objGroovy Obj is NULL");
         else

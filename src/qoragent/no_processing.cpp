@@ -9,9 +9,11 @@
 #include "request_text.h"
 
 #include "RequestHandler/memory_views.h"
+#include "Xtier/LocalWalkTimes.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,6 +60,18 @@ void ShowForkState(char *value) {
     QOR_REPLY("forkstate=%d forkdump=%d %s", !why, QorGetForkHeapDumpCapability(), why ? why : "");
 }
 
+void SetHandQuota(char *value) {
+    qorHandWalkQuotaPct = std::clamp(atoi(value), 1, 100);
+    QOR_REPLY("Changed handquota to %d", qorHandWalkQuotaPct);
+    QORLOG(LOG_NOTE, "%s", pagebuf);
+}
+
+void ShowWalkState(char *) {
+    const int64_t usec = gbQorLastWalkUsec;
+    QOR_REPLY("walk=%ld leftout=%d handquota=%d", usec < 0 ? -1L : static_cast<long>(usec / 1000),
+              gbQorWalkLeftOut, qorHandWalkQuotaPct);
+}
+
 void ReadRules(char *value) {
     QORLOG(LOG_NOTE, "Reading Idle Thread and System Call rules ");
     QORLOG(LOG_DETAIL, "Reading conds %s", value);
@@ -97,6 +111,8 @@ constexpr Key KEYS[] = {
     {"getJavaString", true, ShowJavaString},
     {"CZPRequest", false, ReapChildren},
     {"collectors", false, ShowCollectors},
+    {"handquota", true, SetHandQuota},
+    {"walkstate", false, ShowWalkState}, // milliseconds of the last walk for locals, -1 before the first
 };
 
 } // namespace

@@ -110,6 +110,7 @@ void QorStoreNumbers(const QorStartArguments *arguments) {
                gbSqlQueryLength, QOR_MAX_SQL_QUERY_SIZE);
         gbSqlQueryLength = QOR_MAX_SQL_QUERY_SIZE;
     }
+    qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA; // a request sets another
     qorGetLocalObjectsQuotaPct = arguments->localsQuota;
     if (qorGetLocalObjectsQuotaPct == QUOTA_OFF)
         QORLOG(LOG_NOTE, "No local variables will be obtained because it is disabled in web.xml.");

@@ -152,7 +152,7 @@ class Case(unittest.TestCase):
 class OfTheDemo(Case):
     """A group whose tests look into one demo application, with an agent in it."""
     FLAGS = ()
-    OPTIONS = ()  # of attach
+    OPTIONS = ("--options", "handquota=100")  # of attach: tests ask more often than people
 
     @classmethod
     def setUpClass(cls):

@@ -4,11 +4,11 @@ import os
 import re
 import socket
 
-from harness import OfTheDemo, on_terminal
+from harness import OfTheDemo, on_terminal, qorctl
 
 
 class Tiers(OfTheDemo):
-    OPTIONS = ("--options", "dbquery=1")
+    OPTIONS = ("--options", "dbquery=1,handquota=100")
     SQL = re.compile(r"select id, total from orders where state = 'open' order by placed$")
 
     @classmethod
@@ -49,6 +49,19 @@ class Tiers(OfTheDemo):
         self.assertIn("tessar.jdbc.driver.TessarStatement.executeQuery", methods)
         text = self.answer("stack", self.app.pid, "demo-database").out
         self.assertRegex(text, r"(?m)^   sql: select id, total ")
+
+    def test_samples_by_hand_have_a_share_of_time(self):
+        quota, state = "516|NoProcessing|handquota|", "516|NoProcessing|walkstate"
+        self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=-?\d+ leftout=0 handquota=100\n\Z")
+        self.assertEqual(self.answer("raw", self.app.pid, quota + "1").out.strip(), "Changed handquota to 1")
+        self.addCleanup(self.answer, "raw", self.app.pid, quota + "100")
+        asked = qorctl("threads", self.app.pid, "--json")
+        while not asked.err:
+            self.check_threads({t["name"]: t for t in asked.json()["threads"]})
+            asked = qorctl("threads", self.app.pid, "--json")
+        self.assertRegex(asked.err, r"\Aqorctl: without data of other tiers, .*handquota.*\n\Z")
+        self.assertNotIn("request", {t["name"]: t for t in asked.json()["threads"]}["demo-web"])
+        self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=\d+ leftout=1 handquota=1\n\Z")
 
     def test_figures_grow(self):
         cpu, allocated = [], []

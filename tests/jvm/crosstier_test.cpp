@@ -28,13 +28,14 @@ struct CrossTier : SessionTest {
         SessionTest::SetUp();
         qorDBQuery = 1;
         gbSqlQueryLength = 4096;
-        qorGetLocalObjectsQuotaPct = 100;
+        qorGetLocalObjectsQuotaPct = qorHandWalkQuotaPct = 100;
     }
     void TearDown() override {
         CallVoid(CUSTOMERS, "stop", "()V");
         CallVoid(TIERS, "stop", "()V");
         poll_details = trace_all_threads = trace_single_thread_details = qorIsPollOrTrace = 0;
         qorGetLocalObjectsQuotaPct = 0;
+        qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
         qorDBQuery = 0;
         readconditions(nullptr);
         SessionTest::TearDown();

@@ -1,6 +1,7 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "Walk.h"
+#include "Xtier/LocalChoice.h"
 #include "Xtier/LocalSearch.h"
 #include "Xtier/LocalWalk.h"
 #include "Xtier/LocalWalkTimes.h"
@@ -16,8 +17,12 @@ constexpr char STAGE[] = "qoragent/testing/Stage";
 constexpr int64_t SECOND = 1000000;
 constexpr jlong SOME_TAG = 7777;
 
-// A clock that a test sets, and that goes on by a step at each look.
+// A clock that a test sets, and that goes on by a step at each look; one that goes on when a walk has ended.
 int64_t fakeNow, fakeStep;
+
+int64_t LookUpClock() {
+    return fakeNow += gbQorLocalWalkOutcome.end == WALK_NOT_ENDED ? 0 : fakeStep;
+}
 
 int64_t FakeClock() {
     return fakeNow += fakeStep;
@@ -95,7 +100,7 @@ struct LocalWalks : SessionTest {
     void SetUp() override {
         SessionTest::SetUp();
         Env()->PushLocalFrame(512);
-        qorGetLocalObjectsQuotaPct = 100;
+        qorGetLocalObjectsQuotaPct = qorHandWalkQuotaPct = 100;
         qorIsPollOrTrace = 0;
         clock = qorLocalWalkClock;
         nextFollowRefTime = prevFollowRefExecTime = prevFollowRefAbortReportTime = 0;
@@ -105,6 +110,7 @@ struct LocalWalks : SessionTest {
     }
     void TearDown() override {
         qorLocalWalkClock = clock;
+        qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
         CallVoid(STAGE, "clear", "()V");
         QorCloseLocalWalk();
         Env()->PopLocalFrame(nullptr);
@@ -126,6 +132,19 @@ struct LocalWalks : SessionTest {
         return rows[0].signature;
     }
 
+    // How many objects a walk numbers for the listed frames.
+    static int32_t numbered(const Listing &listing) {
+        const QorLocalFrame references(Env(), 64);
+        EXPECT_TRUE(QorPrepareLocalSearch(listing.head));
+        jvmtiHeapCallbacks callbacks = {};
+        callbacks.heap_reference_callback = heapReferenceAllObjectCallback;
+        gbQorLocalWalkEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr);
+        const int32_t count = gbQorTagCount;
+        EXPECT_EQ(QorFetchFoundObjects(gbQorLocalWalkEnv), JVMTI_ERROR_NONE);
+        QorEndLocalSearch();
+        return count;
+    }
+
     static int32_t kindsBelowRoots() {
         int32_t count = 0;
         for (int32_t kind = 0; kind < JVMTI_HEAP_REFERENCE_JNI_GLOBAL; kind++)
@@ -140,7 +159,8 @@ struct LocalWalks : SessionTest {
 
 } // namespace
 
-// In slot order, and with what is of no interest learnt in the first round.
+// In slot order. Classes are learnt in the first round; from then on no more is numbered than the object of
+// interest, and for an entity what is in front of it.
 TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
     jobject request = Make("ferrule/servlet/internal/ServletRequestImpl");
@@ -155,17 +175,17 @@ TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
         const char *name;
         jobject a, b, c, chosen;
         const char *signature;
-        int32_t kind;
+        int32_t kind, numbered;
     } ROWS[] = {
-        {"first", statement, request, text, statement, STATEMENT, LOCAL_WEB_REQUEST},
-        {"second", text, request, statement, request, REQUEST, LOCAL_DATABASE_CALL},
-        {"behind-context", context, none, statement, statement, STATEMENT, LOCAL_WEB_REQUEST},
-        {"none", text, context, none, none, "", LOCAL_DATABASE_CALL},
-        {"behind-its-class", klass, statement, none, statement, STATEMENT, LOCAL_DATABASE_CALL},
-        {"front", text, event, entity, text, EVENT, LOCAL_VIEW_OR_ENTITY},
-        {"entity", entity, event, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
-        {"behind", event, entity, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
-        {"twice", event, event, entity, entity, EVENT, LOCAL_VIEW_OR_ENTITY},
+        {"first", statement, request, text, statement, STATEMENT, LOCAL_WEB_REQUEST, 1},
+        {"second", text, request, statement, request, REQUEST, LOCAL_DATABASE_CALL, 1},
+        {"behind-context", context, none, statement, statement, STATEMENT, LOCAL_WEB_REQUEST, 1},
+        {"none", text, context, none, none, "", LOCAL_DATABASE_CALL, 0},
+        {"behind-its-class", klass, statement, none, statement, STATEMENT, LOCAL_DATABASE_CALL, 1},
+        {"front", text, event, entity, text, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
+        {"entity", entity, event, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
+        {"behind", event, entity, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
+        {"twice", event, event, entity, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
     };
     for (const auto &row : ROWS)
         Enter("three", row.name, row.a, row.b, row.c);
@@ -175,6 +195,23 @@ TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
                 << row.name << " round " << round;
         }
     }
+    for (const auto &row : ROWS) {
+        Listing listing;
+        listing.list(row.name, STAGE_CLASS, "three", row.kind);
+        listing.take();
+        EXPECT_EQ(numbered(listing), row.numbered) << row.name;
+    }
+    // A view's frame has no neighbours: its row's attribute alone.
+    CallVoid("qoragent/testing/Tiers", "start", "()V");
+    for (int32_t round = 0; round < 2; round++) {
+        Listing listing;
+        listing.list("attribute", "tessar.kvo.server.ViewRowImpl", "setAttribute", LOCAL_VIEW_OR_ENTITY);
+        listing.take();
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(listing.found().at(0).signature, "Ltessar/kvo/server/ViewAttributeDefImpl;");
+        EXPECT_TRUE(round == 0 || numbered(listing) == 1);
+    }
+    CallVoid("qoragent/testing/Tiers", "stop", "()V");
 }
 
 // A frame's gate is the neighbour in three(); alone() has none.
@@ -368,7 +405,7 @@ TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
         EXPECT_EQ(tag, 0);
     }
     // What has been learnt stays: an array is of no interest.
-    for (const auto &[object, mark] : {std::pair(array, BORING_CLASS), std::pair(request, jlong{0})}) {
+    for (const auto &[object, mark] : {std::pair(array, BORING_CLASS), std::pair(request, WANTED_CLASS)}) {
         EXPECT_EQ(gbQorLocalWalkEnv->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
         EXPECT_EQ(tag, mark);
     }
@@ -391,7 +428,7 @@ TEST_F(LocalWalks, LearnWhatIsOfNoInterest) {
     for (jobject object : {text, array, statement}) {
         jlong tag = 0;
         EXPECT_EQ(gbQorLocalWalkEnv->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
-        EXPECT_EQ(tag, object == statement ? 0 : BORING_CLASS);
+        EXPECT_EQ(tag, object == statement ? WANTED_CLASS : BORING_CLASS);
     }
 }
 
@@ -500,6 +537,85 @@ TEST_F(LocalWalks, EndWithTheirBudget) {
             EXPECT_EQ(callback(JVMTI_HEAP_REFERENCE_THREAD, nullptr, 0, 0, 0, nullptr, nullptr, 0, nullptr),
                       JVMTI_VISIT_ABORT);
     }
+    CallVoid(ZOO, "stop", "()V");
+}
+
+// Requests by hand share their part of the last ten seconds; the first after ten without any is made.
+TEST_F(LocalWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
+    Enter("nested", "by-hand", Make("tessar/jdbc/driver/TessarStatement"));
+    Listing listing;
+    listing.list("by-hand", STAGE_CLASS, "inner");
+    listing.take();
+    LogCapture log(LOG_NOTE + 1);
+    qorLocalWalkClock = FakeClock;
+    qorGetLocalObjectsQuotaPct = 10;
+    qorHandWalkQuotaPct = 5;
+    fakeNow = 5000 * SECOND;
+    fakeStep = 150000; // what each walk takes, and the time between two
+    const struct {
+        int64_t pause;
+        int32_t result;
+        int64_t budget;
+    } ROWS[] = {
+        {0, 0, 200000},
+        {0, 0, 200000},
+        {0, 0, 200000},
+        {0, 0, 50000}, // what is left of half a second
+        {0, -1, 50000},
+        {8 * SECOND, -1, 50000},
+        {SECOND * 14 / 10, 0, 200000}, // the first three are older than the last ten seconds
+        {0, 0, 200000},
+        {0, 0, 50000},
+        {0, -1, 50000},
+        {10 * SECOND, 0, 200000},
+    };
+    for (const auto &row : ROWS) {
+        const auto number = &row - ROWS;
+        fakeNow += row.pause;
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), row.result) << number;
+        EXPECT_EQ(gbQorWalkLeftOut, row.result != 0) << number;
+        EXPECT_EQ(lAllowedFollowRefTimeUSec, row.budget) << number;
+        EXPECT_EQ(gbQorLastWalkUsec, fakeStep);
+    }
+    EXPECT_EQ(log.count("No local variables for this request"), 1) << "one line a minute";
+    qorHandWalkQuotaPct = 1; // less than one walk takes
+    fakeNow = 6000 * SECOND - fakeStep;
+    for (const int32_t result : {0, -1, 0}) {
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), result);
+        fakeNow += result == 0 ? 0 : 10 * SECOND;
+    }
+    qorHandWalkQuotaPct = 100;
+    for (int32_t i = 0; i < 20; i++)
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+}
+
+// The look-up of what was found is a part of the walk's time. Cut short, it leaves what classes it has seen
+// to the next walk, and no object to a wrong frame.
+TEST_F(LocalWalks, LookUpWithinTheirBudget) {
+    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
+    CallVoid(ZOO, "startMany", "(II)V", 300, 10);
+    Enter("nested", "looked-up", statement);
+    Listing listing;
+    listing.list("looked-up", STAGE_CLASS, "inner");
+    listing.list("", "java.lang.Thread", "run");
+    listing.list("", "qoragent.testing.ZooRun$Deep", "descend");
+    listing.take();
+    qorLocalWalkClock = LookUpClock;
+    qorGetLocalObjectsQuotaPct = 10;
+    fakeNow = 5000 * SECOND;
+    fakeStep = SECOND;
+    int64_t left = -1;
+    for (int32_t walks = 1; gbQorTagBase != left; walks++) {
+        left = walks == 1 ? 0 : gbQorTagBase;
+        ASSERT_LT(walks, 10);
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(nextFollowRefTime, fakeNow + (gbQorTagBase != left ? 18 : 9) * SECOND) << walks;
+        for (const Found &row : listing.found())
+            EXPECT_TRUE(!row.object || row.thread == "zoo-looked-up");
+    }
+    EXPECT_GT(left, 0) << "the first look-up was cut short";
+    for (const Found &row : listing.found())
+        EXPECT_EQ(same(row.object, statement), row.thread == "zoo-looked-up" && row.method == "inner");
     CallVoid(ZOO, "stop", "()V");
 }
 

@@ -42,6 +42,7 @@ public class OptionsTest {
             {"timeout=99999999999999999999", "timeout"},
             {"port=65536", "port"},
             {"localquota=101", "localquota"},
+            {"handquota=0", "handquota"},
             {"stackqueried=0", "stackqueried"},
             {"optlevel=4", "optlevel"},
             {"relay=yes", "relay"},
