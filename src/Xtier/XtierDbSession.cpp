@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <dirent.h>
 #include <netdb.h>
 #include <unistd.h>
@@ -33,6 +34,7 @@ constexpr size_t PARAMETERS_SIZE = 20487; // no request is longer
 constexpr int32_t CLIENT_HOST_SIZE = 40;
 constexpr size_t LONGEST_PROCESS_LIST = 10239;
 constexpr size_t ADDRESS_TEXT_SIZE = 46;
+constexpr time_t KEEP_FAILURE_SECONDS = 60;
 constexpr size_t GREP_BLOCK_SIZE = 4096;
 constexpr size_t GREP_RESULT_SIZE = 256;
 constexpr size_t LONGEST_PROCESS_ID = 10;  // digits
@@ -201,13 +203,17 @@ bool SearchTables(uint32_t port, uint32_t address, int32_t threshold) {
     return true;
 }
 
-// This host's own first address as text; empty when it isn't known. The look-up may ask a name server, so
-// the first success is kept.
+// This host's own first address as text; empty when it isn't known. The look-up may ask a name server and
+// take seconds, so a success is kept, and a failure for a minute.
 const char *OwnAddress() {
     static char address[ADDRESS_TEXT_SIZE];
+    static time_t askAgain; // monotonic
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
     char name[HOST_NAME_MAX + 1] = "";
-    if (address[0] || gethostname(name, sizeof name - 1) != 0)
+    if (address[0] || now.tv_sec < askAgain || gethostname(name, sizeof name - 1) != 0)
         return address;
+    askAgain = now.tv_sec + KEEP_FAILURE_SECONDS;
     addrinfo wanted = {};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_STREAM;

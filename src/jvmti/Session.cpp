@@ -89,7 +89,6 @@ enum CapabilityBit : int32_t {
     CAN_GET_MONITOR_INFO = 7,
     CAN_GET_SOURCE_FILE_NAME = 11,
     CAN_GET_LINE_NUMBERS = 12,
-    CAN_SUSPEND = 20,
     CAN_GENERATE_GC_EVENTS = 31,
     CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO = 34,
 };
@@ -107,7 +106,6 @@ constexpr WantedCapability WANTED[] = {
     {CAN_TAG_OBJECTS, "Information - capability to tag objects : 0"},
     {CAN_GET_CURRENT_CONTENDED_MONITOR, "Information - capability to get contended monitors : 0"},
     {CAN_GET_MONITOR_INFO, "Information - capability to get monitors info : 0"},
-    {CAN_SUSPEND, "Information - suspend capability : 0"},
     {CAN_GENERATE_GC_EVENTS, "Information - gc events capability : 0"},
     {CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO, "Information - owned monitor stack depth capability : 0"},
 };
@@ -179,9 +177,10 @@ void OpenCapabilities(JNIEnv *env) {
     if (gbiOptimizationLevel != LEVEL_CHANGING_THE_JVM)
         return;
     const jvmtiCapabilities potential = PotentialCapabilities();
-    if (!HasCapability(potential, CAN_GET_OWNED_MONITOR_INFO) ||
-        !HasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
-        !HasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO))
+    // A JVM that must not be asked for a thread's state is not asked for its monitors either.
+    if (gbQorJvmKeepsThreads && (!HasCapability(potential, CAN_GET_OWNED_MONITOR_INFO) ||
+                                 !HasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
+                                 !HasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO)))
         init_LockCapabilitiesHack();
     // The JVM's own word besides the texts that Java passed: the symbol exists in JVMs to come as well.
     if (strstr(vers, "1.6") && strstr(vend, "Sun") && UpdateNumber(vers) < 50 &&
@@ -331,8 +330,7 @@ int32_t QorDovOnLoad(JNIEnv *env) {
         jr_jvm = nullptr;
         return -1;
     }
-    // Each GetEnv makes a new environment, and can_suspend goes to one of them only: an environment that an
-    // earlier start left open is used again.
+    // Each GetEnv makes a new environment: one that an earlier start left open is used again.
     void *environment = jvmti;
     if (!environment && jr_jvm->GetEnv(&environment, JVMTI_VERSION_WANTED) != JNI_OK) {
         QORLOG(LOG_ERROR, "not able to get required env");
@@ -365,7 +363,6 @@ int32_t QorDovOnUnload(JNIEnv *) {
             QorDeleteGlobalRef(current, *row.ref);
         *row.ref = nullptr;
     }
-    // A later start takes a new environment, which must be able to hold can_suspend.
     if (jvmti)
         jvmti->DisposeEnvironment();
     jvmti = nullptr;

@@ -57,6 +57,11 @@ int PollForInput(int32_t fd, int64_t msec) {
     }
 }
 
+// A regular file or a FIFO of the process's own user.
+bool IsOwnFile(const struct stat &file) {
+    return (S_ISREG(file.st_mode) || S_ISFIFO(file.st_mode)) && file.st_uid == geteuid();
+}
+
 } // namespace
 
 int32_t qor_current_thread_id() {
@@ -79,8 +84,14 @@ int32_t qor_open_read(const char *path) {
 }
 
 int32_t qor_open_append(const char *path) {
-    const int32_t fd = AboveStandardStreams(
-        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    struct stat there;
+    if (lstat(path, &there) == 0 && !IsOwnFile(there)) // looked at first: to open some devices has effects
+        return -1;
+    int32_t fd = AboveStandardStreams(
+        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK | O_CLOEXEC,
+             S_IRUSR | S_IWUSR));
+    if (fd >= 0 && (fstat(fd, &there) != 0 || !IsOwnFile(there)))
+        qor_close_handle(&fd);
     if (fd >= 0)
         fcntl(fd, F_SETFL, O_APPEND); // what is opened may block like any stream
     return fd;

@@ -17,8 +17,9 @@ void qor_perror(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Opens a file to read, without waiting for a FIFO's writer: the descriptor, or -1 with errno set.
 int32_t qor_open_read(const char *path);
 
-// Opens a file to append to, made for its owner alone when it isn't there: the descriptor, or -1 with errno
-// set. Doesn't wait for a FIFO's reader: without one it fails.
+// Opens a file to append to, made for its owner alone when it isn't there: the descriptor, or -1. Refused is
+// what is neither a regular file nor a FIFO, belongs to another user, or is a link, whose maker may be one.
+// Doesn't wait for a FIFO's reader: without one it fails.
 int32_t qor_open_append(const char *path);
 
 // Makes a pipe: fds[0] to read, fds[1] to write. False, with both ends -1, when there is none to be had.

@@ -167,10 +167,17 @@ void QorPrepareFaultHandler() {
 
 void callJavaSignalHandler(int signal, siginfo_t *info, void *context) {
     for (const OldAction &old : OLD_ACTIONS) {
-        if (old.signal != signal || old.action->sa_handler == SIG_DFL || old.action->sa_handler == SIG_IGN)
+        if (old.signal != signal)
             continue;
-        JavaSignalHandler = old.action->sa_sigaction;
-        JavaSignalHandler(signal, info, context);
+        if (old.action->sa_handler == SIG_DFL || old.action->sa_handler == SIG_IGN) {
+            // To return would repeat the fault for ever. The kernel lets none be ignored; it ends the process
+            // as soon as this handler has unblocked it.
+            ::signal(signal, SIG_DFL);
+            raise(signal);
+        } else {
+            JavaSignalHandler = old.action->sa_sigaction;
+            JavaSignalHandler(signal, info, context);
+        }
     }
 }
 

@@ -48,7 +48,8 @@ void QorPrepareFaultHandler();
 // The handler, in its SA_SIGINFO form. Any thread.
 void sig_handler(int signal, siginfo_t *info, void *context);
 
-// Passes a fault (signals 11, 7 and 31) to the old action's handler, if it has one. Any thread.
+// Passes a fault (signals 11, 7 and 31) to the old action's handler. Where that is the default, or to ignore
+// it, the default is restored and the signal raised again. Any thread.
 void callJavaSignalHandler(int signal, siginfo_t *info, void *context);
 
 // Crash codes are distances from here, so that they name a place in the library wherever it was loaded.

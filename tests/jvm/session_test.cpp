@@ -46,8 +46,9 @@ TEST_F(Session, KeepsWhatTheJvmGives) {
     jvmtiCapabilities held = {};
     ASSERT_EQ(jvmti->GetCapabilities(&held), JVMTI_ERROR_NONE);
     EXPECT_TRUE(held.can_tag_objects && held.can_get_monitor_info && held.can_get_source_file_name &&
-                held.can_get_line_numbers && held.can_suspend && held.can_generate_garbage_collection_events);
+                held.can_get_line_numbers && held.can_generate_garbage_collection_events);
     EXPECT_FALSE(held.can_access_local_variables);
+    EXPECT_FALSE(held.can_suspend) << "one environment of the JVM can have it, which may be another tool's";
     EXPECT_EQ(QorGetJvmtiMonitorCapability(), 0);
     for (jclass kept : {threadClass, hashTableClass, gbjcManagementClass})
         EXPECT_EQ(Env()->GetObjectRefType(kept), JNIGlobalRefType);
@@ -59,7 +60,7 @@ TEST_F(Session, KeepsWhatTheJvmGives) {
     EXPECT_EQ(untouched, 4);
 }
 
-// Each start makes an environment, and only one at a time can hold can_suspend.
+// Each start makes an environment, and each end gives it back.
 TEST_F(Session, CanBeOpenedAgainAndAgain) {
     CallLong(COUNTS, "globalRefs", "()J"); // what the first call leaves behind isn't the session's
     const int64_t before = CallLong(COUNTS, "globalRefs", "()J");
@@ -72,7 +73,7 @@ TEST_F(Session, CanBeOpenedAgainAndAgain) {
         QorDovOnLoad(Env());
         jvmtiCapabilities held = {};
         ASSERT_EQ(jvmti->GetCapabilities(&held), JVMTI_ERROR_NONE);
-        ASSERT_TRUE(held.can_suspend) << start;
+        ASSERT_TRUE(held.can_tag_objects) << start;
     }
     jvmtiEnv *kept = jvmti;
     QorDovOnLoad(Env()); // a start without an end keeps what it has

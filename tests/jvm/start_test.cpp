@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <sstream>
 #include <sys/resource.h>
@@ -119,13 +120,37 @@ TEST_F(Start, TheLogGoesWhereItIsTold) {
     rename(path.c_str(), rotated.c_str());
     EXPECT_EQ(StartAgent(arguments), START_OK);
     EXPECT_NE(TakeFile(path).find("<Log File is " + path + ">"), std::string::npos);
-    const std::string nobodyReads = path + ".fifo";
-    mkfifo(nobodyReads.c_str(), 0600);
-    arguments.logFile = nobodyReads.c_str();
     arguments.logLevel = 0;
-    EXPECT_EQ(StartAgent(arguments), START_OK);
-    EXPECT_EQ(fpLogFile, stdout);
-    unlink(nobodyReads.c_str());
+    const std::string other = path + ".other";
+    struct {
+        const char *what, *name;
+        std::function<int()> make;
+        bool taken;
+    } rows[] = {
+        {"a new file", other.c_str(), [] { return 0; }, true},
+        {"a FIFO without a reader", other.c_str(), [&] { return mkfifo(other.c_str(), 0600); }, false},
+        {"a link to the user's own file", other.c_str(),
+         [&] { return symlink(rotated.c_str(), other.c_str()); }, false},
+        {"a device", "/dev/null", [] { return 0; }, false},
+        {"a directory", "/tmp", [] { return 0; }, false},
+        {"another user's file", other.c_str(),
+         [&] { return close(creat(other.c_str(), 0666)) + chown(other.c_str(), geteuid() + 1, -1); }, false},
+    };
+    umask(0);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        if (row.make() != 0)
+            continue; // only root gives files away
+        arguments.logFile = row.name;
+        EXPECT_EQ(StartAgent(arguments), START_OK);
+        EXPECT_EQ(fpLogFile != stdout, row.taken);
+        struct stat made = {};
+        if (row.taken) {
+            EXPECT_EQ(fstat(fileno(fpLogFile), &made), 0);
+            EXPECT_EQ(made.st_mode, S_IFREG | 0600u);
+        }
+        unlink(other.c_str());
+    }
     arguments.logFile = "stderr";
     EXPECT_EQ(StartAgent(arguments), START_OK);
     EXPECT_EQ(fpLogFile, nullptr);

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstring>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <string>
@@ -14,6 +15,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+// The name service, which a test may have fail.
+static bool nameServiceDown;
+static int lookUps;
+
+int getaddrinfo(const char *node, const char *service, const addrinfo *hints, addrinfo **found) {
+    lookUps++;
+    using Resolver = int (*)(const char *, const char *, const addrinfo *, addrinfo **);
+    static const auto real = reinterpret_cast<Resolver>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    return nameServiceDown ? EAI_AGAIN : real(node, service, hints, found);
+}
 
 namespace {
 
@@ -258,4 +270,13 @@ TEST_F(DbSession, PairsForkedServersWithTheirClients) {
         EXPECT_EQ(Ask(head + Pid() + "," + servers.list), servers.truth + "|") << family;
         EXPECT_EQ(totalnet, count) << family;
     }
+}
+
+// A name server that doesn't answer costs its time-out once a minute, not at each request.
+TEST_F(DbSession, AFailedLookUpIsKept) {
+    nameServiceDown = true;
+    for (int i = 0; i < 3; i++)
+        Ask("1521|10.1.2.3|" + Pid());
+    nameServiceDown = false;
+    EXPECT_LE(lookUps, 1);
 }
