@@ -48,8 +48,9 @@ void RunObject(const Settings &settings, pid_t pid, const std::vector<int64_t> &
                const std::string &follow);
 void RunHeap(const Settings &settings, pid_t pid, double watch);
 void RunGc(const Settings &settings, pid_t pid, double watch);
-void RunHistogram(const Settings &settings, pid_t pid, int top, double watch);
-void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof);
+// With `stop` the JVM itself does the work, paused; else a copy of it where one can be made.
+void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch);
+void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof, bool stop);
 void RunReadDump(const Settings &settings, const std::string &file, int top);
 void RunSummary(const Settings &settings, pid_t pid, double watch);
 // Over an interval in seconds; with `watch` again and again, over that.

@@ -1,5 +1,6 @@
 // The commands that make a heap dump and that read one.
 #include "command_tools.h"
+#include "copy.h"
 #include "failure.h"
 #include "heap_dump.h"
 #include "protocol.h"
@@ -122,10 +123,10 @@ bool CopyGoesOn(const Reply &reply) {
 }
 
 // Asks, and returns when the dump is whole. Throws a Failure when it isn't going to be.
-void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTarget &target,
-              uint32_t heap_id) {
-    std::optional<std::string> answer =
-        connection->AskWhile(DumpRequest(target.name, heap_id), LOOK_PERIOD, [&] { return watch->Look(); });
+void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTarget &target, uint32_t heap_id,
+              uint32_t copy_flags) {
+    std::optional<std::string> answer = connection->AskWhile(DumpRequest(target.name, heap_id, copy_flags),
+                                                             LOOK_PERIOD, [&] { return watch->Look(); });
     if (!answer || IsTimedOut(*answer)) { // the agent goes on with it all the same
         watch->Finish();
         return;
@@ -144,28 +145,29 @@ void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTar
 
 } // namespace
 
-void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof) {
+void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof, bool stop) {
     DumpTarget target = ChooseDumpTarget(name, hprof);
     Process process = RequireProcess(pid);
     CheckPlace(pid, target);
     Connection connection = RequireAgent(settings, process);
     SetDumpDirectory(&connection, settings, target);
+    CopyChoice copy;
+    if (!hprof)
+        copy = AskForCopy(&connection, settings, "dump", stop);
     uint32_t heap_id = NewHeapId();
     int64_t milliseconds = 0;
     {
         DumpWatch watch(pid, target, heap_id, settings);
-        MakeDump(&connection, &watch, pid, target, heap_id);
+        MakeDump(&connection, &watch, pid, target, heap_id, copy.flags);
         milliseconds = watch.Elapsed();
     }
     int64_t bytes = LookAtDump(pid, target, heap_id).bytes;
-    Json json = {{"pid", pid},
-                 {"file", target.Path()},
-                 {"form", hprof ? "hprof" : "text"},
-                 {"bytes", bytes},
-                 {"milliseconds", milliseconds}};
+    Json json = {{"pid", pid},     {"file", target.Path()}, {"form", hprof ? "hprof" : "text"},
+                 {"bytes", bytes}, {"copied", copy.copied}, {"milliseconds", milliseconds}};
     PrintView(settings, 0, json,
               fmt::format("{}: {} in {}.{} s\n", Printable(target.Path()), SizeText(bytes),
-                          milliseconds / 1000, milliseconds % 1000 / 100));
+                          milliseconds / 1000, milliseconds % 1000 / 100) +
+                  copy.Note());
 }
 
 void RunReadDump(const Settings &settings, const std::string &file, int top) {

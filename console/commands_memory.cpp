@@ -1,8 +1,12 @@
 // The commands about heap and collectors.
 #include "command_tools.h"
+#include "copy.h"
+#include "failure.h"
 #include "memory.h"
+#include "protocol.h"
 #include "render_memory.h"
 #include "request.h"
+#include "session.h"
 
 namespace qorctl {
 
@@ -16,6 +20,19 @@ HeapView AskForHeap(const Settings &settings, pid_t pid, bool repeated) {
 MemoryView AskForMemory(const Settings &settings, pid_t pid, bool repeated) {
     std::string reply = AskOnce(settings, pid, MemoryRequest(repeated));
     return DecodeMemory(OpenReply(reply));
+}
+
+// Asks until the figures are there: a copy of the JVM may count for longer than a request can take.
+std::string AskForHistogram(Connection *connection, const Settings &settings, uint32_t copy_flags) {
+    auto end = std::chrono::steady_clock::now() + Seconds(settings.timeout);
+    for (;;) {
+        std::string reply = connection->Ask(HistogramRequest(copy_flags), Seconds(settings.timeout));
+        if (reply.compare(0, HISTOGRAM_LATE.size(), HISTOGRAM_LATE) != 0)
+            return reply;
+        if (std::chrono::steady_clock::now() >= end)
+            throw Failure("the copy of the JVM still counts",
+                          "ask again within ten minutes; --timeout waits for longer");
+    }
 }
 
 } // namespace
@@ -49,13 +66,17 @@ void RunGc(const Settings &settings, pid_t pid, double watch) {
     });
 }
 
-void RunHistogram(const Settings &settings, pid_t pid, int top, double watch) {
+void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch) {
     Repeat(watch, [&] {
-        std::string reply = AskOnce(settings, pid, HistogramRequest());
+        Connection connection = RequireAgent(settings, RequireProcess(pid));
+        CopyChoice copy = AskForCopy(&connection, settings, "histogram", stop);
+        std::string reply = AskForHistogram(&connection, settings, copy.flags);
         Histogram histogram = DecodeHistogram(OpenReply(reply));
         size_t rows = static_cast<size_t>(top);
-        PrintView(settings, watch, HistogramJson(histogram, rows),
-                  HistogramText(histogram, rows, TerminalStyle(settings)));
+        Json json = HistogramJson(histogram, rows);
+        json["copied"] = copy.copied;
+        PrintView(settings, watch, json,
+                  HistogramText(histogram, rows, TerminalStyle(settings)) + copy.Note());
     });
 }
 

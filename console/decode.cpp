@@ -39,10 +39,11 @@ constexpr Refusal REFUSALS[] = {
      "the agent has no way into this JVM at its optimisation level; run 'shutdown', then 'attach' with "
      "--options optlevel=0"},
     {"System low on Virtual Memory", "a copy of the JVM wouldn't fit the memory or the container's limit; "
-                                     "switch 'forkdump' off, then the JVM "
-                                     "stands still meanwhile"},
+                                     "with --stop the JVM does it itself, paused meanwhile"},
     {"Unable to start Heap Dump",
-     "the agent's log may tell more; with 'forkdump' off the JVM does it itself and stands still meanwhile"},
+     "the agent's log may say more; with --stop the JVM does it itself, paused meanwhile"},
+    {"Class histogram failed", "a copy of the JVM came to no good end, even when made again; with --stop the "
+                               "JVM counts itself, paused meanwhile"},
     {"JVM Heap: Error cannot create child pipe", "the JVM may have no descriptor left; ask again"},
     {"Invalid Request", "the agent doesn't know this command; agent and qorctl may be of different versions"},
     {"Unable to complete Request", "the JVM was collecting garbage or the agent was disturbed; ask again"},

@@ -21,7 +21,7 @@ struct CommandLine {
     bool raw_bytes = false;
     int log_level = 0, top = 20;
     std::string dump_name, dump_file;
-    bool hprof = false, live = false;
+    bool stop = false, hprof = false, live = false;
     int frame = 0, client_port = 0;
     SessionsCommand sessions;
     std::string fork_dump;
@@ -150,6 +150,12 @@ void AddObjects(CLI::App *app, CommandLine *line) {
     object->final_callback([line] { RunObject(line->settings, line->pid, line->tags, line->follow); });
 }
 
+void AddStop(CLI::App *command, CommandLine *line) {
+    command->add_flag("--stop", line->stop,
+                      "Without a copy of the JVM, which is paused until it is done: as it is anyway where no "
+                      "copy can be made, or the heap in use is 64 MiB or less");
+}
+
 void AddMemory(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *heap = AddJvmCommand(app, "heap", "Show how full the heap is", line);
@@ -169,14 +175,16 @@ void AddMemory(CLI::App *app, CommandLine *line) {
     cpu->final_callback([=] { RunCpu(*settings, line->pid, line->interval, line->watch); });
 
     CLI::App *histogram = AddJvmCommand(
-        app, "histogram", "Show the classes that hold the most heap; the JVM stands still meanwhile", line);
+        app, "histogram", "Show the classes that hold the most heap, counted by a copy of the JVM", line);
+    AddStop(histogram, line);
     histogram->add_option("--top", line->top, "Rows, at most 302")
         ->option_text("N")
         ->capture_default_str()
         ->check(CLI::Range(1, 302));
     AddWatch(histogram, &line->watch);
     AddWide(histogram, settings);
-    histogram->final_callback([=] { RunHistogram(*settings, line->pid, line->top, line->watch); });
+    histogram->final_callback(
+        [=] { RunHistogram(*settings, line->pid, line->top, line->stop, line->watch); });
 }
 
 void RunDumpCommand(const CommandLine &line) {
@@ -188,13 +196,13 @@ void RunDumpCommand(const CommandLine &line) {
     }
     if (line.pid == 0 || line.dump_name.empty())
         throw Failure("a dump needs a process and a name", "see qorctl dump --help", EXIT_USAGE);
-    RunDump(line.settings, line.pid, line.dump_name, line.hprof);
+    RunDump(line.settings, line.pid, line.dump_name, line.hprof, line.stop);
 }
 
 void AddDump(CLI::App *app, CommandLine *line) {
     CLI::App *dump = AddJvmCommand(
-        app, "dump",
-        "Write the heap to a file, or tell what such a file holds; the JVM stands still meanwhile", line);
+        app, "dump", "Write the heap to a file by a copy of the JVM, or tell what such a file holds", line);
+    AddStop(dump, line);
     dump->get_option("pid")->required(false);
     dump->add_option("name", line->dump_name,
                      "The file: an absolute path as the JVM sees it, or a name in /tmp")

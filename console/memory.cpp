@@ -79,6 +79,11 @@ Failure NoView(const char *what) {
                    "see the reply itself with 'raw'; the agent may be of an older version");
 }
 
+bool ReadAge(std::string_view record, int64_t *age) {
+    Fields field = Split(record, FIELD_SEP);
+    return ReadNumber(field[0], age);
+}
+
 } // namespace
 
 HeapView DecodeHeap(const Reply &reply) {
@@ -146,6 +151,8 @@ Histogram DecodeHistogram(const Reply &reply) {
             reader.Each<ClassCount>(section, ReadClassCount, [&](ClassCount &&count) {
                 histogram.classes.push_back(std::move(count));
             });
+        else if (section.title == TITLE_CLASSES_AGE)
+            reader.Each<int64_t>(section, ReadAge, [&](int64_t &&age) { histogram.age_seconds = age; });
         else
             reader.Unknown(section);
     }

@@ -48,6 +48,7 @@ struct ClassCount {
 struct Histogram {
     std::vector<ClassCount> classes; // largest first, as many as the agent tells: 302 at most
     std::optional<uint64_t> jvm_microseconds;
+    std::optional<int64_t> age_seconds; // of figures that were kept for whoever asks next
     bool cut = false;
 };
 

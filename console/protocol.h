@@ -37,6 +37,7 @@ constexpr std::string_view TITLE_MEMORY_OBJECTS = "JVM Heap Number of Objects";
 constexpr std::string_view TITLE_COLLECTIONS = "JVM Garbage Collections";
 constexpr std::string_view TITLE_COLLECTORS = "JVM Garbage Collectors";
 constexpr std::string_view TITLE_CLASSES = "JVM Class Details";
+constexpr std::string_view TITLE_CLASSES_AGE = "JVM Class Details Age";
 constexpr std::string_view TITLE_LOCALS = "Method Locals";
 constexpr std::string_view TITLE_MESSAGE = "Message";
 constexpr std::string_view TITLE_OBJECT = "Object Description";
@@ -52,6 +53,7 @@ constexpr std::string_view FRAMEWORK_OBJECTS[] = {"View_Object", "Entity_Object"
 constexpr std::string_view GC_NAME_TAIL = " GC Count"; // behind the name of a collector
 constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
 constexpr std::string_view DUMPED_TO = "Heap details dumped to ";
+constexpr std::string_view HISTOGRAM_LATE = "Class histogram still being made";
 constexpr std::string_view FORKED_DUMP_LATE = "Heap dump timed out";
 constexpr std::string_view FORKED_DUMP_FAILED = "Heap dump failed, ";
 constexpr std::string_view HPROF_REFUSED = "Heap not enabled for";
@@ -80,6 +82,8 @@ enum RequestFlag : uint32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
+    FLAG_COPY = 1024,
+    FLAG_NO_COPY = 2048,
 };
 
 // What a memory request asks for.

@@ -160,6 +160,9 @@ std::string HistogramText(const Histogram &histogram, size_t top, const Style &s
                             histogram.classes.size());
     if (histogram.cut)
         text += "the reply reached the agent's limit, classes are missing\n";
+    if (histogram.age_seconds)
+        text += fmt::format("the heap of {} s ago: the figures that an earlier request was too early for\n",
+                            *histogram.age_seconds);
     return text + TimeNote(histogram.jvm_microseconds);
 }
 
@@ -170,6 +173,7 @@ Json HistogramJson(const Histogram &histogram, size_t top) {
                            {"instances", histogram.classes[i].instances},
                            {"kib", histogram.classes[i].kib}});
     return {{"classes", classes},
+            {"age_seconds", OrNull(histogram.age_seconds)},
             {"jvm_microseconds", OrNull(histogram.jvm_microseconds)},
             {"cut", histogram.cut}};
 }

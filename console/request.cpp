@@ -113,16 +113,18 @@ std::string MemoryRequest(bool repeated) {
     return fmt::format("{}|showmem|{}", BaseFlags(repeated), uint32_t(MEM_SUMMARY));
 }
 
-std::string HistogramRequest() {
-    return fmt::format("{}|showmem|{}|{}", BaseFlags(false), uint32_t(MEM_DETAILS), HISTOGRAM_WORD);
+std::string HistogramRequest(uint32_t copy_flags) {
+    return fmt::format("{}|showmem|{}|{}", BaseFlags(false) | copy_flags, uint32_t(MEM_DETAILS),
+                       HISTOGRAM_WORD);
 }
 
 std::string DumpDirRequest(std::string_view dir) {
     return SettingRequest("qorheapdir", dir);
 }
 
-std::string DumpRequest(std::string_view name, uint32_t heap_id) {
-    return fmt::format("{}|showmem|{}|{}|{}", BaseFlags(false), uint32_t(MEM_DUMP), name, heap_id);
+std::string DumpRequest(std::string_view name, uint32_t heap_id, uint32_t copy_flags) {
+    return fmt::format("{}|showmem|{}|{}|{}", BaseFlags(false) | copy_flags, uint32_t(MEM_DUMP), name,
+                       heap_id);
 }
 
 std::string PortHolderRequest(int port) {

@@ -36,11 +36,12 @@ std::string SummaryRequest(bool repeated);
 std::string HeapRequest(bool repeated);
 std::string CollectorsRequest(bool repeated);
 std::string MemoryRequest(bool repeated);
-std::string HistogramRequest();
+// `copy_flags`: FLAG_COPY, FLAG_NO_COPY or none.
+std::string HistogramRequest(uint32_t copy_flags);
 
 // The directory that dumps are written to, and a dump into it. The name's ending tells its form.
 std::string DumpDirRequest(std::string_view dir);
-std::string DumpRequest(std::string_view name, uint32_t heap_id);
+std::string DumpRequest(std::string_view name, uint32_t heap_id, uint32_t copy_flags);
 
 // The thread that a database's client port belongs to.
 std::string PortHolderRequest(int port);

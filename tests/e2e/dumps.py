@@ -134,10 +134,15 @@ class Dumps(OfTheDemo):
 
 
     def test_a_copy_of_the_jvm_dumps_the_same(self):
-        self.dump("own")
+        self.assertFalse(self.dump("own")["copied"])
+        self.assertIn("paused meanwhile: 64 MiB", self.answer("histogram", self.app.pid).out)
         self.assertIn("Changed forkdump to 1", self.answer("forkdump", self.app.pid, "on").out)
-        self.dump("copied")
-        histogram = self.answer("histogram", self.app.pid, "--json").json()["classes"]
+        self.assertTrue(self.dump("copied")["copied"])
+        self.assertFalse(self.dump("stopped", "--stop")["copied"])
+        self.assertIn("paused meanwhile: by --stop", self.answer("histogram", self.app.pid, "--stop").out)
+        histogram = self.answer("histogram", self.app.pid, "--json").json()
+        self.assertTrue(histogram["copied"])
+        histogram = histogram["classes"]
         self.assertIn("Changed forkdump to 0", self.answer("forkdump", self.app.pid, "off").out)
         demo = [{entry["class"]: entry["objects"] for entry in self.read(name, "--top", 100000)["classes"]
                  if entry["class"].startswith("qoragent.demo.")} for name in ("own", "copied")]
@@ -154,8 +159,16 @@ class Slow(threading.Event):
         super().__init__()
         self.path = directory + "/slow"
         self.told = "Request TIMED OUT"
+        self.flags = set()
+        self.histograms = ["Class histogram still being made, ask again.\x1f",
+                           "JVM Class Details\x1e[B\x1d7\x1d8\x1d\x1e\x1fJVM Class Details Age\x1e61\x1d\x1f"]
 
     def answer(self, request):
+        if "forkstate" in request:
+            return "forkstate=1 forkdump=0 "
+        self.flags.add(int(request.split("|")[0]) & 3072)
+        if "ClassHistogramOnly" in request:
+            return self.histograms.pop(0)
         if "qorheapdir" in request:
             return "Changed qorheapdir to " + request.split("|")[3]
         self.write("w", f"heap_id={request.split('|')[4]}|T1|h||V|1|1|System|1|1\nSf100000||\n")
@@ -201,6 +214,11 @@ class LateDumps(Case):
         os.close(master)
         self.assertEqual(dump.returncode, 0, progress)
         self.assertIn("slow: 3 K in ", out)
+
+    def test_a_histogram_is_asked_for_until_its_copy_is_ready(self):
+        histogram = self.answer("histogram", self.process.pid, "--json").json()
+        self.assertEqual((histogram["classes"][0]["instances"], histogram["age_seconds"]), (7, 61))
+        self.assertEqual(self.slow.flags, {1024})
 
     def test_one_that_stands_still_is_given_up(self):
         for told in ("Request TIMED OUT", None):

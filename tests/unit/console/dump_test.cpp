@@ -186,7 +186,7 @@ TEST(HeapDump, Names) {
     for (const std::string &name : wrong)
         EXPECT_THROW(ChooseDumpTarget(name, false), Failure) << name;
     EXPECT_EQ(DumpDirRequest("/tmp/"), "516|NoProcessing|qorheapdir|/tmp/");
-    EXPECT_EQ(DumpRequest("shop", 42), "516|showmem|256|shop|42");
+    EXPECT_EQ(DumpRequest("shop", 42, 0), "516|showmem|256|shop|42");
 }
 
 class DumpFiles : public ::testing::Test {

@@ -1,6 +1,8 @@
 // Heap, collectors and histogram: replies built by hand, and how they are shown.
+#include "copy.h"
 #include "failure.h"
 #include "memory.h"
+#include "protocol.h"
 #include "records.h"
 #include "render_memory.h"
 #include "request.h"
@@ -83,6 +85,10 @@ TEST(DecodeMemoryViews, Histogram) {
               "321 us in the JVM\n");
     EXPECT_EQ(HistogramJson(histogram, 1)["classes"].size(), 1u);
     EXPECT_EQ(HistogramJson(histogram, 9)["classes"][1]["class"], "a.B");
+    histogram =
+        DecodeHistogram(OpenReply(Wire("JVM Class Details;[B~1~2~;!JVM Class Details Age;42~!" + TIMING)));
+    EXPECT_EQ(histogram.age_seconds, 42);
+    EXPECT_NE(HistogramText(histogram, 2, Style()).find("the heap of 42 s ago"), std::string::npos);
     std::string cut = Wire("JVM Class Details;[B~1~2~;[I~3");
     EXPECT_TRUE(DecodeHistogram(OpenReply(cut)).cut);
 }
@@ -112,7 +118,33 @@ TEST(DecodeMemoryViews, NamesSizesAndRequests) {
     EXPECT_EQ(CollectorLine(now, before).substr(8), "          5         +2          7           \n");
     EXPECT_EQ(HeapRequest(false), "516|showstack|128");
     EXPECT_EQ(MemoryRequest(true), "4|showmem|128");
-    EXPECT_EQ(HistogramRequest(), "516|showmem|512|ClassHistogramOnly");
+    EXPECT_EQ(HistogramRequest(0), "516|showmem|512|ClassHistogramOnly");
+    EXPECT_EQ(HistogramRequest(FLAG_COPY), "1540|showmem|512|ClassHistogramOnly");
+}
+
+TEST(CopyChoice, FollowsTheAgentsAnswer) {
+    struct Case {
+        const char *reply;
+        uint32_t flags;
+        bool copied;
+        const char *note;
+    };
+    const Case cases[] = {
+        {"forkstate=1 forkdump=0 ", FLAG_COPY, true,
+         "by a copy of the JVM, which was paused for the copying alone\n"},
+        {"forkstate=0 forkdump=0 too small", 0, false, "the JVM was paused meanwhile: too small\n"},
+        {"forkstate=0 forkdump=1 too small", 0, true,
+         "by a copy of the JVM, which was paused for the copying alone\n"},
+        {"NoProcessing: Unkownn argument", 0, false,
+         "the JVM was paused meanwhile: the agent is of a version without copies\n"},
+        {"", 0, false, "the JVM was paused meanwhile: the agent is of a version without copies\n"},
+    };
+    for (const Case &c : cases) {
+        CopyChoice choice = ChooseCopy(c.reply);
+        EXPECT_EQ(choice.flags, c.flags) << c.reply;
+        EXPECT_EQ(choice.copied, c.copied) << c.reply;
+        EXPECT_EQ(choice.Note(), c.note) << c.reply;
+    }
 }
 
 } // namespace
