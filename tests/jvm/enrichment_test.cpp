@@ -302,4 +302,6 @@ TEST_F(AgentTest, ShowsFiguresOfEachThread) {
                             "classes=[0-9]+ uptime=[0-9]+\\x1f"),
               1)
         << system;
+    for (const char *request : {"404|showstack|32768", "388|showstack|32768"})
+        EXPECT_EQ(count(Ask(request), "System Data"), 0) << "a poll has none, asked or not: " << request;
 }
