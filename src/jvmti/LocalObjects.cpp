@@ -115,7 +115,7 @@ int32_t FindTagged(const QorLocalsWalk &walk, TaggedObject **out) {
 void ReadLocal(jobject object, QorFieldRecord *record) {
     QorCopyName(record->value, " ");
     if (!object || QorIsSameObject(jvmtijni_env, object, nullptr)) {
-        QORLOG(LOG_ERROR, " Object is NULL");
+        QORLOG(LOG_DETAIL, " Object is NULL");
         return;
     }
     jclass klass = QorGetObjectClass(jvmtijni_env, object);
@@ -137,7 +137,7 @@ void ReadLocal(jobject object, QorFieldRecord *record) {
 // Makes a record of each object.
 int32_t ReadLocals(const TaggedObject *objects, int32_t count, QorFieldRecord **out) {
     if (count == 0) {
-        QORLOG(LOG_ERROR, " No Objects for the Method");
+        QORLOG(LOG_DETAIL, " No Objects for the Method");
         return 0;
     }
     *out = static_cast<QorFieldRecord *>(calloc(static_cast<size_t>(count), sizeof(QorFieldRecord)));

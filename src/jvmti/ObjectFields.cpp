@@ -125,7 +125,7 @@ void ReadValue(int32_t typeCode, const FieldPlace &field, QorFieldRecord *record
     if (typeCode != QOR_TYPE_STRING)
         QorReadArrayText(typeCode, object, record->value);
     else if (!QorReadStringText(object, record->value))
-        QORLOG(LOG_ERROR, "Failed to get the object for string");
+        QORLOG(LOG_DETAIL, "Failed to get the object for string"); // a null one is no error
     if (object)
         QorDeleteLocalRef(jvmtijni_env, object);
 }
@@ -255,19 +255,19 @@ bool PairElement(jobject element, QorClassPair *pairs, int32_t *count) {
 // The number of elements read, 0 when there is none to show.
 int32_t ReadElements(jarray array, jobject *elements) {
     if (IsGone(array)) {
-        QORLOG(LOG_ERROR, "Array Object is NULL. Cant extract fields from it");
+        QORLOG(LOG_DETAIL, "Array Object is NULL. Cant extract fields from it");
         return 0;
     }
     const jsize length = QorGetArrayLength(jvmtijni_env, array);
     if (length <= 0) {
-        QORLOG(LOG_ERROR, "Array length is 0. No Objects in the array.");
+        QORLOG(LOG_DETAIL, "Array length is 0. No Objects in the array.");
         return 0;
     }
     const int32_t count = std::min<int32_t>(length, MAX_ARRAY_OBJECTS);
     for (int32_t i = 0; i < count; i++) {
         elements[i] = QorGetObjectArrayElement(jvmtijni_env, static_cast<jobjectArray>(array), i);
         if (IsGone(elements[i])) {
-            QORLOG(LOG_ERROR, "Object %d in the object array is null. Need to return", i);
+            QORLOG(LOG_DETAIL, "Object %d in the object array is null. Need to return", i);
             return 0;
         }
     }
@@ -299,12 +299,12 @@ jobject FindTaggedObject(int32_t tag) {
     QorExpectLocalRefs(count + 2 * MAX_CLASS_PAIRS);
     jobject object = count > 0 ? objects[0] : nullptr;
     if (count <= 0)
-        QORLOG(LOG_ERROR, "No object found with tag %d object count %d. Object might have perished", tag,
+        QORLOG(LOG_DETAIL, "No object found with tag %d object count %d. Object might have perished", tag,
                count);
     else if (!object)
-        QORLOG(LOG_ERROR, "obj null ..");
+        QORLOG(LOG_DETAIL, "obj null ..");
     else if (QorIsSameObject(jvmtijni_env, object, nullptr))
-        QORLOG(LOG_ERROR, "Object perished");
+        QORLOG(LOG_DETAIL, "Object perished");
     Deallocate(objects);
     return IsGone(object) ? nullptr : object;
 }
