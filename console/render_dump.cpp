@@ -67,6 +67,8 @@ std::string DumpText(const DumpSummary &dump, size_t top, const Style &style) {
     if (!dump.arrays.empty())
         text += ArrayTable(dump, style) + "\n";
     text += RootTable(dump, style);
+    text +=
+        "what only a Class object's own fields hold hangs on an Object[] of the agent's, not on its class\n";
     if (!dump.seconds)
         text += "the dump has no end: it failed, or is still being written\n";
     else if (dump.named_classes == 0)

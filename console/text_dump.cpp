@@ -31,6 +31,8 @@ constexpr std::string_view LOCAL_MARK = "|Thread-";
 constexpr size_t READ_SIZE = 1 << 20;
 constexpr size_t LONGEST_NAME = 65535; // of a class or a field, in bytes
 constexpr size_t LONGEST_LINE = 1 << 18;
+// Those of the format and as many of classes that found none left or came late.
+constexpr size_t MOST_CLASS_NUMBERS = 200000;
 constexpr int64_t LEAST_OBJECT_SIZE = 16; // to rank what has no size
 
 // Lines of a file, whatever its size, with a buffer of one block and the longest line.
@@ -167,6 +169,15 @@ private:
         return value;
     }
 
+    ClassFigures &Figures(int64_t number) {
+        ClassFigures &figures = classes_[number];
+        if (classes_.size() > MOST_CLASS_NUMBERS)
+            throw Failure(fmt::format("line {}: more than {} class numbers, a dump has fewer",
+                                      lines_.number(), MOST_CLASS_NUMBERS),
+                          "the file was changed or is of another kind; make a new dump");
+        return figures;
+    }
+
     void ReadHeader() {
         constexpr size_t FIELDS = 10;
         enum { ID, TIME, HOST, JVM_ID, VENDOR, VERSION, SPACES, SPACE, MAX, USED };
@@ -224,7 +235,7 @@ private:
             if (in_roots_)
                 waiting_.push_back(number);
             else
-                ++classes_[number].objects;
+                ++Figures(number).objects;
             return;
         }
         DumpRoot kind = KindOf(line);
@@ -263,7 +274,7 @@ private:
         size_t of_objects = other_seen_ ? waiting_.size() : std::min<size_t>(waiting_.size(), 1);
         summary_.roots[ROOT_CLASS] += static_cast<int64_t>(waiting_.size() - of_objects);
         for (size_t i = waiting_.size() - of_objects; i < waiting_.size(); ++i)
-            ++classes_[waiting_[i]].objects;
+            ++Figures(waiting_[i]).objects;
         waiting_ = {};
     }
 
@@ -279,7 +290,7 @@ private:
         array.object = Number(Piece(&line));
         array.bytes = Hex(Piece(&line));
         array.class_number = Number(line);
-        ClassFigures &figures = classes_[array.class_number];
+        ClassFigures &figures = Figures(array.class_number);
         if (sign == '8') {
             figures.size = array.bytes;
             return;
@@ -311,7 +322,7 @@ private:
         if (field)
             return;
         ++summary_.named_classes;
-        classes_[number].name = JavaName(name);
+        Figures(number).name = JavaName(name);
     }
 
     void Finish() {

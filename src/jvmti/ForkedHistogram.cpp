@@ -1,6 +1,8 @@
 #include "ForkedHistogram.h"
 
+#include "ClassMirrors.h"
 #include "ForkedWalk.h"
+#include "JniCalls.h"
 #include "Session.h"
 #include "platforms/linux.h"
 #include "qorlog.h"
@@ -136,7 +138,11 @@ int32_t Walk(jvmtiEnv *env) {
     arraysMet = arraysVisited = 0;
     callbacks.heap_reference_callback = CountReference;
     callbacks.array_primitive_value_callback = CountPrimitives;
-    return QorForkedWalkReturned(env->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+    jobject held = QorHoldMirrorFields(env);
+    const int32_t pid =
+        QorForkedWalkReturned(env->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+    QorDeleteLocalRef(jvmtijni_env, held);
+    return pid;
 }
 
 // The pass over the heap: the copy makes it.

@@ -137,6 +137,29 @@ TEST_F(Heap, TextDumpHoldsWhatHprofHolds) {
     EXPECT_GT(text.locals, 0);
 }
 
+// The JVM's walk doesn't report the own fields of Class instances.
+TEST_F(Heap, TextDumpHoldsWhatOnlyClassInstancesHold) {
+    CallVoid(SHOP, "holdByClass", "(I)V", 500);
+    const char *byClass = "qoragent/testing/HeapShop$ByClass";
+    EXPECT_EQ(Dump().InstancesOf(Signature(byClass)), 500);
+    EXPECT_EQ(Hprof().instances.at(byClass), 500);
+}
+
+TEST_F(Heap, LocalsOfVirtualThreadsAreNoObjectsOfTheClass) {
+    const int64_t threads = CallLong(SHOP, "parkVirtual", "(I)J", 100);
+    if (!threads)
+        GTEST_SKIP() << "this JVM has no virtual threads";
+    const TextDump text = Dump();
+    const std::string unheld = Signature("qoragent/testing/HeapShop$Unheld");
+    EXPECT_EQ(text.InstancesOf(unheld), 0);
+    int64_t locals = 0;
+    const std::string line = "\nSa" + std::to_string(text.ClassNumber(unheld)) + "|Thread-";
+    for (size_t at = 0; (at = text.body.find(line, at)) != std::string::npos; at++)
+        locals++;
+    EXPECT_EQ(locals, threads);
+    CallVoid(SHOP, "unpark", "()V");
+}
+
 TEST_F(Heap, ReferencesOfTheTextDumpAreTheFieldsOfTheObjects) {
     const TextDump text = Dump();
     const int64_t node = text.ClassNumber(Signature(NODE)), leaf = text.ClassNumber(Signature(LEAF));
@@ -159,13 +182,13 @@ TEST_F(Heap, ReferencesOfTheTextDumpAreTheFieldsOfTheObjects) {
 
 TEST_F(Heap, TwoDumpsDifferInHeaderAndTrailerAlone) {
     heap_id = 4711;
-    strcpy(vend, "Vendor");
+    strcpy(vend, "Ve|dor\nInc.");
     Dump(); // where the JVM keeps this thread's references is settled by the first
     const TextDump first = Dump();
     const int32_t run = igbCurrentRun;
-    EXPECT_TRUE(
-        std::regex_match(first.header, std::regex("heap_id=4711\\|T[0-9]+\\|[^|]*\\|[^|]*\\|Vendor\\|[^|]*"
-                                                  "\\|1\\|System\\|[0-9]+\\|[0-9]+")))
+    EXPECT_TRUE(std::regex_match(first.header,
+                                 std::regex("heap_id=4711\\|T[0-9]+\\|[^|]*\\|[^|]*\\|Ve dor Inc\\.\\|[^|]*"
+                                            "\\|1\\|System\\|[0-9]+\\|[0-9]+")))
         << first.header;
     gbiDumpBufferSize = 64;
     const TextDump second = Dump();

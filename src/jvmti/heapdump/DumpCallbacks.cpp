@@ -14,6 +14,8 @@ namespace {
 // has the number of the last one before gets no header for it.
 int64_t lastFieldReferrer, lastStaticReferrer, lastArrayReferrer;
 
+bool inObjects; // the walk has left the roots
+
 constexpr int64_t LARGEST_CLASS_NUMBER = FIRST_OBJECT_NUMBER - 1;
 constexpr int64_t LARGEST_PLAIN_CLASS = FIRST_CLASS_NUMBER - 1;
 
@@ -146,7 +148,9 @@ void WriteRoot(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, 
     const bool isLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL || kind == JVMTI_HEAP_REFERENCE_JNI_LOCAL;
     if (isLocal && !info)
         return;
-    if (isLocal && ref.object <= LARGEST_CLASS_NUMBER)
+    // Behind the roots come the locals of virtual threads. The line of a class would stand there for an
+    // object of it.
+    if (isLocal && ref.object <= LARGEST_CLASS_NUMBER && !inObjects)
         kind = JVMTI_HEAP_REFERENCE_SYSTEM_CLASS;
     switch (kind) {
     case JVMTI_HEAP_REFERENCE_JNI_GLOBAL:
@@ -189,6 +193,7 @@ jint JNICALL cbQorHeapReference(jvmtiHeapReferenceKind kind, const jvmtiHeapRefe
         QorGetJObjectProp(*referrerTagPtr, &ref.referrer, &ref.referrerSize);
     switch (kind) {
     case JVMTI_HEAP_REFERENCE_CLASS:
+        inObjects = true; // the first reference of each object
         WriteNumber("SBa", ref.object, "|\n");
         break;
     case JVMTI_HEAP_REFERENCE_FIELD:
@@ -227,6 +232,12 @@ jint JNICALL cbQorPrimArrayData(jlong classTag, jlong size, jlong *tagPtr, jint 
 jint JNICALL cbQorPrimFieldData(jvmtiHeapReferenceKind, const jvmtiHeapReferenceInfo *, jlong, jlong *,
                                 jvalue, jvmtiPrimitiveType, void *) {
     return JVMTI_VISIT_OBJECTS;
+}
+
+void QorStartDumpWalk() {
+    igbfpSet = 0;
+    qorNamelessLocals = 0;
+    inObjects = false;
 }
 
 void QorFinishArrayHeader() {

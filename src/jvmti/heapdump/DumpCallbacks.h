@@ -20,5 +20,8 @@ jint JNICALL cbQorPrimFieldData(jvmtiHeapReferenceKind kind, const jvmtiHeapRefe
 // Writes the count of the array header that waits for it, if one does.
 void QorFinishArrayHeader();
 
+// Clears what the callbacks remember of the walk. Before each walk.
+void QorStartDumpWalk();
+
 // Local variables whose method had no name in the table, in this dump.
 extern int64_t qorNamelessLocals;

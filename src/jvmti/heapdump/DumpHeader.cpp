@@ -38,6 +38,15 @@ int32_t UseDefaultDate(char *out) {
     return 0;
 }
 
+// A text of the host's, without what would end a field or the line.
+const char *AsField(const char *text, char *out, size_t size) {
+    snprintf(out, size, "%s", text);
+    for (char *p = out; *p; p++)
+        if (*p == '|' || *p == '\n' || *p == '\r')
+            *p = ' ';
+    return out;
+}
+
 // The line's second field. Under a Nimb JVM it's a date, elsewhere seconds since 1970.
 void FormatTime(char *out) {
     if (gbNimbJvm)
@@ -82,8 +91,11 @@ int32_t QorWriteHeapDumpHeader(QorDumpFile *file) {
     char when[HEADER_DATE_SIZE];
     FormatTime(when);
     char line[VENDOR_SIZE + VERSION_SIZE + JVM_ID_SIZE + HOST_NAME_SIZE + 256];
-    snprintf(line, sizeof line, "heap_id=%u|%s|%s|%s|%s|%s|1|%s|%u|%u\n", heap_id, when, hostname,
-             ext_jvm_id_str, vend, vers, "System", static_cast<uint32_t>(QorGetMaxMemory() >> KIB_SHIFT),
+    char host[HOST_NAME_SIZE], id[JVM_ID_SIZE], vendor[VENDOR_SIZE], version[VERSION_SIZE];
+    snprintf(line, sizeof line, "heap_id=%u|%s|%s|%s|%s|%s|1|%s|%u|%u\n", heap_id, when,
+             AsField(hostname, host, sizeof host), AsField(ext_jvm_id_str, id, sizeof id),
+             AsField(vend, vendor, sizeof vendor), AsField(vers, version, sizeof version), "System",
+             static_cast<uint32_t>(QorGetMaxMemory() >> KIB_SHIFT),
              static_cast<uint32_t>(QorGetUsedMemory() >> KIB_SHIFT));
     QorDumpText(file, line, static_cast<int64_t>(strlen(line)));
     return 0;

@@ -5,6 +5,7 @@
 #include "DumpSteps.h"
 #include "HeapDump.h"
 #include "ObjectTags.h"
+#include "jvmti/ClassMirrors.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
@@ -98,7 +99,11 @@ int32_t Fork() {
     callbacks.array_primitive_value_callback = ForkedPrimArray;
     objectsMet = objectsVisited = 0;
     classOfClasses = NumberOf("Ljava/lang/Class;");
-    return QorForkedWalkReturned(gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+    jobject held = QorHoldMirrorFields(gbDumpEnv);
+    const int32_t pid =
+        QorForkedWalkReturned(gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+    QorDeleteLocalRef(jvmtijni_env, held);
+    return pid;
 }
 
 // With the dump begun: takes its file over, or closes it.

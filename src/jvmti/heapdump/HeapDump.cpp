@@ -7,6 +7,7 @@
 #include "DumpSteps.h"
 #include "LocalNames.h"
 #include "ObjectTags.h"
+#include "jvmti/ClassMirrors.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/MemorySystem.h"
 #include "jvmti/Session.h"
@@ -59,8 +60,10 @@ void Walk() {
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = cbQorHeapReference;
     callbacks.array_primitive_value_callback = cbQorPrimArrayData;
+    jobject held = QorHoldMirrorFields(gbDumpEnv);
     const jvmtiError error = gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr);
     QorClearException(jvmtijni_env);
+    QorDeleteLocalRef(jvmtijni_env, held);
     if (error != JVMTI_ERROR_NONE)
         QORLOG(LOG_ERROR, "QorDumpHeap followreferences failed %d", error);
     QorFinishArrayHeader();
@@ -102,8 +105,7 @@ int32_t QorBeginDump(const char *path) {
     iHeapObjectStartNum = FIRST_OBJECT_NUMBER;
     QorCollectLocalNames();
     tag_all_classes(); // last, so that few classes come after it; without it the dump has no class records
-    igbfpSet = 0;
-    qorNamelessLocals = 0;
+    QorStartDumpWalk();
     return 0;
 }
 

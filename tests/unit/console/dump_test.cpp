@@ -33,7 +33,8 @@ const std::string OBJECTS = "SBa102|\n"
                             "SBa4|\nA[3|100008|18|4\n"
                             "B0a101|70|101\nR100001|101|101a2\n"
                             "SBa100123|\n"
-                            "Sa100009|Thread-9_|\n"; // of a virtual thread
+                            "Sa100009|Thread-9_|\n" // of a virtual thread
+                            "Sa101|Thread-9_|\n";   // the same, a class
 const std::string CLASSES =
     "B0a101|5|101\nB1101|5|La/B;\nB1101a0|4|next\nB0a102|5|102\nB1102|5|La/C;\n"
     "B0a103|6|103\nB1103|6|[La/B;\nB0a4|2|4\nB14|2|[B\nB1104|7|Lodd\nx;\nB0a105|3|105\n";
@@ -62,7 +63,7 @@ TEST(ReadTextDump, ObjectsArraysAndRoots) {
     EXPECT_EQ(dump.references, 4);
     EXPECT_EQ(dump.objects, 8);
     EXPECT_EQ(dump.named_classes, 5);
-    const int64_t roots[ROOT_KINDS] = {1, 2, 1, 1, 1, 2, 1};
+    const int64_t roots[ROOT_KINDS] = {1, 3, 1, 1, 1, 2, 1};
     for (int i = 0; i < ROOT_KINDS; ++i)
         EXPECT_EQ(dump.roots[i], roots[i]) << DUMP_ROOT_NAMES[i].key;
     struct {
@@ -93,6 +94,7 @@ TEST(ReadTextDump, ObjectsArraysAndRoots) {
     EXPECT_NE(text.find("\n      2  >= 128 B  a.B[]\n"), std::string::npos) << text;
     EXPECT_NE(text.find("the largest 3 of 5 classes"), std::string::npos);
     EXPECT_EQ(text.find("no end"), std::string::npos);
+    EXPECT_NE(text.find("\nwhat only a Class object's own fields hold"), std::string::npos);
     Json json = DumpJson(dump, 9);
     EXPECT_EQ(json["roots"]["jni_locals"], 1);
     EXPECT_EQ(json["complete"], true);
@@ -138,6 +140,9 @@ TEST(ReadTextDump, CutAnywhere) {
 }
 
 TEST(ReadTextDump, OtherFilesAreRefused) {
+    std::string made_up;
+    for (int i = 0; i < 250000; ++i)
+        made_up += "A81|18|" + std::to_string(i) + "\n";
     const std::pair<std::string, const char *> rows[] = {
         {"x", "no text dump"},
         {std::string("JAVA PROFILE 1.0.2\0\0\0", 21), "Hprof"},
@@ -153,6 +158,7 @@ TEST(ReadTextDump, OtherFilesAreRefused) {
         {HEADER + "B1101|ffffff|La/B;\n" + std::string(40000000, '\n'),
          "line 2 "}, // longer than a name can be
         {HEADER + TRAILER + "\nSf1||\n", "line 3 "},
+        {HEADER + made_up, "more than 200000 class numbers"},
         {HEADER + std::string(2000000, 'R'), "no end"},
     };
     for (auto &row : rows)

@@ -56,6 +56,61 @@ public final class HeapShop {
         shelf = new Object[] {nodes, new Leaf[5], new int[LONG_INTS], new int[LONG_INTS], new byte[LONG_BYTES]};
     }
 
+    /** Held by the own field of a Class instance, and by nothing else. */
+    static final class ByClass {
+    }
+
+    /** Has a Class instance, and no other. */
+    static final class Unheld {
+    }
+
+    private static final class Maker extends ClassValue<ByClass> {
+        @Override
+        protected ByClass computeValue(Class<?> type) {
+            return new ByClass();
+        }
+    }
+
+    private static final List<Maker> makers = new ArrayList<>();
+    private static final List<Thread> parked = new ArrayList<>();
+    private static volatile boolean released;
+
+    /** Leaves `count` objects of ByClass with the Class instance of Unheld. */
+    static void holdByClass(int count) {
+        for (int i = 0; i < count; i++) {
+            makers.add(new Maker());
+            makers.get(i).get(Unheld.class);
+        }
+    }
+
+    /** Parks `count` virtual threads with the Class instance of Unheld in a local; 0 where there are none. */
+    static long parkVirtual(int count) throws Exception {
+        java.lang.reflect.Method start;
+        try {
+            start = Thread.class.getMethod("startVirtualThread", Runnable.class);
+        } catch (NoSuchMethodException e) {
+            return 0;
+        }
+        Runnable park = () -> {
+            Class<?> local = Unheld.class;
+            while (!released)
+                java.util.concurrent.locks.LockSupport.park();
+            local.getName();
+        };
+        for (int i = 0; i < count; i++)
+            parked.add((Thread)start.invoke(null, park));
+        for (Thread thread : parked)
+            while (thread.getState() != Thread.State.WAITING)
+                Thread.sleep(1);
+        return parked.size();
+    }
+
+    static void unpark() {
+        released = true;
+        for (Thread thread : parked)
+            java.util.concurrent.locks.LockSupport.unpark(thread);
+    }
+
     static void empty() {
         first = null;
         shelf = null;
