@@ -417,21 +417,6 @@ TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     EXPECT_EQ(count, 0);
 }
 
-// Classes that turn out to be of no interest are marked, so that the next walk passes over their objects:
-// arrays too, whose classes the JVM never calls initialised.
-TEST_F(LocalWalks, LearnWhatIsOfNoInterest) {
-    jobject text = Text("text"), array = Env()->NewByteArray(1);
-    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
-    Enter("three", "learning", text, array, statement);
-    EXPECT_EQ(readOne("learning", "three", LOCAL_DATABASE_CALL, statement),
-              "Ltessar/jdbc/driver/TessarStatement;");
-    for (jobject object : {text, array, statement}) {
-        jlong tag = 0;
-        EXPECT_EQ(gbQorLocalWalkEnv->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
-        EXPECT_EQ(tag, object == statement ? WANTED_CLASS : BORING_CLASS);
-    }
-}
-
 TEST_F(LocalWalks, AreOffWithoutAQuotaOrAList) {
     Enter("nested", "off", Make("tessar/jdbc/driver/TessarStatement"));
     Listing listing;
@@ -553,28 +538,25 @@ TEST_F(LocalWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
     fakeNow = 5000 * SECOND;
     fakeStep = 150000; // what each walk takes, and the time between two
     const struct {
-        int64_t pause;
-        int32_t result;
-        int64_t budget;
-    } ROWS[] = {
-        {0, 0, 200000},
-        {0, 0, 200000},
-        {0, 0, 200000},
-        {0, 0, 50000}, // what is left of half a second
-        {0, -1, 50000},
-        {8 * SECOND, -1, 50000},
-        {SECOND * 14 / 10, 0, 200000}, // the first three are older than the last ten seconds
-        {0, 0, 200000},
-        {0, 0, 50000},
-        {0, -1, 50000},
-        {10 * SECOND, 0, 200000},
-    };
+        int64_t pause, budget; // 0: left out
+    } ROWS[] = {{0, 200000},
+                {0, 200000},
+                {0, 200000},
+                {0, 50000},
+                {0, 0},
+                {8 * SECOND, 0},
+                // now the first three are older than the last ten seconds
+                {SECOND * 14 / 10, 200000},
+                {0, 200000},
+                {0, 50000},
+                {0, 0},
+                {10 * SECOND, 200000}};
     for (const auto &row : ROWS) {
         const auto number = &row - ROWS;
         fakeNow += row.pause;
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), row.result) << number;
-        EXPECT_EQ(gbQorWalkLeftOut, row.result != 0) << number;
-        EXPECT_EQ(lAllowedFollowRefTimeUSec, row.budget) << number;
+        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), row.budget ? 0 : -1) << number;
+        EXPECT_EQ(gbQorWalkLeftOut, row.budget == 0) << number;
+        EXPECT_TRUE(row.budget == 0 || lAllowedFollowRefTimeUSec == row.budget) << number;
         EXPECT_EQ(gbQorLastWalkUsec, fakeStep);
     }
     EXPECT_EQ(log.count("No local variables for this request"), 1) << "one line a minute";
@@ -618,42 +600,6 @@ TEST_F(LocalWalks, LookUpWithinTheirBudget) {
     EXPECT_GT(left, 0) << "the first look-up was cut short";
     for (const Found &row : listing.found())
         EXPECT_EQ(same(row.object, statement), row.thread == "zoo-looked-up");
-}
-
-// The list's own: numbers, links and entries that are used again.
-TEST_F(LocalWalks, ListFramesNewestFirst) {
-    Enter("nested", "listed", Make("tessar/jdbc/driver/TessarStatement"));
-    Walk walk;
-    ASSERT_TRUE(walk.find("zoo-listed"));
-    QorFrameRecord frame = {};
-    frame.className = "app.Main";
-    frame.method = "run";
-    QorAllThreadLocalInfoList *list = nullptr;
-    for (int32_t round = 0; round < 2; round++) {
-        for (int64_t i = 0; i < 4; i++) {
-            frame.methodId = 100 + i;
-            tessar_thick_driver = static_cast<int32_t>(i % 2);
-            ASSERT_EQ(AddToThreadLocalInfoList(&walk.thread, &frame, &list, LOCAL_RMI_CALL), 0);
-            EXPECT_EQ(list->serial, i);
-            EXPECT_EQ(list->frameMethod, 100 + i);
-            EXPECT_EQ(list->thickDriver, i % 2);
-            EXPECT_EQ(list->threadId, walk.thread.tid);
-            EXPECT_STREQ(list->threadName, "zoo-listed");
-            EXPECT_TRUE(same(list->threadRef, walk.handle.threads[walk.handle.index]));
-            EXPECT_TRUE(!list->objLocalVarHandle && !list->strSignature[0] && list->localCount == 0);
-            list->objLocalVarHandle = Env()->NewGlobalRef(Text("held"));
-            list->localCount = 3;
-            strcpy(list->strSignature, "Lstale;");
-        }
-        QorAllThreadLocalInfoList *former = list->next->next;
-        QorCutThreadLocalInfoList(&list, former);
-        EXPECT_EQ(list, former);
-        EXPECT_EQ(list->serial, 1);
-        FreeQorAllThreadLocalInfoList(list);
-        list = nullptr;
-    }
-    EXPECT_EQ(AddToThreadLocalInfoList(&walk.thread, nullptr, &list, 0), -1);
-    EXPECT_EQ(list, nullptr);
 }
 
 // No JVM of today is one whose handles the walk can fill, whatever its texts say; on one that is, the

@@ -78,7 +78,7 @@ public final class TierBench {
     private void start(int quota) throws IOException {
         Files.deleteIfExists(log);
         logRead = 0;
-        Agent.start("relay=off,lockinfo=3,dbquery=1,localquota=" + quota + ",logfile=" + log);
+        Agent.start("relay=off,lockinfo=3,dbquery=1,handquota=100,localquota=" + quota + ",logfile=" + log);
     }
 
     private static void stop() {
