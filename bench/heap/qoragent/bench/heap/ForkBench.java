@@ -47,7 +47,7 @@ public final class ForkBench {
         int turns = Integer.parseInt(args[0]), megabytes = Integer.parseInt(args[1]);
         Object[] heap = HeapBench.fill(megabytes);
         System.gc();
-        Agent.start("relay=off,forkdump=true,timeout=" + (STOPS_ONLY ? 1 : 3000));
+        Agent.start("relay=off,forkdump=true,timeout=" + (STOPS_ONLY ? 3 : 3000));
         Agent.request("516|NoProcessing|qorheapdir|" + args[2]);
         ForkBench bench = new ForkBench(new File(args[2]), args[3]);
         for (int turn = -1; turn < turns; turn++) {
@@ -75,6 +75,8 @@ public final class ForkBench {
                           .dumpHeap(file.getPath(), false));
         delete(file);
         measure("forked histogram", () -> ask("516|showmem|512|ClassHistogramOnly", STOPS_ONLY ? "" : "JVM Class Details"));
+        if (STOPS_ONLY)
+            endCopy(); // which would count on for the next who asks
         settle();
         measure("GC.class_histogram -all", HeapBench::histogramOfTheJvm);
     }
