@@ -67,7 +67,7 @@ void RunList(const Settings &settings) {
 
 void RunAttach(const Settings &settings, pid_t pid) {
     Process process = RequireProcess(pid);
-    if (ConnectToRunning(process, false)) {
+    if (ConnectToRunning(settings, process, false)) {
         if (!settings.options.empty())
             throw Failure(
                 fmt::format("the agent runs in JVM {} already, with the options it was loaded with", pid),
@@ -136,7 +136,7 @@ void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool b
 
 void RunShutdown(const Settings &settings, pid_t pid) {
     Process process = RequireProcess(pid);
-    std::optional<Connection> connection = ConnectToRunning(process, true);
+    std::optional<Connection> connection = ConnectToRunning(settings, process, true);
     if (!connection)
         throw Failure(fmt::format("no agent runs in JVM {}", pid), "there is nothing to shut down");
     Shutdown(settings, process, std::move(*connection), std::string(SHUTDOWN_REQUEST));

@@ -2,6 +2,7 @@
 
 #include "attach.h"
 #include "failure.h"
+#include "proof.h"
 #include "session.h"
 
 #include <algorithm>
@@ -37,14 +38,18 @@ bool LooksLikeJava(const Process &process) {
 }
 
 // Running means that it answers: an endpoint file alone may be a leftover.
-AgentState FindAgent(const Process &process) {
+AgentState FindAgent(const Process &process, std::string *note) {
     try {
         std::optional<Endpoint> endpoint = LocateEndpoint(process, false);
         if (!endpoint)
             return AgentState::ABSENT;
         if (!SameNetwork(process.pid))
             return AgentState::UNKNOWN;
-        return Connection::Open(*endpoint, PROBE_LIMIT) ? AgentState::RUNNING : AgentState::ABSENT;
+        Proof proof = CheckListener(process, *endpoint);
+        if (proof == Proof::UNKNOWN)
+            *note = NOT_PROVEN;
+        bool answers = proof != Proof::OTHER && Connection::Open(*endpoint, PROBE_LIMIT);
+        return answers ? AgentState::RUNNING : AgentState::ABSENT;
     } catch (const Failure &) {
         return AgentState::UNKNOWN;
     }
@@ -55,7 +60,7 @@ void Describe(const Process &process, const std::string &library, JvmEntry *entr
     entry->java_version = perf.java_version;
     if (entry->java_version.empty())
         entry->java_version = VersionBesideLibrary(process, library);
-    entry->agent = FindAgent(process);
+    entry->agent = FindAgent(process, &entry->note);
     if (entry->agent == AgentState::RUNNING)
         return;
     if (AttachDisabled(process, perf))

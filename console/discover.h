@@ -16,7 +16,7 @@ struct JvmEntry {
     std::string java_version; // empty when not known
     std::string main_class;
     AgentState agent = AgentState::UNKNOWN;
-    std::string note; // why it can't be attached to; empty when it can
+    std::string note; // why it can't be attached to, or what is in doubt; else empty
 };
 
 // The JVMs of this machine in order of process id. Those of other users are listed as far as they can be

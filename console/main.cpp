@@ -46,6 +46,8 @@ CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, Comma
                         "The agent's jar (else $QORAGENT_JAR, else beside qorctl)");
     command->add_option("--options", line->settings.options,
                         "Options for the agent if it is loaded now: key=value,...");
+    command->add_flag("--strict", line->settings.strict,
+                      "Ask only if it is proven that the JVM itself answers");
     command->add_option("--timeout", line->settings.timeout, "Seconds to wait for an answer")
         ->capture_default_str()
         ->check(CLI::Range(1, 86400));

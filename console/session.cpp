@@ -2,6 +2,7 @@
 
 #include "attach.h"
 #include "failure.h"
+#include "proof.h"
 
 #include <fmt/format.h>
 
@@ -16,6 +17,18 @@ constexpr Seconds STATUS_LIMIT(5);
 // The options, as the agent splits them, say relay=off.
 bool SwitchesRelayOff(const std::string &options) {
     return ("," + options + ",").find(",relay=off,") != std::string::npos;
+}
+
+void DealWithDoubt(const Settings &settings, const Process &process, const Endpoint &endpoint) {
+    std::string doubt =
+        fmt::format("{}: that JVM {} itself answers at port {}, as its descriptors can't be read", NOT_PROVEN,
+                    process.pid, endpoint.port);
+    if (settings.strict)
+        throw Failure(doubt, "run qorctl as root, or without --strict");
+    static bool told = false; // a series connects again and again
+    if (!told)
+        fmt::print(stderr, "qorctl: {}\n", doubt);
+    told = true;
 }
 
 } // namespace
@@ -40,11 +53,16 @@ std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask) {
     return endpoint;
 }
 
-std::optional<Connection> ConnectToRunning(const Process &process, bool ask) {
+std::optional<Connection> ConnectToRunning(const Settings &settings, const Process &process, bool ask) {
     std::optional<Endpoint> endpoint = LocateEndpoint(process, ask);
     if (!endpoint)
         return std::nullopt;
     CheckNetwork(process);
+    Proof proof = CheckListener(process, *endpoint);
+    if (proof == Proof::OTHER)
+        return std::nullopt; // a leftover, whose port may be anybody's by now
+    if (proof == Proof::UNKNOWN)
+        DealWithDoubt(settings, process, *endpoint);
     return Connection::Open(*endpoint, CONNECT_LIMIT);
 }
 
@@ -53,7 +71,7 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
     LoadAgent(process, jar, settings.options, LOAD_LIMIT);
     if (SwitchesRelayOff(settings.options))
         return std::nullopt;
-    if (std::optional<Connection> connection = ConnectToRunning(process, true))
+    if (std::optional<Connection> connection = ConnectToRunning(settings, process, true))
         return connection;
     std::string status = AgentStatus(process, STATUS_LIMIT);
     constexpr std::string_view FAILED = "failed: ", RUNNING = "running";
@@ -71,7 +89,7 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
 }
 
 Connection RequireAgent(const Settings &settings, const Process &process) {
-    if (std::optional<Connection> connection = ConnectToRunning(process, false))
+    if (std::optional<Connection> connection = ConnectToRunning(settings, process, false))
         return std::move(*connection);
     if (std::optional<Connection> connection = LoadAndConnect(settings, process))
         return std::move(*connection);

@@ -15,8 +15,9 @@ Process RequireProcess(pid_t pid);
 // a signal.
 std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);
 
-// A connection to an agent that runs already; nothing when none does.
-std::optional<Connection> ConnectToRunning(const Process &process, bool ask);
+// A connection to an agent that runs already; nothing when none does, or another process listens in its
+// place.
+std::optional<Connection> ConnectToRunning(const Settings &settings, const Process &process, bool ask);
 
 // Loads the agent and connects to it; nothing when its options switch the relay off.
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process);

@@ -12,6 +12,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -221,17 +222,23 @@ class Life(Case):
             self.refused("no process", "threads", app.pid)
 
     def test_a_stale_endpoint_is_no_agent(self):
-        with Application() as app:
+        """Even if somebody else answers at its port by now."""
+        with Application() as app, socket.create_server(("127.0.0.1", 0)) as impostor:
             self.answer("attach", app.pid)
             endpoint = leftovers(app.pid)[0]
             with open(endpoint, encoding="ascii") as file:
                 text = file.read()
             self.answer("shutdown", app.pid)
             with open(os.open(endpoint, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
-                file.write(text)
+                file.write(re.sub(r"port=\d+", f"port={impostor.getsockname()[1]}", text))
             self.assertEqual(self.state(app)["agent"], False)
             self.refused("no agent runs", "shutdown", app.pid)
-            self.assertTrue(self.threads(app))
+            self.assertTrue(self.threads(app, "--strict"))
+            impostor.setblocking(False)
+            self.assertRaises(BlockingIOError, impostor.accept)
+            with open(endpoint, "a", encoding="ascii") as file:
+                file.write("bind=203.0.113.1\n")
+            self.refused("another machine", "threads", app.pid)
             os.chmod(endpoint, 0o644)
             self.refused("not the JVM user's own", "threads", app.pid)
 

@@ -6,6 +6,7 @@
 #include "inside.h"
 #include "json.h"
 #include "process.h"
+#include "proof.h"
 #include "render.h"
 #include "request.h"
 #include "wire.h"
@@ -110,6 +111,47 @@ TEST(Endpoint, File) {
     };
     for (const std::string &text : wrong)
         EXPECT_FALSE(ParseEndpoint(text)) << text;
+}
+
+TEST(Endpoint, WhoListensIsProven) {
+    const struct {
+        const char *address;
+        bool v6;
+        in_addr_t asked;
+        Proof expected;
+    } rows[] = {
+        {"127.0.0.1", false, INADDR_LOOPBACK, Proof::PROVEN},
+        {"0.0.0.0", false, INADDR_LOOPBACK, Proof::PROVEN},
+        {"127.0.0.2", false, INADDR_LOOPBACK, Proof::OTHER},
+        {"::ffff:127.0.0.1", true, INADDR_LOOPBACK, Proof::PROVEN},
+        {"::", true, INADDR_LOOPBACK, Proof::PROVEN},
+    };
+    for (auto &row : rows) {
+        FileDescriptor server(socket(row.v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in6 where = {};
+        auto *v4 = reinterpret_cast<sockaddr_in *>(&where);
+        where.sin6_family = row.v6 ? AF_INET6 : AF_INET;
+        void *place = row.v6 ? static_cast<void *>(&where.sin6_addr) : &v4->sin_addr;
+        inet_pton(where.sin6_family, row.address, place);
+        socklen_t size = sizeof where;
+        auto *any = reinterpret_cast<sockaddr *>(&where);
+        if (bind(server.get(), any, size) != 0 && row.v6)
+            continue; // a host without IPv6
+        getsockname(server.get(), any, &size);
+        Endpoint endpoint;
+        endpoint.address = htonl(row.asked);
+        endpoint.port = ntohs(where.sin6_port);
+        EXPECT_EQ(ProveListener("/proc/self", endpoint), Proof::OTHER) << "it doesn't listen yet";
+        listen(server.get(), 1);
+        EXPECT_EQ(ProveListener("/proc/self", endpoint), row.expected) << row.address;
+        EXPECT_EQ(ProveListener(fmt::format("/proc/{}", getppid()), endpoint), Proof::OTHER) << row.address;
+        EXPECT_EQ(ProveListener("/proc/self/net", endpoint), Proof::UNKNOWN);
+    }
+    Endpoint elsewhere;
+    for (const char *address : {"203.0.113.1", "224.0.0.1", "255.255.255.255", "0.0.0.1"}) {
+        inet_pton(AF_INET, address, &elsewhere.address);
+        EXPECT_THROW(CheckListener(Process(), elsewhere), Failure) << address;
+    }
 }
 
 TEST(Attach, LoadReplies) {
