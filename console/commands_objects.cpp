@@ -61,7 +61,7 @@ void Browse(const Settings &settings, pid_t pid, ObjectView object) {
                                                      : Follow(settings, pid, object, line);
             Print(ObjectText(object, TerminalStyle(settings)));
         } catch (const Failure &failure) {
-            Print(fmt::format("{}; {}\n", Printable(failure.what()), failure.hint));
+            Print(FailureText(failure) + "\n");
         }
     }
 }

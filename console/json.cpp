@@ -166,7 +166,8 @@ Json ToJson(const std::vector<JvmEntry> &jvms) {
 }
 
 std::string JsonText(const Json &document, bool one_line) {
-    return document.dump(one_line ? -1 : 2, ' ', false, Json::error_handler_t::replace);
+    constexpr bool ASCII_ALONE = true; // characters beyond it may steer a terminal
+    return document.dump(one_line ? -1 : 2, ' ', ASCII_ALONE, Json::error_handler_t::replace);
 }
 
 } // namespace qorctl

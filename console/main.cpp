@@ -1,6 +1,6 @@
 // qorctl: the console. Command line to commands, failures to exit codes.
 #include "commands.h"
-#include "failure.h"
+#include "terminal.h"
 
 #include <CLI/CLI.hpp>
 #include <climits>
@@ -303,10 +303,10 @@ int main(int argc, char **argv) {
     try {
         return Run(argc, argv);
     } catch (const Failure &failure) {
-        fprintf(stderr, "qorctl: %s; %s\n", failure.what(), failure.hint.c_str());
+        fprintf(stderr, "qorctl: %s\n", FailureText(failure).c_str());
         return failure.code;
     } catch (const std::exception &error) {
-        fprintf(stderr, "qorctl: %s\n", error.what());
+        fprintf(stderr, "qorctl: %s\n", Printable(error.what()).c_str());
         return EXIT_NO_ANSWER;
     }
 }

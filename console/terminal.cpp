@@ -98,6 +98,10 @@ std::string Printable(std::string_view text) {
     return out;
 }
 
+std::string FailureText(const Failure &failure) {
+    return Printable(fmt::format("{}; {}", failure.what(), failure.hint));
+}
+
 std::string FitLine(const std::string &text, const Style &style) {
     return style.width == 0 ? text : Fit(text, style.width);
 }

@@ -1,6 +1,8 @@
 // Text for a terminal: what may be printed, how wide it is, colours, and tables of columns.
 #pragma once
 
+#include "failure.h"
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +22,9 @@ std::string Coloured(const std::string &text, const char *code, const Style &sty
 
 // Text that is safe to print: control characters become "\xNN", bytes that aren't UTF-8 as well.
 std::string Printable(std::string_view text);
+
+// A failure as the user sees it; what it quotes of the other side is made printable.
+std::string FailureText(const Failure &failure);
 
 // Columns that printable text takes on a terminal.
 size_t DisplayWidth(std::string_view text);

@@ -9,6 +9,7 @@
 #include "proof.h"
 #include "render.h"
 #include "request.h"
+#include "terminal.h"
 #include "wire.h"
 
 #include <arpa/inet.h>
@@ -486,6 +487,14 @@ TEST(Render, TableIsAlignedAndCut) {
 TEST(Render, ControlCharactersBecomeVisible) {
     EXPECT_EQ(Printable("a\x1b[31m\xc2\x9b\xe2\x80\xae\xff\xed\xa0\x80"),
               "a\\x1b[31m\\xc2\\x9b\\xe2\\x80\\xae\\xff\\xed\\xa0\\x80");
+    try {
+        CheckLoadReply("0\n\x1b]0;t\x07\n", "/x.jar");
+        ADD_FAILURE() << "taken for an answer";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(FailureText(failure).find_first_of("\x1b\x07"), std::string::npos) << failure.what();
+    }
+    EXPECT_EQ(FailureText(Failure("a\x1b[2J", "b\xc2\x9b")), "a\\x1b[2J; b\\xc2\\x9b");
+    EXPECT_EQ(JsonText("\x1b\x7f\xc2\x9b\xe2\x80\xae", true), "\"\\u001b\\u007f\\u009b\\u202e\"");
     EXPECT_EQ(VisibleReply(Wire("a~b;c!d\xc2\x9b")), "a<29>b<30>\nc<31>\nd\\xc2\\x9b\n");
 }
 
