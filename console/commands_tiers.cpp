@@ -14,20 +14,23 @@ namespace qorctl {
 
 namespace {
 
-void ShowPortHolder(const Settings &settings, pid_t pid, int port) {
-    std::string reply = AskOnce(settings, pid, PortHolderRequest(port));
+ThreadSample AskForCalls(const Settings &settings, pid_t pid, bool repeated) {
+    ThreadQuestion question;
+    question.all = true; // idle rules hide no connection
+    question.repeated = repeated;
+    return DecodeThreads(OpenReply(AskOnce(settings, pid, ThreadsRequest(question))));
+}
+
+void ShowPortHolder(const Settings &settings, pid_t pid, unsigned port) {
+    std::optional<PortHolder> holder = FindPortHolder(AskForCalls(settings, pid, false), port);
+    if (!holder)
+        holder = DecodePortHolder(OpenReply(AskOnce(settings, pid, PortHolderRequest(port))));
     NoteLeftOutWalk(settings, pid);
-    std::optional<PortHolder> holder = DecodePortHolder(OpenReply(reply));
     if (!holder)
         throw Failure(fmt::format("the agent has seen no connection with client port {}", port),
                       "it knows the last 100 connections that a thread was in a call on when it looked; ask "
                       "again while one is");
-    Json json = {
-        {"client_port", port},
-        {"thread", {{"name", holder->name}, {"id", holder->key.thread}, {"key", holder->key.Text()}}}};
-    PrintView(settings, 0, json,
-              fmt::format("client port {} is that of \"{}\" #{}\n", port, Printable(holder->name),
-                          holder->key.thread));
+    PrintView(settings, 0, PortHolderJson(*holder, port), PortHolderText(*holder, port));
 }
 
 // The agent compares IPv4 addresses as the kernel's tables have them.
@@ -53,15 +56,11 @@ std::vector<int64_t> WithoutSession(const std::vector<int64_t> &processes,
 
 void RunConnections(const Settings &settings, pid_t pid, int port, double watch) {
     if (port != 0) {
-        ShowPortHolder(settings, pid, port);
+        ShowPortHolder(settings, pid, static_cast<unsigned>(port));
         return;
     }
-    ThreadQuestion question;
-    question.all = true; // idle rules hide no connection
-    question.repeated = watch > 0;
     Repeat(watch, [&] {
-        std::string reply = AskOnce(settings, pid, ThreadsRequest(question));
-        ThreadSample sample = DecodeThreads(OpenReply(reply));
+        ThreadSample sample = AskForCalls(settings, pid, watch > 0);
         std::vector<DbConnection> connections = FindConnections(sample);
         std::string text = connections.empty() ? "No thread is in a database call that the agent can read.\n"
                                                : ConnectionTable(connections, TerminalStyle(settings));

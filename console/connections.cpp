@@ -4,6 +4,7 @@
 #include "protocol.h"
 #include "records.h"
 #include "render.h"
+#include "render_tiers.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -51,9 +52,7 @@ std::string ConnectionTable(const std::vector<DbConnection> &connections, const 
     Table table({{"CLIENT PORT", true}, {"SERVER"}, {"USER"}, {"URL"}, {"THREADS"}, {"SQL"}});
     for (const DbConnection &connection : connections) {
         const DbWait &call = connection.call;
-        std::string server = call.remote_host ? *call.remote_host : "-";
-        if (call.remote_port)
-            server += fmt::format(":{}", call.remote_port);
+        std::string server = AddressText(call.remote_host.value_or("-"), call.remote_port);
         table.Add({PortText(call.local_port), server, call.user.value_or("-"), call.url.value_or("-"),
                    ThreadNames(connection), call.sql.value_or("")});
     }
@@ -77,6 +76,24 @@ Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadS
     return {{"connections", array},
             {"jvm_microseconds", sample.jvm_microseconds ? Json(*sample.jvm_microseconds) : Json()},
             {"cut", sample.cut}};
+}
+
+std::optional<PortHolder> FindPortHolder(const ThreadSample &sample, unsigned port) {
+    for (const Thread &thread : sample.threads)
+        if (thread.db && thread.db->local_port == port)
+            return PortHolder{thread.name, thread.key, true};
+    return std::nullopt;
+}
+
+std::string PortHolderText(const PortHolder &holder, unsigned port) {
+    return fmt::format("client port {} {} \"{}\" #{}\n", port, holder.now ? "is that of" : "was last seen at",
+                       Printable(holder.name), holder.key.thread);
+}
+
+Json PortHolderJson(const PortHolder &holder, unsigned port) {
+    return {{"client_port", port},
+            {"now", holder.now},
+            {"thread", {{"name", holder.name}, {"id", holder.key.thread}, {"key", holder.key.Text()}}}};
 }
 
 // A thread's name may hold bars, its key can't.

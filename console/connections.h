@@ -26,12 +26,22 @@ std::vector<DbConnection> FindConnections(const ThreadSample &sample);
 std::string ConnectionTable(const std::vector<DbConnection> &connections, const Style &style);
 Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadSample &sample);
 
-// The thread that has a client port: name and key. Nothing when the agent hasn't seen the port.
+// The thread of a client port.
 struct PortHolder {
     std::string name;
     ThreadKey key;
+    bool now =
+        false; // it is in a call on the connection; else it once was, and another may have it from the pool
 };
+
+// The thread of the sample that is in a call over the port.
+std::optional<PortHolder> FindPortHolder(const ThreadSample &sample, unsigned port);
+
+// The thread that the agent last saw in one. Nothing when it has seen none.
 std::optional<PortHolder> DecodePortHolder(const Reply &reply);
+
+std::string PortHolderText(const PortHolder &holder, unsigned port);
+Json PortHolderJson(const PortHolder &holder, unsigned port);
 
 // A process of a database server and the client port that it serves.
 struct DbSession {

@@ -28,12 +28,13 @@ private:
     std::string text_;
 };
 
-std::string Address(const std::optional<std::string> &host, int64_t port) {
-    std::string text = host.value_or("");
-    return port > 0 ? fmt::format("{}:{}", text, port) : text;
-}
-
 } // namespace
+
+std::string AddressText(const std::optional<std::string> &host, int64_t port) {
+    std::string text = host.value_or("");
+    bool v6 = text.find(':') != text.npos;
+    return port <= 0 ? text : fmt::format(v6 ? "[{}]:{}" : "{}:{}", text, port);
+}
 
 std::string RequestText(const Thread &thread) {
     Line line(" ");
@@ -46,7 +47,7 @@ std::string DatabaseText(const Thread &thread) {
     if (!thread.db)
         return "";
     Line line(" ");
-    std::string server = Address(thread.db->remote_host, thread.db->remote_port);
+    std::string server = AddressText(thread.db->remote_host, thread.db->remote_port);
     line.Add(server.empty() || !thread.db->user ? thread.db->user.value_or(server)
                                                 : fmt::format("{}@{}", *thread.db->user, server));
     if (thread.db->local_port)
@@ -67,7 +68,7 @@ std::string RemoteText(const Thread &thread) {
     if (thread.rmi) {
         line.Add(thread.rmi->jndi_name.value_or(""));
         if (thread.rmi->remote_host)
-            line.Add("at " + Address(thread.rmi->remote_host, thread.rmi->remote_port));
+            line.Add("at " + AddressText(thread.rmi->remote_host, thread.rmi->remote_port));
     }
     line.Add(thread.end_to_end.peer.value_or(""));
     return line.Text();

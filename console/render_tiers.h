@@ -3,9 +3,13 @@
 
 #include "decode.h"
 
+#include <optional>
 #include <string>
 
 namespace qorctl {
+
+// "host:port", an IPv6 host in brackets; without the port if that is 0.
+std::string AddressText(const std::optional<std::string> &host, int64_t port);
 
 std::string RequestText(const Thread &thread);
 

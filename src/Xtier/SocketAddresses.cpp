@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <climits>
-#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -17,6 +16,8 @@ union Address {
     sockaddr_in v4;
     sockaddr_in6 v6;
 };
+
+constexpr int IPV4_IN_IPV6 = 12; // where an IPv4 address is in an IPv6 one
 
 using AddressCall = int (*)(int, sockaddr *, socklen_t *);
 
@@ -44,12 +45,12 @@ void QorGetRemoteHost(const Address &peer, char *host, int32_t size) {
     host[0] = 0;
     if (peer.any.ss_family == AF_INET)
         inet_ntop(AF_INET, &peer.v4.sin_addr, text, sizeof text);
+    else if (peer.any.ss_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&peer.v6.sin6_addr))
+        inet_ntop(AF_INET, &peer.v6.sin6_addr.s6_addr[IPV4_IN_IPV6], text, sizeof text);
     else if (peer.any.ss_family == AF_INET6)
         inet_ntop(AF_INET6, &peer.v6.sin6_addr, text, sizeof text);
-    const char *colon = strrchr(text, ':');
-    const char *shown = colon ? colon + 1 : text;
-    if (*shown)
-        QorStrncpy(host, shown, size, size);
+    if (*text)
+        QorStrncpy(host, text, size, size);
 }
 
 } // namespace

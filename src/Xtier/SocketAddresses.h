@@ -4,6 +4,6 @@
 #include <cstdint>
 
 // Ports in host order, 0 for an end that has none or when `fd` is no socket; the peer's address as text (""
-// without a peer), of an IPv6 address the part behind its last colon.
+// without a peer), that of IPv4 in an IPv6 socket as IPv4.
 void QorGetSocketAddresses(int64_t fd, uint32_t *localPort, uint32_t *remotePort, char *host,
                            int32_t hostSize);

@@ -95,7 +95,7 @@ class Tiers(OfTheDemo):
         self.assertRegex(self.answer("connections", self.app.pid).out, rf'(?m)^ *{self.database["local_port"]}  127\.')
         port = self.database["local_port"]
         holder = self.answer("connections", self.app.pid, "--port", port, "--json").json()
-        self.assertEqual((holder["client_port"], holder["thread"]), (int(port), {
+        self.assertEqual((holder["client_port"], holder["now"], holder["thread"]), (int(port), True, {
             key: rows[0]["threads"][0][key] for key in ("name", "id", "key")}))
         self.refused("no connection with client port 1", "connections", self.app.pid, "--port", 1)
         self.assertTrue(self.threads(self.app))  # the look-up leaves nothing behind that a sample could find

@@ -60,7 +60,7 @@ TEST(SocketAddresses, TellBothEndsOfEveryFamily) {
     } cases[] = {
         {AF_INET, "127.0.0.1", "127.0.0.1"},
         {AF_INET6, "::ffff:127.0.0.1", "127.0.0.1"}, // as Java connects to an IPv4 address
-        {AF_INET6, "::1", "1"},
+        {AF_INET6, "::1", "::1"},
     };
     for (const auto &c : cases) {
         Connection connection(c.family, c.address);

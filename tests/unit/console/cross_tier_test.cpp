@@ -6,6 +6,7 @@
 #include "json.h"
 #include "protocol.h"
 #include "render.h"
+#include "render_tiers.h"
 #include "request.h"
 #include "wire.h"
 
@@ -176,6 +177,7 @@ TEST(TakeTiers, CallsGoWithTheState) {
 
 TEST(Connections, OneRowForASocket) {
     const std::string empty = "DB Wait{10}^~^~0~0~^~0~0~^~^~^";
+    EXPECT_EQ(AddressText("::1", 1521), "[::1]:1521");
     const std::string no_socket = "DB Wait{10}jdbc:y~sa~0~0~^~0~0~^~^~^";
     ThreadSample sample = Threads(Row("1", DB_BLOCK) + Row("2", empty) + Row("3", no_socket) +
                                   Row("4", DB_BLOCK) + Row("5", no_socket) + Row("6", "Runnable"));
@@ -199,6 +201,12 @@ TEST(Connections, HolderOfAPort) {
     ASSERT_TRUE(holder);
     EXPECT_EQ(holder->name, "pool|1");
     EXPECT_EQ(holder->key.Text(), "77-23");
+    EXPECT_EQ(PortHolderText(*holder, 40001), "client port 40001 was last seen at \"pool|1\" #23\n");
+    ThreadSample sample = Threads(Row("1", "Runnable") + Row("4", DB_BLOCK));
+    EXPECT_FALSE(FindPortHolder(sample, 40002));
+    ASSERT_TRUE(FindPortHolder(sample, 40001));
+    EXPECT_EQ(PortHolderText(*FindPortHolder(sample, 40001), 40001),
+              "client port 40001 is that of \"t4\" #4\n");
     EXPECT_FALSE(DecodePortHolder(OpenReply("Client Port not found on JVM")));
     for (const char *wrong : {"", "pool", "pool|77"})
         EXPECT_THROW(DecodePortHolder(OpenReply(wrong)), Failure) << wrong;
