@@ -4,6 +4,7 @@
 #include "failure.h"
 #include "proof.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace qorctl {
@@ -68,7 +69,7 @@ std::optional<Connection> ConnectToRunning(const Settings &settings, const Proce
 
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process) {
     std::string jar = FindJar(settings.jar);
-    LoadAgent(process, jar, settings.options, LOAD_LIMIT);
+    LoadAgent(process, jar, settings.options, std::min(LOAD_LIMIT, Seconds(settings.timeout)));
     if (SwitchesRelayOff(settings.options))
         return std::nullopt;
     if (std::optional<Connection> connection = ConnectToRunning(settings, process, true))

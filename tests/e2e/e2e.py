@@ -289,6 +289,30 @@ class Refusals(Case):
             os.kill(app.pid, signal.SIGCONT)
             self.answer("attach", app.pid)
 
+    def test_a_jvm_that_takes_nobody_in(self):
+        """Its attach socket's queue is full; a process that is no JVM but looks like one."""
+        code = ("import mmap, os, signal, socket, sys\n"
+                "signal.signal(signal.SIGQUIT, lambda *_: None)\n"
+                "library = mmap.mmap(os.open(sys.argv[1], os.O_RDWR), 0)\n"
+                "path = f'/tmp/.java_pid{os.getpid()}'\n"
+                "door, caller = socket.socket(socket.AF_UNIX), socket.socket(socket.AF_UNIX)\n"
+                "door.bind(path)\n"
+                "door.listen(0)\n"
+                "caller.connect(path)\n"
+                "print('ready', flush=True)\n"
+                "sys.stdin.read()\n"
+                "os.unlink(path)\n")
+        with tempfile.TemporaryDirectory() as place:
+            with open(f"{place}/libjvm.so", "wb") as library:
+                library.write(bytes(4096))
+            with subprocess.Popen([sys.executable, "-c", code, library.name], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE) as process:
+                self.assertEqual(process.stdout.readline(), b"ready\n")
+                self.refused("doesn't answer to attaching", "attach", process.pid, "--timeout", 1, "--jar",
+                             SETTINGS.root + SETTINGS.jar)
+                process.stdin.close()
+                process.wait(LIMIT)
+
     def test_jars_and_options(self):
         with Application() as app, tempfile.NamedTemporaryFile(suffix=".jar", dir=SETTINGS.root + "/tmp") as broken:
             os.chmod(broken.name, 0o644)
@@ -329,6 +353,14 @@ class Users(Case):
 
     STRANGER, USER = 65533, 64321
 
+    def setUp(self):
+        self.addCleanup(shutil.rmtree, f"{SETTINGS.root}/tmp/qoragent-{self.USER}", True)
+
+    @staticmethod
+    def empty(path):
+        with open(path, "x", encoding="ascii"):
+            pass
+
     def lay(self, name, make):
         """Puts something of a stranger's into /tmp."""
         path = f"{SETTINGS.root}/tmp/{name}"
@@ -342,10 +374,7 @@ class Users(Case):
         def full(path):
             os.makedirs(path + "/full")
 
-        def empty(path):
-            open(path, "x", encoding="ascii").close()
-
-        for make in (empty, os.mkdir, full):
+        for make in (self.empty, os.mkdir, full):
             with self.subTest(make=make.__name__), Application(user=self.USER) as app:
                 trigger, door = self.lay(f".attach_pid{app.pid}", make), self.lay(f".java_pid{app.pid}", make)
                 self.refused("belongs to another user", "threads", app.pid, user=self.USER)
@@ -361,6 +390,14 @@ class Users(Case):
                 self.assertEqual(leftovers(app.pid) + glob.glob(f"{trap}-*"), [])
                 self.assertEqual(app.end(), 0)
             self.doCleanups()
+
+    def test_a_directory_of_ones_own_needs_no_root(self):
+        with tempfile.TemporaryDirectory(dir=SETTINGS.root + "/tmp") as own:
+            os.chown(own, self.USER, self.USER)
+            with Application(user=self.USER, cwd=own[len(SETTINGS.root):]) as app:
+                self.lay(f".attach_pid{app.pid}", self.empty)
+                self.answer("attach", app.pid, user=self.USER)
+                self.assertEqual(os.listdir(own), [])
 
     def test_nobody_is_sent_away(self):
         with Application() as app:

@@ -43,9 +43,11 @@ def process_state(pid):
 class Application:
     """The demo application, ready and in a JVM of its own."""
 
-    def __init__(self, *flags, user=None):
+    def __init__(self, *flags, user=None, cwd=None):
         self.log = tempfile.NamedTemporaryFile(prefix="qor-e2e-", suffix=".log")
         command = [f"{SETTINGS.jdk}/bin/java", *flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", "170"]
+        if cwd is not None:
+            command = ["env", "-C", cwd, *command]
         if user is not None:
             command = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", *command]
         self.process = subprocess.Popen(in_root(command), stdin=subprocess.PIPE, stdout=self.log,
