@@ -2,6 +2,7 @@
 
 #include "ClassRecords.h"
 #include "ObjectTags.h"
+#include "jvmti/ClassMirrors.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/TagEnvironment.h"
@@ -60,8 +61,10 @@ int32_t Walk(QorHeapSummary *summary) {
     callbacks.heap_reference_callback = cbQorShowHeapReference;
     callbacks.array_primitive_value_callback = cbQorShowHeapPrimArrayData;
     callbacks.primitive_field_callback = cbQorShowHeapPrimFieldData;
+    jobject held = QorHoldMirrorFields(gbDumpEnv);
     const jvmtiError error = gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, summary);
     QorClearException(jvmtijni_env);
+    QorDeleteLocalRef(jvmtijni_env, held);
     if (error == JVMTI_ERROR_NONE)
         return 0;
     QORLOG(LOG_ERROR, "QorShowHeap followreferences failed %d", error);
