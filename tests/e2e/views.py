@@ -201,6 +201,6 @@ class Memory(OfTheDemo):
         rows = self.answer("histogram", self.app.pid, "--top", 5, "--json").json()["classes"]
         self.assertEqual(len(rows), 5)
         text = self.answer("histogram", self.app.pid, "--top", 3).out
-        self.assertEqual(len(text.splitlines()), 6, text)
+        self.assertEqual(len(text.splitlines()), 7, text)
         self.refused("top", "histogram", self.app.pid, "--top", 0, code=2)
         self.assertEqual(len(self.watch("histogram", self.app.pid)), 3)
