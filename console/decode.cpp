@@ -145,6 +145,14 @@ bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
     return true;
 }
 
+bool ReadParked(std::string_view record, OwnedLock *blocker) {
+    Fields field = Split(record, FIELD_SEP);
+    if (field.size() != 2 || !ReadNumber(field[0], &blocker->lock))
+        return false;
+    blocker->class_name = LockClass(field[1], blocker->lock);
+    return true;
+}
+
 bool ReadCallType(std::string_view text, Frame *frame) {
     frame->user = text == USER_CALL;
     return text == USER_CALL || text == SYSTEM_CALL;
@@ -303,6 +311,10 @@ ThreadSample DecodeThreads(const Reply &reply) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<OwnedLock>(section, ReadOwnedLock,
                                    [&](OwnedLock &&o) { thread.owns.push_back(std::move(o)); });
+        } else if (section.title == TITLE_PARKED) {
+            Thread &thread = CurrentThread(&sample, section);
+            reader.Each<OwnedLock>(section, ReadParked,
+                                   [&](OwnedLock &&o) { thread.parked_on = std::move(o); });
         } else {
             reader.Unknown(section);
         }
@@ -331,6 +343,10 @@ ThreadSample DecodeStack(const Reply &reply) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<OwnedLock>(section, ReadOwnedLock,
                                    [&](OwnedLock &&o) { thread.owns.push_back(std::move(o)); });
+        } else if (section.title == TITLE_PARKED) {
+            Thread &thread = CurrentThread(&sample, section);
+            reader.Each<OwnedLock>(section, ReadParked,
+                                   [&](OwnedLock &&o) { thread.parked_on = std::move(o); });
         } else {
             reader.Unknown(section);
         }

@@ -106,6 +106,7 @@ struct Thread {
     std::vector<Frame> stack; // only with details
     bool stack_cut = false;   // the agent had no room for its bottom
     std::optional<LockWait> waits_for;
+    std::optional<OwnedLock> parked_on; // what no thread owns, such as a latch
     std::vector<OwnedLock> owns;
 };
 

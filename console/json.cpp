@@ -109,6 +109,9 @@ Json ToJson(const Thread &thread) {
     object["stack"] = Array(thread.stack, StackRow);
     object["stack_cut"] = thread.stack_cut;
     object["waits_for"] = thread.waits_for ? ToJson(*thread.waits_for) : Json();
+    object["parked_on"] =
+        thread.parked_on ? Json{{"lock", thread.parked_on->lock}, {"class", thread.parked_on->class_name}}
+                         : Json();
     object["owns"] = Array(thread.owns, [](const OwnedLock &lock) { return ToJson(lock); });
     return object;
 }

@@ -1,6 +1,7 @@
 #include "locks.h"
 
 #include "failure.h"
+#include "protocol.h"
 #include "render.h"
 
 #include <algorithm>
@@ -30,23 +31,42 @@ std::string NameAndId(const Thread &thread) {
     return fmt::format("{} #{}", thread.name, thread.key.thread);
 }
 
-std::string HolderCell(const ThreadSample &sample, const Thread &waiter) {
-    if (const Thread *holder = HolderOf(sample, waiter))
-        return NameAndId(*holder);
-    int64_t owner = waiter.waits_for->owner.thread;
-    return owner > 0 ? fmt::format("#{}", owner) : "-";
-}
-
 std::string QuotedName(const Thread &thread, const Style &style) {
     return Coloured(fmt::format("\"{}\" #{}", Printable(thread.name), thread.key.thread), BOLD, style);
 }
 
-// Where lock data comes by JVMTI, a sample doesn't name the owner; the owner's own row does.
+// Where management isn't there, a sample doesn't name the owner; the owner's own row does.
 bool Owns(const Thread &thread, const LockWait &wait) {
     for (const OwnedLock &owned : thread.owns)
         if (owned.lock == wait.lock && owned.class_name == wait.class_name)
             return true;
     return false;
+}
+
+// Whether the thread runs a virtual one, whose frames and locks it doesn't show.
+bool IsCarrier(const Thread &thread) {
+    return std::any_of(thread.stack.begin(), thread.stack.end(),
+                       [](const Frame &frame) { return frame.class_name == "java.lang.VirtualThread"; });
+}
+
+// Virtual threads are in no sample: the owner of a monitor is then nobody's id, or that of the carrier.
+bool HeldByVirtualThread(const ThreadSample &sample, const Thread &waiter) {
+    const LockWait &wait = *waiter.waits_for;
+    if (wait.owner.thread <= 0)
+        return false;
+    const Thread *holder = HolderOf(sample, waiter);
+    if (!holder)
+        return !sample.cut && sample.threads.size() < static_cast<size_t>(MAX_THREADS_SAMPLED);
+    return waiter.state == "Lock" && IsCarrier(*holder) && !Owns(*holder, wait);
+}
+
+std::string HolderCell(const ThreadSample &sample, const Thread &waiter) {
+    if (HeldByVirtualThread(sample, waiter))
+        return "held by a virtual thread";
+    if (const Thread *holder = HolderOf(sample, waiter))
+        return NameAndId(*holder);
+    int64_t owner = waiter.waits_for->owner.thread;
+    return owner > 0 ? fmt::format("#{}", owner) : OWNER_UNKNOWN;
 }
 
 } // namespace

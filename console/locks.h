@@ -7,6 +7,8 @@
 
 namespace qorctl {
 
+constexpr char OWNER_UNKNOWN[] = "owner unknown";
+
 // The thread of this name, or else the one whose name alone holds the text, in any case. Throws a Failure
 // that names the candidates when there are several, or none.
 const Thread &FindByName(const ThreadSample &sample, const std::string &text);

@@ -29,6 +29,7 @@ constexpr std::string_view TITLE_ACTIVE_THREADS = "JVM Active Threads";
 constexpr std::string_view TITLE_THREAD_DETAILS = "Thread Info Details";
 constexpr std::string_view TITLE_CALL_STACK = "Call Stack";
 constexpr std::string_view TITLE_LOCK_WAIT = "Lock On";
+constexpr std::string_view TITLE_PARKED = "Parked On";
 constexpr std::string_view TITLE_OWNED_LOCKS = "JVM Locks";
 constexpr std::string_view TITLE_LOCK_HOLDER = "Thread Holding Lock";
 constexpr std::string_view TITLE_HEAP = "JVM Heap Usage";

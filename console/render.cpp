@@ -1,5 +1,6 @@
 #include "render.h"
 
+#include "locks.h"
 #include "protocol.h"
 #include "render_memory.h"
 #include "render_tiers.h"
@@ -21,6 +22,8 @@ constexpr StateColour STATE_COLOURS[] = {
     {"DB Wait", "\x1b[33m"},  {"RMI Wait", "\x1b[33m"}, {"Object Wait", "\x1b[2m"},   {"Sleeping", "\x1b[2m"},
 };
 
+constexpr char PARKING[] = "- parking to wait for ";
+
 std::string LockText(int64_t lock, const std::string &class_name) {
     return fmt::format("<{}> (a {})", lock, class_name);
 }
@@ -28,12 +31,10 @@ std::string LockText(int64_t lock, const std::string &class_name) {
 std::string WaitText(const Thread &thread, const std::map<int64_t, std::string> &names) {
     const LockWait &wait = *thread.waits_for;
     bool parked = !thread.stack.empty() && thread.stack[0].method == "park";
-    const char *how = thread.state == "Lock" ? "waiting to lock"
-                      : parked               ? "parking to wait for"
-                                             : "waiting on";
-    std::string text = fmt::format("- {} {}", how, LockText(wait.lock, wait.class_name));
+    const char *how = thread.state == "Lock" ? "- waiting to lock " : parked ? PARKING : "- waiting on ";
+    std::string text = how + LockText(wait.lock, wait.class_name);
     if (wait.owner.thread <= 0)
-        return text;
+        return thread.state == "Lock" ? text + ", " + OWNER_UNKNOWN : text;
     text += fmt::format(", held by thread #{}", wait.owner.thread);
     auto name = names.find(wait.owner.thread);
     return name == names.end() ? text : fmt::format("{} \"{}\"", text, name->second);
@@ -56,6 +57,8 @@ public:
             }
             if (first && thread_.waits_for)
                 Row(WaitText(thread_, names), StateColourOf("Lock"));
+            else if (first && thread_.parked_on)
+                Row(PARKING + LockText(thread_.parked_on->lock, thread_.parked_on->class_name), DIM);
             first = false;
             if (frame.skipped == 0 && !frame.framework)
                 Locks(frame.index, frame.index, false);

@@ -155,3 +155,10 @@ int32_t QorAppendOwnedLockRecord(QorText *out, const QorMonitorRecord *lock) {
                  lock->description, FIELD_SEP, lock->stackDepth, RECORD_END);
     return QorTextAppend(out, record, length);
 }
+
+void QorAppendParkedRecord(QorText *out, const QorMonitorRecord *blocker) {
+    char record[NAME_SIZE + 256];
+    const int32_t length = snprintf(record, sizeof record, "%s%c%d%c%s", TITLE_PARKED, RECORD_END,
+                                    Wire32(blocker->lockId), FIELD_SEP, blocker->description);
+    QorTextAppend(out, record, length);
+}

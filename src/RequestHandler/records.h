@@ -18,6 +18,7 @@ constexpr char TITLE_MEMORY_ACTIVITY[] = "JVM Memory Activity";
 constexpr char TITLE_THREAD_DETAILS[] = "Thread Info Details";
 constexpr char TITLE_CALL_STACK[] = "Call Stack";
 constexpr char TITLE_LOCKS[] = "JVM Locks";
+constexpr char TITLE_PARKED[] = "Parked On";
 
 enum : int32_t {
     TITLE_SIZE = 128,
@@ -68,3 +69,6 @@ void QorAppendLockWaitRecord(QorText *out, const QorMonitorRecord *lock, int32_t
 
 // A lock that a thread holds, with its RECORD_END. 1, or -1 when it didn't fit: then nothing of it stands.
 int32_t QorAppendOwnedLockRecord(QorText *out, const QorMonitorRecord *lock);
+
+// What a thread is parked by that no thread owns, title included, nothing at the end.
+void QorAppendParkedRecord(QorText *out, const QorMonitorRecord *blocker);

@@ -114,6 +114,11 @@ void AppendSections(QorSample *sample, const QorThreadWalk &walk, QorXtierPositi
         QorTextAppendChar(out, RECORD_END);
         QorTextAppend(out, locks.owned.text, locks.owned.length);
     }
+    QorMonitorRecord blocker = {};
+    if (locks.wait.length == 0 && QorGetParkedOn(&sample->handle, &blocker) == 1) {
+        QorTextAppendChar(out, SECTION_END);
+        QorAppendParkedRecord(out, &blocker);
+    }
 }
 
 } // namespace

@@ -153,14 +153,16 @@ void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, StackTexts *tex
         GetThreadEnhancedState(nullptr, thread);
 }
 
-void AppendContendedLock(QorText *reply, QorThreadHandle *handle, const QorThreadRecord &thread,
+// Whether there is one.
+bool AppendContendedLock(QorText *reply, QorThreadHandle *handle, const QorThreadRecord &thread,
                          int32_t processId) {
     QorMonitorRecord lock = {};
     if (QorGetContendedMonitorInfo(handle, &thread, MONITORS_OF_ONE_THREAD, &lock, 1) != 1 ||
         lock.waiting != 1)
-        return;
+        return false;
     QorAppendLockWaitRecord(reply, &lock, processId);
     QorTextAppendChar(reply, SECTION_END);
+    return true;
 }
 
 // The head of the thread in front of its frames' data: title, name and the column behind it.
@@ -222,7 +224,7 @@ void AppendOwnedLocks(QorText *reply, QorThreadHandle *handle, const QorThreadRe
 
 void AppendThread(uint32_t reqid, QorText *reply, QorThreadHandle *handle, QorThreadRecord *thread,
                   int32_t processId) {
-    AppendContendedLock(reply, handle, *thread, processId);
+    const bool waits = AppendContendedLock(reply, handle, *thread, processId);
     AppendHead(reply, reqid, *thread);
     QorFrameHandle frames;
     if (QorGetFrames(handle, &frames) < 0)
@@ -244,6 +246,11 @@ void AppendThread(uint32_t reqid, QorText *reply, QorThreadHandle *handle, QorTh
     QorTextAppend(reply, texts.rows.text, texts.rows.length);
     QorTextAppendChar(reply, SECTION_END);
     AppendOwnedLocks(reply, handle, *thread);
+    QorMonitorRecord blocker = {};
+    if (waits || QorGetParkedOn(handle, &blocker) != 1)
+        return;
+    QorAppendParkedRecord(reply, &blocker);
+    QorTextAppendChar(reply, SECTION_END);
 }
 
 } // namespace

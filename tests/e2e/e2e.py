@@ -88,6 +88,8 @@ class Sample(OfTheDemo):
         if owners:
             self.assertIsNotNone(wait)
             self.assertEqual((wait["class"], wait["owner"]), (truth.wanted.class_name, owners[0]))
+        elif thread["name"] not in self.MOVING:
+            self.assertEqual(thread["parked_on"]["class"], truth.wanted.class_name)
 
     def compare_state(self, thread, truth):
         fitting = {

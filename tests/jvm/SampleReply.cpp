@@ -121,6 +121,10 @@ bool TakeSection(const std::string &section, bool stacks, SampleReply *reply) {
         return TakeStack(section, thread);
     if (StartsWith(section, "Lock On"))
         return TakeWanted(section, thread);
+    if (StartsWith(section, TITLE_PARKED)) {
+        thread->parkedOn = section.substr(sizeof TITLE_PARKED);
+        return true;
+    }
     return StartsWith(section, TITLE_LOCKS) && TakeOwned(section, thread);
 }
 

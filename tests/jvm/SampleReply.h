@@ -30,7 +30,8 @@ struct SampleThread {
     std::vector<std::string> detail4;  // behind "RMI Wait"
     std::vector<SampleFrame> frames;   // a framework's row has the numbers -1
     std::vector<SampleLock> wanted, owned;
-    int64_t id() const; // the thread's part of the key
+    std::string parkedOn; // "id class@id"
+    int64_t id() const;   // the thread's part of the key
 };
 
 struct SampleReply {

@@ -6,6 +6,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -79,6 +80,28 @@ TEST_F(Views, StackHasEveryFrameAndTheLocks) {
     EXPECT_EQ("0", lock.at(0)); // management knows no hash of an owned lock, and this view shows the hash
     EXPECT_EQ(truth.owned[0].className + "@" + std::to_string(truth.owned[0].hash), lock.at(2));
     EXPECT_EQ(std::to_string(truth.owned[0].depth), lock.at(3));
+}
+
+// What no thread owns: shown by both views with stacks, as the JVM names it.
+TEST_F(Views, AThreadShowsWhatItIsParkedBy) {
+    ZooVisit zoo("latch,lock-holder,lock-waiter,park");
+    const TrueThread truth = ThreadTruth().at(IdOf("latch"));
+    ASSERT_EQ(1u, truth.wanted.size());
+    const std::string hash = std::to_string(truth.wanted[0].hash),
+                      record = hash + FIELD_SEP + truth.wanted[0].className + "@" + hash;
+    poll_details = FLAG_POLL_DETAILS;
+    const SampleReply all = SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, "JVMALLTHREADS"), true, true);
+    poll_details = 0;
+    EXPECT_EQ("", all.error);
+    for (const char *kind : {"latch", "lock-holder", "lock-waiter", "park"}) {
+        const bool shown =
+            strcmp(kind, "latch") == 0; // the waiter has an owner's record, the others no blocker
+        ASSERT_NE(nullptr, all.Find("zoo-" + std::string(kind)));
+        EXPECT_EQ(shown ? record : "", all.Find("zoo-" + std::string(kind))->parkedOn) << kind;
+        const std::vector<std::string> sections =
+            Split(Ask(QORREQ_THREAD_DETAILS, "", Key(IdOf(kind))), SECTION_END);
+        EXPECT_EQ(shown, sections[sections.size() - 2] == "Parked On\x1e" + record) << kind;
+    }
 }
 
 TEST_F(Views, StackOfNobodyIsEmptyAndADeepOneIsWhole) {

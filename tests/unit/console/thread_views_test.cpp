@@ -50,6 +50,11 @@ TEST(DecodeStack, WholeReply) {
     EXPECT_EQ(thread.owns[1].lock, 7);
     EXPECT_EQ(thread.owns[1].class_name, "a.Odd@name");
     EXPECT_NE(StackNotes(sample).find("2 frames, 321 us"), std::string::npos);
+
+    ThreadSample parked = Stack(HEAD + ROWS + "Parked On;8~a.Latch@8!" + TIMING);
+    EXPECT_EQ(ToJson(parked)["threads"][0]["parked_on"], Json({{"lock", 8}, {"class", "a.Latch"}}));
+    EXPECT_NE(ThreadDump(parked, Style()).find("\n\t- parking to wait for <8> (a a.Latch)\n"),
+              std::string::npos);
 }
 
 TEST(DecodeStack, OddThreads) {
@@ -161,8 +166,19 @@ TEST(Locks, DeadlocksAreFoundOnce) {
     EXPECT_EQ(json["waits"].size(), 6u);
     EXPECT_EQ(json["waits"][1]["holder"]["name"], "t2");
     EXPECT_EQ(json["deadlocks"][0], Json({1, 2, 3}));
-    ThreadSample known = Waiting({{1, 99}, {2, -1}});
-    EXPECT_NE(LocksText(known, Style()).find("#99\n"), std::string::npos); // held by one out of sight
+    // Held by one out of sight, by one that a carrier runs, by nobody knows whom, and by one that a cut reply
+    // lacks.
+    ThreadSample known = Waiting({{1, 99}, {2, 3}, {3, 0}, {4, -1}});
+    known.threads[2].stack.push_back({"java.lang.VirtualThread", "runContinuation", "", 0});
+    known.threads[3].waits_for->owner.thread = 0;
+    text = LocksText(known, Style());
+    EXPECT_NE(text.find("held by a virtual thread"), text.rfind("held by a virtual thread")) << text;
+    EXPECT_NE(text.find("owner unknown"), std::string::npos) << text;
+    known.threads[2].owns = {{30, "a.Lock", 1}};
+    known.cut = true;
+    text = LocksText(known, Style());
+    EXPECT_EQ(text.find("virtual"), std::string::npos) << text;
+    EXPECT_NE(text.find("#99\n"), std::string::npos) << text;
     EXPECT_EQ(LocksText(Waiting({{1, 0}}), Style()), "No thread waits for a lock.\n");
 }
 
