@@ -34,6 +34,8 @@ struct Entry {
     uint32_t met, asked; // numbers of walks
     int32_t count;
     HeldMonitor *held;
+    char *parked; // null: not known; "": by nothing
+    int64_t parkedId;
 };
 
 enum LookState : int8_t { UNSEEN, KNOWN, TO_ASK, ASKED };
@@ -136,6 +138,7 @@ Entry *AddEntry(int64_t tid, jthread thread) {
 void FreeEntry(Entry *entry) {
     jvmtijni_env->DeleteWeakGlobalRef(entry->thread);
     free(entry->held);
+    free(entry->parked);
     free(entry);
 }
 
@@ -254,6 +257,8 @@ void QorMemoStore(const QorThreadHandle *handle, int32_t index, const QorMonitor
     entry->asked = walkNumber;
     entry->stack = look->stack;
     entry->cpu = Fill(entry, records, count) && stood ? after : MOVED;
+    free(entry->parked);
+    entry->parked = nullptr;
 }
 
 int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out) {
@@ -275,6 +280,24 @@ int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out) {
     }
     *out = records;
     return entry->count;
+}
+
+int32_t QorMemoParked(int32_t index, QorMonitorRecord *record) {
+    const Entry *entry = walkOpen ? looks[index].entry : nullptr;
+    if (!entry || !entry->parked)
+        return -1;
+    record->lockId = entry->parkedId;
+    strcpy(record->description, entry->parked); // from a record's own
+    return entry->parked[0] ? 1 : 0;
+}
+
+// Read later than the clock: if the thread has run since, the entry doesn't fit its clock in the next walk.
+void QorMemoKeepParked(int32_t index, const QorMonitorRecord *record) {
+    Entry *entry = walkOpen ? looks[index].entry : nullptr;
+    if (!entry || entry->parked)
+        return;
+    entry->parked = strdup(record->description);
+    entry->parkedId = record->lockId;
 }
 
 bool QorMemoWasAsked(int32_t index) {

@@ -35,6 +35,11 @@ void QorMemoStore(const QorThreadHandle *handle, int32_t index, const QorMonitor
 // free, or 0 with *out as it was.
 int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out);
 
+// What the thread is parked by, which it changes itself as well: 1 with the record filled or 0 for nothing,
+// as kept by QorMemoKeepParked since the thread's clock last moved; -1 when that isn't known.
+int32_t QorMemoParked(int32_t index, QorMonitorRecord *record);
+void QorMemoKeepParked(int32_t index, const QorMonitorRecord *record);
+
 // Whether the thread's monitors came from the bean in this walk.
 bool QorMemoWasAsked(int32_t index);
 

@@ -64,6 +64,8 @@ struct Monitors : SessionTest {
                 continue;
             readOwned(&walk, scope, &owned[name]);
             readWanted(&walk, scope, &wanted[name]);
+            QorMonitorRecord blocker = {};
+            parkedBy[name] = QorGetParkedOn(&walk.handle, &blocker) == 1 ? blocker.description : "";
         }
         QorCloseMonitorSample();
     }
@@ -107,6 +109,10 @@ struct Monitors : SessionTest {
                 continue;
             EXPECT_EQ(owned[thread.name], trueOwned(thread)) << what << " " << thread.name;
             EXPECT_EQ(wanted[thread.name], trueWanted(thread)) << what << " " << thread.name;
+            if (thread.name == "zoo-swapper" || thread.name == "zoo-latch") {
+                ASSERT_EQ(thread.wanted.size(), 1u);
+                EXPECT_EQ(parkedBy[thread.name], numbered(thread.wanted[0].className, thread.wanted[0].hash));
+            }
             ownedSeen += static_cast<int32_t>(owned[thread.name].size());
             wantedSeen += static_cast<int32_t>(wanted[thread.name].size());
         }
@@ -117,6 +123,7 @@ struct Monitors : SessionTest {
     bool byJvmti = false;
     int32_t wantOwner = 0;
     std::map<std::string, Locks> owned, wanted; // by thread name
+    std::map<std::string, std::string> parkedBy;
 };
 
 // The clock that the memo of monitors sees, and how many threads the JVM is asked about.

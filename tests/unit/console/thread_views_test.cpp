@@ -169,7 +169,8 @@ TEST(Locks, DeadlocksAreFoundOnce) {
     // Held by one out of sight, by one that a carrier runs, by nobody knows whom, and by one that a cut reply
     // lacks.
     ThreadSample known = Waiting({{1, 99}, {2, 3}, {3, 0}, {4, -1}});
-    known.threads[2].stack.push_back({"java.lang.VirtualThread", "runContinuation", "", 0});
+    known.threads[2].stack.emplace_back();
+    known.threads[2].stack[0].class_name = "java.lang.VirtualThread";
     known.threads[3].waits_for->owner.thread = 0;
     text = LocksText(known, Style());
     EXPECT_NE(text.find("held by a virtual thread"), text.rfind("held by a virtual thread")) << text;

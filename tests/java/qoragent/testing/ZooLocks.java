@@ -126,7 +126,7 @@ final class ZooLocks {
             synchronized (monitors[mine]) {
                 held = mine;
                 while (wanted == mine && !released())
-                    LockSupport.park();
+                    LockSupport.park(monitors[mine]);
             }
         }
 
