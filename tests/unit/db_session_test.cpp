@@ -275,6 +275,7 @@ TEST_F(DbSession, PairsForkedServersWithTheirClients) {
 // A name server that doesn't answer costs its time-out once a minute, not at each request.
 TEST_F(DbSession, AFailedLookUpIsKept) {
     nameServiceDown = true;
+    lookUps = 0;
     for (int i = 0; i < 3; i++)
         Ask("1521|10.1.2.3|" + Pid());
     nameServiceDown = false;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <regex.h>
 #include <thread>
 #include <unistd.h>
@@ -93,9 +94,11 @@ TEST(Log, GoesToStderrWhenNothingIsOpen) {
 }
 
 TEST(Log, WritesEachLineInOnePiece) {
-    static std::vector<std::string> pieces; // written under the stream's lock
+    static std::vector<std::string> pieces;
+    static std::mutex piecesLock; // the stream's lock isn't one that ThreadSanitizer knows
     cookie_io_functions_t functions = {};
     functions.write = [](void *, const char *text, size_t size) {
+        const std::lock_guard<std::mutex> lock(piecesLock);
         pieces.emplace_back(text, size);
         return static_cast<ssize_t>(size);
     };

@@ -28,6 +28,46 @@ public class OptionsTest {
             100, Options.parse("osname=" + new String(new char[300]).replace('\0', 'x')).osName().length());
     }
 
+    /** What an operator gets who asks for nothing; docs/operations.md has the same table. */
+    @Test
+    public void defaultsAreSafe() {
+        String[][] rows = {
+            {"loglevel", "1"},
+            {"optlevel", "0"},
+            {"maxbackoff", "30"},
+            {"timeout", "60"},
+            {"sigchain", "0"},
+            {"webserver", ""},
+            {"logfile", "stderr"},
+            {"jvmid", ""},
+            {"lockinfo", "1"},
+            {"dbquery", "0"},
+            {"sqlsize", "4096"},
+            {"localquota", "1"},
+            {"handquota", "5"},
+            {"stackqueried", "1000"},
+            {"stackrecorded", "300"},
+            {"forkdump", "false"},
+            {"relay", "on"},
+            {"bind", "127.0.0.1"},
+            {"port", "0"},
+            {"vendor", System.getProperty("java.vendor")},
+            {"version", System.getProperty("java.version")},
+            {"osname", System.getProperty("os.name") + "-" + System.getProperty("os.version")},
+        };
+        StringBuilder names = new StringBuilder();
+        for (String[] row : rows) {
+            assertEquals(row[0], row[1], Options.parse("").text(row[0]));
+            names.append(row[0]);
+        }
+        try {
+            Options.parse("?=");
+        } catch (IllegalArgumentException e) { // it lists them all
+            String[] all = e.getMessage().replaceAll(".* are ", "").split(", ");
+            assertEquals(names.toString(), rows.length, all.length);
+        }
+    }
+
     @Test
     public void badOptionsAreRefusedByName() {
         String[][] rows = {

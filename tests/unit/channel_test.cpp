@@ -1,0 +1,127 @@
+// The request channel without a JVM: callers on several threads and the worker, driven against each other.
+#include "platforms/QorOS.h"
+#include "qoragent/caller.h"
+#include "qoragent/channel.h"
+#include "qoragent/worker.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorsysinfo.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr char TIMED_OUT[] = "Request TIMED OUT|\t|\t\t||";
+
+// As much of an environment as a request needs: strings, which are C++'s, and no exceptions.
+JNIEnv *FakeEnv() {
+    static const JNINativeInterface_ calls = [] {
+        JNINativeInterface_ c = {};
+        c.ExceptionCheck = [](JNIEnv *) -> jboolean { return JNI_FALSE; };
+        c.ExceptionOccurred = [](JNIEnv *) -> jthrowable { return nullptr; };
+        c.GetStringUTFChars = [](JNIEnv *, jstring text, jboolean *) {
+            return reinterpret_cast<const std::string *>(text)->c_str();
+        };
+        c.ReleaseStringUTFChars = [](JNIEnv *, jstring, const char *) {};
+        c.NewStringUTF = [](JNIEnv *, const char *text) {
+            return reinterpret_cast<jstring>(new std::string(text));
+        };
+        return c;
+    }();
+    static JNIEnv env = {&calls};
+    return &env;
+}
+
+std::string Ask(std::string request) {
+    auto *reply =
+        reinterpret_cast<std::string *>(QorDataFromNative(FakeEnv(), reinterpret_cast<jstring>(&request)));
+    const std::string shown = reply ? *reply : "(null)";
+    delete reply;
+    return shown;
+}
+
+std::string Setting(int value) {
+    return Ask("516|NoProcessing|qorretry|" + std::to_string(value));
+}
+
+std::string SettingReply(int value) {
+    return "Changed qorretry to " + std::to_string(value);
+}
+
+struct Channel : testing::Test {
+    void SetUp() override {
+        init_cpu();
+        pagebuf = static_cast<char *>(QorMalloc(PAGEBUF_SIZE));
+        offsetind = BUILD_JVMTI_DEFAULT;
+        qor_max_timeout = 60;
+        ch_pid = 0;
+        ASSERT_TRUE(QorOpenChannel());
+        ASSERT_EQ(qor_create_child_thread(&thread), 0);
+    }
+    void TearDown() override {
+        EXPECT_EQ(Ask("SHUTDOWN"), "(null)");
+        while (QorWorkerLives())
+            std::this_thread::yield();
+        EXPECT_EQ(agentstatus, 0);
+        EXPECT_EQ(pagebuf, nullptr);
+        QorCloseChannel();
+        offsetind = 0;
+    }
+};
+
+} // namespace
+
+// Several callers and handshakes of nobody's: everybody gets the own reply.
+TEST_F(Channel, EachCallerGetsItsOwnReply) {
+    std::atomic<bool> stop{false};
+    std::thread disturber([&] {
+        while (!stop) {
+            QorSignalParent();
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 3; caller++)
+        callers.emplace_back([caller] {
+            for (int i = 0; i < 200; i++) {
+                const int value = caller * 1000 + i;
+                ASSERT_EQ(Setting(value), SettingReply(value));
+            }
+        });
+    for (std::thread &caller : callers)
+        caller.join();
+    stop = true;
+    disturber.join();
+}
+
+// A worker that comes too late finds nothing to do, and what it says is nobody's reply.
+TEST_F(Channel, WhatRanOutOfTimeIsNotDone) {
+    for (int round = 0; round < 2; round++) {
+        qor_max_timeout = 1;
+        qorretry = 0;
+        {
+            QorBusyScope held; // the worker waits for it
+            EXPECT_EQ(Setting(1), TIMED_OUT);
+        }
+        qor_max_timeout = 60;
+        EXPECT_EQ(Setting(2), SettingReply(2));
+        EXPECT_EQ(qorretry, 2);
+    }
+}
+
+// Callers that give up at the very moment at which the worker comes: it takes their request whole or not at
+// all.
+TEST_F(Channel, NoRequestIsTorn) {
+    qorretry = 0;
+    for (int i = 0; i < 2000; i++) {
+        QorPostRequest(i % 2 ? "516|NoProcessing|qorretry|1111" : "516|NoProcessing|qorretry|2222");
+        qor_signal_child_to_process();
+        QorWithdrawRequest();
+    }
+    EXPECT_EQ(Ask("516|NoProcessing|CZPRequest"), "");
+    EXPECT_TRUE(qorretry == 0 || qorretry == 1111 || qorretry == 2222) << qorretry;
+}
