@@ -83,8 +83,8 @@ enum RequestFlag : uint32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
-    FLAG_COPY = 1024,
-    FLAG_NO_COPY = 2048,
+    FLAG_COPY = 2048,
+    FLAG_NO_COPY = 4096,
 };
 
 // What a memory request asks for.

@@ -44,8 +44,8 @@ enum : int32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_TRACE_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
-    FLAG_COPY = 1024,    // a text dump or histogram is made by a copy of the process
-    FLAG_NO_COPY = 2048, // it isn't; without either flag the setting decides
+    FLAG_COPY = 2048,    // a text dump or histogram is made by a copy of the process
+    FLAG_NO_COPY = 4096, // it isn't; without either flag the setting decides
 };
 
 extern int32_t no_gc;                       // do not take the GC lock

@@ -218,7 +218,7 @@ class LateDumps(Case):
     def test_a_histogram_is_asked_for_until_its_copy_is_ready(self):
         histogram = self.answer("histogram", self.process.pid, "--json").json()
         self.assertEqual((histogram["classes"][0]["instances"], histogram["age_seconds"]), (7, 61))
-        self.assertEqual(self.slow.flags, {1024})
+        self.assertEqual(self.slow.flags, {2048})
 
     def test_one_that_stands_still_is_given_up(self):
         for told in ("Request TIMED OUT", None):

@@ -431,9 +431,9 @@ TEST_F(LargeHeap, SaysThatACopyCanBeMadeAndTheRequestChooses) {
     for (const char *setting : {"0", "1"}) {
         Ask(std::string("516|NoProcessing|forkdump|") + setting);
         LogCapture log(3);
-        EXPECT_EQ(Ask("1540|showmem|256|dump|7"), COMPLETED);
-        EXPECT_EQ(Ask("2564|showmem|256|dump|7").find("Time spent"), 0u);
-        EXPECT_TRUE(IsAnswer(Ask("2564|showmem|512|ClassHistogramOnly")));
+        EXPECT_EQ(Ask("2564|showmem|256|dump|7"), COMPLETED);
+        EXPECT_EQ(Ask("4612|showmem|256|dump|7").find("Time spent"), 0u);
+        EXPECT_TRUE(IsAnswer(Ask("4612|showmem|512|ClassHistogramOnly")));
         EXPECT_EQ(Copies(), std::vector<pid_t>());
     }
 }

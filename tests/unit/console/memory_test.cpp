@@ -119,7 +119,7 @@ TEST(DecodeMemoryViews, NamesSizesAndRequests) {
     EXPECT_EQ(HeapRequest(false), "516|showstack|128");
     EXPECT_EQ(MemoryRequest(true), "4|showmem|128");
     EXPECT_EQ(HistogramRequest(0), "516|showmem|512|ClassHistogramOnly");
-    EXPECT_EQ(HistogramRequest(FLAG_COPY), "1540|showmem|512|ClassHistogramOnly");
+    EXPECT_EQ(HistogramRequest(FLAG_COPY), "2564|showmem|512|ClassHistogramOnly");
 }
 
 TEST(CopyChoice, FollowsTheAgentsAnswer) {
