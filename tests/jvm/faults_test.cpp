@@ -43,6 +43,7 @@ struct Faults : AgentTest {
         arguments.localsQuota = 100;
         ASSERT_EQ(StartAgent(arguments), START_OK);
         qorDBQuery = 1;
+        qorHandWalkQuotaPct = 100;
     }
     static int64_t GlobalReferences() { return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); }
     static int64_t Id(const char *kind) { return CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text(kind)); }
@@ -113,10 +114,10 @@ struct Faults : AgentTest {
         for (const Request &request : requests) {
             for (int i = 0; i < 2; i++)
                 ASSERT_EQ(Missing(request, Ask(request.text)), "");
+            const int64_t references = GlobalReferences(); // the first look opens files of the JVM's
             const int descriptors = OpenDescriptors();
-            const int64_t references = GlobalReferences();
-            for (int quiet = 0; quiet < 2 && places < 3000; FailOne(request, &log) ? ++places : ++quiet) {
-            }
+            while (places < 3000 && FailOne(request, &log))
+                places++;
             EXPECT_EQ(OpenDescriptors(), descriptors) << request.text;
             EXPECT_EQ(GlobalReferences(), references) << request.text;
         }
@@ -174,6 +175,37 @@ TEST_F(Faults, Views) {
     CallVoid("qoragent/testing/Customers", "stop", "()V");
 }
 
+// What requests make the agent allocate goes at SHUTDOWN, whether there were any or none; what they have
+// shown has gone too.
+struct StopList : Faults {};
+
+TEST_F(StopList, FreesWhatTheRequestsTook) {
+    CallVoid("qoragent/testing/Customers", "start", "(II)V", 2, 100);
+    CallVoid("qoragent/testing/HeapShop", "fill", "()V");
+    ShutDownAgent();
+    const int64_t before = AllocatedBlocks();
+    Start();
+    jobject object = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+    const char *const requests[] = {"788|showstack|32768", "516|showmem|512|ClassHistogramOnly",
+                                    "516|showstack|1024|ARG=x,0=7777,1=0"};
+    jvmti->SetTag(object, 7777);
+    std::string first[3], again[3];
+    for (int i = 0; i < 3; i++)
+        first[i] = Ask(requests[i]);
+    EXPECT_NE(first[0].find("jdbc:tessar"), std::string::npos) << first[0];
+    EXPECT_NE(first[2].find("Object Description"), std::string::npos) << first[2];
+    ShutDownAgent();
+    EXPECT_EQ(AllocatedBlocks(), before);
+    Start();
+    for (int i = 2; i >= 0; i--)
+        again[i] = Ask(i == 2 ? nullptr : requests[i]);
+    EXPECT_EQ(again[2].find("Object"), std::string::npos) << "the first life's request: " << again[2];
+    EXPECT_EQ(Ask(requests[2]).find("Object Description"), std::string::npos) << "the first life's tag";
+    CallVoid("qoragent/testing/Customers", "stop", "()V");
+    CallVoid("qoragent/testing/HeapShop", "empty", "()V");
+    blocks_ = before + 1;
+}
+
 // Dumps and histograms by the worker and by a copy of the process.
 struct Dumps : Faults, testing::WithParamInterface<int> {};
 
@@ -189,15 +221,17 @@ TEST_P(Dumps, AreWholeOrSaySo) {
         return ends && dump.size() > whole / 2 ? "" : "no whole file";
     };
     const auto hprof = [&] { return unlink(in("a.hprof").c_str()) == 0 ? "" : "no file"; };
-    FailEach({
+    std::vector<Request> requests = {
         {"516|NoProcessing|qorheapdir|" + in.path.string(), {"Changed"}},
         {"516|NoProcessing|forkdump|" + std::to_string(GetParam()), {"Changed"}},
         {"516|showmem|256|text|7", {GetParam() ? "completed sucessfully" : "Time spent"}, text},
         {"516|showmem|512|ClassHistogramOnly",
          {"HeapShop$Node;\x1d"
           "1234\x1d"}},
-        {"516|showmem|256|a.hprof|7", {"dumped"}, hprof},
-    });
+    };
+    if (!GetParam())
+        requests.push_back({"516|showmem|256|a.hprof|7", {"dumped"}, hprof});
+    FailEach(requests, [] { qor_max_timeout = 15; });
     QorSetForkHeapDumpCapability(0);
     CallVoid("qoragent/testing/HeapShop", "empty", "()V");
 }

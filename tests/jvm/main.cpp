@@ -9,11 +9,18 @@ extern "C" const char *__asan_default_options() {
 }
 #endif
 
+#ifdef QOR_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
 // The JVM's threads live until the process is gone, so nothing that they use may be destroyed before: the
 // process ends without running any destructor.
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     const int result = RUN_ALL_TESTS();
     fflush(nullptr);
+#ifdef QOR_COVERAGE
+    __gcov_dump();
+#endif
     _exit(result);
 }
