@@ -1,11 +1,15 @@
 #include "AgentNatives.h"
 #include "Descriptors.h"
 #include "LogCapture.h"
+#include "Xtier/ConnectionCache.h"
+#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
+#include "jvmti/Session.h"
 #include "qoragent/channel.h"
 #include "qoragent/startup.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "qorutil.h"
 
 #include <algorithm>
 #include <atomic>
@@ -256,6 +260,28 @@ TEST_F(Start, WithoutAChannelTheStartFails) {
     EXPECT_EQ(StartAgent(arguments), START_OK);
     EXPECT_EQ(startFailure, nullptr);
     EXPECT_EQ(Ask("516|NoProcessing|qorretry|4"), "Changed qorretry to 4");
+}
+
+// What one life was told and has collected is gone in the next.
+TEST_F(Start, NothingOfAnEarlierLifeAnswers) {
+    StartArguments arguments;
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    const int32_t rules = gacondcnt + gasystemcondcnt + gbcondcnt;
+    EXPECT_EQ(Ask("516|NoProcessing|activethreads|mine|threadname|idle*\r"), "Added Idle Thread Rules");
+    EXPECT_NE(gacondcnt + gasystemcondcnt + gbcondcnt, rules);
+    EXPECT_EQ(Ask("516|NoProcessing|qorheapdir|/var/tmp"), "Changed qorheapdir to /var/tmp/");
+    const QorDBRequestData connection = {};
+    QorUpdateDbConnectionInfo(&connection);
+    EXPECT_EQ(iDBInfoIndex, 1);
+    ShutDownAgent();
+    EXPECT_EQ(thread_e2e_info, nullptr);
+    EXPECT_EQ(iDBInfoIndex, 0);
+    EXPECT_EQ(jvmti, nullptr);
+    for (jclass kept : {e2eclass, jobjclass, jstringclass, gbDbUtilClass, threadClass})
+        EXPECT_EQ(kept, nullptr);
+    ASSERT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_STREQ(qorheapdir, "/tmp/");
+    EXPECT_EQ(gacondcnt + gasystemcondcnt + gbcondcnt, rules);
 }
 
 // A caller who waits for an agent that has left is let go by the next start, and not left on a closed pipe.
