@@ -41,6 +41,22 @@ std::string ReadRules(const std::string &file) {
     return text;
 }
 
+// All pages of the rules in force, without the line in front of each; one without text ends them.
+template <class Ask>
+std::string ReadTiers(Ask ask) {
+    std::string text;
+    for (size_t page = 0;; ++page) {
+        std::string reply = ask(TierPageRequest(page));
+        size_t head = reply.find('\n');
+        if (head == reply.npos)
+            throw Failure(fmt::format("the agent answers \"{}\"", reply),
+                          "it may be older than this console");
+        if (head + 1 == reply.size())
+            return text;
+        text += reply.substr(head + 1);
+    }
+}
+
 // The agent's answer to SHUTDOWN is to hang up; its endpoint file goes with it.
 void Shutdown(const Settings &settings, const Process &process, Connection connection,
               const std::string &request) {
@@ -116,6 +132,26 @@ void RunRules(const Settings &settings, pid_t pid, const std::string &file) {
     for (const std::string &fault : CheckRules(rules))
         fmt::print(stderr, "qorctl: {}: {}\n", file, fault);
     SendSetting(settings, pid, RulesRequest(rules));
+}
+
+void RunTiers(const Settings &settings, pid_t pid, const std::string &file) {
+    std::string given = file.empty() ? "" : ReadRules(file);
+    Connection connection = RequireAgent(settings, RequireProcess(pid));
+    auto ask = [&](const std::string &request) {
+        return DecodeText(OpenReply(connection.Ask(request, Seconds(settings.timeout))));
+    };
+    if (file.empty()) {
+        std::string text = ReadTiers(ask);
+        Print(settings.json ? JsonText({{"pid", pid}, {"rules", text}}, false) + "\n" : text);
+        return;
+    }
+    std::string answer;
+    for (const std::string &request : TierRequests(given))
+        answer = ask(request);
+    if (answer.compare(0, TIERS_ACCEPTED.size(), TIERS_ACCEPTED) != 0)
+        throw Failure(fmt::format("{}: {}", file, answer),
+                      "nothing has changed; the rules that were in force hold");
+    PrintAnswer(settings, pid, answer);
 }
 
 void RunLog(const Settings &settings, pid_t pid, int level) {

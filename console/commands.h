@@ -40,6 +40,8 @@ void RunStack(const Settings &settings, pid_t pid, const std::string &thread, do
 // All connections, or with `port` the thread that has this client port.
 void RunConnections(const Settings &settings, pid_t pid, int port, double watch);
 void RunSessions(const Settings &settings, pid_t pid, const SessionsCommand &command);
+// The rules of drivers and containers that are in force; with `file` those of the file take their place.
+void RunTiers(const Settings &settings, pid_t pid, const std::string &file);
 // Whether dumps are written by a copy of the JVM.
 void RunForkDump(const Settings &settings, pid_t pid, bool on);
 void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);

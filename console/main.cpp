@@ -130,6 +130,13 @@ void AddDatabases(CLI::App *app, CommandLine *line) {
     sessions->final_callback([line] { RunSessions(line->settings, line->pid, line->sessions); });
 }
 
+void AddTiers(CLI::App *app, CommandLine *line) {
+    CLI::App *tiers = AddJvmCommand(
+        app, "tiers", "Show or replace the rules by which drivers and containers are read", line);
+    tiers->add_option("file", line->rules_file, "The new rules; '-' is standard input")->option_text("FILE");
+    tiers->final_callback([line] { RunTiers(line->settings, line->pid, line->rules_file); });
+}
+
 void AddObjects(CLI::App *app, CommandLine *line) {
     CLI::App *locals = AddJvmCommand(app, "locals", "Show the objects in the locals of a frame", line);
     AddThreadName(locals, line, true);
@@ -283,6 +290,7 @@ int Run(int argc, char **argv) {
     AddThreads(&app, &line);
     AddOneThread(&app, &line);
     AddDatabases(&app, &line);
+    AddTiers(&app, &line);
     AddObjects(&app, &line);
     AddMemory(&app, &line);
     AddDump(&app, &line);

@@ -69,6 +69,7 @@ constexpr std::string_view USEC_UNIT = " usec";
 // The channel.
 constexpr std::string_view END_OF_TRANSMISSION = "|\t|\t\t||";
 constexpr std::string_view SHUTDOWN_REQUEST = "SHUTDOWN";
+constexpr std::string_view TIERS_ACCEPTED = "Tier rules in force";
 constexpr size_t MAX_REQUEST_BYTES = 20480; // a request line, its line feed not counted
 constexpr size_t REPLY_LIMIT = 1024000;     // the agent's reply buffer
 constexpr size_t STACK_LIMIT = 102400;      // what one thread's stack may take of it

@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "protocol.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace qorctl {
@@ -10,6 +11,7 @@ namespace qorctl {
 namespace {
 
 constexpr size_t RULES_PER_TABLE = 150;
+constexpr size_t TIER_PIECE = 16000; // bytes of a request's text
 
 struct RuleTable {
     std::string_view types[3]; // compared by their beginning, as the agent does
@@ -52,6 +54,17 @@ const char *Fault(std::string_view line, RuleTable (&tables)[2]) {
                 return ++table.count > RULES_PER_TABLE ? "the agent's table of 150 such rules is full"
                                                        : nullptr;
     return nullptr;
+}
+
+// That of zip.
+uint32_t Crc32(std::string_view text) {
+    uint32_t crc = ~0u;
+    for (unsigned char c : text) {
+        crc ^= c;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = crc & 1 ? crc >> 1 ^ 0xedb88320u : crc >> 1;
+    }
+    return ~crc;
 }
 
 uint32_t BaseFlags(bool repeated) {
@@ -169,6 +182,26 @@ std::vector<std::string> CheckRules(std::string_view rules) {
             faults.push_back(fmt::format("line {} has no effect: {}", number, fault));
     }
     return faults;
+}
+
+std::vector<std::string> TierRequests(std::string_view rules) {
+    std::string text, sent;
+    for (std::string_view line : Lines(rules))
+        text += fmt::format("{}\n", line);
+    sent = text;
+    std::replace(sent.begin(), sent.end(), '\n', '\r');
+    std::vector<std::string> requests;
+    for (size_t at = 0; at < sent.size() || at == 0; at += TIER_PIECE)
+        requests.push_back(
+            SettingRequest("tierrules", (at == 0 ? "=|" : "+|") + sent.substr(at, TIER_PIECE)));
+    requests.push_back(SettingRequest("tierrules", fmt::format("!|{:08x}", Crc32(text))));
+    for (const std::string &request : requests)
+        CheckRequest(request);
+    return requests;
+}
+
+std::string TierPageRequest(size_t page) {
+    return SettingRequest("tierrules", fmt::format("?|{}", page));
 }
 
 bool IsThreadNumber(std::string_view text) {

@@ -64,6 +64,11 @@ std::string RulesRequest(std::string_view rules);
 // One line for each rule that the agent would drop or never look at; empty when all is well.
 std::vector<std::string> CheckRules(std::string_view rules);
 
+// Rules of drivers and containers: the requests that hand over a text, the last of which puts it in force,
+// and the one for a page of the text in force. Line ends as above.
+std::vector<std::string> TierRequests(std::string_view rules);
+std::string TierPageRequest(size_t page);
+
 // Whether a user's text has the form of a thread id or key, and isn't a thread's name.
 bool IsThreadNumber(std::string_view text);
 

@@ -110,6 +110,7 @@ public final class Agent {
 
     /** What can fail cheaply comes first; the door opens to the consoles when all else stands. */
     private static void launch(Options wanted) {
+        Tiers tiers = Tiers.of(wanted.text("tiers"));
         NativeLibrary.load();
         Relay door = wanted.relay() ? openRelay(wanted) : null;
         try {
@@ -121,6 +122,9 @@ public final class Agent {
                 dataFromNative(FORK_DUMPS);
             if (!wanted.isPreset("handquota"))
                 dataFromNative(HAND_QUOTA + wanted.number("handquota"));
+            String refused = tiers.send(Agent::dataFromNative);
+            if (refused != null)
+                throw new IllegalStateException("option tiers: " + refused);
             options = wanted;
             relay = door;
             System.setProperty(STATUS_PROPERTY, RUNNING);

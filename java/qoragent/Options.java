@@ -91,6 +91,7 @@ final class Options {
                  Key.number("stackqueried", 1000, 1, MAX),
                  Key.number("stackrecorded", 300, 1, MAX),
                  Key.choice("forkdump", "false", "false", "true"),
+                 Key.text("tiers", ""),
                  Key.choice("relay", "on", "on", "off"),
                  Key.text("bind", "127.0.0.1"),
                  Key.number("port", 0, 0, 65535),

@@ -7,6 +7,7 @@
 #include "qorsettings.h"
 #include "qorutil.h"
 #include "request_text.h"
+#include "tier_rules.h"
 
 #include "RequestHandler/memory_views.h"
 #include "Xtier/LocalWalkTimes.h"
@@ -109,6 +110,7 @@ constexpr Key KEYS[] = {
     {"forkstate", false, ShowForkState},
     {"activethreads", true, ReadRules},
     {"getJavaString", true, ShowJavaString},
+    {"tierrules", true, QorAnswerTierRules},
     {"CZPRequest", false, ReapChildren},
     {"collectors", false, ShowCollectors},
     {"handquota", true, SetHandQuota},

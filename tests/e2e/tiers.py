@@ -63,6 +63,17 @@ class Tiers(OfTheDemo):
         self.assertNotIn("request", {t["name"]: t for t in asked.json()["threads"]}["demo-web"])
         self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=\d+ leftout=1 handquota=1\n\Z")
 
+    def test_rules_are_shown_and_replaced(self):
+        with open(f"{os.path.dirname(os.path.realpath(__file__))}/../../java/tiers.rules", encoding="utf-8") as file:
+            shipped = file.read()
+        self.assertEqual(self.answer("tiers", self.app.pid).out, shipped)
+        self.refused("line 2: a field needs an object above it", "tiers", self.app.pid, "-", text="#\nurl f,La;\n")
+        self.assertEqual(self.answer("tiers", self.app.pid).out, shipped)
+        long = "".join(f"frame web a.B{'x' * 60} m{n}\n" for n in range(1900))
+        self.assertIn("1900 lines", self.answer("tiers", self.app.pid, "-", text=long).out)
+        self.assertEqual(self.answer("tiers", self.app.pid, "--json").json()["rules"], long)
+        self.check_threads({t["name"]: t for t in self.threads(self.app)})  # by the tables
+
     def test_figures_grow(self):
         cpu, allocated = [], []
         for _ in range(2):

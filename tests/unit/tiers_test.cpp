@@ -1,0 +1,156 @@
+#include "TierText.h"
+#include "qoragent/tier_rules.h"
+#include "qorrequest.h"
+
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+std::string WaysOf(const char *signature) {
+    std::string ways;
+    const QorTierObjects found = QorFindTierObjects(signature);
+    for (const QorTierObject *object = found.first; object != found.last; object++)
+        for (const QorTierWay *way = object->begin; way != object->end; way++)
+            ways += std::to_string(object->kind) + std::to_string(way->field) + std::string(way->way) + " ";
+    return ways;
+}
+
+std::string Times(int count, const std::string &text) {
+    std::string all;
+    for (int i = 0; i < count; i++)
+        all += text;
+    return all;
+}
+
+constexpr char GOOD[] =
+    "# drivers\n"
+    "state db org.driver.\nstate db org.driver.net.\nstate db a.\n\n"
+    "frame db org.driver.Call run\nframe\tweb org.driver.Call *\nframe db b.C m\n"
+    "object db Lorg/Call;\n  sql  q,Lq/Q;|text,Ljava/lang/String;\n"
+    "  socket list,[[La;@at|s,Ljava/net/Socket;\n"
+    "object web Lorg/Call;\n url b,La/B;|buff,[B:from:to\nobject db La;\nobject db Lorg/Call;\n"
+    "user u,Ljava/lang/Object;";
+
+} // namespace
+
+TEST(TierRules, FindMethodsAndObjects) {
+    ASSERT_EQ("", SetTiers(GOOD, 7));
+    EXPECT_EQ(GOOD, QorTierText());
+    EXPECT_EQ(CrcOf(GOOD), QorTierCrc());
+    EXPECT_EQ(16, QorTierLineCount());
+    const struct {
+        const char *className, *method;
+        uint32_t kinds;
+    } METHODS[] = {
+        {"org.driver.Call", "run", TIER_DB_STATE | TIER_DB | TIER_WEB},
+        {"org.driver.Call", "other", TIER_DB_STATE | TIER_WEB},
+        {"org.driver.Calls", "run", TIER_DB_STATE},
+        {"org.driver.net.A", "run", TIER_DB_STATE},
+        {"org.driver.zoo.A", "run", TIER_DB_STATE},
+        {"org.drive", "run", 0},
+        {"a.A", "m", TIER_DB_STATE},
+        {"a", "m", 0},
+        {"b.C", "m", TIER_DB},
+        {"b.C", "mm", 0},
+        {"", "", 0},
+    };
+    for (const auto &row : METHODS)
+        EXPECT_EQ(row.kinds, QorTierKindsOf(row.className, row.method)) << row.className << row.method;
+    EXPECT_EQ(
+        "21q,Lq/Q;|text,Ljava/lang/String; 23list,[[La;@at|s,Ljava/net/Socket; 40b,La/B;|buff,[B:from:to "
+        "22u,Ljava/lang/Object; ",
+        WaysOf("Lorg/Call;"));
+    EXPECT_TRUE(QorIsTierObject("La;", TIER_DB | TIER_WEB));
+    EXPECT_FALSE(QorIsTierObject("La;", TIER_WEB));
+    EXPECT_FALSE(QorIsTierObject("Lorg/Cal;", TIER_DB));
+}
+
+TEST(TierRules, ABadTextChangesNothing) {
+    ASSERT_EQ("", SetTiers(GOOD));
+    const std::string object = "object db La/B;\n", web = "object web La/B;\n", step = "f,La/B;";
+    const std::string noWay = "a step needs the form FIELD,SIGNATURE";
+    const struct {
+        std::string text, fault;
+    } BAD[] = {
+        {"state db\n", "1: a state needs the form: state db PREFIX"},
+        {"\n#\nstate web x.\n", "3: a state needs the form: state db PREFIX"},
+        {"state db x. y\n", "1: a state needs the form: state db PREFIX"},
+        {"frame db a.B\n", "1: a frame needs the form: frame db|web CLASS METHOD"},
+        {"frame net a.B c\n", "1: a frame needs the form: frame db|web CLASS METHOD"},
+        {"frame db a/B c\n", "1: a frame's class is written with points"},
+        {"object db a.B\n", "1: an object's signature needs the form Lpackage/Class;"},
+        {"object db [La/B;\n", "1: an object's signature needs the form Lpackage/Class;"},
+        {"object x La/B;\n", "1: an object needs the form: object db|web SIGNATURE"},
+        {"url " + step, "1: a field needs an object above it"},
+        {"host x\n", "1: the first word is none of state, frame, object, url, sql, user, socket"},
+        {web + "sql " + step, "2: an object of this kind has no such field"},
+        {object + "sql\n", "2: a field needs the form: FIELD WAY"},
+        {object + "sql " + step + " x", "2: a field needs the form: FIELD WAY"},
+        {object + "sql f", "2: a step's signature is none of a class; see @ and :"},
+        {object + "sql ,La/B;", "2: " + noWay},
+        {object + "sql f,La/B;||g,La/B;", "2: " + noWay},
+        {object + "sql f,La/B;|", "2: a way ends in a bar"},
+        {object + "sql f,I", "2: a step's signature is none of a class; see @ and :"},
+        {object + "sql f,[B", "2: a step's signature is none of a class; see @ and :"},
+        {object + "sql f,[I@at", "2: @FIELD follows an array of objects"},
+        {object + "sql f,[La/B;@", "2: @FIELD follows an array of objects"},
+        {object + "sql f,[I:a:b", "2: :FROM:TO follows a byte array, [B"},
+        {object + "sql f,[B:a", "2: :FROM:TO follows a byte array, [B"},
+        {object + "sql f,[B:a:b|" + step, "2: :FROM:TO ends a way to a text"},
+        {object + "socket f,[B:a:b", "2: :FROM:TO ends a way to a text"},
+        {object + "sql " + Times(50, step + "|") + step, "2: a way has more than 50 steps"},
+        {object + "sql " + std::string(4000, 'f') + ",La;", "2: a way is longer than 4000 bytes"},
+        {"frame db a.B \x01\n", "1: there is a control character"},
+        {Times(TIER_LINES + 1, "\n"), "2049: there are more than 2048 lines"},
+        {std::string(TIER_TEXT_SIZE + 1, '#'), "0: the text is longer than 131072 bytes"},
+    };
+    for (const auto &row : BAD) {
+        EXPECT_EQ(row.fault, SetTiers(row.text));
+        EXPECT_EQ(GOOD, QorTierText());
+        EXPECT_EQ(TIER_DB, QorTierKindsOf("b.C", "m"));
+    }
+    EXPECT_FALSE(QorAddTiers("state db a."));
+    EXPECT_STREQ("no text was begun", QorEndTiers(0).reason);
+    QorBeginTiers();
+    EXPECT_STREQ("the text isn't whole: its CRC-32 is another", QorEndTiers(1).reason);
+    EXPECT_EQ(GOOD, QorTierText());
+    EXPECT_EQ("", SetTiers(Times(TIER_LINES, "#\n")));
+    EXPECT_EQ("", SetTiers(std::string(TIER_TEXT_SIZE, '#')));
+    EXPECT_EQ("", SetTiers(""));
+    EXPECT_EQ(0u, QorTierKindsOf("b.C", "m"));
+}
+
+TEST(TierRules, TravelByRequests) {
+    static char page[PAGEBUF_SIZE];
+    char *const savedPage = pagebuf;
+    pagebuf = page;
+    const auto ask = [](std::string value) {
+        QorAnswerTierRules(value.data());
+        return std::string(page);
+    };
+    std::string text = "# a|b \xc3\xa9\n";
+    while (text.size() < 100000)
+        text += "state db \xe2\x82\xac|" + std::to_string(text.size()) + std::string(80, '.') + "\n";
+    char crc[16];
+    snprintf(crc, sizeof crc, "%08x", CrcOf(text));
+    EXPECT_EQ("Added to tier rules", ask("=|" + text.substr(0, 20000)));
+    EXPECT_EQ("Added to tier rules", ask("+|" + text.substr(20000)));
+    const std::string accepted = ask(std::string("!|") + crc);
+    EXPECT_EQ(0u, accepted.find("Tier rules in force: ")) << accepted;
+    EXPECT_EQ("Tier rules refused: no text was begun", ask("+|x"));
+    std::string read;
+    for (const char *number : {"?|0", "?|1", "?|2"}) {
+        const std::string reply = ask(number);
+        EXPECT_NE(std::string::npos, reply.find(std::string(" bytes, CRC ") + crc + "\n")) << reply;
+        read += reply.substr(reply.find('\n') + 1);
+    }
+    EXPECT_EQ(text, read);
+    ask("=|url x");
+    snprintf(crc, sizeof crc, "%x", CrcOf("url x"));
+    EXPECT_EQ("Tier rules refused: line 1: a field needs an object above it", ask(std::string("!|") + crc));
+    for (const char *odd : {"", "=", "x|y"})
+        EXPECT_EQ("tierrules needs =|TEXT, +|TEXT, !|CRC or ?|PAGE", ask(odd));
+    EXPECT_EQ("", SetTiers(""));
+    pagebuf = savedPage;
+}
