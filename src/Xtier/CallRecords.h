@@ -34,12 +34,12 @@ struct QorDBRequestData {
     char threadKey[DB_THREAD_KEY_SIZE];
     int64_t sampleTime; // seconds since the epoch when the socket was read
     char sqlText[SQL_TEXT_SIZE];
-    int32_t dbType;                // index of g_strDbTypeNames
+    int32_t dbType;                // index of g_strDbTypeNames, or DB_TYPE_OTHER
     int64_t fd;                    // the connection's socket
     QorDBRequestData *prev, *next; // towards the less and the more recent, in the cache alone
 };
 
-enum : int32_t { DB_TYPE_TESSAR = 0, DB_TYPE_SYBASE = 2, DB_TYPE_COUNT = 4 };
+enum : int32_t { DB_TYPE_OTHER = -1, DB_TYPE_TESSAR = 0, DB_TYPE_SYBASE = 2, DB_TYPE_COUNT = 4 };
 extern const char *const g_strDbTypeNames[DB_TYPE_COUNT];
 
 // A web request, and what a framework frame works on.

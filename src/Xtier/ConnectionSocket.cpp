@@ -8,7 +8,9 @@
 #include "jvmti/ThreadSystem.h"
 #include "platforms/own_memory.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -38,6 +40,20 @@ constexpr StreamRow STREAM_ROWS[] = {
     {ENCRYPTED_STREAM, "this$0,Lsun/security/ssl/SSLSocketImpl;|self,Ljava/net/Socket;|"
                        "impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|"
                        "fd,Ljava/io/FileDescriptor;"},
+};
+
+constexpr char SOCKET[] = "Ljava/net/Socket;";
+constexpr char ENCRYPTED[] = "Lsun/security/ssl/SSLSocketImpl;";
+constexpr char CHANNEL_SOCKET[] = "Lsun/nio/ch/SocketAdaptor;";
+
+// From a socket; any class that isn't in the table is taken for the first one's heir.
+constexpr StreamRow SOCKET_ROWS[] = {
+    {SOCKET, "impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
+    {SOCKET, "impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
+    {ENCRYPTED, "self,Ljava/net/Socket;|impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|"
+                "fd,Ljava/io/FileDescriptor;"},
+    {ENCRYPTED, "self,Ljava/net/Socket;|impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
+    {CHANNEL_SOCKET, "sc,Lsun/nio/ch/SocketChannelImpl;|fd,Ljava/io/FileDescriptor;"},
 };
 
 // The same behind a driver's own stream, on JVMs that are older than those of the table.
@@ -112,6 +128,24 @@ int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int
         return -1;
     *fd = value;
     return 0;
+}
+
+int32_t QorGetFdFromSocket(jobject socket, int64_t *fd) {
+    char own[NAME_SIZE] = "";
+    QorGetObjectClassSignature(socket, own);
+    const auto isOwn = [&own](const StreamRow &row) { return strcmp(own, row.signature) == 0; };
+    const bool isInTable = std::any_of(std::begin(SOCKET_ROWS), std::end(SOCKET_ROWS), isOwn);
+    for (const StreamRow &row : SOCKET_ROWS) {
+        if (isInTable ? !isOwn(row) : row.signature != SOCKET)
+            continue;
+        jobject descriptor = QorFollowObjectMap(row.path, socket);
+        int32_t value = -1;
+        if (!descriptor || QorGetIntObjectField(descriptor, "fd", "I", &value) < 0)
+            continue;
+        *fd = value;
+        return 0;
+    }
+    return -1;
 }
 
 int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess) {

@@ -7,6 +7,7 @@
 #include "jvmti/Monitors.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"
+#include "qortiers.h"
 
 #include <algorithm>
 
@@ -108,12 +109,24 @@ bool EndsSearch(jobject object, const QorWantedFrame &frame, bool (*ends)(const 
     jlong mark = IsArray(klass) ? BORING_CLASS : 0;
     if (mark == 0 && ReadSignature(klass, frame, signature)) {
         found = !QorIsPassedOverObject(signature) && ends(signature);
-        mark = !found ? BORING_CLASS : IsQRFEoFrameObject(signature) ? EVENT_CLASS : WANTED_CLASS;
+        if (found)
+            mark = IsQRFEoFrameObject(signature) ? EVENT_CLASS : WANTED_CLASS;
+        else if (!QorIsTierObject(signature, TIER_DB | TIER_WEB)) // those give way to the tables' objects
+            mark = BORING_CLASS;
     }
     if (mark != 0 && env)
         env->SetTag(klass, mark); // refused: it is looked at again next time
     QorDeleteLocalRef(jvmtijni_env, klass);
     return found;
+}
+
+// The kind of rules by which the objects of an entry are read.
+uint32_t TierKindOf(const QorAllThreadLocalInfoList *record) {
+    if (record && record->kind == LOCAL_WEB_REQUEST)
+        return TIER_WEB;
+    if (record && record->kind == LOCAL_DATABASE_CALL)
+        return TIER_DB;
+    return 0;
 }
 
 // What an entity's event stands beside: the object in front of it, of the first one that behind it.
@@ -153,14 +166,25 @@ int32_t QorFetchFoundObjects(jvmtiEnv *env) {
 jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
                              char *signature) {
     const int32_t count = CollectCandidates(frame);
+    const uint32_t tier = TierKindOf(frame.record);
+    jobject byRule = nullptr;
+    char signatureByRule[LOCAL_SIGNATURE_SIZE];
     for (int32_t i = 0; i < count; i++) {
-        if (!EndsSearch(candidates[i], frame, ends, env, signature))
+        signature[0] = 0;
+        if (!EndsSearch(candidates[i], frame, ends, env, signature)) {
+            if (tier && !byRule && QorIsTierObject(signature, tier)) {
+                byRule = candidates[i];
+                QorCopyName(signatureByRule, signature);
+            }
             continue;
+        }
         jobject chosen = IsQRFEoFrameObject(signature) ? Neighbour(i, count) : candidates[i];
         if (!chosen)
             break;
         return chosen;
     }
     signature[0] = 0;
-    return nullptr;
+    if (byRule)
+        QorCopyName(signature, signatureByRule);
+    return byRule;
 }

@@ -234,6 +234,10 @@ int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *r
     return QorGetLocalObject(tid, method, record);
 }
 
+void QorForgetBoringClasses() {
+    CloseWalkEnv();
+}
+
 void QorCloseLocalWalk() {
     CloseWalkEnv();
     QorEndLocalSearch();

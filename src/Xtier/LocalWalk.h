@@ -47,5 +47,8 @@ int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *rec
 // The same on a JVM with a reader of frames; -1 on all others.
 int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
 
+// Forgets which classes are known to be of no interest: others are from now on. Worker.
+void QorForgetBoringClasses();
+
 // Drops what the walks keep between samples. Shutdown, on the session's environment.
 void QorCloseLocalWalk();

@@ -125,3 +125,22 @@ int32_t QorReadStringField(jobject object, const char *field, char *dest, int32_
     QorDeleteLocalRef(jvmtijni_env, text);
     return 0;
 }
+
+void QorReadByteText(jbyteArray bytes, int32_t offset, int32_t length, char *dest, int32_t capacity) {
+    dest[0] = 0;
+    if (offset < 0 || length < 1 ||
+        static_cast<int64_t>(offset) + length > QorGetArrayLength(jvmtijni_env, bytes))
+        return;
+    const int32_t count = std::min(length, capacity - 1);
+    jvmtijni_env->GetByteArrayRegion(bytes, offset, count, reinterpret_cast<jbyte *>(dest));
+    if (QorClearException(jvmtijni_env)) {
+        dest[0] = 0;
+        return;
+    }
+    std::replace(dest, dest + count, '\0', '?');
+    dest[count] = 0;
+    if (count < length)
+        QorDropPartialCharacter(dest, count);
+    QorReplaceForeignBytes(dest);
+    QorBlankSeparators(dest);
+}

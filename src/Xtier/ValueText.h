@@ -30,3 +30,7 @@ int32_t QorReadValueText(jstring str, char *dest, int32_t capacity);
 // The String in a field of an object, by the same rules. 0, or -1 with `dest` empty: no such field. A null
 // string counts as found and gives "".
 int32_t QorReadStringField(jobject object, const char *field, char *dest, int32_t capacity);
+
+// The text in a range of a byte array, cut at a character and fit for a record: bytes of no known encoding.
+// "" for a range that isn't one.
+void QorReadByteText(jbyteArray bytes, int32_t offset, int32_t length, char *dest, int32_t capacity);

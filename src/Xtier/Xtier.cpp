@@ -12,10 +12,12 @@
 #include "XtierNetwork.h"
 #include "XtierQRF.h"
 #include "XtierRmi.h"
+#include "XtierRules.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
+#include "qortiers.h"
 
 #include <cstring>
 
@@ -38,6 +40,8 @@ struct CallRecords {
     QorNetworkCallData network;
     QorAppServerCallData server;
     char pageName[REQUEST_TEXT_SIZE];
+    char ruleUrl[REQUEST_TEXT_SIZE]; // of the request, by the rules
+    bool databaseByRule;             // they have filled part of the database record
 };
 CallRecords calls;
 
@@ -48,7 +52,8 @@ void ClearRecords() {
     QorClearIOCallData(&calls.file);
     QorClearNetworkCallData(&calls.network);
     QorClearAppServerCallData(&calls.server);
-    calls.pageName[0] = 0;
+    calls.pageName[0] = calls.ruleUrl[0] = 0;
+    calls.databaseByRule = false;
 }
 
 bool HasDatabase() {
@@ -79,10 +84,28 @@ void ReadWebEntry(const QorAllThreadLocalInfoList &entry) {
 }
 
 void ReadDatabaseEntry(const QorAllThreadLocalInfoList &entry) {
-    if (HasDatabase())
-        return;
-    tessar_thick_driver = entry.thickDriver;
-    QorGetDBRequestDataFromLocalVariable(&entry, &calls.database);
+    const bool known = HasDatabase();
+    if (!known) {
+        tessar_thick_driver = entry.thickDriver;
+        QorGetDBRequestDataFromLocalVariable(&entry, &calls.database);
+    }
+    if ((!known || calls.databaseByRule) && QorReadDatabaseByRules(entry, &calls.database))
+        calls.databaseByRule = true;
+}
+
+bool EndsWith(const char *text, const char *end) {
+    const size_t length = strlen(text), endLength = strlen(end);
+    return length >= endLength && strcmp(text + length - endLength, end) == 0;
+}
+
+// What the rules have found is the container's own: a URL that only lacks the application's path gives way to
+// it, and their products are none of those that the wire has a name for.
+void AddRuleData() {
+    char *url = objQorJSPRequestData.requestUrl;
+    if (calls.ruleUrl[0] && EndsWith(calls.ruleUrl, url))
+        QorStrncpy(url, calls.ruleUrl, REQUEST_TEXT_SIZE, REQUEST_TEXT_SIZE);
+    if (calls.databaseByRule)
+        calls.database.dbType = DB_TYPE_OTHER;
 }
 
 // Hands the connection of the thread at hand to the cache.
@@ -97,6 +120,7 @@ void ReadEntry(const QorAllThreadLocalInfoList &entry) {
     switch (entry.kind) {
     case LOCAL_WEB_REQUEST:
         ReadWebEntry(entry);
+        QorReadUrlByRules(entry, calls.ruleUrl);
         break;
     case LOCAL_DATABASE_CALL:
         ReadDatabaseEntry(entry);
@@ -127,6 +151,7 @@ void ReadThread(const QorXtierLocationInfo &location) {
     for (const QorAllThreadLocalInfoList *entry = location.newest;
          entry && entry->threadId == location.threadId; entry = entry->next)
         ReadEntry(*entry); // the readers tell of a missing object themselves
+    AddRuleData();
     if (HasDatabase())
         NoteConnection(location.threadName, location.threadKey);
 }
@@ -186,6 +211,33 @@ bool List(const QorThreadRecord *thread, const QorFrameRecord *frame, QorLocalKi
     return AddToThreadLocalInfoList(thread, frame, &localList, kind) == 0;
 }
 
+// The first web frame of the tables.
+void ListWebFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                  QorXtierFlags *flags) {
+    if (!(kinds & FRAME_WEB) || flags->tableWeb)
+        return;
+    List(thread, frame, LOCAL_WEB_REQUEST);
+    flags->web = flags->tableWeb = true;
+}
+
+// Frames of one method share their locals, so that one of them is enough.
+bool IsListed(const QorFrameRecord *frame) {
+    const QorAllThreadLocalInfoList *entry = localList;
+    while (entry != threadMark && entry->frameMethod != frame->methodId)
+        entry = entry->next;
+    return entry != threadMark;
+}
+
+// A frame of the rules is listed in addition to the others.
+void ListRuleFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+                   QorXtierFlags *flags) {
+    if (!(kinds & (FRAME_RULE_WEB | FRAME_RULE_DATABASE)) || IsListed(frame))
+        return;
+    const bool isWeb = kinds & FRAME_RULE_WEB;
+    List(thread, frame, isWeb ? LOCAL_WEB_REQUEST : LOCAL_DATABASE_CALL);
+    (isWeb ? flags->web : flags->database) = true;
+}
+
 // A thread shows one framework object only, the first that is met from the top. A frame that can't be listed
 // is none: its data would never be read.
 QorFramework ListFrameworkFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
@@ -221,6 +273,10 @@ uint32_t QorClassifyFrame(const QorFrameRecord *frame) {
     if ((kinds & FRAME_WEB) &&
         strncmp(frame->className, FRAMEWORK_VIEW_PACKAGE, sizeof FRAMEWORK_VIEW_PACKAGE - 1) == 0)
         kinds |= FRAME_ACTIVE_DATA;
+    if (frame->facts->tiers & TIER_DB)
+        kinds |= FRAME_RULE_DATABASE;
+    if (frame->facts->tiers & TIER_WEB)
+        kinds |= FRAME_RULE_WEB;
     return kinds;
 }
 
@@ -239,10 +295,7 @@ QorFramework QorListXtierFrame(const QorThreadRecord *thread, const QorFrameReco
         List(thread, frame, LOCAL_RMI_CALL);
         flags->rmi = true;
     }
-    if ((kinds & FRAME_WEB) && !flags->web) {
-        List(thread, frame, LOCAL_WEB_REQUEST);
-        flags->web = true;
-    }
+    ListWebFrame(thread, frame, kinds, flags);
     const QorFramework framework = ListFrameworkFrame(thread, frame, kinds, flags);
     if ((kinds & FRAME_GROOVY_SCRIPT) && flags->groovy != MEETING_OTHER)
         List(thread, frame, LOCAL_GROOVY);
@@ -251,19 +304,18 @@ QorFramework QorListXtierFrame(const QorThreadRecord *thread, const QorFrameReco
             List(thread, frame, row.listedAs);
             flags->*row.flag = true;
         }
+    ListRuleFrame(thread, frame, kinds, flags);
     return framework;
 }
 
 QorFramework QorListStackFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
                                QorXtierFlags *flags) {
-    if ((kinds & FRAME_WEB) && !flags->web) {
-        List(thread, frame, LOCAL_WEB_REQUEST);
-        flags->web = true;
-    }
+    ListWebFrame(thread, frame, kinds, flags);
     if (kinds & FRAME_DATABASE) {
         List(thread, frame, LOCAL_DATABASE_CALL);
         flags->database = true;
     }
+    ListRuleFrame(thread, frame, kinds, flags);
     if (!(kinds & (FRAME_VIEW | FRAME_ENTITY)) || flags->view != MEETING_NONE ||
         !List(thread, frame, LOCAL_VIEW_OR_ENTITY))
         return FRAMEWORK_NONE;
@@ -315,13 +367,16 @@ QorStackViewData QorReadStackViewData() {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         TellMissingFrame(frame);
         for (const QorAllThreadLocalInfoList *entry = localList; entry; entry = entry->next) {
-            if (entry->kind == LOCAL_WEB_REQUEST)
+            if (entry->kind == LOCAL_WEB_REQUEST) {
                 ReadWebEntry(*entry);
-            else if (entry->kind == LOCAL_DATABASE_CALL)
+                QorReadUrlByRules(*entry, calls.ruleUrl);
+            } else if (entry->kind == LOCAL_DATABASE_CALL) {
                 ReadDatabaseEntry(*entry);
-            else
+            } else {
                 QorReadFrameworkEntry(entry, &objQorJSPRequestData);
+            }
         }
+        AddRuleData();
     }
     return QorDataReadAtOnce();
 }

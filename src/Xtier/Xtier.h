@@ -28,7 +28,9 @@ enum QorFrameKind : uint32_t {
     FRAME_FILE = 1U << 9,
     FRAME_NETWORK = 1U << 10,
     FRAME_APP_SERVER = 1U << 11,
-    FRAME_ACTIVE_DATA = 1U << 12, // the framework's filter for pushed data; a web frame as well
+    FRAME_ACTIVE_DATA = 1U << 12,   // the framework's filter for pushed data; a web frame as well
+    FRAME_RULE_DATABASE = 1U << 13, // by the rules of qortiers.h
+    FRAME_RULE_WEB = 1U << 14,
 };
 
 // The kinds of a frame, 0 for nearly all. A frame without complete facts has none.
@@ -46,6 +48,7 @@ enum QorFrameworkMeeting : int32_t {
 // What has been met on one thread; value-initialised before its first frame.
 struct QorXtierFlags {
     bool web, database, file, network, server, rmi;
+    bool tableWeb; // a web frame of the tables is listed
     QorFrameworkMeeting view, groovy, el;
 };
 

@@ -153,16 +153,6 @@ bool HasNoStatements(int32_t classHash) {
     return false;
 }
 
-void ReadHash(jobject connection, QorDBRequestData *record) {
-    jint hash = 0;
-    const jvmtiError error = jvmti->GetObjectHashCode(connection, &hash);
-    if (error == JVMTI_ERROR_NONE)
-        record->connectionHash = hash;
-    else
-        QORLOG(LOG_NOTE, "  (GetObjectHashCodGetObjectHashCode) Error expected: %d, got: %d",
-               JVMTI_ERROR_NONE, error);
-}
-
 // A socket that was closed has no descriptor any more.
 void ReadSocket(jobject connection, int32_t direct, QorDBRequestData *record) {
     int64_t fd = -1;
@@ -205,7 +195,7 @@ void ReadDirect(const ObjectRow &row, jobject object, bool isFrame, QorDBRequest
         return;
     QorReadStringField(connection, "url", record->url, sizeof record->url);
     QorReadStringField(connection, "user", record->user, sizeof record->user);
-    ReadHash(connection, record);
+    QorReadConnectionHash(connection, record);
     ReadSocket(connection, 0, record);
 }
 
@@ -213,7 +203,7 @@ void ReadDirect(const ObjectRow &row, jobject object, bool isFrame, QorDBRequest
 void ReadConnection(jobject connection, int32_t urlSize, UserFields *seen, QorDBRequestData *record) {
     QorReadStringField(connection, "url", record->url, urlSize);
     ReadUser(connection, seen, record->user);
-    ReadHash(connection, record);
+    QorReadConnectionHash(connection, record);
     ReadSocket(connection, 1, record);
 }
 
@@ -301,6 +291,21 @@ void QorForgetDriverClasses() {
     failedTries = 0;
 }
 
+void QorReadConnectionHash(jobject object, QorDBRequestData *record) {
+    jint hash = 0;
+    const jvmtiError error = jvmti->GetObjectHashCode(object, &hash);
+    if (error == JVMTI_ERROR_NONE)
+        record->connectionHash = hash;
+    else
+        QORLOG(LOG_NOTE, "  (GetObjectHashCodGetObjectHashCode) Error expected: %d, got: %d",
+               JVMTI_ERROR_NONE, error);
+}
+
+void QorReadSqlText(jstring sql, QorDBRequestData *record) {
+    record->sqlRef = AsNumber(sql);
+    ReadSqlText(sql, gbSqlQueryLength, LOG_TRACE, record);
+}
+
 void QorExtractDBSocketData(int64_t fd, QorDBRequestData *record) {
     QorGetSocketAddresses(fd, &record->localPort, &record->remotePort, record->remoteHost,
                           sizeof record->remoteHost);
@@ -322,7 +327,7 @@ void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *recor
                                             statement);
     if (!connection)
         return;
-    ReadHash(connection, record);
+    QorReadConnectionHash(connection, record);
     QorReadStringField(connection, "_url", record->url, sizeof record->url);
     QORLOG(LOG_NOTE, "DB URL %s", record->url);
     QorStrncpy(record->user, "sa", sizeof record->user, sizeof record->user);

@@ -30,6 +30,15 @@ int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int
 // answer is -1.
 int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess);
 
+// Descriptor of a java.net.Socket, by the fields of the JVM's own classes. 0, or -1 for any other object.
+int32_t QorGetFdFromSocket(jobject socket, int64_t *fd);
+
+// A statement's text into the record, with its id when it is cut; nothing without `dbquery`.
+void QorReadSqlText(jstring sql, QorDBRequestData *record);
+
+// What tells one connection from another in the cache: the hash code of an object that is its own.
+void QorReadConnectionHash(jobject object, QorDBRequestData *record);
+
 // Ports and peer of a socket into the record; for anything else ports 0 and no host.
 void QorExtractDBSocketData(int64_t fd, QorDBRequestData *record);
 

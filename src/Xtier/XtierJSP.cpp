@@ -104,25 +104,6 @@ void ReadEnvironment(jobject object, const char *path, char *url) {
         QorReadValueText(static_cast<jstring>(value), url, REQUEST_TEXT_SIZE);
 }
 
-// The bytes are of no known encoding, and the text ends where the record does.
-void CopyBytes(jbyteArray data, int32_t offset, int32_t length, char *url) {
-    const jsize size = QorGetArrayLength(jvmtijni_env, data);
-    if (size < 1 || static_cast<int64_t>(offset) + length > size)
-        return;
-    const int32_t count = std::min<int32_t>(length, REQUEST_TEXT_SIZE - 1);
-    jvmtijni_env->GetByteArrayRegion(data, offset, count, reinterpret_cast<jbyte *>(url));
-    if (QorClearException(jvmtijni_env)) {
-        url[0] = 0;
-        return;
-    }
-    std::replace(url, url + count, '\0', '?');
-    url[count] = 0;
-    if (count < length)
-        QorDropPartialCharacter(url, count);
-    QorReplaceForeignBytes(url);
-    QorBlankSeparators(url);
-}
-
 void ReadBytes(jobject object, const char *path, char *url) {
     jobject bytes = QorFollowObjectMap(path, object), data = nullptr;
     if (!bytes)
@@ -130,8 +111,8 @@ void ReadBytes(jobject object, const char *path, char *url) {
     int32_t offset = 0, length = 0;
     if (QorGetIntObjectField(bytes, "offset", "I", &offset) == 0 &&
         QorGetIntObjectField(bytes, "length", "I", &length) == 0 &&
-        QorGetObjField(bytes, "data", "[B", &data) == 0 && data && length > 0 && offset >= 0)
-        CopyBytes(static_cast<jbyteArray>(data), offset, length, url);
+        QorGetObjField(bytes, "data", "[B", &data) == 0 && data)
+        QorReadByteText(static_cast<jbyteArray>(data), offset, length, url, REQUEST_TEXT_SIZE);
 }
 
 // Two texts, each of which may be missing, with `between` where both are there.

@@ -6,6 +6,7 @@
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorsettings.h"
+#include "qortiers.h"
 #include "qorutil.h"
 #include "trycatch.h"
 
@@ -232,6 +233,7 @@ KnownMethod *KeepReading(jmethodID method, QorFrameDetail detail, MethodSlot *sl
     facts.classLength = reading.classLength;
     facts.fileLength = fileLength;
     facts.callType = checkSystemCall(facts.className, facts.method) ? 0 : 1;
+    facts.tiers = QorTierKindsOf(facts.className, facts.method);
     facts.lineCount = reading.lineCount;
     facts.lines = reading.lines;
     known->hasFile = detail == FRAME_WITH_FILE_AND_LINE;

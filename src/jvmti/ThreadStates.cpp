@@ -2,6 +2,7 @@
 
 #include "qorStrUtils.h"
 #include "qorlog.h"
+#include "qortiers.h"
 
 #include <cstring>
 
@@ -153,7 +154,8 @@ int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thr
         SetState(thread, STATE_OBJECT_WAIT);
     // A driver deep in the stack marks a runnable thread as waiting for the database.
     if ((thread->state == STATE_RUNNABLE || thread->state == STATE_NETWORK_WAIT) &&
-        (StartsWith(className, "tessar.net.") || StartsWith(className, "ferrule.jdbc.")))
+        (StartsWith(className, "tessar.net.") || StartsWith(className, "ferrule.jdbc.") ||
+         (frame->facts && (frame->facts->tiers & TIER_DB_STATE))))
         SetState(thread, STATE_DB_WAIT);
     if (frame->frameIndex - thread->nativeWaitFrames < RMI_DEPTH &&
         (thread->state == STATE_OBJECT_WAIT || thread->state == STATE_OTHER) &&

@@ -82,6 +82,7 @@ struct QorMethodFacts {
     const char *method, *className, *fileName;
     int32_t methodLength, classLength, fileLength;
     int32_t callType;
+    uint32_t tiers; // QorTierKindsOf
     jint lineCount; // 0: no line table
     jvmtiLineNumberEntry *lines;
 };

@@ -8,6 +8,8 @@
 #include "qortiers.h"
 #include "request_text.h"
 
+#include "Xtier/LocalWalk.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +29,7 @@ void AddPiece(const char *text) {
 void EndText(const char *crc) {
     const QorTierFault fault = QorEndTiers(static_cast<uint32_t>(strtoul(crc, nullptr, HEXADECIMAL)));
     if (!fault.reason) {
+        QorForgetBoringClasses(); // the objects of other classes are of interest now
         QOR_REPLY("Tier rules in force: %d lines", QorTierLineCount());
     } else if (fault.line > 0) {
         QOR_REPLY("Tier rules refused: line %d: %s", fault.line, fault.reason);

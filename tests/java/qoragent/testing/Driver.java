@@ -1,0 +1,36 @@
+package qoragent.testing;
+
+import java.io.IOException;
+import java.net.InetAddress;
+import java.net.ServerSocket;
+import java.net.Socket;
+import java.nio.channels.SocketChannel;
+
+/** An object as a driver has it, for rules: with texts, an array and its index, bytes and their range, sockets. */
+public final class Driver {
+    Driver self = this;
+    Object any = "text of any";
+    String text = "text";
+    String none;
+    Object[] queue = {this, "first", null};
+    int[][] numbers = {{1}};
+    int head;
+    byte[] bytes = "GET /shop/orders HTTP".getBytes(java.nio.charset.StandardCharsets.US_ASCII);
+    int from = 4;
+    int to = 16;
+    ServerSocket server;
+    Socket socket;
+    Socket channel;
+
+    public static Driver open() throws IOException {
+        Driver driver = new Driver();
+        driver.server = new ServerSocket(0, 2, InetAddress.getLoopbackAddress());
+        driver.socket = new Socket(driver.server.getInetAddress(), driver.server.getLocalPort());
+        driver.channel = SocketChannel.open(driver.server.getLocalSocketAddress()).socket();
+        return driver;
+    }
+
+    public static long localPort(Driver driver, boolean ofChannel) {
+        return (ofChannel ? driver.channel : driver.socket).getLocalPort();
+    }
+}

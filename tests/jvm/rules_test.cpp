@@ -1,0 +1,102 @@
+// Objects read by rules, which may be wrong in any way.
+#include "JvmFixture.h"
+#include "ModelObjects.h"
+#include "TierText.h"
+#include "Xtier/XtierRules.h"
+#include "qorsettings.h"
+
+namespace {
+
+constexpr char DRIVER[] = "qoragent/testing/Driver";
+constexpr char SIGNATURE[] = "Lqoragent/testing/Driver;";
+
+struct Rules : SessionTest {
+    void SetUp() override {
+        SessionTest::SetUp();
+        qorDBQuery = 1;
+        gbSqlQueryLength = 4096;
+        driver = CallObject(DRIVER, "open", "()Lqoragent/testing/Driver;");
+    }
+    void TearDown() override {
+        SetTiers("");
+        qorDBQuery = 0;
+        SessionTest::TearDown();
+    }
+    // The record of a database call by these ways, and the URL of a request by the last of them.
+    void Read(const std::string &ways) {
+        EXPECT_EQ("", SetTiers(std::string("object db ") + SIGNATURE + "\n" + ways));
+        const ModelEntry entry(LOCAL_DATABASE_CALL, SIGNATURE, driver);
+        QorClearDBRequestData(&record);
+        found = QorReadDatabaseByRules(entry, &record);
+    }
+    std::string UrlBy(const std::string &way) {
+        Read("url " + way);
+        const std::string url = record.url;
+        EXPECT_EQ(!url.empty(), found) << way;
+        return url;
+    }
+
+    jobject driver = nullptr;
+    QorDBRequestData record;
+    bool found = false;
+};
+
+} // namespace
+
+TEST_F(Rules, FollowEachWayOfAnEmptyField) {
+    Read("url none,Ljava/lang/String;\nurl text,Ljava/lang/String;\nurl any,Ljava/lang/Object;\n"
+         "sql self,Lqoragent/testing/Driver;|self,Lqoragent/testing/Driver;|any,Ljava/lang/Object;\n"
+         "user bytes,[B:from:to\nsocket self,Lqoragent/testing/Driver;|socket,Ljava/net/Socket;");
+    EXPECT_TRUE(found);
+    EXPECT_STREQ("text", record.url);
+    EXPECT_STREQ("text of any", record.sqlText);
+    EXPECT_NE(0, record.sqlRef);
+    EXPECT_STREQ("/shop/orders", record.user);
+    EXPECT_STREQ("127.0.0.1", record.remoteHost);
+    EXPECT_NE(0, record.connectionHash);
+    for (const bool ofChannel : {false, true}) {
+        Read(ofChannel ? "socket channel,Ljava/net/Socket;" : "socket socket,Ljava/net/Socket;");
+        EXPECT_EQ(CallLong(DRIVER, "localPort", "(Lqoragent/testing/Driver;Z)J", driver, ofChannel),
+                  record.localPort);
+    }
+}
+
+TEST_F(Rules, AWrongWayLeavesItsFieldEmpty) {
+    const std::string queue = "queue,[Ljava/lang/Object;@head", bytes = "bytes,[B:from:to";
+    const struct {
+        const char *head, *from, *to;
+        std::string way, url;
+    } WAYS[] = {
+        {"1", "4", "16", queue, "first"},
+        {"0", "4", "16", queue + "|text,Ljava/lang/String;", "text"}, // a cycle has as many steps as its way
+        {"0", "4", "16", queue, ""},                                  // no text
+        {"2", "4", "16", queue, ""},
+        {"3", "4", "16", queue, ""},
+        {"-1", "4", "16", queue, ""},
+        {"2", "4", "16", queue + "|text,Ljava/lang/String;", ""},
+        {"1", "4", "16", queue + "|text,Ljava/lang/String;", ""},
+        {"0", "4", "16", "numbers,[[I@head", ""},
+        {"0", "4", "16", "numbers,[[I@head|text,Ljava/lang/String;", ""},
+        {"0", "4", "16", "queue,[Ljava/lang/Object;@text", ""},
+        {"0", "4", "16", "queue,[Ljava/lang/String;@head", ""},
+        {"0", "0", "21", bytes, "GET /shop/orders HTTP"},
+        {"0", "0", "22", bytes, ""},
+        {"0", "5", "5", bytes, ""},
+        {"0", "-2147483648", "2147483647", bytes, ""},
+        {"0", "2147483647", "-2147483648", bytes, ""},
+        {"0", "4", "16", "bytes,[B:from:text", ""},
+        {"0", "4", "16", "text,Ljava/lang/Object;", ""},
+        {"0", "4", "16", "self,Lqoragent/testing/Driver;", ""},
+        {"0", "4", "16", "nothing,La/B;|text,Ljava/lang/String;", ""},
+        {"0", "4", "16", std::string(3900, 'x') + ",Ljava/lang/String;", ""},
+        {"0", "4", "16", "\xff\xc3,Ljava/lang/String;", ""},
+    };
+    for (const auto &row : WAYS) {
+        Plant(driver, "head,I", row.head);
+        Plant(driver, "from,I", row.from);
+        Plant(driver, "to,I", row.to);
+        EXPECT_EQ(row.url, UrlBy(row.way)) << row.way.substr(0, 80) << row.head << " " << row.from;
+    }
+    Read("socket self,Lqoragent/testing/Driver;\nsocket socket,Ljava/net/Socket;|impl,Ljava/net/SocketImpl;");
+    EXPECT_EQ(-1, record.fd);
+}
