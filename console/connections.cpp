@@ -31,6 +31,10 @@ std::string PortText(unsigned port) {
     return port ? std::to_string(port) : "-";
 }
 
+std::string OrDash(std::string text) {
+    return text.empty() ? "-" : text;
+}
+
 } // namespace
 
 std::vector<DbConnection> FindConnections(const ThreadSample &sample) {
@@ -48,13 +52,28 @@ std::vector<DbConnection> FindConnections(const ThreadSample &sample) {
     return connections;
 }
 
+std::string DatabaseName(std::string_view url) {
+    size_t end = url.find_first_of("?;");
+    std::string_view properties = end == url.npos ? "" : url.substr(end);
+    std::string_view name = url.substr(0, end);
+    for (std::string_view key : {"databaseName=", "database="})
+        if (size_t at = properties.find(key); at != properties.npos) {
+            properties.remove_prefix(at + key.size());
+            return std::string(properties.substr(0, properties.find_first_of(";&")));
+        }
+    size_t server = name.find("//");
+    size_t start = server == name.npos ? name.rfind(':') : name.find('/', server + 2);
+    return start == name.npos ? "" : std::string(name.substr(start + 1));
+}
+
 std::string ConnectionTable(const std::vector<DbConnection> &connections, const Style &style) {
-    Table table({{"CLIENT PORT", true}, {"SERVER"}, {"USER"}, {"URL"}, {"THREADS"}, {"SQL"}});
+    Table table({{"CLIENT PORT", true}, {"SERVER"}, {"USER"}, {"DATABASE"}, {"URL"}, {"THREADS"}, {"SQL"}});
     for (const DbConnection &connection : connections) {
         const DbWait &call = connection.call;
         std::string server = AddressText(call.remote_host.value_or("-"), call.remote_port);
-        table.Add({PortText(call.local_port), server, call.user.value_or("-"), call.url.value_or("-"),
-                   ThreadNames(connection), call.sql.value_or("")});
+        table.Add({PortText(call.local_port), server, call.user.value_or("-"),
+                   OrDash(DatabaseName(*call.url)), call.url.value_or("-"), ThreadNames(connection),
+                   call.sql.value_or("")});
     }
     return table.Text(style);
 }
@@ -65,6 +84,8 @@ Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadS
         Json row = DbJson(connection.call);
         for (const char *of_a_call : {"sample_time", "sql_ref", "sql"})
             row.erase(of_a_call);
+        std::string database = DatabaseName(*connection.call.url);
+        row["database"] = database.empty() ? Json() : Json(database);
         row["threads"] = Json::array();
         for (const Thread *thread : connection.threads)
             row["threads"].push_back({{"name", thread->name},

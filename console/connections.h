@@ -23,6 +23,9 @@ struct DbConnection {
 // Points into the sample.
 std::vector<DbConnection> FindConnections(const ThreadSample &sample);
 
+// The database that a JDBC URL names, "" when it names none: a property, or what follows the server's name.
+std::string DatabaseName(std::string_view url);
+
 std::string ConnectionTable(const std::vector<DbConnection> &connections, const Style &style);
 Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadSample &sample);
 

@@ -22,11 +22,12 @@ import jstack
 from dumps import Dumps, LateDumps
 from harness import (LIMIT, SETTINGS, Application, Case, OfTheDemo, in_root, leftovers, process_state, qorctl,
                      wait_until)
+from products import Products
 from sessions import Sessions
 from tiers import Tiers
 from views import Memory, Views
 
-__all__ = ["Dumps", "LateDumps", "Memory", "Sessions", "Tiers", "Views"]  # groups of other files
+__all__ = ["Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views"]  # groups of other files
 
 
 class Sample(OfTheDemo):
