@@ -15,12 +15,17 @@ MARK = b"|\t|\t\t||"
 
 
 class Relay(threading.Thread):
-    """Stands in for an agent in the process `pid`: `answer(request)` is what it says to each, None for nothing."""
+    """Stands in for an agent in a process of its own, `process`, whose socket it is.
 
-    def __init__(self, pid, answer):
+    `answer(request)` is what it says to each, None for nothing.
+    """
+
+    def __init__(self, answer):
         super().__init__(daemon=True)
         self.answer = answer
         self.server = socket.create_server(("127.0.0.1", 0))
+        self.process = subprocess.Popen(["sleep", "170"], pass_fds=[self.server.fileno()])
+        pid = self.process.pid
         directory = f"/tmp/qoragent-{os.geteuid()}"
         with contextlib.suppress(FileExistsError):
             os.mkdir(directory, 0o700)
@@ -50,6 +55,8 @@ class Relay(threading.Thread):
         self.server.shutdown(socket.SHUT_RDWR)
         self.server.close()
         os.unlink(self.endpoint)
+        self.process.kill()
+        self.process.wait()
 
 
 class Dumps(OfTheDemo):
@@ -166,7 +173,7 @@ class Slow(threading.Event):
     def answer(self, request):
         if "forkstate" in request:
             return "forkstate=1 forkdump=0 "
-        self.flags.add(int(request.split("|")[0]) & 3072)
+        self.flags.add(int(request.split("|")[0]) & 6144)
         if "ClassHistogramOnly" in request:
             return self.histograms.pop(0)
         if "qorheapdir" in request:
@@ -187,11 +194,9 @@ class LateDumps(Case):
         holder = tempfile.TemporaryDirectory(prefix="qor-dumps-")
         self.addCleanup(holder.cleanup)
         self.slow = Slow(holder.name)
-        self.process = subprocess.Popen(["sleep", "170"])
-        self.addCleanup(self.process.wait)
-        self.addCleanup(self.process.kill)
-        relay = Relay(self.process.pid, self.slow.answer)
+        relay = Relay(self.slow.answer)
         self.addCleanup(relay.close)
+        self.process = relay.process
 
     def start(self, *options, **streams):
         command = [SETTINGS.qorctl, "dump", str(self.process.pid), self.slow.path, *options]

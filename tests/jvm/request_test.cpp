@@ -46,7 +46,7 @@ void WaitForIdleWorker() {
 }
 
 void WaitForRequestInHand() {
-    while (qorlocks[1] == 0 || workerBusy == 0)
+    while (qorlocks[1] == 0 || workerBusy == 0 || qor_can_read_internal(pipe_fd_PP[0], 0))
         std::this_thread::yield();
 }
 
