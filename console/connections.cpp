@@ -72,8 +72,8 @@ std::string ConnectionTable(const std::vector<DbConnection> &connections, const 
         const DbWait &call = connection.call;
         std::string server = AddressText(call.remote_host.value_or("-"), call.remote_port);
         table.Add({PortText(call.local_port), server, call.user.value_or("-"),
-                   OrDash(DatabaseName(*call.url)), call.url.value_or("-"), ThreadNames(connection),
-                   call.sql.value_or("")});
+                   OrDash(DatabaseName(call.url.value_or(""))), call.url.value_or("-"),
+                   ThreadNames(connection), call.sql.value_or("")});
     }
     return table.Text(style);
 }
@@ -84,7 +84,7 @@ Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadS
         Json row = DbJson(connection.call);
         for (const char *of_a_call : {"sample_time", "sql_ref", "sql"})
             row.erase(of_a_call);
-        std::string database = DatabaseName(*connection.call.url);
+        std::string database = DatabaseName(connection.call.url.value_or(""));
         row["database"] = database.empty() ? Json() : Json(database);
         row["threads"] = Json::array();
         for (const Thread *thread : connection.threads)

@@ -45,6 +45,7 @@ public class OptionsTest {
             {"sqlsize", "4096"},
             {"localquota", "1"},
             {"handquota", "5"},
+            {"tiers", ""},
             {"stackqueried", "1000"},
             {"stackrecorded", "300"},
             {"forkdump", "false"},

@@ -184,10 +184,17 @@ TEST(Connections, OneRowForASocket) {
     std::vector<DbConnection> connections = FindConnections(sample);
     ASSERT_EQ(connections.size(), 3u);
     EXPECT_EQ(ConnectionTable(connections, Style()),
-              "CLIENT PORT  SERVER          USER   URL     THREADS       SQL\n"
-              "      40001  127.0.0.1:1521  scott  jdbc:x  t1 #1, t4 #4  select 1\n"
-              "          -  -               sa     jdbc:y  t3 #3\n"
-              "          -  -               sa     jdbc:y  t5 #5\n");
+              "CLIENT PORT  SERVER          USER   DATABASE  URL     THREADS       SQL\n"
+              "      40001  127.0.0.1:1521  scott  x         jdbc:x  t1 #1, t4 #4  select 1\n"
+              "          -  -               sa     y         jdbc:y  t3 #3\n"
+              "          -  -               sa     y         jdbc:y  t5 #5\n");
+    const char *const databases[][2] = {{"jdbc:postgresql://h:5432/shop?ssl=true", "shop"},
+                                        {"jdbc:sqlserver://h:1433;databaseName=shop;encrypt=true", "shop"},
+                                        {"jdbc:tessar:thin:@h:1521:SHOP", "SHOP"},
+                                        {"jdbc:postgresql://h", ""},
+                                        {"", ""}};
+    for (const auto &row : databases)
+        EXPECT_EQ(DatabaseName(row[0]), row[1]) << row[0];
     Json json = ConnectionsJson(connections, sample);
     EXPECT_EQ(json["connections"][0]["threads"].size(), 2u);
     EXPECT_EQ(json["connections"][0]["threads"][1]["key"], "1-4");
