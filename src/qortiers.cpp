@@ -58,10 +58,18 @@ uint32_t Crc32(Text text) {
     return ~crc;
 }
 
+// The text from `from` on, at most `size` bytes of it. The standard's own throws, and what throws brings its
+// machinery along.
+Text Piece(Text text, size_t from, size_t size = Text::npos) {
+    text.remove_prefix(std::min(from, text.size()));
+    text.remove_suffix(text.size() - std::min(size, text.size()));
+    return text;
+}
+
 // Cuts the text off in front of the first of `ends`, which goes too; all of it when there is none.
 Text Take(Text *text, const char *ends) {
     const size_t at = text->find_first_of(ends);
-    const Text taken = text->substr(0, at);
+    const Text taken = Piece(*text, 0, at);
     text->remove_prefix(at == Text::npos ? text->size() : at + 1);
     return taken;
 }
@@ -78,20 +86,20 @@ bool IsName(Text text) {
 
 bool IsClassSignature(Text text) {
     return text.size() > 2 && text.front() == 'L' && text.back() == ';' &&
-           text.substr(1, text.size() - 2).find_first_of(";,|@:[") == Text::npos;
+           Piece(text, 1, text.size() - 2).find_first_of(";,|@:[") == Text::npos;
 }
 
 bool IsArrayOfObjects(Text text) {
     const size_t rank = text.find_first_not_of('[');
     return rank != 0 && rank != Text::npos &&
-           (IsClassSignature(text.substr(rank)) || (rank > 1 && text.size() == rank + 1));
+           (IsClassSignature(Piece(text, rank)) || (rank > 1 && text.size() == rank + 1));
 }
 
 // A step leads to an object, to an element of an array or, as the last one, to a range of a byte array.
 const char *FaultOfStep(Text step, bool isLast, bool isSocket) {
     const Text name = Take(&step, ",");
-    const Text signature = step.substr(0, step.find_first_of("@:"));
-    Text end = step.substr(signature.size());
+    const Text signature = Piece(step, 0, step.find_first_of("@:"));
+    Text end = Piece(step, signature.size());
     if (!IsName(name))
         return "a step needs the form FIELD,SIGNATURE";
     if (end.empty())
@@ -203,7 +211,7 @@ const char *ReadLine(Arena *arena, Text line) {
 }
 
 bool BeginsWith(Text text, Text start) {
-    return text.substr(0, start.size()) == start;
+    return Piece(text, 0, start.size()) == start;
 }
 
 // Drops prefixes that begin with another one: of the rest, a name can begin only with the one that comes last

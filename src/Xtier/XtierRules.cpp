@@ -8,6 +8,7 @@
 #include "jvmti/Session.h"
 #include "qortiers.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 
@@ -72,7 +73,9 @@ bool Follow(char *step, Found *at) {
 // The references of the way stay with the caller's frame.
 Found FollowWay(std::string_view way, jobject object) {
     char copy[TIER_WAY_SIZE + 1];
-    copy[way.copy(copy, TIER_WAY_SIZE)] = 0;
+    const size_t length = std::min(way.size(), sizeof copy - 1);
+    memcpy(copy, way.data(), length);
+    copy[length] = 0;
     Found at = {object, 0, 0};
     for (char *step = copy, *next; step; step = next) {
         next = Cut(step, "|");
