@@ -1,10 +1,10 @@
 #include "MonitorMemo.h"
 
 #include "JniCalls.h"
+#include "MonitorsManagement.h"
 #include "Session.h"
 #include "qorlog.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
@@ -31,10 +31,12 @@ struct Entry {
     int64_t tid;
     jlong cpu; // MOVED: the answer serves this walk only
     uint64_t stack;
-    uint32_t met, asked; // numbers of walks
+    int64_t waits; // as the JVM counted them when it told the monitors
+    uint32_t met;  // number of the walk
     int32_t count;
     HeldMonitor *held;
-    char *parked; // null: not known; "": by nothing
+    jweak blocker; // what it was last parked by; null: not known
+    char *parked;
     int64_t parkedId;
 };
 
@@ -135,10 +137,18 @@ Entry *AddEntry(int64_t tid, jthread thread) {
     return entry;
 }
 
+void ForgetParked(Entry *entry) {
+    if (entry->blocker)
+        jvmtijni_env->DeleteWeakGlobalRef(entry->blocker);
+    entry->blocker = nullptr;
+    free(entry->parked);
+    entry->parked = nullptr;
+}
+
 void FreeEntry(Entry *entry) {
     jvmtijni_env->DeleteWeakGlobalRef(entry->thread);
+    ForgetParked(entry);
     free(entry->held);
-    free(entry->parked);
     free(entry);
 }
 
@@ -164,6 +174,12 @@ void OpenWalk() {
     memset(looks, 0, sizeof looks);
 }
 
+// Whether the thread is in the wait that it was in when the JVM told its monitors.
+bool InTheSameWait(const QorThreadHandle *handle, int32_t index, const Entry &entry) {
+    constexpr jint COUNTED = JVMTI_THREAD_STATE_WAITING | JVMTI_THREAD_STATE_BLOCKED_ON_MONITOR_ENTER;
+    return (QorWalkStack(handle, index)->state & COUNTED) && QorGetWaitCount(handle, index) == entry.waits;
+}
+
 LookState LookAt(const QorThreadHandle *handle, int32_t index, Look *look) {
     const jvmtiStackInfo *stack = QorWalkStack(handle, index);
     look->tid = QorGetWalkThreadId(handle, index);
@@ -175,18 +191,10 @@ LookState LookAt(const QorThreadHandle *handle, int32_t index, Look *look) {
     look->entry = FindEntry(look->tid, handle->threads[index]);
     if (!look->entry)
         return TO_ASK;
-    look->entry->met = walkNumber;
-    return look->entry->cpu == look->cpu && look->entry->stack == look->stack ? KNOWN : TO_ASK;
-}
-
-bool SameMonitors(const Entry &entry, const QorMonitorRecord *records, int32_t count) {
-    if (entry.count != count)
-        return false;
-    for (int32_t i = 0; i < count; i++)
-        if (entry.held[i].lockId != records[i].lockId || entry.held[i].stackDepth != records[i].stackDepth ||
-            strcmp(entry.held[i].description, records[i].description) != 0)
-            return false;
-    return true;
+    Entry *entry = look->entry;
+    entry->met = walkNumber;
+    const bool stood = entry->cpu == look->cpu && entry->stack == look->stack;
+    return stood && (entry->count == 0 || InTheSameWait(handle, index, *entry)) ? KNOWN : TO_ASK;
 }
 
 // Puts the records into the entry. False without memory; it then has none.
@@ -228,37 +236,27 @@ bool QorMemoMustAsk(const QorThreadHandle *handle, int32_t index) {
     return look->state == TO_ASK;
 }
 
-int32_t QorMemoOldest(int32_t *indexes, int32_t wanted) {
-    int32_t known[MAX_WALK_THREADS], count = 0;
-    for (int32_t i = 0; i < MAX_WALK_THREADS; i++)
-        if (looks[i].state == KNOWN && looks[i].entry && looks[i].entry->asked != walkNumber)
-            known[count++] = i;
-    const int32_t taken = std::min(wanted, count);
-    std::partial_sort_copy(known, known + count, indexes, indexes + taken, [](int32_t a, int32_t b) {
-        return looks[a].entry->asked < looks[b].entry->asked;
-    });
-    return taken;
+bool QorMemoHolds(int64_t tid) {
+    for (const Entry *entry = *BucketOf(tid); entry; entry = entry->next)
+        if (entry->tid == tid && entry->count > 0)
+            return true;
+    return false;
 }
 
 void QorMemoStore(const QorThreadHandle *handle, int32_t index, const QorMonitorRecord *records,
-                  int32_t count, bool answered) {
+                  int32_t count, int64_t waits) {
     Look *look = &looks[index];
-    const bool wasKnown = look->state == KNOWN;
     look->state = ASKED;
     jlong after = MOVED;
-    const bool stood = answered && ReadClock(handle->threads[index], &after) && after == look->cpu;
-    if (wasKnown && stood && !SameMonitors(*look->entry, records, count))
-        TurnOff("a thread's monitors changed while its processor clock stood still");
+    const bool stood = waits >= 0 && ReadClock(handle->threads[index], &after) && after == look->cpu;
     if (!look->entry)
         look->entry = AddEntry(look->tid, handle->threads[index]);
     if (!look->entry)
         return;
     Entry *entry = look->entry;
-    entry->asked = walkNumber;
     entry->stack = look->stack;
+    entry->waits = waits;
     entry->cpu = Fill(entry, records, count) && stood ? after : MOVED;
-    free(entry->parked);
-    entry->parked = nullptr;
 }
 
 int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out) {
@@ -282,21 +280,23 @@ int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out) {
     return entry->count;
 }
 
-int32_t QorMemoParked(int32_t index, QorMonitorRecord *record) {
+bool QorMemoParked(int32_t index, jobject blocker, QorMonitorRecord *record) {
     const Entry *entry = walkOpen ? looks[index].entry : nullptr;
-    if (!entry || !entry->parked)
-        return -1;
+    if (!entry || !entry->blocker || !QorIsSameObject(jvmtijni_env, entry->blocker, blocker))
+        return false;
     record->lockId = entry->parkedId;
     strcpy(record->description, entry->parked); // from a record's own
-    return entry->parked[0] ? 1 : 0;
+    return true;
 }
 
-// Read later than the clock: if the thread has run since, the entry doesn't fit its clock in the next walk.
-void QorMemoKeepParked(int32_t index, const QorMonitorRecord *record) {
+void QorMemoKeepParked(int32_t index, jobject blocker, const QorMonitorRecord *record) {
     Entry *entry = walkOpen ? looks[index].entry : nullptr;
-    if (!entry || entry->parked)
+    if (!entry)
         return;
+    ForgetParked(entry);
     entry->parked = strdup(record->description);
+    entry->blocker = entry->parked ? jvmtijni_env->NewWeakGlobalRef(blocker) : nullptr;
+    QorClearException(jvmtijni_env);
     entry->parkedId = record->lockId;
 }
 

@@ -6,9 +6,15 @@
 // about. An answer is kept only if the clock didn't move while it was given. Threads that a walk doesn't meet
 // are forgotten at its close.
 //
+// The clock alone is no proof: the guest of a virtual machine takes stolen time off it, and it may stand
+// still across a short run. That doesn't matter for a thread that held nothing, as the same frames at the
+// same places hold the same number of monitors. One that held some must also be in the very wait that it was
+// in: the JVM counts each park, sleep, Object.wait and contended enter, and tells the count with the
+// monitors. A thread that isn't in one shows nothing of the kind, and is asked about if it held some.
+//
 // The memo is used where the JVM keeps the threads that a call deals with, grants can_get_thread_cpu_time,
-// and the worker's own clock grows with each read in steps of at most a microsecond. A read that fails, or a
-// kept answer that turns out to be wrong, ends it until the agent's next start.
+// and the worker's own clock grows with each read in steps of at most a microsecond. A read that fails ends
+// it until the agent's next start.
 //
 // Worker only, inside a walk of ThreadSystem.h.
 #pragma once
@@ -22,23 +28,22 @@ bool QorMemoUsable();
 // that is known, was asked about in this walk or has ended. The first call for a thread reads its clock.
 bool QorMemoMustAsk(const QorThreadHandle *handle, int32_t index);
 
-// Indexes of at most `wanted` threads that answered from the memo and were asked about longest ago. Their
-// number.
-int32_t QorMemoOldest(int32_t *indexes, int32_t wanted);
+// Whether monitors are kept of a thread of this id, so that QorMemoMustAsk may want the count of its waits.
+bool QorMemoHolds(int64_t tid);
 
-// Takes the bean's answer about a thread that QorMemoMustAsk or QorMemoOldest has named. `answered`: there
-// was one; without it the thread holds nothing in this walk and is asked about in the next.
+// Takes the bean's answer about a thread that QorMemoMustAsk has named, with the count of its waits by
+// QorGetWaitCount's rule. At -1 the answer serves this walk alone.
 void QorMemoStore(const QorThreadHandle *handle, int32_t index, const QorMonitorRecord *records,
-                  int32_t count, bool answered);
+                  int32_t count, int64_t waits);
 
 // Monitors of a thread that needs no asking: their number, with *out a calloc'ed array for the caller to
 // free, or 0 with *out as it was.
 int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out);
 
-// What the thread is parked by, which it changes itself as well: 1 with the record filled or 0 for nothing,
-// as kept by QorMemoKeepParked since the thread's clock last moved; -1 when that isn't known.
-int32_t QorMemoParked(int32_t index, QorMonitorRecord *record);
-void QorMemoKeepParked(int32_t index, const QorMonitorRecord *record);
+// The text of what the thread is parked by, if it is the object that QorMemoKeepParked was last told of: true
+// with the record filled.
+bool QorMemoParked(int32_t index, jobject blocker, QorMonitorRecord *record);
+void QorMemoKeepParked(int32_t index, jobject blocker, const QorMonitorRecord *record);
 
 // Whether the thread's monitors came from the bean in this walk.
 bool QorMemoWasAsked(int32_t index);

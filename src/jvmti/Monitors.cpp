@@ -267,18 +267,18 @@ bool QorMayWaitForLock(const QorThreadHandle *handle, int32_t index) {
 int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record) {
     if (!AtThread(handle) || !record || ChooseRoad() == ROAD_NONE)
         return 0;
-    const int32_t known = QorMemoParked(handle->index, record);
-    if (known >= 0)
-        return known;
     QorLocalFrame frame(jvmtijni_env, 4);
     jobject blocker = frame.pushed ? ParkBlocker(handle, handle->index) : nullptr;
-    jclass klass = blocker ? QorGetObjectClass(jvmtijni_env, blocker) : nullptr;
+    if (!blocker)
+        return 0;
+    if (QorMemoParked(handle->index, blocker, record))
+        return 1;
     jvmtiError error;
-    const int32_t found = ReadLockClass(klass, record->description, &error) == 1;
-    if (found)
-        NumberLock(blocker, record);
-    QorMemoKeepParked(handle->index, record);
-    return found;
+    if (ReadLockClass(QorGetObjectClass(jvmtijni_env, blocker), record->description, &error) != 1)
+        return 0;
+    NumberLock(blocker, record);
+    QorMemoKeepParked(handle->index, blocker, record);
+    return 1;
 }
 
 void describe(jvmtiError error) {

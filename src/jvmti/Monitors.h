@@ -4,11 +4,11 @@
 // refuse to an agent that came late; java.lang.management needs none and answers in text. `qorLockInfoLevel`
 // and the JVM's capabilities choose.
 //
-// The management road is asked in batches, as each call stops the JVM: contended locks for all threads of the
-// walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it walks their stacks,
-// and many short stops are kinder to the application than a long one). What was fetched lives until
-// QorCloseMonitorSample. Threads that haven't run since the last walk aren't asked about at all where
-// MonitorMemo.h can tell.
+// The management road is asked in batches, as each call stops the JVM: contended locks and counts of waits
+// for all threads of the walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it
+// walks their stacks, and many short stops are kinder to the application than a long one). What was fetched
+// lives until QorCloseMonitorSample. Threads that haven't run since the last walk aren't asked about at all
+// where MonitorMemo.h can tell.
 //
 // Everything here runs on the worker, inside a walk of ThreadSystem.h.
 #pragma once
@@ -17,8 +17,7 @@
 
 enum : int32_t {
     OWNED_BATCH = 32,
-    MEMO_BATCH = 64,    // where most threads answer from the memo
-    HEALED_A_BATCH = 4, // answers of the memo that such a batch has anew
+    MEMO_BATCH = 64, // where most threads answer from the memo
 };
 
 struct QorMonitorRecord {

@@ -16,7 +16,8 @@
 // whole call throw.
 //
 // Which lock a thread waits for, and who owns it, is asked for the threads alone that the snapshot shows
-// where they may wait, and never kept: the owner changes without their doing.
+// where they may wait, and never kept: the owner changes without their doing. The same call tells how often
+// the threads have waited whose monitors are remembered.
 
 namespace {
 
@@ -31,16 +32,16 @@ struct InfoBatch {
 struct MonitorSample {
     bool open;
     bool usable; // the bean is there and the JVM supports contention monitoring
-    bool contendedFetched;
+    bool waitsFetched;
     jobject bean; // global reference
     jmethodID getThreadInfos, getThreadInfosWithLocks, getThreadInfo;
-    jmethodID getLockOwnerId, getLockName, getLockedMonitors; // of ThreadInfo
-    jmethodID getLockedStackDepth, lockToString;              // of MonitorInfo and its superclass
-    int32_t largestBatch, lastBatch, ownedUsed; // threads to ask about, asked about, and of these looked at
+    jmethodID getLockOwnerId, getLockName, getLockedMonitors, getWaitedCount, getBlockedCount; // ThreadInfo's
+    jmethodID getLockedStackDepth, lockToString; // of MonitorInfo and its superclass
+    int32_t largestBatch, lastBatch, ownedUsed;  // threads to ask about, asked about, and of these looked at
 };
 
 MonitorSample sample;
-InfoBatch contended;
+InfoBatch waits;
 InfoBatch owned;
 
 // Looks a method id up once a sample.
@@ -109,17 +110,14 @@ jlongArray MakeIds(const jlong *ids, jsize count) {
 
 // The ids of the batch's threads as a Java array, with their positions noted. Null when there is nothing to
 // ask.
-jlongArray BatchIds(const QorThreadHandle *handle, const QorThreadRecord *thread, InfoBatch *batch,
-                    bool withMonitors) {
+jlongArray BatchIds(const QorThreadHandle *handle, InfoBatch *batch, bool withMonitors) {
     jlong ids[MAX_WALK_THREADS];
     jsize count = 0;
     for (int32_t i = 0; i < batch->count; i++) {
         const int32_t index = batch->first + i;
         batch->position[i] = -1;
-        if (!withMonitors && !QorMayWaitForLock(handle, index))
-            continue;
-        const int64_t tid = index == handle->index ? thread->tid : QorGetWalkThreadId(handle, index);
-        if (tid <= 0)
+        const int64_t tid = QorGetWalkThreadId(handle, index);
+        if (tid <= 0 || !(withMonitors || QorMemoHolds(tid) || QorMayWaitForLock(handle, index)))
             continue;
         batch->position[i] = static_cast<int16_t>(count);
         ids[count++] = tid;
@@ -140,13 +138,13 @@ jobject AskBean(jlongArray ids, bool withMonitors) {
 }
 
 // Asks the bean for `count` threads from `first` on, with their locked monitors or without stacks and locks.
-void FetchBatch(const QorThreadHandle *handle, const QorThreadRecord *thread, InfoBatch *batch, int32_t first,
-                int32_t count, bool withMonitors) {
+void FetchBatch(const QorThreadHandle *handle, InfoBatch *batch, int32_t first, int32_t count,
+                bool withMonitors) {
     DropBatch(batch);
     batch->first = first;
     batch->count = count < handle->count - first ? count : handle->count - first;
     QorLocalFrame frame(jvmtijni_env, 4);
-    jlongArray ids = frame.pushed ? BatchIds(handle, thread, batch, withMonitors) : nullptr;
+    jlongArray ids = frame.pushed ? BatchIds(handle, batch, withMonitors) : nullptr;
     if (jobject infos = ids ? AskBean(ids, withMonitors) : nullptr)
         batch->infos = static_cast<jobjectArray>(QorNewGlobalRef(jvmtijni_env, infos));
 }
@@ -174,14 +172,14 @@ int32_t NextOwnedBatch() {
 }
 
 // The owned batch that holds the thread at the cursor.
-void HaveOwnedBatch(const QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope) {
+void HaveOwnedBatch(const QorThreadHandle *handle, QorMonitorScope scope) {
     if (scope == MONITORS_OF_ONE_THREAD) {
-        FetchBatch(handle, thread, &owned, handle->index, 1, true);
+        FetchBatch(handle, &owned, handle->index, 1, true);
         return;
     }
     if (InBatch(owned, handle->index))
         return;
-    FetchBatch(handle, thread, &owned, handle->index, NextOwnedBatch(), true);
+    FetchBatch(handle, &owned, handle->index, NextOwnedBatch(), true);
     sample.lastBatch = owned.count;
 }
 
@@ -247,14 +245,33 @@ jobjectArray LockedMonitors(jobject info) {
     return static_cast<jobjectArray>(monitors);
 }
 
+// Of a thread of the walk that may wait or that the memo holds: its ThreadInfo without stack and locks, a
+// local reference.
+jobject WaitInfo(const QorThreadHandle *handle, int32_t index) {
+    if (!sample.waitsFetched)
+        FetchBatch(handle, &waits, 0, MAX_WALK_THREADS, false);
+    sample.waitsFetched = true;
+    return BatchElement(&waits, index);
+}
+
+// The count by QorGetWaitCount's rule that a ThreadInfo, which may be null, tells.
+int64_t ReadWaitCount(jobject info) {
+    if (!info)
+        return -1;
+    if (!sample.getWaitedCount || !sample.getBlockedCount) {
+        jclass klass = QorGetObjectClass(jvmtijni_env, info);
+        if (!klass || !MethodOnce(&sample.getWaitedCount, klass, "getWaitedCount", "()J") ||
+            !MethodOnce(&sample.getBlockedCount, klass, "getBlockedCount", "()J"))
+            return -1;
+    }
+    return QorCallLongMethod(jvmtijni_env, info, sample.getWaitedCount) +
+           QorCallLongMethod(jvmtijni_env, info, sample.getBlockedCount);
+}
+
 // The thread's ThreadInfo without stack and locks, a local reference.
 jobject ContendedInfo(const QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope) {
-    if (scope == MONITORS_OF_THE_WALK) {
-        if (!sample.contendedFetched)
-            FetchBatch(handle, thread, &contended, 0, MAX_WALK_THREADS, false);
-        sample.contendedFetched = true;
-        return BatchElement(&contended, handle->index);
-    }
+    if (scope == MONITORS_OF_THE_WALK)
+        return WaitInfo(handle, handle->index);
     if (!sample.getThreadInfo || thread->tid <= 0)
         return nullptr;
     jobject info = jvmtijni_env->CallObjectMethod(sample.bean, sample.getThreadInfo, thread->tid);
@@ -289,21 +306,19 @@ void Remember(const QorThreadHandle *handle, int32_t index, int64_t tid, jobject
     jobject info = frame.pushed && infos ? QorGetObjectArrayElement(jvmtijni_env, infos, position) : nullptr;
     QorMonitorRecord *records = nullptr;
     const int32_t count = info ? ReadOwned(info, tid, &records) : 0;
-    QorMemoStore(handle, index, records, count, info);
+    QorMemoStore(handle, index, records, count, ReadWaitCount(info));
     free(records);
 }
 
-// Asks the bean about the thread at the cursor and those behind it that the memo doesn't know. A call is made
-// anyway, so that some of the oldest answers are had anew by it.
+// Asks the bean about the thread at the cursor and those behind it that the memo doesn't know.
 void AskForMemo(const QorThreadHandle *handle) {
-    int32_t indexes[MEMO_BATCH + HEALED_A_BATCH], count = 0;
+    int32_t indexes[MEMO_BATCH], count = 0;
     const int32_t most = NextOwnedBatch();
     for (int32_t i = handle->index; i < handle->count && count < most; i++)
         if (QorMemoMustAsk(handle, i))
             indexes[count++] = i;
     sample.lastBatch = count;
-    count += QorMemoOldest(indexes + count, HEALED_A_BATCH);
-    jlong ids[MEMO_BATCH + HEALED_A_BATCH];
+    jlong ids[MEMO_BATCH];
     for (int32_t i = 0; i < count; i++)
         ids[i] = QorGetWalkThreadId(handle, indexes[i]);
     QorLocalFrame frame(jvmtijni_env, 4);
@@ -329,7 +344,7 @@ int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const Qor
     QORLOG(LOG_TRACE, " Thread Id is %d, threadName:%s", static_cast<int>(thread->tid), thread->name);
     if (scope == MONITORS_OF_THE_WALK && QorMemoUsable())
         return OwnedByMemo(handle, out);
-    HaveOwnedBatch(handle, thread, scope);
+    HaveOwnedBatch(handle, scope);
     if (!owned.infos)
         return 0;
     sample.ownedUsed++;
@@ -364,9 +379,14 @@ int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const
     return 1;
 }
 
+int64_t QorGetWaitCount(const QorThreadHandle *handle, int32_t index) {
+    QorLocalFrame frame(jvmtijni_env, 4);
+    return frame.pushed && SampleUsable() ? ReadWaitCount(WaitInfo(handle, index)) : -1;
+}
+
 void QorCloseMonitorSample() {
     QorCloseMemoWalk();
-    DropBatch(&contended);
+    DropBatch(&waits);
     DropBatch(&owned);
     if (sample.bean)
         QorDeleteGlobalRef(jvmtijni_env, sample.bean);
