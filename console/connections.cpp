@@ -31,7 +31,7 @@ std::string PortText(unsigned port) {
     return port ? std::to_string(port) : "-";
 }
 
-std::string OrDash(std::string text) {
+std::string OrDash(const std::string &text) {
     return text.empty() ? "-" : text;
 }
 

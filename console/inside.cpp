@@ -17,7 +17,7 @@ namespace qorctl {
 
 namespace {
 
-constexpr std::chrono::milliseconds LOOK_LIMIT(2000);
+constexpr std::chrono::milliseconds LOOK_LIMIT(2000), END_LIMIT(500);
 constexpr unsigned CHILD_SECONDS = 5; // should nobody be left to end it
 constexpr char ENTERED = '+';         // in front of a look's text
 
@@ -86,9 +86,12 @@ std::optional<std::string> LookInside(const Process &process,
         return std::nullopt;
     std::string text;
     bool whole = ReadAll(from_child.get(), &text, Clock::now() + LOOK_LIMIT);
-    kill(child, SIGKILL); // it may hang on a file system of the process's user, or be stopped by that user
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR)
-        ;
+    // It may be stopped by the process's user, or hang on a file system of that user's, where not even this
+    // ends it: it is left behind then.
+    kill(child, SIGKILL);
+    const auto patience = Clock::now() + END_LIMIT;
+    while (waitpid(child, nullptr, WNOHANG) == 0 && Clock::now() < patience)
+        poll(nullptr, 0, 1);
     if (!whole || text.empty())
         return std::nullopt;
     return text.substr(1);

@@ -144,3 +144,39 @@ void QorReadByteText(jbyteArray bytes, int32_t offset, int32_t length, char *des
     QorReplaceForeignBytes(dest);
     QorBlankSeparators(dest);
 }
+
+namespace {
+
+// Puts at most three stars in the place of [start, end); returns where the text goes on.
+char *Hide(char *start, char *end) {
+    constexpr char STARS[] = "***";
+    const size_t stars = std::min(static_cast<size_t>(end - start), sizeof STARS - 1);
+    memcpy(start, STARS, stars);
+    memmove(start + stars, end, strlen(end) + 1);
+    return start + stars;
+}
+
+// "//user:secret@host" and "user/secret@host"; a user alone stays.
+void HideBeforeHost(char *url) {
+    char *const at = static_cast<char *>(memrchr(url, '@', strcspn(url, "?;")));
+    if (!at)
+        return;
+    const char *const authority = strstr(url, "//");
+    const bool hasAuthority = authority && authority < at;
+    char *const user = hasAuthority ? url + (authority + 2 - url) : url;
+    char *const end =
+        static_cast<char *>(memchr(user, hasAuthority ? ':' : '/', static_cast<size_t>(at - user)));
+    if (end)
+        Hide(end + 1, at);
+}
+
+} // namespace
+
+void QorHidePasswords(char *url) {
+    constexpr char PROPERTY[] = "password=";
+    HideBeforeHost(url);
+    for (char *at = url; (at = strcasestr(at, PROPERTY));) {
+        at += sizeof PROPERTY - 1;
+        at = Hide(at, at + strcspn(at, "&;,) "));
+    }
+}

@@ -34,3 +34,7 @@ int32_t QorReadStringField(jobject object, const char *field, char *dest, int32_
 // The text in a range of a byte array, cut at a character and fit for a record: bytes of no known encoding.
 // "" for a range that isn't one.
 void QorReadByteText(jbyteArray bytes, int32_t offset, int32_t length, char *dest, int32_t capacity);
+
+// Replaces what is secret in a connection's URL by "***": the value of each property whose name ends in
+// "password", and what follows the user in front of an "@". The text doesn't grow.
+void QorHidePasswords(char *url);

@@ -134,7 +134,9 @@ bool IsEmpty(const QorDBRequestData &record, QorTierField field) {
 bool ReadField(const Found &found, QorTierField field, QorDBRequestData *record) {
     switch (field) {
     case TIER_URL:
-        return ReadText(found, record->url, sizeof record->url);
+        if (ReadText(found, record->url, sizeof record->url))
+            QorHidePasswords(record->url);
+        return record->url[0];
     case TIER_SQL:
         return ReadSql(found, record);
     case TIER_USER:

@@ -82,3 +82,22 @@ TEST(ValueText, ReplacesBytesThatAreNoModifiedUtf8) {
     for (const auto &c : cases)
         EXPECT_EQ(Replaced(c.text), c.shown) << c.shown;
 }
+
+TEST(ValueText, HidesPasswordsOfUrls) {
+    struct {
+        std::string url, shown;
+    } cases[] = {
+        {"jdbc:postgresql://h:5432/shop?user=a@b&password=secret&sslPassword=x;ssl=true",
+         "jdbc:postgresql://h:5432/shop?user=a@b&password=***&sslPassword=*;ssl=true"},
+        {"jdbc:mysql://scott:ti:ger/x@h/shop", "jdbc:mysql://scott:***@h/shop"},
+        {"jdbc:mysql://scott@h:3306/shop", "jdbc:mysql://scott@h:3306/shop"},
+        {"jdbc:tessar:thin:scott/tiger@h:1521:SHOP", "jdbc:tessar:thin:scott/***@h:1521:SHOP"},
+        {"jdbc:tessar:thin:@//h:1521/SHOP", "jdbc:tessar:thin:@//h:1521/SHOP"},
+        {"jdbc:sqlserver://h:1433;user=a;password=", "jdbc:sqlserver://h:1433;user=a;password="},
+        {"", ""},
+    };
+    for (auto &c : cases) {
+        QorHidePasswords(c.url.data());
+        EXPECT_EQ(std::string(c.url.c_str()), c.shown);
+    }
+}
