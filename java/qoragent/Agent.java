@@ -31,8 +31,8 @@ public final class Agent {
     private static final long ATTACH_MILLIS = 10_000;
 
     /**
-     * Guards the changes of the three fields below. Nothing that waits for a request is done under it. Not
-     * the class, whose lock a request holds until its reply.
+     * Guards the changes of the three fields below. Under it the settings that a start sends are
+     * waited for, but no request of a console.
      */
     private static final Object life = new Object();
     private static volatile boolean running;

@@ -209,12 +209,8 @@ const char *FailureText() {
 QorClassCountEntry *QorCountHeapInCopy(int64_t *count, const char **refusal, int64_t *age) {
     const int64_t asked = QorForkClock(), until = asked + QorForkPatience();
     QorTendHistogram();
-    if (!job.entries && (refused = QorCheckFork(FORK_FOR_HISTOGRAM)) != 0) {
-        *refusal = QorForkRefusalText(refused);
-        return nullptr;
-    }
     for (int32_t made = 1;; made++) {
-        if (!job.entries && !Begin()) {
+        if (!job.entries && ((refused = QorCheckFork(FORK_FOR_HISTOGRAM)) != 0 || !Begin())) {
             *refusal = QorForkRefusalText(refused);
             return nullptr;
         }
@@ -230,7 +226,7 @@ QorClassCountEntry *QorCountHeapInCopy(int64_t *count, const char **refusal, int
             return Deliver(count);
         }
         Drop();
-        if (!QorForkAgain("Class histogram", made, job.state, job.error))
+        if (!QorForkAgain("Class histogram", made, until, job.state, job.error))
             break;
     }
     *refusal = FailureText();

@@ -106,7 +106,7 @@ const char *QorForkFailureText(QorForkState state, int32_t error) {
     case FORK_FAILED:
         return strerror(error);
     case FORK_STUCK:
-        return "its process stood still";
+        return "its process hung";
     case FORK_FAULT:
         return "a fault in its process";
     default:
@@ -129,8 +129,8 @@ const char *QorWhyNoCopy(QorForkUse use) {
     return refusal ? QorForkRefusalText(refusal) : nullptr;
 }
 
-bool QorForkAgain(const char *what, int32_t made, QorForkState state, int32_t error) {
-    if (state == FORK_DONE || state == FORK_FAILED || made > MOST_REPEATS)
+bool QorForkAgain(const char *what, int32_t made, int64_t until, QorForkState state, int32_t error) {
+    if (state == FORK_DONE || state == FORK_FAILED || made > MOST_REPEATS || QorForkClock() >= until)
         return false;
     QORLOG(LOG_WARNING, "%s: the copy of the process is made once more: %s", what,
            QorForkFailureText(state, error));

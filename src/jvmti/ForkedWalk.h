@@ -53,8 +53,8 @@ extern int32_t gbiForkHeapShares[2]; // by QorForkUse
 
 // Whether a copy that came to no good end is made once more, with a line in the log that says why. The fork
 // may catch another thread of the JVM, or malloc, with a lock in its hands that the walk then waits for: a
-// copy is made again up to three times. `made`: copies so far.
-bool QorForkAgain(const char *what, int32_t made, QorForkState state, int32_t error);
+// copy is made again up to three times, and not after `until`, on QorForkClock. `made`: copies so far.
+bool QorForkAgain(const char *what, int32_t made, int64_t until, QorForkState state, int32_t error);
 
 // In a walk's callback, first of all. True where the walk goes on: in the copy. In the parent the callback
 // then ends the walk.

@@ -32,6 +32,7 @@ constexpr int64_t MSEC_PER_SEC = 1000;
 // What one look counts at most: whoever looks may have been held up together with what it looks at.
 constexpr int64_t LONGEST_PARENT_LOOK = 2000, LONGEST_WATCHER_LOOK = 100;
 constexpr int64_t LONGEST_END = 10000; // for a killed copy to be gone
+constexpr int64_t SHORT_END = 100;     // the same at the agent's end
 constexpr int CHILD_PRIORITY = 5;
 constexpr int EXIT_FAILURE_CODE = 3;
 constexpr int MAX_STATISTICS = 4;
@@ -277,8 +278,10 @@ WalkerLook LookAtWalker() {
     return look;
 }
 
-// As only this thread collects the copy, its number is still its own.
+// The copy's number is its own until it has been collected, by this thread or, if the application waits for
+// children of any kind, by that: which is looked for first.
 void Kill() {
+    zombie_reaper();
     if (livePid)
         kill(livePid, SIGKILL);
 }
@@ -427,8 +430,11 @@ void QorForgetFork() {
 }
 
 void QorEndFork() {
+    constexpr timespec PAUSE = {0, POLL_MSEC * NSEC_PER_MSEC};
     Kill();
-    zombie_reaper();
+    for (const int64_t end = MonotonicMsec() + SHORT_END;
+         zombie_reaper() == 0 && livePid && MonotonicMsec() < end;)
+        nanosleep(&PAUSE, nullptr);
     GiveBack();
 }
 

@@ -116,9 +116,9 @@ uint64_t QorCgroupHeadroom(QorCgroupResource wanted, const char *membership, con
 uint64_t QorMemoryHeadroom() {
     uint64_t available = 0;
     constexpr int KIB_SHIFT = 10;
-    const bool known = ReadNumber("/proc/meminfo", "MemAvailable:", &available);
-    return Least(known ? available << KIB_SHIFT : UINT64_MAX,
-                 QorCgroupHeadroom(CGROUP_MEMORY, MEMBERSHIP, GROUPS));
+    if (!ReadNumber("/proc/meminfo", "MemAvailable:", &available))
+        return 0; // unknown: nothing is risked
+    return Least(available << KIB_SHIFT, QorCgroupHeadroom(CGROUP_MEMORY, MEMBERSHIP, GROUPS));
 }
 
 uint64_t QorTaskHeadroom() {

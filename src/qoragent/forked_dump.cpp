@@ -74,7 +74,7 @@ Attempt ForkAndWait(int64_t until, int32_t made) {
     QorForgetFork();
     if (state == FORK_DONE)
         Append("JVM Heap:Heap dump completed sucessfully");
-    else if (QorForkAgain("Heap dump", made, state, error))
+    else if (QorForkAgain("Heap dump", made, until, state, error))
         return TRY_AGAIN;
     else
         AppendFailure(state, error);
