@@ -306,7 +306,7 @@ bool QorMemoWasAsked(int32_t index) {
 
 void QorCloseMemoWalk() {
     if (walkOpen)
-        KeepThoseMetIn(walkNumber);
+        KeepThoseMetIn(memoState == IN_USE ? walkNumber : 0);
     walkOpen = false;
 }
 

@@ -215,7 +215,7 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
     if (!AtThread(handle) || !thread || road == ROAD_NONE)
         return 0;
     const bool byMemo = road == ROAD_MANAGEMENT && scope == MONITORS_OF_THE_WALK && QorMemoUsable();
-    if (byMemo && !QorMemoMustAsk(handle, handle->index))
+    if (byMemo && !QorMemoMustAsk(handle, handle->index) && !QorMemoWasAsked(handle->index))
         return QorMemoRecall(handle->index, out);
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)

@@ -278,24 +278,27 @@ jobject ContendedInfo(const QorThreadHandle *handle, const QorThreadRecord *thre
     return QorClearException(jvmtijni_env) ? nullptr : info;
 }
 
-// The monitors that a ThreadInfo tells of, as QorGetOwnedMonitorInfo hands them out.
+// The monitors in a ThreadInfo, as QorGetOwnedMonitorInfo hands them out; -1 when they can't be read.
 int32_t ReadOwned(jobject info, int64_t tid, QorMonitorRecord **out) {
     jobjectArray monitors = LockedMonitors(info);
-    const jsize count = monitors ? QorGetArrayLength(jvmtijni_env, monitors) : 0;
+    if (!monitors)
+        return -1;
+    const jsize count = QorGetArrayLength(jvmtijni_env, monitors);
     if (count <= 0)
         return 0;
     QorMonitorRecord *records =
         static_cast<QorMonitorRecord *>(calloc(static_cast<size_t>(count), sizeof(QorMonitorRecord)));
     if (!records) {
         QORLOG(LOG_ERROR, "monitor_handle allocation failed ");
-        return 0;
+        return -1;
     }
     for (jsize i = 0; i < count; i++) {
         if (!ReadMonitorInfo(monitors, i, tid, &records[i])) {
             free(records);
-            return 0;
+            return -1;
         }
     }
+    QORLOG(LOG_TRACE, "Deallocating the objects ");
     *out = records;
     return count;
 }
@@ -305,8 +308,8 @@ void Remember(const QorThreadHandle *handle, int32_t index, int64_t tid, jobject
     QorLocalFrame frame(jvmtijni_env, 8);
     jobject info = frame.pushed && infos ? QorGetObjectArrayElement(jvmtijni_env, infos, position) : nullptr;
     QorMonitorRecord *records = nullptr;
-    const int32_t count = info ? ReadOwned(info, tid, &records) : 0;
-    QorMemoStore(handle, index, records, count, ReadWaitCount(info));
+    const int32_t count = info ? ReadOwned(info, tid, &records) : -1;
+    QorMemoStore(handle, index, records, std::max(count, 0), count < 0 ? -1 : ReadWaitCount(info));
     free(records);
 }
 
@@ -354,7 +357,7 @@ int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const Qor
         QORLOG(LOG_DETAIL, "Failed to get object for thread Info"); // it has ended since the snapshot
         return 0;
     }
-    return ReadOwned(info, thread->tid, out);
+    return std::max(ReadOwned(info, thread->tid, out), 0);
 }
 
 int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
