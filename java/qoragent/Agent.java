@@ -196,7 +196,7 @@ public final class Agent {
         String told = startFailure();
         if (told != null)
             return told;
-        return "the library's start-up failed with status " + status + "; loglevel=3 tells more";
+        return "the library's start-up failed with status " + status + "; loglevel=3 shows more";
     }
 
     /**

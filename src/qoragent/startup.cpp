@@ -215,7 +215,7 @@ void StartWorker() {
         qor_enable_gc();
     ch_pid = 0;
     if (qor_create_child_thread(&thread) != 0)
-        Fail("no thread to be had for the worker");
+        Fail("no thread for the worker");
 }
 
 // References of the caller's frame, which is about to end.
@@ -261,7 +261,7 @@ int32_t QorStart(JNIEnv *env, const QorStartArguments *arguments) {
     if (!QorOpenChannel()) {
         // Before the JVM is asked for anything: a class of its own that can't be initialised now never can
         // be.
-        Fail("no pipe to be had for the requests: the process is short of descriptors");
+        Fail("no pipe for the requests: the process is short of descriptors");
     } else if (PrepareProcess(env) && RunInitialization()) {
         OpenManagement();
         OpenSession(env);
