@@ -41,6 +41,22 @@ std::string ReadRules(const std::string &file) {
     return text;
 }
 
+// The most that an agent keeps; a JVM that sends more is no agent of ours.
+constexpr size_t MAX_TIERS = 131072;
+
+// A text of the other side, line by line.
+std::string PrintableLines(std::string_view text) {
+    std::string shown;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = std::min(text.find('\n', at), text.size());
+        std::string line(text.substr(at, end - at));
+        std::replace(line.begin(), line.end(), '\t', ' ');
+        shown += Printable(line) + '\n';
+        at = end + 1;
+    }
+    return shown;
+}
+
 // All pages of the rules in force, without the line in front of each; one without text ends them.
 template <class Ask>
 std::string ReadTiers(Ask ask) {
@@ -48,8 +64,8 @@ std::string ReadTiers(Ask ask) {
     for (size_t page = 0;; ++page) {
         std::string reply = ask(TierPageRequest(page));
         size_t head = reply.find('\n');
-        if (head == reply.npos)
-            throw Failure(fmt::format("the agent answers \"{}\"", reply),
+        if (head == reply.npos || text.size() + reply.size() - head - 1 > MAX_TIERS)
+            throw Failure(fmt::format("the agent answers \"{}\"", reply.substr(0, 200)),
                           "it may be older than this console");
         if (head + 1 == reply.size())
             return text;
@@ -136,13 +152,16 @@ void RunRules(const Settings &settings, pid_t pid, const std::string &file) {
 
 void RunTiers(const Settings &settings, pid_t pid, const std::string &file) {
     std::string given = file.empty() ? "" : ReadRules(file);
+    if (!file.empty() && given.empty())
+        throw Failure(fmt::format("{} is empty", file),
+                      "a line that begins with # is enough to leave all rules out", EXIT_USAGE);
     Connection connection = RequireAgent(settings, RequireProcess(pid));
     auto ask = [&](const std::string &request) {
         return DecodeText(OpenReply(connection.Ask(request, Seconds(settings.timeout))));
     };
     if (file.empty()) {
         std::string text = ReadTiers(ask);
-        Print(settings.json ? JsonText({{"pid", pid}, {"rules", text}}, false) + "\n" : text);
+        Print(settings.json ? JsonText({{"pid", pid}, {"rules", text}}, false) + "\n" : PrintableLines(text));
         return;
     }
     std::string answer;

@@ -191,9 +191,14 @@ std::vector<std::string> TierRequests(std::string_view rules) {
     sent = text;
     std::replace(sent.begin(), sent.end(), '\n', '\r');
     std::vector<std::string> requests;
-    for (size_t at = 0; at < sent.size() || at == 0; at += TIER_PIECE)
-        requests.push_back(
-            SettingRequest("tierrules", (at == 0 ? "=|" : "+|") + sent.substr(at, TIER_PIECE)));
+    for (size_t at = 0, end = 0; at < sent.size() || at == 0; at = end) {
+        end = at + std::min(TIER_PIECE, sent.size() - at);
+        for (int back = 0; back < 3 && end < sent.size() && (sent[end] & 0xC0) == 0x80; ++back)
+            --end; // the relay reads each request by itself, so a character isn't cut
+        requests.push_back(SettingRequest("tierrules", (at == 0 ? "=|" : "+|") + sent.substr(at, end - at)));
+        if (end == at)
+            break;
+    }
     requests.push_back(SettingRequest("tierrules", fmt::format("!|{:08x}", Crc32(text))));
     for (const std::string &request : requests)
         CheckRequest(request);

@@ -86,7 +86,7 @@ bool IsName(Text text) {
 
 bool IsClassSignature(Text text) {
     return text.size() > 2 && text.front() == 'L' && text.back() == ';' &&
-           Piece(text, 1, text.size() - 2).find_first_of(";,|@:[") == Text::npos;
+           Piece(text, 1, text.size() - 2).find_first_of(";,|@:[.") == Text::npos;
 }
 
 bool IsArrayOfObjects(Text text) {
@@ -103,7 +103,8 @@ const char *FaultOfStep(Text step, bool isLast, bool isSocket) {
     if (!IsName(name))
         return "a step needs the form FIELD,SIGNATURE";
     if (end.empty())
-        return IsClassSignature(signature) ? nullptr : "a step's signature is none of a class; see @ and :";
+        return IsClassSignature(signature) ? nullptr
+                                           : "a step's signature isn't that of a class; see @ and :";
     const bool isElement = end.front() == '@';
     end.remove_prefix(1);
     if (isElement)
@@ -165,7 +166,7 @@ const char *ReadObject(Arena *arena, Text rest) {
     if (kind == 0 || !TakeWord(&rest).empty())
         return "an object needs the form: object db|web SIGNATURE";
     if (!IsClassSignature(signature))
-        return "an object's signature needs the form Lpackage/Class;";
+        return "an object's signature needs the form Lpackage/Class; with slashes";
     const QorTierWay *ways = arena->ways + arena->wayCount;
     arena->objects[arena->objectCount++] = {signature, kind, arena->lines, ways, ways};
     return nullptr;
@@ -271,7 +272,9 @@ QorTierFault QorEndTiers(uint32_t crc) {
     if (arena->overflown)
         return {0, "the text is longer than 131072 bytes"};
     if (Crc32({arena->text, static_cast<size_t>(arena->length)}) != crc)
-        return {0, "the text isn't whole: its CRC-32 is another"};
+        return {
+            0,
+            "the text isn't whole, or not all of its characters are UTF-8 up to U+FFFF: its CRC-32 differs"};
     const QorTierFault fault = ReadText(arena);
     if (!fault.reason)
         inForce = arena;

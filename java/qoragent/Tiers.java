@@ -5,6 +5,7 @@ import java.io.IOException;
 import java.io.InputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
+import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.util.function.UnaryOperator;
 import java.util.zip.CRC32;
@@ -17,6 +18,8 @@ final class Tiers {
     private static final String ACCEPTED = "Tier rules in force";
     /** Characters of a request's text: at most three bytes each, of the 20,480 that a request holds. */
     private static final int PIECE = 6000;
+
+    private static final int LARGEST = 131_072;
 
     private final String text;
 
@@ -39,7 +42,12 @@ final class Tiers {
     }
 
     private static String ofFile(String name) throws IOException {
-        return new String(Files.readAllBytes(Paths.get(name)), StandardCharsets.UTF_8).replace("\r\n", "\n");
+        Path file = Paths.get(name);
+        // A device or a pipe would hold the start up, a large file fill the application's heap.
+        if (!Files.isRegularFile(file) || Files.size(file) > LARGEST)
+            throw new IOException("no regular file of at most " + LARGEST + " bytes");
+        String text = new String(Files.readAllBytes(file), StandardCharsets.UTF_8).replace("\r\n", "\n");
+        return text.replace('\r', '\n');
     }
 
     private static String shipped() throws IOException {
@@ -57,7 +65,7 @@ final class Tiers {
     /**
      * Sends them to the agent, in place of those that it has.
      *
-     * @return null, or why the agent keeps those
+     * @return null, or the agent's answer when it keeps those; "null" when it has none
      */
     String send(UnaryOperator<String> ask) {
         String lines = text.replace('\n', '\r');

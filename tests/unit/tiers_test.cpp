@@ -79,20 +79,21 @@ TEST(TierRules, ABadTextChangesNothing) {
         {"frame db a.B\n", "1: a frame needs the form: frame db|web CLASS METHOD"},
         {"frame net a.B c\n", "1: a frame needs the form: frame db|web CLASS METHOD"},
         {"frame db a/B c\n", "1: a frame's class is written with points"},
-        {"object db a.B\n", "1: an object's signature needs the form Lpackage/Class;"},
-        {"object db [La/B;\n", "1: an object's signature needs the form Lpackage/Class;"},
+        {"object db a.B\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
+        {"object db La.B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
+        {"object db [La/B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
         {"object x La/B;\n", "1: an object needs the form: object db|web SIGNATURE"},
         {"url " + step, "1: a field needs an object above it"},
         {"host x\n", "1: the first word is none of state, frame, object, url, sql, user, socket"},
         {web + "sql " + step, "2: an object of this kind has no such field"},
         {object + "sql\n", "2: a field needs the form: FIELD WAY"},
         {object + "sql " + step + " x", "2: a field needs the form: FIELD WAY"},
-        {object + "sql f", "2: a step's signature is none of a class; see @ and :"},
+        {object + "sql f", "2: a step's signature isn't that of a class; see @ and :"},
         {object + "sql ,La/B;", "2: " + noWay},
         {object + "sql f,La/B;||g,La/B;", "2: " + noWay},
         {object + "sql f,La/B;|", "2: a way ends in a bar"},
-        {object + "sql f,I", "2: a step's signature is none of a class; see @ and :"},
-        {object + "sql f,[B", "2: a step's signature is none of a class; see @ and :"},
+        {object + "sql f,I", "2: a step's signature isn't that of a class; see @ and :"},
+        {object + "sql f,[B", "2: a step's signature isn't that of a class; see @ and :"},
         {object + "sql f,[I@at", "2: @FIELD follows an array of objects"},
         {object + "sql f,[La/B;@", "2: @FIELD follows an array of objects"},
         {object + "sql f,[I:a:b", "2: :FROM:TO follows a byte array, [B"},
@@ -113,7 +114,9 @@ TEST(TierRules, ABadTextChangesNothing) {
     EXPECT_FALSE(QorAddTiers("state db a."));
     EXPECT_STREQ("no text was begun", QorEndTiers(0).reason);
     QorBeginTiers();
-    EXPECT_STREQ("the text isn't whole: its CRC-32 is another", QorEndTiers(1).reason);
+    EXPECT_STREQ(
+        "the text isn't whole, or not all of its characters are UTF-8 up to U+FFFF: its CRC-32 differs",
+        QorEndTiers(1).reason);
     EXPECT_EQ(GOOD, QorTierText());
     EXPECT_EQ("", SetTiers(Times(TIER_LINES, "#\n")));
     EXPECT_EQ("", SetTiers(std::string(TIER_TEXT_SIZE, '#')));
