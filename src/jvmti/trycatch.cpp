@@ -51,13 +51,19 @@ void NoteFault(int sig, const siginfo_t *info, FaultOutcome outcome) {
     lastFault.outcome = outcome;
 }
 
-// The table in the JVM library, null when its symbol or a writable table is missing.
-struct sigaction *FindTable() {
-    const uint64_t address = nsymbols[JTI_OLD_ACTIONS];
+bool IsWritable(uint64_t address) {
     QorMapping mapping;
-    if (!address || address % alignof(struct sigaction) != 0 || !QorFindMapping(address, &mapping) ||
-        !mapping.readable || !mapping.writable ||
-        mapping.end - address < (SIGSEGV + 1) * sizeof(struct sigaction))
+    return QorFindMapping(address, &mapping) && mapping.readable && mapping.writable;
+}
+
+// The table in the JVM library, null when its symbol or a writable table is missing. It may begin in the
+// library's data and end in the mapping after that, so both ends are looked at; a page is larger than it.
+struct sigaction *FindTable() {
+    constexpr uint64_t SIZE = (SIGSEGV + 1) * sizeof(struct sigaction);
+    static_assert(SIZE < 4096, "within two pages");
+    const uint64_t address = nsymbols[JTI_OLD_ACTIONS];
+    if (!address || address % alignof(struct sigaction) != 0 || !IsWritable(address) ||
+        !IsWritable(address + SIZE - 1))
         return nullptr;
     return reinterpret_cast<struct sigaction *>(address);
 }
