@@ -1,6 +1,7 @@
 #include "MonitorMemo.h"
 
 #include "JniCalls.h"
+#include "MethodTable.h"
 #include "MonitorsManagement.h"
 #include "Session.h"
 #include "qorlog.h"
@@ -274,7 +275,7 @@ int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out) {
         records[i].lockId = held.lockId;
         records[i].owner = entry->tid;
         records[i].stackDepth = held.stackDepth;
-        strcpy(records[i].description, held.description); // from a record's own
+        QorCopyName(records[i].description, held.description);
     }
     *out = records;
     return entry->count;
@@ -285,7 +286,7 @@ bool QorMemoParked(int32_t index, jobject blocker, QorMonitorRecord *record) {
     if (!entry || !entry->blocker || !QorIsSameObject(jvmtijni_env, entry->blocker, blocker))
         return false;
     record->lockId = entry->parkedId;
-    strcpy(record->description, entry->parked); // from a record's own
+    QorCopyName(record->description, entry->parked);
     return true;
 }
 
