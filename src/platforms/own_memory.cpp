@@ -2,20 +2,52 @@
 
 #include "linux.h"
 
+#include <atomic>
 #include <cerrno>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr char MEMORY_FILE[] = "/proc/self/mem";
+
+// The memory file, kept open between reads. Whoever has set `busy` may use the rest.
+std::atomic_flag busy = ATOMIC_FLAG_INIT;
+int32_t kept = -1;
+pid_t keeper; // the process whose memory it shows: a copy of it needs another one
+struct stat made;
+
+bool IsKeptFile() {
+    struct stat now;
+    return kept >= 0 && keeper == getpid() && fstat(kept, &now) == 0 && now.st_dev == made.st_dev &&
+           now.st_ino == made.st_ino; // else the host has closed it, and the number may be another file's
+}
+
+bool OpenKeptFile() {
+    keeper = getpid();
+    kept = qor_open_read(MEMORY_FILE);
+    if (kept >= 0 && fstat(kept, &made) != 0)
+        qor_close_handle(&kept);
+    return kept >= 0;
+}
+
+bool ReadFrom(int32_t fd, uint64_t address, void *out, size_t size) {
+    return fd >= 0 && pread(fd, out, size, static_cast<off_t>(address)) == static_cast<ssize_t>(size);
+}
+
 // For sandboxes that forbid the system call.
 bool ReadByFile(uint64_t address, void *out, size_t size) {
-    int32_t fd = qor_open_read("/proc/self/mem");
-    if (fd < 0)
-        return false;
-    const ssize_t length = pread(fd, out, size, static_cast<off_t>(address));
+    bool read;
+    if (!busy.test_and_set(std::memory_order_acquire)) {
+        read = (IsKeptFile() || OpenKeptFile()) && ReadFrom(kept, address, out, size);
+        busy.clear(std::memory_order_release);
+        return read;
+    }
+    int32_t fd = qor_open_read(MEMORY_FILE);
+    read = ReadFrom(fd, address, out, size);
     qor_close_handle(&fd);
-    return length == static_cast<ssize_t>(size);
+    return read;
 }
 
 } // namespace

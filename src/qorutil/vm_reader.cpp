@@ -1,0 +1,115 @@
+#include "vm_reader.h"
+
+#include "platforms/own_memory.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr uint64_t PAGES = 512;
+
+// Direct mapped: a page has one place. Thread that reads.
+struct KeptPage {
+    unsigned char bytes[VM_PAGE_SIZE];
+};
+KeptPage pages[PAGES];
+uint64_t keptAs[PAGES]; // address of the page in that place plus 1; 0 for none
+
+const QorMemoryRange *plainRanges;
+size_t plainCount;
+
+bool IsPlain(uint64_t address, uint64_t size) {
+    for (size_t i = 0; i < plainCount; i++) {
+        const QorMemoryRange &range = plainRanges[i];
+        if (address >= range.start && address < range.end && size <= range.end - address)
+            return true;
+    }
+    return false;
+}
+
+void CopyPlain(uint64_t address, void *out, size_t size) {
+    memcpy(out, reinterpret_cast<const void *>(address), size);
+}
+
+// Stacks lie at equal distances, so the upper bits take part in the choice of the place.
+uint64_t PlaceOf(uint64_t page) {
+    const uint64_t number = page / VM_PAGE_SIZE;
+    return (number ^ (number / PAGES)) % PAGES;
+}
+
+const unsigned char *FindPage(uint64_t page) {
+    const uint64_t place = PlaceOf(page);
+    if (keptAs[place] != page + 1) {
+        keptAs[place] = 0;
+        if (!QorReadOwnMemory(page, pages[place].bytes, VM_PAGE_SIZE))
+            return nullptr;
+        keptAs[place] = page + 1;
+    }
+    return pages[place].bytes;
+}
+
+template <typename T>
+T ValueAt(uint64_t address) {
+    T value;
+    return QorPeekValue(address, &value) ? value : T();
+}
+
+} // namespace
+
+bool QorPeek(uint64_t address, void *out, size_t size) {
+    if (address + size < address)
+        return false;
+    if (plainCount != 0 && IsPlain(address, size)) {
+        CopyPlain(address, out, size);
+        return true;
+    }
+    auto *to = static_cast<unsigned char *>(out);
+    while (size > 0) {
+        const uint64_t within = address % VM_PAGE_SIZE;
+        const size_t part = std::min<uint64_t>(size, VM_PAGE_SIZE - within);
+        const unsigned char *page = FindPage(address - within);
+        if (!page)
+            return false;
+        memcpy(to, page + within, part);
+        to += part;
+        address += part;
+        size -= part;
+    }
+    return true;
+}
+
+bool QorPeekFresh(uint64_t address, void *out, size_t size) {
+    if (address + size < address)
+        return false;
+    if (plainCount != 0 && IsPlain(address, size)) {
+        CopyPlain(address, out, size);
+        return true;
+    }
+    return QorReadOwnMemory(address, out, size);
+}
+
+void QorForgetPages() {
+    memset(keptAs, 0, sizeof keptAs);
+}
+
+void QorPlainReads(const QorMemoryRange *ranges, size_t count) {
+    plainRanges = ranges;
+    plainCount = count;
+}
+
+uint64_t QorWordAt(uint64_t address) {
+    return ValueAt<uint64_t>(address);
+}
+
+uint32_t QorUint32At(uint64_t address) {
+    return ValueAt<uint32_t>(address);
+}
+
+int32_t QorInt32At(uint64_t address) {
+    return ValueAt<int32_t>(address);
+}
+
+uint16_t QorUint16At(uint64_t address) {
+    return ValueAt<uint16_t>(address);
+}
