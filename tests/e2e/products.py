@@ -13,6 +13,7 @@ import urllib.request
 from harness import SETTINGS, Case, in_root, qorctl, wait_until
 from sessions import Server, programs
 
+SHOP = f"{os.path.dirname(os.path.realpath(__file__))}/../../demo-app/qoragent/demo/shop/Shop.java"
 JARS = "/usr/share/java"
 SAMPLES = 20
 FORMS = ("prepared", "plain", "callable", "batch", "fetch", "commit")
@@ -39,14 +40,14 @@ def jars(*names):
 
 
 class Shop:
-    """products/Shop.java in a Tomcat, with the database of a server."""
+    """The demo's shop in a Tomcat, with the database of a server."""
 
     def __init__(self, tomcat, package, server):
         self.place = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
         inside = self.place[len(SETTINGS.root):]
         for jar in jars(f"tomcat{tomcat}-*", "postgresql"):
             shutil.copy(jar, self.place)
-        with open(f"{os.path.dirname(__file__)}/products/Shop.java", encoding="utf-8") as source:
+        with open(SHOP, encoding="utf-8") as source:
             text = source.read().replace("javax.servlet", f"{package}.servlet")
         with open(f"{self.place}/Shop.java", "w", encoding="utf-8") as source:
             source.write(text)
@@ -56,7 +57,8 @@ class Shop:
         self.url = f"jdbc:postgresql://127.0.0.1:{server.port}/postgres?user=test"
         self.log = open(f"{self.place}/log", "wb")
         self.process = subprocess.Popen(
-            in_root([f"{SETTINGS.jdk}/bin/java", *(COMPILED_SOON if SETTINGS.version >= 9 else []), "-cp", path, "Shop", inside, self.url]),
+            in_root([f"{SETTINGS.jdk}/bin/java", *(COMPILED_SOON if SETTINGS.version >= 9 else []), "-cp", path,
+                     "qoragent.demo.shop.Shop", inside, self.url]),
             stdin=subprocess.PIPE, stdout=self.log, stderr=subprocess.STDOUT)
         wait_until("the shop is open", lambda: self.output("ready (.*)") or self.process.poll() is not None)
         self.port = self.output("ready (.*)")

@@ -1,3 +1,5 @@
+package qoragent.demo.shop;
+
 import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStream;
@@ -24,8 +26,9 @@ import org.apache.tomcat.util.descriptor.web.FilterMap;
 
 /**
  * A shop in a real container with a real database: GET /shop/orders/N?form=F&key=K takes a connection from a pool and
- * waits for the database's lock K in a call of form F; some forms come in a wrapped request. Arguments: a folder and the JDBC URL. The line "warm" on its
- * input makes it ask itself, for locks that nobody holds, until the next line.
+ * waits for the database's lock K in a call of form F; some forms come in a wrapped request. Form "order" changes the
+ * order N instead. Arguments: a folder and the JDBC URL. The line "warm" on its input makes it ask itself, for locks
+ * that nobody holds, until the next line.
  */
 public class Shop extends HttpServlet {
     static final int CONNECTIONS = 8;
@@ -34,10 +37,25 @@ public class Shop extends HttpServlet {
     static volatile boolean warm;
 
     public static void main(String[] args) throws Exception {
+        int port = open(args[0], args[1]);
+        System.out.println("ready " + port);
+        BufferedReader in = new BufferedReader(new InputStreamReader(System.in));
+        for (String line; (line = in.readLine()) != null;) {
+            warm = line.equals("warm");
+            for (int i = 0; warm && i < 2; i++) {
+                int first = i;
+                new Thread(() -> askItself(port, first)).start();
+            }
+        }
+        System.exit(0);
+    }
+
+    /** Opens it on a free port; the port. */
+    public static int open(String folder, String database) throws Exception {
         for (int i = 0; i < CONNECTIONS; i++)
-            pool.add(DriverManager.getConnection(args[1]));
+            pool.add(DriverManager.getConnection(database));
         Tomcat tomcat = new Tomcat();
-        tomcat.setBaseDir(args[0]);
+        tomcat.setBaseDir(folder);
         tomcat.setPort(0);
         Context shop = tomcat.addContext("/shop", null);
         Tomcat.addServlet(shop, "orders", new Shop());
@@ -55,17 +73,7 @@ public class Shop extends HttpServlet {
         shop.addFilterMap(all);
         tomcat.getConnector();
         tomcat.start();
-        int port = tomcat.getConnector().getLocalPort();
-        System.out.println("ready " + port);
-        BufferedReader in = new BufferedReader(new InputStreamReader(System.in));
-        for (String line; (line = in.readLine()) != null;) {
-            warm = line.equals("warm");
-            for (int i = 0; warm && i < 2; i++) {
-                int first = i;
-                new Thread(() -> askItself(port, first)).start();
-            }
-        }
-        System.exit(0);
+        return tomcat.getConnector().getLocalPort();
     }
 
     /** Filter has methods with bodies since Servlet 4.0 alone. */
@@ -94,14 +102,26 @@ public class Shop extends HttpServlet {
         throws ServletException, IOException {
         try {
             Connection connection = pool.take();
+            String form = request.getParameter("form");
             try {
-                call(connection, request.getParameter("form"), Integer.parseInt(request.getParameter("key")));
+                if (form.equals("order"))
+                    pay(connection, Integer.parseInt(request.getPathInfo().substring(1)));
+                else
+                    call(connection, form, Integer.parseInt(request.getParameter("key")));
             } finally {
                 pool.put(connection);
             }
             response.getWriter().println("done");
         } catch (SQLException | InterruptedException e) {
             throw new ServletException(e);
+        }
+    }
+
+    static void pay(Connection connection, int order) throws SQLException {
+        try (PreparedStatement s = connection.prepareStatement("update orders set state = ? where id = ?")) {
+            s.setString(1, "paid");
+            s.setInt(2, order);
+            s.executeUpdate();
         }
     }
 
