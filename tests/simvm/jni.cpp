@@ -1,0 +1,150 @@
+// JNI as the direct road may use it: the few functions that start-up and replies need. Each other slot ends
+// the process with its number, as nothing is to be asked of the VM; so does a call on another thread than the
+// environment's.
+#include "simvm.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
+
+namespace simvm {
+
+namespace {
+
+JNINativeInterface_ table;
+JNIInvokeInterface_ invocation;
+JavaVM_ javaVm;
+
+template <int SLOT>
+void Unasked() {
+    fprintf(stderr, "simvm: JNI function %d was called\n", SLOT);
+    abort();
+}
+template <int SLOT>
+void UnaskedOfVm() {
+    fprintf(stderr, "simvm: function %d of the invocation interface was called\n", SLOT);
+    abort();
+}
+template <int... SLOT>
+void FillTable(void **out, std::integer_sequence<int, SLOT...>) {
+    ((out[SLOT] = reinterpret_cast<void *>(&Unasked<SLOT>)), ...);
+}
+template <int... SLOT>
+void FillInvocation(void **out, std::integer_sequence<int, SLOT...>) {
+    ((out[SLOT] = reinterpret_cast<void *>(&UnaskedOfVm<SLOT>)), ...);
+}
+
+// The calling thread's description; ends the process when the environment is another thread's.
+ThreadInfo *Caller(JNIEnv *env, bool mayHaveException = false) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    for (ThreadInfo *thread : vm.threads)
+        if (EnvOf(thread) == env && thread->kernelId == syscall(SYS_gettid)) {
+            if (thread->exceptionPending && !mayHaveException)
+                Fail("JNI was called with an exception pending");
+            return thread;
+        }
+    Fail("JNI was called with an environment that isn't the thread's");
+}
+
+jint GetVersion(JNIEnv *env) {
+    Caller(env);
+    return JNI_VERSION_1_4;
+}
+jclass FindClassByName(JNIEnv *env, const char *name) {
+    ThreadInfo *caller = Caller(env);
+    Class *found = FindClass(name);
+    if (!found) {
+        caller->exceptionPending = true;
+        return nullptr;
+    }
+    Object mirror = {At(found->klass, &Klass::javaMirror), 0, 0, 'P'};
+    return static_cast<jclass>(NewHandle(caller, &mirror));
+}
+jthrowable ExceptionOccurred(JNIEnv *env) {
+    return Caller(env, true)->exceptionPending ? reinterpret_cast<jthrowable>(&javaVm) : nullptr;
+}
+jboolean ExceptionCheck(JNIEnv *env) {
+    return Caller(env, true)->exceptionPending;
+}
+void ExceptionClear(JNIEnv *env) {
+    Caller(env, true)->exceptionPending = false;
+}
+void DeleteLocalRef(JNIEnv *env, jobject) {
+    Caller(env, true);
+}
+jobject NewGlobalRef(JNIEnv *env, jobject handle) {
+    Caller(env);
+    return handle;
+}
+const char *GetStringUTFChars(JNIEnv *env, jstring text, jboolean *) {
+    Caller(env);
+    return TextOf(text).c_str();
+}
+void ReleaseStringUTFChars(JNIEnv *env, jstring, const char *) {
+    Caller(env);
+}
+jstring NewStringUTF(JNIEnv *env, const char *text) {
+    Caller(env);
+    return NewText(text);
+}
+jint GetJavaVM(JNIEnv *env, JavaVM **out) {
+    Caller(env);
+    *out = &javaVm;
+    return JNI_OK;
+}
+jint GetEnv(JavaVM *, void **out, jint version) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    *out = nullptr;
+    if (version < JNI_VERSION_1_1 || version > JNI_VERSION_1_4) // no JVMTI, no newer JNI
+        return JNI_EVERSION;
+    for (ThreadInfo *thread : vm.threads)
+        if (thread->kernelId == syscall(SYS_gettid))
+            *out = EnvOf(thread);
+    return *out ? JNI_OK : JNI_EDETACHED;
+}
+
+void FillTables() {
+    FillTable(reinterpret_cast<void **>(&table),
+              std::make_integer_sequence<int, sizeof table / sizeof(void *)>());
+    FillInvocation(reinterpret_cast<void **>(&invocation),
+                   std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
+    table.GetVersion = GetVersion;
+    table.FindClass = FindClassByName;
+    table.ExceptionOccurred = ExceptionOccurred;
+    table.ExceptionCheck = ExceptionCheck;
+    table.ExceptionClear = ExceptionClear;
+    table.ExceptionDescribe = ExceptionClear;
+    table.DeleteLocalRef = DeleteLocalRef;
+    table.NewGlobalRef = NewGlobalRef;
+    table.DeleteGlobalRef = DeleteLocalRef;
+    table.GetStringUTFChars = GetStringUTFChars;
+    table.ReleaseStringUTFChars = ReleaseStringUTFChars;
+    table.NewStringUTF = NewStringUTF;
+    table.GetJavaVM = GetJavaVM;
+    invocation.GetEnv = GetEnv;
+    javaVm.functions = &invocation;
+}
+
+} // namespace
+
+JNIEnv *EnvOf(ThreadInfo *thread) {
+    if (!table.GetVersion)
+        FillTables();
+    Word &slot = At(thread->address, &JavaThread::jniEnv);
+    slot = reinterpret_cast<Word>(&table);
+    return reinterpret_cast<JNIEnv *>(&slot);
+}
+
+jstring NewText(const std::string &text) {
+    return reinterpret_cast<jstring>(new std::string(text));
+}
+const std::string &TextOf(jstring text) {
+    return *reinterpret_cast<std::string *>(text);
+}
+void FreeText(jstring text) {
+    delete reinterpret_cast<std::string *>(text);
+}
+
+} // namespace simvm

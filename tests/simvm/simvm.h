@@ -1,0 +1,141 @@
+// A VM of the generation that the direct road reads, simulated: it lays out heap, classes, code and threads
+// in memory as layout.h has them. What a test compares with comes from the descriptions here, never from that
+// memory.
+//
+// One VM a process. Whoever changes or reads descriptions while other threads run holds vm.lock.
+#pragma once
+
+#include "memory.h"
+#include "statics.h"
+
+#include <atomic>
+#include <deque>
+#include <jni.h>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace simvm {
+
+enum class Collector { SERIAL, PARALLEL, CONCURRENT };
+
+struct Options {
+    std::string library; // path of the libjvm.so that holds the statics
+    std::string version = "1.5.0_22";
+    Collector collector = Collector::SERIAL;
+    int32_t moved = 0;              // every member of JavaThread lies so many bytes higher: no listed build
+    uint32_t shuffle = 0;           // a seed: members lie in places that no build has
+    int32_t guarded = STRUCT_COUNT; // this structure ends at a page that can't be read
+};
+
+struct Field {
+    std::string name, signature;
+    bool isStatic;
+    int32_t offset; // from the object, or from the klass
+};
+struct Class {
+    std::string name; // with slashes
+    Class *super;
+    std::vector<Field> fields; // its own
+    Word klass, pool;
+    int32_t bytes; // of an instance
+    int32_t poolUsed;
+};
+struct MethodLine {
+    int32_t bci, line;
+};
+struct MethodInfo {
+    Class *holder;
+    std::string name, signature;
+    int32_t flags, codeSize;
+    std::vector<MethodLine> lines;
+    Word oop;
+};
+struct Object {
+    Word address; // follows the object when it moves
+    Word klass;
+    int64_t bytes;
+    char space;
+};
+struct HeapSpace {
+    char letter;    // P, O (C: the concurrent collector's), E, F, T
+    Word structure; // the VM's description of it
+    Word bottom, top, end;
+};
+struct ThreadInfo {
+    std::string name;
+    Word address = 0, osThread = 0; // JavaThread, OSThread
+    Object *object = nullptr;       // java.lang.Thread
+    int32_t kernelId = 0;
+    Word handles = 0; // HandleBlock
+    bool exceptionPending = false;
+};
+
+struct Vm {
+    Options options;
+    Statics statics;
+    std::recursive_mutex lock;
+    std::map<std::string, Word> symbols;
+    std::map<std::string, Class> classes;
+    std::deque<MethodInfo> methods;
+    std::deque<Object> objects;              // of eden, from and old
+    std::unordered_map<Word, int64_t> sizes; // bytes of whatever is in the heap
+    HeapSpace perm, old, eden, from, to;
+    Word kindKlass[VTABLE_COUNT];      // the klasses of the VM's own kinds of objects
+    Word heap;                         // CollectedHeap
+    std::vector<ThreadInfo *> threads; // in the order of the VM's list
+};
+extern Vm vm;
+
+// Lays out the VM: statics, virtual tables, spaces, the VM's own klasses and java.lang's. Ends the process on
+// failure.
+void Boot(const Options &options);
+// The agent's table of places as this build has them: index as the agent's `offsets`, unit bytes or words by
+// index. For builds whose places are shuffled.
+void TellPlaces(uint32_t out[200]);
+
+// ---- classes and objects
+// -----------------------------------------------------------------------------------
+
+Word Intern(const std::string &text); // a symbol
+Class *DefineClass(const std::string &name, const std::string &super, std::vector<Field> fields = {});
+Class *FindClass(const std::string &name); // null: not defined
+// A method of codeSize bytecodes. Lines in ascending bci; none: no line table.
+MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
+                         std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64);
+
+HeapSpace &SpaceOf(char letter);
+Object *NewObject(const std::string &className, char space = 'E');
+Object *NewChars(const std::string &text, char space = 'E'); // char[], one character a byte
+Object *NewString(const std::string &text, char space = 'E');
+// An array of a signature like "[I" or "[Ljava/lang/Object;"
+Object *NewArray(const std::string &signature, int32_t length, char space = 'E');
+const Field *FindField(Word klass, const std::string &name);
+template <class T>
+void SetField(Object *object, const std::string &name, T value) {
+    As<T>(object->address + FindField(object->klass, name)->offset) = value;
+}
+
+// ---- threads
+// -----------------------------------------------------------------------------------------------
+
+// A JavaThread with its OSThread and java.lang.Thread object, not yet in the list. State: initialized.
+ThreadInfo *NewThread(const std::string &name);
+void LinkThread(ThreadInfo *thread); // at the head of the list, as the calling thread's own
+void UnlinkThread(ThreadInfo *thread);
+void FreeThread(ThreadInfo *thread); // its memory goes to the next one
+void SetStates(ThreadInfo *thread, ThreadState state, OsState osState);
+
+// ---- JNI
+// ---------------------------------------------------------------------------------------------------
+
+JNIEnv *EnvOf(ThreadInfo *thread); // inside its JavaThread
+// A handle to the object, or to text that isn't in the heap; they live as long as the thread.
+jobject NewHandle(ThreadInfo *thread, Object *object);
+jstring NewText(const std::string &text);
+const std::string &TextOf(jstring text);
+void FreeText(jstring text);
+
+} // namespace simvm
