@@ -42,6 +42,38 @@ bool EndsInHighSurrogate(const char *text, int32_t length) {
            (static_cast<unsigned char>(text[length - 2]) & 0xf0) == 0xa0;
 }
 
+constexpr char REPLACEMENT = '?';
+
+constexpr bool IsSeparator(char c) {
+    return c == '\n' || c == '\r' || c == 14 || c == 15 || (c >= 26 && c <= 31);
+}
+
+// Bytes that the first byte of a sequence announces, 0 for one that begins none.
+int32_t AnnouncedLength(unsigned char first) {
+    if (first < 0x80)
+        return 1;
+    if (first < 0xc0 || first > 0xf7)
+        return 0;
+    if (first < 0xe0)
+        return 2;
+    return first < 0xf0 ? 3 : 4;
+}
+
+// Whether a complete sequence is the modified UTF-8 of a char: none is longer than it has to be, but for the
+// two bytes of NUL, and none has four bytes.
+bool IsCharacter(const unsigned char *bytes, int32_t length) {
+    switch (length) {
+    case 1:
+        return true;
+    case 2:
+        return bytes[0] >= 0xc2 || (bytes[0] == 0xc0 && bytes[1] == 0x80);
+    case 3:
+        return bytes[0] > 0xe0 || bytes[1] >= 0xa0;
+    default:
+        return false;
+    }
+}
+
 // The copy behind the three routines: the bytes copied, or -1.
 int32_t CopyText(char *dst, const char *src, int32_t size, int32_t len, const CopyWords &words) {
     if (!dst || size < 2) {
@@ -95,6 +127,37 @@ int32_t QorWholeCharacters(const char *text, int32_t length) {
         break;
     }
     return EndsInHighSurrogate(text, length) ? length - SURROGATE_LENGTH : length;
+}
+
+void QorBlankSeparators(char *text) {
+    for (; *text; text++)
+        if (IsSeparator(*text))
+            *text = ' ';
+}
+
+int32_t QorDropPartialCharacter(char *text, int32_t length) {
+    length = QorWholeCharacters(text, length);
+    text[length] = 0;
+    return length;
+}
+
+void QorReplaceForeignBytes(char *text) {
+    char *to = text;
+    for (const char *from = text; *from;) {
+        const auto *bytes = reinterpret_cast<const unsigned char *>(from);
+        const int32_t announced = AnnouncedLength(bytes[0]);
+        int32_t length = 1;
+        while (length < announced && (bytes[length] & 0xc0) == 0x80)
+            length++;
+        if (length == announced && IsCharacter(bytes, length)) {
+            memmove(to, from, static_cast<size_t>(length));
+            to += length;
+        } else {
+            *to++ = REPLACEMENT;
+        }
+        from += length;
+    }
+    *to = 0;
 }
 
 int32_t QorStrncpy(char *dst, const char *src, int32_t size, int32_t len) {

@@ -22,6 +22,17 @@ extern struct timeval prevBufferOverFlowDumpTime; // time of the last report, on
 // UTF-8 count as whole.
 int32_t QorWholeCharacters(const char *text, int32_t length);
 
+// Replaces line ends and separators by blanks.
+void QorBlankSeparators(char *text);
+
+// Ends a text that was cut at `length` in front of what the cut has torn: an incomplete last character, a
+// high surrogate without its partner. Returns the length.
+int32_t QorDropPartialCharacter(char *text, int32_t length);
+
+// Replaces each sequence that is no modified UTF-8 (4-byte forms included) by "?". For bytes of unknown
+// origin.
+void QorReplaceForeignBytes(char *text);
+
 // Copies at most `len` bytes of `src`, or up to its terminator, into `size` bytes of storage and terminates.
 // `len` may be the exact length or any upper bound of it. 0, or -1 with nothing written: no destination, a
 // size below 2, no source, or a `len` below 1.

@@ -12,38 +12,6 @@ namespace {
 
 constexpr jsize CHUNK_CHARS = 512;
 constexpr int32_t BYTES_PER_CHAR = 3; // the most that a char takes in modified UTF-8
-constexpr char REPLACEMENT = '?';
-
-constexpr bool IsSeparator(char c) {
-    return c == '\n' || c == '\r' || c == 14 || c == 15 || (c >= 26 && c <= 31);
-}
-
-// Bytes that the first byte of a sequence announces, 0 for one that begins none.
-int32_t AnnouncedLength(unsigned char first) {
-    if (first < 0x80)
-        return 1;
-    if (first < 0xc0 || first > 0xf7)
-        return 0;
-    if (first < 0xe0)
-        return 2;
-    return first < 0xf0 ? 3 : 4;
-}
-
-// Whether a complete sequence is the modified UTF-8 of a char: none is longer than it has to be, but for the
-// two bytes of NUL, and none has four bytes.
-bool IsCharacter(const unsigned char *bytes, int32_t length) {
-    switch (length) {
-    case 1:
-        return true;
-    case 2:
-        return bytes[0] >= 0xc2 || (bytes[0] == 0xc0 && bytes[1] == 0x80);
-    case 3:
-        return bytes[0] > 0xe0 || bytes[1] >= 0xa0;
-    default:
-        return false;
-    }
-}
-
 // Appends what fits of the chars from `start` on. False when some did not fit or can't be had.
 bool AppendChars(jstring str, jsize start, jsize count, char *dest, int32_t *used, int32_t capacity) {
     char chunk[CHUNK_CHARS * BYTES_PER_CHAR + 1] = {}; // not every JVM terminates what it copies
@@ -58,37 +26,6 @@ bool AppendChars(jstring str, jsize start, jsize count, char *dest, int32_t *use
 }
 
 } // namespace
-
-void QorBlankSeparators(char *text) {
-    for (; *text; text++)
-        if (IsSeparator(*text))
-            *text = ' ';
-}
-
-int32_t QorDropPartialCharacter(char *text, int32_t length) {
-    length = QorWholeCharacters(text, length);
-    text[length] = 0;
-    return length;
-}
-
-void QorReplaceForeignBytes(char *text) {
-    char *to = text;
-    for (const char *from = text; *from;) {
-        const auto *bytes = reinterpret_cast<const unsigned char *>(from);
-        const int32_t announced = AnnouncedLength(bytes[0]);
-        int32_t length = 1;
-        while (length < announced && (bytes[length] & 0xc0) == 0x80)
-            length++;
-        if (length == announced && IsCharacter(bytes, length)) {
-            memmove(to, from, static_cast<size_t>(length));
-            to += length;
-        } else {
-            *to++ = REPLACEMENT;
-        }
-        from += length;
-    }
-    *to = 0;
-}
 
 int32_t QorCopyStringText(jstring str, char *dest, int32_t capacity, bool *cut) {
     dest[0] = 0;

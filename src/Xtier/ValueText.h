@@ -5,19 +5,10 @@
 // and would make NewStringUTF eat what follows. Any thread, but for the readers of Strings: worker.
 #pragma once
 
+#include "qorStrUtils.h"
+
 #include <cstdint>
 #include <jni.h>
-
-// Replaces line ends and separators by blanks.
-void QorBlankSeparators(char *text);
-
-// Ends a text that was cut at `length` in front of what the cut has torn: an incomplete last character, a
-// high surrogate without its partner. Returns the length.
-int32_t QorDropPartialCharacter(char *text, int32_t length);
-
-// Replaces each sequence that is no modified UTF-8 (4-byte forms included) by "?". For bytes of unknown
-// origin.
-void QorReplaceForeignBytes(char *text);
 
 // A String's text into `capacity` bytes (terminator included, at least 1), cut at a character; *cut tells
 // whether it was. 0, or -1 for a dead reference; null or unread gives "". No more of a long string is copied
