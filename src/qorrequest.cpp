@@ -1,5 +1,9 @@
 #include "qorrequest.h"
 
+char buf[BUF_SIZE];
+std::atomic<int32_t> qorlocks[2];
+std::atomic<int32_t> qorLeave;
+
 int32_t no_gc;
 int32_t sp_null_enable;
 int32_t poll_details;

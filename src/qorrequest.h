@@ -4,9 +4,14 @@
 // them only look. One request runs at a time, on the worker, which is the only thread that writes here.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 enum : int32_t {
+    MAXNETDATA = 20480,
+    QOREOTLEN = 7,
+    REQUEST_LIMIT = MAXNETDATA + QOREOTLEN, // bytes of a request; its terminator comes behind them
+    BUF_SIZE = REQUEST_LIMIT + 1,
     PAGEBUF_SIZE = 1024000,
     CONSOLE_ARG_COUNT = 9,
     DUMPFILE_SIZE = 512,
@@ -47,6 +52,17 @@ enum : int32_t {
     FLAG_COPY = 2048,    // a text dump or histogram is made by a copy of the process
     FLAG_NO_COPY = 4096, // it isn't; without either flag the setting decides
 };
+
+// The request's text, which the worker cuts up; its last byte is always 0. The worker's alone while one
+// lives.
+extern char buf[BUF_SIZE];
+
+// Word 0: the agent holds the GC lock. Word 1: a request is in progress, from its hand-over to its answer.
+extern std::atomic<int32_t> qorlocks[2];
+
+// 1 while the worker is asked to leave: at SHUTDOWN, and for one that was given up. Loops that wait for the
+// JVM, or follow what it changes meanwhile, end then. Set by whoever asks, cleared before a worker starts.
+extern std::atomic<int32_t> qorLeave;
 
 extern int32_t no_gc;                       // do not take the GC lock
 extern int32_t sp_null_enable;              // handle threads with a null stack pointer

@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 int32_t gbiForkHeapShares[2] = {1, 3};
-bool (*qorAgentLeaves)();
 
 namespace {
 
@@ -170,7 +169,7 @@ bool QorWaitForFork(int32_t pipeEnd, int64_t until) {
     while (!QorCanReadWithin(pipeEnd, std::min(LOOK_MSEC, until - QorForkClock()))) {
         if (!QorForkedChildLives())
             return true;
-        if (QorForkClock() >= until || (qorAgentLeaves && qorAgentLeaves()))
+        if (QorForkClock() >= until || qorLeave)
             return false;
     }
     return true;

@@ -80,5 +80,3 @@ int64_t QorForkPatience();
 // `until`, or the agent leaves. `pipeEnd`: the end to read from; the parent's other end must have been
 // closed.
 bool QorWaitForFork(int32_t pipeEnd, int64_t until);
-
-extern bool (*qorAgentLeaves)(); // null, or tells that waiting is over; set by the agent's core

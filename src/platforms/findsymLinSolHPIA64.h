@@ -19,6 +19,58 @@ enum : int32_t { SYMBOL_SLOTS = 73 };
 // Slots of the list of the JVMTI road, jtisym.
 enum JtiSlot : int32_t { JTI_COLLECTED_HEAP = 1, JTI_ALWAYS_CAPABILITIES = 2, JTI_OLD_ACTIONS = 3 };
 
+// Slots of the list of the direct road, sunsymGCC3: those that its readers use.
+enum DirectSlot : int32_t {
+    SYM_THREAD_LIST = 1,      // Threads::_thread_list
+    SYM_CALL_STUB_RETURN = 2, // StubRoutines::_call_stub_return_address
+    SYM_INTERPRETER_CODE = 5, // AbstractInterpreter::_code
+    SYM_CODE_HEAP = 6,        // CodeCache::_heap
+    SYM_GC_LOCK_COUNT = 12,   // GC_locker::_lock_count
+    SYM_RUNTIME1_BLOBS = 16,  // Runtime1::_blobs; client VM
+    SYM_STACK0 = 18,          // SharedInfo::stack0; server VM
+    SYM_COLLECTED_HEAP = 20,  // Universe::_collectedHeap
+    SYM_VM_THREAD = 22,
+    SYM_VM_QUEUE = 23,
+    SYM_MONITOR_BLOCKS = 25,   // ObjectSynchronizer::gBlockList
+    SYM_UNIVERSE_KLASSES = 26, // Universe::_boolArrayKlassObj, the first of a row of oops
+    SYM_SYSTEM_KLASSES = 27,   // SystemDictionary::_object_klass, likewise
+    SYM_MIRRORS = 28,          // SystemDictionary::_int_mirror, likewise
+    SYM_SYSTEM_LOADER = 29,
+    SYM_THREAD_PROFILER = 32,
+    SYM_VM_SYMBOLS = 33,
+    SYM_GLOBAL_HANDLES = 34,
+    SYM_INDEXED_FREE_SIZE = 40, // CompactibleFreeListSpace::totalSizeInIndexedFreeLists
+    // Virtual tables: the symbol is the table's head, objects hold the address 16 bytes on.
+    SYM_VT_KLASS = 41,
+    SYM_VT_ARRAY_KLASS = 42,
+    SYM_VT_COMPILED_IC_HOLDER_KLASS = 43,
+    SYM_VT_KLASS_KLASS = 44,
+    SYM_VT_ARRAY_KLASS_KLASS = 45,
+    SYM_VT_OBJ_ARRAY_KLASS_KLASS = 46,
+    SYM_VT_TYPE_ARRAY_KLASS_KLASS = 47,
+    SYM_VT_INSTANCE_KLASS_KLASS = 48,
+    SYM_VT_METHOD_DATA_KLASS = 49,
+    SYM_VT_POOL_CACHE_KLASS = 50,
+    SYM_DICTIONARY = 51,
+    SYM_PLACEHOLDERS = 52,
+    SYM_LOADER_CONSTRAINTS = 53,
+    SYM_MAX_PERM_SIZE = 55,
+    SYM_MAX_HEAP_SIZE = 56,
+    SYM_CLASS_LOAD_TIME = 57, // performance counters, as pointers
+    SYM_COMPILE_TIME = 58,
+    SYM_USE_PARALLEL_GC = 59, // flags, one byte each
+    SYM_USE_CMS = 60,
+    SYM_PS_YOUNG_GEN = 61, // ParallelScavengeHeap
+    SYM_PS_OLD_GEN = 62,
+    SYM_PS_PERM_GEN = 63,
+    SYM_PS_OLD_COUNT = 64,
+    SYM_PS_OLD_TIME = 65,
+    SYM_PS_YOUNG_TIME = 66,
+    SYM_NEW_RATIO = 67,
+    SYM_SURVIVOR_RATIO = 68,
+    SYM_MAX_NEW_SIZE = 69,
+};
+
 // Addresses by slot of the build's list, 0 for one that wasn't found. Slot 0 stands for the library and is
 // always 0.
 extern uint64_t nsymbols[SYMBOL_SLOTS];

@@ -1,10 +1,10 @@
 #include "caller.h"
 
 #include "channel.h"
-#include "gc_lock.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "qorutil/gc_lock.h"
 #include "worker.h"
 
 #include "jvmti/JniCalls.h"
@@ -62,6 +62,7 @@ bool StartsWith(const char *text, const char *word) {
 void AskToLeave() {
     QORLOG(LOG_NOTE, "SHUTDOWN command was sent from Java thread");
     agentstatus = AGENT_SHUTDOWN;
+    qorLeave = 1;
     qor_signal_child_to_process();
 }
 

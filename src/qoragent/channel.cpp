@@ -13,13 +13,11 @@
 #include <sched.h>
 #include <sys/stat.h>
 
-char buf[BUF_SIZE];
 std::atomic<int32_t> pipe_fd_PP[2] = {{-1}, {-1}};
 std::atomic<int32_t> pipe_fd_CH[2] = {{-1}, {-1}};
 std::atomic<uint32_t> asked;
 std::atomic<uint32_t> answered;
 std::atomic<int32_t> agentstatus;
-std::atomic<int32_t> qorlocks[2];
 
 namespace {
 

@@ -9,14 +9,12 @@
 // The pipes are replaced by start-up only, when no worker lives and no caller is inside.
 #pragma once
 
+#include "qorrequest.h"
+
 #include <atomic>
 #include <cstdint>
 
 enum : int32_t {
-    MAXNETDATA = 20480,
-    QOREOTLEN = 7,
-    REQUEST_LIMIT = MAXNETDATA + QOREOTLEN, // bytes of a request; its terminator comes behind them
-    BUF_SIZE = REQUEST_LIMIT + 1,
     HANDSHAKE_SIZE = 20,
     AGENT_SHUTDOWN = 5,
     WAIT_FOR_EVER = -1,
@@ -31,10 +29,6 @@ constexpr char READ_RETURNED[] = "Child Read returned = %d"; // logged by either
 static_assert(sizeof END_OF_TRANSMISSION == QOREOTLEN + 1, "marker length");
 static_assert(sizeof WAKE_UP == HANDSHAKE_SIZE + 1 && sizeof HANDSHAKE == HANDSHAKE_SIZE + 1, "text length");
 
-// The request in hand, which the worker cuts up; its last byte is always 0. The worker's alone while one
-// lives.
-extern char buf[BUF_SIZE];
-
 extern std::atomic<int32_t> pipe_fd_PP[2]; // parent to child: read by the worker, written by the caller
 extern std::atomic<int32_t> pipe_fd_CH[2]; // child to parent
 
@@ -43,9 +37,6 @@ extern std::atomic<uint32_t> answered; // number of the request whose reply stan
 
 // 0, or AGENT_SHUTDOWN from the request to leave until the worker has left.
 extern std::atomic<int32_t> agentstatus;
-
-// Word 0: the agent holds the GC lock. Word 1: a request is in progress, from its hand-over to its answer.
-extern std::atomic<int32_t> qorlocks[2];
 
 // Makes both pipes, closing what an earlier start left. False, with no pipe at all, when one can't be made.
 bool QorOpenChannel();

@@ -7,6 +7,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "request_text.h"
+#include "startup.h"
 #include "worker.h"
 
 #include "RequestHandler/RequestHandler.h"
@@ -53,23 +54,6 @@ void ParseRequestFields() {
         arg_num = QorParseArguments(rest, console_args);
 }
 
-void ShowMemory() {
-    reqid = pars ? QorParseNumber(pars) : 0;
-    ClearReply();
-    if (!QorCanInspect()) {
-        ReplyUninitialized();
-        return;
-    }
-    QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid);
-}
-
-void AskThreadView() {
-    if (QorCanInspect())
-        QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args);
-    else
-        ReplyUninitialized();
-}
-
 bool HaveSlots(int32_t count) {
     for (int32_t i = 0; i < count; i++)
         if (!console_args[i])
@@ -85,27 +69,60 @@ int64_t SlotAsLong(int32_t slot) {
     return console_args[slot] ? atol(console_args[slot]) : 0;
 }
 
+// What answers a request, by road.
+struct Views {
+    void (*memory)();
+    void (*object)();
+    void (*locals)();
+    void (*threads)();
+};
+
+constexpr Views JVMTI_VIEWS = {
+    [] { QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid); },
+    [] { QorShowObjectRequest(SlotAsInt(0), SlotAsInt(1), reqid, pagebuf, PAGEBUF_SIZE); },
+    [] {
+        QorHandlePrintLocalRequest(SlotAsInt(0), SlotAsLong(1), SlotAsLong(2), SlotAsInt(3), SlotAsInt(4),
+                                   pagebuf, PAGEBUF_SIZE);
+    },
+    [] { QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args); },
+};
+
+// None yet: what this road can't show is answered as on a JVM that isn't known.
+constexpr Views DIRECT_VIEWS = {nullptr, nullptr, nullptr, nullptr};
+
+const Views &ViewsOfRoad() {
+    return QorOnJvmtiRoad() ? JVMTI_VIEWS : DIRECT_VIEWS;
+}
+
+void Ask(void (*view)()) {
+    if (view && QorCanInspect())
+        view();
+    else
+        ReplyUninitialized();
+}
+
+void ShowMemory() {
+    reqid = pars ? QorParseNumber(pars) : 0;
+    ClearReply();
+    Ask(ViewsOfRoad().memory);
+}
+
 void ShowStack() {
     ParseRequestFields();
     ClearReply();
-    const bool object = (reqid & QORREQ_SHOW_OBJECT) && HaveSlots(2);
-    const bool locals = (reqid & QORREQ_SHOW_LOCALS) && HaveSlots(4);
-    if ((object || locals) && !QorCanInspect())
-        ReplyUninitialized();
-    else if (object)
-        QorShowObjectRequest(SlotAsInt(0), SlotAsInt(1), reqid, pagebuf, PAGEBUF_SIZE);
-    else if (locals)
-        QorHandlePrintLocalRequest(SlotAsInt(0), SlotAsLong(1), SlotAsLong(2), SlotAsInt(3), SlotAsInt(4),
-                                   pagebuf, PAGEBUF_SIZE);
+    if ((reqid & QORREQ_SHOW_OBJECT) && HaveSlots(2))
+        Ask(ViewsOfRoad().object);
+    else if ((reqid & QORREQ_SHOW_LOCALS) && HaveSlots(4))
+        Ask(ViewsOfRoad().locals);
     else
-        AskThreadView();
+        Ask(ViewsOfRoad().threads);
 }
 
 void ShowQor() {
     ParseRequestFields();
     dumpfile[0] = 0;
     ClearReply();
-    AskThreadView();
+    Ask(ViewsOfRoad().threads);
 }
 
 void AskDbSessions() {
@@ -200,7 +217,7 @@ void LogEnd() {
 } // namespace
 
 bool QorCanInspect() {
-    return QorOnJvmtiRoad() && jvmti && jvmtijni_env;
+    return QorOnJvmtiRoad() ? jvmti && jvmtijni_env : direct_ready != 0;
 }
 
 void process_data() {

@@ -19,5 +19,5 @@ extern uint32_t diff_time;          // microseconds of the last request that was
 void process_data();
 
 // True when the views of this road can be asked: the JVMTI session is open and the worker has its
-// environment. The direct road has no readers yet, so it never is.
+// environment, or the direct road's readers are ready.
 bool QorCanInspect();

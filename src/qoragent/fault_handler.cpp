@@ -1,11 +1,11 @@
 #include "fault_handler.h"
 
 #include "channel.h"
-#include "gc_lock.h"
 #include "held_threads.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "qorutil/gc_lock.h"
 #include "startup.h"
 #include "worker.h"
 

@@ -3,11 +3,11 @@
 #include "channel.h"
 #include "dispatch.h"
 #include "fault_handler.h"
-#include "gc_lock.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "qorutil/gc_lock.h"
 #include "request_text.h"
 
 #include "RequestHandler/records.h"

@@ -1,7 +1,6 @@
 // The choice of the road, on a thread of its own: level and vendor give a text, the text gives a build.
 
 #include "fault_handler.h"
-#include "gc_lock.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
@@ -12,6 +11,11 @@
 #include "jvmti/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
+#include "qorutil/gc_lock.h"
+#include "qorutil/vm_heap.h"
+#include "qorutil/vm_klass.h"
+#include "qorutil/vm_offsets.h"
+#include "qorutil/vm_reader.h"
 
 #include <cstdio>
 #include <cstring>
@@ -21,13 +25,12 @@ int32_t init_status = START_RUNNING;
 int32_t doing_init;
 int32_t ext_jvm_id;
 int32_t maxstates;
-int32_t NUM_HEAP_SPACES;
+std::atomic<int32_t> direct_ready;
 
 namespace {
 
-constexpr int32_t HEAP_SPACES = 4;
-constexpr int32_t DIRECT_THREAD_STATES = 9;
-constexpr int32_t FIRST_DIRECT_BUILD = 6, LAST_DIRECT_BUILD = 10;
+constexpr int32_t DIRECT_JNI_VERSION = 0x00010004;
+constexpr int START_TRIES = 3; // a collection may move what is looked at
 constexpr char BUILD_BANNER[] = "libqoragent for Linux x86-64";
 constexpr int SYMINSTR_SIZE = VENDOR_SIZE + VERSION_SIZE;
 
@@ -56,19 +59,62 @@ int32_t ChooseRoad() {
     }
 }
 
+uint64_t AddressOf(const void *pointer) {
+    return reinterpret_cast<uint64_t>(pointer);
+}
+
+// Makes the readers ready once. START_FAILED when the row doesn't fit, or the heap can't be made out.
+int32_t StartReaders() {
+    QorForgetPages();
+    if (QorCheckRow(AddressOf(jni_env), callerThreadId) != 0)
+        return START_FAILED;
+    if (QorLayOutSpaces() != 0) {
+        QORLOG(LOG_ERROR, "The JVM's heap spaces weren't found");
+        return START_FAILED;
+    }
+    return heap_initialize(AddressOf(qor_ins), AddressOf(qor_ins_ref), AddressOf(qor_objArr),
+                           AddressOf(qor_intArr));
+}
+
+// The same, again when a collection has moved what it looked at.
+int32_t StartReadersBetweenCollections() {
+    int32_t failed = START_FAILED;
+    for (int i = 0; i < START_TRIES && failed; i++) {
+        qor_disable_gc(GC_WAIT_BOUNDED);
+        const uint32_t collections = QorCollectionCount();
+        failed = StartReaders();
+        const bool moved = QorIsCollecting() || QorCollectionCount() != collections;
+        qor_enable_gc();
+        if (!moved)
+            break;
+    }
+    return failed;
+}
+
 // Settles the direct road's status. A failed resolution leaves a build index behind, but nothing is read by
 // it.
 void FinishDirectRoad(int32_t resolved) {
-    maxstates = offsetind >= FIRST_DIRECT_BUILD && offsetind <= LAST_DIRECT_BUILD ? DIRECT_THREAD_STATES : 0;
+    maxstates = offsets ? OS_STATES : 0;
     ext_jvm_id = 0;
     init_status = resolved;
-    QORLOG(LOG_ERROR, " Skipped Initialization 2/3, 3/3.");
+    if (offsetind < 0 || resolved != START_OK) {
+        QORLOG(LOG_ERROR, " Skipped Initialization 2/3, 3/3.");
+        return;
+    }
+    init_status = StartReadersBetweenCollections();
+    if (init_status == START_OK)
+        direct_ready = 1;
 }
 
-// The direct road goes by a table of offsets into the JVM's structures, with a row for each build. This
-// version has none, so that road ends here even for a JVM that shows all its symbols.
-bool KnowsOffsets(int32_t) {
-    return false;
+// A version text can be forged, and another JVM has its fields elsewhere. The JVM's own word comes first,
+// before anything is read by the row.
+bool KnowsOffsets(int32_t build) {
+    if (callerJniVersion != DIRECT_JNI_VERSION) {
+        QORLOG(LOG_ERROR, "Not the JVM that its version says: JNI version 0x%08x",
+               static_cast<uint32_t>(callerJniVersion));
+        return false;
+    }
+    return QorSelectOffsets(build);
 }
 
 // What is left of the words when no symbol that the build needs may be missing: 0, or START_FAILED. An
@@ -91,7 +137,7 @@ int32_t JudgeSymbols(const uint32_t words[SYMBOL_WORDS]) {
 } // namespace
 
 int32_t initvar(const char *vendor, const char *version) {
-    NUM_HEAP_SPACES = HEAP_SPACES;
+    QorSelectOffsets(BUILD_UNSUPPORTED);
     memcpy(null_str, "^", sizeof null_str);
     char syminstr[SYMINSTR_SIZE];
     snprintf(syminstr, sizeof syminstr, "%s%s", vendor, version);
@@ -103,8 +149,10 @@ int32_t initvar(const char *vendor, const char *version) {
             qorsysinfo(CPU_INITIALISE);
         return START_OK; // a missing symbol is one guard less, no more
     }
-    if (offsetind >= 0)
+    if (offsetind >= 0) {
+        QorReadCollector();
         QorForgiveSymbols(words);
+    }
     if (JudgeSymbols(words) != START_OK || (offsetind >= 0 && !KnowsOffsets(offsetind)))
         return START_FAILED;
     QORLOG(LOG_DETAIL, "%s", BUILD_BANNER);

@@ -2,12 +2,12 @@
 
 #include "caller.h"
 #include "channel.h"
-#include "gc_lock.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
 #include "qorutil.h"
+#include "qorutil/gc_lock.h"
 #include "settings_from_java.h"
 #include "shutdown.h"
 #include "worker.h"
@@ -30,6 +30,7 @@
 
 JNIEnv *jni_env;
 jclass serverKlass1, serverKlass2;
+int32_t callerJniVersion, callerThreadId;
 jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
 int32_t maxthreads = 64;
 void **suspended_threads;
@@ -108,8 +109,10 @@ void ClearEarlierRun(JNIEnv *env) {
         QorDropSession(env);
     QorFreeReply();
     qorlocks[1] = 0;
+    direct_ready = 0;
     offsetind = 0;
     agentstatus = 0;
+    qorLeave = 0;
 }
 
 void FindServerMarkers(JNIEnv *env) {
@@ -243,6 +246,8 @@ bool PrepareProcess(JNIEnv *env) {
     if (!AllocateReply())
         return false;
     LearnHost();
+    callerJniVersion = env->GetVersion();
+    callerThreadId = qor_current_thread_id();
     if (!AllocateSuspendedThreads())
         return false;
     OpenProcNet();

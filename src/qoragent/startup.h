@@ -4,6 +4,7 @@
 // its own that is joined at once. A start while an earlier worker lives first makes that worker leave.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <jni.h>
 
@@ -33,14 +34,20 @@ extern JNIEnv *jni_env;
 
 extern char LOG_FILE[4096]; // log destination as Java gave it
 
+// Of the thread inside `initvar`: the JNI version that it was told, and its system thread id. By them the
+// direct road makes sure that the JVM is what its version says.
+extern int32_t callerJniVersion, callerThreadId;
+
+// 1 from the end of a start on the direct road, when its readers may be asked; else 0.
+extern std::atomic<int32_t> direct_ready;
+
 // Marker classes of the application server and the sample objects: references of `initvar`'s own frame, null
 // outside it.
 extern jclass serverKlass1, serverKlass2;
 extern jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
 
-extern int32_t ext_jvm_id; // port found for the JVM's identifier, 0 when none
-extern int32_t maxstates;  // thread state rows of the direct road
-extern int32_t NUM_HEAP_SPACES;
+extern int32_t ext_jvm_id;       // port found for the JVM's identifier, 0 when none
+extern int32_t maxstates;        // thread state rows of the direct road
 extern int32_t maxthreads;       // slots of suspended_threads
 extern void **suspended_threads; // threads that the direct road holds still
 

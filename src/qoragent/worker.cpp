@@ -4,7 +4,6 @@
 #include "dispatch.h"
 #include "fault_handler.h"
 #include "forked_dump.h"
-#include "gc_lock.h"
 #include "held_threads.h"
 #include "library_dump.h"
 #include "qorStrUtils.h"
@@ -12,6 +11,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
+#include "qorutil/gc_lock.h"
 #include "request_text.h"
 #include "shutdown.h"
 
@@ -104,7 +104,7 @@ void Strike(volatile int *strikes) {
 }
 
 bool TakeGcLock(uint32_t flags) {
-    if (no_gc || qor_disable_gc(flags & FLAG_GC_RETRY_MODE) == 0)
+    if (no_gc || !QorCanInspect() || qor_disable_gc(flags & FLAG_GC_RETRY_MODE) == 0)
         return true;
     if (qorlocks[1])
         AppendByWayOfBuf(
@@ -243,6 +243,7 @@ int32_t StartWorker(pthread_t *handle) {
         pthread_attr_setstacksize(&attributes, NIMB_STACK_SIZE);
     pthread_t created = 0;
     liveWorkers++;
+    qorLeave = agentstatus == AGENT_SHUTDOWN;
     currentStart = ++starts;
     const int failed = pthread_create(&created, &attributes, qor_child_thread,
                                       reinterpret_cast<void *>(currentStart.load()));
@@ -277,7 +278,6 @@ void *qor_child_thread(void *startNumber) {
             checkCapabilities();
     }
     ch_pid = qor_current_thread_id();
-    qorAgentLeaves = [] { return agentstatus == AGENT_SHUTDOWN; };
     LogStart();
     ServeRequests(start);
     if (!Outdated(start))
@@ -321,6 +321,7 @@ void qor_terminate_child_thread() {
     if (!thread)
         return;
     currentStart = 0;
+    qorLeave = 1;
     qor_signal_child_to_process();
     thread = 0;
 }
@@ -330,12 +331,15 @@ bool QorRetireWorkers(int32_t seconds) {
         return true;
     const intptr_t serving = currentStart;
     currentStart = -serving;
+    qorLeave = 1;
     qor_signal_child_to_process();
     const time_t end = MonotonicSeconds() + seconds;
     for (; QorWorkerLives(); ShortSleep()) {
         intptr_t asked = -serving;
-        if (MonotonicSeconds() > end && currentStart.compare_exchange_strong(asked, serving))
+        if (MonotonicSeconds() > end && currentStart.compare_exchange_strong(asked, serving)) {
+            qorLeave = agentstatus == AGENT_SHUTDOWN;
             return false;
+        }
     }
     return true;
 }
