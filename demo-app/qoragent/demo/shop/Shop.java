@@ -20,6 +20,7 @@ import javax.servlet.http.HttpServletRequest;
 import javax.servlet.http.HttpServletRequestWrapper;
 import javax.servlet.http.HttpServletResponse;
 import org.apache.catalina.Context;
+import org.apache.catalina.core.StandardServer;
 import org.apache.catalina.startup.Tomcat;
 import org.apache.tomcat.util.descriptor.web.FilterDef;
 import org.apache.tomcat.util.descriptor.web.FilterMap;
@@ -56,6 +57,7 @@ public class Shop extends HttpServlet {
             pool.add(DriverManager.getConnection(database));
         Tomcat tomcat = new Tomcat();
         tomcat.setBaseDir(folder);
+        ((StandardServer) tomcat.getServer()).setUtilityThreadsAsDaemon(true);
         tomcat.setPort(0);
         Context shop = tomcat.addContext("/shop", null);
         Tomcat.addServlet(shop, "orders", new Shop());
@@ -71,7 +73,7 @@ public class Shop extends HttpServlet {
         all.setFilterName("wrapper");
         all.addURLPattern("/*");
         shop.addFilterMap(all);
-        tomcat.getConnector();
+        tomcat.getConnector().setProperty("minSpareThreads", "2");
         tomcat.start();
         return tomcat.getConnector().getLocalPort();
     }
