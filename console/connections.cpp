@@ -87,11 +87,14 @@ Json ConnectionsJson(const std::vector<DbConnection> &connections, const ThreadS
         std::string database = DatabaseName(connection.call.url.value_or(""));
         row["database"] = database.empty() ? Json() : Json(database);
         row["threads"] = Json::array();
-        for (const Thread *thread : connection.threads)
+        for (const Thread *thread : connection.threads) {
             row["threads"].push_back({{"name", thread->name},
                                       {"id", thread->key.thread},
                                       {"key", thread->key.Text()},
                                       {"sql", thread->db->sql ? Json(*thread->db->sql) : Json()}});
+            if (thread->end_to_end.rule)
+                row["threads"].back()["rule"] = *thread->end_to_end.rule;
+        }
         array.push_back(std::move(row));
     }
     return {{"connections", array},

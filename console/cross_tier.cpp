@@ -64,6 +64,7 @@ constexpr std::pair<std::string_view, std::optional<std::string> EndToEnd::*> DE
     {"file", &EndToEnd::file},       {"application", &EndToEnd::application},
     {"module", &EndToEnd::module},   {"workmanager", &EndToEnd::work_manager},
     {"session", &EndToEnd::session}, {"peer", &EndToEnd::peer},
+    {"rule", &EndToEnd::rule},
 };
 
 struct Pair {

@@ -78,6 +78,7 @@ struct RmiWait {
 struct EndToEnd {
     std::optional<int64_t> cpu_nanoseconds, allocated_bytes; // since the thread started
     std::optional<std::string> file, application, module, work_manager, session, peer;
+    std::optional<std::string> rule;      // "read": some of it comes by a rule known from sources alone
     std::optional<int64_t> stuck, hogger; // 0 or 1
     std::vector<std::string> texts;
 };

@@ -70,6 +70,7 @@ void AddEndToEnd(const EndToEnd &told, Json *thread) {
     add(thread, "allocated_bytes", told.allocated_bytes);
     add(thread, "file", told.file);
     add(thread, "peer", told.peer);
+    add(thread, "rule", told.rule);
     Json server = Json::object();
     add(&server, "application", told.application);
     add(&server, "module", told.module);

@@ -126,6 +126,8 @@ public final class Agent {
             // What comes with the jar fits the library; a pause of the JVM isn't a reason not to run.
             if (refused != null && !wanted.text("tiers").isEmpty())
                 throw new IllegalStateException("option tiers: " + refused);
+            if (refused != null)
+                complain("it runs without the rules of drivers and containers: " + refused);
             options = wanted;
             relay = door;
             System.setProperty(STATUS_PROPERTY, RUNNING);

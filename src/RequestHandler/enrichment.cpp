@@ -25,6 +25,8 @@ constexpr int32_t MARKED_LEVEL = 3;                 // the state field is set of
 constexpr char FRAMEWORK_MARK = 14;
 constexpr char REMOTE_MARK = 15;
 
+constexpr char READ_RULE[] = "\x1drule=read";
+
 // The log threshold of what is told of every request.
 int32_t Traced() {
     return qorIsPollOrTrace ? LOG_TRACE : LOG_DETAIL;
@@ -351,6 +353,15 @@ bool PutMarked(Merge *merge, const ReplyPart &old, AnswerPart *part) {
     return remote ? PutFromAnswer(merge, part->remote) : Put(merge, {old.state, old.end});
 }
 
+// The thread's figures and details, with the agent's own mark after the figures.
+bool PutEndToEnd(Merge *merge, const Piece &text, bool byReadRule) {
+    const char *behind = byReadRule ? Find({text.from + 1, text.to}, FIELD_SEP) : nullptr;
+    const Piece figures = {text.from, behind ? behind : text.to};
+    return PutFromAnswer(merge, figures) &&
+           (!byReadRule || Put(merge, {READ_RULE, READ_RULE + sizeof READ_RULE - 1})) &&
+           PutFromAnswer(merge, {figures.to, text.to});
+}
+
 bool MergeThread(Merge *merge, QorE2EBlock *block, int32_t number) {
     ReplyPart old;
     if (!FindReplyPart(*merge, &old))
@@ -367,7 +378,7 @@ bool MergeThread(Merge *merge, QorE2EBlock *block, int32_t number) {
         if (!TakeAnswerPart(merge, &part) || (marked && !PutMarked(merge, old, &part)))
             return false;
         QORLOG(Traced(), "checkAndAppendInfo: processing chunk=%d", number);
-        if (!PutFromAnswer(merge, part.endToEnd))
+        if (!PutEndToEnd(merge, part.endToEnd, block->byReadRule))
             return false;
     }
     merge->reply.from = old.end;
@@ -415,7 +426,9 @@ void MergeAnswer(const char *answer, bool systemData) {
         return;
     merge.reply = {pagebuf, pagebuf + reply.length};
 
-    const int64_t wanted = int64_t{reply.length} + (merge.answer.to - merge.answer.from) + 1;
+    int64_t wanted = int64_t{reply.length} + (merge.answer.to - merge.answer.from) + 1;
+    for (const QorE2EBlock *block = thread_e2e_info; block; block = block->next)
+        wanted += block->byReadRule ? sizeof READ_RULE : 0;
     const auto size = static_cast<int32_t>(std::min<int64_t>(wanted, PAGEBUF_SIZE));
     char *storage = static_cast<char *>(malloc(static_cast<size_t>(size)));
     if (!storage) {

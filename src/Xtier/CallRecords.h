@@ -18,7 +18,7 @@ enum : int32_t {
     GROOVY_SCRIPT_SIZE = 8192,
     GROOVY_LINE_SIZE = 512,
     GROOVY_CALL_SITES = 1000,
-    RMI_HOST_SIZE = 25,
+    RMI_HOST_SIZE = 256,
     SERVER_TEXT_SIZE = 1024,
 };
 
@@ -62,7 +62,8 @@ struct QorRmiCallData {
     char jndiName[DB_URL_SIZE];
     int32_t callId;
     int32_t port;
-    char host[RMI_HOST_SIZE]; // dotted; the four parts are those of a signed number
+    char host[RMI_HOST_SIZE]; // by the tables an address whose parts are those of a signed number; by the
+                              // rules a name or an address as it is
 };
 
 struct QorIOCallData {

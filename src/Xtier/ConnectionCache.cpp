@@ -14,10 +14,15 @@ namespace {
 // The ends of the list in order of adding, oldest first.
 QorDBRequestData *ptrDbInfoLru, *ptrDbInfoMru;
 
+// Connections without a hash, of rules that don't know the socket, differ by their URL.
+bool IsOneUrl(const QorDBRequestData &known, const QorDBRequestData &record) {
+    return record.connectionHash != 0 || strcmp(known.url, record.url) == 0;
+}
+
 bool IsKnown(const QorDBRequestData *record) {
     for (int32_t i = 0; i < iDBInfoIndex; i++) {
         const QorDBRequestData &known = gbDB_Info[i];
-        if (known.connectionHash == record->connectionHash &&
+        if (known.connectionHash == record->connectionHash && IsOneUrl(known, *record) &&
             strncmp(known.threadName, record->threadName, DB_THREAD_NAME_SIZE) == 0 &&
             strncmp(known.threadKey, record->threadKey, DB_THREAD_KEY_SIZE) == 0)
             return true;

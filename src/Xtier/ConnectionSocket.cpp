@@ -2,6 +2,7 @@
 #include "XtierDb.h"
 
 #include "ObjectMap.h"
+#include "RulePath.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
@@ -138,7 +139,7 @@ int32_t QorGetFdFromSocket(jobject socket, int64_t *fd) {
     for (const StreamRow &row : SOCKET_ROWS) {
         if (isInTable ? !isOwn(row) : row.signature != SOCKET)
             continue;
-        jobject descriptor = QorFollowObjectMap(row.path, socket);
+        jobject descriptor = QorFollowPath(row.path, socket).object;
         int32_t value = -1;
         if (!descriptor || QorGetIntObjectField(descriptor, "fd", "I", &value) < 0)
             continue;

@@ -52,9 +52,9 @@ bool IsAlive(jobject object) {
 
 // The frame's objects that are alive, in the order in which they were met, up to one that wasn't looked up:
 // it might be the one, or its neighbour.
-int32_t CollectCandidates(const QorWantedFrame &frame) {
+int32_t CollectCandidates(const QorWantedFrame &frame, bool fromSlots) {
     int32_t count = 0;
-    if (frame.record && getObjOpt) {
+    if (fromSlots) {
         for (int32_t i = 0; i < std::min<int32_t>(frame.hits, LOCAL_OBJECT_SLOTS); i++)
             if (IsAlive(frame.record->localObjects[i]))
                 candidates[count++] = frame.record->localObjects[i];
@@ -111,22 +111,13 @@ bool EndsSearch(jobject object, const QorWantedFrame &frame, bool (*ends)(const 
         found = !QorIsPassedOverObject(signature) && ends(signature);
         if (found)
             mark = IsQRFEoFrameObject(signature) ? EVENT_CLASS : WANTED_CLASS;
-        else if (!QorIsTierObject(signature, TIER_DB | TIER_WEB)) // those give way to the tables' objects
+        else if (!QorIsTierObject(signature, TIER_OBJECTS))
             mark = BORING_CLASS;
     }
     if (mark != 0 && env)
         env->SetTag(klass, mark); // refused: it is looked at again next time
     QorDeleteLocalRef(jvmtijni_env, klass);
     return found;
-}
-
-// The kind of rules by which the objects of an entry are read.
-uint32_t TierKindOf(const QorAllThreadLocalInfoList *record) {
-    if (record && record->kind == LOCAL_WEB_REQUEST)
-        return TIER_WEB;
-    if (record && record->kind == LOCAL_DATABASE_CALL)
-        return TIER_DB;
-    return 0;
 }
 
 // What an entity's event stands beside: the object in front of it, of the first one that behind it.
@@ -165,26 +156,29 @@ int32_t QorFetchFoundObjects(jvmtiEnv *env) {
 
 jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
                              char *signature) {
-    const int32_t count = CollectCandidates(frame);
-    const uint32_t tier = TierKindOf(frame.record);
-    jobject byRule = nullptr;
-    char signatureByRule[LOCAL_SIGNATURE_SIZE];
+    const int32_t count = CollectCandidates(frame, frame.record && getObjOpt);
     for (int32_t i = 0; i < count; i++) {
         signature[0] = 0;
-        if (!EndsSearch(candidates[i], frame, ends, env, signature)) {
-            if (tier && !byRule && QorIsTierObject(signature, tier)) {
-                byRule = candidates[i];
-                QorCopyName(signatureByRule, signature);
-            }
+        if (!EndsSearch(candidates[i], frame, ends, env, signature))
             continue;
-        }
         jobject chosen = IsQRFEoFrameObject(signature) ? Neighbour(i, count) : candidates[i];
         if (!chosen)
             break;
         return chosen;
     }
     signature[0] = 0;
-    if (byRule)
-        QorCopyName(signature, signatureByRule);
-    return byRule;
+    return nullptr;
+}
+
+void QorTakeRuleObjects(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
+                        QorAllThreadLocalInfoList *entry) {
+    const int32_t count = CollectCandidates(frame, false);
+    for (int32_t i = 0; i < count && entry->ruleObjectCount < LOCAL_RULE_OBJECTS; i++) {
+        char signature[LOCAL_SIGNATURE_SIZE] = "";
+        EndsSearch(candidates[i], frame, ends, env, signature);
+        if (!QorIsTierObject(signature, entry->tiers))
+            continue;
+        if (jobject kept = QorNewGlobalRef(jvmtijni_env, candidates[i]))
+            entry->ruleObjects[entry->ruleObjectCount++] = {kept, QorFindTierObjects(signature)};
+    }
 }

@@ -19,7 +19,11 @@ int32_t QorFetchFoundObjects(jvmtiEnv *env);
 
 // The object of the frame, a reference that is not the caller's own, with its class's signature (or, for an
 // entity, that of the event beside it) in LOCAL_SIGNATURE_SIZE bytes; null and "" when there is none. `ends`
-// tells whether the search ends at a signature; where it doesn't, an object that the rules have for the
-// entry's kind is the one. With `env` classes are marked there as what they turn out to be.
+// tells whether the search ends at a signature. With `env` classes are marked there as what they turn out to
+// be.
 jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
                              char *signature);
+
+// Attaches to the entry all objects of the frame that the rules have for the entry's kinds.
+void QorTakeRuleObjects(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
+                        QorAllThreadLocalInfoList *entry);

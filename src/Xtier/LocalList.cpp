@@ -34,10 +34,21 @@ void DropReference(jobject *ref) {
     *ref = nullptr;
 }
 
+} // namespace
+
+void QorDropRuleObjects(QorAllThreadLocalInfoList *entry) {
+    for (int32_t i = 0; i < entry->ruleObjectCount; i++)
+        DropReference(&entry->ruleObjects[i].object);
+    entry->ruleObjectCount = 0;
+}
+
+namespace {
+
 void GiveEntryBack(QorAllThreadLocalInfoList *entry) {
     DropReference(&entry->objLocalVarHandle);
     for (jobject &slot : entry->localObjects)
         DropReference(&slot);
+    QorDropRuleObjects(entry);
     if (freeEntryCount == MAX_FREE_ENTRIES) {
         free(entry);
         return;
@@ -81,6 +92,7 @@ int32_t AddToThreadLocalInfoList(const QorThreadRecord *thread, const QorFrameRe
     entry->methodName = frame->method;
     entry->className = frame->className;
     entry->kind = kind;
+    entry->tiers = frame->facts ? frame->facts->tiers & TIER_OBJECTS : 0;
     entry->thickDriver = tessar_thick_driver;
     PrepareSlots(entry);
     entry->next = *list;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "jvmti/ThreadSystem.h"
+#include "qortiers.h"
 
 #include <cstdint>
 #include <jni.h>
@@ -24,11 +25,19 @@ enum QorLocalKind : int32_t {
     LOCAL_FILE_CALL = 7,
     LOCAL_NETWORK_CALL = 8,
     LOCAL_APP_SERVER_CALL = 9,
+    LOCAL_BY_RULES = 10, // all that the rules of qortiers.h have for the frame
 };
 
 enum : int32_t {
     LOCAL_SIGNATURE_SIZE = 1024,
     LOCAL_OBJECT_SLOTS = 20,
+    LOCAL_RULE_OBJECTS = 8, // of a frame; further ones are passed over
+};
+
+// An object that the rules have, with its `object` lines.
+struct QorRuleObject {
+    jobject object; // global reference
+    QorTierObjects lines;
 };
 
 struct QorAllThreadLocalInfoList {
@@ -46,8 +55,11 @@ struct QorAllThreadLocalInfoList {
     char strSignature[LOCAL_SIGNATURE_SIZE]; // JVM signature of the chosen object, "" when there is none
     int32_t localCount;                      // locals caught for this frame
     jobject localObjects[LOCAL_OBJECT_SLOTS]; // with getObjOpt: global references prepared for the walk
-    QorAllThreadLocalInfoList *next;          // towards older entries
-    QorAllThreadLocalInfoList *prev;          // towards newer entries; set by the walk
+    uint32_t tiers;                           // kinds of the frame by the rules, TIER_OBJECTS
+    int32_t ruleObjectCount;
+    QorRuleObject ruleObjects[LOCAL_RULE_OBJECTS]; // of LOCAL_BY_RULES
+    QorAllThreadLocalInfoList *next;               // towards older entries
+    QorAllThreadLocalInfoList *prev;               // towards newer entries; set by the walk
 };
 
 // Pushes an entry for the frame at the list's head. 0, or -1 (logged) for a null frame or when there is no
@@ -57,6 +69,9 @@ int32_t AddToThreadLocalInfoList(const QorThreadRecord *thread, const QorFrameRe
 
 // The entry's frame as the frame tests see it: class and method.
 QorFrameRecord QorFrameOfEntry(const QorAllThreadLocalInfoList *entry);
+
+// Drops the references of the objects that the rules have.
+void QorDropRuleObjects(QorAllThreadLocalInfoList *entry);
 
 // Drops the entries that were pushed since `formerHead` (null: all) was the head: their thread gets no row.
 void QorCutThreadLocalInfoList(QorAllThreadLocalInfoList **list, QorAllThreadLocalInfoList *formerHead);

@@ -57,7 +57,7 @@ bool IsSameFrame(const QorWantedFrame &a, const QorWantedFrame &b) {
 bool ComesBefore(const QorWantedFrame &a, const QorWantedFrame &b) {
     if (a.tid != b.tid)
         return a.tid < b.tid;
-    return a.method != b.method ? a.method < b.method : a.record->serial < b.record->serial;
+    return a.method != b.method ? a.method < b.method : a.serial < b.serial;
 }
 
 void ClearFindings() {
@@ -87,9 +87,24 @@ void StartFrame(QorWantedFrame *frame) {
 }
 
 // Of entries with the same thread and method the oldest gets the locals: their frames can't be told apart,
-// as they have moved since the snapshot. Returns the number of frames left.
+// as they have moved since the snapshot. One for the rules gets them in addition. Returns the number of
+// frames left.
 int32_t DropNewerTwins(QorWantedFrame *frames, int32_t count) {
-    return static_cast<int32_t>(std::unique(frames, frames + count, IsSameFrame) - frames);
+    int32_t kept = 0;
+    for (int32_t i = 0; i < count; i++) {
+        if (kept == 0 || !IsSameFrame(frames[kept - 1], frames[i])) {
+            frames[kept++] = frames[i];
+            continue;
+        }
+        QorWantedFrame &first = frames[kept - 1];
+        if (!first.record) {
+            first.record = frames[i].record;
+            first.keepsAll = frames[i].keepsAll;
+        }
+        if (!first.rules)
+            first.rules = frames[i].rules;
+    }
+    return kept;
 }
 
 bool AllocateFrames(int32_t count) {
@@ -180,10 +195,10 @@ bool AddFinding(QorWantedFrame *frame, int32_t tag) {
     return true;
 }
 
-// Behind the object of interest no local of the frame matters. A walk for one frame looks for other objects
-// than the marks on classes tell of.
+// After the object of interest no local of the frame matters to the tables, while the rules add up. A walk
+// for one frame looks for other objects than the marks on classes say.
 void Settle(QorWantedFrame *frame, jlong classTag) {
-    if (!frame->record)
+    if (!frame->record || frame->rules)
         return;
     const bool isFirst = frame->candidates == 1;
     frame->isSettled = frame->wantsNext || classTag == WANTED_CLASS || (classTag == EVENT_CLASS && !isFirst);
@@ -191,14 +206,14 @@ void Settle(QorWantedFrame *frame, jlong classTag) {
 }
 
 void TakeObject(QorWantedFrame *frame, jlong classTag, jlong *tagPtr) {
-    if (frame->record && getObjOpt) {
+    const bool hasSlots = frame->record && getObjOpt;
+    if (hasSlots)
         PutIntoSlot(frame, tagPtr);
-    } else if (const int32_t tag = NumberOf(*frame, classTag, tagPtr)) {
-        if (AddFinding(frame, tag))
-            Settle(frame, classTag);
-    }
+    const int32_t tag = hasSlots && !frame->rules ? 0 : NumberOf(*frame, classTag, tagPtr);
+    if (tag && AddFinding(frame, tag))
+        Settle(frame, classTag);
     if (frame->hits++ == 0)
-        iRecordsWithoutHits--;
+        iRecordsWithoutHits -= frame->record && frame->rules ? 2 : 1;
     gbQorAllThreadLocalInfoList = frame->record;
 }
 
@@ -278,6 +293,7 @@ bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list) {
         entry->objLocalVarHandle = nullptr;
         entry->strSignature[0] = 0;
         entry->localCount = 0;
+        QorDropRuleObjects(entry);
     }
     if (!AllocateFrames(count))
         return false;
@@ -287,6 +303,11 @@ bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list) {
         QorWantedFrame &frame = gbQorWantedFrames[at];
         frame.tid = entry->threadId;
         frame.method = entry->frameMethod;
+        frame.serial = entry->serial;
+        if (entry->kind == LOCAL_BY_RULES) {
+            frame.rules = entry;
+            continue;
+        }
         frame.record = entry;
         // The object wanted of an entity's frame is known by its neighbour alone.
         const QorFrameRecord shown = QorFrameOfEntry(entry);

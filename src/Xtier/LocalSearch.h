@@ -25,7 +25,9 @@ constexpr jlong BORING_CLASS = -1, EVENT_CLASS = -2, WANTED_CLASS = -3;
 // A frame whose locals are wanted.
 struct QorWantedFrame {
     int64_t tid, method;
-    QorAllThreadLocalInfoList *record; // the oldest entry of the frame; null in a walk for one frame
+    QorAllThreadLocalInfoList *record; // the oldest entry of the frame for the tables, or null
+    QorAllThreadLocalInfoList *rules;  // and for the rules
+    int64_t serial;                    // of the entry
     bool isNative;                     // only then are JNI locals its own
     bool keepsAll;       // objects of boring classes are candidates too, as an event's neighbours
     bool wantsNext;      // an event was the first object: only its neighbour is missing

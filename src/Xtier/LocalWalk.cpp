@@ -132,7 +132,18 @@ void LogWalk(int64_t start, int64_t end) {
                static_cast<long>(end - start), iIterationCount, iJNILocalCount);
 }
 
-// Attaches an object to each record that has any. JVMTI's error, 0 for none.
+void AttachObject(const QorWantedFrame &frame) {
+    QorAllThreadLocalInfoList *record = frame.record;
+    record->localCount = frame.hits;
+    jobject chosen =
+        QorChooseLocalObject(frame, QorIsObjectOfInterest, gbQorLocalWalkEnv, record->strSignature);
+    if (chosen)
+        record->objLocalVarHandle = QorNewGlobalRef(jvmtijni_env, chosen);
+    if (!record->objLocalVarHandle)
+        record->strSignature[0] = 0;
+}
+
+// Attaches their objects to the records. JVMTI's error, 0 for none.
 int32_t CollectObjects() {
     QorLocalFrame localFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS);
     if (!localFrame.pushed) {
@@ -142,15 +153,10 @@ int32_t CollectObjects() {
     const int32_t error = QorFetchFoundObjects(gbQorLocalWalkEnv);
     for (int32_t i = 0; i < gbQorWantedFrameCount; i++) {
         const QorWantedFrame &frame = gbQorWantedFrames[i];
-        frame.record->localCount = frame.hits;
-        if (frame.hits == 0)
-            continue;
-        jobject chosen =
-            QorChooseLocalObject(frame, QorIsObjectOfInterest, gbQorLocalWalkEnv, frame.record->strSignature);
-        if (chosen)
-            frame.record->objLocalVarHandle = QorNewGlobalRef(jvmtijni_env, chosen);
-        if (!frame.record->objLocalVarHandle)
-            frame.record->strSignature[0] = 0;
+        if (frame.hits > 0 && frame.record)
+            AttachObject(frame);
+        if (frame.hits > 0 && frame.rules)
+            QorTakeRuleObjects(frame, QorIsObjectOfInterest, gbQorLocalWalkEnv, frame.rules);
     }
     return error;
 }
@@ -159,23 +165,40 @@ bool EndsFrameSearch(const char *signature) {
     return IsQRFFrame(signature) || IsJSPFrame(signature) || IsDBFrame(signature);
 }
 
-// False when the frame's objects can't be had.
-bool ReadFrameObject(QorLocalObjectRecord *record) {
+// False, without references, when the frame's objects can't be read.
+bool FetchFrameObjects() {
     if (QorPushLocalFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS) != 0) {
         QORLOG(LOG_ERROR, "Out of Memory");
         CloseWalkEnv();
         return false;
     }
-    jobject chosen = nullptr;
-    const bool fetched = QorFetchFoundObjects(gbQorLocalWalkEnv) == JVMTI_ERROR_NONE;
-    if (fetched)
-        chosen = QorChooseLocalObject(gbQorWantedFrames[0], EndsFrameSearch, nullptr, record->signature);
-    else
-        CloseWalkEnv();
+    if (QorFetchFoundObjects(gbQorLocalWalkEnv) == JVMTI_ERROR_NONE)
+        return true;
+    QorPopLocalFrame(jvmtijni_env, nullptr);
+    CloseWalkEnv();
+    return false;
+}
+
+bool ReadFrameObject(QorLocalObjectRecord *record) {
+    if (!FetchFrameObjects())
+        return false;
+    jobject chosen = QorChooseLocalObject(gbQorWantedFrames[0], EndsFrameSearch, nullptr, record->signature);
     record->object = QorPopLocalFrame(jvmtijni_env, chosen);
     if (record->object)
         record->klass = QorGetObjectClass(jvmtijni_env, record->object);
-    return fetched;
+    return true;
+}
+
+// Whether a walk for the one frame has found objects.
+bool WalkOneFrame(int64_t tid, int64_t method) {
+    const int32_t quota = QorLocalWalkQuota();
+    if (quota == 0 || !OpenWalkEnv() || !QorPrepareFrameSearch(tid, method))
+        return false;
+    lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
+    QorStartLocalWalkTime(qorLocalWalkClock(), quota < ALL_TIME);
+    Follow(heapReferenceOneObjectCallback, gbQorWantedFrames);
+    LogCallbackLines(qorLocalWalkClock());
+    return QorCountFoundObjects() > 0;
 }
 
 } // namespace
@@ -215,16 +238,17 @@ int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *rec
     record->object = nullptr;
     record->klass = nullptr;
     record->signature[0] = 0;
-    const int32_t quota = QorLocalWalkQuota();
-    if (quota == 0 || !OpenWalkEnv() || !QorPrepareFrameSearch(tid, method))
-        return -1;
-    lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
-    QorStartLocalWalkTime(qorLocalWalkClock(), quota < ALL_TIME);
-    Follow(heapReferenceOneObjectCallback, gbQorWantedFrames);
-    LogCallbackLines(qorLocalWalkClock());
-    const bool found = QorCountFoundObjects() > 0 && ReadFrameObject(record);
+    const bool found = WalkOneFrame(tid, method) && ReadFrameObject(record);
     QorEndLocalSearch();
     return found ? 0 : -1;
+}
+
+void QorReadRuleObjects(QorAllThreadLocalInfoList *entry) {
+    if (WalkOneFrame(entry->threadId, entry->frameMethod) && FetchFrameObjects()) {
+        QorTakeRuleObjects(gbQorWantedFrames[0], QorIsObjectOfInterest, nullptr, entry);
+        QorPopLocalFrame(jvmtijni_env, nullptr);
+    }
+    QorEndLocalSearch();
 }
 
 int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record) {

@@ -35,8 +35,9 @@ struct QorLocalObjectRecord {
 // Decides getObjOpt from the JVM's version and vendor. Start-up.
 void checkGetObjOpt();
 
-// Attaches to each entry of the list the object of its frame. 0 after a walk, -1 when none was made (null
-// list, quota 0, or too soon after the last); entries without an object have objLocalVarHandle null then.
+// Attaches to each entry of the list the object, or by the rules the objects, of its frame. 0 after a walk,
+// -1 when none was made (null list, quota 0, or too soon after the last); entries without an object have
+// objLocalVarHandle null then.
 int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list);
 
 // Reads the object of the frame of `method` on the thread with this Java thread id, by a walk of its own. 0,
@@ -44,7 +45,11 @@ int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list);
 // local frame.
 int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
 
-// The same on a JVM with a reader of frames; -1 on all others.
+// Attaches the objects of an entry's frame that the rules have, by a walk for it alone; none with a quota of
+// 0.
+void QorReadRuleObjects(QorAllThreadLocalInfoList *entry);
+
+// The same as QorGetLocalObject on a JVM with a reader of frames; -1 on all others.
 int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
 
 // Forgets which classes are known to be of no interest: others are from now on. Worker.

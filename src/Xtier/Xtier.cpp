@@ -40,8 +40,8 @@ struct CallRecords {
     QorNetworkCallData network;
     QorAppServerCallData server;
     char pageName[REQUEST_TEXT_SIZE];
-    char ruleUrl[REQUEST_TEXT_SIZE]; // of the request, by the rules
-    bool databaseByRule;             // they have filled part of the database record
+    QorRuleRecords byRules;
+    bool rulesAreRead; // of a thread that is read at once
 };
 CallRecords calls;
 
@@ -52,12 +52,23 @@ void ClearRecords() {
     QorClearIOCallData(&calls.file);
     QorClearNetworkCallData(&calls.network);
     QorClearAppServerCallData(&calls.server);
-    calls.pageName[0] = calls.ruleUrl[0] = 0;
-    calls.databaseByRule = false;
+    calls.pageName[0] = 0;
+    QorClearRuleRecords(&calls.byRules);
+    calls.rulesAreRead = false;
 }
 
-bool HasDatabase() {
-    return calls.database.url[0] && calls.database.user[0];
+bool IsKnown(const QorDBRequestData &database) {
+    return database.url[0] && database.user[0];
+}
+
+// What is shown of each kind: the tables' record, or else that of the rules as a whole.
+QorDBRequestData *ShownDatabase() {
+    return !IsKnown(calls.database) && IsKnown(calls.byRules.database) ? &calls.byRules.database
+                                                                       : &calls.database;
+}
+
+const QorRmiCallData &ShownRmi() {
+    return !calls.rmi.host[0] && calls.byRules.rmi.host[0] ? calls.byRules.rmi : calls.rmi;
 }
 
 bool HasServer() {
@@ -84,13 +95,10 @@ void ReadWebEntry(const QorAllThreadLocalInfoList &entry) {
 }
 
 void ReadDatabaseEntry(const QorAllThreadLocalInfoList &entry) {
-    const bool known = HasDatabase();
-    if (!known) {
-        tessar_thick_driver = entry.thickDriver;
-        QorGetDBRequestDataFromLocalVariable(&entry, &calls.database);
-    }
-    if ((!known || calls.databaseByRule) && QorReadDatabaseByRules(entry, &calls.database))
-        calls.databaseByRule = true;
+    if (IsKnown(calls.database))
+        return;
+    tessar_thick_driver = entry.thickDriver;
+    QorGetDBRequestDataFromLocalVariable(&entry, &calls.database);
 }
 
 bool EndsWith(const char *text, const char *end) {
@@ -98,33 +106,45 @@ bool EndsWith(const char *text, const char *end) {
     return length >= endLength && strcmp(text + length - endLength, end) == 0;
 }
 
-// What the rules have found is the container's own: a URL that only lacks the application's path gives way to
-// it, and their products are none of those that the wire has a name for.
-void AddRuleData() {
+// Reads a thread by the rules, after the tables. Their URL is the container's own: one that only lacks the
+// application's path gives way to it.
+void ReadByRules(const QorAllThreadLocalInfoList *newest, int64_t threadId) {
     char *url = objQorJSPRequestData.requestUrl;
-    if (calls.ruleUrl[0] && EndsWith(calls.ruleUrl, url))
-        QorStrncpy(url, calls.ruleUrl, REQUEST_TEXT_SIZE, REQUEST_TEXT_SIZE);
-    if (calls.databaseByRule)
-        calls.database.dbType = DB_TYPE_OTHER;
+    QorRuleRecords &rules = calls.byRules;
+    QorReadThreadByRules(newest, threadId, &rules);
+    if (rules.url[0] && EndsWith(rules.url, url))
+        QorStrncpy(url, rules.url, REQUEST_TEXT_SIZE, REQUEST_TEXT_SIZE);
+    else
+        rules.kindsByRead &= ~TIER_WEB;
+    if (ShownDatabase() != &rules.database)
+        rules.kindsByRead &= ~TIER_DB;
+    if (&ShownRmi() != &rules.rmi)
+        rules.kindsByRead &= ~TIER_RMI;
+    if (calls.file.fd > 0)
+        rules.kindsByRead &= ~TIER_FILE;
+    else if (rules.file[0])
+        QorStrncpy(calls.file.fileName, rules.file, DB_URL_SIZE, DB_URL_SIZE);
 }
 
 // Hands the connection of the thread at hand to the cache.
 void NoteConnection(const char *threadName, const char *threadKey) {
-    calls.database.threadName[0] = calls.database.threadKey[0] = 0;
-    QorStrncpy(calls.database.threadName, threadName, DB_THREAD_NAME_SIZE, DB_THREAD_NAME_SIZE);
-    QorStrncpy(calls.database.threadKey, threadKey, DB_THREAD_KEY_SIZE, DB_THREAD_KEY_SIZE);
-    QorUpdateDbConnectionInfo(&calls.database);
+    QorDBRequestData *database = ShownDatabase();
+    database->threadName[0] = database->threadKey[0] = 0;
+    QorStrncpy(database->threadName, threadName, DB_THREAD_NAME_SIZE, DB_THREAD_NAME_SIZE);
+    QorStrncpy(database->threadKey, threadKey, DB_THREAD_KEY_SIZE, DB_THREAD_KEY_SIZE);
+    QorUpdateDbConnectionInfo(database);
 }
 
 void ReadEntry(const QorAllThreadLocalInfoList &entry) {
     switch (entry.kind) {
     case LOCAL_WEB_REQUEST:
         ReadWebEntry(entry);
-        QorReadUrlByRules(entry, calls.ruleUrl);
         break;
     case LOCAL_DATABASE_CALL:
         ReadDatabaseEntry(entry);
         break;
+    case LOCAL_BY_RULES:
+        return;
     case LOCAL_VIEW_OR_ENTITY:
     case LOCAL_EL_EXPRESSION:
     case LOCAL_GROOVY:
@@ -151,8 +171,8 @@ void ReadThread(const QorXtierLocationInfo &location) {
     for (const QorAllThreadLocalInfoList *entry = location.newest;
          entry && entry->threadId == location.threadId; entry = entry->next)
         ReadEntry(*entry); // the readers tell of a missing object themselves
-    AddRuleData();
-    if (HasDatabase())
+    ReadByRules(location.newest, location.threadId);
+    if (IsKnown(*ShownDatabase()))
         NoteConnection(location.threadName, location.threadKey);
 }
 
@@ -161,8 +181,10 @@ void HandToE2E(const QorXtierLocationInfo &location) {
     const int64_t thread = location.threadId;
     if (HasServer())
         QorInsertDataToE2EBuf(thread, LOCAL_APP_SERVER_CALL, calls.server, calls.file, calls.network);
-    if (calls.file.fd > 0)
+    if (calls.file.fileName[0])
         QorInsertDataToE2EBuf(thread, LOCAL_FILE_CALL, calls.server, calls.file, calls.network);
+    if (calls.byRules.kindsByRead)
+        QorMarkE2EByReadRule(thread);
     if (calls.network.fd > 0) {
         QORLOG(LOG_TRACE, "InsertDataToE2EBuf with thread ID %d Network Data %d %d %s\n",
                static_cast<int32_t>(thread), calls.network.fd, calls.network.port, calls.network.host);
@@ -221,21 +243,23 @@ void ListWebFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, ui
 }
 
 // Frames of one method share their locals, so that one of them is enough.
-bool IsListed(const QorFrameRecord *frame) {
+bool IsListedByRules(const QorFrameRecord *frame) {
     const QorAllThreadLocalInfoList *entry = localList;
-    while (entry != threadMark && entry->frameMethod != frame->methodId)
+    while (entry != threadMark && (entry->kind != LOCAL_BY_RULES || entry->frameMethod != frame->methodId))
         entry = entry->next;
     return entry != threadMark;
 }
 
-// A frame of the rules is listed in addition to the others.
-void ListRuleFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
+// A frame of the rules is listed in addition to what it is for the tables.
+bool ListRuleFrame(const QorThreadRecord *thread, const QorFrameRecord *frame, uint32_t kinds,
                    QorXtierFlags *flags) {
-    if (!(kinds & (FRAME_RULE_WEB | FRAME_RULE_DATABASE)) || IsListed(frame))
-        return;
-    const bool isWeb = kinds & FRAME_RULE_WEB;
-    List(thread, frame, isWeb ? LOCAL_WEB_REQUEST : LOCAL_DATABASE_CALL);
-    (isWeb ? flags->web : flags->database) = true;
+    if (!(kinds & FRAME_OF_RULES) || IsListedByRules(frame) || !List(thread, frame, LOCAL_BY_RULES))
+        return false;
+    flags->web |= (localList->tiers & TIER_WEB) != 0;
+    flags->database |= (localList->tiers & TIER_DB) != 0;
+    flags->rmi |= (localList->tiers & TIER_RMI) != 0;
+    flags->file |= (localList->tiers & TIER_FILE) != 0;
+    return true;
 }
 
 // A thread shows one framework object only, the first that is met from the top. A frame that can't be listed
@@ -273,10 +297,8 @@ uint32_t QorClassifyFrame(const QorFrameRecord *frame) {
     if ((kinds & FRAME_WEB) &&
         strncmp(frame->className, FRAMEWORK_VIEW_PACKAGE, sizeof FRAMEWORK_VIEW_PACKAGE - 1) == 0)
         kinds |= FRAME_ACTIVE_DATA;
-    if (frame->facts->tiers & TIER_DB)
-        kinds |= FRAME_RULE_DATABASE;
-    if (frame->facts->tiers & TIER_WEB)
-        kinds |= FRAME_RULE_WEB;
+    if (frame->facts->tiers & TIER_OBJECTS)
+        kinds |= FRAME_OF_RULES;
     return kinds;
 }
 
@@ -352,8 +374,8 @@ void QorInsertXtierData(QorText *reply) {
         TellMissingFrame(frame);
         ClearRecords();
         ReadThread(*location);
-        full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData, calls.database,
-                                           calls.rmi) != 0;
+        full = InsertXtierDataToConsoleBuf(&insertion, *location, objQorJSPRequestData, *ShownDatabase(),
+                                           ShownRmi()) != 0;
         if (!full)
             HandToE2E(*location);
     }
@@ -367,18 +389,16 @@ QorStackViewData QorReadStackViewData() {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         TellMissingFrame(frame);
         for (const QorAllThreadLocalInfoList *entry = localList; entry; entry = entry->next) {
-            if (entry->kind == LOCAL_WEB_REQUEST) {
+            if (entry->kind == LOCAL_WEB_REQUEST)
                 ReadWebEntry(*entry);
-                QorReadUrlByRules(*entry, calls.ruleUrl);
-            } else if (entry->kind == LOCAL_DATABASE_CALL) {
+            else if (entry->kind == LOCAL_DATABASE_CALL)
                 ReadDatabaseEntry(*entry);
-            } else {
+            else if (entry->kind != LOCAL_BY_RULES)
                 QorReadFrameworkEntry(entry, &objQorJSPRequestData);
-            }
         }
-        AddRuleData();
+        ReadByRules(localList, localList->threadId);
     }
-    return QorDataReadAtOnce();
+    return {&objQorJSPRequestData, ShownDatabase()};
 }
 
 void QorStartReadingAtOnce() {
@@ -392,6 +412,8 @@ void QorReadFrameAtOnce(const QorThreadRecord *thread, const char *threadKey, co
         QORLOG(LOG_NOTE, "Qoragent: QRF data not found");
         flags->view = MEETING_MISSED;
     }
+    if (ListRuleFrame(thread, frame, kinds, flags))
+        QorReadRuleObjects(localList);
     if (!(kinds & (FRAME_WEB | FRAME_DATABASE)))
         return; // the readers know no other frames
     const QorLocalFrame local(jvmtijni_env, ENTRY_FRAME_CAPACITY);
@@ -402,7 +424,12 @@ void QorReadFrameAtOnce(const QorThreadRecord *thread, const char *threadKey, co
 }
 
 QorStackViewData QorDataReadAtOnce() {
-    return {&objQorJSPRequestData, &calls.database};
+    if (localList != threadMark && !calls.rulesAreRead) {
+        const QorLocalFrame local(jvmtijni_env, ENTRY_FRAME_CAPACITY);
+        ReadByRules(localList, localList->threadId);
+    }
+    calls.rulesAreRead = true;
+    return {&objQorJSPRequestData, ShownDatabase()};
 }
 
 void QorFreeXtierLists() {

@@ -28,9 +28,8 @@ enum QorFrameKind : uint32_t {
     FRAME_FILE = 1U << 9,
     FRAME_NETWORK = 1U << 10,
     FRAME_APP_SERVER = 1U << 11,
-    FRAME_ACTIVE_DATA = 1U << 12,   // the framework's filter for pushed data; a web frame as well
-    FRAME_RULE_DATABASE = 1U << 13, // by the rules of qortiers.h
-    FRAME_RULE_WEB = 1U << 14,
+    FRAME_ACTIVE_DATA = 1U << 12, // the framework's filter for pushed data; a web frame as well
+    FRAME_OF_RULES = 1U << 13,    // of any kind, by qortiers.h
 };
 
 // The kinds of a frame, 0 for nearly all. A frame without complete facts has none.

@@ -323,3 +323,8 @@ int32_t QorInsertDataToE2EBuf(int64_t threadId, int32_t kind, const QorAppServer
     }
     return 0;
 }
+
+void QorMarkE2EByReadRule(int64_t threadId) {
+    if (QorE2EBlock *block = FindE2EBlock(threadId))
+        block->byReadRule = true;
+}

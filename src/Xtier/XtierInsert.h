@@ -58,3 +58,6 @@ void QorEndInsertion(QorInsertion *insertion, QorText *reply);
 // other for the application server's, which also clears the file. Always 0.
 int32_t QorInsertDataToE2EBuf(int64_t threadId, int32_t kind, const QorAppServerCallData &server,
                               const QorIOCallData &file, const QorNetworkCallData &network);
+
+// Marks the thread's end-to-end block: what is shown of it comes in part by a rule known from sources alone.
+void QorMarkE2EByReadRule(int64_t threadId);

@@ -1,107 +1,45 @@
 #include "XtierRules.h"
 
+#include "RemoteUrl.h"
+#include "RulePath.h"
+#include "SocketAddresses.h"
 #include "ValueText.h"
 #include "XtierDb.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
-#include "jvmti/Monitors.h"
 #include "jvmti/Session.h"
-#include "qortiers.h"
+#include "platforms/linux.h"
+#include "qorlog.h"
 
-#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 
 namespace {
 
 constexpr jint REFERENCES = 128; // two for each step of a way
-constexpr char STRING[] = "Ljava/lang/String;";
+constexpr int32_t LARGEST_PORT = 65535;
+constexpr int32_t RULE_FRAMES = 128; // of a thread, by their methods
+constexpr char STRING[] = "Ljava/lang/String;", DESCRIPTOR[] = "Ljava/io/FileDescriptor;";
 
-// Where a way has led: an object, or a range of a byte array when `to` isn't 0.
-struct Found {
-    jobject object;
-    int32_t from, to;
-};
-
-// The text behind the first of `ends`, which is cut off; null when there is none.
-char *Cut(char *text, const char *ends) {
-    char *const at = text ? strpbrk(text, ends) : nullptr;
-    if (!at)
-        return nullptr;
-    *at = 0;
-    return at + 1;
-}
-
-// As QorGetObjField, but silent: that another version has no such field is no news.
-jobject FieldOf(jobject object, const char *name, const char *signature) {
-    jclass klass = QorGetObjectClass(jvmtijni_env, object);
-    jobject value = nullptr;
-    if (klass && QorIsClassInitialized(klass))
-        if (jfieldID field = QorGetFieldID(jvmtijni_env, klass, name, signature))
-            value = QorGetObjectField(jvmtijni_env, object, field);
-    QorDeleteLocalRef(jvmtijni_env, klass);
-    return value;
-}
-
-jobject ElementOf(jobject array, jobject owner, const char *indexField) {
-    int32_t index = 0;
-    auto *const elements = static_cast<jobjectArray>(array);
-    if (QorGetIntObjectField(owner, indexField, "I", &index) < 0 || index < 0 ||
-        index >= QorGetArrayLength(jvmtijni_env, elements))
-        return nullptr;
-    return QorGetObjectArrayElement(jvmtijni_env, elements, index);
-}
-
-// Goes one step from the object; false when the way ends there. The rules' reader has seen to the form.
-bool Follow(char *step, Found *at) {
-    jobject const owner = at->object;
-    char *const signature = Cut(step, ",");
-    char *const end = strpbrk(signature, "@:");
-    const bool isElement = end && *end == '@';
-    char *const from = Cut(signature, "@:"), *const to = isElement ? nullptr : Cut(from, ":");
-    at->object = FieldOf(owner, step, signature);
-    if (!at->object)
-        return false;
-    if (isElement)
-        at->object = ElementOf(at->object, owner, from);
-    else if (to && (QorGetIntObjectField(owner, from, "I", &at->from) < 0 ||
-                    QorGetIntObjectField(owner, to, "I", &at->to) < 0 || at->from < 0 || at->to <= at->from))
-        at->object = nullptr;
-    return at->object;
-}
-
-// The references of the way stay with the caller's frame.
-Found FollowWay(std::string_view way, jobject object) {
-    char copy[TIER_WAY_SIZE + 1];
-    const size_t length = std::min(way.size(), sizeof copy - 1);
-    memcpy(copy, way.data(), length);
-    copy[length] = 0;
-    Found at = {object, 0, 0};
-    for (char *step = copy, *next; step; step = next) {
-        next = Cut(step, "|");
-        if (!Follow(step, &at))
-            return {nullptr, 0, 0};
-    }
-    return at;
-}
-
-bool IsString(jobject object) {
+bool IsOfClass(jobject object, const char *signature) {
     char own[LOCAL_SIGNATURE_SIZE] = "";
-    return QorGetObjectClassSignature(object, own) == 0 && strcmp(own, STRING) == 0;
+    return QorGetObjectClassSignature(object, own) == 0 && strcmp(own, signature) == 0;
 }
 
-bool ReadText(const Found &found, char *dest, int32_t capacity) {
+bool ReadText(const QorPathEnd &found, char *dest, int32_t capacity) {
     if (found.to != 0)
         QorReadByteText(static_cast<jbyteArray>(found.object), found.from, found.to - found.from, dest,
                         capacity);
-    else if (IsString(found.object))
+    else if (IsOfClass(found.object, STRING))
         QorReadValueText(static_cast<jstring>(found.object), dest, capacity);
     return dest[0];
 }
 
 // A range of bytes has no id of the whole text.
-bool ReadSql(const Found &found, QorDBRequestData *record) {
-    if (found.to == 0 && IsString(found.object))
+bool ReadSql(const QorPathEnd &found, QorDBRequestData *record) {
+    if (found.to == 0 && IsOfClass(found.object, STRING))
         QorReadSqlText(static_cast<jstring>(found.object), record);
     return record->sqlText[0];
 }
@@ -117,6 +55,12 @@ bool ReadSocket(jobject socket, QorDBRequestData *record) {
     return true;
 }
 
+bool ReadUrl(const QorPathEnd &found, char *url, int32_t capacity) {
+    if (ReadText(found, url, capacity))
+        QorHidePasswords(url);
+    return url[0];
+}
+
 bool IsEmpty(const QorDBRequestData &record, QorTierField field) {
     switch (field) {
     case TIER_URL:
@@ -125,59 +69,188 @@ bool IsEmpty(const QorDBRequestData &record, QorTierField field) {
         return !record.sqlText[0];
     case TIER_USER:
         return !record.user[0];
-    case TIER_SOCKET:
-        break;
+    default:
+        return record.fd == -1;
     }
-    return record.fd == -1;
 }
 
-bool ReadField(const Found &found, QorTierField field, QorDBRequestData *record) {
+bool ReadDatabase(const QorPathEnd &found, QorTierField field, QorDBRequestData *record) {
     switch (field) {
     case TIER_URL:
-        if (ReadText(found, record->url, sizeof record->url))
-            QorHidePasswords(record->url);
-        return record->url[0];
+        return ReadUrl(found, record->url, sizeof record->url);
     case TIER_SQL:
         return ReadSql(found, record);
     case TIER_USER:
         return ReadText(found, record->user, sizeof record->user);
-    case TIER_SOCKET:
-        break;
+    default:
+        return ReadSocket(found.object, record);
     }
-    return ReadSocket(found.object, record);
 }
 
-// Calls `read(field, found)` for each way of the entry's object whose field `wants` says is wanted.
-template <class Wants, class Read>
-void ReadWays(const QorAllThreadLocalInfoList &entry, uint32_t kind, Wants wants, Read read) {
-    const QorTierObjects objects = QorFindTierObjects(entry.strSignature);
-    if (!entry.objLocalVarHandle || objects.first == objects.last)
+bool IsEmpty(const QorRmiCallData &record, QorTierField field) {
+    switch (field) {
+    case TIER_PORT:
+        return record.port == 0;
+    case TIER_NAME:
+        return !record.jndiName[0];
+    case TIER_URL:
+        return !record.host[0] || !record.jndiName[0];
+    case TIER_SOCKET:
+        return !record.host[0] || record.port == 0;
+    default:
+        return !record.host[0];
+    }
+}
+
+// Host and port come together, unless the host is known.
+bool TakePeer(const char *host, int32_t port, QorRmiCallData *record) {
+    if (!host[0])
+        return false;
+    if (!record->host[0])
+        memcpy(record->host, host, strlen(host) + 1);
+    if (record->port == 0)
+        record->port = port;
+    return true;
+}
+
+bool ReadRemoteUrl(const QorPathEnd &found, QorRmiCallData *record) {
+    char url[DB_URL_SIZE] = "", host[RMI_HOST_SIZE];
+    int32_t port = 0;
+    if (!ReadText(found, url, sizeof url))
+        return false;
+    if (!record->host[0] && QorReadRemoteUrl(url, host, sizeof host, &port))
+        TakePeer(host, port, record);
+    if (!record->jndiName[0]) {
+        QorHidePasswords(url);
+        memcpy(record->jndiName, url, sizeof url);
+    }
+    return true;
+}
+
+bool ReadRemoteSocket(jobject socket, QorRmiCallData *record) {
+    int64_t fd = -1;
+    uint32_t localPort = 0, remotePort = 0;
+    char host[RMI_HOST_SIZE] = "";
+    if (QorGetFdFromSocket(socket, &fd) < 0 || fd == -1)
+        return false;
+    QorGetSocketAddresses(fd, &localPort, &remotePort, host, sizeof host);
+    return TakePeer(host, static_cast<int32_t>(remotePort), record);
+}
+
+bool ReadPort(const QorPathEnd &found, QorRmiCallData *record) {
+    char text[8] = "";
+    const int32_t port = found.isNumber ? found.number : ReadText(found, text, sizeof text) ? atoi(text) : 0;
+    record->port = port > 0 && port <= LARGEST_PORT ? port : 0;
+    return record->port != 0;
+}
+
+bool ReadRemoteCall(const QorPathEnd &found, QorTierField field, QorRmiCallData *record) {
+    switch (field) {
+    case TIER_PORT:
+        return ReadPort(found, record);
+    case TIER_NAME:
+        return ReadText(found, record->jndiName, sizeof record->jndiName);
+    case TIER_URL:
+        return ReadRemoteUrl(found, record);
+    case TIER_SOCKET:
+        return ReadRemoteSocket(found.object, record);
+    default:
+        return ReadText(found, record->host, sizeof record->host);
+    }
+}
+
+// A file's name, or its descriptor, whose name the system has.
+bool ReadFile(const QorPathEnd &found, char *name) {
+    int32_t fd = -1;
+    if (found.to != 0 || !IsOfClass(found.object, DESCRIPTOR))
+        return ReadText(found, name, DB_URL_SIZE);
+    if (QorGetIntObjectField(found.object, "fd", "I", &fd) < 0 || fd <= 0 ||
+        QorGetFileNameFromFD(fd, name) != 0)
+        return false;
+    QorReplaceForeignBytes(name);
+    QorBlankSeparators(name);
+    return name[0];
+}
+
+bool IsWanted(const QorRuleRecords &records, uint32_t kind, QorTierField field) {
+    switch (kind) {
+    case TIER_DB:
+        return IsEmpty(records.database, field);
+    case TIER_RMI:
+        return IsEmpty(records.rmi, field);
+    default:
+        return kind == TIER_WEB ? !records.url[0] : !records.file[0];
+    }
+}
+
+bool Read(const QorPathEnd &found, uint32_t kind, QorTierField field, QorRuleRecords *records) {
+    switch (kind) {
+    case TIER_DB:
+        return ReadDatabase(found, field, &records->database);
+    case TIER_RMI:
+        return ReadRemoteCall(found, field, &records->rmi);
+    default:
+        return kind == TIER_WEB ? ReadText(found, records->url, sizeof records->url)
+                                : ReadFile(found, records->file);
+    }
+}
+
+// An object known from sources alone is left alone once its first way has turned out not to fit; one that has
+// led somewhere stays, whatever another class of that name has.
+void Judge(const QorPathEnd &found, QorTierObject *object) {
+    if (!object->isRead || object->fit != TIER_UNTRIED)
         return;
-    for (const QorTierObject *object = objects.first; object != objects.last; object++)
-        for (const QorTierWay *way = object->begin; object->kind == kind && way != object->end; way++) {
-            if (!wants(way->field))
-                continue;
-            const QorLocalFrame references(jvmtijni_env, REFERENCES);
-            const Found found = references.pushed ? FollowWay(way->way, entry.objLocalVarHandle) : Found{};
-            if (found.object)
-                read(way->field, found);
-        }
+    if (!found.noSuchField) {
+        object->fit = found.object || found.isNumber ? TIER_FITS : TIER_UNTRIED;
+        return;
+    }
+    object->fit = TIER_OFF;
+    QORLOG(LOG_ERROR, "Tier rules: line %d is off, as the loaded class has no such field: %.*s", object->line,
+           static_cast<int>(object->signature.size()), object->signature.data());
+}
+
+void ReadObject(jobject object, QorTierObject *line, bool lastOnes, QorRuleRecords *records) {
+    for (const QorTierWay *way = line->begin; way != line->end && line->fit != TIER_OFF; way++) {
+        if (way->isLast != lastOnes || !IsWanted(*records, line->kind, way->field))
+            continue;
+        const QorLocalFrame references(jvmtijni_env, REFERENCES);
+        if (!references.pushed)
+            return;
+        const QorPathEnd found = QorFollowPath(way->way, object);
+        if (way == line->begin)
+            Judge(found, line);
+        if ((found.object || found.isNumber) && Read(found, line->kind, way->field, records) && line->isRead)
+            records->kindsByRead |= line->kind;
+    }
+}
+
+void ReadEntry(const QorAllThreadLocalInfoList &entry, bool lastOnes, QorRuleRecords *records) {
+    for (int32_t i = 0; i < entry.ruleObjectCount; i++)
+        for (QorTierObject *line = entry.ruleObjects[i].lines.first; line != entry.ruleObjects[i].lines.last;
+             line++)
+            if (line->kind & entry.tiers)
+                ReadObject(entry.ruleObjects[i].object, line, lastOnes, records);
 }
 
 } // namespace
 
-bool QorReadDatabaseByRules(const QorAllThreadLocalInfoList &entry, QorDBRequestData *record) {
-    bool any = false;
-    ReadWays(
-        entry, TIER_DB, [record](QorTierField field) { return IsEmpty(*record, field); },
-        [record, &any](QorTierField field, const Found &found) {
-            any = ReadField(found, field, record) || any;
-        });
-    return any;
+void QorClearRuleRecords(QorRuleRecords *records) {
+    QorClearDBRequestData(&records->database);
+    records->database.dbType = DB_TYPE_OTHER;
+    QorClearRmiCallData(&records->rmi);
+    records->url[0] = records->file[0] = 0;
+    records->kindsByRead = 0;
 }
 
-void QorReadUrlByRules(const QorAllThreadLocalInfoList &entry, char *url) {
-    ReadWays(
-        entry, TIER_WEB, [url](QorTierField) { return !url[0]; },
-        [url](QorTierField, const Found &found) { ReadText(found, url, REQUEST_TEXT_SIZE); });
+void QorReadThreadByRules(const QorAllThreadLocalInfoList *newest, int64_t threadId,
+                          QorRuleRecords *records) {
+    const QorAllThreadLocalInfoList *frames[RULE_FRAMES];
+    int32_t count = 0;
+    for (const QorAllThreadLocalInfoList *entry = newest; entry && entry->threadId == threadId;
+         entry = entry->next)
+        if (entry->ruleObjectCount > 0 && count < RULE_FRAMES)
+            frames[count++] = entry;
+    for (const bool lastOnes : {false, true})
+        for (int32_t i = count - 1; i >= 0; i--)
+            ReadEntry(*frames[i], lastOnes, records);
 }

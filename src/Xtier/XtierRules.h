@@ -1,16 +1,23 @@
-// Database calls and web requests by the rules of qortiers.h: for each way of an entry's object whose field
-// in the record is still empty, follow it and store what it leads to.
+// What the rules of qortiers.h have of a thread: database call, request, remote call and file.
 //
-// Nothing runs Java code or a class's initialiser. A way that doesn't fit the object (another version's
-// fields, a null on the way, an index outside) leaves its field empty. Worker only, on the session's
-// environment.
+// The entries of a thread's frames add up: for each way of an object whose field is still empty, follow it
+// and store what it leads to. A way that doesn't fit the object (another version's fields, a null on the way,
+// an index outside) leaves its field empty. Worker only, on the session's environment.
 #pragma once
 
 #include "CallRecords.h"
 #include "LocalList.h"
 
-// Whether anything was found.
-bool QorReadDatabaseByRules(const QorAllThreadLocalInfoList &entry, QorDBRequestData *record);
+struct QorRuleRecords {
+    QorDBRequestData database;
+    QorRmiCallData rmi;
+    char url[REQUEST_TEXT_SIZE];
+    char file[DB_URL_SIZE];
+    uint32_t kindsByRead; // TIER_OBJECTS that a rule marked "read" has added to
+};
 
-// A request's URL into REQUEST_TEXT_SIZE bytes.
-void QorReadUrlByRules(const QorAllThreadLocalInfoList &entry, char *url);
+void QorClearRuleRecords(QorRuleRecords *records);
+
+// Reads the objects of all entries of one thread, of which `newest` is the first in the list, from the top of
+// its stack to the bottom; in a second pass by the ways that are marked "last".
+void QorReadThreadByRules(const QorAllThreadLocalInfoList *newest, int64_t threadId, QorRuleRecords *records);

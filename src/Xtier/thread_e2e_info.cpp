@@ -49,6 +49,7 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
     }
     block->patchPoint = nullptr;
     block->valid = 0;
+    block->byReadRule = false;
     block->directRef = handle->threads[handle->index];
     // The reference outlives this sample's local frame, and may be handed to another thread.
     block->threadRef = QorNewGlobalRef(env, block->directRef);

@@ -30,6 +30,7 @@ struct QorE2EBlock {
     char sessionId[1024];
     int32_t networkPort;
     char networkHost[132];
+    bool byReadRule; // some of what is shown of the thread comes by a rule that is known from sources alone
 };
 
 // Head of the list; null between samples.

@@ -16,6 +16,7 @@ namespace {
 constexpr int32_t TIMED_ACCEPT_DEPTH = 2;        // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
 constexpr int32_t RMI_DEPTH = 3;                 // frames above it may tell of a remote call
 constexpr int32_t SETTLED_DEPTH = RMI_DEPTH + 1; // with a frame of Object.wait0 on top
+constexpr int32_t PARKED_DEPTH = 16; // frames above it may be those of a thread parked in a remote call
 static_assert(TIMED_ACCEPT_DEPTH < RMI_DEPTH, "QorStateIsSettled looks at one depth only");
 
 constexpr const char *STATE_TEXTS[STATE_COUNT] = {
@@ -132,7 +133,10 @@ void mapQorThreadState2String(int32_t state, char *dest) {
 }
 
 bool QorStateIsSettled(int32_t state, int32_t frameIndex) {
-    return frameIndex >= SETTLED_DEPTH && state != STATE_RUNNABLE && state != STATE_NETWORK_WAIT;
+    if (state == STATE_RUNNABLE || state == STATE_NETWORK_WAIT)
+        return false;
+    const bool mayBeRemote = state == STATE_OBJECT_WAIT && QorTiersKnowRemoteCalls();
+    return frameIndex >= (mayBeRemote ? PARKED_DEPTH : SETTLED_DEPTH);
 }
 
 int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thread) {
@@ -141,6 +145,7 @@ int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thr
         return 0;
     }
     const char *className = frame->className;
+    const uint32_t tiers = frame->facts ? frame->facts->tiers : 0;
     if (frame->frameIndex == 0) {
         // On newer JDKs Object.wait has a frame of its own for the native call.
         thread->nativeWaitFrames = Equals(className, "java.lang.Object") && Equals(frame->method, "wait0");
@@ -153,10 +158,16 @@ int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thr
         Equals(className, "sun.nio.ch.NioSocketImpl") && Equals(frame->method, "timedAccept"))
         SetState(thread, STATE_OBJECT_WAIT);
     // A driver deep in the stack marks a runnable thread as waiting for the database.
-    if ((thread->state == STATE_RUNNABLE || thread->state == STATE_NETWORK_WAIT) &&
-        (StartsWith(className, "tessar.net.") || StartsWith(className, "ferrule.jdbc.") ||
-         (frame->facts && (frame->facts->tiers & TIER_DB_STATE))))
+    const bool isRunnable = thread->state == STATE_RUNNABLE || thread->state == STATE_NETWORK_WAIT;
+    if (isRunnable && (StartsWith(className, "tessar.net.") || StartsWith(className, "ferrule.jdbc.") ||
+                       (tiers & TIER_DB_STATE)))
         SetState(thread, STATE_DB_WAIT);
+    else if (isRunnable && (tiers & TIER_RMI_STATE))
+        SetState(thread, STATE_RMI_WAIT);
+    // Parked threads wait for many things inside a client, so it takes a frame that is in nothing but a call.
+    if (thread->state == STATE_OBJECT_WAIT && frame->frameIndex < PARKED_DEPTH && (tiers & TIER_RMI_STATE) &&
+        (tiers & TIER_RMI))
+        SetState(thread, STATE_RMI_WAIT);
     if (frame->frameIndex - thread->nativeWaitFrames < RMI_DEPTH &&
         (thread->state == STATE_OBJECT_WAIT || thread->state == STATE_OTHER) &&
         StartsWith(className, "ferrule.rjvm.ResponseImpl"))

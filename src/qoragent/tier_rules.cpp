@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 
 namespace {
 
@@ -36,7 +37,7 @@ void EndText(const char *crc) {
     } else {
         QOR_REPLY("Tier rules refused: %s", fault.reason);
     }
-    QORLOG(fault.reason ? LOG_WARNING : LOG_NOTE, "%s", pagebuf);
+    QORLOG(fault.reason ? LOG_ERROR : LOG_NOTE, "%s", pagebuf);
 }
 
 // Pages end between two characters; put together they are the text.
@@ -44,6 +45,27 @@ int32_t EndOfPage(std::string_view text, int32_t start) {
     const int32_t length = std::min<int32_t>(PAGE_SIZE, static_cast<int32_t>(text.size()) - start);
     const bool isLast = start + length == static_cast<int32_t>(text.size());
     return start + (isLast ? length : QorWholeCharacters(text.data() + start, length));
+}
+
+// A reply is modified UTF-8, in which a character of four bytes is two surrogates of three each.
+void AppendModified(QorText *reply, std::string_view text) {
+    constexpr unsigned char FOUR_BYTES = 0xf0;
+    for (size_t at = 0; at < text.size();) {
+        const auto *bytes = reinterpret_cast<const unsigned char *>(text.data() + at);
+        if (bytes[0] < FOUR_BYTES || text.size() - at < 4) {
+            QorTextAppendChar(reply, text[at++]);
+            continue;
+        }
+        const uint32_t above = ((bytes[0] & 7U) << 18 | (bytes[1] & 0x3fU) << 12 | (bytes[2] & 0x3fU) << 6 |
+                                (bytes[3] & 0x3fU)) -
+                               0x10000;
+        for (const uint32_t half : {0xd800U | (above >> 10 & 0x3ffU), 0xdc00U | (above & 0x3ffU)}) {
+            QorTextAppendChar(reply, static_cast<char>(0xed));
+            QorTextAppendChar(reply, static_cast<char>(0x80U | (half >> 6 & 0x3fU)));
+            QorTextAppendChar(reply, static_cast<char>(0x80U | (half & 0x3fU)));
+        }
+        at += 4;
+    }
 }
 
 void ShowPage(uint32_t wanted) {
@@ -62,7 +84,7 @@ void ShowPage(uint32_t wanted) {
              QorTierCrc());
     QorTextAppend(&reply, head);
     if (page == wanted)
-        QorTextAppend(&reply, text.data() + start, end - start);
+        AppendModified(&reply, {text.data() + start, static_cast<size_t>(end - start)});
 }
 
 } // namespace

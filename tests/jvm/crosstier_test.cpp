@@ -4,6 +4,7 @@
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
 #include "SampleReply.h"
+#include "TierText.h"
 #include "Xtier/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/ThreadSystem.h"
@@ -38,6 +39,7 @@ struct CrossTier : SessionTest {
         qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
         qorDBQuery = 0;
         readconditions(nullptr);
+        SetTiers("");
         SessionTest::TearDown();
     }
 };
@@ -349,7 +351,10 @@ TEST_F(CrossTier, AThousandThreadsInTheirDatabase) {
 // Files and the server's work have no column: the Java side is asked with them.
 TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
     CallVoid(TIERS, "start", "()V");
-    ZooVisit zoo("file-read,file-read-bytes,file-reader,random-access-read,file-write");
+    ZooVisit zoo("file-read,file-read-bytes,file-reader,file-channel-read,random-access-read,file-write");
+    ASSERT_EQ("",
+              SetTiers("frame file sun.nio.ch.FileChannelImpl *\nobject file Lsun/nio/ch/FileChannelImpl;\n"
+                       "path fd,Ljava/io/FileDescriptor;"));
     static char page[PAGEBUF_SIZE];
     char *const savedPage = pagebuf;
     pagebuf = page;
@@ -369,8 +374,8 @@ TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
         QorHandleShowJVMRequest(reqid, page, PAGEBUF_SIZE, args);
         asked = TextOf(CallObject(ENRICHER, "asked", "()Ljava/lang/String;"));
     }
-    for (const char *file :
-         {"file-read", "file-read-bytes", "file-reader", "random-access-read", "file-write"})
+    for (const char *file : {"file-read", "file-read-bytes", "file-reader", "file-channel-read",
+                             "random-access-read", "file-write"})
         EXPECT_NE(asked.find(std::string("/") + file + ","), std::string::npos) << file << asked;
     EXPECT_NE(asked.find(",0,1,,orders,orders.war,default,session of /served,"), std::string::npos) << asked;
 

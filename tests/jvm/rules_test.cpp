@@ -22,23 +22,26 @@ struct Rules : SessionTest {
         qorDBQuery = 0;
         SessionTest::TearDown();
     }
-    // The record of a database call by these ways, and the URL of a request by the last of them.
-    void Read(const std::string &ways) {
-        EXPECT_EQ("", SetTiers(std::string("object db ") + SIGNATURE + "\n" + ways));
-        const ModelEntry entry(LOCAL_DATABASE_CALL, SIGNATURE, driver);
-        QorClearDBRequestData(&record);
-        found = QorReadDatabaseByRules(entry, &record);
+    // The records by these ways of an object of this kind.
+    void Read(const std::string &ways, const std::string &kind = "db") {
+        EXPECT_EQ("", SetTiers("object " + kind + " " + SIGNATURE + "\n" + ways));
+        ReadAgain();
+    }
+    void ReadAgain() {
+        ModelEntry entry(LOCAL_BY_RULES, SIGNATURE, driver);
+        entry.tiers = TIER_OBJECTS;
+        entry.ruleObjects[entry.ruleObjectCount++] = {driver, QorFindTierObjects(SIGNATURE)};
+        QorClearRuleRecords(&records);
+        QorReadThreadByRules(&entry, entry.threadId, &records);
     }
     std::string UrlBy(const std::string &way) {
         Read("url " + way);
-        const std::string url = record.url;
-        EXPECT_EQ(!url.empty(), found) << way;
-        return url;
+        return record.url;
     }
 
     jobject driver = nullptr;
-    QorDBRequestData record;
-    bool found = false;
+    QorRuleRecords records;
+    QorDBRequestData &record = records.database;
 };
 
 } // namespace
@@ -47,7 +50,6 @@ TEST_F(Rules, FollowEachWayOfAnEmptyField) {
     Read("url none,Ljava/lang/String;\nurl text,Ljava/lang/String;\nurl any,Ljava/lang/Object;\n"
          "sql self,Lqoragent/testing/Driver;|self,Lqoragent/testing/Driver;|any,Ljava/lang/Object;\n"
          "user bytes,[B:from:to\nsocket self,Lqoragent/testing/Driver;|socket,Ljava/net/Socket;");
-    EXPECT_TRUE(found);
     EXPECT_STREQ("text", record.url);
     EXPECT_STREQ("text of any", record.sqlText);
     EXPECT_NE(0, record.sqlRef);

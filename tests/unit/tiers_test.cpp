@@ -12,7 +12,8 @@ std::string WaysOf(const char *signature) {
     const QorTierObjects found = QorFindTierObjects(signature);
     for (const QorTierObject *object = found.first; object != found.last; object++)
         for (const QorTierWay *way = object->begin; way != object->end; way++)
-            ways += std::to_string(object->kind) + std::to_string(way->field) + std::string(way->way) + " ";
+            ways += std::to_string(object->kind) + (object->isRead ? "r" : "") + std::to_string(way->field) +
+                    (way->isLast ? "l" : "") + std::string(way->way) + " ";
     return ways;
 }
 
@@ -23,22 +24,26 @@ std::string Times(int count, const std::string &text) {
     return all;
 }
 
+constexpr char BRIDGE[] = "\xf0\x9f\x8c\x89"; // U+1F309
+
 constexpr char GOOD[] =
-    "# drivers\n"
-    "state db org.driver.\nstate db org.driver.net.\nstate db a.\n\n"
-    "frame db org.driver.Call run\nframe\tweb org.driver.Call *\nframe db b.C m\n"
+    "# drivers \xf0\x9f\x9a\x97\n"
+    "state db org.driver.\nstate db org.driver.net.\nstate db a.\nstate rmi a.A\n"
+    "frame db org.driver.Call run\nframe\tweb org.driver.Call *\nframe db b.C m\nframe rmi b.C mm\n"
     "object db Lorg/Call;\n  sql  q,Lq/Q;|text,Ljava/lang/String;\n"
     "  socket list,[[La;@at|s,Ljava/net/Socket;\n"
-    "object web Lorg/Call;\n url b,La/B;|buff,[B:from:to\nobject db La;\nobject db Lorg/Call;\n"
-    "user u,Ljava/lang/Object;";
+    "object web Lorg/Call; read\n url b,La/B;|buff,[B:from:to last\nobject db La;\nobject db Lorg/Call;\n"
+    "user u,Ljava/lang/Object;\nobject rmi Lorg/Remote;\nport p,I\nobject file Lorg/File;\npath f,La;";
 
 } // namespace
 
 TEST(TierRules, FindMethodsAndObjects) {
+    EXPECT_FALSE(QorTiersKnowRemoteCalls());
     ASSERT_EQ("", SetTiers(GOOD, 7));
     EXPECT_EQ(GOOD, QorTierText());
     EXPECT_EQ(CrcOf(GOOD), QorTierCrc());
-    EXPECT_EQ(16, QorTierLineCount());
+    EXPECT_EQ(21, QorTierLineCount());
+    EXPECT_TRUE(QorTiersKnowRemoteCalls());
     const struct {
         const char *className, *method;
         uint32_t kinds;
@@ -49,20 +54,25 @@ TEST(TierRules, FindMethodsAndObjects) {
         {"org.driver.net.A", "run", TIER_DB_STATE},
         {"org.driver.zoo.A", "run", TIER_DB_STATE},
         {"org.drive", "run", 0},
-        {"a.A", "m", TIER_DB_STATE},
+        {"a.A", "m", TIER_DB_STATE | TIER_RMI_STATE},
         {"a", "m", 0},
         {"b.C", "m", TIER_DB},
-        {"b.C", "mm", 0},
+        {"b.C", "mm", TIER_RMI},
+        {"b.C", "mmm", 0},
         {"", "", 0},
     };
     for (const auto &row : METHODS)
         EXPECT_EQ(row.kinds, QorTierKindsOf(row.className, row.method)) << row.className << row.method;
     EXPECT_EQ(
-        "21q,Lq/Q;|text,Ljava/lang/String; 23list,[[La;@at|s,Ljava/net/Socket; 40b,La/B;|buff,[B:from:to "
-        "22u,Ljava/lang/Object; ",
+        "41q,Lq/Q;|text,Ljava/lang/String; 43list,[[La;@at|s,Ljava/net/Socket; 8r0lb,La/B;|buff,[B:from:to "
+        "42u,Ljava/lang/Object; ",
         WaysOf("Lorg/Call;"));
+    EXPECT_EQ("165p,I ", WaysOf("Lorg/Remote;"));
+    EXPECT_EQ("327f,La; ", WaysOf("Lorg/File;"));
     EXPECT_TRUE(QorIsTierObject("La;", TIER_DB | TIER_WEB));
     EXPECT_FALSE(QorIsTierObject("La;", TIER_WEB));
+    QorFindTierObjects("La;").first->fit = TIER_OFF;
+    EXPECT_FALSE(QorIsTierObject("La;", TIER_DB));
     EXPECT_FALSE(QorIsTierObject("Lorg/Cal;", TIER_DB));
 }
 
@@ -73,21 +83,24 @@ TEST(TierRules, ABadTextChangesNothing) {
     const struct {
         std::string text, fault;
     } BAD[] = {
-        {"state db\n", "1: a state needs the form: state db PREFIX"},
-        {"\n#\nstate web x.\n", "3: a state needs the form: state db PREFIX"},
-        {"state db x. y\n", "1: a state needs the form: state db PREFIX"},
-        {"frame db a.B\n", "1: a frame needs the form: frame db|web CLASS METHOD"},
-        {"frame net a.B c\n", "1: a frame needs the form: frame db|web CLASS METHOD"},
-        {"frame db a/B c\n", "1: a frame's class is written with points"},
+        {"state db\n", "1: a state needs the form: state db|rmi PREFIX"},
+        {"\n#\nstate web x.\n", "3: a state needs the form: state db|rmi PREFIX"},
+        {"state db x. y\n", "1: a state needs the form: state db|rmi PREFIX"},
+        {"frame db a.B\n", "1: a frame needs the form: frame db|web|rmi|file CLASS METHOD"},
+        {"frame net a.B c\n", "1: a frame needs the form: frame db|web|rmi|file CLASS METHOD"},
+        {"frame db a/B c\n", "1: a frame's class is written with dots"},
         {"object db a.B\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
         {"object db La.B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
         {"object db [La/B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
-        {"object x La/B;\n", "1: an object needs the form: object db|web SIGNATURE"},
+        {"object x La/B;\n", "1: an object needs the form: object db|web|rmi|file SIGNATURE [read]"},
+        {"object db La/B; red\n", "1: an object needs the form: object db|web|rmi|file SIGNATURE [read]"},
         {"url " + step, "1: a field needs an object above it"},
-        {"host x\n", "1: the first word is none of state, frame, object, url, sql, user, socket"},
+        {"hosts x\n",
+         "1: the first word is neither state, frame, object nor a field: url, sql, user, socket, "
+         "host, port, name, path"},
         {web + "sql " + step, "2: an object of this kind has no such field"},
-        {object + "sql\n", "2: a field needs the form: FIELD WAY"},
-        {object + "sql " + step + " x", "2: a field needs the form: FIELD WAY"},
+        {object + "sql\n", "2: a field needs the form: FIELD WAY [last]"},
+        {object + "sql " + step + " x", "2: a field needs the form: FIELD WAY [last]"},
         {object + "sql f", "2: a step's signature isn't that of a class; see @ and :"},
         {object + "sql ,La/B;", "2: " + noWay},
         {object + "sql f,La/B;||g,La/B;", "2: " + noWay},
@@ -102,7 +115,10 @@ TEST(TierRules, ABadTextChangesNothing) {
         {object + "socket f,[B:a:b", "2: :FROM:TO ends a way to a text"},
         {object + "sql " + Times(50, step + "|") + step, "2: a way has more than 50 steps"},
         {object + "sql " + std::string(4000, 'f') + ",La;", "2: a way is longer than 4000 bytes"},
+        {"object rmi La;\nhost p,I", "2: a step's signature isn't that of a class; see @ and :"},
+        {"object rmi La;\nport p,I|" + step, "2: a step's signature isn't that of a class; see @ and :"},
         {"frame db a.B \x01\n", "1: there is a control character"},
+        {"# \xc2\x9b\n", "1: there is a control character"},
         {Times(TIER_LINES + 1, "\n"), "2049: there are more than 2048 lines"},
         {std::string(TIER_TEXT_SIZE + 1, '#'), "0: the text is longer than 131072 bytes"},
     };
@@ -114,9 +130,7 @@ TEST(TierRules, ABadTextChangesNothing) {
     EXPECT_FALSE(QorAddTiers("state db a."));
     EXPECT_STREQ("no text was begun", QorEndTiers(0).reason);
     QorBeginTiers();
-    EXPECT_STREQ(
-        "the text isn't whole, or not all of its characters are UTF-8 up to U+FFFF: its CRC-32 differs",
-        QorEndTiers(1).reason);
+    EXPECT_STREQ("the text isn't whole, or isn't UTF-8: its CRC-32 differs", QorEndTiers(1).reason);
     EXPECT_EQ(GOOD, QorTierText());
     EXPECT_EQ("", SetTiers(Times(TIER_LINES, "#\n")));
     EXPECT_EQ("", SetTiers(std::string(TIER_TEXT_SIZE, '#')));
@@ -132,12 +146,12 @@ TEST(TierRules, TravelByRequests) {
         QorAnswerTierRules(value.data());
         return std::string(page);
     };
-    std::string text = "# a|b \xc3\xa9\n";
+    std::string text = "# a|b \xc3\xa9 " + Times(2, BRIDGE) + "\n";
     while (text.size() < 100000)
         text += "state db \xe2\x82\xac|" + std::to_string(text.size()) + std::string(80, '.') + "\n";
     char crc[16];
     snprintf(crc, sizeof crc, "%08x", CrcOf(text));
-    EXPECT_EQ("Added to tier rules", ask("=|" + text.substr(0, 20000)));
+    EXPECT_EQ("Added to tier rules", ask("=|" + Modified(text.substr(0, 20000))));
     EXPECT_EQ("Added to tier rules", ask("+|" + text.substr(20000)));
     const std::string accepted = ask(std::string("!|") + crc);
     EXPECT_EQ(0u, accepted.find("Tier rules in force: ")) << accepted;
@@ -148,7 +162,7 @@ TEST(TierRules, TravelByRequests) {
         EXPECT_NE(std::string::npos, reply.find(std::string(" bytes, CRC ") + crc + "\n")) << reply;
         read += reply.substr(reply.find('\n') + 1);
     }
-    EXPECT_EQ(text, read);
+    EXPECT_EQ(Modified(text), read);
     ask("=|url x");
     snprintf(crc, sizeof crc, "%x", CrcOf("url x"));
     EXPECT_EQ("Tier rules refused: line 1: a field needs an object above it", ask(std::string("!|") + crc));
