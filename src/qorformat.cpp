@@ -1,3 +1,81 @@
 #include "qorformat.h"
 
+#include "qorrequest.h"
+
+#include <cstdio>
+
 char null_str[2] = "^";
+
+namespace {
+
+// What a poll's flags must be for a title to apply.
+enum PollForm { ANY_FORM, PLAIN_POLL, PLAIN_TRACE, WITH_DETAILS };
+
+struct TitleRow {
+    uint32_t bit;
+    PollForm form;
+    const char *title;
+};
+
+// The first row that applies decides.
+constexpr TitleRow titleRows[] = {
+    {QORREQ_MEMORY_ACTIVITY, ANY_FORM, TITLE_MEMORY_ACTIVITY},
+    {QORREQ_THREAD_SUMMARY, ANY_FORM, "Thread Info Summary"},
+    {QORREQ_ACTIVE_THREADS, ANY_FORM, TITLE_ACTIVE_THREADS},
+    {QORREQ_THREAD_DETAILS, ANY_FORM, TITLE_THREAD_DETAILS},
+    {QORREQ_LOCK_HOLDER, ANY_FORM, "Thread Holding Lock"},
+    {QORREQ_POLL_DETAILS, PLAIN_POLL, TITLE_ACTIVE_THREADS},
+    {QORREQ_POLL_DETAILS, PLAIN_TRACE, TITLE_THREAD_DETAILS},
+    {QORREQ_POLL_DETAILS, WITH_DETAILS, TITLE_THREAD_DETAILS},
+};
+
+PollForm CurrentPollForm() {
+    if (poll_details)
+        return WITH_DETAILS;
+    return trace_single_thread_details ? PLAIN_TRACE : PLAIN_POLL;
+}
+
+// The value of a hexadecimal digit, upper or lower case; any other character gives some number.
+uint64_t HexDigit(unsigned char c) {
+    if (c > 96) // from 'a' on
+        return c - 87u;
+    if (c > 64) // from 'A' on
+        return c - 55u;
+    return static_cast<uint64_t>(c) - 48u;
+}
+
+} // namespace
+
+void InitResponseHeader(uint32_t reqid, char *header) {
+    header[0] = 0;
+    const PollForm form = CurrentPollForm();
+    for (const TitleRow &row : titleRows) {
+        if (!(reqid & row.bit) || (row.form != ANY_FORM && row.form != form))
+            continue;
+        snprintf(header, TITLE_SIZE, "%s%c", row.title, RECORD_END);
+        if (row.form == PLAIN_TRACE)
+            poll_details = FLAG_POLL_DETAILS;
+        return;
+    }
+}
+
+int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId) {
+    QorText text;
+    QorTextStart(&text, key, THREAD_KEY_SIZE);
+    QorTextAppendNumber(&text, processId);
+    QorTextAppendChar(&text, '-');
+    QorTextAppendNumber(&text, static_cast<int32_t>(threadId));
+    return text.length;
+}
+
+void QorAppendField(QorText *out, const char *text) {
+    QorTextAppend(out, text);
+    QorTextAppendChar(out, FIELD_SEP);
+}
+
+uint64_t atoqoraddr(const char *text) {
+    uint64_t value = 0;
+    for (; *text; text++)
+        value = value * 16 + HexDigit(static_cast<unsigned char>(*text));
+    return value;
+}

@@ -1,5 +1,10 @@
-// The marks of the record format: what separates fields, records and sections of a reply.
+// The record format, as far as both roads share it: the marks that separate fields, records and sections of a
+// reply, the titles, and the fields that every record has.
 #pragma once
+
+#include "qortext.h"
+
+#include <cstdint>
 
 constexpr char STATE_MARK = 14;       // in front of the state field, at optimisation level 3 only
 constexpr char FIELD_COUNT_MARK = 26; // behind the field count of a database detail block
@@ -11,3 +16,33 @@ constexpr char SECTION_END = 31;
 
 // The placeholder of an empty field. Start-up sets it to "^".
 extern char null_str[2];
+
+// Section titles.
+constexpr char TITLE_ACTIVE_THREADS[] = "JVM Active Threads";
+constexpr char TITLE_MEMORY_ACTIVITY[] = "JVM Memory Activity";
+constexpr char TITLE_THREAD_DETAILS[] = "Thread Info Details";
+constexpr char TITLE_CALL_STACK[] = "Call Stack";
+constexpr char TITLE_LOCKS[] = "JVM Locks";
+constexpr char TITLE_LOCK_WAIT[] = "Lock On";
+constexpr char TITLE_PARKED[] = "Parked On";
+
+// A label of the console behind a lock that a thread waits for.
+constexpr char VIEW_LOCK_HOLDER[] = "View Thread Holding this Lock";
+// In the place of the file where no line is known.
+constexpr char NO_LINE_FILE[] = "Native Method";
+
+enum : int32_t { TITLE_SIZE = 128, THREAD_KEY_SIZE = 64 };
+
+// The title record of a request, its RECORD_END included, into TITLE_SIZE bytes; empty when the request has
+// none. A poll that traces a single thread gets `poll_details` set.
+void InitResponseHeader(uint32_t reqid, char *header);
+
+// A thread's identity on the wire, "process-thread", into THREAD_KEY_SIZE bytes. Ids are cut to 32 bits, as
+// the console expects. Returns the length.
+int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId);
+
+// A text and its separator.
+void QorAppendField(QorText *out, const char *text);
+
+// An address as records have it, hexadecimal without a prefix, wrapping. Any character counts, by its code.
+uint64_t atoqoraddr(const char *text);

@@ -2,7 +2,6 @@
 
 #include "Xtier/XtierInsert.h"
 #include "qorlog.h"
-#include "qorrequest.h"
 
 #include <cstdio>
 
@@ -14,33 +13,6 @@ char console_thr_buf[CONSOLE_THR_BUF_SIZE];
 
 namespace {
 
-// What a poll's flags must be for a title to apply.
-enum PollForm { ANY_FORM, PLAIN_POLL, PLAIN_TRACE, WITH_DETAILS };
-
-struct TitleRow {
-    uint32_t bit;
-    PollForm form;
-    const char *title;
-};
-
-// The first row that applies decides.
-constexpr TitleRow titleRows[] = {
-    {QORREQ_MEMORY_ACTIVITY, ANY_FORM, TITLE_MEMORY_ACTIVITY},
-    {QORREQ_THREAD_SUMMARY, ANY_FORM, "Thread Info Summary"},
-    {QORREQ_ACTIVE_THREADS, ANY_FORM, TITLE_ACTIVE_THREADS},
-    {QORREQ_THREAD_DETAILS, ANY_FORM, TITLE_THREAD_DETAILS},
-    {QORREQ_LOCK_HOLDER, ANY_FORM, "Thread Holding Lock"},
-    {QORREQ_POLL_DETAILS, PLAIN_POLL, TITLE_ACTIVE_THREADS},
-    {QORREQ_POLL_DETAILS, PLAIN_TRACE, TITLE_THREAD_DETAILS},
-    {QORREQ_POLL_DETAILS, WITH_DETAILS, TITLE_THREAD_DETAILS},
-};
-
-PollForm CurrentPollForm() {
-    if (poll_details)
-        return WITH_DETAILS;
-    return trace_single_thread_details ? PLAIN_TRACE : PLAIN_POLL;
-}
-
 // A number as the wire's 32-bit fields show it.
 int32_t Wire32(int64_t value) {
     return static_cast<int32_t>(value);
@@ -51,35 +23,13 @@ char sDummyRMIString[32];
 
 } // namespace
 
-void InitResponseHeader(uint32_t reqid, char *header) {
-    header[0] = 0;
-    const PollForm form = CurrentPollForm();
-    for (const TitleRow &row : titleRows) {
-        if (!(reqid & row.bit) || (row.form != ANY_FORM && row.form != form))
-            continue;
-        snprintf(header, TITLE_SIZE, "%s%c", row.title, RECORD_END);
-        if (row.form == PLAIN_TRACE)
-            poll_details = FLAG_POLL_DETAILS;
-        return;
-    }
-}
-
-int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId) {
-    QorText text;
-    QorTextStart(&text, key, THREAD_KEY_SIZE);
-    QorTextAppendNumber(&text, processId);
-    QorTextAppendChar(&text, '-');
-    QorTextAppendNumber(&text, Wire32(threadId));
-    return text.length;
-}
-
 void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine, const char *noFile) {
     QorTextAppend(out, frame->className);
     QorTextAppend(out, "->", 2);
     QorTextAppend(out, frame->method);
     QorTextAppendChar(out, FIELD_SEP);
     if (frame->line < 1) {
-        QorTextAppend(out, "Native Method");
+        QorTextAppend(out, NO_LINE_FILE);
         QorTextAppendChar(out, FIELD_SEP);
         QorTextAppend(out, noLine);
         return;
@@ -87,11 +37,6 @@ void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *
     QorTextAppend(out, frame->fileName[0] ? frame->fileName : noFile);
     QorTextAppendChar(out, FIELD_SEP);
     QorTextAppendNumber(out, frame->line);
-}
-
-void QorAppendField(QorText *out, const char *text) {
-    QorTextAppend(out, text);
-    QorTextAppendChar(out, FIELD_SEP);
 }
 
 const char *QorEmptyDatabaseBlock() {
@@ -141,10 +86,9 @@ int32_t QorAppendSkipRow(QorText *out, int32_t skipped, int64_t threadId, int32_
 
 void QorAppendLockWaitRecord(QorText *out, const QorMonitorRecord *lock, int32_t processId) {
     char record[NAME_SIZE + 256];
-    const int32_t length =
-        snprintf(record, sizeof record, "Lock On%c%d%c%d-%d%c%s%cView Thread Holding this Lock", RECORD_END,
-                 Wire32(lock->lockId), FIELD_SEP, processId, Wire32(lock->owner), FIELD_SEP,
-                 lock->description, FIELD_SEP);
+    const int32_t length = snprintf(
+        record, sizeof record, "%s%c%d%c%d-%d%c%s%c%s", TITLE_LOCK_WAIT, RECORD_END, Wire32(lock->lockId),
+        FIELD_SEP, processId, Wire32(lock->owner), FIELD_SEP, lock->description, FIELD_SEP, VIEW_LOCK_HOLDER);
     QorTextAppend(out, record, length);
 }
 

@@ -12,19 +12,9 @@
 
 #include <cstdint>
 
-// Section titles.
-constexpr char TITLE_ACTIVE_THREADS[] = "JVM Active Threads";
-constexpr char TITLE_MEMORY_ACTIVITY[] = "JVM Memory Activity";
-constexpr char TITLE_THREAD_DETAILS[] = "Thread Info Details";
-constexpr char TITLE_CALL_STACK[] = "Call Stack";
-constexpr char TITLE_LOCKS[] = "JVM Locks";
-constexpr char TITLE_PARKED[] = "Parked On";
-
 enum : int32_t {
-    TITLE_SIZE = 128,
     CONSOLE_BUF_SIZE = 10240,
     CONSOLE_THR_BUF_SIZE = 102400,
-    THREAD_KEY_SIZE = 64,
     LONGEST_ROW = 3 * NAME_SIZE + 128, // three names and the numbers between them
     LONGEST_SKIP_ROW = 128,
 };
@@ -36,20 +26,9 @@ extern char console_mon_wait_buf[CONSOLE_BUF_SIZE];
 extern char console_mon_owned_buf[CONSOLE_BUF_SIZE];
 extern char console_thr_buf[CONSOLE_THR_BUF_SIZE];
 
-// The title record of a request, its RECORD_END included, into TITLE_SIZE bytes; empty when the request has
-// none. A poll that traces a single thread gets `poll_details` set.
-void InitResponseHeader(uint32_t reqid, char *header);
-
-// A thread's identity on the wire, "process-thread", into THREAD_KEY_SIZE bytes. Ids are cut to 32 bits, as
-// the console expects. Returns the length.
-int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId);
-
 // Three fields: call text, file, line. Without a line: call text, "Native Method" and `noLine`; a line
 // without a file has `noFile`. No separator at the end.
 void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine, const char *noFile);
-
-// A text and its separator.
-void QorAppendField(QorText *out, const char *text);
 
 // The detail blocks behind "DB Wait" and "RMI Wait" with nothing known.
 const char *QorEmptyDatabaseBlock();

@@ -25,15 +25,6 @@ char *FindPair(char *text) {
     return nullptr;
 }
 
-// The value of a hexadecimal digit, upper or lower case; any other character gives some number.
-uint64_t HexDigit(unsigned char c) {
-    if (c > 96) // from 'a' on
-        return c - 87u;
-    if (c > 64) // from 'A' on
-        return c - 55u;
-    return static_cast<uint64_t>(c) - 48u;
-}
-
 const char *SkipFields(const char *text, int count) {
     for (; text && count > 0; count--)
         text = QorNextField(text);
@@ -55,13 +46,6 @@ uint32_t QorParseNumber(const char *text) {
     uint32_t value = 0;
     for (; *text && *text != FIELD_BAR; text++)
         value = value * 10 + (static_cast<unsigned char>(*text) - static_cast<uint32_t>('0'));
-    return value;
-}
-
-uint64_t atoqoraddr(const char *text) {
-    uint64_t value = 0;
-    for (; *text; text++)
-        value = value * 16 + HexDigit(static_cast<unsigned char>(*text));
     return value;
 }
 

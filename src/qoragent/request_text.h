@@ -20,9 +20,6 @@ const char *QorNextField(const char *text);
 // times 10 plus character minus '0', wrapping.
 uint32_t QorParseNumber(const char *text);
 
-// An address in hexadecimal without a prefix, wrapping.
-uint64_t atoqoraddr(const char *text);
-
 // Spreads an argument field over CONSOLE_ARG_COUNT slots, cutting it in place: slots not named stay as they
 // are, and a digit beyond the last slot is dropped with its value. Without an equals sign slot 0 becomes
 // null. Returns the number of slots set.

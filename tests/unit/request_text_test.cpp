@@ -1,4 +1,5 @@
 #include "qoragent/request_text.h"
+#include "qorformat.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
