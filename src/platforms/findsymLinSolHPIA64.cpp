@@ -173,16 +173,9 @@ int32_t OpenLibrary(const char *library, uint64_t base, int32_t mapped) {
 // Looks for the open slots in one library.
 int32_t SearchLibrary(int32_t pid, const char *library, const char *list, uint64_t *slots) {
     uint64_t base = 0;
-    int32_t file = -1;
-    if (findelfhdr(pid, &base, library, &file) < 0) {
-        fprintf(stderr, "Qor Agent WARNING: Library Not Found\n");
+    int32_t file = QorOpenMappedLibrary(pid, library, &base);
+    if (file < 0)
         return 0;
-    }
-    file = OpenLibrary(library, base, file);
-    if (file < 0) {
-        fprintf(stderr, "Qor Agent Error %d: Could not find %s\n", CODE_NOT_FOUND, library);
-        return 0;
-    }
     const int32_t filled = QorResolveSymbols(file, list, base, slots);
     qor_close_handle(&file);
     return filled;
@@ -235,6 +228,18 @@ int32_t findelfhdr(int32_t pid, uint64_t *base, const char *library, int32_t *fi
         NoteKindOfVm(search.path);
     }
     return search.bits;
+}
+
+int32_t QorOpenMappedLibrary(int32_t pid, const char *library, uint64_t *base) {
+    int32_t file = -1;
+    if (findelfhdr(pid, base, library, &file) < 0) {
+        fprintf(stderr, "Qor Agent WARNING: Library Not Found\n");
+        return -1;
+    }
+    file = OpenLibrary(library, *base, file);
+    if (file < 0)
+        fprintf(stderr, "Qor Agent Error %d: Could not find %s\n", CODE_NOT_FOUND, library);
+    return file;
 }
 
 int32_t findlib(const char *library) {

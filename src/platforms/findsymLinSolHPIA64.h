@@ -88,6 +88,10 @@ void findsymbols(int32_t pid, const char *key, uint32_t words[SYMBOL_WORDS]);
 // else -1. The result is -1 when there is no such mapping.
 int32_t findelfhdr(int32_t pid, uint64_t *base, const char *library, int32_t *file);
 
+// The file of a library that is mapped: a descriptor to read it and the mapping's address in *base. -1 when
+// there is none, which is reported.
+int32_t QorOpenMappedLibrary(int32_t pid, const char *library, uint64_t *base);
+
 // Opens `library` in the first directory of LD_LIBRARY_PATH that has it: a descriptor, or -1.
 int32_t findlib(const char *library);
 

@@ -16,6 +16,7 @@ bool ReadLine(char *line, QorMapping *mapping) {
         return false;
     mapping->readable = rights[0] == 'r';
     mapping->writable = rights[1] == 'w';
+    mapping->executable = rights[2] == 'x';
     mapping->shared = rights[3] == 's';
     snprintf(mapping->name, sizeof mapping->name, "%s", used > 0 ? line + used : "");
     return true;

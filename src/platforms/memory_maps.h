@@ -5,8 +5,9 @@
 
 struct QorMapping {
     uint64_t start, end;
-    bool readable, writable, shared; // shared: what is written is seen by whoever maps the same memory
-    char name[4096 + 16];            // the file's, cut; empty for none
+    bool readable, writable, executable,
+        shared;           // shared: what is written is seen by whoever maps the same memory
+    char name[4096 + 16]; // the file's, cut; empty for none
 };
 
 // Calls `visit` for each mapping until it answers false. False when the list can't be read.
