@@ -9,6 +9,7 @@ namespace simvm {
 Vm vm;
 void ArrangePlaces();   // places.cpp
 void DefineVmClasses(); // classes.cpp
+void BootCode();        // code.cpp
 
 namespace {
 
@@ -191,6 +192,11 @@ Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure) {
         mprotect(reinterpret_cast<void *>(at + bytes), PAGE, PROT_NONE);
     vm.sizes[at] = bytes;
     memset(reinterpret_cast<void *>(at), 0, bytes);
+    SetTop(space, top);
+    return at;
+}
+
+void SetTop(HeapSpace *space, Word top) {
     space->top = top;
     bool freeLists = vm.options.collector == Collector::CONCURRENT && (space == &vm.perm || space == &vm.old);
     if (vm.options.collector == Collector::PARALLEL)
@@ -203,7 +209,6 @@ Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure) {
         Word dictionary = At(space->structure, &FreeListSpace::dictionary);
         At(dictionary, &FreeListDictionary::freeWords) = (space->end - top) / 8;
     }
-    return at;
 }
 
 void Boot(const Options &options) {
@@ -220,6 +225,7 @@ void Boot(const Options &options) {
         *vm.statics.stackRegisters = 176;
     LayOutHeap();
     DefineVmClasses();
+    BootCode();
 }
 
 } // namespace simvm

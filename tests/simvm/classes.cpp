@@ -5,8 +5,6 @@
 
 namespace simvm {
 
-Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure = STRUCT_COUNT); // boot.cpp
-
 namespace {
 
 constexpr int32_t POOL_ENTRIES = 96; // of a class, room for the methods that come later
@@ -51,8 +49,16 @@ Class *DefineArray(const std::string &signature) {
 
 Object *Describe(Word address, Word klass, int64_t bytes, char space) {
     As<Oop>(address) = {UNMARKED, klass};
-    vm.objects.push_back({address, klass, bytes, space});
-    return &vm.objects.back();
+    Object *object;
+    if (vm.forgotten.empty()) {
+        vm.objects.emplace_back();
+        object = &vm.objects.back();
+    } else {
+        object = vm.forgotten.back();
+        vm.forgotten.pop_back();
+    }
+    *object = {address, klass, bytes, space};
+    return object;
 }
 
 int32_t SizeOf(const std::string &signature) {
@@ -235,6 +241,12 @@ void DefineVmClasses() {
     DefineClass("java/lang/ref/Reference", "java/lang/Object",
                 {{"referent", "Ljava/lang/Object;", false, 0}});
     DefineClass("java/lang/ref/WeakReference", "java/lang/ref/Reference");
+}
+
+void Forget(Object *object) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    object->address = 0;
+    vm.forgotten.push_back(object);
 }
 
 Object *NewObject(const std::string &className, char space) {

@@ -9,7 +9,8 @@
 
 namespace simvm {
 
-constexpr uint8_t POISON = 0x5b; // as a word odd, not null and no address
+constexpr uint8_t POISON = 0x5b;
+constexpr Word POISON_WORD = 0x5b5b5b5b5b5b5b5b; // odd, not null and no address
 
 [[noreturn]] void Fail(const char *what);
 

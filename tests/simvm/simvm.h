@@ -71,6 +71,7 @@ struct ThreadInfo {
     int32_t kernelId = 0;
     Word handles = 0; // HandleBlock
     bool exceptionPending = false;
+    std::vector<Object *> objects; // that die with it
 };
 
 struct Vm {
@@ -81,6 +82,7 @@ struct Vm {
     std::map<std::string, Class> classes;
     std::deque<MethodInfo> methods;
     std::deque<Object> objects;              // of eden, from and old
+    std::vector<Object *> forgotten;         // of these, to be used again
     std::unordered_map<Word, int64_t> sizes; // bytes of whatever is in the heap
     HeapSpace perm, old, eden, from, to;
     Word kindKlass[VTABLE_COUNT];      // the klasses of the VM's own kinds of objects
@@ -107,6 +109,9 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
                          std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64);
 
 HeapSpace &SpaceOf(char letter);
+Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure = STRUCT_COUNT);
+void SetTop(HeapSpace *space, Word top); // with what is free above
+void Forget(Object *object);             // dead; the next collection takes its memory
 Object *NewObject(const std::string &className, char space = 'E');
 Object *NewChars(const std::string &text, char space = 'E'); // char[], one character a byte
 Object *NewString(const std::string &text, char space = 'E');

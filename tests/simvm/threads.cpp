@@ -38,7 +38,9 @@ ThreadInfo *NewThread(const std::string &name) {
     auto *thread = new ThreadInfo;
     thread->name = name;
     thread->object = NewObject("java/lang/Thread");
-    SetField(thread->object, "name", NewChars(name)->address);
+    Object *chars = NewChars(name);
+    SetField(thread->object, "name", chars->address);
+    thread->objects = {thread->object, chars};
     thread->address = Allocate(ThreadBytes());
     thread->osThread = Allocate(sizeof(OSThread));
     thread->handles = NewHandleBlock();
@@ -78,6 +80,8 @@ void UnlinkThread(ThreadInfo *thread) {
 }
 
 void FreeThread(ThreadInfo *thread) {
+    for (Object *object : thread->objects)
+        Forget(object);
     Release(thread->address, ThreadBytes());
     Release(thread->osThread, sizeof(OSThread));
     Release(thread->handles, sizeof(HandleBlock));

@@ -1,0 +1,67 @@
+// Java code of the simulated VM: machine code emitted for each frame of a script, in a code cache with blobs,
+// scopes and oop maps as the VM keeps them. A frame that is laid out otherwise than its description says
+// can't return.
+#pragma once
+
+#include "simvm.h"
+
+namespace simvm {
+
+// One Java frame as a reader is to see it: the truth that replies are compared with.
+struct Scope {
+    MethodInfo *method;
+    int32_t bci = 0;
+    Object *receiver = nullptr;          // null: none
+    std::vector<Object *> monitors = {}; // held, or waited for where the script rests
+};
+
+enum class FrameKind {
+    INTERPRETED,
+    COMPILED,
+    OSR,    // compiled, entered in mid-loop from the interpreter
+    NATIVE, // an interpreted native method; the only kind that can rest in C or enter Java again
+};
+struct Frame {
+    FrameKind kind;
+    std::vector<Scope> scopes; // outermost first; one but in compiled frames
+    bool inCopy = false;       // runs in the thread's copy of its code
+};
+
+enum class Rest { PIPE, ACCEPT, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
+
+// What a thread does: frames outermost first, each calling the next, the last one resting. Frames after a
+// native one are reached through a second call from the VM into Java.
+struct Script {
+    std::vector<Frame> frames;
+    Rest rest = Rest::SLEEP;
+    Word entry = 0;                                 // once emitted
+    Word copyStart = 0, copySize = 0, copyReal = 0; // of the frame that runs in a copy
+};
+
+// Emits the script's code. The script stays where it is and isn't changed afterwards.
+void EmitScript(Script *script);
+// The frames that a walk from the resting place finds, innermost first.
+std::vector<Scope> ShadowStack(const Script &script);
+int32_t LineOf(const Scope &scope); // -1: none
+
+// Called by emitted code with the thread's JavaThread: a rest, a second call into Java, a stop at a
+// safepoint.
+extern "C" void SimvmRest(Word thread, Script *script);
+extern "C" void SimvmEnter(Word thread, Word entry);
+extern "C" void SimvmSafepoint(Word thread);
+
+// What emitted code reads and writes of its thread, in r14.
+struct Control {
+    int32_t leave = 0, unused = 0; // the rest ends
+    int64_t laps = 0;              // of its loop
+};
+extern int32_t safepointAsked;
+
+// Runs Java code from the call stub on; wrapper as layout.h has it.
+void CallJava(Word entry, Word wrapper, Word thread, Control *control);
+// The code blob around an address, for tests that spoil it: 0 if there is none.
+Word BlobOf(Word pc);
+
+void BootCode(); // of Boot: code cache, interpreter, stubs
+
+} // namespace simvm

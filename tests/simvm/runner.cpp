@@ -1,0 +1,295 @@
+#include "runner.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <condition_variable>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace simvm {
+
+namespace {
+
+thread_local Runner *current;
+std::vector<Runner *> runners; // under safepointLock
+std::mutex safepointLock;
+std::condition_variable safepointOver;
+
+struct RestStates {
+    ThreadState state;
+    OsState osState;
+};
+RestStates StatesOf(Rest rest) {
+    switch (rest) {
+    case Rest::SLEEP:
+        return {BLOCKED, OS_SLEEPING};
+    case Rest::WAIT:
+        return {BLOCKED, OS_OBJECT_WAIT};
+    case Rest::MONITOR:
+        return {BLOCKED, OS_MONITOR_WAIT};
+    default:
+        return {IN_NATIVE, OS_RUNNABLE};
+    }
+}
+
+// From C back into Java code; not while a collection runs.
+void BackToJava(Runner *runner) {
+    for (;;) {
+        runner->inJava = true;
+        if (!__atomic_load_n(&safepointAsked, __ATOMIC_SEQ_CST))
+            return;
+        runner->inJava = false;
+        std::unique_lock<std::mutex> lock(safepointLock);
+        safepointOver.wait(lock, [] { return !safepointAsked; });
+    }
+}
+void OutOfJava(Runner *runner) {
+    runner->stackLow = reinterpret_cast<Word>(__builtin_frame_address(0));
+    runner->inJava = false;
+}
+
+bool HasToLeave(Runner *runner) {
+    return __atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE);
+}
+
+void WaitAtRest(Runner *runner) {
+    char byte;
+    timespec slice = {0, 20'000'000};
+    switch (runner->script->rest) {
+    case Rest::PIPE:
+        while (!HasToLeave(runner) && read(runner->pipe[0], &byte, 1) < 0 && errno == EINTR)
+            ;
+        break;
+    case Rest::ACCEPT:
+        while (!HasToLeave(runner) && accept4(runner->listener, nullptr, nullptr, SOCK_CLOEXEC) < 0 &&
+               errno == EINTR)
+            ;
+        break;
+    case Rest::SLEEP:
+        while (!HasToLeave(runner))
+            nanosleep(&slice, nullptr);
+        break;
+    case Rest::CALL:
+        runner->call();
+        break;
+    default:
+        while (!HasToLeave(runner))
+            syscall(SYS_futex, &runner->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
+    }
+}
+
+// Through the call stub, with the anchor in force kept in the wrapper meanwhile.
+void EnterJava(Runner *runner, Word entry) {
+    Word thread = runner->info->address;
+    CallWrapper wrapper;
+    memset(&wrapper, POISON, sizeof wrapper);
+    auto at = reinterpret_cast<Word>(&wrapper);
+    wrapper.thread = thread;
+    At(at, &CallWrapper::anchorSp) = At(thread, &JavaThread::anchorSp) & ~Word(3);
+    At(at, &CallWrapper::anchorFp) = At(thread, &JavaThread::anchorFp);
+    wrapper.anchorPc = At(thread, &JavaThread::anchorPc);
+    BackToJava(runner);
+    At(thread, &JavaThread::state) = IN_JAVA;
+    At(thread, &JavaThread::anchorSp) = 0;
+    CallJava(entry, at, thread, &runner->control);
+    OutOfJava(runner);
+    At(thread, &JavaThread::anchorFp) = At(at, &CallWrapper::anchorFp);
+    At(thread, &JavaThread::anchorPc) = wrapper.anchorPc;
+    At(thread, &JavaThread::anchorSp) = At(at, &CallWrapper::anchorSp);
+    At(thread, &JavaThread::state) = IN_NATIVE;
+}
+
+void SetCodeCopy(Runner *runner) {
+    if (!runner->script->copyStart)
+        return;
+    Word state = Allocate(sizeof(SafepointState)), copy = Allocate(sizeof(CodeCopy));
+    As<CodeCopy>(copy).start = runner->script->copyStart;
+    At(copy, &CodeCopy::size) = int32_t(runner->script->copySize);
+    At(copy, &CodeCopy::realStart) = runner->script->copyReal;
+    As<SafepointState>(state).codeCopy = copy;
+    At(runner->info->address, &JavaThread::safepointState) = state;
+}
+
+void RunScript(Runner *runner) {
+    current = runner;
+    runner->stackHigh = reinterpret_cast<Word>(__builtin_frame_address(0));
+    OutOfJava(runner);
+    {
+        std::lock_guard<std::mutex> held(safepointLock);
+        runners.push_back(runner);
+    }
+    LinkThread(runner->info);
+    SetCodeCopy(runner);
+    SetStates(runner->info, IN_VM, OS_RUNNABLE);
+    if (runner->script->rest == Rest::SPIN || runner->script->rest == Rest::CALLS)
+        runner->resting = 1;
+    EnterJava(runner, runner->script->entry);
+    SetStates(runner->info, IN_VM, OS_ZOMBIE);
+    UnlinkThread(runner->info);
+    std::lock_guard<std::mutex> held(safepointLock);
+    runners.erase(std::find(runners.begin(), runners.end(), runner));
+}
+
+void *ThreadMain(void *runner) {
+    RunScript(static_cast<Runner *>(runner));
+    return nullptr;
+}
+
+void OpenRest(Runner *runner) {
+    if (runner->script->rest == Rest::PIPE && pipe2(runner->pipe, O_CLOEXEC))
+        Fail("no pipe");
+    if (runner->script->rest != Rest::ACCEPT)
+        return;
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    runner->listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(runner->listener, reinterpret_cast<sockaddr *>(&any), sizeof any) || listen(runner->listener, 1))
+        Fail("no listening socket");
+}
+
+// ---- the collector
+// -----------------------------------------------------------------------------------------
+
+// Every word from `low` to `high` that is the old address of an object.
+void Redirect(Word low, Word high, const std::unordered_map<Word, Word> &moved) {
+    for (Word at = (low + 7) & ~Word(7); at + 8 <= high; at += 8)
+        if (auto found = moved.find(As<Word>(at)); found != moved.end())
+            As<Word>(at) = found->second;
+}
+
+void RedirectAll(const std::unordered_map<Word, Word> &moved) {
+    for (const Object &object : vm.objects)
+        if (object.address)
+            Redirect(object.address + sizeof(Oop), object.address + object.bytes, moved);
+    for (auto &[name, type] : vm.classes)
+        Redirect(type.klass + sizeof(Klass), type.klass + vm.sizes[type.klass], moved);
+    for (ThreadInfo *thread : vm.threads) {
+        Redirect(thread->address, thread->address + sizeof(JavaThread) + vm.options.moved, moved);
+        Redirect(thread->handles, thread->handles + sizeof(HandleBlock), moved);
+    }
+    for (Runner *runner : runners)
+        Redirect(runner->stackLow, runner->stackHigh, moved);
+}
+
+void Empty(HeapSpace *space) {
+    for (auto at = vm.sizes.begin(); at != vm.sizes.end();)
+        at = at->first >= space->bottom && at->first < space->top ? vm.sizes.erase(at) : std::next(at);
+    memset(&As<char>(space->bottom), POISON, space->top - space->bottom);
+    SetTop(space, space->bottom);
+}
+
+// The to space becomes the from space.
+void SwapSurvivors() {
+    std::swap(vm.from, vm.to);
+    std::swap(vm.from.letter, vm.to.letter);
+    if (vm.options.collector == Collector::PARALLEL) {
+        At(*vm.statics.psYoung, &ParallelGeneration::from) = vm.from.structure;
+        At(*vm.statics.psYoung, &ParallelGeneration::to) = vm.to.structure;
+        return;
+    }
+    Word young = At(vm.heap, &CollectedHeap::young);
+    At(young, &YoungGeneration::from) = vm.from.structure;
+    At(young, &YoungGeneration::to) = vm.to.structure;
+}
+
+void MoveYoung() {
+    std::unordered_map<Word, Word> moved;
+    for (Object &object : vm.objects) {
+        if (!object.address || (object.space != 'E' && object.space != 'F'))
+            continue;
+        bool fits = vm.to.top + object.bytes <= vm.to.end;
+        Word place = AllocateObject(fits ? &vm.to : &vm.old, object.bytes);
+        memcpy(&As<char>(place), &As<char>(object.address), object.bytes);
+        moved[object.address] = place;
+        object.address = place;
+        object.space = fits ? 'F' : vm.old.letter;
+    }
+    RedirectAll(moved);
+    Empty(&vm.eden);
+    Empty(&vm.from);
+    SwapSurvivors();
+}
+
+} // namespace
+
+extern "C" void SimvmRest(Word thread, Script *script) {
+    Runner *runner = current;
+    OutOfJava(runner);
+    RestStates states = StatesOf(script->rest);
+    At(runner->info->osThread, &OSThread::state) = states.osState;
+    At(thread, &JavaThread::state) = states.state;
+    runner->resting = 1;
+    WaitAtRest(runner);
+    At(runner->info->osThread, &OSThread::state) = OS_RUNNABLE;
+    BackToJava(runner);
+}
+
+extern "C" void SimvmEnter(Word, Word entry) {
+    OutOfJava(current);
+    EnterJava(current, entry);
+    BackToJava(current);
+}
+
+extern "C" void SimvmSafepoint(Word thread) {
+    OutOfJava(current);
+    At(thread, &JavaThread::state) = BLOCKED;
+    BackToJava(current);
+}
+
+Runner *Start(const std::string &name, Script *script) {
+    auto *runner = new Runner{NewThread(name), script, {}, {}, {}};
+    OpenRest(runner);
+    if (pthread_create(&runner->pthread, nullptr, ThreadMain, runner))
+        Fail("no thread");
+    while (!runner->resting)
+        usleep(200);
+    return runner;
+}
+
+void Leave(Runner *runner) {
+    __atomic_store_n(&runner->control.leave, 1, __ATOMIC_RELEASE);
+    syscall(SYS_futex, &runner->control.leave, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    if (runner->listener >= 0)
+        shutdown(runner->listener, SHUT_RDWR);
+    if (runner->pipe[1] >= 0 && write(runner->pipe[1], "", 1) != 1)
+        Fail("no write to a pipe");
+    pthread_join(runner->pthread, nullptr);
+    for (int32_t descriptor : {runner->pipe[0], runner->pipe[1], runner->listener})
+        if (descriptor >= 0)
+            close(descriptor);
+    FreeThread(runner->info);
+    delete runner;
+}
+
+void RunHere(const std::string &name, Script *script, std::function<void()> call) {
+    Runner runner{NewThread(name), script, {}, std::move(call), pthread_self()};
+    RunScript(&runner);
+    FreeThread(runner.info);
+}
+
+void Collect(const std::function<void()> &held) {
+    std::lock_guard<std::recursive_mutex> description(vm.lock);
+    At(vm.heap, &CollectedHeap::collecting) = 1;
+    __atomic_store_n(&safepointAsked, 1, __ATOMIC_SEQ_CST);
+    std::unique_lock<std::mutex> lock(safepointLock);
+    for (Runner *runner : runners)
+        while (runner->inJava)
+            usleep(50);
+    if (held)
+        held();
+    MoveYoung();
+    At(vm.heap, &CollectedHeap::collections)++;
+    At(vm.heap, &CollectedHeap::collecting) = 0;
+    __atomic_store_n(&safepointAsked, 0, __ATOMIC_SEQ_CST);
+    lock.unlock();
+    safepointOver.notify_all();
+}
+
+} // namespace simvm

@@ -1,0 +1,37 @@
+// Threads that run scripts, and the collector that stops them and moves what they refer to.
+#pragma once
+
+#include "code.h"
+
+#include <functional>
+#include <pthread.h>
+
+namespace simvm {
+
+// A thread of the VM. What it shows from when it rests until it leaves is ShadowStack(*script).
+struct Runner {
+    ThreadInfo *info;
+    Script *script;
+    Control control;
+    std::function<void()> call; // what Rest::CALL does
+    pthread_t pthread;
+    std::atomic<int32_t> resting{0}; // 1: it has come to its rest (loops: it has begun)
+    std::atomic<bool> inJava{false};
+    std::atomic<Word> stackLow{0}; // while not in Java: from here up its stack may hold references
+    Word stackHigh = 0;
+    int32_t pipe[2] = {-1, -1}, listener = -1;
+};
+
+// Starts a thread that runs the script once, and comes back when it rests.
+Runner *Start(const std::string &name, Script *script);
+// Ends its rest: it returns through all its frames, leaves the list and is joined. Its memory goes to the
+// next thread.
+void Leave(Runner *runner);
+// The calling thread as a Java thread that runs the script, which ends in `call`.
+void RunHere(const std::string &name, Script *script, std::function<void()> call);
+
+// One collection: stops all threads, moves every object of eden and from, poisons where they were. While it
+// runs, the heap says so; `held` is called in its midst.
+void Collect(const std::function<void()> &held = {});
+
+} // namespace simvm

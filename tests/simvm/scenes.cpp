@@ -1,0 +1,124 @@
+#include "scenes.h"
+
+namespace simvm {
+
+namespace {
+
+using F = FrameKind;
+
+// A frame in a method of four lines: 10 at its start, one at bci 8 that stands for the call, a far one
+// behind.
+Scope In(const std::string &holder, const std::string &name, int line, Object *receiver = nullptr,
+         std::vector<Object *> monitors = {}) {
+    MethodInfo *method =
+        DefineMethod(holder, name, "()V", {{0, 10}, {8, line}, {45, line + 300}, {46, line + 1}},
+                     receiver ? 0 : METHOD_STATIC);
+    return {method, 8, receiver, std::move(monitors)};
+}
+
+Scope Native(const std::string &holder, const std::string &name, Object *receiver = nullptr) {
+    return {DefineMethod(holder, name, "()V", {}, METHOD_NATIVE, 0), 0, receiver, {}};
+}
+
+Frame Run(const std::string &holder) {
+    return {F::INTERPRETED, {In(holder, "run", 21, NewObject(holder))}};
+}
+
+void Add(Scene *scene, const std::string &name, std::vector<Frame> frames, Rest rest) {
+    scene->scripts.push_back({std::move(frames), rest});
+    EmitScript(&scene->scripts.back());
+    scene->runners.push_back(Start(name, &scene->scripts.back()));
+}
+
+void StageShop(Scene *scene) {
+    Object *till = NewObject("shop/Till"), *ledger = NewObject("shop/Ledger", vm.old.letter),
+           *orders = NewObject("shop/Orders"), *queue = NewObject("java/util/LinkedList"),
+           *cart = NewObject("shop/Cart");
+    Frame run = Run("shop/Worker");
+    Add(scene, "door",
+        {Run("shop/Door"),
+         {F::COMPILED,
+          {In("java/net/ServerSocket", "accept", 450), In("java/net/PlainSocketImpl", "accept", 384)}},
+         {F::NATIVE,
+          {Native("java/net/PlainSocketImpl", "socketAccept", NewObject("java/net/PlainSocketImpl"))}}},
+        Rest::ACCEPT);
+    Add(scene, "import",
+        {run,
+         {F::INTERPRETED, {In("shop/Import", "load", 88, orders)}},
+         {F::NATIVE, {Native("java/io/FileInputStream", "readBytes")}}},
+        Rest::PIPE);
+    Add(scene, "night|watch", {run, {F::NATIVE, {Native("java/lang/Thread", "sleep")}}}, Rest::SLEEP);
+    Add(scene, "packer",
+        {run,
+         {F::COMPILED,
+          {In("shop/Packer", "next", 33, queue, {queue}), In("java/lang/Object", "wait", 474, queue)}},
+         {F::NATIVE, {Native("java/lang/Object", "wait", queue)}}},
+        Rest::WAIT);
+    Add(scene, "till-1",
+        {run,
+         {F::COMPILED,
+          {In("shop/Cashier", "sell", 101, cart), In("shop/Till", "open", 17, till, {till}),
+           In("shop/Ledger", "book", 64, ledger, {ledger, till})}},
+         {F::INTERPRETED, {In("shop/Ledger", "sync", 71, ledger, {ledger})}},
+         {F::NATIVE, {Native("java/lang/Thread", "sleep")}}},
+        Rest::SLEEP);
+    Add(scene, "till-2", {run, {F::INTERPRETED, {In("shop/Till", "open", 17, till, {till})}}}, Rest::MONITOR);
+    Add(scene, "till-3",
+        {run,
+         {F::INTERPRETED, {In("shop/Cashier", "close", 140, cart, {cart})}},
+         {F::COMPILED, {In("shop/Ledger", "book", 64, ledger, {ledger})}}},
+        Rest::MONITOR);
+    Add(scene, "pricing",
+        {run,
+         {F::INTERPRETED, {In("shop/Prices", "update", 52)}},
+         {F::OSR, {In("shop/Prices", "all", 60, orders), In("shop/Prices", "each", 64)}},
+         {F::INTERPRETED, {In("shop/Tax", "of", 5, cart, {cart})}},
+         {F::COMPILED, {In("shop/Tax", "rate", 9, cart), In("shop/Tax", "round", 15)}}},
+        Rest::SPIN);
+    Add(scene, "search",
+        {run,
+         {F::COMPILED, {In("shop/Search", "scan", 31, orders)}},
+         {F::COMPILED, {In("shop/Search", "match", 40)}}},
+        Rest::CALLS);
+    Add(scene, "hash", {run, {F::COMPILED, {In("shop/Hash", "mix", 12)}}}, Rest::SPIN);
+    Add(scene, "copier",
+        {run, {F::COMPILED, {In("shop/Copier", "copy", 77, orders), In("shop/Copier", "page", 80)}, true}},
+        Rest::SPIN);
+    Add(scene, "reports",
+        {run,
+         {F::INTERPRETED, {In("shop/Reports", "print", 19, orders, {orders})}},
+         {F::NATIVE, {Native("java/security/AccessController", "doPrivileged")}},
+         {F::COMPILED, {In("shop/Reports$1", "run", 23, NewObject("shop/Reports$1"))}},
+         {F::NATIVE, {Native("java/net/SocketInputStream", "socketRead0")}}},
+        Rest::PIPE);
+}
+
+} // namespace
+
+Script MainScript() {
+    return {{{F::INTERPRETED, {In("shop/Main", "main", 7)}},
+             {F::COMPILED, {In("qoragent/Agent", "start", 70)}},
+             {F::NATIVE, {Native("qoragent/Agent", "initvar")}}},
+            Rest::CALL};
+}
+
+void StageScene(const std::string &name, Scene *scene) {
+    if (name == "shop")
+        StageShop(scene);
+    else
+        Fail(("no scene " + name).c_str());
+}
+
+void EndScene(Scene *scene) {
+    for (Runner *runner : scene->runners)
+        Leave(runner);
+    scene->runners.clear();
+}
+
+SampleObjects NewSampleObjects(ThreadInfo *thread) {
+    return {NewHandle(thread, NewObject("java/lang/Object")),
+            NewHandle(thread, NewObject("java/lang/ref/WeakReference")),
+            NewHandle(thread, NewArray("[Ljava/lang/Object;", 2)), NewHandle(thread, NewArray("[I", 3))};
+}
+
+} // namespace simvm
