@@ -174,8 +174,11 @@ enum : int32_t {
 QorDirectState QorStateOf(int32_t osState);
 
 // The row in force, OFFSET_COUNT values; null before a start has selected one. Read-only. Written by the
-// initialisation thread; a test may point it at a row of its own.
+// initialisation thread.
 extern const uint32_t *offsets;
 
 // Points `offsets` at the row of a build. False, with `offsets` null, for a build that has none.
 bool QorSelectOffsets(int32_t build);
+
+// A row that is selected for every build that has one, in place of its own; null for none. Tests set it.
+extern const uint32_t *offsetsForTests;

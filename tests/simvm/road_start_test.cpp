@@ -5,6 +5,7 @@
 #include "qoragent/startup.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"
+#include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
 #include "qorutil/vm_text.h"
 #include "qorutil/vm_threads.h"
@@ -241,6 +242,34 @@ void CompareSpaces(Collector collector) {
 
 } // namespace
 
+namespace {
+
+// On a VM that has been booted.
+void StartAndCompare(const Options &options) {
+    Caller caller;
+    CallNative(&caller, DefineMethod("demo/Main", "run", "()V", {})->oop);
+    ASSERT_EQ(StartAgent(caller.thread, options.version), START_OK);
+    for (const char *name : {"worker-1", "worker-2"})
+        LinkThread(NewThread(name));
+    QorForgetPages();
+    QorNoteSpaces();
+    CompareObjects();
+    CompareSpaces(options.collector);
+    CompareTexts();
+    CompareThreads();
+}
+
+// The agent's row for a VM whose members have changed places.
+void TellAgentPlaces() {
+    static uint32_t row[OFFSET_COUNT];
+    QorSelectOffsets(LAST_DIRECT_BUILD);
+    std::copy(offsets, offsets + OFFSET_COUNT, row);
+    TellPlaces(row);
+    offsetsForTests = row;
+}
+
+} // namespace
+
 TEST(RoadStart, LeavesReadersThatSeeWhatTheVmHolds) {
     for (Collector collector : {Collector::SERIAL, Collector::PARALLEL, Collector::CONCURRENT})
         for (int32_t guarded :
@@ -249,16 +278,17 @@ TEST(RoadStart, LeavesReadersThatSeeWhatTheVmHolds) {
                 Options options = On("1.5.0_22", "server", collector);
                 options.guarded = guarded;
                 Boot(options);
-                Caller caller;
-                CallNative(&caller, DefineMethod("demo/Main", "run", "()V", {})->oop);
-                ASSERT_EQ(StartAgent(caller.thread, options.version), START_OK);
-                for (const char *name : {"worker-1", "worker-2"})
-                    LinkThread(NewThread(name));
-                QorForgetPages();
-                QorNoteSpaces();
-                CompareObjects();
-                CompareSpaces(collector);
-                CompareTexts();
-                CompareThreads();
+                StartAndCompare(options);
             });
+}
+
+TEST(RoadStart, KnowsPlacesByItsRowAlone) {
+    for (uint32_t seed = 1; seed <= 20; seed++)
+        InOwnProcess([=] {
+            Options options = On("1.5.0_22");
+            options.shuffle = seed;
+            Boot(options);
+            TellAgentPlaces();
+            StartAndCompare(options);
+        });
 }
