@@ -3,6 +3,7 @@
 #include "JniCalls.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -40,6 +41,54 @@ jstring NewStringByBytes(JNIEnv *env, const char *text, size_t length) {
     return string;
 }
 
+bool IsFourByteForm(const char *at) {
+    return (at[0] & 0xf8) == 0xf0 && (at[1] & 0xc0) == 0x80 && (at[2] & 0xc0) == 0x80 &&
+           (at[3] & 0xc0) == 0x80;
+}
+
+// One half of a surrogate pair.
+char *PutHalf(char *to, uint32_t half) {
+    *to++ = static_cast<char>(0xe0 | (half >> 12));
+    *to++ = static_cast<char>(0x80 | ((half >> 6) & 0x3f));
+    *to++ = static_cast<char>(0x80 | (half & 0x3f));
+    return to;
+}
+
+// The text with each character of four bytes as its pair of surrogates, six bytes. Null without memory.
+char *CopyInPairs(const char *text, size_t length) {
+    auto *copy = static_cast<char *>(malloc(length + length / 2 + 1));
+    char *to = copy;
+    while (copy && *text) {
+        if (!IsFourByteForm(text)) {
+            *to++ = *text++;
+            continue;
+        }
+        const uint32_t c = static_cast<uint32_t>((text[0] & 0x07) << 18 | (text[1] & 0x3f) << 12 |
+                                                 (text[2] & 0x3f) << 6 | (text[3] & 0x3f)) -
+                           0x10000;
+        to = PutHalf(PutHalf(to, 0xd800 | ((c >> 10) & 0x3ff)), 0xdc00 | (c & 0x3ff));
+        text += 4;
+    }
+    if (copy)
+        *to = 0;
+    return copy;
+}
+
+jstring NewStringInPairs(JNIEnv *env, const char *text, size_t length) {
+    char *copy = CopyInPairs(text, length);
+    jstring string = copy ? QorNewStringUTF(env, copy) : nullptr;
+    free(copy);
+    return string;
+}
+
+// Whether characters beyond the first 65,536 stand in the text as in UTF-8. The JVM's own form has none.
+bool HasFourByteForms(const char *text, size_t length) {
+    for (size_t i = 0; i < length; i++)
+        if (IsFourByteForm(text + i))
+            return true;
+    return false;
+}
+
 } // namespace
 
 jstring QorNewReplyString(JNIEnv *env, const char *text) {
@@ -47,5 +96,5 @@ jstring QorNewReplyString(JNIEnv *env, const char *text) {
     if (length >= LONG_TEXT && length <= INT32_MAX && IsAscii(text, length))
         if (jstring string = NewStringByBytes(env, text, length))
             return string;
-    return QorNewStringUTF(env, text);
+    return HasFourByteForms(text, length) ? NewStringInPairs(env, text, length) : QorNewStringUTF(env, text);
 }

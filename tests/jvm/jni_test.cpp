@@ -226,4 +226,6 @@ TEST_F(Jni, ReplyStringsAreWhatTheirTextSays) {
         ASSERT_NE(made, nullptr);
         EXPECT_EQ(TextOf(made), text) << text.size() << " bytes";
     }
+    jstring pair = QorNewReplyString(Env(), "a\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf z");
+    EXPECT_EQ(TextOf(pair), "a\xed\xa0\xbd\xed\xb8\x80\xed\xaf\xbf\xed\xbf\xbf z"); // as the JVM has them
 }
