@@ -5,6 +5,7 @@
 #include "RequestHandler/records.h"
 #include "SampleReply.h"
 #include "TierText.h"
+#include "Xtier/ConnectionCache.h"
 #include "Xtier/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/ThreadSystem.h"
@@ -43,6 +44,34 @@ struct CrossTier : SessionTest {
         SessionTest::TearDown();
     }
 };
+
+// Rules of Driver's frames and objects, and of those that the tables read. A further line makes a parked
+// thread's frame one of a remote call.
+const std::string DRIVER_RULES = "state rmi qoragent.testing.Driver\n"
+                                 "frame web qoragent.testing.Driver serve\n"
+                                 "frame db qoragent.testing.Driver serve\n"
+                                 "frame db qoragent.testing.Driver call\n"
+                                 "object rmi Lqoragent/testing/Driver;\n"
+                                 "  url self,Lqoragent/testing/Driver;|text,Ljava/lang/String;\n"
+                                 "object db Lqoragent/testing/Driver;\n"
+                                 "  user self,Lqoragent/testing/Driver;|text,Ljava/lang/String;\n"
+                                 "  sql text,Ljava/lang/String; last\n"
+                                 "object db Lqoragent/testing/Driver$Order;\n"
+                                 "  url path,Ljava/lang/String;\n"
+                                 "  sql path,Ljava/lang/String;\n"
+                                 "object web Lqoragent/testing/Driver$Order;\n"
+                                 "  url path,Ljava/lang/String;\n"
+                                 "frame db qoragent.models.Execution *\n"
+                                 "frame db tessar.jdbc.driver.TessarStatement *\n"
+                                 "object db Ltessar/jdbc/driver/TessarStatement;\n"
+                                 "  url sql_query,Ljava/lang/String;\n"
+                                 "  user sql_query,Ljava/lang/String;\n";
+constexpr char REMOTE_FRAME[] = "frame rmi qoragent.testing.Driver call\n";
+
+void UseRules(const std::string &rules) {
+    ASSERT_EQ("", SetTiers(rules));
+    QorForgetBoringClasses();
+}
 
 // A sample with all threads in it; `stacks`: with their frames.
 SampleReply Sample(bool stacks) {
@@ -352,9 +381,8 @@ TEST_F(CrossTier, AThousandThreadsInTheirDatabase) {
 TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
     CallVoid(TIERS, "start", "()V");
     ZooVisit zoo("file-read,file-read-bytes,file-reader,file-channel-read,random-access-read,file-write");
-    ASSERT_EQ("",
-              SetTiers("frame file sun.nio.ch.FileChannelImpl *\nobject file Lsun/nio/ch/FileChannelImpl;\n"
-                       "path fd,Ljava/io/FileDescriptor;"));
+    UseRules("frame file sun.nio.ch.FileChannelImpl *\nobject file Lsun/nio/ch/FileChannelImpl;\n"
+             "path fd,Ljava/io/FileDescriptor;");
     static char page[PAGEBUF_SIZE];
     char *const savedPage = pagebuf;
     pagebuf = page;
@@ -387,6 +415,48 @@ TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
     }
 }
 
+// Below, and in the same frames as, those of the tables, whose records they leave alone.
+TEST_F(CrossTier, RulesReadAllObjectsOfAllTheirFrames) {
+    CallVoid(TIERS, "start", "()V");
+    StartCustomers(1, 20);
+    UseRules(DRIVER_RULES);
+    EXPECT_EQ("Object Wait", Sample(false).Find("zoo-driver")->state) << "no frame is that of a remote call";
+    UseRules(DRIVER_RULES + REMOTE_FRAME);
+    QorDropDbConnections();
+    for (const SampleReply &reply : {Sample(false), Sample(true)}) {
+        ExpectCustomer(reply, 0, "the tables' record");
+        const SampleThread *thread = reply.Find("zoo-driver");
+        EXPECT_EQ("RMI Wait", thread->state);
+        EXPECT_EQ((std::vector<std::string>{"0", "8443", "api", "https://api:8443/x"}), thread->detail4);
+        EXPECT_EQ("/orders/17", thread->url);
+    }
+    const auto *seen = std::find_if(gbDB_Info, gbDB_Info + iDBInfoIndex, [](const QorDBRequestData &call) {
+        return strcmp(call.threadName, "zoo-driver") == 0;
+    });
+    ASSERT_NE(gbDB_Info + iDBInfoIndex, seen);
+    EXPECT_STREQ("/orders/17", seen->url);
+    EXPECT_STREQ("https://api:8443/x", seen->user) << "the upper frame's";
+    EXPECT_STREQ("/orders/17", seen->sqlText) << "a way marked last comes after all others";
+    gbQorRELocal = 1;
+    EXPECT_EQ("/orders/17", Sample(true).Find("zoo-driver")->url);
+    gbQorRELocal = 0;
+}
+
+// Classes of one name in a loader each, which are collected while they are read.
+TEST_F(CrossTier, RulesReadClassesThatComeAndGo) {
+    constexpr char CHURN[] = "qoragent/testing/ClassChurn";
+    UseRules("frame web qoragent.testing.ClassChurn$Worker *\n"
+             "object web Lqoragent/testing/ClassChurn$Worker; read\nurl name,Ljava/lang/String;\n");
+    CallVoid(CHURN, "start", "()V");
+    const int64_t before = CallLong(CHURN, "collected", "()J");
+    for (int seen = 0; seen < 20 || CallLong(CHURN, "collected", "()J") < before + 100;) {
+        const SampleReply reply = Sample(false);
+        const SampleThread *thread = reply.Find("churn-classes");
+        seen += thread && thread->url == "/churn";
+    }
+    CallVoid(CHURN, "stop", "()V");
+}
+
 // The JVMs on which locals are read while the frames are walked.
 TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
     CallVoid(TIERS, "start", "()V");
@@ -416,6 +486,7 @@ TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
 TEST_F(CrossTier, PollsKeepNoReference) {
     CallVoid(TIERS, "start", "()V");
     StartCustomers(4, 5000);
+    UseRules(DRIVER_RULES + REMOTE_FRAME);
     constexpr int POLLS = 10000;
     const auto poll = [](int times) {
         const std::string key = KeyOf(Sample(false), FRAMEWORKS[0].thread);

@@ -86,4 +86,11 @@ TEST_F(ConnectionCache, AConnectionIsOneThreadsAndIsNotRefreshed) {
     EXPECT_EQ(iDBInfoIndex, 3);
     EXPECT_STREQ(gbDB_Info[1].threadName, "another");
     EXPECT_STREQ(gbDB_Info[2].threadKey, "1-2");
+    record->connectionHash = 0; // of a rule that doesn't know the socket
+    for (const char *url : {"jdbc:one", "jdbc:two", "jdbc:one"}) {
+        record->url[0] = 0;
+        QorStrncpy(record->url, url, sizeof record->url, DB_URL_SIZE);
+        QorUpdateDbConnectionInfo(record.get());
+    }
+    EXPECT_EQ(iDBInfoIndex, 5);
 }

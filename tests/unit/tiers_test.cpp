@@ -3,6 +3,7 @@
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>
+#include <random>
 #include <string>
 
 namespace {
@@ -127,6 +128,19 @@ TEST(TierRules, ABadTextChangesNothing) {
         EXPECT_EQ(GOOD, QorTierText());
         EXPECT_EQ(TIER_DB, QorTierKindsOf("b.C", "m"));
     }
+    std::mt19937 numbers(1);
+    for (int round = 0; round < 40; round++) {
+        std::string noise = round % 2 ? GOOD : std::string(130000, 0);
+        for (int i = 0; i < (round % 2 ? 8 : 130000); i++)
+            noise[numbers() % noise.size()] = "dbr |,:@;L[I/.\n\xf0\xed\xa0\xb0\xff"[numbers() % 19];
+        SetTiers(noise); // it may be right
+        for (const char *name : {"", "org.driver.Call", "Lorg/Call;"})
+            QorFindTierObjects(name), QorTierKindsOf(name, "run");
+    }
+    const std::string name = Times(1000, "NameOfTen.");
+    EXPECT_EQ("", SetTiers("frame web " + name + " " + name + "\nstate db " + name));
+    EXPECT_EQ(TIER_WEB | TIER_DB_STATE, QorTierKindsOf(name.c_str(), name.c_str()));
+    ASSERT_EQ("", SetTiers(GOOD));
     EXPECT_FALSE(QorAddTiers("state db a."));
     EXPECT_STREQ("no text was begun", QorEndTiers(0).reason);
     QorBeginTiers();

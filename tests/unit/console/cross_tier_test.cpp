@@ -21,7 +21,7 @@ const std::string DB_BLOCK = "DB Wait{10}jdbc:x~scott~40001~1521~127.0.0.1~17000
                              "DEEPDIVE_TESSAR_DB~^";
 const std::string ADDED =
     "~cpu=1203400000 alloc=73400320 blocked=1~file=/tmp/a b=c~application=shop~module=cart"
-    "~workmanager=wm~session=s1~stuck=0~hogger=1~peer=10.0.0.1:25~own|text~";
+    "~workmanager=wm~session=s1~stuck=0~hogger=1~peer=10.0.0.1:25~rule=read~own|text~";
 
 std::string Row(const std::string &thread, const std::string &state) {
     return "a~t" + thread + "~^~^~^~1-" + thread + "~A->b~A.java~3~" + state + ";";
@@ -62,8 +62,10 @@ TEST(EndToEnd, StandsBehindEveryFormOfRecord) {
     Json json = ToJson(sample)["threads"][1];
     EXPECT_EQ(json["cpu_nanoseconds"], 1203400000);
     EXPECT_EQ(json["server"]["stuck"], false);
+    EXPECT_EQ(json["rule"], "read");
     EXPECT_EQ(json["server"]["hogger"], true);
-    EXPECT_FALSE(ToJson(sample)["threads"][4].contains("server"));
+    for (const char *key : {"server", "rule"})
+        EXPECT_FALSE(ToJson(sample)["threads"][4].contains(key));
 }
 
 TEST(EndToEnd, FiguresOfAnotherFormAreTexts) {

@@ -103,6 +103,7 @@ public final class ClassChurn {
     public static final class Worker implements Runnable {
         private static final int DEPTH = 40;
 
+        private final String name = "/churn";
         private int sum;
 
         public Worker() {}

@@ -22,6 +22,33 @@ public final class Driver {
     Socket socket;
     Socket channel;
 
+    /** Another object of a frame. */
+    static final class Order {
+        private final String path;
+
+        Order(String path) { this.path = path; }
+
+        void touch() {}
+    }
+
+    static Driver named(String text) {
+        Driver driver = new Driver();
+        driver.text = text;
+        return driver;
+    }
+
+    /** Frames with one object and with two, which are in use until the work is done. */
+    static void call(Driver driver, Runnable work) {
+        work.run();
+        driver.self = driver;
+    }
+
+    static void serve(Driver driver, Order order, Runnable work) {
+        work.run();
+        driver.self = driver;
+        order.touch();
+    }
+
     public static Driver open() throws IOException {
         Driver driver = new Driver();
         driver.server = new ServerSocket(0, 2, InetAddress.getLoopbackAddress());
@@ -29,6 +56,8 @@ public final class Driver {
         driver.channel = SocketChannel.open(driver.server.getLocalSocketAddress()).socket();
         return driver;
     }
+
+    public static long serverPort(Driver driver) { return driver.server.getLocalPort(); }
 
     public static long localPort(Driver driver, boolean ofChannel) {
         return (ofChannel ? driver.channel : driver.socket).getLocalPort();

@@ -143,6 +143,10 @@ public final class Tiers {
             new Call("method-el", work -> new MethodExpressionImpl("#{orders.save}").invoke(work)),
             new Call("groovy",
                      work -> new ExprEval(SCRIPT).evaluate(() -> site.callCurrent(() -> site.call(work)))),
+            new Call("driver",
+                     work
+                     -> Driver.serve(Driver.named("http://outer/"), new Driver.Order("/orders/17"),
+                                     () -> Driver.call(Driver.named("https://api:8443/x"), work))),
             new Call("compiled-groovy", work -> site.callCurrent(() -> site.call(work))),
             new Call("server", work -> {
                 ServletRequestImpl[] request = new ServletRequestImpl[1];
