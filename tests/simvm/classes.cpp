@@ -167,7 +167,7 @@ Word Intern(const std::string &text) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     Word &symbol = vm.symbols[text];
     if (!symbol) {
-        symbol = NewVmObject(VT_SYMBOL, sizeof(Symbol) + text.size());
+        symbol = NewVmObject(VT_SYMBOL, sizeof(Symbol) + text.size(), ID_SYMBOL);
         As<Symbol>(symbol).length = text.size();
         memcpy(&As<char>(symbol + sizeof(Symbol)), text.data(), text.size());
     }

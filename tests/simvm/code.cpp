@@ -430,12 +430,16 @@ Word Reach(FrameKind caller, FrameKind callee, Word entry) {
 
 // A second place for the frame's code; its thread's safepoint record tells of it.
 Word CopyCode(Script *script, Word entry) {
-    Word blob = BlobOf(entry);
-    script->copySize = As<Blob>(blob).oopsOffset - As<Blob>(blob).codeOffset;
-    script->copyReal = entry;
-    script->copyStart = Map(4096, true, PROT_EXEC);
-    memcpy(&As<char>(script->copyStart), &As<char>(entry), script->copySize);
-    return script->copyStart;
+    Word blob = BlobOf(entry), state = Allocate(sizeof(SafepointState)), record = Allocate(sizeof(CodeCopy));
+    int32_t size = As<Blob>(blob).oopsOffset - As<Blob>(blob).codeOffset;
+    Word copy = Map(4096, true, PROT_EXEC);
+    memcpy(&As<char>(copy), &As<char>(entry), size);
+    As<CodeCopy>(record).start = copy;
+    At(record, &CodeCopy::size) = size;
+    At(record, &CodeCopy::realStart) = entry;
+    As<SafepointState>(state).codeCopy = record;
+    script->safepointState = state;
+    return copy;
 }
 
 } // namespace

@@ -34,8 +34,8 @@ enum class Rest { PIPE, ACCEPT, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
 struct Script {
     std::vector<Frame> frames;
     Rest rest = Rest::SLEEP;
-    Word entry = 0;                                 // once emitted
-    Word copyStart = 0, copySize = 0, copyReal = 0; // of the frame that runs in a copy
+    Word entry = 0;          // once emitted
+    Word safepointState = 0; // of the thread, when a frame runs in a copy
 };
 
 // Emits the script's code. The script stays where it is and isn't changed afterwards.

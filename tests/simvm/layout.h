@@ -34,6 +34,7 @@ enum StructId {
     ID_CMS_SPACE,
     ID_FREE_LIST,
     ID_PS_SPACE,
+    ID_SYMBOL,
     STRUCT_COUNT
 };
 

@@ -105,17 +105,6 @@ void EnterJava(Runner *runner, Word entry) {
     At(thread, &JavaThread::state) = IN_NATIVE;
 }
 
-void SetCodeCopy(Runner *runner) {
-    if (!runner->script->copyStart)
-        return;
-    Word state = Allocate(sizeof(SafepointState)), copy = Allocate(sizeof(CodeCopy));
-    As<CodeCopy>(copy).start = runner->script->copyStart;
-    At(copy, &CodeCopy::size) = int32_t(runner->script->copySize);
-    At(copy, &CodeCopy::realStart) = runner->script->copyReal;
-    As<SafepointState>(state).codeCopy = copy;
-    At(runner->info->address, &JavaThread::safepointState) = state;
-}
-
 void RunScript(Runner *runner) {
     current = runner;
     runner->stackHigh = reinterpret_cast<Word>(__builtin_frame_address(0));
@@ -125,7 +114,7 @@ void RunScript(Runner *runner) {
         runners.push_back(runner);
     }
     LinkThread(runner->info);
-    SetCodeCopy(runner);
+    At(runner->info->address, &JavaThread::safepointState) = runner->script->safepointState;
     SetStates(runner->info, IN_VM, OS_RUNNABLE);
     if (runner->script->rest == Rest::SPIN || runner->script->rest == Rest::CALLS)
         runner->resting = 1;

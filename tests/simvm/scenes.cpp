@@ -1,4 +1,5 @@
 #include "scenes.h"
+#include "storm.h"
 
 namespace simvm {
 
@@ -105,6 +106,8 @@ Script MainScript() {
 void StageScene(const std::string &name, Scene *scene) {
     if (name == "shop")
         StageShop(scene);
+    else if ((scene->storm = name == "storm"))
+        StartStorm({});
     else
         Fail(("no scene " + name).c_str());
 }
@@ -112,6 +115,8 @@ void StageScene(const std::string &name, Scene *scene) {
 void EndScene(Scene *scene) {
     for (Runner *runner : scene->runners)
         Leave(runner);
+    if (scene->storm)
+        StopStorm();
     scene->runners.clear();
 }
 

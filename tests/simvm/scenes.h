@@ -5,14 +5,15 @@
 
 namespace simvm {
 
-// A scene at rest: its threads, and the main thread's script, which ends in a native method.
+// A scene's threads; the storm's are its own.
 struct Scene {
     std::deque<Script> scripts;
     std::vector<Runner *> runners;
-    Script main;
+    bool storm = false;
 };
 
-// "shop": threads in all kinds of frames and places. Ends the process for a name it doesn't know.
+// "shop": threads in all kinds of frames and places, at rest or looping. "storm": as storm.h has it by
+// default. Ends the process for a name it doesn't know.
 void StageScene(const std::string &name, Scene *scene);
 void EndScene(Scene *scene);
 // The scene's main method, for a thread that runs `call` at its end.

@@ -1,6 +1,7 @@
 // The simulated VM by itself: whatever it stages comes to rest, survives collections and returns. A frame
 // that isn't laid out as described ends the process.
 #include "scenes.h"
+#include "storm.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -34,6 +35,21 @@ TEST_P(Stages, AndReturns) {
     }
     EndScene(&scene);
     EXPECT_TRUE(vm.threads.empty());
+}
+
+TEST(Storm, KeepsNobodyWaitingByItself) {
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    StartStorm({});
+    while (LivedSoFar().size() < 80)
+        usleep(1000);
+    StormFigures figures = StopStorm();
+    EXPECT_TRUE(vm.threads.empty());
+    EXPECT_EQ(figures.foreignSent, figures.foreignArrived);
+    EXPECT_GT(figures.collections, 0);
+    printf("%ld collections, %ld threads, %ld and %ld signals, longest stop %.3f ms\n", figures.collections,
+           figures.threadsEnded, figures.profileSignals, figures.foreignArrived, figures.longestStop / 1e6);
 }
 
 INSTANTIATE_TEST_SUITE_P(Simvm, Stages, testing::Range(0, 3));

@@ -41,8 +41,8 @@ ThreadInfo *NewThread(const std::string &name) {
     Object *chars = NewChars(name);
     SetField(thread->object, "name", chars->address);
     thread->objects = {thread->object, chars};
-    thread->address = Allocate(ThreadBytes());
-    thread->osThread = Allocate(sizeof(OSThread));
+    thread->address = Allocate(ThreadBytes(), ID_THREAD);
+    thread->osThread = Allocate(sizeof(OSThread), ID_OS_THREAD);
     thread->handles = NewHandleBlock();
     for (Word JavaThread::*member :
          {&JavaThread::pendingException, &JavaThread::handleArea, &JavaThread::next, &JavaThread::anchorSp,
@@ -68,6 +68,7 @@ void LinkThread(ThreadInfo *thread) {
     thread->kernelId = int32_t(syscall(SYS_gettid));
     At(thread->osThread, &OSThread::kernelId) = thread->kernelId;
     At(thread->osThread, &OSThread::pthreadId) = Word(pthread_self());
+    At(thread->address, &JavaThread::threadObj) = thread->object->address; // it may have moved meanwhile
     At(thread->address, &JavaThread::next) = vm.threads.empty() ? 0 : vm.threads.front()->address;
     vm.threads.insert(vm.threads.begin(), thread);
     __atomic_store_n(vm.statics.threadList, thread->address, __ATOMIC_RELEASE);

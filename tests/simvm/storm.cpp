@@ -1,0 +1,303 @@
+#include "storm.h"
+
+#include <csignal>
+#include <cstdio>
+#include <random>
+#include <sys/syscall.h>
+#include <thread>
+#include <time.h>
+#include <unistd.h>
+
+namespace simvm {
+
+namespace {
+
+constexpr int VM_SIGNAL = 31;
+
+struct Slot {
+    Script script;
+    Runner *runner = nullptr;
+    size_t lived = 0; // its row
+};
+
+StormOptions storm;
+std::deque<Slot> slots;
+std::vector<Lived> lived;
+std::mutex slotsLock; // who ends and starts threads, or sends them signals
+std::vector<std::thread> helpers;
+std::atomic<bool> stopping, collecting;
+std::atomic<int64_t> collections, ended, profiled, foreignSent, foreignArrived, longestStop;
+
+int64_t Now() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1'000'000'000ll + now.tv_nsec;
+}
+
+void Ignored(int) {}
+
+MethodInfo *MethodOf(int number) {
+    return DefineMethod("storm/Class" + std::to_string(number % 40), "method" + std::to_string(number), "()V",
+                        {{0, 100 + number}, {20, 300 + number}, {90, 2000 + number}}, METHOD_STATIC, 120);
+}
+
+Script MakeScript(std::mt19937 *random, int slot) {
+    const Rest RESTS[] = {Rest::SPIN,    Rest::PIPE, Rest::SLEEP, Rest::CALLS,
+                          Rest::MONITOR, Rest::WAIT, Rest::ACCEPT};
+    Script script;
+    script.rest = RESTS[slot % 10];
+    bool loops = script.rest == Rest::SPIN || script.rest == Rest::CALLS;
+    int depth = 0;
+    auto scope = [&] {
+        Scope made = {MethodOf(slot * 100 + depth++), int((*random)() % 100), nullptr, {}};
+        if ((*random)() % 4 == 0)
+            made.monitors.push_back(NewObject("storm/Lock"));
+        return made;
+    };
+    while (depth < storm.frames) {
+        bool last = depth + 2 >= storm.frames;
+        FrameKind kind = FrameKind((*random)() % 4);
+        if (last)
+            kind = loops ? FrameKind::COMPILED : FrameKind::INTERPRETED;
+        Frame frame = {kind, {scope()}};
+        bool inlines = kind == FrameKind::COMPILED || kind == FrameKind::OSR;
+        while (inlines && depth < storm.frames && (last || (*random)() % 2))
+            frame.scopes.push_back(scope());
+        if (kind == FrameKind::NATIVE) {
+            frame.scopes[0].method->flags |= METHOD_NATIVE;
+            At(frame.scopes[0].method->oop, &Method::accessFlags) = METHOD_STATIC | METHOD_NATIVE;
+            frame.scopes[0].monitors.clear();
+        }
+        script.frames.push_back(frame);
+    }
+    return script;
+}
+
+void StartSlot(Slot *slot) {
+    size_t number = lived.size();
+    std::string name = "storm-" + std::to_string(number);
+    slot->lived = number;
+    lived.push_back({name, 0, &slot->script, Now(), 0});
+    slot->runner = Start(name, &slot->script);
+    lived[number].kernelId = slot->runner->info->kernelId;
+}
+
+void EndSlot(Slot *slot) {
+    Leave(slot->runner);
+    slot->runner = nullptr;
+    lived[slot->lived].end = Now();
+}
+
+void Churn() {
+    std::mt19937 random(storm.seed + 1);
+    while (!stopping) {
+        {
+            std::lock_guard<std::mutex> held(slotsLock);
+            Slot &slot = slots[random() % slots.size()];
+            EndSlot(&slot);
+            StartSlot(&slot);
+            ended++;
+        }
+        usleep(random() % 3000);
+    }
+}
+
+void CollectOften() {
+    std::mt19937 random(storm.seed + 2);
+    while (!stopping) {
+        collecting = true;
+        Collect([&] { usleep(random() % 2000); });
+        collecting = false;
+        collections++;
+        usleep(random() % 20000);
+    }
+}
+
+void SendProfile() {
+    while (!stopping) {
+        {
+            std::lock_guard<std::mutex> held(slotsLock);
+            for (Slot &slot : slots)
+                syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, SIGPROF);
+            profiled += slots.size();
+        }
+        usleep(1000);
+    }
+}
+
+// One at a time, as a second one would merge with one that is still pending.
+void SendForeign() {
+    std::mt19937 random(storm.seed + 3);
+    while (!stopping) {
+        {
+            std::lock_guard<std::mutex> held(slotsLock);
+            int32_t id = slots[random() % slots.size()].runner->info->kernelId;
+            foreignSent++;
+            syscall(SYS_tgkill, getpid(), id, VM_SIGNAL);
+            for (int wait = 0; wait < 5000 && foreignArrived < foreignSent; wait++)
+                usleep(1000);
+        }
+        usleep(random() % 5000);
+    }
+}
+
+bool Sleeps(int32_t id) {
+    char path[64], text[256] = "";
+    snprintf(path, sizeof path, "/proc/self/task/%d/stat", id);
+    if (FILE *file = fopen(path, "re")) {
+        text[fread(text, 1, sizeof text - 1, file)] = 0;
+        fclose(file);
+    }
+    const char *end = strrchr(text, ')');
+    return end && end[2] == 'S';
+}
+
+// How long a looping thread is kept from going on. One that is runnable merely lacks a processor.
+void Watch() {
+    struct Seen {
+        int64_t laps = -1, since = 0, collections = 0;
+        Runner *runner = nullptr;
+    };
+    std::vector<Seen> seen(slots.size());
+    while (!stopping) {
+        {
+            std::lock_guard<std::mutex> held(slotsLock);
+            for (size_t i = 0; i < slots.size(); i++) {
+                Runner *runner = slots[i].runner;
+                if (slots[i].script.rest != Rest::SPIN && slots[i].script.rest != Rest::CALLS)
+                    continue;
+                int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED);
+                bool stands = runner == seen[i].runner && laps == seen[i].laps &&
+                              collections == seen[i].collections && !collecting &&
+                              Sleeps(runner->info->kernelId);
+                if (!stands)
+                    seen[i] = {laps, Now(), collections, runner};
+                else if (Now() - seen[i].since > longestStop)
+                    longestStop = Now() - seen[i].since;
+            }
+        }
+        usleep(2000);
+    }
+}
+
+} // namespace
+
+void VmSignalHandler(int, siginfo_t *, void *) {
+    foreignArrived++;
+}
+
+void StartStorm(const StormOptions &options) {
+    storm = options;
+    stopping = false;
+    for (auto *figure : {&collections, &ended, &profiled, &foreignSent, &foreignArrived, &longestStop})
+        *figure = 0;
+    struct sigaction action = {};
+    action.sa_sigaction = VmSignalHandler;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    sigaction(VM_SIGNAL, &action, nullptr);
+    action.sa_flags = SA_RESTART;
+    action.sa_handler = Ignored;
+    sigaction(SIGPROF, &action, nullptr);
+    std::mt19937 random(storm.seed);
+    for (int i = 0; i < storm.threads; i++) {
+        slots.push_back({MakeScript(&random, i)});
+        EmitScript(&slots.back().script);
+        std::lock_guard<std::mutex> held(slotsLock);
+        StartSlot(&slots.back());
+    }
+    const std::pair<bool, void (*)()> HELPERS[] = {{storm.churn, Churn},
+                                                   {storm.collect, CollectOften},
+                                                   {storm.profile, SendProfile},
+                                                   {storm.foreign, SendForeign},
+                                                   {true, Watch}};
+    for (auto &[wanted, helper] : HELPERS)
+        if (wanted)
+            helpers.emplace_back(helper);
+}
+
+std::vector<Lived> LivedSoFar() {
+    std::lock_guard<std::mutex> held(slotsLock);
+    return lived;
+}
+
+StormFigures StopStorm() {
+    stopping = true;
+    for (std::thread &helper : helpers)
+        helper.join();
+    helpers.clear();
+    for (Slot &slot : slots)
+        EndSlot(&slot);
+    return {collections, ended, profiled, foreignSent, foreignArrived, longestStop};
+}
+
+// ---- spoiling
+// ----------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Region {
+    Word low, high;
+};
+
+void AddBlobs(const Runner *runner, std::vector<Region> *out) {
+    Word low = At(runner->info->address, &JavaThread::anchorSp) & ~Word(3);
+    for (Word at = low; low && at + 8 <= runner->stackHigh; at += 8)
+        if (Word blob = BlobOf(As<Word>(at))) { // all but its code, which runs
+            out->push_back({blob, blob + sizeof(Blob)});
+            if (At(blob, &Blob::pcDescCache) > blob)
+                out->push_back(
+                    {blob + As<Blob>(blob).oopsOffset, At(blob, &Blob::pcDescCache) + sizeof(PcDesc)});
+        }
+}
+
+std::vector<Region> Spoilable(const std::vector<Runner *> &runners, Word sparedThread) {
+    std::vector<Region> all = {{vm.heap, vm.heap + sizeof(CollectedHeap)}, {vm.perm.bottom, vm.perm.top}};
+    for (HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from})
+        all.push_back({space->structure, space->structure + sizeof(Space)});
+    Word map = At(*vm.statics.codeHeap, &CodeHeap::mapLow);
+    all.push_back({*vm.statics.codeHeap, *vm.statics.codeHeap + sizeof(CodeHeap)});
+    all.push_back({map, map + 65536});
+    for (const Runner *runner : runners) {
+        const ThreadInfo &info = *runner->info;
+        if (info.address != sparedThread)
+            all.push_back({info.address, info.address + sizeof(JavaThread)});
+        all.push_back({info.osThread, info.osThread + sizeof(OSThread)});
+        if (Word sp = At(info.address, &JavaThread::anchorSp) & ~Word(3))
+            all.push_back({sp, runner->stackHigh});
+        AddBlobs(runner, &all);
+    }
+    return all;
+}
+
+} // namespace
+
+Spoilt Spoil(uint64_t seed, const std::vector<Runner *> &runners, Word sparedThread) {
+    std::mt19937_64 random(seed);
+    std::vector<Region> regions = Spoilable(runners, sparedThread);
+    auto word = [&] {
+        const Region &region = regions[random() % regions.size()];
+        return region.low + random() % ((region.high - region.low) / 8) * 8;
+    };
+    Word address = word();
+    Spoilt spoilt = {address, As<Word>(address)};
+    const Word VALUES[] = {0,
+                           1,
+                           ~Word(0),
+                           random(),
+                           random() % (1ul << 47),
+                           spoilt.old + 4,
+                           spoilt.old + 1,
+                           address,
+                           As<Word>(word()),
+                           word(),
+                           spoilt.old ^ 1ul << random() % 64,
+                           Word(random() % 65536)};
+    As<Word>(address) = VALUES[random() % (sizeof VALUES / sizeof *VALUES)];
+    return spoilt;
+}
+
+void Mend(const Spoilt &spoilt) {
+    As<Word>(spoilt.address) = spoilt.old;
+}
+
+} // namespace simvm
