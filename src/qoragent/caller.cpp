@@ -9,6 +9,8 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/ReplyString.h"
+#include "platforms/linux.h"
+#include "qorthreads/qorthreads.h"
 
 #include <cstring>
 #include <ctime>
@@ -63,6 +65,7 @@ void AskToLeave() {
     QORLOG(LOG_NOTE, "SHUTDOWN command was sent from Java thread");
     agentstatus = AGENT_SHUTDOWN;
     qorLeave = 1;
+    qor_resume_all_threads();
     qor_signal_child_to_process();
 }
 
@@ -101,6 +104,7 @@ Outcome AwaitAnswer(uint32_t number, int64_t end) {
 // Hands a request over and waits for the worker's answer to it.
 Outcome AskWorker(const char *chars, int64_t end) {
     thread_timed_out = 0;
+    qorWaitingCaller = qor_current_thread_id();
     if (chars)
         QORLOG(LOG_DETAIL, "dataFromNative(mgrCmd=%s), MAXNETDATA=%d, QOREOTLEN=%d, buf=%.*s", chars,
                MAXNETDATA, QOREOTLEN, REQUEST_LIMIT, chars);

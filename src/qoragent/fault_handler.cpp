@@ -1,7 +1,6 @@
 #include "fault_handler.h"
 
 #include "channel.h"
-#include "held_threads.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -13,6 +12,7 @@
 #include "jvmti/Session.h"
 #include "platforms/QorOS.h"
 #include "platforms/linux.h"
+#include "qorthreads/qorthreads.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -23,7 +23,7 @@
 
 struct sigaction segv_qor, busv_qor;
 sigset_t sigset_qor;
-struct sigaction segv_old, busv_old, susp_old;
+struct sigaction segv_old, busv_old;
 QorSignalHandler JavaSignalHandler;
 sigjmp_buf sig_jump;
 volatile int32_t sigJumpThread;
@@ -41,12 +41,11 @@ pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-constexpr int SUSPEND_SIGNAL = 31;
 struct OldAction {
     int signal;
     struct sigaction *action;
 };
-constexpr OldAction OLD_ACTIONS[] = {{SIGSEGV, &segv_old}, {SIGBUS, &busv_old}, {SUSPEND_SIGNAL, &susp_old}};
+constexpr OldAction OLD_ACTIONS[] = {{SIGSEGV, &segv_old}, {SIGBUS, &busv_old}};
 
 enum ReasonCode : int32_t { REASON_SEGV = 1, REASON_BUS = 2, REASON_OTHER = 3 };
 
@@ -129,8 +128,7 @@ void EndRequest(const Fault &fault, int32_t me) {
             qor_enable_gc();
         buf[0] = 0;
     }
-    QorResumeFaultedThreads();
-    QorResumeAfterHeapWalk();
+    qor_resume_all_threads();
     prev_ch_pid = ch_pid.load();
     if (doing_init)
         EndInitialization(fault);
@@ -203,7 +201,7 @@ void sig_handler(int signal, siginfo_t *info, void *context) {
         siglongjmp(segv_jmp, 1);
     }
     reset_qor_handler();
-    QorResumeAfterHeapWalk();
+    qor_resume_all_threads();
     if (doing_init)
         EndInitialization(fault);
     EndRequest(fault, me);

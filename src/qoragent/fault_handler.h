@@ -25,7 +25,7 @@ void reset_qor_handler();
 // What arming would install, filled by start-up, and what it would keep.
 extern struct sigaction segv_qor, busv_qor;
 extern sigset_t sigset_qor; // signals 11 and 7
-extern struct sigaction segv_old, busv_old, susp_old;
+extern struct sigaction segv_old, busv_old;
 using QorSignalHandler = void (*)(int, siginfo_t *, void *);
 extern QorSignalHandler JavaSignalHandler; // the handler a foreign fault was last passed to
 
@@ -48,7 +48,7 @@ void QorPrepareFaultHandler();
 // The handler, in its SA_SIGINFO form. Any thread.
 void sig_handler(int signal, siginfo_t *info, void *context);
 
-// Passes a fault (signals 11, 7 and 31) to the old action's handler. Where that is the default, or to ignore
+// Passes a fault (signals 11 and 7) to the old action's handler. Where that is the default, or to ignore
 // it, the default is restored and the signal raised again. Any thread.
 void callJavaSignalHandler(int signal, siginfo_t *info, void *context);
 

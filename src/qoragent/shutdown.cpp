@@ -18,6 +18,7 @@
 #include "jvmti/Session.h"
 #include "jvmti/trycatch.h"
 #include "platforms/QorOS.h"
+#include "qorthreads/qorthreads.h"
 
 #include <ctime>
 
@@ -69,6 +70,7 @@ void QorDropSession(JNIEnv *env) {
 void exitAgent(JNIEnv *env) {
     prev_ch_pid = ch_pid.load();
     QorDropCopies();
+    QorEndHolds();
     QorFreeReply();
     if (env) {
         QorDropSession(env);

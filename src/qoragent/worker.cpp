@@ -4,7 +4,6 @@
 #include "dispatch.h"
 #include "fault_handler.h"
 #include "forked_dump.h"
-#include "held_threads.h"
 #include "library_dump.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
@@ -20,6 +19,7 @@
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
+#include "qorthreads/qorthreads.h"
 
 #include <cstdio>
 #include <cstring>
@@ -220,6 +220,7 @@ void ServeRequests(const intptr_t start) {
             break;
         }
         QorTendCopies();
+        QorTendHolds();
         if (!qor_can_read(pipe_fd_PP[0], LOOK_ROUND_SECONDS))
             continue;
         if (Outdated(start))
@@ -312,12 +313,9 @@ int32_t QorReplaceWorker() {
 }
 
 void qor_terminate_child_thread() {
+    qor_resume_all_threads();
     WaitForJavaCall();
-    if (qorlocks[1]) {
-        QorResumeFaultedThreads();
-        QorResumeAfterHeapWalk();
-        qorlocks[1] = 0;
-    }
+    qorlocks[1] = 0;
     if (!thread)
         return;
     currentStart = 0;

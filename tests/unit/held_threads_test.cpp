@@ -1,0 +1,497 @@
+// Threads held by signal: whatever comes in between, none stays, and no signal of the host's is lost.
+#include "LogCapture.h"
+#include "qorthreads/qorthreads.h"
+#include "qorthreads/sig_susp_handler.h"
+#include "qorthreads/task_stat.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstddef>
+#include <deque>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <malloc.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr int64_t MSEC = 1000 * 1000;
+std::atomic<int> foreign, foreignCode;
+std::atomic<bool> inJava, foreignSawItself;
+
+int32_t OwnId() {
+    return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
+void Pause() {
+    const timespec short_time = {0, 200 * 1000};
+    nanosleep(&short_time, nullptr);
+}
+
+bool Soon(const std::function<bool()> &state) {
+    const int64_t end = QorMonotonicNsec() + 10000 * MSEC;
+    bool reached = state();
+    for (; !reached && QorMonotonicNsec() < end; reached = state())
+        Pause();
+    return reached;
+}
+
+void HostHandler(int signal, siginfo_t *info, void *) {
+    sigset_t mask;
+    sigprocmask(SIG_SETMASK, nullptr, &mask);
+    foreignSawItself = sigismember(&mask, signal) == 1 && sigismember(&mask, SIGUSR1) == 1 &&
+                       sigismember(&mask, SIGUSR2) == 0;
+    foreignCode = info->si_code;
+    foreign++;
+}
+
+// Nanoseconds that the calling thread has spent ready to run, without a processor.
+int64_t WaitedForProcessor(int schedstat) {
+    char text[96] = "";
+    long ran = 0, waited = 0;
+    if (pread(schedstat, text, sizeof text - 1, 0) > 0)
+        sscanf(text, "%ld %ld", &ran, &waited);
+    return waited;
+}
+
+// A thread that repeats a step, and knows the longest time that one took it, but for the machine's own
+// delays.
+struct Target {
+    explicit Target(std::function<void()> step = Pause, std::function<void()> first = nullptr)
+        : thread([this, step, first] {
+              pthread_attr_t attributes;
+              void *low;
+              size_t size;
+              pthread_getattr_np(pthread_self(), &attributes);
+              pthread_attr_getstack(&attributes, &low, &size);
+              pthread_attr_destroy(&attributes);
+              stack = reinterpret_cast<uint64_t>(low);
+              stackSize = size;
+              if (first)
+                  first();
+              id = OwnId();
+              const int schedstat = open("/proc/thread-self/schedstat", O_RDONLY);
+              const auto now = [=] { return QorMonotonicNsec() - WaitedForProcessor(schedstat); };
+              for (int64_t last = now(), next; !ended; steps++, last = next) {
+                  step();
+                  next = now();
+                  longest = std::max<int64_t>(longest, next - last);
+              }
+              close(schedstat);
+          }) {
+        while (id == 0)
+            Pause();
+    }
+    ~Target() { End(); }
+    void End() {
+        ended = true;
+        if (thread.joinable())
+            thread.join();
+    }
+    QorHold Ask() const { return qor_suspend_thread(stack, id, HOLD_NULL_SP); }
+    // Its hold; on a busy machine it may come too late a few times.
+    QorHold Stop() const {
+        QorHold hold = 0;
+        QorRegisters at;
+        EXPECT_TRUE(Soon([&] {
+            QorTendHolds();
+            hold = Ask();
+            return QorAwaitHeld(hold, &at);
+        }));
+        return hold;
+    }
+    // Holds it once; false when it didn't come.
+    bool Hold() const {
+        const QorHold hold = Ask();
+        QorRegisters at = {};
+        const bool came = QorAwaitHeld(hold, &at);
+        if (came) {
+            const int64_t before = steps;
+            EXPECT_LT(at.sp - stack, stackSize) << "another thread's registers";
+            EXPECT_EQ(steps, before);
+        }
+        EXPECT_TRUE(!came || QorStillHeld(hold));
+        qor_resume_thread(hold);
+        return came;
+    }
+    bool MovesOn() const {
+        const int64_t before = steps;
+        return Soon([&] { return steps > before + 1; });
+    }
+
+    std::atomic<int32_t> id{0};
+    std::atomic<int64_t> steps{0}, longest{0};
+    std::atomic<bool> ended{false};
+    uint64_t stack = 0, stackSize = 0;
+    std::thread thread;
+};
+
+Target *endsWhenListed; // once it has been listed the second time
+int listed;
+
+bool InJava(uint64_t, int32_t) {
+    return inJava;
+}
+
+bool Listed(uint64_t, int32_t) {
+    if (endsWhenListed && ++listed == 2) {
+        endsWhenListed->End();
+        EXPECT_TRUE(Soon([] { return syscall(SYS_tgkill, getpid(), endsWhenListed->id.load(), 0) != 0; }));
+        endsWhenListed = nullptr;
+    }
+    return inJava;
+}
+
+constexpr QorHoldTests TESTS = {Listed, InJava,
+                                [](uint64_t, char *out, size_t size) { snprintf(out, size, "worker-1"); }};
+
+bool OursInForce() {
+    struct sigaction now;
+    sigaction(HOLD_SIGNAL, nullptr, &now);
+    return now.sa_sigaction == sig_susp_handler;
+}
+
+// Once every hold is over, the action before is in force again.
+bool Settled() {
+    return Soon([] {
+        QorTendHolds();
+        return QorSlotsAllFree() && !OursInForce();
+    });
+}
+
+class HeldThreads : public testing::Test {
+protected:
+    HeldThreads() {
+        UseHandler(HostHandler);
+        inJava = true;
+        foreign = 0;
+        EXPECT_TRUE(QorPrepareHolds(&TESTS));
+        EXPECT_FALSE(OursInForce());
+    }
+    ~HeldThreads() override { UseHandler(nullptr); }
+    static void UseHandler(void (*handler)(int, siginfo_t *, void *)) {
+        struct sigaction action = {};
+        action.sa_sigaction = handler; // null is SIG_DFL
+        action.sa_flags = handler ? SA_SIGINFO : 0;
+        sigaddset(&action.sa_mask, SIGUSR1);
+        sigaction(HOLD_SIGNAL, &action, nullptr);
+    }
+};
+
+void BlockSignal() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, HOLD_SIGNAL);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+void OpenSignal() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, HOLD_SIGNAL);
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+} // namespace
+
+TEST_F(HeldThreads, NoneStaysInAStorm) {
+    signal(SIGPROF, [](int) {});
+    constexpr int COUNT = 200;
+    std::deque<Target> targets;
+    for (int i = 0; i < COUNT; i++)
+        targets.emplace_back();
+    std::atomic<bool> over{false};
+    int sent = 0;
+    std::thread others([&] {
+        for (unsigned i = 0; !over; i++) {
+            for (int n = 0; n < 10; n++)
+                syscall(SYS_tgkill, getpid(), targets[(i * 10 + n) % COUNT].id.load(), SIGPROF);
+            if (foreign == sent && ++sent != 0)
+                kill(getpid(), HOLD_SIGNAL);
+            Pause();
+        }
+    });
+    int asked = 0, held = 0;
+    const uint32_t ended = qorHoldsEnded;
+    for (const int64_t end = QorMonotonicNsec() + 2000 * MSEC; QorMonotonicNsec() < end; QorTendHolds()) {
+        for (Target &target : targets) {
+            asked++;
+            held += target.Hold();
+        }
+    }
+    over = true;
+    others.join();
+    EXPECT_TRUE(Soon([&] { return foreign == sent; })) << foreign << " of " << sent;
+    EXPECT_GT(sent, 20);
+    EXPECT_GT(held, 50) << "of " << asked;
+    EXPECT_LT(qorHoldsEnded - ended, held / 2U) << "not by the release";
+    EXPECT_TRUE(Settled());
+    for (Target &target : targets)
+        EXPECT_LT(target.longest, 100 * MSEC);
+}
+
+TEST_F(HeldThreads, TheHostsSignalsArriveOnceReleased) {
+    Target target;
+    QorHold hold = target.Stop();
+    EXPECT_EQ(target.Ask(), 0U) << "asked twice";
+    syscall(SYS_tgkill, getpid(), target.id.load(), HOLD_SIGNAL);
+    EXPECT_TRUE(QorStillHeld(hold));
+    EXPECT_EQ(foreign, 0);
+    qor_resume_thread(hold);
+    qor_resume_thread(hold);
+    EXPECT_TRUE(Soon([] { return foreign == 1; }));
+    EXPECT_TRUE(foreignSawItself) << "not the mask that the host asked for";
+    EXPECT_TRUE(Settled());
+
+    // With no handler a stray one is dropped while threads are asked for.
+    for (auto none : {SIG_DFL, SIG_IGN}) {
+        signal(HOLD_SIGNAL, none);
+        target.Stop();
+        const uint32_t dropped = qorSuspCounts.dropped;
+        raise(HOLD_SIGNAL);
+        EXPECT_EQ(qorSuspCounts.dropped, dropped + 1);
+        qor_resume_all_threads();
+        EXPECT_TRUE(Settled());
+    }
+
+    // Who replaces the action while it is ours may call ours as the one before.
+    hold = target.Stop();
+    UseHandler(HostHandler);
+    qor_resume_thread(hold);
+    EXPECT_TRUE(Settled());
+    EXPECT_EQ(target.Ask(), 0U);
+    EXPECT_TRUE(Settled());
+}
+
+TEST_F(HeldThreads, AskedInVainTheyGoOn) {
+    UseHandler(nullptr); // from here a signal that nobody expects ends the process
+    {
+        std::atomic<bool> open{false};
+        Target blocking([&] { open ? OpenSignal() : Pause(); }, BlockSignal);
+        EXPECT_FALSE(blocking.Hold());
+        QorTendHolds();
+        EXPECT_TRUE(OursInForce()) << "its signal is still to come";
+        EXPECT_EQ(blocking.Ask(), 0U);
+        open = true;
+        EXPECT_TRUE(Settled());
+        EXPECT_TRUE(blocking.MovesOn());
+        open = false;
+        EXPECT_TRUE(blocking.Hold());
+    }
+    Target ending(Pause, BlockSignal);
+    EXPECT_FALSE(ending.Hold());
+    ending.End();
+    EXPECT_TRUE(Settled()) << "its slot is left";
+    Target gone;
+    endsWhenListed = &gone;
+    EXPECT_EQ(gone.Ask(), 0U);
+    EXPECT_TRUE(gone.ended && Settled()) << "a slot kept after a failed send";
+
+    // A parent waits in vfork until its child has gone; the child has its memory.
+    std::atomic<int> forks{0};
+    Target parent([&] {
+        const pid_t child = vfork();
+        if (child == 0) {
+            syscall(SYS_poll, nullptr, 0, 30);
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        forks++;
+    });
+    const int before = forks;
+    for (int i = 0; i < 20; i++)
+        parent.Hold();
+    EXPECT_TRUE(Soon([&] { return forks > before + 2; }));
+    parent.End();
+    EXPECT_TRUE(Settled());
+
+    Target target;
+    rlimit limit, none;
+    getrlimit(RLIMIT_SIGPENDING, &limit);
+    none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_SIGPENDING, &none);
+    const uint32_t nameless = qorSuspCounts.nameless;
+    EXPECT_FALSE(target.Hold()) << "the limit drops the value";
+    EXPECT_TRUE(Soon([&] { return qorSuspCounts.nameless == nameless + 1; }));
+    EXPECT_TRUE(Settled());
+    setrlimit(RLIMIT_SIGPENDING, &limit);
+    EXPECT_TRUE(target.MovesOn());
+
+    // Never the worker, the caller that waits, nor who isn't in Java code.
+    EXPECT_EQ(qor_suspend_thread(1, OwnId(), HOLD_NULL_SP), 0U);
+    qorWaitingCaller = target.id.load();
+    EXPECT_EQ(target.Ask(), 0U);
+    qorWaitingCaller = 0;
+    const QorHold hold = target.Ask();
+    inJava = false;
+    QorRegisters at;
+    EXPECT_FALSE(QorAwaitHeld(hold, &at)) << "left Java code before it came";
+    EXPECT_EQ(target.Ask(), 0U);
+    EXPECT_TRUE(Settled());
+}
+
+TEST_F(HeldThreads, AHoldEndsByItselfAndIsNotedAsSuch) {
+    Target target, next;
+    const QorHold hold = target.Stop();
+    const int64_t since = QorMonotonicNsec();
+    EXPECT_TRUE(target.MovesOn()); // the walk takes longer
+    EXPECT_LT(QorMonotonicNsec() - since, 2000 * MSEC);
+    EXPECT_FALSE(QorStillHeld(hold));
+    // The slot's next hold isn't the old one's to end.
+    const QorHold second = next.Stop();
+    EXPECT_EQ(second >> 32, hold >> 32) << "another slot";
+    qor_resume_thread(hold);
+    EXPECT_TRUE(QorStillHeld(second));
+    EXPECT_FALSE(QorStillHeld(hold));
+    qor_resume_thread(second);
+    EXPECT_TRUE(next.MovesOn());
+
+    // Nor is a signal of an earlier ask, come late, an answer to this one.
+    BlockSignal();
+    std::thread([&, me = OwnId()] { qor_resume_thread(qor_suspend_thread(1, me, HOLD_NULL_SP)); }).join();
+    siginfo_t late = {};
+    const timespec no_time = {};
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, HOLD_SIGNAL);
+    ASSERT_EQ(sigtimedwait(&set, &late, &no_time), HOLD_SIGNAL);
+    QorTendHolds(); // no longer pending, it doesn't count any more
+    ASSERT_TRUE(QorSlotsAllFree());
+    std::thread([&, me = OwnId()] {
+        const QorHold ask = qor_suspend_thread(1, me, HOLD_DUMP);
+        EXPECT_NE(ask, 0U);
+    }).join();
+    ucontext_t context = {};
+    sig_susp_handler(HOLD_SIGNAL, &late, &context);
+    EXPECT_FALSE(QorSlotsAllFree()) << "the ask is still open";
+    EXPECT_EQ(foreign, 0);
+    qor_resume_all_threads();
+    OpenSignal();
+    EXPECT_TRUE(Settled());
+    EXPECT_EQ(foreign, 0);
+}
+
+TEST_F(HeldThreads, LocksOfHeldThreadsAreNotWaitedFor) {
+    LogCapture log(7);
+    mallopt(M_ARENA_MAX, 1);
+    std::atomic<bool> logging{true};
+    Target logger([&] {
+        flockfile(fpLogFile);
+        const int64_t end = QorMonotonicNsec() + 2000 * MSEC; // far longer than a hold
+        while (logging && QorMonotonicNsec() < end)
+            continue;
+        funlockfile(fpLogFile);
+        Pause();
+    });
+    Target allocating([] { free(malloc(100000)); });
+    ASSERT_TRUE(Soon([] { return ftrylockfile(fpLogFile) != 0 || (funlockfile(fpLogFile), false); }));
+    EXPECT_TRUE(QorStillHeld(logger.Stop()));
+    qor_resume_all_threads();
+    logging = false;
+    for (int i = 0; i < 200; i++)
+        allocating.Hold();
+    EXPECT_TRUE(Settled());
+    EXPECT_GE(log.count("> <Inspecting thread worker-1, 0x"), 100) << log.text();
+    EXPECT_GE(log.count("> <Done Inspecting thread worker-1, 0x"), 100);
+}
+
+TEST_F(HeldThreads, ARefusedSystemCallIsTheHosts) {
+    for (const bool handled : {true, false}) {
+        const pid_t child = fork();
+        if (child == 0) {
+            UseHandler(handled ? HostHandler : nullptr);
+            Target target;
+            if (!QorStillHeld(target.Stop()) || !OursInForce())
+                _exit(2);
+            sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                  BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getppid, 0, 1),
+                                  BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+                                  BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+            const sock_fprog filter = {4, code};
+            prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+            if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+                _exit(3);
+            syscall(SYS_getppid);
+            _exit(foreign == 1 && foreignCode == 1 /* SYS_SECCOMP */ ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(handled ? WEXITSTATUS(status) : WTERMSIG(status), handled ? 0 : HOLD_SIGNAL) << status;
+    }
+}
+
+// The slots alone: each thread comes when it is asked, or late; another one releases at any time.
+TEST(HeldSlots, AgreeWhoeverActsFirst) {
+    struct Asked {
+        std::atomic<QorHold> ask{0};
+        std::atomic<int32_t> id{0};
+        std::thread thread;
+    };
+    std::deque<Asked> threads(4);
+    std::atomic<bool> over{false};
+    for (Asked &asked : threads) {
+        asked.thread = std::thread([&] {
+            const auto mine = static_cast<uint64_t>(asked.id = OwnId());
+            while (!over) {
+                if (const QorHold ask = asked.ask.exchange(0))
+                    QorParkInSlot(ask, OwnId(), {mine, mine + 1, mine + 2});
+                sched_yield();
+            }
+        });
+        while (asked.id == 0)
+            Pause();
+    }
+    std::thread releasing([&] {
+        for (; !over; Pause())
+            QorReleaseAllSlots();
+    });
+    int held = 0;
+    const int64_t end = QorMonotonicNsec() + 500 * MSEC;
+    for (unsigned i = 0; QorMonotonicNsec() < end; i++) {
+        Asked &asked = threads[i % threads.size()];
+        const auto id = static_cast<uint64_t>(asked.id);
+        const int64_t now = QorMonotonicNsec();
+        const QorHold hold = QorClaimSlot({asked.id, 0}, 0, now + 1000 * MSEC);
+        if (!hold) // asked before, and still to come
+            continue;
+        asked.ask = hold;
+        QorSlotSent(hold);
+        QorRegisters at = {};
+        if (QorAwaitSlot(hold, now + MSEC / (1 + i % 20), &at)) {
+            held++;
+            EXPECT_TRUE(at.sp == id && at.pc == id + 1 && at.fp == id + 2) << at.sp << " of " << id;
+            QorReleaseSlot(hold);
+        }
+    }
+    EXPECT_TRUE(Soon([] { return QorSlotsAllFree(); }));
+    over = true;
+    releasing.join();
+    for (Asked &asked : threads)
+        asked.thread.join();
+    EXPECT_GT(held, 100);
+}
+
+TEST(HeldSlots, AbandonedOnesWaitForTheirSignal) {
+    QorTaskStat task;
+    ASSERT_EQ(QorLookAtTask(OwnId(), &task), TASK_SEEN);
+    const auto left = [](uint64_t start) {
+        const QorHold hold = QorClaimSlot({OwnId(), start}, 0, INT64_MAX);
+        QorSlotSent(hold);
+        QorReleaseSlot(hold);
+        QorSweepSlots(false);
+        return !QorSlotsAllFree();
+    };
+    EXPECT_FALSE(left(task.start + 1)) << "the id is another thread's by now";
+    EXPECT_TRUE(left(task.start));
+    QorFreeAbandonedOf(OwnId()); // a signal of somebody else's came, and ours isn't pending
+    EXPECT_TRUE(QorSlotsAllFree());
+}
