@@ -3,6 +3,8 @@
 
 #include "qoragent/dispatch.h"
 #include "qoragent/startup.h"
+#include "qoragent/worker.h"
+#include "qorrequest.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"
 #include "qorutil/vm_offsets.h"
@@ -10,11 +12,15 @@
 #include "qorutil/vm_text.h"
 #include "qorutil/vm_threads.h"
 
+#include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
+extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
 extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
                                             jstring, jobject, jobject, jobject, jobject, jstring, jobject,
                                             jstring, jstring, jint, jint, jint, jint, jint, jint);
@@ -60,6 +66,7 @@ int StartAgent(ThreadInfo *thread, const std::string &version) {
 void InOwnProcess(const std::function<void()> &body) {
     const pid_t child = fork();
     if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // one that hangs ends with the test
         body();
         fflush(nullptr);
         _exit(testing::Test::HasFailure() ? 1 : 0);
@@ -291,4 +298,51 @@ TEST(RoadStart, KnowsPlacesByItsRowAlone) {
             TellAgentPlaces();
             StartAndCompare(options);
         });
+}
+
+namespace {
+
+std::string Ask(ThreadInfo *thread, const char *request) {
+    jstring reply = Java_qoragent_Agent_dataFromNative(EnvOf(thread), nullptr, NewText(request));
+    return reply ? TextOf(reply) : "(null)";
+}
+
+// A request on a thread of its own, which waits for a collection that doesn't end, until the agent is told to
+// leave.
+void LeaveWhileWaiting(ThreadInfo *shutter) {
+    std::string reply;
+    std::thread asker([&reply] {
+        ThreadInfo *thread = NewThread("asker");
+        LinkThread(thread);
+        reply = Ask(thread, "3|showqor|8192|");
+        UnlinkThread(thread);
+    });
+    while (workerBusy == 0)
+        usleep(1000);
+    Ask(shutter, "SHUTDOWN");
+    while (QorWorkerLives()) // a hang is the test's time-out
+        usleep(1000);
+    asker.join();
+    EXPECT_NE(reply, "(null)"); // the refusal, or the time-out's text
+}
+
+} // namespace
+
+TEST(RoadStart, RequestsHeedACollectionAndNeverKeepTheAgentFromLeaving) {
+    InOwnProcess([] {
+        const Options options = On("1.5.0_22");
+        Boot(options);
+        Caller caller;
+        CallNative(&caller, DefineMethod("demo/Main", "run", "()V", {})->oop);
+        for (int start = 0; start < 2; start++) {
+            ASSERT_EQ(StartAgent(caller.thread, options.version), START_OK);
+            auto &collecting = At(vm.heap, &CollectedHeap::collecting);
+            __atomic_store_n(&collecting, 1, __ATOMIC_SEQ_CST);
+            EXPECT_NE(Ask(caller.thread, "2|showqor|8192|").find("Garbage Collector currently running."),
+                      std::string::npos);
+            LeaveWhileWaiting(caller.thread);
+            EXPECT_EQ(qorlocks[0], 0);
+            __atomic_store_n(&collecting, 0, __ATOMIC_SEQ_CST);
+        }
+    });
 }
