@@ -11,6 +11,10 @@ const char *const g_strDbTypeNames[DB_TYPE_COUNT] = {
 
 QorJSPRequestData objQorJSPRequestData;
 
+bool QorIsKnownDatabase(const QorDBRequestData &record) {
+    return record.url[0] && (record.user[0] || record.dbType == DB_TYPE_OTHER);
+}
+
 void QorClearDBRequestData(QorDBRequestData *record) {
     record->url[0] = record->remoteHost[0] = record->user[0] = 0;
     record->localPort = record->remotePort = 0;

@@ -42,6 +42,10 @@ struct QorDBRequestData {
 enum : int32_t { DB_TYPE_OTHER = -1, DB_TYPE_TESSAR = 0, DB_TYPE_SYBASE = 2, DB_TYPE_COUNT = 4 };
 extern const char *const g_strDbTypeNames[DB_TYPE_COUNT];
 
+// Whether the call can be shown: its URL and its user have been read, or by rules the URL alone, as some
+// databases have no users.
+bool QorIsKnownDatabase(const QorDBRequestData &record);
+
 // A web request, and what a framework frame works on.
 struct QorJSPRequestData {
     char requestUrl[REQUEST_TEXT_SIZE];

@@ -57,14 +57,11 @@ void ClearRecords() {
     calls.rulesAreRead = false;
 }
 
-bool IsKnown(const QorDBRequestData &database) {
-    return database.url[0] && database.user[0];
-}
-
 // What is shown of each kind: the tables' record, or else that of the rules as a whole.
 QorDBRequestData *ShownDatabase() {
-    return !IsKnown(calls.database) && IsKnown(calls.byRules.database) ? &calls.byRules.database
-                                                                       : &calls.database;
+    return !QorIsKnownDatabase(calls.database) && QorIsKnownDatabase(calls.byRules.database)
+               ? &calls.byRules.database
+               : &calls.database;
 }
 
 const QorRmiCallData &ShownRmi() {
@@ -95,7 +92,7 @@ void ReadWebEntry(const QorAllThreadLocalInfoList &entry) {
 }
 
 void ReadDatabaseEntry(const QorAllThreadLocalInfoList &entry) {
-    if (IsKnown(calls.database))
+    if (QorIsKnownDatabase(calls.database))
         return;
     tessar_thick_driver = entry.thickDriver;
     QorGetDBRequestDataFromLocalVariable(&entry, &calls.database);
@@ -172,7 +169,7 @@ void ReadThread(const QorXtierLocationInfo &location) {
          entry && entry->threadId == location.threadId; entry = entry->next)
         ReadEntry(*entry); // the readers tell of a missing object themselves
     ReadByRules(location.newest, location.threadId);
-    if (IsKnown(*ShownDatabase()))
+    if (QorIsKnownDatabase(*ShownDatabase()))
         NoteConnection(location.threadName, location.threadKey);
 }
 

@@ -79,7 +79,7 @@ void QorInsertXtierData(QorText *reply);
 // What the stack view shows of its thread. The records are the readers' own and stand until the next call.
 struct QorStackViewData {
     const QorJSPRequestData *web;     // URL (the page's name in its place), view or entity name
-    const QorDBRequestData *database; // known when url and user are filled
+    const QorDBRequestData *database; // see QorIsKnownDatabase
 };
 QorStackViewData QorReadStackViewData();
 

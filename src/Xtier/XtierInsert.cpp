@@ -157,7 +157,7 @@ int32_t InsertRmi(QorInsertion *insertion, const QorXtierPositions &at, const Qo
 
 int32_t InsertDatabase(QorInsertion *insertion, const QorXtierPositions &at,
                        const QorDBRequestData &database) {
-    if (at.dbStart < 0 || !database.url[0] || !database.user[0])
+    if (at.dbStart < 0 || !QorIsKnownDatabase(database))
         return 0;
     QorText piece;
     QorTextStart(&piece, pieceText, PIECE_SIZE);
@@ -224,7 +224,7 @@ const char *QorFrameworkClass(QorFramework framework) {
 }
 
 QorDatabaseBlock QorDatabaseBlockOf(const QorDBRequestData &record) {
-    const bool known = record.url[0] && record.user[0];
+    const bool known = QorIsKnownDatabase(record);
     const bool typed = known && record.dbType >= 0 && record.dbType < DB_TYPE_COUNT;
     QorDatabaseBlock block;
     if (known) {
