@@ -25,7 +25,7 @@ struct QorDatabaseBlock {
     int32_t sampleTime = 0, sqlRef = 0;
     const char *sqlText = "", *typeName = "";
 };
-// Of a call without a URL or a user only the numbers and the SQL text.
+// Of a call that isn't known (QorIsKnownDatabase) only the numbers and the SQL text.
 QorDatabaseBlock QorDatabaseBlockOf(const QorDBRequestData &record);
 void QorAppendDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
 // The older form, without field count, SQL text and type.

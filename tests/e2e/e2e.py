@@ -22,6 +22,7 @@ import jstack
 from dumps import Dumps, LateDumps
 from harness import (LIMIT, SETTINGS, Application, Case, OfTheDemo, in_root, leftovers, process_state, qorctl,
                      wait_until)
+from databases import Databases
 from products import Products
 from sessions import Sessions
 from tiers import Tiers

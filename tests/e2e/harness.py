@@ -150,6 +150,15 @@ class Case(unittest.TestCase):
     def threads(self, app, *options):
         return self.answer("threads", app.pid, "--json", *options).json()["threads"]
 
+    def watch(self, *words, count=3):
+        """The first documents of a series."""
+        command = [SETTINGS.qorctl, *map(str, words), "--json", "--watch", "0.1"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watch:
+            documents = [json.loads(watch.stdout.readline()) for _ in range(count)]
+            self.assertIsNone(watch.poll())
+            watch.kill()
+        return documents
+
 
 class OfTheDemo(Case):
     """A group whose tests look into one demo application, with an agent in it."""
@@ -165,12 +174,3 @@ class OfTheDemo(Case):
     @classmethod
     def tearDownClass(cls):
         cls.app.__exit__()
-
-    def watch(self, *words):
-        """Three documents of a series."""
-        command = [SETTINGS.qorctl, *map(str, words), "--json", "--watch", "0.1"]
-        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watch:
-            documents = [json.loads(watch.stdout.readline()) for _ in range(3)]
-            self.assertIsNone(watch.poll())
-            watch.kill()
-        return documents

@@ -1,0 +1,166 @@
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.net.InetAddress;
+import java.net.ServerSocket;
+import java.net.Socket;
+import java.sql.Connection;
+import java.sql.DriverManager;
+import java.sql.PreparedStatement;
+import java.sql.ResultSet;
+import java.sql.SQLException;
+import java.sql.Statement;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.concurrent.BlockingQueue;
+import java.util.concurrent.LinkedBlockingQueue;
+
+/**
+ * Threads that call real databases. Arguments are "NAME FORM...", URL, SQL, three for each thread, whose name is the first. A "setup"
+ * runs its SQL at once and has no thread; a "holder" runs it on "hold", and takes it back on "rest". On the line "warm NAME" the
+ * threads of that name make their calls again and again, on "hold NAME" once, with 1 for the parameter or the # of their SQL in
+ * place of 0. Embedded databases wait in the function hold.
+ */
+public class Calls extends Thread {
+    static volatile ServerSocket gate;
+    static volatile String warm; // the order
+
+    final BlockingQueue<String> orders = new LinkedBlockingQueue<>();
+    final List<String> form;
+    final String sql;
+    final Connection connection;
+    boolean holds;
+
+    Calls(String name, String url, String sql) throws SQLException {
+        super(name);
+        form = Arrays.asList(name.split(" "));
+        this.sql = sql;
+        connection = DriverManager.getConnection(url);
+    }
+
+    public static void main(String[] args) throws Exception {
+        List<Calls> all = new ArrayList<>(), holders = new ArrayList<>();
+        boolean serves = false;
+        for (int i = 0; i < args.length; i += 3) {
+            if (args[i].startsWith("h2tcp") && !serves)
+                serves = serve(args[i + 1].replaceAll(".*:(\\d+)/.*", "$1"));
+            Calls calls = new Calls(args[i], args[i + 1], args[i + 2]);
+            if (calls.form.contains("holder")) {
+                holders.add(calls);
+                continue;
+            }
+            calls.call(0);
+            if (calls.form.contains("setup"))
+                continue; // its connection stays, as does a database in memory
+            all.add(calls);
+            calls.start();
+        }
+        System.out.println("ready");
+        BufferedReader in = new BufferedReader(new InputStreamReader(System.in));
+        for (String line; (line = in.readLine()) != null;) {
+            warm = line;
+            if (line.startsWith("hold"))
+                gate = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
+            else if (line.equals("rest") && gate != null)
+                gate.close();
+            boolean hold = line.startsWith("hold");
+            for (Calls holder : holders)
+                if (line.equals("rest") ? holder.holds : hold && line.endsWith(holder.form.get(0)))
+                    holder.hold(hold);
+            for (Calls calls : all)
+                if (line.endsWith(" " + calls.form.get(0)))
+                    calls.orders.add(line);
+        }
+        System.exit(0);
+    }
+
+    /** H2's server; its class isn't there where this is compiled. */
+    static boolean serve(String port) throws Exception {
+        String[] options = {"-tcpPort", port};
+        Class<?> factory = Class.forName("org.h2.tools.Server");
+        Object server = factory.getMethod("createTcpServer", String[].class).invoke(null, (Object) options);
+        server.getClass().getMethod("start").invoke(server);
+        return true;
+    }
+
+    void hold(boolean begin) throws SQLException {
+        try (Statement s = connection.createStatement()) {
+            s.execute(begin ? sql : "rollback");
+        }
+        holds = begin;
+    }
+
+    /** Waits while the gate is there. */
+    public static int hold(int key) {
+        if (key == 0)
+            return 0;
+        try (Socket socket = new Socket(gate.getInetAddress(), gate.getLocalPort())) {
+            return socket.getInputStream().read();
+        } catch (IOException e) {
+            return 1; // it was closed
+        }
+    }
+
+    @Override
+    public void run() {
+        try {
+            for (;;) {
+                String order = orders.take();
+                for (; order.startsWith("warm") && order == warm; Thread.sleep(1)) // for the compiler
+                    call(0);
+                if (order.startsWith("hold"))
+                    call(1);
+            }
+        } catch (SQLException | InterruptedException e) {
+            System.out.println("failed: " + getName() + ": " + e);
+        }
+    }
+
+    void call(int key) throws SQLException {
+        if (sql.contains("?")) {
+            try (PreparedStatement s = form.contains("callable") ? connection.prepareCall(sql) : connection.prepareStatement(sql)) {
+                s.setInt(1, key);
+                callPrepared(s);
+            }
+        } else {
+            try (Statement s = connection.createStatement()) {
+                callPlain(s, sql.replace("#", "" + key));
+            }
+        }
+    }
+
+    void callPrepared(PreparedStatement s) throws SQLException {
+        if (form.contains("batch")) {
+            s.addBatch();
+            s.executeBatch();
+        } else if (form.contains("update")) {
+            s.executeUpdate();
+        } else if (form.contains("query")) {
+            drain(s.executeQuery());
+        } else if (s.execute()) {
+            drain(s.getResultSet());
+        }
+    }
+
+    void callPlain(Statement s, String text) throws SQLException {
+        if (form.contains("batch")) {
+            s.addBatch(text);
+            s.executeBatch();
+        } else if (form.contains("update")) {
+            s.executeUpdate(text);
+        } else if (form.contains("query")) {
+            s.setFetchSize(1);
+            drain(s.executeQuery(text));
+        } else if (s.execute(text)) {
+            drain(s.getResultSet());
+        }
+    }
+
+    static void drain(ResultSet rows) throws SQLException {
+        try (ResultSet r = rows) {
+            while (r.next()) {
+            }
+        }
+    }
+}
