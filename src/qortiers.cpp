@@ -1,5 +1,7 @@
 #include "qortiers.h"
 
+#include "qortierfilter.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -29,6 +31,7 @@ struct Arena {
     QorTierWay ways[TIER_LINES];
     int32_t frameCount, objectCount, wayCount;
     uint32_t frameKinds; // of all frames
+    QorTierFilter filter;
 };
 
 Arena arenas[2];
@@ -279,8 +282,14 @@ bool IsState(const Prefixes &states, Text name) {
 }
 
 void SortTables(Arena *arena) {
-    for (Prefixes &states : arena->states)
+    arena->filter.Clear();
+    for (Prefixes &states : arena->states) {
         SortStates(&states);
+        for (int32_t i = 0; i < states.count; i++)
+            arena->filter.AddStart(states.list[i]);
+    }
+    for (int32_t i = 0; i < arena->frameCount; i++)
+        arena->filter.AddName(arena->frames[i].className);
     std::sort(arena->frames, arena->frames + arena->frameCount,
               [](const FrameRule &a, const FrameRule &b) { return a.className < b.className; });
     std::sort(arena->objects, arena->objects + arena->objectCount,
@@ -371,6 +380,8 @@ uint32_t QorTierKindsOf(const char *className, const char *method) {
     const Arena &arena = *inForce;
     const Text name(className);
     uint32_t kinds = 0;
+    if (!arena.filter.MayHave(name))
+        return 0;
     for (const uint32_t kind : STATE_KINDS)
         if (IsState(arena.states[kind == TIER_RMI_STATE], name))
             kinds |= kind;

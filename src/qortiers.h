@@ -8,7 +8,7 @@
 //
 // KIND is db, web, rmi or file, of a state db or rmi; docs/cross-tier.md documents fields and ways.
 // A text arrives in pieces in one of two arenas, while the other one is in force, and takes its place whole
-// or not at all. A look-up costs two binary searches, and the views ask once for each method of a walk.
+// or not at all. The views ask once for each method of a walk, and nearly always get a quick no.
 //
 // Worker only.
 #pragma once

@@ -61,6 +61,11 @@ const std::string DRIVER_RULES = "state rmi qoragent.testing.Driver\n"
                                  "  sql path,Ljava/lang/String;\n"
                                  "object web Lqoragent/testing/Driver$Order;\n"
                                  "  url path,Ljava/lang/String;\n"
+                                 "state rmi javax.servlet.http.\n"
+                                 "frame rmi javax.servlet.http.HttpServlet service\n"
+                                 "object rmi Lorg/apache/catalina/connector/RequestFacade;\n"
+                                 "  host request,Lorg/apache/catalina/connector/Request;|"
+                                 "requestDispatcherPath,Ljava/lang/Object;|strValue,Ljava/lang/String;\n"
                                  "frame db qoragent.models.Execution *\n"
                                  "frame db tessar.jdbc.driver.TessarStatement *\n"
                                  "object db Ltessar/jdbc/driver/TessarStatement;\n"
@@ -429,6 +434,8 @@ TEST_F(CrossTier, RulesReadAllObjectsOfAllTheirFrames) {
         EXPECT_EQ("RMI Wait", thread->state);
         EXPECT_EQ((std::vector<std::string>{"0", "8443", "api", "https://api:8443/x"}), thread->detail4);
         EXPECT_EQ("/orders/17", thread->url);
+        EXPECT_EQ("/tomcat", reply.Find("zoo-tomcat")->url);
+        EXPECT_EQ("/tomcat", reply.Find("zoo-tomcat")->detail4.at(2)) << "a frame that both have";
     }
     const auto *seen = std::find_if(gbDB_Info, gbDB_Info + iDBInfoIndex, [](const QorDBRequestData &call) {
         return strcmp(call.threadName, "zoo-driver") == 0;
