@@ -76,17 +76,17 @@ int32_t StartReaders() {
                            AddressOf(qor_intArr));
 }
 
-// The same, again when a collection has moved what it looked at.
+// The same, again when a collection has moved what it looked at. One that doesn't end in time is waited for
+// once only: the application waits for this start.
 int32_t StartReadersBetweenCollections() {
     int32_t failed = START_FAILED;
-    for (int i = 0; i < START_TRIES && failed; i++) {
-        qor_disable_gc(GC_WAIT_BOUNDED);
+    bool moved = true;
+    for (int i = 0; i < START_TRIES && failed && moved; i++) {
+        const bool quiet = qor_disable_gc(GC_WAIT_BOUNDED) == 0;
         const uint32_t collections = QorCollectionCount();
         failed = StartReaders();
-        const bool moved = QorIsCollecting() || QorCollectionCount() != collections;
+        moved = quiet && (QorIsCollecting() || QorCollectionCount() != collections);
         qor_enable_gc();
-        if (!moved)
-            break;
     }
     return failed;
 }
