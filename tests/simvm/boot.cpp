@@ -117,7 +117,7 @@ void LayOutParallel() {
     *vm.statics.psOld = old;
     *vm.statics.psPerm = perm;
     size_t bytes = sizeof(ParallelSpace);
-    At(perm, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.perm, 'P', 8 * MB, bytes);
+    At(perm, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.perm, 'P', 16 * MB, bytes);
     At(old, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.old, 'O', 8 * MB, bytes);
     At(young, &ParallelGeneration::eden) = NewSpace<ParallelSpace>(&vm.eden, 'E', 4 * MB, bytes);
     At(young, &ParallelGeneration::from) = NewSpace<ParallelSpace>(&vm.from, 'F', MB, bytes);
@@ -135,10 +135,10 @@ void LayOutGenerations() {
     At(vm.heap, &CollectedHeap::perm) = holder;
     At(holder, &PermGenerations::generation) = perm;
     if (concurrent) {
-        At(perm, &Generation::cmsSpace) = NewFreeListSpace(&vm.perm, 'P', 8 * MB);
+        At(perm, &Generation::cmsSpace) = NewFreeListSpace(&vm.perm, 'P', 16 * MB);
         At(old, &Generation::cmsSpace) = NewFreeListSpace(&vm.old, 'C', 8 * MB);
     } else {
-        At(perm, &Generation::space) = NewSpace<Space>(&vm.perm, 'P', 8 * MB, sizeof(Space));
+        At(perm, &Generation::space) = NewSpace<Space>(&vm.perm, 'P', 16 * MB, sizeof(Space));
         At(old, &Generation::space) = NewSpace<Space>(&vm.old, 'O', 8 * MB, sizeof(Space));
     }
     At(young, &YoungGeneration::eden) = NewSpace<Space>(&vm.eden, 'E', 4 * MB, sizeof(Space));

@@ -125,12 +125,6 @@ void AddMirror(Class *owner) {
     At(owner->klass, &Klass::javaMirror) = mirror;
 }
 
-void AppendCompressed(std::string *out, int32_t value) {
-    for (; value < -64 || value > 63; value >>= 7)
-        out->push_back(char(value & 127));
-    out->push_back(char(value + 192));
-}
-
 // Pairs of steps in bci and line: one byte where both are small, 255 and two numbers where not.
 std::string LineTable(const std::vector<MethodLine> &lines) {
     std::string table;
@@ -142,8 +136,8 @@ std::string LineTable(const std::vector<MethodLine> &lines) {
             table.push_back(char(byte));
         } else {
             table.push_back(char(255));
-            AppendCompressed(&table, bci);
-            AppendCompressed(&table, step);
+            PutCompressed(&table, bci);
+            PutCompressed(&table, step);
         }
         last = line;
     }
@@ -162,6 +156,12 @@ Word WriteConstMethod(const MethodInfo &method) {
 }
 
 } // namespace
+
+void PutCompressed(std::string *out, int32_t value) {
+    for (; value < -64 || value > 63; value >>= 7)
+        out->push_back(char(value & 127));
+    out->push_back(char(value + 192));
+}
 
 Word Intern(const std::string &text) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);

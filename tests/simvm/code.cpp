@@ -81,13 +81,6 @@ Word EntryOf(Word blob) {
 // ---- compressed numbers
 // ------------------------------------------------------------------------------------
 
-// Seven bits a byte from the lowest; the last byte holds a signed rest, counted from 192.
-void Put(std::string *out, int32_t value) {
-    for (; value < -64 || value > 63; value >>= 7)
-        out->push_back(char(value & 127));
-    out->push_back(char(value + 192));
-}
-
 int32_t Location(LocationType type, int slot) {
     return type << 12 | 2 * slot;
 } // counted in half words
@@ -97,11 +90,11 @@ Word OopMapOf(int link) {
     constexpr int VALUE = 2, CALLEE_SAVED = 8, OTHER_REGISTER = 19;
     int stack0 = int(*vm.statics.stackRegisters);
     std::string data;
-    Put(&data, (stack0 + 9) << 5 | VALUE);
-    Put(&data, (stack0 + 8) << 5 | CALLEE_SAVED);
-    Put(&data, OTHER_REGISTER);
-    Put(&data, (stack0 + link) << 5 | CALLEE_SAVED);
-    Put(&data, FRAME_POINTER_REGISTER);
+    PutCompressed(&data, (stack0 + 9) << 5 | VALUE);
+    PutCompressed(&data, (stack0 + 8) << 5 | CALLEE_SAVED);
+    PutCompressed(&data, OTHER_REGISTER);
+    PutCompressed(&data, (stack0 + link) << 5 | CALLEE_SAVED);
+    PutCompressed(&data, FRAME_POINTER_REGISTER);
     Word set = Allocate(sizeof(OopMapSet)), array = Allocate(8), map = Allocate(sizeof(OopMap)),
          bytes = Allocate(data.size());
     memcpy(&As<char>(bytes), data.data(), data.size());
@@ -191,30 +184,30 @@ Word EmitNative(const Scope &scope, void (*function)(), Word argument) {
 // Scopes as the compiler writes them; places of receivers and monitors are the slots that the code fills.
 void WriteScopes(BlobParts *parts, const std::vector<Scope> &scopes) {
     int slot = 0, sender = NO_OFFSET;
-    Put(&parts->scopes, 77); // so that nothing is at 0
+    PutCompressed(&parts->scopes, 77); // so that nothing is at 0
     for (const Scope &scope : scopes) {
         parts->oops.push_back(scope.method->oop);
         int locals = NO_OFFSET, monitors = NO_OFFSET;
         if (scope.receiver || randomWords() % 2) {
             locals = parts->scopes.size();
-            Put(&parts->scopes, 4);
-            Put(&parts->scopes, scope.receiver ? SCOPE_LOCATION : SCOPE_INT);
-            Put(&parts->scopes, scope.receiver ? Location(LOCATION_OOP, slot++) : 4711);
+            PutCompressed(&parts->scopes, 4);
+            PutCompressed(&parts->scopes, scope.receiver ? SCOPE_LOCATION : SCOPE_INT);
+            PutCompressed(&parts->scopes, scope.receiver ? Location(LOCATION_OOP, slot++) : 4711);
             for (int32_t value :
                  {int32_t(SCOPE_OOP), 1, int32_t(SCOPE_LONG), -1, 100000, int32_t(SCOPE_DOUBLE), 0, 64})
-                Put(&parts->scopes, value);
+                PutCompressed(&parts->scopes, value);
         }
         if (!scope.monitors.empty()) {
             monitors = parts->scopes.size();
-            Put(&parts->scopes, scope.monitors.size());
+            PutCompressed(&parts->scopes, scope.monitors.size());
             for (size_t i = 0; i < scope.monitors.size(); i++)
                 for (int32_t value :
                      {Location(LOCATION_NORMAL, 0), int32_t(SCOPE_LOCATION), Location(LOCATION_OOP, slot++)})
-                    Put(&parts->scopes, value);
+                    PutCompressed(&parts->scopes, value);
         }
         parts->scope = parts->scopes.size();
         for (int32_t value : {sender, int32_t(parts->oops.size()), scope.bci, locals, NO_OFFSET, monitors})
-            Put(&parts->scopes, value);
+            PutCompressed(&parts->scopes, value);
         sender = parts->scope;
     }
 }
@@ -332,15 +325,20 @@ Word EmitI2C(Word target) {
     return FinishBlob(&parts, &a);
 }
 
-Word EmitC2I(Word target) {
-    constexpr int WORDS = 6;
-    const int LINK = vm.statics.server ? 2 : WORDS - 2;
-    BlobParts parts = StubParts(VT_C2I, WORDS, LINK);
+// A frame of a stub or adapter around what `body` emits.
+template <class BODY>
+Word EmitStub(VtableKind kind, int words, BODY body) {
+    const int link = vm.statics.server ? words / 3 : words - 2;
+    BlobParts parts = StubParts(kind, words, link);
     Assembler a;
-    Enter(&a, WORDS, LINK);
-    a.Call(target);
-    Return(&a, WORDS, LINK);
+    Enter(&a, words, link);
+    body(&a);
+    Return(&a, words, link);
     return FinishBlob(&parts, &a);
+}
+
+Word EmitC2I(Word target) {
+    return EmitStub(VT_C2I, 6, [&](Assembler *a) { a->Call(target); });
 }
 
 // On top of its frame: return pc, the interpreter's fp, the sender's sp.
@@ -366,14 +364,7 @@ Word EmitOsrAdapter(Word target) {
 
 // How compiled code calls C.
 Word EmitRuntimeStub(void (*function)(), Word argument) {
-    constexpr int WORDS = 4;
-    const int LINK = vm.statics.server ? 1 : WORDS - 2;
-    BlobParts parts = StubParts(VT_RUNTIME_STUB, WORDS, LINK);
-    Assembler a;
-    Enter(&a, WORDS, LINK);
-    CallOut(&a, function, argument, IN_VM);
-    Return(&a, WORDS, LINK);
-    return FinishBlob(&parts, &a);
+    return EmitStub(VT_RUNTIME_STUB, 4, [&](Assembler *a) { CallOut(a, function, argument, IN_VM); });
 }
 
 void EmitCallStub() {
@@ -459,8 +450,9 @@ void EmitScript(Script *script) {
         }
         Word target = Reach(caller.kind, script->frames[i].kind, entry);
         auto call = [&](Assembler *a) { a->Call(target); };
-        entry = IsCompiled(caller.kind) ? EmitCompiled(caller.scopes, call)
-                                        : EmitInterpreted(caller.scopes[0], call);
+        entry = caller.kind == FrameKind::STUB ? EmitStub(VT_RUNTIME_STUB, 4, call)
+                : IsCompiled(caller.kind)      ? EmitCompiled(caller.scopes, call)
+                                               : EmitInterpreted(caller.scopes[0], call);
     }
     script->entry = entry;
 }

@@ -19,11 +19,12 @@ enum class FrameKind {
     INTERPRETED,
     COMPILED,
     OSR,    // compiled, entered in mid-loop from the interpreter
-    NATIVE, // an interpreted native method; the only kind that can rest in C or enter Java again
+    NATIVE, // an interpreted native method; the only kind that can enter Java again
+    STUB,   // a runtime stub, no Java frame; not the last one
 };
 struct Frame {
     FrameKind kind;
-    std::vector<Scope> scopes; // outermost first; one but in compiled frames
+    std::vector<Scope> scopes; // outermost first; one but in compiled frames, none in stubs
     bool inCopy = false;       // runs in the thread's copy of its code
 };
 
@@ -61,7 +62,5 @@ extern int32_t safepointAsked;
 void CallJava(Word entry, Word wrapper, Word thread, Control *control);
 // The code blob around an address, for tests that spoil it: 0 if there is none.
 Word BlobOf(Word pc);
-
-void BootCode(); // of Boot: code cache, interpreter, stubs
 
 } // namespace simvm

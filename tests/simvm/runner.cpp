@@ -106,6 +106,8 @@ void EnterJava(Runner *runner, Word entry) {
 }
 
 void RunScript(Runner *runner) {
+    if (runner->first)
+        runner->first();
     current = runner;
     runner->stackHigh = reinterpret_cast<Word>(__builtin_frame_address(0));
     OutOfJava(runner);
@@ -232,8 +234,9 @@ extern "C" void SimvmSafepoint(Word thread) {
     BackToJava(current);
 }
 
-Runner *Start(const std::string &name, Script *script) {
-    auto *runner = new Runner{NewThread(name), script, {}, {}, {}};
+Runner *Start(const std::string &name, Script *script, std::function<void()> call,
+              std::function<void()> first) {
+    auto *runner = new Runner{NewThread(name), script, {}, std::move(call), std::move(first), {}};
     OpenRest(runner);
     if (pthread_create(&runner->pthread, nullptr, ThreadMain, runner))
         Fail("no thread");
@@ -258,7 +261,7 @@ void Leave(Runner *runner) {
 }
 
 void RunHere(const std::string &name, Script *script, std::function<void()> call) {
-    Runner runner{NewThread(name), script, {}, std::move(call), pthread_self()};
+    Runner runner{NewThread(name), script, {}, std::move(call), {}, pthread_self()};
     RunScript(&runner);
     FreeThread(runner.info);
 }

@@ -13,7 +13,7 @@ struct Runner {
     ThreadInfo *info;
     Script *script;
     Control control;
-    std::function<void()> call; // what Rest::CALL does
+    std::function<void()> call, first;
     pthread_t pthread;
     std::atomic<int32_t> resting{0}; // 1: it has come to its rest (loops: it has begun)
     std::atomic<bool> inJava{false};
@@ -22,8 +22,10 @@ struct Runner {
     int32_t pipe[2] = {-1, -1}, listener = -1;
 };
 
-// Starts a thread that runs the script once, and comes back when it rests.
-Runner *Start(const std::string &name, Script *script);
+// Starts a thread that runs the script once, and comes back when it rests. `first` runs on it before any Java
+// code, `call` where its script's rest is CALL.
+Runner *Start(const std::string &name, Script *script, std::function<void()> call = {},
+              std::function<void()> first = {});
 // Ends its rest: it returns through all its frames, leaves the list and is joined. Its memory goes to the
 // next thread.
 void Leave(Runner *runner);

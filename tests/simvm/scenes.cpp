@@ -1,6 +1,8 @@
 #include "scenes.h"
 #include "storm.h"
 
+#include <cstdio>
+
 namespace simvm {
 
 namespace {
@@ -106,8 +108,8 @@ Script MainScript() {
 void StageScene(const std::string &name, Scene *scene) {
     if (name == "shop")
         StageShop(scene);
-    else if ((scene->storm = name == "storm"))
-        StartStorm({});
+    else if ((scene->storm = name == "storm" || name == "crowd"))
+        StartStorm(name == "storm" ? StormOptions() : StormOptions{200, 50, 1, false, false, false, false});
     else
         Fail(("no scene " + name).c_str());
 }
@@ -115,9 +117,13 @@ void StageScene(const std::string &name, Scene *scene) {
 void EndScene(Scene *scene) {
     for (Runner *runner : scene->runners)
         Leave(runner);
-    if (scene->storm)
-        StopStorm();
     scene->runners.clear();
+    if (!scene->storm)
+        return;
+    StormFigures figures = StopStorm();
+    printf("%ld collections, %ld threads ended, %ld and %ld of %ld signals, longest stop %.3f ms, %ld laps\n",
+           figures.collections, figures.threadsEnded, figures.profileSignals, figures.foreignArrived,
+           figures.foreignSent, figures.longestStop / 1e6, figures.laps);
 }
 
 SampleObjects NewSampleObjects(ThreadInfo *thread) {

@@ -13,8 +13,10 @@ struct Scene {
 };
 
 // "shop": threads in all kinds of frames and places, at rest or looping. "storm": as storm.h has it by
-// default. Ends the process for a name it doesn't know.
+// default. "crowd": 200 threads of 50 frames, some of them looping. Ends the process for a name it does not
+// know.
 void StageScene(const std::string &name, Scene *scene);
+// Ends it; of the storm and the crowd it prints the figures.
 void EndScene(Scene *scene);
 // The scene's main method, for a thread that runs `call` at its end.
 Script MainScript();

@@ -102,6 +102,8 @@ void TellPlaces(uint32_t out[200]);
 // -----------------------------------------------------------------------------------
 
 Word Intern(const std::string &text); // a symbol
+// Seven bits a byte from the lowest; the last byte holds a signed rest, counted from 192.
+void PutCompressed(std::string *out, int32_t value);
 Class *DefineClass(const std::string &name, const std::string &super, std::vector<Field> fields = {});
 Class *FindClass(const std::string &name); // null: not defined
 // A method of codeSize bytecodes. Lines in ascending bci; none: no line table.

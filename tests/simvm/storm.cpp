@@ -37,7 +37,7 @@ int64_t Now() {
 void Ignored(int) {}
 
 MethodInfo *MethodOf(int number) {
-    return DefineMethod("storm/Class" + std::to_string(number % 40), "method" + std::to_string(number), "()V",
+    return DefineMethod("storm/Class" + std::to_string(number / 40), "method" + std::to_string(number), "()V",
                         {{0, 100 + number}, {20, 300 + number}, {90, 2000 + number}}, METHOD_STATIC, 120);
 }
 
@@ -225,9 +225,12 @@ StormFigures StopStorm() {
     for (std::thread &helper : helpers)
         helper.join();
     helpers.clear();
-    for (Slot &slot : slots)
+    int64_t laps = 0;
+    for (Slot &slot : slots) {
+        laps += __atomic_load_n(&slot.runner->control.laps, __ATOMIC_RELAXED);
         EndSlot(&slot);
-    return {collections, ended, profiled, foreignSent, foreignArrived, longestStop};
+    }
+    return {collections, ended, profiled, foreignSent, foreignArrived, longestStop, laps};
 }
 
 // ---- spoiling

@@ -28,6 +28,7 @@ struct StormFigures {
     int64_t collections = 0, threadsEnded = 0, profileSignals = 0;
     int64_t foreignSent = 0, foreignArrived = 0; // signals 31 of the VM's own
     int64_t longestStop = 0; // of a looping thread, nanoseconds, asleep outside collections
+    int64_t laps = 0;        // of those at the end
 };
 
 void StartStorm(const StormOptions &options);
