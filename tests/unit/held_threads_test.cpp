@@ -187,17 +187,20 @@ protected:
     }
 };
 
-void BlockSignal() {
+sigset_t JustTheSignal() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, HOLD_SIGNAL);
+    return set;
+}
+
+void BlockSignal() {
+    const sigset_t set = JustTheSignal();
     sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
 void OpenSignal() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, HOLD_SIGNAL);
+    const sigset_t set = JustTheSignal();
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
@@ -360,9 +363,7 @@ TEST_F(HeldThreads, AHoldEndsByItselfAndIsNotedAsSuch) {
     std::thread([&, me = OwnId()] { qor_resume_thread(qor_suspend_thread(1, me, HOLD_NULL_SP)); }).join();
     siginfo_t late = {};
     const timespec no_time = {};
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, HOLD_SIGNAL);
+    const sigset_t set = JustTheSignal();
     ASSERT_EQ(sigtimedwait(&set, &late, &no_time), HOLD_SIGNAL);
     QorTendHolds(); // no longer pending, it doesn't count any more
     ASSERT_TRUE(QorSlotsAllFree());
