@@ -12,6 +12,12 @@
 
 namespace qorctl {
 
+namespace {
+
+constexpr size_t MAX_TIERS = 131072; // bytes of the agent's rules
+
+} // namespace
+
 void Print(std::string_view text) {
     fwrite(text.data(), 1, text.size(), stdout);
     fflush(stdout);
@@ -57,6 +63,46 @@ void NoteLeftOutWalk(const Settings &settings, pid_t pid) {
                                "variables for their share of the last ten seconds (option handquota); ask "
                                "again in a while\n");
     } catch (const Failure &) { // the view stands without it
+    }
+}
+
+std::string ReadTiers(const Settings &settings, Connection *connection) {
+    std::string text;
+    for (size_t page = 0;; ++page) {
+        std::string asked = connection->Ask(TierPageRequest(page), Seconds(settings.timeout));
+        std::string reply = DecodeText(OpenReply(asked));
+        size_t head = reply.find('\n');
+        if (head == reply.npos || text.size() + reply.size() - head - 1 > MAX_TIERS)
+            throw Failure(fmt::format("the agent answers \"{}\"", reply.substr(0, 200)),
+                          "it may be older than this console");
+        if (head + 1 == reply.size())
+            return text;
+        text += reply.substr(head + 1);
+    }
+}
+
+std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_t pid,
+                                                  const ThreadSample &sample) {
+    if (!MayBeUnknown(sample))
+        return {};
+    try {
+        Connection connection = RequireAgent(settings, RequireProcess(pid));
+        bool has_stacks = std::any_of(sample.threads.begin(), sample.threads.end(),
+                                      [](const Thread &thread) { return !thread.stack.empty(); });
+        ThreadSample more;
+        if (!has_stacks) {
+            ThreadQuestion question;
+            question.details = true;
+            question.locals = false;
+            more =
+                DecodeThreads(OpenReply(connection.Ask(ThreadsRequest(question), Seconds(settings.timeout))));
+        }
+        const ThreadSample &stacks = has_stacks ? sample : more;
+        if (FindUnknownProducts(stacks, "").empty())
+            return {};
+        return FindUnknownProducts(stacks, ReadTiers(settings, &connection));
+    } catch (const Failure &) { // the view stands without it
+        return {};
     }
 }
 

@@ -3,13 +3,16 @@
 
 #include "commands.h"
 #include "json.h"
+#include "session.h"
 #include "terminal.h"
+#include "unknown_products.h"
 
 #include <algorithm>
 #include <chrono>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 namespace qorctl {
 
@@ -34,6 +37,14 @@ std::string AskOnce(const Settings &settings, pid_t pid, const std::string &requ
 // Says on standard error when the sample just taken by hand has no data of other tiers because such samples
 // had their share of time.
 void NoteLeftOutWalk(const Settings &settings, pid_t pid);
+
+// The rules in force by which drivers and containers are read. Throws a Failure when the agent knows none.
+std::string ReadTiers(const Settings &settings, Connection *connection);
+
+// Drivers and containers that threads of the sample are in and that no rule describes. Takes the stacks by
+// one more sample where this one has none and something in it asks for a look; empty when that fails.
+std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_t pid,
+                                                  const ThreadSample &sample);
 
 // Does `once` now, and again every `period` seconds until it throws, if a period is given.
 template <class Once>

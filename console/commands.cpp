@@ -42,7 +42,6 @@ std::string ReadRules(const std::string &file) {
 }
 
 // The most that an agent keeps; a JVM that sends more is no agent of ours.
-constexpr size_t MAX_TIERS = 131072;
 
 // A text of the other side, line by line.
 std::string PrintableLines(std::string_view text) {
@@ -55,22 +54,6 @@ std::string PrintableLines(std::string_view text) {
         at = end + 1;
     }
     return shown;
-}
-
-// All pages of the rules in force, without the line in front of each; one without text ends them.
-template <class Ask>
-std::string ReadTiers(Ask ask) {
-    std::string text;
-    for (size_t page = 0;; ++page) {
-        std::string reply = ask(TierPageRequest(page));
-        size_t head = reply.find('\n');
-        if (head == reply.npos || text.size() + reply.size() - head - 1 > MAX_TIERS)
-            throw Failure(fmt::format("the agent answers \"{}\"", reply.substr(0, 200)),
-                          "it may be older than this console");
-        if (head + 1 == reply.size())
-            return text;
-        text += reply.substr(head + 1);
-    }
 }
 
 // The agent's answer to SHUTDOWN is to hang up; its endpoint file goes with it.
@@ -160,7 +143,7 @@ void RunTiers(const Settings &settings, pid_t pid, const std::string &file) {
         return DecodeText(OpenReply(connection.Ask(request, Seconds(settings.timeout))));
     };
     if (file.empty()) {
-        std::string text = ReadTiers(ask);
+        std::string text = ReadTiers(settings, &connection);
         Print(settings.json ? JsonText({{"pid", pid}, {"rules", text}}, false) + "\n" : PrintableLines(text));
         return;
     }

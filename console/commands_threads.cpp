@@ -56,15 +56,18 @@ void KeepMatching(ThreadSample *sample, std::string part) {
 }
 
 void ShowThreads(const Settings &settings, const ThreadsCommand &command, const ThreadSample &sample,
-                 int os_threads) {
+                 int os_threads, const std::vector<UnknownProduct> &unknown) {
     Style style = TerminalStyle(settings);
     bool dump = command.details || !command.thread.empty();
     std::string text = dump ? ThreadDump(sample, style) : ThreadTable(sample, style) + "\n";
     if (sample.threads.empty())
         text = command.match.empty() ? "No thread is active; --all shows the idle ones.\n"
                                      : "No thread matches.\n";
-    text += SampleNotes(sample, os_threads) + "\n";
-    PrintView(settings, command.watch, ToJson(sample), text);
+    text += SampleNotes(sample, os_threads) + "\n" + UnknownProductsText(unknown);
+    Json json = ToJson(sample);
+    if (command.watch <= 0)
+        json["unknown_products"] = UnknownProductsJson(unknown);
+    PrintView(settings, command.watch, json, text);
 }
 
 ThreadSample AskForAll(const Settings &settings, pid_t pid, bool details) {
@@ -151,9 +154,12 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
         ThreadSample sample = DecodeThreads(OpenReply(reply));
         if (!question.thread_key.empty() && sample.threads.empty())
             throw NoSuchThread(pid, command.thread);
+        std::vector<UnknownProduct> unknown;
+        if (command.watch <= 0 && command.match.empty())
+            unknown = AskForUnknownProducts(settings, pid, sample);
         if (!command.match.empty())
             KeepMatching(&sample, command.match);
-        ShowThreads(settings, command, sample, process.threads);
+        ShowThreads(settings, command, sample, process.threads, unknown);
         if (command.watch <= 0)
             NoteLeftOutWalk(settings, pid);
     });

@@ -64,7 +64,13 @@ void RunConnections(const Settings &settings, pid_t pid, int port, double watch)
         std::vector<DbConnection> connections = FindConnections(sample);
         std::string text = connections.empty() ? "No thread is in a database call that the agent can read.\n"
                                                : ConnectionTable(connections, TerminalStyle(settings));
-        PrintView(settings, watch, ConnectionsJson(connections, sample), text);
+        Json json = ConnectionsJson(connections, sample);
+        if (watch <= 0) {
+            std::vector<UnknownProduct> unknown = AskForUnknownProducts(settings, pid, sample);
+            json["unknown_products"] = UnknownProductsJson(unknown);
+            text += UnknownProductsText(unknown);
+        }
+        PrintView(settings, watch, json, text);
         if (watch <= 0)
             NoteLeftOutWalk(settings, pid);
     });

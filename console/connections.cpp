@@ -7,6 +7,7 @@
 #include "render_tiers.h"
 
 #include <algorithm>
+#include <cctype>
 #include <fmt/format.h>
 
 namespace qorctl {
@@ -31,6 +32,21 @@ std::string PortText(unsigned port) {
     return port ? std::to_string(port) : "-";
 }
 
+// The value of a property in "?NAME=VALUE&..." or ";NAME=VALUE;...", whose name is compared in lower case.
+std::string PropertyOf(std::string_view properties, std::string_view wanted) {
+    while (!properties.empty()) {
+        properties.remove_prefix(1);
+        std::string_view pair = properties.substr(0, properties.find_first_of("?;&"));
+        std::string name(pair.substr(0, pair.find('=')));
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+        if (name == wanted && name.size() < pair.size())
+            return std::string(pair.substr(name.size() + 1));
+        properties.remove_prefix(pair.size());
+    }
+    return "";
+}
+
 std::string OrDash(const std::string &text) {
     return text.empty() ? "-" : text;
 }
@@ -52,17 +68,31 @@ std::vector<DbConnection> FindConnections(const ThreadSample &sample) {
     return connections;
 }
 
+// Each driver has its own form of it: a path, a property, the part after the last colon.
 std::string DatabaseName(std::string_view url) {
     size_t end = url.find_first_of("?;");
-    std::string_view properties = end == url.npos ? "" : url.substr(end);
     std::string_view name = url.substr(0, end);
-    for (std::string_view key : {"databaseName=", "database="})
-        if (size_t at = properties.find(key); at != properties.npos) {
-            properties.remove_prefix(at + key.size());
-            return std::string(properties.substr(0, properties.find_first_of(";&")));
-        }
-    size_t server = name.find("//");
-    size_t start = server == name.npos ? name.rfind(':') : name.find('/', server + 2);
+    for (std::string_view property : {"databasename", "database"})
+        if (std::string value = PropertyOf(end == url.npos ? "" : url.substr(end), property); !value.empty())
+            return value;
+    for (std::string_view key : {"SERVICE_NAME=", "SID="}) // of a descriptor in parentheses
+        if (size_t at = name.find(key); at != name.npos)
+            return std::string(name.substr(at + key.size(), name.find(')', at) - at - key.size()));
+    constexpr std::string_view IN_MEMORY = ":memory:";
+    if (name.size() > IN_MEMORY.size() && name.substr(name.size() - IN_MEMORY.size()) == IN_MEMORY)
+        return std::string(IN_MEMORY);
+    if (size_t server = name.find("//"); server != name.npos) {
+        size_t start = name.find('/', server + 2);
+        std::string_view path = start == name.npos ? "" : name.substr(start + 1);
+        bool properties = path.find('=') != path.npos; // after a colon
+        return std::string(path.substr(0, properties ? path.find(':') : path.npos));
+    }
+    if (size_t at = name.rfind('@'); at != name.npos) {
+        name.remove_prefix(at + 1);
+        size_t start = name.rfind('/');
+        return std::string(name.substr((start == name.npos ? name.rfind(':') : start) + 1));
+    }
+    size_t start = name.rfind(':');
     return start == name.npos ? "" : std::string(name.substr(start + 1));
 }
 

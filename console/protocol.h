@@ -86,6 +86,7 @@ enum RequestFlag : uint32_t {
     FLAG_NOT_A_POLL = 512,
     FLAG_COPY = 2048,
     FLAG_NO_COPY = 4096,
+    FLAG_NO_LOCALS = 8192,
 };
 
 // What a memory request asks for.

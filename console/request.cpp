@@ -74,7 +74,7 @@ uint32_t BaseFlags(bool repeated) {
 } // namespace
 
 std::string ThreadsRequest(const ThreadQuestion &question) {
-    uint32_t flags = BaseFlags(question.repeated);
+    uint32_t flags = BaseFlags(question.repeated) | (question.locals ? 0u : FLAG_NO_LOCALS);
     if (!question.thread_key.empty())
         return fmt::format("{}|showstack|{}|ARG=x,1={}", flags | FLAG_SINGLE_THREAD,
                            uint32_t(REQ_POLL_DETAILS), question.thread_key);

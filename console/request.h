@@ -12,6 +12,7 @@ namespace qorctl {
 struct ThreadQuestion {
     bool details = false;   // stacks and locks
     bool all = false;       // idle threads too
+    bool locals = true;     // data of other tiers, for which local variables are read
     bool repeated = false;  // one of a series: the agent keeps its log silent
     std::string thread_key; // "process-thread": this thread alone, with details
 };

@@ -12,6 +12,7 @@ int32_t show_jsp_info;
 int32_t get_system_data;
 int32_t trace_all_threads;
 int32_t copy_flags;
+int32_t no_locals;
 int32_t qorIsPollOrTrace;
 
 uint32_t reqid;

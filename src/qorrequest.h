@@ -51,6 +51,7 @@ enum : int32_t {
     FLAG_NOT_A_POLL = 512,
     FLAG_COPY = 2048,    // a text dump or histogram is made by a copy of the process
     FLAG_NO_COPY = 4096, // it isn't; without either flag the setting decides
+    FLAG_NO_LOCALS = 8192,
 };
 
 // The request's text, which the worker cuts up; its last byte is always 0. The worker's alone while one
@@ -72,6 +73,7 @@ extern int32_t show_jsp_info;               // web request information
 extern int32_t get_system_data;             // add system data
 extern int32_t trace_all_threads;           // idle threads too
 extern int32_t copy_flags;                  // FLAG_COPY, FLAG_NO_COPY
+extern int32_t no_locals;                   // leave local variables alone
 extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent
 
 extern uint32_t reqid;                        // what is asked for; keeps its value when a request has none

@@ -17,6 +17,7 @@
 #include "jvmti/Session.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
+#include "qorrequest.h"
 #include "qortiers.h"
 
 #include <cstring>
@@ -360,6 +361,8 @@ int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKe
 }
 
 void QorInsertXtierData(QorText *reply) {
+    if (no_locals) // the rows keep their empty fields, as without room in the quota
+        return;
     gbQorWalkLeftOut = false;
     if (!localList || !firstLocation || QorGetLocalVariableForAllThread(localList) != 0)
         return;

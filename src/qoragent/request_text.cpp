@@ -79,6 +79,7 @@ void QorUnpackFlags(uint32_t flags) {
     get_system_data = flags & FLAG_SYSTEM_DATA;
     trace_all_threads = flags & FLAG_TRACE_ALL_THREADS;
     copy_flags = flags & (FLAG_COPY | FLAG_NO_COPY);
+    no_locals = flags & FLAG_NO_LOCALS;
     qorIsPollOrTrace = (flags & FLAG_NOT_A_POLL) == 0;
 }
 

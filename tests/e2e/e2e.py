@@ -25,7 +25,7 @@ from harness import (LIMIT, SETTINGS, Application, Case, OfTheDemo, in_root, lef
 from databases import Databases
 from products import Products
 from sessions import Sessions
-from tiers import Tiers
+from tiers import OwnDriver, Tiers
 from views import Memory, Views
 
 __all__ = ["Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views"]  # groups of other files

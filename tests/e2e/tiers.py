@@ -2,9 +2,14 @@
 import contextlib
 import os
 import re
+import shutil
 import socket
+import subprocess
+import tempfile
 
-from harness import OfTheDemo, on_terminal, qorctl
+from harness import SETTINGS, Case, OfTheDemo, in_root, on_terminal, qorctl, wait_until
+
+FOLDER = os.path.dirname(os.path.realpath(__file__))
 
 
 class Tiers(OfTheDemo):
@@ -38,6 +43,7 @@ class Tiers(OfTheDemo):
         for options in ([], ["--details"], ["--details", "--all"]):
             with self.subTest(options=options):
                 self.check_threads({t["name"]: t for t in self.threads(self.app, *options)})
+        self.assertNotIn(self.web["url"], self.answer("raw", self.app.pid, "8964|showstack|32768").out)  # no locals
         found = self.threads(self.app, "--match", "FROM ORDERS")
         self.assertEqual([t["name"] for t in found], ["demo-database"])
 
@@ -64,7 +70,7 @@ class Tiers(OfTheDemo):
         self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=\d+ leftout=1 handquota=1\n\Z")
 
     def test_rules_are_shown_and_replaced(self):
-        with open(f"{os.path.dirname(os.path.realpath(__file__))}/../../java/tiers.rules", encoding="utf-8") as file:
+        with open(f"{FOLDER}/../../java/tiers.rules", encoding="utf-8") as file:
             shipped = file.read()
         self.assertEqual(self.answer("tiers", self.app.pid).out, shipped)
         self.refused("line 2: a field needs an object above it", "tiers", self.app.pid, "-", text="#\nurl f,La;\n")
@@ -134,3 +140,37 @@ class Tiers(OfTheDemo):
             self.assertRegex(text, rf'(?m)^ *{pair["process"]}  +{pair["client_port"]}$')
         self.refused("no IPv4 address", "sessions", self.app.pid, "--port", port, "--host", "::1", 1, code=2)
         self.refused("process", "sessions", self.app.pid, "--port", port, "--host", "10.0.0.1", code=2)
+
+
+class OwnDriver(Case):
+    """A driver that no rule knows, products/Acme.java, read by the rule that the documentation writes for it."""
+
+    def setUp(self):
+        place = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
+        self.addCleanup(shutil.rmtree, place)
+        shutil.copy(f"{FOLDER}/products/Acme.java", place)
+        inside = place[len(SETTINGS.root):]
+        subprocess.run(in_root([f"{SETTINGS.jdk}/bin/javac", "-d", inside, f"{inside}/Acme.java"]), check=True)
+        self.process = subprocess.Popen(in_root([f"{SETTINGS.jdk}/bin/java", "-cp", inside, "org.acme.db.Acme"]),
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(self.process.communicate)
+        self.port = int(self.process.stdout.readline().split()[1])
+        self.pid = self.process.pid
+        self.answer("attach", self.pid, "--options", "dbquery=1,handquota=100")
+
+    def test_the_rule_of_the_documentation_reads_it(self):
+        hint = "2 threads wait in org.acme.db.*: no rule; see docs/cross-tier.md\n"
+        wait_until("the calls are hinted at", lambda: self.answer("threads", self.pid).out.endswith(hint))
+        for view in ("threads", "connections"):
+            told = self.answer(view, self.pid, "--json").json()["unknown_products"]
+            self.assertEqual(told, [{"package": "org.acme.db", "kind": "db", "threads": 2}])
+        with open(f"{FOLDER}/../../docs/cross-tier.md", encoding="utf-8") as docs:
+            rule = re.search(r"(?s)   ```\n(   state  db org.acme.*?)   ```", docs.read()).group(1)
+        shipped = self.answer("tiers", self.pid).out
+        self.answer("tiers", self.pid, "-", text=re.sub("(?m)^   ", "", rule) + shipped)
+        told = self.answer("connections", self.pid, "--json").json()
+        self.assertEqual(told["unknown_products"], [])
+        self.assertEqual([(c["url"], c["user"], c["remote_port"], c["database"]) for c in told["connections"]],
+                         2 * [(f"jdbc:acme://127.0.0.1:{self.port}/depot", "scott", self.port, "depot")])
+        for call in told["connections"]:
+            self.assertEqual(call["threads"][0]["sql"], f'select {call["local_port"]}')

@@ -5,9 +5,11 @@
 #include "failure.h"
 #include "json.h"
 #include "protocol.h"
+#include "records.h"
 #include "render.h"
 #include "render_tiers.h"
 #include "request.h"
+#include "unknown_products.h"
 #include "wire.h"
 
 #include <algorithm>
@@ -193,6 +195,18 @@ TEST(Connections, OneRowForASocket) {
     const char *const databases[][2] = {{"jdbc:postgresql://h:5432/shop?ssl=true", "shop"},
                                         {"jdbc:sqlserver://h:1433;databaseName=shop;encrypt=true", "shop"},
                                         {"jdbc:tessar:thin:@h:1521:SHOP", "SHOP"},
+                                        {"jdbc:sqlserver://h;encrypt=true;DatabaseName=shop", "shop"},
+                                        {"jdbc:x:y?databaseNames=a&database=shop", "shop"},
+                                        {"jdbc:tessar:thin:@h:1521/shop", "shop"},
+                                        {"jdbc:tessar:thin:@//h:1521/shop", "shop"},
+                                        {"jdbc:tessar:thin:@alias", "alias"},
+                                        {"jdbc:tessar:thin:@(ADDRESS=(HOST=h))(SERVICE_NAME=shop)))", "shop"},
+                                        {"jdbc:db2://h:50000/SHOP:retrieveMessages=true", "SHOP"},
+                                        {"jdbc:h2:mem:shop;MODE=x", "shop"},
+                                        {"jdbc:h2:tcp://h/mem:shop", "mem:shop"},
+                                        {"jdbc:sqlite:/var/shop.db", "/var/shop.db"},
+                                        {"jdbc:sqlite::memory:", ":memory:"},
+                                        {"jdbc:derby:memory:shop;create=true", "shop"},
                                         {"jdbc:postgresql://h", ""},
                                         {"", ""}};
     for (const auto &row : databases)
@@ -202,6 +216,55 @@ TEST(Connections, OneRowForASocket) {
     EXPECT_EQ(json["connections"][0]["threads"][1]["key"], "1-4");
     EXPECT_EQ(json["connections"][0]["threads"][0]["sql"], "select 1");
     EXPECT_EQ(json["connections"][0]["local_port"], 40001);
+}
+
+// Calls from the top of the stack, "class.method" with blanks between.
+Thread InCalls(const std::string &state, const std::string &calls) {
+    Thread thread;
+    thread.state = state;
+    for (std::string_view call : Split(calls, ' ')) {
+        Frame &frame = thread.stack.emplace_back();
+        frame.class_name = call.substr(0, call.rfind('.'));
+        frame.method = call.substr(call.rfind('.') + 1);
+    }
+    return thread;
+}
+
+TEST(UnknownProducts, NeedEvidence) {
+    const std::string socket = "sun.nio.ch.Net.poll java.net.Socket$SocketInputStream.read ";
+    const std::string call =
+        socket + "a.b.c.Wire.get java.util.F.call a.b.d.PStatementImpl.executeQuery x.Y.z";
+    const std::string served = "x.Y.z javax.servlet.http.HttpServlet.service ",
+                      caller = "d.e.f.g.Chain.doFilter";
+    const struct {
+        const char *state;
+        std::string calls, rules, hint;
+    } rows[] = {
+        {"Network Wait", call, "frame web a.b.c.Wire get\nobject db La/b/c/Wire;\n",
+         "1 thread waits in a.b.d.*"},
+        {"DB Wait", call, "", ""},
+        {"Network Wait", call, "  frame  db  a.b.d.PStatementImpl  *", ""},
+        {"Network Wait", call, "state db a.b.", ""},
+        {"Network Wait", call.substr(socket.size()), "", ""},
+        {"Network Wait", "sun.nio.ch.EPoll.wait " + call.substr(socket.size()), "", ""},
+        {"Network Wait", socket + "a.b.c.Connection.run x.Y.z", "", ""},
+        {"Network Wait", socket + "a.h.Client.get a.b.d.PStatementImpl.executeQuery", "", ""},
+        {"Network Wait", socket + "a.b.D.read", "", ""},
+        {"Lock", served + caller, "frame web javax.servlet.http.HttpServlet *",
+         "1 thread serves a request in d.e.f.*"},
+        {"Lock", served + caller, "frame web d.e.f.g.Chain doFilter", ""},
+        {"Lock", served + "org.apache.catalina.core.Chain.doFilter", "", ""},
+        {"Lock", served.substr(0, served.size() - 1), "", ""},
+    };
+    for (const auto &row : rows) {
+        ThreadSample sample;
+        sample.threads.push_back(InCalls(row.state, row.calls));
+        std::string end = row.hint.empty() ? "" : ": no rule; see docs/cross-tier.md\n";
+        EXPECT_EQ(UnknownProductsText(FindUnknownProducts(sample, row.rules)), row.hint + end)
+            << row.state << " " << row.calls << " " << row.rules;
+        sample.threads[0].request_url = "/x";
+        EXPECT_EQ(FindUnknownProducts(sample, "").size(), row.state == rows[0].state && row.calls == call);
+    }
 }
 
 TEST(Connections, HolderOfAPort) {
