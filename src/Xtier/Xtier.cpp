@@ -424,7 +424,7 @@ void QorReadFrameAtOnce(const QorThreadRecord *thread, const char *threadKey, co
 }
 
 QorStackViewData QorDataReadAtOnce() {
-    if (localList != threadMark && !calls.rulesAreRead) {
+    if (localList && localList != threadMark && !calls.rulesAreRead) {
         const QorLocalFrame local(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         ReadByRules(localList, localList->threadId);
     }

@@ -75,7 +75,7 @@ class Tiers(OfTheDemo):
         self.assertEqual(self.answer("tiers", self.app.pid).out, shipped)
         self.refused("line 2: a field needs an object above it", "tiers", self.app.pid, "-", text="#\nurl f,La;\n")
         self.assertEqual(self.answer("tiers", self.app.pid).out, shipped)
-        long = "".join(f"frame web a.B{'x' * 45} m{n}\n" for n in range(1900))
+        long = "# \U0001f697\n" + "".join(f"frame web a.B{'x' * 45} m{n}\n" for n in range(1899))
         self.assertIn("1900 lines", self.answer("tiers", self.app.pid, "-", text=long).out)
         self.assertEqual(self.answer("tiers", self.app.pid, "--json").json()["rules"], long)
         self.check_threads({t["name"]: t for t in self.threads(self.app)})  # by the tables
