@@ -49,10 +49,18 @@ const unsigned char *FindPage(uint64_t page) {
     return pages[place].bytes;
 }
 
+// A value rarely lies across two pages; a copy of fixed size costs a load.
 template <typename T>
 T ValueAt(uint64_t address) {
     T value;
-    return QorPeekValue(address, &value) ? value : T();
+    const uint64_t within = address % VM_PAGE_SIZE;
+    if (plainCount != 0 || within > VM_PAGE_SIZE - sizeof value)
+        return QorPeekValue(address, &value) ? value : T();
+    const unsigned char *page = FindPage(address - within);
+    if (!page)
+        return T();
+    memcpy(&value, page + within, sizeof value);
+    return value;
 }
 
 } // namespace

@@ -25,6 +25,11 @@ TEST_F(VmReader, KeepsPagesUntilToldToForgetThem) {
     ASSERT_TRUE(QorPeek(At(5), out, sizeof out - 5)); // over a page's end
     EXPECT_EQ(memcmp(out, bytes + 5, sizeof out - 5), 0);
 
+    for (uint64_t at : {VM_PAGE_SIZE - 8, VM_PAGE_SIZE - 7, VM_PAGE_SIZE - 1}) {
+        const uint64_t word = QorWordAt(At(at));
+        EXPECT_EQ(memcmp(&word, bytes + at, sizeof word), 0) << at;
+    }
+
     bytes[100] = 1;
     uint8_t kept = 0, fresh = 0;
     EXPECT_TRUE(QorPeekValue(At(100), &kept) && QorPeekFresh(At(100), &fresh, 1));
