@@ -15,6 +15,7 @@
 #include "Xtier/XtierDbSession.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
+#include "sunprint/print_threads.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -87,8 +88,17 @@ constexpr Views JVMTI_VIEWS = {
     [] { QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args); },
 };
 
-// None yet: what this road can't show is answered as on a JVM that isn't known.
-constexpr Views DIRECT_VIEWS = {nullptr, nullptr, nullptr, nullptr};
+// What this road can't show yet is answered as on a JVM that isn't known.
+constexpr Views DIRECT_VIEWS = {
+    nullptr,
+    nullptr,
+    nullptr,
+    [] {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        PrintSunThreads(reqid, &reply, console_args);
+    },
+};
 
 const Views &ViewsOfRoad() {
     return QorOnJvmtiRoad() ? JVMTI_VIEWS : DIRECT_VIEWS;

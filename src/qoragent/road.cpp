@@ -11,11 +11,14 @@
 #include "jvmti/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
+#include "qorthreads/qorthreads.h"
 #include "qorutil/gc_lock.h"
+#include "qorutil/vm_calls.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
+#include "sunprint/hold_tests.h"
 
 #include <cstdio>
 #include <cstring>
@@ -102,8 +105,11 @@ void FinishDirectRoad(int32_t resolved) {
         return;
     }
     init_status = StartReadersBetweenCollections();
-    if (init_status == START_OK)
-        direct_ready = 1;
+    if (init_status != START_OK)
+        return;
+    QorFindBlobTables();
+    QorPrepareHolds(&QOR_HOLD_TESTS);
+    direct_ready = 1;
 }
 
 // A version text can be forged, and another JVM has its fields elsewhere. The JVM's own word comes first,

@@ -1,0 +1,142 @@
+#include "vm_calls.h"
+
+#include "vm_offsets.h"
+#include "vm_reader.h"
+
+#include "platforms/elf_symbols.h"
+#include "platforms/findsymLinSolHPIA64.h"
+#include "platforms/linux.h"
+#include "platforms/memory_maps.h"
+
+#include <cstring>
+#include <initializer_list>
+#include <unistd.h>
+
+namespace {
+
+constexpr int32_t MAX_TABLES = 64;
+constexpr size_t COPIED_BYTES = 512;
+constexpr char LIBRARY[] = "libjvm.so";
+constexpr char TABLE_PREFIX[] = "_ZTV";
+constexpr const char *TABLE_ENDINGS[] = {"nmethod", "Blob", "Adapter", "Stub", "Method"};
+constexpr uint32_t OSR_ADAPTER_ENTRY = 40; // bytes in the virtual table, in all listed builds
+
+struct BlobTable {
+    uint64_t head, end; // the first entry, and behind the last
+    BlobAnswer answer;
+    uint32_t traits;
+};
+BlobTable tables[MAX_TABLES]; // written at start; the answers by the worker
+int32_t tableCount;
+
+// The functions answer a byte; the rest of the register is whatever it was.
+using Predicate = uint8_t (*)(const void *blob);
+
+struct Question {
+    uint32_t entry;
+    BlobTrait trait;
+};
+
+bool IsBlobTable(const char *name) {
+    if (strncmp(name, TABLE_PREFIX, sizeof TABLE_PREFIX - 1) != 0)
+        return false;
+    const size_t length = strlen(name);
+    for (const char *ending : TABLE_ENDINGS) {
+        const size_t tail = strlen(ending);
+        if (length > tail && strcmp(name + length - tail, ending) == 0)
+            return true;
+    }
+    return false;
+}
+
+BlobTable *FindTable(uint64_t head) {
+    for (int32_t i = 0; i < tableCount; i++)
+        if (tables[i].head == head)
+            return &tables[i];
+    return nullptr;
+}
+
+void TakeTables(const QorElfSymbols &symbols, uint64_t base) {
+    for (uint64_t i = 0; i < symbols.count && tableCount < MAX_TABLES; i++) {
+        const Elf64_Sym &symbol = symbols.symbols[i];
+        const char *name = QorElfSymbolName(&symbols, i);
+        if (!name || symbol.st_shndx == SHN_UNDEF || !IsBlobTable(name))
+            continue;
+        const uint64_t start = base + static_cast<uint32_t>(symbol.st_value);
+        if (!FindTable(start + VIRTUAL_TABLE_HEAD))
+            tables[tableCount++] = {start + VIRTUAL_TABLE_HEAD, start + symbol.st_size, BLOB_NOT_ASKED, 0};
+    }
+}
+
+bool IsCodeOfTheJvm(uint64_t address) {
+    static QorMapping mapping; // as large as a path; the worker alone asks
+    return QorFindMapping(address, &mapping) && mapping.executable && strstr(mapping.name, LIBRARY);
+}
+
+bool Ask(const BlobTable &table, uint32_t entry, const void *blob, bool *answer) {
+    uint64_t function = 0;
+    if (table.head + entry + VM_WORD_SIZE > table.end || !QorPeekValue(table.head + entry, &function) ||
+        !IsCodeOfTheJvm(function))
+        return false;
+    *answer = reinterpret_cast<Predicate>(function)(blob) != 0;
+    return true;
+}
+
+uint64_t HeadOf(uint64_t blob) {
+    return QorWordAt(blob + offsets[BLOB_VIRTUAL_TABLE]);
+}
+
+} // namespace
+
+int32_t QorFindBlobTables() {
+    tableCount = 0;
+    uint64_t base = 0;
+    int32_t file = QorOpenMappedLibrary(getpid(), LIBRARY, &base);
+    QorElfFile elf;
+    if (file >= 0 && QorOpenElf(file, &elf) == ELF_READ) {
+        for (const uint32_t type : {SHT_DYNSYM, SHT_SYMTAB}) {
+            QorElfSymbols symbols;
+            if (QorReadElfSymbols(&elf, type, &symbols) != ELF_READ)
+                continue;
+            TakeTables(symbols, base);
+            QorFreeElfSymbols(&symbols);
+        }
+        QorCloseElf(&elf);
+    }
+    qor_close_handle(&file);
+    return tableCount;
+}
+
+BlobAnswer QorBlobTraits(uint64_t blob, uint32_t *traits) {
+    const BlobTable *table = FindTable(HeadOf(blob));
+    if (!table)
+        return BLOB_STRANGE;
+    *traits = table->traits;
+    return table->answer;
+}
+
+void QorAskBlob(uint64_t blob) {
+    const Question questions[] = {
+        {offsets[BLOB_IS_NMETHOD], BLOB_NMETHOD},
+        {offsets[BLOB_IS_RUNTIME_STUB], BLOB_RUNTIME_STUB},
+        {offsets[BLOB_IS_I2C_ADAPTER], BLOB_I2C_ADAPTER},
+        {offsets[BLOB_IS_C2I_ADAPTER], BLOB_C2I_ADAPTER},
+        {OSR_ADAPTER_ENTRY, BLOB_OSR_ADAPTER},
+    };
+    alignas(16) unsigned char copy[COPIED_BYTES];
+    uint64_t head = 0;
+    if (!QorPeek(blob, copy, sizeof copy))
+        return;
+    memcpy(&head, copy + offsets[BLOB_VIRTUAL_TABLE], sizeof head);
+    BlobTable *table = FindTable(head);
+    if (!table || table->answer != BLOB_NOT_ASKED)
+        return;
+    table->answer = BLOB_ANSWERED;
+    for (const Question &question : questions) {
+        bool yes = false;
+        if (!Ask(*table, question.entry, copy, &yes))
+            table->answer = BLOB_STRANGE;
+        if (yes)
+            table->traits |= question.trait;
+    }
+}
