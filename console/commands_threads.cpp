@@ -113,7 +113,7 @@ void ShowLockOf(const Settings &settings, pid_t pid, const ThreadSample &sample,
                   fmt::format("\"{}\" #{} waits for no lock.\n", Printable(waiter.name), waiter.key.thread));
         return;
     }
-    std::string reply = AskOnce(settings, pid, LockHolderRequest(waiter.waits_for->lock, waiter.key.Text()));
+    std::string reply = AskOnce(settings, pid, LockHolderRequest(*waiter.waits_for, waiter.key.Text()));
     LockHolder holder = DecodeLockHolder(OpenReply(reply));
     Style style = TerminalStyle(settings);
     Json json = LockJson(sample, waiter);

@@ -71,6 +71,10 @@ bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_vi
         return false;
     frame->class_name = call.substr(0, arrow);
     frame->method = call.substr(arrow + CALL_ARROW.size());
+    if (line == NO_VALUE && file != NO_LINE_FILE) { // where the JVM is read by address
+        frame->file = file == NO_VALUE ? "" : file;
+        return true;
+    }
     if (line == NO_VALUE || line == NO_LINE_SHOWN)
         return file == NO_LINE_FILE;
     if (!ReadNumber(line, &frame->line))
@@ -82,9 +86,12 @@ bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_vi
     return true;
 }
 
-// A thread row. The form of the active threads has a marker in front, that of the details has none.
+// A thread row. The form of the active threads has a marker in front, that of the details only where the JVM
+// is read by address.
 bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
     Fields field = Split(row, FIELD_SEP);
+    ThreadKey key;
+    with_marker |= field.size() >= 10 && field[1] != NO_VALUE && ReadKey(field[5], &key);
     size_t at = with_marker ? 1 : 0;
     if (field.size() < at + 9 || field[at + 1] != NO_VALUE)
         return false;
@@ -101,9 +108,18 @@ bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
     return ReadStateOn(Fields(field.begin() + static_cast<std::ptrdiff_t>(at) + 8, field.end()), thread);
 }
 
+// Kind, fp, pc, sp, method.
+bool ReadPlace(const std::string_view *field, Frame *frame) {
+    FramePlace &place = frame->place.emplace();
+    return ReadNumber(field[0], &place.kind) && ReadHex(field[1], &place.fp) &&
+           ReadHex(field[2], &place.pc) && ReadHex(field[3], &place.sp) && ReadHex(field[4], &place.method);
+}
+
 bool ReadStackRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
+    if (field.size() == 8 && field[7] != NO_VALUE)
+        return ReadPlace(&field[3], frame) && ReadFrameGroup(field[0], field[1], field[2], frame);
     if (field.size() == 4 && field[3].empty()) // what a framework works on has no more than this
         return ReadFrameGroup(field[0], field[1], field[2], frame) && frame->framework;
     if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
@@ -127,14 +143,27 @@ std::string LockClass(std::string_view text, int64_t lock) {
 
 bool ReadLockWait(std::string_view record, LockWait *wait) {
     Fields field = Split(record, FIELD_SEP);
-    if (field.size() != 4 || !ReadNumber(field[0], &wait->lock) || !ReadKey(field[1], &wait->owner))
+    wait->by_address = field.size() == 4 && field[1].find('-') == field[1].npos;
+    if (field.size() != 4 || !ReadKey(field[1], &wait->owner) ||
+        !(wait->by_address ? ReadHex(field[0], &wait->lock) : ReadNumber(field[0], &wait->lock)))
         return false;
     wait->class_name = LockClass(field[2], wait->lock);
     return true;
 }
 
+// A lock of a JVM read by address: its class stands without a number, and in the view of one stack the call
+// that took it in place of the frame.
+bool ReadLockByAddress(const Fields &field, OwnedLock *owned) {
+    owned->class_name = field[2];
+    if (!ReadNumber(field[3], &owned->depth))
+        owned->call = field[3];
+    return field[2] == INVALID_OBJECT || ReadHex(field[0], &owned->lock);
+}
+
 bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
     Fields field = Split(record, FIELD_SEP);
+    if (field.size() == 4 && field[2].find('@') == field[2].npos)
+        return ReadLockByAddress(field, owned);
     if (field.size() != 4 || !ReadNumber(field[0], &owned->lock) || !ReadNumber(field[3], &owned->depth))
         return false;
     // Without a number of its own the lock has the one in its text.
@@ -162,6 +191,9 @@ bool ReadCallType(std::string_view text, Frame *frame) {
 bool ReadFrameRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
+    if (field.size() == 9 && (field[4] != "2" || field[5] != "3"))
+        return ReadCallType(field[0], frame) && ReadPlace(&field[1], frame) &&
+               ReadFrameGroup(field[6], field[7], field[8], frame);
     if (field.size() != 9 || !ReadCallType(field[0], frame) || !ReadNumber(field[1], &thread) ||
         !ReadNumber(field[2], &frame->index) || !ReadNumber(field[3], &frame->method_id) ||
         !ReadFrameGroup(field[6], field[7], field[8], frame))
@@ -207,6 +239,22 @@ bool LacksFrames(const Section &stack, const Reply &reply) {
     return !reply.jvm_microseconds && size + LONGEST_STACK_ROW > STACK_LIMIT;
 }
 
+// Frames of a JVM read by address stand in order and carry no index.
+void AddFrame(Frame &&frame, std::vector<Frame> *stack) {
+    if (frame.place)
+        frame.index = static_cast<int>(stack->size());
+    stack->push_back(std::move(frame));
+}
+
+// The frame that took each lock of which the call is told.
+void PlaceLocks(Thread *thread) {
+    for (OwnedLock &lock : thread->owns)
+        for (const Frame &frame : thread->stack)
+            if (lock.depth < 0 &&
+                lock.call == fmt::format("{}{}{}", frame.class_name, CALL_ARROW, frame.method))
+                lock.depth = frame.index;
+}
+
 Thread &CurrentThread(ThreadSample *sample, const Section &section) {
     if (sample->threads.empty())
         throw Failure(fmt::format("section \"{}\" stands in front of any thread", section.title),
@@ -238,6 +286,12 @@ std::optional<uint64_t> TakeTiming(std::string_view *text) {
     return value;
 }
 
+// Of a JVM read by address: threads by state, none in "Other", and the process's load.
+constexpr size_t DIRECT_FIGURES = 9;
+size_t DirectFigure(size_t i) {
+    return i + 1 == DIRECT_FIGURES ? size_t(PROCESS_CPU_PERCENT) : THREADS_RUNNABLE + i;
+}
+
 Section CutSection(std::string_view text, bool closed) {
     Section section;
     section.closed = closed;
@@ -258,7 +312,7 @@ bool IsCpuFigure(int figure) {
 }
 
 std::string ThreadKey::Text() const {
-    return fmt::format("{}-{}", process, thread);
+    return process ? fmt::format("{}-{}", process, thread) : fmt::format("{}", thread);
 }
 
 bool IsTimedOut(std::string_view text) {
@@ -301,7 +355,7 @@ ThreadSample DecodeThreads(const Reply &reply) {
         } else if (section.title == TITLE_CALL_STACK) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<Frame>(section, ReadStackRow,
-                               [&](Frame &&f) { thread.stack.push_back(std::move(f)); });
+                               [&](Frame &&f) { AddFrame(std::move(f), &thread.stack); });
             thread.stack_cut = !thread.stack.empty() && thread.stack.back().skipped > 0;
         } else if (section.title == TITLE_LOCK_WAIT) {
             Thread &thread = CurrentThread(&sample, section);
@@ -315,6 +369,8 @@ ThreadSample DecodeThreads(const Reply &reply) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<OwnedLock>(section, ReadParked,
                                    [&](OwnedLock &&o) { thread.parked_on = std::move(o); });
+        } else if (section.title == TITLE_NO_LOCKS || section.title == NO_SUCH_THREAD) {
+            reader.Skip(section);
         } else {
             reader.Unknown(section);
         }
@@ -338,7 +394,7 @@ ThreadSample DecodeStack(const Reply &reply) {
             Thread &thread = CurrentThread(&sample, section);
             thread.stack_cut = LacksFrames(section, reply);
             reader.Each<Frame>(section, ReadFrameRow,
-                               [&](Frame &&f) { thread.stack.push_back(std::move(f)); });
+                               [&](Frame &&f) { AddFrame(std::move(f), &thread.stack); });
         } else if (section.title == TITLE_OWNED_LOCKS) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<OwnedLock>(section, ReadOwnedLock,
@@ -347,12 +403,16 @@ ThreadSample DecodeStack(const Reply &reply) {
             Thread &thread = CurrentThread(&sample, section);
             reader.Each<OwnedLock>(section, ReadParked,
                                    [&](OwnedLock &&o) { thread.parked_on = std::move(o); });
+        } else if (section.title == TITLE_NO_LOCKS || section.title == NO_SUCH_THREAD) {
+            reader.Skip(section);
         } else {
             reader.Unknown(section);
         }
     }
-    if (!sample.threads.empty())
+    if (!sample.threads.empty()) {
         sample.threads[0].waits_for = std::move(wait);
+        PlaceLocks(&sample.threads[0]);
+    }
     sample.jvm_microseconds = reply.jvm_microseconds;
     sample.cut = reader.cut();
     return sample;
@@ -382,6 +442,8 @@ LockHolder DecodeLockHolder(const Reply &reply) {
     if (!reply.sections.empty())
         holder.answer = LockHolder::NOBODY;
     for (const Section &section : reply.sections) {
+        if (section.title == NO_SUCH_HOLDER || section.title == NO_SUCH_HOLDER_HINT)
+            continue;
         if (section.title != TITLE_LOCK_HOLDER) {
             reader.Unknown(section);
             continue;
@@ -398,11 +460,12 @@ LockHolder DecodeLockHolder(const Reply &reply) {
 Summary DecodeSummary(const Reply &reply) {
     Fields field = Split(reply.text, FIELD_SEP);
     Summary summary;
-    bool whole = field.size() == SUMMARY_FIGURES;
-    for (size_t i = 0; whole && i < SUMMARY_FIGURES; ++i)
-        whole = ReadNumber(field[i], &summary.figures[i]);
+    bool by_address = field.size() == DIRECT_FIGURES;
+    bool whole = by_address || field.size() == SUMMARY_FIGURES;
+    for (size_t i = 0; whole && i < field.size(); ++i)
+        whole = ReadNumber(field[i], &summary.figures[by_address ? DirectFigure(i) : i].emplace());
     if (!whole)
-        throw UnknownForm("the agent's summary doesn't hold thirteen numbers");
+        throw UnknownForm("the agent's summary holds neither thirteen numbers nor nine");
     summary.jvm_microseconds = reply.jvm_microseconds;
     return summary;
 }

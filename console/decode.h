@@ -41,11 +41,18 @@ Reply OpenReply(std::string_view text);
 // Whether the agent gave up waiting for its worker, which goes on with the request.
 bool IsTimedOut(std::string_view text);
 
-// Process id and Java thread id, as the JVM sees them.
+// Process id and Java thread id, as the JVM sees them; of a JVM read by address the system's thread id.
+// Process 0: the thread's id is all there is.
 struct ThreadKey {
     int64_t process = 0;
     int64_t thread = 0;
     std::string Text() const;
+};
+
+// Where a frame is, as a JVM read by address tells it: what the frame's locals are asked for by.
+struct FramePlace {
+    int kind = 0;
+    uint64_t fp = 0, pc = 0, sp = 0, method = 0;
 };
 
 struct Frame {
@@ -56,6 +63,7 @@ struct Frame {
     int index = 0;    // 0 at the top of the stack
     int64_t method_id = 0;
     std::optional<bool> user; // whether it is a call of the application; only the view of one stack tells
+    std::optional<FramePlace> place; // of a JVM read by address
     bool framework = false; // not a frame but the object that a framework works on there: no index, no method
     int64_t skipped = 0;    // not a frame but this many frames left out, the first of them at `index`
 };
@@ -87,12 +95,14 @@ struct LockWait {
     int64_t lock = 0;
     ThreadKey owner; // thread 0 when the owner isn't known
     std::string class_name;
+    bool by_address = false; // the number is an object's address, hexadecimal on the wire
 };
 
 struct OwnedLock {
     int64_t lock = 0;
     std::string class_name;
-    int depth = -1; // index of the frame that took it; negative when unknown
+    int depth = -1;        // index of the frame that took it; negative when unknown
+    std::string call = {}; // "class->method" that took it, where no index is told
 };
 
 struct Thread {
@@ -159,7 +169,7 @@ extern const FigureName SUMMARY_NAMES[SUMMARY_FIGURES];
 bool IsCpuFigure(int figure);
 
 struct Summary {
-    int64_t figures[SUMMARY_FIGURES] = {};
+    std::optional<int64_t> figures[SUMMARY_FIGURES];
     std::optional<uint64_t> jvm_microseconds;
 };
 

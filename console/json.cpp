@@ -144,7 +144,7 @@ Json ToJson(const LockHolder &holder) {
 Json ToJson(const Summary &summary) {
     Json object;
     for (int i = 0; i < SUMMARY_FIGURES; ++i)
-        object[SUMMARY_NAMES[i].key] = summary.figures[i];
+        object[SUMMARY_NAMES[i].key] = OrNull(summary.figures[i]);
     object["jvm_microseconds"] = OrNull(summary.jvm_microseconds);
     return object;
 }
@@ -153,7 +153,7 @@ Json CpuJson(const Summary &summary) {
     Json object;
     for (int i = 0; i < SUMMARY_FIGURES; ++i)
         if (IsCpuFigure(i))
-            object[SUMMARY_NAMES[i].key] = summary.figures[i];
+            object[SUMMARY_NAMES[i].key] = OrNull(summary.figures[i]);
     return object;
 }
 

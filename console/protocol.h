@@ -31,6 +31,7 @@ constexpr std::string_view TITLE_CALL_STACK = "Call Stack";
 constexpr std::string_view TITLE_LOCK_WAIT = "Lock On";
 constexpr std::string_view TITLE_PARKED = "Parked On";
 constexpr std::string_view TITLE_OWNED_LOCKS = "JVM Locks";
+constexpr std::string_view TITLE_NO_LOCKS = "No Locks held by Current Thread";
 constexpr std::string_view TITLE_LOCK_HOLDER = "Thread Holding Lock";
 constexpr std::string_view TITLE_HEAP = "JVM Heap Usage";
 constexpr std::string_view TITLE_MEMORY = "JVM Heap Memory Usage";
@@ -62,6 +63,10 @@ constexpr std::string_view TIMED_OUT = "Request TIMED OUT";
 constexpr std::string_view UNKNOWN_SETTING = "NoProcessing: Unkownn argument";
 constexpr std::string_view ROWS_END = "Active";           // behind the rows of locals and of fields
 constexpr std::string_view OBJECT_NAME = "Object Name :"; // in front of a class in an object's chain
+constexpr std::string_view NO_SUCH_THREAD = "This Thread does not exist on the JVM";
+constexpr std::string_view NO_SUCH_HOLDER = "Thread holding this lock not found.";
+constexpr std::string_view NO_SUCH_HOLDER_HINT = "Check if the object is still locked.";
+constexpr std::string_view INVALID_OBJECT = "Invalid Object"; // in the place of a lock's class
 constexpr std::string_view NO_SUCH_PORT = "Client Port not found on JVM";
 constexpr std::string_view ERROR_WORD = "ERROR"; // begins what a request for sessions complains of
 constexpr std::string_view USEC_UNIT = " usec";
@@ -78,7 +83,8 @@ constexpr int MAX_THREADS_SAMPLED = 1024;
 
 // Bits of the flag word, the first field of a request.
 enum RequestFlag : uint32_t {
-    FLAG_NO_GC_LOCK = 4,
+    FLAG_WAIT_FOR_GC = 1,  // for a bounded time; a JVM read by address alone looks at it, as at the next
+    FLAG_HOLD_THREADS = 8, // that run Java code, for the time that reading their stack takes
     FLAG_DETAILS = 16,
     FLAG_SINGLE_THREAD = 32,
     FLAG_SYSTEM_DATA = 128,
@@ -98,6 +104,7 @@ enum MemoryRequestId : uint32_t {
 
 // Bits of the request identifier.
 enum RequestId : uint32_t {
+    REQ_THREAD_COUNTS = 0x40,
     REQ_MEMORY_ACTIVITY = 0x80,
     REQ_THREAD_SUMMARY = 0x100,
     REQ_THREAD_STACK = 0x200,

@@ -35,8 +35,9 @@ std::optional<std::string> ReadOptional(std::string_view field) {
 // The thread number may be negative, so the first bar behind a digit is the separator.
 bool ReadKey(std::string_view text, ThreadKey *key) {
     size_t bar = text.find('-', 1);
-    return bar != text.npos && ReadNumber(text.substr(0, bar), &key->process) &&
-           ReadNumber(text.substr(bar + 1), &key->thread);
+    if (bar == text.npos)
+        return ReadNumber(text, &key->thread);
+    return ReadNumber(text.substr(0, bar), &key->process) && ReadNumber(text.substr(bar + 1), &key->thread);
 }
 
 std::string JavaName(std::string_view signature) {

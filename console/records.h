@@ -19,10 +19,19 @@ bool ReadNumber(std::string_view text, Number *value) {
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
+// The same of a hexadecimal number without a prefix.
+template <class Number>
+bool ReadHex(std::string_view text, Number *value) {
+    uint64_t whole = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), whole, 16);
+    *value = static_cast<Number>(whole);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
 // Nothing for the placeholder.
 std::optional<std::string> ReadOptional(std::string_view field);
 
-// A thread's key, "process-thread".
+// A thread's key, "process-thread" or "thread".
 bool ReadKey(std::string_view text, ThreadKey *key);
 
 // The JVM's name of a type ("Ljava/lang/String;", "[I") as Java has it ("java.lang.String", "int[]"); another

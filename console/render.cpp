@@ -130,7 +130,7 @@ const char *AgentText(AgentState state) {
 }
 
 std::string FigureText(const Summary &summary, int i) {
-    return fmt::format("{}", summary.figures[i]);
+    return summary.figures[i] ? fmt::format("{}", *summary.figures[i]) : "-";
 }
 
 // The columns of the series.

@@ -68,7 +68,7 @@ uint32_t Crc32(std::string_view text) {
 }
 
 uint32_t BaseFlags(bool repeated) {
-    return FLAG_NO_GC_LOCK | (repeated ? 0u : FLAG_NOT_A_POLL);
+    return FLAG_WAIT_FOR_GC | FLAG_HOLD_THREADS | (repeated ? 0u : FLAG_NOT_A_POLL);
 }
 
 } // namespace
@@ -91,7 +91,8 @@ std::string StackRequest(std::string_view thread_key) {
                        thread_key);
 }
 
-std::string LockHolderRequest(int64_t lock, std::string_view thread_key) {
+std::string LockHolderRequest(const LockWait &wait, std::string_view thread_key) {
+    std::string lock = wait.by_address ? fmt::format("{:x}", wait.lock) : fmt::format("{}", wait.lock);
     return fmt::format("{}|showstack|{}|ARG=x,0={},1={}", BaseFlags(false), uint32_t(REQ_LOCK_HOLDER), lock,
                        thread_key);
 }
@@ -107,7 +108,8 @@ std::string ObjectRequest(int64_t tag) {
 }
 
 std::string SummaryRequest(bool repeated) {
-    return fmt::format("{}|showstack|{}", BaseFlags(repeated), uint32_t(REQ_THREAD_SUMMARY));
+    return fmt::format("{}|showstack|{}", BaseFlags(repeated),
+                       REQ_THREAD_SUMMARY | uint32_t(REQ_THREAD_COUNTS));
 }
 
 std::string HeapRequest(bool repeated) {

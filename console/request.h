@@ -1,6 +1,8 @@
 // Request texts: fields by bars, "flags|command|identifier|arguments".
 #pragma once
 
+#include "decode.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -22,7 +24,7 @@ std::string ThreadsRequest(const ThreadQuestion &question);
 std::string StackRequest(std::string_view thread_key);
 
 // Who holds the lock that a thread waits for.
-std::string LockHolderRequest(int64_t lock, std::string_view thread_key);
+std::string LockHolderRequest(const LockWait &wait, std::string_view thread_key);
 
 // The objects in the locals of a method that a thread runs; the method as the stack's frame tells it.
 std::string LocalsRequest(int64_t thread, int64_t method_id);

@@ -39,18 +39,18 @@ TEST(Requests, Texts) {
         question.thread_key = key;
         return ThreadsRequest(question);
     };
-    EXPECT_EQ(threads(false, false, false, ""), "516|showstack|8192");
-    EXPECT_EQ(threads(false, false, true, ""), "4|showstack|8192");
-    EXPECT_EQ(threads(true, false, false, ""), "532|showstack|32768");
-    EXPECT_EQ(threads(false, true, false, ""), "772|showstack|32768");
-    EXPECT_EQ(threads(true, true, true, ""), "276|showstack|32768");
-    EXPECT_EQ(threads(false, false, false, "77-23"), "548|showstack|32768|ARG=x,1=77-23");
-    EXPECT_EQ(SummaryRequest(false), "516|showstack|256");
-    EXPECT_EQ(SettingRequest("qorloglevel", "3"), "516|NoProcessing|qorloglevel|3");
+    EXPECT_EQ(threads(false, false, false, ""), "521|showstack|8192");
+    EXPECT_EQ(threads(false, false, true, ""), "9|showstack|8192");
+    EXPECT_EQ(threads(true, false, false, ""), "537|showstack|32768");
+    EXPECT_EQ(threads(false, true, false, ""), "777|showstack|32768");
+    EXPECT_EQ(threads(true, true, true, ""), "281|showstack|32768");
+    EXPECT_EQ(threads(false, false, false, "77-23"), "553|showstack|32768|ARG=x,1=77-23");
+    EXPECT_EQ(SummaryRequest(false), "521|showstack|320");
+    EXPECT_EQ(SettingRequest("qorloglevel", "3"), "521|NoProcessing|qorloglevel|3");
 }
 
 TEST(Requests, RulesTravelWithCarriageReturns) {
-    const std::string head = "516|NoProcessing|activethreads|";
+    const std::string head = "521|NoProcessing|activethreads|";
     EXPECT_EQ(RulesRequest("abcd|threadname|A*\nabcd|currcall|b"),
               head + "abcd|threadname|A*\rabcd|currcall|b\r");
     EXPECT_EQ(RulesRequest("# c\r\nabcd|monitor|x\r\n\r\n"), head + "# c\rabcd|monitor|x\r");

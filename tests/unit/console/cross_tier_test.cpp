@@ -268,7 +268,7 @@ TEST(UnknownProducts, NeedEvidence) {
 }
 
 TEST(Connections, HolderOfAPort) {
-    EXPECT_EQ(PortHolderRequest(40001), "516|showstack|16384|ARG=x,0=40001");
+    EXPECT_EQ(PortHolderRequest(40001), "521|showstack|16384|ARG=x,0=40001");
     std::optional<PortHolder> holder = DecodePortHolder(OpenReply("pool|1|77-23"));
     ASSERT_TRUE(holder);
     EXPECT_EQ(holder->name, "pool|1");
@@ -285,7 +285,7 @@ TEST(Connections, HolderOfAPort) {
 }
 
 TEST(Sessions, PairsOfAReply) {
-    EXPECT_EQ(SessionsRequest(5432, "10.0.0.1", "1234,1240"), "516|xtier01|5432|10.0.0.1|1234,1240");
+    EXPECT_EQ(SessionsRequest(5432, "10.0.0.1", "1234,1240"), "521|xtier01|5432|10.0.0.1|1234,1240");
     for (const std::string &tail : {std::string(), Wire(TIMING)}) {
         std::string reply = "1234,50021,1240,50022,|" + tail;
         std::vector<DbSession> sessions = DecodeSessions(OpenReply(reply));

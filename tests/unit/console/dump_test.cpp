@@ -191,8 +191,8 @@ TEST(HeapDump, Names) {
                                  "/d/" + std::string(600, 'x')};
     for (const std::string &name : wrong)
         EXPECT_THROW(ChooseDumpTarget(name, false), Failure) << name;
-    EXPECT_EQ(DumpDirRequest("/tmp/"), "516|NoProcessing|qorheapdir|/tmp/");
-    EXPECT_EQ(DumpRequest("shop", 42, 0), "516|showmem|256|shop|42");
+    EXPECT_EQ(DumpDirRequest("/tmp/"), "521|NoProcessing|qorheapdir|/tmp/");
+    EXPECT_EQ(DumpRequest("shop", 42, 0), "521|showmem|256|shop|42");
 }
 
 class DumpFiles : public ::testing::Test {

@@ -116,10 +116,10 @@ TEST(DecodeMemoryViews, NamesSizesAndRequests) {
         EXPECT_EQ(CountText(count), text);
     std::vector<Collector> before = {{"Major", 3}, {"Minor", {}}}, now = {{"Major", 5}, {"Minor", 7}};
     EXPECT_EQ(CollectorLine(now, before).substr(8), "          5         +2          7           \n");
-    EXPECT_EQ(HeapRequest(false), "516|showstack|128");
-    EXPECT_EQ(MemoryRequest(true), "4|showmem|128");
-    EXPECT_EQ(HistogramRequest(0), "516|showmem|512|ClassHistogramOnly");
-    EXPECT_EQ(HistogramRequest(FLAG_COPY), "2564|showmem|512|ClassHistogramOnly");
+    EXPECT_EQ(HeapRequest(false), "521|showstack|128");
+    EXPECT_EQ(MemoryRequest(true), "9|showmem|128");
+    EXPECT_EQ(HistogramRequest(0), "521|showmem|512|ClassHistogramOnly");
+    EXPECT_EQ(HistogramRequest(FLAG_COPY), "2569|showmem|512|ClassHistogramOnly");
 }
 
 TEST(CopyChoice, FollowsTheAgentsAnswer) {

@@ -206,8 +206,8 @@ TEST(Locks, NamesOfThreads) {
     EXPECT_TRUE(IsThreadNumber("12"));
     EXPECT_TRUE(IsThreadNumber("77-12"));
     EXPECT_FALSE(IsThreadNumber("t-12"));
-    EXPECT_EQ(StackRequest("77-23"), "516|showstack|512|ARG=x,1=77-23");
-    EXPECT_EQ(LockHolderRequest(99, "77-23"), "516|showstack|2048|ARG=x,0=99,1=77-23");
+    EXPECT_EQ(StackRequest("77-23"), "521|showstack|512|ARG=x,1=77-23");
+    EXPECT_EQ(LockHolderRequest({99, {}, ""}, "77-23"), "521|showstack|2048|ARG=x,0=99,1=77-23");
 }
 
 } // namespace
