@@ -1,6 +1,7 @@
 """Real JDBC drivers: what the agent shows of their calls, compared with what the databases say."""
 import collections
 import contextlib
+import glob
 import os
 import re
 import shutil
@@ -9,6 +10,7 @@ import struct
 import subprocess
 import tempfile
 import threading
+import zipfile
 from dataclasses import dataclass, field
 
 from harness import LIMIT, SETTINGS, Case, in_root, run_tool, wait_until
@@ -138,6 +140,7 @@ class Product:
     anchors: list  # methods of rules, as the compiler's list has them
     jar: str
     setup: list = field(default_factory=list)
+    native: str = None
     port: int = None
     texts: dict = field(default_factory=dict)  # SQL that isn't the call's own
     urls: dict = field(default_factory=dict)  # what a form has behind the URL
@@ -204,7 +207,8 @@ def products(mariadb, tds, folder, h2_port):
             {"holder": "begin exclusive", "prepared query": "select a from t where a = ?",
              "plain query": "select a from t where a = #", "prepared update": "update t set a = ?",
              "plain update": "update t set a = #", "prepared batch": "update t set a = ?"},
-            ["JDBC3Statement.withConnectionTimeout"], "xerial-sqlite-jdbc", ["create table t (a int)"]),
+            ["JDBC3Statement.withConnectionTimeout"], "xerial-sqlite-jdbc", ["create table t (a int)"],
+            native="libsqlitejdbc.so"),
         "jtds": Product(
             "libjtds-java", of_jtds + "secret", of_jtds + "***", "test",
             {"prepared query": "select held(?)", "plain query": "select held(#)", "prepared update": "update held set a = ?",
@@ -212,6 +216,18 @@ def products(mariadb, tds, folder, h2_port):
             ["TdsCore.executeSQL", "JtdsStatement.executeSQLQuery"], "jtds", port=tds.port,
             texts={"plain query": None, "plain update": None}),
     }
+
+
+def lack_of(product, server):
+    """Why a product can't be tested; None when it can."""
+    if not jars(product.jar) or not server:
+        return f"install {product.package}" + ("" if server else " and mariadb-server")
+    with zipfile.ZipFile(jars(product.jar)[0]) as jar:
+        names = [name for name in jar.namelist() if re.search(r"/\w*(Driver|JDBC)\.class$", name) and "META-INF" not in name]
+        version = max(struct.unpack(">H", jar.read(name)[6:8])[0] - 44 for name in names)
+    if product.native and not glob.glob(f"{SETTINGS.root}/usr/lib/*/jni/{product.native}"):
+        return f"no {product.native} in {SETTINGS.root or '/'}"
+    return f"{product.package} needs Java {version}" if version > SETTINGS.version else None
 
 
 class Calls:
@@ -232,7 +248,7 @@ class Calls:
         self.log = open(f"{place}/log", "wb")
         self.process = subprocess.Popen(
             in_root(["env", "-C", inside, f"{SETTINGS.jdk}/bin/java", *(soon if SETTINGS.version >= 9 else []), *flags,
-                     "-Dhsqldb.method_class_names=Calls.*", "-Djdbc.drivers=net.sourceforge.jtds.jdbc.Driver",
+                     "-Dhsqldb.method_class_names=Calls.*", "-Djdbc.drivers=net.sourceforge.jtds.jdbc.Driver", "-Dh2.bindAddress=127.0.0.1",
                      "-cp", f"{inside}/*:{inside}", "Calls", *arguments]),
             stdin=subprocess.PIPE, stdout=self.log, stderr=subprocess.STDOUT)
         wait_until("the calls are ready", lambda: "ready\n" in self.output() or self.process.poll() is not None)
@@ -279,13 +295,13 @@ class Databases(Case):
         cls.tds = Tds()
         with socket.create_server(("127.0.0.1", 0)) as free:
             rows = products(cls.mariadb, cls.tds, cls.place[len(SETTINGS.root):], free.getsockname()[1])
-        cls.rows = {name: row for name, row in rows.items() if jars(row.jar) and (name != "mariadb" or cls.mariadb)}
-        cls.missing = {name: row.package for name, row in rows.items() if name not in cls.rows}
+        cls.lacks = {name: lack for name, row in rows.items() if (lack := lack_of(row, name != "mariadb" or cls.mariadb))}
+        cls.rows = {name: row for name, row in rows.items() if name not in cls.lacks}
 
     def test_calls_cold_and_compiled(self):
-        for name, package in self.missing.items():
+        for name, lack in self.lacks.items():
             with self.subTest(name):
-                self.skipTest(f"no driver or no server: install {package}" + " and mariadb-server" * (name == "mariadb"))
+                self.skipTest(lack)
         if not self.rows:
             return
         calls = Calls(self.place, self.rows)

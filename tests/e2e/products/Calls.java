@@ -37,6 +37,7 @@ public class Calls extends Thread {
         form = Arrays.asList(name.split(" "));
         this.sql = sql;
         connection = DriverManager.getConnection(url);
+        setDaemon(true);
     }
 
     public static void main(String[] args) throws Exception {
