@@ -27,8 +27,9 @@ from products import Products
 from sessions import Sessions
 from tiers import OwnDriver, Tiers
 from views import Memory, Views
+from web import Web
 
-__all__ = ["Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views"]  # groups of other files
+__all__ = ["Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]  # groups of other files
 
 
 class Sample(OfTheDemo):

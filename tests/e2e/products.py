@@ -28,9 +28,6 @@ create constraint trigger late after insert on late deferrable initially deferre
 # Methods whose frames the rules name, as the compiler's list has them.
 ANCHORS = ("PgStatement.executeInternal", "PgStatement.internalExecuteBatch", "PgResultSet.next",
            "PgConnection.executeTransactionCommand", "QueryExecutorImpl.processResults", "CoyoteAdapter.service")
-# They are compiled at the last tier as soon as they have been called a few times there.
-COMPILED_SOON = ["-XX:CompileCommand=quiet", "-XX:+PrintCompilation"] + [
-    f"-XX:CompileCommand=option,*{method},double,CompileThresholdScaling,0.02" for method in ANCHORS]
 
 
 def jars(*names):
@@ -39,30 +36,43 @@ def jars(*names):
     return found if len(found) >= len(names) else []
 
 
-class Shop:
-    """The demo's shop in a Tomcat, with the database of a server."""
+def colons(method):
+    return "::".join(method.rsplit(".", 1))
 
-    def __init__(self, tomcat, package, server):
+
+def compiled_soon(methods, scaling=0.02):
+    """Flags by which the methods are compiled at the last tier as soon as they have been called a few times there."""
+    if SETTINGS.version < 9:  # JDK 8 has no list of what is compiled
+        return []
+    return ["-XX:CompileCommand=quiet", "-XX:+PrintCompilation"] + [
+        f"-XX:CompileCommand=option,*{colons(method)},double,CompileThresholdScaling,{scaling}" for method in methods]
+
+
+class Program:
+    """A Java program with real products in its JVM, which prints "ready" and listens to lines on its input."""
+
+    def __init__(self, class_path, sources, flags, main, *arguments):
+        """`sources`: the texts by file name. The program's first argument is its folder."""
         self.place = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
-        inside = self.place[len(SETTINGS.root):]
-        for jar in jars(f"tomcat{tomcat}-*", "postgresql"):
+        self.inside = self.place[len(SETTINGS.root):]
+        for jar in class_path:
             shutil.copy(jar, self.place)
-        with open(SHOP, encoding="utf-8") as source:
-            text = source.read().replace("javax.servlet", f"{package}.servlet")
-        with open(f"{self.place}/Shop.java", "w", encoding="utf-8") as source:
-            source.write(text)
-        path = f"{inside}/*:{inside}"
-        subprocess.run(in_root([f"{SETTINGS.jdk}/bin/javac", "-nowarn", "-cp", path, "-d", inside,
-                                f"{inside}/Shop.java"]), check=True, capture_output=True)
-        self.url = f"jdbc:postgresql://127.0.0.1:{server.port}/postgres?user=test"
+        for name, text in sources.items():
+            with open(f"{self.place}/{name}", "w", encoding="utf-8") as source:
+                source.write(text)
+        self.prepare()
+        path = f"{self.inside}/*:{self.inside}"
+        subprocess.run(in_root([f"{SETTINGS.jdk}/bin/javac", "-nowarn", "-cp", path, "-d", self.inside,
+                                *(f"{self.inside}/{name}" for name in sources)]), check=True, capture_output=True)
         self.log = open(f"{self.place}/log", "wb")
         self.process = subprocess.Popen(
-            in_root([f"{SETTINGS.jdk}/bin/java", *(COMPILED_SOON if SETTINGS.version >= 9 else []), "-cp", path,
-                     "qoragent.demo.shop.Shop", inside, self.url]),
+            in_root([f"{SETTINGS.jdk}/bin/java", *flags, "-cp", path, main, self.inside, *arguments]),
             stdin=subprocess.PIPE, stdout=self.log, stderr=subprocess.STDOUT)
-        wait_until("the shop is open", lambda: self.output("ready (.*)") or self.process.poll() is not None)
-        self.port = self.output("ready (.*)")
-        assert self.port, self.output("(?s)(.*)")
+        wait_until(f"{main} is ready", lambda: self.output("(?m)^(ready)") or self.process.poll() is not None)
+        assert self.process.poll() is None, self.output("(?s)(.*)")
+
+    def prepare(self):
+        """Puts more into the folder."""
 
     def output(self, pattern):
         with open(self.log.name, encoding="utf-8", errors="replace") as log:
@@ -73,22 +83,18 @@ class Shop:
         self.process.stdin.write(line.encode() + b"\n")
         self.process.stdin.flush()
 
-    def compiled(self):
-        """The methods of frames that are compiled at the last tier, by the JVM's own list."""
+    def compiled(self, methods):
+        """Those of the methods that are compiled at the last tier, by the JVM's own list."""
         told = subprocess.run(in_root([f"{SETTINGS.jdk}/bin/jcmd", str(self.process.pid), "Compiler.codelist"]),
                               capture_output=True, text=True, check=True).stdout
-        return {m for m in ANCHORS if re.search(rf"(?m)^\d+ 4 0 \S*\b{re.escape(m)}\(", told)}
+        return {m for m in methods if re.search(rf"(?m)^\d+ 4 0 \S*\b{re.escape(m)}\(", told)}
 
     def warm_up(self, anchors):
         self.tell("warm")
         for method in anchors:  # begun, by the compiler's log: asking for its list costs it time
-            wait_until(f"{method} is compiled", lambda: self.output(rf"(?m)^.* 4 .*\b({method.replace('.', '::')}) "))
-        wait_until(f"{anchors} are compiled", lambda: self.compiled() >= set(anchors))
+            wait_until(f"{method} is compiled", lambda: self.output(rf"(?m)^.* 4 .*\b({re.escape(colons(method))}) "))
+        wait_until(f"{anchors} are compiled", lambda: self.compiled(anchors) >= set(anchors))
         self.tell("rest")
-
-    def ask(self, path):
-        with urllib.request.urlopen(f"http://127.0.0.1:{self.port}{path}") as answer:
-            return answer.status
 
     def __enter__(self):
         return self
@@ -99,6 +105,22 @@ class Shop:
         self.process.stdin.close()
         self.log.close()
         shutil.rmtree(self.place)
+
+
+class Shop(Program):
+    """The demo's shop in a Tomcat, with the database of a server."""
+
+    def __init__(self, tomcat, package, server):
+        with open(SHOP, encoding="utf-8") as source:
+            text = source.read().replace("javax.servlet", f"{package}.servlet")
+        self.url = f"jdbc:postgresql://127.0.0.1:{server.port}/postgres?user=test"
+        super().__init__(jars(f"tomcat{tomcat}-*", "postgresql"), {"Shop.java": text}, compiled_soon(ANCHORS),
+                         "qoragent.demo.shop.Shop", self.url)
+        self.port = self.output("ready (.*)")
+
+    def ask(self, path):
+        with urllib.request.urlopen(f"http://127.0.0.1:{self.port}{path}") as answer:
+            return answer.status
 
 
 @contextlib.contextmanager
@@ -136,7 +158,7 @@ class Products(Case):
         with Shop(tomcat, package, self.server) as shop:
             self.answer("attach", shop.process.pid, "--options", "dbquery=1,handquota=100")
             self.check(shop, "cold")
-            if SETTINGS.version >= 9:  # JDK 8 has no list of what is compiled
+            if SETTINGS.version >= 9:
                 shop.warm_up(anchors)
                 self.check(shop, "hot")
 
