@@ -14,6 +14,7 @@ void BootCode();        // code.cpp
 namespace {
 
 constexpr size_t MB = 1 << 20;
+constexpr size_t GAP = 5ul << 30; // in perm, when it is wide: never touched
 
 struct OwnPredicate {
     VtableKind kind;
@@ -85,7 +86,9 @@ void FillVtables() {
 template <class S>
 Word NewSpace(HeapSpace *space, char letter, size_t bytes, size_t structureBytes) {
     space->letter = letter;
-    space->bottom = space->top = Map(bytes, true);
+    bool wide = letter == 'P' && vm.options.wide;
+    bytes += wide ? GAP : 0;
+    space->bottom = space->top = Map(bytes, !wide);
     space->end = space->bottom + bytes;
     space->structure = Allocate(structureBytes);
     At(space->structure, &S::bottom) = space->bottom;
@@ -225,6 +228,8 @@ void Boot(const Options &options) {
         *vm.statics.stackRegisters = 176;
     LayOutHeap();
     DefineVmClasses();
+    if (options.wide)
+        SetTop(&vm.perm, vm.perm.top + GAP);
     BootCode();
 }
 

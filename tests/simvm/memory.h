@@ -44,7 +44,7 @@ size_t Place(T S::*member) {
 }
 
 template <class T>
-T &As(Word address) {
+__attribute__((always_inline)) inline T &As(Word address) {
     return *reinterpret_cast<T *>(address);
 }
 

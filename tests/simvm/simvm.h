@@ -28,6 +28,7 @@ struct Options {
     int32_t moved = 0;              // every member of JavaThread lies so many bytes higher: no listed build
     uint32_t shuffle = 0;           // a seed: members lie in places that no build has
     int32_t guarded = STRUCT_COUNT; // this structure ends at a page that can't be read
+    bool wide = false;              // other classes than the VM's own lie 5 GB from those
 };
 
 struct Field {

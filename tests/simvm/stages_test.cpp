@@ -17,6 +17,8 @@ TEST_P(Stages, AndReturns) {
         std::string(SIMVM_FOLDER) + (GetParam() == 2 ? "/client/libjvm.so" : "/server/libjvm.so");
     options.version = VERSIONS[GetParam()];
     options.collector = Collector(GetParam());
+    options.wide = GetParam() == 1;
+    options.guarded = GetParam() == 2 ? int32_t(ID_CONST_METHOD) : STRUCT_COUNT;
     Boot(options);
     Scene scene;
     StageScene("shop", &scene);
