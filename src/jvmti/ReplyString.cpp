@@ -81,7 +81,7 @@ jstring NewStringInPairs(JNIEnv *env, const char *text, size_t length) {
     return string;
 }
 
-// Whether characters beyond the first 65,536 stand in the text as in UTF-8. The JVM's own form has none.
+// Whether characters beyond the first 65,536 are in the text as in UTF-8. The JVM's own form has none.
 bool HasFourByteForms(const char *text, size_t length) {
     for (size_t i = 0; i < length; i++)
         if (IsFourByteForm(text + i))

@@ -1,4 +1,4 @@
-// The choice of the road, on a thread of its own: level and vendor give a text, the text gives a build.
+// The choice of the road, on a separate thread: level and vendor give a text, the text a build.
 
 #include "fault_handler.h"
 #include "qorlog.h"

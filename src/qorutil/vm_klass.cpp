@@ -39,7 +39,7 @@ constexpr SymbolTable SYMBOL_TABLES[] = {
     {TYPE_METHOD_DATA, SYM_VT_METHOD_DATA_KLASS},
 };
 
-// Rows of trueVfuncArray: the kind, and which entry of its table tells it.
+// Rows of trueVfuncArray: the kind, and the entry of its table that identifies it.
 struct CheckRow {
     VmType type;
     VmOffset entry;

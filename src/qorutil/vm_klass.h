@@ -36,7 +36,7 @@ enum : int32_t { OOP_TABLES = 20, CHECK_TYPES = 13 };
 // object holds.
 extern uint64_t oop_vtable[OOP_TABLES];
 
-// A virtual function that tells a kind: the entry at `slot` bytes in a klass's table is `expected`.
+// A virtual function that identifies a kind: the entry at `slot` bytes in a klass's table is `expected`.
 struct VfuncCheck {
     int32_t type;
     uint64_t table, expected;

@@ -167,7 +167,7 @@ enum QorDirectState : int32_t {
 
 enum : int32_t {
     OS_STATES = 9,     // the last state of an OSThread
-    NO_OS_THREAD = 10, // stands for the state of a thread without one
+    NO_OS_THREAD = 10, // in place of the state, for a thread without one
 };
 
 // The state of a thread by its OSThread's, which is taken as OS_STATES when it is above. Any thread.
@@ -177,7 +177,7 @@ QorDirectState QorStateOf(int32_t osState);
 // initialisation thread.
 extern const uint32_t *offsets;
 
-// Points `offsets` at the row of a build. False, with `offsets` null, for a build that has none.
+// Points `offsets` at the row of a build. False, with `offsets` null, for any other build.
 bool QorSelectOffsets(int32_t build);
 
 // A row that is selected for every build that has one, in place of its own; null for none. Tests set it.

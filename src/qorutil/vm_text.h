@@ -18,7 +18,7 @@ enum : int32_t {
 };
 
 // A symbol's text into `size` bytes, at most VM_TEXT_CHARS of it. Returns `dst`, "" for the symbol 0; null,
-// with "" in `dst`, for what is no symbol.
+// with "" in `dst`, for anything but a symbol.
 char *sym2str(char *dst, int32_t size, uint64_t symbol);
 
 // `count` characters from `offset` on of the char array whose elements begin at `chars`, at most
@@ -29,10 +29,10 @@ char *oop2str(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t of
 // The same for up to VM_BIG_TEXT_CHARS.
 char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset);
 
-// A java.lang.String's text, by oop2str. Null, with "" in `dst`, for what is no object or has no array of
+// A java.lang.String's text, by oop2str. Null, with "" in `dst`, for what isn't an object or has no array of
 // characters. That the object is a String is the caller's knowledge.
 char *QorStringText(char *dst, int32_t size, uint64_t string);
 
 // The whole of a char array of up to VM_TEXT_CHARS, such as a thread's name. Null, with "" in `dst`, for what
-// is no array or is longer.
+// isn't an array or is longer.
 char *QorCharArrayText(char *dst, int32_t size, uint64_t array);

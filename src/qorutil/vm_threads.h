@@ -2,7 +2,7 @@
 //
 // Nobody keeps the list still: a thread that ends is taken out, its memory is freed and may be another
 // thread's a moment later. So a thread is known by two things, its JavaThread's address and its kernel id,
-// and what was read of it counts only if both still stand in the list afterwards.
+// and what was read of it counts only if both are still in the list afterwards.
 //
 // Worker, or the initialisation thread. Nothing here allocates or logs.
 #pragma once

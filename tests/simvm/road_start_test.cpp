@@ -61,7 +61,7 @@ int StartAgent(ThreadInfo *thread, const std::string &version) {
                                        100);
 }
 
-// Runs a test's body in a process of its own, as there is one VM in each. The body's failures are this
+// Runs a test's body in a separate process, as there is one VM in each. The body's failures are this
 // test's.
 void InOwnProcess(const std::function<void()> &body) {
     const pid_t child = fork();
@@ -121,7 +121,7 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
         const char *what;
         Options vm;
         int status;
-        const char *told; // the version that the agent is told; null: the VM's
+        const char *claimed; // the version that the agent is given; null: the VM's
         void (*spoil)(Caller *);
     };
     std::vector<Case> cases = {
@@ -143,7 +143,7 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
             CallNative(&caller, DefineMethod("demo/Main", "run", "()V", {})->oop);
             if (c.spoil)
                 c.spoil(&caller);
-            EXPECT_EQ(StartAgent(caller.thread, c.told ? c.told : c.vm.version), c.status)
+            EXPECT_EQ(StartAgent(caller.thread, c.claimed ? c.claimed : c.vm.version), c.status)
                 << c.what << c.vm.version;
             EXPECT_EQ(direct_ready, c.status == START_OK) << c.what;
             EXPECT_EQ(QorCanInspect(), c.status == START_OK) << c.what;
@@ -307,7 +307,7 @@ std::string Ask(ThreadInfo *thread, const char *request) {
     return reply ? TextOf(reply) : "(null)";
 }
 
-// A request on a thread of its own, which waits for a collection that doesn't end, until the agent is told to
+// A request on another thread, which waits for a collection that doesn't end, until the agent is asked to
 // leave.
 void LeaveWhileWaiting(ThreadInfo *shutter) {
     std::string reply;

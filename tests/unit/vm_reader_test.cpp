@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-// Two pages with a hole behind them.
+// Two pages and a hole after them.
 struct VmReader : testing::Test {
     void SetUp() override {
         bytes = static_cast<unsigned char *>(
