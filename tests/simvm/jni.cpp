@@ -122,6 +122,9 @@ void FillTables() {
     table.GetStringUTFChars = GetStringUTFChars;
     table.ReleaseStringUTFChars = ReleaseStringUTFChars;
     table.NewStringUTF = NewStringUTF;
+    table.NewByteArray = [](JNIEnv *, jsize) {
+        return jbyteArray();
+    }; // no memory for one: then replies go as text
     table.GetJavaVM = GetJavaVM;
     invocation.GetEnv = GetEnv;
     javaVm.functions = &invocation;

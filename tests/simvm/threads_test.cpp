@@ -1,0 +1,269 @@
+// Samples of the simulated VM's threads, compared with what the threads know of themselves.
+#include "scenes.h"
+
+#include "sunprint/scopes.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <map>
+#include <sstream>
+#include <unistd.h>
+
+extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
+extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
+                                            jstring, jobject, jobject, jobject, jobject, jstring, jobject,
+                                            jstring, jstring, jint, jint, jint, jint, jint, jint);
+
+using namespace simvm;
+
+namespace {
+
+ThreadInfo *Self() {
+    for (ThreadInfo *thread : vm.threads)
+        if (thread->kernelId == getpid())
+            return thread;
+    return nullptr;
+}
+
+int StartAgent() {
+    const SampleObjects of = NewSampleObjects(Self());
+    return Java_qoragent_Agent_initvar(
+        EnvOf(Self()), nullptr, 0, 2, 1, 60, 0, NewText("Sun Microsystems Inc."), NewText(vm.options.version),
+        NewText("Linux"), of.instance, of.reference, of.objects, of.ints, nullptr, nullptr, NewText("stderr"),
+        NewText("test"), 0, 0, 0, 0, 1000, 300);
+}
+
+std::string Ask(const std::string &request) {
+    jstring text = NewText(request), reply = Java_qoragent_Agent_dataFromNative(EnvOf(Self()), nullptr, text);
+    const std::string out = reply ? TextOf(reply) : "";
+    FreeText(text);
+    FreeText(reply);
+    return out;
+}
+
+std::vector<std::string> Split(const std::string &text, char separator) {
+    std::vector<std::string> parts;
+    std::stringstream stream(text);
+    for (std::string part; std::getline(stream, part, separator);)
+        parts.push_back(part);
+    return parts;
+}
+
+std::string Dotted(std::string name) {
+    std::replace(name.begin(), name.end(), '/', '.');
+    return name;
+}
+
+std::string Key(const ThreadInfo &thread) {
+    return std::to_string(getpid()) + "-" + std::to_string(thread.kernelId);
+}
+
+std::string Hex(const Object &object) {
+    std::stringstream out;
+    out << std::hex << object.address;
+    return out.str();
+}
+
+// A thread as lines: its row, its frames, its locks. `state`: the last field of the row.
+struct Shown {
+    std::string name, state;
+    std::vector<std::string> frames; // "class->method file line", innermost first
+    std::string waits;               // "address class"
+    std::vector<std::string> locks;  // "address class frame", sorted
+};
+
+std::string FrameText(const Scope &scope) {
+    const std::string name = scope.method->holder->name, call = Dotted(name) + "->" + scope.method->name;
+    if (scope.method->flags & METHOD_NATIVE)
+        return call + " Native Method ^";
+    const std::string simple = name.substr(name.rfind('/') + 1);
+    return call + " " + simple.substr(0, simple.find('$')) + ".java " + std::to_string(LineOf(scope));
+}
+
+std::string StateText(const Script &script) {
+    const std::string top = ShadowStack(script)[0].method->holder->name;
+    switch (script.rest) {
+    case Rest::PIPE:
+        return top.rfind("java/net/", 0) == 0 ? "Network Wait" : "IO Wait";
+    case Rest::SLEEP:
+        return "Sleeping";
+    case Rest::MONITOR:
+        return "Lock";
+    case Rest::SPIN:
+    case Rest::CALLS:
+        return "Runnable";
+    default:
+        return "Object Wait";
+    }
+}
+
+std::string LockText(const Object &object) {
+    for (const auto &[name, klass] : vm.classes)
+        if (klass.klass == object.klass)
+            return Hex(object) + " " + Dotted(name);
+    return "";
+}
+
+Shown Truth(const Runner &runner) {
+    Shown shown = {runner.info->name, StateText(*runner.script), {}, "", {}};
+    std::replace(shown.name.begin(), shown.name.end(), '|', ' ');
+    for (const Scope &scope : ShadowStack(*runner.script)) {
+        const std::string frame = std::to_string(shown.frames.size());
+        for (Object *object : scope.monitors)
+            if (runner.script->rest == Rest::MONITOR && shown.frames.empty())
+                shown.waits = LockText(*object);
+            else
+                shown.locks.push_back(LockText(*object) + " " + frame);
+        shown.frames.push_back(FrameText(scope));
+    }
+    std::sort(shown.locks.begin(), shown.locks.end());
+    return shown;
+}
+
+// A poll with stacks, by key.
+std::map<std::string, Shown> Read(const std::string &reply) {
+    std::map<std::string, Shown> threads;
+    Shown *last = nullptr;
+    for (const std::string &section : Split(reply, 31)) {
+        std::vector<std::string> records = Split(section, 30);
+        const std::string title = records.empty() ? "" : records[0];
+        for (size_t i = 1; i < records.size(); i++) {
+            const std::vector<std::string> field = Split(records[i], 29);
+            if (title == "Thread Info Details" && field.size() == 10)
+                *(last = &threads[field[5]]) = {field[1], field[9], {}, "", {}};
+            else if (title == "Call Stack")
+                last->frames.push_back(field[0] + " " + field[1] + " " + field[2]);
+            else if (title == "Lock On")
+                last->waits = field[0] + " " + field[2];
+            else if (title == "JVM Locks")
+                last->locks.push_back(field[0] + " " + field[2] + " " + field[3]);
+        }
+        if (last)
+            std::sort(last->locks.begin(), last->locks.end());
+    }
+    return threads;
+}
+
+// Asks until each thread that runs has stopped in time; on a busy machine some don't.
+std::map<std::string, Shown> Poll(const Scene &scene) {
+    for (;;) {
+        std::map<std::string, Shown> threads = Read(Ask("793|showstack|32768"));
+        if (std::all_of(scene.runners.begin(), scene.runners.end(),
+                        [&](Runner *runner) { return !threads[Key(*runner->info)].frames.empty(); }))
+            return threads;
+    }
+}
+
+void ExpectTruth(const Scene &scene) {
+    std::map<std::string, Shown> threads = Poll(scene);
+    EXPECT_EQ(threads.size(), scene.runners.size() + 1); // and the caller
+    for (const Runner *runner : scene.runners) {
+        const Shown truth = Truth(*runner);
+        Shown &shown = threads[Key(*runner->info)];
+        EXPECT_EQ(shown.name, truth.name);
+        EXPECT_EQ(shown.state, truth.state) << truth.name;
+        if (runner->script->rest == Rest::CALLS) { // between two of its calls
+            ASSERT_GE(shown.frames.size(), 2u) << truth.name;
+            shown.frames.erase(shown.frames.begin(), shown.frames.end() - 2);
+            EXPECT_TRUE(std::equal(shown.frames.begin(), shown.frames.end(), truth.frames.end() - 2));
+            continue;
+        }
+        EXPECT_EQ(shown.frames, truth.frames) << truth.name;
+        EXPECT_EQ(shown.waits, truth.waits) << truth.name;
+        EXPECT_EQ(shown.locks, truth.locks) << truth.name;
+    }
+}
+
+// The waiter of a lock is told who holds it, and one thread's view has as many frames as the poll.
+void ExpectHolders(const Scene &scene) {
+    for (const Runner *runner : scene.runners) {
+        const std::string key = ",1=" + Key(*runner->info), waits = Truth(*runner).waits;
+        if (runner->script->rest != Rest::SPIN && runner->script->rest != Rest::CALLS) {
+            const std::string stack = Ask("521|showstack|512|ARG=x" + key);
+            EXPECT_EQ(Split(Split(stack.substr(stack.find("Call Stack")), 31)[0], 30).size(),
+                      Truth(*runner).frames.size() + 1);
+        }
+        if (waits.empty())
+            continue;
+        const std::string holder =
+            Ask("521|showstack|2048|ARG=x,0=" + waits.substr(0, waits.find(' ')) + key);
+        EXPECT_NE(holder.find("till-1"), std::string::npos) << holder;
+    }
+    EXPECT_EQ(Ask("521|showstack|512|ARG=x,1=1-1").find("This Thread does not exist on the JVM\x1f"), 0u);
+}
+
+void ExpectCounts(const Scene &scene) {
+    std::map<std::string, int> count = {{"Object Wait", 1}}; // the caller
+    for (const Runner *runner : scene.runners)
+        count[StateText(*runner->script)]++;
+    const char *const STATES[] = {"Runnable", "DB Wait",     "Lock",     "Network Wait",
+                                  "IO Wait",  "Object Wait", "Sleeping", "RMI Wait"};
+    const std::vector<std::string> figures = Split(Ask("521|showstack|64"), 29);
+    ASSERT_EQ(figures.size(), 9u);
+    for (size_t i = 0; i < 8; i++)
+        EXPECT_EQ(figures[i], std::to_string(count[STATES[i]])) << STATES[i];
+}
+
+// While a collection runs nothing of a frame is shown, and the rows stay.
+void ExpectNoFramesInCollections() {
+    std::string reply;
+    Collect([&] { reply = Ask("780|showstack|8192"); });
+    const std::vector<std::string> rows = Split(Split(reply, 31)[0], 30);
+    EXPECT_EQ(rows.size(), vm.threads.size() + 1) << reply;
+    for (size_t i = 1; i < rows.size(); i++)
+        EXPECT_EQ(Split(rows[i], 29)[6], "^") << rows[i];
+}
+
+class DirectThreads : public testing::TestWithParam<int> {};
+
+} // namespace
+
+TEST_P(DirectThreads, EqualTheirShadowStacks) {
+    const char *const VERSIONS[] = {"1.5.0_07", "1.5.0_22", "1.5.0_10"};
+    Options options;
+    options.library = std::string(SIMVM_FOLDER) + (GetParam() == 2 ? "/client" : "/server") + "/libjvm.so";
+    options.version = VERSIONS[GetParam()];
+    options.collector = Collector(GetParam());
+    Boot(options);
+    Scene scene;
+    StageScene("shop", &scene);
+    Script main = MainScript();
+    EmitScript(&main);
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0);
+        ExpectTruth(scene);
+        Collect();
+        ExpectTruth(scene);
+        ExpectHolders(scene);
+        ExpectCounts(scene);
+        ExpectNoFramesInCollections();
+        Ask("SHUTDOWN");
+    });
+    EndScene(&scene);
+}
+
+INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::Range(0, 3));
+
+TEST(CompressedStream, ReadsTheTextsThatTheCompilerWrites) {
+    struct {
+        std::vector<uint8_t> bytes;
+        int32_t value; // of a whole integer
+        bool whole = true;
+    } const rows[] = {{{192}, 0},
+                      {{193}, 1},
+                      {{255}, 63},
+                      {{191}, -1},
+                      {{128}, -64},
+                      {{0, 193}, 128},
+                      {{127, 127, 127, 127, 127, 193}, 0, false}};
+    for (const auto &row : rows) {
+        int32_t position = 0, value = 0;
+        const bool whole =
+            get_int_from_compressed_stream(reinterpret_cast<uint64_t>(row.bytes.data()), &position, &value);
+        ASSERT_EQ(whole, row.whole);
+        if (whole) {
+            EXPECT_EQ(value, row.value);
+            EXPECT_EQ(position, static_cast<int32_t>(row.bytes.size()));
+        }
+    }
+}
