@@ -32,7 +32,7 @@ import org.apache.tomcat.util.descriptor.web.FilterMap;
  * that nobody holds, until the next line.
  */
 public class Shop extends HttpServlet {
-    static final int CONNECTIONS = 8;
+    static final int CONNECTIONS = Integer.getInteger("shop.connections", 8);
     static final String[] FORMS = {"prepared", "plain", "callable", "batch", "fetch", "commit"};
     static final BlockingQueue<Connection> pool = new ArrayBlockingQueue<>(CONNECTIONS);
     static volatile boolean warm;
