@@ -3,8 +3,10 @@
 // environment's.
 #include "simvm.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
@@ -16,6 +18,7 @@ namespace {
 JNINativeInterface_ table;
 JNIInvokeInterface_ invocation;
 JavaVM_ javaVm;
+std::set<std::string *> byteArrays; // used by one thread at a time
 
 template <int SLOT>
 void Unasked() {
@@ -71,8 +74,12 @@ jboolean ExceptionCheck(JNIEnv *env) {
 void ExceptionClear(JNIEnv *env) {
     Caller(env, true)->exceptionPending = false;
 }
-void DeleteLocalRef(JNIEnv *env, jobject) {
-    Caller(env, true);
+void DeleteLocalRef(JNIEnv *env, jobject handle) {
+    auto &block = As<HandleBlock>(Caller(env, true)->handles);
+    if (block.top && handle == reinterpret_cast<jobject>(&block.handles[block.top - 1]))
+        block.top--;
+    else if (byteArrays.erase(reinterpret_cast<std::string *>(handle)))
+        delete reinterpret_cast<std::string *>(handle);
 }
 jobject NewGlobalRef(JNIEnv *env, jobject handle) {
     Caller(env);
@@ -88,6 +95,29 @@ void ReleaseStringUTFChars(JNIEnv *env, jstring, const char *) {
 jstring NewStringUTF(JNIEnv *env, const char *text) {
     Caller(env);
     return NewText(text);
+}
+// Long replies go over as bytes: byte arrays are kept beside the heap, as texts are, and the one constructor
+// known is String(byte[], int).
+jbyteArray NewByteArray(JNIEnv *env, jsize length) {
+    Caller(env);
+    auto *array = new std::string(length, 0);
+    byteArrays.insert(array);
+    return reinterpret_cast<jbyteArray>(array);
+}
+void SetByteArrayRegion(JNIEnv *env, jbyteArray array, jsize start, jsize length, const jbyte *from) {
+    Caller(env);
+    reinterpret_cast<std::string *>(array)->replace(start, length, reinterpret_cast<const char *>(from),
+                                                    length);
+}
+jmethodID GetMethodID(JNIEnv *env, jclass, const char *name, const char *signature) {
+    Caller(env);
+    if (strcmp(name, "<init>") != 0 || strcmp(signature, "([BI)V") != 0)
+        Fail("JNI was asked for a method");
+    return reinterpret_cast<jmethodID>(&byteArrays);
+}
+jobject NewObjectV(JNIEnv *env, jclass, jmethodID, va_list arguments) {
+    Caller(env);
+    return NewText(*va_arg(arguments, std::string *));
 }
 jint GetJavaVM(JNIEnv *env, JavaVM **out) {
     Caller(env);
@@ -122,9 +152,10 @@ void FillTables() {
     table.GetStringUTFChars = GetStringUTFChars;
     table.ReleaseStringUTFChars = ReleaseStringUTFChars;
     table.NewStringUTF = NewStringUTF;
-    table.NewByteArray = [](JNIEnv *, jsize) {
-        return jbyteArray();
-    }; // no memory for one: then replies go as text
+    table.NewByteArray = NewByteArray;
+    table.SetByteArrayRegion = SetByteArrayRegion;
+    table.GetMethodID = GetMethodID;
+    table.NewObjectV = NewObjectV;
     table.GetJavaVM = GetJavaVM;
     invocation.GetEnv = GetEnv;
     javaVm.functions = &invocation;

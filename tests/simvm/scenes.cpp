@@ -121,9 +121,10 @@ void EndScene(Scene *scene) {
     if (!scene->storm)
         return;
     StormFigures figures = StopStorm();
-    printf("%ld collections, %ld threads ended, %ld and %ld of %ld signals, longest stop %.3f ms, %ld laps\n",
+    printf("%ld collections, %ld threads ended, %ld and %ld + %ld of %ld signals, longest stop %.3f ms, %ld "
+           "laps\n",
            figures.collections, figures.threadsEnded, figures.profileSignals, figures.foreignArrived,
-           figures.foreignSent, figures.longestStop / 1e6, figures.laps);
+           figures.foreignMerged, figures.foreignSent, figures.longestStop / 1e6, figures.laps);
 }
 
 SampleObjects NewSampleObjects(ThreadInfo *thread) {

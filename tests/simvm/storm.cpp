@@ -26,7 +26,11 @@ std::vector<Lived> lived;
 std::mutex slotsLock; // who ends and starts threads, or sends them signals
 std::vector<std::thread> helpers;
 std::atomic<bool> stopping, collecting;
-std::atomic<int64_t> collections, ended, profiled, foreignSent, foreignArrived, longestStop;
+std::atomic<int64_t> collections, ended, profiled, foreignSent, foreignArrived, foreignMerged, longestStop;
+
+bool Loops(const Slot &slot) {
+    return slot.script.rest == Rest::SPIN || slot.script.rest == Rest::CALLS;
+}
 
 int64_t Now() {
     timespec now;
@@ -131,11 +135,13 @@ void SendForeign() {
     while (!stopping) {
         {
             std::lock_guard<std::mutex> held(slotsLock);
-            int32_t id = slots[random() % slots.size()].runner->info->kernelId;
+            const Slot &slot = slots[random() % slots.size()];
             foreignSent++;
-            syscall(SYS_tgkill, getpid(), id, VM_SIGNAL);
-            for (int wait = 0; wait < 5000 && foreignArrived < foreignSent; wait++)
+            syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, VM_SIGNAL);
+            auto owed = [] { return foreignArrived + foreignMerged < foreignSent; };
+            for (int wait = 0; wait < (Loops(slot) ? 500 : 10000) && owed(); wait++)
                 usleep(1000);
+            foreignMerged += Loops(slot) && owed();
         }
         usleep(random() % 5000);
     }
@@ -164,7 +170,7 @@ void Watch() {
             std::lock_guard<std::mutex> held(slotsLock);
             for (size_t i = 0; i < slots.size(); i++) {
                 Runner *runner = slots[i].runner;
-                if (slots[i].script.rest != Rest::SPIN && slots[i].script.rest != Rest::CALLS)
+                if (!Loops(slots[i]))
                     continue;
                 int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED);
                 bool stands = runner == seen[i].runner && laps == seen[i].laps &&
@@ -189,7 +195,8 @@ void VmSignalHandler(int, siginfo_t *, void *) {
 void StartStorm(const StormOptions &options) {
     storm = options;
     stopping = false;
-    for (auto *figure : {&collections, &ended, &profiled, &foreignSent, &foreignArrived, &longestStop})
+    for (auto *figure :
+         {&collections, &ended, &profiled, &foreignSent, &foreignArrived, &foreignMerged, &longestStop})
         *figure = 0;
     struct sigaction action = {};
     action.sa_sigaction = VmSignalHandler;
@@ -230,7 +237,7 @@ StormFigures StopStorm() {
         laps += __atomic_load_n(&slot.runner->control.laps, __ATOMIC_RELAXED);
         EndSlot(&slot);
     }
-    return {collections, ended, profiled, foreignSent, foreignArrived, longestStop, laps};
+    return {collections, ended, profiled, foreignSent, foreignArrived, foreignMerged, longestStop, laps};
 }
 
 // ---- spoiling

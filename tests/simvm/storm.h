@@ -26,7 +26,9 @@ struct Lived {
 
 struct StormFigures {
     int64_t collections = 0, threadsEnded = 0, profileSignals = 0;
-    int64_t foreignSent = 0, foreignArrived = 0; // signals 31 of the VM's own
+    // Signals 31 of the VM's own. The kernel keeps one of two pending ones, so that one to a looping thread
+    // may be lost when the agent's own is on its way; no other may.
+    int64_t foreignSent = 0, foreignArrived = 0, foreignMerged = 0;
     int64_t longestStop = 0; // of a looping thread, nanoseconds, asleep outside collections
     int64_t laps = 0;        // of those at the end
 };
