@@ -110,10 +110,10 @@ class Program:
 class Shop(Program):
     """The demo's shop in a Tomcat, with the database of a server."""
 
-    def __init__(self, tomcat, package, server):
+    def __init__(self, tomcat, package, server, options):
         with open(SHOP, encoding="utf-8") as source:
             text = source.read().replace("javax.servlet", f"{package}.servlet")
-        self.url = f"jdbc:postgresql://127.0.0.1:{server.port}/postgres?user=test"
+        self.url = f"jdbc:postgresql://127.0.0.1:{server.port}/postgres?user=test{options}"
         super().__init__(jars(f"tomcat{tomcat}-*", "postgresql"), {"Shop.java": text}, compiled_soon(ANCHORS),
                          "qoragent.demo.shop.Shop", self.url)
         self.port = self.output("ready (.*)")
@@ -145,17 +145,17 @@ class Products(Case):
         subprocess.run(cls.server.psql("-c", TABLES), check=True, capture_output=True)
 
     def test_postgresql_in_tomcat_9(self):
-        self.tour(9, "javax", 8, ANCHORS[-1:])
+        self.tour(9, "javax", 8, ANCHORS[-1:], "")
 
     def test_postgresql_in_tomcat_10(self):
-        self.tour(10, "jakarta", 11, ANCHORS)
+        self.tour(10, "jakarta", 11, ANCHORS, "&sslmode=require")
 
-    def tour(self, tomcat, package, oldest, anchors):
+    def tour(self, tomcat, package, oldest, anchors, options):
         if not jars(f"tomcat{tomcat}-catalina", "postgresql"):
             self.skipTest(f"no jars: install libtomcat{tomcat}-java and libpostgresql-jdbc-java")
         if SETTINGS.version < oldest:
             self.skipTest(f"Tomcat {tomcat} needs Java {oldest}")
-        with Shop(tomcat, package, self.server) as shop:
+        with Shop(tomcat, package, self.server, options) as shop:
             self.answer("attach", shop.process.pid, "--options", "dbquery=1,handquota=100")
             self.check(shop, "cold")
             if SETTINGS.version >= 9:

@@ -20,7 +20,7 @@ def programs():
 
 
 class Server:
-    """A server of its own on a free loopback port. It never runs as root, which it refuses."""
+    """A server of its own on a free loopback port, with TLS for clients that ask for it. It never runs as root, which it refuses."""
 
     def __init__(self):
         self.place = tempfile.mkdtemp(prefix="qor-e2e-pg-")
@@ -29,12 +29,14 @@ class Server:
             shutil.chown(self.place, "postgres", "postgres")
         data, self.clients = f"{self.place}/data", []
         self.run([f"{programs()}/initdb", "-D", data, "-U", "test", "-A", "trust", "-N", "--locale=C", "-E", "UTF8"])
+        self.run(["openssl", "req", "-new", "-x509", "-nodes", "-subj", "/CN=localhost", "-out", f"{data}/server.crt", "-keyout",
+                  f"{data}/server.key"])
         with socket.create_server(("127.0.0.1", 0)) as free:
             self.port = free.getsockname()[1]
         self.log = open(f"{self.place}.log", "wb")
         self.process = subprocess.Popen(
             [f"{programs()}/postgres", "-D", data, "-p", str(self.port), "-c", "listen_addresses=127.0.0.1",
-             "-c", "unix_socket_directories=", "-c", "fsync=off"],
+             "-c", "unix_socket_directories=", "-c", "fsync=off", "-c", "ssl=on"],
             cwd="/", stdout=self.log, stderr=subprocess.STDOUT, **self.identity)
         try:
             wait_until("the server answers", lambda: self.process.poll() is not None or self.asks("select 1")[0])
