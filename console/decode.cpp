@@ -64,14 +64,15 @@ size_t FindArrow(std::string_view call, bool *framework) {
     return call.rfind(CALL_ARROW);
 }
 
-// Call text, file, line.
-bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_view line, Frame *frame) {
+// Call text, file, line. Where the JVM is read by address a file may lack its line.
+bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_view line, Frame *frame,
+                    bool by_address = false) {
     size_t arrow = FindArrow(call, &frame->framework);
     if (arrow == call.npos)
         return false;
     frame->class_name = call.substr(0, arrow);
     frame->method = call.substr(arrow + CALL_ARROW.size());
-    if (line == NO_VALUE && file != NO_LINE_FILE) { // where the JVM is read by address
+    if (by_address && line == NO_VALUE && file != NO_LINE_FILE) {
         frame->file = file == NO_VALUE ? "" : file;
         return true;
     }
@@ -91,19 +92,20 @@ bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_vi
 bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
     Fields field = Split(row, FIELD_SEP);
     ThreadKey key;
-    with_marker |= field.size() >= 10 && field[1] != NO_VALUE && ReadKey(field[5], &key);
+    with_marker |= field.size() >= 10 && field[1] != NO_VALUE && ReadKey(field[5], &key, true);
+    bool by_address = with_marker && (field[0] == USER_CALL || field[0] == SYSTEM_CALL);
     size_t at = with_marker ? 1 : 0;
     if (field.size() < at + 9 || field[at + 1] != NO_VALUE)
         return false;
-    if (with_marker && field[0] != "a" && field[0] != "user" && field[0] != "sys")
+    if (with_marker && field[0] != "a" && !by_address)
         return false;
     thread->name = field[at];
     thread->request_url = ReadOptional(field[at + 2]);
     thread->request_detail = ReadOptional(field[at + 3]);
-    if (!ReadKey(field[at + 4], &thread->key))
+    if (!ReadKey(field[at + 4], &thread->key, by_address))
         return false;
     if (field[at + 5] != NO_VALUE &&
-        !ReadFrameGroup(field[at + 5], field[at + 6], field[at + 7], &thread->call.emplace()))
+        !ReadFrameGroup(field[at + 5], field[at + 6], field[at + 7], &thread->call.emplace(), by_address))
         return false;
     return ReadStateOn(Fields(field.begin() + static_cast<std::ptrdiff_t>(at) + 8, field.end()), thread);
 }
@@ -119,7 +121,7 @@ bool ReadStackRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
     if (field.size() == 8 && field[7] != NO_VALUE)
-        return ReadPlace(&field[3], frame) && ReadFrameGroup(field[0], field[1], field[2], frame);
+        return ReadPlace(&field[3], frame) && ReadFrameGroup(field[0], field[1], field[2], frame, true);
     if (field.size() == 4 && field[3].empty()) // what a framework works on has no more than this
         return ReadFrameGroup(field[0], field[1], field[2], frame) && frame->framework;
     if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
@@ -144,7 +146,7 @@ std::string LockClass(std::string_view text, int64_t lock) {
 bool ReadLockWait(std::string_view record, LockWait *wait) {
     Fields field = Split(record, FIELD_SEP);
     wait->by_address = field.size() == 4 && field[1].find('-') == field[1].npos;
-    if (field.size() != 4 || !ReadKey(field[1], &wait->owner) ||
+    if (field.size() != 4 || !ReadKey(field[1], &wait->owner, wait->by_address) ||
         !(wait->by_address ? ReadHex(field[0], &wait->lock) : ReadNumber(field[0], &wait->lock)))
         return false;
     wait->class_name = LockClass(field[2], wait->lock);
@@ -155,8 +157,12 @@ bool ReadLockWait(std::string_view record, LockWait *wait) {
 // that took it in place of the frame.
 bool ReadLockByAddress(const Fields &field, OwnedLock *owned) {
     owned->class_name = field[2];
-    if (!ReadNumber(field[3], &owned->depth))
+    if (!ReadNumber(field[3], &owned->depth)) {
+        owned->depth = -1;
         owned->call = field[3];
+        if (owned->call.find(CALL_ARROW) == owned->call.npos)
+            return false;
+    }
     return field[2] == INVALID_OBJECT || ReadHex(field[0], &owned->lock);
 }
 
@@ -193,7 +199,7 @@ bool ReadFrameRow(std::string_view row, Frame *frame) {
     int64_t thread = 0;
     if (field.size() == 9 && (field[4] != "2" || field[5] != "3"))
         return ReadCallType(field[0], frame) && ReadPlace(&field[1], frame) &&
-               ReadFrameGroup(field[6], field[7], field[8], frame);
+               ReadFrameGroup(field[6], field[7], field[8], frame, true);
     if (field.size() != 9 || !ReadCallType(field[0], frame) || !ReadNumber(field[1], &thread) ||
         !ReadNumber(field[2], &frame->index) || !ReadNumber(field[3], &frame->method_id) ||
         !ReadFrameGroup(field[6], field[7], field[8], frame))
@@ -214,7 +220,9 @@ bool ReadStackHead(std::string_view head, Thread *thread) {
         thread->request_detail = ReadOptional(field[3]);
     }
     thread->state = field[8];
-    if (field[5] != NO_LINE_SHOWN && !ReadFrameGroup(field[5], field[6], field[7], &thread->call.emplace()))
+    bool by_address = field[2] == NO_VALUE; // else a blank or a text
+    if (field[5] != NO_LINE_SHOWN && field[5] != NO_VALUE &&
+        !ReadFrameGroup(field[5], field[6], field[7], &thread->call.emplace(), by_address))
         return false;
     return detail == head.npos ||
            ReadShortDbWait(Split(head.substr(detail + 1), FIELD_SEP), &thread->db.emplace());
@@ -228,7 +236,7 @@ bool ReadHolderRow(std::string_view row, Thread *thread) {
     thread->name = field[1];
     thread->state = field[6];
     Frame &call = thread->call.emplace();
-    return ReadCallType(field[0], &call) && ReadFrameGroup(field[3], field[4], field[5], &call);
+    return ReadCallType(field[0], &call) && ReadFrameGroup(field[3], field[4], field[5], &call, true);
 }
 
 // Whether a stack that the agent says it had no room for ends where a row was refused.

@@ -33,11 +33,12 @@ std::optional<std::string> ReadOptional(std::string_view field) {
 }
 
 // The thread number may be negative, so the first bar behind a digit is the separator.
-bool ReadKey(std::string_view text, ThreadKey *key) {
+bool ReadKey(std::string_view text, ThreadKey *key, bool bare) {
+    if (bare && ReadNumber(text, &key->thread))
+        return true;
     size_t bar = text.find('-', 1);
-    if (bar == text.npos)
-        return ReadNumber(text, &key->thread);
-    return ReadNumber(text.substr(0, bar), &key->process) && ReadNumber(text.substr(bar + 1), &key->thread);
+    return bar != text.npos && ReadNumber(text.substr(0, bar), &key->process) &&
+           ReadNumber(text.substr(bar + 1), &key->thread);
 }
 
 std::string JavaName(std::string_view signature) {

@@ -31,8 +31,8 @@ bool ReadHex(std::string_view text, Number *value) {
 // Nothing for the placeholder.
 std::optional<std::string> ReadOptional(std::string_view field);
 
-// A thread's key, "process-thread" or "thread".
-bool ReadKey(std::string_view text, ThreadKey *key);
+// A thread's key, "process-thread"; `bare`: the thread's id may stand alone.
+bool ReadKey(std::string_view text, ThreadKey *key, bool bare = false);
 
 // The JVM's name of a type ("Ljava/lang/String;", "[I") as Java has it ("java.lang.String", "int[]"); another
 // text as it stands.
