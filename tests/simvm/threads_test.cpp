@@ -1,9 +1,11 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
 #include "scenes.h"
+#include "storm.h"
 
 #include "sunprint/scopes.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <sstream>
@@ -243,6 +245,38 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::Range(0, 3));
+
+// Whatever stands in the VM's memory, the process lives and a clean sample afterwards is right. A failure
+// names its seed; QOR_SPOILT=COUNT asks for more of them, QOR_SEED for others.
+TEST(SpoiltMemory, HarmsNobody) {
+    const char *more = getenv("QOR_SPOILT"), *other = getenv("QOR_SEED");
+    const uint64_t count = more ? strtoul(more, nullptr, 10) : 500,
+                   first = other ? strtoul(other, nullptr, 10) : 1;
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    Scene scene;
+    StageScene("shop", &scene);
+    Script main = MainScript();
+    EmitScript(&main);
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0);
+        std::vector<Runner *> still; // a thread that runs would read what is spoilt
+        for (Runner *runner : scene.runners)
+            if (runner->script->rest != Rest::SPIN && runner->script->rest != Rest::CALLS)
+                still.push_back(runner);
+        for (uint64_t seed = first; seed < first + count; seed++) {
+            const Spoilt spoilt = Spoil(seed, still, Self()->address);
+            const std::string reply = Ask("785|showstack|32768"); // nobody is held
+            EXPECT_TRUE(reply.empty() || reply.find("\x1f") != std::string::npos) << "seed " << seed;
+            Read(reply);
+            Mend(spoilt);
+        }
+        ExpectTruth(scene);
+        Ask("SHUTDOWN");
+    });
+    EndScene(&scene);
+}
 
 TEST(CompressedStream, ReadsTheTextsThatTheCompilerWrites) {
     struct {
