@@ -94,6 +94,10 @@ constexpr Views DIRECT_VIEWS = {
     nullptr,
     nullptr,
     [] {
+        if (reqid & QORREQ_DB_XTIER) { // no connection is read yet
+            ReplyUninitialized();
+            return;
+        }
         QorText reply;
         QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
         PrintSunThreads(reqid, &reply, console_args);

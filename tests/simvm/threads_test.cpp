@@ -148,10 +148,11 @@ std::map<std::string, Shown> Read(const std::string &reply) {
 
 // Asks until each thread that runs has stopped in time; on a busy machine some don't.
 std::map<std::string, Shown> Poll(const Scene &scene) {
-    for (;;) {
+    for (int polls = 1;; polls++) {
         std::map<std::string, Shown> threads = Read(Ask("793|showstack|32768"));
-        if (std::all_of(scene.runners.begin(), scene.runners.end(),
-                        [&](Runner *runner) { return !threads[Key(*runner->info)].frames.empty(); }))
+        if (polls == 500 || std::all_of(scene.runners.begin(), scene.runners.end(), [&](Runner *runner) {
+                return !threads[Key(*runner->info)].frames.empty();
+            }))
             return threads;
     }
 }
