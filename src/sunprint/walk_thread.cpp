@@ -9,8 +9,6 @@ int32_t stack_trace_error;
 
 namespace {
 
-constexpr int32_t NO_HOLD_YET = 0;
-
 // One hold, where a fault or a time-out can find it.
 struct Held {
     QorHold hold;
@@ -24,7 +22,7 @@ Held Hold(const QorThreadFacts &facts, bool again, QorRegisters *registers) {
     if (hold && QorAwaitHeld(hold, registers))
         held.hold = hold;
     else
-        *held.shared = NO_HOLD_YET;
+        *held.shared = 0;
     return held;
 }
 
@@ -34,7 +32,7 @@ bool Release(const Held &held) {
         return true;
     const bool whole = QorStillHeld(held.hold);
     qor_resume_thread(held.hold);
-    *held.shared = NO_HOLD_YET;
+    *held.shared = 0;
     return whole;
 }
 
