@@ -26,6 +26,6 @@ int32_t QorReadStringField(jobject object, const char *field, char *dest, int32_
 // "" for a range that isn't one.
 void QorReadByteText(jbyteArray bytes, int32_t offset, int32_t length, char *dest, int32_t capacity);
 
-// Replaces what is secret in a connection's URL by "***": the value of each property whose name ends in
-// "password", and what follows the user in front of an "@". The text doesn't grow.
+// Replaces what is secret in a URL by "***": the value of each property whose name ends in "password",
+// "passwd", "pwd", "secret" or "token", and what follows the user in front of an "@". The text doesn't grow.
 void QorHidePasswords(char *url);

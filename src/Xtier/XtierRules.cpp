@@ -148,8 +148,8 @@ bool ReadRemoteCall(const QorPathEnd &found, QorTierField field, QorRmiCallData 
     switch (field) {
     case TIER_PORT:
         return ReadPort(found, record);
-    case TIER_NAME:
-        return ReadText(found, record->jndiName, sizeof record->jndiName);
+    case TIER_NAME: // that of a request is its path, with the query
+        return ReadUrl(found, record->jndiName, sizeof record->jndiName);
     case TIER_URL:
         return ReadRemoteUrl(found, record);
     case TIER_SOCKET:

@@ -118,6 +118,8 @@ TEST_F(Rules, RemoteCallsHaveHostPortAndName) {
         {"8080", "host any,Ljava/lang/Object;\nport text,Ljava/lang/String;", "text of any:8080", ""},
         {"80800", host + "\nport text,Ljava/lang/String;" + socket, "80800:" + port, ""},
         {"-1", host + "\nport none,I", "-1:0", ""},
+        {"/x?token=abcd", "host any,Ljava/lang/Object;\nname text,Ljava/lang/String;", "text of any:0",
+         "/x?token=***"},
     };
     Plant(driver, "head,I", "17");
     for (const auto &call : CALLS) {

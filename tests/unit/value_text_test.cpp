@@ -87,11 +87,18 @@ TEST(ValueText, HidesPasswordsOfUrls) {
     struct {
         std::string url, shown;
     } cases[] = {
-        {"jdbc:postgresql://h:5432/shop?user=a@b&password=secret&sslPassword=x;ssl=true",
-         "jdbc:postgresql://h:5432/shop?user=a@b&password=***&sslPassword=*;ssl=true"},
+        {"jdbc:postgresql://h:5432/shop?user=a@b&password=secret&sslPassword=x&ssl=true",
+         "jdbc:postgresql://h:5432/shop?user=a@b&password=***&sslPassword=*&ssl=true"},
+        {"jdbc:x://h?password=a;b,c", "jdbc:x://h?password=***"},
         {"jdbc:mysql://scott:ti:ger/x@h/shop", "jdbc:mysql://scott:***@h/shop"},
         {"jdbc:mysql://scott@h:3306/shop", "jdbc:mysql://scott@h:3306/shop"},
         {"jdbc:tessar:thin:scott/tiger@h:1521:SHOP", "jdbc:tessar:thin:scott/***@h:1521:SHOP"},
+        {"jdbc:h2:mem:x;PASSWORD=a, b)&c;USER=a", "jdbc:h2:mem:x;PASSWORD=***;USER=a"},
+        {"jdbc:mysql://(host=h,password2=pqrs,user=a)/x", "jdbc:mysql://(host=h,password2=***,user=a)/x"},
+        {"jdbc:sqlserver://h;pwd={a;b};accessToken=abcd", "jdbc:sqlserver://h;pwd=***;accessToken=***"},
+        {"http://u:abcd@h:80/a:b@c", "http://u:***@h:80/a:b@c"},
+        {"http://h:80/a@b", "http://h:80/a@b"},
+        {"/a/b@c", "/a/b@c"},
         {"jdbc:tessar:thin:@//h:1521/SHOP", "jdbc:tessar:thin:@//h:1521/SHOP"},
         {"jdbc:sqlserver://h:1433;user=a;password=", "jdbc:sqlserver://h:1433;user=a;password="},
         {"", ""},
