@@ -208,7 +208,8 @@ const char *ReadObject(Arena *arena, Text rest) {
     if (!IsClassSignature(signature))
         return "an object's signature needs the form Lpackage/Class; with slashes";
     const QorTierWay *ways = arena->ways + arena->wayCount;
-    arena->objects[arena->objectCount++] = {signature, kind, arena->lines, isRead, TIER_UNTRIED, ways, ways};
+    arena->objects[arena->objectCount++] = {signature,    kind, arena->lines, isRead,
+                                            TIER_UNTRIED, {},   ways,         ways};
     return nullptr;
 }
 
@@ -281,6 +282,32 @@ bool IsState(const Prefixes &states, Text name) {
     return state != states.list && BeginsWith(name, state[-1]);
 }
 
+// A product by the first two parts of its packages: of "Lorg/driver/net/A;" it is "org/driver".
+Text ProductOf(Text signature) {
+    Text rest = Piece(signature, 1);
+    Take(&rest, "/");
+    Take(&rest, "/");
+    return Piece(signature, 1, signature.size() - rest.size() - 2);
+}
+
+// Whether a state of the kind is one of classes of the product, whose name has slashes.
+bool HasState(const Prefixes &states, Text product) {
+    return std::any_of(states.list, states.list + states.count, [product](Text state) {
+        return std::equal(product.begin(), product.end(), state.begin(),
+                          state.begin() + std::min(state.size(), product.size()),
+                          [](char a, char b) { return a == (b == '.' ? '/' : b); });
+    });
+}
+
+void NameProducts(Arena *arena) {
+    for (int32_t i = 0; i < arena->objectCount; i++) {
+        QorTierObject &object = arena->objects[i];
+        const Text product = ProductOf(object.signature);
+        if (object.isRead || HasState(arena->states[object.kind == TIER_RMI], product))
+            object.product = product;
+    }
+}
+
 void SortTables(Arena *arena) {
     arena->filter.Clear();
     for (Prefixes &states : arena->states) {
@@ -288,6 +315,7 @@ void SortTables(Arena *arena) {
         for (int32_t i = 0; i < states.count; i++)
             arena->filter.AddStart(states.list[i]);
     }
+    NameProducts(arena);
     for (int32_t i = 0; i < arena->frameCount; i++)
         arena->filter.AddName(arena->frames[i].className);
     std::sort(arena->frames, arena->frames + arena->frameCount,

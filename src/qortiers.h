@@ -62,6 +62,8 @@ struct QorTierObject {
     int32_t line;
     bool isRead;
     QorTierFit fit; // of one with isRead; who follows its ways sets it
+    std::string_view
+        product; // whose class it is; "" when no `state` and no "read" says that it's a product's
     const QorTierWay *begin, *end;
 };
 // Those of one class, in the order of the text.

@@ -174,6 +174,13 @@ void ReadThread(const QorXtierLocationInfo &location) {
         NoteConnection(location.threadName, location.threadKey);
 }
 
+// Whether the row has a place for what comes by a rule known from sources alone.
+bool ShowsReadRule(const QorXtierPositions &at) {
+    const uint32_t kinds = calls.byRules.kindsByRead;
+    return ((kinds & TIER_DB) && at.dbStart >= 0) || ((kinds & TIER_RMI) && at.rmiStart >= 0) ||
+           ((kinds & TIER_WEB) && at.requestStart >= 0) || (kinds & TIER_FILE);
+}
+
 // Data that has no column goes to the Java side. The server's comes first, as it clears the file.
 void HandToE2E(const QorXtierLocationInfo &location) {
     const int64_t thread = location.threadId;
@@ -181,7 +188,7 @@ void HandToE2E(const QorXtierLocationInfo &location) {
         QorInsertDataToE2EBuf(thread, LOCAL_APP_SERVER_CALL, calls.server, calls.file, calls.network);
     if (calls.file.fileName[0])
         QorInsertDataToE2EBuf(thread, LOCAL_FILE_CALL, calls.server, calls.file, calls.network);
-    if (calls.byRules.kindsByRead)
+    if (ShowsReadRule(location.at))
         QorMarkE2EByReadRule(thread);
     if (calls.network.fd > 0) {
         QORLOG(LOG_TRACE, "InsertDataToE2EBuf with thread ID %d Network Data %d %d %s\n",

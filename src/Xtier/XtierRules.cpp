@@ -209,7 +209,15 @@ void Judge(const QorPathEnd &found, QorTierObject *object) {
            static_cast<int>(object->signature.size()), object->signature.data());
 }
 
+// Whose call the record of this kind is; null for the others, which are one text.
+std::string_view *ProductOf(uint32_t kind, QorRuleRecords *records) {
+    return kind == TIER_DB ? &records->databaseProduct : kind == TIER_RMI ? &records->rmiProduct : nullptr;
+}
+
 void ReadObject(jobject object, QorTierObject *line, bool lastOnes, QorRuleRecords *records) {
+    std::string_view *const product = line->product.empty() ? nullptr : ProductOf(line->kind, records);
+    if (product && !product->empty() && *product != line->product)
+        return; // a driver that is called inside another one's call: two calls don't mix
     for (const QorTierWay *way = line->begin; way != line->end && line->fit != TIER_OFF; way++) {
         if (way->isLast != lastOnes || !IsWanted(*records, line->kind, way->field))
             continue;
@@ -219,7 +227,11 @@ void ReadObject(jobject object, QorTierObject *line, bool lastOnes, QorRuleRecor
         const QorPathEnd found = QorFollowPath(way->way, object);
         if (way == line->begin)
             Judge(found, line);
-        if ((found.object || found.isNumber) && Read(found, line->kind, way->field, records) && line->isRead)
+        if ((!found.object && !found.isNumber) || !Read(found, line->kind, way->field, records))
+            continue;
+        if (product)
+            *product = line->product;
+        if (line->isRead)
             records->kindsByRead |= line->kind;
     }
 }
@@ -240,6 +252,7 @@ void QorClearRuleRecords(QorRuleRecords *records) {
     QorClearRmiCallData(&records->rmi);
     records->url[0] = records->file[0] = 0;
     records->kindsByRead = 0;
+    records->databaseProduct = records->rmiProduct = {};
 }
 
 void QorReadThreadByRules(const QorAllThreadLocalInfoList *newest, int64_t threadId,

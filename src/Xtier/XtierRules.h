@@ -1,8 +1,9 @@
 // What the rules of qortiers.h have of a thread: database call, request, remote call and file.
 //
 // The entries of a thread's frames add up: for each way of an object whose field is still empty, follow it
-// and store what it leads to. A way that doesn't fit the object (another version's fields, a null on the way,
-// an index outside) leaves its field empty. Worker only, on the session's environment.
+// and store what it leads to. Of two products that call each other the one nearer to the top of the stack
+// counts. A way that doesn't fit the object (another version's fields, a null on the way, an index outside)
+// leaves its field empty. Worker only, on the session's environment.
 #pragma once
 
 #include "CallRecords.h"
@@ -13,7 +14,8 @@ struct QorRuleRecords {
     QorRmiCallData rmi;
     char url[REQUEST_TEXT_SIZE];
     char file[DB_URL_SIZE];
-    uint32_t kindsByRead; // TIER_OBJECTS that a rule marked "read" has added to
+    uint32_t kindsByRead;                         // TIER_OBJECTS that a rule marked "read" has added to
+    std::string_view databaseProduct, rmiProduct; // whose calls they are; the text belongs to the rules
 };
 
 void QorClearRuleRecords(QorRuleRecords *records);

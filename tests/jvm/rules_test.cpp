@@ -64,6 +64,25 @@ TEST_F(Rules, FollowEachWayOfAnEmptyField) {
     }
 }
 
+TEST_F(Rules, ACallInsideAnotherProductsCallTakesNothingOfIt) {
+    jobject const outer = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+    for (const bool isProduct : {false, true}) {
+        EXPECT_EQ("", SetTiers(std::string("state db qoragent.testing.\n") +
+                               (isProduct ? "state db java.lang.\n" : "") +
+                               "object db Lqoragent/testing/Driver;\nurl text,Ljava/lang/String;\n"
+                               "object db Ljava/lang/Thread;\nuser name,Ljava/lang/String;"));
+        ModelEntry entry(LOCAL_BY_RULES, SIGNATURE, driver);
+        entry.tiers = TIER_OBJECTS;
+        entry.ruleObjects[0] = {driver, QorFindTierObjects(SIGNATURE)};
+        entry.ruleObjects[1] = {outer, QorFindTierObjects("Ljava/lang/Thread;")};
+        entry.ruleObjectCount = 2;
+        QorClearRuleRecords(&records);
+        QorReadThreadByRules(&entry, entry.threadId, &records);
+        EXPECT_STREQ("text", record.url);
+        EXPECT_EQ(isProduct, !record.user[0]);
+    }
+}
+
 TEST_F(Rules, AWrongWayLeavesItsFieldEmpty) {
     const std::string queue = "queue,[Ljava/lang/Object;@head", bytes = "bytes,[B:from:to";
     const struct {
