@@ -80,11 +80,13 @@ class Tiers(OfTheDemo):
         self.assertEqual(self.answer("tiers", self.app.pid, "--json").json()["rules"], long)
         self.check_threads({t["name"]: t for t in self.threads(self.app)})  # by the tables
         self.answer("tiers", self.app.pid, "-", text="frame web qoragent.demo.Payments$Settlement *\n"
-                    "object web Lqoragent/demo/Payments$Settlement; read\nurl name,Ljava/lang/String;\n")
+                    "object web Lqoragent/demo/Payments$Settlement; read\nurl name,Ljava/lang/String;\n"
+                    "frame db qoragent.demo.Payments$Refund *\n"
+                    "object db Lqoragent/demo/Payments$Refund; read\nurl name,Ljava/lang/String;\n")
         threads = {t["name"]: t for t in self.threads(self.app)}
         holder = threads["demo-lock-holder"]
         self.assertEqual((holder["request"]["url"], holder["rule"]), ("demo-lock-holder", "read"))
-        self.assertNotIn("rule", threads["demo-web"])
+        self.assertNotIn("rule", threads["demo-lock-wanter"])  # whose URL has no place in its row
 
     def test_figures_grow(self):
         cpu, allocated = [], []
