@@ -247,6 +247,46 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
 
 INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::Range(0, 3));
 
+// Among threads that come and go, collections and foreign signals, every frame shown was one: the outer part
+// of what some thread of that id had.
+TEST(DirectStorm, ShowsOnlyWhatWasTrue) {
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    Script main = MainScript();
+    EmitScript(&main);
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0);
+        StartStorm({});
+        size_t stacks = 0, wrong = 0;
+        while (stacks < 500 && wrong == 0) {
+            const std::map<std::string, Shown> threads = Read(Ask("793|showstack|32768"));
+            const std::vector<Lived> lived = LivedSoFar();
+            for (const auto &[key, shown] : threads) {
+                const int32_t id = atoi(key.substr(key.find('-') + 1).c_str());
+                const bool wasSo = std::any_of(lived.begin(), lived.end(), [&](const Lived &life) {
+                    std::vector<std::string> frames;
+                    for (const Scope &scope : ShadowStack(*life.script))
+                        frames.push_back(FrameText(scope));
+                    if (life.script->rest == Rest::CALLS) // what it calls again and again is the same method
+                        frames.insert(frames.begin(), 2, std::string(frames[0]));
+                    return life.kernelId == id && frames.size() >= shown.frames.size() &&
+                           std::equal(shown.frames.rbegin(), shown.frames.rend(), frames.rbegin());
+                });
+                const bool told = !shown.frames.empty() && id != getpid();
+                stacks += told;
+                if (!told || wasSo)
+                    continue;
+                wrong++;
+                for (const std::string &frame : shown.frames)
+                    ADD_FAILURE() << shown.name << " " << frame;
+            }
+        }
+        StopStorm();
+        Ask("SHUTDOWN");
+    });
+}
+
 // Whatever stands in the VM's memory, the process lives and a clean sample afterwards is right. A failure
 // names its seed; QOR_SPOILT=COUNT asks for more of them, QOR_SEED for others.
 TEST(SpoiltMemory, HarmsNobody) {
