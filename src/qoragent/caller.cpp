@@ -75,7 +75,7 @@ void GiveUp() {
     QORLOG(LOG_NOTE, "Request TIMED OUT");
     thread_timed_out = 1;
     const bool directRoad = !QorOnJvmtiRoad();
-    if (directRoad)
+    if (directRoad && agentstatus != AGENT_SHUTDOWN) // at a SHUTDOWN the worker ends the agent
         qor_terminate_child_thread();
     if (no_gc == 0)
         qor_enable_gc();
