@@ -8,6 +8,7 @@
 #include "platforms/linux.h"
 #include "platforms/memory_maps.h"
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 #include <unistd.h>
@@ -82,6 +83,17 @@ bool Ask(const BlobTable &table, uint32_t entry, const void *blob, bool *answer)
     return true;
 }
 
+// The blob's first bytes, and 0 for those that aren't mapped: it may be the last one of the code cache.
+bool CopyBlob(uint64_t blob, unsigned char (&copy)[COPIED_BYTES]) {
+    const uint64_t onPage = std::min<uint64_t>(COPIED_BYTES, VM_PAGE_SIZE - blob % VM_PAGE_SIZE);
+    memset(copy, 0, sizeof copy);
+    if (!QorPeek(blob, copy, onPage))
+        return false;
+    if (onPage < COPIED_BYTES)
+        QorPeek(blob + onPage, copy + onPage, COPIED_BYTES - onPage);
+    return true;
+}
+
 uint64_t HeadOf(uint64_t blob) {
     return QorWordAt(blob + offsets[BLOB_VIRTUAL_TABLE]);
 }
@@ -125,7 +137,7 @@ void QorAskBlob(uint64_t blob) {
     };
     alignas(16) unsigned char copy[COPIED_BYTES];
     uint64_t head = 0;
-    if (!QorPeek(blob, copy, sizeof copy))
+    if (!CopyBlob(blob, copy))
         return;
     memcpy(&head, copy + offsets[BLOB_VIRTUAL_TABLE], sizeof head);
     BlobTable *table = FindTable(head);
