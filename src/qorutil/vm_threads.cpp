@@ -30,15 +30,29 @@ bool Enter(const uint64_t *threads, int32_t nodes, uint64_t thread) {
 
 uint64_t listed[MAX_VM_THREADS]; // of QorIsListed
 
+constexpr int32_t LIST_TRIES = 3;
+
+// One walk along the list. False when it ended elsewhere than at the list's end.
+bool WalkList(uint64_t *threads, int32_t *nodes) {
+    uint64_t link = nsymbols[SYM_THREAD_LIST], thread = 0;
+    *nodes = 0;
+    while (QorPeekValue(link, &thread)) {
+        if (thread == 0)
+            return true;
+        if (*nodes == MAX_VM_THREADS || !Enter(threads, *nodes, thread))
+            return false;
+        threads[(*nodes)++] = thread;
+        link = thread + offsets[THREAD_NEXT];
+    }
+    return false;
+}
+
 } // namespace
 
 int32_t QorListThreads(uint64_t *threads) {
     int32_t nodes = 0;
-    uint64_t thread = QorWordAt(nsymbols[SYM_THREAD_LIST]);
-    while (thread != 0 && nodes < MAX_VM_THREADS && Enter(threads, nodes, thread)) {
-        threads[nodes++] = thread;
-        thread = QorWordAt(thread + offsets[THREAD_NEXT]);
-    }
+    for (int32_t i = 0; i < LIST_TRIES && !WalkList(threads, &nodes); i++)
+        QorForgetPages();
     return nodes;
 }
 

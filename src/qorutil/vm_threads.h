@@ -12,8 +12,8 @@
 enum : int32_t { MAX_VM_THREADS = 8191 };
 
 // Puts the JavaThreads of the list into `threads`, room for MAX_VM_THREADS, in the list's order. Returns
-// their number. The list ends at a null link, at one that can't be read, at a node seen before, or at the
-// limit.
+// their number. A walk ends at a null link, at one that can't be read, at a node seen before, or at the
+// limit; but for the first, a thread may have ended on the way, and two more walks are made.
 int32_t QorListThreads(uint64_t *threads);
 
 // True when `thread` is in the list as it is now, and its OSThread has this kernel id.
