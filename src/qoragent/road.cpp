@@ -107,7 +107,8 @@ void FinishDirectRoad(int32_t resolved) {
     init_status = StartReadersBetweenCollections();
     if (init_status != START_OK)
         return;
-    QorFindBlobTables();
+    if (QorFindBlobTables() == 0)
+        QORLOG(LOG_ERROR, "Stacks end at compiled code: libjvm's file can't be read");
     QorPrepareHolds(&QOR_HOLD_TESTS);
     direct_ready = 1;
 }
