@@ -56,12 +56,17 @@ std::string AskOnce(const Settings &settings, pid_t pid, const std::string &requ
     return connection.Ask(request, Seconds(settings.timeout));
 }
 
-void NoteLeftOutWalk(const Settings &settings, pid_t pid) {
+void NoteMissingTiers(const Settings &settings, pid_t pid) {
     try {
-        if (AskOnce(settings, pid, WalkStateRequest()).find("leftout=1") != std::string::npos)
+        std::string state = AskOnce(settings, pid, WalkStateRequest());
+        if (state.find("leftout=1") != std::string::npos)
             fmt::print(stderr, "qorctl: without data of other tiers, as requests by hand have read local "
                                "variables for their share of the last ten seconds (option handquota); ask "
                                "again in a while\n");
+        else if (state.find("cut=1") != std::string::npos)
+            fmt::print(stderr,
+                       "qorctl: data of other tiers may be missing, as the agent stopped reading local "
+                       "variables at its time limit; ask again\n");
     } catch (const Failure &) { // the view stands without it
     }
 }

@@ -36,7 +36,7 @@ std::string AskOnce(const Settings &settings, pid_t pid, const std::string &requ
 
 // Says on standard error when the sample just taken by hand has no data of other tiers because such samples
 // had their share of time.
-void NoteLeftOutWalk(const Settings &settings, pid_t pid);
+void NoteMissingTiers(const Settings &settings, pid_t pid);
 
 // The rules in force by which drivers and containers are read. Throws a Failure when the agent knows none.
 std::string ReadTiers(const Settings &settings, Connection *connection);

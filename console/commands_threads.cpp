@@ -161,7 +161,7 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
             KeepMatching(&sample, command.match);
         ShowThreads(settings, command, sample, process.threads, unknown);
         if (command.watch <= 0)
-            NoteLeftOutWalk(settings, pid);
+            NoteMissingTiers(settings, pid);
     });
 }
 
@@ -172,7 +172,7 @@ void RunStack(const Settings &settings, pid_t pid, const std::string &thread, do
         PrintView(settings, watch, ToJson(sample),
                   ThreadDump(sample, TerminalStyle(settings)) + StackNotes(sample) + "\n");
         if (watch <= 0)
-            NoteLeftOutWalk(settings, pid);
+            NoteMissingTiers(settings, pid);
     });
 }
 

@@ -25,7 +25,7 @@ void ShowPortHolder(const Settings &settings, pid_t pid, unsigned port) {
     std::optional<PortHolder> holder = FindPortHolder(AskForCalls(settings, pid, false), port);
     if (!holder)
         holder = DecodePortHolder(OpenReply(AskOnce(settings, pid, PortHolderRequest(port))));
-    NoteLeftOutWalk(settings, pid);
+    NoteMissingTiers(settings, pid);
     if (!holder)
         throw Failure(fmt::format("the agent has seen no connection with client port {}", port),
                       "it knows the last 100 connections that a thread was in a call on when it looked; ask "
@@ -72,7 +72,7 @@ void RunConnections(const Settings &settings, pid_t pid, int port, double watch)
         }
         PrintView(settings, watch, json, text);
         if (watch <= 0)
-            NoteLeftOutWalk(settings, pid);
+            NoteMissingTiers(settings, pid);
     });
 }
 

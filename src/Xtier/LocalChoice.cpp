@@ -145,6 +145,7 @@ int32_t QorFetchFoundObjects(jvmtiEnv *env) {
             return error;
         lookedUp += count;
         if (lookedUp < gbQorTagCount && QorLocalWalkTimeIsUp()) {
+            gbQorLocalWalkOutcome.notLookedUp = gbQorTagCount - lookedUp;
             QORLOG(LOG_DETAIL, "no time to look up %d of %d locals", gbQorTagCount - lookedUp, gbQorTagCount);
             gbQorTagBase += gbQorTagCount; // their tags stay, older than any of the next walk
             break;

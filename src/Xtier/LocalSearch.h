@@ -60,6 +60,7 @@ struct QorLocalWalkOutcome {
     int64_t usec;         // time taken until then
     int32_t missingInfos; // stack locals that the JVM told nothing of
     int32_t passedOver;   // objects that found no room
+    int32_t notLookedUp;  // objects left for lack of time after the walk
 };
 
 extern jvmtiEnv *gbQorLocalWalkEnv;       // of all walks, with the marks on classes; null before the first

@@ -118,6 +118,12 @@ void LogCallbackLines(int64_t end) {
     }
 }
 
+// Whether objects may be missing that a longer walk would have found.
+bool WasCut() {
+    const QorLocalWalkOutcome &outcome = gbQorLocalWalkOutcome;
+    return outcome.end == WALK_OUT_OF_TIME || outcome.passedOver > 0 || outcome.notLookedUp > 0;
+}
+
 void LogWalk(int64_t start, int64_t end) {
     LogCallbackLines(end);
     if (threadCount != 0)
@@ -223,6 +229,7 @@ int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list) {
     const int32_t walkError = Follow(heapReferenceAllObjectCallback, nullptr);
     const int32_t tagError = CollectObjects();
     const int64_t end = qorLocalWalkClock(); // the look-up of tags keeps the JVM's threads too
+    gbQorWalkCut = WasCut();
     LogWalk(start, end);
     getNextLocalObjTime(start, end);
     if (tagError != JVMTI_ERROR_NONE)

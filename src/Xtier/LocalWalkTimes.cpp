@@ -110,6 +110,7 @@ int64_t lIterationTotalCount;
 int64_t lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
 int64_t gbQorLastWalkUsec = -1;
 bool gbQorWalkLeftOut;
+bool gbQorWalkCut;
 
 int32_t QorLocalWalkQuota() {
     return std::clamp(qorGetLocalObjectsQuotaPct, 0, ALL_TIME);
@@ -178,7 +179,7 @@ void QorForgetLocalWalks() {
     std::fill(std::begin(handUsec), std::end(handUsec), 0);
     handSecond = handWalkEnd = 0;
     gbQorLastWalkUsec = -1;
-    gbQorWalkLeftOut = false;
+    gbQorWalkLeftOut = gbQorWalkCut = false;
 }
 
 void QorReportLocalWalks(int64_t now, int32_t walkError, int32_t tagError) {

@@ -24,10 +24,11 @@ extern int64_t lIterationTotalCount;         // their callbacks
 // The share of time that walks may take, 0 to 100 percent.
 int32_t QorLocalWalkQuota();
 
-// What NoProcessing|walkstate tells: the time of the last walk, -1 before the first, and whether the last
-// sample that wanted one was left without.
+// What NoProcessing|walkstate reports: the time of the last walk, -1 before the first, and of the last sample
+// whether it was left without one that it wanted, or had one that its budget ended.
 extern int64_t gbQorLastWalkUsec;
 extern bool gbQorWalkLeftOut;
+extern bool gbQorWalkCut;
 
 // Whether a walk may start now; logs and notes one that is left out.
 bool QorLocalWalkIsDue(int64_t now);

@@ -370,7 +370,7 @@ int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKe
 void QorInsertXtierData(QorText *reply) {
     if (no_locals) // the rows keep their empty fields, as without room in the quota
         return;
-    gbQorWalkLeftOut = false;
+    gbQorWalkLeftOut = gbQorWalkCut = false;
     if (!localList || !firstLocation || QorGetLocalVariableForAllThread(localList) != 0)
         return;
     QorInsertion insertion;
@@ -391,7 +391,7 @@ void QorInsertXtierData(QorText *reply) {
 
 QorStackViewData QorReadStackViewData() {
     ClearRecords();
-    gbQorWalkLeftOut = false;
+    gbQorWalkLeftOut = gbQorWalkCut = false;
     if (localList && QorGetLocalVariableForAllThread(localList) == 0) {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         TellMissingFrame(frame);

@@ -69,8 +69,8 @@ void SetHandQuota(char *value) {
 
 void ShowWalkState(char *) {
     const int64_t usec = gbQorLastWalkUsec;
-    QOR_REPLY("walk=%ld leftout=%d handquota=%d", usec < 0 ? -1L : static_cast<long>(usec / 1000),
-              gbQorWalkLeftOut, qorHandWalkQuotaPct);
+    QOR_REPLY("walk=%ld leftout=%d handquota=%d cut=%d", usec < 0 ? -1L : static_cast<long>(usec / 1000),
+              gbQorWalkLeftOut, qorHandWalkQuotaPct, gbQorWalkCut);
 }
 
 void ReadRules(char *value) {

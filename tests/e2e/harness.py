@@ -163,7 +163,7 @@ class Case(unittest.TestCase):
 class OfTheDemo(Case):
     """A group whose tests look into one demo application, with an agent in it."""
     FLAGS = ()
-    OPTIONS = ("--options", "handquota=100")  # of attach: tests ask more often than people
+    OPTIONS = ("--options", "handquota=100,localquota=100")  # of attach: tests ask more often than people
 
     @classmethod
     def setUpClass(cls):

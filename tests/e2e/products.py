@@ -156,7 +156,7 @@ class Products(Case):
         if SETTINGS.version < oldest:
             self.skipTest(f"Tomcat {tomcat} needs Java {oldest}")
         with Shop(tomcat, package, self.server, options) as shop:
-            self.answer("attach", shop.process.pid, "--options", "dbquery=1,handquota=100")
+            self.answer("attach", shop.process.pid, "--options", "dbquery=1,handquota=100,localquota=100")
             self.check(shop, "cold")
             if SETTINGS.version >= 9:
                 shop.warm_up(anchors)

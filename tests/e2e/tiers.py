@@ -13,7 +13,7 @@ FOLDER = os.path.dirname(os.path.realpath(__file__))
 
 
 class Tiers(OfTheDemo):
-    OPTIONS = ("--options", "dbquery=1,handquota=100")
+    OPTIONS = ("--options", "dbquery=1,handquota=100,localquota=100")
     SQL = re.compile(r"select id, total from orders where state = 'open' order by placed$")
 
     @classmethod
@@ -58,7 +58,7 @@ class Tiers(OfTheDemo):
 
     def test_samples_by_hand_have_a_share_of_time(self):
         quota, state = "516|NoProcessing|handquota|", "516|NoProcessing|walkstate"
-        self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=-?\d+ leftout=0 handquota=100\n\Z")
+        self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=-?\d+ leftout=0 handquota=100 cut=0\n\Z")
         self.assertEqual(self.answer("raw", self.app.pid, quota + "1").out.strip(), "Changed handquota to 1")
         self.addCleanup(self.answer, "raw", self.app.pid, quota + "100")
         asked = qorctl("threads", self.app.pid, "--json")
@@ -67,7 +67,7 @@ class Tiers(OfTheDemo):
             asked = qorctl("threads", self.app.pid, "--json")
         self.assertRegex(asked.err, r"\Aqorctl: without data of other tiers, .*handquota.*\n\Z")
         self.assertNotIn("request", {t["name"]: t for t in asked.json()["threads"]}["demo-web"])
-        self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=\d+ leftout=1 handquota=1\n\Z")
+        self.assertRegex(self.answer("raw", self.app.pid, state).out, r"\Awalk=\d+ leftout=1 handquota=1 cut=0\n\Z")
 
     def test_rules_are_shown_and_replaced(self):
         with open(f"{FOLDER}/../../java/tiers.rules", encoding="utf-8") as file:
@@ -158,7 +158,7 @@ class OwnDriver(Case):
         self.addCleanup(self.process.communicate)
         self.port = int(self.process.stdout.readline().split()[1])
         self.pid = self.process.pid
-        self.answer("attach", self.pid, "--options", "dbquery=1,handquota=100")
+        self.answer("attach", self.pid, "--options", "dbquery=1,handquota=100,localquota=100")
 
     def test_the_rule_of_the_documentation_reads_it(self):
         hint = "2 threads wait in org.acme.db.*: no rule; see docs/cross-tier.md\n"

@@ -594,6 +594,7 @@ TEST_F(LocalWalks, LookUpWithinTheirBudget) {
         ASSERT_LT(walks, 10);
         EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
         EXPECT_EQ(nextFollowRefTime, fakeNow + (gbQorTagBase != left ? 18 : 9) * SECOND) << walks;
+        EXPECT_EQ(gbQorWalkCut, gbQorTagBase != left) << walks;
         for (const Found &row : listing.found())
             EXPECT_TRUE(!row.object || row.thread == "zoo-looked-up");
     }
