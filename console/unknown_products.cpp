@@ -24,9 +24,9 @@ struct JdbcCall {
     std::string_view class_part, method;
 };
 constexpr JdbcCall JDBC_CALLS[] = {
-    {"Statement", "execute"},        {"Statement", "getMoreResults"},    {"ResultSet", "next"},
-    {"Connection", "commit"},        {"Connection", "rollback"},         {"Connection", "isValid"},
-    {"Connection", "setAutoCommit"}, {"Connection", "prepareStatement"}, {"Driver", "connect"},
+    {"Statement", "execute"},           {"Statement", "getMoreResults"}, {"ResultSet", "next"},
+    {"Connection", "commit"},           {"Connection", "rollback"},      {"Connection", "setAutoCommit"},
+    {"Connection", "prepareStatement"},
 };
 
 bool StartsWith(std::string_view text, std::string_view start) {
@@ -50,7 +50,10 @@ std::string_view Segments(std::string_view class_name, int count) {
 
 bool IsJdbcCall(const Frame &frame) {
     std::string_view simple = frame.class_name;
-    simple.remove_prefix(simple.rfind('.') + 1);
+    size_t point = simple.rfind('.');
+    if (point == simple.npos)
+        return false; // no product is without a package
+    simple.remove_prefix(point + 1);
     return std::any_of(std::begin(JDBC_CALLS), std::end(JDBC_CALLS), [&](const JdbcCall &call) {
         return simple.find(call.class_part) != simple.npos && StartsWith(frame.method, call.method);
     });
@@ -72,14 +75,18 @@ public:
         }
     }
 
+    bool MatchState(const Thread &thread) const {
+        return std::any_of(thread.stack.begin(), thread.stack.end(),
+                           [&](const Frame &frame) { return IsOf(frame.class_name, states_); });
+    }
+
     // Of containers, or of anything else.
-    bool Match(const Thread &thread, bool container) const {
+    bool MatchFrame(const Thread &thread, bool container) const {
         return std::any_of(thread.stack.begin(), thread.stack.end(), [&](const Frame &frame) {
-            return (!container && IsOf(frame.class_name, states_)) ||
-                   std::any_of(frames_.begin(), frames_.end(), [&](const Fields &words) {
-                       return (words[1] == "web") == container && words[2] == frame.class_name &&
-                              (words[3] == "*" || words[3] == frame.method);
-                   });
+            return std::any_of(frames_.begin(), frames_.end(), [&](const Fields &words) {
+                return (words[1] == "web") == container && words[2] == frame.class_name &&
+                       (words[3] == "*" || words[3] == frame.method);
+            });
         });
     }
 
@@ -125,13 +132,14 @@ const Frame *ContainerFrame(const Thread &thread) {
                : &caller;
 }
 
-void Count(const Frame &frame, bool container, std::vector<UnknownProduct> *products) {
+void Count(const Frame &frame, bool container, bool lacks_state, std::vector<UnknownProduct> *products) {
     std::string package(Segments(frame.class_name, 3));
     auto known = std::find_if(products->begin(), products->end(), [&](const UnknownProduct &product) {
-        return product.package == package && product.container == container;
+        return product.package == package && product.container == container &&
+               product.lacks_state == lacks_state;
     });
     if (known == products->end())
-        known = products->insert(known, {package, container, 0});
+        known = products->insert(known, {package, container, lacks_state, 0});
     ++known->threads;
 }
 
@@ -150,10 +158,10 @@ std::vector<UnknownProduct> FindUnknownProducts(const ThreadSample &stacks, std:
     std::vector<UnknownProduct> products;
     for (const Thread &thread : stacks.threads) {
         const Frame *driver = DriverFrame(thread), *container = ContainerFrame(thread);
-        if (driver && !rules.Match(thread, false))
-            Count(*driver, false, &products);
-        if (container && !rules.Match(thread, true))
-            Count(*container, true, &products);
+        if (driver && !rules.MatchState(thread))
+            Count(*driver, false, rules.MatchFrame(thread, false), &products);
+        if (container && !rules.MatchFrame(thread, true))
+            Count(*container, true, false, &products);
     }
     std::stable_sort(products.begin(), products.end(),
                      [](const UnknownProduct &a, const UnknownProduct &b) { return a.threads > b.threads; });
@@ -164,12 +172,12 @@ std::string UnknownProductsText(const std::vector<UnknownProduct> &products) {
     std::string text;
     for (const UnknownProduct &product : products) {
         bool one = product.threads == 1;
-        text += fmt::format("{} thread{} {} in {}.*: no rule; see docs/cross-tier.md\n", product.threads,
-                            one ? "" : "s",
-                            product.container ? one ? "serves a request" : "serve requests"
-                            : one             ? "waits"
-                                              : "wait",
-                            Printable(product.package));
+        text += fmt::format(
+            "{} thread{} {} in {}.*: {}; see docs/cross-tier.md\n", product.threads, one ? "" : "s",
+            product.container ? one ? "serves a request" : "serve requests"
+            : one             ? "waits"
+                              : "wait",
+            Printable(product.package), product.lacks_state ? "a rule without state" : "no rule");
     }
     return text;
 }
@@ -179,6 +187,7 @@ Json UnknownProductsJson(const std::vector<UnknownProduct> &products) {
     for (const UnknownProduct &product : products)
         array.push_back({{"package", product.package},
                          {"kind", product.container ? "web" : "db"},
+                         {"lacks_state", product.lacks_state},
                          {"threads", product.threads}});
     return array;
 }

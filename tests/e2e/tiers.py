@@ -165,7 +165,7 @@ class OwnDriver(Case):
         wait_until("the calls are hinted at", lambda: self.answer("threads", self.pid).out.endswith(hint))
         for view in ("threads", "connections"):
             told = self.answer(view, self.pid, "--json").json()["unknown_products"]
-            self.assertEqual(told, [{"package": "org.acme.db", "kind": "db", "threads": 2}])
+            self.assertEqual(told, [{"package": "org.acme.db", "kind": "db", "lacks_state": False, "threads": 2}])
         with open(f"{FOLDER}/../../docs/cross-tier.md", encoding="utf-8") as docs:
             rule = re.search(r"(?s)   ```\n(   state  db org.acme.*?)   ```", docs.read()).group(1)
         shipped = self.answer("tiers", self.pid).out

@@ -243,11 +243,12 @@ TEST(UnknownProducts, NeedEvidence) {
         {"Network Wait", call, "frame web a.b.c.Wire get\nobject db La/b/c/Wire;\n",
          "1 thread waits in a.b.d.*"},
         {"DB Wait", call, "", ""},
-        {"Network Wait", call, "  frame  db  a.b.d.PStatementImpl  *", ""},
+        {"Network Wait", call, "  frame  db  a.b.d.PStatementImpl  *", "1 thread waits in a.b.d.*"},
         {"Network Wait", call, "state db a.b.", ""},
         {"Network Wait", call.substr(socket.size()), "", ""},
         {"Network Wait", "sun.nio.ch.EPoll.wait " + call.substr(socket.size()), "", ""},
-        {"Network Wait", socket + "a.b.c.Connection.run x.Y.z", "", ""},
+        {"Network Wait", socket + "a.b.c.Connection.isValid x.Y.z", "", ""},
+        {"Network Wait", socket + "Connection.commit", "", ""},
         {"Network Wait", socket + "a.h.Client.get a.b.d.PStatementImpl.executeQuery", "", ""},
         {"Network Wait", socket + "a.b.D.read", "", ""},
         {"Lock", served + caller, "frame web javax.servlet.http.HttpServlet *",
@@ -259,7 +260,10 @@ TEST(UnknownProducts, NeedEvidence) {
     for (const auto &row : rows) {
         ThreadSample sample;
         sample.threads.push_back(InCalls(row.state, row.calls));
-        std::string end = row.hint.empty() ? "" : ": no rule; see docs/cross-tier.md\n";
+        std::string end = row.hint.empty()      ? ""
+                          : row.rules[0] == ' ' ? ": a rule without state"
+                                                : ": no rule";
+        end += row.hint.empty() ? "" : "; see docs/cross-tier.md\n";
         EXPECT_EQ(UnknownProductsText(FindUnknownProducts(sample, row.rules)), row.hint + end)
             << row.state << " " << row.calls << " " << row.rules;
         sample.threads[0].request_url = "/x";
