@@ -16,6 +16,7 @@ int32_t NUM_CHECK_TYPES;
 int32_t NUM_BASIC_TYPES;
 uint64_t method;
 uint64_t gbCallerJavaThread;
+int32_t gbCallerKernelId;
 
 namespace {
 
@@ -160,6 +161,7 @@ int32_t Fail(const char *reason) {
 
 int32_t QorCheckRow(uint64_t env, int32_t callerId) {
     gbCallerJavaThread = env - offsets[THREAD_ENV_WORDS] * VM_WORD_SIZE;
+    gbCallerKernelId = callerId;
     if (QorIsListed(gbCallerJavaThread, callerId))
         return 0;
     gbCallerJavaThread = 0;

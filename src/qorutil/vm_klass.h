@@ -49,9 +49,10 @@ extern int32_t NUM_BASIC_TYPES; // type ids below it are oops, in vm_types.h
 
 extern uint64_t method;             // what obtain_method found last
 extern uint64_t gbCallerJavaThread; // the JavaThread that called initvar, as a number: it may have ended
+extern int32_t gbCallerKernelId;    // and its kernel id, as another's JavaThread may have taken its place
 
 // Whether the row in force fits: the JavaThread that `env` lies in is in the JVM's list, and its kernel id is
-// the caller's. 0, or -1 with the reason logged. Sets gbCallerJavaThread.
+// the caller's. 0, or -1 with the reason logged. Sets the two above.
 int32_t QorCheckRow(uint64_t env, int32_t callerId);
 
 // Fills the tables above from four handles, as addresses: an ordinary object, a reference object, an array of

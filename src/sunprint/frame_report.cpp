@@ -119,7 +119,8 @@ bool QorLeavesIdleOut(const QorSampleRequest &request) {
 
 QorReport QorReportFrames(const QorWalkedThread &thread, const QorSampleRequest &request,
                           QorThreadText *out) {
-    out->state = thread.facts.address == gbCallerJavaThread ? DIRECT_OBJECT_WAIT : thread.facts.state;
+    const bool caller = thread.facts.address == gbCallerJavaThread && thread.facts.id == gbCallerKernelId;
+    out->state = caller ? DIRECT_OBJECT_WAIT : thread.facts.state;
     static QorFrameNames names; // 3 KB; the worker alone reports
     bool more = true;
     for (int32_t i = 0; i < thread.frames && more; i++) {
