@@ -82,13 +82,16 @@ void AppendRow(const QorSampleRequest &request, QorText *out, const QorFrameInfo
     out->refused = qorReplyIsCut = true;
 }
 
-// The current call: the application's first one, else the top frame.
-void NoteCall(QorThreadText *out, const QorFrameNames &names, bool system) {
-    if (out->userCall || (system && out->printed > 0))
-        return;
+void SetCall(QorThreadText *out, const QorFrameNames &names, bool system) {
     QorTextCut(&out->call, 0);
     AppendFrameGroup(&out->call, names);
     out->userCall = !system;
+}
+
+// The current call: the application's first one, else the top frame.
+void NoteCall(QorThreadText *out, const QorFrameNames &names, bool system) {
+    if (!out->userCall && (!system || out->printed == 0))
+        SetCall(out, names, system);
 }
 
 // One frame. REPORT_DROPPED ends the thread; false in *more ends its frames.
@@ -96,12 +99,16 @@ QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &req
                       const QorFrameInfo &frame, const QorFrameNames &names, QorThreadText *out, bool *more) {
     const bool first = out->printed == 0;
     const bool system = checkSystemCall(names.className, names.method) != 0;
+    const bool held = out->holds;
     if (!QorReportMonitors(thread, request, frame, names, first, out))
         return REPORT_DROPPED;
     out->state = QorRefineState(out->state, out->printed, names.className, names.method);
     if (QorLeavesIdleOut(request) && !checkPreActive(out->state))
         return REPORT_DROPPED;
-    NoteCall(out, names, system);
+    if (out->holds && !held)
+        SetCall(out, names, system); // where it holds the lock
+    else if (!out->holds)
+        NoteCall(out, names, system);
     if ((request.reqid & QORREQ_JUST_THREADS) && !system && checkCurrCall(names.className, names.method) == 0)
         out->state = DIRECT_OBJECT_WAIT;
     AppendRow(request, &out->rows, frame, names, system);
