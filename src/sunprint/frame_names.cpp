@@ -13,7 +13,7 @@
 namespace {
 
 constexpr uint32_t FLAG_STATIC = 0x8, FLAG_NATIVE = 0x100;
-constexpr int32_t MAX_BCI = 65535, MAX_LINE = 65535, MAX_TABLE = 4096;
+constexpr int32_t MAX_BCI = 65535, MAX_LINE = 65535, MAX_TABLE = 65536;
 
 // Marks of the line table: its end, and two whole numbers in place of the byte that holds both.
 constexpr uint8_t TABLE_END = 0, TABLE_LONG = 255;
@@ -32,7 +32,7 @@ bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int32_t *line) {
     }
     int32_t bciStep = 0, lineStep = 0;
     if (!get_int_from_compressed_stream(table, at, &bciStep) ||
-        !get_int_from_compressed_stream(table, at, &lineStep) || bciStep < 0 || bciStep > MAX_BCI ||
+        !get_int_from_compressed_stream(table, at, &lineStep) || bciStep < -MAX_BCI || bciStep > MAX_BCI ||
         lineStep < -MAX_LINE || lineStep > MAX_LINE)
         return false;
     *bci += bciStep;
@@ -44,7 +44,8 @@ bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int32_t *line) {
 // of its neighbour are read, which is why what comes out is held against what a line can be.
 int32_t FindLine(uint64_t table, int32_t wanted) {
     int32_t best = -1, bestLine = 0;
-    for (int32_t at = 0, bci = 0, line = 0; NextEntry(table, &at, &bci, &line) && bci <= MAX_BCI;) {
+    for (int32_t at = 0, bci = 0, line = 0;
+         NextEntry(table, &at, &bci, &line) && bci >= 0 && bci <= MAX_BCI;) {
         if (bci <= wanted && bci >= best) {
             best = bci;
             bestLine = line;

@@ -9,12 +9,12 @@ namespace {
 
 using F = FrameKind;
 
-// A frame in a method of four lines: 10 at its start, one at bci 8 that stands for the call, a far one
-// behind.
+// A frame in a method of four lines: 10 at its start, a far one, and last, as some compilers order them, one
+// at bci 8 that stands for the call.
 Scope In(const std::string &holder, const std::string &name, int line, Object *receiver = nullptr,
          std::vector<Object *> monitors = {}) {
     MethodInfo *method =
-        DefineMethod(holder, name, "()V", {{0, 10}, {8, line}, {45, line + 300}, {46, line + 1}},
+        DefineMethod(holder, name, "()V", {{0, 10}, {45, line + 300}, {46, line + 1}, {8, line}},
                      receiver ? 0 : METHOD_STATIC);
     return {method, 8, receiver, std::move(monitors)};
 }
