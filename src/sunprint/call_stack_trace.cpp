@@ -44,19 +44,17 @@ bool IsTheThread(const QorWalkedThread &thread, char **args) {
 
 } // namespace
 
-bool call_stack_trace(QorWalkedThread *thread, const QorSampleRequest &request, int32_t *looks) {
-    QorReadThreadName(thread->facts, thread->name);
-    QorFormatDirectKey(thread->facts, thread->key);
+bool call_stack_trace(const QorWalkedThread &thread, const QorSampleRequest &request, int32_t *looks) {
     const uint32_t reqid = request.reqid;
     if ((reqid & ~CHOOSING) || (reqid & QORREQ_SERVER_SCAN) ||
         (request.everyThread && (reqid & QORREQ_SAMPLING)))
         return true;
     const bool one = trace_single_thread_details && (reqid & QORREQ_SAMPLING);
     if ((reqid & (QORREQ_SAMPLING | QORREQ_DB_XTIER)) && !one)
-        return IsActive(thread->facts, request, looks);
-    if (!valid_oop(thread->facts.object))
+        return IsActive(thread.facts, request, looks);
+    if (!valid_oop(thread.facts.object))
         return false;
     if (reqid & QORREQ_LOCK_HOLDER)
-        return !IsKey(*thread, request.args[1]);
-    return IsTheThread(*thread, request.args);
+        return !IsKey(thread, request.args[1]);
+    return IsTheThread(thread, request.args);
 }

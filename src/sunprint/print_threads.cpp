@@ -27,6 +27,10 @@ char console_thread_buf[102400], console_call_buf[10240], mon_entry_buf[10240], 
 uint64_t listed[MAX_VM_THREADS];
 QorWalkedThread walked; // 3 KB
 
+// The heap just before facts and name of that thread were read.
+uint32_t collectionsBefore;
+bool collectingBefore;
+
 void StartTexts(QorThreadText *text) {
     *text = {};
     QorTextStart(&text->rows, console_thread_buf, sizeof console_thread_buf);
@@ -47,9 +51,27 @@ struct Attempts {
     bool isLast; // there is no later turn: a thread that doesn't stop is shown without frames
 };
 
-// Whether objects may have moved since `count` was taken.
-bool HasCollected(uint32_t count) {
-    return QorIsCollecting() || QorCollectionCount() != count;
+// Whether objects may have moved since the thread was looked at.
+bool HasCollected() {
+    return collectingBefore || QorIsCollecting() || QorCollectionCount() != collectionsBefore;
+}
+
+// Fills `walked` but for its frames. False when the memory is gone.
+bool LookAt(uint64_t thread) {
+    collectionsBefore = QorCollectionCount();
+    collectingBefore = QorIsCollecting();
+    if (!QorReadThreadFacts(thread, &walked.facts))
+        return false;
+    QorNoteSpaces();
+    QorReadThreadName(walked.facts, walked.name);
+    QorFormatDirectKey(walked.facts, walked.key);
+    return true;
+}
+
+// The same for another reading. False also when it has become another thread's.
+bool LookAgain() {
+    const int32_t id = walked.facts.id;
+    return LookAt(walked.facts.address) && walked.facts.id == id;
 }
 
 enum Reading { READ, READ_AGAIN, NO_ROW, LEFT_UNDONE };
@@ -72,8 +94,6 @@ Reading AfterCut(const QorDirectSample &sample, Attempts *attempts, QorThreadTex
 
 // One reading of the thread, its facts known.
 Reading ReadOnce(const QorDirectSample &sample, Attempts *attempts, QorThreadText *text) {
-    const uint32_t collections = QorCollectionCount();
-    QorNoteSpaces();
     switch (QorWalkThread(&walked, attempts->faults > 0, sample.request.reqid & WITH_MONITORS)) {
     case WALKED:
         break;
@@ -98,7 +118,7 @@ Reading ReadOnce(const QorDirectSample &sample, Attempts *attempts, QorThreadTex
         return AfterFault(attempts);
     if (report == REPORT_DROPPED)
         return NO_ROW;
-    if (HasCollected(collections)) {
+    if (HasCollected()) {
         if (++attempts->collections <= 1)
             return READ_AGAIN;
         KeepStateAlone(walked.facts, text);
@@ -122,7 +142,7 @@ bool PrintSunThreadStack(QorDirectSample *sample, bool isLast) {
     while (reading == READ_AGAIN && !qorLeave) {
         StartTexts(&text);
         reading = ReadOnce(*sample, &attempts, &text);
-        if (reading == READ_AGAIN && !QorReadThreadFacts(facts.address, &walked.facts))
+        if (reading == READ_AGAIN && !LookAgain())
             reading = NO_ROW;
     }
     if (reading == READ && QorStillThatThread(facts))
@@ -131,15 +151,12 @@ bool PrintSunThreadStack(QorDirectSample *sample, bool isLast) {
 }
 
 // Whether the thread counts, by a fresh look at it.
-bool LookAt(const QorDirectSample &sample, uint64_t thread, int32_t *looks) {
-    if (!QorReadThreadFacts(thread, &walked.facts))
-        return false;
-    QorNoteSpaces();
-    return call_stack_trace(&walked, sample.request, looks);
+bool Counts(const QorDirectSample &sample, uint64_t thread, int32_t *looks) {
+    return LookAt(thread) && call_stack_trace(walked, sample.request, looks);
 }
 
 void ReadThreadOfList(QorDirectSample *sample, uint64_t thread) {
-    if (!LookAt(*sample, thread, nullptr))
+    if (!Counts(*sample, thread, nullptr))
         return;
     if ((sample->request.reqid & QORREQ_SAMPLING) && walked.facts.lastSp == 0 && !trace_single_thread_details)
         add_queue_elem(thread);
@@ -166,7 +183,7 @@ void ReadQueue(QorDirectSample *sample) {
         while (QueueElem *elem = QorNextInQueue(&at)) {
             if (looks-- <= 0 || sample->ended || qorLeave)
                 return;
-            if (LookAt(*sample, elem->thread, &elem->looks))
+            if (Counts(*sample, elem->thread, &elem->looks))
                 ReadQueued(sample, elem);
         }
     }

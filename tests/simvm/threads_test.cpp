@@ -270,7 +270,8 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrue) {
                         frames.push_back(FrameText(scope));
                     if (life.script->rest == Rest::CALLS) // what it calls again and again is the same method
                         frames.insert(frames.begin(), 2, std::string(frames[0]));
-                    return life.kernelId == id && frames.size() >= shown.frames.size() &&
+                    return life.kernelId == id && life.name == shown.name &&
+                           frames.size() >= shown.frames.size() &&
                            std::equal(shown.frames.rbegin(), shown.frames.rend(), frames.rbegin());
                 });
                 const bool told = !shown.frames.empty() && id != getpid();
