@@ -196,6 +196,8 @@ void ReadThreads(QorDirectSample *sample) {
     for (int32_t i = 0; i < count && !sample->ended && !qorLeave; i++)
         ReadThreadOfList(sample, listed[i]);
     ReadQueue(sample);
+    if (qorLeave && !sample->ended)
+        qorReplyIsCut = true;
     QorTendHolds();
 }
 
