@@ -17,23 +17,24 @@ bool Fresh(uint64_t address, T *out) {
 } // namespace
 
 // The three words are written one by one while the thread runs, so the first is read again.
-bool QorReadAnchor(uint64_t thread, QorRegisters *out) {
+QorAnchorLook QorReadAnchor(uint64_t thread, QorRegisters *out) {
     for (int32_t i = 0; i < ANCHOR_TRIES; i++) {
         uint64_t sp = 0, again = 0;
         *out = {};
         if (!Fresh(thread + offsets[THREAD_LAST_SP], &sp) ||
             !Fresh(thread + offsets[THREAD_LAST_PC], &out->pc) ||
             !Fresh(thread + offsets[THREAD_LAST_FP], &out->fp))
-            return false;
+            return ANCHOR_GONE;
         out->sp = sp & ~SP_FLAGS;
         if (out->sp != 0 && out->pc == 0 && !Fresh(out->sp - VM_WORD_SIZE, &out->pc))
-            return false;
+            return ANCHOR_GONE;
         if (!Fresh(thread + offsets[THREAD_LAST_SP], &again))
-            return false;
+            return ANCHOR_GONE;
         if (sp == again)
-            return true;
+            return ANCHOR_READ;
     }
-    return false;
+    *out = {};
+    return ANCHOR_RESTLESS;
 }
 
 void QorReadCodeCopy(uint64_t thread, QorCodeCopy *out) {

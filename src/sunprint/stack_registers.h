@@ -9,9 +9,14 @@
 
 #include <cstdint>
 
-// Reads the thread's frame anchor; sp is 0 when there is none. False when it can't be read or doesn't keep
-// still.
-bool QorReadAnchor(uint64_t thread, QorRegisters *out);
+enum QorAnchorLook : int32_t {
+    ANCHOR_READ,     // sp is 0 when there is none
+    ANCHOR_RESTLESS, // the thread comes and goes: it runs, and there is none
+    ANCHOR_GONE,     // memory can't be read
+};
+
+// Reads the thread's frame anchor.
+QorAnchorLook QorReadAnchor(uint64_t thread, QorRegisters *out);
 
 // A copy of compiled code that a thread runs at a safepoint, and the code that it is a copy of.
 struct QorCodeCopy {

@@ -36,6 +36,12 @@ bool Release(const Held &held) {
     return whole;
 }
 
+// Whether the thread has left the frame that its walk began at: what was read above may be of two stacks.
+bool HasMovedOn(uint64_t thread, const QorRegisters &from) {
+    QorRegisters now;
+    return QorReadAnchor(thread, &now) != ANCHOR_READ || now.sp != from.sp || now.pc != from.pc;
+}
+
 QorWalkResult ResultOf(QorWalkEnd end) {
     switch (end) {
     case WALK_NOTHING:
@@ -66,7 +72,8 @@ QorWalkResult QorWalkThread(QorWalkedThread *thread, bool hold, bool monitors) {
     const QorThreadFacts &facts = thread->facts;
     QorStackWalk walk = {};
     thread->frames = stack_trace_error = 0;
-    if (!QorReadAnchor(facts.address, &walk.at))
+    QorAnchorLook anchor = QorReadAnchor(facts.address, &walk.at);
+    if (anchor == ANCHOR_GONE || (anchor == ANCHOR_RESTLESS && !hold))
         return WALK_FAILED;
     const bool holds = sp_null_enable && facts.vmState == VM_STATE_JAVA && (hold || walk.at.sp == 0);
     QorReadCodeRanges(&walk.code);
@@ -75,16 +82,20 @@ QorWalkResult QorWalkThread(QorWalkedThread *thread, bool hold, bool monitors) {
 
     const Held held = holds ? Hold(facts, hold, &walk.at) : Held();
     walk.held = held.hold != 0;
-    if (holds && !walk.held && !QorReadAnchor(facts.address, &walk.at)) // it may have left one meanwhile
-        return WALK_FAILED;
-    if (holds && !walk.held && walk.at.sp == 0)
-        return WALK_NOT_HELD;
+    if (!walk.held && (holds || anchor == ANCHOR_RESTLESS)) { // it may have left one meanwhile
+        anchor = QorReadAnchor(facts.address, &walk.at);
+        if (anchor != ANCHOR_READ || walk.at.sp == 0)
+            return anchor == ANCHOR_GONE ? WALK_FAILED : WALK_NOT_HELD;
+    }
+    const QorRegisters from = walk.at;
     const QorWalkEnd end = QorWalkStack(&walk);
     const bool whole = Release(held);
 
     LogWalk(facts, walk, whole);
     if (!whole)
         return WALK_CUT;
+    if (!walk.held && !hold && HasMovedOn(facts.address, from))
+        return WALK_FAILED;
     if (end == WALK_TO_ASK)
         QorAskBlob(walk.blob);
     stack_trace_error = end == WALK_TOO_DEEP;

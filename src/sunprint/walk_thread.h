@@ -19,7 +19,7 @@ enum QorWalkResult : int32_t {
     WALKED,        // as far as the stack is Java's
     WALKED_NONE,   // 1: there is nothing to show
     WALKED_UNDONE, // 2: a frame lacks what it needs
-    WALK_FAILED,   // memory couldn't be read; once more with `hold`
+    WALK_FAILED,   // memory couldn't be read, or the thread went on meanwhile; once more with `hold`
     WALK_NOT_HELD, // it didn't stop, and has left no anchor; once more
     WALK_CUT,      // the thread went on before its stack was whole; once more
     WALK_ASKED,    // code of a kind not met before was asked about; once more
