@@ -27,6 +27,8 @@ void AppendWait(QorText *out, uint64_t object, const char *className) {
 // In a poll the last field is the frame's number, in the view of one thread its call.
 void AppendHeld(QorText *out, const QorSampleRequest &request, uint64_t object, const char *className,
                 const QorFrameNames &names, int32_t frame) {
+    if (!(request.reqid & (QORREQ_POLL_DETAILS | QORREQ_THREAD_DETAILS)))
+        return; // they aren't shown
     char record[LOCK_RECORD_SIZE], where[2 * VM_SYMBOL_SIZE + 8], lock[24];
     if (request.reqid & QORREQ_POLL_DETAILS)
         snprintf(where, sizeof where, "%d", frame);
