@@ -101,7 +101,8 @@ QorWalkEnd StepOutside(QorStackWalk *walk, QorRegisters *to) {
 QorWalkEnd Step(QorStackWalk *walk, QorRegisters *to) {
     const QorRegisters &from = walk->at;
     *to = from;
-    if (QorInInterpreter(walk->code, from.pc) || from.pc == walk->code.clientEntry)
+    const bool clientEntry = walk->code.clientEntry != 0 && from.pc == walk->code.clientEntry;
+    if (QorInInterpreter(walk->code, from.pc) || clientEntry)
         return StepInterpreted(from, to);
     if (!walk->present.address)
         return StepOutside(walk, to);
