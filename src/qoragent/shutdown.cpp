@@ -71,6 +71,7 @@ void exitAgent(JNIEnv *env) {
     prev_ch_pid = ch_pid.load();
     QorDropCopies();
     QorEndHolds();
+    QorSignalParent(); // whoever came with the SHUTDOWN gets no answer
     QorFreeReply();
     if (env) {
         QorDropSession(env);
