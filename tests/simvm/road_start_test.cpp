@@ -317,7 +317,7 @@ void LeaveWhileWaiting(ThreadInfo *shutter) {
         reply = Ask(thread, "3|showqor|8192|");
         UnlinkThread(thread);
     });
-    while (workerBusy == 0)
+    while (workerBusy == 0 || qorlocks[1] == 0) // the worker may still be busy with the one before
         usleep(1000);
     Ask(shutter, "SHUTDOWN");
     while (QorWorkerLives()) // a hang is the test's time-out
