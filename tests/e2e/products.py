@@ -178,7 +178,9 @@ class Products(Case):
         self.assertEqual([answer.result() for answer in answers], [200] * len(FORMS))
 
     def check_sample(self, shop, paths, when):
-        told = {t.get("request", {}).get("url"): t for t in self.threads(shop.process)}
+        threads = self.threads(shop.process, "--all")
+        self.assertEqual(sum("db" in t or "request" in t for t in threads), len(paths))  # and no idle thread
+        told = {t.get("request", {}).get("url"): t for t in threads}
         backends = self.backends()
         seen = set()
         for form, path in paths.items():
