@@ -190,7 +190,7 @@ bool Read(const QorPathEnd &found, uint32_t kind, QorTierField field, QorRuleRec
     case TIER_RMI:
         return ReadRemoteCall(found, field, &records->rmi);
     default:
-        return kind == TIER_WEB ? ReadText(found, records->url, sizeof records->url)
+        return kind == TIER_WEB ? ReadUrl(found, records->url, sizeof records->url)
                                 : ReadFile(found, records->file);
     }
 }
