@@ -392,10 +392,11 @@ void QorInsertXtierData(QorText *reply) {
 QorStackViewData QorReadStackViewData() {
     ClearRecords();
     gbQorWalkLeftOut = gbQorWalkCut = false;
-    if (localList && QorGetLocalVariableForAllThread(localList) == 0) {
+    QorAllThreadLocalInfoList *const newest = localList;
+    if (newest && QorGetLocalVariableForAllThread(newest) == 0) {
         const QorLocalFrame frame(jvmtijni_env, ENTRY_FRAME_CAPACITY);
         TellMissingFrame(frame);
-        for (const QorAllThreadLocalInfoList *entry = localList; entry; entry = entry->next) {
+        for (const QorAllThreadLocalInfoList *entry = newest; entry; entry = entry->next) {
             if (entry->kind == LOCAL_WEB_REQUEST)
                 ReadWebEntry(*entry);
             else if (entry->kind == LOCAL_DATABASE_CALL)
@@ -403,7 +404,7 @@ QorStackViewData QorReadStackViewData() {
             else if (entry->kind != LOCAL_BY_RULES)
                 QorReadFrameworkEntry(entry, &objQorJSPRequestData);
         }
-        ReadByRules(localList, localList->threadId);
+        ReadByRules(newest, newest->threadId);
     }
     return {&objQorJSPRequestData, ShownDatabase()};
 }
