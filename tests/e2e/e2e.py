@@ -23,13 +23,15 @@ from dumps import Dumps, LateDumps
 from harness import (LIMIT, SETTINGS, Application, Case, OfTheDemo, in_root, leftovers, process_state, qorctl,
                      wait_until)
 from databases import Databases
+from direct import DirectRoad
 from products import Products
 from sessions import Sessions
 from tiers import OwnDriver, Tiers
 from views import Memory, Views
 from web import Web
 
-__all__ = ["Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]  # groups of other files
+# Groups of other files.
+__all__ = ["DirectRoad", "Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]
 
 
 class Sample(OfTheDemo):

@@ -3,9 +3,11 @@
 //
 // usage: simvm_host [--scene NAME] [--version 1.5.0_22] [--client] [--collector serial|parallel|cms] [--log
 // LEVEL]
-//                   [--agent LIBQORAGENT] [--libjvm LIBJVM] [--moved] [--ask TEXT]...
-// With --ask it prints the replies and ends, else it relays until SHUTDOWN. Its status is that of the start.
+//                   [--agent LIBQORAGENT] [--libjvm LIBJVM] [--moved] [--truth] [--ask TEXT]...
+// With --truth it prints what there is to show of each thread, with --ask it prints the replies and ends,
+// else it relays until SHUTDOWN. Its status is that of the start.
 #include "scenes.h"
+#include "truth.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -34,7 +36,7 @@ using DataFromNative = jstring (*)(JNIEnv *, jobject, jstring);
 struct HostOptions {
     Options vm;
     std::string scene = "shop", agent = SIMVM_AGENT;
-    bool client = false;
+    bool client = false, truth = false;
     int log = 1;
     std::vector<std::string> asks;
 };
@@ -49,6 +51,10 @@ HostOptions ReadOptions(int count, char **words) {
         std::string word = words[i];
         if (word == "--client") {
             options.client = true;
+            continue;
+        }
+        if (word == "--truth") {
+            options.truth = true;
             continue;
         }
         if (word == "--moved") {
@@ -219,6 +225,9 @@ int main(int count, char **words) {
     Boot(options.vm);
     Scene scene;
     StageScene(options.scene, &scene);
+    for (const Runner *runner : scene.runners)
+        if (options.truth)
+            puts(TruthLine(*runner).c_str());
     Script main = MainScript();
     EmitScript(&main);
     int status = 0;

@@ -1,6 +1,7 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
 #include "scenes.h"
 #include "storm.h"
+#include "truth.h"
 
 #include "sunprint/scopes.h"
 
@@ -51,75 +52,8 @@ std::vector<std::string> Split(const std::string &text, char separator) {
     return parts;
 }
 
-std::string Dotted(std::string name) {
-    std::replace(name.begin(), name.end(), '/', '.');
-    return name;
-}
-
 std::string Key(const ThreadInfo &thread) {
     return std::to_string(getpid()) + "-" + std::to_string(thread.kernelId);
-}
-
-std::string Hex(const Object &object) {
-    std::stringstream out;
-    out << std::hex << object.address;
-    return out.str();
-}
-
-// A thread as lines: its row, its frames, its locks. `state`: the last field of the row.
-struct Shown {
-    std::string name, state;
-    std::vector<std::string> frames; // "class->method file line", innermost first
-    std::string waits;               // "address class"
-    std::vector<std::string> locks;  // "address class frame", sorted
-};
-
-std::string FrameText(const Scope &scope) {
-    const std::string name = scope.method->holder->name, call = Dotted(name) + "->" + scope.method->name;
-    if (scope.method->flags & METHOD_NATIVE)
-        return call + " Native Method ^";
-    const std::string simple = name.substr(name.rfind('/') + 1);
-    return call + " " + simple.substr(0, simple.find('$')) + ".java " + std::to_string(LineOf(scope));
-}
-
-std::string StateText(const Script &script) {
-    const std::string top = ShadowStack(script)[0].method->holder->name;
-    switch (script.rest) {
-    case Rest::PIPE:
-        return top.rfind("java/net/", 0) == 0 ? "Network Wait" : "IO Wait";
-    case Rest::SLEEP:
-        return "Sleeping";
-    case Rest::MONITOR:
-        return "Lock";
-    case Rest::SPIN:
-    case Rest::CALLS:
-        return "Runnable";
-    default:
-        return "Object Wait";
-    }
-}
-
-std::string LockText(const Object &object) {
-    for (const auto &[name, klass] : vm.classes)
-        if (klass.klass == object.klass)
-            return Hex(object) + " " + Dotted(name);
-    return "";
-}
-
-Shown Truth(const Runner &runner) {
-    Shown shown = {runner.info->name, StateText(*runner.script), {}, "", {}};
-    std::replace(shown.name.begin(), shown.name.end(), '|', ' ');
-    for (const Scope &scope : ShadowStack(*runner.script)) {
-        const std::string frame = std::to_string(shown.frames.size());
-        for (Object *object : scope.monitors)
-            if (runner.script->rest == Rest::MONITOR && shown.frames.empty())
-                shown.waits = LockText(*object);
-            else
-                shown.locks.push_back(LockText(*object) + " " + frame);
-        shown.frames.push_back(FrameText(scope));
-    }
-    std::sort(shown.locks.begin(), shown.locks.end());
-    return shown;
 }
 
 // A poll with stacks, by key.
@@ -198,7 +132,7 @@ void ExpectHolders(const Scene &scene) {
 void ExpectCounts(const Scene &scene) {
     std::map<std::string, int> count = {{"Object Wait", 1}}; // the caller
     for (const Runner *runner : scene.runners)
-        count[StateText(*runner->script)]++;
+        count[Truth(*runner).state]++;
     const char *const STATES[] = {"Runnable", "DB Wait",     "Lock",     "Network Wait",
                                   "IO Wait",  "Object Wait", "Sleeping", "RMI Wait"};
     const std::vector<std::string> figures = Split(Ask("521|showstack|64"), 29);

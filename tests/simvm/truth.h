@@ -1,0 +1,21 @@
+// What the agent has to show of a scene's threads, from their scripts.
+#pragma once
+
+#include "runner.h"
+
+namespace simvm {
+
+// A thread as lines: its row, its frames, its locks.
+struct Shown {
+    std::string name, state;
+    std::vector<std::string> frames; // "class->method file line", innermost first
+    std::string waits;               // "address class"
+    std::vector<std::string> locks;  // "address class frame", sorted
+};
+
+Shown Truth(const Runner &runner);
+std::string FrameText(const Scope &scope);
+// The same as a line of JSON. "moving": its two innermost frames come and go.
+std::string TruthLine(const Runner &runner);
+
+} // namespace simvm
