@@ -147,18 +147,29 @@ void SendForeign() {
     }
 }
 
-bool Sleeps(int32_t id) {
+std::string TextOfTask(int32_t id, const char *name) {
     char path[64], text[256] = "";
-    snprintf(path, sizeof path, "/proc/self/task/%d/stat", id);
+    snprintf(path, sizeof path, "/proc/self/task/%d/%s", id, name);
     if (FILE *file = fopen(path, "re")) {
         text[fread(text, 1, sizeof text - 1, file)] = 0;
         fclose(file);
     }
-    const char *end = strrchr(text, ')');
-    return end && end[2] == 'S';
+    return text;
 }
 
-// How long a looping thread is kept from going on. One that is runnable merely lacks a processor.
+bool Sleeps(int32_t id) {
+    const std::string text = TextOfTask(id, "stat");
+    const size_t end = text.rfind(')');
+    return end < text.size() && text[end + 2] == 'S';
+}
+
+int64_t WaitedForProcessor(int32_t id) {
+    long ran = 0, waited = 0;
+    sscanf(TextOfTask(id, "schedstat").c_str(), "%ld %ld", &ran, &waited);
+    return waited;
+}
+
+// How long a looping thread is kept from going on, but for the time in which it merely lacked a processor.
 void Watch() {
     struct Seen {
         int64_t laps = -1, since = 0, collections = 0;
@@ -172,14 +183,16 @@ void Watch() {
                 Runner *runner = slots[i].runner;
                 if (!Loops(slots[i]))
                     continue;
-                int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED);
+                int32_t id = runner->info->kernelId;
+                int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED), now = Now();
                 bool stands = runner == seen[i].runner && laps == seen[i].laps &&
-                              collections == seen[i].collections && !collecting &&
-                              Sleeps(runner->info->kernelId);
+                              collections == seen[i].collections && !collecting;
+                bool sleeps = Sleeps(id);
+                now -= WaitedForProcessor(id);
                 if (!stands)
-                    seen[i] = {laps, Now(), collections, runner};
-                else if (Now() - seen[i].since > longestStop)
-                    longestStop = Now() - seen[i].since;
+                    seen[i] = {laps, now, collections, runner};
+                else if (sleeps && now - seen[i].since > longestStop)
+                    longestStop = now - seen[i].since;
             }
         }
         usleep(2000);
