@@ -303,6 +303,8 @@ void NameProducts(Arena *arena) {
     for (int32_t i = 0; i < arena->objectCount; i++) {
         QorTierObject &object = arena->objects[i];
         const Text product = ProductOf(object.signature);
+        if (!(object.kind & (TIER_DB | TIER_RMI)))
+            continue;
         if (object.isRead || HasState(arena->states[object.kind == TIER_RMI], product))
             object.product = product;
     }

@@ -61,9 +61,8 @@ struct QorTierObject {
     uint32_t kind;
     int32_t line;
     bool isRead;
-    QorTierFit fit; // of one with isRead; who follows its ways sets it
-    std::string_view
-        product; // whose class it is; "" when no `state` and no "read" says that it's a product's
+    QorTierFit fit;           // of one with isRead; who follows its ways sets it
+    std::string_view product; // of db and rmi: whose class it is; "" without `state` and "read"
     const QorTierWay *begin, *end;
 };
 // Those of one class, in the order of the text.

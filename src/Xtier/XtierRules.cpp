@@ -209,14 +209,9 @@ void Judge(const QorPathEnd &found, QorTierObject *object) {
            static_cast<int>(object->signature.size()), object->signature.data());
 }
 
-// Whose call the record of this kind is; null for the others, which are one text.
-std::string_view *ProductOf(uint32_t kind, QorRuleRecords *records) {
-    return kind == TIER_DB ? &records->databaseProduct : kind == TIER_RMI ? &records->rmiProduct : nullptr;
-}
-
 void ReadObject(jobject object, QorTierObject *line, bool lastOnes, QorRuleRecords *records) {
-    std::string_view *const product = line->product.empty() ? nullptr : ProductOf(line->kind, records);
-    if (product && !product->empty() && *product != line->product)
+    std::string_view &product = line->kind == TIER_RMI ? records->rmiProduct : records->databaseProduct;
+    if (!line->product.empty() && !product.empty() && product != line->product)
         return; // a driver that is called inside another one's call: two calls don't mix
     for (const QorTierWay *way = line->begin; way != line->end && line->fit != TIER_OFF; way++) {
         if (way->isLast != lastOnes || !IsWanted(*records, line->kind, way->field))
@@ -229,8 +224,8 @@ void ReadObject(jobject object, QorTierObject *line, bool lastOnes, QorRuleRecor
             Judge(found, line);
         if ((!found.object && !found.isNumber) || !Read(found, line->kind, way->field, records))
             continue;
-        if (product)
-            *product = line->product;
+        if (!line->product.empty())
+            product = line->product;
         if (line->isRead)
             records->kindsByRead |= line->kind;
     }
