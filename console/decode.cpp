@@ -92,7 +92,7 @@ bool ReadFrameGroup(std::string_view call, std::string_view file, std::string_vi
 bool ReadThreadRow(std::string_view row, bool with_marker, Thread *thread) {
     Fields field = Split(row, FIELD_SEP);
     ThreadKey key;
-    with_marker |= field.size() >= 10 && field[1] != NO_VALUE && ReadKey(field[5], &key, true);
+    with_marker |= field.size() >= 10 && field[2] == NO_VALUE && ReadKey(field[5], &key, true);
     bool by_address = with_marker && (field[0] == USER_CALL || field[0] == SYSTEM_CALL);
     size_t at = with_marker ? 1 : 0;
     if (field.size() < at + 9 || field[at + 1] != NO_VALUE)

@@ -125,9 +125,11 @@ TEST(DecodeThreads, StacksAndLocks) {
                                   "!JVM Locks;12~0~com.acme.Cart@12~1;-13~0~com.acme.X@-13~900;"
                                   "!Thread Info Details;idle~^~^~^~77-31~^~^~^~Object Wait!Call Stack"
                                   ";java.lang.Object->wait~Object.java~338~31~0~9~^~^"
-                                  "!Lock On;5~77--1~a.B@4~View Thread Holding this Lock!" +
+                                  "!Lock On;5~77--1~a.B@4~View Thread Holding this Lock"
+                                  "!Thread Info Details;sys~^~^~^~^~77-32~^~^~^~Runnable!" +
                                   TIMING);
-    ASSERT_EQ(sample.threads.size(), 2u);
+    ASSERT_EQ(sample.threads.size(), 3u);
+    EXPECT_EQ(sample.threads[2].key.thread, 32); // read by address, its name wasn't to be read
     EXPECT_FALSE(sample.cut);
     const Thread &first = sample.threads[0], &second = sample.threads[1];
     ASSERT_EQ(first.stack.size(), 4u);
