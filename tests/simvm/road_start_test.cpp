@@ -97,6 +97,10 @@ void BeCompiled(Caller *caller) {
     At(caller->thread->address, &JavaThread::anchorFp) = reinterpret_cast<Word>(&caller->frame);
 }
 
+void BeAnotherThread(Caller *caller) {
+    At(caller->thread->osThread, &OSThread::kernelId) = getpid() + 1;
+}
+
 // A compiled caller, and an older thread with an interpreted frame.
 void BeCompiledBesideAnother(Caller *caller) {
     static Frame frame;
@@ -130,6 +134,7 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
         {"another build's row", On("1.5.0_22"), START_FAILED, "1.5.0_07", nullptr},
         {"moved", On("1.5.0_22"), START_FAILED, nullptr, nullptr},
         {"later JNI", On("1.5.0_22"), START_FAILED, nullptr, TellLaterJni},
+        {"another thread's environment", On("1.5.0_22"), START_FAILED, nullptr, BeAnotherThread},
         {"no interpreted frame", On("1.5.0_22"), START_FAILED, nullptr, BeCompiled},
         {"another's interpreted frame", On("1.5.0_22"), START_OK, nullptr, BeCompiledBesideAnother},
     };

@@ -36,7 +36,7 @@ void Add(Scene *scene, const std::string &name, std::vector<Frame> frames, Rest 
 void StageShop(Scene *scene) {
     Object *till = NewObject("shop/Till"), *ledger = NewObject("shop/Ledger", vm.old.letter),
            *orders = NewObject("shop/Orders"), *queue = NewObject("java/util/LinkedList"),
-           *cart = NewObject("shop/Cart");
+           *cart = NewObject("shop/Cart"), *clock = NewObject("shop/Clock");
     Frame run = Run("shop/Worker");
     Add(scene, "door",
         {Run("shop/Door"),
@@ -50,7 +50,8 @@ void StageShop(Scene *scene) {
          {F::INTERPRETED, {In("shop/Import", "load", 88, orders)}},
          {F::NATIVE, {Native("java/io/FileInputStream", "readBytes")}}},
         Rest::PIPE);
-    Add(scene, "night|watch", {run, {F::NATIVE, {Native("java/lang/Thread", "sleep")}}}, Rest::SLEEP);
+    Add(scene, "night|watch", {run, {F::INTERPRETED, {In("shop/Watch", "pause", 26, clock, {clock})}}},
+        Rest::SLEEP);
     Add(scene, "packer",
         {run,
          {F::COMPILED,
@@ -109,7 +110,8 @@ void StageScene(const std::string &name, Scene *scene) {
     if (name == "shop")
         StageShop(scene);
     else if ((scene->storm = name == "storm" || name == "crowd"))
-        StartStorm(name == "storm" ? StormOptions() : StormOptions{200, 50, 1, false, false, false, false});
+        StartStorm(name == "storm" ? StormOptions()
+                                   : StormOptions{200, 50, 2, 50, 1, false, false, false, false});
     else
         Fail(("no scene " + name).c_str());
 }

@@ -4,6 +4,8 @@
 #include "truth.h"
 
 #include "qoragent/worker.h"
+#include "qorutil/vm_threads.h"
+#include "sunprint/running_queue.h"
 #include "sunprint/scopes.h"
 
 #include <algorithm>
@@ -35,10 +37,16 @@ ThreadInfo *Self() {
 
 int StartAgent() {
     const SampleObjects of = NewSampleObjects(Self());
-    return Java_qoragent_Agent_initvar(
-        EnvOf(Self()), nullptr, 0, 2, 1, 60, 0, NewText("Sun Microsystems Inc."), NewText(vm.options.version),
-        NewText("Linux"), of.instance, of.reference, of.objects, of.ints, nullptr, nullptr, NewText("stderr"),
-        NewText("test"), 0, 0, 0, 0, 1000, 300);
+    std::vector<jstring> texts;
+    for (const std::string &text : {std::string("Sun Microsystems Inc."), vm.options.version,
+                                    std::string("Linux"), std::string("stderr"), std::string("test")})
+        texts.push_back(NewText(text));
+    const int status = Java_qoragent_Agent_initvar(
+        EnvOf(Self()), nullptr, 0, 2, 1, 60, 0, texts[0], texts[1], texts[2], of.instance, of.reference,
+        of.objects, of.ints, nullptr, nullptr, texts[3], texts[4], 0, 0, 0, 0, 1000, 300);
+    for (jstring text : texts)
+        FreeText(text);
+    return status;
 }
 
 std::string Ask(const std::string &request) {
@@ -173,6 +181,8 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
     EmitScript(&main);
     RunHere("main", &main, [&] {
         ASSERT_EQ(StartAgent(), 0);
+        for (int i = 0; i < MAX_VM_THREADS; i++) // as a request leaves the queue that is broken off
+            add_queue_elem(1);
         ExpectTruth(scene);
         Collect();
         ExpectTruth(scene);
