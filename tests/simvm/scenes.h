@@ -13,7 +13,7 @@ struct Scene {
 };
 
 // "shop": threads in all kinds of frames and places, at rest or looping. "storm": as storm.h has it by
-// default. "crowd": 200 threads of 50 frames, some of them looping. Ends the process for a name it does not
+// default. "crowd": 200 threads of 50 frames, two of them looping. Ends the process for a name it does not
 // know.
 void StageScene(const std::string &name, Scene *scene);
 // Ends it; of the storm and the crowd it prints the figures.

@@ -41,20 +41,20 @@ int64_t Now() {
 void Ignored(int) {}
 
 MethodInfo *MethodOf(int number) {
-    return DefineMethod("storm/Class" + std::to_string(number / 40), "method" + std::to_string(number), "()V",
+    return DefineMethod("storm/C" + std::to_string(number / 40), "m" + std::to_string(number), "()V",
                         {{0, 100 + number}, {20, 300 + number}, {90, 2000 + number}}, METHOD_STATIC, 120);
 }
 
 Script MakeScript(std::mt19937 *random, int slot) {
-    const Rest RESTS[] = {Rest::SPIN,    Rest::PIPE, Rest::SLEEP, Rest::CALLS,
-                          Rest::MONITOR, Rest::WAIT, Rest::ACCEPT};
+    const Rest LOOPS[] = {Rest::SPIN, Rest::CALLS},
+               STILL[] = {Rest::PIPE, Rest::SLEEP, Rest::MONITOR, Rest::WAIT, Rest::ACCEPT};
     Script script;
-    script.rest = RESTS[slot % 10];
-    bool loops = script.rest == Rest::SPIN || script.rest == Rest::CALLS;
+    bool loops = slot < storm.looping;
+    script.rest = loops ? LOOPS[slot % 2] : STILL[slot % 5];
     int depth = 0;
     auto scope = [&] {
         Scope made = {MethodOf(slot * 100 + depth++), int((*random)() % 100), nullptr, {}};
-        if ((*random)() % 4 == 0)
+        if ((*random)() % storm.locked == 0)
             made.monitors.push_back(NewObject("storm/Lock"));
         return made;
     };
@@ -238,6 +238,13 @@ void StartStorm(const StormOptions &options) {
 std::vector<Lived> LivedSoFar() {
     std::lock_guard<std::mutex> held(slotsLock);
     return lived;
+}
+
+std::vector<Runner *> StormRunners() {
+    std::vector<Runner *> all;
+    for (Slot &slot : slots)
+        all.push_back(slot.runner);
+    return all;
 }
 
 StormFigures StopStorm() {

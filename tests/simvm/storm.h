@@ -9,7 +9,8 @@
 namespace simvm {
 
 struct StormOptions {
-    int threads = 30, frames = 20;
+    int threads = 30, frames = 20, looping = 10;
+    uint32_t locked = 4; // one frame of so many has a monitor
     uint32_t seed = 1;
     bool churn = true, collect = true, profile = true, foreign = true;
 };
@@ -35,6 +36,7 @@ struct StormFigures {
 
 void StartStorm(const StormOptions &options);
 std::vector<Lived> LivedSoFar();
+std::vector<Runner *> StormRunners(); // where none comes or goes
 // Ends all of it. The VM's own handler of signal 31 stays installed: VmSignalHandler.
 StormFigures StopStorm();
 void VmSignalHandler(int signal, siginfo_t *info, void *context);

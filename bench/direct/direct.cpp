@@ -1,0 +1,205 @@
+// What a sample costs where the JVM is read by address, on the simulated VM.
+// usage: direct samples         200 threads at rest; answers each line of input with times of its samples
+//        direct holds SECONDS   the same crowd, two of its threads looping
+#include "scenes.h"
+#include "storm.h"
+
+#include "qorthreads/qorthreads.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
+extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
+                                            jstring, jobject, jobject, jobject, jobject, jstring, jobject,
+                                            jstring, jstring, jint, jint, jint, jint, jint, jint);
+
+using namespace simvm;
+
+namespace {
+
+constexpr int THREADS = 200, FRAMES = 50, LOOPING = 2, CALLS_A_TURN = 5;
+constexpr char SAMPLE[] = "793|showstack|32768", TIMING[] = "Time spent in JVM for processing request";
+
+JNIEnv *env;
+std::vector<double> arrivals, holds; // milliseconds
+int missed;
+int64_t heldSince;
+
+double Msec(int64_t since) {
+    return double(QorMonotonicNsec() - since) / 1e6;
+}
+
+double Percentile(std::vector<double> values, double share) {
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values[std::min(values.size() - 1, size_t(share * double(values.size())))];
+}
+
+} // namespace
+
+// The agent's own holds, on its worker.
+extern "C" bool __real__Z12QorAwaitHeldmP12QorRegisters(QorHold, QorRegisters *);
+extern "C" void __real__Z17qor_resume_threadm(QorHold);
+
+extern "C" bool __wrap__Z12QorAwaitHeldmP12QorRegisters(QorHold hold, QorRegisters *out) {
+    const int64_t start = QorMonotonicNsec();
+    const bool came = __real__Z12QorAwaitHeldmP12QorRegisters(hold, out);
+    heldSince = came ? QorMonotonicNsec() : 0;
+    missed += !came;
+    if (came)
+        arrivals.push_back(Msec(start));
+    return came;
+}
+
+extern "C" void __wrap__Z17qor_resume_threadm(QorHold hold) {
+    __real__Z17qor_resume_threadm(hold);
+    if (heldSince)
+        holds.push_back(Msec(heldSince));
+    heldSince = 0;
+}
+
+namespace {
+
+std::string Ask(const char *request) {
+    jstring text = NewText(request), reply = Java_qoragent_Agent_dataFromNative(env, nullptr, text);
+    const std::string out = reply ? TextOf(reply) : "";
+    FreeText(text);
+    if (reply)
+        FreeText(reply);
+    return out;
+}
+
+struct Sample {
+    double call, worker;
+    size_t bytes;
+};
+
+Sample Take() {
+    const int64_t start = QorMonotonicNsec();
+    const std::string reply = Ask(SAMPLE);
+    const double call = Msec(start);
+    const size_t at = reply.find(TIMING);
+    return {call, at == reply.npos ? 0 : atof(reply.c_str() + at + sizeof TIMING) / 1e3, reply.size()};
+}
+
+bool StartAgent() {
+    ThreadInfo *self = nullptr;
+    for (ThreadInfo *thread : vm.threads)
+        if (thread->kernelId == getpid())
+            self = thread;
+    env = EnvOf(self);
+    const SampleObjects of = NewSampleObjects(self);
+    return Java_qoragent_Agent_initvar(env, nullptr, 0, 2, 1, 60, 0, NewText("Sun Microsystems Inc."),
+                                       NewText(vm.options.version), NewText("Linux"), of.instance,
+                                       of.reference, of.objects, of.ints, nullptr, nullptr, NewText("stderr"),
+                                       NewText("bench"), 1, 0, 0, 0, 1000, 300) == 0;
+}
+
+double MedianOf(const std::vector<Sample> &samples, double Sample::*figure) {
+    std::vector<double> values;
+    for (const Sample &sample : samples)
+        values.push_back(sample.*figure);
+    return Percentile(values, 0.5);
+}
+
+// A turn for each line of input: the medians of its calls.
+void AnswerTurns() {
+    for (int c; (c = getchar()) != EOF;) {
+        std::vector<Sample> samples;
+        for (int i = 0; c == '\n' && i < CALLS_A_TURN; i++)
+            samples.push_back(Take());
+        if (c != '\n')
+            continue;
+        printf("%.3f %.3f %zu\n", MedianOf(samples, &Sample::worker), MedianOf(samples, &Sample::call),
+               samples[0].bytes);
+        fflush(stdout);
+    }
+}
+
+// Laps, and the time in which they were made. Time that a thread was ready and had no processor isn't
+// counted, as other programs take it; time in which it was held is.
+struct Work {
+    double laps = 0, time = 0;
+};
+
+Work WorkSoFar() {
+    Work all;
+    for (Runner *runner : StormRunners()) {
+        char path[64];
+        snprintf(path, sizeof path, "/proc/self/task/%d/schedstat", runner->info->kernelId);
+        long ran = 0, waited = 0;
+        FILE *file = runner->script->rest == Rest::SPIN ? fopen(path, "re") : nullptr;
+        if (!file)
+            continue;
+        if (fscanf(file, "%ld %ld", &ran, &waited) != 2)
+            waited = 0;
+        fclose(file);
+        all.laps += double(__atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED));
+        all.time += double(QorMonotonicNsec() - waited);
+    }
+    return all;
+}
+
+// What the looping threads do in a second, with or without a sample in it.
+double Window(bool sampled) {
+    const int64_t start = QorMonotonicNsec();
+    const Work before = WorkSoFar();
+    if (sampled)
+        Take();
+    while (Msec(start) < 1000)
+        usleep(1000);
+    const Work after = WorkSoFar();
+    return (after.laps - before.laps) / (after.time - before.time);
+}
+
+void PrintHolds(const char *what) {
+    printf("| %s | %zu | %d | %.3f | %.3f | %.3f | %.3f | %.3f |\n", what, holds.size(), missed,
+           Percentile(arrivals, 0.5), Percentile(arrivals, 0.99), Percentile(holds, 0.5),
+           Percentile(holds, 0.99), Percentile(holds, 1));
+    arrivals.clear();
+    holds.clear();
+    missed = 0;
+}
+
+void MeasureHolds(int seconds) {
+    std::vector<double> ratios;
+    printf("| samples | holds | missed | arrival, median | 99 %% | held, median | 99 %% | longest |\n"
+           "|---|---|---|---|---|---|---|---|\n");
+    for (int i = 0; i < seconds; i++) {
+        const double with = Window(true);
+        ratios.push_back(with / Window(false));
+    }
+    PrintHolds("once a second");
+    for (const int64_t start = QorMonotonicNsec(); Msec(start) < 1000 * seconds;)
+        Take();
+    PrintHolds("back to back");
+    printf("\nwork of the looping threads with one sample a second / without, median: %.4f\n",
+           Percentile(ratios, 0.5));
+}
+
+} // namespace
+
+int main(int count, char **words) {
+    const int seconds = count > 2 ? atoi(words[2]) : 0;
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false, false, false, false});
+    Script script = MainScript();
+    EmitScript(&script);
+    bool started = false;
+    RunHere("main", &script, [&] {
+        started = StartAgent();
+        if (started && seconds)
+            MeasureHolds(seconds);
+        else if (started)
+            AnswerTurns();
+        Ask("SHUTDOWN");
+    });
+    StopStorm();
+    return started ? 0 : 1;
+}
