@@ -214,14 +214,14 @@ const Lived *WhoWasSo(const Shown &shown, int32_t id, const std::vector<Lived> &
 }
 
 struct StormSamples {
-    size_t samples = 0, stacks = 0, held = 0, wrong = 0;
+    size_t samples = 0, stacks = 0, looping = 0, wrong = 0;
 };
 
 // Back to back for so long, and until enough has been seen.
 StormSamples SampleStorm(time_t seconds) {
     StormSamples seen;
     for (const time_t end = time(nullptr) + seconds;
-         (time(nullptr) < end || seen.stacks < 500 || seen.held < 20) && seen.wrong == 0; seen.samples++) {
+         (time(nullptr) < end || seen.stacks < 500 || seen.looping < 20) && seen.wrong == 0; seen.samples++) {
         const std::map<std::string, Shown> threads = Read(Ask("793|showstack|32768"));
         const std::vector<Lived> lived = LivedSoFar();
         for (const auto &[key, shown] : threads) {
@@ -231,7 +231,7 @@ StormSamples SampleStorm(time_t seconds) {
             seen.stacks++;
             if (const Lived *life = WhoWasSo(shown, id, lived)) {
                 const Rest rest = life->script->rest;
-                seen.held += rest == Rest::SPIN || rest == Rest::CALLS;
+                seen.looping += rest == Rest::SPIN || rest == Rest::CALLS;
                 continue;
             }
             seen.wrong++;
@@ -264,6 +264,9 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
     RunHere("main", &main, [&] {
         ASSERT_EQ(StartAgent(), 0);
         Ask("793|showstack|32768");
+        struct sigaction action;
+        sigaction(31, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_DFL); // as before the start
         const Footprint still;
         StartStorm({});
         Ask("793|showstack|32768");
@@ -275,16 +278,16 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
         Ask("SHUTDOWN");
         while (QorWorkerLives())
             usleep(1000);
-        printf("%zu samples, %zu stacks, %zu of held threads; %zu lives, %ld collections, %ld + %ld of %ld "
-               "signals; longest stop %.3f ms, %ld bytes more\n",
-               seen.samples, seen.stacks, seen.held, lives, figures.collections, figures.foreignArrived,
-               figures.foreignMerged, figures.foreignSent, figures.longestStop / 1e6,
-               long(last.bytes - first.bytes));
+        printf(
+            "%zu samples, %zu stacks, %zu of looping threads; %zu lives, %ld collections, %ld + %ld of %ld "
+            "signals; longest stop %.3f ms, %ld bytes more\n",
+            seen.samples, seen.stacks, seen.looping, lives, figures.collections, figures.foreignArrived,
+            figures.foreignMerged, figures.foreignSent, figures.longestStop / 1e6,
+            long(last.bytes - first.bytes));
         EXPECT_LT(figures.longestStop, 100'000'000);
         EXPECT_EQ(figures.foreignSent, figures.foreignArrived + figures.foreignMerged);
         EXPECT_EQ(last.descriptors, still.descriptors);
         EXPECT_LT(last.bytes, first.bytes + 16384 + lives * 128); // a life is kept as its description
-        struct sigaction action;
         sigaction(31, nullptr, &action);
         EXPECT_EQ(action.sa_sigaction, VmSignalHandler);
     });
