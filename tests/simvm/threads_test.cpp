@@ -284,7 +284,9 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
             seen.samples, seen.stacks, seen.looping, lives, figures.collections, figures.foreignArrived,
             figures.foreignMerged, figures.foreignSent, figures.longestStop / 1e6,
             long(last.bytes - first.bytes));
+#ifndef __SANITIZE_ADDRESS__ // whose own locks take their time
         EXPECT_LT(figures.longestStop, 100'000'000);
+#endif
         EXPECT_EQ(figures.foreignSent, figures.foreignArrived + figures.foreignMerged);
         EXPECT_EQ(last.descriptors, still.descriptors);
         EXPECT_LT(last.bytes, first.bytes + 16384 + lives * 128); // a life is kept as its description
