@@ -17,7 +17,6 @@ enum QorWalkedKind : int32_t {
     WALKED_UNKNOWN = 0,
     WALKED_COMPILED = 1,
     WALKED_INTERPRETED = 2,
-    WALKED_DEOPTIMISED = 3,
 };
 
 struct QorFrameInfo {

@@ -13,6 +13,9 @@
 #include <cstdio>
 #include <initializer_list>
 
+bool (*qorServerPortTest)(const QorWalkedThread &thread, const QorFrameInfo &frame,
+                          const QorFrameNames &names);
+
 namespace {
 
 // Requests that show no more than the current call.
@@ -97,6 +100,8 @@ void NoteCall(QorThreadText *out, const QorFrameNames &names, bool system) {
 // One frame. REPORT_DROPPED ends the thread; false in *more ends its frames.
 QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &request,
                       const QorFrameInfo &frame, const QorFrameNames &names, QorThreadText *out, bool *more) {
+    if (request.reqid & QORREQ_SERVER_SCAN)
+        return qorServerPortTest && qorServerPortTest(thread, frame, names) ? REPORT_PORT_FOUND : REPORT_DONE;
     const bool first = out->printed == 0;
     const bool system = checkSystemCall(names.className, names.method) != 0;
     const bool held = out->holds;

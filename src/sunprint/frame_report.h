@@ -4,6 +4,7 @@
 // The thread runs on. Worker.
 #pragma once
 
+#include "frame_names.h"
 #include "walk_thread.h"
 
 #include "qortext.h"
@@ -27,6 +28,11 @@ enum QorReport : int32_t {
     REPORT_PORT_FOUND, // the server's port is known, the sample ends
     REPORT_UNREADABLE, // memory of a frame is gone
 };
+
+// In a scan for the server's port (QORREQ_SERVER_SCAN) it is asked of every frame, and nothing else is
+// reported; true ends the sample. Set by whoever scans, null otherwise.
+extern bool (*qorServerPortTest)(const QorWalkedThread &thread, const QorFrameInfo &frame,
+                                 const QorFrameNames &names);
 
 // What is told of one thread. The texts' storage is the caller's.
 struct QorThreadText {

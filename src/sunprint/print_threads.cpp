@@ -74,7 +74,7 @@ bool LookAgain() {
     return LookAt(walked.facts.address) && walked.facts.id == id;
 }
 
-enum Reading { READ, READ_AGAIN, NO_ROW, LEFT_UNDONE };
+enum Reading { READ, READ_AGAIN, NO_ROW, LEFT_UNDONE, LAST_READ };
 
 Reading AfterFault(Attempts *attempts) {
     return ++attempts->faults > 1 ? NO_ROW : READ_AGAIN;
@@ -118,6 +118,8 @@ Reading ReadOnce(const QorDirectSample &sample, Attempts *attempts, QorThreadTex
         return AfterFault(attempts);
     if (report == REPORT_DROPPED)
         return NO_ROW;
+    if (report == REPORT_PORT_FOUND)
+        return LAST_READ;
     if (HasCollected()) {
         if (++attempts->collections <= 1)
             return READ_AGAIN;
@@ -147,6 +149,7 @@ bool PrintSunThreadStack(QorDirectSample *sample, bool isLast) {
     }
     if (reading == READ && QorStillThatThread(facts))
         QorCollectThread(sample, walked, text);
+    sample->ended |= reading == LAST_READ;
     return reading != LEFT_UNDONE;
 }
 
