@@ -11,25 +11,6 @@
 
 namespace {
 
-constexpr int32_t MAX_STEPS = 50;
-constexpr int32_t MAP_SIZE = 4096;
-
-// Cuts the map into its steps: their number, or -1 when there are too many.
-int32_t Split(char *map, char *(&steps)[MAX_STEPS]) {
-    int32_t count = 0;
-    for (char *next = map; next;) {
-        if (count == MAX_STEPS) {
-            QORLOG(LOG_NOTE, "Qor Agent : ParseJVMTIObjectMap exceeds the max count");
-            return -1;
-        }
-        steps[count++] = next;
-        next = strchr(next, '|');
-        if (next)
-            *next++ = 0;
-    }
-    return count;
-}
-
 // Goes one step. False when the path ends here; a field that isn't there or holds nothing gives null, at
 // which the next step ends.
 bool Follow(char *step, jobject object, jobject *found) {
@@ -51,9 +32,24 @@ bool Follow(char *step, jobject object, jobject *found) {
 
 } // namespace
 
+int32_t QorSplitObjectMap(char *map, char *(&steps)[OBJECT_MAP_STEPS]) {
+    int32_t count = 0;
+    for (char *next = map; next;) {
+        if (count == OBJECT_MAP_STEPS) {
+            QORLOG(LOG_NOTE, "Qor Agent : ParseJVMTIObjectMap exceeds the max count");
+            return -1;
+        }
+        steps[count++] = next;
+        next = strchr(next, '|');
+        if (next)
+            *next++ = 0;
+    }
+    return count;
+}
+
 jobject ParseJVMTIObjectMap(char *map, jobject object) {
-    char *steps[MAX_STEPS];
-    const int32_t count = map ? Split(map, steps) : 0;
+    char *steps[OBJECT_MAP_STEPS];
+    const int32_t count = map ? QorSplitObjectMap(map, steps) : 0;
     jobject current = object;
     for (int32_t i = 0; i < count; i++) {
         jobject found = nullptr;
@@ -68,7 +64,7 @@ jobject ParseJVMTIObjectMap(char *map, jobject object) {
 }
 
 jobject QorFollowObjectMap(const char *map, jobject object) {
-    char copy[MAP_SIZE];
+    char copy[OBJECT_MAP_SIZE];
     if (!map || QorStrncpy(copy, map, sizeof copy, sizeof copy) < 0)
         return nullptr;
     return ParseJVMTIObjectMap(copy, object);

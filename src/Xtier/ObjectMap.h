@@ -9,6 +9,11 @@
 #include <cstdint>
 #include <jni.h>
 
+enum : int32_t { OBJECT_MAP_STEPS = 50, OBJECT_MAP_SIZE = 4096 };
+
+// Cuts a map into its steps, in place: their number, or -1 when there are too many. Any thread.
+int32_t QorSplitObjectMap(char *map, char *(&steps)[OBJECT_MAP_STEPS]);
+
 // Follows the path from the object. `map` is writable and is cut up. The last object as a local reference of
 // the caller's frame, or null (logged). The references in between are dropped, the start never.
 jobject ParseJVMTIObjectMap(char *map, jobject object);

@@ -124,6 +124,7 @@ enum : uint64_t {
     METHOD_CONST = 16,
     METHOD_POOL = 24,
     POOL_HOLDER = 40,
+    POOL_LENGTH = 48, // 32 bits
     POOL_ENTRIES = 56,
     ARRAY_LENGTH = 16, // 32 bits
     ARRAY_ELEMENTS = 24,

@@ -9,12 +9,14 @@
 #include "qorlog.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
 constexpr uint32_t FIRST_SHOWN = 32; // below are controls and separators
 constexpr uint32_t REPLACEMENT = '?';
 constexpr int32_t CHUNK_CHARS = 512;
+constexpr char STRING_CLASS[] = "java/lang/String", CHARS_CLASS[] = "[C";
 
 void LogCut(int32_t length) {
     QORLOG(LOG_POLL_FAILURE, "Qor Agent DIAG :: Buffer limit exceeded : %d", length);
@@ -155,4 +157,25 @@ char *QorCharArrayText(char *dst, int32_t size, uint64_t array) {
     if (length < 0 || length > VM_TEXT_CHARS)
         return nullptr;
     return oop2str(dst, size, array + ARRAY_ELEMENTS, length, 0);
+}
+
+char *QorVmText(char *dst, int32_t size, uint64_t object) {
+    dst[0] = 0;
+    const VmType type = valid_oop(object) ? QorTypeOf(object) : TYPE_NONE;
+    if (type != TYPE_INSTANCE && type != TYPE_TYPE_ARRAY)
+        return nullptr;
+    const uint64_t name = QorWordAt(QorWordAt(object + OBJECT_KLASS) + KLASS_PART + offsets[KLASS_NAME]);
+    if (type == TYPE_INSTANCE)
+        return QorSymbolIs(name, STRING_CLASS) ? QorStringText(dst, size, object) : nullptr;
+    if (!QorSymbolIs(name, CHARS_CLASS))
+        return nullptr;
+    return oop2str(dst, size, object + ARRAY_ELEMENTS, QorInt32At(object + ARRAY_LENGTH), 0);
+}
+
+bool QorSymbolIs(uint64_t symbol, const char *text) {
+    char bytes[VM_TEXT_CHARS];
+    const size_t length = strlen(text);
+    return length < sizeof bytes && QorUint16At(symbol + SYMBOL_LENGTH) == length &&
+           QorIsOfType(symbol, TYPE_SYMBOL) && QorPeek(symbol + SYMBOL_BYTES, bytes, length) &&
+           memcmp(bytes, text, length) == 0;
 }

@@ -36,3 +36,10 @@ char *QorStringText(char *dst, int32_t size, uint64_t string);
 // The whole of a char array of up to VM_TEXT_CHARS, such as a thread's name. Null, with "" in `dst`, for what
 // isn't an array or is longer.
 char *QorCharArrayText(char *dst, int32_t size, uint64_t array);
+
+// The text of an object that is one: a java.lang.String, or a char array. Null, with "" in `dst`, for any
+// other object and for what isn't one.
+char *QorVmText(char *dst, int32_t size, uint64_t object);
+
+// Whether a symbol has exactly this text. False for what isn't a symbol.
+bool QorSymbolIs(uint64_t symbol, const char *text);

@@ -1,4 +1,5 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
+#include "agent.h"
 #include "scenes.h"
 #include "storm.h"
 #include "truth.h"
@@ -16,54 +17,11 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <map>
-#include <sstream>
 #include <unistd.h>
-
-extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
-extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
-                                            jstring, jobject, jobject, jobject, jobject, jstring, jobject,
-                                            jstring, jstring, jint, jint, jint, jint, jint, jint);
 
 using namespace simvm;
 
 namespace {
-
-ThreadInfo *Self() {
-    for (ThreadInfo *thread : vm.threads)
-        if (thread->kernelId == getpid())
-            return thread;
-    return nullptr;
-}
-
-int StartAgent() {
-    const SampleObjects of = NewSampleObjects(Self());
-    std::vector<jstring> texts;
-    for (const std::string &text : {std::string("Sun Microsystems Inc."), vm.options.version,
-                                    std::string("Linux"), std::string("stderr"), std::string("test")})
-        texts.push_back(NewText(text));
-    const int status = Java_qoragent_Agent_initvar(
-        EnvOf(Self()), nullptr, 0, 2, 1, 60, 0, texts[0], texts[1], texts[2], of.instance, of.reference,
-        of.objects, of.ints, nullptr, nullptr, texts[3], texts[4], 0, 0, 0, 0, 1000, 300);
-    for (jstring text : texts)
-        FreeText(text);
-    return status;
-}
-
-std::string Ask(const std::string &request) {
-    jstring text = NewText(request), reply = Java_qoragent_Agent_dataFromNative(EnvOf(Self()), nullptr, text);
-    const std::string out = reply ? TextOf(reply) : "";
-    FreeText(text);
-    FreeText(reply);
-    return out;
-}
-
-std::vector<std::string> Split(const std::string &text, char separator) {
-    std::vector<std::string> parts;
-    std::stringstream stream(text);
-    for (std::string part; std::getline(stream, part, separator);)
-        parts.push_back(part);
-    return parts;
-}
 
 std::string Key(const ThreadInfo &thread) {
     return std::to_string(getpid()) + "-" + std::to_string(thread.kernelId);
