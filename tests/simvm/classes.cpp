@@ -1,7 +1,7 @@
 // Klasses, symbols, pools, methods and objects.
 #include "simvm.h"
 
-#include <algorithm>
+#include <sstream>
 
 namespace simvm {
 
@@ -32,53 +32,8 @@ void DefineKinds() {
         vm.kindKlass[kind] = NewKlass(kind, VT_KLASS_KLASS);
 }
 
-Class *DefineArray(const std::string &signature) {
-    const std::string sizes = "ZBCSIFJD"; // of 1, 1, 2, 2, 4, 4, 8, 8 bytes
-    size_t at = sizes.find(signature[1]);
-    bool objects = at == std::string::npos;
-    Class *array = &vm.classes[signature];
-    *array = {signature, FindClass("java/lang/Object"), {}, 0, 0, 0, 0};
-    array->klass = objects ? NewKlass(VT_OBJ_ARRAY, VT_OBJ_ARRAY_KLASS_KLASS)
-                           : NewKlass(VT_TYPE_ARRAY, VT_TYPE_ARRAY_KLASS_KLASS);
-    int32_t log2Size = objects ? 3 : int32_t(at) / 2;
-    At(array->klass, &Klass::layoutHelper) = ~log2Size;
-    At(array->klass, &Klass::arrayHeaderSize) = sizeof(JavaArray);
-    At(array->klass, &Klass::name) = Intern(signature);
-    return array;
-}
-
-Object *Describe(Word address, Word klass, int64_t bytes, char space) {
-    As<Oop>(address) = {UNMARKED, klass};
-    Object *object;
-    if (vm.forgotten.empty()) {
-        vm.objects.emplace_back();
-        object = &vm.objects.back();
-    } else {
-        object = vm.forgotten.back();
-        vm.forgotten.pop_back();
-    }
-    *object = {address, klass, bytes, space};
-    return object;
-}
-
-int32_t SizeOf(const std::string &signature) {
-    switch (signature[0]) {
-    case 'Z':
-    case 'B':
-        return 1;
-    case 'C':
-    case 'S':
-        return 2;
-    case 'I':
-    case 'F':
-        return 4;
-    default:
-        return 8;
-    }
-}
-
 int32_t AddToPool(Class *owner, Word entry) {
-    if (owner->poolUsed == POOL_ENTRIES)
+    if (owner->poolUsed == owner->poolRoom)
         Fail("too many methods in a class");
     As<Word>(owner->pool + sizeof(ConstantPool) + 8 * owner->poolUsed) = entry;
     return owner->poolUsed++;
@@ -102,7 +57,7 @@ void WriteFields(Class *owner) {
     constexpr int32_t SHORTS = sizeof(FieldEntry) / 2;
     int32_t length = SHORTS * owner->fields.size();
     Word array = AllocateObject(&vm.perm, sizeof(JavaArray) + 2 * length);
-    As<Oop>(array) = {UNMARKED, DefineArray("[S")->klass};
+    As<Oop>(array) = {UNMARKED, ArrayClass("[S")->klass};
     As<JavaArray>(array).length = length;
     auto *entry = &As<FieldEntry>(array + sizeof(JavaArray));
     for (const Field &field : owner->fields)
@@ -126,7 +81,7 @@ void AddMirror(Class *owner) {
 }
 
 // Pairs of steps in bci and line: one byte where both are small, 255 and two numbers where not.
-std::string LineTable(const std::vector<MethodLine> &lines) {
+std::string LineTable(const std::vector<MethodLine> &lines, LineEnd end) {
     std::string table;
     MethodLine last = {0, 0};
     for (const MethodLine &line : lines) {
@@ -141,17 +96,22 @@ std::string LineTable(const std::vector<MethodLine> &lines) {
         }
         last = line;
     }
-    return table;
+    if (lines.empty()) { // no line of any source
+        table.push_back(char(255));
+        PutCompressed(&table, 0);
+        PutCompressed(&table, 1'000'000);
+    }
+    return end == LineEnd::MARKED ? table + '\0' : table + std::string(24, char(POISON));
 }
 
-Word WriteConstMethod(const MethodInfo &method) {
-    std::string lines = LineTable(method.lines);
-    Word oop = NewVmObject(VT_CONST_METHOD, sizeof(ConstMethod) + method.codeSize + lines.size() + 1,
-                           ID_CONST_METHOD);
+Word WriteConstMethod(const MethodInfo &method, LineEnd end) {
+    std::string lines = LineTable(method.lines, end);
+    Word oop =
+        NewVmObject(VT_CONST_METHOD, sizeof(ConstMethod) + method.codeSize + lines.size(), ID_CONST_METHOD);
     At(oop, &ConstMethod::codeSize) = method.codeSize;
     At(oop, &ConstMethod::nameIndex) = AddToPool(method.holder, Intern(method.name));
     At(oop, &ConstMethod::signatureIndex) = AddToPool(method.holder, Intern(method.signature));
-    memcpy(&As<char>(oop + sizeof(ConstMethod) + method.codeSize), lines.c_str(), lines.size() + 1);
+    memcpy(&As<char>(oop + sizeof(ConstMethod) + method.codeSize), lines.data(), lines.size());
     return oop;
 }
 
@@ -184,29 +144,72 @@ Class *DefineClass(const std::string &name, const std::string &super, std::vecto
     Class *above = FindClass(super), *owner = &vm.classes[name];
     if (owner->klass)
         return owner;
-    *owner = {name, above, std::move(fields), 0, 0, above ? above->bytes : int32_t(sizeof(Oop)), 1};
+    *owner = {name, above, std::move(fields), 0, 0, above ? above->bytes : int32_t(sizeof(Oop)), 1, 0, ""};
+    owner->poolRoom = POOL_ENTRIES + 2 * owner->fields.size();
     PlaceFields(owner);
     bool reference = false;
     for (Class *up = owner; up; up = up->super)
         reference |= up->name == "java/lang/ref/Reference";
     owner->klass =
         NewKlass(reference ? VT_INSTANCE_REF : VT_INSTANCE, VT_INSTANCE_KLASS_KLASS, owner->fields.size());
-    owner->pool = NewVmObject(VT_POOL, sizeof(ConstantPool) + 8 * POOL_ENTRIES, ID_POOL);
+    owner->pool = NewVmObject(VT_POOL, sizeof(ConstantPool) + 8 * owner->poolRoom, ID_POOL);
     At(owner->pool, &ConstantPool::holder) = owner->klass;
-    At(owner->pool, &ConstantPool::length) = POOL_ENTRIES;
+    At(owner->pool, &ConstantPool::length) = owner->poolRoom;
     At(owner->klass, &Klass::layoutHelper) = owner->bytes / 8;
     At(owner->klass, &Klass::super) = above ? above->klass : 0;
     At(owner->klass, &Klass::name) = Intern(name);
     At(owner->klass, &Klass::constants) = owner->pool;
     std::string file = name.substr(name.rfind('/') + 1);
-    At(owner->klass, &Klass::sourceFile) = Intern(file.substr(0, file.find('$')) + ".java");
+    owner->source = file.substr(0, file.find('$')) + ".java";
+    At(owner->klass, &Klass::sourceFile) = Intern(owner->source);
     WriteFields(owner);
     AddMirror(owner);
     return owner;
 }
 
+Class *DefineClass(const std::string &line) {
+    std::istringstream words(line);
+    std::string name, word, super = "java/lang/Object";
+    std::vector<Field> fields;
+    bool known = true;
+    for (words >> name; words >> word;)
+        if (word == "<")
+            words >> super;
+        else if (word == "?")
+            known = false;
+        else {
+            bool isStatic = word[0] == '*';
+            size_t comma = word.find(',');
+            fields.push_back({word.substr(isStatic, comma - isStatic), word.substr(comma + 1), isStatic, 0});
+        }
+    if (!FindClass(super))
+        Fail(("no class " + super).c_str());
+    Class *owner = DefineClass(name, super, std::move(fields));
+    if (!known)
+        owner->source = "", At(owner->klass, &Klass::sourceFile) = 0;
+    return owner;
+}
+
+Class *ArrayClass(const std::string &signature) {
+    if (Class *known = FindClass(signature))
+        return known;
+    bool objects = SizeOf(signature.substr(1)) == 8 && signature[1] != 'J' && signature[1] != 'D';
+    Class *array = &vm.classes[signature];
+    array->name = signature;
+    array->super = FindClass("java/lang/Object");
+    array->klass = objects ? NewKlass(VT_OBJ_ARRAY, VT_OBJ_ARRAY_KLASS_KLASS)
+                           : NewKlass(VT_TYPE_ARRAY, VT_TYPE_ARRAY_KLASS_KLASS);
+    At(array->klass, &Klass::layoutHelper) = ~__builtin_ctz(SizeOf(signature.substr(1)));
+    At(array->klass, &Klass::arrayHeaderSize) = sizeof(JavaArray);
+    At(array->klass, &Klass::name) = Intern(signature);
+    if (array->super)
+        At(array->klass, &Klass::super) = array->super->klass;
+    AddMirror(array);
+    return array;
+}
+
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
-                         std::vector<MethodLine> lines, int32_t flags, int32_t codeSize) {
+                         std::vector<MethodLine> lines, int32_t flags, int32_t codeSize, LineEnd end) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     Class *owner = FindClass(holder);
     if (!owner)
@@ -214,7 +217,7 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
     vm.methods.push_back({owner, name, signature, flags, codeSize, std::move(lines), 0});
     MethodInfo *method = &vm.methods.back();
     method->oop = NewVmObject(VT_METHOD, sizeof(Method), ID_METHOD);
-    At(method->oop, &Method::constMethod) = WriteConstMethod(*method);
+    At(method->oop, &Method::constMethod) = WriteConstMethod(*method, end);
     At(method->oop, &Method::constants) = owner->pool;
     At(method->oop, &Method::accessFlags) = flags;
     At(method->oop, &Method::maxLocals) = 4;
@@ -225,72 +228,20 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
 void DefineVmClasses() {
     DefineKinds();
     vm.classes["java/lang/Object"] = {};
-    DefineArray("[S");
+    ArrayClass("[S");
     DefineClass("java/lang/Object", "");
+    At(FindClass("[S")->klass, &Klass::super) = FindClass("java/lang/Object")->klass;
     DefineClass("java/lang/Class", "java/lang/Object", {{"klass", "J", false, 0}});
     for (auto &[name, owner] : vm.classes)
         AddMirror(&owner);
-    DefineClass("java/lang/String", "java/lang/Object",
-                {{"value", "[C", false, 0}, {"offset", "I", false, 0}, {"count", "I", false, 0}});
-    DefineClass("java/lang/ThreadGroup", "java/lang/Object");
-    DefineClass("java/lang/Thread", "java/lang/Object",
-                {{"name", "[C", false, 0},
-                 {"group", "Ljava/lang/ThreadGroup;", false, 0},
-                 {"eetop", "J", false, 0},
-                 {"priority", "I", false, 0}});
-    DefineClass("java/lang/ref/Reference", "java/lang/Object",
-                {{"referent", "Ljava/lang/Object;", false, 0}});
-    DefineClass("java/lang/ref/WeakReference", "java/lang/ref/Reference");
-}
-
-void Forget(Object *object) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    object->address = 0;
-    vm.forgotten.push_back(object);
-}
-
-Object *NewObject(const std::string &className, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Class *type = FindClass(className);
-    if (!type)
-        type = DefineClass(className, "java/lang/Object");
-    return Describe(AllocateObject(&SpaceOf(space), type->bytes), type->klass, type->bytes, space);
-}
-
-Object *NewArray(const std::string &signature, int32_t length, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Class *type = FindClass(signature);
-    if (!type)
-        type = DefineArray(signature);
-    int64_t bytes = (sizeof(JavaArray) + length * SizeOf(signature.substr(1)) + 7) & ~size_t(7);
-    Object *array = Describe(AllocateObject(&SpaceOf(space), bytes), type->klass, bytes, space);
-    As<JavaArray>(array->address).length = length;
-    return array;
-}
-
-Object *NewChars(const std::string &text, char space) {
-    Object *chars = NewArray("[C", text.size(), space);
-    for (size_t i = 0; i < text.size(); i++)
-        As<uint16_t>(chars->address + sizeof(JavaArray) + 2 * i) = uint8_t(text[i]);
-    return chars;
-}
-
-Object *NewString(const std::string &text, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Object *string = NewObject("java/lang/String", space), *chars = NewChars(text, space);
-    SetField(string, "value", chars->address);
-    SetField(string, "count", int32_t(text.size()));
-    return string;
-}
-
-const Field *FindField(Word klass, const std::string &name) {
-    for (auto &[text, type] : vm.classes)
-        if (type.klass == klass)
-            for (Class *owner = &type; owner; owner = owner->super)
-                for (const Field &field : owner->fields)
-                    if (field.name == name)
-                        return &field;
-    Fail(("no field " + name).c_str());
+    for (const char *line : {"java/lang/String value,[C offset,I count,I hash,I",
+                             "java/lang/ThreadGroup parent,Ljava/lang/ThreadGroup; name,Ljava/lang/String;",
+                             "java/lang/Thread name,[C group,Ljava/lang/ThreadGroup; eetop,J priority,I",
+                             "java/lang/ref/Reference referent,Ljava/lang/Object;",
+                             "java/lang/ref/WeakReference < java/lang/ref/Reference"})
+        DefineClass(line);
+    vm.threadGroup = NewObject("java/lang/ThreadGroup", vm.old.letter);
+    Set(vm.threadGroup, "name", NewString("main", vm.old.letter));
 }
 
 } // namespace simvm

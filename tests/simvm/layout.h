@@ -74,8 +74,9 @@ struct Method {
     Word methodData;
     int32_t interpreterCount, accessFlags;
     int32_t vtableIndex;
-    uint16_t maxLocals, parameterSize;
-    Word gap[4];
+    uint16_t methodSize, maxStack, maxLocals, parameterSize; // in slots, long and double two
+    int32_t gap0;
+    Word gap[3];
 };
 struct ConstMethod {
     enum { ID = ID_CONST_METHOD };

@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -31,10 +32,23 @@ struct Options {
     bool wide = false;              // other classes than the VM's own lie 5 GB from those
 };
 
+struct Object;
+// Of a field, an element or a local, as Java has it; the field says which of the three. All 0: not set.
+struct Value {
+    int64_t number = 0; // of Z, B, C, S, I and J
+    double real = 0;    // of F and D
+    Object *object = nullptr;
+
+    Value() = default;
+    Value(Object *to) : object(to) {}
+    template <class T, class = std::enable_if_t<std::is_arithmetic_v<T>>>
+    Value(T value) : number(int64_t(value)), real(double(value)) {}
+};
 struct Field {
     std::string name, signature;
     bool isStatic;
-    int32_t offset; // from the object, or from the klass
+    int32_t offset;   // from the object, or from the klass
+    Value value = {}; // of a static
 };
 struct Class {
     std::string name; // with slashes
@@ -42,11 +56,15 @@ struct Class {
     std::vector<Field> fields; // its own
     Word klass, pool;
     int32_t bytes; // of an instance
-    int32_t poolUsed;
+    int32_t poolUsed, poolRoom = 0;
+    std::string source = {}; // file; empty: not known
 };
 struct MethodLine {
     int32_t bci, line;
 };
+// What follows a method's lines: the end mark, or something else. A method without lines has something else
+// there as well.
+enum class LineEnd { MARKED, UNMARKED };
 struct MethodInfo {
     Class *holder;
     std::string name, signature;
@@ -59,6 +77,8 @@ struct Object {
     Word klass;
     int64_t bytes;
     char space;
+    Class *type = nullptr;
+    std::vector<Value> values = {}; // an array's elements, or the fields as FieldsOf lists them
 };
 struct HeapSpace {
     char letter;    // P, O (C: the concurrent collector's), E, F, T
@@ -88,6 +108,7 @@ struct Vm {
     HeapSpace perm, old, eden, from, to;
     Word kindKlass[VTABLE_COUNT];      // the klasses of the VM's own kinds of objects
     Word heap;                         // CollectedHeap
+    Object *threadGroup;               // of all threads
     std::vector<ThreadInfo *> threads; // in the order of the VM's list
 };
 extern Vm vm;
@@ -106,10 +127,15 @@ Word Intern(const std::string &text); // a symbol
 // Seven bits a byte from the lowest; the last byte holds a signed rest, counted from 192.
 void PutCompressed(std::string *out, int32_t value);
 Class *DefineClass(const std::string &name, const std::string &super, std::vector<Field> fields = {});
-Class *FindClass(const std::string &name); // null: not defined
-// A method of codeSize bytecodes. Lines in ascending bci; none: no line table.
+// A line of words: "NAME [< SUPER] [?] field,SIGNATURE *static,SIGNATURE ...". "?": its source file isn't
+// known.
+Class *DefineClass(const std::string &line);
+Class *ArrayClass(const std::string &signature); // "[I", "[[Ljava/lang/Object;"
+Class *FindClass(const std::string &name);       // null: not defined
+// A method of codeSize bytecodes.
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
-                         std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64);
+                         std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64,
+                         LineEnd end = LineEnd::MARKED);
 
 HeapSpace &SpaceOf(char letter);
 Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure = STRUCT_COUNT);
@@ -118,13 +144,17 @@ void Forget(Object *object);             // dead; the next collection takes its 
 Object *NewObject(const std::string &className, char space = 'E');
 Object *NewChars(const std::string &text, char space = 'E'); // char[], one character a byte
 Object *NewString(const std::string &text, char space = 'E');
-// An array of a signature like "[I" or "[Ljava/lang/Object;"
 Object *NewArray(const std::string &signature, int32_t length, char space = 'E');
-const Field *FindField(Word klass, const std::string &name);
-template <class T>
-void SetField(Object *object, const std::string &name, T value) {
-    As<T>(object->address + FindField(object->klass, name)->offset) = value;
-}
+// Of an instance, super classes' first.
+std::vector<const Field *> FieldsOf(const Class *type);
+// A field, a static or an element, in memory and in the description. A name is that of the class nearest.
+void Set(Object *object, const std::string &field, Value value);
+void SetStatic(Class *type, const std::string &field, Value value);
+void SetElement(Object *array, int32_t index, Value value);
+Value Get(const Object *object, const std::string &field);
+int32_t SizeOf(const std::string &signature); // bytes of a field or an element
+// Writes the value where a field of that signature has its place.
+void WriteValue(Word place, const std::string &signature, const Value &value);
 
 // ---- threads
 // -----------------------------------------------------------------------------------------------

@@ -39,9 +39,11 @@ ThreadInfo *NewThread(const std::string &name) {
     thread->name = name;
     thread->object = NewObject("java/lang/Thread");
     Object *chars = NewChars(name);
-    SetField(thread->object, "name", chars->address);
+    Set(thread->object, "name", chars);
+    Set(thread->object, "group", vm.threadGroup);
     thread->objects = {thread->object, chars};
     thread->address = Allocate(ThreadBytes(), ID_THREAD);
+    Set(thread->object, "eetop", thread->address);
     thread->osThread = Allocate(sizeof(OSThread), ID_OS_THREAD);
     thread->handles = NewHandleBlock();
     for (Word JavaThread::*member :

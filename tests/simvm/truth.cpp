@@ -31,9 +31,7 @@ std::string StateText(const Script &script) {
 
 std::string LockText(const Object &object) {
     std::stringstream out;
-    for (const auto &[name, klass] : vm.classes)
-        if (klass.klass == object.klass)
-            out << std::hex << object.address << " " << Dotted(name);
+    out << std::hex << object.address << " " << Dotted(object.type->name);
     return out.str();
 }
 
@@ -55,8 +53,9 @@ std::string FrameText(const Scope &scope) {
     const std::string name = scope.method->holder->name, call = Dotted(name) + "->" + scope.method->name;
     if (scope.method->flags & METHOD_NATIVE)
         return call + " Native Method ^";
-    const std::string simple = name.substr(name.rfind('/') + 1);
-    return call + " " + simple.substr(0, simple.find('$')) + ".java " + std::to_string(LineOf(scope));
+    const std::string &source = scope.method->holder->source;
+    const int32_t line = LineOf(scope);
+    return call + " " + (source.empty() ? "^" : source) + " " + (line > 3 ? std::to_string(line) : "^");
 }
 
 Shown Truth(const Runner &runner) {
