@@ -210,7 +210,8 @@ QorClassCountEntry *QorCountHeapInCopy(int64_t *count, const char **refusal, int
     const int64_t asked = QorForkClock(), until = asked + QorForkPatience();
     QorTendHistogram();
     for (int32_t made = 1;; made++) {
-        if (!job.entries && ((refused = QorCheckFork(FORK_FOR_HISTOGRAM)) != 0 || !Begin())) {
+        if (!job.entries &&
+            ((refused = QorCheckFork(FORK_FOR_HISTOGRAM, QorJvmHeapInUse())) != 0 || !Begin())) {
             *refusal = QorForkRefusalText(refused);
             return nullptr;
         }

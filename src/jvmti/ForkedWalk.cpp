@@ -3,60 +3,14 @@
 #include "JniCalls.h"
 #include "MemorySystem.h"
 #include "Session.h"
-#include "platforms/linux.h"
-#include "platforms/memory_headroom.h"
-#include "platforms/memory_maps.h"
 #include "qorlog.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <unistd.h>
 
-int32_t gbiForkHeapShares[2] = {1, 3};
-
 namespace {
-
-constexpr int MIB_SHIFT = 20;
-constexpr int64_t MSEC_PER_SEC = 1000, NSEC_PER_MSEC = 1000 * 1000;
-constexpr int32_t MOST_REPEATS = 3;
-constexpr uint64_t COPY_TASKS = 2;                  // the copy's two threads
-constexpr uint64_t SMALL_HEAP = 64ULL << MIB_SHIFT; // walked in a moment
-
-struct RefusalRow {
-    int32_t refusal;
-    const char *text;
-};
-constexpr RefusalRow REFUSALS[] = {
-    {FORK_REFUSED_LOW_MEMORY, "System low on Virtual Memory, Unable to start Heap Dump."},
-    {FORK_REFUSED_SHARED_HEAP, "Unable to start Heap Dump: the JVM's heap is shared memory."},
-    {FORK_REFUSED_BUSY, "Unable to start Heap Dump: an earlier one is still being written."},
-    {FORK_REFUSED_BY_JVM, "Unable to start Heap Dump: the JVM refuses the walk."},
-    {FORK_REFUSED_FILE, "Unable to start Heap Dump: the file can't be opened."},
-    {FORK_REFUSED_TASKS, "Unable to start Heap Dump: no further process is allowed."},
-};
-
-// Mappings of a heap that some collectors keep, or are told to keep, in a file.
-constexpr const char *HEAP_FILES[] = {"/memfd:java_heap", "/jvmheap."};
-
-// Goes on to the next mapping; *found is set at a heap's.
-bool SeekHeapFile(const QorMapping &mapping, void *found) {
-    for (const char *word : HEAP_FILES) {
-        if (!mapping.shared || !mapping.writable || !strstr(mapping.name, word))
-            continue;
-        *static_cast<bool *>(found) = true;
-        return false;
-    }
-    return true;
-}
-
-bool HasHeapFile() {
-    bool found = false;
-    return !QorVisitMappings(SeekHeapFile, &found) || found;
-}
 
 // Whether the heap is this process's alone. A new object shows where the heap is: a local reference points to
 // a place that holds the object's address, as the collector has it. What can't be found counts as shared.
@@ -67,73 +21,17 @@ bool HeapIsPrivate() {
         return false;
     uint64_t address = 0;
     memcpy(&address, static_cast<const void *>(object), sizeof address);
-    QorMapping heap;
-    return QorFindMapping(address, &heap) && !heap.shared;
-}
-
-int32_t CheckProcess(QorForkUse use) {
-    if (HasHeapFile() || !HeapIsPrivate()) {
-        QORLOG(LOG_WARNING, "No copy of the process: the heap is shared memory");
-        return FORK_REFUSED_SHARED_HEAP;
-    }
-    if (QorTaskHeadroom() < COPY_TASKS) {
-        QORLOG(LOG_WARNING, "No copy of the process: its control group allows no further task");
-        return FORK_REFUSED_TASKS;
-    }
-    const uint64_t needed = QorGetUsedMemory() * static_cast<uint64_t>(gbiForkHeapShares[use]),
-                   headroom = QorMemoryHeadroom();
-    if (needed <= headroom)
-        return 0;
-    QORLOG(LOG_WARNING, "System low on Virtual Memory, Unable to start heap Dump");
-    QORLOG(LOG_WARNING, "A copy of the process may take %llu MiB, %llu MiB are free",
-           static_cast<unsigned long long>(needed >> MIB_SHIFT),
-           static_cast<unsigned long long>(headroom >> MIB_SHIFT));
-    return FORK_REFUSED_LOW_MEMORY;
+    return QorIsPrivateMemory(address);
 }
 
 } // namespace
 
-const char *QorForkRefusalText(int32_t refusal) {
-    for (const RefusalRow &row : REFUSALS)
-        if (row.refusal == refusal)
-            return row.text;
-    return "Unable to start Heap Dump due to OS Error.";
-}
-
-const char *QorForkFailureText(QorForkState state, int32_t error) {
-    switch (state) {
-    case FORK_FAILED:
-        return strerror(error);
-    case FORK_STUCK:
-        return "its process hung";
-    case FORK_FAULT:
-        return "a fault in its process";
-    default:
-        return "its process was ended";
-    }
+QorHeapInUse QorJvmHeapInUse() {
+    return {QorGetUsedMemory(), HeapIsPrivate()};
 }
 
 bool QorWantsCopy() {
     return copy_flags ? copy_flags == FLAG_COPY : QorGetForkHeapDumpCapability() != 0;
-}
-
-int32_t QorCheckFork(QorForkUse use) {
-    return QorForkedChildLives() ? FORK_REFUSED_BUSY : CheckProcess(use);
-}
-
-const char *QorWhyNoCopy(QorForkUse use) {
-    if (QorGetUsedMemory() <= SMALL_HEAP)
-        return "64 MiB of heap in use or less";
-    const int32_t refusal = CheckProcess(use);
-    return refusal ? QorForkRefusalText(refusal) : nullptr;
-}
-
-bool QorForkAgain(const char *what, int32_t made, int64_t until, QorForkState state, int32_t error) {
-    if (state == FORK_DONE || state == FORK_FAILED || made > MOST_REPEATS || QorForkClock() >= until)
-        return false;
-    QORLOG(LOG_WARNING, "%s: the copy of the process is made once more: %s", what,
-           QorForkFailureText(state, error));
-    return true;
 }
 
 int32_t QorForkedWalkReturned(jvmtiError error) {
@@ -149,28 +47,4 @@ int32_t QorForkedWalkReturned(jvmtiError error) {
     }
     QORLOG(LOG_ERROR, "No copy of the process: %s", strerror(errno));
     return FORK_REFUSED_BY_SYSTEM;
-}
-
-int64_t QorForkClock() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * MSEC_PER_SEC + now.tv_nsec / NSEC_PER_MSEC;
-}
-
-int64_t QorForkPatience() {
-    constexpr int64_t ENDLESS = 5000, LEAST = MSEC_PER_SEC, LEAST_REST = 2 * MSEC_PER_SEC, REST_SHARE = 10;
-    const int64_t limit = (qor_max_timeout > 0 ? qor_max_timeout : ENDLESS) * MSEC_PER_SEC;
-    const int64_t rest = std::max(LEAST_REST, limit / REST_SHARE);
-    return std::max(LEAST, limit - rest);
-}
-
-bool QorWaitForFork(int32_t pipeEnd, int64_t until) {
-    constexpr int64_t LOOK_MSEC = 100;
-    while (!QorCanReadWithin(pipeEnd, std::min(LOOK_MSEC, until - QorForkClock()))) {
-        if (!QorForkedChildLives())
-            return true;
-        if (QorForkClock() >= until || qorLeave)
-            return false;
-    }
-    return true;
 }

@@ -2,6 +2,7 @@
 
 #include "linux.h"
 #include "memory_maps.h"
+#include "own_memory.h"
 
 #include <cerrno>
 #include <csignal>
@@ -24,7 +25,7 @@ volatile uint64_t *qorForkSteps;
 
 namespace {
 
-constexpr size_t STACK_SIZE = 64 * 1024;
+constexpr size_t STACK_SIZE = 64 * 1024, BODY_STACK_SIZE = 8 << 20;
 constexpr int64_t POLL_MSEC = 2;
 constexpr int QUIET_POLLS = 25; // sleeping and no step: the walk is over
 constexpr int64_t NSEC_PER_MSEC = 1000 * 1000;
@@ -34,11 +35,12 @@ constexpr int64_t LONGEST_PARENT_LOOK = 2000, LONGEST_WATCHER_LOOK = 100;
 constexpr int64_t LONGEST_END = 10000; // for a killed copy to be gone
 constexpr int64_t SHORT_END = 100;     // the same at the agent's end
 constexpr int CHILD_PRIORITY = 5;
-constexpr int EXIT_FAILURE_CODE = 3;
+constexpr int EXIT_FAILURE_CODE = 3, EXIT_MOVED_CODE = 4;
+constexpr int NO_EXIT_SIGNAL = 0; // and nothing shared
 constexpr int MAX_STATISTICS = 4;
 constexpr uint64_t LARGEST_STATISTICS = 1 << 20;
 constexpr long CLOSE_RANGE_CALL = 436; // younger than the oldest headers that this builds with
-constexpr int KEPT_DESCRIPTORS = 3;
+constexpr int KEPT_DESCRIPTORS = 4;
 
 struct Page {
     std::atomic<uint64_t> beat; // moves while the copy runs at all
@@ -49,7 +51,7 @@ struct Page {
 QorForkPlan plan = {-1, {-1, -1}, 0, nullptr, nullptr, nullptr, nullptr};
 Page *page; // with the result behind it
 size_t pageSize;
-char *watcherStack;
+char *watcherStack, *bodyStack;
 std::atomic<pid_t> childPid; // of the last copy
 std::atomic<pid_t> livePid;  // the same until it has been collected
 int forkError;
@@ -83,8 +85,10 @@ void Unmap() {
         munmap(page, pageSize);
     if (watcherStack)
         munmap(watcherStack, STACK_SIZE);
+    if (bodyStack)
+        munmap(bodyStack, BODY_STACK_SIZE);
     page = nullptr;
-    watcherStack = nullptr;
+    watcherStack = bodyStack = nullptr;
     qorForkSteps = nullptr;
 }
 
@@ -131,8 +135,9 @@ void qor_signal_fork_child_to_parent() {
     page->error = error;
     page->state = state;
     qor_signal_fork_child_to_parent();
+    const int code = state == FORK_DONE ? 0 : state == FORK_MOVED ? EXIT_MOVED_CODE : EXIT_FAILURE_CODE;
     for (;;)
-        syscall(SYS_exit_group, state == FORK_DONE ? 0 : EXIT_FAILURE_CODE);
+        syscall(SYS_exit_group, code);
 }
 
 void DieOfFault(int) {
@@ -231,7 +236,7 @@ void BecomeChild(pid_t parentThread) {
     walkerStat = open("/proc/thread-self/stat", O_RDONLY | O_CLOEXEC);
     if (walkerStat < 0)
         Leave(FORK_FAILED, errno);
-    int kept[KEPT_DESCRIPTORS] = {plan.file, plan.pipe[1], walkerStat};
+    int kept[KEPT_DESCRIPTORS] = {plan.file, plan.pipe[1], walkerStat, QorKeepOwnMemory()};
     CloseAllBut(kept);
     Limit(RLIMIT_CORE, 0);
     Limit(RLIMIT_NOFILE, 0); // what is open stays; the JVM's code can't open anything
@@ -239,6 +244,19 @@ void BecomeChild(pid_t parentThread) {
     constexpr int THREAD = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM;
     if (clone(start_forked_thread, watcherStack + STACK_SIZE, THREAD, nullptr) < 0)
         Leave(FORK_FAILED, errno);
+}
+
+// QorForkNow's, in the copy.
+struct Body {
+    int32_t (*run)();
+    pid_t parentThread;
+};
+
+int RunBody(void *copied) {
+    const Body &body = *static_cast<Body *>(copied);
+    BecomeChild(body.parentThread);
+    const int32_t error = body.run();
+    Leave(error == 0 ? FORK_DONE : error == FORK_NOT_STILL ? FORK_MOVED : FORK_FAILED, error);
 }
 
 // The walking thread's state letter and its processor time in clock ticks.
@@ -286,6 +304,14 @@ void Kill() {
         kill(livePid, SIGKILL);
 }
 
+void NoteCopy(pid_t pid) {
+    if (pid < 0)
+        forkError = errno;
+    else
+        livePid = pid;
+    childPid = pid;
+}
+
 void GiveBack() {
     int32_t error = 0;
     const QorForkState state = QorForkOutcome(&error);
@@ -321,7 +347,8 @@ int start_forked_thread(void *) {
         const WalkerLook look = LookAtWalker();
         standstill = look.ticks == ticks ? standstill + passed : 0;
         ticks = look.ticks;
-        const bool sleeps = look.state == 'S' && !plan.isWriting(), over = sleeps && plan.walkCanBeOver();
+        const bool sleeps = look.state == 'S' && !plan.isWriting();
+        const bool over = sleeps && !plan.ownStack && plan.walkCanBeOver();
         quiet = over ? quiet + 1 : 0;
         if (quiet >= QUIET_POLLS)
             break;
@@ -355,7 +382,10 @@ bool QorPrepareFork(const QorForkPlan &wanted) {
     pageSize = RoundedToPages(sizeof(Page) + plan.resultSize);
     page = static_cast<Page *>(MapMemory(pageSize, MAP_SHARED));
     watcherStack = static_cast<char *>(MapMemory(STACK_SIZE, MAP_PRIVATE));
-    if (!page || !watcherStack || !QorVisitMappings(NoteStatistics, nullptr)) {
+    if (plan.ownStack)
+        bodyStack = static_cast<char *>(MapMemory(BODY_STACK_SIZE, MAP_PRIVATE | MAP_NORESERVE));
+    if (!page || !watcherStack || (plan.ownStack && !bodyStack) ||
+        !QorVisitMappings(NoteStatistics, nullptr)) {
         plan.file = -1;
         Unmap();
         return false;
@@ -370,17 +400,20 @@ bool QorPrepareFork(const QorForkPlan &wanted) {
 }
 
 pid_t QorForkHere() {
-    constexpr unsigned long NO_EXIT_SIGNAL = 0; // and nothing shared
     const auto caller = static_cast<pid_t>(syscall(SYS_gettid));
-    const auto pid =
-        static_cast<pid_t>(syscall(SYS_clone, NO_EXIT_SIGNAL, nullptr, nullptr, nullptr, nullptr));
+    const auto pid = static_cast<pid_t>(
+        syscall(SYS_clone, static_cast<long>(NO_EXIT_SIGNAL), nullptr, nullptr, nullptr, nullptr));
     if (pid == 0)
         BecomeChild(caller);
-    else if (pid < 0)
-        forkError = errno;
     else
-        livePid = pid;
-    childPid = pid;
+        NoteCopy(pid);
+    return pid;
+}
+
+pid_t QorForkNow(int32_t (*body)()) {
+    Body copy = {body, static_cast<pid_t>(syscall(SYS_gettid))};
+    const pid_t pid = clone(RunBody, bodyStack + BODY_STACK_SIZE, NO_EXIT_SIGNAL, &copy);
+    NoteCopy(pid);
     return pid;
 }
 

@@ -10,6 +10,9 @@
 // thread is made in the copy, which watches the first one: when that one sleeps and has sleeping left its
 // count of steps where it was, the walk is over. The second thread then finishes the work and ends the copy.
 //
+// Where the agent itself does the work, in a JVM that it reads by address, QorForkNow makes the copy: its one
+// thread runs a function on a stack made for it, and the second thread only watches.
+//
 // In the copy nothing is called but what computes, writes to the two descriptors that it keeps, or maps
 // memory: other threads' locks, malloc's included, are in whatever state the copying found them. A walker
 // that sleeps on one sleeps for ever, so the second thread gives up after a second of that. The copy is the
@@ -36,16 +39,21 @@ enum QorForkState : int32_t {
     FORK_FAILED, // by its own word, with an error number
     FORK_STUCK,  // the walk can't go on: it waits for a lock that nobody holds any more
     FORK_FAULT,  // a fault in the walk
+    FORK_MOVED,  // what it was to show had changed before it was made; see FORK_NOT_STILL
 };
+
+// What QorForkNow's function returns before it has written anything, when another copy may do better.
+enum : int32_t { FORK_NOT_STILL = -1 };
 
 struct QorForkPlan {
     int32_t file; // descriptor that the copy keeps besides its pipe, -1 for none; the parent's goes with it
     int32_t pipe[2];         // the copy writes to the second
     size_t resultSize;       // bytes of QorForkResult
-    bool (*walkCanBeOver)(); // in the copy: false as long as something is known to be missing
+    bool (*walkCanBeOver)(); // in the copy: false as long as something is known to be missing; QorForkHere
     bool (*isWriting)();     // in the copy: the walker sleeps in a write, if it sleeps
-    int32_t (*finish)();     // in the copy, when the walk is over: 0 or an error number
+    int32_t (*finish)();     // in the copy, when the walk is over: 0 or an error number; QorForkHere
     void (*ended)(QorForkState state, int32_t error, const void *result); // in the parent, once; may be null
+    bool ownStack = false;                                                // for QorForkNow
 };
 
 // Prepares for a fork: the shared page, the second thread's stack. False when something can't be had, or a
@@ -55,6 +63,11 @@ bool QorPrepareFork(const QorForkPlan &plan);
 // Makes the copy: 0 in it, its process id in the parent, or -1. In the copy all is set up for the walk to go
 // on. Any thread, once for each preparation.
 pid_t QorForkHere();
+
+// Makes the copy, whose one thread runs `body` on a stack of 8 MB and ends with its result: 0, an error
+// number, or FORK_NOT_STILL. The process id, or -1. Takes no lock and allocates nothing, so that other
+// threads may be held meanwhile. Worker, once for each preparation, which asked for the stack.
+pid_t QorForkNow(int32_t (*body)());
 
 // The last fork's process id, -1 with errno set when there was none to be had, 0 when none was tried.
 pid_t QorForkedPid();

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -18,14 +19,19 @@ int32_t kept = -1;
 pid_t keeper; // the process whose memory it shows: a copy of it needs another one
 struct stat made;
 
+// getpid() of an old C library answers a copy of the process with the original's number.
+pid_t OwnId() {
+    return static_cast<pid_t>(syscall(SYS_getpid));
+}
+
 bool IsKeptFile() {
     struct stat now;
-    return kept >= 0 && keeper == getpid() && fstat(kept, &now) == 0 && now.st_dev == made.st_dev &&
+    return kept >= 0 && keeper == OwnId() && fstat(kept, &now) == 0 && now.st_dev == made.st_dev &&
            now.st_ino == made.st_ino; // else the host has closed it, and the number may be another file's
 }
 
 bool OpenKeptFile() {
-    keeper = getpid();
+    keeper = OwnId();
     kept = qor_open_read(MEMORY_FILE);
     if (kept >= 0 && fstat(kept, &made) != 0)
         qor_close_handle(&kept);
@@ -55,8 +61,14 @@ bool ReadByFile(uint64_t address, void *out, size_t size) {
 bool QorReadOwnMemory(uint64_t address, void *out, size_t size) {
     iovec local = {out, size};
     iovec remote = {reinterpret_cast<void *>(address), size};
-    const ssize_t length = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
+    const ssize_t length = process_vm_readv(OwnId(), &local, 1, &remote, 1, 0);
     if (length < 0 && (errno == ENOSYS || errno == EPERM))
         return ReadByFile(address, out, size);
     return length == static_cast<ssize_t>(size);
+}
+
+int32_t QorKeepOwnMemory() {
+    busy.clear();
+    kept = -1; // the number is the original's file
+    return OpenKeptFile() ? kept : -1;
 }

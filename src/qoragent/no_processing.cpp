@@ -57,7 +57,7 @@ void ShowForkState(char *value) {
     const bool dump = value && strncmp(value, "dump", 4) == 0;
     const char *why = "QOR Uninitialized for this JVM";
     if (QorCanInspect())
-        why = QorWhyNoCopy(dump ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM);
+        why = QorWhyNoCopy(dump ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM, QorJvmHeapInUse());
     QOR_REPLY("forkstate=%d forkdump=%d %s", !why, QorGetForkHeapDumpCapability(), why ? why : "");
 }
 

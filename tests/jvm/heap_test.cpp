@@ -10,10 +10,10 @@
 #include "jvmti/GCSystem.h"
 #include "jvmti/LibraryDump.h"
 #include "jvmti/MemorySystem.h"
-#include "jvmti/heapdump/DumpFile.h"
 #include "jvmti/heapdump/DumpState.h"
 #include "jvmti/heapdump/HeapDump.h"
 #include "jvmti/heapdump/HeapSummary.h"
+#include "platforms/DumpFile.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 

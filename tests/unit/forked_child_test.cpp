@@ -41,6 +41,8 @@ int32_t Finish() {
 
 void Nothing() {}
 
+int32_t (*body)(); // of QorForkNow; null: QorForkHere
+
 // Makes a copy, which does `walk` and sleeps as a walk's thread does after it; the parent does `look`
 // meanwhile. The outcome and its error.
 std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothing) {
@@ -53,9 +55,10 @@ std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothin
                                 [] { return over; },
                                 [] { return writing; },
                                 Finish,
-                                [](QorForkState, int32_t, const void *) { ends++; }}));
+                                [](QorForkState, int32_t, const void *) { ends++; },
+                                body != nullptr}));
     report = static_cast<Report *>(QorForkResult());
-    if (QorForkHere() == 0) {
+    if ((body ? QorForkNow(body) : QorForkHere()) == 0) {
         walk();
         for (;;)
             pause();
@@ -226,6 +229,35 @@ TEST(ForkedChild, IsUnseenByTheApplication) {
     EXPECT_EQ(WEXITSTATUS(status), 7) << "the application's children are its own";
     EXPECT_EQ(childSignals, 1);
     signal(SIGCHLD, SIG_DFL);
+}
+
+// Takes half of the stack that a copy of its own has.
+int32_t Dig(int32_t depth) {
+    volatile char taken[1 << 20] = {};
+    return depth == 0 ? taken[0] : Dig(depth - 1) + taken[1];
+}
+
+TEST(ForkedChild, RunsAFunctionOnItsOwnStackAndEndsWithItsResult) {
+    const struct {
+        int32_t (*body)();
+        QorForkState state;
+        int32_t error;
+    } cases[] = {
+        {[] { return Dig(4); }, FORK_DONE, 0},
+        {[] { return ENOSPC; }, FORK_FAILED, ENOSPC},
+        {[]() -> int32_t { return FORK_NOT_STILL; }, FORK_MOVED, FORK_NOT_STILL},
+        {[] { return raise(SIGSEGV); }, FORK_FAULT, 0},
+        {[] { return Dig(40); }, FORK_RUNNING, 0},
+        {[] { return pause(); }, FORK_STUCK, 0},
+    };
+    gbiForkSleep = 200;
+    for (const auto &c : cases) {
+        body = c.body;
+        EXPECT_EQ(RunCopy(Nothing), std::make_pair(c.state, c.error)) << &c - cases;
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1);
+    }
+    gbiForkSleep = 1000;
+    body = nullptr;
 }
 
 // A killed copy that nobody waits for is collected by a later look, and hinders no new one then.

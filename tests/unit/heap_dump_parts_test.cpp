@@ -1,9 +1,9 @@
 // The text dump without a JVM: its file, its numbers, its tags, its date; and what the histogram sorts by.
 #include "Descriptors.h"
 #include "jvmti/ClassHistogram.h"
-#include "jvmti/heapdump/DumpFile.h"
 #include "jvmti/heapdump/DumpHeader.h"
 #include "jvmti/heapdump/ObjectTags.h"
+#include "platforms/DumpFile.h"
 #include "platforms/memory_headroom.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // walk, touch these.
 #pragma once
 
-#include "DumpFile.h"
+#include "platforms/DumpFile.h"
 
 #include <cstdint>
 #include <jvmti.h>

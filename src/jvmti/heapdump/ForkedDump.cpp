@@ -138,7 +138,7 @@ int32_t DumpTo(const char *path, const int32_t pipe[2]) {
 int32_t QorForkHeapDump(const char *path, const int32_t pipe[2]) {
     if (!jvmtijni_env)
         return FORK_REFUSED_BY_JVM;
-    const int32_t refusal = QorCheckFork(FORK_FOR_DUMP);
+    const int32_t refusal = QorCheckFork(FORK_FOR_DUMP, QorJvmHeapInUse());
     if (refusal)
         return refusal;
     QorLocalFrame frame(jvmtijni_env, FRAME_CAPACITY);
