@@ -1,8 +1,10 @@
 #include "qorformat.h"
 
 #include "qorrequest.h"
+#include "qorsysinfo.h"
 
 #include <cstdio>
+#include <initializer_list>
 
 char null_str[2] = "^";
 
@@ -71,6 +73,30 @@ int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId) {
 void QorAppendField(QorText *out, const char *text) {
     QorTextAppend(out, text);
     QorTextAppendChar(out, FIELD_SEP);
+}
+
+void QorAppendNumberField(QorText *out, int64_t number) {
+    QorTextAppendNumber(out, number);
+    QorTextAppendChar(out, FIELD_SEP);
+}
+
+void QorAppendTitle(QorText *out, const char *title) {
+    QorTextAppend(out, title);
+    QorTextAppendChar(out, RECORD_END);
+}
+
+void QorAppendSystemData(QorText *out, const QorSystemFigures &figures) {
+    QorAppendTitle(out, "System Data");
+    QorAppendNumberField(out, static_cast<uint32_t>(figures.machine));
+    QorAppendNumberField(out, static_cast<uint32_t>(figures.process));
+    for (const uint32_t figure : {figures.minorCount, figures.majorCount, figures.heapPercent})
+        QorAppendNumberField(out, figure);
+    char times[96]; // unsigned, also where a collector doesn't tell its time by -1
+    snprintf(times, sizeof times, "%lu%c%lu%c%lu%02lu", static_cast<unsigned long>(figures.minorTime),
+             FIELD_SEP, static_cast<unsigned long>(figures.majorTime), FIELD_SEP,
+             static_cast<unsigned long>(last_snap_time_hi), static_cast<unsigned long>(last_snap_time_lo));
+    QorTextAppend(out, times);
+    QorTextAppendChar(out, SECTION_END);
 }
 
 uint64_t atoqoraddr(const char *text) {

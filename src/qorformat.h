@@ -25,6 +25,9 @@ constexpr char TITLE_CALL_STACK[] = "Call Stack";
 constexpr char TITLE_LOCKS[] = "JVM Locks";
 constexpr char TITLE_LOCK_WAIT[] = "Lock On";
 constexpr char TITLE_PARKED[] = "Parked On";
+constexpr char TITLE_COLLECTIONS[] = "JVM Garbage Collections";
+constexpr char TITLE_HEAP_MEMORY[] = "JVM Heap Memory Usage";
+constexpr char TITLE_HEAP_OBJECTS[] = "JVM Heap Number of Objects";
 
 // A label of the console behind a lock that a thread waits for.
 constexpr char VIEW_LOCK_HOLDER[] = "View Thread Holding this Lock";
@@ -41,8 +44,21 @@ void InitResponseHeader(uint32_t reqid, char *header);
 // the console expects. Returns the length.
 int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId);
 
-// A text and its separator.
+// A text and its separator; a number and its separator; a title and the mark behind it.
 void QorAppendField(QorText *out, const char *text);
+void QorAppendNumberField(QorText *out, int64_t number);
+void QorAppendTitle(QorText *out, const char *title);
+
+// Figures of the machine and the JVM at one moment: ticks per processor, collections and milliseconds spent
+// in them, percent of the heap in use.
+struct QorSystemFigures {
+    int64_t machine, process;
+    uint32_t minorCount, majorCount, heapPercent;
+    uint64_t minorTime, majorTime;
+};
+
+// The section of one line that has them, and the time of the machine's figure.
+void QorAppendSystemData(QorText *out, const QorSystemFigures &figures);
 
 // An address as records have it, hexadecimal without a prefix, wrapping. Any character counts, by its code.
 uint64_t atoqoraddr(const char *text);

@@ -4,6 +4,7 @@
 #include "jvmti/GCSystem.h"
 #include "jvmti/MemorySystem.h"
 #include "jvmti/Session.h"
+#include "qorformat.h"
 #include "qorlog.h"
 #include "qorsysinfo.h"
 #include "records.h"
@@ -17,21 +18,6 @@ constexpr int KIB_SHIFT = 10;
 constexpr int64_t BYTES_PER_KIB = 1024;
 constexpr int64_t LARGEST_SHOWN_COUNTER = 0x7fffffff;
 
-void AppendTitle(QorText *reply, const char *title) {
-    QorTextAppend(reply, title);
-    QorTextAppendChar(reply, RECORD_END);
-}
-
-void AppendField(QorText *reply, const char *text) {
-    QorTextAppend(reply, text);
-    QorTextAppendChar(reply, FIELD_SEP);
-}
-
-void AppendField(QorText *reply, int64_t number) {
-    QorTextAppendNumber(reply, number);
-    QorTextAppendChar(reply, FIELD_SEP);
-}
-
 // The share in percent, cut to a whole number, computed in single precision first.
 uint32_t Percent(uint64_t part, uint64_t whole) {
     if (!whole)
@@ -44,22 +30,22 @@ void AppendPool(QorText *section, const QorHeapSummaryEntry &pool) {
     // Sizes read one after the other need not fit together.
     const uint32_t used = pool.totalKb > pool.freeKb ? pool.totalKb - pool.freeKb : 0;
     const uint32_t available = pool.maxKb > used ? pool.maxKb - used : 0;
-    AppendField(section, pool.name);
-    AppendField(section, pool.maxKb);
-    AppendField(section, used);
-    AppendField(section, Percent(used, pool.maxKb));
+    QorAppendField(section, pool.name);
+    QorAppendNumberField(section, pool.maxKb);
+    QorAppendNumberField(section, used);
+    QorAppendNumberField(section, Percent(used, pool.maxKb));
     QorTextAppendNumber(section, available);
     QorTextAppendChar(section, RECORD_END);
 }
 
 void AppendHeapDetails(QorText *reply, const char *title, int32_t usedKb, int32_t maxKb) {
     constexpr int UNUSED_FIELDS = 7;
-    AppendTitle(reply, title);
-    AppendField(reply, "Heap");
+    QorAppendTitle(reply, title);
+    QorAppendField(reply, "Heap");
     for (int i = 0; i < UNUSED_FIELDS; i++)
-        AppendField(reply, "0");
-    AppendField(reply, usedKb);
-    AppendField(reply, maxKb);
+        QorAppendField(reply, "0");
+    QorAppendNumberField(reply, usedKb);
+    QorAppendNumberField(reply, maxKb);
     QorTextAppendChar(reply, SECTION_END);
 }
 
@@ -94,7 +80,7 @@ void QorShowHeapSummary(uint32_t, QorText *reply, char **) {
     QorHeapSummaryEntry *pools = nullptr;
     QorInitHeapSummaryHandle();
     const int32_t count = QorGetMemorySummary(&pools);
-    AppendTitle(reply, "JVM Heap Usage");
+    QorAppendTitle(reply, "JVM Heap Usage");
     for (int32_t i = 0; i < count; i++)
         AppendPool(reply, pools[i]);
     QorTextAppendChar(reply, SECTION_END);
@@ -105,9 +91,9 @@ void QorShowGCSummary(uint32_t, QorText *reply, char **) {
     QorGCSummaryEntry *entries = nullptr;
     QorInitGCSummaryHandle();
     const int32_t count = QorGetGCSummary(&entries);
-    AppendTitle(reply, "JVM Garbage Collections");
+    QorAppendTitle(reply, TITLE_COLLECTIONS);
     for (int32_t i = 0; i < count; i++) {
-        AppendField(reply, entries[i].name);
+        QorAppendField(reply, entries[i].name);
         QorTextAppendNumber(reply, entries[i].count);
         QorTextAppendChar(reply, RECORD_END);
     }
@@ -118,10 +104,10 @@ void QorShowGCSummary(uint32_t, QorText *reply, char **) {
 void QorShowCollectors(QorText *reply) {
     QorCollector collectors[MAX_COLLECTORS];
     const int32_t count = QorGetCollectors(collectors);
-    AppendTitle(reply, "JVM Garbage Collectors");
+    QorAppendTitle(reply, "JVM Garbage Collectors");
     for (int32_t i = 0; i < count; i++) {
-        AppendField(reply, collectors[i].name);
-        AppendField(reply, collectors[i].count);
+        QorAppendField(reply, collectors[i].name);
+        QorAppendNumberField(reply, collectors[i].count);
         QorTextAppendNumber(reply, collectors[i].time);
         QorTextAppendChar(reply, RECORD_END);
     }
@@ -140,26 +126,16 @@ void QorShowSystemData(uint32_t, QorText *reply, char **) {
         process = machine;
     const uint32_t heap = Percent(QorGetUsedMemory(), QorGetMaxMemory());
     const CollectorFigures gc = ReadCollectors();
-    AppendTitle(reply, "System Data");
-    AppendField(reply, static_cast<uint32_t>(machine));
-    AppendField(reply, static_cast<uint32_t>(process));
-    AppendField(reply, gc.minorCount);
-    AppendField(reply, gc.majorCount);
-    AppendField(reply, heap);
-    char times[96]; // unsigned, also where a collector doesn't tell its time by -1
-    snprintf(times, sizeof times, "%lu%c%lu%c%lu%02lu", static_cast<unsigned long>(gc.minorTime), FIELD_SEP,
-             static_cast<unsigned long>(gc.majorTime), FIELD_SEP,
-             static_cast<unsigned long>(last_snap_time_hi), static_cast<unsigned long>(last_snap_time_lo));
-    QorTextAppend(reply, times);
-    QorTextAppendChar(reply, SECTION_END);
+    QorAppendSystemData(reply, {machine, process, gc.minorCount, gc.majorCount, heap,
+                                static_cast<uint64_t>(gc.minorTime), static_cast<uint64_t>(gc.majorTime)});
 }
 
 void QorShowMemoryDetails(QorText *reply) {
     QORLOG(LOG_DETAIL, "processing GC Summary Req\n");
     const int32_t maxKb = static_cast<int32_t>(QorGetMaxMemory() >> KIB_SHIFT);
     const int32_t usedKb = static_cast<int32_t>(QorGetUsedMemory() >> KIB_SHIFT);
-    AppendHeapDetails(reply, "JVM Heap Memory Usage", usedKb, maxKb);
-    AppendHeapDetails(reply, "JVM Heap Number of Objects", usedKb, maxKb); // objects are not counted
+    AppendHeapDetails(reply, TITLE_HEAP_MEMORY, usedKb, maxKb);
+    AppendHeapDetails(reply, TITLE_HEAP_OBJECTS, usedKb, maxKb); // objects are not counted
     QorShowGCSummary(0, reply, nullptr);
 }
 
@@ -174,18 +150,18 @@ void QorShowClassHistogram(QorText *reply) {
         return;
     }
     if (count != 1)
-        AppendTitle(reply, "JVM Class Details");
+        QorAppendTitle(reply, "JVM Class Details");
     for (int64_t i = count - 1; i >= 1 && i >= count - HISTOGRAM_ROWS; i--) {
-        AppendField(reply, entries[i].name);
-        AppendField(reply, entries[i].count);
-        AppendField(reply, entries[i].size / BYTES_PER_KIB);
+        QorAppendField(reply, entries[i].name);
+        QorAppendNumberField(reply, entries[i].count);
+        QorAppendNumberField(reply, entries[i].size / BYTES_PER_KIB);
         QorTextAppendChar(reply, RECORD_END);
     }
     if (count != 1)
         QorTextAppendChar(reply, SECTION_END);
     if (qorHistogramAge >= 0) {
-        AppendTitle(reply, "JVM Class Details Age");
-        AppendField(reply, qorHistogramAge);
+        QorAppendTitle(reply, "JVM Class Details Age");
+        QorAppendNumberField(reply, qorHistogramAge);
         QorTextAppendChar(reply, SECTION_END);
     }
     QorFreeClassCounts(entries, count);

@@ -13,6 +13,7 @@
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/records.h"
 #include "Xtier/XtierDbSession.h"
+#include "heaptraverse/memory_text.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
 #include "sunprint/print_threads.h"
@@ -76,6 +77,7 @@ struct Views {
     void (*object)();
     void (*locals)();
     void (*threads)();
+    void (*figures)(); // what goes in front of threads' rows; null for nothing
 };
 
 constexpr Views JVMTI_VIEWS = {
@@ -86,11 +88,18 @@ constexpr Views JVMTI_VIEWS = {
                                    pagebuf, PAGEBUF_SIZE);
     },
     [] { QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args); },
+    nullptr,
 };
+
+void AddMemoryText(uint32_t wanted) {
+    QorText reply;
+    QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+    qormemsum(&reply, wanted);
+}
 
 // What this road can't show yet is answered as on a JVM that isn't known.
 constexpr Views DIRECT_VIEWS = {
-    nullptr,
+    [] { AddMemoryText(reqid); },
     nullptr,
     nullptr,
     [] {
@@ -102,6 +111,7 @@ constexpr Views DIRECT_VIEWS = {
         QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
         PrintSunThreads(reqid, &reply, console_args);
     },
+    [] { AddMemoryText(reqid & MEMORY_WITH_THREADS); },
 };
 
 const Views &ViewsOfRoad() {
@@ -136,7 +146,11 @@ void ShowQor() {
     ParseRequestFields();
     dumpfile[0] = 0;
     ClearReply();
-    Ask(ViewsOfRoad().threads);
+    const Views &views = ViewsOfRoad();
+    const bool threadsAlone = (reqid & QORREQ_SAMPLING) && get_system_data == 0;
+    if (views.figures && !threadsAlone && QorCanInspect())
+        views.figures();
+    Ask(views.threads);
 }
 
 void AskDbSessions() {

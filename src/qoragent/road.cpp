@@ -2,12 +2,14 @@
 
 #include "fault_handler.h"
 #include "qorlog.h"
+#include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
 #include "startup.h"
 #include "worker.h"
 
 #include "RequestHandler/records.h"
+#include "heaptraverse/memory_text.h"
 #include "jvmti/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
@@ -107,6 +109,8 @@ void FinishDirectRoad(int32_t resolved) {
     init_status = StartReadersBetweenCollections();
     if (init_status != START_OK)
         return;
+    QorFindSizeFunctions();
+    qormemsum(nullptr, QORREQ_JUST_THREADS);
     if (QorFindBlobTables() == 0)
         QORLOG(LOG_ERROR, "Stacks end at compiled code: libjvm's file can't be read");
     QorPrepareHolds(&QOR_HOLD_TESTS);

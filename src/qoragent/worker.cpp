@@ -16,6 +16,7 @@
 
 #include "RequestHandler/enrichment.h"
 #include "RequestHandler/records.h"
+#include "heaptraverse/memory_text.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
@@ -42,6 +43,7 @@ constexpr int32_t JAVA_CALL_WAIT_SECONDS = 5;
 constexpr size_t NIMB_STACK_SIZE = 1024 * 1024;
 constexpr long POLL_NSEC = 1000 * 1000;
 constexpr char HEAP_DETAIL_REQUEST[] = "showmem|512";
+constexpr char MEMORY_REQUEST[] = "showqor|128";
 
 // The number of the current start: only the worker that carries it may touch the channel. Negative while that
 // worker is asked to leave, 0 when nobody serves.
@@ -103,9 +105,19 @@ void Strike(volatile int *strikes) {
         qor_enable_gc();
 }
 
-bool TakeGcLock(uint32_t flags) {
+// A refused request for memory activity still has the use of the heap as it is in the midst of a collection.
+void AppendMemoryOfRefused(const char *command) {
+    if (!StartsWith(command, MEMORY_REQUEST))
+        return;
+    QorText reply;
+    QorTextStart(&reply, pagebuf, PAGEBUF_SIZE);
+    qormemsum(&reply, QORREQ_MEMORY_ACTIVITY);
+}
+
+bool TakeGcLock(uint32_t flags, const char *command) {
     if (no_gc || !QorCanInspect() || qor_disable_gc(flags & FLAG_GC_RETRY_MODE) == 0)
         return true;
+    AppendMemoryOfRefused(command);
     if (qorlocks[1])
         AppendByWayOfBuf(
             "Unable to complete Request. Please Try Again\n Garbage Collector currently running.");
@@ -149,7 +161,7 @@ void HandleRequest() {
     LogFlags();
     if (offsetind == BUILD_UNSUPPORTED)
         no_gc = FLAG_NO_GC;
-    if (!TakeGcLock(flags))
+    if (!TakeGcLock(flags, command))
         return;
     if (!QorAnswerForkedDump(command)) {
         set_qor_handler();

@@ -33,6 +33,10 @@ int32_t tableCount;
 // The functions answer a byte; the rest of the register is whatever it was.
 using Predicate = uint8_t (*)(const void *blob);
 
+// Words, by the klass part and the object.
+using SizeFunction = int32_t (*)(const void *klassPart, const void *object);
+uint64_t sizeFunctions[OOP_TABLES]; // by VmType; written at start
+
 struct Question {
     uint32_t entry;
     BlobTrait trait;
@@ -151,4 +155,21 @@ void QorAskBlob(uint64_t blob) {
         if (yes)
             table->traits |= question.trait;
     }
+}
+
+void QorFindSizeFunctions() {
+    for (int32_t type = 0; type < OOP_TABLES; type++) {
+        const uint64_t entry = oop_vtable[type] + offsets[KLASS_OOP_SIZE_ENTRY] * VM_WORD_SIZE;
+        const uint64_t function = oop_vtable[type] ? QorWordAt(entry) : 0;
+        sizeFunctions[type] = function && IsCodeOfTheJvm(function) ? function : 0;
+    }
+}
+
+int64_t QorAskObjectSize(VmType type, uint64_t klass, uint64_t object) {
+    if (type < 0 || type >= OOP_TABLES || !sizeFunctions[type])
+        return 0;
+    const auto function = reinterpret_cast<SizeFunction>(sizeFunctions[type]);
+    const int64_t words =
+        function(reinterpret_cast<const void *>(klass + KLASS_PART), reinterpret_cast<const void *>(object));
+    return words * static_cast<int64_t>(VM_WORD_SIZE);
 }

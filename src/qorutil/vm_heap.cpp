@@ -24,34 +24,22 @@ uint64_t CollectedHeap() {
     return QorWordAt(nsymbols[SYM_COLLECTED_HEAP]);
 }
 
-bool HasFreeLists(const HeapSpace &space) {
-    return conc_mark_sweep && (space.letter == SPACE_PERM || space.letter == SPACE_CMS);
-}
-
 // The word at a member of the structure at `address`; 0 stays 0.
 uint64_t Follow(uint64_t address, VmOffset member) {
     return address ? QorWordAt(address + offsets[member]) : 0;
 }
 
-uint64_t YoungGeneration() {
-    return cargs_parallel_gc ? QorWordAt(nsymbols[SYM_PS_YOUNG_GEN])
-                             : Follow(CollectedHeap(), HEAP_YOUNG_GEN);
-}
-
 uint64_t FromSpace() {
-    return Follow(YoungGeneration(), cargs_parallel_gc ? PS_YOUNG_FROM : YOUNG_FROM);
+    return Follow(QorYoungGeneration(), cargs_parallel_gc ? PS_YOUNG_FROM : YOUNG_FROM);
 }
 
 uint64_t EdenSpace() {
-    return Follow(YoungGeneration(), cargs_parallel_gc ? PS_YOUNG_EDEN : YOUNG_EDEN);
+    return Follow(QorYoungGeneration(), cargs_parallel_gc ? PS_YOUNG_EDEN : YOUNG_EDEN);
 }
 
 uint64_t OldSpace() {
-    if (cargs_parallel_gc)
-        return Follow(QorWordAt(nsymbols[SYM_PS_OLD_GEN]), PS_OLD_SPACE);
-    if (conc_mark_sweep)
-        return Follow(Follow(CollectedHeap(), HEAP_CMS_GEN), CMS_SPACE);
-    return Follow(Follow(CollectedHeap(), HEAP_OLD_GEN), OLD_SPACE);
+    const VmOffset space = cargs_parallel_gc ? PS_OLD_SPACE : conc_mark_sweep ? CMS_SPACE : OLD_SPACE;
+    return Follow(QorOldGeneration(), space);
 }
 
 uint64_t PermSpace() {
@@ -61,20 +49,25 @@ uint64_t PermSpace() {
     return Follow(generation, conc_mark_sweep ? CMS_SPACE : PERM_SPACE);
 }
 
+VmOffset TopMember() {
+    return cargs_parallel_gc ? PS_SPACE_TOP : SPACE_TOP;
+}
+
+VmOffset EndMember() {
+    return cargs_parallel_gc ? PS_SPACE_END : SPACE_END;
+}
+
 // One space as it is now. A record whose words contradict each other accepts nothing.
 void NoteSpace(HeapSpace *space) {
-    const VmOffset bottom = cargs_parallel_gc ? PS_SPACE_BOTTOM : SPACE_BOTTOM;
-    const VmOffset top = cargs_parallel_gc ? PS_SPACE_TOP : SPACE_TOP;
-    const VmOffset end = cargs_parallel_gc ? PS_SPACE_END : SPACE_END;
-    space->bottom = Follow(space->space, bottom);
-    space->top = Follow(space->space, top);
-    space->end = Follow(space->space, end);
-    if (space->bottom > space->end || (space->top > space->end && !HasFreeLists(*space)))
+    space->bottom = Follow(space->space, cargs_parallel_gc ? PS_SPACE_BOTTOM : SPACE_BOTTOM);
+    space->top = Follow(space->space, TopMember());
+    space->end = Follow(space->space, EndMember());
+    if (space->bottom > space->end || (space->top > space->end && !QorHasFreeLists(*space)))
         space->bottom = 0;
 }
 
 bool Holds(const HeapSpace &space, uint64_t address) {
-    const uint64_t limit = HasFreeLists(space) ? space.end : space.top;
+    const uint64_t limit = QorHasFreeLists(space) ? space.end : space.top;
     return space.bottom != 0 && address >= space.bottom && address + TESTED_BYTES < limit;
 }
 
@@ -113,6 +106,27 @@ void QorReadCollector() {
     const uint64_t parallel = nsymbols[SYM_USE_PARALLEL_GC], concurrent = nsymbols[SYM_USE_CMS];
     cargs_parallel_gc = parallel && QorPeekFresh(parallel, &flag, sizeof flag) && flag;
     conc_mark_sweep = concurrent && QorPeekFresh(concurrent, &flag, sizeof flag) && flag;
+}
+
+bool QorHasFreeLists(const HeapSpace &space) {
+    return conc_mark_sweep && (space.letter == SPACE_PERM || space.letter == SPACE_CMS);
+}
+
+uint64_t QorSpaceLimit(const HeapSpace &space) {
+    uint64_t limit = 0;
+    const VmOffset member = QorHasFreeLists(space) ? EndMember() : TopMember();
+    return QorPeekFresh(space.space + offsets[member], &limit, sizeof limit) ? limit : 0;
+}
+
+uint64_t QorYoungGeneration() {
+    return cargs_parallel_gc ? QorWordAt(nsymbols[SYM_PS_YOUNG_GEN])
+                             : Follow(CollectedHeap(), HEAP_YOUNG_GEN);
+}
+
+uint64_t QorOldGeneration() {
+    if (cargs_parallel_gc)
+        return QorWordAt(nsymbols[SYM_PS_OLD_GEN]);
+    return Follow(CollectedHeap(), conc_mark_sweep ? HEAP_CMS_GEN : HEAP_OLD_GEN);
 }
 
 int32_t QorLayOutSpaces() {

@@ -39,6 +39,18 @@ void QorReadCollector();
 // address counts as in the heap.
 int32_t QorLayOutSpaces();
 
+// Whether the space's collector keeps free lists in it: what is used ends nowhere then, its top means
+// nothing.
+bool QorHasFreeLists(const HeapSpace &space);
+
+// Where what may be an object ends, read afresh: the space's end if it has free lists, else its top. 0 when
+// it can't be read.
+uint64_t QorSpaceLimit(const HeapSpace &space);
+
+// The VM's records of the two generations, 0 for one that can't be found.
+uint64_t QorYoungGeneration();
+uint64_t QorOldGeneration();
+
 // Notes bottom, top and end of every space. Call it where QorForgetPages is called; the answers below are by
 // what was noted then.
 void QorNoteSpaces();
