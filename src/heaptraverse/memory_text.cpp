@@ -65,8 +65,6 @@ void qormemsum(QorText *reply, uint32_t reqid) {
     timeval start;
     gettimeofday(&start, nullptr);
     QorMeasureHeap();
-    if (!reply)
-        return;
     if (reqid & QORREQ_MEMORY_ACTIVITY) {
         AppendUsage(reply);
         AppendCollections(reply);

@@ -96,6 +96,14 @@ int32_t StartReadersBetweenCollections() {
     return failed;
 }
 
+// The first figures, for those that count from the last reading on.
+void PrimeFigures() {
+    char text[128];
+    QorText figures;
+    QorTextStart(&figures, text, sizeof text);
+    qormemsum(&figures, QORREQ_JUST_THREADS);
+}
+
 // Settles the direct road's status. A failed resolution leaves a build index behind, but nothing is read by
 // it.
 void FinishDirectRoad(int32_t resolved) {
@@ -110,7 +118,7 @@ void FinishDirectRoad(int32_t resolved) {
     if (init_status != START_OK)
         return;
     QorFindSizeFunctions();
-    qormemsum(nullptr, QORREQ_JUST_THREADS);
+    PrimeFigures();
     if (QorFindBlobTables() == 0)
         QORLOG(LOG_ERROR, "Stacks end at compiled code: libjvm's file can't be read");
     QorPrepareHolds(&QOR_HOLD_TESTS);

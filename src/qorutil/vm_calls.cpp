@@ -166,7 +166,7 @@ void QorFindSizeFunctions() {
 }
 
 int64_t QorAskObjectSize(VmType type, uint64_t klass, uint64_t object) {
-    if (type < 0 || type >= OOP_TABLES || !sizeFunctions[type])
+    if (type == TYPE_NONE || !sizeFunctions[type])
         return 0;
     const auto function = reinterpret_cast<SizeFunction>(sizeFunctions[type]);
     const int64_t words =
