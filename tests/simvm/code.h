@@ -7,12 +7,22 @@
 
 namespace simvm {
 
+// Where compiled code keeps a variable; the interpreter has all on the stack.
+enum class Kept { STACK, REGISTER, NOWHERE, CONSTANT };
+// An argument or a local; the receiver isn't among them.
+struct Variable {
+    std::string signature;
+    Value value;
+    Kept kept = Kept::STACK;
+};
+
 // One Java frame as a reader is to see it: the truth that replies are compared with.
 struct Scope {
     MethodInfo *method;
     int32_t bci = 0;
-    Object *receiver = nullptr;          // null: none
-    std::vector<Object *> monitors = {}; // held, or waited for where the script rests
+    Object *receiver = nullptr;           // null: none
+    std::vector<Object *> monitors = {};  // held, or waited for where the script rests
+    std::vector<Variable> variables = {}; // arguments as the method's signature has them, then locals
 };
 
 enum class FrameKind {
@@ -62,5 +72,9 @@ extern int32_t safepointAsked;
 void CallJava(Word entry, Word wrapper, Word thread, Control *control);
 // The code blob around an address, for tests that spoil it: 0 if there is none.
 Word BlobOf(Word pc);
+// The blobs' tables of oops, each from its first word to the end.
+const std::vector<std::pair<Word, Word>> &OopTables();
+// The VM's cache knows which of an interpreted frame's locals are objects.
+bool IsMapped(const Scope &scope);
 
 } // namespace simvm

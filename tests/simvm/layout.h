@@ -205,6 +205,15 @@ struct InterpretedFrame {
 struct Monitor {
     Word displacedHeader, object;
 };
+// A class's cache of which locals are objects. Its entries lie 16 bytes apart: one's mask is where the next
+// one has its method.
+struct OopMapCache {
+    Word gap, entries;
+};
+struct OopMapEntry {
+    Word method, gap;
+    uint32_t mask; // a bit a local, from the lowest
+};
 
 // ---- code
 // --------------------------------------------------------------------------------------------------
@@ -331,7 +340,13 @@ enum OsState : int32_t {
 };
 enum MethodFlags : int32_t { METHOD_STATIC = 8, METHOD_NATIVE = 0x100 };
 enum ScopeTag { SCOPE_LOCATION, SCOPE_INT, SCOPE_OOP, SCOPE_LONG, SCOPE_DOUBLE };
-enum LocationType { LOCATION_NORMAL, LOCATION_OOP, LOCATION_INVALID = 7 };
+enum LocationType {
+    LOCATION_NORMAL,
+    LOCATION_OOP,
+    LOCATION_LONG = 3,
+    LOCATION_DOUBLE = 5,
+    LOCATION_INVALID = 7
+};
 constexpr int32_t LOCATION_IN_REGISTER = 1 << 15;
 constexpr int32_t FRAME_POINTER_REGISTER = 22; // in the VM's numbering
 constexpr Word VTABLE_HEAD = 16;               // an object points this far into its table's symbol

@@ -165,6 +165,8 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
         Redirect(thread->address, thread->address + sizeof(JavaThread) + vm.options.moved, moved);
         Redirect(thread->handles, thread->handles + sizeof(HandleBlock), moved);
     }
+    for (auto &[low, end] : OopTables())
+        Redirect(low, end, moved);
     for (Runner *runner : runners)
         Redirect(runner->stackLow, runner->stackHigh, moved);
 }

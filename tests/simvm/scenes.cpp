@@ -20,7 +20,8 @@ Scope In(const std::string &holder, const std::string &name, int line, Object *r
 }
 
 Scope Native(const std::string &holder, const std::string &name, Object *receiver = nullptr) {
-    return {DefineMethod(holder, name, "()V", {}, METHOD_NATIVE, 0), 0, receiver, {}};
+    int32_t flags = METHOD_NATIVE | (receiver ? 0 : METHOD_STATIC);
+    return {DefineMethod(holder, name, "()V", {}, flags, 0), 0, receiver, {}};
 }
 
 Frame Run(const std::string &holder) {

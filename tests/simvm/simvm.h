@@ -71,7 +71,10 @@ struct MethodInfo {
     int32_t flags, codeSize;
     std::vector<MethodLine> lines;
     Word oop;
+    int32_t locals = -1; // slots, once a frame of it has been described
 };
+// Of a method's arguments, in their order.
+std::vector<std::string> ArgumentsOf(const MethodInfo &method);
 struct Object {
     Word address; // follows the object when it moves
     Word klass;

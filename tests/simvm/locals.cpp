@@ -1,0 +1,218 @@
+// Where a frame's receiver, arguments and locals are, by the interpreter's rules and by the compiler's.
+#include "emit.h"
+
+namespace simvm {
+
+namespace {
+
+constexpr int CACHE_ENTRIES = 32, ENTRY_STRIDE = 16, MASK_BITS = 32;
+
+// The caches of classes as they were filled, by entry.
+struct CacheUse {
+    const MethodInfo *method;
+    int32_t bci;
+    uint32_t mask;
+};
+std::map<Class *, std::map<int, CacheUse>> caches;
+
+// What one slot holds. Which of a long's two slots has the value isn't known: both do.
+struct Slot {
+    char type; // 'L' also for arrays
+    Value value;
+    Kept kept;
+};
+
+std::vector<Slot> SlotsOf(const Scope &scope) {
+    std::vector<Slot> slots;
+    if (!(scope.method->flags & METHOD_STATIC))
+        slots.push_back({'L', scope.receiver, scope.receiver ? Kept::STACK : Kept::NOWHERE});
+    for (const Variable &variable : scope.variables) {
+        char type = variable.signature[0] == '[' ? 'L' : variable.signature[0];
+        slots.push_back({type, variable.value, variable.kept});
+        if (type == 'J' || type == 'D')
+            slots.push_back(slots.back());
+    }
+    return slots;
+}
+
+Word BitsOf(const Slot &slot) {
+    Word bits = slot.value.number;
+    float single = float(slot.value.real);
+    if (slot.type == 'D')
+        memcpy(&bits, &slot.value.real, 8);
+    if (slot.type == 'F')
+        bits = 0, memcpy(&bits, &single, 4);
+    return bits;
+}
+
+void LoadSlot(Assembler *a, const Slot &slot) {
+    if (slot.type == 'L' && slot.value.object)
+        a->LoadRaxFrom(&slot.value.object->address);
+    else
+        a->LoadRax(slot.type == 'L' ? 0 : BitsOf(slot));
+}
+
+int32_t Location(char type, int slot) { // counted in half words
+    int32_t kind = type == 'L'   ? LOCATION_OOP
+                   : type == 'J' ? LOCATION_LONG
+                   : type == 'D' ? LOCATION_DOUBLE
+                                 : LOCATION_NORMAL;
+    return kind << 12 | 2 * slot;
+}
+
+void WriteConstant(BlobParts *parts, const Slot &slot) {
+    std::string *out = &parts->scopes;
+    Word bits = BitsOf(slot);
+    if (slot.type == 'L') {
+        if (slot.value.object)
+            parts->oops.push_back(slot.value.object->address);
+        PutCompressed(out, SCOPE_OOP);
+        PutCompressed(out, slot.value.object ? int32_t(parts->oops.size()) : 0);
+    } else if (slot.type == 'J' || slot.type == 'D') {
+        PutCompressed(out, slot.type == 'J' ? SCOPE_LONG : SCOPE_DOUBLE);
+        PutCompressed(out, int32_t(bits));
+        PutCompressed(out, int32_t(bits >> 32));
+    } else {
+        PutCompressed(out, SCOPE_INT);
+        PutCompressed(out, int32_t(bits));
+    }
+}
+
+void WriteSlot(BlobParts *parts, const Slot &slot, int place) {
+    constexpr int ANY_REGISTER = 5;
+    if (slot.kept == Kept::CONSTANT)
+        return WriteConstant(parts, slot);
+    PutCompressed(&parts->scopes, SCOPE_LOCATION);
+    PutCompressed(&parts->scopes, slot.kept == Kept::STACK ? Location(slot.type, place)
+                                  : slot.kept == Kept::REGISTER
+                                      ? LOCATION_IN_REGISTER | Location(slot.type, ANY_REGISTER)
+                                      : LOCATION_INVALID << 12);
+}
+
+uint32_t HashOf(const MethodInfo &method, int32_t bci) {
+    uint32_t parameters = At(method.oop, &Method::parameterSize);
+    return uint32_t(method.locals) * 4 ^ uint32_t(bci) ^ uint32_t(method.codeSize) << 4 ^ parameters << 6;
+}
+
+uint32_t MaskOf(const Scope &scope) {
+    uint32_t mask = 0;
+    const std::vector<Slot> slots = SlotsOf(scope);
+    for (size_t i = 0; i < slots.size() && i < MASK_BITS; i++)
+        if (slots[i].type == 'L' && slots[i].value.object)
+            mask |= 1u << i;
+    return mask;
+}
+
+// As far as there is room for it: the neighbours' masks and methods lie on it.
+void FillCache(const Scope &scope) {
+    Class *holder = scope.method->holder;
+    int entry = int(HashOf(*scope.method, scope.bci) % CACHE_ENTRIES);
+    std::map<int, CacheUse> &used = caches[holder];
+    if (used.count(entry) || used.count(entry - 1) || used.count(entry + 1))
+        return;
+    Word &cache = At(holder->klass, &Klass::oopMapCache);
+    if (!cache) {
+        cache = Allocate(sizeof(OopMapCache));
+        As<OopMapCache>(cache).entries = Allocate(CACHE_ENTRIES * ENTRY_STRIDE + sizeof(OopMapEntry));
+    }
+    uint32_t mask = MaskOf(scope);
+    auto &made = As<OopMapEntry>(As<OopMapCache>(cache).entries + entry * ENTRY_STRIDE);
+    made.method = scope.method->oop;
+    made.mask = mask;
+    used[entry] = {scope.method, scope.bci, mask};
+}
+
+} // namespace
+
+std::vector<std::string> ArgumentsOf(const MethodInfo &method) {
+    std::vector<std::string> arguments;
+    const std::string &text = method.signature;
+    for (size_t at = 1; text[at] != ')';) {
+        size_t end = text.find_first_not_of('[', at);
+        end = text[end] == 'L' ? text.find(';', end) + 1 : end + 1;
+        arguments.push_back(text.substr(at, end - at));
+        at = end;
+    }
+    return arguments;
+}
+
+bool IsMapped(const Scope &scope) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const std::map<int, CacheUse> &used = caches[scope.method->holder];
+    auto found = used.find(int(HashOf(*scope.method, scope.bci) % CACHE_ENTRIES));
+    return found != used.end() && found->second.method == scope.method && found->second.bci == scope.bci &&
+           found->second.mask == MaskOf(scope);
+}
+
+int InterpreterLocals(const Scope &scope) {
+    return int(SlotsOf(scope).size());
+}
+
+void FillLocals(Assembler *a, const Scope &scope) {
+    int32_t place = 0;
+    for (const Slot &slot : SlotsOf(scope)) {
+        LoadSlot(a, slot);
+        a->Bytes({0x49, 0x89, 0x85}), a->Value(place -= 8); // mov [r13 + n], rax
+    }
+}
+
+int CompiledSlots(const Scope &scope) {
+    int words = int(scope.monitors.size());
+    for (const Slot &slot : SlotsOf(scope))
+        words += slot.kept == Kept::STACK;
+    return words;
+}
+
+void FillSlots(Assembler *a, const Scope &scope, int *place) {
+    for (const Slot &slot : SlotsOf(scope))
+        if (slot.kept == Kept::STACK)
+            LoadSlot(a, slot), a->StoreRax((*place)++);
+    for (Object *object : scope.monitors)
+        a->LoadRaxFrom(&object->address), a->StoreRax((*place)++);
+}
+
+void WriteScopes(BlobParts *parts, const std::vector<Scope> &scopes) {
+    int place = 0, sender = NO_OFFSET;
+    PutCompressed(&parts->scopes, 77);
+    for (const Scope &scope : scopes) {
+        const std::vector<Slot> slots = SlotsOf(scope);
+        parts->oops.push_back(scope.method->oop);
+        int method = int(parts->oops.size()), locals = NO_OFFSET, monitors = NO_OFFSET;
+        if (!slots.empty() || randomWords() % 2) {
+            locals = int(parts->scopes.size());
+            PutCompressed(&parts->scopes, int(slots.size()));
+            for (const Slot &slot : slots)
+                WriteSlot(parts, slot, slot.kept == Kept::STACK ? place++ : 0);
+        }
+        if (!scope.monitors.empty()) {
+            monitors = int(parts->scopes.size());
+            PutCompressed(&parts->scopes, int(scope.monitors.size()));
+            for (size_t i = 0; i < scope.monitors.size(); i++)
+                for (int32_t value : {Location('I', 0), int32_t(SCOPE_LOCATION), Location('L', place++)})
+                    PutCompressed(&parts->scopes, value);
+        }
+        parts->scope = int(parts->scopes.size());
+        for (int32_t value : {sender, method, scope.bci, locals, NO_OFFSET, monitors})
+            PutCompressed(&parts->scopes, value);
+        sender = parts->scope;
+    }
+}
+
+void NoteLocals(const Scope &scope, FrameKind kind) {
+    MethodInfo *method = scope.method;
+    const std::vector<std::string> arguments = ArgumentsOf(*method);
+    if (scope.variables.size() < arguments.size())
+        Fail(("arguments are missing for " + method->name).c_str());
+    int32_t slots = InterpreterLocals(scope), parameters = method->flags & METHOD_STATIC ? 0 : 1;
+    for (const std::string &argument : arguments)
+        parameters += argument == "J" || argument == "D" ? 2 : 1;
+    if (method->locals >= 0 && method->locals != slots)
+        Fail(("two frames have other locals of " + method->name).c_str());
+    method->locals = slots;
+    At(method->oop, &Method::maxLocals) = slots;
+    At(method->oop, &Method::parameterSize) = parameters;
+    if ((kind == FrameKind::INTERPRETED || kind == FrameKind::NATIVE) && MaskOf(scope))
+        FillCache(scope);
+}
+
+} // namespace simvm
