@@ -324,7 +324,7 @@ class Databases(Case):
             for document in self.watch("threads", calls.process.pid, count=SAMPLES):
                 threads = {t["name"]: t for t in document["threads"]}
                 wrong.update(f"{call}: {told}" for call in expected if (told := self.told(threads[call])) != expected[call])
-            self.assertEqual(wrong, {}, when)
+            self.assertEqual(sorted(wrong), [], when)
             if product.port:
                 self.check_ports(name, product.port, [threads[call]["db"] for call in expected])
         calls.tell("rest")

@@ -14,7 +14,7 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.concurrent.BlockingQueue;
-import java.util.concurrent.LinkedBlockingQueue;
+import java.util.concurrent.SynchronousQueue;
 
 /**
  * Threads that call real databases. Arguments are "NAME FORM...", URL, SQL, three for each thread, whose name is the first. A "setup"
@@ -26,7 +26,7 @@ public class Calls extends Thread {
     static volatile ServerSocket gate;
     static volatile String warm; // the order
 
-    final BlockingQueue<String> orders = new LinkedBlockingQueue<>();
+    final BlockingQueue<String> orders = new SynchronousQueue<>(); // an order is given when its thread makes no call
     final List<String> form;
     final String sql;
     final Connection connection;
@@ -66,14 +66,20 @@ public class Calls extends Thread {
             else if (line.equals("rest") && gate != null)
                 gate.close();
             boolean hold = line.startsWith("hold");
+            if (hold) // a call of the warming that met a holder would wait, too
+                give(all, line, "idle");
             for (Calls holder : holders)
                 if (line.equals("rest") ? holder.holds : hold && line.endsWith(holder.form.get(0)))
                     holder.hold(hold);
-            for (Calls calls : all)
-                if (line.endsWith(" " + calls.form.get(0)))
-                    calls.orders.add(line);
+            give(all, line, line);
         }
         System.exit(0);
+    }
+
+    static void give(List<Calls> all, String line, String order) throws InterruptedException {
+        for (Calls calls : all)
+            if (line.endsWith(" " + calls.form.get(0)))
+                calls.orders.put(order);
     }
 
     /** H2's server; its class isn't there where this is compiled. */
