@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <dirent.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace qorctl {
@@ -38,7 +39,7 @@ bool LooksLikeJava(const Process &process) {
 }
 
 // Running means that it answers: an endpoint file alone may be a leftover.
-AgentState FindAgent(const Process &process, std::string *note) {
+AgentState FindAgent(const Process &process, JvmEntry *entry) {
     try {
         std::optional<Endpoint> endpoint = LocateEndpoint(process, false);
         if (!endpoint)
@@ -47,8 +48,11 @@ AgentState FindAgent(const Process &process, std::string *note) {
             return AgentState::UNKNOWN;
         Proof proof = CheckListener(process, *endpoint);
         if (proof == Proof::UNKNOWN)
-            *note = NOT_PROVEN;
+            entry->note = NOT_PROVEN;
         bool answers = proof != Proof::OTHER && Connection::Open(*endpoint, PROBE_LIMIT);
+        if (answers && entry->ports)
+            entry->ports->erase(std::remove(entry->ports->begin(), entry->ports->end(), endpoint->port),
+                                entry->ports->end());
         return answers ? AgentState::RUNNING : AgentState::ABSENT;
     } catch (const Failure &) {
         return AgentState::UNKNOWN;
@@ -60,7 +64,8 @@ void Describe(const Process &process, const std::string &library, JvmEntry *entr
     entry->java_version = perf.java_version;
     if (entry->java_version.empty())
         entry->java_version = VersionBesideLibrary(process, library);
-    entry->agent = FindAgent(process, &entry->note);
+    entry->ports = ListeningPorts(fmt::format("/proc/{}", process.pid));
+    entry->agent = FindAgent(process, entry);
     if (entry->agent == AgentState::RUNNING)
         return;
     if (AttachDisabled(process, perf))

@@ -3,6 +3,8 @@
 
 #include "process.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,8 @@ struct JvmEntry {
     std::string java_version; // empty when not known
     std::string main_class;
     AgentState agent = AgentState::UNKNOWN;
+    // TCP ports that it listens at, but for the agent's; nothing when that isn't known.
+    std::optional<std::vector<uint16_t>> ports;
     std::string note; // why it can't be attached to, or what is in doubt; else empty
 };
 

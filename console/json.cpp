@@ -165,6 +165,7 @@ Json ToJson(const std::vector<JvmEntry> &jvms) {
                     {"java_version", TextOrNull(jvm.java_version)},
                     {"main_class", TextOrNull(jvm.main_class)},
                     {"agent", agent},
+                    {"ports", jvm.ports ? Json(*jvm.ports) : Json()},
                     {"note", TextOrNull(jvm.note)}};
     });
 }

@@ -8,9 +8,12 @@
 #include <cstring>
 #include <dirent.h>
 #include <fmt/format.h>
+#include <functional>
 #include <ifaddrs.h>
+#include <map>
 #include <memory>
 #include <netinet/in.h>
+#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -35,41 +38,92 @@ std::vector<std::string> PlacesOf(const Endpoint &endpoint) {
     return places;
 }
 
-} // namespace
+// A listening socket: its address and port as the table writes them, and its inode.
+struct Listener {
+    std::string place, inode;
+};
 
 // A line: number, local address, remote address, state, queues, timer, retransmits, uid, time-out, inode, ...
-std::vector<std::string> ListeningInodes(std::string_view table, const Endpoint &endpoint) {
-    std::vector<std::string> inodes, places = PlacesOf(endpoint);
+std::vector<Listener> ReadListeners(std::string_view table) {
+    std::vector<Listener> listeners;
     std::istringstream lines{std::string(table)};
     for (std::string line; std::getline(lines, line);) {
         std::istringstream in(line);
         std::string number, local, remote, state, skipped, inode;
         in >> number >> local >> remote >> state >> skipped >> skipped >> skipped >> skipped >> skipped >>
             inode;
-        if (state == LISTENING && std::find(places.begin(), places.end(), local) != places.end())
-            inodes.push_back(inode);
+        if (state == LISTENING)
+            listeners.push_back({local, inode});
     }
+    return listeners;
+}
+
+std::string ReadTables(const std::string &proc_dir) {
+    return ReadFile(proc_dir + "/net/tcp", MAX_TABLE) + ReadFile(proc_dir + "/net/tcp6", MAX_TABLE);
+}
+
+std::string SocketName(const std::string &inode) {
+    return fmt::format("socket:[{}]", inode);
+}
+
+// Hands on what each descriptor of a process refers to, until `look` says false. `*closed`: some couldn't be
+// read. False when none could.
+bool ForEachDescriptor(const std::string &proc_dir, bool *closed,
+                       const std::function<bool(const char *)> &look) {
+    std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir((proc_dir + "/fd").c_str()), closedir);
+    if (!dir)
+        return false;
+    while (const dirent *entry = readdir(dir.get())) {
+        char held[64] = "";
+        if (readlinkat(dirfd(dir.get()), entry->d_name, held, sizeof held - 1) < 0)
+            *closed = *closed || errno == EACCES || errno == EPERM;
+        else if (!look(held))
+            break;
+    }
+    return true;
+}
+
+} // namespace
+
+std::vector<std::string> ListeningInodes(std::string_view table, const Endpoint &endpoint) {
+    std::vector<std::string> inodes, places = PlacesOf(endpoint);
+    for (const Listener &each : ReadListeners(table))
+        if (std::find(places.begin(), places.end(), each.place) != places.end())
+            inodes.push_back(each.inode);
     return inodes;
 }
 
 Proof ProveListener(const std::string &proc_dir, const Endpoint &endpoint) {
-    std::string tables =
-        ReadFile(proc_dir + "/net/tcp", MAX_TABLE) + ReadFile(proc_dir + "/net/tcp6", MAX_TABLE);
-    std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir((proc_dir + "/fd").c_str()), closedir);
-    if (!dir || tables.empty())
-        return Proof::UNKNOWN;
+    std::string tables = ReadTables(proc_dir);
     std::vector<std::string> wanted;
     for (const std::string &inode : ListeningInodes(tables, endpoint))
-        wanted.push_back(fmt::format("socket:[{}]", inode));
+        wanted.push_back(SocketName(inode));
+    bool closed = false, found = false;
+    bool read = ForEachDescriptor(proc_dir, &closed, [&](const char *held) {
+        found = std::find(wanted.begin(), wanted.end(), held) != wanted.end();
+        return !found;
+    });
+    if (!read || tables.empty())
+        return Proof::UNKNOWN;
+    return found ? Proof::PROVEN : closed ? Proof::UNKNOWN : Proof::OTHER;
+}
+
+std::optional<std::vector<uint16_t>> ListeningPorts(const std::string &proc_dir) {
+    std::string tables = ReadTables(proc_dir);
+    std::map<std::string, uint16_t> listeners;
+    for (const Listener &each : ReadListeners(tables))
+        listeners[SocketName(each.inode)] =
+            static_cast<uint16_t>(strtoul(each.place.c_str() + each.place.find(':') + 1, nullptr, 16));
     bool closed = false;
-    while (const dirent *entry = readdir(dir.get())) {
-        char held[64] = "";
-        if (readlinkat(dirfd(dir.get()), entry->d_name, held, sizeof held - 1) < 0)
-            closed = closed || errno == EACCES || errno == EPERM;
-        else if (std::find(wanted.begin(), wanted.end(), held) != wanted.end())
-            return Proof::PROVEN;
-    }
-    return closed ? Proof::UNKNOWN : Proof::OTHER;
+    std::set<uint16_t> ports;
+    bool read = ForEachDescriptor(proc_dir, &closed, [&](const char *held) {
+        if (auto found = listeners.find(held); found != listeners.end())
+            ports.insert(found->second);
+        return true;
+    });
+    if (!read || closed || tables.empty())
+        return std::nullopt;
+    return std::vector<uint16_t>(ports.begin(), ports.end());
 }
 
 Proof CheckListener(const Process &process, const Endpoint &endpoint) {

@@ -3,6 +3,7 @@
 
 #include "endpoint.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,10 @@ Proof ProveListener(const std::string &proc_dir, const Endpoint &endpoint);
 
 // The inodes of sockets that listen at the endpoint, in a table of the kernel's (net/tcp or net/tcp6).
 std::vector<std::string> ListeningInodes(std::string_view table, const Endpoint &endpoint);
+
+// The TCP ports that a process listens at, in order; nothing when they can't be read. `proc_dir` is usually
+// /proc/PID.
+std::optional<std::vector<uint16_t>> ListeningPorts(const std::string &proc_dir);
 
 // Whether an IPv4 address (network order) is of this network namespace, so that nobody else's machine answers
 // there.

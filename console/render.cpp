@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <map>
 
 namespace qorctl {
@@ -294,12 +295,13 @@ std::string CpuLine(const Summary &summary) {
 }
 
 std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style) {
-    Table table({{"PID", true}, {"USER"}, {"JAVA"}, {"AGENT"}, {"MAIN"}, {"NOTE"}});
+    Table table({{"PID", true}, {"USER"}, {"JAVA"}, {"AGENT"}, {"PORTS"}, {"MAIN"}, {"NOTE"}});
     for (const JvmEntry &jvm : jvms)
         table.Add({std::to_string(jvm.pid), jvm.user, jvm.java_version.empty() ? "?" : jvm.java_version,
                    Cell(AgentText(jvm.agent),
                         jvm.agent == AgentState::RUNNING ? StateColourOf("Runnable") : nullptr),
-                   jvm.main_class, jvm.note});
+                   jvm.ports ? fmt::format("{}", fmt::join(*jvm.ports, ",")) : "?", jvm.main_class,
+                   jvm.note});
     return table.Text(style);
 }
 

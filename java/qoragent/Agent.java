@@ -114,6 +114,7 @@ public final class Agent {
         NativeLibrary.load();
         Relay door = wanted.relay() ? openRelay(wanted) : null;
         try {
+            setRelayPort(door == null ? 0 : door.port());
             int status = initialise(wanted);
             if (status != 0)
                 throw new IllegalStateException(reason(status));
@@ -249,6 +250,9 @@ public final class Agent {
                               Object sampleReference, Object sampleArray, Object sampleInts, String webServer,
                               Object unused, String logFile, String jvmId, int lockInfo, int dbQuery,
                               int sqlSize, int localQuota, int stackQueried, int stackRecorded);
+
+    /** The relay's port, 0 for none: it isn't one of the application's, by which the JVM may be known. */
+    private static native void setRelayPort(int port);
 
     /** Why the last start failed, null when there is nothing to be said. */
     private static native String startFailure();

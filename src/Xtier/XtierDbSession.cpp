@@ -131,34 +131,6 @@ char *NextLine(LineReader *reader) {
 
 // ---- The client's sockets --------------------------------------------------------------------------------
 
-// Where the client's port and the inode stand among a row's fields, counted from 0.
-enum : int32_t { FIELD_REMOTE = 2, FIELD_INODE = 9 };
-
-// Reads "NUMBER: ADDRESS:PORT ADDRESS:PORT STATE QUEUES TIMER RETRANSMITS UID TIMEOUT INODE ...", addresses
-// and ports in hexadecimal. False when the row isn't of that form.
-bool ParseRow(char *row, bool mapped, QorNetRecord *record) {
-    const size_t prefix = mapped ? sizeof MAPPED_PREFIX - 1 : 0;
-    char *rest = nullptr;
-    char *field = strtok_r(row, " ", &rest);
-    for (int32_t i = 0; field && i < FIELD_INODE; i++, field = strtok_r(nullptr, " ", &rest)) {
-        const bool address = i == FIELD_REMOTE || i == FIELD_REMOTE - 1;
-        if (!address)
-            continue;
-        const char *colon = strchr(field, ':');
-        if (!colon || strncmp(field, MAPPED_PREFIX, prefix) != 0)
-            return false;
-        char *end = nullptr;
-        record->remotePort = static_cast<uint32_t>(strtoul(colon + 1, &end, 16));
-        if (end == colon + 1)
-            return false;
-    }
-    if (!field)
-        return false;
-    char *end = nullptr;
-    record->inode = strtoull(field, &end, 10);
-    return end != field;
-}
-
 // Keeps a record; false, with the error as the reply and none kept, when there is no memory.
 bool KeepRecord(const QorNetRecord &record) {
     NetData[totalnet++] = record;
@@ -193,7 +165,7 @@ bool SearchTables(uint32_t port, uint32_t address, int32_t threshold) {
         for (char *row = rows ? strtok_r(rows, "\n", &rest) : nullptr; row && kept;
              row = strtok_r(nullptr, "\n", &rest)) {
             QorNetRecord record = {};
-            if (ParseRow(row, mapped, &record))
+            if (QorParseNetRow(row, mapped, &record))
                 kept = KeepRecord(record);
         }
         free(rows);
@@ -255,18 +227,6 @@ bool FindSockets(uint32_t port, const char *clientHost) {
 
 // ---- The processes ---------------------------------------------------------------------------------------
 
-// The inode of a socket by the name behind its descriptor ("socket:[NUMBER]"); 0 for any other. Unlike stat
-// this never waits for a file's own system.
-uint64_t SocketInode(int directory, const char *entry) {
-    constexpr char word[] = "socket:[";
-    char name[64];
-    const ssize_t length = readlinkat(directory, entry, name, sizeof name - 1);
-    if (length <= 0)
-        return 0;
-    name[length] = 0;
-    return strncmp(name, word, sizeof word - 1) == 0 ? strtoull(name + sizeof word - 1, nullptr, 10) : 0;
-}
-
 // The port of the client whose socket this is, or 0.
 uint32_t PortOf(uint64_t inode) {
     const QorNetRecord *end = NetData + totalnet;
@@ -294,7 +254,7 @@ uint32_t ClientPortOf(const char *processId, int32_t *told) {
     }
     uint32_t port = 0;
     while (const dirent *entry = readdir(directory)) {
-        const uint64_t inode = SocketInode(dirfd(directory), entry->d_name);
+        const uint64_t inode = QorSocketInode(dirfd(directory), entry->d_name);
         port = inode ? PortOf(inode) : 0;
         if (port)
             break;
@@ -358,6 +318,40 @@ char *MY_GREP(int32_t fd, const char *pattern, bool firstOnly) {
             break;
     }
     return result.text;
+}
+
+bool QorParseNetRow(char *row, bool mapped, QorNetRecord *record) {
+    enum : int32_t { FIELD_LOCAL = 1, FIELD_REMOTE = 2, FIELD_INODE = 9 };
+    const size_t prefix = mapped ? sizeof MAPPED_PREFIX - 1 : 0;
+    char *rest = nullptr;
+    char *field = strtok_r(row, " ", &rest);
+    for (int32_t i = 0; field && i < FIELD_INODE; i++, field = strtok_r(nullptr, " ", &rest)) {
+        if (i != FIELD_LOCAL && i != FIELD_REMOTE)
+            continue;
+        const char *colon = strchr(field, ':');
+        if (!colon || strncmp(field, MAPPED_PREFIX, prefix) != 0)
+            return false;
+        char *end = nullptr;
+        uint32_t *port = i == FIELD_LOCAL ? &record->localPort : &record->remotePort;
+        *port = static_cast<uint32_t>(strtoul(colon + 1, &end, 16));
+        if (end == colon + 1)
+            return false;
+    }
+    if (!field)
+        return false;
+    char *end = nullptr;
+    record->inode = strtoull(field, &end, 10);
+    return end != field;
+}
+
+uint64_t QorSocketInode(int directory, const char *entry) {
+    constexpr char word[] = "socket:[";
+    char name[64];
+    const ssize_t length = readlinkat(directory, entry, name, sizeof name - 1);
+    if (length <= 0)
+        return 0;
+    name[length] = 0;
+    return strncmp(name, word, sizeof word - 1) == 0 ? strtoull(name + sizeof word - 1, nullptr, 10) : 0;
 }
 
 int32_t HostNametoClAddr(const char *text, uint32_t *address) {

@@ -16,11 +16,12 @@ enum : int32_t { PROC_NET_FILES = 6 };
 // opened.
 extern int32_t proc_net_fd[PROC_NET_FILES];
 
-// A socket of the client's.
+// A row of these tables.
 struct QorNetRecord {
     uint64_t inode; // the sort key
     uint64_t reserved;
-    uint32_t remotePort; // the client's port
+    uint32_t remotePort; // for the session look-up, the client's port
+    uint32_t localPort;
 };
 
 // The sockets found, kept allocated between requests.
@@ -43,3 +44,12 @@ char *MY_GREP(int32_t fd, const char *pattern, bool firstOnly);
 
 // A dotted IPv4 address as it lies in memory. 1, or 0 with the address as it was.
 int32_t HostNametoClAddr(const char *text, uint32_t *address);
+
+// Cuts up a row, "NUMBER: ADDRESS:PORT ADDRESS:PORT STATE QUEUES TIMER RETRANSMITS UID TIMEOUT INODE ...",
+// addresses and ports in hexadecimal. False when it isn't of that form or, with `mapped`, when its addresses
+// aren't IPv4 ones. Any thread.
+bool QorParseNetRow(char *row, bool mapped, QorNetRecord *record);
+
+// The inode of a socket by the name of its descriptor ("socket:[NUMBER]") in an open /proc/NUMBER/fd; 0 for
+// any other. Unlike stat this never waits for a file's own system. Any thread.
+uint64_t QorSocketInode(int directory, const char *entry);

@@ -4,6 +4,7 @@
 #include "natives.h"
 #include "qorlog.h"
 #include "qorsysinfo.h"
+#include "server_port.h"
 #include "startup.h"
 #include "worker.h"
 
@@ -33,6 +34,10 @@ JNIEXPORT jint JNICALL Java_qoragent_Agent_initvar(JNIEnv *env, jobject, jint lo
 
 JNIEXPORT jstring JNICALL Java_qoragent_Agent_startFailure(JNIEnv *env, jobject) {
     return startFailure ? QorNewStringUTF(env, startFailure) : nullptr;
+}
+
+JNIEXPORT void JNICALL Java_qoragent_Agent_setRelayPort(JNIEnv *, jobject, jint port) {
+    relayPort = port;
 }
 
 JNIEXPORT jboolean JNICALL Java_qoragent_Agent_workerLives(JNIEnv *, jobject) {

@@ -5,6 +5,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorsysinfo.h"
+#include "server_port.h"
 #include "startup.h"
 #include "worker.h"
 
@@ -108,7 +109,6 @@ void PrimeFigures() {
 // it.
 void FinishDirectRoad(int32_t resolved) {
     maxstates = offsets ? OS_STATES : 0;
-    ext_jvm_id = 0;
     init_status = resolved;
     if (offsetind < 0 || resolved != START_OK) {
         QORLOG(LOG_ERROR, " Skipped Initialization 2/3, 3/3.");
@@ -188,10 +188,13 @@ void *do_initialization(void *) {
     set_qor_handler();
 
     const int32_t resolved = ChooseRoad();
-    if (QorOnJvmtiRoad())
+    ext_jvm_id = 0;
+    if (QorOnJvmtiRoad()) {
         init_status = START_OK;
-    else
+        QorNameJvmByPort();
+    } else {
         FinishDirectRoad(resolved);
+    }
 
     reset_qor_handler();
     doing_init = 0;

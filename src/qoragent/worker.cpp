@@ -12,6 +12,7 @@
 #include "qorsysinfo.h"
 #include "qorutil/gc_lock.h"
 #include "request_text.h"
+#include "server_port.h"
 #include "shutdown.h"
 
 #include "RequestHandler/enrichment.h"
@@ -147,6 +148,8 @@ void HandleRequest() {
     if (!QorTakeRequest())
         return;
     pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
+    if (strstr(buf, DUMP_REQUEST))
+        QorNameJvmByPort();
     if (QorAnswerLibraryDump()) {
         QorAnswerRequest();
         return;

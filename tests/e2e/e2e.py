@@ -203,13 +203,18 @@ class Life(Case):
 
     def test_attach_shutdown_attach(self):
         with Application() as app:
+            truths = app.truths()
+            ports = sorted(map(int, (truths["demo-accept"]["port"], truths["demo-database"]["remote_port"])))
             self.assertEqual(self.state(app)["agent"], False)
+            self.assertEqual(self.state(app)["ports"], ports)
+            self.assertRegex(self.answer("list").out, rf"(?m)^ *{app.pid} .* {ports[0]},{ports[1]} ")
             self.assertEqual(self.state(app)["main_class"], "qoragent.demo.Demo")
             self.assertRegex(self.state(app)["java_version"], r"^\d+\.")
             self.refused("no agent runs", "shutdown", app.pid)
             for _ in range(3):
                 self.assertTrue(self.threads(app))  # attaches by itself
                 self.assertEqual(self.state(app)["agent"], True)
+                self.assertEqual(self.state(app)["ports"], ports)
                 self.assertIn("already", self.answer("attach", app.pid).out)
                 self.refused("already", "attach", app.pid, "--options", "loglevel=3")
                 self.answer("shutdown", app.pid)

@@ -12,6 +12,7 @@
 #include "qorutil.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -20,6 +21,7 @@
 #include <iterator>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -40,6 +42,20 @@ int Mappings() {
     std::ifstream maps("/proc/self/maps");
     return static_cast<int>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
 }
+
+// A socket of this process that listens at a port of the system's choice.
+struct Listener {
+    int socket;
+    int port;
+    explicit Listener(int family) : socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in6 at = {};
+        socklen_t size = sizeof at;
+        listen(socket, 1);
+        getsockname(socket, reinterpret_cast<sockaddr *>(&at), &size);
+        port = ntohs(at.sin6_port); // where an IPv4 address has it, too
+    }
+    ~Listener() { close(socket); }
+};
 
 constexpr char ANSWERS[] = "Changed qorretry to 4";
 constexpr char UNINITIALIZED[] = "QOR Uninitialized for this JVM";
@@ -111,6 +127,28 @@ TEST_F(Start, TextsOfAnySizeAreTaken) {
     EXPECT_STREQ(LOG_FILE, "stdout");
     EXPECT_EQ(fpLogFile, stdout);
     EXPECT_EQ(gbSqlQueryLength, QOR_MAX_SQL_QUERY_SIZE);
+}
+
+// Nameless, the JVM is known by its one port, of which the agent's own is none. A server that starts later is
+// found when a dump is about to say whose it is.
+TEST_F(Start, ANamelessJvmIsKnownByItsOnlyPort) {
+    StartArguments nameless;
+    nameless.jvmId = "";
+    Listener first(AF_INET), own(AF_INET6);
+    Java_qoragent_Agent_setRelayPort(Env(), nullptr, own.port);
+    EXPECT_EQ(StartAgent(nameless), START_OK);
+    EXPECT_EQ(std::string(ext_jvm_id_str), std::to_string(first.port));
+    {
+        Listener second(AF_INET);
+        EXPECT_EQ(StartAgent(nameless), START_OK);
+        EXPECT_STREQ(ext_jvm_id_str, "");
+        EXPECT_EQ(StartAgent(StartArguments()), START_OK);
+        EXPECT_STREQ(ext_jvm_id_str, "test");
+        EXPECT_EQ(StartAgent(nameless), START_OK);
+    }
+    Ask("516|showmem|256|no/path");
+    EXPECT_EQ(std::string(ext_jvm_id_str), std::to_string(first.port));
+    Java_qoragent_Agent_setRelayPort(Env(), nullptr, 0);
 }
 
 TEST_F(Start, TheLogGoesWhereItIsTold) {

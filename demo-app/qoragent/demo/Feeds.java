@@ -57,6 +57,11 @@ final class Feeds {
         }
 
         @Override
+        String truth() {
+            return "port=" + server.getLocalPort();
+        }
+
+        @Override
         void act() throws Exception {
             server.accept();
         }
