@@ -16,6 +16,7 @@
 #include "heaptraverse/memory_text.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
+#include "sunprint/locals.h"
 #include "sunprint/print_threads.h"
 
 #include <cstdio>
@@ -101,7 +102,11 @@ void AddMemoryText(uint32_t wanted) {
 constexpr Views DIRECT_VIEWS = {
     [] { AddMemoryText(reqid); },
     nullptr,
-    nullptr,
+    [] {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        QorAnswerLocals(console_args, &reply);
+    },
     [] {
         if (reqid & QORREQ_DB_XTIER) { // no connection is read yet
             ReplyUninitialized();

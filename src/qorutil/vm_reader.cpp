@@ -49,6 +49,27 @@ const unsigned char *FindPage(uint64_t page) {
     return pages[place].bytes;
 }
 
+const unsigned char *KeptAlready(uint64_t page) {
+    const uint64_t place = PlaceOf(page);
+    return keptAs[place] == page + 1 ? pages[place].bytes : nullptr;
+}
+
+bool CopyByPages(uint64_t address, void *out, size_t size, const unsigned char *(*find)(uint64_t page)) {
+    auto *to = static_cast<unsigned char *>(out);
+    while (size > 0) {
+        const uint64_t within = address % VM_PAGE_SIZE;
+        const size_t part = std::min<uint64_t>(size, VM_PAGE_SIZE - within);
+        const unsigned char *page = find(address - within);
+        if (!page)
+            return false;
+        memcpy(to, page + within, part);
+        to += part;
+        address += part;
+        size -= part;
+    }
+    return true;
+}
+
 // A value rarely lies across two pages; a copy of fixed size costs a load.
 template <typename T>
 T ValueAt(uint64_t address) {
@@ -72,19 +93,11 @@ bool QorPeek(uint64_t address, void *out, size_t size) {
         CopyPlain(address, out, size);
         return true;
     }
-    auto *to = static_cast<unsigned char *>(out);
-    while (size > 0) {
-        const uint64_t within = address % VM_PAGE_SIZE;
-        const size_t part = std::min<uint64_t>(size, VM_PAGE_SIZE - within);
-        const unsigned char *page = FindPage(address - within);
-        if (!page)
-            return false;
-        memcpy(to, page + within, part);
-        to += part;
-        address += part;
-        size -= part;
-    }
-    return true;
+    return CopyByPages(address, out, size, FindPage);
+}
+
+bool QorPeekKept(uint64_t address, void *out, size_t size) {
+    return address + size >= address && CopyByPages(address, out, size, KeptAlready);
 }
 
 bool QorPeekFresh(uint64_t address, void *out, size_t size) {

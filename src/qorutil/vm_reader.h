@@ -24,6 +24,10 @@ bool QorPeek(uint64_t address, void *out, size_t size);
 // called on any thread.
 bool QorPeekFresh(uint64_t address, void *out, size_t size);
 
+// The same from the kept pages alone, false where one isn't kept: for what may have changed since, such as
+// the stack of a thread that was held.
+bool QorPeekKept(uint64_t address, void *out, size_t size);
+
 // Drops the kept pages. Call it before each thread of a sample, before each retry, and when a thread has been
 // stopped.
 void QorForgetPages();

@@ -1,6 +1,6 @@
 #include "frame_names.h"
 
-#include "scopes.h"
+#include "scope_values.h"
 
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"
@@ -12,8 +12,10 @@
 
 namespace {
 
+// Bytes in a method, 16 bits each. No source is known for them.
+constexpr uint64_t METHOD_LOCALS = 56, METHOD_PARAMETERS = 58;
 constexpr uint32_t FLAG_STATIC = 0x8, FLAG_NATIVE = 0x100;
-constexpr int32_t MAX_BCI = 65535, MAX_LINE = 65535, MAX_TABLE = 65536;
+constexpr int32_t MAX_BCI = 65535, MAX_LINE = 65535, MAX_TABLE = 4096;
 
 // Marks of the line table: its end, and two whole numbers in place of the byte that holds both.
 constexpr uint8_t TABLE_END = 0, TABLE_LONG = 255;
@@ -56,42 +58,74 @@ int32_t FindLine(uint64_t table, int32_t wanted) {
     return bestLine >= 1 && bestLine <= MAX_LINE ? bestLine : 0;
 }
 
-int32_t LineOf(const QorFrameInfo &frame, uint64_t constMethod) {
-    const uint64_t code = constMethod + offsets[CONST_METHOD_CODE];
-    const int32_t size = QorUint16At(constMethod + offsets[CONST_METHOD_CODE_SIZE]);
+int32_t LineOf(const QorFrameInfo &frame, const QorVmMethod &method) {
     const bool interpreted = frame.kind == WALKED_INTERPRETED;
-    const int64_t bci = interpreted ? static_cast<int64_t>(frame.bcp - code) : frame.bci;
-    if (bci < 0 || bci >= size)
+    const int64_t bci = interpreted ? static_cast<int64_t>(frame.bcp - method.code) : frame.bci;
+    if (bci < 0 || bci >= method.codeSize)
         return 0;
-    return FindLine(code + static_cast<uint64_t>(size), static_cast<int32_t>(bci));
+    return FindLine(method.code + static_cast<uint64_t>(method.codeSize), static_cast<int32_t>(bci));
+}
+
+bool PoolSymbol(const QorVmMethod &method, uint64_t indexPlace, char *out) {
+    const uint64_t index = QorUint16At(method.constMethod + indexPlace);
+    return sym2str(out, VM_SYMBOL_SIZE, QorWordAt(method.pool + POOL_ENTRIES + index * VM_WORD_SIZE)) &&
+           out[0];
 }
 
 } // namespace
 
-QorNaming QorNameFrame(const QorFrameInfo &frame, QorFrameNames *out) {
-    *out->className = *out->method = *out->file = 0;
+QorNaming QorReadMethod(uint64_t method, QorVmMethod *out) {
     uint64_t parts[2]; // constMethod and constant pool
     static_assert(METHOD_POOL == METHOD_CONST + VM_WORD_SIZE, "read as a pair");
+    static_assert(METHOD_PARAMETERS == METHOD_LOCALS + sizeof(uint16_t), "likewise");
     uint32_t flags = 0;
-    if (!QorPeek(frame.method + METHOD_CONST, parts, sizeof parts) ||
-        !QorPeekValue(frame.method + offsets[METHOD_FLAGS], &flags))
+    uint16_t sizes[2];
+    if (!QorPeek(method + METHOD_CONST, parts, sizeof parts) ||
+        !QorPeekValue(method + offsets[METHOD_FLAGS], &flags) ||
+        !QorPeek(method + METHOD_LOCALS, sizes, sizeof sizes))
         return FRAME_UNREADABLE;
-    const uint64_t constMethod = parts[0], pool = parts[1];
-    if (!QorIsOfType(frame.method, TYPE_METHOD) || !valid_oop(constMethod) || !valid_oop(pool))
+    out->constMethod = parts[0];
+    out->pool = parts[1];
+    if (!QorIsOfType(method, TYPE_METHOD) || !QorIsOfType(out->constMethod, TYPE_CONST_METHOD) ||
+        !QorIsOfType(out->pool, TYPE_POOL))
         return FRAME_NAMELESS;
-    const uint64_t holder = QorWordAt(pool + POOL_HOLDER);
-    const uint64_t name = QorUint16At(constMethod + offsets[CONST_METHOD_NAME]);
-    const uint64_t klass = holder + KLASS_PART;
-    if (!valid_klass(holder) ||
-        !sym2str(out->className, VM_SYMBOL_SIZE, QorWordAt(klass + offsets[KLASS_NAME])) ||
-        !sym2str(out->method, VM_SYMBOL_SIZE, QorWordAt(pool + POOL_ENTRIES + name * VM_WORD_SIZE)) ||
-        !out->className[0] || !out->method[0])
+    out->holder = QorWordAt(out->pool + POOL_HOLDER);
+    if (!valid_klass(out->holder))
         return FRAME_NAMELESS;
-    strip_slash(out->className);
-    sym2str(out->file, VM_SYMBOL_SIZE, QorWordAt(klass + offsets[KLASS_SOURCE]));
+    out->code = out->constMethod + offsets[CONST_METHOD_CODE];
+    out->codeSize = QorUint16At(out->constMethod + offsets[CONST_METHOD_CODE_SIZE]);
+    out->locals = sizes[0];
+    out->parameters = sizes[1];
     out->native = flags & FLAG_NATIVE;
     out->isStatic = flags & FLAG_STATIC;
-    out->line = out->native ? 0 : LineOf(frame, constMethod);
+    return FRAME_NAMED;
+}
+
+bool QorHolderName(const QorVmMethod &method, char *out) {
+    const uint64_t name = QorWordAt(method.holder + KLASS_PART + offsets[KLASS_NAME]);
+    return sym2str(out, VM_SYMBOL_SIZE, name) && out[0];
+}
+
+bool QorMethodName(const QorVmMethod &method, char *out) {
+    return PoolSymbol(method, offsets[CONST_METHOD_NAME], out);
+}
+
+bool QorMethodSignature(const QorVmMethod &method, char *out) {
+    return PoolSymbol(method, offsets[CONST_METHOD_NAME] + sizeof(uint16_t), out);
+}
+
+QorNaming QorNameFrame(const QorFrameInfo &frame, QorFrameNames *out) {
+    *out->className = *out->method = *out->file = 0;
+    QorVmMethod method;
+    const QorNaming naming = QorReadMethod(frame.method, &method);
+    if (naming != FRAME_NAMED)
+        return naming;
+    if (!QorHolderName(method, out->className) || !QorMethodName(method, out->method))
+        return FRAME_NAMELESS;
+    strip_slash(out->className);
+    sym2str(out->file, VM_SYMBOL_SIZE, QorWordAt(method.holder + KLASS_PART + offsets[KLASS_SOURCE]));
+    out->native = method.native;
+    out->line = method.native ? 0 : LineOf(frame, method);
     return FRAME_NAMED;
 }
 

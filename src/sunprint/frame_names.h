@@ -8,12 +8,21 @@
 
 #include "qorutil/vm_text.h"
 
+// A method as it is now; its parts passed the tests of what they have to be.
+struct QorVmMethod {
+    uint64_t constMethod, pool, holder; // holder: the klass that declares it
+    uint64_t code;                      // address of its bytecodes
+    int32_t codeSize;
+    int32_t locals, parameters; // slots; assumed places, only the number of rows depends on them
+    bool native, isStatic;
+};
+
 struct QorFrameNames {
     char className[VM_SYMBOL_SIZE]; // with dots
     char method[VM_SYMBOL_SIZE];
     char file[VM_SYMBOL_SIZE]; // "" when unknown
     int32_t line;              // 0 when unknown
-    bool native, isStatic;
+    bool native;
 };
 
 enum QorNaming : int32_t {
@@ -21,6 +30,14 @@ enum QorNaming : int32_t {
     FRAME_NAMELESS,   // the method isn't one any more: no frame to show
     FRAME_UNREADABLE, // its memory is gone
 };
+
+QorNaming QorReadMethod(uint64_t method, QorVmMethod *out);
+
+// Names of a method that was read, each of VM_SYMBOL_SIZE bytes, as they are in the JVM. False when there is
+// none.
+bool QorHolderName(const QorVmMethod &method, char *out);
+bool QorMethodName(const QorVmMethod &method, char *out);
+bool QorMethodSignature(const QorVmMethod &method, char *out);
 
 QorNaming QorNameFrame(const QorFrameInfo &frame, QorFrameNames *out);
 

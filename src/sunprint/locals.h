@@ -23,6 +23,10 @@ struct QorFramePlace {
 // Either may be null. Nothing for a frame of no known kind.
 void PrintLocals(const QorFramePlace &frame, QorText *reply, QorDumpFile *dump);
 
+// Answers a request for a frame's locals: kind, fp, pc, sp and method as a stack row has them, each null or a
+// text. Without the last there is no method to be found.
+void QorAnswerLocals(char *const *args, QorText *reply);
+
 // The object of a class (name with dots) among the "Method Locals" of records written by PrintLocals; 0, with
 // a line in the log, for none.
 uint64_t parseMethodLocals(const char *text, const char *className);

@@ -6,20 +6,18 @@
 
 #include "code_blobs.h"
 #include "frame_info.h"
+#include "scope_values.h"
 
 #include <cstdint>
-
-// Reads one integer at `data` + *position and moves on. Bytes with the top bit clear give seven bits each,
-// the lowest first; the byte with it ends the integer and gives its own value less 192. False, with *position
-// undefined, for one of more than five bytes, for bytes that can't be read, and outside the first megabyte.
-bool get_int_from_compressed_stream(uint64_t data, int32_t *position, int32_t *value);
 
 // The scopes of one physical frame, innermost first.
 struct QorScopes {
     bool open;
+    bool keptOnly; // of the stack only what has been read before
     uint64_t stream, oops;
     int32_t oopCount;
     int32_t sender; // position of the scope around this one, -1 for none
+    int32_t locals; // position of this one's local variables, -1 for none
 };
 
 // Reads the next scope of the frame into `out`, which has registers and kind, `monitors` telling whether its
