@@ -27,6 +27,7 @@ constexpr char TITLE_LOCK_WAIT[] = "Lock On";
 constexpr char TITLE_PARKED[] = "Parked On";
 constexpr char TITLE_COLLECTIONS[] = "JVM Garbage Collections";
 constexpr char TITLE_HEAP_MEMORY[] = "JVM Heap Memory Usage";
+constexpr char TITLE_CLASSES[] = "JVM Class Details";
 constexpr char TITLE_HEAP_OBJECTS[] = "JVM Heap Number of Objects";
 
 // A label of the console behind a lock that a thread waits for.

@@ -150,7 +150,7 @@ void QorShowClassHistogram(QorText *reply) {
         return;
     }
     if (count != 1)
-        QorAppendTitle(reply, "JVM Class Details");
+        QorAppendTitle(reply, TITLE_CLASSES);
     for (int64_t i = count - 1; i >= 1 && i >= count - HISTOGRAM_ROWS; i--) {
         QorAppendField(reply, entries[i].name);
         QorAppendNumberField(reply, entries[i].count);

@@ -12,4 +12,4 @@ enum : uint32_t { MEMORY_WITH_THREADS = 0xa0c0 };
 // kinds of objects, counted in a copy of the process, and the collections; 0x40 processor load, microseconds
 // spent here and the heap's percentage; a bit of 0xa000 the line of system data. Without any it only measures
 // the heap; `reply` may be null then. Worker, or the initialisation thread.
-void qormemsum(QorText *reply, uint32_t reqid);
+void qormemsum(QorText *reply, uint32_t reqid, bool byClass = false);

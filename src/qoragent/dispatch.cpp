@@ -92,15 +92,15 @@ constexpr Views JVMTI_VIEWS = {
     nullptr,
 };
 
-void AddMemoryText(uint32_t wanted) {
+void AddMemoryText(uint32_t wanted, bool byClass) {
     QorText reply;
     QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
-    qormemsum(&reply, wanted);
+    qormemsum(&reply, wanted, byClass);
 }
 
 // What this road can't show yet is answered as on a JVM that isn't known.
 constexpr Views DIRECT_VIEWS = {
-    [] { AddMemoryText(reqid); },
+    [] { AddMemoryText(reqid, pars && strstr(pars, HISTOGRAM_WORD)); },
     nullptr,
     [] {
         QorText reply;
@@ -116,7 +116,7 @@ constexpr Views DIRECT_VIEWS = {
         QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
         PrintSunThreads(reqid, &reply, console_args);
     },
-    [] { AddMemoryText(reqid & MEMORY_WITH_THREADS); },
+    [] { AddMemoryText(reqid & MEMORY_WITH_THREADS, false); },
 };
 
 const Views &ViewsOfRoad() {
