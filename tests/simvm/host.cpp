@@ -6,6 +6,7 @@
 //                   [--agent LIBQORAGENT] [--libjvm LIBJVM] [--moved] [--truth] [--ask TEXT]...
 // With --truth it prints what there is to show of each thread, with --ask it prints the replies and ends,
 // else it relays until SHUTDOWN. Its status is that of the start.
+#include "objects.h"
 #include "scenes.h"
 #include "truth.h"
 
@@ -228,6 +229,9 @@ int main(int count, char **words) {
     for (const Runner *runner : scene.runners)
         if (options.truth)
             puts(TruthLine(*runner).c_str());
+    for (auto &[name, object] : scene.named)
+        if (options.truth)
+            printf("{\"name\": \"%s\", \"object\": %s}\n", name.c_str(), ObjectText(object).c_str());
     Script main = MainScript();
     EmitScript(&main);
     int status = 0;

@@ -1,27 +1,22 @@
-#include "scenes.h"
+#include "stage.h"
 #include "storm.h"
 
 #include <cstdio>
 
 namespace simvm {
 
-namespace {
-
-using F = FrameKind;
-
-// A frame in a method of four lines: 10 at its start, a far one, and last, as some compilers order them, one
-// at bci 8 that stands for the call.
-Scope In(const std::string &holder, const std::string &name, int line, Object *receiver = nullptr,
-         std::vector<Object *> monitors = {}) {
+Scope In(const std::string &holder, const std::string &name, int line, Object *receiver,
+         std::vector<Object *> monitors, const std::string &signature, std::vector<Variable> variables) {
     MethodInfo *method =
-        DefineMethod(holder, name, "()V", {{0, 10}, {45, line + 300}, {46, line + 1}, {8, line}},
+        DefineMethod(holder, name, signature, {{0, 10}, {45, line + 300}, {46, line + 1}, {8, line}},
                      receiver ? 0 : METHOD_STATIC);
-    return {method, 8, receiver, std::move(monitors)};
+    return {method, 8, receiver, std::move(monitors), std::move(variables)};
 }
 
-Scope Native(const std::string &holder, const std::string &name, Object *receiver = nullptr) {
+Scope Native(const std::string &holder, const std::string &name, Object *receiver,
+             const std::string &signature, std::vector<Variable> variables) {
     int32_t flags = METHOD_NATIVE | (receiver ? 0 : METHOD_STATIC);
-    return {DefineMethod(holder, name, "()V", {}, flags, 0), 0, receiver, {}};
+    return {DefineMethod(holder, name, signature, {}, flags, 0), 0, receiver, {}, std::move(variables)};
 }
 
 Frame Run(const std::string &holder) {
@@ -33,6 +28,8 @@ void Add(Scene *scene, const std::string &name, std::vector<Frame> frames, Rest 
     EmitScript(&scene->scripts.back());
     scene->runners.push_back(Start(name, &scene->scripts.back()));
 }
+
+namespace {
 
 void StageShop(Scene *scene) {
     Object *till = NewObject("shop/Till"), *ledger = NewObject("shop/Ledger", vm.old.letter),
@@ -110,6 +107,8 @@ Script MainScript() {
 void StageScene(const std::string &name, Scene *scene) {
     if (name == "shop")
         StageShop(scene);
+    else if (name == "readers")
+        StageReaders(scene);
     else if ((scene->storm = name == "storm" || name == "crowd"))
         StartStorm(name == "storm" ? StormOptions()
                                    : StormOptions{200, 50, 2, 50, 1, false, false, false, false});

@@ -1,4 +1,5 @@
 #include "truth.h"
+#include "objects.h"
 
 #include <algorithm>
 #include <sstream>
@@ -47,6 +48,51 @@ std::string Quoted(const std::vector<std::string> &texts) {
     return out.empty() ? "[]" : out + "]";
 }
 
+Seen SeenOf(const Variable &variable, int slot, bool compiled, bool mapped) {
+    bool object = variable.value.object != nullptr;
+    if (!compiled)
+        return object && mapped && slot < 32 ? Seen::OBJECT : Seen::NUMBER;
+    if (variable.kept == Kept::STACK)
+        return object ? Seen::OBJECT : Seen::NUMBER;
+    return variable.kept == Kept::CONSTANT ? Seen::CONSTANT : Seen::NOTHING;
+}
+
+ShownFrame ShownOf(const Scope &scope, FrameKind kind) {
+    bool compiled = kind == FrameKind::COMPILED || kind == FrameKind::OSR, mapped = IsMapped(scope);
+    ShownFrame shown = {scope.method, LineOf(scope), compiled, scope.receiver, {}, {}};
+    size_t arguments = ArgumentsOf(*scope.method).size();
+    int slot = scope.method->flags & METHOD_STATIC ? 0 : 1;
+    for (const Variable &variable : scope.variables) {
+        auto &list = shown.arguments.size() < arguments ? shown.arguments : shown.locals;
+        list.push_back({variable.signature, variable.value, SeenOf(variable, slot, compiled, mapped)});
+        slot += variable.signature == "J" || variable.signature == "D" ? 2 : 1;
+    }
+    return shown;
+}
+
+std::string VariablesText(const std::vector<ShownVariable> &variables) {
+    const char *const SEEN[] = {"object", "number", "nothing", "constant"};
+    std::string out;
+    for (const ShownVariable &variable : variables)
+        out += (out.empty() ? "[" : ", ") + ("{\"type\": " + Quoted(variable.signature)) +
+               ", \"seen\": " + Quoted(SEEN[int(variable.seen)]) +
+               ", \"value\": " + ValueText(variable.signature, variable.value) + "}";
+    return out.empty() ? "[]" : out + "]";
+}
+
+std::string DetailsText(const std::vector<ShownFrame> &frames) {
+    std::string out;
+    for (const ShownFrame &frame : frames)
+        out += (out.empty() ? "[" : ", ") + ("{\"class\": " + Quoted(frame.method->holder->name)) +
+               ", \"method\": " + Quoted(frame.method->name) + ", \"line\": " + std::to_string(frame.line) +
+               ", \"static\": " + (frame.method->flags & METHOD_STATIC ? "true" : "false") +
+               ", \"compiled\": " + (frame.compiled ? "true" : "false") +
+               ", \"self\": " + ValueText("L", frame.self) +
+               ", \"arguments\": " + VariablesText(frame.arguments) +
+               ", \"locals\": " + VariablesText(frame.locals) + "}";
+    return "[" + (out.empty() ? out : out.substr(1)) + "]";
+}
+
 } // namespace
 
 std::string FrameText(const Scope &scope) {
@@ -74,11 +120,20 @@ Shown Truth(const Runner &runner) {
     return shown;
 }
 
+std::vector<ShownFrame> ShownFrames(const Runner &runner) {
+    std::vector<ShownFrame> shown;
+    for (const Frame &frame : runner.script->frames)
+        for (const Scope &scope : frame.scopes)
+            shown.insert(shown.begin(), ShownOf(scope, frame.kind));
+    return shown;
+}
+
 std::string TruthLine(const Runner &runner) {
     const Shown shown = Truth(runner);
     return "{\"id\": " + std::to_string(runner.info->kernelId) + ", \"name\": " + Quoted(shown.name) +
            ", \"state\": " + Quoted(shown.state) + ", \"frames\": " + Quoted(shown.frames) +
            ", \"waits\": " + Quoted(shown.waits) + ", \"locks\": " + Quoted(shown.locks) +
+           ", \"details\": " + DetailsText(ShownFrames(runner)) +
            ", \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
 }
 

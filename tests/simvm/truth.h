@@ -15,6 +15,24 @@ struct Shown {
 
 Shown Truth(const Runner &runner);
 std::string FrameText(const Scope &scope);
+
+// How a variable can be read: as an object, as a number (of an object: its address), not at all, or as a
+// constant of the compiler's.
+enum class Seen { OBJECT, NUMBER, NOTHING, CONSTANT };
+struct ShownVariable {
+    std::string signature; // beyond the arguments nobody keeps it
+    Value value;
+    Seen seen;
+};
+struct ShownFrame {
+    const MethodInfo *method;
+    int32_t line; // -1: none
+    bool compiled;
+    Object *self; // null: static, or not kept
+    std::vector<ShownVariable> arguments, locals;
+};
+std::vector<ShownFrame> ShownFrames(const Runner &runner); // innermost first
+
 // The same as a line of JSON. "moving": its two innermost frames come and go.
 std::string TruthLine(const Runner &runner);
 
