@@ -29,6 +29,14 @@ constexpr char TITLE_COLLECTIONS[] = "JVM Garbage Collections";
 constexpr char TITLE_HEAP_MEMORY[] = "JVM Heap Memory Usage";
 constexpr char TITLE_CLASSES[] = "JVM Class Details";
 constexpr char TITLE_HEAP_OBJECTS[] = "JVM Heap Number of Objects";
+constexpr char TITLE_MESSAGE[] = "Message";
+constexpr char TITLE_OBJECT[] = "Object Description";
+constexpr char TITLE_PARENT[] = "Parent of the Object above:";
+
+// In front of the class of an object that is shown.
+constexpr char LABEL_OBJECT_NAME[] = "Object Name :";
+// In place of what a collection has moved while it was read; a section.
+constexpr char COLLECTOR_RUNNING[] = "Unable to complete Request GC running";
 
 // A label of the console behind a lock that a thread waits for.
 constexpr char VIEW_LOCK_HOLDER[] = "View Thread Holding this Lock";

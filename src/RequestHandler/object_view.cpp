@@ -14,10 +14,7 @@
 
 namespace {
 
-constexpr char TITLE_MESSAGE[] = "Message";
-constexpr char TITLE_OBJECT[] = "Object Description";
 constexpr char TITLE_NO_FIELDS[] = "Object Description - No Information available";
-constexpr char TITLE_PARENT[] = "Parent of the Object above:";
 constexpr char TITLE_LOCALS[] = "Method Locals";
 
 const char *OrPlaceholder(const char *text) {
@@ -80,7 +77,7 @@ void AppendFields(QorText *reply, const QorClassDetails &klass) {
 }
 
 void AppendClass(QorText *reply, const QorClassDetails &klass) {
-    AppendSection(reply, TITLE_MESSAGE, "Object Name :", OrPlaceholder(klass.name));
+    AppendSection(reply, TITLE_MESSAGE, LABEL_OBJECT_NAME, OrPlaceholder(klass.name));
     if (reply->refused)
         return;
     AppendFields(reply, klass);

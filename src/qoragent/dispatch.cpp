@@ -17,6 +17,7 @@
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
 #include "sunprint/locals.h"
+#include "sunprint/object_print.h"
 #include "sunprint/print_threads.h"
 
 #include <cstdio>
@@ -101,7 +102,11 @@ void AddMemoryText(uint32_t wanted, bool byClass) {
 // What this road can't show yet is answered as on a JVM that isn't known.
 constexpr Views DIRECT_VIEWS = {
     [] { AddMemoryText(reqid, pars && strstr(pars, HISTOGRAM_WORD)); },
-    nullptr,
+    [] {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        PrintObject(atoqoraddr(console_args[0]), SlotAsInt(1), &reply);
+    },
     [] {
         QorText reply;
         QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);

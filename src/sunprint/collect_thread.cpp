@@ -13,7 +13,6 @@ constexpr uint32_t ROWS = QORREQ_MEMORY_ACTIVITY | QORREQ_THREAD_SUMMARY | QORRE
 constexpr char MARKER_USER[] = "user", MARKER_SYSTEM[] = "sys";
 constexpr char NO_LOCKS[] = "No Locks held by Current Thread";
 constexpr char NO_SUCH_THREAD[] = "This Thread does not exist on the JVM";
-constexpr char COLLECTING[] = "Unable to complete Request GC running";
 constexpr char NO_HOLDER[] = "Thread holding this lock not found.";
 constexpr char NO_HOLDER_HINT[] = "Check if the object is still locked.";
 
@@ -140,7 +139,7 @@ void AppendCounts(QorText *out, const int32_t *counts) {
 bool QorOpenDirectReply(QorDirectSample *sample) {
     uint32_t &reqid = sample->request.reqid;
     if ((reqid & QORREQ_POLL_DETAILS) && no_gc) {
-        AppendSection(sample->reply, COLLECTING);
+        AppendSection(sample->reply, COLLECTOR_RUNNING);
         return false;
     }
     if ((reqid & QORREQ_POLL_DETAILS) && !poll_details && !trace_single_thread_details)

@@ -7,6 +7,7 @@
 #include "qorutil/vm_text.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -135,6 +136,12 @@ uint64_t get_object_field(uint64_t object, const char *name, const char *signatu
     if (address && !place.isStatic)
         *cell = {klass, className, place.offset};
     return address;
+}
+
+int32_t QorWidthOf(char signature) {
+    constexpr char BY_WIDTH[] = "ZBCSIFJD"; // 1, 1, 2, 2 and so on
+    const char *const found = signature ? strchr(BY_WIDTH, signature) : nullptr;
+    return found ? 1 << (found - BY_WIDTH) / 2 : 0;
 }
 
 bool QorReadField(uint64_t address, char signature, int64_t *value) {

@@ -52,6 +52,9 @@ struct QorFieldCell {
 // As find_object_field, by way of the cell where that is the object's class's. Statics aren't kept.
 uint64_t get_object_field(uint64_t object, const char *name, const char *signature, QorFieldCell *cell);
 
+// Bytes of a value by the first letter of its type's signature, 0 for a reference and for what isn't a type.
+int32_t QorWidthOf(char signature);
+
 // The value at a field's address, as wide as the signature's first letter says and widened with its sign; C
 // and Z without. False when it can't be read.
 bool QorReadField(uint64_t address, char signature, int64_t *value);
