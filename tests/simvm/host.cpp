@@ -4,8 +4,9 @@
 // usage: simvm_host [--scene NAME] [--version 1.5.0_22] [--client] [--collector serial|parallel|cms] [--log
 // LEVEL]
 //                   [--agent LIBQORAGENT] [--libjvm LIBJVM] [--moved] [--truth] [--ask TEXT]...
-// With --truth it prints what there is to show of each thread, with --ask it prints the replies and ends,
-// else it relays until SHUTDOWN. Its status is that of the start.
+// With --truth it prints what there is to show of each thread (and of the scene's heap), with --ask it prints
+// the replies and ends, else it relays until SHUTDOWN. Its status is that of the start.
+#include "heap.h"
 #include "objects.h"
 #include "scenes.h"
 #include "truth.h"
@@ -205,6 +206,8 @@ int RunAgent(const HostOptions &options) {
             self = thread;
     Agent agent = OpenAgent(options.agent, EnvOf(self));
     int status = StartAgent(agent, self, options);
+    if (options.truth && options.scene == "heap")
+        puts(HeapLine().c_str());
     printf("initvar: %d\n", status);
     fflush(stdout);
     for (const std::string &ask : options.asks)

@@ -282,7 +282,8 @@ struct PermGenerations { // what the heap's `perm` points to
 struct Generation {
     enum { ID = ID_GENERATION };
     Word gap0[23];
-    Word collections, accumulatedTime;
+    int32_t collections, gap4;
+    Word accumulatedTime;
     Word gap1[4];
     Word cmsSpace; // the concurrent collector's
     Word space;    // of one contiguous space
@@ -290,7 +291,8 @@ struct Generation {
 struct YoungGeneration {
     enum { ID = ID_YOUNG };
     Word gap0[23];
-    Word collections, accumulatedTime;
+    int32_t collections, gap4;
+    Word accumulatedTime;
     Word gap1[49];
     Word since08;
     Word eden, from, to;

@@ -1,4 +1,5 @@
 #include "runner.h"
+#include "heap.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -160,7 +161,7 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
         if (object.address)
             Redirect(object.address + sizeof(Oop), object.address + object.bytes, moved);
     for (auto &[name, type] : vm.classes)
-        Redirect(type.klass + sizeof(Klass), type.klass + vm.sizes[type.klass], moved);
+        Redirect(type.klass + sizeof(Klass), type.klass + 8 * WordsOf(type.klass), moved);
     for (ThreadInfo *thread : vm.threads) {
         Redirect(thread->address, thread->address + sizeof(JavaThread) + vm.options.moved, moved);
         Redirect(thread->handles, thread->handles + sizeof(HandleBlock), moved);
@@ -172,8 +173,8 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
 }
 
 void Empty(HeapSpace *space) {
-    for (auto at = vm.sizes.begin(); at != vm.sizes.end();)
-        at = at->first >= space->bottom && at->first < space->top ? vm.sizes.erase(at) : std::next(at);
+    vm.gaps.erase(vm.gaps.lower_bound(space->bottom), vm.gaps.lower_bound(space->end));
+    memset(&As<char>(space->sizes), 0, (space->top - space->bottom) / 2);
     memset(&As<char>(space->bottom), POISON, space->top - space->bottom);
     SetTop(space, space->bottom);
 }
@@ -279,7 +280,10 @@ void Collect(const std::function<void()> &held) {
     if (held)
         held();
     MoveYoung();
-    At(vm.heap, &CollectedHeap::collections)++;
+    CollectionFigures figures = vm.collections;
+    figures.minor++;
+    figures.minorTime += 1000;
+    SetCollections(figures);
     At(vm.heap, &CollectedHeap::collecting) = 0;
     __atomic_store_n(&safepointAsked, 0, __ATOMIC_SEQ_CST);
     lock.unlock();

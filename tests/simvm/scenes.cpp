@@ -1,3 +1,4 @@
+#include "heap.h"
 #include "stage.h"
 #include "storm.h"
 
@@ -109,7 +110,11 @@ void StageScene(const std::string &name, Scene *scene) {
         StageShop(scene);
     else if (name == "readers")
         StageReaders(scene);
-    else if ((scene->storm = name == "storm" || name == "crowd"))
+    else if (name == "heap") {
+        StageShop(scene);
+        FillHeap(TrickyHeap(), 1);
+        SetCollections({12, 3, 4'000'000, 9'000'000});
+    } else if ((scene->storm = name == "storm" || name == "crowd"))
         StartStorm(name == "storm" ? StormOptions()
                                    : StormOptions{200, 50, 2, 50, 1, false, false, false, false});
     else

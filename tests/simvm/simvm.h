@@ -22,10 +22,16 @@ namespace simvm {
 
 enum class Collector { SERIAL, PARALLEL, CONCURRENT };
 
+// What the VM was told of its heap's size, in bytes.
+struct HeapFlags {
+    int64_t heap = 128 << 20, perm = 64 << 20, young = 32 << 20;
+    int64_t newRatio = 2, survivorRatio = 6;
+};
 struct Options {
     std::string library; // path of the libjvm.so that holds the statics
     std::string version = "1.5.0_22";
     Collector collector = Collector::SERIAL;
+    HeapFlags flags;
     int32_t moved = 0;              // every member of JavaThread lies so many bytes higher: no listed build
     uint32_t shuffle = 0;           // a seed: members lie in places that no build has
     int32_t guarded = STRUCT_COUNT; // this structure ends at a page that can't be read
@@ -87,6 +93,17 @@ struct HeapSpace {
     char letter;    // P, O (C: the concurrent collector's), E, F, T
     Word structure; // the VM's description of it
     Word bottom, top, end;
+    Word sizes;                    // for each of its words how many words the object has that begins there
+    Word chunkWords, indexedWords; // free ones below top: in the dictionary, in lists by size
+};
+struct CollectionFigures {
+    int32_t minor = 0, major = 0;
+    int64_t minorTime = 0, majorTime = 0;
+};
+// A stretch of a space that holds no object.
+struct Gap {
+    int64_t bytes;
+    bool chunk; // a free one, which a reader steps over; else one where it finds nothing
 };
 struct ThreadInfo {
     std::string name;
@@ -105,13 +122,14 @@ struct Vm {
     std::map<std::string, Word> symbols;
     std::map<std::string, Class> classes;
     std::deque<MethodInfo> methods;
-    std::deque<Object> objects;              // of eden, from and old
-    std::vector<Object *> forgotten;         // of these, to be used again
-    std::unordered_map<Word, int64_t> sizes; // bytes of whatever is in the heap
+    std::deque<Object> objects;      // of eden, from and old
+    std::vector<Object *> forgotten; // of these, to be used again
+    std::map<Word, Gap> gaps;        // that were planted, by address
     HeapSpace perm, old, eden, from, to;
-    Word kindKlass[VTABLE_COUNT];      // the klasses of the VM's own kinds of objects
-    Word heap;                         // CollectedHeap
-    Object *threadGroup;               // of all threads
+    Word kindKlass[VTABLE_COUNT]; // the klasses of the VM's own kinds of objects
+    Word heap;                    // CollectedHeap
+    Object *threadGroup;          // of all threads
+    CollectionFigures collections;
     std::vector<ThreadInfo *> threads; // in the order of the VM's list
 };
 extern Vm vm;
@@ -140,7 +158,11 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
                          std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64,
                          LineEnd end = LineEnd::MARKED);
 
+constexpr Word WIDE_GAP = 5ul << 30; // in perm, of a VM with wide addresses: never touched
+
 HeapSpace &SpaceOf(char letter);
+bool HasFreeLists(const HeapSpace &space);
+int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
 Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure = STRUCT_COUNT);
 void SetTop(HeapSpace *space, Word top); // with what is free above
 void Forget(Object *object);             // dead; the next collection takes its memory

@@ -1,0 +1,144 @@
+// The figures of a heap, from its description.
+#include "heap.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace simvm {
+
+namespace {
+
+struct Kinds {
+    std::unordered_map<Word, char> letters; // by klass
+    std::unordered_map<Word, const Class *> classes;
+};
+
+Kinds AllKinds() {
+    static const std::pair<VtableKind, char> LETTERS[] = {{VT_SYMBOL, '1'},
+                                                          {VT_METHOD, '2'},
+                                                          {VT_CONST_METHOD, 'F'},
+                                                          {VT_POOL, '3'},
+                                                          {VT_POOL_CACHE, '4'},
+                                                          {VT_IC_HOLDER, '*'},
+                                                          {VT_METHOD_DATA, 'H'},
+                                                          {VT_KLASS_KLASS, 'A'},
+                                                          {VT_INSTANCE_KLASS_KLASS, 'B'},
+                                                          {VT_ARRAY_KLASS_KLASS, 'C'},
+                                                          {VT_OBJ_ARRAY_KLASS_KLASS, 'D'},
+                                                          {VT_TYPE_ARRAY_KLASS_KLASS, 'E'}};
+    Kinds kinds;
+    for (auto &[kind, letter] : LETTERS)
+        kinds.letters[vm.kindKlass[kind]] = letter;
+    for (const auto &[name, type] : vm.classes) {
+        kinds.letters[type.klass] = name[0] == '[' ? '[' : '8';
+        kinds.classes[type.klass] = &type;
+    }
+    return kinds;
+}
+
+void Add(Count *count, int64_t bytes) {
+    count->objects++;
+    count->bytes += bytes;
+}
+
+// The sizes that the flags ask for, as the VM plans them: 64 KB at a time, in 32 bits.
+struct Planned {
+    int64_t perm, old, eden, survivor;
+};
+Planned PlannedSizes() {
+    constexpr int64_t STEPS = 0xFFFF0000;
+    const HeapFlags &flags = vm.options.flags;
+    auto part = [](int64_t whole, int64_t parts) { return parts ? whole / parts : 0; };
+    int64_t young = std::min(part(flags.heap, flags.newRatio + 1), flags.young) & STEPS;
+    int64_t survivor = part(young, flags.survivorRatio + 2) & STEPS;
+    return {flags.perm, flags.heap - young, young - 2 * survivor, survivor};
+}
+
+SpaceUse UseOf(const HeapSpace &space, const char *name, int64_t planned) {
+    int64_t room = space.end - space.bottom, used = space.top - space.bottom;
+    if (HasFreeLists(space)) {
+        Word rest = (space.end - space.top) / 8;
+        used = room - 8 * (space.chunkWords + space.indexedWords + (rest >= SMALLEST_CHUNK ? rest : 0));
+    }
+    int64_t capacity = std::max(planned, room);
+    return {&space, name, used, capacity, int32_t((100 * used + capacity - 1) / capacity)};
+}
+
+template <class MAP>
+void PutCounts(std::ostream &out, const char *name, const MAP &counts) {
+    const char *separator = "";
+    out << ", \"" << name << "\": {";
+    for (auto &[key, count] : counts) {
+        out << separator << '"' << key << "\": [" << count.objects << ", " << count.bytes << ']';
+        separator = ", ";
+    }
+    out << '}';
+}
+
+} // namespace
+
+Census CensusOf(const HeapSpace &space) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Kinds kinds = AllKinds();
+    Census census;
+    Word afterSkipped = 0;
+    for (Word at = space.bottom, bytes; at < space.top; at += bytes) {
+        auto gap = vm.gaps.find(at);
+        bytes = 8 * Word(SizeAt(space, at));
+        if (bytes) {
+            Word klass = As<Oop>(at).klass;
+            Add(&census.all, bytes);
+            Add(&census.types[kinds.letters.at(klass)], bytes);
+            if (auto type = kinds.classes.find(klass); type != kinds.classes.end())
+                Add(&census.classes[type->second->name], bytes);
+            continue;
+        }
+        bytes = gap == vm.gaps.end() ? 8 : gap->second.bytes;
+        if (gap != vm.gaps.end() && gap->second.chunk)
+            continue;
+        // The last word of a space with free lists is never looked at.
+        Word end = HasFreeLists(space) ? std::min(at + bytes, space.end - 8) : at + bytes;
+        if (at < end)
+            census.skippedRuns += at != afterSkipped;
+        census.skippedBytes += at < end ? end - at : 0;
+        afterSkipped = at + bytes;
+    }
+    return census;
+}
+
+std::vector<SpaceUse> UseOfSpaces() {
+    Planned planned = PlannedSizes();
+    bool concurrent = vm.options.collector == Collector::CONCURRENT;
+    std::vector<SpaceUse> uses = {
+        UseOf(vm.perm, "Perm", planned.perm), UseOf(vm.old, concurrent ? "CMS" : "Old", planned.old),
+        UseOf(vm.eden, "Eden", planned.eden), UseOf(vm.from, "From", planned.survivor)};
+    std::sort(uses.begin(), uses.end(),
+              [](const SpaceUse &a, const SpaceUse &b) { return a.space->bottom < b.space->bottom; });
+    return uses;
+}
+
+Word RecordBase() {
+    return UseOfSpaces()[0].space->bottom - 8;
+}
+
+std::string HeapLine() {
+    std::stringstream out;
+    out << "{\"heap\": [";
+    const char *separator = "";
+    for (const SpaceUse &use : UseOfSpaces()) {
+        Census census = CensusOf(*use.space);
+        out << separator << "{\"name\": \"" << use.name << "\", \"used\": " << use.used
+            << ", \"capacity\": " << use.capacity << ", \"percent\": " << use.percent
+            << ", \"objects\": " << census.all.objects << ", \"bytes\": " << census.all.bytes
+            << ", \"skipped\": [" << census.skippedRuns << ", " << census.skippedBytes << ']';
+        PutCounts(out, "types", census.types);
+        PutCounts(out, "classes", census.classes);
+        out << '}';
+        separator = ", ";
+    }
+    out << "], \"base\": " << RecordBase() << ", \"minor\": " << vm.collections.minor
+        << ", \"major\": " << vm.collections.major << '}';
+    return out.str();
+}
+
+} // namespace simvm

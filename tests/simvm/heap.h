@@ -1,0 +1,78 @@
+// A heap of known content: random objects between stretches in which nobody finds one, and the figures that
+// follow from the description.
+#pragma once
+
+#include "simvm.h"
+
+namespace simvm {
+
+// ---- content
+// -----------------------------------------------------------------------------------------------
+
+enum class Piece {
+    OBJECTS,    // so many random ones
+    STALE,      // so many bytes of what was there once
+    NO_KLASS,   // an object of so many bytes without a klass word, as one that is being allocated
+    LINK,       // the same whose klass word is a link to another object
+    HALF_ARRAY, // the same that has a klass and as yet a wild length
+    FORWARDED,  // an object whose mark is where it went; it still counts
+    ODD_ARRAY,  // of so many elements, of a kind whose header isn't a multiple of 8
+    VM_KINDS,   // what only the VM makes, one of each; for perm
+    ACROSS,     // an array that begins so many bytes before the space's top and ends after it
+    LAST,       // top is so many bytes below the space's end; from there down a last object
+    // for spaces with free lists
+    CHUNK,      // a free one of so many words
+    WRONG_CHUNK // a stretch of 64 bytes that is a free chunk of so many words: no size that can be
+};
+struct PieceRow {
+    char space; // O: of both kinds of old
+    Piece piece;
+    int64_t amount;
+};
+// Puts the pieces into the spaces, one after the other. The same seed makes the same content.
+void FillHeap(const std::vector<PieceRow> &pieces, uint32_t seed);
+// All of the above at every place that a reader might trip over; "full" spaces end at the end of their
+// mapping. The from space stays empty.
+const std::vector<PieceRow> &TrickyHeap();
+const std::vector<PieceRow> &FullHeap();
+
+// ---- figures
+// -----------------------------------------------------------------------------------------------
+
+struct Count {
+    int64_t objects = 0, bytes = 0;
+};
+struct Census {
+    Count all;
+    // By the second character of an object's record: 1 symbol, 2 method, F constMethod, 3 pool, 4 pool cache,
+    // 8 instance, [ array, * compiledICHolder, H methodData; klasses: A of the VM's own, B of instances, C,
+    // D, E of arrays.
+    std::map<char, Count> types;
+    std::map<std::string, Count> classes; // of instances and arrays, with slashes
+    int64_t skippedBytes = 0, skippedRuns = 0;
+};
+Census CensusOf(const HeapSpace &space);
+
+struct SpaceUse {
+    const HeapSpace *space;
+    std::string name;
+    int64_t used, capacity; // bytes
+    int32_t percent;
+};
+// Perm, old, eden, from by their addresses.
+std::vector<SpaceUse> UseOfSpaces();
+// What every address of a dump is counted from.
+Word RecordBase();
+// As one line of JSON.
+std::string HeapLine();
+
+// ---- memory
+// ------------------------------------------------------------------------------------------------
+
+constexpr Word SMALLEST_CHUNK = 3; // in words, with its link and size
+
+uint32_t &SizeAt(const HeapSpace &space, Word oop);
+void WriteChunk(Word at, Word words);
+void SetCollections(const CollectionFigures &figures);
+
+} // namespace simvm

@@ -1,0 +1,173 @@
+// The heap as memory: generations, spaces, and how room in them is taken.
+#include "heap.h"
+
+#include <sys/mman.h>
+
+namespace simvm {
+
+namespace {
+
+constexpr size_t MB = 1 << 20;
+constexpr Word PAGE = 4096;
+
+template <class S>
+Word NewSpace(HeapSpace *space, char letter, size_t bytes, size_t structureBytes) {
+    space->letter = letter;
+    bool wide = letter == 'P' && vm.options.wide;
+    bytes += wide ? WIDE_GAP : 0;
+    space->bottom = space->top = Map(bytes + PAGE, !wide);
+    space->end = space->bottom + bytes;
+    mprotect(reinterpret_cast<void *>(space->end), PAGE, PROT_NONE);
+    space->sizes = Map(bytes / 2, false);
+    space->structure = Allocate(structureBytes);
+    At(space->structure, &S::bottom) = space->bottom;
+    At(space->structure, &S::end) = space->end;
+    At(space->structure, &S::top) = space->top;
+    return space->structure;
+}
+
+Word NewFreeListSpace(HeapSpace *space, char letter, size_t bytes) {
+    Word structure = NewSpace<FreeListSpace>(space, letter, bytes, sizeof(FreeListSpace));
+    At(structure, &FreeListSpace::top) = space->bottom + bytes / 4; // what it says means nothing
+    At(structure, &FreeListSpace::indexedFreeWords) = 0;
+    At(structure, &FreeListSpace::dictionary) = Allocate(sizeof(FreeListDictionary));
+    return structure;
+}
+
+void LayOutParallel() {
+    Word young = Allocate(sizeof(ParallelGeneration)), old = Allocate(sizeof(ParallelGeneration)),
+         perm = Allocate(sizeof(ParallelGeneration));
+    *vm.statics.psYoung = young;
+    *vm.statics.psOld = old;
+    *vm.statics.psPerm = perm;
+    size_t bytes = sizeof(ParallelSpace);
+    At(perm, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.perm, 'P', 16 * MB, bytes);
+    At(old, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.old, 'O', 8 * MB, bytes);
+    At(young, &ParallelGeneration::eden) = NewSpace<ParallelSpace>(&vm.eden, 'E', 4 * MB, bytes);
+    At(young, &ParallelGeneration::from) = NewSpace<ParallelSpace>(&vm.from, 'F', MB, bytes);
+    At(young, &ParallelGeneration::to) = NewSpace<ParallelSpace>(&vm.to, 'T', MB, bytes);
+}
+
+void LayOutGenerations() {
+    bool concurrent = vm.options.collector == Collector::CONCURRENT;
+    Word young = Allocate(sizeof(YoungGeneration)), old = Allocate(sizeof(Generation)),
+         perm = Allocate(sizeof(Generation)), holder = Allocate(sizeof(PermGenerations));
+    At(vm.heap, &CollectedHeap::young) = young;
+    At(vm.heap, &CollectedHeap::old) = old;
+    At(vm.heap, &CollectedHeap::perm) = holder;
+    At(holder, &PermGenerations::generation) = perm;
+    if (concurrent) {
+        At(perm, &Generation::cmsSpace) = NewFreeListSpace(&vm.perm, 'P', 16 * MB);
+        At(old, &Generation::cmsSpace) = NewFreeListSpace(&vm.old, 'C', 8 * MB);
+    } else {
+        At(perm, &Generation::space) = NewSpace<Space>(&vm.perm, 'P', 16 * MB, sizeof(Space));
+        At(old, &Generation::space) = NewSpace<Space>(&vm.old, 'O', 8 * MB, sizeof(Space));
+    }
+    At(young, &YoungGeneration::eden) = NewSpace<Space>(&vm.eden, 'E', 4 * MB, sizeof(Space));
+    At(young, &YoungGeneration::from) = NewSpace<Space>(&vm.from, 'F', MB, sizeof(Space));
+    At(young, &YoungGeneration::to) = NewSpace<Space>(&vm.to, 'T', MB, sizeof(Space));
+}
+
+// One byte; what follows is another variable's.
+Word Flag(bool value) {
+    return (POISON_WORD & ~Word(255)) | value;
+}
+
+} // namespace
+
+void LayOutHeap() {
+    vm.heap = Allocate(sizeof(CollectedHeap));
+    *vm.statics.collectedHeap = vm.heap;
+    At(vm.heap, &CollectedHeap::collecting) = 0;
+    if (vm.options.collector == Collector::PARALLEL)
+        LayOutParallel();
+    else
+        LayOutGenerations();
+    *vm.statics.useParallel = Flag(vm.options.collector == Collector::PARALLEL);
+    *vm.statics.useConcurrent = Flag(vm.options.collector == Collector::CONCURRENT);
+    const HeapFlags &flags = vm.options.flags;
+    *vm.statics.maxPermSize = flags.perm;
+    *vm.statics.maxHeapSize = flags.heap;
+    *vm.statics.maxNewSize = flags.young;
+    *vm.statics.newRatio = flags.newRatio;
+    *vm.statics.survivorRatio = flags.survivorRatio;
+    *vm.statics.gcLockCount = 0;
+    SetCollections({});
+}
+
+HeapSpace &SpaceOf(char letter) {
+    for (HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to})
+        if (space->letter == letter || (letter == 'O' && space == &vm.old))
+            return *space;
+    Fail("no such space");
+}
+
+Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    bytes = (bytes + 7) & ~7;
+    bool guarded = structure == vm.options.guarded && structure != STRUCT_COUNT;
+    Word at = guarded ? ((space->top + bytes + PAGE - 1) & ~(PAGE - 1)) - bytes : space->top;
+    Word top = at + bytes + (guarded ? PAGE : 0);
+    if (top > space->end)
+        Fail("a space of the heap is full");
+    if (guarded)
+        mprotect(reinterpret_cast<void *>(at + bytes), PAGE, PROT_NONE);
+    SizeAt(*space, at) = uint32_t(bytes / 8);
+    memset(reinterpret_cast<void *>(at), 0, bytes);
+    SetTop(space, top);
+    return at;
+}
+
+bool HasFreeLists(const HeapSpace &space) {
+    return vm.options.collector == Collector::CONCURRENT && (&space == &vm.perm || &space == &vm.old);
+}
+
+int64_t WordsOf(Word oop) {
+    for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to})
+        if (oop >= space->bottom && oop < space->end)
+            return SizeAt(*space, oop);
+    return 0;
+}
+
+uint32_t &SizeAt(const HeapSpace &space, Word oop) {
+    return As<uint32_t>(space.sizes + (oop - space.bottom) / 2);
+}
+
+void WriteChunk(Word at, Word words) {
+    As<Word>(at + 8) = 1; // an odd link where an object has its klass
+    As<Word>(at + 16) = words;
+}
+
+void SetTop(HeapSpace *space, Word top) {
+    space->top = top;
+    if (vm.options.collector == Collector::PARALLEL)
+        At(space->structure, &ParallelSpace::top) = top;
+    else if (!HasFreeLists(*space))
+        At(space->structure, &Space::top) = top;
+    else { // the rest is one chunk
+        Word rest = (space->end - top) / 8, dictionary = At(space->structure, &FreeListSpace::dictionary);
+        if (rest >= SMALLEST_CHUNK)
+            WriteChunk(top, rest);
+        At(dictionary, &FreeListDictionary::freeWords) =
+            space->chunkWords + (rest >= SMALLEST_CHUNK ? rest : 0);
+        At(space->structure, &FreeListSpace::indexedFreeWords) = space->indexedWords;
+    }
+}
+
+void SetCollections(const CollectionFigures &figures) {
+    vm.collections = figures;
+    At(vm.heap, &CollectedHeap::collections) = figures.minor + figures.major;
+    if (vm.options.collector == Collector::PARALLEL) {
+        *vm.statics.psMajorCollections = (POISON_WORD << 32) | uint32_t(figures.major);
+        *vm.statics.psMinorTime = figures.minorTime;
+        *vm.statics.psMajorTime = figures.majorTime;
+        return;
+    }
+    Word young = At(vm.heap, &CollectedHeap::young), old = At(vm.heap, &CollectedHeap::old);
+    At(young, &YoungGeneration::collections) = figures.minor;
+    At(young, &YoungGeneration::accumulatedTime) = figures.minorTime;
+    At(old, &Generation::collections) = figures.major;
+    At(old, &Generation::accumulatedTime) = figures.majorTime;
+}
+
+} // namespace simvm
