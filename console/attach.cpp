@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "inside.h"
+#include "outside/patience.h"
 #include "transfer.h"
 
 #include <cerrno>
@@ -182,8 +183,7 @@ void CheckMaySignal(const Process &process) {
 
 Failure Unheard() {
     return Failure("the JVM doesn't answer to attaching",
-                   "it may be in a long pause (try again), or have its own way with SIGQUIT; "
-                   "-javaagent:qoragent.jar always works");
+                   "it may have its own way with SIGQUIT; -javaagent:qoragent.jar always works");
 }
 
 void CheckRuns(const Process &process) {
@@ -234,7 +234,7 @@ std::string SocketName(const Process &process) {
 }
 
 // A full queue of callers lets nobody in until the JVM takes one out.
-FileDescriptor Connect(int tmp, const std::string &name, Clock::time_point deadline) {
+FileDescriptor Connect(int tmp, const std::string &name, Clock::time_point deadline, Patience *patience) {
     FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -245,7 +245,8 @@ FileDescriptor Connect(int tmp, const std::string &name, Clock::time_point deadl
         if (errno != EAGAIN && errno != EINTR)
             return FileDescriptor();
         if (Clock::now() >= deadline)
-            throw Unheard();
+            throw patience->Late(Unheard());
+        patience->Check();
         poll(nullptr, 0, static_cast<int>(SOCKET_PERIOD.count()));
     }
     return fd;
@@ -262,14 +263,14 @@ Listener LookForSocket(int tmp, const std::string &name, const Process &process)
 
 // A connection to the socket if there is one that answers.
 FileDescriptor ConnectIfThere(int tmp, const Process &process, const EffectiveUser &user,
-                              Clock::time_point deadline) {
+                              Clock::time_point deadline, Patience *patience) {
     std::string name = SocketName(process);
     Listener listener = LookForSocket(tmp, name, process);
     if (listener == Listener::STRANGE && !ClearAway(user, tmp, name))
         throw InTheWay(name);
     if (listener != Listener::THERE)
         return FileDescriptor();
-    FileDescriptor fd = Connect(tmp, name, deadline);
+    FileDescriptor fd = Connect(tmp, name, deadline, patience);
     if (!fd.ok())
         unlinkat(tmp, name.c_str(), 0); // of an earlier JVM with that number
     return fd;
@@ -277,8 +278,8 @@ FileDescriptor ConnectIfThere(int tmp, const Process &process, const EffectiveUs
 
 // Makes the JVM open its socket and connects to it.
 FileDescriptor OpenChannel(const Places &places, const Target &target, const Process &process,
-                           const EffectiveUser &user, Clock::time_point deadline) {
-    FileDescriptor channel = ConnectIfThere(places.tmp.get(), process, user, deadline);
+                           const EffectiveUser &user, Clock::time_point deadline, Patience *patience) {
+    FileDescriptor channel = ConnectIfThere(places.tmp.get(), process, user, deadline, patience);
     if (channel.ok())
         return channel;
     CheckMaySignal(process);
@@ -287,24 +288,28 @@ FileDescriptor OpenChannel(const Places &places, const Target &target, const Pro
         throw Failure(fmt::format("can't signal process {}: {}", process.pid, strerror(errno)),
                       "run qorctl as its user or as root");
     while (Clock::now() < deadline && target.Alive()) {
-        channel = ConnectIfThere(places.tmp.get(), process, user, deadline);
+        channel = ConnectIfThere(places.tmp.get(), process, user, deadline, patience);
         if (channel.ok())
             return channel;
+        patience->Check();
         poll(nullptr, 0, static_cast<int>(SOCKET_PERIOD.count()));
     }
-    throw Unheard();
+    throw patience->Late(Unheard());
 }
 
-std::string Exchange(int fd, const std::string &request, Clock::time_point deadline) {
+std::string Exchange(int fd, const std::string &request, Clock::time_point deadline, Patience *patience) {
     std::string reply;
     Transfer result = Send(fd, request, deadline);
     if (result == Transfer::CLOSED)
         result = Transfer::DONE; // the JVM hung up; what it said before is still there
+    const auto receive = [&](Clock::time_point until) {
+        return (result = Receive(fd, &reply, MAX_ATTACH_REPLY - reply.size(), until)) != Transfer::LATE;
+    };
     while (result == Transfer::DONE && reply.size() < MAX_ATTACH_REPLY)
-        result = Receive(fd, &reply, MAX_ATTACH_REPLY - reply.size(), deadline);
+        patience->Wait(receive);
     if (result == Transfer::LATE)
-        throw Failure("the JVM is still loading the agent",
-                      "wait for it: 'qorctl list' shows when the agent is there");
+        throw patience->Late(Failure("the JVM is still loading the agent",
+                                     "wait for it: 'qorctl list' shows when the agent is there"));
     return reply;
 }
 
@@ -355,9 +360,11 @@ public:
             request += '\0';
         }
         EffectiveUser user(process_);
-        FileDescriptor channel = call ? OpenChannel(places_, target_, process_, user, deadline)
-                                      : ConnectIfThere(places_.tmp.get(), process_, user, deadline);
-        return channel.ok() ? Exchange(channel.get(), request, deadline) : "";
+        Patience patience(process_.pid, deadline);
+        FileDescriptor channel = call
+                                     ? OpenChannel(places_, target_, process_, user, deadline, &patience)
+                                     : ConnectIfThere(places_.tmp.get(), process_, user, deadline, &patience);
+        return channel.ok() ? Exchange(channel.get(), request, deadline, &patience) : "";
     }
 
 private:

@@ -33,6 +33,9 @@ struct SessionsCommand {
 };
 
 void RunList(const Settings &settings);
+// A look from outside, without the agent.
+void RunHung(const Settings &settings, pid_t pid, bool all, bool stop_thread);
+
 void RunAttach(const Settings &settings, pid_t pid);
 void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
 // `thread` is an id, a key or a name.

@@ -2,8 +2,10 @@
 
 #include "attach.h"
 #include "failure.h"
+#include "outside/hung.h"
 #include "proof.h"
 #include "session.h"
+#include "transfer.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -70,16 +72,27 @@ void Describe(const Process &process, const std::string &library, JvmEntry *entr
         return;
     if (AttachDisabled(process, perf))
         entry->note = "attaching is disabled";
-    else if (process.stopped)
-        entry->note = "stopped";
     else if (!ListensForAttach(process))
         entry->note = "doesn't listen for attaching";
+}
+
+using Milliseconds = std::chrono::milliseconds;
+constexpr Milliseconds LOOK_LIMIT(50), ALL_LOOKS_LIMIT(500);
+
+// What keeps it from answering comes first; a JVM that we may not read is looked at by /proc alone.
+void NoteIfHung(JvmEntry *entry, bool may_read, Milliseconds *left) {
+    const Clock::time_point start = Clock::now();
+    const std::string note = HungNote(entry->pid, may_read, std::min(LOOK_LIMIT, *left));
+    if (!note.empty())
+        entry->note = entry->note.empty() ? note : note + "; " + entry->note;
+    *left -= std::min(*left, std::chrono::duration_cast<Milliseconds>(Clock::now() - start));
 }
 
 } // namespace
 
 std::vector<JvmEntry> ListJvms() {
     std::vector<JvmEntry> jvms;
+    Milliseconds left = ALL_LOOKS_LIMIT;
     for (pid_t pid : ProcessIds()) {
         Process process;
         if (!ReadProcess(pid, &process))
@@ -96,6 +109,7 @@ std::vector<JvmEntry> ListJvms() {
             Describe(process, library, &entry);
         else
             entry.note = kind == JvmKind::OTHER ? "not HotSpot" : "of another user";
+        NoteIfHung(&entry, kind == JvmKind::HOTSPOT, &left);
         jvms.push_back(std::move(entry));
     }
     return jvms;

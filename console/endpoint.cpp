@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "inside.h"
+#include "outside/patience.h"
 #include "protocol.h"
 #include "request.h"
 #include "transfer.h"
@@ -123,6 +124,7 @@ std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &
     if (!endpoint || endpoint->inner_pid != process.inner_pid)
         throw Failure(fmt::format("{}/{} is not understood", dir, name),
                       "agent and qorctl may be of different versions; restart the JVM or use its own qorctl");
+    endpoint->pid = process.pid;
     return endpoint;
 }
 
@@ -147,16 +149,21 @@ std::optional<Connection> Connection::Open(const Endpoint &endpoint, Seconds lim
             return std::nullopt;
     }
     std::string greeting;
+    Patience patience(endpoint.pid, deadline);
     Transfer result = Send(fd.get(), endpoint.token + "\n", deadline);
+    const auto receive = [&](Clock::time_point until) {
+        return (result = Receive(fd.get(), &greeting, TOKEN_ACCEPTED.size() - greeting.size(), until)) !=
+               Transfer::LATE;
+    };
     while (result == Transfer::DONE && greeting.size() < TOKEN_ACCEPTED.size())
-        result = Receive(fd.get(), &greeting, TOKEN_ACCEPTED.size() - greeting.size(), deadline);
+        patience.Wait(receive);
     if (result == Transfer::LATE)
-        throw Failure(
+        throw patience.Late(Failure(
             "the agent's relay doesn't answer",
-            "the JVM may be stopped or in a long pause, or others hold all its connections; try again");
+            "the JVM may be stopped or in a long pause, or others hold all its connections; try again"));
     if (greeting != TOKEN_ACCEPTED)
         return std::nullopt;
-    return Connection(std::move(fd));
+    return Connection(std::move(fd), endpoint.pid);
 }
 
 // True when the reply is whole, false at the deadline.
@@ -184,9 +191,11 @@ std::string Connection::Ask(std::string_view request, Seconds limit) {
     Transfer sent = Send(socket_.get(), std::string(request) + "\n", deadline);
     if (sent == Transfer::CLOSED)
         throw Unanswered(reply);
-    if (sent == Transfer::LATE || !ReceiveReply(&reply, deadline))
-        throw Failure(fmt::format("no answer within {} seconds", limit.count()),
-                      "the JVM may be in a long pause; try again, or wait longer with --timeout");
+    Patience patience(pid_, deadline);
+    const auto receive = [&](Clock::time_point until) { return ReceiveReply(&reply, until); };
+    if (sent == Transfer::LATE || !patience.Wait(receive))
+        throw patience.Late(Failure(fmt::format("no answer within {} seconds", limit.count()),
+                                    "try again, or wait longer with --timeout"));
     return reply;
 }
 

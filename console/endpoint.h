@@ -22,6 +22,7 @@ struct Endpoint {
     uint16_t port = 0;
     std::string token; // 32 hexadecimal digits
     pid_t inner_pid = 0;
+    pid_t pid = 0; // as we see it; 0 when not known
 };
 
 // The text of an endpoint file, "key=value" lines; nothing when a line that is needed is missing or
@@ -55,9 +56,10 @@ public:
     void SendLast(std::string_view request, Seconds limit);
 
 private:
-    explicit Connection(FileDescriptor socket) : socket_(std::move(socket)) {}
+    Connection(FileDescriptor socket, pid_t pid) : socket_(std::move(socket)), pid_(pid) {}
     bool ReceiveReply(std::string *reply, std::chrono::steady_clock::time_point deadline);
     FileDescriptor socket_;
+    pid_t pid_; // of the JVM; 0 when not known
 };
 
 // The loopback connection can't be made from another network namespace: a Failure that says how to get there.

@@ -241,6 +241,22 @@ void AddForkDump(CLI::App *app, CommandLine *line) {
     fork_dump->final_callback([line] { RunForkDump(line->settings, line->pid, line->fork_dump == "on"); });
 }
 
+// Needs no agent, and asks the JVM nothing.
+void AddHung(CLI::App *app, CommandLine *line) {
+    CLI::App *hung = AddCommand(
+        app, "hung", "Show from outside, without stopping it, why a JVM doesn't answer", &line->settings);
+    hung->add_option("pid", line->pid, "Process id of the JVM")
+        ->option_text("PID")
+        ->required()
+        ->check(CLI::Range(1, INT_MAX).description(""));
+    hung->add_flag("--all", line->threads.all, "All threads, not only those concerned");
+    hung->add_flag(
+        "--stop-thread", line->stop,
+        "Stop a thread in Java, for 20 ms at most, if its stack can't be read otherwise; a native call "
+        "that it is in by then may see EINTR");
+    hung->final_callback([line] { RunHung(line->settings, line->pid, line->threads.all, line->stop); });
+}
+
 void AddOthers(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
@@ -295,6 +311,7 @@ int Run(int argc, char **argv) {
     AddMemory(&app, &line);
     AddDump(&app, &line);
     AddForkDump(&app, &line);
+    AddHung(&app, &line);
     AddOthers(&app, &line);
     try {
         app.parse(argc, argv);

@@ -24,6 +24,7 @@ from harness import (LIMIT, SETTINGS, Application, Case, OfTheDemo, in_root, lef
                      wait_until)
 from databases import Databases
 from direct import DirectRoad
+from hung import Hung
 from products import Products
 from sessions import Sessions
 from tiers import OwnDriver, Tiers
@@ -31,7 +32,7 @@ from views import Memory, Views
 from web import Web
 
 # Groups of other files.
-__all__ = ["DirectRoad", "Dumps", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]
+__all__ = ["DirectRoad", "Dumps", "Hung", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]
 
 
 class Sample(OfTheDemo):

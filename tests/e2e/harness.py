@@ -18,11 +18,11 @@ SETTINGS = argparse.Namespace()
 LIMIT = 60  # seconds for anything to happen; reached only when something is broken
 
 
-def wait_until(what, test):
-    end = time.monotonic() + LIMIT
+def wait_until(what, test, limit=LIMIT):
+    end = time.monotonic() + limit
     while not test():
         if time.monotonic() > end:
-            raise AssertionError(f"not within {LIMIT} s: {what}")
+            raise AssertionError(f"not within {limit} s: {what}")
         time.sleep(0.02)
 
 

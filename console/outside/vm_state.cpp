@@ -1,0 +1,48 @@
+#include "vm_state.h"
+
+#include <ctime>
+
+namespace qorctl::outside {
+
+namespace {
+
+constexpr const char *PHASE = "_ZN20SafepointSynchronize6_stateE";
+constexpr const char *COUNTER = "_ZN20SafepointSynchronize18_safepoint_counterE";
+constexpr const char *WAITING = "_ZN20SafepointSynchronize17_waiting_to_blockE";
+constexpr const char *BEGIN_TIME = "_ZN16SafepointTracing29_last_safepoint_begin_time_nsE";
+constexpr const char *OPERATION = "_ZN8VMThread17_cur_vm_operationE";
+constexpr Address OPERATION_CALLER = 8; // after the pointer to its class's table
+constexpr double YEAR = 365.0 * 86400;
+
+std::optional<double> SecondsSince(int64_t begin_ns) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const double seconds = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 -
+                           static_cast<double>(begin_ns) / 1e9;
+    return begin_ns > 0 && seconds >= 0 && seconds < YEAR ? std::optional(seconds) : std::nullopt;
+}
+
+} // namespace
+
+SafepointState ReadSafepoint(Memory &memory, const VmTable &table, const VmSymbols &symbols) {
+    SafepointState state;
+    int phase = 0, waiting = 0;
+    if (symbols.Find(PHASE) != 0 && memory.ReadFresh(symbols.Find(PHASE), &phase, sizeof phase))
+        state.phase = phase;
+    if (symbols.Find(WAITING) != 0 && memory.ReadFresh(symbols.Find(WAITING), &waiting, sizeof waiting))
+        state.waiting_for = waiting;
+    state.counter = memory.FreshWord(symbols.Find(COUNTER));
+    if (const Address operation = memory.FreshWord(symbols.Find(OPERATION))) {
+        const std::string name = symbols.ClassAt(memory.FreshWord(operation));
+        state.operation = name.empty() ? "of an unknown kind" : name;
+        state.asked_by = memory.FreshWord(operation + OPERATION_CALLER);
+    }
+    if (phase != NO_SAFEPOINT)
+        state.seconds = SecondsSince(memory.FreshAt<int64_t>(symbols.Find(BEGIN_TIME)));
+    if (table.Static(Vm::HEAP) != 0 && table.Has({Vm::HEAP_COLLECTS}))
+        state.collects = memory.FreshAt<uint8_t>(
+                             table.In(memory.FreshWord(table.Static(Vm::HEAP)), Vm::HEAP_COLLECTS)) != 0;
+    return state;
+}
+
+} // namespace qorctl::outside

@@ -1,0 +1,226 @@
+"""What qorctl says of a JVM that doesn't answer, read from outside, beside what the JVM's own tools say."""
+import contextlib
+import os
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+import jstack
+from harness import LIMIT, SETTINGS, Application, Case, in_root, run_tool, wait_until
+
+SERIAL = ("-XX:+UseSerialGC", "-Xmx128m")
+
+
+class Hang(Application):
+    """The JVM of the test class that hangs when it is told to."""
+
+    def __init__(self, *flags, busy=False, jdk=None, before=()):
+        classes = SETTINGS.root + SETTINGS.classes
+        shutil.copytree(f"{SETTINGS.build}/test-classes/qoragent/testing", f"{classes}/qoragent/testing",
+                        dirs_exist_ok=True)
+        self.log = tempfile.NamedTemporaryFile(prefix="qor-e2e-", suffix=".log")
+        command = [*before, f"{jdk or SETTINGS.jdk}/bin/java", *flags, "-cp", SETTINGS.classes,
+                   "qoragent.testing.Hang", *(["busy"] if busy else [])]
+        self.process = subprocess.Popen(in_root(command), stdin=subprocess.PIPE, stdout=self.log,
+                                        stderr=subprocess.STDOUT)
+        self.pid = self.process.pid
+        self.wait_for("ready\n")
+
+    def wait_for(self, word):
+        wait_until(word, lambda: word in self.output() or self.process.poll() is not None)
+        assert self.process.poll() is None, self.output()
+
+    def tell(self, *words):
+        for word in words:
+            self.process.stdin.write(word.encode() + b"\n")
+            self.process.stdin.flush()
+            if word == "hang":
+                self.wait_for("hangs\n")
+
+
+class Hung(Case):
+    def look(self, app, *options):
+        return self.answer("hung", app.pid, "--json", *options).json()
+
+    def until(self, app, verdict):
+        """Looks until that is the verdict."""
+        found = {}
+
+        def is_it():
+            found.update(self.look(app))
+            return found["verdict"] == verdict
+        wait_until(verdict, is_it)
+        return found
+
+    @staticmethod
+    def frames(texts):
+        """Frames of a text as values; "[C2 inlined]" behind them is of the reader's own knowledge."""
+        found = (jstack.FRAME.match("\tat " + re.sub(r" \[[^]]*\]$", "", text)) for text in texts)
+        return [jstack.parse_frame(frame["call"], frame["place"]) for frame in found]
+
+    def test_stacks_are_those_of_jstack(self):
+        for flags in (SERIAL, ("-XX:+UseG1GC", "-Xmx128m")):
+            with self.subTest(flags=flags), Hang(*flags) as app:
+                truth, seen = {}, {}
+
+                def same(app=app, truth=truth, seen=seen):
+                    before = run_tool("jstack", app.pid)
+                    seen.update((t["name"], t) for t in self.look(app, "--all")["threads"])
+                    truth.update((t.name, t.frames) for t in jstack.parse(before) if t.frames)
+                    truth.pop("Attach Listener", None)
+                    return all(self.frames(seen[name]["frames"]) == frames for name, frames in truth.items())
+                try:
+                    wait_until("the stacks are the same", same, 10)
+                except AssertionError:
+                    self.assertEqual({n: self.frames(seen[n]["frames"]) for n in truth}, truth)
+                self.assertGreater(sum(map(len, truth.values())), 300)
+                self.assertTrue(any("[C" in f and "inlined" in f for t in seen.values() for f in t["frames"]))
+                for name in truth:
+                    self.assertEqual((seen[name]["proof"], seen[name]["whole"]),
+                                     ("did not run while it was read", True), seen[name])
+
+    def check_culprit(self, app, method="qoragent.testing.Hang.spin"):
+        seen = self.until(app, "safepoint not reached")
+        self.assertEqual([t["name"] for t in seen["threads"]], ["runaway"], seen)
+        culprit = seen["threads"][0]
+        self.assertEqual((culprit["state"], culprit["proof"], culprit["whole"]), ("in Java", "one moment", True))
+        self.assertEqual(culprit["top"], [{"method": f"{method} [C2]", "samples": culprit["samples"]}])
+        self.assertTrue(culprit["frames"][-1].startswith("java.lang.Thread.run("), culprit)
+        return seen
+
+    def test_the_thread_that_keeps_the_jvm_from_its_safepoint(self):
+        """Named within a second, while the JVM's own tools are mute and other commands of ours wait."""
+        with Hang(*SERIAL) as app:
+            self.answer("attach", app.pid)
+            app.tell("hang", "gc")
+            waiting = [subprocess.Popen([SETTINGS.qorctl, "threads", str(app.pid), "--timeout", "8"],
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True),
+                       subprocess.Popen(in_root([f"{SETTINGS.jdk}/bin/jcmd", str(app.pid), "VM.version"]),
+                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)]
+            ours, jcmd = waiting
+            seen = self.check_culprit(app)
+            self.assertEqual(seen["safepoint"]["phase"], 1)
+            if self.jdk() > 11:
+                self.assertGreater(seen["safepoint"]["seconds"], 0)
+            times = []
+
+            def quick():
+                start = time.monotonic()
+                text = self.answer("hung", app.pid).out
+                times.append(time.monotonic() - start)
+                self.assertIn('"runaway" doesn\'t reach it', text.splitlines()[0])
+                return times[-1] < 1
+            wait_until(f"a look within a second: {times}", quick)
+            if self.jdk() > 11:
+                wait_until("list shows it", lambda: any(
+                    jvm["pid"] == app.pid and "no safepoint since" in (jvm["note"] or "")
+                    for jvm in self.answer("list", "--json").json()))
+            out, err = ours.communicate(timeout=LIMIT)
+            self.assertEqual((ours.returncode, out), (1, ""), err)
+            self.assertIn("qorctl: no answer for 5 s\nJVM", err)
+            self.assertIn('"runaway"  in Java, on CPU', err)
+            self.assertRegex(err.splitlines()[-1], r'^qorctl: JVM \d+ waits for a safepoint.*"runaway" doesn\'t reach it')
+            self.assertIsNone(jcmd.poll())
+            jcmd.kill()
+            jcmd.communicate()
+
+    def test_a_jvm_that_is_not_let_run(self):
+        with Hang(*SERIAL) as app:
+            os.kill(app.pid, signal.SIGSTOP)
+            seen = self.until(app, "stopped")
+            self.assertIn(f"kill -CONT {app.pid}", seen["sentence"])
+            self.assertEqual([j["note"] for j in self.answer("list", "--json").json() if j["pid"] == app.pid], ["stopped"])
+            os.kill(app.pid, signal.SIGCONT)
+            self.until(app, "runs")
+            for kind, state, on, off in (("freezer", "freezer.state", "FROZEN", "THAWED"),
+                                         ("unified", "cgroup.freeze", "1", "0")):
+                with self.subTest(kind=kind), self.cgroup(kind, app.pid) as group:
+                    def write(file, text, group=group):
+                        with open(f"{group}/{file}", "w", encoding="ascii") as out:
+                            out.write(text)
+                    try:
+                        write(state, on)
+                        self.until(app, "frozen")
+                        self.assertIn("is frozen with its cgroup", self.answer("hung", app.pid).out)
+                    finally:
+                        write(state, off)
+                    self.until(app, "runs")
+
+    @contextlib.contextmanager
+    def cgroup(self, kind, pid):
+        """A cgroup with the process in it, of version 1's freezer or of version 2."""
+        with tempfile.TemporaryDirectory() as place:
+            options = ["-t", "cgroup", "-o", "freezer"] if kind == "freezer" else ["-t", "cgroup2"]
+            mounted = subprocess.run(["mount", *options, "none", place], capture_output=True, check=False)
+            if mounted.returncode != 0:
+                self.skipTest(f"no cgroup of this kind can be mounted: {mounted.stderr.decode()}")
+            group = f"{place}/qor-hung-{pid}"
+            try:
+                os.mkdir(group)
+                with open(f"{group}/cgroup.procs", "w", encoding="ascii") as procs:
+                    procs.write(str(pid))
+                yield group
+            finally:
+                with open(f"{place}/cgroup.procs", "w", encoding="ascii") as procs:
+                    procs.write(str(pid))
+                wait_until("the group is empty", lambda: not self.try_remove(group))
+                subprocess.run(["umount", place], check=True)
+
+    @staticmethod
+    def try_remove(group):
+        with contextlib.suppress(OSError):
+            os.rmdir(group)
+        return os.path.exists(group)
+
+    def test_nobody_is_accused_where_nobody_hangs(self):
+        """A JVM that collects all the time, whose threads run, come and go: what is proven is whole."""
+        with Hang("-XX:+UseParallelGC", "-Xmx128m", busy=True) as app:
+            app.tell("collect")
+            still = 0
+            for _ in range(30):
+                seen = self.look(app, "--all")
+                self.assertNotEqual(seen["verdict"], "safepoint not reached", seen)
+                for thread in seen["threads"]:
+                    self.assertFalse(thread["concerned"])
+                    if thread["proof"] == "did not run while it was read":
+                        still += 1
+                        self.assertTrue(thread["whole"], thread)
+            self.assertGreater(still, 30)
+
+    def test_a_library_without_symbols(self):
+        """Nothing is known of safepoints, so there are candidates and no culprits."""
+        with tempfile.TemporaryDirectory(dir=SETTINGS.root + "/tmp") as place:
+            os.chmod(place, 0o755)
+            inside = place[len(SETTINGS.root):]
+            script = ('cp -rL "$1/." "$2/" 2>/dev/null; strip "$(find "$2" -name libjvm.so | head -n 1)"')
+            subprocess.run(in_root(["sh", "-c", script, "sh", SETTINGS.jdk, inside]), check=True)
+            with Hang(*SERIAL, jdk=inside) as app:
+                app.tell("hang", "gc")
+                seen = {}
+
+                def candidate():
+                    seen.update(self.look(app))
+                    return [t["name"] for t in seen["threads"]] == ["runaway"]
+                wait_until("the candidate", candidate)
+                self.assertEqual(seen["verdict"], "safepoint unknown")
+                self.assertIn("safepoint state unknown (no symbols)", seen["sentence"])
+                self.assertEqual(seen["threads"][0]["top"][0]["method"], "qoragent.testing.Hang.spin [C2]")
+
+    def test_who_may_look(self):
+        with Hang(*SERIAL) as app:
+            self.refused("can't be read", "hung", app.pid, user=65534)
+        self.refused("there is no process", "hung", 999999999)
+        self.refused("libjvm.so", "hung", os.getpid())
+        with Hang(*SERIAL, before=["unshare", "--pid", "--fork", "--kill-child"]) as outer:
+            children = f"/proc/{outer.pid}/task/{outer.pid}/children"
+            with open(children, encoding="ascii") as file:
+                outer.pid = int(file.read().split()[0])
+            names = {t["name"]: t for t in self.look(outer, "--all")["threads"]}
+            self.assertTrue(names["parker"]["whole"], names)
+
+    @staticmethod
+    def jdk():
+        return int(re.search(r"java-(\d+)-", SETTINGS.jdk).group(1))

@@ -1,0 +1,157 @@
+package qoragent.testing;
+
+import java.io.IOException;
+import java.util.concurrent.locks.LockSupport;
+
+/**
+ * A JVM that stops answering when it is told to: "hang" on its standard input starts a counted loop that has no
+ * safepoint poll when the compiler of the server kind has compiled it under a collector without such polls, "gc" asks
+ * for a collection in a thread "gc-asker", "collect" does so all the time. Before it has threads in known places,
+ * interpreted and compiled, and with argument "busy" some that run all the time and that come and go.
+ */
+public final class Hang {
+    private static volatile int result;
+    private static volatile boolean hangs;
+    private static final Object LOCK = new Object();
+
+    private Hang() {}
+
+    public static void main(String[] arguments) throws IOException {
+        start("sleeper-\u00e4\u4e2d", () -> deep(20, Hang::sleep));
+        start("parker", () -> deep(200, Hang::park));
+        start("holder", () -> {
+            synchronized (LOCK) {
+                start("blocked-by-lock", () -> {
+                    synchronized (LOCK) {
+                        result++;
+                    }
+                });
+                sleep();
+            }
+        });
+        for (int i = 0; i < 3; i++) {
+            start("compiled-" + i, () -> {
+                for (int k = 0; k < 30000; k++) {
+                    first(k, false);
+                }
+                first(20, true);
+            });
+        }
+        if (arguments.length > 0) {
+            start("busy", () -> {
+                for (;;) {
+                    result += fibonacci(20);
+                }
+            });
+            start("churn", Hang::churn);
+        }
+        for (int i = 0; i < 20000; i++) {
+            spin(i, 5, 50);
+        }
+        System.out.println("ready");
+        StringBuilder word = new StringBuilder();
+        for (int c = System.in.read(); c >= 0; c = System.in.read()) {
+            if (c != '\n') {
+                word.append((char) c);
+                continue;
+            }
+            obey(word.toString());
+            word.setLength(0);
+        }
+    }
+
+    private static void obey(String word) {
+        if (word.equals("hang")) {
+            start("runaway", () -> {
+                hangs = true;
+                result = spin(3, 2000000, 2147483646);
+            });
+            while (!hangs) {
+                Thread.yield();
+            }
+            System.out.println("hangs");
+        } else if (word.equals("gc")) {
+            start("gc-asker", System::gc);
+        } else if (word.equals("collect")) {
+            start("gc-asker", () -> {
+                for (;;) {
+                    System.gc();
+                }
+            });
+        }
+    }
+
+    private static int spin(int seed, int rounds, int length) {
+        int sum = seed;
+        for (int j = 0; j < rounds; j++) {
+            for (int i = 0; i < length; i++) {
+                sum = sum * 31 + (i ^ sum);
+            }
+            sum ^= j;
+        }
+        return sum;
+    }
+
+    private static int first(int k, boolean stay) {
+        return second(k + 1, stay) + 1;
+    }
+
+    private static int second(int k, boolean stay) {
+        int deeper = third(k, stay, k & 15);
+        return deeper + k;
+    }
+
+    private static int third(int k, boolean stay, int depth) {
+        if (depth > 0) {
+            return third(k ^ depth, stay, depth - 1) + 1;
+        }
+        if (stay) {
+            park();
+        }
+        return k * 31;
+    }
+
+    private static int fibonacci(int n) {
+        return n < 2 ? n : fibonacci(n - 1) + fibonacci(n - 2);
+    }
+
+    private static void churn() {
+        for (;;) {
+            Thread one = start("short-lived", () -> result += fibonacci(5));
+            try {
+                one.join();
+            } catch (InterruptedException e) {
+                return;
+            }
+        }
+    }
+
+    private static int deep(int depth, Runnable then) {
+        if (depth == 0) {
+            then.run();
+            return 0;
+        }
+        return deep(depth - 1, then) + 1;
+    }
+
+    private static void sleep() {
+        try {
+            Thread.sleep(Long.MAX_VALUE);
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+    }
+
+    private static void park() {
+        for (;;) {
+            LockSupport.park();
+        }
+    }
+
+    private static Thread start(String name, Runnable body) {
+        Thread thread = new Thread(body, name);
+        thread.setDaemon(true);
+        thread.start();
+        return thread;
+    }
+}
