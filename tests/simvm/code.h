@@ -45,8 +45,10 @@ enum class Rest { PIPE, ACCEPT, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
 struct Script {
     std::vector<Frame> frames;
     Rest rest = Rest::SLEEP;
-    Word entry = 0;          // once emitted
-    Word safepointState = 0; // of the thread, when a frame runs in a copy
+    std::string state = {};                        // to be shown; empty: as the rest has it
+    std::map<std::string, std::string> facts = {}; // what else is to be shown of it
+    Word entry = 0;                                // once emitted
+    Word safepointState = 0;                       // of the thread, when a frame runs in a copy
 };
 
 // Emits the script's code. The script stays where it is and isn't changed afterwards.

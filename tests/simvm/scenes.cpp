@@ -3,6 +3,7 @@
 #include "storm.h"
 
 #include <cstdio>
+#include <unistd.h>
 
 namespace simvm {
 
@@ -24,8 +25,9 @@ Frame Run(const std::string &holder) {
     return {F::INTERPRETED, {In(holder, "run", 21, NewObject(holder))}};
 }
 
-void Add(Scene *scene, const std::string &name, std::vector<Frame> frames, Rest rest) {
-    scene->scripts.push_back({std::move(frames), rest});
+void Add(Scene *scene, const std::string &name, std::vector<Frame> frames, Rest rest,
+         const std::string &state, std::map<std::string, std::string> facts) {
+    scene->scripts.push_back({std::move(frames), rest, state, std::move(facts)});
     EmitScript(&scene->scripts.back());
     scene->runners.push_back(Start(name, &scene->scripts.back()));
 }
@@ -110,6 +112,8 @@ void StageScene(const std::string &name, Scene *scene) {
         StageShop(scene);
     else if (name == "readers")
         StageReaders(scene);
+    else if (name == "drivers")
+        StageDrivers(scene);
     else if (name == "heap") {
         StageShop(scene);
         FillHeap(TrickyHeap(), 1);
@@ -125,6 +129,8 @@ void EndScene(Scene *scene) {
     for (Runner *runner : scene->runners)
         Leave(runner);
     scene->runners.clear();
+    for (int descriptor : scene->descriptors)
+        close(descriptor);
     if (!scene->storm)
         return;
     StormFigures figures = StopStorm();

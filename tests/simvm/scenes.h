@@ -10,11 +10,13 @@ struct Scene {
     std::deque<Script> scripts;
     std::vector<Runner *> runners;
     std::map<std::string, Object *> named; // what readers of objects are to look at
+    std::vector<int> descriptors;          // open until its end
     bool storm = false;
 };
 
 // "shop": threads in all kinds of frames and places, at rest or looping. "readers": objects of all kinds of
-// fields and elements, and frames with arguments and locals. "heap": the shop over a tricky heap (heap.h).
+// fields and elements, and frames with arguments and locals. "drivers": threads that wait for a database, on
+// sockets of all kinds. "heap": the shop over a tricky heap (heap.h).
 // "storm": as storm.h has it by default. "crowd": 200 threads of 50 frames, two of them looping. Ends the
 // process for a name it does not know.
 void StageScene(const std::string &name, Scene *scene);

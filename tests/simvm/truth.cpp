@@ -14,6 +14,8 @@ std::string Dotted(std::string name) {
 }
 
 std::string StateText(const Script &script) {
+    if (!script.state.empty())
+        return script.state;
     const std::string top = ShadowStack(script)[0].method->holder->name;
     switch (script.rest) {
     case Rest::PIPE:
@@ -130,11 +132,14 @@ std::vector<ShownFrame> ShownFrames(const Runner &runner) {
 
 std::string TruthLine(const Runner &runner) {
     const Shown shown = Truth(runner);
+    std::string facts;
+    for (auto &[name, text] : runner.script->facts)
+        facts += (facts.empty() ? "" : ", ") + Quoted(name) + ": " + Quoted(text);
     return "{\"id\": " + std::to_string(runner.info->kernelId) + ", \"name\": " + Quoted(shown.name) +
            ", \"state\": " + Quoted(shown.state) + ", \"frames\": " + Quoted(shown.frames) +
            ", \"waits\": " + Quoted(shown.waits) + ", \"locks\": " + Quoted(shown.locks) +
-           ", \"details\": " + DetailsText(ShownFrames(runner)) +
-           ", \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
+           ", \"details\": " + DetailsText(ShownFrames(runner)) + ", \"facts\": {" + facts +
+           "}, \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
 }
 
 } // namespace simvm
