@@ -1,5 +1,6 @@
 #include "ConnectionCache.h"
 
+#include "AgingList.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 
@@ -11,8 +12,7 @@ int32_t iDBInfoIndex;
 
 namespace {
 
-// The ends of the list in order of adding, oldest first.
-QorDBRequestData *ptrDbInfoLru, *ptrDbInfoMru;
+QorAgingList<QorDBRequestData> dbInfoAge;
 
 // Connections without a hash, of rules that don't know the socket, differ by their URL.
 bool IsOneUrl(const QorDBRequestData &known, const QorDBRequestData &record) {
@@ -31,22 +31,9 @@ bool IsKnown(const QorDBRequestData *record) {
 }
 
 QorDBRequestData *TakeOldest(const QorDBRequestData *added) {
-    QorDBRequestData *oldest = ptrDbInfoLru;
-    QORLOG(LOG_TRACE, "Aging out JDBC Conn ID %d for JDBC Conn ID %d", static_cast<int>(oldest->localPort),
-           static_cast<int>(added->localPort));
-    ptrDbInfoLru = oldest->next;
-    ptrDbInfoLru->prev = nullptr;
-    return oldest;
-}
-
-void LinkAsNewest(QorDBRequestData *entry) {
-    entry->prev = ptrDbInfoMru;
-    entry->next = nullptr;
-    if (ptrDbInfoMru)
-        ptrDbInfoMru->next = entry;
-    else
-        ptrDbInfoLru = entry;
-    ptrDbInfoMru = entry;
+    QORLOG(LOG_TRACE, "Aging out JDBC Conn ID %d for JDBC Conn ID %d",
+           static_cast<int>(dbInfoAge.oldest->localPort), static_cast<int>(added->localPort));
+    return QorTakeOldest(&dbInfoAge);
 }
 
 template <size_t SIZE>
@@ -86,13 +73,14 @@ int32_t QorUpdateDbConnectionInfo(const QorDBRequestData *record) {
     if (IsKnown(record))
         return 0;
     QorDBRequestData *entry = iDBInfoIndex < DB_CONNECTIONS ? &gbDB_Info[iDBInfoIndex++] : TakeOldest(record);
-    LinkAsNewest(entry);
+    QorLinkAsNewest(&dbInfoAge, entry);
     CopyFields(entry, record);
     return 0;
 }
 
 void QorDropDbConnections() {
     free(gbDB_Info);
-    gbDB_Info = ptrDbInfoLru = ptrDbInfoMru = nullptr;
+    gbDB_Info = nullptr;
+    dbInfoAge = {};
     iDBInfoIndex = 0;
 }

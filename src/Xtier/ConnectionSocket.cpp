@@ -8,6 +8,7 @@
 #include "jvmti/Session.h"
 #include "jvmti/ThreadSystem.h"
 #include "platforms/own_memory.h"
+#include "qorlog.h"
 
 #include <algorithm>
 #include <cstring>
@@ -63,20 +64,29 @@ constexpr char ENCRYPTED_SOCKET[] =
 
 // Where the native driver keeps the descriptor: pointers, each at an offset from the one before, the first of
 // them from c_state. The layout is that of one build of that driver.
-constexpr uint64_t THICK_OFFSETS[] = {
-    0,      // C connection structure
-    0x0c,   // c_svchp
-    0x44,   // c_var_9
-    0x120,  // c_var_8
-    0x1a20, // c_var_7
-    0xd4,   // c_var_6
-    0x8c,   // c_var_5
-    0,      // c_var_4
-    0x9c,   // c_var_3
-    0x104,  // c_var_2
-    0x18,   // c_var_1
+struct ThickStep {
+    uint64_t offset;
+    const char *name; // what is there, in the log
+};
+constexpr ThickStep THICK_STEPS[] = {
+    {0, "C Connection structure in db_access"},
+    {0x0c, "C structure c_svchp"},
+    {0x44, "C structure c_var_9"},
+    {0x120, "C structure c_var_8"},
+    {0x1a20, "C structure c_var_7"},
+    {0xd4, "C structure c_var_6"},
+    {0x8c, "C structure c_var_5"},
+    {0, "C structure c_var_4"},
+    {0x9c, "C structure c_var_3"},
+    {0x104, "C structure c_var_2"},
+    {0x18, "C structure c_var_1"},
 };
 constexpr uint64_t THICK_DESCRIPTOR = 0x530; // 32 bits, from the last of them
+
+bool HasNone(const char *name) {
+    QORLOG(LOG_TRACE, " %s is NULL\n", name);
+    return false;
+}
 
 bool IsMetered(jobject stream) {
     char own[NAME_SIZE] = "";
@@ -153,13 +163,19 @@ int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess) {
     int64_t state = 0;
     if (QorGetLongObjectField(dbAccess, "c_state", "J", &state) < 0 || state == 0)
         return -1;
-    auto pointer = static_cast<uint64_t>(state);
-    for (uint64_t offset : THICK_OFFSETS)
-        if (!QorReadOwnMemory(pointer + offset, &pointer, sizeof pointer) || pointer == 0)
-            return -1;
+    return QorFollowThickDriver(static_cast<uint64_t>(state), 0, fd) ? 0 : -1;
+}
+
+bool QorFollowThickDriver(uint64_t start, size_t firstStep, int64_t *fd) {
+    uint64_t pointer = start;
+    if (pointer == 0)
+        return HasNone(THICK_STEPS[0].name);
+    for (size_t i = firstStep; i < std::size(THICK_STEPS); i++)
+        if (!QorReadOwnMemory(pointer + THICK_STEPS[i].offset, &pointer, sizeof pointer) || pointer == 0)
+            return HasNone(THICK_STEPS[i].name);
     int32_t value = 0;
     if (!QorReadOwnMemory(pointer + THICK_DESCRIPTOR, &value, sizeof value) || value == 0)
-        return -1;
+        return HasNone("C structure fd");
     *fd = value;
-    return 0;
+    return true;
 }

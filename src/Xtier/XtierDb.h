@@ -6,6 +6,7 @@
 #include "CallRecords.h"
 #include "LocalList.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <jni.h>
 
@@ -29,6 +30,10 @@ int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int
 // Descriptor from the native driver's own memory, read without risk: whatever the addresses are, the worst
 // answer is -1.
 int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess);
+
+// The same from what c_state holds: its pointers from number `firstStep` on, of which 0 is read at `start`
+// itself. False, with what is missing in the log and *fd as it was. Any thread.
+bool QorFollowThickDriver(uint64_t start, size_t firstStep, int64_t *fd);
 
 // Descriptor of a java.net.Socket, by the fields of the JVM's own classes. 0, or -1 for any other object.
 int32_t QorGetFdFromSocket(jobject socket, int64_t *fd);

@@ -175,15 +175,15 @@ bool SearchTables(uint32_t port, uint32_t address, int32_t threshold) {
     return true;
 }
 
-// This host's own first address as text; empty when it isn't known. The look-up may ask a name server and
-// take seconds, so a success is kept, and a failure for a minute.
-const char *OwnAddress() {
+} // namespace
+
+const char *OwnAddress(bool mayAsk) {
     static char address[ADDRESS_TEXT_SIZE];
     static time_t askAgain; // monotonic
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     char name[HOST_NAME_MAX + 1] = "";
-    if (address[0] || now.tv_sec < askAgain || gethostname(name, sizeof name - 1) != 0)
+    if (address[0] || !mayAsk || now.tv_sec < askAgain || gethostname(name, sizeof name - 1) != 0)
         return address;
     askAgain = now.tv_sec + KEEP_FAILURE_SECONDS;
     addrinfo wanted = {};
@@ -197,6 +197,8 @@ const char *OwnAddress() {
     return address;
 }
 
+namespace {
+
 // Fills NetData. False when the reply is an error.
 bool FindSockets(uint32_t port, const char *clientHost) {
     uint32_t client = UINT32_MAX; // 0 would meet the listener's own row
@@ -204,7 +206,7 @@ bool FindSockets(uint32_t port, const char *clientHost) {
         snprintf(pagebuf, PAGEBUF_SIZE, "ERROR: DB Agent Invalid Client Host %s\n", clientHost);
         return false;
     }
-    const bool fromHere = clientHost[0] && strncmp(OwnAddress(), clientHost, ADDRESS_TEXT_SIZE) == 0;
+    const bool fromHere = clientHost[0] && strncmp(OwnAddress(true), clientHost, ADDRESS_TEXT_SIZE) == 0;
     uint32_t local = 0;
     if (fromHere && HostNametoClAddr("127.0.0.1", &local) == -1) {
         snprintf(pagebuf, PAGEBUF_SIZE, "ERROR: Could not resolve localhost\n");

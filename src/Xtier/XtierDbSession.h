@@ -53,3 +53,8 @@ bool QorParseNetRow(char *row, bool mapped, QorNetRecord *record);
 // The inode of a socket by the name of its descriptor ("socket:[NUMBER]") in an open /proc/NUMBER/fd; 0 for
 // any other. Unlike stat this never waits for a file's own system. Any thread.
 uint64_t QorSocketInode(int directory, const char *entry);
+
+// This host's own first address as text; empty when it isn't known. The look-up may ask a name server and
+// take seconds, so a success is kept, and a failure for a minute; without `mayAsk` only what is kept counts.
+// Initialisation thread, then worker.
+const char *OwnAddress(bool mayAsk);

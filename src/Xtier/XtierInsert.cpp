@@ -188,7 +188,7 @@ void AppendConnection(QorText *out, const QorDatabaseBlock &block) {
         QorTextAppendChar(out, FIELD_SEP);
     }
     QorTextAppend(out, OrPlaceholder(block.remoteHost));
-    for (int32_t number : {block.sampleTime, block.sqlRef}) {
+    for (int64_t number : {int64_t(block.sampleTime), block.sqlRef}) {
         QorTextAppendChar(out, FIELD_SEP);
         QorTextAppendNumber(out, number);
     }

@@ -22,7 +22,8 @@ struct QorDatabaseBlock {
     const char *url = "", *user = "";
     uint32_t localPort = 0, remotePort = 0;
     const char *remoteHost = "";
-    int32_t sampleTime = 0, sqlRef = 0;
+    int32_t sampleTime = 0;
+    int64_t sqlRef = 0;
     const char *sqlText = "", *typeName = "";
 };
 // Of a call that isn't known (QorIsKnownDatabase) only the numbers and the SQL text.

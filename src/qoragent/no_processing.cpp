@@ -10,9 +10,11 @@
 #include "tier_rules.h"
 
 #include "RequestHandler/memory_views.h"
+#include "Xtier/DirectConnections.h"
 #include "Xtier/LocalWalkTimes.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
+#include "qorutil/vm_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -80,10 +82,13 @@ void ReadRules(char *value) {
     QOR_REPLY("Added Idle Thread Rules");
 }
 
-// The value is an address inside the JVM, and nothing here can tell a good one from a bad one: it is never
-// followed.
-void ShowJavaString(char *) {
-    QOR_REPLY("Given Oop is Invalid on this JVM.");
+// The value is the address of a handle. Only the direct road can look whether it is one; on the other it is
+// never followed.
+void ShowJavaString(char *value) {
+    char text[VM_TEXT_SIZE];
+    const bool isRead = !QorOnJvmtiRoad() && QorCanInspect() &&
+                        QorReadHandle(strtoull(value, nullptr, 10), text, sizeof text);
+    QOR_REPLY("%s", isRead ? text : "Given Oop is Invalid on this JVM.");
 }
 
 void ReapChildren(char *) {

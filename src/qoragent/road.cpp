@@ -10,6 +10,7 @@
 #include "worker.h"
 
 #include "RequestHandler/records.h"
+#include "Xtier/XtierDbSession.h"
 #include "heaptraverse/memory_text.h"
 #include "jvmti/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
@@ -122,6 +123,7 @@ void FinishDirectRoad(int32_t resolved) {
     if (QorFindBlobTables() == 0)
         QORLOG(LOG_ERROR, "Stacks end at compiled code: libjvm's file can't be read");
     QorPrepareHolds(&QOR_HOLD_TESTS);
+    OwnAddress(true); // samples use what is known by now
     direct_ready = 1;
 }
 

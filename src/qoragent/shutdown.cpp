@@ -10,6 +10,8 @@
 #include "worker.h"
 
 #include "Xtier/ConnectionCache.h"
+#include "Xtier/ConnectionList.h"
+#include "Xtier/JdbcVersions.h"
 #include "Xtier/LocalWalk.h"
 #include "Xtier/XtierDb.h"
 #include "Xtier/thread_e2e_info.h"
@@ -63,6 +65,8 @@ void QorDropSession(JNIEnv *env) {
         trycatch_Cleanup();
     QorCloseLocalWalk();
     QorDropDbConnections();
+    QorDropConnectionList();
+    QorDropJdbcVersions();
     QorForgetDriverClasses();
     QorDovOnUnload(env);
 }
