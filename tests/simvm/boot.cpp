@@ -91,7 +91,11 @@ void Boot(const Options &options) {
     ArrangePlaces();
     FillVtables();
     *vm.statics.sizeOf = WordsOf;
-    *vm.statics.threadList = 0;
+    for (Word *none :
+         {vm.statics.threadList, vm.statics.vmThread, vm.statics.vmQueue, vm.statics.monitorBlocks,
+          vm.statics.systemLoader, vm.statics.globalHandles, vm.statics.dictionary, vm.statics.placeholders,
+          vm.statics.loaderConstraints, vm.statics.systemLoaderLock})
+        *none = 0;
     if (vm.statics.stackRegisters)
         *vm.statics.stackRegisters = 176;
     LayOutHeap();

@@ -89,11 +89,8 @@ void AddArray(HeapSpace *space, Class *type, int32_t length, int64_t bytes) {
 }
 
 void AddOddArray(HeapSpace *space, int32_t length) {
-    Class *odd = FindClass("[F");
-    if (!odd) {
-        odd = ArrayClass("[F");
-        At(odd->klass, &Klass::arrayHeaderSize) = ODD_HEADER;
-    }
+    Class *odd = ArrayClass("[F");
+    At(odd->klass, &Klass::arrayHeaderSize) = ODD_HEADER;
     AddArray(space, odd, length, (ODD_HEADER + 4 * length + 7) & ~7);
 }
 

@@ -1,5 +1,6 @@
 #include "runner.h"
 #include "heap.h"
+#include "roots.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -206,6 +207,7 @@ void MoveYoung() {
         object.space = fits ? 'F' : vm.old.letter;
     }
     RedirectAll(moved);
+    WriteRoots();
     Empty(&vm.eden);
     Empty(&vm.from);
     SwapSurvivors();

@@ -1,4 +1,5 @@
 #include "heap.h"
+#include "roots.h"
 #include "stage.h"
 #include "storm.h"
 
@@ -116,6 +117,7 @@ void StageScene(const std::string &name, Scene *scene) {
         StageDrivers(scene);
     else if (name == "heap") {
         StageShop(scene);
+        StageRoots(scene->runners.front()->info, ChainEnd::NONE);
         FillHeap(TrickyHeap(), 1);
         SetCollections({12, 3, 4'000'000, 9'000'000});
     } else if ((scene->storm = name == "storm" || name == "crowd"))
