@@ -11,7 +11,7 @@ namespace {
 constexpr uint32_t MAX_EVENTS = 256;
 constexpr size_t NAME_SIZE = 256;
 constexpr const char *CASE_TEXTS[] = {"(null sp case)", "(object move case)", "(heap dump)"};
-constexpr int32_t THRESHOLDS[] = {LOG_NOTE, LOG_ERROR, LOG_NOTE, LOG_POLL_FAILURE, LOG_NOTE};
+constexpr int32_t THRESHOLDS[] = {LOG_NOTE, LOG_ERROR, LOG_NOTE, LOG_POLL_FAILURE, LOG_NOTE, LOG_NOTE};
 
 // Two workers may write for a moment, one of them given up on: at worst a line shows parts of two events.
 struct Kept {
@@ -48,6 +48,9 @@ void Write(const Kept &event, void (*name)(uint64_t, char *, size_t)) {
     case HOLD_LAPSED:
         QORLOG(LOG_POLL_FAILURE, "Qor Agent: Inspection failed for _sp NULL case 0x%x : Timer lapsed",
                thread);
+        break;
+    case HOLD_DUMP_LAPSED:
+        QORLOG(LOG_NOTE, "Heap Dump inspection failed for 0x%x, index %d", thread, id);
         break;
     default:
         QORLOG(LOG_NOTE, "Done Inspecting thread %s, 0x%x %s", text, thread, why);

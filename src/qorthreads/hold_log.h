@@ -5,12 +5,19 @@
 #include <cstddef>
 #include <cstdint>
 
-enum QorHoldEventKind : int32_t { HOLD_BEGUN, HOLD_REFUSED, HOLD_NOT_SENT, HOLD_LAPSED, HOLD_DONE };
+enum QorHoldEventKind : int32_t {
+    HOLD_BEGUN,
+    HOLD_REFUSED,
+    HOLD_NOT_SENT,
+    HOLD_LAPSED,
+    HOLD_DONE,
+    HOLD_DUMP_LAPSED
+};
 
 struct QorHoldEvent {
     QorHoldEventKind kind;
     int32_t why; // QorHoldCase
-    int32_t id;  // the thread's kernel id
+    int32_t id;  // the thread's kernel id; of HOLD_DUMP_LAPSED its place in the dump's table
     uint64_t thread;
 };
 

@@ -1,5 +1,6 @@
 #include "qorthreads.h"
 
+#include "ask_thread.h"
 #include "hold_log.h"
 #include "sig_susp_handler.h"
 #include "task_stat.h"
@@ -97,14 +98,7 @@ bool HoldSelf() {
 
 // May it be asked? Not a number out of memory that has become somebody else's meanwhile.
 bool Holdable(uint64_t thread, int32_t id) {
-    return thread != 0 && id > 0 && id != OwnId() && id != qorWaitingCaller && tests->listed(thread, id);
-}
-
-// `id` 0: for all.
-void WaitForLeavers(int32_t id) {
-    const int64_t end = QorMonotonicNsec() + LEAVE_NSEC;
-    while (!QorSlotsLeftBy(id) && QorMonotonicNsec() < end)
-        ShortSleep();
+    return QorMayHold(id) && thread != 0 && tests->listed(thread, id);
 }
 
 } // namespace
@@ -123,26 +117,45 @@ bool QorPrepareHolds(const QorHoldTests *given) {
     return true;
 }
 
-QorHold qor_suspend_thread(uint64_t thread, int32_t id, QorHoldCase why) {
-    QorTaskStat task = {};
-    if (!tests || !Holdable(thread, id) || QorLookAtTask(id, &task) == TASK_GONE)
-        return 0;
-    WaitForLeavers(id); // its last hold may have ended a moment ago
-    const QorHold hold = Claim({id, task.start}, thread, QorMonotonicNsec() + STAY_NSEC[why]);
+bool QorMayHold(int32_t id) {
+    return tests && id > 0 && id != OwnId() && id != qorWaitingCaller;
+}
+
+bool QorIsInJavaCode(uint64_t thread, int32_t id) {
+    return tests && tests->inJava(thread, id);
+}
+
+void QorWaitForLeavers(int32_t id) {
+    const int64_t end = QorMonotonicNsec() + LEAVE_NSEC;
+    while (!QorSlotsLeftBy(id) && QorMonotonicNsec() < end)
+        ShortSleep();
+}
+
+QorHold QorAskThread(uint64_t thread, const QorThreadName &name, QorHoldCase why,
+                     bool (*still)(uint64_t thread, int32_t id)) {
+    const QorHold hold = Claim(name, thread, QorMonotonicNsec() + STAY_NSEC[why]);
     if (!hold) {
-        QorNoteHold({HOLD_REFUSED, why, id, thread});
+        QorNoteHold({HOLD_REFUSED, why, name.id, thread});
         return 0;
     }
-    if (!Holdable(thread, id)) {
+    if (!still(thread, name.id)) {
         QorSlotNotSent(hold);
         return 0;
     }
-    if (Send(hold, id) != 0) {
-        QorNoteHold({HOLD_NOT_SENT, why, id, thread});
+    if (Send(hold, name.id) != 0) {
+        QorNoteHold({HOLD_NOT_SENT, why, name.id, thread});
         return 0;
     }
-    QorNoteHold({HOLD_BEGUN, why, id, thread});
+    QorNoteHold({HOLD_BEGUN, why, name.id, thread});
     return hold;
+}
+
+QorHold qor_suspend_thread(uint64_t thread, int32_t id, QorHoldCase why) {
+    QorTaskStat task = {};
+    if (!Holdable(thread, id) || QorLookAtTask(id, &task) == TASK_GONE)
+        return 0;
+    QorWaitForLeavers(id); // its last hold may have ended a moment ago
+    return QorAskThread(thread, {id, task.start}, why, Holdable);
 }
 
 bool QorAwaitHeld(QorHold hold, QorRegisters *out) {
@@ -179,7 +192,7 @@ void qor_resume_all_threads() {
 
 void QorTendHolds() {
     if (const Turn turn; turn) {
-        WaitForLeavers(0);
+        QorWaitForLeavers(0);
         QorSweepSlots(pendingShown);
         if (QorSlotsAllFree())
             QorRestoreSuspAction();
