@@ -3,9 +3,12 @@
 #include "scopes.h"
 
 #include "platforms/findsymLinSolHPIA64.h"
+#include "qorrequest.h"
 #include "qorutil/vm_calls.h"
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -149,4 +152,20 @@ QorBlobLook QorLookAtCode(const QorCodeRanges &code, uint64_t pc, QorBlob *out) 
         return BLOB_FOUND;
     out->linkFromMap = FindLink(out->address, &out->link);
     return out->linkFromMap ? BLOB_FOUND : BLOB_LINK_LOST;
+}
+
+void QorAskAllCode(const QorCodeRanges &code) {
+    const uint64_t segments = code.high > code.low ? (code.high - code.low) >> code.segmentLog2 : 0;
+    static uint8_t steps[VM_PAGE_SIZE]; // back to a block's first segment; the worker alone asks
+    for (uint64_t first = 0; first < segments && !qorLeave; first += sizeof steps) {
+        const uint64_t count = std::min<uint64_t>(sizeof steps, segments - first);
+        if (!QorPeekFresh(code.segmentMap + first, steps, count))
+            continue;
+        for (uint64_t i = 0; i < count; i++) {
+            const uint64_t blob = steps[i] == 0 ? cb(code, code.low + ((first + i) << code.segmentLog2)) : 0;
+            uint32_t traits = 0;
+            if (blob != 0 && QorBlobTraits(blob, &traits) == BLOB_NOT_ASKED)
+                QorAskBlob(blob);
+        }
+    }
 }

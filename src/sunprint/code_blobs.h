@@ -1,6 +1,6 @@
 // The JVM's code: where it lies, and which piece of it holds an address.
 //
-// Nothing here allocates, logs or calls the JVM: a thread may be held. Worker.
+// Nothing here allocates, logs or calls the JVM, but for QorAskAllCode: a thread may be held. Worker.
 #pragma once
 
 #include <cstdint>
@@ -36,3 +36,7 @@ uint64_t cb(const QorCodeRanges &code, uint64_t pc);
 // The same with what a step over it needs. BLOB_TO_ASK: nothing is known of its kind yet; its address is in
 // `out`. BLOB_LINK_LOST: the stack map doesn't name the place of the saved fp.
 QorBlobLook QorLookAtCode(const QorCodeRanges &code, uint64_t pc, QorBlob *out);
+
+// Asks about every kind of code in the cache that nothing is known of yet. Never while a thread is held; see
+// QorAskBlob.
+void QorAskAllCode(const QorCodeRanges &code);
