@@ -144,6 +144,13 @@ void QorDumpText(QorDumpFile *file, const char *text, int64_t length) {
     }
 }
 
+void QorDumpField(QorDumpFile *file, const char *text) {
+    for (; *text; text++) {
+        const char shown = strchr("|\n\r", *text) ? ' ' : *text;
+        QorDumpText(file, &shown, 1);
+    }
+}
+
 void QorDumpPatchCount(QorDumpFile *file, int64_t offset, uint64_t count) {
     char text[DUMP_COUNT_WIDTH];
     if (count > LARGEST_COUNT) {

@@ -66,6 +66,9 @@ inline void QorDumpCommit(QorDumpFile *file, const char *end) {
 // Writes text of any length.
 void QorDumpText(QorDumpFile *file, const char *text, int64_t length);
 
+// Writes a text of the host's as a field: what would end the field or the line becomes a blank.
+void QorDumpField(QorDumpFile *file, const char *text);
+
 // Overwrites the ten digits at `offset` by `count` in hexadecimal with zeros in front, in the buffer or,
 // where they have left it, in the file.
 void QorDumpPatchCount(QorDumpFile *file, int64_t offset, uint64_t count);

@@ -98,6 +98,11 @@ const char *QorForkFailureText(QorForkState state, int32_t error) {
     }
 }
 
+void QorLogDumpEnd(QorForkState state, int32_t error, const void *) {
+    QORLOG(LOG_NOTE, "Heap dump: the copy of the process has ended: %s",
+           state == FORK_DONE ? "the file is whole" : QorForkFailureText(state, error));
+}
+
 bool QorIsPrivateMemory(uint64_t address) {
     QorMapping mapping;
     return QorFindMapping(address, &mapping) && !mapping.shared;

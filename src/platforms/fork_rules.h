@@ -16,7 +16,8 @@ enum QorForkRefusal : int32_t {
     FORK_REFUSED_BY_JVM = -4,
     FORK_REFUSED_FILE = -5,
     FORK_REFUSED_LOW_MEMORY = -8,
-    FORK_REFUSED_TASKS = -9, // the system gives this process no further ones
+    FORK_REFUSED_MOVED = -10, // the heap was being collected; another try may do better
+    FORK_REFUSED_TASKS = -9,  // the system gives this process no further ones
 };
 
 // What a reply says of a refusal, unterminated by any separator.
@@ -24,6 +25,9 @@ const char *QorForkRefusalText(int32_t refusal);
 
 // Why a copy came to no good end, for the end of a sentence.
 const char *QorForkFailureText(QorForkState state, int32_t error);
+
+// Logs the end of a dump's copy; for QorForkPlan::ended.
+void QorLogDumpEnd(QorForkState state, int32_t error, const void *result);
 
 // What a copy is made for. A dump puts a tag on each object, a histogram on arrays alone.
 enum QorForkUse : int32_t {

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <initializer_list>
 
 namespace {
 
@@ -36,15 +37,6 @@ int32_t CutWords(const char *text, char (*words)[WORD_SIZE]) {
 int32_t UseDefaultDate(char *out) {
     QorStrncpy(out, DEFAULT_DATE, HEADER_DATE_SIZE, HEADER_DATE_SIZE);
     return 0;
-}
-
-// A text of the host's, without what would end a field or the line.
-const char *AsField(const char *text, char *out, size_t size) {
-    snprintf(out, size, "%s", text);
-    for (char *p = out; *p; p++)
-        if (*p == '|' || *p == '\n' || *p == '\r')
-            *p = ' ';
-    return out;
 }
 
 // The line's second field. Under a Nimb JVM it's a date, elsewhere seconds since 1970.
@@ -90,13 +82,17 @@ int32_t QorWriteHeapDumpHeader(QorDumpFile *file) {
         return -1;
     char when[HEADER_DATE_SIZE];
     FormatTime(when);
-    char line[VENDOR_SIZE + VERSION_SIZE + JVM_ID_SIZE + HOST_NAME_SIZE + 256];
-    char host[HOST_NAME_SIZE], id[JVM_ID_SIZE], vendor[VENDOR_SIZE], version[VERSION_SIZE];
-    snprintf(line, sizeof line, "heap_id=%u|%s|%s|%s|%s|%s|1|%s|%u|%u\n", heap_id, when,
-             AsField(hostname, host, sizeof host), AsField(ext_jvm_id_str, id, sizeof id),
-             AsField(vend, vendor, sizeof vendor), AsField(vers, version, sizeof version), "System",
+    char text[128];
+    const auto write = [file, &text] { QorDumpText(file, text, static_cast<int64_t>(strlen(text))); };
+    snprintf(text, sizeof text, "heap_id=%u|%s|", heap_id, when);
+    write();
+    for (const char *field : {hostname, ext_jvm_id_str, vend, vers}) {
+        QorDumpField(file, field);
+        QorDumpText(file, "|", 1);
+    }
+    snprintf(text, sizeof text, "1|%s|%u|%u\n", "System",
              static_cast<uint32_t>(QorGetMaxMemory() >> KIB_SHIFT),
              static_cast<uint32_t>(QorGetUsedMemory() >> KIB_SHIFT));
-    QorDumpText(file, line, static_cast<int64_t>(strlen(line)));
+    write();
     return 0;
 }

@@ -37,11 +37,6 @@ bool IsWriting() {
     return fp.writing;
 }
 
-void LogEnd(QorForkState state, int32_t error, const void *) {
-    QORLOG(LOG_NOTE, "Heap dump: the copy of the process has ended: %s",
-           state == FORK_DONE ? "the file is whole" : QorForkFailureText(state, error));
-}
-
 int64_t NumberOf(const char *signature) {
     for (int64_t i = 0; i < igbTagClassCount; i++)
         if (strcmp(objTagClass[i].signature, signature) == 0)
@@ -108,7 +103,8 @@ int32_t Fork() {
 
 // With the dump begun: takes its file over, or closes it.
 int32_t ForkInWalk(const int32_t pipe[2]) {
-    const QorForkPlan plan = {fp.fd, {pipe[0], pipe[1]}, 0, WalkCanBeOver, IsWriting, FinishFile, LogEnd};
+    const QorForkPlan plan = {fp.fd,      {pipe[0], pipe[1]}, 0, WalkCanBeOver, IsWriting,
+                              FinishFile, QorLogDumpEnd};
     if (!ComposeClassRecords() || !QorPrepareFork(plan)) {
         fp.error = ENOMEM;
         QorDumpClose(&fp);
