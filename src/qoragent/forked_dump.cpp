@@ -1,6 +1,7 @@
 #include "forked_dump.h"
 
 #include "channel.h"
+#include "direct_dump.h"
 #include "dispatch.h"
 #include "fault_handler.h"
 #include "qorStrUtils.h"
@@ -48,6 +49,13 @@ void ReleaseGcLock() {
 
 enum Attempt { ANSWERED, TRY_AGAIN };
 
+Attempt AfterFailure(QorForkState state, int32_t error, int32_t made, int64_t until) {
+    if (QorForkAgain("Heap dump", made, until, state, error))
+        return TRY_AGAIN;
+    AppendFailure(state, error);
+    return ANSWERED;
+}
+
 // The `made`th copy, and the wait for what comes of it.
 Attempt ForkAndWait(int64_t until, int32_t made) {
     if (!qor_create_pipe(pipe_fd_FP)) {
@@ -55,10 +63,13 @@ Attempt ForkAndWait(int64_t until, int32_t made) {
         Append("JVM Heap: Error cannot create child pipe");
         return ANSWERED;
     }
-    const int32_t pid = QorForkHeapDump(dumpfile, pipe_fd_FP);
+    const int32_t pid =
+        QorOnJvmtiRoad() ? QorForkHeapDump(dumpfile, pipe_fd_FP) : QorForkDirectDump(dumpfile, pipe_fd_FP);
     qor_close_handle(&pipe_fd_FP[1]); // the copy's death is then the pipe's end
     ReleaseGcLock();
     fpid = pid;
+    if (pid == FORK_REFUSED_MOVED)
+        return AfterFailure(FORK_MOVED, 0, made, until);
     if (pid < 0) {
         ReplyRefused(pid);
         return ANSWERED;
@@ -72,12 +83,9 @@ Attempt ForkAndWait(int64_t until, int32_t made) {
     int32_t error = 0;
     const QorForkState state = QorForkOutcome(&error);
     QorForgetFork();
-    if (state == FORK_DONE)
-        Append("JVM Heap:Heap dump completed sucessfully");
-    else if (QorForkAgain("Heap dump", made, until, state, error))
-        return TRY_AGAIN;
-    else
-        AppendFailure(state, error);
+    if (state != FORK_DONE)
+        return AfterFailure(state, error, made, until);
+    Append("JVM Heap:Heap dump completed sucessfully");
     return ANSWERED;
 }
 
@@ -93,7 +101,8 @@ void Dump() {
 } // namespace
 
 bool QorAnswerForkedDump(const char *command) {
-    if (strncmp(command, DUMP_REQUEST, sizeof DUMP_REQUEST - 1) != 0 || !QorWantsCopy() || !QorCanInspect())
+    if (strncmp(command, DUMP_REQUEST, sizeof DUMP_REQUEST - 1) != 0 || !QorCanInspect() ||
+        (QorOnJvmtiRoad() && !QorWantsCopy()))
         return false;
     set_qor_handler();
     QorParseDumpRequest(buf);
