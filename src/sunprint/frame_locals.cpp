@@ -63,10 +63,8 @@ QorLocal LocalOf(const QorFrameLocals &frame, const QorScopeValue &value) {
         return {valid_oop(word) ? LOCAL_OBJECT : LOCAL_UNKNOWN, word};
     case TAG_INT:
         return {LOCAL_NUMBER, number};
-    case TAG_LONG:
-        return {LOCAL_NUMBER, static_cast<uint64_t>(value.second) << 32 | number};
     default:
-        return {};
+        return {LOCAL_NUMBER, static_cast<uint64_t>(value.second) << 32 | number};
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "fields.h"
 #include "frame_names.h"
+#include "object_print.h"
 
 #include "qorformat.h"
 #include "qorrequest.h"
@@ -16,12 +17,11 @@
 namespace {
 
 constexpr char TITLE_ARGUMENTS[] = "Method Arguments", TITLE_LOCALS[] = "Method Locals";
-constexpr char VIEW_OBJECT[] = "View Object", VIEW_ARRAY[] = "View Array Contents";
-constexpr char STRING_ARRAY[] = "[Ljava/lang/String;";
+constexpr char OBJECT_LABEL[] = "View Object", ARRAY_LABEL[] = "View Array Contents";
 constexpr char STRING_NAME[] = "java.lang.String", BUFFER_NAME[] = "java.lang.StringBuffer";
 
 // What opens the object.
-void AppendStart(QorText *out, uint64_t object, QorShownAs shownAs) {
+void AppendStart(QorText *out, uint64_t object, QorViewFlag shownAs) {
     char text[40];
     snprintf(text, sizeof text, "%" PRIx64 "%c%d%c", object, FIELD_SEP, shownAs, FIELD_SEP);
     QorTextAppend(out, text);
@@ -30,15 +30,9 @@ void AppendStart(QorText *out, uint64_t object, QorShownAs shownAs) {
 // The text of an argument that is one by its declared type, null otherwise.
 const char *TextOf(uint64_t object, const QorArgument *argument) {
     static char text[VM_TEXT_SIZE];
-    if (!argument)
-        return nullptr;
-    if (strcmp(argument->type, STRING_NAME) == 0)
-        return QorVmText(text, sizeof text, object);
-    if (strcmp(argument->type, BUFFER_NAME) != 0)
-        return nullptr;
-    const uint64_t chars = QorFieldOf(object, "value", "[C");
-    const auto count = static_cast<int32_t>(QorFieldOf(object, "count", "I"));
-    return chars ? oop2str(text, sizeof text, chars + ARRAY_ELEMENTS, count, 0) : nullptr;
+    const bool isText =
+        argument && (strcmp(argument->type, STRING_NAME) == 0 || strcmp(argument->type, BUFFER_NAME) == 0);
+    return isText ? QorObjectText(text, sizeof text, object) : nullptr;
 }
 
 void AppendObject(QorText *out, uint64_t object, const QorArgument *argument) {
@@ -47,16 +41,16 @@ void AppendObject(QorText *out, uint64_t object, const QorArgument *argument) {
     sym2str(name, sizeof name, QorWordAt(QorKlassOf(object) + KLASS_PART + offsets[KLASS_NAME]));
     if (*name == '[') {
         QorTypeName(name, type, sizeof type);
-        AppendStart(out, object, strcmp(name, STRING_ARRAY) == 0 ? SHOWN_STRINGS : SHOWN_ARRAY);
+        AppendStart(out, object, QorViewFlagOf(object));
         QorAppendField(out, type);
-        QorTextAppend(out, VIEW_ARRAY);
+        QorTextAppend(out, ARRAY_LABEL);
         return;
     }
     strip_slash(name);
     const char *const text = TextOf(object, argument);
-    AppendStart(out, object, SHOWN_OBJECT);
+    AppendStart(out, object, VIEW_OBJECT);
     QorAppendField(out, argument ? argument->type : name);
-    QorTextAppend(out, text ? text : VIEW_OBJECT);
+    QorTextAppend(out, text ? text : OBJECT_LABEL);
 }
 
 void AppendValue(QorText *out, const QorLocal &local, const QorArgument *argument) {

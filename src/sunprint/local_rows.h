@@ -28,6 +28,3 @@ bool QorAppendLocal(QorLocalRows *rows, const QorLocal &local, const QorArgument
 
 // Closes the last list.
 void QorEndLocals(QorLocalRows *rows);
-
-// What a row that leads to something sends back as its second field: how the address is to be shown.
-enum QorShownAs : int32_t { SHOWN_OBJECT = 0, SHOWN_CLASS = 1, SHOWN_ARRAY = -2, SHOWN_STRINGS = -8 };

@@ -2,10 +2,12 @@
 
 #include "fields.h"
 #include "frame_locals.h"
+#include "object_print.h"
 
 #include "qorformat.h"
 #include "qorlog.h"
 
+#include "heaptraverse/root_lines.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
@@ -19,10 +21,11 @@
 namespace {
 
 constexpr char TITLE_FRAME[] = "Frame", TITLE_CLASS[] = "This Class", TITLE_OBJECT[] = "This Object";
+constexpr char ROOT_NAME[] = "thread_local";
 constexpr char LOCALS_WORD[] = "Method Locals";
 constexpr char NO_LOCALS[] = "No Locals available";
 constexpr char NO_FRAME[] = "This Frame does not exist on JVM", NO_METHOD[] = "Method not found on JVM";
-constexpr char VIEW_CLASS[] = "View This Class", BAD_CLASS[] = "Invalid This Class";
+constexpr char CLASS_LABEL[] = "View This Class", BAD_CLASS[] = "Invalid This Class";
 constexpr char BAD_OBJECT[] = "Invalid Object", BAD_THIS_OBJECT[] = "Invalid This Object";
 
 // The frame that is shown; large, and the worker alone shows one.
@@ -49,7 +52,7 @@ void AppendHead(QorText *out) {
 }
 
 // What the frame runs in; an address of 0 is shown as a placeholder.
-void AppendThis(QorText *out, const char *title, uint64_t address, QorShownAs shownAs, const char *name) {
+void AppendThis(QorText *out, const char *title, uint64_t address, QorViewFlag shownAs, const char *name) {
     char start[48];
     if (address)
         snprintf(start, sizeof start, "%" PRIx64 "%c%d%c", address, FIELD_SEP, shownAs, FIELD_SEP);
@@ -59,14 +62,6 @@ void AppendThis(QorText *out, const char *title, uint64_t address, QorShownAs sh
     QorTextAppendChar(out, RECORD_END);
     QorTextAppend(out, start);
     AppendSentence(out, name);
-}
-
-// Whether the object's class is `holder` or one below it.
-bool IsOfHolder(uint64_t object, uint64_t holder) {
-    uint64_t klass = QorKlassOf(object);
-    for (int32_t i = 0; i < MAX_SUPER_KLASSES && klass && klass != holder; i++)
-        klass = QorSuperKlass(klass);
-    return klass != 0 && klass == holder;
 }
 
 // The first object of exactly that class in the frame's part of the stack.
@@ -84,23 +79,23 @@ bool ShowThis(QorText *out) {
     const bool compiled = locals.frame->kind == WALKED_COMPILED;
     if (locals.method.isStatic) {
         const bool readable = valid_klass(locals.method.holder) != 0;
-        AppendThis(out, TITLE_CLASS, readable ? locals.method.holder : 0, SHOWN_CLASS,
+        AppendThis(out, TITLE_CLASS, readable ? locals.method.holder : 0, VIEW_CLASS,
                    !readable          ? BAD_CLASS
                    : *shown.className ? shown.className
-                                      : VIEW_CLASS);
+                                      : CLASS_LABEL);
         return true;
     }
     uint64_t object = locals.receiver;
-    if (!IsOfHolder(object, locals.method.holder))
-        object = compiled ? SearchStack(locals) : 0;
+    if (compiled && !valid_oop(object))
+        object = SearchStack(locals);
     if (compiled && !object) {
         AppendSentence(out, NO_LOCALS);
         return false;
     }
     if (QorClassNameOf(object, shown.objectName))
-        AppendThis(out, TITLE_OBJECT, object, SHOWN_OBJECT, shown.objectName);
+        AppendThis(out, TITLE_OBJECT, object, VIEW_OBJECT, shown.objectName);
     else
-        AppendThis(out, TITLE_OBJECT, 0, SHOWN_OBJECT, compiled ? BAD_OBJECT : BAD_THIS_OBJECT);
+        AppendThis(out, TITLE_OBJECT, 0, VIEW_OBJECT, compiled ? BAD_OBJECT : BAD_THIS_OBJECT);
     return true;
 }
 
@@ -119,6 +114,27 @@ void ShowLocals(QorText *out) {
             break;
     }
     QorEndLocals(&rows);
+}
+
+// The roots of a dump: of a compiled frame all of its stack that can be an object, of an interpreted one the
+// slots that hold one.
+void DumpRoots(QorDumpFile *dump) {
+    QorFrameLocals &locals = shown.locals;
+    const auto write = [dump](uint64_t object) {
+        INLINE_DUMP_OOP_DETAILS(dump, object, ROOT_OF_FRAME, FRAME_LETTER, ROOT_NAME);
+    };
+    if (locals.frame->kind == WALKED_COMPILED) {
+        uint64_t word = 0;
+        for (uint64_t at = locals.frame->sp; at < locals.stackEnd; at += sizeof word)
+            if (QorStackWord(*locals.frame, at, &word) && valid_oop(word))
+                write(word);
+        return;
+    }
+    if (locals.receiver)
+        write(locals.receiver);
+    for (QorLocal local; QorNextLocal(&locals, false, &local);)
+        if (local.kind == LOCAL_OBJECT)
+            write(local.bits);
 }
 
 // What the frame is, and why it isn't shown.
@@ -143,7 +159,7 @@ const char *FindFrame() {
 
 } // namespace
 
-void PrintLocals(const QorFramePlace &frame, QorText *reply, QorDumpFile *) {
+void PrintLocals(const QorFramePlace &frame, QorText *reply, QorDumpFile *dump) {
     if (frame.kind != WALKED_COMPILED && frame.kind != WALKED_INTERPRETED)
         return;
     shown = {};
@@ -153,11 +169,13 @@ void PrintLocals(const QorFramePlace &frame, QorText *reply, QorDumpFile *) {
         AppendSentence(reply, why);
         return;
     }
-    if (!reply)
-        return;
-    AppendHead(reply);
-    if (ShowThis(reply))
-        ShowLocals(reply);
+    if (reply) {
+        AppendHead(reply);
+        if (ShowThis(reply))
+            ShowLocals(reply);
+    } else if (dump) {
+        DumpRoots(dump);
+    }
 }
 
 void QorAnswerLocals(char *const *args, QorText *reply) {

@@ -19,8 +19,8 @@ struct QorFramePlace {
 };
 
 // Appends the frame's records to `reply`: its call, the object or class that it runs in, its arguments and
-// its other locals; one sentence for a frame that isn't there any more. With `dump` each object is a root.
-// Either may be null. Nothing for a frame of no known kind.
+// its other locals; one sentence for a frame that isn't there any more. Or, where `reply` is null, writes
+// each object that the frame holds to `dump` as a root. Nothing for a frame of no known kind.
 void PrintLocals(const QorFramePlace &frame, QorText *reply, QorDumpFile *dump);
 
 // Answers a request for a frame's locals: kind, fp, pc, sp and method as a stack row has them, each null or a
