@@ -43,6 +43,9 @@ constexpr char VIEW_LOCK_HOLDER[] = "View Thread Holding this Lock";
 // In the place of the file where no line is known.
 constexpr char NO_LINE_FILE[] = "Native Method";
 
+// The answer for a client port that no connection is known of.
+constexpr char NO_CLIENT_PORT[] = "Client Port not found on JVM";
+
 enum : int32_t { TITLE_SIZE = 128, THREAD_KEY_SIZE = 64 };
 
 // The title record of a request, its RECORD_END included, into TITLE_SIZE bytes; empty when the request has

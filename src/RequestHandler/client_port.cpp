@@ -2,6 +2,7 @@
 
 #include "Xtier/ConnectionCache.h"
 #include "all_threads.h"
+#include "qorformat.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 
@@ -30,7 +31,7 @@ void QorShowDBXtierThreadInfo(uint32_t, QorText *reply, char **args) {
     const QorDBRequestData *connection = FindConnection(static_cast<uint32_t>(atoi(args[0])));
     QorTextCut(reply, 0);
     if (!connection) {
-        QorTextAppend(reply, "Client Port not found on JVM");
+        QorTextAppend(reply, NO_CLIENT_PORT);
         return;
     }
     QorTextAppend(reply, connection->threadName);

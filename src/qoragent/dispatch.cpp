@@ -113,10 +113,6 @@ constexpr Views DIRECT_VIEWS = {
         QorAnswerLocals(console_args, &reply);
     },
     [] {
-        if (reqid & QORREQ_DB_XTIER) { // no connection is read yet
-            ReplyUninitialized();
-            return;
-        }
         QorText reply;
         QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
         PrintSunThreads(reqid, &reply, console_args);

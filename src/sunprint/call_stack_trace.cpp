@@ -1,6 +1,7 @@
 #include "call_stack_trace.h"
 
 #include "qorrequest.h"
+#include "qorsettings.h"
 #include "qorutil.h"
 
 #include "qorutil/vm_heap.h"
@@ -33,6 +34,20 @@ bool IsActive(const QorThreadFacts &facts, const QorSampleRequest &request, int3
     return true;
 }
 
+// The part of a context id that threads of one request share.
+size_t SharedLength(const char *id) {
+    const char *const comma = strcmp(webserver, "QVS") == 0 ? strrchr(id, ',') : nullptr;
+    return comma ? static_cast<size_t>(comma - id) : strlen(id);
+}
+
+bool HasContextId(const QorWalkedThread &thread, const char *id) {
+    static char own[VM_TEXT_SIZE];
+    if (!valid_oop(thread.facts.object) || !QorVmText(own, sizeof own, getContextId(thread.facts.object)))
+        return false;
+    const size_t length = SharedLength(own);
+    return length == SharedLength(id) && strncmp(own, id, length) == 0;
+}
+
 bool IsKey(const QorWalkedThread &thread, const char *key) {
     return key && strcmp(thread.key, key) == 0;
 }
@@ -49,6 +64,8 @@ bool call_stack_trace(const QorWalkedThread &thread, const QorSampleRequest &req
     if ((reqid & ~CHOOSING) || (reqid & QORREQ_SERVER_SCAN) ||
         (request.everyThread && (reqid & QORREQ_SAMPLING)))
         return true;
+    if ((reqid & QORREQ_ACTIVE_THREADS) && request.args[0] && QorHasContextIds())
+        return HasContextId(thread, request.args[0]);
     const bool one = trace_single_thread_details && (reqid & QORREQ_SAMPLING);
     if ((reqid & (QORREQ_SAMPLING | QORREQ_DB_XTIER)) && !one)
         return IsActive(thread.facts, request, looks);

@@ -1,18 +1,29 @@
 #include "collect_thread.h"
 
 #include "qorformat.h"
+#include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsysinfo.h"
 #include "qorutil.h"
 
+#include "Xtier/DirectConnections.h"
+#include "Xtier/XtierInsert.h"
+
+#include <cstdlib>
 #include <cstring>
 
 namespace {
 
 constexpr uint32_t ROWS = QORREQ_MEMORY_ACTIVITY | QORREQ_THREAD_SUMMARY | QORREQ_ACTIVE_THREADS;
 constexpr char MARKER_USER[] = "user", MARKER_SYSTEM[] = "sys";
+constexpr char TITLE_CLIENT[] = "RMI Client", TITLE_CONTEXT[] = "Context ID";
+constexpr char FRAMEWORK_URL[] = "/faces";
+constexpr char NO_ROOM_FOR_BLOCK[] = "Completion Diagnostic Code 04-01";
+constexpr char NO_ROOM_FOR_CALL[] = "Completion Diagnostic Code 04-02";
+constexpr char NO_ROOM_FOR_URL[] = "Completion Diagnostic Code 04-03";
 constexpr char NO_LOCKS[] = "No Locks held by Current Thread";
 constexpr char NO_SUCH_THREAD[] = "This Thread does not exist on the JVM";
+constexpr char NO_CALL_ID[] = "RMI Call Id not found on server JVM";
 constexpr char NO_HOLDER[] = "Thread holding this lock not found.";
 constexpr char NO_HOLDER_HINT[] = "Check if the object is still locked.";
 
@@ -38,19 +49,64 @@ void AppendText(QorText *out, const QorText &text) {
     QorTextAppend(out, text.text, text.length);
 }
 
-// Name, request, key and current call; the request of a server isn't known.
+const char *OrPlaceholder(const char *text) {
+    return text[0] ? text : null_str;
+}
+
+// A framework's own address says nothing; the page that it shows does.
+const char *UrlOf(const QorThreadTiers &tiers) {
+    const bool saysNothing =
+        !tiers.url[0] || strncmp(tiers.url, FRAMEWORK_URL, sizeof FRAMEWORK_URL - 1) == 0;
+    return saysNothing && tiers.page[0] ? tiers.page : tiers.url;
+}
+
+// Call, file and line; the method that is called on another server goes with the call.
+void AppendCall(QorText *out, const QorThreadText &text) {
+    if (text.call.length == 0) {
+        const char *const fields[] = {null_str, null_str, null_str};
+        for (const char *field : fields)
+            QorAppendField(out, field);
+        return;
+    }
+    QorTextAppend(out, text.call.text, text.callEnd);
+    if (text.tiers && text.tiers->ejbMethod[0]) {
+        const char *const parts[] = {" (", text.tiers->ejbClass, "->", text.tiers->ejbMethod, ")"};
+        for (const char *part : parts)
+            QorTextAppend(out, part);
+    }
+    QorTextAppend(out, text.call.text + text.callEnd, text.call.length - text.callEnd);
+    QorTextAppendChar(out, FIELD_SEP);
+}
+
+// The state, and of a call to a database or another server what is known of it.
+void AppendState(QorText *out, const QorThreadText &text) {
+    QorTextAppend(out, tempstates[text.state]);
+    if (text.state == DIRECT_DB_WAIT && text.tiers)
+        QorTextAppend(out, text.tiers->databaseBlock);
+    else if (text.state == DIRECT_RMI_WAIT && text.tiers && text.tiers->call.host[0])
+        QorAppendRmiBlock(out, &text.tiers->call);
+}
+
+// Name, request, key, current call and state.
 void AppendHead(QorText *out, const QorWalkedThread &thread, const QorThreadText &text) {
-    const char *const fields[] = {thread.name, null_str, null_str, null_str, thread.key};
+    const char *const url = text.tiers ? UrlOf(*text.tiers) : "";
+    const char *const address = text.tiers ? text.tiers->remoteAddress : "";
+    const char *const fields[] = {thread.name, null_str, OrPlaceholder(url), OrPlaceholder(address),
+                                  thread.key};
     for (const char *field : fields)
         QorAppendField(out, field);
-    if (text.call.length == 0)
-        for (int32_t i = 0; i < 3; i++)
-            QorAppendField(out, null_str);
-    else {
-        AppendText(out, text.call);
-        QorTextAppendChar(out, FIELD_SEP);
-    }
-    QorTextAppend(out, tempstates[text.state]);
+    AppendCall(out, text);
+    AppendState(out, text);
+}
+
+// The JVM whose call the thread answers.
+void AppendClient(QorText *out, const QorThreadTiers &tiers) {
+    if (tiers.clientPort == 0 && !tiers.clientHost[0])
+        return;
+    AppendTitle(out, TITLE_CLIENT);
+    QorTextAppendNumber(out, tiers.clientPort);
+    QorTextAppendChar(out, FIELD_SEP);
+    AppendSection(out, OrPlaceholder(tiers.clientHost));
 }
 
 const char *MarkerOf(const QorThreadText &text) {
@@ -88,12 +144,18 @@ void AppendStackView(QorText *out, const QorSampleRequest &request, const QorWal
     QorTextAppend(out, title);
     AppendHead(out, thread, text);
     QorTextAppendChar(out, SECTION_END);
+    if (text.tiers)
+        AppendClient(out, *text.tiers);
     AppendTitle(out, TITLE_CALL_STACK);
     AppendText(out, text.rows);
     EndSection(out);
     AppendTitle(out, TITLE_LOCKS);
     AppendText(out, text.locks);
     EndSection(out);
+    if (!text.tiers || !text.tiers->contextId[0])
+        return;
+    AppendTitle(out, TITLE_CONTEXT);
+    AppendSection(out, text.tiers->contextId);
 }
 
 void AppendHolder(QorText *out, const QorWalkedThread &thread, const QorThreadText &text) {
@@ -111,6 +173,22 @@ void AppendRow(QorText *out, const QorWalkedThread &thread, const QorThreadText 
     QorTextAppendChar(out, RECORD_END);
 }
 
+// What was too much of a record that didn't fit.
+const char *WhatHadNoRoom(const QorThreadText &text) {
+    if (text.tiers && text.tiers->databaseBlock[0])
+        return NO_ROOM_FOR_BLOCK;
+    return text.tiers && text.tiers->url[0] ? NO_ROOM_FOR_URL : NO_ROOM_FOR_CALL;
+}
+
+// Takes back a record that didn't fit; a view of one thread says so.
+void GiveUpRecord(QorDirectSample *sample, int32_t start, const char *why) {
+    QorTextCut(sample->reply, start);
+    QORLOG(LOG_WARNING, "%s", why);
+    if (sample->request.reqid & QORREQ_THREAD_DETAILS)
+        AppendSection(sample->reply, why);
+    sample->ended = qorReplyIsCut = true;
+}
+
 // Whether the thread has anything to show.
 bool Counts(const QorDirectSample &sample, const QorThreadText &text) {
     const QorSampleRequest &request = sample.request;
@@ -119,6 +197,29 @@ bool Counts(const QorDirectSample &sample, const QorThreadText &text) {
     if (QorLeavesIdleOut(request) && !checkState(tempstates[text.state]))
         return false;
     return true;
+}
+
+// The answer is the thread that runs the call asked for.
+void CollectServedCall(QorDirectSample *sample, const QorWalkedThread &thread, const QorThreadText &text) {
+    char **const args = sample->request.args;
+    sample->shown = args[1] && text.tiers && text.tiers->servedCall == atoi(args[0]);
+    sample->ended = sample->shown;
+    if (!sample->shown)
+        return;
+    QorTextAppend(sample->reply, thread.name);
+    QorTextAppendChar(sample->reply, '|');
+    QorTextAppend(sample->reply, thread.key);
+}
+
+// Without a call it is the one that uses the connection with that port of ours.
+void CloseSearch(const QorDirectSample &sample) {
+    char **const args = sample.request.args;
+    if (sample.shown)
+        return;
+    if (args[1])
+        QorTextAppend(sample.reply, NO_CALL_ID);
+    else if (!QorThreadOfClientPort(atoi(args[0]), sample.reply))
+        QorTextAppend(sample.reply, NO_CLIENT_PORT);
 }
 
 void AppendCounts(QorText *out, const int32_t *counts) {
@@ -144,6 +245,8 @@ bool QorOpenDirectReply(QorDirectSample *sample) {
     }
     if ((reqid & QORREQ_POLL_DETAILS) && !poll_details && !trace_single_thread_details)
         reqid = QORREQ_ACTIVE_THREADS;
+    if ((reqid & QORREQ_DB_XTIER) && !sample->request.args[0])
+        return false;
     if (((reqid & QORREQ_LOCK_HOLDER) && !sample->request.args[0]) ||
         ((reqid & QORREQ_THREAD_DETAILS) && !sample->request.args[1])) {
         QorTextAppendChar(sample->reply, SECTION_END);
@@ -175,16 +278,18 @@ void QorCollectThread(QorDirectSample *sample, const QorWalkedThread &thread, co
         AppendHolder(out, thread, text);
     sample->shown = true;
     sample->ended = reqid & (QORREQ_LOCK_HOLDER | QORREQ_THREAD_DETAILS);
-    if (!out->refused)
-        return;
-    QorTextCut(out, start);
-    sample->ended = qorReplyIsCut = true;
+    if (reqid & QORREQ_DB_XTIER)
+        CollectServedCall(sample, thread, text);
+    if (out->refused)
+        GiveUpRecord(sample, start, WhatHadNoRoom(text));
 }
 
 void QorCloseDirectReply(QorDirectSample *sample) {
     const uint32_t reqid = sample->request.reqid;
     if (reqid & QORREQ_JUST_THREADS)
         AppendCounts(sample->reply, sample->counts);
+    else if (reqid & QORREQ_DB_XTIER)
+        CloseSearch(*sample);
     else if (reqid & ROWS)
         EndSection(sample->reply);
     else if ((reqid & QORREQ_THREAD_DETAILS) && !sample->shown)

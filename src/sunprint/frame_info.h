@@ -21,12 +21,13 @@ enum QorWalkedKind : int32_t {
 
 struct QorFrameInfo {
     uint64_t sp, pc, fp;
-    uint64_t locals;   // interpreted: address of local 0
-    uint64_t receiver; // the object in local 0; untested, may be anything
-    uint64_t method;   // untested likewise
-    uint64_t bcp;      // interpreted: address of the bytecode
-    uint64_t monitors; // interpreted: the monitor block's top
-    uint64_t stream;   // compiled: scope data
+    uint64_t locals;       // interpreted: address of local 0
+    uint64_t receiver;     // the object in local 0; untested, may be anything
+    uint64_t arguments[2]; // interpreted: what is in locals 1 and 2; untested likewise
+    uint64_t method;       // untested likewise
+    uint64_t bcp;          // interpreted: address of the bytecode
+    uint64_t monitors;     // interpreted: the monitor block's top
+    uint64_t stream;       // compiled: scope data
     QorWalkedKind kind;
     int32_t bci;            // compiled
     int32_t monitorsOffset; // compiled: position of the monitors in the stream, -1 for none

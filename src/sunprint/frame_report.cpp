@@ -2,6 +2,7 @@
 
 #include "frame_monitors.h"
 #include "frame_names.h"
+#include "frame_rows.h"
 #include "frame_state.h"
 
 #include "qorformat.h"
@@ -9,9 +10,6 @@
 #include "qorutil.h"
 
 #include "qorutil/vm_klass.h"
-
-#include <cstdio>
-#include <initializer_list>
 
 bool (*qorServerPortTest)(const QorWalkedThread &thread, const QorFrameInfo &frame,
                           const QorFrameNames &names);
@@ -21,73 +19,15 @@ namespace {
 // Requests that show no more than the current call.
 constexpr uint32_t CALL_ONLY =
     QORREQ_JUST_THREADS | QORREQ_MEMORY_ACTIVITY | QORREQ_THREAD_SUMMARY | QORREQ_ACTIVE_THREADS;
-constexpr int32_t FIRST_SHOWN_LINE = 4; // lower ones are the compiler's, not the source's
-constexpr int32_t DATABASE_FRAMES = 3;  // a network call may be a database's, as the third frame tells
-
-void AppendHex(QorText *out, uint64_t value) {
-    char text[24];
-    const int32_t length = snprintf(text, sizeof text, "%lx%c", value, FIELD_SEP);
-    QorTextAppend(out, text, length);
-}
-
-// Call, file, line; no separator at the end.
-void AppendFrameGroup(QorText *out, const QorFrameNames &names) {
-    QorTextAppend(out, names.className);
-    QorTextAppend(out, "->", 2);
-    QorAppendField(out, names.method);
-    QorAppendField(out, names.native ? NO_LINE_FILE : names.file[0] ? names.file : null_str);
-    if (names.line < FIRST_SHOWN_LINE)
-        QorTextAppend(out, null_str);
-    else
-        QorTextAppendNumber(out, names.line);
-}
-
-void AppendPlace(QorText *out, const QorFrameInfo &frame) {
-    QorTextAppendNumber(out, frame.kind);
-    QorTextAppendChar(out, FIELD_SEP);
-    for (const uint64_t value : {frame.fp, frame.pc, frame.sp})
-        AppendHex(out, value);
-}
-
-// A row of a poll: RECORD_END call file line kind fp pc sp method.
-void AppendPollRow(QorText *out, const QorFrameInfo &frame, const QorFrameNames &names) {
-    char method[24];
-    snprintf(method, sizeof method, "%lx", frame.method);
-    QorTextAppendChar(out, RECORD_END);
-    AppendFrameGroup(out, names);
-    QorTextAppendChar(out, FIELD_SEP);
-    AppendPlace(out, frame);
-    QorTextAppend(out, method);
-}
-
-// A row of one thread's view: marker kind fp pc sp method call file line RECORD_END.
-void AppendStackRow(QorText *out, const QorFrameInfo &frame, const QorFrameNames &names, bool system) {
-    QorAppendField(out, system ? "sys" : "user");
-    AppendPlace(out, frame);
-    AppendHex(out, frame.method);
-    AppendFrameGroup(out, names);
-    QorTextAppendChar(out, RECORD_END);
-}
-
-// Rows behind a hole would pass for the next ones, so the first that has no room is the last.
-void AppendRow(const QorSampleRequest &request, QorText *out, const QorFrameInfo &frame,
-               const QorFrameNames &names, bool system) {
-    const int32_t start = out->length;
-    if (!(request.reqid & (QORREQ_POLL_DETAILS | QORREQ_THREAD_DETAILS)) || out->refused)
-        return;
-    if (request.reqid & QORREQ_POLL_DETAILS)
-        AppendPollRow(out, frame, names);
-    else
-        AppendStackRow(out, frame, names, system);
-    if (!out->refused)
-        return;
-    QorTextCut(out, start);
-    out->refused = qorReplyIsCut = true;
-}
+constexpr int32_t DATABASE_FRAMES = 3;    // a network call may be a database's, as the third frame tells
+constexpr int32_t CONNECTION_FRAMES = 40; // in which the connection is looked for
+// Requests that show what the frames say of other tiers.
+constexpr uint32_t WITH_TIERS = QORREQ_MEMORY_ACTIVITY | QORREQ_THREAD_SUMMARY | QORREQ_THREAD_DETAILS |
+                                QORREQ_DB_XTIER | QORREQ_SAMPLING;
 
 void SetCall(QorThreadText *out, const QorFrameNames &names, bool system) {
     QorTextCut(&out->call, 0);
-    AppendFrameGroup(&out->call, names);
+    out->callEnd = QorAppendCall(&out->call, names);
     out->userCall = !system;
 }
 
@@ -97,9 +37,44 @@ void NoteCall(QorThreadText *out, const QorFrameNames &names, bool system) {
         SetCall(out, names, system);
 }
 
+// What a framework works on is shown as the application's call, and as a row of its own above the frame's.
+void ReportFramework(const QorSampleRequest &request, QorThreadTiers *tiers, QorThreadText *out) {
+    tiers->lineAt = QorAppendFrameworkRow(request, &out->rows, *tiers);
+    if (out->userCall || (request.reqid & QORREQ_LOCK_HOLDER))
+        return;
+    QorTextCut(&out->call, 0);
+    out->callEnd = QorAppendFrameworkCall(&out->call, *tiers);
+    out->userCall = true;
+}
+
+void ReportTiers(const QorWalkedThread &thread, const QorSampleRequest &request, const QorFrameInfo &frame,
+                 const QorFrameNames &names, QorThreadTiers *tiers, QorThreadText *out) {
+    if (QorWaitsForRemoteCall(names))
+        out->state = DIRECT_RMI_WAIT;
+    if (!(request.reqid & WITH_TIERS))
+        return;
+    const bool database = out->state == DIRECT_DB_WAIT || (request.reqid & QORREQ_DB_XTIER);
+    const bool hadLine = tiers->line != 0;
+    if (QorReadTiers({thread.name, thread.key, &frame, &names, out->printed, database}, tiers))
+        ReportFramework(request, tiers, out);
+    if (tiers->line != 0 && !hadLine)
+        QorPutLine(&out->rows, tiers->lineAt, tiers->line);
+}
+
+// Whether frames further out may add something.
+bool GoesOn(const QorSampleRequest &request, const QorThreadText &out) {
+    if (!(request.reqid & CALL_ONLY) || !out.userCall)
+        return true;
+    if (out.state == DIRECT_NETWORK_WAIT)
+        return out.printed < DATABASE_FRAMES;
+    return (request.reqid & WITH_TIERS) && out.state == DIRECT_DB_WAIT && !out.tiers->databaseBlock[0] &&
+           out.printed < CONNECTION_FRAMES;
+}
+
 // One frame. REPORT_DROPPED ends the thread; false in *more ends its frames.
 QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &request,
-                      const QorFrameInfo &frame, const QorFrameNames &names, QorThreadText *out, bool *more) {
+                      const QorFrameInfo &frame, const QorFrameNames &names, QorThreadTiers *tiers,
+                      QorThreadText *out, bool *more) {
     if (request.reqid & QORREQ_SERVER_SCAN)
         return qorServerPortTest && qorServerPortTest(thread, frame, names) ? REPORT_PORT_FOUND : REPORT_DONE;
     const bool first = out->printed == 0;
@@ -108,6 +83,7 @@ QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &req
     if (!QorReportMonitors(thread, request, frame, names, first, out))
         return REPORT_DROPPED;
     out->state = QorRefineState(out->state, out->printed, names.className, names.method);
+    ReportTiers(thread, request, frame, names, tiers, out);
     if (QorLeavesIdleOut(request) && !checkPreActive(out->state))
         return REPORT_DROPPED;
     if (out->holds && !held)
@@ -116,10 +92,9 @@ QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &req
         NoteCall(out, names, system);
     if ((request.reqid & QORREQ_JUST_THREADS) && !system && checkCurrCall(names.className, names.method) == 0)
         out->state = DIRECT_OBJECT_WAIT;
-    AppendRow(request, &out->rows, frame, names, system);
+    QorAppendFrameRow(request, &out->rows, frame, names, system);
     out->printed++;
-    const bool mayBeDatabase = out->state == DIRECT_NETWORK_WAIT && out->printed < DATABASE_FRAMES;
-    *more = !(request.reqid & CALL_ONLY) || !out->userCall || mayBeDatabase;
+    *more = GoesOn(request, *out);
     return REPORT_DONE;
 }
 
@@ -134,6 +109,10 @@ QorReport QorReportFrames(const QorWalkedThread &thread, const QorSampleRequest 
     const bool caller = thread.facts.address == gbCallerJavaThread && thread.facts.id == gbCallerKernelId;
     out->state = caller ? DIRECT_OBJECT_WAIT : thread.facts.state;
     static QorFrameNames names; // 3 KB; the worker alone reports
+    QorThreadTiers *const tiers = QorClearTiers();
+    out->tiers = tiers;
+    if ((request.reqid & QORREQ_THREAD_DETAILS) && QorHasContextIds())
+        QorVmText(tiers->contextId, sizeof tiers->contextId, getContextId(thread.facts.object));
     bool more = true;
     for (int32_t i = 0; i < thread.frames && more; i++) {
         const QorNaming naming = QorNameFrame(frame_info[i], &names);
@@ -141,11 +120,13 @@ QorReport QorReportFrames(const QorWalkedThread &thread, const QorSampleRequest 
             return REPORT_UNREADABLE;
         if (naming == FRAME_NAMELESS)
             continue;
-        const QorReport report = ReportFrame(thread, request, frame_info[i], names, out, &more);
+        const QorReport report = ReportFrame(thread, request, frame_info[i], names, tiers, out, &more);
         if (report != REPORT_DONE)
             return report;
     }
     if (out->printed == 0)
         out->state = QorStateWithoutFrames(out->state, thread.name);
+    if (out->state == DIRECT_DB_WAIT && (request.reqid & WITH_TIERS))
+        QorUseKnownConnection(thread.name, thread.key, tiers);
     return REPORT_DONE;
 }

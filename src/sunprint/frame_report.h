@@ -5,6 +5,7 @@
 #pragma once
 
 #include "frame_names.h"
+#include "frame_tiers.h"
 #include "walk_thread.h"
 
 #include "qortext.h"
@@ -40,10 +41,12 @@ struct QorThreadText {
     bool userCall; // the current call is the application's
     bool holds;    // it holds the lock asked for
     int32_t printed;
-    QorText call;  // frame group of the current call, no separator at the end; empty without frames
-    QorText rows;  // stack rows, as the request has them
-    QorText waits; // the lock waited for, title included
-    QorText locks; // those held, each closed by RECORD_END
+    QorText call;    // frame group of the current call, no separator at the end; empty without frames
+    int32_t callEnd; // where `call` goes on with the file
+    const QorThreadTiers *tiers; // of this thread, until the next is read; null when frames don't count
+    QorText rows;                // stack rows, as the request has them
+    QorText waits;               // the lock waited for, title included
+    QorText locks;               // those held, each closed by RECORD_END
 };
 
 // Fills `out`, whose texts are empty. What finds no room is left out and noted in qorReplyIsCut.

@@ -22,6 +22,7 @@ constexpr StateRow ROWS[] = {
     {0, DIRECT_RUNNABLE, "sun.nio.", "", DIRECT_IO_WAIT},
     {0, DIRECT_RUNNABLE, "java.net.", "socketAccept", DIRECT_OBJECT_WAIT},
     {0, DIRECT_RUNNABLE, "java.net.", "", DIRECT_NETWORK_WAIT},
+    {0, DIRECT_RUNNABLE, "tessar.jdbc.zdi8.ZDIDBAccess", "", DIRECT_DB_WAIT},
     {2, DIRECT_RUNNABLE, "tessar.net.", "", DIRECT_DB_WAIT},
     {2, DIRECT_NETWORK_WAIT, "tessar.net.", "", DIRECT_DB_WAIT},
     {2, DIRECT_RUNNABLE, "ferrule.jdbc.", "", DIRECT_DB_WAIT},

@@ -100,6 +100,11 @@ Reading ReadOnce(const QorDirectSample &sample, Attempts *attempts, QorThreadTex
     case WALKED_NONE:
     case WALKED_UNDONE:
         return LEFT_UNDONE;
+    case WALKED_LOST:
+        if (sample.request.reqid & QORREQ_SAMPLING)
+            return LEFT_UNDONE;
+        KeepStateAlone(walked.facts, text);
+        return READ;
     case WALK_FAILED:
         return AfterFault(attempts);
     case WALK_NOT_HELD:

@@ -16,7 +16,7 @@ enum QorValueTag : int32_t { TAG_LOCATION, TAG_INT, TAG_OOP, TAG_LONG, TAG_DOUBL
 struct QorScopeValue {
     QorValueTag tag;
     uint64_t place; // of TAG_LOCATION: its address on the stack; 0 when it is in a register or nowhere
-    int32_t first;  // the number, the lower half of a long or a double, the object's index in the code's table
+    int32_t first; // the number, the lower half of a long or a double, the object's index in the code's table
     int32_t second; // the upper half
 };
 

@@ -202,7 +202,12 @@ QorWalkEnd RecordInterpreted(QorStackWalk *walk) {
         return WALK_FAULT;
     if (!frame->method)
         return Count(walk);
-    frame->receiver = QorWordAt(frame->locals);
+    uint64_t slots[3]; // they go downwards
+    if (QorPeek(frame->locals - sizeof slots + VM_WORD_SIZE, slots, sizeof slots)) {
+        frame->receiver = slots[2];
+        frame->arguments[0] = slots[1];
+        frame->arguments[1] = slots[0];
+    }
     if (walk->monitors)
         ReadMonitors(fp - offsets[FRAME_MONITORS_TOP], frame);
     return Keep(walk);

@@ -100,5 +100,5 @@ QorWalkResult QorWalkThread(QorWalkedThread *thread, bool hold, bool monitors) {
         QorAskBlob(walk.blob);
     stack_trace_error = end == WALK_TOO_DEEP;
     thread->frames = walk.records;
-    return ResultOf(end);
+    return walk.linkLost ? WALKED_LOST : ResultOf(end);
 }

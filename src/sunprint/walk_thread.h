@@ -18,6 +18,7 @@ struct QorWalkedThread {
 enum QorWalkResult : int32_t {
     WALKED,        // as far as the stack is Java's
     WALKED_NONE,   // 1: there is nothing to show
+    WALKED_LOST,   // 1 likewise, for want of a saved fp's place: what is known of the thread stays true
     WALKED_UNDONE, // 2: a frame lacks what it needs
     WALK_FAILED,   // memory couldn't be read, or the thread went on meanwhile; once more with `hold`
     WALK_NOT_HELD, // it didn't stop, and has left no anchor; once more
