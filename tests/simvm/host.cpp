@@ -3,7 +3,8 @@
 //
 // usage: simvm_host [--scene NAME] [--version 1.5.0_22] [--client] [--collector serial|parallel|cms] [--log
 // LEVEL]
-//                   [--agent LIBQORAGENT] [--libjvm LIBJVM] [--moved] [--truth] [--ask TEXT]...
+//                   [--server WORD] [--agent LIBQORAGENT] [--libjvm LIBJVM] [--moved] [--truth] [--ask
+//                   TEXT]...
 // With --truth it prints what there is to show of each thread (and of the scene's heap), with --ask it prints
 // the replies and ends, else it relays until SHUTDOWN. Its status is that of the start.
 #include "heap.h"
@@ -37,7 +38,7 @@ using DataFromNative = jstring (*)(JNIEnv *, jobject, jstring);
 
 struct HostOptions {
     Options vm;
-    std::string scene = "shop", agent = SIMVM_AGENT;
+    std::string scene = "shop", server, agent = SIMVM_AGENT;
     bool client = false, truth = false;
     int log = 1;
     std::vector<std::string> asks;
@@ -68,6 +69,8 @@ HostOptions ReadOptions(int count, char **words) {
         std::string value = words[i];
         if (word == "--scene")
             options.scene = value;
+        else if (word == "--server")
+            options.server = value;
         else if (word == "--version")
             options.vm.version = value;
         else if (word == "--agent")
@@ -124,7 +127,8 @@ int StartAgent(const Agent &agent, ThreadInfo *thread, const HostOptions &option
     SampleObjects samples = NewSampleObjects(thread);
     return agent.initvar(agent.env, nullptr, options.log, LEVEL, BACKOFF, TIMEOUT, NO_CHAINING,
                          NewText("Sun Microsystems Inc."), NewText(options.vm.version), NewText("Linux"),
-                         samples.instance, samples.reference, samples.objects, samples.ints, nullptr, nullptr,
+                         samples.instance, samples.reference, samples.objects, samples.ints,
+                         options.server.empty() ? nullptr : NewText(options.server), nullptr,
                          NewText("stderr"), NewText("simvm"), LOCK_INFO, QUERIES, SQL, QUOTA, QUERIED,
                          RECORDED);
 }

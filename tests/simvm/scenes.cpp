@@ -115,6 +115,8 @@ void StageScene(const std::string &name, Scene *scene) {
         StageReaders(scene);
     else if (name == "drivers")
         StageDrivers(scene);
+    else if (name == "tiers")
+        StageTiers(scene);
     else if (name == "heap") {
         StageShop(scene);
         StageRoots(scene->runners.front()->info, ChainEnd::NONE);

@@ -16,9 +16,9 @@ struct Scene {
 
 // "shop": threads in all kinds of frames and places, at rest or looping. "readers": objects of all kinds of
 // fields and elements, and frames with arguments and locals. "drivers": threads that wait for a database, on
-// sockets of all kinds. "heap": the shop over a tricky heap (heap.h).
-// "storm": as storm.h has it by default. "crowd": 200 threads of 50 frames, two of them looping. Ends the
-// process for a name it does not know.
+// sockets of all kinds. "tiers": web requests, remote calls and a framework's objects, for each server.
+// "heap": the shop over a tricky heap (heap.h). "storm": as storm.h has it by default. "crowd": 200 threads
+// of 50 frames, two of them looping. Ends the process for a name it does not know.
 void StageScene(const std::string &name, Scene *scene);
 // Ends it; of the storm and the crowd it prints the figures.
 void EndScene(Scene *scene);

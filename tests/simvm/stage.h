@@ -33,5 +33,6 @@ constexpr int NATIVE_STEPS = 11;
 
 void StageReaders(Scene *scene);
 void StageDrivers(Scene *scene);
+void StageTiers(Scene *scene);
 
 } // namespace simvm
