@@ -1,8 +1,10 @@
 // Objects of the simulated VM as the agent reads and shows them, compared with what they were made of.
 #include "agent.h"
+#include "objects.h"
 
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
+#include "sunprint/fields.h"
 #include "sunprint/object_map.h"
 
 #include <gtest/gtest.h>
@@ -13,24 +15,43 @@ using namespace simvm;
 
 namespace {
 
-// On the main thread, with the agent started.
-void WithAgent(Collector collector, const std::function<void()> &body) {
+// On the main thread of the scene, with the agent started.
+void WithAgent(int collector, const std::function<void(Scene &)> &body) {
     Options options;
     options.library = SIMVM_FOLDER "/server/libjvm.so";
-    options.collector = collector;
+    options.collector = Collector(collector);
+    options.wide = collector == 1;
     Boot(options);
+    Scene scene;
+    StageScene("readers", &scene);
     Script main = MainScript();
     EmitScript(&main);
     RunHere("main", &main, [&] {
         ASSERT_EQ(StartAgent(), 0);
-        body();
+        body(scene);
         Ask("SHUTDOWN");
     });
+    EndScene(&scene);
 }
 
 void Refresh() {
     QorForgetPages();
     QorNoteSpaces();
+}
+
+// What of a text is shown: the first 1,023 characters, as UTF-8, those below 32 as blanks. "" for a range
+// that isn't in its array.
+std::string TextShown(const Object *text) {
+    std::string shown;
+    const bool part = text->type->name == "java/lang/String";
+    if (part && (Get(text, "count").number < 0 || Get(text, "offset").number > 4096))
+        return "";
+    for (char16_t c : CharsOf(text).substr(0, 1023))
+        if (c < 0x80)
+            shown += c < 32 ? ' ' : char(c);
+        else
+            (shown += char(0xc0 | c >> 6)) += char(0x80 | (c & 0x3f));
+    return shown;
 }
 
 std::string Dotted(std::string name) {
@@ -63,20 +84,16 @@ std::string Joined(std::vector<std::string> fields) {
     return row + "\x1e";
 }
 
-std::string TextOfChars(const Object *chars) {
-    std::string text;
-    for (const Value &value : chars->values)
-        text += char(value.number);
-    return text;
-}
-
-// Whole numbers are all that the tests' reals are.
 std::string ValueText(char code, const Value &value) {
+    char text[64];
     if (code == 'Z')
         return value.number ? "True" : "False";
-    if (code == 'C')
+    if (code == 'C' && value.number < 128 && isalnum(int(value.number)))
         return {char(value.number)};
-    return std::to_string(value.number) + (code == 'F' || code == 'D' ? ".000000" : "");
+    if (code != 'F' && code != 'D')
+        return std::to_string(value.number);
+    snprintf(text, sizeof text, "%f", value.real);
+    return text;
 }
 
 std::string ReferenceRow(const Object *to, const std::string &type, const std::string &name) {
@@ -95,21 +112,24 @@ std::string FieldRow(const std::string &signature, const std::string &type, cons
                      const Value &value) {
     const bool reference = signature[0] == 'L' || signature[0] == '[';
     std::string text = reference ? "Null Oop" : ValueText(signature[0], value);
-    if (value.object && signature == "[C")
-        text = TextOfChars(value.object);
-    else if (value.object && (signature == "Ljava/lang/String;" || signature == "Ljava/lang/StringBuffer;"))
-        text = TextOfChars(Get(value.object, "value").object).substr(0, Get(value.object, "count").number);
+    if (value.object &&
+        (signature == "[C" || signature == "Ljava/lang/String;" || signature == "Ljava/lang/StringBuffer;"))
+        text = TextShown(value.object);
     else if (value.object)
         return ReferenceRow(value.object, type, name);
     return Joined({"^", "^", type, name, text});
 }
 
+// The fields that the class itself declares; without an object the statics.
 std::string FieldRows(const Class *type, const Object *object) {
     std::string rows;
-    for (const Field &field : type->fields)
+    const std::vector<const Field *> all = object ? FieldsOf(object->type) : std::vector<const Field *>();
+    for (const Field &field : type->fields) {
+        const size_t at = std::find(all.begin(), all.end(), &field) - all.begin();
         if (field.isStatic || object)
             rows += FieldRow(field.signature, (field.isStatic ? "static " : "") + TypeText(field.signature),
-                             field.name, field.isStatic ? field.value : Get(object, field.name));
+                             field.name, field.isStatic ? field.value : object->values[at]);
+    }
     return (rows.empty() ? "No Fields exist" : "Object Description\x1e" + rows) + "\x1f";
 }
 
@@ -123,15 +143,14 @@ std::string ClassView(const Class *type, const Object *object) {
 std::string ElementRows(const Object *array) {
     const std::string signature = array->type->name.substr(1);
     if (signature == "C")
-        return Joined({"^", "^", TypeText("[C"), "^", TextOfChars(array)}) + "\x1f";
+        return Joined({"^", "^", TypeText("[C"), "^", TextShown(array)}) + "\x1f";
     std::string rows;
     for (size_t i = 0; i < array->values.size(); i++) {
         const Value &value = array->values[i];
         const std::string at = "[" + std::to_string(i) + "]";
         if (signature == "Ljava/lang/String;")
-            rows += !value.object ? ""
-                                  : "String Array Element" + at + " : " +
-                                        TextOfChars(Get(value.object, "value").object) + "\x1f";
+            rows +=
+                !value.object ? "" : "String Array Element" + at + " : " + TextShown(value.object) + "\x1f";
         else if (signature[0] != 'L' && signature[0] != '[')
             rows += FieldRow(signature, TypeText(signature), "Array Element " + at, value);
         else if (value.object)
@@ -191,167 +210,90 @@ size_t ExpectViews(const Object *start) {
     return seen.size();
 }
 
-Object *NewEntry(Object *key, Object *value, Object *next) {
-    Object *entry = NewObject("java/util/Hashtable$Entry");
-    Set(entry, "key", key);
-    Set(entry, "value", value);
-    Set(entry, "next", next);
-    return entry;
-}
-
-Object *NewShelf(int64_t count) {
-    Object *shelf = NewObject("shop/Shelf");
-    Set(shelf, "count", count);
-    return shelf;
-}
-
-struct Shop {
-    Object *shop, *shelf[2], *first, *last; // entries "red" and "blue" of one chain
-};
-
-Shop NewShop() {
-    DefineClass("java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "
-                "next,Ljava/util/Hashtable$Entry;");
-    DefineClass("java/util/Hashtable table,[Ljava/util/Hashtable$Entry; count,I");
-    DefineClass("java/lang/AbstractStringBuilder value,[C count,I");
-    DefineClass("java/lang/StringBuffer < java/lang/AbstractStringBuilder");
-    DefineClass("shop/Shelf count,I");
-    DefineClass("shop/Building *total,I floors,B *owner,Ljava/lang/Object; gap,J");
-    DefineClass("shop/Shop < shop/Building z,Z b,B c,C s,S i,I after,I j,J f,F d,D name,Ljava/lang/String; "
-                "sign,Ljava/lang/StringBuffer; chars,[C none,Ljava/lang/Object; any,Ljava/lang/Object; "
-                "*rate,D *names,[Ljava/lang/String; numbers,[I shelves,[Ljava/lang/Object; "
-                "grid,[[Ljava/lang/String; table,Ljava/util/Hashtable;");
-    Object *shop = NewObject("shop/Shop");
-    const std::pair<const char *, Value> NUMBERS[] = {{"z", true},
-                                                      {"b", -3},
-                                                      {"c", 'x'},
-                                                      {"s", -300},
-                                                      {"i", -70000},
-                                                      {"after", -1},
-                                                      {"j", int64_t(1) << 40},
-                                                      {"f", 5.0},
-                                                      {"d", -6.0},
-                                                      {"floors", 3},
-                                                      {"gap", -1}};
-    for (const auto &[name, value] : NUMBERS)
-        Set(shop, name, value);
-    Set(shop, "name", NewString("Corner"));
-    Object *sign = NewObject("java/lang/StringBuffer");
-    Set(sign, "value", NewChars("open or shut"));
-    Set(sign, "count", 4);
-    Set(shop, "sign", sign);
-    Set(shop, "chars", NewChars("letters"));
-    Object *numbers = NewArray("[I", 3), *names = NewArray("[Ljava/lang/String;", 3),
-           *grid = NewArray("[[Ljava/lang/String;", 2);
-    for (int i = 0; i < 3; i++)
-        SetElement(numbers, i, i - 1);
-    SetElement(names, 1, NewString("Ann"));
-    SetElement(grid, 0, names);
-    SetElement(grid, 1, NewArray("[Ljava/lang/String;", 0));
-    Shop made = {shop, {NewShelf(7), NewShelf(-8)}, nullptr, nullptr};
-    Object *shelves = NewArray("[Ljava/lang/Object;", 4);
-    SetElement(shelves, 1, made.shelf[0]);
-    SetElement(shelves, 2, numbers);
-    SetElement(shelves, 3, NewChars("c"));
-    Object *table = NewObject("java/util/Hashtable"), *entries = NewArray("[Ljava/util/Hashtable$Entry;", 3);
-    made.last = NewEntry(NewString("blue"), made.shelf[1], nullptr);
-    made.first = NewEntry(NewString("red"), made.shelf[0], made.last);
-    SetElement(entries, 1, made.first);
-    Set(table, "table", entries);
-    const std::pair<const char *, Object *> OBJECTS[] = {
-        {"numbers", numbers}, {"grid", grid}, {"any", made.shelf[1]}, {"shelves", shelves}, {"table", table}};
-    for (const auto &[name, object] : OBJECTS)
-        Set(shop, name, object);
-    SetStatic(FindClass("shop/Shop"), "rate", 2.0);
-    SetStatic(FindClass("shop/Shop"), "names", names);
-    SetStatic(FindClass("shop/Building"), "total", 11);
-    SetStatic(FindClass("shop/Building"), "owner", made.shelf[0]);
-    return made;
-}
-
 class DirectObjects : public testing::TestWithParam<int> {};
 
 } // namespace
 
 TEST_P(DirectObjects, AreShownAndClickedFieldByField) {
-    WithAgent(Collector(GetParam()), [] {
-        const Shop made = NewShop();
-        EXPECT_EQ(ExpectViews(made.shop), 15u);
-        Collect();
-        EXPECT_EQ(ExpectViews(made.shop), 15u);
-        const Class *type = FindClass("shop/Shop");
-        EXPECT_EQ(AskFor(Hex(type->klass), "1"), ClassView(type, nullptr));
+    WithAgent(GetParam(), [](Scene &scene) {
+        for (int turn = 0; turn < 2; turn++, Collect())
+            for (const auto &[name, object] : scene.named)
+                EXPECT_GE(ExpectViews(object), 1u) << name;
+        EXPECT_EQ(ExpectViews(scene.named["all"]), 21u);
+        const Object *all = scene.named["all"];
+        EXPECT_EQ(AskFor(Hex(all->klass), "1"), ClassView(all->type, nullptr));
         std::string midst;
-        Collect([&] { midst = AskFor(Hex(made.shop->address), "0"); });
+        Collect([&] { midst = AskFor(Hex(all->address), "0"); });
         EXPECT_EQ(midst, "Unable to complete Request GC running\x1f");
     });
 }
 
 TEST_P(DirectObjects, MayHaveAnyAddress) {
-    WithAgent(Collector(GetParam()), [] {
-        const Shop made = NewShop();
+    WithAgent(GetParam(), [](Scene &scene) {
+        const Object *all = scene.named["all"];
         EXPECT_EQ(AskFor("0", "0"), "Null Oop\x1f");
         EXPECT_EQ(AskFor("0", "-2"), "This Array Object is NULL\x1f");
-        for (Word address :
-             {Word(1), made.shop->address + 8, made.shop->address + 4, ~Word(7), Word(7) << 60, vm.heap})
+        for (Word address : {Word(1), all->address + 8, all->address + 4, ~Word(7), Word(7) << 60, vm.heap})
             for (const char *flag : {"0", "1", "-2"})
                 EXPECT_EQ(AskFor(Hex(address), flag), "Invalid Object\x1f") << address;
-        EXPECT_EQ(AskFor(Hex(made.shop->address), "1"), "Invalid Object\x1f"); // no class
-        EXPECT_NE(AskFor(Hex(Intern("shop/Shop")), "0").find("No Information available for this Object\x1f"),
-                  std::string::npos);
+        EXPECT_EQ(AskFor(Hex(all->address), "1"), "Invalid Object\x1f"); // no class
+        EXPECT_NE(
+            AskFor(Hex(Intern("readers/All")), "0").find("No Information available for this Object\x1f"),
+            std::string::npos);
     });
 }
 
 TEST(DirectPaths, LeadThroughFieldsArraysAndTables) {
-    WithAgent(Collector::SERIAL, [] {
-        const Shop made = NewShop();
-        for (Object *entry : {made.first, made.last})
-            Set(Get(entry, "key").object, "hash", entry == made.first ? 112785 : -5);
-        const std::string BUCKETS = "table,Ljava/util/Hashtable;|table,[Ljava/util/Hashtable$Entry;|";
+    WithAgent(0, [](Scene &scene) {
+        Object *all = scene.named["all"], *hashtable = scene.named["hashtable"];
+        const std::string BUCKETS = "table,Ljava/util/Hashtable;|table,[Ljava/util/Hashtable$Entry;|",
+                          VALUE = "value,Ljava/lang/Object;";
+        // "one", "two" and "three" are one chain.
+        Object *first = Get(hashtable, "table").object->values[2].object, *second = Get(first, "next").object;
+        const auto hash = [](Object *entry) {
+            return "," + std::to_string(Get(Get(entry, "key").object, "hash").number);
+        };
+        const auto value = [](Object *entry) { return Get(entry, "value").object->address; };
         const std::pair<std::string, Word> PATHS[] = {
-            {"i,I", Word(-70000)},
+            {"i,I", INT32_MIN},
             {"z,Z", 1},
-            {"b,B", Word(-3)},
-            {"s,S", Word(-300)},
-            {"c,C", 'x'},
-            {"j,J", Word(1) << 40},
-            {"floors,B", 3},
-            {"rate,D", 0x4000000000000000},
-            {"total,I", 11},
-            {"any,Ljava/lang/Object;|count,I", Word(-8)},
-            {"any,Ljava/lang/Object;|missing,I", 0},
-            {"none,Ljava/lang/Object;|count,I", 0},
+            {"b,B", -128},
+            {"s,S", INT16_MIN},
+            {"c,C", 0x20ac},
+            {"j,J", INT64_MIN + 7},
+            {"shared,I", -3},
+            {"count,J", Word(1) << 40},
+            {"id,J", 77},
+            {"text,Ljava/lang/String;|count,I", 3},
+            {"last,Lreaders/All;|i,I", INT32_MIN},
+            {"text,Ljava/lang/String;|missing,I", 0},
+            {"nothing,Ljava/lang/Object;|x,I", 0},
             {"i,J", 0},
             {"i", 0},
             {"", 0},
-            {"shelves,[Ljava/lang/Object;|count,I", 7},
-            {BUCKETS + "value,Ljava/lang/Object;,112785", made.shelf[0]->address},
-            {BUCKETS + "value,Ljava/lang/Object;,5|count,I", 0},
-            {BUCKETS + "value,Ljava/lang/Object;,0|count,I", 7},
-            {BUCKETS + "key,Ljava/lang/Object;", Get(made.first, "key").object->address},
-            {BUCKETS + "value,Ljava/lang/Object;,shop/Shelf|count,I", 7},
-            {BUCKETS + "value,Ljava/lang/Object;,shop/Till", 0},
+            {"names,[Ljava/lang/String;|count,I", 1},
+            {BUCKETS + VALUE + hash(first), value(first)},
+            {BUCKETS + VALUE + hash(second), value(second)},
+            {BUCKETS + VALUE + ",5|count,I", 0},
+            {BUCKETS + VALUE + ",0|count,I", 1},
+            {BUCKETS + VALUE + ",0|missing,I", 0},
+            {BUCKETS + VALUE + ",java/lang/String|count,I", 1},
+            {BUCKETS + VALUE + ",readers/Plain", 0},
         };
         Refresh();
         for (const auto &[path, found] : PATHS)
-            EXPECT_EQ(ParseObjectMap(path.c_str(), made.shop->address), found) << path;
-        EXPECT_EQ(ParseObjectMap("i,I", reinterpret_cast<Word>(&made.shop->address)),
-                  Word(-70000)); // a handle
-        const Word table = Get(made.shop, "table").object->address;
-        EXPECT_EQ(search_hash_table(table, "blue"), made.shelf[1]->address);
-        EXPECT_EQ(search_hash_table(table, "green"), 0u);
-        // The second of a chain, and a chain that is a ring.
-        Set(made.first, "value", nullptr);
-        Set(made.last, "next", made.first);
+            EXPECT_EQ(ParseObjectMap(path.c_str(), all->address), found) << path;
+        EXPECT_EQ(ParseObjectMap("id,J", reinterpret_cast<Word>(&all->address)), 77u); // a handle
+        for (const char *name : {"hashtable", "properties"})
+            EXPECT_EQ(QorFieldOf(search_hash_table(scene.named[name]->address, "two"), "count", "I"), 1u)
+                << name;
+        for (const char *name : {"hashtable", "cyclic", "empty table", "other keys", "hashmap", "all"})
+            EXPECT_EQ(search_hash_table(scene.named[name]->address, "green"), 0u) << name;
+        // Where the first of a chain has no value the second's counts.
+        Set(first, "value", nullptr);
         Refresh();
-        EXPECT_EQ(
-            ParseObjectMap((BUCKETS + "value,Ljava/lang/Object;,0|count,I").c_str(), made.shop->address),
-            Word(-8));
-        EXPECT_EQ(search_hash_table(table, "green"), 0u);
-        Set(Get(made.shop, "table").object, "table", nullptr);
-        Refresh();
-        EXPECT_EQ(search_hash_table(table, "blue"), 0u);
-        for (Word address : {Word(0), Word(2), made.shop->address + 8, ~Word(7)})
+        EXPECT_EQ(ParseObjectMap((BUCKETS + VALUE).c_str(), all->address), value(second));
+        for (Word address : {Word(0), Word(2), all->address + 8, ~Word(7)})
             EXPECT_EQ(ParseObjectMap("i,I", address), 0u) << address;
     });
 }
