@@ -8,34 +8,6 @@ namespace simvm {
 
 namespace {
 
-struct Kinds {
-    std::unordered_map<Word, char> letters; // by klass
-    std::unordered_map<Word, const Class *> classes;
-};
-
-Kinds AllKinds() {
-    static const std::pair<VtableKind, char> LETTERS[] = {{VT_SYMBOL, '1'},
-                                                          {VT_METHOD, '2'},
-                                                          {VT_CONST_METHOD, 'F'},
-                                                          {VT_POOL, '3'},
-                                                          {VT_POOL_CACHE, '4'},
-                                                          {VT_IC_HOLDER, '*'},
-                                                          {VT_METHOD_DATA, 'H'},
-                                                          {VT_KLASS_KLASS, 'A'},
-                                                          {VT_INSTANCE_KLASS_KLASS, 'B'},
-                                                          {VT_ARRAY_KLASS_KLASS, 'C'},
-                                                          {VT_OBJ_ARRAY_KLASS_KLASS, 'D'},
-                                                          {VT_TYPE_ARRAY_KLASS_KLASS, 'E'}};
-    Kinds kinds;
-    for (auto &[kind, letter] : LETTERS)
-        kinds.letters[vm.kindKlass[kind]] = letter;
-    for (const auto &[name, type] : vm.classes) {
-        kinds.letters[type.klass] = name[0] == '[' ? '[' : '8';
-        kinds.classes[type.klass] = &type;
-    }
-    return kinds;
-}
-
 void Add(Count *count, int64_t bytes) {
     count->objects++;
     count->bytes += bytes;
@@ -77,10 +49,34 @@ void PutCounts(std::ostream &out, const char *name, const MAP &counts) {
 
 } // namespace
 
+std::unordered_map<Word, char> KindLetters() {
+    static const std::pair<VtableKind, char> LETTERS[] = {{VT_SYMBOL, '1'},
+                                                          {VT_METHOD, '2'},
+                                                          {VT_CONST_METHOD, 'F'},
+                                                          {VT_POOL, '3'},
+                                                          {VT_POOL_CACHE, '4'},
+                                                          {VT_IC_HOLDER, '*'},
+                                                          {VT_METHOD_DATA, 'H'},
+                                                          {VT_KLASS_KLASS, 'A'},
+                                                          {VT_INSTANCE_KLASS_KLASS, 'B'},
+                                                          {VT_ARRAY_KLASS_KLASS, 'C'},
+                                                          {VT_OBJ_ARRAY_KLASS_KLASS, 'D'},
+                                                          {VT_TYPE_ARRAY_KLASS_KLASS, 'E'}};
+    std::unordered_map<Word, char> letters;
+    for (auto &[kind, letter] : LETTERS)
+        letters[vm.kindKlass[kind]] = letter;
+    for (const auto &[name, type] : vm.classes)
+        letters[type.klass] = name[0] == '[' ? '[' : '8';
+    return letters;
+}
+
 Census CensusOf(const HeapSpace &space) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
-    const Kinds kinds = AllKinds();
+    const std::unordered_map<Word, char> letters = KindLetters();
+    std::unordered_map<Word, Count *> classes;
     Census census;
+    for (const auto &[name, type] : vm.classes)
+        classes[type.klass] = &census.classes[name];
     Word afterSkipped = 0;
     for (Word at = space.bottom, bytes; at < space.top; at += bytes) {
         auto gap = vm.gaps.find(at);
@@ -88,9 +84,9 @@ Census CensusOf(const HeapSpace &space) {
         if (bytes) {
             Word klass = As<Oop>(at).klass;
             Add(&census.all, bytes);
-            Add(&census.types[kinds.letters.at(klass)], bytes);
-            if (auto type = kinds.classes.find(klass); type != kinds.classes.end())
-                Add(&census.classes[type->second->name], bytes);
+            Add(&census.types[letters.at(klass)], bytes);
+            if (auto type = classes.find(klass); type != classes.end())
+                Add(type->second, bytes);
             continue;
         }
         bytes = gap == vm.gaps.end() ? 8 : gap->second.bytes;
@@ -103,6 +99,8 @@ Census CensusOf(const HeapSpace &space) {
         census.skippedBytes += at < end ? end - at : 0;
         afterSkipped = at + bytes;
     }
+    for (auto at = census.classes.begin(); at != census.classes.end();)
+        at = at->second.objects ? std::next(at) : census.classes.erase(at);
     return census;
 }
 

@@ -85,7 +85,7 @@ void AddObjects(HeapSpace *space, int64_t count) {
 void AddArray(HeapSpace *space, Class *type, int32_t length, int64_t bytes) {
     Word at = AllocateObject(space, bytes);
     As<JavaArray>(at) = {UNMARKED, type->klass, length, 0};
-    vm.objects.push_back({at, type->klass, bytes, space->letter, type});
+    vm.objects.push_back({at, type->klass, bytes, space->letter, nullptr});
 }
 
 void AddOddArray(HeapSpace *space, int32_t length) {

@@ -52,6 +52,7 @@ struct Census {
     int64_t skippedBytes = 0, skippedRuns = 0;
 };
 Census CensusOf(const HeapSpace &space);
+std::unordered_map<Word, char> KindLetters(); // those letters by an object's klass
 
 struct SpaceUse {
     const HeapSpace *space;

@@ -86,7 +86,7 @@ struct Object {
     Word klass;
     int64_t bytes;
     char space;
-    Class *type = nullptr;
+    Class *type = nullptr;          // null: its values aren't described
     std::vector<Value> values = {}; // an array's elements, or the fields as FieldsOf lists them
 };
 struct HeapSpace {
