@@ -51,6 +51,21 @@ std::map<std::string, Shown> Read(const std::string &reply) {
     return threads;
 }
 
+// Asks for the locals of a poll's first frames: each is the one that its row names, or gone by now.
+void ExpectLocalsOfRows(const std::string &reply, const std::string &flags, size_t most) {
+    for (const std::string &record : Split(reply, 30)) {
+        const std::vector<std::string> field = Split(Split(record, 31)[0], 29);
+        if (field.size() != 8 || most-- == 0)
+            continue;
+        const std::string locals = Ask(flags + "|showstack|4096|ARG=x,0=" + field[3] + ",1=" + field[4] +
+                                       ",2=" + field[5] + ",3=" + field[6] + ",4=" + field[7]);
+        if (locals.find("Frame\x1e") == 0)
+            EXPECT_EQ(locals.find(field[0] + "\x1f"), 6u) << record << locals;
+        else
+            EXPECT_NE(locals.find("\x1f"), std::string::npos) << locals;
+    }
+}
+
 // Asks until each thread that runs has stopped in time; on a busy machine some don't.
 std::map<std::string, Shown> Poll(const Scene &scene) {
     for (int polls = 1;; polls++) {
@@ -180,7 +195,9 @@ StormSamples SampleStorm(time_t seconds) {
     StormSamples seen;
     for (const time_t end = time(nullptr) + seconds;
          (time(nullptr) < end || seen.stacks < 500 || seen.looping < 20) && seen.wrong == 0; seen.samples++) {
-        const std::map<std::string, Shown> threads = Read(Ask("793|showstack|32768"));
+        const std::string reply = Ask("793|showstack|32768");
+        const std::map<std::string, Shown> threads = Read(reply);
+        ExpectLocalsOfRows(reply, "521", 20);
         const std::vector<Lived> lived = LivedSoFar();
         for (const auto &[key, shown] : threads) {
             const int32_t id = atoi(key.substr(key.find('-') + 1).c_str());
@@ -277,6 +294,7 @@ TEST(SpoiltMemory, HarmsNobody) {
             const std::string reply = Ask("785|showstack|32768"); // nobody is held
             EXPECT_TRUE(reply.empty() || reply.find("\x1f") != std::string::npos) << "seed " << seed;
             Read(reply);
+            ExpectLocalsOfRows(reply, "521", 1 + seed % 40);
             Mend(spoilt);
         }
         ExpectTruth(scene);
