@@ -2,8 +2,13 @@
 // made of.
 #include "agent.h"
 
+#include "qorsettings.h"
+
 #include <gtest/gtest.h>
 #include <map>
+#include <ostream>
+#include <set>
+#include <tuple>
 
 using namespace simvm;
 
@@ -73,6 +78,108 @@ TEST(DirectTiers, RowsNameTheDatabase) {
             EXPECT_EQ(Ask("521|showstack|16384|ARG=x,0=" + (port.empty() ? "1" : port)),
                       port.empty() ? "Client Port not found on JVM"
                                    : runner->info->name + "|" + Key(*runner));
+        }
+    });
+}
+
+namespace {
+
+// What the facts of a thread say of its row in a poll, and what the row says.
+struct Shown {
+    std::string url, client, state, ejb, framework, server;
+    bool operator==(const Shown &other) const {
+        return std::tie(url, client, state, ejb, framework, server) ==
+               std::tie(other.url, other.client, other.state, other.ejb, other.framework, other.server);
+    }
+};
+std::ostream &operator<<(std::ostream &out, const Shown &shown) {
+    return out << shown.url << "; " << shown.client << "; " << shown.state << "; " << shown.ejb << "; "
+               << shown.framework << "; " << shown.server;
+}
+
+// Three servers have the same classes.
+bool IsLike(const std::string &server, const std::string &other) {
+    const std::set<std::string> catalina = {"Tomcat", "JBoss", "GlassFish"};
+    return server == other || (catalina.count(server) && catalina.count(other));
+}
+
+Shown TruthOf(const Runner &runner, const std::string &server) {
+    std::map<std::string, std::string> facts = runner.script->facts;
+    if (facts["server"] != "" && !IsLike(facts["server"], server))
+        facts.clear();
+    Shown shown = {facts["url"] + facts["jspx"], facts["client"], "", facts["ejb"], "", ""};
+    for (std::string *text : {&shown.url, &shown.client})
+        if (text->empty())
+            *text = "^";
+    if (facts.count("rmi id")) {
+        const std::string name = facts.count("jndi") ? facts["jndi"] : "NA";
+        shown.state = std::string("RMI Wait\x1c\x1b") + facts["rmi id"] + FIELD + facts["rmi port"] + FIELD +
+                      facts["rmi address"] + FIELD + name;
+    }
+    for (const char *kind : {"Entity_Object", "View_Object", "EL_Exp", "Groovy_Script"})
+        if (facts.count(kind)) {
+            const bool groovy = kind[0] == 'G', object = kind[1] != 'L' && !groovy;
+            shown.framework = std::string(kind) + "->" + (groovy ? "charge" : facts[kind]) + FIELD +
+                              (object ? "EntityImpl.java" : "^") + FIELD + (groovy ? facts[kind] : "^");
+        }
+    if (facts.count("client port"))
+        shown.server = facts["client port"] + FIELD + facts["client address"];
+    return shown;
+}
+
+// The text between two others, "" when they aren't there.
+std::string Between(const std::string &text, const std::string &start, const std::string &end) {
+    const size_t at = text.find(start);
+    return at == std::string::npos
+               ? ""
+               : text.substr(at + start.size(), text.find(end, at + start.size()) - at - start.size());
+}
+
+Shown Told(const std::string &record, const std::string &view) {
+    std::vector<std::string> fields = Split(record.substr(0, record.find(SECTION)), FIELD);
+    fields.resize(20);
+    Shown shown = {
+        fields[3], fields[4], "", Between(fields[6], " (", ")"), "", Between(view, "RMI Client\x1e", "\x1f")};
+    if (fields[9].find("RMI Wait") == 0)
+        shown.state = fields[9] + FIELD + fields[10] + FIELD + fields[11] + FIELD + fields[12];
+    for (const char *kind : {"\x1e"
+                             "Entity_Object",
+                             "\x1eView_Object",
+                             "\x1e"
+                             "EL_Exp",
+                             "\x1eGroovy_Script"})
+        if (record.find(kind) != std::string::npos)
+            shown.framework = (kind + 1) + Between(record, kind, "\x1e");
+    return shown;
+}
+
+} // namespace
+
+// The same threads, in front of every server in turn.
+TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
+    OnScene("tiers", [](Scene &scene) {
+        for (const char *server :
+             {"", "Ferrule", "QVS", "Tomcat", "JBoss", "SAP", "GlassFish", "Apache JServ"}) {
+            strcpy(webserver, server);
+            std::map<std::string, std::string> records;
+            std::string *last = nullptr;
+            for (const std::string &section : Split(Ask("857|showstack|32768"), SECTION)) {
+                if (section.find("Thread Info Details") == 0)
+                    last = &records[Split(section, FIELD)[5]];
+                if (last)
+                    *last += section + SECTION;
+            }
+            for (const Runner *runner : scene.runners) {
+                const std::string view = Ask("585|showstack|512|ARG=x,1=" + Key(*runner));
+                EXPECT_EQ(Told(records[Key(*runner)], view), TruthOf(*runner, server))
+                    << runner->info->name << " before " << server;
+                auto facts = runner->script->facts;
+                if (!facts.count("serves id"))
+                    continue;
+                EXPECT_EQ(Ask("521|showstack|16384|ARG=x,1=1,0=" + facts["serves id"]),
+                          facts["server"] == server ? runner->info->name + "|" + Key(*runner)
+                                                    : "RMI Call Id not found on server JVM");
+            }
         }
     });
 }
