@@ -42,7 +42,8 @@ std::string ArrayTable(const DumpSummary &dump, const Style &style) {
     Table table({{"ELEMENTS", true}, {"SIZE", true}, {"ARRAY"}, {"OBJECT", true}});
     for (const DumpArray &array : dump.arrays)
         table.Add({CountText(array.elements), SizeText(array.bytes),
-                   NameOf(array.class_name, array.class_number), fmt::format("{}", array.object)});
+                   NameOf(array.class_name, array.class_number),
+                   fmt::format(fmt::runtime(dump.by_address ? "{:x}" : "{}"), array.object)});
     return table.Text(style);
 }
 
@@ -67,11 +68,12 @@ std::string DumpText(const DumpSummary &dump, size_t top, const Style &style) {
     if (!dump.arrays.empty())
         text += ArrayTable(dump, style) + "\n";
     text += RootTable(dump, style);
-    text +=
-        "what only a Class object's own fields hold hangs on an Object[] of the agent's, not on its class\n";
+    if (!dump.by_address)
+        text += "what only a Class object's own fields hold hangs on an Object[] of the agent's, not on its "
+                "class\n";
     if (!dump.seconds)
         text += "the dump has no end: it failed, or is still being written\n";
-    else if (dump.named_classes == 0)
+    else if (dump.named_classes == 0 && !dump.by_address)
         text += "the dump names no class: the agent could not list them\n";
     return text;
 }

@@ -1,5 +1,7 @@
 #include "text_dump.h"
 
+#include "address_dump.h"
+#include "dump_lines.h"
 #include "failure.h"
 #include "records.h"
 
@@ -28,72 +30,11 @@ constexpr std::string_view HEADER_START = "heap_id=";
 constexpr std::string_view HPROF_MAGIC = "JAVA PROFILE ";
 constexpr std::string_view TRAILER_START = " Finished ", TRAILER_END = " secs";
 constexpr std::string_view LOCAL_MARK = "|Thread-";
-constexpr size_t READ_SIZE = 1 << 20;
+constexpr size_t LONGEST_HEADER = 64;  // fields
 constexpr size_t LONGEST_NAME = 65535; // of a class or a field, in bytes
-constexpr size_t LONGEST_LINE = 1 << 18;
 // Those of the format and as many of classes that found none left or came late.
 constexpr size_t MOST_CLASS_NUMBERS = 200000;
 constexpr int64_t LEAST_OBJECT_SIZE = 16; // to rank what has no size
-
-// Lines of a file, whatever its size, with a buffer of one block and the longest line.
-class LineReader {
-public:
-    explicit LineReader(FILE *file) : file_(file) {}
-
-    // The next line without its end. False at the file's end; what stands there without an end is a line too.
-    bool Next(std::string_view *line) {
-        for (;;) {
-            size_t end = buffer_.find('\n', searched_);
-            if (end != buffer_.npos || (at_end_ && start_ < buffer_.size())) {
-                end = std::min(end, buffer_.size());
-                *line = std::string_view(buffer_).substr(start_, end - start_);
-                start_ = searched_ = std::min(end + 1, buffer_.size());
-                ++number_;
-                return true;
-            }
-            if (at_end_)
-                return false;
-            Fill();
-        }
-    }
-
-    int64_t number() const { return number_; }
-
-private:
-    void Fill() {
-        buffer_.erase(0, start_);
-        start_ = 0;
-        searched_ = buffer_.size();
-        if (buffer_.size() > LONGEST_LINE)
-            throw Failure(fmt::format("line {} has no end", number_ + 1), "this is no text dump");
-        size_t had = buffer_.size();
-        buffer_.resize(had + READ_SIZE);
-        size_t got = fread(&buffer_[had], 1, READ_SIZE, file_);
-        buffer_.resize(had + got);
-        if (ferror(file_))
-            throw Failure(fmt::format("the dump can't be read: {}", strerror(errno)), "check the disk");
-        at_end_ = got == 0;
-    }
-
-    FILE *file_;
-    std::string buffer_;
-    size_t start_ = 0, searched_ = 0;
-    int64_t number_ = 0;
-    bool at_end_ = false;
-};
-
-bool ReadHex(std::string_view text, int64_t *value) {
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value, 16);
-    return error == std::errc() && end == text.data() + text.size() && *value >= 0;
-}
-
-// Cuts the piece in front of the next bar, or all that is left, off `text`.
-std::string_view Piece(std::string_view *text) {
-    size_t bar = text->find('|');
-    std::string_view piece = text->substr(0, bar);
-    text->remove_prefix(bar == text->npos ? text->size() : bar + 1);
-    return piece;
-}
 
 struct ClassFigures {
     std::string name;
@@ -102,42 +43,14 @@ struct ClassFigures {
     int64_t arrays = 0, array_bytes = 0; // those with a header
 };
 
-// Keeps the largest arrays.
-class ArrayRanking {
-public:
-    explicit ArrayRanking(size_t limit) : limit_(limit) {}
-
-    void Add(const DumpArray &array) {
-        if (limit_ == 0 || (arrays_.size() == limit_ && !Larger(array, arrays_.front())))
-            return;
-        if (arrays_.size() == limit_) {
-            std::pop_heap(arrays_.begin(), arrays_.end(), Larger);
-            arrays_.pop_back();
-        }
-        arrays_.push_back(array);
-        std::push_heap(arrays_.begin(), arrays_.end(), Larger);
-    }
-
-    std::vector<DumpArray> Take() {
-        std::sort_heap(arrays_.begin(), arrays_.end(), Larger);
-        return std::move(arrays_);
-    }
-
-private:
-    static bool Larger(const DumpArray &a, const DumpArray &b) {
-        return a.bytes != b.bytes ? a.bytes > b.bytes : a.object < b.object;
-    }
-
-    size_t limit_;
-    std::vector<DumpArray> arrays_; // the smallest in front
-};
-
 class DumpReader {
 public:
-    DumpReader(FILE *file, size_t largest_arrays) : lines_(file), ranking_(largest_arrays) {}
+    explicit DumpReader(FILE *file, size_t largest_arrays)
+        : lines_(file), ranking_(largest_arrays), largest_arrays_(largest_arrays) {}
 
     DumpSummary Read() {
-        ReadHeader();
+        if (ReadHeader())
+            return ReadAddressDump(&lines_, largest_arrays_, std::move(summary_));
         std::string_view line;
         while (lines_.Next(&line)) {
             if (summary_.seconds)
@@ -150,24 +63,9 @@ public:
     }
 
 private:
-    [[noreturn]] void Wrong() const {
-        throw Failure(fmt::format("line {} of the dump has an unknown form", lines_.number()),
-                      "the file was changed or is of another kind; make a new dump");
-    }
-
-    int64_t Number(std::string_view text) const {
-        int64_t value = 0;
-        if (!ReadNumber(text, &value))
-            Wrong();
-        return value;
-    }
-
-    int64_t Hex(std::string_view text) const {
-        int64_t value = 0;
-        if (!ReadHex(text, &value))
-            Wrong();
-        return value;
-    }
+    [[noreturn]] void Wrong() const { lines_.Wrong(); }
+    int64_t Number(std::string_view text) const { return lines_.Number(text); }
+    int64_t Hex(std::string_view text) const { return lines_.Hex(text); }
 
     ClassFigures &Figures(int64_t number) {
         ClassFigures &figures = classes_[number];
@@ -178,8 +76,8 @@ private:
         return figures;
     }
 
-    void ReadHeader() {
-        constexpr size_t FIELDS = 10;
+    // True for a dump by address, whose header names each space.
+    bool ReadHeader() {
         enum { ID, TIME, HOST, JVM_ID, VENDOR, VERSION, SPACES, SPACE, MAX, USED };
         std::string_view line;
         if (!lines_.Next(&line))
@@ -189,7 +87,8 @@ private:
             throw Failure("this is a dump in Hprof form",
                           "give it to a heap analyser; --read takes text dumps");
         std::vector<std::string_view> field = Split(line, '|');
-        if (line.substr(0, HEADER_START.size()) != HEADER_START || field.size() != FIELDS)
+        if (line.substr(0, HEADER_START.size()) != HEADER_START || field.size() <= USED ||
+            field.size() > LONGEST_HEADER)
             throw Failure("this is no text dump", "give a file that 'qorctl dump PID NAME' has written");
         if (!ReadNumber(field[ID].substr(HEADER_START.size()), &summary_.heap_id))
             Wrong();
@@ -197,8 +96,12 @@ private:
         summary_.host = field[HOST];
         summary_.vendor = field[VENDOR];
         summary_.version = field[VERSION];
-        summary_.max_kib = Number(field[MAX]);
-        summary_.used_kib = Number(field[USED]);
+        for (size_t space = SPACE; space + USED - SPACE < field.size(); space += USED - SPACE + 1) {
+            summary_.max_kib += Number(field[space + MAX - SPACE]);
+            summary_.used_kib += Number(field[space + USED - SPACE]);
+        }
+        summary_.by_address = field[SPACES] != "1";
+        return summary_.by_address;
     }
 
     void ReadLine(std::string_view line) {
@@ -356,6 +259,7 @@ private:
 
     LineReader lines_;
     ArrayRanking ranking_;
+    size_t largest_arrays_;
     DumpSummary summary_;
     std::unordered_map<int64_t, ClassFigures> classes_;
     std::vector<int64_t> waiting_; // "SBa" since the last root of another kind
@@ -387,6 +291,8 @@ std::optional<uint64_t> DumpHeadId(std::string_view head) {
 
 std::optional<int64_t> DumpTrailer(std::string_view tail) {
     int64_t seconds = 0;
+    if (!tail.empty() && tail.back() == '\n')
+        tail.remove_suffix(1);
     size_t start = tail.rfind(TRAILER_START);
     if (start == tail.npos || (start > 0 && tail[start - 1] != '\n'))
         return std::nullopt;

@@ -8,6 +8,8 @@
 // The file has the size of an object only where it has references to others, or is an array. Objects of a
 // class are of one size, so one such header tells it for all; a class of which no object refers to anything
 // stays without.
+//
+// A JVM that is read by address has another form; see address_dump.h.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +30,7 @@ struct DumpClass {
 };
 
 struct DumpArray {
-    int64_t object = 0, class_number = 0;
+    int64_t object = 0, class_number = 0; // by address: the object's, and that of its class's name
     std::string class_name;
     int64_t elements = 0; // those that are not null, in an array of objects
     int64_t bytes = 0;
@@ -61,6 +63,7 @@ struct DumpSummary {
     int64_t roots[ROOT_KINDS] = {};
     int64_t objects = 0, bytes = 0, references = 0;
     int64_t named_classes = 0;
+    bool by_address = false;        // of a JVM that is read by address, whose form is another
     std::optional<int64_t> seconds; // from the trailer; nothing when the file ends without one
 };
 

@@ -1,22 +1,28 @@
 """A JVM that is read by address, a simulated one: qorctl shows what its threads know of themselves."""
 import json
+import os
 import re
 import subprocess
+import tempfile
 from collections import Counter
 
 from harness import LIMIT, SETTINGS, Case, leftovers, wait_until
 
 
 class DirectRoad(Case):
+    SCENE = "shop"
+
     def setUp(self):
         if SETTINGS.root:
             self.skipTest("the JDK plays no part")
-        vm = subprocess.Popen([f"{SETTINGS.build}/simvm_host", "--scene", "shop", "--truth"], stdout=subprocess.PIPE,
-                              stderr=subprocess.DEVNULL, text=True)
+        vm = subprocess.Popen([f"{SETTINGS.build}/simvm_host", "--scene", self.SCENE, "--truth"],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         self.addCleanup(lambda: (vm.kill(), vm.communicate()))
         lines = list(iter(vm.stdout.readline, f"simvm_host: {vm.pid}\n"))
         self.assertEqual(lines.pop(), "initvar: 0\n")
-        self.vm, self.truths = vm, {t["name"]: t for t in map(json.loads, lines)}
+        truths = list(map(json.loads, lines))
+        self.vm, self.truths = vm, {t["name"]: t for t in truths if "name" in t}
+        self.heap = next((t["heap"] for t in truths if "heap" in t), None)
         self.sample = {}
 
     def stopped(self):
@@ -68,3 +74,31 @@ class DirectRoad(Case):
         self.answer("shutdown", pid)
         self.assertEqual(self.vm.wait(LIMIT), 0)
         self.assertEqual(leftovers(pid), [])
+
+
+class DirectHeap(DirectRoad):
+    SCENE = "heap"
+    test_shows_what_its_threads_do = None
+
+    def test_dumps_what_is_in_its_heap(self):
+        place = tempfile.TemporaryDirectory(prefix="qor-dumps-")
+        self.addCleanup(place.cleanup)
+        path = os.path.join(place.name, "dump")
+        made = self.answer("dump", self.vm.pid, path, "--json").json()
+        self.assertEqual(made["bytes"], os.path.getsize(path))
+        dump = self.answer("dump", "--read", path, "--top", "10000", "--json").json()
+        classes = Counter()
+        for space in self.heap:
+            for name, (objects, _) in space["classes"].items():
+                classes[name] += objects
+        self.assertTrue(dump["complete"])
+        self.assertEqual(dump["objects"], sum(space["objects"] for space in self.heap))
+        self.assertEqual(dump["bytes"], sum(space["bytes"] for space in self.heap))
+        read = {row["class"]: row["objects"] for row in dump["classes"] if not row["class"].startswith("(")}
+        self.assertEqual(sum(read.values()), sum(classes.values()))
+        for name, objects in classes.items():
+            if not name.startswith("["):
+                self.assertEqual(read.get(name.replace("/", ".")), objects, name)
+        self.assertGreater(dump["roots"]["stack_locals"], 0)
+        self.answer("shutdown", self.vm.pid)
+        self.assertEqual(self.vm.wait(LIMIT), 0)

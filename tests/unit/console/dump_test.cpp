@@ -54,6 +54,29 @@ const DumpClass &ClassOf(const DumpSummary &dump, const std::string &name) {
     return NONE;
 }
 
+// The form of a JVM that is read by address: names come after the objects that have them.
+TEST(ReadTextDump, OfAJvmReadByAddress) {
+    DumpSummary dump = Read("heap_id=7|T1|host|id|Vendor|1.5.0_22|2|Eden|64|16|Perm|32|8|\n"
+                            "Sa40|main|a.B->run|thread_local|-2\nSa40|_threadObj|-1\nSd58|*OOP|-1\n"
+                            "Sz900|_bool_arr_klass|0\nSd40|*OOP|-1\nSs40|_object|-1\n"
+                            "E840|18|910\nI50|58\nE[10|58|28|930\nE840|18|910\nP1910|20|a/B|c\n"
+                            "P1930|20|[C\nPB900|100|910\nL908|40\n Finished 3 secs\n");
+    EXPECT_EQ(dump.max_kib, 96);
+    EXPECT_EQ(dump.used_kib, 24);
+    EXPECT_EQ(std::vector<int64_t>(dump.roots, dump.roots + ROOT_KINDS),
+              (std::vector<int64_t>{1, 1, 1, 1, 1, 1, 0}));
+    EXPECT_EQ(dump.references, 2);
+    EXPECT_EQ(dump.objects, 6);
+    EXPECT_EQ(dump.bytes, 0x18 * 2 + 0x28 + 0x20 * 2 + 0x100);
+    EXPECT_EQ(ClassOf(dump, "a.B|c").objects, 2);
+    EXPECT_EQ(ClassOf(dump, "(symbols)").objects, 2);
+    ASSERT_EQ(dump.arrays.size(), 1u);
+    EXPECT_EQ(dump.arrays[0].class_name, "char[]");
+    EXPECT_EQ(dump.arrays[0].elements, 16);
+    EXPECT_EQ(dump.seconds, 3);
+    EXPECT_THROW(Read("heap_id=7|T1|host|id|Vendor|1|2|E|1|1|P|1|1|\nE8xyz|18|910\n"), Failure);
+}
+
 TEST(ReadTextDump, ObjectsArraysAndRoots) {
     DumpSummary dump = Read(HEADER + ROOTS + OBJECTS + CLASSES + TRAILER);
     EXPECT_EQ(dump.heap_id, 7u);
