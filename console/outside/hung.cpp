@@ -22,6 +22,7 @@ namespace {
 using Milliseconds = std::chrono::milliseconds;
 
 constexpr size_t MOST_REPORT = 64 << 20;
+constexpr int PRIORITY = -10;
 constexpr rlim_t MOST_MEMORY = rlim_t(2) << 30;
 constexpr Milliseconds HOOK_PATIENCE(100), LONG_LIMIT(3000);
 
@@ -55,6 +56,8 @@ std::optional<std::string> InChild(Milliseconds limit, const std::function<std::
         setrlimit(RLIMIT_AS, &memory);
         if (getuid() == 0 && seteuid(0) != 0)
             _exit(1);
+        setpriority(PRIO_PROCESS, 0,
+                    PRIORITY); // root alone may: a machine too busy to answer is no reason to wait
         WriteAll(out.get(), make);
     }
     out = FileDescriptor();
@@ -104,7 +107,7 @@ HungReport LookAtHung(pid_t pid, const HungOptions &options) {
         seen.pid = pid;
         seen.stop = ReadStopState(pid);
         seen.unread =
-            fmt::format("reading took longer than {:g} s, it may hold its own memory's lock in the kernel",
+            fmt::format("reading failed or took longer than {:g} s; the kernel may hold its memory's lock",
                         static_cast<double>(options.limit.count()) / 1000);
         shown = Show(seen, options);
     }

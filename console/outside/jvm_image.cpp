@@ -29,8 +29,8 @@ constexpr Address VTABLE_HEAD = 16; // an object points past the offset and the 
 
 // Symbols that are kept begin with one of these.
 constexpr std::string_view KEPT[] = {
-    "gHotSpotVM",   "_ZN20SafepointSynchronize", "_ZN16SafepointTracing",
-    "_ZN8VMThread", "_ZN16java_lang_Thread",     "_ZN16java_lang_String",
+    "gHotSpotVM",          "_ZN20SafepointSynchronize", "_ZN16SafepointTracing", "_ZN8VMThread",
+    "_ZN14RuntimeService", "_ZL18initial_time_count",   "_ZN16java_lang_Thread", "_ZN16java_lang_String",
 };
 
 bool StartsWith(std::string_view text, std::string_view start) {

@@ -45,6 +45,14 @@ class Hung(Case):
     def look(self, app, *options):
         return self.answer("hung", app.pid, "--json", *options).json()
 
+    @classmethod
+    def has_symbols(cls):
+        """Debian's JDK 8 is stripped."""
+        return cls.jdk() > 8
+
+    def runs(self):
+        return "runs" if self.has_symbols() else "safepoint unknown"
+
     def until(self, app, verdict):
         """Looks until that is the verdict."""
         found = {}
@@ -57,9 +65,15 @@ class Hung(Case):
 
     @staticmethod
     def frames(texts):
-        """Frames of a text as values; "[C2 inlined]" behind them is of the reader's own knowledge."""
+        """Frames of a text as values, without "[C2 inlined]" after them, which is the reader's own knowledge."""
         found = (jstack.FRAME.match("\tat " + re.sub(r" \[[^]]*\]$", "", text)) for text in texts)
-        return [jstack.parse_frame(frame["call"], frame["place"]) for frame in found]
+        return Hung.plain(jstack.parse_frame(frame["call"], frame["place"]) for frame in found)
+
+    @staticmethod
+    def plain(frames):
+        """Frames without the number of a hidden class, which JDK 8 and 11 compute when they are asked."""
+        return [(re.sub(r"(\$\$Lambda\$\d+)[./]\w+(?=\.)", r"\1", frame.call), frame.file, frame.line)
+                for frame in frames]
 
     def test_stacks_are_those_of_jstack(self):
         for flags in (SERIAL, ("-XX:+UseG1GC", "-Xmx128m")):
@@ -69,14 +83,14 @@ class Hung(Case):
                 def same(app=app, truth=truth, seen=seen):
                     before = run_tool("jstack", app.pid)
                     seen.update((t["name"], t) for t in self.look(app, "--all")["threads"])
-                    truth.update((t.name, t.frames) for t in jstack.parse(before) if t.frames)
+                    truth.update((t.name, self.plain(t.frames)) for t in jstack.parse(before) if t.frames)
                     truth.pop("Attach Listener", None)
                     return all(self.frames(seen[name]["frames"]) == frames for name, frames in truth.items())
                 try:
                     wait_until("the stacks are the same", same, 10)
                 except AssertionError:
                     self.assertEqual({n: self.frames(seen[n]["frames"]) for n in truth}, truth)
-                self.assertGreater(sum(map(len, truth.values())), 300)
+                self.assertGreater(sum(map(len, truth.values())), 250)
                 self.assertTrue(any("[C" in f and "inlined" in f for t in seen.values() for f in t["frames"]))
                 for name in truth:
                     self.assertEqual((seen[name]["proof"], seen[name]["whole"]),
@@ -93,6 +107,8 @@ class Hung(Case):
 
     def test_the_thread_that_keeps_the_jvm_from_its_safepoint(self):
         """Named within a second, while the JVM's own tools are mute and other commands of ours wait."""
+        if not self.has_symbols():
+            self.skipTest("no symbols")
         with Hang(*SERIAL) as app:
             self.answer("attach", app.pid)
             app.tell("hang", "gc")
@@ -103,8 +119,8 @@ class Hung(Case):
             ours, jcmd = waiting
             seen = self.check_culprit(app)
             self.assertEqual(seen["safepoint"]["phase"], 1)
-            if self.jdk() > 11:
-                self.assertGreater(seen["safepoint"]["seconds"], 0)
+            self.assertGreater(seen["safepoint"]["seconds"], 0)
+            self.assertRegex(seen["safepoint"]["operation"], "^(VM_.*)?$")
             times = []
 
             def quick():
@@ -114,10 +130,9 @@ class Hung(Case):
                 self.assertIn('"runaway" doesn\'t reach it', text.splitlines()[0])
                 return times[-1] < 1
             wait_until(f"a look within a second: {times}", quick)
-            if self.jdk() > 11:
-                wait_until("list shows it", lambda: any(
-                    jvm["pid"] == app.pid and "no safepoint since" in (jvm["note"] or "")
-                    for jvm in self.answer("list", "--json").json()))
+            wait_until("list shows it", lambda: any(
+                jvm["pid"] == app.pid and "no safepoint since" in (jvm["note"] or "")
+                for jvm in self.answer("list", "--json").json()))
             out, err = ours.communicate(timeout=LIMIT)
             self.assertEqual((ours.returncode, out), (1, ""), err)
             self.assertIn("qorctl: no answer for 5 s\nJVM", err)
@@ -134,7 +149,7 @@ class Hung(Case):
             self.assertIn(f"kill -CONT {app.pid}", seen["sentence"])
             self.assertEqual([j["note"] for j in self.answer("list", "--json").json() if j["pid"] == app.pid], ["stopped"])
             os.kill(app.pid, signal.SIGCONT)
-            self.until(app, "runs")
+            self.until(app, self.runs())
             for kind, state, on, off in (("freezer", "freezer.state", "FROZEN", "THAWED"),
                                          ("unified", "cgroup.freeze", "1", "0")):
                 with self.subTest(kind=kind), self.cgroup(kind, app.pid) as group:
@@ -147,7 +162,7 @@ class Hung(Case):
                         self.assertIn("is frozen with its cgroup", self.answer("hung", app.pid).out)
                     finally:
                         write(state, off)
-                    self.until(app, "runs")
+                    self.until(app, self.runs())
 
     @contextlib.contextmanager
     def cgroup(self, kind, pid):
@@ -184,7 +199,7 @@ class Hung(Case):
                 seen = self.look(app, "--all")
                 self.assertNotEqual(seen["verdict"], "safepoint not reached", seen)
                 for thread in seen["threads"]:
-                    self.assertFalse(thread["concerned"])
+                    self.assertFalse(self.has_symbols() and thread["concerned"])
                     if thread["proof"] == "did not run while it was read":
                         still += 1
                         self.assertTrue(thread["whole"], thread)

@@ -11,7 +11,6 @@ import java.util.concurrent.locks.LockSupport;
  */
 public final class Hang {
     private static volatile int result;
-    private static volatile boolean hangs;
     private static final Object LOCK = new Object();
 
     private Hang() {}
@@ -63,13 +62,9 @@ public final class Hang {
     private static void obey(String word) {
         if (word.equals("hang")) {
             start("runaway", () -> {
-                hangs = true;
+                System.out.println("hangs"); // from here, as all others may be held up at once
                 result = spin(3, 2000000, 2147483646);
             });
-            while (!hangs) {
-                Thread.yield();
-            }
-            System.out.println("hangs");
         } else if (word.equals("gc")) {
             start("gc-asker", System::gc);
         } else if (word.equals("collect")) {

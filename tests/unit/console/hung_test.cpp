@@ -1,0 +1,193 @@
+// Reading a JVM from outside: what is read of /proc, what observations mean, and that no memory of a target,
+// however odd, leads the reader astray.
+#include "outside/render_hung.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <random>
+
+using namespace qorctl::outside;
+
+namespace {
+
+TEST(Outside, ProcTexts) {
+    const auto place = ParseSyscall("202 0x7f 0x189 0x0 0x0 0x0 0xffffffff 0x7ffe10 0x7f2a");
+    ASSERT_TRUE(place);
+    EXPECT_EQ(place->sp, 0x7ffe10u);
+    EXPECT_EQ(place->pc, 0x7f2au);
+    EXPECT_EQ(ParseSyscall("-1 0x10 0x20")->pc, 0x20u);
+    EXPECT_FALSE(ParseSyscall("running"));
+    EXPECT_FALSE(ParseSyscall(""));
+
+    const auto mapped = FindLibjvm("7f00-7f10 r--p 00000000 08:01 12 /opt/libjvm.so.x\n"
+                                   "7f10-7f20 r--p 00001000 08:01 13 /opt/server/libjvm.so\n"
+                                   "7f20-7f30 r--p 00000000 fd:02 13 /opt/a b/server/libjvm.so (deleted)\n");
+    ASSERT_TRUE(mapped);
+    EXPECT_EQ(mapped->first, 0x7f20u);
+    EXPECT_EQ(mapped->inode, 13u);
+    EXPECT_EQ(mapped->major, 0xfdu);
+    EXPECT_EQ(mapped->path, "/opt/a b/server/libjvm.so");
+    EXPECT_FALSE(FindLibjvm("7f00-zz r--p\n/libjvm.so\n7f"));
+
+    const TaskTimes waits{'S', 100, 7, 0}, moved{'S', 150, 8, 0}, runs{'R', 100, 7, 0}, unknown{'S', 0, 0, 0};
+    EXPECT_TRUE(StayedStill(waits, waits));
+    EXPECT_FALSE(StayedStill(waits, moved));
+    EXPECT_FALSE(StayedStill(runs, waits));
+    EXPECT_FALSE(StayedStill(waits, runs));
+    EXPECT_FALSE(StayedStill(unknown, unknown)); // a kernel that doesn't count
+    EXPECT_FALSE(StayedStill(TaskTimes(), TaskTimes()));
+}
+
+SeenThread Thread(const char *name, int first, int last, double share = 0) {
+    SeenThread thread;
+    thread.name = name;
+    thread.state = first;
+    thread.later_state = last;
+    thread.share = share;
+    return thread;
+}
+
+Observation Seen(std::optional<int> phase, uint64_t counter, uint64_t later) {
+    Observation seen;
+    seen.pid = 7;
+    seen.first.phase = seen.last.phase = phase;
+    seen.first.counter = counter;
+    seen.last.counter = later;
+    seen.threads = {Thread("works", JAVA_IN_JAVA, JAVA_IN_JAVA, 0.9),
+                    Thread("comes", JAVA_IN_NATIVE, JAVA_IN_JAVA, 0.1),
+                    Thread("goes", JAVA_IN_VM, JAVA_BLOCKED),
+                    Thread("sits", JAVA_BLOCKED, JAVA_BLOCKED),
+                    Thread("calls", JAVA_IN_NATIVE, JAVA_IN_NATIVE, 1),
+                    Thread("fills", JAVA_IN_VM, JAVA_IN_VM),
+                    Thread("begins", JAVA_NEW, JAVA_NEW),
+                    Thread("ends", JAVA_IN_JAVA, 0)};
+    return seen;
+}
+
+std::vector<std::string> Concerned(const Observation &seen, Verdict expected) {
+    const Finding finding = Judge(seen);
+    EXPECT_EQ(finding.verdict, expected) << VerdictSentence(seen, finding);
+    std::vector<std::string> names;
+    for (const size_t i : finding.threads)
+        names.push_back(seen.threads[i].name);
+    return names;
+}
+
+TEST(Outside, VerdictsRestOnBothEndsOfALook) {
+    using Names = std::vector<std::string>;
+    EXPECT_EQ(Concerned(Seen(SAFEPOINT_BEGUN, 5, 5), Verdict::NO_SAFEPOINT), (Names{"works", "fills"}));
+    EXPECT_EQ(Concerned(Seen(SAFEPOINT_BEGUN, 5, 7), Verdict::RUNS), Names()); // another safepoint by then
+    EXPECT_EQ(Concerned(Seen(SAFEPOINT_REACHED, 5, 5), Verdict::IN_SAFEPOINT), Names());
+    EXPECT_EQ(Concerned(Seen(std::nullopt, 0, 0), Verdict::UNKNOWN), Names{"works"});
+    EXPECT_EQ(Concerned(Seen(NO_SAFEPOINT, 5, 5), Verdict::RUNS), Names());
+
+    Observation held = Seen(NO_SAFEPOINT, 5, 5);
+    held.threads.push_back(Thread("Attach Listener", JAVA_IN_NATIVE, JAVA_IN_NATIVE));
+    EXPECT_EQ(Concerned(held, Verdict::RUNS), Names()); // it waits for a caller
+    held.unanswered = true;
+    EXPECT_EQ(Concerned(held, Verdict::NOBODY_LISTENS), Names{"Attach Listener"});
+    held.unanswered = false;
+    held.threads.back().pending_monitor = 1;
+    EXPECT_EQ(Concerned(held, Verdict::NOBODY_LISTENS), Names{"Attach Listener"});
+
+    Observation unread = Seen(SAFEPOINT_BEGUN, 5, 5);
+    unread.unread = "why";
+    EXPECT_EQ(Concerned(unread, Verdict::UNREAD), Names());
+    unread.stop.stop = Stop::FROZEN; // needs no memory, and comes first
+    EXPECT_EQ(Concerned(unread, Verdict::FROZEN), Names());
+    unread.stop.stop = Stop::BLOCKED;
+    unread.stop.channels = {{"nfs_wait", 3}};
+    EXPECT_EQ(VerdictSentence(unread, Judge(unread)),
+              "JVM 7 waits in the kernel with all its tasks: 3 in nfs_wait; whether frozen is unknown");
+
+    SeenTask task;
+    task.state = 'R';
+    EXPECT_EQ(WorkOf(task), Work::IDLE);
+    task.major_faults = 4;
+    EXPECT_EQ(WorkOf(task), Work::WAITS_FOR_DISK);
+    task.share = 0.99;
+    EXPECT_EQ(WorkOf(task), Work::WORKS);
+}
+
+// Any bytes at any address, the same each time; a part of the addresses can't be read.
+class RandomMemory : public Memory {
+public:
+    explicit RandomMemory(uint64_t seed) : seed_(seed) {}
+
+protected:
+    bool Fetch(Address from, void *to, size_t size) override {
+        if (seed_ % 3 == 0 && Mixed(from >> 12) % 11 == 0)
+            return false;
+        for (size_t i = 0; i < size; ++i) {
+            const uint64_t word = Mixed((from + i) >> 3);
+            // Words that lead back into the same few pages, and small numbers, lead furthest.
+            const uint64_t value = word % 4 == 0   ? word
+                                   : word % 4 == 1 ? word % 251
+                                                   : 0x10000 + (word >> 8) % 8192 * 8;
+            static_cast<char *>(to)[i] = static_cast<char>(value >> ((from + i) % 8 * 8));
+        }
+        return true;
+    }
+
+private:
+    uint64_t Mixed(uint64_t x) const {
+        x = (x + seed_) * 0x9e3779b97f4a7c15u;
+        x = (x ^ x >> 30) * 0xbf58476d1ce4e5b9u;
+        return x ^ x >> 27;
+    }
+    uint64_t seed_;
+};
+
+VmSymbols RandomSymbols(std::mt19937_64 &random) {
+    VmSymbols symbols;
+    for (const char *name : {"gHotSpotVMStructs", "gHotSpotVMTypes", "gHotSpotVMIntConstants",
+                             "gHotSpotVMStructEntryArrayStride", "gHotSpotVMStructEntryTypeNameOffset",
+                             "gHotSpotVMStructEntryFieldNameOffset", "_ZN20SafepointSynchronize6_stateE",
+                             "_ZN8VMThread17_cur_vm_operationE"})
+        symbols.objects[name] = 0x10000 + random() % 8192;
+    return symbols;
+}
+
+// What isn't there is unknown, and what is there is anything: every walk ends, and none reads out of bounds.
+TEST(Outside, EndsOnAnyMemory) {
+    for (uint64_t seed = 1; seed <= 60; ++seed) {
+        std::mt19937_64 random(seed);
+        RandomMemory memory(seed);
+        const VmSymbols symbols = RandomSymbols(random);
+        VmTable table;
+        table.Load(memory, symbols);
+        for (size_t slot = 0; slot < static_cast<size_t>(Vm::COUNT); ++slot)
+            if (random() % 8 != 0)
+                table.Set(static_cast<Vm>(slot),
+                          static_cast<int64_t>(random() % 2 ? random() % 512 : 0x10000 + random() % 8192));
+        ReadSafepoint(memory, table, symbols);
+        VmObjects objects(memory, table, symbols);
+        CodeCache code(memory, table, objects);
+        StackWalker walker(memory, table, objects, code);
+        for (const Address at : ReadThreadList(memory, table)) {
+            ThreadFacts facts;
+            ReadThread(memory, table, symbols, at, &facts);
+            objects.ThreadName(at);
+            objects.MonitorClass(at);
+            facts.stack_base = 0x20000;
+            facts.stack_size = 0x10000;
+            walker.FromAnchor(facts);
+            StackCopy stack;
+            if (walker.Copy(facts, 0x18000, &stack))
+                walker.Scan(stack);
+            if (random() % 64 == 0)
+                break;
+        }
+        for (int i = 0; i < 50; ++i) {
+            const Address at = 0x10000 + random() % 65536;
+            CodeBlob blob;
+            blob.start = blob.code = at;
+            blob.name = "nmethod";
+            std::vector<Frame> frames;
+            code.AppendFrames(blob, at + random() % 64, &frames);
+            EXPECT_LE(frames.size(), 101u);
+        }
+    }
+}
+
+} // namespace
