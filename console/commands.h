@@ -53,6 +53,7 @@ void RunLocals(const Settings &settings, pid_t pid, const std::string &thread, i
 void RunObject(const Settings &settings, pid_t pid, const std::vector<int64_t> &tags,
                const std::string &follow);
 void RunHeap(const Settings &settings, pid_t pid, double watch);
+void RunHeapKinds(const Settings &settings, pid_t pid, double watch);
 void RunGc(const Settings &settings, pid_t pid, double watch);
 // With `stop` the JVM itself does the work, paused; else a copy of it where one can be made.
 void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch);

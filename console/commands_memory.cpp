@@ -45,8 +45,18 @@ void RunHeap(const Settings &settings, pid_t pid, double watch) {
             Print((line++ % HEADER_EVERY == 0 ? HeapHeader() : "") + HeapLine(memory));
             return;
         }
-        HeapView heap = AskForHeap(settings, pid, watch > 0);
+        HeapView heap = {memory.pools, memory.collectors, memory.jvm_microseconds};
+        if (heap.pools.empty())
+            heap = AskForHeap(settings, pid, watch > 0);
         PrintView(settings, watch, HeapJson(heap, memory), HeapText(heap, memory, TerminalStyle(settings)));
+    });
+}
+
+void RunHeapKinds(const Settings &settings, pid_t pid, double watch) {
+    Repeat(watch, [&] {
+        std::string text = AskOnce(settings, pid, KindsRequest(watch > 0));
+        std::vector<SpaceKinds> spaces = DecodeKinds(OpenReply(text));
+        PrintView(settings, watch, KindsJson(spaces), KindsText(spaces, TerminalStyle(settings)));
     });
 }
 
@@ -54,7 +64,7 @@ void RunGc(const Settings &settings, pid_t pid, double watch) {
     int line = 0;
     std::vector<Collector> before;
     Repeat(watch, [&] {
-        HeapView heap = AskForHeap(settings, pid, watch > 0);
+        MemoryView heap = AskForMemory(settings, pid, watch > 0);
         if (watch <= 0 || settings.json) {
             auto beans = DecodeCollectors(AskOnce(settings, pid, CollectorsRequest(watch > 0)));
             PrintView(settings, watch, CollectorsJson(heap, beans),

@@ -1,5 +1,6 @@
 #include "copy.h"
 
+#include "failure.h"
 #include "protocol.h"
 #include "request.h"
 #include "terminal.h"
@@ -12,6 +13,11 @@ std::string CopyChoice::Note() const {
     if (copied)
         return "by a copy of the JVM, which was paused for the copying alone\n";
     return why.empty() ? "" : fmt::format("the JVM was paused meanwhile: {}\n", Printable(why));
+}
+
+bool OnlyByCopy(std::string_view reply) {
+    constexpr std::string_view WORD = " only";
+    return reply.size() > WORD.size() && reply.substr(reply.size() - WORD.size()) == WORD;
 }
 
 CopyChoice ChooseCopy(std::string_view reply) {
@@ -32,9 +38,13 @@ CopyChoice ChooseCopy(std::string_view reply) {
 }
 
 CopyChoice AskForCopy(Connection *connection, const Settings &settings, std::string_view kind, bool stop) {
-    if (stop)
-        return {FLAG_NO_COPY, false, "by --stop"};
-    return ChooseCopy(connection->Ask(SettingRequest("forkstate", kind), Seconds(settings.timeout)));
+    std::string reply = connection->Ask(SettingRequest("forkstate", kind), Seconds(settings.timeout));
+    if (!stop)
+        return ChooseCopy(reply);
+    if (OnlyByCopy(reply))
+        throw Failure("this JVM is read by address: only a copy of it can walk its heap",
+                      "leave --stop out; the JVM is paused for the copying alone");
+    return {FLAG_NO_COPY, false, "by --stop"};
 }
 
 } // namespace qorctl

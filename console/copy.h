@@ -22,7 +22,10 @@ struct CopyChoice {
 // know the question makes none.
 CopyChoice ChooseCopy(std::string_view reply);
 
-// Asks the agent for it; with `stop` the JVM itself shall do the work.
+// Whether it says that nothing but a copy can do the work.
+bool OnlyByCopy(std::string_view reply);
+
+// Asks the agent for it; with `stop` the JVM itself shall do the work. Throws a Failure where it can't.
 CopyChoice AskForCopy(Connection *connection, const Settings &settings, std::string_view kind, bool stop);
 
 } // namespace qorctl

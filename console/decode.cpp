@@ -44,6 +44,7 @@ constexpr Refusal REFUSALS[] = {
      "the agent's log may say more; with --stop the JVM does it itself, paused meanwhile"},
     {"Class histogram failed", "a copy of the JVM came to no good end, even when made again; with --stop the "
                                "JVM counts itself, paused meanwhile"},
+    {"Heap census failed", "a copy of the JVM came to no good end, even when made again"},
     {"JVM Heap: Error cannot create child pipe", "the JVM may have no descriptor left; ask again"},
     {"Invalid Request", "the agent doesn't know this command; agent and qorctl may be of different versions"},
     {"Unable to complete Request", "the JVM was collecting garbage or the agent was disturbed; ask again"},
@@ -51,6 +52,27 @@ constexpr Refusal REFUSALS[] = {
     {"NoProcessing: Invalid Format", "the request names no setting"},
     {"ERROR Null parameters for request", "the request lacks its arguments"},
 };
+
+const Refusal *FindRefusal(std::string_view text) {
+    for (const Refusal &refusal : REFUSALS)
+        if (text.substr(0, refusal.start.size()) == refusal.start)
+            return &refusal;
+    return nullptr;
+}
+
+Failure Refused(std::string_view text, const char *hint) {
+    std::string_view line = text.substr(0, text.find_first_of("\n|\x1e\x1f"));
+    return Failure(fmt::format("the agent answers \"{}\"", line), hint);
+}
+
+// A JVM read by address is refused behind the use of its heap.
+void CheckEnd(const Reply &reply) {
+    if (reply.sections.size() < 2 || reply.sections[0].title != TITLE_SPACES)
+        return;
+    const Section &last = reply.sections.back();
+    if (last.records.empty() && FindRefusal(last.title))
+        throw Refused(last.title, "only a copy of the JVM could do that; 'heap' shows how full the heap is");
+}
 
 // A method name can't hold the arrow, a class name can: the last one separates. A framework's words hold
 // none, the texts behind them may.
@@ -332,17 +354,15 @@ Reply OpenReply(std::string_view text) {
     size_t size = text.size();
     reply.jvm_microseconds = TakeTiming(&text); // a refusal may be timed too
     reply.reached_limit = !reply.jvm_microseconds && size + LARGEST_PIECE >= REPLY_LIMIT;
-    for (const Refusal &refusal : REFUSALS)
-        if (text.substr(0, refusal.start.size()) == refusal.start) {
-            std::string_view line = text.substr(0, text.find_first_of("\n|\x1e\x1f"));
-            throw Failure(fmt::format("the agent answers \"{}\"", line), refusal.hint);
-        }
+    if (const Refusal *refusal = FindRefusal(text))
+        throw Refused(text, refusal->hint);
     reply.text = text;
     size_t start = 0;
     for (size_t end; (end = text.find(SECTION_END, start)) != text.npos; start = end + 1)
         reply.sections.push_back(CutSection(text.substr(start, end - start), true));
     if (start < text.size())
         reply.sections.push_back(CutSection(text.substr(start), false));
+    CheckEnd(reply);
     return reply;
 }
 

@@ -21,7 +21,7 @@ struct CommandLine {
     bool raw_bytes = false;
     int log_level = 0, top = 20;
     std::string dump_name, dump_file;
-    bool stop = false, hprof = false, live = false;
+    bool stop = false, hprof = false, live = false, kinds = false;
     int frame = 0, client_port = 0;
     SessionsCommand sessions;
     std::string fork_dump;
@@ -169,7 +169,10 @@ void AddMemory(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *heap = AddJvmCommand(app, "heap", "Show how full the heap is", line);
     AddWatch(heap, &line->watch);
-    heap->final_callback([=] { RunHeap(*settings, line->pid, line->watch); });
+    heap->add_flag(
+        "--kinds", line->kinds,
+        "What the spaces hold by kinds of objects, counted by a copy: of a JVM that is read by address");
+    heap->final_callback([=] { (line->kinds ? RunHeapKinds : RunHeap)(*settings, line->pid, line->watch); });
 
     CLI::App *gc = AddJvmCommand(app, "gc", "Show how often the collectors have run", line);
     AddWatch(gc, &line->watch);

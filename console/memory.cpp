@@ -4,6 +4,8 @@
 #include "protocol.h"
 #include "records.h"
 
+#include <algorithm>
+
 namespace qorctl {
 
 namespace {
@@ -59,6 +61,33 @@ bool ReadMemory(std::string_view record, MemoryView *view) {
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
     return field.size() == FIELDS && ReadNumber(field[USED], &view->used_kib) &&
            ReadNumber(field[GREATEST], &view->max_kib);
+}
+
+// The seven figures of kinds and the two behind them.
+bool ReadKinds(std::string_view record, std::string *name, int64_t (&figures)[KINDS], int64_t *first,
+               int64_t *second) {
+    constexpr size_t FIRST = 1 + OTHER_KINDS, SECOND = FIRST + 1, FIELDS = SECOND + 1;
+    Fields field = Split(record, FIELD_SEP);
+    bool read =
+        field.size() == FIELDS && ReadNumber(field[FIRST], first) && ReadNumber(field[SECOND], second);
+    for (size_t i = 0; read && i < OTHER_KINDS; ++i)
+        read = ReadNumber(field[i + 1], &figures[i]);
+    *name = field[0];
+    return read;
+}
+
+bool ReadKindSizes(std::string_view record, SpaceKinds *space) {
+    return ReadKinds(record, &space->name, space->kib, &space->used_kib, &space->max_kib);
+}
+
+bool ReadKindCounts(std::string_view record, SpaceKinds *space) {
+    int64_t unused = 0;
+    if (!ReadKinds(record, &space->name, space->count, &unused, &space->objects))
+        return false;
+    space->count[OTHER_KINDS] = space->objects;
+    for (size_t i = 0; i < OTHER_KINDS; ++i)
+        space->count[OTHER_KINDS] -= space->count[i];
+    return true;
 }
 
 bool ReadClassCount(std::string_view record, ClassCount *count) {
@@ -130,6 +159,13 @@ MemoryView DecodeMemory(const Reply &reply) {
                 view.max_kib = memory.max_kib;
                 found = true;
             });
+        else if (section.title == TITLE_SPACES)
+            reader.Each<HeapPool>(section, ReadPool, [&](HeapPool &&pool) {
+                view.used_kib += static_cast<int64_t>(pool.used_kib);
+                view.max_kib += static_cast<int64_t>(pool.max_kib);
+                view.pools.push_back(std::move(pool));
+                found = true;
+            });
         else if (section.title == TITLE_COLLECTIONS)
             ReadCollectors(&reader, section, &view.collectors);
         else if (section.title == TITLE_MEMORY_OBJECTS)
@@ -141,6 +177,31 @@ MemoryView DecodeMemory(const Reply &reply) {
         throw NoView("memory figures");
     view.jvm_microseconds = reply.jvm_microseconds;
     return view;
+}
+
+std::vector<SpaceKinds> DecodeKinds(const Reply &reply) {
+    std::vector<SpaceKinds> spaces;
+    RecordReader reader(reply);
+    size_t counted = 0;
+    auto add_counts = [&](SpaceKinds &&space) {
+        if (counted == spaces.size() || spaces[counted].name != space.name)
+            throw UnknownForm("the tables of objects don't name the same spaces");
+        std::copy(space.count, space.count + KINDS, spaces[counted].count);
+        spaces[counted++].objects = space.objects;
+    };
+    for (const Section &section : reply.sections)
+        if (section.title == TITLE_MEMORY)
+            reader.Each<SpaceKinds>(section, ReadKindSizes,
+                                    [&](SpaceKinds &&space) { spaces.push_back(std::move(space)); });
+        else if (section.title == TITLE_MEMORY_OBJECTS)
+            reader.Each<SpaceKinds>(section, ReadKindCounts, add_counts);
+        else if (section.title == TITLE_COLLECTIONS)
+            reader.Skip(section);
+        else
+            reader.Unknown(section);
+    if (spaces.empty() || counted != spaces.size())
+        throw NoView("objects by kind");
+    return spaces;
 }
 
 Histogram DecodeHistogram(const Reply &reply) {

@@ -36,8 +36,21 @@ struct CollectorBean {
 // Heap as a whole.
 struct MemoryView {
     int64_t used_kib = 0, max_kib = 0;
+    std::vector<HeapPool> pools; // of a JVM read by address
     std::vector<Collector> collectors;
     std::optional<uint64_t> jvm_microseconds;
+};
+
+// What a space holds, by kinds of objects: classes, methods, instances, arrays, constant pools, symbols,
+// holders of compiled calls, and what is of none of these.
+enum : size_t { KINDS = 8, OTHER_KINDS = 7 };
+constexpr std::string_view KIND_NAMES[KINDS] = {"classes", "methods", "instances", "arrays",
+                                                "pools",   "symbols", "holders",   "other"};
+
+struct SpaceKinds {
+    std::string name;
+    int64_t used_kib = 0, max_kib = 0, objects = 0;
+    int64_t kib[KINDS] = {}, count[KINDS] = {}; // the size of the last isn't told
 };
 
 struct ClassCount {
@@ -58,8 +71,11 @@ HeapView DecodeHeap(const Reply &reply);
 // The JVM's own collectors; none when the agent doesn't know the question.
 std::vector<CollectorBean> DecodeCollectors(std::string_view reply);
 
-// The heap as a whole, and the collectors.
+// The heap as a whole, and the collectors. Of a JVM read by address its spaces too.
 MemoryView DecodeMemory(const Reply &reply);
+
+// The spaces of a JVM read by address and what they hold; another JVM doesn't count that.
+std::vector<SpaceKinds> DecodeKinds(const Reply &reply);
 
 // The classes that hold the most heap.
 Histogram DecodeHistogram(const Reply &reply);

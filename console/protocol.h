@@ -34,6 +34,7 @@ constexpr std::string_view TITLE_OWNED_LOCKS = "JVM Locks";
 constexpr std::string_view TITLE_NO_LOCKS = "No Locks held by Current Thread";
 constexpr std::string_view TITLE_LOCK_HOLDER = "Thread Holding Lock";
 constexpr std::string_view TITLE_HEAP = "JVM Heap Usage";
+constexpr std::string_view TITLE_SPACES = "JVM Memory Usage"; // of a JVM read by address
 constexpr std::string_view TITLE_MEMORY = "JVM Heap Memory Usage";
 constexpr std::string_view TITLE_MEMORY_OBJECTS = "JVM Heap Number of Objects";
 constexpr std::string_view TITLE_COLLECTIONS = "JVM Garbage Collections";

@@ -95,6 +95,34 @@ Json HeapJson(const HeapView &heap, const MemoryView &memory) {
             {"jvm_microseconds", OrNull(heap.jvm_microseconds)}};
 }
 
+std::string KindsText(const std::vector<SpaceKinds> &spaces, const Style &style) {
+    Table table({{"SPACE"}, {"KIND"}, {"OBJECTS", true}, {"SIZE", true}});
+    for (const SpaceKinds &space : spaces) {
+        for (size_t i = 0; i < KINDS; ++i)
+            if (space.count[i] > 0)
+                table.Add({space.name, std::string(KIND_NAMES[i]), CountText(space.count[i]),
+                           i == OTHER_KINDS ? "-" : SizeText(space.kib[i] * KIB)});
+        table.Add({space.name, std::string("all"), CountText(space.objects), SizeText(space.used_kib * KIB)});
+    }
+    return table.Text(style);
+}
+
+Json KindsJson(const std::vector<SpaceKinds> &spaces) {
+    Json array = Json::array();
+    for (const SpaceKinds &space : spaces) {
+        Json kinds = Json::object();
+        for (size_t i = 0; i < KINDS; ++i)
+            kinds[std::string(KIND_NAMES[i])] = {{"objects", space.count[i]},
+                                                 {"kib", i == OTHER_KINDS ? Json() : Json(space.kib[i])}};
+        array.push_back({{"name", space.name},
+                         {"used_kib", space.used_kib},
+                         {"max_kib", space.max_kib},
+                         {"objects", space.objects},
+                         {"kinds", kinds}});
+    }
+    return {{"spaces", array}};
+}
+
 std::string HeapHeader() {
     return fmt::format("{:<8} {:>{w}} {:>{w}} {:>{w}}\n", "time", "used", "max", "used%",
                        fmt::arg("w", SERIES_WIDTH));
@@ -116,7 +144,7 @@ std::string CollectorTable(const std::vector<Collector> &kinds, const std::vecto
     return table.Text(style);
 }
 
-Json CollectorsJson(const HeapView &heap, const std::vector<CollectorBean> &beans) {
+Json CollectorsJson(const MemoryView &heap, const std::vector<CollectorBean> &beans) {
     Json own = Json::array();
     for (const CollectorBean &bean : beans)
         own.push_back({{"name", bean.name},

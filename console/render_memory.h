@@ -19,6 +19,10 @@ std::string ClockText();
 std::string HeapText(const HeapView &heap, const MemoryView &memory, const Style &style);
 Json HeapJson(const HeapView &heap, const MemoryView &memory);
 
+// What the spaces hold.
+std::string KindsText(const std::vector<SpaceKinds> &spaces, const Style &style);
+Json KindsJson(const std::vector<SpaceKinds> &spaces);
+
 // One line of a series, and the line that names its columns.
 std::string HeapHeader();
 std::string HeapLine(const MemoryView &memory);
@@ -26,7 +30,7 @@ std::string HeapLine(const MemoryView &memory);
 // The kinds of collections, and the JVM's own collectors with their times.
 std::string CollectorTable(const std::vector<Collector> &kinds, const std::vector<CollectorBean> &beans,
                            const Style &style);
-Json CollectorsJson(const HeapView &heap, const std::vector<CollectorBean> &beans);
+Json CollectorsJson(const MemoryView &heap, const std::vector<CollectorBean> &beans);
 
 // One line of a series: counts, and how many were added since the line before.
 std::string CollectorHeader(const std::vector<Collector> &collectors);

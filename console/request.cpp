@@ -128,6 +128,10 @@ std::string MemoryRequest(bool repeated) {
     return fmt::format("{}|showmem|{}", BaseFlags(repeated), uint32_t(MEM_SUMMARY));
 }
 
+std::string KindsRequest(bool repeated) {
+    return fmt::format("{}|showmem|{}", BaseFlags(repeated), uint32_t(MEM_DETAILS));
+}
+
 std::string HistogramRequest(uint32_t copy_flags) {
     return fmt::format("{}|showmem|{}|{}", BaseFlags(false) | copy_flags, uint32_t(MEM_DETAILS),
                        HISTOGRAM_WORD);

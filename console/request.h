@@ -39,6 +39,8 @@ std::string SummaryRequest(bool repeated);
 std::string HeapRequest(bool repeated);
 std::string CollectorsRequest(bool repeated);
 std::string MemoryRequest(bool repeated);
+// What the spaces of a JVM read by address hold.
+std::string KindsRequest(bool repeated);
 // `copy_flags`: FLAG_COPY, FLAG_NO_COPY or none.
 std::string HistogramRequest(uint32_t copy_flags);
 

@@ -12,6 +12,7 @@
 #include "RequestHandler/memory_views.h"
 #include "Xtier/DirectConnections.h"
 #include "Xtier/LocalWalkTimes.h"
+#include "heaptraverse/heap_census.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
 #include "qorutil/vm_text.h"
@@ -57,10 +58,15 @@ void SetForkDump(char *value) {
 // Whether a copy can make a histogram or, with the value "dump", a text dump.
 void ShowForkState(char *value) {
     const bool dump = value && strncmp(value, "dump", 4) == 0;
-    const char *why = "QOR Uninitialized for this JVM";
-    if (QorCanInspect())
+    const char *why = "QOR Uninitialized for this JVM", *note = "";
+    if (QorCanInspect() && !QorOnJvmtiRoad()) {
+        const int32_t refusal = QorCheckFork(FORK_FOR_READING, QorDirectHeapInUse());
+        why = refusal ? QorForkRefusalText(refusal) : nullptr;
+        note = "only"; // nothing but a copy walks the heap of a JVM that is read by address
+    } else if (QorCanInspect()) {
         why = QorWhyNoCopy(dump ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM, QorJvmHeapInUse());
-    QOR_REPLY("forkstate=%d forkdump=%d %s", !why, QorGetForkHeapDumpCapability(), why ? why : "");
+    }
+    QOR_REPLY("forkstate=%d forkdump=%d %s", !why, QorGetForkHeapDumpCapability(), why ? why : note);
 }
 
 void SetHandQuota(char *value) {

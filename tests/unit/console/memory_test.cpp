@@ -51,13 +51,40 @@ TEST(DecodeMemoryViews, HeapAndCollectors) {
               "Minor                          -\n"
               "G1 Young Generation        1,884        98,765\n"
               "Epsilon                        -             -\n");
-    Json json = CollectorsJson(heap, beans);
+    Json json = CollectorsJson(memory, beans);
     EXPECT_TRUE(json["collectors"][1]["count"].is_null());
     EXPECT_EQ(json["jvm_collectors"][0]["milliseconds"], 98765);
     EXPECT_TRUE(DecodeCollectors("NoProcessing: Unkownn argument").empty()) << "an older agent";
 }
 
+const std::string SPACES = "JVM Memory Usage;Eden~24576~12~1~24564;Perm~65536~60~1~65476;!";
+const std::string COLLECTIONS = "JVM Garbage Collections;Minor~7;Major~2!"; // its last record has no end
+
+TEST(DecodeMemoryViews, SpacesOfAJvmReadByAddress) {
+    std::string text = Wire(SPACES + COLLECTIONS + TIMING);
+    MemoryView memory = DecodeMemory(OpenReply(text));
+    ASSERT_EQ(memory.pools.size(), 2u);
+    EXPECT_EQ(memory.pools[1].available_kib, 65476u);
+    EXPECT_EQ(memory.used_kib, 72);
+    EXPECT_EQ(memory.max_kib, 90112);
+    ASSERT_EQ(memory.collectors.size(), 2u);
+    EXPECT_EQ(memory.collectors[1].count, 2);
+    text = Wire("JVM Heap Memory Usage;Perm~1~2~3~4~5~6~7~60~65536;!"
+                "JVM Heap Number of Objects;Perm~10~20~30~40~50~60~70~0~300;!" +
+                COLLECTIONS + TIMING);
+    std::vector<SpaceKinds> spaces = DecodeKinds(OpenReply(text));
+    ASSERT_EQ(spaces.size(), 1u);
+    EXPECT_EQ(KindsJson(spaces)["spaces"][0]["kinds"]["symbols"]["kib"], 6);
+    EXPECT_NE(KindsText(spaces, Style()).find("Perm   other           20     -"), std::string::npos)
+        << KindsText(spaces, Style());
+    text = Wire(SPACES + COLLECTIONS + "Unable to start Heap Dump: no further process is allowed.!" + TIMING);
+    EXPECT_THROW(OpenReply(text), Failure);
+}
+
 TEST(DecodeMemoryViews, WrongRepliesAreRefused) {
+    for (const std::string &wrong : {MEMORY + TIMING, SPACES + TIMING})
+        EXPECT_THROW(DecodeKinds(OpenReply(Wire(wrong))), Failure) << wrong;
+
     for (const std::string &wrong : {TIMING, "JVM Heap Usage;Old~1~2~3;!" + TIMING, MEMORY + TIMING,
                                      "JVM Heap Usage;Old~1~2~x~4;!" + TIMING})
         EXPECT_THROW(DecodeHeap(OpenReply(Wire(wrong))), Failure) << wrong;
