@@ -1,0 +1,241 @@
+// What the agent finds in the simulated VM's heap, compared with the heap's description.
+#include "agent.h"
+#include "heap.h"
+#include "storm.h"
+
+#include "heaptraverse/heap_census.h"
+#include "qoragent/worker.h"
+#include "qorutil/vm_offsets.h"
+#include "qorutil/vm_reader.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <random>
+#include <set>
+#include <thread>
+
+using namespace simvm;
+
+namespace {
+
+const std::string F = "\x1d", R = "\x1e", S = "\x1f";
+
+void WithAgent(const Options &options, const std::function<void()> &body) {
+    Options on = options;
+    on.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(on);
+    Script main = MainScript();
+    EmitScript(&main);
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0);
+        body();
+        Ask("SHUTDOWN");
+        while (QorWorkerLives())
+            usleep(1000);
+    });
+}
+
+std::string Untimed(const std::string &reply) {
+    return reply.substr(0, reply.find("Time spent in JVM"));
+}
+
+std::string UsageText() {
+    std::string text = "JVM Memory Usage" + R;
+    for (const SpaceUse &use : UseOfSpaces()) {
+        const int64_t capacity = use.capacity / 1024, used = use.used / 1024;
+        text += use.name + F + std::to_string(capacity) + F + std::to_string(used) + F +
+                std::to_string(use.percent) + F + std::to_string(capacity - used) + R;
+    }
+    return text + S;
+}
+
+std::string CollectionsText() {
+    return "JVM Garbage Collections" + R + "Minor" + F + std::to_string(vm.collections.minor) + R + "Major" +
+           F + std::to_string(vm.collections.major) + S;
+}
+
+std::string TableText() {
+    std::string sizes = "JVM Heap Memory Usage" + R, counts = "JVM Heap Number of Objects" + R;
+    for (const SpaceUse &use : UseOfSpaces()) {
+        Census census = CensusOf(*use.space);
+        sizes += use.name;
+        counts += use.name;
+        for (const char *letters : {"AB", "2F", "8", "[", "34", "1", "*"}) {
+            Count sum;
+            for (const char *letter = letters; *letter; letter++) {
+                sum.objects += census.types[*letter].objects;
+                sum.bytes += census.types[*letter].bytes;
+            }
+            sizes += F + std::to_string(sum.bytes / 1024);
+            counts += F + std::to_string(sum.objects);
+        }
+        sizes += F + std::to_string(use.used / 1024) + F + std::to_string(use.capacity / 1024) + R;
+        counts += F + "0" + F + std::to_string(census.all.objects) + R;
+    }
+    return sizes + S + counts + S;
+}
+
+// Every kind and every gap, to the byte: in the process, which reads by windows.
+void CompareCensus() {
+    const std::pair<char, VmType> KINDS[] = {{'1', TYPE_SYMBOL},
+                                             {'2', TYPE_METHOD},
+                                             {'F', TYPE_CONST_METHOD},
+                                             {'3', TYPE_POOL},
+                                             {'4', TYPE_POOL_CACHE},
+                                             {'8', TYPE_INSTANCE},
+                                             {'[', TYPE_ARRAY},
+                                             {'*', TYPE_COMPILED_IC_HOLDER},
+                                             {'H', TYPE_METHOD_DATA},
+                                             {'A', TYPE_KLASS_KLASS},
+                                             {'B', TYPE_INSTANCE_KLASS_KLASS},
+                                             {'C', TYPE_ARRAY_KLASS_KLASS},
+                                             {'D', TYPE_OBJ_ARRAY_KLASS_KLASS},
+                                             {'E', TYPE_TYPE_ARRAY_KLASS_KLASS}};
+    QorMeasureHeap();
+    int32_t i = 0;
+    for (const SpaceUse &use : UseOfSpaces()) {
+        Census census = CensusOf(*use.space);
+        QorSpaceCensus space;
+        EXPECT_EQ(QorScanSpace(i++, &space, nullptr, nullptr), census.all.objects) << use.name;
+        EXPECT_EQ(int64_t(space.bytes), census.all.bytes) << use.name;
+        EXPECT_EQ(int64_t(space.skippedBytes), census.skippedBytes) << use.name;
+        EXPECT_EQ(int64_t(space.skippedRuns), census.skippedRuns) << use.name;
+        for (auto &[letter, type] : KINDS) {
+            EXPECT_EQ(int64_t(space.count[type]), census.types[letter].objects) << use.name << letter;
+            EXPECT_EQ(int64_t(space.typeBytes[type]), census.types[letter].bytes) << use.name << letter;
+        }
+    }
+}
+
+// Rows in any order.
+std::set<std::string> ClassRows() {
+    std::map<std::string, Count> classes;
+    for (const SpaceUse &use : UseOfSpaces())
+        for (auto &[name, count] : CensusOf(*use.space).classes) {
+            classes[name].objects += count.objects;
+            classes[name].bytes += count.bytes;
+        }
+    std::set<std::string> rows;
+    for (auto &[name, count] : classes)
+        rows.insert((name[0] == '[' ? name : "L" + name + ";") + F + std::to_string(count.objects) + F +
+                    std::to_string(count.bytes / 1024) + F);
+    return rows;
+}
+
+struct HeapCase {
+    Collector collector;
+    const char *version;
+    HeapFlags flags;
+    bool full, wide;
+};
+// No divisor is taken for granted; a young generation of 4 GB and more wraps.
+const HeapCase HEAP_CASES[] = {
+    {Collector::SERIAL, "1.5.0_22", {}, false, false},
+    {Collector::SERIAL, "1.5.0_07", {128 << 20, 64 << 20, 32 << 20, -1, 6}, true, false},
+    {Collector::PARALLEL, "1.5.0_08", {8l << 30, 64 << 20, 16l << 30, 2, 8}, false, false},
+    {Collector::PARALLEL, "1.5.0_22", {128 << 20, 0, 32 << 20, 2, -2}, true, false},
+    {Collector::CONCURRENT, "1.5.0_10", {0, 0, 0, 0, 0}, false, false},
+    {Collector::CONCURRENT, "1.5.0_22", {}, true, false},
+    {Collector::SERIAL, "1.5.0_17", {}, false, true},
+};
+
+} // namespace
+
+class Heap : public testing::TestWithParam<HeapCase> {};
+
+TEST_P(Heap, IsCountedAsDescribed) {
+    const HeapCase &c = GetParam();
+    Options options;
+    options.collector = c.collector;
+    options.version = c.version;
+    options.flags = c.flags;
+    options.wide = c.wide;
+    WithAgent(options, [&] {
+        if (!c.wide)
+            FillHeap(c.full ? FullHeap() : TrickyHeap(), 7);
+        SetCollections({12, 3, 4567000, 89000});
+        EXPECT_EQ(Untimed(Ask("1|showmem|128|")), UsageText() + CollectionsText());
+        EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
+        const std::string classes = Untimed(Ask("1|showmem|512|ClassHistogramOnly"));
+        const std::vector<std::string> rows = Split(classes.substr(0, classes.size() - 1), R[0]);
+        EXPECT_EQ(rows[0], "JVM Class Details");
+        EXPECT_EQ(std::set<std::string>(rows.begin() + 1, rows.end()), ClassRows());
+        const std::vector<std::string> system = Split(Ask("129|showqor|8192|"), F[0]);
+        EXPECT_EQ(system[2] + " " + system[3] + " " + system[5] + " " + system[6], "12 3 4567 89");
+        CompareCensus();
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Simvm, Heap, testing::ValuesIn(HEAP_CASES));
+
+// A from space that has changed place is found without another start; spaces that nobody has used are empty.
+TEST(HeapUse, FollowsTheFromSpace) {
+    WithAgent({}, [] {
+        NewObject("java/lang/Object", 'F');
+        Collect();
+        EXPECT_EQ(Untimed(Ask("1|showmem|128|")), UsageText() + CollectionsText());
+        EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
+    });
+}
+
+TEST(HeapUse, IsToldWithEachRefusal) {
+    WithAgent({}, [] {
+        auto &collecting = At(vm.heap, &CollectedHeap::collecting);
+        collecting = 1;
+        const std::string refused = Ask("2|showqor|128|");
+        collecting = 0;
+        EXPECT_EQ(
+            refused.rfind(UsageText() + CollectionsText() + "Unable to complete Request. Please Try", 0), 0u)
+            << refused;
+        gbiForkHeapShares[FORK_FOR_READING] = 1 << 30;
+        EXPECT_EQ(Untimed(Ask("1|showmem|512|")),
+                  UsageText() + CollectionsText() +
+                      "System low on Virtual Memory, Unable to start Heap Dump." + S);
+        gbiForkHeapShares[FORK_FOR_READING] = 1;
+        // A copy that sees a collection says so, and is made again when that is over.
+        collecting = 1;
+        std::thread collector([&] {
+            usleep(50000);
+            collecting = 0;
+        });
+        EXPECT_EQ(Untimed(Ask("4|showmem|512|")), TableText() + CollectionsText());
+        collector.join();
+    });
+}
+
+// Words of the heap's own structures hold anything: the figures are wrong, and right again afterwards.
+TEST(SpoiltHeap, HarmsNobody) {
+    Options options;
+    options.collector = Collector::CONCURRENT;
+    WithAgent(options, [] {
+        FillHeap(TrickyHeap(), 11);
+        std::mt19937 random(3);
+        const Word structures[] = {vm.heap, vm.perm.structure, vm.old.structure, vm.eden.structure,
+                                   vm.from.structure};
+        for (int i = 0; i < 60; i++) {
+            Word *word = &As<Word>(structures[random() % 5]) + random() % 20;
+            const Word values[] = {
+                0, 1, ~Word(0), vm.perm.structure, vm.eden.top, vm.old.bottom, 0x7f5a5a5a5a58, *word + 4};
+            const Word before = *word;
+            *word = values[random() % 8];
+            const std::string usage = Ask("5|showmem|128|"), tables = Ask("5|showmem|512|");
+            *word = before;
+            EXPECT_NE(usage.find("JVM Garbage Collections"), std::string::npos) << i;
+            EXPECT_NE(tables.find("JVM Garbage Collections"), std::string::npos) << i;
+        }
+        EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
+    });
+}
+
+TEST(Storm, IsCountedWithoutHarm) {
+    WithAgent({}, [] {
+        StartStorm({});
+        for (int i = 0; i < 20; i++) {
+            const std::string reply = Ask("1|showmem|512|");
+            EXPECT_NE(reply.find("JVM Heap Number of Objects"), std::string::npos) << reply;
+        }
+        const StormFigures figures = StopStorm();
+        EXPECT_GT(figures.collections, 0);
+        EXPECT_EQ(figures.foreignSent, figures.foreignArrived + figures.foreignMerged);
+    });
+}
