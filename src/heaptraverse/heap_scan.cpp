@@ -14,8 +14,8 @@ namespace {
 constexpr uint64_t STEP = VM_WORD_SIZE; // from one place where an object may begin to the next
 constexpr uint64_t SMALLEST = 16;       // mark and klass
 constexpr uint64_t WINDOW_SIZE = 64 * 1024;
-constexpr uint64_t MOST_UNREADABLE = 64 << 20; // of a space; what comes then isn't looked at
-constexpr int32_t OBJECTS_PER_LOOK = 1000;     // whether the worker is asked to leave
+constexpr uint64_t MOST_UNREADABLE = 4 << 20; // of a space; what comes then isn't looked at
+constexpr int32_t OBJECTS_PER_LOOK = 1000;    // whether the worker is asked to leave
 constexpr uint64_t KNOWN_KLASSES = 1024;
 constexpr uint32_t USUAL_ARRAY_HEADER = 24, LARGEST_ARRAY_HEADER = 32;
 constexpr int32_t MAX_RANGES = 64;
@@ -97,6 +97,17 @@ void SkipPage(Walk *walk) {
     const uint64_t page = std::min(VM_PAGE_SIZE - walk->at % VM_PAGE_SIZE, left);
     walk->unreadable += page;
     Skip(walk, walk->unreadable > MOST_UNREADABLE ? left : page);
+}
+
+// How far from walk->at on, in the window, there is no klass where an object would have one.
+uint64_t BytesWithoutKlass(const Walk &walk) {
+    uint64_t bytes = 0;
+    for (uint64_t klass = 0; walk.at + bytes + SMALLEST <= walk.windowEnd; bytes += STEP) {
+        memcpy(&klass, window + (walk.at + bytes + OBJECT_KLASS - walk.windowStart), sizeof klass);
+        if (klass != 0)
+            break;
+    }
+    return bytes;
 }
 
 // The kind of a klass whose objects have no common size, by the functions in its virtual table.
@@ -220,7 +231,7 @@ int64_t QorScanSpace(int32_t space, QorSpaceCensus *census, QorObjectVisit visit
             if (visit && !visit(object, context))
                 break;
         } else {
-            Skip(&walk, STEP);
+            Skip(&walk, std::max(STEP, BytesWithoutKlass(walk)));
         }
     }
     return static_cast<int64_t>(census->objects);

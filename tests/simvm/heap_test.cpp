@@ -126,17 +126,16 @@ struct HeapCase {
     Collector collector;
     const char *version;
     HeapFlags flags;
-    bool full, wide;
+    bool full;
 };
 // No divisor is taken for granted; a young generation of 4 GB and more wraps.
 const HeapCase HEAP_CASES[] = {
-    {Collector::SERIAL, "1.5.0_22", {}, false, false},
-    {Collector::SERIAL, "1.5.0_07", {128 << 20, 64 << 20, 32 << 20, -1, 6}, true, false},
-    {Collector::PARALLEL, "1.5.0_08", {8l << 30, 64 << 20, 16l << 30, 2, 8}, false, false},
-    {Collector::PARALLEL, "1.5.0_22", {128 << 20, 0, 32 << 20, 2, -2}, true, false},
-    {Collector::CONCURRENT, "1.5.0_10", {0, 0, 0, 0, 0}, false, false},
-    {Collector::CONCURRENT, "1.5.0_22", {}, true, false},
-    {Collector::SERIAL, "1.5.0_17", {}, false, true},
+    {Collector::SERIAL, "1.5.0_22", {}, false},
+    {Collector::SERIAL, "1.5.0_07", {128 << 20, 64 << 20, 32 << 20, -1, 6}, true},
+    {Collector::PARALLEL, "1.5.0_08", {8l << 30, 64 << 20, 16l << 30, 2, 8}, false},
+    {Collector::PARALLEL, "1.5.0_22", {128 << 20, 0, 32 << 20, 2, -2}, true},
+    {Collector::CONCURRENT, "1.5.0_10", {0, 0, 0, 0, 0}, false},
+    {Collector::CONCURRENT, "1.5.0_22", {}, true},
 };
 
 } // namespace
@@ -149,10 +148,8 @@ TEST_P(Heap, IsCountedAsDescribed) {
     options.collector = c.collector;
     options.version = c.version;
     options.flags = c.flags;
-    options.wide = c.wide;
     WithAgent(options, [&] {
-        if (!c.wide)
-            FillHeap(c.full ? FullHeap() : TrickyHeap(), 7);
+        FillHeap(c.full ? FullHeap() : TrickyHeap(), 7);
         SetCollections({12, 3, 4567000, 89000});
         EXPECT_EQ(Untimed(Ask("1|showmem|128|")), UsageText() + CollectionsText());
         EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
@@ -212,8 +209,10 @@ TEST(SpoiltHeap, HarmsNobody) {
         std::mt19937 random(3);
         const Word structures[] = {vm.heap, vm.perm.structure, vm.old.structure, vm.eden.structure,
                                    vm.from.structure};
-        for (int i = 0; i < 60; i++) {
+        for (int i = 0; i < 40; i++) {
             Word *word = &As<Word>(structures[random() % 5]) + random() % 20;
+            if (word == &As<Word>(vm.heap) + 4) // a collection that never ends is waited for
+                continue;
             const Word values[] = {
                 0, 1, ~Word(0), vm.perm.structure, vm.eden.top, vm.old.bottom, 0x7f5a5a5a5a58, *word + 4};
             const Word before = *word;
