@@ -239,6 +239,9 @@ int main(int count, char **words) {
     for (auto &[name, object] : scene.named)
         if (options.truth)
             printf("{\"name\": \"%s\", \"object\": %s}\n", name.c_str(), ObjectText(object).c_str());
+    for (auto &[server, port] : scene.ports)
+        if (options.truth)
+            printf("{\"name\": \"%s\", \"port\": %d}\n", server.c_str(), port);
     Script main = MainScript();
     EmitScript(&main);
     int status = 0;

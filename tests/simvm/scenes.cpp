@@ -117,6 +117,8 @@ void StageScene(const std::string &name, Scene *scene) {
         StageDrivers(scene);
     else if (name == "tiers")
         StageTiers(scene);
+    else if (name.rfind("servers", 0) == 0)
+        StageServers(name, scene);
     else if (name == "heap") {
         StageShop(scene);
         StageRoots(scene->runners.front()->info, ChainEnd::NONE);
@@ -130,6 +132,8 @@ void StageScene(const std::string &name, Scene *scene) {
 }
 
 void EndScene(Scene *scene) {
+    if (scene->helper.joinable())
+        scene->helper.join();
     for (Runner *runner : scene->runners)
         Leave(runner);
     scene->runners.clear();

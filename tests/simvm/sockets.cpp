@@ -43,6 +43,16 @@ int Closed() {
 
 } // namespace
 
+int32_t ListenOn(Scene *scene) {
+    Address at = Loopback(false);
+    socklen_t size = sizeof at.four;
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(listener, &at.any, size) || listen(listener, 1))
+        Fail("no listening socket");
+    scene->descriptors.push_back(listener);
+    return stoi(PortOf(listener, getsockname));
+}
+
 Connected Connect(Scene *scene, SocketKind kind) {
     if (kind == SocketKind::CLOSED)
         return {Closed(), "", "", ""};

@@ -27,6 +27,7 @@ struct Connected {
     std::string localPort, remotePort, peer; // empty: none
 };
 Connected Connect(Scene *scene, SocketKind kind);
+int32_t ListenOn(Scene *scene); // a port of the loopback
 // Structures of the native driver from its state to the one with the descriptor. The scene "drivers" names
 // statements "hole 0" and on, whose chain ends in that structure.
 constexpr int NATIVE_STEPS = 11;
@@ -34,5 +35,8 @@ constexpr int NATIVE_STEPS = 11;
 void StageReaders(Scene *scene);
 void StageDrivers(Scene *scene);
 void StageTiers(Scene *scene);
+void StageServers(const std::string &name, Scene *scene);
+// The thread by which Tomcat's port is found.
+void AddProcessor(Scene *scene);
 
 } // namespace simvm
