@@ -1,6 +1,8 @@
 // What a sample costs where the JVM is read by address, on the simulated VM.
 // usage: direct samples         200 threads at rest; answers each line of input with times of its samples
 //        direct holds SECONDS   the same crowd, two of its threads looping
+//        direct census GIB      objects of so many GiB, counted
+#include "heap.h"
 #include "scenes.h"
 #include "storm.h"
 
@@ -9,6 +11,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
 #include <unistd.h>
 
 extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
@@ -181,25 +185,58 @@ void MeasureHolds(int seconds) {
            Percentile(ratios, 0.5));
 }
 
+// The old space's objects over and over, as so much memory.
+void MeasureCensus(size_t bytes) {
+    FillHeap({{'O', Piece::OBJECTS, 20000}}, 1);
+    const size_t filled = vm.old.top - vm.old.bottom;
+    auto *memory =
+        static_cast<char *>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    size_t at = 0;
+    for (; memory != MAP_FAILED && at + filled <= bytes; at += filled)
+        memcpy(memory + at, reinterpret_cast<void *>(vm.old.bottom), filled);
+    const Word bottom = reinterpret_cast<Word>(memory);
+    At(vm.old.structure, &Space::bottom) = bottom;
+    At(vm.old.structure, &Space::top) = At(vm.old.structure, &Space::end) = bottom + at;
+    const double objects = double(CensusOf(vm.old).all.objects) * double(at / filled),
+                 gib = double(at) / (1 << 30);
+    printf("| asked for | GiB | million objects | ms | ms a GiB |\n|---|---|---|---|---|\n");
+    for (const char *word : {"", "ClassHistogramOnly"}) {
+        std::vector<double> times;
+        for (int i = 0; i < CALLS_A_TURN; i++) {
+            const std::string reply = Ask((std::string("1|showmem|512|") + word).c_str());
+            const size_t timing = reply.find(TIMING);
+            times.push_back(timing == reply.npos ? 0 : atof(reply.c_str() + timing + sizeof TIMING) / 1e3);
+        }
+        const double median = Percentile(times, 0.5);
+        printf("| %s | %.1f | %.1f | %.0f | %.0f |\n", *word ? "classes" : "kinds", gib, objects / 1e6,
+               median, median / gib);
+    }
+}
+
 } // namespace
 
 int main(int count, char **words) {
+    const bool census = count > 2 && strcmp(words[1], "census") == 0;
     const int seconds = count > 2 ? atoi(words[2]) : 0;
     Options options;
     options.library = SIMVM_FOLDER "/server/libjvm.so";
     Boot(options);
-    StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false, false, false, false});
+    if (!census)
+        StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false, false, false, false});
     Script script = MainScript();
     EmitScript(&script);
     bool started = false;
     RunHere("main", &script, [&] {
         started = StartAgent();
-        if (started && seconds)
+        if (started && census)
+            MeasureCensus(size_t(seconds) << 30);
+        else if (started && seconds)
             MeasureHolds(seconds);
         else if (started)
             AnswerTurns();
         Ask("SHUTDOWN");
     });
-    StopStorm();
+    if (!census)
+        StopStorm();
     return started ? 0 : 1;
 }
