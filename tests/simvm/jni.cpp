@@ -1,7 +1,7 @@
 // JNI as the direct road may use it: the few functions that start-up and replies need. Each other slot ends
 // the process with its number, as nothing is to be asked of the VM; so does a call on another thread than the
 // environment's.
-#include "simvm.h"
+#include "jni_table.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -13,9 +13,10 @@
 
 namespace simvm {
 
+JNINativeInterface_ jniTable;
+
 namespace {
 
-JNINativeInterface_ table;
 JNIInvokeInterface_ invocation;
 JavaVM_ javaVm;
 std::set<std::string *> byteArrays; // used by one thread at a time
@@ -39,8 +40,9 @@ void FillInvocation(void **out, std::integer_sequence<int, SLOT...>) {
     ((out[SLOT] = reinterpret_cast<void *>(&UnaskedOfVm<SLOT>)), ...);
 }
 
-// The calling thread's description; ends the process when the environment is another thread's.
-ThreadInfo *Caller(JNIEnv *env, bool mayHaveException = false) {
+} // namespace
+
+ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     for (ThreadInfo *thread : vm.threads)
         if (EnvOf(thread) == env && thread->kernelId == syscall(SYS_gettid)) {
@@ -50,6 +52,8 @@ ThreadInfo *Caller(JNIEnv *env, bool mayHaveException = false) {
         }
     Fail("JNI was called with an environment that isn't the thread's");
 }
+
+namespace {
 
 jint GetVersion(JNIEnv *env) {
     Caller(env);
@@ -78,12 +82,10 @@ void DeleteLocalRef(JNIEnv *env, jobject handle) {
     auto &block = As<HandleBlock>(Caller(env, true)->handles);
     if (block.top && handle == reinterpret_cast<jobject>(&block.handles[block.top - 1]))
         block.top--;
+    else if (DeleteBeside(handle))
+        return;
     else if (byteArrays.erase(reinterpret_cast<std::string *>(handle)))
         delete reinterpret_cast<std::string *>(handle);
-}
-jobject NewGlobalRef(JNIEnv *env, jobject handle) {
-    Caller(env);
-    return handle;
 }
 const char *GetStringUTFChars(JNIEnv *env, jstring text, jboolean *) {
     Caller(env);
@@ -94,7 +96,9 @@ void ReleaseStringUTFChars(JNIEnv *env, jstring, const char *) {
 }
 jstring NewStringUTF(JNIEnv *env, const char *text) {
     Caller(env);
-    return NewText(text);
+    jstring made = NewText(text);
+    NoteText(made);
+    return made;
 }
 // Long replies go over as bytes: byte arrays are kept beside the heap, as texts are, and the one constructor
 // known is String(byte[], int).
@@ -109,10 +113,11 @@ void SetByteArrayRegion(JNIEnv *env, jbyteArray array, jsize start, jsize length
     reinterpret_cast<std::string *>(array)->replace(start, length, reinterpret_cast<const char *>(from),
                                                     length);
 }
-jmethodID GetMethodID(JNIEnv *env, jclass, const char *name, const char *signature) {
+jmethodID (*otherMethods)(JNIEnv *, jclass, const char *, const char *);
+jmethodID GetMethodID(JNIEnv *env, jclass type, const char *name, const char *signature) {
     Caller(env);
     if (strcmp(name, "<init>") != 0 || strcmp(signature, "([BI)V") != 0)
-        Fail("JNI was asked for a method");
+        return otherMethods(env, type, name, signature);
     return reinterpret_cast<jmethodID>(&byteArrays);
 }
 jobject NewObjectV(JNIEnv *env, jclass, jmethodID, va_list arguments) {
@@ -136,27 +141,27 @@ jint GetEnv(JavaVM *, void **out, jint version) {
 }
 
 void FillTables() {
-    FillTable(reinterpret_cast<void **>(&table),
-              std::make_integer_sequence<int, sizeof table / sizeof(void *)>());
+    FillTable(reinterpret_cast<void **>(&jniTable),
+              std::make_integer_sequence<int, sizeof jniTable / sizeof(void *)>());
     FillInvocation(reinterpret_cast<void **>(&invocation),
                    std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
-    table.GetVersion = GetVersion;
-    table.FindClass = FindClassByName;
-    table.ExceptionOccurred = ExceptionOccurred;
-    table.ExceptionCheck = ExceptionCheck;
-    table.ExceptionClear = ExceptionClear;
-    table.ExceptionDescribe = ExceptionClear;
-    table.DeleteLocalRef = DeleteLocalRef;
-    table.NewGlobalRef = NewGlobalRef;
-    table.DeleteGlobalRef = DeleteLocalRef;
-    table.GetStringUTFChars = GetStringUTFChars;
-    table.ReleaseStringUTFChars = ReleaseStringUTFChars;
-    table.NewStringUTF = NewStringUTF;
-    table.NewByteArray = NewByteArray;
-    table.SetByteArrayRegion = SetByteArrayRegion;
-    table.GetMethodID = GetMethodID;
-    table.NewObjectV = NewObjectV;
-    table.GetJavaVM = GetJavaVM;
+    FillObjectFunctions();
+    otherMethods = jniTable.GetMethodID;
+    jniTable.GetVersion = GetVersion;
+    jniTable.FindClass = FindClassByName;
+    jniTable.ExceptionOccurred = ExceptionOccurred;
+    jniTable.ExceptionCheck = ExceptionCheck;
+    jniTable.ExceptionClear = ExceptionClear;
+    jniTable.ExceptionDescribe = ExceptionClear;
+    jniTable.DeleteLocalRef = DeleteLocalRef;
+    jniTable.GetStringUTFChars = GetStringUTFChars;
+    jniTable.ReleaseStringUTFChars = ReleaseStringUTFChars;
+    jniTable.NewStringUTF = NewStringUTF;
+    jniTable.NewByteArray = NewByteArray;
+    jniTable.SetByteArrayRegion = SetByteArrayRegion;
+    jniTable.GetMethodID = GetMethodID;
+    jniTable.NewObjectV = NewObjectV;
+    jniTable.GetJavaVM = GetJavaVM;
     invocation.GetEnv = GetEnv;
     javaVm.functions = &invocation;
 }
@@ -164,10 +169,10 @@ void FillTables() {
 } // namespace
 
 JNIEnv *EnvOf(ThreadInfo *thread) {
-    if (!table.GetVersion)
+    if (!jniTable.GetVersion)
         FillTables();
     Word &slot = At(thread->address, &JavaThread::jniEnv);
-    slot = reinterpret_cast<Word>(&table);
+    slot = reinterpret_cast<Word>(&jniTable);
     return reinterpret_cast<JNIEnv *>(&slot);
 }
 
@@ -178,7 +183,8 @@ const std::string &TextOf(jstring text) {
     return *reinterpret_cast<std::string *>(text);
 }
 void FreeText(jstring text) {
-    delete reinterpret_cast<std::string *>(text);
+    if (!DeleteBeside(text))
+        delete reinterpret_cast<std::string *>(text);
 }
 
 } // namespace simvm

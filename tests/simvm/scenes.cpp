@@ -1,4 +1,5 @@
 #include "heap.h"
+#include "jni_table.h"
 #include "roots.h"
 #include "stage.h"
 #include "storm.h"
@@ -99,6 +100,21 @@ void StageShop(Scene *scene) {
         Rest::PIPE);
 }
 
+// What the Java side adds: to each thread a text with its name, and in front of all the system data, if
+// asked.
+std::string AnswerOfJava(const JavaCall &call) {
+    std::string answer = call.withSystem ? "Java System Data\x1e"
+                                           "from Java\x1f"
+                                         : "";
+    for (int32_t i = 0; i < call.count; i++)
+        for (const ThreadInfo *thread : vm.threads)
+            if (thread->object == call.threads[i])
+                answer += "\x1d"
+                          "added to " +
+                          thread->name + "\x1e";
+    return answer;
+}
+
 } // namespace
 
 Script MainScript() {
@@ -115,7 +131,10 @@ void StageScene(const std::string &name, Scene *scene) {
         StageReaders(scene);
     else if (name == "drivers")
         StageDrivers(scene);
-    else if (name == "tiers")
+    else if (name == "java") {
+        StageShop(scene);
+        DefineJavaSide(AnswerOfJava);
+    } else if (name == "tiers")
         StageTiers(scene);
     else if (name.rfind("servers", 0) == 0)
         StageServers(name, scene);

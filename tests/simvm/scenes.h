@@ -25,6 +25,7 @@ struct Scene {
 // tiers: web requests, remote calls and a framework's objects, for each server
 // servers: the ports of application servers; servers-later, servers-last: where other ways lead there;
 //          servers-late: Tomcat's thread comes four seconds later
+// java: the shop, and the Java side that the agent asks for more
 // heap: the shop over a tricky heap (heap.h)
 // storm: as storm.h has it by default; crowd: 200 threads of 50 frames, two of them looping
 void StageScene(const std::string &name, Scene *scene);
