@@ -145,9 +145,9 @@ Word EmitResting(Script *script) {
             a->Bytes({0x48, 0x83, 0xe4, 0xf0});
             CallOut(a, rest, argument, IN_VM);
         });
-    if (script->rest == Rest::SPIN && frame.scopes.size() == 1 && CompiledSlots(scope) == 0)
+    if (script->rest == Rest::SPIN && frame.scopes.size() == 1 && CompiledSlots(scope) == 0 && !frame.callee)
         return EmitLeaf(scope, true);
-    Word callee = script->rest == Rest::SPIN ? 0
+    Word callee = script->rest == Rest::SPIN ? frame.callee
                   : script->rest == Rest::CALLS
                       ? EmitCompiled({scope}, [&](Assembler *a) { a->Call(EmitLeaf(scope, false)); })
                       : EmitRuntimeStub(rest, argument);
@@ -202,9 +202,10 @@ void EmitScript(Script *script) {
         }
         Word target = Reach(caller.kind, script->frames[i].kind, entry);
         auto call = [&](Assembler *a) { a->Call(target); };
-        entry = caller.kind == FrameKind::STUB ? EmitStub(VT_RUNTIME_STUB, 4, call)
-                : IsCompiled(caller.kind)      ? EmitCompiled(caller.scopes, call)
-                                               : EmitInterpreted(caller.scopes[0], call);
+        entry = caller.kind == FrameKind::STUB
+                    ? (vm.statics.server ? EmitBareStub(target) : EmitStub(VT_RUNTIME_STUB, 4, call))
+                : IsCompiled(caller.kind) ? EmitCompiled(caller.scopes, call)
+                                          : EmitInterpreted(caller.scopes[0], call);
     }
     script->entry = entry;
 }

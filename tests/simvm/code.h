@@ -30,12 +30,13 @@ enum class FrameKind {
     COMPILED,
     OSR,    // compiled, entered in mid-loop from the interpreter
     NATIVE, // an interpreted native method; the only kind that can enter Java again
-    STUB,   // a runtime stub, no Java frame; not the last one
+    STUB,   // a runtime stub, on servers without a known link; no Java frame, not the last one
 };
 struct Frame {
     FrameKind kind;
     std::vector<Scope> scopes; // outermost first; one but in compiled frames, none in stubs
     bool inCopy = false;       // runs in the thread's copy of its code
+    Word callee = 0;           // of one that spins: what it calls in each lap
 };
 
 enum class Rest { PIPE, ACCEPT, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
@@ -72,6 +73,11 @@ extern int32_t safepointAsked;
 
 // Runs Java code from the call stub on; wrapper as layout.h has it.
 void CallJava(Word entry, Word wrapper, Word thread, Control *control);
+// Code that isn't the VM's, with a frame pointer: it counts to a million.
+Word EmitLinked();
+// Code that stores a reference in each lap: the words of `array`, one after the other, get the first of
+// `targets`, then all get the second and so on. Both counts are powers of 2.
+Word EmitWriter(Word array, int32_t words, const std::vector<Word> &targets);
 // The code blob around an address, for tests that spoil it: 0 if there is none.
 Word BlobOf(Word pc);
 // The blobs' tables of oops, each from its first word to the end.

@@ -1,4 +1,5 @@
-// A dump holds exactly what the description has: each object with its class, size and references, each root.
+// A dump holds exactly what the description has, at the moment in which its threads were held: each object
+// with its class, size and references, each root.
 #include "agent.h"
 #include "dump.h"
 #include "heap.h"
@@ -25,13 +26,13 @@ bool LacksFrames(const std::vector<std::string> &differences) {
                        [](const std::string &line) { return line.rfind("no root of a frame", 0) == 0; });
 }
 
-void ExpectTruth(const std::string &folder, const std::vector<Runner *> &runners) {
+HeapDump ExpectTruth(const std::string &folder, const std::vector<Runner *> &runners) {
     const DumpTruth truth = TakeTruth(runners);
     std::vector<std::string> differences;
     HeapDump dump;
     for (int dumps = 0; dumps == 0 || (dumps < 50 && LacksFrames(differences)); dumps++) {
         const std::string reply = Ask("513|showmem|256|dump|7");
-        ASSERT_NE(reply.find("completed"), std::string::npos) << reply;
+        EXPECT_NE(reply.find("completed"), std::string::npos) << reply;
         dump = ReadDump(folder + "/dump");
         differences = Differences(dump, truth);
     }
@@ -44,10 +45,47 @@ void ExpectTruth(const std::string &folder, const std::vector<Runner *> &runners
              {use.name, std::to_string(use.capacity / 1024), std::to_string(use.used / 1024)})
             header.push_back(text);
     header.emplace_back();
-    ASSERT_EQ(dump.header.size(), header.size());
+    dump.header.resize(header.size());
     dump.header[1] = dump.header[2] = ""; // the time, the host's name
     EXPECT_EQ(dump.header, header);
+    return dump;
 }
+
+// A thread that stores references all the time, from the first word of an array to its last and again.
+struct Writer {
+    static constexpr int32_t WORDS = 1 << 16;
+    Object *array = NewArray("[Ljava/lang/Object;", WORDS, 'O');
+    std::vector<Word> targets;
+    Script script;
+    Runner *runner;
+
+    Writer() {
+        array->type = nullptr; // nobody can say what is in it
+        for (int i = 0; i < 8; i++)
+            targets.push_back(NewObject("java/lang/Object", 'O')->address);
+        const Scope run = {DefineMethod("shop/Writer", "run", "()V", {{0, 1}}, METHOD_STATIC), 8},
+                    write = {DefineMethod("shop/Writer", "write", "()V", {{0, 9}}, METHOD_STATIC), 8};
+        const Word code = EmitWriter(array->address + sizeof(JavaArray), WORDS, targets);
+        script = {{{FrameKind::INTERPRETED, {run}}, {FrameKind::COMPILED, {write}, false, code}}, Rest::SPIN};
+        EmitScript(&script);
+        runner = Start("writer", &script);
+        while (__atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED) < WORDS)
+            usleep(1000);
+    }
+
+    // A dump's array is of one moment: the first so many words have a target, all others the one before it.
+    void ExpectMoment(const HeapDump &dump) const {
+        const std::vector<Word> &elements = dump.objects.at(array->address).elements;
+        ASSERT_EQ(elements.size(), size_t{WORDS});
+        auto number = [&](Word target) {
+            return std::find(targets.begin(), targets.end(), target) - targets.begin();
+        };
+        const auto split = std::find_if(elements.begin(), elements.end(),
+                                        [&](Word element) { return element != elements.front(); });
+        EXPECT_EQ(std::count(split, elements.end(), *(elements.end() - 1)), elements.end() - split);
+        EXPECT_TRUE(split == elements.end() || number(elements.front()) == (number(*split) + 1) % 8);
+    }
+};
 
 } // namespace
 
@@ -67,8 +105,12 @@ TEST_P(DumpContent, EqualsTheDescription) {
         ASSERT_EQ(StartAgent(), 0);
         Ask("512|NoProcessing|qorheapdir|" + folder);
         StageRoots(scene.runners.front()->info, GetParam().end);
+        const Writer writer;
         FillHeap(TrickyHeap(), 1);
-        ExpectTruth(folder, scene.runners);
+        std::vector<Runner *> runners = scene.runners;
+        runners.push_back(writer.runner);
+        writer.ExpectMoment(ExpectTruth(folder, runners));
+        Leave(writer.runner);
         Ask("SHUTDOWN");
     });
     EndScene(&scene);

@@ -41,6 +41,7 @@ Word EmitI2C(Word target);
 Word EmitC2I(Word target);
 Word EmitOsrAdapter(Word target);
 Word EmitStub(VtableKind kind, int words, const Body &body);
+Word EmitBareStub(Word target); // leaves the frame pointer alone
 Word EmitRuntimeStub(void (*function)(), Word argument);
 void EmitCallStub();
 

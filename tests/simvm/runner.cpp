@@ -213,6 +213,25 @@ void MoveYoung() {
     SwapSurvivors();
 }
 
+// The class becomes another object of perm. Not where perm is wide.
+void MoveKlass(Class *type) {
+    Word old = type->klass, bytes = 8 * WordsOf(old), place = AllocateObject(&vm.perm, bytes);
+    memcpy(&As<char>(place), &As<char>(old), bytes);
+    type->klass = place;
+    const std::unordered_map<Word, Word> moved = {{old, place}};
+    for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from})
+        Redirect(space->bottom, space->top, moved);
+    for (Object &object : vm.objects)
+        if (object.klass == old)
+            object.klass = place;
+    for (Root &root : stagedRoots)
+        if (root.oop == old)
+            root.oop = place;
+    RedirectAll(moved);
+    SizeAt(vm.perm, old) = 0;
+    memset(&As<char>(old), POISON, bytes);
+}
+
 } // namespace
 
 extern "C" void SimvmRest(Word thread, Script *script) {
@@ -271,7 +290,7 @@ void RunHere(const std::string &name, Script *script, std::function<void()> call
     FreeThread(runner.info);
 }
 
-void Collect(const std::function<void()> &held) {
+void Collect(const std::function<void()> &held, const std::vector<std::string> &moving) {
     std::lock_guard<std::recursive_mutex> description(vm.lock);
     At(vm.heap, &CollectedHeap::collecting) = 1;
     __atomic_store_n(&safepointAsked, 1, __ATOMIC_SEQ_CST);
@@ -281,10 +300,12 @@ void Collect(const std::function<void()> &held) {
             usleep(50);
     if (held)
         held();
+    for (const std::string &name : moving)
+        MoveKlass(FindClass(name));
     MoveYoung();
     CollectionFigures figures = vm.collections;
-    figures.minor++;
-    figures.minorTime += 1000;
+    (moving.empty() ? figures.minor : figures.major)++;
+    (moving.empty() ? figures.minorTime : figures.majorTime) += 1000;
     SetCollections(figures);
     At(vm.heap, &CollectedHeap::collecting) = 0;
     __atomic_store_n(&safepointAsked, 0, __ATOMIC_SEQ_CST);

@@ -34,6 +34,7 @@ void RunHere(const std::string &name, Script *script, std::function<void()> call
 
 // One collection: stops all threads, moves every object of eden and from, poisons where they were. While it
 // runs, the heap says so; `held` is called in its midst.
-void Collect(const std::function<void()> &held = {});
+// A full one also moves the klasses of those classes.
+void Collect(const std::function<void()> &held = {}, const std::vector<std::string> &moving = {});
 
 } // namespace simvm

@@ -88,6 +88,8 @@ void StageShop(Scene *scene) {
          {F::COMPILED, {In("shop/Search", "match", 40)}}},
         Rest::CALLS);
     Add(scene, "hash", {run, {F::COMPILED, {In("shop/Hash", "mix", 12)}}}, Rest::SPIN);
+    Add(scene, "sums", {run, {F::STUB, {}}, {F::COMPILED, {In("shop/Sums", "add", 15)}, false, EmitLinked()}},
+        Rest::SPIN);
     Add(scene, "copier",
         {run, {F::COMPILED, {In("shop/Copier", "copy", 77, orders), In("shop/Copier", "page", 80)}, true}},
         Rest::SPIN);

@@ -1,0 +1,253 @@
+// Samples and dumps that meet a thread at a bad moment: it owns a lock of the C library, it can't be reached,
+// it is gone. Nothing waits for it, and nothing ends.
+#include "agent.h"
+#include "dump.h"
+
+#include "qorthreads/held_slots.h"
+
+#include <csignal>
+#include <dlfcn.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+
+using namespace simvm;
+
+// malloc with a lock that a thread can be made to own.
+#if !defined(__SANITIZE_ADDRESS__)
+namespace {
+pthread_mutex_t mallocLock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<bool> mallocLocks;
+
+struct InMalloc {
+    const bool locks = mallocLocks;
+    InMalloc() {
+        if (locks)
+            pthread_mutex_lock(&mallocLock);
+    }
+    ~InMalloc() {
+        if (locks)
+            pthread_mutex_unlock(&mallocLock);
+    }
+};
+} // namespace
+
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void __libc_free(void *);
+void *malloc(size_t size) {
+    const InMalloc in;
+    return __libc_malloc(size);
+}
+void *calloc(size_t count, size_t size) {
+    const InMalloc in;
+    return __libc_calloc(count, size);
+}
+void *realloc(void *old, size_t size) {
+    const InMalloc in;
+    return __libc_realloc(old, size);
+}
+void free(void *old) {
+    const InMalloc in;
+    __libc_free(old);
+}
+}
+#endif
+
+namespace {
+
+std::atomic<bool> over;
+std::atomic<int64_t> moments;
+
+void Busy(int milliseconds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (std::chrono::steady_clock::now() < end) {
+    }
+}
+
+// As if it were Java code: without a frame anchor, in the state of threads that may be held.
+template <class BODY>
+void AsJava(BODY body) {
+    static thread_local Word self;
+    if (!self) {
+        const std::lock_guard<std::recursive_mutex> held(vm.lock);
+        for (const ThreadInfo *thread : vm.threads)
+            if (thread->kernelId == syscall(SYS_gettid))
+                self = thread->address;
+    }
+    Word &anchor = At(self, &JavaThread::anchorSp), sp = anchor;
+    anchor = 0;
+    __atomic_store_n(&At(self, &JavaThread::state), IN_JAVA, __ATOMIC_SEQ_CST);
+    body();
+    __atomic_store_n(&At(self, &JavaThread::state), IN_NATIVE, __ATOMIC_SEQ_CST);
+    anchor = sp;
+}
+
+void BusyAsJava(int milliseconds) {
+    AsJava([=] { Busy(milliseconds); });
+}
+
+void OwnLog() {
+    flockfile(stderr);
+    BusyAsJava(20);
+    funlockfile(stderr);
+}
+
+void OwnLoader() {
+    dlclose(dlopen(SIMVM_FOLDER "/libsimvm_loading.so", RTLD_NOW));
+}
+
+void OwnListOfLibraries() {
+    dl_iterate_phdr(
+        [](dl_phdr_info *, size_t, void *) {
+            BusyAsJava(20);
+            return 1;
+        },
+        nullptr);
+}
+
+void BlockSignal() {
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &old);
+    BusyAsJava(150); // longer than anybody waits for it
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+void OpenSignalLate() {
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &old);
+    BusyAsJava(5);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    BusyAsJava(1);
+}
+
+// It can't take a signal until its child is gone.
+__attribute__((noinline)) void WaitInVfork() {
+    static const timespec time = {0, 20'000'000};
+    const pid_t child = vfork();
+    if (child == 0) {
+        syscall(SYS_nanosleep, &time, nullptr);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+}
+void BeInVfork() {
+    AsJava(WaitInVfork);
+}
+
+// A thread at the list's head that is there for a moment only.
+void ComeAndGo() {
+    std::thread([] {
+        ThreadInfo *thread = NewThread("visitor");
+        LinkThread(thread);
+        At(thread->address, &JavaThread::state) = IN_JAVA;
+        Busy(moments % 3);
+        UnlinkThread(thread);
+        FreeThread(thread);
+    }).join();
+}
+
+void OwnMalloc() {
+#if !defined(__SANITIZE_ADDRESS__)
+    mallocLocks = true;
+    pthread_mutex_lock(&mallocLock);
+    BusyAsJava(20);
+    pthread_mutex_unlock(&mallocLock);
+#endif
+}
+
+struct Moment {
+    const char *name;
+    void (*body)();
+};
+const Moment MOMENTS[] = {{"malloc", OwnMalloc},    {"log", OwnLog},
+                          {"loader", OwnLoader},    {"libraries", OwnListOfLibraries},
+                          {"blocked", BlockSignal}, {"late", OpenSignalLate},
+                          {"vfork", BeInVfork},     {"visitors", ComeAndGo}};
+
+// Frames of the scene's threads are theirs, whoever has come to the list meanwhile.
+void ExpectOwnFrames(const HeapDump &dump, const DumpTruth &truth) {
+    for (const DumpedRoot &root : dump.roots) {
+        const std::string thread = root.prefix.substr(0, root.prefix.find('|'));
+        bool known = false, own = false;
+        for (const DumpTruth::OfFrame &frame : truth.frames) {
+            known |= frame.thread == thread;
+            own |= frame.thread == thread && frame.name == root.name && frame.address == root.address;
+        }
+        EXPECT_TRUE(!known || own || root.name != "interpreter_frame_meth") << root.prefix;
+    }
+}
+
+void ExpectAnswers(const Scene &scene, const std::string &path) {
+    constexpr int SAMPLES = 10, DUMPS = 3;
+    const DumpTruth truth = TakeTruth(scene.runners);
+    for (int i = 0; i < SAMPLES; i++)
+        EXPECT_NE(Ask("793|showstack|32768").find("Call Stack"), std::string::npos);
+    for (int i = 0; i < DUMPS; i++) {
+        const uint32_t ended = qorHoldsEnded;
+        const std::string reply = Ask("513|showmem|256|dump|7");
+        EXPECT_NE(reply.find("completed"), std::string::npos) << reply;
+        // A hold's time is over when the dump's maker waits for the thread that it holds.
+        EXPECT_EQ(qorHoldsEnded, ended);
+        ExpectOwnFrames(ReadDump(path), truth);
+    }
+}
+
+// The signal's action is the old one as soon as nobody is owed a signal any more.
+void ExpectOldAction() {
+    struct sigaction action;
+    for (int samples = 0; samples < 200; samples++) {
+        Ask("793|showstack|32768");
+        sigaction(31, nullptr, &action);
+        if (action.sa_handler == SIG_DFL)
+            return;
+    }
+    ADD_FAILURE() << "the agent's handler is still there";
+}
+
+} // namespace
+
+class BadMoments : public testing::TestWithParam<Moment> {};
+
+TEST_P(BadMoments, StopNobody) {
+    const std::string folder =
+        std::filesystem::temp_directory_path() / ("moments" + std::to_string(getpid()));
+    std::filesystem::create_directory(folder);
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    char constructor[32];
+    snprintf(constructor, sizeof constructor, "%lx", reinterpret_cast<Word>(+[] { BusyAsJava(20); }));
+    setenv("SIMVM_CONSTRUCTOR", constructor, 1);
+    Scene scene;
+    StageScene("shop", &scene);
+    Script main = MainScript(), bad = MainScript();
+    EmitScript(&main);
+    EmitScript(&bad);
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0);
+        Ask("512|NoProcessing|qorheapdir|" + folder);
+        Runner *runner = Start("bad", &bad, [] {
+            for (; !over; moments++)
+                GetParam().body();
+        });
+        ExpectAnswers(scene, folder + "/dump");
+        EXPECT_GT(moments, 0);
+        over = true;
+        Leave(runner);
+        ExpectOldAction();
+        Ask("SHUTDOWN");
+    });
+    EndScene(&scene);
+    std::filesystem::remove_all(folder);
+}
+
+INSTANTIATE_TEST_SUITE_P(Simvm, BadMoments, testing::ValuesIn(MOMENTS),
+                         [](const auto &info) { return std::string(info.param.name); });
