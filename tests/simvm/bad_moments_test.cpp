@@ -251,3 +251,50 @@ TEST_P(BadMoments, StopNobody) {
 
 INSTANTIATE_TEST_SUITE_P(Simvm, BadMoments, testing::ValuesIn(MOMENTS),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// A thread that ran when the list was read and has turned idle when it is looked at again never counts; the
+// request ends all the same.
+TEST(RunningQueue, IsLeftWhenAThreadHasTurnedIdle) {
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    Scene scene;
+    StageScene("shop", &scene);
+    Script main = MainScript();
+    EmitScript(&main);
+    RunHere("main", &main, [&] {
+        constexpr int ROUNDS = 60;
+        ASSERT_EQ(StartAgent(), 0);
+        std::atomic<int> round{-1}, answered{-1};
+        std::atomic<bool> linked{false};
+        std::thread turner([&] {
+            ThreadInfo *thread = NewThread("turner");
+            LinkThread(thread);
+            linked = true;
+            for (int i = 0; i < ROUNDS; i++) {
+                SetStates(thread, IN_JAVA, OS_RUNNABLE);
+                while (round < i) {
+                }
+                Busy(i % 12);
+                SetStates(thread, BLOCKED, OS_SLEEPING);
+                while (answered < i)
+                    usleep(100);
+            }
+            UnlinkThread(thread);
+            FreeThread(thread);
+        });
+        while (!linked)
+            usleep(100);
+        for (int i = 0; i < ROUNDS; i++) {
+            const auto start = std::chrono::steady_clock::now();
+            round = i;
+            Ask("521|showstack|32768");
+            EXPECT_LT(std::chrono::steady_clock::now() - start,
+                      std::chrono::seconds(30)); // and not the time-out
+            answered = i;
+        }
+        turner.join();
+        Ask("SHUTDOWN");
+    });
+    EndScene(&scene);
+}
