@@ -27,8 +27,11 @@ void WriteText(const char *text) {
     QorDumpText(&logfile, text, static_cast<int64_t>(strlen(text)));
 }
 
-void WriteHeader() {
+} // namespace
+
+void QorWriteDirectHeader() {
     char text[64];
+    logfile.used = 0;
     snprintf(text, sizeof text, "heap_id=%u|T%d", heap_id, static_cast<int>(cur_timestamp));
     WriteText(text);
     for (const char *field : {hostname, ext_jvm_id_str, vend, vers}) {
@@ -46,8 +49,6 @@ void WriteHeader() {
     WriteText("\n");
 }
 
-} // namespace
-
 int32_t initTraverse(const char *path) {
     cur_timestamp = time(nullptr);
     *prepend_str = 0;
@@ -56,7 +57,6 @@ int32_t initTraverse(const char *path) {
         QORLOG(LOG_ERROR, "Error initializing heap traversal structures\n");
         return TRAVERSE_NOT_OPENED;
     }
-    WriteHeader();
     return 0;
 }
 

@@ -17,9 +17,11 @@ struct QorDirectDumpResult {
 
 enum : int32_t { TRAVERSE_NOT_OPENED = -5 };
 
-// Opens `logfile` at `path` and writes the header, by the heap as measured last. 0, or TRAVERSE_NOT_OPENED
-// with the reason logged. Worker, with no thread held.
+// Opens `logfile` at `path`. 0, or TRAVERSE_NOT_OPENED with the reason logged. Worker, with no thread held.
 int32_t initTraverse(const char *path);
+
+// Writes the header, by the heap as measured last. Worker, before anything else is written.
+void QorWriteDirectHeader();
 
 // Writes the rest, by plain reads. 0, or the error number of the first write that failed. In the copy.
 int32_t QorWriteDirectDump(QorDirectDumpResult *result);

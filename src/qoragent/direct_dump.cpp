@@ -45,22 +45,32 @@ void LogEnd(QorForkState state, int32_t error, const void *result) {
         QorLogDirectDump(*static_cast<const QorDirectDumpResult *>(result));
 }
 
-// All that has to be known before a thread is held. 0 or the refusal.
+// What takes its time and may be somewhat old. 0 or the refusal.
 int32_t Prepare() {
-    QorAwaitNoCollection(QorForkClock() + QUIET_MSEC);
-    countBefore = QorCollectionCount();
     QorForgetPages();
     if (QorMeasureHeap() != 0)
         return FORK_REFUSED_BY_JVM;
-    QorPrepareScan();
     QorPrepareThreadRoots();
     return QorCheckFork(FORK_FOR_READING, QorDirectHeapInUse());
 }
 
-// From the first hold to the last resume nothing is logged or allocated.
+// The spaces as they are just before the hold: the next collection makes them useless.
+bool LayOut() {
+    QorAwaitNoCollection(QorForkClock() + QUIET_MSEC);
+    countBefore = QorCollectionCount();
+    QorForgetPages();
+    if (QorMeasureHeap() != 0)
+        return false;
+    QorPrepareScan();
+    QorWriteDirectHeader();
+    return true;
+}
+
+// From the hold to the resume nothing is logged or allocated.
 int32_t ForkHeld() {
-    const int32_t held = QorHoldForDump();
-    const bool still = IsOneMoment();
+    const bool laidOut = LayOut();
+    const int32_t held = laidOut ? QorHoldForDump() : 0;
+    const bool still = laidOut && IsOneMoment();
     const int32_t pid = still ? QorForkNow(RunCopy) : FORK_REFUSED_MOVED;
     const int error = errno;
     QorResumeAfterDump();
