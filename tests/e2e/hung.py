@@ -76,7 +76,7 @@ class Hung(Case):
                 for frame in frames]
 
     def test_stacks_are_those_of_jstack(self):
-        for flags in (SERIAL, ("-XX:+UseG1GC", "-Xmx128m")):
+        for flags in (SERIAL, ("-XX:+UseG1GC", "-Xmx128m"), *self.more_layouts()):
             with self.subTest(flags=flags), Hang(*flags) as app:
                 truth, seen = {}, {}
 
@@ -95,6 +95,14 @@ class Hung(Case):
                 for name in truth:
                     self.assertEqual((seen[name]["proof"], seen[name]["whole"]),
                                      ("did not run while it was read", True), seen[name])
+
+    def more_layouts(self):
+        """Other collectors and layouts of objects, where the matrix runs on several JDKs."""
+        known = {17: ("+UseZGC",), 21: ("+UseZGC", "+UseZGC -XX:+ZGenerational"), 25: ("+UseZGC", "+UseCompactObjectHeaders")}
+        if not SETTINGS.root:
+            return []
+        return [("-Xmx128m", *f"-XX:{flags}".split())
+                for flags in ("-UseCompressedOops", "+UseParallelGC", *known.get(self.jdk(), ()))]
 
     def check_culprit(self, app, method="qoragent.testing.Hang.spin"):
         seen = self.until(app, "safepoint not reached")
@@ -204,6 +212,21 @@ class Hung(Case):
                         still += 1
                         self.assertTrue(thread["whole"], thread)
             self.assertGreater(still, 30)
+
+    def test_a_long_collection(self):
+        with Hang(*SERIAL) as app:
+            if not self.has_symbols():
+                self.skipTest("no symbols")
+            app.tell("fill", "collect")
+            seen = {}
+
+            def collects():
+                seen.update(self.until(app, "in a safepoint"))
+                return seen["safepoint"]["collects"]
+            wait_until("a collection", collects)
+            self.assertRegex(seen["safepoint"]["operation"], "^VM_")
+            self.assertIn("VM Thread", [worker["name"] for worker in seen["workers"]])
+            self.assertEqual(seen["threads"], [])
 
     def test_a_library_without_symbols(self):
         """Nothing is known of safepoints, so there are candidates and no culprits."""

@@ -1,10 +1,14 @@
 // Reading a JVM from outside: what is read of /proc, what observations mean, and that no memory of a target,
 // however odd, leads the reader astray.
 #include "outside/render_hung.h"
+#include "outside/thread_sampler.h"
 
-#include <cstring>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <random>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace qorctl::outside;
 
@@ -36,6 +40,28 @@ TEST(Outside, ProcTexts) {
     EXPECT_FALSE(StayedStill(waits, runs));
     EXPECT_FALSE(StayedStill(unknown, unknown)); // a kernel that doesn't count
     EXPECT_FALSE(StayedStill(TaskTimes(), TaskTimes()));
+}
+
+// A thread that is stopped for its registers runs on as if nothing had been.
+TEST(Outside, StopsOneThreadForAMoment) {
+    const pid_t child = fork();
+    if (child == 0)
+        for (volatile int i = 0;;)
+            i = i + 1;
+    std::string problem;
+    const auto moment = StopAndSample(child, &problem);
+    ASSERT_TRUE(moment) << problem;
+    EXPECT_NE(moment->registers.pc, 0u);
+    EXPECT_GT(moment->stack.size(), 1000u);
+    const uint64_t ran = ReadTask(child, child).ran_ns;
+    for (int i = 0; i < 1000 && ReadTask(child, child).ran_ns == ran; ++i)
+        poll(nullptr, 0, 10);
+    EXPECT_GT(ReadTask(child, child).ran_ns, ran);
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG | WUNTRACED), 0);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(StopAndSample(child, &problem));
+    EXPECT_EQ(problem, "ptrace: No such process");
 }
 
 SeenThread Thread(const char *name, int first, int last, double share = 0) {

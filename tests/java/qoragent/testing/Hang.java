@@ -6,11 +6,12 @@ import java.util.concurrent.locks.LockSupport;
 /**
  * A JVM that stops answering when it is told to: "hang" on its standard input starts a counted loop that has no
  * safepoint poll when the compiler of the server kind has compiled it under a collector without such polls, "gc" asks
- * for a collection in a thread "gc-asker", "collect" does so all the time. Before it has threads in known places,
+ * for a collection in a thread "gc-asker", "collect" does so all the time, and "fill" makes each one long. Before it has threads in known places,
  * interpreted and compiled, and with argument "busy" some that run all the time and that come and go.
  */
 public final class Hang {
     private static volatile int result;
+    private static Object[] filled;
     private static final Object LOCK = new Object();
 
     private Hang() {}
@@ -67,6 +68,10 @@ public final class Hang {
             });
         } else if (word.equals("gc")) {
             start("gc-asker", System::gc);
+        } else if (word.equals("fill")) {
+            for (int i = 0; i < 2000000; i++) {
+                filled = new Object[] {filled};
+            }
         } else if (word.equals("collect")) {
             start("gc-asker", () -> {
                 for (;;) {
