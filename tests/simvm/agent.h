@@ -16,6 +16,7 @@ extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint,
 namespace simvm {
 
 inline ThreadInfo *Self() {
+    const std::lock_guard<std::recursive_mutex> held(vm.lock);
     for (ThreadInfo *thread : vm.threads)
         if (thread->kernelId == getpid())
             return thread;
