@@ -1,8 +1,12 @@
 // What threads do in other tiers, as the agent tells it of their frames, compared with what the frames were
 // made of.
 #include "agent.h"
+#include "objects.h"
 
 #include "qorsettings.h"
+#include "qorutil/vm_heap.h"
+#include "qorutil/vm_reader.h"
+#include "sunprint/frame_tiers.h"
 
 #include <gtest/gtest.h>
 #include <map>
@@ -181,5 +185,56 @@ TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
                                                     : "RMI Call Id not found on server JVM");
             }
         }
+    });
+}
+
+namespace {
+
+Object *ContextOf(const std::string &id) {
+    Object *context = New("ferrule/workarea/WorkContext", {{"contextId", NewString(id)}});
+    return New("ferrule/kernel/Slot", {{"context", context}});
+}
+
+} // namespace
+
+// The id of what a thread works for: by one server a text, by the other the text of the first attribute.
+TEST(DirectTiers, FindContextIds) {
+    OnScene("shop", [](Scene &) {
+        for (const char *line :
+             {"ferrule/workarea/WorkContext contextId,Ljava/lang/String;",
+              "ferrule/kernel/Slot context,Lferrule/workarea/WorkContext;",
+              "ferrule/kernel/Holder map,Ljava/util/HashMap;",
+              "ferrule/kernel/FinalThreadLocal$FinalThreadStorage storage,[Ljava/lang/Object;",
+              "ferrule/kernel/ExecThread "
+              "finalThreadStorage,Lferrule/kernel/FinalThreadLocal$FinalThreadStorage;",
+              "tessar/dms/instrument/ExecutionContext m_attMap,Ljava/util/Map;",
+              "test/Entry value,Ljava/lang/Object;",
+              "java/lang/ThreadLocal$ThreadLocalMap table,[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;",
+              "test/Thread threadLocals,Ljava/lang/ThreadLocal$ThreadLocalMap;"})
+            DefineClass(line);
+        Object *plain = NewString("no context"),
+               *slots = NewTable("java/util/HashMap", 4,
+                                 {{NewString("a"), plain, 1}, {NewString("b"), ContextOf("ctx-1"), 3}}),
+               *storage =
+                   New("ferrule/kernel/FinalThreadLocal$FinalThreadStorage",
+                       {{"storage", NewElements("[Ljava/lang/Object;",
+                                                {nullptr, New("ferrule/kernel/Holder", {{"map", slots}})})}}),
+               *worker = New("ferrule/kernel/ExecThread", {{"finalThreadStorage", storage}});
+        Object *attributes = NewTable("java/util/HashMap", 4, {{NewString("id"), NewString("9,8,7"), 2}}),
+               *execution = New("tessar/dms/instrument/ExecutionContext", {{"m_attMap", attributes}}),
+               *locals = New("java/lang/ThreadLocal$ThreadLocalMap",
+                             {{"table", NewElements("[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;",
+                                                    {nullptr, New("test/Entry", {{"value", plain}}),
+                                                     New("test/Entry", {{"value", execution}})})}}),
+               *thread = New("test/Thread", {{"threadLocals", locals}});
+        QorForgetPages();
+        QorNoteSpaces();
+        char text[64];
+        strcpy(webserver, "Ferrule");
+        EXPECT_STREQ(QorVmText(text, sizeof text, getContextId(worker->address)), "ctx-1");
+        strcpy(webserver, "QVS");
+        EXPECT_STREQ(QorVmText(text, sizeof text, getContextId(thread->address)), "9,8,7");
+        strcpy(webserver, "Tomcat");
+        EXPECT_EQ(getContextId(worker->address), 0u);
     });
 }
