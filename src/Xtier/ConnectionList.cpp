@@ -23,7 +23,7 @@ QorDirectConnection *FirstOf(Test test) {
 }
 
 QorDirectConnection *TakeOldest(const QorDirectConnection &added) {
-    QORLOG(LOG_DETAIL, "Aging out JDBC Conn ID %d for JDBC Conn ID %d",
+    QORLOG(LOG_DETAIL, "QOR Agent: Aging out JDBC Conn ID %d for JDBC Conn ID %d",
            static_cast<int>(age.oldest->localPort), static_cast<int>(added.localPort));
     return QorTakeOldest(&age);
 }

@@ -66,25 +66,25 @@ constexpr char ENCRYPTED_SOCKET[] =
 // them from c_state. The layout is that of one build of that driver.
 struct ThickStep {
     uint64_t offset;
-    const char *name; // what is there, in the log
+    const char *missing; // logged where it isn't there
 };
 constexpr ThickStep THICK_STEPS[] = {
-    {0, "C Connection structure in db_access"},
-    {0x0c, "C structure c_svchp"},
-    {0x44, "C structure c_var_9"},
-    {0x120, "C structure c_var_8"},
-    {0x1a20, "C structure c_var_7"},
-    {0xd4, "C structure c_var_6"},
-    {0x8c, "C structure c_var_5"},
-    {0, "C structure c_var_4"},
-    {0x9c, "C structure c_var_3"},
-    {0x104, "C structure c_var_2"},
-    {0x18, "C structure c_var_1"},
+    {0, " C Connection structure in db_access is NULL\n"},
+    {0x0c, " C structure c_svchp is NULL\n"},
+    {0x44, " C structure c_var_9 is NULL\n"},
+    {0x120, " C structure c_var_8 is NULL\n"},
+    {0x1a20, " C structure c_var_7 is NULL\n"},
+    {0xd4, " C structure c_var_6 is NULL\n"},
+    {0x8c, " C structure c_var_5 is NULL\n"},
+    {0, " C structure c_var_4 is NULL\n"},
+    {0x9c, " C structure c_var_3 is NULL\n"},
+    {0x104, " C structure c_var_2 is NULL\n"},
+    {0x18, " C structure c_var_1 is NULL\n"},
 };
 constexpr uint64_t THICK_DESCRIPTOR = 0x530; // 32 bits, from the last of them
 
-bool HasNone(const char *name) {
-    QORLOG(LOG_TRACE, " %s is NULL\n", name);
+bool HasNone(const char *missing) {
+    QORLOG(LOG_TRACE, "%s", missing);
     return false;
 }
 
@@ -169,13 +169,13 @@ int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess) {
 bool QorFollowThickDriver(uint64_t start, size_t firstStep, int64_t *fd) {
     uint64_t pointer = start;
     if (pointer == 0)
-        return HasNone(THICK_STEPS[0].name);
+        return HasNone(THICK_STEPS[0].missing);
     for (size_t i = firstStep; i < std::size(THICK_STEPS); i++)
         if (!QorReadOwnMemory(pointer + THICK_STEPS[i].offset, &pointer, sizeof pointer) || pointer == 0)
-            return HasNone(THICK_STEPS[i].name);
+            return HasNone(THICK_STEPS[i].missing);
     int32_t value = 0;
     if (!QorReadOwnMemory(pointer + THICK_DESCRIPTOR, &value, sizeof value) || value == 0)
-        return HasNone("C structure fd");
+        return HasNone(" C structure fd is NULL\n");
     *fd = value;
     return true;
 }

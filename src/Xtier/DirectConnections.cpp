@@ -197,26 +197,26 @@ QorDirectConnection *OfConnection(uint64_t connection, const char *threadName, c
 // ---- the Ferrule driver
 
 QorDirectConnection *NoFerrule(const char *what) {
-    QORLOG(LOG_NOTE, "QOR Agent: DOV JDBC%s", what);
+    QORLOG(LOG_NOTE, "%s", what);
     return nullptr;
 }
 
 QorDirectConnection *ReadFerruleSocket(uint64_t object) {
     const uint64_t comm = ParseObject("comm,Lferrule/jdbc/tessar/wire8/TessarWire8Communication;", object);
     if (comm == 0)
-        return NoFerrule(": comm not found");
+        return NoFerrule("QOR Agent: DOV JDBC: comm not found");
     const uint64_t socket = ParseObject("socket,Ljava/net/Socket;", comm);
     if (socket == 0)
-        return NoFerrule(": socket not found");
+        return NoFerrule("QOR Agent: DOV JDBC: socket not found");
     const uint64_t impl = ParseObject("impl,Ljava/net/SocketImpl;", socket);
     if (impl == 0)
-        return NoFerrule(": impl not found");
+        return NoFerrule("QOR Agent: DOV JDBC: impl not found");
     found.localPort = static_cast<uint32_t>(ParseObject("localport,I", impl));
     if (found.localPort == 0)
-        return NoFerrule(": client_port not found");
+        return NoFerrule("QOR Agent: DOV JDBC: client_port not found");
     found.remotePort = static_cast<uint32_t>(ParseObject("port,I", impl));
     if (found.remotePort == 0)
-        return NoFerrule(": dbport not found");
+        return NoFerrule("QOR Agent: DOV JDBC: dbport not found");
     CopyString(found.remoteHost,
                ParseObjectMap("address,Ljava/net/InetAddress;|hostName,Ljava/lang/String;", impl));
     return &found;
@@ -226,11 +226,11 @@ QorDirectConnection *ReadFerruleSocket(uint64_t object) {
 QorDirectConnection *update_conn_stmt_table(uint64_t object, bool isConnection, const char *threadName,
                                             const char *threadKey) {
     if (object == 0)
-        return NoFerrule(" : Null Stmt object");
+        return NoFerrule("QOR Agent: DOV JDBC : Null Stmt object");
     const uint64_t connection =
         isConnection ? object : ParseObject("implConn,Lferrule/jdbc/tessar/TessarImplConnection;", object);
     if (connection == 0)
-        return NoFerrule(" : implConn not found");
+        return NoFerrule("QOR Agent: DOV JDBC : implConn not found");
     if (QorDirectConnection *known = QorFindConnection(connection)) {
         QorSetConnectionOwner(known, threadName, threadKey);
         return known;
@@ -240,13 +240,13 @@ QorDirectConnection *update_conn_stmt_table(uint64_t object, bool isConnection, 
         ParseObject("connectProps,Lferrule/jdbc/base/BaseConnectionProperties;", connection);
     const uint64_t table = properties ? ParseObject("props,Ljava/util/Properties;", properties) : 0;
     if (table == 0)
-        return NoFerrule(": connectProps not found");
+        return NoFerrule("QOR Agent: DOV JDBC: connectProps not found");
     const uint64_t server = search_hash_table(table, "SERVERNAME");
     if (server == 0)
-        return NoFerrule(": Field SERVERNAME/SID not found in Hash Table");
+        return NoFerrule("QOR Agent: DOV JDBC: Field SERVERNAME/SID not found in Hash Table");
     const uint64_t user = search_hash_table(table, "USER");
     if (user == 0)
-        return NoFerrule(": Field USER not found in Hash Table");
+        return NoFerrule("QOR Agent: DOV JDBC: Field USER not found in Hash Table");
     CopyString(found.url, server);
     CopyString(found.user, user);
     return ReadFerruleSocket(object) ? Keep(threadName, threadKey) : nullptr;

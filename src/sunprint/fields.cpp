@@ -148,8 +148,13 @@ bool QorReadField(uint64_t address, char signature, int64_t *value) {
     switch (signature) {
     case 'Z':
         return ReadAs<uint8_t>(address, value);
-    case 'B':
-        return ReadAs<int8_t>(address, value);
+    case 'B': {
+        uint8_t byte = 0;
+        if (!QorPeekValue(address, &byte))
+            return false;
+        *value = byte < 0x80 ? byte : byte - 0x100;
+        return true;
+    }
     case 'C':
         return ReadAs<uint16_t>(address, value);
     case 'S':

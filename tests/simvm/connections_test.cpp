@@ -1,6 +1,7 @@
 // The drivers' connections as the agent reads them, compared with the sockets that they are on.
 #include "agent.h"
 #include "objects.h"
+#include "storm.h"
 
 #include "Xtier/ConnectionList.h"
 #include "Xtier/DirectConnections.h"
@@ -130,8 +131,9 @@ TEST(DirectConnections, AreReadAnewAfterAMove) {
     WithDrivers([](Scene &scene) {
         ExpectConnections(scene);
         Collect();
-        EntryOf("thin")->connection = Get(scene.named["thin-prepared"], "connection").object->address;
-        EntryOf("wrapped")->connection = scene.named["wrapped-connection"]->address;
+        // Each is looked for before the entry's own.
+        EntryOf("thick")->connection = Get(scene.named["thin"], "connection").object->address;
+        EntryOf("wrapped-connection")->connection = Get(scene.named["wrapped"], "implConn").object->address;
         ASSERT_GT(num_jdbc_versions, 0);
         for (int i = 0; i < num_jdbc_versions; i++) {
             jdbc_versions[i].version = QorJdbcForm(1 - jdbc_versions[i].version);
@@ -172,18 +174,22 @@ TEST(DirectConnections, SurviveSpoiltMemoryAndLeaveNothing) {
         std::mt19937_64 random(7);
         const size_t bytes = mallinfo2().uordblks;
         for (int round = 0; round < 10000; round++) {
-            // One word of any object, then all as it was.
+            // One word of any object, or of what objects are known by; then all as it was.
             const Object &any = vm.objects[random() % vm.objects.size()];
-            Word *word = any.address ? &As<Word>(any.address + random() % any.bytes / 8 * 8) : nullptr;
-            const Word kept = word ? *word : 0,
-                       wild[] = {0, ~Word(0), random(), any.address, kept + 4, vm.heap};
-            if (word)
-                *word = wild[random() % std::size(wild)];
+            Spoilt spoilt = {};
+            if (round % 2)
+                spoilt = Spoil(random(), {}, Self()->address);
+            else if (any.address) {
+                spoilt.address = any.address + random() % any.bytes / 8 * 8;
+                spoilt.old = As<Word>(spoilt.address);
+                const Word wild[] = {0, ~Word(0), random(), any.address, spoilt.old + 4, vm.heap};
+                As<Word>(spoilt.address) = wild[random() % std::size(wild)];
+            }
             const auto &[name, object] = starts[random() % starts.size()];
             QorDatabaseBlock block;
             Find(name, object->address, &block);
-            if (word)
-                *word = kept;
+            if (spoilt.address)
+                Mend(spoilt);
         }
         EXPECT_EQ(mallinfo2().uordblks, bytes);
         QorDropConnectionList(); // of what wasn't true

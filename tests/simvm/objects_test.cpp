@@ -1,6 +1,7 @@
 // Objects of the simulated VM as the agent reads and shows them, compared with what they were made of.
 #include "agent.h"
 #include "objects.h"
+#include "storm.h"
 
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
@@ -9,6 +10,8 @@
 
 #include <gtest/gtest.h>
 #include <map>
+#include <random>
+#include <regex>
 #include <set>
 
 using namespace simvm;
@@ -240,6 +243,39 @@ TEST_P(DirectObjects, MayHaveAnyAddress) {
         EXPECT_NE(
             AskFor(Hex(Intern("readers/All")), "0").find("No Information available for this Object\x1f"),
             std::string::npos);
+    });
+}
+
+// What a reply shows whatever the addresses are.
+std::string WithoutAddresses(const std::string &view) {
+    return std::regex_replace(view, std::regex("([\x1e])[0-9a-f]+(\x1d-?[0-9])"), "$1*$2");
+}
+
+// What is shown is the object or one of the refusals, among objects that move and with any word overwritten.
+TEST(MovingObjects, AreShownWholeOrNotAtAll) {
+    WithAgent(0, [](Scene &scene) {
+        std::vector<const Object *> all;
+        for (const auto &[name, object] : scene.named)
+            if (name != "many")
+                all.push_back(object);
+        std::mt19937_64 random(3);
+        for (int round = 0; round < 2000; round++) {
+            const Object *object = all[random() % all.size()];
+            const Spoilt spoilt = Spoil(random(), {}, Self()->address);
+            const std::string view = AskFor(Hex(object->address), "0");
+            Mend(spoilt);
+            EXPECT_TRUE(view.empty() || view.back() == 31) << view;
+        }
+        const Object *watched = scene.named["all"];
+        const std::string wanted = WithoutAddresses(View(watched));
+        EXPECT_EQ(WithoutAddresses(AskFor(Hex(watched->address), "0")), wanted);
+        StartStorm({});
+        for (int whole = 0; whole < 50;) {
+            const std::string view = WithoutAddresses(AskFor(Hex(watched->address), "0"));
+            whole += view == wanted;
+            ASSERT_TRUE(view == wanted || view.find("Name : readers.All\x1f") == std::string::npos) << view;
+        }
+        StopStorm();
     });
 }
 
