@@ -86,7 +86,7 @@ void ExpectConnections(Scene &scene) {
         QorText text;
         QorTextStart(&text, storage, sizeof storage);
         EXPECT_EQ(QorThreadOfClientPort(atoi(wanted["local port"].c_str()), &text), found);
-        EXPECT_EQ(std::string(storage), found ? name + "|key of " + name : "");
+        EXPECT_EQ(std::string(storage), found ? std::string(name).append("|key of ").append(name) : "");
         EXPECT_EQ(QorKnownConnectionOf(name.c_str(), ("key of " + name).c_str(), &again), found);
         EXPECT_FALSE(QorKnownConnectionOf(name.c_str(), "another key", &again));
     }
