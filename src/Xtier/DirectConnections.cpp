@@ -42,7 +42,7 @@ void CopyString(char (&dest)[SIZE], uint64_t string) {
 // ---- the way to the socket
 
 int64_t NoSocket(const char *why) {
-    QORLOG(LOG_DETAIL, "%s", why);
+    QORLOG(LOG_NOTE, "%s", why);
     return NO_DESCRIPTOR;
 }
 
