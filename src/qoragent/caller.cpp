@@ -5,6 +5,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil/gc_lock.h"
+#include "server_port.h"
 #include "worker.h"
 
 #include "jvmti/JniCalls.h"
@@ -150,10 +151,14 @@ jstring Answer(JNIEnv *env, const char *chars) {
 
 jstring QorDataFromNative(JNIEnv *env, jstring request) {
     CallerScope inside;
-    if (closedToCallers)
+    if (closedToCallers && !serverAwaited)
         return nullptr;
     const char *chars = request ? QorGetStringUTFChars(env, request, nullptr) : nullptr;
-    jstring reply = Answer(env, chars);
+    jstring reply = nullptr;
+    if (!closedToCallers)
+        reply = Answer(env, chars);
+    else if (chars && StartsWith(chars, SHUTDOWN))
+        AskToLeave();
     if (chars)
         QorReleaseStringUTFChars(env, request, chars);
     return reply;

@@ -14,7 +14,8 @@ extern int32_t thread_timed_out; // 1 when the last request ran out of time; inf
 
 // Hands the request to the worker and waits up to `qor_max_timeout` seconds. The reply, which is this
 // request's and no other's; the time-out text; or null: for SHUTDOWN, an unsupported JVM, when the worker
-// can't be woken, and for any request, SHUTDOWN included, while a start is under way.
+// can't be woken, and for any request while a start is under way. A SHUTDOWN ends a start's wait for the
+// application server; other than that it isn't heard either.
 jstring QorDataFromNative(JNIEnv *env, jstring request);
 
 // Lets no caller in any more and waits up to `seconds` for those inside. They get their reply from the

@@ -124,6 +124,7 @@ void FinishDirectRoad(int32_t resolved) {
         QORLOG(LOG_ERROR, "Stacks end at compiled code: libjvm's file can't be read");
     QorPrepareHolds(&QOR_HOLD_TESTS);
     OwnAddress(true); // samples use what is known by now
+    QorIdentifyServer();
     direct_ready = 1;
 }
 

@@ -23,17 +23,26 @@ inline ThreadInfo *Self() {
     return nullptr;
 }
 
-inline int StartAgent() {
+struct AgentStart {
+    std::string server = "", id = "test"; // as Java passes them
+    int backoff = 1, log = 0;
+};
+
+// Handles of the native method end with it, as in any VM.
+inline int StartAgent(const AgentStart &with = {}) {
+    auto &handles = As<HandleBlock>(Self()->handles);
+    const int32_t top = handles.top;
     const SampleObjects of = NewSampleObjects(Self());
     std::vector<jstring> texts;
     for (const std::string &text : {std::string("Sun Microsystems Inc."), vm.options.version,
-                                    std::string("Linux"), std::string("stderr"), std::string("test")})
+                                    std::string("Linux"), std::string("stderr"), with.id, with.server})
         texts.push_back(NewText(text));
     const int status = Java_qoragent_Agent_initvar(
-        EnvOf(Self()), nullptr, 0, 2, 1, 60, 0, texts[0], texts[1], texts[2], of.instance, of.reference,
-        of.objects, of.ints, nullptr, nullptr, texts[3], texts[4], 0, 0, 0, 0, 1000, 300);
+        EnvOf(Self()), nullptr, with.log, 2, with.backoff, 60, 0, texts[0], texts[1], texts[2], of.instance,
+        of.reference, of.objects, of.ints, texts[5], nullptr, texts[3], texts[4], 0, 0, 0, 0, 1000, 300);
     for (jstring text : texts)
         FreeText(text);
+    handles.top = top;
     return status;
 }
 
