@@ -23,6 +23,7 @@ constexpr char TITLE_MEMORY_ACTIVITY[] = "JVM Memory Activity";
 constexpr char TITLE_THREAD_DETAILS[] = "Thread Info Details";
 constexpr char TITLE_CALL_STACK[] = "Call Stack";
 constexpr char TITLE_LOCKS[] = "JVM Locks";
+constexpr char TITLE_TIME_SPENT[] = "Time spent in JVM for processing request";
 constexpr char TITLE_LOCK_WAIT[] = "Lock On";
 constexpr char TITLE_PARKED[] = "Parked On";
 constexpr char TITLE_COLLECTIONS[] = "JVM Garbage Collections";

@@ -191,7 +191,7 @@ void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args) {
     if (!gbQorRELocal && !gbQorSkipLocal)
         QorInsertXtierData(reply);
     if (QorCarriesThreadData(reqid))
-        checkAndAppendInfo(jvmtijni_env);
+        checkAndAppendInfo(jvmtijni_env, nullptr);
     else
         release_thread_e2e_info(jvmtijni_env);
     closeThreadAndFreeLists();

@@ -10,6 +10,7 @@
 #include "records.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 std::atomic<int32_t> flagcompiled_java_code;
@@ -59,7 +60,8 @@ struct JavaArguments {
     jstring minusOne, zero; // nearly every number is one of these
     jstring lastNumber;     // another one, with its value: depths are alike
     int32_t lastValue;
-    jint count; // threads that went in
+    jobjectArray found; // the threads by block, null where the blocks have references
+    jint count;         // threads that went in
 };
 
 jstring MakeText(JNIEnv *env, const char *text) {
@@ -115,16 +117,20 @@ void PutTexts(JNIEnv *env, JavaArguments *to, const QorE2EBlock &block) {
     PutText(env, *to, 9, block.networkHost);
 }
 
-// Whether the thread went in.
-bool PutThread(JNIEnv *env, const JavaArguments &to, const QorE2EBlock &block) {
-    if (!block.directRef) {
+// Whether the thread of this block, the list's `index`th, went in.
+bool PutThread(JNIEnv *env, const JavaArguments &to, const QorE2EBlock &block, jsize index) {
+    jobject element = to.found ? QorGetObjectArrayElement(env, to.found, index) : nullptr;
+    if (!block.directRef && !element) {
         QORLOG(LOG_ERROR, "Thread object NULL");
         return false;
     }
-    if (!block.threadRef)
+    jobject thread = element ? element : block.threadRef;
+    if (!thread)
         return false;
-    env->SetObjectArrayElement(to.threads, to.count, block.threadRef);
-    return !QorDescribeException(env);
+    env->SetObjectArrayElement(to.threads, to.count, thread);
+    const bool put = !QorDescribeException(env);
+    QorDeleteLocalRef(env, element);
+    return put;
 }
 
 jobjectArray MakeArray(JNIEnv *env, jsize count, jclass klass, jobject element) {
@@ -135,7 +141,6 @@ jobjectArray MakeArray(JNIEnv *env, jsize count, jclass klass, jobject element) 
 
 // The arrays for `count` threads, or false.
 bool MakeArrays(JNIEnv *env, jsize count, JavaArguments *made) {
-    *made = {};
     jstring empty = MakeText(env, "");
     made->minusOne = MakeText(env, "-1");
     made->zero = MakeText(env, "0");
@@ -151,8 +156,9 @@ bool MakeArrays(JNIEnv *env, jsize count, JavaArguments *made) {
 
 // Hands the threads over, packed: one that can't go leaves no gap, and the arrays' rest stays null.
 void PutThreads(JNIEnv *env, jsize blocks, jlong *ids, JavaArguments *to) {
+    jsize index = 0;
     for (QorE2EBlock *block = thread_e2e_info; block; block = block->next) {
-        block->valid = PutThread(env, *to, *block);
+        block->valid = PutThread(env, *to, *block, index++);
         if (!block->valid)
             continue;
         ids[to->count] = block->osThreadId;
@@ -167,7 +173,8 @@ void PutThreads(JNIEnv *env, jsize blocks, jlong *ids, JavaArguments *to) {
     QorDescribeException(env);
 }
 
-bool GatherArguments(JNIEnv *env, JavaArguments *arguments) {
+bool GatherArguments(JNIEnv *env, QorThreadFinder find, JavaArguments *arguments) {
+    *arguments = {};
     jsize blocks = 0;
     for (const QorE2EBlock *block = thread_e2e_info; block; block = block->next)
         blocks++;
@@ -175,6 +182,8 @@ bool GatherArguments(JNIEnv *env, JavaArguments *arguments) {
         QORLOG(LOG_DETAIL, "checkAndAppendInfo : no active threads");
         return false;
     }
+    if (find && !(arguments->found = find(env, thread_e2e_info)))
+        return false;
     auto *ids = static_cast<jlong *>(calloc(static_cast<size_t>(blocks), sizeof(jlong)));
     if (!ids) {
         QORLOG(LOG_ERROR, "Malloc Failed.Not able to allocate memory");
@@ -208,8 +217,9 @@ jstring CallJava(JNIEnv *env, const JavaArguments &arguments, bool systemData) {
 
 // The text being merged.
 struct Merge {
-    Piece reply;  // what is not yet dealt with
-    Piece answer; // the same
+    Piece reply;         // what is not yet dealt with
+    const char *viewEnd; // in the reply, where the view's own text ends
+    Piece answer;        // the same
     QorText out;
 };
 
@@ -280,6 +290,10 @@ bool FindReplyPart(const Merge &merge, ReplyPart *part) {
                static_cast<int32_t>(reqid));
         // The row before ends where this one begins.
         part->end = Find({row + (*row == RECORD_END), merge.reply.to}, RECORD_END);
+        if (!QorOnJvmtiRoad() && row < merge.viewEnd &&
+            (!part->end || part->end >= merge.viewEnd)) // the last row's: the section's
+            part->end = static_cast<const char *>(
+                memrchr(row, SECTION_END, static_cast<size_t>(merge.viewEnd - row)));
     }
     if (!part->end)
         return false;
@@ -421,6 +435,7 @@ void MergeAnswer(const char *answer, bool systemData) {
     QorText reply;
     QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
     Merge merge = {};
+    merge.viewEnd = pagebuf + reply.length;
     merge.answer = {answer, answer + strlen(answer)};
     if (systemData && !TakeSystemData(&merge.answer, &reply))
         return;
@@ -443,12 +458,35 @@ void MergeAnswer(const char *answer, bool systemData) {
     free(storage);
 }
 
+// The timing line, which a reply of the direct road has already. Cut off for the merge, it comes last again.
+struct TimingLine {
+    char text[sizeof TITLE_TIME_SPENT + 32] = "";
+
+    TimingLine() {
+        if (QorOnJvmtiRoad())
+            return;
+        const size_t length = strlen(pagebuf);
+        char *from = pagebuf + length - std::min(length, sizeof text - 1);
+        if (char *line = strstr(from, TITLE_TIME_SPENT)) {
+            snprintf(text, sizeof text, "%s", line);
+            *line = 0;
+        }
+    }
+    ~TimingLine() {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        QorTextAppend(&reply, text);
+    }
+    TimingLine(const TimingLine &) = delete;
+    TimingLine &operator=(const TimingLine &) = delete;
+};
+
 // A poll without stacks has no place for an answer.
 bool CanMerge() {
     return !(reqid & QORREQ_POLL_DETAILS) || strstr(pagebuf, TITLE_THREAD_DETAILS);
 }
 
-void AskAndMerge(JNIEnv *env) {
+void AskAndMerge(JNIEnv *env, QorThreadFinder find) {
     const QorLocalFrame frame(env, FRAME_CAPACITY);
     if (!frame.pushed) {
         QORLOG(LOG_ERROR, "checkAndAppendInfo : Out of Memory when PushLocalFrame");
@@ -458,7 +496,7 @@ void AskAndMerge(JNIEnv *env) {
     if (!systemData && !CanMerge())
         return;
     JavaArguments arguments;
-    if (!GatherArguments(env, &arguments))
+    if (!GatherArguments(env, find, &arguments))
         return;
     jstring answer = CallJava(env, arguments, systemData);
     if (!answer)
@@ -472,10 +510,11 @@ void AskAndMerge(JNIEnv *env) {
 
 } // namespace
 
-void checkAndAppendInfo(JNIEnv *env) {
+void checkAndAppendInfo(JNIEnv *env, QorThreadFinder find) {
     if ((reqid & QORREQ_THREAD_DATA) && e2eclass && jobjclass && jstringclass) {
         pagebuf[PAGEBUF_SIZE - 1] = 0;
-        AskAndMerge(env);
+        const TimingLine timing;
+        AskAndMerge(env, find);
         QORLOG(Traced(), "checkAppendInfo:Cleaning up before returning");
     }
     release_thread_e2e_info(env);

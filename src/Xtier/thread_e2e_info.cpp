@@ -2,9 +2,11 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
+#include "jvmti/ThreadSystem.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 
+#include <cstdio>
 #include <cstdlib>
 
 QorE2EBlock *thread_e2e_info;
@@ -33,10 +35,9 @@ void GiveBlockBack(QorE2EBlock *block) {
     freeBlocks = block;
 }
 
-} // namespace
-
-int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThreadRecord *thread,
-                       int32_t frameCount) {
+// A block at the list's end, with nothing known of its thread; null when there is no memory, and the list
+// released.
+QorE2EBlock *AppendBlock(JNIEnv *env, int32_t frameCount) {
     QorE2EBlock *block = TakeBlock();
     if (!block) {
         if (thread_e2e_info)
@@ -45,16 +46,14 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
             QORLOG(LOG_ERROR, "Curr_thread_e2e_info malloc Failed");
         release_thread_e2e_info(env);
         QORLOG(LOG_ERROR, "curr_thread_e2e_info Malloc Failed");
-        return -1;
+        return nullptr;
     }
     block->patchPoint = nullptr;
     block->valid = 0;
     block->byReadRule = false;
-    block->directRef = handle->threads[handle->index];
-    // The reference outlives this sample's local frame, and may be handed to another thread.
-    block->threadRef = QorNewGlobalRef(env, block->directRef);
-    block->threadId = static_cast<int32_t>(thread->tid);
-    block->osThreadId = gbIbmJvm ? thread->ostid : -1;
+    block->directRef = block->threadRef = nullptr;
+    block->javaThread = 0;
+    block->osThreadId = -1;
     block->frameCount = frameCount;
     block->stuckAndHogger[0] = block->stuckAndHogger[1] = -1; // unknown
     if (thread_e2e_info)
@@ -62,6 +61,32 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
     else
         thread_e2e_info = block;
     lastBlock = block;
+    return block;
+}
+
+} // namespace
+
+int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThreadRecord *thread,
+                       int32_t frameCount) {
+    QorE2EBlock *block = AppendBlock(env, frameCount);
+    if (!block)
+        return -1;
+    block->directRef = handle->threads[handle->index];
+    // The reference outlives this sample's local frame, and may be handed to another thread.
+    block->threadRef = QorNewGlobalRef(env, block->directRef);
+    block->threadId = static_cast<int32_t>(thread->tid);
+    if (gbIbmJvm)
+        block->osThreadId = thread->ostid;
+    return 0;
+}
+
+int32_t QorAddE2EBlock(uint64_t javaThread, int32_t kernelId, const char *name, int32_t frameCount) {
+    QorE2EBlock *block = AppendBlock(nullptr, frameCount);
+    if (!block)
+        return -1;
+    block->javaThread = javaThread;
+    block->threadId = kernelId;
+    snprintf(block->name, sizeof block->name, "%s", name);
     return 0;
 }
 

@@ -7,18 +7,22 @@
 // head.
 #pragma once
 
-#include "jvmti/ThreadSystem.h"
-
 #include <cstdint>
 #include <jni.h>
 
+struct QorThreadHandle;
+struct QorThreadRecord;
+
 struct QorE2EBlock {
-    jobject directRef;  // the thread, as the walk knows it: of no use once the walk is closed
-    jobject threadRef;  // the thread, as a global reference
-    char *patchPoint;   // end of this thread's part of the reply
-    int32_t valid;      // 1 when this thread went to Java
-    int32_t threadId;   // Java thread id, cut to 32 bits: the key by which cross-tier data finds its block
-    int64_t osThreadId; // on IBM JVMs, else -1
+    jobject directRef;   // the thread, as the walk knows it: of no use once the walk is closed
+    jobject threadRef;   // the thread, as a global reference; null on the direct road, as the one before
+    char *patchPoint;    // end of this thread's part of the reply
+    int32_t valid;       // 1 when this thread went to Java
+    int32_t threadId;    // Java thread id, cut to 32 bits: the key by which cross-tier data finds its block;
+                         // on the direct road the kernel's id
+    int64_t osThreadId;  // on IBM JVMs, else -1
+    uint64_t javaThread; // on the direct road, its address
+    char name[256];      // and the thread's name, or the beginning of it
     int32_t frameCount;
     int32_t textsWritten; // 1 once a text or number below was written; whoever writes one sets it
     QorE2EBlock *next;
@@ -40,10 +44,14 @@ extern QorE2EBlock *thread_e2e_info;
 int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThreadRecord *thread,
                        int32_t frameCount);
 
+// The same for a thread that was read by address. No reference is made: whoever has an environment finds the
+// thread by these three.
+int32_t QorAddE2EBlock(uint64_t javaThread, int32_t kernelId, const char *name, int32_t frameCount);
+
 // Bytes that Java's answer wants in the reply, 0 for an empty list.
 int32_t QorRoomForAnswer();
 
-// Empties the list, dropping its references with the caller's `env`.
+// Empties the list, dropping its references with the caller's `env`, which may be null where there are none.
 void release_thread_e2e_info(JNIEnv *env);
 
 // Gives the kept blocks back to the allocator; the list must be empty.

@@ -1,6 +1,7 @@
 #include "caller.h"
 
 #include "channel.h"
+#include "direct_threads.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -8,6 +9,8 @@
 #include "server_port.h"
 #include "worker.h"
 
+#include "RequestHandler/enrichment.h"
+#include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/ReplyString.h"
 #include "platforms/linux.h"
@@ -125,6 +128,17 @@ jstring ReplyFor(JNIEnv *env, Outcome outcome, const char *page) {
     return outcome == Outcome::ANSWERED && page ? QorNewReplyString(env, page) : nullptr;
 }
 
+// What Java knows of a sample's threads. On the direct road it is asked here, as its worker isn't one of
+// Java's threads. The page is this caller's until the next one's turn: a worker that comes too late for its
+// request isn't replaced on this road, and a busy one isn't waited for long, as it has just answered.
+void AddJavasPart(JNIEnv *env) {
+    if (QorOnJvmtiRoad() || !(reqid & QORREQ_THREAD_DATA) || !e2eclass)
+        return;
+    const QorBusyScope busy;
+    if (agentstatus != AGENT_SHUTDOWN && pagebuf && e2eclass)
+        checkAndAppendInfo(env, QorFindDirectThreads);
+}
+
 // A request that is to be answered, from its turn to its reply.
 jstring ServeCaller(JNIEnv *env, const char *chars) {
     const int32_t seconds = qor_max_timeout > 0 ? qor_max_timeout : DEFAULT_WAIT_SECONDS;
@@ -132,7 +146,10 @@ jstring ServeCaller(JNIEnv *env, const char *chars) {
     if (!TakeTurn(end))
         return ReplyFor(env, closedToCallers ? Outcome::NO_ANSWER : Outcome::TIMED_OUT, nullptr);
     const char *page = __atomic_load_n(&pagebuf, __ATOMIC_SEQ_CST);
-    jstring reply = ReplyFor(env, AskWorker(chars, end), page);
+    const Outcome outcome = AskWorker(chars, end);
+    if (outcome == Outcome::ANSWERED)
+        AddJavasPart(env);
+    jstring reply = ReplyFor(env, outcome, page);
     callerServed = 0;
     return reply;
 }

@@ -231,10 +231,10 @@ void AddTimingLine() {
         return;
     char timebuf[TIMEBUF_SIZE];
     if (fpid != 0)
-        snprintf(timebuf, sizeof timebuf, "Time spent in JVM for processing request%c%u usec%c", RECORD_END,
-                 diff_time, SECTION_END);
+        snprintf(timebuf, sizeof timebuf, "%s%c%u usec%c", TITLE_TIME_SPENT, RECORD_END, diff_time,
+                 SECTION_END);
     else
-        snprintf(timebuf, sizeof timebuf, "Time spent in JVM for processing request %u usec", diff_time);
+        snprintf(timebuf, sizeof timebuf, "%s %u usec", TITLE_TIME_SPENT, diff_time);
     QorAgentStrncat(pagebuf, timebuf, PAGEBUF_SIZE, TIMEBUF_SIZE);
 }
 

@@ -1,5 +1,7 @@
 #include "natives.h"
 
+#include "direct_threads.h"
+
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -93,6 +95,7 @@ QorE2EBlock *TakeThreadList() {
     return list;
 }
 
+// Packed, with nulls at the end for threads that have no reference, or have ended.
 jobjectArray ThreadsOf(JNIEnv *env, const QorE2EBlock *list) {
     jsize count = 0;
     for (const QorE2EBlock *block = list; block; block = block->next)
@@ -102,13 +105,17 @@ jobjectArray ThreadsOf(JNIEnv *env, const QorE2EBlock *list) {
     jobjectArray threads = object ? env->NewObjectArray(count, object, nullptr) : nullptr;
     if (QorClearException(env) || !threads)
         return nullptr;
-    jsize index = 0;
-    for (const QorE2EBlock *block = list; block; block = block->next) {
-        if (!block->directRef)
+    jobjectArray found = QorOnJvmtiRoad() ? nullptr : QorFindDirectThreads(env, list);
+    jsize index = 0, number = 0;
+    for (const QorE2EBlock *block = list; block; block = block->next, number++) {
+        jobject element = found ? QorGetObjectArrayElement(env, found, number) : nullptr;
+        if (!block->directRef && !element)
             continue;
-        env->SetObjectArrayElement(threads, index++, block->threadRef);
+        env->SetObjectArrayElement(threads, index++, element ? element : block->threadRef);
         QorClearException(env);
+        QorDeleteLocalRef(env, element);
     }
+    QorDeleteLocalRef(env, found);
     return threads;
 }
 

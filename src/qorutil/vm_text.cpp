@@ -138,6 +138,16 @@ char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_
     return CharsToText(dst, size, chars, count, offset, VM_BIG_TEXT_CHARS);
 }
 
+char *QorUtf16Text(char *dst, int32_t size, const uint16_t *chars, int32_t count) {
+    Utf16Reader reader = {{dst, dst + size - 1, false}, 0};
+    for (int32_t i = 0; i < count; i++)
+        Take(&reader, chars[i]);
+    if (reader.high)
+        Put(&reader.text, REPLACEMENT);
+    *reader.text.next = 0;
+    return dst;
+}
+
 char *QorStringText(char *dst, int32_t size, uint64_t string) {
     dst[0] = 0;
     if (!valid_oop(string))

@@ -29,6 +29,9 @@ char *oop2str(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t of
 // The same for up to VM_BIG_TEXT_CHARS.
 char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset);
 
+// The same of characters that Java handed over. Any thread.
+char *QorUtf16Text(char *dst, int32_t size, const uint16_t *chars, int32_t count);
+
 // A java.lang.String's text, by oop2str. Null, with "" in `dst`, for what isn't an object or has no array of
 // characters. That the object is a String is the caller's knowledge.
 char *QorStringText(char *dst, int32_t size, uint64_t string);

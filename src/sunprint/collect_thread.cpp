@@ -8,6 +8,7 @@
 
 #include "Xtier/DirectConnections.h"
 #include "Xtier/XtierInsert.h"
+#include "Xtier/thread_e2e_info.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -282,6 +283,8 @@ void QorCollectThread(QorDirectSample *sample, const QorWalkedThread &thread, co
         CollectServedCall(sample, thread, text);
     if (out->refused)
         GiveUpRecord(sample, start, WhatHadNoRoom(text));
+    else if (reqid & QORREQ_THREAD_DATA)
+        QorAddE2EBlock(thread.facts.address, thread.facts.id, thread.name, thread.frames);
 }
 
 void QorCloseDirectReply(QorDirectSample *sample) {

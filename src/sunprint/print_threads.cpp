@@ -8,6 +8,7 @@
 #include "qorlog.h"
 #include "qorrequest.h"
 
+#include "Xtier/thread_e2e_info.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
 #include "qorutil/vm_threads.h"
@@ -213,6 +214,7 @@ void ReadThreads(QorDirectSample *sample) {
 
 void PrintSunThreads(uint32_t reqid, QorText *reply, char **args) {
     refresh_heap = 1;
+    release_thread_e2e_info(nullptr); // nobody asked for those of the sample before
     const bool everyThread = trace_all_threads || (args[0] && strncmp(args[0], ALL_THREADS_WORD,
                                                                       sizeof ALL_THREADS_WORD - 1) == 0);
     QorDirectSample sample = {};

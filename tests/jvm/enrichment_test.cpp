@@ -4,6 +4,7 @@
 #include "SampleReply.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
+#include "jvmti/ThreadSystem.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
@@ -67,7 +68,7 @@ struct Enrichment : SessionTest {
         memcpy(page.data(), reply.c_str(), reply.size() + 1);
         List(threads);
         CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", answer ? Text(answer) : nullptr);
-        checkAndAppendInfo(Env());
+        checkAndAppendInfo(Env(), nullptr);
         EXPECT_EQ(thread_e2e_info, nullptr);
         EXPECT_EQ(flagcompiled_java_code, 0);
         return page.data();
@@ -172,7 +173,7 @@ TEST_F(Enrichment, AnExceptionCountsAsNoAnswer) {
     memcpy(page.data(), reply.c_str(), reply.size() + 1);
     List(std::string(100, 'x')); // more than JNI lets pile up in one frame
     CallVoid(ENRICHER, "fail", "()V");
-    checkAndAppendInfo(Env());
+    checkAndAppendInfo(Env(), nullptr);
     EXPECT_EQ(std::string(page.data()), reply);
     EXPECT_EQ(thread_e2e_info, nullptr);
     EXPECT_FALSE(Env()->ExceptionCheck());
@@ -228,12 +229,12 @@ TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {
     strcpy(last->networkHost, "10.0.0.1");
     last->networkPort = 1521;
     CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", nullptr);
-    checkAndAppendInfo(Env());
+    checkAndAppendInfo(Env(), nullptr);
     EXPECT_EQ(Asked(), "main main - [-1, -1, 0] 12,-1,-1,,,,,,0,,"
                        "12,1,-1,/file,app,mod,wm,session,1521,10.0.0.1,"
                        "null,null,null,null,null,null,null,null,null,null 2 0 0");
     List("x"); // a block that held texts is clean again
-    checkAndAppendInfo(Env());
+    checkAndAppendInfo(Env(), nullptr);
     EXPECT_EQ(Asked(), "main [-1] 12,-1,-1,,,,,,0, 1 0 0");
 }
 

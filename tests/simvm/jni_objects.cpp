@@ -20,6 +20,7 @@ std::set<std::string *> texts;
 struct LocalFrame { // what was in use when it was pushed
     int32_t handles;
     std::set<std::string *> texts;
+    std::set<BesideArray *> arrays;
 };
 std::map<ThreadInfo *, std::vector<LocalFrame>> frames;
 std::function<std::string(const JavaCall &)> javaSide;
@@ -65,21 +66,22 @@ jobject HandleOf(JNIEnv *env, Object *object) {
 
 jint PushLocalFrame(JNIEnv *env, jint) {
     ThreadInfo *caller = Caller(env);
-    frames[caller].push_back({As<HandleBlock>(caller->handles).top, texts});
+    frames[caller].push_back({As<HandleBlock>(caller->handles).top, texts, arrays});
     return 0;
 }
 jobject PopLocalFrame(JNIEnv *env, jobject result) {
     ThreadInfo *caller = Caller(env, true);
-    Object *kept = ObjectOf(result);
+    Object *kept = IsArray(result) ? nullptr : ObjectOf(result);
     LocalFrame frame = std::move(frames[caller].back());
     frames[caller].pop_back();
     As<HandleBlock>(caller->handles).top = frame.handles;
-    while (!arrays.empty())
-        DeleteBeside(reinterpret_cast<jobject>(*arrays.begin()));
+    for (BesideArray *array : std::set<BesideArray *>(arrays))
+        if (!frame.arrays.count(array) && reinterpret_cast<jobject>(array) != result)
+            DeleteBeside(reinterpret_cast<jobject>(array));
     for (std::string *text : std::set<std::string *>(texts))
         if (!frame.texts.count(text))
             DeleteBeside(reinterpret_cast<jobject>(text));
-    return kept ? NewHandle(caller, kept) : nullptr;
+    return kept ? NewHandle(caller, kept) : IsArray(result) ? result : nullptr;
 }
 // A word that follows the object, or the class's own one with its mirror.
 jobject NewGlobalRef(JNIEnv *env, jobject handle) {
@@ -117,7 +119,14 @@ jlongArray NewLongArray(JNIEnv *env, jsize length) {
 }
 jsize GetArrayLength(JNIEnv *env, jarray array) {
     Caller(env);
+    if (!IsArray(array))
+        return jsize(ObjectOf(array)->values.size());
     return jsize(std::max(ArrayOf(array)->objects.size(), ArrayOf(array)->numbers.size()));
+}
+void GetCharArrayRegion(JNIEnv *env, jcharArray array, jsize start, jsize length, jchar *out) {
+    Caller(env);
+    for (jsize i = 0; i < length; i++)
+        out[i] = jchar(ObjectOf(array)->values.at(start + i).number);
 }
 jobject GetObjectArrayElement(JNIEnv *env, jobjectArray array, jsize index) {
     return HandleOf(env, ArrayOf(array)->objects.at(index));
@@ -242,6 +251,12 @@ size_t LocalReferences(ThreadInfo *thread) {
     return As<HandleBlock>(thread->handles).top + arrays.size() + texts.size();
 }
 
+std::vector<Object *> TakeArray(jobjectArray array) {
+    std::vector<Object *> objects = ArrayOf(array)->objects;
+    DeleteBeside(array);
+    return objects;
+}
+
 void DefineJavaSide(std::function<std::string(const JavaCall &)> answer) {
     for (const char *name : {"qoragent/cJavaCall", "qoragent/DbUtil"})
         DefineClass(name);
@@ -258,6 +273,7 @@ void FillObjectFunctions() {
     jniTable.NewObjectArray = NewObjectArray;
     jniTable.NewLongArray = NewLongArray;
     jniTable.GetArrayLength = GetArrayLength;
+    jniTable.GetCharArrayRegion = GetCharArrayRegion;
     jniTable.GetObjectArrayElement = GetObjectArrayElement;
     jniTable.SetObjectArrayElement = SetObjectArrayElement;
     jniTable.SetLongArrayRegion = SetLongArrayRegion;

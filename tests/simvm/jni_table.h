@@ -25,6 +25,8 @@ struct JavaCall {
 };
 // Loads the classes that the agent calls. `answer`: the text that the Java side returns; null: it throws.
 void DefineJavaSide(std::function<std::string(const JavaCall &)> answer);
+// The elements of an array that a native method has returned; the array ends.
+std::vector<Object *> TakeArray(jobjectArray array);
 // Of the thread: handles and what is kept beside the heap, the caller's arguments included.
 size_t LocalReferences(ThreadInfo *thread);
 

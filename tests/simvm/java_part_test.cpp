@@ -1,0 +1,127 @@
+// What Java adds to a sample of the simulated VM: on the caller's thread, thread by thread.
+#include "agent.h"
+#include "jni_table.h"
+
+#include <algorithm>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <map>
+
+extern "C" jobjectArray Java_qoragent_Agent_getThreadObjects(JNIEnv *, jobject);
+
+using namespace simvm;
+
+namespace {
+
+constexpr char SYSTEM[] = "JVM Load\x1e"
+                          "42\x1f";
+constexpr char TIMING[] = "Time spent in JVM for processing request\x1e";
+
+const ThreadInfo *ThreadOf(const Object *object) {
+    for (const ThreadInfo *thread : vm.threads)
+        if (thread->object == object)
+            return thread;
+    return nullptr;
+}
+
+std::string ShownName(const ThreadInfo &thread) {
+    std::string name = thread.name;
+    std::replace(name.begin(), name.end(), '|', ' ');
+    return name;
+}
+
+bool silent;
+
+std::string Answer(const JavaCall &call) {
+    std::string text = call.withSystem ? SYSTEM : "";
+    for (int i = 0; i < call.count && !silent; i++)
+        text += "\x1d"
+                "who=" +
+                ShownName(*ThreadOf(call.threads[i])) + "\x1d" + call.texts[10 * i] + "\x1e";
+    return text;
+}
+
+// What each thread's part of the reply says of it: by name, what Java added.
+std::map<std::string, std::string> Added(const std::string &reply, char end, size_t name) {
+    std::map<std::string, std::string> added;
+    for (const std::string &part : Split(reply.substr(0, reply.find(TIMING)), end)) {
+        const std::vector<std::string> fields = Split(part, 29);
+        const size_t who = part.find("\x1d"
+                                     "who=");
+        const std::string first = fields.empty() ? "" : fields[0];
+        const size_t marker = first.rfind(30) + 1;
+        if (first.substr(marker) == "user" || first.substr(marker) == "sys")
+            added[fields[name]] = who == std::string::npos ? "" : Split(part.substr(who + 5), 29)[0];
+    }
+    return added;
+}
+
+void ExpectEachItsOwn(const std::map<std::string, std::string> &added, const std::string &without) {
+    EXPECT_EQ(added.size(), vm.threads.size());
+    for (const auto &[name, who] : added)
+        EXPECT_EQ(who, name == without ? "" : name);
+}
+
+// Every view, every row, the last one included; the timing stays last.
+void ExpectJavasPart(const std::string &without = "") {
+    for (const std::string request : {"showstack|8192", "showstack|128"}) {
+        const std::string reply = Ask("777|" + request);
+        ExpectEachItsOwn(Added(reply.substr(reply.find(30) + 1), 30, 1), without);
+        EXPECT_EQ(Split(reply, 31).back().find(TIMING), 0u) << reply;
+    }
+    ExpectEachItsOwn(Added(Ask("793|showstack|32768"), 31, 1), without);
+    const std::string reply = Ask("905|showstack|8192");
+    ExpectEachItsOwn(Added(reply.substr(reply.find(30) + 1, reply.find(SYSTEM) - reply.find(30) - 1), 30, 1),
+                     without);
+    EXPECT_EQ(reply.find(SYSTEM) + strlen(SYSTEM), reply.find(TIMING)) << reply;
+}
+
+// Threads whose Java side says another address than the sample: one that has just ended, and one that has
+// taken another's memory.
+void ExpectNobodyElses(ThreadInfo *ended, const ThreadInfo *other) {
+    for (const Word address : {Word(0), other->address}) {
+        Set(ended->object, "eetop", address);
+        ExpectJavasPart(ShownName(*ended));
+    }
+    Set(ended->object, "eetop", ended->address);
+}
+
+std::vector<Object *> ThreadObjects() {
+    jobjectArray array = Java_qoragent_Agent_getThreadObjects(EnvOf(Self()), nullptr);
+    return array ? TakeArray(array) : std::vector<Object *>();
+}
+
+} // namespace
+
+TEST(JavasPart, GoesToItsThread) {
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    Scene scene;
+    StageScene("shop", &scene);
+    Script main = MainScript();
+    EmitScript(&main);
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0); // of a host without the class
+        Ask("777|showstack|8192");
+        const std::vector<Object *> objects = ThreadObjects();
+        EXPECT_EQ(objects.size(), vm.threads.size());
+        for (const ThreadInfo *thread : vm.threads)
+            EXPECT_EQ(std::count(objects.begin(), objects.end(), thread->object), 1) << thread->name;
+        EXPECT_TRUE(ThreadObjects().empty());
+        DefineJavaSide(Answer);
+        ASSERT_EQ(StartAgent(), 0);
+        ExpectJavasPart();
+        Collect();
+        ExpectJavasPart();
+        ExpectNobodyElses(scene.runners[0]->info, scene.runners[1]->info);
+        silent = true;
+        const std::string plain = Ask("777|showstack|8192"); // Java has no answer
+        EXPECT_EQ(plain.find("who="), std::string::npos);
+        EXPECT_NE(plain.find(TIMING), std::string::npos);
+        EXPECT_TRUE(ThreadObjects().empty());
+        EXPECT_EQ(LocalReferences(Self()), size_t(As<HandleBlock>(Self()->handles).top));
+        Ask("SHUTDOWN");
+    });
+    EndScene(&scene);
+}
