@@ -7,6 +7,7 @@
 #include "request.h"
 #include "thread_choice.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 #include <iostream>
@@ -16,9 +17,19 @@ namespace qorctl {
 
 namespace {
 
+bool HasFields(const ObjectView &object) {
+    return std::any_of(object.classes.begin(), object.classes.end(),
+                       [](const ObjectClass &entry) { return !entry.fields.empty(); });
+}
+
 ObjectView RequireObject(const Settings &settings, pid_t pid, int64_t tag) {
-    std::string reply = AskOnce(settings, pid, ObjectRequest(tag));
+    std::string reply = AskOnce(settings, pid, ObjectRequest(tag, false));
     ObjectView object = DecodeObject(OpenReply(reply), tag);
+    if (IsAddress(tag) && !HasFields(object)) { // a class's own address: its statics
+        ObjectView statics = DecodeObject(OpenReply(AskOnce(settings, pid, ObjectRequest(tag, true))), tag);
+        if (!statics.classes.empty())
+            object = statics;
+    }
     if (object.classes.empty())
         throw Failure(
             fmt::format("the agent shows nothing for tag {}", tag),
@@ -79,8 +90,11 @@ void RunLocals(const Settings &settings, pid_t pid, const std::string &thread_na
         throw Failure(fmt::format("thread {} shows {} frames, from 0 at the top; there is no frame {}",
                                   thread_name, thread.stack.size(), frame_index),
                       "count them in 'qorctl stack'");
-    std::string reply = AskOnce(settings, pid, LocalsRequest(thread.key.thread, frame->method_id));
+    std::string reply = AskOnce(settings, pid, LocalsRequest(thread.key.thread, *frame));
     Locals locals = DecodeLocals(OpenReply(reply));
+    if (!locals.refusal.empty())
+        throw Failure(fmt::format("the agent answers \"{}\"", locals.refusal),
+                      "the thread went on; ask again while it stays in the frame");
     PrintView(settings, 0, LocalsJson(locals, thread, *frame),
               LocalsText(locals, thread, *frame, TerminalStyle(settings)));
 }

@@ -285,6 +285,21 @@ void PlaceLocks(Thread *thread) {
                 lock.depth = frame.index;
 }
 
+bool Holds(const Thread &thread, const LockWait &wait) {
+    return std::any_of(thread.owns.begin(), thread.owns.end(), [&](const OwnedLock &lock) {
+        return lock.lock == wait.lock && lock.class_name == wait.class_name;
+    });
+}
+
+// A JVM read by address doesn't say who owns a lock; the owner's own row does.
+void NameOwners(ThreadSample *sample) {
+    for (Thread &waiter : sample->threads)
+        for (const Thread &owner : sample->threads)
+            if (waiter.waits_for && waiter.waits_for->by_address && waiter.waits_for->owner.thread == 0 &&
+                &owner != &waiter && Holds(owner, *waiter.waits_for))
+                waiter.waits_for->owner = owner.key;
+}
+
 Thread &CurrentThread(ThreadSample *sample, const Section &section) {
     if (sample->threads.empty())
         throw Failure(fmt::format("section \"{}\" stands in front of any thread", section.title),
@@ -316,10 +331,10 @@ std::optional<uint64_t> TakeTiming(std::string_view *text) {
     return value;
 }
 
-// Of a JVM read by address: threads by state, none in "Other", and the process's load.
-constexpr size_t DIRECT_FIGURES = 9;
-size_t DirectFigure(size_t i) {
-    return i + 1 == DIRECT_FIGURES ? size_t(PROCESS_CPU_PERCENT) : THREADS_RUNNABLE + i;
+// Of a JVM read by address no thread is in "Other"; older agents leave out the first three figures.
+constexpr size_t DIRECT_FIGURES = SUMMARY_FIGURES - 1, DIRECT_FIGURES_OF_THREADS = 9;
+size_t DirectFigure(size_t i, size_t count) {
+    return i + 1 == count ? size_t(PROCESS_CPU_PERCENT) : DIRECT_FIGURES - count + i;
 }
 
 Section CutSection(std::string_view text, bool closed) {
@@ -403,6 +418,7 @@ ThreadSample DecodeThreads(const Reply &reply) {
             reader.Unknown(section);
         }
     }
+    NameOwners(&sample);
     sample.jvm_microseconds = reply.jvm_microseconds;
     sample.cut = reader.cut();
     return sample;
@@ -488,12 +504,13 @@ LockHolder DecodeLockHolder(const Reply &reply) {
 Summary DecodeSummary(const Reply &reply) {
     Fields field = Split(reply.text, FIELD_SEP);
     Summary summary;
-    bool by_address = field.size() == DIRECT_FIGURES;
+    bool by_address = field.size() == DIRECT_FIGURES || field.size() == DIRECT_FIGURES_OF_THREADS;
     bool whole = by_address || field.size() == SUMMARY_FIGURES;
     for (size_t i = 0; whole && i < field.size(); ++i)
-        whole = ReadNumber(field[i], &summary.figures[by_address ? DirectFigure(i) : i].emplace());
+        whole =
+            ReadNumber(field[i], &summary.figures[by_address ? DirectFigure(i, field.size()) : i].emplace());
     if (!whole)
-        throw UnknownForm("the agent's summary holds neither thirteen numbers nor nine");
+        throw UnknownForm("the agent's summary holds neither thirteen numbers nor twelve or nine");
     summary.jvm_microseconds = reply.jvm_microseconds;
     return summary;
 }

@@ -152,7 +152,7 @@ void AddObjects(CLI::App *app, CommandLine *line) {
     object->add_option("tag", line->tags, "Tags, as 'locals' and 'object' show them")
         ->option_text("TAG...")
         ->required()
-        ->check(CLI::Range(1, INT_MAX).description(""));
+        ->check(CLI::Range(int64_t{1}, INT64_MAX).description(""));
     object->add_option("--follow", line->follow, "Go on through these fields: FIELD or FIELD.FIELD...")
         ->option_text("FIELDS");
     AddWide(object, &line->settings);

@@ -17,10 +17,14 @@ namespace qorctl {
 struct Local {
     std::optional<int64_t> tag; // of an object that can be opened
     std::string type, value;    // the value of strings and of arrays of primitives
+    bool isText = false;        // it has a tag, and its value is its text
 };
 
+// Of a JVM read by address its first row is the object or class that the frame runs in, and numbers are told
+// too; the tags are addresses, which hold until the next collection.
 struct Locals {
     std::vector<Local> rows;
+    std::string refusal; // why there are none: the frame is gone
     std::optional<uint64_t> jvm_microseconds;
     bool cut = false;
 };

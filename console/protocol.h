@@ -72,6 +72,22 @@ constexpr std::string_view NO_SUCH_PORT = "Client Port not found on JVM";
 constexpr std::string_view ERROR_WORD = "ERROR"; // begins what a request for sessions complains of
 constexpr std::string_view USEC_UNIT = " usec";
 
+// Views of locals and objects where the JVM is read by address.
+constexpr std::string_view TITLE_FRAME = "Frame";
+constexpr std::string_view TITLE_THIS_OBJECT = "This Object", TITLE_THIS_CLASS = "This Class";
+constexpr std::string_view TITLE_ARGUMENTS = "Method Arguments";
+constexpr std::string_view NO_LOCALS = "No Locals available";
+constexpr std::string_view NO_SUCH_FRAME = "This Frame does not exist on JVM";
+constexpr std::string_view NO_SUCH_METHOD = "Method not found on JVM";
+constexpr std::string_view VIEW_OBJECT = "View Object", VIEW_ARRAY = "View Array Contents";
+constexpr std::string_view VIEW_CLASS = "View This Class";
+constexpr std::string_view ARRAY_OF = "Array ";           // in front of an array's elements
+constexpr std::string_view ARRAY_DIMENSION = " Array D-"; // after them, once for each dimension
+constexpr std::string_view NULL_OBJECT = "Null Oop", NULL_ARRAY = "This Array Object is NULL";
+constexpr std::string_view NO_FIELDS_EXIST = "No Fields exist";
+constexpr std::string_view NO_FIELD_TABLE = "No Information available for this Object";
+constexpr std::string_view STRING_ELEMENT = "String Array Element", TEXT_FOLLOWS = " : ";
+
 // The channel.
 constexpr std::string_view END_OF_TRANSMISSION = "|\t|\t\t||";
 constexpr std::string_view SHUTDOWN_REQUEST = "SHUTDOWN";

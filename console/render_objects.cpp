@@ -12,7 +12,7 @@ namespace {
 size_t FramesOfMethod(const Thread &thread, const Frame &frame) {
     size_t count = 0;
     for (const Frame &other : thread.stack)
-        count += other.method_id == frame.method_id;
+        count += frame.place ? &other == &frame : other.method_id == frame.method_id;
     return count;
 }
 
@@ -64,7 +64,7 @@ Json LocalsJson(const Locals &locals, const Thread &thread, const Frame &frame) 
     for (const Local &local : locals.rows)
         rows.push_back({{"tag", local.tag ? Json(*local.tag) : Json()},
                         {"type", local.type},
-                        {"value", local.tag ? Json() : Json(local.value)}});
+                        {"value", local.tag && !local.isText ? Json() : Json(local.value)}});
     return {{"thread", thread.key.thread},
             {"frame", frame.index},
             {"class", frame.class_name},

@@ -98,17 +98,24 @@ std::string LockHolderRequest(const LockWait &wait, std::string_view thread_key)
 }
 
 // The last two arguments are the two fields that stand behind the method in each frame's row.
-std::string LocalsRequest(int64_t thread, int64_t method_id) {
+std::string LocalsRequest(int64_t thread, const Frame &frame) {
+    if (frame.place)
+        return fmt::format("{}|showstack|{}|ARG=x,0={},1={:x},2={:x},3={:x},4={:x}", BaseFlags(false),
+                           uint32_t(REQ_SHOW_LOCALS), frame.place->kind, frame.place->fp, frame.place->pc,
+                           frame.place->sp, frame.place->method);
     return fmt::format("{}|showstack|{}|ARG=x,0={},1={},2=2,3=3", BaseFlags(false), uint32_t(REQ_SHOW_LOCALS),
-                       thread, method_id);
+                       thread, frame.method_id);
 }
 
-std::string ObjectRequest(int64_t tag) {
+std::string ObjectRequest(int64_t tag, bool as_class) {
+    if (IsAddress(tag))
+        return fmt::format("{}|showstack|{}|ARG=x,0={:x},1={}", BaseFlags(false), uint32_t(REQ_SHOW_OBJECT),
+                           tag, int(as_class));
     return fmt::format("{}|showstack|{}|ARG=x,0={},1=0", BaseFlags(false), uint32_t(REQ_SHOW_OBJECT), tag);
 }
 
 std::string SummaryRequest(bool repeated) {
-    return fmt::format("{}|showstack|{}", BaseFlags(repeated),
+    return fmt::format("{}|showqor|{}", BaseFlags(repeated),
                        REQ_THREAD_SUMMARY | uint32_t(REQ_THREAD_COUNTS));
 }
 

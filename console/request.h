@@ -27,10 +27,15 @@ std::string StackRequest(std::string_view thread_key);
 std::string LockHolderRequest(const LockWait &wait, std::string_view thread_key);
 
 // The objects in the locals of a method that a thread runs; the method as the stack's frame tells it.
-std::string LocalsRequest(int64_t thread, int64_t method_id);
+std::string LocalsRequest(int64_t thread, const Frame &frame);
 
-// The fields of the object that carries a tag.
-std::string ObjectRequest(int64_t tag);
+// The fields of the object that carries a tag; of a JVM read by address also the statics of the class there.
+std::string ObjectRequest(int64_t tag, bool as_class);
+
+// Whether a tag is an address, as those of a JVM read by address are. Others end at 50,000.
+constexpr bool IsAddress(int64_t tag) {
+    return tag >= 1 << 16;
+}
 
 std::string SummaryRequest(bool repeated);
 

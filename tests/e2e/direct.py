@@ -23,7 +23,7 @@ class DirectRoad(Case):
         truths = list(map(json.loads, lines))
         self.vm, self.truths = vm, {t["name"]: t for t in truths if "name" in t}
         self.heap = next((t["heap"] for t in truths if "heap" in t), None)
-        self.sample = {}
+        self.sample, self.owned = {}, {}
 
     def stopped(self):
         """Samples until each thread that runs has stopped in time; on a busy machine some don't."""
@@ -48,11 +48,15 @@ class DirectRoad(Case):
         self.assertEqual(self.locks(thread), truth["locks"])
         wait = thread["waits_for"]
         self.assertEqual(f'{wait["lock"]:x} {wait["class"]}' if wait else "", truth["waits"])
+        owner = next((i for i, locks in self.owned.items() if truth["waits"] and any(
+            lock.startswith(truth["waits"] + " ") for lock in locks)), None)
+        self.assertEqual(wait and wait["owner"], owner)
 
     def test_shows_what_its_threads_do(self):
         pid, truths = self.vm.pid, self.truths
         wait_until("every thread has a stack", self.stopped)
         self.assertEqual({*self.sample}, {*truths, "main"})
+        self.owned = {t["id"]: self.locks(t) for t in self.sample.values()}
         table = self.answer("threads", pid, "--all").out
         for name, truth in truths.items():
             with self.subTest(thread=name):
@@ -102,3 +106,34 @@ class DirectHeap(DirectRoad):
         self.assertGreater(dump["roots"]["stack_locals"], 0)
         self.answer("shutdown", self.vm.pid)
         self.assertEqual(self.vm.wait(LIMIT), 0)
+
+
+class DirectLocals(DirectRoad):
+    """Locals of frames and the objects that they refer to."""
+    SCENE = "readers"
+    TYPES = {"I": "Integer", "J": "Long", "Z": "Boolean", "F": "Float", "D": "Double"}
+    test_shows_what_its_threads_do = None
+
+    def type_of(self, signature):
+        element = signature.lstrip("[")
+        name = element[1:-1].replace("/", ".") if element[0] == "L" else self.TYPES.get(element)
+        return name and name + "[]" * (len(signature) - len(element))
+
+    def test_shows_locals_and_what_they_refer_to(self):
+        tags = set()
+        for name, truth in self.truths.items():
+            for index, frame in enumerate(truth.get("details", [])):
+                rows = self.answer("locals", self.vm.pid, name, index, "--json").json()["locals"]
+                for row, argument in zip(rows[1:], frame["arguments"]):
+                    self.assertEqual(row["type"], self.type_of(argument["type"]) or row["type"], frame)
+                    if argument["seen"] == "number" and argument["type"] in "IJ":
+                        self.assertEqual(row["value"], str(argument["value"]), frame)
+                tags.update(row["tag"] for row in rows if row["tag"])
+        objects = {int(t["object"]["address"], 16): t["object"] for t in self.truths.values() if "object" in t}
+        self.assertTrue(tags & {*objects})
+        for tag in tags:  # each row opens what it shows
+            classes = self.answer("object", self.vm.pid, tag, "--json").json()["objects"][0]["classes"]
+            truth = objects.get(tag, {})
+            if "fields" in truth:
+                self.assertEqual(classes[0]["class"], truth["class"].replace("/", "."))
+                self.assertLessEqual({f["name"] for f in truth["fields"]}, {f["name"] for c in classes for f in c["fields"]})

@@ -45,7 +45,7 @@ TEST(Requests, Texts) {
     EXPECT_EQ(threads(false, true, false, ""), "777|showstack|32768");
     EXPECT_EQ(threads(true, true, true, ""), "281|showstack|32768");
     EXPECT_EQ(threads(false, false, false, "77-23"), "553|showstack|32768|ARG=x,1=77-23");
-    EXPECT_EQ(SummaryRequest(false), "521|showstack|320");
+    EXPECT_EQ(SummaryRequest(false), "521|showqor|320");
     EXPECT_EQ(SettingRequest("qorloglevel", "3"), "521|NoProcessing|qorloglevel|3");
 }
 

@@ -138,8 +138,10 @@ TEST(DecodeObject, EmptyCutAndWrongReplies) {
                               "Message;Object Name :x!Object Description;^~^~Int~n;Active!",
                               "Message;Object Name :x!Object Description;a~1~Int~n~v;Active!"})
         EXPECT_THROW(DecodeObject(OpenReply(Wire(wrong + TIMING)), 1), Failure) << wrong;
-    EXPECT_EQ(ObjectRequest(5000), "521|showstack|1024|ARG=x,0=5000,1=0");
-    EXPECT_EQ(LocalsRequest(23, -1609482896), "521|showstack|4096|ARG=x,0=23,1=-1609482896,2=2,3=3");
+    EXPECT_EQ(ObjectRequest(5000, false), "521|showstack|1024|ARG=x,0=5000,1=0");
+    Frame frame;
+    frame.method_id = -1609482896;
+    EXPECT_EQ(LocalsRequest(23, frame), "521|showstack|4096|ARG=x,0=23,1=-1609482896,2=2,3=3");
 }
 
 } // namespace
