@@ -3,6 +3,7 @@
 //        direct holds SECONDS   the same crowd, two of its threads looping
 //        direct census GIB      objects of so many GiB, counted
 #include "heap.h"
+#include "natives.h"
 #include "scenes.h"
 #include "storm.h"
 
@@ -14,11 +15,6 @@
 #include <cstring>
 #include <sys/mman.h>
 #include <unistd.h>
-
-extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
-extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
-                                            jstring, jobject, jobject, jobject, jobject, jstring, jobject,
-                                            jstring, jstring, jint, jint, jint, jint, jint, jint);
 
 using namespace simvm;
 

@@ -1,17 +1,13 @@
 // The agent as the simulated VM's main thread starts and asks it.
 #pragma once
 
+#include "natives.h"
 #include "scenes.h"
 
 #include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
-
-extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
-extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
-                                            jstring, jobject, jobject, jobject, jobject, jstring, jobject,
-                                            jstring, jstring, jint, jint, jint, jint, jint, jint);
 
 namespace simvm {
 

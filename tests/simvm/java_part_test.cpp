@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 #include <map>
 
-extern "C" jobjectArray Java_qoragent_Agent_getThreadObjects(JNIEnv *, jobject);
-
 using namespace simvm;
 
 namespace {

@@ -1,4 +1,5 @@
 // A start on the simulated VM: on which it succeeds, and what the agent's lowest readers make of it then.
+#include "natives.h"
 #include "simvm.h"
 
 #include "qoragent/dispatch.h"
@@ -19,11 +20,6 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-extern "C" jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
-extern "C" jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring,
-                                            jstring, jobject, jobject, jobject, jobject, jstring, jobject,
-                                            jstring, jstring, jint, jint, jint, jint, jint, jint);
 
 using namespace simvm;
 
