@@ -15,7 +15,7 @@
 namespace {
 
 constexpr char WHAT[] = "Heap census";
-constexpr int64_t POLL_MSEC = 10, NSEC_PER_MSEC = 1000 * 1000;
+constexpr int64_t POLL_MSEC = 1, NSEC_PER_MSEC = 1000 * 1000;
 constexpr uint64_t TALLIES = 1 << 16, MOST_TALLIES = TALLIES / 4 * 3;
 
 // A klass's objects. Written in the copy alone.
@@ -99,6 +99,11 @@ void TakeFigures(QorForkState state, int32_t, const void *result) {
     }
 }
 
+void Pause() {
+    constexpr timespec PAUSE = {0, POLL_MSEC * NSEC_PER_MSEC};
+    nanosleep(&PAUSE, nullptr);
+}
+
 const char *FailureText(const char *why) {
     static char text[128];
     snprintf(text, sizeof text, "%s failed, %s", WHAT, why);
@@ -153,13 +158,19 @@ void QorLogSkipped(const HeapSpace *spaces, const QorSpaceCensus *content) {
 }
 
 bool QorAwaitNoCollection(int64_t until) {
-    constexpr timespec PAUSE = {0, POLL_MSEC * NSEC_PER_MSEC};
     while (QorIsCollecting()) {
         if (qorLeave || QorForkClock() >= until)
             return false;
-        nanosleep(&PAUSE, nullptr);
+        Pause();
     }
     return true;
+}
+
+bool QorAwaitCollectionEnd(int64_t until) {
+    const uint32_t count = QorCollectionCount();
+    while (!QorIsCollecting() && QorCollectionCount() == count && !qorLeave && QorForkClock() < until)
+        Pause();
+    return QorAwaitNoCollection(until);
 }
 
 const QorHeapCensus *QorCountHeap(bool classes, const char **refusal) {

@@ -43,6 +43,10 @@ void QorLogSkipped(const HeapSpace *spaces, const QorSpaceCensus *content);
 // asked to leave.
 bool QorAwaitNoCollection(int64_t until);
 
+// Waits for the end of a collection, which leaves most time until the next: of the one that runs, or one that
+// begins before `until`. False when one still runs then.
+bool QorAwaitCollectionEnd(int64_t until);
+
 // Counts, with `classes` by class too. The figures stay until the next call; null, with *refusal a text for
 // the reply, when there are none.
 const QorHeapCensus *QorCountHeap(bool classes, const char **refusal);

@@ -17,7 +17,9 @@
 
 namespace {
 
-constexpr int64_t QUIET_MSEC = 2000; // for a collection to end
+constexpr int64_t QUIET_MSEC = 2000;   // for a collection to end
+constexpr int64_t FREQUENT_MSEC = 100; // between collections: there may soon be the end of one
+constexpr int32_t MOST_HOLDS = 3;      // for one copy
 
 uint32_t countBefore; // collections, when the spaces were laid out
 
@@ -56,7 +58,8 @@ int32_t Prepare() {
 
 // The spaces as they are just before the hold: the next collection makes them useless.
 bool LayOut() {
-    QorAwaitNoCollection(QorForkClock() + QUIET_MSEC);
+    if (!QorAwaitNoCollection(QorForkClock() + QUIET_MSEC))
+        return false;
     countBefore = QorCollectionCount();
     QorForgetPages();
     if (QorMeasureHeap() != 0)
@@ -66,18 +69,28 @@ bool LayOut() {
     return true;
 }
 
-// From the hold to the resume nothing is logged or allocated.
+// Holds and forks. From the hold to the resume nothing is logged or allocated.
 int32_t ForkHeld() {
-    const bool laidOut = LayOut();
-    const int32_t held = laidOut ? QorHoldForDump() : 0;
-    const bool still = laidOut && IsOneMoment();
-    const int32_t pid = still ? QorForkNow(RunCopy) : FORK_REFUSED_MOVED;
+    if (!LayOut())
+        return FORK_REFUSED_MOVED;
+    const int32_t held = QorHoldForDump([] { return !IsOneMoment(); });
+    const int32_t pid = IsOneMoment() ? QorForkNow(RunCopy) : FORK_REFUSED_MOVED;
     const int error = errno;
     QorResumeAfterDump();
     QorTendHolds();
     QORLOG(LOG_NOTE, "Heap dump: %d threads were held", held);
     if (pid == -1)
         QORLOG(LOG_ERROR, "No copy of the process: %s", strerror(error));
+    return pid;
+}
+
+// Where collections are frequent, a try that begins as soon as one has ended has most time.
+int32_t ForkStill() {
+    int32_t pid = ForkHeld();
+    for (int32_t tries = 1; tries < MOST_HOLDS && pid == FORK_REFUSED_MOVED && !qorLeave &&
+                            QorAwaitCollectionEnd(QorForkClock() + FREQUENT_MSEC);
+         tries++)
+        pid = ForkHeld();
     return pid;
 }
 
@@ -97,7 +110,7 @@ int32_t QorForkDirectDump(const char *path, const int32_t pipe[2]) {
         QorDumpClose(&logfile);
         return FORK_REFUSED_BY_SYSTEM;
     }
-    const int32_t pid = ForkHeld();
+    const int32_t pid = ForkStill();
     QorDumpAbandon(&logfile); // the copy has its own of what the buffer holds
     if (pid < 0)
         QorForgetFork();

@@ -93,7 +93,7 @@ void Await(Asked *one, int32_t index, int64_t until) {
 
 } // namespace
 
-int32_t QorHoldForDump() {
+int32_t QorHoldForDump(bool (*pointless)()) {
     askedCount = 0;
     QorWaitForLeavers(0);
     dump_holds_threads = 1;
@@ -102,9 +102,13 @@ int32_t QorHoldForDump() {
         const int32_t before = askedCount, count = ListCandidates();
         MarkListed(count);
         AskThem(count);
-        for (int32_t i = before; i < askedCount; i++)
-            Await(&asked[i], i, begin + end);
-        if (askedCount == before)
+        bool given = false;
+        for (int32_t i = before; i < askedCount && !given; i++) {
+            given = !QorSlotHeld(asked[i].hold) && pointless();
+            if (!given)
+                Await(&asked[i], i, begin + end);
+        }
+        if (askedCount == before || given)
             break;
     }
     return static_cast<int32_t>(

@@ -13,8 +13,10 @@
 // 1 while a dump's threads may be held. Written by the worker; any thread may read it.
 extern std::atomic<int32_t> dump_holds_threads;
 
-// Holds them: 50 ms for all to come, and 5 s until they go on by themselves. How many are held. Worker.
-int32_t QorHoldForDump();
+// Holds them: 50 ms for all to come, and 5 s until they go on by themselves. How many are held. Stops asking
+// and waiting when `pointless` says so, which is asked before each wait and must keep to the rule above.
+// Worker.
+int32_t QorHoldForDump(bool (*pointless)());
 
 // Lets them go, the one that was asked last first. Worker.
 void QorResumeAfterDump();
