@@ -145,7 +145,7 @@ bool DescribesKlasses(VmType type) {
     return type >= TYPE_KLASS_KLASS && type <= TYPE_TYPE_ARRAY_KLASS_KLASS;
 }
 
-// Bytes of the object; 0 when they can't be known.
+// Bytes of the object, in whole words; 0 when they can't be known.
 uint64_t SizeOf(const KnownKlass &klass, const Head &head, uint64_t address) {
     if (klass.type == TYPE_INSTANCE)
         return static_cast<uint64_t>(klass.helper) * VM_WORD_SIZE;
@@ -167,7 +167,7 @@ bool TakeObject(const Walk &walk, const Head &head, QorHeapObject *object) {
     if (klass.type == TYPE_NONE)
         return false;
     const uint64_t size = SizeOf(klass, head, walk.at);
-    if (size < SMALLEST || size % VM_WORD_SIZE != 0 || size > walk.limit - walk.at)
+    if (size < SMALLEST || size > walk.limit - walk.at)
         return false;
     *object = {walk.at, head.klass, size, klass.type, klass.type == TYPE_ARRAY ? head.length : 0};
     return true;
