@@ -33,6 +33,14 @@ struct InMalloc {
             pthread_mutex_unlock(&mallocLock);
     }
 };
+
+void Lock() {
+    pthread_mutex_lock(&mallocLock);
+}
+void Unlock() {
+    pthread_mutex_unlock(&mallocLock);
+}
+const int FORKS = pthread_atfork(Lock, Unlock, Unlock); // as fork() does with the C library's own
 } // namespace
 
 extern "C" {

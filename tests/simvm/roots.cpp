@@ -47,7 +47,7 @@ Word NewHandles(int32_t count) {
 Word NewHandleArea() {
     std::vector<Word> chunks;
     Word used = 0;
-    for (auto &[room, handles] : {std::pair<int64_t, int>{160, 20}, {64, 5}}) {
+    for (auto &[room, handles] : {std::pair<int64_t, int>{64, 8}, {160, 20}, {64, 5}}) {
         Word chunk = Allocate(sizeof(HandleChunk) + room);
         As<HandleChunk>(chunk).bytes = room;
         for (int i = 0; i < handles; i++)
