@@ -38,7 +38,8 @@ bool ReadRmiWait(const Fields &field, RmiWait *rmi) {
 }
 
 // The block's marks stand in front of its first field: 28 and 27 for a remote call, 28, the number of fields
-// and 26 for a database call. The number of fields read, 0 when it isn't a block.
+// and 26 for a database call; 28 alone for the shorter one of a JVM read by address. The number of fields
+// read, 0 when it isn't a block.
 size_t ReadBlock(Fields field, Thread *thread) {
     std::string_view &first = field[0];
     if (!first.empty() && first[0] == DETAIL_RMI) {
@@ -46,7 +47,10 @@ size_t ReadBlock(Fields field, Thread *thread) {
         return ReadRmiWait(field, &thread->rmi.emplace()) ? RMI_FIELDS : 0;
     }
     size_t mark = first.find(DETAIL_COUNTED), count = 0;
-    if (mark == first.npos || !ReadNumber(first.substr(0, mark), &count) || count != DB_FIELDS)
+    if (mark == first.npos)
+        return field.size() >= SHORT_DB_FIELDS && ReadDbStart(field, &thread->db.emplace()) ? SHORT_DB_FIELDS
+                                                                                            : 0;
+    if (!ReadNumber(first.substr(0, mark), &count) || count != DB_FIELDS)
         return 0;
     first.remove_prefix(mark + 1);
     return ReadDbWait(field, &thread->db.emplace()) ? DB_FIELDS : 0;

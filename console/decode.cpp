@@ -144,8 +144,9 @@ bool ReadStackRow(std::string_view row, Frame *frame) {
     int64_t thread = 0;
     if (field.size() == 8 && field[7] != NO_VALUE)
         return ReadPlace(&field[3], frame) && ReadFrameGroup(field[0], field[1], field[2], frame, true);
-    if (field.size() == 4 && field[3].empty()) // what a framework works on has no more than this
-        return ReadFrameGroup(field[0], field[1], field[2], frame) && frame->framework;
+    // What a framework works on has no more than this.
+    if (field.size() == 3 || (field.size() == 4 && field[3].empty()))
+        return ReadFrameGroup(field[0], field[1], field[2], frame, field.size() == 3) && frame->framework;
     if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
         !ReadNumber(field[5], &frame->method_id))
         return false;

@@ -9,6 +9,10 @@ from collections import Counter
 from harness import LIMIT, SETTINGS, Case, leftovers, wait_until
 
 
+# The letters of a dump's records, by kind.
+KINDS = {"instances": "8", "arrays": "[", "methods": "2F", "pools": "34", "symbols": "1"}
+
+
 class DirectRoad(Case):
     SCENE = "shop"
 
@@ -21,7 +25,10 @@ class DirectRoad(Case):
         lines = list(iter(vm.stdout.readline, f"simvm_host: {vm.pid}\n"))
         self.assertEqual(lines.pop(), "initvar: 0\n")
         truths = list(map(json.loads, lines))
-        self.vm, self.truths = vm, {t["name"]: t for t in truths if "name" in t}
+        self.vm, self.truths = vm, {}
+        for truth in truths:
+            if "name" in truth:  # a thread's, and of the object of that name
+                self.truths.setdefault(truth["name"], {}).update(truth)
         self.heap = next((t["heap"] for t in truths if "heap" in t), None)
         self.sample, self.owned = {}, {}
 
@@ -106,6 +113,58 @@ class DirectHeap(DirectRoad):
         self.assertGreater(dump["roots"]["stack_locals"], 0)
         self.answer("shutdown", self.vm.pid)
         self.assertEqual(self.vm.wait(LIMIT), 0)
+
+
+    def test_counts_what_is_in_its_heap(self):
+        spaces = {space["name"]: space for space in self.heap}
+        heap = self.answer("heap", self.vm.pid, "--json").json()
+        self.assertEqual({pool["name"]: (pool["used_kib"], pool["max_kib"]) for pool in heap["pools"]},
+                         {name: (space["used"] // 1024, space["capacity"] // 1024) for name, space in spaces.items()})
+        kinds = self.answer("heap", self.vm.pid, "--kinds", "--json").json()["spaces"]
+        self.assertEqual({row["name"]: [row["objects"], *(row["kinds"][kind]["objects"] for kind in KINDS)]
+                          for row in kinds},
+                         {name: [space["objects"], *(sum(space["types"].get(letter, [0])[0] for letter in letters)
+                                                     for letters in KINDS.values())]
+                          for name, space in spaces.items()})
+        classes = Counter()
+        for space in self.heap:
+            for name, (objects, _) in space["classes"].items():
+                classes[name.replace("/", ".")] += objects
+        shown = self.answer("histogram", self.vm.pid, "--top", "302", "--json").json()["classes"]
+        self.assertLessEqual({(row["class"], row["instances"]) for row in shown if row["class"].startswith("heap.")},
+                             {*classes.items()})
+        self.assertEqual(self.answer("gc", self.vm.pid, "--json").json()["collectors"], heap["collectors"])
+
+
+class DirectTiers(DirectRoad):
+    """Databases, and frames that stand for what a framework works on."""
+    SCENE = "drivers"
+    test_shows_what_its_threads_do = None
+
+    def test_shows_databases(self):
+        rows = self.answer("connections", self.vm.pid, "--json").json()["connections"]
+        facts = {name: truth["facts"] for name, truth in self.truths.items() if truth.get("facts")}
+        self.assertEqual({row["threads"][0]["name"]: [row["url"], row["user"], row["local_port"], row["remote_port"]]
+                          for row in rows},
+                         {name: [fact["url"], fact["user"], int(fact["local port"]), int(fact["remote port"])]
+                          for name, fact in facts.items()})
+        port = rows[0]["local_port"]
+        holder = self.answer("connections", self.vm.pid, "--port", port, "--json").json()
+        self.assertEqual(holder["thread"]["name"], rows[0]["threads"][0]["name"])
+
+
+class DirectFrameworks(DirectTiers):
+    SCENE = "tiers"
+    test_shows_databases = None
+
+    def test_shows_frameworks(self):
+        wait_until("every thread has a stack", self.stopped)
+        for name, truth in self.truths.items():
+            for word in {"Entity_Object", "View_Object", "EL_Exp", "Groovy_Script"} & {*truth["facts"]}:
+                one = self.answer("stack", self.vm.pid, name, "--json").json()["threads"][0]
+                for thread in (one, self.sample[name]):  # of a script, the line
+                    self.assertIn(truth["facts"][word], [value for row in thread["stack"] if row["class"] == word
+                                                         for value in (row["method"], str(row["line"]))])
 
 
 class DirectLocals(DirectRoad):

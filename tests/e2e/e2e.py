@@ -23,7 +23,7 @@ from dumps import Dumps, LateDumps
 from harness import (LIMIT, SETTINGS, Application, Case, OfTheDemo, in_root, leftovers, process_state, qorctl,
                      wait_until)
 from databases import Databases
-from direct import DirectHeap, DirectLocals, DirectRoad
+from direct import DirectFrameworks, DirectHeap, DirectLocals, DirectRoad, DirectTiers
 from hung import Hung
 from products import Products
 from sessions import Sessions
@@ -32,7 +32,7 @@ from views import Memory, Views
 from web import Web
 
 # Groups of other files.
-__all__ = ["DirectHeap", "DirectLocals", "DirectRoad", "Dumps", "Hung", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]
+__all__ = ["DirectFrameworks", "DirectHeap", "DirectLocals", "DirectRoad", "DirectTiers", "Dumps", "Hung", "LateDumps", "Memory", "Products", "Sessions", "Tiers", "Views", "Web"]
 
 
 class Sample(OfTheDemo):
