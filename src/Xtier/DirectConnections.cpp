@@ -24,7 +24,8 @@ namespace {
 constexpr int64_t NO_DESCRIPTOR = -1;
 constexpr char LOOPBACK[] = "127.0.0.1", LOOPBACK_NAME[] = "localhost";
 
-QorDirectConnection found; // what is being read; 4 KB
+QorDirectConnection found;  // what is being read; 4 KB
+uint32_t collectionsBefore; // the count when the first of it was read
 
 template <size_t SIZE>
 void CopyText(char (&dest)[SIZE], const char *text) {
@@ -109,7 +110,7 @@ void StartReading(uint64_t connection, uint64_t sql) {
     found.connection = connection;
     found.sqlRef = sql;
     found.fd = NO_DESCRIPTOR;
-    found.collections = QorCollectionCount();
+    found.collections = collectionsBefore;
     found.sampleTime = time(nullptr);
 }
 
@@ -257,6 +258,7 @@ QorDirectConnection *update_conn_stmt_table(uint64_t object, bool isConnection, 
 bool QorFindDirectConnection(QorDirectDriver driver, uint64_t object, const char *threadName,
                              const char *threadKey, QorDatabaseBlock *out) {
     const QorDirectConnection *entry = nullptr;
+    collectionsBefore = QorCollectionCount();
     switch (driver) {
     case DRIVER_STATEMENT:
         entry = OfStatement(object, threadName, threadKey);

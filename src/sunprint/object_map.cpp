@@ -75,7 +75,10 @@ void ForEachEntry(uint64_t array, const char *signature, Look look) {
     const int32_t length = QorInt32At(array + ARRAY_LENGTH);
     int32_t entries = 0;
     for (int32_t i = 0; i < length && i < MAX_ELEMENTS; i++) {
-        uint64_t entry = QorWordAt(array + ARRAY_ELEMENTS + static_cast<uint64_t>(i) * VM_WORD_SIZE);
+        const uint64_t place = array + ARRAY_ELEMENTS + static_cast<uint64_t>(i) * VM_WORD_SIZE;
+        if (!is_in_heap(place)) // the length is torn
+            return;
+        uint64_t entry = QorWordAt(place);
         while (entry) {
             if (entries++ == MAX_ENTRIES || !look(entry))
                 return;

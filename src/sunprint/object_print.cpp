@@ -256,19 +256,25 @@ void AppendObjectElement(View *view, const char *name, uint64_t object) {
     EndWhole(view, start, RECORD_END);
 }
 
-void AppendElement(View *view, const Array &array, int32_t index) {
+// False past the heap's end: the array's length is torn.
+bool AppendElement(View *view, const Array &array, int32_t index) {
+    const int32_t width = QorWidthOf(array.type[0]); // 0 for references
+    const uint64_t size = width ? static_cast<uint64_t>(width) : VM_WORD_SIZE;
+    const uint64_t place = array.elements + static_cast<uint64_t>(index) * size;
+    if (!is_in_heap(place & ~(VM_WORD_SIZE - 1)))
+        return false;
     char name[64];
     snprintf(name, sizeof name, "Array Element [%d]", index);
-    if (const int32_t size = QorWidthOf(array.type[0])) {
-        const Item item = {array.type, name, false};
-        AppendNumberRow(view, item, array.elements + static_cast<uint64_t>(index) * size);
-        return;
+    if (width) {
+        AppendNumberRow(view, {array.type, name, false}, place);
+        return true;
     }
-    const uint64_t object = QorWordAt(array.elements + static_cast<uint64_t>(index) * VM_WORD_SIZE);
+    const uint64_t object = QorWordAt(place);
     if (object && array.ofStrings)
         AppendStringElement(view, index, object);
     else if (object)
         AppendObjectElement(view, name, object);
+    return true;
 }
 
 // One text for an array of characters; else the elements, but for those that are null.
@@ -287,7 +293,8 @@ void PrintArray(View *view, uint64_t klass) {
         memcpy(array.type, signature + 1, sizeof signature - 1);
     const int32_t start = view->out->length, length = QorInt32At(view->object + ARRAY_LENGTH);
     for (int32_t i = 0; i < length && !view->full && !(i % LOOK_EVERY == 0 && qorLeave); i++)
-        AppendElement(view, array, i);
+        if (!AppendElement(view, array, i))
+            break;
     if (!array.ofStrings || view->out->length == start)
         EndRows(view);
 }
