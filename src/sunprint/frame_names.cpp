@@ -22,7 +22,7 @@ constexpr uint8_t TABLE_END = 0, TABLE_LONG = 255;
 constexpr int32_t LINE_BITS = 3, LINE_MASK = 7;
 
 // Steps to the next entry. False at the end.
-bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int32_t *line) {
+bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int64_t *line) {
     uint8_t byte = TABLE_END;
     if (*at >= MAX_TABLE || !QorPeekValue(table + static_cast<uint64_t>(*at), &byte) || byte == TABLE_END)
         return false;
@@ -34,8 +34,7 @@ bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int32_t *line) {
     }
     int32_t bciStep = 0, lineStep = 0;
     if (!get_int_from_compressed_stream(table, at, &bciStep) ||
-        !get_int_from_compressed_stream(table, at, &lineStep) || bciStep < -MAX_BCI || bciStep > MAX_BCI ||
-        lineStep < -MAX_LINE || lineStep > MAX_LINE)
+        !get_int_from_compressed_stream(table, at, &lineStep) || bciStep < -MAX_BCI || bciStep > MAX_BCI)
         return false;
     *bci += bciStep;
     *line += lineStep;
@@ -45,9 +44,9 @@ bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int32_t *line) {
 // The line of the last entry at or in front of `wanted`; 0 for none. A method may have no table: then bytes
 // of its neighbour are read, which is why what comes out is held against what a line can be.
 int32_t FindLine(uint64_t table, int32_t wanted) {
-    int32_t best = -1, bestLine = 0;
-    for (int32_t at = 0, bci = 0, line = 0;
-         NextEntry(table, &at, &bci, &line) && bci >= 0 && bci <= MAX_BCI;) {
+    int32_t best = -1, at = 0, bci = 0;
+    int64_t line = 0, bestLine = 0;
+    while (NextEntry(table, &at, &bci, &line) && bci >= 0 && bci <= MAX_BCI) {
         if (bci <= wanted && bci >= best) {
             best = bci;
             bestLine = line;
@@ -55,7 +54,7 @@ int32_t FindLine(uint64_t table, int32_t wanted) {
         if (bci == wanted)
             break;
     }
-    return bestLine >= 1 && bestLine <= MAX_LINE ? bestLine : 0;
+    return bestLine >= 1 && bestLine <= MAX_LINE ? static_cast<int32_t>(bestLine) : 0;
 }
 
 int32_t LineOf(const QorFrameInfo &frame, const QorVmMethod &method) {
