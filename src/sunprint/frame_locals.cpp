@@ -126,9 +126,9 @@ QorFrameFound QorFindCompiledFrame(QorFrameLocals *out) {
     if (!QorReadCodeRanges(&code) || !FindBlob(code, frame.pc, &blob) || frame.sp % VM_WORD_SIZE != 0 ||
         !FindScope(code, blob.address, out))
         return FRAME_GONE;
+    out->stackEnd = frame.sp + blob.frameBytes;
     if (out->method.native)
         return FRAME_WITHOUT_LOCALS;
-    out->stackEnd = frame.sp + blob.frameBytes;
     out->at = out->scopes.locals;
     QorLocal receiver;
     if (out->at < 0 || !get_int_from_compressed_stream(out->scopes.stream, &out->at, &out->count))

@@ -37,8 +37,6 @@ struct Shown {
 } shown;
 
 void AppendSentence(QorText *out, const char *text) {
-    if (!out)
-        return;
     QorTextAppend(out, text);
     QorTextAppendChar(out, SECTION_END);
 }
@@ -165,16 +163,15 @@ void PrintLocals(const QorFramePlace &frame, QorText *reply, QorDumpFile *dump) 
     shown = {};
     shown.locals.frame = &frame;
     const char *const why = FindFrame();
-    if (why) {
+    if (!reply) {
+        if (dump && (!why || why == NO_LOCALS)) // a native frame's arguments are on its stack
+            DumpRoots(dump);
+    } else if (why) {
         AppendSentence(reply, why);
-        return;
-    }
-    if (reply) {
+    } else {
         AppendHead(reply);
         if (ShowThis(reply))
             ShowLocals(reply);
-    } else if (dump) {
-        DumpRoots(dump);
     }
 }
 
