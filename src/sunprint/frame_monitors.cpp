@@ -54,6 +54,8 @@ bool QorReportMonitors(const QorWalkedThread &thread, const QorSampleRequest &re
         const uint64_t object = frame_monitors[frame.firstMonitor + i];
         const bool isObject = QorClassNameOf(object, className);
         const bool waited = first && i == 0 && WaitsForMonitor(thread.facts);
+        if (object && !isObject)
+            continue; // the frame has put something else there
         if (waited && QorLeavesIdleOut(request) && !checkMonitor(className))
             return false;
         if (waited && isObject)

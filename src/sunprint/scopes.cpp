@@ -63,8 +63,9 @@ void ReadMonitors(QorFrameInfo *frame) {
         if (!get_int_from_compressed_stream(frame->stream, &at, &owner) ||
             !QorReadScopeValue(frame->stream, &at, frame->sp, &value))
             break;
-        if (value.tag == TAG_LOCATION)
-            QorAddFrameMonitor(frame, WordOf(value, false));
+        const uint64_t object = WordOf(value, false);
+        if (value.tag == TAG_LOCATION && (object || !value.place)) // a slot that isn't in use has none
+            QorAddFrameMonitor(frame, object);
     }
     uint64_t *first = frame_monitors + frame->firstMonitor;
     std::reverse(first, first + frame->monitorCount); // the stream has the outermost first
