@@ -79,7 +79,7 @@ QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &req
         return qorServerPortTest && qorServerPortTest(thread, frame, names) ? REPORT_PORT_FOUND : REPORT_DONE;
     const bool first = out->printed == 0;
     const bool system = checkSystemCall(names.className, names.method) != 0;
-    const bool held = out->holds;
+    const bool held = out->holds, hadCall = out->userCall;
     if (!QorReportMonitors(thread, request, frame, names, first, out))
         return REPORT_DROPPED;
     out->state = QorRefineState(out->state, out->printed, names.className, names.method);
@@ -90,7 +90,8 @@ QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &req
         SetCall(out, names, system); // where it holds the lock
     else if (!out->holds)
         NoteCall(out, names, system);
-    if ((request.reqid & QORREQ_JUST_THREADS) && !system && checkCurrCall(names.className, names.method) == 0)
+    if ((request.reqid & QORREQ_JUST_THREADS) && !hadCall && !system &&
+        checkCurrCall(names.className, names.method) == 0)
         out->state = DIRECT_OBJECT_WAIT;
     QorAppendFrameRow(request, &out->rows, frame, names, system);
     out->printed++;

@@ -78,7 +78,10 @@ bool LookAgain() {
 enum Reading { READ, READ_AGAIN, NO_ROW, LEFT_UNDONE, LAST_READ };
 
 Reading AfterFault(Attempts *attempts) {
-    return ++attempts->faults > 1 ? NO_ROW : READ_AGAIN;
+    if (++attempts->faults <= 1)
+        return READ_AGAIN;
+    QORLOG(LOG_DETAIL, "QorAgent S-DIAGNOSTIC Code : Thread 0x%lx, %s", walked.facts.address, walked.name);
+    return NO_ROW;
 }
 
 // A stack that was cut isn't shown: a poll leaves the thread out, other views show it without frames.
