@@ -21,7 +21,7 @@ struct Scope {
     MethodInfo *method;
     int32_t bci = 0;
     Object *receiver = nullptr;           // null: none
-    std::vector<Object *> monitors = {};  // held, or waited for where the script rests
+    std::vector<Object *> monitors = {};  // held; of a blocked top frame the last is waited for
     std::vector<Variable> variables = {}; // arguments as the method's signature has them, then locals
 };
 

@@ -11,9 +11,9 @@ namespace simvm {
 
 Scope In(const std::string &holder, const std::string &name, int line, Object *receiver,
          std::vector<Object *> monitors, const std::string &signature, std::vector<Variable> variables) {
-    MethodInfo *method =
-        DefineMethod(holder, name, signature, {{0, 10}, {45, line + 300}, {46, line + 1}, {8, line}},
-                     receiver ? 0 : METHOD_STATIC);
+    MethodInfo *method = DefineMethod(
+        holder, name, signature, {{0, 10}, {45, line + 300}, {46, line + 1}, {7, line + 70000}, {8, line}},
+        receiver ? 0 : METHOD_STATIC);
     return {method, 8, receiver, std::move(monitors), std::move(variables)};
 }
 
@@ -39,7 +39,8 @@ namespace {
 void StageShop(Scene *scene) {
     Object *till = NewObject("shop/Till"), *ledger = NewObject("shop/Ledger", vm.old.letter),
            *orders = NewObject("shop/Orders"), *queue = NewObject("java/util/LinkedList"),
-           *cart = NewObject("shop/Cart"), *clock = NewObject("shop/Clock");
+           *cart = NewObject("shop/Cart"), *clock = NewObject("shop/Clock"),
+           *drawer = NewObject("shop/Drawer"), *page = NewObject("shop/Page");
     Frame run = Run("shop/Worker");
     Add(scene, "door",
         {Run("shop/Door"),
@@ -51,6 +52,7 @@ void StageShop(Scene *scene) {
     Add(scene, "import",
         {run,
          {F::INTERPRETED, {In("shop/Import", "load", 88, orders)}},
+         {F::COMPILED, {Native("shop/Import", "inflate", NewObject("shop/Import"))}},
          {F::NATIVE, {Native("java/io/FileInputStream", "readBytes")}}},
         Rest::PIPE);
     Add(scene, "night|watch", {run, {F::INTERPRETED, {In("shop/Watch", "pause", 26, clock, {clock})}}},
@@ -69,11 +71,12 @@ void StageShop(Scene *scene) {
          {F::INTERPRETED, {In("shop/Ledger", "sync", 71, ledger, {ledger})}},
          {F::NATIVE, {Native("java/lang/Thread", "sleep")}}},
         Rest::SLEEP);
-    Add(scene, "till-2", {run, {F::INTERPRETED, {In("shop/Till", "open", 17, till, {till})}}}, Rest::MONITOR);
+    Add(scene, "till-2", {run, {F::INTERPRETED, {In("shop/Till", "open", 17, till, {drawer, till})}}},
+        Rest::MONITOR);
     Add(scene, "till-3",
         {run,
          {F::INTERPRETED, {In("shop/Cashier", "close", 140, cart, {cart})}},
-         {F::COMPILED, {In("shop/Ledger", "book", 64, ledger, {ledger})}}},
+         {F::COMPILED, {In("shop/Ledger", "book", 64, ledger, {page, ledger})}}},
         Rest::MONITOR);
     Add(scene, "pricing",
         {run,

@@ -8,8 +8,8 @@ namespace simvm {
 
 using F = FrameKind;
 
-// A frame in a method of four lines: 10 at its start, a far one, and last, as some compilers order them, one
-// at bci 8 that stands for the call. Without a receiver the method is static.
+// A frame in a method of five lines: 10 at its start, a far one, one that no file has, and last, as some
+// compilers order them, one at bci 8 that stands for the call. Without a receiver the method is static.
 Scope In(const std::string &holder, const std::string &name, int line, Object *receiver = nullptr,
          std::vector<Object *> monitors = {}, const std::string &signature = "()V",
          std::vector<Variable> variables = {});

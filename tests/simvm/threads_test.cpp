@@ -5,6 +5,7 @@
 #include "truth.h"
 
 #include "qoragent/worker.h"
+#include "qorutil/vm_offsets.h"
 #include "qorutil/vm_threads.h"
 #include "sunprint/running_queue.h"
 #include "sunprint/scopes.h"
@@ -106,6 +107,10 @@ void ExpectHolders(const Scene &scene) {
             EXPECT_EQ(Split(Split(stack.substr(stack.find("Call Stack")), 31)[0], 30).size(),
                       Truth(*runner).frames.size() + 1);
         }
+        for (const std::string &lock : Truth(*runner).locks) { // as nobody's waiter
+            const std::string holder = Ask("521|showstack|2048|ARG=x,0=" + lock.substr(0, lock.find(' ')));
+            EXPECT_EQ(holder.find("Thread holding this lock not found."), std::string::npos) << lock;
+        }
         if (waits.empty())
             continue;
         const std::string holder =
@@ -113,6 +118,35 @@ void ExpectHolders(const Scene &scene) {
         EXPECT_NE(holder.find("till-1"), std::string::npos) << holder;
     }
     EXPECT_EQ(Ask("521|showstack|512|ARG=x,1=1-1").find("This Thread does not exist on the JVM\x1f"), 0u);
+}
+
+// A frame whose block of monitors has its top above its base, or no object in its slots, is taking them down.
+void ExpectNoMonitorsFromTornFrames(const Scene &scene) {
+    for (const Runner *runner : scene.runners) {
+        if (runner->script->rest != Rest::MONITOR)
+            continue;
+        const std::string request = "521|showstack|512|ARG=x,1=" + Key(*runner->info);
+        const std::string view = Ask(request);
+        const std::vector<std::string> top = Split(Split(view.substr(view.find("Call Stack")), 30)[1], 29);
+        const Word block = std::stoul(top[2], nullptr, 16) - offsets[FRAME_MONITORS_TOP],
+                   sp = std::stoul(top[4], nullptr, 16);
+        const Scope scope = ShadowStack(*runner->script)[0];
+        std::map<Word, Word> kept;
+        if (top[1] == "2")
+            kept[block] = block + 16;
+        for (Word at = sp; top[1] == "1" && at < sp + 256; at += 8)
+            for (const Object *object : scope.monitors)
+                if (As<Word>(at) == object->address)
+                    kept[at] = 8;
+        EXPECT_FALSE(kept.empty());
+        for (auto &[at, word] : kept)
+            std::swap(As<Word>(at), word);
+        const std::string torn = Ask(request), locks = torn.substr(torn.find("JVM Locks"));
+        for (auto &[at, word] : kept)
+            std::swap(As<Word>(at), word);
+        EXPECT_EQ(torn.find("Lock On"), std::string::npos) << torn;
+        EXPECT_EQ(Split(Split(locks, 31)[0], 30).size(), Truth(*runner).locks.size()) << torn;
+    }
 }
 
 void ExpectCounts(const Scene &scene) {
@@ -175,6 +209,7 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
         Collect();
         ExpectTruth(scene);
         ExpectHolders(scene);
+        ExpectNoMonitorsFromTornFrames(scene);
         ExpectCounts(scene);
         ExpectCountsWithoutLinks(scene);
         ExpectNoFramesInCollections();

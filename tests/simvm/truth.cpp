@@ -112,7 +112,8 @@ Shown Truth(const Runner &runner) {
     for (const Scope &scope : ShadowStack(*runner.script)) {
         const std::string frame = std::to_string(shown.frames.size());
         for (Object *object : scope.monitors)
-            if (runner.script->rest == Rest::MONITOR && shown.frames.empty())
+            if (runner.script->rest == Rest::MONITOR && shown.frames.empty() &&
+                object == scope.monitors.back())
                 shown.waits = LockText(*object);
             else
                 shown.locks.push_back(LockText(*object) + " " + frame);
