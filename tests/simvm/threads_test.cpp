@@ -1,8 +1,7 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
-#include "agent.h"
+#include "poll.h"
 #include "scenes.h"
 #include "storm.h"
-#include "truth.h"
 
 #include "qoragent/worker.h"
 #include "qorutil/vm_offsets.h"
@@ -24,34 +23,6 @@ using namespace simvm;
 
 namespace {
 
-std::string Key(const ThreadInfo &thread) {
-    return std::to_string(getpid()) + "-" + std::to_string(thread.kernelId);
-}
-
-// A poll with stacks, by key.
-std::map<std::string, Shown> Read(const std::string &reply) {
-    std::map<std::string, Shown> threads;
-    Shown *last = nullptr;
-    for (const std::string &section : Split(reply, 31)) {
-        std::vector<std::string> records = Split(section, 30);
-        const std::string title = records.empty() ? "" : records[0];
-        for (size_t i = 1; i < records.size(); i++) {
-            const std::vector<std::string> field = Split(records[i], 29);
-            if (title == "Thread Info Details" && field.size() == 10)
-                *(last = &threads[field[5]]) = {field[1], field[9], {}, "", {}};
-            else if (title == "Call Stack")
-                last->frames.push_back(field[0] + " " + field[1] + " " + field[2]);
-            else if (title == "Lock On")
-                last->waits = field[0] + " " + field[2];
-            else if (title == "JVM Locks")
-                last->locks.push_back(field[0] + " " + field[2] + " " + field[3]);
-        }
-        if (last)
-            std::sort(last->locks.begin(), last->locks.end());
-    }
-    return threads;
-}
-
 // Asks for the locals of a poll's first frames: each is the one that its row names, or gone by now.
 void ExpectLocalsOfRows(const std::string &reply, const std::string &flags, size_t most) {
     for (const std::string &record : Split(reply, 30)) {
@@ -67,42 +38,11 @@ void ExpectLocalsOfRows(const std::string &reply, const std::string &flags, size
     }
 }
 
-// Asks until each thread that runs has stopped in time; on a busy machine some don't.
-std::map<std::string, Shown> Poll(const Scene &scene) {
-    for (int polls = 1;; polls++) {
-        std::map<std::string, Shown> threads = Read(Ask("793|showstack|32768"));
-        if (polls == 500 || std::all_of(scene.runners.begin(), scene.runners.end(), [&](Runner *runner) {
-                return !threads[Key(*runner->info)].frames.empty();
-            }))
-            return threads;
-    }
-}
-
-void ExpectTruth(const Scene &scene) {
-    std::map<std::string, Shown> threads = Poll(scene);
-    EXPECT_EQ(threads.size(), scene.runners.size() + 1); // and the caller
-    for (const Runner *runner : scene.runners) {
-        const Shown truth = Truth(*runner);
-        Shown &shown = threads[Key(*runner->info)];
-        EXPECT_EQ(shown.name, truth.name);
-        EXPECT_EQ(shown.state, truth.state) << truth.name;
-        if (runner->script->rest == Rest::CALLS) { // between two of its calls
-            ASSERT_GE(shown.frames.size(), 2u) << truth.name;
-            shown.frames.erase(shown.frames.begin(), shown.frames.end() - 2);
-            EXPECT_TRUE(std::equal(shown.frames.begin(), shown.frames.end(), truth.frames.end() - 2));
-            continue;
-        }
-        EXPECT_EQ(shown.frames, truth.frames) << truth.name;
-        EXPECT_EQ(shown.waits, truth.waits) << truth.name;
-        EXPECT_EQ(shown.locks, truth.locks) << truth.name;
-    }
-}
-
 // The waiter of a lock is told who holds it, and one thread's view has as many frames as the poll.
 void ExpectHolders(const Scene &scene) {
     for (const Runner *runner : scene.runners) {
         const std::string key = ",1=" + Key(*runner->info), waits = Truth(*runner).waits;
-        if (runner->script->rest != Rest::SPIN && runner->script->rest != Rest::CALLS) {
+        if (!Loops(*runner)) {
             const std::string stack = Ask("521|showstack|512|ARG=x" + key);
             EXPECT_EQ(Split(Split(stack.substr(stack.find("Call Stack")), 31)[0], 30).size(),
                       Truth(*runner).frames.size() + 1);
@@ -205,9 +145,9 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
         ASSERT_EQ(StartAgent(), 0);
         for (int i = 0; i < MAX_VM_THREADS; i++) // as a request leaves the queue that is broken off
             add_queue_elem(1);
-        ExpectTruth(scene);
+        ExpectPoll(scene.runners);
         Collect();
-        ExpectTruth(scene);
+        ExpectPoll(scene.runners);
         ExpectHolders(scene);
         ExpectNoMonitorsFromTornFrames(scene);
         ExpectCounts(scene);
@@ -247,7 +187,7 @@ StormSamples SampleStorm(time_t seconds) {
     for (const time_t end = time(nullptr) + seconds;
          (time(nullptr) < end || seen.stacks < 500 || seen.looping < 20) && seen.wrong == 0; seen.samples++) {
         const std::string reply = Ask("793|showstack|32768");
-        const std::map<std::string, Shown> threads = Read(reply);
+        const std::map<std::string, Shown> threads = ReadPoll(reply);
         ExpectLocalsOfRows(reply, "521", 20);
         const std::vector<Lived> lived = LivedSoFar();
         for (const auto &[key, shown] : threads) {
@@ -338,17 +278,17 @@ TEST(SpoiltMemory, HarmsNobody) {
         ASSERT_EQ(StartAgent(), 0);
         std::vector<Runner *> still; // a thread that runs would read what is spoilt
         for (Runner *runner : scene.runners)
-            if (runner->script->rest != Rest::SPIN && runner->script->rest != Rest::CALLS)
+            if (!Loops(*runner))
                 still.push_back(runner);
         for (uint64_t seed = first; seed < first + count; seed++) {
             const Spoilt spoilt = Spoil(seed, still, Self()->address);
             const std::string reply = Ask("785|showstack|32768"); // nobody is held
             EXPECT_TRUE(reply.empty() || reply.find("\x1f") != std::string::npos) << "seed " << seed;
-            Read(reply);
+            ReadPoll(reply);
             ExpectLocalsOfRows(reply, "521", 1 + seed % 40);
             Mend(spoilt);
         }
-        ExpectTruth(scene);
+        ExpectPoll(scene.runners);
         Ask("SHUTDOWN");
     });
     EndScene(&scene);

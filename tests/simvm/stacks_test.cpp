@@ -1,0 +1,273 @@
+// Stacks that nobody ran: words in memory and a thread whose anchor leads there. However they lead on, the
+// walk ends, the thread is shown as far as its stack can be, and the others' rows are right.
+#include "emit.h"
+#include "poll.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <thread>
+
+using namespace simvm;
+
+namespace {
+
+constexpr size_t ROOM = 256 << 10, PAGE = 4096;
+constexpr Word FIXED = offsetof(InterpretedFrame, fp), WRAPPER_BELOW_FP = 48;
+constexpr int NO_ROW = -1;
+
+Word room, locked, missing; // memory of the stacks; two pages after it that nobody can read
+Word turn, compiled;        // methods
+
+Word InInterpreter() {
+    return As<StubQueue>(*vm.statics.interpreterCode).start + 64;
+}
+
+// Frames from the innermost one up. Each call lays out the next one and points the last one at it.
+class Stack {
+public:
+    explicit Stack(Word thread) : top(room + PAGE) {
+        memset(&As<char>(room), POISON, ROOM);
+        At(thread, &JavaThread::anchorSp) = top;
+        fpPlace_ = &At(thread, &JavaThread::anchorFp);
+        pcPlace_ = &At(thread, &JavaThread::anchorPc);
+    }
+    // The caller's registers, as the frame laid out last has them.
+    void Link(Word fp, Word pc) {
+        *fpPlace_ = fp;
+        *pcPlace_ = pc;
+    }
+    // The frame's fp.
+    Word Interpreted() {
+        const Word frame = top, fp = frame + FIXED;
+        const Word bcp = At(turn, &Method::constMethod) + sizeof(ConstMethod);
+        As<InterpretedFrame>(frame) = {frame, bcp, fp, 0, 0, turn, fp + 16, 0, 0};
+        Link(fp, InInterpreter());
+        fpPlace_ = &As<Word>(fp);
+        pcPlace_ = &As<Word>(fp + 8);
+        top = fp + 16;
+        return fp;
+    }
+    // A frame of compiled code or of an adapter; fp is the caller's.
+    void Compiled(Word blob) {
+        *pcPlace_ = EntryOf(blob) + 1;
+        top += 8 * Word(As<Blob>(blob).frameWords);
+        pcPlace_ = &As<Word>(top - 8);
+    }
+    // The call stub's frame, where Java frames end, and above it the wrapper. The frame's fp.
+    Word Stub() {
+        const Word fp = top + 64;
+        Link(fp, *vm.statics.callStubReturn);
+        As<Word>(fp - WRAPPER_BELOW_FP) = fp + 64;
+        As<CallWrapper>(fp + 64) = {};
+        return fp;
+    }
+    void End() {
+        Interpreted();
+        Stub();
+    }
+    Word top; // sp of the next frame
+
+private:
+    Word *fpPlace_, *pcPlace_;
+};
+
+Word Adapter(int32_t words = 2) {
+    return NewBlob({VT_C2I, std::string(16, char(0xcc)), words});
+}
+
+// Code of a method with one scope, that of the method of this number; `sender` is its caller's scope.
+constexpr int32_t SCOPE = 2;
+Word CodeOf(int32_t number, int32_t sender = NO_OFFSET) {
+    BlobParts parts = {VT_NMETHOD, std::string(16, char(0xcc)), 4};
+    parts.oops = {compiled};
+    PutCompressed(&parts.scopes, 77);
+    parts.scope = int32_t(parts.scopes.size());
+    for (int32_t value : {sender, number, 0, NO_OFFSET, NO_OFFSET, NO_OFFSET})
+        PutCompressed(&parts.scopes, value);
+    return NewBlob(parts);
+}
+
+Word DescribedAt(Word description) {
+    const Word blob = CodeOf(1);
+    At(blob, &Blob::pcDescCache) = description;
+    return blob;
+}
+
+struct Case {
+    const char *name;
+    int frames;
+    void (*lay)(Stack *stack);
+};
+const Case CASES[] = {
+    {"nothing odd", 3,
+     [](Stack *s) {
+         s->Interpreted();
+         s->Interpreted();
+         s->End();
+     }},
+    {"a ring of frames", 2,
+     [](Stack *s) {
+         const Word first = s->Interpreted();
+         As<Word>(s->Interpreted() - 8) = first - FIXED; // the caller's sp
+         s->Link(first, InInterpreter());
+     }},
+    {"a wrapper that leads to the stub again", 1,
+     [](Stack *s) {
+         s->Interpreted();
+         const Word fp = s->Stub();
+         At(fp + 64, &CallWrapper::anchorSp) = s->top;
+         At(fp + 64, &CallWrapper::anchorFp) = fp;
+     }},
+    {"a wrapper that points at itself", 1,
+     [](Stack *s) {
+         s->Interpreted();
+         const Word fp = s->Stub(), self = fp - WRAPPER_BELOW_FP;
+         As<Word>(self) = At(self, &CallWrapper::anchorSp) = self;
+         At(self, &CallWrapper::anchorFp) = fp;
+         As<Word>(self - 8) = *vm.statics.callStubReturn;
+     }},
+    {"no wrapper", NO_ROW,
+     [](Stack *s) {
+         s->Interpreted();
+         As<Word>(s->Stub() - WRAPPER_BELOW_FP) = 0;
+     }},
+    {"a frame without fp", NO_ROW,
+     [](Stack *s) {
+         s->Interpreted();
+         s->Link(0, InInterpreter());
+     }},
+    {"a page that can't be read", NO_ROW,
+     [](Stack *s) {
+         s->Interpreted();
+         s->Link(locked + FIXED, InInterpreter());
+     }},
+    {"a page that isn't there", NO_ROW,
+     [](Stack *s) {
+         s->Interpreted();
+         s->Link(missing + FIXED, InInterpreter());
+     }},
+    {"monitors far above", 2,
+     [](Stack *s) {
+         As<Word>(s->Interpreted() - FIXED) += 1ul << 60;
+         s->End();
+     }},
+    {"monitors below the stack", 2,
+     [](Stack *s) {
+         As<Word>(s->Interpreted() - FIXED) -= 16;
+         s->End();
+     }},
+    {"more frames than are shown", 500,
+     [](Stack *s) {
+         for (int i = 0; i < 600; i++)
+             s->Interpreted();
+         s->Stub();
+     }},
+    {"many adapters", 1,
+     [](Stack *s) {
+         for (int i = 0; i < 499; i++)
+             s->Compiled(Adapter());
+         s->End();
+     }},
+    {"too many adapters", NO_ROW,
+     [](Stack *s) {
+         for (int i = 0; i < 501; i++)
+             s->Compiled(Adapter());
+         s->End();
+     }},
+    {"code without a frame", 1,
+     [](Stack *s) {
+         s->Interpreted();
+         s->Compiled(Adapter(0));
+     }},
+    {"freed code", 1,
+     [](Stack *s) {
+         s->Interpreted();
+         const Word blob = Adapter();
+         s->Compiled(blob);
+         s->End();
+         As<HeapBlock>(blob - sizeof(HeapBlock)).used = 0;
+     }},
+};
+// Of compiled code, with an interpreted caller.
+const struct {
+    const char *name;
+    int frames;
+    Word (*code)();
+} CODE_CASES[] = {
+    {"method 1", 2, [] { return CodeOf(1); }},
+    {"method 0", 1, [] { return CodeOf(0); }},
+    {"a method that isn't in the table", 1, [] { return CodeOf(2); }},
+    {"method 0 in itself", 1, [] { return CodeOf(0, SCOPE); }},
+    {"a method in itself", 500, [] { return CodeOf(1, SCOPE); }},
+    {"no description", 1, [] { return DescribedAt(0); }},
+    {"a description that is gone", 1, [] { return DescribedAt(missing); }},
+    {"a description of something else", 1, [] { return DescribedAt(room); }},
+};
+
+// What the poll shows of the odd thread, and that the others' rows are right beside it.
+void ExpectPollWith(const Scene &scene, const std::string &key, const char *name, int frames) {
+    std::map<std::string, Shown> threads = ReadPoll(Ask("785|showstack|32768")); // nobody is held
+    const auto found = threads.find(key);
+    EXPECT_EQ(found == threads.end() ? NO_ROW : int(found->second.frames.size()), frames) << name;
+    EXPECT_TRUE(found == threads.end() || found->second.locks.empty()) << name;
+    for (const Runner *runner : scene.runners)
+        if (!Loops(*runner))
+            ExpectRow(*runner, threads[Key(*runner->info)]);
+}
+
+void MapRoom() {
+    room = Map(ROOM + 2 * PAGE, false);
+    locked = room + ROOM;
+    missing = locked + PAGE;
+    mprotect(&As<char>(locked), PAGE, PROT_NONE);
+    const int empty = memfd_create("empty", MFD_CLOEXEC); // unlike a hole it stays missing
+    ASSERT_NE(mmap(&As<char>(missing), PAGE, PROT_READ, MAP_SHARED | MAP_FIXED, empty, 0), MAP_FAILED);
+    close(empty);
+}
+
+} // namespace
+
+TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
+    Options options;
+    options.library = SIMVM_FOLDER "/server/libjvm.so";
+    Boot(options);
+    Scene scene;
+    StageScene("shop", &scene);
+    Script main = MainScript();
+    EmitScript(&main);
+    MapRoom();
+    turn = DefineMethod("odd/Stack", "turn", "()V", {{0, 7}}, METHOD_STATIC)->oop;
+    compiled = DefineMethod("odd/Stack", "compiled", "()V", {{0, 9}}, METHOD_STATIC)->oop;
+    RunHere("main", &main, [&] {
+        ASSERT_EQ(StartAgent(), 0);
+        std::atomic<ThreadInfo *> odd{nullptr};
+        std::atomic<bool> over{false};
+        std::thread owner([&] {
+            ThreadInfo *thread = NewThread("odd");
+            LinkThread(thread);
+            SetStates(thread, IN_NATIVE, OS_SLEEPING);
+            for (odd = thread; !over;)
+                usleep(1000);
+            UnlinkThread(thread);
+            FreeThread(thread);
+        });
+        while (!odd)
+            usleep(100);
+        const ThreadInfo &thread = *odd;
+        for (const Case &c : CASES) {
+            Stack stack(thread.address);
+            c.lay(&stack);
+            ExpectPollWith(scene, Key(thread), c.name, c.frames);
+        }
+        for (const auto &c : CODE_CASES) {
+            Stack stack(thread.address);
+            stack.Compiled(c.code());
+            stack.End();
+            ExpectPollWith(scene, Key(thread), c.name, c.frames);
+        }
+        over = true;
+        owner.join();
+        Ask("SHUTDOWN");
+    });
+    EndScene(&scene);
+}
