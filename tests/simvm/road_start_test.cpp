@@ -1,5 +1,6 @@
 // A start on the simulated VM: on which it succeeds, and what the agent's lowest readers make of it then.
 #include "natives.h"
+#include "own_process.h"
 #include "simvm.h"
 
 #include "qoragent/dispatch.h"
@@ -14,10 +15,7 @@
 #include "qorutil/vm_threads.h"
 
 #include <csignal>
-#include <functional>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -55,21 +53,6 @@ int StartAgent(ThreadInfo *thread, const std::string &version) {
                                        NewText("Linux-2.6"), samples[0], samples[1], samples[2], samples[3],
                                        nullptr, nullptr, NewText("stderr"), NewText("test"), 0, 0, 0, 0, 100,
                                        100);
-}
-
-// Runs a test's body in a separate process, as there is one VM in each. The body's failures are this
-// test's.
-void InOwnProcess(const std::function<void()> &body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // one that hangs ends with the test
-        body();
-        fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << "the process failed, or died";
 }
 
 Options On(const char *version, const char *library = "server", Collector collector = Collector::SERIAL) {
@@ -265,15 +248,6 @@ void StartAndCompare(const Options &options) {
     CompareSpaces(options.collector);
     CompareTexts();
     CompareThreads();
-}
-
-// The agent's row for a VM whose members have changed places.
-void TellAgentPlaces() {
-    static uint32_t row[OFFSET_COUNT];
-    QorSelectOffsets(LAST_DIRECT_BUILD);
-    std::copy(offsets, offsets + OFFSET_COUNT, row);
-    TellPlaces(row);
-    offsetsForTests = row;
 }
 
 } // namespace

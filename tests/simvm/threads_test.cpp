@@ -1,4 +1,5 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
+#include "own_process.h"
 #include "poll.h"
 #include "scenes.h"
 #include "storm.h"
@@ -159,6 +160,28 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::Range(0, 3));
+
+// On VMs whose members have changed places: what walks and reports has no place but its row's.
+TEST(DirectThreads, AreFoundByTheRowAlone) {
+    for (uint32_t seed = 1; seed <= 6; seed++)
+        InOwnProcess([=] {
+            Options options;
+            options.library = SIMVM_FOLDER "/server/libjvm.so";
+            options.shuffle = seed;
+            Boot(options);
+            TellAgentPlaces();
+            Scene scene;
+            StageScene("shop", &scene);
+            Script main = MainScript();
+            EmitScript(&main);
+            RunHere("main", &main, [&] {
+                ASSERT_EQ(StartAgent(), 0);
+                ExpectPoll(scene.runners);
+                Ask("SHUTDOWN");
+            });
+            EndScene(&scene);
+        });
+}
 
 namespace {
 
