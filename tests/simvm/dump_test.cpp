@@ -1,11 +1,12 @@
 // Heap dumps of the simulated VM, made by a copy of the process while all threads in Java code are held.
-#include "agent.h"
+#include "poll.h"
 #include "scenes.h"
 #include "storm.h"
 
 #include "platforms/forked_child.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
+#include "qorthreads/dump_hold.h"
 
 #include <algorithm>
 #include <atomic>
@@ -199,5 +200,42 @@ TEST(DirectDump, ThatComesToNoGoodEndIsReported) {
             EXPECT_NE(inCollection.find("Garbage Collector currently running"), std::string::npos);
         },
         in);
+    EndScene(&scene);
+}
+
+// A thread that has come to the list's head since the others were held doesn't change whose registers are
+// whose.
+TEST(DirectDump, TakesRegistersByThreadNotByPlace) {
+    constexpr Word STACK = 1 << 20; // of each thread; they lie further apart
+    const Folder folder;
+    BootServer();
+    Scene scene;
+    StageScene("shop", &scene);
+    WithAgent(
+        [&] {
+            const auto looping = std::count_if(scene.runners.begin(), scene.runners.end(),
+                                               [](const Runner *runner) { return Loops(*runner); });
+            ThreadInfo *visitor = NewThread("visitor");
+            int held = 0;
+            for (int tries = 0; tries < 50 && held < looping; tries++) {
+                QorHoldForDump();
+                LinkThread(visitor);
+                held = 0;
+                for (const Runner *runner : scene.runners) {
+                    QorRegisters at = {};
+                    if (!QorDumpRegisters(runner->info->address, &at))
+                        continue;
+                    held++;
+                    EXPECT_LT(runner->stackHigh - at.sp, STACK) << runner->info->name;
+                }
+                UnlinkThread(visitor);
+                QorResumeAfterDump();
+                QorTendHolds();
+            }
+            EXPECT_EQ(held, looping);
+            EXPECT_GT(looping, 1);
+            FreeThread(visitor);
+        },
+        folder);
     EndScene(&scene);
 }

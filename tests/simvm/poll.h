@@ -63,7 +63,7 @@ inline void ExpectRow(const Runner &runner, Shown shown) {
 // Those at rest have to be right at once.
 inline void ExpectPoll(const std::vector<Runner *> &runners) {
     std::vector<Runner *> looping;
-    for (int polls = 0; polls == 0 || (!looping.empty() && polls < 100 && !testing::Test::HasFailure());
+    for (int polls = 0; polls == 0 || (!looping.empty() && polls < 50 && !testing::Test::HasFailure());
          polls++) {
         std::map<std::string, Shown> threads = ReadPoll(Ask("793|showstack|32768"));
         std::vector<Runner *> missing;

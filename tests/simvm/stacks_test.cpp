@@ -75,16 +75,20 @@ Word Adapter(int32_t words = 2) {
     return NewBlob({VT_C2I, std::string(16, char(0xcc)), words});
 }
 
-// Code of a method with one scope, that of the method of this number; `sender` is its caller's scope.
+// Code of a method with one scope, that of the method of this number; `sender` is its caller's scope. Before
+// and after the table of one method is the same method.
 constexpr int32_t SCOPE = 2;
 Word CodeOf(int32_t number, int32_t sender = NO_OFFSET) {
-    BlobParts parts = {VT_NMETHOD, std::string(16, char(0xcc)), 4};
-    parts.oops = {compiled};
+    BlobParts parts = {VT_NMETHOD, std::string(8, char(0xcc)), 4};
+    parts.code.append(reinterpret_cast<char *>(&compiled), sizeof compiled);
+    parts.oops = {compiled, compiled};
     PutCompressed(&parts.scopes, 77);
     parts.scope = int32_t(parts.scopes.size());
     for (int32_t value : {sender, number, 0, NO_OFFSET, NO_OFFSET, NO_OFFSET})
         PutCompressed(&parts.scopes, value);
-    return NewBlob(parts);
+    const Word blob = NewBlob(parts);
+    As<Blob>(blob).oopCount = 1;
+    return blob;
 }
 
 Word DescribedAt(Word description) {
