@@ -69,6 +69,9 @@ struct StoppedThread {
 void StopInChild(pid_t tid, int out) {
     static StoppedThread stopped;
     signal(SIGALRM, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     const itimerval limit = {{0, 0}, {0, STOP_MS * 1000}};
     setitimer(ITIMER_REAL, &limit, nullptr);
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0)
@@ -80,7 +83,9 @@ void StopInChild(pid_t tid, int out) {
     iovec local{stopped.stack, STACK_BYTES},
         remote{reinterpret_cast<void *>(stopped.registers.rsp), STACK_BYTES};
     stopped.size = static_cast<size_t>(std::max<ssize_t>(process_vm_readv(tid, &local, 1, &remote, 1, 0), 0));
-    ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
+    // It may have stopped for a signal that came first: without this the signal would be lost.
+    const long signal_of_its_own = status >> 16 == 0 ? WSTOPSIG(status) : 0;
+    ptrace(PTRACE_DETACH, tid, nullptr, signal_of_its_own);
     _exit(write(out, &stopped, sizeof stopped) == sizeof stopped ? 0 : EIO);
 }
 
@@ -146,6 +151,7 @@ std::optional<MomentOfThread> StopAndSample(pid_t tid, std::string *problem) {
         return std::nullopt;
     }
     const pid_t child = fork();
+    *problem = child < 0 ? std::string("fork: ") + strerror(errno) : "";
     if (child == 0)
         StopInChild(tid, ends[1]);
     close(ends[1]);
@@ -164,8 +170,9 @@ std::optional<MomentOfThread> StopAndSample(pid_t tid, std::string *problem) {
         moment.stack.assign(stopped.stack, stopped.stack + std::min<size_t>(stopped.size, STACK_BYTES));
         return moment;
     }
-    *problem = WIFEXITED(status) ? std::string("ptrace: ") + strerror(WEXITSTATUS(status))
-                                 : "it didn't stop within 20 ms";
+    if (child > 0)
+        *problem = WIFEXITED(status) ? std::string("ptrace: ") + strerror(WEXITSTATUS(status))
+                                     : "it didn't stop within 20 ms";
     return std::nullopt;
 }
 
