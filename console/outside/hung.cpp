@@ -10,6 +10,7 @@
 #include <functional>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,6 +43,21 @@ constexpr Milliseconds HOOK_PATIENCE(100), LONG_LIMIT(3000);
     _exit(0);
 }
 
+// Closes everything but `out`, and returns what that is by then. A look that hangs in the kernel outlives its
+// command, and must keep neither the command's output nor a JVM's connection open.
+int KeepOnly(int out) {
+    constexpr int HIGH = 10;
+    const int kept = fcntl(out, F_DUPFD_CLOEXEC, HIGH), nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (int fd = 0; fd < 3; ++fd)
+        dup2(nothing, fd);
+    if (syscall(SYS_close_range, 3u, static_cast<unsigned>(kept) - 1, 0) != 0 ||
+        syscall(SYS_close_range, static_cast<unsigned>(kept) + 1, ~0u, 0) != 0) // a kernel before 5.9
+        for (int fd = 3; fd < 1024; ++fd)
+            if (fd != kept)
+                close(fd);
+    return kept;
+}
+
 // What `make` returns, made by a child; nothing when the child takes longer than the limit or dies.
 std::optional<std::string> InChild(Milliseconds limit, const std::function<std::string()> &make) {
     const Clock::time_point deadline = Clock::now() + limit;
@@ -58,7 +74,7 @@ std::optional<std::string> InChild(Milliseconds limit, const std::function<std::
             _exit(1);
         setpriority(PRIO_PROCESS, 0,
                     PRIORITY); // root alone may: a machine too busy to answer is no reason to wait
-        WriteAll(out.get(), make);
+        WriteAll(KeepOnly(out.get()), make);
     }
     out = FileDescriptor();
     std::string text;
@@ -91,7 +107,7 @@ std::string LookAndShow(pid_t pid, const HungOptions &options) {
     look.stop_thread = options.stop_thread;
     if (options.limit < LONG_LIMIT) { // a part of the limit each, so that there is an answer at its end
         look.stacks_ms = static_cast<int>(options.limit.count() / 3);
-        look.patience_ms = static_cast<int>(HOOK_PATIENCE.count());
+        look.safepoint_ms = look.patience_ms = static_cast<int>(HOOK_PATIENCE.count());
     }
     Observation seen = Look(pid, look);
     seen.unanswered = options.unanswered;
@@ -128,6 +144,7 @@ std::string HungNote(pid_t pid, bool may_read, Milliseconds limit) {
         return "traced";
     case Stop::FROZEN:
         return "frozen";
+    case Stop::GONE:
     case Stop::BLOCKED:
     case Stop::NONE:
         break;

@@ -116,28 +116,30 @@ std::string BuildIdOfFile(int fd) {
     });
 }
 
-// The file that `path` names, if it is a regular one: looked at before it is opened, as opening a FIFO or a
-// device may wait or act.
-FileDescriptor OpenRegular(int dir, const std::string &path, bool below) {
-    open_how how = {};
-    how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
-    how.resolve = below ? RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS : 0;
-    FileDescriptor found(static_cast<int>(syscall(SYS_openat2, dir, path.c_str(), &how, sizeof how)));
-    if (!found.ok() && errno == ENOSYS) // a kernel before 5.6
-        found = FileDescriptor(openat(dir, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+// Opens what a descriptor without access stands for, if that is a regular file: opening a FIFO or a device
+// may wait or act.
+FileDescriptor OpenIfRegular(const FileDescriptor &found) {
     struct stat status;
     if (!found.ok() || fstat(found.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return FileDescriptor();
     return FileDescriptor(open(fmt::format("/proc/self/fd/{}", found.get()).c_str(), O_RDONLY | O_CLOEXEC));
 }
 
+// The file that `path` names, if it is a regular one.
+FileDescriptor OpenRegular(int dir, const std::string &path, bool below) {
+    open_how how = {};
+    how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = below ? RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS : 0;
+    FileDescriptor found(static_cast<int>(syscall(SYS_openat2, dir, path.c_str(), &how, sizeof how)));
+    if (!found.ok() && (errno == ENOSYS || errno == EPERM)) // a kernel before 5.6, a filter of system calls
+        found = FileDescriptor(openat(dir, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    return OpenIfRegular(found);
+}
+
 // A mapping's own file, also when another one has its name by now. Only root may follow this link.
 FileDescriptor OpenMapping(pid_t pid, const MappedFile &mapped) {
     const std::string path = fmt::format("/proc/{}/map_files/{:x}-{:x}", pid, mapped.first, mapped.last);
-    struct stat status;
-    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
-        return FileDescriptor();
-    return FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return OpenIfRegular(FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC)));
 }
 
 // Below the process's root directory, with its user's rights.
@@ -235,13 +237,13 @@ std::optional<VmSymbols> ReadVmSymbols(pid_t pid, Memory &memory, std::string *p
     const std::string build_id = BuildId([&](uint64_t at, void *to, size_t size) {
         return at < mapped->last - mapped->first && memory.Read(mapped->first + at, to, size);
     });
+    const auto is_mapped = [&](const FileDescriptor &one) {
+        return one.ok() && (SameFile(one.get(), *mapped) || SameBuild(one.get(), build_id));
+    };
     FileDescriptor file = OpenMapping(pid, *mapped);
-    if (!file.ok() || !SameFile(file.get(), *mapped)) {
-        FileDescriptor below = OpenBelowRoot(pid, mapped->path);
-        if (below.ok() && (SameFile(below.get(), *mapped) || SameBuild(below.get(), build_id)))
-            file = std::move(below);
-    }
-    if (!file.ok()) {
+    if (!is_mapped(file))
+        file = OpenBelowRoot(pid, mapped->path);
+    if (!is_mapped(file)) {
         file = OpenRegular(AT_FDCWD, mapped->path, false);
         if (file.ok() && !SameBuild(file.get(), build_id))
             file = FileDescriptor();

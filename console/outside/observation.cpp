@@ -19,6 +19,7 @@ constexpr size_t MOST_SAMPLERS = 16;
 constexpr int PATIENCE_STEP_MS = 10;
 constexpr size_t LONGEST_RELEASE = 80;
 constexpr size_t MOST_TOPS = 3;
+constexpr double LEAST_SECONDS = 1; // of a wait for a safepoint that is worth a note
 
 // A JVM whose tables are read, and what goes through them.
 struct Jvm {
@@ -75,7 +76,7 @@ private:
             if (!ReadThread(memory_, table_, symbols_, at, &facts))
                 continue;
             const auto tid = by_inner_id_.find(facts.os_id);
-            if (tid == by_inner_id_.end())
+            if (tid == by_inner_id_.end() || !read_.insert(tid->second).second)
                 continue; // gone meanwhile, or never a thread
             thread.self = at;
             thread.tid = tid->second;
@@ -104,11 +105,8 @@ private:
     }
 
     void ReadTasks() {
-        std::set<pid_t> java;
-        for (const SeenThread &thread : seen_.threads)
-            java.insert(thread.tid);
         for (const auto &[inner, tid] : by_inner_id_)
-            if (!java.count(tid)) {
+            if (!read_.count(tid)) {
                 SeenTask task;
                 task.tid = tid;
                 task.name = TaskText(seen_.pid, tid, "comm");
@@ -119,24 +117,44 @@ private:
 
     bool Runs(const SeenThread &thread) const { return ReadTask(seen_.pid, thread.tid).state == 'R'; }
 
-    // Samplers for the threads in Java, or running, until the window is over.
-    void Wait() {
-        window_start_ = SteadyClock::now();
-        for (size_t i = 0; i < seen_.threads.size() && samplers_.size() < MOST_SAMPLERS; ++i) {
-            const SeenThread &thread = seen_.threads[i];
-            const bool in_java = (thread.state & ~1) == JAVA_IN_JAVA;
-            if (!in_java && thread.first.state != 'R' && thread.last.state != 'R')
-                continue;
-            auto sampler = std::make_unique<ThreadSampler>(thread.tid);
-            if (sampler->Problem().empty())
-                samplers_.emplace(i, std::move(sampler));
-            else
-                seen_.no_samples = sampler->Problem();
+    static bool IsInJava(int state) { return (state & ~1) == JAVA_IN_JAVA; }
+
+    void AddSampler(size_t i) {
+        SeenThread &thread = seen_.threads[i];
+        if (samplers_.size() == MOST_SAMPLERS) {
+            thread.no_stack = fmt::format("{} other threads are sampled", MOST_SAMPLERS);
+            return;
         }
+        auto sampler = std::make_unique<ThreadSampler>(thread.tid);
+        if (sampler->Problem().empty())
+            samplers_.emplace(i, std::move(sampler));
+        else
+            seen_.no_samples = thread.no_stack = sampler->Problem();
+    }
+
+    // Samplers for the threads in Java, then for those that run, until the window is over.
+    void Wait() {
+        for (const bool in_java : {true, false})
+            for (size_t i = 0; i < seen_.threads.size(); ++i) {
+                const SeenThread &thread = seen_.threads[i];
+                const bool runs = thread.first.state == 'R' || thread.last.state == 'R';
+                if (IsInJava(thread.state) == in_java && (in_java || runs))
+                    AddSampler(i);
+            }
         poll(nullptr, 0, options_.window_ms);
         // One that can run and had no processor meanwhile has no sample yet.
         for (int more = 0; more < options_.patience_ms && LacksSample(); more += PATIENCE_STEP_MS)
             poll(nullptr, 0, PATIENCE_STEP_MS);
+        for (int more = 0; more < options_.safepoint_ms && JustBegan(); more += PATIENCE_STEP_MS)
+            poll(nullptr, 0, PATIENCE_STEP_MS);
+    }
+
+    // A safepoint that is reached a little later is no finding: a thread may only wait for a processor.
+    bool JustBegan() {
+        const SafepointState now = ReadSafepoint(memory_, table_, symbols_);
+        return seen_.first.phase == SAFEPOINT_BEGUN && now.phase == SAFEPOINT_BEGUN &&
+               now.counter == seen_.first.counter &&
+               now.seconds.value_or(0) * 1000 < static_cast<double>(options_.safepoint_ms);
     }
 
     bool LacksSample() const {
@@ -145,8 +163,8 @@ private:
         });
     }
 
-    double Share(const TaskTimes &before, const TaskTimes &now, SteadyClock::time_point since) const {
-        const double passed = std::chrono::duration<double, std::nano>(SteadyClock::now() - since).count();
+    static double Share(const TaskTimes &before, const TaskTimes &now) {
+        const double passed = std::chrono::duration<double, std::nano>(now.at - before.at).count();
         return now.ran_ns > before.ran_ns && passed > 0
                    ? std::min(static_cast<double>(now.ran_ns - before.ran_ns) / passed, 1.0)
                    : 0;
@@ -158,7 +176,7 @@ private:
             ThreadFacts facts;
             if (ReadThread(memory_, table_, symbols_, thread.self, &facts))
                 thread.later_state = facts.state;
-            thread.share = Share(thread.last, now, window_start_);
+            thread.share = Share(thread.last, now);
             thread.channel = TaskText(seen_.pid, thread.tid, "wchan");
             thread.last = now;
         }
@@ -166,7 +184,7 @@ private:
             SeenTask &task = seen_.tasks[i];
             const TaskTimes now = ReadTask(seen_.pid, task.tid);
             task.state = now.state;
-            task.share = Share(tasks_before_[i], now, window_start_);
+            task.share = Share(tasks_before_[i], now);
             task.major_faults = now.major_faults - std::min(now.major_faults, tasks_before_[i].major_faults);
             task.channel = TaskText(seen_.pid, task.tid, "wchan");
         }
@@ -186,8 +204,10 @@ private:
         Walk best;
         for (const MomentOfThread &moment : moments) {
             Walk walk = WalkMoment(facts_[i], moment);
-            if (walk.frames.empty())
+            if (walk.frames.empty()) {
+                thread.no_stack = walk.reason;
                 continue;
+            }
             const Frame &top = walk.frames.front();
             ++tops[top.method + (top.code.empty() ? "" : " [" + top.code + "]")];
             if (best.frames.empty() || walk.whole)
@@ -209,9 +229,7 @@ private:
             TakeMoments(i, sampler->Take());
         for (size_t i = 0; i < seen_.threads.size(); ++i) {
             SeenThread &thread = seen_.threads[i];
-            const bool in_java =
-                (thread.state & ~1) == JAVA_IN_JAVA && (thread.later_state & ~1) == JAVA_IN_JAVA;
-            if (thread.proof != StackProof::NONE || !in_java)
+            if (thread.proof != StackProof::NONE || !IsInJava(thread.state) || !IsInJava(thread.later_state))
                 continue;
             if (options_.stop_thread) {
                 if (const auto moment = StopAndSample(thread.tid, &thread.no_stack))
@@ -220,8 +238,7 @@ private:
                 ReadWaiting(i);
             }
             if (thread.proof == StackProof::NONE && thread.no_stack.empty())
-                thread.no_stack =
-                    !seen_.no_samples.empty() ? seen_.no_samples : "it had no processor meanwhile";
+                thread.no_stack = thread.share > 0 ? "no sample was taken" : "it had no processor meanwhile";
         }
     }
 
@@ -265,10 +282,10 @@ private:
     std::unique_ptr<Jvm> jvm_;
     Observation seen_;
     std::map<pid_t, pid_t> by_inner_id_;
+    std::set<pid_t> read_;           // ids of Java threads
     std::vector<ThreadFacts> facts_; // of seen_.threads
     std::vector<TaskTimes> tasks_before_;
     std::map<size_t, std::unique_ptr<ThreadSampler>> samplers_; // by index of seen_.threads
-    SteadyClock::time_point window_start_;
 };
 
 } // namespace
@@ -285,7 +302,8 @@ std::optional<double> SecondsWithoutSafepoint(pid_t pid) {
         return std::nullopt;
     VmTable none;
     const SafepointState state = ReadSafepoint(memory, none, *symbols);
-    return state.phase == SAFEPOINT_BEGUN ? state.seconds : std::nullopt;
+    const bool waits = state.phase == SAFEPOINT_BEGUN && state.seconds.value_or(0) >= LEAST_SECONDS;
+    return waits ? state.seconds : std::nullopt;
 }
 
 } // namespace qorctl::outside

@@ -62,14 +62,15 @@ struct LookOptions {
     bool stop_thread = false; // stop a thread in Java for a moment when it can't be sampled
     int stacks_ms = 5000;     // for the stacks of threads that aren't in Java
     int window_ms = 40;       // between the two ends of the look
+    int safepoint_ms = 500;   // how long a safepoint may take to be reached
     int patience_ms = 300;    // more for a thread that had no processor meanwhile
 };
 
 // Looks at a process. Whatever can't be read is left out, with the reason.
 Observation Look(pid_t pid, const LookOptions &options);
 
-// What `list` shows: for how long the JVM has been waiting for a safepoint; nothing when it isn't, or that
-// can't be read.
+// What `list` shows: for how long the JVM has been waiting for a safepoint; nothing when it isn't, hasn't
+// for a second, or that can't be read.
 std::optional<double> SecondsWithoutSafepoint(pid_t pid);
 
 } // namespace qorctl::outside

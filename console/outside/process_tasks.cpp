@@ -3,10 +3,13 @@
 #include "process.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sstream>
 
 namespace qorctl::outside {
@@ -15,6 +18,7 @@ namespace {
 
 constexpr size_t MOST_TEXT = 65536;
 constexpr size_t MOST_TASKS = 100000;
+constexpr int TRACED_MS = 5; // a tracer that only looks on holds a task for less
 
 std::string TaskPath(pid_t pid, pid_t tid, const char *file) {
     return fmt::format("/proc/{}/task/{}/{}", pid, tid, file);
@@ -104,18 +108,35 @@ std::string ReadCgroupFile(const std::string &groups, bool version2, const char 
     if (!mount || path->find("/..") != path->npos)
         return ""; // outside of what our namespace shows
     std::string below = *path;
-    if (mount->root != "/" && below.compare(0, mount->root.size(), mount->root) == 0)
-        below.erase(0, mount->root.size());
+    if (mount->root != "/") {
+        const size_t length = mount->root.size();
+        if (below.compare(0, length, mount->root) != 0 || (below.size() > length && below[length] != '/'))
+            return ""; // in another part than is mounted
+        below.erase(0, length);
+    }
     return ReadFile(mount->point + below + "/" + file, MOST_TEXT);
 }
 
-StopState Traced(pid_t pid, pid_t tid) {
-    StopState state;
-    state.stop = Stop::TRACED;
-    state.tracer = Tracer(pid, tid);
-    if (state.tracer > 0)
-        state.tracer_name = TaskText(state.tracer, state.tracer, "comm");
-    return state;
+// Whether one of the tasks, which were stopped by a debugger, still is, and by whom.
+bool StayTraced(pid_t pid, const std::vector<std::pair<pid_t, TaskTimes>> &tasks, StopState *state) {
+    if (!tasks.empty())
+        poll(nullptr, 0, TRACED_MS);
+    for (const auto &[tid, before] : tasks) {
+        const TaskTimes now = ReadTask(pid, tid);
+        if (now.state != 't' || now.slices != before.slices)
+            continue;
+        ++state->traced;
+        state->tracer = Tracer(pid, tid);
+    }
+    if (state->tracer > 0)
+        state->tracer_name = TaskText(state->tracer, state->tracer, "comm");
+    return state->traced > 0;
+}
+
+// Where the cgroup can't be read: tasks that version 2 has frozen sleep in a place made for that.
+bool SleepFrozen(pid_t pid, const std::vector<pid_t> &tids) {
+    return std::all_of(tids.begin(), tids.end(),
+                       [pid](pid_t tid) { return TaskText(pid, tid, "wchan") == "do_freezer_trap"; });
 }
 
 } // namespace
@@ -130,6 +151,7 @@ TaskTimes ReadTask(pid_t pid, pid_t tid) {
         return TaskTimes();
     sscanf(ReadFile(TaskPath(pid, tid, "schedstat"), MOST_TEXT).c_str(), "%lu %lu %lu", &ran, &waited,
            &slices);
+    times.at = std::chrono::steady_clock::now();
     times.ran_ns = ran;
     times.slices = slices;
     times.major_faults = faults;
@@ -187,25 +209,34 @@ std::optional<bool> ReadFrozen(pid_t pid) {
 StopState ReadStopState(pid_t pid) {
     StopState state;
     std::map<std::string, int> channels;
+    std::vector<std::pair<pid_t, TaskTimes>> traced;
     size_t stopped = 0, blocked = 0;
     const std::vector<pid_t> tids = Tasks(pid);
     for (const pid_t tid : tids) {
-        const char letter = ReadTask(pid, tid).state;
-        if (letter == 't')
-            return Traced(pid, tid);
-        stopped += letter == 'T';
-        if (letter == 'D') {
+        const TaskTimes task = ReadTask(pid, tid);
+        if (task.state == 0 || task.state == 'Z' || task.state == 'X')
+            continue; // it has ended; the first one stays as long as others live
+        ++state.tasks;
+        stopped += task.state == 'T';
+        if (task.state == 't')
+            traced.emplace_back(tid, task);
+        if (task.state == 'D') {
             ++blocked;
             ++channels[TaskText(pid, tid, "wchan")];
         }
     }
     const std::optional<bool> frozen = ReadFrozen(pid);
     state.freezer_read = frozen.has_value();
-    if (stopped > 0 && stopped == tids.size()) {
+    if (state.tasks == 0) {
+        if (!tids.empty() || (kill(pid, 0) != 0 && errno == ESRCH))
+            state.stop = Stop::GONE;
+    } else if (stopped == state.tasks) {
         state.stop = Stop::STOPPED;
-    } else if (frozen.value_or(false)) {
+    } else if (StayTraced(pid, traced, &state)) {
+        state.stop = Stop::TRACED;
+    } else if (frozen.value_or(false) || (!frozen && SleepFrozen(pid, tids))) {
         state.stop = Stop::FROZEN;
-    } else if (blocked > 0 && blocked == tids.size()) {
+    } else if (blocked == state.tasks) {
         state.stop = Stop::BLOCKED;
         state.channels.assign(channels.begin(), channels.end());
         std::stable_sort(state.channels.begin(), state.channels.end(),

@@ -4,6 +4,7 @@
 
 #include "process_memory.h"
 
+#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@ struct TaskTimes {
     uint64_t ran_ns = 0;
     uint64_t slices = 0; // times that it was put on a processor
     uint64_t major_faults = 0;
+    std::chrono::steady_clock::time_point at = {}; // when they were read
 };
 TaskTimes ReadTask(pid_t pid, pid_t tid);
 
@@ -40,8 +42,9 @@ std::map<pid_t, pid_t> TasksByInnerId(pid_t pid);
 enum class Stop {
     NONE,
     STOPPED, // by a signal
-    TRACED,  // by a debugger
+    TRACED,  // by a debugger, at least one task
     FROZEN,  // with its cgroup
+    GONE,    // it has ended
     BLOCKED, // every task waits in the kernel, uninterruptibly
 };
 
@@ -49,6 +52,7 @@ struct StopState {
     Stop stop = Stop::NONE;
     pid_t tracer = 0;
     std::string tracer_name;
+    size_t traced = 0, tasks = 0;                      // stopped by the debugger, and all of them
     bool freezer_read = false;                         // whether its cgroup could say that it is frozen
     std::vector<std::pair<std::string, int>> channels; // where its tasks wait, with BLOCKED
 };

@@ -65,9 +65,13 @@ std::string StopSentence(const Observation &seen, Verdict verdict) {
     case Verdict::STOPPED:
         return fmt::format("is stopped by a signal; let it run again: kill -CONT {}", seen.pid);
     case Verdict::TRACED:
-        return seen.stop.tracer > 0 ? fmt::format("is stopped by a debugger, process {} ({})",
-                                                  seen.stop.tracer, Printable(seen.stop.tracer_name))
-                                    : "is stopped by a debugger";
+        return "is stopped by a debugger" +
+               (seen.stop.tracer > 0
+                    ? fmt::format(", process {} ({})", seen.stop.tracer, Printable(seen.stop.tracer_name))
+                    : "") +
+               (seen.stop.traced < seen.stop.tasks
+                    ? fmt::format(": {} of its {} tasks", seen.stop.traced, seen.stop.tasks)
+                    : "");
     case Verdict::FROZEN:
         return "is frozen with its cgroup";
     case Verdict::BLOCKED_IN_KERNEL:
@@ -76,6 +80,21 @@ std::string StopSentence(const Observation &seen, Verdict verdict) {
     default:
         return "";
     }
+}
+
+// Safepoints that begin or end during the look are no finding, but "in no safepoint" would be wrong.
+const char *SafepointText(const Observation &seen) {
+    const bool none = seen.first.phase == NO_SAFEPOINT && seen.last.phase == NO_SAFEPOINT &&
+                      seen.first.counter == seen.last.counter;
+    return none ? "is in no safepoint" : "comes to its safepoints";
+}
+
+// Without the cgroup, only a thread that runs proves that the process isn't frozen.
+const char *FrozenText(const Observation &seen) {
+    const auto ran = [](const auto &one) { return one.share > 0; };
+    const bool known = seen.stop.freezer_read || std::any_of(seen.threads.begin(), seen.threads.end(), ran) ||
+                       std::any_of(seen.tasks.begin(), seen.tasks.end(), ran);
+    return known ? "" : "; whether frozen is unknown";
 }
 
 std::string MemorySentence(const Observation &seen, const Finding &finding) {
@@ -97,10 +116,10 @@ std::string MemorySentence(const Observation &seen, const Finding &finding) {
                                  Names(seen, finding));
     case Verdict::NOBODY_LISTENS:
         return finding.threads.empty()
-                   ? "is in no safepoint, but doesn't answer"
-                   : fmt::format("is in no safepoint, but nobody listens: see {}", Names(seen, finding));
+                   ? fmt::format("{}, but doesn't answer", SafepointText(seen))
+                   : fmt::format("{}, but nobody listens: see {}", SafepointText(seen), Names(seen, finding));
     default:
-        return "is not hung: it is in no safepoint, and its threads can run";
+        return fmt::format("is not hung: it {}, and its threads can run", SafepointText(seen));
     }
 }
 
@@ -249,10 +268,11 @@ std::string VerdictSentence(const Observation &seen, const Finding &finding) {
     if (finding.verdict == Verdict::GONE)
         what = "has gone";
     else if (finding.verdict == Verdict::UNREAD)
-        what = fmt::format("isn't stopped or frozen, and can't be read: {}",
+        what = fmt::format("isn't stopped{}, and can't be read: {}",
+                           seen.stop.freezer_read ? " or frozen" : " (whether frozen is unknown)",
                            seen.unread.empty() ? "its threads can't be read" : Printable(seen.unread));
     else if (what.empty())
-        what = MemorySentence(seen, finding);
+        what = MemorySentence(seen, finding) + FrozenText(seen);
     return fmt::format("JVM {} {}", seen.pid, what);
 }
 

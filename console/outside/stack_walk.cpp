@@ -49,7 +49,7 @@ bool StackWalker::Copy(const ThreadFacts &thread, Address sp, StackCopy *stack) 
 Walk StackWalker::From(const StackCopy &stack, Registers at, bool running) {
     Walk walk;
     for (size_t steps = 0; Step(stack, &at, running, &walk); ++steps, running = false)
-        if (steps == MOST_FRAMES) {
+        if (steps == MOST_FRAMES || walk.frames.size() >= MOST_FRAMES) {
             walk.reason = "deeper than this reader goes";
             break;
         }

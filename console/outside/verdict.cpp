@@ -40,7 +40,8 @@ bool IsHeldUp(const SeenThread &thread) {
 
 // The same safepoint at both ends of the look: a JVM that collects all the time has another one by then.
 bool SameSafepoint(const Observation &seen) {
-    return seen.first.phase == seen.last.phase && seen.first.counter == seen.last.counter;
+    return seen.last.counter && seen.first.phase == seen.last.phase &&
+           seen.first.counter == seen.last.counter;
 }
 
 void FindCulprits(const Observation &seen, Finding *finding) {
@@ -73,6 +74,8 @@ Verdict OfStop(Stop stop) {
         return Verdict::TRACED;
     case Stop::FROZEN:
         return Verdict::FROZEN;
+    case Stop::GONE:
+        return Verdict::GONE;
     case Stop::BLOCKED:
         return Verdict::BLOCKED_IN_KERNEL;
     case Stop::NONE:

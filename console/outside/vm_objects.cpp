@@ -312,7 +312,8 @@ std::string VmObjects::StringText(Address object) {
 }
 
 std::string VmObjects::ThreadName(Address thread) {
-    if (name_offset_ <= 0 || value_offset_ <= 0 || !table_.Has({Vm::THREAD_OBJECT}))
+    if (name_offset_ <= 0 || value_offset_ <= 0 || (jdk_ >= 9 && coder_offset_ <= 0) ||
+        !table_.Has({Vm::THREAD_OBJECT}))
         return "";
     const Address field = table_.In(thread, Vm::THREAD_OBJECT);
     const auto find = [&] {

@@ -40,22 +40,26 @@ int64_t BeginTime(Memory &memory, const VmSymbols &symbols) {
 SafepointState ReadSafepoint(Memory &memory, const VmTable &table, const VmSymbols &symbols) {
     SafepointState state;
     int phase = 0, waiting = 0;
-    if (symbols.Find(PHASE) != 0 && memory.ReadFresh(symbols.Find(PHASE), &phase, sizeof phase))
+    uint32_t counter = 0; // all of it, or its lower half
+    if (memory.ReadFresh(symbols.Find(PHASE), &phase, sizeof phase) &&
+        memory.ReadFresh(symbols.Find(COUNTER), &counter, sizeof counter)) {
         state.phase = phase;
-    if (symbols.Find(WAITING) != 0 && memory.ReadFresh(symbols.Find(WAITING), &waiting, sizeof waiting))
+        state.counter = counter;
+    }
+    if (memory.ReadFresh(symbols.Find(WAITING), &waiting, sizeof waiting))
         state.waiting_for = waiting;
-    state.counter = memory.FreshAt<uint32_t>(symbols.Find(COUNTER)); // all of it, or its lower half
 
     if (const Address operation = memory.FreshWord(symbols.Find(OPERATION))) {
         const std::string name = symbols.ClassAt(memory.FreshWord(operation));
         state.operation = name.empty() ? "of an unknown kind" : name;
         state.asked_by = memory.FreshWord(operation + OPERATION_CALLER);
     }
-    if (phase != NO_SAFEPOINT)
+    if (state.phase.value_or(NO_SAFEPOINT) != NO_SAFEPOINT)
         state.seconds = SecondsSince(BeginTime(memory, symbols));
-    if (table.Static(Vm::HEAP) != 0 && table.Has({Vm::HEAP_COLLECTS}))
-        state.collects = memory.FreshAt<uint8_t>(
-                             table.In(memory.FreshWord(table.Static(Vm::HEAP)), Vm::HEAP_COLLECTS)) != 0;
+    uint8_t collects = 0;
+    const Address heap = memory.FreshWord(table.Static(Vm::HEAP));
+    if (heap != 0 && memory.ReadFresh(table.In(heap, Vm::HEAP_COLLECTS), &collects, 1))
+        state.collects = collects != 0;
     return state;
 }
 

@@ -173,16 +173,19 @@ struct Entry {
 // Calls `use` for each row until it returns false, which it does for the row of zeros at the end.
 template <class Use>
 void EachRow(Memory &memory, const VmSymbols &symbols, const Layout &layout, Use use) {
-    const Address start = memory.Word(symbols.Find(layout.table));
-    const Address stride = memory.Word(symbols.Find(layout.stride));
+    const auto number = [&](const char *name, Address *value) {
+        return memory.Read(symbols.Find(name), value, sizeof *value);
+    };
+    Address start = 0, stride = 0;
+    if (!number(layout.table, &start) || !number(layout.stride, &stride) || start == 0 ||
+        stride > LONGEST_ROW)
+        return;
     Address columns[5] = {};
     for (size_t i = 0; i < std::size(columns) && layout.columns[i]; ++i) {
-        columns[i] = memory.Word(symbols.Find(layout.columns[i]));
-        if (columns[i] + sizeof(Address) > stride)
+        if (!number(layout.columns[i], &columns[i]) || columns[i] > LONGEST_ROW ||
+            columns[i] + sizeof(Address) > stride)
             return;
     }
-    if (start == 0 || stride > LONGEST_ROW)
-        return;
     std::vector<char> bytes(ROWS_AT_ONCE * stride);
     for (size_t n = 0; n < MOST_ROWS; ++n) {
         const size_t i = n % ROWS_AT_ONCE;

@@ -1,6 +1,7 @@
 #include "vm_threads.h"
 
 #include <cstring>
+#include <unordered_set>
 
 namespace qorctl::outside {
 
@@ -9,6 +10,24 @@ namespace {
 constexpr int LIST_ATTEMPTS = 50;
 constexpr size_t MOST_THREADS = 100000;
 constexpr int64_t LARGEST_THREAD = 65536;
+
+// JDK 8 and 11 have a chain, which is read until two readings are the same: a thread that ends meanwhile
+// leads out of it.
+std::vector<Address> ReadChain(Memory &memory, const VmTable &table) {
+    std::vector<Address> threads, before;
+    for (int i = 0; i < LIST_ATTEMPTS; ++i) {
+        before.swap(threads);
+        threads.clear();
+        std::unordered_set<Address> known;
+        for (Address at = memory.FreshWord(table.Static(Vm::LIST_HEAD));
+             at != 0 && threads.size() < MOST_THREADS && known.insert(at).second;
+             at = memory.FreshWord(table.In(at, Vm::THREAD_NEXT)))
+            threads.push_back(at);
+        if (threads == before)
+            break;
+    }
+    return threads;
+}
 
 } // namespace
 
@@ -43,12 +62,7 @@ std::vector<Address> ReadThreadList(Memory &memory, const VmTable &table) {
             memory.FreshWord(head) == list)
             return threads;
     }
-    threads.clear();
-    if (head == 0 && table.Static(Vm::LIST_HEAD) != 0)
-        for (Address at = memory.FreshWord(table.Static(Vm::LIST_HEAD));
-             at != 0 && threads.size() < MOST_THREADS; at = memory.FreshWord(table.In(at, Vm::THREAD_NEXT)))
-            threads.push_back(at);
-    return threads;
+    return head == 0 ? ReadChain(memory, table) : std::vector<Address>();
 }
 
 bool ReadThread(Memory &memory, const VmTable &table, const VmSymbols &symbols, Address at,
@@ -60,12 +74,11 @@ bool ReadThread(Memory &memory, const VmTable &table, const VmSymbols &symbols, 
     if (!memory.ReadFresh(at, object.data(), object.size()))
         return false;
     const auto field = [&](Vm slot, Vm inner = Vm::COUNT) {
-        const int64_t within = inner == Vm::COUNT ? 0 : table.Get(inner);
-        const int64_t offset =
-            table.Get(slot) == VmTable::UNKNOWN || within == VmTable::UNKNOWN ? -1 : table.Get(slot) + within;
+        const int64_t outer = table.Get(slot), within = inner == Vm::COUNT ? 0 : table.Get(inner);
+        const bool known = outer >= 0 && outer <= LARGEST_THREAD && within >= 0 && within <= LARGEST_THREAD;
         Address value = 0;
-        if (offset >= 0 && offset + int64_t(sizeof value) <= size)
-            memcpy(&value, &object[static_cast<size_t>(offset)], sizeof value);
+        if (known && outer + within + int64_t(sizeof value) <= size)
+            memcpy(&value, &object[static_cast<size_t>(outer + within)], sizeof value);
         return value;
     };
     Address vtable = 0;

@@ -1,10 +1,12 @@
 """What qorctl says of a JVM that doesn't answer, read from outside, beside what the JVM's own tools say."""
 import contextlib
+import json
 import os
 import re
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -39,6 +41,30 @@ class Hang(Application):
             self.process.stdin.flush()
             if word == "hang":
                 self.wait_for("hangs\n")
+
+
+# Keeps every task of a process stopped, as a debugger does, until its standard input ends.
+DEBUGGER = """
+import ctypes, os, sys
+call = ctypes.CDLL(None, use_errno=True).ptrace
+call.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+for tid in map(int, os.listdir(f"/proc/{sys.argv[1]}/task")):
+    assert call(0x4206, tid, 0, 0) == 0 and call(0x4207, tid, 0, 0) == 0, ctypes.get_errno()
+    os.waitpid(tid, 0x40000000)
+print("held", flush=True)
+sys.stdin.read()
+"""
+
+# Runs a program to which the kernel refuses samples, as a container's filter of system calls does.
+FILTERED = """
+import ctypes, os, struct, sys
+code = struct.pack("HBBIHBBIHBBIHBBI", 0x20, 0, 0, 0, 0x15, 0, 1, 298, 6, 0, 0, 0x5000d, 6, 0, 0, 0x7fff0000)
+kept = ctypes.create_string_buffer(code)
+libc = ctypes.CDLL(None, use_errno=True)
+assert libc.prctl(38, 1, 0, 0, 0) == 0
+assert libc.prctl(22, 2, ctypes.c_char_p(struct.pack("HxxxxxxQ", 4, ctypes.addressof(kept)))) == 0, ctypes.get_errno()
+os.execv(sys.argv[1], sys.argv[1:])
+"""
 
 
 class Hung(Case):
@@ -104,12 +130,19 @@ class Hung(Case):
         return [("-Xmx128m", *f"-XX:{flags}".split())
                 for flags in ("-UseCompressedOops", "+UseParallelGC", *known.get(self.jdk(), ()))]
 
-    def check_culprit(self, app, method="qoragent.testing.Hang.spin"):
-        seen = self.until(app, "safepoint not reached")
-        self.assertEqual([t["name"] for t in seen["threads"]], ["runaway"], seen)
+    def check_culprit(self, app):
+        """Once it had a processor while it was looked at."""
+        seen = {}
+
+        def is_sampled():
+            seen.update(self.until(app, "safepoint not reached"))
+            self.assertEqual([t["name"] for t in seen["threads"]], ["runaway"], seen)
+            return seen["threads"][0]["samples"] > 0
+        wait_until("a sample", is_sampled)
         culprit = seen["threads"][0]
         self.assertEqual((culprit["state"], culprit["proof"], culprit["whole"]), ("in Java", "one moment", True))
-        self.assertEqual(culprit["top"], [{"method": f"{method} [C2]", "samples": culprit["samples"]}])
+        self.assertEqual([top["samples"] for top in culprit["top"]], [culprit["samples"]])
+        self.assertRegex(culprit["top"][0]["method"], r"^qoragent\.testing\.Hang\.spin \[C2( osr)?\]$")
         self.assertTrue(culprit["frames"][-1].startswith("java.lang.Thread.run("), culprit)
         return seen
 
@@ -120,12 +153,13 @@ class Hung(Case):
         with Hang(*SERIAL) as app:
             self.answer("attach", app.pid)
             app.tell("hang", "gc")
-            waiting = [subprocess.Popen([SETTINGS.qorctl, "threads", str(app.pid), "--timeout", "8"],
+            waiting = [subprocess.Popen([SETTINGS.qorctl, "threads", str(app.pid), "--timeout", "12"],
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True),
                        subprocess.Popen(in_root([f"{SETTINGS.jdk}/bin/jcmd", str(app.pid), "VM.version"]),
                                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)]
             ours, jcmd = waiting
             seen = self.check_culprit(app)
+            self.check_without_samples(app)
             self.assertEqual(seen["safepoint"]["phase"], 1)
             self.assertGreater(seen["safepoint"]["seconds"], 0)
             self.assertRegex(seen["safepoint"]["operation"], "^(VM_.*)?$")
@@ -141,17 +175,36 @@ class Hung(Case):
             wait_until("list shows it", lambda: any(
                 jvm["pid"] == app.pid and "no safepoint since" in (jvm["note"] or "")
                 for jvm in self.answer("list", "--json").json()))
-            out, err = ours.communicate(timeout=LIMIT)
-            self.assertEqual((ours.returncode, out), (1, ""), err)
-            self.assertIn("qorctl: no answer for 5 s\nJVM", err)
+            first = ours.stderr.readline()
+            self.assertEqual((first, ours.poll()), ("qorctl: no answer for 5 s\n", None))  # and it waits on
+            err, out = ours.stderr.read(), ours.stdout.read()
+            self.assertEqual((ours.wait(LIMIT), out), (1, ""), err)
+            ours.communicate()
             self.assertIn('"runaway"  in Java, on CPU', err)
             self.assertRegex(err.splitlines()[-1], r'^qorctl: JVM \d+ waits for a safepoint.*"runaway" doesn\'t reach it')
             self.assertIsNone(jcmd.poll())
             jcmd.kill()
             jcmd.communicate()
 
+    def check_without_samples(self, app):
+        """The reason is said where the kernel refuses them, unless the thread may be stopped."""
+        def culprit(*options):
+            done = subprocess.run([sys.executable, "-c", FILTERED, SETTINGS.qorctl, "hung", str(app.pid), "--json", *options],
+                                  stdout=subprocess.PIPE, check=True)
+            return json.loads(done.stdout)["threads"][0]
+        refused = culprit()
+        self.assertEqual((refused["name"], refused["samples"]), ("runaway", 0))
+        self.assertTrue(refused["frames"] or refused["unavailable"] == "perf_event_open: Permission denied", refused)
+        wait_until("a stack", lambda: culprit("--stop-thread")["whole"])
+
     def test_a_jvm_that_is_not_let_run(self):
         with Hang(*SERIAL) as app:
+            with subprocess.Popen([sys.executable, "-c", DEBUGGER, str(app.pid)], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE) as debugger:
+                self.assertEqual(debugger.stdout.readline(), b"held\n")
+                self.assertIn(f"is stopped by a debugger, process {debugger.pid} (python", self.answer("hung", app.pid).out)
+                debugger.stdin.close()
+            self.until(app, self.runs())
             os.kill(app.pid, signal.SIGSTOP)
             seen = self.until(app, "stopped")
             self.assertIn(f"kill -CONT {app.pid}", seen["sentence"])

@@ -3,11 +3,14 @@
 #include "outside/render_hung.h"
 #include "outside/thread_sampler.h"
 
+#include <atomic>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <random>
+#include <sys/mman.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace qorctl::outside;
@@ -64,6 +67,42 @@ TEST(Outside, StopsOneThreadForAMoment) {
     EXPECT_EQ(problem, "ptrace: No such process");
 }
 
+// A signal may be what it stops for: it gets it then. The next one is sent when the one before has arrived.
+TEST(Outside, AThreadStoppedForASignalGetsIt) {
+    auto *arrived = static_cast<std::atomic<int> *>(
+        mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    static std::atomic<int> *counted;
+    counted = arrived;
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGUSR1, [](int) { ++*counted; });
+        for (*counted = 1;;) {
+        }
+    }
+    while (*arrived == 0)
+        poll(nullptr, 0, 1);
+    std::atomic<bool> ends{false}, lost{false};
+    std::thread sender([&] {
+        for (int sent = 1; !ends && !lost; ++sent) {
+            kill(child, SIGUSR1);
+            for (int waited = 0; *arrived == sent && !lost; ++waited) {
+                if (waited > 10000)
+                    poll(nullptr, 0, 1);
+                lost = waited > 20000;
+            }
+        }
+    });
+    std::string problem;
+    for (int i = 0; i < 300 && !lost; ++i)
+        StopAndSample(child, &problem);
+    ends = true;
+    sender.join();
+    EXPECT_FALSE(lost);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    munmap(arrived, sizeof *arrived);
+}
+
 SeenThread Thread(const char *name, int first, int last, double share = 0) {
     SeenThread thread;
     thread.name = name;
@@ -102,7 +141,10 @@ std::vector<std::string> Concerned(const Observation &seen, Verdict expected) {
 TEST(Outside, VerdictsRestOnBothEndsOfALook) {
     using Names = std::vector<std::string>;
     EXPECT_EQ(Concerned(Seen(SAFEPOINT_BEGUN, 5, 5), Verdict::NO_SAFEPOINT), (Names{"works", "fills"}));
-    EXPECT_EQ(Concerned(Seen(SAFEPOINT_BEGUN, 5, 7), Verdict::RUNS), Names()); // another safepoint by then
+    const Observation another = Seen(SAFEPOINT_BEGUN, 5, 7);
+    EXPECT_EQ(Concerned(another, Verdict::RUNS), Names());
+    EXPECT_EQ(VerdictSentence(another, Judge(another)),
+              "JVM 7 is not hung: it comes to its safepoints, and its threads can run");
     EXPECT_EQ(Concerned(Seen(SAFEPOINT_REACHED, 5, 5), Verdict::IN_SAFEPOINT), Names());
     EXPECT_EQ(Concerned(Seen(std::nullopt, 0, 0), Verdict::UNKNOWN), Names{"works"});
     EXPECT_EQ(Concerned(Seen(NO_SAFEPOINT, 5, 5), Verdict::RUNS), Names());
@@ -168,7 +210,10 @@ VmSymbols RandomSymbols(std::mt19937_64 &random) {
     VmSymbols symbols;
     for (const char *name : {"gHotSpotVMStructs", "gHotSpotVMTypes", "gHotSpotVMIntConstants",
                              "gHotSpotVMStructEntryArrayStride", "gHotSpotVMStructEntryTypeNameOffset",
-                             "gHotSpotVMStructEntryFieldNameOffset", "_ZN20SafepointSynchronize6_stateE",
+                             "gHotSpotVMStructEntryFieldNameOffset", "gHotSpotVMStructEntryIsStaticOffset",
+                             "gHotSpotVMStructEntryOffsetOffset", "gHotSpotVMStructEntryAddressOffset",
+                             "gHotSpotVMTypeEntryArrayStride", "gHotSpotVMTypeEntryTypeNameOffset",
+                             "gHotSpotVMTypeEntrySizeOffset", "_ZN20SafepointSynchronize6_stateE",
                              "_ZN8VMThread17_cur_vm_operationE"})
         symbols.objects[name] = 0x10000 + random() % 8192;
     return symbols;
@@ -185,7 +230,9 @@ TEST(Outside, EndsOnAnyMemory) {
         for (size_t slot = 0; slot < static_cast<size_t>(Vm::COUNT); ++slot)
             if (random() % 8 != 0)
                 table.Set(static_cast<Vm>(slot),
-                          static_cast<int64_t>(random() % 2 ? random() % 512 : 0x10000 + random() % 8192));
+                          static_cast<int64_t>(random() % 16 == 0 ? random() >> random() % 64
+                                               : random() % 2     ? random() % 512
+                                                                  : 0x10000 + random() % 8192));
         ReadSafepoint(memory, table, symbols);
         VmObjects objects(memory, table, symbols);
         CodeCache code(memory, table, objects);
