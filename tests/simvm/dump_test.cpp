@@ -218,7 +218,7 @@ TEST(DirectDump, TakesRegistersByThreadNotByPlace) {
             ThreadInfo *visitor = NewThread("visitor");
             int held = 0;
             for (int tries = 0; tries < 50 && held < looping; tries++) {
-                QorHoldForDump();
+                QorHoldForDump([] { return false; });
                 LinkThread(visitor);
                 held = 0;
                 for (const Runner *runner : scene.runners) {
