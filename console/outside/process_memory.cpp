@@ -18,6 +18,8 @@ constexpr size_t LARGEST_KEPT = 256; // larger reads are made once, as a whole
 
 bool Memory::Read(Address from, void *to, size_t size) {
     const Address page = from & ~(PAGE - 1);
+    if (size == 0)
+        return true; // with nothing to copy to
     if (size > LARGEST_KEPT || from - page + size > PAGE)
         return ReadFresh(from, to, size);
     if (pages_.size() >= MOST_PAGES)
