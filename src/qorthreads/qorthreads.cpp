@@ -180,8 +180,9 @@ bool QorStillHeld(QorHold hold) {
 void qor_resume_thread(QorHold hold) {
     const uint64_t thread = QorSlotOwner(hold);
     const int32_t id = QorSlotThread(hold);
+    const QorHoldCase why = hold == segv_suspended_thread ? HOLD_OBJECT_MOVE : HOLD_NULL_SP;
     if (QorReleaseSlot(hold))
-        QorNoteHold({HOLD_DONE, HOLD_NULL_SP, id, thread});
+        QorNoteHold({HOLD_DONE, why, id, thread});
 }
 
 void qor_resume_all_threads() {

@@ -67,22 +67,23 @@ bool FirstSegment(const QorCodeRanges &code, uint64_t *segment) {
 }
 
 // Looks the saved fp up in the blob's first stack map.
-bool FindLink(uint64_t blob, int32_t *link) {
-    const uint64_t set = QorWordAt(blob + offsets[BLOB_OOP_MAPS]);
+bool FindLink(QorBlob *blob) {
+    const uint64_t set = QorWordAt(blob->address + offsets[BLOB_OOP_MAPS]);
     const uint64_t map = QorInt32At(set) > 0 ? QorWordAt(QorWordAt(set + MAP_SET_MAPS)) : 0;
+    blob->mapRegister = map ? -1 : NO_STACK_MAP;
     const uint64_t data = map ? QorWordAt(map + MAP_DATA) : 0;
     const int32_t size = data ? QorInt32At(map + MAP_SIZE) : 0;
     for (int32_t at = 0; at < size && at < MAX_MAP_BYTES;) {
-        int32_t entry = 0, contentRegister = -1;
+        int32_t entry = 0;
         if (!get_int_from_compressed_stream(data, &at, &entry))
             return false;
         const int32_t type = entry & MAP_TYPE_MASK;
         if ((type == MAP_CALLEE_SAVED || type == MAP_DERIVED) &&
-            !get_int_from_compressed_stream(data, &at, &contentRegister))
+            !get_int_from_compressed_stream(data, &at, &blob->mapRegister))
             return false;
-        if (contentRegister == MAP_FRAME_POINTER) {
-            *link = ((entry & MAP_SLOT_MASK) >> MAP_SLOT_SHIFT) - QorInt32At(nsymbols[SYM_STACK0]);
-            return *link >= 0;
+        if (blob->mapRegister == MAP_FRAME_POINTER) {
+            blob->link = ((entry & MAP_SLOT_MASK) >> MAP_SLOT_SHIFT) - QorInt32At(nsymbols[SYM_STACK0]);
+            return blob->link >= 0;
         }
     }
     return false;
@@ -134,7 +135,7 @@ uint64_t cb(const QorCodeRanges &code, uint64_t pc) {
 }
 
 QorBlobLook QorLookAtCode(const QorCodeRanges &code, uint64_t pc, QorBlob *out) {
-    *out = {cb(code, pc), 0, 0, NO_LINK, false};
+    *out = {cb(code, pc), 0, 0, NO_LINK, false, -1};
     if (!out->address)
         return BLOB_NONE;
     const BlobAnswer answer = QorBlobTraits(out->address, &out->traits);
@@ -150,7 +151,7 @@ QorBlobLook QorLookAtCode(const QorCodeRanges &code, uint64_t pc, QorBlob *out) 
     out->link = NO_LINK;
     if (out->traits & BLOB_NMETHOD)
         return BLOB_FOUND;
-    out->linkFromMap = FindLink(out->address, &out->link);
+    out->linkFromMap = FindLink(out);
     return out->linkFromMap ? BLOB_FOUND : BLOB_LINK_LOST;
 }
 

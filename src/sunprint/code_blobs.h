@@ -18,9 +18,12 @@ struct QorBlob {
     uint64_t address; // 0: no code of Java's
     uint32_t traits;  // BlobTrait
     uint64_t frameBytes;
-    int32_t link;     // words from sp to the saved fp; below 0 for none
-    bool linkFromMap; // by the stack map, not by the blob's own word
+    int32_t link;        // words from sp to the saved fp; below 0 for none
+    bool linkFromMap;    // by the stack map, not by the blob's own word
+    int32_t mapRegister; // the last one that the map names, -1 for none; NO_STACK_MAP without a map
 };
+
+enum : int32_t { NO_STACK_MAP = -2 };
 
 enum QorBlobLook : int32_t { BLOB_FOUND, BLOB_NONE, BLOB_TO_ASK, BLOB_OF_NO_KIND, BLOB_LINK_LOST };
 

@@ -60,8 +60,12 @@ QorWalkResult ResultOf(QorWalkEnd end) {
 }
 
 void LogWalk(const QorThreadFacts &facts, const QorStackWalk &walk, bool whole) {
-    if (walk.linkLost)
+    if (walk.linkLost && walk.present.mapRegister == NO_STACK_MAP) {
+        QORLOG(LOG_POLL_FAILURE, "Invalid map index: Cannot find the link offset");
+    } else if (walk.linkLost) {
         QORLOG(LOG_POLL_FAILURE, "Oop Map search failed: link offset not found");
+        QORLOG(LOG_POLL_FAILURE, "map_content_reg was %d", walk.present.mapRegister);
+    }
     if (!whole)
         QORLOG(LOG_DETAIL, "Thread 0x%lx went on before its stack was read", facts.address);
 }
