@@ -62,7 +62,10 @@ TEST(Outside, StopsOneThreadForAMoment) {
     EXPECT_GT(ReadTask(child, child).ran_ns, ran);
     EXPECT_EQ(waitpid(child, nullptr, WNOHANG | WUNTRACED), 0);
     kill(child, SIGKILL);
+    waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT);
+    EXPECT_EQ(ReadStopState(child).stop, Stop::GONE); // not reaped yet
     waitpid(child, nullptr, 0);
+    EXPECT_EQ(ReadStopState(child).stop, Stop::GONE);
     EXPECT_FALSE(StopAndSample(child, &problem));
     EXPECT_EQ(problem, "ptrace: No such process");
 }
