@@ -2,6 +2,7 @@
 #include "command_tools.h"
 #include "connections.h"
 #include "failure.h"
+#include "protocol.h"
 #include "render.h"
 #include "request.h"
 #include "session.h"
@@ -19,6 +20,18 @@ ThreadSample AskForCalls(const Settings &settings, pid_t pid, bool repeated) {
     question.all = true; // idle rules hide no connection
     question.repeated = repeated;
     return DecodeThreads(OpenReply(AskOnce(settings, pid, ThreadsRequest(question))));
+}
+
+// A JVM read by address shows where a call's SQL is; a text that has moved since stays unknown.
+void AskForSql(const Settings &settings, pid_t pid, ThreadSample *sample) {
+    for (Thread &thread : sample->threads) {
+        if (!thread.db || !thread.db->sql_by_ref)
+            continue;
+        std::string text =
+            AskOnce(settings, pid, SettingRequest("getJavaString", std::to_string(thread.db->sql_ref)));
+        if (text != NO_STRING)
+            thread.db->sql = text;
+    }
 }
 
 void ShowPortHolder(const Settings &settings, pid_t pid, unsigned port) {
@@ -61,6 +74,7 @@ void RunConnections(const Settings &settings, pid_t pid, int port, double watch)
     }
     Repeat(watch, [&] {
         ThreadSample sample = AskForCalls(settings, pid, watch > 0);
+        AskForSql(settings, pid, &sample);
         std::vector<DbConnection> connections = FindConnections(sample);
         std::string text = connections.empty() ? "No thread is in a database call that the agent can read.\n"
                                                : ConnectionTable(connections, TerminalStyle(settings));

@@ -47,9 +47,12 @@ size_t ReadBlock(Fields field, Thread *thread) {
         return ReadRmiWait(field, &thread->rmi.emplace()) ? RMI_FIELDS : 0;
     }
     size_t mark = first.find(DETAIL_COUNTED), count = 0;
-    if (mark == first.npos)
-        return field.size() >= SHORT_DB_FIELDS && ReadDbStart(field, &thread->db.emplace()) ? SHORT_DB_FIELDS
-                                                                                            : 0;
+    if (mark == first.npos) {
+        if (field.size() < SHORT_DB_FIELDS || !ReadDbStart(field, &thread->db.emplace()))
+            return 0;
+        thread->db->sql_by_ref = thread->db->sql_ref != 0;
+        return SHORT_DB_FIELDS;
+    }
     if (!ReadNumber(first.substr(0, mark), &count) || count != DB_FIELDS)
         return 0;
     first.remove_prefix(mark + 1);

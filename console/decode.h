@@ -73,6 +73,7 @@ struct DbWait {
     unsigned local_port = 0, remote_port = 0;
     int64_t sample_time = 0; // seconds since 1970, 0 unknown
     int64_t sql_ref = 0;
+    bool sql_by_ref = false; // the text has to be asked for
 };
 
 struct RmiWait {

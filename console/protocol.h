@@ -69,6 +69,7 @@ constexpr std::string_view NO_SUCH_HOLDER = "Thread holding this lock not found.
 constexpr std::string_view NO_SUCH_HOLDER_HINT = "Check if the object is still locked.";
 constexpr std::string_view INVALID_OBJECT = "Invalid Object"; // in the place of a lock's class
 constexpr std::string_view NO_SUCH_PORT = "Client Port not found on JVM";
+constexpr std::string_view NO_STRING = "Given Oop is Invalid on this JVM.";
 constexpr std::string_view ERROR_WORD = "ERROR"; // begins what a request for sessions complains of
 constexpr std::string_view USEC_UNIT = " usec";
 

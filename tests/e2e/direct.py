@@ -144,9 +144,10 @@ class DirectTiers(DirectRoad):
     def test_shows_databases(self):
         rows = self.answer("connections", self.vm.pid, "--json").json()["connections"]
         facts = {name: truth["facts"] for name, truth in self.truths.items() if truth.get("facts")}
-        self.assertEqual({row["threads"][0]["name"]: [row["url"], row["user"], row["local_port"], row["remote_port"]]
-                          for row in rows},
-                         {name: [fact["url"], fact["user"], int(fact["local port"]), int(fact["remote port"])]
+        self.assertEqual({row["threads"][0]["name"]: [row["url"], row["user"], row["local_port"], row["remote_port"],
+                                                      row["threads"][0]["sql"]] for row in rows},
+                         {name: [fact["url"], fact["user"], int(fact["local port"]), int(fact["remote port"]),
+                                 fact.get("sql")]
                           for name, fact in facts.items()})
         port = rows[0]["local_port"]
         holder = self.answer("connections", self.vm.pid, "--port", port, "--json").json()
