@@ -84,6 +84,9 @@ QorWalkResult QorWalkThread(QorWalkedThread *thread, bool hold, bool monitors) {
     QorReadCodeCopy(facts.address, &walk.copy);
     walk.monitors = monitors;
 
+    if (holds && walk.at.sp == 0) // nobody is held yet
+        QORLOG(LOG_TRACE, "Qor Agent: _sp is NULL for 0x%x %s", static_cast<uint32_t>(facts.address),
+               thread->name);
     const Held held = holds ? Hold(facts, hold, &walk.at) : Held();
     walk.held = held.hold != 0;
     if (!walk.held && (holds || anchor == ANCHOR_RESTLESS)) { // it may have left one meanwhile
