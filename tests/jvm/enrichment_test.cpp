@@ -25,6 +25,7 @@ struct Enrichment : SessionTest {
         jobjclass = Class("java/lang/Object");
         jstringclass = Class("java/lang/String");
         qorIsPollOrTrace = 1;
+        offsetind = BUILD_JVMTI_DEFAULT;
     }
     void TearDown() override {
         for (jclass *klass : {&e2eclass, &jobjclass, &jstringclass}) {
@@ -33,7 +34,7 @@ struct Enrichment : SessionTest {
         }
         pagebuf = savedPage;
         reqid = 0;
-        get_system_data = qorIsPollOrTrace = gbiOptimizationLevel = 0;
+        get_system_data = qorIsPollOrTrace = gbiOptimizationLevel = offsetind = 0;
         QorDropE2EPool();
         SessionTest::TearDown();
     }
