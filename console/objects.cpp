@@ -77,9 +77,10 @@ std::string TypeByAddress(std::string_view text) {
 
 // "Array T" as Java writes it.
 std::string LocalTypeByAddress(std::string_view text) {
-    if (StartsWith(text, ARRAY_OF))
-        return LocalTypeByAddress(text.substr(ARRAY_OF.size())) + "[]";
-    return text == NO_VALUE ? "?" : std::string(text); // the JVM keeps no types but those of arguments
+    std::string dimensions;
+    for (; StartsWith(text, ARRAY_OF); text.remove_prefix(ARRAY_OF.size()))
+        dimensions += "[]";
+    return (text == NO_VALUE ? "?" : std::string(text)) + dimensions; // types are kept of arguments alone
 }
 
 // A row of arguments or locals: address, flag, type and a label or a text; or a value.
