@@ -4,7 +4,7 @@
 // one thread and is never refreshed. Worker only.
 #pragma once
 
-#include "CallRecords.h"
+#include "Xtier/tiers/CallRecords.h"
 
 #include <cstdint>
 

@@ -6,7 +6,7 @@
 // the address as long as no collection has begun, else by its socket. Worker.
 #pragma once
 
-#include "CallRecords.h"
+#include "Xtier/tiers/CallRecords.h"
 #include "XtierInsert.h"
 
 #include <cstdint>

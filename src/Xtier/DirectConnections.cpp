@@ -2,9 +2,9 @@
 
 #include "ConnectionList.h"
 #include "JdbcVersions.h"
-#include "SocketAddresses.h"
-#include "ValueText.h"
-#include "XtierDb.h"
+#include "Xtier/tiers/SocketAddresses.h"
+#include "Xtier/tiers/ValueText.h"
+#include "Xtier/tiers/XtierDb.h"
 #include "XtierDbSession.h"
 #include "jvmti/ThreadSystem.h"
 #include "qorStrUtils.h"

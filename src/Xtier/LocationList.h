@@ -4,7 +4,7 @@
 // Worker only.
 #pragma once
 
-#include "CallRecords.h"
+#include "Xtier/tiers/CallRecords.h"
 #include "jvmti/ThreadSystem.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "XtierInsert.h"
 
-#include "LocalList.h"
-#include "XtierQRF.h"
+#include "Xtier/tiers/LocalList.h"
+#include "Xtier/tiers/XtierQRF.h"
 #include "qorformat.h"
 #include "qorlog.h"
 #include "thread_e2e_info.h"

@@ -8,8 +8,8 @@
 // lost, however much data there is. Worker only.
 #pragma once
 
-#include "CallRecords.h"
 #include "LocationList.h"
+#include "Xtier/tiers/CallRecords.h"
 #include "qortext.h"
 
 #include <cstdint>

@@ -11,7 +11,7 @@
 
 #include "RequestHandler/memory_views.h"
 #include "Xtier/DirectConnections.h"
-#include "Xtier/LocalWalkTimes.h"
+#include "Xtier/walk/LocalWalkTimes.h"
 #include "heaptraverse/heap_census.h"
 #include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"

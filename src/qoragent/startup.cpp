@@ -12,8 +12,8 @@
 #include "shutdown.h"
 #include "worker.h"
 
-#include "Xtier/LocalWalk.h"
 #include "Xtier/XtierDbSession.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

@@ -8,7 +8,7 @@
 #include "qortiers.h"
 #include "request_text.h"
 
-#include "Xtier/LocalWalk.h"
+#include "Xtier/walk/LocalWalk.h"
 
 #include <algorithm>
 #include <cstdio>

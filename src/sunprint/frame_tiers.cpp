@@ -12,9 +12,9 @@
 #include "qorsettings.h"
 
 #include "Xtier/DirectConnections.h"
-#include "Xtier/FrameTests.h"
 #include "Xtier/XtierInsert.h"
-#include "Xtier/XtierQRF.h"
+#include "Xtier/tiers/XtierQRF.h"
+#include "Xtier/tiers/tier.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"
 #include "qorutil/vm_reader.h"

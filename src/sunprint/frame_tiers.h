@@ -10,8 +10,8 @@
 
 #include "qorutil/vm_offsets.h"
 
-#include "Xtier/CallRecords.h"
 #include "Xtier/LocationList.h"
+#include "Xtier/tiers/CallRecords.h"
 
 #include <cstdint>
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "JvmFixture.h"
-#include "Xtier/LocalList.h"
+#include "Xtier/tiers/LocalList.h"
 
 #include <string>
 

@@ -1,10 +1,10 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "ModelObjects.h"
-#include "Xtier/XtierAppServer.h"
-#include "Xtier/XtierIO.h"
-#include "Xtier/XtierNetwork.h"
-#include "Xtier/XtierRmi.h"
+#include "Xtier/tiers/XtierAppServer.h"
+#include "Xtier/tiers/XtierIO.h"
+#include "Xtier/tiers/XtierNetwork.h"
+#include "Xtier/tiers/XtierRmi.h"
 #include "jvmti/JniCalls.h"
 
 #include <arpa/inet.h>

@@ -6,7 +6,7 @@
 #include "SampleReply.h"
 #include "TierText.h"
 #include "Xtier/ConnectionCache.h"
-#include "Xtier/LocalWalk.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/ThreadSystem.h"
 #include "qorrequest.h"

@@ -1,7 +1,7 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "ModelObjects.h"
-#include "Xtier/XtierQRF.h"
+#include "Xtier/tiers/XtierQRF.h"
 #include "jvmti/JniCalls.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include "LogCapture.h"
 #include "ModelObjects.h"
 #include "TierText.h"
-#include "Xtier/XtierRules.h"
+#include "Xtier/tiers/XtierRules.h"
 #include "qorsettings.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "ModelObjects.h"
-#include "Xtier/XtierJSP.h"
+#include "Xtier/tiers/XtierJSP.h"
 #include "jvmti/JniCalls.h"
 
 namespace {

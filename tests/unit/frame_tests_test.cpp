@@ -1,5 +1,5 @@
 #include "LogCapture.h"
-#include "Xtier/FrameTests.h"
+#include "Xtier/tiers/tier.h"
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 #include "LogCapture.h"
-#include "Xtier/XtierQRF.h"
+#include "Xtier/tiers/XtierQRF.h"
 
 #include <gtest/gtest.h>
 #include <memory>

@@ -1,7 +1,7 @@
 #include "LogCapture.h"
-#include "Xtier/LocalList.h"
 #include "Xtier/XtierInsert.h"
 #include "Xtier/thread_e2e_info.h"
+#include "Xtier/tiers/LocalList.h"
 #include "qorformat.h"
 
 #include <gtest/gtest.h>

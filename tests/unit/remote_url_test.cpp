@@ -1,4 +1,4 @@
-#include "Xtier/RemoteUrl.h"
+#include "Xtier/tiers/RemoteUrl.h"
 
 #include <gtest/gtest.h>
 #include <string>

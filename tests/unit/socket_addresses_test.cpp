@@ -1,4 +1,4 @@
-#include "Xtier/SocketAddresses.h"
+#include "Xtier/tiers/SocketAddresses.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "Xtier/ValueText.h"
+#include "Xtier/tiers/ValueText.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
 #include "XtierDb.h"
 
-#include "LocalWalk.h"
 #include "ObjectMap.h"
 #include "SocketAddresses.h"
 #include "ValueText.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"

@@ -1,5 +1,5 @@
 // Which frames and which objects are of interest: tests on a frame's class and method, and on the JVM
-// signature of a local object. All are rows of tables in FrameTests.cpp.
+// signature of a local object. All are rows of tables in tier.cpp.
 //
 // Each gives 1 or 0; a null frame or signature gives 0. Worker only.
 #pragma once

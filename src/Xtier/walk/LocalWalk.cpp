@@ -6,10 +6,10 @@
 // shorter.
 #include "LocalWalk.h"
 
-#include "FrameTests.h"
 #include "LocalChoice.h"
 #include "LocalSearch.h"
 #include "LocalWalkTimes.h"
+#include "Xtier/tiers/tier.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/TagEnvironment.h"
@@ -21,8 +21,6 @@
 
 #include <cstdlib>
 #include <cstring>
-
-int32_t getObjOpt;
 
 void *qorctiHasMore;
 void *qorctiStep;

@@ -1,7 +1,7 @@
 #include "LocalChoice.h"
 
-#include "FrameTests.h"
 #include "LocalWalk.h"
+#include "Xtier/tiers/tier.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/MethodTable.h"
 #include "jvmti/Monitors.h"

@@ -1,12 +1,12 @@
 #include "XtierRmi.h"
 
-#include "FrameTests.h"
-#include "LocalWalk.h"
 #include "ObjectMap.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"
+#include "tier.h"
 
 #include <cstdio>
 #include <cstring>

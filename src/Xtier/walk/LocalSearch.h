@@ -5,7 +5,7 @@
 // worker prepares it and reads it, the callbacks fill it while the JVM stands.
 #pragma once
 
-#include "LocalList.h"
+#include "Xtier/tiers/LocalList.h"
 
 #include <cstdint>
 #include <jvmti.h>

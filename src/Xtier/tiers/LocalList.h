@@ -62,6 +62,9 @@ struct QorAllThreadLocalInfoList {
     QorAllThreadLocalInfoList *prev;               // towards newer entries; set by the walk
 };
 
+// 1 on the JVM builds whose references the walk can fill: new entries bring some along.
+extern int32_t getObjOpt;
+
 // Pushes an entry for the frame at the list's head. 0, or -1 (logged) for a null frame or when there is no
 // memory: the list is as it was.
 int32_t AddToThreadLocalInfoList(const QorThreadRecord *thread, const QorFrameRecord *frame,

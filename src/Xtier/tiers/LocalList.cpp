@@ -1,12 +1,13 @@
 #include "LocalList.h"
 
-#include "LocalWalk.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"
 
 #include <cstdlib>
 #include <cstring>
+
+int32_t getObjOpt;
 
 namespace {
 

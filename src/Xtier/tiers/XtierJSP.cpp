@@ -1,8 +1,8 @@
 #include "XtierJSP.h"
 
-#include "LocalWalk.h"
 #include "ObjectMap.h"
 #include "ValueText.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"

@@ -1,14 +1,14 @@
 #include "XtierQRF.h"
 
-#include "FrameTests.h"
-#include "LocalWalk.h"
 #include "ObjectMap.h"
 #include "ValueText.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
+#include "tier.h"
 
 #include <algorithm>
 #include <cstring>

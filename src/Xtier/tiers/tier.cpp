@@ -1,4 +1,4 @@
-#include "FrameTests.h"
+#include "tier.h"
 
 #include "qorlog.h"
 #include "qorrequest.h"

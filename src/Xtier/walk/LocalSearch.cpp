@@ -1,8 +1,8 @@
 #include "LocalSearch.h"
 
-#include "FrameTests.h"
 #include "LocalWalk.h"
 #include "LocalWalkTimes.h"
+#include "Xtier/tiers/tier.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/followRefHackHelper.h"

@@ -7,7 +7,7 @@
 // Worker only; the callbacks run inside the JVM's stop, on the JVM's thread, and touch plain memory alone.
 #pragma once
 
-#include "LocalList.h"
+#include "Xtier/tiers/LocalList.h"
 
 #include <cstdint>
 #include <jni.h>
@@ -15,7 +15,6 @@
 constexpr int64_t QOR_LOCAL_WALK_BUDGET_USEC = 200'000; // the longest budget of a walk
 
 extern int64_t lAllowedFollowRefTimeUSec; // time budget of the walk at hand, microseconds
-extern int32_t getObjOpt;                 // 1 on the JVM builds whose handles can be filled by the walk
 
 // Entries of a JVM's own reader of frames. No known JVM has them, so that they stay null.
 extern void *qorctiHasMore;
