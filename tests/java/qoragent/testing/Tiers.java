@@ -10,7 +10,7 @@ import ferrule.rjvm.RJVM;
 import ferrule.rjvm.ResponseImpl;
 import ferrule.rmi.cluster.ClusterableRemoteRef;
 import ferrule.rmi.spi.Channel;
-import ferrule.servlet.internal.RequestEventsFilter.EventsRequestWrapper;
+import ferrule.servlet.internal.RequestEventsFilter$EventsRequestWrapper;
 import ferrule.servlet.internal.ServletRequestImpl;
 import ferrule.servlet.internal.ServletStubImpl;
 import ferrule.work.ExecuteThread;
@@ -125,7 +125,7 @@ public final class Tiers {
                          work)),
             new Call("filter",
                      work
-                     -> new AdsFilter().doFilter(new EventsRequestWrapper(faces), null,
+                     -> new AdsFilter().doFilter(new RequestEventsFilter$EventsRequestWrapper(faces), null,
                                                  (request, response) -> work.run())),
             new Call("page",
                      work

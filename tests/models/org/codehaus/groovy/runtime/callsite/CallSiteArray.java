@@ -9,6 +9,6 @@ public final class CallSiteArray {
         for (int i = 0; i < names.length; i++)
             array[i] = names[i] == null
                            ? null
-                           : new PogoMetaMethodSite.PogoMetaMethodSiteNoUnwrap(this, i, names[i]);
+                           : new PogoMetaMethodSite$PogoMetaMethodSiteNoUnwrap(this, i, names[i]);
     }
 }

@@ -1,3 +1,0 @@
-package tessar.kvo.server;
-
-public class TransactionEvent {}

@@ -1,7 +1,0 @@
-package tessar.qrfinternal.controller.state;
-
-public class ViewPortContextImpl {
-    protected String mCachedPhysicalUri;
-
-    public ViewPortContextImpl(String uri) { mCachedPhysicalUri = uri; }
-}
