@@ -5,9 +5,7 @@ public final class Spin {
     private static final LongAdder DONE = new LongAdder();
     private static volatile Object kept;
 
-    private static int fibonacci(int n) {
-        return n < 2 ? n : fibonacci(n - 1) + fibonacci(n - 2);
-    }
+    private static int fibonacci(int n) { return n < 2 ? n : fibonacci(n - 1) + fibonacci(n - 2); }
 
     public static void main(String[] arguments) throws InterruptedException {
         for (int i = 0; i < 2; i++) {

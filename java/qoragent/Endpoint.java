@@ -25,8 +25,8 @@ import java.util.Set;
  * directory that only its owner can enter.
  *
  * /tmp is everybody's, so the directory counts only when it is a real directory of this user with no leave
- * for others. Anything else there is somebody's trap: it is never mended, and a directory with a random suffix
- * takes its place, so that nobody can keep the agent from starting. The set-group bit lets nobody in:
+ * for others. Anything else there is somebody's trap: it is never mended, and a directory with a random
+ * suffix takes its place, so that nobody can keep the agent from starting. The set-group bit lets nobody in:
  * directories have it where a container's /tmp is a volume with that bit.
  *
  * The files of JVMs that were killed stay. That no process has the number proves nothing where containers

@@ -12,7 +12,7 @@ final class Figures {
     private static final char RECORD_END = 30;
     private static final long NO_THREAD = Long.MAX_VALUE; // an id that no thread has
 
-    private final long[] cpuTimes; // nanoseconds; null when the JVM doesn't tell
+    private final long[] cpuTimes;  // nanoseconds; null when the JVM doesn't tell
     private final long[] allocated; // bytes; the same
 
     private Figures(long[] cpuTimes, long[] allocated) {
@@ -99,8 +99,9 @@ final class Figures {
                     return null;
                 com.sun.management.ThreadMXBean extended = (com.sun.management.ThreadMXBean)bean;
                 long[] times = extended.isThreadCpuTimeSupported() ? extended.getThreadCpuTime(ids) : null;
-                long[] bytes =
-                    extended.isThreadAllocatedMemorySupported() ? extended.getThreadAllocatedBytes(ids) : null;
+                long[] bytes = extended.isThreadAllocatedMemorySupported()
+                                   ? extended.getThreadAllocatedBytes(ids)
+                                   : null;
                 return new Figures(times, bytes);
             } catch (LinkageError e) {
                 return null;

@@ -66,8 +66,8 @@ public final class cJavaCall {
     /**
      * What Java knows of a sample. The answer is flat text of
      * <ul>
-     * <li>with {@code systemData}: the system's record ({@link Figures#system}), the provider's system text as
-     *     a further field, and a section end (31);
+     * <li>with {@code systemData}: the system's record ({@link Figures#system}), the provider's system text
+     *     as a further field, and a section end (31);
      * <li>then for each thread, in order, a record: the provider's framework text between two marks 14, its
      *     remote text between two marks 15, the start mark (29), the thread's figures
      *     ({@link Figures#append}), a field for each detail that the agent has gathered, the provider's
@@ -143,7 +143,7 @@ public final class cJavaCall {
         text.append(RECORD_END);
     }
 
-    /** Fields "KEY=VALUE" of what the agent knows: the file, the server's work, the other end of the socket. */
+    /** Fields "KEY=VALUE" of what the agent knows: file, server's work, the other end of the socket. */
     private static void append(StringBuilder text, List<String> details) {
         for (int i = 0; i < DETAILS_PER_THREAD; i++) {
             String value = details.get(i);

@@ -6,8 +6,8 @@ import java.util.List;
 /**
  * A thread that goes to a known place and stays there for the application's life.
  *
- * It is in place when it has the promised state with one of the promised methods on top of its stack: the same
- * call has different top methods on JDK 8 to 25, so all of them are listed.
+ * It is in place when it has the promised state with one of the promised methods on top of its stack: the
+ * same call has different top methods on JDK 8 to 25, so all of them are listed.
  */
 abstract class Actor extends Thread {
     private static final long LIMIT_NANOS = 30_000_000_000L;
@@ -24,9 +24,7 @@ abstract class Actor extends Thread {
     }
 
     /** What a console should see of this thread's work in other tiers, as pairs; null when it has none. */
-    String truth() {
-        return null;
-    }
+    String truth() { return null; }
 
     /** Goes to the place and doesn't come back. */
     abstract void act() throws Exception;
@@ -49,8 +47,8 @@ abstract class Actor extends Thread {
             if (failure != null)
                 throw new IllegalStateException(getName() + " could not stay in its place", failure);
             if (System.nanoTime() - start > LIMIT_NANOS)
-                throw new IllegalStateException(getName() + " is not in its place but " + getState() + " in "
-                        + Arrays.toString(getStackTrace()));
+                throw new IllegalStateException(getName() + " is not in its place but " + getState() +
+                                                " in " + Arrays.toString(getStackTrace()));
             Thread.sleep(1);
         }
     }

@@ -19,8 +19,7 @@ final class Feeds {
     /** Kept open, as closing a far end would end the read at the near one. */
     private static final List<Socket> FAR_ENDS = new ArrayList<>();
 
-    private Feeds() {
-    }
+    private Feeds() {}
 
     /** A connection to this process itself. */
     static Socket silentConnection() throws IOException {
@@ -44,9 +43,7 @@ final class Feeds {
             readStock();
         }
 
-        private void readStock() throws IOException {
-            socket.getInputStream().read();
-        }
+        private void readStock() throws IOException { socket.getInputStream().read(); }
     }
 
     static final class FrontDoor extends Actor {

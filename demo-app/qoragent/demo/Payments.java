@@ -9,22 +9,18 @@ import java.util.concurrent.locks.ReentrantLock;
  */
 final class Payments {
     /** The monitors have classes of their own, so that a sample tells them apart by name. */
-    static final class Ledger {
-    }
+    static final class Ledger {}
 
-    static final class Account {
-    }
+    static final class Account {}
 
-    static final class RefundBook {
-    }
+    static final class RefundBook {}
 
     private static final Ledger LEDGER = new Ledger();
     private static final Account ACCOUNT = new Account();
     private static final RefundBook REFUND_BOOK = new RefundBook();
     private static final ReentrantLock INVOICE_NUMBERS = new ReentrantLock();
 
-    private Payments() {
-    }
+    private Payments() {}
 
     /** Holds the ledger in one frame and the account in the next, and waits for the bank in a third. */
     static final class Settlement extends Actor {
@@ -53,15 +49,11 @@ final class Payments {
             }
         }
 
-        private void askBank() throws Exception {
-            bank.getInputStream().read();
-        }
+        private void askBank() throws Exception { bank.getInputStream().read(); }
     }
 
     static final class Refund extends Actor {
-        Refund() {
-            super("demo-lock-wanter", Thread.State.BLOCKED, "credit");
-        }
+        Refund() { super("demo-lock-wanter", Thread.State.BLOCKED, "credit"); }
 
         @Override
         void act() {
@@ -82,9 +74,7 @@ final class Payments {
     }
 
     static final class Invoice extends Actor {
-        Invoice() {
-            super("demo-queue-wait", Thread.State.WAITING, "park");
-        }
+        Invoice() { super("demo-queue-wait", Thread.State.WAITING, "park"); }
 
         @Override
         void act() {

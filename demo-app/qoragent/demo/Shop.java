@@ -12,10 +12,9 @@ import tessar.jdbc.driver.TessarPreparedStatement;
 import tessar.net.ns.Communication;
 import tessar.net.nt.SilentServer;
 
-/** Threads in other tiers: one waits for a database, one serves a URL. Driver and servlet container are models. */
+/** Threads in other tiers: one waits for a database, one serves a URL. Driver and container are models. */
 final class Shop {
-    private Shop() {
-    }
+    private Shop() {}
 
     /** Asks a database that never answers. */
     static final class Orders extends Actor {
@@ -28,15 +27,13 @@ final class Shop {
         private final TessarPreparedStatement statement =
             new TessarPreparedStatement(new TessarConnection(url, USER, new DBAccess(session)), SQL);
 
-        Orders() throws IOException {
-            super("demo-database", Thread.State.RUNNABLE, Feeds.SOCKET_READ);
-        }
+        Orders() throws IOException { super("demo-database", Thread.State.RUNNABLE, Feeds.SOCKET_READ); }
 
         @Override
         String truth() {
             Socket socket = session.socket();
-            return "url=" + url + " user=" + USER + " local_port=" + socket.getLocalPort()
-                + " remote_port=" + socket.getPort();
+            return "url=" + url + " user=" + USER + " local_port=" + socket.getLocalPort() +
+                " remote_port=" + socket.getPort();
         }
 
         @Override
@@ -44,9 +41,7 @@ final class Shop {
             openOrders();
         }
 
-        private void openOrders() throws IOException {
-            statement.executeQuery();
-        }
+        private void openOrders() throws IOException { statement.executeQuery(); }
     }
 
     /** Serves a request, for which it asks another service over a socket. */
@@ -81,8 +76,6 @@ final class Shop {
             }
         }
 
-        private void askPrices() throws IOException {
-            prices.getInputStream().read();
-        }
+        private void askPrices() throws IOException { prices.getInputStream().read(); }
     }
 }

@@ -7,15 +7,12 @@ final class Tasks {
     /** Frames of the deep stack, all counted. */
     static final int DEPTH = 400;
 
-    private Tasks() {
-    }
+    private Tasks() {}
 
     static final class Compute extends Actor {
         private volatile int primes;
 
-        Compute() {
-            super("demo-compute", Thread.State.RUNNABLE, "countPrimes");
-        }
+        Compute() { super("demo-compute", Thread.State.RUNNABLE, "countPrimes"); }
 
         @Override
         void act() {
@@ -39,12 +36,9 @@ final class Tasks {
     static final class OrderQueue extends Actor {
         private final Object orders = new Orders();
 
-        static final class Orders {
-        }
+        static final class Orders {}
 
-        OrderQueue() {
-            super("demo-wait", Thread.State.WAITING, "wait", "wait0");
-        }
+        OrderQueue() { super("demo-wait", Thread.State.WAITING, "wait", "wait0"); }
 
         @Override
         void act() throws Exception {
@@ -60,9 +54,7 @@ final class Tasks {
     }
 
     static final class NightReport extends Actor {
-        NightReport() {
-            super("demo-sleep", Thread.State.TIMED_WAITING, "sleep", "sleep0", "sleepNanos0");
-        }
+        NightReport() { super("demo-sleep", Thread.State.TIMED_WAITING, "sleep", "sleep0", "sleepNanos0"); }
 
         @Override
         void act() throws Exception {
@@ -75,9 +67,7 @@ final class Tasks {
         /** run and act below the recursion, LockSupport.park and its native above it. */
         private static final int OTHER_FRAMES = 4;
 
-        CategoryTree() {
-            super("demo-deep-stack", Thread.State.WAITING, "park");
-        }
+        CategoryTree() { super("demo-deep-stack", Thread.State.WAITING, "park"); }
 
         @Override
         void act() {

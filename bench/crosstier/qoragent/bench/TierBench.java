@@ -12,8 +12,8 @@ import java.util.regex.Pattern;
 import qoragent.Agent;
 
 /**
- * Measures what cross-tier frames cost a poll and the application, and prints the figures as Markdown. Arguments:
- * turns (5), seconds of a window (10), megabytes of live objects (1000), folder for the log.
+ * Measures what cross-tier frames cost a poll and the application, and prints the figures as Markdown.
+ * Arguments: turns (5), seconds of a window (10), megabytes of live objects (1000), folder for the log.
  */
 public final class TierBench {
     private static final int THREADS = 500;
@@ -27,10 +27,12 @@ public final class TierBench {
     /** Rows of all threads: no GC lock 4, all threads 256; a poll, unless 512 says that it is none. */
     private static final String POLL = "260|showstack|32768";
     private static final String NO_POLL = "772|showstack|32768";
-    private static final Pattern TIMING = Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
+    private static final Pattern TIMING =
+        Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
     /** The line is written when a walk has ended. */
-    private static final Pattern WALK = Pattern.compile("<\\S+ (\\d+):(\\d+):(\\d+)\\.(\\d+)> "
-            + ".*Local Variable traversal - process time : (\\d+) sec,(\\d+) usec");
+    private static final Pattern WALK =
+        Pattern.compile("<\\S+ (\\d+):(\\d+):(\\d+)\\.(\\d+)> "
+                        + ".*Local Variable traversal - process time : (\\d+) sec,(\\d+) usec");
     private static final double DAY_MILLIS = 24 * 3600e3;
     private static final String SHOWN = "select o.id";
     /** The level at which each walk's time is logged. */
@@ -51,11 +53,13 @@ public final class TierBench {
     public static void main(String[] args) throws Exception {
         int megabytes = args.length > 2 ? Integer.parseInt(args[2]) : 1000;
         List<Object> heap = fill(megabytes);
-        TierBench bench = new TierBench(args.length > 0 ? Integer.parseInt(args[0]) : 5,
-                args.length > 1 ? Integer.parseInt(args[1]) : 10, Paths.get(args[3], "walks.log"));
-        System.out.printf("JDK %s, %d processors, %d threads x %d frames, %d MB of live objects, %d turns, windows of %d s%n",
-                System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(), THREADS, DEPTH,
-                megabytes, bench.turns, bench.windowSeconds);
+        TierBench bench =
+            new TierBench(args.length > 0 ? Integer.parseInt(args[0]) : 5,
+                          args.length > 1 ? Integer.parseInt(args[1]) : 10, Paths.get(args[3], "walks.log"));
+        System.out.printf(
+            "JDK %s, %d processors, %d threads x %d frames, %d MB of objects, %d turns, windows of %d s%n",
+            System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(), THREADS, DEPTH,
+            megabytes, bench.turns, bench.windowSeconds);
         bench.cost();
         bench.shares();
         bench.throughput();
@@ -81,9 +85,7 @@ public final class TierBench {
         Agent.start("relay=off,lockinfo=3,dbquery=1,handquota=100,localquota=" + quota + ",logfile=" + log);
     }
 
-    private static void stop() {
-        Agent.request("SHUTDOWN");
-    }
+    private static void stop() { Agent.request("SHUTDOWN"); }
 
     private String ask(String request) {
         String reply = Agent.request(request);
@@ -94,9 +96,7 @@ public final class TierBench {
         return reply;
     }
 
-    private String poll() {
-        return ask(POLL);
-    }
+    private String poll() { return ask(POLL); }
 
     /** A walk, in milliseconds: its length, and its start in the day. */
     private static final class Walk {
@@ -106,14 +106,15 @@ public final class TierBench {
         Walk(Matcher line) {
             length = Long.parseLong(line.group(5)) * 1e3 + Long.parseLong(line.group(6)) / 1e3;
             int minutes = Integer.parseInt(line.group(1)) * 60 + Integer.parseInt(line.group(2));
-            start = (minutes * 60 + Integer.parseInt(line.group(3))) * 1e3 + Integer.parseInt(line.group(4)) - length;
+            start = (minutes * 60 + Integer.parseInt(line.group(3))) * 1e3 + Integer.parseInt(line.group(4)) -
+                    length;
         }
     }
 
     /** The walks logged since the last call. */
     private List<Walk> walks() throws IOException {
         byte[] all = Files.readAllBytes(log);
-        String text = new String(all, (int) logRead, (int) (all.length - logRead), StandardCharsets.UTF_8);
+        String text = new String(all, (int)logRead, (int)(all.length - logRead), StandardCharsets.UTF_8);
         logRead = all.length;
         Matcher line = WALK.matcher(text);
         List<Walk> found = new ArrayList<>();
@@ -138,7 +139,8 @@ public final class TierBench {
                     pollEachSecond(windowSeconds / 2 + 1);
                     List<Walk> walks = walks();
                     if (isKnown)
-                        figures.add("walk", Figures.median(walks.stream().mapToDouble(w -> w.length).toArray()));
+                        figures.add("walk",
+                                    Figures.median(walks.stream().mapToDouble(w -> w.length).toArray()));
                     else if (!walks.isEmpty())
                         throw new IllegalStateException("a walk for nothing");
                     stop();
@@ -148,10 +150,11 @@ public final class TierBench {
         double plain = figures.median("plain");
         double known = figures.median("known");
         double walk = figures.median("walk");
-        System.out.printf("%n## A poll a second, a walk in each, worker's time in ms%n%n"
-                        + "| without known frames | with | of it the walk | (with - walk) / without |%n|---|---|---|---|%n"
-                        + "| %.2f | %.2f | %.2f | %.2f |%n",
-                plain, known, walk, (known - walk) / plain);
+        System.out.printf(
+            "%n## A poll a second, a walk in each, worker's time in ms%n%n| without known frames | with"
+                + " | of it the walk | (with - walk) / without |%n|---|---|---|---|%n"
+                + "| %.2f | %.2f | %.2f | %.2f |%n",
+            plain, known, walk, (known - walk) / plain);
     }
 
     private void expectData() {
@@ -175,10 +178,11 @@ public final class TierBench {
         return Figures.median(millis);
     }
 
-    /** Polls without a pause: what share of the time the walks take, from the start of one to that of a later one. */
+    /** Polls without a pause: the walks' share of the time, from the start of one to that of a later one. */
     private void shares() throws Exception {
-        System.out.printf("%n## Share of time that walks take, polls without a pause%n%n| quota, %% | polls | walks | longest walk, ms"
-                + " | share, %% |%n|---|---|---|---|---|%n");
+        System.out.printf(
+            "%n## Share of time that walks take, polls without a pause%n%n| quota, %% | polls | walks"
+            + " | longest walk, ms | share, %% |%n|---|---|---|---|---|%n");
         try (TierCrowd crowd = new TierCrowd(THREADS, DEPTH, true)) {
             for (int quota : QUOTAS) {
                 start(quota);
@@ -197,15 +201,16 @@ public final class TierBench {
                 double elapsed = walks.get(last).start - walks.get(0).start;
                 double stood = walks.subList(0, last).stream().mapToDouble(w -> w.length).sum();
                 System.out.printf("| %d | %d | %d | %.1f | %.2f |%n", quota, polls, walks.size(),
-                        walks.stream().mapToDouble(w -> w.length).max().orElse(0),
-                        100 * stood / (elapsed > 0 ? elapsed : elapsed + DAY_MILLIS));
+                                  walks.stream().mapToDouble(w -> w.length).max().orElse(0),
+                                  100 * stood / (elapsed > 0 ? elapsed : elapsed + DAY_MILLIS));
             }
         }
     }
 
     /** Work done with one poll a second against work done without, in windows that take turns. */
     private void throughput() throws Exception {
-        System.out.printf("%n## Throughput with one poll a second%n%n| quota, %% | work with / without |%n|---|---|%n");
+        System.out.printf(
+            "%n## Throughput with one poll a second%n%n| quota, %% | work with / without |%n|---|---|%n");
         int workers = Runtime.getRuntime().availableProcessors();
         try (TierCrowd crowd = new TierCrowd(THREADS, DEPTH, true); Load load = new Load(workers)) {
             for (int quota : new int[] {10, 5, 1, 0}) {

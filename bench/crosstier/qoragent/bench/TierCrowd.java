@@ -20,11 +20,12 @@ import tessar.net.nt.SilentServer;
 
 /**
  * Threads at a depth that wait for a database's answer in a request's work: in frames that the agent knows (a
- * server's thread, its request, a statement), or in as many frames of classes of no name, with the same locals.
+ * server's thread, its request, a statement), or in as many frames of unknown classes, with the same locals.
  */
 final class TierCrowd implements AutoCloseable {
-    private static final String SQL = "select o.id, o.total, c.name from orders o join customers c on c.id = o.customer"
-            + " where o.state = ? and o.total > ? order by o.total desc";
+    private static final String SQL =
+        "select o.id, o.total, c.name from orders o join customers c on c.id = o.customer"
+        + " where o.state = ? and o.total > ? order by o.total desc";
 
     private final SilentServer server = new SilentServer();
     private final List<Thread> threads = new ArrayList<>();
@@ -64,7 +65,8 @@ final class TierCrowd implements AutoCloseable {
     private Thread knownThread(int number, int down) throws IOException {
         Communication net = Communication.connect("plain", server.port());
         TessarStatement statement = new TessarPreparedStatement(
-                new TessarConnection("jdbc:tessar:thin:@127.0.0.1:orders", "shop", new DBAccess(net)), SQL + number);
+            new TessarConnection("jdbc:tessar:thin:@127.0.0.1:orders", "shop", new DBAccess(net)),
+            SQL + number);
         Runnable request = new ServletRequestImpl("/orders/" + number, () -> a(down, () -> query(statement)));
         return new ExecuteThread("bench-" + number, request, false, false);
     }

@@ -24,7 +24,8 @@ public final class Bench {
 
     /** All threads with details, as a console polls: no GC lock 4, details 16, all threads 256. */
     private static final String REQUEST = "276|showstack|32768";
-    private static final Pattern TIMING = Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
+    private static final Pattern TIMING =
+        Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
 
     private static final String WORKER = "worker";
     private static final String SAMPLE = "sample";
@@ -49,10 +50,10 @@ public final class Bench {
 
     public static void main(String[] args) throws Exception {
         Bench bench = new Bench(args.length > 0 ? Integer.parseInt(args[0]) : 7,
-                args.length > 1 ? Integer.parseInt(args[1]) : 10);
+                                args.length > 1 ? Integer.parseInt(args[1]) : 10);
         System.out.printf("JDK %s, %d processors, medians of %d turns of %d calls, times in ms%n",
-                System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(), bench.turns,
-                CALLS_A_TURN);
+                          System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(),
+                          bench.turns, CALLS_A_TURN);
         bench.attachSocket = openAttachSocket();
         bench.sampleAlone();
         bench.sampleWithLocks();
@@ -60,19 +61,17 @@ public final class Bench {
         bench.throughput();
     }
 
-    private static void startAgent(int lockInfo) {
-        Agent.start("relay=off,lockinfo=" + lockInfo);
-    }
+    private static void startAgent(int lockInfo) { Agent.start("relay=off,lockinfo=" + lockInfo); }
 
-    private static void stopAgent() {
-        Agent.request("SHUTDOWN");
-    }
+    private static void stopAgent() { Agent.request("SHUTDOWN"); }
 
     private void sampleAlone() throws Exception {
         startAgent(3);
-        System.out.printf("%n## Without lock data%n%n| threads x frames | reply, KiB | sample: worker | sample: whole call"
-                + " | GetAllStackTraces | dumpAllThreads(false, false) | thread print | worker/GetAllStackTraces"
-                + " | call/GetAllStackTraces | call/print | call/dump |%n|---|---|---|---|---|---|---|---|---|---|---|%n");
+        System.out.printf(
+            "%n## Without lock data%n%n| threads x frames | reply, KiB | sample: worker | sample: whole call"
+            + " | GetAllStackTraces | dumpAllThreads(false, false) | thread print"
+            + " | worker/GetAllStackTraces | call/GetAllStackTraces | call/print | call/dump |%n"
+            + "|---|---|---|---|---|---|---|---|---|---|---|%n");
         Map<String, Runnable> tasks = new LinkedHashMap<>();
         tasks.put(SAMPLE, this::sample);
         tasks.put(WALK, this::walk);
@@ -81,9 +80,11 @@ public final class Bench {
         for (int[] size : CROWDS) {
             try (Crowd crowd = new Crowd(size[0], size[1])) {
                 Figures f = measure(tasks);
-                System.out.printf("| %d x %d | %d | %s | %.2f | %.2f | %.2f | %.2f | %s | %.2f | %.2f | %.2f |%n", size[0],
-                        size[1], replyLength / 1024, workerTime(f), f.median(SAMPLE), f.median(WALK), f.median(DUMP),
-                        f.median(PRINT), workerRatio(f), f.ratio(SAMPLE, WALK), f.ratio(SAMPLE, PRINT), f.ratio(SAMPLE, DUMP));
+                System.out.printf(
+                    "| %d x %d | %d | %s | %.2f | %.2f | %.2f | %.2f | %s | %.2f | %.2f | %.2f |%n", size[0],
+                    size[1], replyLength / 1024, workerTime(f), f.median(SAMPLE), f.median(WALK),
+                    f.median(DUMP), f.median(PRINT), workerRatio(f), f.ratio(SAMPLE, WALK),
+                    f.ratio(SAMPLE, PRINT), f.ratio(SAMPLE, DUMP));
             }
         }
         stopAgent();
@@ -91,8 +92,9 @@ public final class Bench {
 
     private void sampleWithLocks() throws Exception {
         startAgent(2);
-        System.out.printf("%n## With lock data%n%n| threads x frames | reply, KiB | sample: worker | sample: whole call"
-                + " | dumpAllThreads(true, true) | call/dump |%n|---|---|---|---|---|---|%n");
+        System.out.printf(
+            "%n## With lock data%n%n| threads x frames | reply, KiB | sample: worker | sample: whole call"
+            + " | dumpAllThreads(true, true) | call/dump |%n|---|---|---|---|---|---|%n");
         Map<String, Runnable> tasks = new LinkedHashMap<>();
         tasks.put(SAMPLE, this::sample);
         tasks.put(DUMP, () -> BEAN.dumpAllThreads(true, true));
@@ -100,7 +102,8 @@ public final class Bench {
             try (Crowd crowd = new Crowd(size[0], size[1])) {
                 Figures f = measure(tasks);
                 System.out.printf("| %d x %d | %d | %s | %.2f | %.2f | %.2f |%n", size[0], size[1],
-                        replyLength / 1024, workerTime(f), f.median(SAMPLE), f.median(DUMP), f.ratio(SAMPLE, DUMP));
+                                  replyLength / 1024, workerTime(f), f.median(SAMPLE), f.median(DUMP),
+                                  f.ratio(SAMPLE, DUMP));
             }
         }
         stopAgent();
@@ -141,23 +144,23 @@ public final class Bench {
         return figures.median(WORKER) < 0 ? "(full)" : String.format("%.2f", figures.ratio(WORKER, WALK));
     }
 
-    private void walk() {
-        lastWalkNanos = Native.getAllStackTraces(MAX_FRAMES);
-    }
+    private void walk() { lastWalkNanos = Native.getAllStackTraces(MAX_FRAMES); }
 
     private void sample() {
         String reply = Agent.request(REQUEST);
         Matcher timing = TIMING.matcher(reply.substring(Math.max(0, reply.length() - 100)));
-        workerMicros = timing.find() ? Long.parseLong(timing.group(1)) : -1; // a full reply has no room for it
+        workerMicros =
+            timing.find() ? Long.parseLong(timing.group(1)) : -1; // a full reply has no room for it
         replyLength = reply.length();
         if (!reply.contains("bench-1"))
-            throw new IllegalStateException("the sample lacks the crowd: "
-                    + reply.substring(0, Math.min(200, reply.length())));
+            throw new IllegalStateException("the sample lacks the crowd: " +
+                                            reply.substring(0, Math.min(200, reply.length())));
     }
 
     /** How long the application stands still: the longest gap that a thread reading the clock sees. */
     private void pauses() throws Exception {
-        System.out.printf("%n## Longest pause of the application, 500 x 100%n%n| what runs | pause |%n|---|---|%n");
+        System.out.printf(
+            "%n## Longest pause of the application, 500 x 100%n%n| what runs | pause |%n|---|---|%n");
         Figures figures = new Figures();
         try (Crowd crowd = new Crowd(500, 100); Jitter jitter = new Jitter()) {
             for (int lockInfo : new int[] {3, 2}) {
@@ -170,19 +173,17 @@ public final class Bench {
                     figures.add(WALK, jitter.during(this::walk));
                     figures.add(name, jitter.during(this::sample));
                     figures.add("dumpAllThreads(" + (lockInfo == 3 ? "false, false)" : "true, true)"),
-                            jitter.during(() -> BEAN.dumpAllThreads(lockInfo == 2, lockInfo == 2)));
+                                jitter.during(() -> BEAN.dumpAllThreads(lockInfo == 2, lockInfo == 2)));
                 }
                 stopAgent();
             }
         }
         for (String name : new String[] {"nothing", WALK, "sample", "dumpAllThreads(false, false)",
-                "sample with locks", "dumpAllThreads(true, true)"})
+                                         "sample with locks", "dumpAllThreads(true, true)"})
             System.out.printf("| %s | %.2f |%n", name, figures.median(name));
     }
 
-    private static void restABit() {
-        sleep(10);
-    }
+    private static void restABit() { sleep(10); }
 
     static void sleep(long millis) {
         try {
@@ -195,8 +196,9 @@ public final class Bench {
     /** Work done with one sample a second against work done without, in windows that take turns. */
     private void throughput() throws Exception {
         int workers = Runtime.getRuntime().availableProcessors();
-        System.out.printf("%n## Throughput with one sample a second, 500 x 100%n%n| sample | work with / without |%n"
-                + "|---|---|%n");
+        System.out.printf(
+            "%n## Throughput with one sample a second, 500 x 100%n%n| sample | work with / without |%n"
+            + "|---|---|%n");
         try (Crowd crowd = new Crowd(500, 100); Load load = new Load(workers)) {
             for (int lockInfo : new int[] {3, 2}) {
                 startAgent(lockInfo);
@@ -208,7 +210,7 @@ public final class Bench {
                     figures.add("with", load.during(this::sampleEachSecond));
                 }
                 System.out.printf("| %s | %.4f |%n", lockInfo == 3 ? "without lock data" : "with lock data",
-                        figures.ratio("with", "without"));
+                                  figures.ratio("with", "without"));
                 stopAgent();
             }
         }

@@ -42,9 +42,7 @@ final class Crowd implements AutoCloseable {
             throw new IllegalStateException("a stack has " + found + " frames and not " + depth);
     }
 
-    private static boolean wants(int number) {
-        return number > 0 && number % 10 == 0;
-    }
+    private static boolean wants(int number) { return number > 0 && number % 10 == 0; }
 
     private static void awaitState(Thread thread, Thread.State state) throws InterruptedException {
         while (thread.getState() != state)

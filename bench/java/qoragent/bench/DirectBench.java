@@ -10,23 +10,24 @@ import java.util.regex.Pattern;
 import qoragent.Agent;
 
 /**
- * Measures a sample of this JVM in turns with one of a JVM that is read by address, whose command answers each line
- * of input with a line of times. Arguments: that command, turns.
+ * Measures a sample of this JVM in turns with one of a JVM that is read by address, whose command answers
+ * each line of input with a line of times. Arguments: that command, turns.
  */
 final class DirectBench {
     private static final int THREADS = 200;
     private static final int FRAMES = 50;
     private static final int CALLS_A_TURN = 5;
     private static final String POLL = "276|showstack|32768";
-    private static final Pattern TIMING = Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
+    private static final Pattern TIMING =
+        Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
 
-    private DirectBench() {
-    }
+    private DirectBench() {}
 
     public static void main(String[] args) throws Exception {
         Locale.setDefault(Locale.ROOT);
         int turns = Integer.parseInt(args[1]);
-        Process direct = new ProcessBuilder(args[0], "samples").redirectError(ProcessBuilder.Redirect.INHERIT).start();
+        Process direct =
+            new ProcessBuilder(args[0], "samples").redirectError(ProcessBuilder.Redirect.INHERIT).start();
         Agent.start("relay=off");
         Figures figures = new Figures();
         String[] last = {};
@@ -56,16 +57,18 @@ final class DirectBench {
                 figures.add("JVMTI call", Figures.median(call));
             }
         }
-        System.out.printf("JDK %s, %d processors, load %.1f, %d x %d, medians of %d turns of %d calls, times in ms%n%n",
-                System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(),
-                ManagementFactory.getOperatingSystemMXBean().getSystemLoadAverage(), THREADS, FRAMES, turns,
-                CALLS_A_TURN);
+        System.out.printf(
+            "JDK %s, %d processors, load %.1f, %d x %d, medians of %d turns of %d calls, times in ms%n%n",
+            System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(),
+            ManagementFactory.getOperatingSystemMXBean().getSystemLoadAverage(), THREADS, FRAMES, turns,
+            CALLS_A_TURN);
         System.out.printf("| road | reply, KiB | worker | whole call |%n|---|---|---|---|%n");
-        System.out.printf("| by address, simulated JVM | %d | %.2f | %.2f |%n", Integer.parseInt(last[2]) / 1024,
-                figures.median("direct worker"), figures.median("direct call"));
+        System.out.printf("| by address, simulated JVM | %d | %.2f | %.2f |%n",
+                          Integer.parseInt(last[2]) / 1024, figures.median("direct worker"),
+                          figures.median("direct call"));
         System.out.printf("| JVMTI | %d | %.2f | %.2f |%n%nworker / worker: %.2f%n%n", replyLength / 1024,
-                figures.median("JVMTI worker"), figures.median("JVMTI call"),
-                figures.ratio("direct worker", "JVMTI worker"));
+                          figures.median("JVMTI worker"), figures.median("JVMTI call"),
+                          figures.ratio("direct worker", "JVMTI worker"));
         System.exit(direct.waitFor());
     }
 }

@@ -10,9 +10,7 @@ import java.util.Map;
 final class Figures {
     private final Map<String, List<Double>> rows = new LinkedHashMap<>();
 
-    void add(String name, double value) {
-        rows.computeIfAbsent(name, n -> new ArrayList<>()).add(value);
-    }
+    void add(String name, double value) { rows.computeIfAbsent(name, n -> new ArrayList<>()).add(value); }
 
     double median(String name) {
         return median(rows.get(name).stream().mapToDouble(Double::doubleValue).toArray());

@@ -1,6 +1,6 @@
 package qoragent.bench;
 
-/** A thread that does nothing but read the clock: a gap between two readings is a pause of the application. */
+/** A thread that only reads the clock: a gap between two readings is a pause of the application. */
 final class Jitter extends Thread implements AutoCloseable {
     private volatile long longest;
     private volatile boolean reset;

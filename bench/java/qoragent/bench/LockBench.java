@@ -10,9 +10,9 @@ import java.util.regex.Pattern;
 import qoragent.Agent;
 
 /**
- * Measures the sample as the product makes it by default (locks on, frames of other tiers present) beside the JVM's
- * own ways to the same facts, in one process and in turns, and prints medians and their ratios as Markdown.
- * Arguments: turns (200), seconds of a throughput window (5).
+ * Measures the sample as the product makes it by default (locks on, frames of other tiers present) beside the
+ * JVM's own ways to the same facts, in one process and in turns, and prints medians and their ratios as
+ * Markdown. Arguments: turns (200), seconds of a throughput window (5).
  */
 final class LockBench {
     /** Enabled options only say that there is no relay: the rest is the default. */
@@ -20,7 +20,8 @@ final class LockBench {
     /** A poll of all threads with details, and the same by hand. */
     private static final String POLL = "276|showstack|32768";
     private static final String BY_HAND = "788|showstack|32768";
-    private static final Pattern TIMING = Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
+    private static final Pattern TIMING =
+        Pattern.compile("Time spent in JVM for processing request.(\\d+) usec");
     private static final int[][] CROWDS = {{50, 20}, {50, 100}, {500, 20}};
     private static final int TIER_THREADS = 5;
     private static final int TIER_DEPTH = 20;
@@ -52,9 +53,10 @@ final class LockBench {
     public static void main(String[] args) throws Exception {
         Locale.setDefault(Locale.ROOT);
         LockBench bench = new LockBench(args.length > 0 ? Integer.parseInt(args[0]) : 200,
-                args.length > 1 ? Integer.parseInt(args[1]) : 5);
+                                        args.length > 1 ? Integer.parseInt(args[1]) : 5);
         System.out.printf("JDK %s, %d processors, load %.2f, medians of %d turns, times in ms%n",
-                System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(), load(), bench.turns);
+                          System.getProperty("java.version"), Runtime.getRuntime().availableProcessors(),
+                          load(), bench.turns);
         bench.crowds();
         bench.clocks();
         bench.stops();
@@ -67,8 +69,10 @@ final class LockBench {
     }
 
     private void crowds() throws Exception {
-        System.out.printf("%n## With lock data%n%n| crowd | first | repeated: worker | repeated: whole call | %s | %s | %s"
-                + " | call/print | call/dump |%n|---|---|---|---|---|---|---|---|---|%n", PRINT, DUMP, WALK);
+        System.out.printf(
+            "%n## With lock data%n%n| crowd | first | repeated: worker | repeated: whole call | %s | %s | %s"
+                + " | call/print | call/dump |%n|---|---|---|---|---|---|---|---|---|%n",
+            PRINT, DUMP, WALK);
         for (int[] size : CROWDS)
             try (Crowd crowd = new Crowd(size[0], size[1])) {
                 row(size[0] + " x " + size[1], OPTIONS);
@@ -76,8 +80,11 @@ final class LockBench {
         try (Pool pool = new Pool()) {
             row("200 parked, 20 at work", OPTIONS);
         }
-        System.out.printf("%n## Without lock data%n%n| crowd | first | repeated: worker | repeated: whole call | %s | %s | %s"
-                + " | call/print | call/dump | worker/walk |%n|---|---|---|---|---|---|---|---|---|---|%n", PRINT, DUMP, WALK);
+        System.out.printf(
+            "%n## Without lock data%n%n| crowd | first | repeated: worker | repeated: whole call"
+                + " | %s | %s | %s | call/print | call/dump | worker/walk |%n"
+                + "|---|---|---|---|---|---|---|---|---|---|%n",
+            PRINT, DUMP, WALK);
         for (int[] size : CROWDS)
             try (Crowd crowd = new Crowd(size[0], size[1])) {
                 Figures f = row(size[0] + " x " + size[1], OPTIONS + ",lockinfo=3", false);
@@ -116,16 +123,17 @@ final class LockBench {
                 }
             Agent.request("SHUTDOWN");
         }
-        System.out.printf("| %s | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f |", name, f.median(FIRST),
-                f.median(WORKER), f.median(SAMPLE), f.median(PRINT), f.median(DUMP), f.median(WALK),
-                f.ratio(SAMPLE, PRINT), f.ratio(SAMPLE, DUMP));
+        System.out.printf("| %s | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f |", name,
+                          f.median(FIRST), f.median(WORKER), f.median(SAMPLE), f.median(PRINT),
+                          f.median(DUMP), f.median(WALK), f.ratio(SAMPLE, PRINT), f.ratio(SAMPLE, DUMP));
         return f;
     }
 
     /** The same where the processor clocks of threads are of no use. */
     private void clocks() throws Exception {
-        System.out.printf("%n## With lock data, 500 x 20, clocks that can't be relied on%n%n| clock | sample: worker"
-                + " | sample: whole call |%n|---|---|---|%n");
+        System.out.printf(
+            "%n## With lock data, 500 x 20, clocks that can't be relied on%n%n| clock | sample: worker"
+            + " | sample: whole call |%n|---|---|---|%n");
         String[] names = {"as it is", "coarse, 10 ms", "can't be read"};
         try (Crowd crowd = new Crowd(500, 20)) {
             for (int kind = 0; kind < names.length; kind++) {
@@ -172,15 +180,17 @@ final class LockBench {
 
     /** Work done with one request a second against work done without, in windows that take turns. */
     private void throughput() throws Exception {
-        System.out.printf("%n## Throughput with one request a second, 500 x 100%n%n| request | work with / without |%n"
-                + "|---|---|%n");
+        System.out.printf(
+            "%n## Throughput with one request a second, 500 x 100%n%n| request | work with / without |%n"
+            + "|---|---|%n");
         Map<String, Runnable> tasks = new LinkedHashMap<>();
         tasks.put("poll with locks", this::sample);
         tasks.put("by hand with locks", () -> Agent.request(BY_HAND));
         tasks.put(PRINT, () -> Native.threadPrint(attachSocket));
         Figures f = new Figures();
-        try (Crowd crowd = new Crowd(500, 100); TierCrowd known = new TierCrowd(TIER_THREADS, TIER_DEPTH, true);
-                Load load = new Load(Runtime.getRuntime().availableProcessors())) {
+        try (Crowd crowd = new Crowd(500, 100);
+             TierCrowd known = new TierCrowd(TIER_THREADS, TIER_DEPTH, true);
+             Load load = new Load(Runtime.getRuntime().availableProcessors())) {
             Agent.start(OPTIONS);
             for (int i = 0; i < WARM_UP_CALLS; i++)
                 tasks.values().forEach(Runnable::run);
@@ -217,7 +227,5 @@ final class LockBench {
             throw new IllegalStateException("the sample lacks the crowd");
     }
 
-    private void walk() {
-        walkMillis = Native.getAllStackTraces(MAX_FRAMES) / 1e6;
-    }
+    private void walk() { walkMillis = Native.getAllStackTraces(MAX_FRAMES) / 1e6; }
 }

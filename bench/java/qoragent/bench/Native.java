@@ -2,12 +2,9 @@ package qoragent.bench;
 
 /** The measurements' native part, build/bench/libbench.so. */
 final class Native {
-    static {
-        System.load(System.getProperty("bench.library"));
-    }
+    static { System.load(System.getProperty("bench.library")); }
 
-    private Native() {
-    }
+    private Native() {}
 
     /** Nanoseconds that one bare GetAllStackTraces call takes. */
     static native long getAllStackTraces(int maxFrames);

@@ -15,7 +15,7 @@ final class Pool implements AutoCloseable {
     private static final long NAP_MILLIS = 5;
 
     private final ExecutorService pool =
-            Executors.newFixedThreadPool(IDLE, task -> daemon(task, "bench-" + task.hashCode()));
+        Executors.newFixedThreadPool(IDLE, task -> daemon(task, "bench-" + task.hashCode()));
     private volatile boolean stop;
     private volatile long result;
 

@@ -26,10 +26,10 @@ import org.apache.tomcat.util.descriptor.web.FilterDef;
 import org.apache.tomcat.util.descriptor.web.FilterMap;
 
 /**
- * A shop in a real container with a real database: GET /shop/orders/N?form=F&key=K takes a connection from a pool and
- * waits for the database's lock K in a call of form F; some forms come in a wrapped request. Form "order" changes the
- * order N instead. Arguments: a folder and the JDBC URL. The line "warm" on its input makes it ask itself, for locks
- * that nobody holds, until the next line.
+ * A shop in a real container with a real database: GET /shop/orders/N?form=F&key=K takes a connection from a
+ * pool and waits for the database's lock K in a call of form F; some forms come in a wrapped request. Form
+ * "order" changes the order N instead. Arguments: a folder and the JDBC URL. The line "warm" on its input
+ * makes it ask itself, for locks that nobody holds, until the next line.
  */
 public class Shop extends HttpServlet {
     static final int CONNECTIONS = Integer.getInteger("shop.connections", 8);
@@ -57,17 +57,19 @@ public class Shop extends HttpServlet {
             pool.add(DriverManager.getConnection(database));
         Tomcat tomcat = new Tomcat();
         tomcat.setBaseDir(folder);
-        ((StandardServer) tomcat.getServer()).setUtilityThreadsAsDaemon(true);
+        ((StandardServer)tomcat.getServer()).setUtilityThreadsAsDaemon(true);
         tomcat.setPort(0);
         Context shop = tomcat.addContext("/shop", null);
         Tomcat.addServlet(shop, "orders", new Shop());
         shop.addServletMappingDecoded("/orders/*", "orders");
         FilterDef wrapper = new FilterDef();
         wrapper.setFilterName("wrapper");
-        wrapper.setFilter((Wrapper) (request, response, chain)
-                              -> chain.doFilter(request.getParameter("form").startsWith("p")
-                                                    ? new HttpServletRequestWrapper((HttpServletRequest) request)
-                                                    : request, response));
+        wrapper.setFilter(
+            (Wrapper)(request, response, chain)
+                -> chain.doFilter(request.getParameter("form").startsWith("p")
+                                      ? new HttpServletRequestWrapper((HttpServletRequest)request)
+                                      : request,
+                                  response));
         shop.addFilterDef(wrapper);
         FilterMap all = new FilterMap();
         all.setFilterName("wrapper");
@@ -88,7 +90,8 @@ public class Shop extends HttpServlet {
         try {
             byte[] buffer = new byte[512];
             for (int n = number; warm; n += 2) {
-                String at = "http://127.0.0.1:" + port + "/shop/orders/" + n + "?form=" + FORMS[n / 2 % FORMS.length];
+                String at =
+                    "http://127.0.0.1:" + port + "/shop/orders/" + n + "?form=" + FORMS[n / 2 % FORMS.length];
                 try (InputStream in = new URL(at + "&key=" + (1000 + n)).openStream()) {
                     while (in.read(buffer) >= 0) {
                     }
@@ -148,12 +151,13 @@ public class Shop extends HttpServlet {
                 connection.setAutoCommit(false);
                 if (form.equals("fetch")) {
                     s.setFetchSize(50);
-                    ResultSet rows =
-                        s.executeQuery("select case when i > 60 then " + lock + "::text end from generate_series(1, 100) i");
+                    ResultSet rows = s.executeQuery("select case when i > 60 then " + lock +
+                                                    "::text end from generate_series(1, 100) i");
                     while (rows.next()) {
                     }
                 } else {
-                    s.executeUpdate("insert into late values (" + key + ")"); // its trigger waits at the commit
+                    // its trigger waits at the commit
+                    s.executeUpdate("insert into late values (" + key + ")");
                 }
                 connection.commit();
                 connection.setAutoCommit(true);

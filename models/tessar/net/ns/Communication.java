@@ -33,7 +33,7 @@ public class Communication implements Closeable {
 
     private static Socket connectSocket(String kind, int port) throws IOException {
         InetAddress host = InetAddress.getByName("127.0.0.1");
-        SSLSocketFactory ssl = (SSLSocketFactory) SSLSocketFactory.getDefault();
+        SSLSocketFactory ssl = (SSLSocketFactory)SSLSocketFactory.getDefault();
         if (kind.startsWith("encrypted"))
             return ssl.createSocket(host, port);
         Socket socket = new Socket(host, port);

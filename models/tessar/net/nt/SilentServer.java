@@ -6,8 +6,8 @@ import java.net.InetAddress;
 import java.net.ServerSocket;
 
 /**
- * A database server on the loopback that never answers: connections stay in its queue. When it closes, each of
- * them ends with an exception.
+ * A database server on the loopback that never answers: connections stay in its queue. When it closes, each
+ * of them ends with an exception.
  */
 public final class SilentServer implements Closeable {
     private static final int QUEUED = 1024;

@@ -71,10 +71,12 @@ public final class ForkBench {
         settle();
         File file = new File(directory, "bench-fork.hprof");
         measure("GC.heap_dump -all",
-                () -> ManagementFactory.getPlatformMXBean(HotSpotDiagnosticMXBean.class)
-                          .dumpHeap(file.getPath(), false));
+                ()
+                    -> ManagementFactory.getPlatformMXBean(HotSpotDiagnosticMXBean.class)
+                           .dumpHeap(file.getPath(), false));
         delete(file);
-        measure("forked histogram", () -> ask("516|showmem|512|ClassHistogramOnly", STOPS_ONLY ? "" : "JVM Class Details"));
+        measure("forked histogram",
+                () -> ask("516|showmem|512|ClassHistogramOnly", STOPS_ONLY ? "" : "JVM Class Details"));
         if (STOPS_ONLY)
             endCopy(); // which would count on for the next who asks
         settle();
@@ -109,7 +111,8 @@ public final class ForkBench {
         for (File process : new File("/proc").listFiles((all, name) -> name.matches("[0-9]+"))) {
             String stat;
             try {
-                stat = new String(Files.readAllBytes(new File(process, "stat").toPath()), StandardCharsets.US_ASCII);
+                stat = new String(Files.readAllBytes(new File(process, "stat").toPath()),
+                                  StandardCharsets.US_ASCII);
             } catch (IOException e) {
                 continue; // it has ended meanwhile
             }
