@@ -1,6 +1,6 @@
 #include "qorStrUtils.h"
 
-#include "platforms/QorOS.h"
+#include "QorOS.h"
 #include "qorlog.h"
 
 #include <ctime>

@@ -1,13 +1,13 @@
 #include "RequestHandler.h"
 
-#include "all_threads.h"
+#include "RequestHandler/threads/all_threads.h"
+#include "RequestHandler/threads/lock_holder.h"
+#include "RequestHandler/threads/thread_stack.h"
 #include "client_port.h"
-#include "jvmti/heapdump/HeapDump.h"
-#include "lock_holder.h"
+#include "jvmti/heap/HeapDump.h"
 #include "memory_views.h"
 #include "qorlog.h"
 #include "qorrequest.h"
-#include "thread_stack.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include "client_port.h"
 
+#include "RequestHandler/threads/all_threads.h"
 #include "Xtier/ConnectionCache.h"
-#include "all_threads.h"
-#include "qorformat.h"
 #include "qorlog.h"
 #include "qorrequest.h"
+#include "reply/qorformat.h"
 
 #include <cstdlib>
 

@@ -1,7 +1,7 @@
 // The look-up of a thread by the client port of its database connection. Worker only.
 #pragma once
 
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

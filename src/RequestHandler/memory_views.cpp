@@ -1,13 +1,13 @@
 #include "memory_views.h"
 
-#include "jvmti/ClassHistogram.h"
-#include "jvmti/GCSystem.h"
-#include "jvmti/MemorySystem.h"
 #include "jvmti/Session.h"
-#include "qorformat.h"
+#include "jvmti/heap/ClassHistogram.h"
+#include "jvmti/heap/GCSystem.h"
+#include "jvmti/heap/MemorySystem.h"
+#include "platforms/qorsysinfo.h"
 #include "qorlog.h"
-#include "qorsysinfo.h"
-#include "records.h"
+#include "reply/qorformat.h"
+#include "reply/records.h"
 
 #include <cstdio>
 

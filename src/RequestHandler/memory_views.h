@@ -4,7 +4,7 @@
 // row by row. Worker only.
 #pragma once
 
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

@@ -1,10 +1,10 @@
 // The views of one object and of one frame's locals.
 #include "RequestHandler.h"
-#include "jvmti/LocalObjects.h"
-#include "jvmti/ObjectFields.h"
+#include "jvmti/objects/LocalObjects.h"
+#include "jvmti/objects/ObjectFields.h"
 #include "qorlog.h"
 #include "qorrequest.h"
-#include "records.h"
+#include "reply/records.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,10 +16,6 @@ namespace {
 
 constexpr char TITLE_NO_FIELDS[] = "Object Description - No Information available";
 constexpr char TITLE_LOCALS[] = "Method Locals";
-
-const char *OrPlaceholder(const char *text) {
-    return text[0] ? text : null_str;
-}
 
 // A section of one record: title, text, end.
 void AppendSection(QorText *reply, const char *title, const char *label, const char *text) {

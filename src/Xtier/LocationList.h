@@ -5,7 +5,7 @@
 #pragma once
 
 #include "Xtier/tiers/CallRecords.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 
 #include <cstdint>
 

@@ -9,8 +9,8 @@
 
 #include "LocationList.h"
 #include "XtierInsert.h"
-#include "jvmti/ThreadSystem.h"
-#include "qortext.h"
+#include "jvmti/threads/ThreadSystem.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

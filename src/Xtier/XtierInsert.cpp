@@ -2,8 +2,8 @@
 
 #include "Xtier/tiers/LocalList.h"
 #include "Xtier/tiers/XtierQRF.h"
-#include "qorformat.h"
 #include "qorlog.h"
+#include "reply/qorformat.h"
 #include "thread_e2e_info.h"
 
 #include <algorithm>
@@ -15,9 +15,6 @@ namespace {
 
 constexpr int32_t GROOVY_INDEX_LIMIT = 1000;
 constexpr int32_t PIECE_SIZE = SQL_TEXT_SIZE + DB_URL_SIZE + 1024; // the longest: a database block
-
-constexpr int32_t DATABASE_FIELDS = 10;
-constexpr char NO_JNDI_NAME[] = "NA";
 
 char pieceText[PIECE_SIZE];
 
@@ -49,10 +46,6 @@ constexpr PieceNames RMI_PIECE = {"qoragent : strLenToCopy less than equal to 0.
                                   "qoragent : strLenToCopy less than equal to 0. jndiname"};
 constexpr PieceNames DATABASE_PIECE = {"Qor Agent : strLenToCopy less than equal to 0. dburl",
                                        "Qor Agent : strLenToCopy less than equal to 0. dbuser"};
-
-const char *OrPlaceholder(const char *text) {
-    return text[0] ? text : null_str;
-}
 
 int32_t LengthOf(const char *text) {
     return static_cast<int32_t>(strlen(text));
@@ -151,7 +144,7 @@ int32_t InsertRmi(QorInsertion *insertion, const QorXtierPositions &at, const Qo
         return 0; // the row has the empty block
     QorText piece;
     QorTextStart(&piece, pieceText, PIECE_SIZE);
-    QorAppendRmiBlock(&piece, &rmi);
+    QorAppendRmiBlock(&piece, QorRmiBlockOf(rmi));
     return ReplacePiece(insertion, at.rmiStart, at.rmiEnd, piece.text, RMI_PIECE);
 }
 
@@ -178,22 +171,6 @@ int32_t InsertStackRow(QorInsertion *insertion, const QorXtierLocationInfo &loca
 }
 
 // Seven fields, from the URL to the reference of the SQL text.
-void AppendConnection(QorText *out, const QorDatabaseBlock &block) {
-    for (const char *text : {block.url, block.user}) {
-        QorTextAppend(out, OrPlaceholder(text));
-        QorTextAppendChar(out, FIELD_SEP);
-    }
-    for (uint32_t port : {block.localPort, block.remotePort}) {
-        QorTextAppendNumber(out, port);
-        QorTextAppendChar(out, FIELD_SEP);
-    }
-    QorTextAppend(out, OrPlaceholder(block.remoteHost));
-    for (int64_t number : {int64_t(block.sampleTime), block.sqlRef}) {
-        QorTextAppendChar(out, FIELD_SEP);
-        QorTextAppendNumber(out, number);
-    }
-}
-
 QorE2EBlock *FindE2EBlock(int64_t threadId) {
     QorE2EBlock *block = thread_e2e_info;
     while (block && block->threadId != static_cast<int32_t>(threadId))
@@ -242,34 +219,8 @@ QorDatabaseBlock QorDatabaseBlockOf(const QorDBRequestData &record) {
     return block;
 }
 
-void QorAppendDatabaseBlock(QorText *out, const QorDatabaseBlock &block) {
-    QorTextAppendChar(out, WAIT_DETAIL);
-    QorTextAppendNumber(out, DATABASE_FIELDS);
-    QorTextAppendChar(out, FIELD_COUNT_MARK);
-    AppendConnection(out, block);
-    for (const char *text : {block.sqlText, block.typeName, ""}) { // the last field is reserved
-        QorTextAppendChar(out, FIELD_SEP);
-        QorTextAppend(out, OrPlaceholder(text));
-    }
-}
-
-void QorAppendShortDatabaseBlock(QorText *out, const QorDatabaseBlock &block) {
-    QorTextAppendChar(out, WAIT_DETAIL);
-    AppendConnection(out, block);
-}
-
-void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call) {
-    const bool known = call && call->host[0];
-    const char *name = known && call->jndiName[0] ? call->jndiName : NO_JNDI_NAME;
-    QorTextAppendChar(out, WAIT_DETAIL);
-    QorTextAppendChar(out, RMI_MARK);
-    QorTextAppendNumber(out, known ? call->callId : 0);
-    QorTextAppendChar(out, FIELD_SEP);
-    QorTextAppendNumber(out, known ? call->port : 0);
-    QorTextAppendChar(out, FIELD_SEP);
-    QorTextAppend(out, known ? call->host : null_str);
-    QorTextAppendChar(out, FIELD_SEP);
-    QorTextAppend(out, known ? name : null_str);
+QorRmiBlock QorRmiBlockOf(const QorRmiCallData &call) {
+    return {call.jndiName, call.callId, call.port, call.host};
 }
 
 void QorStartInsertion(QorInsertion *insertion, const QorText *reply) {

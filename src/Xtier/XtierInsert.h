@@ -10,29 +10,18 @@
 
 #include "LocationList.h"
 #include "Xtier/tiers/CallRecords.h"
-#include "qortext.h"
+#include "reply/qortext.h"
+#include "reply/wait_blocks.h"
 
 #include <cstdint>
 
 // The class that is shown before "->", with what the framework works on behind it.
 const char *QorFrameworkClass(QorFramework framework);
 
-// The blocks behind the states "DB Wait" and "RMI Wait". An empty text is written as its placeholder.
-struct QorDatabaseBlock {
-    const char *url = "", *user = "";
-    uint32_t localPort = 0, remotePort = 0;
-    const char *remoteHost = "";
-    int32_t sampleTime = 0;
-    int64_t sqlRef = 0;
-    const char *sqlText = "", *typeName = "";
-};
-// Of a call that isn't known (QorIsKnownDatabase) only the numbers and the SQL text.
+// What the blocks of the states "DB Wait" and "RMI Wait" show of a call. Of a database call that isn't known
+// (QorIsKnownDatabase) only the numbers and the SQL text.
 QorDatabaseBlock QorDatabaseBlockOf(const QorDBRequestData &record);
-void QorAppendDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
-// The older form, without field count, SQL text and type.
-void QorAppendShortDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
-// With no call, or one without a host, the empty block.
-void QorAppendRmiBlock(QorText *out, const QorRmiCallData *call);
+QorRmiBlock QorRmiBlockOf(const QorRmiCallData &call);
 
 // One pass over a reply.
 struct QorInsertion {

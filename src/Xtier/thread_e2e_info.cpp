@@ -2,7 +2,7 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 

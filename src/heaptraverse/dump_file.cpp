@@ -2,8 +2,8 @@
 
 #include "heap_census.h"
 #include "heap_usage.h"
-#include "root_lines.h"
 #include "scan_records.h"
+#include "sunprint/root_lines.h"
 #include "thread_roots.h"
 #include "traverse.h"
 

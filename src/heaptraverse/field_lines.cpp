@@ -6,6 +6,7 @@
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
 #include "sunprint/fields.h"
+#include "sunprint/root_lines.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "heap_scan.h"
 
+#include "sunprint/root_lines.h"
+
 #include "platforms/memory_maps.h"
 #include "qorrequest.h"
 #include "qorutil/vm_calls.h"
@@ -43,7 +45,6 @@ unsigned char window[WINDOW_SIZE + sizeof(Head)]; // zeros from what was read on
 
 QorMemoryRange readable[MAX_RANGES];
 int32_t readableCount;
-uint64_t recordBase;
 
 struct Walk {
     HeapSpace space;
@@ -238,7 +239,7 @@ int64_t QorScanSpace(int32_t space, QorSpaceCensus *census, QorObjectVisit visit
 }
 
 void QorPrepareScan() {
-    recordBase = heapspace[0].bottom - VM_WORD_SIZE;
+    QorSetRecordBase(heapspace[0].bottom - VM_WORD_SIZE);
     readableCount = 0;
     QorVisitMappings(NoteReadable, nullptr);
 }
@@ -246,8 +247,4 @@ void QorPrepareScan() {
 void QorScanPlainly() {
     QorForgetPages();
     QorPlainReads(readable, static_cast<size_t>(readableCount));
-}
-
-uint64_t QorRecordBase() {
-    return recordBase;
 }

@@ -42,6 +42,3 @@ void QorPrepareScan();
 
 // In the copy: from now on what was noted is read by plain loads.
 void QorScanPlainly();
-
-// The address that a dump's addresses are relative to: 8 below the lowest space, as QorPrepareScan found it.
-uint64_t QorRecordBase();

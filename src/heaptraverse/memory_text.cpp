@@ -3,10 +3,10 @@
 #include "heap_census.h"
 #include "heap_usage.h"
 
+#include "platforms/qorsysinfo.h"
 #include "qorStrUtils.h"
-#include "qorformat.h"
 #include "qorrequest.h"
-#include "qorsysinfo.h"
+#include "reply/qorformat.h"
 
 #include <cstring>
 #include <initializer_list>

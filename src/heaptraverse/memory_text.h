@@ -1,7 +1,7 @@
 // The memory requests of the direct road: what is in the spaces, what the collector has done.
 #pragma once
 
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

@@ -1,7 +1,7 @@
 #include "scan_records.h"
 
 #include "field_lines.h"
-#include "root_lines.h"
+#include "sunprint/root_lines.h"
 
 #include "platforms/forked_child.h"
 #include "qorutil/vm_offsets.h"

@@ -1,15 +1,15 @@
 #include "thread_roots.h"
 
-#include "root_lines.h"
+#include "sunprint/root_lines.h"
 #include "traverse.h"
 
 #include "qorthreads/dump_hold.h"
+#include "qorthreads/thread_facts.h"
 #include "qorutil/vm_reader.h"
 #include "qorutil/vm_threads.h"
 #include "sunprint/frame_names.h"
 #include "sunprint/locals.h"
 #include "sunprint/stack_steps.h"
-#include "sunprint/thread_facts.h"
 
 #include <cstdio>
 

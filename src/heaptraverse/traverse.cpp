@@ -1,6 +1,6 @@
 #include "traverse.h"
 
-#include "root_lines.h"
+#include "sunprint/root_lines.h"
 
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/forked_child.h"

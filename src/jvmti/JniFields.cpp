@@ -1,11 +1,12 @@
 #include "JniFields.h"
 
 #include "JniCalls.h"
-#include "Monitors.h"
+#include "JvmtiCalls.h"
 #include "Session.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorrequest.h"
+#include "reply/record_facts.h"
 
 #include <cstring>
 

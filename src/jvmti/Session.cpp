@@ -1,14 +1,12 @@
 #include "Session.h"
 
 #include "JniCalls.h"
-#include "MemorySystem.h"
-#include "MonitorMemo.h"
-#include "Monitors.h"
-#include "followRefHackHelper.h"
-#include "platforms/QorOS.h"
+#include "JvmtiCalls.h"
+#include "QorOS.h"
+#include "jvmti/changes/followRefHackHelper.h"
+#include "platforms/qorsysinfo.h"
 #include "qorlog.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <cstddef>
 #include <cstring>
@@ -181,7 +179,7 @@ void OpenCapabilities(JNIEnv *env) {
     if (gbQorJvmKeepsThreads && (!HasCapability(potential, CAN_GET_OWNED_MONITOR_INFO) ||
                                  !HasCapability(potential, CAN_GET_CURRENT_CONTENDED_MONITOR) ||
                                  !HasCapability(potential, CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO)))
-        init_LockCapabilitiesHack();
+        init_LockCapabilitiesHack(jvmti);
     // The JVM's own word besides the texts that Java passed: the symbol exists in JVMs to come as well.
     if (strstr(vers, "1.6") && strstr(vend, "Sun") && UpdateNumber(vers) < 50 &&
         env->GetVersion() == JNI_VERSION_OF_GUARDED) {
@@ -357,7 +355,6 @@ int32_t QorDovOnUnload(JNIEnv *) {
     if (!current)
         return 0;
     jvmtijni_env = current;
-    QorDropMemo();
     for (const ClassRow &row : CLASSES) {
         if (*row.ref)
             QorDeleteGlobalRef(current, *row.ref);
@@ -519,4 +516,12 @@ void QorSetManagementGCCountCapability(int32_t value) {
 
 int32_t QorGetManagementGCCountCapability() {
     return gbQorJvmCapabilitiesObj.managementGCCount;
+}
+
+bool QorReadExtendedAttribute(int32_t key, double *value) {
+    if (!jmm_ext || !jvmtijni_env)
+        return false;
+    jmm_ext->GetDoubleAttribute(jvmtijni_env, nullptr, key, 0, value);
+    QorClearException(jvmtijni_env);
+    return true;
 }

@@ -117,3 +117,6 @@ void QorSetForkHeapDumpCapability(int32_t value);
 int32_t QorGetForkHeapDumpCapability();
 void QorSetManagementGCCountCapability(int32_t value);
 int32_t QorGetManagementGCCountCapability();
+
+// Reads an attribute of the extended management table; false, with *value as it was, when there is no table.
+bool QorReadExtendedAttribute(int32_t key, double *value);

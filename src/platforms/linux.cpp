@@ -3,7 +3,7 @@
 #include "../qorStrUtils.h"
 #include "../qorlog.h"
 #include "../qorsettings.h"
-#include "../qorsysinfo.h"
+#include "qorsysinfo.h"
 
 #include <cerrno>
 #include <cstdarg>

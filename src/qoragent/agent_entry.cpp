@@ -2,8 +2,8 @@
 
 #include "caller.h"
 #include "natives.h"
+#include "platforms/qorsysinfo.h"
 #include "qorlog.h"
-#include "qorsysinfo.h"
 #include "server_port.h"
 #include "startup.h"
 #include "worker.h"

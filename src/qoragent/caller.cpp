@@ -1,7 +1,7 @@
 #include "caller.h"
 
-#include "channel.h"
-#include "direct_threads.h"
+#include "qoragent/requests/channel.h"
+#include "qoragent/requests/direct_threads.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -9,10 +9,10 @@
 #include "server_port.h"
 #include "worker.h"
 
-#include "RequestHandler/enrichment.h"
+#include "RequestHandler/threads/enrichment.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/ReplyString.h"
+#include "jvmti/objects/ReplyString.h"
 #include "platforms/linux.h"
 #include "qorthreads/qorthreads.h"
 

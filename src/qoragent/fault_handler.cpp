@@ -1,6 +1,6 @@
 #include "fault_handler.h"
 
-#include "channel.h"
+#include "qoragent/requests/channel.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -8,11 +8,11 @@
 #include "startup.h"
 #include "worker.h"
 
-#include "RequestHandler/records.h"
+#include "QorOS.h"
 #include "jvmti/Session.h"
-#include "platforms/QorOS.h"
 #include "platforms/linux.h"
 #include "qorthreads/qorthreads.h"
+#include "reply/records.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,20 +1,20 @@
 #include "natives.h"
 
-#include "direct_threads.h"
+#include "qoragent/requests/direct_threads.h"
 
+#include "platforms/qorsysinfo.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 #include "settings_from_java.h"
 #include "worker.h"
 
-#include "RequestHandler/records.h"
+#include "QorOS.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/ThreadSystem.h"
-#include "platforms/QorOS.h"
+#include "jvmti/threads/ThreadSystem.h"
+#include "reply/records.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,20 +1,22 @@
 // The choice of the road, on a separate thread: level and vendor give a text, the text a build.
 
 #include "fault_handler.h"
+#include "platforms/qorsysinfo.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 #include "server_port.h"
 #include "startup.h"
 #include "worker.h"
 
-#include "RequestHandler/records.h"
-#include "Xtier/XtierDbSession.h"
+#include "RequestHandler/XtierDbSession.h"
 #include "heaptraverse/memory_text.h"
-#include "jvmti/trycatch.h"
+#include "jvmti/changes/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
+#include "platforms/own_address.h"
+#include "qoragent/requests/dispatch.h"
+#include "qorthreads/hold_tests.h"
 #include "qorthreads/qorthreads.h"
 #include "qorutil/gc_lock.h"
 #include "qorutil/vm_calls.h"
@@ -22,7 +24,7 @@
 #include "qorutil/vm_klass.h"
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
-#include "sunprint/hold_tests.h"
+#include "reply/records.h"
 
 #include <cstdio>
 #include <cstring>
@@ -32,7 +34,6 @@ int32_t init_status = START_RUNNING;
 int32_t doing_init;
 int32_t ext_jvm_id;
 int32_t maxstates;
-std::atomic<int32_t> direct_ready;
 
 namespace {
 

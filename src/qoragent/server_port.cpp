@@ -7,7 +7,7 @@
 #include "qorsettings.h"
 #include "startup.h"
 
-#include "Xtier/ListeningPorts.h"
+#include "RequestHandler/ListeningPorts.h"
 #include "qorutil/gc_lock.h"
 #include "qorutil/vm_heap.h"
 

@@ -9,8 +9,8 @@
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
 #include "sunprint/fields.h"
-#include "sunprint/frame_report.h"
-#include "sunprint/print_threads.h"
+#include "sunprint/report/frame_report.h"
+#include "sunprint/report/print_threads.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,26 +1,27 @@
 #include "shutdown.h"
 
 #include "caller.h"
-#include "channel.h"
-#include "forked_dump.h"
+#include "qoragent/requests/channel.h"
+#include "qoragent/requests/forked_dump.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "startup.h"
 #include "worker.h"
 
+#include "QorOS.h"
 #include "Xtier/ConnectionCache.h"
-#include "Xtier/ConnectionList.h"
-#include "Xtier/JdbcVersions.h"
 #include "Xtier/thread_e2e_info.h"
 #include "Xtier/tiers/XtierDb.h"
 #include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/trycatch.h"
-#include "platforms/QorOS.h"
+#include "jvmti/changes/trycatch.h"
+#include "jvmti/threads/MonitorMemo.h"
 #include "qorthreads/qorthreads.h"
+#include "sunprint/report/ConnectionList.h"
+#include "sunprint/report/JdbcVersions.h"
 
 #include <ctime>
 
@@ -68,6 +69,7 @@ void QorDropSession(JNIEnv *env) {
     QorDropConnectionList();
     QorDropJdbcVersions();
     QorForgetDriverClasses();
+    QorDropMemo();
     QorDovOnUnload(env);
 }
 

@@ -38,9 +38,6 @@ extern char LOG_FILE[4096]; // log destination as Java gave it
 // direct road makes sure that the JVM is what its version says.
 extern int32_t callerJniVersion, callerThreadId;
 
-// 1 from the end of a start on the direct road, when its readers may be asked; else 0.
-extern std::atomic<int32_t> direct_ready;
-
 // Marker classes of the application server and the sample objects: references of `initvar`'s own frame, null
 // outside it.
 extern jclass serverKlass1, serverKlass2;

@@ -1,27 +1,27 @@
 #include "worker.h"
 
-#include "channel.h"
-#include "dispatch.h"
 #include "fault_handler.h"
-#include "forked_dump.h"
-#include "library_dump.h"
+#include "platforms/qorsysinfo.h"
 #include "qorStrUtils.h"
+#include "qoragent/requests/channel.h"
+#include "qoragent/requests/dispatch.h"
+#include "qoragent/requests/forked_dump.h"
+#include "qoragent/requests/library_dump.h"
+#include "qoragent/requests/request_text.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 #include "qorutil/gc_lock.h"
-#include "request_text.h"
 #include "server_port.h"
 #include "shutdown.h"
 
-#include "RequestHandler/enrichment.h"
-#include "RequestHandler/records.h"
+#include "RequestHandler/threads/enrichment.h"
 #include "heaptraverse/memory_text.h"
-#include "jvmti/ForkedWalk.h"
 #include "jvmti/Session.h"
+#include "jvmti/heap/ForkedWalk.h"
 #include "platforms/linux.h"
 #include "qorthreads/qorthreads.h"
+#include "reply/records.h"
 
 #include <cstdio>
 #include <cstring>
@@ -143,6 +143,19 @@ void LogFlags() {
            trace_single_thread_details, show_jsp_info, get_system_data, trace_all_threads, qorIsPollOrTrace);
 }
 
+// True when a dump by a copy of the process has answered; without a path only the memory view is asked for.
+bool AnsweredByCopy(const char *command) {
+    if (!QorMayForkForDump(command))
+        return false;
+    set_qor_handler();
+    QorParseDumpRequest(buf);
+    reset_qor_handler();
+    if (!dumpfile[0])
+        return false;
+    QorAnswerForkedDump();
+    return true;
+}
+
 // Answers the posted request. One without a bar gets no answer at all.
 void HandleRequest() {
     if (!QorTakeRequest())
@@ -166,9 +179,10 @@ void HandleRequest() {
         no_gc = FLAG_NO_GC;
     if (!TakeGcLock(flags, command))
         return;
-    if (!QorAnswerForkedDump(command)) {
+    if (!AnsweredByCopy(command)) {
         set_qor_handler();
         PrepareDumpfile(command);
+        ch_pid = qor_current_thread_id();
         process_data();
         reset_qor_handler();
         if (no_gc == 0)

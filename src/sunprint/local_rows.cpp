@@ -4,8 +4,8 @@
 #include "frame_names.h"
 #include "object_print.h"
 
-#include "qorformat.h"
 #include "qorrequest.h"
+#include "reply/qorformat.h"
 
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"

@@ -4,13 +4,13 @@
 #include "frame_locals.h"
 #include "object_print.h"
 
-#include "qorformat.h"
 #include "qorlog.h"
+#include "reply/qorformat.h"
 
-#include "heaptraverse/root_lines.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
+#include "root_lines.h"
 
 #include <cinttypes>
 #include <cstdio>

@@ -5,7 +5,7 @@
 // a compiled frame are where the compiler has noted them. Worker.
 #pragma once
 
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

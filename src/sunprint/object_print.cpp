@@ -4,8 +4,8 @@
 #include "frame_names.h"
 #include "signature.h"
 
-#include "qorformat.h"
 #include "qorrequest.h"
+#include "reply/qorformat.h"
 
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"

@@ -5,7 +5,7 @@
 // Worker.
 #pragma once
 
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

@@ -3,7 +3,7 @@
 
 #include "qorutil/vm_text.h"
 
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 #include "AgentNatives.h"
 
-#include "qoragent/channel.h"
+#include "qoragent/requests/channel.h"
 #include "qorsettings.h"
 
 #include <chrono>

@@ -1,4 +1,5 @@
 #include "JvmFixture.h"
+#include "jvmti/threads/MonitorMemo.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -150,6 +151,7 @@ void SessionTest::SetUp() {
 }
 
 void SessionTest::TearDown() {
+    QorDropMemo();
     QorDovOnUnload(testEnv);
     JvmTest::TearDown();
 }

@@ -2,7 +2,7 @@
 
 #include "RequestHandler/RequestHandler.h"
 
-#include "RequestHandler/records.h"
+#include "reply/records.h"
 
 #include <cstdlib>
 

@@ -1,7 +1,7 @@
 // A walk over all threads, closed with its scope.
 #pragma once
 
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 
 #include <string>
 

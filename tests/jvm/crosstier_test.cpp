@@ -2,16 +2,16 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
-#include "RequestHandler/records.h"
 #include "SampleReply.h"
 #include "TierText.h"
 #include "Xtier/ConnectionCache.h"
 #include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil.h"
+#include "reply/records.h"
 
 #include <algorithm>
 #include <set>

@@ -6,7 +6,7 @@
 #include "Xtier/tiers/XtierDb.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniFields.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 

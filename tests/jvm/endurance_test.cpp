@@ -3,10 +3,10 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
-#include "RequestHandler/records.h"
 #include "SampleReply.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "reply/records.h"
 
 #include <fstream>
 #include <unistd.h>

@@ -1,10 +1,10 @@
 // What Java knows of a sample's threads, merged into replies made up to the byte.
 #include "AgentNatives.h"
-#include "RequestHandler/enrichment.h"
+#include "RequestHandler/threads/enrichment.h"
 #include "SampleReply.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 

@@ -2,7 +2,7 @@
 #include "LogCapture.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
-#include "jvmti/ReplyString.h"
+#include "jvmti/objects/ReplyString.h"
 #include "qorrequest.h"
 
 #include <cstring>

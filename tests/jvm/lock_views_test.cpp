@@ -1,10 +1,10 @@
 // The full stack of one thread, and the way from a lock to its holder.
 #include "JvmFixture.h"
 #include "RequestHandler/RequestHandler.h"
-#include "RequestHandler/records.h"
 #include "SampleReply.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "reply/records.h"
 
 #include <cstring>
 #include <unistd.h>

@@ -1,8 +1,9 @@
 #include "JvmFixture.h"
 #include "Walk.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/MonitorMemo.h"
-#include "jvmti/Monitors.h"
+#include "jvmti/JvmtiCalls.h"
+#include "jvmti/threads/MonitorMemo.h"
+#include "jvmti/threads/Monitors.h"
 #include "qorsettings.h"
 
 #include <algorithm>

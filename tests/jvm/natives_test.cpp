@@ -3,7 +3,7 @@
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qoragent/natives.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"

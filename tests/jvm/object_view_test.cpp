@@ -3,9 +3,9 @@
 #include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
 #include "Walk.h"
-#include "jvmti/FieldText.h"
-#include "jvmti/LocalObjects.h"
-#include "jvmti/ObjectFields.h"
+#include "jvmti/objects/FieldText.h"
+#include "jvmti/objects/LocalObjects.h"
+#include "jvmti/objects/ObjectFields.h"
 #include "qorStrUtils.h"
 #include "qorrequest.h"
 

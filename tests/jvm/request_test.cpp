@@ -4,7 +4,7 @@
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
-#include "qoragent/channel.h"
+#include "qoragent/requests/channel.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
 #include "qorsettings.h"

@@ -1,12 +1,12 @@
 #include "AgentNatives.h"
 #include "RequestHandler/RequestHandler.h"
-#include "RequestHandler/records.h"
 #include "SampleReply.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil.h"
+#include "reply/records.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,12 +1,12 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/MemorySystem.h"
-#include "jvmti/followRefHackHelper.h"
-#include "jvmti/trycatch.h"
+#include "jvmti/changes/followRefHackHelper.h"
+#include "jvmti/changes/trycatch.h"
+#include "jvmti/heap/MemorySystem.h"
 #include "platforms/findsymLinSolHPIA64.h"
+#include "platforms/qorsysinfo.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <cstdlib>
 #include <fstream>

@@ -5,7 +5,7 @@
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
-#include "qoragent/channel.h"
+#include "qoragent/requests/channel.h"
 #include "qoragent/startup.h"
 #include "qorrequest.h"
 #include "qorsettings.h"

@@ -2,7 +2,7 @@
 #include "LogCapture.h"
 #include "Walk.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/Monitors.h"
+#include "jvmti/JvmtiCalls.h"
 #include "qorsettings.h"
 #include "qorutil.h"
 

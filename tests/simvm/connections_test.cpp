@@ -3,13 +3,13 @@
 #include "objects.h"
 #include "storm.h"
 
-#include "Xtier/ConnectionList.h"
-#include "Xtier/DirectConnections.h"
-#include "Xtier/JdbcVersions.h"
-#include "Xtier/XtierDbSession.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
+#include "platforms/own_address.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
+#include "sunprint/report/ConnectionList.h"
+#include "sunprint/report/DirectConnections.h"
+#include "sunprint/report/JdbcVersions.h"
 
 #include <gtest/gtest.h>
 #include <malloc.h>

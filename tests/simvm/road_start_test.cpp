@@ -3,7 +3,7 @@
 #include "own_process.h"
 #include "simvm.h"
 
-#include "qoragent/dispatch.h"
+#include "qoragent/requests/dispatch.h"
 #include "qoragent/startup.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"

@@ -2,7 +2,7 @@
 #include "agent.h"
 #include "objects.h"
 
-#include "qoragent/channel.h"
+#include "qoragent/requests/channel.h"
 #include "qoragent/server_port.h"
 #include "qoragent/worker.h"
 #include "qorsettings.h"

@@ -5,9 +5,9 @@
 #include "storm.h"
 
 #include "qoragent/worker.h"
+#include "qorthreads/running_queue.h"
 #include "qorutil/vm_offsets.h"
 #include "qorutil/vm_threads.h"
-#include "sunprint/running_queue.h"
 #include "sunprint/scopes.h"
 
 #include <algorithm>

@@ -6,7 +6,7 @@
 #include "qorsettings.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
-#include "sunprint/frame_tiers.h"
+#include "sunprint/report/frame_tiers.h"
 
 #include <gtest/gtest.h>
 #include <map>

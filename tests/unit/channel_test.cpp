@@ -1,11 +1,11 @@
 // The request channel without a JVM: callers on several threads and the worker, driven against each other.
-#include "platforms/QorOS.h"
+#include "QorOS.h"
+#include "platforms/qorsysinfo.h"
 #include "qoragent/caller.h"
-#include "qoragent/channel.h"
+#include "qoragent/requests/channel.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <atomic>
 #include <gtest/gtest.h>

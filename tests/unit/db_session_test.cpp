@@ -1,6 +1,6 @@
 // The request xtier01: on made-up socket tables, and on servers that fork like a database's.
 #include "Descriptors.h"
-#include "Xtier/XtierDbSession.h"
+#include "RequestHandler/XtierDbSession.h"
 #include "qorrequest.h"
 
 #include <arpa/inet.h>

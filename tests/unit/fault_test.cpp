@@ -1,16 +1,16 @@
 // Real faults, each in a process of its own: the guard around single calls, and the agent's own handler,
 // which only these tests arm.
 #include "LogCapture.h"
-#include "jvmti/trycatch.h"
+#include "jvmti/changes/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
-#include "qoragent/channel.h"
+#include "platforms/qorsysinfo.h"
 #include "qoragent/fault_handler.h"
+#include "qoragent/requests/channel.h"
 #include "qoragent/startup.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <cerrno>
 #include <functional>

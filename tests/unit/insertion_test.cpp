@@ -2,7 +2,7 @@
 #include "Xtier/XtierInsert.h"
 #include "Xtier/thread_e2e_info.h"
 #include "Xtier/tiers/LocalList.h"
-#include "qorformat.h"
+#include "reply/qorformat.h"
 
 #include <gtest/gtest.h>
 

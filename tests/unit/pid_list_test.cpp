@@ -2,9 +2,9 @@
 #include "Descriptors.h"
 #include "LogCapture.h"
 #include "platforms/linux.h"
-#include "qorpidlist.h"
+#include "platforms/qorpidlist.h"
+#include "platforms/qorsysinfo.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <csignal>
 #include <cstring>

@@ -1,9 +1,9 @@
 #include "Descriptors.h"
 #include "LogCapture.h"
-#include "platforms/QorOS.h"
+#include "QorOS.h"
 #include "platforms/linux.h"
+#include "platforms/qorsysinfo.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <chrono>
 #include <csignal>

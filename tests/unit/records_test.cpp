@@ -1,5 +1,5 @@
-#include "RequestHandler/records.h"
 #include "qorrequest.h"
+#include "reply/records.h"
 
 #include <gtest/gtest.h>
 

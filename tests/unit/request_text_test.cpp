@@ -1,7 +1,7 @@
-#include "qoragent/request_text.h"
-#include "qorformat.h"
+#include "qoragent/requests/request_text.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "reply/qorformat.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "LogCapture.h"
 #include "qorStrUtils.h"
-#include "qortext.h"
+#include "reply/qortext.h"
 
 #include <gtest/gtest.h>
 #include <memory>

@@ -1,7 +1,7 @@
 #include "Descriptors.h"
 #include "LogCapture.h"
+#include "platforms/qorsysinfo.h"
 #include "qorsettings.h"
-#include "qorsysinfo.h"
 
 #include <cmath>
 #include <cstring>

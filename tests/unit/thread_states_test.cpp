@@ -1,5 +1,5 @@
-#include "jvmti/Monitors.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/Monitors.h"
+#include "jvmti/threads/ThreadSystem.h"
 
 #include <cstdio>
 #include <gtest/gtest.h>

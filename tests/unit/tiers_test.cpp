@@ -1,5 +1,5 @@
 #include "TierText.h"
-#include "qoragent/tier_rules.h"
+#include "qoragent/requests/tier_rules.h"
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>

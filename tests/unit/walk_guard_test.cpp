@@ -1,6 +1,6 @@
 // The guard of a reference walk on a class of the JVM's shape: 56 virtual methods behind one pointer.
 #include "LogCapture.h"
-#include "jvmti/followRefHackHelper.h"
+#include "jvmti/changes/followRefHackHelper.h"
 #include "platforms/findsymLinSolHPIA64.h"
 
 #include <gtest/gtest.h>

@@ -6,7 +6,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "platforms/own_memory.h"
 #include "qorlog.h"
 

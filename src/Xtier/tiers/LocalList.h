@@ -8,7 +8,7 @@
 // Worker only.
 #pragma once
 
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qortiers.h"
 
 #include <cstdint>

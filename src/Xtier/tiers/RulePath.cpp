@@ -2,7 +2,7 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
-#include "jvmti/Monitors.h"
+#include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
 #include "qortiers.h"
 

@@ -7,7 +7,7 @@
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
-#include "jvmti/Monitors.h"
+#include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"

@@ -4,7 +4,7 @@
 // Each gives 1 or 0; a null frame or signature gives 0. Worker only.
 #pragma once
 
-#include "jvmti/ThreadSystem.h"
+#include "jvmti/threads/ThreadSystem.h"
 
 #include <cstdint>
 

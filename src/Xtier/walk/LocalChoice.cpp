@@ -3,9 +3,9 @@
 #include "LocalWalk.h"
 #include "Xtier/tiers/tier.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/MethodTable.h"
-#include "jvmti/Monitors.h"
+#include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
+#include "jvmti/threads/MethodTable.h"
 #include "qorlog.h"
 #include "qortiers.h"
 

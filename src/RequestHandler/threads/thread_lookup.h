@@ -1,0 +1,17 @@
+// What the views of threads share: one thread found by its key, and the end of their walk. Worker only.
+#pragma once
+
+#include "jvmti/threads/ThreadSystem.h"
+#include "reply/records.h"
+
+#include <cstdint>
+
+// Moves the cursor of a started walk to the thread with this key and fills its record. False when no thread
+// of the walk has it; a null key is no thread's.
+bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread);
+
+// "user" or "sys", the type column of a frame.
+const char *QorCallTypeText(const QorFrameRecord *frame);
+
+// Closes the walk and frees the lists of a sample; on every way out of a view.
+void closeThreadAndFreeLists();

@@ -1,0 +1,200 @@
+#include "LocalObjects.h"
+
+#include "ObjectFields.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/JvmtiCalls.h"
+#include "jvmti/Session.h"
+#include "jvmti/TagEnvironment.h"
+#include "jvmti/threads/MethodTable.h"
+#include "jvmti/threads/ThreadSystem.h"
+#include "qorlog.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+constexpr jlocation NATIVE_LOCATION = -1;
+constexpr int32_t LAST_HEAP_KIND = 20; // references from object to object, and room for more of them
+
+// Locals are reported ahead of all of these, apart from those of virtual threads, which no view shows. Going
+// on would lead through the whole heap.
+bool IsBehindLocals(jvmtiHeapReferenceKind kind) {
+    return kind <= LAST_HEAP_KIND || kind == JVMTI_HEAP_REFERENCE_JNI_GLOBAL ||
+           kind == JVMTI_HEAP_REFERENCE_SYSTEM_CLASS || kind == JVMTI_HEAP_REFERENCE_OTHER;
+}
+
+// The console may know the method by a number of 32 bits.
+bool IsMethod(jmethodID method, int64_t asked) {
+    const int64_t id = reinterpret_cast<int64_t>(method);
+    const bool cut = asked == static_cast<int32_t>(asked);
+    return cut ? static_cast<int32_t>(id) == asked : id == asked;
+}
+
+bool FindFrame(QorThreadHandle *handle, int64_t methodId, QorLocalsWalk *walk) {
+    QorFrameHandle frames;
+    const int32_t count = QorGetFrames(handle, &frames);
+    for (int32_t i = 0; i < count; i++) {
+        if (!IsMethod(frames.frames[i].method, methodId))
+            continue;
+        walk->method = frames.frames[i].method;
+        walk->isNative = frames.frames[i].location == NATIVE_LOCATION;
+        return true;
+    }
+    return false;
+}
+
+// Looks for a frame of the method on the thread: only what stands on a stack is asked of the JVM.
+bool FindMethod(int32_t tid, int64_t methodId, QorLocalsWalk *walk) {
+    QorThreadHandle handle;
+    QorInitThreadHandle(&handle);
+    bool found = false;
+    for (QorGetJVMThread(&handle, 0); handle.index < handle.count; QorGetJVMThread(&handle, 0)) {
+        walk->tid = QorGetWalkThreadId(&handle, handle.index);
+        if (static_cast<int32_t>(walk->tid) != tid)
+            continue;
+        found = FindFrame(&handle, methodId, walk);
+        break;
+    }
+    QorCloseThreadHandle(&handle);
+    return found;
+}
+
+void TagLocals(QorLocalsWalk *walk) {
+    QorWrapTagCounter();
+    walk->firstTag = gbiQorLocalVariableCounter;
+    jvmtiHeapCallbacks callbacks = {};
+    callbacks.heap_reference_callback = jvmtiHeapReferenceOneObjectCallback;
+    const jvmtiError error = jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, walk);
+    if (error != JVMTI_ERROR_NONE) {
+        QORLOG(LOG_ERROR, "No walk to the locals: error %d", error);
+        describe(error);
+    }
+}
+
+struct TaggedObject {
+    jlong tag;
+    jobject object;
+};
+
+// The objects that carry the walk's tags, ordered by them: their number, -1 on an error. *out is the
+// caller's, the references are its frame's.
+int32_t FindTagged(const QorLocalsWalk &walk, TaggedObject **out) {
+    *out = nullptr;
+    jlong *wanted = static_cast<jlong *>(malloc(static_cast<size_t>(walk.count) * sizeof(jlong)));
+    if (!wanted) {
+        QORLOG(LOG_ERROR, "Tags cant be allocated ");
+        return -1;
+    }
+    for (int32_t i = 0; i < walk.count; i++)
+        wanted[i] = walk.firstTag + i;
+    QORLOG(LOG_DETAIL, " Locals found %d ", walk.count);
+    jint count = 0;
+    jobject *objects = nullptr;
+    jlong *tags = nullptr;
+    const jvmtiError error = jvmti->GetObjectsWithTags(walk.count, wanted, &count, &objects, &tags);
+    free(wanted);
+    if (error != JVMTI_ERROR_NONE) {
+        describe(error);
+        return -1;
+    }
+    QorExpectLocalRefs(count);
+    *out = static_cast<TaggedObject *>(calloc(static_cast<size_t>(count) + 1, sizeof(TaggedObject)));
+    for (jint i = 0; *out && i < count; i++)
+        (*out)[i] = {tags[i], objects[i]};
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(objects));
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(tags));
+    if (!*out) {
+        QORLOG(LOG_ERROR, "No memory for %d locals", count);
+        return -1;
+    }
+    std::sort(*out, *out + count, [](const TaggedObject &a, const TaggedObject &b) { return a.tag < b.tag; });
+    return count;
+}
+
+void ReadLocal(jobject object, QorFieldRecord *record) {
+    QorCopyName(record->value, " ");
+    if (!object || QorIsSameObject(jvmtijni_env, object, nullptr)) {
+        QORLOG(LOG_DETAIL, " Object is NULL");
+        return;
+    }
+    jclass klass = QorGetObjectClass(jvmtijni_env, object);
+    if (!klass)
+        return;
+    jlong tag = 0;
+    if (jvmti->GetTag(object, &tag) == JVMTI_ERROR_NONE)
+        record->tag = tag;
+    QORLOG(LOG_TRACE, "GetTag1 %d", static_cast<int32_t>(tag));
+    char *signature = nullptr;
+    if (jvmti->GetClassSignature(klass, &signature, nullptr) == JVMTI_ERROR_NONE && signature) {
+        QorCopyName(record->type, signature);
+        QorGetPrimitiveObjectValues(QorRetPrimitiveType(signature), object, record);
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(signature));
+    }
+    QorDeleteLocalRef(jvmtijni_env, klass);
+}
+
+// Makes a record of each object.
+int32_t ReadLocals(const TaggedObject *objects, int32_t count, QorFieldRecord **out) {
+    if (count == 0) {
+        QORLOG(LOG_DETAIL, " No Objects for the Method");
+        return 0;
+    }
+    *out = static_cast<QorFieldRecord *>(calloc(static_cast<size_t>(count), sizeof(QorFieldRecord)));
+    if (!*out) {
+        QORLOG(LOG_ERROR, " Malloc Failed\n");
+        return 0;
+    }
+    QORLOG(LOG_DETAIL, "Number of Objects for the Method : %d", count);
+    for (int32_t i = 0; i < count; i++)
+        ReadLocal(objects[i].object, &(*out)[i]);
+    return count;
+}
+
+} // namespace
+
+// The locals of a frame come in a row: the first one of another frame behind them ends the walk. Compiled
+// code reports its constants as JNI locals of the Java method that it was made of; they are none of its
+// locals, but belong to the row.
+jint JNICALL jvmtiHeapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind,
+                                                 const jvmtiHeapReferenceInfo *info, jlong, jlong, jlong,
+                                                 jlong *tag, jlong *, jint, void *userData) {
+    QorLocalsWalk *walk = static_cast<QorLocalsWalk *>(userData);
+    const bool isStackLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL;
+    if (!isStackLocal && kind != JVMTI_HEAP_REFERENCE_JNI_LOCAL)
+        return IsBehindLocals(kind) ? JVMTI_VISIT_ABORT : JVMTI_VISIT_OBJECTS;
+    if (!info)
+        return JVMTI_VISIT_OBJECTS;
+    const jlong tid = isStackLocal ? info->stack_local.thread_id : info->jni_local.thread_id;
+    const jmethodID method = isStackLocal ? info->stack_local.method : info->jni_local.method;
+    if (tid != walk->tid || method != walk->method)
+        return walk->count > 0 ? JVMTI_VISIT_ABORT : JVMTI_VISIT_OBJECTS;
+    if (!isStackLocal && !walk->isNative)
+        return JVMTI_VISIT_OBJECTS;
+    if (walk->count == MAX_LOCAL_OBJECTS)
+        return JVMTI_VISIT_ABORT;
+    *tag = gbiQorLocalVariableCounter++;
+    walk->count++;
+    return JVMTI_VISIT_OBJECTS;
+}
+
+int32_t QorJVMTIGetLocalObject(int32_t tid, int64_t methodId, int64_t, QorFieldRecord **out) {
+    *out = nullptr;
+    QorLocalsWalk walk = {};
+    if (FindMethod(tid, methodId, &walk))
+        TagLocals(&walk);
+    QorLocalFrame frame(jvmtijni_env, 1);
+    if (!frame.pushed) {
+        QorLogNoFrame(LOG_ERROR);
+        return 0;
+    }
+    if (walk.count == 0) {
+        QORLOG(LOG_DETAIL, " No locals found. returning");
+        return 0;
+    }
+    TaggedObject *objects = nullptr;
+    const int32_t found = FindTagged(walk, &objects);
+    const int32_t count = found < 0 ? 0 : ReadLocals(objects, found, out);
+    free(objects);
+    return count;
+}

@@ -1,0 +1,51 @@
+// Locks: which ones a thread holds, and which one it waits for and who owns that.
+//
+// Two roads lead there. JVMTI gives object references and exact depths but needs capabilities that most JVMs
+// refuse to an agent that came late; java.lang.management needs none and answers in text. `qorLockInfoLevel`
+// and the JVM's capabilities choose.
+//
+// The management road is asked in batches, as each call stops the JVM: contended locks and counts of waits
+// for all threads of the walk at once (it reads no stacks), owned locks for OWNED_BATCH threads at a time (it
+// walks their stacks, and many short stops are kinder to the application than a long one). What was fetched
+// lives until QorCloseMonitorSample. Threads that haven't run since the last walk aren't asked about at all
+// where MonitorMemo.h can tell.
+//
+// Everything here runs on the worker, inside a walk of ThreadSystem.h.
+#pragma once
+
+#include "ThreadSystem.h"
+
+enum : int32_t {
+    OWNED_BATCH = 32,
+    MEMO_BATCH = 64, // where most threads answer from the memo
+};
+
+// Whether the locks of the threads behind the cursor will be asked for too (an all-threads sample) or only
+// those of this one thread. Decides the batch.
+enum QorMonitorScope { MONITORS_OF_ONE_THREAD, MONITORS_OF_THE_WALK };
+
+// Locks that the thread at the cursor holds: their number, with *out a calloc'ed array for the caller to
+// free, or 0 with *out null.
+int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread, QorMonitorScope scope,
+                               QorMonitorRecord **out);
+
+// The lock that the thread at the cursor waits for: 1 with the caller's cleared record filled, else 0.
+// wantOwner non-zero asks JVMTI for the owner as well, which stops the JVM. Otherwise management tells, which
+// knows locks of java.util.concurrent too; where it isn't there the owner is 0.
+int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
+                                   QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner);
+
+// Whether the snapshot shows the walk's `index`th thread where it may wait for a lock that another thread
+// owns: blocked, in Object.wait, or parked by a lock of java.util.concurrent that has an owner.
+bool QorMayWaitForLock(const QorThreadHandle *handle, int32_t index);
+
+// What the thread at the cursor is parked by, such as a latch or a condition: 1 with description and lock id
+// of the caller's cleared record filled, else 0.
+int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record);
+
+// Drops what the batches fetched. The close of the walk calls it.
+void QorCloseMonitorSample();
+
+// Parses a lock's text, "class@hexhash", in place: returns the lock id and leaves "class@decimal" in
+// `description` (NAME_SIZE bytes). 0 when the text holds no hash.
+int64_t QorParseLockName(char *description);

@@ -1,0 +1,271 @@
+#include "dispatch.h"
+
+#include "channel.h"
+#include "no_processing.h"
+#include "qorStrUtils.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "request_text.h"
+
+#include "RequestHandler/RequestHandler.h"
+#include "RequestHandler/XtierDbSession.h"
+#include "heaptraverse/memory_text.h"
+#include "jvmti/Session.h"
+#include "platforms/linux.h"
+#include "reply/records.h"
+#include "sunprint/locals.h"
+#include "sunprint/object_print.h"
+#include "sunprint/report/print_threads.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+std::atomic<int32_t> direct_ready;
+int32_t fpid = -2;
+char *pars;
+int32_t arg_num;
+char recsep;
+timeval last_time, cur_time;
+uint32_t diff_time;
+
+namespace {
+
+constexpr uint32_t UNTIMED_BITS = QORREQ_JUST_THREADS | QORREQ_DB_XTIER | QORREQ_POLL_DETAILS;
+constexpr int32_t TIMING_LINE_ROOM = 50;
+constexpr int32_t TIMEBUF_SIZE = 512;
+constexpr int32_t MEMORY_VIEW_ARGUMENT = 8;
+constexpr uint32_t USEC_PER_SEC = 1000000;
+constexpr char ARGUMENT_WORD[] = "ARG";
+constexpr char NO_PROCESSING_WORD[] = "NoProcessing";
+
+void ClearReply() {
+    pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
+}
+
+// No reader may be asked: the JVM is not known, or its road has no readers.
+void ReplyUninitialized() {
+    QOR_REPLY("QOR Uninitialized for this JVM");
+}
+
+// Takes `reqid` and, if there is one, the argument field out of `pars`.
+void ParseRequestFields() {
+    reqid = QorParseNumber(pars);
+    char *rest = QorNextField(pars);
+    if (rest && strncmp(rest, ARGUMENT_WORD, sizeof ARGUMENT_WORD - 1) == 0)
+        arg_num = QorParseArguments(rest, console_args);
+}
+
+bool HaveSlots(int32_t count) {
+    for (int32_t i = 0; i < count; i++)
+        if (!console_args[i])
+            return false;
+    return true;
+}
+
+int32_t SlotAsInt(int32_t slot) {
+    return console_args[slot] ? atoi(console_args[slot]) : 0;
+}
+
+int64_t SlotAsLong(int32_t slot) {
+    return console_args[slot] ? atol(console_args[slot]) : 0;
+}
+
+// What answers a request, by road.
+struct Views {
+    void (*memory)();
+    void (*object)();
+    void (*locals)();
+    void (*threads)();
+    void (*figures)(); // what goes in front of threads' rows; null for nothing
+};
+
+constexpr Views JVMTI_VIEWS = {
+    [] { QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid); },
+    [] { QorShowObjectRequest(SlotAsInt(0), SlotAsInt(1), reqid, pagebuf, PAGEBUF_SIZE); },
+    [] {
+        QorHandlePrintLocalRequest(SlotAsInt(0), SlotAsLong(1), SlotAsLong(2), SlotAsInt(3), SlotAsInt(4),
+                                   pagebuf, PAGEBUF_SIZE);
+    },
+    [] { QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args); },
+    nullptr,
+};
+
+void AddMemoryText(uint32_t wanted, bool byClass) {
+    QorText reply;
+    QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+    qormemsum(&reply, wanted, byClass);
+}
+
+// What this road can't show yet is answered as on a JVM that isn't known.
+constexpr Views DIRECT_VIEWS = {
+    [] { AddMemoryText(reqid, pars && strstr(pars, HISTOGRAM_WORD)); },
+    [] {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        PrintObject(atoqoraddr(console_args[0]), SlotAsInt(1), &reply);
+    },
+    [] {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        QorAnswerLocals(console_args, &reply);
+    },
+    [] {
+        QorText reply;
+        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
+        PrintSunThreads(reqid, &reply, console_args);
+    },
+    [] { AddMemoryText(reqid & MEMORY_WITH_THREADS, false); },
+};
+
+const Views &ViewsOfRoad() {
+    return QorOnJvmtiRoad() ? JVMTI_VIEWS : DIRECT_VIEWS;
+}
+
+void Ask(void (*view)()) {
+    if (view && QorCanInspect())
+        view();
+    else
+        ReplyUninitialized();
+}
+
+void ShowMemory() {
+    reqid = pars ? QorParseNumber(pars) : 0;
+    ClearReply();
+    Ask(ViewsOfRoad().memory);
+}
+
+void ShowStack() {
+    ParseRequestFields();
+    ClearReply();
+    if ((reqid & QORREQ_SHOW_OBJECT) && HaveSlots(2))
+        Ask(ViewsOfRoad().object);
+    else if ((reqid & QORREQ_SHOW_LOCALS) && HaveSlots(4))
+        Ask(ViewsOfRoad().locals);
+    else
+        Ask(ViewsOfRoad().threads);
+}
+
+void ShowQor() {
+    ParseRequestFields();
+    dumpfile[0] = 0;
+    ClearReply();
+    const Views &views = ViewsOfRoad();
+    const bool threadsAlone = (reqid & QORREQ_SAMPLING) && get_system_data == 0;
+    if (views.figures && !threadsAlone && QorCanInspect())
+        views.figures();
+    Ask(views.threads);
+}
+
+void AskDbSessions() {
+    if (pars) {
+        a_xtierfn01(pars);
+        return;
+    }
+    QORLOG(LOG_ERROR, "\nNull parameters for request %s", XTIER_WORD);
+    QOR_REPLY("ERROR Null parameters for request %s", XTIER_WORD);
+}
+
+struct Command {
+    const char *word;
+    size_t compared;     // bytes of the word that count
+    bool needsParameter; // without one it is none of this command's
+    void (*answer)();
+};
+constexpr Command COMMANDS[] = {
+    {"showmem", 7, false, ShowMemory},
+    {"showstack", 8, true, ShowStack},
+    {"showqor", 7, true, ShowQor},
+    {XTIER_WORD, sizeof XTIER_WORD - 1, false, AskDbSessions},
+    {NO_PROCESSING_WORD, sizeof NO_PROCESSING_WORD - 1, false, QorAnswerNoProcessing},
+};
+
+bool IsNoProcessing(const char *command) {
+    return strncmp(command, NO_PROCESSING_WORD, sizeof NO_PROCESSING_WORD - 1) == 0;
+}
+
+void Answer(const char *command) {
+    if (offsetind < 0) {
+        ReplyUninitialized();
+        return;
+    }
+    for (const Command &row : COMMANDS) {
+        if (strncmp(command, row.word, row.compared) != 0 || (row.needsParameter && !pars))
+            continue;
+        row.answer();
+        return;
+    }
+    QOR_REPLY("Invalid Request %s", command);
+}
+
+// Cuts the command out of `buf`; empty when there is none.
+const char *TakeCommand() {
+    char *command = QorNextField(buf);
+    pars = nullptr;
+    if (!command)
+        return "";
+    if (char *bar = strchr(command, recsep)) {
+        *bar = 0;
+        pars = bar + 1;
+    }
+    return command;
+}
+
+bool IsTimed(const char *command) {
+    return ((reqid & ~UNTIMED_BITS) || reqid == QORREQ_POLL_DETAILS) && *command && !IsNoProcessing(command);
+}
+
+uint32_t ElapsedUsec() {
+    if (cur_time.tv_sec == last_time.tv_sec && cur_time.tv_usec < last_time.tv_usec)
+        return 1;
+    return static_cast<uint32_t>(
+        deltaTimeUsec(last_time.tv_sec, last_time.tv_usec, cur_time.tv_sec, cur_time.tv_usec));
+}
+
+void AddTimingLine() {
+    diff_time = ElapsedUsec();
+    pagebuf[PAGEBUF_SIZE - 1] = 0;
+    if (qorReplyIsCut || static_cast<int32_t>(strlen(pagebuf)) + TIMING_LINE_ROOM >= PAGEBUF_SIZE)
+        return;
+    char timebuf[TIMEBUF_SIZE];
+    if (fpid != 0)
+        snprintf(timebuf, sizeof timebuf, "%s%c%u usec%c", TITLE_TIME_SPENT, RECORD_END, diff_time,
+                 SECTION_END);
+    else
+        snprintf(timebuf, sizeof timebuf, "%s %u usec", TITLE_TIME_SPENT, diff_time);
+    QorAgentStrncat(pagebuf, timebuf, PAGEBUF_SIZE, TIMEBUF_SIZE);
+}
+
+void LogEnd() {
+    if (qorIsPollOrTrace) {
+        QORLOG(LOG_TRACE, "Finished Processing data - %s", pagebuf);
+        QORLOG(LOG_DETAIL, "Process Data - process time : %u usec", diff_time);
+    } else {
+        QORLOG(LOG_DETAIL, "Finished Processing non-poll data - %s", pagebuf);
+        QORLOG(LOG_NOTE, "Process non-poll Data - process time : %u usec", diff_time);
+    }
+}
+
+} // namespace
+
+bool QorCanInspect() {
+    return QorOnJvmtiRoad() ? jvmti && jvmtijni_env : direct_ready != 0;
+}
+
+void process_data() {
+    if (qorlocks[1] == 0)
+        return;
+    arg_num = 0;
+    qorReplyIsCut = false;
+    gettimeofday(&last_time, nullptr);
+    for (char *&slot : console_args)
+        slot = nullptr;
+    recsep = FIELD_BAR;
+    const char *command = TakeCommand();
+    Answer(command);
+    gettimeofday(&cur_time, nullptr);
+    if (IsTimed(command))
+        AddTimingLine();
+    LogEnd();
+}
