@@ -112,8 +112,12 @@ CodeCache::Scopes CodeCache::FindScopes(Address nmethod) {
         const Address base = memory_.Word(table_.In(nmethod, Vm::COMPILED_IMMUTABLE));
         scopes.pcs = base + offset(Vm::SCOPES_PCS);
         scopes.data = scopes.pcs_end = base + offset(Vm::SCOPES_DATA);
-        scopes.metadata =
-            memory_.Word(table_.In(nmethod, Vm::BLOB_MUTABLE)) + offset(Vm::BLOB_RELOCATION_SIZE);
+        if (table_.Has({Vm::BLOB_MUTABLE}))
+            scopes.metadata =
+                memory_.Word(table_.In(nmethod, Vm::BLOB_MUTABLE)) + offset(Vm::BLOB_RELOCATION_SIZE);
+        else // 23 and 24
+            scopes.metadata = nmethod + offset(Vm::BLOB_DATA_OFFSET) +
+                              memory_.At<uint16_t>(table_.In(nmethod, Vm::METADATA));
         return scopes;
     }
     scopes.pcs = nmethod + offset(Vm::SCOPES_PCS);

@@ -29,8 +29,19 @@ constexpr Address VTABLE_HEAD = 16; // an object points past the offset and the 
 
 // Symbols that are kept begin with one of these.
 constexpr std::string_view KEPT[] = {
-    "gHotSpotVM",          "_ZN20SafepointSynchronize", "_ZN16SafepointTracing", "_ZN8VMThread",
-    "_ZN14RuntimeService", "_ZL18initial_time_count",   "_ZN16java_lang_Thread", "_ZN16java_lang_String",
+    "gHotSpotVM",
+    "_ZN20SafepointSynchronize",
+    "_ZN16SafepointTracing",
+    "_ZN8VMThread",
+    "_ZN14RuntimeService",
+    "_ZL18initial_time_count",
+    "_ZN16java_lang_Thread",
+    "_ZN16java_lang_String",
+    "_ZN17ContinuationEntry",
+    "_ZN12StubRoutines19_cont_returnBarrierE",
+    "_ZN26jdk_internal_vm_StackChunk",
+    "_ZN28jdk_internal_vm_Continuation",
+    "_ZN23InstanceStackChunkKlass",
 };
 
 bool StartsWith(std::string_view text, std::string_view start) {
@@ -108,12 +119,6 @@ std::string BuildId(Read read) {
         }
     }
     return "";
-}
-
-std::string BuildIdOfFile(int fd) {
-    return BuildId([fd](uint64_t at, void *to, size_t size) {
-        return pread(fd, to, size, static_cast<off_t>(at)) == static_cast<ssize_t>(size);
-    });
 }
 
 // Opens what a descriptor without access stands for, if that is a regular file: opening a FIFO or a device
@@ -225,6 +230,12 @@ bool ReadSymbols(int fd, Address base, VmSymbols *symbols) {
     if (opened)
         QorCloseElf(&elf);
     return !symbols->objects.empty();
+}
+
+std::string BuildIdOfFile(int fd) {
+    return BuildId([fd](uint64_t at, void *to, size_t size) {
+        return pread(fd, to, size, static_cast<off_t>(at)) == static_cast<ssize_t>(size);
+    });
 }
 
 std::optional<VmSymbols> ReadVmSymbols(pid_t pid, Memory &memory, std::string *problem) {

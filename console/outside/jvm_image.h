@@ -41,4 +41,7 @@ std::optional<VmSymbols> ReadVmSymbols(pid_t pid, Memory &memory, std::string *p
 // Reads the symbols of an open ELF file whose first byte is mapped at `base`. False when it has none.
 bool ReadSymbols(int fd, Address base, VmSymbols *symbols);
 
+// The build-id of an open ELF file; empty when it has none. Exposed for tests.
+std::string BuildIdOfFile(int fd);
+
 } // namespace qorctl::outside

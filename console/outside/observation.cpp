@@ -25,7 +25,7 @@ constexpr double LEAST_SECONDS = 1; // of a wait for a safepoint that is worth a
 struct Jvm {
     Jvm(Memory &memory, const VmTable &table, const VmSymbols &symbols)
         : objects(memory, table, symbols), code(memory, table, objects),
-          walker(memory, table, objects, code) {}
+          walker(memory, table, symbols, objects, code) {}
     VmObjects objects;
     CodeCache code;
     StackWalker walker;

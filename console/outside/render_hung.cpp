@@ -140,8 +140,10 @@ std::string StackText(const SeenThread &thread, size_t most) {
         return thread.no_stack.empty()
                    ? ""
                    : fmt::format("   stack unavailable: {}\n", Printable(thread.no_stack));
-    std::string text = fmt::format("   stack ({}{}):\n", ProofText(thread.proof),
-                                   thread.walk.whole ? "" : ", in part: " + Printable(thread.walk.reason));
+    const std::string &reason = thread.walk.reason;
+    const std::string part =
+        reason.empty() ? "" : (thread.walk.whole ? ", without " : ", in part: ") + reason;
+    std::string text = fmt::format("   stack ({}{}):\n", ProofText(thread.proof), Printable(part));
     for (size_t i = 0; i < std::min(thread.walk.frames.size(), most); ++i)
         text += "\tat " + Printable(FrameText(thread.walk.frames[i])) + "\n";
     if (thread.walk.frames.size() > most)
@@ -254,6 +256,7 @@ Json ThreadJson(const SeenThread &thread) {
                  {"top", tops},
                  {"proof", ProofText(thread.proof)},
                  {"whole", thread.walk.whole},
+                 {"reason", thread.walk.reason},
                  {"frames", frames}};
     json["depth"] = thread.walk.frames.size();
     if (thread.proof == StackProof::NONE && !thread.no_stack.empty())

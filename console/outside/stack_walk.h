@@ -19,18 +19,19 @@ struct Registers {
 struct StackCopy {
     Address start = 0, top = 0; // the copy's first byte, the end of the thread's stack
     std::vector<char> bytes;
+    bool in_heap = false; // of a virtual thread: what leads from a frame to the next counts words from there
 };
 
 struct Walk {
     std::vector<Frame> frames; // innermost first
     bool whole = false;        // up to the thread's first frame
-    std::string reason;        // why it isn't
+    std::string reason;        // why it isn't, or what is left out of a whole one
 };
 
 class StackWalker {
 public:
-    StackWalker(Memory &memory, const VmTable &table, VmObjects &objects, CodeCache &code)
-        : memory_(memory), table_(table), objects_(objects), code_(code) {}
+    StackWalker(Memory &memory, const VmTable &table, const VmSymbols &symbols, VmObjects &objects,
+                CodeCache &code);
 
     // Copies a thread's stack from `sp` on. False when that isn't in its stack or can't be read.
     bool Copy(const ThreadFacts &thread, Address sp, StackCopy *stack);
@@ -52,6 +53,9 @@ private:
     bool StepEntry(const StackCopy &stack, Registers *at, Walk *walk);
     bool StepInterpreter(const StackCopy &stack, Registers *at, bool running, Walk *walk);
     bool StepCode(const StackCopy &stack, const CodeBlob &blob, Registers *at, bool running, Walk *walk);
+    bool AppendChunk(Address chunk, Walk *walk);
+    bool AppendHeapFrames(Address entry, Walk *walk);
+    bool StepToCarrier(const StackCopy &stack, Registers *at, Walk *walk);
     bool StepHalfFrame(const StackCopy &stack, const CodeBlob &blob, Registers *at);
     bool LeadsToCode(Address value);
 
@@ -59,6 +63,10 @@ private:
     const VmTable &table_;
     VmObjects &objects_;
     CodeCache &code_;
+    Address return_barrier_ = 0, entry_return_ = 0; // of virtual threads; 0 when not known
+    struct ChunkFields {
+        int tail = 0, parent = 0, sp = 0, pc = 0, bottom = 0, stack = 0; // 0 when not known
+    } chunk_;
 };
 
 } // namespace qorctl::outside

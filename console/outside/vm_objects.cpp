@@ -325,16 +325,19 @@ std::string VmObjects::ThreadName(Address thread) {
     return find() == name ? text : "";
 }
 
+std::string VmObjects::ClassName(Address object) {
+    const Address klass = object != 0 && table_.Has({Vm::KLASS_NAME}) ? KlassOf(object) : 0;
+    std::string name = klass != 0 ? SymbolText(memory_.Word(table_.In(klass, Vm::KLASS_NAME))) : "";
+    std::replace(name.begin(), name.end(), '/', '.');
+    return name;
+}
+
 std::string VmObjects::MonitorClass(Address monitor) {
-    if (!table_.Has({Vm::MONITOR_OBJECT, Vm::KLASS_NAME}))
+    if (!table_.Has({Vm::MONITOR_OBJECT}))
         return "";
     const Address field = table_.In(monitor, Vm::MONITOR_OBJECT);
     const Address object = FromHandle(field);
-    std::string name =
-        object == 0
-            ? ""
-            : SymbolText(memory_.Word(KlassOf(object) + static_cast<Address>(table_.Get(Vm::KLASS_NAME))));
-    std::replace(name.begin(), name.end(), '/', '.');
+    const std::string name = ClassName(object);
     return FromHandle(field) == object ? name : "";
 }
 

@@ -39,6 +39,12 @@ public:
     // The bytecode index of an interpreter's pointer into a method, -1 when it points elsewhere.
     int BytecodeIndex(Address method, Address pointer);
 
+    // The class of an object, "java.lang.Thread"; empty when it can't be read.
+    std::string ClassName(Address object);
+
+    // The object that a field at `at` refers to, now; 0 when there is none or it can't be read.
+    Address Reference(Address at);
+
     // Drops what is known of methods: another look begins, and classes may have gone meanwhile.
     void Forget() { methods_.clear(); }
 
@@ -57,7 +63,6 @@ private:
     const MethodText *FindMethod(Address method, Address const_method);
     int Line(Address const_method, int bci);
     Address KlassOf(Address object);
-    Address Reference(Address at);
     Address Plain(Address value) const;
     Address FromHandle(Address at);
     std::string StringText(Address object);

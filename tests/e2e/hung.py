@@ -121,6 +121,38 @@ class Hung(Case):
                 for name in truth:
                     self.assertEqual((seen[name]["proof"], seen[name]["whole"]),
                                      ("did not run while it was read", True), seen[name])
+                self.check_recording(app, truth)
+
+    def check_recording(self, app, truth):
+        """What a look reads is enough for the same stacks without the JVM."""
+        tool = f"{SETTINGS.build}/recorded_jvm"
+        with tempfile.NamedTemporaryFile() as image:
+            os.kill(app.pid, signal.SIGSTOP)
+            live = subprocess.run([tool, "record", str(app.pid), image.name], capture_output=True, text=True, check=True).stdout
+            app.process.kill()
+            app.process.wait()
+            walked = subprocess.run([tool, "walk", image.name], capture_output=True, text=True, check=True).stdout
+        self.assertEqual(walked, live)
+        stacks = {name: self.frames(calls.split("\n\tat ")) for name, _, calls
+                  in (thread.partition("\n\tat ") for thread in re.split(r"\n(?!\t|$)", walked.rstrip("\n"))) if calls}
+        self.assertEqual({name: stacks.get(name) for name in truth}, truth)
+
+    def test_a_virtual_thread_on_its_carrier(self):
+        if self.jdk() < 21:
+            self.skipTest("no virtual threads")
+        with Hang(*SERIAL) as app:
+            app.tell("virtual")
+            calls = []
+
+            def pinned():
+                carriers = [t for t in self.look(app, "--all")["threads"] if t["name"] == "ForkJoinPool-1-worker-1"]
+                calls[:] = [name for t in carriers for name, _, _ in self.frames(t["frames"])]
+                return "qoragent.testing.Hang$Pinned.<clinit>" in calls and carriers[0]["whole"]
+            wait_until("it stays on its carrier", pinned)
+            self.assertEqual(calls.count("qoragent.testing.Hang.deep"), 101, calls)
+            entry = calls.index("jdk.internal.vm.Continuation.enterSpecial")
+            self.assertEqual((calls[entry + 1], calls[-1]), ("jdk.internal.vm.Continuation.run",
+                                                             "java.util.concurrent.ForkJoinWorkerThread.run"))
 
     def more_layouts(self):
         """Other collectors and layouts of objects, where the matrix runs on several JDKs."""
@@ -164,6 +196,8 @@ class Hung(Case):
                        subprocess.Popen(in_root([f"{SETTINGS.jdk}/bin/jcmd", str(app.pid), "VM.version"]),
                                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)]
             ours, jcmd = waiting
+            first = ours.stderr.readline()
+            self.assertEqual((first, ours.poll()), ("qorctl: no answer for 5 s\n", None))  # and it waits on
             seen = self.check_culprit(app)
             self.check_without_samples(app)
             self.assertEqual(seen["safepoint"]["phase"], 1)
@@ -181,8 +215,6 @@ class Hung(Case):
             wait_until("list shows it", lambda: any(
                 jvm["pid"] == app.pid and "no safepoint since" in (jvm["note"] or "")
                 for jvm in self.answer("list", "--json").json()))
-            first = ours.stderr.readline()
-            self.assertEqual((first, ours.poll()), ("qorctl: no answer for 5 s\n", None))  # and it waits on
             err, out = ours.stderr.read(), ours.stdout.read()
             self.assertEqual((ours.wait(LIMIT), out), (1, ""), err)
             ours.communicate()
@@ -227,9 +259,18 @@ class Hung(Case):
                         write(state, on)
                         self.until(app, "frozen")
                         self.assertIn("is frozen with its cgroup", self.answer("hung", app.pid).out)
+                        if kind == "freezer":
+                            self.check_where_its_cgroup_is_unknown(app)
                     finally:
                         write(state, off)
                     self.until(app, self.runs())
+
+    def check_where_its_cgroup_is_unknown(self, app):
+        """A task that is frozen so is as one that waits in the kernel, in its ordinary place."""
+        done = subprocess.run(["unshare", "--mount", "sh", "-c", 'umount -a -t cgroup && exec "$1" hung "$2"', "sh",
+                               SETTINGS.qorctl, str(app.pid)], capture_output=True, text=True, check=True)
+        self.assertRegex(done.stdout, r"^JVM \d+ waits in the kernel with all its tasks: (\d+ in \w+, )*"
+                                      r"\d+ in \w+; whether frozen is unknown\n$")
 
     @contextlib.contextmanager
     def cgroup(self, kind, pid):

@@ -13,6 +13,8 @@
 #include <thread>
 #include <unistd.h>
 
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size); // fuzz/outside.cpp
+
 using namespace qorctl::outside;
 
 namespace {
@@ -180,89 +182,14 @@ TEST(Outside, VerdictsRestOnBothEndsOfALook) {
     EXPECT_EQ(WorkOf(task), Work::WORKS);
 }
 
-// Any bytes at any address, the same each time; a part of the addresses can't be read.
-class RandomMemory : public Memory {
-public:
-    explicit RandomMemory(uint64_t seed) : seed_(seed) {}
-
-protected:
-    bool Fetch(Address from, void *to, size_t size) override {
-        if (seed_ % 3 == 0 && Mixed(from >> 12) % 11 == 0)
-            return false;
-        for (size_t i = 0; i < size; ++i) {
-            const uint64_t word = Mixed((from + i) >> 3);
-            // Words that lead back into the same few pages, and small numbers, lead furthest.
-            const uint64_t value = word % 4 == 0   ? word
-                                   : word % 4 == 1 ? word % 251
-                                                   : 0x10000 + (word >> 8) % 8192 * 8;
-            static_cast<char *>(to)[i] = static_cast<char>(value >> ((from + i) % 8 * 8));
-        }
-        return true;
-    }
-
-private:
-    uint64_t Mixed(uint64_t x) const {
-        x = (x + seed_) * 0x9e3779b97f4a7c15u;
-        x = (x ^ x >> 30) * 0xbf58476d1ce4e5b9u;
-        return x ^ x >> 27;
-    }
-    uint64_t seed_;
-};
-
-VmSymbols RandomSymbols(std::mt19937_64 &random) {
-    VmSymbols symbols;
-    for (const char *name : {"gHotSpotVMStructs", "gHotSpotVMTypes", "gHotSpotVMIntConstants",
-                             "gHotSpotVMStructEntryArrayStride", "gHotSpotVMStructEntryTypeNameOffset",
-                             "gHotSpotVMStructEntryFieldNameOffset", "gHotSpotVMStructEntryIsStaticOffset",
-                             "gHotSpotVMStructEntryOffsetOffset", "gHotSpotVMStructEntryAddressOffset",
-                             "gHotSpotVMTypeEntryArrayStride", "gHotSpotVMTypeEntryTypeNameOffset",
-                             "gHotSpotVMTypeEntrySizeOffset", "_ZN20SafepointSynchronize6_stateE",
-                             "_ZN8VMThread17_cur_vm_operationE"})
-        symbols.objects[name] = 0x10000 + random() % 8192;
-    return symbols;
-}
-
 // What isn't there is unknown, and what is there is anything: every walk ends, and none reads out of bounds.
+// The fuzzer does the same for longer.
 TEST(Outside, EndsOnAnyMemory) {
-    for (uint64_t seed = 1; seed <= 60; ++seed) {
-        std::mt19937_64 random(seed);
-        RandomMemory memory(seed);
-        const VmSymbols symbols = RandomSymbols(random);
-        VmTable table;
-        table.Load(memory, symbols);
-        for (size_t slot = 0; slot < static_cast<size_t>(Vm::COUNT); ++slot)
-            if (random() % 8 != 0)
-                table.Set(static_cast<Vm>(slot),
-                          static_cast<int64_t>(random() % 16 == 0 ? random() >> random() % 64
-                                               : random() % 2     ? random() % 512
-                                                                  : 0x10000 + random() % 8192));
-        ReadSafepoint(memory, table, symbols);
-        VmObjects objects(memory, table, symbols);
-        CodeCache code(memory, table, objects);
-        StackWalker walker(memory, table, objects, code);
-        for (const Address at : ReadThreadList(memory, table)) {
-            ThreadFacts facts;
-            ReadThread(memory, table, symbols, at, &facts);
-            objects.ThreadName(at);
-            objects.MonitorClass(at);
-            facts.stack_base = 0x20000;
-            facts.stack_size = 0x10000;
-            walker.FromAnchor(facts);
-            StackCopy stack;
-            if (walker.Copy(facts, 0x18000, &stack))
-                walker.Scan(stack);
-            if (random() % 64 == 0)
-                break;
-        }
-        for (int i = 0; i < 50; ++i) {
-            const Address at = 0x10000 + random() % 65536;
-            CodeBlob blob;
-            blob.start = blob.code = at;
-            blob.name = "nmethod";
-            std::vector<Frame> frames;
-            code.AppendFrames(blob, at + random() % 64, &frames);
-            EXPECT_LE(frames.size(), 101u);
-        }
+    std::mt19937_64 random(1);
+    for (int i = 0; i < 200; ++i) {
+        std::vector<uint8_t> input(1024);
+        std::generate(input.begin(), input.end(), random);
+        EXPECT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
     }
 }
 

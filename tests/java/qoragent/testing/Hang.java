@@ -6,8 +6,9 @@ import java.util.concurrent.locks.LockSupport;
 /**
  * A JVM that stops answering when it is told to: "hang" on its standard input starts a counted loop that has no
  * safepoint poll when the compiler of the server kind has compiled it under a collector without such polls, "gc" asks
- * for a collection in a thread "gc-asker", "collect" does so all the time, and "fill" makes each one long. Before it has threads in known places,
- * interpreted and compiled, and with argument "busy" some that run all the time and that come and go.
+ * for a collection in a thread "gc-asker", "collect" does so all the time, and "fill" makes each one long; "virtual"
+ * leaves a virtual thread on its carrier, deep in calls that began before it was last put there. Before it has threads
+ * in known places, interpreted and compiled, and with argument "busy" some that run all the time and come and go.
  */
 public final class Hang {
     private static volatile int result;
@@ -72,12 +73,35 @@ public final class Hang {
             for (int i = 0; i < 2000000; i++) {
                 filled = new Object[] {filled};
             }
+        } else if (word.equals("virtual")) {
+            startVirtual(() -> deep(100, () -> {
+                LockSupport.parkNanos(1);
+                Pinned.stay();
+            }));
         } else if (word.equals("collect")) {
             start("gc-asker", () -> {
                 for (;;) {
                     System.gc();
                 }
             });
+        }
+    }
+
+    /** Its initializer waits, which keeps a virtual thread on its carrier. */
+    private static final class Pinned {
+        static {
+            park();
+        }
+
+        static void stay() {}
+    }
+
+    /** Does nothing before JDK 21. */
+    private static void startVirtual(Runnable body) {
+        try {
+            Thread.class.getMethod("startVirtualThread", Runnable.class).invoke(null, body);
+        } catch (ReflectiveOperationException e) {
+            System.out.println(e);
         }
     }
 
