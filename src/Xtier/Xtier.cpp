@@ -1,14 +1,12 @@
 #include "Xtier.h"
 
 #include "ConnectionCache.h"
+#include "ReadAtOnce.h"
 #include "Xtier/tiers/LocalList.h"
-#include "Xtier/tiers/XtierAppServer.h"
+#include "Xtier/tiers/XtierCalls.h"
 #include "Xtier/tiers/XtierDb.h"
-#include "Xtier/tiers/XtierIO.h"
 #include "Xtier/tiers/XtierJSP.h"
-#include "Xtier/tiers/XtierNetwork.h"
 #include "Xtier/tiers/XtierQRF.h"
-#include "Xtier/tiers/XtierRmi.h"
 #include "Xtier/tiers/XtierRules.h"
 #include "Xtier/tiers/tier.h"
 #include "Xtier/walk/LocalWalk.h"
@@ -201,25 +199,6 @@ QorFramework FrameworkOf(uint32_t kinds) {
     return kinds & FRAME_ENTITY ? FRAMEWORK_ENTITY : FRAMEWORK_VIEW;
 }
 
-struct KindTest {
-    uint32_t kind;
-    int32_t (*test)(const QorFrameRecord *);
-};
-constexpr KindTest KIND_TESTS[] = {
-    {FRAME_RMI, IsRmiCallDataPresent},
-    {FRAME_WEB, IsJSPRequestDataPresent},
-    {FRAME_VIEW, is_vo_frame},
-    {FRAME_ENTITY, is_eo_frame},
-    {FRAME_PAGE, is_jspx_frame},
-    {FRAME_GROOVY_LINE, isGroovyLineDataPresent},
-    {FRAME_EL, isELExpDataPresent},
-    {FRAME_GROOVY_SCRIPT, isGroovyScriptDataPresent},
-    {FRAME_DATABASE, IsDBRequestDataPresent},
-    {FRAME_FILE, IsIORequestDataPresent},
-    {FRAME_NETWORK, IsNetworkRequestDataPresent},
-    {FRAME_APP_SERVER, IsAppServerRequestDataPresent},
-};
-
 // Kinds that are listed whenever they are met, and the flag that tells of them.
 struct PlainKind {
     uint32_t kind;
@@ -295,10 +274,7 @@ QorFramework ListFrameworkFrame(const QorThreadRecord *thread, const QorFrameRec
 uint32_t QorClassifyFrame(const QorFrameRecord *frame) {
     if (!frame->facts)
         return 0; // its texts don't last until the objects are read
-    uint32_t kinds = 0;
-    for (const KindTest &row : KIND_TESTS)
-        if (row.test(frame))
-            kinds |= row.kind;
+    uint32_t kinds = QorClassifyByTables(frame);
     if ((kinds & FRAME_WEB) &&
         strncmp(frame->className, FRAMEWORK_VIEW_PACKAGE, sizeof FRAMEWORK_VIEW_PACKAGE - 1) == 0)
         kinds |= FRAME_ACTIVE_DATA;

@@ -8,31 +8,14 @@
 #pragma once
 
 #include "LocationList.h"
+#include "Xtier/tiers/tier.h"
 #include "XtierInsert.h"
 #include "jvmti/threads/ThreadSystem.h"
 #include "reply/qortext.h"
 
 #include <cstdint>
 
-// What a frame is, as bits. It depends on its class and method alone.
-enum QorFrameKind : uint32_t {
-    FRAME_RMI = 1U << 0,
-    FRAME_WEB = 1U << 1,
-    FRAME_VIEW = 1U << 2,
-    FRAME_ENTITY = 1U << 3,
-    FRAME_PAGE = 1U << 4, // the framework's page engine; it is a web frame as well
-    FRAME_GROOVY_LINE = 1U << 5,
-    FRAME_EL = 1U << 6,
-    FRAME_GROOVY_SCRIPT = 1U << 7,
-    FRAME_DATABASE = 1U << 8,
-    FRAME_FILE = 1U << 9,
-    FRAME_NETWORK = 1U << 10,
-    FRAME_APP_SERVER = 1U << 11,
-    FRAME_ACTIVE_DATA = 1U << 12, // the framework's filter for pushed data; a web frame as well
-    FRAME_OF_RULES = 1U << 13,    // of any kind, by qortiers.h
-};
-
-// The kinds of a frame, 0 for nearly all. A frame without complete facts has none.
+// The kinds of a frame (tiers/tier.h), 0 for nearly all. A frame without complete facts has none.
 uint32_t QorClassifyFrame(const QorFrameRecord *frame);
 
 // How far one of the three kinds of framework frame has been met on a thread.

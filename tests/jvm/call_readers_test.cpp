@@ -1,10 +1,7 @@
 #include "JvmFixture.h"
 #include "LogCapture.h"
 #include "ModelObjects.h"
-#include "Xtier/tiers/XtierAppServer.h"
-#include "Xtier/tiers/XtierIO.h"
-#include "Xtier/tiers/XtierNetwork.h"
-#include "Xtier/tiers/XtierRmi.h"
+#include "Xtier/tiers/XtierCalls.h"
 #include "jvmti/JniCalls.h"
 
 #include <arpa/inet.h>

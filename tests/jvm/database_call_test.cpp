@@ -2,6 +2,7 @@
 #include "LogCapture.h"
 #include "ModelObjects.h"
 #include "Walk.h"
+#include "Xtier/ReadAtOnce.h"
 #include "Xtier/tiers/ObjectMap.h"
 #include "Xtier/tiers/XtierDb.h"
 #include "jvmti/JavaClasses.h"

@@ -1,5 +1,6 @@
 #include "LogCapture.h"
 #include "Xtier/tiers/tier.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>

@@ -2,63 +2,21 @@
 #include "XtierDb.h"
 
 #include "ObjectMap.h"
-#include "RulePath.h"
+#include "TierReader.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
 #include "jvmti/threads/ThreadSystem.h"
 #include "platforms/own_memory.h"
+#include "products.h"
 #include "qorlog.h"
 
-#include <algorithm>
-#include <cstring>
 #include <iterator>
 
 namespace {
 
-constexpr char SESSION_HOLDER[] = "db_access,Ltessar/jdbc/dbaccess/DBAccess;";
-constexpr char NETWORK_STREAM[] = "net,Ltessar/net/ns/Communication;|sAtts,Ltessar/net/ns/SessionAtts;|"
-                                  "ntInputStream,Ljava/io/InputStream;";
-
-constexpr char METERED_STREAM[] = "Ltessar/net/nt/MetricsEnabledInputStream;";
 constexpr char REAL_STREAM[] = "realStream,Ljava/io/InputStream;";
-
-// Streams of the JVM that have no descriptor of their own, with the ways to it; the first that leads there
-// counts.
-struct StreamRow {
-    const char *signature;
-    const char *path;
-};
-
-constexpr char SOCKET_STREAM[] = "Ljava/net/Socket$SocketInputStream;";
-constexpr char ENCRYPTED_STREAM[] = "Lsun/security/ssl/SSLSocketImpl$AppInputStream;";
-
-constexpr StreamRow STREAM_ROWS[] = {
-    {SOCKET_STREAM, "in,Ljava/io/InputStream;|this$0,Lsun/nio/ch/NioSocketImpl;|fd,Ljava/io/FileDescriptor;"},
-    {SOCKET_STREAM, "in,Ljava/io/InputStream;|fd,Ljava/io/FileDescriptor;"}, // jdk.net.usePlainSocketImpl
-    // An encrypted socket reads from the one that it is laid on, or from itself as a plain one.
-    {ENCRYPTED_STREAM, "this$0,Lsun/security/ssl/SSLSocketImpl;|self,Ljava/net/Socket;|"
-                       "impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
-    {ENCRYPTED_STREAM, "this$0,Lsun/security/ssl/SSLSocketImpl;|self,Ljava/net/Socket;|"
-                       "impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|"
-                       "fd,Ljava/io/FileDescriptor;"},
-};
-
-constexpr char SOCKET[] = "Ljava/net/Socket;";
-constexpr char ENCRYPTED[] = "Lsun/security/ssl/SSLSocketImpl;";
-constexpr char CHANNEL_SOCKET[] = "Lsun/nio/ch/SocketAdaptor;";
-
-// From a socket; any class that isn't in the table is taken for the first one's heir.
-constexpr StreamRow SOCKET_ROWS[] = {
-    {SOCKET, "impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
-    {SOCKET, "impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
-    {ENCRYPTED, "self,Ljava/net/Socket;|impl,Ljava/net/SocketImpl;|delegate,Ljava/net/SocketImpl;|"
-                "fd,Ljava/io/FileDescriptor;"},
-    {ENCRYPTED, "self,Ljava/net/Socket;|impl,Ljava/net/SocketImpl;|fd,Ljava/io/FileDescriptor;"},
-    {CHANNEL_SOCKET, "sc,Lsun/nio/ch/SocketChannelImpl;|fd,Ljava/io/FileDescriptor;"},
-};
-
-// The same behind a driver's own stream, on JVMs that are older than those of the table.
+// After a driver's own stream, on JVMs that are older than those of the table.
 constexpr char ENCRYPTED_SOCKET[] =
     "c,Lsun/security/ssl/SSLSocketImpl;|sockInput,Ljava/io/InputStream;|fd,Ljava/io/FileDescriptor;";
 
@@ -88,20 +46,32 @@ bool HasNone(const char *missing) {
     return false;
 }
 
-bool IsMetered(jobject stream) {
+// What the tables read of an object, by its class; null for nothing.
+const QorTableObject *FindRow(jobject object) {
     char own[NAME_SIZE] = "";
-    return stream && QorGetObjectClassSignature(stream, own) == 0 && strcmp(own, METERED_STREAM) == 0;
+    QorGetObjectClassSignature(object, own);
+    return QorFindTableObject(own);
 }
 
-// The FileDescriptor of a stream of the JVM, null for any other stream.
+// The FileDescriptor of a stream of the JVM, null for any other stream. The first way that leads there
+// counts.
 jobject FindInTable(jobject stream) {
-    char own[NAME_SIZE] = "";
-    QorGetObjectClassSignature(stream, own);
-    for (const StreamRow &row : STREAM_ROWS)
-        if (strcmp(own, row.signature) == 0)
-            if (jobject descriptor = QorFollowObjectMap(row.path, stream))
+    const QorTableObject *row = FindRow(stream);
+    if (!row)
+        return nullptr;
+    for (const QorTableWay &way : row->ways)
+        if (way.target == &products::SOCKET)
+            if (jobject descriptor = QorFollowObjectMap(way.way, stream))
                 return descriptor;
     return nullptr;
+}
+
+// The stream that the driver's session reads from, without the counting one before it.
+jobject FindStream(jobject holder) {
+    jobject stream = QorFollowObjectMap(products::SESSION_STREAM, holder);
+    const QorTableObject *row = stream ? FindRow(stream) : nullptr;
+    const char *const real = row ? QorWayTo(*row, products::STREAM) : nullptr;
+    return real ? QorFollowObjectMap(real, stream) : stream;
 }
 
 jobject FindDescriptor(jobject stream) {
@@ -111,17 +81,17 @@ jobject FindDescriptor(jobject stream) {
     QorGetObjField(stream, "fd", "Ljava/io/FileDescriptor;", &descriptor);
     if (descriptor)
         return descriptor;
-    jobject behind = QorFollowObjectMap(REAL_STREAM, stream);
-    if (!behind)
+    jobject real = QorFollowObjectMap(REAL_STREAM, stream);
+    if (!real)
         return nullptr;
-    descriptor = FindInTable(behind);
-    return descriptor ? descriptor : QorFollowObjectMap(ENCRYPTED_SOCKET, behind);
+    descriptor = FindInTable(real);
+    return descriptor ? descriptor : QorFollowObjectMap(ENCRYPTED_SOCKET, real);
 }
 
 } // namespace
 
 int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int64_t *fd) {
-    jobject holder = directConnection ? connection : QorFollowObjectMap(SESSION_HOLDER, connection);
+    jobject holder = directConnection ? connection : QorFollowObjectMap(products::DB_ACCESS_OF, connection);
     if (!holder)
         return -1;
     if (!directConnection && tessar_thick_driver) {
@@ -130,9 +100,7 @@ int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int
         *fd = 0;
         return -1;
     }
-    jobject stream = QorFollowObjectMap(NETWORK_STREAM, holder);
-    if (IsMetered(stream))
-        stream = QorFollowObjectMap(REAL_STREAM, stream);
+    jobject stream = FindStream(holder);
     jobject descriptor = stream ? FindDescriptor(stream) : nullptr;
     int32_t value = -1;
     if (!descriptor || QorGetIntObjectField(descriptor, "fd", "I", &value) < 0)
@@ -142,14 +110,13 @@ int32_t QorGetFdFromConnection(jobject connection, int32_t directConnection, int
 }
 
 int32_t QorGetFdFromSocket(jobject socket, int64_t *fd) {
-    char own[NAME_SIZE] = "";
-    QorGetObjectClassSignature(socket, own);
-    const auto isOwn = [&own](const StreamRow &row) { return strcmp(own, row.signature) == 0; };
-    const bool isInTable = std::any_of(std::begin(SOCKET_ROWS), std::end(SOCKET_ROWS), isOwn);
-    for (const StreamRow &row : SOCKET_ROWS) {
-        if (isInTable ? !isOwn(row) : row.signature != SOCKET)
+    const QorTableObject *row = FindRow(socket);
+    if (!row)
+        row = QorFindTableObject(products::ANY_SOCKET);
+    for (const QorTableWay &way : row->ways) {
+        if (way.target != &products::SOCKET)
             continue;
-        jobject descriptor = QorFollowPath(row.path, socket).object;
+        jobject descriptor = QorFollowPath(way.way, socket, PATH_SILENT).object;
         int32_t value = -1;
         if (!descriptor || QorGetIntObjectField(descriptor, "fd", "I", &value) < 0)
             continue;
@@ -160,10 +127,10 @@ int32_t QorGetFdFromSocket(jobject socket, int64_t *fd) {
 }
 
 int32_t QorGetFdFromThickDriver(int64_t *fd, jobject dbAccess) {
-    int64_t state = 0;
-    if (QorGetLongObjectField(dbAccess, "c_state", "J", &state) < 0 || state == 0)
+    const QorPathEnd state = QorFollowPath(products::NATIVE_STATE_OF, dbAccess, PATH_LOGGED);
+    if (!state.isNumber || state.number == 0)
         return -1;
-    return QorFollowThickDriver(static_cast<uint64_t>(state), 0, fd) ? 0 : -1;
+    return QorFollowThickDriver(static_cast<uint64_t>(state.number), 0, fd) ? 0 : -1;
 }
 
 bool QorFollowThickDriver(uint64_t start, size_t firstStep, int64_t *fd) {

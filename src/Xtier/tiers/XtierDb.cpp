@@ -1,14 +1,13 @@
 #include "XtierDb.h"
 
-#include "ObjectMap.h"
 #include "SocketAddresses.h"
+#include "TierReader.h"
 #include "ValueText.h"
-#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/JniFields.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
+#include "products.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorsettings.h"
@@ -26,60 +25,6 @@ constexpr int32_t SQL_ID_SIZE = 16;    // an id between two marks and a terminat
 constexpr size_t SQL_ID_LENGTH = 13;
 constexpr int32_t DRIVER_CLASSES = 32;
 
-// How a kind of object leads to the connection, and the connection to all else.
-enum DriverForm {
-    FORM_DIRECT,    // the connection names the user and holds the session by "db_access"; SQL is the object's
-    FORM_LAYERED,   // user and SQL are the connection's affair, which holds the session itself
-    FORM_CONNECTION // the same, and the object is the connection
-};
-
-struct ObjectRow {
-    const char *signature;
-    DriverForm form;
-    const char *paths[2]; // object maps to the connection, the first that leads there counts
-    bool fromFrame;       // known to QorGetDBRequestData
-    bool sqlFromFrame;    // and asked for its SQL there
-};
-
-constexpr char DIRECT_CONNECTION[] = "connection,Ltessar/jdbc/driver/TessarConnection;";
-constexpr char PHYSICAL_CONNECTION[] = "connection,Ltessar/jdbc/driver/PhysicalConnection;";
-constexpr char Q5_CONNECTION[] = "q5Connection,Ltessar/jdbc/driver/Q5DConnection;";
-
-constexpr ObjectRow ROWS[] = {
-    {"tessar/jdbc/driver/TessarPreparedStatement", FORM_DIRECT, {DIRECT_CONNECTION}, true, true},
-    {"Ltessar/jdbc/driver/TessarPreparedStatement;", FORM_DIRECT, {DIRECT_CONNECTION}, true, true},
-    {"tessar/jdbc/driver/TessarStatement", FORM_DIRECT, {DIRECT_CONNECTION}, false, false},
-    {"Ltessar/jdbc/driver/TessarStatement;", FORM_DIRECT, {DIRECT_CONNECTION}, false, false},
-    {"Ltessar/jdbc/driver/Q5DPreparedStatement;",
-     FORM_LAYERED,
-     {PHYSICAL_CONNECTION, Q5_CONNECTION},
-     true,
-     true},
-    {"tessar/jdbc/driver/Q5DPreparedStatement",
-     FORM_LAYERED,
-     {PHYSICAL_CONNECTION, Q5_CONNECTION},
-     true,
-     true},
-    {"tessar/jdbc/driver/Q5DCallableStatement", FORM_LAYERED, {Q5_CONNECTION}, true, false},
-    {"Ltessar/jdbc/driver/Q5DCallableStatement;", FORM_LAYERED, {Q5_CONNECTION}, true, false},
-    {"Ltessar/jdbc/driver/Q5DConnection;", FORM_CONNECTION, {}, true, false},
-    {"tessar/jdbc/driver/Q5DConnection", FORM_CONNECTION, {}, true, false},
-};
-
-constexpr char STATEMENT_TEXT[] = "sqlObject,Ltessar/jdbc/driver/TessarSql;|originalSql,Ljava/lang/String;";
-
-// Frames on which QorGetDBRequestData acts.
-struct FrameRow {
-    const char *className;
-    bool whole; // the name must be this one, not merely begin so
-};
-
-constexpr FrameRow FRAME_ROWS[] = {
-    {"tessar.jdbc.driver.TessarStatement", false},     {"tessar.jdbc.driver.TessarResultSetImpl", true},
-    {"tessar.jdbc.driver.Q5DPreparedStatement", true}, {"tessar.jdbc.driver.Q5DConnection", false},
-    {"tessar/jdbc/driver/Q5DConnection", false},
-};
-
 // What the last tries of the fields that name the user gave: 0 found, -1 not.
 struct UserFields {
     int32_t iRetValue;
@@ -91,21 +36,6 @@ struct UserFields {
 int32_t iStatementObjectStatus[DRIVER_CLASSES];
 int32_t failedTries;
 
-const ObjectRow *FindRow(const char *signature) {
-    for (const ObjectRow &row : ROWS)
-        if (strcmp(signature, row.signature) == 0)
-            return &row;
-    return nullptr;
-}
-
-bool IsDriverFrame(const char *className) {
-    for (const FrameRow &row : FRAME_ROWS)
-        if (row.whole ? strcmp(className, row.className) == 0
-                      : strncmp(className, row.className, strlen(row.className)) == 0)
-            return true;
-    return false;
-}
-
 // A class that another thread is initialising tells nothing of what its version has.
 bool IsReadable(jobject object) {
     jclass klass = QorGetObjectClass(jvmtijni_env, object);
@@ -114,26 +44,47 @@ bool IsReadable(jobject object) {
     return readable;
 }
 
-jobject FindConnection(const ObjectRow &row, jobject object) {
-    if (row.form == FORM_CONNECTION)
-        return object;
-    for (const char *path : row.paths)
-        if (jobject connection = path ? QorFollowObjectMap(path, object) : nullptr)
-            return connection;
+// The first way that leads to a connection counts; null for none.
+jobject FindConnection(const QorTableObject &row, jobject object) {
+    for (const QorTableWay &way : row.ways)
+        if (way.target == &products::CONNECTION)
+            if (jobject connection = QorFollowPath(way.way, object, PATH_LOGGED).object)
+                return connection;
     return nullptr;
+}
+
+// The form of the connections that an object leads to, FORM_OBJECT for none.
+QorTierForm FormOf(const QorTableObject &row) {
+    for (const QorTableWay &way : row.ways)
+        if (way.target == &products::CONNECTION)
+            return way.form;
+    return FORM_OBJECT;
+}
+
+// A String of the object's own: -1 when there is no such field.
+int32_t ReadString(jobject object, const char *path, char *dest, int32_t capacity) {
+    const QorPathEnd found = QorFollowPath(path, object, PATH_LOGGED);
+    QorReadText(found, dest, capacity);
+    QorDeleteLocalRef(jvmtijni_env, found.object);
+    return found.missingAt < 0 ? 0 : -1;
 }
 
 // A driver has one of the two fields; the one that it was seen to have is tried first.
 void ReadUser(jobject connection, UserFields *seen, char *user) {
+    const auto readUser = [=] {
+        seen->iRetValue = ReadString(connection, products::CONNECTION_USER, user, DB_USER_SIZE);
+        return seen->iRetValue;
+    };
+    const auto readUserName = [=] {
+        seen->iRetValue1 = ReadString(connection, products::CONNECTION_USER_NAME, user, DB_USER_SIZE);
+        return seen->iRetValue1;
+    };
     if (seen->iRetValue == 0 && seen->iRetValue1 == -1) {
-        seen->iRetValue = QorReadStringField(connection, "user", user, DB_USER_SIZE);
-        if (seen->iRetValue < 0)
-            seen->iRetValue1 = QorReadStringField(connection, "userName", user, DB_USER_SIZE);
-        return;
+        if (readUser() < 0)
+            readUserName();
+    } else if (readUserName() < 0) {
+        readUser();
     }
-    seen->iRetValue1 = QorReadStringField(connection, "userName", user, DB_USER_SIZE);
-    if (seen->iRetValue1 < 0)
-        seen->iRetValue = QorReadStringField(connection, "user", user, DB_USER_SIZE);
 }
 
 int32_t HashOfClass(jobject object) {
@@ -182,29 +133,20 @@ int64_t AsNumber(jobject reference) {
     return reinterpret_cast<intptr_t>(reference);
 }
 
-// `isFrame`: the frame's reader, which reads less.
-void ReadDirect(const ObjectRow &row, jobject object, bool isFrame, QorDBRequestData *record) {
-    jobject sql = nullptr;
-    if (QorGetObjField(object, "sql_query", "Ljava/lang/String;", &sql) == 0) {
-        record->sqlRef = AsNumber(sql);
-        if (!isFrame)
-            ReadSqlText(static_cast<jstring>(sql), gbSqlQueryLength, LOG_TRACE, record);
+void ReadDirect(const QorTableObject &row, jobject object, QorReading reading, QorDBRequestData *record) {
+    const QorPathEnd sql = QorFollowPath(products::STATEMENT_SQL, object, PATH_LOGGED);
+    if (sql.missingAt < 0) {
+        record->sqlRef = AsNumber(sql.object);
+        if (reading == READ_ENTRY)
+            ReadSqlText(static_cast<jstring>(sql.object), gbSqlQueryLength, LOG_TRACE, record);
     }
     jobject connection = FindConnection(row, object);
     if (!connection)
         return;
-    QorReadStringField(connection, "url", record->url, sizeof record->url);
-    QorReadStringField(connection, "user", record->user, sizeof record->user);
+    ReadString(connection, products::CONNECTION_URL, record->url, sizeof record->url);
+    ReadString(connection, products::CONNECTION_USER, record->user, sizeof record->user);
     QorReadConnectionHash(connection, record);
     ReadSocket(connection, 0, record);
-}
-
-// What both readers take from a connection of the layered form.
-void ReadConnection(jobject connection, int32_t urlSize, UserFields *seen, QorDBRequestData *record) {
-    QorReadStringField(connection, "url", record->url, urlSize);
-    ReadUser(connection, seen, record->user);
-    QorReadConnectionHash(connection, record);
-    ReadSocket(connection, 1, record);
 }
 
 // The SQL of the statement that the connection is at, or null.
@@ -212,17 +154,42 @@ jstring FindCurrentSql(jobject connection) {
     const int32_t classHash = HashOfClass(connection);
     if (HasNoStatements(classHash))
         return nullptr;
-    jobject statement = nullptr;
-    if (QorGetObjField(connection, "statements", "Ltessar/jdbc/driver/TessarStatement;", &statement) < 0)
+    const QorPathEnd sql = QorFollowPath(products::CURRENT_SQL, connection, PATH_LOGGED);
+    if (sql.missingAt == 0)
         iStatementObjectStatus[failedTries++ % DRIVER_CLASSES] = classHash;
-    return statement ? static_cast<jstring>(QorFollowObjectMap(STATEMENT_TEXT, statement)) : nullptr;
+    return static_cast<jstring>(sql.object);
+}
+
+void ReadLayered(const QorTableObject &row, jobject object, QorReading reading, QorDBRequestData *record) {
+    static UserFields seen[] = {{0, -1}, {0, -1}}; // by each of the readers
+    jobject connection = FindConnection(row, object);
+    if (!connection || !IsReadable(connection))
+        return;
+    const bool isEntry = reading == READ_ENTRY;
+    ReadString(connection, products::CONNECTION_URL, record->url,
+               isEntry ? int32_t{DB_URL_SIZE} : FRAME_URL_SIZE);
+    ReadUser(connection, &seen[reading], record->user);
+    QorReadConnectionHash(connection, record);
+    ReadSocket(connection, 1, record);
+    jstring sql = isEntry || row.atOnce == AT_ONCE_WITH_SQL ? FindCurrentSql(connection) : nullptr;
+    if (sql && isEntry)
+        ReadSqlText(sql, gbSqlQueryLength, LOG_TRACE, record);
+    if (sql)
+        record->sqlRef = AsNumber(sql);
 }
 
 } // namespace
 
+void QorReadDatabaseObject(const QorTableObject &row, jobject object, QorReading reading,
+                           QorDBRequestData *record) {
+    if (FormOf(row) == FORM_DIRECT)
+        ReadDirect(row, object, reading, record);
+    else
+        ReadLayered(row, object, reading, record);
+}
+
 int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *entry,
                                              QorDBRequestData *record) {
-    static UserFields seen = {0, -1};
     if (!entry || !record) {
         QORLOG(LOG_TRACE, "QorGetDBReuestDataFromLOcalVariable : ptrQorAllThreadLocalInfoList or "
                           "ptrQorDBRequestData is NULL");
@@ -233,57 +200,13 @@ int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *en
         return 0;
     }
     record->dbType = DB_TYPE_TESSAR;
-    const ObjectRow *row = FindRow(entry->strSignature);
-    if (!row)
+    const QorTableObject *row = QorFindTableObject(entry->strSignature);
+    if (!row || !(row->kinds & FRAME_DATABASE))
         return 0;
     QorLocalFrame frame(jvmtijni_env, FRAME_REFERENCES);
     if (!frame.pushed)
         QORLOG(LOG_NOTE, "QorAgent : Out of Memory XtierDb");
-    if (row->form == FORM_DIRECT) {
-        ReadDirect(*row, entry->objLocalVarHandle, false, record);
-        return 0;
-    }
-    jobject connection = FindConnection(*row, entry->objLocalVarHandle);
-    if (!connection || !IsReadable(connection))
-        return 0;
-    ReadConnection(connection, sizeof record->url, &seen, record);
-    if (jstring sql = FindCurrentSql(connection)) {
-        ReadSqlText(sql, gbSqlQueryLength, LOG_TRACE, record);
-        record->sqlRef = AsNumber(sql);
-    }
-    return 0;
-}
-
-int32_t QorGetDBRequestData(const QorThreadRecord *thread, const QorFrameRecord *frame,
-                            QorDBRequestData *record) {
-    static UserFields seen = {0, -1};
-    if (!thread || !frame || !record)
-        return -1;
-    if (!IsDriverFrame(frame->className))
-        return 0;
-    if (record->url[0] && record->user[0]) {
-        QORLOG(LOG_TRACE, " Url Not Null");
-        return 0;
-    }
-    QORLOG(LOG_TRACE, " DB_URL or DB_User is Empty");
-    record->dbType = DB_TYPE_TESSAR;
-    QorLocalFrame references(jvmtijni_env, FRAME_REFERENCES);
-    QorLocalObjectRecord local;
-    if (!references.pushed || QorGetLocalObject(thread->tid, frame->methodId, &local) < 0 || !local.object)
-        return 0;
-    const ObjectRow *row = FindRow(local.signature);
-    if (!row || !row->fromFrame)
-        return 0;
-    if (row->form == FORM_DIRECT) {
-        ReadDirect(*row, local.object, true, record);
-        return 0;
-    }
-    jobject connection = FindConnection(*row, local.object);
-    if (!connection || !IsReadable(connection))
-        return 0;
-    ReadConnection(connection, FRAME_URL_SIZE, &seen, record);
-    if (jstring sql = row->sqlFromFrame ? FindCurrentSql(connection) : nullptr)
-        record->sqlRef = AsNumber(sql);
+    QorReadDatabaseObject(*row, entry->objLocalVarHandle, READ_ENTRY, record);
     return 0;
 }
 
@@ -318,9 +241,9 @@ void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *recor
     if (!statement || !record)
         return;
     QorLocalFrame frame(jvmtijni_env, FRAME_REFERENCES);
-    jobject sql = nullptr;
-    if (QorGetObjField(statement, "_sqlStr", "Ljava/lang/String;", &sql) == 0)
-        ReadSqlText(static_cast<jstring>(sql), gbSqlQueryLength - 1, LOG_NOTE, record);
+    const QorPathEnd sql = QorFollowPath("_sqlStr,Ljava/lang/String;", statement, PATH_LOGGED);
+    if (sql.missingAt < 0)
+        ReadSqlText(static_cast<jstring>(sql.object), gbSqlQueryLength - 1, LOG_NOTE, record);
     record->dbType = DB_TYPE_SYBASE;
     jobject connection = QorFollowObjectMap("_context,Lcom/sybase/jdbc3/jdbc/ProtocolContext;|"
                                             "_conn,Lcom/sybase/jdbc3/jdbc/SybConnection;",
@@ -328,7 +251,7 @@ void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *recor
     if (!connection)
         return;
     QorReadConnectionHash(connection, record);
-    QorReadStringField(connection, "_url", record->url, sizeof record->url);
+    ReadString(connection, "_url,Ljava/lang/String;", record->url, sizeof record->url);
     QORLOG(LOG_NOTE, "DB URL %s", record->url);
     QorStrncpy(record->user, "sa", sizeof record->user, sizeof record->user);
 }

@@ -5,6 +5,7 @@
 
 #include "CallRecords.h"
 #include "LocalList.h"
+#include "tier.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -16,9 +17,11 @@
 int32_t QorGetDBRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *entry,
                                              QorDBRequestData *record);
 
-// The same from a frame, with a reference walk of its own; for gbQorRELocal.
-int32_t QorGetDBRequestData(const QorThreadRecord *thread, const QorFrameRecord *frame,
-                            QorDBRequestData *record);
+// Reads an object of the tables that is FRAME_DATABASE. At once, from a single frame, less is read: no SQL
+// text, and of a layered connection the beginning of its URL.
+enum QorReading : int32_t { READ_ENTRY, READ_AT_ONCE };
+void QorReadDatabaseObject(const QorTableObject &row, jobject object, QorReading reading,
+                           QorDBRequestData *record);
 
 // Forgets which classes of connections have no statements. Shutdown.
 void QorForgetDriverClasses();

@@ -11,7 +11,3 @@
 // Fills the record's URL from an entry's object: 0, or -1 for a null argument (logged).
 int32_t QorGetJSPRequestDataFromLocalVariable(const QorAllThreadLocalInfoList *entry,
                                               QorJSPRequestData *record);
-
-// The same from a frame, with a reference walk of its own; for gbQorRELocal.
-int32_t QorGetJSPRequest(const QorThreadRecord *thread, const QorFrameRecord *frame,
-                         QorJSPRequestData *record);

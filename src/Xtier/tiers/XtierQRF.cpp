@@ -1,14 +1,11 @@
 #include "XtierQRF.h"
 
-#include "ObjectMap.h"
-#include "ValueText.h"
-#include "Xtier/walk/LocalWalk.h"
+#include "TierReader.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
+#include "products.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
-#include "tier.h"
 
 #include <algorithm>
 #include <cstring>
@@ -18,42 +15,8 @@ namespace {
 constexpr jint FRAME_REFERENCES = 16; // every reader drops what it gets on the way
 constexpr int32_t MAX_LINE_ENDS = 999;
 
-// Objects that bear a name, or hold one that does.
-struct NameRow {
-    const char *signature;
-    const char *path; // object map
-};
-
-// The object of an entity frame is not the event that marks it but the local next to it.
-constexpr char ENTITY_MARK[] = "Ltessar/kvo/server/TransactionEvent;";
-constexpr NameRow OBJECT_NAMES[] = {
-    {"Ltessar/kvo/server/ViewObjectImpl;",
-     "mViewDef,Ltessar/kvo/server/ViewDefImpl;|mObjName,Ljava/lang/String;"},
-    {"Ltessar/kvo/server/ViewAttributeDefImpl;",
-     "mDef,Ltessar/kvo/server/RowDef;|mObjName,Ljava/lang/String;"},
-    {ENTITY_MARK, "mEbi,Ltessar/kvo/server/EntityDefImpl;|mObjName,Ljava/lang/String;"},
-};
-
-constexpr NameRow PAGE_NAMES[] = {
-    {"Ltessar/qrfinternal/controller/state/ChildViewPortContextImpl;",
-     "mParent,Ltessar/qrfinternal/controller/state/ViewPortContextImpl;|"
-     "mCachedPhysicalUri,Ljava/lang/String;"},
-    {"Lferrule/servlet/internal/RequestEventsFilter$EventsRequestWrapper;",
-     "request,Ljavax/servlet/ServletRequest;|servletPath,Ljava/lang/String;"},
-};
-
-constexpr char EL_TEXT[] = "expr,Ljava/lang/String;";
-constexpr char GROOVY_SCRIPT[] = "mExprStr,Ljava/lang/String;";
-constexpr char GROOVY_NAME[] = "name,Ljava/lang/String;"; // of the site being run, and of each in the array
-constexpr char GROOVY_SITES[] = "array,Lorg/codehaus/groovy/runtime/callsite/CallSiteArray;|"
-                                "array,[Lorg/codehaus/groovy/runtime/callsite/CallSite;";
-
-template <size_t N>
-const NameRow *FindRow(const NameRow (&rows)[N], const char *signature) {
-    for (const NameRow &row : rows)
-        if (strcmp(row.signature, signature) == 0)
-            return &row;
-    return nullptr;
+int32_t Read(const QorAllThreadLocalInfoList &entry, QorTierRecord kind, QorJSPRequestData *record) {
+    return QorReadByTables(entry.objLocalVarHandle, entry.strSignature, entry.methodName, kind, record);
 }
 
 void ReadObjectName(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *record) {
@@ -65,16 +28,13 @@ void ReadObjectName(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *r
             QORLOG_RATIONED(LOG_ERROR, "qrf frame VO Obj is NULL ");
         return;
     }
-    const NameRow *row = FindRow(OBJECT_NAMES, entry->strSignature);
-    if (!row)
-        return;
-    char *name = record->qrfObjectName;
-    if (QorReadStringByMap(row->path, entry->objLocalVarHandle, name, sizeof record->qrfObjectName) < 0)
+    const int32_t found = Read(*entry, RECORD_NAME, record);
+    if (found < 0)
         QORLOG_RATIONED(LOG_ERROR, "qrfObj is NULL ");
-    else if (row->signature == ENTITY_MARK)
-        QORLOG(LOG_DETAIL, "QRF Entity Object Name : %s ", name);
-    else
-        QORLOG(LOG_DETAIL, "QRF Vo Object Name : %s ", name);
+    else if (found > 0 && IsQRFEoFrameObject(entry->strSignature))
+        QORLOG(LOG_DETAIL, "QRF Entity Object Name : %s ", record->qrfObjectName);
+    else if (found > 0)
+        QORLOG(LOG_DETAIL, "QRF Vo Object Name : %s ", record->qrfObjectName);
 }
 
 void ReadElExpression(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *record) {
@@ -82,37 +42,32 @@ void ReadElExpression(const QorAllThreadLocalInfoList *entry, QorJSPRequestData 
         QORLOG_RATIONED(LOG_ERROR, "QRF EL frame objLocal is NULL");
     else if (!isQRFELFrameObject(entry->strSignature))
         QORLOG_RATIONED(LOG_ERROR, "QRF EL frame objEL Obj is NULL");
-    else if (QorReadStringByMap(EL_TEXT, entry->objLocalVarHandle, record->elExpression,
-                                sizeof record->elExpression) < 0)
+    else if (Read(*entry, RECORD_EXPRESSION, record) < 0)
         QORLOG_RATIONED(LOG_ERROR, "EL Object is NULL");
     else
         QORLOG(LOG_DETAIL, "QRF EL Script : %s", record->elExpression);
 }
 
 // The script never gets into a reply, and its lines are counted: it keeps its line ends.
-void ReadScript(jobject object, QorJSPRequestData *record) {
-    jobject text = QorFollowObjectMap(GROOVY_SCRIPT, object);
-    if (!text) {
+void ReadScript(const QorAllThreadLocalInfoList &entry, QorJSPRequestData *record) {
+    if (Read(entry, RECORD_SCRIPT, record) < 0)
         QORLOG_RATIONED(LOG_ERROR, "Groovy Object is NULL");
-        return;
-    }
-    bool cut = false;
-    QorCopyStringText(static_cast<jstring>(text), record->groovyScript, sizeof record->groovyScript, &cut);
-    QORLOG(LOG_DETAIL, "QRF Groovy Script : %s", record->groovyScript);
-    QorDeleteLocalRef(jvmtijni_env, text);
+    else
+        QORLOG(LOG_DETAIL, "QRF Groovy Script : %s", record->groovyScript);
 }
 
+// The name of the call being run, its number and the script's calls.
 void ReadCurrentLine(jobject object, QorJSPRequestData *record) {
-    if (QorReadStringByMap(GROOVY_NAME, object, record->groovyCurrentLine, sizeof record->groovyCurrentLine) <
-        0) {
+    if (QorReadStringByMap(products::SITE_NAME, object, record->groovyCurrentLine,
+                           sizeof record->groovyCurrentLine) < 0) {
         QORLOG_RATIONED(LOG_ERROR, "QRF  Groovy groovyCurrLineOb is NULL");
         return;
     }
-    int32_t index = 0;
-    record->groovyCurrentIndex = QorGetIntObjectField(object, "index", "I", &index) == 0 ? index : -1;
+    const QorPathEnd index = QorFollowPath(products::SITE_INDEX, object, PATH_LOGGED);
+    QorStoreValue(FORM_NUMBER_OR_NONE, index, object, &record->groovyCurrentIndex, sizeof(int32_t));
     QORLOG(LOG_DETAIL, "QRF Groovy Script Current Line : %s index = %d", record->groovyCurrentLine,
            record->groovyCurrentIndex);
-    jobject sites = QorFollowObjectMap(GROOVY_SITES, object);
+    jobject sites = QorFollowObjectMap(products::SITE_ARRAY, object);
     if (sites)
         parseGroovyArray(static_cast<jobjectArray>(sites), record);
     else
@@ -129,13 +84,13 @@ void ReadGroovy(const QorAllThreadLocalInfoList *entry, QorJSPRequestData *recor
         else
             QORLOG_RATIONED(LOG_ERROR, "QRF Groovy frame Obj is NULL");
     } else if (isQRFGroovyScripFrameObject(entry->strSignature)) {
-        ReadScript(object, record);
+        ReadScript(*entry, record);
     } else if (isQRFGroovyCurrentLineFrameObject(entry->strSignature)) {
         ReadCurrentLine(object, record);
     }
 }
 
-// The first `maxIndex` + 1 names, each looked for behind the one before: the place behind the last one found.
+// The first `maxIndex` + 1 names, each looked for after the one before: the place after the last one found.
 const char *FollowCallSites(const char *script, const char (*callSites)[GROOVY_LINE_SIZE], int32_t rows,
                             int32_t maxIndex) {
     const char *cursor = script;
@@ -176,12 +131,13 @@ void QorReadPageName(const QorAllThreadLocalInfoList *entry, char *name) {
         QORLOG(LOG_NOTE, "qrf frame jspx Obj is NULL ");
         return;
     }
-    const NameRow *row = FindRow(PAGE_NAMES, entry->strSignature);
-    if (!row)
-        return;
     QorLocalFrame frame(jvmtijni_env, FRAME_REFERENCES);
     char found[REQUEST_TEXT_SIZE];
-    if (QorReadStringByMap(row->path, entry->objLocalVarHandle, found, sizeof found) < 0) {
+    const int32_t result =
+        QorReadByTables(entry->objLocalVarHandle, entry->strSignature, entry->methodName, RECORD_PAGE, found);
+    if (result == 0)
+        return;
+    if (result < 0) {
         QORLOG(LOG_NOTE, "qrf Obj is NULL ");
         return;
     }
@@ -208,7 +164,7 @@ void parseGroovyArray(jobjectArray array, QorJSPRequestData *record) {
             continue;
         }
         char *row = record->groovyCallSites[rows];
-        if (QorReadStringByMap(GROOVY_NAME, site, row, GROOVY_LINE_SIZE) == 0) {
+        if (QorReadStringByMap(products::SITE_NAME, site, row, GROOVY_LINE_SIZE) == 0) {
             QORLOG(LOG_DETAIL, "QRF Groovy Script Line : %s", row);
             rows++;
         } else {
@@ -242,19 +198,4 @@ int32_t getGroovyCurrentLineNo(const char *script, const char (*callSites)[GROOV
     }
     QORLOG(LOG_DETAIL, "Error: Groovy Script contains more than 1000 lines ");
     return maxIndex;
-}
-
-int32_t getQRFData(const QorThreadRecord *thread, const QorFrameRecord *frame, const char *map, char *dest) {
-    if (!thread || !frame || !map || !dest) {
-        QORLOG(LOG_TRACE,
-               "QorGetDBReuestDataFromLOcalVariable : ptrThrInfo or QorFrameExtractedInfoObj is NULL");
-        return -1;
-    }
-    QorLocalFrame references(jvmtijni_env, FRAME_REFERENCES);
-    QorLocalObjectRecord local;
-    if (!references.pushed || QorGetLocalObject(thread->tid, frame->methodId, &local) < 0 || !local.object)
-        QORLOG_RATIONED(LOG_ERROR, "Qor Agent Error: Not able to get Local Object for map %s", map);
-    else if (QorReadStringByMap(map, local.object, dest, REQUEST_TEXT_SIZE) < 0)
-        QORLOG_RATIONED(LOG_ERROR, "Qor Agent : Error Not able to get String Object for map %s", map);
-    return 0;
 }

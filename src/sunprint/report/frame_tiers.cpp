@@ -210,13 +210,13 @@ bool ReadByLocal(const QorLocalName (&rows)[N], const QorFrameInfo &frame, char 
 void ReadCallSites(const QorFrameInfo &frame, QorThreadTiers *tiers) {
     QorJSPRequestData &sites = objQorJSPRequestData;
     sites.groovyCallSiteCount = 0;
-    tiers->callSite = static_cast<int32_t>(QorTierValue(GROOVY_INDEX, frame.receiver));
-    const uint64_t array = QorTierValue(GROOVY_SITES, frame.receiver);
+    tiers->callSite = static_cast<int32_t>(QorTierValue(products::SITE_INDEX, frame.receiver));
+    const uint64_t array = QorTierValue(products::SITE_ARRAY, frame.receiver);
     const int32_t length = QorIsOfType(array, TYPE_OBJ_ARRAY) ? QorInt32At(array + ARRAY_LENGTH) : 0;
     for (int32_t i = 0; i < length && i < GROOVY_CALL_SITES; i++) {
         const uint64_t site = QorWordAt(array + ARRAY_ELEMENTS + static_cast<uint64_t>(i) * VM_WORD_SIZE);
         char *const row = sites.groovyCallSites[sites.groovyCallSiteCount];
-        if (QorTierText(GROOVY_NAME, site, row, GROOVY_LINE_SIZE))
+        if (QorTierText(products::SITE_NAME, site, row, GROOVY_LINE_SIZE))
             sites.groovyCallSiteCount++;
     }
 }
@@ -249,7 +249,7 @@ bool ReadScript(uint64_t string, char *out) {
 void FindScriptLine(const QorFrameInfo &frame, QorThreadTiers *tiers) {
     QorJSPRequestData &script = objQorJSPRequestData;
     if (tiers->callSite < 0 || tiers->line != 0 ||
-        !ReadScript(QorTierValue(GROOVY_SCRIPT, frame.receiver), script.groovyScript))
+        !ReadScript(QorTierValue(products::SCRIPT_TEXT, frame.receiver), script.groovyScript))
         return;
     tiers->line = getGroovyCurrentLineNo(script.groovyScript, script.groovyCallSites,
                                          script.groovyCallSiteCount, tiers->callSite, GROOVY_INDEX_LIMIT);
@@ -263,14 +263,14 @@ void ReadPage(const QorFrameInfo &frame, QorThreadTiers *tiers) {
 
 QorFramework ReadFramework(const QorFrameRecord &record, const QorFrameInfo &frame, char *name) {
     const uint64_t object = frame.receiver;
-    if (is_eo_frame(&record) && QorTierText(ENTITY_NAME, object, name, FRAME_TEXT_SIZE))
+    if (is_eo_frame(&record) && QorTierText(products::ENTITY_NAME, object, name, FRAME_TEXT_SIZE))
         return FRAMEWORK_ENTITY;
-    if (is_vo_frame(&record) &&
-        (QorTierText(VIEW_NAME, object, name, FRAME_TEXT_SIZE) || ReadByLocal(VIEW_LOCALS, frame, name)))
+    if (is_vo_frame(&record) && (QorTierText(products::VIEW_NAME, object, name, FRAME_TEXT_SIZE) ||
+                                 ReadByLocal(VIEW_LOCALS, frame, name)))
         return FRAMEWORK_VIEW;
-    if (isGroovyLineDataPresent(&record) && QorTierText(GROOVY_NAME, object, name, FRAME_TEXT_SIZE))
+    if (isGroovyLineDataPresent(&record) && QorTierText(products::SITE_NAME, object, name, FRAME_TEXT_SIZE))
         return FRAMEWORK_GROOVY;
-    if (isELExpDataPresent(&record) && QorTierText(EL_TEXT, object, name, FRAME_TEXT_SIZE))
+    if (isELExpDataPresent(&record) && QorTierText(products::EL_TEXT, object, name, FRAME_TEXT_SIZE))
         return FRAMEWORK_EL;
     return FRAMEWORK_NONE;
 }

@@ -6,6 +6,8 @@
 
 #include "sunprint/frame_info.h"
 
+#include "Xtier/tiers/products.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -50,7 +52,7 @@ constexpr QorRemoteRow REMOTE_ROWS[] = {
      nullptr,
      nullptr,
      nullptr,
-     "replicaHandler,Lferrule/rmi/cluster/ReplicaHandler;|jndiName,Ljava/lang/String;"},
+     products::REMOTE_NAME},
     {{"Ferrule", "ferrule.rmi.internal.frl.FRLExecuteRequest", "run"},
      REMOTE_SERVES,
      OBJECT_RECEIVER,
@@ -142,13 +144,6 @@ constexpr const char *CATALINA_URLS[] = {
 
 // ---- Framework objects
 
-constexpr char ENTITY_NAME[] = "mEbi,Ltessar/kvo/server/EntityDefImpl;|mObjName,Ljava/lang/String;";
-constexpr char VIEW_NAME[] = "mViewDef,Ltessar/kvo/server/ViewDefImpl;|mObjName,Ljava/lang/String;";
-constexpr char EL_TEXT[] = "expr,Ljava/lang/String;";
-constexpr char GROOVY_NAME[] = "name,Ljava/lang/String;", GROOVY_INDEX[] = "index,I";
-constexpr char GROOVY_SITES[] = "array,Lorg/codehaus/groovy/runtime/callsite/CallSiteArray;|"
-                                "array,[Lorg/codehaus/groovy/runtime/callsite/CallSite;";
-constexpr char GROOVY_SCRIPT[] = "mExprStr,Ljava/lang/String;";
 constexpr char PAGE_FILTER[] = "tessar.qrfinternal.view.faces.activedata.AdsFilter";
 
 // Names that lead on from a local variable of a class.
@@ -156,14 +151,11 @@ struct QorLocalName {
     const char *className, *path;
 };
 constexpr QorLocalName VIEW_LOCALS[] = {
-    {"tessar.kvo.server.ViewAttributeDefImpl", "mDef,Ltessar/kvo/server/RowDef;|mObjName,Ljava/lang/String;"},
+    {"tessar.kvo.server.ViewAttributeDefImpl", products::ATTRIBUTE_NAME},
 };
 constexpr QorLocalName PAGE_LOCALS[] = {
-    {"tessar.qrfinternal.controller.state.ChildViewPortContextImpl",
-     "mParent,Ltessar/qrfinternal/controller/state/ViewPortContextImpl;|"
-     "mCachedPhysicalUri,Ljava/lang/String;"},
-    {"ferrule.servlet.internal.RequestEventsFilter$EventsRequestWrapper",
-     "request,Ljavax/servlet/ServletRequest;|servletPath,Ljava/lang/String;"},
+    {"tessar.qrfinternal.controller.state.ChildViewPortContextImpl", products::PORT_PAGE},
+    {"ferrule.servlet.internal.RequestEventsFilter$EventsRequestWrapper", products::EVENTS_PAGE},
 };
 constexpr char PAGE_WORD[] = "jspx";
 
