@@ -1,6 +1,6 @@
 // qorctl: the console. Command line to commands, failures to exit codes.
-#include "commands.h"
-#include "terminal.h"
+#include "base/terminal.h"
+#include "commands/commands.h"
 
 #include <CLI/CLI.hpp>
 #include <climits>

@@ -1,7 +1,7 @@
 #include "jvm_image.h"
 
+#include "base/process.h"
 #include "platforms/elf_symbols.h"
-#include "process.h"
 
 #include <algorithm>
 #include <cstdio>

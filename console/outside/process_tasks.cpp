@@ -1,6 +1,6 @@
 #include "process_tasks.h"
 
-#include "process.h"
+#include "base/process.h"
 
 #include <algorithm>
 #include <cerrno>

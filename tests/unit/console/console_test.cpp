@@ -1,16 +1,16 @@
 // What the console sends, what it reads of a process and a JVM's attach listener, and what it shows.
-#include "attach.h"
-#include "decode.h"
-#include "endpoint.h"
-#include "failure.h"
-#include "inside.h"
-#include "json.h"
-#include "process.h"
-#include "proof.h"
-#include "render.h"
-#include "request.h"
-#include "terminal.h"
+#include "base/failure.h"
+#include "base/inside.h"
+#include "base/process.h"
+#include "base/terminal.h"
+#include "jvm/attach.h"
+#include "jvm/endpoint.h"
+#include "jvm/proof.h"
+#include "show/json.h"
+#include "show/render.h"
 #include "wire.h"
+#include "wire/decode.h"
+#include "wire/request.h"
 
 #include <arpa/inet.h>
 #include <csignal>

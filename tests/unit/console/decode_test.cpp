@@ -1,9 +1,9 @@
 // Replies built by hand, in every form that the agent has: whole, odd, cut and wrong.
-#include "decode.h"
-#include "failure.h"
-#include "json.h"
-#include "render.h"
+#include "base/failure.h"
+#include "show/json.h"
+#include "show/render.h"
 #include "wire.h"
+#include "wire/decode.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Reading a JVM from outside: what is read of /proc, what observations mean, and that no memory of a target,
 // however odd, leads the reader astray.
-#include "outside/render_hung.h"
 #include "outside/thread_sampler.h"
+#include "show/render_hung.h"
 
 #include <atomic>
 #include <csignal>

@@ -1,12 +1,12 @@
 // Heap, collectors and histogram: replies built by hand, and how they are shown.
-#include "copy.h"
-#include "failure.h"
-#include "memory.h"
-#include "protocol.h"
-#include "records.h"
-#include "render_memory.h"
-#include "request.h"
+#include "base/failure.h"
+#include "commands/copy.h"
+#include "show/render_memory.h"
 #include "wire.h"
+#include "wire/memory.h"
+#include "wire/protocol.h"
+#include "wire/records.h"
+#include "wire/request.h"
 
 #include <gtest/gtest.h>
 

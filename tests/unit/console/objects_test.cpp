@@ -1,10 +1,10 @@
 // Locals and objects: replies built by hand, and how they are shown.
-#include "failure.h"
-#include "objects.h"
-#include "protocol.h"
-#include "render_objects.h"
-#include "request.h"
+#include "base/failure.h"
+#include "show/render_objects.h"
 #include "wire.h"
+#include "wire/objects.h"
+#include "wire/protocol.h"
+#include "wire/request.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
 // The views of one thread and of its lock, from replies built by hand; deadlocks and names out of a sample.
-#include "decode.h"
-#include "failure.h"
-#include "json.h"
-#include "locks.h"
-#include "render.h"
-#include "request.h"
+#include "base/failure.h"
+#include "show/json.h"
+#include "show/locks.h"
+#include "show/render.h"
 #include "wire.h"
+#include "wire/decode.h"
+#include "wire/request.h"
 
 #include <gtest/gtest.h>
 

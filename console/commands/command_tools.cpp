@@ -1,0 +1,114 @@
+#include "command_tools.h"
+
+#include "base/failure.h"
+#include "jvm/session.h"
+#include "wire/request.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace qorctl {
+
+namespace {
+
+constexpr size_t MAX_TIERS = 131072; // bytes of the agent's rules
+
+} // namespace
+
+void Print(std::string_view text) {
+    fwrite(text.data(), 1, text.size(), stdout);
+    fflush(stdout);
+}
+
+Style TerminalStyle(const Settings &settings) {
+    Style style;
+    if (!isatty(STDOUT_FILENO))
+        return style;
+    const char *term = getenv("TERM");
+    style.colour = !getenv("NO_COLOR") && term && std::string_view(term) != "dumb";
+    winsize size = {};
+    if (!settings.wide && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
+        style.width = size.ws_col;
+    return style;
+}
+
+void PrintAnswer(const Settings &settings, pid_t pid, const std::string &answer) {
+    if (settings.json)
+        Print(JsonText({{"pid", pid}, {"answer", answer}}, false) + "\n");
+    else
+        Print(Printable(answer) + "\n");
+}
+
+void PrintView(const Settings &settings, double watch, const Json &document, const std::string &text) {
+    if (settings.json)
+        Print(JsonText(document, watch > 0) + "\n");
+    else if (watch > 0 && TerminalStyle(settings).colour)
+        Print("\x1b[H\x1b[2J" + text);
+    else
+        Print(watch > 0 ? text + "\n" : text);
+}
+
+std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request) {
+    Connection connection = RequireAgent(settings, RequireProcess(pid));
+    return connection.Ask(request, Seconds(settings.timeout));
+}
+
+void NoteMissingTiers(const Settings &settings, pid_t pid) {
+    try {
+        std::string state = AskOnce(settings, pid, WalkStateRequest());
+        if (state.find("leftout=1") != std::string::npos)
+            fmt::print(stderr, "qorctl: without data of other tiers, as requests by hand have read local "
+                               "variables for their share of the last ten seconds (option handquota); ask "
+                               "again in a while\n");
+        else if (state.find("cut=1") != std::string::npos)
+            fmt::print(stderr,
+                       "qorctl: data of other tiers may be missing, as the agent stopped reading local "
+                       "variables at its time limit; ask again\n");
+    } catch (const Failure &) { // the view stands without it
+    }
+}
+
+std::string ReadTiers(const Settings &settings, Connection *connection) {
+    std::string text;
+    for (size_t page = 0;; ++page) {
+        std::string asked = connection->Ask(TierPageRequest(page), Seconds(settings.timeout));
+        std::string reply = DecodeText(OpenReply(asked));
+        size_t head = reply.find('\n');
+        if (head == reply.npos || text.size() + reply.size() - head - 1 > MAX_TIERS)
+            throw Failure(fmt::format("the agent answers \"{}\"", reply.substr(0, 200)),
+                          "it may be older than this console");
+        if (head + 1 == reply.size())
+            return text;
+        text += reply.substr(head + 1);
+    }
+}
+
+std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_t pid,
+                                                  const ThreadSample &sample) {
+    if (!MayBeUnknown(sample))
+        return {};
+    try {
+        Connection connection = RequireAgent(settings, RequireProcess(pid));
+        bool has_stacks = std::any_of(sample.threads.begin(), sample.threads.end(),
+                                      [](const Thread &thread) { return !thread.stack.empty(); });
+        ThreadSample more;
+        if (!has_stacks) {
+            ThreadQuestion question;
+            question.details = true;
+            question.locals = false;
+            more =
+                DecodeThreads(OpenReply(connection.Ask(ThreadsRequest(question), Seconds(settings.timeout))));
+        }
+        const ThreadSample &stacks = has_stacks ? sample : more;
+        if (FindUnknownProducts(stacks, "").empty())
+            return {};
+        return FindUnknownProducts(stacks, ReadTiers(settings, &connection));
+    } catch (const Failure &) { // the view stands without it
+        return {};
+    }
+}
+
+} // namespace qorctl

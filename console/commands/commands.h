@@ -1,0 +1,62 @@
+// What qorctl does for each of its commands. Results go to standard output; a Failure ends the command.
+#pragma once
+
+#include "base/settings.h"
+
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace qorctl {
+
+struct ThreadsCommand {
+    bool details = false;
+    bool all = false;
+    std::string thread;
+    std::string match;
+    double watch = 0; // seconds; 0: once
+};
+
+struct SessionsCommand {
+    int port = 0; // the database's
+    std::string host;
+    std::vector<int64_t> processes;
+};
+
+void RunList(const Settings &settings);
+// A look from outside, without the agent.
+void RunHung(const Settings &settings, pid_t pid, bool all, bool stop_thread);
+
+void RunAttach(const Settings &settings, pid_t pid);
+void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
+// `thread` is an id, a key or a name.
+void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+// All connections, or with `port` the thread that has this client port.
+void RunConnections(const Settings &settings, pid_t pid, int port, double watch);
+void RunSessions(const Settings &settings, pid_t pid, const SessionsCommand &command);
+// The rules of drivers and containers that are in force; with `file` those of the file take their place.
+void RunTiers(const Settings &settings, pid_t pid, const std::string &file);
+// Whether dumps are written by a copy of the JVM.
+void RunForkDump(const Settings &settings, pid_t pid, bool on);
+void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+void RunLocals(const Settings &settings, pid_t pid, const std::string &thread, int frame);
+// Each tag's object, or the one that the fields of `follow`, joined by points, lead to from there.
+void RunObject(const Settings &settings, pid_t pid, const std::vector<int64_t> &tags,
+               const std::string &follow);
+void RunHeap(const Settings &settings, pid_t pid, double watch);
+void RunHeapKinds(const Settings &settings, pid_t pid, double watch);
+void RunGc(const Settings &settings, pid_t pid, double watch);
+// With `stop` the JVM itself does the work, paused; else a copy of it where one can be made.
+void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch);
+void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof, bool stop);
+void RunReadDump(const Settings &settings, const std::string &file, int top);
+void RunSummary(const Settings &settings, pid_t pid, double watch);
+// Over an interval in seconds; with `watch` again and again, over that.
+void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
+void RunRules(const Settings &settings, pid_t pid, const std::string &file);
+void RunLog(const Settings &settings, pid_t pid, int level);
+void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);
+void RunShutdown(const Settings &settings, pid_t pid);
+
+} // namespace qorctl

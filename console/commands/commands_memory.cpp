@@ -1,0 +1,93 @@
+// The commands about heap and collectors.
+#include "base/failure.h"
+#include "command_tools.h"
+#include "copy.h"
+#include "jvm/session.h"
+#include "show/render_memory.h"
+#include "wire/memory.h"
+#include "wire/protocol.h"
+#include "wire/request.h"
+
+namespace qorctl {
+
+namespace {
+
+HeapView AskForHeap(const Settings &settings, pid_t pid, bool repeated) {
+    std::string reply = AskOnce(settings, pid, HeapRequest(repeated));
+    return DecodeHeap(OpenReply(reply));
+}
+
+MemoryView AskForMemory(const Settings &settings, pid_t pid, bool repeated) {
+    std::string reply = AskOnce(settings, pid, MemoryRequest(repeated));
+    return DecodeMemory(OpenReply(reply));
+}
+
+// Asks until the figures are there: a copy of the JVM may count for longer than a request can take.
+std::string AskForHistogram(Connection *connection, const Settings &settings, uint32_t copy_flags) {
+    auto end = std::chrono::steady_clock::now() + Seconds(settings.timeout);
+    for (;;) {
+        std::string reply = connection->Ask(HistogramRequest(copy_flags), Seconds(settings.timeout));
+        if (reply.compare(0, HISTOGRAM_LATE.size(), HISTOGRAM_LATE) != 0)
+            return reply;
+        if (std::chrono::steady_clock::now() >= end)
+            throw Failure("the copy of the JVM still counts",
+                          "ask again within ten minutes; --timeout waits for longer");
+    }
+}
+
+} // namespace
+
+void RunHeap(const Settings &settings, pid_t pid, double watch) {
+    int line = 0;
+    Repeat(watch, [&] {
+        MemoryView memory = AskForMemory(settings, pid, watch > 0);
+        if (watch > 0 && !settings.json) {
+            Print((line++ % HEADER_EVERY == 0 ? HeapHeader() : "") + HeapLine(memory));
+            return;
+        }
+        HeapView heap = {memory.pools, memory.collectors, memory.jvm_microseconds};
+        if (heap.pools.empty())
+            heap = AskForHeap(settings, pid, watch > 0);
+        PrintView(settings, watch, HeapJson(heap, memory), HeapText(heap, memory, TerminalStyle(settings)));
+    });
+}
+
+void RunHeapKinds(const Settings &settings, pid_t pid, double watch) {
+    Repeat(watch, [&] {
+        std::string text = AskOnce(settings, pid, KindsRequest(watch > 0));
+        std::vector<SpaceKinds> spaces = DecodeKinds(OpenReply(text));
+        PrintView(settings, watch, KindsJson(spaces), KindsText(spaces, TerminalStyle(settings)));
+    });
+}
+
+void RunGc(const Settings &settings, pid_t pid, double watch) {
+    int line = 0;
+    std::vector<Collector> before;
+    Repeat(watch, [&] {
+        MemoryView heap = AskForMemory(settings, pid, watch > 0);
+        if (watch <= 0 || settings.json) {
+            auto beans = DecodeCollectors(AskOnce(settings, pid, CollectorsRequest(watch > 0)));
+            PrintView(settings, watch, CollectorsJson(heap, beans),
+                      CollectorTable(heap.collectors, beans, TerminalStyle(settings)));
+        } else
+            Print((line++ % HEADER_EVERY == 0 ? CollectorHeader(heap.collectors) : "") +
+                  CollectorLine(heap.collectors, before));
+        before = heap.collectors;
+    });
+}
+
+void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch) {
+    Repeat(watch, [&] {
+        Connection connection = RequireAgent(settings, RequireProcess(pid));
+        CopyChoice copy = AskForCopy(&connection, settings, "histogram", stop);
+        std::string reply = AskForHistogram(&connection, settings, copy.flags);
+        Histogram histogram = DecodeHistogram(OpenReply(reply));
+        size_t rows = static_cast<size_t>(top);
+        Json json = HistogramJson(histogram, rows);
+        json["copied"] = copy.copied;
+        PrintView(settings, watch, json,
+                  HistogramText(histogram, rows, TerminalStyle(settings)) + copy.Note());
+    });
+}
+
+} // namespace qorctl

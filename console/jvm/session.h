@@ -1,0 +1,28 @@
+// From a process id to an agent that answers: the process is looked at, the agent is loaded when it isn't
+// there, and the relay is connected to.
+#pragma once
+
+#include "base/settings.h"
+#include "endpoint.h"
+
+namespace qorctl {
+
+// The process, ours to look into. Throws a Failure otherwise.
+Process RequireProcess(pid_t pid);
+
+// Where the agent of a process listens; nothing when it has told nobody. If the usual directory isn't the JVM
+// user's own, or with `ask` in any case, the JVM is asked whether it is told elsewhere, if it can be without
+// a signal.
+std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);
+
+// A connection to an agent that runs already; nothing when none does, or another process listens in its
+// place.
+std::optional<Connection> ConnectToRunning(const Settings &settings, const Process &process, bool ask);
+
+// Loads the agent and connects to it; nothing when its options switch the relay off.
+std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process);
+
+// The one or the other.
+Connection RequireAgent(const Settings &settings, const Process &process);
+
+} // namespace qorctl
