@@ -9,7 +9,7 @@
 // kept. Nothing here allocates, logs or takes a lock.
 #pragma once
 
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 
 #include <cstdint>
 

@@ -10,7 +10,7 @@
 
 #include "heap_scan.h"
 
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 
 enum : int32_t {
     SCAN_COUNTS = 1, // always

@@ -7,7 +7,7 @@
 #include "qorsettings.h"
 #include "startup.h"
 
-#include "RequestHandler/ListeningPorts.h"
+#include "RequestHandler/listening_ports.h"
 #include "qorutil/gc_lock.h"
 #include "qorutil/vm_heap.h"
 

@@ -20,8 +20,8 @@
 #include "jvmti/changes/trycatch.h"
 #include "jvmti/threads/MonitorMemo.h"
 #include "qorthreads/qorthreads.h"
-#include "sunprint/report/ConnectionList.h"
-#include "sunprint/report/JdbcVersions.h"
+#include "sunprint/report/connection_list.h"
+#include "sunprint/report/jdbc_versions.h"
 
 #include <ctime>
 

@@ -5,7 +5,7 @@
 // In the copy of the process that writes the dump; nothing here allocates, logs or takes a lock.
 #pragma once
 
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 
 #include <cstdint>
 

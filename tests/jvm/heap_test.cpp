@@ -13,7 +13,7 @@
 #include "jvmti/heap/HeapSummary.h"
 #include "jvmti/heap/LibraryDump.h"
 #include "jvmti/heap/MemorySystem.h"
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 

@@ -7,9 +7,9 @@
 #include "platforms/own_address.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
-#include "sunprint/report/ConnectionList.h"
-#include "sunprint/report/DirectConnections.h"
-#include "sunprint/report/JdbcVersions.h"
+#include "sunprint/report/connection_list.h"
+#include "sunprint/report/direct_connections.h"
+#include "sunprint/report/jdbc_versions.h"
 
 #include <gtest/gtest.h>
 #include <malloc.h>

@@ -1,7 +1,7 @@
 // The first line of a dump: what was dumped, where and when.
 #pragma once
 
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 
 enum : int32_t { HEADER_DATE_SIZE = 64 };
 

@@ -2,7 +2,7 @@
 // walk, touch these.
 #pragma once
 
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 
 #include <cstdint>
 #include <jvmti.h>

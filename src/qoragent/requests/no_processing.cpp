@@ -15,7 +15,7 @@
 #include "jvmti/Session.h"
 #include "jvmti/heap/ForkedWalk.h"
 #include "qorutil/vm_text.h"
-#include "sunprint/report/DirectConnections.h"
+#include "sunprint/report/direct_connections.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -6,9 +6,9 @@
 #include "qorutil.h"
 #include "reply/qorformat.h"
 
-#include "DirectConnections.h"
 #include "Xtier/XtierInsert.h"
 #include "Xtier/thread_e2e_info.h"
+#include "direct_connections.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -11,10 +11,10 @@
 #include "qorsettings.h"
 #include "reply/qorformat.h"
 
-#include "DirectConnections.h"
 #include "Xtier/XtierInsert.h"
 #include "Xtier/tiers/XtierQRF.h"
 #include "Xtier/tiers/tier.h"
+#include "direct_connections.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_klass.h"
 #include "qorutil/vm_reader.h"

@@ -1,4 +1,4 @@
-#include "DumpFile.h"
+#include "dump_file.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "ConnectionList.h"
+#include "connection_list.h"
 
 #include "Xtier/AgingList.h"
 #include "qorStrUtils.h"

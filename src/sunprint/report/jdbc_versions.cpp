@@ -1,4 +1,4 @@
-#include "JdbcVersions.h"
+#include "jdbc_versions.h"
 
 #include "qorlog.h"
 #include "qorutil/vm_heap.h"

@@ -1,4 +1,4 @@
-#include "ListeningPorts.h"
+#include "listening_ports.h"
 
 #include "XtierDbSession.h"
 

@@ -1,10 +1,10 @@
-#include "DirectConnections.h"
+#include "direct_connections.h"
 
-#include "ConnectionList.h"
-#include "JdbcVersions.h"
 #include "Xtier/tiers/SocketAddresses.h"
 #include "Xtier/tiers/ValueText.h"
 #include "Xtier/tiers/XtierDb.h"
+#include "connection_list.h"
+#include "jdbc_versions.h"
 #include "platforms/own_address.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
