@@ -21,7 +21,7 @@ constexpr jlong SOME_TAG = 7777;
 int64_t fakeNow, fakeStep;
 
 int64_t LookUpClock() {
-    return fakeNow += gbQorLocalWalkOutcome.end == WALK_NOT_ENDED ? 0 : fakeStep;
+    return fakeNow += gbQorLocalWalk.outcome.end == WALK_NOT_ENDED ? 0 : fakeStep;
 }
 
 int64_t FakeClock() {
@@ -135,20 +135,13 @@ struct LocalWalks : SessionTest {
     // How many objects a walk numbers for the listed frames.
     static int32_t numbered(const Listing &listing) {
         const QorLocalFrame references(Env(), 64);
-        EXPECT_TRUE(QorPrepareLocalSearch(listing.head));
+        EXPECT_TRUE(QorPrepareLocalSearch(&gbQorLocalWalk, listing.head));
         jvmtiHeapCallbacks callbacks = {};
         callbacks.heap_reference_callback = heapReferenceAllObjectCallback;
-        gbQorLocalWalkEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr);
-        const int32_t count = gbQorTagCount;
-        EXPECT_EQ(QorFetchFoundObjects(gbQorLocalWalkEnv), JVMTI_ERROR_NONE);
-        QorEndLocalSearch();
-        return count;
-    }
-
-    static int32_t kindsBelowRoots() {
-        int32_t count = 0;
-        for (int32_t kind = 0; kind < JVMTI_HEAP_REFERENCE_JNI_GLOBAL; kind++)
-            count += gbQorLocalWalkKinds[kind];
+        gbQorLocalWalk.env->FollowReferences(0, nullptr, nullptr, &callbacks, &gbQorLocalWalk);
+        const int32_t count = gbQorLocalWalk.tagCount;
+        EXPECT_EQ(QorFetchFoundObjects(&gbQorLocalWalk), JVMTI_ERROR_NONE);
+        QorEndLocalSearch(&gbQorLocalWalk);
         return count;
     }
 
@@ -298,9 +291,9 @@ TEST_F(LocalWalks, EndBeforeTheHeap) {
     listing.take();
     CallVoid(STAGE, "leave", "(Ljava/lang/String;)V", Text("leaver"));
     ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
-    EXPECT_EQ(kindsBelowRoots(), 0);
-    EXPECT_EQ(threadCount, 0);
-    EXPECT_NE(gbQorLocalWalkOutcome.end, WALK_NOT_ENDED);
+    EXPECT_EQ(gbQorLocalWalk.threadCount, 0);
+    EXPECT_NE(gbQorLocalWalk.outcome.end, WALK_NOT_ENDED);
+    EXPECT_NE(gbQorLocalWalk.outcome.end, WALK_HEAP_REACHED);
     for (const Found &row : listing.found())
         EXPECT_EQ(row.object != nullptr, row.thread == "zoo-stayer") << row.thread;
 
@@ -309,7 +302,7 @@ TEST_F(LocalWalks, EndBeforeTheHeap) {
     quick.list("stayer", STAGE_CLASS, "innermost");
     quick.take();
     ASSERT_EQ(QorGetLocalVariableForAllThread(quick.head), 0);
-    EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_RECORDS_HIT);
+    EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_RECORDS_HIT);
     EXPECT_NE(quick.found()[0].object, nullptr);
 
     // A thread that has ended is lost: all stacks are seen, and nothing behind them.
@@ -320,15 +313,13 @@ TEST_F(LocalWalks, EndBeforeTheHeap) {
     CallVoid(STAGE, "clear", "()V");
     LogCapture log(LOG_DETAIL + 1);
     ASSERT_EQ(QorGetLocalVariableForAllThread(late.head), 0);
-    EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_BEHIND_STACKS);
-    EXPECT_EQ(kindsBelowRoots(), 0);
+    EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_BEHIND_STACKS);
     EXPECT_EQ(log.count("Lost 1 threads during getlocalobj "), 1);
     EXPECT_EQ(late.found()[0].object, nullptr);
 
     QorLocalObjectRecord record;
     EXPECT_EQ(QorGetLocalObject(tid, method, &record), -1);
-    EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_BEHIND_STACKS);
-    EXPECT_EQ(kindsBelowRoots(), 0);
+    EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_BEHIND_STACKS);
     EXPECT_TRUE(!record.object && !record.klass && !record.signature[0]);
 }
 
@@ -364,7 +355,7 @@ TEST_F(LocalWalks, ReadASingleFrame) {
             if (row.object) {
                 EXPECT_TRUE(Env()->IsInstanceOf(record.object, record.klass));
             }
-            EXPECT_EQ(gbQorLocalWalkOutcome.end, WALK_FRAME_LEFT);
+            EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_FRAME_LEFT);
             EXPECT_EQ(QorGetReLocalObject(listing.head->threadId, listing.head->frameMethod, &record), -1);
         }
         // A walk for the list in between learns the boring classes, which a single frame's neighbours may
@@ -401,19 +392,19 @@ TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     jlong tag = 0;
     EXPECT_TRUE(jvmti->GetTag(statement, &tag) == JVMTI_ERROR_NONE && tag == SOME_TAG);
     for (jobject object : {statement, request, array}) {
-        EXPECT_EQ(gbQorLocalWalkEnv->GetTag(object, &tag), JVMTI_ERROR_NONE);
+        EXPECT_EQ(gbQorLocalWalk.env->GetTag(object, &tag), JVMTI_ERROR_NONE);
         EXPECT_EQ(tag, 0);
     }
     // What has been learnt stays: an array is of no interest.
     for (const auto &[object, mark] : {std::pair(array, BORING_CLASS), std::pair(request, WANTED_CLASS)}) {
-        EXPECT_EQ(gbQorLocalWalkEnv->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
+        EXPECT_EQ(gbQorLocalWalk.env->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
         EXPECT_EQ(tag, mark);
     }
     jlong all[1000];
     for (jlong i = 0; i < 1000; i++)
         all[i] = i + 1;
     jint count = -1;
-    EXPECT_EQ(gbQorLocalWalkEnv->GetObjectsWithTags(1000, all, &count, nullptr, nullptr), JVMTI_ERROR_NONE);
+    EXPECT_EQ(gbQorLocalWalk.env->GetObjectsWithTags(1000, all, &count, nullptr, nullptr), JVMTI_ERROR_NONE);
     EXPECT_EQ(count, 0);
 }
 
@@ -512,15 +503,17 @@ TEST_F(LocalWalks, EndWithTheirBudget) {
         fakeStep = row.step;
         LogCapture log(LOG_NOTE + 1);
         EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
-        EXPECT_EQ(gbQorLocalWalkOutcome.end == WALK_OUT_OF_TIME, row.iterations > 0);
-        EXPECT_TRUE(row.iterations == 0 || iIterationCount == row.iterations) << iIterationCount;
+        EXPECT_EQ(gbQorLocalWalk.outcome.end == WALK_OUT_OF_TIME, row.iterations > 0);
+        EXPECT_TRUE(row.iterations == 0 || gbQorLocalWalk.iIterationCount == row.iterations)
+            << gbQorLocalWalk.iIterationCount;
         const std::string after = " after " + std::to_string(row.iterations) + " iterations (";
         EXPECT_EQ(log.count("Aborting GetLocalObj" + after), row.iterations > 0);
         EXPECT_EQ(log.count("due to allowed time is up" + after), row.iterations > 0 && !row.poll);
         // The JVM may go on for a while, and is told again.
         for (const auto callback : {heapReferenceAllObjectCallback, heapReferenceOneObjectCallback})
-            EXPECT_EQ(callback(JVMTI_HEAP_REFERENCE_THREAD, nullptr, 0, 0, 0, nullptr, nullptr, 0, nullptr),
-                      JVMTI_VISIT_ABORT);
+            EXPECT_EQ(
+                callback(JVMTI_HEAP_REFERENCE_THREAD, nullptr, 0, 0, 0, nullptr, nullptr, 0, &gbQorLocalWalk),
+                JVMTI_VISIT_ABORT);
     }
     CallVoid(ZOO, "stop", "()V");
 }
@@ -589,12 +582,12 @@ TEST_F(LocalWalks, LookUpWithinTheirBudget) {
     fakeNow = 5000 * SECOND;
     fakeStep = SECOND;
     int64_t left = -1;
-    for (int32_t walks = 1; gbQorTagBase != left; walks++) {
-        left = walks == 1 ? 0 : gbQorTagBase;
+    for (int32_t walks = 1; gbQorLocalWalk.tagBase != left; walks++) {
+        left = walks == 1 ? 0 : gbQorLocalWalk.tagBase;
         ASSERT_LT(walks, 10);
         EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
-        EXPECT_EQ(nextFollowRefTime, fakeNow + (gbQorTagBase != left ? 18 : 9) * SECOND) << walks;
-        EXPECT_EQ(gbQorWalkCut, gbQorTagBase != left) << walks;
+        EXPECT_EQ(nextFollowRefTime, fakeNow + (gbQorLocalWalk.tagBase != left ? 18 : 9) * SECOND) << walks;
+        EXPECT_EQ(gbQorWalkCut, gbQorLocalWalk.tagBase != left) << walks;
         for (const Found &row : listing.found())
             EXPECT_TRUE(!row.object || row.thread == "zoo-looked-up");
     }
@@ -623,7 +616,7 @@ TEST_F(LocalWalks, FillHandlesOnlyWhereTheyCan) {
 
     QorAllThreadLocalInfoList *list = nullptr;
     ASSERT_EQ(AddToThreadLocalInfoList(&walk.thread, &frame, &list, 0), 0);
-    ASSERT_TRUE(QorPrepareLocalSearch(list));
+    ASSERT_TRUE(QorPrepareLocalSearch(&gbQorLocalWalk, list));
     void *cells[LOCAL_OBJECT_SLOTS] = {};
     for (int32_t i = 0; i < LOCAL_OBJECT_SLOTS; i++)
         list->localObjects[i] = reinterpret_cast<jobject>(&cells[i]);
@@ -635,7 +628,7 @@ TEST_F(LocalWalks, FillHandlesOnlyWhereTheyCan) {
         info.stack_local.method = walk.frames.frames[0].method;
         jlong *tag = reinterpret_cast<jlong *>(&surroundings[2]);
         EXPECT_EQ(heapReferenceAllObjectCallback(JVMTI_HEAP_REFERENCE_STACK_LOCAL, &info, 0, 0, 16, tag,
-                                                 nullptr, -1, nullptr),
+                                                 nullptr, -1, &gbQorLocalWalk),
                   JVMTI_VISIT_OBJECTS);
         EXPECT_EQ(*tag, 0);
     }
@@ -644,7 +637,7 @@ TEST_F(LocalWalks, FillHandlesOnlyWhereTheyCan) {
         EXPECT_EQ(reinterpret_cast<int64_t>(cells[i]), 1000 + i);
         list->localObjects[i] = nullptr;
     }
-    EXPECT_EQ(gbQorWantedFrames[0].hits, 25);
-    QorEndLocalSearch();
+    EXPECT_EQ(gbQorLocalWalk.frames[0].hits, 25);
+    QorEndLocalSearch(&gbQorLocalWalk);
     FreeQorAllThreadLocalInfoList(list);
 }

@@ -22,10 +22,11 @@ jobject candidates[LOCAL_CANDIDATES];
 
 static_assert(static_cast<int32_t>(LOCAL_SIGNATURE_SIZE) == NAME_SIZE, "QorCopyName writes that many");
 
-int32_t FetchTags(jvmtiEnv *env, int32_t first, int32_t count) {
+int32_t FetchTags(const QorLocalWalk &walk, int32_t first, int32_t count) {
+    jvmtiEnv *const env = walk.env;
     jlong wanted[TAGS_A_CALL];
     for (int32_t i = 0; i < count; i++)
-        wanted[i] = gbQorTagBase + first + i;
+        wanted[i] = walk.tagBase + first + i;
     jint found = 0;
     jobject *refs = nullptr;
     jlong *tags = nullptr;
@@ -34,7 +35,7 @@ int32_t FetchTags(jvmtiEnv *env, int32_t first, int32_t count) {
         return error;
     int32_t result = JVMTI_ERROR_NONE;
     for (jint i = 0; i < found; i++) {
-        objects[tags[i] - gbQorTagBase] = refs[i];
+        objects[tags[i] - walk.tagBase] = refs[i];
         const jvmtiError setError = env->SetTag(refs[i], 0);
         if (setError == JVMTI_ERROR_NONE)
             continue;
@@ -52,7 +53,7 @@ bool IsAlive(jobject object) {
 
 // The frame's objects that are alive, in the order in which they were met, up to one that wasn't looked up:
 // it might be the one, or its neighbour.
-int32_t CollectCandidates(const QorWantedFrame &frame, bool fromSlots) {
+int32_t CollectCandidates(const QorLocalWalk &walk, const QorWantedFrame &frame, bool fromSlots) {
     int32_t count = 0;
     if (fromSlots) {
         for (int32_t i = 0; i < std::min<int32_t>(frame.hits, LOCAL_OBJECT_SLOTS); i++)
@@ -60,10 +61,10 @@ int32_t CollectCandidates(const QorWantedFrame &frame, bool fromSlots) {
                 candidates[count++] = frame.record->localObjects[i];
         return count;
     }
-    for (int32_t i = frame.first; i >= 0 && count < LOCAL_CANDIDATES; i = gbQorFindings[i].next) {
-        if (gbQorFindings[i].tag > lookedUp)
+    for (int32_t i = frame.first; i >= 0 && count < LOCAL_CANDIDATES; i = walk.findings[i].next) {
+        if (walk.findings[i].tag > lookedUp)
             break;
-        if (jobject object = objects[gbQorFindings[i].tag])
+        if (jobject object = objects[walk.findings[i].tag])
             candidates[count++] = object;
     }
     return count;
@@ -120,7 +121,8 @@ bool EndsSearch(jobject object, const QorWantedFrame &frame, bool (*ends)(const 
     return found;
 }
 
-// What an entity's event stands beside: the object in front of it, of the first one that behind it.
+// The local next to an entity's event is the entity: the one before it, or after it when the event comes
+// first.
 jobject Neighbour(int32_t at, int32_t count) {
     if (at > 0)
         return candidates[at - 1];
@@ -132,32 +134,33 @@ jobject Neighbour(int32_t at, int32_t count) {
 
 } // namespace
 
-int32_t QorCountFoundObjects() {
-    return gbQorTagCount;
+int32_t QorCountFoundObjects(const QorLocalWalk &walk) {
+    return walk.tagCount;
 }
 
-int32_t QorFetchFoundObjects(jvmtiEnv *env) {
-    std::fill(objects, objects + gbQorTagCount + 1, nullptr);
+int32_t QorFetchFoundObjects(QorLocalWalk *walk) {
+    std::fill(objects, objects + walk->tagCount + 1, nullptr);
     lookedUp = 0;
-    while (lookedUp < gbQorTagCount) {
-        const int32_t count = std::min<int32_t>(TAGS_A_CALL, gbQorTagCount - lookedUp);
-        if (const int32_t error = FetchTags(env, lookedUp + 1, count))
+    while (lookedUp < walk->tagCount) {
+        const int32_t count = std::min<int32_t>(TAGS_A_CALL, walk->tagCount - lookedUp);
+        if (const int32_t error = FetchTags(*walk, lookedUp + 1, count))
             return error;
         lookedUp += count;
-        if (lookedUp < gbQorTagCount && QorLocalWalkTimeIsUp()) {
-            gbQorLocalWalkOutcome.notLookedUp = gbQorTagCount - lookedUp;
-            QORLOG(LOG_DETAIL, "no time to look up %d of %d locals", gbQorTagCount - lookedUp, gbQorTagCount);
-            gbQorTagBase += gbQorTagCount; // their tags stay, older than any of the next walk
+        if (lookedUp < walk->tagCount && QorLocalWalkTimeIsUp(*walk)) {
+            walk->outcome.notLookedUp = walk->tagCount - lookedUp;
+            QORLOG(LOG_DETAIL, "no time to look up %d of %d locals", walk->outcome.notLookedUp,
+                   walk->tagCount);
+            walk->tagBase += walk->tagCount; // their tags stay, older than any of the next walk
             break;
         }
     }
-    gbQorTagCount = 0;
+    walk->tagCount = 0;
     return JVMTI_ERROR_NONE;
 }
 
-jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
-                             char *signature) {
-    const int32_t count = CollectCandidates(frame, frame.record && getObjOpt);
+jobject QorChooseLocalObject(const QorLocalWalk &walk, const QorWantedFrame &frame,
+                             bool (*ends)(const char *), jvmtiEnv *env, char *signature) {
+    const int32_t count = CollectCandidates(walk, frame, frame.record && getObjOpt);
     for (int32_t i = 0; i < count; i++) {
         signature[0] = 0;
         if (!EndsSearch(candidates[i], frame, ends, env, signature))
@@ -171,9 +174,9 @@ jobject QorChooseLocalObject(const QorWantedFrame &frame, bool (*ends)(const cha
     return nullptr;
 }
 
-void QorTakeRuleObjects(const QorWantedFrame &frame, bool (*ends)(const char *), jvmtiEnv *env,
-                        QorAllThreadLocalInfoList *entry) {
-    const int32_t count = CollectCandidates(frame, false);
+void QorTakeRuleObjects(const QorLocalWalk &walk, const QorWantedFrame &frame, bool (*ends)(const char *),
+                        jvmtiEnv *env, QorAllThreadLocalInfoList *entry) {
+    const int32_t count = CollectCandidates(walk, frame, false);
     for (int32_t i = 0; i < count && entry->ruleObjectCount < LOCAL_RULE_OBJECTS; i++) {
         char signature[LOCAL_SIGNATURE_SIZE] = "";
         EndsSearch(candidates[i], frame, ends, env, signature);

@@ -14,41 +14,12 @@
 #include <cstdlib>
 #include <cstring>
 
-QorWantedFrame *gbQorWantedFrames;
-int32_t gbQorWantedFrameCount;
-QorFinding gbQorFindings[LOCAL_FINDINGS];
-int32_t gbQorTagCount;
-int64_t gbQorTagBase;
-QorLocalWalkOutcome gbQorLocalWalkOutcome;
-int32_t gbQorLocalWalkKinds[LOCAL_WALK_KINDS];
-
-int32_t threadCount;
-int64_t threadSkip;
-int64_t threadHit;
-int32_t iIterationCount;
-int32_t iJNILocalCount;
-int32_t IsAbort;
-int32_t iRecordsWithoutHits;
-QorAllThreadLocalInfoList *curList;
-QorAllThreadLocalInfoList *gbQorAllThreadLocalInfoList;
+QorLocalWalk gbQorLocalWalk;
 
 namespace {
 
 constexpr int32_t BUDGET_INTERVAL = 1000; // callbacks between two looks at the clock
 constexpr int32_t LAST_HEAP_KIND = 20;    // references from object to object, and room for more of them
-
-int32_t findingCount;
-int32_t
-    lastFrameOfTag[LOCAL_TAGS + 1]; // index of the frame that last took the object, so that none has it twice
-
-// Frames of the thread whose locals come in at the moment; the JVM reports a thread's locals in a row.
-int64_t bucketTid;
-QorWantedFrame *bucketBegin, *bucketEnd;
-
-bool wantsNative; // some wanted frame is of a native method
-bool stacksSeen;
-bool walkHasBudget;
-int64_t walkStart;
 
 bool IsSameFrame(const QorWantedFrame &a, const QorWantedFrame &b) {
     return a.tid == b.tid && a.method == b.method;
@@ -60,17 +31,13 @@ bool ComesBefore(const QorWantedFrame &a, const QorWantedFrame &b) {
     return a.method != b.method ? a.method < b.method : a.serial < b.serial;
 }
 
-void ClearFindings() {
-    findingCount = gbQorTagCount = 0;
-    gbQorLocalWalkOutcome = {};
-    memset(gbQorLocalWalkKinds, 0, sizeof gbQorLocalWalkKinds);
-    threadSkip = threadHit = -1;
-    iIterationCount = iJNILocalCount = IsAbort = 0;
-    gbQorAllThreadLocalInfoList = nullptr;
-    bucketTid = -1;
-    bucketBegin = bucketEnd = nullptr;
-    wantsNative = false;
-    stacksSeen = false;
+void ClearFindings(QorLocalWalk *walk) {
+    walk->findingCount = walk->tagCount = 0;
+    walk->outcome = {};
+    walk->threadSkip = walk->threadHit = walk->bucketTid = -1;
+    walk->iIterationCount = walk->iJNILocalCount = 0;
+    walk->bucketBegin = walk->bucketEnd = nullptr;
+    walk->wantsNative = walk->stacksSeen = false;
 }
 
 bool IsNative(int64_t method) {
@@ -79,9 +46,9 @@ bool IsNative(int64_t method) {
            isNative;
 }
 
-void StartFrame(QorWantedFrame *frame) {
+void StartFrame(QorLocalWalk *walk, QorWantedFrame *frame) {
     frame->isNative = IsNative(frame->method);
-    wantsNative |= frame->isNative;
+    walk->wantsNative |= frame->isNative;
     frame->hits = frame->candidates = 0;
     frame->first = frame->last = -1;
 }
@@ -107,48 +74,48 @@ int32_t DropNewerTwins(QorWantedFrame *frames, int32_t count) {
     return kept;
 }
 
-bool AllocateFrames(int32_t count) {
-    QorEndLocalSearch();
+bool AllocateFrames(QorLocalWalk *walk, int32_t count) {
+    QorEndLocalSearch(walk);
     const auto frames = static_cast<size_t>(count);
-    gbQorWantedFrames = static_cast<QorWantedFrame *>(calloc(frames, sizeof(QorWantedFrame)));
-    if (!gbQorWantedFrames)
+    walk->frames = static_cast<QorWantedFrame *>(calloc(frames, sizeof(QorWantedFrame)));
+    if (!walk->frames)
         QORLOG(LOG_ERROR, "No memory for the %d frames whose locals are wanted", count);
-    return gbQorWantedFrames;
+    return walk->frames;
 }
 
-QorWantedFrame *FindInBucket(int64_t method) {
-    for (QorWantedFrame *frame = bucketBegin; frame < bucketEnd; frame++)
+QorWantedFrame *FindInBucket(const QorLocalWalk &walk, int64_t method) {
+    for (QorWantedFrame *frame = walk.bucketBegin; frame < walk.bucketEnd; frame++)
         if (frame->method == method)
             return frame;
     return nullptr;
 }
 
-void OpenBucket(int64_t tid) {
-    if (tid == bucketTid)
+void OpenBucket(QorLocalWalk *walk, int64_t tid) {
+    if (tid == walk->bucketTid)
         return;
-    bucketTid = tid;
-    QorWantedFrame *end = gbQorWantedFrames + gbQorWantedFrameCount;
-    bucketBegin = std::lower_bound(gbQorWantedFrames, end, tid,
-                                   [](const QorWantedFrame &frame, int64_t id) { return frame.tid < id; });
-    bucketEnd = bucketBegin;
-    while (bucketEnd < end && bucketEnd->tid == tid)
-        bucketEnd++;
+    walk->bucketTid = tid;
+    QorWantedFrame *end = walk->frames + walk->frameCount;
+    walk->bucketBegin = std::lower_bound(
+        walk->frames, end, tid, [](const QorWantedFrame &frame, int64_t id) { return frame.tid < id; });
+    walk->bucketEnd = walk->bucketBegin;
+    while (walk->bucketEnd < end && walk->bucketEnd->tid == tid)
+        walk->bucketEnd++;
 }
 
 // The JVM doesn't hear an abort at a JNI local and goes on with the stack: the callbacks say it again until
 // it does.
-jint Abort(QorLocalWalkEnd end, int32_t kind) {
+jint Abort(QorLocalWalk *walk, QorLocalWalkEnd end, int32_t kind) {
     set_FollowRefHack();
-    gbQorLocalWalkOutcome.end = end;
-    gbQorLocalWalkOutcome.kind = kind;
+    walk->outcome.end = end;
+    walk->outcome.kind = kind;
     return JVMTI_VISIT_ABORT;
 }
 
-bool IsOutOfTime() {
-    if (!walkHasBudget || iIterationCount % BUDGET_INTERVAL != 0)
+bool IsOutOfTime(QorLocalWalk *walk) {
+    if (!walk->hasBudget || walk->iIterationCount % BUDGET_INTERVAL != 0)
         return false;
-    gbQorLocalWalkOutcome.usec = qorLocalWalkClock() - walkStart;
-    return gbQorLocalWalkOutcome.usec > lAllowedFollowRefTimeUSec;
+    walk->outcome.usec = qorLocalWalkClock() - walk->startTime;
+    return walk->outcome.usec > lAllowedFollowRefTimeUSec;
 }
 
 // Makes a prepared reference refer to the object. On the JVM builds that getObjOpt names the object's address
@@ -161,36 +128,36 @@ void PutIntoSlot(QorWantedFrame *frame, const jlong *tagPtr) {
 }
 
 // The object's number in this walk; 0 when it is of no use or finds no room.
-int32_t NumberOf(const QorWantedFrame &frame, jlong classTag, jlong *tagPtr) {
+int32_t NumberOf(QorLocalWalk *walk, const QorWantedFrame &frame, jlong classTag, jlong *tagPtr) {
     if (!tagPtr || *tagPtr < 0 || frame.isSettled || (classTag == BORING_CLASS && !frame.keepsAll))
         return 0;
-    if (*tagPtr > gbQorTagBase && *tagPtr <= gbQorTagBase + gbQorTagCount)
-        return static_cast<int32_t>(*tagPtr - gbQorTagBase);
-    if (gbQorTagCount == LOCAL_TAGS) {
-        gbQorLocalWalkOutcome.passedOver++;
+    if (*tagPtr > walk->tagBase && *tagPtr <= walk->tagBase + walk->tagCount)
+        return static_cast<int32_t>(*tagPtr - walk->tagBase);
+    if (walk->tagCount == LOCAL_TAGS) {
+        walk->outcome.passedOver++;
         return 0;
     }
-    *tagPtr = gbQorTagBase + ++gbQorTagCount;
-    lastFrameOfTag[gbQorTagCount] = -1;
-    return gbQorTagCount;
+    *tagPtr = walk->tagBase + ++walk->tagCount;
+    walk->lastFrameOfTag[walk->tagCount] = -1;
+    return walk->tagCount;
 }
 
 // Whether the object is new to the frame.
-bool AddFinding(QorWantedFrame *frame, int32_t tag) {
-    const auto index = static_cast<int32_t>(frame - gbQorWantedFrames);
-    if (lastFrameOfTag[tag] == index)
+bool AddFinding(QorLocalWalk *walk, QorWantedFrame *frame, int32_t tag) {
+    const auto index = static_cast<int32_t>(frame - walk->frames);
+    if (walk->lastFrameOfTag[tag] == index)
         return false;
-    if (findingCount == LOCAL_FINDINGS || frame->candidates == LOCAL_CANDIDATES) {
-        gbQorLocalWalkOutcome.passedOver++;
+    if (walk->findingCount == LOCAL_FINDINGS || frame->candidates == LOCAL_CANDIDATES) {
+        walk->outcome.passedOver++;
         return false;
     }
-    lastFrameOfTag[tag] = index;
-    gbQorFindings[findingCount] = {tag, -1};
+    walk->lastFrameOfTag[tag] = index;
+    walk->findings[walk->findingCount] = {tag, -1};
     if (frame->last >= 0)
-        gbQorFindings[frame->last].next = findingCount;
+        walk->findings[frame->last].next = walk->findingCount;
     else
-        frame->first = findingCount;
-    frame->last = findingCount++;
+        frame->first = walk->findingCount;
+    frame->last = walk->findingCount++;
     frame->candidates++;
     return true;
 }
@@ -205,82 +172,79 @@ void Settle(QorWantedFrame *frame, jlong classTag) {
     frame->wantsNext = classTag == EVENT_CLASS && isFirst;
 }
 
-void TakeObject(QorWantedFrame *frame, jlong classTag, jlong *tagPtr) {
+void TakeObject(QorLocalWalk *walk, QorWantedFrame *frame, jlong classTag, jlong *tagPtr) {
     const bool hasSlots = frame->record && getObjOpt;
     if (hasSlots)
         PutIntoSlot(frame, tagPtr);
-    const int32_t tag = hasSlots && !frame->rules ? 0 : NumberOf(*frame, classTag, tagPtr);
-    if (tag && AddFinding(frame, tag))
+    const int32_t tag = hasSlots && !frame->rules ? 0 : NumberOf(walk, *frame, classTag, tagPtr);
+    if (tag && AddFinding(walk, frame, tag))
         Settle(frame, classTag);
     if (frame->hits++ == 0)
-        iRecordsWithoutHits -= frame->record && frame->rules ? 2 : 1;
-    gbQorAllThreadLocalInfoList = frame->record;
+        walk->iRecordsWithoutHits -= frame->record && frame->rules ? 2 : 1;
 }
 
-jint VisitStackLocal(const jvmtiHeapReferenceInfo *info, jlong classTag, jlong *tagPtr) {
+jint VisitStackLocal(QorLocalWalk *walk, const jvmtiHeapReferenceInfo *info, jlong classTag, jlong *tagPtr) {
     const int64_t tid = info->stack_local.thread_id;
-    if (threadCount == 0 && tid != threadHit)
-        return Abort(WALK_THREADS_SEEN, JVMTI_HEAP_REFERENCE_STACK_LOCAL);
-    if (tid == threadSkip)
+    if (walk->threadCount == 0 && tid != walk->threadHit)
+        return Abort(walk, WALK_THREADS_SEEN, JVMTI_HEAP_REFERENCE_STACK_LOCAL);
+    if (tid == walk->threadSkip)
         return JVMTI_VISIT_OBJECTS;
-    OpenBucket(tid);
-    threadSkip = tid;
-    if (bucketBegin < bucketEnd) {
-        threadSkip = -1;
-        if (threadHit != tid) {
-            threadHit = tid;
-            threadCount--;
+    OpenBucket(walk, tid);
+    walk->threadSkip = tid;
+    if (walk->bucketBegin < walk->bucketEnd) {
+        walk->threadSkip = -1;
+        if (walk->threadHit != tid) {
+            walk->threadHit = tid;
+            walk->threadCount--;
         }
-        QorWantedFrame *frame = FindInBucket(reinterpret_cast<int64_t>(info->stack_local.method));
+        QorWantedFrame *frame = FindInBucket(*walk, reinterpret_cast<int64_t>(info->stack_local.method));
         if (frame) {
-            TakeObject(frame, classTag, tagPtr);
+            TakeObject(walk, frame, classTag, tagPtr);
             return JVMTI_VISIT_OBJECTS;
         }
     }
-    IsAbort = iRecordsWithoutHits == 0;
-    return IsAbort ? Abort(WALK_RECORDS_HIT, JVMTI_HEAP_REFERENCE_STACK_LOCAL) : JVMTI_VISIT_OBJECTS;
+    return walk->iRecordsWithoutHits == 0 ? Abort(walk, WALK_RECORDS_HIT, JVMTI_HEAP_REFERENCE_STACK_LOCAL)
+                                          : JVMTI_VISIT_OBJECTS;
 }
 
 // From JDK 11 on the constants of compiled code come as JNI locals of its method: only those of a native
 // method are locals.
-void VisitJniLocal(const jvmtiHeapReferenceInfo *info, jlong classTag, jlong *tagPtr) {
-    if (!wantsNative)
+void VisitJniLocal(QorLocalWalk *walk, const jvmtiHeapReferenceInfo *info, jlong classTag, jlong *tagPtr) {
+    if (!walk->wantsNative)
         return;
-    OpenBucket(info->jni_local.thread_id);
-    QorWantedFrame *frame = FindInBucket(reinterpret_cast<int64_t>(info->jni_local.method));
+    OpenBucket(walk, info->jni_local.thread_id);
+    QorWantedFrame *frame = FindInBucket(*walk, reinterpret_cast<int64_t>(info->jni_local.method));
     if (frame && frame->isNative)
-        TakeObject(frame, classTag, tagPtr);
+        TakeObject(walk, frame, classTag, tagPtr);
 }
 
 // A thread and its locals come ahead of all other roots, so the first root of these kinds is the end of what
 // can be found. A walk that goes on to the references between objects costs a pass over the heap, even if it
 // is ended at the first of them.
-jint VisitOther(jvmtiHeapReferenceKind kind) {
+jint VisitOther(QorLocalWalk *walk, jvmtiHeapReferenceKind kind) {
     if (gbIbmJvm)
         return JVMTI_VISIT_OBJECTS;
     if (kind <= LAST_HEAP_KIND)
-        return Abort(WALK_HEAP_REACHED, kind);
+        return Abort(walk, WALK_HEAP_REACHED, kind);
     const bool isBehindStacks = kind == JVMTI_HEAP_REFERENCE_JNI_GLOBAL ||
                                 kind == JVMTI_HEAP_REFERENCE_SYSTEM_CLASS ||
                                 kind == JVMTI_HEAP_REFERENCE_MONITOR || kind == JVMTI_HEAP_REFERENCE_OTHER;
-    return isBehindStacks && stacksSeen ? Abort(WALK_BEHIND_STACKS, kind) : JVMTI_VISIT_OBJECTS;
+    return isBehindStacks && walk->stacksSeen ? Abort(walk, WALK_BEHIND_STACKS, kind) : JVMTI_VISIT_OBJECTS;
 }
 
-void CountCallback(jvmtiHeapReferenceKind kind) {
-    iIterationCount++;
-    if (kind >= 0 && static_cast<int32_t>(kind) < LOCAL_WALK_KINDS)
-        gbQorLocalWalkKinds[kind]++;
+void CountCallback(QorLocalWalk *walk, jvmtiHeapReferenceKind kind) {
+    walk->iIterationCount++;
     if (kind == JVMTI_HEAP_REFERENCE_JNI_LOCAL && !qorIsPollOrTrace)
-        iJNILocalCount++;
+        walk->iJNILocalCount++;
     if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL || kind == JVMTI_HEAP_REFERENCE_JNI_LOCAL ||
         kind == JVMTI_HEAP_REFERENCE_THREAD)
-        stacksSeen = true;
+        walk->stacksSeen = true;
 }
 
 } // namespace
 
-bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list) {
-    ClearFindings();
+bool QorPrepareLocalSearch(QorLocalWalk *walk, QorAllThreadLocalInfoList *list) {
+    ClearFindings(walk);
     int32_t count = 0;
     QorAllThreadLocalInfoList *oldest = list;
     list->prev = nullptr;
@@ -295,12 +259,11 @@ bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list) {
         entry->localCount = 0;
         QorDropRuleObjects(entry);
     }
-    if (!AllocateFrames(count))
+    if (!AllocateFrames(walk, count))
         return false;
-    curList = oldest;
     int32_t at = 0;
-    for (QorAllThreadLocalInfoList *entry = curList; entry; entry = entry->prev, at++) {
-        QorWantedFrame &frame = gbQorWantedFrames[at];
+    for (QorAllThreadLocalInfoList *entry = oldest; entry; entry = entry->prev, at++) {
+        QorWantedFrame &frame = walk->frames[at];
         frame.tid = entry->threadId;
         frame.method = entry->frameMethod;
         frame.serial = entry->serial;
@@ -313,87 +276,88 @@ bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list) {
         const QorFrameRecord shown = QorFrameOfEntry(entry);
         frame.keepsAll = entry->kind == LOCAL_VIEW_OR_ENTITY && !is_vo_frame(&shown);
     }
-    std::sort(gbQorWantedFrames, gbQorWantedFrames + count, ComesBefore);
-    gbQorWantedFrameCount = DropNewerTwins(gbQorWantedFrames, count);
-    threadCount = 0;
-    for (int32_t i = 0; i < gbQorWantedFrameCount; i++) {
-        StartFrame(&gbQorWantedFrames[i]);
-        if (i == 0 || gbQorWantedFrames[i].tid != gbQorWantedFrames[i - 1].tid)
-            threadCount++;
+    std::sort(walk->frames, walk->frames + count, ComesBefore);
+    walk->frameCount = DropNewerTwins(walk->frames, count);
+    walk->threadCount = 0;
+    for (int32_t i = 0; i < walk->frameCount; i++) {
+        StartFrame(walk, &walk->frames[i]);
+        if (i == 0 || walk->frames[i].tid != walk->frames[i - 1].tid)
+            walk->threadCount++;
     }
-    iRecordsWithoutHits = count;
+    walk->iRecordsWithoutHits = count;
     return true;
 }
 
-bool QorPrepareFrameSearch(int64_t tid, int64_t method) {
-    ClearFindings();
-    if (!AllocateFrames(1))
+bool QorPrepareFrameSearch(QorLocalWalk *walk, int64_t tid, int64_t method) {
+    ClearFindings(walk);
+    if (!AllocateFrames(walk, 1))
         return false;
-    QorWantedFrame *frame = gbQorWantedFrames;
+    QorWantedFrame *frame = walk->frames;
     frame->tid = tid;
     frame->method = method;
     frame->keepsAll = true;
-    StartFrame(frame);
-    gbQorWantedFrameCount = threadCount = iRecordsWithoutHits = 1;
+    StartFrame(walk, frame);
+    walk->frameCount = walk->threadCount = walk->iRecordsWithoutHits = 1;
     return true;
 }
 
-void QorEndLocalSearch() {
-    free(gbQorWantedFrames);
-    gbQorWantedFrames = nullptr;
-    gbQorWantedFrameCount = 0;
-    curList = gbQorAllThreadLocalInfoList = nullptr;
+void QorEndLocalSearch(QorLocalWalk *walk) {
+    free(walk->frames);
+    walk->frames = nullptr;
+    walk->frameCount = 0;
 }
 
-void QorStartLocalWalkTime(int64_t now, bool hasBudget) {
-    walkStart = now;
-    walkHasBudget = hasBudget;
+void QorStartLocalWalkTime(QorLocalWalk *walk, int64_t now, bool hasBudget) {
+    walk->startTime = now;
+    walk->hasBudget = hasBudget;
 }
 
-bool QorLocalWalkTimeIsUp() {
-    return walkHasBudget && qorLocalWalkClock() - walkStart > lAllowedFollowRefTimeUSec;
+bool QorLocalWalkTimeIsUp(const QorLocalWalk &walk) {
+    return walk.hasBudget && qorLocalWalkClock() - walk.startTime > lAllowedFollowRefTimeUSec;
 }
 
 jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
-                                            void *) {
-    if (gbQorLocalWalkOutcome.end != WALK_NOT_ENDED)
+                                            void *userData) {
+    auto *walk = static_cast<QorLocalWalk *>(userData);
+    if (walk->outcome.end != WALK_NOT_ENDED)
         return JVMTI_VISIT_ABORT;
-    CountCallback(kind);
-    if (IsOutOfTime())
-        return Abort(WALK_OUT_OF_TIME, kind);
+    CountCallback(walk, kind);
+    if (IsOutOfTime(walk))
+        return Abort(walk, WALK_OUT_OF_TIME, kind);
     if (kind != JVMTI_HEAP_REFERENCE_STACK_LOCAL && kind != JVMTI_HEAP_REFERENCE_JNI_LOCAL)
-        return VisitOther(kind);
+        return VisitOther(walk, kind);
     if (!info) {
-        gbQorLocalWalkOutcome.missingInfos++;
+        walk->outcome.missingInfos++;
         return JVMTI_VISIT_OBJECTS;
     }
     if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL)
-        return VisitStackLocal(info, classTag, tagPtr);
-    VisitJniLocal(info, classTag, tagPtr);
+        return VisitStackLocal(walk, info, classTag, tagPtr);
+    VisitJniLocal(walk, info, classTag, tagPtr);
     return JVMTI_VISIT_OBJECTS;
 }
 
-// The locals of a frame come in a row: the first one of another frame behind them ends the walk.
+// The locals of a frame come in a row: the first one of another frame after them ends the walk.
 jint JNICALL heapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
                                             void *userData) {
-    auto *frame = static_cast<QorWantedFrame *>(userData);
-    if (gbQorLocalWalkOutcome.end != WALK_NOT_ENDED)
+    auto *walk = static_cast<QorLocalWalk *>(userData);
+    QorWantedFrame *frame = walk->frames;
+    if (walk->outcome.end != WALK_NOT_ENDED)
         return JVMTI_VISIT_ABORT;
-    CountCallback(kind);
-    if (IsOutOfTime())
-        return Abort(WALK_OUT_OF_TIME, kind);
+    CountCallback(walk, kind);
+    if (IsOutOfTime(walk))
+        return Abort(walk, WALK_OUT_OF_TIME, kind);
     const bool isStackLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL;
     if (!isStackLocal && kind != JVMTI_HEAP_REFERENCE_JNI_LOCAL)
-        return VisitOther(kind);
+        return VisitOther(walk, kind);
     if (!info || (!isStackLocal && !frame->isNative))
         return JVMTI_VISIT_OBJECTS;
     const int64_t tid = isStackLocal ? info->stack_local.thread_id : info->jni_local.thread_id;
     const jmethodID method = isStackLocal ? info->stack_local.method : info->jni_local.method;
     if (tid == frame->tid && reinterpret_cast<int64_t>(method) == frame->method) {
-        TakeObject(frame, classTag, tagPtr);
+        TakeObject(walk, frame, classTag, tagPtr);
         return JVMTI_VISIT_OBJECTS;
     }
-    return frame->hits > 0 ? Abort(WALK_FRAME_LEFT, kind) : JVMTI_VISIT_OBJECTS;
+    return frame->hits > 0 ? Abort(walk, WALK_FRAME_LEFT, kind) : JVMTI_VISIT_OBJECTS;
 }

@@ -14,7 +14,6 @@ enum : int32_t {
     LOCAL_TAGS = 32768,      // objects that a walk can tag, numbered from 1
     LOCAL_FINDINGS = 65536,  // pairs of frame and object
     LOCAL_CANDIDATES = 4096, // objects that a frame is chosen from
-    LOCAL_WALK_KINDS = 32,
 };
 
 // Tags of classes whose objects are known: of no interest; an entity's event, beside which the object of
@@ -63,41 +62,55 @@ struct QorLocalWalkOutcome {
     int32_t notLookedUp;  // objects left for lack of time after the walk
 };
 
-extern jvmtiEnv *gbQorLocalWalkEnv;       // of all walks, with the marks on classes; null before the first
-extern QorWantedFrame *gbQorWantedFrames; // ordered by thread and method
-extern int32_t gbQorWantedFrameCount;
-extern QorFinding gbQorFindings[LOCAL_FINDINGS];
-extern int32_t gbQorTagCount; // tags given in this walk and not taken away yet
-extern int64_t gbQorTagBase;  // they are above this number; those up to it are left from earlier walks
-extern QorLocalWalkOutcome gbQorLocalWalkOutcome;
-extern int32_t gbQorLocalWalkKinds[LOCAL_WALK_KINDS]; // callbacks of this walk by kind
+// A walk: what it looks for, how far it is, and what it has found. The callbacks get it as their user data.
+struct QorLocalWalk {
+    jvmtiEnv *env;          // of all walks, with the marks on classes; null before the first
+    QorWantedFrame *frames; // ordered by thread and method
+    int32_t frameCount;
+    int32_t tagCount;  // tags given in this walk and not taken away yet
+    int64_t tagBase;   // they are above this number; those up to it are left from earlier walks
+    bool wantsNative;  // some wanted frame is of a native method
+    bool hasBudget;    // else the time isn't looked at
+    int64_t startTime; // qorLocalWalkClock
 
-extern int32_t threadCount;                // wanted threads still to be met
-extern int64_t threadSkip;                 // the thread at hand when none of its frames is wanted, else -1
-extern int64_t threadHit;                  // the wanted thread met last, -1 before the first
-extern int32_t iIterationCount;            // callbacks
-extern int32_t iJNILocalCount;             // JNI locals among them, not counted during polling
-extern int32_t IsAbort;                    // 1 when every record was found to have an object
-extern int32_t iRecordsWithoutHits;        // records that no local was met for
-extern QorAllThreadLocalInfoList *curList; // the oldest record
-extern QorAllThreadLocalInfoList *gbQorAllThreadLocalInfoList; // the record of the last hit
+    int32_t threadCount;         // wanted threads still to be met
+    int64_t threadSkip;          // the current thread when none of its frames is wanted, else -1
+    int64_t threadHit;           // the wanted thread met last, -1 before the first
+    int32_t iRecordsWithoutHits; // records that no local was met for
+    int32_t iIterationCount;     // callbacks
+    int32_t iJNILocalCount;      // JNI locals among them, not counted during polling
+    bool stacksSeen;
+    QorLocalWalkOutcome outcome;
+
+    // Frames of the thread whose locals are being reported: the JVM reports a thread's locals in a row.
+    int64_t bucketTid;
+    QorWantedFrame *bucketBegin, *bucketEnd;
+
+    int32_t findingCount;
+    QorFinding findings[LOCAL_FINDINGS];
+    int32_t lastFrameOfTag[LOCAL_TAGS + 1]; // index of the frame that last took the object, so that none has
+                                            // it twice
+};
+
+// The walk of the worker; nothing but the environment, its tags and their base outlives one.
+extern QorLocalWalk gbQorLocalWalk;
 
 // Builds the index for a list, and clears all that a walk fills; sets the entries' links to newer ones and
 // clears their results. False when there is no memory. QorEndLocalSearch gives the index back.
-bool QorPrepareLocalSearch(QorAllThreadLocalInfoList *list);
+bool QorPrepareLocalSearch(QorLocalWalk *walk, QorAllThreadLocalInfoList *list);
 
 // The same for one frame of one thread.
-bool QorPrepareFrameSearch(int64_t tid, int64_t method);
+bool QorPrepareFrameSearch(QorLocalWalk *walk, int64_t tid, int64_t method);
 
-void QorEndLocalSearch();
+void QorEndLocalSearch(QorLocalWalk *walk);
 
 // Starts the walk's time; without a budget it is never looked at.
-void QorStartLocalWalkTime(int64_t now, bool hasBudget);
+void QorStartLocalWalkTime(QorLocalWalk *walk, int64_t now, bool hasBudget);
 
 // Whether the walk has used up its budget.
-bool QorLocalWalkTimeIsUp();
+bool QorLocalWalkTimeIsUp(const QorLocalWalk &walk);
 
-// The callbacks of the walk for a list and of that for one frame, whose user data is the QorWantedFrame.
+// The callbacks of the walk for a list and of that for one frame.
 jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong referrerClassTag, jlong size, jlong *tagPtr,
                                             jlong *referrerTagPtr, jint length, void *userData);

@@ -29,9 +29,9 @@ void *qorrefIterFillFromFrame;
 void *qorrefIterInit;
 void *qorrefIterFree;
 
-jvmtiEnv *gbQorLocalWalkEnv;
-
 namespace {
+
+QorLocalWalk &walk = gbQorLocalWalk;
 
 constexpr jint JNI_OF_GET_OBJ_OPT = 0x00010006;
 constexpr int UPDATE_DIGITS = 6; // where a version text such as "1.6.0_45" has its update
@@ -41,21 +41,21 @@ constexpr int64_t USEC_PER_SEC = 1000000;
 constexpr int32_t ALL_TIME = 100; // percent
 constexpr int64_t MOST_OLD_TAGS = 2 * LOCAL_TAGS;
 
-// With it go all tags, whatever objects have them.
+// All tags are removed too, whatever objects have them.
 void CloseWalkEnv() {
-    QorCloseTagEnvironment(gbQorLocalWalkEnv);
-    gbQorLocalWalkEnv = nullptr;
-    gbQorTagBase = 0;
+    QorCloseTagEnvironment(walk.env);
+    walk.env = nullptr;
+    walk.tagBase = 0;
 }
 
 bool OpenWalkEnv() {
     // A fault has cut the last walk short: its tags would pass for those of this one. Those that look-ups had
     // no time for are older than any number of this walk, but cost time.
-    if (gbQorTagCount > 0 || gbQorTagBase > MOST_OLD_TAGS)
+    if (walk.tagCount > 0 || walk.tagBase > MOST_OLD_TAGS)
         CloseWalkEnv();
-    if (!gbQorLocalWalkEnv && jvmti)
-        gbQorLocalWalkEnv = QorOpenTagEnvironment();
-    return gbQorLocalWalkEnv;
+    if (!walk.env && jvmti)
+        walk.env = QorOpenTagEnvironment();
+    return walk.env;
 }
 
 bool IsUpdateBelow50() {
@@ -70,10 +70,10 @@ bool CanFillHandles() {
            jvmtijni_env->GetVersion() == JNI_OF_GET_OBJ_OPT;
 }
 
-int32_t Follow(jvmtiHeapReferenceCallback callback, void *userData) {
+int32_t Follow(jvmtiHeapReferenceCallback callback) {
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = callback;
-    const jvmtiError error = gbQorLocalWalkEnv->FollowReferences(0, nullptr, nullptr, &callbacks, userData);
+    const jvmtiError error = walk.env->FollowReferences(0, nullptr, nullptr, &callbacks, &walk);
     check_FollowRefHack();
     QorClearException(jvmtijni_env);
     return error;
@@ -81,34 +81,34 @@ int32_t Follow(jvmtiHeapReferenceCallback callback, void *userData) {
 
 // What the callback has met and may not write itself.
 void LogCallbackLines(int64_t end) {
-    const QorLocalWalkOutcome &outcome = gbQorLocalWalkOutcome;
+    const QorLocalWalkOutcome &outcome = walk.outcome;
     if (outcome.missingInfos > 0)
         QORLOG(LOG_NOTE, " IMPORTANT reference_info NULL\n");
     if (outcome.passedOver > 0)
         QORLOG_RATIONED(LOG_ERROR, "TAG too huge to fit in");
-    for (int32_t i = 0; i < gbQorWantedFrameCount; i++)
-        if (gbQorWantedFrames[i].isNative && gbQorWantedFrames[i].hits > 0)
-            QORLOG(LOG_DETAIL, "FollowRef  Methos ID %x match",
-                   static_cast<uint32_t>(gbQorWantedFrames[i].method));
+    for (int32_t i = 0; i < walk.frameCount; i++)
+        if (walk.frames[i].isNative && walk.frames[i].hits > 0)
+            QORLOG(LOG_DETAIL, "FollowRef  Methos ID %x match", static_cast<uint32_t>(walk.frames[i].method));
     switch (outcome.end) {
     case WALK_OUT_OF_TIME:
-        QorReportLocalWalkAbort(end, iIterationCount, outcome.usec, outcome.kind);
+        QorReportLocalWalkAbort(end, walk.iIterationCount, outcome.usec, outcome.kind);
         break;
     case WALK_THREADS_SEEN:
-        QORLOG(LOG_DETAIL, "Aborting GetLocalObj when threadCount=0 after %d iterations. ", iIterationCount);
+        QORLOG(LOG_DETAIL, "Aborting GetLocalObj when threadCount=0 after %d iterations. ",
+               walk.iIterationCount);
         break;
     case WALK_RECORDS_HIT:
-        QORLOG(LOG_DETAIL, "Aborting GetLocalObj when IsAbort=1 after %d iterations. ", iIterationCount);
+        QORLOG(LOG_DETAIL, "Aborting GetLocalObj when IsAbort=1 after %d iterations. ", walk.iIterationCount);
         break;
     case WALK_HEAP_REACHED:
         QORLOG(
             LOG_DETAIL,
             "Aborting GetLocalObj when reference_kind<JVMTI_HEAP_REFERENCE_JNI_GLOBAL after %d iterations. ",
-            iIterationCount);
+            walk.iIterationCount);
         break;
     case WALK_BEHIND_STACKS:
         QORLOG(LOG_DETAIL, "Aborting GetLocalObj behind the stacks after %d iterations. Current refKind = %d",
-               iIterationCount, outcome.kind);
+               walk.iIterationCount, outcome.kind);
         break;
     case WALK_FRAME_LEFT:
     case WALK_NOT_ENDED:
@@ -118,29 +118,28 @@ void LogCallbackLines(int64_t end) {
 
 // Whether objects may be missing that a longer walk would have found.
 bool WasCut() {
-    const QorLocalWalkOutcome &outcome = gbQorLocalWalkOutcome;
+    const QorLocalWalkOutcome &outcome = walk.outcome;
     return outcome.end == WALK_OUT_OF_TIME || outcome.passedOver > 0 || outcome.notLookedUp > 0;
 }
 
 void LogWalk(int64_t start, int64_t end) {
     LogCallbackLines(end);
-    if (threadCount != 0)
-        QORLOG(LOG_DETAIL, "Lost %d threads during getlocalobj ", threadCount);
-    QORLOG(LOG_DETAIL, "Iteration count for heap is %ld", static_cast<long>(iIterationCount));
-    QorCountLocalWalk(start, end, iIterationCount);
+    if (walk.threadCount != 0)
+        QORLOG(LOG_DETAIL, "Lost %d threads during getlocalobj ", walk.threadCount);
+    QORLOG(LOG_DETAIL, "Iteration count for heap is %ld", static_cast<long>(walk.iIterationCount));
+    QorCountLocalWalk(start, end, walk.iIterationCount);
     if (qorIsPollOrTrace)
         QorDumpTime(start / USEC_PER_SEC, start % USEC_PER_SEC, end / USEC_PER_SEC, end % USEC_PER_SEC,
                     "Local Variable traversal");
     else
         QORLOG(LOG_NOTE, "LTA GetLocals took %ld usec (%d iterations, %d JNI locals)",
-               static_cast<long>(end - start), iIterationCount, iJNILocalCount);
+               static_cast<long>(end - start), walk.iIterationCount, walk.iJNILocalCount);
 }
 
 void AttachObject(const QorWantedFrame &frame) {
     QorAllThreadLocalInfoList *record = frame.record;
     record->localCount = frame.hits;
-    jobject chosen =
-        QorChooseLocalObject(frame, QorIsObjectOfInterest, gbQorLocalWalkEnv, record->strSignature);
+    jobject chosen = QorChooseLocalObject(walk, frame, QorIsObjectOfInterest, walk.env, record->strSignature);
     if (chosen)
         record->objLocalVarHandle = QorNewGlobalRef(jvmtijni_env, chosen);
     if (!record->objLocalVarHandle)
@@ -149,18 +148,18 @@ void AttachObject(const QorWantedFrame &frame) {
 
 // Attaches their objects to the records. JVMTI's error, 0 for none.
 int32_t CollectObjects() {
-    QorLocalFrame localFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS);
+    QorLocalFrame localFrame(jvmtijni_env, QorCountFoundObjects(walk) + SPARE_REFS);
     if (!localFrame.pushed) {
         QORLOG(LOG_ERROR, "Out of Memory");
         return JVMTI_ERROR_OUT_OF_MEMORY;
     }
-    const int32_t error = QorFetchFoundObjects(gbQorLocalWalkEnv);
-    for (int32_t i = 0; i < gbQorWantedFrameCount; i++) {
-        const QorWantedFrame &frame = gbQorWantedFrames[i];
+    const int32_t error = QorFetchFoundObjects(&walk);
+    for (int32_t i = 0; i < walk.frameCount; i++) {
+        const QorWantedFrame &frame = walk.frames[i];
         if (frame.hits > 0 && frame.record)
             AttachObject(frame);
         if (frame.hits > 0 && frame.rules)
-            QorTakeRuleObjects(frame, QorIsObjectOfInterest, gbQorLocalWalkEnv, frame.rules);
+            QorTakeRuleObjects(walk, frame, QorIsObjectOfInterest, walk.env, frame.rules);
     }
     return error;
 }
@@ -171,12 +170,12 @@ bool EndsFrameSearch(const char *signature) {
 
 // False, without references, when the frame's objects can't be read.
 bool FetchFrameObjects() {
-    if (QorPushLocalFrame(jvmtijni_env, QorCountFoundObjects() + SPARE_REFS) != 0) {
+    if (QorPushLocalFrame(jvmtijni_env, QorCountFoundObjects(walk) + SPARE_REFS) != 0) {
         QORLOG(LOG_ERROR, "Out of Memory");
         CloseWalkEnv();
         return false;
     }
-    if (QorFetchFoundObjects(gbQorLocalWalkEnv) == JVMTI_ERROR_NONE)
+    if (QorFetchFoundObjects(&walk) == JVMTI_ERROR_NONE)
         return true;
     QorPopLocalFrame(jvmtijni_env, nullptr);
     CloseWalkEnv();
@@ -186,7 +185,7 @@ bool FetchFrameObjects() {
 bool ReadFrameObject(QorLocalObjectRecord *record) {
     if (!FetchFrameObjects())
         return false;
-    jobject chosen = QorChooseLocalObject(gbQorWantedFrames[0], EndsFrameSearch, nullptr, record->signature);
+    jobject chosen = QorChooseLocalObject(walk, walk.frames[0], EndsFrameSearch, nullptr, record->signature);
     record->object = QorPopLocalFrame(jvmtijni_env, chosen);
     if (record->object)
         record->klass = QorGetObjectClass(jvmtijni_env, record->object);
@@ -196,13 +195,13 @@ bool ReadFrameObject(QorLocalObjectRecord *record) {
 // Whether a walk for the one frame has found objects.
 bool WalkOneFrame(int64_t tid, int64_t method) {
     const int32_t quota = QorLocalWalkQuota();
-    if (quota == 0 || !OpenWalkEnv() || !QorPrepareFrameSearch(tid, method))
+    if (quota == 0 || !OpenWalkEnv() || !QorPrepareFrameSearch(&walk, tid, method))
         return false;
     lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
-    QorStartLocalWalkTime(qorLocalWalkClock(), quota < ALL_TIME);
-    Follow(heapReferenceOneObjectCallback, gbQorWantedFrames);
+    QorStartLocalWalkTime(&walk, qorLocalWalkClock(), quota < ALL_TIME);
+    Follow(heapReferenceOneObjectCallback);
     LogCallbackLines(qorLocalWalkClock());
-    return QorCountFoundObjects() > 0;
+    return QorCountFoundObjects(walk) > 0;
 }
 
 } // namespace
@@ -220,11 +219,11 @@ int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list) {
     if (!list || quota == 0)
         return -1;
     const int64_t start = qorLocalWalkClock();
-    if (!QorLocalWalkIsDue(start) || !OpenWalkEnv() || !QorPrepareLocalSearch(list))
+    if (!QorLocalWalkIsDue(start) || !OpenWalkEnv() || !QorPrepareLocalSearch(&walk, list))
         return -1;
     QorSetLocalWalkBudget(start);
-    QorStartLocalWalkTime(start, quota < ALL_TIME);
-    const int32_t walkError = Follow(heapReferenceAllObjectCallback, nullptr);
+    QorStartLocalWalkTime(&walk, start, quota < ALL_TIME);
+    const int32_t walkError = Follow(heapReferenceAllObjectCallback);
     const int32_t tagError = CollectObjects();
     const int64_t end = qorLocalWalkClock(); // the look-up of tags keeps the JVM's threads too
     gbQorWalkCut = WasCut();
@@ -232,7 +231,7 @@ int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list) {
     getNextLocalObjTime(start, end);
     if (tagError != JVMTI_ERROR_NONE)
         CloseWalkEnv();
-    QorEndLocalSearch();
+    QorEndLocalSearch(&walk);
     QorReportLocalWalks(end, walkError, tagError);
     return 0;
 }
@@ -244,16 +243,16 @@ int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *rec
     record->klass = nullptr;
     record->signature[0] = 0;
     const bool found = WalkOneFrame(tid, method) && ReadFrameObject(record);
-    QorEndLocalSearch();
+    QorEndLocalSearch(&walk);
     return found ? 0 : -1;
 }
 
 void QorReadRuleObjects(QorAllThreadLocalInfoList *entry) {
     if (WalkOneFrame(entry->threadId, entry->frameMethod) && FetchFrameObjects()) {
-        QorTakeRuleObjects(gbQorWantedFrames[0], QorIsObjectOfInterest, nullptr, entry);
+        QorTakeRuleObjects(walk, walk.frames[0], QorIsObjectOfInterest, nullptr, entry);
         QorPopLocalFrame(jvmtijni_env, nullptr);
     }
-    QorEndLocalSearch();
+    QorEndLocalSearch(&walk);
 }
 
 int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record) {
@@ -269,7 +268,7 @@ void QorForgetBoringClasses() {
 
 void QorCloseLocalWalk() {
     CloseWalkEnv();
-    QorEndLocalSearch();
+    QorEndLocalSearch(&walk);
     QorDropLocalListPool();
     QorForgetLocalWalks();
 }

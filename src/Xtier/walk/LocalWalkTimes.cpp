@@ -20,6 +20,11 @@ int64_t MonotonicMicroseconds() {
     return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
 }
 
+// Since the last statistics: walks, their time in microseconds, their callbacks.
+int32_t iFollowRefCount;
+int64_t lFollowRefTotalTime;
+int64_t lIterationTotalCount;
+
 // Time that walks by hand took, by seconds: the one that runs and the ten before it.
 constexpr int64_t SECOND_USEC = 1'000'000;
 constexpr int64_t HAND_SECONDS = 10;
@@ -104,9 +109,6 @@ int64_t prevFollowRefExecTime;
 int64_t prevFollowRefAbortReportTime;
 int64_t prevFollowRefStatsReportTime;
 int32_t iSkipFollowRefCount;
-int32_t iFollowRefCount;
-int64_t lFollowRefTotalTime;
-int64_t lIterationTotalCount;
 int64_t lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
 int64_t gbQorLastWalkUsec = -1;
 bool gbQorWalkLeftOut;

@@ -17,9 +17,6 @@ extern int64_t prevFollowRefExecTime;        // start of the last walk
 extern int64_t prevFollowRefAbortReportTime; // last line on a walk skipped or ended for its time
 extern int64_t prevFollowRefStatsReportTime; // last line of statistics
 extern int32_t iSkipFollowRefCount;          // walks skipped or ended since that line
-extern int32_t iFollowRefCount;              // walks since the last statistics
-extern int64_t lFollowRefTotalTime;          // their time, microseconds
-extern int64_t lIterationTotalCount;         // their callbacks
 
 // The share of time that walks may take, 0 to 100 percent.
 int32_t QorLocalWalkQuota();
