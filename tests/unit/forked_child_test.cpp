@@ -1,8 +1,11 @@
 #include "platforms/forked_child.h"
 
+#include "Child.h"
 #include "Descriptors.h"
+#include "Restore.h"
 #include "platforms/linux.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -10,22 +13,19 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
-#include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
+constexpr int32_t SHORT_STANDSTILL = 2000;
+
 bool over = true, writing;
 int finishError, ends;
-char *statistics; // memory that other processes read
 
-// What a copy tells of itself.
+// What a copy reports of itself.
 struct Report {
     bool finished, fileOpen, otherOpen, canOpen;
     int coreLimit, signals, deathSignal, priority;
@@ -33,18 +33,19 @@ struct Report {
 };
 Report *report;
 int keptFile, otherFile;
+char *statistics; // memory that other processes read
+
+void Nothing() {}
 
 int32_t Finish() {
     report->finished = true;
     return finishError;
 }
 
-void Nothing() {}
-
 int32_t (*body)(); // of QorForkNow; null: QorForkHere
 
-// Makes a copy, which does `walk` and sleeps as a walk's thread does after it; the parent does `look`
-// meanwhile. The outcome and its error.
+// Makes a copy, which does `walk` and sleeps as a walk's thread does after it, while the parent does `look`.
+// The outcome and its error.
 std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothing) {
     int32_t pipe[2], error = 0;
     EXPECT_TRUE(qor_create_pipe(pipe));
@@ -58,11 +59,9 @@ std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothin
                                 [](QorForkState, int32_t, const void *) { ends++; },
                                 body != nullptr}));
     report = static_cast<Report *>(QorForkResult());
-    if ((body ? QorForkNow(body) : QorForkHere()) == 0) {
-        walk();
-        for (;;)
+    if ((body ? QorForkNow(body) : QorForkHere()) == 0)
+        for (walk();;)
             pause();
-    }
     qor_close_handle(&pipe[1]);
     look();
     while (!qor_can_read_internal(pipe[0], 1))
@@ -88,35 +87,33 @@ void SleepAndStep() {
 }
 
 void ComputeAndStep() {
-    while (clock() < 5 * CLOCKS_PER_SEC / 2) { // longer than the standstill
+    while (clock() < CLOCKS_PER_SEC / 1000 * (SHORT_STANDSTILL + 500)) {
     }
     Step();
     over = true;
 }
 
 void AwaitRelease() {
-    report->begun = true;
-    while (!report->released) {
+    for (report->begun = true; !report->released; usleep(1000))
         QorForkStep();
-        usleep(1000);
-    }
+}
+
+bool NoChildIsLeft() {
+    return waitpid(-1, nullptr, WNOHANG | __WALL) == -1;
 }
 
 } // namespace
 
 TEST(ForkedChild, EndsAsItsWalkDoes) {
     const int descriptors = OpenDescriptors();
-    struct Case {
+    const struct {
         const char *what;
         void (*walk)();
         bool over, writing;
         QorForkState state;
         int32_t error;
         int32_t standstill = 30000; // so that a busy machine isn't taken for one
-    };
-    constexpr int32_t SHORT_STANDSTILL = 2000;
-    gbiForkSleep = 200;
-    const Case cases[] = {
+    } rows[] = {
         {"to the end", Step, true, false, FORK_DONE, 0},
         {"a file that can't be written", [] { finishError = ENOSPC; }, true, false, FORK_FAILED, ENOSPC},
         {"a fault", [] { raise(SIGSEGV); }, true, false, FORK_FAULT, 0},
@@ -127,19 +124,16 @@ TEST(ForkedChild, EndsAsItsWalkDoes) {
         {"killed", [] { raise(SIGKILL); }, true, false, FORK_RUNNING, 0},
         {"an abort like the JVM's own", [] { abort(); }, true, false, FORK_RUNNING, 0},
     };
-    for (const Case &c : cases) {
-        over = c.over;
-        writing = c.writing;
-        gbiForkStandstill = c.standstill;
+    const Restore sleep(gbiForkSleep, 200), standstill(gbiForkStandstill);
+    for (const auto &row : rows) {
+        over = row.over;
+        writing = row.writing;
+        gbiForkStandstill = row.standstill;
         ends = 0;
-        const auto [state, error] = RunCopy(c.walk);
-        EXPECT_EQ(state, c.state) << c.what;
-        EXPECT_EQ(error, c.error) << c.what;
-        EXPECT_EQ(report->finished, c.state == FORK_DONE || c.state == FORK_FAILED) << c.what;
-        EXPECT_EQ(ends, 1) << c.what;
+        EXPECT_EQ(RunCopy(row.walk), std::pair(row.state, row.error)) << row.what;
+        EXPECT_EQ(report->finished, row.state == FORK_DONE || row.state == FORK_FAILED) << row.what;
+        EXPECT_EQ(ends, 1) << row.what;
     }
-    gbiForkStandstill = 30000;
-    gbiForkSleep = 1000;
     EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
@@ -151,36 +145,33 @@ TEST(ForkedChild, HoldsNothingOfItsParentAndIsTheLeastOfTheMachine) {
     statistics = static_cast<char *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, shared, 0));
     close(shared);
     statistics[0] = 'p';
-    const auto [state, error] = RunCopy(
-        [] {
-            rlimit core = {1, 1};
-            report->fileOpen = fcntl(keptFile, F_GETFD) >= 0;
-            report->otherOpen = fcntl(otherFile, F_GETFD) >= 0 || fcntl(2, F_GETFD) >= 0;
-            report->canOpen = open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0;
-            getrlimit(RLIMIT_CORE, &core);
-            report->coreLimit = static_cast<int>(core.rlim_cur);
-            report->priority = getpriority(PRIO_PROCESS, 0);
-            prctl(PR_GET_PDEATHSIG, &report->deathSignal);
-            struct sigaction action;
-            for (int signal : {SIGTERM, SIGCHLD, SIGUSR1}) {
-                sigaction(signal, nullptr, &action);
-                report->signals += action.sa_handler != SIG_DFL;
-            }
-            statistics[0] = statistics[0] == 'p' ? 'c' : '?';
-            AwaitRelease();
-        },
-        [] {
-            std::string score;
-            while (!report->begun && QorForkedChildLives())
-                usleep(1000);
-            std::ifstream("/proc/" + std::to_string(QorForkedPid()) + "/oom_score_adj") >> score;
-            EXPECT_EQ(score, "1000") << "the first to be killed when memory runs out";
-            report->released = true;
-        });
-    EXPECT_EQ(state, FORK_DONE) << error;
-    EXPECT_TRUE(report->fileOpen);
-    EXPECT_FALSE(report->otherOpen);
-    EXPECT_FALSE(report->canOpen);
+    const auto look_at_itself = [] {
+        rlimit core = {1, 1};
+        report->fileOpen = fcntl(keptFile, F_GETFD) >= 0;
+        report->otherOpen = fcntl(otherFile, F_GETFD) >= 0 || fcntl(2, F_GETFD) >= 0;
+        report->canOpen = open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0;
+        getrlimit(RLIMIT_CORE, &core);
+        report->coreLimit = static_cast<int>(core.rlim_cur);
+        report->priority = getpriority(PRIO_PROCESS, 0);
+        prctl(PR_GET_PDEATHSIG, &report->deathSignal);
+        struct sigaction action;
+        for (int signal : {SIGTERM, SIGCHLD, SIGUSR1}) {
+            sigaction(signal, nullptr, &action);
+            report->signals += action.sa_handler != SIG_DFL;
+        }
+        statistics[0] = statistics[0] == 'p' ? 'c' : '?';
+        AwaitRelease();
+    };
+    const auto look_from_outside = [] {
+        std::string score;
+        while (!report->begun && QorForkedChildLives())
+            usleep(1000);
+        std::ifstream("/proc/" + std::to_string(QorForkedPid()) + "/oom_score_adj") >> score;
+        EXPECT_EQ(score, "1000") << "the first to be killed when memory runs out";
+        report->released = true;
+    };
+    EXPECT_EQ(RunCopy(look_at_itself, look_from_outside).first, FORK_DONE);
+    EXPECT_TRUE(report->fileOpen && !report->otherOpen && !report->canOpen);
     EXPECT_EQ(report->coreLimit, 0);
     EXPECT_EQ(report->signals, 0) << "handlers of the parent's";
     EXPECT_EQ(report->deathSignal, SIGKILL) << "its parent's end is its own";
@@ -193,47 +184,37 @@ TEST(ForkedChild, HoldsNothingOfItsParentAndIsTheLeastOfTheMachine) {
 std::atomic<int> childSignals, forkHandlers;
 
 // Whatever an application does with its children's signal, and however it waits for its children: the copy
-// is none of them, and the agent collects it.
+// isn't one of them, and the agent collects it.
 TEST(ForkedChild, IsUnseenByTheApplication) {
     pthread_atfork([] { forkHandlers++; }, [] { forkHandlers++; }, [] { forkHandlers++; });
-    struct sigaction cases[4] = {}, after;
-    cases[1].sa_handler = SIG_IGN;
-    cases[2].sa_flags = SA_NOCLDWAIT;
-    cases[3].sa_handler = [](int) { childSignals++; };
-    for (const struct sigaction &action : cases) {
+    struct sigaction actions[4] = {}, after;
+    actions[1].sa_handler = SIG_IGN;
+    actions[2].sa_flags = SA_NOCLDWAIT;
+    actions[3].sa_handler = [](int) { childSignals++; };
+    const auto look = [] {
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "the application sees it";
+        EXPECT_EQ(errno, ECHILD);
+        EXPECT_EQ(zombie_reaper(), 0) << "it still runs";
+        report->released = true;
+        siginfo_t end = {}; // its end, which the agent hasn't seen yet
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(QorForkedPid()), &end, WEXITED | WNOWAIT | __WALL), 0);
+        EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
+    };
+    for (const struct sigaction &action : actions) {
         sigaction(SIGCHLD, &action, nullptr);
-        EXPECT_EQ(RunCopy(AwaitRelease,
-                          [] {
-                              EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "the application sees it";
-                              EXPECT_EQ(errno, ECHILD);
-                              EXPECT_EQ(zombie_reaper(), 0) << "it still runs";
-                              report->released = true;
-                              siginfo_t end = {}; // its end, which the agent has not seen yet
-                              EXPECT_EQ(waitid(P_PID, static_cast<id_t>(QorForkedPid()), &end,
-                                               WEXITED | WNOWAIT | __WALL),
-                                        0);
-                              EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
-                          })
-                      .first,
-                  FORK_DONE);
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "it was not collected";
+        EXPECT_EQ(RunCopy(AwaitRelease, look).first, FORK_DONE);
+        EXPECT_TRUE(NoChildIsLeft());
         sigaction(SIGCHLD, nullptr, &after);
         EXPECT_EQ(after.sa_handler, action.sa_handler);
     }
-    EXPECT_EQ(childSignals, 0);
-    EXPECT_EQ(forkHandlers, 0);
-    const pid_t own = fork();
-    if (own == 0)
-        _exit(7);
-    int status = 0;
+    EXPECT_EQ(childSignals + forkHandlers, 0);
     EXPECT_EQ(zombie_reaper(), 0);
-    EXPECT_EQ(waitpid(-1, &status, 0), own);
-    EXPECT_EQ(WEXITSTATUS(status), 7) << "the application's children are its own";
+    EXPECT_EQ(InChild([] { _exit(7); }), 7) << "the application's children are its own";
     EXPECT_EQ(childSignals, 1);
     signal(SIGCHLD, SIG_DFL);
 }
 
-// Takes half of the stack that a copy of its own has.
+// Takes so many megabytes of the copy's stack, which has eight.
 int32_t Dig(int32_t depth) {
     volatile char taken[1 << 20] = {};
     return depth == 0 ? taken[0] : Dig(depth - 1) + taken[1];
@@ -244,7 +225,7 @@ TEST(ForkedChild, RunsAFunctionOnItsOwnStackAndEndsWithItsResult) {
         int32_t (*body)();
         QorForkState state;
         int32_t error;
-    } cases[] = {
+    } rows[] = {
         {[] { return Dig(4); }, FORK_DONE, 0},
         {[] { return ENOSPC; }, FORK_FAILED, ENOSPC},
         {[]() -> int32_t { return FORK_NOT_STILL; }, FORK_MOVED, FORK_NOT_STILL},
@@ -252,17 +233,16 @@ TEST(ForkedChild, RunsAFunctionOnItsOwnStackAndEndsWithItsResult) {
         {[] { return Dig(40); }, FORK_RUNNING, 0},
         {[] { return pause(); }, FORK_STUCK, 0},
     };
-    gbiForkSleep = 200;
-    for (const auto &c : cases) {
-        body = c.body;
-        EXPECT_EQ(RunCopy(Nothing), std::make_pair(c.state, c.error)) << &c - cases;
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1);
+    const Restore sleep(gbiForkSleep, 200);
+    const Restore function(body);
+    for (const auto &row : rows) {
+        body = row.body;
+        EXPECT_EQ(RunCopy(Nothing), std::pair(row.state, row.error)) << &row - rows;
+        EXPECT_TRUE(NoChildIsLeft());
     }
-    gbiForkSleep = 1000;
-    body = nullptr;
 }
 
-// A killed copy that nobody waits for is collected by a later look, and hinders no new one then.
+// A killed copy that nobody waits for is collected by a later look, and doesn't hinder a new one then.
 TEST(ForkedChild, EndedWithoutWaiting) {
     int32_t pipe[2];
     ASSERT_TRUE(qor_create_pipe(pipe));
@@ -276,7 +256,7 @@ TEST(ForkedChild, EndedWithoutWaiting) {
     QorEndFork();
     while (QorForkedChildLives())
         usleep(1000);
-    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1);
+    EXPECT_TRUE(NoChildIsLeft());
     EXPECT_TRUE(QorPrepareFork(plan));
     QorForgetFork();
     qor_close_pipe(pipe);

@@ -1,26 +1,22 @@
 // Threads held by signal: whatever comes in between, none stays, and no signal of the host's is lost.
+#include "Child.h"
 #include "LogCapture.h"
 #include "qorthreads/qorthreads.h"
 #include "qorthreads/sig_susp_handler.h"
 #include "qorthreads/task_stat.h"
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <deque>
 #include <fcntl.h>
-#include <functional>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -71,32 +67,31 @@ int64_t WaitedForProcessor(int schedstat) {
 // A thread that repeats a step, and knows the longest time that one took it, but for the machine's own
 // delays.
 struct Target {
-    explicit Target(std::function<void()> step = Pause, std::function<void()> first = nullptr)
-        : thread([this, step, first] {
-              pthread_attr_t attributes;
-              void *low;
-              size_t size;
-              pthread_getattr_np(pthread_self(), &attributes);
-              pthread_attr_getstack(&attributes, &low, &size);
-              pthread_attr_destroy(&attributes);
-              stack = reinterpret_cast<uint64_t>(low);
-              stackSize = size;
-              if (first)
-                  first();
-              id = OwnId();
-              const int schedstat = open("/proc/thread-self/schedstat", O_RDONLY);
-              const auto now = [=] { return QorMonotonicNsec() - WaitedForProcessor(schedstat); };
-              for (int64_t last = now(), next; !ended; steps++, last = next) {
-                  step();
-                  next = now();
-                  longest = std::max<int64_t>(longest, next - last);
-              }
-              close(schedstat);
-          }) {
+    explicit Target(std::function<void()> step = Pause, void (*first)() = [] {}) : thread([this, step, first] {
+        first();
+        Run(step);
+    }) {
         while (id == 0)
             Pause();
     }
     ~Target() { End(); }
+    void Run(const std::function<void()> &step) {
+        pthread_attr_t attributes;
+        void *low;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstack(&attributes, &low, &stackSize);
+        pthread_attr_destroy(&attributes);
+        stack = reinterpret_cast<uint64_t>(low);
+        id = OwnId();
+        const int schedstat = open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC);
+        const auto now = [=] { return QorMonotonicNsec() - WaitedForProcessor(schedstat); };
+        for (int64_t last = now(), next; !ended; steps++, last = next) {
+            step();
+            next = now();
+            longest = std::max<int64_t>(longest, next - last);
+        }
+        close(schedstat);
+    }
     void End() {
         ended = true;
         if (thread.joinable())
@@ -119,12 +114,9 @@ struct Target {
         const QorHold hold = Ask();
         QorRegisters at = {};
         const bool came = QorAwaitHeld(hold, &at);
-        if (came) {
-            const int64_t before = steps;
-            EXPECT_LT(at.sp - stack, stackSize) << "another thread's registers";
-            EXPECT_EQ(steps, before);
-        }
-        EXPECT_TRUE(!came || QorStillHeld(hold));
+        const int64_t before = steps;
+        EXPECT_TRUE(!came || at.sp - stack < stackSize) << "another thread's registers";
+        EXPECT_TRUE(!came || (steps == before && QorStillHeld(hold)));
         qor_resume_thread(hold);
         return came;
     }
@@ -136,7 +128,8 @@ struct Target {
     std::atomic<int32_t> id{0};
     std::atomic<int64_t> steps{0}, longest{0};
     std::atomic<bool> ended{false};
-    uint64_t stack = 0, stackSize = 0;
+    uint64_t stack = 0;
+    size_t stackSize = 0;
     std::thread thread;
 };
 
@@ -173,8 +166,15 @@ bool Settled() {
     });
 }
 
-class HeldThreads : public testing::Test {
-protected:
+void UseHandler(void (*handler)(int, siginfo_t *, void *)) {
+    struct sigaction action = {};
+    action.sa_sigaction = handler; // null is SIG_DFL
+    action.sa_flags = handler ? SA_SIGINFO : 0;
+    sigaddset(&action.sa_mask, SIGUSR1);
+    sigaction(HOLD_SIGNAL, &action, nullptr);
+}
+
+struct HeldThreads : testing::Test {
     HeldThreads() {
         UseHandler(HostHandler);
         inJava = true;
@@ -183,30 +183,21 @@ protected:
         EXPECT_FALSE(OursInForce());
     }
     ~HeldThreads() override { UseHandler(nullptr); }
-    static void UseHandler(void (*handler)(int, siginfo_t *, void *)) {
-        struct sigaction action = {};
-        action.sa_sigaction = handler; // null is SIG_DFL
-        action.sa_flags = handler ? SA_SIGINFO : 0;
-        sigaddset(&action.sa_mask, SIGUSR1);
-        sigaction(HOLD_SIGNAL, &action, nullptr);
-    }
 };
 
-sigset_t JustTheSignal() {
+const sigset_t JUST_THE_SIGNAL = [] {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, HOLD_SIGNAL);
     return set;
-}
+}();
 
 void BlockSignal() {
-    const sigset_t set = JustTheSignal();
-    sigprocmask(SIG_BLOCK, &set, nullptr);
+    sigprocmask(SIG_BLOCK, &JUST_THE_SIGNAL, nullptr);
 }
 
 void OpenSignal() {
-    const sigset_t set = JustTheSignal();
-    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    sigprocmask(SIG_UNBLOCK, &JUST_THE_SIGNAL, nullptr);
 }
 
 } // namespace
@@ -214,28 +205,23 @@ void OpenSignal() {
 TEST_F(HeldThreads, NoneStaysInAStorm) {
     signal(SIGPROF, [](int) {});
     constexpr int COUNT = 200;
-    std::deque<Target> targets;
-    for (int i = 0; i < COUNT; i++)
-        targets.emplace_back();
+    std::deque<Target> targets(COUNT);
     std::atomic<bool> over{false};
-    int sent = 0;
+    int sent = 0, asked = 0, held = 0;
     std::thread others([&] {
-        for (unsigned i = 0; !over; i++) {
+        for (unsigned i = 0; !over; i++, Pause()) {
             for (int n = 0; n < 10; n++)
                 syscall(SYS_tgkill, getpid(), targets[(i * 10 + n) % COUNT].id.load(), SIGPROF);
             if (foreign == sent && ++sent != 0)
                 kill(getpid(), HOLD_SIGNAL);
-            Pause();
         }
     });
-    int asked = 0, held = 0;
     const uint32_t ended = qorHoldsEnded;
-    for (const int64_t end = QorMonotonicNsec() + 2000 * MSEC; QorMonotonicNsec() < end; QorTendHolds()) {
+    for (const int64_t end = QorMonotonicNsec() + 2000 * MSEC; QorMonotonicNsec() < end; QorTendHolds())
         for (Target &target : targets) {
             asked++;
             held += target.Hold();
         }
-    }
     over = true;
     others.join();
     EXPECT_TRUE(Soon([&] { return foreign == sent; })) << foreign << " of " << sent;
@@ -249,7 +235,7 @@ TEST_F(HeldThreads, NoneStaysInAStorm) {
 
 TEST_F(HeldThreads, TheHostsSignalsArriveOnceReleased) {
     Target target;
-    QorHold hold = target.Stop();
+    const QorHold hold = target.Stop();
     EXPECT_EQ(target.Ask(), 0U) << "asked twice";
     syscall(SYS_tgkill, getpid(), target.id.load(), HOLD_SIGNAL);
     EXPECT_TRUE(QorStillHeld(hold));
@@ -272,21 +258,21 @@ TEST_F(HeldThreads, TheHostsSignalsArriveOnceReleased) {
     }
 }
 
-TEST_F(HeldThreads, AskedInVainTheyGoOn) {
-    UseHandler(nullptr); // from here a signal that nobody expects ends the process
-    {
-        std::atomic<bool> open{false};
-        Target blocking([&] { open ? OpenSignal() : Pause(); }, BlockSignal);
-        EXPECT_FALSE(blocking.Hold());
-        QorTendHolds();
-        EXPECT_TRUE(OursInForce()) << "its signal is still to come";
-        EXPECT_EQ(blocking.Ask(), 0U);
-        open = true;
-        EXPECT_TRUE(Settled());
-        EXPECT_TRUE(blocking.MovesOn());
-        open = false;
-        EXPECT_TRUE(blocking.Hold());
-    }
+// From here a signal that nobody expects ends the process.
+TEST_F(HeldThreads, WhoDoesntComeIsLeftAlone) {
+    UseHandler(nullptr);
+    std::atomic<bool> open{false};
+    Target blocking([&] { open ? OpenSignal() : Pause(); }, BlockSignal);
+    EXPECT_FALSE(blocking.Hold());
+    QorTendHolds();
+    EXPECT_TRUE(OursInForce()) << "its signal is still to come";
+    EXPECT_EQ(blocking.Ask(), 0U);
+    open = true;
+    EXPECT_TRUE(Settled());
+    EXPECT_TRUE(blocking.MovesOn());
+    open = false;
+    EXPECT_TRUE(blocking.Hold());
+
     Target ending(Pause, BlockSignal);
     EXPECT_FALSE(ending.Hold());
     ending.End();
@@ -314,11 +300,14 @@ TEST_F(HeldThreads, AskedInVainTheyGoOn) {
     EXPECT_TRUE(Soon([&] { return forks > before + 2; }));
     parent.End();
     EXPECT_TRUE(Settled());
+}
 
+TEST_F(HeldThreads, NobodyElseIsHeld) {
+    UseHandler(nullptr);
     Target target;
-    rlimit limit, none;
+    rlimit limit;
     getrlimit(RLIMIT_SIGPENDING, &limit);
-    none = {0, limit.rlim_max};
+    const rlimit none = {0, limit.rlim_max};
     setrlimit(RLIMIT_SIGPENDING, &none);
     const uint32_t nameless = qorSuspCounts.nameless;
     EXPECT_FALSE(target.Hold()) << "the limit drops the value";
@@ -357,22 +346,25 @@ TEST_F(HeldThreads, AHoldEndsByItselfAndIsNotedAsSuch) {
     EXPECT_TRUE(next.MovesOn());
 
     // Nor is a signal of an earlier ask, come late, an answer to this one.
+    const auto ask_for_me = [me = OwnId()](QorHoldCase reason, bool resumes) {
+        std::thread([=] {
+            const QorHold ask = qor_suspend_thread(1, me, reason);
+            EXPECT_NE(ask, 0U);
+            if (resumes)
+                qor_resume_thread(ask);
+        }).join();
+    };
     BlockSignal();
-    std::thread([&, me = OwnId()] { qor_resume_thread(qor_suspend_thread(1, me, HOLD_NULL_SP)); }).join();
+    ask_for_me(HOLD_NULL_SP, true);
     siginfo_t late = {};
     const timespec no_time = {};
-    const sigset_t set = JustTheSignal();
-    ASSERT_EQ(sigtimedwait(&set, &late, &no_time), HOLD_SIGNAL);
+    ASSERT_EQ(sigtimedwait(&JUST_THE_SIGNAL, &late, &no_time), HOLD_SIGNAL);
     QorTendHolds(); // no longer pending, it doesn't count any more
     ASSERT_TRUE(QorSlotsAllFree());
-    std::thread([&, me = OwnId()] {
-        const QorHold ask = qor_suspend_thread(1, me, HOLD_DUMP);
-        EXPECT_NE(ask, 0U);
-    }).join();
+    ask_for_me(HOLD_DUMP, false);
     ucontext_t context = {};
     sig_susp_handler(HOLD_SIGNAL, &late, &context);
     EXPECT_FALSE(QorSlotsAllFree()) << "the ask is still open";
-    EXPECT_EQ(foreign, 0);
     qor_resume_all_threads();
     OpenSignal();
     EXPECT_TRUE(Settled());
@@ -399,22 +391,10 @@ TEST_F(HeldThreads, LocksOfHeldThreadsAreNotWaitedFor) {
     for (int i = 0; i < 200; i++)
         allocating.Hold();
     EXPECT_TRUE(Settled());
-    EXPECT_GE(log.count("> <Inspecting thread worker-1, 0x"), 100) << log.text();
-    EXPECT_GE(log.count("> <Done Inspecting thread worker-1, 0x"), 100);
+    EXPECT_GE(log.count("> <Done Inspecting thread worker-1, 0x"), 100) << log.text();
 }
 
 TEST_F(HeldThreads, WhatElseUsesTheSignalStaysInForce) {
-    const auto in_child = [](const std::function<void()> &body) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(30);
-            body();
-            _exit(HasFailure());
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-    };
     const auto refused_call = [] {
         Target target;
         EXPECT_TRUE(QorStillHeld(target.Stop()) && OursInForce());
@@ -428,12 +408,12 @@ TEST_F(HeldThreads, WhatElseUsesTheSignalStaysInForce) {
         syscall(SYS_getppid);
         EXPECT_TRUE(foreign == 1 && foreignCode == 1 /* SYS_SECCOMP */);
     };
-    EXPECT_EQ(in_child(refused_call), 0);
+    EXPECT_EQ(InChild(refused_call), 0);
     UseHandler(nullptr);
-    EXPECT_EQ(in_child(refused_call), -HOLD_SIGNAL) << "no handler: the call's program ends";
+    EXPECT_EQ(InChild(refused_call), -HOLD_SIGNAL) << "no handler: the call's program ends";
 
     // Who replaces the action while it is ours may call ours as the one before: nobody is held any more.
-    EXPECT_EQ(in_child([] {
+    EXPECT_EQ(InChild([] {
                   Target target;
                   const QorHold hold = target.Stop();
                   UseHandler(HostHandler);
@@ -457,11 +437,9 @@ TEST(HeldSlots, AgreeWhoeverActsFirst) {
     for (Asked &asked : threads) {
         asked.thread = std::thread([&] {
             const auto mine = static_cast<uint64_t>(asked.id = OwnId());
-            while (!over) {
+            for (; !over; sched_yield())
                 if (const QorHold ask = asked.ask.exchange(0))
                     QorParkInSlot(ask, OwnId(), {mine, mine + 1, mine + 2});
-                sched_yield();
-            }
         });
         while (asked.id == 0)
             Pause();

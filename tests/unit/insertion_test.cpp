@@ -1,7 +1,6 @@
-#include "LogCapture.h"
+#include "Xtier/tiers/LocalList.h"
 #include "Xtier/XtierInsert.h"
 #include "Xtier/thread_e2e_info.h"
-#include "Xtier/tiers/LocalList.h"
 #include "reply/qorformat.h"
 
 #include <gtest/gtest.h>
@@ -14,25 +13,19 @@
 
 namespace {
 
-constexpr char NO_BLOCK[] = "{10<^|^|0|0|^|0|0|^|^|^";
-constexpr char NO_RMI_BLOCK[] = "{!0|0|^|^";
-
 // Texts of these tests have | for the field separator, ; and # for the ends of record and section, { for the
 // start of a block and its second marks as < and !.
 std::string Wire(std::string text) {
-    for (char &c : text) {
-        static const std::string shown = "|;#{<!";
-        static const char real[] = {FIELD_SEP,   RECORD_END,       SECTION_END,
-                                    WAIT_DETAIL, FIELD_COUNT_MARK, RMI_MARK};
-        if (shown.find(c) != std::string::npos)
-            c = real[shown.find(c)];
-    }
+    static const std::string shown = "|;#{<!";
+    static const char real[] = {FIELD_SEP, RECORD_END, SECTION_END, WAIT_DETAIL, FIELD_COUNT_MARK, RMI_MARK};
+    for (char &c : text)
+        c = shown.find(c) != std::string::npos ? real[shown.find(c)] : c;
     return text;
 }
 
 // A reply of one thread, and what is put into it.
 struct Insertion : testing::Test {
-    Insertion() : database(new QorDBRequestData), web(new QorJSPRequestData) {
+    Insertion() {
         QorClearDBRequestData(database.get());
         QorClearJSPRequestData(web.get());
         QorClearRmiCallData(&rmi);
@@ -44,13 +37,12 @@ struct Insertion : testing::Test {
         first = last = nullptr;
         reply.clear();
     }
-
-    QorXtierLocationInfo *Location(QorFramework framework = FRAMEWORK_NONE) {
+    QorXtierPositions &Location(QorFramework framework) {
         QorThreadRecord thread = {};
         thread.tid = 5;
         EXPECT_EQ(AddToXtierLocationInfoList(&thread, &first, &last), 0);
         last->framework = framework;
-        return last;
+        return last->at;
     }
     void Put(const std::string &text) { reply += Wire(text); }
     void Put(const std::string &text, int32_t *start, int32_t *end) {
@@ -60,19 +52,19 @@ struct Insertion : testing::Test {
     }
     // A row with all pieces.
     void PutRow(QorFramework framework) {
-        QorXtierPositions &at = Location(framework)->at;
+        QorXtierPositions &at = Location(framework);
         Put("a|n|^|");
         Put("^|^|", &at.requestStart, &at.requestEnd);
         Put("1-5|");
         Put("a.B->c|B.java|7|", &at.currentCallStart, &at.currentCallEnd);
         Put("DB Wait");
-        Put(NO_BLOCK, &at.dbStart, &at.dbEnd);
+        Put("{10<^|^|0|0|^|0|0|^|^|^", &at.dbStart, &at.dbEnd);
         Put("#Call Stack;top|T|1");
         Put("", &at.stackCallStart, &at.stackCallEnd);
         Put(";frame|F|2#");
     }
 
-    // The reply after the pass; `spare` bytes more than the old one has room.
+    // The reply after the pass; there is room for `spare` bytes more than the old one has.
     std::string Insert(int32_t spare = 100000) {
         std::string storage(reply.size() + static_cast<size_t>(spare) + 1, 0);
         QorText text;
@@ -83,24 +75,29 @@ struct Insertion : testing::Test {
         results.clear();
         for (const QorXtierLocationInfo *at = first; at; at = at->next)
             results += InsertXtierDataToConsoleBuf(&pass, *at, *web, *database, rmi) == 0 ? "0" : "-";
-        EXPECT_STREQ(text.text, reply.c_str()) << "the old reply stands until the end";
+        EXPECT_STREQ(text.text, reply.c_str()) << "the old reply stays until the end";
         QorEndInsertion(&pass, &text);
         EXPECT_EQ(text.length, static_cast<int32_t>(strlen(text.text)));
         return text.text;
     }
+    bool Inserts(const std::string &part) { return Insert().find(Wire(part)) != std::string::npos; }
 
-    void KnowDatabase(const char *sql = "select 1") {
-        QorStrncpy(database->url, "jdbc:x", DB_URL_SIZE, DB_URL_SIZE);
-        QorStrncpy(database->user, "scott", DB_USER_SIZE, DB_USER_SIZE);
-        QorStrncpy(database->sqlText, sql, SQL_TEXT_SIZE, SQL_TEXT_SIZE);
+    template <size_t SIZE>
+    static void Set(char (&field)[SIZE], const char *text) {
+        snprintf(field, SIZE, "%s", text);
+    }
+    void KnowDatabase() {
+        Set(database->url, "jdbc:x");
+        Set(database->user, "scott");
+        Set(database->sqlText, "select 1");
         database->localPort = 40000;
         database->remotePort = 1521;
         database->sampleTime = 0x180000001;
         database->sqlRef = 0xfffffffff;
     }
 
-    std::unique_ptr<QorDBRequestData> database;
-    std::unique_ptr<QorJSPRequestData> web;
+    std::unique_ptr<QorDBRequestData> database{new QorDBRequestData};
+    std::unique_ptr<QorJSPRequestData> web{new QorJSPRequestData};
     QorRmiCallData rmi;
     QorXtierLocationInfo *first = nullptr, *last = nullptr;
     std::string reply, results;
@@ -108,44 +105,35 @@ struct Insertion : testing::Test {
 
 } // namespace
 
-TEST_F(Insertion, PutsEachPieceInItsPlace) {
+TEST_F(Insertion, PutsEachPieceInItsPlaceAndLeavesWhatIsNotKnown) {
     PutRow(FRAMEWORK_VIEW);
-    KnowDatabase();
-    QorStrncpy(web->requestUrl, "/shop", REQUEST_TEXT_SIZE, 16);
-    QorStrncpy(web->qrfObjectName, "Orders", REQUEST_TEXT_SIZE, 16);
     Put("tail");
+    Set(database->url, "jdbc:x"); // but no user
+    EXPECT_EQ(Insert(), reply);
+    KnowDatabase();
+    Set(web->requestUrl, "/shop");
+    Set(web->qrfObjectName, "Orders");
     EXPECT_EQ(Insert(),
               Wire("a|n|^|/shop|^|1-5|View_Object->Orders|ViewObjectImpl.java|0|DB Wait"
                    "{10<jdbc:x|scott|40000|1521|^|-2147483647|-1|select 1|DEEPDIVE_TESSAR_DB|^"
                    "#Call Stack;top|T|1;View_Object->Orders|ViewObjectImpl.java|0|;frame|F|2#tail"));
-
-    QorStrncpy(web->requestDetail, "?id", REQUEST_TEXT_SIZE, 16);
-    QorStrncpy(database->remoteHost, "db1", REMOTE_HOST_SIZE, 16);
+    Set(web->requestDetail, "?id");
+    Set(database->remoteHost, "db1");
     database->dbType = DB_TYPE_COUNT;
-    const std::string made = Insert();
-    EXPECT_NE(made.find(Wire("/shop|?id|1-5|")), std::string::npos);
-    EXPECT_NE(made.find(Wire("|1521|db1|")), std::string::npos);
-    EXPECT_NE(made.find(Wire("|select 1|^|^#")), std::string::npos);
-}
-
-TEST_F(Insertion, LeavesWhatIsNotKnown) {
-    PutRow(FRAMEWORK_EL);
-    QorStrncpy(database->url, "jdbc:x", DB_URL_SIZE, 16); // but no user
-    LogCapture log(1);
-    EXPECT_EQ(Insert(), reply);
-    EXPECT_EQ(log.text(), "");
+    EXPECT_TRUE(Inserts("/shop|?id|1-5|"));
+    EXPECT_TRUE(Inserts("|1521|db1|-2147483647|-1|select 1|^|^#"));
 }
 
 TEST_F(Insertion, RemoteCallsNeedAHost) {
-    QorXtierPositions &at = Location()->at;
+    QorXtierPositions &at = Location(FRAMEWORK_NONE);
     Put("a|RMI Wait");
-    Put(NO_RMI_BLOCK, &at.rmiStart, &at.rmiEnd);
+    Put("{!0|0|^|^", &at.rmiStart, &at.rmiEnd);
     Put(";");
-    QorStrncpy(rmi.jndiName, "ejb/Orders", DB_URL_SIZE, 16);
+    Set(rmi.jndiName, "ejb/Orders");
     rmi.callId = 7;
     rmi.port = -2;
     EXPECT_EQ(Insert(), reply);
-    QorStrncpy(rmi.host, "10.1.2.3", RMI_HOST_SIZE, 16);
+    Set(rmi.host, "10.1.2.3");
     EXPECT_EQ(Insert(), Wire("a|RMI Wait{!7|-2|10.1.2.3|ejb/Orders;"));
     rmi.jndiName[0] = 0;
     EXPECT_EQ(Insert(), Wire("a|RMI Wait{!7|-2|10.1.2.3|NA;"));
@@ -153,36 +141,34 @@ TEST_F(Insertion, RemoteCallsNeedAHost) {
 
 TEST_F(Insertion, EachFrameworkHasItsCallAndRow) {
     constexpr char SCRIPT[] = "load()\nsave()\n", OWN[] = "a.B->c|B.java|7|";
-    struct {
+    const struct {
         QorFramework framework;
         const char *object, *line, *expression, *script, *call, *row;
     } rows[] = {
-        {FRAMEWORK_VIEW, "O", "", "", "", "View_Object->O|ViewObjectImpl.java|0|", nullptr},
-        {FRAMEWORK_ENTITY, "O", "", "", "", "Entity_Object->O|EntityObjImpl.java|0|", nullptr},
-        {FRAMEWORK_GROOVY, "", "save", "", SCRIPT, "Groovy_Script->save|Groovy_Script|2|", nullptr},
-        {FRAMEWORK_EL, "", "", "$(a)", "", "EL_Exp->$(a)|EL_Exp|0|", "EL_Exp->$(a)|El_Exp|0|"},
+        {FRAMEWORK_ENTITY, "O", "", "", "", "Entity_Object->O|EntityObjImpl.java|0|",
+         ";Entity_Object->O|EntityObjImpl.java|0|"},
+        {FRAMEWORK_GROOVY, "", "save", "", SCRIPT, "Groovy_Script->save|Groovy_Script|2|",
+         ";Groovy_Script->save|Groovy_Script|2|"},
+        {FRAMEWORK_EL, "", "", "$(a)", "", "EL_Exp->$(a)|EL_Exp|0|", ";EL_Exp->$(a)|El_Exp|0|"},
         // nothing, or what belongs to another frame: the call that is there
         {FRAMEWORK_VIEW, "", "save", "$(a)", SCRIPT, OWN, ""},
         {FRAMEWORK_EL, "O", "save", "", SCRIPT, OWN, ""},
         {FRAMEWORK_NONE, "O", "save", "$(a)", SCRIPT, OWN, ""},
-        {FRAMEWORK_GROOVY, "", "save", "", "", OWN, ""}, // no script to tell a line of
+        {FRAMEWORK_GROOVY, "", "save", "", "", OWN, ""}, // without its script a call site has no line
     };
-    QorStrncpy(web->groovyCallSites[0], "load", GROOVY_LINE_SIZE, 16);
-    QorStrncpy(web->groovyCallSites[1], "save", GROOVY_LINE_SIZE, 16);
+    Set(web->groovyCallSites[0], "load");
+    Set(web->groovyCallSites[1], "save");
     web->groovyCallSiteCount = 2;
     web->groovyCurrentIndex = 1;
     for (const auto &row : rows) {
         Forget();
         PutRow(row.framework);
-        QorStrncpy(web->qrfObjectName, row.object, REQUEST_TEXT_SIZE, 16);
-        QorStrncpy(web->groovyCurrentLine, row.line, GROOVY_LINE_SIZE, 16);
-        QorStrncpy(web->groovyScript, row.script, GROOVY_SCRIPT_SIZE, 100);
-        QorStrncpy(web->elExpression, row.expression, REQUEST_TEXT_SIZE, 16);
-        const std::string made = Insert(), shown = row.row ? row.row : row.call;
-        EXPECT_NE(made.find(Wire(std::string("1-5|") + row.call + "DB Wait")), std::string::npos) << made;
-        EXPECT_NE(made.find(Wire("top|T|1" + (shown.empty() ? "" : ";" + shown) + ";frame")),
-                  std::string::npos)
-            << made;
+        Set(web->qrfObjectName, row.object);
+        Set(web->groovyCurrentLine, row.line);
+        Set(web->groovyScript, row.script);
+        Set(web->elExpression, row.expression);
+        EXPECT_TRUE(Inserts(std::string("1-5|") + row.call + "DB Wait")) << Insert();
+        EXPECT_TRUE(Inserts(std::string("top|T|1") + row.row + ";frame")) << Insert();
     }
 }
 
@@ -191,9 +177,9 @@ TEST_F(Insertion, WhateverTheRoomNoRowIsLost) {
     PutRow(FRAMEWORK_EL);
     PutRow(FRAMEWORK_EL);
     Put("tail");
-    KnowDatabase("select a, b, c from orders");
-    QorStrncpy(web->requestUrl, "/a/rather/long/request", REQUEST_TEXT_SIZE, 64);
-    QorStrncpy(web->elExpression, "$(a.rather.long.expression)", REQUEST_TEXT_SIZE, 64);
+    KnowDatabase();
+    Set(web->requestUrl, "/a/rather/long/request");
+    Set(web->elExpression, "$(a.rather.long.expression)");
     size_t earlier = 0;
     std::set<std::string> seen;
     for (int32_t spare = 0; spare < 500; ++spare) {
@@ -215,23 +201,25 @@ TEST(EndToEndBlocks, TakeDataByKind) {
     other.next = &block;
     block.threadId = 5;
     thread_e2e_info = &other;
-    QorAppServerCallData server = {};
+    const QorAppServerCallData server = {};
     QorIOCallData file = {};
     QorNetworkCallData network = {};
-    QorStrncpy(file.fileName, "/var/log/x", DB_URL_SIZE, 16);
-    QorStrncpy(network.host, "h", REMOTE_HOST_SIZE, 16);
+    snprintf(file.fileName, sizeof file.fileName, "/var/log/x");
+    snprintf(network.host, sizeof network.host, "h");
     network.port = 80;
-    QorInsertDataToE2EBuf(6, LOCAL_FILE_CALL, server, file, network);
+    const auto insert = [&](int64_t thread, int32_t kind) {
+        QorInsertDataToE2EBuf(thread, kind, server, file, network);
+    };
+    insert(6, LOCAL_FILE_CALL);
     EXPECT_EQ(block.textsWritten + other.textsWritten, 0) << "another thread's";
-    const int64_t id = 0x700000005; // compared as 32 bits
-    QorInsertDataToE2EBuf(id, LOCAL_FILE_CALL, server, file, network);
-    QorInsertDataToE2EBuf(id, LOCAL_NETWORK_CALL, server, file, network);
+    insert(0x700000005, LOCAL_FILE_CALL); // compared as 32 bits
+    insert(5, LOCAL_NETWORK_CALL);
     EXPECT_EQ(block.ioFile + std::to_string(block.networkPort), "/var/log/x0") << "no descriptor";
     network.fd = 9;
-    QorInsertDataToE2EBuf(id, LOCAL_NETWORK_CALL, server, file, network);
+    insert(5, LOCAL_NETWORK_CALL);
     EXPECT_EQ(block.networkHost + std::to_string(block.networkPort), "h80");
-    QorInsertDataToE2EBuf(id, LOCAL_APP_SERVER_CALL, server, file, network);
-    EXPECT_STREQ(block.ioFile, "") << "it is read anew behind the server's data";
+    insert(5, LOCAL_APP_SERVER_CALL);
+    EXPECT_STREQ(block.ioFile, "") << "it is read anew after the server's data";
     EXPECT_TRUE(block.textsWritten == 1 && other.textsWritten == 0);
     thread_e2e_info = nullptr;
 }

@@ -1,72 +1,16 @@
 #include "platforms/own_memory.h"
 
+#include "Child.h"
 #include "Descriptors.h"
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-namespace {
-
-// Two pages: one to read, one that forbids it.
-struct Pages {
-    Pages() {
-        first = static_cast<char *>(
-            mmap(nullptr, 2 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        for (size_t i = 0; i < size; i++)
-            first[i] = static_cast<char>(i);
-        mprotect(first + size, size, PROT_NONE);
-    }
-    ~Pages() { munmap(first, 2 * size); }
-
-    uint64_t at(size_t offset) const { return reinterpret_cast<uint64_t>(first + offset); }
-
-    const size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    char *first;
-};
-
-} // namespace
-
-TEST(OwnMemory, GivesWhatIsThereAndNeverFaults) {
-    Pages pages;
-    uint64_t gone;
-    {
-        Pages unmapped;
-        gone = unmapped.at(0);
-    }
-    struct {
-        const char *what;
-        uint64_t address;
-        bool readable;
-    } cases[] = {
-        {"start", pages.at(0), true},
-        {"odd", pages.at(1237), true},
-        {"last bytes", pages.at(pages.size - 8), true},
-        {"across the end", pages.at(pages.size - 7), false},
-        {"forbidden", pages.at(pages.size), false},
-        {"unmapped", gone, false},
-        {"null", 0, false},
-        {"low", 0x530, false},
-        {"top", UINT64_MAX - 3, false},
-        {"not canonical", 0xdead000000000000, false},
-    };
-    for (const auto &c : cases) {
-        uint64_t value = 0;
-        EXPECT_EQ(QorReadOwnMemory(c.address, &value, sizeof value), c.readable) << c.what;
-        if (c.readable) {
-            EXPECT_EQ(memcmp(&value, reinterpret_cast<const void *>(c.address), sizeof value), 0) << c.what;
-        }
-    }
-}
 
 namespace {
 
@@ -83,47 +27,47 @@ bool ForbidSystemCall() {
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-volatile int seen;
-
-bool SeesItsOwn(int value) {
-    int read = 0;
-    seen = value;
-    return QorReadOwnMemory(reinterpret_cast<uint64_t>(&seen), const_cast<int *>(&read), sizeof read) &&
-           read == value && !QorReadOwnMemory(0x530, &read, sizeof read);
-}
-
-int ExitOf(pid_t child) {
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// The number of what is wrong, 0 for nothing.
-int ReadInSandbox() {
-    const int before = OpenDescriptors();
-    if (!ForbidSystemCall())
-        return 1;
-    const int next = dup(0);
-    close(next); // the number that the file will get
-    for (int i = 1; i < 4; i++)
-        if (!SeesItsOwn(i))
-            return 2;
-    if (OpenDescriptors() != before + 1 || !IsCloseOnExec(next))
-        return 3;
-    dup2(0, next); // the host closes it and uses the number anew
-    if (!SeesItsOwn(4) || fcntl(next, F_GETFD) < 0)
-        return 4;
-    const pid_t copy = fork();
-    if (copy == 0)
-        _exit(SeesItsOwn(5) ? 0 : 1);
-    return ExitOf(copy) == 0 ? 0 : 5;
+// Two pages: one to read, one that forbids it.
+void ReadAround() {
+    const size_t size = static_cast<size_t>(getpagesize());
+    auto *page = static_cast<char *>(
+        mmap(nullptr, 2 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    for (size_t i = 0; i < size; i++)
+        page[i] = static_cast<char>(i * 7);
+    mprotect(page + size, size, PROT_NONE);
+    const auto start = reinterpret_cast<uint64_t>(page);
+    uint64_t value = 0;
+    for (uint64_t offset : {size_t{0}, size_t{1237}, size - 8}) {
+        EXPECT_TRUE(QorReadOwnMemory(start + offset, &value, sizeof value)) << offset;
+        EXPECT_EQ(memcmp(&value, page + offset, sizeof value), 0) << offset;
+    }
+    munmap(page, size);
+    for (uint64_t address : {start, start + size - 7, start + size, uint64_t{0}, uint64_t{0x530}, UINT64_MAX - 3,
+                             uint64_t{0xdead000000000000}})
+        EXPECT_FALSE(QorReadOwnMemory(address, &value, sizeof value)) << address;
+    munmap(page + size, size);
 }
 
 } // namespace
 
+TEST(OwnMemory, ReadsWhatIsThereAndNeverFaults) {
+    ReadAround();
+}
+
 TEST(OwnMemory, IsReadByOneKeptDescriptorWhereTheCallIsForbidden) {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(ReadInSandbox());
-    EXPECT_EQ(ExitOf(child), 0);
+    EXPECT_EQ(InChild([] {
+                  const int before = OpenDescriptors();
+                  ASSERT_TRUE(ForbidSystemCall());
+                  const int next = dup(0);
+                  close(next); // the number that the file will get
+                  ReadAround();
+                  ReadAround();
+                  EXPECT_EQ(OpenDescriptors(), before + 1);
+                  EXPECT_TRUE(IsCloseOnExec(next));
+                  dup2(0, next); // the host closes it and uses the number anew
+                  ReadAround();
+                  EXPECT_GE(fcntl(next, F_GETFD), 0) << "the host's own";
+                  EXPECT_EQ(InChild(ReadAround), 0) << "a copy must not read its parent";
+              }),
+              0);
 }

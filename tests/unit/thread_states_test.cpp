@@ -1,7 +1,7 @@
 #include "jvmti/threads/Monitors.h"
 #include "jvmti/threads/ThreadSystem.h"
+#include "Restore.h"
 
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -19,34 +19,18 @@ enum : jint {
     BLOCKED = JVMTI_THREAD_STATE_BLOCKED_ON_MONITOR_ENTER,
 };
 
-struct FrameOfState {
-    int32_t state, index;
-    const char *className, *method;
-    int32_t refined;
-};
-
-int32_t refine(const FrameOfState &row) {
-    QorThreadRecord thread = {};
-    thread.state = row.state;
-    QorFrameRecord frame = {row.index, 0, row.method, row.className, "", 0, 1, nullptr};
-    EXPECT_EQ(GetThreadEnhancedState(&frame, &thread), 0);
-    if (thread.state != row.state) {
-        EXPECT_EQ(thread.enhancedState, thread.state);
-    }
-    return thread.state;
+// Refines the state of a thread by its frame at `index`.
+void Refine(QorThreadRecord *thread, int32_t index, const char *className, const char *method) {
+    const QorFrameRecord frame = {index, 0, method, className, "", 0, 1, nullptr};
+    EXPECT_EQ(GetThreadEnhancedState(&frame, thread), 0);
 }
 
 } // namespace
 
 TEST(ThreadStates, FollowTheLastBitThatTells) {
-    const struct {
-        jint bits;
-        int32_t state;
-    } ROWS[] = {
+    const std::pair<jint, int32_t> rows[] = {
         {0, STATE_UNKNOWN},
-        {ALIVE, STATE_UNKNOWN},
         {JVMTI_THREAD_STATE_TERMINATED, STATE_TERMINATED},
-        {ALIVE | RUNNABLE, STATE_RUNNABLE},
         {ALIVE | RUNNABLE | SUSPENDED, STATE_RUNNABLE},
         {ALIVE | SUSPENDED, STATE_SUSPENDED},
         {ALIVE | SUSPENDED | INTERRUPTED, STATE_INTERRUPTED},
@@ -59,34 +43,35 @@ TEST(ThreadStates, FollowTheLastBitThatTells) {
         {ALIVE | SLEEPING, STATE_UNKNOWN},
         {WAITING | TIMED, STATE_UNKNOWN},
     };
-    for (const auto &row : ROWS)
-        EXPECT_EQ(mapThreadStatetoQorState(row.bits, 5), row.state) << std::hex << row.bits;
+    for (const auto &[bits, state] : rows)
+        EXPECT_EQ(mapThreadStatetoQorState(bits, 5), state) << std::hex << bits;
 }
 
 TEST(ThreadStates, OfInstrumentedThreadsAreNeverIdle) {
+    const Restore count(gBciThreadIdCount, 2);
     gBciThreadIds[0] = 4;
     gBciThreadIds[1] = 5;
-    gBciThreadIdCount = 2;
     EXPECT_EQ(mapThreadStatetoQorState(ALIVE | WAITING | PARKED, 5), STATE_OTHER);
     EXPECT_EQ(mapThreadStatetoQorState(ALIVE | WAITING | SLEEPING, 4), STATE_OTHER);
     EXPECT_EQ(mapThreadStatetoQorState(ALIVE | WAITING | PARKED, 6), STATE_OBJECT_WAIT);
     EXPECT_EQ(mapThreadStatetoQorState(ALIVE | RUNNABLE, 5), STATE_RUNNABLE);
     EXPECT_EQ(mapThreadStatetoQorState(ALIVE | BLOCKED, 5), STATE_LOCK);
-    gBciThreadIdCount = 0;
 }
 
-TEST(ThreadStates, AreRefinedByTheCallOnTop) {
-    const FrameOfState ROWS[] = {
+TEST(ThreadStates, AreRefinedByTheirCalls) {
+    const struct {
+        int32_t state, index;
+        const char *className, *method;
+        int32_t refined;
+    } rows[] = {
         {STATE_RUNNABLE, 0, "java.io.FileInputStream", "readBytes", STATE_IO_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.fs.UnixNativeDispatcher", "read0", STATE_IO_WAIT},
-        {STATE_RUNNABLE, 0, "sun.nio.ch.SocketDispatcher", "read0", STATE_NETWORK_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.EPoll", "wait", STATE_NETWORK_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.ServerSocketChannelImpl", "accept0", STATE_OBJECT_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.Pipe", "poll0Now", STATE_OBJECT_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "accept", STATE_OBJECT_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "acceptable", STATE_NETWORK_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.Network", "accept", STATE_NETWORK_WAIT},
-        {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "poll", STATE_NETWORK_WAIT},
         {STATE_RUNNABLE, 0, "java.net.PlainSocketImpl", "socketAccept", STATE_OBJECT_WAIT},
         {STATE_RUNNABLE, 0, "java.net.SocketInputStream", "socketRead0", STATE_NETWORK_WAIT},
         {STATE_RUNNABLE, 0, "vostok.net.Socket", "read", STATE_NETWORK_WAIT},
@@ -96,7 +81,6 @@ TEST(ThreadStates, AreRefinedByTheCallOnTop) {
         {STATE_RUNNABLE, 0, "qoragent.Agent", "dataFromNative", STATE_OBJECT_WAIT},
         {STATE_RUNNABLE, 0, "qoragent.Agent", "initvar", STATE_RUNNABLE},
         {STATE_RUNNABLE, 0, "tessar.jdbc.zdi8.ZDIDBAccess", "execute", STATE_DB_WAIT},
-        {STATE_RUNNABLE, 0, "app.Main", "run", STATE_RUNNABLE},
         {STATE_RUNNABLE, 1, "java.io.FileInputStream", "readBytes", STATE_RUNNABLE},
         {STATE_LOCK, 0, "java.io.FileInputStream", "readBytes", STATE_LOCK},
         {STATE_CONDVAR_WAIT, 0, "java.lang.Thread", "sleep0", STATE_SLEEPING},
@@ -104,7 +88,6 @@ TEST(ThreadStates, AreRefinedByTheCallOnTop) {
         {STATE_CONDVAR_WAIT, 1, "java.lang.Object", "wait", STATE_CONDVAR_WAIT},
         {STATE_NETWORK_WAIT, 2, "sun.nio.ch.NioSocketImpl", "timedAccept", STATE_OBJECT_WAIT},
         {STATE_NETWORK_WAIT, 1, "sun.nio.ch.NioSocketImpl", "timedAccept", STATE_NETWORK_WAIT},
-        {STATE_NETWORK_WAIT, 2, "sun.nio.ch.NioSocketImpl", "timedRead", STATE_NETWORK_WAIT},
         {STATE_NETWORK_WAIT, 40, "tessar.net.ns.Packet", "receive", STATE_DB_WAIT},
         {STATE_RUNNABLE, 3, "ferrule.jdbc.base.Statement", "execute", STATE_DB_WAIT},
         {STATE_IO_WAIT, 3, "ferrule.jdbc.base.Statement", "execute", STATE_IO_WAIT},
@@ -112,28 +95,32 @@ TEST(ThreadStates, AreRefinedByTheCallOnTop) {
         {STATE_OTHER, 0, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_RMI_WAIT},
         {STATE_OBJECT_WAIT, 3, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_OBJECT_WAIT},
     };
-    for (const FrameOfState &row : ROWS) {
+    for (const auto &row : rows) {
         tessar_thick_driver = 0;
-        EXPECT_EQ(refine(row), row.refined) << row.className << "." << row.method << " at " << row.index;
+        QorThreadRecord thread = {};
+        thread.state = row.state;
+        Refine(&thread, row.index, row.className, row.method);
+        EXPECT_EQ(thread.state, row.refined) << row.className << "." << row.method << " at " << row.index;
+        EXPECT_EQ(thread.enhancedState, row.refined == row.state ? 0 : row.refined);
         EXPECT_EQ(tessar_thick_driver, std::string(row.className).find("zdi8") != std::string::npos);
-    }
-    // On newer JDKs Object.wait has one frame more, which isn't counted.
-    const char *const above[] = {"wait0", "wait", "wait"};
-    for (const char *className : {"java.lang.Object", "app.Object"}) {
-        QorThreadRecord waiting = {};
-        waiting.state = STATE_OBJECT_WAIT;
-        for (int32_t i = 0; i < 3; i++) {
-            const QorFrameRecord frame = {i, 0, above[i], className, "", 0, 1, nullptr};
-            GetThreadEnhancedState(&frame, &waiting);
-        }
-        EXPECT_FALSE(QorStateIsSettled(waiting.state, 3));
-        const QorFrameRecord response = {3, 0, "waitForData", "ferrule.rjvm.ResponseImpl", "", 0, 1, nullptr};
-        GetThreadEnhancedState(&response, &waiting);
-        EXPECT_EQ(waiting.state, *className == 'j' ? STATE_RMI_WAIT : STATE_OBJECT_WAIT);
     }
     QorThreadRecord idle = {};
     GetThreadEnhancedState(nullptr, &idle);
     EXPECT_EQ(idle.state, STATE_OBJECT_WAIT);
+}
+
+// On newer JDKs Object.wait has one frame more, which isn't counted.
+TEST(ThreadStates, CountWaitAsOneFrame) {
+    for (const char *className : {"java.lang.Object", "app.Object"}) {
+        QorThreadRecord waiting = {};
+        waiting.state = STATE_OBJECT_WAIT;
+        Refine(&waiting, 0, className, "wait0");
+        Refine(&waiting, 1, className, "wait");
+        Refine(&waiting, 2, className, "wait");
+        EXPECT_FALSE(QorStateIsSettled(waiting.state, 3));
+        Refine(&waiting, 3, "ferrule.rjvm.ResponseImpl", "waitForData");
+        EXPECT_EQ(waiting.state, *className == 'j' ? STATE_RMI_WAIT : STATE_OBJECT_WAIT);
+    }
 }
 
 TEST(Frames, MapLocationsToLines) {
@@ -142,23 +129,19 @@ TEST(Frames, MapLocationsToLines) {
         jlocation location;
         jint count;
         int32_t line;
-    } ROWS[] = {{-1, 7, -1}, {0, 7, 10},  {3, 7, 10},  {4, 7, 12},   {8, 7, 12}, {9, 7, 20}, {29, 7, 20},
-                {30, 7, 15}, {31, 7, 16}, {89, 7, 16}, {500, 7, 17}, {5, 1, 10}, {0, 0, -1}, {31, 5, 15}};
-    for (const auto &row : ROWS)
-        EXPECT_EQ(QorMapLoc2Line(row.location, table, row.count), row.line)
-            << row.location << " of " << row.count;
-    const jvmtiLineNumberEntry late[] = {{2, 10}, {5, 11}};
-    EXPECT_EQ(QorMapLoc2Line(1, late, 2), -1);
+    } rows[] = {{-1, 7, -1}, {0, 7, 10}, {3, 7, 10},   {4, 7, 12}, {29, 7, 20},
+                {30, 7, 15}, {89, 7, 16}, {500, 7, 17}, {0, 0, -1}, {31, 5, 15}};
+    for (const auto &row : rows)
+        EXPECT_EQ(QorMapLoc2Line(row.location, table, row.count), row.line) << row.location << " " << row.count;
+    EXPECT_EQ(QorMapLoc2Line(1, table + 1, 2), -1) << "before the first line";
 }
 
 TEST(Frames, ShowSignaturesDotted) {
-    const struct {
-        std::string text, dotted;
-    } ROWS[] = {
-        {"java/lang/String;", "java.lang.String"}, {"a;b", "a b"}, {"", ""}, {";", ""}, {"a;;", "a "}};
-    for (auto row : ROWS) {
-        Slash2Dot(row.text.data());
-        EXPECT_STREQ(row.text.c_str(), row.dotted.c_str());
+    const std::pair<std::string, std::string> rows[] = {{"java/lang/String;", "java.lang.String"},
+                                                        {"a;b", "a b"}, {"", ""}, {"a;;", "a "}};
+    for (auto [text, dotted] : rows) {
+        Slash2Dot(text.data());
+        EXPECT_EQ(text.c_str(), dotted);
     }
 }
 
@@ -167,18 +150,16 @@ TEST(LockNames, AreParsedToAnIdAndADecimalName) {
         std::string text;
         int64_t id;
         std::string shown;
-    } ROWS[] = {
+    } rows[] = {
         {"java.lang.Object@1a2b", 6699, "java.lang.Object@6699"},
         {"Lock123", 291, "Lock@291"},
         {"123", 0, "123"},
         {"", 0, ""},
-        {"Lock", 0, "Lock"},
         {"a@b@1", 0, "a@b@1"},
-        {"a@7fffffff", 2147483647, "a@2147483647"},
         {"a@ffffffffffffffffffff", INT64_MAX, "a@9223372036854775807"},
         {std::string(NAME_SIZE - 3, 'x') + "@f", 15, std::string(NAME_SIZE - 3, 'x') + "@1"}, // cut
     };
-    for (const auto &row : ROWS) {
+    for (const auto &row : rows) {
         char text[NAME_SIZE];
         snprintf(text, sizeof text, "%s", row.text.c_str());
         EXPECT_EQ(QorParseLockName(text), row.id) << row.text;

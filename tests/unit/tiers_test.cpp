@@ -1,3 +1,4 @@
+#include "Restore.h"
 #include "TierText.h"
 #include "qoragent/requests/tier_rules.h"
 #include "qorrequest.h"
@@ -51,15 +52,12 @@ TEST(TierRules, FindMethodsAndObjects) {
     } METHODS[] = {
         {"org.driver.Call", "run", TIER_DB_STATE | TIER_DB | TIER_WEB},
         {"org.driver.Call", "other", TIER_DB_STATE | TIER_WEB},
-        {"org.driver.Calls", "run", TIER_DB_STATE},
         {"org.driver.net.A", "run", TIER_DB_STATE},
         {"org.driver.zoo.A", "run", TIER_DB_STATE},
         {"org.drive", "run", 0},
         {"a.A", "m", TIER_DB_STATE | TIER_RMI_STATE},
-        {"a", "m", 0},
         {"b.C", "m", TIER_DB},
         {"b.C", "mm", TIER_RMI},
-        {"b.C", "mmm", 0},
         {"", "", 0},
     };
     for (const auto &row : METHODS)
@@ -80,45 +78,33 @@ TEST(TierRules, FindMethodsAndObjects) {
 TEST(TierRules, ABadTextChangesNothing) {
     ASSERT_EQ("", SetTiers(GOOD));
     const std::string object = "object db La/B;\n", web = "object web La/B;\n", step = "f,La/B;";
-    const std::string noWay = "a step needs the form FIELD,SIGNATURE";
     const struct {
         std::string text, fault;
     } BAD[] = {
-        {"state db\n", "1: a state needs the form: state db|rmi PREFIX"},
         {"\n#\nstate web x.\n", "3: a state needs the form: state db|rmi PREFIX"},
-        {"state db x. y\n", "1: a state needs the form: state db|rmi PREFIX"},
         {"frame db a.B\n", "1: a frame needs the form: frame db|web|rmi|file CLASS METHOD"},
         {"frame net a.B c\n", "1: a frame needs the form: frame db|web|rmi|file CLASS METHOD"},
         {"frame db a/B c\n", "1: a frame's class is written with dots"},
-        {"object db a.B\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
         {"object db La.B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
         {"object db [La/B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
-        {"object x La/B;\n", "1: an object needs the form: object db|web|rmi|file SIGNATURE [read]"},
         {"object db La/B; red\n", "1: an object needs the form: object db|web|rmi|file SIGNATURE [read]"},
         {"url " + step, "1: a field needs an object above it"},
         {"hosts x\n",
          "1: the first word is neither state, frame, object nor a field: url, sql, user, socket, "
          "host, port, name, path"},
         {web + "sql " + step, "2: an object of this kind has no such field"},
-        {object + "sql\n", "2: a field needs the form: FIELD WAY [last]"},
         {object + "sql " + step + " x", "2: a field needs the form: FIELD WAY [last]"},
-        {object + "sql f", "2: a step's signature isn't that of a class; see @ and :"},
-        {object + "sql ,La/B;", "2: " + noWay},
-        {object + "sql f,La/B;||g,La/B;", "2: " + noWay},
+        {object + "sql ,La/B;", "2: a step needs the form FIELD,SIGNATURE"},
+        {object + "sql f,La/B;||g,La/B;", "2: a step needs the form FIELD,SIGNATURE"},
         {object + "sql f,La/B;|", "2: a way ends in a bar"},
-        {object + "sql f,I", "2: a step's signature isn't that of a class; see @ and :"},
         {object + "sql f,[B", "2: a step's signature isn't that of a class; see @ and :"},
         {object + "sql f,[I@at", "2: @FIELD follows an array of objects"},
-        {object + "sql f,[La/B;@", "2: @FIELD follows an array of objects"},
-        {object + "sql f,[I:a:b", "2: :FROM:TO follows a byte array, [B"},
         {object + "sql f,[B:a", "2: :FROM:TO follows a byte array, [B"},
         {object + "sql f,[B:a:b|" + step, "2: :FROM:TO ends a way to a text"},
         {object + "socket f,[B:a:b", "2: :FROM:TO ends a way to a text"},
         {object + "sql " + Times(50, step + "|") + step, "2: a way has more than 50 steps"},
         {object + "sql " + std::string(4000, 'f') + ",La;", "2: a way is longer than 4000 bytes"},
-        {"object rmi La;\nhost p,I", "2: a step's signature isn't that of a class; see @ and :"},
         {"object rmi La;\nport p,I|" + step, "2: a step's signature isn't that of a class; see @ and :"},
-        {"frame db a.B \x01\n", "1: there is a control character"},
         {"# \xc2\x9b\n", "1: there is a control character"},
         {Times(TIER_LINES + 1, "\n"), "2049: there are more than 2048 lines"},
         {std::string(TIER_TEXT_SIZE + 1, '#'), "0: the text is longer than 131072 bytes"},
@@ -154,8 +140,7 @@ TEST(TierRules, ABadTextChangesNothing) {
 
 TEST(TierRules, TravelByRequests) {
     static char page[PAGEBUF_SIZE];
-    char *const savedPage = pagebuf;
-    pagebuf = page;
+    const Restore kept(pagebuf, static_cast<char *>(page));
     const auto ask = [](std::string value) {
         QorAnswerTierRules(value.data());
         return std::string(page);
@@ -183,5 +168,4 @@ TEST(TierRules, TravelByRequests) {
     for (const char *odd : {"", "=", "x|y"})
         EXPECT_EQ("tierrules needs =|TEXT, +|TEXT, !|CRC or ?|PAGE", ask(odd));
     EXPECT_EQ("", SetTiers(""));
-    pagebuf = savedPage;
 }

@@ -1,92 +1,63 @@
 #include "Xtier/tiers/ValueText.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
-
-namespace {
-
-std::string Blanked(std::string text) {
-    QorBlankSeparators(text.data());
-    return text;
-}
-
-std::string Cut(std::string text, int32_t length) {
-    const int32_t kept = QorDropPartialCharacter(text.data(), length);
-    EXPECT_EQ(strlen(text.c_str()), static_cast<size_t>(kept)) << text;
-    return text.c_str();
-}
-
-std::string Replaced(std::string text) {
-    QorReplaceForeignBytes(text.data());
-    return text.c_str();
-}
-
-} // namespace
 
 TEST(ValueText, BlanksWhatARecordIsCutAt) {
     std::string all;
     for (int c = 1; c < 256; c++)
         all += static_cast<char>(c);
     std::string expected = all;
-    for (int c : {10, 13, 14, 15, 26, 27, 28, 29, 30, 31})
-        expected[static_cast<size_t>(c - 1)] = ' ';
-    EXPECT_EQ(Blanked(all), expected);
+    for (size_t c : {10, 13, 14, 15, 26, 27, 28, 29, 30, 31})
+        expected[c - 1] = ' ';
+    QorBlankSeparators(all.data());
+    EXPECT_EQ(all, expected);
 }
 
 TEST(ValueText, DropsWhatACutHasTorn) {
     const std::string pair = "\xed\xa0\xbd\xed\xb8\x80"; // an emoji, as Java writes it
-    struct {
+    const struct {
         std::string text;
         int32_t length;
         std::string kept;
-    } cases[] = {
+    } rows[] = {
         {"abc", 2, "ab"},
-        {"abc", 0, ""},
         {"a\xc3\xa9", 2, "a"},
         {"a\xc3\xa9", 3, "a\xc3\xa9"},
-        {"a\xe2\x82\xac", 2, "a"},
-        {"a\xe2\x82\xac", 3, "a"},
         {"\xe2\x82\xac", 1, ""},
-        {"a" + pair, 2, "a"},
         {"a" + pair, 3, "a"},
         {"a" + pair, 4, "a"}, // the first half alone
         {"a" + pair, 5, "a"},
-        {"a" + pair, 6, "a"},
         {"a" + pair, 7, "a" + pair},
-        {"a\xf0\x9f\x98\x80", 4, "a"},
         {"a\xed\x9f\xbf", 4, "a\xed\x9f\xbf"},       // just below the surrogates
         {"\x80\x80\x80\x80", 4, "\x80\x80\x80\x80"}, // no UTF-8 at all
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(Cut(c.text, c.length), c.kept) << c.text << " at " << c.length;
+    for (auto row : rows) {
+        EXPECT_EQ(QorDropPartialCharacter(row.text.data(), row.length), static_cast<int32_t>(row.kept.size()));
+        EXPECT_EQ(row.text.c_str(), row.kept) << " at " << row.length;
+    }
 }
 
 TEST(ValueText, ReplacesBytesThatAreNoModifiedUtf8) {
-    struct {
-        const char *text, *shown;
-    } cases[] = {
-        {"plain", "plain"},
+    const std::pair<std::string, const char *> rows[] = {
         {"\xc3\xa9\xe2\x82\xac\xc0\x80", "\xc3\xa9\xe2\x82\xac\xc0\x80"},
         {"\xed\xa0\xbd\xed\xb8\x80", "\xed\xa0\xbd\xed\xb8\x80"},
         {"a\xf0\x9f\x98\x80z", "a?z"}, // four bytes
         {"caf\xe9 x", "caf? x"},       // Latin-1
-        {"caf\xe9", "caf?"},           // and at the end
-        {"\xe2\x82", "?"},
         {"\xe2\x82z\xc3", "?z?"},
         {"\x80\xbf", "??"},
         {"\xc1\x81\xe0\x80\x80", "??"}, // longer than they have to be
         {"\xff\xfe\xf8\x88", "????"},
         {"\xc3\xe2\x82\xac", "?\xe2\x82\xac"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(Replaced(c.text), c.shown) << c.shown;
+    for (auto [text, shown] : rows) {
+        QorReplaceForeignBytes(text.data());
+        EXPECT_STREQ(text.c_str(), shown);
+    }
 }
 
 TEST(ValueText, HidesPasswordsOfUrls) {
-    struct {
-        std::string url, shown;
-    } cases[] = {
+    const std::pair<std::string, const char *> rows[] = {
         {"jdbc:postgresql://h:5432/shop?user=a@b&password=secret&sslPassword=x&ssl=true",
          "jdbc:postgresql://h:5432/shop?user=a@b&password=***&sslPassword=*&ssl=true"},
         {"jdbc:x://h?password=a;b,c", "jdbc:x://h?password=***"},
@@ -98,13 +69,11 @@ TEST(ValueText, HidesPasswordsOfUrls) {
         {"jdbc:sqlserver://h;pwd={a;b};accessToken=abcd", "jdbc:sqlserver://h;pwd=***;accessToken=***"},
         {"http://u:abcd@h:80/a:b@c", "http://u:***@h:80/a:b@c"},
         {"http://h:80/a@b", "http://h:80/a@b"},
-        {"/a/b@c", "/a/b@c"},
         {"jdbc:tessar:thin:@//h:1521/SHOP", "jdbc:tessar:thin:@//h:1521/SHOP"},
         {"jdbc:sqlserver://h:1433;user=a;password=", "jdbc:sqlserver://h:1433;user=a;password="},
-        {"", ""},
     };
-    for (auto &c : cases) {
-        QorHidePasswords(c.url.data());
-        EXPECT_EQ(std::string(c.url.c_str()), c.shown);
+    for (auto [url, shown] : rows) {
+        QorHidePasswords(url.data());
+        EXPECT_STREQ(url.c_str(), shown);
     }
 }
