@@ -32,7 +32,8 @@ JNIEnv *FakeEnv() {
 }
 
 std::string Ask(JNIEnv *env, std::string request) {
-    auto *reply = reinterpret_cast<std::string *>(QorDataFromNative(env, reinterpret_cast<jstring>(&request)));
+    auto *reply =
+        reinterpret_cast<std::string *>(QorDataFromNative(env, reinterpret_cast<jstring>(&request)));
     const std::string shown = reply ? *reply : "(null)";
     delete reply;
     return shown;

@@ -1,8 +1,8 @@
 // The request xtier01: on made-up socket tables, and on the kernel's.
 #include "Descriptors.h"
 #include "Loopback.h"
+#include "RequestHandler/XtierDbSession.h"
 #include "Restore.h"
-#include "Xtier/XtierDbSession.h"
 #include "qorrequest.h"
 
 #include <cstring>
@@ -77,8 +77,10 @@ struct DbSession : testing::Test {
 
 TEST_F(DbSession, MalformedParametersGetAClearReply) {
     SetTable(0, "");
-    const std::pair<const char *, const char *> refused[] = {
-        {"", ""}, {"port|10.0.0.1|1", "port|10.0.0.1|1"}, {"1521|", "1521|"}, {"1521|10.0.0.1 |1", "10.0.0.1"}};
+    const std::pair<const char *, const char *> refused[] = {{"", ""},
+                                                             {"port|10.0.0.1|1", "port|10.0.0.1|1"},
+                                                             {"1521|", "1521|"},
+                                                             {"1521|10.0.0.1 |1", "10.0.0.1"}};
     for (const auto &[parameters, shown] : refused)
         EXPECT_EQ(Ask(parameters), std::string("ERROR Invalid parameters ") + shown + " for xtier01");
     for (const std::string &parameters :
@@ -93,7 +95,8 @@ TEST_F(DbSession, TakesTheClientsRowsAlone) {
         Row("0302010A:05F1", "0A01020A:C003", Inode()) + Row("00000000:05F1", "00000000:0000", Inode()) +
         Row(LOCAL, "0302010A:C004", 0) + " 5: 0A01020A:05F1 0302010A:C005 01\n" + "garbage :05F1 0302010A\n";
     const std::string right = Row(LOCAL, "0302010A:C350", Inode());
-    const std::string right6 = Row(std::string(MAPPED) + LOCAL, std::string(MAPPED) + "0302010A:C351", Inode());
+    const std::string right6 =
+        Row(std::string(MAPPED) + LOCAL, std::string(MAPPED) + "0302010A:C351", Inode());
     const int before = OpenDescriptors();
     for (int file = 0; file < PROC_NET_FILES; file++) {
         SetTable(file, wrong + (file < 3 ? right : right6));

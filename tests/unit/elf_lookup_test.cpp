@@ -99,7 +99,8 @@ TEST_F(Library, SymbolsAreFoundWhereTheLibraryIsMapped) {
 // The direct road's list: the empty name resolves to the base itself, in both of its slots; a client VM's
 // library shows in its path.
 TEST_F(Library, TheDirectListKnowsTheEmptyNameAndTheKindOfVm) {
-    const uint64_t base = Map(Fill("libjvm.so", ElfImage({}, {{"gBlockList", 0x40}, {"MaxNewSize", 0x50}}).bytes));
+    const uint64_t base =
+        Map(Fill("libjvm.so", ElfImage({}, {{"gBlockList", 0x40}, {"MaxNewSize", 0x50}}).bytes));
     EXPECT_EQ(Find("Sun Microsystems Inc.1.5.0_07"), "");
     EXPECT_EQ(nsymbols[19], base);
     EXPECT_EQ(nsymbols[21], base);

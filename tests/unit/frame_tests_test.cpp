@@ -1,6 +1,6 @@
 #include "LogCapture.h"
 #include "Restore.h"
-#include "Xtier/FrameTests.h"
+#include "Xtier/tiers/tier.h"
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>

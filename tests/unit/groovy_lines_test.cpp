@@ -13,7 +13,8 @@ int32_t LineOf(const std::string &script, const std::vector<std::string> &sites,
     const std::unique_ptr<Row[]> rows(new Row[GROOVY_CALL_SITES]());
     for (size_t i = 0; i < sites.size(); i++)
         snprintf(rows[i], sizeof rows[i], "%s", sites[i].c_str());
-    return getGroovyCurrentLineNo(script.c_str(), rows.get(), static_cast<int32_t>(sites.size()), index, 1000);
+    return getGroovyCurrentLineNo(script.c_str(), rows.get(), static_cast<int32_t>(sites.size()), index,
+                                  1000);
 }
 
 } // namespace
@@ -31,7 +32,7 @@ TEST(GroovyLines, AreFoundByTheNamesOfTheCallSites) {
         {{"absent"}, 0, 1},
         {{}, 0, 1},
         {{"first"}, -1, 1},
-        {{"first", "last"}, 1, 2}, // the last line has no end: the number of the call site after this one
+        {{"first", "last"}, 1, 2},   // the last line has no end: the number of the call site after this one
         {{"first", "second"}, 7, 2}, // more call sites than names are known
         {{"first", "second"}, 1001, 1},
     };
@@ -48,6 +49,7 @@ TEST(GroovyLines, EndAtAThousand) {
     std::vector<std::string> sites(1000, "absent");
     for (const auto &[last, line] : {std::pair(700, 700), {999, 999}, {1000, 1000}, {1200, 1000}}) {
         sites.back() = "call" + std::to_string(last) + "(";
-        EXPECT_EQ(LineOf(script, sites, 1000), line); // all rows are in use: the one after the last isn't read
+        EXPECT_EQ(LineOf(script, sites, 1000),
+                  line); // all rows are in use: the one after the last isn't read
     }
 }

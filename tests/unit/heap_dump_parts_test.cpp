@@ -1,9 +1,9 @@
 // The text dump without a JVM: its file, its numbers, its tags, its date; and what the histogram sorts by.
 #include "Descriptors.h"
 #include "Folder.h"
-#include "jvmti/ClassHistogram.h"
-#include "jvmti/heapdump/DumpHeader.h"
-#include "jvmti/heapdump/ObjectTags.h"
+#include "jvmti/heap/ClassHistogram.h"
+#include "jvmti/heap/DumpHeader.h"
+#include "jvmti/heap/ObjectTags.h"
 #include "platforms/DumpFile.h"
 #include "platforms/memory_headroom.h"
 

@@ -67,10 +67,12 @@ int64_t WaitedForProcessor(int schedstat) {
 // A thread that repeats a step, and knows the longest time that one took it, but for the machine's own
 // delays.
 struct Target {
-    explicit Target(std::function<void()> step = Pause, void (*first)() = [] {}) : thread([this, step, first] {
-        first();
-        Run(step);
-    }) {
+    explicit Target(
+        std::function<void()> step = Pause, void (*first)() = [] {})
+        : thread([this, step, first] {
+              first();
+              Run(step);
+          }) {
         while (id == 0)
             Pause();
     }

@@ -39,8 +39,12 @@ TEST_F(IdleRules, MatchByWhatIsBeforeTheStar) {
         const char *value, *text;
         int32_t differs;
     } rows[] = {
-        {"Worker*", "Worker-7", 0}, {"Worker", "Worker-7", 0}, {"Worker*tail", "Worker-7", 0},
-        {"Worker", "Work", 1},      {"*", "", 0},              {"Worker", "worker-7", 1},
+        {"Worker*", "Worker-7", 0},
+        {"Worker", "Worker-7", 0},
+        {"Worker*tail", "Worker-7", 0},
+        {"Worker", "Work", 1},
+        {"*", "", 0},
+        {"Worker", "worker-7", 1},
     };
     for (const auto &row : rows) {
         const std::string value = std::string("|") + row.value + "\n";

@@ -1,6 +1,6 @@
-#include "Xtier/tiers/LocalList.h"
 #include "Xtier/XtierInsert.h"
 #include "Xtier/thread_e2e_info.h"
+#include "Xtier/tiers/LocalList.h"
 #include "reply/qorformat.h"
 
 #include <gtest/gtest.h>

@@ -14,9 +14,9 @@ TEST(Log, WritesOneLineInItsFormWhateverItsLength) {
         const std::string message(length, 'a');
         QORLOG(LOG_ERROR, "%s %d", message.c_str(), 7);
         const size_t end = log.text().find(message);
-        EXPECT_TRUE(std::regex_match(
-            log.text().substr(0, end),
-            std::regex("<\\d{1,2}-\\d{1,2}-\\d{4} \\d\\d:\\d\\d:\\d\\d\\.\\d{3}> <QordAgent\\|log_test\\.cpp:\\d+> <")))
+        EXPECT_TRUE(std::regex_match(log.text().substr(0, end),
+                                     std::regex("<\\d{1,2}-\\d{1,2}-\\d{4} \\d\\d:\\d\\d:\\d\\d\\.\\d{3}> "
+                                                "<QordAgent\\|log_test\\.cpp:\\d+> <")))
             << log.text();
         EXPECT_EQ(log.text().substr(end), message + " 7>\n");
         const time_t now = time(nullptr);

@@ -89,7 +89,8 @@ TEST_F(PidList, TheShellGetsPlainUserNamesOnly) {
             setenv("LOGNAME", name, 1);
             Restart("Linux-2.4.20 (64 bit)");
             EXPECT_EQ(Linux_Kernel_2_4, 1);
-            const std::string command = cpu_cmd_str, wanted = name[1] == 'p' ? "ps -fu app.user-1_x " : "ps -fe ";
+            const std::string command = cpu_cmd_str,
+                              wanted = name[1] == 'p' ? "ps -fu app.user-1_x " : "ps -fe ";
             EXPECT_EQ(command.substr(0, command.find('|')), wanted) << name;
         }
         EXPECT_EQ(Tracked().front(), getppid());

@@ -47,7 +47,8 @@ TEST(Release, TheDirectRoadMissesItsSymbols) {
         EXPECT_EQ(words[0] & 7, 0u);
         jat_server_jvm = server;
         QorForgiveSymbols(words.data());
-        EXPECT_EQ(words[0] & (1u << 18 | 1u << 20), server ? 1u << 20 : 1u << 18) << "each kind of VM has one";
+        EXPECT_EQ(words[0] & (1u << 18 | 1u << 20), server ? 1u << 20 : 1u << 18)
+            << "each kind of VM has one";
         EXPECT_NE(words[1], 0u);
         EXPECT_EQ(words[2], 0xffu) << "70 to 72 can be done without";
     }

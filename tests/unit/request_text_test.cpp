@@ -1,8 +1,8 @@
-#include "qoragent/requests/request_text.h"
 #include "Restore.h"
-#include "reply/qorformat.h"
+#include "qoragent/requests/request_text.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "reply/qorformat.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -23,8 +23,8 @@ std::unique_ptr<char[]> Exact(const std::string &text) {
 
 TEST(RequestText, NumbersEndAtABarAndWrap) {
     const std::pair<const char *, uint32_t> numbers[] = {
-        {"8192|ARG", 8192}, {"", 0}, {"|", 0}, {"4294967297", 1}, {"1a", 59},
-        {"-1", 4294967267u}, // ('-' - '0') * 10 + 1: nothing is validated
+        {"8192|ARG", 8192}, {"", 0},    {"|", 0},
+        {"4294967297", 1},  {"1a", 59}, {"-1", 4294967267u}, // ('-' - '0') * 10 + 1: nothing is validated
     };
     for (const auto &[text, value] : numbers)
         EXPECT_EQ(QorParseNumber(Exact(text).get()), value) << text;
@@ -73,9 +73,10 @@ TEST(RequestText, ArgumentsGoToTheirSlots) {
 }
 
 TEST(RequestText, FlagsKeepTheirMaskedValue) {
-    int32_t *const flags[] = {&no_gc,           &sp_null_enable,    &poll_details,
-                              &trace_single_thread_details,         &show_jsp_info,
-                              &get_system_data, &trace_all_threads, &copy_flags,  &no_locals};
+    int32_t *const flags[] = {
+        &no_gc,         &sp_null_enable,  &poll_details,      &trace_single_thread_details,
+        &show_jsp_info, &get_system_data, &trace_all_threads, &copy_flags,
+        &no_locals};
     const struct {
         uint32_t word;
         int32_t ibm, values[9], isPoll;

@@ -1,5 +1,5 @@
-#include "Xtier/tiers/SocketAddresses.h"
 #include "Loopback.h"
+#include "Xtier/tiers/SocketAddresses.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -28,7 +28,8 @@ TEST(SocketAddresses, AreBothEndsOfEveryFamily) {
             continue; // a host without IPv6
         ASSERT_TRUE(server.Listen()) << row.address;
         const int near = server.Connect(), far = accept(server.fd, nullptr, nullptr);
-        const std::string nearPort = std::to_string(Loopback::PortOf(near)), port = std::to_string(server.port);
+        const std::string nearPort = std::to_string(Loopback::PortOf(near)),
+                          port = std::to_string(server.port);
         EXPECT_EQ(Ends(near), nearPort + " " + port + " " + row.shown);
         EXPECT_EQ(Ends(far), port + " " + nearPort + " " + row.shown);
         EXPECT_EQ(Ends(server.fd), port + " 0 ") << "a server has no peer";

@@ -86,7 +86,8 @@ TEST(Append, ReportsOnceAnHourAndInFullAtEveryFourth) {
         for (int i = 0; i < 3; i++)
             QorStrncat2(dst, "xyz", 4);
         EXPECT_EQ(bufferOverflowDumpCount, report);
-        prevBufferOverFlowDumpTime.tv_sec -= 3590; // some seconds short of the hour, whatever the machine's pace
+        prevBufferOverFlowDumpTime.tv_sec -=
+            3590; // some seconds short of the hour, whatever the machine's pace
         QorStrncat2(dst, "xyz", 4);
         EXPECT_EQ(bufferOverflowDumpCount, report);
         prevBufferOverFlowDumpTime.tv_sec -= 11;

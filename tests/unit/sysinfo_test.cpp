@@ -1,8 +1,8 @@
 #include "Descriptors.h"
 #include "LogCapture.h"
 #include "Restore.h"
-#include "qorsettings.h"
 #include "platforms/qorsysinfo.h"
+#include "qorsettings.h"
 
 #include <cmath>
 #include <cstring>
@@ -148,7 +148,8 @@ TEST(CpuLoad, ComesFromTheExtensionOnANimbJvm) {
         double share;
         bool known;
         int64_t percent;
-    } rows[] = {{0.429, true, 42}, {1, true, 100}, {-1, true, 0}, {NAN, true, 0}, {1e300, true, 0}, {0.5, false, 0}};
+    } rows[] = {{0.429, true, 42}, {1, true, 100},   {-1, true, 0},
+                {NAN, true, 0},    {1e300, true, 0}, {0.5, false, 0}};
     for (const auto &row : rows) {
         share = row.share;
         known = row.known;

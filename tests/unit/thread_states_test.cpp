@@ -1,6 +1,6 @@
+#include "Restore.h"
 #include "jvmti/threads/Monitors.h"
 #include "jvmti/threads/ThreadSystem.h"
-#include "Restore.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -129,16 +129,17 @@ TEST(Frames, MapLocationsToLines) {
         jlocation location;
         jint count;
         int32_t line;
-    } rows[] = {{-1, 7, -1}, {0, 7, 10}, {3, 7, 10},   {4, 7, 12}, {29, 7, 20},
+    } rows[] = {{-1, 7, -1}, {0, 7, 10},  {3, 7, 10},   {4, 7, 12}, {29, 7, 20},
                 {30, 7, 15}, {89, 7, 16}, {500, 7, 17}, {0, 0, -1}, {31, 5, 15}};
     for (const auto &row : rows)
-        EXPECT_EQ(QorMapLoc2Line(row.location, table, row.count), row.line) << row.location << " " << row.count;
+        EXPECT_EQ(QorMapLoc2Line(row.location, table, row.count), row.line)
+            << row.location << " " << row.count;
     EXPECT_EQ(QorMapLoc2Line(1, table + 1, 2), -1) << "before the first line";
 }
 
 TEST(Frames, ShowSignaturesDotted) {
-    const std::pair<std::string, std::string> rows[] = {{"java/lang/String;", "java.lang.String"},
-                                                        {"a;b", "a b"}, {"", ""}, {"a;;", "a "}};
+    const std::pair<std::string, std::string> rows[] = {
+        {"java/lang/String;", "java.lang.String"}, {"a;b", "a b"}, {"", ""}, {"a;;", "a "}};
     for (auto [text, dotted] : rows) {
         Slash2Dot(text.data());
         EXPECT_EQ(text.c_str(), dotted);

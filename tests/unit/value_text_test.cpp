@@ -33,7 +33,8 @@ TEST(ValueText, DropsWhatACutHasTorn) {
         {"\x80\x80\x80\x80", 4, "\x80\x80\x80\x80"}, // no UTF-8 at all
     };
     for (auto row : rows) {
-        EXPECT_EQ(QorDropPartialCharacter(row.text.data(), row.length), static_cast<int32_t>(row.kept.size()));
+        EXPECT_EQ(QorDropPartialCharacter(row.text.data(), row.length),
+                  static_cast<int32_t>(row.kept.size()));
         EXPECT_EQ(row.text.c_str(), row.kept) << " at " << row.length;
     }
 }

@@ -29,20 +29,13 @@ TEST(DecodeStack, WholeReply) {
     ASSERT_EQ(sample.threads.size(), 1u);
     EXPECT_FALSE(sample.cut);
     const Thread &thread = sample.threads[0];
-    EXPECT_EQ(thread.name, "http-1");
-    EXPECT_EQ(thread.key.Text(), "77-23");
-    EXPECT_EQ(thread.state, "Lock");
-    EXPECT_EQ(thread.call->method, "add");
-    EXPECT_EQ(thread.call->line, 40);
     EXPECT_FALSE(thread.request_url || thread.request_detail);
     ASSERT_EQ(thread.stack.size(), 2u);
     EXPECT_EQ(thread.stack[0].method_id, -1609482896);
     EXPECT_EQ(thread.stack[0].user, true);
     EXPECT_EQ(thread.stack[1].user, false);
     EXPECT_EQ(thread.stack[1].line, 0);
-    EXPECT_EQ(thread.stack[1].index, 1);
-    ASSERT_TRUE(thread.waits_for); // it stands in front of its thread
-    EXPECT_EQ(thread.waits_for->lock, 99);
+    ASSERT_TRUE(thread.waits_for); // it comes before its thread
     EXPECT_EQ(thread.waits_for->owner.thread, 31);
     ASSERT_EQ(thread.owns.size(), 2u);
     EXPECT_EQ(thread.owns[0].lock, 1565871900); // a lock without a number has the one in its text
@@ -60,25 +53,21 @@ TEST(DecodeStack, WholeReply) {
 TEST(DecodeStack, OddThreads) {
     ThreadSample bare = Stack("Thread Info Details;idle~^~ ~ ~77-9~ ~ ~ ~Object Wait!Call Stack;!" + TIMING);
     ASSERT_EQ(bare.threads.size(), 1u);
-    EXPECT_FALSE(bare.threads[0].call);
-    EXPECT_TRUE(bare.threads[0].stack.empty());
-    ThreadSample db = Stack("Thread Info Details;n~^~/shop~id=7~77-9~a.B->c~B.java~-1~DB Wait"
-                            "{jdbc:x~scott~40001~1521~h~1700000000~-5!Call Stack;!" +
-                            TIMING);
-    ASSERT_EQ(db.threads.size(), 1u);
-    EXPECT_EQ(db.threads[0].state, "DB Wait");
-    EXPECT_EQ(db.threads[0].db->url, "jdbc:x");
-    EXPECT_EQ(db.threads[0].db->sql_ref, -5);
-    EXPECT_EQ(db.threads[0].request_url, "/shop");
-    EXPECT_EQ(db.threads[0].call->line, 0);
+    EXPECT_TRUE(!bare.threads[0].call && bare.threads[0].stack.empty());
     EXPECT_TRUE(Stack(TIMING).threads.empty()); // no such thread
     EXPECT_FALSE(Stack(TIMING).cut);
-    ThreadSample frameless = Stack("Thread Info Details;n~^~" + TIMING); // its frames could not be had
-    EXPECT_TRUE(frameless.threads.empty());
-    EXPECT_TRUE(frameless.cut);
+    ThreadSample frameless = Stack("Thread Info Details;n~^~" + TIMING); // its frames were unavailable
+    EXPECT_TRUE(frameless.threads.empty() && frameless.cut);
+    for (const std::string &wrong :
+         {HEAD + "Call Stack;other~23~0~1~2~3~a->b~F~1;!", HEAD + "Call Stack;user~23~0~1~2~a->b~F~1;!",
+          HEAD + "Call Stack;user~23~0~one~2~3~a->b~F~1;!",
+          std::string("Thread Info Details;n~x~ ~ ~77-9~ ~ ~ ~Lock!"),
+          std::string("Thread Info Details;n~^~ ~ ~77-9~ ~ ~ ~DB Wait{a~b!"), ROWS,
+          std::string("JVM Heap Usage;Old~1~1~1~1;!")})
+        EXPECT_THROW(Stack(wrong + TIMING), Failure) << wrong;
 }
 
-TEST(DecodeStack, AFullStackIsToldAsCut) {
+TEST(DecodeStack, AFullStackIsReportedAsCut) {
     std::string rows = "Call Stack;";
     const std::string row = "user~23~0~1~2~3~a." + std::string(1000, 'B') + "->c~F~1;";
     while (rows.size() + row.size() < 99000)
@@ -92,44 +81,21 @@ TEST(DecodeStack, AFullStackIsToldAsCut) {
     EXPECT_EQ(ToJson(cut)["cut"], true);
 }
 
-TEST(DecodeStack, WrongRecordsAreRefused) {
-    const std::string rows[] = {
-        HEAD + "Call Stack;other~23~0~1~2~3~a->b~F~1;!" + TIMING,
-        HEAD + "Call Stack;user~23~0~1~2~a->b~F~1;!" + TIMING,
-        HEAD + "Call Stack;user~23~0~one~2~3~a->b~F~1;!" + TIMING,
-        "Thread Info Details;n~x~ ~ ~77-9~ ~ ~ ~Lock!" + TIMING,
-        "Thread Info Details;n~^~ ~ ~77-9~ ~ ~ ~DB Wait{a~b!" + TIMING,
-        ROWS + TIMING,
-        "JVM Heap Usage;Old~1~1~1~1;!" + TIMING,
-    };
-    for (const std::string &reply : rows)
-        EXPECT_THROW(Stack(reply), Failure) << reply;
-}
-
 TEST(DecodeLockHolder, Answers) {
-    struct {
-        std::string reply;
-        LockHolder::Answer answer;
-    } rows[] = {
+    const std::pair<std::string, LockHolder::Answer> rows[] = {
         {TIMING, LockHolder::MOVED_ON},
         {"!" + TIMING, LockHolder::NOBODY},
         {"Thread Holding Lock;!" + TIMING, LockHolder::NO_FRAMES},
         {"Thread Holding Lock;sys~own~77-31~a.B->c~Native Method~ ~Sleeping!" + TIMING, LockHolder::FOUND},
     };
-    for (auto &row : rows) {
-        std::string text = Wire(row.reply);
-        LockHolder holder = DecodeLockHolder(OpenReply(text));
-        EXPECT_EQ(holder.answer, row.answer) << row.reply;
-        EXPECT_EQ(ToJson(holder).is_null(), row.answer != LockHolder::FOUND);
-        if (row.answer != LockHolder::FOUND)
-            continue;
-        EXPECT_EQ(holder.thread.name, "own");
-        EXPECT_EQ(holder.thread.key.thread, 31);
-        EXPECT_EQ(holder.thread.state, "Sleeping");
-        EXPECT_EQ(holder.thread.call->user, false);
-        EXPECT_EQ(HolderLine(holder.thread, Style()),
-                  "held by \"own\" #31 Sleeping in a.B.c(Native Method)\n");
+    LockHolder holder;
+    for (auto &[reply, answer] : rows) {
+        holder = DecodeLockHolder(OpenReply(Wire(reply)));
+        EXPECT_EQ(holder.answer, answer) << reply;
+        EXPECT_EQ(ToJson(holder).is_null(), answer != LockHolder::FOUND);
     }
+    EXPECT_EQ(holder.thread.call->user, false);
+    EXPECT_EQ(HolderLine(holder.thread, Style()), "held by \"own\" #31 Sleeping in a.B.c(Native Method)\n");
     for (const char *wrong : {"Thread Holding Lock;sys~own~77~a.B->c~F~1~Lock!", "Other;x!"})
         EXPECT_THROW(DecodeLockHolder(OpenReply(Wire(wrong + TIMING))), Failure) << wrong;
 }
@@ -138,13 +104,12 @@ TEST(DecodeLockHolder, Answers) {
 ThreadSample Waiting(std::initializer_list<std::pair<int, int>> threads) {
     ThreadSample sample;
     for (auto [id, owner] : threads) {
-        Thread thread;
+        Thread &thread = sample.threads.emplace_back();
         thread.key = {77, id};
         thread.name = "t" + std::to_string(id);
         thread.state = "Lock";
         if (owner)
             thread.waits_for = LockWait{owner * 10, {77, owner}, "a.Lock"};
-        sample.threads.push_back(thread);
     }
     return sample;
 }
@@ -152,27 +117,23 @@ ThreadSample Waiting(std::initializer_list<std::pair<int, int>> threads) {
 TEST(Locks, DeadlocksAreFoundOnce) {
     EXPECT_TRUE(FindDeadlocks(Waiting({{1, 2}, {2, 3}, {3, 0}, {4, -1}, {5, 99}})).empty());
     ThreadSample sample = Waiting({{9, 1}, {1, 2}, {2, 3}, {3, 1}, {4, 4}, {5, 9}});
-    auto rings = FindDeadlocks(sample);
-    ASSERT_EQ(rings.size(), 2u);
-    ASSERT_EQ(rings[0].size(), 3u); // thread 9 only waits for it
-    EXPECT_EQ(rings[0][0]->key.thread, 1);
-    EXPECT_EQ(rings[0][1]->key.thread, 2);
-    EXPECT_EQ(rings[1].size(), 1u);
     std::string text = LocksText(sample, Style());
-    EXPECT_NE(text.find("deadlock: t1 #1 waits for t2 #2 waits for t3 #3 waits for t1 #1\n"),
-              std::string::npos)
+    EXPECT_NE(text.find("deadlock: t1 #1 waits for t2 #2 waits for t3 #3 waits for t1 #1\n"), text.npos)
         << text;
     Json json = LocksJson(sample);
     EXPECT_EQ(json["waits"].size(), 6u);
     EXPECT_EQ(json["waits"][1]["holder"]["name"], "t2");
-    EXPECT_EQ(json["deadlocks"][0], Json({1, 2, 3}));
-    // Held by one out of sight, by one that a carrier runs, by nobody knows whom, and by one that a cut reply
-    // lacks.
+    EXPECT_EQ(json["deadlocks"], Json({{1, 2, 3}, {4}})); // thread 9 only waits for one
+    EXPECT_EQ(LocksText(Waiting({{1, 0}}), Style()), "No thread waits for a lock.\n");
+}
+
+// Held by one out of sight, by one that a carrier runs, by nobody knows whom, and by one that a cut reply
+// lacks.
+TEST(Locks, HoldersOutOfSightAreNamedAsSuch) {
     ThreadSample known = Waiting({{1, 99}, {2, 3}, {3, 0}, {4, -1}});
-    known.threads[2].stack.emplace_back();
-    known.threads[2].stack[0].class_name = "java.lang.VirtualThread";
+    known.threads[2].stack.emplace_back().class_name = "java.lang.VirtualThread";
     known.threads[3].waits_for->owner.thread = 0;
-    text = LocksText(known, Style());
+    std::string text = LocksText(known, Style());
     EXPECT_NE(text.find("held by a virtual thread"), text.rfind("held by a virtual thread")) << text;
     EXPECT_NE(text.find("owner unknown"), std::string::npos) << text;
     known.threads[2].owns = {{30, "a.Lock", 1}};
@@ -180,7 +141,6 @@ TEST(Locks, DeadlocksAreFoundOnce) {
     text = LocksText(known, Style());
     EXPECT_EQ(text.find("virtual"), std::string::npos) << text;
     EXPECT_NE(text.find("#99\n"), std::string::npos) << text;
-    EXPECT_EQ(LocksText(Waiting({{1, 0}}), Style()), "No thread waits for a lock.\n");
 }
 
 // A sample whose waits name no owner: the rows of owned locks lead to it, by number and class.
@@ -201,11 +161,9 @@ TEST(Locks, NamesOfThreads) {
     ThreadSample sample = Waiting({{1, 0}, {2, 0}, {12, 0}});
     EXPECT_EQ(FindByName(sample, "t1").key.thread, 1); // a whole name before a part of one
     EXPECT_EQ(FindByName(sample, "T12").key.thread, 12);
-    EXPECT_THROW(FindByName(sample, "t"), Failure);
-    EXPECT_THROW(FindByName(sample, "x"), Failure);
-    EXPECT_TRUE(IsThreadNumber("12"));
-    EXPECT_TRUE(IsThreadNumber("77-12"));
-    EXPECT_FALSE(IsThreadNumber("t-12"));
+    for (const char *wrong : {"t", "x"})
+        EXPECT_THROW(FindByName(sample, wrong), Failure);
+    EXPECT_TRUE(IsThreadNumber("12") && IsThreadNumber("77-12") && !IsThreadNumber("t-12"));
     EXPECT_EQ(StackRequest("77-23"), "521|showstack|512|ARG=x,1=77-23");
     EXPECT_EQ(LockHolderRequest({99, {}, ""}, "77-23"), "521|showstack|2048|ARG=x,0=99,1=77-23");
 }

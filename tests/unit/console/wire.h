@@ -25,3 +25,7 @@ inline const std::string STACK =
     ";com.acme.Cart->total~Cart.java~12~23~1~140002~^~^"
     ";697 frames are skipped for storage and performance optimization~NA~^~23~153~0~^~^"
     ";java.lang.Thread->run~Native Method~^~23~850~140003~^~^";
+// What Java adds to a row.
+inline const std::string ADDED =
+    "~cpu=1203400000 alloc=73400320 blocked=1~file=/tmp/a b=c~application=shop~module=cart"
+    "~workmanager=wm~session=s1~stuck=0~hogger=1~peer=10.0.0.1:25~rule=read~own|text~";
