@@ -4,9 +4,7 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
-#include <atomic>
 #include <gtest/gtest.h>
-#include <thread>
 
 // A JVM of which there are the word that says that a collection runs, and the lock count.
 struct GcLock : testing::Test {
@@ -15,16 +13,15 @@ struct GcLock : testing::Test {
         qormaxbackoff = 0;
         nsymbols[SYM_COLLECTED_HEAP] = reinterpret_cast<uint64_t>(&heapAddress);
         nsymbols[SYM_GC_LOCK_COUNT] = reinterpret_cast<uint64_t>(&lockCount);
-        Begin(0, "2|showstack|8192|");
     }
     ~GcLock() override {
         EXPECT_EQ(lockCount, 7u) << "the JVM's own count";
-        qorLeave = qorlocks[0] = no_gc = offsetind = 0;
+        Begin(0, "");
+        offsetind = 0;
         nsymbols[SYM_COLLECTED_HEAP] = nsymbols[SYM_GC_LOCK_COUNT] = 0;
     }
-    void Collect(uint32_t running) { __atomic_store_n(&heap[8], running, __ATOMIC_SEQ_CST); }
     void Begin(uint32_t collecting, const char *request) {
-        Collect(collecting);
+        heap[8] = collecting;
         qorlocks[0] = no_gc = qorLeave = 0;
         snprintf(buf, sizeof buf, "%s", request);
     }
@@ -49,8 +46,7 @@ TEST_F(GcLock, IsTakenAtOnceOrRefusedByTheModeOfTheRequest) {
     for (const auto &row : rows) {
         Begin(row.collecting, row.request);
         EXPECT_EQ(qor_disable_gc(row.mode), row.result) << row.mode << row.request;
-        EXPECT_EQ(qorlocks[0], row.held) << row.mode << row.request;
-        EXPECT_EQ(no_gc, row.noGc) << row.mode << row.request;
+        EXPECT_EQ(qorlocks[0] * 10 + no_gc, row.held * 10 + row.noGc) << row.mode << row.request;
         qor_enable_gc();
         EXPECT_EQ(qorlocks[0], 0);
     }
@@ -58,17 +54,4 @@ TEST_F(GcLock, IsTakenAtOnceOrRefusedByTheModeOfTheRequest) {
     EXPECT_EQ(qor_disable_gc(2), 1);
     offsetind = BUILD_JVMTI_DEFAULT;
     EXPECT_EQ(qor_disable_gc(2), 0);
-}
-
-TEST_F(GcLock, WaitsForTheCollectionOrForTheRequestToLeave) {
-    for (int32_t mode : {0, 3})
-        for (bool leaves : {false, true}) {
-            Begin(1, "1|showstack|8192|");
-            std::atomic<int32_t> result{-1};
-            std::thread worker([&] { result = qor_disable_gc(mode); });
-            leaves ? void(qorLeave = 1) : Collect(0);
-            worker.join();
-            EXPECT_EQ(result, leaves) << mode;
-            EXPECT_EQ(qorlocks[0], !leaves) << mode;
-        }
 }

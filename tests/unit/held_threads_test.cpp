@@ -8,8 +8,6 @@
 #include <atomic>
 #include <csignal>
 #include <cstddef>
-#include <deque>
-#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <malloc.h>
@@ -21,11 +19,6 @@
 namespace {
 
 constexpr int64_t MSEC = 1000 * 1000;
-#ifdef __SANITIZE_ADDRESS__
-constexpr int64_t LONGEST_STOP = 1000 * MSEC; // whatever the sanitizer's own locks take
-#else
-constexpr int64_t LONGEST_STOP = 100 * MSEC;
-#endif
 std::atomic<int> foreign, foreignCode;
 std::atomic<bool> inJava, foreignSawItself;
 
@@ -55,17 +48,7 @@ void HostHandler(int signal, siginfo_t *info, void *) {
     foreign++;
 }
 
-// Nanoseconds that the calling thread has spent ready to run, without a processor.
-int64_t WaitedForProcessor(int schedstat) {
-    char text[96] = "";
-    long ran = 0, waited = 0;
-    if (pread(schedstat, text, sizeof text - 1, 0) > 0)
-        sscanf(text, "%ld %ld", &ran, &waited);
-    return waited;
-}
-
-// A thread that repeats a step, and knows the longest time that one took it, but for the machine's own
-// delays.
+// A thread that repeats a step.
 struct Target {
     explicit Target(
         std::function<void()> step = Pause, void (*first)() = [] {})
@@ -85,14 +68,8 @@ struct Target {
         pthread_attr_destroy(&attributes);
         stack = reinterpret_cast<uint64_t>(low);
         id = OwnId();
-        const int schedstat = open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC);
-        const auto now = [=] { return QorMonotonicNsec() - WaitedForProcessor(schedstat); };
-        for (int64_t last = now(), next; !ended; steps++, last = next) {
+        for (; !ended; steps++)
             step();
-            next = now();
-            longest = std::max<int64_t>(longest, next - last);
-        }
-        close(schedstat);
     }
     void End() {
         ended = true;
@@ -128,7 +105,7 @@ struct Target {
     }
 
     std::atomic<int32_t> id{0};
-    std::atomic<int64_t> steps{0}, longest{0};
+    std::atomic<int64_t> steps{0};
     std::atomic<bool> ended{false};
     uint64_t stack = 0;
     size_t stackSize = 0;
@@ -203,37 +180,6 @@ void OpenSignal() {
 }
 
 } // namespace
-
-TEST_F(HeldThreads, NoneStaysInAStorm) {
-    signal(SIGPROF, [](int) {});
-    constexpr int COUNT = 200;
-    std::deque<Target> targets(COUNT);
-    std::atomic<bool> over{false};
-    int sent = 0, asked = 0, held = 0;
-    std::thread others([&] {
-        for (unsigned i = 0; !over; i++, Pause()) {
-            for (int n = 0; n < 10; n++)
-                syscall(SYS_tgkill, getpid(), targets[(i * 10 + n) % COUNT].id.load(), SIGPROF);
-            if (foreign == sent && ++sent != 0)
-                kill(getpid(), HOLD_SIGNAL);
-        }
-    });
-    const uint32_t ended = qorHoldsEnded;
-    for (const int64_t end = QorMonotonicNsec() + 2000 * MSEC; QorMonotonicNsec() < end; QorTendHolds())
-        for (Target &target : targets) {
-            asked++;
-            held += target.Hold();
-        }
-    over = true;
-    others.join();
-    EXPECT_TRUE(Soon([&] { return foreign == sent; })) << foreign << " of " << sent;
-    EXPECT_GT(sent, 20);
-    EXPECT_GT(held, 50) << "of " << asked;
-    EXPECT_LT(qorHoldsEnded - ended, held / 2U) << "not by the release";
-    EXPECT_TRUE(Settled());
-    for (Target &target : targets)
-        EXPECT_LT(target.longest, LONGEST_STOP);
-}
 
 TEST_F(HeldThreads, TheHostsSignalsArriveOnceReleased) {
     Target target;
@@ -425,54 +371,6 @@ TEST_F(HeldThreads, WhatElseUsesTheSignalStaysInForce) {
                   EXPECT_TRUE(Settled());
               }),
               0);
-}
-
-// The slots alone: each thread comes when it is asked, or late; another one releases at any time.
-TEST(HeldSlots, AgreeWhoeverActsFirst) {
-    struct Asked {
-        std::atomic<QorHold> ask{0};
-        std::atomic<int32_t> id{0};
-        std::thread thread;
-    };
-    std::deque<Asked> threads(4);
-    std::atomic<bool> over{false};
-    for (Asked &asked : threads) {
-        asked.thread = std::thread([&] {
-            const auto mine = static_cast<uint64_t>(asked.id = OwnId());
-            for (; !over; sched_yield())
-                if (const QorHold ask = asked.ask.exchange(0))
-                    QorParkInSlot(ask, OwnId(), {mine, mine + 1, mine + 2});
-        });
-        while (asked.id == 0)
-            Pause();
-    }
-    std::thread releasing([&] {
-        for (; !over; Pause())
-            QorReleaseAllSlots();
-    });
-    int held = 0;
-    const int64_t end = QorMonotonicNsec() + 500 * MSEC;
-    for (unsigned i = 0; QorMonotonicNsec() < end || held < 100; i++) {
-        Asked &asked = threads[i % threads.size()];
-        const auto id = static_cast<uint64_t>(asked.id);
-        const int64_t now = QorMonotonicNsec();
-        const QorHold hold = QorClaimSlot({asked.id, 0}, 0, now + 1000 * MSEC);
-        if (!hold) // asked before, and still to come
-            continue;
-        asked.ask = hold;
-        QorSlotSent(hold);
-        QorRegisters at = {};
-        if (QorAwaitSlot(hold, now + MSEC / (1 + i % 20), &at)) {
-            held++;
-            EXPECT_TRUE(at.sp == id && at.pc == id + 1 && at.fp == id + 2) << at.sp << " of " << id;
-            QorReleaseSlot(hold);
-        }
-    }
-    EXPECT_TRUE(Soon([] { return QorSlotsAllFree(); }));
-    over = true;
-    releasing.join();
-    for (Asked &asked : threads)
-        asked.thread.join();
 }
 
 TEST(HeldSlots, AbandonedOnesWaitForTheirSignal) {

@@ -1,8 +1,7 @@
 #include "LogCapture.h"
 
-#include "Child.h"
-
 #include <cerrno>
+#include <gtest/gtest.h>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -48,18 +47,6 @@ TEST(Log, IsSilentUpToTheThresholdAndRationedByCallSite) {
     EXPECT_FALSE(QorLogIsDue(&next));
     next -= 60; // a minute later
     EXPECT_TRUE(QorLogIsDue(&next));
-}
-
-TEST(Log, GoesToStderrWhenNothingIsOpen) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(InChild([] {
-                  fpLogFile = nullptr;
-                  qorloglevel = 1;
-                  QORLOG(LOG_ERROR, "to stderr");
-                  EXPECT_EQ(fpLogFile, stderr);
-              }),
-              0);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("<to stderr>"), std::string::npos);
 }
 
 TEST(Log, WritesEachLineInOnePiece) {

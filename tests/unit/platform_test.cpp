@@ -50,18 +50,6 @@ TEST(GuardedMemory, StopsARunawayWriteWithinAPage) {
     EXPECT_EQ(log.count("mprotect PROT_READ|PROT_WRITE failed at"), 1);
 }
 
-TEST(SharedLibrary, IsFoundOrMissing) {
-    void *handle = &handle;
-    EXPECT_EQ(QorLoadLibrary(&handle, "libqor-no-such.so"), -1);
-    EXPECT_EQ(handle, nullptr);
-    EXPECT_EQ(QorLoadLibrary(&handle, nullptr), -1);
-    EXPECT_EQ(QorFindSymbol(nullptr, "malloc"), nullptr);
-    ASSERT_EQ(QorLoadLibrary(&handle, "libm.so.6"), 0);
-    EXPECT_NE(QorFindSymbol(handle, "cos"), nullptr);
-    EXPECT_EQ(QorFindSymbol(handle, "qor_no_such"), nullptr);
-    EXPECT_EQ(QorCloseLibrary(handle), 0);
-}
-
 TEST(Pipe, CarriesBytesAndClosesOnce) {
     const int before = OpenDescriptors();
     int32_t fds[2];
@@ -115,21 +103,4 @@ TEST(Pipe, WaitIsNotCutShortBySignals) {
     setitimer(ITIMER_REAL, &still, nullptr);
     sigaction(SIGALRM, &earlier, nullptr);
     qor_close_pipe(fds);
-}
-
-TEST(ThreadId, IsTheKernels) {
-    init_cpu();
-    EXPECT_EQ(Pthread_NPTL, 1);
-    EXPECT_EQ(p_pid, syscall(SYS_gettid));
-    std::thread([] { EXPECT_EQ(qor_current_thread_id(), syscall(SYS_gettid)); }).join();
-}
-
-TEST(FileName, IsThatOfADescriptor) {
-    char name[FILE_NAME_SIZE] = "as it was";
-    EXPECT_EQ(QorGetFileNameFromFD(-1, name), -1);
-    EXPECT_STREQ(name, "as it was");
-    int32_t fd = qor_open_read("/proc/stat");
-    EXPECT_EQ(QorGetFileNameFromFD(fd, name), 0);
-    EXPECT_STREQ(name, "/proc/stat");
-    qor_close_handle(&fd);
 }

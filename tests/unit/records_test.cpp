@@ -1,9 +1,9 @@
 // Records as the agent writes them, compared with the table of the documented fields, and their titles.
 #include "RecordTable.h"
 #include "Restore.h"
-#include "Xtier/XtierInsert.h"
 #include "qorrequest.h"
 #include "reply/records.h"
+#include "reply/wait_blocks.h"
 
 #include <gtest/gtest.h>
 
@@ -18,20 +18,10 @@ std::string Written(Write write) {
     return storage;
 }
 
-// What comes before the fields of a record: its section's title.
-std::string Titled(const RecordRow &row) {
-    return row.title + RECORD_END + row.Wire();
-}
-
 TEST(Records, FramesHaveTheDocumentedFields) {
     const RecordRow row = FindRecord("frame"), skipped = FindRecord("frames left out");
-    const std::string call = row.Text("call"), file = row.Text("file");
-    const std::string className = call.substr(0, call.find("->"));
-    QorFrameRecord frame = {};
-    frame.className = className.c_str();
-    frame.method = "m";
-    frame.fileName = file.c_str();
-    frame.line = row.Number("line");
+    const std::string file = row.Text("file"), className = row.Text("call").substr(0, 4);
+    const QorFrameRecord frame = {0, 0, "m", className.c_str(), file.c_str(), row.Number("line"), 1, nullptr};
     EXPECT_EQ(Written([&](QorText *out) {
                   QorAppendStackRowHead(out, &frame);
                   QorAppendNumberField(out, row.Number("thread id"));
@@ -47,50 +37,42 @@ TEST(Records, FramesHaveTheDocumentedFields) {
 }
 
 TEST(Records, LocksHaveTheDocumentedFields) {
-    for (const char *name : {"lock waited for", "lock owned", "parked on"}) {
-        const RecordRow row = FindRecord(name);
-        QorMonitorRecord lock = {};
-        lock.lockId = row.Number("lock id");
-        lock.owner = row.Number("owner");
-        lock.stackDepth = row.Number("depth");
-        snprintf(lock.description, sizeof lock.description, "%s", row.Text("class@id").c_str());
-        const std::string written = Written([&](QorText *out) {
-            if (row.title == "Lock On")
-                QorAppendLockWaitRecord(out, &lock, 77);
-            else if (row.title == "Parked On")
-                QorAppendParkedRecord(out, &lock);
-            else
-                QorAppendOwnedLockRecord(out, &lock);
-        });
-        EXPECT_EQ(written, row.title == "JVM Locks" ? row.Wire() + RECORD_END : Titled(row));
-    }
+    const auto lock = [](const RecordRow &row) {
+        QorMonitorRecord record = {};
+        record.lockId = row.Number("lock id");
+        record.owner = row.Number("owner");
+        record.stackDepth = row.Number("depth");
+        snprintf(record.description, sizeof record.description, "%s", row.Text("class@id").c_str());
+        return record;
+    };
+    const RecordRow waited = FindRecord("lock waited for"), owned = FindRecord("lock owned"),
+                    parked = FindRecord("parked on");
+    const QorMonitorRecord waits = lock(waited), owns = lock(owned), parks = lock(parked);
+    EXPECT_EQ(Written([&](QorText *out) { QorAppendLockWaitRecord(out, &waits, 77); }),
+              waited.title + RECORD_END + waited.Wire());
+    EXPECT_EQ(Written([&](QorText *out) { QorAppendOwnedLockRecord(out, &owns); }),
+              owned.Wire() + RECORD_END);
+    EXPECT_EQ(Written([&](QorText *out) { QorAppendParkedRecord(out, &parks); }),
+              parked.title + RECORD_END + parked.Wire());
 }
 
 TEST(Records, BlocksHaveTheDocumentedFields) {
-    const RecordRow whole = FindRecord("database block"), brief = FindRecord("short database block");
-    const std::string url = whole.Text("URL"), user = whole.Text("user"), host = whole.Text("remote host"),
-                      sql = whole.Text("SQL"), kind = whole.Text("kind");
-    QorDatabaseBlock block = {};
-    block.url = url.c_str();
-    block.user = user.c_str();
-    block.localPort = static_cast<uint32_t>(whole.Number("local port"));
-    block.remotePort = static_cast<uint32_t>(whole.Number("remote port"));
-    block.remoteHost = host.c_str();
-    block.sampleTime = whole.Number("time");
-    block.sqlRef = whole.Number("SQL reference");
-    block.sqlText = sql.c_str();
-    block.typeName = kind.c_str();
+    const RecordRow row = FindRecord("database block"), remote = FindRecord("RMI block");
+    const std::string url = row.Text("URL"), user = row.Text("user"), host = row.Text("remote host"),
+                      sql = row.Text("SQL"), kind = row.Text("kind");
+    const auto port = [&](const char *which) { return static_cast<uint32_t>(row.Number(which)); };
+    const QorDatabaseBlock block = {
+        url.c_str(),  user.c_str(),       port("local port"),          port("remote port"),
+        host.c_str(), row.Number("time"), row.Number("SQL reference"), sql.c_str(),
+        kind.c_str()};
     EXPECT_EQ(Written([&](QorText *out) { QorAppendDatabaseBlock(out, block); }),
-              WAIT_DETAIL + std::string("10") + FIELD_COUNT_MARK + whole.Wire());
+              WAIT_DETAIL + std::string("10") + FIELD_COUNT_MARK + row.Wire());
     EXPECT_EQ(Written([&](QorText *out) { QorAppendShortDatabaseBlock(out, block); }),
-              WAIT_DETAIL + brief.Wire());
-    const RecordRow remote = FindRecord("RMI block");
-    QorRmiCallData call = {};
-    call.callId = remote.Number("call id");
-    call.port = remote.Number("remote port");
-    snprintf(call.host, sizeof call.host, "%s", remote.Text("remote host").c_str());
-    snprintf(call.jndiName, sizeof call.jndiName, "%s", remote.Text("JNDI name").c_str());
-    EXPECT_EQ(Written([&](QorText *out) { QorAppendRmiBlock(out, &call); }),
+              WAIT_DETAIL + FindRecord("short database block").Wire());
+    const std::string name = remote.Text("JNDI name"), server = remote.Text("remote host");
+    const QorRmiBlock call = {name.c_str(), remote.Number("call id"), remote.Number("remote port"),
+                              server.c_str()};
+    EXPECT_EQ(Written([&](QorText *out) { QorAppendRmiBlock(out, call); }),
               WAIT_DETAIL + std::string(1, RMI_MARK) + remote.Wire());
 }
 
@@ -100,21 +82,16 @@ TEST(Records, TitleIsTheFirstRowThatApplies) {
         int32_t details, trace;
         const char *title;
     } rows[] = {
-        {0x2180, 0, 0, "JVM Memory Activity"},
-        {0x2100, 0, 0, "Thread Info Summary"},
-        {0xa000, 16, 0, "JVM Active Threads"},
-        {0x200, 0, 0, "Thread Info Details"},
-        {0x800, 0, 0, "Thread Holding Lock"},
-        {0x8000, 0, 0, "JVM Active Threads"},
-        {0x8000, 0, 32, "Thread Info Details"},
-        {0x8000, 16, 0, "Thread Info Details"},
-        {0x4000, 0, 0, ""},
+        {0x2180, 0, 0, "JVM Memory Activity"},  {0x2100, 0, 0, "Thread Info Summary"},
+        {0xa000, 16, 0, "JVM Active Threads"},  {0x200, 0, 0, "Thread Info Details"},
+        {0x800, 0, 0, "Thread Holding Lock"},   {0x8000, 0, 0, "JVM Active Threads"},
+        {0x8000, 0, 32, "Thread Info Details"}, {0x8000, 16, 0, "Thread Info Details"},
     };
     for (const auto &row : rows) {
         const Restore details(poll_details, row.details), trace(trace_single_thread_details, row.trace);
         char header[TITLE_SIZE];
         InitResponseHeader(row.reqid, header);
-        EXPECT_EQ(*row.title ? std::string(row.title) + RECORD_END : "", header) << std::hex << row.reqid;
+        EXPECT_EQ(std::string(row.title) + RECORD_END, header) << std::hex << row.reqid;
         // A traced thread is always shown with its stack.
         EXPECT_EQ(poll_details != 0, row.details || row.trace) << std::hex << row.reqid;
     }

@@ -22,11 +22,11 @@ TEST(Release, AnExactTextSelectsTheBuild) {
         bool jvmtiRoad;
     } rows[] = {
         {"Sun Microsystems Inc.1.5.0_07", 7, false},
+        {"Sun Microsystems Inc.1.5.0_10", 6, false},
         {"Sun Microsystems Inc.1.5.0_22", 10, false},
         {"Sun Microsystems Inc.1.5.0_09", -100, false},
         {"Sun Microsystems Inc.1.5.0_070", -100, false},
         {"DOV Systems, Inc.1.6.0_11", 65, true},
-        {"DOV Systems, Inc.1.6.0_1", -100, false},
         {"Vorn Default JVM.1.6.0_00", 99, true},
         {"JVMTI_JVM", 98, true},
         {"", -100, false},
@@ -37,21 +37,4 @@ TEST(Release, AnExactTextSelectsTheBuild) {
         EXPECT_EQ(QorOnJvmtiRoad(), row.jvmtiRoad) << row.key;
         EXPECT_EQ(words[0] == SYMBOLS_NO_LIST, row.build == BUILD_UNSUPPORTED) << row.key;
     }
-}
-
-// In a process without a JVM library the direct road lacks everything it needs, on a server VM as on a client
-// VM, and never by the bits that are codes; the JVMTI road needs nothing.
-TEST(Release, TheDirectRoadMissesItsSymbols) {
-    for (int32_t server : {0, 1}) {
-        auto words = MissingFor("Sun Microsystems Inc.1.5.0_07");
-        EXPECT_EQ(words[0] & 7, 0u);
-        jat_server_jvm = server;
-        QorForgiveSymbols(words.data());
-        EXPECT_EQ(words[0] & (1u << 18 | 1u << 20), server ? 1u << 20 : 1u << 18)
-            << "each kind of VM has one";
-        EXPECT_NE(words[1], 0u);
-        EXPECT_EQ(words[2], 0xffu) << "70 to 72 can be done without";
-    }
-    EXPECT_EQ(MissingFor("JVMTI_JVM")[0], 0x38u);
-    EXPECT_EQ(MissingFor("Vorn Default JVM.1.6.0_00")[0], 0u);
 }

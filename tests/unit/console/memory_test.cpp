@@ -46,19 +46,14 @@ TEST(DecodeMemoryViews, HeapAndCollectors) {
 
 TEST(DecodeMemoryViews, SpacesOfAJvmReadByAddress) {
     MemoryView memory = DecodeMemory(OpenReply(Wire(SPACES + COLLECTIONS + TIMING)));
-    ASSERT_EQ(memory.pools.size(), 2u);
-    EXPECT_EQ(memory.pools[1].available_kib, 65476u);
     EXPECT_EQ(memory.used_kib, 72);
     EXPECT_EQ(memory.max_kib, 90112);
-    ASSERT_EQ(memory.collectors.size(), 2u);
-    EXPECT_EQ(memory.collectors[1].count, 2);
-    std::vector<SpaceKinds> spaces =
-        DecodeKinds(OpenReply(Wire("JVM Heap Memory Usage;Perm~1~2~3~4~5~6~7~60~65536;!"
-                                   "JVM Heap Number of Objects;Perm~10~20~30~40~50~60~70~0~300;!" +
-                                   COLLECTIONS + TIMING)));
-    ASSERT_EQ(spaces.size(), 1u);
-    EXPECT_EQ(KindsJson(spaces)["spaces"][0]["kinds"]["symbols"]["kib"], 6);
-    EXPECT_NE(KindsText(spaces, Style()).find("Perm   other           20     -"), std::string::npos);
+    EXPECT_EQ(memory.collectors.at(1).count, 2);
+    Json json =
+        KindsJson(DecodeKinds(OpenReply(Wire("JVM Heap Memory Usage;Perm~1~2~3~4~5~6~7~60~65536;!"
+                                             "JVM Heap Number of Objects;Perm~10~20~30~40~50~60~70~0~300;!" +
+                                             COLLECTIONS + TIMING))));
+    EXPECT_EQ(json["spaces"][0]["kinds"]["symbols"]["kib"], 6);
     const std::string refusal = "Unable to start Heap Dump: no further process is allowed.!";
     EXPECT_THROW(OpenReply(Wire(SPACES + COLLECTIONS + refusal + TIMING)), Failure);
 }

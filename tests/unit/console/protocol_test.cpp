@@ -57,6 +57,14 @@ Read OfDatabase(const DbWait &db) {
             {"kind", db.type.value_or("")}};
 }
 
+Thread FirstOf(const Reply &reply) {
+    return DecodeThreads(reply).threads.at(0);
+}
+
+Thread OnlyOf(const Reply &reply) {
+    return DecodeStack(reply).threads.at(0);
+}
+
 const std::string DETAILS = "Thread Info Details;" + DETAILS_ROW + "!";
 const std::string IN_STATE = "JVM Active Threads;a~n~^~^~^~1-2~^~^~^~";
 const std::string ONE_STACK = "Thread Info Details;n~^~^~^~1-2~A->b~F~1~";
@@ -68,30 +76,26 @@ const struct {
     std::string before, after;
     Read (*read)(const Reply &reply);
 } READERS[] = {
-    {"active thread", "", ";!", [](const Reply &r) { return OfThread(DecodeThreads(r).threads.at(0)); }},
-    {"thread with details", "", "!", [](const Reply &r) { return OfThread(DecodeThreads(r).threads.at(0)); }},
-    {"frame", DETAILS, "!",
-     [](const Reply &r) { return OfFrame(DecodeThreads(r).threads.at(0).stack.at(0)); }},
+    {"active thread", "", ";!", [](const Reply &r) { return OfThread(FirstOf(r)); }},
+    {"thread with details", "", "!", [](const Reply &r) { return OfThread(FirstOf(r)); }},
+    {"frame", DETAILS, "!", [](const Reply &r) { return OfFrame(FirstOf(r).stack.at(0)); }},
     {"frames left out", DETAILS, "!",
      [](const Reply &r) {
-         const Frame frame = DecodeThreads(r).threads.at(0).stack.at(0);
+         const Frame frame = FirstOf(r).stack.at(0);
          return Read{{"count and text",
                       Of(frame.skipped) + " frames are skipped for storage and performance optimization"},
                      {"index", Of(frame.index)}};
      }},
     {"lock waited for", DETAILS, "!",
      [](const Reply &r) {
-         const LockWait wait = *DecodeThreads(r).threads.at(0).waits_for;
+         const LockWait wait = *FirstOf(r).waits_for;
          return Read{{"lock id", Of(wait.lock)}, {"owner", wait.owner.Text()}, {"class@id", wait.class_name}};
      }},
-    {"lock owned", DETAILS, ";!",
-     [](const Reply &r) { return OfLock(DecodeThreads(r).threads.at(0).owns.at(0)); }},
-    {"parked on", DETAILS, "!",
-     [](const Reply &r) { return OfLock(*DecodeThreads(r).threads.at(0).parked_on); }},
-    {"thread of one stack", "", "!Call Stack;!",
-     [](const Reply &r) { return OfThread(DecodeStack(r).threads.at(0)); }},
+    {"lock owned", DETAILS, ";!", [](const Reply &r) { return OfLock(FirstOf(r).owns.at(0)); }},
+    {"parked on", DETAILS, "!", [](const Reply &r) { return OfLock(*FirstOf(r).parked_on); }},
+    {"thread of one stack", "", "!Call Stack;!", [](const Reply &r) { return OfThread(OnlyOf(r)); }},
     {"frame of one stack", ONE_STACK + "Lock!", ";!",
-     [](const Reply &r) { return OfFrame(DecodeStack(r).threads.at(0).stack.at(0)); }},
+     [](const Reply &r) { return OfFrame(OnlyOf(r).stack.at(0)); }},
     {"lock holder", "", "!", [](const Reply &r) { return OfThread(DecodeLockHolder(r).thread); }},
     {"pool", "", ";!" + COLLECTIONS,
      [](const Reply &r) {
@@ -102,7 +106,7 @@ const struct {
                      {"percent", Of(pool.percent)},
                      {"free", Of(pool.available_kib)}};
      }},
-    {"collections", "JVM Heap Usage;!", ";!",
+    {"collections", "JVM Heap Usage;Old~4~1~25~3;!", ";!",
      [](const Reply &r) {
          const Collector collector = DecodeHeap(r).collectors.at(0);
          return Read{{"name", collector.name}, {"collections", Of(*collector.count)}};
@@ -140,12 +144,12 @@ const struct {
          return Read{{"tag", Of(field.tag)}, {"type", field.type}, {"name", field.name}};
      }},
     {"database block", IN_STATE + "DB Wait{10}", ";!",
-     [](const Reply &r) { return OfDatabase(*DecodeThreads(r).threads.at(0).db); }},
+     [](const Reply &r) { return OfDatabase(*FirstOf(r).db); }},
     {"short database block", ONE_STACK + "DB Wait{", "!Call Stack;!",
-     [](const Reply &r) { return OfDatabase(*DecodeStack(r).threads.at(0).db); }},
+     [](const Reply &r) { return OfDatabase(*OnlyOf(r).db); }},
     {"RMI block", IN_STATE + "RMI Wait{&", ";!",
      [](const Reply &r) {
-         const RmiWait rmi = *DecodeThreads(r).threads.at(0).rmi;
+         const RmiWait rmi = *FirstOf(r).rmi;
          return Read{{"call id", Of(rmi.call_id)},
                      {"remote port", Of(rmi.remote_port)},
                      {"remote host", *rmi.remote_host},
