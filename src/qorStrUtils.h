@@ -37,7 +37,7 @@ void QorReplaceForeignBytes(char *text);
 // `len` may be the exact length or any upper bound of it. 0, or -1 with nothing written: no destination, a
 // size below 2, no source, or a `len` below 1.
 int32_t QorStrncpy(char *dst, const char *src, int32_t size, int32_t len);
-int32_t QorAgentStrncpy(char *dst, const char *src, int32_t size, int32_t len);
+int32_t QorAgentStrncpy(char *dst, const char *src, int32_t size, int32_t len); // nothing calls it
 
 // The same with the length taken from *count, which returns the bytes copied, 0 on failure. A caller compares
 // it with what it asked for to notice a cut copy.
@@ -62,10 +62,10 @@ inline const char *QorStrstr(const char *text, const char *part) {
 inline char *QorStrstr(char *text, const char *part) {
     return text && part ? strstr(text, part) : nullptr;
 }
-inline const char *QorAgentStrstr(const char *text, const char *part) {
+inline const char *QorAgentStrstr(const char *text, const char *part) { // nothing calls it
     return QorStrstr(text, part);
 }
-inline char *QorAgentStrstr(char *text, const char *part) {
+inline char *QorAgentStrstr(char *text, const char *part) { // nothing calls it
     return QorStrstr(text, part);
 }
 inline const char *QorStrchr(const char *text, int c) {

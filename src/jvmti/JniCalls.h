@@ -75,7 +75,7 @@ jobject QorGetObjectArrayElement(JNIEnv *env, jobjectArray array, jsize index);
 jlongArray QorNewLongArray(JNIEnv *env, jsize length);
 void QorSetLongArrayRegion(JNIEnv *env, jlongArray array, jsize start, jsize length, const jlong *from);
 
-// Array elements
+// Array elements; nothing calls these.
 jboolean *QorGetBooleanArrayElements(JNIEnv *env, jbooleanArray array, jboolean *isCopy);
 jbyte *QorGetByteArrayElements(JNIEnv *env, jbyteArray array, jboolean *isCopy);
 jchar *QorGetCharArrayElements(JNIEnv *env, jcharArray array, jboolean *isCopy);

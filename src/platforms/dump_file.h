@@ -47,7 +47,7 @@ bool QorDumpFlush(QorDumpFile *file);
 int32_t QorDumpClose(QorDumpFile *file);
 
 // Offset in the file at which the next byte will stand.
-inline int64_t QorGetCurrentPos(const QorDumpFile *file) {
+inline int64_t QorGetCurrentPos(const QorDumpFile *file) { // nothing calls it
     return file->flushed + file->used;
 }
 

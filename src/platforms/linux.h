@@ -39,7 +39,7 @@ int32_t qor_can_read_internal(int32_t fd, int32_t seconds);
 int32_t QorCanReadWithin(int32_t fd, int64_t msec);
 
 // Limits the socket's sends and receives to 5 seconds; not on a Nimb JVM.
-void qor_set_socket_TO(int32_t socket);
+void qor_set_socket_TO(int32_t socket); // nothing calls it
 
 // The name behind a descriptor into FILE_NAME_SIZE bytes. 0, or -1 with the destination as it was.
 int32_t QorGetFileNameFromFD(int32_t fd, char *out);

@@ -27,7 +27,7 @@ char *sym2str(char *dst, int32_t size, uint64_t symbol);
 char *oop2str(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset);
 
 // The same for up to VM_BIG_TEXT_CHARS.
-char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset);
+char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset); // nothing calls it
 
 // The same of characters that Java handed over. Any thread.
 char *QorUtf16Text(char *dst, int32_t size, const uint16_t *chars, int32_t count);

@@ -51,7 +51,7 @@ void QorReadConnectionHash(jobject object, QorDBRequestData *record);
 void QorExtractDBSocketData(int64_t fd, QorDBRequestData *record);
 
 // Reads a statement of the Sybase driver. Its frames are not listed.
-void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *record);
+void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *record); // nothing calls it
 
 // The 13-character id of a SQL text, from the Java side, into 16 bytes; untouched when it can't be had.
 void getSqlIdFromSqlText(jstring sql, char *id);

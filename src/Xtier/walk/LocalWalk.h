@@ -49,7 +49,7 @@ int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *rec
 void QorReadRuleObjects(QorAllThreadLocalInfoList *entry);
 
 // The same as QorGetLocalObject on a JVM with a reader of frames; -1 on all others.
-int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);
+int32_t QorGetReLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record); // nothing calls it
 
 // Forgets which classes are known to be of no interest: others are from now on. Worker.
 void QorForgetBoringClasses();

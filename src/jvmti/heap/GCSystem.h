@@ -47,6 +47,6 @@ int32_t QorGetTotalGCCount(int32_t *result);
 int32_t QorGetTotalGCTime(int32_t *result);
 
 // Switches the two collection events on: 1, or 0 when the JVM refuses. The callbacks only log.
-int32_t QorSetGCHandlerNotification(jvmtiEnv *env);
+int32_t QorSetGCHandlerNotification(jvmtiEnv *env); // nothing calls it
 void JNICALL qorcallbackGCStart(jvmtiEnv *env);
 void JNICALL qorcallbackGCFinish(jvmtiEnv *env);

@@ -16,7 +16,7 @@ struct QorHeapSummary {
 };
 
 // Adds up the heap, which stops the JVM like a dump. 0, or -1 when the JVM refuses the walk. Worker.
-int32_t QorShowHeap(QorHeapSummary *summary);
+int32_t QorShowHeap(QorHeapSummary *summary); // nothing calls it
 
 // The walk's callbacks; `summary` adds up bytes until the walk is over.
 jint JNICALL cbQorShowHeapReference(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,

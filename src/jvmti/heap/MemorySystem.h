@@ -35,7 +35,7 @@ int32_t QorCloseHeapSummaryHandle();
 int32_t QorGetMemorySummary(QorHeapSummaryEntry **entries);
 
 // A size by a method of java.lang.Runtime, such as "totalMemory"; 0 when it can't be had.
-int64_t QorGetMemory(const char *methodName);
+int64_t QorGetMemory(const char *methodName); // nothing calls it
 
 // Adds the number of objects in the heap, those that no one refers to any more included, to *counter. The JVM
 // stands still meanwhile, some 30 ms per million objects. 0, or -1 when the JVM refuses.

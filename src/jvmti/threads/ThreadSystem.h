@@ -124,11 +124,11 @@ int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFram
 
 // The single readings behind QorReadFrame, each on the frame at frameHandle->index, into NAME_SIZE bytes:
 // 0, or -1 with the destination as it was.
-int32_t QorGetMethodInfo(const QorFrameHandle *frameHandle, char *dest);
-int32_t QorGetClassInfo(const QorFrameHandle *frameHandle, char *dest);
-int32_t QorGetFileName(const QorFrameHandle *frameHandle, char *dest);
+int32_t QorGetMethodInfo(const QorFrameHandle *frameHandle, char *dest); // nothing calls it
+int32_t QorGetClassInfo(const QorFrameHandle *frameHandle, char *dest);  // nothing calls it
+int32_t QorGetFileName(const QorFrameHandle *frameHandle, char *dest);   // nothing calls it
 // The line, 0 when the method has no line table, -1 when no entry fits.
-int32_t QorGetLineNumber(const QorFrameHandle *frameHandle);
+int32_t QorGetLineNumber(const QorFrameHandle *frameHandle); // nothing calls it
 
 // The line that `table` (sorted by start location) gives for a location, -1 if none.
 int32_t QorMapLoc2Line(jlocation location, const jvmtiLineNumberEntry *table, jint count);
