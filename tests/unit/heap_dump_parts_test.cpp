@@ -5,7 +5,7 @@
 #include "jvmti/heap/ClassHistogram.h"
 #include "jvmti/heap/DumpHeader.h"
 #include "jvmti/heap/ObjectTags.h"
-#include "platforms/DumpFile.h"
+#include "platforms/dump_file.h"
 #include "platforms/memory_headroom.h"
 
 #include <algorithm>

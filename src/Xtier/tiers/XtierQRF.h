@@ -23,7 +23,3 @@ void parseGroovyArray(jobjectArray array, QorJSPRequestData *record);
 // (at most `rows` of them are there) through the text. `maxIndex` above `indexLimit` matches nothing.
 int32_t getGroovyCurrentLineNo(const char *script, const char (*callSites)[GROOVY_LINE_SIZE], int32_t rows,
                                int32_t maxIndex, int32_t indexLimit);
-
-// Reads a text by a map from a frame's object, with a reference walk of its own; for gbQorRELocal. 0, or -1
-// for a null argument. Nothing calls it.
-int32_t getQRFData(const QorThreadRecord *thread, const QorFrameRecord *frame, const char *map, char *dest);

@@ -1,16 +1,16 @@
 // What replies report of other tiers: text added after a record, addresses, connections, ports and sessions.
-#include "connections.h"
-#include "cross_tier.h"
-#include "decode.h"
-#include "failure.h"
-#include "json.h"
-#include "protocol.h"
-#include "records.h"
-#include "render.h"
-#include "render_tiers.h"
-#include "request.h"
-#include "unknown_products.h"
+#include "base/failure.h"
+#include "show/connections.h"
+#include "show/json.h"
+#include "show/render.h"
+#include "show/render_tiers.h"
+#include "show/unknown_products.h"
 #include "wire.h"
+#include "wire/cross_tier.h"
+#include "wire/decode.h"
+#include "wire/protocol.h"
+#include "wire/records.h"
+#include "wire/request.h"
 
 #include <gtest/gtest.h>
 

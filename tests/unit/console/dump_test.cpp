@@ -1,9 +1,9 @@
 // Text dumps built by hand and read back; a dump's file watched while it grows; names of dumps.
 #include "Folder.h"
-#include "failure.h"
-#include "heap_dump.h"
-#include "render_dump.h"
-#include "request.h"
+#include "base/failure.h"
+#include "dumps/heap_dump.h"
+#include "show/render_dump.h"
+#include "wire/request.h"
 
 #include <gtest/gtest.h>
 #include <memory>

@@ -1,8 +1,8 @@
 // Records as the console reads them, compared with the table of the documented fields.
 #include "RecordTable.h"
-#include "memory.h"
-#include "objects.h"
 #include "wire.h"
+#include "wire/memory.h"
+#include "wire/objects.h"
 
 #include <gtest/gtest.h>
 #include <map>
