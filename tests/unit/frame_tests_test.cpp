@@ -1,6 +1,7 @@
 #include "LogCapture.h"
 #include "Restore.h"
 #include "Xtier/tiers/tier.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorrequest.h"
 
 #include <gtest/gtest.h>

@@ -336,8 +336,12 @@ TEST_F(HeldThreads, LocksOfHeldThreadsAreNotWaitedFor) {
     EXPECT_TRUE(QorStillHeld(logger.Stop()));
     qor_resume_all_threads();
     logging = false;
-    for (int i = 0; i < 200; i++)
-        allocating.Hold();
+    int held = 0;
+    EXPECT_TRUE(Soon([&] {
+        QorTendHolds();
+        held += allocating.Hold();
+        return held == 100;
+    }));
     EXPECT_TRUE(Settled());
     EXPECT_GE(log.count("> <Done Inspecting thread worker-1, 0x"), 100) << log.text();
 }
