@@ -1,6 +1,7 @@
 #include "process.h"
 
 #include "inside.h"
+#include "locked_file.h"
 
 #include <algorithm>
 #include <charconv>
@@ -143,7 +144,10 @@ bool ReadProcess(pid_t pid, Process *process) {
         return false;
     if (!SameNamespace(pid, "user"))
         process->inner_euid = MapUid(ReadFile(ProcPath(pid, "uid_map"), MAX_PROC_FILE), process->euid);
-    std::string line = ReadFile(ProcPath(pid, "cmdline"), MAX_PROC_FILE);
+    const std::optional<std::string> known = ReadLocked(ProcPath(pid, "cmdline"), MAX_PROC_FILE);
+    std::string line = known ? *known : ReadFile(ProcPath(pid, "comm"), MAX_PROC_FILE);
+    if (!known && !line.empty())
+        line.pop_back(); // its end of line
     for (size_t start = 0; start < line.size();) {
         size_t end = std::min(line.find('\0', start), line.size());
         process->arguments.push_back(line.substr(start, end - start));
@@ -178,7 +182,8 @@ JvmKind FindJvm(pid_t pid, std::string *library) {
     FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.ok())
         return JvmKind::UNREADABLE;
-    return ParseMaps(ReadFile(path, MAX_PROC_FILE), library);
+    const std::optional<std::string> maps = ReadLocked(path, MAX_PROC_FILE);
+    return maps ? ParseMaps(*maps, library) : JvmKind::LOCKED;
 }
 
 std::string MainClass(const std::vector<std::string> &arguments) {
@@ -303,7 +308,7 @@ bool AttachDisabled(const Process &process, const PerfData &perf) {
     for (const std::string &argument : process.arguments)
         if (argument == DISABLE_ATTACH)
             return true;
-    return ReadFile(ProcPath(process.pid, "environ"), MAX_PROC_FILE).find(DISABLE_ATTACH) !=
+    return ReadLocked(ProcPath(process.pid, "environ"), MAX_PROC_FILE).value_or("").find(DISABLE_ATTACH) !=
            std::string::npos;
 }
 

@@ -38,9 +38,9 @@ struct Process {
     gid_t egid = 0;
     uid_t inner_euid = 0; // as it sees itself
     bool catches_sigquit = false;
-    int threads = 0;      // of the operating system: those of the JVM itself too
-    bool stopped = false; // by a signal or a debugger
-    std::vector<std::string> arguments;
+    int threads = 0;                    // of the operating system: those of the JVM itself too
+    bool stopped = false;               // by a signal or a debugger
+    std::vector<std::string> arguments; // its short name alone when they can't be read in time
 };
 
 // Reads a process; false when there is none (any more), or when it is a kernel thread or a zombie.
@@ -57,6 +57,7 @@ enum class JvmKind {
     HOTSPOT,    // libjvm.so is mapped
     OTHER,      // a JVM that attaches in another way
     UNREADABLE, // the process belongs to somebody else
+    LOCKED,     // its memory map can't be read in time
 };
 
 // Which JVM a process holds; *library becomes the path of libjvm.so as the process sees it.

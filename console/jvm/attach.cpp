@@ -163,6 +163,9 @@ void CheckIsHotspot(const Process &process) {
     case JvmKind::UNREADABLE:
         throw Failure(fmt::format("process {} can't be looked into: {}", process.pid, strerror(errno)),
                       "run qorctl as root");
+    case JvmKind::LOCKED:
+        throw Failure(fmt::format("the memory of process {} is locked in the kernel", process.pid),
+                      fmt::format("'qorctl hung {}' shows what it waits for", process.pid));
     case JvmKind::NONE:
         throw Failure(fmt::format("process {} is no JVM", process.pid), "'qorctl list' shows the JVMs");
     }

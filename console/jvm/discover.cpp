@@ -99,7 +99,8 @@ std::vector<JvmEntry> ListJvms() {
             continue;
         std::string library;
         JvmKind kind = FindJvm(pid, &library);
-        if (kind == JvmKind::NONE || (kind == JvmKind::UNREADABLE && !LooksLikeJava(process)))
+        const bool unread = kind == JvmKind::UNREADABLE || kind == JvmKind::LOCKED;
+        if (kind == JvmKind::NONE || (unread && !LooksLikeJava(process)))
             continue;
         JvmEntry entry;
         entry.pid = pid;
@@ -108,7 +109,9 @@ std::vector<JvmEntry> ListJvms() {
         if (kind == JvmKind::HOTSPOT)
             Describe(process, library, &entry);
         else
-            entry.note = kind == JvmKind::OTHER ? "not HotSpot" : "of another user";
+            entry.note = kind == JvmKind::OTHER    ? "not HotSpot"
+                         : kind == JvmKind::LOCKED ? "its memory is locked in the kernel"
+                                                   : "of another user";
         NoteIfHung(&entry, kind == JvmKind::HOTSPOT, &left);
         jvms.push_back(std::move(entry));
     }

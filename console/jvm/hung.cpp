@@ -1,16 +1,18 @@
 #include "hung.h"
 
+#include "base/locked_file.h"
 #include "base/process.h"
 #include "base/transfer.h"
 #include "show/render_hung.h"
 
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <functional>
+#include <grp.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,21 +45,6 @@ constexpr Milliseconds HOOK_PATIENCE(100), LONG_LIMIT(3000);
     _exit(0);
 }
 
-// Closes everything but `out`, and returns what that is by then. A look that hangs in the kernel outlives its
-// command, and must keep neither the command's output nor a JVM's connection open.
-int KeepOnly(int out) {
-    constexpr int HIGH = 10;
-    const int kept = fcntl(out, F_DUPFD_CLOEXEC, HIGH), nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (int fd = 0; fd < 3; ++fd)
-        dup2(nothing, fd);
-    if (syscall(SYS_close_range, 3u, static_cast<unsigned>(kept) - 1, 0) != 0 ||
-        syscall(SYS_close_range, static_cast<unsigned>(kept) + 1, ~0u, 0) != 0) // a kernel before 5.9
-        for (int fd = 3; fd < 1024; ++fd)
-            if (fd != kept)
-                close(fd);
-    return kept;
-}
-
 // What `make` returns, made by a child; nothing when the child takes longer than the limit or dies.
 std::optional<std::string> InChild(Milliseconds limit, const std::function<std::string()> &make) {
     const Clock::time_point deadline = Clock::now() + limit;
@@ -70,8 +57,8 @@ std::optional<std::string> InChild(Milliseconds limit, const std::function<std::
         // The target's size must not become ours, and its user's rights may be less than our own.
         const rlimit memory = {MOST_MEMORY, MOST_MEMORY};
         setrlimit(RLIMIT_AS, &memory);
-        if (getuid() == 0 && seteuid(0) != 0)
-            _exit(1);
+        if (getuid() == 0 && (seteuid(0) != 0 || (setgroups(0, nullptr) != 0 && errno != EPERM)))
+            _exit(1); // without the capability the groups stay
         setpriority(PRIO_PROCESS, 0,
                     PRIORITY); // root alone may: a machine too busy to answer is no reason to wait
         WriteAll(KeepOnly(out.get()), make);

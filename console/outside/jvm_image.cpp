@@ -20,7 +20,7 @@ namespace qorctl::outside {
 
 namespace {
 
-constexpr size_t MOST_MAPS = 32 << 20;
+constexpr size_t MOST_MAPS = 32 << 20, MOST_STATUS = 65536;
 constexpr uint64_t MOST_TABLES = 64 << 20; // bytes of symbols and their names
 constexpr size_t MOST_NOTES = 4096;
 constexpr std::string_view LIBJVM = "/libjvm.so", DELETED = " (deleted)";
@@ -147,16 +147,19 @@ FileDescriptor OpenMapping(pid_t pid, const MappedFile &mapped) {
     return OpenIfRegular(FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC)));
 }
 
-// Below the process's root directory, with its user's rights.
+// Below the process's root directory, with its user's rights. They are its status's: /proc/PID belongs to
+// root when the process doesn't let itself be dumped.
 FileDescriptor OpenBelowRoot(pid_t pid, const std::string &path) {
-    struct stat owner;
+    Process owner;
     const std::string proc = fmt::format("/proc/{}", pid);
     const FileDescriptor root(open((proc + "/root/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!root.ok() || stat((proc + "/task").c_str(), &owner) != 0)
+    if (!root.ok() || !ParseStatus(ReadFile(proc + "/status", MOST_STATUS), &owner))
         return FileDescriptor();
-    const uid_t before = static_cast<uid_t>(setfsuid(owner.st_uid));
+    const auto group = static_cast<gid_t>(setfsgid(owner.egid));
+    const auto user = static_cast<uid_t>(setfsuid(owner.euid));
     FileDescriptor file = OpenRegular(root.get(), path.substr(path.find_first_not_of('/')), true);
-    setfsuid(before);
+    setfsuid(user);
+    setfsgid(group);
     return file;
 }
 
@@ -239,10 +242,11 @@ std::string BuildIdOfFile(int fd) {
 }
 
 std::optional<VmSymbols> ReadVmSymbols(pid_t pid, Memory &memory, std::string *problem) {
-    const std::string maps = ReadFile(fmt::format("/proc/{}/maps", pid), MOST_MAPS);
-    const std::optional<MappedFile> mapped = FindLibjvm(maps);
+    const std::string path = fmt::format("/proc/{}/maps", pid);
+    const std::optional<MappedFile> mapped = FindLibjvm(ReadFile(path, MOST_MAPS));
     if (!mapped) {
-        *problem = maps.empty() ? "its memory map can't be read" : "it maps no libjvm.so";
+        const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        *problem = !file.ok() ? fmt::format("{}: {}", path, strerror(errno)) : "it maps no libjvm.so";
         return std::nullopt;
     }
     const std::string build_id = BuildId([&](uint64_t at, void *to, size_t size) {

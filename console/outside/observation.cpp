@@ -60,7 +60,8 @@ private:
         symbols_ = *symbols;
         seen_.has_symbols = symbols_.has_symtab;
         if (!table_.Load(memory_, symbols_)) {
-            seen_.unread = "its memory can't be read, or its libjvm.so describes itself in another way";
+            seen_.unread = memory_.Refusal().empty() ? "its libjvm.so describes itself in another way"
+                                                     : memory_.Refusal();
             return false;
         }
         seen_.release = memory_.Text(memory_.Word(table_.Static(Vm::RELEASE)), LONGEST_RELEASE);

@@ -1,6 +1,7 @@
 #include "process_memory.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/uio.h>
@@ -68,7 +69,13 @@ bool ProcessMemory::Fetch(Address from, void *to, size_t size) {
     iovec local{to, size}, remote{reinterpret_cast<void *>(from), size};
     if (process_vm_readv(pid_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size))
         return true;
-    return file_ >= 0 && pread(file_, to, size, static_cast<off_t>(from)) == static_cast<ssize_t>(size);
+    if (errno == EPERM || errno == ENOSYS)
+        refusal_ = std::string("process_vm_readv: ") + strerror(errno);
+    if (file_ >= 0 && pread(file_, to, size, static_cast<off_t>(from)) == static_cast<ssize_t>(size)) {
+        refusal_.clear();
+        return true;
+    }
+    return false;
 }
 
 } // namespace qorctl::outside

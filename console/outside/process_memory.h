@@ -62,11 +62,16 @@ public:
     ProcessMemory(const ProcessMemory &) = delete;
     ~ProcessMemory() override;
 
+    // Why the kernel refuses to read any of it, "process_vm_readv: Operation not permitted"; empty when it
+    // doesn't.
+    const std::string &Refusal() const { return refusal_; }
+
 protected:
     bool Fetch(Address from, void *to, size_t size) override;
 
 private:
     pid_t pid_;
+    std::string refusal_;
     int file_; // /proc/PID/mem, which also reads pages that the process itself may not
 };
 

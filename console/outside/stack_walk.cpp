@@ -89,6 +89,10 @@ bool StackWalker::Step(const StackCopy &stack, Registers *at, bool running, Walk
         return StepEntry(stack, at, walk);
     if (return_barrier_ != 0 && at->pc == return_barrier_)
         return StepToCarrier(stack, at, walk);
+    return StepFrame(stack, at, running, walk);
+}
+
+bool StackWalker::StepFrame(const StackCopy &stack, Registers *at, bool running, Walk *walk) {
     const Address before = at->sp;
     const std::optional<CodeBlob> blob = code_.Find(at->pc);
     if (!blob)
@@ -178,7 +182,7 @@ bool StackWalker::AppendChunk(Address chunk, Walk *walk) {
     Registers at{memory_.FreshWord(chunk + static_cast<Address>(chunk_.pc)), stack.start + BELOW_ANCHOR,
                  Relative(stack.start, Word(stack, stack.start)), 0};
     while (at.sp < end && walk->frames.size() < MOST_FRAMES)
-        if (!Step(stack, &at, false, walk))
+        if (!StepFrame(stack, &at, false, walk))
             return false;
     return at.sp >= end;
 }
@@ -215,7 +219,7 @@ bool StackWalker::StepToCarrier(const StackCopy &stack, Registers *at, Walk *wal
     for (Address gap = 0; entry_return_ != 0 && gap < MOST_ARGUMENTS; ++gap) {
         Registers next{entry_return_, at->sp + gap * WORD, 0, 0};
         Walk entry;
-        if (!Step(stack, &next, false, &entry) || !Step(stack, &next, false, &entry) ||
+        if (!StepFrame(stack, &next, false, &entry) || !StepFrame(stack, &next, false, &entry) ||
             entry.frames.size() < 2 || entry.frames[1].method != RUNS_VIRTUAL)
             continue;
         if (!AppendHeapFrames(at->sp + gap * WORD, walk))

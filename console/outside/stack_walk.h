@@ -50,6 +50,7 @@ public:
 private:
     Address Word(const StackCopy &stack, Address at);
     bool Step(const StackCopy &stack, Registers *at, bool running, Walk *walk);
+    bool StepFrame(const StackCopy &stack, Registers *at, bool running, Walk *walk);
     bool StepEntry(const StackCopy &stack, Registers *at, Walk *walk);
     bool StepInterpreter(const StackCopy &stack, Registers *at, bool running, Walk *walk);
     bool StepCode(const StackCopy &stack, const CodeBlob &blob, Registers *at, bool running, Walk *walk);

@@ -156,11 +156,12 @@ class Hung(Case):
 
     def more_layouts(self):
         """Other collectors and layouts of objects, where the matrix runs on several JDKs."""
-        known = {17: ("+UseZGC",), 21: ("+UseZGC", "+UseZGC -XX:+ZGenerational"), 25: ("+UseZGC", "+UseCompactObjectHeaders")}
+        known = {17: ("+UseZGC", "+UseShenandoahGC"), 21: ("+UseZGC", "+UseZGC -XX:+ZGenerational", "+UseShenandoahGC"),
+                 25: ("+UseZGC", "+UseShenandoahGC", "+UseCompactObjectHeaders")}
         if not SETTINGS.root:
             return []
         return [("-Xmx128m", *f"-XX:{flags}".split())
-                for flags in ("-UseCompressedOops", "+UseParallelGC", *known.get(self.jdk(), ()))]
+                for flags in ("-UseCompressedOops", "-UseCompressedClassPointers", "+UseParallelGC", *known.get(self.jdk(), ()))]
 
     def need_samples(self, thread):
         """Without them, as in some containers, a thread in Java can't be compared."""
@@ -307,7 +308,7 @@ class Hung(Case):
         with Hang("-XX:+UseParallelGC", "-Xmx128m", busy=True) as app:
             app.tell("collect")
             still = 0
-            for _ in range(30):
+            for _ in range(60 if SETTINGS.root else 30):
                 seen = self.look(app, "--all")
                 self.assertNotEqual(seen["verdict"], "safepoint not reached", seen)
                 for thread in seen["threads"]:
@@ -354,7 +355,7 @@ class Hung(Case):
 
     def test_who_may_look(self):
         with Hang(*SERIAL) as app:
-            self.refused("can't be read", "hung", app.pid, user=65534)
+            self.refused(f"can't be read: /proc/{app.pid}/maps: Permission denied", "hung", app.pid, user=65534)
         self.refused("there is no process", "hung", 999999999)
         self.refused("libjvm.so", "hung", os.getpid())
         apart = ["unshare", "--pid", "--fork", "--kill-child"]

@@ -92,7 +92,7 @@ void WalkChanged(const Image &recorded, Input input, bool tables) {
         table.Load(memory, recorded.symbols);
         return &table;
     }();
-    Image image = {recorded.symbols, {}};
+    Image image;
     struct Changed : ImageMemory {
         Changed(const Image &first, const Image &changes) : ImageMemory(changes), first(first) {}
         bool Fetch(Address from, void *to, size_t size) override {
@@ -116,8 +116,8 @@ void WalkChanged(const Image &recorded, Input input, bool tables) {
     }
     VmTable table = *clean;
     if (tables)
-        table.Load(memory, image.symbols);
-    WalkAll(memory, image.symbols, table, most);
+        table.Load(memory, recorded.symbols);
+    WalkAll(memory, recorded.symbols, table, most);
 }
 
 VmTable TableOf(Input *input) {

@@ -1,5 +1,7 @@
 // Reading a JVM from outside: what is read of /proc, what observations mean, and that no memory of a target,
 // however odd, leads the reader astray.
+#include "base/locked_file.h"
+#include "base/process.h"
 #include "outside/thread_sampler.h"
 #include "show/render_hung.h"
 
@@ -16,6 +18,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size); // fuzz/outside.cpp
 
 using namespace qorctl::outside;
+using qorctl::ReadLocked;
 
 namespace {
 
@@ -106,6 +109,20 @@ TEST(Outside, AThreadStoppedForASignalGetsIt) {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     munmap(arrived, sizeof *arrived);
+}
+
+// A file of /proc may be locked for ever: here, as the process that reads it for us is stopped.
+TEST(Outside, ALockedFileIsGivenUp) {
+    const auto read = [] { return ReadLocked("/proc/self/comm", 100); };
+    ASSERT_EQ(read(), "console_tests\n");
+    const std::string children =
+        qorctl::ReadFile("/proc/self/task/" + std::to_string(getpid()) + "/children", 100);
+    const pid_t reader = atoi(children.c_str());
+    ASSERT_GT(reader, 0);
+    kill(reader, SIGSTOP);
+    EXPECT_EQ(read(), std::nullopt);
+    EXPECT_EQ(read(), "console_tests\n");
+    EXPECT_EQ(ReadLocked("/proc/self/nothing", 100), "");
 }
 
 SeenThread Thread(const char *name, int first, int last, double share = 0) {
