@@ -1,5 +1,6 @@
 // The native methods of qoragent.Agent, as the JVM calls them.
 
+#include "agent_state.h"
 #include "caller.h"
 #include "natives.h"
 #include "platforms/qorsysinfo.h"

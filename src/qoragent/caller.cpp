@@ -1,5 +1,6 @@
 #include "caller.h"
 
+#include "agent_state.h"
 #include "qoragent/requests/channel.h"
 #include "qoragent/requests/direct_threads.h"
 #include "qorlog.h"
@@ -19,7 +20,6 @@
 #include <cstring>
 #include <ctime>
 
-std::atomic<int32_t> callersInside;
 int32_t thread_timed_out;
 
 namespace {

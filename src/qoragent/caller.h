@@ -4,12 +4,9 @@
 // here, which counts into their time. SHUTDOWN waits for nobody, and ends the wait of those who wait.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <jni.h>
 
-// Callers between entry and return. `pagebuf` and the pipes outlive them.
-extern std::atomic<int32_t> callersInside;
 extern int32_t thread_timed_out; // 1 when the last request ran out of time; informational
 
 // Hands the request to the worker and waits up to `qor_max_timeout` seconds. The reply, which is this

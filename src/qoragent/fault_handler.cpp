@@ -1,12 +1,11 @@
 #include "fault_handler.h"
 
+#include "agent_state.h"
 #include "qoragent/requests/channel.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil/gc_lock.h"
-#include "startup.h"
-#include "worker.h"
 
 #include "QorOS.h"
 #include "jvmti/Session.h"
@@ -40,6 +39,8 @@ pthread_mutexattr_t mutex_attr;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
+
+QorFaultHooks hooks;
 
 struct OldAction {
     int signal;
@@ -134,7 +135,7 @@ void EndRequest(const Fault &fault, int32_t me) {
         EndInitialization(fault);
     if (fault.context) // the new thread takes this one's mask, and here all signals are blocked
         sigprocmask(SIG_SETMASK, &fault.context->uc_sigmask, nullptr);
-    th_id = QorReplaceWorker();
+    th_id = hooks.replaceWorker();
     if (th_id != 0)
         QORLOG(LOG_ERROR, "FATAL ERROR Encountered, qoragent not functional");
     else
@@ -152,7 +153,8 @@ __attribute__((noinline, used)) void marker_address() {
     __asm__ volatile("");
 }
 
-void QorPrepareFaultHandler() {
+void QorPrepareFaultHandler(const QorFaultHooks &wanted) {
+    hooks = wanted;
     segv_qor = {};
     segv_qor.sa_sigaction = sig_handler;
     segv_qor.sa_flags = SA_RESTART | SA_SIGINFO;
@@ -187,7 +189,7 @@ void sig_handler(int signal, siginfo_t *info, void *context) {
     }
     if (me == prev_ch_pid && ch_pid != 0 && ch_pid != prev_ch_pid) {
         QORLOG(LOG_DETAIL, "Critical Error delay was taken care of for tid %d", me);
-        QorWorkerGone();
+        hooks.workerGone();
         EndThread(QorOnJvmtiRoad());
     }
     DetachByItself();

@@ -42,8 +42,14 @@ extern JNIEnv *child_env;        // the worker's environment had it attached by 
 extern int32_t reschedule_count; // faults that ended a request
 extern int32_t th_id;            // result of the last thread started after a fault
 
+// What a fault that ends the worker has done about it; see worker.h.
+struct QorFaultHooks {
+    int32_t (*replaceWorker)();
+    void (*workerGone)();
+};
+
 // Fills the action records. Start-up.
-void QorPrepareFaultHandler();
+void QorPrepareFaultHandler(const QorFaultHooks &hooks);
 
 // The handler, in its SA_SIGINFO form. Any thread.
 void sig_handler(int signal, siginfo_t *info, void *context);

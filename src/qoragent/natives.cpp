@@ -2,12 +2,12 @@
 
 #include "qoragent/requests/direct_threads.h"
 
+#include "agent_state.h"
 #include "platforms/qorsysinfo.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "settings_from_java.h"
-#include "worker.h"
 
 #include "QorOS.h"
 #include "Xtier/thread_e2e_info.h"

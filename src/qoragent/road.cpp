@@ -1,12 +1,15 @@
+#include "road.h"
+
 // The choice of the road, on a separate thread: level and vendor give a text, the text a build.
 
+#include "agent_state.h"
 #include "fault_handler.h"
 #include "platforms/qorsysinfo.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "server_port.h"
-#include "startup.h"
+#include "vendor.h"
 #include "worker.h"
 
 #include "RequestHandler/XtierDbSession.h"
@@ -29,11 +32,6 @@
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
-
-int32_t init_status = START_RUNNING;
-int32_t doing_init;
-int32_t ext_jvm_id;
-int32_t maxstates;
 
 namespace {
 
@@ -188,7 +186,7 @@ void *do_initialization(void *) {
     doing_init = 1;
     init_status = START_RUNNING;
     sig_hack = 0;
-    QorPrepareFaultHandler();
+    QorPrepareFaultHandler({QorReplaceWorker, QorWorkerGone});
     set_qor_handler();
 
     const int32_t resolved = ChooseRoad();
@@ -203,23 +201,4 @@ void *do_initialization(void *) {
     reset_qor_handler();
     doing_init = 0;
     return nullptr;
-}
-
-int32_t IsNimbJvm(const char *osName) {
-    if (!osName) {
-        QORLOG(LOG_ERROR, "OS Name Passed is NULL");
-        return 0;
-    }
-    if (!strstr(osName, "NIMB"))
-        return 0;
-    QORLOG(LOG_NOTE, "NIMB OS");
-    return 1;
-}
-
-bool QorVendorIsDov() {
-    return strstr(vend, "DOV") || strstr(vend, "Tessar");
-}
-
-bool QorIsEarlyDov() {
-    return QorVendorIsDov() && !strstr(vers, "1.7");
 }

@@ -2,10 +2,10 @@
 
 #include "server_walks.h"
 
+#include "agent_state.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "startup.h"
 
 #include "RequestHandler/listening_ports.h"
 #include "qorutil/gc_lock.h"

@@ -1,9 +1,9 @@
 #include "server_walks.h"
 
+#include "agent_state.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "startup.h"
 
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_offsets.h"

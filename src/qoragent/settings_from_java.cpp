@@ -1,5 +1,8 @@
 #include "settings_from_java.h"
 
+#include "agent_state.h"
+#include "vendor.h"
+
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorsettings.h"
@@ -10,8 +13,6 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
-
-char LOG_FILE[4096];
 
 namespace {
 

@@ -3,7 +3,17 @@
 #pragma once
 
 #include "qorlog.h"
-#include "startup.h"
+
+#include <cstdint>
+#include <jni.h>
+
+struct QorStartArguments {
+    jint logLevel, optimizationLevel, maxBackoff, maxTimeout, signalChain;
+    jstring vendor, version, osName;
+    jobject instance, instanceRef, objectArray, intArray; // samples for the direct road's heap reader
+    jstring webserver, logFile, jvmId;
+    jint lockInfoLevel, dbQuery, sqlLength, localsQuota, depthQueried, depthRecorded;
+};
 
 // Numbers: levels, limits, quotas.
 void QorStoreNumbers(const QorStartArguments *arguments);

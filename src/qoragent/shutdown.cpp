@@ -1,13 +1,12 @@
 #include "shutdown.h"
 
-#include "caller.h"
+#include "agent_state.h"
 #include "qoragent/requests/channel.h"
 #include "qoragent/requests/forked_dump.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "startup.h"
-#include "worker.h"
+#include "vendor.h"
 
 #include "QorOS.h"
 #include "Xtier/ConnectionCache.h"

@@ -1,5 +1,6 @@
 #include "startup.h"
 
+#include "agent_state.h"
 #include "caller.h"
 #include "platforms/qorsysinfo.h"
 #include "qoragent/requests/channel.h"
@@ -9,8 +10,10 @@
 #include "qorsettings.h"
 #include "qorutil.h"
 #include "qorutil/gc_lock.h"
+#include "road.h"
 #include "settings_from_java.h"
 #include "shutdown.h"
+#include "vendor.h"
 #include "worker.h"
 
 #include "QorOS.h"
@@ -28,14 +31,6 @@
 #include <cstring>
 #include <ctime>
 #include <unistd.h>
-
-JNIEnv *jni_env;
-jclass serverKlass1, serverKlass2;
-int32_t callerJniVersion, callerThreadId;
-jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
-int32_t maxthreads = 64;
-void **suspended_threads;
-const char *startFailure;
 
 namespace {
 

@@ -28,13 +28,6 @@
 #include <ctime>
 #include <unistd.h>
 
-pthread_t thread;
-std::atomic<int32_t> ch_pid;
-std::atomic<int32_t> prev_ch_pid;
-int32_t gbThreadId;
-int32_t iNotUsingSignalHandler;
-std::atomic<int32_t> workerBusy;
-
 namespace {
 
 constexpr int32_t LOOK_ROUND_SECONDS = 10; // between looks at what may end an idle worker
@@ -211,11 +204,6 @@ WakeUp ReadWakeUp() {
     return memcmp(pipe_str, WAKE_UP, HANDSHAKE_SIZE) == 0 ? WOKEN : STRAY;
 }
 
-void TakeBusy() {
-    while (workerBusy.exchange(1) != 0)
-        ShortSleep();
-}
-
 // One wake-up, once there is one. False when the worker must leave.
 bool ServeWakeUp(volatile int *strikes) {
     switch (ReadWakeUp()) {
@@ -254,7 +242,7 @@ void ServeRequests(const intptr_t start) {
             continue;
         if (Outdated(start))
             break;
-        TakeBusy();
+        QorTakeBusy();
         const bool stays = ServeWakeUp(&strikes);
         workerBusy = 0;
         if (!stays)
@@ -293,10 +281,6 @@ void LogStart() {
 }
 
 } // namespace
-
-QorBusyScope::QorBusyScope() {
-    TakeBusy();
-}
 
 void *qor_child_thread(void *startNumber) {
     const auto start = reinterpret_cast<intptr_t>(startNumber);

@@ -7,28 +7,10 @@
 // leaves when the host has closed or replaced the channel's descriptors.
 #pragma once
 
-#include <atomic>
+#include "agent_state.h"
+
 #include <cstdint>
 #include <pthread.h>
-
-extern pthread_t thread; // the last worker started; 0 when the direct road gave it up
-
-extern std::atomic<int32_t> ch_pid; // system thread id of the worker or the initialisation thread; 0 for none
-extern std::atomic<int32_t> prev_ch_pid; // of the worker that was given up, or has ended
-extern int32_t gbThreadId;               // the worker's, on the JVMTI road
-extern int32_t iNotUsingSignalHandler;   // 1 on the JVMTI road; informational
-
-// 1 while one thread has the worker's lists and the session's references in hand: the worker for the length
-// of a wake-up, another thread for as long as it takes a list away.
-extern std::atomic<int32_t> workerBusy;
-
-// Holds workerBusy, waiting for it first.
-struct QorBusyScope {
-    QorBusyScope();
-    ~QorBusyScope() { workerBusy = 0; }
-    QorBusyScope(const QorBusyScope &) = delete;
-    QorBusyScope &operator=(const QorBusyScope &) = delete;
-};
 
 // Starts a detached worker, unless one has registered in `ch_pid` or the JVM is not supported: then nothing
 // happens, which counts as success. 0 or the error number. Java thread.

@@ -8,7 +8,7 @@
 #include "LogCapture.h"
 #include "SampleReply.h"
 #include "jvmti/Session.h"
-#include "qoragent/startup.h"
+#include "qoragent/agent_state.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 

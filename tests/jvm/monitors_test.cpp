@@ -4,6 +4,7 @@
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/threads/MonitorMemo.h"
 #include "jvmti/threads/Monitors.h"
+#include "jvmti/threads/MonitorsManagement.h"
 #include "qorsettings.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 #include "own_process.h"
 #include "simvm.h"
 
+#include "qoragent/agent_state.h"
 #include "qoragent/requests/dispatch.h"
-#include "qoragent/startup.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
 #include "qorutil/vm_heap.h"

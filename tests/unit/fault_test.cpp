@@ -74,7 +74,7 @@ void Arm() {
     jvms.sa_sigaction = JvmsOwn;
     jvms.sa_flags = SA_SIGINFO;
     init_cpu(); // for thread ids
-    QorPrepareFaultHandler();
+    QorPrepareFaultHandler({QorReplaceWorker, QorWorkerGone});
     for (int sig : {SIGSEGV, SIGBUS, SIGILL})
         sigaction(sig, &jvms, nullptr);
     sigaction(SIGSEGV, &segv_qor, &segv_old);

@@ -19,7 +19,7 @@
 // Worker only, inside a walk of ThreadSystem.h.
 #pragma once
 
-#include "Monitors.h"
+#include "MonitorBasics.h"
 
 // Whether the memo is used. The first call after a start finds out.
 bool QorMemoUsable();

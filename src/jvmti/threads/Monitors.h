@@ -13,16 +13,7 @@
 // Everything here runs on the worker, inside a walk of ThreadSystem.h.
 #pragma once
 
-#include "ThreadSystem.h"
-
-enum : int32_t {
-    OWNED_BATCH = 32,
-    MEMO_BATCH = 64, // where most threads answer from the memo
-};
-
-// Whether the locks of the threads behind the cursor will be asked for too (an all-threads sample) or only
-// those of this one thread. Decides the batch.
-enum QorMonitorScope { MONITORS_OF_ONE_THREAD, MONITORS_OF_THE_WALK };
+#include "MonitorBasics.h"
 
 // Locks that the thread at the cursor holds: their number, with *out a calloc'ed array for the caller to
 // free, or 0 with *out null.
@@ -35,17 +26,6 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
 int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
                                    QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner);
 
-// Whether the snapshot shows the walk's `index`th thread where it may wait for a lock that another thread
-// owns: blocked, in Object.wait, or parked by a lock of java.util.concurrent that has an owner.
-bool QorMayWaitForLock(const QorThreadHandle *handle, int32_t index);
-
 // What the thread at the cursor is parked by, such as a latch or a condition: 1 with description and lock id
 // of the caller's cleared record filled, else 0.
 int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record);
-
-// Drops what the batches fetched. The close of the walk calls it.
-void QorCloseMonitorSample();
-
-// Parses a lock's text, "class@hexhash", in place: returns the lock id and leaves "class@decimal" in
-// `description` (NAME_SIZE bytes). 0 when the text holds no hash.
-int64_t QorParseLockName(char *description);

@@ -4,7 +4,7 @@
 // answers for a batch of threads are kept until QorCloseMonitorSample.
 #pragma once
 
-#include "Monitors.h"
+#include "MonitorBasics.h"
 
 // As their namesakes in Monitors.h, for the thread at the cursor and inside the caller's local frame.
 int32_t QorGetOwnedMonitorInfoUsingManagement(QorThreadHandle *handle, const QorThreadRecord *thread,
@@ -15,3 +15,6 @@ int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const
 // How often the walk's `index`th thread has begun to wait, park, sleep or be blocked: never less than at the
 // snapshot. -1 when the JVM doesn't tell. All threads that QorMemoHolds are asked about at once.
 int64_t QorGetWaitCount(const QorThreadHandle *handle, int32_t index);
+
+// Drops what the batches fetched. The close of the walk calls it.
+void QorCloseMonitorSample();

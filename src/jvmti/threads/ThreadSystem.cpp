@@ -1,7 +1,7 @@
 #include "ThreadSystem.h"
 
 #include "MethodTable.h"
-#include "Monitors.h"
+#include "MonitorsManagement.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"

@@ -1,0 +1,31 @@
+#include "agent_state.h"
+
+#include <ctime>
+
+int32_t init_status = START_RUNNING;
+const char *startFailure;
+int32_t doing_init;
+JNIEnv *jni_env;
+char LOG_FILE[4096];
+int32_t callerJniVersion, callerThreadId;
+jclass serverKlass1, serverKlass2;
+jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
+int32_t ext_jvm_id;
+int32_t maxstates;
+int32_t maxthreads = 64;
+void **suspended_threads;
+
+pthread_t thread;
+std::atomic<int32_t> ch_pid;
+std::atomic<int32_t> prev_ch_pid;
+int32_t gbThreadId;
+int32_t iNotUsingSignalHandler;
+std::atomic<int32_t> workerBusy;
+
+std::atomic<int32_t> callersInside;
+
+void QorTakeBusy() {
+    constexpr timespec POLL = {0, 1000 * 1000};
+    while (workerBusy.exchange(1) != 0)
+        nanosleep(&POLL, nullptr);
+}
