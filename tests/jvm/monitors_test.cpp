@@ -311,7 +311,7 @@ TEST_F(Monitors, LeaveNoReferenceBehind) {
     const int64_t weak = CallLong(COUNTS, "weakRefs", "()J");
     read(MONITORS_OF_ONE_THREAD);
     EXPECT_EQ(CallLong(COUNTS, "weakRefs", "()J"), weak);
-    QorDovOnUnload(Env());
+    QorDropMemo();
     EXPECT_LE(CallLong(COUNTS, "weakRefs", "()J"), weak - 5) << "one of each thread";
 }
 
