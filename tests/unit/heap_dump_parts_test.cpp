@@ -74,25 +74,6 @@ TEST_F(DumpFiles, AFullDiskShowsAtTheEnd) {
               0);
 }
 
-TEST_F(DumpFiles, CountsAreFilledInWhetherTheyHaveLeftTheBufferOrNot) {
-    const std::pair<uint64_t, const char *> counts[] = {
-        {27, "000000001b"}, {0xffffffffff, "ffffffffff"}, {0x10000000000, "2147483600"}};
-    for (int32_t size : {64, 4096})
-        for (const auto &[count, text] : counts) {
-            ASSERT_EQ(Open("f", size), 0);
-            QorDumpText(&file, "head ", 5);
-            char *p = QorDumpReserve(&file, DUMP_COUNT_WIDTH);
-            const int64_t at = QorGetCurrentPos(&file);
-            QorDumpCommit(&file, QorPutText(p, "0000000000"));
-            const std::string rest(200, 'r');
-            QorDumpText(&file, rest.c_str(), 200);
-            QorDumpPatchCount(&file, at, count);
-            QorDumpText(&file, "end", 3);
-            ASSERT_EQ(QorDumpClose(&file), 0);
-            EXPECT_EQ(Content("f"), std::string("head ") + text + rest + "end") << size;
-        }
-}
-
 TEST(DumpNumbers, AreWrittenAsPrintfWritesThem) {
     std::vector<int64_t> values = {0, INT64_MIN, INT64_MAX};
     for (int64_t base : {10, 16})

@@ -3,7 +3,6 @@
 #include "platforms/qorsysinfo.h"
 #include "qorsettings.h"
 
-#include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -39,20 +38,6 @@ int64_t Ticks() {
 }
 
 } // namespace
-
-TEST(CpuCount, IsTheLinesLessTheTotal) {
-    const std::pair<std::string, int32_t> files[] = {
-        {"cpu  1 2 3\ncpu0 1 2 3\ncpu1 1 2 3\nintr 5 cpu\n", 2},
-        {"cpu  1\ncpu0 1\nintr " + std::string(250, '1') + "cpu7 in a long line\n", 1},
-        {"nothing\n", 1},
-    };
-    for (auto [text, count] : files) {
-        FILE *stat = fmemopen(text.data(), text.size(), "r");
-        EXPECT_EQ(QorCountCpuLines(stat), count) << text;
-        fclose(stat);
-    }
-    EXPECT_EQ(getCpuCount(), sysconf(_SC_NPROCESSORS_ONLN));
-}
 
 TEST(MachineCpu, GivesLoadAndCounter) {
     StatText stat("cpu  14000 900000 7200 5 5\ncpu0 1 2 3\n");
@@ -101,21 +86,4 @@ TEST(ProcessCpu, GivesCounterAndLoad) {
     EXPECT_EQ(qorsysinfo(4), 10);
     ncpu = 4;
     EXPECT_LE(qorsysinfo(3), Ticks() / 4);
-}
-
-TEST(CpuLoad, ComesFromTheExtensionOnANimbJvm) {
-    static double share;
-    const Restore nimb(gbNimbJvm, 1);
-    const Restore reader(qorReadExtendedAttribute);
-    EXPECT_EQ(QorGetCpuLoad(1), 0);
-    qorReadExtendedAttribute = [](int32_t key, double *value) {
-        *value = share;
-        return key == 401;
-    };
-    const std::pair<double, int64_t> shares[] = {{0.429, 42}, {1, 100}, {-1, 0}, {NAN, 0}, {1e300, 0}};
-    for (const auto &[known, percent] : shares) {
-        share = known;
-        EXPECT_EQ(QorGetCpuLoad(1), percent) << known;
-        EXPECT_EQ(QorGetCpuLoad(3), percent) << known;
-    }
 }

@@ -138,15 +138,13 @@ TEST(TierRules, TravelByRequests) {
         QorAnswerTierRules(value.data());
         return std::string(page);
     };
-    std::string text = "# a|b \xc3\xa9 " + Times(2, BRIDGE) + "\n";
-    while (text.size() < 100000)
-        text += "state db \xe2\x82\xac|" + std::to_string(text.size()) + std::string(80, '.') + "\n";
+    std::string text = "# a|b \xc3\xa9 " + Times(2, BRIDGE) + "\n" +
+                       Times(1000, "state db \xe2\x82\xac|" + std::string(80, '.') + "\n");
     char crc[16];
     snprintf(crc, sizeof crc, "%08x", CrcOf(text));
     EXPECT_EQ("Added to tier rules", ask("=|" + Modified(text.substr(0, 20000))));
     EXPECT_EQ("Added to tier rules", ask("+|" + text.substr(20000)));
-    const std::string accepted = ask(std::string("!|") + crc);
-    EXPECT_EQ(0u, accepted.find("Tier rules in force: ")) << accepted;
+    EXPECT_EQ(0u, ask(std::string("!|") + crc).find("Tier rules in force: "));
     EXPECT_EQ("Tier rules refused: no text was begun", ask("+|x"));
     std::string read;
     for (const char *number : {"?|0", "?|1", "?|2"}) {

@@ -94,8 +94,6 @@ TEST(DecodeMemoryViews, NamesSizesAndRequests) {
     const std::pair<const char *, const char *> names[] = {{"Ljava/util/Map$Entry;", "java.util.Map$Entry"},
                                                            {"[Ljava/lang/String;", "java.lang.String[]"},
                                                            {"[[J", "long[][]"},
-                                                           {"La/L.0x7f;", "a.L.0x7f"},
-                                                           {"NULL", "NULL"},
                                                            {"L;", "L;"},
                                                            {"[", "["},
                                                            {"", ""}};

@@ -3,9 +3,11 @@
 #include "wire.h"
 #include "wire/memory.h"
 #include "wire/objects.h"
+#include "wire/protocol.h"
 
 #include <gtest/gtest.h>
 #include <map>
+#include <sstream>
 
 using namespace qorctl;
 
@@ -18,43 +20,39 @@ std::string Of(uint64_t number) {
     return std::to_string(number);
 }
 
-void AddCall(const Frame &call, Read *read) {
-    *read = {{"call", call.class_name + "->" + call.method}, {"file", call.file}, {"line", Of(call.line)}};
+Read Named(const std::string &names, const std::vector<std::string> &values) {
+    Read read;
+    std::istringstream in(names);
+    std::string name;
+    for (size_t i = 0; std::getline(in, name, ','); ++i)
+        read[name] = values.at(i);
+    return read;
+}
+
+std::string CallOf(const Frame &frame) {
+    return frame.class_name + "->" + frame.method;
 }
 
 Read OfThread(const Thread &thread) {
-    Read read;
-    AddCall(thread.call.value_or(Frame()), &read);
-    read["name"] = thread.name;
-    read["request URL"] = thread.request_url.value_or("");
-    read["request detail"] = thread.request_detail.value_or("");
-    read["key"] = thread.key.Text();
-    read["state"] = thread.state;
-    return read;
+    const Frame call = thread.call.value_or(Frame());
+    return Named("name,request URL,request detail,key,state,call,file,line",
+                 {thread.name, thread.request_url.value_or(""), thread.request_detail.value_or(""),
+                  thread.key.Text(), thread.state, CallOf(call), call.file, Of(call.line)});
 }
 
 Read OfFrame(const Frame &frame) {
-    Read read;
-    AddCall(frame, &read);
-    read["index"] = Of(frame.index);
-    read["method id"] = Of(frame.method_id);
-    return read;
+    return Named("call,file,line,index,method id",
+                 {CallOf(frame), frame.file, Of(frame.line), Of(frame.index), Of(frame.method_id)});
 }
 
 Read OfLock(const OwnedLock &lock) {
-    return {{"lock id", Of(lock.lock)}, {"class@id", lock.class_name}, {"depth", Of(lock.depth)}};
+    return Named("lock id,class@id,depth", {Of(lock.lock), lock.class_name, Of(lock.depth)});
 }
 
 Read OfDatabase(const DbWait &db) {
-    return {{"URL", *db.url},
-            {"user", *db.user},
-            {"local port", Of(db.local_port)},
-            {"remote port", Of(db.remote_port)},
-            {"remote host", *db.remote_host},
-            {"time", Of(db.sample_time)},
-            {"SQL reference", Of(db.sql_ref)},
-            {"SQL", db.sql.value_or("")},
-            {"kind", db.type.value_or("")}};
+    return Named("URL,user,local port,remote port,remote host,time,SQL reference,SQL,kind",
+                 {*db.url, *db.user, Of(db.local_port), Of(db.remote_port), *db.remote_host,
+                  Of(db.sample_time), Of(db.sql_ref), db.sql.value_or(""), db.type.value_or("")});
 }
 
 Thread FirstOf(const Reply &reply) {
@@ -65,8 +63,14 @@ Thread OnlyOf(const Reply &reply) {
     return DecodeStack(reply).threads.at(0);
 }
 
+Read OfField(const Reply &reply) {
+    const ObjectField field = DecodeObject(reply, 1).classes.at(0).fields.at(0);
+    return Named("tag,type,name,value", {Of(field.tag), field.type, field.name, field.value});
+}
+
 const std::string DETAILS = "Thread Info Details;" + DETAILS_ROW + "!";
 const std::string IN_STATE = "JVM Active Threads;a~n~^~^~^~1-2~^~^~^~";
+const std::string IN_OBJECT = "Message;Object Name :x!";
 const std::string ONE_STACK = "Thread Info Details;n~^~^~^~1-2~A->b~F~1~";
 const std::string COLLECTIONS = "JVM Garbage Collections;Major GC Count~3;!";
 
@@ -82,14 +86,13 @@ const struct {
     {"frames left out", DETAILS, "!",
      [](const Reply &r) {
          const Frame frame = FirstOf(r).stack.at(0);
-         return Read{{"count and text",
-                      Of(frame.skipped) + " frames are skipped for storage and performance optimization"},
-                     {"index", Of(frame.index)}};
+         return Named("count and text,index",
+                      {Of(frame.skipped) + std::string(SKIPPED_FRAMES), Of(frame.index)});
      }},
     {"lock waited for", DETAILS, "!",
      [](const Reply &r) {
          const LockWait wait = *FirstOf(r).waits_for;
-         return Read{{"lock id", Of(wait.lock)}, {"owner", wait.owner.Text()}, {"class@id", wait.class_name}};
+         return Named("lock id,owner,class@id", {Of(wait.lock), wait.owner.Text(), wait.class_name});
      }},
     {"lock owned", DETAILS, ";!", [](const Reply &r) { return OfLock(FirstOf(r).owns.at(0)); }},
     {"parked on", DETAILS, "!", [](const Reply &r) { return OfLock(*FirstOf(r).parked_on); }},
@@ -100,49 +103,36 @@ const struct {
     {"pool", "", ";!" + COLLECTIONS,
      [](const Reply &r) {
          const HeapPool pool = DecodeHeap(r).pools.at(0);
-         return Read{{"name", pool.name},
-                     {"greatest size", Of(pool.max_kib)},
-                     {"used", Of(pool.used_kib)},
-                     {"percent", Of(pool.percent)},
-                     {"free", Of(pool.available_kib)}};
+         return Named("name,greatest size,used,percent,free", {pool.name, Of(pool.max_kib), Of(pool.used_kib),
+                                                               Of(pool.percent), Of(pool.available_kib)});
      }},
     {"collections", "JVM Heap Usage;Old~4~1~25~3;!", ";!",
      [](const Reply &r) {
          const Collector collector = DecodeHeap(r).collectors.at(0);
-         return Read{{"name", collector.name}, {"collections", Of(*collector.count)}};
+         return Named("name,collections", {collector.name, Of(*collector.count)});
      }},
     {"collector", "", ";!",
      [](const Reply &r) {
          const CollectorBean bean = DecodeCollectors(r.text).at(0);
-         return Read{
-             {"name", bean.name}, {"collections", Of(*bean.count)}, {"milliseconds", Of(*bean.milliseconds)}};
+         return Named("name,collections,milliseconds", {bean.name, Of(*bean.count), Of(*bean.milliseconds)});
      }},
     {"memory", "", "!" + COLLECTIONS,
      [](const Reply &r) {
          const MemoryView memory = DecodeMemory(r);
-         return Read{{"used", Of(memory.used_kib)}, {"greatest size", Of(memory.max_kib)}};
+         return Named("used,greatest size", {Of(memory.used_kib), Of(memory.max_kib)});
      }},
     {"class", "", ";!",
      [](const Reply &r) {
          const ClassCount entry = DecodeHistogram(r).classes.at(0);
-         return Read{
-             {"signature", entry.class_name}, {"instances", Of(entry.instances)}, {"KiB", Of(entry.kib)}};
+         return Named("signature,instances,KiB", {entry.class_name, Of(entry.instances), Of(entry.kib)});
      }},
     {"local", "", ";Active!",
      [](const Reply &r) {
          const Local local = DecodeLocals(r).rows.at(0);
-         return Read{{"tag", Of(*local.tag)}, {"signature", local.type}, {"value", local.value}};
+         return Named("tag,signature,value", {Of(*local.tag), local.type, local.value});
      }},
-    {"field", "Message;Object Name :x!", ";Active!",
-     [](const Reply &r) {
-         const ObjectField field = DecodeObject(r, 1).classes.at(0).fields.at(0);
-         return Read{{"type", field.type}, {"name", field.name}, {"value", field.value}};
-     }},
-    {"field with a link", "Message;Object Name :x!", ";Active!",
-     [](const Reply &r) {
-         const ObjectField field = DecodeObject(r, 1).classes.at(0).fields.at(0);
-         return Read{{"tag", Of(field.tag)}, {"type", field.type}, {"name", field.name}};
-     }},
+    {"field", IN_OBJECT, ";Active!", [](const Reply &r) { return OfField(r); }},
+    {"field with a link", IN_OBJECT, ";Active!", [](const Reply &r) { return OfField(r); }},
     {"database block", IN_STATE + "DB Wait{10}", ";!",
      [](const Reply &r) { return OfDatabase(*FirstOf(r).db); }},
     {"short database block", ONE_STACK + "DB Wait{", "!Call Stack;!",
@@ -150,10 +140,8 @@ const struct {
     {"RMI block", IN_STATE + "RMI Wait{&", ";!",
      [](const Reply &r) {
          const RmiWait rmi = *FirstOf(r).rmi;
-         return Read{{"call id", Of(rmi.call_id)},
-                     {"remote port", Of(rmi.remote_port)},
-                     {"remote host", *rmi.remote_host},
-                     {"JNDI name", *rmi.jndi_name}};
+         return Named("call id,remote port,remote host,JNDI name",
+                      {Of(rmi.call_id), Of(rmi.remote_port), *rmi.remote_host, *rmi.jndi_name});
      }},
 };
 
