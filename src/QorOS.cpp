@@ -15,7 +15,7 @@ namespace {
 
 constexpr int BACKTRACE_LIMIT = 200;
 
-// What a request of `size` bytes takes: wherever the allocator puts it, one whole page fits behind them.
+// What a request of `size` bytes takes: wherever the allocator puts it, one whole page fits after them.
 size_t BlockSize(int32_t size) {
     return static_cast<size_t>(size) + 2 * static_cast<size_t>(getpagesize()) - 1;
 }

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// Memory with an inaccessible page behind it, so that a runaway write stops at once. Between the last byte
+// Memory with an inaccessible page after it, so that a runaway write stops at once. Between the last byte
 // and that page lies less than a page of slack. The block, or null; a guard that can't be set is reported
 // only.
 void *QorMalloc(int32_t size);

@@ -25,11 +25,11 @@ int32_t QorWholeCharacters(const char *text, int32_t length);
 // Replaces line ends and separators by blanks.
 void QorBlankSeparators(char *text);
 
-// Ends a text that was cut at `length` in front of what the cut has torn: an incomplete last character, a
+// Ends a text that was cut at `length` before what the cut has torn: an incomplete last character, a
 // high surrogate without its partner. Returns the length.
 int32_t QorDropPartialCharacter(char *text, int32_t length);
 
-// Replaces each sequence that is no modified UTF-8 (4-byte forms included) by "?". For bytes of unknown
+// Replaces each sequence that isn't modified UTF-8 (4-byte forms included) by "?". For bytes of unknown
 // origin.
 void QorReplaceForeignBytes(char *text);
 

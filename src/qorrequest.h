@@ -1,4 +1,4 @@
-// The request in hand: its flag word, its parsed fields and its reply buffer.
+// The current request: its flag word, its parsed fields and its reply buffer.
 //
 // The dispatcher unpacks a request into these globals before it calls a view; the views and the readers below
 // them only look. One request runs at a time, on the worker, which is the only thread that writes here.
@@ -10,7 +10,7 @@
 enum : int32_t {
     MAXNETDATA = 20480,
     QOREOTLEN = 7,
-    REQUEST_LIMIT = MAXNETDATA + QOREOTLEN, // bytes of a request; its terminator comes behind them
+    REQUEST_LIMIT = MAXNETDATA + QOREOTLEN, // bytes of a request; its terminator comes after them
     BUF_SIZE = REQUEST_LIMIT + 1,
     PAGEBUF_SIZE = 1024000,
     CONSOLE_ARG_COUNT = 9,

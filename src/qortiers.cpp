@@ -95,7 +95,7 @@ Text Piece(Text text, size_t from, size_t size = Text::npos) {
     return text;
 }
 
-// Cuts the text off in front of the first of `ends`, which goes too; all of it when there is none.
+// Cuts the text off before the first of `ends`, which goes too; all of it when there is none.
 Text Take(Text *text, const char *ends) {
     const size_t at = text->find_first_of(ends);
     const Text taken = Piece(*text, 0, at);
@@ -267,7 +267,7 @@ bool BeginsWith(Text text, Text start) {
 }
 
 // Drops prefixes that begin with another one: of the rest, a name can begin only with the one that comes last
-// among those in front of it.
+// among those before it.
 void SortStates(Prefixes *states) {
     std::sort(states->list, states->list + states->count);
     int32_t kept = 0;

@@ -17,7 +17,7 @@ struct QorCondition {
     int32_t serverType;               // fourth character of the line's first field
     int32_t kind;                     // 'm' lock, 'c' call, 't' thread name, 'S' system call, 's' state
     char value[CONDITION_VALUE_SIZE]; // the text to compare with
-    int32_t matchLength;              // bytes compared: those in front of the first "*"
+    int32_t matchLength;              // bytes compared: those before the first "*"
 };
 
 extern QorCondition gaatconditions[MAX_CONDITIONS];     // kinds 'm', 'c', 't': what is idle

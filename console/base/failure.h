@@ -1,4 +1,4 @@
-// How the console fails: one exception that ends the command, told to the user in one line.
+// How the console fails: one exception that ends the command, reported to the user in one line.
 #pragma once
 
 #include <stdexcept>

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::chrono::milliseconds LOOK_LIMIT(2000), END_LIMIT(500);
 constexpr unsigned CHILD_SECONDS = 5; // should nobody be left to end it
-constexpr char ENTERED = '+';         // in front of a look's text
+constexpr char ENTERED = '+';         // before a look's text
 
 // Without the privilege for chroot our own root directory serves if it is the process's too. Not root: every
 // file that opens is one that we may open anyway.

@@ -60,7 +60,7 @@ bool SameNamespace(pid_t pid, const char *name) {
     char ours[64] = "", theirs[64] = "";
     if (readlink(fmt::format("/proc/self/ns/{}", name).c_str(), ours, sizeof ours - 1) < 0 ||
         readlink(fmt::format("/proc/{}/ns/{}", pid, name).c_str(), theirs, sizeof theirs - 1) < 0)
-        return true; // not told: nothing speaks against it
+        return true; // not known: nothing speaks against it
     return strcmp(ours, theirs) == 0;
 }
 

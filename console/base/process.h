@@ -1,4 +1,4 @@
-// What /proc and the JVM's own performance file tell of a process.
+// What /proc and the JVM's own performance file says about a process.
 //
 // A JVM may live in a container: it then knows itself by another process id, sees other files and may have
 // another loopback. All of that is taken from the target's own /proc entries; its files are read by a child
@@ -71,7 +71,7 @@ std::string MainClass(const std::vector<std::string> &arguments);
 struct PerfData {
     std::string java_version;
     std::string vm_flags;     // flags of its command line and environment
-    std::string capabilities; // the first character tells whether the JVM can be attached to
+    std::string capabilities; // the first character says whether the JVM can be attached to
 };
 PerfData ReadPerfData(const Process &process);
 PerfData ParsePerfData(std::string_view file);

@@ -51,7 +51,7 @@ size_t Width(char32_t c) {
     return 1;
 }
 
-// Cuts printable text to `width` columns; the last one tells that something is missing.
+// Cuts printable text to `width` columns; the last one says that something is missing.
 std::string Fit(const std::string &text, size_t width) {
     if (DisplayWidth(text) <= width)
         return text;

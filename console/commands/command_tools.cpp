@@ -67,7 +67,7 @@ void NoteMissingTiers(const Settings &settings, pid_t pid) {
             fmt::print(stderr,
                        "qorctl: data of other tiers may be missing, as the agent stopped reading local "
                        "variables at its time limit; ask again\n");
-    } catch (const Failure &) { // the view stands without it
+    } catch (const Failure &) { // the view is shown without it
     }
 }
 
@@ -106,7 +106,7 @@ std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_
         if (FindUnknownProducts(stacks, "").empty())
             return {};
         return FindUnknownProducts(stacks, ReadTiers(settings, &connection));
-    } catch (const Failure &) { // the view stands without it
+    } catch (const Failure &) { // the view is shown without it
         return {};
     }
 }

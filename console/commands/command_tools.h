@@ -27,7 +27,7 @@ Style TerminalStyle(const Settings &settings);
 // A text of the agent, as a line or as JSON.
 void PrintAnswer(const Settings &settings, pid_t pid, const std::string &answer);
 
-// One view: `document` with --json, else `text`. In a series each starts on a clear screen, or behind a blank
+// One view: `document` with --json, else `text`. In a series each starts on a clear screen, or after a blank
 // line where nothing can be cleared.
 void PrintView(const Settings &settings, double watch, const Json &document, const std::string &text);
 

@@ -42,7 +42,7 @@ std::string ReadRules(const std::string &file) {
     return text;
 }
 
-// The most that an agent keeps; a JVM that sends more is no agent of ours.
+// The most that an agent keeps; a JVM that sends more isn't an agent of ours.
 
 // A text of the other side, line by line.
 std::string PrintableLines(std::string_view text) {
@@ -57,7 +57,7 @@ std::string PrintableLines(std::string_view text) {
     return shown;
 }
 
-// The agent's answer to SHUTDOWN is to hang up; its endpoint file goes with it.
+// The agent's answer to SHUTDOWN is to hang up; its endpoint file is removed too.
 void Shutdown(const Settings &settings, const Process &process, Connection connection,
               const std::string &request) {
     connection.SendLast(request, Seconds(settings.timeout));

@@ -23,7 +23,7 @@ bool FrameHolds(const Frame &frame, const std::string &part) {
     return Holds(frame.class_name + "." + frame.method, part);
 }
 
-// Whether the text stands in what is known of the request, the database call or the file.
+// Whether the text is in what is known of the request, the database call or the file.
 bool TiersHold(const Thread &thread, const std::string &part) {
     const std::optional<std::string> none;
     const std::optional<std::string> texts[] = {
@@ -83,7 +83,7 @@ Failure NoSuchThread(pid_t pid, const std::string &thread) {
                    "'qorctl threads --all' shows the threads with their ids");
 }
 
-// The view of one stack knows little of other tiers: what the poll tells of the thread is added to it.
+// The view of one stack knows little of other tiers: what the poll says about the thread is added to it.
 void AddTiers(const Settings &settings, pid_t pid, Thread *thread) {
     ThreadQuestion question;
     question.thread_key = thread->key.Text();

@@ -57,7 +57,7 @@ private:
             lines_->Wrong();
     }
 
-    // Handles of threads come first, those of the whole JVM behind its own classes.
+    // Handles of threads come first, those of the whole JVM after its own classes.
     DumpRoot KindOf(char letter, std::string_view line) {
         if (Has(CLASS_STRUCTURES, letter)) {
             threads_are_over_ = true;

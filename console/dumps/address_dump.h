@@ -10,7 +10,7 @@
 
 namespace qorctl {
 
-// Reads on behind the header, of which `summary` has the figures. Throws a Failure for lines of another form.
+// Reads on after the header, of which `summary` has the figures. Throws a Failure for lines of another form.
 DumpSummary ReadAddressDump(LineReader *lines, size_t largest_arrays, DumpSummary summary);
 
 } // namespace qorctl

@@ -16,7 +16,7 @@ class LineReader {
 public:
     explicit LineReader(FILE *file) : file_(file) {}
 
-    // The next line without its end. False at the file's end; what stands there without an end is a line too.
+    // The next line without its end. False at the file's end; what is there without an end is a line too.
     bool Next(std::string_view *line);
     int64_t number() const { return number_; }
 
@@ -35,7 +35,7 @@ private:
     bool at_end_ = false;
 };
 
-// Cuts the piece in front of the next bar, or all that is left, off `text`.
+// Cuts the piece before the next bar, or all that is left, off `text`.
 std::string_view Piece(std::string_view *text);
 
 // Keeps the largest arrays.

@@ -1,6 +1,6 @@
 // A heap dump being written by the JVM: where it goes, how far it is, whether it is whole.
 //
-// The agent's reply doesn't tell whether a text dump succeeded, and a long dump outlasts the agent's
+// The agent's reply doesn't say whether a text dump succeeded, and a long dump outlasts the agent's
 // time-out. So the file itself is the witness: a text dump begins with the number of its request and ends
 // with its trailer; the JVM's own form begins with its magic and ends with its end record.
 #pragma once

@@ -39,7 +39,7 @@ constexpr int64_t LEAST_OBJECT_SIZE = 16; // to rank what has no size
 struct ClassFigures {
     std::string name;
     int64_t objects = 0;
-    int64_t size = 0;                    // of each object that is no array
+    int64_t size = 0;                    // of each object that isn't an array
     int64_t arrays = 0, array_bytes = 0; // those with a header
 };
 
@@ -130,7 +130,7 @@ private:
         }
     }
 
-    // "SBa" is a system class among the roots, and behind them the class of the object that comes next.
+    // "SBa" is a system class among the roots, and after them the class of the object that comes next.
     void ReadRootOrClass(std::string_view line) {
         if (line.substr(0, 2) == "Ba") {
             line.remove_prefix(2);
@@ -168,8 +168,8 @@ private:
         }
     }
 
-    // The walk reports roots of the kind "other" last. So the classes behind the last one of them are those
-    // of objects; without one, only the line right in front of the first object's record is.
+    // The walk reports roots of the kind "other" last. So the classes after the last one of them are those
+    // of objects; without one, only the line right before the first object's record is.
     void EndRoots() {
         if (!in_roots_)
             return;
@@ -204,7 +204,7 @@ private:
     }
 
     // "1number|length|signature" names a class; "0a..." and "1number" + "a" + "index|..." are its statics and
-    // its fields. A name may hold a line end: its length tells.
+    // its fields. A name may hold a line end: its length decides.
     void ReadClass(std::string_view line) {
         if (line.empty() || (line[0] != '0' && line[0] != '1'))
             Wrong();

@@ -6,7 +6,7 @@
 // classes, never with that of objects.
 //
 // The file has the size of an object only where it has references to others, or is an array. Objects of a
-// class are of one size, so one such header tells it for all; a class of which no object refers to anything
+// class are of one size, so one such header has it for all; a class of which no object refers to anything
 // stays without.
 //
 // A JVM that is read by address has another form; see address_dump.h.

@@ -391,7 +391,7 @@ Failure LoadFailure(int result, const std::string &jar) {
 
 } // namespace
 
-// First line: the outcome of the request itself. Behind it JDK 8 writes the library's result as a number,
+// First line: the outcome of the request itself. After it JDK 8 writes the library's result as a number,
 // later ones "return code: N"; a refusal is plain text, and its first line may still be 0.
 void CheckLoadReply(std::string_view reply, const std::string &jar) {
     if (reply.empty())

@@ -1,6 +1,6 @@
 // The way to an agent that runs: its endpoint file, its relay, one request and its reply.
 //
-// The relay listens on the loopback of the JVM's machine and asks for a token, which stands with the port in
+// The relay listens on the loopback of the JVM's machine and asks for a token, which is with the port in
 // a file that only the JVM's user can read. Every wait has an end and every read a bound.
 #pragma once
 
@@ -38,7 +38,7 @@ std::string UsualDirectory(const Process &process);
 // Failure when that is so of the file.
 std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &dir, bool *taken);
 
-// A connection to a relay, behind its token.
+// A connection to a relay, after its token.
 class Connection {
 public:
     // Nothing when nobody listens there or the token isn't accepted: the file is then a leftover.

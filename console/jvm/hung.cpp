@@ -60,7 +60,7 @@ std::optional<std::string> InChild(Milliseconds limit, const std::function<std::
         if (getuid() == 0 && (seteuid(0) != 0 || (setgroups(0, nullptr) != 0 && errno != EPERM)))
             _exit(1); // without the capability the groups stay
         setpriority(PRIO_PROCESS, 0,
-                    PRIORITY); // root alone may: a machine too busy to answer is no reason to wait
+                    PRIORITY); // root alone may: a machine too busy to answer isn't a reason to wait
         WriteAll(KeepOnly(out.get()), make);
     }
     out = FileDescriptor();

@@ -28,7 +28,7 @@ public:
     // For waits that poll: says what the JVM does when 5 s are over.
     void Check();
 
-    // What a late answer is told as: what the JVM does, or `otherwise` when nothing is found out.
+    // How a late answer is reported: what the JVM does, or `otherwise` when nothing is found out.
     Failure Late(const Failure &otherwise) const;
 
 private:

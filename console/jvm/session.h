@@ -10,9 +10,9 @@ namespace qorctl {
 // The process, ours to look into. Throws a Failure otherwise.
 Process RequireProcess(pid_t pid);
 
-// Where the agent of a process listens; nothing when it has told nobody. If the usual directory isn't the JVM
-// user's own, or with `ask` in any case, the JVM is asked whether it is told elsewhere, if it can be without
-// a signal.
+// Where the agent of a process listens; nothing when it has published nothing. If the usual directory isn't
+// the JVM user's own, or with `ask` in any case, the JVM is asked whether it is published elsewhere, if it
+// can be without a signal.
 std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);
 
 // A connection to an agent that runs already; nothing when none does, or another process listens in its

@@ -150,7 +150,7 @@ private:
             poll(nullptr, 0, PATIENCE_STEP_MS);
     }
 
-    // A safepoint that is reached a little later is no finding: a thread may only wait for a processor.
+    // A safepoint that is reached a little later isn't a finding: a thread may only wait for a processor.
     bool JustBegan() {
         const SafepointState now = ReadSafepoint(memory_, table_, symbols_);
         return seen_.first.phase == SAFEPOINT_BEGUN && now.phase == SAFEPOINT_BEGUN &&

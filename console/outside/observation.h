@@ -30,7 +30,7 @@ struct SeenThread {
     Address self = 0, pending_monitor = 0;
 };
 
-// A task that is no Java thread: the JVM's own.
+// A task that isn't a Java thread: the JVM's own.
 struct SeenTask {
     std::string name, channel;
     pid_t tid = 0;

@@ -13,7 +13,7 @@
 
 namespace qorctl {
 
-// A connection as the database call of a thread tells it, and the threads in a call on it.
+// A connection as the database call of a thread has it, and the threads in a call on it.
 struct DbConnection {
     DbWait call; // of the first thread
     std::vector<const Thread *> threads;
@@ -52,7 +52,7 @@ struct DbSession {
     unsigned client_port = 0;
 };
 
-// The sessions in one reply. Throws a Failure that tells what the agent complains of.
+// The sessions in one reply. Throws a Failure that says what the agent complains of.
 std::vector<DbSession> DecodeSessions(const Reply &reply);
 
 // The processes, in batches that one request can hold.

@@ -17,7 +17,7 @@ namespace qorctl {
 // One row a thread.
 std::string ThreadTable(const ThreadSample &sample, const Style &style);
 
-// Stacks with locks, as a thread dump shows them. Owners are named from `sample` where they stand in it.
+// Stacks with locks, as a thread dump shows them. Owners are named from `sample` where they are in it.
 std::string ThreadDump(const ThreadSample &sample, const Style &style);
 
 // A frame's call as a stack trace shows it.
@@ -46,7 +46,7 @@ std::string CpuLine(const Summary &summary);
 
 std::string JvmTable(const std::vector<JvmEntry> &jvms, const Style &style);
 
-// A reply as it came, with control characters written "<29>" and a new line behind records and sections.
+// A reply as it came, with control characters written "<29>" and a new line after records and sections.
 std::string VisibleReply(std::string_view reply);
 
 } // namespace qorctl

@@ -15,7 +15,7 @@ std::string NameOf(const std::string &name, int64_t number) {
     return name.empty() ? fmt::format("(class {}, without a name)", number) : name;
 }
 
-// What isn't known is told: the size of some objects, or of all.
+// What isn't known is said: the size of some objects, or of all.
 std::string BytesText(const DumpClass &entry) {
     if (entry.bytes == 0 && !entry.bytes_all)
         return "?";

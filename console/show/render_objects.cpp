@@ -8,7 +8,7 @@ namespace qorctl {
 
 namespace {
 
-// Frames that run the same method have one number, so the agent tells their locals together.
+// Frames that run the same method have one number, so the agent reports their locals together.
 size_t FramesOfMethod(const Thread &thread, const Frame &frame) {
     size_t count = 0;
     for (const Frame &other : thread.stack)

@@ -7,7 +7,7 @@
 
 namespace qorctl {
 
-// `stack` is that of the locals' thread, `frame` stands in it.
+// `stack` is that of the locals' thread, `frame` is in it.
 std::string LocalsText(const Locals &locals, const Thread &thread, const Frame &frame, const Style &style);
 Json LocalsJson(const Locals &locals, const Thread &thread, const Frame &frame);
 

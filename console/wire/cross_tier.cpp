@@ -37,7 +37,7 @@ bool ReadRmiWait(const Fields &field, RmiWait *rmi) {
     return true;
 }
 
-// The block's marks stand in front of its first field: 28 and 27 for a remote call, 28, the number of fields
+// The block's marks are before its first field: 28 and 27 for a remote call, 28, the number of fields
 // and 26 for a database call; 28 alone for the shorter one of a JVM read by address. The number of fields
 // read, 0 when it isn't a block.
 size_t ReadBlock(Fields field, Thread *thread) {

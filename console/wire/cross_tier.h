@@ -1,5 +1,5 @@
-// What a thread's record tells of the tiers around the JVM: the detail block behind its state, and what the
-// Java side adds behind that.
+// What a thread's record says about the tiers around the JVM: the detail block after its state, and what the
+// Java side adds after that.
 #pragma once
 
 #include "decode.h"
@@ -14,7 +14,7 @@ bool ReadStateOn(const Fields &field, Thread *thread);
 bool ReadShortDbWait(const Fields &field, DbWait *db);
 
 // The true text of an address whose four parts are those of a signed number (-63.-87.-254.-251); any other
-// text as it stands.
+// text as it is.
 std::string TrueAddress(std::string_view text);
 
 } // namespace qorctl

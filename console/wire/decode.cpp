@@ -23,7 +23,7 @@ const FigureName SUMMARY_NAMES[SUMMARY_FIGURES] = {
 namespace {
 
 // The largest piece that the agent appends in one go: a stack with the rows around it. A reply without a
-// timing that stops less than this in front of the limit has had a piece refused.
+// timing that stops less than this before the limit has had a piece refused.
 constexpr size_t LARGEST_PIECE = 102400 + 3 * 10240;
 
 struct Refusal {
@@ -65,7 +65,7 @@ Failure Refused(std::string_view text, const char *hint) {
     return Failure(fmt::format("the agent answers \"{}\"", line), hint);
 }
 
-// A JVM read by address is refused behind the use of its heap.
+// A JVM read by address is refused after the use of its heap.
 void CheckEnd(const Reply &reply) {
     if (reply.sections.size() < 2 || reply.sections[0].title != TITLE_SPACES)
         return;
@@ -75,7 +75,7 @@ void CheckEnd(const Reply &reply) {
 }
 
 // A method name can't hold the arrow, a class name can: the last one separates. A framework's words hold
-// none, the texts behind them may.
+// none, the texts after them may.
 size_t FindArrow(std::string_view call, bool *framework) {
     size_t first = call.find(CALL_ARROW);
     for (std::string_view word : FRAMEWORK_OBJECTS)
@@ -176,7 +176,7 @@ bool ReadLockWait(std::string_view record, LockWait *wait) {
     return true;
 }
 
-// A lock of a JVM read by address: its class stands without a number, and in the view of one stack the call
+// A lock of a JVM read by address: its class has no number, and in the view of one stack the call
 // that took it in place of the frame.
 bool ReadLockByAddress(const Fields &field, OwnedLock *owned) {
     owned->class_name = field[2];
@@ -231,7 +231,7 @@ bool ReadFrameRow(std::string_view row, Frame *frame) {
     return true;
 }
 
-// The head of the view of one stack. A thread whose frames could not be had has a name and nothing else.
+// The head of the view of one stack. A thread whose frames was unavailable has a name and nothing else.
 bool ReadStackHead(std::string_view head, Thread *thread) {
     size_t detail = head.find(DETAIL_START);
     Fields field = Split(head.substr(0, detail), FIELD_SEP);
@@ -270,14 +270,14 @@ bool LacksFrames(const Section &stack, const Reply &reply) {
     return !reply.jvm_microseconds && size + LONGEST_STACK_ROW > STACK_LIMIT;
 }
 
-// Frames of a JVM read by address stand in order and carry no index.
+// Frames of a JVM read by address are in order and carry no index.
 void AddFrame(Frame &&frame, std::vector<Frame> *stack) {
     if (frame.place)
         frame.index = static_cast<int>(stack->size());
     stack->push_back(std::move(frame));
 }
 
-// The frame that took each lock of which the call is told.
+// The frame that took each lock of which the call is reported.
 void PlaceLocks(Thread *thread) {
     for (OwnedLock &lock : thread->owns)
         for (const Frame &frame : thread->stack)
@@ -308,8 +308,8 @@ Thread &CurrentThread(ThreadSample *sample, const Section &section) {
     return sample->threads.back();
 }
 
-// Takes the timing off the end of `text`. It stands in a section of its own, except in the answer of a forked
-// agent, which has no separators; behind the summary's last figure it starts without a separator.
+// Takes the timing off the end of `text`. It is in a separate section, except in the answer of a forked
+// agent, which has no separators; after the summary's last figure it starts without a separator.
 std::optional<uint64_t> TakeTiming(std::string_view *text) {
     size_t start = text->rfind(TITLE_TIMING);
     if (start == text->npos)
@@ -428,7 +428,7 @@ ThreadSample DecodeThreads(const Reply &reply) {
 ThreadSample DecodeStack(const Reply &reply) {
     ThreadSample sample;
     RecordReader reader(reply);
-    std::optional<LockWait> wait; // stands in front of its thread
+    std::optional<LockWait> wait; // is before its thread
     for (const Section &section : reply.sections) {
         if (section.title == TITLE_LOCK_WAIT) {
             reader.Each<LockWait>(section, ReadLockWait, [&](LockWait &&w) { wait = std::move(w); });

@@ -1,10 +1,10 @@
 // Replies to values.
 //
 // A reply is flat text cut by control characters into sections, records and fields. OpenReply does that
-// cutting and recognises the agent's refusals; each view then has one function of its own that reads the
+// cutting and recognises the agent's refusals; each view then has its own function that reads the
 // sections it knows. The grammar is strict: a record of the wrong shape is a Failure, because a guessed value
 // is worse than none. One thing is forgiven: the agent's reply buffer is finite, so a reply may stop
-// anywhere. What stands whole in front of that point is kept and the result is flagged as cut.
+// anywhere. What is whole before that point is kept and the result is flagged as cut.
 //
 // Pure functions of their arguments; the views they return hold copies, not references into the reply.
 #pragma once
@@ -29,7 +29,7 @@ struct Section {
 // A reply cut into sections; the views in it point into the text given to OpenReply.
 struct Reply {
     std::vector<Section> sections;
-    std::string_view text;                    // everything in front of the timing
+    std::string_view text;                    // everything before the timing
     std::optional<uint64_t> jvm_microseconds; // time the agent spent on it
     bool reached_limit = false;               // something had no room in it
 };
@@ -49,7 +49,7 @@ struct ThreadKey {
     std::string Text() const;
 };
 
-// Where a frame is, as a JVM read by address tells it: what the frame's locals are asked for by.
+// Where a frame is, as a JVM read by address reports it: what the frame's locals are asked for by.
 struct FramePlace {
     int kind = 0;
     uint64_t fp = 0, pc = 0, sp = 0, method = 0;
@@ -62,7 +62,7 @@ struct Frame {
     int line = 0;     // 0 when unknown: a native method, or code without line numbers
     int index = 0;    // 0 at the top of the stack
     int64_t method_id = 0;
-    std::optional<bool> user; // whether it is a call of the application; only the view of one stack tells
+    std::optional<bool> user; // whether it is a call of the application; only the view of one stack says
     std::optional<FramePlace> place; // of a JVM read by address
     bool framework = false; // not a frame but the object that a framework works on there: no index, no method
     int64_t skipped = 0;    // not a frame but this many frames left out, the first of them at `index`
@@ -103,7 +103,7 @@ struct OwnedLock {
     int64_t lock = 0;
     std::string class_name;
     int depth = -1;        // index of the frame that took it; negative when unknown
-    std::string call = {}; // "class->method" that took it, where no index is told
+    std::string call = {}; // "class->method" that took it, where no index is reported
 };
 
 struct Thread {
@@ -128,7 +128,7 @@ struct ThreadSample {
     bool cut = false;
 };
 
-// What is told of the thread that holds a lock.
+// What is shown of the thread that holds a lock.
 struct LockHolder {
     enum Answer {
         MOVED_ON,  // the waiter doesn't wait for this lock any more
@@ -166,7 +166,7 @@ struct FigureName {
 };
 extern const FigureName SUMMARY_NAMES[SUMMARY_FIGURES];
 
-// Whether a figure tells of the processors.
+// Whether a figure is about the processors.
 bool IsCpuFigure(int figure);
 
 struct Summary {
@@ -184,7 +184,7 @@ ThreadSample DecodeStack(const Reply &reply);
 // How many threads of a sample lack the bottom of their stack.
 int CutStacks(const ThreadSample &sample);
 
-// Adds to a thread what another sample of it tells of other tiers. Of its calls out of the JVM only those
+// Adds to a thread what another sample of it says about other tiers. Of its calls out of the JVM only those
 // that go with the state it has in both.
 void TakeTiers(const Thread &from, Thread *thread);
 

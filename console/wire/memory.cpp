@@ -36,7 +36,7 @@ bool ReadCollector(std::string_view record, Collector *collector) {
     return true;
 }
 
-// Nothing for a negative number, which stands for a figure that the JVM doesn't tell.
+// Nothing for a negative number, which stands for a figure that the JVM doesn't report.
 bool ReadFigure(std::string_view text, std::optional<uint64_t> *figure) {
     int64_t value = 0;
     if (!ReadNumber(text, &value))
@@ -55,7 +55,7 @@ bool ReadCollectorBean(std::string_view record, CollectorBean *bean) {
     return true;
 }
 
-// The heap's used and greatest size behind seven figures that are always zero.
+// The heap's used and greatest size after seven figures that are always zero.
 bool ReadMemory(std::string_view record, MemoryView *view) {
     constexpr size_t USED = 8, GREATEST = 9, FIELDS = 11;
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
@@ -63,7 +63,7 @@ bool ReadMemory(std::string_view record, MemoryView *view) {
            ReadNumber(field[GREATEST], &view->max_kib);
 }
 
-// The seven figures of kinds and the two behind them.
+// The seven figures of kinds and the two after them.
 bool ReadKinds(std::string_view record, std::string *name, int64_t (&figures)[KINDS], int64_t *first,
                int64_t *second) {
     constexpr size_t FIRST = 1 + OTHER_KINDS, SECOND = FIRST + 1, FIELDS = SECOND + 1;

@@ -50,7 +50,7 @@ constexpr std::string_view KIND_NAMES[KINDS] = {"classes", "methods", "instances
 struct SpaceKinds {
     std::string name;
     int64_t used_kib = 0, max_kib = 0, objects = 0;
-    int64_t kib[KINDS] = {}, count[KINDS] = {}; // the size of the last isn't told
+    int64_t kib[KINDS] = {}, count[KINDS] = {}; // the size of the last isn't reported
 };
 
 struct ClassCount {
@@ -59,7 +59,7 @@ struct ClassCount {
 };
 
 struct Histogram {
-    std::vector<ClassCount> classes; // largest first, as many as the agent tells: 302 at most
+    std::vector<ClassCount> classes; // largest first, as many as the agent reports: 302 at most
     std::optional<uint64_t> jvm_microseconds;
     std::optional<int64_t> age_seconds; // of figures that were kept for whoever asks next
     bool cut = false;

@@ -20,7 +20,7 @@ constexpr ModifierWord MODIFIERS[] = {{"Static: ", "static"},
                                       {"Private: ", "private"},
                                       {"Protected: ", "protected"}};
 
-// A record, or the word that stands behind the last one.
+// A record, or the word that is after the last one.
 template <class T>
 struct Row {
     T value;

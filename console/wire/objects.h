@@ -13,15 +13,15 @@
 
 namespace qorctl {
 
-// An object, or text of one, in a frame. Numbers in locals are not told.
+// An object, or text of one, in a frame. Numbers in locals are not reported.
 struct Local {
     std::optional<int64_t> tag; // of an object that can be opened
     std::string type, value;    // the value of strings and of arrays of primitives
     bool isText = false;        // it has a tag, and its value is its text
 };
 
-// Of a JVM read by address its first row is the object or class that the frame runs in, and numbers are told
-// too; the tags are addresses, which hold until the next collection.
+// Of a JVM read by address its first row is the object or class that the frame runs in, and numbers are
+// reported too; the tags are addresses, which hold until the next collection.
 struct Locals {
     std::vector<Local> rows;
     std::string refusal; // why there are none: the frame is gone
@@ -39,7 +39,7 @@ enum class FieldKind {
 struct ObjectField {
     FieldKind kind = FieldKind::VALUE;
     int64_t tag = 0;
-    std::string modifier; // "private", "static", ..., empty for none of the four told
+    std::string modifier; // "private", "static", ..., empty for none of the four reported
     std::string type, name, value;
 };
 

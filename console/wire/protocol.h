@@ -1,7 +1,7 @@
 // The words of the wire, as the console needs them: what it sends and what it looks for in a reply.
 //
-// The agent writes these from constants of its own. The two lists are kept apart on purpose: the console also
-// talks to agents older and newer than itself, so what it accepts is a decision of its own.
+// The agent writes these from its own constants. The two lists are kept apart on purpose: the console also
+// talks to agents older and newer than itself, so what it accepts is its own decision.
 #pragma once
 
 #include <cstddef>
@@ -12,12 +12,12 @@ namespace qorctl {
 
 // Control characters of a reply.
 constexpr char FIELD_SEP = 29;      // between two fields of a record
-constexpr char RECORD_END = 30;     // ends a record; also stands behind a section title
+constexpr char RECORD_END = 30;     // ends a record; also is after a section title
 constexpr char SECTION_END = 31;    // ends a section
-constexpr char DETAIL_START = 28;   // starts a wait-detail block behind the state
-constexpr char DETAIL_RMI = 27;     // right behind DETAIL_START: an RMI block
+constexpr char DETAIL_START = 28;   // starts a wait-detail block after the state
+constexpr char DETAIL_RMI = 27;     // right after DETAIL_START: an RMI block
 constexpr char DETAIL_COUNTED = 26; // ends the field count of a database block
-constexpr char STATE_MARK = 14;     // in front of the state at optimisation level 3
+constexpr char STATE_MARK = 14;     // before the state at optimisation level 3
 
 constexpr std::string_view NO_VALUE = "^";
 constexpr std::string_view NO_LINE_FILE = "Native Method"; // in the file's place when no line is known
@@ -53,7 +53,7 @@ constexpr std::string_view SYSTEM_CALL = "sys";
 constexpr std::string_view SKIPPED_FRAMES = " frames are skipped for storage and performance optimization";
 // In the class's place of a call: the method's place then has the name of what a framework works on.
 constexpr std::string_view FRAMEWORK_OBJECTS[] = {"View_Object", "Entity_Object", "EL_Exp", "Groovy_Script"};
-constexpr std::string_view GC_NAME_TAIL = " GC Count"; // behind the name of a collector
+constexpr std::string_view GC_NAME_TAIL = " GC Count"; // after the name of a collector
 constexpr std::string_view HISTOGRAM_WORD = "ClassHistogramOnly";
 constexpr std::string_view DUMPED_TO = "Heap details dumped to ";
 constexpr std::string_view HISTOGRAM_LATE = "Class histogram still being made";
@@ -62,8 +62,8 @@ constexpr std::string_view FORKED_DUMP_FAILED = "Heap dump failed, ";
 constexpr std::string_view HPROF_REFUSED = "Heap not enabled for";
 constexpr std::string_view TIMED_OUT = "Request TIMED OUT";
 constexpr std::string_view UNKNOWN_SETTING = "NoProcessing: Unkownn argument";
-constexpr std::string_view ROWS_END = "Active";           // behind the rows of locals and of fields
-constexpr std::string_view OBJECT_NAME = "Object Name :"; // in front of a class in an object's chain
+constexpr std::string_view ROWS_END = "Active";           // after the rows of locals and of fields
+constexpr std::string_view OBJECT_NAME = "Object Name :"; // before a class in an object's chain
 constexpr std::string_view NO_SUCH_THREAD = "This Thread does not exist on the JVM";
 constexpr std::string_view NO_SUCH_HOLDER = "Thread holding this lock not found.";
 constexpr std::string_view NO_SUCH_HOLDER_HINT = "Check if the object is still locked.";
@@ -82,7 +82,7 @@ constexpr std::string_view NO_SUCH_FRAME = "This Frame does not exist on JVM";
 constexpr std::string_view NO_SUCH_METHOD = "Method not found on JVM";
 constexpr std::string_view VIEW_OBJECT = "View Object", VIEW_ARRAY = "View Array Contents";
 constexpr std::string_view VIEW_CLASS = "View This Class";
-constexpr std::string_view ARRAY_OF = "Array ";           // in front of an array's elements
+constexpr std::string_view ARRAY_OF = "Array ";           // before an array's elements
 constexpr std::string_view ARRAY_DIMENSION = " Array D-"; // after them, once for each dimension
 constexpr std::string_view NULL_OBJECT = "Null Oop", NULL_ARRAY = "This Array Object is NULL";
 constexpr std::string_view NO_FIELDS_EXIST = "No Fields exist";

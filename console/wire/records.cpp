@@ -32,7 +32,7 @@ std::optional<std::string> ReadOptional(std::string_view field) {
     return field == NO_VALUE ? std::nullopt : std::optional<std::string>(field);
 }
 
-// The thread number may be negative, so the first bar behind a digit is the separator.
+// The thread number may be negative, so the first bar after a digit is the separator.
 bool ReadKey(std::string_view text, ThreadKey *key, bool bare) {
     if (bare && ReadNumber(text, &key->thread))
         return true;

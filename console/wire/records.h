@@ -31,11 +31,11 @@ bool ReadHex(std::string_view text, Number *value) {
 // Nothing for the placeholder.
 std::optional<std::string> ReadOptional(std::string_view field);
 
-// A thread's key, "process-thread"; `bare`: the thread's id may stand alone.
+// A thread's key, "process-thread"; `bare`: the thread's id may be given alone.
 bool ReadKey(std::string_view text, ThreadKey *key, bool bare = false);
 
 // The JVM's name of a type ("Ljava/lang/String;", "[I") as Java has it ("java.lang.String", "int[]"); another
-// text as it stands.
+// text as it is.
 std::string JavaName(std::string_view signature);
 
 // What a reply of another form than its view's is answered with.

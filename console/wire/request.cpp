@@ -97,7 +97,7 @@ std::string LockHolderRequest(const LockWait &wait, std::string_view thread_key)
                        thread_key);
 }
 
-// The last two arguments are the two fields that stand behind the method in each frame's row.
+// The last two arguments are the two fields that are after the method in each frame's row.
 std::string LocalsRequest(int64_t thread, const Frame &frame) {
     if (frame.place)
         return fmt::format("{}|showstack|{}|ARG=x,0={},1={:x},2={:x},3={:x},4={:x}", BaseFlags(false),

@@ -26,7 +26,7 @@ std::string StackRequest(std::string_view thread_key);
 // Who holds the lock that a thread waits for.
 std::string LockHolderRequest(const LockWait &wait, std::string_view thread_key);
 
-// The objects in the locals of a method that a thread runs; the method as the stack's frame tells it.
+// The objects in the locals of a method that a thread runs; the method as the stack's frame has it.
 std::string LocalsRequest(int64_t thread, const Frame &frame);
 
 // The fields of the object that carries a tag; of a JVM read by address also the statics of the class there.
@@ -49,7 +49,7 @@ std::string KindsRequest(bool repeated);
 // `copy_flags`: FLAG_COPY, FLAG_NO_COPY or none.
 std::string HistogramRequest(uint32_t copy_flags);
 
-// The directory that dumps are written to, and a dump into it. The name's ending tells its form.
+// The directory that dumps are written to, and a dump into it. The name's ending decides its form.
 std::string DumpDirRequest(std::string_view dir);
 std::string DumpRequest(std::string_view name, uint32_t heap_id, uint32_t copy_flags);
 

@@ -9,7 +9,7 @@ import java.util.concurrent.TimeUnit;
 import java.util.function.UnaryOperator;
 
 /**
- * One console at the relay, behind its token: a reply for each request line.
+ * One console at the relay, after its token: a reply for each request line.
  *
  * Reads and writes have no time-outs of their own. A deadline is set before whatever the other side can drag
  * out, and the relay's watch cuts the connection when it has passed; so a caller that sends or takes one byte
@@ -125,7 +125,7 @@ final class Connection {
     }
 
     /**
-     * The reply with one end mark behind it; a mark inside, or begun by the text's end, loses its first tab.
+     * The reply with one end mark after it; a mark inside, or begun by the text's end, loses its first tab.
      */
     static String framed(String reply) {
         boolean marked = reply.endsWith(END_OF_TRANSMISSION);

@@ -5,10 +5,10 @@ import java.util.List;
 /**
  * What an instrumentation of the application can tell of the threads in a sample. Registered with
  * {@link cJavaCall#register}; called on the agent's inspecting thread while a console waits, so it must be
- * quick and take no lock that the application holds for long. What it throws counts as nothing to tell.
+ * quick and take no lock that the application holds for long. What it throws counts as having nothing.
  */
 public interface EndToEndProvider {
-    /** Text about the system as a whole, in front of all threads; null for none. */
+    /** Text about the system as a whole, before all threads; null for none. */
     String systemData();
 
     /**
@@ -29,7 +29,7 @@ public interface EndToEndProvider {
         final String endToEnd;
 
         /**
-         * @param framework stands in place of the thread's state field, at optlevel 3 only
+         * @param framework is in place of the thread's state field, at optlevel 3 only
          * @param remote an RMI or database block in place of the agent's own, at optlevel 3 only
          * @param endToEnd fields appended to the thread's record
          */

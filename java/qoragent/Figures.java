@@ -12,7 +12,7 @@ final class Figures {
     private static final char RECORD_END = 30;
     private static final long NO_THREAD = Long.MAX_VALUE; // an id that no thread has
 
-    private final long[] cpuTimes;  // nanoseconds; null when the JVM doesn't tell
+    private final long[] cpuTimes;  // nanoseconds; null when the JVM doesn't say
     private final long[] allocated; // bytes; the same
 
     private Figures(long[] cpuTimes, long[] allocated) {
@@ -59,7 +59,7 @@ final class Figures {
             text.append(" classes=").append(ManagementFactory.getClassLoadingMXBean().getLoadedClassCount());
             text.append(" uptime=").append(ManagementFactory.getRuntimeMXBean().getUptime());
         } catch (Throwable noManagement) {
-            // what stands so far is whole pairs
+            // what is so far is whole pairs
             if (text.length() == start)
                 text.append('^');
         }

@@ -36,7 +36,7 @@ final class NativeLibrary {
     /**
      * Loads the library unless it is loaded already.
      *
-     * @throws IllegalStateException saying why it can't be had
+     * @throws IllegalStateException saying why it is unavailable
      */
     static synchronized void load() {
         if (loaded)

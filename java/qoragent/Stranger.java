@@ -38,7 +38,7 @@ final class Stranger {
         return ended || !heard.hasRemaining() ? State.REFUSED : State.WAITING;
     }
 
-    /** What came behind the token line. */
+    /** What came after the token line. */
     byte[] rest() {
         int start = 0;
         while (heard.get(start) != '\n')

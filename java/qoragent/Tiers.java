@@ -27,7 +27,7 @@ final class Tiers {
 
     /**
      * The rules that the option `tiers` asks for: "" the jar's, "none" none, else those of the file with this
-     * name in front of the jar's, so that a bad line has the number that it has in the file.
+     * name before the jar's, so that a bad line has the number that it has in the file.
      *
      * @throws IllegalArgumentException when the file can't be read
      */

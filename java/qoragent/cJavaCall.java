@@ -71,7 +71,7 @@ public final class cJavaCall {
      * <li>then for each thread, in order, a record: the provider's framework text between two marks 14, its
      *     remote text between two marks 15, the start mark (29), the thread's figures
      *     ({@link Figures#append}), a field for each detail that the agent has gathered, the provider's
-     *     end-to-end text, each behind a separator (29), and a record end (30). Texts that there are none of
+     *     end-to-end text, each after a separator (29), and a record end (30). Texts that there are none of
      *     are left out with their marks.
      * </ul>
      *

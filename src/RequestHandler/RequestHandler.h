@@ -7,7 +7,7 @@
 #include <cstdint>
 
 // Answers a thread or memory-activity request: picks the view by the bits of `reqid`, in a fixed order, and
-// lets it write behind what stands in `page` (pageSize bytes of storage, terminated). `args` are the nine
+// lets it write after what is in `page` (pageSize bytes of storage, terminated). `args` are the nine
 // argument slots, each null or a text.
 void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char **args);
 
@@ -16,12 +16,12 @@ void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char 
 void QorHandleShowMemRequest(char *page, int32_t unused, const char *path, uint32_t reqid);
 
 // Answers with the fields of the object that carries a tag, class by class from its own class upwards; the
-// topmost class is left out. An object that is gone and an array of primitives give nothing. The
+// topmost class is left out. An object that is gone and an array of primitives return nothing. The
 // request's flag is not read.
 void QorShowObjectRequest(int32_t tag, int32_t flag, uint32_t reqid, char *page, int32_t pageSize);
 
 // Answers with the objects in the locals of a method on a thread's stack; a bare section end when there are
 // none. `methodId` is the number that a stack row shows, of 32 bits or of 64. The location and the two
-// numbers behind it come from the console's frame and are not read.
+// numbers after it come from the console's frame and are not read.
 void QorHandlePrintLocalRequest(int32_t tid, int64_t methodId, int64_t location, int32_t a, int32_t b,
                                 char *page, int32_t pageSize);

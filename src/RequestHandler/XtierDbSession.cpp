@@ -88,7 +88,7 @@ struct LineReader {
     char block[GREP_BLOCK_SIZE];
 };
 
-// Reads on behind what is left of the block. False at the end.
+// Reads on after what is left of the block. False at the end.
 bool FillBlock(LineReader *reader) {
     memmove(reader->block, reader->block + reader->begin, reader->end - reader->begin);
     reader->end -= reader->begin;
@@ -240,7 +240,7 @@ uint32_t ClientPortOf(const char *processId, int32_t *told) {
     return port;
 }
 
-// Bounds the list, in front of an id: what is left of one that is cut is another process's.
+// Bounds the list, before an id: what is left of one that is cut is another process's.
 void CutProcessList(char *processes) {
     if (strnlen(processes, LONGEST_PROCESS_LIST + 1) <= LONGEST_PROCESS_LIST)
         return;

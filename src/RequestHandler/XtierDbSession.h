@@ -1,7 +1,7 @@
 // Which process of this host serves which client port of a database: the request "xtier01".
 //
-// The agent stands on the database's host here. The kernel's socket tables tell which sockets of the listener
-// belong to a client, by inode; the descriptors of the processes asked about tell which of them holds one.
+// The agent is on the database's host here. The kernel's socket tables say which sockets of the listener
+// belong to a client, by inode; the descriptors of the processes asked about say which of them holds one.
 // Only /proc/net and /proc/NUMBER/fd are read. Worker only.
 #pragma once
 

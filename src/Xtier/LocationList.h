@@ -21,7 +21,7 @@ enum QorFramework : int32_t {
 };
 
 // The pieces of one thread: offsets into the reply's text, -1 for a piece that isn't there. A piece ends
-// behind its last byte. They lie in the reply in this order.
+// after its last byte. They lie in the reply in this order.
 struct QorXtierPositions {
     int32_t requestStart = -1, requestEnd = -1; // URL and detail columns, of a web frame without a URL
     int32_t currentCallStart = -1, currentCallEnd = -1; // current-call columns, of a framework frame
@@ -36,7 +36,7 @@ struct QorXtierLocationInfo {
     char threadKey[DB_THREAD_KEY_SIZE]; // "process-thread"
     QorFramework framework;             // whose data the current call and the stack row show
     QorXtierPositions at;
-    QorAllThreadLocalInfoList *newest; // the thread's newest entry; its others follow behind `next`
+    QorAllThreadLocalInfoList *newest; // the thread's newest entry; its others follow after `next`
     QorXtierLocationInfo *next;
 };
 

@@ -26,12 +26,12 @@ constexpr jint ENTRY_FRAME_CAPACITY = 1024;
 constexpr char FRAMEWORK_URL[] = "/faces";                            // says nothing: every page has it
 constexpr char FRAMEWORK_VIEW_PACKAGE[] = "tessar.qrfinternal.view."; // of its web frames
 
-// The lists of the sample at hand.
+// The lists of the current sample.
 QorAllThreadLocalInfoList *localList;
-QorAllThreadLocalInfoList *threadMark; // head of the list before the thread at hand
+QorAllThreadLocalInfoList *threadMark; // head of the list before the current thread
 QorXtierLocationInfo *firstLocation, *lastLocation;
 
-// The records of the thread at hand, beside objQorJSPRequestData.
+// The records of the current thread, beside objQorJSPRequestData.
 struct CallRecords {
     QorDBRequestData database;
     QorRmiCallData rmi;
@@ -122,7 +122,7 @@ void ReadByRules(const QorAllThreadLocalInfoList *newest, int64_t threadId) {
         QorStrncpy(calls.file.fileName, rules.file, DB_URL_SIZE, DB_URL_SIZE);
 }
 
-// Hands the connection of the thread at hand to the cache.
+// Hands the connection of the current thread to the cache.
 void NoteConnection(const char *threadName, const char *threadKey) {
     QorDBRequestData *database = ShownDatabase();
     database->threadName[0] = database->threadKey[0] = 0;
@@ -157,7 +157,7 @@ void ReadEntry(const QorAllThreadLocalInfoList &entry) {
     default:
         break;
     }
-    // The objects of these two may stand in a frame that was listed for something else.
+    // The objects of these two may be in a frame that was listed for something else.
     if (!calls.rmi.host[0] || !calls.rmi.jndiName[0])
         QorGetRmiCallDataFromLocalVariable(&entry, &calls.rmi);
     QorGetAppServerCallDataFromLocalVariable(&entry, &calls.server);
@@ -166,7 +166,7 @@ void ReadEntry(const QorAllThreadLocalInfoList &entry) {
 void ReadThread(const QorXtierLocationInfo &location) {
     for (const QorAllThreadLocalInfoList *entry = location.newest;
          entry && entry->threadId == location.threadId; entry = entry->next)
-        ReadEntry(*entry); // the readers tell of a missing object themselves
+        ReadEntry(*entry); // the readers report a missing object themselves
     ReadByRules(location.newest, location.threadId);
     if (QorIsKnownDatabase(*ShownDatabase()))
         NoteConnection(location.threadName, location.threadKey);
@@ -199,7 +199,7 @@ QorFramework FrameworkOf(uint32_t kinds) {
     return kinds & FRAME_ENTITY ? FRAMEWORK_ENTITY : FRAMEWORK_VIEW;
 }
 
-// Kinds that are listed whenever they are met, and the flag that tells of them.
+// Kinds that are listed whenever they are met, and the flag that says so.
 struct PlainKind {
     uint32_t kind;
     QorLocalKind listedAs;

@@ -23,7 +23,7 @@ enum QorFrameworkMeeting : int32_t {
     MEETING_NONE = 0,
     MEETING_NOW = 1,      // its frame is listed
     MEETING_RECORDED = 2, // and its place among the stack rows is noted
-    MEETING_MISSED = 5,   // there is one, but its data can't be had by reading at once
+    MEETING_MISSED = 5,   // there is one, but its data is unavailable by reading at once
     MEETING_OTHER = 7,    // one of the other two came first
 };
 
@@ -56,10 +56,10 @@ bool QorHasRowData(const QorXtierFlags &flags);
 int32_t QorAddThreadLocation(const QorThreadRecord *thread, const char *threadKey,
                              const QorXtierPositions &positions, QorFramework framework);
 
-// Reads the objects of all listed frames and puts what they tell into the reply.
+// Reads the objects of all listed frames and puts what they found into the reply.
 void QorInsertXtierData(QorText *reply);
 
-// What the stack view shows of its thread. The records are the readers' own and stand until the next call.
+// What the stack view shows of its thread. The records are the readers' own and valid until the next call.
 struct QorStackViewData {
     const QorJSPRequestData *web;     // URL (the page's name in its place), view or entity name
     const QorDBRequestData *database; // see QorIsKnownDatabase

@@ -32,7 +32,7 @@ constexpr FrameworkRow FRAMEWORKS[] = {
     {"EL_Exp", "EL_Exp", "El_Exp"},
 };
 
-// The log lines of a piece that would lie in front of the one before it, and of one without text.
+// The log lines of a piece that would lie before the one before it, and of one without text.
 struct PieceNames {
     const char *position, *text;
 };
@@ -58,7 +58,7 @@ int32_t ReplacePiece(QorInsertion *insertion, int32_t start, int32_t end, const 
     if (before < 1)
         QORLOG(LOG_ERROR, "%s", names.position);
     if (before < 0)
-        return 0; // it is overtaken: its text stands already
+        return 0; // it is overtaken: its text is written already
     const int32_t length = LengthOf(text);
     if (length < 1)
         QORLOG(LOG_ERROR, "%s", names.text);

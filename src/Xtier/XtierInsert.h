@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-// The class that is shown before "->", with what the framework works on behind it.
+// The class that is shown before "->", with what the framework works on after it.
 const char *QorFrameworkClass(QorFramework framework);
 
 // What the blocks of the states "DB Wait" and "RMI Wait" show of a call. Of a database call that isn't known

@@ -1,6 +1,6 @@
 // What the spaces of the heap hold, counted object by object in a copy of the process.
 //
-// The process itself goes on: it stands for the making of the copy alone, and its threads aren't held.
+// The process itself goes on: it is paused for the making of the copy alone, and its threads aren't held.
 // Nothing is written into the copy's heap, so the copy takes the memory of what the application changes
 // meanwhile. A copy that isn't ready when the request must be answered is given up.
 //

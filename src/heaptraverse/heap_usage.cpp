@@ -46,7 +46,7 @@ void Measure(const HeapSpace &space, QorSpaceUsage *usage) {
     usage->free = usage->capacity - usage->used;
 }
 
-// The word behind a generation's count of collections.
+// The word after a generation's count of collections.
 uint64_t TimeOf(uint64_t generation) {
     return generation ? QorWordAt(generation + offsets[GENERATION_STATISTICS] + VM_WORD_SIZE) : 0;
 }

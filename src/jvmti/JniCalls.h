@@ -1,7 +1,7 @@
 // JNI, with no exception left behind.
 //
 // Each function is named for the JNI function that it calls, takes the same arguments after the environment
-// and hands back that function's result as it stands; a pending exception is cleared (and printed to the
+// and hands back that function's result unchanged; a pending exception is cleared (and printed to the
 // JVM's error stream only when the log level is above 4). Failure is read from a null or 0 result.
 //
 // All but one of the method calls pass no Java arguments. Worker only, as `env` is the session's.

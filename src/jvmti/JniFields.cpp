@@ -105,7 +105,7 @@ bool HaveHashTableClass() {
     return hashTableClass;
 }
 
-// A table's methods take its lock, and a thread of the application may stand in one of them for ever. Who
+// A table's methods take its lock, and a thread of the application may be in one of them for ever. Who
 // holds it can't be asked where a thread may end meanwhile.
 bool MayBeLocked(jobject table) {
     if (!gbQorJvmKeepsThreads)

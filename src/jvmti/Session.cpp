@@ -60,8 +60,8 @@ constexpr int LEVEL_CHANGING_THE_JVM = 1; // optimisation level that lets the ag
 constexpr char WORKER_NAME[] = "QORD Agent Worker";
 
 // The management table's versions. A JVM accepts exactly one of them, and the two functions that the agent
-// calls stand in slots of their own in each. In any other slot stands a function with other arguments, whose
-// call would end the JVM, so an unknown version is no table.
+// calls are in slots of their own in each. Any other slot holds a function with other arguments, whose
+// call would end the JVM, so an unknown version isn't a table.
 struct JmmVersion {
     jint version;
     int32_t getLongAttribute, dumpHeap0; // slots

@@ -1,4 +1,4 @@
-// A JVMTI environment of its own for the time of one heap walk.
+// A separate JVMTI environment for one heap walk.
 //
 // Tags belong to an environment. A walk that tags classes or objects does so in an environment that is thrown
 // away with its tags: they never meet those by which the session knows objects, they keep no memory and they

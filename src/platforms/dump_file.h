@@ -1,6 +1,6 @@
 // The file of a text heap dump: opened with care, written through one buffer.
 //
-// A walk over the heap writes tens of millions of short lines while the JVM stands still, so a record is
+// A walk over the heap writes tens of millions of short lines while the JVM is paused, so a record is
 // composed directly in the buffer: reserve room, let the Put functions move a pointer on, commit. Nothing
 // here allocates, locks or logs, so that a heap walk's callback may call all but open and close.
 //
@@ -46,7 +46,7 @@ bool QorDumpFlush(QorDumpFile *file);
 // first of all. 0, or -1 with errno set to the first failure.
 int32_t QorDumpClose(QorDumpFile *file);
 
-// Offset in the file at which the next byte will stand.
+// Offset in the file at which the next byte goes.
 inline int64_t QorGetCurrentPos(const QorDumpFile *file) { // nothing calls it
     return file->flushed + file->used;
 }

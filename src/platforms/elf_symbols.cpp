@@ -31,7 +31,7 @@ bool ReadAt(int32_t fd, uint64_t offset, void *out, uint64_t size) {
     return true;
 }
 
-// A piece of the file in memory of its own, to be freed.
+// A piece of the file in separate memory, to be freed.
 QorElfResult ReadPiece(const QorElfFile *elf, uint64_t offset, uint64_t size, void **out) {
     if (size == 0 || size > SECTION_LIMIT || !Lies(elf, offset, size))
         return ELF_MALFORMED;

@@ -18,13 +18,13 @@ int32_t jat_server_jvm;
 
 namespace {
 
-constexpr int FIRST_SLOT_BIT = 2; // bits below stand free for the codes
+constexpr int FIRST_SLOT_BIT = 2; // bits below are free for the codes
 constexpr int LIBRARY_SIZE = 64;
 constexpr int CLASS_32 = 32, CLASS_64 = 64;
 constexpr int CODE_NOT_FOUND = 3, CODE_NO_HEADER = 4;
 constexpr size_t COMPARED_BYTES = 4096; // header, program headers and the build's own mark lie in them
 
-// The list of a build, null when there is none. A library of the older compiler, with names of its own for
+// The list of a build, null when there is none. A library of the older compiler, with its own names for
 // the same slots, isn't looked for: no JVM in reach of this agent was made by one.
 const char *SelectList(int32_t build) {
     switch (build) {
@@ -108,7 +108,7 @@ void NoteKindOfVm(const char *path) {
         jat_server_jvm = strstr(path, "/server/libjvm") ? 1 : 0;
 }
 
-// True when the file begins as the memory at `base` does. Another file may stand at the path since the JVM
+// True when the file begins as the memory at `base` does. Another file may be at the path since the JVM
 // was started, or in a directory of the search path; its addresses would be wrong ones.
 bool IsMappedFile(int32_t fd, uint64_t base) {
     static char bytes[COMPARED_BYTES], mapped[COMPARED_BYTES];
@@ -151,7 +151,7 @@ struct TableKind {
     uint32_t type;
     const char *noSymbols, *noNames; // lines for memory that isn't to be had
 };
-// In this order: names that aren't exported stand in the second table alone, which a stripped library lacks.
+// In this order: names that aren't exported are in the second table alone, which a stripped library lacks.
 constexpr TableKind TABLES[] = {
     {SHT_DYNSYM, "QOR Agent : malloc failed 7502", "QOR Agent : malloc failed 7503"},
     {SHT_SYMTAB, "QOR Agent : malloc failed 7505", "QOR Agent : malloc failed 7506"},

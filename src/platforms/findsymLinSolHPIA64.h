@@ -6,7 +6,7 @@
 // forbid those, and waits for its own.
 //
 // All of it runs once in a start, on the initialisation thread. The results are read-only afterwards. A
-// library that isn't there or isn't sound is told of on stderr, whatever the log level; its symbols count as
+// library that isn't there or isn't sound is reported on stderr, whatever the log level; its symbols count as
 // missing.
 #pragma once
 
@@ -78,9 +78,9 @@ extern uint64_t nsymbols[SYMBOL_SLOTS];
 // 1 for a server VM, 0 for a client VM or an unknown one.
 extern int32_t jat_server_jvm;
 
-// Selects the build for `key` into `offsetind`, fills `nsymbols`, and tells in `words` (zeroed by the caller)
-// which symbols were not found: the bit of slot plus 2 for each, counted over the words, or SYMBOLS_NO_LIST
-// in word 0. `pid` is this process's.
+// Selects the build for `key` into `offsetind`, fills `nsymbols`, and reports in `words` (zeroed by the
+// caller) which symbols were not found: the bit of slot plus 2 for each, counted over the words, or
+// SYMBOLS_NO_LIST in word 0. `pid` is this process's.
 void findsymbols(int32_t pid, const char *key, uint32_t words[SYMBOL_WORDS]);
 
 // Finds the first mapping of `library` that begins as an ELF file: its class, 32 or 64, and its address in
@@ -96,5 +96,5 @@ int32_t QorOpenMappedLibrary(int32_t pid, const char *library, uint64_t *base);
 int32_t findlib(const char *library);
 
 // Fills the open slots of a symbol list from an ELF file. Returns how many it filled; what is wrong with the
-// file is told on stderr. `slots` has SYMBOL_SLOTS entries, and the file is the one mapped at `base`.
+// file is reported on stderr. `slots` has SYMBOL_SLOTS entries, and the file is the one mapped at `base`.
 int32_t QorResolveSymbols(int32_t fd, const char *list, uint64_t base, uint64_t *slots);

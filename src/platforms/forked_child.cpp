@@ -49,7 +49,7 @@ struct Page {
 };
 
 QorForkPlan plan = {-1, {-1, -1}, 0, nullptr, nullptr, nullptr, nullptr};
-Page *page; // with the result behind it
+Page *page; // with the result after it
 size_t pageSize;
 char *watcherStack, *bodyStack;
 std::atomic<pid_t> childPid; // of the last copy
@@ -100,7 +100,7 @@ bool NoteStatistics(const QorMapping &mapping, void *) {
     return true;
 }
 
-// System calls of the watching thread while the other one walks. It has no thread data of its own, so it must
+// System calls of the watching thread while the other one walks. It has no thread data, so it must
 // not touch errno.
 long BareCall(long number, long a, long b, long c, long d) {
     long result;
@@ -318,7 +318,7 @@ void GiveBack() {
     if (state != FORK_NONE && plan.ended)
         plan.ended(state, error, page + 1);
     if (plan.file >= 0 && page && state != FORK_DONE && ftruncate(plan.file, 0) != 0) {
-        // it stays cut off
+        // nothing more can be done: the truncated file stays
     }
     Unmap();
     qor_close_handle(&plan.file);

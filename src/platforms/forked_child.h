@@ -46,7 +46,7 @@ enum QorForkState : int32_t {
 enum : int32_t { FORK_NOT_STILL = -1 };
 
 struct QorForkPlan {
-    int32_t file; // descriptor that the copy keeps besides its pipe, -1 for none; the parent's goes with it
+    int32_t file; // descriptor that the copy keeps besides its pipe, -1 for none; the parent's is removed too
     int32_t pipe[2];         // the copy writes to the second
     size_t resultSize;       // bytes of QorForkResult
     bool (*walkCanBeOver)(); // in the copy: false as long as something is known to be missing; QorForkHere
@@ -56,7 +56,7 @@ struct QorForkPlan {
     bool ownStack = false;                                                // for QorForkNow
 };
 
-// Prepares for a fork: the shared page, the second thread's stack. False when something can't be had, or a
+// Prepares for a fork: the shared page, the second thread's stack. False when something is unavailable, or a
 // copy still lives.
 bool QorPrepareFork(const QorForkPlan &plan);
 
@@ -97,8 +97,8 @@ void QorForgetFork();
 // The same without waiting: a later zombie_reaper collects it, and until then there is no other one.
 void QorEndFork();
 
-// Looks after a copy that nobody waits for any more: kills it when it stands still, forgets it when it has
-// ended.
+// Looks after a copy that nobody waits for any more: kills it when it makes no progress, forgets it when it
+// has ended.
 void QorTendFork();
 
 // Collects the copy when it has ended, and nobody else's child: waitpid's result for it, 0 when there is
@@ -113,6 +113,6 @@ bool QorCorrectKeptIds(int32_t *memory, size_t count, const int32_t (&parent)[2]
 // The watching thread's body in the copy; never returns.
 int start_forked_thread(void *unused);
 
-// Milliseconds that a copy may stand still, and that its walker may sleep without writing. Tests change
+// Milliseconds that a copy may make no progress, and that its walker may sleep without writing. Tests change
 // both.
 extern int32_t gbiForkStandstill, gbiForkSleep;

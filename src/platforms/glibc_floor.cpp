@@ -4,7 +4,7 @@
 // a library linked there would ask each host for it, though the functions themselves are as old as 2.2.5 and
 // still answer to their old names everywhere. The linker sends each call here (--wrap), and from here it goes
 // to the old name. On an old host that name lives in libpthread or libdl, which every JVM has loaded. The
-// same holds for the functions that tell of a file since 2.33. src/CMakeLists.txt names the calls that are
+// same holds for the functions that describe a file since 2.33. src/CMakeLists.txt names the calls that are
 // sent here.
 #include <dlfcn.h>
 #include <pthread.h>

@@ -27,7 +27,7 @@ constexpr Resource RESOURCES[] = {
     {"pids", {"/pids", "pids.max", "pids.current", nullptr}, {"", "pids.max", "pids.current", nullptr}},
 };
 
-// The number behind `key` in a file of lines; with an empty key, the number that the file begins with. False
+// The number after `key` in a file of lines; with an empty key, the number that the file begins with. False
 // when there is none, as for a limit of "max".
 bool ReadNumber(const char *path, const char *key, uint64_t *out) {
     FILE *file = fopen(path, "re");
@@ -71,7 +71,7 @@ uint64_t HeadroomOf(const char *group, const GroupFiles &files) {
 }
 
 // The least of a group and all groups around it. In a container the path may name folders that are not to be
-// seen in there; the limit then stands in a folder above them.
+// seen in there; the limit then is in a folder above them.
 uint64_t HeadroomUpwards(const char *root, const GroupFiles &files, const char *path) {
     char group[PATH_SIZE];
     const int length = snprintf(group, sizeof group, "%s%s%s", root, files.folder, path);

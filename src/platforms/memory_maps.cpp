@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr int LINE_SIZE = 4096 + 256; // a path and what stands before it
+constexpr int LINE_SIZE = 4096 + 256; // a path and what is before it
 
 // One line of the list: "start-end rwxp offset device inode    name". False for any other text.
 bool ReadLine(char *line, QorMapping *mapping) {

@@ -126,7 +126,8 @@ int32_t FollowProcessTree() {
             break;
         QORLOG(LOG_TRACE, "initvar : Found (%s) pid %d, ppid %d", facts.name, facts.pid, facts.parent);
         if (strcmp(facts.name, JVM_PROCESS) != 0) {
-            if (step == 1) // a thread that is no process: the kernel has newer threads than its version tells
+            if (step ==
+                1) // a thread that isn't a process: the kernel has newer threads than its version says
                 perror("Qor Agent :: Patched Kernel found");
             break;
         }
@@ -140,7 +141,7 @@ int32_t FollowProcessTree() {
     return found;
 }
 
-// Whether a user name may stand in a shell command and is no option of ps.
+// Whether a user name may be in a shell command and isn't an option of ps.
 bool IsPlainUserName(const char *name) {
     constexpr char ALLOWED[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
     return name && name[0] && name[0] != '-' && name[strspn(name, ALLOWED)] == 0;

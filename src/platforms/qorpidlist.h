@@ -1,4 +1,4 @@
-// The processes that make up this JVM on Linux 2.4, where each thread is a process of its own.
+// The processes that make up this JVM on Linux 2.4, where each thread is a separate process.
 //
 // The first two are found by walking up from this process: the thread library's manager and the JVM's first
 // process, all named "java". The others come from a shell pipeline over ps. Each has its /proc/PID/stat open.
@@ -27,7 +27,7 @@ extern QorCpuNode cpu_list_base[MAX_CPU_PIDS];              // all nodes
 extern QorCpuNode *cpu_list_start, *cpu_list_end;           // those in use, in order
 extern QorCpuNode *cpu_free_list_start, *cpu_free_list_end; // the others; the last one is never taken
 
-// Drops the list and begins it anew where `os_name` tells of Linux 2.4. Clears Linux_Kernel_2_4 elsewhere,
+// Drops the list and begins it anew where `os_name` says Linux 2.4. Clears Linux_Kernel_2_4 elsewhere,
 // and where the process tree is not as expected.
 void QorStartPidList();
 

@@ -59,7 +59,7 @@ void OpenMachineFigures() {
     QORLOG(LOG_DETAIL, "OS Version is %s", os_name);
 }
 
-// The machine's user and system ticks. False when they can't be had; a failed read leaves the old ones.
+// The machine's user and system ticks. False when they are unavailable; a failed read leaves the old ones.
 bool ReadMachineTicks(int64_t *user, int64_t *system) {
     if (cpu_stat_fd == 0) {
         QORLOG(LOG_ERROR, "QOR Agent Error 4001-3:");

@@ -1,8 +1,8 @@
 // Processor figures of the machine and of this process.
 //
 // The machine's come from /proc/stat, which stays open and is re-read from its start. The process's come from
-// times(), except on Linux 2.4: there each thread is a process of its own, and the figure is summed over a
-// list of process ids that a shell pipeline gives.
+// times(), except on Linux 2.4: there each thread is a separate process, and the figure is summed over a
+// list of process ids that a shell pipeline prints.
 //
 // Called by the worker and by Java callers of getCpuData without a lock: two callers may disturb each other's
 // last reading, which is accepted for a figure on a display. The process list alone is guarded, as a torn
@@ -44,10 +44,10 @@ void init_cpu();
 
 // Processors of the machine, at least 1.
 int32_t getCpuCount();
-// The count that a text in the form of /proc/stat gives.
+// The count in a text of /proc/stat's form.
 int32_t QorCountCpuLines(FILE *stat);
 
-// One figure, by mode; 0 when it can't be had. Mode 0 opens the files and gives 0, and may be repeated.
+// One figure, by mode; 0 when it is unavailable. Mode 0 opens the files and returns 0, and may be repeated.
 int64_t qorsysinfo(int32_t mode);
 
 // The same figures by the source that suits the JVM: /proc, or its management extension on a Nimb JVM, which
@@ -69,6 +69,6 @@ int64_t QorGetOpenFileDescriptorInProcess();
 int32_t QorGetTotalReadCharPerThread(int32_t threadId, int64_t *count);
 int32_t QorGetTotalWriteCharPerThread(int32_t threadId, int64_t *count);
 
-// Moves the cursor from the word (or blanks) it stands on to the next word separated by blanks, copies that
+// Moves the cursor from the word (or blanks) it is on to the next word separated by blanks, copies that
 // into `size` bytes, cut where it is longer, and returns `out`; "" when there is no further word.
 char *next_word(const char **cursor, char *out, int32_t size);

@@ -1,7 +1,7 @@
 #include "symbol_lists.h"
 
-// Names in an old compiler's mangling stay as they stand: a library of a newer one hasn't got them, and a
-// build that can do without them is forgiven. Every tenth slot has its number behind it.
+// Names in an old compiler's mangling stay as they are: a library of a newer one hasn't got them, and a
+// build that can do without them is forgiven. Every tenth slot has its number after it.
 
 const char sunsymGCC3[] = "73"
                           "libjvm.so\0"

@@ -103,7 +103,7 @@ void DetachByItself() {
     EndThread(false);
 }
 
-// Ends the request in hand and goes back to the worker's loop. Returns when that loop isn't there.
+// Ends the current request and goes back to the worker's loop. Returns when that loop isn't there.
 void EndRequest(const Fault &fault, int32_t me) {
     if (sigJumpThread != me)
         return;

@@ -1,4 +1,4 @@
-// The host's own network addresses, for a console that must tell which hosts are one.
+// The host's own network addresses, for a console that must say which hosts are one.
 
 #include "natives.h"
 
@@ -23,7 +23,7 @@ namespace {
 constexpr int FIRST_ENTRIES = 16;
 constexpr int MAX_ENTRIES = 1023;
 
-// Lists the interfaces into `conf`; its buffer is the caller's to free. False when they can't be had.
+// Lists the interfaces into `conf`; its buffer is the caller's to free. False when they are unavailable.
 bool ListInterfaces(int socket, ifconf *conf) {
     for (int entries = FIRST_ENTRIES;; entries *= 2) {
         if (entries > MAX_ENTRIES) {

@@ -119,7 +119,7 @@ jobjectArray ThreadsOf(JNIEnv *env, const QorE2EBlock *list) {
     return threads;
 }
 
-// The delay of a second try when the first was slow: one hiccup is no figure.
+// The delay of a second try when the first was slow: one hiccup isn't a measurement.
 int32_t SchedulingDelay() {
     if (const int32_t first = GetOSRValue(); first <= SLOW_DELAY_USEC)
         return first;

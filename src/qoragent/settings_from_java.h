@@ -19,7 +19,7 @@ struct QorStartArguments {
 void QorStoreNumbers(const QorStartArguments *arguments);
 
 // Sets the level and with it the rule for locals. The levels without locals are 3 and 9; `bciLevel` is the
-// one of them that is told as the one where BCI fetches them. That locals are fetched is told at `usual`.
+// one of them that is logged as the one where BCI fetches them. That locals are fetched is logged at `usual`.
 void QorStoreLevel(int32_t level, int32_t bciLevel, QorLogThreshold usual);
 
 // JVM version, vendor and operating system, and what follows from them.
@@ -32,5 +32,5 @@ void QorOpenLog(JNIEnv *env, jstring destination);
 void QorStoreServerTexts(JNIEnv *env, const QorStartArguments *arguments);
 
 // Copies a Java string into `size` bytes, cut on a character boundary. A null string, or one whose characters
-// can't be had, leaves the destination as it was: false.
+// is unavailable, leaves the destination as it was: false.
 bool QorCopyJavaString(JNIEnv *env, jstring source, char *dest, int32_t size);

@@ -169,8 +169,8 @@ void OpenProcNet() {
         QORLOG(LOG_DETAIL, "Unable to get db connection status");
 }
 
-// The road is chosen on a thread of its own, so that whatever happens there does not happen to a Java thread.
-// False when that thread can't be had.
+// The road is chosen on a separate thread, so that whatever happens there does not happen to a Java thread.
+// False when that thread is unavailable.
 bool RunInitialization() {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);

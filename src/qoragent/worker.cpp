@@ -45,7 +45,7 @@ std::atomic<intptr_t> currentStart;
 std::atomic<intptr_t> starts;
 std::atomic<int32_t> liveWorkers;
 
-// True when this worker must leave. One that was asked to agrees by this, and can't be called back any more.
+// True when this worker must leave. Answering true to a request to leave is final.
 bool Outdated(intptr_t start) {
     intptr_t asked = -start;
     return currentStart.compare_exchange_strong(asked, 0) || asked != start;

@@ -19,6 +19,6 @@ void QorClearQueue();
 void add_queue_elem(uint64_t thread);
 void delete_queue_elem(QueueElem *elem);
 
-// The first element from number *at on, which is moved behind it; null at the end.
+// The first element from number *at on, which is moved after it; null at the end.
 QueueElem *QorNextInQueue(int32_t *at);
 int32_t QorQueueLength();

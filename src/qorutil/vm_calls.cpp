@@ -23,7 +23,7 @@ constexpr const char *TABLE_ENDINGS[] = {"nmethod", "Blob", "Adapter", "Stub", "
 constexpr uint32_t OSR_ADAPTER_ENTRY = 40; // bytes in the virtual table, in all listed builds
 
 struct BlobTable {
-    uint64_t head, end; // the first entry, and behind the last
+    uint64_t head, end; // the first entry, and after the last
     BlobAnswer answer;
     uint32_t traits;
 };

@@ -2,7 +2,7 @@
 //
 // What is read may be freed or moved meanwhile, so that any bytes can come; what goes out is bounded,
 // terminated, well-formed UTF-8 or modified UTF-8, and fit for a record: separators become blanks. A text
-// that is too long is cut in front of a character.
+// that is too long is cut before a character.
 //
 // Worker, or the initialisation thread; never while a thread is held, as a cut text is logged.
 #pragma once

@@ -96,7 +96,7 @@ extern const char type_char[VM_TYPE_COUNT + 1];
 
 // The roots.
 struct StartSymbol {
-    int32_t slot; // DirectSlot; "*" in front of the name: the symbol holds a pointer to the thing
+    int32_t slot; // DirectSlot; "*" before the name: the symbol holds a pointer to the thing
     int32_t type;
     const char *name;
     int32_t count; // elements of an array

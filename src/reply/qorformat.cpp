@@ -91,7 +91,7 @@ void QorAppendSystemData(QorText *out, const QorSystemFigures &figures) {
     QorAppendNumberField(out, static_cast<uint32_t>(figures.process));
     for (const uint32_t figure : {figures.minorCount, figures.majorCount, figures.heapPercent})
         QorAppendNumberField(out, figure);
-    char times[96]; // unsigned, also where a collector doesn't tell its time by -1
+    char times[96]; // unsigned, also where a collector reports no time by -1
     snprintf(times, sizeof times, "%lu%c%lu%c%lu%02lu", static_cast<unsigned long>(figures.minorTime),
              FIELD_SEP, static_cast<unsigned long>(figures.majorTime), FIELD_SEP,
              static_cast<unsigned long>(last_snap_time_hi), static_cast<unsigned long>(last_snap_time_lo));

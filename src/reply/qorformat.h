@@ -6,10 +6,10 @@
 
 #include <cstdint>
 
-constexpr char STATE_MARK = 14;       // in front of the state field, at optimisation level 3 only
-constexpr char FIELD_COUNT_MARK = 26; // behind the field count of a database detail block
+constexpr char STATE_MARK = 14;       // before the state field, at optimisation level 3 only
+constexpr char FIELD_COUNT_MARK = 26; // after the field count of a database detail block
 constexpr char RMI_MARK = 27;         // second mark of an RMI detail block
-constexpr char WAIT_DETAIL = 28;      // starts a detail block behind the state field
+constexpr char WAIT_DETAIL = 28;      // starts a detail block after the state field
 constexpr char FIELD_SEP = 29;
 constexpr char RECORD_END = 30; // also follows a section title
 constexpr char SECTION_END = 31;
@@ -44,7 +44,7 @@ constexpr char LABEL_OBJECT_NAME[] = "Object Name :";
 // In place of what a collection has moved while it was read; a section.
 constexpr char COLLECTOR_RUNNING[] = "Unable to complete Request GC running";
 
-// A label of the console behind a lock that a thread waits for.
+// A label of the console after a lock that a thread waits for.
 constexpr char VIEW_LOCK_HOLDER[] = "View Thread Holding this Lock";
 // In the place of the file where no line is known.
 constexpr char NO_LINE_FILE[] = "Native Method";
@@ -62,7 +62,7 @@ void InitResponseHeader(uint32_t reqid, char *header);
 // the console expects. Returns the length.
 int32_t QorFormatThreadKey(char *key, int32_t processId, int64_t threadId);
 
-// A text and its separator; a number and its separator; a title and the mark behind it.
+// A text and its separator; a number and its separator; a title and the mark after it.
 void QorAppendField(QorText *out, const char *text);
 void QorAppendNumberField(QorText *out, int64_t number);
 void QorAppendTitle(QorText *out, const char *title);

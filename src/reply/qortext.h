@@ -23,7 +23,7 @@ inline void QorTextStart(QorText *t, char *storage, int32_t size) {
     storage[0] = 0;
 }
 
-// Goes on behind what stands in `storage`; an unterminated one is cut at its last byte.
+// Goes on after what is in `storage`; an unterminated one is cut at its last byte.
 inline void QorTextContinue(QorText *t, char *storage, int32_t size) {
     *t = {storage, size, static_cast<int32_t>(strnlen(storage, static_cast<size_t>(size) - 1)), false};
     storage[t->length] = 0;
@@ -61,7 +61,7 @@ inline int32_t QorTextAppendChar(QorText *t, char c) {
     return QorTextAppend(t, &c, 1);
 }
 
-// Writes a number in decimal in front of `end`, at most 20 characters. Where it begins.
+// Writes a number in decimal before `end`, at most 20 characters. Where it begins.
 inline char *QorPutDigits(char *end, uint64_t value) {
     do
         *--end = static_cast<char>('0' + value % 10);

@@ -30,7 +30,7 @@ extern char console_thr_buf[CONSOLE_THR_BUF_SIZE];
 // without a file has `noFile`. No separator at the end.
 void QorAppendFrameGroup(QorText *out, const QorFrameRecord *frame, const char *noLine, const char *noFile);
 
-// The part of a stack row in front of the thread's id and the part behind the frame's index; they depend on
+// The part of a stack row before the thread's id and the part after the frame's index; they depend on
 // the method and the line alone. With thread id and index between them they are a whole row:
 //   RECORD_END call file line tid index methodId ^ ^
 void QorAppendStackRowHead(QorText *out, const QorFrameRecord *frame);
@@ -42,7 +42,8 @@ int32_t QorAppendSkipRow(QorText *out, int32_t skipped, int64_t threadId, int32_
 // The lock that a thread waits for, title included, nothing at the end.
 void QorAppendLockWaitRecord(QorText *out, const QorMonitorRecord *lock, int32_t processId);
 
-// A lock that a thread holds, with its RECORD_END. 1, or -1 when it didn't fit: then nothing of it stands.
+// A lock that a thread holds, with its RECORD_END. 1, or -1 when it didn't fit: then nothing of it is
+// written.
 int32_t QorAppendOwnedLockRecord(QorText *out, const QorMonitorRecord *lock);
 
 // What a thread is parked by that no thread owns, title included, nothing at the end.

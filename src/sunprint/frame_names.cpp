@@ -41,7 +41,7 @@ bool NextEntry(uint64_t table, int32_t *at, int32_t *bci, int64_t *line) {
     return true;
 }
 
-// The line of the last entry at or in front of `wanted`; 0 for none. A method may have no table: then bytes
+// The line of the last entry at or before `wanted`; 0 for none. A method may have no table: then bytes
 // of its neighbour are read, which is why what comes out is held against what a line can be.
 int32_t FindLine(uint64_t table, int32_t wanted) {
     int32_t best = -1, at = 0, bci = 0;

@@ -44,6 +44,6 @@ QorNaming QorNameFrame(const QorFrameInfo &frame, QorFrameNames *out);
 // A class name as it is shown: slashes as dots, ";" as a blank.
 void strip_slash(char *name);
 
-// The name of an object's class, as shown, into VM_SYMBOL_SIZE bytes; false, with "" there, for what is no
+// The name of an object's class, as shown, into VM_SYMBOL_SIZE bytes; false, with "" there, for what isn't a
 // object.
 bool QorClassNameOf(uint64_t object, char *out);

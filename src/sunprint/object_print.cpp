@@ -58,7 +58,7 @@ void EndRows(View *view) {
     view->out->size -= END_ROOM;
 }
 
-// Ends what began at `start`; it goes in whole, or the view ends in front of it.
+// Ends what began at `start`; it goes in whole, or the view ends before it.
 bool EndWhole(View *view, int32_t start, char mark) {
     QorTextAppendChar(view->out, mark);
     if (view->out->refused) {

@@ -14,7 +14,7 @@ extern QorDumpFile logfile; // the dump that is being written; the worker opens 
 enum : int32_t { ROOT_OF_FRAME = -2 }; // a root's type where the stack says nothing of it
 enum : char { FRAME_LETTER = 'a' };    // the letter of a thread's roots
 
-// What stands in front of a root's name, "" or text that ends in a bar. Written by the walk of the threads.
+// What is before a root's name, "" or text that ends in a bar. Written by the walk of the threads.
 enum : int32_t { PREPEND_SIZE = 8192 };
 extern char prepend_str[PREPEND_SIZE];
 

@@ -26,5 +26,5 @@ struct QorCodeCopy {
 void QorReadCodeCopy(uint64_t thread, QorCodeCopy *out);
 
 // An address in the copy as that of the code copied; any other address, and one that would leave the code
-// cache, as it stands.
+// cache, as it is.
 uint64_t QorTranslatePc(const QorCodeCopy &copy, const QorCodeRanges &code, uint64_t pc);

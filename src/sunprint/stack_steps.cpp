@@ -139,7 +139,7 @@ QorWalkEnd StepToSender(QorStackWalk *walk) {
     return WALK_GOES_ON;
 }
 
-// From the stub through which the JVM called into Java, to the Java frame in front of that call.
+// From the stub through which the JVM called into Java, to the Java frame before that call.
 QorWalkEnd CrossCallStub(QorStackWalk *walk) {
     QorRegisters &at = walk->at;
     uint64_t wrapper = 0, sp = 0, fp = 0;

@@ -1,7 +1,7 @@
 // The walk of one stack, frame by frame, from the registers where it begins.
 //
 // Interpreted frames are linked by fp, compiled ones have a size; between them are adapters and the JVM's
-// stubs, and where the JVM called into Java the anchor of the frame in front of the call. The stack may
+// stubs, and where the JVM called into Java the anchor of the frame before the call. The stack may
 // change meanwhile, so that anything may come from it: each step must lead upwards, and their number has a
 // bound.
 //

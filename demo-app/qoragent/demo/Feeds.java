@@ -81,7 +81,7 @@ final class Feeds {
             super("demo-file-read", Thread.State.RUNNABLE, "readBytes");
             File dir = Files.createTempDirectory("qoragent-demo").toFile();
             pipe = new File(dir, "prices");
-            dir.deleteOnExit(); // behind the pipe: the last one told goes first
+            dir.deleteOnExit(); // after the pipe: the last one told goes first
             pipe.deleteOnExit();
             if (new ProcessBuilder("mkfifo", pipe.getPath()).inheritIO().start().waitFor() != 0)
                 throw new IOException("mkfifo " + pipe + " failed");

@@ -3,7 +3,7 @@
 // One walk over all threads decides for each whether it is worth showing, finds its first user call and
 // writes one record for it. While the view filters, a thread that a rule calls idle by its name costs nothing
 // but its name, and one that turns out idle costs its frames. A record goes into the reply whole or not at
-// all: when the reply is full the walk ends behind the last whole record.
+// all: when the reply is full the walk ends after the last whole record.
 //
 // Worker only.
 #pragma once

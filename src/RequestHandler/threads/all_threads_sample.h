@@ -26,10 +26,10 @@ struct QorSample {
     int64_t deepestThread;
 };
 
-// What the frames of one thread told.
+// What the frames of one thread say.
 struct QorThreadWalk {
     QorThreadRecord thread;
-    char key[THREAD_KEY_SIZE]; // the thread's key; the rows show its part behind the dash
+    char key[THREAD_KEY_SIZE]; // the thread's key; the rows show its part after the dash
     const char *threadId;
     int32_t threadIdLength;
     bool userCallFound;  // the frames so far hold the user call that counts
@@ -38,11 +38,11 @@ struct QorThreadWalk {
     int32_t processed;   // frames read
     bool userCallIsIdle; // a rule says so
     QorText currentCall; // frame group of the current call, in console_frame_buf
-    QorText stackRows;   // in console_thr_buf, with room for a skip row behind them
+    QorText stackRows;   // in console_thr_buf, with room for a skip row after them
     bool rowsFull;       // the rows have met one without room
     QorXtierFlags xtier;
     QorFramework framework; // of the framework frame whose data may take the current call's place
-    int32_t frameworkRow;   // length of the stack rows in front of that frame's, -1 when not noted
+    int32_t frameworkRow;   // length of the stack rows before that frame's, -1 when not noted
 };
 
 // Whether a sample gathers the data of its threads for the Java side.
@@ -51,6 +51,6 @@ bool QorCarriesThreadData(uint32_t reqid);
 // Walks the frames of the thread, refining its state, finding its current call and writing its stack rows.
 void QorWalkFrames(QorSample *sample, QorThreadWalk *walk);
 
-// Appends the record of the thread. 0, or -1 when the sample must end: the reply is full, and ends behind the
+// Appends the record of the thread. 0, or -1 when the sample must end: the reply is full, and ends after the
 // record before, or there is no memory for the thread's end-to-end block.
 int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk);

@@ -28,7 +28,7 @@ constexpr char REMOTE_MARK = 15;
 
 constexpr char READ_RULE[] = "\x1drule=read";
 
-// The log threshold of what is told of every request.
+// The log threshold of what is logged about every request.
 int32_t Traced() {
     return qorIsPollOrTrace ? LOG_TRACE : LOG_DETAIL;
 }
@@ -74,7 +74,7 @@ void Store(JNIEnv *env, const JavaArguments &to, int32_t number, jstring text) {
     env->SetObjectArrayElement(to.strings, to.count * TEXTS_PER_THREAD + number, text);
 }
 
-// Puts text `number` of the thread at hand. The array is made of empty texts.
+// Puts text `number` of the current thread. The array is made of empty texts.
 void PutText(JNIEnv *env, const JavaArguments &to, int32_t number, const char *text) {
     if (!text[0])
         return;
@@ -265,7 +265,7 @@ bool PutHeader(Merge *merge, const char *title) {
     return Put(merge, header);
 }
 
-// The title of the next record: at the start of the reply or behind a section. Anywhere else the words
+// The title of the next record: at the start of the reply or after a section. Anywhere else the words
 // are a value's.
 const char *FindRecordTitle(const char *from) {
     const char *found = strstr(from, TITLE_THREAD_DETAILS);
@@ -331,14 +331,14 @@ bool TakeAnswerPart(Merge *merge, AnswerPart *part) {
     QORLOG(Traced(), "checkAppendInfo: Processing from ext_ returns for Thread : %.10s", text.from);
     merge->answer.from = end + 1;
     *part = {Enclosed(text, FRAMEWORK_MARK), Enclosed(text, REMOTE_MARK), {Find(text, FIELD_SEP), end}};
-    // Marked texts in front of the start mark may hold separators of their own.
+    // Marked texts before the start mark may hold separators of their own.
     for (const Piece &marked : {part->framework, part->remote})
         if (marked.from && marked.from <= part->endToEnd.from && marked.to >= part->endToEnd.from)
             part->endToEnd.from = Find({marked.to, end}, FIELD_SEP);
     return part->endToEnd.from;
 }
 
-// At the level of the marks the answer may stand in place of the state field and of what follows it.
+// At the level of the marks the answer may be in place of the state field and of what follows it.
 bool PutMarked(Merge *merge, const ReplyPart &old, AnswerPart *part) {
     for (const Piece &marked : {part->framework, part->remote})
         if (marked.from && marked.to >= part->endToEnd.from)

@@ -1,7 +1,7 @@
 // What the Java side knows of a sample's threads, spliced into the reply.
 //
 // qoragent.cJavaCall.cjavacalls is handed the threads of the end-to-end list and what the sample gathered for
-// each; its answer's pieces go into `pagebuf` behind each thread's part.
+// each; its answer's pieces go into `pagebuf` after each thread's part.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@ extern std::atomic<int32_t> flagcompiled_java_code;
 // each block, null for a thread that has ended; or null.
 using QorThreadFinder = jobjectArray (*)(JNIEnv *env, const QorE2EBlock *list);
 
-// Asks and merges. The reply stands as the views wrote it unless the whole merge worked. The end-to-end list
+// Asks and merges. The reply stays as the views wrote it unless the whole merge worked. The end-to-end list
 // is empty on return, whatever happened. JVMTI road: worker, at the end of a sample, `find` null. Direct
 // road: the caller, who has the worker's lists and the reply to itself, once the reply is complete.
 void checkAndAppendInfo(JNIEnv *env, QorThreadFinder find);

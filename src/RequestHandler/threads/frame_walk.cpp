@@ -16,7 +16,7 @@ void EndRows(QorThreadWalk *walk, const QorFrameHandle &frames) {
     QorAppendSkipRow(&walk->stackRows, frames.count - frames.index, walk->thread.tid, frames.index);
 }
 
-// In a long stack only the frames down to the first user call, half of the recorded depth behind it and the
+// In a long stack only the frames down to the first user call, half of the recorded depth after it and the
 // other half at the bottom are kept. Jumps over the rest once that place is reached; a stack that turns out
 // too short for it is not looked at again.
 void SkipMiddle(QorSample *sample, QorThreadWalk *walk) {
@@ -80,7 +80,7 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
     for (frames.index = 0; frames.index < frames.count; ++frames.index) {
         SkipMiddle(sample, walk);
         if (frames.index >= frames.count)
-            return; // nothing is recorded behind the user call
+            return; // nothing is recorded after the user call
         ++walk->processed;
         QorFrameShape *shape = QorFindFrameShape(&frames);
         if (!shape)
@@ -94,7 +94,7 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
         if (!walk->userCallFound)
             NoteCurrentCall(walk, frame, framework, sample->filtering);
         if (!sample->writesStacks || walk->rowsFull)
-            continue; // the frames still tell of state and current call
+            continue; // the frames still show state and current call
         if (framework != FRAMEWORK_NONE)
             NoteFrameworkRow(walk);
         if (QorAppendStackRow(&walk->stackRows, shape, walk->threadId, walk->threadIdLength, frames.index) <

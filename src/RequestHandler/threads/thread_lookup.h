@@ -7,7 +7,7 @@
 #include <cstdint>
 
 // Moves the cursor of a started walk to the thread with this key and fills its record. False when no thread
-// of the walk has it; a null key is no thread's.
+// of the walk has it; a null key matches no thread.
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread);
 
 // "user" or "sys", the type column of a frame.

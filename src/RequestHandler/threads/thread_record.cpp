@@ -36,7 +36,7 @@ bool ReadsAtOnce() {
     return gbQorRELocal && !gbQorSkipLocal;
 }
 
-// Name, request and identity: the columns in front of the current call. The URL of a request is known by now
+// Name, request and identity: the columns before the current call. The URL of a request is known by now
 // only to who reads at once.
 void AppendIdentity(const QorSample &sample, const QorThreadWalk &walk, QorXtierPositions *at) {
     QorText *out = sample.reply;
@@ -100,7 +100,7 @@ void AppendSections(QorSample *sample, const QorThreadWalk &walk, QorXtierPositi
         at->stackCallStart = at->stackCallEnd = out->length + walk.frameworkRow;
     QorTextAppend(out, walk.stackRows.text, walk.stackRows.length);
     if (out->refused)
-        return; // the record will not stand, so its locks need not be asked for
+        return; // the record won't be written, so its locks need not be asked for
 
     ThreadLocks locks;
     ReadLocks(sample, walk.thread, &locks);

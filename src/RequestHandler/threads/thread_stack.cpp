@@ -125,7 +125,7 @@ void ShowFramework(StackTexts *texts, const char *name, int64_t tid) {
 }
 
 // Reads all frames: rows, current call and the state that they refine. The current call is the first user
-// call, or the bottom frame when there is none; a framework frame is none, as its data will stand there.
+// call, or the bottom frame when there is none; a framework frame is none, as its data will be there.
 void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, StackTexts *texts) {
     bool userCallFound = false, full = false;
     QorXtierFlags xtier = {};
@@ -145,7 +145,7 @@ void ReadFrames(QorFrameHandle *frames, QorThreadRecord *thread, StackTexts *tex
         }
         if (framework != FRAMEWORK_NONE)
             HoldPlace(&texts->rows, &texts->place, framework, frame.fileName);
-        if (!full) // rows behind a hole would pass for the next ones
+        if (!full) // rows after a hole would pass for the next ones
             full = AppendFrameRow(&texts->rows, &frame, thread->tid) < 0;
     }
     qorReplyIsCut |= full;
@@ -165,7 +165,7 @@ bool AppendContendedLock(QorText *reply, QorThreadHandle *handle, const QorThrea
     return true;
 }
 
-// The head of the thread in front of its frames' data: title, name and the column behind it.
+// The head of the thread before its frames' data: title, name and the column after it.
 void AppendHead(QorText *reply, uint32_t reqid, const QorThreadRecord &thread) {
     char title[TITLE_SIZE];
     InitResponseHeader(reqid, title);

@@ -5,5 +5,5 @@
 
 #include <cstdint>
 
-// Appends the stack view of the thread whose key is args[1]. An unknown thread leaves the reply as it stands.
+// Appends the stack view of the thread whose key is args[1]. An unknown thread leaves the reply as it is.
 void QorShowThreadStackRequest(uint32_t reqid, QorText *reply, char **args);

@@ -59,7 +59,7 @@ struct QorJSPRequestData {
     int32_t groovyCurrentIndex;  // -1 absent
 };
 
-// The record of the thread at hand; half a megabyte, so there is one.
+// The record of the current thread; half a megabyte, so there is one.
 extern QorJSPRequestData objQorJSPRequestData;
 
 struct QorRmiCallData {

@@ -23,8 +23,8 @@ char *Cut(char *text, const char *ends) {
     return at + 1;
 }
 
-// False when there is no such field. A class that another thread is initialising tells nothing of its fields,
-// which only the log of a table's path takes for missing ones.
+// False when there is no such field. A class that another thread is initialising says nothing about its
+// fields, which only the log of a table's path takes for missing ones.
 bool ReadField(jobject owner, const char *name, const char *signature, QorPathLog log, jobject *found) {
     if (log == PATH_LOGGED)
         return QorGetObjField(owner, name, signature, found) == 0;
@@ -96,7 +96,7 @@ void ReadArray(char mark, char *end, jobject owner, QorPathEnd *at) {
 }
 
 // Goes one step from the owner. False when the path ends here; a field that isn't there or holds nothing
-// gives null, at which the next step ends.
+// returns null, at which the next step ends.
 bool Follow(char *step, int32_t number, jobject owner, QorPathLog log, QorPathEnd *at) {
     at->object = nullptr;
     char *const comma = strrchr(step, ',');

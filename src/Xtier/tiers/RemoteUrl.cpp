@@ -36,7 +36,7 @@ Text Take(Text *text, const char *ends) {
     return taken;
 }
 
-// 0 for what is no port.
+// 0 for what isn't a port.
 int32_t PortOf(Text digits) {
     int32_t port = 0;
     for (const char c : digits) {

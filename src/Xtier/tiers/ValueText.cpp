@@ -12,7 +12,7 @@ namespace {
 
 constexpr jsize CHUNK_CHARS = 512;
 constexpr int32_t BYTES_PER_CHAR = 3; // the most that a char takes in modified UTF-8
-// Appends what fits of the chars from `start` on. False when some did not fit or can't be had.
+// Appends what fits of the chars from `start` on. False when some did not fit or is unavailable.
 bool AppendChars(jstring str, jsize start, jsize count, char *dest, int32_t *used, int32_t capacity) {
     char chunk[CHUNK_CHARS * BYTES_PER_CHAR + 1] = {}; // not every JVM terminates what it copies
     jvmtijni_env->GetStringUTFRegion(str, start, count, chunk);

@@ -11,15 +11,15 @@
 #include <jni.h>
 
 // A String's text into `capacity` bytes (terminator included, at least 1), cut at a character; *cut tells
-// whether it was. 0, or -1 for a dead reference; null or unread gives "". No more of a long string is copied
-// than fits.
+// whether it was. 0, or -1 for a dead reference; null or unread returns "". No more of a long string is
+// copied than fits.
 int32_t QorCopyStringText(jstring str, char *dest, int32_t capacity, bool *cut);
 
 // The same, fit for a record.
 int32_t QorReadValueText(jstring str, char *dest, int32_t capacity);
 
 // The String in a field of an object, by the same rules. 0, or -1 with `dest` empty: no such field. A null
-// string counts as found and gives "".
+// string counts as found and returns "".
 int32_t QorReadStringField(jobject object, const char *field, char *dest, int32_t capacity);
 
 // The text in a range of a byte array, cut at a character and fit for a record: bytes of no known encoding.
@@ -27,5 +27,5 @@ int32_t QorReadStringField(jobject object, const char *field, char *dest, int32_
 void QorReadByteText(jbyteArray bytes, int32_t offset, int32_t length, char *dest, int32_t capacity);
 
 // Replaces what is secret in a URL by "***": the value of each property whose name ends in "password",
-// "passwd", "pwd", "secret" or "token", and what follows the user in front of an "@". The text doesn't grow.
+// "passwd", "pwd", "secret" or "token", and what follows the user before an "@". The text doesn't grow.
 void QorHidePasswords(char *url);

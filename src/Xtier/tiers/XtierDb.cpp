@@ -36,7 +36,7 @@ struct UserFields {
 int32_t iStatementObjectStatus[DRIVER_CLASSES];
 int32_t failedTries;
 
-// A class that another thread is initialising tells nothing of what its version has.
+// A class that another thread is initialising says nothing about what its version has.
 bool IsReadable(jobject object) {
     jclass klass = QorGetObjectClass(jvmtijni_env, object);
     const bool readable = klass && QorIsClassInitialized(klass);

@@ -53,7 +53,7 @@ void QorExtractDBSocketData(int64_t fd, QorDBRequestData *record);
 // Reads a statement of the Sybase driver. Its frames are not listed.
 void QorExtractDbInfoFromSybaseDriver(jobject statement, QorDBRequestData *record); // nothing calls it
 
-// The 13-character id of a SQL text, from the Java side, into 16 bytes; untouched when it can't be had.
+// The 13-character id of a SQL text, from the Java side, into 16 bytes; untouched when it is unavailable.
 void getSqlIdFromSqlText(jstring sql, char *id);
 
 // Puts "!", the id of the whole text and "!" at the end of a text cut at gbSqlQueryLength.

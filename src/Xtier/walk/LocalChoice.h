@@ -1,5 +1,5 @@
 // From the findings of a walk for locals to the objects: back from tags to references, and which of a frame's
-// objects is the one that tells what it does.
+// objects is the one that says what it does.
 //
 // Worker only, within a local frame of the caller's that has room for the references (QorCountFoundObjects).
 #pragma once
@@ -19,7 +19,7 @@ int32_t QorFetchFoundObjects(QorLocalWalk *walk);
 
 // The object of the frame, a reference that is not the caller's own, with its class's signature (or, for an
 // entity, that of the event beside it) in LOCAL_SIGNATURE_SIZE bytes; null and "" when there is none. `ends`
-// tells whether the search ends at a signature. With `env` classes are marked there as what they turn out to
+// says whether the search ends at a signature. With `env` classes are marked there as what they turn out to
 // be.
 jobject QorChooseLocalObject(const QorLocalWalk &walk, const QorWantedFrame &frame,
                              bool (*ends)(const char *), jvmtiEnv *env, char *signature);

@@ -119,7 +119,7 @@ bool IsOutOfTime(QorLocalWalk *walk) {
 }
 
 // Makes a prepared reference refer to the object. On the JVM builds that getObjOpt names the object's address
-// stands two words in front of its tag, and a global reference is the address of a word that holds an
+// is two words before its tag, and a global reference is the address of a word that holds an
 // object's.
 void PutIntoSlot(QorWantedFrame *frame, const jlong *tagPtr) {
     if (!tagPtr || frame->hits >= LOCAL_OBJECT_SLOTS || !frame->record->localObjects[frame->hits])

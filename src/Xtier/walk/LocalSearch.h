@@ -2,7 +2,7 @@
 //
 // The wanted frames are indexed before the walk, the found objects are put down as pairs of frame and tag,
 // and nothing is allocated, logged or asked of the JVM in between. All of it belongs to the walk at hand: the
-// worker prepares it and reads it, the callbacks fill it while the JVM stands.
+// worker prepares it and reads it, the callbacks fill it while the JVM is paused.
 #pragma once
 
 #include "Xtier/tiers/LocalList.h"
@@ -48,7 +48,7 @@ enum QorLocalWalkEnd : int32_t {
     WALK_OUT_OF_TIME,
     WALK_THREADS_SEEN,  // all wanted threads were met
     WALK_RECORDS_HIT,   // all records have an object
-    WALK_BEHIND_STACKS, // a root that is reported behind all stacks
+    WALK_BEHIND_STACKS, // a root that is reported after all stacks
     WALK_HEAP_REACHED,  // a reference from object to object
     WALK_FRAME_LEFT,    // the one frame is complete
 };
@@ -57,7 +57,7 @@ struct QorLocalWalkOutcome {
     QorLocalWalkEnd end;
     int32_t kind;         // of the reference at which the walk was ended
     int64_t usec;         // time taken until then
-    int32_t missingInfos; // stack locals that the JVM told nothing of
+    int32_t missingInfos; // stack locals that the JVM said nothing about
     int32_t passedOver;   // objects that found no room
     int32_t notLookedUp;  // objects left for lack of time after the walk
 };

@@ -1,4 +1,4 @@
-// A walk tags the objects that it finds by numbers of its own, in an environment of its own, and takes the
+// A walk tags the objects that it finds by its own numbers, in a separate environment, and takes the
 // tags away again: an object can be a local of many frames, and the tags by which the session knows objects
 // stay as they are. Only marks on classes stay, which say whether their objects can be of interest, so that
 // the next walk passes over the bulk of the locals in the callback: looking up tags costs the JVM the square

@@ -39,7 +39,7 @@ void checkGetObjOpt();
 // objLocalVarHandle null then.
 int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list);
 
-// Reads the object of the frame of `method` on the thread with this Java thread id, by a walk of its own. 0,
+// Reads the object of the frame of `method` on the thread with this Java thread id, by a separate walk. 0,
 // or -1 with object and class cleared: no locals, or a quota of 0. The references belong to the caller's
 // local frame.
 int32_t QorGetLocalObject(int64_t tid, int64_t method, QorLocalObjectRecord *record);

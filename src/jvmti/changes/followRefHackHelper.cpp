@@ -13,7 +13,7 @@ void *gbQorCollectedHeapHack;
 
 namespace {
 
-// What set, reset and the object's methods have noted since the last check. Written while the JVM stands
+// What set, reset and the object's methods have noted since the last check. Written while the JVM is
 // still, on its thread, or by a thread that enters the heap in that span; read and cleared by the worker.
 uint64_t heapChecks; // a bit for each number
 bool setNoted, resetNoted;

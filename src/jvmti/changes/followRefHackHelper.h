@@ -2,7 +2,7 @@
 // addresses inside its library, and are asked for at optimisation level 1 only. Without the address each of
 // them does nothing.
 //
-// The walk's guard: once a walk's callback has asked for the end, the JVM still has work of its own to do.
+// The walk's guard: once a walk's callback has asked for the end, the JVM still has work to do.
 // For that span its pointer to the heap object leads to an object of the agent's, whose methods put the true
 // pointer back and do nothing else. Only the JVMs of Sun's 1.6 before update 50 get it.
 #pragma once
@@ -23,7 +23,7 @@ void init_LockCapabilitiesHack(jvmtiEnv *env);
 void init_FollowRefHack();
 
 // Puts the agent's object in place. For a heap walk's callback, right before it asks for the end: it writes
-// one word and logs nothing, as the JVM stands still and may stand on the log's lock.
+// one word and logs nothing, as the JVM is paused and may be on the log's lock.
 void set_FollowRefHack();
 
 // Puts the true object back. Any thread of the JVM, by way of the agent's object; logs nothing either.

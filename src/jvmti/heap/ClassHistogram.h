@@ -1,8 +1,8 @@
 // The class histogram: instances and bytes of each loaded class, in one pass over the heap.
 //
 // Classes are tagged by their place in the list, and the pass only adds up; no object is tagged or kept. The
-// JVM stands still for the pass. Dead objects that the collector has not taken yet are counted, as the JVM
-// reports them. Where forking is on, a copy of the process makes the pass, and the JVM stands still for the
+// JVM is paused for the pass. Dead objects that the collector has not taken yet are counted, as the JVM
+// reports them. Where forking is on, a copy of the process makes the pass, and the JVM is paused for the
 // fork alone; see ForkedHistogram.h for what is then counted. Worker only.
 #pragma once
 
@@ -16,7 +16,7 @@ struct QorClassCountEntry {
 
 extern int32_t gbiclassCount;      // entries of the pass
 extern const char *qorNoHistogram; // why the last pass was refused or failed, for the reply; null for nothing
-extern int64_t qorHistogramAge;    // seconds since the heap was as the last pass tells; -1: of this request
+extern int64_t qorHistogramAge;    // seconds since the heap was as the last pass found; -1: of this request
 
 // Counts and sorts by size, smallest first. 0, or -1 with *count 0 and *entries null. The caller gives the
 // entries back by QorFreeClassCounts.

@@ -95,7 +95,7 @@ int32_t CountInheritedFields(jclass klass) {
     return count;
 }
 
-// "length|text" and the end of the line, behind what stands at `p`.
+// "length|text" and the end of the line, after what is at `p`.
 void WriteLengthAndText(char *p, const char *text) {
     const size_t length = strlen(text);
     p = QorPutChar(QorPutHex(p, length), '|');

@@ -40,7 +40,7 @@ inline jint GoOn() {
     return __builtin_expect(fp.error, 0) ? JVMTI_VISIT_ABORT : JVMTI_VISIT_OBJECTS;
 }
 
-// "referrer|size|class" behind what stands at `p`, and the end of the line.
+// "referrer|size|class" after what is at `p`, and the end of the line.
 inline char *PutReferrer(char *p, const Reference &ref, int64_t classNumber) {
     p = QorPutSigned(p, ref.referrer);
     p = QorPutChar(p, '|');
@@ -94,7 +94,7 @@ void StartArray(const Reference &ref) {
     lastArrayReferrer = ref.referrer;
     char *p = QorPutText(QorDumpReserve(&fp, DUMP_LEAST_BUFFER), "A[");
     QorDumpCommit(&fp, p);
-    // In one piece, so that the count never stands half in the buffer and half in the file.
+    // In one piece, so that the count is never half in the buffer and half in the file.
     p = QorDumpReserve(&fp, DUMP_LEAST_BUFFER);
     gbiFpPos = QorGetCurrentPos(&fp);
     igbfpSet = 1;
@@ -148,7 +148,7 @@ void WriteRoot(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, 
     const bool isLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL || kind == JVMTI_HEAP_REFERENCE_JNI_LOCAL;
     if (isLocal && !info)
         return;
-    // Behind the roots come the locals of virtual threads. The line of a class would stand there for an
+    // After the roots come the locals of virtual threads. The line of a class would be there for an
     // object of it.
     if (isLocal && ref.object <= LARGEST_CLASS_NUMBER && !inObjects)
         kind = JVMTI_HEAP_REFERENCE_SYSTEM_CLASS;

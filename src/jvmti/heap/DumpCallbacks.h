@@ -1,6 +1,6 @@
 // The walk's callbacks: each reference and each array of primitives becomes a record of the dump.
 //
-// They run inside the JVM while it stands still, on a thread that is not the dump's own. So they call neither
+// They run inside the JVM while it is paused, on a thread that is not the dump's own. So they call neither
 // JNI nor JVMTI, take no lock, allocate nothing and write no log. Each answers that the walk goes on, until
 // the file has failed.
 #pragma once

@@ -24,7 +24,7 @@ extern int64_t iHeapObjectStartNum;   // the next object's number
 extern QorTagClassEntry *objTagClass; // the loaded classes, null between dumps
 extern int64_t igbTagClassCount;      // its entries
 extern int32_t igbfpSet;              // 1 while an array header waits for its count
-extern int64_t gbiFpPos;              // where that count stands in the file
+extern int64_t gbiFpPos;              // where that count is in the file
 extern int32_t igbArrayElementlength; // elements counted for it
 extern int64_t iQorStrArrSize;        // of no effect
 

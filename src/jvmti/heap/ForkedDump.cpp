@@ -23,7 +23,7 @@ constexpr jint FRAME_CAPACITY = 16;
 QorDumpFile classRecords; // their text, composed before the fork
 
 // Objects that some reference has led to, and those that the walk has been in. While they differ the walk
-// can't be over, however quiet it is. Class objects are left out: the walk doesn't tell when it is in them.
+// can't be over, however quiet it is. Class objects are left out: the walk doesn't say when it is in them.
 // Read by the copy's watching thread.
 volatile int64_t objectsMet, objectsVisited;
 int64_t classOfClasses; // number of java.lang.Class

@@ -1,4 +1,4 @@
-// The text heap dump, written by a copy of the process: the JVM stands still for the fork alone.
+// The text heap dump, written by a copy of the process: the JVM is paused for the fork alone.
 //
 // The file is the one that QorHeapDump writes. Everything that needs the JVM is taken before the fork, the
 // records of the classes included; so the copy needs nobody to complete its file.

@@ -1,4 +1,4 @@
-// A heap walk in a copy of the process, so that the JVM stands still for the fork alone.
+// A heap walk in a copy of the process, so that the JVM is paused for the fork alone.
 //
 // A copy made anywhere else couldn't walk: the thread that does, the JVM's own, would be missing. So the walk
 // is begun as any other, and its first callback makes the copy, on that thread and with everything stopped.
@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <jvmti.h>
 
-// Whether the request in hand is answered by a copy: as its flags say, else as the setting does.
+// Whether the current request is answered by a copy: as its flags say, else as the setting does.
 bool QorWantsCopy();
 
 // The heap as the JVM counts it, and as a new object shows where it is: what can't be found counts as shared.

@@ -17,7 +17,7 @@ enum : int32_t { MAJOR, MINOR };
 constexpr const char *MAJOR_COLLECTORS[] = {"MarkSweep", "Old", "Major"};
 constexpr char CYCLES[] = "Cycles", CONCURRENT[] = "Concurrent";
 
-// What is said when a call throws, and when it gives null (a null text: it cannot).
+// What is said when a call throws, and when it returns null (a null text: it cannot).
 struct Complaint {
     const char *threw, *null;
 };

@@ -1,6 +1,6 @@
 // The JVM's garbage collectors: each by the name of its bean, and added up in two rows, major and minor.
 //
-// A bean whose name ends in "Cycles" or holds the word "Concurrent" tells of work beside the application and
+// A bean whose name ends in "Cycles" or holds the word "Concurrent" reports work beside the application and
 // is in neither row. Of the others one whose name holds "MarkSweep", "Old" or "Major" is major, any other
 // minor. Where the beans may not be asked, the one total of the management table is all there is.
 //
@@ -15,11 +15,11 @@ enum : int32_t { GC_NAME_SIZE = 128, GC_ENTRIES = 2, MAX_COLLECTORS = 16 };
 struct QorGCSummaryEntry {
     int32_t index; // from 1
     char name[GC_NAME_SIZE];
-    uint32_t count; // collections so far, cut to 32 bits; all ones when a collector doesn't tell
-    int64_t time;   // milliseconds spent so far, -1 when a collector doesn't tell
+    uint32_t count; // collections so far, cut to 32 bits; all ones when a collector doesn't report it
+    int64_t time;   // milliseconds spent so far, -1 when a collector doesn't report it
 };
 
-// A collector bean, with -1 for what it doesn't tell.
+// A collector bean, with -1 for what it doesn't report.
 struct QorCollector {
     char name[GC_NAME_SIZE];
     int64_t count, time; // collections so far, and milliseconds spent in them

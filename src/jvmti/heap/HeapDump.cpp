@@ -40,7 +40,7 @@ constexpr jint FRAME_CAPACITY = 16;
 time_t dumpStart;
 
 // Whether the machine can give the JVM the memory for a tag on every object. The objects are only counted,
-// which stops the JVM, when the heap's size alone does not tell.
+// which stops the JVM, when the heap's size alone doesn't decide it.
 bool TagsFitInMemory() {
     const uint64_t headroom = QorMemoryHeadroom();
     if (headroom / TAG_COST >= QorGetUsedMemory() / LEAST_OBJECT_SIZE)

@@ -1,6 +1,6 @@
 // Heap dumps that the JVM writes itself: Hprof by its management table, PHD by an extension of IBM's.
 //
-// The agent only names the file. No lock is held around the call; the JVM stands still for the dump. Hprof
+// The agent only names the file. No lock is held around the call; the JVM is paused for the dump. Hprof
 // files hold live objects only, are their owner's alone, and never replace a file.
 //
 // A result of 0 says that nothing went wrong on the way to the JVM, not that there is a file: for that look

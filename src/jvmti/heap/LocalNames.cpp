@@ -108,7 +108,7 @@ int32_t TakeText(char *dest, char *source) {
     return length;
 }
 
-// The declaring class with its separator into `dest`, "" when it can't be had. The length.
+// The declaring class with its separator into `dest`, "" when it is unavailable. The length.
 int32_t ReadClassPart(jmethodID method, char *dest) {
     jclass klass = nullptr;
     char *signature = nullptr;

@@ -34,9 +34,9 @@ int32_t QorCloseHeapSummaryHandle();
 // out of the old pool's) where the JVM has the extended table, else 1 row for the whole heap.
 int32_t QorGetMemorySummary(QorHeapSummaryEntry **entries);
 
-// A size by a method of java.lang.Runtime, such as "totalMemory"; 0 when it can't be had.
+// A size by a method of java.lang.Runtime, such as "totalMemory"; 0 when it is unavailable.
 int64_t QorGetMemory(const char *methodName); // nothing calls it
 
 // Adds the number of objects in the heap, those that no one refers to any more included, to *counter. The JVM
-// stands still meanwhile, some 30 ms per million objects. 0, or -1 when the JVM refuses.
+// is paused meanwhile, some 30 ms per million objects. 0, or -1 when the JVM refuses.
 int32_t QorGetHeapObjectCount(int64_t *counter);

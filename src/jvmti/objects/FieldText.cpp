@@ -76,7 +76,7 @@ const char *ShowNumber(T value, ElementText &text) {
     return text;
 }
 
-// Joins the first elements, as many as are shown and fit. False when they can't be had.
+// Joins the first elements, as many as are shown and fit. False when they are unavailable.
 template <typename T, typename Array, void (JNIEnv::*getRegion)(Array, jsize, jsize, T *),
           const char *(*show)(T, ElementText &)>
 bool Join(jobject array, QorText *text) {
@@ -130,7 +130,7 @@ const ArrayRow *FindArrayRow(int32_t typeCode) {
     return nullptr;
 }
 
-// A local is always an object, so these kinds can't come up; should they, the log tells which.
+// A local is always an object, so these kinds can't come up; should they, the log says which.
 struct WordRow {
     int32_t code;
     const char *word;
@@ -176,7 +176,7 @@ void QorReadArrayText(int32_t typeCode, jobject array, char *value) {
     QorText text;
     QorTextStart(&text, storage, sizeof storage);
     if (!array || QorIsSameObject(jvmtijni_env, array, nullptr))
-        QORLOG(LOG_DETAIL, "%s", row->failure); // a null array is no error
+        QORLOG(LOG_DETAIL, "%s", row->failure); // a null array isn't an error
     else if (!row->join(array, &text))
         QORLOG_RATIONED(LOG_ERROR, "%s", row->failure);
     else if (text.length > 0)

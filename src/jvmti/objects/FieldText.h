@@ -46,7 +46,7 @@ struct QorFieldRecord {
     int64_t tag;                 // of the object referred to; 0 for a value
     int32_t modifier;            // QorModifier; not used for a local
     char name[FIELD_TEXT_SIZE];  // not used for a local
-    char type[FIELD_TEXT_SIZE];  // kind or signature, behind the word of a field's modifier
+    char type[FIELD_TEXT_SIZE];  // kind or signature, after the word of a field's modifier
     char value[FIELD_TEXT_SIZE]; // " " for a reference
 };
 

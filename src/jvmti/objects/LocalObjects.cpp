@@ -44,7 +44,7 @@ bool FindFrame(QorThreadHandle *handle, int64_t methodId, QorLocalsWalk *walk) {
     return false;
 }
 
-// Looks for a frame of the method on the thread: only what stands on a stack is asked of the JVM.
+// Looks for a frame of the method on the thread: only what is on a stack is asked of the JVM.
 bool FindMethod(int32_t tid, int64_t methodId, QorLocalsWalk *walk) {
     QorThreadHandle handle;
     QorInitThreadHandle(&handle);
@@ -153,7 +153,7 @@ int32_t ReadLocals(const TaggedObject *objects, int32_t count, QorFieldRecord **
 
 } // namespace
 
-// The locals of a frame come in a row: the first one of another frame behind them ends the walk. Compiled
+// The locals of a frame come in a row: the first one of another frame after them ends the walk. Compiled
 // code reports its constants as JNI locals of the Java method that it was made of; they are none of its
 // locals, but belong to the row.
 jint JNICALL jvmtiHeapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind,

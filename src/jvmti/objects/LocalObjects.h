@@ -2,11 +2,11 @@
 //
 // A JVM refuses an agent that came late the capability to read locals, but tags objects for it. The roots of
 // a reference walk are the locals of all threads, each with its thread and method: what belongs to the method
-// asked for gets tags, the walk ends there, and the tags lead to the objects. The JVM stands still for as
+// asked for gets tags, the walk ends there, and the tags lead to the objects. The JVM is paused for as
 // long as it takes to get there, and never for a walk of the heap.
 //
 // What it can't tell: values of primitive locals, names, and which of two frames of the same method a local
-// belongs to. Frames of one method that stand next to each other show their locals together. Worker only.
+// belongs to. Adjacent frames of one method show their locals together. Worker only.
 #pragma once
 
 #include "FieldText.h"

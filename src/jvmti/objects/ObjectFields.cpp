@@ -125,7 +125,7 @@ void ReadValue(int32_t typeCode, const FieldPlace &field, QorFieldRecord *record
     if (typeCode != QOR_TYPE_STRING)
         QorReadArrayText(typeCode, object, record->value);
     else if (!QorReadStringText(object, record->value))
-        QORLOG(LOG_DETAIL, "Failed to get the object for string"); // a null one is no error
+        QORLOG(LOG_DETAIL, "Failed to get the object for string"); // a null one isn't an error
     if (object)
         QorDeleteLocalRef(jvmtijni_env, object);
 }

@@ -27,7 +27,7 @@ void QorWrapTagCounter();
 
 // One class of a chain.
 struct QorClassDetails {
-    jclass klass; // null when its signature can't be had, and once the fields are read
+    jclass klass; // null when its signature is unavailable, and once the fields are read
     char name[FIELD_TEXT_SIZE];
     int32_t fieldCount;
     QorFieldRecord *fields; // its own fields, in the order of the class file; null without any

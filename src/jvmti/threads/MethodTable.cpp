@@ -41,7 +41,7 @@ int32_t knownCount;
 char textStore[TEXT_STORE_SIZE];
 int32_t textUsed;
 
-// One method as the JVM gives it. A length of -1 says that the text could not be had.
+// One method as the JVM reports it. A length of -1 says that the text was unavailable.
 struct MethodReading {
     char method[NAME_SIZE], className[NAME_SIZE], fileName[NAME_SIZE];
     int32_t methodLength, classLength, fileLength;

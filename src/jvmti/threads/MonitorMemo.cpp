@@ -32,7 +32,7 @@ struct Entry {
     int64_t tid;
     jlong cpu; // MOVED: the answer serves this walk only
     uint64_t stack;
-    int64_t waits; // as the JVM counted them when it told the monitors
+    int64_t waits; // as the JVM counted them when it reported the monitors
     uint32_t met;  // number of the walk
     int32_t count;
     HeldMonitor *held;
@@ -76,7 +76,7 @@ bool ReadClock(jthread thread, jlong *nanos) {
     return error == JVMTI_ERROR_NONE;
 }
 
-// A clock of a system's ticks would stand still while a thread takes a lock and parks again.
+// A clock of a system's ticks wouldn't move while a thread takes a lock and parks again.
 bool ClockIsFine() {
     jlong last = 0, step = 0;
     if (!ReadClock(nullptr, &last))
@@ -175,7 +175,7 @@ void OpenWalk() {
     memset(looks, 0, sizeof looks);
 }
 
-// Whether the thread is in the wait that it was in when the JVM told its monitors.
+// Whether the thread is in the wait that it was in when the JVM reported its monitors.
 bool InTheSameWait(const QorThreadHandle *handle, int32_t index, const Entry &entry) {
     constexpr jint COUNTED = JVMTI_THREAD_STATE_WAITING | JVMTI_THREAD_STATE_BLOCKED_ON_MONITOR_ENTER;
     return (QorWalkStack(handle, index)->state & COUNTED) && QorGetWaitCount(handle, index) == entry.waits;

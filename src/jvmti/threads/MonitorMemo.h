@@ -6,10 +6,10 @@
 // about. An answer is kept only if the clock didn't move while it was given. Threads that a walk doesn't meet
 // are forgotten at its close.
 //
-// The clock alone is no proof: the guest of a virtual machine takes stolen time off it, and it may stand
+// The clock alone isn't proof: the guest of a virtual machine takes stolen time off it, and it may stand
 // still across a short run. That doesn't matter for a thread that held nothing, as the same frames at the
 // same places hold the same number of monitors. One that held some must also be in the very wait that it was
-// in: the JVM counts each park, sleep, Object.wait and contended enter, and tells the count with the
+// in: the JVM counts each park, sleep, Object.wait and contended enter, and reports the count with the
 // monitors. A thread that isn't in one shows nothing of the kind, and is asked about if it held some.
 //
 // The memo is used where the JVM keeps the threads that a call deals with, grants can_get_thread_cpu_time,
@@ -40,7 +40,7 @@ void QorMemoStore(const QorThreadHandle *handle, int32_t index, const QorMonitor
 // free, or 0 with *out as it was.
 int32_t QorMemoRecall(int32_t index, QorMonitorRecord **out);
 
-// The text of what the thread is parked by, if it is the object that QorMemoKeepParked was last told of: true
+// The text of what the thread is parked by, if it is the object that QorMemoKeepParked was last given: true
 // with the record filled.
 bool QorMemoParked(int32_t index, jobject blocker, QorMonitorRecord *record);
 void QorMemoKeepParked(int32_t index, jobject blocker, const QorMonitorRecord *record);

@@ -20,7 +20,7 @@ enum LockInfoLevel : int32_t { LOCKS_BY_BEST_ROAD = 1, LOCKS_BY_MANAGEMENT = 2 }
 
 enum MonitorRoad { ROAD_NONE, ROAD_JVMTI, ROAD_MANAGEMENT };
 
-// Room for "@" and a number behind a description.
+// Room for "@" and a number after a description.
 constexpr size_t LONGEST_NUMBERED = 1000;
 constexpr jint MONITOR_REFERENCES = 32;
 
@@ -67,7 +67,7 @@ int32_t ReadLockClass(jclass klass, char *description, jvmtiError *error) {
     return 1;
 }
 
-// Takes the object's hash code as the lock's number, and puts it behind the class name.
+// Takes the object's hash code as the lock's number, and puts it after the class name.
 void NumberLock(jobject object, QorMonitorRecord *record) {
     jint hash = 0;
     jvmti->GetObjectHashCode(object, &hash);
@@ -121,7 +121,7 @@ int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorReco
     return count;
 }
 
-// Java thread id of the monitor's owner, 0 for none; false when the JVM doesn't tell.
+// Java thread id of the monitor's owner, 0 for none; false when the JVM doesn't say.
 bool ReadOwner(jobject object, int64_t *owner) {
     jvmtiMonitorUsage usage = {};
     if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) {

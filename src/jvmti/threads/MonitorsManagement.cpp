@@ -16,7 +16,7 @@
 // whole call throw.
 //
 // Which lock a thread waits for, and who owns it, is asked for the threads alone that the snapshot shows
-// where they may wait, and never kept: the owner changes without their doing. The same call tells how often
+// where they may wait, and never kept: the owner changes without their doing. The same call says how often
 // the threads have waited whose monitors are remembered.
 
 namespace {
@@ -183,7 +183,7 @@ void HaveOwnedBatch(const QorThreadHandle *handle, QorMonitorScope scope) {
     sample.lastBatch = owned.count;
 }
 
-// The text of a Java string into NAME_SIZE bytes. False when it can't be had.
+// The text of a Java string into NAME_SIZE bytes. False when it is unavailable.
 bool ReadText(jobject str, char *dest) {
     if (!str)
         return false;
@@ -195,7 +195,7 @@ bool ReadText(jobject str, char *dest) {
     return true;
 }
 
-// The two methods that tell of a MonitorInfo, whose superclass prints it.
+// The two methods that describe a MonitorInfo, whose superclass prints it.
 bool FindMonitorMethods(jobject info) {
     if (sample.lockToString && sample.getLockedStackDepth)
         return true;
@@ -313,7 +313,7 @@ void Remember(const QorThreadHandle *handle, int32_t index, int64_t tid, jobject
     free(records);
 }
 
-// Asks the bean about the thread at the cursor and those behind it that the memo doesn't know.
+// Asks the bean about the thread at the cursor and those after it that the memo doesn't know.
 void AskForMemo(const QorThreadHandle *handle) {
     int32_t indexes[MEMO_BATCH], count = 0;
     const int32_t most = NextOwnedBatch();

@@ -13,7 +13,7 @@ int32_t QorGetContendedMonitorInfoUsingManagement(QorThreadHandle *handle, const
                                                   QorMonitorScope scope, QorMonitorRecord *record);
 
 // How often the walk's `index`th thread has begun to wait, park, sleep or be blocked: never less than at the
-// snapshot. -1 when the JVM doesn't tell. All threads that QorMemoHolds are asked about at once.
+// snapshot. -1 when the JVM doesn't say. All threads that QorMemoHolds are asked about at once.
 int64_t QorGetWaitCount(const QorThreadHandle *handle, int32_t index);
 
 // Drops what the batches fetched. The close of the walk calls it.

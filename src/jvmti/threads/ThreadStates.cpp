@@ -14,7 +14,7 @@ int32_t tessar_thick_driver;
 namespace {
 
 constexpr int32_t TIMED_ACCEPT_DEPTH = 2;        // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept
-constexpr int32_t RMI_DEPTH = 3;                 // frames above it may tell of a remote call
+constexpr int32_t RMI_DEPTH = 3;                 // frames above it may show a remote call
 constexpr int32_t SETTLED_DEPTH = RMI_DEPTH + 1; // with a frame of Object.wait0 on top
 constexpr int32_t PARKED_DEPTH = 16; // frames above it may be those of a thread parked in a remote call
 static_assert(TIMED_ACCEPT_DEPTH < RMI_DEPTH, "QorStateIsSettled looks at one depth only");
@@ -51,7 +51,7 @@ int32_t StateOfIoCall(const char *className, const char *method) {
 }
 
 int32_t StateOfOtherCall(const char *className, const char *method) {
-    // A thread that stands in the agent's own request entry waits for the worker.
+    // A thread that is in the agent's own request entry waits for the worker.
     if (StartsWith(className, "qoragent.Agent"))
         return StartsWith(method, "dataFromNative") ? STATE_OBJECT_WAIT : NO_CHANGE;
     if (Equals(className, "vostok.ext.epoll.EPoll"))
@@ -68,7 +68,7 @@ void SetState(QorThreadRecord *thread, int32_t state) {
     thread->enhancedState = state;
 }
 
-// JVMTI calls every thread runnable that stands in native code, so the call on top tells what it waits for.
+// JVMTI calls every thread runnable that is in native code, so the call on top says what it waits for.
 void RefineRunnable(const char *className, const char *method, QorThreadRecord *thread) {
     if (StartsWith(className, "java.io.") || StartsWith(className, "sun.nio."))
         SetState(thread, StateOfIoCall(className, method));
@@ -147,7 +147,7 @@ int32_t GetThreadEnhancedState(const QorFrameRecord *frame, QorThreadRecord *thr
     const char *className = frame->className;
     const uint32_t tiers = frame->facts ? frame->facts->tiers : 0;
     if (frame->frameIndex == 0) {
-        // On newer JDKs Object.wait has a frame of its own for the native call.
+        // On newer JDKs Object.wait has a separate frame for the native call.
         thread->nativeWaitFrames = Equals(className, "java.lang.Object") && Equals(frame->method, "wait0");
         if (thread->state == STATE_RUNNABLE)
             RefineRunnable(className, frame->method, thread);

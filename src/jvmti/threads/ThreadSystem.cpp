@@ -15,7 +15,7 @@
 
 // The snapshot of the open walk. The worker owns all of it; one walk is open at a time.
 //
-// Its thread references stand in a local frame of their own, which the close pops with everything that was
+// Its thread references are in a local frame of their own, which the close pops with everything that was
 // made since the snapshot: hundreds of them would overrun the worker's plain frame.
 
 static jvmtiStackInfo *qorstack_info_ptr;       // what GetAllStackTraces gave; null when no walk is open
@@ -130,7 +130,7 @@ jvmtiError ReadState(const jvmtiStackInfo &stack, jint *jvmtiState) {
     return JVMTI_ERROR_NONE;
 }
 
-// Everything of a thread that JVMTI tells, inside the caller's local frame.
+// Everything about a thread that JVMTI reports, inside the caller's local frame.
 int32_t ReadThread(const QorThreadHandle *handle, QorThreadRecord *record, jint *jvmtiState) {
     const jvmtiStackInfo &stack = qorstack_info_ptr[handle->index];
     jthread thread = stack.thread;

@@ -2,14 +2,14 @@
 //
 // A walk is QorInitThreadHandle, QorGetJVMThread until `index` reaches `count` (for each thread
 // QorGetThreadInfo and QorGetFrames, for each frame QorReadFrame), and last QorCloseThreadHandle. The whole
-// walk stands on a single GetAllStackTraces call, so the JVM is stopped once. The threads run on meanwhile: a
+// walk is on a single GetAllStackTraces call, so the JVM is stopped once. The threads run on meanwhile: a
 // record's state can be some microseconds younger than its stack.
 //
 // A method is looked up once in a walk: the first frame of a method asks JVMTI for name, class, file and line
 // table, later frames find these facts in a table that the close of the walk drops. Only complete facts are
 // kept; what failed is asked again at the next frame.
 //
-// The snapshot's references stand in a local frame that the first QorGetJVMThread opens and the close pops.
+// The snapshot's references are in a local frame that the first QorGetJVMThread opens and the close pops.
 // So a view pops its own frames in between, and keeps no local reference made during the walk beyond its
 // close.
 //
@@ -130,7 +130,7 @@ int32_t QorGetFileName(const QorFrameHandle *frameHandle, char *dest);   // noth
 // The line, 0 when the method has no line table, -1 when no entry fits.
 int32_t QorGetLineNumber(const QorFrameHandle *frameHandle); // nothing calls it
 
-// The line that `table` (sorted by start location) gives for a location, -1 if none.
+// The line of `table` (sorted by start location) for a location, -1 if none.
 int32_t QorMapLoc2Line(jlocation location, const jvmtiLineNumberEntry *table, jint count);
 
 // A JVM class signature, without its leading 'L', to a dotted name, in place.

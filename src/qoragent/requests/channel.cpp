@@ -55,7 +55,7 @@ void ClosePipes() {
 struct Mailbox {
     std::atomic<bool> locked;
     bool full;    // a request waits
-    bool newText; // `text` replaces what stands in `buf`
+    bool newText; // `text` replaces what is in `buf`
     char text[BUF_SIZE];
     uint32_t taken; // number of the request in `buf`
 } mailbox;

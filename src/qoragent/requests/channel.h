@@ -2,7 +2,7 @@
 //
 // The caller posts its request under the next number, `asked`, and writes 20 bytes down `pipe_fd_PP`. The
 // worker moves what is posted into `buf`, answers in `pagebuf`, stores the number in `answered` and writes 20
-// bytes down `pipe_fd_CH`. The pipes only wake up; whose reply stands is decided by the two numbers, so that
+// bytes down `pipe_fd_CH`. The pipes only wake up; whose reply it is is decided by the two numbers, so that
 // what a worker says too late, for a caller that has gone, is nobody's reply. Reading or writing the pipes
 // never blocks; who waits, polls.
 //
@@ -33,7 +33,7 @@ extern std::atomic<int32_t> pipe_fd_PP[2]; // parent to child: read by the worke
 extern std::atomic<int32_t> pipe_fd_CH[2]; // child to parent
 
 extern std::atomic<uint32_t> asked;    // number of the last request that was posted; 0 before the first
-extern std::atomic<uint32_t> answered; // number of the request whose reply stands in `pagebuf`
+extern std::atomic<uint32_t> answered; // number of the request whose reply is in `pagebuf`
 
 // 0, or AGENT_SHUTDOWN from the request to leave until the worker has left.
 extern std::atomic<int32_t> agentstatus;
@@ -60,7 +60,7 @@ void qor_safe_sleep(int32_t seconds);
 bool qor_signal_child_to_process();
 
 // Posts a request in place of one that the worker hasn't taken, cut at the end-of-transmission marker; a null
-// one asks again what stands in `buf`. Its number. Java caller.
+// one asks again what is in `buf`. Its number. Java caller.
 uint32_t QorPostRequest(const char *text);
 
 // Takes the posted request back: from here on no worker takes it. Java caller.
@@ -74,7 +74,7 @@ bool QorTakeRequest();
 // handler.
 bool QorAnswerRequest();
 
-// Wakes a waiting caller, who looks then whether its reply stands. False when the 20 bytes did not go.
+// Wakes a waiting caller, who then looks whether its reply is there. False when the 20 bytes did not go.
 bool QorSignalParent();
 
 // Waits for a handshake; 0 seconds stand for 5,000. 1 when one came, -1 when something else came, 0 when the

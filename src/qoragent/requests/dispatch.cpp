@@ -78,7 +78,7 @@ struct Views {
     void (*object)();
     void (*locals)();
     void (*threads)();
-    void (*figures)(); // what goes in front of threads' rows; null for nothing
+    void (*figures)(); // what goes before threads' rows; null for nothing
 };
 
 constexpr Views JVMTI_VIEWS = {

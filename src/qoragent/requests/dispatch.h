@@ -6,7 +6,7 @@
 #include <sys/time.h>
 
 extern int32_t fpid;    // the last dump child's process id; 0 in the child itself, -2 when there was none
-extern char *pars;      // the request's text behind the command, or null; the views may look at it
+extern char *pars;      // the request's text after the command, or null; the views may look at it
 extern int32_t arg_num; // argument slots that the request set
 extern char recsep;     // separator of the request's fields
 

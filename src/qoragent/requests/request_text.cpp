@@ -94,7 +94,7 @@ void QorParseDumpRequest(const char *request) {
     if (length == 0)
         return;
     snprintf(dumpfile, sizeof dumpfile, "%.*s%.*s", HEAP_DIR_SIZE, qorheapdir, length, name);
-    // The JVM reads on behind a character that the cut has torn.
+    // The JVM reads on after a character that the cut has torn.
     QorStrncpy(dumpfile, dumpfile, sizeof dumpfile, sizeof dumpfile);
     if (id)
         heap_id = QorParseNumber(id);

@@ -10,13 +10,13 @@
 #include <cstdint>
 
 constexpr char FIELD_BAR = '|';
-constexpr char DUMP_REQUEST[] = "showmem|256"; // how a dump request begins, behind its flags
+constexpr char DUMP_REQUEST[] = "showmem|256"; // how a dump request begins, after its flags
 
-// The text behind the next bar, or null.
+// The text after the next bar, or null.
 char *QorNextField(char *text);
 const char *QorNextField(const char *text);
 
-// The number that stands at the start of `text` and ends at a bar or the terminator: digit by digit, as value
+// The number that is at the start of `text` and ends at a bar or the terminator: digit by digit, as value
 // times 10 plus character minus '0', wrapping.
 uint32_t QorParseNumber(const char *text);
 
@@ -28,6 +28,6 @@ int32_t QorParseArguments(char *field, char **slots);
 // Unpacks the flag word into the request's globals.
 void QorUnpackFlags(uint32_t flags);
 
-// Reads the file name and the heap id of a dump request into `dumpfile` (behind `qorheapdir`) and `heap_id`.
+// Reads the file name and the heap id of a dump request into `dumpfile` (after `qorheapdir`) and `heap_id`.
 // Without a file name `dumpfile` becomes empty; without an id it is 0.
 void QorParseDumpRequest(const char *request);

@@ -17,7 +17,7 @@ struct QorDirectSample {
 // to read: the request is refused, or lacks its arguments.
 bool QorOpenDirectReply(QorDirectSample *sample);
 
-// Adds what is told of a thread; a record that doesn't fit is left out whole and the sample ends.
+// Adds what is shown of a thread; a record that doesn't fit is left out whole and the sample ends.
 void QorCollectThread(QorDirectSample *sample, const QorWalkedThread &thread, const QorThreadText &text);
 
 // Ends it.

@@ -19,7 +19,7 @@ namespace {
 // Requests that show no more than the current call.
 constexpr uint32_t CALL_ONLY =
     QORREQ_JUST_THREADS | QORREQ_MEMORY_ACTIVITY | QORREQ_THREAD_SUMMARY | QORREQ_ACTIVE_THREADS;
-constexpr int32_t DATABASE_FRAMES = 3;    // a network call may be a database's, as the third frame tells
+constexpr int32_t DATABASE_FRAMES = 3;    // a network call may be a database's, as the third frame shows
 constexpr int32_t CONNECTION_FRAMES = 40; // in which the connection is looked for
 // Requests that show what the frames say of other tiers.
 constexpr uint32_t WITH_TIERS = QORREQ_MEMORY_ACTIVITY | QORREQ_THREAD_SUMMARY | QORREQ_THREAD_DETAILS |
@@ -37,7 +37,7 @@ void NoteCall(QorThreadText *out, const QorFrameNames &names, bool system) {
         SetCall(out, names, system);
 }
 
-// What a framework works on is shown as the application's call, and as a row of its own above the frame's.
+// What a framework works on is shown as the application's call, and as a separate row above the frame's.
 void ReportFramework(const QorSampleRequest &request, QorThreadTiers *tiers, QorThreadText *out) {
     tiers->lineAt = QorAppendFrameworkRow(request, &out->rows, *tiers);
     if (out->userCall || (request.reqid & QORREQ_LOCK_HOLDER))

@@ -1,4 +1,4 @@
-// The second half of reading a thread: its frames' names, lines, monitors, and what they tell of its state,
+// The second half of reading a thread: its frames' names, lines, monitors, and what they say about its state,
 // as the texts that its record is made of.
 //
 // The thread runs on. Worker.
@@ -35,7 +35,7 @@ enum QorReport : int32_t {
 extern bool (*qorServerPortTest)(const QorWalkedThread &thread, const QorFrameInfo &frame,
                                  const QorFrameNames &names);
 
-// What is told of one thread. The texts' storage is the caller's.
+// What is shown of one thread. The texts' storage is the caller's.
 struct QorThreadText {
     QorDirectState state;
     bool userCall; // the current call is the application's

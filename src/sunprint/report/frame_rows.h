@@ -3,7 +3,7 @@
 
 #include "frame_report.h"
 
-// Call, file, line; no separator at the end. Returns how long the text was behind the call.
+// Call, file, line; no separator at the end. Returns how long the text was after the call.
 int32_t QorAppendCall(QorText *out, const QorFrameNames &names);
 
 // What a framework's frame works on, in the place of a call: the kind's word and the name, file, no line.

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-// The state of a thread that was `state` in front of its frame number `frame` (0 at the top). Any thread.
+// The state of a thread that was `state` before its frame number `frame` (0 at the top). Any thread.
 QorDirectState QorRefineState(QorDirectState state, int32_t frame, const char *className, const char *method);
 
 // The state of a thread without Java frames.

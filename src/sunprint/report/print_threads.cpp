@@ -23,7 +23,7 @@ constexpr int32_t FIRST_OS_STATE = 2; // before it a thread is still being made
 constexpr int32_t QUEUE_TRIES = 6, LOOKS_PER_ELEMENT = 12;
 constexpr int32_t MAX_ASKED = 16; // kinds of code met on one thread
 
-// Texts of the thread in hand.
+// Texts of the current thread.
 char console_thread_buf[102400], console_call_buf[10240], mon_entry_buf[10240], mon_console_buf[10240];
 uint64_t listed[MAX_VM_THREADS];
 QorWalkedThread walked; // 3 KB

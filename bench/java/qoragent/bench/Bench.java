@@ -157,7 +157,7 @@ public final class Bench {
                                             reply.substring(0, Math.min(200, reply.length())));
     }
 
-    /** How long the application stands still: the longest gap that a thread reading the clock sees. */
+    /** How long the application is paused: the longest gap that a thread reading the clock sees. */
     private void pauses() throws Exception {
         System.out.printf(
             "%n## Longest pause of the application, 500 x 100%n%n| what runs | pause |%n|---|---|%n");

@@ -3,7 +3,7 @@ package tessar.net.nt;
 import java.io.IOException;
 import java.io.InputStream;
 
-/** What stands between the driver and the stream of an encrypted connection. */
+/** What is between the driver and the stream of an encrypted connection. */
 public class TcpsInputStream extends InputStream {
     InputStream realStream;
     boolean ended;

@@ -18,7 +18,7 @@ import java.util.regex.Pattern;
 import qoragent.Agent;
 
 /**
- * How long the JVM stands still for a forked dump and a forked histogram, and for its own, by its own log of
+ * How long the JVM is paused for a forked dump and a forked histogram, and for its own, by its own log of
  * safepoints; and what an application gets done while the copy works. Arguments: turns, megabytes of live
  * objects, directory of the dumps, the JVM's log.
  */
