@@ -126,8 +126,7 @@ int32_t FollowProcessTree() {
             break;
         QORLOG(LOG_TRACE, "initvar : Found (%s) pid %d, ppid %d", facts.name, facts.pid, facts.parent);
         if (strcmp(facts.name, JVM_PROCESS) != 0) {
-            if (step ==
-                1) // a thread that isn't a process: the kernel has newer threads than its version says
+            if (step == 1) // the kernel has newer threads than its version says
                 perror("Qor Agent :: Patched Kernel found");
             break;
         }
