@@ -36,6 +36,10 @@ void JvmsOwn(int, siginfo_t *, void *) {
     _exit(JVM_HANDLER);
 }
 
+void JvmsOwnBus(int, siginfo_t *, void *) {
+    _exit(JVM_HANDLER);
+}
+
 // ---- The guard: the JVM's handler asks its table for the action before it ----
 
 struct sigaction table[NSIG];
@@ -46,10 +50,10 @@ void StartChaining() {
         table[sig].sa_sigaction(sig, info, context);
     };
     action.sa_flags = SA_SIGINFO;
-    for (int sig : {SIGSEGV, SIGBUS}) {
+    for (int sig : {SIGSEGV, SIGBUS})
         sigaction(sig, &action, nullptr);
-        table[sig].sa_sigaction = JvmsOwn;
-    }
+    table[SIGSEGV].sa_sigaction = JvmsOwn;
+    table[SIGBUS].sa_sigaction = JvmsOwnBus;
     nsymbols[JTI_OLD_ACTIONS] = reinterpret_cast<uint64_t>(table);
     sig_hack = 1;
     trycatch_init();
@@ -106,6 +110,7 @@ TEST(GuardedCall, FaultsComeBackAsAFailedResult) {
                   }
                   trycatch_Cleanup();
                   EXPECT_EQ(table[SIGSEGV].sa_sigaction, JvmsOwn);
+                  EXPECT_EQ(table[SIGBUS].sa_sigaction, JvmsOwnBus);
               }),
               0);
 }
@@ -129,7 +134,7 @@ TEST(GuardedCall, AFaultThatFellThroughEndsTheChaining) {
                   std::thread([] { trycatch_Catcher(SIGSEGV, nullptr, nullptr); }).join();
                   tryState = TRY_OFF;
                   EXPECT_EQ(table[SIGSEGV].sa_sigaction, JvmsOwn);
-                  EXPECT_EQ(table[SIGBUS].sa_sigaction, JvmsOwn);
+                  EXPECT_EQ(table[SIGBUS].sa_sigaction, JvmsOwnBus);
                   trycatch_LogFault();
                   EXPECT_EQ(log.count("Unable to recover from signal 11"), 1);
               }),

@@ -6,6 +6,7 @@
 #include "qorthreads/task_stat.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <linux/filter.h>
@@ -46,6 +47,7 @@ void HostHandler(int signal, siginfo_t *info, void *) {
                        sigismember(&mask, SIGUSR2) == 0;
     foreignCode = info->si_code;
     foreign++;
+    errno = EDOM;
 }
 
 // A thread that repeats a step.
@@ -192,6 +194,13 @@ TEST_F(HeldThreads, TheHostsSignalsArriveOnceReleased) {
     qor_resume_thread(hold);
     EXPECT_TRUE(Soon([] { return foreign == 1; }));
     EXPECT_TRUE(foreignSawItself) << "not the mask that the host asked for";
+    EXPECT_TRUE(Settled());
+
+    target.Stop();
+    errno = ENOTTY;
+    raise(HOLD_SIGNAL);
+    EXPECT_EQ(errno, ENOTTY) << "the application's own";
+    qor_resume_all_threads();
     EXPECT_TRUE(Settled());
 
     // With no handler a stray one is dropped while threads are asked for.

@@ -297,6 +297,9 @@ TEST(Inside, EndpointsOfStrangersAreNotBelieved) {
     }
     captive.Write("jail/good", text, Captive::USER, 0600);
     set_dir(Captive::USER, 0700);
+    captive.Write("jail/dir/77.endpoint", "port=1\ntoken=" + TOKEN + "\npid=78\nversion=1\n", Captive::USER,
+                  0600);
+    EXPECT_EQ(find(), NOTHING) << "another process's";
     remove(file.c_str());
     EXPECT_EQ(find(), NOTHING);
     captive.Link("/good", "jail/dir/77.endpoint");

@@ -1,5 +1,6 @@
 // Reading a JVM from outside: what is read of /proc, what observations mean, and that no memory of a target,
 // however odd, leads the reader astray.
+#include "Child.h"
 #include "base/locked_file.h"
 #include "base/process.h"
 #include "outside/thread_sampler.h"
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <random>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <thread>
@@ -73,6 +75,22 @@ TEST(Outside, StopsOneThreadForAMoment) {
     EXPECT_EQ(ReadStopState(child).stop, Stop::GONE);
     EXPECT_FALSE(StopAndSample(child, &problem));
     EXPECT_EQ(problem, "ptrace: No such process");
+}
+
+TEST(Outside, TasksAreKnownByTheirInnermostIds) {
+    const auto in_namespace = [] {
+        const pid_t child = fork();
+        if (child == 0)
+            for (;;)
+                pause();
+        EXPECT_EQ(TasksByInnerId(child), (std::map<pid_t, pid_t>{{1, child}}));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    };
+    const int outcome = InChild([&] { unshare(CLONE_NEWPID) == 0 ? in_namespace() : _exit(2); });
+    if (outcome == 2)
+        GTEST_SKIP() << "no namespace allowed here";
+    EXPECT_EQ(outcome, 0);
 }
 
 // A signal may be what it stops for: it gets it then. The next one is sent when the one before has arrived.
