@@ -1,6 +1,6 @@
 package qoragent;
 
-import static org.junit.Assert.assertEquals;
+import static org.junit.Assert.*;
 
 import org.junit.Test;
 

@@ -1,11 +1,6 @@
 package qoragent;
 
-import static org.junit.Assert.assertArrayEquals;
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertFalse;
-import static org.junit.Assert.assertNotEquals;
-import static org.junit.Assert.assertTrue;
-import static org.junit.Assert.fail;
+import static org.junit.Assert.*;
 
 import java.io.IOException;
 import java.net.InetAddress;
@@ -17,6 +12,7 @@ import java.nio.file.attribute.PosixFilePermissions;
 import org.junit.Before;
 import org.junit.Rule;
 import org.junit.Test;
+import org.junit.function.ThrowingRunnable;
 import org.junit.rules.TemporaryFolder;
 
 public class EndpointTest {
@@ -64,33 +60,23 @@ public class EndpointTest {
         assertFalse(Files.exists(next.file()));
     }
 
-    @Test
-    public void directoryMayInheritTheSetGroupBit() throws IOException {
-        Files.setAttribute(folder.getRoot().toPath(), "unix:mode", 02700);
-        Endpoint endpoint = new Endpoint(dir, uid, PID);
-        endpoint.publish(LOOPBACK, 1);
-        assertEquals(02700, mode(dir));
-        assertTrue(endpoint.published());
-    }
-
+    /** In a directory that has inherited the set-group bit. */
     @Test
     public void linkInPlaceOfTheFileIsReplacedNotFollowed() throws IOException {
+        Files.setAttribute(folder.getRoot().toPath(), "unix:mode", 02700);
         Path victim = folder.newFile("victim").toPath();
         Endpoint endpoint = new Endpoint(dir, uid, PID);
         endpoint.openDirectory();
         Files.createSymbolicLink(endpoint.file(), victim);
         endpoint.publish(LOOPBACK, 1);
+        assertEquals(02700, mode(dir));
         assertEquals("", read(victim));
         assertTrue(Files.isRegularFile(endpoint.file(), LinkOption.NOFOLLOW_LINKS));
     }
 
-    private interface Trap {
-        void lay() throws IOException;
-    }
-
     /** Nothing is written to what a stranger put there, and the file is in a directory beside it. */
-    private void avoided(String what, int owner, Trap trap) throws IOException {
-        trap.lay();
+    private void avoided(String what, int owner, ThrowingRunnable trap) throws Throwable {
+        trap.run();
         Endpoint endpoint = new Endpoint(dir, owner, PID);
         endpoint.publish(LOOPBACK, 1);
         Path other = endpoint.elsewhere();
@@ -114,7 +100,7 @@ public class EndpointTest {
     }
 
     @Test
-    public void trapsInPlaceOfTheDirectoryAreAvoided() throws IOException {
+    public void trapsInPlaceOfTheDirectoryAreAvoided() throws Throwable {
         Path good = folder.newFolder("good").toPath();
         Files.setPosixFilePermissions(good, PosixFilePermissions.fromString("rwx------"));
         avoided("a link to a good directory", uid, () -> Files.createSymbolicLink(dir, good));
@@ -127,11 +113,8 @@ public class EndpointTest {
         for (int mode : new int[] {0755, 0770, 0701, 0777, 01777, 02770, 0500})
             avoided("mode " + Integer.toOctalString(mode), uid, () -> makeDirectory(mode));
         assertEquals(0, good.toFile().list().length);
-        try {
-            new Endpoint(folder.getRoot().toPath().resolve("none/dir"), uid, PID).publish(LOOPBACK, 1);
-            fail("published where nothing can be made");
-        } catch (IOException e) {
-            assertEquals(1, e.getSuppressed().length);
-        }
+        Endpoint nowhere = new Endpoint(folder.getRoot().toPath().resolve("none/dir"), uid, PID);
+        assertEquals(
+            1, assertThrows(IOException.class, () -> nowhere.publish(LOOPBACK, 1)).getSuppressed().length);
     }
 }

@@ -1,8 +1,6 @@
 package qoragent;
 
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertNull;
-import static org.junit.Assert.assertTrue;
+import static org.junit.Assert.*;
 
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -47,10 +45,6 @@ public class TiersTest {
         assertEquals(own + "\n" + shipped, sent(Tiers.of(file.toString())));
         Files.delete(file);
         assertEquals("no answer", Tiers.of("").send(request -> "no answer"));
-    }
-
-    @Test(expected = IllegalArgumentException.class)
-    public void askForAFileThatIsThere() {
-        Tiers.of("/nowhere");
+        assertThrows(IllegalArgumentException.class, () -> Tiers.of("/nowhere"));
     }
 }
