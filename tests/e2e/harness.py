@@ -1,4 +1,4 @@
-"""What the end-to-end tests stand on: the demo application in a JVM of its own, and qorctl."""
+"""What the end-to-end tests rest on: Java programs in JVMs that they start, the demo first, and qorctl."""
 import argparse
 import contextlib
 import fcntl
@@ -6,6 +6,7 @@ import glob
 import json
 import os
 import pty
+import re
 import shutil
 import struct
 import subprocess
@@ -16,6 +17,7 @@ import unittest
 
 SETTINGS = argparse.Namespace()
 LIMIT = 60  # seconds for anything to happen; reached only when something is broken
+NOBODY = 65534
 
 
 def wait_until(what, test, limit=LIMIT):
@@ -35,36 +37,35 @@ def leftovers(pid):
     return glob.glob(f"{tmp}/qoragent-*/{pid}.*") + glob.glob(f"{tmp}/.attach_pid{pid}")
 
 
-def process_state(pid):
-    with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as stat:
-        return stat.read().rsplit(") ", 1)[1][0]
+def folder(case):
+    """A new folder for a test, as it is here and as a JVM sees it."""
+    path = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
+    case.addCleanup(shutil.rmtree, path)
+    return path, path[len(SETTINGS.root):]
 
 
-class Application:
-    """The demo application, ready and in a JVM of its own."""
+class Program:
+    """A Java program in a JVM that prints a line "ready ..." and obeys the lines of its input."""
 
-    def __init__(self, *flags, user=None, cwd=None):
+    def __init__(self, *words, before=(), jdk=None):
         self.log = tempfile.NamedTemporaryFile(prefix="qor-e2e-", suffix=".log")
-        command = [f"{SETTINGS.jdk}/bin/java", *flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", "170"]
-        if cwd is not None:
-            command = ["env", "-C", cwd, *command]
-        if user is not None:
-            command = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", *command]
-        self.process = subprocess.Popen(in_root(command), stdin=subprocess.PIPE, stdout=self.log,
-                                        stderr=subprocess.STDOUT)
+        self.process = subprocess.Popen(in_root([*before, f"{jdk or SETTINGS.jdk}/bin/java",
+                                                 *map(str, words)]),
+                                        stdin=subprocess.PIPE, stdout=self.log, stderr=subprocess.STDOUT)
         self.pid = self.process.pid
-        wait_until("the application is ready", lambda: "ready\n" in self.output() or self.process.poll() is not None)
-        if self.process.poll() is not None:
-            raise AssertionError("the application ended: " + self.output())
+        self.wait_for("(?m)^ready.*\n")
+
+    def wait_for(self, pattern):
+        wait_until(pattern, lambda: re.search(pattern, self.output()) or self.process.poll() is not None)
+        assert self.process.poll() is None, self.output()
 
     def output(self):
         with open(self.log.name, encoding="utf-8", errors="replace") as log:
             return log.read()
 
-    def truths(self):
-        """What it says of its threads' work in other tiers: by thread, pairs."""
-        lines = [line.split() for line in self.output().splitlines() if line.startswith("demo-")]
-        return {name: dict(pair.split("=", 1) for pair in pairs) for name, *pairs in lines}
+    def tell(self, line):
+        self.process.stdin.write(line.encode() + b"\n")
+        self.process.stdin.flush()
 
     def end(self):
         """Lets it end by itself, so that its exit hooks run; its exit status."""
@@ -80,13 +81,31 @@ class Application:
         self.process.wait()
         with contextlib.suppress(BrokenPipeError):
             self.process.stdin.close()
-        pipe = self.truths().get("demo-file-read", {}).get("file")
-        if pipe:
-            shutil.rmtree(SETTINGS.root + os.path.dirname(pipe), ignore_errors=True)
         self.log.close()
         for name in [f"{SETTINGS.root}/tmp/.java_pid{self.pid}", *leftovers(self.pid)]:
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(name)  # a killed JVM can't tidy up
+
+
+class Application(Program):
+    """The demo application."""
+
+    def __init__(self, *flags, user=None, cwd=None):
+        before = [] if cwd is None else ["env", "-C", cwd]
+        if user is not None:
+            before += ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
+        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170, before=before)
+
+    def truths(self):
+        """What it says of its threads' work in other tiers: by thread, pairs."""
+        lines = [line.split() for line in self.output().splitlines() if line.startswith("demo-")]
+        return {name: dict(pair.split("=", 1) for pair in pairs) for name, *pairs in lines}
+
+    def __exit__(self, *_):
+        pipe = self.truths().get("demo-file-read", {}).get("file")
+        super().__exit__()
+        if pipe:
+            shutil.rmtree(SETTINGS.root + os.path.dirname(pipe), ignore_errors=True)
 
 
 class Answer:
@@ -100,34 +119,38 @@ class Answer:
         return f"exit code {self.code}\nstdout: {self.out[:2000]}\nstderr: {self.err[:2000]}"
 
 
+def environment():
+    return {**os.environ, "QORAGENT_JAR": SETTINGS.jar, "TERM": "dumb"}
+
+
 def qorctl(*words, user=None, text=None):
-    environment = {**os.environ, "QORAGENT_JAR": SETTINGS.jar}
     identity = {} if user is None else {"user": user, "group": user, "extra_groups": []}
-    return Answer(subprocess.run([SETTINGS.qorctl, *map(str, words)], input=text, capture_output=True, text=True,
-                                 timeout=LIMIT, env=environment, check=False, **identity))
+    return Answer(subprocess.run([SETTINGS.qorctl, *map(str, words)], input=text, capture_output=True,
+                                 text=True,
+                                 timeout=LIMIT, env=environment(), check=False, **identity))
 
 
 def run_tool(name, *words):
-    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]), capture_output=True, text=True,
+    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]), capture_output=True,
+                          text=True,
                           timeout=LIMIT, check=True).stdout
 
 
 def on_terminal(typed, *words, columns=0):
-    """The output of qorctl on a terminal, with `typed` lines given to it."""
+    """The output of qorctl on a terminal into which the lines are typed."""
     master, slave = pty.openpty()
     fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 0, columns, 0, 0))
-    environment = {**os.environ, "QORAGENT_JAR": SETTINGS.jar, "TERM": "dumb"}
     with subprocess.Popen([SETTINGS.qorctl, *map(str, words)], stdin=slave, stdout=slave, stderr=slave,
-                          env=environment) as process:
+                          env=environment()) as process:
         os.close(slave)
         os.write(master, typed.encode())
         output = b""
         with contextlib.suppress(OSError):  # the other end has closed
             while part := os.read(master, 65536):
                 output += part
-        code = process.wait(LIMIT)
+        assert process.wait(LIMIT) == 0, output
     os.close(master)
-    return code, output.decode()
+    return output.decode()
 
 
 class Case(unittest.TestCase):
@@ -135,22 +158,23 @@ class Case(unittest.TestCase):
 
     def answer(self, *words, **options):
         answer = qorctl(*words, **options)
-        self.assertEqual(answer.code, 0, answer)
-        self.assertEqual(answer.err, "", answer)
+        self.assertEqual((answer.code, answer.err), (0, ""), answer)
         return answer
 
-    def refused(self, told, *words, code=1, **options):
+    def json(self, *words, **options):
+        return self.answer(*words, "--json", **options).json()
+
+    def refused(self, why, *words, code=1, **options):
         """Exit code `code` and one line on standard error that says what to do next."""
         answer = qorctl(*words, **options)
-        self.assertEqual(answer.code, code, answer)
-        self.assertEqual(answer.out, "", answer)
-        self.assertEqual(len(answer.err.splitlines()), 1, answer)
-        self.assertIn(told, answer.err)
+        self.assertEqual((answer.code, answer.out, len(answer.err.splitlines())), (code, "", 1), answer)
+        self.assertIn(why, answer.err)
         self.assertIn("; ", answer.err)
         return answer
 
     def threads(self, app, *options):
-        return self.answer("threads", app.pid, "--json", *options).json()["threads"]
+        """Threads by name."""
+        return {t["name"]: t for t in self.json("threads", app.pid, *options)["threads"]}
 
     def watch(self, *words, count=3):
         """The first documents of a series."""
@@ -165,14 +189,11 @@ class Case(unittest.TestCase):
 class OfTheDemo(Case):
     """A group whose tests look into one demo application, with an agent in it."""
     FLAGS = ()
-    OPTIONS = ("--options", "handquota=100,localquota=100")  # of attach: tests ask more often than people
+    OPTIONS = "handquota=100,localquota=100"  # of attach: tests ask more often than people
 
     @classmethod
     def setUpClass(cls):
         cls.app = Application(*cls.FLAGS)
-        done = qorctl("attach", cls.app.pid, *cls.OPTIONS)
+        cls.addClassCleanup(cls.app.__exit__)
+        done = qorctl("attach", cls.app.pid, "--options", cls.OPTIONS)
         assert done.code == 0, done
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.app.__exit__()

@@ -11,34 +11,24 @@ import tempfile
 import time
 
 import jstack
-from harness import LIMIT, SETTINGS, Application, Case, in_root, run_tool, wait_until
+from harness import LIMIT, SETTINGS, Case, Program, in_root, run_tool, wait_until
 
 SERIAL = ("-XX:+UseSerialGC", "-Xmx128m")
 
 
-class Hang(Application):
-    """The JVM of the test class that hangs when it is told to."""
+class Hang(Program):
+    """The JVM of the test class that hangs on request."""
 
     def __init__(self, *flags, busy=False, jdk=None, before=()):
-        classes = SETTINGS.root + SETTINGS.classes
-        shutil.copytree(f"{SETTINGS.build}/test-classes/qoragent/testing", f"{classes}/qoragent/testing",
-                        dirs_exist_ok=True)
-        self.log = tempfile.NamedTemporaryFile(prefix="qor-e2e-", suffix=".log")
-        command = [*before, f"{jdk or SETTINGS.jdk}/bin/java", *flags, "-cp", SETTINGS.classes,
-                   "qoragent.testing.Hang", *(["busy"] if busy else [])]
-        self.process = subprocess.Popen(in_root(command), stdin=subprocess.PIPE, stdout=self.log,
-                                        stderr=subprocess.STDOUT)
-        self.pid = self.process.pid
-        self.wait_for("ready\n")
-
-    def wait_for(self, word):
-        wait_until(word, lambda: word in self.output() or self.process.poll() is not None)
-        assert self.process.poll() is None, self.output()
+        shutil.copytree(f"{SETTINGS.build}/test-classes/qoragent/testing",
+                        f"{SETTINGS.root}{SETTINGS.classes}/qoragent/testing", dirs_exist_ok=True)
+        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.testing.Hang",
+                         *(["busy"] if busy else []), jdk=jdk,
+                         before=before)
 
     def tell(self, *words):
         for word in words:
-            self.process.stdin.write(word.encode() + b"\n")
-            self.process.stdin.flush()
+            super().tell(word)
             if word == "hang":
                 self.wait_for("hangs\n")
 
@@ -62,19 +52,20 @@ code = struct.pack("HBBIHBBIHBBIHBBI", 0x20, 0, 0, 0, 0x15, 0, 1, 298, 6, 0, 0, 
 kept = ctypes.create_string_buffer(code)
 libc = ctypes.CDLL(None, use_errno=True)
 assert libc.prctl(38, 1, 0, 0, 0) == 0
-assert libc.prctl(22, 2, ctypes.c_char_p(struct.pack("HxxxxxxQ", 4, ctypes.addressof(kept)))) == 0, ctypes.get_errno()
+assert libc.prctl(22, 2, ctypes.c_char_p(struct.pack("HxxxxxxQ", 4,
+                                                     ctypes.addressof(kept)))) == 0, ctypes.get_errno()
 os.execv(sys.argv[1], sys.argv[1:])
 """
 
 
 class Hung(Case):
     def look(self, app, *options):
-        return self.answer("hung", app.pid, "--json", *options).json()
+        return self.json("hung", app.pid, *options)
 
     @classmethod
     def has_symbols(cls):
         """Debian's JDK 8 is stripped."""
-        return cls.jdk() > 8
+        return SETTINGS.version > 8
 
     def runs(self):
         return "runs" if self.has_symbols() else "safepoint unknown"
@@ -91,7 +82,7 @@ class Hung(Case):
 
     @staticmethod
     def frames(texts):
-        """Frames of a text as values, without "[C2 inlined]" after them, which is the reader's own knowledge."""
+        """Frames of a text as values, without "[C2 inlined]" after them, which only the reader knows."""
         found = (jstack.FRAME.match("\tat " + re.sub(r" \[[^]]*\]$", "", text)) for text in texts)
         return Hung.plain(jstack.parse_frame(frame["call"], frame["place"]) for frame in found)
 
@@ -129,24 +120,28 @@ class Hung(Case):
         tool = f"{SETTINGS.build}/recorded_jvm"
         with tempfile.NamedTemporaryFile() as image:
             os.kill(app.pid, signal.SIGSTOP)
-            live = subprocess.run([tool, "record", str(app.pid), image.name], capture_output=True, text=True, check=True).stdout
+            live = subprocess.run([tool, "record", str(app.pid), image.name], capture_output=True, text=True,
+                                  check=True).stdout
             app.process.kill()
             app.process.wait()
-            walked = subprocess.run([tool, "walk", image.name], capture_output=True, text=True, check=True).stdout
+            walked = subprocess.run([tool, "walk", image.name], capture_output=True, text=True,
+                                    check=True).stdout
         self.assertEqual(walked, live)
         stacks = {name: self.frames(calls.split("\n\tat ")) for name, _, calls
-                  in (thread.partition("\n\tat ") for thread in re.split(r"\n(?!\t|$)", walked.rstrip("\n"))) if calls}
+                  in (thread.partition("\n\tat ") for thread in re.split(r"\n(?!\t|$)", walked.rstrip("\n")))
+                  if calls}
         self.assertEqual({name: stacks.get(name) for name in truth}, truth)
 
     def test_a_virtual_thread_on_its_carrier(self):
-        if self.jdk() < 21:
+        if SETTINGS.version < 21:
             self.skipTest("no virtual threads")
         with Hang(*SERIAL) as app:
             app.tell("virtual")
             calls = []
 
             def pinned():
-                carriers = [t for t in self.look(app, "--all")["threads"] if t["name"] == "ForkJoinPool-1-worker-1"]
+                carriers = [t for t in self.look(app, "--all")["threads"]
+                            if t["name"] == "ForkJoinPool-1-worker-1"]
                 calls[:] = [name for t in carriers for name, _, _ in self.frames(t["frames"])]
                 return "qoragent.testing.Hang$Pinned.<clinit>" in calls and carriers[0]["whole"]
             wait_until("it stays on its carrier", pinned)
@@ -157,12 +152,14 @@ class Hung(Case):
 
     def more_layouts(self):
         """Other collectors and layouts of objects, where the matrix runs on several JDKs."""
-        known = {17: ("+UseZGC", "+UseShenandoahGC"), 21: ("+UseZGC", "+UseZGC -XX:+ZGenerational", "+UseShenandoahGC"),
+        known = {17: ("+UseZGC", "+UseShenandoahGC"),
+                 21: ("+UseZGC", "+UseZGC -XX:+ZGenerational", "+UseShenandoahGC"),
                  25: ("+UseZGC", "+UseShenandoahGC", "+UseCompactObjectHeaders")}
         if not SETTINGS.root:
             return []
         return [("-Xmx128m", *f"-XX:{flags}".split())
-                for flags in ("-UseCompressedOops", "-UseCompressedClassPointers", "+UseParallelGC", *known.get(self.jdk(), ()))]
+                for flags in ("-UseCompressedOops", "-UseCompressedClassPointers", "+UseParallelGC",
+                              *known.get(SETTINGS.version, ()))]
 
     def need_samples(self, thread):
         """Without them, as in some containers, a thread in Java can't be compared."""
@@ -180,7 +177,8 @@ class Hung(Case):
             return seen["threads"][0]["samples"] > 0
         wait_until("a sample", is_sampled)
         culprit = seen["threads"][0]
-        self.assertEqual((culprit["state"], culprit["proof"], culprit["whole"]), ("in Java", "one moment", True))
+        self.assertEqual((culprit["state"], culprit["proof"], culprit["whole"]),
+                         ("in Java", "one moment", True))
         self.assertEqual([top["samples"] for top in culprit["top"]], [culprit["samples"]])
         self.assertRegex(culprit["top"][0]["method"], r"^qoragent\.testing\.Hang\.spin \[C2( osr)?\]$")
         self.assertTrue(culprit["frames"][-1].startswith("java.lang.Thread.run("), culprit)
@@ -216,12 +214,13 @@ class Hung(Case):
             wait_until(f"a look within a second: {times}", quick)
             wait_until("list shows it", lambda: any(
                 jvm["pid"] == app.pid and "no safepoint since" in (jvm["note"] or "")
-                for jvm in self.answer("list", "--json").json()))
+                for jvm in self.json("list")))
             err, out = ours.stderr.read(), ours.stdout.read()
             self.assertEqual((ours.wait(LIMIT), out), (1, ""), err)
             ours.communicate()
             self.assertIn('"runaway"  in Java, on CPU', err)
-            self.assertRegex(err.splitlines()[-1], r'^qorctl: JVM \d+ waits for a safepoint.*"runaway" doesn\'t reach it')
+            self.assertRegex(err.splitlines()[-1],
+                             r'^qorctl: JVM \d+ waits for a safepoint.*"runaway" doesn\'t reach it')
             self.assertIsNone(jcmd.poll())
             jcmd.kill()
             jcmd.communicate()
@@ -229,12 +228,14 @@ class Hung(Case):
     def check_without_samples(self, app):
         """The reason is said where the kernel refuses them, unless the thread may be stopped."""
         def culprit(*options):
-            done = subprocess.run([sys.executable, "-c", FILTERED, SETTINGS.qorctl, "hung", str(app.pid), "--json", *options],
+            done = subprocess.run([sys.executable, "-c", FILTERED, SETTINGS.qorctl, "hung", str(app.pid),
+                                   "--json", *options],
                                   stdout=subprocess.PIPE, check=True)
             return json.loads(done.stdout)["threads"][0]
         refused = culprit()
         self.assertEqual((refused["name"], refused["samples"]), ("runaway", 0))
-        self.assertTrue(refused["frames"] or refused["unavailable"] == "perf_event_open: Permission denied", refused)
+        self.assertTrue(refused["frames"] or refused["unavailable"] == "perf_event_open: Permission denied",
+                        refused)
         wait_until("a stack", lambda: culprit("--stop-thread")["whole"])
 
     def test_a_jvm_that_is_not_let_run(self):
@@ -242,13 +243,15 @@ class Hung(Case):
             with subprocess.Popen([sys.executable, "-c", DEBUGGER, str(app.pid)], stdin=subprocess.PIPE,
                                   stdout=subprocess.PIPE) as debugger:
                 self.assertEqual(debugger.stdout.readline(), b"held\n")
-                self.assertIn(f"is stopped by a debugger, process {debugger.pid} (python", self.answer("hung", app.pid).out)
+                self.assertIn(f"is stopped by a debugger, process {debugger.pid} (python",
+                              self.answer("hung", app.pid).out)
                 debugger.stdin.close()
             self.until(app, self.runs())
             os.kill(app.pid, signal.SIGSTOP)
             seen = self.until(app, "stopped")
             self.assertIn(f"kill -CONT {app.pid}", seen["sentence"])
-            self.assertEqual([j["note"] for j in self.answer("list", "--json").json() if j["pid"] == app.pid], ["stopped"])
+            self.assertEqual([j["note"] for j in self.json("list")
+                              if j["pid"] == app.pid], ["stopped"])
             os.kill(app.pid, signal.SIGCONT)
             self.until(app, self.runs())
             for kind, state, on, off in (("freezer", "freezer.state", "FROZEN", "THAWED"),
@@ -269,7 +272,8 @@ class Hung(Case):
 
     def check_where_its_cgroup_is_unknown(self, app):
         """A task that is frozen so is as one that waits in the kernel, in its ordinary place."""
-        done = subprocess.run(["unshare", "--mount", "sh", "-c", 'umount -a -t cgroup && exec "$1" hung "$2"', "sh",
+        done = subprocess.run(["unshare", "--mount", "sh", "-c",
+                               'umount -a -t cgroup && exec "$1" hung "$2"', "sh",
                                SETTINGS.qorctl, str(app.pid)], capture_output=True, text=True, check=True)
         self.assertRegex(done.stdout, r"^JVM \d+ waits in the kernel with all its tasks: (\d+ in \w+, )*"
                                       r"\d+ in \w+; whether frozen is unknown\n$")
@@ -368,7 +372,3 @@ class Hung(Case):
                 outer.pid = int(file.read().split()[0])
             names = {t["name"]: t for t in self.look(outer, "--all")["threads"]}
             self.assertTrue(names["parker"]["whole"], names)
-
-    @staticmethod
-    def jdk():
-        return int(re.search(r"java-(\d+)-", SETTINGS.jdk).group(1))

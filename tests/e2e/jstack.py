@@ -5,7 +5,7 @@ from dataclasses import dataclass, field
 HEADER = re.compile(r'^"(?P<name>.*)" #(?P<id>\d+) ')
 STATE = re.compile(r"^   java.lang.Thread.State: (?P<state>.*)$")
 FRAME = re.compile(r"^\tat (?P<call>.*)\((?P<place>[^()]*)\)$")
-LOCK = re.compile(r"^\t- (?P<how>locked|waiting to lock|waiting on|waiting to re-lock in wait\(\)|parking to wait for) +"
+LOCK = re.compile(r"^\t- (?P<how>locked|waiting (?:to lock|on|to re-lock in wait\(\))|parking to wait for) +"
                   r"<(?P<address>\w+)> \(an? (?P<class>.*)\)$")
 SYNCHRONIZER = re.compile(r"^\t- <(?P<address>\w+)> \(an? (?P<class>.*)\)$")
 MODULE = re.compile(r"^[a-z][\w.]*@[^/]+/")

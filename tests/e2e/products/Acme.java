@@ -5,15 +5,20 @@ import java.net.InetAddress;
 import java.net.ServerSocket;
 import java.net.Socket;
 
-/** The driver for which docs/cross-tier.md writes a rule, in two calls without an answer; beside it an application's own protocol. */
+/**
+ * The driver for which docs/cross-tier.md writes a rule, in two calls without an answer; beside it an
+ * application's own protocol.
+ */
 public final class Acme {
     public static void main(String[] args) throws Exception {
         ServerSocket server = new ServerSocket(0, 9, InetAddress.getByName("127.0.0.1"));
         for (int i = 0; i < 3; i++) {
             Link link = new Link(server.getLocalPort());
             int number = i;
-            start(() -> number == 2 ? link.socket.getInputStream().read()
-                                    : new AcmeStatement(link).executeQuery("select " + link.socket.getLocalPort()));
+            start(()
+                      -> number == 2
+                             ? link.socket.getInputStream().read()
+                             : new AcmeStatement(link).executeQuery("select " + link.socket.getLocalPort()));
         }
         System.out.println("ready " + server.getLocalPort());
         while (System.in.read() >= 0)

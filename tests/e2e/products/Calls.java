@@ -17,16 +17,18 @@ import java.util.concurrent.BlockingQueue;
 import java.util.concurrent.SynchronousQueue;
 
 /**
- * Threads that call real databases. Arguments are "NAME FORM...", URL, SQL, three for each thread, whose name is the first. A "setup"
- * runs its SQL at once and has no thread; a "holder" runs it on "hold", and takes it back on "rest". On the line "warm NAME" the
- * threads of that name make their calls again and again, on "hold NAME" once, with 1 for the parameter or the # of their SQL in
- * place of 0. Embedded databases wait in the function hold.
+ * Threads that call real databases. Arguments are a folder, then "NAME FORM...", URL, SQL, three for each
+ * thread, whose name is the first. A "setup" runs its SQL at once and has no thread; a "holder" runs it on
+ * "hold", and takes it back on "rest". On the line "warm NAME" the threads of that name make their calls again
+ * and again, on "hold NAME" once, with 1 for the parameter or the # of their SQL in place of 0; those of a form
+ * "transaction" commit each. Embedded databases wait in the function hold.
  */
 public class Calls extends Thread {
     static volatile ServerSocket gate;
     static volatile String warm; // the order
 
-    final BlockingQueue<String> orders = new SynchronousQueue<>(); // an order is given when its thread makes no call
+    final BlockingQueue<String> orders =
+        new SynchronousQueue<>(); // an order is given when its thread makes no call
     final List<String> form;
     final String sql;
     final Connection connection;
@@ -43,7 +45,7 @@ public class Calls extends Thread {
     public static void main(String[] args) throws Exception {
         List<Calls> all = new ArrayList<>(), holders = new ArrayList<>();
         boolean serves = false;
-        for (int i = 0; i < args.length; i += 3) {
+        for (int i = 1; i < args.length; i += 3) {
             if (args[i].startsWith("h2tcp") && !serves)
                 serves = serve(args[i + 1].replaceAll(".*:(\\d+)/.*", "$1"));
             Calls calls = new Calls(args[i], args[i + 1], args[i + 2]);
@@ -86,7 +88,7 @@ public class Calls extends Thread {
     static boolean serve(String port) throws Exception {
         String[] options = {"-tcpPort", port};
         Class<?> factory = Class.forName("org.h2.tools.Server");
-        Object server = factory.getMethod("createTcpServer", String[].class).invoke(null, (Object) options);
+        Object server = factory.getMethod("createTcpServer", String[].class).invoke(null, (Object)options);
         server.getClass().getMethod("start").invoke(server);
         return true;
     }
@@ -125,8 +127,16 @@ public class Calls extends Thread {
     }
 
     void call(int key) throws SQLException {
+        connection.setAutoCommit(!form.contains("transaction"));
+        callStatement(key);
+        if (form.contains("transaction"))
+            connection.commit();
+    }
+
+    void callStatement(int key) throws SQLException {
         if (sql.contains("?")) {
-            try (PreparedStatement s = form.contains("callable") ? connection.prepareCall(sql) : connection.prepareStatement(sql)) {
+            try (PreparedStatement s = form.contains("callable") ? connection.prepareCall(sql)
+                                                                 : connection.prepareStatement(sql)) {
                 s.setInt(1, key);
                 callPrepared(s);
             }

@@ -1,88 +1,41 @@
-import io.grpc.CallOptions;
-import io.grpc.ClientCall;
-import io.grpc.ClientInterceptor;
-import io.grpc.ClientInterceptors;
+import io.grpc.*;
 import io.grpc.ForwardingClientCall.SimpleForwardingClientCall;
-import io.grpc.ManagedChannel;
-import io.grpc.MethodDescriptor;
-import io.grpc.ServerServiceDefinition;
 import io.grpc.netty.NettyChannelBuilder;
 import io.grpc.netty.NettyServerBuilder;
-import io.grpc.stub.ClientCalls;
-import io.grpc.stub.ServerCalls;
-import io.grpc.stub.StreamObserver;
+import io.grpc.stub.*;
 import io.netty.bootstrap.ServerBootstrap;
 import io.netty.buffer.Unpooled;
+import io.netty.channel.*;
 import io.netty.channel.Channel;
-import io.netty.channel.ChannelHandler;
-import io.netty.channel.ChannelHandlerContext;
-import io.netty.channel.ChannelInboundHandlerAdapter;
-import io.netty.channel.ChannelInitializer;
-import io.netty.channel.SimpleChannelInboundHandler;
 import io.netty.channel.nio.NioEventLoopGroup;
 import io.netty.channel.socket.nio.NioServerSocketChannel;
-import io.netty.handler.codec.http.DefaultFullHttpResponse;
-import io.netty.handler.codec.http.FullHttpRequest;
-import io.netty.handler.codec.http.HttpObjectAggregator;
-import io.netty.handler.codec.http.HttpRequest;
-import io.netty.handler.codec.http.HttpResponseStatus;
-import io.netty.handler.codec.http.HttpServerCodec;
-import io.netty.handler.codec.http.HttpVersion;
-import java.io.BufferedReader;
-import java.io.ByteArrayInputStream;
-import java.io.CharArrayWriter;
-import java.io.IOException;
-import java.io.InputStream;
-import java.io.InputStreamReader;
+import io.netty.handler.codec.http.*;
+import java.io.*;
 import java.net.InetSocketAddress;
 import java.net.URL;
-import java.security.SecureRandom;
-import java.security.cert.X509Certificate;
-import java.util.ArrayList;
-import java.util.EnumSet;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Map;
-import java.util.Set;
+import java.util.*;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.TimeUnit;
 import java.util.function.Supplier;
 import java.util.logging.LogManager;
 import javax.net.ssl.HttpsURLConnection;
-import javax.net.ssl.SSLContext;
-import javax.net.ssl.TrustManager;
-import javax.net.ssl.X509TrustManager;
-import javax.servlet.DispatcherType;
-import javax.servlet.Filter;
-import javax.servlet.FilterChain;
-import javax.servlet.FilterConfig;
-import javax.servlet.ServletException;
-import javax.servlet.ServletRequest;
-import javax.servlet.ServletResponse;
-import javax.servlet.http.HttpServlet;
-import javax.servlet.http.HttpServletRequest;
-import javax.servlet.http.HttpServletRequestWrapper;
-import javax.servlet.http.HttpServletResponse;
+import javax.servlet.*;
+import javax.servlet.http.*;
 import org.apache.catalina.Context;
-import org.apache.catalina.Wrapper;
 import org.apache.catalina.startup.Tomcat;
 import org.apache.catalina.valves.AbstractAccessLogValve;
 import org.apache.http.client.methods.HttpGet;
-import org.apache.tomcat.util.descriptor.web.FilterDef;
-import org.apache.tomcat.util.descriptor.web.FilterMap;
 import org.eclipse.jetty.server.CustomRequestLog;
 import org.eclipse.jetty.server.Server;
 import org.eclipse.jetty.server.ServerConnector;
-import org.eclipse.jetty.servlet.FilterHolder;
 import org.eclipse.jetty.servlet.ServletContextHandler;
-import org.eclipse.jetty.servlet.ServletHolder;
 import org.eclipse.jetty.util.ssl.SslContextFactory;
 
 /**
- * Real HTTP and RPC clients that ask real containers, all in here. Arguments: a folder with a key store. Prints a line
- * "call THREAD URL" for each call, then "ready". Of its input's lines "call" makes each client ask once, and the
- * containers hold all requests ("held PATH PORT", the port of their side) until the line "rest"; "warm" makes them
- * ask, unheld, until then. Containers print "logged PATH" for each that was held.
+ * Real HTTP and RPC clients that ask real containers, all in here. Arguments: a folder with a key store. Prints
+ * a line "call THREAD URL" for each call, then "ready". Of its input's lines "call" makes each client ask once,
+ * and the containers hold all requests ("held PATH PORT", the port of their side) until the line "rest"; "warm"
+ * makes them ask, unheld, until then. Containers print "logged PATH" for each that was held.
  */
 public class Web {
     interface Client {
@@ -120,7 +73,8 @@ public class Web {
     static class Page extends HttpServlet implements Filter {
         @Override
         protected void doGet(HttpServletRequest request, HttpServletResponse response) throws IOException {
-            if (request.getRequestURI().contains("/async/") && request.getDispatcherType() == DispatcherType.REQUEST) {
+            if (request.getRequestURI().contains("/async/") &&
+                request.getDispatcherType() == DispatcherType.REQUEST) {
                 request.startAsync().dispatch();
                 return;
             }
@@ -135,16 +89,27 @@ public class Web {
         @Override
         public void doFilter(ServletRequest request, ServletResponse response, FilterChain chain)
             throws IOException, ServletException {
-            String path = ((HttpServletRequest) request).getRequestURI();
+            String path = ((HttpServletRequest)request).getRequestURI();
             if (path.contains("/filter/"))
                 hold(path, request.getLocalPort());
             else
-                chain.doFilter(path.contains("/wrapped/") ? new HttpServletRequestWrapper((HttpServletRequest) request)
-                                                          : request, response);
+                chain.doFilter(path.contains("/wrapped/")
+                                   ? new HttpServletRequestWrapper((HttpServletRequest)request)
+                                   : request,
+                               response);
         }
 
         @Override
         public void init(FilterConfig config) {}
+    }
+
+    static void addPages(ServletContext context) {
+        ServletRegistration.Dynamic page = context.addServlet("page", new Page());
+        page.setAsyncSupported(true);
+        page.addMapping("/*");
+        FilterRegistration.Dynamic filter = context.addFilter("filter", new Page());
+        filter.setAsyncSupported(true);
+        filter.addMappingForUrlPatterns(EnumSet.of(DispatcherType.REQUEST), true, "/*");
     }
 
     static int[] startJetty(String folder) throws Exception {
@@ -157,12 +122,7 @@ public class Web {
         server.addConnector(encrypted);
         server.setRequestLog(new CustomRequestLog(Web::log, "%U"));
         ServletContextHandler shop = new ServletContextHandler(server, "/shop");
-        FilterHolder filter = new FilterHolder(new Page());
-        filter.setAsyncSupported(true);
-        shop.addFilter(filter, "/*", EnumSet.of(DispatcherType.REQUEST));
-        ServletHolder page = new ServletHolder(new Page());
-        page.setAsyncSupported(true);
-        shop.addServlet(page, "/*");
+        addPages(shop.getServletContext());
         server.start();
         return new int[] {plain.getLocalPort(), encrypted.getLocalPort()};
     }
@@ -172,18 +132,7 @@ public class Web {
         tomcat.setBaseDir(folder);
         tomcat.setPort(0);
         Context shop = tomcat.addContext("/shop", null);
-        Wrapper page = Tomcat.addServlet(shop, "page", new Page());
-        page.setAsyncSupported(true);
-        shop.addServletMappingDecoded("/*", "page");
-        FilterDef filter = new FilterDef();
-        filter.setFilterName("filter");
-        filter.setFilter(new Page());
-        filter.setAsyncSupported("true");
-        shop.addFilterDef(filter);
-        FilterMap all = new FilterMap();
-        all.setFilterName("filter");
-        all.addURLPattern("/*");
-        shop.addFilterMap(all);
+        shop.addServletContainerInitializer((classes, context) -> addPages(context), null);
         AbstractAccessLogValve log = new AbstractAccessLogValve() {
             @Override
             protected void log(CharArrayWriter message) {
@@ -209,12 +158,12 @@ public class Web {
         @Override
         public void channelRead(ChannelHandlerContext context, Object message) {
             if (message instanceof HttpRequest)
-                answer(context.channel(), (HttpRequest) message);
+                answer(context.channel(), (HttpRequest)message);
         }
     }
 
     static void answer(Channel channel, HttpRequest request) {
-        hold(request.uri(), ((InetSocketAddress) channel.localAddress()).getPort());
+        hold(request.uri(), ((InetSocketAddress)channel.localAddress()).getPort());
         DefaultFullHttpResponse response =
             new DefaultFullHttpResponse(HttpVersion.HTTP_1_1, HttpResponseStatus.OK, Unpooled.EMPTY_BUFFER);
         response.headers().set("Content-Length", 0);
@@ -223,7 +172,8 @@ public class Web {
     }
 
     static int startNetty(boolean isWhole, Supplier<ChannelHandler> last) throws Exception {
-        ServerBootstrap server = new ServerBootstrap().group(new NioEventLoopGroup(2)).channel(NioServerSocketChannel.class);
+        ServerBootstrap server =
+            new ServerBootstrap().group(new NioEventLoopGroup(2)).channel(NioServerSocketChannel.class);
         server.childHandler(new ChannelInitializer<Channel>() {
             @Override
             protected void initChannel(Channel channel) {
@@ -233,7 +183,7 @@ public class Web {
                 channel.pipeline().addLast(last.get());
             }
         });
-        return ((InetSocketAddress) server.bind(0).sync().channel().localAddress()).getPort();
+        return ((InetSocketAddress)server.bind(0).sync().channel().localAddress()).getPort();
     }
 
     static class Text implements MethodDescriptor.Marshaller<String> {
@@ -258,11 +208,12 @@ public class Web {
         int[] port = {0};
         ServerServiceDefinition bank =
             ServerServiceDefinition.builder("shop.Bank")
-                .addMethod(CHARGE, ServerCalls.asyncUnaryCall((String request, StreamObserver<String> answer) -> {
-                    hold("shop.Bank/Charge", port[0]);
-                    answer.onNext("");
-                    answer.onCompleted();
-                }))
+                .addMethod(CHARGE,
+                           ServerCalls.asyncUnaryCall((String request, StreamObserver<String> answer) -> {
+                               hold("shop.Bank/Charge", port[0]);
+                               answer.onNext("");
+                               answer.onCompleted();
+                           }))
                 .build();
         return port[0] = NettyServerBuilder.forPort(0).addService(bank).build().start().getPort();
     }
@@ -287,21 +238,10 @@ public class Web {
         }
     }
 
-    static void trustAnybody() throws Exception {
-        SSLContext context = SSLContext.getInstance("TLS");
-        context.init(null, new TrustManager[] {new X509TrustManager() {
-            @Override
-            public void checkClientTrusted(X509Certificate[] chain, String type) {}
-
-            @Override
-            public void checkServerTrusted(X509Certificate[] chain, String type) {}
-
-            @Override
-            public X509Certificate[] getAcceptedIssuers() {
-                return new X509Certificate[0];
-            }
-        }}, new SecureRandom());
-        HttpsURLConnection.setDefaultSSLSocketFactory(context.getSocketFactory());
+    /** Clients trust the key store's one certificate. */
+    static void trust(String folder) throws Exception {
+        System.setProperty("javax.net.ssl.trustStore", folder + "/keys");
+        System.setProperty("javax.net.ssl.trustStorePassword", "secret");
         HttpsURLConnection.setDefaultHostnameVerifier((host, session) -> true);
     }
 
@@ -325,10 +265,14 @@ public class Web {
         org.apache.http.client.HttpClient four = org.apache.http.impl.client.HttpClients.createDefault();
         org.apache.hc.client5.http.classic.HttpClient five =
             org.apache.hc.client5.http.impl.classic.HttpClients.createDefault();
-        okhttp3.OkHttpClient three = new okhttp3.OkHttpClient.Builder().readTimeout(0, TimeUnit.SECONDS).build();
-        Client client4 = url -> org.apache.http.util.EntityUtils.toByteArray(four.execute(new HttpGet(url)).getEntity());
-        Client client5 = url -> five.execute(new org.apache.hc.client5.http.classic.methods.HttpGet(url), r -> r.getCode());
-        Client okhttp = url -> three.newCall(new okhttp3.Request.Builder().url(url).build()).execute().close();
+        okhttp3.OkHttpClient three =
+            new okhttp3.OkHttpClient.Builder().readTimeout(0, TimeUnit.SECONDS).build();
+        Client client4 =
+            url -> org.apache.http.util.EntityUtils.toByteArray(four.execute(new HttpGet(url)).getEntity());
+        Client client5 = url
+            -> five.execute(new org.apache.hc.client5.http.classic.methods.HttpGet(url), r -> r.getCode());
+        Client okhttp =
+            url -> three.newCall(new okhttp3.Request.Builder().url(url).build()).execute().close();
         String atJetty = "http://127.0.0.1:" + jetty[0], atTomcat = "http://127.0.0.1:" + tomcat;
         addCall(client4, atJetty + "/shop/plain/1");
         addCall(client5, atJetty + "/shop/wrapped/2");
@@ -345,7 +289,8 @@ public class Web {
         addCall(callGrpc(grpc, false), "grpc://127.0.0.1:" + grpc + "/");
         addCall(callGrpc(grpc, true), "grpc://127.0.0.1:" + grpc + "/");
         try {
-            addCall((Client) Class.forName("WebOf11").getConstructor().newInstance(), atTomcat + "/shop/plain/13");
+            addCall((Client)Class.forName("WebOf11").getConstructor().newInstance(),
+                    atTomcat + "/shop/plain/13");
         } catch (ClassNotFoundException e) {
             System.out.println("no java.net.http here");
         }
@@ -353,7 +298,7 @@ public class Web {
 
     public static void main(String[] args) throws Exception {
         LogManager.getLogManager().reset();
-        trustAnybody();
+        trust(args[0]);
         addCalls(args[0]);
         System.out.println("ready");
         BufferedReader in = new BufferedReader(new InputStreamReader(System.in));

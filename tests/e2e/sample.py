@@ -1,0 +1,115 @@
+"""What qorctl shows of the demo is what jstack shows of it."""
+import re
+import tempfile
+
+import jstack
+from harness import OfTheDemo, qorctl, run_tool
+
+
+class Sample(OfTheDemo):
+    MOVING = {"demo-compute": 2}  # only the frames at the bottom stay between two looks
+    OURS = re.compile(r"qoragent-relay|QORD Agent|Attach Listener|process reaper")
+
+    def test_threads_frames_and_locks_are_those_of_jstack(self):
+        sample = self.json("threads", self.app.pid, "--details", "--all")
+        self.assertFalse(sample["cut"])
+        shown = {t["id"]: t for t in sample["threads"] if not self.OURS.search(t["name"])}
+        dump = {t.id: t for t in jstack.parse(run_tool("jstack", "-l", self.app.pid))
+                if t.frames and not self.OURS.search(t.name)}
+        self.assertEqual({i: t["name"] for i, t in shown.items()}, {i: t.name for i, t in dump.items()})
+        self.assertGreaterEqual(sum(t.name.startswith("demo-") for t in dump.values()), 10)
+        for number, thread in shown.items():
+            with self.subTest(thread=thread["name"]):
+                self.compare_frames(thread, dump[number])
+                self.compare_locks(thread, dump[number], dump, shown)
+
+    def compare_frames(self, thread, truth):
+        rows, frames = thread["stack"], [(frame.call, frame.line) for frame in truth.frames]
+        told = [(row["index"], (f'{row["class"]}.{row["method"]}', row["line"]))
+                for row in rows if "skipped" not in row]
+        if stay := self.MOVING.get(thread["name"]):
+            self.assertEqual([frame[0] for _, frame in told[-stay:]], [frame[0] for frame in frames[-stay:]])
+            return
+        self.assertEqual(told, [(index, frames[index]) for index, _ in told])
+        self.assertEqual(sum(row.get("skipped", 1) for row in rows), len(frames))
+
+    def compare_locks(self, thread, truth, dump, shown):
+        self.assertEqual(sorted((lock["depth"], lock["class"]) for lock in thread["owns"]),
+                         sorted((lock.depth, lock.class_name) for lock in truth.held()))
+        wait, wanted = thread["waits_for"], truth.wanted
+        owner = next((t.id for t in dump.values() if wanted and t.holds(wanted)), None)
+        if owner:
+            self.assertEqual((wait["class"], wait["owner"]), (wanted.class_name, owner))
+            if truth.state.startswith("BLOCKED"):  # the same lock has one number
+                self.assertIn((wait["lock"], wait["class"]),
+                              [(lock["lock"], lock["class"]) for lock in shown[owner]["owns"]])
+        elif wanted and thread["name"] not in self.MOVING:
+            self.assertEqual(thread["parked_on"]["class"], wanted.class_name)
+
+    def test_active_threads_and_one_thread(self):
+        active, every = self.threads(self.app), self.threads(self.app, "--all")
+        self.assertLess(set(active), set(every))
+        for name, state, is_active in (
+                ("demo-compute", "Runnable", True), ("demo-lock-wanter", "Lock", True),
+                ("demo-wait", "Object Wait", False),
+                ("demo-socket-read", "Network Wait", True), ("demo-file-read", "IO Wait", True),
+                ("demo-sleep", "Sleeping", False)):
+            self.assertEqual((every[name]["state"], name in active), (state, is_active), name)
+        wanted = every["demo-deep-stack"]
+        by_id, by_key = (self.threads(self.app, "--thread", wanted[key]) for key in ("id", "key"))
+        self.assertEqual(list(by_id), ["demo-deep-stack"])
+        self.assertEqual(by_id["demo-deep-stack"]["stack"], by_key["demo-deep-stack"]["stack"])
+        self.refused("no thread 999999", "threads", self.app.pid, "--thread", "999999")
+
+    def test_the_dump_for_people(self):
+        holder = self.threads(self.app, "--all")["demo-lock-holder"]["id"]
+        text = self.answer("threads", self.app.pid, "--details", "--match", "DEMO-lock").out
+        wanter = text[text.index('"demo-lock-wanter"'):].split("\n\n")[0]
+        self.assertRegex(wanter, rf'^"demo-lock-wanter" #\d+ Lock\n(   \w.*\n)*\tat \S+\(\S+\.java:\d+\)\n'
+                                 rf'\t- waiting to lock <\d+> \(a \S+\), held by thread #{holder} '
+                                 r'"demo-lock-holder"\n')
+        self.assertRegex(text, r"\t- locked <\d+> \(a \S+\)\n")
+
+    def test_summary_counts_the_same_threads(self):
+        summary = self.json("summary", self.app.pid)
+        self.assertEqual(len([key for key in summary if key != "jvm_microseconds"]), 13)
+        for state, least in (("lock", 1), ("sleeping", 1), ("network_wait", 2)):
+            self.assertGreaterEqual(summary[f"threads_{state}"], least)
+        for percent in ("system_cpu_percent", "heap_percent"):
+            self.assertTrue(0 <= summary[percent] <= 100, summary)
+        self.assertRegex(self.answer("summary", self.app.pid).out,
+                         rf"(?m)^Threads in Lock +{summary['threads_lock']}$")
+
+    def test_every_view_can_be_watched(self):
+        for command in ("threads", "summary", "locks", "heap", "gc", "cpu", "histogram"):
+            with self.subTest(command):
+                self.assertEqual(len(self.watch(command, self.app.pid)), 3)
+
+    def test_settings_and_raw(self):
+        self.assertIn("qorloglevel to 2", self.answer("log", self.app.pid, 2).out)
+        self.answer("log", self.app.pid, 1)
+        reply = self.answer("raw", self.app.pid, "516|showstack|256").out
+        self.assertRegex(reply, r"^\d+(<29>-?\d+){12}Time spent in JVM for processing request<30>\n"
+                                r"\d+ usec<31>\n$")
+        self.assertEqual(self.answer("raw", self.app.pid, "516|showstack|256", "--bytes").out.count("\x1d"),
+                         12)
+        self.assertIn("Invalid Request nonsense", self.answer("raw", self.app.pid, "4|nonsense").out)
+        self.refused("at most 20480", "raw", self.app.pid, "4|" + "x" * 30000)
+        self.refused("no reply", "raw", self.app.pid, "SHUTDOWN", code=2)
+
+    def test_rules_hide_threads_and_know_the_system_until_they_are_reset(self):
+        rules = "# idle\nabcd|threadname|demo-compute*\nabcd|systemcall|java.*\nabcd|systemcall|sun.*\n"
+        self.assertIn("Added Idle Thread Rules", self.answer("rules", self.app.pid, "-", text=rules).out)
+        self.assertNotIn("demo-compute", self.threads(self.app))
+        rows = self.json("stack", self.app.pid, "demo-lock-holder")["threads"][0]["stack"]
+        for package, is_application in (("java.", False), ("sun.", False), ("qoragent.", True)):
+            self.assertEqual({row["application"] for row in rows
+                              if row["class"].startswith(package)} - {is_application},
+                             set(), package)
+        with tempfile.NamedTemporaryFile("w", suffix=".rules") as empty:
+            self.answer("rules", self.app.pid, empty.name)
+        self.assertIn("demo-compute", self.threads(self.app))
+        odd = qorctl("rules", self.app.pid, "-", text="abc|threadname|x\n")
+        self.assertEqual(odd.code, 0, odd)
+        self.assertIn("line 1 has no effect", odd.err)
+        self.answer("rules", self.app.pid, "-", text="")
