@@ -102,7 +102,8 @@ class Hung(Case):
                     seen.update((t["name"], t) for t in self.look(app, "--all")["threads"])
                     truth.update((t.name, self.plain(t.frames)) for t in jstack.parse(before) if t.frames)
                     truth.pop("Attach Listener", None)
-                    return all(self.frames(seen[name]["frames"]) == frames and seen[name]["proof"] != "may be torn"
+                    return all(self.frames(seen[name]["frames"]) == frames
+                               and seen[name]["proof"] != "may be torn"
                                for name, frames in truth.items())
                 try:
                     wait_until("the stacks are the same", same, 10)
@@ -360,7 +361,8 @@ class Hung(Case):
 
     def test_who_may_look(self):
         with Hang(*SERIAL) as app:
-            self.refused(f"can't be read: /proc/{app.pid}/maps: Permission denied", "hung", app.pid, user=65534)
+            self.refused(f"can't be read: /proc/{app.pid}/maps: Permission denied", "hung", app.pid,
+                         user=65534)
         self.refused("there is no process", "hung", 999999999)
         self.refused("libjvm.so", "hung", os.getpid())
         apart = ["unshare", "--pid", "--fork", "--kill-child"]

@@ -10,7 +10,7 @@ import org.junit.After;
 import org.junit.Test;
 import org.junit.function.ThrowingRunnable;
 
-/** The whole agent, by its jar, in this JVM. What it is to other processes is tested from outside, by qorctl. */
+/** The whole agent, by its jar, in this JVM. What other processes see of it is tested from outside. */
 public class AgentTest {
     @After
     public void endAgent() {

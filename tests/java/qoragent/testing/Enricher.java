@@ -29,8 +29,8 @@ public final class Enricher {
         StringBuilder names = new StringBuilder();
         for (Object thread : threads)
             names.append(thread == null ? "-" : ((Thread)thread).getName()).append(' ');
-        asked = names + Arrays.toString(ids) + " " + String.join(",", strings) + " " + count + " " + systemData +
-                " " + isPoll;
+        asked = names + Arrays.toString(ids) + " " + String.join(",", strings) + " " + count + " " +
+                systemData + " " + isPoll;
         if (failing)
             throw new IllegalStateException("as told");
         return answer;

@@ -4,11 +4,11 @@ import java.io.IOException;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * A JVM that stops answering when it is told to: "hang" on its standard input starts a counted loop that has no
- * safepoint poll when the compiler of the server kind has compiled it under a collector without such polls, "gc" asks
- * for a collection in a thread "gc-asker", "collect" does so all the time, and "fill" makes each one long; "virtual"
- * leaves a virtual thread on its carrier, deep in calls that began before it was last put there. Before it has threads
- * in known places, interpreted and compiled, and with argument "busy" some that run all the time and come and go.
+ * A JVM that stops answering on request: "hang" on its standard input starts a counted loop without a safepoint
+ * poll, once the server compiler has compiled it under a collector that needs none, "gc" asks for a collection
+ * in a thread "gc-asker", "collect" does so all the time, and "fill" makes each one long; "virtual" leaves a
+ * virtual thread on its carrier, deep in calls that began before it was last put there. Before it has threads in
+ * known places, interpreted and compiled, and with argument "busy" some that run all the time and come and go.
  */
 public final class Hang {
     private static volatile int result;
@@ -20,16 +20,7 @@ public final class Hang {
     public static void main(String[] arguments) throws IOException {
         start("sleeper-\u00e4\u4e2d", () -> deep(20, Hang::sleep));
         start("parker", () -> deep(200, Hang::park));
-        start("holder", () -> {
-            synchronized (LOCK) {
-                start("blocked-by-lock", () -> {
-                    synchronized (LOCK) {
-                        result++;
-                    }
-                });
-                sleep();
-            }
-        });
+        start("holder", Hang::holdLock);
         for (int i = 0; i < 3; i++) {
             start("compiled-" + i, () -> {
                 for (int k = 0; k < 30000; k++) {
@@ -53,11 +44,24 @@ public final class Hang {
         StringBuilder word = new StringBuilder();
         for (int c = System.in.read(); c >= 0; c = System.in.read()) {
             if (c != '\n') {
-                word.append((char) c);
+                word.append((char)c);
                 continue;
             }
             obey(word.toString());
             word.setLength(0);
+        }
+    }
+
+    private static void holdLock() {
+        synchronized (LOCK) {
+            start("blocked-by-lock", Hang::wantLock);
+            sleep();
+        }
+    }
+
+    private static void wantLock() {
+        synchronized (LOCK) {
+            result++;
         }
     }
 
@@ -75,9 +79,9 @@ public final class Hang {
             }
         } else if (word.equals("virtual")) {
             startVirtual(() -> deep(100, () -> {
-                LockSupport.parkNanos(1);
-                Pinned.stay();
-            }));
+                             LockSupport.parkNanos(1);
+                             Pinned.stay();
+                         }));
         } else if (word.equals("collect")) {
             start("gc-asker", () -> {
                 for (;;) {
@@ -89,9 +93,7 @@ public final class Hang {
 
     /** Its initializer waits, which keeps a virtual thread on its carrier. */
     private static final class Pinned {
-        static {
-            park();
-        }
+        static { park(); }
 
         static void stay() {}
     }
@@ -116,9 +118,7 @@ public final class Hang {
         return sum;
     }
 
-    private static int first(int k, boolean stay) {
-        return second(k + 1, stay) + 1;
-    }
+    private static int first(int k, boolean stay) { return second(k + 1, stay) + 1; }
 
     private static int second(int k, boolean stay) {
         int deeper = third(k, stay, k & 15);
@@ -135,9 +135,7 @@ public final class Hang {
         return k * 31;
     }
 
-    private static int fibonacci(int n) {
-        return n < 2 ? n : fibonacci(n - 1) + fibonacci(n - 2);
-    }
+    private static int fibonacci(int n) { return n < 2 ? n : fibonacci(n - 1) + fibonacci(n - 2); }
 
     private static void churn() {
         for (;;) {

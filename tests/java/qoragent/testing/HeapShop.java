@@ -15,8 +15,7 @@ public final class HeapShop {
     static List<Object> held = new ArrayList<>();
     private static WeakReference<ClassLoader> dropped;
 
-    private HeapShop() {
-    }
+    private HeapShop() {}
 
     public static class Node {
         Node next;
@@ -24,17 +23,12 @@ public final class HeapShop {
         int number;
     }
 
-    public static final class Leaf extends Node {
-        String name;
-    }
+    public static final class Leaf extends Node { String name; }
 
     /** Loaded, never made. */
-    public static final class Unused {
-        Object field;
-    }
+    public static final class Unused { Object field; }
 
-    public static final class Own {
-    }
+    public static final class Own {}
 
     static void fill() {
         new Unused(); // loaded and initialised; the one object is garbage
@@ -53,16 +47,15 @@ public final class HeapShop {
         Node[] nodes = new Node[ELEMENTS + 3]; // three are null
         for (int i = 0; i < ELEMENTS; i++)
             nodes[i] = first;
-        shelf = new Object[] {nodes, new Leaf[5], new int[LONG_INTS], new int[LONG_INTS], new byte[LONG_BYTES]};
+        shelf =
+            new Object[] {nodes, new Leaf[5], new int[LONG_INTS], new int[LONG_INTS], new byte[LONG_BYTES]};
     }
 
     /** Held by the own field of a Class instance, and by nothing else. */
-    static final class ByClass {
-    }
+    static final class ByClass {}
 
     /** Has a Class instance, and no other. */
-    static final class Unheld {
-    }
+    static final class Unheld {}
 
     private static final class Maker extends ClassValue<ByClass> {
         @Override
@@ -117,9 +110,7 @@ public final class HeapShop {
         held.clear();
     }
 
-    static void gc() {
-        System.gc();
-    }
+    static void gc() { System.gc(); }
 
     /** A class of a loader of its own, held until drop(). */
     static void loadOwn() throws Exception {
@@ -155,13 +146,9 @@ public final class HeapShop {
             shelf = new Object[] {new byte[100000]};
     }
 
-    static long maxMemory() {
-        return Runtime.getRuntime().maxMemory();
-    }
+    static long maxMemory() { return Runtime.getRuntime().maxMemory(); }
 
-    static long totalMemory() {
-        return Runtime.getRuntime().totalMemory();
-    }
+    static long totalMemory() { return Runtime.getRuntime().totalMemory(); }
 
     static long usedMemory() {
         return Runtime.getRuntime().totalMemory() - Runtime.getRuntime().freeMemory();
@@ -171,8 +158,8 @@ public final class HeapShop {
     static String histogramRow(String name) throws Exception {
         Object[] all = {new String[] {"-all"}};
         String text = (String)ManagementFactory.getPlatformMBeanServer().invoke(
-            new javax.management.ObjectName("com.sun.management:type=DiagnosticCommand"), "gcClassHistogram", all,
-            new String[] {String[].class.getName()});
+            new javax.management.ObjectName("com.sun.management:type=DiagnosticCommand"), "gcClassHistogram",
+            all, new String[] {String[].class.getName()});
         for (String line : text.split("\n")) {
             String[] columns = line.trim().split("\\s+"); // number, instances, bytes, class, module
             if (columns.length >= 4 && columns[3].equals(name))

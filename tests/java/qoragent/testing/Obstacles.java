@@ -16,48 +16,50 @@ public final class Obstacles {
     public static Hashtable<?, ?> lockedTable() throws Exception {
         Hashtable<String, String> table = new Hashtable<>();
         table.put("REQUEST_URI", "/locked");
-        hold(() -> {
-            synchronized (table) {
-                rest(table);
+        hold(() -> restIn(table));
+        return table;
     }
-});
-return table;
-}
 
-/** An object with a "servletPath" whose class is being initialised by another thread. */
-public static Object inInitializer() throws Exception {
-    hold(() -> new Unborn());
-    return object;
-}
-
-/** Lets the other thread go on, and waits for its end. */
-public static void release() throws Exception {
-    freed.countDown();
-    holder.join();
-}
-
-private static void hold(Runnable work) throws Exception {
-    held = new CountDownLatch(1);
-    freed = new CountDownLatch(1);
-    holder = new Thread(work, "obstacle");
-    holder.setDaemon(true);
-    holder.start();
-    held.await();
-}
-
-private static void rest(Object obstacle) {
-    object = obstacle;
-    held.countDown();
-    try {
-        freed.await();
-    } catch (InterruptedException e) {
-        throw new IllegalStateException(e);
+    private static void restIn(Object table) {
+        synchronized (table) {
+            rest(table);
+        }
     }
-}
 
-private static final class Unborn {
-    static { rest(new Unborn()); }
+    /** An object with a "servletPath" whose class is being initialised by another thread. */
+    public static Object inInitializer() throws Exception {
+        hold(() -> new Unborn());
+        return object;
+    }
 
-    final String servletPath = "/born".trim();
-}
+    /** Lets the other thread go on, and waits for its end. */
+    public static void release() throws Exception {
+        freed.countDown();
+        holder.join();
+    }
+
+    private static void hold(Runnable work) throws Exception {
+        held = new CountDownLatch(1);
+        freed = new CountDownLatch(1);
+        holder = new Thread(work, "obstacle");
+        holder.setDaemon(true);
+        holder.start();
+        held.await();
+    }
+
+    private static void rest(Object obstacle) {
+        object = obstacle;
+        held.countDown();
+        try {
+            freed.await();
+        } catch (InterruptedException e) {
+            throw new IllegalStateException(e);
+        }
+    }
+
+    private static final class Unborn {
+        static { rest(new Unborn()); }
+
+        final String servletPath = "/born".trim();
+    }
 }

@@ -134,8 +134,8 @@ public final class Tiers {
             new Call("view", work -> new ViewObjectImpl("OrdersView").getQueryHitCount(work)),
             new Call("view-in-el",
                      work
-                     -> new ValueExpressionImpl("#{outer}").getValue(
-                         () -> new ViewObjectImpl("InnerView").getQueryHitCount(work))),
+                     -> new ValueExpressionImpl("#{outer}")
+                            .getValue(() -> new ViewObjectImpl("InnerView").getQueryHitCount(work))),
             new Call("attribute",
                      work -> new ViewRowImpl().setAttribute(new ViewAttributeDefImpl("OrderTotal"), work)),
             new Call("entity", work -> new EntityImpl("OrderEntity", work).doDML(1, new TransactionEvent())),

@@ -54,7 +54,10 @@ public final class Zoo {
     /** Starts "zoo-wide-FIRST" to "zoo-wide-(END - 1)", whose stacks take more than the agent keeps of one. */
     public static synchronized void startWide(int first, int end) throws Exception {
         for (int i = first; i < end; i++)
-            admit(new ZooRun.WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas("wide-" + i));
+            admit(
+                new ZooRun
+                    .WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas(
+                        "wide-" + i));
     }
 
     /** Ends all threads of the zoo. */

@@ -38,9 +38,9 @@ final class ZooLocks {
     static List<Resident> residents() {
         return new ArrayList<>(
             Arrays.asList(new Sleep(), new Park(), new TimedPark(), new ObjectWait("wait", 0),
-                          new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Latch(), new Swapper(), new Holder(), new Blocked(),
-                          new BlockedSecond(), new Reentrant(), new WaitInside(), new LockHolder(),
-                          new LockWaiter(), new TimedLockWaiter()));
+                          new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Latch(), new Swapper(),
+                          new Holder(), new Blocked(), new BlockedSecond(), new Reentrant(), new WaitInside(),
+                          new LockHolder(), new LockWaiter(), new TimedLockWaiter()));
     }
 
     private static final class Sleep extends Resident {

@@ -11,7 +11,7 @@ public class Q5DPreparedStatement extends TessarStatement {
         super(null, sql);
         this.connection = connection;
         if (connection instanceof Q5DConnection)
-            ((Q5DConnection) connection).statements = this;
+            ((Q5DConnection)connection).statements = this;
     }
 
     public Q5DPreparedStatement(Q5DConnection connection, String sql) {
