@@ -44,10 +44,6 @@ bool EndsInHighSurrogate(const char *text, int32_t length) {
 
 constexpr char REPLACEMENT = '?';
 
-constexpr bool IsSeparator(char c) {
-    return c == '\n' || c == '\r' || c == 14 || c == 15 || (c >= 26 && c <= 31);
-}
-
 // Bytes that the first byte of a sequence announces, 0 for one that begins none.
 int32_t AnnouncedLength(unsigned char first) {
     if (first < 0x80)
@@ -129,10 +125,25 @@ int32_t QorWholeCharacters(const char *text, int32_t length) {
     return EndsInHighSurrogate(text, length) ? length - SURROGATE_LENGTH : length;
 }
 
-void QorBlankSeparators(char *text) {
-    for (; *text; text++)
-        if (IsSeparator(*text))
-            *text = ' ';
+int32_t QorBlank(char *text, uint32_t blanked) {
+    char *p = text;
+    for (; *p; p++) {
+        const auto byte = static_cast<unsigned char>(*p);
+        if (byte < ' ' && (blanked >> byte & 1))
+            *p = ' ';
+    }
+    return static_cast<int32_t>(p - text);
+}
+
+int32_t QorCopyText(char *dest, const char *src, int32_t capacity, uint32_t blanked) {
+    dest[0] = 0;
+    QorStrncpy(dest, src, capacity, capacity);
+    return QorBlank(dest, blanked);
+}
+
+void QorMakeFit(char *text) {
+    QorReplaceForeignBytes(text);
+    QorBlank(text, BLANK_SEPARATORS);
 }
 
 int32_t QorDropPartialCharacter(char *text, int32_t length) {

@@ -22,8 +22,24 @@ extern struct timeval prevBufferOverFlowDumpTime; // time of the last report, on
 // UTF-8 count as whole.
 int32_t QorWholeCharacters(const char *text, int32_t length);
 
-// Replaces line ends and separators by blanks.
-void QorBlankSeparators(char *text);
+// Sets of control characters: those that a record is made of, line ends, and all that the records and the
+// merge of the Java side's answer cut at.
+enum : uint32_t {
+    BLANK_NOTHING = 0,
+    BLANK_MARKS = 1U << 14 | 0x3fU << 26,
+    BLANK_LINE_ENDS = 1U << '\n' | 1U << '\r',
+    BLANK_SEPARATORS = BLANK_MARKS | BLANK_LINE_ENDS | 1U << 15,
+};
+
+// Replaces the characters of a set by blanks. The text's length.
+int32_t QorBlank(char *text, uint32_t blanked);
+
+// The one copier of names and values: cut at a character where `capacity` bytes (at least 2, terminator
+// included) hold no more, with the characters of a set as blanks. A null source is "". The copy's length.
+int32_t QorCopyText(char *dest, const char *src, int32_t capacity, uint32_t blanked);
+
+// Makes bytes of no known encoding fit for a record: foreign ones become "?", separators blanks.
+void QorMakeFit(char *text);
 
 // Ends a text that was cut at `length` before what the cut has torn: an incomplete last character, a
 // high surrogate without its partner. Returns the length.

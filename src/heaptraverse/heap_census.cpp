@@ -94,8 +94,7 @@ void TakeFigures(QorForkState state, int32_t, const void *result) {
     figures = *static_cast<const QorHeapCensus *>(result);
     for (int32_t i = 0; i < figures.classCount; i++) {
         char *name = figures.classes[i].name;
-        QorReplaceForeignBytes(name);
-        QorBlankSeparators(name);
+        QorMakeFit(name);
     }
 }
 

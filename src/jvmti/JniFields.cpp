@@ -3,6 +3,7 @@
 #include "JniCalls.h"
 #include "JvmtiCalls.h"
 #include "Session.h"
+#include "ValueText.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorrequest.h"
@@ -225,11 +226,7 @@ int32_t QorGetStringObjectValue(jstring str, char *dest, int32_t capacity) {
         QORLOG_RATIONED(LOG_ERROR, "QorGetStringObjectValue IsSameObject *ptrObj NULL");
         return -1;
     }
-    const char *chars = QorGetStringUTFChars(jvmtijni_env, str, nullptr);
-    if (!chars)
-        return 0;
-    QorStrncpy(dest, chars, capacity, capacity);
-    QorReleaseStringUTFChars(jvmtijni_env, str, chars);
+    QorReadString(jvmtijni_env, str, dest, capacity, BLANK_NOTHING);
     return 0;
 }
 

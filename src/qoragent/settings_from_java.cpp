@@ -7,7 +7,7 @@
 #include "qorlog.h"
 #include "qorsettings.h"
 
-#include "jvmti/JniCalls.h"
+#include "jvmti/ValueText.h"
 #include "platforms/linux.h"
 
 #include <cstring>
@@ -69,15 +69,7 @@ void LogToFile(const char *path) {
 } // namespace
 
 bool QorCopyJavaString(JNIEnv *env, jstring source, char *dest, int32_t size) {
-    if (!source)
-        return false;
-    const char *chars = QorGetStringUTFChars(env, source, nullptr);
-    if (!chars)
-        return false;
-    dest[0] = 0;
-    QorStrncpy(dest, chars, size, static_cast<int32_t>(strnlen(chars, static_cast<size_t>(size))));
-    QorReleaseStringUTFChars(env, source, chars);
-    return true;
+    return QorReadString(env, source, dest, size, BLANK_NOTHING) >= 0;
 }
 
 void QorStoreLevel(int32_t level, int32_t bciLevel, QorLogThreshold usual) {

@@ -125,8 +125,7 @@ char *sym2str(char *dst, int32_t size, uint64_t symbol) {
     dst[copied] = 0;
     if (copied < length)
         QorDropPartialCharacter(dst, copied);
-    QorReplaceForeignBytes(dst);
-    QorBlankSeparators(dst);
+    QorMakeFit(dst);
     return dst;
 }
 

@@ -1,4 +1,5 @@
-#include "Xtier/tiers/ValueText.h"
+#include "Xtier/tiers/RemoteUrl.h"
+#include "qorStrUtils.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -10,7 +11,7 @@ TEST(ValueText, BlanksWhatARecordIsCutAt) {
     std::string expected = all;
     for (size_t c : {10, 13, 14, 15, 26, 27, 28, 29, 30, 31})
         expected[c - 1] = ' ';
-    QorBlankSeparators(all.data());
+    QorBlank(all.data(), BLANK_SEPARATORS);
     EXPECT_EQ(all, expected);
 }
 

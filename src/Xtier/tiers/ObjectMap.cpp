@@ -1,10 +1,10 @@
 #include "ObjectMap.h"
 
-#include "ValueText.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
+#include "jvmti/ValueText.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -172,7 +172,8 @@ int32_t QorReadStringByMap(const char *map, jobject object, char *dest, int32_t 
     jobject text = QorFollowObjectMap(map, object);
     if (!text)
         return -1;
-    const int32_t result = QorReadValueText(static_cast<jstring>(text), dest, capacity);
+    const int32_t length =
+        QorReadString(jvmtijni_env, static_cast<jstring>(text), dest, capacity, BLANK_SEPARATORS);
     QorDeleteLocalRef(jvmtijni_env, text);
-    return result;
+    return length < 0 ? -1 : 0;
 }

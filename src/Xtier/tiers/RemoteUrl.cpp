@@ -93,3 +93,60 @@ bool QorReadRemoteUrl(const char *url, char *host, int32_t capacity, int32_t *po
     *port = found;
     return true;
 }
+
+namespace {
+
+// Puts at most three stars in the place of [start, end); returns where the text goes on.
+char *Hide(char *start, char *end) {
+    constexpr char STARS[] = "***";
+    const size_t stars = std::min(static_cast<size_t>(end - start), sizeof STARS - 1);
+    memcpy(start, STARS, stars);
+    memmove(start + stars, end, strlen(end) + 1);
+    return start + stars;
+}
+
+// "://user:secret@host" and "user/secret@host"; a user alone stays. Elsewhere than in JDBC, whose passwords
+// may have slashes, the first slash after the host begins a path, where "@" is just a character.
+void HideBeforeHost(char *url) {
+    const bool isJdbc = strncmp(url, "jdbc:", 5) == 0;
+    char *const found = strstr(url, "://");
+    const bool hasScheme = found && found < url + strcspn(url, "?;");
+    char *const user = hasScheme ? found + 3 : url;
+    const char *const behind = hasScheme && !isJdbc ? "/?#;" : "?;";
+    char *const at = url[0] == '/' ? nullptr : static_cast<char *>(memrchr(user, '@', strcspn(user, behind)));
+    char *const end =
+        at ? static_cast<char *>(memchr(user, hasScheme ? ':' : '/', static_cast<size_t>(at - user)))
+           : nullptr;
+    if (end)
+        Hide(end + 1, at);
+}
+
+// Where a property's value ends: at the URL's own separator, as it may hold the other one, within
+// "(name=value)" also at the parenthesis or a comma, and for "{value}" at the brace.
+char *EndOfValue(const char *url, char *value) {
+    const auto *open = static_cast<const char *>(memrchr(url, '(', static_cast<size_t>(value - url)));
+    const bool isInside = open && !memchr(open, ')', static_cast<size_t>(value - open));
+    char *const brace = value[0] == '{' ? strchr(value, '}') : nullptr;
+    if (brace)
+        return brace + 1;
+    return value + strcspn(value, isInside ? "&;,)" : url[strcspn(url, "?;")] == ';' ? ";" : "&");
+}
+
+void HideProperties(char *url, const char *name) {
+    for (char *at = url; (at = strcasestr(at, name));) {
+        at += strlen(name);
+        at += strspn(at, "0123456789"); // one of several
+        if (*at == '=') {
+            at++;
+            at = Hide(at, EndOfValue(url, at));
+        }
+    }
+}
+
+} // namespace
+
+void QorHidePasswords(char *url) {
+    HideBeforeHost(url);
+    for (const char *name : {"password", "passwd", "pwd", "secret", "token"})
+        HideProperties(url, name);
+}

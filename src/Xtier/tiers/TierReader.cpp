@@ -3,11 +3,11 @@
 #include "CallRecords.h"
 #include "RemoteUrl.h"
 #include "SocketAddresses.h"
-#include "ValueText.h"
 #include "XtierDb.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
+#include "jvmti/ValueText.h"
 #include "jvmti/threads/ThreadSystem.h"
 #include "platforms/linux.h"
 #include "qorStrUtils.h"
@@ -32,10 +32,8 @@ bool IsOfClass(jobject object, const char *signature) {
 }
 
 bool ReadRawText(const QorPathEnd &found, char *dest, int32_t capacity) {
-    bool cut = false;
     dest[0] = 0;
-    if (found.object)
-        QorCopyStringText(static_cast<jstring>(found.object), dest, capacity, &cut);
+    QorReadString(jvmtijni_env, static_cast<jstring>(found.object), dest, capacity, BLANK_NOTHING);
     return dest[0];
 }
 
@@ -63,7 +61,7 @@ bool ReadEnvironment(jobject table, char *dest, int32_t capacity) {
         QorGetHashValue(&table, ENVIRONMENT_KEY, &value);
     // The application may have put anything there.
     if (IsOfClass(value, STRING))
-        QorReadValueText(static_cast<jstring>(value), dest, capacity);
+        QorReadString(jvmtijni_env, static_cast<jstring>(value), dest, capacity, BLANK_SEPARATORS);
     return dest[0];
 }
 
@@ -128,8 +126,7 @@ bool ReadAddress(jobject address, char *dest, int32_t capacity) {
 bool ReadNameOfFile(int32_t fd, char *name) {
     if (fd <= 0 || QorGetFileNameFromFD(fd, name) != 0)
         return false;
-    QorReplaceForeignBytes(name);
-    QorBlankSeparators(name);
+    QorMakeFit(name);
     return name[0];
 }
 
@@ -225,7 +222,7 @@ bool QorReadText(const QorPathEnd &found, char *dest, int32_t capacity) {
         QorReadByteText(static_cast<jbyteArray>(found.object), found.from, found.to - found.from, dest,
                         capacity);
     else if (found.object && (found.isText || IsOfClass(found.object, STRING)))
-        QorReadValueText(static_cast<jstring>(found.object), dest, capacity);
+        QorReadString(jvmtijni_env, static_cast<jstring>(found.object), dest, capacity, BLANK_SEPARATORS);
     return dest[0];
 }
 

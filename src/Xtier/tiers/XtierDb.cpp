@@ -2,11 +2,11 @@
 
 #include "SocketAddresses.h"
 #include "TierReader.h"
-#include "ValueText.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
+#include "jvmti/ValueText.h"
 #include "products.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
@@ -122,11 +122,11 @@ void ReadSqlText(jstring sql, int32_t capacity, QorLogThreshold threshold, QorDB
     record->sqlText[0] = 0;
     if (qorDBQuery != 1 || capacity < 2 || capacity > SQL_TEXT_SIZE || !sql)
         return;
-    QorCopyStringText(sql, record->sqlText, capacity, &cut);
+    QorReadString(jvmtijni_env, sql, record->sqlText, capacity, BLANK_NOTHING, &cut);
     QORLOG(threshold, "SQL Statement %s", record->sqlText);
     if (cut && capacity == gbSqlQueryLength)
         appendSqlIdToSqlText(record->sqlText, sql);
-    QorBlankSeparators(record->sqlText);
+    QorBlank(record->sqlText, BLANK_SEPARATORS);
 }
 
 int64_t AsNumber(jobject reference) {
@@ -268,7 +268,7 @@ void getSqlIdFromSqlText(jstring sql, char *id) {
     QorClearException(jvmtijni_env);
     if (!found)
         return;
-    QorReadValueText(static_cast<jstring>(found), id, SQL_ID_SIZE);
+    QorReadString(jvmtijni_env, static_cast<jstring>(found), id, SQL_ID_SIZE, BLANK_SEPARATORS);
     QorDeleteLocalRef(jvmtijni_env, found);
 }
 

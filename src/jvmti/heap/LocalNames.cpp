@@ -6,6 +6,7 @@
 #include "jvmti/TagEnvironment.h"
 #include "jvmti/threads/MethodTable.h"
 #include "jvmti/threads/ThreadSystem.h"
+#include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 
@@ -100,10 +101,7 @@ void AddAllStacks() {
 // Copies a text of the JVM's, without what would end a line of the dump: a class file may hold any character
 // in a name. The length.
 int32_t TakeText(char *dest, char *source) {
-    const int32_t length = QorCopyName(dest, source);
-    for (char *p = dest; *p; p++)
-        if (*p == '\n' || *p == '\r')
-            *p = ' ';
+    const int32_t length = QorCopyText(dest, source, NAME_SIZE, BLANK_MARKS | BLANK_LINE_ENDS);
     gbDumpEnv->Deallocate(reinterpret_cast<unsigned char *>(source));
     return length;
 }

@@ -2,6 +2,7 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
+#include "jvmti/ValueText.h"
 #include "jvmti/threads/MethodTable.h"
 #include "qorlog.h"
 #include "reply/qortext.h"
@@ -15,8 +16,6 @@ namespace {
 static_assert(int32_t{FIELD_TEXT_SIZE} == int32_t{NAME_SIZE},
               "texts of both kinds are copied by one function");
 
-constexpr jsize MAX_CHARS_SHOWN = FIELD_TEXT_SIZE - 1;
-constexpr int32_t BYTES_PER_CHAR = 3; // the most that a char takes in modified UTF-8
 constexpr int32_t ELEMENT_SIZE = 16;
 
 struct TypeRow {
@@ -184,18 +183,11 @@ void QorReadArrayText(int32_t typeCode, jobject array, char *value) {
 }
 
 bool QorReadStringText(jobject string, char *value) {
-    if (!string || QorIsSameObject(jvmtijni_env, string, nullptr))
-        return false;
-    jstring str = static_cast<jstring>(string);
-    const jsize length = jvmtijni_env->GetStringLength(str);
-    if (QorClearException(jvmtijni_env))
-        return false;
-    char chars[MAX_CHARS_SHOWN * BYTES_PER_CHAR + 1] = {};
-    jvmtijni_env->GetStringUTFRegion(str, 0, std::min(length, MAX_CHARS_SHOWN), chars);
-    if (QorClearException(jvmtijni_env))
-        return false;
-    QorCopyName(value, length > 0 ? chars : " ");
-    return true;
+    const int32_t length =
+        QorReadString(jvmtijni_env, static_cast<jstring>(string), value, FIELD_TEXT_SIZE, BLANK_MARKS);
+    if (length == 0)
+        QorCopyName(value, " ");
+    return length >= 0;
 }
 
 void QorGetPrimitiveObjectValues(int32_t typeCode, jobject object, QorFieldRecord *record) {

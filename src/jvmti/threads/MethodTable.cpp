@@ -276,15 +276,7 @@ void QorDropMethodFacts() {
 }
 
 int32_t QorCopyName(char *dest, const char *src) {
-    dest[0] = 0;
-    QorStrncpy(dest, src, NAME_SIZE, NAME_SIZE);
-    char *p = dest;
-    for (; *p != 0; p++) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        if (c == 14 || (c >= 26 && c <= 31))
-            *p = ' ';
-    }
-    return static_cast<int32_t>(p - dest);
+    return QorCopyText(dest, src, NAME_SIZE, BLANK_MARKS);
 }
 
 int32_t QorReadFrame(QorFrameHandle *frameHandle, QorFrameDetail detail, QorFrameRecord *record) {

@@ -5,6 +5,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
+#include "jvmti/ValueText.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -185,14 +186,7 @@ void HaveOwnedBatch(const QorThreadHandle *handle, QorMonitorScope scope) {
 
 // The text of a Java string into NAME_SIZE bytes. False when it is unavailable.
 bool ReadText(jobject str, char *dest) {
-    if (!str)
-        return false;
-    const char *chars = QorGetStringUTFChars(jvmtijni_env, static_cast<jstring>(str), nullptr);
-    if (!chars)
-        return false;
-    QorCopyName(dest, chars);
-    QorReleaseStringUTFChars(jvmtijni_env, static_cast<jstring>(str), chars);
-    return true;
+    return QorReadString(jvmtijni_env, static_cast<jstring>(str), dest, NAME_SIZE, BLANK_MARKS) >= 0;
 }
 
 // The two methods that describe a MonitorInfo, whose superclass prints it.

@@ -1,7 +1,7 @@
 #include "direct_connections.h"
 
+#include "Xtier/tiers/RemoteUrl.h"
 #include "Xtier/tiers/SocketAddresses.h"
-#include "Xtier/tiers/ValueText.h"
 #include "Xtier/tiers/XtierDb.h"
 #include "connection_list.h"
 #include "jdbc_versions.h"

@@ -97,8 +97,7 @@ bool ReadByteString(uint64_t string, char *out) {
         return false;
     out[count] = 0;
     std::replace(out, out + count, '\0', '?');
-    QorReplaceForeignBytes(out);
-    QorBlankSeparators(out);
+    QorMakeFit(out);
     return out[0] != 0;
 }
 
