@@ -8,6 +8,8 @@
 // A start logs one line per failure and no error to its caller's caller.
 #pragma once
 
+#include "Capabilities.h"
+
 #include <cstdint>
 #include <jni.h>
 #include <jvmti.h>
@@ -28,13 +30,6 @@ struct JmmExtTable {
     jint(JNICALL *GetDoubleAttribute)(JNIEnv *env, jobject bean, jint key, jint unused, jdouble *out);
 };
 
-// What the agent itself can do on this JVM.
-struct QorJvmCapabilities {
-    int32_t jvmtiMonitor;      // locks by JVMTI
-    int32_t forkHeapDump;      // heap dumps in a forked child
-    int32_t managementGCCount; // collection counts by java.lang.management
-};
-
 extern JavaVM *jr_jvm;                 // null until a session has been opened; outlives it, for the detach
 extern JavaVM *qor_vm;                 // the VM on either road; start-up sets it first of all
 extern jvmtiEnv *jvmti;                // the one JVMTI environment; disposed of at unload
@@ -49,7 +44,6 @@ extern int64_t gbiAgentWorkerThreadId; // the worker's Java thread id, -1 until 
 extern bool gbQorJvmKeepsThreads;      // false: JVMTI must not be asked for a thread's state
 extern const JmmTable *jmm;            // null when the JVM's table is of no known version
 extern const JmmExtTable *jmm_ext;     // null on all but a few JVMs
-extern QorJvmCapabilities gbQorJvmCapabilitiesObj;
 
 extern void *(JNICALL *fnptrJVM_GetManagement)(jint version);
 extern jlong(JNICALL *fnptrJVM_TotalMemory)();
@@ -89,9 +83,6 @@ int32_t QorDetachThread();
 // Names the current thread (which must be attached) and stores its Java thread id as the worker's.
 void setThreadNameAndGetThreadID(const char *name);
 
-// Warns in the log when objects can't be tagged. Worker.
-void checkCapabilities();
-
 // Looks for the two IBM extension functions: 1 when both are there, else 0.
 int32_t QorGetIBMExtension();
 
@@ -108,15 +99,6 @@ bool QorReadThreadId(jthread thread, int64_t *out);
 
 // Logs that a local frame could not be opened.
 void QorLogNoFrame(int32_t threshold);
-
-// The capability record: cleared, then set and read field by field.
-void QorInitQorJVMCapabilities();
-void QorSetJvmtiMonitorCapability(int32_t value);
-int32_t QorGetJvmtiMonitorCapability();
-void QorSetForkHeapDumpCapability(int32_t value);
-int32_t QorGetForkHeapDumpCapability();
-void QorSetManagementGCCountCapability(int32_t value);
-int32_t QorGetManagementGCCountCapability();
 
 // Reads an attribute of the extended management table; false, with *value as it was, when there is no table.
 bool QorReadExtendedAttribute(int32_t key, double *value);
