@@ -16,7 +16,7 @@ import unittest
 
 from harness import SETTINGS, in_root
 from databases import Databases
-from direct import DirectHeap, DirectLocals, DirectRoad, DirectTiers
+from direct import DirectHeap, DirectRoad
 from dumps import Dumps, LateDumps
 from hung import Hung
 from life import Life, Refusals, Users
@@ -25,8 +25,8 @@ from tiers import OwnDriver, Tiers
 from views import Memory, Views
 from web import Web
 
-__all__ = ["Databases", "DirectHeap", "DirectLocals", "DirectRoad", "DirectTiers", "Dumps", "Hung",
-           "LateDumps", "Life", "Memory", "OwnDriver", "Refusals", "Sample", "Tiers", "Users", "Views", "Web"]
+__all__ = ["Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life", "Memory",
+           "OwnDriver", "Refusals", "Sample", "Tiers", "Users", "Views", "Web"]
 
 
 def main():

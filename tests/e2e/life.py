@@ -52,8 +52,14 @@ class Life(Case):
         with Application() as app, socket.create_server(("127.0.0.1", 0)) as impostor:
             self.answer("attach", app.pid)
             [endpoint] = leftovers(app.pid)
-            with open(endpoint, encoding="ascii") as file:
+            with open(endpoint, "r+", encoding="ascii") as file:
                 text = file.read()
+                file.seek(0)
+                file.write(re.sub(r"pid=\d+", "pid=1", text))
+                file.truncate()
+            self.assertFalse(self.state(app)["agent"])  # it is another process's
+            with open(endpoint, "w", encoding="ascii") as file:
+                file.write(text)
             self.answer("shutdown", app.pid)
             with open(os.open(endpoint, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
                 file.write(re.sub(r"port=\d+", f"port={impostor.getsockname()[1]}", text))

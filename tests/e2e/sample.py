@@ -61,15 +61,6 @@ class Sample(OfTheDemo):
         self.assertEqual(by_id["demo-deep-stack"]["stack"], by_key["demo-deep-stack"]["stack"])
         self.refused("no thread 999999", "threads", self.app.pid, "--thread", "999999")
 
-    def test_the_dump_for_people(self):
-        holder = self.threads(self.app, "--all")["demo-lock-holder"]["id"]
-        text = self.answer("threads", self.app.pid, "--details", "--match", "DEMO-lock").out
-        wanter = text[text.index('"demo-lock-wanter"'):].split("\n\n")[0]
-        self.assertRegex(wanter, rf'^"demo-lock-wanter" #\d+ Lock\n(   \w.*\n)*\tat \S+\(\S+\.java:\d+\)\n'
-                                 rf'\t- waiting to lock <\d+> \(a \S+\), held by thread #{holder} '
-                                 r'"demo-lock-holder"\n')
-        self.assertRegex(text, r"\t- locked <\d+> \(a \S+\)\n")
-
     def test_summary_counts_the_same_threads(self):
         summary = self.json("summary", self.app.pid)
         self.assertEqual(len([key for key in summary if key != "jvm_microseconds"]), 13)
