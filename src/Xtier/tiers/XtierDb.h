@@ -44,7 +44,7 @@ int32_t QorGetFdFromSocket(jobject socket, int64_t *fd);
 // A statement's text into the record, with its id when it is cut; nothing without `dbquery`.
 void QorReadSqlText(jstring sql, QorDBRequestData *record);
 
-// What tells one connection from another in the cache: the hash code of an object that is its own.
+// What tells one connection from another in the cache: the hash code of an object that no other one has.
 void QorReadConnectionHash(jobject object, QorDBRequestData *record);
 
 // Ports and peer of a socket into the record; for anything else ports 0 and no host.

@@ -73,7 +73,7 @@ enum QorTierForm : uint8_t {
     FORM_PEER,           // a java.net.Socket: host and port of its other end
     FORM_REMOTE_URL,     // a text: host, port, and the whole as the name
     FORM_OBJECT,         // what other ways begin at
-    FORM_DIRECT,         // a connection that holds its session behind an object
+    FORM_DIRECT,         // a connection whose session is in an object of its driver
     FORM_LAYERED,        // a connection that holds it itself
 };
 

@@ -1,7 +1,7 @@
 // What a walk for locals looks for and what it has found: the memory that its callbacks work on.
 //
 // The wanted frames are indexed before the walk, the found objects are put down as pairs of frame and tag,
-// and nothing is allocated, logged or asked of the JVM in between. All of it belongs to the walk at hand: the
+// and nothing is allocated, logged or asked of the JVM in between. All of it belongs to the current walk: the
 // worker prepares it and reads it, the callbacks fill it while the JVM is paused.
 #pragma once
 
@@ -96,7 +96,7 @@ struct QorLocalWalk {
 extern QorLocalWalk gbQorLocalWalk;
 
 // Builds the index for a list, and clears all that a walk fills; sets the entries' links to newer ones and
-// clears their results. False when there is no memory. QorEndLocalSearch gives the index back.
+// clears their results. False when there is no memory. QorEndLocalSearch releases the index.
 bool QorPrepareLocalSearch(QorLocalWalk *walk, QorAllThreadLocalInfoList *list);
 
 // The same for one frame of one thread.

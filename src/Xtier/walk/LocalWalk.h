@@ -14,7 +14,7 @@
 
 constexpr int64_t QOR_LOCAL_WALK_BUDGET_USEC = 200'000; // the longest budget of a walk
 
-extern int64_t lAllowedFollowRefTimeUSec; // time budget of the walk at hand, microseconds
+extern int64_t lAllowedFollowRefTimeUSec; // time budget of the current walk, microseconds
 
 // Entries of a JVM's own reader of frames. No known JVM has them, so that they stay null.
 extern void *qorctiHasMore;
