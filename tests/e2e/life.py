@@ -194,7 +194,13 @@ class Users(Case):
     STRANGER, USER = 65533, 64321
 
     def setUp(self):
-        self.addCleanup(shutil.rmtree, f"{SETTINGS.root}/tmp/qoragent-{self.USER}", True)
+        """With nothing left of a run that failed, nor for the next one."""
+        self.tidy_up()
+        self.addCleanup(self.tidy_up)
+
+    def tidy_up(self):
+        for place in glob.glob(f"{SETTINGS.root}/tmp/qoragent-{self.USER}*"):
+            shutil.rmtree(place, True)
 
     def test_root_attaches_to_a_jvm_of_another_user(self):
         with Application(user=NOBODY) as app:
