@@ -18,12 +18,13 @@ void Restart(const char *system) {
 // The last of three processes that are named "java", as the threads of a JVM were then.
 TEST(PidList, TheShellGetsPlainUserNamesOnly) {
     const auto of_last = [] {
-        for (const char *name : {"app.user-1_x", "a;echo 1", "$(id)", "-e", ""}) {
-            setenv("LOGNAME", name, 1);
+        for (const std::string name : {"app.user-1_x", "a;echo 1", "$(id)", "-e", ""}) {
+            setenv("LOGNAME", name.c_str(), 1);
             Restart("Linux-2.4.20 (64 bit)");
             EXPECT_EQ(Linux_Kernel_2_4, 1);
-            EXPECT_EQ(std::string(cpu_cmd_str).find(name[1] == 'p' ? "ps -fu app.user-1_x |" : "ps -fe |"),
-                      0u)
+            EXPECT_EQ(
+                std::string(cpu_cmd_str).find(name == "app.user-1_x" ? "ps -fu app.user-1_x |" : "ps -fe |"),
+                0u)
                 << name;
         }
     };

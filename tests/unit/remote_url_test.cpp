@@ -13,6 +13,7 @@ TEST(RemoteUrl, GivesHostAndPortOrNothing) {
         {"https://user:s@cret@10.0.0.7:8443/x@y:1", "10.0.0.7", 8443},
         {"https://[2001:db8::1]:444?x", "2001:db8::1", 444},
         {"dns:///db_host:50051", "db_host", 50051},
+        {"https://shop", "shop", 443},
         {"backend:9000/x", "backend", 9000},
         {"http://" + longest, longest, 80},
         {"http://" + longest + "x", "", 0},
