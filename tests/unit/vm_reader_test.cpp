@@ -4,17 +4,19 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-// Three pages and a hole after them. Two neighbours among them are kept apart.
+constexpr uint64_t FAR = 512 * VM_PAGE_SIZE;
+
+// Two pages and a hole after them, and two more FAR away: of one pair the second is kept next to the first.
 struct VmReader : testing::Test {
     VmReader() {
-        bytes = static_cast<unsigned char *>(
-            mmap(nullptr, 4 * VM_PAGE_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        for (size_t i = 0; i < 3 * VM_PAGE_SIZE; i++)
-            bytes[i] = static_cast<unsigned char>(i * 7);
-        mprotect(bytes + 3 * VM_PAGE_SIZE, VM_PAGE_SIZE, PROT_NONE);
+        bytes = static_cast<unsigned char *>(mmap(nullptr, FAR + 2 * VM_PAGE_SIZE, PROT_READ | PROT_WRITE,
+                                                  MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        for (size_t i = 0; i < 2 * VM_PAGE_SIZE; i++)
+            bytes[i] = bytes[FAR + i] = static_cast<unsigned char>(i * 7 + 1);
+        mprotect(bytes + 2 * VM_PAGE_SIZE, VM_PAGE_SIZE, PROT_NONE);
         QorForgetPages();
     }
-    ~VmReader() override { munmap(bytes, 4 * VM_PAGE_SIZE); }
+    ~VmReader() override { munmap(bytes, FAR + 2 * VM_PAGE_SIZE); }
     uint64_t At(uint64_t offset) const { return reinterpret_cast<uint64_t>(bytes) + offset; }
 
     unsigned char *bytes;
@@ -24,15 +26,16 @@ TEST_F(VmReader, KeepsPagesUntilToldToForgetThem) {
     static unsigned char out[2 * VM_PAGE_SIZE];
     ASSERT_TRUE(QorPeek(At(5), out, sizeof out - 5)); // over a page's end
     EXPECT_EQ(memcmp(out, bytes + 5, sizeof out - 5), 0);
-    for (uint64_t at : {VM_PAGE_SIZE - 7, 2 * VM_PAGE_SIZE - 7}) {
+    for (uint64_t at : {VM_PAGE_SIZE - 7, FAR + VM_PAGE_SIZE - 7}) {
         const uint64_t word = QorWordAt(At(at));
         EXPECT_EQ(memcmp(&word, bytes + at, sizeof word), 0) << at;
     }
 
-    bytes[100] = 1;
     uint8_t kept = 0, fresh = 0;
+    EXPECT_TRUE(QorPeekValue(At(100), &kept));
+    bytes[100] = 1;
     EXPECT_TRUE(QorPeekValue(At(100), &kept) && QorPeekFresh(At(100), &fresh, 1));
-    EXPECT_EQ(kept, uint8_t{100 * 7 % 256});
+    EXPECT_EQ(kept, uint8_t{(100 * 7 + 1) % 256});
     EXPECT_EQ(fresh, 1);
     QorForgetPages();
     EXPECT_TRUE(QorPeekValue(At(100), &kept));
@@ -40,7 +43,7 @@ TEST_F(VmReader, KeepsPagesUntilToldToForgetThem) {
 }
 
 TEST_F(VmReader, RefusesWhatIsNotThereAndFindsItOnceItIs) {
-    const uint64_t hole = 3 * VM_PAGE_SIZE;
+    const uint64_t hole = 2 * VM_PAGE_SIZE;
     uint64_t value;
     for (uint64_t address : {At(hole), At(hole - 7), uint64_t{0}, UINT64_MAX - 3}) {
         EXPECT_FALSE(QorPeekValue(address, &value)) << address;
