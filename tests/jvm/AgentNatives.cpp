@@ -1,6 +1,10 @@
 #include "AgentNatives.h"
 
+#include "jvmti/JavaClasses.h"
+#include "jvmti/JniCalls.h"
+#include "platforms/linux.h"
 #include "qoragent/requests/channel.h"
+#include "qoragent/worker.h"
 #include "qorsettings.h"
 
 #include <chrono>
@@ -15,14 +19,12 @@ jstring OrNull(const char *text) {
 } // namespace
 
 int StartAgent(const StartArguments &a) {
-    Env()->PushLocalFrame(32);
+    const QorLocalFrame references(Env(), 32);
     jobject sample = Text("sample");
-    const int status = Java_qoragent_Agent_initvar(
-        Env(), nullptr, a.logLevel, a.level, 30, a.timeout, 0, OrNull(a.vendor), OrNull(a.version),
-        OrNull(a.osName), sample, sample, sample, sample, OrNull(a.webserver), nullptr, OrNull(a.logFile),
-        OrNull(a.jvmId), 1, 0, a.sqlLength, a.localsQuota, 1000, 300);
-    Env()->PopLocalFrame(nullptr);
-    return status;
+    return Java_qoragent_Agent_initvar(Env(), nullptr, a.logLevel, a.level, 30, a.timeout, 0,
+                                       OrNull(a.vendor), OrNull(a.version), OrNull(a.osName), sample, sample,
+                                       sample, sample, OrNull(a.webserver), nullptr, OrNull(a.logFile),
+                                       OrNull(a.jvmId), 1, 0, a.sqlLength, a.localsQuota, 1000, 300);
 }
 
 std::string Ask(const char *request, JNIEnv *env) {
@@ -45,13 +47,11 @@ std::string Ask(const std::string &request) {
 }
 
 std::thread AskAside(const std::string &request, std::string *reply) {
-    JavaVM *vm = nullptr;
-    Env()->GetJavaVM(&vm);
     return std::thread([=] {
         void *env = nullptr;
-        vm->AttachCurrentThread(&env, nullptr);
+        jr_jvm->AttachCurrentThread(&env, nullptr);
         *reply = Ask(request.c_str(), static_cast<JNIEnv *>(env));
-        vm->DetachCurrentThread();
+        jr_jvm->DetachCurrentThread();
     });
 }
 
@@ -74,7 +74,32 @@ void AgentTest::SetUpTestSuite() {
 }
 
 void AgentTest::TearDown() {
+    Java("Zoo", "stop");
     if (pipe_fd_PP[1] >= 0 && QorOnJvmtiRoad() && Workers() > 0)
         ShutDownAgent();
     JvmTest::TearDown();
+}
+
+HeldWorker::HeldWorker(int64_t millis) : real(e2eclass) {
+    jclass busy = Env()->FindClass("qoragent/testing/Enricher");
+    e2eclass = static_cast<jclass>(Env()->NewGlobalRef(busy));
+    Env()->DeleteLocalRef(busy);
+    Java("Enricher", "hold", millis);
+}
+
+void HeldWorker::let() {
+    Java("Enricher", "let");
+}
+
+void WaitForIdleWorker() {
+    while (qor_can_read_internal(pipe_fd_PP[0], 0) || workerBusy != 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+std::string Setting(int value) {
+    return Ask("516|NoProcessing|qorretry|" + std::to_string(value));
+}
+
+std::string SettingReply(int value) {
+    return "Changed qorretry to " + std::to_string(value);
 }

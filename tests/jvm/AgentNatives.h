@@ -36,6 +36,10 @@ constexpr char TIMED_OUT[] = "Request TIMED OUT|\t|\t\t||";
 // Starts the agent from the calling thread, whose environment is `env` (the test's when null).
 int StartAgent(const StartArguments &arguments);
 
+// Sets a setting of no effect, and what that is answered with.
+std::string Setting(int value);
+std::string SettingReply(int value);
+
 // One request, from the thread of `env`; a null `request` is Java's null.
 std::string Ask(const char *request, JNIEnv *env = nullptr);
 std::string Ask(const std::string &request);
@@ -45,6 +49,16 @@ std::thread AskAside(const std::string &request, std::string *reply);
 
 // Makes the agent leave and waits until it has.
 void ShutDownAgent();
+
+// All wake-ups so far have been dealt with.
+void WaitForIdleWorker();
+
+// The worker stays in its next sample until it is let go, or for so long.
+struct HeldWorker {
+    explicit HeldWorker(int64_t millis = 60000);
+    static void let();
+    jclass real; // the class that it asks otherwise
+};
 
 // Live Java threads that bear the worker's name.
 int Workers();

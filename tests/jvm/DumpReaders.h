@@ -1,5 +1,7 @@
-// Readers of the two kinds of heap dump, for tests that compare them.
+// Heap dumps: where they go, what of the console's reader a test asks for, and figures of the JVM's own form.
 #pragma once
+
+#include "dumps/text_dump.h"
 
 #include <cstdint>
 #include <map>
@@ -7,34 +9,40 @@
 #include <string>
 #include <vector>
 
-// A text dump, taken apart line by line. `error` names the first line that no record has, or the first number
-// that nothing in the file leads to, or the first class with references to
-// more objects than the walk has visited.
+// A collector by its option, for suites of which each has its own JVM.
+template <int N>
+struct Collector {
+    static constexpr const char *NAMES[] = {"Serial", "Parallel", "G1", "Shenandoah", "Z", "ConcMarkSweep"};
+    static std::string Option() { return std::string("-XX:+Use") + NAMES[N] + "GC"; }
+};
+struct CollectorNames {
+    template <class Collector>
+    static std::string GetName(int) {
+        return Collector::Option().substr(8);
+    }
+};
+
+std::string FileText(const std::string &path);
+
+// A text dump as the console reads it, which throws for any line out of form. Read() fails the test when a
+// reference leads to what the dump doesn't have.
 struct TextDump {
     static TextDump Read(const std::string &path);
 
-    std::string error, header, trailer, body; // body: all between header and trailer
-    std::map<int64_t, std::string> classNames;
-    std::map<std::string, std::vector<std::string>> fields; // of each class: "index name"
-    std::map<int64_t, int64_t> instances;                   // by class number, from the object phase
-    struct Array {
-        int64_t count, number, size, klass;
-        int64_t elements; // lines under it; -1 for an array of primitives
-    };
-    std::vector<Array> arrays;
-    std::map<int64_t, std::vector<int64_t>> references; // from an instance, in order
-    std::map<int64_t, int64_t> classOf;                 // of objects that stand as referrers
-    int64_t objects = 0, roots = 0, locals = 0;
+    const qorctl::DumpClass &
+    Class(const std::string &name) const; // by Java's name; an empty one when it is missing
+    int64_t Arrays(const std::string &klass, int64_t elements) const;
 
-    int64_t ClassNumber(const std::string &signature) const;
-    int64_t InstancesOf(const std::string &signature) const;
+    qorctl::DumpSummary summary;
+    std::string header, body;                           // body: all between header and trailer
+    std::map<int64_t, std::vector<int64_t>> references; // of objects with fields, in order
+    std::map<int64_t, int64_t> classOf;                 // of those objects: class numbers
 };
 
 // Figures of an Hprof dump, by class name in the JVM's form ("a/B", "[La/B;").
 struct HprofDump {
     static HprofDump Read(const std::string &path);
 
-    std::string error;
     std::map<std::string, int64_t> instances;
     std::map<std::string, int64_t> elements;                    // non-null ones of all its object arrays
     std::map<std::pair<int, int64_t>, int64_t> primitiveArrays; // number by type code and length

@@ -12,7 +12,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/uio.h>

@@ -1,10 +1,16 @@
 #include "JvmFixture.h"
-#include "jvmti/threads/MonitorMemo.h"
+
+#include "Descriptors.h"
+#include "FailingCalls.h"
+#include "qorrequest.h"
+#include "qorsettings.h"
+#include "qorutil.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <malloc.h>
 #include <mutex>
 #include <sstream>
 #include <unistd.h>
@@ -67,37 +73,6 @@ void *openJvm() {
     abort();
 }
 
-// A static method ready to be called; fails the test when it isn't there.
-struct StaticCall {
-    StaticCall(const char *className, const char *name, const char *signature) {
-        testEnv->PushLocalFrame(16);
-        klass = testEnv->FindClass(className);
-        if (klass)
-            method = testEnv->GetStaticMethodID(klass, name, signature);
-        if (!method)
-            fail(className, name);
-    }
-    ~StaticCall() { testEnv->PopLocalFrame(nullptr); }
-
-    void fail(const char *className, const char *name) {
-        if (testEnv->ExceptionCheck()) {
-            testEnv->ExceptionDescribe();
-            testEnv->ExceptionClear();
-        }
-        ADD_FAILURE() << className << "." << name << " failed";
-    }
-
-    bool check(const char *className, const char *name) {
-        const bool threw = testEnv->ExceptionCheck();
-        if (threw)
-            fail(className, name);
-        return !threw;
-    }
-
-    jclass klass = nullptr;
-    jmethodID method = nullptr;
-};
-
 std::vector<std::string> split(const std::string &line, char separator) {
     std::vector<std::string> fields;
     std::istringstream in(line);
@@ -133,12 +108,11 @@ void JvmTest::StartJvm(const std::vector<std::string> &options) {
 }
 
 void JvmTest::SetUp() {
-    framePushed_ = testEnv->PushLocalFrame(64) == JNI_OK;
+    ASSERT_EQ(testEnv->PushLocalFrame(512), JNI_OK);
 }
 
 void JvmTest::TearDown() {
-    if (framePushed_)
-        testEnv->PopLocalFrame(nullptr);
+    testEnv->PopLocalFrame(nullptr);
     EXPECT_FALSE(testEnv->ExceptionCheck()) << "an exception was left pending";
     EXPECT_EQ(TakeJvmComplaints(), "");
 }
@@ -151,7 +125,12 @@ void SessionTest::SetUp() {
 }
 
 void SessionTest::TearDown() {
-    QorDropMemo();
+    Java("Zoo", "stop");
+    poll_details = trace_all_threads = trace_single_thread_details = qorIsPollOrTrace = 0;
+    qorLockInfoLevel = gbiOptimizationLevel = qorGetLocalObjectsQuotaPct = qorDBQuery = gbQorRELocal = 0;
+    qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
+    reqid = get_system_data = 0;
+    readconditions(nullptr);
     QorDovOnUnload(testEnv);
     JvmTest::TearDown();
 }
@@ -168,55 +147,38 @@ std::string TakeJvmComplaints() {
     return taken;
 }
 
-std::string CallText(const char *klass, const char *method, const char *signature, ...) {
-    StaticCall call(klass, method, signature);
-    if (!call.method)
-        return "";
-    va_list args;
-    va_start(args, signature);
-    jobject result = testEnv->CallStaticObjectMethodV(call.klass, call.method, args);
-    va_end(args);
-    return call.check(klass, method) && result ? TextOf(result) : "";
-}
-
-int64_t CallLong(const char *klass, const char *method, const char *signature, ...) {
-    StaticCall call(klass, method, signature);
-    if (!call.method)
-        return -1;
-    va_list args;
-    va_start(args, signature);
-    const jlong result = testEnv->CallStaticLongMethodV(call.klass, call.method, args);
-    va_end(args);
-    return call.check(klass, method) ? result : -1;
-}
-
-jobject CallObject(const char *klass, const char *method, const char *signature, ...) {
-    jobject kept = nullptr;
-    {
-        StaticCall call(klass, method, signature);
-        if (!call.method)
-            return nullptr;
-        va_list args;
-        va_start(args, signature);
-        jobject result = testEnv->CallStaticObjectMethodV(call.klass, call.method, args);
-        va_end(args);
-        if (call.check(klass, method))
-            kept = testEnv->NewGlobalRef(result);
+jvalue CallJava(const std::string &klass, const char *method, const char *result,
+                std::vector<JavaArgument> arguments) {
+    testEnv->PushLocalFrame(32);
+    std::string signature;
+    std::vector<jvalue> words;
+    for (JavaArgument &argument : arguments) {
+        signature += argument.type;
+        if (argument.type == "Ljava/lang/String;" && !argument.isNull)
+            argument.word.l = Text(argument.text);
+        words.push_back(argument.word);
     }
-    jobject local = testEnv->NewLocalRef(kept);
-    testEnv->DeleteGlobalRef(kept);
-    return local;
-}
-
-void CallVoid(const char *klass, const char *method, const char *signature, ...) {
-    StaticCall call(klass, method, signature);
-    if (!call.method)
-        return;
-    va_list args;
-    va_start(args, signature);
-    testEnv->CallStaticVoidMethodV(call.klass, call.method, args);
-    va_end(args);
-    call.check(klass, method);
+    signature = "(" + signature + ")" + result;
+    const bool isOwn = klass.find('/') == std::string::npos;
+    jclass found = testEnv->FindClass((isOwn ? "qoragent/testing/" + klass : klass).c_str());
+    jmethodID id = found ? testEnv->GetStaticMethodID(found, method, signature.c_str()) : nullptr;
+    jvalue value = {};
+    if (id && *result == 'V')
+        testEnv->CallStaticVoidMethodA(found, id, words.data());
+    else if (id && *result == 'J')
+        value.j = testEnv->CallStaticLongMethodA(found, id, words.data());
+    else if (id)
+        value.l = testEnv->CallStaticObjectMethodA(found, id, words.data());
+    if (testEnv->ExceptionCheck()) {
+        testEnv->ExceptionDescribe();
+        testEnv->ExceptionClear();
+        ADD_FAILURE() << klass << "." << method << signature << " failed";
+        value.l = nullptr;
+    }
+    jobject kept = testEnv->PopLocalFrame(*result == 'L' ? value.l : nullptr);
+    if (*result == 'L')
+        value.l = kept;
+    return value;
 }
 
 jstring Text(const std::string &text) {
@@ -224,20 +186,19 @@ jstring Text(const std::string &text) {
 }
 
 std::string TextOf(jobject string) {
-    const char *chars = testEnv->GetStringUTFChars(static_cast<jstring>(string), nullptr);
-    std::string text = chars;
-    testEnv->ReleaseStringUTFChars(static_cast<jstring>(string), chars);
+    const char *chars = string ? testEnv->GetStringUTFChars(static_cast<jstring>(string), nullptr) : nullptr;
+    const std::string text = chars ? chars : "";
+    if (chars)
+        testEnv->ReleaseStringUTFChars(static_cast<jstring>(string), chars);
     return text;
 }
 
-ZooVisit::ZooVisit(const char *kinds) {
-    jstring names = Text(kinds);
-    CallVoid(ZOO, "start", "(Ljava/lang/String;)V", names);
-    testEnv->DeleteLocalRef(names);
+int64_t ZooId(const std::string &kind) {
+    return Java<int64_t>("Zoo", "id", kind);
 }
 
-ZooVisit::~ZooVisit() {
-    CallVoid(ZOO, "stop", "()V");
+std::string ZooKey(const std::string &kind) {
+    return std::to_string(getpid()) + "-" + std::to_string(ZooId(kind));
 }
 
 bool IsMadeByJvm(const std::string &call) {
@@ -247,7 +208,7 @@ bool IsMadeByJvm(const std::string &call) {
 std::map<int64_t, TrueThread> ThreadTruth() {
     std::map<int64_t, TrueThread> threads;
     TrueThread *current = nullptr;
-    for (const std::string &line : split(CallText(TRUTH, "threads", "()Ljava/lang/String;"), '\n')) {
+    for (const std::string &line : split(Java<std::string>("Truth", "threads"), '\n')) {
         const std::vector<std::string> field = split(line, '\t');
         if (field[0] == "thread") {
             current = &threads[std::stoll(field[1])];
@@ -255,7 +216,9 @@ std::map<int64_t, TrueThread> ThreadTruth() {
             current->name = field[2];
             current->state = field[3];
         } else if (field[0] == "frame") {
-            current->frames.push_back({field[2], field[3], std::stoi(field[4])});
+            current->depth++;
+            if (!IsMadeByJvm(field[2]))
+                current->frames.push_back({field[2], field[3], std::stoi(field[4])});
         } else if (field[0] == "owned") {
             current->owned.push_back({std::stoi(field[1]), field[2], hex(field[3]), current->id});
         } else if (field[0] == "wants") {
@@ -263,4 +226,48 @@ std::map<int64_t, TrueThread> ThreadTruth() {
         }
     }
     return threads;
+}
+
+namespace {
+
+// What a process may not keep of anything that it does often.
+struct Footprint {
+    int64_t globalRefs = Java<int64_t>("JvmCounts", "globalRefs");
+    int64_t blocks = AllocatedBlocks();
+    int64_t descriptors = OpenDescriptors();
+    int64_t kilobytes = static_cast<int64_t>(mallinfo2().uordblks) >> 10;
+
+    bool isWithin(const Footprint &before) const {
+        return globalRefs <= before.globalRefs + 3 && blocks <= before.blocks + 3 &&
+               descriptors <= before.descriptors && kilobytes <= before.kilobytes + 256;
+    }
+};
+
+std::ostream &operator<<(std::ostream &out, const Footprint &at) {
+    return out << at.globalRefs << " global references, " << at.blocks << " blocks, " << at.descriptors
+               << " descriptors, " << at.kilobytes << " KiB";
+}
+
+} // namespace
+
+void KeepsNothing(int times, const std::function<void()> &body) {
+    const auto repeat = [&](int rounds) {
+        for (int i = 0; i < rounds && !testing::Test::HasFatalFailure(); i++) {
+            testEnv->PushLocalFrame(512);
+            body();
+            testEnv->PopLocalFrame(nullptr);
+        }
+    };
+    repeat(times / 10 + 3); // until the JVM has what it needs
+    Footprint();
+    // The JVM itself grows and shrinks; what a round leaves makes every batch grow.
+    for (int batch = 0; batch < 8; batch++) {
+        const Footprint before;
+        repeat(times);
+        const Footprint after;
+        if (after.isWithin(before))
+            return;
+        if (batch == 7)
+            ADD_FAILURE() << before << " grew to " << after << " in " << times << " rounds";
+    }
 }

@@ -6,6 +6,7 @@
 
 #include "jvmti/Session.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <jni.h>
 #include <map>
@@ -18,19 +19,16 @@ public:
     static void SetUpTestSuite() { StartJvm({}); }
 
 protected:
-    // Each test has a local frame of its own, so that what it leaves doesn't pile up over the tests of a
-    // process.
+    // Each test has its own local frame, so that what it leaves doesn't pile up over the tests of a process.
     void SetUp() override;
     void TearDown() override;
 
     // Creates the JVM unless there is one. `options` are added to the harness's own.
     static void StartJvm(const std::vector<std::string> &options);
-
-private:
-    bool framePushed_ = false;
 };
 
-// A test with an open session; the test's thread stands in for the worker.
+// A test with an open session, whose thread is the worker. It ends the zoo, and puts the settings back that
+// tests change.
 class SessionTest : public JvmTest {
 protected:
     void SetUp() override;
@@ -43,25 +41,52 @@ JNIEnv *Env();
 // Lines of JVM output, since the last call, that complain of JNI use.
 std::string TakeJvmComplaints();
 
-// Calls of static methods of a class ("java/lang/System"); the test fails if they throw.
-std::string CallText(const char *klass, const char *method, const char *signature, ...);
-int64_t CallLong(const char *klass, const char *method, const char *signature, ...);
-jobject CallObject(const char *klass, const char *method, const char *signature, ...);
-void CallVoid(const char *klass, const char *method, const char *signature, ...);
-
-// A Java string, a local reference; and the text of one.
+// A Java string, a local reference; and the text of one, "" for null.
 jstring Text(const std::string &text);
 std::string TextOf(jobject string);
 
-// The agent's name for Java's test classes.
-constexpr char ZOO[] = "qoragent/testing/Zoo";
-constexpr char TRUTH[] = "qoragent/testing/Truth";
+// What a call into Java takes, with its type: references are Object there, but for a class named by its type.
+struct JavaArgument {
+    JavaArgument(int32_t value) : type("I") { word.i = value; }
+    JavaArgument(int64_t value) : type("J") { word.j = value; }
+    JavaArgument(bool value) : type("Z") { word.z = value; }
+    JavaArgument(jobject value) : type("Ljava/lang/Object;") { word.l = value; }
+    JavaArgument(const std::string &value) : type("Ljava/lang/String;"), text(value) {}
+    JavaArgument(std::nullptr_t) : JavaArgument(static_cast<const char *>(nullptr)) {}
+    JavaArgument(const char *value) : type("Ljava/lang/String;"), text(value ? value : ""), isNull(!value) {}
+
+    std::string type;
+    jvalue word = {};
+    std::string text;
+    bool isNull = false;
+};
+jvalue CallJava(const std::string &klass, const char *method, const char *result,
+                std::vector<JavaArgument> arguments);
+
+// A static method, of a class of qoragent.testing or of one named with its package ("java/lang/System").
+// void, int64_t (long), std::string (String, "" for null) or jobject (Object). The test fails if it throws.
+template <class Result = void, class... Arguments>
+Result Java(const char *klass, const char *method, Arguments... arguments) {
+    constexpr bool isLong = std::is_same_v<Result, int64_t>, isText = std::is_same_v<Result, std::string>;
+    const char *type = std::is_void_v<Result> ? "V" : isLong ? "J" : isText ? "Ljava/lang/String;" : nullptr;
+    const jvalue value = CallJava(klass, method, type ? type : "Ljava/lang/Object;", {arguments...});
+    if constexpr (isLong)
+        return value.j;
+    else if constexpr (isText)
+        return TextOf(value.l);
+    else if constexpr (!std::is_void_v<Result>)
+        return value.l;
+}
 
 // Starts the kinds of the zoo that are named (all for ""), and ends them with the scope.
 struct ZooVisit {
-    explicit ZooVisit(const char *kinds);
-    ~ZooVisit();
+    explicit ZooVisit(const char *kinds) { Java("Zoo", "start", kinds); }
+    ~ZooVisit() { Java("Zoo", "stop"); }
 };
+
+// The Java id of a thread of the zoo, and the key that the wire has for it.
+int64_t ZooId(const std::string &kind);
+std::string ZooKey(const std::string &kind);
 
 // What the JVM says of a thread.
 struct TrueFrame {
@@ -76,13 +101,19 @@ struct TrueLock {
     int depth; // -1 for the lock waited for
     std::string className;
     int64_t hash, owner; // owner of the lock waited for, -1 for nobody
+    std::string text() const { return className + "@" + std::to_string(hash); }
 };
 struct TrueThread {
     int64_t id;
     std::string name, state;
-    std::vector<TrueFrame> frames;
+    std::vector<TrueFrame> frames; // without those of classes made at run time
+    int depth = 0;                 // with them
     std::vector<TrueLock> owned, wanted;
 };
 
 // All live threads by Java thread id.
 std::map<int64_t, TrueThread> ThreadTruth();
+
+// Does `body` so many times, again and again until it has kept nothing: no descriptor, no global reference,
+// no block of the agent's, no memory of the JVM's. What keeps something each time never passes.
+void KeepsNothing(int times, const std::function<void()> &body);

@@ -29,6 +29,6 @@ struct ModelEntry : QorAllThreadLocalInfoList {
 // What a record of `size` bytes shows of a value: cut on a character, separators as blanks.
 std::string Shown(const std::string &value, size_t size);
 
-// Values that try a text of a record: plain, empty, longer than any record, with everything that a record
-// format cuts at, and with characters of every length at the cut.
+// Values that try a text of a record: plain, empty, and longer than any, with all that a record format cuts
+// at and with characters of every length at the cut.
 std::vector<std::string> TrialValues();

@@ -1,60 +1,35 @@
 // What Java knows of a sample's threads, merged into replies made up to the byte.
 #include "AgentNatives.h"
+#include "Enricher.h"
 #include "RequestHandler/threads/enrichment.h"
-#include "SampleReply.h"
 #include "Xtier/thread_e2e_info.h"
-#include "jvmti/JavaClasses.h"
 #include "jvmti/threads/ThreadSystem.h"
-#include "qorrequest.h"
 #include "qorsettings.h"
 
 #include <cstring>
-#include <malloc.h>
 #include <regex>
 
 namespace {
 
-constexpr char ENRICHER[] = "qoragent/testing/Enricher";
-
 struct Enrichment : SessionTest {
     void SetUp() override {
         SessionTest::SetUp();
-        savedPage = pagebuf;
-        pagebuf = page.data();
-        e2eclass = Class(ENRICHER);
-        jobjclass = Class("java/lang/Object");
-        jstringclass = Class("java/lang/String");
+        java = std::make_unique<EnricherAsked>();
         qorIsPollOrTrace = 1;
         offsetind = BUILD_JVMTI_DEFAULT;
     }
     void TearDown() override {
-        for (jclass *klass : {&e2eclass, &jobjclass, &jstringclass}) {
-            Env()->DeleteGlobalRef(*klass);
-            *klass = nullptr;
-        }
-        pagebuf = savedPage;
-        reqid = 0;
-        get_system_data = qorIsPollOrTrace = gbiOptimizationLevel = offsetind = 0;
+        java.reset();
+        offsetind = 0;
         QorDropE2EPool();
         SessionTest::TearDown();
-    }
-
-    static jclass Class(const char *name) {
-        jclass local = Env()->FindClass(name);
-        auto *global = static_cast<jclass>(Env()->NewGlobalRef(local));
-        Env()->DeleteLocalRef(local);
-        return global;
     }
 
     // The threads of a sample: "x" for one that Java gets, "-" for one whose reference is gone.
     static void List(const std::string &threads) {
         static QorThreadRecord record;
         for (char kind : threads) {
-            jobject thread = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
-            if (kind == '-') {
-                Env()->DeleteLocalRef(thread);
-                thread = nullptr;
-            }
+            jobject thread = kind == '-' ? nullptr : Java<jobject>("Truth", "currentThread");
             QorThreadHandle handle = {};
             handle.threads = &thread;
             record.tid = 7;
@@ -64,24 +39,18 @@ struct Enrichment : SessionTest {
     }
 
     // The reply after Java was asked, which answers `answer`; null for null.
-    std::string Merge(const std::string &reply, const char *threads, const char *answer) {
-        EXPECT_LT(reply.size(), page.size());
-        memcpy(page.data(), reply.c_str(), reply.size() + 1);
+    std::string Merge(const std::string &reply, const std::string &threads, const char *answer) {
+        EXPECT_LT(reply.size(), java->page.size());
+        memcpy(java->page.data(), reply.c_str(), reply.size() + 1);
         List(threads);
-        CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", answer ? Text(answer) : nullptr);
+        Java("Enricher", "answer", answer);
         checkAndAppendInfo(Env(), nullptr);
-        EXPECT_EQ(thread_e2e_info, nullptr);
-        EXPECT_EQ(flagcompiled_java_code, 0);
-        return page.data();
+        EXPECT_TRUE(!thread_e2e_info && flagcompiled_java_code == 0);
+        EXPECT_FALSE(Env()->ExceptionCheck());
+        return java->page.data();
     }
 
-    static std::string Asked() {
-        jobject asked = CallObject(ENRICHER, "asked", "()Ljava/lang/String;");
-        return asked ? TextOf(asked) : "not asked";
-    }
-
-    std::vector<char> page = std::vector<char>(PAGEBUF_SIZE);
-    char *savedPage;
+    std::unique_ptr<EnricherAsked> java;
 };
 
 // Replies and answers with / for 29, | for 30 and # for 31; at level 3 also { } for 14 and < > for 15, [ for
@@ -108,16 +77,12 @@ struct MergeCase {
     const char *reply, *threads, *answer, *expected; // null: as the reply
 };
 constexpr MergeCase CASES[] = {
-    {"behind each row", 0x2000, 0, ACTIVE, "xxx", "/A|/B/b|/|",
+    {"after each row", 0x2000, 0, ACTIVE, "xxx", "/A|/B/b|/|",
      "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B/b|a/three/Lock/|#"},
     {"one didn't go", 0x2000, 0, ACTIVE, "x-x", "/A|/C|",
      "JVM Active Threads|a/one/Runnable/A|a/two/Lock|a/three/Lock/C|#"},
     {"what is in front of the start mark", 0x2000, 0, ACTIVE, "xxx", "junk/A|{q/r}<s/t>/B|/C|x",
      "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B|a/three/Lock/C|#"},
-    {"sections behind the rows", 0x2000, 0, "JVM Active Threads|a/one|#System Data|1|2#", "x", "/A|",
-     "JVM Active Threads|a/one/A|#System Data|1|2#"},
-    {"two titles", 0x2080, 0, "JVM Active Threads|JVM Memory Activity|a/one|#", "x", "/A|",
-     "JVM Active Threads|JVM Memory Activity|a/one/A|#"},
     {"with stacks", 0x8000, 0, DETAILS, "xx", "/A|/B|",
      "Thread Info Details|one/Runnable/A#Call Stack|Thread Info Details#JVM Locks|l|#"
      "Thread Info Details|Thread Info Details/Lock/B#Call Stack|g#"},
@@ -125,9 +90,7 @@ constexpr MergeCase CASES[] = {
     {"null", 0x2000, 0, ACTIVE, "xxx", nullptr, nullptr},
     {"empty", 0x2000, 0, ACTIVE, "xxx", "", nullptr},
     {"no start mark", 0x2000, 0, ACTIVE, "xxx", "/A|B|/C|", nullptr},
-    {"no record end", 0x2000, 0, ACTIVE, "xxx", "/A|/B|/C", nullptr},
     {"too few", 0x8000, 0, DETAILS, "xx", "/A|", nullptr},
-    {"fewer rows than threads", 0x2000, 0, "JVM Active Threads|a/one|#", "xx", "/A|/B|", nullptr},
     {"a section end in a text", 0x2000, 0, ACTIVE, "xxx", "/A|/B#|/C|", nullptr},
     {"another request", 0x200, 0, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
     {"marks: a remote text where there was one", 0x2000, 3, MARKED, "xxx", "<D/d>/A|<R>/B|<L>/C|",
@@ -136,7 +99,6 @@ constexpr MergeCase CASES[] = {
      "JVM Active Threads|a/one/Q/qD/A|a/two/QRMI Wait[~1/2/B|a/three/QLockC|#"},
     {"marks: open ones, and one that didn't go", 0x2000, 3, MARKED, "x-x", "{Q/A|<D/C|",
      "JVM Active Threads|a/one/DB Wait[10]u/v/A|a/two/{RMI Wait[~1/2|a/three/Lock/C|#"},
-    {"marks: none in the reply", 0x2000, 3, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
     {"marks: a section end in a text", 0x2000, 3, MARKED, "xxx", "{Q#}/A|/B|/C|", nullptr},
 };
 
@@ -146,39 +108,28 @@ TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
     for (const MergeCase &c : CASES) {
         reqid = c.request;
         gbiOptimizationLevel = c.level;
-        const std::string reply = Coded(c.reply);
-        const std::string expected = c.expected ? Coded(c.expected) : reply;
-        const std::string answer = c.answer ? Coded(c.answer) : "";
-        EXPECT_EQ(Merge(reply, c.threads, c.answer ? answer.c_str() : nullptr), expected) << c.what;
+        const std::string reply = Coded(c.reply), answer = c.answer ? Coded(c.answer) : "";
+        EXPECT_EQ(Merge(reply, c.threads, c.answer ? answer.c_str() : nullptr),
+                  c.expected ? Coded(c.expected) : reply)
+            << c.what;
     }
-    reqid = QORREQ_ACTIVE_THREADS;
-    gbiOptimizationLevel = 0;
     const std::string reply = Coded(ACTIVE);
-    CallVoid(ENRICHER, "fail", "()V");
-    EXPECT_EQ(Merge(reply, "", "/"), reply) << "no thread, no call";
-    EXPECT_EQ(Asked(), "not asked");
-    reqid = QORREQ_POLL_DETAILS;
-    EXPECT_EQ(Merge(reply, "xxx", "/"), reply) << "no stacks, no place for an answer, no call";
-    EXPECT_EQ(Asked(), "not asked");
+    gbiOptimizationLevel = 0;
+    const std::pair<uint32_t, const char *> UNASKED[] = {{QORREQ_ACTIVE_THREADS, ""},
+                                                         {QORREQ_POLL_DETAILS, "xxx"}};
+    for (const auto &[request, threads] : UNASKED) {
+        reqid = request;
+        EXPECT_EQ(Merge(reply, threads, "/"), reply) << "no thread, or no place for an answer";
+        EXPECT_EQ(EnricherAsked::Asked(), "");
+    }
     reqid = QORREQ_ACTIVE_THREADS;
     jclass asked = e2eclass;
     e2eclass = jobjclass;
     EXPECT_EQ(Merge(reply, "xxx", "/"), reply) << "a class without the method";
     e2eclass = asked;
-    EXPECT_FALSE(Env()->ExceptionCheck());
-}
-
-TEST_F(Enrichment, AnExceptionCountsAsNoAnswer) {
-    reqid = QORREQ_ACTIVE_THREADS;
-    const std::string reply = Coded(ACTIVE);
-    memcpy(page.data(), reply.c_str(), reply.size() + 1);
-    List(std::string(100, 'x')); // more than JNI lets pile up in one frame
-    CallVoid(ENRICHER, "fail", "()V");
-    checkAndAppendInfo(Env(), nullptr);
-    EXPECT_EQ(std::string(page.data()), reply);
-    EXPECT_EQ(thread_e2e_info, nullptr);
-    EXPECT_FALSE(Env()->ExceptionCheck());
-    EXPECT_NE(Asked(), "not asked");
+    // More threads than JNI lets pile up in one frame.
+    EXPECT_EQ(Merge(reply, std::string(100, 'x'), "throw"), reply);
+    EXPECT_NE(EnricherAsked::Asked(), "");
 }
 
 TEST_F(Enrichment, RepliesAreFilledToTheLastByte) {
@@ -186,13 +137,10 @@ TEST_F(Enrichment, RepliesAreFilledToTheLastByte) {
     const std::string head = Coded("JVM Active Threads|a/one/");
     for (int spare : {0, 1, -1}) {
         const std::string reply =
-            head + std::string(static_cast<size_t>(PAGEBUF_SIZE - 1 - 6 - spare) - head.size() - 2, 'x') +
-            Coded("|#");
-        const std::string merged = Merge(reply, "x", Coded("/12345|").c_str());
-        if (spare < 0)
-            EXPECT_EQ(merged, reply) << spare;
-        else
-            EXPECT_EQ(merged, reply.substr(0, reply.size() - 2) + Coded("/12345|#")) << spare;
+            head + std::string(static_cast<size_t>(PAGEBUF_SIZE - 1 - 6 - spare) - head.size() - 2, 'x');
+        EXPECT_EQ(Merge(reply + Coded("|#"), "x", Coded("/12345|").c_str()),
+                  reply + Coded(spare < 0 ? "|#" : "/12345|#"))
+            << spare;
     }
     const std::string reply = Coded(ACTIVE);
     EXPECT_EQ(Merge(reply, "xxx", (Coded("/A|/") + std::string(1100000, 'y') + Coded("|/C|")).c_str()),
@@ -205,13 +153,11 @@ TEST_F(Enrichment, SystemDataStaysWhateverBecomesOfTheRest) {
     get_system_data = FLAG_SYSTEM_DATA;
     reqid = QORREQ_ACTIVE_THREADS;
     EXPECT_EQ(Merge(reply, "xxx", Coded("Java|cpu=1#/A|/B|/C|").c_str()), merged + Coded("Java|cpu=1#"));
-    EXPECT_NE(Asked().find(" 3 1 1"), std::string::npos) << Asked();
+    EXPECT_NE(EnricherAsked::Asked().find(" 3 1 1"), std::string::npos) << EnricherAsked::Asked();
     EXPECT_EQ(Merge(reply, "xxx", Coded("Java#/A|/B|").c_str()), reply + Coded("Java#"));
     EXPECT_EQ(Merge(reply, "xxx", Coded("/A|/B|/C|").c_str()), reply) << "system data is missing";
     const std::string full = reply + std::string(static_cast<size_t>(PAGEBUF_SIZE) - 10 - reply.size(), 'x');
     EXPECT_EQ(Merge(full, "xxx", Coded("12345678#/A|/B|/C|").c_str()), full);
-    reqid = QORREQ_MEMORY_ACTIVITY;
-    EXPECT_EQ(Merge(reply, "", Coded("Java#").c_str()), reply);
 }
 
 TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {
@@ -229,31 +175,23 @@ TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {
     strcpy(last->sessionId, "session");
     strcpy(last->networkHost, "10.0.0.1");
     last->networkPort = 1521;
-    CallVoid(ENRICHER, "answer", "(Ljava/lang/String;)V", nullptr);
     checkAndAppendInfo(Env(), nullptr);
-    EXPECT_EQ(Asked(), "main main - [-1, -1, 0] 12,-1,-1,,,,,,0,,"
-                       "12,1,-1,/file,app,mod,wm,session,1521,10.0.0.1,"
-                       "null,null,null,null,null,null,null,null,null,null 2 0 0");
+    EXPECT_EQ(EnricherAsked::Asked(), "main main - [-1, -1, 0] 12,-1,-1,,,,,,0,,"
+                                      "12,1,-1,/file,app,mod,wm,session,1521,10.0.0.1,"
+                                      "null,null,null,null,null,null,null,null,null,null 2 0 0");
     List("x"); // a block that held texts is clean again
     checkAndAppendInfo(Env(), nullptr);
-    EXPECT_EQ(Asked(), "main [-1] 12,-1,-1,,,,,,0, 1 0 0");
+    EXPECT_EQ(EnricherAsked::Asked(), "main [-1] 12,-1,-1,,,,,,0, 1 0 0");
 }
 
-TEST_F(Enrichment, ManyCallsKeepNothing) {
+TEST_F(Enrichment, KeepsNothing) {
     const std::string details = Coded(DETAILS), answer = Coded("/A|/B|"), bad(100000, 'b');
-    const auto ask = [&](int times) {
-        for (int i = 0; i < times; i++) {
-            Env()->PushLocalFrame(16);
-            reqid = i % 4 == 3 ? QORREQ_DB_XTIER : QORREQ_POLL_DETAILS;
-            Merge(details, i % 4 == 2 ? "x-" : "xx", i % 4 == 1 ? bad.c_str() : answer.c_str());
-            Env()->PopLocalFrame(nullptr);
-        }
-        return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J");
-    };
-    const int64_t refs = ask(10000); // the JVM's compilers take some megabytes meanwhile
-    const size_t bytes = mallinfo2().uordblks;
-    EXPECT_LE(ask(10000), refs + 5);
-    EXPECT_LT(mallinfo2().uordblks, bytes + 4000000);
+    int round = 0;
+    ::KeepsNothing(2000, [&] {
+        round++;
+        reqid = round % 4 == 3 ? QORREQ_DB_XTIER : QORREQ_POLL_DETAILS;
+        Merge(details, round % 4 == 2 ? "x-" : "xx", round % 4 == 1 ? bad.c_str() : answer.c_str());
+    });
 }
 
 // Long SQL texts leave room for Java's answer.
@@ -262,48 +200,37 @@ TEST_F(AgentTest, ShowsFiguresBesideManyStatements) {
     arguments.localsQuota = 100;
     ASSERT_EQ(StartAgent(arguments), 0);
     qorDBQuery = 1;
-    CallVoid("qoragent/testing/Customers", "start", "(II)V", 250, 5000);
+    Java("Customers", "start", 250, 5000);
     const std::string active = Ask("516|showstack|8192");
-    CallVoid("qoragent/testing/Customers", "stop", "()V");
-    int rows = 0, figures = 0, texts = 0;
-    for (const std::string &row : Split(active, '\x1e')) {
-        rows += row.rfind("a\x1d", 0) == 0;
-        figures += row.find("\x1d"
-                            "cpu=") != std::string::npos;
-        texts += row.size() > 4000;
+    const qorctl::ThreadSample sample = Threads(active);
+    int figures = 0, texts = 0;
+    for (const qorctl::Thread &thread : sample.threads) {
+        figures += thread.end_to_end.cpu_nanoseconds.has_value();
+        texts += thread.db && thread.db->sql;
     }
-    EXPECT_GE(rows, 250);
-    EXPECT_EQ(figures, rows);
-    EXPECT_GT(texts, 200) << "and most of the texts";
-    EXPECT_LT(texts, 250) << "but the reply is full";
+    EXPECT_GE(sample.threads.size(), 250u);
+    EXPECT_EQ(figures, static_cast<int>(sample.threads.size()));
+    EXPECT_TRUE(texts > 200 && texts < 250) << "most of the texts, but the reply is full: " << texts;
 }
 
 // The agent's own Java side, asked by a worker.
 TEST_F(AgentTest, ShowsFiguresOfEachThread) {
     ZooVisit zoo("spin,blocked,holder");
     ASSERT_EQ(StartAgent({}), 0);
-    const std::string figures = "\\x1dcpu=[0-9]+ alloc=[0-9]+";
-    const auto count = [](const std::string &text, const std::string &pattern) {
-        const std::regex form(pattern);
-        return std::distance(std::sregex_iterator(text.begin(), text.end(), form), std::sregex_iterator());
+    const auto haveFigures = [](const std::string &reply) {
+        const qorctl::ThreadSample sample = Threads(reply.substr(0, reply.find("Java System Data")));
+        for (const qorctl::Thread &thread : sample.threads)
+            EXPECT_TRUE(thread.end_to_end.cpu_nanoseconds && thread.end_to_end.allocated_bytes)
+                << thread.name;
+        return sample.threads.size();
     };
-    const std::string active = Ask("516|showstack|8192");
-    const auto rows = count(active, "\\x1ea\\x1d");
-    EXPECT_GE(rows, 2) << active;
-    EXPECT_EQ(count(active, "(Runnable|Lock|IO Wait)" + figures + "\x1e"), rows) << active;
-    EXPECT_EQ(count(active, "Java System Data"), 0) << active;
-
-    const std::string poll = Ask("276|showstack|32768"); // all threads with stacks
-    const auto parts = count(poll, "Thread Info Details\x1e");
-    EXPECT_GT(parts, rows);
-    EXPECT_EQ(count(poll, figures + "\x1f(Call Stack|Thread Info Details|$)"), parts) << poll;
-
-    const std::string system = Ask("644|showstack|8192");
-    EXPECT_EQ(count(system, "\\x1fJava System Data\\x1e"
-                            "cpu=[0-9]+ load=[-.0-9]+ threads=[0-9]+ peak=[0-9]+ daemons=[0-9]+ "
-                            "classes=[0-9]+ uptime=[0-9]+\\x1f"),
-              1)
-        << system;
-    for (const char *request : {"404|showstack|32768", "388|showstack|32768"})
-        EXPECT_EQ(count(Ask(request), "System Data"), 0) << "a poll has none, asked or not: " << request;
+    const size_t active = haveFigures(Ask("516|showstack|8192"));
+    EXPECT_GE(active, 2u);
+    EXPECT_GT(haveFigures(Ask("276|showstack|32768")), active) << "all threads with stacks";
+    const std::regex line("\\x1fJava System Data\\x1e"
+                          "cpu=[0-9]+ load=[-.0-9]+ threads=[0-9]+ peak=[0-9]+ daemons=[0-9]+ "
+                          "classes=[0-9]+ uptime=[0-9]+\\x1f");
+    EXPECT_TRUE(std::regex_search(Ask("644|showstack|8192"), line));
+    for (const char *request : {"516|showstack|8192", "404|showstack|32768", "388|showstack|32768"})
+        EXPECT_EQ(Ask(request).find("System Data"), std::string::npos) << "not asked, or a poll: " << request;
 }

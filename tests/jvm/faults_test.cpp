@@ -6,11 +6,12 @@
 #include "DumpFolder.h"
 #include "FailingCalls.h"
 #include "LogCapture.h"
-#include "SampleReply.h"
+#include "Replies.h"
 #include "jvmti/Session.h"
 #include "qoragent/agent_state.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "wire/request.h"
 
 #include <fstream>
 #include <functional>
@@ -45,8 +46,7 @@ struct Faults : AgentTest {
         qorDBQuery = 1;
         qorHandWalkQuotaPct = 100;
     }
-    static int64_t GlobalReferences() { return CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); }
-    static int64_t Id(const char *kind) { return CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text(kind)); }
+    static int64_t GlobalReferences() { return Java<int64_t>("JvmCounts", "globalRefs"); }
 
     // What a reply lacks, "" when it is whole.
     static std::string Missing(const Request &request, const std::string &reply) {
@@ -132,47 +132,41 @@ struct Faults : AgentTest {
 
 TEST_F(Faults, Samples) {
     ZooVisit zoo("holder,blocked,lock-holder,lock-waiter,socket-read,deep");
-    CallVoid("qoragent/testing/Tiers", "start", "()V");
-    CallVoid("qoragent/testing/Customers", "start", "(II)V", 2, 100);
+    Java("Tiers", "start");
+    Java("Customers", "start", 2, 100);
     FailEach({
         {"788|showstack|32768",
-         {"ZooLocks$Blocked->wantInner", "Lock On", "ZooLocks$Holder", "/tomcat", "jdbc:tessar"}},
+         {"ZooLocks->wantInner", "Lock On", "ZooLocks->takeOuter", "/tomcat", "jdbc:tessar"}},
         {"516|showstack|8192", {"jdbc:tessar", "zoo-blocked", "select 1 from orders"}},
     });
-    CallVoid("qoragent/testing/Customers", "stop", "()V");
-    CallVoid("qoragent/testing/Tiers", "stop", "()V");
 }
 
 TEST_F(Faults, Views) {
     ZooVisit zoo("holder,blocked");
-    CallVoid("qoragent/testing/Customers", "start", "(II)V", 1, 100);
-    const std::string port = std::to_string(CallLong("qoragent/testing/Customers", "localPort", "(I)J", 0));
-    const SampleReply sample = SampleReply::Parse(Ask("788|showstack|32768"), true, true);
-    const SampleThread *blocked = sample.Find("zoo-blocked");
-    ASSERT_TRUE(blocked && !blocked->wanted.empty());
-    const std::string id = std::to_string(Id("blocked")), lock = std::to_string(blocked->wanted[0].id);
+    Java("Customers", "start", 1, 100);
+    const std::string port = std::to_string(Java<int64_t>("Customers", "localPort", 0));
+    const qorctl::ThreadSample sample = Threads(Ask("788|showstack|32768"));
+    const qorctl::Thread *blocked = Find(sample, "zoo-blocked");
+    ASSERT_TRUE(blocked && blocked->waits_for);
+    const std::string key = blocked->key.Text(), lock = std::to_string(blocked->waits_for->lock);
     FailEach(
         {
             {"516|showstack|256", {"\x1d"}},
-            {"516|showstack|512|ARG=x,1=" + blocked->key, {"wantInner", "Lock On", "JVM Locks"}},
-            {"516|showstack|2048|ARG=x,0=" + lock + ",1=" + blocked->key, {"zoo-holder"}},
+            {"516|showstack|512|ARG=x,1=" + key, {"wantInner", "Lock On", "JVM Locks"}},
+            {"516|showstack|2048|ARG=x,0=" + lock + ",1=" + key, {"zoo-holder"}},
             {"516|showstack|128", {"JVM Heap Usage", "Minor"}},
             {"516|showmem|0", {"JVM Heap Memory Usage"}},
             {"516|showstack|16384|ARG=x,0=" + port, {"customer-0|"}},
             {"516|xtier01|" + port + "|127.0.0.1|" + std::to_string(getpid()),
              {std::to_string(getpid()) + ","}},
-            {"516|showstack|4096|ARG=x,0=" + id + ",1=" + std::to_string(blocked->frames[0].method) +
-                 ",2=2,3=3",
-             {"Method Locals"}},
+            {qorctl::LocalsRequest(blocked->key.thread, blocked->stack[0]), {"Method Locals"}},
             {"516|showstack|1024|ARG=x,0=7777,1=0", {"Object Description"}},
             {"516|NoProcessing|activethreads|TEST|threadname|nobody*", {"Added Idle Thread Rules"}},
         },
         [] {
-            jobject specimen = CallObject("qoragent/testing/Specimens", "make",
-                                          "(Ljava/lang/String;)Ljava/lang/Object;", Text("Values"));
+            jobject specimen = Java<jobject>("Specimens", "make", "Values");
             jvmti->SetTag(Env()->NewGlobalRef(specimen), 7777);
         });
-    CallVoid("qoragent/testing/Customers", "stop", "()V");
 }
 
 // What requests make the agent allocate goes at SHUTDOWN, whether there were any or none; what they have
@@ -180,12 +174,12 @@ TEST_F(Faults, Views) {
 struct StopList : Faults {};
 
 TEST_F(StopList, FreesWhatTheRequestsTook) {
-    CallVoid("qoragent/testing/Customers", "start", "(II)V", 2, 100);
-    CallVoid("qoragent/testing/HeapShop", "fill", "()V");
+    Java("Customers", "start", 2, 100);
+    Java("HeapShop", "fill");
     ShutDownAgent();
     const int64_t before = AllocatedBlocks();
     Start();
-    jobject object = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+    jobject object = Java<jobject>("Truth", "currentThread");
     const char *const requests[] = {"788|showstack|32768", "516|showmem|512|ClassHistogramOnly",
                                     "516|showstack|1024|ARG=x,0=7777,1=0"};
     jvmti->SetTag(object, 7777);
@@ -201,8 +195,7 @@ TEST_F(StopList, FreesWhatTheRequestsTook) {
         again[i] = Ask(i == 2 ? nullptr : requests[i]);
     EXPECT_EQ(again[2].find("Object"), std::string::npos) << "the first life's request: " << again[2];
     EXPECT_EQ(Ask(requests[2]).find("Object Description"), std::string::npos) << "the first life's tag";
-    CallVoid("qoragent/testing/Customers", "stop", "()V");
-    CallVoid("qoragent/testing/HeapShop", "empty", "()V");
+    Java("HeapShop", "empty");
     blocks_ = before + 1;
 }
 
@@ -211,7 +204,7 @@ struct Dumps : Faults, testing::WithParamInterface<int> {};
 
 TEST_P(Dumps, AreWholeOrSaySo) {
     DumpFolder in;
-    CallVoid("qoragent/testing/HeapShop", "fill", "()V");
+    Java("HeapShop", "fill");
     size_t whole = 0; // bytes of the first file
     const auto text = [&] {
         std::ifstream file(in("text"));
@@ -233,7 +226,7 @@ TEST_P(Dumps, AreWholeOrSaySo) {
         requests.push_back({"516|showmem|256|a.hprof|7", {"dumped"}, hprof});
     FailEach(requests, [] { qor_max_timeout = 15; });
     QorSetForkHeapDumpCapability(0);
-    CallVoid("qoragent/testing/HeapShop", "empty", "()V");
+    Java("HeapShop", "empty");
 }
 
 INSTANTIATE_TEST_SUITE_P(, Dumps, testing::Values(0, 1),

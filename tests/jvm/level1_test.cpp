@@ -1,10 +1,10 @@
 // Optimisation level 1 on a live JVM: symbols of its library, and the lock data that they open. On a JVM
 // whose library is stripped everything goes on without.
-#include "JvmFixture.h"
 #include "LogCapture.h"
-#include "RequestHandler/RequestHandler.h"
+#include "Replies.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/changes/trycatch.h"
+#include "jvmti/threads/Monitors.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -63,24 +63,10 @@ bool NoNm() {
     return system("command -v nm >/dev/null") != 0;
 }
 
-std::string Key(int64_t id) {
-    return std::to_string(getpid()) + "-" + std::to_string(id);
-}
-
-std::string Details(int64_t id) {
-    std::string key = Key(id);
-    char *args[CONSOLE_ARG_COUNT] = {nullptr, key.data()};
-    static char page[PAGEBUF_SIZE];
-    page[0] = 0;
-    QorHandleShowJVMRequest(QORREQ_THREAD_DETAILS, page, sizeof page, args);
-    return page;
-}
-
 // The row of an owned lock. Only JVMTI hands out the object, and with it the number in front.
 std::string RowOf(const TrueLock &lock, bool byJvmti) {
-    const std::string hash = std::to_string(lock.hash);
-    return "\x1e" + (byJvmti ? hash : "0") + "\x1d" + "0\x1d" + lock.className + "@" + hash + "\x1d" +
-           std::to_string(lock.depth) + "\x1e";
+    return "\n" + std::to_string(byJvmti ? lock.hash : 0) + "|0|" + lock.text() + "|" +
+           std::to_string(lock.depth) + "\n";
 }
 
 } // namespace
@@ -113,10 +99,8 @@ TEST_F(Level1, LockDataComesFromJvmti) {
     QorDovOnLoad(Env());
     const bool opens = gbQorJvmKeepsThreads && NmAddress(JvmLibrary().dli_fname, ALWAYS) != 0;
     EXPECT_EQ(log.count("Initializing LockCapabilitesHack."), opens);
-    EXPECT_EQ(log.count("LockCapabilitesHack: lockAlwaysCapPtr : "), opens);
     EXPECT_EQ(log.count("LockCapabilitesHack failed"), gbQorJvmKeepsThreads && !opens);
     EXPECT_EQ(log.count("FollowRef"), 0) << "the heap pointer is an old JVM's affair";
-    EXPECT_EQ(log.count("Capabilities Added"), 1);
     EXPECT_EQ(QorGetJvmtiMonitorCapability(), opens);
     jvmtiCapabilities held = {};
     jvmti->GetCapabilities(&held);
@@ -126,13 +110,13 @@ TEST_F(Level1, LockDataComesFromJvmti) {
 
     ZooVisit zoo("holder,blocked");
     for (const char *kind : {"holder", "blocked"}) {
-        const TrueThread truth = ThreadTruth().at(CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text(kind)));
-        const std::string reply = Details(truth.id);
+        const TrueThread truth = ThreadTruth().at(ZooId(kind));
+        const std::string reply = Legible(Ask(QORREQ_THREAD_DETAILS, "", ZooKey(kind)));
         ASSERT_FALSE(truth.owned.empty());
         for (const TrueLock &lock : truth.owned)
             EXPECT_NE(reply.find(RowOf(lock, opens)), std::string::npos) << RowOf(lock, opens) << reply;
         for (const TrueLock &lock : truth.wanted)
-            EXPECT_EQ(reply.find("Lock On\x1e" + std::to_string(lock.hash) + "\x1d" + Key(lock.owner)), 0u)
+            EXPECT_EQ(reply.find("Lock On\n" + std::to_string(lock.hash) + "|" + ZooKey("holder")), 0u)
                 << reply;
     }
 

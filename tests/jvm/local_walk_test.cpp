@@ -9,11 +9,11 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
-#include <cstring>
+#include <memory>
+#include <numeric>
 
 namespace {
 
-constexpr char STAGE[] = "qoragent/testing/Stage";
 constexpr int64_t SECOND = 1000000;
 constexpr jlong SOME_TAG = 7777;
 
@@ -35,13 +35,11 @@ jobject Make(const char *klass) {
     return Env()->AllocObject(found);
 }
 
-void Enter(const char *part, const char *name, jobject a, jobject b = nullptr, jobject c = nullptr) {
-    CallVoid(STAGE, "enter",
-             "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/Object;Ljava/lang/Object;Ljava/lang/Object;)V",
-             Text(part), Text(name), a, b, c);
+void Enter(const char *part, const std::string &name, jobject a, jobject b = nullptr, jobject c = nullptr) {
+    Java("Stage", "enter", part, name, a, b, c);
 }
 
-// What is said of a listed frame after a walk.
+// A listed frame after a walk.
 struct Found {
     std::string thread, method, signature;
     jobject object; // local reference or null
@@ -49,8 +47,14 @@ struct Found {
 
 // The frames of a snapshot that were asked for, listed as a view lists them.
 struct Listing {
-    // Frames of the class in threads of that name ("" all), of a kind; all methods or the one named.
-    void list(const std::string &thread, const std::string &klass, const std::string &method = "",
+    Listing() = default;
+
+    // Frames of the class in threads of that name ("" all); all methods or the one named.
+    Listing(const char *thread, const char *klass, const char *method, int32_t kind = LOCAL_DATABASE_CALL) {
+        list(thread, klass, method, kind);
+        take();
+    }
+    void list(const char *thread, const char *klass, const char *method = "",
               int32_t kind = LOCAL_DATABASE_CALL) {
         wanted.push_back({thread, klass, method, kind});
     }
@@ -99,7 +103,6 @@ constexpr char STAGE_CLASS[] = "qoragent.testing.Stage";
 struct LocalWalks : SessionTest {
     void SetUp() override {
         SessionTest::SetUp();
-        Env()->PushLocalFrame(512);
         qorGetLocalObjectsQuotaPct = qorHandWalkQuotaPct = 100;
         qorIsPollOrTrace = 0;
         clock = qorLocalWalkClock;
@@ -110,20 +113,16 @@ struct LocalWalks : SessionTest {
     }
     void TearDown() override {
         qorLocalWalkClock = clock;
-        qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
-        CallVoid(STAGE, "clear", "()V");
         QorCloseLocalWalk();
-        Env()->PopLocalFrame(nullptr);
         SessionTest::TearDown();
     }
 
+    static int32_t walk(Listing *listing) { return QorGetLocalVariableForAllThread(listing->head); }
+
     // The signature of the object that a walk finds for the frame of that method, which must be `expected`.
-    static std::string readOne(const std::string &thread, const std::string &method, int32_t kind,
-                               jobject expected) {
-        Listing listing;
-        listing.list(thread, STAGE_CLASS, method, kind);
-        listing.take();
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    static std::string readOne(const char *thread, const char *method, int32_t kind, jobject expected) {
+        Listing listing(thread, STAGE_CLASS, method, kind);
+        EXPECT_EQ(walk(&listing), 0);
         const std::vector<Found> rows = listing.found();
         EXPECT_EQ(rows.size(), 1u) << thread;
         if (rows.empty())
@@ -153,7 +152,7 @@ struct LocalWalks : SessionTest {
 } // namespace
 
 // In slot order. Classes are learnt in the first round; from then on no more is numbered than the object of
-// interest, and for an entity what is in front of it.
+// interest, and for an entity the one before it.
 TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
     jobject request = Make("ferrule/servlet/internal/ServletRequestImpl");
@@ -172,50 +171,35 @@ TEST_F(LocalWalks, ChooseTheFirstObjectOfInterest) {
     } ROWS[] = {
         {"first", statement, request, text, statement, STATEMENT, LOCAL_WEB_REQUEST, 1},
         {"second", text, request, statement, request, REQUEST, LOCAL_DATABASE_CALL, 1},
-        {"behind-context", context, none, statement, statement, STATEMENT, LOCAL_WEB_REQUEST, 1},
+        {"after-context", context, none, statement, statement, STATEMENT, LOCAL_WEB_REQUEST, 1},
         {"none", text, context, none, none, "", LOCAL_DATABASE_CALL, 0},
-        {"behind-its-class", klass, statement, none, statement, STATEMENT, LOCAL_DATABASE_CALL, 1},
+        {"after-its-class", klass, statement, none, statement, STATEMENT, LOCAL_DATABASE_CALL, 1},
         {"front", text, event, entity, text, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
-        {"entity", entity, event, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
-        {"behind", event, entity, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
+        {"the-entity", entity, event, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
+        {"after", event, entity, statement, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
         {"twice", event, event, entity, entity, EVENT, LOCAL_VIEW_OR_ENTITY, 2},
     };
     for (const auto &row : ROWS)
         Enter("three", row.name, row.a, row.b, row.c);
+    Enter("alone", "alone", event); // a frame's gate is a neighbour in three(), and alone() has none
+    Java("Tiers", "start");
     for (int32_t round = 0; round < 3; round++) {
         for (const auto &row : ROWS) {
             EXPECT_EQ(readOne(row.name, "three", row.kind, row.chosen), row.signature)
                 << row.name << " round " << round;
         }
-    }
-    for (const auto &row : ROWS) {
-        Listing listing;
-        listing.list(row.name, STAGE_CLASS, "three", row.kind);
-        listing.take();
-        EXPECT_EQ(numbered(listing), row.numbered) << row.name;
-    }
-    // A view's frame has no neighbours: its row's attribute alone.
-    CallVoid("qoragent/testing/Tiers", "start", "()V");
-    for (int32_t round = 0; round < 2; round++) {
-        Listing listing;
-        listing.list("attribute", "tessar.kvo.server.ViewRowImpl", "setAttribute", LOCAL_VIEW_OR_ENTITY);
-        listing.take();
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(readOne("alone", "alone", LOCAL_VIEW_OR_ENTITY, nullptr), "");
+        // A view's frame has no neighbours: its row's attribute alone.
+        Listing listing("attribute", "tessar.kvo.server.ViewRowImpl", "setAttribute", LOCAL_VIEW_OR_ENTITY);
+        EXPECT_EQ(walk(&listing), 0);
         EXPECT_EQ(listing.found().at(0).signature, "Ltessar/kvo/server/ViewAttributeDefImpl;");
         EXPECT_TRUE(round == 0 || numbered(listing) == 1);
     }
-    CallVoid("qoragent/testing/Tiers", "stop", "()V");
+    for (const auto &row : ROWS)
+        EXPECT_EQ(numbered(Listing(row.name, STAGE_CLASS, "three", row.kind)), row.numbered) << row.name;
 }
 
-// A frame's gate is the neighbour in three(); alone() has none.
-TEST_F(LocalWalks, TakeNothingForAnEventAlone) {
-    Enter("alone", "alone", Make("tessar/kvo/server/TransactionEvent"));
-    LogCapture log(LOG_ERROR + 1);
-    EXPECT_EQ(readOne("alone", "alone", LOCAL_VIEW_OR_ENTITY, nullptr), "");
-    EXPECT_EQ(log.count("Frame does not contain Eo Object"), 1);
-}
-
-// Nobody loses an object to another frame, and the frames of a recursion give theirs, the top one first, to
+// Nobody loses an object to another frame, and the frames of a recursion hand theirs, the top one first, to
 // the one that was listed first.
 TEST_F(LocalWalks, ShareObjectsBetweenFramesAndThreads) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
@@ -228,7 +212,7 @@ TEST_F(LocalWalks, ShareObjectsBetweenFramesAndThreads) {
         for (const char *method : {"outer", "middle", "inner", "innermost", "fall"})
             listing.list("", STAGE_CLASS, method);
         listing.take();
-        ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        ASSERT_EQ(walk(&listing), 0);
         int32_t shared = 0;
         std::vector<jobject> recursive;
         for (const Found &row : listing.found()) {
@@ -242,25 +226,6 @@ TEST_F(LocalWalks, ShareObjectsBetweenFramesAndThreads) {
     }
 }
 
-// The objects of a file call are locals of native frames.
-TEST_F(LocalWalks, SeeTheLocalsOfNativeFrames) {
-    ZooVisit zoo("file-read,file-read-bytes,random-access-read");
-    Listing listing;
-    listing.list("file-read", "java.io.FileInputStream");
-    listing.list("file-read-bytes", "java.io.FileInputStream");
-    listing.list("random-access-read", "java.io.RandomAccessFile");
-    listing.take();
-    LogCapture log(LOG_DETAIL + 1);
-    ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
-    std::map<std::string, std::string> signatures;
-    for (const Found &row : listing.found())
-        signatures[row.thread] += row.signature;
-    EXPECT_NE(signatures["zoo-file-read"].find("Ljava/io/FileDescriptor;"), std::string::npos);
-    EXPECT_NE(signatures["zoo-file-read-bytes"].find("Ljava/io/FileDescriptor;"), std::string::npos);
-    EXPECT_NE(signatures["zoo-random-access-read"].find("Ljava/io/"), std::string::npos);
-    EXPECT_GT(log.count("FollowRef  Methos ID "), 0);
-}
-
 // From JDK 11 on the constants of compiled code are reported beside a frame's locals.
 TEST_F(LocalWalks, TakeNoConstantsOfCompiledCode) {
     jobject constant = Make("tessar/jdbc/driver/TessarStatement");
@@ -270,13 +235,13 @@ TEST_F(LocalWalks, TakeNoConstantsOfCompiledCode) {
     listing.list("hot", "qoragent.testing.Stage$Hot", "hot");
     listing.list("file-read", "java.io.FileInputStream");
     listing.take();
-    ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
-    int32_t hot = 0;
+    ASSERT_EQ(walk(&listing), 0);
+    std::string methods;
     for (const Found &row : listing.found()) {
-        hot += row.method == "hot";
+        methods += row.method + " ";
         EXPECT_FALSE(row.object && same(row.object, constant)) << row.method;
     }
-    EXPECT_EQ(hot, 1);
+    EXPECT_NE(methods.find("hot "), std::string::npos) << methods;
 }
 
 // No walk goes on into the heap, which would take the time of a pass over it: also when a thread has left its
@@ -289,207 +254,147 @@ TEST_F(LocalWalks, EndBeforeTheHeap) {
     listing.list("leaver", STAGE_CLASS, "inside");
     listing.list("stayer", STAGE_CLASS, "inner");
     listing.take();
-    CallVoid(STAGE, "leave", "(Ljava/lang/String;)V", Text("leaver"));
-    ASSERT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    Java("Stage", "leave", "leaver");
+    ASSERT_EQ(walk(&listing), 0);
     EXPECT_EQ(gbQorLocalWalk.threadCount, 0);
-    EXPECT_NE(gbQorLocalWalk.outcome.end, WALK_NOT_ENDED);
     EXPECT_NE(gbQorLocalWalk.outcome.end, WALK_HEAP_REACHED);
+    EXPECT_NE(gbQorLocalWalk.outcome.end, WALK_NOT_ENDED);
     for (const Found &row : listing.found())
         EXPECT_EQ(row.object != nullptr, row.thread == "zoo-stayer") << row.thread;
 
     // Once all records have an object, the next frame is the end.
-    Listing quick;
-    quick.list("stayer", STAGE_CLASS, "innermost");
-    quick.take();
-    ASSERT_EQ(QorGetLocalVariableForAllThread(quick.head), 0);
+    Listing quick("stayer", STAGE_CLASS, "innermost");
+    ASSERT_EQ(walk(&quick), 0);
     EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_RECORDS_HIT);
     EXPECT_NE(quick.found()[0].object, nullptr);
 
-    // A thread that has ended is lost: all stacks are seen, and nothing behind them.
-    Listing late;
-    late.list("stayer", STAGE_CLASS, "inner");
-    late.take();
+    // A thread that has ended is lost: all stacks are seen, and nothing after them.
+    Listing late("stayer", STAGE_CLASS, "inner");
     const int64_t method = late.head->frameMethod, tid = late.head->threadId;
-    CallVoid(STAGE, "clear", "()V");
-    LogCapture log(LOG_DETAIL + 1);
-    ASSERT_EQ(QorGetLocalVariableForAllThread(late.head), 0);
+    Java("Zoo", "stop");
+    ASSERT_EQ(walk(&late), 0);
     EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_BEHIND_STACKS);
-    EXPECT_EQ(log.count("Lost 1 threads during getlocalobj "), 1);
     EXPECT_EQ(late.found()[0].object, nullptr);
-
     QorLocalObjectRecord record;
     EXPECT_EQ(QorGetLocalObject(tid, method, &record), -1);
     EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_BEHIND_STACKS);
     EXPECT_TRUE(!record.object && !record.klass && !record.signature[0]);
 }
 
-// One frame, read by itself: objects that the shorter list knows.
-TEST_F(LocalWalks, ReadASingleFrame) {
-    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
-    jobject entity = Make("tessar/kvo/server/EntityImpl");
-    jobject event = Make("tessar/kvo/server/TransactionEvent");
-    jobject thread = Make("ferrule/work/ExecuteThread");
-    Enter("three", "statement", thread, statement, entity);
-    Enter("three", "event", event, entity, statement);
-    Enter("three", "nothing", thread, entity, Text("text"));
-    Enter("three", "entities", entity, entity, entity);
-    const struct {
-        const char *name;
-        jobject object;
-        const char *signature;
-    } ROWS[] = {
-        {"statement", statement, "Ltessar/jdbc/driver/TessarStatement;"},
-        {"event", entity, "Ltessar/kvo/server/TransactionEvent;"},
-        {"nothing", nullptr, ""},
-    };
-    for (int32_t round = 0; round < 2; round++) {
-        for (const auto &row : ROWS) {
-            Listing listing;
-            listing.list(row.name, STAGE_CLASS, "three");
-            listing.take();
-            ASSERT_NE(listing.head, nullptr);
-            QorLocalObjectRecord record;
-            EXPECT_EQ(QorGetLocalObject(listing.head->threadId, listing.head->frameMethod, &record), 0);
-            EXPECT_TRUE(same(record.object, row.object)) << row.name;
-            EXPECT_STREQ(record.signature, row.signature);
-            if (row.object) {
-                EXPECT_TRUE(Env()->IsInstanceOf(record.object, record.klass));
-            }
-            EXPECT_EQ(gbQorLocalWalk.outcome.end, WALK_FRAME_LEFT);
-            EXPECT_EQ(QorGetReLocalObject(listing.head->threadId, listing.head->frameMethod, &record), -1);
-        }
-        // A walk for the list in between learns the boring classes, which a single frame's neighbours may
-        // have.
-        EXPECT_EQ(readOne("entities", "three", LOCAL_DATABASE_CALL, nullptr), "");
-    }
-}
-
 // Tags of the walk and of the session don't meet, and neither do those of two walks.
 TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
-    jobject request = Make("ferrule/servlet/internal/ServletRequestImpl");
-    jobject array = Env()->NewByteArray(1);
+    jobject request = Make("ferrule/servlet/internal/ServletRequestImpl"), array = Env()->NewByteArray(1);
     Enter("three", "tagged", array, request, statement);
     ASSERT_EQ(jvmti->SetTag(statement, SOME_TAG), JVMTI_ERROR_NONE);
     ASSERT_EQ(jvmti->SetTag(request, 1), JVMTI_ERROR_NONE);
-    auto sample = [] {
+    KeepsNothing(100, [] {
         Listing listing;
         listing.list("tagged", STAGE_CLASS);
         listing.list("", "java.lang.Thread", "run");
         listing.take();
-        QorGetLocalVariableForAllThread(listing.head);
-        QorGetLocalVariableForAllThread(listing.head); // the first walk's results are dropped
+        walk(&listing);
+        walk(&listing); // the first walk's results are dropped
         QorLocalObjectRecord record;
         QorGetLocalObject(listing.head->threadId, listing.head->frameMethod, &record);
+    });
+    const auto tagOf = [](jvmtiEnv *env, jobject object) {
+        jlong tag = -1;
+        EXPECT_EQ(env->GetTag(object, &tag), JVMTI_ERROR_NONE);
+        return tag;
     };
-    sample();
-    const int64_t before = CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J");
-    for (int32_t i = 0; i < 50; i++) {
-        QorLocalFrame frame(Env(), 64);
-        sample();
-    }
-    EXPECT_EQ(CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"), before);
-    jlong tag = 0;
-    EXPECT_TRUE(jvmti->GetTag(statement, &tag) == JVMTI_ERROR_NONE && tag == SOME_TAG);
-    for (jobject object : {statement, request, array}) {
-        EXPECT_EQ(gbQorLocalWalk.env->GetTag(object, &tag), JVMTI_ERROR_NONE);
-        EXPECT_EQ(tag, 0);
-    }
+    EXPECT_EQ(tagOf(jvmti, statement), SOME_TAG);
+    for (jobject object : {statement, request, array})
+        EXPECT_EQ(tagOf(gbQorLocalWalk.env, object), 0);
     // What has been learnt stays: an array is of no interest.
-    for (const auto &[object, mark] : {std::pair(array, BORING_CLASS), std::pair(request, WANTED_CLASS)}) {
-        EXPECT_EQ(gbQorLocalWalk.env->GetTag(Env()->GetObjectClass(object), &tag), JVMTI_ERROR_NONE);
-        EXPECT_EQ(tag, mark);
-    }
+    EXPECT_EQ(tagOf(gbQorLocalWalk.env, Env()->GetObjectClass(array)), BORING_CLASS);
+    EXPECT_EQ(tagOf(gbQorLocalWalk.env, Env()->GetObjectClass(request)), WANTED_CLASS);
     jlong all[1000];
-    for (jlong i = 0; i < 1000; i++)
-        all[i] = i + 1;
+    std::iota(all, all + 1000, 1);
     jint count = -1;
     EXPECT_EQ(gbQorLocalWalk.env->GetObjectsWithTags(1000, all, &count, nullptr, nullptr), JVMTI_ERROR_NONE);
     EXPECT_EQ(count, 0);
 }
 
-TEST_F(LocalWalks, AreOffWithoutAQuotaOrAList) {
-    Enter("nested", "off", Make("tessar/jdbc/driver/TessarStatement"));
-    Listing listing;
-    listing.list("off", STAGE_CLASS, "inner");
-    listing.take();
+struct TimedWalks : LocalWalks {
+    void SetUp() override {
+        LocalWalks::SetUp();
+        Enter("nested", "timed", Make("tessar/jdbc/driver/TessarStatement"));
+        listing = std::make_unique<Listing>("timed", STAGE_CLASS, "inner");
+        qorLocalWalkClock = FakeClock;
+        qorGetLocalObjectsQuotaPct = 10;
+        fakeNow = 5000 * SECOND;
+        fakeStep = 0;
+    }
+    void TearDown() override {
+        listing.reset();
+        LocalWalks::TearDown();
+    }
+    int32_t walk() { return LocalWalks::walk(listing.get()); }
+
+    std::unique_ptr<Listing> listing;
+};
+
+TEST_F(TimedWalks, AreOffWithoutAQuotaOrAList) {
     EXPECT_EQ(QorGetLocalVariableForAllThread(nullptr), -1);
     QorLocalObjectRecord record;
     for (const int32_t quota : {0, -5}) {
         qorGetLocalObjectsQuotaPct = quota;
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), -1);
-        EXPECT_EQ(QorGetLocalObject(listing.head->threadId, listing.head->frameMethod, &record), -1);
-        EXPECT_EQ(listing.found()[0].object, nullptr);
+        EXPECT_EQ(walk(), -1);
+        EXPECT_EQ(QorGetLocalObject(listing->head->threadId, listing->head->frameMethod, &record), -1);
+        EXPECT_EQ(listing->found()[0].object, nullptr);
     }
     qorGetLocalObjectsQuotaPct = 500; // as 100
     nextFollowRefTime = INT64_MAX;
     qorIsPollOrTrace = 1;
-    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
-    EXPECT_NE(listing.found()[0].object, nullptr);
+    EXPECT_EQ(walk(), 0);
+    EXPECT_NE(listing->found()[0].object, nullptr);
 }
 
-TEST_F(LocalWalks, KeepToTheirShareOfTime) {
-    Enter("nested", "slow", Make("tessar/jdbc/driver/TessarStatement"));
-    Listing listing;
-    listing.list("slow", STAGE_CLASS, "inner");
-    listing.take();
+TEST_F(TimedWalks, KeepToTheirShareOfTime) {
     LogCapture log(LOG_DETAIL + 1);
-    qorLocalWalkClock = FakeClock;
-    qorGetLocalObjectsQuotaPct = 10;
     qorIsPollOrTrace = 1;
-    fakeNow = 5000 * SECOND;
     // The first poll has the whole budget. The clock is looked at twice: at the start and at the end.
     fakeStep = 3 * SECOND / 10;
-    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(walk(), 0);
     EXPECT_EQ(lAllowedFollowRefTimeUSec, 200000);
     const int64_t start = fakeNow - fakeStep;
-    EXPECT_EQ(prevFollowRefExecTime, start);
     EXPECT_EQ(nextFollowRefTime, start + 3 * SECOND);
-
     // Barred, and told of once in ten minutes.
     fakeStep = 0;
-    const char *const SKIP = "Skipping GetLocalObj due to insufficient time from last operation. "
-                             "Will wait for 1000000 usec.";
     for (const int32_t level : {LOG_NOTE + 1, LOG_NOTE + 1, LOG_DETAIL + 1}) {
         fakeNow = start + 2 * SECOND;
         qorloglevel = level;
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), -1);
+        EXPECT_EQ(walk(), -1);
     }
-    EXPECT_EQ(log.count(SKIP), 2);
-    EXPECT_EQ(iSkipFollowRefCount, 2);
-    // A request that is no poll isn't barred, and has the whole budget.
+    EXPECT_EQ(
+        log.count("Skipping GetLocalObj due to insufficient time from last operation. Will wait for 1000000 "
+                  "usec."),
+        2);
+    // A request that isn't a poll isn't barred, and has the whole budget.
     qorIsPollOrTrace = 0;
     fakeNow = start + SECOND;
     lAllowedFollowRefTimeUSec = 1;
-    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(walk(), 0);
     EXPECT_EQ(lAllowedFollowRefTimeUSec, 200000);
-
     // A poll's budget is the quota's share of the time since the last walk.
     qorIsPollOrTrace = 1;
     fakeNow += SECOND / 2;
-    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+    EXPECT_EQ(walk(), 0);
     EXPECT_EQ(lAllowedFollowRefTimeUSec, 50000);
-    EXPECT_EQ(log.count("Time allowed to spend in GetLocalObj: 50000 usec"), 1);
-
     nextFollowRefTime = fakeNow + 602 * SECOND;
     fakeNow += 601 * SECOND;
-    EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), -1);
+    EXPECT_EQ(walk(), -1);
     EXPECT_EQ(log.count("2 skips/aborts since last report."), 1);
-    EXPECT_EQ(iSkipFollowRefCount, 0);
-    EXPECT_EQ(log.count("GetLocals was invoked 1 times since last report. Average "), 1);
 }
 
 // The budget is looked at each thousandth callback, and what was found by then is used.
-TEST_F(LocalWalks, EndWithTheirBudget) {
-    jobject statement = Make("tessar/jdbc/driver/TessarStatement");
-    CallVoid(ZOO, "startMany", "(II)V", 300, 40);
-    Enter("nested", "in-time", statement);
-    Listing listing;
-    listing.list("in-time", STAGE_CLASS, "inner");
-    listing.list("", "qoragent.testing.ZooRun$Deep", "descend");
-    listing.take();
-    qorLocalWalkClock = FakeClock;
-    qorGetLocalObjectsQuotaPct = 10;
+TEST_F(TimedWalks, EndWithTheirBudget) {
+    Java("Zoo", "startMany", 300, 40);
+    Listing many;
+    many.list("timed", STAGE_CLASS, "inner");
+    many.list("", "qoragent.testing.ZooRun", "descend");
+    many.take();
     const struct {
         int32_t poll;
         int64_t step;
@@ -502,33 +407,23 @@ TEST_F(LocalWalks, EndWithTheirBudget) {
         fakeNow = 5000 * SECOND;
         fakeStep = row.step;
         LogCapture log(LOG_NOTE + 1);
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(LocalWalks::walk(&many), 0);
         EXPECT_EQ(gbQorLocalWalk.outcome.end == WALK_OUT_OF_TIME, row.iterations > 0);
-        EXPECT_TRUE(row.iterations == 0 || gbQorLocalWalk.iIterationCount == row.iterations)
-            << gbQorLocalWalk.iIterationCount;
-        const std::string after = " after " + std::to_string(row.iterations) + " iterations (";
-        EXPECT_EQ(log.count("Aborting GetLocalObj" + after), row.iterations > 0);
-        EXPECT_EQ(log.count("due to allowed time is up" + after), row.iterations > 0 && !row.poll);
+        EXPECT_EQ(log.count("Aborting GetLocalObj after " + std::to_string(row.iterations) + " iterations ("),
+                  row.iterations > 0)
+            << log.text();
         // The JVM may go on for a while, and is told again.
         for (const auto callback : {heapReferenceAllObjectCallback, heapReferenceOneObjectCallback})
             EXPECT_EQ(
                 callback(JVMTI_HEAP_REFERENCE_THREAD, nullptr, 0, 0, 0, nullptr, nullptr, 0, &gbQorLocalWalk),
                 JVMTI_VISIT_ABORT);
     }
-    CallVoid(ZOO, "stop", "()V");
 }
 
 // Requests by hand share their part of the last ten seconds; the first after ten without any is made.
-TEST_F(LocalWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
-    Enter("nested", "by-hand", Make("tessar/jdbc/driver/TessarStatement"));
-    Listing listing;
-    listing.list("by-hand", STAGE_CLASS, "inner");
-    listing.take();
+TEST_F(TimedWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
     LogCapture log(LOG_NOTE + 1);
-    qorLocalWalkClock = FakeClock;
-    qorGetLocalObjectsQuotaPct = 10;
     qorHandWalkQuotaPct = 5;
-    fakeNow = 5000 * SECOND;
     fakeStep = 150000; // what each walk takes, and the time between two
     const struct {
         int64_t pause, budget; // 0: left out
@@ -547,7 +442,7 @@ TEST_F(LocalWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
     for (const auto &row : ROWS) {
         const auto number = &row - ROWS;
         fakeNow += row.pause;
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), row.budget ? 0 : -1) << number;
+        EXPECT_EQ(walk(), row.budget ? 0 : -1) << number;
         EXPECT_EQ(gbQorWalkLeftOut, row.budget == 0) << number;
         EXPECT_TRUE(row.budget == 0 || lAllowedFollowRefTimeUSec == row.budget) << number;
         EXPECT_EQ(gbQorLastWalkUsec, fakeStep);
@@ -556,88 +451,38 @@ TEST_F(LocalWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
     qorHandWalkQuotaPct = 1; // less than one walk takes
     fakeNow = 6000 * SECOND - fakeStep;
     for (const int32_t result : {0, -1, 0}) {
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), result);
+        EXPECT_EQ(walk(), result);
         fakeNow += result == 0 ? 0 : 10 * SECOND;
     }
     qorHandWalkQuotaPct = 100;
     for (int32_t i = 0; i < 20; i++)
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(walk(), 0);
 }
 
 // The look-up of what was found is a part of the walk's time. Cut short, it leaves what classes it has seen
 // to the next walk, and no object to a wrong frame.
-TEST_F(LocalWalks, LookUpWithinTheirBudget) {
+TEST_F(TimedWalks, LookUpWithinTheirBudget) {
     jobject statement = Make("tessar/jdbc/driver/TessarStatement");
     for (int i = 0; i < 100; i++) {
         const QorLocalFrame references(Env(), 16);
-        Enter("three", ("crowd-" + std::to_string(i)).c_str(), Make("java/lang/Object"),
-              Make("java/lang/Object"), Make("java/lang/Object"));
+        Enter("three", "crowd-" + std::to_string(i), Make("java/lang/Object"), Make("java/lang/Object"),
+              Make("java/lang/Object"));
     }
     Enter("three", "looked-up", nullptr, statement);
-    Listing listing;
-    listing.list("", STAGE_CLASS, "three");
-    listing.take();
+    Listing crowd("", STAGE_CLASS, "three");
     qorLocalWalkClock = LookUpClock;
-    qorGetLocalObjectsQuotaPct = 10;
-    fakeNow = 5000 * SECOND;
     fakeStep = SECOND;
     int64_t left = -1;
     for (int32_t walks = 1; gbQorLocalWalk.tagBase != left; walks++) {
         left = walks == 1 ? 0 : gbQorLocalWalk.tagBase;
         ASSERT_LT(walks, 10);
-        EXPECT_EQ(QorGetLocalVariableForAllThread(listing.head), 0);
+        EXPECT_EQ(LocalWalks::walk(&crowd), 0);
         EXPECT_EQ(nextFollowRefTime, fakeNow + (gbQorLocalWalk.tagBase != left ? 18 : 9) * SECOND) << walks;
         EXPECT_EQ(gbQorWalkCut, gbQorLocalWalk.tagBase != left) << walks;
-        for (const Found &row : listing.found())
+        for (const Found &row : crowd.found())
             EXPECT_TRUE(!row.object || row.thread == "zoo-looked-up");
     }
     EXPECT_GT(left, 0) << "the first look-up was cut short";
-    for (const Found &row : listing.found())
+    for (const Found &row : crowd.found())
         EXPECT_EQ(same(row.object, statement), row.thread == "zoo-looked-up");
-}
-
-// No JVM of today is one whose handles the walk can fill, whatever its texts say; on one that is, the
-// callback puts the objects' addresses into the first twenty slots.
-TEST_F(LocalWalks, FillHandlesOnlyWhereTheyCan) {
-    QorFrameRecord frame = {};
-    frame.className = "app.Main";
-    frame.method = "run";
-    Enter("nested", "filled", nullptr);
-    Walk walk;
-    ASSERT_TRUE(walk.find("zoo-filled"));
-    frame.methodId = reinterpret_cast<int64_t>(walk.frames.frames[0].method);
-    strcpy(vers, "1.6.0_11");
-    strcpy(vend, "Sun Microsystems Inc.");
-    LogCapture log(LOG_TRACE + 1);
-    checkGetObjOpt();
-    EXPECT_EQ(getObjOpt, 0);
-    EXPECT_EQ(log.count("getObjOpt optimization is not enabled for version 1.6.0_11 from vendor Sun Micro"),
-              1);
-
-    QorAllThreadLocalInfoList *list = nullptr;
-    ASSERT_EQ(AddToThreadLocalInfoList(&walk.thread, &frame, &list, 0), 0);
-    ASSERT_TRUE(QorPrepareLocalSearch(&gbQorLocalWalk, list));
-    void *cells[LOCAL_OBJECT_SLOTS] = {};
-    for (int32_t i = 0; i < LOCAL_OBJECT_SLOTS; i++)
-        list->localObjects[i] = reinterpret_cast<jobject>(&cells[i]);
-    getObjOpt = 1;
-    for (int64_t i = 0; i < 25; i++) {
-        int64_t surroundings[3] = {1000 + i, 0, 0};
-        jvmtiHeapReferenceInfo info = {};
-        info.stack_local.thread_id = list->threadId;
-        info.stack_local.method = walk.frames.frames[0].method;
-        jlong *tag = reinterpret_cast<jlong *>(&surroundings[2]);
-        EXPECT_EQ(heapReferenceAllObjectCallback(JVMTI_HEAP_REFERENCE_STACK_LOCAL, &info, 0, 0, 16, tag,
-                                                 nullptr, -1, &gbQorLocalWalk),
-                  JVMTI_VISIT_OBJECTS);
-        EXPECT_EQ(*tag, 0);
-    }
-    getObjOpt = 0;
-    for (int64_t i = 0; i < LOCAL_OBJECT_SLOTS; i++) {
-        EXPECT_EQ(reinterpret_cast<int64_t>(cells[i]), 1000 + i);
-        list->localObjects[i] = nullptr;
-    }
-    EXPECT_EQ(gbQorLocalWalk.frames[0].hits, 25);
-    QorEndLocalSearch(&gbQorLocalWalk);
-    FreeQorAllThreadLocalInfoList(list);
 }

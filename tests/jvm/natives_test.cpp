@@ -1,18 +1,16 @@
 #include "AgentNatives.h"
-#include "LogCapture.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/threads/ThreadSystem.h"
 #include "qoragent/natives.h"
 #include "qoragent/worker.h"
+#include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
-#include <cstring>
 #include <regex>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 namespace {
 
@@ -20,30 +18,23 @@ struct Natives : AgentTest {
     void SetUp() override { ASSERT_EQ(StartAgent(StartArguments()), 0); }
 };
 
-int64_t WorkerId() {
-    for (const auto &entry : ThreadTruth())
-        if (entry.second.name == "QORD Agent Worker")
-            return entry.first;
-    return -1;
-}
-
 // A list as a sample would leave it: one block for the test's thread, one without a thread.
 void ListThisThread() {
-    Env()->PushLocalFrame(8);
-    jobject self = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
-    jthread threads[] = {self, nullptr};
+    const QorLocalFrame references(Env(), 8);
+    jthread threads[] = {Java<jobject>("Truth", "currentThread"), nullptr};
     QorThreadHandle handle = {};
     handle.threads = threads;
     QorThreadRecord record = {};
     for (handle.index = 0; handle.index < 2; handle.index++)
         QorAddE2EBlock(Env(), &handle, &record, 1);
-    Env()->PopLocalFrame(nullptr);
 }
 
 } // namespace
 
 TEST_F(Natives, FiguresAgreeWithTheSystem) {
-    EXPECT_EQ(Java_qoragent_Agent_getAgentWorkerThreadId(Env(), nullptr), WorkerId());
+    Setting(1); // the worker is there
+    const int64_t worker = Java_qoragent_Agent_getAgentWorkerThreadId(Env(), nullptr);
+    EXPECT_EQ(ThreadTruth().at(worker).name, "QORD Agent Worker");
     EXPECT_EQ(Java_qoragent_Agent_getCurrentThreadOsId(Env(), nullptr), syscall(SYS_gettid));
     EXPECT_GT(std::stoll(TextOf(Java_qoragent_Agent_getProcessContextSwitchCount(Env(), nullptr))), 0);
     // machine 29 process 29 31 switches 31 delay 31 time
@@ -54,26 +45,16 @@ TEST_F(Natives, FiguresAgreeWithTheSystem) {
 }
 
 TEST_F(Natives, LevelsChangeWithoutANewRoad) {
-    struct {
-        int level, skip;
-        const char *line;
-    } rows[] = {
-        {3, 1, "<BCI Mode is enabled. All Local would be fetched through BCI>"},
-        {9, 1, "<QORD agent is running in No local Mode.>"},
-        {2, 0, "<BCI Mode is Not enabled. All Local would be fetched through jvmti/re>"},
-    };
-    for (const auto &row : rows) {
-        LogCapture log(3);
-        Java_qoragent_Agent_setOptLevel(Env(), nullptr, row.level);
-        EXPECT_EQ(gbiOptimizationLevel, row.level);
-        EXPECT_EQ(gbQorSkipLocal, row.skip);
-        EXPECT_EQ(log.count(row.line), 1) << log.text();
+    const std::pair<int, int> LEVELS[] = {{3, 1}, {9, 1}, {2, 0}};
+    for (const auto &[level, skip] : LEVELS) {
+        Java_qoragent_Agent_setOptLevel(Env(), nullptr, level);
+        EXPECT_EQ(gbiOptimizationLevel, level);
+        EXPECT_EQ(gbQorSkipLocal, skip);
     }
     EXPECT_EQ(offsetind, BUILD_JVMTI_DEFAULT);
-    LogCapture log(0);
     Java_qoragent_Agent_setLogLevel(Env(), nullptr, 2);
     EXPECT_EQ(qorloglevel, 2);
-    EXPECT_EQ(log.count("QorAgent Error: Changed qorloglevel to 2"), 1);
+    qorloglevel = 0;
 }
 
 // The list of the last sample is handed out once, and only for a request that carried thread data.
@@ -91,8 +72,8 @@ TEST_F(Natives, ThreadObjectsAreHandedOutOnce) {
     jobjclass = kept;
     ASSERT_NE(threads, nullptr);
     ASSERT_EQ(Env()->GetArrayLength(threads), 2);
-    jobject self = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
-    EXPECT_TRUE(Env()->IsSameObject(Env()->GetObjectArrayElement(threads, 0), self));
+    EXPECT_TRUE(Env()->IsSameObject(Env()->GetObjectArrayElement(threads, 0),
+                                    Java<jobject>("Truth", "currentThread")));
     EXPECT_EQ(Env()->GetObjectArrayElement(threads, 1), nullptr);
     EXPECT_EQ(thread_e2e_info, nullptr);
 

@@ -1,41 +1,24 @@
+// The views of a frame's locals and of one object.
 #include "AgentNatives.h"
 #include "Descriptors.h"
 #include "LogCapture.h"
+#include "Replies.h"
 #include "RequestHandler/RequestHandler.h"
 #include "Walk.h"
-#include "jvmti/objects/FieldText.h"
 #include "jvmti/objects/LocalObjects.h"
 #include "jvmti/objects/ObjectFields.h"
 #include "qorStrUtils.h"
-#include "qorrequest.h"
+#include "wire/objects.h"
+#include "wire/request.h"
 
 #include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <mutex>
-#include <regex>
-#include <unistd.h>
 
 namespace {
 
-constexpr char SPECIMENS[] = "qoragent/testing/Specimens";
 constexpr jlong SOME_TAG = 7777;
-
-// Separators made visible: "|" between fields, a line for each record, "$" at the end of a section.
-std::string Legible(const std::string &reply) {
-    std::string text;
-    for (char c : reply) {
-        if (c == 29)
-            text += '|';
-        else if (c == 30)
-            text += '\n';
-        else if (c == 31)
-            text += "$\n";
-        else
-            text += c;
-    }
-    return text;
-}
 
 std::string View(const std::function<void(char *page)> &show) {
     std::vector<char> page(PAGEBUF_SIZE);
@@ -55,13 +38,6 @@ std::string LocalsView(int64_t tid, int64_t method, int32_t size = PAGEBUF_SIZE)
     });
 }
 
-size_t CountOf(const std::string &text, const std::string &part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
-        count++;
-    return count;
-}
-
 // The class of the first section of an object view, "" without any.
 std::string FirstClass(const std::string &view) {
     const std::string head = "Message\nObject Name :";
@@ -70,26 +46,13 @@ std::string FirstClass(const std::string &view) {
     return view.substr(head.size(), view.find("$\n") - head.size());
 }
 
-void ResetPeak() {
-    FILE *file = fopen("/proc/self/clear_refs", "we");
-    fputs("5", file);
-    fclose(file);
-}
-
 struct ObjectViews : SessionTest {
     void SetUp() override {
         SessionTest::SetUp();
-        Env()->PushLocalFrame(64);
         gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
     }
-    void TearDown() override {
-        Env()->PopLocalFrame(nullptr);
-        SessionTest::TearDown();
-    }
 
-    jobject make(const char *kind) {
-        return CallObject(SPECIMENS, "make", "(Ljava/lang/String;)Ljava/lang/Object;", Text(kind));
-    }
+    jobject make(const char *kind) { return Java<jobject>("Specimens", "make", kind); }
     std::string viewOf(jobject object) {
         EXPECT_EQ(jvmti->SetTag(object, SOME_TAG), JVMTI_ERROR_NONE);
         const std::string view = ObjectView(SOME_TAG);
@@ -135,16 +98,10 @@ int64_t MethodOf(const char *method, bool native = false) {
 }
 
 struct Holder {
-    explicit Holder(int again = 1) {
-        Env()->DeleteLocalRef(CallObject(SPECIMENS, "startHolder", "(I)Ljava/lang/Thread;", again));
-        tid = CallLong(SPECIMENS, "id", "()J");
-    }
-    explicit Holder(const char *start) {
-        Env()->DeleteLocalRef(CallObject(SPECIMENS, start, "()Ljava/lang/Thread;"));
-        tid = CallLong(SPECIMENS, "id", "()J");
-    }
-    ~Holder() { CallVoid(SPECIMENS, "end", "()V"); }
-    int64_t tid;
+    explicit Holder(int again = 1) { Java("Specimens", "startHolder", again); }
+    explicit Holder(const char *start) { Java("Specimens", start); }
+    ~Holder() { Java("Specimens", "end"); }
+    int64_t tid() const { return Java<int64_t>("Specimens", "id"); }
 };
 
 // Both frames of hold(), the inner one first.
@@ -159,30 +116,6 @@ constexpr char HELD[] = "Method Locals\n"
                         "Active$\n";
 
 } // namespace
-
-// The walk ends behind the frame's locals, behind all locals, and at the bound; the tests of views see its
-// hits.
-TEST(LocalsWalk, EndsEarly) {
-    jlong tag = 0;
-    QorLocalsWalk walk = {7, reinterpret_cast<jmethodID>(5), false, 6000, 0};
-    const auto meet = [&](jint kind, jlong thread) {
-        jvmtiHeapReferenceInfo info = {};
-        info.stack_local.thread_id = thread;
-        info.stack_local.method = walk.method;
-        return jvmtiHeapReferenceOneObjectCallback(static_cast<jvmtiHeapReferenceKind>(kind), &info, 0, 0, 0,
-                                                   &tag, nullptr, 0, &walk);
-    };
-    constexpr jint LOCAL = JVMTI_HEAP_REFERENCE_STACK_LOCAL;
-    EXPECT_EQ(meet(LOCAL, 8), JVMTI_VISIT_OBJECTS);
-    EXPECT_EQ(meet(LOCAL, 7), JVMTI_VISIT_OBJECTS);
-    EXPECT_EQ(meet(LOCAL, 8), JVMTI_VISIT_ABORT) << "behind the frame";
-    EXPECT_EQ(walk.count, 1);
-    for (jint kind : {0, 1, 8, 20, 21, 22, 27})
-        EXPECT_EQ(meet(kind, 0), JVMTI_VISIT_ABORT) << kind;
-    walk.count = MAX_LOCAL_OBJECTS;
-    EXPECT_EQ(meet(LOCAL, 7), JVMTI_VISIT_ABORT);
-    EXPECT_EQ(walk.count, MAX_LOCAL_OBJECTS);
-}
 
 TEST_F(ObjectViews, ShowAFieldOfEveryKind) {
     const std::string name = "Lqoragent/testing/Specimens$Values;";
@@ -261,45 +194,20 @@ TEST_F(ObjectViews, GoUpTheChainWithoutItsTop) {
 }
 
 TEST_F(ObjectViews, OfWhatIsNotThereAreEmpty) {
-    const struct {
-        const char *kind, *line;
-    } rows[] = {
-        {"hole", "Object 1 in the object array is null. Need to return"},
-        {"empty", "Array length is 0. No Objects in the array."},
-        {"ints", "Returned from QorCollectClassFieldsArrayClass IParentCount=0"},
-        {"single", "RequestHandler: All ClassCount=0"},
-    };
-    for (const auto &row : rows) {
-        LogCapture log(5);
-        EXPECT_EQ(viewOf(row.kind), "") << row.kind;
-        EXPECT_EQ(log.count(row.line), 1) << row.kind;
-    }
-    {
-        LogCapture log(1); // what is null, empty or gone is no error
-        for (const auto &row : rows)
-            viewOf(row.kind);
-        EXPECT_NE(viewOf("Values"), "");
-        EXPECT_EQ(ObjectView(49999), "");
-        EXPECT_EQ(log.text(), "");
-    }
-    LogCapture log(4);
-    EXPECT_EQ(ObjectView(0), "");
-    EXPECT_EQ(ObjectView(-5), "");
-    EXPECT_EQ(log.count("QorJVMTIAllGetClassDetails is objtag <= 0"), 2);
-    EXPECT_EQ(ObjectView(49999), "");
-    EXPECT_EQ(log.count("No object found with tag 49999 object count 0. Object might have perished"), 1);
-}
-
-TEST_F(ObjectViews, EndWithTheObjectsLife) {
+    LogCapture log(1); // what is null, empty or gone isn't an error
+    for (const char *kind : {"hole", "empty", "ints", "single"})
+        EXPECT_EQ(viewOf(kind), "") << kind;
     jobject object = make("Leaf");
     jvmti->SetTag(object, SOME_TAG);
     EXPECT_NE(ObjectView(SOME_TAG), "");
     jweak weak = Env()->NewWeakGlobalRef(object);
     Env()->DeleteLocalRef(object);
     while (!Env()->IsSameObject(weak, nullptr))
-        CallVoid("java/lang/System", "gc", "()V");
+        Java("java/lang/System", "gc");
     Env()->DeleteWeakGlobalRef(weak);
-    EXPECT_EQ(ObjectView(SOME_TAG), "");
+    EXPECT_EQ(ObjectView(SOME_TAG) + ObjectView(49999), "");
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(ObjectView(0) + ObjectView(-5), "");
 }
 
 TEST_F(ObjectViews, CutLongValuesAtACharacter) {
@@ -321,33 +229,20 @@ TEST_F(ObjectViews, CutLongValuesAtACharacter) {
     EXPECT_EQ(CountOf(value("booleans"), " False"), 170u);
 }
 
-TEST_F(ObjectViews, CopyNoBigValue) {
-    jobject big = make("Big");
-    viewOf("Values");
-    ResetPeak();
+TEST_F(ObjectViews, KeepNothingAndCopyNoBigValue) {
+    jobject object = make("Values"), big = make("Big");
+    KeepsNothing(1000, [&] { viewOf(object); });
+    FILE *file = fopen("/proc/self/clear_refs", "we"); // the peak starts anew
+    fputs("5", file);
+    fclose(file);
     const int64_t before = KilobytesOf("VmRSS:");
     EXPECT_NE(viewOf(big), "");
     EXPECT_LT(KilobytesOf("VmHWM:") - before, 8 << 10);
 }
 
-TEST_F(ObjectViews, FreeWhatTheyTake) {
-    jobject object = make("Values");
-    const auto show = [&](int times) {
-        jvmti->SetTag(object, SOME_TAG);
-        std::vector<char> page(PAGEBUF_SIZE);
-        for (int i = 0; i < times; i++, page[0] = 0)
-            QorShowObjectRequest(SOME_TAG, 0, QORREQ_SHOW_OBJECT, page.data(), PAGEBUF_SIZE);
-    };
-    show(200);
-    const int64_t before = KilobytesOf("VmRSS:");
-    show(4000); // of 42 fields: small things count too
-    EXPECT_LT(KilobytesOf("VmRSS:") - before, 4 << 10);
-}
-
 TEST_F(ObjectViews, AreBounded) {
     const auto made = [&](int depth, int fields) {
-        jobject klass = CallObject(SPECIMENS, "chain", "(II)Ljava/lang/Class;", depth, fields);
-        return Env()->AllocObject(static_cast<jclass>(klass));
+        return Env()->AllocObject(static_cast<jclass>(Java<jobject>("Specimens", "chain", depth, fields)));
     };
     const std::string deep = viewOf(made(60, 1));
     EXPECT_EQ(CountOf(deep, "Object Name :"), 49u);
@@ -377,7 +272,7 @@ TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
 
 TEST_F(ObjectViews, ShowObjectsOfAClassInItsInitialiser) {
     Holder holder("startInitialiser");
-    const std::string locals = LocalsView(holder.tid, MethodOf("keep"));
+    const std::string locals = LocalsView(holder.tid(), MethodOf("keep"));
     EXPECT_EQ(locals, "Method Locals\n5000|0|Lqoragent/testing/Specimens$Unfinished;| \nActive$\n");
     const std::string view = ObjectView(5000);
     EXPECT_NE(view.find("|field|3\n"), std::string::npos) << view;
@@ -389,19 +284,17 @@ struct Locals : ObjectViews {};
 TEST_F(Locals, AreThoseOfTheFrame) {
     Holder holder;
     const int64_t method = MethodOf("hold");
-    EXPECT_EQ(LocalsView(holder.tid, method), HELD);
+    EXPECT_EQ(LocalsView(holder.tid(), method), HELD);
     EXPECT_EQ(FirstClass(ObjectView(5005)), "Lqoragent/testing/Specimens$Values;");
     gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
-    EXPECT_EQ(LocalsView(holder.tid, static_cast<int32_t>(method)), HELD) << "as the stack view shows it";
+    EXPECT_EQ(LocalsView(holder.tid(), static_cast<int32_t>(method)), HELD) << "as the stack view shows it";
 
-    LogCapture log(4);
     const int64_t counter = gbiQorLocalVariableCounter;
     const int64_t wrong = method ^ (int64_t{1} << 40);
-    EXPECT_EQ(LocalsView(holder.tid + 100000, method), "$\n");
-    EXPECT_EQ(LocalsView(holder.tid, wrong), "$\n") << "whole ids are compared whole";
-    EXPECT_EQ(LocalsView(holder.tid, 0), "$\n");
-    EXPECT_EQ(LocalsView(holder.tid, MethodOf("park", true)), "$\n") << "a native frame without references";
-    EXPECT_EQ(log.count(" No locals found. returning"), 4);
+    EXPECT_EQ(LocalsView(holder.tid() + 100000, method), "$\n");
+    EXPECT_EQ(LocalsView(holder.tid(), wrong), "$\n") << "whole ids are compared whole";
+    EXPECT_EQ(LocalsView(holder.tid(), 0), "$\n");
+    EXPECT_EQ(LocalsView(holder.tid(), MethodOf("park", true)), "$\n") << "a native frame without references";
     EXPECT_EQ(gbiQorLocalVariableCounter, counter);
 }
 
@@ -409,27 +302,20 @@ TEST_F(Locals, NeverBreakTheirRowOfNumbers) {
     Holder holder;
     const int64_t method = MethodOf("hold");
     gbiQorLocalVariableCounter = LAST_OBJECT_TAG - 2;
-    const std::string view = LocalsView(holder.tid, method);
+    const std::string view = LocalsView(holder.tid(), method);
     EXPECT_EQ(CountOf(view, "\n"), 9u) << view;
     EXPECT_NE(view.find("50002|0|[Ljava/lang/Object;"), std::string::npos) << view;
     EXPECT_NE(view.find("50004|0|Ljava/lang/Class;"), std::string::npos) << view;
-    EXPECT_EQ(LocalsView(holder.tid, method), HELD) << "numbering starts anew";
+    EXPECT_EQ(LocalsView(holder.tid(), method), HELD) << "numbering starts anew";
 }
 
 TEST_F(Locals, FillAReplyWithWholeRecords) {
     Holder holder;
     const int64_t method = MethodOf("hold");
-    expectWholeRecords([&](int32_t size) { return LocalsView(holder.tid, method, size); });
+    expectWholeRecords([&](int32_t size) { return LocalsView(holder.tid(), method, size); });
     gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
-    EXPECT_EQ(LocalsView(holder.tid, method, 48), "Method Locals\n^|^|String|a text1\nActive$\n");
-    EXPECT_EQ(LocalsView(holder.tid, method, 16), "Method Locals\n$\n");
-}
-
-TEST_F(Locals, OfARecursionAreShownTogether) {
-    Holder holder(120);
-    const std::string view = LocalsView(holder.tid, MethodOf("hold"));
-    EXPECT_EQ(CountOf(view, "|String|"), 121u) << view;
-    EXPECT_EQ(CountOf(view, "|Int Array|"), 121u) << view;
+    EXPECT_EQ(LocalsView(holder.tid(), method, 48), "Method Locals\n^|^|String|a text1\nActive$\n");
+    EXPECT_EQ(LocalsView(holder.tid(), method, 16), "Method Locals\n$\n");
 }
 
 std::mutex restLock;
@@ -451,29 +337,27 @@ TEST_F(Locals, OfANativeMethodAreItsReferences) {
     JNINativeMethod rest = {const_cast<char *>("rest"),
                             const_cast<char *>("(Ljava/util/concurrent/CountDownLatch;Ljava/lang/String;)V"),
                             reinterpret_cast<void *>(Rest)};
-    ASSERT_EQ(Env()->RegisterNatives(Env()->FindClass(SPECIMENS), &rest, 1), 0);
-    Env()->DeleteLocalRef(CallObject(SPECIMENS, "startResting", "()Ljava/lang/Thread;"));
-    const std::string view = LocalsView(CallLong(SPECIMENS, "id", "()J"), MethodOf("rest", true));
+    ASSERT_EQ(Env()->RegisterNatives(Env()->FindClass("qoragent/testing/Specimens"), &rest, 1), 0);
+    Java("Specimens", "startResting");
+    const std::string view = LocalsView(Java<int64_t>("Specimens", "id"), MethodOf("rest", true));
     EXPECT_NE(view.find("^|^|String|made in native code\n"), std::string::npos) << view;
     {
         std::lock_guard<std::mutex> hold(restLock);
         mayReturn = true;
     }
     restChanged.notify_all();
-    CallVoid(SPECIMENS, "end", "()V");
+    Java("Specimens", "end");
 }
 
 // The tags of a class histogram are none of the session's.
 TEST_F(Locals, StayFoundAmongThousandsOfClasses) {
-    jobject classes = CallObject(SPECIMENS, "manyClasses", "(I)[Ljava/lang/Object;", 6000);
+    jobject classes = Java<jobject>("Specimens", "manyClasses", 6000);
     Holder holder;
     const int64_t method = MethodOf("hold");
-    const auto histogram = [] {
-        return View([](char *page) { QorHandleShowMemRequest(page, 8, "ClassHistogramOnly", 512); });
-    };
-    EXPECT_NE(histogram(), "");
-    EXPECT_EQ(LocalsView(holder.tid, method), HELD);
-    EXPECT_NE(histogram(), "");
+    for (int i = 0; i < 2; i++) {
+        EXPECT_NE(AskMemory("ClassHistogramOnly", 512), "");
+        EXPECT_EQ(i ? HELD : LocalsView(holder.tid(), method), HELD);
+    }
     EXPECT_EQ(FirstClass(ObjectView(5005)), "Lqoragent/testing/Specimens$Values;");
     EXPECT_EQ(Env()->GetArrayLength(static_cast<jarray>(classes)), 6000);
 }
@@ -508,7 +392,7 @@ TEST_F(CompiledLocals, AreNotTheConstantsOfTheCode) {
     if (Env()->GetVersion() > JNI_VERSION_1_8) {
         EXPECT_GT(met.count, 0) << "the frame is not compiled";
     }
-    EXPECT_EQ(LocalsView(holder.tid, method), HELD);
+    EXPECT_EQ(LocalsView(holder.tid(), method), HELD);
 }
 
 // The requests of a console that follows a stack row to a local and a local to its fields.
@@ -516,19 +400,22 @@ struct FollowedObject : AgentTest {};
 
 TEST_F(FollowedObject, IsReachedFromTheStackRow) {
     ASSERT_EQ(StartAgent({}), 0);
-    Holder holder;
-    const std::string tid = std::to_string(holder.tid);
-    const std::string key = std::to_string(getpid()) + "-" + tid;
-    const std::string stack = Legible(Ask("516|showstack|512|ARG=x,0=x,1=" + key));
-    std::smatch found;
-    const std::regex row("\n(?:user|sys)\\|" + tid +
-                         "\\|[0-9]+\\|(-?[0-9]+)\\|2\\|3\\|qoragent\\.testing\\.Specimens->hold\\|");
-    ASSERT_TRUE(std::regex_search(stack, found, row)) << stack;
-    const std::string locals =
-        Legible(Ask("516|showstack|4096|ARG=x,0=" + tid + ",1=" + found[1].str() + ",2=2,3=3"));
-    const std::regex local("\n([0-9]+)\\|0\\|Lqoragent/testing/Specimens\\$Values;\\|");
-    ASSERT_TRUE(std::regex_search(locals, found, local)) << locals;
-    const std::string view = Legible(Ask("516|showstack|1024|ARG=x,0=" + found[1].str() + ",1=0"));
-    EXPECT_EQ(FirstClass(view), "Lqoragent/testing/Specimens$Values;") << view;
-    EXPECT_NE(view.find("|anInt|-310000\n"), std::string::npos);
+    const Holder holder;
+    const qorctl::ThreadSample stack = qorctl::DecodeStack(qorctl::OpenReply(
+        Ask(qorctl::StackRequest(std::to_string(getpid()) + "-" + std::to_string(holder.tid())))));
+    for (const qorctl::Frame &frame : stack.threads.at(0).stack) {
+        if (frame.method != "hold")
+            continue;
+        const qorctl::Locals locals =
+            qorctl::DecodeLocals(qorctl::OpenReply(Ask(qorctl::LocalsRequest(holder.tid(), frame))));
+        for (const qorctl::Local &local : locals.rows) {
+            if (local.type != "qoragent.testing.Specimens$Values")
+                continue;
+            const qorctl::ObjectView view = qorctl::DecodeObject(
+                qorctl::OpenReply(Ask(qorctl::ObjectRequest(*local.tag, false))), *local.tag);
+            EXPECT_EQ(qorctl::FindField(view, "anInt")->value, "-310000");
+            return;
+        }
+    }
+    FAIL() << "no such local";
 }

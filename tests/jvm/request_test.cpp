@@ -1,5 +1,4 @@
 #include "AgentNatives.h"
-#include "Descriptors.h"
 #include "LogCapture.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
@@ -12,22 +11,16 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <fstream>
 #include <random>
 #include <regex>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 namespace {
-
-constexpr char BUSY[] = "qoragent/testing/BusyCall";
 
 struct Request : AgentTest {
     void SetUp() override { Start(10); }
@@ -39,56 +32,25 @@ struct Request : AgentTest {
     }
 };
 
-// All wake-ups so far have been dealt with.
-void WaitForIdleWorker() {
-    while (qor_can_read_internal(pipe_fd_PP[0], 0) || workerBusy != 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
 void WaitForRequestInHand() {
     while (qorlocks[1] == 0 || workerBusy == 0 || qor_can_read_internal(pipe_fd_PP[0], 0))
         std::this_thread::yield();
 }
 
-// The worker stays in a sample for a while.
-struct HeldWorker {
-    explicit HeldWorker(int64_t millis) : real(e2eclass) {
-        jclass busy = Env()->FindClass(BUSY);
-        e2eclass = static_cast<jclass>(Env()->NewGlobalRef(busy));
-        Env()->DeleteLocalRef(busy);
-        CallVoid(BUSY, "hold", "(J)V", static_cast<jlong>(millis));
-    }
-    ~HeldWorker() {
+// One that ends with the scope.
+struct Held : HeldWorker {
+    using HeldWorker::HeldWorker;
+    ~Held() {
         let();
         WaitForIdleWorker();
         Env()->DeleteGlobalRef(e2eclass);
         e2eclass = real;
     }
-    void let() { CallVoid(BUSY, "let", "()V"); }
-
-    jclass real;
 };
-
-std::string Setting(int value) {
-    return Ask("516|NoProcessing|qorretry|" + std::to_string(value));
-}
-
-std::string SettingReply(int value) {
-    return "Changed qorretry to " + std::to_string(value);
-}
 
 bool HasTimingLine(const std::string &reply) {
     static const std::regex line("Time spent in JVM for processing request\x1e[0-9]+ usec\x1f$");
     return std::regex_search(reply, line);
-}
-
-size_t ResidentBytes() {
-    size_t total = 0, resident = 0;
-    FILE *file = fopen("/proc/self/statm", "re");
-    if (fscanf(file, "%zu %zu", &total, &resident) != 2)
-        resident = 0;
-    fclose(file);
-    return resident * static_cast<size_t>(getpagesize());
 }
 
 } // namespace
@@ -99,25 +61,19 @@ TEST_F(Request, EachCommandAndKeyHasItsReply) {
         std::string request, reply;
     } rows[] = {
         {"516|NoProcessing", "NoProcessing: Invalid Format"},
-        {"516|NoProcessing|", "NoProcessing: Unkownn argument"},
         {"516|NoProcessing|qorretry", "NoProcessing: Unkownn argument"},
         {"516|NoProcessing|colour|3", "NoProcessing: Unkownn argument"},
-        {"516|NoProcessing|qorretry|17", "Changed qorretry to 17"},
         {"516|NoProcessingX|qorretryX|18", "Changed qorretry to 18"},
         {"516|NoProcessing|qorloglevel|0", "Changed qorloglevel to 0"},
-        {"516|NoProcessing|qorheapdir|/var/tmp", "Changed qorheapdir to /var/tmp/"},
         {"516|NoProcessing|qorheapdir|/a/|b", "Changed qorheapdir to /a/"},
         {"516|NoProcessing|qorheapdir|", "Changed qorheapdir to /a/"},
         {"516|NoProcessing|qorheapdir|" + longDir, "Changed qorheapdir to " + longDir.substr(0, 253) + "/"},
         {"516|NoProcessing|activethreads|1|threadname|idle*", "Added Idle Thread Rules"},
-        {"516|NoProcessing|activethreads|", "Added Idle Thread Rules"},
         {"516|NoProcessing|getJavaString|0", "Given Oop is Invalid on this JVM."},
-        {"516|NoProcessing|getJavaString|1", "Given Oop is Invalid on this JVM."},
         {"516|NoProcessing|CZPRequest", ""},
         {"516|hello|1", "Invalid Request hello"},
         {"516|", "Invalid Request "},
         {"516|showstack", "Invalid Request showstack"},
-        {"516|showqor", "Invalid Request showqor"},
         {"516|xtier01", "ERROR Null parameters for request xtier01"},
         {"516|xtier01|1521|10.0.0.1|12,13", "|"},
         {"516|NoProcessing|qorretry|5|\t|\t\t||and the rest", "Changed qorretry to 5"},
@@ -150,8 +106,7 @@ TEST_F(Request, TheTimingLineFollowsTheRequestId) {
 
 // Whatever arrives is answered or runs out of time, and the next request is answered as ever.
 TEST_F(Request, MalformedRequestsHarmNothing) {
-    Start(1);
-    const std::string filler(MAXNETDATA + 2 * QOREOTLEN, 'x');
+    Start(3);
     std::vector<std::string> requests = {
         "",
         "nobar",
@@ -160,30 +115,19 @@ TEST_F(Request, MalformedRequestsHarmNothing) {
         "516||||||",
         "|",
         "516|showmem",
-        "516|showmem|256",
-        "516|showmem|512|ClassHistogramOnly",
         "516|showmem|256|nowhere/dump",
         "516|showstack|4096|ARG=x,0=1,1=2,2=3,3=4", // slot 4 missing
         "516|showstack|4096|ARG=x,0=,1=,2=,3=,4=,5=,6=,7=,8=,9=",
         "516|showstack|1024|ARG=x,0=zz,1=zz",
         "516|showstack|512|ARG",
-        "516|showstack|2048|ARG=",
         "516|showstack|512|ARG=x,9=a,0=b",
-        "560|showqor|8192|ARG=x,0=1",
-        "516|\xc3\xa9\xe2\x82\xac|1",
         "516|xtier01|1521",
     };
-    for (int length : {20480, 20486, 20487, 20488, 30000})
-        requests.push_back("516|" + std::string(static_cast<size_t>(length) - 4, 'y'));
-    for (size_t i = 0; i < requests.size(); i++) {
-        const std::string reply = Ask(requests[i]);
-        EXPECT_NE(reply, NO_ANSWER) << requests[i].substr(0, 60);
-        if (requests[i].find('|') == std::string::npos)
-            EXPECT_EQ(reply, TIMED_OUT);
-        else
-            EXPECT_NE(reply, TIMED_OUT) << requests[i].substr(0, 60);
-        const int value = static_cast<int>(i);
-        EXPECT_EQ(Setting(value), SettingReply(value)) << "after " << requests[i].substr(0, 60);
+    for (size_t length : {20486, 20487, 20488, 30000})
+        requests.push_back("516|" + std::string(length - 4, 'y'));
+    for (const std::string &request : requests) {
+        EXPECT_EQ(Ask(request) == TIMED_OUT, request.find('|') == std::string::npos) << request.substr(0, 60);
+        EXPECT_EQ(Setting(7), SettingReply(7)) << "after " << request.substr(0, 60);
     }
 }
 
@@ -216,7 +160,7 @@ TEST_F(Request, ALateReplyIsNobodys) {
     Start(1);
     qorretry = 0;
     {
-        HeldWorker held(60000);
+        Held held;
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(Ask("516|showqor|8192"), TIMED_OUT);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(950));
@@ -252,7 +196,7 @@ TEST_F(Request, ATimerOnTheCallerDoesNotShortenTheWait) {
     timer_settime(timer, 0, &everyMsec, nullptr);
     std::string reply;
     {
-        HeldWorker held(1200);
+        Held held(1200);
         reply = Ask("516|showqor|8192");
     }
     timer_delete(timer);
@@ -273,7 +217,7 @@ TEST_F(Request, StrayBytesAreOutlived) {
     EXPECT_EQ(log.count("Pipe not invoked by Parent"), 120);
     // While a request is in hand it is answered in the worker's name.
     {
-        HeldWorker held(300);
+        Held held(300);
         std::thread disturber([&] {
             WaitForRequestInHand();
             EXPECT_EQ(write(pipe_fd_PP[1], stray.data(), stray.size()), static_cast<ssize_t>(stray.size()));
@@ -302,7 +246,7 @@ TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {
         };
         if (when == IN_HAND) {
             Start(1);
-            HeldWorker held(60000);
+            Held held;
             std::string reply;
             std::thread caller = AskAside("516|showqor|8192", &reply);
             WaitForRequestInHand();
@@ -333,23 +277,6 @@ TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {
     }
 }
 
-// Handshakes of nobody's, bytes that are none, a pipe that nobody reads: no thread is held up, no reply
-// wrong.
-TEST_F(Request, HandshakesOnlyWake) {
-    char byte;
-    EXPECT_EQ(read(pipe_fd_CH[0], &byte, 1), -1) << "nothing is there to be read";
-    struct {
-        std::string text;
-        int times;
-    } rows[] = {{HANDSHAKE, 3}, {"From Child to Parint", 1}, {"From", 1}, {HANDSHAKE, 10000}};
-    for (const auto &row : rows) {
-        for (int i = 0; i < row.times && write(pipe_fd_CH[1], row.text.data(), row.text.size()) > 0; i++) {
-        }
-        for (int i = 0; i < 3; i++)
-            EXPECT_EQ(Setting(i), SettingReply(i)) << row.text;
-    }
-}
-
 // The application's children keep their exit codes for the application, whatever the agent is asked.
 TEST_F(Request, ChildrenOfTheApplicationKeepTheirExitCode) {
     for (int i = 0; i < 100; i++) {
@@ -363,66 +290,24 @@ TEST_F(Request, ChildrenOfTheApplicationKeepTheirExitCode) {
     }
 }
 
-// 100,000 requests of random parts: answered each, and the memory where it was.
+// Requests of random parts: answered each, and nothing is kept.
 TEST_F(Request, RandomRequestsLeaveTheMemoryAlone) {
     const std::vector<std::string> parts = {
-        "516",
-        "4",
-        "0",
-        "showqor",
-        "showstack",
-        "showmem",
-        "xtier01",
-        "NoProcessing",
-        "64",
-        "256",
-        "512",
-        "1024",
-        "4096",
-        "2048",
-        "16384",
-        "128",
-        "ARG=",
-        "ARG=x,0=1",
-        ",1=2",
-        ",9=3",
-        ",2=",
-        ",3=-1",
-        ",8=long",
-        "qorretry",
-        "qorheapdir",
-        "activethreads",
-        "getJavaString",
-        "CZPRequest",
-        "|",
-        "|",
-        "|\t|\t\t||",
-        "\xc3\xa9",
-        "\x1e",
-        "*",
-        "\n",
-        "2147483648",
-        "abc",
-        ",",
-        "=",
+        "516",           "4",          "0",          "showqor",   "showstack", "showmem",    "xtier01",
+        "NoProcessing",  "64",         "256",        "512",       "1024",      "4096",       "2048",
+        "16384",         "128",        "ARG=",       "ARG=x,0=1", ",1=2",      ",9=3",       ",2=",
+        ",3=-1",         ",8=long",    "qorretry",   "|",         "|",         "qorheapdir", "activethreads",
+        "getJavaString", "CZPRequest", "|\t|\t\t||", "\xc3\xa9",  "\x1e",      "*",          "\n",
+        "2147483648",    "abc",        ",",          "=",
     };
     std::mt19937 random(20240229);
-    size_t resident = 0;
-    int descriptors = 0;
-    for (int i = 0; i < 100000; i++) {
-        std::string request = "516|";
-        for (unsigned left = random() % 8; left > 0; left--) {
-            request += parts[random() % parts.size()];
-            if (random() % 2)
-                request += '|';
+    KeepsNothing(200, [&] {
+        for (int i = 0; i < 100; i++) {
+            std::string request = "516|";
+            for (unsigned left = random() % 8; left > 0; left--)
+                request += parts[random() % parts.size()] + (random() % 2 ? "|" : "");
+            ASSERT_NE(Ask(request), TIMED_OUT) << request;
         }
-        ASSERT_NE(Ask(request), TIMED_OUT) << request;
-        if (i == 20000) {
-            resident = ResidentBytes();
-            descriptors = OpenDescriptors();
-        }
-    }
+    });
     EXPECT_EQ(Setting(1), SettingReply(1));
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    EXPECT_LT(ResidentBytes(), resident + (8u << 20));
 }

@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr char DRIVER[] = "qoragent/testing/Driver";
 constexpr char SIGNATURE[] = "Lqoragent/testing/Driver;";
 
 struct Rules : SessionTest {
@@ -16,11 +15,10 @@ struct Rules : SessionTest {
         SessionTest::SetUp();
         qorDBQuery = 1;
         gbSqlQueryLength = 4096;
-        driver = CallObject(DRIVER, "open", "()Lqoragent/testing/Driver;");
+        driver = Java<jobject>("Driver", "open");
     }
     void TearDown() override {
         SetTiers("");
-        qorDBQuery = 0;
         SessionTest::TearDown();
     }
     // The records by these ways of the driver, as an object of this kind.
@@ -51,11 +49,11 @@ TEST_F(Rules, FollowEachWayOfAnEmptyField) {
     Read("url none,Ljava/lang/String;\nurl any,Ljava/lang/Object;\nurl text,Ljava/lang/String;\n"
          "socket channel,Ljava/net/Socket;");
     EXPECT_STREQ("text of any", record.url);
-    EXPECT_EQ(CallLong(DRIVER, "localPort", "(Lqoragent/testing/Driver;Z)J", driver, true), record.localPort);
+    EXPECT_EQ(Java<int64_t>("Driver", "localPort", driver, true), record.localPort);
 }
 
 TEST_F(Rules, ACallInsideAnotherProductsCallTakesNothingOfIt) {
-    jobject const outer = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
+    jobject const outer = Java<jobject>("Truth", "currentThread");
     for (const bool isProduct : {false, true}) {
         EXPECT_EQ("", SetTiers(std::string("state db qoragent.testing.\n") +
                                (isProduct ? "state db java.lang.\n" : "") +
@@ -114,8 +112,7 @@ TEST_F(Rules, AWrongWayLeavesItsFieldEmpty) {
 }
 
 TEST_F(Rules, RemoteCallsHaveHostPortAndName) {
-    const std::string port =
-        std::to_string(CallLong(DRIVER, "serverPort", "(Lqoragent/testing/Driver;)J", driver));
+    const std::string port = std::to_string(Java<int64_t>("Driver", "serverPort", driver));
     const std::string url = "url text,Ljava/lang/String;", socket = "\nsocket socket,Ljava/net/Socket;";
     const std::string name = "\nname any,Ljava/lang/Object;", host = "host text,Ljava/lang/String;";
     const struct {
@@ -146,8 +143,8 @@ TEST_F(Rules, KnownFromSourcesAloneAreLeftAloneWhereTheyDontFit) {
                             "Lqoragent/testing/Driver;";
     const std::string ways =
         "url self,Lqoragent/testing/Driver;|text,Ljava/lang/String;\nuser text,Ljava/lang/String;";
-    jobject const other = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
-    jobject const unborn = CallObject("qoragent/testing/Obstacles", "inInitializer", "()Ljava/lang/Object;");
+    jobject const other = Java<jobject>("Truth", "currentThread");
+    jobject const unborn = Java<jobject>("Obstacles", "inInitializer");
     LogCapture log(1);
     Read("url text,Ljava/lang/String;\nuser text,Ljava/lang/String;");
     EXPECT_EQ(0u, records.kindsByRead);
@@ -159,7 +156,7 @@ TEST_F(Rules, KnownFromSourcesAloneAreLeftAloneWhereTheyDontFit) {
 
     EXPECT_EQ("", SetTiers(std::string("object db ") + SIGNATURE + " read\n" + ways));
     Read(unborn);
-    CallVoid("qoragent/testing/Obstacles", "release", "()V");
+    Java("Obstacles", "release");
     EXPECT_EQ(0, log.count(LINE));
     for (jobject object : {other, other, driver})
         Read(object);

@@ -1,17 +1,14 @@
+// The samples and the views of one thread, against what the JVM itself says.
 #include "AgentNatives.h"
-#include "RequestHandler/RequestHandler.h"
-#include "SampleReply.h"
+#include "LogCapture.h"
+#include "Replies.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
-#include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil.h"
 #include "reply/records.h"
 
 #include <algorithm>
-#include <functional>
-#include <sstream>
-#include <unistd.h>
 
 namespace {
 
@@ -21,285 +18,168 @@ struct Sample : SessionTest {
         qorLockInfoLevel = 2;
     }
     void TearDown() override {
-        poll_details = trace_all_threads = trace_single_thread_details = 0;
-        qorLockInfoLevel = 0;
-        gbiOptimizationLevel = 0;
-        readconditions(nullptr);
+        maxStackDepthRecorded = 300;
         SessionTest::TearDown();
     }
 };
 
-SampleReply AskDetails() {
-    poll_details = FLAG_POLL_DETAILS;
-    trace_all_threads = FLAG_TRACE_ALL_THREADS;
-    return SampleReply::Parse(Ask(QORREQ_POLL_DETAILS), true, true);
-}
-
-void Rules(const std::string &text) {
-    std::string copy = text;
-    readconditions(copy.data());
-}
-
-std::string Describe(const TrueLock &lock) {
-    return lock.className + "@" + std::to_string(lock.hash);
-}
-
-void ExpectSameFrames(const TrueThread &truth, const SampleThread &shown) {
-    std::vector<TrueFrame> expected;
-    for (const TrueFrame &frame : truth.frames)
-        if (!IsMadeByJvm(frame.call))
-            expected.push_back(frame);
-    size_t next = 0;
-    for (size_t i = 0; i < shown.frames.size(); ++i) {
-        const SampleFrame &frame = shown.frames[i];
-        EXPECT_EQ(static_cast<int64_t>(i), frame.index) << truth.name;
-        EXPECT_EQ(truth.id, frame.thread) << truth.name;
-        if (IsMadeByJvm(frame.call))
-            continue;
-        ASSERT_LT(next, expected.size()) << truth.name << " has no such frame: " << frame.call;
-        EXPECT_EQ(expected[next].call, frame.call) << truth.name << " frame " << i;
-        if (expected[next].line > 0) {
-            EXPECT_EQ(expected[next].file, frame.file) << truth.name << " frame " << i;
-            EXPECT_EQ(std::to_string(expected[next].line), frame.line) << truth.name << " frame " << i;
-        } else {
-            EXPECT_EQ("Native Method", frame.file) << truth.name << " frame " << i;
-            EXPECT_EQ("^", frame.line) << truth.name << " frame " << i;
-        }
-        ++next;
-    }
-    EXPECT_EQ(expected.size(), next) << truth.name;
-}
-
-void ExpectSameLocks(const TrueThread &truth, const SampleThread &shown) {
-    ASSERT_EQ(truth.owned.size(), shown.owned.size()) << truth.name;
-    for (size_t i = 0; i < truth.owned.size(); ++i) {
-        EXPECT_EQ(Describe(truth.owned[i]), shown.owned[i].description) << truth.name;
-        EXPECT_EQ(truth.owned[i].hash, shown.owned[i].id) << truth.name;
-        EXPECT_EQ(truth.owned[i].depth, shown.owned[i].depth) << truth.name;
-    }
-    std::vector<TrueLock> heldByOthers;
-    for (const TrueLock &lock : truth.wanted)
-        if (lock.owner > 0)
-            heldByOthers.push_back(lock);
-    ASSERT_EQ(heldByOthers.size(), shown.wanted.size()) << truth.name;
-    for (size_t i = 0; i < heldByOthers.size(); ++i) {
-        EXPECT_EQ(Describe(heldByOthers[i]), shown.wanted[i].description) << truth.name;
-        EXPECT_EQ(heldByOthers[i].hash, shown.wanted[i].id) << truth.name;
-        EXPECT_EQ(std::to_string(getpid()) + "-" + std::to_string(heldByOthers[i].owner),
-                  shown.wanted[i].owner);
-    }
-}
-
-// The thirteen numbers of the summary line.
-std::vector<int64_t> AskSummary() {
-    std::vector<int64_t> numbers;
-    std::istringstream line(Ask(QORREQ_THREAD_SUMMARY));
-    for (std::string field; std::getline(line, field, FIELD_SEP);)
-        numbers.push_back(atoll(field.c_str()));
-    EXPECT_EQ(13u, numbers.size());
-    numbers.resize(13);
-    return numbers;
+void Rules(std::string text) {
+    readconditions(text.data());
 }
 
 } // namespace
 
-TEST_F(Sample, DetailsAgreeWithWhatTheJvmSays) {
+TEST_F(Sample, AgreesWithWhatTheJvmSays) {
+    const std::pair<std::string, const char *> states[] = {
+        {"spin", "Runnable"},
+        {"socket-read,socket-read-timeout,socket-write,channel-read,select,datagram-receive,file-channel-"
+         "read",
+         "Network Wait"},
+        {"file-read,file-read-bytes,file-reader,random-access-read,file-write", "IO Wait"},
+        {"sleep", "Sleeping"},
+        {"blocked,blocked-second", "Lock"}};
+    {
+        // An earlier walk over other methods leaves nothing to be found.
+        ZooVisit others("holder,blocked,wait-inside");
+        AllThreads(true);
+    }
     ZooVisit zoo("");
-    CallVoid(ZOO, "check", "()V");
-    const std::map<int64_t, TrueThread> truth = ThreadTruth();
-    const SampleReply reply = AskDetails();
-    ASSERT_EQ("", reply.error);
-    EXPECT_EQ("Thread Info Details", reply.title);
-
-    size_t compared = 0;
+    Java("Zoo", "check");
+    const qorctl::ThreadSample sample = AllThreads(true);
+    EXPECT_GT(ExpectTruth(sample), 20);
+    qorctl::ThreadSample stacks;
     std::set<int64_t> shown;
-    for (const SampleThread &thread : reply.threads) {
-        shown.insert(thread.id());
-        if (thread.name.compare(0, 4, "zoo-") != 0 || thread.name == "zoo-spin")
+    for (const qorctl::Thread &thread : sample.threads) {
+        shown.insert(thread.key.thread);
+        if (thread.name.rfind("zoo-", 0) != 0)
             continue;
-        ASSERT_EQ(1u, truth.count(thread.id())) << thread.name;
-        const TrueThread &expected = truth.at(thread.id());
-        EXPECT_EQ(expected.name, thread.name);
-        ExpectSameFrames(expected, thread);
-        ExpectSameLocks(expected, thread);
-        ++compared;
+        std::string state = "Object Wait";
+        for (const auto &[kinds, expected] : states)
+            if (("," + kinds + ",").find("," + thread.name.substr(4) + ",") != std::string::npos)
+                state = expected;
+        EXPECT_EQ(thread.state, state) << thread.name;
+        stacks.threads.push_back(StackOf(thread.key.Text()));
     }
-    EXPECT_GT(compared, 20u);
-    for (const auto &[id, thread] : truth) {
-        const bool mayBeMissing =
-            thread.frames.empty() || thread.name == "main"; // "main" stood in the truth's call
-        EXPECT_TRUE(shown.count(id) || mayBeMissing) << thread.name << " is missing";
-    }
-    EXPECT_EQ("Lock", reply.Find("zoo-blocked")->state);
-    EXPECT_EQ("Sleeping", reply.Find("zoo-sleep")->state);
-    EXPECT_EQ("IO Wait", reply.Find("zoo-file-read")->state);
-    EXPECT_EQ("Network Wait", reply.Find("zoo-socket-read")->state);
-}
+    EXPECT_GT(ExpectTruth(stacks, "in the view of its stack"), 20);
+    for (const auto &[id, thread] : ThreadTruth()) // "main" was in the truth's call
+        EXPECT_TRUE(shown.count(id) || thread.frames.empty() || thread.name == "main") << thread.name;
 
-TEST_F(Sample, LocksAreLeftOutWhereNobodySeesThem) {
-    ZooVisit zoo("holder,blocked");
     qorLockInfoLevel = 3;
-    const SampleReply without = AskDetails();
-    ASSERT_EQ("", without.error);
-    EXPECT_TRUE(without.Find("zoo-holder")->owned.empty());
-    EXPECT_TRUE(without.Find("zoo-blocked")->wanted.empty());
-    poll_details = 0;
-    qorLockInfoLevel = 2;
-    const SampleReply plain = SampleReply::Parse(Ask(QORREQ_POLL_DETAILS), true, false);
-    ASSERT_EQ("", plain.error);
-    EXPECT_EQ("JVM Active Threads", plain.title);
-    EXPECT_EQ("a", plain.Find("zoo-holder")->marker);
+    const qorctl::ThreadSample without = AllThreads(true);
+    EXPECT_TRUE(Find(without, "zoo-holder")->owns.empty());
+    EXPECT_FALSE(Find(without, "zoo-blocked")->waits_for);
+    gbiOptimizationLevel = 3;
+    trace_all_threads = FLAG_TRACE_ALL_THREADS;
+    EXPECT_NE(Ask(QORREQ_POLL_DETAILS).find(std::string(1, STATE_MARK) + "Sleeping"), std::string::npos);
 }
 
 TEST_F(Sample, ShowsActiveThreadsOnly) {
     ZooVisit zoo("");
-    const auto active = [] { return SampleReply::Parse(Ask(QORREQ_ACTIVE_THREADS), false, false); };
-    const SampleReply reply = active();
-    ASSERT_EQ("", reply.error);
-    EXPECT_EQ("JVM Active Threads", reply.title);
-    for (const char *name : {"zoo-spin", "zoo-blocked", "zoo-socket-read", "zoo-file-read"})
-        EXPECT_NE(nullptr, reply.Find(name)) << name;
-    for (const char *name : {"zoo-sleep", "zoo-park", "zoo-wait", "zoo-accept", "zoo-lock-waiter"})
-        EXPECT_EQ(nullptr, reply.Find(name)) << name;
+    const auto shows = [](const qorctl::ThreadSample &sample, const char *kind) {
+        return Find(sample, std::string("zoo-") + kind) != nullptr;
+    };
+    const auto poll = [](const char *word) { return Threads(Ask(QORREQ_POLL_DETAILS, word)); };
+    const qorctl::ThreadSample active = ActiveThreads();
+    for (const char *kind : {"spin", "blocked", "socket-read", "file-read"})
+        EXPECT_TRUE(shows(active, kind)) << kind;
+    for (const char *kind : {"sleep", "park", "wait", "accept", "lock-waiter"})
+        EXPECT_FALSE(shows(active, kind)) << kind;
 
-    // Rules: by the thread's name, by its current call, and by what is no user call.
+    // Rules: by the thread's name, by its current call, and by what isn't a user call.
     Rules("abcd|threadname|zoo-file*\nabcd|currcall|qoragent.testing.ZooRun*\nabcd|systemcall|java.\n"
           "abcd|systemcall|sun.\nabcd|systemcall|jdk.\n");
-    const SampleReply ruled = active();
-    ASSERT_EQ("", ruled.error);
-    EXPECT_EQ(nullptr, ruled.Find("zoo-file-read"));
-    EXPECT_EQ(nullptr, ruled.Find("zoo-spin"));
-    ASSERT_NE(nullptr, ruled.Find("zoo-socket-read"));
-    EXPECT_EQ(0u, ruled.Find("zoo-socket-read")->call.find("qoragent.testing."));
-
+    const qorctl::ThreadSample ruled = ActiveThreads();
+    EXPECT_FALSE(shows(ruled, "file-read") || shows(ruled, "spin"));
+    EXPECT_EQ(Find(ruled, "zoo-socket-read")->call->class_name.rfind("qoragent.testing.", 0), 0u);
+    for (const qorctl::Frame &frame : StackOf(ZooKey("park")).stack)
+        EXPECT_EQ(frame.user, frame.class_name.rfind("qoragent.", 0) == 0) << frame.class_name;
     Rules("");
-    EXPECT_NE(nullptr, active().Find("zoo-file-read"));
+    EXPECT_TRUE(shows(ActiveThreads(), "file-read"));
     // The poll filters in the same way; its word for all threads lifts the filter, as its flag does.
-    const auto poll = [](const std::string &word) {
-        return SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, word), true, false);
-    };
-    EXPECT_EQ(nullptr, poll("").Find("zoo-sleep"));
-    EXPECT_NE(nullptr, poll("JVMALLTHREADS").Find("zoo-sleep"));
+    EXPECT_FALSE(shows(poll(""), "sleep"));
+    EXPECT_TRUE(shows(poll("JVMALLTHREADS"), "sleep"));
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
-    EXPECT_NE(nullptr, poll("").Find("zoo-sleep"));
-    EXPECT_EQ(nullptr, active().Find("zoo-sleep"));
+    EXPECT_TRUE(shows(poll(""), "sleep"));
+    EXPECT_FALSE(shows(ActiveThreads(), "sleep"));
 }
 
 TEST_F(Sample, LongStacksLoseTheirMiddle) {
-    struct Case {
-        int frames;
-        int64_t skipped, lastKept, firstAfter;
-    };
-    for (const Case &c : {Case{310, 7, 152, 160}, Case{1000, 697, 152, 850}, Case{300, 0, 0, 0}}) {
-        CallObject(ZOO, "startDeep", "(I)Ljava/lang/Thread;", c.frames);
-        // The user call stands at index 2, below two frames of the JDK.
-        Rules("abcd|systemcall|java.\nabcd|systemcall|jdk.\nabcd|systemcall|sun.\n");
-        const SampleReply reply = AskDetails();
-        ASSERT_EQ("", reply.error);
-        const SampleThread *deep = reply.Find("zoo-deep-" + std::to_string(c.frames));
-        ASSERT_NE(nullptr, deep);
-        std::vector<int64_t> indices;
-        for (const SampleFrame &frame : deep->frames)
-            indices.push_back(frame.index);
-        if (c.skipped == 0) {
-            EXPECT_EQ(static_cast<size_t>(c.frames), indices.size());
-        } else {
-            const auto skip = std::find_if(deep->frames.begin(), deep->frames.end(),
-                                           [](const SampleFrame &f) { return f.file == "NA"; });
-            ASSERT_NE(deep->frames.end(), skip);
-            const size_t at = static_cast<size_t>(skip - deep->frames.begin());
-            const int64_t userCall = c.lastKept - 150;
-            EXPECT_EQ(2, userCall);
-            EXPECT_EQ(std::to_string(c.skipped) +
-                          " frames are skipped for storage and performance optimization",
-                      skip->call);
-            EXPECT_EQ(c.lastKept + 1, skip->index);
-            EXPECT_EQ(c.lastKept, indices[at - 1]);
-            EXPECT_EQ(c.firstAfter, indices[at + 1]);
-            EXPECT_EQ(c.frames - 1, indices.back());
-            EXPECT_EQ(static_cast<size_t>(c.frames - c.skipped + 1), indices.size());
+    // The user call is at index 2, below two frames of the JDK.
+    Rules("abcd|systemcall|java.\nabcd|systemcall|jdk.\nabcd|systemcall|sun.\n");
+    const struct {
+        int32_t frames, skipped, firstAfter;
+    } CASES[] = {{310, 7, 160}, {1000, 697, 850}, {300, 0, 0}};
+    for (const auto &c : CASES) {
+        Java("Zoo", "startDeep", c.frames);
+        const qorctl::ThreadSample sample = AllThreads(true);
+        const auto &stack = Find(sample, "zoo-deep-" + std::to_string(c.frames))->stack;
+        EXPECT_EQ(static_cast<int32_t>(stack.size()), c.frames - c.skipped + (c.skipped > 0));
+        EXPECT_EQ(stack.back().index, c.frames - 1);
+        if (c.skipped) {
+            EXPECT_EQ(stack[153].skipped, c.skipped);
+            EXPECT_EQ(stack[153].index, 153);
+            EXPECT_EQ(stack[154].index, c.firstAfter);
         }
-        CallVoid(ZOO, "stop", "()V");
+        EXPECT_EQ(static_cast<int32_t>(StackOf(ZooKey("deep-" + std::to_string(c.frames))).stack.size()),
+                  c.frames);
     }
-    // Extreme settings neither crash nor loop.
-    CallObject(ZOO, "startDeep", "(I)Ljava/lang/Thread;", 100);
     for (int32_t recorded : {0, -5, 1, 2000000000, -2147483548, INT32_MIN}) {
         maxStackDepthRecorded = recorded;
-        EXPECT_EQ("", AskDetails().error) << recorded;
+        AllThreads(true);
     }
-    maxStackDepthRecorded = 300;
-    CallVoid(ZOO, "stop", "()V");
 }
 
 TEST_F(Sample, TracesOneThread) {
     ZooVisit zoo("holder,blocked,sleep");
-    const int64_t id = CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text("sleep"));
-    const std::string key = std::to_string(getpid()) + "-" + std::to_string(id);
     trace_single_thread_details = FLAG_TRACE_SINGLE_THREAD;
-    const SampleReply reply = SampleReply::Parse(Ask(QORREQ_POLL_DETAILS, "", key), true, true);
-    ASSERT_EQ("", reply.error);
-    ASSERT_EQ(1u, reply.threads.size());
-    EXPECT_EQ("zoo-sleep", reply.threads[0].name);
-    EXPECT_FALSE(reply.threads[0].frames.empty());
-
-    const std::string nobody = std::string("Thread Info Details") + RECORD_END + SECTION_END;
-    poll_details = 0;
-    EXPECT_EQ(nobody, Ask(QORREQ_POLL_DETAILS, "", "1-1"));
-    EXPECT_EQ(nobody, Ask(QORREQ_POLL_DETAILS));
+    const qorctl::ThreadSample sample = Threads(Ask(QORREQ_POLL_DETAILS, "", ZooKey("sleep")));
+    ASSERT_EQ(sample.threads.size(), 1u);
+    EXPECT_EQ(sample.threads[0].name, "zoo-sleep");
+    EXPECT_FALSE(sample.threads[0].stack.empty());
+    EXPECT_EQ(Legible(Ask(QORREQ_POLL_DETAILS, "", "1-1")), "Thread Info Details\n$\n");
+    EXPECT_EQ(Legible(Ask(QORREQ_POLL_DETAILS)), "Thread Info Details\n$\n");
+    EXPECT_EQ(Ask(QORREQ_THREAD_DETAILS, "", "1-1") + Ask(QORREQ_THREAD_DETAILS), "");
 }
 
-TEST_F(Sample, FullReplyEndsBehindAWholeRecord) {
-    CallVoid(ZOO, "startMany", "(II)V", 60, 40);
+TEST_F(Sample, AFullReplyEndsAfterAWholeRecord) {
+    Java("Zoo", "startMany", 60, 40);
     poll_details = FLAG_POLL_DETAILS;
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
     const std::string whole = Ask(QORREQ_POLL_DETAILS);
-    const SampleReply all = SampleReply::Parse(whole, true, true);
-    ASSERT_EQ("", all.error);
+    const qorctl::ThreadSample all = Threads(whole);
     for (int32_t size : {100, 5000, 20000, 60000, static_cast<int32_t>(whole.size())}) {
         const std::string text = Ask(QORREQ_POLL_DETAILS, "", "", size);
         EXPECT_LT(text.size(), static_cast<size_t>(size));
-        const SampleReply cut = SampleReply::Parse(text, true, true);
-        EXPECT_EQ("", cut.error) << size;
+        const qorctl::ThreadSample cut = Threads(text);
         ASSERT_LT(cut.threads.size(), all.threads.size()) << size;
         for (size_t i = 0; i < cut.threads.size(); ++i)
-            EXPECT_EQ(all.threads[i].frames.size(), cut.threads[i].frames.size()) << size;
+            EXPECT_EQ(cut.threads[i].stack.size(), all.threads[i].stack.size()) << size;
     }
-    EXPECT_EQ(all.threads.size(), SampleReply::Parse(Ask(QORREQ_POLL_DETAILS), true, true).threads.size());
-    CallVoid(ZOO, "stop", "()V");
 }
 
 TEST_F(Sample, StacksThatFillTheirRoomSayWhatIsMissing) {
-    CallVoid(ZOO, "startWide", "(II)V", 0, 1);
-    const int64_t id = CallLong(ZOO, "id", "(Ljava/lang/String;)J", Text("wide-0"));
-    const size_t depth = ThreadTruth().at(id).frames.size();
+    Java("Zoo", "startWide", 0, 1);
+    const int64_t depth = ThreadTruth().at(ZooId("wide-0")).depth;
     qorReplyIsCut = false;
     for (int32_t recorded : {1000, 350}) { // the second leaves out frames in the middle as well
         maxStackDepthRecorded = recorded;
-        const SampleReply reply = AskDetails();
-        ASSERT_EQ("", reply.error);
-        size_t next = 0;
-        int skips = 0;
-        for (const SampleFrame &frame : reply.Find("zoo-wide-0")->frames) {
-            ASSERT_EQ(static_cast<int64_t>(next), frame.index);
-            const bool skip = frame.file == "NA";
-            next += skip ? std::stoul(frame.call) : 1;
-            skips += skip;
+        const qorctl::ThreadSample sample = AllThreads(true);
+        int64_t next = 0, skips = 0;
+        for (const qorctl::Frame &frame : Find(sample, "zoo-wide-0")->stack) {
+            ASSERT_EQ(frame.index, next);
+            next += frame.skipped ? frame.skipped : 1;
+            skips += frame.skipped > 0;
         }
-        EXPECT_EQ(depth, next) << "frames that are missing are counted";
-        EXPECT_EQ(recorded == 1000 ? 1 : 2, skips);
-        EXPECT_EQ("NA", reply.Find("zoo-wide-0")->frames.back().file);
+        EXPECT_EQ(next, depth) << "frames that are missing are counted";
+        EXPECT_EQ(skips, recorded == 1000 ? 1 : 2);
+        EXPECT_TRUE(Find(sample, "zoo-wide-0")->stack_cut);
     }
     EXPECT_FALSE(qorReplyIsCut) << "no thread is missing";
-    maxStackDepthRecorded = 300;
-    const std::string stack =
-        Ask(QORREQ_THREAD_DETAILS, "", std::to_string(getpid()) + "-" + std::to_string(id));
-    const std::vector<std::string> rows = Split(stack.substr(stack.find(TITLE_CALL_STACK)), RECORD_END);
-    for (size_t i = 1; i + 1 < rows.size(); ++i)
-        ASSERT_EQ(std::to_string(i - 1), Split(rows[i], FIELD_SEP)[2]) << "a hole";
-    EXPECT_GT(rows.size(), 200u);
-    EXPECT_LT(rows.size(), depth);
-    EXPECT_TRUE(qorReplyIsCut);
-    CallVoid(ZOO, "stop", "()V");
+    const qorctl::Thread thread = StackOf(ZooKey("wide-0"));
+    for (size_t i = 0; i < thread.stack.size(); ++i)
+        ASSERT_EQ(thread.stack[i].index, static_cast<int>(i)) << "a hole";
+    EXPECT_GT(thread.stack.size(), 200u);
+    EXPECT_TRUE(thread.stack_cut && qorReplyIsCut);
 }
 
 struct FullSample : AgentTest {};
@@ -307,64 +187,96 @@ struct FullSample : AgentTest {};
 TEST_F(FullSample, HasATimingAsLongAsNoThreadIsMissing) {
     ASSERT_EQ(StartAgent({}), 0);
     maxStackDepthRecorded = 1000;
-    for (int end : {9, 11}) {
-        CallVoid(ZOO, "startWide", "(II)V", end == 9 ? 0 : 9, end);
+    for (int32_t end : {9, 11}) {
+        Java("Zoo", "startWide", end == 9 ? 0 : 9, end);
         const std::string text = Ask("788|showstack|32768");
         EXPECT_GT(text.size(), 890000u);
         EXPECT_EQ(text.find("Time spent in JVM") != text.npos, end == 9);
-        int missing = 0;
-        for (int i = 0; i < end; i++)
-            missing += text.find("zoo-wide-" + std::to_string(i) + FIELD_SEP) == text.npos;
-        EXPECT_EQ(missing == 0, end == 9) << missing;
+        EXPECT_EQ(CountOf(text, "\x1ezoo-wide-") == static_cast<size_t>(end), end == 9);
     }
     maxStackDepthRecorded = 300;
-    CallVoid(ZOO, "stop", "()V");
-}
-
-TEST_F(Sample, MarksTheStateAtLevelThree) {
-    ZooVisit zoo("sleep");
-    gbiOptimizationLevel = 3;
-    const SampleReply reply = AskDetails();
-    ASSERT_EQ("", reply.error);
-    EXPECT_EQ(std::string(1, STATE_MARK) + "Sleeping", reply.Find("zoo-sleep")->state);
 }
 
 TEST_F(Sample, SummaryCountsThreadsByState) {
-    enum { RUNNABLE = 3, LOCK = 5, NETWORK = 6, IO = 7, WAITING = 8, SLEEPING = 9 };
-    const std::vector<int64_t> before = AskSummary();
-    EXPECT_LE(before[0], 100);
-    EXPECT_LE(before[2], 100);
+    const auto counted = [](int figure) {
+        return *qorctl::DecodeSummary(qorctl::OpenReply(Ask(QORREQ_THREAD_SUMMARY))).figures[figure];
+    };
+    constexpr int KINDS[] = {qorctl::THREADS_LOCK, qorctl::THREADS_NETWORK_WAIT, qorctl::THREADS_IO_WAIT,
+                             qorctl::THREADS_SLEEPING};
+    int64_t before[4];
+    std::transform(KINDS, KINDS + 4, before, counted);
+    EXPECT_LE(counted(qorctl::HEAP_PERCENT), 100);
     ZooVisit zoo("spin,holder,blocked,socket-read,file-read,sleep");
-    const auto counted = [](int field) { return AskSummary()[static_cast<size_t>(field)]; };
-    const auto gained = [&](int field) { return counted(field) - before[static_cast<size_t>(field)]; };
-    EXPECT_EQ(1, gained(LOCK));
-    EXPECT_EQ(1, gained(NETWORK));
-    EXPECT_EQ(1, gained(IO));
-    EXPECT_EQ(1, gained(SLEEPING));
-    EXPECT_GE(counted(RUNNABLE), 1); // the JVM's own threads come and go, so that no exact gain is to be had
-
+    for (int i = 0; i < 4; i++)
+        EXPECT_EQ(counted(KINDS[i]), before[i] + 1) << i;
+    // The JVM's own threads come and go, so that no exact gain is known of these.
+    EXPECT_GE(counted(qorctl::THREADS_RUNNABLE), 1);
+    const int64_t waiting = counted(qorctl::THREADS_OBJECT_WAIT);
     // An idle name and an idle current call both count as waiting.
-    const int64_t waiting = counted(WAITING);
     Rules("abcd|threadname|zoo-socket\nabcd|currcall|java.io.FileInputStream*\nabcd|threadname|zoo-spin\n");
-    EXPECT_EQ(0, gained(NETWORK));
-    EXPECT_EQ(0, gained(IO));
-    EXPECT_GE(counted(WAITING), waiting + 3);
+    EXPECT_EQ(counted(qorctl::THREADS_NETWORK_WAIT), before[1]);
+    EXPECT_EQ(counted(qorctl::THREADS_IO_WAIT), before[2]);
+    EXPECT_GE(counted(qorctl::THREADS_OBJECT_WAIT), waiting + 3);
 }
 
-TEST_F(Sample, LeavesNothingBehind) {
-    ZooVisit zoo("spin,sleep,holder,blocked");
+TEST_F(Sample, ALockLeadsToItsHolder) {
+    ZooVisit zoo("holder,blocked,sleep");
+    const std::map<int64_t, TrueThread> truth = ThreadTruth();
+    const TrueThread &holder = truth.at(ZooId("holder"));
+    const int64_t hash = truth.at(ZooId("blocked")).wanted.at(0).hash;
+    const std::string lock = std::to_string(hash), waiter = ZooKey("blocked");
+    qorLockInfoLevel = 1;
+    const std::string reply = Ask(QORREQ_LOCK_HOLDER, lock, waiter);
+    const qorctl::LockHolder found = qorctl::DecodeLockHolder(qorctl::OpenReply(reply));
+    ASSERT_EQ(found.answer, qorctl::LockHolder::FOUND) << reply;
+    EXPECT_EQ(found.thread.name, holder.name);
+    EXPECT_EQ(found.thread.key.Text(), ZooKey("holder"));
+    EXPECT_EQ(CallOf(*found.thread.call), holder.frames.at(0).call);
+    EXPECT_EQ(found.thread.state, "Object Wait");
+    // A thread that waits for another lock, or for none, leads nowhere; so does a request without its fields.
+    const std::pair<std::string, std::string> NOWHERE[] = {{"1", waiter},
+                                                           {std::to_string((1LL << 32) + hash), waiter},
+                                                           {lock, ZooKey("sleep")},
+                                                           {lock, ""},
+                                                           {"", waiter}};
+    for (const auto &[wanted, key] : NOWHERE)
+        EXPECT_EQ(Ask(QORREQ_LOCK_HOLDER, wanted, key), "") << wanted << key;
+    qorLockInfoLevel = 2; // there any lock of a waiting thread will do
+    EXPECT_EQ(Ask(QORREQ_LOCK_HOLDER, "1", waiter), reply);
+    qorLockInfoLevel = 3;
+    EXPECT_EQ(Ask(QORREQ_LOCK_HOLDER, lock, waiter), "");
+}
+
+// While threads start and end and classes are loaded and unloaded.
+TEST_F(Sample, KeepsNothing) {
     e2eclass = static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass("qoragent/cJavaCall")));
     jobjclass = static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass("java/lang/Object")));
-    ASSERT_NE(nullptr, e2eclass);
-    for (int i = 0; i < 50; ++i) {
-        AskDetails();
-        EXPECT_EQ(nullptr, thread_e2e_info);
-        Ask(QORREQ_ACTIVE_THREADS);
-        AskSummary();
+    Java("Churn", "threads");
+    Java("Churn", "classes");
+    const int64_t ended = Java<int64_t>("Churn", "ended"), collected = Java<int64_t>("Churn", "collected");
+    ::KeepsNothing(500, [] {
+        AllThreads(false);
+        AllThreads(true);
+        ActiveThreads();
+        EXPECT_NE(Ask(QORREQ_THREAD_SUMMARY), "");
+        EXPECT_EQ(thread_e2e_info, nullptr);
+    });
+    while (Java<int64_t>("Churn", "ended") < ended + 10 ||
+           Java<int64_t>("Churn", "collected") < collected + 10)
+        std::this_thread::yield();
+    for (jclass *klass : {&e2eclass, &jobjclass}) {
+        Env()->DeleteGlobalRef(*klass);
+        *klass = nullptr;
     }
-    EXPECT_FALSE(Env()->ExceptionCheck());
-    Env()->DeleteGlobalRef(e2eclass);
-    Env()->DeleteGlobalRef(jobjclass);
-    e2eclass = jobjclass = nullptr;
     QorDropE2EPool();
+}
+
+TEST_F(Sample, ShowsNoMoreThreadsThanItHasRoomFor) {
+    Java("Zoo", "startMany", 1500, 8);
+    LogCapture log(3);
+    for (int i = 0; i < 3; ++i) {
+        const size_t count = AllThreads(false).threads.size();
+        EXPECT_TRUE(count > 1000 && count <= 1024) << count; // those without frames are left out
+    }
+    EXPECT_EQ(log.count("Thread Count exceeding"), 1);
 }

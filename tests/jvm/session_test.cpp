@@ -8,28 +8,25 @@
 #include "platforms/qorsysinfo.h"
 #include "qorsettings.h"
 
-#include <cstdlib>
-#include <fstream>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
-constexpr char COUNTS[] = "qoragent/testing/JvmCounts";
-constexpr jint JMM_GC_COUNT = 10;
-constexpr jint JMM_THREAD_LIVE_COUNT = 4;
-
 struct Session : SessionTest {
-    ~Session() override {
-        gbiOptimizationLevel = 2;
-        vers[0] = vend[0] = 0;
-    }
+    ~Session() override { vers[0] = vend[0] = 0; }
 };
 
-std::string thisThreadsName() {
-    jobject thread = CallObject("java/lang/Thread", "currentThread", "()Ljava/lang/Thread;");
-    jmethodID getName = Env()->GetMethodID(threadClass, "getName", "()Ljava/lang/String;");
-    return TextOf(QorCallObjectMethod(Env(), thread, getName));
+// The name of the thread whose environment it is.
+std::string ThreadsName(JNIEnv *env) {
+    jclass klass = env->FindClass("java/lang/Thread");
+    jobject thread = QorCallStaticObjectMethod(
+        env, klass, QorGetStaticMethodID(env, klass, "currentThread", "()Ljava/lang/Thread;"));
+    jobject name =
+        QorCallObjectMethod(env, thread, QorGetMethodID(env, klass, "getName", "()Ljava/lang/String;"));
+    const char *chars = env->GetStringUTFChars(static_cast<jstring>(name), nullptr);
+    const std::string text = chars;
+    env->ReleaseStringUTFChars(static_cast<jstring>(name), chars);
+    return text;
 }
 
 } // namespace
@@ -49,126 +46,75 @@ TEST_F(Session, KeepsWhatTheJvmGives) {
                 held.can_get_line_numbers && held.can_generate_garbage_collection_events);
     EXPECT_FALSE(held.can_access_local_variables);
     EXPECT_FALSE(held.can_suspend) << "one environment of the JVM can have it, which may be another tool's";
-    EXPECT_EQ(QorGetJvmtiMonitorCapability(), 0);
     for (jclass kept : {threadClass, hashTableClass, gbjcManagementClass})
         EXPECT_EQ(Env()->GetObjectRefType(kept), JNIGlobalRefType);
-    EXPECT_EQ(jmm_ext, nullptr);
-    EXPECT_EQ(implCount, 0);
-    EXPECT_EQ(qorReadExtendedAttribute, nullptr);
-    double untouched = 4;
-    EXPECT_FALSE(QorReadExtendedAttribute(401, &untouched));
-    EXPECT_EQ(untouched, 4);
 }
 
-// Each start makes an environment, and each end gives it back.
+// Each start makes an environment, and each end disposes of it.
 TEST_F(Session, CanBeOpenedAgainAndAgain) {
-    CallLong(COUNTS, "globalRefs", "()J"); // what the first call leaves behind isn't the session's
-    const int64_t before = CallLong(COUNTS, "globalRefs", "()J");
-    for (int32_t start = 0; start < 20; start++) {
+    KeepsNothing(20, [] {
         QorDovOnUnload(Env());
-        EXPECT_EQ(jvmti, nullptr);
-        EXPECT_EQ(threadClass, nullptr);
+        EXPECT_TRUE(!jvmti && !threadClass);
         QorDovOnUnload(Env());
         QorInitJmm();
         QorDovOnLoad(Env());
         jvmtiCapabilities held = {};
         ASSERT_EQ(jvmti->GetCapabilities(&held), JVMTI_ERROR_NONE);
-        ASSERT_TRUE(held.can_tag_objects) << start;
-    }
+        ASSERT_TRUE(held.can_tag_objects);
+    });
     jvmtiEnv *kept = jvmti;
     QorDovOnLoad(Env()); // a start without an end keeps what it has
     EXPECT_EQ(jvmti, kept);
-    EXPECT_EQ(CallLong(COUNTS, "globalRefs", "()J"), before);
 }
 
 TEST_F(Session, ReadsTheManagementTableByItsOwnSlots) {
+    constexpr jint GC_COUNT = 10, THREAD_LIVE_COUNT = 4;
     ASSERT_NE(jmm, nullptr);
     const void *const *slot = reinterpret_cast<const void *const *>(jmm);
     for (size_t i = 0; i < sizeof *jmm / sizeof *slot; i++)
         EXPECT_EQ(slot[i] != nullptr, i == 13 || i == 30) << i;
-
-    EXPECT_EQ(jmm->GetLongAttribute(Env(), nullptr, JMM_THREAD_LIVE_COUNT),
-              CallLong(COUNTS, "liveThreads", "()J"));
-    CallVoid("java/lang/System", "gc", "()V");
-    int64_t collections = 0;
-    for (jint i = 0; i < CallLong(COUNTS, "collectors", "()J"); i++) {
-        jobject bean = CallObject(COUNTS, "collector", "(I)Ljava/lang/Object;", i);
-        const int64_t count = CallLong(COUNTS, "collections", "(I)J", i);
-        EXPECT_EQ(jmm->GetLongAttribute(Env(), bean, JMM_GC_COUNT), count);
-        collections += count;
-    }
-    EXPECT_GT(collections, 0);
-
-    char dir[] = "/tmp/qortestXXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/heap.hprof";
-    EXPECT_EQ(jmm->DumpHeap0(Env(), Text(path), JNI_TRUE), 0);
-    std::string head(18, 0);
-    std::ifstream(path).read(head.data(), static_cast<std::streamsize>(head.size()));
-    EXPECT_EQ(head, "JAVA PROFILE 1.0.2");
-    unlink(path.c_str());
-    rmdir(dir);
+    EXPECT_EQ(jmm->GetLongAttribute(Env(), nullptr, THREAD_LIVE_COUNT),
+              Java<int64_t>("JvmCounts", "liveThreads"));
+    Java("java/lang/System", "gc");
+    jobject bean = Java<jobject>("JvmCounts", "collector");
+    EXPECT_GT(jmm->GetLongAttribute(Env(), bean, GC_COUNT), 0);
+    EXPECT_EQ(jmm->GetLongAttribute(Env(), bean, GC_COUNT), Java<int64_t>("JvmCounts", "collections"));
 }
 
 TEST_F(Session, NamesItsWorkerAndLetsItGo) {
     JNIEnv *mine = jvmtijni_env;
-    std::string before = thisThreadsName(), during;
-    int64_t id = -1;
-    jboolean daemon = JNI_FALSE;
-    std::thread worker([&] {
+    const std::string before = ThreadsName(Env());
+    bool alive = false;
+    std::string name;
+    std::thread([&] {
         QorAttachThread();
-        JNIEnv *env = jvmtijni_env;
-        jclass klass = env->FindClass("java/lang/Thread");
-        jmethodID current = env->GetStaticMethodID(klass, "currentThread", "()Ljava/lang/Thread;");
-        jobject thread = QorCallStaticObjectMethod(env, klass, current);
-        daemon = QorCallBooleanMethod(env, thread, QorGetMethodID(env, klass, "isDaemon", "()Z"));
-        id = QorCallLongMethod(env, thread, QorGetMethodID(env, klass, "getId", "()J"));
-        jobject name =
-            QorCallObjectMethod(env, thread, QorGetMethodID(env, klass, "getName", "()Ljava/lang/String;"));
-        const char *chars = env->GetStringUTFChars(static_cast<jstring>(name), nullptr);
-        during = chars;
-        env->ReleaseStringUTFChars(static_cast<jstring>(name), chars);
+        name = ThreadsName(jvmtijni_env);
+        jclass klass = jvmtijni_env->FindClass("qoragent/testing/Truth");
+        alive = jvmtijni_env->CallStaticBooleanMethod(
+            klass, jvmtijni_env->GetStaticMethodID(klass, "isDaemon", "(J)Z"), jlong{gbiAgentWorkerThreadId});
         QorDetachThread();
-    });
-    worker.join();
-    EXPECT_EQ(during, "QORD Agent Worker");
-    EXPECT_TRUE(daemon);
-    EXPECT_EQ(gbiAgentWorkerThreadId, id);
-    EXPECT_EQ(ThreadTruth().count(id), 0u);
+    }).join();
+    EXPECT_EQ(name, "QORD Agent Worker");
+    EXPECT_TRUE(alive) << "a live daemon of that id";
+    EXPECT_EQ(ThreadTruth().count(gbiAgentWorkerThreadId), 0u);
     EXPECT_EQ(jvmtijni_env, nullptr);
-    EXPECT_EQ(thisThreadsName(), before);
-    jvmtijni_env = mine;
-}
-
-// Without an environment of its own a worker must not touch that of another thread.
-TEST_F(Session, MakesEveryCallFailWithoutAnEnvironment) {
-    const std::string name = thisThreadsName();
-    jvmtijni_env = nullptr;
+    // Without an environment of its own a worker must not touch that of another thread.
     setThreadNameAndGetThreadID("somebody else");
     EXPECT_EQ(QorFindClass(jvmtijni_env, "java/lang/Object"), nullptr);
     EXPECT_EQ(QorPushLocalFrame(jvmtijni_env, 1), JNI_ERR);
-    jvmtijni_env = Env();
-    EXPECT_EQ(thisThreadsName(), name);
+    EXPECT_EQ(ThreadsName(Env()), before);
+    jvmtijni_env = mine;
 }
 
 // The texts of vendor and version alone don't make a JVM an old one: its own JNI must say so as well.
 TEST_F(Session, GuardsWalksOfOldBuildsAtLevelOneOnly) {
     const struct {
         int32_t level;
-        const char *vendor, *version;
+        const char *version;
         jint jni;
         bool guarded;
     } ROWS[] = {
-        {1, "Sun Microsystems Inc.", "1.6.0_49", 0x10006, true},
-        {1, "Sun Microsystems Inc.", "1.6.0_50", 0x10006, false},
-        {1, "Sun Microsystems Inc.", "1.6.0-beta", 0x10006, true},
-        {1, "Sun Microsystems Inc.", "1.6.0", 0x10006, true},
-        {1, "Sun Microsystems Inc.", "1.6.0_49", 0x10008, false},
-        {1, "Sun Microsystems Inc.", "1.7.0_04", 0x10006, false},
-        {1, "Eclipse Adoptium", "1.6.0_49", 0x10006, false},
-        {0, "Sun Microsystems Inc.", "1.6.0_49", 0x10006, false},
-        {2, "Sun Microsystems Inc.", "1.6.0_49", 0x10006, false},
-    };
+        {1, "1.6.0_49", 0x10006, true}, {1, "1.6.0_49", 0x10008, false}, {0, "1.6.0_49", 0x10006, false}};
     static jint version;
     const JNINativeInterface_ *const jvms = Env()->functions;
     JNINativeInterface_ pretending = *jvms;
@@ -178,13 +124,12 @@ TEST_F(Session, GuardsWalksOfOldBuildsAtLevelOneOnly) {
         version = row.jni;
         QorDovOnUnload(Env());
         gbiOptimizationLevel = row.level;
-        snprintf(vend, sizeof vend, "%s", row.vendor);
+        snprintf(vend, sizeof vend, "Sun Microsystems Inc.");
         snprintf(vers, sizeof vers, "%s", row.version);
         LogCapture log(LOG_TRACE + 1);
         QorDovOnLoad(Env());
-        EXPECT_EQ(log.count("FollowRef optimization is enabled for version " + std::string(row.version)),
-                  row.guarded ? 1 : 0)
-            << row.level << " " << row.vendor << " " << row.version << " " << row.jni;
+        EXPECT_EQ(log.count("FollowRef optimization is enabled for version 1.6.0_49"), row.guarded)
+            << row.jni;
     }
     Env()->functions = jvms;
     EXPECT_EQ(gbUniverseCollectedHeap, nullptr) << "no address is known here";
@@ -192,10 +137,6 @@ TEST_F(Session, GuardsWalksOfOldBuildsAtLevelOneOnly) {
 
 TEST_F(Session, GivesSignalChainingUpWithoutATable) {
     sig_hack = 1;
-    LogCapture log(LOG_DETAIL + 1);
     trycatch_init();
     EXPECT_EQ(sig_hack, 0);
-    EXPECT_EQ(log.count("Vostok SignalHandler chaining failed"), 1);
-    trycatch_Cleanup();
-    EXPECT_EQ(log.count("un-chained"), 0);
 }

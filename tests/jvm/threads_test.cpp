@@ -1,181 +1,30 @@
 #include "JvmFixture.h"
-#include "LogCapture.h"
 #include "Walk.h"
-#include "jvmti/JniCalls.h"
-#include "jvmti/JvmtiCalls.h"
+#include "jvmti/threads/Monitors.h"
 #include "qorsettings.h"
-#include "qorutil.h"
 
 namespace {
 
 struct Threads : SessionTest {
-    ~Threads() override {
-        maxStackDepthQueried = 1000;
-        readconditions(nullptr);
-    }
+    ~Threads() override { maxStackDepthQueried = 1000; }
 };
 
-std::vector<TrueFrame> shownToJava(const std::vector<TrueFrame> &frames) {
-    std::vector<TrueFrame> shown;
-    for (const TrueFrame &frame : frames)
-        if (!IsMadeByJvm(frame.call))
-            shown.push_back(frame);
-    return shown;
-}
-
-// The frames of the thread at the cursor, as the JVM would write them. The class of a frame that could not be
-// read is "?".
-std::vector<TrueFrame> readFrames(Walk *walk) {
-    std::vector<TrueFrame> frames;
-    QorFrameRecord record;
-    for (int32_t i = 0; i < walk->frames.count; i++) {
-        walk->frames.index = i;
-        const bool read = QorReadFrame(&walk->frames, FRAME_WITH_FILE_AND_LINE, &record) == 0;
-        EXPECT_EQ(record.frameIndex, i);
-        frames.push_back({(read ? record.className : "?") + std::string("->") + record.method,
-                          *record.fileName ? record.fileName : "-", record.line});
-    }
-    return frames;
-}
-
-void expectFrames(const TrueThread &truth, const std::vector<TrueFrame> &read) {
-    const std::vector<TrueFrame> expected = shownToJava(truth.frames), got = shownToJava(read);
-    ASSERT_EQ(got.size(), expected.size()) << truth.name;
-    for (size_t i = 0; i < got.size(); i++) {
-        EXPECT_EQ(got[i].call, expected[i].call) << truth.name << " frame " << i;
-        EXPECT_EQ(got[i].file, expected[i].file) << truth.name << " frame " << i;
-        EXPECT_EQ(std::max(got[i].line, 0), std::max(expected[i].line, 0)) << truth.name << " frame " << i;
-    }
-}
-
-int32_t refinedState(Walk *walk) {
-    QorFrameRecord record;
-    for (int32_t i = 0; i < walk->frames.count; i++) {
-        walk->frames.index = i;
-        QorReadFrame(&walk->frames, FRAME_METHOD_AND_CLASS, &record);
-        GetThreadEnhancedState(&record, &walk->thread);
-    }
-    return walk->thread.state;
-}
-
 } // namespace
-
-TEST_F(Threads, AgreeWithWhatTheJvmSays) {
-    {
-        // An earlier walk over other methods leaves nothing to be found.
-        ZooVisit others("holder,blocked,wait-inside");
-        Walk earlier;
-        while (earlier.next())
-            readFrames(&earlier);
-    }
-    ZooVisit zoo("");
-    CallVoid(ZOO, "check", "()V");
-    const std::map<int64_t, TrueThread> truth = ThreadTruth();
-    std::set<std::string> seen;
-    Walk walk;
-    while (walk.next()) {
-        const std::string name = walk.thread.name;
-        seen.insert(name);
-        if (name.compare(0, 4, "zoo-") != 0)
-            continue;
-        ASSERT_EQ(truth.count(walk.thread.tid), 1u) << name;
-        const TrueThread &expected = truth.at(walk.thread.tid);
-        EXPECT_EQ(name, expected.name);
-        EXPECT_EQ(walk.thread.daemon, 1);
-        EXPECT_EQ(walk.thread.priority, 5);
-        EXPECT_EQ(walk.thread.handle, &walk.handle);
-        EXPECT_EQ(QorGetWalkThreadId(&walk.handle, walk.handle.index), walk.thread.tid);
-        if (name != "zoo-spin") // it runs, so that its line moves
-            expectFrames(expected, readFrames(&walk));
-    }
-    for (const auto &[id, thread] : truth)
-        EXPECT_EQ(seen.count(thread.name), 1u) << thread.name << " " << id;
-}
-
-TEST_F(Threads, StandInTheStatesThatTheirCallsTell) {
-    const std::map<std::string, int32_t> expected = {
-        {"spin", STATE_RUNNABLE},
-        {"socket-read", STATE_NETWORK_WAIT},
-        {"socket-read-timeout", STATE_NETWORK_WAIT},
-        {"socket-write", STATE_NETWORK_WAIT},
-        {"accept", STATE_OBJECT_WAIT},
-        {"accept-timeout", STATE_OBJECT_WAIT},
-        {"channel-accept", STATE_OBJECT_WAIT},
-        {"channel-read", STATE_NETWORK_WAIT},
-        {"select", STATE_NETWORK_WAIT},
-        {"datagram-receive", STATE_NETWORK_WAIT},
-        {"file-read", STATE_IO_WAIT},
-        {"file-read-bytes", STATE_IO_WAIT},
-        {"file-channel-read", STATE_NETWORK_WAIT},
-        {"random-access-read", STATE_IO_WAIT},
-        {"file-write", STATE_IO_WAIT},
-        {"sleep", STATE_SLEEPING},
-        {"park", STATE_OBJECT_WAIT},
-        {"park-timed", STATE_OBJECT_WAIT},
-        {"wait", STATE_OBJECT_WAIT},
-        {"wait-timed", STATE_OBJECT_WAIT},
-        {"join", STATE_OBJECT_WAIT},
-        {"blocked", STATE_LOCK},
-        {"lock-waiter", STATE_OBJECT_WAIT},
-    };
-    ZooVisit zoo("");
-    CallVoid(ZOO, "check", "()V");
-    std::map<std::string, int32_t> got;
-    Walk walk;
-    while (walk.next()) {
-        const std::string name = walk.thread.name;
-        if (name.compare(0, 4, "zoo-") == 0 && expected.count(name.substr(4)))
-            got[name.substr(4)] = refinedState(&walk);
-    }
-    for (const auto &[kind, state] : expected)
-        EXPECT_EQ(got.count(kind) ? got[kind] : -1, state) << kind;
-}
 
 // More methods than the walk can keep, in one walk: those that collide and those that find no room read like
 // the first one.
 TEST_F(Threads, MayShowMoreMethodsThanAreKept) {
     constexpr int32_t MORE_THAN_KEPT = 16500;
-    CallLong("qoragent/testing/JvmCounts", "globalRefs", "()J"); // brings the management classes in
-    for (const char *name : {"java/math/BigDecimal",
-                             "java/math/BigInteger",
-                             "java/lang/StrictMath",
-                             "java/util/Scanner",
-                             "java/util/concurrent/CompletableFuture",
-                             "java/util/concurrent/ForkJoinPool",
-                             "java/util/stream/Collectors",
-                             "java/util/stream/IntStream",
-                             "java/time/ZonedDateTime",
-                             "java/time/OffsetDateTime",
-                             "java/time/Period",
-                             "java/time/YearMonth",
-                             "java/text/DecimalFormat",
-                             "java/text/SimpleDateFormat",
-                             "java/text/ChoiceFormat",
-                             "java/util/GregorianCalendar",
-                             "java/util/concurrent/ConcurrentSkipListMap",
-                             "java/util/BitSet",
-                             "java/util/Formatter",
-                             "java/util/concurrent/LinkedBlockingDeque",
-                             "java/util/PriorityQueue",
-                             "java/nio/file/Files",
-                             "java/util/concurrent/ScheduledThreadPoolExecutor",
-                             "java/util/zip/ZipOutputStream"})
-        ASSERT_NE(Env()->FindClass(name), nullptr) << name;
+    auto classes = static_cast<jobjectArray>(Java<jobject>("Specimens", "manyMethods", 17));
     std::vector<jmethodID> methods;
-    QorLocalFrame frame(Env(), 4096);
-    jint classCount = 0;
-    jclass *classes = nullptr;
-    ASSERT_EQ(jvmti->GetLoadedClasses(&classCount, &classes), JVMTI_ERROR_NONE);
-    for (jint i = 0; i < classCount; i++) {
+    for (jsize i = 0; i < Env()->GetArrayLength(classes); i++) {
         jint count = 0;
         jmethodID *found = nullptr;
-        if (!QorIsClassInitialized(classes[i]) ||
-            jvmti->GetClassMethods(classes[i], &count, &found) != JVMTI_ERROR_NONE)
-            continue;
+        jobject klass = Env()->GetObjectArrayElement(classes, i);
+        ASSERT_EQ(jvmti->GetClassMethods(static_cast<jclass>(klass), &count, &found), JVMTI_ERROR_NONE);
         methods.insert(methods.end(), found, found + count);
         jvmti->Deallocate(reinterpret_cast<unsigned char *>(found));
     }
-    jvmti->Deallocate(reinterpret_cast<unsigned char *>(classes));
     ASSERT_GT(methods.size(), size_t(MORE_THAN_KEPT));
 
     QorFrameHandle frames = {};
@@ -200,26 +49,8 @@ TEST_F(Threads, MayShowMoreMethodsThanAreKept) {
     EXPECT_LT(kept, static_cast<int32_t>(2 * methods.size()));
 }
 
-TEST_F(Threads, TellSystemCallsFromUserCalls) {
-    ZooVisit zoo("park");
-    char rules[] = "abcd|systemcall|java.*\nabcd|systemcall|jdk.*\nabcd|systemcall|sun.*\n";
-    readconditions(rules);
-    QorFrameRecord record;
-    std::string types;
-    Walk walk;
-    ASSERT_TRUE(walk.find("zoo-park"));
-    for (walk.frames.index = 0; walk.frames.index < walk.frames.count; walk.frames.index++) {
-        ASSERT_EQ(QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &record), 0);
-        const bool user = std::string(record.className).compare(0, 9, "qoragent.") == 0;
-        EXPECT_EQ(record.callType, user ? 1 : 0) << record.className;
-        types += record.callType ? 'u' : 's';
-    }
-    EXPECT_EQ(types.substr(0, 2) + types.back(), "sss");
-    EXPECT_NE(types.find('u'), std::string::npos);
-}
-
 TEST_F(Threads, AreCutAtTheDepthAskedFor) {
-    CallObject(ZOO, "startDeep", "(I)Ljava/lang/Thread;", 1100);
+    Java("Zoo", "startDeep", 1100);
     const struct { int32_t depth, count; } ROWS[] = {{1000, 1000}, {5000, MAX_FRAMES}, {7, 7}, {0, 0}};
     for (const auto &row : ROWS) {
         maxStackDepthQueried = row.depth;
@@ -236,7 +67,6 @@ TEST_F(Threads, AreCutAtTheDepthAskedFor) {
     Walk refused;
     EXPECT_EQ(refused.next(), false);
     EXPECT_EQ(refused.handle.count, 0);
-    CallVoid(ZOO, "stop", "()V");
 }
 
 // A thread that a closed walk has seen can be collected when it has ended.
@@ -252,14 +82,14 @@ TEST_F(Threads, AreNotHeldByAClosedWalk) {
         }
     }
     for (int32_t round = 0; round < 50 && !Env()->IsSameObject(seen, nullptr); round++)
-        CallVoid("java/lang/System", "gc", "()V");
+        Java("java/lang/System", "gc");
     EXPECT_TRUE(Env()->IsSameObject(seen, nullptr));
     Env()->DeleteWeakGlobalRef(seen);
 }
 
 TEST_F(Threads, CarryNoCharacterOfTheRecordFormatInTheirNames) {
     ZooVisit zoo("park");
-    jobject thread = CallObject(ZOO, "thread", "(Ljava/lang/String;)Ljava/lang/Thread;", Text("park"));
+    jobject thread = Java<jobject>("Zoo", "thread", "park");
     jclass klass = Env()->GetObjectClass(thread);
     jmethodID setName = Env()->GetMethodID(klass, "setName", "(Ljava/lang/String;)V");
     const struct {
@@ -313,8 +143,7 @@ TEST_F(Threads, ThatAreGoneAreAnswered) {
     // So is its state where asking for a thread that ends at the moment breaks the JVM.
     const bool keepsThreads = gbQorJvmKeepsThreads;
     const std::string version =
-        CallText("java/lang/System", "getProperty", "(Ljava/lang/String;)Ljava/lang/String;",
-                 Text("java.specification.version"));
+        Java<std::string>("java/lang/System", "getProperty", "java.specification.version");
     EXPECT_EQ(keepsThreads, version != "1.8" && version != "9");
     for (bool asks : {true, false}) {
         gbQorJvmKeepsThreads = asks;

@@ -1,5 +1,6 @@
 package qoragent.testing;
 
+import java.io.IOException;
 import java.util.ArrayList;
 import java.util.List;
 import qoragent.models.Execution;
@@ -11,11 +12,11 @@ import tessar.net.ns.Communication;
 import tessar.net.nt.SilentServer;
 
 /**
- * Threads "customer-0" and up, each waiting for a database over a connection of its own; the odd ones in a
- * prepared statement.
+ * Threads "customer-0" and up, each waiting for a database over its own connection; the odd ones in a prepared
+ * statement. Also connections alone, and executions of a test's own.
  */
 public final class Customers {
-    public static final String URL = "jdbc:tessar:thin:@//127.0.0.1/SHOP";
+    private static final String URL = "jdbc:tessar:thin:@//127.0.0.1/SHOP";
 
     private static final List<Execution> executions = new ArrayList<>();
     private static final List<Communication> connections = new ArrayList<>();
@@ -25,35 +26,48 @@ public final class Customers {
 
     /** Returns when all wait; each statement has a text of `length` characters. */
     public static synchronized void start(int count, int length) throws Exception {
-        if (server == null)
-            server = new SilentServer();
         for (int i = 0; i < count; i++) {
-            Communication connection = Communication.connect("plain", server.port());
             int number = connections.size();
-            connections.add(connection);
-            TessarConnection session = new TessarConnection(URL, "scott", new DBAccess(connection));
-            String text = sql(number, length);
-            executions.add(Execution.of("customer-" + number,
-                                        number % 2 == 0 ? new TessarStatement(session, text)
-                                                        : new TessarPreparedStatement(session, text)));
+            TessarConnection session =
+                new TessarConnection(URL, "scott", new DBAccess((Communication)connect("plain")));
+            StringBuilder text = new StringBuilder("select " + number + " from orders where note = '");
+            while (text.length() < length)
+                text.append((char)('a' + text.length() % 26));
+            text.setLength(length);
+            execute("customer-" + number, number % 2 == 0
+                                              ? new TessarStatement(session, text.toString())
+                                              : new TessarPreparedStatement(session, text.toString()));
         }
     }
 
-    private static String sql(int number, int length) {
-        StringBuilder text = new StringBuilder("select " + number + " from orders where note = '");
-        while (text.length() < length)
-            text.append((char)('a' + text.length() % 26));
-        text.setLength(length);
-        return text.toString();
+    /** A Communication to the server that never answers, see there for the kinds. */
+    public static synchronized Object connect(String kind) throws IOException {
+        if (server == null)
+            server = new SilentServer();
+        connections.add(Communication.connect(kind, server.port()));
+        return connections.get(connections.size() - 1);
     }
 
-    public static synchronized long localPort(int number) {
-        return connections.get(number).socket().getLocalPort();
+    /** Returns when the thread of that name waits in the execution of the statement. */
+    public static synchronized void execute(String name, Object statement) throws Exception {
+        executions.add(Execution.of(name, (TessarStatement)statement));
     }
+
+    /** A port of the connection; 0 of none. */
+    public static long port(Object connection, boolean remote) {
+        if (connection == null)
+            return 0;
+        return remote ? ((Communication)connection).socket().getPort()
+                      : ((Communication)connection).socket().getLocalPort();
+    }
+
+    public static void close(Object connection) throws IOException { ((Communication)connection).close(); }
+
+    public static synchronized long localPort(int number) { return port(connections.get(number), false); }
 
     public static synchronized long serverPort() { return server.port(); }
 
-    public static synchronized void stop() throws Exception {
+    static synchronized void stop() throws Exception {
         if (server == null)
             return;
         server.close();

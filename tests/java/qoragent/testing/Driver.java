@@ -49,7 +49,7 @@ public final class Driver {
         order.touch();
     }
 
-    public static Driver open() throws IOException {
+    public static Object open() throws IOException {
         Driver driver = new Driver();
         driver.server = new ServerSocket(0, 2, InetAddress.getLoopbackAddress());
         driver.socket = new Socket(driver.server.getInetAddress(), driver.server.getLocalPort());
@@ -57,9 +57,9 @@ public final class Driver {
         return driver;
     }
 
-    public static long serverPort(Driver driver) { return driver.server.getLocalPort(); }
+    public static long serverPort(Object driver) { return ((Driver)driver).server.getLocalPort(); }
 
-    public static long localPort(Driver driver, boolean ofChannel) {
-        return (ofChannel ? driver.channel : driver.socket).getLocalPort();
+    public static long localPort(Object driver, boolean ofChannel) {
+        return (ofChannel ? ((Driver)driver).channel : ((Driver)driver).socket).getLocalPort();
     }
 }

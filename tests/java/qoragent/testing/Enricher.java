@@ -1,29 +1,36 @@
 package qoragent.testing;
 
 import java.util.Arrays;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
 
-/** Stands in for the class that the agent asks what Java knows of a sample. */
+/** Takes the place of the class that the agent asks what Java knows of a sample; it can keep the agent waiting. */
 public final class Enricher {
     private static volatile String answer;
-    private static volatile boolean failing;
     private static volatile String asked;
+    private static volatile CountDownLatch released = new CountDownLatch(0);
+    private static volatile long limitMillis;
 
     private Enricher() {}
 
-    /** The answer of the next calls, null for none. */
+    /** The answer of the next calls, null for none; for "throw" they throw. */
     public static void answer(String text) {
         answer = text;
-        failing = false;
         asked = null;
     }
-
-    /** The next calls throw. */
-    public static void fail() { failing = true; }
 
     /** What the last call was asked with; null when there was none. */
     public static String asked() { return asked; }
 
-    /** Called by the agent. */
+    /** The next samples stay until let(), or for so long. */
+    public static void hold(long millis) {
+        limitMillis = millis;
+        released = new CountDownLatch(1);
+    }
+
+    public static void let() { released.countDown(); }
+
+    /** Called by the agent, as is the next one. */
     public static String cjavacalls(Object[] threads, long[] ids, String[] strings, int count, int systemData,
                                     int isPoll) {
         StringBuilder names = new StringBuilder();
@@ -31,8 +38,13 @@ public final class Enricher {
             names.append(thread == null ? "-" : ((Thread)thread).getName()).append(' ');
         asked = names + Arrays.toString(ids) + " " + String.join(",", strings) + " " + count + " " +
                 systemData + " " + isPoll;
-        if (failing)
+        if ("throw".equals(answer))
             throw new IllegalStateException("as told");
         return answer;
+    }
+
+    public static long[] datafrombci() throws InterruptedException {
+        released.await(limitMillis, TimeUnit.MILLISECONDS);
+        return null;
     }
 }

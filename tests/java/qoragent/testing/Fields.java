@@ -7,6 +7,8 @@ import java.util.Hashtable;
 /** An object to read fields of, and to call, for tests of the native JNI calls. */
 public final class Fields {
     public static Object staticObject = "static";
+    private static PrintStream err;
+    private static ByteArrayOutputStream caught;
 
     public boolean aBoolean = true;
     public int anInt = -310000;
@@ -14,38 +16,14 @@ public final class Fields {
     public Object anObject = "instance";
     public Object nothing;
 
-    public boolean[] booleans = {true, false};
-    public byte[] bytes = {1, -2};
-    public char[] chars = {'a', '\u00e9'};
-    public short[] shorts = {3, -4};
-    public int[] ints = {5, -6};
-    public long[] longs = {7, -8};
-    public float[] floats = {0.5f, -0.5f};
-    public double[] doubles = {9.5, -9.5};
+    public static Object make() { return new Fields(); }
 
-    private static PrintStream err;
-    private static ByteArrayOutputStream caught;
-
-    private Object told;
-
-    public static Fields make() { return new Fields(); }
-
-    public static Hashtable<String, String> table(int size) {
+    public static Object table(int size) {
         Hashtable<String, String> table = new Hashtable<>();
         for (int i = 0; i < size; i++)
             table.put("key" + i, "value" + i);
         return table;
     }
-
-    public int intOf() { return anInt; }
-
-    public boolean booleanOf() { return aBoolean; }
-
-    public long longOf() { return aLong; }
-
-    public void tell(Object what) { told = what; }
-
-    public Object told() { return told; }
 
     public Object fail() { throw new IllegalStateException("as it should"); }
 

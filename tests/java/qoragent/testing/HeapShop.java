@@ -110,8 +110,6 @@ public final class HeapShop {
         held.clear();
     }
 
-    static void gc() { System.gc(); }
-
     /** A class of a loader of its own, held until drop(). */
     static void loadOwn() throws Exception {
         ClassLoader loader = new OwnCopyLoader(Own.class);

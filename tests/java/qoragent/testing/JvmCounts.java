@@ -31,13 +31,13 @@ public final class JvmCounts {
 
     public static long liveThreads() { return ManagementFactory.getThreadMXBean().getThreadCount(); }
 
-    public static Object collector(int index) {
-        return ManagementFactory.getGarbageCollectorMXBeans().get(index);
+    /** A collector that has collected, and how often. */
+    public static Object collector() {
+        for (GarbageCollectorMXBean bean : ManagementFactory.getGarbageCollectorMXBeans())
+            if (bean.getCollectionCount() > 0)
+                return bean;
+        throw new IllegalStateException("no collection yet");
     }
 
-    public static long collections(int index) {
-        return ((GarbageCollectorMXBean)collector(index)).getCollectionCount();
-    }
-
-    public static long collectors() { return ManagementFactory.getGarbageCollectorMXBeans().size(); }
+    public static long collections() { return ((GarbageCollectorMXBean)collector()).getCollectionCount(); }
 }

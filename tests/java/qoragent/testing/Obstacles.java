@@ -1,65 +1,120 @@
 package qoragent.testing;
 
+import java.io.BufferedInputStream;
+import java.io.FileInputStream;
+import java.io.FileReader;
+import java.io.IOException;
+import java.io.RandomAccessFile;
+import java.net.InetSocketAddress;
+import java.util.ArrayList;
+import java.util.HashMap;
 import java.util.Hashtable;
+import java.util.List;
+import java.util.Map;
 import java.util.concurrent.CountDownLatch;
+import tessar.jdbc.driver.FormerConnection;
 
-/** Objects that a careless reader would wait for. One at a time, until release(). */
+/** Objects of the JDK for the readers, and such as a careless reader would wait for until release(). */
 public final class Obstacles {
-    private static CountDownLatch held;
-    private static CountDownLatch freed;
-    private static Thread holder;
-    private static Object object;
+    private static final List<Thread> holders = new ArrayList<>();
+    private static final Map<Object, FileInputStream> streams = new HashMap<>();
+    private static CountDownLatch freed = new CountDownLatch(1);
+    private static volatile Object object;
 
     private Obstacles() {}
 
-    /** A table with a "REQUEST_URI" whose lock another thread holds. */
-    public static Hashtable<?, ?> lockedTable() throws Exception {
-        Hashtable<String, String> table = new Hashtable<>();
-        table.put("REQUEST_URI", "/locked");
-        hold(() -> restIn(table));
+    /** With that text, or for null something else, as "REQUEST_URI". */
+    public static Object table(String uri) {
+        Hashtable<String, Object> table = new Hashtable<>();
+        table.put("REQUEST_URI", uri == null ? table : uri);
         return table;
     }
 
-    private static void restIn(Object table) {
-        synchronized (table) {
-            rest(table);
-        }
+    /** One whose lock another thread holds. */
+    public static Object lockedTable() throws Exception {
+        Object table = table("/locked");
+        return hold(() -> {
+            synchronized (table) {
+                rest(table);
     }
+});
+}
 
-    /** An object with a "servletPath" whose class is being initialised by another thread. */
-    public static Object inInitializer() throws Exception {
-        hold(() -> new Unborn());
-        return object;
-    }
+/** An object with a "servletPath" whose class is being initialised by another thread. */
+public static Object inInitializer() throws Exception {
+    return hold(Unborn::new);
+}
 
-    /** Lets the other thread go on, and waits for its end. */
-    public static void release() throws Exception {
-        freed.countDown();
+/** A connection of such a class. */
+public static Object connection() throws Exception {
+    return hold(Born::new);
+}
+
+/** Lets the other threads go on, and waits for their ends. */
+public static void release() throws Exception {
+    freed.countDown();
+    for (Thread holder : holders)
         holder.join();
-    }
+    holders.clear();
+    freed = new CountDownLatch(1);
+}
 
-    private static void hold(Runnable work) throws Exception {
-        held = new CountDownLatch(1);
-        freed = new CountDownLatch(1);
-        holder = new Thread(work, "obstacle");
-        holder.setDaemon(true);
-        holder.start();
-        held.await();
-    }
+private static Object hold(Runnable work) throws Exception {
+    object = null;
+    Thread holder = new Thread(work, "obstacle");
+    holder.setDaemon(true);
+    holder.start();
+    holders.add(holder);
+    while (object == null)
+        Thread.sleep(1);
+    return object;
+}
 
-    private static void rest(Object obstacle) {
-        object = obstacle;
-        held.countDown();
-        try {
-            freed.await();
-        } catch (InterruptedException e) {
-            throw new IllegalStateException(e);
-        }
+private static void rest(Object obstacle) {
+    CountDownLatch end = freed;
+    object = obstacle;
+    try {
+        end.await();
+    } catch (InterruptedException e) {
+        throw new IllegalStateException(e);
     }
+}
 
-    private static final class Unborn {
-        static { rest(new Unborn()); }
+private static final class Unborn {
+    static { rest(new Unborn()); }
 
-        final String servletPath = "/born".trim();
-    }
+    final String servletPath = "/born".trim();
+}
+
+private static final class Born extends FormerConnection {
+    static { rest(new Born()); }
+
+    Born() { super("jdbc:born", "born", null); }
+}
+
+/** A literal address, or one that isn't resolved. */
+public static Object address(String text) {
+    return text.equals("unresolved") ? InetSocketAddress.createUnresolved("nowhere.invalid", 7001)
+                                     : new InetSocketAddress(text, 7001);
+}
+
+/** The file by a "stream", a "reader" or for "random" access. */
+public static Object file(String by, String path) throws IOException {
+    if (by.equals("reader"))
+        return new FileReader(path);
+    if (by.equals("random"))
+        return new RandomAccessFile(path, "r");
+    FileInputStream in = new FileInputStream(path);
+    Object buffered = new BufferedInputStream(in);
+    streams.put(buffered, in);
+    return buffered;
+}
+
+public static Object descriptor(Object stream) throws IOException {
+    return streams.get(stream).getFD();
+}
+
+public static void closeFile(Object stream) throws IOException {
+    streams.get(stream).close();
+}
 }

@@ -1,46 +1,78 @@
 package qoragent.testing;
 
+import java.io.Closeable;
+import java.util.ArrayDeque;
 import java.util.Arrays;
+import java.util.Deque;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * One thread that stands still in a known place until it is released.
+ * One thread that stays in a known place until it is released.
  *
- * A resident is parked when its thread has the promised state and the promised method on top of its stack.
- * Each list of top methods holds one name for every generation of the JDK, 8 to 25.
+ * It is parked when its thread has the promised state and the promised method on top of its stack. A list of top
+ * methods holds one name for every generation of the JDK, 8 to 25.
  */
-abstract class Resident implements Runnable {
+final class Resident implements Runnable {
     private static final long LIMIT_NANOS = 60_000_000_000L;
 
-    /** Where threads park without a blocker object, so that no lock is reported for them. */
+    /** Where threads park. */
     static final String[] PARKED = {"sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park"};
+
+    interface Work {
+        void run() throws Exception;
+    }
+
+    /**
+     * Makes what the thread needs, on the caller's thread, and says by onRelease() and closing() what ends its stay.
+     * Returns what the thread does: it goes to the known place and stays there.
+     */
+    interface Part {
+        Work begin(Resident self) throws Exception;
+    }
+
+    /** Ends in gate.pass(). */
+    interface Walk {
+        void to(Gate gate) throws Exception;
+    }
 
     final String kind;
     private final Thread.State state;
     private final String[] tops;
+    private final Part part;
+    private final Deque<Work> ends = new ArrayDeque<>();
+    private Work work;
     private Thread thread;
     private volatile boolean released;
     private volatile Throwable failure;
 
-    Resident(String kind, Thread.State state, String... tops) {
+    Resident(String kind, Thread.State state, String[] tops, Part part) {
         this.kind = kind;
         this.state = state;
         this.tops = tops;
+        this.part = part;
     }
 
-    /** Makes what the thread needs; runs on the caller's thread, before the thread starts. */
-    void prepare() throws Exception {}
+    /** One that parks at the end of its walk. */
+    static Resident parked(String kind, Walk walk) {
+        return new Resident(kind, Thread.State.WAITING, PARKED, self -> {
+            Gate gate = new Gate();
+            self.onRelease(() -> gate.open(self.thread()));
+            return () -> walk.to(gate);
+        });
+    }
 
-    /** Goes to the known place and stays there; what it throws once released is of no interest. */
-    abstract void live() throws Exception;
+    /** What brings the thread back; the last one that was named runs first. */
+    void onRelease(Work end) { ends.push(end); }
 
-    /** Makes live() come back; runs on the caller's thread. */
-    abstract void letGo() throws Exception;
+    <T extends Closeable> T closing(T resource) {
+        onRelease(resource::close);
+        return resource;
+    }
 
     @Override
     public void run() {
         try {
-            live();
+            work.run();
             if (!released)
                 failure = new IllegalStateException("came back by itself");
         } catch (Throwable t) {
@@ -51,16 +83,18 @@ abstract class Resident implements Runnable {
 
     Thread thread() { return thread; }
 
+    boolean released() { return released; }
+
     /** Starts the thread and returns when it is parked. */
-    final void start() throws Exception {
-        prepare();
+    void start() throws Exception {
+        work = part.begin(this);
         thread = new Thread(this, "zoo-" + kind);
         thread.setDaemon(true);
         thread.start();
         awaitParked();
     }
 
-    final void awaitParked() throws InterruptedException {
+    void awaitParked() throws InterruptedException {
         long end = System.nanoTime() + LIMIT_NANOS;
         while (!parked()) {
             if (failure != null)
@@ -72,28 +106,21 @@ abstract class Resident implements Runnable {
         }
     }
 
-    boolean parked() {
+    private boolean parked() {
         if (thread.getState() != state)
             return false;
         StackTraceElement[] frames = thread.getStackTrace();
-        return frames.length > 0 && isTop(frames[0]) && thread.getState() == state;
+        return frames.length > 0 && thread.getState() == state &&
+            Arrays.asList(tops).contains(frames[0].getClassName() + "." + frames[0].getMethodName());
     }
 
-    private boolean isTop(StackTraceElement frame) {
-        return Arrays.asList(tops).contains(frame.getClassName() + "." + frame.getMethodName());
-    }
-
-    final boolean released() { return released; }
-
-    final void release() throws Exception {
+    void release() throws Exception {
         released = true;
-        if (thread != null)
-            letGo();
+        for (Work end : ends)
+            end.run();
     }
 
-    final void awaitEnd() throws InterruptedException {
-        if (thread == null)
-            return;
+    void awaitEnd() throws InterruptedException {
         thread.join(LIMIT_NANOS / 1_000_000);
         if (thread.isAlive())
             throw new IllegalStateException("zoo-" + kind +
@@ -112,26 +139,6 @@ abstract class Resident implements Runnable {
         void open(Thread thread) {
             open = true;
             LockSupport.unpark(thread);
-        }
-    }
-
-    /** A resident that parks at the end of its own walk, see {@link #walk()}. */
-    abstract static class Parked extends Resident {
-        final Gate gate = new Gate();
-
-        Parked(String kind) { super(kind, Thread.State.WAITING, PARKED); }
-
-        /** Ends in gate.pass(). */
-        abstract void walk() throws Exception;
-
-        @Override
-        void live() throws Exception {
-            walk();
-        }
-
-        @Override
-        void letGo() {
-            gate.open(thread());
         }
     }
 }

@@ -142,13 +142,12 @@ public final class Specimens {
     /**
      * Starts a thread that stands in hold(), called by itself `again` times; returns when it stands there.
      */
-    public static Thread startHolder(int again) throws Exception {
+    public static void startHolder(int again) throws Exception {
         gate = new Resident.Gate();
         gate.open(Thread.currentThread());
         hold(1, "warm", new int[0], new Object[0], new Values(), Values.class); // resolves what it refers to
         gate = new Resident.Gate();
-        return start(
-            () -> hold(again, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
+        start(() -> hold(again, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
     }
 
     private static void hold(int again, String text, int[] numbers, Object[] some, Values values,
@@ -162,9 +161,9 @@ public final class Specimens {
     }
 
     /** Starts a thread that stands in the initialiser of Unfinished. */
-    public static Thread startInitialiser() throws Exception {
+    public static void startInitialiser() throws Exception {
         gate = new Resident.Gate();
-        return start(() -> used = Unfinished.later);
+        start(() -> used = Unfinished.later);
     }
 
     private static void keep(Object kept) {
@@ -173,13 +172,12 @@ public final class Specimens {
     }
 
     /** Starts a thread that stands in rest(), which the test implements. */
-    public static Thread startResting() throws Exception {
+    public static void startResting() throws Exception {
         CountDownLatch there = new CountDownLatch(1);
         thread = new Thread(() -> rest(there, "an argument"), "specimen");
         thread.setDaemon(true);
         thread.start();
         there.await();
-        return thread;
     }
 
     /** Counts the latch down from within, and comes back when the test wants it to. */
@@ -187,14 +185,15 @@ public final class Specimens {
 
     public static void countDown(CountDownLatch latch) { latch.countDown(); }
 
-    private static Thread start(Runnable task) throws InterruptedException {
+    private static void start(Runnable task) throws InterruptedException {
         thread = new Thread(task, "specimen");
         thread.setDaemon(true);
         thread.start();
         while (thread.getState() != Thread.State.WAITING)
             Thread.sleep(1);
-        return thread;
     }
+
+    static Thread thread() { return thread; }
 
     public static long id() { return thread.getId(); }
 
@@ -207,49 +206,69 @@ public final class Specimens {
     // ---- classes made at run time
 
     /** The last of `depth` classes that extend each other, the first one Object; each has `fields` ints. */
-    public static Class<?> chain(int depth, int fields) throws Exception {
+    public static Object chain(int depth, int fields) throws Exception {
         Maker maker = new Maker();
         Class<?> last = null;
         for (int i = 0; i < depth; i++)
-            last = maker.define("made/C" + i, i == 0 ? "java/lang/Object" : "made/C" + (i - 1), fields);
+            last = maker.define("made/C" + i, i == 0 ? "java/lang/Object" : "made/C" + (i - 1), fields, 0);
         return last;
     }
 
     /** That many classes, for as long as the result is held. */
-    public static Object[] manyClasses(int count) throws Exception {
+    public static Object manyClasses(int count) throws Exception { return make(count, 0); }
+
+    /** That many classes of a thousand methods each. */
+    public static Object manyMethods(int count) throws Exception { return make(count, 1000); }
+
+    private static Object[] make(int count, int methods) throws Exception {
         Maker maker = new Maker();
         Object[] all = new Object[count];
         for (int i = 0; i < count; i++)
-            all[i] = maker.define("made/M" + i, "java/lang/Object", 0);
+            all[i] = maker.define("made/M" + i, "java/lang/Object", 0, methods);
         return all;
     }
 
     private static final class Maker extends ClassLoader {
-        Class<?> define(String name, String parent, int fields) throws IOException {
+        /** A class of ints "f0" and up and abstract methods "m0" and up. */
+        Class<?> define(String name, String parent, int fields, int methods) throws Exception {
             ByteArrayOutputStream bytes = new ByteArrayOutputStream();
             DataOutputStream out = new DataOutputStream(bytes);
             out.writeInt(0xcafebabe);
             out.writeInt(52);
-            out.writeShort(6 + fields); // constants: 1 + 2 the class, 3 + 4 its parent, 5 a type, names
+            out.writeShort(7 + fields +
+                           methods); // constants: 1 + 2 the class, 3 + 4 its parent, 5, 6 types, names
             for (String text : new String[] {name, parent}) {
-                out.writeByte(1);
-                out.writeUTF(text);
+                text(out, text);
                 out.writeByte(7);
                 out.writeShort(text.equals(name) ? 1 : 3);
             }
-            out.writeByte(1);
-            out.writeUTF("I");
-            for (int i = 0; i < fields; i++) {
-                out.writeByte(1);
-                out.writeUTF("f" + i);
-            }
-            for (int word : new int[] {0x21, 2, 4, 0, fields})
-                out.writeShort(word);
+            text(out, "I");
+            text(out, "()V");
             for (int i = 0; i < fields; i++)
-                for (int word : new int[] {1, 6 + i, 5, 0})
+                text(out, "f" + i);
+            for (int i = 0; i < methods; i++)
+                text(out, "m" + i);
+            for (int word : new int[] {methods > 0 ? 0x421 : 0x21, 2, 4, 0})
+                out.writeShort(word);
+            members(out, 1, 7, 5, fields);
+            members(out, 0x401, 7 + fields, 6, methods);
+            out.writeShort(0); // no attributes
+            return Class.forName(
+                defineClass(name.replace('/', '.'), bytes.toByteArray(), 0, bytes.size()).getName(), true,
+                this);
+        }
+
+        private static void text(DataOutputStream out, String text) throws IOException {
+            out.writeByte(1);
+            out.writeUTF(text);
+        }
+
+        private static void members(DataOutputStream out, int flags, int name, int type, int count)
+            throws IOException {
+            out.writeShort(count);
+            for (int i = 0; i < count; i++)
+                for (int word : new int[] {flags, name + i, type, 0})
                     out.writeShort(word);
-            out.writeInt(0); // no methods, no attributes
-            return defineClass(name.replace('/', '.'), bytes.toByteArray(), 0, bytes.size());
         }
     }
 }

@@ -1,6 +1,6 @@
 package qoragent.testing;
 
-import java.util.LinkedHashMap;
+import java.util.HashMap;
 import java.util.Map;
 
 /**
@@ -10,98 +10,62 @@ import java.util.Map;
  */
 public final class Stage {
     private static final int HOT = 300_000;
-    private static final Map<String, Actor> actors = new LinkedHashMap<>();
+    private static final Map<String, Resident.Gate> doors = new HashMap<>();
     private static volatile Object seen;
     private static volatile Resident.Gate onlyGate;
+    private static volatile boolean isOutside;
 
     private Stage() {}
 
     /**
-     * Starts a part: "three" stands in three(a, b, c); "nested" in the frames outer, middle, inner,
-     * innermost, each with a; "recursion" in fall(a), fall(b), fall(c), with c on top; "leaver" in inside(a)
-     * until leave(); "alone" in alone(a), without any other object; "hot" in a compiled frame whose only
-     * object is a constant of its code: a.
+     * Starts a part: "three" is in three(a, b, c); "nested" in the frames outer, middle, inner, innermost, each
+     * with a; "recursion" in fall(a), fall(b), fall(c), with c on top; "leaver" in inside(a) until leave();
+     * "alone" in alone(a), without any other object; "hot" in a compiled frame whose only object is a constant of
+     * its code: a.
      */
     public static void enter(String part, String name, Object a, Object b, Object c) throws Exception {
-        Actor actor = new Actor(part, name, a, b, c);
-        actors.put(name, actor);
-        actor.start();
-    }
-
-    /** Makes the actor go from inside() to outside(), and waits until it stands there. */
-    public static void leave(String name) throws Exception { actors.get(name).leave(); }
-
-    /** Ends all parts. */
-    public static void clear() throws Exception {
-        for (Actor actor : actors.values())
-            actor.release();
-        for (Actor actor : actors.values())
-            actor.awaitEnd();
-        actors.clear();
-    }
-
-    private static final class Actor extends Resident.Parked {
-        private final String part;
-        private final Object[] props;
-        private final Resident.Gate door = new Resident.Gate();
-        private volatile boolean isOutside;
-
-        Actor(String part, String name, Object... props) {
-            super(name);
-            this.part = part;
-            this.props = props;
-        }
-
-        @Override
-        void walk() {
+        Zoo.admit(Resident.parked(name, gate -> {
             switch (part) {
             case "three":
-                three(props[0], props[1], props[2], gate);
+                three(a, b, c, gate);
                 break;
             case "nested":
-                outer(props[0], gate);
+                outer(a, gate);
                 break;
             case "recursion":
-                fall(props[0], props, 0, gate);
+                fall(a, new Object[] {a, b, c}, 0, gate);
                 break;
             case "leaver":
-                inside(props[0], door);
+                Resident.Gate door = new Resident.Gate();
+                doors.put(name, door);
+                inside(a, door);
                 isOutside = true;
                 outside(gate);
                 break;
             case "hot":
-                Hot.constant = props[0];
-                warmUp();
+                Hot.constant = a;
+                Runnable[] ends = {
+                    () -> seen = a, () -> seen = name, new Thread()}; // so that the end stays a call
+                for (int i = 0; i < HOT; i++)
+                    Hot.hot(ends[i % ends.length]);
                 Hot.hot(gate::pass);
                 break;
             case "alone":
                 onlyGate = gate;
-                alone(props[0]);
+                alone(a);
                 break;
             default:
                 throw new IllegalArgumentException(part);
             }
-        }
+        }));
+    }
 
-        /** Ends of three classes, so that the call of the end is compiled as a call. */
-        private void warmUp() {
-            Runnable[] ends = {() -> seen = this, () -> seen = part, new Thread()};
-            for (int i = 0; i < HOT; i++)
-                Hot.hot(ends[i % ends.length]);
-        }
-
-        void leave() throws Exception {
-            door.open(thread());
-            while (!isOutside)
-                Thread.sleep(1);
-            awaitParked();
-        }
-
-        @Override
-        void letGo() {
-            door.open(thread());
-            super.letGo();
-        }
+    /** Makes the actor go from inside() to outside(), and waits until it is there. */
+    public static void leave(String name) throws Exception {
+        doors.remove(name).open((Thread)Zoo.thread(name));
+        while (!isOutside)
+            Thread.sleep(1);
+        Zoo.check();
     }
 
     static void three(Object a, Object b, Object c, Resident.Gate gate) {

@@ -35,7 +35,7 @@ public final class Standstill {
         HeapShop.fill();
         Zoo.start(
             "holder,blocked,blocked-second,sleep,park,park-timed,wait,wait-timed,join,latch,swapper,reentrant,"
-            + "wait-inside,lock-holder,lock-waiter,lock-waiter-timed,lambda,initialiser,deep");
+            + "wait-inside,lock-holder,lock-waiter,lock-waiter-timed,initialiser,deep");
         Zoo.start(
             "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,channel-accept,channel-read,"
             + "select,datagram-receive,file-read,file-read-bytes,file-channel-read,file-reader,"
@@ -44,8 +44,10 @@ public final class Standstill {
         Zoo.startDeep(400);
         Zoo.startWide(0, 1);
         Tiers.start();
-        Specimens.startHolder(2).setName("specimen-hold");
-        Specimens.startInitialiser().setName("specimen-initialiser");
+        Specimens.startHolder(2);
+        Specimens.thread().setName("specimen-hold");
+        Specimens.startInitialiser();
+        Specimens.thread().setName("specimen-initialiser");
         System.out.println("port=" + callDatabases());
         while (runningCalls() > 0 || reapers() > 1)
             Thread.sleep(10);

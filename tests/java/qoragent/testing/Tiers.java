@@ -17,7 +17,6 @@ import ferrule.work.ExecuteThread;
 import java.net.InetAddress;
 import java.net.InetSocketAddress;
 import java.net.URI;
-import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import javax.servlet.ServletRequest;
@@ -44,27 +43,13 @@ import tessar.qrfinternal.view.faces.activedata.AdsFilter;
  */
 public final class Tiers {
     private static final String SCRIPT = "orders.load()\norders.check()\norders.save()\n";
-    private static final List<Resident> residents = new ArrayList<>();
 
     private Tiers() {}
 
-    /** Starts all kinds; each stands in its call when this returns. */
-    public static synchronized void start() throws Exception {
-        for (Call call : all()) {
-            residents.add(call);
-            call.start();
-        }
-        Remote remote = new Remote();
-        residents.add(remote);
-        remote.start();
-    }
-
-    public static synchronized void stop() throws Exception {
-        for (Resident resident : residents)
-            resident.release();
-        for (Resident resident : residents)
-            resident.awaitEnd();
-        residents.clear();
+    /** Starts all kinds; each is in its call when this returns. */
+    public static void start() throws Exception {
+        for (Resident call : all())
+            Zoo.admit(call);
     }
 
     /** What a thread does, with `work` as its innermost call. */
@@ -72,18 +57,8 @@ public final class Tiers {
         void play(Runnable work);
     }
 
-    private static final class Call extends Resident.Parked {
-        private final Scene scene;
-
-        Call(String kind, Scene scene) {
-            super(kind);
-            this.scene = scene;
-        }
-
-        @Override
-        void walk() {
-            scene.play(gate::pass);
-        }
+    private static Resident call(String kind, Scene scene) {
+        return Resident.parked(kind, gate -> scene.play(gate::pass));
     }
 
     private static final class Servlet extends HttpServlet {
@@ -101,82 +76,69 @@ public final class Tiers {
         return work -> new Servlet(work).service(request, null);
     }
 
-    private static List<Call> all() {
+    private static List<Resident> all() {
         byte[] bytes = "GET /lumo HTTP".getBytes();
         ServletRequest faces = new ServletRequestImpl("/faces/page", null);
         AbstractCallSite site = new AbstractCallSite(new CallSiteArray("load", "check", "save"), 1, "check");
         return Arrays.asList(
-            new Call("jserv", work -> new JServConnection("/jserv", work).run()),
-            new Call("ferrule-run", work -> new ServletRequestImpl("/ferrule", work).run()),
-            new Call("ferrule-execute", work -> new ServletRequestImpl("/ferrule", work).execute()),
-            new Call("ferrule-service", work -> new ServletRequestImpl("/ferrule", work).service()),
-            new Call("tomcat", serving(new RequestFacade("/tomcat"))),
-            new Call("lumo", serving(new HalcyonHttpServletRequest(new ByteString(bytes, 4, 5)))),
-            new Call("websphere", serving(new SRTServletRequest("/websphere"))),
-            new Call("jersey",
-                     work
-                     -> new ResourceMethodInvoker().invoke(new org.glassfish.jersey.server.ContainerRequest(
-                                                               "GET", URI.create("http://h/a/b?c")),
-                                                           work)),
-            new Call("sun-jersey",
-                     work
-                     -> new WebApplicationImpl().handleRequest(
-                         new com.sun.jersey.spi.container.ContainerRequest("POST", URI.create("http://h/c")),
-                         work)),
-            new Call("filter",
-                     work
-                     -> new AdsFilter().doFilter(new RequestEventsFilter$EventsRequestWrapper(faces), null,
-                                                 (request, response) -> work.run())),
-            new Call("page",
-                     work
-                     -> new ControlFlowEngine().performControlFlow(
-                         new ChildViewPortContextImpl(new ViewPortContextImpl("/pages/orders.jspx")), work)),
-            new Call("view", work -> new ViewObjectImpl("OrdersView").getQueryHitCount(work)),
-            new Call("view-in-el",
-                     work
-                     -> new ValueExpressionImpl("#{outer}")
-                            .getValue(() -> new ViewObjectImpl("InnerView").getQueryHitCount(work))),
-            new Call("attribute",
-                     work -> new ViewRowImpl().setAttribute(new ViewAttributeDefImpl("OrderTotal"), work)),
-            new Call("entity", work -> new EntityImpl("OrderEntity", work).doDML(1, new TransactionEvent())),
-            new Call("value-el", work -> new ValueExpressionImpl("#{orders.total}").getValue(work)),
-            new Call("method-el", work -> new MethodExpressionImpl("#{orders.save}").invoke(work)),
-            new Call("groovy",
-                     work -> new ExprEval(SCRIPT).evaluate(() -> site.callCurrent(() -> site.call(work)))),
-            new Call("driver",
-                     work
-                     -> Driver.serve(Driver.named("http://outer/"), new Driver.Order("/orders/17"),
-                                     () -> Driver.call(Driver.named("https://api:8443/x"), work))),
-            new Call("compiled-groovy", work -> site.callCurrent(() -> site.call(work))),
-            new Call("server", work -> {
+            call("jserv", work -> new JServConnection("/jserv", work).run()),
+            call("ferrule-run", work -> new ServletRequestImpl("/ferrule", work).run()),
+            call("ferrule-execute", work -> new ServletRequestImpl("/ferrule", work).execute()),
+            call("ferrule-service", work -> new ServletRequestImpl("/ferrule", work).service()),
+            call("tomcat", serving(new RequestFacade("/tomcat"))),
+            call("lumo", serving(new HalcyonHttpServletRequest(new ByteString(bytes, 4, 5)))),
+            call("websphere", serving(new SRTServletRequest("/websphere"))),
+            call("jersey",
+                 work
+                 -> new ResourceMethodInvoker().invoke(
+                     new org.glassfish.jersey.server.ContainerRequest("GET", URI.create("http://h/a/b?c")),
+                     work)),
+            call("sun-jersey",
+                 work
+                 -> new WebApplicationImpl().handleRequest(
+                     new com.sun.jersey.spi.container.ContainerRequest("POST", URI.create("http://h/c")),
+                     work)),
+            call("filter",
+                 work
+                 -> new AdsFilter().doFilter(new RequestEventsFilter$EventsRequestWrapper(faces), null,
+                                             (request, response) -> work.run())),
+            call("page",
+                 work
+                 -> new ControlFlowEngine().performControlFlow(
+                     new ChildViewPortContextImpl(new ViewPortContextImpl("/pages/orders.jspx")), work)),
+            call("view", work -> new ViewObjectImpl("OrdersView").getQueryHitCount(work)),
+            call("view-in-el",
+                 work
+                 -> new ValueExpressionImpl("#{outer}")
+                        .getValue(() -> new ViewObjectImpl("InnerView").getQueryHitCount(work))),
+            call("attribute",
+                 work -> new ViewRowImpl().setAttribute(new ViewAttributeDefImpl("OrderTotal"), work)),
+            call("entity", work -> new EntityImpl("OrderEntity", work).doDML(1, new TransactionEvent())),
+            call("value-el", work -> new ValueExpressionImpl("#{orders.total}").getValue(work)),
+            call("method-el", work -> new MethodExpressionImpl("#{orders.save}").invoke(work)),
+            call("groovy",
+                 work -> new ExprEval(SCRIPT).evaluate(() -> site.callCurrent(() -> site.call(work)))),
+            call("driver",
+                 work
+                 -> Driver.serve(Driver.named("http://outer/"), new Driver.Order("/orders/17"),
+                                 () -> Driver.call(Driver.named("https://api:8443/x"), work))),
+            call("compiled-groovy", work -> site.callCurrent(() -> site.call(work))), call("server", work -> {
                 ServletRequestImpl[] request = new ServletRequestImpl[1];
                 request[0] = new ServletRequestImpl(
                     "/served", () -> new ServletStubImpl().execute(request[0], null, work));
                 new ExecuteThread("unused", request[0], false, true).run();
-            }));
+            }), remote());
     }
 
     /** Waits for the answer of a remote call. */
-    private static final class Remote extends Resident {
-        private ResponseImpl response;
-
-        Remote() { super("remote", Thread.State.WAITING, "java.lang.Object.wait", "java.lang.Object.wait0"); }
-
-        @Override
-        void prepare() throws Exception {
+    private static Resident remote() {
+        String[] tops = {"java.lang.Object.wait", "java.lang.Object.wait0"};
+        return new Resident("remote", Thread.State.WAITING, tops, self -> {
             byte[] address = {(byte)192, (byte)168, 1, 5};
-            response = new ResponseImpl(
+            ResponseImpl response = new ResponseImpl(
                 77, new RJVM(new Channel(new InetSocketAddress(InetAddress.getByAddress(address), 7001))));
-        }
-
-        @Override
-        void live() throws Exception {
-            new ClusterableRemoteRef("ejb/Orders").invoke(response);
-        }
-
-        @Override
-        void letGo() {
-            response.arrive();
-        }
+            self.onRelease(response::arrive);
+            return () -> new ClusterableRemoteRef("ejb/Orders").invoke(response);
+        });
     }
 }

@@ -29,6 +29,13 @@ public final class Truth {
         return String.join("", byId.values());
     }
 
+    public static Object currentThread() { return Thread.currentThread(); }
+
+    /** Whether a daemon thread of that id lives. */
+    public static boolean isDaemon(long id) {
+        return Thread.getAllStackTraces().keySet().stream().anyMatch(t -> t.getId() == id && t.isDaemon());
+    }
+
     private static String describe(ThreadInfo info) {
         StringBuilder text = new StringBuilder();
         line(text, "thread", info.getThreadId(), info.getThreadName(), info.getThreadState());

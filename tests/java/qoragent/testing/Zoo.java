@@ -9,7 +9,8 @@ import java.util.Map;
 import java.util.Set;
 
 /**
- * Threads that stand still in known places, one for each state and call, named "zoo-" and their kind.
+ * Threads that stay in known places, one for each state and call, named "zoo-" and their kind; those of Stage and
+ * Tiers are among them.
  *
  * All methods are static with plain arguments, so that native tests can call them. start() and its relatives
  * return when every thread of theirs is provably where it belongs; stop() returns when all have ended.
@@ -21,46 +22,41 @@ public final class Zoo {
 
     private Zoo() {}
 
-    /** Starts all kinds, or those named in a comma-separated list when it isn't null or empty. */
+    /** Starts all kinds, or those named in a comma-separated list when it isn't empty. */
     public static synchronized void start(String kinds) throws Exception {
-        Set<String> wanted =
-            kinds == null || kinds.isEmpty() ? null : new HashSet<>(Arrays.asList(kinds.split(",")));
-        for (Resident resident : all())
-            if (wanted == null || wanted.remove(resident.kind))
+        Set<String> wanted = new HashSet<>(Arrays.asList(kinds.split(",")));
+        boolean all = wanted.remove("");
+        List<Resident> known = ZooIo.residents();
+        known.addAll(ZooLocks.residents());
+        known.addAll(ZooRun.residents());
+        for (Resident resident : known)
+            if (all || wanted.remove(resident.kind))
                 admit(resident);
-        if (wanted != null && !wanted.isEmpty())
+        if (!wanted.isEmpty())
             throw new IllegalArgumentException("no such residents: " + wanted);
     }
 
-    /** Starts "zoo-deep-N", which has exactly `frames` frames, and returns the thread. */
-    public static synchronized Thread startDeep(int frames) throws Exception {
-        int extra = frames - deepBase();
-        if (extra < 0)
-            throw new IllegalArgumentException("a deep thread has at least " + deepBase() + " frames");
-        Resident deep = new ZooRun.Deep("deep-" + frames, extra);
+    /** Starts "zoo-deep-N", which has exactly `frames` frames. */
+    public static synchronized void startDeep(int frames) throws Exception {
+        Resident deep = ZooRun.deep("deep-" + frames, frames - deepBase());
         admit(deep);
-        if (frames(deep.thread()).length != frames)
+        if (frames(deep.thread()) != frames)
             throw new IllegalStateException("zoo-deep-" + frames + " has another depth");
-        return deep.thread();
     }
 
     /** Starts "zoo-many-0" to "zoo-many-(count - 1)", each of exactly `frames` frames. */
     public static synchronized void startMany(int count, int frames) throws Exception {
-        int extra = Math.max(0, frames - deepBase());
         for (int i = 0; i < count; i++)
-            admit(new ZooRun.Deep("many-" + i, extra));
+            admit(ZooRun.deep("many-" + i, Math.max(0, frames - deepBase())));
     }
 
     /** Starts "zoo-wide-FIRST" to "zoo-wide-(END - 1)", whose stacks take more than the agent keeps of one. */
     public static synchronized void startWide(int first, int end) throws Exception {
         for (int i = first; i < end; i++)
-            admit(
-                new ZooRun
-                    .WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas(
-                        "wide-" + i));
+            admit(ZooRun.wide("wide-" + i));
     }
 
-    /** Ends all threads of the zoo. */
+    /** Ends all threads of the zoo, the customers and all churn. */
     public static synchronized void stop() throws Exception {
         List<Resident> leaving = new ArrayList<>(residents.values());
         residents.clear();
@@ -68,58 +64,39 @@ public final class Zoo {
             resident.release();
         for (Resident resident : leaving)
             resident.awaitEnd();
+        Customers.stop();
+        Churn.stop();
     }
 
     /** Makes "zoo-swapper" give back its monitor and take the other one, at the same place. */
-    public static synchronized void swap() throws Exception {
-        ((ZooLocks.Swapper)residents.get("swapper")).swap();
-    }
+    public static synchronized void swap() throws Exception { ZooLocks.swap(residents.get("swapper")); }
 
-    /** Throws unless every thread still stands where it belongs. */
+    /** Throws unless every thread is still where it belongs. */
     public static synchronized void check() throws Exception {
         for (Resident resident : residents.values())
             resident.awaitParked();
     }
 
-    /** The thread of a kind; null when there is none. */
-    public static synchronized Thread thread(String kind) {
-        Resident resident = residents.get(kind);
-        return resident == null ? null : resident.thread();
-    }
+    /** The thread of a kind. */
+    public static synchronized Object thread(String kind) { return residents.get(kind).thread(); }
 
-    /** The Java id of that thread, -1 when there is none. */
-    public static long id(String kind) {
-        Thread thread = thread(kind);
-        return thread == null ? -1 : thread.getId();
-    }
+    public static long id(String kind) { return ((Thread)thread(kind)).getId(); }
 
-    /**
-     * All frames of a thread: Thread.getStackTrace() leaves some out from JDK 21 on, such as Thread.runWith.
-     */
-    private static StackTraceElement[] frames(Thread thread) {
-        return Thread.getAllStackTraces().get(thread);
-    }
-
-    private static List<Resident> all() {
-        List<Resident> all = ZooIo.residents();
-        all.addAll(ZooLocks.residents());
-        all.addAll(ZooRun.residents());
-        return all;
-    }
-
-    private static void admit(Resident resident) throws Exception {
-        if (residents.containsKey(resident.kind))
+    static synchronized void admit(Resident resident) throws Exception {
+        if (residents.putIfAbsent(resident.kind, resident) != null)
             throw new IllegalStateException("zoo-" + resident.kind + " is here already");
-        residents.put(resident.kind, resident);
         resident.start();
     }
+
+    /** All frames of a thread: Thread.getStackTrace() leaves some out from JDK 21 on, such as Thread.runWith. */
+    private static int frames(Thread thread) { return Thread.getAllStackTraces().get(thread).length; }
 
     /** Frames of a deep thread that calls itself no further; differs between JDKs. */
     private static int deepBase() throws Exception {
         if (deepBase < 0) {
-            Resident shallow = new ZooRun.Deep("shallow", 0);
+            Resident shallow = ZooRun.deep("shallow", 0);
             shallow.start();
-            deepBase = frames(shallow.thread()).length;
+            deepBase = frames(shallow.thread());
             shallow.release();
             shallow.awaitEnd();
         }

@@ -14,346 +14,159 @@ final class ZooLocks {
 
     static final class Other {}
 
-    static final class Inner {}
-
-    static final class Wanting {}
-
-    static final class Waiting {}
-
     private static final Object OUTER = new Outer();
     private static final Object MIDDLE = new byte[0];
     private static final Object TWIN = new String[0][];
-    private static final Object INNER = new Inner();
-    private static final Object WANTING = new Wanting();
+    private static final Object INNER = new Other();
+    private static final Object WANTING = new Other();
     private static final Object REENTERED = new Outer();
-    private static final Object AROUND_WAIT = new Outer();
+    private static final Object[] SWAPPED = {new Outer(), new Other()};
     private static final ReentrantLock LOCK = new ReentrantLock();
     private static final long HOUR_MILLIS = 3_600_000;
     private static final String[] SLEEPING = {"java.lang.Thread.sleep", "java.lang.Thread.sleep0",
                                               "java.lang.Thread.sleepNanos0"};
     private static final String[] WAITING = {"java.lang.Object.wait", "java.lang.Object.wait0"};
+    private static volatile int wanted;
+    private static volatile int held = -1;
 
     private ZooLocks() {}
 
     static List<Resident> residents() {
-        return new ArrayList<>(
-            Arrays.asList(new Sleep(), new Park(), new TimedPark(), new ObjectWait("wait", 0),
-                          new ObjectWait("wait-timed", HOUR_MILLIS), new Join(), new Latch(), new Swapper(),
-                          new Holder(), new Blocked(), new BlockedSecond(), new Reentrant(), new WaitInside(),
-                          new LockHolder(), new LockWaiter(), new TimedLockWaiter()));
-    }
-
-    private static final class Sleep extends Resident {
-        Sleep() { super("sleep", Thread.State.TIMED_WAITING, SLEEPING); }
-
-        @Override
-        void live() throws Exception {
-            Thread.sleep(HOUR_MILLIS);
-        }
-
-        @Override
-        void letGo() {
-            thread().interrupt();
-        }
-    }
-
-    private static final class Park extends Resident.Parked {
-        Park() { super("park"); }
-
-        @Override
-        void walk() {
-            gate.pass();
-        }
-    }
-
-    private static final class TimedPark extends Resident {
-        private volatile boolean open;
-
-        TimedPark() { super("park-timed", Thread.State.TIMED_WAITING, PARKED); }
-
-        @Override
-        void live() {
-            while (!open)
-                LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(HOUR_MILLIS));
-        }
-
-        @Override
-        void letGo() {
-            open = true;
-            LockSupport.unpark(thread());
-        }
-    }
-
-    private static final class Latch extends Resident {
-        private final CountDownLatch latch = new CountDownLatch(1);
-
-        Latch() { super("latch", Thread.State.WAITING, PARKED); }
-
-        @Override
-        void live() throws Exception {
-            latch.await();
-        }
-
-        @Override
-        void letGo() {
-            latch.countDown();
-        }
-    }
-
-    /** Parks at one place with one of two monitors, and takes the other when it is told to. */
-    static final class Swapper extends Resident {
-        private final Object[] monitors = {new Outer(), new Other()};
-        private volatile int wanted;
-        private volatile int held = -1;
-
-        Swapper() { super("swapper", Thread.State.WAITING, PARKED); }
-
-        void swap() throws InterruptedException {
-            wanted = 1 - wanted;
-            LockSupport.unpark(thread());
-            while (held != wanted)
-                Thread.sleep(1);
-            awaitParked();
-        }
-
-        @Override
-        void live() {
-            while (!released())
-                stay(wanted);
-        }
-
-        private void stay(int mine) {
-            synchronized (monitors[mine]) {
-                held = mine;
-                while (wanted == mine && !released())
-                    LockSupport.park(monitors[mine]);
-            }
-        }
-
-        @Override
-        void letGo() {
-            LockSupport.unpark(thread());
-        }
-    }
-
-    private static final class ObjectWait extends Resident {
-        private final Object monitor = new Waiting();
-        private final long millis;
-
-        ObjectWait(String kind, long millis) {
-            super(kind, millis == 0 ? Thread.State.WAITING : Thread.State.TIMED_WAITING, ZooLocks.WAITING);
-            this.millis = millis;
-        }
-
-        @Override
-        void live() throws Exception {
-            synchronized (monitor) {
-                while (!released())
-                    monitor.wait(millis);
-            }
-        }
-
-        @Override
-        void letGo() {
-            synchronized (monitor) {
-                monitor.notifyAll();
-            }
-        }
-    }
-
-    /** Joins its own starter's helper thread, which stays parked. */
-    private static final class Join extends Resident {
-        private final Gate gate = new Gate();
-        private Thread joined;
-
-        Join() { super("join", Thread.State.WAITING, ZooLocks.WAITING); }
-
-        @Override
-        void prepare() {
-            joined = new Thread("zoo-joined") {
-                @Override
-                public void run() {
+        return new ArrayList<>(Arrays.asList(
+            new Resident("sleep", Thread.State.TIMED_WAITING, SLEEPING,
+                         self -> {
+                             self.onRelease(() -> self.thread().interrupt());
+                             return () -> Thread.sleep(HOUR_MILLIS);
+                         }),
+            Resident.parked("park", Resident.Gate::pass),
+            new Resident("park-timed", Thread.State.TIMED_WAITING, Resident.PARKED,
+                         self -> unparked(self, () -> LockSupport.parkNanos(TimeUnit.HOURS.toNanos(1)))),
+            new Resident("latch", Thread.State.WAITING, Resident.PARKED,
+                         self -> {
+                             CountDownLatch latch = new CountDownLatch(1);
+                             self.onRelease(latch::countDown);
+                             return latch::await;
+                         }),
+            new Resident("swapper", Thread.State.WAITING, Resident.PARKED,
+                         self -> unparked(self, () -> hold(wanted, self))),
+            waiting("wait", new Object(), 0), waiting("wait-timed", new Object(), HOUR_MILLIS),
+            waiting("wait-inside", new Outer(), 0),
+            new Resident("join", Thread.State.WAITING, WAITING,
+                         self -> {
+                             Resident joined = Resident.parked("joined", Resident.Gate::pass);
+                             joined.start();
+                             self.onRelease(joined::release);
+                             return joined.thread()::join;
+                         }),
+            Resident.parked("holder", ZooLocks::takeOuter),
+            new Resident("blocked", Thread.State.BLOCKED,
+                         new String[] {"qoragent.testing.ZooLocks.wantInner"}, self -> ZooLocks::takeWanting),
+            new Resident("blocked-second", Thread.State.BLOCKED,
+                         new String[] {"qoragent.testing.ZooLocks.takeWanting"},
+                         self -> ZooLocks::takeWanting),
+            Resident.parked("reentrant", gate -> takeTwice(1, gate)), Resident.parked("lock-holder", gate -> {
+                LOCK.lock();
+                try {
                     gate.pass();
+                } finally {
+                    LOCK.unlock();
                 }
-            };
-            joined.setDaemon(true);
-            joined.start();
-        }
-
-        @Override
-        void live() throws Exception {
-            joined.join();
-        }
-
-        @Override
-        void letGo() {
-            gate.open(joined);
-        }
-    }
-
-    /** Holds four monitors in three frames. */
-    private static final class Holder extends Resident.Parked {
-        Holder() { super("holder"); }
-
-        @Override
-        void walk() {
-            takeOuter();
-        }
-
-        private void takeOuter() {
-            synchronized (OUTER) {
-                takeMiddleAndTwin();
-            }
-        }
-
-        private void takeMiddleAndTwin() {
-            synchronized (MIDDLE) {
-                synchronized (TWIN) {
-                    takeNothing();
-                }
-            }
-        }
-
-        private void takeNothing() { takeInner(); }
-
-        private void takeInner() {
-            synchronized (INNER) {
-                gate.pass();
-            }
-        }
-    }
-
-    /** Holds one monitor and wants the innermost of the holder's. */
-    private static final class Blocked extends Resident {
-        Blocked() { super("blocked", Thread.State.BLOCKED, "qoragent.testing.ZooLocks$Blocked.wantInner"); }
-
-        @Override
-        void live() {
-            takeWanting();
-            throw new IllegalStateException("the monitor was free");
-        }
-
-        private void takeWanting() {
-            synchronized (WANTING) {
-                wantInner();
-            }
-        }
-
-        private void wantInner() {
-            synchronized (INNER) {
-                Thread.yield();
-            }
-        }
-
-        /** Comes back by itself when the holder lets go. */
-        @Override
-        void letGo() {}
-    }
-
-    /** Wants the monitor that the blocked one holds. */
-    private static final class BlockedSecond extends Resident {
-        BlockedSecond() {
-            super("blocked-second", Thread.State.BLOCKED, "qoragent.testing.ZooLocks$BlockedSecond.live");
-        }
-
-        @Override
-        void live() {
-            synchronized (WANTING) {
-                throw new IllegalStateException("the monitor was free");
-            }
-        }
-
-        @Override
-        void letGo() {}
-    }
-
-    /** Holds one monitor twice, in two frames. */
-    private static final class Reentrant extends Resident.Parked {
-        Reentrant() { super("reentrant"); }
-
-        @Override
-        void walk() {
-            take();
-        }
-
-        private void take() {
-            synchronized (REENTERED) {
-                takeAgain();
-            }
-        }
-
-        private void takeAgain() {
-            synchronized (REENTERED) {
-                gate.pass();
-            }
-        }
-    }
-
-    /** Waits on one monitor, which it gives up for that, inside another, which it keeps. */
-    private static final class WaitInside extends Resident {
-        private final Object waitedFor = new Waiting();
-
-        WaitInside() { super("wait-inside", Thread.State.WAITING, ZooLocks.WAITING); }
-
-        @Override
-        void live() throws Exception {
-            takeAround();
-        }
-
-        private void takeAround() throws InterruptedException {
-            synchronized (AROUND_WAIT) {
-                synchronized (waitedFor) {
-                    while (!released())
-                        waitedFor.wait();
-                }
-            }
-        }
-
-        @Override
-        void letGo() {
-            synchronized (waitedFor) {
-                waitedFor.notifyAll();
-            }
-        }
-    }
-
-    private static final class LockHolder extends Resident.Parked {
-        LockHolder() { super("lock-holder"); }
-
-        @Override
-        void walk() {
-            LOCK.lock();
-            try {
-                gate.pass();
-            } finally {
+            }), new Resident("lock-waiter", Thread.State.WAITING, Resident.PARKED, self -> () -> {
+                LOCK.lock();
                 LOCK.unlock();
-            }
-        }
+            }), new Resident("lock-waiter-timed", Thread.State.TIMED_WAITING, Resident.PARKED, self -> () -> {
+                if (LOCK.tryLock(HOUR_MILLIS, TimeUnit.MILLISECONDS))
+                    LOCK.unlock();
+            })));
     }
 
-    private static final class LockWaiter extends Resident {
-        LockWaiter() { super("lock-waiter", Thread.State.WAITING, PARKED); }
-
-        @Override
-        void live() {
-            LOCK.lock();
-            LOCK.unlock();
-        }
-
-        @Override
-        void letGo() {}
+    /** Does it again until it is released, when it is unparked. */
+    private static Resident.Work unparked(Resident self, Runnable step) {
+        self.onRelease(() -> LockSupport.unpark(self.thread()));
+        return () -> {
+            while (!self.released())
+                step.run();
+        };
     }
 
-    private static final class TimedLockWaiter extends Resident {
-        TimedLockWaiter() { super("lock-waiter-timed", Thread.State.TIMED_WAITING, PARKED); }
+    /** Waits for a monitor, which it gives up for that, inside its kind's, which it keeps. */
+    private static Resident waiting(String kind, Object monitor, long millis) {
+        return new Resident(kind, millis == 0 ? Thread.State.WAITING : Thread.State.TIMED_WAITING, WAITING, self -> {
+            self.onRelease(() -> {
+                synchronized (monitor) {
+                    monitor.notifyAll();
+                }
+    });
+    return () -> {synchronized (self){synchronized (monitor){while (!self.released()) monitor.wait(millis);
+}
+}
+}
+;
+});
+}
 
-        @Override
-        void live() throws Exception {
-            if (LOCK.tryLock(HOUR_MILLIS, TimeUnit.MILLISECONDS))
-                LOCK.unlock();
-        }
-
-        @Override
-        void letGo() {}
+/** Parks at one place with one of two monitors, and takes the other when it is told to. */
+private static void hold(int mine, Resident self) {
+    synchronized (SWAPPED[mine]) {
+        held = mine;
+        while (wanted == mine && !self.released())
+            LockSupport.park(SWAPPED[mine]);
     }
+}
+
+static void swap(Resident swapper) throws InterruptedException {
+    wanted = 1 - wanted;
+    LockSupport.unpark(swapper.thread());
+    while (held != wanted)
+        Thread.sleep(1);
+    swapper.awaitParked();
+}
+
+/** Four monitors in three frames. */
+private static void takeOuter(Resident.Gate gate) {
+    synchronized (OUTER) {
+        takeMiddleAndTwin(gate);
+    }
+}
+
+private static void takeMiddleAndTwin(Resident.Gate gate) {
+    synchronized (MIDDLE) {
+        synchronized (TWIN) {
+            takeNothing(gate);
+        }
+    }
+}
+
+private static void takeNothing(Resident.Gate gate) {
+    takeInner(gate);
+}
+
+private static void takeInner(Resident.Gate gate) {
+    synchronized (INNER) {
+        gate.pass();
+    }
+}
+
+/** Holds one monitor, if it gets it, and wants the innermost of the holder's. */
+private static void takeWanting() {
+    synchronized (WANTING) {
+        wantInner();
+    }
+}
+
+private static void wantInner() {
+    synchronized (INNER) {
+        Thread.yield();
+    }
+}
+
+/** One monitor twice, in two frames. */
+private static void takeTwice(int more, Resident.Gate gate) {
+    synchronized (REENTERED) {
+        if (more > 0)
+            takeTwice(more - 1, gate);
+        else
+            gate.pass();
+    }
+}
 }

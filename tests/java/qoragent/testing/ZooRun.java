@@ -4,65 +4,43 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 
-/** Residents that run, stand in a class's initialiser, stand deep in a recursion, or stand below a lambda. */
+/** Residents that run, wait in a class's initialiser or for a process, or are deep in a recursion. */
 final class ZooRun {
+    private static final String[] WAITING = {"java.lang.Object.wait", "java.lang.Object.wait0",
+                                             "sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park"};
+    private static volatile long turns;
+
     private ZooRun() {}
 
     static List<Resident> residents() {
-        return new ArrayList<>(Arrays.asList(new Spin(), new Lambda(), new Initialiser(), new ProcessWait(),
-                                             new Deep("deep", 60)));
+        return new ArrayList<>(Arrays.asList(
+            new Resident("spin", Thread.State.RUNNABLE, new String[] {"qoragent.testing.ZooRun.spin"},
+                         self -> () -> spin(self)),
+            Resident.parked("initialiser", gate -> {
+                SlowStart.gate = gate;
+                Class.forName(Stuck.class.getName(), true, new OwnCopyLoader(Stuck.class));
+            }), new Resident("process-wait", Thread.State.WAITING, WAITING, self -> {
+                Process child = new ProcessBuilder("cat").start();
+                self.onRelease(child.getOutputStream()::close); // the end of its input ends it
+                return child::waitFor;
+            }), deep("deep", 60)));
     }
 
-    private static final class Spin extends Resident {
-        private volatile boolean stop;
-        private volatile long turns;
-
-        Spin() { super("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun$Spin.spin"); }
-
-        @Override
-        void live() {
-            spin();
-        }
-
-        private void spin() {
-            long n = 0;
-            while (!stop)
-                n++;
-            turns = n;
-        }
-
-        @Override
-        void letGo() {
-            stop = true;
-        }
+    private static void spin(Resident self) {
+        long n = 0;
+        while (!self.released())
+            n++;
+        turns = n;
     }
 
-    /** Its stack holds frames of a class that the JVM made at run time. */
-    private static final class Lambda extends Resident.Parked {
-        Lambda() { super("lambda"); }
-
-        @Override
-        void walk() {
-            Runnable step = () -> gate.pass();
-            step.run();
-        }
-    }
-
-    /** The class whose initialiser stands still; each zoo loads it anew. */
+    /** The class whose initialiser doesn't end; each zoo loads it anew. */
     static final class Stuck {
-        static final long BORN;
-
-        static {
-            SlowStart.pass();
-            BORN = System.nanoTime();
-        }
+        static { SlowStart.pass(); }
 
         private Stuck() {}
-
-        static long born() { return BORN; }
     }
 
-    /** What the stuck initialiser waits on; public, as copies of Stuck live in packages of their own. */
+    /** What it waits for; public, as copies of Stuck are in packages of their own. */
     public static final class SlowStart {
         private static volatile Resident.Gate gate;
 
@@ -71,89 +49,32 @@ final class ZooRun {
         public static void pass() { gate.pass(); }
     }
 
-    private static final class Initialiser extends Resident {
-        Initialiser() { super("initialiser", Thread.State.WAITING, PARKED); }
-
-        @Override
-        void prepare() {
-            SlowStart.gate = new Resident.Gate();
-        }
-
-        @Override
-        void live() throws Exception {
-            Class.forName(Stuck.class.getName(), true, new OwnCopyLoader(Stuck.class));
-        }
-
-        @Override
-        void letGo() {
-            SlowStart.gate.open(thread());
-        }
+    /** One that is `extra` calls deep below the frames that any of them has. */
+    static Resident deep(String kind, int extra) {
+        return Resident.parked(kind, gate -> descend(extra, gate));
     }
 
-    private static final class ProcessWait extends Resident {
-        private Process child;
-
-        ProcessWait() {
-            super("process-wait", Thread.State.WAITING, "java.lang.Object.wait", "java.lang.Object.wait0",
-                  "sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park");
-        }
-
-        @Override
-        void prepare() throws Exception {
-            child = new ProcessBuilder("cat").start();
-        }
-
-        @Override
-        void live() throws Exception {
-            child.waitFor();
-        }
-
-        /** The end of its input ends the child. */
-        @Override
-        void letGo() throws Exception {
-            child.getOutputStream().close();
-        }
+    private static void descend(int left, Resident.Gate gate) {
+        if (left > 0)
+            descend(left - 1, gate);
+        else
+            gate.pass();
     }
 
-    /** Stands 500 calls deep in a class whose name makes its stack rows long. */
+    /** One that is 500 calls deep in a class whose name makes its stack rows long. */
+    static Resident wide(String kind) {
+        return Resident.parked(
+            kind,
+            gate
+            -> WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas
+                   .descend(500, gate));
+    }
+
     static final class
-        WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas
-        extends Resident.Parked {
-        WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas(
-            String kind) {
-            super(kind);
-        }
-
-        @Override
-        void walk() {
-            descend(500);
-        }
-
-        private void descend(int left) {
+        WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas {
+        static void descend(int left, Resident.Gate gate) {
             if (left > 0)
-                descend(left - 1);
-            else
-                gate.pass();
-        }
-    }
-
-    /** Stands `extra` calls deep below the frames that any Deep has. */
-    static final class Deep extends Resident.Parked {
-        private final int extra;
-
-        Deep(String kind, int extra) {
-            super(kind);
-            this.extra = extra;
-        }
-
-        @Override
-        void walk() {
-            descend(extra);
-        }
-
-        private void descend(int left) {
-            if (left > 0)
-                descend(left - 1);
+                descend(left - 1, gate);
             else
                 gate.pass();
         }

@@ -1,0 +1,138 @@
+#include "Replies.h"
+
+#include "RequestHandler/RequestHandler.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+std::string Ask(uint32_t request, const std::string &slot0, const std::string &slot1, int32_t size) {
+    std::string first = slot0, second = slot1;
+    char *args[CONSOLE_ARG_COUNT] = {first.empty() ? nullptr : first.data(),
+                                     second.empty() ? nullptr : second.data()};
+    std::vector<char> page(PAGEBUF_SIZE);
+    QorHandleShowJVMRequest(request, page.data(), size, args);
+    return page.data();
+}
+
+std::string AskMemory(const char *path, uint32_t request) {
+    std::vector<char> page(PAGEBUF_SIZE);
+    QorHandleShowMemRequest(page.data(), 8, path, request);
+    return page.data();
+}
+
+qorctl::ThreadSample AllThreads(bool stacks) {
+    trace_all_threads = FLAG_TRACE_ALL_THREADS;
+    poll_details = stacks ? FLAG_POLL_DETAILS : 0;
+    const qorctl::ThreadSample sample = Threads(Ask(QORREQ_POLL_DETAILS));
+    trace_all_threads = poll_details = 0;
+    return sample;
+}
+
+qorctl::ThreadSample ActiveThreads() {
+    return Threads(Ask(QORREQ_ACTIVE_THREADS));
+}
+
+qorctl::ThreadSample Threads(const std::string &text) {
+    const qorctl::Reply reply = qorctl::OpenReply(text);
+    qorctl::ThreadSample sample = qorctl::DecodeThreads(reply);
+    EXPECT_TRUE(!sample.cut || reply.reached_limit) << text.substr(text.size() - 500);
+    return sample;
+}
+
+qorctl::Thread StackOf(const std::string &key) {
+    const qorctl::ThreadSample sample =
+        qorctl::DecodeStack(qorctl::OpenReply(Ask(QORREQ_THREAD_DETAILS, "", key)));
+    return sample.threads.empty() ? qorctl::Thread() : sample.threads[0];
+}
+
+const qorctl::Thread *Find(const qorctl::ThreadSample &sample, const std::string &name) {
+    for (const qorctl::Thread &thread : sample.threads)
+        if (thread.name == name)
+            return &thread;
+    return nullptr;
+}
+
+std::string CallOf(const qorctl::Frame &frame) {
+    return frame.class_name + "->" + frame.method;
+}
+
+namespace {
+
+std::string Line(const std::string &call, const std::string &file, int line) {
+    return call + (line > 0 ? " " + file + ":" + std::to_string(line) : "");
+}
+
+template <class Lock>
+std::string TextOfLock(const Lock &lock) {
+    return lock.class_name + "@" + std::to_string(lock.lock);
+}
+
+} // namespace
+
+std::vector<std::string> Describe(const TrueThread &thread) {
+    std::vector<std::string> lines;
+    for (const TrueFrame &frame : thread.frames)
+        lines.push_back(Line(frame.call, frame.file, frame.line));
+    const auto frames = static_cast<std::ptrdiff_t>(lines.size());
+    for (const TrueLock &lock : thread.owned)
+        lines.push_back("owns " + lock.text() + " by " + std::to_string(lock.depth));
+    const bool parks = !lines.empty() && lines[0].find("Unsafe->park") != std::string::npos;
+    for (const TrueLock &lock : thread.wanted)
+        if (lock.owner > 0) // else it is what the thread waits on, or is parked by
+            lines.push_back("wants " + lock.text() + " of " + std::to_string(lock.owner));
+        else if (parks)
+            lines.push_back("parked on " + lock.text());
+    std::sort(lines.begin() + frames, lines.end()); // locks in no order
+    return lines;
+}
+
+std::vector<std::string> Describe(const qorctl::Thread &thread) {
+    std::vector<std::string> lines;
+    int index = 0;
+    for (const qorctl::Frame &frame : thread.stack) {
+        EXPECT_EQ(frame.index, index++) << thread.name;
+        if (!IsMadeByJvm(CallOf(frame)))
+            lines.push_back(Line(CallOf(frame), frame.file, frame.line));
+    }
+    const auto frames = static_cast<std::ptrdiff_t>(lines.size());
+    for (const qorctl::OwnedLock &lock : thread.owns)
+        lines.push_back("owns " + TextOfLock(lock) + " by " + std::to_string(lock.depth));
+    if (thread.waits_for)
+        lines.push_back("wants " + TextOfLock(*thread.waits_for) + " of " +
+                        std::to_string(thread.waits_for->owner.thread));
+    if (thread.parked_on)
+        lines.push_back("parked on " + TextOfLock(*thread.parked_on));
+    std::sort(lines.begin() + frames, lines.end()); // locks in no order
+    return lines;
+}
+
+int ExpectTruth(const qorctl::ThreadSample &sample, const char *what) {
+    int compared = 0;
+    for (const auto &[id, truth] : ThreadTruth()) {
+        if (truth.name.rfind("zoo-", 0) != 0 || truth.name == "zoo-spin") // that one runs: its line moves
+            continue;
+        const qorctl::Thread *shown = Find(sample, truth.name);
+        EXPECT_TRUE(shown) << truth.name;
+        if (!shown)
+            continue;
+        EXPECT_EQ(shown->key.thread, id) << truth.name;
+        EXPECT_EQ(Describe(*shown), Describe(truth)) << truth.name << " " << what;
+        compared++;
+    }
+    return compared;
+}
+
+std::string Legible(std::string reply) {
+    for (size_t at; (at = reply.find('\x1f')) != reply.npos;)
+        reply.replace(at, 1, "$\n");
+    for (char &c : reply)
+        c = c == '\x1d' ? '|' : c == '\x1e' ? '\n' : c;
+    return reply;
+}
+
+size_t CountOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size()))
+        count++;
+    return count;
+}

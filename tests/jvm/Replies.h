@@ -1,0 +1,42 @@
+// Replies of the views, taken apart by the console's decoders: a byte out of place is a failure of the test.
+#pragma once
+
+#include "JvmFixture.h"
+#include "qorrequest.h"
+#include "wire/decode.h"
+
+#include <string>
+#include <vector>
+
+// The reply of a view of the JVM in a page of `size` bytes. An empty slot is one that the request lacks.
+std::string Ask(uint32_t request, const std::string &slot0 = "", const std::string &slot1 = "",
+                int32_t size = PAGEBUF_SIZE);
+
+// The reply of a memory view.
+std::string AskMemory(const char *path = "", uint32_t request = 0);
+
+// The sample of all threads, with stacks or as rows; of those that are active; of text that is whole.
+qorctl::ThreadSample AllThreads(bool stacks);
+qorctl::ThreadSample ActiveThreads();
+qorctl::ThreadSample Threads(const std::string &text);
+
+// One thread with its whole stack; no name when the JVM has none.
+qorctl::Thread StackOf(const std::string &key);
+
+// The thread of that name; null when the sample has none.
+const qorctl::Thread *Find(const qorctl::ThreadSample &sample, const std::string &name);
+
+// "class->method".
+std::string CallOf(const qorctl::Frame &frame);
+
+// Frames and locks of a thread, as the JVM tells of it and as a view does, a line each.
+std::vector<std::string> Describe(const TrueThread &thread);
+std::vector<std::string> Describe(const qorctl::Thread &thread);
+
+// Compares the threads of the zoo in a sample with what the JVM says of them now; how many they were.
+int ExpectTruth(const qorctl::ThreadSample &sample, const char *what = "");
+
+// A reply with "|" between fields, a line for each record and "$" at the end of a section.
+std::string Legible(std::string reply);
+
+size_t CountOf(const std::string &text, const std::string &part);

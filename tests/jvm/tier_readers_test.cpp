@@ -1,0 +1,667 @@
+// The readers of other tiers: objects of every product, made field by field, and what a record shows of them.
+#include "DumpFolder.h"
+#include "ModelObjects.h"
+#include "Walk.h"
+#include "Xtier/ReadAtOnce.h"
+#include "Xtier/tiers/ObjectMap.h"
+#include "Xtier/tiers/XtierCalls.h"
+#include "Xtier/tiers/XtierDb.h"
+#include "Xtier/tiers/XtierJSP.h"
+#include "Xtier/tiers/XtierQRF.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/JniCalls.h"
+#include "qorsettings.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+QorDBRequestData db;
+QorJSPRequestData &web = objQorJSPRequestData;
+QorRmiCallData rmi;
+QorIOCallData file;
+QorNetworkCallData network;
+QorAppServerCallData server;
+char page[REQUEST_TEXT_SIZE];
+
+void Read(const ModelEntry &entry) {
+    QorClearDBRequestData(&db);
+    QorClearJSPRequestData(&web);
+    QorClearRmiCallData(&rmi);
+    QorClearIOCallData(&file);
+    QorClearNetworkCallData(&network);
+    QorClearAppServerCallData(&server);
+    *page = 0;
+    int32_t result = 0;
+    switch (entry.kind) {
+    case LOCAL_DATABASE_CALL:
+        result = QorGetDBRequestDataFromLocalVariable(&entry, &db);
+        break;
+    case LOCAL_WEB_REQUEST:
+        result = QorGetJSPRequestDataFromLocalVariable(&entry, &web);
+        QorReadPageName(&entry, page);
+        break;
+    case LOCAL_RMI_CALL:
+        result = QorGetRmiCallDataFromLocalVariable(&entry, &rmi);
+        break;
+    case LOCAL_FILE_CALL:
+        result = QorGetIOCallDataFromLocalVariable(&entry, &file);
+        break;
+    case LOCAL_NETWORK_CALL:
+        result = QorGetNetworkCallDataFromLocalVariable(&entry, &network);
+        break;
+    case LOCAL_APP_SERVER_CALL:
+        result = QorGetAppServerCallDataFromLocalVariable(&entry, &server);
+        break;
+    default:
+        QorReadFrameworkEntry(&entry, &web);
+    }
+    EXPECT_EQ(result, 0);
+}
+
+void Read(int32_t kind, const std::string &signature, jobject object, const char *method = "run") {
+    Read(ModelEntry(kind, signature, object, method));
+}
+
+struct Readers : SessionTest {
+    void SetUp() override {
+        SessionTest::SetUp();
+        qorDBQuery = 1;
+        gbSqlQueryLength = QOR_MAX_SQL_QUERY_SIZE;
+        useIds("qoragent/DbUtil");
+    }
+    void TearDown() override {
+        tessar_thick_driver = 0;
+        useIds(nullptr);
+        SessionTest::TearDown();
+    }
+    static void useIds(const char *klass) {
+        if (gbDbUtilClass)
+            Env()->DeleteGlobalRef(gbDbUtilClass);
+        gbDbUtilClass = klass ? static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass(klass))) : nullptr;
+    }
+};
+
+#define TEXT_OF(path) path ",Ljava/lang/String;"
+#define TESSAR "tessar/jdbc/driver/"
+#define PHYSICAL "connection,L" TESSAR "PhysicalConnection;=" TESSAR "Q5DConnection|"
+#define Q5 "q5Connection,L" TESSAR "Q5DConnection;|"
+#define DIRECT "connection,L" TESSAR "TessarConnection;|"
+#define SQL_OF                                                                                               \
+    "statements,L" TESSAR "TessarStatement;|sqlObject,L" TESSAR "TessarSql;|" TEXT_OF("originalSql")
+#define FERRULE "ferrule/servlet/internal/"
+#define WRAPPED "request,Ljavax/servlet/ServletRequest;=" FERRULE "ServletRequestImpl|"
+#define GROOVY "org/codehaus/groovy/runtime/callsite/"
+#define WORK "workManager,Lferrule/work/SelfTuningWorkManagerImpl;|"
+#define QRF "tessar/qrfinternal/controller/state/"
+#define FIELD(field) field, sizeof field
+
+// An object's text: by which kind of entry and in which method it is read, its path, and the record's field.
+struct Row {
+    int32_t kind;
+    const char *klass, *path;
+    const char *field;
+    size_t size;
+    const char *method = "run";
+    const char *before = "", *beforePath = nullptr, *between = ""; // another text in front, and its path
+    const char *signature = nullptr;                               // where it isn't the class's
+};
+const Row ROWS[] = {
+    {LOCAL_DATABASE_CALL, TESSAR "TessarPreparedStatement", TEXT_OF(DIRECT "url"), FIELD(db.url)},
+    {LOCAL_DATABASE_CALL, TESSAR "TessarStatement", TEXT_OF(DIRECT "user"), FIELD(db.user)},
+    {LOCAL_DATABASE_CALL, TESSAR "TessarStatement", TEXT_OF("sql_query"), FIELD(db.sqlText)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DPreparedStatement", TEXT_OF(PHYSICAL "url"), FIELD(db.url)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DPreparedStatement", TEXT_OF(Q5 "userName"), FIELD(db.user)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DCallableStatement", TEXT_OF(Q5 "url"), FIELD(db.url)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DCallableStatement", Q5 SQL_OF, FIELD(db.sqlText)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DConnection", TEXT_OF("userName"), FIELD(db.user)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DConnection", SQL_OF, FIELD(db.sqlText)},
+    {LOCAL_WEB_REQUEST, FERRULE "ServletRequestImpl", TEXT_OF("servletPath"), FIELD(web.requestUrl)},
+    {LOCAL_WEB_REQUEST, FERRULE "ServletRequestImpl", TEXT_OF("originalURI"), FIELD(web.requestUrl),
+     "execute"},
+    {LOCAL_WEB_REQUEST, "org/apache/catalina/connector/RequestFacade",
+     TEXT_OF("request,Lorg/apache/catalina/connector/Request;|requestDispatcherPath,Ljava/lang/Object;="
+             "org/apache/tomcat/util/buf/MessageBytes|strValue"),
+     FIELD(web.requestUrl), "service"},
+    {LOCAL_WEB_REQUEST, "com/ibm/ws/webcontainer/srt/SRTServletRequest",
+     TEXT_OF("_dispatchContext,Lcom/ibm/ws/webcontainer/webapp/WebAppDispatcherContext;|_servletPath"),
+     FIELD(web.requestUrl), "service"},
+    {LOCAL_WEB_REQUEST, "org/glassfish/jersey/server/ContainerRequest",
+     TEXT_OF("requestUri,Ljava/net/URI;|path"), FIELD(web.requestUrl), "invoke", "GET", TEXT_OF("httpMethod"),
+     "-"},
+    {LOCAL_WEB_REQUEST, "com/sun/jersey/spi/container/ContainerRequest",
+     TEXT_OF("requestUri,Ljava/net/URI;|path"), FIELD(web.requestUrl), "handleRequest", "PUT",
+     TEXT_OF("method"), "-"},
+    {LOCAL_WEB_REQUEST, FERRULE "RequestEventsFilter$EventsRequestWrapper", TEXT_OF(WRAPPED "relativeURI"),
+     FIELD(web.requestUrl), "doFilter", "/context",
+     TEXT_OF(WRAPPED "context,L" FERRULE "WebAppServletContext;|contextName")},
+    {LOCAL_WEB_REQUEST, QRF "ChildViewPortContextImpl",
+     TEXT_OF("mParent,L" QRF "ViewPortContextImpl;|mCachedPhysicalUri"), FIELD(page)},
+    {LOCAL_WEB_REQUEST, FERRULE "RequestEventsFilter$EventsRequestWrapper", TEXT_OF(WRAPPED "servletPath"),
+     FIELD(page)},
+    {LOCAL_VIEW_OR_ENTITY, "tessar/kvo/server/ViewObjectImpl",
+     TEXT_OF("mViewDef,Ltessar/kvo/server/ViewDefImpl;|mObjName"), FIELD(web.qrfObjectName)},
+    {LOCAL_VIEW_OR_ENTITY, "tessar/kvo/server/ViewAttributeDefImpl",
+     TEXT_OF("mDef,Ltessar/kvo/server/RowDef;|mObjName"), FIELD(web.qrfObjectName)},
+    // The entity is next to the event that the entry bears the signature of.
+    {LOCAL_VIEW_OR_ENTITY, "tessar/kvo/server/EntityImpl",
+     TEXT_OF("mEbi,Ltessar/kvo/server/EntityDefImpl;|mObjName"), FIELD(web.qrfObjectName), "run", "", nullptr,
+     "", "tessar/kvo/server/TransactionEvent"},
+    {LOCAL_EL_EXPRESSION, "com/sun/el/ValueExpressionImpl", TEXT_OF("expr"), FIELD(web.elExpression)},
+    {LOCAL_EL_EXPRESSION, "com/sun/el/MethodExpressionImpl", TEXT_OF("expr"), FIELD(web.elExpression)},
+    {LOCAL_GROOVY, GROOVY "PogoMetaMethodSite$PogoMetaMethodSiteNoUnwrap", TEXT_OF("name"),
+     FIELD(web.groovyCurrentLine)},
+    {LOCAL_GROOVY, GROOVY "AbstractCallSite", TEXT_OF("name"), FIELD(web.groovyCurrentLine)},
+    {LOCAL_RMI_CALL, "ferrule/rmi/cluster/ClusterableRemoteRef",
+     TEXT_OF("replicaHandler,Lferrule/rmi/cluster/ReplicaHandler;|jndiName"), FIELD(rmi.jndiName)},
+    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread", TEXT_OF(WORK "applicationName"),
+     FIELD(server.applicationName)},
+    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread", TEXT_OF(WORK "moduleName"),
+     FIELD(server.moduleName)},
+    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread", TEXT_OF(WORK "wmName"), FIELD(server.wmName)},
+    {LOCAL_APP_SERVER_CALL, FERRULE "ServletRequestImpl",
+     TEXT_OF("sessionHelper,L" FERRULE "ServletRequestImpl$SessionHelper;|sessionID"),
+     FIELD(server.sessionId), "execute"},
+};
+
+std::string ReadRow(const Row &row, jobject object) {
+    const std::string klass = row.signature ? row.signature : row.klass;
+    Read(row.kind, "L" + klass + ";", object, row.method);
+    return row.field;
+}
+
+} // namespace
+
+TEST_F(Readers, ShowTheTextsOfEveryProduct) {
+    for (const Row &row : ROWS) {
+        SCOPED_TRACE(row.path);
+        for (const std::string &value : TrialValues()) {
+            const QorLocalFrame references(Env(), 64);
+            jobject object = MakeObject(row.klass);
+            Plant(object, row.path, value);
+            if (row.beforePath)
+                Plant(object, row.beforePath, row.before);
+            EXPECT_EQ(ReadRow(row, object),
+                      Shown(row.before + std::string(value.empty() ? "" : row.between) + value, row.size));
+        }
+        EXPECT_EQ(ReadRow(row, MakeObject(row.klass)), "") << "null fields";
+        EXPECT_EQ(ReadRow(row, MakeObject("java/lang/Object")), "") << "no fields";
+        EXPECT_EQ(ReadRow(row, nullptr), "") << "no object";
+        jobject half = MakeObject(row.klass);
+        Plant(half, row.path, "/half");
+        EXPECT_EQ(ReadRow(row, half), "/half");
+        // Some spell the class without its marks.
+        if (row.kind == LOCAL_DATABASE_CALL ||
+            (row.kind == LOCAL_WEB_REQUEST && row.field == web.requestUrl)) {
+            const std::string klass = row.klass;
+            const bool isCut = row.field == web.requestUrl && klass.find(FERRULE) && row.method[0] == 's';
+            const bool isOpen = row.beforePath != nullptr;
+            Read(row.kind, isOpen ? "L" + klass : klass + (isCut ? ";" : ""), half, row.method);
+            EXPECT_STREQ(row.field, "/half") << "the other spelling";
+        }
+    }
+    jobject request = MakeObject(FERRULE "ServletRequestImpl");
+    Plant(request, TEXT_OF("servletPath"), "/a");
+    Plant(request, TEXT_OF("originalURI"), "/b");
+    for (const char *method : {"service", "runs", "", "executeAll"}) {
+        Read(LOCAL_WEB_REQUEST, "L" FERRULE "ServletRequestImpl;", request, method);
+        EXPECT_STREQ(web.requestUrl, "") << "it isn't served in " << method;
+    }
+    Read(LOCAL_DATABASE_CALL, "L" FERRULE "ServletRequestImpl;", request);
+    EXPECT_STREQ(db.url, "");
+}
+
+// ---- Databases
+
+namespace {
+
+void ExpectPorts(jobject stream, const std::string &what) {
+    EXPECT_EQ(db.localPort, Java<int64_t>("Customers", "port", stream, false)) << what;
+    EXPECT_EQ(db.remotePort, Java<int64_t>("Customers", "port", stream, true)) << what;
+    EXPECT_STREQ(db.remoteHost, stream ? "127.0.0.1" : "") << what;
+}
+
+// A statement over that connection, by the object that holds it or by the connection itself.
+jobject StatementOver(jobject stream, bool layered) {
+    jobject statement =
+        MakeObject(layered ? TESSAR "Q5DPreparedStatement" : TESSAR "TessarPreparedStatement");
+    const std::string connection = layered ? PHYSICAL : DIRECT;
+    PlantObject(statement,
+                connection + (layered ? "" : "db_access,Ltessar/jdbc/dbaccess/DBAccess;|") +
+                    "net,Ltessar/net/ns/Communication;",
+                stream);
+    Plant(statement, connection + TEXT_OF("url"), std::string(100, 'u'));
+    Plant(statement, connection + (layered ? TEXT_OF("userName") : TEXT_OF("user")), "scott");
+    Plant(statement, layered ? PHYSICAL SQL_OF : TEXT_OF("sql_query"), "select 1");
+    return statement;
+}
+
+void ReadStatement(jobject statement, bool layered) {
+    Read(LOCAL_DATABASE_CALL,
+         layered ? "L" TESSAR "Q5DPreparedStatement;" : "L" TESSAR "TessarPreparedStatement;", statement);
+}
+
+// By the frame in which the thread of that name executes a statement.
+void ReadFrameOf(const std::string &thread) {
+    Walk walk;
+    ASSERT_TRUE(walk.find(thread));
+    QorFrameRecord frame = {};
+    for (; walk.frames.index < walk.frames.count; walk.frames.index++)
+        if (QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &frame) == 0 &&
+            strcmp(frame.method, "executeQuery") == 0)
+            break;
+    QorClearDBRequestData(&db);
+    EXPECT_EQ(QorGetDBRequestData(&walk.thread, &frame, &db), 0);
+}
+
+} // namespace
+
+// Of threads that are really in the driver, with encrypted connections in the middle of their handshakes;
+// read by their objects, and by their frames.
+TEST_F(Readers, EveryStreamLeadsToItsSocketUntilItIsClosed) {
+    qorGetLocalObjectsQuotaPct = 100;
+    for (const std::string kind :
+         {"plain", "metered", "encrypted", "layered", "encrypted-bare", "encrypted-metered"}) {
+        const QorLocalFrame references(Env(), 128);
+        jobject stream = Java<jobject>("Customers", "connect", kind);
+        for (const bool layered : {false, true}) {
+            const std::string name = kind + (layered ? " layered" : "");
+            jobject statement = StatementOver(stream, layered);
+            if (kind.find("encrypted-") != 0) { // the others can't talk
+                Java("Customers", "execute", name, statement);
+                ReadFrameOf(name);
+                ExpectPorts(stream, name);
+                EXPECT_STREQ(db.user, "scott") << name;
+                EXPECT_EQ(db.url, std::string(layered ? 63 : 100, 'u')) << name;
+                EXPECT_STREQ(db.sqlText, "") << name;
+                EXPECT_NE(db.sqlRef, 0) << name;
+            }
+            ReadStatement(statement, layered);
+            ExpectPorts(stream, name);
+            EXPECT_NE(db.connectionHash, 0) << name;
+            EXPECT_NEAR(static_cast<double>(db.sampleTime), static_cast<double>(time(nullptr)), 5) << name;
+            EXPECT_EQ(db.dbType, DB_TYPE_TESSAR);
+        }
+        Java("Customers", "close", stream);
+        for (const bool layered : {false, true}) {
+            ReadStatement(StatementOver(stream, layered), layered);
+            EXPECT_EQ(db.localPort + db.remotePort, 0u) << kind;
+            EXPECT_STREQ(db.sqlText, "select 1") << kind;
+        }
+        qorDBQuery = 0;
+        ReadStatement(StatementOver(stream, true), true);
+        EXPECT_TRUE(!*db.sqlText && db.sqlRef);
+        qorDBQuery = 1;
+    }
+}
+
+TEST_F(Readers, SqlIsCutAtACharacterWithTheIdOfTheWhole) {
+    jobject statement = MakeObject(TESSAR "TessarStatement");
+    const auto read = [&](const std::string &sql) {
+        const QorLocalFrame references(Env(), 16);
+        Plant(statement, TEXT_OF("sql_query"), sql);
+        Read(LOCAL_DATABASE_CALL, "L" TESSAR "TessarStatement;", statement);
+        return std::string(db.sqlText);
+    };
+    for (int32_t limit : {QOR_MAX_SQL_QUERY_SIZE + 0, 100, 17, 16, 15, 2, 1, -1})
+        for (const std::string character : {"a", "\xc3\xa9", "\xe2\x82\xac", "\xed\xa0\xbd\xed\xb8\x80"})
+            for (int32_t length : {0, limit - 1, limit, limit + 1, 70000}) {
+                gbSqlQueryLength = limit;
+                std::string sql = length > 8 ? "\n\x0e\x1f" : "";
+                while (static_cast<int32_t>(sql.size()) < length)
+                    sql += static_cast<int32_t>(sql.size() + character.size()) > length ? "b" : character;
+                const bool whole = static_cast<int32_t>(sql.size()) < limit;
+                const std::string id = Java<std::string>("qoragent/DbUtil", "sqlText2sqlId", sql);
+                std::string expected = limit < 2 ? "" : Shown(sql, static_cast<size_t>(limit));
+                if (limit >= 16 && !whole)
+                    expected = Shown(sql, static_cast<size_t>(limit) - 15) + "!" + id + "!";
+                EXPECT_EQ(read(sql), expected) << limit << "/" << length << character;
+            }
+    // No class, one without the method, and ids that are too long, missing or thrown leave the cut text.
+    const std::pair<const char *, char> IDS[] = {{nullptr, 's'},
+                                                 {"java/lang/String", 's'},
+                                                 {"qoragent/testing/OddIds", 's'},
+                                                 {"qoragent/testing/OddIds", 'n'},
+                                                 {"qoragent/testing/OddIds", 't'}};
+    gbSqlQueryLength = 64;
+    for (const auto &[ids, first] : IDS) {
+        useIds(ids);
+        EXPECT_EQ(read(std::string(1000, first)), std::string(63, first)) << (ids ? ids : "none");
+    }
+}
+
+// Drivers differ in the fields that they have. What one has is remembered, and a driver that comes later is
+// still read.
+TEST_F(Readers, TheUserIsFoundInEitherField) {
+    jobject former = MakeObject(TESSAR "Q5DPreparedStatement");
+    const std::string connection = "connection,L" TESSAR "PhysicalConnection;=" TESSAR "FormerConnection|";
+    Plant(former, connection + TEXT_OF("user"), "scott");
+    jobject later = StatementOver(nullptr, true);
+    for (jobject statement : {later, former, former, later, later, former, later}) {
+        ReadStatement(statement, true);
+        EXPECT_STREQ(db.user, "scott");
+    }
+    // A connection without "statements" was seen: that concerns its own class alone.
+    EXPECT_STREQ(db.sqlText, "select 1");
+}
+
+namespace {
+
+// What the native driver's memory looks like: a chain of pointers, none of them aligned, and after the last
+// block a page that forbids reading.
+struct NativeState {
+    static constexpr size_t OFFSETS[] = {0,    0x0c, 0x44, 0x120, 0x1a20, 0xd4,
+                                         0x8c, 0,    0x9c, 0x104, 0x18,   0x530};
+    static constexpr size_t STEPS = 11, BLOCK = 0x2000, SIZE = (STEPS + 3) * BLOCK;
+
+    explicit NativeState(int64_t descriptor) {
+        for (size_t step = 0; step < STEPS; step++)
+            put(step, block(step + 1));
+        setDescriptor(descriptor);
+        mprotect(end(), BLOCK, PROT_NONE);
+    }
+    ~NativeState() { munmap(memory, SIZE); }
+
+    char *block(size_t i) const { return memory + i * BLOCK + 2 * i + 1; }
+    char *end() const { return memory + SIZE - BLOCK; }
+    void put(size_t step, const void *pointer) const {
+        memcpy(block(step) + OFFSETS[step], &pointer, sizeof pointer);
+    }
+    void setDescriptor(int64_t fd) const { memcpy(block(STEPS) + OFFSETS[STEPS], &fd, sizeof(int32_t)); }
+
+    char *memory =
+        static_cast<char *>(mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+};
+
+} // namespace
+
+TEST_F(Readers, TheNativeDriversMemoryHasTheDescriptorOrNothing) {
+    jobject stream = Java<jobject>("Customers", "connect", "plain");
+    ReadStatement(StatementOver(stream, false), false);
+    const NativeState state(db.fd);
+    jobject access = MakeObject("tessar/jdbc/zdi8/ZDIDBAccess");
+    const jfieldID start = Env()->GetFieldID(Env()->GetObjectClass(access), "c_state", "J");
+    Env()->SetLongField(access, start, reinterpret_cast<jlong>(state.block(0)));
+    jobject statement = StatementOver(nullptr, false);
+    PlantObject(statement, DIRECT "db_access,Ltessar/jdbc/dbaccess/DBAccess;", access);
+    tessar_thick_driver = 1;
+    ReadStatement(statement, false);
+    ExpectPorts(stream, "thick");
+
+    // Memory of another build: at each step nothing, or an address that can't be read, or not to its end.
+    int64_t fd = -7;
+    for (size_t step = 0; step < NativeState::STEPS; step++) {
+        for (const auto address :
+             {uintptr_t{0}, uintptr_t{8}, uintptr_t{0xdead000000000001}, ~uintptr_t{0},
+              reinterpret_cast<uintptr_t>(state.end()),
+              reinterpret_cast<uintptr_t>(state.end()) - NativeState::OFFSETS[step + 1] - 3}) {
+            state.put(step, reinterpret_cast<void *>(address));
+            EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1) << step << " " << address;
+        }
+        state.put(step, state.block(step + 1));
+    }
+    EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), 0);
+    state.setDescriptor(0);
+    EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1);
+    EXPECT_EQ(QorGetFdFromThickDriver(&fd, statement), -1) << "no c_state";
+    ReadStatement(statement, false);
+    EXPECT_EQ(db.localPort, 0u);
+    Env()->SetLongField(access, start, 0);
+    EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1);
+}
+
+TEST_F(Readers, ObjectMapsAreFollowedToTheirEnd) {
+    jobject object = Java<jobject>("Fields", "make");
+    PlantObject(object, "anObject,Ljava/lang/Object;", object);
+    const std::string step = "anObject,Ljava/lang/Object;|";
+    std::string map;
+    for (int i = 0; i < OBJECT_MAP_STEPS - 1; i++)
+        map += step;
+    EXPECT_TRUE(Env()->IsSameObject(QorFollowObjectMap((map + step.substr(0, 27)).c_str(), object), object));
+    for (const std::string &wrong :
+         {map + step + "nothing,Ljava/lang/Object;", step + "no comma", std::string(",I"), std::string("a,"),
+          std::string("nothing,Ljava/lang/Object;|a,I"), std::string("missing,Ljava/lang/Object;|a,I")})
+        EXPECT_EQ(QorFollowObjectMap(wrong.c_str(), object), nullptr) << wrong;
+    EXPECT_EQ(QorFollowObjectMap("anObject,Ljava/lang/Object;", nullptr), nullptr);
+    EXPECT_EQ(Env()->GetObjectRefType(object), JNILocalRefType) << "the start is the caller's";
+}
+
+// ---- Web requests that aren't a text at the end of a path
+
+TEST_F(Readers, UrlsOfLumoAreARangeOfBytes) {
+    const std::string longText(3000, 'b');
+    const struct {
+        std::string bytes;
+        int offset, length;
+        std::string url;
+    } BYTES[] = {
+        {"xx/path?yy", 2, 5, "/path"},
+        {"/path", 0, 6, ""},
+        {"/path", 3, 3, ""},
+        {"/path", 2147483647, 2147483647, ""},
+        {"/path", -1, 3, ""},
+        {"/path", 0, 0, ""},
+        {"", 0, 1, ""},
+        {longText, 1, 1023, longText.substr(0, 1023)},
+        {longText, 0, 3000, longText.substr(0, 1023)},
+        {std::string("/a\0b\xe9", 5), 0, 5, "/a?b?"},
+        {"/\xc3\xa9\x1d\n", 0, 5, "/\xc3\xa9  "},
+        {std::string(1022, 'b') + "\xc3\xa9", 0, 1024, std::string(1022, 'b')},
+    };
+    const std::string path = "servletPath,Lcom/halcyon/util/ByteString;|";
+    for (const auto &row : BYTES) {
+        jobject request = MakeObject("com/halcyon/server/http/HalcyonHttpServletRequest");
+        Plant(request, path + "length,I", std::to_string(row.length));
+        Read(LOCAL_WEB_REQUEST, "Lcom/halcyon/server/http/HalcyonHttpServletRequest;", request, "service");
+        EXPECT_STREQ(web.requestUrl, "") << "without an array";
+        jbyteArray data = Env()->NewByteArray(static_cast<jsize>(row.bytes.size()));
+        Env()->SetByteArrayRegion(data, 0, static_cast<jsize>(row.bytes.size()),
+                                  reinterpret_cast<const jbyte *>(row.bytes.data()));
+        Plant(request, path + "offset,I", std::to_string(row.offset));
+        PlantObject(request, path + "data,[B", data);
+        for (const char *mark : {"", "L"}) {
+            Read(LOCAL_WEB_REQUEST, std::string(mark) + "com/halcyon/server/http/HalcyonHttpServletRequest;",
+                 request, "service");
+            EXPECT_EQ(web.requestUrl, row.url) << row.offset << " " << row.length;
+        }
+    }
+}
+
+// In a table, which is left alone where JVMTI can't be asked for its lock. Nobody is waited for: neither the
+// thread that has the lock, nor the one that initialises the object's class.
+TEST_F(Readers, UrlsOfJServAreNotWaitedFor) {
+    const auto read = [](jobject table) {
+        jobject connection = MakeObject("org/apache/jserv/JServConnection");
+        PlantObject(connection, "env_vars,Ljava/util/Hashtable;", table);
+        Read(LOCAL_WEB_REQUEST, "Lorg/apache/jserv/JServConnection;", connection);
+        return std::string(web.requestUrl);
+    };
+    for (const std::string &value : TrialValues())
+        EXPECT_EQ(read(Java<jobject>("Obstacles", "table", value)),
+                  gbQorJvmKeepsThreads ? Shown(value, REQUEST_TEXT_SIZE) : "");
+    EXPECT_EQ(read(Java<jobject>("Obstacles", "table", nullptr)), "") << "a value that isn't a text";
+    EXPECT_EQ(read(nullptr), "");
+    jobject table = Java<jobject>("Obstacles", "lockedTable");
+    EXPECT_EQ(read(table), "");
+    Java("Obstacles", "release");
+    EXPECT_EQ(read(table), gbQorJvmKeepsThreads ? "/locked" : "");
+
+    jobject unborn = Java<jobject>("Obstacles", "inInitializer");
+    Read(LOCAL_WEB_REQUEST, "L" FERRULE "ServletRequestImpl;", unborn);
+    EXPECT_STREQ(web.requestUrl, "");
+    jobject statement = StatementOver(nullptr, true);
+    PlantObject(statement, "connection,L" TESSAR "PhysicalConnection;",
+                Java<jobject>("Obstacles", "connection"));
+    ReadStatement(statement, true);
+    EXPECT_STREQ(db.url, "");
+    Java("Obstacles", "release");
+    Read(LOCAL_WEB_REQUEST, "L" FERRULE "ServletRequestImpl;", unborn);
+    EXPECT_STREQ(web.requestUrl, "/born");
+    ReadStatement(statement, true);
+    EXPECT_STREQ(db.url, "jdbc:born") << "nothing was learnt of the class meanwhile";
+}
+
+// Lines are counted later, so that a script keeps its line ends.
+TEST_F(Readers, ScriptsAndCallSitesStayAsTheyAre) {
+    std::string script = "a()\r\nb()\n";
+    jobject evaluation = MakeObject("tessar/kvo/ExprEval");
+    for (; script.size() < 20000; script += script) {
+        Plant(evaluation, TEXT_OF("mExprStr"), script);
+        Read(LOCAL_GROOVY, "Ltessar/kvo/ExprEval;", evaluation);
+        EXPECT_EQ(web.groovyScript, script.substr(0, GROOVY_SCRIPT_SIZE - 1));
+    }
+    // Names of 1,200 sites, of which one is missing and one has no name; a thousand are looked at.
+    jobjectArray sites = Env()->NewObjectArray(1200, Env()->FindClass(GROOVY "CallSite"), nullptr);
+    jobject site = nullptr;
+    for (jsize i = 0; i < 1200; i++) {
+        const QorLocalFrame references(Env(), 16);
+        site = i == 3 ? nullptr : MakeObject(GROOVY "AbstractCallSite");
+        if (i != 3 && i != 4)
+            Plant(site, TEXT_OF("name"), "site" + std::to_string(i) + (i == 5 ? std::string(600, 'l') : ""));
+        Env()->SetObjectArrayElement(sites, i, site);
+    }
+    site = Env()->GetObjectArrayElement(sites, 7);
+    Plant(site, "index,I", "7");
+    const std::string path = "array,L" GROOVY "CallSiteArray;|array,[L" GROOVY "CallSite;";
+    PlantObject(site, path, sites);
+    Read(LOCAL_GROOVY, "L" GROOVY "AbstractCallSite;", site);
+    EXPECT_STREQ(web.groovyCurrentLine, "site7");
+    EXPECT_EQ(web.groovyCurrentIndex, 7);
+    ASSERT_EQ(web.groovyCallSiteCount, 998);
+    EXPECT_STREQ(web.groovyCallSites[2], "site2");
+    EXPECT_EQ(web.groovyCallSites[3], "site5" + std::string(506, 'l'));
+    EXPECT_STREQ(web.groovyCallSites[997], "site999");
+    PlantObject(site, path, Env()->NewObjectArray(0, Env()->FindClass(GROOVY "CallSite"), nullptr));
+    Read(LOCAL_GROOVY, "L" GROOVY "AbstractCallSite;", site);
+    EXPECT_EQ(web.groovyCallSiteCount, 0);
+}
+
+// ---- Peers, files, and the server's marks
+
+TEST_F(Readers, RemotePeersHaveSignedParts) {
+    const std::pair<const char *, const char *> ADDRESSES[] = {{"10.1.2.3", "10.1.2.3"},
+                                                               {"127.255.255.255", "127.255.255.255"},
+                                                               {"192.168.1.5", "-63.-87.-254.-251"},
+                                                               {"128.0.0.0", "-128.0.0.0"},
+                                                               {"255.255.255.255", "0.0.0.-1"},
+                                                               {"0.0.0.0", ""},
+                                                               {"2001:db8::5", ""},
+                                                               {"unresolved", ""}};
+    const std::string channel = "rjvm,Lferrule/rjvm/RJVM;|remoteChannel,Lferrule/rmi/spi/Channel;|";
+    for (const auto &[address, host] : ADDRESSES) {
+        jobject response = MakeObject("ferrule/rjvm/ResponseImpl");
+        Plant(response, "id,I", "42");
+        Read(LOCAL_RMI_CALL, "Lferrule/rjvm/ResponseImpl;", response);
+        EXPECT_EQ(rmi.callId, 0) << "nothing of half a record";
+        Plant(response, channel + "port,I", "7001");
+        PlantObject(response, channel + "address,Ljava/net/InetSocketAddress;",
+                    Java<jobject>("Obstacles", "address", address));
+        Read(LOCAL_RMI_CALL, "Lferrule/rjvm/ResponseImpl;", response);
+        EXPECT_STREQ(rmi.host, host) << address;
+        EXPECT_TRUE(rmi.callId == 42 && rmi.port == 7001);
+    }
+}
+
+namespace {
+
+constexpr char DESCRIPTOR[] = "Ljava/io/FileDescriptor;";
+
+jobject DescriptorOf(int fd) {
+    jobject descriptor = MakeObject("java/io/FileDescriptor");
+    Plant(descriptor, "fd,I", std::to_string(fd));
+    return descriptor;
+}
+
+} // namespace
+
+TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
+    const DumpFolder in;
+    const std::string path = in("data.txt");
+    close(open(path.c_str(), O_CREAT | O_CLOEXEC, 0600));
+    jobject input = Java<jobject>("Obstacles", "file", "stream", path);
+    const std::pair<const char *, jobject> STREAMS[] = {
+        {"Ljava/io/FileReader;", Java<jobject>("Obstacles", "file", "reader", path)},
+        {"Ljava/io/RandomAccessFile;", Java<jobject>("Obstacles", "file", "random", path)},
+        {"Ljava/io/BufferedInputStream;", input},
+        {DESCRIPTOR, Java<jobject>("Obstacles", "descriptor", input)}};
+    for (const bool open : {true, false}) {
+        for (const auto &[signature, object] : STREAMS) {
+            Read(LOCAL_FILE_CALL, signature, object);
+            EXPECT_EQ(file.fileName,
+                      open || object == STREAMS[0].second || object == STREAMS[1].second ? path : "")
+                << signature;
+            Read(LOCAL_FILE_CALL, signature, MakeObject("java/lang/Object"));
+            EXPECT_TRUE(file.fd == -1 && !*file.fileName) << signature;
+        }
+        Java("Obstacles", "closeFile", input);
+    }
+    // Names that fit a record.
+    const int at = open(in("").c_str(), O_DIRECTORY | O_CLOEXEC);
+    for (const auto &[name, shown] : {
+             std::pair<std::string, std::string>{"a\nb\x1d\x1e\x1f\x0e", in("a b    ")},
+             {"caf\xe9", in("caf?")},
+             {"caf\xc3\xa9", in("caf\xc3\xa9")},
+         }) {
+        const int fd = openat(at, name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        Read(LOCAL_FILE_CALL, DESCRIPTOR, DescriptorOf(fd));
+        EXPECT_EQ(file.fileName, shown);
+        close(fd);
+    }
+    close(at);
+    for (int fd : {0, 99999}) {
+        Read(LOCAL_FILE_CALL, DESCRIPTOR, DescriptorOf(fd));
+        EXPECT_TRUE(file.fd == fd && !*file.fileName);
+    }
+}
+
+TEST_F(Readers, SocketsHaveTheirPeer) {
+    jobject stream = Java<jobject>("Customers", "connect", "plain");
+    ReadStatement(StatementOver(stream, false), false);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const auto client = static_cast<int>(db.fd);
+    const auto port = static_cast<int32_t>(Java<int64_t>("Customers", "port", stream, true));
+    const struct {
+        const char *signature;
+        int fd, readFd, port;
+        const char *host;
+    } SOCKETS[] = {{DESCRIPTOR, client, client, port, "127.0.0.1"},
+                   {DESCRIPTOR, ends[0], ends[0], 0, ""},
+                   {DESCRIPTOR, 0, 0, -1, ""},
+                   {DESCRIPTOR, -1, -1, -1, ""},
+                   {"Ljava/net/Socket;", client, -1, -1, ""}};
+    for (const auto &row : SOCKETS) {
+        Read(LOCAL_NETWORK_CALL, row.signature, DescriptorOf(row.fd));
+        EXPECT_TRUE(network.fd == row.readFd && network.port == row.port) << row.fd;
+        EXPECT_STREQ(network.host, row.host);
+    }
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// A server without the field marks a stuck thread by its name.
+TEST_F(Readers, StuckThreadsAreMarkedByFieldOrName) {
+    const struct {
+        const char *name;
+        int32_t fields, stuck, hogger;
+    } THREADS[] = {{"[STUCK] ExecuteThread: '3'", 0, 1, -1},
+                   {"[STUCK", 0, -1, -1},
+                   {"ExecuteThread: [STUCK]", 0, -1, -1},
+                   {"[STUCK] but not so", 1, 0, 1},
+                   {"ExecuteThread", 2, 1, 0}};
+    for (const auto &row : THREADS) {
+        jobject thread = MakeObject(row.fields ? "ferrule/work/ExecuteThread" : "java/lang/Object");
+        if (row.fields) {
+            Plant(thread, "stuckThread,Z", row.fields == 2 ? "1" : "0");
+            Plant(thread, "isHogger,Z", row.fields == 1 ? "1" : "0");
+        }
+        ModelEntry entry(LOCAL_APP_SERVER_CALL, "Lferrule/work/ExecuteThread;", thread);
+        snprintf(entry.threadName, sizeof entry.threadName, "%s", row.name);
+        Read(entry);
+        EXPECT_TRUE(server.stuck == row.stuck && server.hogger == row.hogger) << row.name;
+    }
+}
