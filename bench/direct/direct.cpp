@@ -183,7 +183,7 @@ void MeasureHolds(int seconds) {
 
 // The old space's objects over and over, as so much memory.
 void MeasureCensus(size_t bytes) {
-    FillHeap({{'O', Piece::OBJECTS, 20000}}, 1);
+    FillHeap("O objects 20000", 1);
     const size_t filled = vm.old.top - vm.old.bottom;
     auto *memory =
         static_cast<char *>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));

@@ -40,7 +40,6 @@ struct Assembler {
 
     // Members of the JavaThread.
     void StoreRaxInThread(size_t place) { Bytes({0x49, 0x89, 0x87}), Value(int32_t(place)); }
-    void StoreRspInThread(size_t place) { Bytes({0x49, 0x89, 0xa7}), Value(int32_t(place)); }
     void StoreRbpInThread(size_t place) { Bytes({0x49, 0x89, 0xaf}), Value(int32_t(place)); }
     void StoreWordInThread(size_t place, int32_t value) {
         Bytes({0x49, 0xc7, 0x87}), Value(int32_t(place)), Value(value);

@@ -13,39 +13,33 @@ void BootCode();        // code.cpp
 
 namespace {
 
+using Predicate = Word KlassVtable::*;
 struct OwnPredicate {
-    VtableKind kind;
-    Word KlassVtable::*predicate;
-    VtableKind of; // whose function it inherits, or its own
+    VtableKind kind, of; // whose function it inherits, or its own
+    Predicate predicate;
 };
-const OwnPredicate OWN_PREDICATES[] = {
-    {VT_INSTANCE, &KlassVtable::isInstance, VT_INSTANCE},
-    {VT_INSTANCE_REF, &KlassVtable::isInstance, VT_INSTANCE},
-    {VT_INSTANCE_REF, &KlassVtable::isInstanceRef, VT_INSTANCE_REF},
-    {VT_ARRAY, &KlassVtable::isArray, VT_ARRAY},
-    {VT_TYPE_ARRAY, &KlassVtable::isArray, VT_ARRAY},
-    {VT_TYPE_ARRAY, &KlassVtable::isTypeArray, VT_TYPE_ARRAY},
-    {VT_OBJ_ARRAY, &KlassVtable::isArray, VT_ARRAY},
-    {VT_OBJ_ARRAY, &KlassVtable::isObjArray, VT_OBJ_ARRAY},
-    {VT_SYMBOL, &KlassVtable::isSymbol, VT_SYMBOL},
-    {VT_METHOD, &KlassVtable::isMethod, VT_METHOD},
-    {VT_CONST_METHOD, &KlassVtable::isConstMethod, VT_CONST_METHOD},
-    {VT_METHOD_DATA, &KlassVtable::isMethodData, VT_METHOD_DATA},
-    {VT_POOL, &KlassVtable::isConstantPool, VT_POOL},
-    {VT_POOL_CACHE, &KlassVtable::isConstantPoolCache, VT_POOL_CACHE},
-    {VT_IC_HOLDER, &KlassVtable::isCompiledICHolder, VT_IC_HOLDER},
-    {VT_KLASS_KLASS, &KlassVtable::isKlass, VT_KLASS_KLASS},
-    {VT_INSTANCE_KLASS_KLASS, &KlassVtable::isKlass, VT_KLASS_KLASS},
-    {VT_INSTANCE_KLASS_KLASS, &KlassVtable::isInstanceKlass, VT_INSTANCE_KLASS_KLASS},
-    {VT_ARRAY_KLASS_KLASS, &KlassVtable::isKlass, VT_KLASS_KLASS},
-    {VT_ARRAY_KLASS_KLASS, &KlassVtable::isArrayKlass, VT_ARRAY_KLASS_KLASS},
-    {VT_OBJ_ARRAY_KLASS_KLASS, &KlassVtable::isKlass, VT_KLASS_KLASS},
-    {VT_OBJ_ARRAY_KLASS_KLASS, &KlassVtable::isArrayKlass, VT_ARRAY_KLASS_KLASS},
-    {VT_OBJ_ARRAY_KLASS_KLASS, &KlassVtable::isObjArrayKlass, VT_OBJ_ARRAY_KLASS_KLASS},
-    {VT_TYPE_ARRAY_KLASS_KLASS, &KlassVtable::isKlass, VT_KLASS_KLASS},
-    {VT_TYPE_ARRAY_KLASS_KLASS, &KlassVtable::isArrayKlass, VT_ARRAY_KLASS_KLASS},
-    {VT_TYPE_ARRAY_KLASS_KLASS, &KlassVtable::isTypeArrayKlass, VT_TYPE_ARRAY_KLASS_KLASS},
-};
+
+// Kinds of objects, and each kind of klass for them: both the array's predicates and its own.
+std::vector<OwnPredicate> OwnPredicates() {
+    using V = KlassVtable;
+    std::vector<OwnPredicate> all = {{VT_INSTANCE_REF, VT_INSTANCE, &V::isInstance},
+                                     {VT_TYPE_ARRAY, VT_ARRAY, &V::isArray},
+                                     {VT_OBJ_ARRAY, VT_ARRAY, &V::isArray},
+                                     {VT_OBJ_ARRAY_KLASS_KLASS, VT_ARRAY_KLASS_KLASS, &V::isArrayKlass},
+                                     {VT_TYPE_ARRAY_KLASS_KLASS, VT_ARRAY_KLASS_KLASS, &V::isArrayKlass}};
+    auto own = [&](VtableKind kind, Predicate predicate) { all.push_back({kind, kind, predicate}); };
+    own(VT_INSTANCE, &V::isInstance), own(VT_INSTANCE_REF, &V::isInstanceRef), own(VT_ARRAY, &V::isArray);
+    own(VT_TYPE_ARRAY, &V::isTypeArray), own(VT_OBJ_ARRAY, &V::isObjArray), own(VT_SYMBOL, &V::isSymbol);
+    own(VT_METHOD, &V::isMethod), own(VT_CONST_METHOD, &V::isConstMethod), own(VT_POOL, &V::isConstantPool);
+    own(VT_METHOD_DATA, &V::isMethodData), own(VT_POOL_CACHE, &V::isConstantPoolCache);
+    own(VT_IC_HOLDER, &V::isCompiledICHolder), own(VT_INSTANCE_KLASS_KLASS, &V::isInstanceKlass);
+    own(VT_ARRAY_KLASS_KLASS, &V::isArrayKlass), own(VT_OBJ_ARRAY_KLASS_KLASS, &V::isObjArrayKlass);
+    own(VT_TYPE_ARRAY_KLASS_KLASS, &V::isTypeArrayKlass);
+    for (VtableKind kind : {VT_KLASS_KLASS, VT_INSTANCE_KLASS_KLASS, VT_ARRAY_KLASS_KLASS,
+                            VT_OBJ_ARRAY_KLASS_KLASS, VT_TYPE_ARRAY_KLASS_KLASS})
+        all.push_back({kind, VT_KLASS_KLASS, &V::isKlass});
+    return all;
+}
 const std::pair<VtableKind, Word BlobVtable::*> BLOB_PREDICATES[] = {
     {VT_BUFFER_BLOB, &BlobVtable::isBuffer},
     {VT_NMETHOD, &BlobVtable::isNmethod},
@@ -71,10 +65,10 @@ void FillVtables() {
             continue;
         }
         for (size_t at = offsetof(KlassVtable, isInstance); at < sizeof(KlassVtable); at += 8)
-            As<Word>(head + at + placeShift[ID_KLASS_VTABLE][at]) = vm.statics.isOther;
+            As<Word>(head + at + placeShift<KlassVtable>[at]) = vm.statics.isOther;
         At(head, &KlassVtable::oopSize) = vm.statics.oopSize;
     }
-    for (const OwnPredicate &own : OWN_PREDICATES)
+    for (const OwnPredicate &own : OwnPredicates())
         At(HeadOf(own.kind), own.predicate) = vm.statics.isOwn[own.of];
     for (auto &[kind, predicate] : BLOB_PREDICATES)
         At(HeadOf(kind), predicate) = vm.statics.isOwn[kind];
@@ -84,7 +78,10 @@ void FillVtables() {
 
 void Boot(const Options &options) {
     vm.options = options;
-    void *library = dlopen(options.library.c_str(), RTLD_NOW);
+    if (options.library.empty())
+        vm.options.library =
+            std::string(SIMVM_FOLDER) + (options.isClient ? "/client" : "/server") + "/libjvm.so";
+    void *library = dlopen(vm.options.library.c_str(), RTLD_NOW);
     if (!library)
         Fail(dlerror());
     reinterpret_cast<void (*)(Statics *)>(dlsym(library, "simvm_statics"))(&vm.statics);

@@ -50,21 +50,22 @@ void PutCounts(std::ostream &out, const char *name, const MAP &counts) {
 } // namespace
 
 std::unordered_map<Word, char> KindLetters() {
-    static const std::pair<VtableKind, char> LETTERS[] = {{VT_SYMBOL, '1'},
-                                                          {VT_METHOD, '2'},
-                                                          {VT_CONST_METHOD, 'F'},
-                                                          {VT_POOL, '3'},
-                                                          {VT_POOL_CACHE, '4'},
-                                                          {VT_IC_HOLDER, '*'},
-                                                          {VT_METHOD_DATA, 'H'},
-                                                          {VT_KLASS_KLASS, 'A'},
-                                                          {VT_INSTANCE_KLASS_KLASS, 'B'},
-                                                          {VT_ARRAY_KLASS_KLASS, 'C'},
-                                                          {VT_OBJ_ARRAY_KLASS_KLASS, 'D'},
-                                                          {VT_TYPE_ARRAY_KLASS_KLASS, 'E'}};
+    const VtableKind KINDS[] = {VT_SYMBOL,
+                                VT_METHOD,
+                                VT_CONST_METHOD,
+                                VT_POOL,
+                                VT_POOL_CACHE,
+                                VT_IC_HOLDER,
+                                VT_METHOD_DATA,
+                                VT_KLASS_KLASS,
+                                VT_INSTANCE_KLASS_KLASS,
+                                VT_ARRAY_KLASS_KLASS,
+                                VT_OBJ_ARRAY_KLASS_KLASS,
+                                VT_TYPE_ARRAY_KLASS_KLASS};
+    const char LETTERS[] = "12F34*HABCDE"; // of these
     std::unordered_map<Word, char> letters;
-    for (auto &[kind, letter] : LETTERS)
-        letters[vm.kindKlass[kind]] = letter;
+    for (size_t i = 0; i < std::size(KINDS); i++)
+        letters[vm.kindKlass[KINDS[i]]] = LETTERS[i];
     for (const auto &[name, type] : vm.classes)
         letters[type.klass] = name[0] == '[' ? '[' : '8';
     return letters;
@@ -121,21 +122,18 @@ Word RecordBase() {
 
 std::string HeapLine() {
     std::stringstream out;
-    out << "{\"heap\": [";
-    const char *separator = "";
+    const char *separator = "{\"heap\": [";
     for (const SpaceUse &use : UseOfSpaces()) {
-        Census census = CensusOf(*use.space);
+        const Census census = CensusOf(*use.space);
         out << separator << "{\"name\": \"" << use.name << "\", \"used\": " << use.used
-            << ", \"capacity\": " << use.capacity << ", \"percent\": " << use.percent
-            << ", \"objects\": " << census.all.objects << ", \"bytes\": " << census.all.bytes
-            << ", \"skipped\": [" << census.skippedRuns << ", " << census.skippedBytes << ']';
+            << ", \"capacity\": " << use.capacity << ", \"objects\": " << census.all.objects
+            << ", \"bytes\": " << census.all.bytes;
         PutCounts(out, "types", census.types);
         PutCounts(out, "classes", census.classes);
         out << '}';
         separator = ", ";
     }
-    out << "], \"base\": " << RecordBase() << ", \"minor\": " << vm.collections.minor
-        << ", \"major\": " << vm.collections.major << '}';
+    out << "]}";
     return out.str();
 }
 

@@ -9,7 +9,7 @@ namespace {
 
 constexpr int32_t POOL_ENTRIES = 96; // of a class, room for the methods that come later
 
-Word NewVmObject(VtableKind kind, int64_t bytes, int32_t structure = STRUCT_COUNT) {
+Word NewVmObject(VtableKind kind, int64_t bytes, Guarded structure = Guarded::NOTHING) {
     Word oop = AllocateObject(&vm.perm, bytes, structure);
     As<Oop>(oop) = {UNMARKED, vm.kindKlass[kind]};
     return oop;
@@ -17,7 +17,7 @@ Word NewVmObject(VtableKind kind, int64_t bytes, int32_t structure = STRUCT_COUN
 
 // A klass object whose Klass part has that virtual table.
 Word NewKlass(VtableKind kind, VtableKind kindOfKlass, int32_t statics = 0) {
-    Word klass = NewVmObject(kindOfKlass, sizeof(Klass) + 8 + 8 * statics, ID_KLASS);
+    Word klass = NewVmObject(kindOfKlass, sizeof(Klass) + 8 + 8 * statics, Guarded::KLASS);
     At(klass, &Klass::vtable) = reinterpret_cast<Word>(vm.statics.vtables[kind]) + VTABLE_HEAD;
     return klass;
 }
@@ -106,8 +106,8 @@ std::string LineTable(const std::vector<MethodLine> &lines, LineEnd end) {
 
 Word WriteConstMethod(const MethodInfo &method, LineEnd end) {
     std::string lines = LineTable(method.lines, end);
-    Word oop =
-        NewVmObject(VT_CONST_METHOD, sizeof(ConstMethod) + method.codeSize + lines.size(), ID_CONST_METHOD);
+    Word oop = NewVmObject(VT_CONST_METHOD, sizeof(ConstMethod) + method.codeSize + lines.size(),
+                           Guarded::CONST_METHOD);
     At(oop, &ConstMethod::codeSize) = method.codeSize;
     At(oop, &ConstMethod::nameIndex) = AddToPool(method.holder, Intern(method.name));
     At(oop, &ConstMethod::signatureIndex) = AddToPool(method.holder, Intern(method.signature));
@@ -127,7 +127,7 @@ Word Intern(const std::string &text) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     Word &symbol = vm.symbols[text];
     if (!symbol) {
-        symbol = NewVmObject(VT_SYMBOL, sizeof(Symbol) + text.size(), ID_SYMBOL);
+        symbol = NewVmObject(VT_SYMBOL, sizeof(Symbol) + text.size(), Guarded::SYMBOL);
         As<Symbol>(symbol).length = text.size();
         memcpy(&As<char>(symbol + sizeof(Symbol)), text.data(), text.size());
     }
@@ -152,7 +152,7 @@ Class *DefineClass(const std::string &name, const std::string &super, std::vecto
         reference |= up->name == "java/lang/ref/Reference";
     owner->klass =
         NewKlass(reference ? VT_INSTANCE_REF : VT_INSTANCE, VT_INSTANCE_KLASS_KLASS, owner->fields.size());
-    owner->pool = NewVmObject(VT_POOL, sizeof(ConstantPool) + 8 * owner->poolRoom, ID_POOL);
+    owner->pool = NewVmObject(VT_POOL, sizeof(ConstantPool) + 8 * owner->poolRoom, Guarded::POOL);
     At(owner->pool, &ConstantPool::holder) = owner->klass;
     At(owner->pool, &ConstantPool::length) = owner->poolRoom;
     At(owner->klass, &Klass::layoutHelper) = owner->bytes / 8;
@@ -216,7 +216,7 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
         owner = DefineClass(holder, "java/lang/Object");
     vm.methods.push_back({owner, name, signature, flags, codeSize, std::move(lines), 0});
     MethodInfo *method = &vm.methods.back();
-    method->oop = NewVmObject(VT_METHOD, sizeof(Method), ID_METHOD);
+    method->oop = NewVmObject(VT_METHOD, sizeof(Method), Guarded::METHOD);
     At(method->oop, &Method::constMethod) = WriteConstMethod(*method, end);
     At(method->oop, &Method::constants) = owner->pool;
     At(method->oop, &Method::accessFlags) = flags;

@@ -1,57 +1,32 @@
-// A dump file of the direct road read into sets, and what it has to hold by the description.
+// A dump file of the direct road read into lines that can be compared, and those that it has to hold by the
+// description. Addresses are the VM's.
 #pragma once
 
 #include "roots.h"
 
+#include <set>
+
 namespace simvm {
 
-struct Reference {
-    Word place, to;
-    bool operator<(const Reference &other) const {
-        return place != other.place ? place < other.place : to < other.to;
-    }
-    bool operator==(const Reference &other) const { return place == other.place && to == other.to; }
-};
-
-// An object's line and those below it. Addresses are the VM's.
+// An object as "space type|bytes|class|length of an array|", of a symbol its text; and what it refers to, a
+// field as "I place>address", an element as "R address".
 struct DumpedObject {
-    char space = 0, type = 0;
-    int64_t bytes = 0;
-    int64_t length = -1;               // of arrays
-    std::string text;                  // of symbols
-    std::vector<Word> symbols;         // its class's name; a klass's own; a method's name and signature
-    std::vector<Reference> fields;     // of an instance, in the order of places
-    std::vector<Word> elements;        // of an array of references, but null ones
-    std::vector<Reference> links = {}; // of a klass or a pool
-};
-struct DumpedRoot {
-    char letter;
-    std::string prefix, name; // "thread|class->method|"
-    int32_t type;
-    Word address;
+    std::string line;
+    std::vector<std::string> references;
+    bool isKnown = true; // else the line only begins so, and nobody knows the references
 };
 struct HeapDump {
-    std::vector<std::string> header, strange; // strange: lines that are nothing of the above
-    std::vector<DumpedRoot> roots;
+    std::vector<std::string> header, strange; // strange: lines that are nothing of the below
+    std::set<std::string> roots;              // "letter name address"
+    std::map<std::string, Word> frames;       // what frames refer to: "thread|name address"
     std::map<Word, DumpedObject> objects;
     int64_t repeated = 0; // objects with more than one line
-    bool finished = false;
+    bool isFinished = false;
 };
 HeapDump ReadDump(const std::string &path);
-
-// What a dump made now has to hold.
-struct DumpTruth {
-    std::map<Word, DumpedObject> objects; // length -1: not described, its references neither
-    std::vector<Root> roots;
-    // Roots of frames that must be there: by thread, by a name, or what a frame has on its stack.
-    struct OfFrame {
-        std::string thread, name;
-        Word address;
-    };
-    std::vector<OfFrame> frames;
-};
-DumpTruth TakeTruth(const std::vector<Runner *> &runners);
+// What a dump made now has to hold; of frames at least this.
+HeapDump TakeTruth(const std::vector<Runner *> &runners);
 // Each way in which the two differ, 20 of them at most.
-std::vector<std::string> Differences(const HeapDump &dump, const DumpTruth &truth);
+std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth);
 
 } // namespace simvm

@@ -1,14 +1,8 @@
 // A dump holds exactly what the description has, at the moment in which its threads were held: each object
 // with its class, size and references, each root.
-#include "agent.h"
 #include "dump.h"
 #include "heap.h"
-
-#include "qoragent/worker.h"
-
-#include <algorithm>
-#include <filesystem>
-#include <gtest/gtest.h>
+#include "with_scene.h"
 
 using namespace simvm;
 
@@ -26,14 +20,14 @@ bool LacksFrames(const std::vector<std::string> &differences) {
                        [](const std::string &line) { return line.rfind("no root of a frame", 0) == 0; });
 }
 
-HeapDump ExpectTruth(const std::string &folder, const std::vector<Runner *> &runners) {
-    const DumpTruth truth = TakeTruth(runners);
+HeapDump ExpectTruth(const DumpFolder &folder, const std::vector<Runner *> &runners) {
+    const HeapDump truth = TakeTruth(runners);
     std::vector<std::string> differences;
     HeapDump dump;
     for (int dumps = 0; dumps == 0 || (dumps < 50 && LacksFrames(differences)); dumps++) {
         const std::string reply = Ask("513|showmem|256|dump|7");
         EXPECT_NE(reply.find("completed"), std::string::npos) << reply;
-        dump = ReadDump(folder + "/dump");
+        dump = ReadDump(folder("dump"));
         differences = Differences(dump, truth);
     }
     for (const std::string &line : differences)
@@ -75,14 +69,16 @@ struct Writer {
 
     // A dump's array is of one moment: the first so many words have a target, all others the one before it.
     void ExpectMoment(const HeapDump &dump) const {
-        const std::vector<Word> &elements = dump.objects.at(array->address).elements;
+        const std::vector<std::string> &elements = dump.objects.at(array->address).references;
         ASSERT_EQ(elements.size(), size_t{WORDS});
-        auto number = [&](Word target) {
-            return std::find(targets.begin(), targets.end(), target) - targets.begin();
+        auto number = [&](const std::string &element) {
+            return std::find(targets.begin(), targets.end(), strtoull(element.c_str() + 2, nullptr, 16)) -
+                   targets.begin();
         };
-        const auto split = std::find_if(elements.begin(), elements.end(),
-                                        [&](Word element) { return element != elements.front(); });
-        EXPECT_EQ(std::count(split, elements.end(), *(elements.end() - 1)), elements.end() - split);
+        const auto split = std::find_if(elements.begin(), elements.end(), [&](const std::string &element) {
+            return element != elements.front();
+        });
+        EXPECT_EQ(std::count(split, elements.end(), elements.back()), elements.end() - split);
         EXPECT_TRUE(split == elements.end() || number(elements.front()) == (number(*split) + 1) % 8);
     }
 };
@@ -90,31 +86,18 @@ struct Writer {
 } // namespace
 
 TEST_P(DumpContent, EqualsTheDescription) {
-    const std::string folder =
-        std::filesystem::temp_directory_path() / ("content" + std::to_string(getpid()));
-    std::filesystem::create_directory(folder);
     Options options;
-    options.library = SIMVM_FOLDER "/server/libjvm.so";
     options.collector = GetParam().collector;
-    Boot(options);
-    Scene scene;
-    StageScene("shop", &scene);
-    Script main = MainScript();
-    EmitScript(&main);
-    RunHere("main", &main, [&] {
-        ASSERT_EQ(StartAgent(), 0);
-        Ask("512|NoProcessing|qorheapdir|" + folder);
+    WithScene("shop", options, [](Scene &scene) {
+        const DumpFolder folder;
         StageRoots(scene.runners.front()->info, GetParam().end);
         const Writer writer;
-        FillHeap(TrickyHeap(), 1);
+        FillHeap(TRICKY_HEAP, 1);
         std::vector<Runner *> runners = scene.runners;
         runners.push_back(writer.runner);
         writer.ExpectMoment(ExpectTruth(folder, runners));
         Leave(writer.runner);
-        Ask("SHUTDOWN");
     });
-    EndScene(&scene);
-    std::filesystem::remove_all(folder);
 }
 
 INSTANTIATE_TEST_SUITE_P(Simvm, DumpContent,

@@ -1,9 +1,9 @@
 // What a dump has to hold, from the description.
+#include "agent.h"
 #include "dump.h"
 #include "heap.h"
 
 #include <algorithm>
-#include <set>
 #include <sstream>
 
 namespace simvm {
@@ -16,18 +16,16 @@ struct Names {
     std::unordered_map<Word, const std::string *> symbols; // by address
     std::unordered_map<Word, Word> ofClasses;              // a klass's name
     std::unordered_map<Word, const MethodInfo *> methods;
-};
 
-Names AllNames() {
-    Names names;
-    for (const auto &[text, symbol] : vm.symbols)
-        names.symbols[symbol] = &text;
-    for (const auto &[name, type] : vm.classes)
-        names.ofClasses[type.klass] = vm.symbols[name];
-    for (const MethodInfo &method : vm.methods)
-        names.methods[method.oop] = &method;
-    return names;
-}
+    Names() {
+        for (const auto &[text, symbol] : vm.symbols)
+            symbols[symbol] = &text;
+        for (const auto &[name, type] : vm.classes)
+            ofClasses[type.klass] = vm.symbols[name];
+        for (const MethodInfo &method : vm.methods)
+            methods[method.oop] = &method;
+    }
+};
 
 // As a line has it: what is no plain character is left out, and a line's end ends it.
 std::string Plain(const std::string &text) {
@@ -39,124 +37,93 @@ std::string Plain(const std::string &text) {
 }
 
 DumpedObject Expected(Word at, char letter, char type, const Names &names) {
-    DumpedObject object;
-    object.space = letter;
-    object.type = type;
-    object.bytes = 8 * WordsOf(at);
+    DumpedObject object = {{letter, type, '|'}, {}, false};
+    object.line += Hex(8 * WordsOf(at)) + "|";
+    const auto name = names.ofClasses.find(type == '8' || type == '[' ? As<Oop>(at).klass : at);
     if (type == '1')
-        object.text = Plain(*names.symbols.at(at));
+        object.line += Plain(*names.symbols.at(at)) + "|";
     else if (type == '2')
-        object.symbols = {vm.symbols[names.methods.at(at)->name],
-                          vm.symbols[names.methods.at(at)->signature]};
-    else if (auto name = names.ofClasses.find(type == '8' || type == '[' ? As<Oop>(at).klass : at);
-             name != names.ofClasses.end())
-        object.symbols = {name->second};
+        object.line += Hex(vm.symbols[names.methods.at(at)->name]) + "|" +
+                       Hex(vm.symbols[names.methods.at(at)->signature]) + "|";
+    else if (name != names.ofClasses.end())
+        object.line += Hex(name->second) + "|";
     return object;
 }
 
 void AddReferences(const Object &from, DumpedObject *out) {
-    bool array = from.type->name[0] == '[';
-    if (!array) {
-        std::vector<const Field *> fields = FieldsOf(from.type);
-        for (size_t i = 0; i < from.values.size(); i++)
-            if (from.values[i].object)
-                out->fields.push_back({from.address + fields[i]->offset, from.values[i].object->address});
-        std::sort(out->fields.begin(), out->fields.end());
-        out->length = 0;
-        return;
-    }
-    out->length = from.values.size();
-    for (const Value &value : from.values)
-        if (value.object)
-            out->elements.push_back(value.object->address);
+    const bool isArray = from.type->name[0] == '[';
+    const std::vector<const Field *> fields = isArray ? std::vector<const Field *>() : FieldsOf(from.type);
+    for (size_t i = 0; i < from.values.size(); i++)
+        if (const Object *to = from.values[i].object)
+            out->references.push_back((isArray ? "R " : "I " + Hex(from.address + fields[i]->offset) + ">") +
+                                      Hex(to->address));
+    if (isArray)
+        out->line += Hex(from.values.size()) + "|";
+    else
+        std::sort(out->references.begin(), out->references.end());
+    out->isKnown = true;
 }
 
-void AddFrames(const Runner &runner, DumpTruth *out) {
+void AddFrames(const Runner &runner, HeapDump *out) {
     std::string thread = runner.info->name;
     std::replace(thread.begin(), thread.end(), '|', ' ');
+    auto add = [&](const char *name, Word address) {
+        out->frames[thread + "|" + name + " " + Hex(address)] = address;
+    };
     for (const Frame &frame : runner.script->frames)
         for (const Scope &scope : frame.scopes) {
             if (frame.kind == FrameKind::INTERPRETED || frame.kind == FrameKind::NATIVE) {
-                out->frames.push_back({thread, "interpreter_frame_meth", scope.method->oop});
+                add("interpreter_frame_meth", scope.method->oop);
                 continue;
             }
             if (scope.receiver)
-                out->frames.push_back({thread, "thread_local", scope.receiver->address});
+                add("thread_local", scope.receiver->address);
             for (const Object *object : scope.monitors)
-                out->frames.push_back({thread, "thread_local", object->address});
+                add("thread_local", object->address);
         }
 }
 
 std::string Text(Word address, const DumpedObject &object) {
-    std::stringstream out;
-    out << std::hex << address << ": " << object.space << object.type << " bytes " << object.bytes
-        << " length " << object.length << " \"" << object.text << "\" symbols";
-    for (Word symbol : object.symbols)
-        out << ' ' << symbol;
-    out << " fields";
-    for (const Reference &field : object.fields)
-        out << ' ' << field.place << ">" << field.to;
-    out << " elements";
-    for (Word element : object.elements)
-        out << ' ' << element;
-    return out.str();
+    std::string text = Hex(address) + ": " + object.line;
+    for (const std::string &reference : object.references)
+        text += "\n    " + reference;
+    return text;
 }
 
 bool IsSame(const DumpedObject &shown, const DumpedObject &truth) {
-    if (shown.space != truth.space || shown.type != truth.type || shown.bytes != truth.bytes ||
-        shown.text != truth.text)
-        return false;
-    if (!truth.symbols.empty() && shown.symbols != truth.symbols)
-        return false;
-    if (truth.length < 0)
-        return true;
-    return (truth.type == '8' || shown.length == truth.length) && shown.fields == truth.fields &&
-           shown.elements == truth.elements;
-}
-
-bool IsOfFrame(const DumpedRoot &root) {
-    return root.name == "thread_local" || root.name.rfind("interpreter_frame_", 0) == 0;
+    return truth.isKnown ? shown.line == truth.line && shown.references == truth.references
+                         : shown.line.rfind(truth.line, 0) == 0;
 }
 
 struct Differing {
     std::vector<std::string> lines;
-    template <class... PARTS>
-    void Add(const PARTS &...parts) {
-        std::stringstream out;
+    void Add(const std::string &line) {
         if (lines.size() < MAX_DIFFERENCES)
-            ((out << std::hex << parts), ...), lines.push_back(out.str());
+            lines.push_back(line);
     }
 };
 
-void CompareRoots(const HeapDump &dump, const DumpTruth &truth, Differing *out) {
-    std::set<std::tuple<char, std::string, Word>> shown, expected;
-    std::set<std::tuple<std::string, std::string, Word>> frames;
-    for (const DumpedRoot &root : dump.roots)
-        if (IsOfFrame(root)) {
-            frames.emplace(root.prefix.substr(0, root.prefix.find('|')), root.name, root.address);
-            if (!truth.objects.count(root.address))
-                out->Add("a frame's root leads nowhere: ", root.prefix, root.name, ' ', root.address);
-        } else
-            shown.emplace(root.letter, root.name, root.address);
-    for (const Root &root : truth.roots)
-        expected.emplace(root.letter, root.name, root.Address());
-    for (auto &[letter, name, address] : expected)
-        if (!shown.count({letter, name, address}))
-            out->Add("no root ", letter, ' ', name, ' ', address);
-    for (auto &[letter, name, address] : shown)
-        if (!expected.count({letter, name, address}))
-            out->Add("not a root: ", letter, ' ', name, ' ', address);
-    for (const DumpTruth::OfFrame &frame : truth.frames)
-        if (!frames.count({frame.thread, frame.name, frame.address}))
-            out->Add("no root of a frame: ", frame.thread, ' ', frame.name, ' ', frame.address);
+void CompareRoots(const HeapDump &dump, const HeapDump &truth, Differing *out) {
+    for (const std::string &root : truth.roots)
+        if (!dump.roots.count(root))
+            out->Add("no root " + root);
+    for (const std::string &root : dump.roots)
+        if (!truth.roots.count(root))
+            out->Add("not a root: " + root);
+    for (const auto &[root, address] : dump.frames)
+        if (!truth.objects.count(address))
+            out->Add("a frame's root leads nowhere: " + root);
+    for (const auto &[root, address] : truth.frames)
+        if (!dump.frames.count(root))
+            out->Add("no root of a frame: " + root);
 }
 
 } // namespace
 
-DumpTruth TakeTruth(const std::vector<Runner *> &runners) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    DumpTruth truth;
-    const Names names = AllNames();
+HeapDump TakeTruth(const std::vector<Runner *> &runners) {
+    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    HeapDump truth;
+    const Names names;
     const std::unordered_map<Word, char> letters = KindLetters();
     for (const SpaceUse &use : UseOfSpaces())
         for (Word at = use.space->bottom; at < use.space->top; at += 8)
@@ -165,28 +132,30 @@ DumpTruth TakeTruth(const std::vector<Runner *> &runners) {
     for (const Object &object : vm.objects)
         if (object.address && object.type)
             AddReferences(object, &truth.objects[object.address]);
-    truth.roots = AllRoots();
+    for (const Root &root : AllRoots())
+        truth.roots.insert(root.letter + (" " + root.name) + " " + Hex(root.Address()));
     for (const Runner *runner : runners)
         AddFrames(*runner, &truth);
     return truth;
 }
 
-std::vector<std::string> Differences(const HeapDump &dump, const DumpTruth &truth) {
+std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth) {
     Differing out;
     for (const std::string &line : dump.strange)
-        out.Add("a strange line: ", line);
-    if (!dump.finished || dump.repeated)
-        out.Add("finished: ", dump.finished, ", objects with two lines: ", dump.repeated);
+        out.Add("a strange line: " + line);
+    if (!dump.isFinished || dump.repeated)
+        out.Add("finished: " + std::to_string(dump.isFinished) +
+                ", repeated: " + std::to_string(dump.repeated));
     for (const auto &[address, object] : truth.objects) {
-        auto shown = dump.objects.find(address);
+        const auto shown = dump.objects.find(address);
         if (shown == dump.objects.end())
-            out.Add("missing ", Text(address, object));
+            out.Add("missing " + Text(address, object));
         else if (!IsSame(shown->second, object))
-            out.Add("is ", Text(address, shown->second), "\n  not ", Text(address, object));
+            out.Add("is " + Text(address, shown->second) + "\n  not " + Text(address, object));
     }
     for (const auto &[address, object] : dump.objects)
         if (!truth.objects.count(address))
-            out.Add("not an object: ", Text(address, object));
+            out.Add("not an object: " + Text(address, object));
     CompareRoots(dump, truth, &out);
     return out.lines;
 }

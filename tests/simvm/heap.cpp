@@ -3,6 +3,7 @@
 #include "objects.h"
 
 #include <random>
+#include <sstream>
 
 namespace simvm {
 
@@ -10,8 +11,7 @@ namespace {
 
 constexpr int32_t ODD_HEADER = 28; // of arrays of floats in such a heap
 constexpr Word DICTIONARY_WORDS = 257;
-constexpr int64_t ONE_TOO_MANY = -2;
-constexpr int64_t OVERFLOWING = (1l << 61) + 8; // in bytes it is 64 again
+constexpr int64_t ONE_TOO_MANY = -2; // words more than the space has left
 
 std::mt19937 random;
 std::vector<Object *> made; // what later ones refer to
@@ -88,13 +88,13 @@ void AddArray(HeapSpace *space, Class *type, int32_t length, int64_t bytes) {
     vm.objects.push_back({at, type->klass, bytes, space->letter, nullptr});
 }
 
-void AddOddArray(HeapSpace *space, int32_t length) {
+void AddOddArray(HeapSpace *space, int64_t length) {
     Class *odd = ArrayClass("[F");
     At(odd->klass, &Klass::arrayHeaderSize) = ODD_HEADER;
-    AddArray(space, odd, length, (ODD_HEADER + 4 * length + 7) & ~7);
+    AddArray(space, odd, int32_t(length), (ODD_HEADER + 4 * length + 7) & ~7);
 }
 
-void AddVmKinds(HeapSpace *space) {
+void AddVmKinds(HeapSpace *space, int64_t) {
     for (auto &[kind, bytes] : {std::pair<VtableKind, int64_t>{VT_POOL_CACHE, 64},
                                 {VT_IC_HOLDER, 40},
                                 {VT_METHOD_DATA, 120},
@@ -132,7 +132,7 @@ void AddHalfArray(HeapSpace *space, int64_t bytes) {
     As<JavaArray>(at) = {UNMARKED, klass, random() % 2 ? INT32_MIN : 1 << 29, 0};
 }
 
-void AddForwarded(HeapSpace *space) {
+void AddForwarded(HeapSpace *space, int64_t) {
     made.push_back(NewString("forwarded", space->letter));
     As<Oop>(made.back()->address).mark = AnyMade()->address | 3;
 }
@@ -166,82 +166,56 @@ void AddAcross(HeapSpace *space, int64_t bytes) {
         As<JavaArray>(at).length = length;
 }
 
-void Add(HeapSpace *space, const PieceRow &row) {
-    switch (row.piece) {
-    case Piece::OBJECTS:
-        return AddObjects(space, row.amount);
-    case Piece::STALE:
-        return AddStale(space, row.amount);
-    case Piece::NO_KLASS:
-        As<Word>(AddGap(space, row.amount, false, 0)) = UNMARKED;
-        return;
-    case Piece::LINK:
-        return AddLink(space, row.amount);
-    case Piece::HALF_ARRAY:
-        return AddHalfArray(space, row.amount);
-    case Piece::FORWARDED:
-        return AddForwarded(space);
-    case Piece::ODD_ARRAY:
-        return AddOddArray(space, int32_t(row.amount));
-    case Piece::VM_KINDS:
-        return AddVmKinds(space);
-    case Piece::ACROSS:
-        return AddAcross(space, row.amount);
-    case Piece::LAST:
-        return AddLast(space, row.amount);
-    case Piece::CHUNK:
-        return HasFreeLists(*space) ? AddChunk(space, row.amount) : void();
-    case Piece::WRONG_CHUNK:
-        return HasFreeLists(*space) ? AddWrongChunk(space, row.amount) : void();
-    }
-}
+using Adder = void (*)(HeapSpace *space, int64_t amount);
+const std::map<std::string, Adder> ADDERS = {
+    {"objects", AddObjects},
+    {"stale", AddStale},
+    {"no-klass",
+     [](HeapSpace *space, int64_t bytes) { As<Word>(AddGap(space, bytes, false, 0)) = UNMARKED; }},
+    {"link", AddLink},
+    {"half-array", AddHalfArray},
+    {"forwarded", AddForwarded},
+    {"odd-array", AddOddArray},
+    {"vm-kinds", AddVmKinds},
+    {"across", AddAcross},
+    {"last", AddLast},
+    {"chunk", AddChunk},
+    {"wrong-chunk", AddWrongChunk}};
 
 } // namespace
 
-void FillHeap(const std::vector<PieceRow> &pieces, uint32_t seed) {
+void FillHeap(const char *pieces, uint32_t seed) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     random.seed(seed);
     made = {NewObject("java/lang/Object", 'O')};
     DefineClasses();
     for (const char *signature : {"[B", "[J"})
         ArrayClass(signature);
-    for (const PieceRow &row : pieces)
-        Add(&SpaceOf(row.space), row);
+    std::istringstream words(pieces);
+    int64_t amount;
+    char letter;
+    for (std::string piece; words >> letter >> piece >> amount;) {
+        HeapSpace &space = SpaceOf(letter);
+        if (HasFreeLists(space) || piece.find("chunk") == std::string::npos)
+            ADDERS.at(piece)(&space, amount);
+    }
 }
 
-using P = Piece;
-// Gaps lie between objects, or beside each other where that makes one run.
-const std::vector<PieceRow> &TrickyHeap() {
-    static const std::vector<PieceRow> pieces = {
-        {'P', P::CHUNK, 3},        {'P', P::VM_KINDS, 0},
-        {'P', P::OBJECTS, 20},     {'P', P::CHUNK, 5000},
-        {'P', P::LINK, 40},        {'P', P::WRONG_CHUNK, 0},
-        {'P', P::OBJECTS, 20},     {'P', P::NO_KLASS, 64},
-        {'P', P::CHUNK, 256},      {'P', P::NO_KLASS, 8},
-        {'P', P::VM_KINDS, 0},     {'O', P::CHUNK, 4},
-        {'O', P::CHUNK, 257},      {'O', P::OBJECTS, 300},
-        {'O', P::WRONG_CHUNK, 1},  {'O', P::OBJECTS, 5},
-        {'O', P::WRONG_CHUNK, -1}, {'O', P::WRONG_CHUNK, ONE_TOO_MANY},
-        {'O', P::OBJECTS, 5},      {'O', P::WRONG_CHUNK, OVERFLOWING},
-        {'O', P::CHUNK, 30},       {'O', P::WRONG_CHUNK, 0},
-        {'O', P::OBJECTS, 5},      {'O', P::HALF_ARRAY, 48},
-        {'O', P::ODD_ARRAY, 2},    {'O', P::ODD_ARRAY, 1},
-        {'O', P::FORWARDED, 0},    {'O', P::LINK, 24},
-        {'O', P::OBJECTS, 200},    {'O', P::ACROSS, 40},
-        {'E', P::STALE, 8},        {'E', P::OBJECTS, 300},
-        {'E', P::STALE, 4096},     {'E', P::OBJECTS, 2},
-        {'E', P::NO_KLASS, 128},   {'E', P::STALE, 64},
-        {'E', P::FORWARDED, 0},    {'E', P::LINK, 56},
-        {'E', P::ODD_ARRAY, 3},    {'E', P::HALF_ARRAY, 24},
-        {'E', P::OBJECTS, 300},    {'E', P::HALF_ARRAY, 80}};
-    return pieces;
-}
-
-const std::vector<PieceRow> &FullHeap() {
-    static const std::vector<PieceRow> pieces = {
-        {'O', P::CHUNK, 10},  {'O', P::OBJECTS, 5}, {'O', P::LAST, 8},    {'O', P::STALE, 8},
-        {'E', P::OBJECTS, 5}, {'E', P::LAST, 0},    {'P', P::OBJECTS, 5}, {'P', P::LAST, 0}};
-    return pieces;
-}
+// Gaps lie between objects, or beside each other where that makes one run. 2^61 + 8 words are 64 bytes again.
+const char TRICKY_HEAP[] = R"(
+P chunk 3          P vm-kinds 0      P objects 20    P chunk 5000                     P link 40
+P wrong-chunk 0    P objects 20      P no-klass 64   P chunk 256                      P no-klass 8
+P vm-kinds 0       O chunk 4         O chunk 257     O objects 300                    O wrong-chunk 1
+O objects 5        O wrong-chunk -1  O wrong-chunk -2  O objects 5                    O wrong-chunk 2305843009213693960
+O chunk 30         O wrong-chunk 0   O objects 5     O half-array 48                  O odd-array 2
+O odd-array 1      O forwarded 0     O link 24       O objects 200                    O across 40
+E stale 8          E objects 300     E stale 4096    E objects 2                      E no-klass 128
+E stale 64         E forwarded 0     E link 56       E odd-array 3                    E half-array 24
+E objects 300      E half-array 80
+)";
+const char FULL_HEAP[] = R"(
+O chunk 10   O objects 5   O last 8   O stale 8
+E objects 5  E last 0      P objects 5  P last 0
+)";
 
 } // namespace simvm

@@ -9,32 +9,24 @@ namespace simvm {
 // ---- content
 // -----------------------------------------------------------------------------------------------
 
-enum class Piece {
-    OBJECTS,    // so many random ones
-    STALE,      // so many bytes of what was there once
-    NO_KLASS,   // an object of so many bytes without a klass word, as one that is being allocated
-    LINK,       // the same whose klass word is a link to another object
-    HALF_ARRAY, // the same that has a klass and as yet a wild length
-    FORWARDED,  // an object whose mark is where it went; it still counts
-    ODD_ARRAY,  // of so many elements, of a kind whose header isn't a multiple of 8
-    VM_KINDS,   // what only the VM makes, one of each; for perm
-    ACROSS,     // an array that begins so many bytes before the space's top and ends after it
-    LAST,       // top is so many bytes below the space's end; from there down a last object
-    // for spaces with free lists
-    CHUNK,      // a free one of so many words
-    WRONG_CHUNK // a stretch of 64 bytes that is a free chunk of so many words: no size that can be
-};
-struct PieceRow {
-    char space; // O: of both kinds of old
-    Piece piece;
-    int64_t amount;
-};
-// Puts the pieces into the spaces, one after the other. The same seed makes the same content.
-void FillHeap(const std::vector<PieceRow> &pieces, uint32_t seed);
+// Puts pieces into the spaces, one after the other; the same seed makes the same content. A piece is the
+// space's letter (O: of both kinds of old), a word and an amount:
+//   objects      so many random ones
+//   stale        so many bytes of what was there once
+//   no-klass     an object of so many bytes without a klass word, as one that is being allocated
+//   link         the same whose klass word is a link to another object
+//   half-array   the same that has a klass and as yet a wild length
+//   forwarded    an object whose mark is where it went; it still counts
+//   odd-array    of so many elements, of a kind whose header isn't a multiple of 8
+//   vm-kinds     what only the VM makes, one of each; for perm
+//   across       an array that begins so many bytes before the space's top and ends after it
+//   last         top is so many bytes below the space's end; from there down a last object
+//   chunk        in spaces with free lists: a free one of so many words
+//   wrong-chunk  the same: a stretch of 64 bytes that is a free chunk of so many words, no size that can be
+void FillHeap(const char *pieces, uint32_t seed);
 // All of the above at every place that a reader might trip over; "full" spaces end at the end of their
 // mapping. The from space stays empty.
-const std::vector<PieceRow> &TrickyHeap();
-const std::vector<PieceRow> &FullHeap();
+extern const char TRICKY_HEAP[], FULL_HEAP[];
 
 // ---- figures
 // -----------------------------------------------------------------------------------------------

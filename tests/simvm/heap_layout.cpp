@@ -11,7 +11,7 @@ constexpr size_t MB = 1 << 20;
 constexpr Word PAGE = 4096;
 
 template <class S>
-Word NewSpace(HeapSpace *space, char letter, size_t bytes, size_t structureBytes) {
+Word NewSpace(HeapSpace *space, char letter, size_t bytes) {
     space->letter = letter;
     bool wide = letter == 'P' && vm.options.wide;
     bytes += wide ? WIDE_GAP : 0;
@@ -19,53 +19,57 @@ Word NewSpace(HeapSpace *space, char letter, size_t bytes, size_t structureBytes
     space->end = space->bottom + bytes;
     mprotect(reinterpret_cast<void *>(space->end), PAGE, PROT_NONE);
     space->sizes = Map(bytes / 2, false);
-    space->structure = Allocate(structureBytes);
+    space->structure = Allocate(sizeof(S));
     At(space->structure, &S::bottom) = space->bottom;
     At(space->structure, &S::end) = space->end;
     At(space->structure, &S::top) = space->top;
     return space->structure;
 }
 
-Word NewFreeListSpace(HeapSpace *space, char letter, size_t bytes) {
-    Word structure = NewSpace<FreeListSpace>(space, letter, bytes, sizeof(FreeListSpace));
+// The young generation's spaces.
+template <class GENERATION, class SPACE>
+Word NewYoung() {
+    const Word young = Allocate(sizeof(GENERATION));
+    At(young, &GENERATION::eden) = NewSpace<SPACE>(&vm.eden, 'E', 4 * MB);
+    At(young, &GENERATION::from) = NewSpace<SPACE>(&vm.from, 'F', MB);
+    At(young, &GENERATION::to) = NewSpace<SPACE>(&vm.to, 'T', MB);
+    return young;
+}
+
+// A generation of one space.
+template <class GENERATION, class SPACE>
+Word NewGeneration(HeapSpace *space, char letter, size_t bytes) {
+    const Word generation = Allocate(sizeof(GENERATION));
+    At(generation, &GENERATION::space) = NewSpace<SPACE>(space, letter, bytes);
+    return generation;
+}
+
+Word NewConcurrent(HeapSpace *space, char letter, size_t bytes) {
+    const Word generation = Allocate(sizeof(Generation)),
+               structure = NewSpace<FreeListSpace>(space, letter, bytes);
     At(structure, &FreeListSpace::top) = space->bottom + bytes / 4; // what it says means nothing
     At(structure, &FreeListSpace::indexedFreeWords) = 0;
     At(structure, &FreeListSpace::dictionary) = Allocate(sizeof(FreeListDictionary));
-    return structure;
+    At(generation, &Generation::cmsSpace) = structure;
+    return generation;
 }
 
 void LayOutParallel() {
-    Word young = Allocate(sizeof(ParallelGeneration)), old = Allocate(sizeof(ParallelGeneration)),
-         perm = Allocate(sizeof(ParallelGeneration));
-    *vm.statics.psYoung = young;
-    *vm.statics.psOld = old;
-    *vm.statics.psPerm = perm;
-    size_t bytes = sizeof(ParallelSpace);
-    At(perm, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.perm, 'P', 16 * MB, bytes);
-    At(old, &ParallelGeneration::space) = NewSpace<ParallelSpace>(&vm.old, 'O', 8 * MB, bytes);
-    At(young, &ParallelGeneration::eden) = NewSpace<ParallelSpace>(&vm.eden, 'E', 4 * MB, bytes);
-    At(young, &ParallelGeneration::from) = NewSpace<ParallelSpace>(&vm.from, 'F', MB, bytes);
-    At(young, &ParallelGeneration::to) = NewSpace<ParallelSpace>(&vm.to, 'T', MB, bytes);
+    *vm.statics.psPerm = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.perm, 'P', 16 * MB);
+    *vm.statics.psOld = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.old, 'O', 8 * MB);
+    *vm.statics.psYoung = NewYoung<ParallelGeneration, ParallelSpace>();
 }
 
 void LayOutGenerations() {
-    bool concurrent = vm.options.collector == Collector::CONCURRENT;
-    Word young = Allocate(sizeof(YoungGeneration)), old = Allocate(sizeof(Generation)),
-         perm = Allocate(sizeof(Generation)), holder = Allocate(sizeof(PermGenerations));
-    At(vm.heap, &CollectedHeap::young) = young;
-    At(vm.heap, &CollectedHeap::old) = old;
+    const bool concurrent = vm.options.collector == Collector::CONCURRENT;
+    const Word holder = Allocate(sizeof(PermGenerations));
     At(vm.heap, &CollectedHeap::perm) = holder;
-    At(holder, &PermGenerations::generation) = perm;
-    if (concurrent) {
-        At(perm, &Generation::cmsSpace) = NewFreeListSpace(&vm.perm, 'P', 16 * MB);
-        At(old, &Generation::cmsSpace) = NewFreeListSpace(&vm.old, 'C', 8 * MB);
-    } else {
-        At(perm, &Generation::space) = NewSpace<Space>(&vm.perm, 'P', 16 * MB, sizeof(Space));
-        At(old, &Generation::space) = NewSpace<Space>(&vm.old, 'O', 8 * MB, sizeof(Space));
-    }
-    At(young, &YoungGeneration::eden) = NewSpace<Space>(&vm.eden, 'E', 4 * MB, sizeof(Space));
-    At(young, &YoungGeneration::from) = NewSpace<Space>(&vm.from, 'F', MB, sizeof(Space));
-    At(young, &YoungGeneration::to) = NewSpace<Space>(&vm.to, 'T', MB, sizeof(Space));
+    At(holder, &PermGenerations::generation) = concurrent
+                                                   ? NewConcurrent(&vm.perm, 'P', 16 * MB)
+                                                   : NewGeneration<Generation, Space>(&vm.perm, 'P', 16 * MB);
+    At(vm.heap, &CollectedHeap::old) = concurrent ? NewConcurrent(&vm.old, 'C', 8 * MB)
+                                                  : NewGeneration<Generation, Space>(&vm.old, 'O', 8 * MB);
+    At(vm.heap, &CollectedHeap::young) = NewYoung<YoungGeneration, Space>();
 }
 
 // One byte; what follows is another variable's.
@@ -102,10 +106,10 @@ HeapSpace &SpaceOf(char letter) {
     Fail("no such space");
 }
 
-Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure) {
+Word AllocateObject(HeapSpace *space, int64_t bytes, Guarded structure) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     bytes = (bytes + 7) & ~7;
-    bool guarded = structure == vm.options.guarded && structure != STRUCT_COUNT;
+    bool guarded = structure == vm.options.guarded && structure != Guarded::NOTHING;
     Word at = guarded ? ((space->top + bytes + PAGE - 1) & ~(PAGE - 1)) - bytes : space->top;
     Word top = at + bytes + (guarded ? PAGE : 0);
     if (top > space->end)

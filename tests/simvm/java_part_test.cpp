@@ -1,11 +1,8 @@
 // What Java adds to a sample of the simulated VM: on the caller's thread, thread by thread.
-#include "agent.h"
 #include "jni_table.h"
+#include "with_scene.h"
 
-#include <algorithm>
 #include <cstring>
-#include <gtest/gtest.h>
-#include <map>
 
 using namespace simvm;
 
@@ -87,16 +84,6 @@ void ExpectJavasPart(const std::string &without = "") {
     EXPECT_EQ(reply.find(SYSTEM) + strlen(SYSTEM), reply.find(TIMING)) << reply;
 }
 
-// Threads whose Java side says another address than the sample: one that has just ended, and one that has
-// taken another's memory.
-void ExpectNobodyElses(ThreadInfo *ended, const ThreadInfo *other) {
-    for (const Word address : {Word(0), other->address}) {
-        Set(ended->object, "eetop", address);
-        ExpectJavasPart(ShownName(*ended));
-    }
-    Set(ended->object, "eetop", ended->address);
-}
-
 std::vector<Object *> ThreadObjects() {
     jobjectArray array = Java_qoragent_Agent_getThreadObjects(EnvOf(Self()), nullptr);
     return array ? TakeArray(array) : std::vector<Object *>();
@@ -105,15 +92,7 @@ std::vector<Object *> ThreadObjects() {
 } // namespace
 
 TEST(JavasPart, GoesToItsThread) {
-    Options options;
-    options.library = SIMVM_FOLDER "/server/libjvm.so";
-    Boot(options);
-    Scene scene;
-    StageScene("shop", &scene);
-    Script main = MainScript();
-    EmitScript(&main);
-    RunHere("main", &main, [&] {
-        ASSERT_EQ(StartAgent(), 0); // of a host without the class
+    WithScene("shop", {}, [](Scene &scene) { // a host without the class
         AskForAll("777|showstack|8192");
         const std::vector<Object *> objects = ThreadObjects();
         EXPECT_EQ(objects.size(), vm.threads.size());
@@ -125,14 +104,19 @@ TEST(JavasPart, GoesToItsThread) {
         ExpectJavasPart();
         Collect();
         ExpectJavasPart();
-        ExpectNobodyElses(scene.runners[0]->info, scene.runners[1]->info);
+        // Java says another address than the sample: one that has just ended, and one that has taken
+        // another's.
+        const ThreadInfo *ended = scene.runners[0]->info;
+        for (const Word address : {Word(0), scene.runners[1]->info->address}) {
+            Set(ended->object, "eetop", address);
+            ExpectJavasPart(ShownName(*ended));
+        }
+        Set(ended->object, "eetop", ended->address);
         silent = true;
         const std::string plain = Ask("777|showstack|8192"); // Java has no answer
         EXPECT_EQ(plain.find("who="), std::string::npos);
         EXPECT_NE(plain.find(TIMING), std::string::npos);
         EXPECT_TRUE(ThreadObjects().empty());
         EXPECT_EQ(LocalReferences(Self()), size_t(As<HandleBlock>(Self()->handles).top));
-        Ask("SHUTDOWN");
     });
-    EndScene(&scene);
 }

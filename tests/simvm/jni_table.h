@@ -11,10 +11,6 @@ extern JNINativeInterface_ jniTable;
 
 // The calling thread's description; ends the process when the environment is another thread's.
 ThreadInfo *Caller(JNIEnv *env, bool mayHaveException = false);
-// Frees an array or a text that is kept beside the heap. False: it's none of these.
-bool DeleteBeside(jobject reference);
-void NoteText(jstring text); // a local reference from now on
-void FillObjectFunctions();
 
 // What the Java side is called with, for the threads of a reply.
 struct JavaCall {

@@ -11,33 +11,6 @@ namespace simvm {
 
 using Word = uint64_t;
 
-// One id a structure, for members that are moved at run time.
-enum StructId {
-    ID_THREAD,
-    ID_OS_THREAD,
-    ID_CALL_WRAPPER,
-    ID_SAFEPOINT_STATE,
-    ID_CODE_COPY,
-    ID_METHOD,
-    ID_CONST_METHOD,
-    ID_KLASS,
-    ID_KLASS_VTABLE,
-    ID_POOL,
-    ID_CODE_HEAP,
-    ID_BLOB,
-    ID_BLOB_VTABLE,
-    ID_HEAP,
-    ID_GENERATION,
-    ID_YOUNG,
-    ID_PS_GENERATION,
-    ID_SPACE,
-    ID_CMS_SPACE,
-    ID_FREE_LIST,
-    ID_PS_SPACE,
-    ID_SYMBOL,
-    STRUCT_COUNT
-};
-
 // ---- objects of the heap
 // -----------------------------------------------------------------------------------
 
@@ -48,14 +21,6 @@ struct JavaArray {
     Word mark, klass;
     int32_t length, unused;
     // elements
-};
-struct JavaString { // java.lang.String
-    Word mark, klass, value;
-    int32_t offset, count;
-};
-struct JavaThreadObject { // java.lang.Thread: the field its readers need and the VM's own
-    Word mark, klass, name, group, eetop;
-    int32_t priority, daemon;
 };
 struct ClassMirror { // java.lang.Class
     Word mark, klass, represents;
@@ -69,27 +34,19 @@ struct Symbol {
 #pragma pack(pop)
 
 struct Method {
-    enum { ID = ID_METHOD };
-    Word mark, klass, constMethod, constants;
-    Word methodData;
-    int32_t interpreterCount, accessFlags;
-    int32_t vtableIndex;
+    Word mark, klass, constMethod, constants, methodData;
+    int32_t interpreterCount, accessFlags, vtableIndex;
     uint16_t methodSize, maxStack, maxLocals, parameterSize; // in slots, long and double two
     int32_t gap0;
     Word gap[3];
 };
 struct ConstMethod {
-    enum { ID = ID_CONST_METHOD };
-    Word mark, klass, methodOop;
-    Word gap[4];
+    Word mark, klass, methodOop, gap[4];
     int32_t words;
-    uint16_t flags, codeSize;
-    uint16_t nameIndex, signatureIndex;
-    uint16_t methodIdnum, maxStack;
+    uint16_t flags, codeSize, nameIndex, signatureIndex, methodIdnum, maxStack;
     // bytecodes, line table
 };
 struct ConstantPool {
-    enum { ID = ID_POOL };
     Word mark, klass, tags, cache, operands, holder;
     int32_t length, unused;
     // entries
@@ -97,32 +54,23 @@ struct ConstantPool {
 
 // A klass: the header of an object, then the Klass part. One shape serves instances' and arrays' klasses.
 struct Klass {
-    enum { ID = ID_KLASS };
     Word mark, klass;
     Word vtable; // here the Klass part begins
     int32_t layoutHelper, superCheckOffset;
-    Word secondaryCache, secondarySupers, primarySupers[8];
-    Word javaMirror, super, name;
-    Word gap0;
-    Word subklass, nextSibling;
-    Word gap1[5];
-    Word since08;
+    Word secondaryCache, secondarySupers, primarySupers[8], javaMirror, super, name, gap0;
+    Word subklass, nextSibling, gap1[5], since08;
     // of instances
-    Word methods, methodOrdering, localInterfaces;
-    Word fields, constants, classLoader, protectionDomain;
+    Word methods, methodOrdering, localInterfaces, fields, constants, classLoader, protectionDomain;
     union {
         Word arrayHeaderSize; // of arrays
         Word signers;         // of instances
     };
-    Word sourceFile, sourceDebugExtension, innerClasses;
-    Word gap2[14];
-    Word oopMapCache;
+    Word sourceFile, sourceDebugExtension, innerClasses, gap2[14], oopMapCache;
     // statics
 };
 
 // Virtual functions of a Klass, from the table's head on. The predicates are asked for by the agent.
 struct KlassVtable {
-    enum { ID = ID_KLASS_VTABLE };
     Word gap0[19], since10, oopSize, gap1[9];
     Word isInstance, isInstanceRef, isArray, isObjArray, isSymbol, isKlass, isThread;
     Word isMethod, isConstMethod, isMethodData, isConstantPool, isConstantPoolCache, isTypeArray;
@@ -138,36 +86,16 @@ struct FieldEntry {
 // -----------------------------------------------------------------------------------------------
 
 struct JavaThread {
-    enum { ID = ID_THREAD };
-    Word vtable, pendingException;
-    Word gap0[6];
-    Word activeHandles;
-    Word gap1[19];
-    Word osThread;
-    Word gap2;
-    Word handleArea;
-    Word gap3[3];
+    Word vtable, pendingException, gap0[6], activeHandles, gap1[19], osThread, gap2, handleArea, gap3[3];
     Word next, threadObj;
     Word anchorSp, anchorPc, anchorFlags, anchorGap, anchorFp; // the last Java frame
     Word gap4;
     Word jniEnv; // a JNIEnv points here: the word holds the function table's address
-    Word gap5[3];
-    Word vmResult, vmResult2;
-    Word gap6;
-    Word monitorChunks, gap7;
-    Word asyncException;
+    Word gap5[3], vmResult, vmResult2, gap6, monitorChunks, gap7, asyncException;
     int32_t state, gap8;
-    Word safepointState;
-    Word gap9[5];
-    Word exceptionOop;
-    Word gap10[9];
-    Word privilegedStack;
-    Word gap11[5];
-    Word profiler;
-    Word gap12[24];
+    Word safepointState, gap9[5], exceptionOop, gap10[9], privilegedStack, gap11[5], profiler, gap12[24];
 };
 struct OSThread {
-    enum { ID = ID_OS_THREAD };
     Word vtable, startProcedure;
     int32_t state, gap0[2]; // sleeping, waiting for a monitor, ...
 #pragma pack(push, 1)
@@ -177,19 +105,15 @@ struct OSThread {
     Word gap1[30];
 };
 struct SafepointState {
-    enum { ID = ID_SAFEPOINT_STATE };
     Word gap[4], codeCopy, gap1[2];
 };
 struct CodeCopy { // what a thread runs of compiled code while it is brought to a safepoint
-    enum { ID = ID_CODE_COPY };
     Word start;
     int32_t size, gap0;
     Word gap1, realStart;
 };
 struct CallWrapper { // of one call from the VM into Java: the anchor that was in force
-    enum { ID = ID_CALL_WRAPPER };
-    Word thread, handles, method, receiver;
-    Word anchorSp, anchorPc, anchorFlags, anchorGap, anchorFp;
+    Word thread, handles, method, receiver, anchorSp, anchorPc, anchorFlags, anchorGap, anchorFp;
 };
 struct HandleBlock {
     Word handles[32];
@@ -219,19 +143,16 @@ struct OopMapEntry {
 // --------------------------------------------------------------------------------------------------
 
 struct CodeHeap { // the memory and its segment map, both reserved spaces of one shape
-    enum { ID = ID_CODE_HEAP };
     Word lowBoundary, highBoundary, low, high, memoryGap[10];
     Word mapLowBoundary, mapHighBoundary, mapLow, mapHigh, mapGap[10];
     Word committedSegments, reservedSegments;
-    int32_t segmentSize, gap;
-    int32_t log2SegmentSize, gap1;
+    int32_t segmentSize, gap, log2SegmentSize, gap1;
 };
 struct HeapBlock { // before each blob
     Word segments;
     uint8_t used, padding[7];
 };
 struct Blob {
-    enum { ID = ID_BLOB };
     Word vtable, name;
     int32_t size, codeOffset, gap0[3];
     int32_t oopsOffset, oopCount, frameWords; // counted from the blob's start
@@ -240,12 +161,9 @@ struct Blob {
     // of compiled methods
     Word gap2[5];
     int32_t scopesOffset, gap3;
-    Word gap4[16];
-    Word pcDescCache;
-    Word gap5[2];
+    Word gap4[16], pcDescCache, gap5[2];
 };
 struct BlobVtable {
-    enum { ID = ID_BLOB_VTABLE };
     Word isBuffer, isNmethod, isRuntimeStub, isI2C, isC2I, isOsrAdapter, gap[6], isOsrMethod;
 };
 struct PcDesc {
@@ -268,60 +186,42 @@ struct StubQueue { // the interpreter's
 // --------------------------------------------------------------------------------------------------
 
 struct CollectedHeap {
-    enum { ID = ID_HEAP };
     Word gap0[4];
     int32_t collecting, collections; // of all kinds
-    Word gap1[4];
-    Word perm;
-    Word gap2[5];
+    Word gap1[4], perm, gap2[5];
     Word young, old; // old: the concurrent collector's generation as well
 };
 struct PermGenerations { // what the heap's `perm` points to
     Word gap[2], generation;
 };
 struct Generation {
-    enum { ID = ID_GENERATION };
     Word gap0[23];
     int32_t collections, gap4;
-    Word accumulatedTime;
-    Word gap1[4];
+    Word accumulatedTime, gap1[4];
     Word cmsSpace; // the concurrent collector's
     Word space;    // of one contiguous space
 };
 struct YoungGeneration {
-    enum { ID = ID_YOUNG };
     Word gap0[23];
     int32_t collections, gap4;
-    Word accumulatedTime;
-    Word gap1[49];
-    Word since08;
-    Word eden, from, to;
+    Word accumulatedTime, gap1[49], since08, eden, from, to;
 };
 struct ParallelGeneration {
-    enum { ID = ID_PS_GENERATION };
     Word gap0[4];
     Word eden, from, to; // of the young one
     Word gap1[13];
     Word space; // of old and perm
 };
 struct Space {
-    enum { ID = ID_SPACE };
     Word vtable, bottom, end, gap[8], top;
 };
 struct FreeListSpace { // the concurrent collector's
-    enum { ID = ID_CMS_SPACE };
-    Word vtable, bottom, end, gap[8], top;
-    Word gap1[24];
-    Word indexedFreeWords;
-    Word gap2[3];
-    Word dictionary;
+    Word vtable, bottom, end, gap[8], top, gap1[24], indexedFreeWords, gap2[3], dictionary;
 };
 struct FreeListDictionary {
-    enum { ID = ID_FREE_LIST };
     Word vtable, gap, freeWords;
 };
 struct ParallelSpace {
-    enum { ID = ID_PS_SPACE };
     Word vtable, bottom, end, top;
 };
 

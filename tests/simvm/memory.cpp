@@ -8,8 +8,6 @@
 
 namespace simvm {
 
-int16_t placeShift[STRUCT_COUNT][1024];
-
 namespace {
 
 std::map<size_t, std::vector<Word>> released; // by size
@@ -33,10 +31,10 @@ Word Map(size_t bytes, bool poison, int protection) {
     return reinterpret_cast<Word>(at);
 }
 
-Word Allocate(size_t bytes, int32_t structure) {
+Word Allocate(size_t bytes, Guarded structure) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     bytes = (bytes + 15) & ~size_t(15);
-    if (structure == vm.options.guarded && structure != STRUCT_COUNT) {
+    if (structure == vm.options.guarded && structure != Guarded::NOTHING) {
         size_t room = (bytes + PAGE - 1) & ~(PAGE - 1);
         Word at = Map(room + PAGE, true);
         mprotect(reinterpret_cast<void *>(at + room), PAGE, PROT_NONE);

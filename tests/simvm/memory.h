@@ -5,7 +5,6 @@
 #include "layout.h"
 
 #include <cstring>
-#include <type_traits>
 
 namespace simvm {
 
@@ -14,33 +13,29 @@ constexpr Word POISON_WORD = 0x5b5b5b5b5b5b5b5b; // odd, not null and no address
 
 [[noreturn]] void Fail(const char *what);
 
-// Poisoned memory of the VM's own, 16-aligned. The structure chosen by Options::guarded ends at a page that
-// can't be read.
-Word Allocate(size_t bytes, int32_t structure = STRUCT_COUNT);
+// Structures that may be asked to end at a page that can't be read: all of one kind.
+enum class Guarded { NOTHING, THREAD, OS_THREAD, KLASS, METHOD, CONST_METHOD, SYMBOL, POOL };
+
+// Poisoned memory of the VM's own, 16-aligned.
+Word Allocate(size_t bytes, Guarded structure = Guarded::NOTHING);
 // Poisons it; the next allocation of that size gets it.
 void Release(Word address, size_t bytes);
 // A mapping of its own, poisoned or untouched; with protection bits beyond reading and writing.
 Word Map(size_t bytes, bool poison, int protection = 0);
 
-// How far a member lies from where layout.h has it, in this build.
-extern int16_t placeShift[STRUCT_COUNT][1024];
-
-template <class S, class = void>
-struct StructOf {
-    static constexpr int32_t ID = STRUCT_COUNT;
-};
+// How far each member lies from where layout.h has it, in this build, by its place there.
 template <class S>
-struct StructOf<S, std::void_t<decltype(S::ID)>> {
-    static constexpr int32_t ID = S::ID;
-};
+inline int16_t placeShift[1024];
 
 template <class S, class T>
-size_t Place(T S::*member) {
+size_t PlaceInLayout(T S::*member) {
     alignas(16) static char any[sizeof(S)];
-    size_t place = reinterpret_cast<char *>(&(reinterpret_cast<S *>(any)->*member)) - any;
-    if constexpr (StructOf<S>::ID != STRUCT_COUNT)
-        place += placeShift[StructOf<S>::ID][place];
-    return place;
+    return reinterpret_cast<char *>(&(reinterpret_cast<S *>(any)->*member)) - any;
+}
+template <class S, class T>
+size_t Place(T S::*member) {
+    const size_t place = PlaceInLayout(member);
+    return place + placeShift<S>[place];
 }
 
 template <class T>

@@ -1,5 +1,7 @@
 // Objects and their values: each is described first and then written.
-#include "simvm.h"
+#include "objects.h"
+
+#include <cstdio>
 
 namespace simvm {
 
@@ -133,6 +135,109 @@ Object *NewString(const std::string &text, char space) {
     Set(string, "value", NewChars(text, space));
     Set(string, "count", text.size());
     return string;
+}
+
+// ---- objects of java.lang and java.util
+// ------------------------------------------------------------------
+
+namespace {
+
+void DefineUtilities() {
+    static bool done;
+    if (done)
+        return;
+    done = true;
+    for (const char *line :
+         {"java/lang/AbstractStringBuilder value,[C count,I",
+          "java/lang/StringBuffer < java/lang/AbstractStringBuilder",
+          "java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "
+          "next,Ljava/util/Hashtable$Entry;",
+          "java/util/Hashtable table,[Ljava/util/Hashtable$Entry; count,I",
+          "java/util/Properties < java/util/Hashtable defaults,Ljava/util/Properties;",
+          "java/util/HashMap$Entry key,Ljava/lang/Object; value,Ljava/lang/Object; hash,I "
+          "next,Ljava/util/HashMap$Entry;",
+          "java/util/HashMap table,[Ljava/util/HashMap$Entry; size,I"})
+        DefineClass(line);
+}
+
+Object *NewChars16(const std::u16string &chars) {
+    return NewElements("[C", std::vector<Value>(chars.begin(), chars.end()));
+}
+
+} // namespace
+
+Object *New(const std::string &className, const Fields &fields, char space) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    DefineUtilities();
+    Object *object = NewObject(className, space);
+    for (auto &[name, value] : fields)
+        Set(object, name, value);
+    return object;
+}
+
+Object *NewElements(const std::string &signature, const std::vector<Value> &elements, char space) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    Object *array = NewArray(signature, elements.size(), space);
+    for (size_t i = 0; i < elements.size(); i++)
+        SetElement(array, i, elements[i]);
+    return array;
+}
+
+Object *NewPartOf(const std::u16string &chars, int32_t offset, int32_t count) {
+    return New("java/lang/String", {{"value", NewChars16(chars)}, {"offset", offset}, {"count", count}});
+}
+
+Object *NewBuffer(const std::string &text) {
+    return New("java/lang/StringBuffer", {{"value", NewChars(text + "unused")}, {"count", text.size()}});
+}
+
+Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
+                 bool cyclic) {
+    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    std::string entryClass =
+        className == "java/util/HashMap" ? "java/util/HashMap$Entry" : "java/util/Hashtable$Entry";
+    Object *object = New(className, {}), *table = NewArray("[L" + entryClass + ";", buckets);
+    std::map<int32_t, std::pair<Object *, Object *>> chains; // first and last entry
+    for (const TableEntry &entry : entries) {
+        int32_t hash = 0;
+        for (char16_t one : CharsOf(entry.key))
+            hash = int32_t(31u * uint32_t(hash) + one);
+        Set(entry.key, "hash", hash);
+        int32_t bucket = entry.bucket < 0 ? (hash & INT32_MAX) % buckets : entry.bucket;
+        Object *made = New(entryClass, {{"hash", hash}, {"key", entry.key}, {"value", entry.value}});
+        auto &[first, last] = chains[bucket];
+        first ? Set(last, "next", made) : (first = made, SetElement(table, bucket, made));
+        last = made;
+    }
+    for (auto &[bucket, chain] : chains)
+        if (cyclic)
+            Set(chain.second, "next", chain.first);
+    Set(object, "table", table);
+    Set(object, className == "java/util/HashMap" ? "size" : "count", entries.size());
+    return object;
+}
+
+std::u16string CharsOf(const Object *text) {
+    const Object *chars = text->type->name == "[C" ? text : Get(text, "value").object;
+    size_t from = 0, count = chars->values.size();
+    if (chars != text)
+        count = Get(text, "count").number;
+    if (text->type->name == "java/lang/String")
+        from = Get(text, "offset").number;
+    std::u16string out;
+    for (size_t i = from; i < from + count && i < chars->values.size(); i++)
+        out.push_back(char16_t(chars->values[i].number));
+    return out;
+}
+
+std::string ObjectText(const Object *object) {
+    char address[32];
+    snprintf(address, sizeof address, "%lx", object->address);
+    std::string fields;
+    for (const Field *field : FieldsOf(object->type))
+        fields += (fields.empty() ? "" : ", ") + ("{\"name\": \"" + field->name) + "\"}";
+    return "{\"address\": \"" + std::string(address) + "\", \"class\": \"" + object->type->name + "\"" +
+           (object->type->name[0] == '[' ? "" : ", \"fields\": [" + fields + "]") + "}";
 }
 
 } // namespace simvm

@@ -26,9 +26,7 @@ Object *NewTable(const std::string &className, int32_t buckets, const std::vecto
 
 // Of a String, a char[] or a StringBuffer, from the description.
 std::u16string CharsOf(const Object *text);
-// A value as JSON: a number, a text for a String, "0x..." for another object, null.
-std::string ValueText(const std::string &signature, const Value &value);
-// An object with all its fields or elements as JSON.
+// An object's address, class and fields as JSON.
 std::string ObjectText(const Object *object);
 
 } // namespace simvm

@@ -1,15 +1,13 @@
-// Objects of the simulated VM as the agent reads and shows them, compared with what they were made of.
-#include "agent.h"
+// Objects and the locals of frames as the agent reads and shows them, compared with what they were made of.
 #include "objects.h"
 #include "storm.h"
+#include "truth.h"
+#include "with_scene.h"
 
-#include "qorutil/vm_heap.h"
+#include "qorutil/vm_klass.h"
 #include "qorutil/vm_reader.h"
-#include "sunprint/fields.h"
-#include "sunprint/object_map.h"
+#include "qorutil/vm_text.h"
 
-#include <gtest/gtest.h>
-#include <map>
 #include <random>
 #include <regex>
 #include <set>
@@ -18,61 +16,52 @@ using namespace simvm;
 
 namespace {
 
-// On the main thread of the scene, with the agent started.
-void WithAgent(int collector, const std::function<void(Scene &)> &body) {
-    Options options;
-    options.library = SIMVM_FOLDER "/server/libjvm.so";
-    options.collector = Collector(collector);
-    options.wide = collector == 1;
-    Boot(options);
-    Scene scene;
-    StageScene("readers", &scene);
-    Script main = MainScript();
-    EmitScript(&main);
-    RunHere("main", &main, [&] {
-        ASSERT_EQ(StartAgent(), 0);
-        body(scene);
-        Ask("SHUTDOWN");
-    });
-    EndScene(&scene);
-}
+const char FIELD = 29, RECORD = 30, SECTION = 31;
 
-void Refresh() {
-    QorForgetPages();
-    QorNoteSpaces();
-}
+// ---- what is to be shown
+// ---------------------------------------------------------------------------------
 
-// What of a text is shown: the first 1,023 characters, as UTF-8, those below 32 as blanks. "" for a range
-// that isn't in its array.
-std::string TextShown(const Object *text) {
+// As UTF-8, character by character, those below 32 as blanks. Half of a pair is a question mark.
+std::string Utf8(const std::u16string &chars) {
     std::string shown;
-    const bool part = text->type->name == "java/lang/String";
-    if (part && (Get(text, "count").number < 0 || Get(text, "offset").number > 4096))
-        return "";
-    for (char16_t c : CharsOf(text).substr(0, 1023))
-        if (c < 0x80)
-            shown += c < 32 ? ' ' : char(c);
-        else
-            (shown += char(0xc0 | c >> 6)) += char(0x80 | (c & 0x3f));
+    const auto isHalf = [&](size_t at, int kind) { return at < chars.size() && chars[at] >> 10 == kind; };
+    for (size_t i = 0; i < chars.size(); i++) {
+        const bool isPaired =
+            isHalf(i, 0x36) ? isHalf(i + 1, 0x37) : !isHalf(i, 0x37) || (i && isHalf(i - 1, 0x36));
+        const int c = !isPaired ? '?' : chars[i] < 32 ? ' ' : chars[i];
+        const int more = c < 0x80 ? 0 : c < 0x800 ? 1 : 2; // bytes that follow the first
+        shown += char(more ? (0xff00 >> (more + 1) & 0xff) | c >> 6 * more : c);
+        for (int byte = more; byte-- > 0;)
+            shown += char(0x80 | (c >> 6 * byte & 0x3f));
+    }
     return shown;
 }
 
-std::string Dotted(std::string name) {
-    std::replace(name.begin(), name.end(), '/', '.');
-    return name;
+// The first 1,023 characters. "" for a range that isn't in its array.
+std::string TextShown(const Object *text) {
+    const bool part = text->type->name == "java/lang/String";
+    if (part && (Get(text, "count").number < 0 || Get(text, "offset").number > 4096))
+        return "";
+    return Utf8(CharsOf(text).substr(0, 1023));
 }
 
+std::string WordOf(const std::string &element) {
+    static const std::map<char, std::string> WORDS = {{'I', "Integer"}, {'J', "Long"},  {'C', "Char"},
+                                                      {'Z', "Boolean"}, {'F', "Float"}, {'D', "Double"},
+                                                      {'B', "Byte"},    {'S', "Short"}};
+    return element[0] == 'L' ? Dotted(element.substr(1, element.size() - 2)) : WORDS.at(element[0]);
+}
+
+// A field's type, and an argument's.
 std::string TypeText(const std::string &signature) {
-    const std::map<char, std::string> WORDS = {{'I', "Integer"}, {'J', "Long"},  {'C', "Char"},
-                                               {'Z', "Boolean"}, {'F', "Float"}, {'D', "Double"},
-                                               {'B', "Byte"},    {'S', "Short"}};
     const size_t arrays = signature.find_first_not_of('[');
-    const std::string element = signature.substr(arrays);
-    std::string text =
-        element[0] == 'L' ? Dotted(element.substr(1, element.size() - 2)) : WORDS.at(element[0]);
+    std::string text = WordOf(signature.substr(arrays));
     for (size_t i = 1; i <= arrays; i++)
         text += " Array D-" + std::to_string(i);
     return text;
+}
+std::string ArgumentType(const std::string &signature) {
+    return signature[0] == '[' ? "Array " + ArgumentType(signature.substr(1)) : WordOf(signature);
 }
 
 std::string NameText(const Object *object) {
@@ -80,47 +69,40 @@ std::string NameText(const Object *object) {
     return name[0] == '[' ? TypeText(name) : Dotted(name);
 }
 
-std::string Joined(std::vector<std::string> fields) {
+std::string Joined(const std::vector<std::string> &fields) {
     std::string row;
-    for (size_t i = 0; i < fields.size(); i++)
-        row += (i ? "\x1d" : "") + fields[i];
-    return row + "\x1e";
+    for (const std::string &field : fields)
+        row += (row.empty() ? "" : std::string(1, FIELD)) + field;
+    return row + RECORD;
 }
 
 std::string ValueText(char code, const Value &value) {
-    char text[64];
     if (code == 'Z')
         return value.number ? "True" : "False";
     if (code == 'C' && value.number < 128 && isalnum(int(value.number)))
         return {char(value.number)};
-    if (code != 'F' && code != 'D')
-        return std::to_string(value.number);
-    snprintf(text, sizeof text, "%f", value.real);
-    return text;
+    return code == 'F' || code == 'D' ? std::to_string(value.real) : std::to_string(value.number);
 }
 
-std::string ReferenceRow(const Object *to, const std::string &type, const std::string &name) {
-    const std::string &own = to->type->name;
-    const bool array = own[0] == '[';
-    char address[32];
-    snprintf(address, sizeof address, "%lx", to->address);
-    return Joined({address,
-                   !array                         ? "0"
-                   : own == "[Ljava/lang/String;" ? "-8"
-                                                  : "-2",
-                   type, name, array ? "View Array Contents" : "View Object"});
+std::string FlagOf(const Object *object) {
+    const std::string &own = object->type->name;
+    return own[0] != '[' ? "0" : own == "[Ljava/lang/String;" ? "-8" : "-2";
+}
+std::string Invitation(const Object *object) {
+    return object->type->name[0] == '[' ? "View Array Contents" : "View Object";
 }
 
 std::string FieldRow(const std::string &signature, const std::string &type, const std::string &name,
                      const Value &value) {
-    const bool reference = signature[0] == 'L' || signature[0] == '[';
-    std::string text = reference ? "Null Oop" : ValueText(signature[0], value);
-    if (value.object &&
-        (signature == "[C" || signature == "Ljava/lang/String;" || signature == "Ljava/lang/StringBuffer;"))
-        text = TextShown(value.object);
-    else if (value.object)
-        return ReferenceRow(value.object, type, name);
-    return Joined({"^", "^", type, name, text});
+    static const std::set<std::string> TEXTS = {"[C", "Ljava/lang/String;", "Ljava/lang/StringBuffer;"};
+    const bool isReference = signature[0] == 'L' || signature[0] == '[';
+    if (value.object && !TEXTS.count(signature))
+        return Joined(
+            {Hex(value.object->address), FlagOf(value.object), type, name, Invitation(value.object)});
+    return Joined({"^", "^", type, name,
+                   value.object  ? TextShown(value.object)
+                   : isReference ? "Null Oop"
+                                 : ValueText(signature[0], value)});
 }
 
 // The fields that the class itself declares; without an object the statics.
@@ -133,33 +115,34 @@ std::string FieldRows(const Class *type, const Object *object) {
             rows += FieldRow(field.signature, (field.isStatic ? "static " : "") + TypeText(field.signature),
                              field.name, field.isStatic ? field.value : object->values[at]);
     }
-    return (rows.empty() ? "No Fields exist" : "Object Description\x1e" + rows) + "\x1f";
+    return (rows.empty() ? "No Fields exist" : "Object Description\x1e" + rows) + SECTION;
 }
 
 std::string ClassView(const Class *type, const Object *object) {
-    std::string view = "Message\x1eObject Name : " + Dotted(type->name) + "\x1f" + FieldRows(type, object);
+    std::string view = "Message\x1eObject Name : " + Dotted(type->name) + SECTION + FieldRows(type, object);
     for (const Class *above = type->super; above; above = above->super)
-        view += "Parent of the Object above:\x1e" + Dotted(above->name) + "\x1f" + FieldRows(above, object);
+        view += "Parent of the Object above:\x1e" + Dotted(above->name) + SECTION + FieldRows(above, object);
     return view;
 }
 
 std::string ElementRows(const Object *array) {
     const std::string signature = array->type->name.substr(1);
     if (signature == "C")
-        return Joined({"^", "^", TypeText("[C"), "^", TextShown(array)}) + "\x1f";
+        return Joined({"^", "^", TypeText("[C"), "^", TextShown(array)}) + SECTION;
+    const bool isText = signature == "Ljava/lang/String;",
+               isReference = signature[0] == 'L' || signature[0] == '[';
     std::string rows;
     for (size_t i = 0; i < array->values.size(); i++) {
         const Value &value = array->values[i];
         const std::string at = "[" + std::to_string(i) + "]";
-        if (signature == "Ljava/lang/String;")
-            rows +=
-                !value.object ? "" : "String Array Element" + at + " : " + TextShown(value.object) + "\x1f";
-        else if (signature[0] != 'L' && signature[0] != '[')
-            rows += FieldRow(signature, TypeText(signature), "Array Element " + at, value);
-        else if (value.object)
-            rows += ReferenceRow(value.object, NameText(value.object), "Array Element " + at);
+        if (isReference && !value.object)
+            continue;
+        rows += isText ? "String Array Element" + at + " : " + TextShown(value.object) + SECTION
+                       : FieldRow(isReference ? "L" : signature,
+                                  isReference ? NameText(value.object) : TypeText(signature),
+                                  "Array Element " + at, value);
     }
-    return signature == "Ljava/lang/String;" && !rows.empty() ? rows : rows + "\x1f";
+    return isText && !rows.empty() ? rows : rows + SECTION;
 }
 
 std::string View(const Object *object) {
@@ -169,43 +152,34 @@ std::string View(const Object *object) {
            ElementRows(object);
 }
 
+// ---- objects
+// ---------------------------------------------------------------------------------------------
+
 std::string AskFor(const std::string &address, const std::string &flag) {
     const std::string reply = Ask("525|showstack|1024|ARG=x,0=" + address + ",1=" + flag);
     return reply.substr(0, reply.find("Time spent in JVM"));
 }
 
-std::string Hex(Word address) {
-    char text[32];
-    snprintf(text, sizeof text, "%lx", address);
-    return text;
-}
-
-const Object *WhoIsAt(const std::string &address) {
-    for (const Object &object : vm.objects)
-        if (Hex(object.address) == address)
-            return &object;
-    return nullptr;
-}
-
 // Every row clicked leads to what it refers to. How many objects were seen.
 size_t ExpectViews(const Object *start) {
     std::set<std::string> seen;
-    std::vector<std::pair<std::string, std::string>> slots = {{Hex(start->address), "0"}};
+    std::vector<std::pair<std::string, std::string>> slots = {{Hex(start->address), FlagOf(start)}};
     while (!slots.empty()) {
         const auto [address, flag] = slots.back();
         slots.pop_back();
         if (!seen.insert(address).second)
             continue;
-        const Object *object = WhoIsAt(address);
-        if (!object) {
+        const auto object = std::find_if(vm.objects.begin(), vm.objects.end(),
+                                         [&](const Object &one) { return Hex(one.address) == address; });
+        if (object == vm.objects.end()) {
             ADD_FAILURE() << "nothing is at " << address;
             continue;
         }
         const std::string view = AskFor(address, flag);
-        EXPECT_EQ(view, View(object));
-        for (const std::string &section : Split(view, 31))
-            for (const std::string &row : Split(section, 30)) {
-                const std::vector<std::string> field = Split(row, 29);
+        EXPECT_EQ(view, View(&*object));
+        for (const std::string &section : Split(view, SECTION))
+            for (const std::string &row : Split(section, RECORD)) {
+                const std::vector<std::string> field = Split(row, FIELD);
                 if (field.size() == 5 && field[0] != "^")
                     slots.push_back({field[0], field[1]});
             }
@@ -218,22 +192,17 @@ class DirectObjects : public testing::TestWithParam<int> {};
 } // namespace
 
 TEST_P(DirectObjects, AreShownAndClickedFieldByField) {
-    WithAgent(GetParam(), [](Scene &scene) {
+    WithScene("readers", BuildOf(GetParam()), [](Scene &scene) {
         for (int turn = 0; turn < 2; turn++, Collect())
             for (const auto &[name, object] : scene.named)
                 EXPECT_GE(ExpectViews(object), 1u) << name;
-        EXPECT_EQ(ExpectViews(scene.named["all"]), 21u);
         const Object *all = scene.named["all"];
+        EXPECT_EQ(ExpectViews(all), 21u);
         EXPECT_EQ(AskFor(Hex(all->klass), "1"), ClassView(all->type, nullptr));
         std::string midst;
         Collect([&] { midst = AskFor(Hex(all->address), "0"); });
         EXPECT_EQ(midst, "Unable to complete Request GC running\x1f");
-    });
-}
 
-TEST_P(DirectObjects, MayHaveAnyAddress) {
-    WithAgent(GetParam(), [](Scene &scene) {
-        const Object *all = scene.named["all"];
         EXPECT_EQ(AskFor("0", "0"), "Null Oop\x1f");
         EXPECT_EQ(AskFor("0", "-2"), "This Array Object is NULL\x1f");
         for (Word address : {Word(1), all->address + 8, all->address + 4, ~Word(7), Word(7) << 60, vm.heap})
@@ -245,21 +214,18 @@ TEST_P(DirectObjects, MayHaveAnyAddress) {
             std::string::npos);
         // An array whose length is torn ends with the heap, not after two billion failed reads.
         const Object *names = Get(all, "names").object;
-        As<int32_t>(names->address + 16) = INT32_MAX;
+        As<JavaArray>(names->address).length = INT32_MAX;
         const std::string view = AskFor(Hex(names->address), "-8");
-        As<int32_t>(names->address + 16) = static_cast<int32_t>(names->values.size());
+        As<JavaArray>(names->address).length = int32_t(names->values.size());
         EXPECT_EQ(view.substr(0, View(names).size()), View(names));
     });
 }
 
-// What a reply shows whatever the addresses are.
-std::string WithoutAddresses(const std::string &view) {
-    return std::regex_replace(view, std::regex("([\x1e])[0-9a-f]+(\x1d-?[0-9])"), "$1*$2");
-}
+INSTANTIATE_TEST_SUITE_P(Simvm, DirectObjects, testing::Range(0, 3));
 
 // What is shown is the object or one of the refusals, among objects that move and with any word overwritten.
 TEST(MovingObjects, AreShownWholeOrNotAtAll) {
-    WithAgent(0, [](Scene &scene) {
+    WithScene("readers", {}, [](Scene &scene) {
         std::vector<const Object *> all;
         for (const auto &[name, object] : scene.named)
             if (name != "many")
@@ -270,77 +236,147 @@ TEST(MovingObjects, AreShownWholeOrNotAtAll) {
             const Spoilt spoilt = Spoil(random(), {}, Self()->address);
             const std::string view = AskFor(Hex(object->address), "0");
             Mend(spoilt);
-            EXPECT_TRUE(view.empty() || view.back() == 31) << view;
+            EXPECT_TRUE(view.empty() || view.back() == SECTION) << view;
         }
+        const auto withoutAddresses = [](const std::string &view) {
+            return std::regex_replace(view, std::regex("(\x1e)[0-9a-f]+(\x1d-?[0-9])"), "$1*$2");
+        };
         const Object *watched = scene.named["all"];
-        const std::string wanted = WithoutAddresses(View(watched));
-        EXPECT_EQ(WithoutAddresses(AskFor(Hex(watched->address), "0")), wanted);
+        const std::string wanted = withoutAddresses(View(watched));
+        EXPECT_EQ(withoutAddresses(AskFor(Hex(watched->address), "0")), wanted);
         const std::string manyWanted = View(scene.named["many"]); // takes as long as collections are apart
         StartStorm({});
         for (int whole = 0; whole < 12;) {
-            const std::string view = WithoutAddresses(AskFor(Hex(watched->address), "0"));
+            const std::string view = withoutAddresses(AskFor(Hex(watched->address), "0"));
             whole += view == wanted;
             ASSERT_TRUE(view == wanted || view.find("Name : readers.All\x1f") == std::string::npos) << view;
-            const std::string many = AskFor(Hex(scene.named["many"]->address), "0");
+            const std::string many = AskFor(Hex(scene.named["many"]->address), "-2");
             ASSERT_TRUE(many == manyWanted || many.size() < manyWanted.size() / 2);
         }
         StopStorm();
     });
 }
 
-TEST(DirectPaths, LeadThroughFieldsArraysAndTables) {
-    WithAgent(0, [](Scene &scene) {
-        Object *all = scene.named["all"], *hashtable = scene.named["hashtable"];
-        const std::string BUCKETS = "table,Ljava/util/Hashtable;|table,[Ljava/util/Hashtable$Entry;|",
-                          VALUE = "value,Ljava/lang/Object;";
-        // "one", "two" and "three" are one chain.
-        Object *first = Get(hashtable, "table").object->values[2].object, *second = Get(first, "next").object;
-        const auto hash = [](Object *entry) {
-            return "," + std::to_string(Get(Get(entry, "key").object, "hash").number);
-        };
-        const auto value = [](Object *entry) { return Get(entry, "value").object->address; };
-        const std::pair<std::string, Word> PATHS[] = {
-            {"i,I", INT32_MIN},
-            {"z,Z", 1},
-            {"b,B", -128},
-            {"s,S", INT16_MIN},
-            {"c,C", 0x20ac},
-            {"j,J", INT64_MIN + 7},
-            {"shared,I", -3},
-            {"count,J", Word(1) << 40},
-            {"id,J", 77},
-            {"text,Ljava/lang/String;|count,I", 3},
-            {"last,Lreaders/All;|i,I", INT32_MIN},
-            {"text,Ljava/lang/String;|missing,I", 0},
-            {"nothing,Ljava/lang/Object;|x,I", 0},
-            {"i,J", 0},
-            {"i", 0},
-            {"", 0},
-            {"names,[Ljava/lang/String;|count,I", 1},
-            {BUCKETS + VALUE + hash(first), value(first)},
-            {BUCKETS + VALUE + hash(second), value(second)},
-            {BUCKETS + VALUE + ",5|count,I", 0},
-            {BUCKETS + VALUE + ",0|count,I", 1},
-            {BUCKETS + VALUE + ",0|missing,I", 0},
-            {BUCKETS + VALUE + ",java/lang/String|count,I", 1},
-            {BUCKETS + VALUE + ",readers/Plain", 0},
-        };
-        Refresh();
-        for (const auto &[path, found] : PATHS)
-            EXPECT_EQ(ParseObjectMap(path.c_str(), all->address), found) << path;
-        EXPECT_EQ(ParseObjectMap("id,J", reinterpret_cast<Word>(&all->address)), 77u); // a handle
-        for (const char *name : {"hashtable", "properties"})
-            EXPECT_EQ(QorFieldOf(search_hash_table(scene.named[name]->address, "two"), "count", "I"), 1u)
-                << name;
-        for (const char *name : {"hashtable", "cyclic", "empty table", "other keys", "hashmap", "all"})
-            EXPECT_EQ(search_hash_table(scene.named[name]->address, "green"), 0u) << name;
-        // Where the first of a chain has no value the second's counts.
-        Set(first, "value", nullptr);
-        Refresh();
-        EXPECT_EQ(ParseObjectMap((BUCKETS + VALUE).c_str(), all->address), value(second));
-        for (Word address : {Word(0), Word(2), all->address + 8, ~Word(7)})
-            EXPECT_EQ(ParseObjectMap("i,I", address), 0u) << address;
+// As names and SQL are shown: with pairs in four bytes, cut before a character that doesn't fit.
+TEST(DirectTexts, AreCutBetweenCharacters) {
+    WithScene("readers", {}, [](Scene &scene) {
+        const struct {
+            const char *name, *text, *inThreeBytes;
+        } CASES[] = {{"wide-text", "a\xf0\x9f\x98\x80?b?\xe2\x82\xac", "a"},
+                     {"odd-text", "odd \xc2\x80\xc3\xa9\xc3\xbf    |", "od"},
+                     {"negative-count", "", ""},
+                     {"far-offset", "", ""}};
+        char text[VM_TEXT_SIZE];
+        for (const auto &c : CASES) {
+            EXPECT_STREQ(QorStringText(text, sizeof text, scene.named[c.name]->address), c.text);
+            EXPECT_STREQ(QorStringText(text, 3, scene.named[c.name]->address), c.inThreeBytes);
+        }
+        QorStringText(text, sizeof text, scene.named["long-text"]->address);
+        EXPECT_EQ(strlen(text), size_t{VM_TEXT_CHARS});
+        EXPECT_EQ(sym2str(text, sizeof text, scene.named["long-text"]->address), nullptr);
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Simvm, DirectObjects, testing::Range(0, 3));
+// ---- locals
+// ----------------------------------------------------------------------------------------------
+
+namespace {
+
+// Of a variable whose type nobody knows the lower half is shown, as a number.
+std::string NumberText(const ShownVariable &variable, bool isArgument) {
+    const char type = variable.signature[0];
+    const Value &value = variable.value;
+    if (isArgument && strchr("ZFDCJ", type))
+        return type == 'C' ? std::string(1, char(value.number)) : ValueText(type, value);
+    const float single = float(value.real);
+    int64_t bits = value.object ? int64_t(value.object->address) : value.number;
+    if (type == 'D')
+        memcpy(&bits, &value.real, 8);
+    if (type == 'F')
+        memcpy(&bits, &single, 4);
+    return std::to_string(int32_t(bits));
+}
+
+std::string VariableRow(const ShownVariable &variable, bool isArgument) {
+    const std::string type = isArgument ? ArgumentType(variable.signature) : "";
+    const Object *object = variable.value.object;
+    if (object && (variable.seen == Seen::OBJECT || variable.seen == Seen::CONSTANT)) {
+        const bool isText = type == "java.lang.String" || type == "java.lang.StringBuffer";
+        const std::string &own = object->type->name;
+        return Joined({Hex(object->address), FlagOf(object),
+                       own[0] == '['  ? ArgumentType(own)
+                       : type.empty() ? Dotted(own)
+                                      : type,
+                       isText ? TextShown(object) : Invitation(object)});
+    }
+    const bool isNull = variable.seen == Seen::CONSTANT && variable.signature[0] == 'L';
+    const std::string row =
+        Joined({"^", "^", isArgument ? type : "^",
+                variable.seen == Seen::NOTHING || isNull ? "^" : NumberText(variable, isArgument)});
+    const bool twoSlots = variable.signature == "J" || variable.signature == "D";
+    return twoSlots && !isArgument ? row + row : row;
+}
+
+std::string ListText(const std::string &title, const std::vector<ShownVariable> &variables, bool isArgument) {
+    std::string text = title + RECORD;
+    for (const ShownVariable &variable : variables)
+        text += VariableRow(variable, isArgument);
+    text.back() = SECTION;
+    return variables.empty() ? "" : text;
+}
+
+std::string FrameLocals(const ShownFrame &frame) {
+    if (frame.method->flags & METHOD_NATIVE && frame.compiled)
+        return "No Locals available\x1f";
+    const std::string holder = Dotted(frame.method->holder->name);
+    std::string text = "Frame\x1e" + holder + "->" + frame.method->name + SECTION;
+    text += frame.self
+                ? "This Object\x1e" + Joined({Hex(frame.self->address), "0", Dotted(frame.self->type->name)})
+                : "This Class\x1e" + Joined({Hex(frame.method->holder->klass), "1", holder});
+    text.back() = SECTION;
+    return text + ListText("Method Arguments", frame.arguments, true) +
+           ListText("Method Locals", frame.locals, false);
+}
+
+// What `qorctl locals` sends for a row of a stack.
+std::string AskLocals(const std::vector<std::string> &place) {
+    std::string request = "521|showstack|4096|ARG=x";
+    for (size_t i = 0; i < place.size(); i++)
+        request += "," + std::to_string(i) + "=" + place[i];
+    const std::string reply = Ask(request);
+    return reply.substr(0, reply.find("Time spent"));
+}
+
+// Kind, fp, pc, sp and method of each frame of a thread.
+std::vector<std::vector<std::string>> PlacesOf(const Runner &runner) {
+    const std::string stack = Ask("521|showstack|512|ARG=x,1=" + std::to_string(getpid()) + "-" +
+                                  std::to_string(runner.info->kernelId));
+    std::vector<std::vector<std::string>> places;
+    for (const std::string &row : Split(Split(stack.substr(stack.find("Call Stack")), SECTION)[0], RECORD)) {
+        const std::vector<std::string> fields = Split(row, FIELD);
+        if (fields.size() == 9)
+            places.push_back({fields.begin() + 1, fields.begin() + 6});
+    }
+    return places;
+}
+
+} // namespace
+
+TEST(DirectLocals, EqualWhatTheirFramesHold) {
+    WithScene("readers", {}, [](Scene &scene) {
+        for (const Runner *runner : scene.runners) {
+            const auto places = PlacesOf(*runner);
+            const std::vector<ShownFrame> frames = ShownFrames(*runner);
+            ASSERT_EQ(places.size(), frames.size()) << runner->info->name;
+            for (size_t i = 0; i < frames.size(); i++) {
+                EXPECT_EQ(AskLocals(places[i]), FrameLocals(frames[i]))
+                    << runner->info->name << " " << frames[i].method->name;
+                for (size_t field : {places[i][0] == "1" ? 2 : 1, 4}) { // no such code, stack or method
+                    std::vector<std::string> place = places[i];
+                    place[field] = "12345";
+                    EXPECT_NE(AskLocals(place).find("Frame\x1e"), 0u) << field;
+                }
+            }
+        }
+    });
+}

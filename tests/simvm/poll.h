@@ -1,8 +1,8 @@
 // A poll's reply with stacks, taken apart, and a thread's row compared with what its script says.
 #pragma once
 
-#include "agent.h"
 #include "truth.h"
+#include "with_scene.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

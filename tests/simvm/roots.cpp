@@ -1,5 +1,8 @@
 #include "roots.h"
+#include "heap.h"
 #include "layout_roots.h"
+
+#include <sstream>
 
 namespace simvm {
 
@@ -11,13 +14,12 @@ constexpr Word WILD = 0x123456789ab0; // aligned, and nothing is there
 constexpr Word CHAIN_MARK = ~Word(0); // where another monitor has its object
 ChainEnd chainEnd;
 
-void Put(Word place, char letter, const char *name, Object *object) {
-    stagedRoots.push_back({letter, name, object, 0, place});
-    As<Word>(place) = object->address;
+void Put(Word place, char letter, const std::string &name, Object *object, Word oop = 0) {
+    stagedRoots.push_back({letter, name, object, oop, place});
+    As<Word>(place) = stagedRoots.back().Address();
 }
-void Put(Word place, char letter, const char *name, Word oop) {
-    stagedRoots.push_back({letter, name, nullptr, oop, place});
-    As<Word>(place) = oop;
+void Put(Word place, char letter, const std::string &name, Word oop) {
+    Put(place, letter, name, nullptr, oop);
 }
 
 Object *Fresh() {
@@ -105,9 +107,9 @@ Word NewRing(int operations) {
     std::vector<Word> ring;
     for (int i = 0; i < operations; i++)
         ring.push_back(Allocate(sizeof(VmOperation)));
-    const Word ENDS[] = {ring.front(), ring.back(), WILD};
-    for (int i = 0; i < operations; i++)
-        As<VmOperation>(ring[i]).next = i + 1 < operations ? ring[i + 1] : ENDS[int(chainEnd)];
+    Chain(ring, &VmOperation::next);
+    if (chainEnd != ChainEnd::WILD)
+        As<VmOperation>(ring.back()).next = chainEnd == ChainEnd::NONE ? ring.front() : ring.back();
     return ring.front();
 }
 
@@ -136,118 +138,87 @@ Word NewMonitorBlock() {
     return block;
 }
 
-// Klasses by name or as the VM's own kinds.
-Word KlassOf(const char *name) {
+// A klass by its name, or by its kind's letter in a dump.
+Word KlassOf(const std::string &name) {
+    for (auto &[klass, letter] : KindLetters())
+        if (name.size() == 1 && letter == name[0])
+            return klass;
     return name[0] == '[' ? ArrayClass(name)->klass : DefineClass(name, "java/lang/Object")->klass;
 }
 
-void StageUniverse() {
-    struct Known {
-        const char *name, *klass;
-        VtableKind kind;
-    };
-    static const Known KLASSES[] = {{"_bool_arr_klass", "[Z", VTABLE_COUNT},
-                                    {"_byte_arr_klass", "[B", VTABLE_COUNT},
-                                    {"_char_arr_klass", "[C", VTABLE_COUNT},
-                                    {"_int_arr_klass", "[I", VTABLE_COUNT},
-                                    {"_short_arr_klass", "[S", VTABLE_COUNT},
-                                    {"_long_arr_klass", "[J", VTABLE_COUNT},
-                                    {"_single_arr_klass", "[F", VTABLE_COUNT},
-                                    {"_double_arr_klass", "[D", VTABLE_COUNT},
-                                    {"_symbol_klass", nullptr, VT_SYMBOL},
-                                    {"_method_klass", nullptr, VT_METHOD},
-                                    {"_klass_klass", nullptr, VT_KLASS_KLASS},
-                                    {"_arr_klass_klass", nullptr, VT_ARRAY_KLASS_KLASS},
-                                    {"_obj_arr_klass_klass", nullptr, VT_OBJ_ARRAY_KLASS_KLASS},
-                                    {"_type_arr_klass_klass", nullptr, VT_TYPE_ARRAY_KLASS_KLASS},
-                                    {"_instance_klass_klass", nullptr, VT_INSTANCE_KLASS_KLASS},
-                                    {"_constant_pool_klass", nullptr, VT_POOL},
-                                    {"_constant_pool_cache_klass", nullptr, VT_POOL_CACHE},
-                                    {"_compiledicholder_klass", nullptr, VT_IC_HOLDER},
-                                    {"_system_obj_array_klass", "[Ljava/lang/Object;", VTABLE_COUNT}};
-    Word at = reinterpret_cast<Word>(vm.statics.universe);
-    for (const Known &known : KLASSES) {
-        Put(at, 'z', known.name, known.klass ? KlassOf(known.klass) : vm.kindKlass[known.kind]);
-        at += 8;
+// Words of known things, one after the other: a name, and a klass, with + an object or an empty array of it,
+// with @ a method. The name - is a word that nobody reads.
+void PutAll(Word at, char letter, const char *text) {
+    std::istringstream words(text);
+    for (std::string name, what; words >> name; at += 8) {
+        if (name == "-") {
+            As<Word>(at) = POISON_WORD;
+            continue;
+        }
+        words >> what;
+        const std::string of = what.substr(1);
+        const size_t dot = of.find('.'), bracket = of.find('(');
+        if (what[0] == '+')
+            Put(at, letter, name, of[0] == '[' ? NewArray(of, 0) : NewObject(of));
+        else if (what[0] == '@')
+            Put(at, letter, name,
+                DefineMethod(of.substr(0, dot), of.substr(dot + 1, bracket - dot - 1), of.substr(bracket), {})
+                    ->oop);
+        else
+            Put(at, letter, name, KlassOf(what));
     }
-    auto put = [&](const char *name, auto what) { Put(at, 'z', name, what), at += 8; };
-    put("_main_thread_group", NewObject("java/lang/ThreadGroup"));
-    put("_system_thread_group", NewObject("java/lang/ThreadGroup"));
-    put("_the_empty_short_array", NewArray("[S", 0));
-    put("_the_empty_int_array", NewArray("[I", 0));
-    put("_the_empty_system_obj_array", NewArray("[Ljava/lang/Object;", 0));
-    put("_the_empty_class_klass_array", NewArray("[Ljava/lang/Class;", 0));
-    put("_finalizer_register_method",
-        DefineMethod("java/lang/ref/Finalizer", "register", "(Ljava/lang/Object;)V", {})->oop);
-    As<Word>(at) = POISON_WORD; // _reflect_invoke_method is in another place
-    at += 8;
-    put("_loader_addclass_method",
-        DefineMethod("java/lang/ClassLoader", "addClass", "(Ljava/lang/Class;)V", {})->oop);
-    put("_out_of_memory_error_instance", NewObject("java/lang/OutOfMemoryError"));
-    put("_null_ptr_exception_instance", NewObject("java/lang/NullPointerException"));
-    put("_arithmetic_exception_instance", NewObject("java/lang/ArithmeticException"));
-    put("_vm_exception", NewObject("java/lang/VirtualMachineError"));
-    put("_reflect_invoke_method",
-        DefineMethod("java/lang/reflect/Method", "invoke", "(Ljava/lang/Object;)V", {})->oop);
 }
 
-void StageKnownClasses() {
-    static const std::pair<const char *, const char *> KLASSES[] = {
-        {"_object_klass", "java/lang/Object"},
-        {"_string_klass", "java/lang/String"},
-        {"_class_klass", "java/lang/Class"},
-        {"_cloneable_klass", "java/lang/Cloneable"},
-        {"_classloader_klass", "java/lang/ClassLoader"},
-        {"_serializable_klass", "java/io/Serializable"},
-        {"_throwable_klass", "java/lang/Throwable"},
-        {"_error_klass", "java/lang/Error"},
-        {"_threaddeath_klass", "java/lang/ThreadDeath"},
-        {"_exception_klass", "java/lang/Exception"},
-        {"_runtime_exception_klass", "java/lang/RuntimeException"},
-        {"_classnotfoundexception_klass", "java/lang/ClassNotFoundException"},
-        {"_noclassdeffounderror_klass", "java/lang/NoClassDefFoundError"},
-        {"_classcastexception_klass", "java/lang/ClassCastException"},
-        {"_arraystoreexception_klass", "java/lang/ArrayStoreException"},
-        {"_outofmemoryerror_klass", "java/lang/OutOfMemoryError"},
-        {"_stackoverflowerror_klass", "java/lang/StackOverflowError"},
-        {"_protectiondomain_klass", "java/security/ProtectionDomain"},
-        {"_accesscontrolcontext_klass", "java/security/AccessControlContext"},
-        {"_reference_klass", "java/lang/ref/Reference"},
-        {"_soft_reference_klass", "java/lang/ref/SoftReference"},
-        {"_weak_reference_klass", "java/lang/ref/WeakReference"},
-        {"_final_reference_klass", "java/lang/ref/FinalReference"},
-        {"_phantom_reference_klass", "java/lang/ref/PhantomReference"},
-        {"_finalizer_klass", "java/lang/ref/Finalizer"},
-        {"_thread_klass", "java/lang/Thread"},
-        {"_threadgroup_klass", "java/lang/ThreadGroup"},
-        {"_properties_klass", "java/util/Properties"},
-        {"_reflect_method_klass", "java/lang/reflect/Method"},
-        {"_reflect_constructor_klass", "java/lang/reflect/Constructor"},
-        {"_stringbuffer_klass", "java/lang/StringBuffer"},
-        {"_vector_klass", "java/util/Vector"},
-        {"_hashtable_klass", "java/util/Hashtable"},
-        {"_boolean_klass", "java/lang/Boolean"},
-        {"_char_klass", "java/lang/Character"},
-        {"_float_klass", "java/lang/Float"},
-        {"_double_klass", "java/lang/Double"},
-        {"_byte_klass", "java/lang/Byte"},
-        {"_short_klass", "java/lang/Short"},
-        {"_int_klass", "java/lang/Integer"},
-        {"_long_klass", "java/lang/Long"}};
-    static const char *const MIRRORS[] = {"_int_mirror",  "_float_mirror", "_double_mirror",
-                                          "_byte_mirror", "_bool_mirror",  "_char_mirror",
-                                          "_long_mirror", "_short_mirror", "_void_mirror"};
-    Word at = reinterpret_cast<Word>(vm.statics.knownKlasses);
-    for (auto &[name, klass] : KLASSES)
-        Put(at, 'B', name, KlassOf(klass)), at += 8;
-    at = reinterpret_cast<Word>(vm.statics.mirrors);
-    for (const char *name : MIRRORS)
-        Put(at, 'C', name, NewObject("java/lang/Class")), at += 8;
-    Put(reinterpret_cast<Word>(vm.statics.systemLoader), 'A', "#_java_system_loader",
-        NewObject("java/lang/ClassLoader"));
+const char UNIVERSE[] = R"(
+_bool_arr_klass [Z _byte_arr_klass [B _char_arr_klass [C _int_arr_klass [I _short_arr_klass [S _long_arr_klass [J
+_single_arr_klass [F _double_arr_klass [D _symbol_klass 1 _method_klass 2 _klass_klass A _arr_klass_klass C
+_obj_arr_klass_klass D _type_arr_klass_klass E _instance_klass_klass B _constant_pool_klass 3
+_constant_pool_cache_klass 4 _compiledicholder_klass * _system_obj_array_klass [Ljava/lang/Object;
+_main_thread_group +java/lang/ThreadGroup _system_thread_group +java/lang/ThreadGroup
+_the_empty_short_array +[S _the_empty_int_array +[I _the_empty_system_obj_array +[Ljava/lang/Object;
+_the_empty_class_klass_array +[Ljava/lang/Class;
+_finalizer_register_method @java/lang/ref/Finalizer.register(Ljava/lang/Object;)V -
+_loader_addclass_method @java/lang/ClassLoader.addClass(Ljava/lang/Class;)V
+_out_of_memory_error_instance +java/lang/OutOfMemoryError
+_null_ptr_exception_instance +java/lang/NullPointerException
+_arithmetic_exception_instance +java/lang/ArithmeticException _vm_exception +java/lang/VirtualMachineError
+_reflect_invoke_method @java/lang/reflect/Method.invoke(Ljava/lang/Object;)V
+)";
+const char KNOWN_CLASSES[] = R"(
+_object_klass java/lang/Object _string_klass java/lang/String _class_klass java/lang/Class
+_cloneable_klass java/lang/Cloneable _classloader_klass java/lang/ClassLoader
+_serializable_klass java/io/Serializable _throwable_klass java/lang/Throwable _error_klass java/lang/Error
+_threaddeath_klass java/lang/ThreadDeath _exception_klass java/lang/Exception
+_runtime_exception_klass java/lang/RuntimeException
+_classnotfoundexception_klass java/lang/ClassNotFoundException
+_noclassdeffounderror_klass java/lang/NoClassDefFoundError
+_classcastexception_klass java/lang/ClassCastException _arraystoreexception_klass java/lang/ArrayStoreException
+_outofmemoryerror_klass java/lang/OutOfMemoryError _stackoverflowerror_klass java/lang/StackOverflowError
+_protectiondomain_klass java/security/ProtectionDomain
+_accesscontrolcontext_klass java/security/AccessControlContext _reference_klass java/lang/ref/Reference
+_soft_reference_klass java/lang/ref/SoftReference _weak_reference_klass java/lang/ref/WeakReference
+_final_reference_klass java/lang/ref/FinalReference _phantom_reference_klass java/lang/ref/PhantomReference
+_finalizer_klass java/lang/ref/Finalizer _thread_klass java/lang/Thread _threadgroup_klass java/lang/ThreadGroup
+_properties_klass java/util/Properties _reflect_method_klass java/lang/reflect/Method
+_reflect_constructor_klass java/lang/reflect/Constructor _stringbuffer_klass java/lang/StringBuffer
+_vector_klass java/util/Vector _hashtable_klass java/util/Hashtable _boolean_klass java/lang/Boolean
+_char_klass java/lang/Character _float_klass java/lang/Float _double_klass java/lang/Double
+_byte_klass java/lang/Byte _short_klass java/lang/Short _int_klass java/lang/Integer _long_klass java/lang/Long
+)";
+const char MIRRORS[] = R"(
+_int_mirror +java/lang/Class _float_mirror +java/lang/Class _double_mirror +java/lang/Class
+_byte_mirror +java/lang/Class _bool_mirror +java/lang/Class _char_mirror +java/lang/Class
+_long_mirror +java/lang/Class _short_mirror +java/lang/Class _void_mirror +java/lang/Class
+)";
+
+void StageKnown() {
+    const auto at = [](Word *place) { return reinterpret_cast<Word>(place); };
+    PutAll(at(vm.statics.universe), 'z', UNIVERSE);
+    PutAll(at(vm.statics.knownKlasses), 'B', KNOWN_CLASSES);
+    PutAll(at(vm.statics.mirrors), 'C', MIRRORS);
+    PutAll(at(vm.statics.systemLoader), 'A', "#_java_system_loader +java/lang/ClassLoader");
     for (int i = 0; i < 191; i++)
-        Put(reinterpret_cast<Word>(vm.statics.vmSymbols + i), 't', "*SYMBOL",
-            Intern("known" + std::to_string(i)));
+        Put(at(vm.statics.vmSymbols + i), 't', "*SYMBOL", Intern("known" + std::to_string(i)));
 }
 
 // ---- dictionaries
@@ -308,8 +279,7 @@ void StageRoots(ThreadInfo *thread, ChainEnd end) {
     StageThread(thread);
     StageVmThread();
     *vm.statics.monitorBlocks = Chain({NewMonitorBlock(), NewMonitorBlock()}, &ObjectMonitorBlock::next);
-    StageUniverse();
-    StageKnownClasses();
+    StageKnown();
     *vm.statics.globalHandles = Chain({NewHandles(32), NewHandles(3)}, &HandleBlock::next);
     StageDictionaries();
 }

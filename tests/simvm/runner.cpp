@@ -3,7 +3,6 @@
 #include "roots.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <condition_variable>
 #include <fcntl.h>
@@ -23,21 +22,12 @@ std::vector<Runner *> runners; // under safepointLock
 std::mutex safepointLock;
 std::condition_variable safepointOver;
 
-struct RestStates {
-    ThreadState state;
-    OsState osState;
-};
-RestStates StatesOf(Rest rest) {
-    switch (rest) {
-    case Rest::SLEEP:
-        return {BLOCKED, OS_SLEEPING};
-    case Rest::WAIT:
-        return {BLOCKED, OS_OBJECT_WAIT};
-    case Rest::MONITOR:
-        return {BLOCKED, OS_MONITOR_WAIT};
-    default:
-        return {IN_NATIVE, OS_RUNNABLE};
-    }
+// Its states, of a thread that rests so.
+std::pair<ThreadState, OsState> StatesOf(Rest rest) {
+    const std::map<Rest, OsState> BLOCKS = {
+        {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
+    const auto found = BLOCKS.find(rest);
+    return found == BLOCKS.end() ? std::pair(IN_NATIVE, OS_RUNNABLE) : std::pair(BLOCKED, found->second);
 }
 
 // From C back into Java code; not while a collection runs.
@@ -135,16 +125,11 @@ void *ThreadMain(void *runner) {
 }
 
 void OpenRest(Runner *runner) {
+    int32_t port;
     if (runner->script->rest == Rest::PIPE && pipe2(runner->pipe, O_CLOEXEC))
         Fail("no pipe");
-    if (runner->script->rest != Rest::ACCEPT)
-        return;
-    sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    runner->listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(runner->listener, reinterpret_cast<sockaddr *>(&any), sizeof any) || listen(runner->listener, 1))
-        Fail("no listening socket");
+    if (runner->script->rest == Rest::ACCEPT)
+        runner->listener = ListeningSocket(&port);
 }
 
 // ---- the collector
@@ -237,9 +222,9 @@ void MoveKlass(Class *type) {
 extern "C" void SimvmRest(Word thread, Script *script) {
     Runner *runner = current;
     OutOfJava(runner);
-    RestStates states = StatesOf(script->rest);
-    At(runner->info->osThread, &OSThread::state) = states.osState;
-    At(thread, &JavaThread::state) = states.state;
+    const auto [state, osState] = StatesOf(script->rest);
+    At(runner->info->osThread, &OSThread::state) = osState;
+    At(thread, &JavaThread::state) = state;
     runner->resting = 1;
     WaitAtRest(runner);
     At(runner->info->osThread, &OSThread::state) = OS_RUNNABLE;

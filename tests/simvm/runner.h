@@ -32,6 +32,8 @@ void Leave(Runner *runner);
 // The calling thread as a Java thread that runs the script, which ends in `call`.
 void RunHere(const std::string &name, Script *script, std::function<void()> call);
 
+int ListeningSocket(int32_t *port); // on the loopback
+
 // One collection: stops all threads, moves every object of eden and from, poisons where they were. While it
 // runs, the heap says so; `held` is called in its midst.
 // A full one also moves the klasses of those classes.

@@ -6,82 +6,76 @@ namespace simvm {
 
 namespace {
 
-const char *const CLASSES[] = {
-    "java/io/FileDescriptor fd,I",
-    "java/io/InputStream",
-    "java/io/FileInputStream < java/io/InputStream fd,Ljava/io/FileDescriptor;",
-    "java/net/SocketInputStream < java/io/FileInputStream eof,Z",
-    "java/net/InetAddress hostName,Ljava/lang/String; address,I family,I",
-    "java/net/Inet4Address < java/net/InetAddress",
-    "java/net/SocketImpl fd,Ljava/io/FileDescriptor; address,Ljava/net/InetAddress; port,I localport,I",
-    "java/net/PlainSocketImpl < java/net/SocketImpl timeout,I",
-    "java/net/Socket created,Z impl,Ljava/net/SocketImpl;",
-    "tessar/net/nt/MetricsEnabledInputStream < java/io/InputStream realStream,Ljava/io/InputStream;",
-    "tessar/net/ns/SessionAtts sdu,I ntInputStream,Ljava/io/InputStream;",
-    "tessar/net/ns/Communication sAtts,Ltessar/net/ns/SessionAtts;",
-    "tessar/jdbc/dbaccess/DBAccess net,Ltessar/net/ns/Communication; c_state,J",
-    "tessar/jdbc/driver/TessarConnection url,Ljava/lang/String; user,Ljava/lang/String; "
-    "db_access,Ltessar/jdbc/dbaccess/DBAccess;",
-    "tessar/jdbc/driver/TessarStatement sql_query,Ljava/lang/String; "
-    "connection,Ltessar/jdbc/driver/TessarConnection;",
-    "tessar/jdbc/driver/TessarPreparedStatement < tessar/jdbc/driver/TessarStatement",
-    "tessar/jdbc/driver/TessarResultSetImpl connection,Ltessar/jdbc/driver/TessarConnection;",
-    "tessar/jdbc/driver/TessarSql originalSql,Ljava/lang/String;",
-    "tessar/jdbc/driver/Q5DConnection url,Ljava/lang/String; userName,Ljava/lang/String; "
-    "net,Ltessar/net/ns/Communication; statements,Ltessar/jdbc/driver/TessarStatement;",
-    "tessar/jdbc/driver/Q5DPreparedStatement q5Connection,Ltessar/jdbc/driver/Q5DConnection; "
-    "m_sql,Ltessar/jdbc/driver/TessarSql;",
-    "ferrule/jdbc/base/BaseConnectionProperties props,Ljava/util/Properties;",
-    "ferrule/jdbc/tessar/wire8/TessarWire8Communication socket,Ljava/net/Socket;",
-    "ferrule/jdbc/tessar/TessarImplConnection connectProps,Lferrule/jdbc/base/BaseConnectionProperties; "
-    "comm,Lferrule/jdbc/tessar/wire8/TessarWire8Communication;",
-    "ferrule/jdbc/tessar/TessarImplStatement implConn,Lferrule/jdbc/tessar/TessarImplConnection; "
-    "comm,Lferrule/jdbc/tessar/wire8/TessarWire8Communication;",
-};
+const char CLASSES[] = R"(
+let DRIVER tessar/jdbc/driver
+let WRAPPER ferrule/jdbc/tessar
+class java/io/InputStream
+class java/io/FileInputStream < java/io/InputStream fd,Ljava/io/FileDescriptor;
+class java/net/SocketInputStream < java/io/FileInputStream eof,Z
+class tessar/jdbc/dbaccess/DBAccess net,Ltessar/net/ns/Communication; c_state,J
+class $DRIVER/TessarStatement sql_query,Ljava/lang/String; connection,L$DRIVER/TessarConnection;
+class $DRIVER/Q5DConnection url,Ljava/lang/String; userName,Ljava/lang/String; net,Ltessar/net/ns/Communication;
+  statements,L$DRIVER/TessarStatement;
+class java/net/SocketImpl fd,Ljava/io/FileDescriptor; address,Ljava/net/InetAddress; port,I localport,I
+class java/net/InetAddress hostName,Ljava/lang/String; address,I family,I
+)";
+// Of a connection, by its thread's name and socket.
+const char CONNECTIONS[] = R"(
+let STREAM java/net/SocketInputStream{fd=java/io/FileDescriptor{fd=$FD}}
+let METRICS tessar/net/nt/MetricsEnabledInputStream<java/io/InputStream{
+  realStream,Ljava/io/InputStream;=$STREAM}
+let ATTS tessar/net/ns/SessionAtts{sdu=2048 ntInputStream,Ljava/io/InputStream;
+let NET net=tessar/net/ns/Communication{sAtts=$ATTS=$STREAM}}
+let METERED net=tessar/net/ns/Communication{sAtts=$ATTS=$METRICS}}
+let NATIVE c_state=$STATE
+let CALL url="jdbc:tessar:$T" user="user of $T"
+let THIN connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$NET}}
+let THIN_METERED connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$METERED}}
+let THICK connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$NATIVE}}
+let COMM comm=$WRAPPER/wire8/TessarWire8Communication{socket=java/net/Socket{created,Z=0
+  impl,Ljava/net/SocketImpl;=java/net/PlainSocketImpl<java/net/SocketImpl{fd=java/io/FileDescriptor{fd=$FD}
+  address=java/net/Inet4Address<java/net/InetAddress{hostName="$PEER" address=0x7f000001}
+  port=$REMOTE localport=$LOCAL timeout=0}}}
+let PROPERTIES java/util/Properties#3("SERVERNAME" "jdbc:tessar:$T" "USER" "user of $T" "PORTNUMBER" "1521"
+  "SID" "sid")
+let WRAPPED_BY $WRAPPER/TessarImplConnection{
+  connectProps=ferrule/jdbc/base/BaseConnectionProperties{props=$PROPERTIES} $COMM}
+)";
+const char FRAMES[] = R"(
+let READ c java/net/SocketInputStream.read:129 ; n java/net/SocketInputStream.socketRead0
+let PACKET i tessar/net/ns/Packet.receive:31 ; $READ
+let NET8 i ferrule/jdbc/tessar/net8/TessarNet8.receive:31 ; $READ
+let ZDI n tessar/jdbc/zdi8/ZDIDBAccess.t_execute
+let FACTS url=jdbc:tessar:$T; user=user of $T; local port=$LOCAL; remote port=$REMOTE; peer=$PEER
+)";
 
-// What a thread's innermost driver object is.
-enum class Form {
-    STATEMENT,
-    PREPARED,
-    METRICS,
-    RESULTS,
-    NATIVE,
-    NEW_STATEMENT,
-    NEW_CONNECTION,
-    WRAPPED_STATEMENT,
-    WRAPPED_CONNECTION
-};
+// What a thread's innermost driver object is, in which class's method it runs, and what that has called.
 struct Row {
-    const char *thread;
-    Form form;
-    SocketKind socket;
+    const char *thread, *holder, *object, *frames;
+    bool isQuery = true; // it knows its SQL
+    SocketKind socket = SocketKind::IPV4;
 };
+const char STATEMENT[] = "$DRIVER/TessarStatement", THIN[] = R"({sql_query="$SQL" $THIN})";
 const Row ROWS[] = {
-    {"thin", Form::STATEMENT, SocketKind::IPV4},
-    {"thin-prepared", Form::PREPARED, SocketKind::IPV4},
-    {"thin-metrics", Form::METRICS, SocketKind::IPV4},
-    {"thin-results", Form::RESULTS, SocketKind::IPV4},
-    {"thin-six", Form::STATEMENT, SocketKind::IPV6},
-    {"thin-closed", Form::STATEMENT, SocketKind::CLOSED},
-    {"thin-file", Form::STATEMENT, SocketKind::FILE},
-    {"thick", Form::NATIVE, SocketKind::IPV4},
-    {"new", Form::NEW_STATEMENT, SocketKind::IPV4},
-    {"new-connection", Form::NEW_CONNECTION, SocketKind::IPV4},
-    {"wrapped", Form::WRAPPED_STATEMENT, SocketKind::IPV4},
-    {"wrapped-connection", Form::WRAPPED_CONNECTION, SocketKind::IPV4},
+    {"thin", STATEMENT, THIN, "$PACKET"},
+    {"thin-prepared", STATEMENT,
+     R"($DRIVER/TessarPreparedStatement<$DRIVER/TessarStatement{sql_query="$SQL" $THIN})", "$PACKET"},
+    {"thin-metrics", STATEMENT, R"({sql_query="$SQL" $THIN_METERED})", "$PACKET"},
+    {"thin-results", "$DRIVER/TessarResultSetImpl", "{$THIN}", "$PACKET", false},
+    {"thin-six", STATEMENT, THIN, "$PACKET", true, SocketKind::IPV6},
+    {"thin-closed", STATEMENT, THIN, "$PACKET", true, SocketKind::CLOSED},
+    {"thin-file", STATEMENT, THIN, "$PACKET", true, SocketKind::FILE},
+    {"thick", STATEMENT, R"({sql_query="$SQL" $THICK})", "$ZDI"},
+    {"new", "$DRIVER/Q5DPreparedStatement", "statement", "$PACKET"},
+    {"new-connection", "$DRIVER/Q5DConnection", "connection", "$PACKET"},
+    {"wrapped", "$WRAPPER/TessarImplStatement", "{implConn=$WRAPPED_BY $COMM}", "$NET8", false},
+    {"wrapped-connection", "$WRAPPER/TessarImplConnection", "$WRAPPED_BY", "$NET8", false},
 };
 
-Object *NewCommunication(int descriptor, bool metrics) {
-    Object *file = New("java/io/FileDescriptor", {{"fd", descriptor}}),
-           *stream = New("java/net/SocketInputStream", {{"fd", file}});
-    if (metrics)
-        stream = New("tessar/net/nt/MetricsEnabledInputStream", {{"realStream", stream}});
-    return New("tessar/net/ns/Communication",
-               {{"sAtts", New("tessar/net/ns/SessionAtts", {{"sdu", 2048}, {"ntInputStream", stream}})}});
-}
+constexpr int NATIVE_STEPS = 11;
 
 // The native driver's memory: each structure points to the next from a place of its own, the last one holds
-// the descriptor.
+// the descriptor. At the hole there is nothing.
 Word NewNativeState(int descriptor, int hole) {
     const int PLACES[NATIVE_STEPS] = {0x0c, 0x44, 0x120, 0x1a20, 0xd4, 0x8c, 0, 0x9c, 0x104, 0x18, 0x530};
     constexpr size_t ROOM = 0x1a40;
@@ -96,112 +90,41 @@ Word NewNativeState(int descriptor, int hole) {
     return first;
 }
 
-Object *NewThin(const Row &row, int descriptor, const std::string &sql, int hole = NATIVE_STEPS) {
-    Object *access = New("tessar/jdbc/dbaccess/DBAccess", {});
-    if (row.form == Form::NATIVE)
-        Set(access, "c_state", NewNativeState(descriptor, hole));
-    else
-        Set(access, "net", NewCommunication(descriptor, row.form == Form::METRICS));
-    Object *connection = New("tessar/jdbc/driver/TessarConnection",
-                             {{"url", NewString(std::string("jdbc:tessar:") + row.thread)},
-                              {"user", NewString(std::string("user of ") + row.thread)},
-                              {"db_access", access}});
-    if (row.form == Form::RESULTS)
-        return New("tessar/jdbc/driver/TessarResultSetImpl", {{"connection", connection}});
-    const char *type = row.form == Form::PREPARED ? "tessar/jdbc/driver/TessarPreparedStatement"
-                                                  : "tessar/jdbc/driver/TessarStatement";
-    return New(type, {{"connection", connection}, {"sql_query", NewString(sql)}});
-}
-
-Object *NewLater(const Row &row, int descriptor, const std::string &sql) {
-    Object *text = New("tessar/jdbc/driver/TessarSql", {{"originalSql", NewString(sql)}}),
-           *connection = New("tessar/jdbc/driver/Q5DConnection",
-                             {{"url", NewString(std::string("jdbc:tessar:") + row.thread)},
-                              {"userName", NewString(std::string("user of ") + row.thread)},
-                              {"net", NewCommunication(descriptor, false)}}),
-           *statement = New("tessar/jdbc/driver/Q5DPreparedStatement",
-                            {{"q5Connection", connection}, {"m_sql", text}});
-    Set(connection, "statements", statement);
-    return row.form == Form::NEW_STATEMENT ? statement : connection;
-}
-
-Object *NewWrapped(const Row &row, const Connected &socket) {
-    Object *address =
-               New("java/net/Inet4Address", {{"hostName", NewString(socket.peer)}, {"address", 0x7f000001}}),
-           *file = New("java/io/FileDescriptor", {{"fd", socket.descriptor}}),
-           *impl = New("java/net/PlainSocketImpl", {{"fd", file},
-                                                    {"address", address},
-                                                    {"port", stoi(socket.remotePort)},
-                                                    {"localport", stoi(socket.localPort)}}),
-           *communication = New("ferrule/jdbc/tessar/wire8/TessarWire8Communication",
-                                {{"socket", New("java/net/Socket", {{"impl", impl}})}});
-    Object *table = NewTable("java/util/Properties", 3,
-                             {{NewString("SERVERNAME"), NewString(std::string("jdbc:tessar:") + row.thread)},
-                              {NewString("USER"), NewString(std::string("user of ") + row.thread)},
-                              {NewString("PORTNUMBER"), NewString("1521")},
-                              {NewString("SID"), NewString("sid")}}),
-           *properties = New("ferrule/jdbc/base/BaseConnectionProperties", {{"props", table}}),
-           *connection = New("ferrule/jdbc/tessar/TessarImplConnection",
-                             {{"connectProps", properties}, {"comm", communication}});
-    if (row.form == Form::WRAPPED_CONNECTION)
-        return connection;
-    return New("ferrule/jdbc/tessar/TessarImplStatement",
-               {{"implConn", connection}, {"comm", communication}});
-}
-
-// Innermost a socket is read from the driver's network classes, or its native part runs.
-std::vector<Frame> FramesOf(const Row &row, Object *object) {
-    std::string holder =
-        row.form == Form::PREPARED ? "tessar/jdbc/driver/TessarStatement" : object->type->name;
-    std::vector<Frame> frames = {
-        Run("shop/Worker"),
-        {F::COMPILED,
-         {In("shop/Dao", "find", 12, NewObject("shop/Dao")), In(holder, "execute", 99, object)}}};
-    if (row.form == Form::NATIVE) {
-        frames.push_back({F::NATIVE, {Native("tessar/jdbc/zdi8/ZDIDBAccess", "t_execute")}});
-        return frames;
-    }
-    bool wrapped = row.form == Form::WRAPPED_STATEMENT || row.form == Form::WRAPPED_CONNECTION;
-    frames.push_back(
-        {F::INTERPRETED,
-         {In(wrapped ? "ferrule/jdbc/tessar/net8/TessarNet8" : "tessar/net/ns/Packet", "receive", 31)}});
-    frames.push_back({F::COMPILED, {In("java/net/SocketInputStream", "read", 129)}});
-    frames.push_back({F::NATIVE, {Native("java/net/SocketInputStream", "socketRead0")}});
-    return frames;
-}
-
-void AddRow(Scene *scene, const Row &row) {
-    const std::string name = row.thread, sql = "select '" + name + "' from dual";
-    Connected socket = Connect(scene, row.socket);
-    bool wrapped = row.form >= Form::WRAPPED_STATEMENT,
-         later = row.form == Form::NEW_STATEMENT || row.form == Form::NEW_CONNECTION;
-    Object *object = wrapped ? NewWrapped(row, socket)
-                     : later ? NewLater(row, socket.descriptor, sql)
-                             : NewThin(row, socket.descriptor, sql);
-    std::map<std::string, std::string> facts;
-    if (!socket.localPort.empty())
-        facts = {{"url", "jdbc:tessar:" + name},
-                 {"user", "user of " + name},
-                 {"local port", socket.localPort},
-                 {"remote port", socket.remotePort},
-                 {"peer", socket.peer}};
-    if (!facts.empty() && !wrapped && row.form != Form::RESULTS)
-        facts["sql"] = sql;
-    scene->named[name] = object;
-    Add(scene, name, FramesOf(row, object), Rest::PIPE, "DB Wait", facts);
+void AddRow(Scene *scene, SceneText *text, const Row &row, const std::string &name, int hole) {
+    const Connected socket = Connect(scene, row.socket);
+    text->Let("T", name);
+    text->Let("SQL", "select '" + name + "' from dual");
+    text->Let("FD", std::to_string(socket.descriptor));
+    text->Let("LOCAL", socket.localPort);
+    text->Let("REMOTE", socket.remotePort);
+    text->Let("PEER", socket.peer);
+    text->Let("STATE", std::to_string(NewNativeState(socket.descriptor, hole)));
+    const std::string holder = row.holder, object = row.object;
+    if (name.rfind("new", 0) == 0)
+        text->Read(R"(
+connection = $DRIVER/Q5DConnection{url="jdbc:tessar:$T" userName="user of $T" $NET}
+statement = $DRIVER/Q5DPreparedStatement{q5Connection=connection m_sql=$DRIVER/TessarSql{originalSql="$SQL"}}
+set connection.statements = statement
+)");
+    text->Read("object = " + (object[0] == '{' ? holder + object : object));
+    scene->named[name] = text->Make("object").object;
+    const bool known = !socket.localPort.empty() && hole == NATIVE_STEPS;
+    text->Read("thread $T: PIPE \"DB Wait\" run shop/Worker ; c shop/Dao.find:12 @ > " + holder +
+               ".execute:99 @object ; " + row.frames + (known ? " | $FACTS" : "") +
+               (known && row.isQuery ? "; sql=$SQL" : ""));
 }
 
 } // namespace
 
 void StageDrivers(Scene *scene) {
-    for (const char *line : CLASSES)
-        DefineClass(line);
+    SceneText text(scene);
+    for (const char *lines : {CLASSES, CONNECTIONS, FRAMES})
+        text.Read(lines);
     for (const Row &row : ROWS)
-        AddRow(scene, row);
-    int descriptor = Connect(scene, SocketKind::IPV4).descriptor;
+        AddRow(scene, &text, row, row.thread, NATIVE_STEPS);
     for (int hole = 0; hole < NATIVE_STEPS; hole++)
-        scene->named["hole " + std::to_string(hole)] =
-            NewThin({"hole", Form::NATIVE, SocketKind::IPV4}, descriptor, "select 1", hole);
+        AddRow(scene, &text, {"", STATEMENT, R"({sql_query="$SQL" $THICK})", "$ZDI"},
+               "hole " + std::to_string(hole), hole);
 }
 
 } // namespace simvm

@@ -1,175 +1,129 @@
 // Objects and frames for those who read fields, elements, arguments and locals.
 #include "stage.h"
 
-#include <climits>
-
 namespace simvm {
 
 namespace {
 
-// A class with fields of all kinds, a static in it and one above, and a field that hides another.
-Object *NewAll(Object *any, Object *table) {
-    for (const char *line :
-         {"readers/Base *shared,I *label,Ljava/lang/String; id,J top,Ljava/lang/Object;",
-          "readers/All < readers/Base *count,J *last,Lreaders/All; z,Z b,B c,C s,S i,I j,J f,F d,D "
-          "text,Ljava/lang/String; buffer,Ljava/lang/StringBuffer; chars,[C ints,[I "
-          "names,[Ljava/lang/String; "
-          "grid,[[I any,Ljava/lang/Object; table,Ljava/util/Hashtable; nothing,Ljava/lang/Object; id,J",
-          "readers/Plain", "readers/Unknown ? x,I"})
-        DefineClass(line);
-    Object *all =
-        New("readers/All",
-            {{"z", true},
-             {"b", SCHAR_MIN},
-             {"c", 0x20ac},
-             {"s", SHRT_MIN},
-             {"i", INT_MIN},
-             {"j", LONG_MIN + 7},
-             {"f", 2.5f},
-             {"d", -1e-3},
-             {"text", NewString("all")},
-             {"buffer", NewBuffer("in a buffer")},
-             {"chars", NewChars("letters")},
-             {"ints", NewElements("[I", {1, -2, 3})},
-             {"names", NewElements("[Ljava/lang/String;", {NewString("a"), nullptr, NewString("c")})},
-             {"grid", NewElements("[[I", {NewElements("[I", {1}), NewArray("[I", 0)})},
-             {"any", any},
-             {"table", table},
-             {"id", 77},
-             {"top", any}});
-    SetStatic(FindClass("readers/Base"), "shared", -3);
-    SetStatic(FindClass("readers/Base"), "label", NewString("static text"));
-    SetStatic(FindClass("readers/All"), "count", 1L << 40);
-    SetStatic(FindClass("readers/All"), "last", all);
-    return all;
-}
+// Tables with a chain of three, a cyclic one and one whose keys are no texts; a class with fields of all
+// kinds, a static in it and one above, and a field that hides another; texts and arrays.
+const char OBJECTS[] = R"(
+let CHAIN "one"@2 "1" "two"@2 "2" "three"@2 "3" "apart"@5 "4"
+hashtable := java/util/Hashtable#7($CHAIN)
+properties := java/util/Properties#11($CHAIN)
+hashmap := java/util/HashMap#8($CHAIN)
+cyclic := java/util/Hashtable#7!($CHAIN)
+empty-table := java/util/Hashtable#3()
+other-keys := java/util/Hashtable{table=[Ljava/util/Hashtable$Entry;(null java/util/Hashtable$Entry{key=readers/Plain})}
 
-void NameTexts(Scene *scene) {
-    std::u16string odd = u"odd ";
-    for (char16_t c : {0x80, 0xe9, 0xff, 0, 29, 30, 31, int('|')})
-        odd.push_back(c);
-    Object *negative = NewPartOf(u"negative", 0, 8), *far = NewPartOf(u"far", 0, 3);
-    Set(negative, "count", -1);
-    Set(far, "offset", 1 << 20);
-    scene->named.insert({{"odd text", NewPartOf(odd, 0, int(odd.size()))},
-                         {"part", NewPartOf(u"a part of it", 2, 4)},
-                         {"long text", NewString(std::string(3000, 'x'))},
-                         {"empty text", NewString("")},
-                         {"negative count", negative},
-                         {"far offset", far},
-                         {"buffer", NewBuffer("buffered")}});
-}
+class readers/Base *shared,I *label,Ljava/lang/String; id,J top,Ljava/lang/Object;
+class readers/All < readers/Base *count,J *last,Lreaders/All; z,Z b,B c,C s,S i,I j,J f,F d,D text,Ljava/lang/String;
+  buffer,Ljava/lang/StringBuffer; chars,[C ints,[I names,[Ljava/lang/String; grid,[[I any,Ljava/lang/Object;
+  table,Ljava/util/Hashtable; nothing,Ljava/lang/Object; id,J
+class readers/Unknown ? x,I
+any = readers/Plain
+all := readers/All{z=true b=-128 c=0x20ac s=-32768 i=-2147483648 j=-9223372036854775801 f=2.5 d=-0.001 text="all"
+  buffer=inside chars=letters ints=[I(1 -2 3) names=[Ljava/lang/String;("a" null "c") grid=[[I([I(1) [I()) any=any
+  table=hashtable id=77 top=any}
+static readers/Base.shared = -3
+static readers/Base.label = "static text"
+static readers/All.count = 0x10000000000
+static readers/All.last = all
+plain := readers/Plain
 
-void NameArrays(Scene *scene) {
-    for (char kind : std::string("ZBCSIFJD"))
-        scene->named[std::string("[") + kind] = NewElements(std::string("[") + kind, {1, 0, 65});
-    Object *text = NewString("in an array"), *row = NewElements("[J", {LONG_MAX, -1}),
-           *plane = NewElements("[[J", {row, nullptr, row});
-    scene->named["texts"] = NewElements("[Ljava/lang/String;", {text, nullptr, NewString("last")});
-    scene->named["objects"] =
-        NewElements("[Ljava/lang/Object;", {text, row, NewObject("readers/Plain"), nullptr});
-    scene->named["plane"] = plane;
-    scene->named["space"] = NewElements("[[[J", {plane});
-    scene->named["many"] = NewElements("[I", std::vector<Value>(20000, 4));
-    scene->named["none"] = NewArray("[Ljava/lang/Object;", 0);
-}
+far-offset := far
+set far.offset = 0x100000
+negative-count := negative
+set negative.count = -1
+odd-text := odd
+part := part
+wide-text := wide
+long-text := long
+empty-text := ""
+buffer := buffered
 
-void NameTables(Scene *scene) {
-    auto three = [] {
-        return std::vector<TableEntry>{{NewString("one"), NewString("1"), 2},
-                                       {NewString("two"), NewString("2"), 2},
-                                       {NewString("three"), NewString("3"), 2},
-                                       {NewString("apart"), NewString("4"), 5}};
-    };
-    scene->named["hashtable"] = NewTable("java/util/Hashtable", 7, three());
-    scene->named["properties"] = NewTable("java/util/Properties", 11, three());
-    scene->named["hashmap"] = NewTable("java/util/HashMap", 8, three());
-    scene->named["cyclic"] = NewTable("java/util/Hashtable", 7, three(), true);
-    scene->named["empty table"] = NewTable("java/util/Hashtable", 3, {});
-    scene->named["other keys"] = New("java/util/Hashtable", {});
-    Object *entry = New("java/util/Hashtable$Entry", {{"key", NewObject("readers/Plain")}});
-    Set(scene->named["other keys"], "table", NewElements("[Ljava/util/Hashtable$Entry;", {nullptr, entry}));
-}
+Z := [Z(1 0 65)
+B := [B(1 0 65)
+C := [C(1 0 65)
+S := [S(1 0 65)
+I := [I(1 0 65)
+F := [F(1 0 65)
+J := [J(1 0 65)
+D := [D(1 0 65)
+text = "in an array"
+row = [J(0x7fffffffffffffff -1)
+plane := [[J(row null row)
+texts := [Ljava/lang/String;(text null "last")
+objects := [Ljava/lang/Object;(text row readers/Plain null)
+space := [[[J(plane)
+none := [Ljava/lang/Object;()
+)";
 
-// One of each kind of argument, then locals; up to `slots` of them.
-std::vector<Variable> Variables(Scene *scene, size_t count) {
-    Object *all = scene->named["all"];
-    std::vector<Variable> variables = {{"I", -5},
-                                       {"Ljava/lang/String;", scene->named["part"]},
-                                       {"J", 1L << 33},
-                                       {"D", 0.5},
-                                       {"[Ljava/lang/String;", scene->named["texts"]},
-                                       {"Ljava/lang/StringBuffer;", scene->named["buffer"]},
-                                       {"Z", true},
-                                       {"F", 1.5f},
-                                       {"[[J", scene->named["plane"]},
-                                       {"Lreaders/All;", all},
-                                       {"C", 'q'},
-                                       {"Lreaders/All;", nullptr}};
-    while (variables.size() < count)
-        variables.push_back(variables.size() % 2 ? Variable{"Lreaders/All;", all}
-                                                 : Variable{"I", int(variables.size())});
-    return variables;
-}
-const char SIGNATURE[] = "(ILjava/lang/String;JD[Ljava/lang/String;Ljava/lang/StringBuffer;ZF[[J)V";
+// One of each kind of argument, then locals. Two methods share one entry of the cache: the second isn't in
+// it.
+const char FRAMES[] = R"(
+let SIG (ILjava/lang/String;JD[Ljava/lang/String;Ljava/lang/StringBuffer;ZF[[J)V
+let ARGS %-5 %part %0x200000000 %0.5 %texts %buffer %true %1.5 %plane
+let FEW $ARGS %all %C=113 %Lreaders/All;=null
+let UNTYPED %I=-5 %part %J=0x200000000 %D=0.5 %texts %buffer %Z=true %F=1.5 %plane %all %C=113 %Lreaders/All;=null
+let SIX %20 %all %21 %all %22 %all
+let MORE $SIX $SIX
+thread interpreted: SLEEP run readers/Thread ; i readers/All.plain$SIG:31 @all $FEW ;
+  i readers/Far.withMany$SIG:32 @all $FEW $MORE $MORE $MORE ; i readers/Statics.ofClass$SIG:33 $FEW ;
+  i readers/Twice.first:34 @all $UNTYPED ; i readers/Twice.second:35 @all $UNTYPED ;
+  n readers/Native.call(ILjava/lang/String;J)V @all %-5 %part %0x200000000
+)";
 
-void AddInterpreted(Scene *scene) {
-    Object *all = scene->named["all"];
-    std::vector<Variable> few = Variables(scene, 12), many = Variables(scene, 50);
-    Add(scene, "interpreted",
-        {Run("readers/Thread"),
-         {F::INTERPRETED, {In("readers/All", "plain", 31, all, {}, SIGNATURE, few)}},
-         {F::INTERPRETED, {In("readers/Far", "withMany", 32, all, {}, SIGNATURE, many)}},
-         {F::INTERPRETED, {In("readers/Statics", "ofClass", 33, nullptr, {}, SIGNATURE, few)}},
-         // one entry for both: the second isn't in it
-         {F::INTERPRETED, {In("readers/Twice", "first", 34, all, {}, "()V", few)}},
-         {F::INTERPRETED, {In("readers/Twice", "second", 35, all, {}, "()V", few)}},
-         {F::NATIVE,
-          {Native("readers/Native", "call", all, "(ILjava/lang/String;J)V",
-                  {few.begin(), few.begin() + 3})}}},
-        Rest::SLEEP);
-}
-
-// Each fourth variable is kept in another way.
-void AddCompiled(Scene *scene) {
-    Object *all = scene->named["all"], *plain = scene->named["plain"];
-    std::vector<Variable> stacked = Variables(scene, 12), mixed = Variables(scene, 24);
+// Each fourth variable of the inlined method is kept in another way.
+void AddCompiled(Scene *scene, SceneText *text) {
+    Script script = {
+        text->Frames("run readers/Thread ; c readers/All.outer$SIG:41 @all ^plain $FEW > "
+                     "readers/Plain.inlined$SIG:42 @plain $FEW $MORE > readers/Statics.inner$SIG:43 "
+                     "^all $FEW ; c readers/Native.wrapped(I)V @all %3"),
+        Rest::SLEEP};
+    std::vector<Variable> &mixed = script.frames[1].scopes[1].variables;
     for (size_t i = 0; i < mixed.size(); i++)
         mixed[i].kept = Kept(i % 4);
-    Add(scene, "compiled",
-        {Run("readers/Thread"),
-         {F::COMPILED,
-          {In("readers/All", "outer", 41, all, {plain}, SIGNATURE, stacked),
-           In("readers/Plain", "inlined", 42, plain, {}, SIGNATURE, mixed),
-           In("readers/Statics", "inner", 43, nullptr, {all}, SIGNATURE, stacked)}},
-         {F::COMPILED, {Native("readers/Native", "wrapped", all, "(I)V", {{"I", 3}})}}},
-        Rest::SLEEP);
+    Add(scene, "compiled", std::move(script));
 }
 
 // Methods whose lines end without a mark, or that have none, or whose file isn't known.
 void AddLines(Scene *scene) {
-    auto method = [](const char *holder, const char *name, std::vector<MethodLine> lines) {
-        return DefineMethod(holder, name, "()V", std::move(lines), METHOD_STATIC, 40, LineEnd::UNMARKED);
+    auto frame = [](const char *holder, const char *name, std::vector<MethodLine> lines, int32_t bci) {
+        MethodInfo *method =
+            DefineMethod(holder, name, "()V", std::move(lines), METHOD_STATIC, 40, LineEnd::UNMARKED);
+        return Frame{F::INTERPRETED, {{method, bci}}};
     };
     Add(scene, "lines",
-        {{F::INTERPRETED, {{method("readers/Lines", "unmarked", {{0, 7}, {5, 60000}, {20, 25}}), 20}}},
-         {F::INTERPRETED, {{method("readers/Lines", "none", {}), 12}}},
-         {F::INTERPRETED, {{method("readers/Lines", "early", {{0, 3}, {39, 90}}), 30}}},
-         {F::INTERPRETED, {{method("readers/Unknown", "file", {{0, 40}, {8, 44}}), 8}}}},
-        Rest::SLEEP);
+        {{frame("readers/Lines", "unmarked", {{0, 7}, {5, 60000}, {20, 25}}, 20),
+          frame("readers/Lines", "none", {}, 12), frame("readers/Lines", "early", {{0, 3}, {39, 90}}, 30),
+          frame("readers/Unknown", "file", {{0, 40}, {8, 44}}, 8)},
+         Rest::SLEEP});
 }
 
 } // namespace
 
 void StageReaders(Scene *scene) {
-    NameTables(scene);
-    scene->named["all"] = NewAll(NewObject("readers/Plain"), scene->named["hashtable"]);
-    scene->named["plain"] = NewObject("readers/Plain");
+    SceneText text(scene);
+    std::u16string odd = u"odd ";
+    for (char16_t c : {0x80, 0xe9, 0xff, 0, 29, 30, 31, int('|')})
+        odd.push_back(c);
+    const std::u16string wide = {'a', 0xd83d, 0xde00, 0xd83d, 'b', 0xde00, 0x20ac};
+    for (auto &[name, value] : {std::pair<const char *, Object *>{"odd", NewPartOf(odd, 0, int(odd.size()))},
+                                {"wide", NewPartOf(wide, 0, int(wide.size()))},
+                                {"part", NewPartOf(u"a part of it", 2, 4)},
+                                {"far", NewPartOf(u"far", 0, 3)},
+                                {"negative", NewPartOf(u"negative", 0, 8)},
+                                {"long", NewString(std::string(3000, 'x'))},
+                                {"inside", NewBuffer("in a buffer")},
+                                {"buffered", NewBuffer("buffered")},
+                                {"letters", NewChars("letters")}})
+        text.Name(name, value);
+    scene->named["many"] = NewElements("[I", std::vector<Value>(20000, 4));
     scene->named["thread"] = vm.threadGroup;
-    NameTexts(scene);
-    NameArrays(scene);
-    AddInterpreted(scene);
-    AddCompiled(scene);
+    text.Read(OBJECTS);
+    text.Read(FRAMES);
+    AddCompiled(scene, &text);
     AddLines(scene);
 }
 

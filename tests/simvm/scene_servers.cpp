@@ -2,141 +2,96 @@
 // them in several ways, the scenes differ: each has one way that leads there.
 #include "stage.h"
 
-#include <unistd.h>
-
 namespace simvm {
 
 namespace {
 
-const char *const CLASSES[] = {
-    "java/net/SocketImpl port,I localport,I",
-    "java/net/PlainSocketImpl < java/net/SocketImpl timeout,I",
-    "java/net/ServerSocket created,Z impl,Ljava/net/SocketImpl;",
-    "java/net/SocketInputStream impl,Ljava/net/PlainSocketImpl;",
-    "java/util/ArrayList elementData,[Ljava/lang/Object; size,I",
-    "org/apache/jserv/JServ *verbose,Z *listenSocket,Ljava/net/ServerSocket;",
-    "com/halcyon/server/http/HalcyonHttpServletRequest port,I",
-    "com/halcyon/server/http/HalcyonPageContext "
-    "halcyonRequest,Lcom/halcyon/server/http/HalcyonHttpServletRequest;",
-    "com/halcyon/server/http/HalcyonJSPFactory *contexts,[Lcom/halcyon/server/http/HalcyonPageContext;",
-    "com/halcyon/server/LumoServiceInfo name,Ljava/lang/String; port,I",
-    "com/halcyon/server/http/HttpServer listeners,Ljava/util/List;",
-    "com/halcyon/server/ApplicationServer httpServer,Lcom/halcyon/server/http/HttpServer;",
-    "ferrule/management/configuration/ServerImpl listenPort,I",
-    "ferrule/management/configuration/LaterServerImpl _ListenPort,I",
-    "org/jboss/web/WebServer port,I",
-    "com/sun/net/ssl/internal/ssl/SSLSocketImpl < java/net/SocketImpl portToBind,I",
-    "com/sun/net/ssl/internal/ssl/SSLServerSocketImpl < java/net/ServerSocket",
-    "org/apache/tomcat/util/net/PoolTcpEndpoint backlog,I port,I",
-    "org/apache/catalina/core/StandardEngine defaultHost,Ljava/lang/String;",
-};
-const char *const FIRST[] = {
-    "com/halcyon/server/LumoMonitorThread",
-    "ferrule/management/Admin *localServer,Lferrule/management/configuration/ServerMBean;",
-    "ferrule/servlet/internal/WebAppConfigManager "
-    "*servermbean,Lferrule/management/configuration/ServerMBean;"};
-const char *const LATER[] = {
-    "com/halcyon/server/LumoMonitorThread *servicesList,Ljava/util/ArrayList;",
-    "ferrule/management/Admin *server,Lferrule/management/configuration/ServerMBean;",
-    "ferrule/servlet/internal/WebAppConfigManager "
-    "*servermbean,Lferrule/management/configuration/ServerMBean;"};
-const char *const LAST[] = {
-    "com/halcyon/server/LumoMonitorThread *appSrv,Lcom/halcyon/server/ApplicationServer;"};
-
-int32_t Listen(Scene *scene, const std::string &server) {
-    int32_t port = ListenOn(scene);
-    scene->ports[server] = port;
-    return port;
-}
-
-Object *NewList(int32_t port) {
-    auto service = [](int32_t at) { return New("com/halcyon/server/LumoServiceInfo", {{"port", at}}); };
-    Object *elements = NewElements("[Ljava/lang/Object;", {nullptr, service(0), service(port), service(1)});
-    return New("java/util/ArrayList", {{"elementData", elements}, {"size", 4}});
-}
-
-void SetFirst(Scene *scene) {
-    Object *request =
-               New("com/halcyon/server/http/HalcyonHttpServletRequest", {{"port", Listen(scene, "QVS")}}),
-           *idle = New("com/halcyon/server/http/HalcyonHttpServletRequest", {});
-    auto page = [](Object *of) {
-        return New("com/halcyon/server/http/HalcyonPageContext", {{"halcyonRequest", of}});
-    };
-    SetStatic(FindClass("com/halcyon/server/http/HalcyonJSPFactory"), "contexts",
-              NewElements("[Lcom/halcyon/server/http/HalcyonPageContext;",
-                          {nullptr, page(nullptr), page(idle), page(request)}));
-    SetStatic(FindClass("ferrule/management/Admin"), "localServer",
-              New("ferrule/management/configuration/ServerImpl", {{"listenPort", Listen(scene, "Ferrule")}}));
-    Object *impl = New("java/net/PlainSocketImpl", {{"localport", Listen(scene, "Apache JServ")}});
-    SetStatic(FindClass("org/apache/jserv/JServ"), "listenSocket",
-              New("java/net/ServerSocket", {{"impl", impl}}));
-}
-
-void SetLater(Scene *scene) {
-    SetStatic(FindClass("com/halcyon/server/LumoMonitorThread"), "servicesList",
-              NewList(Listen(scene, "QVS")));
-    SetStatic(
-        FindClass("ferrule/servlet/internal/WebAppConfigManager"), "servermbean",
-        New("ferrule/management/configuration/LaterServerImpl", {{"_ListenPort", Listen(scene, "Ferrule")}}));
-}
-
-void SetLast(Scene *scene) {
-    Object *http = New("com/halcyon/server/http/HttpServer", {{"listeners", NewList(Listen(scene, "QVS"))}});
-    SetStatic(FindClass("com/halcyon/server/LumoMonitorThread"), "appSrv",
-              New("com/halcyon/server/ApplicationServer", {{"httpServer", http}}));
-}
-
-// A thread whose frame has that object.
-void AddHolder(Scene *scene, const std::string &thread, const char *method, Object *object) {
-    Add(scene, thread,
-        {Run("shop/Worker"),
-         {F::COMPILED, {In(object->type->name, method, 51, object)}},
-         {F::NATIVE, {Native("java/lang/Object", "wait", NewObject("java/lang/Object"))}}},
-        Rest::WAIT);
-}
-
-void AddHolders(Scene *scene) {
-    AddHolder(scene, "WebServer", "run", New("org/jboss/web/WebServer", {{"port", Listen(scene, "JBoss")}}));
-    AddHolder(scene, "SslServer", "accept",
-              New("com/sun/net/ssl/internal/ssl/SSLServerSocketImpl",
-                  {{"impl", New("com/sun/net/ssl/internal/ssl/SSLSocketImpl",
-                                {{"portToBind", Listen(scene, "GlassFish")}})}}));
-    int32_t sap = Listen(scene, "SAP");
-    AddHolder(scene, "SAP J2EE Engine MS Socket Listener", "read",
-              New("java/net/SocketInputStream",
-                  {{"impl", New("java/net/PlainSocketImpl", {{"port", sap}, {"localport", 1}})}}));
-    AddHolder(scene, "CM New Element Listner", "accept",
-              New("java/net/PlainSocketImpl", {{"localport", sap}, {"port", 2}}));
-    AddHolder(scene, "another", "accept", New("java/net/PlainSocketImpl", {{"localport", 3}, {"port", 4}}));
-}
+const char CLASSES[] = R"(
+let QVS com/halcyon/server
+let PAGE $QVS/http/HalcyonPageContext
+let MBEAN ferrule/management/configuration
+class java/net/SocketImpl port,I localport,I
+class java/net/PlainSocketImpl < java/net/SocketImpl timeout,I
+class java/net/ServerSocket created,Z impl,Ljava/net/SocketImpl;
+class java/net/SocketInputStream impl,Ljava/net/PlainSocketImpl;
+class java/util/ArrayList elementData,[Ljava/lang/Object; size,I
+class org/apache/jserv/JServ *verbose,Z *listenSocket,Ljava/net/ServerSocket;
+class $QVS/http/HalcyonHttpServletRequest port,I
+class $PAGE halcyonRequest,L$QVS/http/HalcyonHttpServletRequest;
+class $QVS/http/HalcyonJSPFactory *contexts,[L$PAGE;
+class org/apache/catalina/core/StandardEngine defaultHost,Ljava/lang/String;
+class org/jboss/web/WebServer port,I
+class org/apache/tomcat/util/net/PoolTcpEndpoint backlog,I port,I
+let INFO $QVS/LumoServiceInfo
+let LIST java/util/ArrayList{elementData=[Ljava/lang/Object;(null $INFO{name,Ljava/lang/String;=null port=0}
+  $INFO{port=$QVS_PORT} $INFO{port=1}) size=4}
+class ferrule/servlet/internal/WebAppConfigManager *servermbean,L$MBEAN/ServerMBean;
+)";
+const char FIRST[] = R"(
+class $QVS/LumoMonitorThread
+class ferrule/management/Admin *localServer,L$MBEAN/ServerMBean;
+static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
+  $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest}
+  $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
+static ferrule/management/Admin.localServer = $MBEAN/ServerImpl{listenPort=$FERRULE_PORT}
+static org/apache/jserv/JServ.listenSocket = java/net/ServerSocket{impl=
+  java/net/PlainSocketImpl{localport=$JSERV_PORT}}
+thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
+  @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; n java/lang/Object.wait @
+)";
+const char LATER[] = R"(
+class $QVS/LumoMonitorThread *servicesList,Ljava/util/ArrayList;
+class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
+static $QVS/LumoMonitorThread.servicesList = $LIST
+static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$FERRULE_PORT}
+thread CM New Element Listner: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51
+  @{localport=$SAP_PORT port=2} ; n java/lang/Object.wait @
+)";
+const char LAST[] = R"(
+class $QVS/LumoMonitorThread *appSrv,L$QVS/ApplicationServer;
+static $QVS/LumoMonitorThread.appSrv = $QVS/ApplicationServer{httpServer=
+  $QVS/http/HttpServer{listeners,Ljava/util/List;=$LIST}}
+)";
+// Threads whose frames have the objects. A port that can't be one isn't taken.
+const char HOLDERS[] = R"(
+let RESTS n java/lang/Object.wait @
+thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51
+  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBOSS_PORT} ; $RESTS
+thread SslServer: WAIT run shop/Worker ; c com/sun/net/ssl/internal/ssl/SSLServerSocketImpl.accept:51
+  @com/sun/net/ssl/internal/ssl/SSLServerSocketImpl<java/net/ServerSocket{impl=
+  com/sun/net/ssl/internal/ssl/SSLSocketImpl<java/net/SocketImpl{portToBind=$GLASSFISH_PORT}} ; $RESTS
+thread another: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51 @{localport=3 port=4} ; $RESTS
+thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
+)";
 
 } // namespace
 
 void AddProcessor(Scene *scene) {
-    AddHolder(scene, "Processor", "run",
-              New("org/apache/tomcat/util/net/PoolTcpEndpoint", {{"port", scene->ports["Tomcat"]}}));
+    SceneText text(scene);
+    text.Let("PORT", std::to_string(scene->ports["Tomcat"]));
+    text.Read(R"(
+thread Processor: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=$PORT} ;
+  n java/lang/Object.wait @
+)");
 }
 
 void StageServers(const std::string &name, Scene *scene) {
-    for (const char *line : CLASSES)
-        DefineClass(line);
-    if (name == "servers-last") {
-        DefineClass(LAST[0]);
-        return SetLast(scene);
+    SceneText text(scene);
+    for (const char *server : {"QVS", "Ferrule", "Apache JServ", "JBoss", "GlassFish", "SAP", "Tomcat"}) {
+        std::string word = server;
+        word = word == "Apache JServ" ? "JSERV" : word;
+        for (char &letter : word)
+            letter = char(toupper(letter));
+        text.Let(word + "_PORT", std::to_string(scene->ports[server] = ListenOn(scene)));
     }
-    bool later = name == "servers-later";
-    for (int i = 0; i < 3; i++)
-        DefineClass(later ? LATER[i] : FIRST[i]);
-    later ? SetLater(scene) : SetFirst(scene);
-    AddHolders(scene);
-    Listen(scene, "Tomcat");
+    for (const char *lines : {CLASSES,
+                              name == "servers"         ? FIRST
+                              : name == "servers-later" ? LATER
+                                                        : LAST,
+                              HOLDERS})
+        text.Read(lines);
     if (name == "servers")
         AddProcessor(scene);
-    else if (name == "servers-late")
-        scene->helper = std::thread([scene] {
-            sleep(4); // looks come after 0, 2 and 6 seconds
-            AddProcessor(scene);
-        });
 }
 
 } // namespace simvm

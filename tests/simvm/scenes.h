@@ -3,8 +3,6 @@
 
 #include "runner.h"
 
-#include <thread>
-
 namespace simvm {
 
 // A scene's threads; the storm's are its own.
@@ -14,7 +12,6 @@ struct Scene {
     std::map<std::string, Object *> named; // what readers of objects are to look at
     std::vector<int> descriptors;          // open until its end
     std::map<std::string, int32_t> ports;  // on which it listens, by the word for the server
-    std::thread helper;                    // adds to it later
     bool storm = false;
 };
 
@@ -23,10 +20,10 @@ struct Scene {
 // readers: objects of all kinds of fields and elements, and frames with arguments and locals
 // drivers: threads that wait for a database, on sockets of all kinds
 // tiers: web requests, remote calls and a framework's objects, for each server
-// servers: the ports of application servers; servers-later, servers-last: where other ways lead there;
-//          servers-late: Tomcat's thread comes four seconds later
-// java: the shop, and the Java side that the agent asks for more
+// servers: the ports of application servers; servers-later, servers-last: where other ways lead there, and
+//          without Tomcat's thread
 // heap: the shop over a tricky heap (heap.h)
+// nothing: no thread
 // storm: as storm.h has it by default; crowd: 200 threads of 50 frames, two of them looping
 void StageScene(const std::string &name, Scene *scene);
 // Ends it; of the storm and the crowd it prints the figures.

@@ -28,14 +28,15 @@ struct HeapFlags {
     int64_t newRatio = 2, survivorRatio = 6;
 };
 struct Options {
-    std::string library; // path of the libjvm.so that holds the statics
+    std::string library = {}; // path of the libjvm.so that holds the statics; empty: server's or client's
+    bool isClient = false;
     std::string version = "1.5.0_22";
     Collector collector = Collector::SERIAL;
     HeapFlags flags;
-    int32_t moved = 0;              // every member of JavaThread lies so many bytes higher: no listed build
-    uint32_t shuffle = 0;           // a seed: members lie in places that no build has
-    int32_t guarded = STRUCT_COUNT; // this structure ends at a page that can't be read
-    bool wide = false;              // other classes than the VM's own lie 5 GB from those
+    int32_t moved = 0;    // every member of JavaThread lies so many bytes higher: no listed build
+    uint32_t shuffle = 0; // a seed: members lie in places that no build has
+    Guarded guarded = Guarded::NOTHING;
+    bool wide = false; // other classes than the VM's own lie 5 GB from those
 };
 
 struct Object;
@@ -163,7 +164,7 @@ constexpr Word WIDE_GAP = 5ul << 30; // in perm, of a VM with wide addresses: ne
 HeapSpace &SpaceOf(char letter);
 bool HasFreeLists(const HeapSpace &space);
 int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
-Word AllocateObject(HeapSpace *space, int64_t bytes, int32_t structure = STRUCT_COUNT);
+Word AllocateObject(HeapSpace *space, int64_t bytes, Guarded structure = Guarded::NOTHING);
 void SetTop(HeapSpace *space, Word top); // with what is free above
 void Forget(Object *object);             // dead; the next collection takes its memory
 Object *NewObject(const std::string &className, char space = 'E');

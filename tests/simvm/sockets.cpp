@@ -43,14 +43,19 @@ int Closed() {
 
 } // namespace
 
-int32_t ListenOn(Scene *scene) {
+int ListeningSocket(int32_t *port) {
     Address at = Loopback(false);
-    socklen_t size = sizeof at.four;
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, &at.any, size) || listen(listener, 1))
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(listener, &at.any, sizeof at.four) || listen(listener, 8))
         Fail("no listening socket");
-    scene->descriptors.push_back(listener);
-    return stoi(PortOf(listener, getsockname));
+    *port = stoi(PortOf(listener, getsockname));
+    return listener;
+}
+
+int32_t ListenOn(Scene *scene) {
+    int32_t port;
+    scene->descriptors.push_back(ListeningSocket(&port));
+    return port;
 }
 
 Connected Connect(Scene *scene, SocketKind kind) {

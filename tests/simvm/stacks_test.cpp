@@ -3,7 +3,7 @@
 #include "emit.h"
 #include "poll.h"
 
-#include <gtest/gtest.h>
+#include <functional>
 #include <sys/mman.h>
 #include <thread>
 
@@ -100,113 +100,106 @@ Word DescribedAt(Word description) {
 struct Case {
     const char *name;
     int frames;
-    void (*lay)(Stack *stack);
+    std::function<void(Stack *)> lay;
 };
-const Case CASES[] = {
-    {"nothing odd", 3,
-     [](Stack *s) {
-         s->Interpreted();
-         s->Interpreted();
-         s->End();
-     }},
-    {"a ring of frames", 2,
-     [](Stack *s) {
-         const Word first = s->Interpreted();
-         As<Word>(s->Interpreted() - 8) = first - FIXED; // the caller's sp
-         s->Link(first, InInterpreter());
-     }},
-    {"a wrapper that leads to the stub again", 1,
-     [](Stack *s) {
-         s->Interpreted();
-         const Word fp = s->Stub();
-         At(fp + 64, &CallWrapper::anchorSp) = s->top;
-         At(fp + 64, &CallWrapper::anchorFp) = fp;
-     }},
-    {"a wrapper that points at itself", 1,
-     [](Stack *s) {
-         s->Interpreted();
-         const Word fp = s->Stub(), self = fp - WRAPPER_BELOW_FP;
-         As<Word>(self) = At(self, &CallWrapper::anchorSp) = self;
-         At(self, &CallWrapper::anchorFp) = fp;
-         As<Word>(self - 8) = *vm.statics.callStubReturn;
-     }},
-    {"no wrapper", NO_ROW,
-     [](Stack *s) {
-         s->Interpreted();
-         As<Word>(s->Stub() - WRAPPER_BELOW_FP) = 0;
-     }},
-    {"a frame without fp", NO_ROW,
-     [](Stack *s) {
-         s->Interpreted();
-         s->Link(0, InInterpreter());
-     }},
-    {"a page that can't be read", NO_ROW,
-     [](Stack *s) {
-         s->Interpreted();
-         s->Link(locked + FIXED, InInterpreter());
-     }},
-    {"a page that isn't there", NO_ROW,
-     [](Stack *s) {
-         s->Interpreted();
-         s->Link(missing + FIXED, InInterpreter());
-     }},
-    {"monitors far above", 2,
-     [](Stack *s) {
-         As<Word>(s->Interpreted() - FIXED) += 1ul << 60;
-         s->End();
-     }},
-    {"monitors below the stack", 2,
-     [](Stack *s) {
-         As<Word>(s->Interpreted() - FIXED) -= 16;
-         s->End();
-     }},
-    {"more frames than are shown", 500,
-     [](Stack *s) {
-         for (int i = 0; i < 600; i++)
+// A caller of compiled code.
+Case CodeCase(const char *name, int frames, Word (*code)()) {
+    return {name, frames, [code](Stack *s) {
+                s->Compiled(code());
+                s->End();
+            }};
+}
+// An interpreted frame, and what it says of its caller or of its monitors.
+Case LinkCase(const char *name, int frames, Word fp) {
+    return {name, frames, [fp](Stack *s) {
+                s->Interpreted();
+                s->Link(fp, InInterpreter());
+            }};
+}
+Case MonitorCase(const char *name, Word shift) {
+    return {name, 2, [shift](Stack *s) {
+                As<Word>(s->Interpreted() - FIXED) += shift;
+                s->End();
+            }};
+}
+Case AdapterCase(const char *name, int frames, int count) {
+    return {name, frames, [count](Stack *s) {
+                for (int i = 0; i < count; i++)
+                    s->Compiled(Adapter());
+                s->End();
+            }};
+}
+
+std::vector<Case> Cases() {
+    return {
+        {"nothing odd", 3,
+         [](Stack *s) {
              s->Interpreted();
-         s->Stub();
-     }},
-    {"many adapters", 1,
-     [](Stack *s) {
-         for (int i = 0; i < 499; i++)
-             s->Compiled(Adapter());
-         s->End();
-     }},
-    {"too many adapters", NO_ROW,
-     [](Stack *s) {
-         for (int i = 0; i < 501; i++)
-             s->Compiled(Adapter());
-         s->End();
-     }},
-    {"code without a frame", 1,
-     [](Stack *s) {
-         s->Interpreted();
-         s->Compiled(Adapter(0));
-     }},
-    {"freed code", 1,
-     [](Stack *s) {
-         s->Interpreted();
-         const Word blob = Adapter();
-         s->Compiled(blob);
-         s->End();
-         As<HeapBlock>(blob - sizeof(HeapBlock)).used = 0;
-     }},
-};
-// Of compiled code, with an interpreted caller.
-const struct {
-    const char *name;
-    int frames;
-    Word (*code)();
-} CODE_CASES[] = {
-    {"method 1", 2, [] { return CodeOf(1); }},
-    {"method 0", 1, [] { return CodeOf(0); }},
-    {"a method that isn't in the table", 1, [] { return CodeOf(2); }},
-    {"method 0 in itself", 1, [] { return CodeOf(0, SCOPE); }},
-    {"a method in itself", 500, [] { return CodeOf(1, SCOPE); }},
-    {"no description", 1, [] { return DescribedAt(0); }},
-    {"a description that is gone", 1, [] { return DescribedAt(missing); }},
-    {"a description of something else", 1, [] { return DescribedAt(room); }},
-};
+             s->Interpreted();
+             s->End();
+         }},
+        {"a ring of frames", 2,
+         [](Stack *s) {
+             const Word first = s->Interpreted();
+             As<Word>(s->Interpreted() - 8) = first - FIXED; // the caller's sp
+             s->Link(first, InInterpreter());
+         }},
+        {"a wrapper that leads to the stub again", 1,
+         [](Stack *s) {
+             s->Interpreted();
+             const Word fp = s->Stub();
+             At(fp + 64, &CallWrapper::anchorSp) = s->top;
+             At(fp + 64, &CallWrapper::anchorFp) = fp;
+         }},
+        {"a wrapper that points at itself", 1,
+         [](Stack *s) {
+             s->Interpreted();
+             const Word fp = s->Stub(), self = fp - WRAPPER_BELOW_FP;
+             As<Word>(self) = At(self, &CallWrapper::anchorSp) = self;
+             At(self, &CallWrapper::anchorFp) = fp;
+             As<Word>(self - 8) = *vm.statics.callStubReturn;
+         }},
+        {"no wrapper", NO_ROW,
+         [](Stack *s) {
+             s->Interpreted();
+             As<Word>(s->Stub() - WRAPPER_BELOW_FP) = 0;
+         }},
+        {"more frames than are shown", 500,
+         [](Stack *s) {
+             for (int i = 0; i < 600; i++)
+                 s->Interpreted();
+             s->Stub();
+         }},
+        {"code without a frame", 1,
+         [](Stack *s) {
+             s->Interpreted();
+             s->Compiled(Adapter(0));
+         }},
+        {"freed code", 1,
+         [](Stack *s) {
+             s->Interpreted();
+             const Word blob = Adapter();
+             s->Compiled(blob);
+             s->End();
+             As<HeapBlock>(blob - sizeof(HeapBlock)).used = 0;
+         }},
+        LinkCase("a frame without fp", NO_ROW, 0),
+        LinkCase("a page that can't be read", NO_ROW, locked + FIXED),
+        LinkCase("a page that isn't there", NO_ROW, missing + FIXED),
+        MonitorCase("monitors far above", 1ul << 60),
+        MonitorCase("monitors below the stack", -16ul),
+        AdapterCase("many adapters", 1, 499),
+        AdapterCase("too many adapters", NO_ROW, 501),
+        CodeCase("method 1", 2, [] { return CodeOf(1); }),
+        CodeCase("method 0", 1, [] { return CodeOf(0); }),
+        CodeCase("a method that isn't in the table", 1, [] { return CodeOf(2); }),
+        CodeCase("method 0 in itself", 1, [] { return CodeOf(0, SCOPE); }),
+        CodeCase("a method in itself", 500, [] { return CodeOf(1, SCOPE); }),
+        CodeCase("no description", 1, [] { return DescribedAt(0); }),
+        CodeCase("a description that is gone", 1, [] { return DescribedAt(missing); }),
+        CodeCase("a description of something else", 1, [] { return DescribedAt(room); }),
+    };
+}
 
 // What the poll shows of the odd thread, and that the others' rows are right beside it.
 void ExpectPollWith(const Scene &scene, const std::string &key, const char *name, int frames) {
@@ -232,18 +225,10 @@ void MapRoom() {
 } // namespace
 
 TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
-    Options options;
-    options.library = SIMVM_FOLDER "/server/libjvm.so";
-    Boot(options);
-    Scene scene;
-    StageScene("shop", &scene);
-    Script main = MainScript();
-    EmitScript(&main);
-    MapRoom();
-    turn = DefineMethod("odd/Stack", "turn", "()V", {{0, 7}}, METHOD_STATIC)->oop;
-    compiled = DefineMethod("odd/Stack", "compiled", "()V", {{0, 9}}, METHOD_STATIC)->oop;
-    RunHere("main", &main, [&] {
-        ASSERT_EQ(StartAgent(), 0);
+    WithScene("shop", {}, [](Scene &scene) {
+        MapRoom();
+        turn = DefineMethod("odd/Stack", "turn", "()V", {{0, 7}}, METHOD_STATIC)->oop;
+        compiled = DefineMethod("odd/Stack", "compiled", "()V", {{0, 9}}, METHOD_STATIC)->oop;
         std::atomic<ThreadInfo *> odd{nullptr};
         std::atomic<bool> over{false};
         std::thread owner([&] {
@@ -257,21 +242,12 @@ TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
         });
         while (!odd)
             usleep(100);
-        const ThreadInfo &thread = *odd;
-        for (const Case &c : CASES) {
-            Stack stack(thread.address);
+        for (const Case &c : Cases()) {
+            Stack stack(odd.load()->address);
             c.lay(&stack);
-            ExpectPollWith(scene, Key(thread), c.name, c.frames);
-        }
-        for (const auto &c : CODE_CASES) {
-            Stack stack(thread.address);
-            stack.Compiled(c.code());
-            stack.End();
-            ExpectPollWith(scene, Key(thread), c.name, c.frames);
+            ExpectPollWith(scene, Key(*odd), c.name, c.frames);
         }
         over = true;
         owner.join();
-        Ask("SHUTDOWN");
     });
-    EndScene(&scene);
 }

@@ -42,9 +42,9 @@ ThreadInfo *NewThread(const std::string &name) {
     Set(thread->object, "name", chars);
     Set(thread->object, "group", vm.threadGroup);
     thread->objects = {thread->object, chars};
-    thread->address = Allocate(ThreadBytes(), ID_THREAD);
+    thread->address = Allocate(ThreadBytes(), Guarded::THREAD);
     Set(thread->object, "eetop", thread->address);
-    thread->osThread = Allocate(sizeof(OSThread), ID_OS_THREAD);
+    thread->osThread = Allocate(sizeof(OSThread), Guarded::OS_THREAD);
     thread->handles = NewHandleBlock();
     for (Word JavaThread::*member :
          {&JavaThread::pendingException, &JavaThread::handleArea, &JavaThread::next, &JavaThread::anchorSp,

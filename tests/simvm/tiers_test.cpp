@@ -1,28 +1,27 @@
-// What threads do in other tiers, as the agent tells it of their frames, compared with what the frames were
-// made of.
-#include "agent.h"
-#include "objects.h"
+// What threads do in other tiers, as their rows show it, compared with what their frames were made of and
+// with the sockets of their connections.
+#include "poll.h"
+#include "stage.h"
+#include "storm.h"
 
+#include "platforms/own_address.h"
 #include "qorsettings.h"
 #include "qorutil/vm_heap.h"
 #include "qorutil/vm_reader.h"
+#include "sunprint/report/connection_list.h"
 #include "sunprint/report/frame_tiers.h"
+#include "sunprint/report/jdbc_versions.h"
 
-#include <gtest/gtest.h>
-#include <map>
-#include <ostream>
+#include <malloc.h>
+#include <random>
 #include <set>
-#include <tuple>
 
 using namespace simvm;
 
 namespace {
 
-const char FIELD = 29, RECORD = 30, SECTION = 31, DETAIL = 28;
-
-std::string Key(const Runner &runner) {
-    return std::to_string(getpid()) + "-" + std::to_string(runner.info->kernelId);
-}
+const char FIELD = 29, RECORD = 30, SECTION = 31, DETAIL = 28,
+           NO_TEXT[] = "Given Oop is Invalid on this JVM.";
 
 // The fields of each row of a sample, by key.
 std::map<std::string, std::vector<std::string>> Rows(uint32_t request) {
@@ -36,70 +35,136 @@ std::map<std::string, std::vector<std::string>> Rows(uint32_t request) {
     return rows;
 }
 
-// On the main thread, with the agent started and the scene's threads at rest.
-void OnScene(const std::string &name, const std::function<void(Scene &)> &body) {
-    Options options;
-    options.library = SIMVM_FOLDER "/server/libjvm.so";
-    Boot(options);
-    Scene scene;
-    StageScene(name, &scene);
-    Script main = MainScript();
-    EmitScript(&main);
-    RunHere("main", &main, [&] {
-        ASSERT_EQ(StartAgent(), 0);
-        body(scene);
-        Ask("SHUTDOWN");
-    });
-    EndScene(&scene);
+std::string TextAt(const std::string &value) {
+    return Ask("512|NoProcessing|getJavaString|" + value);
+}
+
+void ExpectRow(const Runner &runner, const std::vector<std::string> &row) {
+    auto facts = runner.script->facts;
+    const std::string &name = runner.info->name;
+    if (facts.empty()) {
+        EXPECT_EQ(row[9], "DB Wait") << name;
+        return;
+    }
+    EXPECT_EQ(row[9], "DB Wait" + (DETAIL + facts["url"])) << name;
+    EXPECT_EQ(row[10], facts["user"]) << name;
+    EXPECT_EQ(row[11], facts["local port"]) << name;
+    EXPECT_EQ(row[12], facts["remote port"]) << name;
+    const bool isOwn = facts["peer"] == "127.0.0.1" && *OwnAddress(false) && name.find("wrapped") != 0;
+    EXPECT_EQ(row[13], isOwn ? OwnAddress(false) : facts["peer"]) << name;
+    EXPECT_EQ(TextAt(row[15]), facts.count("sql") ? facts["sql"] : NO_TEXT) << name;
+}
+
+void ExpectDatabases(const Scene &scene) {
+    for (uint32_t request : {0x80, 0x100, 0x2000}) {
+        auto rows = Rows(request);
+        for (const Runner *runner : scene.runners) {
+            rows[Key(*runner->info)].resize(20);
+            ExpectRow(*runner, rows[Key(*runner->info)]);
+        }
+    }
+    for (const Runner *runner : scene.runners) {
+        auto facts = runner->script->facts;
+        const std::string port = facts["local port"], key = Key(*runner->info);
+        EXPECT_EQ(Ask("521|showstack|16384|ARG=x,0=" + (port.empty() ? "1" : port)),
+                  port.empty() ? "Client Port not found on JVM" : runner->info->name + "|" + key);
+        EXPECT_NE(Ask("521|showstack|512|ARG=x,1=" + key).find(port + FIELD + facts["remote port"]),
+                  std::string::npos);
+    }
+}
+
+// What was kept before a collection doesn't count after it: an address is another connection's, a klass
+// another class's.
+void StaleWhatIsKept() {
+    for (int i = 0; i < db_info_index; i++)
+        std::swap(DB_Info[i].connection, DB_Info[0].connection);
+    ASSERT_GT(num_jdbc_versions, 0);
+    for (int i = 0; i < num_jdbc_versions; i++) {
+        jdbc_versions[i].version = QorJdbcForm(1 - jdbc_versions[i].version);
+        for (QorFieldCell &cell : jdbc_versions[i].fieldCache)
+            cell.offset += 8;
+    }
+}
+
+// One word of any object, or of what objects are known by; then all as it was.
+void ExpectSpoiltObjectsHarmNobody() {
+    std::mt19937_64 random(7);
+    size_t bytes = 0;
+    for (int round = 0; round < 300; round++) {
+        const Object &any = vm.objects[random() % vm.objects.size()];
+        Spoilt spoilt = {};
+        if (round % 2)
+            spoilt = Spoil(random(), {}, Self()->address);
+        else if (any.address) {
+            spoilt.address = any.address + random() % any.bytes / 8 * 8;
+            spoilt.old = As<Word>(spoilt.address);
+            const Word wild[] = {0, ~Word(0), random(), any.address, spoilt.old + 4, vm.heap};
+            As<Word>(spoilt.address) = wild[random() % std::size(wild)];
+        }
+        Rows(0x80);
+        if (spoilt.address)
+            Mend(spoilt);
+        if (round == 100)
+            bytes = mallinfo2().uordblks;
+    }
+    EXPECT_LT(mallinfo2().uordblks, bytes + 4096);
 }
 
 } // namespace
 
 TEST(DirectTiers, RowsNameTheDatabase) {
-    OnScene("drivers", [](Scene &scene) {
-        for (uint32_t request : {0x80, 0x100, 0x2000}) {
-            auto rows = Rows(request);
-            for (const Runner *runner : scene.runners) {
-                auto facts = runner->script->facts;
-                std::vector<std::string> row = rows[Key(*runner)];
-                row.resize(20);
-                const std::string start = facts.empty() ? "DB Wait" : "DB Wait" + (DETAIL + facts["url"]);
-                EXPECT_EQ(row[9], start) << runner->info->name << " " << request;
-                if (facts.empty())
-                    continue;
-                EXPECT_EQ(row[10], facts["user"]) << runner->info->name;
-                EXPECT_EQ(row[11], facts["local port"]) << runner->info->name;
-                EXPECT_EQ(row[12], facts["remote port"]) << runner->info->name;
-                EXPECT_EQ(Ask("512|NoProcessing|getJavaString|" + row[15]),
-                          facts.count("sql") ? facts["sql"] : "Given Oop is Invalid on this JVM.");
-                const std::string view = Ask("521|showstack|512|ARG=x,1=" + Key(*runner));
-                EXPECT_NE(view.find(row[9] + FIELD + row[10] + FIELD + row[11] + FIELD), std::string::npos)
-                    << view;
-            }
-        }
-        for (const Runner *runner : scene.runners) {
-            const std::string port = runner->script->facts["local port"];
-            EXPECT_EQ(Ask("521|showstack|16384|ARG=x,0=" + (port.empty() ? "1" : port)),
-                      port.empty() ? "Client Port not found on JVM"
-                                   : runner->info->name + "|" + Key(*runner));
-        }
+    WithScene("drivers", {}, [](Scene &scene) {
+        ExpectDatabases(scene);
+        const int known = db_info_index;
+        Collect();
+        StaleWhatIsKept();
+        ExpectDatabases(scene);
+        Collect({}, {"tessar/jdbc/driver/TessarStatement", "tessar/jdbc/driver/TessarConnection",
+                     "ferrule/jdbc/tessar/TessarImplConnection"});
+        ExpectDatabases(scene);
+        EXPECT_EQ(db_info_index, known); // each has moved and is the same one
+        // Two threads take over each other's connection, and keep their statements' texts.
+        Object *one = scene.named["thin"], *other = scene.named["thin-prepared"];
+        const Value connection = Get(one, "connection");
+        Set(one, "connection", Get(other, "connection"));
+        Set(other, "connection", connection);
+        std::swap(scene.scripts[0].facts, scene.scripts[1].facts);
+        std::swap(scene.scripts[0].facts["sql"], scene.scripts[1].facts["sql"]);
+        ExpectDatabases(scene);
+        ExpectSpoiltObjectsHarmNobody();
+        QorDropConnectionList(); // of what wasn't true
+        QorDropJdbcVersions();
+        ExpectDatabases(scene);
+        const Word handle = reinterpret_cast<Word>(&one->address); // of no String
+        for (const std::string value : {"0", "1", "x", "18446744073709551615", "-8"})
+            EXPECT_EQ(TextAt(value), NO_TEXT);
+        EXPECT_EQ(TextAt(std::to_string(handle)), NO_TEXT);
     });
+}
+
+TEST(DirectConnections, AgeInTheOrderOfTheirComing) {
+    QorDirectConnection read = {};
+    for (int i = 1; i <= 10000; i++) {
+        read.localPort = i;
+        insert_db_info(read);
+        insert_db_info(read); // known
+        EXPECT_EQ(db_info_index, std::min(i, 100));
+        const auto isKept = [](int port) {
+            return std::any_of(DB_Info, DB_Info + db_info_index,
+                               [=](auto &one) { return int(one.localPort) == port; });
+        };
+        EXPECT_FALSE(isKept(i - 100));
+        EXPECT_TRUE(isKept(std::max(i - 99, 1)));
+    }
+    QorDropConnectionList();
 }
 
 namespace {
 
-// What the facts of a thread say of its row in a poll, and what the row says.
-struct Shown {
-    std::string url, client, state, ejb, framework, server;
-    bool operator==(const Shown &other) const {
-        return std::tie(url, client, state, ejb, framework, server) ==
-               std::tie(other.url, other.client, other.state, other.ejb, other.framework, other.server);
-    }
-};
-std::ostream &operator<<(std::ostream &out, const Shown &shown) {
-    return out << shown.url << "; " << shown.client << "; " << shown.state << "; " << shown.ejb << "; "
-               << shown.framework << "; " << shown.server;
-}
+const char *const KINDS[] = {"Entity_Object", "View_Object", "EL_Exp", "Groovy_Script"};
+
+// What a row shows, and what the facts of its thread say of it: url, client, state, ejb, framework, server.
+using Told = std::vector<std::string>;
 
 // Three servers have the same classes.
 bool IsLike(const std::string &server, const std::string &other) {
@@ -107,61 +172,51 @@ bool IsLike(const std::string &server, const std::string &other) {
     return server == other || (catalina.count(server) && catalina.count(other));
 }
 
-Shown TruthOf(const Runner &runner, const std::string &server) {
+Told TruthOf(const Runner &runner, const std::string &server) {
     std::map<std::string, std::string> facts = runner.script->facts;
     if (facts["server"] != "" && !IsLike(facts["server"], server))
         facts.clear();
-    Shown shown = {facts["url"] + facts["jspx"], facts["client"], "", facts["ejb"], "", ""};
-    for (std::string *text : {&shown.url, &shown.client})
-        if (text->empty())
-            *text = "^";
-    if (facts.count("rmi id")) {
-        const std::string name = facts.count("jndi") ? facts["jndi"] : "NA";
-        shown.state = std::string("RMI Wait\x1c\x1b") + facts["rmi id"] + FIELD + facts["rmi port"] + FIELD +
-                      facts["rmi address"] + FIELD + name;
-    }
-    for (const char *kind : {"Entity_Object", "View_Object", "EL_Exp", "Groovy_Script"})
+    const std::string url = facts["url"] + facts["jspx"];
+    Told told = {
+        url.empty() ? "^" : url, facts["client"].empty() ? "^" : facts["client"], "", facts["ejb"], "", ""};
+    if (facts.count("rmi id"))
+        told[2] = std::string("RMI Wait\x1c\x1b") + facts["rmi id"] + FIELD + facts["rmi port"] + FIELD +
+                  facts["rmi address"] + FIELD + (facts.count("jndi") ? facts["jndi"] : "NA");
+    for (const char *kind : KINDS)
         if (facts.count(kind)) {
             const bool groovy = kind[0] == 'G', object = kind[1] != 'L' && !groovy;
-            shown.framework = std::string(kind) + "->" + (groovy ? "charge" : facts[kind]) + FIELD +
-                              (object ? "EntityImpl.java" : "^") + FIELD + (groovy ? facts[kind] : "^");
+            told[4] = std::string(kind) + "->" + (groovy ? "charge" : facts[kind]) + FIELD +
+                      (object ? "EntityImpl.java" : "^") + FIELD + (groovy ? facts[kind] : "^");
         }
     if (facts.count("client port"))
-        shown.server = facts["client port"] + FIELD + facts["client address"];
-    return shown;
+        told[5] = facts["client port"] + FIELD + facts["client address"];
+    return told;
 }
 
 // The text between two others, "" when they aren't there.
 std::string Between(const std::string &text, const std::string &start, const std::string &end) {
-    const size_t at = text.find(start);
-    return at == std::string::npos
-               ? ""
-               : text.substr(at + start.size(), text.find(end, at + start.size()) - at - start.size());
+    const size_t at = text.find(start), from = at + start.size();
+    return at == std::string::npos ? "" : text.substr(from, text.find(end, from) - from);
 }
 
-Shown Told(const std::string &record, const std::string &view) {
+Told ReadRow(const std::string &record, const std::string &view) {
     std::vector<std::string> fields = Split(record.substr(0, record.find(SECTION)), FIELD);
     fields.resize(20);
-    Shown shown = {
+    Told told = {
         fields[3], fields[4], "", Between(fields[6], " (", ")"), "", Between(view, "RMI Client\x1e", "\x1f")};
     if (fields[9].find("RMI Wait") == 0)
-        shown.state = fields[9] + FIELD + fields[10] + FIELD + fields[11] + FIELD + fields[12];
-    for (const char *kind : {"\x1e"
-                             "Entity_Object",
-                             "\x1eView_Object",
-                             "\x1e"
-                             "EL_Exp",
-                             "\x1eGroovy_Script"})
-        if (record.find(kind) != std::string::npos)
-            shown.framework = (kind + 1) + Between(record, kind, "\x1e");
-    return shown;
+        told[2] = fields[9] + FIELD + fields[10] + FIELD + fields[11] + FIELD + fields[12];
+    for (const std::string kind : KINDS)
+        if (record.find(RECORD + kind) != std::string::npos)
+            told[4] = kind + Between(record, RECORD + kind, "\x1e");
+    return told;
 }
 
 } // namespace
 
 // The same threads, in front of every server in turn.
 TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
-    OnScene("tiers", [](Scene &scene) {
+    WithScene("tiers", {}, [](Scene &scene) {
         for (const char *server :
              {"", "Ferrule", "QVS", "Tomcat", "JBoss", "SAP", "GlassFish", "Apache JServ"}) {
             strcpy(webserver, server);
@@ -174,67 +229,44 @@ TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
                     *last += section + SECTION;
             }
             for (const Runner *runner : scene.runners) {
-                const std::string view = Ask("585|showstack|512|ARG=x,1=" + Key(*runner));
-                EXPECT_EQ(Told(records[Key(*runner)], view), TruthOf(*runner, server))
+                const std::string view = Ask("585|showstack|512|ARG=x,1=" + Key(*runner->info));
+                EXPECT_EQ(ReadRow(records[Key(*runner->info)], view), TruthOf(*runner, server))
                     << runner->info->name << " before " << server;
                 auto facts = runner->script->facts;
                 if (!facts.count("serves id"))
                     continue;
                 EXPECT_EQ(Ask("521|showstack|16384|ARG=x,1=1,0=" + facts["serves id"]),
-                          facts["server"] == server ? runner->info->name + "|" + Key(*runner)
+                          facts["server"] == server ? runner->info->name + "|" + Key(*runner->info)
                                                     : "RMI Call Id not found on server JVM");
             }
         }
     });
 }
 
-namespace {
-
-Object *ContextOf(const std::string &id) {
-    Object *context = New("ferrule/workarea/WorkContext", {{"contextId", NewString(id)}});
-    return New("ferrule/kernel/Slot", {{"context", context}});
-}
-
-} // namespace
-
 // The id of what a thread works for: by one server a text, by the other the text of the first attribute.
 TEST(DirectTiers, FindContextIds) {
-    OnScene("shop", [](Scene &) {
-        for (const char *line :
-             {"ferrule/workarea/WorkContext contextId,Ljava/lang/String;",
-              "ferrule/kernel/Slot context,Lferrule/workarea/WorkContext;",
-              "ferrule/kernel/Holder map,Ljava/util/HashMap;",
-              "ferrule/kernel/FinalThreadLocal$FinalThreadStorage storage,[Ljava/lang/Object;",
-              "ferrule/kernel/ExecThread "
-              "finalThreadStorage,Lferrule/kernel/FinalThreadLocal$FinalThreadStorage;",
-              "tessar/dms/instrument/ExecutionContext m_attMap,Ljava/util/Map;",
-              "test/Entry value,Ljava/lang/Object;",
-              "java/lang/ThreadLocal$ThreadLocalMap table,[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;",
-              "test/Thread threadLocals,Ljava/lang/ThreadLocal$ThreadLocalMap;"})
-            DefineClass(line);
-        Object *plain = NewString("no context"),
-               *slots = NewTable("java/util/HashMap", 4,
-                                 {{NewString("a"), plain, 1}, {NewString("b"), ContextOf("ctx-1"), 3}}),
-               *storage =
-                   New("ferrule/kernel/FinalThreadLocal$FinalThreadStorage",
-                       {{"storage", NewElements("[Ljava/lang/Object;",
-                                                {nullptr, New("ferrule/kernel/Holder", {{"map", slots}})})}}),
-               *worker = New("ferrule/kernel/ExecThread", {{"finalThreadStorage", storage}});
-        Object *attributes = NewTable("java/util/HashMap", 4, {{NewString("id"), NewString("9,8,7"), 2}}),
-               *execution = New("tessar/dms/instrument/ExecutionContext", {{"m_attMap", attributes}}),
-               *locals = New("java/lang/ThreadLocal$ThreadLocalMap",
-                             {{"table", NewElements("[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;",
-                                                    {nullptr, New("test/Entry", {{"value", plain}}),
-                                                     New("test/Entry", {{"value", execution}})})}}),
-               *thread = New("test/Thread", {{"threadLocals", locals}});
+    WithScene("nothing", {}, [](Scene &scene) {
+        SceneText text(&scene);
+        text.Read(R"(
+slots = java/util/HashMap#4("a"@1 "no context" "b"@3 ferrule/kernel/Slot{
+  context=ferrule/workarea/WorkContext{contextId="ctx-1"}})
+worker := ferrule/kernel/ExecThread{finalThreadStorage=ferrule/kernel/FinalThreadLocal$FinalThreadStorage{
+  storage=[Ljava/lang/Object;(null ferrule/kernel/Holder{map=slots})}}
+execution = tessar/dms/instrument/ExecutionContext{m_attMap,Ljava/util/Map;=java/util/HashMap#4("id"@2 "9,8,7")}
+local := test/Thread{threadLocals=java/lang/ThreadLocal$ThreadLocalMap{
+  table=[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;(null
+  test/Entry{value,Ljava/lang/Object;="no context"} test/Entry{value=execution})}}
+)");
         QorForgetPages();
         QorNoteSpaces();
-        char text[64];
-        strcpy(webserver, "Ferrule");
-        EXPECT_STREQ(QorVmText(text, sizeof text, getContextId(worker->address)), "ctx-1");
-        strcpy(webserver, "QVS");
-        EXPECT_STREQ(QorVmText(text, sizeof text, getContextId(thread->address)), "9,8,7");
-        strcpy(webserver, "Tomcat");
-        EXPECT_EQ(getContextId(worker->address), 0u);
+        for (auto &[server, object, id] :
+             {std::tuple<const char *, const char *, std::string>{"Ferrule", "worker", "ctx-1"},
+              {"QVS", "local", "9,8,7"},
+              {"Tomcat", "worker", ""}}) {
+            char shown[64] = "";
+            strcpy(webserver, server);
+            const Word found = getContextId(scene.named[object]->address);
+            EXPECT_EQ(found ? QorVmText(shown, sizeof shown, found) : "", id) << server;
+        }
     });
 }

@@ -1,41 +1,28 @@
 #include "truth.h"
-#include "objects.h"
+#include "agent.h"
 
 #include <algorithm>
-#include <sstream>
 
 namespace simvm {
 
 namespace {
 
-std::string Dotted(std::string name) {
-    std::replace(name.begin(), name.end(), '/', '.');
-    return name;
-}
-
 std::string StateText(const Script &script) {
     if (!script.state.empty())
         return script.state;
     const std::string top = ShadowStack(script)[0].method->holder->name;
-    switch (script.rest) {
-    case Rest::PIPE:
+    const std::map<Rest, std::string> STATES = {{Rest::SLEEP, "Sleeping"},
+                                                {Rest::MONITOR, "Lock"},
+                                                {Rest::SPIN, "Runnable"},
+                                                {Rest::CALLS, "Runnable"}};
+    if (script.rest == Rest::PIPE)
         return top.rfind("java/net/", 0) == 0 ? "Network Wait" : "IO Wait";
-    case Rest::SLEEP:
-        return "Sleeping";
-    case Rest::MONITOR:
-        return "Lock";
-    case Rest::SPIN:
-    case Rest::CALLS:
-        return "Runnable";
-    default:
-        return "Object Wait";
-    }
+    const auto found = STATES.find(script.rest);
+    return found == STATES.end() ? "Object Wait" : found->second;
 }
 
 std::string LockText(const Object &object) {
-    std::stringstream out;
-    out << std::hex << object.address << " " << Dotted(object.type->name);
-    return out.str();
+    return Hex(object.address) + " " + Dotted(object.type->name);
 }
 
 // Names of a scene need no escapes.
@@ -61,7 +48,7 @@ Seen SeenOf(const Variable &variable, int slot, bool compiled, bool mapped) {
 
 ShownFrame ShownOf(const Scope &scope, FrameKind kind) {
     bool compiled = kind == FrameKind::COMPILED || kind == FrameKind::OSR, mapped = IsMapped(scope);
-    ShownFrame shown = {scope.method, LineOf(scope), compiled, scope.receiver, {}, {}};
+    ShownFrame shown = {scope.method, compiled, scope.receiver, {}, {}};
     size_t arguments = ArgumentsOf(*scope.method).size();
     int slot = scope.method->flags & METHOD_STATIC ? 0 : 1;
     for (const Variable &variable : scope.variables) {
@@ -72,27 +59,14 @@ ShownFrame ShownOf(const Scope &scope, FrameKind kind) {
     return shown;
 }
 
-std::string VariablesText(const std::vector<ShownVariable> &variables) {
+std::string ArgumentsText(const ShownFrame &frame) {
     const char *const SEEN[] = {"object", "number", "nothing", "constant"};
     std::string out;
-    for (const ShownVariable &variable : variables)
-        out += (out.empty() ? "[" : ", ") + ("{\"type\": " + Quoted(variable.signature)) +
-               ", \"seen\": " + Quoted(SEEN[int(variable.seen)]) +
-               ", \"value\": " + ValueText(variable.signature, variable.value) + "}";
-    return out.empty() ? "[]" : out + "]";
-}
-
-std::string DetailsText(const std::vector<ShownFrame> &frames) {
-    std::string out;
-    for (const ShownFrame &frame : frames)
-        out += (out.empty() ? "[" : ", ") + ("{\"class\": " + Quoted(frame.method->holder->name)) +
-               ", \"method\": " + Quoted(frame.method->name) + ", \"line\": " + std::to_string(frame.line) +
-               ", \"static\": " + (frame.method->flags & METHOD_STATIC ? "true" : "false") +
-               ", \"compiled\": " + (frame.compiled ? "true" : "false") +
-               ", \"self\": " + ValueText("L", frame.self) +
-               ", \"arguments\": " + VariablesText(frame.arguments) +
-               ", \"locals\": " + VariablesText(frame.locals) + "}";
-    return "[" + (out.empty() ? out : out.substr(1)) + "]";
+    for (const ShownVariable &argument : frame.arguments)
+        out += (out.empty() ? "" : ", ") + ("{\"type\": " + Quoted(argument.signature)) +
+               ", \"seen\": " + Quoted(SEEN[int(argument.seen)]) +
+               ", \"value\": " + std::to_string(argument.value.number) + "}";
+    return "{\"arguments\": [" + out + "]}";
 }
 
 } // namespace
@@ -133,13 +107,15 @@ std::vector<ShownFrame> ShownFrames(const Runner &runner) {
 
 std::string TruthLine(const Runner &runner) {
     const Shown shown = Truth(runner);
-    std::string facts;
+    std::string facts, details;
     for (auto &[name, text] : runner.script->facts)
         facts += (facts.empty() ? "" : ", ") + Quoted(name) + ": " + Quoted(text);
+    for (const ShownFrame &frame : ShownFrames(runner))
+        details += (details.empty() ? "" : ", ") + ArgumentsText(frame);
     return "{\"id\": " + std::to_string(runner.info->kernelId) + ", \"name\": " + Quoted(shown.name) +
            ", \"state\": " + Quoted(shown.state) + ", \"frames\": " + Quoted(shown.frames) +
            ", \"waits\": " + Quoted(shown.waits) + ", \"locks\": " + Quoted(shown.locks) +
-           ", \"details\": " + DetailsText(ShownFrames(runner)) + ", \"facts\": {" + facts +
+           ", \"details\": [" + details + "], \"facts\": {" + facts +
            "}, \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
 }
 

@@ -26,7 +26,6 @@ struct ShownVariable {
 };
 struct ShownFrame {
     const MethodInfo *method;
-    int32_t line; // -1: none
     bool compiled;
     Object *self; // null: static, or not kept
     std::vector<ShownVariable> arguments, locals;

@@ -1,0 +1,267 @@
+#include "stage.h"
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+namespace simvm {
+
+namespace {
+
+std::string SignatureOf(const Value &value, bool isText) {
+    if (isText)
+        return "Ljava/lang/String;";
+    if (!value.object)
+        return value.real == double(value.number) ? "I" : "D";
+    const std::string &name = value.object->type->name;
+    return name[0] == '[' ? name : "L" + name + ";";
+}
+
+bool HasField(const std::string &type, const std::string &field) {
+    const std::vector<const Field *> fields = FieldsOf(FindClass(type));
+    return std::any_of(fields.begin(), fields.end(), [&](const Field *one) { return one->name == field; });
+}
+
+std::string Trimmed(const std::string &text) {
+    const size_t from = text.find_first_not_of(' ');
+    return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(' ') + 1 - from);
+}
+
+const std::map<std::string, Rest> RESTS = {
+    {"PIPE", Rest::PIPE}, {"ACCEPT", Rest::ACCEPT},   {"SLEEP", Rest::SLEEP}, {"WAIT", Rest::WAIT},
+    {"SPIN", Rest::SPIN}, {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS}, {"CALL", Rest::CALL}};
+const std::map<std::string, F> KINDS = {
+    {"i", F::INTERPRETED}, {"c", F::COMPILED},      {"o", F::OSR},         {"n", F::NATIVE},
+    {"s", F::STUB},        {"run", F::INTERPRETED}, {"copy", F::COMPILED}, {"linked", F::COMPILED}};
+
+} // namespace
+
+char SceneText::Next() {
+    while (at_ < line_.size() && line_[at_] == ' ')
+        at_++;
+    return at_ < line_.size() ? line_[at_] : 0;
+}
+
+bool SceneText::Take(const std::string &text) {
+    const bool taken = Next() && line_.compare(at_, text.size(), text) == 0;
+    at_ += taken ? text.size() : 0;
+    return taken;
+}
+
+std::string SceneText::Until(const char *ends) {
+    Next();
+    const size_t from = at_;
+    at_ = std::min(line_.find_first_of(ends, from), line_.size());
+    return line_.substr(from, at_ - from);
+}
+
+std::string SceneText::Expanded(const std::string &line) const {
+    std::string out;
+    for (size_t at = 0; at < line.size();) {
+        size_t end = at + 1;
+        while (line[at] == '$' && end < line.size() && (isalnum(line[end]) || line[end] == '_'))
+            end++;
+        const auto found = texts_.find(line.substr(at + 1, end - at - 1));
+        const bool isName = line[at] == '$' && found != texts_.end();
+        out += isName ? Expanded(found->second) : line.substr(at, 1);
+        at = isName ? end : at + 1;
+    }
+    return out;
+}
+
+// ---- values
+// ----------------------------------------------------------------------------------------------
+
+std::vector<Value> SceneText::ReadElements() {
+    std::vector<Value> elements;
+    for (Take("("); !Take(")");)
+        elements.push_back(ReadValue());
+    return elements;
+}
+
+std::vector<TableEntry> SceneText::ReadEntries() {
+    std::vector<TableEntry> entries;
+    for (Take("("); !Take(")");) {
+        Object *key = ReadValue().object;
+        const int32_t bucket = Take("@") ? stoi(Until(" ")) : -1;
+        entries.push_back({key, ReadValue(), bucket});
+    }
+    return entries;
+}
+
+Value SceneText::ReadObject(const std::string &type) {
+    const std::string super = Take("<") ? Until(" {") : "java/lang/Object";
+    std::vector<std::pair<std::string, Value>> values;
+    std::vector<Field> own;
+    for (bool more = Take("{"); more && !Take("}");) {
+        const std::string name = Until(",="), signature = Take(",") ? Until("=") : "";
+        Take("=");
+        const bool isText = Next() == '"';
+        values.emplace_back(name, ReadValue());
+        if (FindClass(type) || HasField(super, name))
+            continue;
+        own.push_back(
+            {name, signature.empty() ? SignatureOf(values.back().second, isText) : signature, false, 0});
+    }
+    if (!FindClass(type))
+        DefineClass(type, super, own);
+    return New(type, values);
+}
+
+Value SceneText::ReadValue() {
+    if (Take("\"")) {
+        const std::string text = Until("\"");
+        at_++;
+        return NewString(text);
+    }
+    if (Next() == '[') {
+        const std::string signature = Until("(");
+        return NewElements(signature, ReadElements());
+    }
+    const std::string word = Until(" {}()#<;@^%>");
+    if (Take("#")) {
+        const int32_t buckets = stoi(Until("!("));
+        const bool cyclic = Take("!");
+        return NewTable(word, buckets, ReadEntries(), cyclic);
+    }
+    if (const auto found = values_.find(word); found != values_.end())
+        return found->second;
+    if (word.find('/') != std::string::npos)
+        return ReadObject(word);
+    if (word == "null" || word == "true")
+        return word == "true" ? Value(true) : Value();
+    if (word.empty() || !strchr("-0123456789", word[0]))
+        Fail(("a scene has the value " + word + " in " + line_).c_str());
+    return word.find('.') == std::string::npos ? Value(strtol(word.c_str(), nullptr, 0)) : Value(stod(word));
+}
+
+Value SceneText::Make(const std::string &text) {
+    line_ = Expanded(text);
+    at_ = 0;
+    return ReadValue();
+}
+
+// ---- threads
+// ---------------------------------------------------------------------------------------------
+
+Scope SceneText::ReadScope() {
+    const std::string place = Until(" :("), signature = Next() == '(' ? Until(" :") : "()V";
+    const size_t dot = place.rfind('.');
+    const std::string holder = place.substr(0, dot), name = place.substr(dot + 1);
+    const bool isNative = !Take(":");
+    const int line = isNative ? 0 : stoi(Until(" ;|"));
+    Object *receiver = nullptr;
+    if (Take("@"))
+        receiver =
+            Next() == '{' || strchr(" ;|>^%", line_[at_]) ? ReadObject(holder).object : ReadValue().object;
+    std::vector<Object *> monitors;
+    while (Take("^"))
+        monitors.push_back(ReadValue().object);
+    std::vector<Variable> variables;
+    while (Take("%")) {
+        const size_t end = line_.find_first_of(" ={(\"", at_);
+        const bool isTyped = end < line_.size() && line_[end] == '=';
+        const std::string type = isTyped ? Until("=") : "";
+        Take("=");
+        variables.push_back({type, ReadValue()});
+    }
+    Scope scope = In(holder, name, line, receiver, monitors, signature);
+    if (isNative)
+        scope = {DefineMethod(holder, name, signature, {}, METHOD_NATIVE | (receiver ? 0 : METHOD_STATIC), 0),
+                 0,
+                 receiver,
+                 {}};
+    const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
+    for (size_t i = 0; i < variables.size(); i++)
+        if (variables[i].signature.empty())
+            variables[i].signature =
+                i < arguments.size() ? arguments[i] : SignatureOf(variables[i].value, false);
+    scope.variables = std::move(variables);
+    return scope;
+}
+
+Frame SceneText::ReadFrame() {
+    const std::string kind = Until(" ;|");
+    if (!KINDS.count(kind))
+        Fail(("a scene has the frame " + kind + " in " + line_).c_str());
+    if (kind == "run") {
+        const std::string holder = Until(" ;|");
+        return {F::INTERPRETED, {In(holder, "run", 21, NewObject(holder))}};
+    }
+    Frame frame = {KINDS.at(kind), {}, kind == "copy", kind == "linked" ? EmitLinked() : 0};
+    while (Next() && Next() != ';' && Next() != '|') {
+        frame.scopes.push_back(ReadScope());
+        Take(">");
+    }
+    return frame;
+}
+
+std::vector<Frame> SceneText::Frames(const std::string &text) {
+    if (!text.empty())
+        line_ = Expanded(text), at_ = 0;
+    std::vector<Frame> frames;
+    do
+        frames.push_back(ReadFrame());
+    while (Take(";"));
+    return frames;
+}
+
+void SceneText::ReadThread() {
+    const std::string name = Until(":");
+    Script script;
+    Take(":");
+    script.rest = RESTS.at(Until(" "));
+    if (Take("\"")) {
+        script.state = Until("\"");
+        Take("\"");
+    }
+    script.frames = Frames("");
+    while (Take("|") || Take(";")) {
+        const std::string fact = Until("=;");
+        Take("=");
+        script.facts[fact] = Trimmed(Until(";"));
+    }
+    Add(scene_, name, std::move(script));
+}
+
+void SceneText::ReadLine(const std::string &line) {
+    line_ = Expanded(line);
+    at_ = 0;
+    if (Take("class ")) {
+        DefineClass(line_.substr(at_));
+    } else if (Take("let ")) {
+        const std::string name = Until(" ");
+        texts_[name] = Trimmed(line_.substr(at_));
+    } else if (Take("thread ")) {
+        ReadThread();
+    } else if (const bool isStatic = Take("static "); isStatic || Take("set ")) {
+        const std::string of = Until("."), field = Until(" ").substr(1);
+        Take("=");
+        isStatic ? SetStatic(FindClass(of), field, ReadValue())
+                 : Set(values_.at(of).object, field, ReadValue());
+    } else {
+        const std::string name = Trimmed(Until(":="));
+        const bool isNamed = Take(":");
+        Take("=");
+        values_[name] = ReadValue();
+        if (isNamed)
+            scene_->named[name] = values_[name].object;
+    }
+}
+
+void SceneText::Read(const std::string &text) {
+    std::istringstream lines(text);
+    std::string whole;
+    for (std::string line; std::getline(lines, line);) {
+        line = line.substr(0, line.find("# "));
+        if (Trimmed(line).empty())
+            continue;
+        if (line[0] != ' ' && !whole.empty())
+            ReadLine(whole);
+        whole = line[0] != ' ' ? line : whole + ' ' + Trimmed(line);
+    }
+    if (!whole.empty())
+        ReadLine(whole);
+}
+
+} // namespace simvm
