@@ -213,7 +213,7 @@ void RunDumpCommand(const CommandLine &line) {
 
 void AddDump(CLI::App *app, CommandLine *line) {
     CLI::App *dump = AddJvmCommand(
-        app, "dump", "Write the heap to a file by a copy of the JVM, or tell what such a file holds", line);
+        app, "dump", "Write the heap to a file by a copy of the JVM, or show what such a file holds", line);
     AddStop(dump, line);
     dump->get_option("pid")->required(false);
     dump->add_option("name", line->dump_name,
@@ -287,7 +287,7 @@ void AddOthers(CLI::App *app, CommandLine *line) {
         ->check(CLI::Range(0, 99));
     log->final_callback([=] { RunLog(*settings, line->pid, line->log_level); });
 
-    CLI::App *raw = AddJvmCommand(app, "raw", "Send a request as it stands and show the reply", line);
+    CLI::App *raw = AddJvmCommand(app, "raw", "Send a request as it is and show the reply", line);
     raw->add_option("text", line->raw_text, "The request")->option_text("TEXT")->required();
     raw->add_flag("--bytes", line->raw_bytes, "Write the reply's bytes, control characters included");
     raw->final_callback([=] { RunRaw(*settings, line->pid, line->raw_text, line->raw_bytes); });
@@ -301,7 +301,7 @@ int Run(int argc, char **argv) {
     app.name("qorctl");
     app.require_subcommand(1);
     app.set_version_flag("--version", "qorctl " QOR_VERSION);
-    app.footer("Exit codes: 0 answer, 1 no answer, 2 wrong use. 'qorctl COMMAND --help' tells more.");
+    app.footer("Exit codes: 0 answer, 1 no answer, 2 wrong use. 'qorctl COMMAND --help' says more.");
     app.failure_message([](const CLI::App *, const CLI::Error &error) {
         return fmt::format("qorctl: {}; see qorctl --help\n", error.what());
     });

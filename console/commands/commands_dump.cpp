@@ -57,7 +57,7 @@ public:
             if (!ReadProcess(pid_, &process))
                 throw Failure(fmt::format("JVM {} has ended", pid_), "the dump is lost");
             if (!Look())
-                throw Failure(fmt::format("the dump {} stands still at {} bytes", target_.Path(), bytes_),
+                throw Failure(fmt::format("the dump {} stopped growing at {} bytes", target_.Path(), bytes_),
                               "the JVM may be stopped or its disk full; wait longer with --timeout, or look "
                               "at the file with 'dump --read'");
             std::this_thread::sleep_for(LOOK_PERIOD);
@@ -118,7 +118,7 @@ bool CopyGoesOn(const Reply &reply) {
     if (failed != reply.text.npos)
         throw Failure(fmt::format("the dump failed: {}",
                                   Printable(reply.text.substr(failed + FORKED_DUMP_FAILED.size()))),
-                      "the file is empty or cut; the agent's log may tell more");
+                      "the file is empty or cut; the agent's log may say more");
     return reply.text.find(FORKED_DUMP_LATE) != reply.text.npos;
 }
 

@@ -103,7 +103,7 @@ std::string HolderText(const LockHolder &holder, const Thread &waiter, const Sty
     case LockHolder::MOVED_ON:
         break;
     }
-    return "it has stopped waiting for it meanwhile\n";
+    return "it no longer waits for it\n";
 }
 
 // One waiter: what it waits for, and where the holder is now.

@@ -50,7 +50,7 @@ void ShowPortHolder(const Settings &settings, pid_t pid, unsigned port) {
 void CheckClientHost(const std::string &host) {
     in_addr address;
     if (inet_pton(AF_INET, host.c_str(), &address) != 1)
-        throw Failure(fmt::format("\"{}\" is no IPv4 address", host),
+        throw Failure(fmt::format("\"{}\" isn't an IPv4 address", host),
                       "give the client's address as four numbers; clients that come by IPv6 are not found",
                       EXIT_USAGE);
 }

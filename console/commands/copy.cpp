@@ -12,7 +12,7 @@ namespace qorctl {
 std::string CopyChoice::Note() const {
     if (copied)
         return "by a copy of the JVM, which was paused for the copying alone\n";
-    return why.empty() ? "" : fmt::format("the JVM was paused meanwhile: {}\n", Printable(why));
+    return why.empty() ? "" : fmt::format("the JVM was paused for it: {}\n", Printable(why));
 }
 
 bool OnlyByCopy(std::string_view reply) {

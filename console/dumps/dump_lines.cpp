@@ -63,7 +63,7 @@ void LineReader::Fill() {
     start_ = 0;
     searched_ = buffer_.size();
     if (buffer_.size() > LONGEST_LINE)
-        throw Failure(fmt::format("line {} has no end", number_ + 1), "this is no text dump");
+        throw Failure(fmt::format("line {} has no end", number_ + 1), "this isn't a text dump");
     size_t had = buffer_.size();
     buffer_.resize(had + READ_SIZE);
     size_t got = fread(&buffer_[had], 1, READ_SIZE, file_);

@@ -79,7 +79,8 @@ DumpTarget ChooseDumpTarget(std::string_view name, bool hprof) {
     target.hprof = hprof;
     size_t slash = name.rfind('/');
     if (slash != name.npos && name[0] != '/')
-        throw refuse("is no absolute path", "give a path from / as the JVM sees it, or a bare name for /tmp");
+        throw refuse("isn't an absolute path",
+                     "give a path from / as the JVM sees it, or a bare name for /tmp");
     target.dir = slash == name.npos ? DEFAULT_DIR : name.substr(0, slash + 1);
     target.name = name.substr(slash == name.npos ? 0 : slash + 1);
     if (target.name.empty())
@@ -118,7 +119,7 @@ bool HasDumpDirectory(pid_t pid, const DumpTarget &target) {
 }
 
 DumpFault ExplainMissingDump(pid_t pid, const DumpTarget &target, uint32_t heap_id) {
-    constexpr const char *LOG_TELLS = "; the agent's log, on the JVM's standard error, tells the reason";
+    constexpr const char *LOG_TELLS = "; the agent's log, on the JVM's standard error, says why";
     DumpProgress progress = LookAtDump(pid, target, heap_id);
     std::string path = target.Path();
     if (progress.kind == DumpFileKind::ABSENT)

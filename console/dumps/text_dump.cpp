@@ -89,7 +89,7 @@ private:
         std::vector<std::string_view> field = Split(line, '|');
         if (line.substr(0, HEADER_START.size()) != HEADER_START || field.size() <= USED ||
             field.size() > LONGEST_HEADER)
-            throw Failure("this is no text dump", "give a file that 'qorctl dump PID NAME' has written");
+            throw Failure("this isn't a text dump", "give a file that 'qorctl dump PID NAME' has written");
         if (!ReadNumber(field[ID].substr(HEADER_START.size()), &summary_.heap_id))
             Wrong();
         summary_.time = field[TIME];

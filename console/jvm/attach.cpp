@@ -167,7 +167,7 @@ void CheckIsHotspot(const Process &process) {
         throw Failure(fmt::format("the memory of process {} is locked in the kernel", process.pid),
                       fmt::format("'qorctl hung {}' shows what it waits for", process.pid));
     case JvmKind::NONE:
-        throw Failure(fmt::format("process {} is no JVM", process.pid), "'qorctl list' shows the JVMs");
+        throw Failure(fmt::format("process {} isn't a JVM", process.pid), "'qorctl list' shows the JVMs");
     }
 }
 
@@ -382,10 +382,10 @@ Failure LoadFailure(int result, const std::string &jar) {
     case 100:
         return Failure(fmt::format("the JVM can't use {} as an agent", jar), "check that it is qoragent.jar");
     case 102:
-        return Failure("the agent's start failed in the JVM", "the JVM's standard error tells why");
+        return Failure("the agent's start failed in the JVM", "the JVM's standard error says why");
     default:
         return Failure(fmt::format("the JVM couldn't load the agent (code {})", result),
-                       "the JVM's standard error tells why");
+                       "the JVM's standard error says why");
     }
 }
 
@@ -420,7 +420,7 @@ void CheckLoadReply(std::string_view reply, const std::string &jar) {
         throw Failure(fmt::format("the JVM refused the attach request (code {})", status),
                       "its version may not be supported");
     throw Failure(fmt::format("the JVM refused the agent: {}", text),
-                  "the JVM's standard error may tell more");
+                  "the JVM's standard error may say more");
 }
 
 void CheckUser(const Process &process) {

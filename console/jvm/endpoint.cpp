@@ -64,7 +64,7 @@ Failure Unanswered(std::string_view got) {
             fmt::format("the agent refused the request: {}", got.substr(0, got.find_first_of("\r\n"))),
             "correct the request");
     return Failure("the agent gave no answer",
-                   "its log tells why (raise its level with 'log PID 3' and ask again)");
+                   "its log says why (raise its level with 'log PID 3' and ask again)");
 }
 
 } // namespace
@@ -225,10 +225,9 @@ void Connection::SendLast(std::string_view request, Seconds limit) {
 
 void CheckNetwork(const Process &process) {
     if (!SameNetwork(process.pid))
-        throw Failure(
-            fmt::format("process {} has a network of its own, its loopback can't be reached from here",
-                        process.pid),
-            fmt::format("run qorctl in there: nsenter -t {} -n qorctl ...", process.pid));
+        throw Failure(fmt::format("process {} has its own network: its loopback can't be reached from here",
+                                  process.pid),
+                      fmt::format("run qorctl in there: nsenter -t {} -n qorctl ...", process.pid));
 }
 
 } // namespace qorctl

@@ -86,7 +86,7 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
         throw Failure("the agent is still starting; it may wait for an earlier one to end",
                       "ask again in a moment");
     throw Failure("the agent was loaded but didn't start",
-                  "the JVM's standard error tells why; check --options for a misspelt key");
+                  "the JVM's standard error says why; check --options for a misspelt key");
 }
 
 Connection RequireAgent(const Settings &settings, const Process &process) {

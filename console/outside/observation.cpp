@@ -239,7 +239,8 @@ private:
                 ReadWaiting(i);
             }
             if (thread.proof == StackProof::NONE && thread.no_stack.empty())
-                thread.no_stack = thread.share > 0 ? "no sample was taken" : "it had no processor meanwhile";
+                thread.no_stack =
+                    thread.share > 0 ? "no sample was taken" : "it got no processor in that time";
         }
     }
 

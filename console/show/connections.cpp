@@ -167,7 +167,7 @@ std::vector<DbSession> DecodeSessions(const Reply &reply) {
     if (text.substr(0, ERROR_WORD.size()) == ERROR_WORD) {
         std::string_view line = text.substr(0, text.find_first_of("\n\x1e\x1f"));
         throw Failure(fmt::format("the agent answers \"{}\"", line),
-                      "check port, host and process ids; the agent's log may tell more");
+                      "check port, host and process ids; the agent's log may say more");
     }
     if (text.empty() || text.back() != '|')
         throw UnknownForm("the agent's list of sessions lacks its end");

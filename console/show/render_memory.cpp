@@ -184,7 +184,7 @@ std::string HistogramText(const Histogram &histogram, size_t top, const Style &s
     }
     std::string text = table.Text(style);
     if (rows < histogram.classes.size())
-        text += fmt::format("the largest {} of {} classes told by the agent; --top shows more\n", rows,
+        text += fmt::format("the largest {} of {} classes reported by the agent; --top shows more\n", rows,
                             histogram.classes.size());
     if (histogram.cut)
         text += "the reply reached the agent's limit, classes are missing\n";

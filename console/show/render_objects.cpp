@@ -46,7 +46,7 @@ std::string LocalsText(const Locals &locals, const Thread &thread, const Frame &
     std::string text = fmt::format("\"{}\" #{} frame {}: {}\n", Printable(thread.name), thread.key.thread,
                                    frame.index, Printable(CallText(frame)));
     if (locals.rows.empty())
-        return text + "no objects in its locals (numbers in locals are not told)\n";
+        return text + "no objects in its locals (numbers in locals are not reported)\n";
     Table table({{"TAG", true}, {"TYPE"}, {"VALUE"}});
     for (const Local &local : locals.rows)
         table.Add({local.tag ? fmt::format("{}", *local.tag) : "-", local.type, local.value});

@@ -39,11 +39,11 @@ constexpr Refusal REFUSALS[] = {
      "the agent has no way into this JVM at its optimisation level; run 'shutdown', then 'attach' with "
      "--options optlevel=0"},
     {"System low on Virtual Memory", "a copy of the JVM wouldn't fit the memory or the container's limit; "
-                                     "with --stop the JVM does it itself, paused meanwhile"},
+                                     "with --stop the JVM does it itself and is paused for it"},
     {"Unable to start Heap Dump",
-     "the agent's log may say more; with --stop the JVM does it itself, paused meanwhile"},
+     "the agent's log may say more; with --stop the JVM does it itself and is paused for it"},
     {"Class histogram failed", "a copy of the JVM came to no good end, even when made again; with --stop the "
-                               "JVM counts itself, paused meanwhile"},
+                               "JVM counts itself and is paused for it"},
     {"Heap census failed", "a copy of the JVM came to no good end, even when made again"},
     {"JVM Heap: Error cannot create child pipe", "the JVM may have no descriptor left; ask again"},
     {"Invalid Request", "the agent doesn't know this command; agent and qorctl may be of different versions"},
@@ -303,7 +303,7 @@ void NameOwners(ThreadSample *sample) {
 
 Thread &CurrentThread(ThreadSample *sample, const Section &section) {
     if (sample->threads.empty())
-        throw Failure(fmt::format("section \"{}\" stands in front of any thread", section.title),
+        throw Failure(fmt::format("section \"{}\" comes before any thread", section.title),
                       "see the reply itself with 'raw'");
     return sample->threads.back();
 }

@@ -219,7 +219,7 @@ Histogram DecodeHistogram(const Reply &reply) {
     }
     if (histogram.classes.empty())
         throw Failure("the agent counted no classes",
-                      "its log tells why (set its level with 'log', ask again)");
+                      "its log says why (set its level with 'log', ask again)");
     histogram.jvm_microseconds = reply.jvm_microseconds;
     histogram.cut = reader.cut();
     return histogram;

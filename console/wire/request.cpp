@@ -233,7 +233,7 @@ bool IsThreadNumber(std::string_view text) {
 
 std::string ThreadKeyText(std::string_view text, int64_t process) {
     if (!IsThreadNumber(text))
-        throw Failure(fmt::format("\"{}\" is no thread", text),
+        throw Failure(fmt::format("\"{}\" isn't a thread", text),
                       "give the number shown in the column ID, or PROCESS-THREAD", EXIT_USAGE);
     bool whole = text.find('-') != text.npos;
     return whole ? std::string(text) : fmt::format("{}-{}", process, text);
@@ -248,7 +248,7 @@ void CheckRequest(std::string_view request) {
         throw Failure("a request can't hold a line feed", "use a carriage return between lines");
     if (request.find(END_OF_TRANSMISSION) != request.npos)
         throw Failure("the text holds the end-of-transmission marker",
-                      "remove it, all behind it would be lost");
+                      "remove it, everything after it would be lost");
 }
 
 } // namespace qorctl

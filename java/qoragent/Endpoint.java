@@ -68,7 +68,7 @@ final class Endpoint {
                 pid = Integer.parseInt(fields[1]);
         }
         if (pid < 0)
-            throw new IOException("/proc/self/status tells no process id");
+            throw new IOException("/proc/self/status has no process id");
         return new Endpoint(Paths.get("/tmp/qoragent-" + Integer.toUnsignedString(uid)), uid, pid);
     }
 
@@ -121,7 +121,7 @@ final class Endpoint {
             Files.readAttributes(made, "unix:mode,uid,isDirectory", LinkOption.NOFOLLOW_LINKS);
         int mode = (Integer)facts.get("mode") & MODE_BITS_THAT_COUNT;
         if (!(Boolean)facts.get("isDirectory"))
-            throw new IOException(made + " is no directory");
+            throw new IOException(made + " isn't a directory");
         if ((Integer)facts.get("uid") != uid)
             throw new IOException(made + " belongs to another user");
         if (mode != DIRECTORY_MODE)

@@ -53,7 +53,7 @@ final class Options {
             } catch (NumberFormatException e) {
                 // said below, as for a number out of bounds
             }
-            throw new IllegalArgumentException("option " + name + ": \"" + value + "\" is no number from " +
+            throw new IllegalArgumentException("option " + name + ": \"" + value + "\" isn't a number from " +
                                                min + " to " + max);
         }
     }

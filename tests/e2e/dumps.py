@@ -193,7 +193,7 @@ class LateDumps(Case):
     def test_one_that_ends_otherwise_is_a_failure(self):
         for reply in ("Request TIMED OUT", None):
             self.agent.reply = reply
-            self.fails("stands still at", "--timeout", "1")
+            self.fails("stopped growing at", "--timeout", "1")
         self.agent.reply = ""
         self.fails("lacks its end")
         self.agent.reply = "Request TIMED OUT"

@@ -79,7 +79,7 @@ TEST(DecodeMemoryViews, Histogram) {
               "INSTANCES   SIZE  CLASS\n"
               "1,234,567  4.0 G  byte[][]\n"
               "        2    0 K  a.B\n"
-              "the largest 2 of 3 classes told by the agent; --top shows more\n"
+              "the largest 2 of 3 classes reported by the agent; --top shows more\n"
               "321 us in the JVM\n");
     EXPECT_EQ(HistogramJson(histogram, 1)["classes"].size(), 1u);
     EXPECT_EQ(HistogramJson(histogram, 9)["classes"][1]["class"], "a.B");
@@ -121,10 +121,10 @@ TEST(CopyChoice, FollowsTheAgentsAnswer) {
         std::string note;
     } rows[] = {
         {"forkstate=1 forkdump=0 ", FLAG_COPY, copied},
-        {"forkstate=0 forkdump=0 too small", 0, "the JVM was paused meanwhile: too small\n"},
+        {"forkstate=0 forkdump=0 too small", 0, "the JVM was paused for it: too small\n"},
         {"forkstate=0 forkdump=1 too small", 0, copied},
         {"NoProcessing: Unkownn argument", 0,
-         "the JVM was paused meanwhile: the agent is of a version without copies\n"},
+         "the JVM was paused for it: the agent is of a version without copies\n"},
     };
     for (const auto &row : rows) {
         CopyChoice choice = ChooseCopy(row.reply);
