@@ -126,9 +126,10 @@ VmTable TableOf(Input *input) {
         const auto kind = input->Next<uint8_t>();
         const auto value = input->Next<uint16_t>();
         if (kind % 8 != 0)
-            table.Set(static_cast<Vm>(slot), kind % 16 == 1 ? int64_t(int32_t(value << 16)) << kind % 32
-                                             : kind % 2     ? value % 512
-                                                            : START + value % PLACES);
+            table.Set(static_cast<Vm>(slot), kind % 16 == 1
+                                                 ? static_cast<int64_t>(uint64_t(value) << kind % 50)
+                                             : kind % 2 ? value % 512
+                                                        : START + value % PLACES);
     }
     return table;
 }
