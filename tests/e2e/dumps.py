@@ -73,7 +73,7 @@ class Dumps(OfTheDemo):
             self.assertEqual(victim.read(), "mine")
         self.refused("needs a process and a name", "dump", self.app.pid, code=2)
         for why, name in (("can't read", "/nowhere"), ("Hprof", f"{self.here}/own.hprof"),
-                          ("no text dump", f"{self.here}/victim")):
+                          ("a text dump", f"{self.here}/victim")):
             self.refused(why, "dump", "--read", name)
 
     def test_a_copy_of_the_jvm_dumps_the_same(self):

@@ -178,7 +178,7 @@ TEST(DecodeThreads, WrongRecordsAreRefused) {
         {row + "A->b~F~1~;!", "record 1"},
         {row + "A->b~F~1~DB Wait{9}^~^~0~0~^~0~0~^~^~^;!", "record 1"},
         {row + "A->b~F~1~RMI Wait{&1~2~h;!", "record 1"},
-        {"Call Stack;A->b~F~1~1~0~1~^~^!", "in front of any thread"},
+        {"Call Stack;A->b~F~1~1~0~1~^~^!", "before any thread"},
         {details + "Call Stack;A->b~F~1~1~zero~1~^~^!", "Call Stack"},
         {details + "JVM Locks;1~0~A~deep;!", "JVM Locks"},
         {details + "Lock On;1~owner~A~v!", "Lock On"},

@@ -115,7 +115,7 @@ TEST(ReadTextDump, OtherFilesAreRefused) {
         made_up += "A81|18|" + std::to_string(i) + "\n";
     const std::pair<std::string, const char *> rows[] = {
         {std::string("JAVA PROFILE 1.0.2\0\0\0", 21), "Hprof"},
-        {"heap_id=7|T1\n", "no text dump"},
+        {"heap_id=7|T1\n", "a text dump"},
         {HEADER + "Q1\n", "line 2 "},
         {HEADER + "A8100|xyz|1\n", "line 2 "},
         {HEADER + "B1101|4|La/B;\n", "line 2 "}, // longer than it says
