@@ -78,11 +78,11 @@ class Dumps(OfTheDemo):
 
     def test_a_copy_of_the_jvm_dumps_the_same(self):
         self.assertFalse(self.dump("own")["copied"])
-        self.assertIn("paused meanwhile: 64 MiB", self.answer("histogram", self.app.pid).out)
+        self.assertIn("paused for it: 64 MiB", self.answer("histogram", self.app.pid).out)
         self.assertIn("Changed forkdump to 1", self.answer("forkdump", self.app.pid, "on").out)
         self.assertTrue(self.dump("copied")["copied"])
         self.assertFalse(self.dump("stopped", "--stop")["copied"])
-        self.assertIn("paused meanwhile: by --stop", self.answer("histogram", self.app.pid, "--stop").out)
+        self.assertIn("paused for it: by --stop", self.answer("histogram", self.app.pid, "--stop").out)
         histogram = self.json("histogram", self.app.pid)
         self.assertTrue(histogram["copied"])
         self.assertIn("java.lang.String", [row["class"] for row in histogram["classes"]])

@@ -185,7 +185,7 @@ class Refusals(Case):
             self.assertEqual((answer.code, len(answer.err.splitlines())), (2, 1), answer)
         self.assertEqual(qorctl("--help").code, 0)
         self.refused("can't read", "rules", os.getpid(), "/nowhere", code=2)
-        self.refused("is no thread", "threads", os.getpid(), "--thread", "x", code=2)
+        self.refused("isn't a thread", "threads", os.getpid(), "--thread", "x", code=2)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "only root can be somebody else")
