@@ -47,7 +47,7 @@ Word NewGeneration(HeapSpace *space, char letter, size_t bytes) {
 Word NewConcurrent(HeapSpace *space, char letter, size_t bytes) {
     const Word generation = Allocate(sizeof(Generation)),
                structure = NewSpace<FreeListSpace>(space, letter, bytes);
-    At(structure, &FreeListSpace::top) = space->bottom + bytes / 4; // what it says means nothing
+    At(structure, &FreeListSpace::top) = space->bottom; // what it says means nothing
     At(structure, &FreeListSpace::indexedFreeWords) = 0;
     At(structure, &FreeListSpace::dictionary) = Allocate(sizeof(FreeListDictionary));
     At(generation, &Generation::cmsSpace) = structure;
