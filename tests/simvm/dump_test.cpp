@@ -5,6 +5,7 @@
 #include "platforms/forked_child.h"
 #include "qorrequest.h"
 #include "qorthreads/dump_hold.h"
+#include "qorthreads/held_slots.h"
 
 #include <cerrno>
 #include <fstream>
@@ -155,13 +156,14 @@ TEST(DirectDump, ThatComesToNoGoodEndIsReported) {
 }
 
 // A thread that has come to the list's head since the others were held doesn't change whose registers are
-// whose.
+// whose. All go on at once, not when their hold's time is over.
 TEST(DirectDump, TakesRegistersByThreadNotByPlace) {
     static constexpr Word STACK = 1 << 20; // of each thread; they lie further apart
     WithScene("shop", {}, [](Scene &scene) {
         const auto looping = std::count_if(scene.runners.begin(), scene.runners.end(),
                                            [](const Runner *runner) { return Loops(*runner); });
         ThreadInfo *visitor = NewThread("visitor");
+        const uint32_t ended = qorHoldsEnded;
         int held = 0;
         for (int tries = 0; tries < 50 && held < looping; tries++) {
             QorHoldForDump([] { return false; });
@@ -176,6 +178,9 @@ TEST(DirectDump, TakesRegistersByThreadNotByPlace) {
             }
             UnlinkThread(visitor);
             QorResumeAfterDump();
+            while (!QorSlotsLeftBy(0))
+                usleep(100);
+            EXPECT_EQ(qorHoldsEnded, ended);
             QorTendHolds();
         }
         EXPECT_EQ(held, looping);
