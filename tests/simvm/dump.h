@@ -13,7 +13,7 @@ namespace simvm {
 struct DumpedObject {
     std::string line;
     std::vector<std::string> references;
-    bool isKnown = true; // else the line only begins so, and nobody knows the references
+    bool isKnown = true; // else the line only begins so, and these are some of the references
 };
 struct HeapDump {
     std::vector<std::string> header, strange; // strange: lines that are nothing of the below

@@ -27,7 +27,9 @@ void StageShop(Scene *scene) {
     SceneText text(scene);
     text.Name("ledger", NewObject("shop/Ledger", vm.old.letter));
     text.Read(R"(
+class shop/Till *last,Lshop/Till;
 till = shop/Till
+static shop/Till.last = till
 orders = shop/Orders
 queue = java/util/LinkedList
 cart = shop/Cart
