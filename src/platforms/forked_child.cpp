@@ -34,7 +34,7 @@ constexpr int64_t MSEC_PER_SEC = 1000;
 constexpr int64_t LONGEST_PARENT_LOOK = 2000, LONGEST_WATCHER_LOOK = 100;
 constexpr int64_t LONGEST_END = 10000; // for a killed copy to be gone
 constexpr int64_t SHORT_END = 100;     // the same at the agent's end
-constexpr int CHILD_PRIORITY = 5;
+constexpr int CHILD_PRIORITY = 5;      // added to the JVM's
 constexpr int EXIT_FAILURE_CODE = 3, EXIT_MOVED_CODE = 4;
 constexpr int NO_EXIT_SIGNAL = 0; // and nothing shared
 constexpr int MAX_STATISTICS = 4;
@@ -232,7 +232,7 @@ void BecomeChild(pid_t parentThread) {
         Leave(FORK_FAILED, ESRCH);
     prctl(PR_SET_NAME, "QORD Heap Dump");
     OfferToTheKiller();
-    setpriority(PRIO_PROCESS, 0, CHILD_PRIORITY);
+    setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + CHILD_PRIORITY); // 19 at most
     walkerStat = open("/proc/thread-self/stat", O_RDONLY | O_CLOEXEC);
     if (walkerStat < 0)
         Leave(FORK_FAILED, errno);
