@@ -13,6 +13,7 @@
 #include <random>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -23,6 +24,14 @@ using namespace qorctl::outside;
 using qorctl::ReadLocked;
 
 namespace {
+
+// A child that ends with this process, however that ends.
+pid_t Fork() {
+    const pid_t child = fork();
+    if (child == 0)
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    return child;
+}
 
 TEST(Outside, ProcTexts) {
     const auto place = ParseSyscall("202 0x7f 0x189 0x0 0x0 0x0 0xffffffff 0x7ffe10 0x7f2a");
@@ -54,7 +63,7 @@ TEST(Outside, ProcTexts) {
 
 // A thread that is stopped for its registers runs on as if nothing had been.
 TEST(Outside, StopsOneThreadForAMoment) {
-    const pid_t child = fork();
+    const pid_t child = Fork();
     if (child == 0)
         for (volatile int i = 0;;)
             i = i + 1;
@@ -79,7 +88,7 @@ TEST(Outside, StopsOneThreadForAMoment) {
 
 TEST(Outside, TasksAreKnownByTheirInnermostIds) {
     const auto in_namespace = [] {
-        const pid_t child = fork();
+        const pid_t child = Fork();
         if (child == 0)
             for (;;)
                 pause();
@@ -99,7 +108,7 @@ TEST(Outside, AThreadStoppedForASignalGetsIt) {
         mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     static std::atomic<int> *counted;
     counted = arrived;
-    const pid_t child = fork();
+    const pid_t child = Fork();
     if (child == 0) {
         signal(SIGUSR1, [](int) { ++*counted; });
         for (*counted = 1;;) {
