@@ -101,6 +101,9 @@ TEST_F(Channel, WhatRanOutOfTimeIsNotDone) {
     EXPECT_EQ(Ask(env, "516|NoProcessing|CZPRequest"), "");
     EXPECT_EQ(qorretry, 0);
     EXPECT_EQ(Set(2), IsSet(2));
+    QorPostRequest("516|NoProcessing|qorretry|3");
+    QorWithdrawRequest();
+    EXPECT_FALSE(QorTakeRequest()) << "an empty one is left";
 }
 
 // Callers that give up at the very moment at which the worker comes: it takes their request whole or not at

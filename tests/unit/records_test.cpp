@@ -76,6 +76,11 @@ TEST(Records, BlocksHaveTheDocumentedFields) {
               WAIT_DETAIL + std::string(1, RMI_MARK) + remote.Wire());
 }
 
+TEST(Records, SystemDataIsInTheDocumentedOrder) {
+    const std::string row = Written([](QorText *out) { QorAppendSystemData(out, {1, 2, 3, 4, 5, 6, 7}); });
+    EXPECT_EQ(row.rfind("System Data\0361\0352\0353\0354\0355\0356\0357\035", 0), 0U) << row;
+}
+
 TEST(Records, TitleIsTheFirstRowThatApplies) {
     const struct {
         uint32_t reqid;

@@ -24,6 +24,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
+#include <thread>
 
 using namespace qorctl;
 
@@ -78,6 +79,11 @@ TEST(Requests, RulesTravelWithCarriageReturns) {
     EXPECT_THROW(CheckRequest("a\nb"), Failure);
     EXPECT_NO_THROW(CheckRequest(std::string(20480, 'x')));
     EXPECT_THROW(CheckRequest(std::string(20481, 'x')), Failure);
+    std::string wide = "#";
+    for (int i = 0; i < 10000; ++i)
+        wide += "\U0001f697";
+    for (const std::string &request : TierRequests(wide))
+        EXPECT_NE(request[request.rfind('|') + 1] & 0xc0, 0x80) << "a character is cut";
 }
 
 TEST(Requests, RulesWithoutEffectAreReported) {
@@ -133,6 +139,28 @@ TEST(Endpoint, WhoListensIsProven) {
         inet_pton(AF_INET, address, &elsewhere.address);
         EXPECT_THROW(CheckListener(Process(), elsewhere), Failure) << address;
     }
+}
+
+TEST(Endpoint, AReplyMayComeInParts) {
+    Loopback server(AF_INET, "127.0.0.1");
+    ASSERT_TRUE(server.Listen());
+    std::thread relay([&] {
+        const FileDescriptor fd(accept(server.fd, nullptr, nullptr));
+        const std::string first = "OK\nreply|\t|", rest = "\t\t||";
+        send(fd.get(), first.data(), first.size(), 0);
+        send(fd.get(), "!", 1, MSG_OOB); // a read ends before it
+        send(fd.get(), rest.data(), rest.size(), 0);
+        for (char c; read(fd.get(), &c, 1) > 0;)
+            continue;
+    });
+    Endpoint endpoint;
+    endpoint.address = htonl(INADDR_LOOPBACK);
+    endpoint.port = server.port;
+    const auto ask = [&] {
+        EXPECT_EQ(Connection::Open(endpoint, Seconds(10))->Ask("4|x", Seconds(10)), "reply");
+    };
+    EXPECT_EQ(FailureOf(ask), "no failure");
+    relay.join();
 }
 
 TEST(Attach, LoadReplies) {
@@ -201,6 +229,7 @@ public:
             bool in = chroot(In("jail").c_str()) == 0 && chdir("/") == 0 && setgroups(0, nullptr) == 0 &&
                       setresgid(USER, USER, USER) == 0 && setresuid(USER, USER, USER) == 0;
             prctl(PR_SET_DUMPABLE, 1);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             close(ready[in ? 1 : 0]);
             close(ready[in ? 0 : 1]);
             pause();
@@ -371,7 +400,7 @@ TEST(Render, ThreadDump) {
     const std::string text =
         Wire("Thread Info Details;" + DETAILS_ROW + "!" + STACK +
              "!Lock On;6699~77-31~java.lang.Object@6699~View Thread Holding this Lock"
-             "!JVM Locks;12~0~com.acme.Cart@12~1;13~0~a.X@13~900;14~0~a.Y@14~200;"
+             "!JVM Locks;12~0~com.acme.Cart@12~1;13~0~a.X@13~900;14~0~a.Y@14~849;"
              "!Thread Info Details;ow\x1bner~^~/cart~id=7~77-31~^~^~^~Sleeping!Call Stack"
              ";java.lang.Thread->sleep~Native Method~^~31~0~9~^~^!" +
              TIMING);
@@ -383,7 +412,7 @@ TEST(Render, ThreadDump) {
               "\tat com.acme.Cart.total(Cart.java:12)\n"
               "\t- locked <12> (a com.acme.Cart)\n"
               "\t... 697 frames skipped\n"
-              "\t- locked <14> (a a.Y) at frame 200\n"
+              "\t- locked <14> (a a.Y) at frame 849\n"
               "\tat java.lang.Thread.run(Native Method)\n"
               "\t- locked <13> (a a.X), by a frame that isn't known\n"
               "\n"

@@ -99,8 +99,9 @@ TEST(DecodeMemoryViews, NamesSizesAndRequests) {
                                                            {"", ""}};
     for (auto [signature, name] : names)
         EXPECT_EQ(JavaName(signature), name);
-    const std::pair<int64_t, const char *> sizes[] = {
-        {0, "0 K"}, {1023, "1023 B"}, {1024, "1 K"}, {1048576, "1.0 M"}, {1610612736, "1.5 G"}};
+    const std::pair<int64_t, const char *> sizes[] = {{0, "0 K"},         {1023, "1023 B"},
+                                                      {1024, "1 K"},      {512000, "500 K"},
+                                                      {1048576, "1.0 M"}, {1610612736, "1.5 G"}};
     for (auto [bytes, text] : sizes)
         EXPECT_EQ(SizeText(bytes), text);
     const std::pair<int64_t, const char *> counts[] = {{999, "999"}, {1000, "1,000"}, {-123456, "-123,456"}};
