@@ -3,6 +3,9 @@
 #include "emit.h"
 #include "poll.h"
 
+#include "qorutil/vm_reader.h"
+#include "sunprint/stack_steps.h"
+
 #include <functional>
 #include <sys/mman.h>
 #include <thread>
@@ -212,6 +215,27 @@ void ExpectPollWith(const Scene &scene, const std::string &key, const char *name
             ExpectRow(*runner, threads[Key(*runner->info)]);
 }
 
+// A thread held at the first instruction of compiled code, or where it has saved fp and set its own.
+void ExpectCallersOfHalfBuiltFrames(Word thread) {
+    for (int saved : {0, 1}) {
+        Stack stack(thread);
+        const Word sp = stack.top;
+        stack.top += 8 + 8 * saved;
+        stack.End();
+        const Word fp = At(thread, &JavaThread::anchorFp);
+        As<Word>(sp) = fp;
+        As<Word>(sp + 8 * saved) = InInterpreter();
+        QorStackWalk walk = {};
+        walk.at = {sp, EntryOf(CodeOf(1)), saved ? sp : fp};
+        walk.held = true;
+        QorForgetPages();
+        QorReadCodeRanges(&walk.code);
+        QorWalkStack(&walk);
+        EXPECT_EQ(walk.records, 2) << saved;
+        EXPECT_EQ(frame_info[1].method, turn) << saved;
+    }
+}
+
 void MapRoom() {
     room = Map(ROOM + 2 * PAGE, false);
     locked = room + ROOM;
@@ -247,6 +271,7 @@ TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
             c.lay(&stack);
             ExpectPollWith(scene, Key(*odd), c.name, c.frames);
         }
+        ExpectCallersOfHalfBuiltFrames(odd.load()->address);
         over = true;
         owner.join();
     });
