@@ -16,7 +16,7 @@ enum QorMonitorScope { MONITORS_OF_ONE_THREAD, MONITORS_OF_THE_WALK };
 // owns: blocked, in Object.wait, or parked by a lock of java.util.concurrent that has an owner.
 bool QorMayWaitForLock(const QorThreadHandle *handle, int32_t index);
 
-// What the walk's `index`th thread is parked by: a local reference, or null.
+// What the walk's `index`th thread is parked by, a local reference; null when it isn't parked, or by nothing.
 jobject QorParkBlocker(const QorThreadHandle *handle, int32_t index);
 
 // Parses a lock's text, "class@hexhash", in place: returns the lock id and leaves "class@decimal" in

@@ -188,7 +188,6 @@ int32_t ContendedByBoth(QorThreadHandle *handle, const QorThreadRecord *thread, 
     return 1;
 }
 
-// What the thread is parked by, a local reference; null for a thread that isn't parked, or by nothing.
 bool AtThread(const QorThreadHandle *handle) {
     return handle && handle->threads && handle->index >= 0 && handle->index < handle->count;
 }
