@@ -287,10 +287,18 @@ TEST_F(HeldThreads, NobodyElseIsHeld) {
 }
 
 TEST_F(HeldThreads, AHoldEndsByItselfAndIsNotedAsSuch) {
-    Target target, next;
+    std::atomic<bool> errnoKept{true};
+    Target target([&] {
+        errno = EDOM;
+        for (const int64_t end = QorMonotonicNsec() + MSEC; QorMonotonicNsec() < end;) {
+        }
+        errnoKept = errnoKept && errno == EDOM;
+    });
+    Target next;
     const QorHold hold = target.Stop();
     const int64_t since = QorMonotonicNsec();
     EXPECT_TRUE(target.MovesOn()); // the walk takes longer
+    EXPECT_TRUE(errnoKept);
     EXPECT_LT(QorMonotonicNsec() - since, 2000 * MSEC);
     EXPECT_FALSE(QorStillHeld(hold));
     // The slot's next hold isn't the old one's to end.
