@@ -161,7 +161,7 @@ TEST_F(Sample, StacksThatFillTheirRoomSayWhatIsMissing) {
     Java("Zoo", "startWide", 0, 1);
     const int64_t depth = ThreadTruth().at(ZooId("wide-0")).depth;
     qorReplyIsCut = false;
-    for (int32_t recorded : {1000, 350}) { // the second leaves out frames in the middle as well
+    for (int32_t recorded : {1000, 400}) { // the second leaves out frames in the middle as well
         maxStackDepthRecorded = recorded;
         const qorctl::ThreadSample sample = AllThreads(true);
         int64_t next = 0, skips = 0;
