@@ -68,8 +68,8 @@ void QorDropSession(JNIEnv *env) {
     QorDropConnectionList();
     QorDropJdbcVersions();
     QorForgetDriverClasses();
-    QorDropMemo();
     QorDovOnUnload(env);
+    QorDropMemo(); // its references go by the environment that the unload has set: the worker's may be gone
 }
 
 void exitAgent(JNIEnv *env) {
