@@ -47,11 +47,11 @@ std::string Ask(const std::string &request) {
 }
 
 std::thread AskAside(const std::string &request, std::string *reply) {
-    return std::thread([=] {
+    return std::thread([=] { // not by jr_jvm, which a start makes anew
         void *env = nullptr;
-        jr_jvm->AttachCurrentThread(&env, nullptr);
+        qor_vm->AttachCurrentThread(&env, nullptr);
         *reply = Ask(request.c_str(), static_cast<JNIEnv *>(env));
-        jr_jvm->DetachCurrentThread();
+        qor_vm->DetachCurrentThread();
     });
 }
 
