@@ -32,6 +32,8 @@ bool IsOfClass(jobject object, const char *signature) {
 }
 
 bool ReadRawText(const QorPathEnd &found, char *dest, int32_t capacity) {
+    if (!found.object)
+        return false; // the script of an earlier frame stays
     dest[0] = 0;
     QorReadString(jvmtijni_env, static_cast<jstring>(found.object), dest, capacity, BLANK_NOTHING);
     return dest[0];

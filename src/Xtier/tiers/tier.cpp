@@ -11,10 +11,10 @@ namespace {
 
 // The first character settles nearly every test.
 bool Passes(const char *name, const char *text) {
+    if (*name != '*' && *text != *name)
+        return false;
     const size_t length = strlen(name) - 1;
-    if (name[length] == '*')
-        return strncmp(text, name, length) == 0;
-    return *text == *name && strcmp(text, name) == 0;
+    return name[length] == '*' ? strncmp(text, name, length) == 0 : strcmp(text, name) == 0;
 }
 
 // Whether the signature is the name in one of the spellings; in a search, or at least begins so.
