@@ -86,6 +86,8 @@ private:
     bool Start() {
         if (owner_ == getpid() && socket_.ok())
             return true;
+        if (owner_ == getpid() && child_ > 0)
+            waitpid(child_, nullptr, WNOHANG); // the one that was ended
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
             return false;

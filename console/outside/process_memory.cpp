@@ -67,9 +67,10 @@ ProcessMemory::~ProcessMemory() {
 
 bool ProcessMemory::Fetch(Address from, void *to, size_t size) {
     iovec local{to, size}, remote{reinterpret_cast<void *>(from), size};
-    if (process_vm_readv(pid_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size))
+    const ssize_t got = process_vm_readv(pid_, &local, 1, &remote, 1, 0);
+    if (got == static_cast<ssize_t>(size))
         return true;
-    if (errno == EPERM || errno == ENOSYS)
+    if (got < 0 && (errno == EPERM || errno == ENOSYS))
         refusal_ = std::string("process_vm_readv: ") + strerror(errno);
     if (file_ >= 0 && pread(file_, to, size, static_cast<off_t>(from)) == static_cast<ssize_t>(size)) {
         refusal_.clear();
