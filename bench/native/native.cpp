@@ -59,7 +59,7 @@ extern "C" JNIEXPORT jlong JNICALL Java_qoragent_bench_Native_getAllStackTraces(
     return end - start;
 }
 
-// Bytes of the thread print that the JVM after the attach socket sends.
+// Bytes of the thread print that the JVM at the attach socket sends.
 extern "C" JNIEXPORT jlong JNICALL Java_qoragent_bench_Native_threadPrint(JNIEnv *env, jclass, jstring path) {
     const char *chars = env->GetStringUTFChars(path, nullptr);
     if (!chars)

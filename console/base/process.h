@@ -1,4 +1,4 @@
-// What /proc and the JVM's own performance file says about a process.
+// What /proc and the JVM's own performance file say about a process.
 //
 // A JVM may live in a container: it then knows itself by another process id, sees other files and may have
 // another loopback. All of that is taken from the target's own /proc entries; its files are read by a child

@@ -10,7 +10,7 @@ namespace qorctl {
 // The process, ours to look into. Throws a Failure otherwise.
 Process RequireProcess(pid_t pid);
 
-// Where the agent of a process listens; nothing when it has published nothing. If the usual directory isn't
+// Where the agent of a process listens; nothing when it hasn't published that. If the usual directory isn't
 // the JVM user's own, or with `ask` in any case, the JVM is asked whether it is published elsewhere, if it
 // can be without a signal.
 std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);

@@ -231,7 +231,7 @@ bool ReadFrameRow(std::string_view row, Frame *frame) {
     return true;
 }
 
-// The head of the view of one stack. A thread whose frames was unavailable has a name and nothing else.
+// The head of the view of one stack. A thread whose frames were unavailable has a name and nothing else.
 bool ReadStackHead(std::string_view head, Thread *thread) {
     size_t detail = head.find(DETAIL_START);
     Fields field = Split(head.substr(0, detail), FIELD_SEP);
@@ -428,7 +428,7 @@ ThreadSample DecodeThreads(const Reply &reply) {
 ThreadSample DecodeStack(const Reply &reply) {
     ThreadSample sample;
     RecordReader reader(reply);
-    std::optional<LockWait> wait; // is before its thread
+    std::optional<LockWait> wait; // comes before its thread
     for (const Section &section : reply.sections) {
         if (section.title == TITLE_LOCK_WAIT) {
             reader.Each<LockWait>(section, ReadLockWait, [&](LockWait &&w) { wait = std::move(w); });

@@ -12,7 +12,7 @@ namespace qorctl {
 
 // Control characters of a reply.
 constexpr char FIELD_SEP = 29;      // between two fields of a record
-constexpr char RECORD_END = 30;     // ends a record; also is after a section title
+constexpr char RECORD_END = 30;     // ends a record; also follows a section title
 constexpr char SECTION_END = 31;    // ends a section
 constexpr char DETAIL_START = 28;   // starts a wait-detail block after the state
 constexpr char DETAIL_RMI = 27;     // right after DETAIL_START: an RMI block

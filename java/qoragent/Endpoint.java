@@ -170,7 +170,7 @@ final class Endpoint {
             if (elsewhere() != null)
                 Files.deleteIfExists(dir);
         } catch (IOException e) {
-            // a console finds no relay after it either way
+            // a console finds no relay there either way
         }
     }
 

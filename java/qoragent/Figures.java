@@ -59,7 +59,7 @@ final class Figures {
             text.append(" classes=").append(ManagementFactory.getClassLoadingMXBean().getLoadedClassCount());
             text.append(" uptime=").append(ManagementFactory.getRuntimeMXBean().getUptime());
         } catch (Throwable noManagement) {
-            // what is so far is whole pairs
+            // what there is so far is whole pairs
             if (text.length() == start)
                 text.append('^');
         }

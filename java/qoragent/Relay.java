@@ -17,7 +17,7 @@ import java.util.concurrent.TimeUnit;
 import java.util.function.UnaryOperator;
 
 /**
- * The door for consoles: a TCP port, on the loopback unless the operator says otherwise, after a token.
+ * The door for consoles: a TCP port, on the loopback unless the operator says otherwise, guarded by a token.
  *
  * One thread accepts all callers and waits for their tokens, with a short time and a few bytes for each; who
  * has shown the token gets a thread. So strangers, however many, cost the application next to nothing and

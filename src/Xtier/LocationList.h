@@ -36,7 +36,7 @@ struct QorXtierLocationInfo {
     char threadKey[DB_THREAD_KEY_SIZE]; // "process-thread"
     QorFramework framework;             // whose data the current call and the stack row show
     QorXtierPositions at;
-    QorAllThreadLocalInfoList *newest; // the thread's newest entry; its others follow after `next`
+    QorAllThreadLocalInfoList *newest; // the thread's newest entry; its others follow by `next`
     QorXtierLocationInfo *next;
 };
 

@@ -170,7 +170,6 @@ int32_t InsertStackRow(QorInsertion *insertion, const QorXtierLocationInfo &loca
     return ReplacePiece(insertion, at.stackCallStart, at.stackCallEnd, piece.text, CALL_PIECE);
 }
 
-// Seven fields, from the URL to the reference of the SQL text.
 QorE2EBlock *FindE2EBlock(int64_t threadId) {
     QorE2EBlock *block = thread_e2e_info;
     while (block && block->threadId != static_cast<int32_t>(threadId))

@@ -5,7 +5,7 @@
 // `jvmtijni_env`. Shutdown calls QorDovOnUnload and QorDetachThread on the worker. A failed start leaves what
 // was set before the failure in force: every reader asks before it uses a class, a table or a capability.
 //
-// A start logs one line per failure and no error to its caller's caller.
+// A start logs one line per failure, of which its caller's caller learns nothing.
 #pragma once
 
 #include "Capabilities.h"

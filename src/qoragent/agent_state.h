@@ -6,8 +6,7 @@
 #include <jni.h>
 #include <pthread.h>
 
-// ---- Start
-// -------------------------------------------------------------------------------------------------
+// ---- Start ----------------------------------------------------------------------------------------------
 
 enum StartStatus : int32_t {
     START_RUNNING = -1,
@@ -41,8 +40,7 @@ extern int32_t maxstates;        // thread state rows of the direct road
 extern int32_t maxthreads;       // slots of suspended_threads
 extern void **suspended_threads; // threads that the direct road holds still
 
-// ---- Worker
-// ------------------------------------------------------------------------------------------------
+// ---- Worker ---------------------------------------------------------------------------------------------
 
 extern pthread_t thread; // the last worker started; 0 when the direct road gave it up
 
@@ -66,8 +64,7 @@ struct QorBusyScope {
     QorBusyScope &operator=(const QorBusyScope &) = delete;
 };
 
-// ---- Callers
-// -----------------------------------------------------------------------------------------------
+// ---- Callers --------------------------------------------------------------------------------------------
 
 // Callers between entry and return. `pagebuf` and the pipes outlive them.
 extern std::atomic<int32_t> callersInside;

@@ -32,5 +32,5 @@ void QorOpenLog(JNIEnv *env, jstring destination);
 void QorStoreServerTexts(JNIEnv *env, const QorStartArguments *arguments);
 
 // Copies a Java string into `size` bytes, cut on a character boundary. A null string, or one whose characters
-// is unavailable, leaves the destination as it was: false.
+// are unavailable, leaves the destination as it was: false.
 bool QorCopyJavaString(JNIEnv *env, jstring source, char *dest, int32_t size);

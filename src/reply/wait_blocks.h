@@ -1,5 +1,5 @@
 // The detail blocks that follow the states "DB Wait" and "RMI Wait". An empty text is written as the
-// placeholder. Any thread.
+// placeholder. Any thread, but where said.
 #pragma once
 
 #include "qortext.h"
@@ -26,6 +26,6 @@ void QorAppendDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
 void QorAppendShortDatabaseBlock(QorText *out, const QorDatabaseBlock &block);
 void QorAppendRmiBlock(QorText *out, const QorRmiBlock &block);
 
-// The blocks of a call of which nothing is known.
+// The blocks of a call of which nothing is known, made at the first call. Worker.
 const char *QorEmptyDatabaseBlock();
 const char *QorEmptyRmiBlock();

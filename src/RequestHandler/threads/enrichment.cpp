@@ -21,7 +21,6 @@ namespace {
 
 constexpr jint FRAME_CAPACITY = 23; // 7 in use at a time, and what JNI's own checks want to spare
 constexpr int32_t TEXTS_PER_THREAD = 10;
-// ---- What goes to Java -----------------------------------------------------------------------------------
 
 struct JavaArguments {
     jobjectArray threads;

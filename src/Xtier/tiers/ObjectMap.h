@@ -1,9 +1,9 @@
 // Reads a value out of an object graph by a path of MapSteps.h, with further ends:
 //
-//   NAME,I                   a number, as the last step; also Z and J
-//   NAME,[LCLASS;@INDEX      one element of an array, whose number is in the int field INDEX of the same
-//   object NAME,[B:FROM:TO          a range of a byte array, by two int fields of the same object
-//   NAME,[B:FROM+LENGTH      the same
+//   NAME,I                a number, as the last step; also Z and J
+//   NAME,[LCLASS;@INDEX   one element of an array, by an int field of the same object
+//   NAME,[B:FROM:TO       a range of a byte array, by two int fields of the same object
+//   NAME,[B:FROM+LENGTH   the same
 //
 // Nothing runs Java code or a class's initialiser. Worker only.
 #pragma once

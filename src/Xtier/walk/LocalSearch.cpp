@@ -118,8 +118,8 @@ bool IsOutOfTime(QorLocalWalk *walk) {
     return walk->outcome.usec > lAllowedFollowRefTimeUSec;
 }
 
-// Makes a prepared reference refer to the object. On the JVM builds that getObjOpt names the object's address
-// is two words before its tag, and a global reference is the address of a word that holds an
+// Makes a prepared reference refer to the object. On the JVM builds that getObjOpt names, the object's
+// address is two words before its tag, and a global reference is the address of a word that holds an
 // object's.
 void PutIntoSlot(QorWantedFrame *frame, const jlong *tagPtr) {
     if (!tagPtr || frame->hits >= LOCAL_OBJECT_SLOTS || !frame->record->localObjects[frame->hits])

@@ -23,7 +23,7 @@ void init_LockCapabilitiesHack(jvmtiEnv *env);
 void init_FollowRefHack();
 
 // Puts the agent's object in place. For a heap walk's callback, right before it asks for the end: it writes
-// one word and logs nothing, as the JVM is paused and may be on the log's lock.
+// one word and logs nothing, as a thread that the JVM has stopped may hold the log's lock.
 void set_FollowRefHack();
 
 // Puts the true object back. Any thread of the JVM, by way of the agent's object; logs nothing either.

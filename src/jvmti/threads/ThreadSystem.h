@@ -2,7 +2,7 @@
 //
 // A walk is QorInitThreadHandle, QorGetJVMThread until `index` reaches `count` (for each thread
 // QorGetThreadInfo and QorGetFrames, for each frame QorReadFrame), and last QorCloseThreadHandle. The whole
-// walk is on a single GetAllStackTraces call, so the JVM is stopped once. The threads run on meanwhile: a
+// walk rests on a single GetAllStackTraces call, so the JVM is stopped once. The threads run on meanwhile: a
 // record's state can be some microseconds younger than its stack.
 //
 // A method is looked up once in a walk: the first frame of a method asks JVMTI for name, class, file and line

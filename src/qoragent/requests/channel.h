@@ -2,7 +2,7 @@
 //
 // The caller posts its request under the next number, `asked`, and writes 20 bytes down `pipe_fd_PP`. The
 // worker moves what is posted into `buf`, answers in `pagebuf`, stores the number in `answered` and writes 20
-// bytes down `pipe_fd_CH`. The pipes only wake up; whose reply it is is decided by the two numbers, so that
+// bytes down `pipe_fd_CH`. The pipes only wake up; the two numbers decide whose reply it is, so that
 // what a worker says too late, for a caller that has gone, is nobody's reply. Reading or writing the pipes
 // never blocks; who waits, polls.
 //
