@@ -64,7 +64,7 @@ class Dumps(OfTheDemo):
                 ("is a link", f"{self.inside}/link", 1), ("no plain file", f"{self.inside}/taken", 1),
                 ("is there already", f"{self.inside}/own", 1, "--hprof"),
                 ("could not write", "/proc/x", 1, "--hprof"),
-                ("own form", "x.hprof", 2), ("no absolute path", "a/b", 2)]
+                ("own form", "x.hprof", 2), ("an absolute path", "a/b", 2)]
         for why, name, code, *options in rows:
             with self.subTest(name=name, options=options):
                 self.refused(why, "dump", self.app.pid, name, *options, code=code)

@@ -432,7 +432,8 @@ TEST(Render, TableIsAlignedAndCut) {
     Style narrow, colour;
     narrow.width = 45;
     EXPECT_NE(ThreadTable(sample, narrow).find("com.acme.Cart.tot\xe2\x80\xa6\n"), std::string::npos);
-    for (std::string_view line : Split(ThreadTable(sample, narrow), '\n'))
+    const std::string table = ThreadTable(sample, narrow);
+    for (std::string_view line : Split(table, '\n'))
         EXPECT_LE(DisplayWidth(line), 45u);
     colour.colour = true;
     EXPECT_NE(ThreadTable(sample, colour).find("\x1b[32mRunnable\x1b[0m     http-1"), std::string::npos);

@@ -90,7 +90,8 @@ TEST(Render, ThreadsOfOtherTiers) {
         EXPECT_NE(dump.find(line), dump.npos) << line << dump;
     Style narrow;
     narrow.width = 80;
-    for (std::string_view line : Split(ThreadTable(sample, narrow), '\n'))
+    const std::string table = ThreadTable(sample, narrow);
+    for (std::string_view line : Split(table, '\n'))
         EXPECT_LE(DisplayWidth(line), 80u) << line;
 }
 
