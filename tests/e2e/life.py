@@ -140,7 +140,7 @@ class Refusals(Case):
 
     def test_processes_that_are_no_jvm(self):
         with subprocess.Popen(["sleep", "100"]) as sleep:
-            self.refused("no JVM", "attach", sleep.pid)
+            self.refused("isn't a JVM", "attach", sleep.pid)
             self.assertIsNone(sleep.poll())
             sleep.kill()
         self.refused("no process", "threads", sleep.pid)

@@ -101,7 +101,7 @@ class Tiers(OfTheDemo):
                     pair = {"process": me, "client_port": client.getsockname()[1]}
                     self.assertEqual((found["sessions"], len(found["without"])), ([pair], 3000))
                     self.assertRegex(self.answer(*sessions, me).out, rf'(?m)^ *{me}  +{pair["client_port"]}$')
-        for why, *host in (("no IPv4 address", "::1", 1), ("process", "10.0.0.1")):
+        for why, *host in (("an IPv4 address", "::1", 1), ("process", "10.0.0.1")):
             self.refused(why, "sessions", self.app.pid, "--port", port, "--host", *host, code=2)
 
 
