@@ -268,8 +268,7 @@ class Databases(Case):
         expected = {f"{name} {form}": product.expected(form) for form in product.calls if form != "holder"}
         with product.server.lock_held() if product.server else contextlib.nullcontext():
             calls.tell(f"hold {name}")
-            wait_until("all calls wait", lambda: {thread for thread, t in self.threads(calls).items()
-                                                  if t["call"]["class"] in WAITING} >= set(expected))
+            self.await_calls(calls, set(expected))
             wrong = collections.Counter()
             for document in self.watch("threads", calls.pid, count=SAMPLES):
                 threads = {t["name"]: t for t in document["threads"]}
@@ -279,6 +278,20 @@ class Databases(Case):
             if product.port:
                 self.check_ports(product, [threads[call]["db"] for call in expected])
         calls.tell("rest")
+
+    def await_calls(self, calls, names):
+        late = {}
+
+        def all_wait():
+            threads = self.threads(calls, "--all")
+            late.clear()
+            late.update((name, call) for name in names
+                        if (call := threads.get(name, {}).get("call") or {}).get("class") not in WAITING)
+            return not late
+        try:
+            wait_until("all calls wait", all_wait)
+        except AssertionError as error:
+            raise AssertionError(f"{error}: {late}\n{calls.output()}") from None
 
     @staticmethod
     def shown(thread):
