@@ -16,7 +16,7 @@ struct CommandLine {
     Settings settings;
     pid_t pid = 0;
     ThreadsCommand threads;
-    double watch = 0, interval = 1;
+    double watch = 0, interval = 1, period = 2;
     std::string thread, rules_file, raw_text;
     bool raw_bytes = false;
     int log_level = 0, top = 20;
@@ -78,6 +78,16 @@ void AddThreads(CLI::App *app, CommandLine *line) {
     AddWatch(command, &line->threads.watch);
     AddWide(command, &line->settings);
     command->final_callback([line] { RunThreads(line->settings, line->pid, line->threads); });
+}
+
+void AddTop(CLI::App *app, CommandLine *line) {
+    CLI::App *top =
+        AddJvmCommand(app, "top", "Show the busiest threads, locks, SQL and URLs on a screen", line);
+    top->add_option("--every", line->period, "Seconds between two looks")
+        ->option_text("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0.5, 3600.0));
+    top->final_callback([line] { RunTop(line->settings, line->pid, line->period); });
 }
 
 void AddThreadName(CLI::App *command, CommandLine *line, bool required) {
@@ -307,6 +317,7 @@ int Run(int argc, char **argv) {
     });
     CommandLine line;
     AddThreads(&app, &line);
+    AddTop(&app, &line);
     AddOneThread(&app, &line);
     AddDatabases(&app, &line);
     AddTiers(&app, &line);

@@ -30,6 +30,8 @@ void RunHung(const Settings &settings, pid_t pid, bool all, bool stop_thread);
 
 void RunAttach(const Settings &settings, pid_t pid);
 void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
+// Threads, locks, statements and URLs on a screen that refreshes, until a key or a signal ends the process.
+void RunTop(const Settings &settings, pid_t pid, double seconds);
 // `thread` is an id, a key or a name.
 void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
 // All connections, or with `port` the thread that has this client port.

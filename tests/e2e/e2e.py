@@ -22,11 +22,12 @@ from hung import Hung
 from life import Life, Refusals, Users
 from sample import Sample
 from tiers import OwnDriver, Tiers
+from top import Top
 from views import Memory, Views
 from web import Web
 
 __all__ = ["Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life", "Memory",
-           "OwnDriver", "Refusals", "Sample", "Tiers", "Users", "Views", "Web"]
+           "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views", "Web"]
 
 
 def main():

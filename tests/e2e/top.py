@@ -1,0 +1,99 @@
+"""`qorctl top`: its cells beside what the other commands say, and the terminal as it was afterwards."""
+import contextlib
+import re
+import signal
+import termios
+
+import pexpect
+import pyte
+
+from harness import SETTINGS, LIMIT, OfTheDemo, environment, wait_until
+
+HEAD = 4  # rows above a table
+
+
+class Terminal:
+    """qorctl top on a terminal of so many columns and rows."""
+
+    def __init__(self, pid, columns, rows, kind="linux"):  # pyte knows all codes of that kind
+        self.screen = pyte.Screen(columns, rows)
+        self.stream = pyte.ByteStream(self.screen)
+        self.child = pexpect.spawn("sh", timeout=LIMIT, dimensions=(rows, columns), echo=False,
+                                   env={**environment(), "TERM": kind, "LC_ALL": "C.UTF-8"})
+        self.modes = termios.tcgetattr(self.child.child_fd)
+        self.child.send(f"exec {SETTINGS.qorctl} top {pid} --every 0.5\n")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.child.close(force=True)
+
+    def shows(self, pattern):
+        """Waits until the screen shows it."""
+        def there():
+            with contextlib.suppress(pexpect.TIMEOUT):  # then a screen is whole
+                while True:
+                    self.stream.feed(self.child.read_nonblocking(65536, 0.05))
+            return re.search(pattern, self.text())
+        wait_until(pattern, there)
+        return there()
+
+    def text(self):
+        return "\n".join(self.screen.display)
+
+    def chosen(self):
+        return [line for y, line in enumerate(self.screen.display) if self.screen.buffer[y][0].reverse]
+
+
+class Top(OfTheDemo):
+    OPTIONS = OfTheDemo.OPTIONS + ",dbquery=1"
+
+    def test_its_cells_are_what_the_commands_say(self):
+        for columns, rows in ((80, 24), (200, 50)):
+            with Terminal(self.app.pid, columns, rows) as top:
+                top.shows(r"\d\.\d +\S+ B +Runnable +demo-compute")
+                top.child.send("ai")
+                top.shows("by id  idle ones too")
+                top.shows("demo-sleep")
+                known = self.threads(self.app, "--all")
+                table = top.screen.display[HEAD + 1:-1]
+                for line in filter(str.strip, table):
+                    found = re.match(r" *(\d+) +\S+ +(?:-|\S+ \S+) +((?:\S+ )+) *(\S.*?)  ", line)
+                    self.assertIn(found.group(1), [str(t["id"]) for t in known.values()], line)
+                for name in ("demo-lock-wanter", "demo-accept", "demo-sleep"):
+                    self.assertTrue([line for line in table if name in line and known[name]["state"] in line],
+                                    top.text())
+                for _ in range(rows):
+                    top.child.send("\x1b[B")
+                top.shows("qoragent-relay")
+                self.assertIn(f"qorctl top {self.app.pid}", top.screen.display[0])
+                top.child.send("/LOCK-W\r")
+                top.shows('with "LOCK-W"')
+                wait_until("the one row", lambda: top.shows("lock-wanter") and "demo-sleep" not in top.text())
+                top.child.send("2")
+                top.child.send("\x1b")
+                top.shows(r"WAITING +LOCK.*\n +1 .*demo-lock-h")
+                top.child.send("\r")
+                top.shows(r'"demo-lock-holder" #\d+(?:.*\n)+ *- locked <\d+>')
+                top.child.send("q3")
+                top.shows(r"THREADS +DATABASE.*\n +1 +jdbc:tessar\S+ +- +select id")
+                top.child.send("4")
+                top.shows("THREADS .*\n +1 .* /shop/cart")
+                self.assertEqual(len(top.chosen()), 1)
+
+    def test_the_terminal_is_as_it_was(self):
+        for end in ("q", "\x03", signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(end), Terminal(self.app.pid, 80, 24, "xterm-256color") as top:
+                top.shows("demo-compute")
+                self.assertNotEqual(termios.tcgetattr(top.child.child_fd), top.modes)
+                top.child.send(end) if isinstance(end, str) else top.child.kill(end)
+                top.child.expect(pexpect.EOF)
+                top.child.wait()
+                self.assertEqual(top.child.signalstatus or top.child.exitstatus,
+                                 0 if isinstance(end, str) else end)
+                self.assertIn(b"\x1b[?1049l", top.child.before)  # back to the screen that was there
+                self.assertEqual(termios.tcgetattr(top.child.child_fd), top.modes)
+
+    def test_without_a_terminal(self):
+        self.refused("top needs a terminal", "top", self.app.pid, code=2)
