@@ -1,16 +1,23 @@
 // qorctl: the console. Command line to commands, failures to exit codes.
 #include "base/terminal.h"
+#include "base/usage.h"
+#include "commands/command_tools.h"
 #include "commands/commands.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstdio>
 #include <fmt/format.h>
+#include <iostream>
+#include <sstream>
 
 using namespace qorctl;
 
 namespace {
+
+constexpr size_t HELP_WIDTH = 80, HELP_COLUMN = 30;
 
 struct CommandLine {
     Settings settings;
@@ -306,14 +313,45 @@ void AddOthers(CLI::App *app, CommandLine *line) {
     shutdown->final_callback([=] { RunShutdown(*settings, line->pid); });
 }
 
+class NarrowHelp : public CLI::Formatter {
+public:
+    NarrowHelp() { column_width(HELP_COLUMN); }
+    std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override {
+        return WrapHelp(CLI::Formatter::make_help(app, name, mode), HELP_WIDTH, HELP_COLUMN);
+    }
+};
+
+// The first word that isn't an option; empty when there is none.
+std::string FirstWord(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i)
+        if (argv[i][0] != '-')
+            return argv[i];
+    return "";
+}
+
+// What is wrong with the command line, and where its help is.
+std::string UsageFailure(const CLI::App &app, const std::string &word, const std::string &error) {
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands({}))
+        names.push_back(command->get_name());
+    if (std::find(names.begin(), names.end(), word) != names.end())
+        return fmt::format("{}; see qorctl {} --help", error, word);
+    if (word.empty())
+        return fmt::format("{}; see qorctl --help", error);
+    const std::string nearest = Nearest(word, names);
+    return fmt::format("there is no command '{}'{}; see qorctl --help", word,
+                       nearest.empty() ? "" : fmt::format(", did you mean '{}'?", nearest));
+}
+
 int Run(int argc, char **argv) {
     CLI::App app("What the threads of a running JVM do, and what they wait for");
     app.name("qorctl");
+    app.formatter(std::make_shared<NarrowHelp>());
     app.require_subcommand(1);
     app.set_version_flag("--version", "qorctl " QOR_VERSION);
     app.footer("Exit codes: 0 answer, 1 no answer, 2 wrong use. 'qorctl COMMAND --help' says more.");
-    app.failure_message([](const CLI::App *, const CLI::Error &error) {
-        return fmt::format("qorctl: {}; see qorctl --help\n", error.what());
+    app.failure_message([&](const CLI::App *, const CLI::Error &error) {
+        return fmt::format("qorctl: {}\n", Printable(UsageFailure(app, FirstWord(argc, argv), error.what())));
     });
     CommandLine line;
     AddThreads(&app, &line);
@@ -331,14 +369,19 @@ int Run(int argc, char **argv) {
         app.parse(argc, argv);
         return EXIT_ANSWER;
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? EXIT_ANSWER : EXIT_USAGE;
+        const bool help = error.get_exit_code() == 0;
+        std::ostringstream text;
+        app.exit(error, text, std::cerr);
+        if (help)
+            Print(text.str());
+        return help ? EXIT_ANSWER : EXIT_USAGE;
     }
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    signal(SIGPIPE, SIG_DFL);
+    signal(SIGPIPE, SIG_IGN); // what can't be written is said
     try {
         return Run(argc, argv);
     } catch (const Failure &failure) {

@@ -4,8 +4,10 @@
 #include "jvm/session.h"
 #include "wire/request.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -19,8 +21,11 @@ constexpr size_t MAX_TIERS = 131072; // bytes of the agent's rules
 } // namespace
 
 void Print(std::string_view text) {
-    fwrite(text.data(), 1, text.size(), stdout);
-    fflush(stdout);
+    if (fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0)
+        return;
+    const int error = errno;
+    throw Failure(fmt::format("the answer can't be written: {}", strerror(error)),
+                  error == EPIPE ? "whoever reads it has gone" : "make room, or write it to another place");
 }
 
 Style TerminalStyle(const Settings &settings) {

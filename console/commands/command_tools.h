@@ -18,7 +18,7 @@ namespace qorctl {
 
 constexpr int HEADER_EVERY = 20; // lines of a series
 
-// Writes to standard output, at once.
+// Writes to standard output, at once. Throws a Failure that says why it can't.
 void Print(std::string_view text);
 
 // Colours and width, when standard output is a terminal.

@@ -3,6 +3,7 @@
 #include "base/failure.h"
 #include "command_tools.h"
 #include "jvm/discover.h"
+#include "jvm/leftovers.h"
 #include "jvm/session.h"
 #include "show/render.h"
 #include "wire/protocol.h"
@@ -73,6 +74,7 @@ void Shutdown(const Settings &settings, const Process &process, Connection conne
 
 void RunList(const Settings &settings) {
     std::vector<JvmEntry> jvms = ListJvms();
+    RemoveLeftovers();
     if (settings.json)
         Print(JsonText(ToJson(jvms), false) + "\n");
     else if (jvms.empty())

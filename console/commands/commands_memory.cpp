@@ -17,6 +17,17 @@ HeapView AskForHeap(const Settings &settings, pid_t pid, bool repeated) {
     return DecodeHeap(OpenReply(reply));
 }
 
+// The heap as a whole by the reading that the pools are of: the one before is a moment older.
+void TakePools(const HeapView &heap, MemoryView *memory) {
+    if (heap.pools.empty())
+        return;
+    memory->used_kib = memory->max_kib = 0;
+    for (const HeapPool &pool : heap.pools) {
+        memory->used_kib += static_cast<int64_t>(pool.used_kib);
+        memory->max_kib += static_cast<int64_t>(pool.max_kib);
+    }
+}
+
 MemoryView AskForMemory(const Settings &settings, pid_t pid, bool repeated) {
     std::string reply = AskOnce(settings, pid, MemoryRequest(repeated));
     return DecodeMemory(OpenReply(reply));
@@ -46,8 +57,10 @@ void RunHeap(const Settings &settings, pid_t pid, double watch) {
             return;
         }
         HeapView heap = {memory.pools, memory.collectors, memory.jvm_microseconds};
-        if (heap.pools.empty())
+        if (heap.pools.empty()) {
             heap = AskForHeap(settings, pid, watch > 0);
+            TakePools(heap, &memory);
+        }
         PrintView(settings, watch, HeapJson(heap, memory), HeapText(heap, memory, TerminalStyle(settings)));
     });
 }

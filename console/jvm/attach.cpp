@@ -189,12 +189,6 @@ Failure Unheard() {
                    "it may have its own way with SIGQUIT; -javaagent:qoragent.jar always works");
 }
 
-void CheckRuns(const Process &process) {
-    if (process.stopped)
-        throw Failure(fmt::format("process {} is stopped", process.pid),
-                      fmt::format("let it run again: kill -CONT {}", process.pid));
-}
-
 void CheckArgument(const std::string &jar, const std::string &argument) {
     if (jar.find('=') != jar.npos)
         throw Failure(fmt::format("the jar's path {} holds '=', where the JVM expects the options", jar),
@@ -421,6 +415,12 @@ void CheckLoadReply(std::string_view reply, const std::string &jar) {
                       "its version may not be supported");
     throw Failure(fmt::format("the JVM refused the agent: {}", text),
                   "the JVM's standard error may say more");
+}
+
+void CheckRuns(const Process &process) {
+    if (process.stopped)
+        throw Failure(fmt::format("process {} is stopped", process.pid),
+                      fmt::format("let it run again: kill -CONT {}", process.pid));
 }
 
 void CheckUser(const Process &process) {

@@ -41,6 +41,9 @@ std::string FindJar(const std::string &given);
 // Whether the JVM's attach listener is there or can be called by a signal.
 bool ListensForAttach(const Process &process);
 
+// Throws a Failure when the process is stopped, by a signal or a debugger.
+void CheckRuns(const Process &process);
+
 // Throws a Failure unless we run as the process's user or as root.
 void CheckUser(const Process &process);
 

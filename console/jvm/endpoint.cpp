@@ -90,6 +90,8 @@ std::optional<Endpoint> ParseEndpoint(std::string_view text) {
             good = ReadNumber<int>(value, KNOWN_VERSION, KNOWN_VERSION, &version);
         else if (key == "token")
             endpoint.token = value;
+        else if (key == "pidns")
+            endpoint.pid_namespace = value;
         else if (key == "bind" && inet_pton(AF_INET, std::string(value).c_str(), &endpoint.address) == 1 &&
                  endpoint.address == htonl(INADDR_ANY))
             endpoint.address = htonl(INADDR_LOOPBACK);
@@ -186,7 +188,8 @@ bool Connection::ReceiveReply(std::string *reply, Clock::time_point deadline) {
 
 std::string Connection::Ask(std::string_view request, Seconds limit) {
     CheckRequest(request);
-    Clock::time_point deadline = Clock::now() + limit;
+    Clock::time_point deadline = start_.value_or(Clock::now()) + limit;
+    start_.reset();
     std::string reply;
     Transfer sent = Send(socket_.get(), std::string(request) + "\n", deadline);
     if (sent == Transfer::CLOSED)

@@ -22,7 +22,8 @@ struct Endpoint {
     uint16_t port = 0;
     std::string token; // 32 hexadecimal digits
     pid_t inner_pid = 0;
-    pid_t pid = 0; // as we see it; 0 when not known
+    pid_t pid = 0;             // as we see it; 0 when not known
+    std::string pid_namespace; // of the JVM, as /proc names it; empty when not known
 };
 
 // The text of an endpoint file, "key=value" lines; nothing when a line that is needed is missing or
@@ -44,6 +45,9 @@ public:
     // Nothing when nobody listens there or the token isn't accepted: the file is then a leftover.
     static std::optional<Connection> Open(const Endpoint &endpoint, Seconds limit);
 
+    // The limit of the next request counts from `start`, before now.
+    void CountFrom(std::chrono::steady_clock::time_point start) { start_ = start; }
+
     // Sends one request line and reads the reply up to its end mark. Throws a Failure when none comes.
     std::string Ask(std::string_view request, Seconds limit);
 
@@ -60,6 +64,7 @@ private:
     bool ReceiveReply(std::string *reply, std::chrono::steady_clock::time_point deadline);
     FileDescriptor socket_;
     pid_t pid_; // of the JVM; 0 when not known
+    std::optional<std::chrono::steady_clock::time_point> start_;
 };
 
 // The loopback connection can't be made from another network namespace: a Failure that says how to get there.

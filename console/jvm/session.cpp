@@ -2,6 +2,7 @@
 
 #include "attach.h"
 #include "base/failure.h"
+#include "base/transfer.h"
 #include "proof.h"
 
 #include <algorithm>
@@ -64,7 +65,8 @@ std::optional<Connection> ConnectToRunning(const Settings &settings, const Proce
         return std::nullopt; // a leftover, whose port may be anybody's by now
     if (proof == Proof::UNKNOWN)
         DealWithDoubt(settings, process, *endpoint);
-    return Connection::Open(*endpoint, CONNECT_LIMIT);
+    CheckRuns(process);
+    return Connection::Open(*endpoint, std::min(CONNECT_LIMIT, Seconds(settings.timeout)));
 }
 
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process) {
@@ -74,7 +76,7 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
         return std::nullopt;
     if (std::optional<Connection> connection = ConnectToRunning(settings, process, true))
         return connection;
-    std::string status = AgentStatus(process, STATUS_LIMIT);
+    std::string status = AgentStatus(process, std::min(STATUS_LIMIT, Seconds(settings.timeout)));
     constexpr std::string_view FAILED = "failed: ", RUNNING = "running";
     if (status.compare(0, FAILED.size(), FAILED) == 0)
         throw Failure(fmt::format("the agent couldn't start: {}", status.substr(FAILED.size())),
@@ -90,10 +92,14 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
 }
 
 Connection RequireAgent(const Settings &settings, const Process &process) {
-    if (std::optional<Connection> connection = ConnectToRunning(settings, process, false))
+    const Clock::time_point start = Clock::now();
+    std::optional<Connection> connection = ConnectToRunning(settings, process, false);
+    if (!connection)
+        connection = LoadAndConnect(settings, process);
+    if (connection) {
+        connection->CountFrom(start);
         return std::move(*connection);
-    if (std::optional<Connection> connection = LoadAndConnect(settings, process))
-        return std::move(*connection);
+    }
     throw Failure("the options switch the relay off, so nothing can be asked", "leave out relay=off",
                   EXIT_USAGE);
 }

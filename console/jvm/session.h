@@ -16,13 +16,13 @@ Process RequireProcess(pid_t pid);
 std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);
 
 // A connection to an agent that runs already; nothing when none does, or another process listens in its
-// place.
+// place. Throws a Failure when the process is stopped.
 std::optional<Connection> ConnectToRunning(const Settings &settings, const Process &process, bool ask);
 
 // Loads the agent and connects to it; nothing when its options switch the relay off.
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process);
 
-// The one or the other.
+// The one or the other. What it took is part of the time in which the connection's first answer is due.
 Connection RequireAgent(const Settings &settings, const Process &process);
 
 } // namespace qorctl

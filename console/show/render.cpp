@@ -6,6 +6,7 @@
 #include "wire/protocol.h"
 
 #include <algorithm>
+#include <cctype>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <map>
@@ -180,6 +181,13 @@ std::string SeriesLine(const Summary &summary, Wanted wanted) {
     return line + '\n';
 }
 
+// Whether the JVM made the class while it ran, of a lambda or a method handle.
+bool IsHidden(std::string_view name) {
+    const size_t dot = name.find_last_of("./");
+    const bool numbered = dot != name.npos && dot + 1 < name.size() && isdigit(name[dot + 1]) != 0;
+    return numbered || name.find("$$Lambda") != name.npos;
+}
+
 } // namespace
 
 const char *StateColourOf(std::string_view state) {
@@ -189,12 +197,16 @@ const char *StateColourOf(std::string_view state) {
     return nullptr;
 }
 
-// Without a line the wire keeps no file either, so that a native method and unknown code look alike.
+// Without a line the wire keeps no file either, so that a native method and unknown code look alike; a hidden
+// class has no native methods.
 std::string CallText(const Frame &frame) {
     std::string call = fmt::format("{}.{}", frame.class_name, frame.method);
     if (frame.line > 0)
         return fmt::format("{}({}:{})", call, frame.file.empty() ? "Unknown Source" : frame.file, frame.line);
-    return fmt::format("{}({})", call, frame.file.empty() ? "Native Method" : frame.file);
+    return fmt::format("{}({})", call,
+                       !frame.file.empty()          ? frame.file
+                       : IsHidden(frame.class_name) ? "Unknown Source"
+                                                    : "Native Method");
 }
 
 // Columns that no thread fills are left out, and where the lines are cut those that matter less.

@@ -23,6 +23,7 @@ public final class Agent {
     private static final String STARTING = "starting";
     private static final String RUNNING = "running";
     private static final String STOPPED = "stopped";
+    private static final String FAILED = "failed: ";
     private static final String SHUTDOWN = "SHUTDOWN";
     private static final String FORK_DUMPS = "516|NoProcessing|forkdump|1";
     private static final String NO_REQUEST = "ERROR a request reads FLAGS|COMMAND|...";
@@ -85,7 +86,7 @@ public final class Agent {
      *     endpoint file again
      */
     public static void start(String text) {
-        Options wanted = Options.parse(text);
+        Options wanted = parse(text);
         synchronized (life) {
             if (running && !workerLives()) // a host that closes descriptors at large ends it
                 end();
@@ -102,9 +103,22 @@ public final class Agent {
             try {
                 launch(wanted);
             } catch (RuntimeException | Error e) {
-                System.setProperty(STATUS_PROPERTY, "failed: " + e.getMessage());
+                System.setProperty(STATUS_PROPERTY, FAILED + e.getMessage());
                 throw e;
             }
+        }
+    }
+
+    /** A refusal is published as well, as whoever attached doesn't see what is thrown or printed here. */
+    private static Options parse(String text) {
+        try {
+            return Options.parse(text);
+        } catch (IllegalArgumentException e) {
+            synchronized (life) {
+                if (!System.getProperty(STATUS_PROPERTY, "").startsWith(RUNNING))
+                    System.setProperty(STATUS_PROPERTY, FAILED + e.getMessage());
+            }
+            throw e;
         }
     }
 

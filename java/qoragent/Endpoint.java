@@ -29,8 +29,9 @@ import java.util.Set;
  * suffix takes its place, so that nobody can keep the agent from starting. The set-group bit lets nobody in:
  * directories have it where a container's /tmp is a volume with that bit.
  *
- * The files of JVMs that were killed stay. That no process has the number proves nothing where containers
- * share /tmp: the file may be that of a live JVM which has the number in a container of its own.
+ * A JVM that was killed leaves its file. Where containers share /tmp, that no process has the number proves
+ * nothing: the file may be that of a live JVM in another container. So the file names the JVM's pid namespace,
+ * and whoever is in the same one may remove it once the process has gone.
  */
 final class Endpoint {
     private static final int TOKEN_BYTES = 16;
@@ -138,7 +139,7 @@ final class Endpoint {
         FileAttribute<?> mode = PosixFilePermissions.asFileAttribute(OWNER_FILE);
         String address = bind.getHostAddress();
         String text = "port=" + port + "\ntoken=" + token + "\npid=" + pid + "\nversion=1\n" +
-                      (address.equals(USUAL_ADDRESS) ? "" : "bind=" + address + "\n");
+                      (address.equals(USUAL_ADDRESS) ? "" : "bind=" + address + "\n") + namespace();
         try {
             try (SeekableByteChannel out = Files.newByteChannel(
                      fresh, EnumSet.of(StandardOpenOption.CREATE_NEW, StandardOpenOption.WRITE), mode)) {
@@ -149,6 +150,15 @@ final class Endpoint {
             Files.move(fresh, file(), StandardCopyOption.ATOMIC_MOVE);
         } finally {
             Files.deleteIfExists(fresh);
+        }
+    }
+
+    /** The line that names the pid namespace, as /proc does; empty where it can't be read. */
+    private static String namespace() {
+        try {
+            return "pidns=" + Files.readSymbolicLink(Paths.get("/proc/self/ns/pid")) + "\n";
+        } catch (IOException | UnsupportedOperationException | SecurityException e) {
+            return ""; // the file stays when the JVM is killed
         }
     }
 

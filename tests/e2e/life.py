@@ -46,6 +46,14 @@ class Life(Case):
                 end(app)
                 self.assertEqual(leftovers(app.pid), [])
                 self.refused("no process", "threads", app.pid)
+        with Application() as app:  # killed: the next list tidies up
+            self.answer("attach", app.pid)
+            self.answer("list")
+            self.assertEqual(len(leftovers(app.pid)), 1)
+            app.process.kill()
+            app.process.wait()
+            self.answer("list")
+            self.assertEqual(leftovers(app.pid), [])
 
     def test_a_stale_endpoint_is_no_agent(self):
         """Even if somebody else answers at its port by now."""
@@ -152,6 +160,9 @@ class Refusals(Case):
             self.refused("stopped", "attach", app.pid)
             os.kill(app.pid, signal.SIGCONT)
             self.answer("attach", app.pid)
+            os.kill(app.pid, signal.SIGSTOP)
+            self.refused("is stopped", "threads", app.pid, "--timeout", 600)  # at once, as without the agent
+            os.kill(app.pid, signal.SIGCONT)
 
     def test_a_jvm_that_takes_nobody_in(self):
         with tempfile.TemporaryDirectory() as place:
@@ -172,18 +183,31 @@ class Refusals(Case):
             inside = broken.name[len(SETTINGS.root):]
             for why, option, value in (("has no file /nowhere.jar", "--jar", "/nowhere.jar"),
                                        (f"can't use {inside} as an agent", "--jar", inside),
-                                       ("didn't start", "--options", "nonsense=1"),
+                                       ('unknown option "nonsense"', "--options", "nonsense=1"),
                                        ("is not supported", "--options", "optlevel=2")):
                 self.refused(why, "attach", app.pid, option, value)
             self.refused("bytes", "attach", app.pid, "--options", "jvmid=" + "x" * 1100, code=2)
             self.answer("attach", app.pid, "--options", "relay=off,loglevel=0")
 
     def test_usage(self):
-        for words in ("", "nonsense", "threads", "threads x", "threads 0", "log 1", "log 1 x",
-                      "threads 1 --watch 0", "raw 1"):
+        for words, said in (("", "qorctl --help"), ("nonsense", "no command 'nonsense'; "),
+                            ("thraeds 1", "'threads'?"), ("hist 1", "'histogram'?"), ("threads", "threads --help"),
+                            ("threads x", ""), ("threads 0", ""), ("log 1", "level is required; see qorctl log --help"),
+                            ("log 1 x", ""), ("threads 1 --watch 0", ""), ("raw 1", "raw --help")):
             answer = qorctl(*words.split())
             self.assertEqual((answer.code, len(answer.err.splitlines())), (2, 1), answer)
-        self.assertEqual(qorctl("--help").code, 0)
+            self.assertIn(said, answer.err)
+        commands = re.findall("(?m)^  ([a-z]+) ", self.answer("--help").out)
+        self.assertIn("shutdown", commands)
+        for words in [["--help"], *([command, "--help"] for command in commands)]:
+            self.assertEqual([line for line in self.answer(*words).out.splitlines() if len(line) > 80], [])
+        gone = subprocess.Popen(["true"], stdin=subprocess.PIPE)
+        gone.wait()
+        with open("/dev/full", "w", encoding="ascii") as full, gone.stdin as pipe:
+            for place, why in ((full, "No space left"), (pipe, "Broken pipe")):
+                done = subprocess.run([SETTINGS.qorctl, "list"], stdout=place, stderr=subprocess.PIPE,
+                                      text=True, timeout=LIMIT, check=False)
+                self.assertEqual((done.returncode, why in done.stderr), (1, True), done)
         self.refused("can't read", "rules", os.getpid(), "/nowhere", code=2)
         self.refused("isn't a thread", "threads", os.getpid(), "--thread", "x", code=2)
 

@@ -97,6 +97,7 @@ class Memory(OfTheDemo):
         self.assertTrue(0.8 * 65536 <= heap["max_kib"] <= 65536, heap)
         self.assertTrue(500 < heap["used_kib"] <= heap["max_kib"], heap)
         pool = heap["pools"][0]
+        self.assertEqual((pool["used_kib"], pool["max_kib"]), (heap["used_kib"], heap["max_kib"]))
         self.assertEqual((pool["name"], pool["used_kib"] + pool["available_kib"], pool["used_percent"]),
                          ("Old", pool["max_kib"], pool["used_kib"] * 100 // pool["max_kib"]))
         self.assertRegex(self.answer("heap", self.app.pid).out, r"(?m)^Old +\S+ [KM] +\S+ M +\S+ M +\d+$")

@@ -8,6 +8,7 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
 import java.nio.file.Path;
+import java.nio.file.Paths;
 import java.nio.file.attribute.PosixFilePermissions;
 import org.junit.Before;
 import org.junit.Rule;
@@ -45,14 +46,15 @@ public class EndpointTest {
         assertEquals(0600, mode(endpoint.file()));
         assertEquals(dir.resolve("4711.endpoint"), endpoint.file());
         assertTrue(endpoint.token(), endpoint.token().matches("[0-9a-f]{32}"));
-        assertEquals("port=1234\ntoken=" + endpoint.token() + "\npid=4711\nversion=1\n",
+        assertEquals("port=1234\ntoken=" + endpoint.token() + "\npid=4711\nversion=1\npidns=" +
+                         Files.readSymbolicLink(Paths.get("/proc/self/ns/pid")) + "\n",
                      read(endpoint.file()));
         assertArrayEquals("nothing else is left there", new String[] {"4711.endpoint"}, dir.toFile().list());
 
         Endpoint next = new Endpoint(dir, uid, PID);
         assertNotEquals(endpoint.token(), next.token());
         next.publish(InetAddress.getByName("10.1.2.3"), 5678);
-        assertTrue(read(next.file()), read(next.file()).endsWith("\nbind=10.1.2.3\n"));
+        assertTrue(read(next.file()), read(next.file()).contains("\nbind=10.1.2.3\n"));
         endpoint.withdraw();
         assertTrue("another's file stays", read(next.file()).startsWith("port=5678\n"));
         next.withdraw();

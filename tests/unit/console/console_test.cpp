@@ -402,7 +402,8 @@ TEST(Render, ThreadDump) {
              "!Lock On;6699~77-31~java.lang.Object@6699~View Thread Holding this Lock"
              "!JVM Locks;12~0~com.acme.Cart@12~1;13~0~a.X@13~900;14~0~a.Y@14~849;"
              "!Thread Info Details;ow\x1bner~^~/cart~id=7~77-31~^~^~^~Sleeping!Call Stack"
-             ";java.lang.Thread->sleep~Native Method~^~31~0~9~^~^!" +
+             ";java.lang.Thread->sleep~Native Method~^~31~0~9~^~^"
+             ";a.B$$Lambda$7.0x00007fc8->run~Native Method~^~31~1~9~^~^!" +
              TIMING);
     EXPECT_EQ(ThreadDump(DecodeThreads(OpenReply(text)), Style()),
               "\"http-1\" #23 Lock\n"
@@ -419,6 +420,7 @@ TEST(Render, ThreadDump) {
               "\"ow\\x1bner\" #31 Sleeping\n"
               "   request: /cart id=7\n"
               "\tat java.lang.Thread.sleep(Native Method)\n"
+              "\tat a.B$$Lambda$7.0x00007fc8.run(Unknown Source)\n"
               "\n");
 }
 
