@@ -1,11 +1,9 @@
-// Heap dumps: where they go, what of the console's reader a test asks for, and figures of the JVM's own form.
+// Text dumps as the console reads them, and what a test asks of one.
 #pragma once
 
 #include "dumps/text_dump.h"
 
-#include <cstdint>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -22,10 +20,8 @@ struct CollectorNames {
     }
 };
 
-std::string FileText(const std::string &path);
-
-// A text dump as the console reads it, which throws for any line out of form. Read() fails the test when a
-// reference leads to what the dump doesn't have.
+// The console's reader throws for any line out of form. Read() fails the test when a reference leads to what
+// the dump doesn't have.
 struct TextDump {
     static TextDump Read(const std::string &path);
 
@@ -37,13 +33,4 @@ struct TextDump {
     std::string header, body;                           // body: all between header and trailer
     std::map<int64_t, std::vector<int64_t>> references; // of objects with fields, in order
     std::map<int64_t, int64_t> classOf;                 // of those objects: class numbers
-};
-
-// Figures of an Hprof dump, by class name in the JVM's form ("a/B", "[La/B;").
-struct HprofDump {
-    static HprofDump Read(const std::string &path);
-
-    std::map<std::string, int64_t> instances;
-    std::map<std::string, int64_t> elements;                    // non-null ones of all its object arrays
-    std::map<std::pair<int, int64_t>, int64_t> primitiveArrays; // number by type code and length
 };

@@ -73,18 +73,6 @@ void *openJvm() {
     abort();
 }
 
-std::vector<std::string> split(const std::string &line, char separator) {
-    std::vector<std::string> fields;
-    std::istringstream in(line);
-    for (std::string field; std::getline(in, field, separator);)
-        fields.push_back(field);
-    return fields;
-}
-
-int64_t hex(const std::string &text) {
-    return static_cast<int64_t>(std::stoull(text, nullptr, 16));
-}
-
 } // namespace
 
 void JvmTest::StartJvm(const std::vector<std::string> &options) {
@@ -208,21 +196,17 @@ bool IsMadeByJvm(const std::string &call) {
 std::map<int64_t, TrueThread> ThreadTruth() {
     std::map<int64_t, TrueThread> threads;
     TrueThread *current = nullptr;
-    for (const std::string &line : split(Java<std::string>("Truth", "threads"), '\n')) {
-        const std::vector<std::string> field = split(line, '\t');
-        if (field[0] == "thread") {
-            current = &threads[std::stoll(field[1])];
-            current->id = std::stoll(field[1]);
-            current->name = field[2];
-            current->state = field[3];
-        } else if (field[0] == "frame") {
-            current->depth++;
-            if (!IsMadeByJvm(field[2]))
-                current->frames.push_back({field[2], field[3], std::stoi(field[4])});
-        } else if (field[0] == "owned") {
-            current->owned.push_back({std::stoi(field[1]), field[2], hex(field[3]), current->id});
-        } else if (field[0] == "wants") {
-            current->wanted.push_back({-1, field[1], hex(field[2]), std::stoll(field[3])});
+    std::istringstream text(Java<std::string>("Truth", "threads"));
+    for (std::string line; std::getline(text, line);) {
+        std::istringstream fields(line);
+        std::string kind, id, name;
+        if (std::getline(fields, kind, '\t') && kind == "thread") {
+            std::getline(std::getline(fields, id, '\t'), name, '\t');
+            current = &threads[std::stoll(id)];
+            current->name = name;
+            fields >> current->depth;
+        } else {
+            current->lines.push_back(line);
         }
     }
     return threads;

@@ -88,28 +88,15 @@ struct ZooVisit {
 int64_t ZooId(const std::string &kind);
 std::string ZooKey(const std::string &kind);
 
-// What the JVM says of a thread.
-struct TrueFrame {
-    std::string call, file; // "class->method"; "-" for no file
-    int line;
+// What the JVM says of a thread: a line for each frame, without those of classes made at run time, and lock.
+struct TrueThread {
+    std::string name;
+    int depth = 0; // frames, all of them
+    std::vector<std::string> lines;
 };
 
 // Classes that the JVM makes at run time have names of their own making, and are hidden from Java.
 bool IsMadeByJvm(const std::string &call);
-
-struct TrueLock {
-    int depth; // -1 for the lock waited for
-    std::string className;
-    int64_t hash, owner; // owner of the lock waited for, -1 for nobody
-    std::string text() const { return className + "@" + std::to_string(hash); }
-};
-struct TrueThread {
-    int64_t id;
-    std::string name, state;
-    std::vector<TrueFrame> frames; // without those of classes made at run time
-    int depth = 0;                 // with them
-    std::vector<TrueLock> owned, wanted;
-};
 
 // All live threads by Java thread id.
 std::map<int64_t, TrueThread> ThreadTruth();

@@ -58,32 +58,9 @@ std::string CallOf(const qorctl::Frame &frame) {
 
 namespace {
 
-std::string Line(const std::string &call, const std::string &file, int line) {
-    return call + (line > 0 ? " " + file + ":" + std::to_string(line) : "");
-}
-
 template <class Lock>
 std::string TextOfLock(const Lock &lock) {
     return lock.class_name + "@" + std::to_string(lock.lock);
-}
-
-} // namespace
-
-std::vector<std::string> Describe(const TrueThread &thread) {
-    std::vector<std::string> lines;
-    for (const TrueFrame &frame : thread.frames)
-        lines.push_back(Line(frame.call, frame.file, frame.line));
-    const auto frames = static_cast<std::ptrdiff_t>(lines.size());
-    for (const TrueLock &lock : thread.owned)
-        lines.push_back("owns " + lock.text() + " by " + std::to_string(lock.depth));
-    const bool parks = !lines.empty() && lines[0].find("Unsafe->park") != std::string::npos;
-    for (const TrueLock &lock : thread.wanted)
-        if (lock.owner > 0) // else it is what the thread waits on, or is parked by
-            lines.push_back("wants " + lock.text() + " of " + std::to_string(lock.owner));
-        else if (parks)
-            lines.push_back("parked on " + lock.text());
-    std::sort(lines.begin() + frames, lines.end()); // locks in no order
-    return lines;
 }
 
 std::vector<std::string> Describe(const qorctl::Thread &thread) {
@@ -92,7 +69,8 @@ std::vector<std::string> Describe(const qorctl::Thread &thread) {
     for (const qorctl::Frame &frame : thread.stack) {
         EXPECT_EQ(frame.index, index++) << thread.name;
         if (!IsMadeByJvm(CallOf(frame)))
-            lines.push_back(Line(CallOf(frame), frame.file, frame.line));
+            lines.push_back(CallOf(frame) +
+                            (frame.line > 0 ? " " + frame.file + ":" + std::to_string(frame.line) : ""));
     }
     const auto frames = static_cast<std::ptrdiff_t>(lines.size());
     for (const qorctl::OwnedLock &lock : thread.owns)
@@ -106,6 +84,8 @@ std::vector<std::string> Describe(const qorctl::Thread &thread) {
     return lines;
 }
 
+} // namespace
+
 int ExpectTruth(const qorctl::ThreadSample &sample, const char *what) {
     int compared = 0;
     for (const auto &[id, truth] : ThreadTruth()) {
@@ -116,7 +96,7 @@ int ExpectTruth(const qorctl::ThreadSample &sample, const char *what) {
         if (!shown)
             continue;
         EXPECT_EQ(shown->key.thread, id) << truth.name;
-        EXPECT_EQ(Describe(*shown), Describe(truth)) << truth.name << " " << what;
+        EXPECT_EQ(Describe(*shown), truth.lines) << truth.name << " " << what;
         compared++;
     }
     return compared;

@@ -29,10 +29,6 @@ const qorctl::Thread *Find(const qorctl::ThreadSample &sample, const std::string
 // "class->method".
 std::string CallOf(const qorctl::Frame &frame);
 
-// Frames and locks of a thread, as the JVM tells of it and as a view does, a line each.
-std::vector<std::string> Describe(const TrueThread &thread);
-std::vector<std::string> Describe(const qorctl::Thread &thread);
-
 // Compares the threads of the zoo in a sample with what the JVM says of them now; how many they were.
 int ExpectTruth(const qorctl::ThreadSample &sample, const char *what = "");
 

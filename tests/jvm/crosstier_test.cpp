@@ -96,17 +96,25 @@ struct Framework {
     const char *thread, *call, *file;
     int line;
     const char *rowFile;
+    bool isInStackView = false; // that knows views and entities alone
 };
 const Framework FRAMEWORKS[] = {
-    {"zoo-view", "View_Object->OrdersView", "ViewObjectImpl.java", 0, "ViewObjectImpl.java"},
-    {"zoo-view-in-el", "View_Object->InnerView", "ViewObjectImpl.java", 0, "ViewObjectImpl.java"},
-    {"zoo-attribute", "View_Object->OrderTotal", "ViewObjectImpl.java", 0, "ViewObjectImpl.java"},
-    {"zoo-entity", "Entity_Object->OrderEntity", "EntityObjImpl.java", 0, "EntityObjImpl.java"},
+    {"zoo-view", "View_Object->OrdersView", "ViewObjectImpl.java", 0, "ViewObjectImpl.java", true},
+    {"zoo-view-in-el", "View_Object->InnerView", "ViewObjectImpl.java", 0, "ViewObjectImpl.java", true},
+    {"zoo-attribute", "View_Object->OrderTotal", "ViewObjectImpl.java", 0, "ViewObjectImpl.java", true},
+    {"zoo-entity", "Entity_Object->OrderEntity", "EntityObjImpl.java", 0, "EntityObjImpl.java", true},
     {"zoo-value-el", "EL_Exp->#{orders.total}", "EL_Exp", 0, "El_Exp"},
     {"zoo-method-el", "EL_Exp->#{orders.save}", "EL_Exp", 0, "El_Exp"},
     {"zoo-groovy", "Groovy_Script->check", "Groovy_Script", 2, "Groovy_Script"},
 };
-constexpr int IN_STACK_VIEW = 4; // that knows views and entities alone
+
+// The row in front of a framework's frame; null without any.
+const qorctl::Frame *FrameworkRow(const qorctl::Thread &thread) {
+    for (const qorctl::Frame &frame : thread.stack)
+        if (frame.framework)
+            return &frame;
+    return nullptr;
+}
 
 } // namespace
 
@@ -129,37 +137,25 @@ TEST_F(CrossTier, DatabaseThreadsShowTheirCallInEveryView) {
 
 TEST_F(CrossTier, FrameworkFramesShowWhatTheyWorkOn) {
     Java("Tiers", "start");
-    for (const bool stacks : {false, true}) {
-        const qorctl::ThreadSample sample = AllThreads(stacks);
-        for (const Framework &row : FRAMEWORKS) {
-            const qorctl::Thread *thread = Find(sample, row.thread);
-            ASSERT_TRUE(thread && thread->call) << row.thread;
-            EXPECT_EQ(CallOf(*thread->call), row.call);
-            EXPECT_EQ(thread->call->file, row.file);
-            EXPECT_EQ(thread->call->line, row.line);
-            const auto object = std::find_if(thread->stack.begin(), thread->stack.end(),
-                                             [](const qorctl::Frame &frame) { return frame.framework; });
-            ASSERT_EQ(object != thread->stack.end(), stacks) << row.thread;
-            if (stacks) {
-                EXPECT_EQ(CallOf(*object), row.call);
-                EXPECT_EQ(object->file, row.rowFile);
-                EXPECT_TRUE(std::set<std::string>({"tessar", "com.su", "org.co"})
-                                .count((object + 1)->class_name.substr(0, 6)))
-                    << CallOf(object[1]);
-            }
-        }
-        // A compiled script's line isn't known: the call as it is.
-        EXPECT_TRUE(IsPark(*Find(sample, "zoo-compiled-groovy")));
-        for (const Framework *row = FRAMEWORKS; row < FRAMEWORKS + IN_STACK_VIEW; row++) {
-            const qorctl::Thread view = StackOf(Find(sample, row->thread)->key.Text());
-            EXPECT_EQ(CallOf(*view.call), row->call);
-            const auto object = std::find_if(view.stack.begin(), view.stack.end(),
-                                             [](const qorctl::Frame &frame) { return frame.framework; });
-            ASSERT_NE(object, view.stack.end()) << row->thread;
-            EXPECT_EQ(CallOf(*object), row->call);
-            EXPECT_EQ(object->file, (object + 1)->file) << "the file is that of the framework's frame";
-        }
+    const qorctl::ThreadSample rows = AllThreads(false), stacks = AllThreads(true);
+    for (const Framework &row : FRAMEWORKS) {
+        const qorctl::Thread *thread = Find(rows, row.thread);
+        const qorctl::Thread view = StackOf(thread->key.Text());
+        EXPECT_TRUE(CallOf(*thread->call) == row.call && thread->call->file == row.file &&
+                    thread->call->line == row.line)
+            << row.thread;
+        EXPECT_EQ(FrameworkRow(*thread), nullptr);
+        const qorctl::Frame *object = FrameworkRow(*Find(stacks, row.thread));
+        ASSERT_TRUE(object) << row.thread;
+        EXPECT_EQ(CallOf(*object) + " " + object->file, row.call + (" " + std::string(row.rowFile)));
+        object = FrameworkRow(view);
+        ASSERT_EQ(object != nullptr, row.isInStackView) << row.thread;
+        EXPECT_TRUE(!object || (CallOf(*view.call) == row.call && CallOf(*object) == row.call &&
+                                object->file == object[1].file))
+            << row.thread << ": the file is that of the framework's frame";
     }
+    // A compiled script's line isn't known: the call as it is.
+    EXPECT_TRUE(IsPark(*Find(rows, "zoo-compiled-groovy")));
 }
 
 TEST_F(CrossTier, RequestsShowTheirUrlAndRemoteCallsTheirPeer) {
@@ -199,21 +195,14 @@ TEST_F(CrossTier, WithoutObjectsTheCallIsTheThreadsOwn) {
         qorGetLocalObjectsQuotaPct = qorIsPollOrTrace = tooSoon;
         if (tooSoon)
             AllThreads(false); // takes the time for many a poll to come
-        for (const bool stacks : {false, true}) {
-            const qorctl::ThreadSample sample = AllThreads(stacks);
-            for (const Framework &row : FRAMEWORKS) {
-                const qorctl::Thread *thread = Find(sample, row.thread);
-                EXPECT_TRUE(IsPark(*thread) && IsPark(StackOf(thread->key.Text()))) << row.thread;
-            }
-            const qorctl::Thread *customer = Find(sample, "customer-0");
-            for (const qorctl::Thread &thread : {*customer, StackOf(customer->key.Text())}) {
-                ASSERT_TRUE(thread.db);
-                EXPECT_FALSE(thread.db->url || thread.db->user || thread.db->remote_host || thread.db->sql);
-                EXPECT_EQ(thread.db->local_port + thread.db->remote_port, 0u);
-            }
-            const auto &rmi = Find(sample, "zoo-remote")->rmi;
-            EXPECT_TRUE(rmi && rmi->call_id == 0 && !rmi->remote_host && !rmi->jndi_name);
-        }
+        const qorctl::ThreadSample sample = AllThreads(tooSoon);
+        for (const Framework &row : FRAMEWORKS)
+            EXPECT_TRUE(IsPark(*Find(sample, row.thread))) << row.thread;
+        const auto &db = Find(sample, "customer-0")->db;
+        EXPECT_TRUE(db && !db->url && !db->user && !db->remote_host && !db->sql &&
+                    db->local_port + db->remote_port == 0);
+        const auto &rmi = Find(sample, "zoo-remote")->rmi;
+        EXPECT_TRUE(rmi && rmi->call_id == 0 && !rmi->remote_host && !rmi->jndi_name);
     }
 }
 
@@ -232,17 +221,11 @@ TEST_F(CrossTier, LongTextsCostNoRow) {
         }
         EXPECT_GE(complete, stacks ? 8 : 14);
     }
-}
-
-TEST_F(CrossTier, AThousandThreadsInTheirDatabase) {
-    constexpr int COUNT = MAX_WALK_THREADS - 40;
-    Java("Customers", "start", COUNT, 100);
-    const qorctl::ThreadSample sample = ActiveThreads();
-    for (int i = 0; i < COUNT; i++) {
-        const qorctl::Thread *thread = Find(sample, "customer-" + std::to_string(i));
-        ASSERT_TRUE(thread && thread->db && thread->db->url == URL) << i;
-    }
-    ExpectCustomer(Find(sample, "customer-" + std::to_string(COUNT - 1)), COUNT - 1);
+    // As many as a walk finds objects for.
+    constexpr int LAST = MAX_WALK_THREADS - 40;
+    gbSqlQueryLength = 16;
+    Java("Customers", "start", LAST - 299, 100);
+    ExpectCustomer(Find(ActiveThreads(), "customer-" + std::to_string(LAST)), LAST, false);
 }
 
 // Files and the server's work have no column: the Java side is asked with them.

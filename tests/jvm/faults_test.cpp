@@ -3,8 +3,8 @@
 // nothing is left behind. Calls into the JVM may fail without a word.
 #include "AgentNatives.h"
 #include "Descriptors.h"
-#include "DumpFolder.h"
 #include "FailingCalls.h"
+#include "Folder.h"
 #include "LogCapture.h"
 #include "Replies.h"
 #include "jvmti/Session.h"
@@ -203,17 +203,17 @@ TEST_F(StopList, FreesWhatTheRequestsTook) {
 struct Dumps : Faults, testing::WithParamInterface<int> {};
 
 TEST_P(Dumps, AreWholeOrSaySo) {
-    DumpFolder in;
+    Folder in;
     Java("HeapShop", "fill");
     size_t whole = 0; // bytes of the first file
     const auto text = [&] {
-        std::ifstream file(in("text"));
+        std::ifstream file(in.In("text"));
         const std::string dump(std::istreambuf_iterator<char>(file), {});
         whole = whole ? whole : dump.size();
         const bool ends = dump.size() > 5 && dump.compare(dump.size() - 5, 5, " secs") == 0;
         return ends && dump.size() > whole / 2 ? "" : "no whole file";
     };
-    const auto hprof = [&] { return unlink(in("a.hprof").c_str()) == 0 ? "" : "no file"; };
+    const auto hprof = [&] { return unlink(in.In("a.hprof").c_str()) == 0 ? "" : "no file"; };
     std::vector<Request> requests = {
         {"516|NoProcessing|qorheapdir|" + in.path.string(), {"Changed"}},
         {"516|NoProcessing|forkdump|" + std::to_string(GetParam()), {"Changed"}},

