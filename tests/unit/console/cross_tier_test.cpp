@@ -1,5 +1,4 @@
 // What replies report of other tiers: text added after a record, addresses, connections, ports and sessions.
-#include "base/failure.h"
 #include "show/connections.h"
 #include "show/json.h"
 #include "show/render.h"
@@ -7,12 +6,8 @@
 #include "show/unknown_products.h"
 #include "wire.h"
 #include "wire/cross_tier.h"
-#include "wire/decode.h"
-#include "wire/protocol.h"
 #include "wire/records.h"
 #include "wire/request.h"
-
-#include <gtest/gtest.h>
 
 using namespace qorctl;
 
@@ -25,106 +20,87 @@ std::string Row(const std::string &thread, const std::string &state) {
     return "a~t" + thread + "~^~^~^~1-" + thread + "~A->b~A.java~3~" + state + ";";
 }
 
-ThreadSample Threads(const std::string &rows) {
-    std::string text = Wire("JVM Active Threads;" + rows + "!" + TIMING);
-    return DecodeThreads(OpenReply(text));
+ThreadSample Rows(const std::string &rows) {
+    return Threads("JVM Active Threads;" + rows + "!" + TIMING);
 }
 
 TEST(EndToEnd, ComesAfterEveryFormOfRecord) {
-    ThreadSample sample = Threads(Row("1", "*Runnable" + ADDED) + Row("2", DB_BLOCK + ADDED) +
-                                  Row("3", "RMI Wait{&7~1099~-63.-87.-254.-251~ejb" + ADDED) +
-                                  Row("4", "Lock~^~") + Row("5", "Lock"));
+    ThreadSample sample = Rows(Row("1", "*Runnable" + ADDED) + Row("2", DB_BLOCK + ADDED) +
+                               Row("3", "RMI Wait{&7~1099~-63.-87.-254.-251~ejb" + ADDED) +
+                               Row("4", "Lock~^~") + Row("5", "Lock"));
     ASSERT_EQ(sample.threads.size(), 5u);
     EXPECT_FALSE(sample.cut);
+    Json json = ToJson(sample)["threads"];
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(sample.threads[i].end_to_end.stuck, 0) << i;
         EXPECT_EQ(sample.threads[i].end_to_end.texts, std::vector<std::string>{"own|text"}) << i;
-        Json json = ToJson(sample)["threads"][i];
-        EXPECT_EQ(json["cpu_nanoseconds"], 1203400000) << i;
-        EXPECT_EQ(json["allocated_bytes"], 73400320) << i;
-        EXPECT_EQ(json["file"], "/tmp/a b=c") << i;
-        EXPECT_EQ(json["peer"], "10.0.0.1:25") << i;
-        EXPECT_EQ(json["rule"], "read") << i;
-        EXPECT_EQ(json["server"], Json({{"application", "shop"},
-                                        {"module", "cart"},
-                                        {"work_manager", "wm"},
-                                        {"session", "s1"},
-                                        {"stuck", false},
-                                        {"hogger", true}}))
-            << i;
+        EXPECT_EQ(json[i]["cpu_nanoseconds"], 1203400000) << i;
+        EXPECT_EQ(json[i]["allocated_bytes"], 73400320) << i;
+        EXPECT_EQ(json[i]["file"], "/tmp/a b=c") << i;
+        EXPECT_EQ(json[i]["peer"], "10.0.0.1:25") << i;
+        EXPECT_EQ(json[i]["rule"], "read") << i;
+        EXPECT_EQ(json[i]["server"].dump(),
+                  R"({"application":"shop","module":"cart","work_manager":"wm","session":"s1",)"
+                  R"("stuck":false,"hogger":true})");
     }
-    EXPECT_EQ(sample.threads[0].state, "Runnable");
     EXPECT_EQ(sample.threads[1].db->type, "DEEPDIVE_TESSAR_DB");
     EXPECT_EQ(sample.threads[2].rmi->jndi_name, "ejb");
     EXPECT_EQ(sample.threads[2].rmi->remote_host, "192.168.1.5");
-    EXPECT_FALSE(sample.threads[3].end_to_end.cpu_nanoseconds);
-    EXPECT_TRUE(sample.threads[3].end_to_end.texts.empty());
-    for (const char *key : {"server", "rule"})
-        EXPECT_FALSE(ToJson(sample)["threads"][4].contains(key));
+    for (size_t i : {3, 4})
+        EXPECT_FALSE(json[i].contains("server") || json[i].contains("rule") ||
+                     !sample.threads[i].end_to_end.texts.empty());
     for (const char *text : {"cpu=1 alloc=", "cpu", "cpu=1.5", "=1", "cpu=99999999999999999999"}) {
-        sample = Threads(Row("1", std::string("Runnable~") + text)); // figures of another form are texts
+        sample = Rows(Row("1", std::string("Runnable~") + text)); // figures of another form are texts
         EXPECT_EQ(sample.threads[0].end_to_end.texts, std::vector<std::string>{text});
     }
 }
 
 TEST(TrueAddress, SignedPartsBecomeBytes) {
-    const char *rows[][2] = {{"10.1.2.3", "10.1.2.3"},  {"-63.-87.-254.-251", "192.168.1.5"},
-                             {"-1.0.0.0", "255.0.0.0"}, {"-128.0.0.0", "128.0.0.0"},
-                             {"1.2.3", "1.2.3"},        {"1.2.3.256", "1.2.3.256"}};
+    const char *rows[][2] = {{"-63.-87.-254.-251", "192.168.1.5"},
+                             {"-1.0.0.0", "255.0.0.0"},
+                             {"1.2.3", "1.2.3"},
+                             {"1.2.3.256", "1.2.3.256"}};
     for (auto &row : rows)
         EXPECT_EQ(TrueAddress(row[0]), row[1]);
 }
 
 TEST(Render, ThreadsOfOtherTiers) {
     ThreadSample sample =
-        Threads("a~web~^~/shop/cart~^~1-1~A->b~A.java~3~Runnable;" + Row("2", DB_BLOCK + ADDED));
-    std::string wide = ThreadTable(sample, Style()), dump = ThreadDump(sample, Style());
-    EXPECT_NE(wide.find("  1.20 s     70.0 M              /tmp/a b=c  10.0.0.1:25  application shop, module "
-                        "cart, work manager wm, session s1, hogging  own|text  scott@127.0.0.1:1521 from "
-                        ":40001  jdbc:x  select 1\n"),
-              wide.npos)
-        << wide;
-    for (const char *line : {"   request: /shop/cart\n", "   database: scott@127.0.0.1:1521 from :40001\n",
-                             "   url: jdbc:x\n", "   sql: select 1\n", "   file: /tmp/a b=c\n",
-                             "   so far: 1.20 s processor time, 70.0 M allocated\n"})
-        EXPECT_NE(dump.find(line), dump.npos) << line << dump;
-    Style narrow;
-    narrow.width = 80;
-    const std::string table = ThreadTable(sample, narrow);
-    for (std::string_view line : Split(table, '\n'))
-        EXPECT_LE(DisplayWidth(line), 80u) << line;
+        Rows("a~web~^~/shop/cart~^~1-1~A->b~A.java~3~Runnable;" + Row("2", DB_BLOCK + ADDED));
+    ExpectParts(
+        ThreadTable(sample, Style()),
+        {"  1.20 s     70.0 M              /tmp/a b=c  10.0.0.1:25  application shop, module cart, work "
+         "manager wm, session s1, hogging  own|text  scott@127.0.0.1:1521 from :40001  jdbc:x  select 1\n"});
+    ExpectParts(ThreadDump(sample, Style()),
+                {"   request: /shop/cart\n", "   database: scott@127.0.0.1:1521 from :40001\n",
+                 "   url: jdbc:x\n", "   sql: select 1\n", "   file: /tmp/a b=c\n",
+                 "   so far: 1.20 s processor time, 70.0 M allocated\n"});
 }
 
-// What a framework works on is shown as the current call, and as a row among those of the stack.
 TEST(Frameworks, ObjectsAreNoFrames) {
-    std::string details = Wire("Thread Info Details;n~^~^~^~1-2~EL_Exp->a->b~EL_Exp~0~Lock!Call Stack"
-                               ";a.B->c~B.java~4~2~0~9~^~^;EL_Exp->a->b~El_Exp~0~"
-                               ";View_Object->d~V.java~4~2~1~8~^~^!JVM Locks;5~0~a.L@5~-1;!" +
-                               TIMING);
-    ThreadSample sample = DecodeThreads(OpenReply(details));
-    ASSERT_EQ(sample.threads.size(), 1u);
-    const Thread &thread = sample.threads[0];
-    EXPECT_EQ(thread.call->class_name, "EL_Exp");
-    ASSERT_EQ(thread.stack.size(), 3u);
-    EXPECT_FALSE(thread.stack[0].framework || thread.stack[2].framework);
-    EXPECT_TRUE(thread.stack[1].framework);
-    EXPECT_EQ(thread.stack[1].method, "a->b");
+    ThreadSample sample = Threads(
+        "Thread Info Details;n~^~^~^~1-2~EL_Exp->a->b~EL_Exp~0~Lock!Call Stack;a.B->c~B.java~4~2~0~9~^~^"
+        ";EL_Exp->a->b~El_Exp~0~;View_Object->d~V.java~4~2~1~8~^~^!JVM Locks;5~0~a.L@5~-1;!" +
+        TIMING);
+    const std::vector<Frame> &frames = sample.threads.at(0).stack;
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_TRUE(!frames[0].framework && frames[1].framework && !frames[2].framework);
+    EXPECT_EQ(frames[1].method, "a->b");
     EXPECT_TRUE(ToJson(sample)["threads"][0]["stack"][1]["index"].is_null());
-    EXPECT_NE(ThreadDump(sample, Style()).find("by a frame that isn't known"), std::string::npos);
+    ExpectParts(ThreadDump(sample, Style()), {"by a frame that isn't known"});
 
-    std::string stack = Wire("Thread Info Details;n~^~ ~ ~1-2~View_Object->Orders~V.java~0~Lock!Call Stack;"
-                             "user~2~0~9~2~3~a.B->c~B.java~4;user~2~7~0~2~3~View_Object->Orders~V.java~0;"
-                             "sys~2~7~8~2~3~a.B->d~B.java~5;!JVM Locks;0~0~a.L@5~7;!" +
-                             TIMING);
-    std::string dump = ThreadDump(DecodeStack(OpenReply(stack)), Style());
-    EXPECT_NE(dump.find("\tat View_Object.Orders(V.java)\n\tat a.B.d(B.java:5)\n\t- locked"), dump.npos)
-        << dump;
+    const std::string dump =
+        ThreadDump(Stack("Thread Info Details;n~^~ ~ ~1-2~View_Object->Orders~V.java~0~Lock!Call Stack;"
+                         "user~2~0~9~2~3~a.B->c~B.java~4;user~2~7~0~2~3~View_Object->Orders~V.java~0;"
+                         "sys~2~7~8~2~3~a.B->d~B.java~5;!JVM Locks;0~0~a.L@5~7;!" +
+                         TIMING),
+                   Style());
+    ExpectParts(dump, {"\tat View_Object.Orders(V.java)\n\tat a.B.d(B.java:5)\n\t- locked"});
     EXPECT_EQ(dump.find("- locked"), dump.rfind("- locked"));
 }
 
 // Of the poll's view of a thread, what belongs to another state is left aside.
 TEST(TakeTiers, CallsGoWithTheState) {
-    Thread poll = Threads(Row("1", DB_BLOCK + ADDED)).threads[0];
+    Thread poll = Rows(Row("1", DB_BLOCK + ADDED)).threads[0];
     poll.request_url = "/shop";
     for (const char *state : {"DB Wait", "Runnable"}) {
         Thread thread;
@@ -140,8 +116,8 @@ TEST(Connections, OneRowForASocket) {
     const std::string empty = "DB Wait{10}^~^~0~0~^~0~0~^~^~^",
                       no_socket = "DB Wait{10}jdbc:y~sa~0~0~^~0~0~^~^~^";
     EXPECT_EQ(AddressText("::1", 1521), "[::1]:1521");
-    ThreadSample sample = Threads(Row("1", DB_BLOCK) + Row("2", empty) + Row("3", no_socket) +
-                                  Row("4", DB_BLOCK) + Row("5", no_socket) + Row("6", "Runnable"));
+    ThreadSample sample = Rows(Row("1", DB_BLOCK) + Row("2", empty) + Row("3", no_socket) +
+                               Row("4", DB_BLOCK) + Row("5", no_socket) + Row("6", "Runnable"));
     std::vector<DbConnection> connections = FindConnections(sample);
     EXPECT_EQ(ConnectionTable(connections, Style()),
               "CLIENT PORT  SERVER          USER   DATABASE  URL     THREADS       SQL\n"
@@ -149,10 +125,8 @@ TEST(Connections, OneRowForASocket) {
               "          -  -               sa     y         jdbc:y  t3 #3\n"
               "          -  -               sa     y         jdbc:y  t5 #5\n");
     Json json = ConnectionsJson(connections, sample)["connections"];
-    EXPECT_EQ(json[0]["threads"].size(), 2u);
-    EXPECT_EQ(json[0]["threads"][1]["key"], "1-4");
+    EXPECT_EQ(json[0]["threads"].at(1)["key"], "1-4");
     EXPECT_EQ(json[0]["threads"][0]["sql"], "select 1");
-    EXPECT_EQ(json[0]["local_port"], 40001);
 }
 
 TEST(Connections, TheDatabaseIsNamedByTheUrl) {
@@ -212,14 +186,11 @@ TEST(UnknownProducts, NeedEvidence) {
 }
 
 TEST(Connections, HolderOfAPort) {
-    EXPECT_EQ(PortHolderRequest(40001), "521|showstack|16384|ARG=x,0=40001");
-    std::optional<PortHolder> holder = DecodePortHolder(OpenReply("pool|1|77-23"));
-    ASSERT_TRUE(holder);
-    EXPECT_EQ(PortHolderText(*holder, 40001), "client port 40001 was last seen at \"pool|1\" #23\n");
-    ThreadSample sample = Threads(Row("1", "Runnable") + Row("4", DB_BLOCK));
+    EXPECT_EQ(PortHolderText(DecodePortHolder(OpenReply("pool|1|77-23")).value(), 40001),
+              "client port 40001 was last seen at \"pool|1\" #23\n");
+    ThreadSample sample = Rows(Row("1", "Runnable") + Row("4", DB_BLOCK));
     EXPECT_FALSE(FindPortHolder(sample, 40002));
-    ASSERT_TRUE(FindPortHolder(sample, 40001));
-    EXPECT_EQ(PortHolderText(*FindPortHolder(sample, 40001), 40001),
+    EXPECT_EQ(PortHolderText(FindPortHolder(sample, 40001).value(), 40001),
               "client port 40001 is that of \"t4\" #4\n");
     EXPECT_FALSE(DecodePortHolder(OpenReply("Client Port not found on JVM")));
     for (const char *wrong : {"", "pool", "pool|77"})
@@ -227,20 +198,15 @@ TEST(Connections, HolderOfAPort) {
 }
 
 TEST(Sessions, PairsOfAReply) {
-    for (const std::string &tail : {std::string(), Wire(TIMING)}) {
-        std::string reply = "1234,50021,1240,50022,|" + tail;
-        std::vector<DbSession> sessions = DecodeSessions(OpenReply(reply));
-        ASSERT_EQ(sessions.size(), 2u);
-        EXPECT_EQ(sessions[1].process, 1240);
-        EXPECT_EQ(sessions[1].client_port, 50022u);
-        EXPECT_TRUE(DecodeSessions(OpenReply("|" + tail)).empty());
-    }
+    const std::vector<DbSession> sessions = DecodeSessions(OpenReply("1234,50021,1240,50022,|"));
+    EXPECT_EQ(sessions.at(1).process, 1240);
+    EXPECT_EQ(sessions[1].client_port, 50022u);
+    EXPECT_TRUE(DecodeSessions(OpenReply("|" + Wire(TIMING))).empty());
     for (const char *wrong : {"", "1234,50021,", "1234,|", "12x,1,|", "ERROR: Could not resolve localhost\n"})
         EXPECT_THROW(DecodeSessions(OpenReply(wrong)), Failure) << wrong;
 }
 
 TEST(Sessions, ListsFitTheAgentsBuffer) {
-    EXPECT_EQ(SessionsRequest(5432, "10.0.0.1", "1234,1240"), "521|xtier01|5432|10.0.0.1|1234,1240");
     std::vector<int64_t> processes(4000);
     for (size_t i = 0; i < processes.size(); ++i)
         processes[i] = 4000000 + static_cast<int64_t>(i);

@@ -3,9 +3,7 @@
 #include "wire.h"
 #include "wire/memory.h"
 #include "wire/objects.h"
-#include "wire/protocol.h"
 
-#include <gtest/gtest.h>
 #include <map>
 #include <sstream>
 
@@ -68,7 +66,7 @@ Read OfField(const Reply &reply) {
     return Named("tag,type,name,value", {Of(field.tag), field.type, field.name, field.value});
 }
 
-const std::string DETAILS = "Thread Info Details;" + DETAILS_ROW + "!";
+const std::string WITH_DETAILS = DETAILS + "!";
 const std::string IN_STATE = "JVM Active Threads;a~n~^~^~^~1-2~^~^~^~";
 const std::string IN_OBJECT = "Message;Object Name :x!";
 const std::string ONE_STACK = "Thread Info Details;n~^~^~^~1-2~A->b~F~1~";
@@ -82,20 +80,20 @@ const struct {
 } READERS[] = {
     {"active thread", "", ";!", [](const Reply &r) { return OfThread(FirstOf(r)); }},
     {"thread with details", "", "!", [](const Reply &r) { return OfThread(FirstOf(r)); }},
-    {"frame", DETAILS, "!", [](const Reply &r) { return OfFrame(FirstOf(r).stack.at(0)); }},
-    {"frames left out", DETAILS, "!",
+    {"frame", WITH_DETAILS, "!", [](const Reply &r) { return OfFrame(FirstOf(r).stack.at(0)); }},
+    {"frames left out", WITH_DETAILS, "!",
      [](const Reply &r) {
          const Frame frame = FirstOf(r).stack.at(0);
          return Named("count and text,index",
                       {Of(frame.skipped) + std::string(SKIPPED_FRAMES), Of(frame.index)});
      }},
-    {"lock waited for", DETAILS, "!",
+    {"lock waited for", WITH_DETAILS, "!",
      [](const Reply &r) {
          const LockWait wait = *FirstOf(r).waits_for;
          return Named("lock id,owner,class@id", {Of(wait.lock), wait.owner.Text(), wait.class_name});
      }},
-    {"lock owned", DETAILS, ";!", [](const Reply &r) { return OfLock(FirstOf(r).owns.at(0)); }},
-    {"parked on", DETAILS, "!", [](const Reply &r) { return OfLock(*FirstOf(r).parked_on); }},
+    {"lock owned", WITH_DETAILS, ";!", [](const Reply &r) { return OfLock(FirstOf(r).owns.at(0)); }},
+    {"parked on", WITH_DETAILS, "!", [](const Reply &r) { return OfLock(*FirstOf(r).parked_on); }},
     {"thread of one stack", "", "!Call Stack;!", [](const Reply &r) { return OfThread(OnlyOf(r)); }},
     {"frame of one stack", ONE_STACK + "Lock!", ";!",
      [](const Reply &r) { return OfFrame(OnlyOf(r).stack.at(0)); }},

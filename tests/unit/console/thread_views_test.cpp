@@ -1,13 +1,9 @@
 // The views of one thread and of its lock, from replies built by hand; deadlocks and names out of a sample.
-#include "base/failure.h"
 #include "show/json.h"
 #include "show/locks.h"
 #include "show/render.h"
 #include "wire.h"
-#include "wire/decode.h"
 #include "wire/request.h"
-
-#include <gtest/gtest.h>
 
 using namespace qorctl;
 
@@ -19,47 +15,30 @@ const std::string ROWS = "Call Stack;user~23~0~-1609482896~2~3~a.Cart->add~Cart.
                          "sys~23~1~1678214552~2~3~java.lang.Thread->run~Native Method~ ;!";
 const std::string LOCKS = "JVM Locks;0~0~a.Cart@1565871900~1;7~0~a.Odd@name~0;!";
 
-ThreadSample Stack(std::string_view legible) {
-    std::string text = Wire(legible);
-    return DecodeStack(OpenReply(text));
-}
-
 TEST(DecodeStack, WholeReply) {
     ThreadSample sample = Stack(WAIT + HEAD + ROWS + LOCKS + TIMING);
-    ASSERT_EQ(sample.threads.size(), 1u);
-    EXPECT_FALSE(sample.cut);
-    const Thread &thread = sample.threads[0];
-    EXPECT_FALSE(thread.request_url || thread.request_detail);
-    ASSERT_EQ(thread.stack.size(), 2u);
-    EXPECT_EQ(thread.stack[0].method_id, -1609482896);
-    EXPECT_TRUE(*thread.stack[0].user && !*thread.stack[1].user);
-    EXPECT_EQ(thread.stack[1].line, 0);
+    const Thread &thread = sample.threads.at(0);
+    EXPECT_FALSE(sample.cut || thread.request_url || thread.request_detail);
+    EXPECT_TRUE(*thread.stack.at(0).user && !*thread.stack.at(1).user);
     EXPECT_EQ(thread.waits_for.value().owner.thread, 31); // it comes before its thread
     EXPECT_EQ(thread.owns.at(0).lock, 1565871900);        // a lock without a number has the one in its text
-    EXPECT_EQ(thread.owns.at(0).class_name, "a.Cart");
-    EXPECT_EQ(thread.owns.at(1).class_name, "a.Odd@name");
-    EXPECT_NE(StackNotes(sample).find("2 frames, 321 us"), std::string::npos);
-
-    ThreadSample parked = Stack(HEAD + ROWS + "Parked On;8~a.Latch@8!" + TIMING);
-    EXPECT_EQ(ToJson(parked)["threads"][0]["parked_on"], Json({{"lock", 8}, {"class", "a.Latch"}}));
-    EXPECT_NE(ThreadDump(parked, Style()).find("\n\t- parking to wait for <8> (a a.Latch)\n"),
-              std::string::npos);
+    EXPECT_EQ(thread.owns.at(0).class_name + thread.owns.at(1).class_name, "a.Carta.Odd@name");
+    ExpectParts(StackNotes(sample), {"2 frames, 321 us"});
+    sample = Stack(HEAD + ROWS + "Parked On;8~a.Latch@8!" + TIMING);
+    EXPECT_EQ(ToJson(sample)["threads"][0]["parked_on"], Json({{"lock", 8}, {"class", "a.Latch"}}));
+    ExpectParts(ThreadDump(sample, Style()), {"\n\t- parking to wait for <8> (a a.Latch)\n"});
 }
 
 TEST(DecodeStack, OddThreads) {
     ThreadSample bare = Stack("Thread Info Details;idle~^~ ~ ~77-9~ ~ ~ ~Object Wait!Call Stack;!" + TIMING);
-    ASSERT_EQ(bare.threads.size(), 1u);
-    EXPECT_TRUE(!bare.threads[0].call && bare.threads[0].stack.empty());
-    EXPECT_TRUE(Stack(TIMING).threads.empty()); // no such thread
-    EXPECT_FALSE(Stack(TIMING).cut);
+    EXPECT_TRUE(!bare.threads.at(0).call && bare.threads[0].stack.empty());
+    EXPECT_TRUE(Stack(TIMING).threads.empty() && !Stack(TIMING).cut);    // no such thread
     ThreadSample frameless = Stack("Thread Info Details;n~^~" + TIMING); // its frames were unavailable
     EXPECT_TRUE(frameless.threads.empty() && frameless.cut);
     for (const std::string &wrong :
          {HEAD + "Call Stack;other~23~0~1~2~3~a->b~F~1;!", HEAD + "Call Stack;user~23~0~1~2~a->b~F~1;!",
-          HEAD + "Call Stack;user~23~0~one~2~3~a->b~F~1;!",
           std::string("Thread Info Details;n~x~ ~ ~77-9~ ~ ~ ~Lock!"),
-          std::string("Thread Info Details;n~^~ ~ ~77-9~ ~ ~ ~DB Wait{a~b!"), ROWS,
-          std::string("JVM Heap Usage;Old~1~1~1~1;!")})
+          std::string("Thread Info Details;n~^~ ~ ~77-9~ ~ ~ ~DB Wait{a~b!"), ROWS})
         EXPECT_THROW(Stack(wrong + TIMING), Failure) << wrong;
 }
 
@@ -72,8 +51,8 @@ TEST(DecodeStack, AFullStackIsReportedAsCut) {
     rows += row + row + "!";
     EXPECT_FALSE(Stack(HEAD + rows + TIMING).threads[0].stack_cut);
     ThreadSample cut = Stack(HEAD + rows);
-    EXPECT_NE(ThreadDump(cut, Style()).find("\t... frames below are missing"), std::string::npos);
-    EXPECT_NE(StackNotes(cut).find("frames at its bottom are missing"), std::string::npos);
+    ExpectParts(ThreadDump(cut, Style()), {"\t... frames below are missing"});
+    ExpectParts(StackNotes(cut), {"frames at its bottom are missing"});
     EXPECT_EQ(ToJson(cut)["cut"], true);
 }
 
@@ -90,7 +69,6 @@ TEST(DecodeLockHolder, Answers) {
         EXPECT_EQ(holder.answer, answer) << reply;
         EXPECT_EQ(ToJson(holder).is_null(), answer != LockHolder::FOUND);
     }
-    EXPECT_EQ(holder.thread.call->user, false);
     EXPECT_EQ(HolderLine(holder.thread, Style()), "held by \"own\" #31 Sleeping in a.B.c(Native Method)\n");
     for (const char *wrong : {"Thread Holding Lock;sys~own~77~a.B->c~F~1~Lock!", "Other;x!"})
         EXPECT_THROW(DecodeLockHolder(OpenReply(Wire(wrong + TIMING))), Failure) << wrong;
@@ -113,14 +91,10 @@ ThreadSample Waiting(std::initializer_list<std::pair<int, int>> threads) {
 TEST(Locks, DeadlocksAreFoundOnce) {
     EXPECT_TRUE(FindDeadlocks(Waiting({{1, 2}, {2, 3}, {3, 0}, {4, -1}, {5, 99}})).empty());
     ThreadSample sample = Waiting({{9, 1}, {1, 2}, {2, 3}, {3, 1}, {4, 4}, {5, 9}});
-    std::string text = LocksText(sample, Style());
-    EXPECT_NE(text.find("deadlock: t1 #1 waits for t2 #2 waits for t3 #3 waits for t1 #1\n"), text.npos)
-        << text;
-    Json json = LocksJson(sample);
-    EXPECT_EQ(json["waits"].size(), 6u);
-    EXPECT_EQ(json["waits"][1]["holder"]["name"], "t2");
-    EXPECT_EQ(json["deadlocks"], Json({{1, 2, 3}, {4}})); // thread 9 only waits for one
-    EXPECT_EQ(LocksText(Waiting({{1, 0}}), Style()), "No thread waits for a lock.\n");
+    ExpectParts(LocksText(sample, Style()),
+                {"deadlock: t1 #1 waits for t2 #2 waits for t3 #3 waits for t1 #1\n"});
+    EXPECT_EQ(LocksJson(sample)["waits"].at(1)["holder"]["name"], "t2");
+    EXPECT_EQ(LocksJson(sample)["deadlocks"], Json({{1, 2, 3}, {4}})); // thread 9 only waits for one
 }
 
 // Held by one out of sight, by one that a carrier runs, by nobody knows whom, and by one that a cut reply
@@ -131,12 +105,12 @@ TEST(Locks, HoldersOutOfSightAreNamedAsSuch) {
     known.threads[3].waits_for->owner.thread = 0;
     std::string text = LocksText(known, Style());
     EXPECT_NE(text.find("held by a virtual thread"), text.rfind("held by a virtual thread")) << text;
-    EXPECT_NE(text.find("owner unknown"), std::string::npos) << text;
+    ExpectParts(text, {"owner unknown"});
     known.threads[2].owns = {{30, "a.Lock", 1}};
     known.cut = true;
     text = LocksText(known, Style());
     EXPECT_EQ(text.find("virtual"), std::string::npos) << text;
-    EXPECT_NE(text.find("#99\n"), std::string::npos) << text;
+    ExpectParts(text, {"#99\n"});
 }
 
 // A sample whose waits name no owner: the rows of owned locks lead to it, by number and class.
@@ -160,8 +134,6 @@ TEST(Locks, NamesOfThreads) {
     for (const char *wrong : {"t", "x"})
         EXPECT_THROW(FindByName(sample, wrong), Failure);
     EXPECT_TRUE(IsThreadNumber("12") && IsThreadNumber("77-12") && !IsThreadNumber("t-12"));
-    EXPECT_EQ(StackRequest("77-23"), "521|showstack|512|ARG=x,1=77-23");
-    EXPECT_EQ(LockHolderRequest({99, {}, ""}, "77-23"), "521|showstack|2048|ARG=x,0=99,1=77-23");
 }
 
 } // namespace

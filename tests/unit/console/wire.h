@@ -1,6 +1,13 @@
-// Replies written legibly.
+// Replies written legibly, and what reading them comes to.
 #pragma once
 
+#include "base/failure.h"
+#include "base/terminal.h"
+#include "wire/decode.h"
+#include "wire/protocol.h"
+
+#include <gtest/gtest.h>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -16,10 +23,37 @@ inline std::string Wire(std::string_view legible) {
     return text;
 }
 
+inline qorctl::ThreadSample Threads(std::string_view legible) {
+    const std::string text = Wire(legible);
+    return qorctl::DecodeThreads(qorctl::OpenReply(text));
+}
+
+inline qorctl::ThreadSample Stack(std::string_view legible) {
+    const std::string text = Wire(legible);
+    return qorctl::DecodeStack(qorctl::OpenReply(text));
+}
+
+// What a call fails with.
+template <class Call>
+std::string FailureOf(Call call) {
+    try {
+        call();
+    } catch (const qorctl::Failure &failure) {
+        return qorctl::FailureText(failure);
+    }
+    return "no failure";
+}
+
+inline void ExpectParts(const std::string &text, std::initializer_list<const char *> parts) {
+    for (const char *part : parts)
+        EXPECT_NE(text.find(part), text.npos) << part << " in\n" << text;
+}
+
 inline const std::string TIMING = "Time spent in JVM for processing request;321 usec!";
 inline const std::string ACTIVE_ROW = "a~http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Runnable";
-inline const std::string DETAILS_ROW = "http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Lock";
-inline const std::string STACK =
+inline const std::string DETAILS =
+    "Thread Info Details;http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Lock";
+inline const std::string FRAMES =
     "Call Stack"
     ";com.acme.Cart->add~Cart.java~40~23~0~140001~^~^"
     ";com.acme.Cart->total~Cart.java~12~23~1~140002~^~^"
