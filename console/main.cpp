@@ -31,6 +31,7 @@ struct CommandLine {
     bool stop = false, hprof = false, live = false, kinds = false;
     int frame = 0, client_port = 0;
     SessionsCommand sessions;
+    MetricsCommand metrics;
     std::string fork_dump;
     std::vector<int64_t> tags;
     std::string follow;
@@ -42,13 +43,8 @@ CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings
     return command;
 }
 
-// A command about one JVM, which loads the agent when it isn't there.
-CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, CommandLine *line) {
-    CLI::App *command = AddCommand(app, name, text, &line->settings);
-    command->add_option("pid", line->pid, "Process id of the JVM")
-        ->option_text("PID")
-        ->required()
-        ->check(CLI::Range(1, INT_MAX).description(""));
+// How an agent is found, loaded and waited for.
+void AddAgentOptions(CLI::App *command, CommandLine *line) {
     command->add_option("--jar", line->settings.jar,
                         "The agent's jar (else $QORAGENT_JAR, else beside qorctl)");
     command->add_option("--options", line->settings.options,
@@ -58,6 +54,16 @@ CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, Comma
     command->add_option("--timeout", line->settings.timeout, "Seconds to wait for an answer")
         ->capture_default_str()
         ->check(CLI::Range(1, 86400));
+}
+
+// A command about one JVM, which loads the agent when it isn't there.
+CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, CommandLine *line) {
+    CLI::App *command = AddCommand(app, name, text, &line->settings);
+    command->add_option("pid", line->pid, "Process id of the JVM")
+        ->option_text("PID")
+        ->required()
+        ->check(CLI::Range(1, INT_MAX).description(""));
+    AddAgentOptions(command, line);
     return command;
 }
 
@@ -277,6 +283,31 @@ void AddHung(CLI::App *app, CommandLine *line) {
     hung->final_callback([line] { RunHung(line->settings, line->pid, line->threads.all, line->stop); });
 }
 
+void AddMetrics(CLI::App *app, CommandLine *line) {
+    MetricsCommand *metrics = &line->metrics;
+    CLI::App *command =
+        app->add_subcommand("metrics", "Serve figures of JVMs for a monitoring system, as OpenMetrics");
+    command->add_option("pid", metrics->pids, "Process ids of JVMs")
+        ->option_text("PID...")
+        ->check(CLI::Range(1, INT_MAX).description(""));
+    command->add_flag("--all", metrics->all, "Every JVM of this machine that has the agent");
+    command->add_flag("--once", metrics->once, "Print them and end");
+    command->add_option("--socket", metrics->socket, "Serve at this Unix socket, for its owner alone")
+        ->option_text("PATH");
+    command->add_option("--listen", metrics->listen, "Serve at a port, to whoever reaches it")
+        ->option_text("ADDRESS:PORT");
+    command->add_option("--token-file", metrics->token_file, "Serve those alone who send the token in FILE")
+        ->option_text("FILE");
+    command->add_option("--textfile", metrics->text_file, "Write to PATH instead, again and again")
+        ->option_text("PATH");
+    command->add_option("--every", metrics->every, "Seconds between two writes")
+        ->option_text("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 86400.0));
+    AddAgentOptions(command, line);
+    command->final_callback([line] { RunMetrics(line->settings, line->metrics); });
+}
+
 void AddOthers(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
     CLI::App *list = AddCommand(app, "list", "Show the JVMs of this machine", settings);
@@ -364,6 +395,7 @@ int Run(int argc, char **argv) {
     AddDump(&app, &line);
     AddForkDump(&app, &line);
     AddHung(&app, &line);
+    AddMetrics(&app, &line);
     AddOthers(&app, &line);
     try {
         app.parse(argc, argv);

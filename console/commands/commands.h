@@ -24,6 +24,17 @@ struct SessionsCommand {
     std::vector<int64_t> processes;
 };
 
+struct MetricsCommand {
+    std::vector<pid_t> pids;
+    bool all = false;       // every JVM of this machine that has the agent, in place of `pids`
+    bool once = false;      // print them
+    std::string listen;     // "ADDRESS:PORT"
+    std::string token_file; // with `listen`
+    std::string socket;     // a Unix socket's path; empty: the usual one
+    std::string text_file;  // written again and again, in place of serving
+    double every = 15;      // seconds, of `text_file`
+};
+
 void RunList(const Settings &settings);
 // A look from outside, without the agent.
 void RunHung(const Settings &settings, pid_t pid, bool all, bool stop_thread);
@@ -59,6 +70,8 @@ void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);
 void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);
+// Figures for a monitoring system: served, written to a file, or printed.
+void RunMetrics(const Settings &settings, const MetricsCommand &command);
 void RunShutdown(const Settings &settings, pid_t pid);
 
 } // namespace qorctl

@@ -20,6 +20,7 @@ from direct import DirectHeap, DirectRoad
 from dumps import Dumps, LateDumps
 from hung import Hung
 from life import Life, Refusals, Users
+from metrics import Metrics
 from sample import Sample
 from tiers import OwnDriver, Tiers
 from top import Top
@@ -27,7 +28,7 @@ from views import Memory, Views
 from web import Web
 
 __all__ = ["Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life", "Memory",
-           "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views", "Web"]
+           "Metrics", "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views", "Web"]
 
 
 def main():
