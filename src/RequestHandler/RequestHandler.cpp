@@ -3,6 +3,7 @@
 #include "RequestHandler/threads/all_threads.h"
 #include "RequestHandler/threads/lock_holder.h"
 #include "RequestHandler/threads/thread_stack.h"
+#include "RequestHandler/threads/virtual_threads.h"
 #include "client_port.h"
 #include "jvmti/heap/HeapDump.h"
 #include "memory_views.h"
@@ -30,6 +31,7 @@ constexpr ViewRow views[] = {
     {QORREQ_THREAD_DETAILS, QorShowThreadStackRequest},
     {QORREQ_LOCK_HOLDER, QorShowMonitorThreadRequest},
     {QORREQ_DB_XTIER, QorShowDBXtierThreadInfo},
+    {QORREQ_VIRTUAL_THREADS, QorShowVirtualThreadsRequest},
 };
 
 } // namespace

@@ -18,6 +18,7 @@
 #include "jvmti/Session.h"
 #include "jvmti/changes/trycatch.h"
 #include "jvmti/threads/MonitorMemo.h"
+#include "jvmti/threads/VirtualFields.h"
 #include "qorthreads/qorthreads.h"
 #include "sunprint/report/connection_list.h"
 #include "sunprint/report/jdbc_versions.h"
@@ -69,7 +70,9 @@ void QorDropSession(JNIEnv *env) {
     QorDropJdbcVersions();
     QorForgetDriverClasses();
     QorDovOnUnload(env);
-    QorDropMemo(); // its references go by the environment that the unload has set: the worker's may be gone
+    // References go by the environment that the unload has set: the worker's may be gone.
+    QorDropMemo();
+    QorDropVirtualFields();
 }
 
 void exitAgent(JNIEnv *env) {

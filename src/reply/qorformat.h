@@ -31,6 +31,7 @@ constexpr char TITLE_LOCKS[] = "JVM Locks";
 constexpr char TITLE_TIME_SPENT[] = "Time spent in JVM for processing request";
 constexpr char TITLE_LOCK_WAIT[] = "Lock On";
 constexpr char TITLE_PARKED[] = "Parked On";
+constexpr char TITLE_VIRTUAL_THREADS[] = "JVM Virtual Threads";
 constexpr char TITLE_COLLECTIONS[] = "JVM Garbage Collections";
 constexpr char TITLE_HEAP_MEMORY[] = "JVM Heap Memory Usage";
 constexpr char TITLE_CLASSES[] = "JVM Class Details";
@@ -48,6 +49,9 @@ constexpr char COLLECTOR_RUNNING[] = "Unable to complete Request GC running";
 constexpr char VIEW_LOCK_HOLDER[] = "View Thread Holding this Lock";
 // In the place of the file where no line is known.
 constexpr char NO_LINE_FILE[] = "Native Method";
+
+// Why a JVM shows no virtual threads.
+constexpr char NO_VIRTUAL_THREADS[] = "no virtual threads before Java 21";
 
 // The answer for a client port that no connection is known of.
 constexpr char NO_CLIENT_PORT[] = "Client Port not found on JVM";

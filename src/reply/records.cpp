@@ -80,3 +80,10 @@ void QorAppendParkedRecord(QorText *out, const QorMonitorRecord *blocker) {
                                     Wire32(blocker->lockId), FIELD_SEP, blocker->description);
     QorTextAppend(out, record, length);
 }
+
+void QorAppendNoVirtualThreads(QorText *out, const char *reason) {
+    QorAppendNumberField(out, -1);
+    QorTextAppend(out, reason);
+    QorTextAppendChar(out, RECORD_END);
+    QorTextAppendChar(out, SECTION_END);
+}

@@ -46,5 +46,8 @@ void QorAppendLockWaitRecord(QorText *out, const QorMonitorRecord *lock, int32_t
 // written.
 int32_t QorAppendOwnedLockRecord(QorText *out, const QorMonitorRecord *lock);
 
+// The record and the section's end of a view of virtual threads that can't show them.
+void QorAppendNoVirtualThreads(QorText *out, const char *reason);
+
 // What a thread is parked by that no thread owns, title included, nothing at the end.
 void QorAppendParkedRecord(QorText *out, const QorMonitorRecord *blocker);

@@ -45,28 +45,14 @@ void AdvanceTo(int64_t second) {
 
 // Sets the time that the walk may take; false when none is left.
 bool HandWalkIsDue(int64_t now) {
-    handBudget = QOR_LOCAL_WALK_BUDGET_USEC;
-    AdvanceTo(now / SECOND_USEC);
-    const bool isFirst = handWalkEnd == 0 || now - handWalkEnd >= HAND_SECONDS * SECOND_USEC;
-    if (isFirst || qorHandWalkQuotaPct >= ALL_TIME)
-        return true;
-    int64_t left = HAND_SECONDS * SECOND_USEC * qorHandWalkQuotaPct / ALL_TIME;
-    for (int64_t used : handUsec)
-        left -= used;
-    handBudget = std::min(handBudget, left);
-    if (left > 0)
+    handBudget = std::min(QOR_LOCAL_WALK_BUDGET_USEC, QorHandTimeLeft(now));
+    if (handBudget > 0)
         return true;
     QORLOG_RATIONED(LOG_NOTE,
                     "No local variables for this request: those before it had their %d %% of the last ten "
                     "seconds.",
                     qorHandWalkQuotaPct);
     return false;
-}
-
-void CountHandWalk(int64_t start, int64_t end) {
-    AdvanceTo(end / SECOND_USEC);
-    *HandUsecOf(handSecond) += end - start;
-    handWalkEnd = end;
 }
 
 enum class Report { FIRST, SUPPRESSED, DUE };
@@ -113,6 +99,23 @@ int64_t lAllowedFollowRefTimeUSec = QOR_LOCAL_WALK_BUDGET_USEC;
 int64_t gbQorLastWalkUsec = -1;
 bool gbQorWalkLeftOut;
 bool gbQorWalkCut;
+
+int64_t QorHandTimeLeft(int64_t now) {
+    AdvanceTo(now / SECOND_USEC);
+    const bool isFirst = handWalkEnd == 0 || now - handWalkEnd >= HAND_SECONDS * SECOND_USEC;
+    if (isFirst || qorHandWalkQuotaPct >= ALL_TIME)
+        return HAND_SECONDS * SECOND_USEC;
+    int64_t left = HAND_SECONDS * SECOND_USEC * qorHandWalkQuotaPct / ALL_TIME;
+    for (int64_t used : handUsec)
+        left -= used;
+    return std::max<int64_t>(left, 0);
+}
+
+void QorCountHandTime(int64_t start, int64_t end) {
+    AdvanceTo(end / SECOND_USEC);
+    *HandUsecOf(handSecond) += end - start;
+    handWalkEnd = end;
+}
 
 int32_t QorLocalWalkQuota() {
     return std::clamp(qorGetLocalObjectsQuotaPct, 0, ALL_TIME);
@@ -174,7 +177,7 @@ void QorCountLocalWalk(int64_t start, int64_t end, int32_t iterations) {
     lIterationTotalCount += iterations;
     gbQorLastWalkUsec = end - start;
     if (!qorIsPollOrTrace)
-        CountHandWalk(start, end);
+        QorCountHandTime(start, end);
 }
 
 void QorForgetLocalWalks() {

@@ -27,6 +27,11 @@ extern int64_t gbQorLastWalkUsec;
 extern bool gbQorWalkLeftOut;
 extern bool gbQorWalkCut;
 
+// What is left at `now` of the share that requests by hand have of the last ten seconds, in microseconds; and
+// the counting of what they take. Reading the stacks of virtual threads has the same share.
+int64_t QorHandTimeLeft(int64_t now);
+void QorCountHandTime(int64_t start, int64_t end);
+
 // Whether a walk may start now; logs and notes one that is left out.
 bool QorLocalWalkIsDue(int64_t now);
 

@@ -4,7 +4,7 @@
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorutil.h"
-#include "reply/qorformat.h"
+#include "reply/records.h"
 
 #include "Xtier/XtierInsert.h"
 #include "Xtier/thread_e2e_info.h"
@@ -236,6 +236,11 @@ void AppendCounts(QorText *out, const int32_t *counts) {
 
 bool QorOpenDirectReply(QorDirectSample *sample) {
     uint32_t &reqid = sample->request.reqid;
+    if (reqid == QORREQ_VIRTUAL_THREADS) {
+        QorAppendTitle(sample->reply, TITLE_VIRTUAL_THREADS);
+        QorAppendNoVirtualThreads(sample->reply, NO_VIRTUAL_THREADS);
+        return false;
+    }
     if ((reqid & QORREQ_POLL_DETAILS) && no_gc) {
         AppendSection(sample->reply, COLLECTOR_RUNNING);
         return false;

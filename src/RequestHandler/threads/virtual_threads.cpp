@@ -1,0 +1,263 @@
+#include "virtual_threads.h"
+
+#include "Xtier/walk/LocalWalkTimes.h"
+#include "jvmti/Session.h"
+#include "jvmti/threads/VirtualFields.h"
+#include "jvmti/threads/VirtualGroups.h"
+#include "qorlog.h"
+#include "qorrequest.h"
+#include "qorutil.h"
+#include "reply/records.h"
+#include "stack_rows.h"
+#include "thread_lookup.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr int32_t GROUPS_SHOWN = 50;
+constexpr int32_t CALL_FIELDS = 3;
+constexpr int32_t LONGEST_MILLISECONDS = 2000;
+constexpr char NOT_TRACKED[] = "threads without an executor aren't tracked (jdk.trackAllThreads)";
+constexpr char OVER_QUOTA[] = "stacks left out: requests before this one had their share of the time";
+
+// Bits of the field `cut`.
+enum : int32_t { CUT_BY_TIME_OR_THREADS = 1, CUT_BY_ROWS = 2 };
+
+// What the frames of a group decide.
+struct GroupFacts {
+    int32_t state;
+    bool isCounted, isShown; // a frame holds the wanted text; and it isn't idle by a rule
+};
+
+struct VirtualView {
+    QorText *reply;
+    const char *wanted; // the text, or null
+    int32_t mostGroups, matching;
+    QorVirtualSample sample;
+    int32_t states[STATE_COUNT];
+    GroupFacts facts[VIRTUAL_GROUPS];
+    QorFrameHandle frames;
+};
+
+int32_t Argument(char **args, int32_t slot, int32_t most) {
+    return args[slot] ? std::clamp(atoi(args[slot]), 0, most) : 0;
+}
+
+void UseFrames(VirtualView *view, const QorVirtualGroup &group) {
+    view->frames.index = 0;
+    view->frames.count = group.depth;
+    memcpy(view->frames.frames, group.frames, static_cast<size_t>(group.depth) * sizeof(jvmtiFrameInfo));
+}
+
+bool Holds(const QorFrameRecord &frame, const char *text) {
+    char call[2 * NAME_SIZE + 3];
+    snprintf(call, sizeof call, "%s->%s", frame.className, frame.method);
+    return strstr(call, text) != nullptr;
+}
+
+// Whether the class is the JDK's: its frames are above the application's in every wait, whatever the rules
+// say.
+bool IsOfJdk(const char *className) {
+    for (const char *start : {"java.", "jdk.", "sun."})
+        if (strncmp(className, start, strlen(start)) == 0)
+            return true;
+    return false;
+}
+
+// What is known of a group's frames so far.
+struct GroupReading {
+    VirtualView *view;
+    QorThreadRecord thread;
+    bool callFound, isIdle, isWanted;
+    QorText *call; // where the current call goes, or null
+};
+
+void ReadGroupFrame(GroupReading *reading, const QorFrameRecord &frame) {
+    GetThreadEnhancedState(&frame, &reading->thread);
+    reading->isWanted = reading->isWanted || Holds(frame, reading->view->wanted);
+    const bool isUserCall = frame.callType != 0 && !IsOfJdk(frame.className);
+    if (reading->callFound || (!isUserCall && frame.frameIndex != 0))
+        return;
+    reading->callFound = isUserCall;
+    reading->isIdle = reading->isIdle || checkCurrCall(frame.className, frame.method) == 0;
+    if (!reading->call)
+        return;
+    QorTextCut(reading->call, 0);
+    QorAppendFrameGroup(reading->call, &frame, null_str, null_str);
+}
+
+// Decides about a group by its frames; leaves in `call`, if one is wanted, the frame group of its current
+// call.
+GroupFacts ReadGroup(VirtualView *view, const QorVirtualGroup &group, QorText *call) {
+    GroupReading reading = {view, {}, false, false, !view->wanted, call};
+    reading.thread.state = group.state;
+    UseFrames(view, group);
+    QorFrameHandle &frames = view->frames;
+    reading.isIdle = QorRefineUnmounted(&frames, &reading.thread);
+    for (frames.index = 0; frames.index < frames.count; frames.index++) {
+        QorFrameShape *shape = QorFindFrameShape(&frames);
+        if (!shape)
+            break;
+        QorFrameRecord frame = shape->frame;
+        frame.frameIndex = frames.index;
+        ReadGroupFrame(&reading, frame);
+    }
+    const int32_t state = reading.isIdle ? STATE_OBJECT_WAIT : reading.thread.state;
+    return {state, reading.isWanted, reading.isWanted && (!reading.isIdle || trace_all_threads)};
+}
+
+// The states in the order of the summary.
+constexpr QorThreadState COUNTED[] = {STATE_RUNNABLE, STATE_DB_WAIT,     STATE_LOCK,     STATE_NETWORK_WAIT,
+                                      STATE_IO_WAIT,  STATE_OBJECT_WAIT, STATE_SLEEPING, STATE_RMI_WAIT};
+
+void AppendHead(VirtualView *view, const char *note) {
+    const QorVirtualSample &sample = view->sample;
+    const int32_t cut = (sample.cut ? CUT_BY_TIME_OR_THREADS : 0) |
+                        (view->matching > view->mostGroups || sample.groupsCut ? CUT_BY_ROWS : 0);
+    for (const int64_t number : {sample.count, sample.inExecutors, sample.mounted, sample.sampled,
+                                 int64_t{view->matching}, int64_t{cut}})
+        QorAppendNumberField(view->reply, number);
+    QorAppendField(view->reply, note ? note : null_str);
+    int32_t other = 0;
+    for (const int32_t count : view->states)
+        other += count;
+    for (const QorThreadState state : COUNTED) {
+        QorAppendNumberField(view->reply, view->states[state]);
+        other -= view->states[state];
+    }
+    QorTextAppendNumber(view->reply, other);
+    QorTextAppendChar(view->reply, RECORD_END);
+}
+
+void AppendKey(QorText *out, int64_t tid) {
+    char key[THREAD_KEY_SIZE];
+    if (tid != 0)
+        QorFormatThreadKey(key, getpid(), tid);
+    QorAppendField(out, tid != 0 ? key : null_str);
+}
+
+void AppendState(QorText *out, int32_t state) {
+    char text[STATE_TEXT_SIZE];
+    mapQorThreadState2String(state, text);
+    QorTextAppend(out, text);
+    if (state == STATE_DB_WAIT)
+        QorTextAppend(out, QorEmptyDatabaseBlock());
+    else if (state == STATE_RMI_WAIT)
+        QorTextAppend(out, QorEmptyRmiBlock());
+}
+
+// False when the group has no room: nothing of it is written.
+bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
+    QorText *out = view->reply, call;
+    const int32_t start = out->length;
+    QorTextStart(&call, console_frame_buf, CONSOLE_BUF_SIZE);
+    const GroupFacts facts = ReadGroup(view, group, &call);
+    QorAppendNumberField(out, group.count);
+    AppendKey(out, group.tid);
+    QorAppendField(out, null_str); // request
+    QorAppendField(out, null_str);
+    QorAppendField(out, OrPlaceholder(group.waitsFor));
+    AppendKey(out, group.owner);
+    QorAppendField(out, OrPlaceholder(group.container));
+    QorAppendNumberField(out, group.depth);
+    if (call.length > 0) {
+        QorTextAppend(out, call.text, call.length);
+        QorTextAppendChar(out, FIELD_SEP);
+    }
+    for (int32_t i = 0; call.length == 0 && i < CALL_FIELDS; i++)
+        QorAppendField(out, null_str);
+    AppendState(out, facts.state);
+    QorTextAppendChar(out, RECORD_END);
+    if (!out->refused && out->size - out->length > 1)
+        return true;
+    QorTextCut(out, start);
+    return false;
+}
+
+bool AppendStack(VirtualView *view, const QorVirtualGroup &group) {
+    QorText *out = view->reply;
+    const int32_t start = out->length;
+    char id[24];
+    const int32_t idLength = snprintf(id, sizeof id, "%d", static_cast<int32_t>(group.tid));
+    UseFrames(view, group);
+    QorTextAppend(out, TITLE_CALL_STACK);
+    for (view->frames.index = 0; view->frames.index < view->frames.count; view->frames.index++)
+        if (QorFrameShape *shape = QorFindFrameShape(&view->frames))
+            QorAppendStackRow(out, shape, id, idLength, view->frames.index);
+    QorTextAppendChar(out, SECTION_END);
+    if (!out->refused)
+        return true;
+    QorTextCut(out, start);
+    return false;
+}
+
+void CountStates(VirtualView *view) {
+    for (int32_t i = 0; i < view->sample.groupCount; i++) {
+        view->facts[i] = ReadGroup(view, view->sample.groups[i], nullptr);
+        view->matching += view->facts[i].isShown;
+        if (view->facts[i].isCounted)
+            view->states[view->facts[i].state] += view->sample.groups[i].count;
+    }
+}
+
+// Calls `append` for each group that is shown until one has no room.
+void ForShownGroups(VirtualView *view, bool (*append)(VirtualView *, const QorVirtualGroup &)) {
+    int32_t shown = 0;
+    for (int32_t i = 0; i < view->sample.groupCount && shown < view->mostGroups; i++) {
+        if (!view->facts[i].isShown)
+            continue;
+        shown++;
+        if (append(view, view->sample.groups[i]))
+            continue;
+        qorReplyIsCut = true;
+        return;
+    }
+}
+
+void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
+    const int64_t now = qorLocalWalkClock();
+    const bool isDue = QorHandTimeLeft(now) > 0;
+    if (QorSampleVirtualThreads(limits, !isDue, &view->sample) != 0)
+        QorLogNoFrame(LOG_ERROR);
+    if (isDue)
+        QorCountHandTime(now, now + view->sample.stopUsec);
+    QorStartFrameShapes();
+    CountStates(view);
+    const char *note = view->sample.rootIsListed ? nullptr : NOT_TRACKED;
+    AppendHead(view, isDue ? note : OVER_QUOTA);
+    ForShownGroups(view, AppendGroup);
+    QorTextAppendChar(view->reply, SECTION_END);
+    if (poll_details)
+        ForShownGroups(view, AppendStack);
+    QorFreeVirtualSample(&view->sample);
+}
+
+} // namespace
+
+void QorShowVirtualThreadsRequest(uint32_t, QorText *reply, char **args) {
+    static VirtualView view;
+    view.reply = reply;
+    view.wanted = args[3] && args[3][0] ? args[3] : nullptr;
+    view.mostGroups = Argument(args, 0, VIRTUAL_GROUPS);
+    if (view.mostGroups == 0)
+        view.mostGroups = GROUPS_SHOWN;
+    view.matching = 0;
+    memset(view.states, 0, sizeof view.states);
+    QorAppendTitle(reply, TITLE_VIRTUAL_THREADS);
+    const QorVirtualState state = QorLookUpVirtual();
+    if (state == VIRTUAL_OFF) {
+        QorAppendNoVirtualThreads(reply, QorVirtualOffReason());
+    } else if (state == VIRTUAL_NONE_YET) {
+        view.sample = {};
+        AppendHead(&view, nullptr);
+        QorTextAppendChar(reply, SECTION_END);
+    } else {
+        AppendSample(&view,
+                     {Argument(args, 1, VIRTUAL_MOST_THREADS), Argument(args, 2, LONGEST_MILLISECONDS)});
+    }
+}

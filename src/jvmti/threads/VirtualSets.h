@@ -1,0 +1,48 @@
+// Virtual threads, found in the JDK's lists of them.
+//
+// The JDK keeps each started virtual thread in one container: the root, an executor or a structured scope.
+// Root and executors are reached from ThreadContainers, scopes from the thread that opened them. Each list is
+// a set on a ConcurrentHashMap, whose table is read as it is: the application goes on adding and removing, so
+// a thread that starts or ends meanwhile may be missed. No Java code runs, nothing is allocated in the JVM
+// and no lock is taken.
+//
+// Worker only, after QorLookUpVirtual has answered VIRTUAL_READY, within a local frame of
+// VIRTUAL_WALK_REFERENCES and what the visitor keeps: a walk opens none, so that the visitor's references
+// last.
+#pragma once
+
+#include <cstdint>
+#include <jni.h>
+
+enum : int32_t { VIRTUAL_WALK_REFERENCES = 4000 }; // nearly all for the platform threads
+
+struct QorVirtualCounts {
+    int64_t all;         // of the root and of executors, by the maps' own counters
+    int64_t inExecutors; // of those
+    bool rootIsListed;   // false: the root only counts its threads (jdk.trackAllThreads=false)
+};
+QorVirtualCounts QorCountVirtualThreads();
+
+// A walk. Of sets that are too large for it a part is visited, from all over the table: threads that are
+// neighbours there were started together and mostly do the same.
+struct QorVirtualWalk {
+    bool (*visit)(void *data, jobject thread); // false ends the walk; the reference is the walk's
+    void *data;
+    int64_t most;     // threads to visit
+    int64_t deadline; // of CLOCK_MONOTONIC, in microseconds
+
+    int64_t visited,
+        inScopes; // threads; those of structured scopes, which QorCountVirtualThreads doesn't see
+    bool cut;     // some weren't visited
+    // The walk's own.
+    int64_t expected; // threads in the sets to come
+    uint64_t random;
+    int32_t depth;
+    bool ended;
+};
+
+// Visits threads until one of the limits; the caller has set the first four members, all others are 0.
+void QorWalkVirtualThreads(QorVirtualWalk *walk);
+
+// Microseconds of CLOCK_MONOTONIC.
+int64_t QorVirtualClock();
