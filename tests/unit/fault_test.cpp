@@ -14,7 +14,6 @@
 #include "qorsettings.h"
 
 #include <csignal>
-#include <fstream>
 #include <sys/mman.h>
 #include <thread>
 
@@ -36,8 +35,8 @@ void JvmsOwn(int, siginfo_t *, void *) {
     _exit(JVM_HANDLER);
 }
 
-void JvmsOwnBus(int, siginfo_t *, void *) {
-    _exit(JVM_HANDLER);
+void JvmsOwnBus(int signal, siginfo_t *info, void *context) {
+    JvmsOwn(signal, info, context);
 }
 
 // ---- The guard: the JVM's handler asks its table for the action before it ----
@@ -72,30 +71,22 @@ int32_t Guarded(void (*call)()) {
 
 // ---- The agent's handler ----
 
-// In the process of a case: the handler armed for the three signals over a handler of the JVM's.
+// In the process of a case: the handler armed over one of the JVM's.
 void Arm() {
     struct sigaction jvms = {};
     jvms.sa_sigaction = JvmsOwn;
     jvms.sa_flags = SA_SIGINFO;
     init_cpu(); // for thread ids
     QorPrepareFaultHandler({QorReplaceWorker, QorWorkerGone});
-    for (int sig : {SIGSEGV, SIGBUS, SIGILL})
+    for (int sig : {SIGSEGV, SIGBUS})
         sigaction(sig, &jvms, nullptr);
     sigaction(SIGSEGV, &segv_qor, &segv_old);
     sigaction(SIGBUS, &busv_qor, &busv_old);
-    sigaction(SIGILL, &segv_qor, nullptr);
     static char page[PAGEBUF_SIZE];
     pagebuf = page;
     offsetind = 6;
     ch_pid = qor_current_thread_id();
-    prev_ch_pid = 0;
     QorOpenChannel();
-}
-
-// A request is being served on this thread.
-void InRequest() {
-    sigJumpThread = qor_current_thread_id();
-    qorlocks[1] = 1;
 }
 
 } // namespace
@@ -141,21 +132,6 @@ TEST(GuardedCall, AFaultThatFellThroughEndsTheChaining) {
               0);
 }
 
-TEST(OwnHandler, AForeignThreadsFaultGoesToTheJvm) {
-    const auto end = [](void (*fault)(), void (*before)(int)) {
-        return InChild([=] {
-            Arm();
-            ch_pid = 1;
-            if (before)
-                segv_old.sa_handler = before;
-            fault();
-        });
-    };
-    EXPECT_EQ(end(Bus, nullptr), JVM_HANDLER);
-    EXPECT_EQ(end(Segv, nullptr), JVM_HANDLER);
-    EXPECT_EQ(end(Segv, SIG_IGN), -SIGSEGV) << "it must not be met for ever";
-}
-
 // A request that faults is answered with what there is, and the worker is back at its loop, with the signals
 // unblocked for the next time.
 TEST(OwnHandler, AFaultOfTheWorkerEndsTheRequest) {
@@ -166,7 +142,8 @@ TEST(OwnHandler, AFaultOfTheWorkerEndsTheRequest) {
                       if (sigsetjmp(sig_jump, 1) != 0)
                           landed = landed + 1;
                       if (landed < 2) {
-                          InRequest();
+                          sigJumpThread = qor_current_thread_id(); // a request is being served on it
+                          qorlocks[1] = 1;
                           fault();
                       }
                       EXPECT_EQ(landed, 2);
@@ -175,32 +152,7 @@ TEST(OwnHandler, AFaultOfTheWorkerEndsTheRequest) {
                       if (testing::Test::HasFailure())
                           return;
                       sigJumpThread = 0;
-                      fault(); // outside its loop it has no way back
+                      fault(); // outside its loop it has no way back: the JVM's
                   }),
                   JVM_HANDLER);
-}
-
-// After an illegal instruction another worker serves, with no signal blocked.
-TEST(OwnHandler, AnIllegalInstructionReplacesTheWorker) {
-    EXPECT_EQ(InChild([] {
-                  Arm();
-                  int32_t first = 0;
-                  std::thread([&first] {
-                      ch_pid = first = qor_current_thread_id();
-                      InRequest();
-                      snprintf(buf, sizeof buf, "4|x");
-                      __asm__ volatile("ud2");
-                  }).join();
-                  EXPECT_EQ(prev_ch_pid, first);
-                  EXPECT_EQ(qorlocks[1], 0);
-                  EXPECT_STREQ(buf, "");
-                  while (ch_pid == first)
-                      usleep(1000);
-                  std::ifstream status("/proc/self/task/" + std::to_string(ch_pid) + "/status");
-                  std::string line;
-                  while (line.rfind("SigBlk:", 0) != 0 && std::getline(status, line)) {
-                  }
-                  EXPECT_EQ(line, "SigBlk:\t0000000000000000");
-              }),
-              0);
 }

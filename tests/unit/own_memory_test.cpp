@@ -37,28 +37,19 @@ void ReadAround() {
     munmap(page + size, size);
     const auto start = reinterpret_cast<uint64_t>(page);
     uint64_t value = 0;
-    for (uint64_t offset : {size_t{0}, size_t{1237}, size - 8}) {
-        EXPECT_TRUE(QorReadOwnMemory(start + offset, &value, sizeof value)) << offset;
-        EXPECT_EQ(memcmp(&value, page + offset, sizeof value), 0) << offset;
-    }
-    for (uint64_t address : {start + size - 7, start + size, uint64_t{0}, uint64_t{0x530}, UINT64_MAX - 3,
-                             uint64_t{0xdead000000000000}})
+    EXPECT_TRUE(QorReadOwnMemory(start + size - 8, &value, sizeof value));
+    EXPECT_EQ(memcmp(&value, page + size - 8, sizeof value), 0);
+    for (uint64_t address :
+         {start + size - 7, start + size, uint64_t{0}, UINT64_MAX - 3, uint64_t{0xdead} << 48})
         EXPECT_FALSE(QorReadOwnMemory(address, &value, sizeof value)) << address;
     munmap(page, size);
 }
 
 } // namespace
 
-TEST(OwnMemory, ReadsWhatIsThereAndNeverFaults) {
-    ReadAround();
-    uint64_t value = 0;
-    void *forbidden = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    EXPECT_FALSE(QorReadOwnMemory(reinterpret_cast<uint64_t>(forbidden), &value, sizeof value));
-    munmap(forbidden, 4096);
-}
-
 TEST(OwnMemory, IsReadByOneKeptDescriptorWhereTheCallIsForbidden) {
     EXPECT_EQ(InChild([] {
+                  ReadAround();
                   const int before = OpenDescriptors();
                   ASSERT_TRUE(ForbidSystemCall());
                   const int next = dup(0);

@@ -87,10 +87,9 @@ TEST(Records, TitleIsTheFirstRowThatApplies) {
         int32_t details, trace;
         const char *title;
     } rows[] = {
-        {0x2180, 0, 0, "JVM Memory Activity"},  {0x2100, 0, 0, "Thread Info Summary"},
-        {0xa000, 16, 0, "JVM Active Threads"},  {0x200, 0, 0, "Thread Info Details"},
-        {0x800, 0, 0, "Thread Holding Lock"},   {0x8000, 0, 0, "JVM Active Threads"},
-        {0x8000, 0, 32, "Thread Info Details"}, {0x8000, 16, 0, "Thread Info Details"},
+        {0x2180, 0, 0, "JVM Memory Activity"},  {0xa000, 16, 0, "JVM Active Threads"},
+        {0x8000, 0, 0, "JVM Active Threads"},   {0x8000, 0, 32, "Thread Info Details"},
+        {0x8000, 16, 0, "Thread Info Details"},
     };
     for (const auto &row : rows) {
         const Restore details(poll_details, row.details), trace(trace_single_thread_details, row.trace);

@@ -23,17 +23,11 @@ std::unique_ptr<char[]> Exact(const std::string &text) {
 
 TEST(RequestText, NumbersEndAtABarAndWrap) {
     const std::pair<const char *, uint32_t> numbers[] = {
-        {"8192|ARG", 8192}, {"", 0},    {"|", 0},
-        {"4294967297", 1},  {"1a", 59}, {"-1", 4294967267u}, // ('-' - '0') * 10 + 1: nothing is validated
-    };
+        {"8192|ARG", 8192}, {"", 0}, {"4294967297", 1}, {"-1", 4294967267u}}; // ('-' - '0') * 10 + 1
     for (const auto &[text, value] : numbers)
         EXPECT_EQ(QorParseNumber(Exact(text).get()), value) << text;
     const std::pair<const char *, uint64_t> addresses[] = {
-        {"7fFf00a9", 0x7fff00a9},
-        {"", 0},
-        {"1ffffffffffffffff", ~uint64_t{0}},
-        {"0x10", ((uint64_t{'x'} - 87) * 16 + 1) * 16},
-    };
+        {"7fFf00a9", 0x7fff00a9}, {"", 0}, {"1ffffffffffffffff", ~uint64_t{0}}};
     for (const auto &[text, value] : addresses)
         EXPECT_EQ(atoqoraddr(Exact(text).get()), value) << text;
 }
@@ -46,9 +40,7 @@ TEST(RequestText, ArgumentsGoToTheirSlots) {
     } rows[] = {
         {"ARG=x,8=a,0=,3=b", 3, {{8, "a"}, {0, ""}, {3, "b"}}},
         {"ARG=x,0=a,b,c=d,1=e", 2, {{0, "a,b,c=d"}, {1, "e"}}},
-        {"ARG=x,0=a|b,1=c|d", 2, {{0, "a|b"}, {1, "c|d"}}},
         {"ARG=x,9=a,0=b", 1, {{0, "b"}}},
-        {"ARG=x,0=a,0=b", 2, {{0, "b"}}},
         {"ARG=0=a", 0, {}},
         {"ARG,0", -1, {{1, "kept"}}},
     };
