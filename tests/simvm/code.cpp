@@ -151,12 +151,8 @@ Word EmitResting(Script *script) {
                   : script->rest == Rest::CALLS
                       ? EmitCompiled({scope}, [&](Assembler *a) { a->Call(EmitLeaf(scope, false)); })
                       : EmitRuntimeStub(rest, argument);
-    bool loops = script->rest == Rest::SPIN || script->rest == Rest::CALLS;
+    bool loops = Loops(script->rest);
     return EmitCompiled(frame.scopes, [&](Assembler *a) { loops ? EmitLoop(a, callee) : a->Call(callee); });
-}
-
-bool IsCompiled(FrameKind kind) {
-    return kind == FrameKind::COMPILED || kind == FrameKind::OSR;
 }
 
 // Where `caller` goes to reach that frame: by an adapter when the two are of different kinds.

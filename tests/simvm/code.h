@@ -40,6 +40,12 @@ struct Frame {
 };
 
 enum class Rest { PIPE, ACCEPT, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
+inline bool Loops(Rest rest) {
+    return rest == Rest::SPIN || rest == Rest::CALLS;
+}
+inline bool IsCompiled(FrameKind kind) {
+    return kind == FrameKind::COMPILED || kind == FrameKind::OSR;
+}
 
 // What a thread does: frames outermost first, each calling the next, the last one resting. Frames after a
 // native one are reached through a second call from the VM into Java.
@@ -82,7 +88,5 @@ Word EmitWriter(Word array, int32_t words, const std::vector<Word> &targets);
 Word BlobOf(Word pc);
 // The blobs' tables of oops, each from its first word to the end.
 const std::vector<std::pair<Word, Word>> &OopTables();
-// The VM's cache knows which of an interpreted frame's locals are objects.
-bool IsMapped(const Scope &scope);
 
 } // namespace simvm

@@ -1,12 +1,10 @@
 // What the agent finds in the simulated VM's heap, compared with the heap's description.
 #include "heap.h"
-#include "storm.h"
 #include "with_scene.h"
 
 #include "heaptraverse/heap_census.h"
 #include "qorrequest.h"
 
-#include <random>
 #include <set>
 
 using namespace simvm;
@@ -163,44 +161,5 @@ TEST(HeapUse, FollowsTheFromSpaceAndIsToldWithEachRefusal) {
         copies = 0;
         EXPECT_EQ(Untimed(Ask("4|showmem|512|")), TableText() + CollectionsText());
         EXPECT_EQ(copies, 2);
-    });
-}
-
-// Words of the heap's own structures hold anything: the figures are wrong, and right again afterwards.
-TEST(SpoiltHeap, HarmsNobody) {
-    Options options;
-    options.collector = Collector::CONCURRENT;
-    WithScene("nothing", options, [](Scene &) {
-        FillHeap(TRICKY_HEAP, 11);
-        std::mt19937 random(3);
-        const Word structures[] = {vm.heap, vm.perm.structure, vm.old.structure, vm.eden.structure,
-                                   vm.from.structure};
-        for (int i = 0; i < 40; i++) {
-            Word *word = &As<Word>(structures[random() % 5]) + random() % 20;
-            if (word == &As<Word>(vm.heap) + 4) // a collection that never ends is waited for
-                continue;
-            const Word values[] = {
-                0, 1, ~Word(0), vm.perm.structure, vm.eden.top, vm.old.bottom, 0x7f5a5a5a5a58, *word + 4};
-            const Word before = *word;
-            *word = values[random() % 8];
-            const std::string usage = Ask("5|showmem|128|"), tables = Ask("5|showmem|512|");
-            *word = before;
-            EXPECT_NE(usage.find("JVM Garbage Collections"), std::string::npos) << i;
-            EXPECT_NE(tables.find("JVM Garbage Collections"), std::string::npos) << i;
-        }
-        EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
-    });
-}
-
-TEST(Storm, IsCountedWithoutHarm) {
-    WithScene("nothing", {}, [](Scene &) {
-        StartStorm({});
-        for (int i = 0; i < 20; i++) {
-            const std::string reply = Ask("1|showmem|512|");
-            EXPECT_NE(reply.find("JVM Heap Number of Objects"), std::string::npos) << reply;
-        }
-        const StormFigures figures = StopStorm();
-        EXPECT_GT(figures.collections, 0);
-        EXPECT_EQ(figures.foreignSent, figures.foreignArrived + figures.foreignMerged);
     });
 }

@@ -7,7 +7,6 @@
 // the replies and ends, else it relays until SHUTDOWN. Its status is that of the start.
 #include "agent.h"
 #include "heap.h"
-#include "objects.h"
 #include "truth.h"
 
 #include <dlfcn.h>
@@ -125,15 +124,6 @@ void Relay() {
     close(endpoint.listener);
 }
 
-void PrintTruth(const Scene &scene) {
-    for (const Runner *runner : scene.runners)
-        puts(TruthLine(*runner).c_str());
-    for (auto &[name, object] : scene.named)
-        printf("{\"name\": \"%s\", \"object\": %s}\n", name.c_str(), ObjectText(object).c_str());
-    for (auto &[server, port] : scene.ports)
-        printf("{\"name\": \"%s\", \"port\": %d}\n", server.c_str(), port);
-}
-
 int RunAgent() {
     OpenAgent();
     const int status =
@@ -165,8 +155,9 @@ int main(int count, char **words) {
     Boot(of);
     Scene scene;
     StageScene(options["--scene"], &scene);
-    if (!options["--truth"].empty())
-        PrintTruth(scene);
+    for (const Runner *runner : scene.runners)
+        if (!options["--truth"].empty())
+            puts(TruthLine(*runner).c_str());
     Script main = MainScript();
     EmitScript(&main);
     int status = 0;

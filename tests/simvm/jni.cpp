@@ -7,17 +7,15 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
 
 namespace simvm {
 
-JNINativeInterface_ jniTable;
-
 namespace {
 
+JNINativeInterface_ table;
 JNIInvokeInterface_ invocation;
 JavaVM_ javaVm;
 
@@ -27,12 +25,8 @@ struct Beside {
     std::vector<std::string> texts;
     std::vector<jlong> numbers;
 };
-std::set<Beside *> locals; // used by one thread at a time
-struct LocalFrame {        // what was in use when it was pushed
-    int32_t handles;
-    std::set<Beside *> locals;
-};
-std::map<ThreadInfo *, std::vector<LocalFrame>> frames;
+std::vector<Beside *> locals;                   // used by one thread at a time
+std::vector<std::pair<int32_t, size_t>> frames; // handles and locals when each was pushed
 std::function<std::string(const JavaCall &)> javaSide;
 
 const char *const METHODS[] = {"currentThread()Ljava/lang/Thread;",
@@ -49,33 +43,43 @@ void Unasked() {
     fprintf(stderr, "simvm: JNI function %d was called\n", SLOT);
     abort();
 }
-template <int... SLOT>
-void FillTable(void **out, std::integer_sequence<int, SLOT...>) {
-    ((out[SLOT] = reinterpret_cast<void *>(&Unasked<SLOT>)), ...);
+template <class TABLE, int... SLOT>
+void FillTable(TABLE *out, std::integer_sequence<int, SLOT...>) {
+    ((reinterpret_cast<void **>(out)[SLOT] = reinterpret_cast<void *>(&Unasked<SLOT>)), ...);
 }
 
-Beside *BesideOf(jobject reference) {
-    return locals.count(reinterpret_cast<Beside *>(reference)) ? reinterpret_cast<Beside *>(reference)
-                                                               : nullptr;
+// The calling thread's description; ends the process when the environment is another thread's.
+ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
+    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    for (ThreadInfo *thread : vm.threads)
+        if (EnvOf(thread) == env && thread->kernelId == syscall(SYS_gettid)) {
+            if (thread->exceptionPending && !mayHaveException)
+                Fail("JNI was called with an exception pending");
+            return thread;
+        }
+    Fail("JNI was called with an environment that isn't the thread's");
+}
+
+// A function of the table, which gets its caller.
+template <bool WITH_EXCEPTION = false, class BODY, class RESULT, class... ARGUMENTS>
+void Fill(RESULT (*&slot)(JNIEnv *, ARGUMENTS...), BODY function) {
+    static const BODY body = function;
+    slot = [](JNIEnv *env, ARGUMENTS... arguments) -> RESULT {
+        return RESULT(body(Caller(env, WITH_EXCEPTION), arguments...));
+    };
+}
+
+bool IsBeside(jobject reference) {
+    return std::count(locals.begin(), locals.end(), reinterpret_cast<Beside *>(reference)) != 0;
 }
 Beside *ArrayOf(jobject reference) {
-    if (!BesideOf(reference))
-        Fail("JNI was called with something else than an array");
-    return BesideOf(reference);
+    return IsBeside(reference) ? reinterpret_cast<Beside *>(reference)
+                               : (Fail("JNI was called with something else than an array"), nullptr);
 }
-jobject NewBeside(Beside made) {
-    return reinterpret_cast<jobject>(*locals.insert(new Beside(std::move(made))).first);
-}
-template <class T>
-T NewArrayBeside(JNIEnv *env, Beside made) {
-    Caller(env);
-    return static_cast<T>(NewBeside(std::move(made)));
-}
-bool DeleteBeside(Beside *made) {
-    const bool isLocal = locals.erase(made) != 0;
-    if (isLocal)
-        delete made;
-    return isLocal;
+template <class T = jobject>
+T NewBeside(Beside made) {
+    locals.push_back(new Beside(std::move(made)));
+    return reinterpret_cast<T>(locals.back());
 }
 
 Word WordIn(jobject handle) {
@@ -93,72 +97,66 @@ Class *ClassOf(jobject mirror) {
             return &type;
     Fail("JNI was called with something else than a class");
 }
-jobject HandleOf(JNIEnv *env, Object *object) {
-    return object ? NewHandle(Caller(env), object) : nullptr;
+jobject HandleOf(ThreadInfo *caller, Object *object) {
+    return object ? NewHandle(caller, object) : nullptr;
 }
-jclass MirrorOf(JNIEnv *env, const Class &type) {
+jclass MirrorOf(ThreadInfo *caller, const Class &type) {
     Object mirror = {At(type.klass, &Klass::javaMirror), 0, 0, 'P'};
-    return static_cast<jclass>(HandleOf(env, &mirror));
+    return static_cast<jclass>(NewHandle(caller, &mirror));
 }
-template <class T>
-T Throw(JNIEnv *env) {
-    Caller(env)->exceptionPending = true;
-    return {};
+std::nullptr_t Throw(ThreadInfo *caller) {
+    caller->exceptionPending = true;
+    return nullptr;
+}
+int32_t &Handles(ThreadInfo *caller) {
+    return As<HandleBlock>(caller->handles).top;
 }
 
-// ---- the functions
-// -----------------------------------------------------------------------------------------
-
-jobject PopLocalFrame(JNIEnv *env, jobject result) {
-    ThreadInfo *caller = Caller(env, true);
-    Object *kept = BesideOf(result) ? nullptr : ObjectOf(result);
-    const LocalFrame frame = std::move(frames[caller].back());
-    frames[caller].pop_back();
-    As<HandleBlock>(caller->handles).top = frame.handles;
-    for (Beside *one : std::set<Beside *>(locals))
-        if (!frame.locals.count(one) && reinterpret_cast<jobject>(one) != result)
-            DeleteBeside(one);
-    return kept ? NewHandle(caller, kept) : BesideOf(result) ? result : nullptr;
+jobject PopLocalFrame(ThreadInfo *caller, jobject result) {
+    const bool isBeside = IsBeside(result);
+    Object *kept = isBeside ? nullptr : ObjectOf(result);
+    Handles(caller) = frames.back().first;
+    const auto end = std::remove_if(locals.begin() + frames.back().second, locals.end(), [&](Beside *one) {
+        return reinterpret_cast<jobject>(one) != result && (delete one, true);
+    });
+    locals.erase(end, locals.end());
+    frames.pop_back();
+    return isBeside ? result : HandleOf(caller, kept);
 }
 
 void FillReferences() {
-    jniTable.PushLocalFrame = [](JNIEnv *env, jint) -> jint {
-        ThreadInfo *caller = Caller(env);
-        frames[caller].push_back({As<HandleBlock>(caller->handles).top, locals});
+    Fill(table.PushLocalFrame, [](ThreadInfo *caller, jint) {
+        frames.emplace_back(Handles(caller), locals.size());
         return 0;
-    };
-    jniTable.PopLocalFrame = PopLocalFrame;
+    });
+    Fill<true>(table.PopLocalFrame, PopLocalFrame);
     // A word that follows the object, or the class's own one with its mirror.
-    jniTable.NewGlobalRef = [](JNIEnv *env, jobject handle) {
-        Caller(env);
+    Fill(table.NewGlobalRef, [](ThreadInfo *, jobject handle) -> void * {
         if (Object *object = ObjectOf(handle))
-            return reinterpret_cast<jobject>(&object->address);
-        return handle ? reinterpret_cast<jobject>(&At(ClassOf(handle)->klass, &Klass::javaMirror)) : nullptr;
-    };
-    jniTable.DeleteGlobalRef = [](JNIEnv *env, jobject) { Caller(env, true); };
-    jniTable.NewLocalRef = [](JNIEnv *env, jobject handle) { return HandleOf(env, ObjectOf(handle)); };
-    jniTable.DeleteLocalRef = [](JNIEnv *env, jobject handle) {
-        auto &block = As<HandleBlock>(Caller(env, true)->handles);
-        if (block.top && handle == reinterpret_cast<jobject>(&block.handles[block.top - 1]))
-            block.top--;
+            return &object->address;
+        return handle ? &At(ClassOf(handle)->klass, &Klass::javaMirror) : nullptr;
+    });
+    Fill<true>(table.DeleteGlobalRef, [](ThreadInfo *, jobject) {});
+    Fill(table.NewLocalRef, [](ThreadInfo *caller, jobject of) { return HandleOf(caller, ObjectOf(of)); });
+    Fill<true>(table.DeleteLocalRef, [](ThreadInfo *caller, jobject handle) {
+        const Word *last = &As<HandleBlock>(caller->handles).handles[Handles(caller) - 1];
+        if (IsBeside(handle))
+            FreeText(static_cast<jstring>(handle));
         else
-            DeleteBeside(reinterpret_cast<Beside *>(handle));
-    };
-    jniTable.IsSameObject = [](JNIEnv *env, jobject one, jobject other) -> jboolean {
-        return Caller(env) && WordIn(one) == WordIn(other);
-    };
-    jniTable.ExceptionOccurred = [](JNIEnv *env) {
-        return Caller(env, true)->exceptionPending ? reinterpret_cast<jthrowable>(&javaVm) : nullptr;
-    };
-    jniTable.ExceptionCheck = [](JNIEnv *env) -> jboolean { return Caller(env, true)->exceptionPending; };
-    jniTable.ExceptionClear = [](JNIEnv *env) { Caller(env, true)->exceptionPending = false; };
-    jniTable.ExceptionDescribe = jniTable.ExceptionClear;
+            Handles(caller) -= reinterpret_cast<const Word *>(handle) == last;
+    });
+    Fill(table.IsSameObject,
+         [](ThreadInfo *, jobject one, jobject other) { return WordIn(one) == WordIn(other); });
+    Fill<true>(table.ExceptionOccurred,
+               [](ThreadInfo *caller) { return jthrowable(caller->exceptionPending ? &javaVm : nullptr); });
+    Fill<true>(table.ExceptionCheck, [](ThreadInfo *caller) { return caller->exceptionPending; });
+    Fill<true>(table.ExceptionClear, [](ThreadInfo *caller) { caller->exceptionPending = false; });
+    table.ExceptionDescribe = table.ExceptionClear;
 }
 
-void SetObjectArrayElement(JNIEnv *env, jobjectArray array, jsize index, jobject element) {
-    Caller(env);
-    if (const Beside *text = BesideOf(element))
-        ArrayOf(array)->texts.at(index) = text->text;
+void SetObjectArrayElement(ThreadInfo *, jobjectArray array, jsize index, jobject element) {
+    if (IsBeside(element))
+        ArrayOf(array)->texts.at(index) = ArrayOf(element)->text;
     else if (element && !ObjectOf(element))
         Fail("JNI was given a stale reference");
     else
@@ -166,95 +164,91 @@ void SetObjectArrayElement(JNIEnv *env, jobjectArray array, jsize index, jobject
 }
 
 void FillArrays() {
-    jniTable.NewObjectArray = [](JNIEnv *env, jsize length, jclass, jobject) {
-        return NewArrayBeside<jobjectArray>(
-            env, {"", std::vector<Object *>(length), std::vector<std::string>(length), {}});
-    };
-    jniTable.NewLongArray = [](JNIEnv *env, jsize length) {
-        return NewArrayBeside<jlongArray>(env, {"", {}, {}, std::vector<jlong>(length)});
-    };
-    jniTable.NewByteArray = [](JNIEnv *env, jsize length) {
-        return NewArrayBeside<jbyteArray>(env, {std::string(length, 0), {}, {}, {}});
-    };
-    jniTable.GetArrayLength = [](JNIEnv *env, jarray array) {
-        Caller(env);
-        const Beside *beside = BesideOf(array);
-        return jsize(!beside ? ObjectOf(array)->values.size()
-                             : std::max(beside->objects.size(), beside->numbers.size()));
-    };
-    jniTable.GetCharArrayRegion = [](JNIEnv *env, jcharArray array, jsize start, jsize length, jchar *out) {
-        Caller(env);
+    Fill(table.NewObjectArray, [](ThreadInfo *, jsize length, jclass, jobject) {
+        return NewBeside<jobjectArray>(
+            {"", std::vector<Object *>(length), std::vector<std::string>(length), {}});
+    });
+    Fill(table.NewLongArray, [](ThreadInfo *, jsize length) {
+        return NewBeside<jlongArray>({"", {}, {}, std::vector<jlong>(length)});
+    });
+    Fill(table.NewByteArray, [](ThreadInfo *, jsize length) {
+        return NewBeside<jbyteArray>({std::string(length, 0), {}, {}, {}});
+    });
+    Fill(table.GetArrayLength, [](ThreadInfo *, jarray array) {
+        return IsBeside(array) ? std::max(ArrayOf(array)->objects.size(), ArrayOf(array)->numbers.size())
+                               : ObjectOf(array)->values.size();
+    });
+    Fill(table.GetCharArrayRegion, [](ThreadInfo *, jcharArray array, jsize start, jsize length, jchar *out) {
         for (jsize i = 0; i < length; i++)
             out[i] = jchar(ObjectOf(array)->values.at(start + i).number);
-    };
-    jniTable.GetObjectArrayElement = [](JNIEnv *env, jobjectArray array, jsize index) {
-        return HandleOf(env, ArrayOf(array)->objects.at(index));
-    };
-    jniTable.SetObjectArrayElement = SetObjectArrayElement;
-    jniTable.SetLongArrayRegion = [](JNIEnv *env, jlongArray array, jsize start, jsize length,
-                                     const jlong *from) {
-        Caller(env);
-        std::copy_n(from, length, ArrayOf(array)->numbers.begin() + start);
-    };
-    jniTable.SetByteArrayRegion = [](JNIEnv *env, jbyteArray array, jsize start, jsize length,
-                                     const jbyte *from) {
-        Caller(env);
-        ArrayOf(array)->text.replace(start, length, reinterpret_cast<const char *>(from), length);
-    };
+    });
+    Fill(table.GetObjectArrayElement, [](ThreadInfo *caller, jobjectArray array, jsize index) {
+        return HandleOf(caller, ArrayOf(array)->objects.at(index));
+    });
+    Fill(table.SetObjectArrayElement, SetObjectArrayElement);
+    Fill(table.SetLongArrayRegion,
+         [](ThreadInfo *, jlongArray array, jsize start, jsize length, const jlong *from) {
+             std::copy_n(from, length, ArrayOf(array)->numbers.begin() + start);
+         });
+    Fill(table.SetByteArrayRegion,
+         [](ThreadInfo *, jbyteArray array, jsize start, jsize length, const jbyte *from) {
+             ArrayOf(array)->text.replace(start, length, reinterpret_cast<const char *>(from), length);
+         });
 }
 
-Value FieldOf(JNIEnv *env, jobject handle, jfieldID field) {
-    Caller(env);
+Value FieldOf(jobject handle, jfieldID field) {
     return Get(ObjectOf(handle), reinterpret_cast<Field *>(field)->name);
 }
 
 void FillFields() {
-    jniTable.FindClass = [](JNIEnv *env, const char *name) {
+    Fill(table.FindClass, [](ThreadInfo *caller, const char *name) -> jclass {
         const Class *found = FindClass(name);
-        return found ? MirrorOf(env, *found) : Throw<jclass>(env);
-    };
-    jniTable.GetObjectClass = [](JNIEnv *env, jobject handle) {
-        return MirrorOf(env, *ObjectOf(handle)->type);
-    };
-    jniTable.GetFieldID = [](JNIEnv *env, jclass type, const char *name, const char *signature) {
-        for (const Field *field : FieldsOf(ClassOf(type)))
-            if (field->name == name && field->signature == signature)
-                return reinterpret_cast<jfieldID>(const_cast<Field *>(field));
-        return Throw<jfieldID>(env);
-    };
-    jniTable.GetLongField = [](JNIEnv *env, jobject handle, jfieldID field) {
-        return jlong(FieldOf(env, handle, field).number);
-    };
-    jniTable.GetIntField = [](JNIEnv *env, jobject handle, jfieldID field) {
-        return jint(FieldOf(env, handle, field).number);
-    };
-    jniTable.GetObjectField = [](JNIEnv *env, jobject handle, jfieldID field) {
-        return HandleOf(env, FieldOf(env, handle, field).object);
-    };
+        return found ? MirrorOf(caller, *found) : Throw(caller);
+    });
+    Fill(table.GetObjectClass,
+         [](ThreadInfo *caller, jobject of) { return MirrorOf(caller, *ObjectOf(of)->type); });
+    Fill(table.GetFieldID,
+         [](ThreadInfo *caller, jclass type, const char *name, const char *signature) -> jfieldID {
+             for (const Field *field : FieldsOf(ClassOf(type)))
+                 if (field->name == name && field->signature == signature)
+                     return reinterpret_cast<jfieldID>(const_cast<Field *>(field));
+             return Throw(caller);
+         });
+    Fill(table.GetLongField,
+         [](ThreadInfo *, jobject of, jfieldID field) { return FieldOf(of, field).number; });
+    Fill(table.GetIntField,
+         [](ThreadInfo *, jobject of, jfieldID field) { return FieldOf(of, field).number; });
+    Fill(table.GetObjectField, [](ThreadInfo *caller, jobject of, jfieldID field) {
+        return HandleOf(caller, FieldOf(of, field).object);
+    });
 }
 
-Method MethodOf(jmethodID method) {
-    return Method(reinterpret_cast<const char *const *>(method) - METHODS);
+void Expect(jmethodID method, Method expected) {
+    if (reinterpret_cast<const char *const *>(method) != METHODS + expected)
+        Fail("JNI called another method");
+}
+bool Is(jmethodID method, Method expected) {
+    return reinterpret_cast<const char *const *>(method) == METHODS + expected;
 }
 
-jobject CallJavaSide(JNIEnv *env, va_list arguments) {
+jobject CallStaticObjectMethod(ThreadInfo *caller, jclass, jmethodID method, va_list arguments) {
+    if (Is(method, CURRENT_THREAD))
+        return HandleOf(caller, caller->object);
+    Expect(method, JAVA_CALLS);
     JavaCall call;
     call.threads = ArrayOf(va_arg(arguments, jobject))->objects;
     call.ids = ArrayOf(va_arg(arguments, jobject))->numbers;
     call.texts = ArrayOf(va_arg(arguments, jobject))->texts;
-    call.count = va_arg(arguments, jint);
-    call.withSystem = va_arg(arguments, jint);
-    call.polling = va_arg(arguments, jint);
-    return javaSide ? NewBeside({javaSide(call), {}, {}, {}}) : Throw<jobject>(env);
+    for (int *number : {&call.count, &call.withSystem, &call.polling})
+        *number = va_arg(arguments, jint);
+    return javaSide ? NewBeside({javaSide(call), {}, {}, {}}) : Throw(caller);
 }
 
-jint CallIntMethodV(JNIEnv *env, jobject, jmethodID method, va_list arguments) {
-    Caller(env);
+jint CallIntMethod(ThreadInfo *, jobject, jmethodID method, va_list arguments) {
     const std::lock_guard<std::recursive_mutex> held(vm.lock);
-    if (MethodOf(method) == ACTIVE_COUNT)
+    if (Is(method, ACTIVE_COUNT))
         return jint(vm.threads.size());
-    if (MethodOf(method) != ENUMERATE)
-        Fail("JNI called another method that returns a number");
+    Expect(method, ENUMERATE);
     std::vector<Object *> &into = ArrayOf(va_arg(arguments, jobject))->objects;
     const size_t count = std::min(into.size(), vm.threads.size());
     for (size_t i = 0; i < count; i++)
@@ -263,32 +257,39 @@ jint CallIntMethodV(JNIEnv *env, jobject, jmethodID method, va_list arguments) {
 }
 
 void FillMethods() {
-    jniTable.GetMethodID = [](JNIEnv *env, jclass, const char *name, const char *signature) {
-        for (const char *const &method : METHODS)
-            if (std::string(name) + signature == method)
-                return reinterpret_cast<jmethodID>(const_cast<char **>(&method));
-        return Throw<jmethodID>(env);
-    };
-    jniTable.GetStaticMethodID = jniTable.GetMethodID;
-    jniTable.CallStaticObjectMethodV = [](JNIEnv *env, jclass, jmethodID method,
-                                          va_list arguments) -> jobject {
-        if (MethodOf(method) == CURRENT_THREAD)
-            return HandleOf(env, Caller(env)->object);
-        return Caller(env) && MethodOf(method) == JAVA_CALLS
-                   ? CallJavaSide(env, arguments)
-                   : (Fail("JNI called another static method"), nullptr);
-    };
-    jniTable.CallObjectMethodV = [](JNIEnv *env, jobject, jmethodID method, va_list) -> jobject {
-        if (MethodOf(method) == THREAD_GROUP)
-            return HandleOf(env, vm.threadGroup);
-        return MethodOf(method) == PARENT ? nullptr : (Fail("JNI called another method"), nullptr);
-    };
-    jniTable.CallIntMethodV = CallIntMethodV;
-    jniTable.NewObjectV = [](JNIEnv *env, jclass, jmethodID method, va_list arguments) -> jobject {
-        if (!Caller(env) || MethodOf(method) != STRING_OF_BYTES)
-            Fail("JNI called another constructor");
+    Fill(table.GetMethodID,
+         [](ThreadInfo *caller, jclass, const char *name, const char *signature) -> jmethodID {
+             for (const char *const &method : METHODS)
+                 if (std::string(name) + signature == method)
+                     return reinterpret_cast<jmethodID>(const_cast<char **>(&method));
+             return Throw(caller);
+         });
+    table.GetStaticMethodID = table.GetMethodID;
+    Fill(table.CallStaticObjectMethodV, CallStaticObjectMethod);
+    Fill(table.CallObjectMethodV, [](ThreadInfo *caller, jobject, jmethodID method, va_list) {
+        if (!Is(method, THREAD_GROUP))
+            Expect(method, PARENT);
+        return Is(method, PARENT) ? nullptr : HandleOf(caller, vm.threadGroup);
+    });
+    Fill(table.CallIntMethodV, CallIntMethod);
+    Fill(table.NewObjectV, [](ThreadInfo *, jclass, jmethodID method, va_list arguments) {
+        Expect(method, STRING_OF_BYTES);
         return NewText(ArrayOf(va_arg(arguments, jobject))->text);
-    };
+    });
+}
+
+// Of plain characters: a byte each.
+void FillTexts() {
+    Fill(table.GetStringUTFChars,
+         [](ThreadInfo *, jstring text, jboolean *) { return TextOf(text).c_str(); });
+    Fill(table.GetStringLength, [](ThreadInfo *, jstring text) { return TextOf(text).size(); });
+    Fill(table.GetStringUTFRegion, [](ThreadInfo *, jstring text, jsize start, jsize length, char *out) {
+        out[TextOf(text).copy(out, length, start)] = 0;
+    });
+    Fill(table.ReleaseStringUTFChars, [](ThreadInfo *, jstring, const char *) {});
+    Fill(table.NewStringUTF, [](ThreadInfo *, const char *text) {
+        return NewBeside<jstring>({text, {}, {}, {}});
+    });
 }
 
 jint GetEnv(JavaVM *, void **out, jint version) {
@@ -303,56 +304,23 @@ jint GetEnv(JavaVM *, void **out, jint version) {
 }
 
 void FillTables() {
-    FillTable(reinterpret_cast<void **>(&jniTable),
-              std::make_integer_sequence<int, sizeof jniTable / sizeof(void *)>());
-    FillTable(reinterpret_cast<void **>(&invocation),
-              std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
-    FillReferences();
-    FillArrays();
-    FillFields();
-    FillMethods();
-    jniTable.GetVersion = [](JNIEnv *env) -> jint { return Caller(env) ? JNI_VERSION_1_4 : 0; };
-    jniTable.GetStringUTFChars = [](JNIEnv *env, jstring text, jboolean *) {
-        return Caller(env) ? TextOf(text).c_str() : nullptr;
-    };
-    // Texts are of plain characters: a byte each.
-    jniTable.GetStringLength = [](JNIEnv *env, jstring text) -> jsize {
-        return Caller(env) ? jsize(TextOf(text).size()) : 0;
-    };
-    jniTable.GetStringUTFRegion = [](JNIEnv *env, jstring text, jsize start, jsize length, char *out) {
-        Caller(env);
-        out[TextOf(text).copy(out, length, start)] = 0;
-    };
-    jniTable.ReleaseStringUTFChars = [](JNIEnv *env, jstring, const char *) { Caller(env); };
-    jniTable.NewStringUTF = [](JNIEnv *env, const char *text) {
-        return NewArrayBeside<jstring>(env, {text, {}, {}, {}});
-    };
-    jniTable.GetJavaVM = [](JNIEnv *env, JavaVM **out) -> jint {
-        *out = &javaVm;
-        return Caller(env) ? JNI_OK : JNI_ERR;
-    };
+    FillTable(&table, std::make_integer_sequence<int, sizeof table / sizeof(void *)>());
+    FillTable(&invocation, std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
+    for (auto *fill : {FillReferences, FillArrays, FillFields, FillMethods, FillTexts})
+        fill();
+    Fill(table.GetVersion, [](ThreadInfo *) { return JNI_VERSION_1_4; });
+    Fill(table.GetJavaVM, [](ThreadInfo *, JavaVM **out) { return *out = &javaVm, JNI_OK; });
     invocation.GetEnv = GetEnv;
     javaVm.functions = &invocation;
 }
 
 } // namespace
 
-ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
-    const std::lock_guard<std::recursive_mutex> held(vm.lock);
-    for (ThreadInfo *thread : vm.threads)
-        if (EnvOf(thread) == env && thread->kernelId == syscall(SYS_gettid)) {
-            if (thread->exceptionPending && !mayHaveException)
-                Fail("JNI was called with an exception pending");
-            return thread;
-        }
-    Fail("JNI was called with an environment that isn't the thread's");
-}
-
 JNIEnv *EnvOf(ThreadInfo *thread) {
-    if (!jniTable.GetVersion)
+    if (!table.GetVersion)
         FillTables();
     Word &slot = At(thread->address, &JavaThread::jniEnv);
-    slot = reinterpret_cast<Word>(&jniTable);
+    slot = reinterpret_cast<Word>(&table);
     return reinterpret_cast<JNIEnv *>(&slot);
 }
 
@@ -363,17 +331,17 @@ const std::string &TextOf(jstring text) {
     return reinterpret_cast<Beside *>(text)->text;
 }
 void FreeText(jstring text) {
-    if (!DeleteBeside(reinterpret_cast<Beside *>(text)))
-        delete reinterpret_cast<Beside *>(text);
+    locals.erase(std::remove(locals.begin(), locals.end(), reinterpret_cast<Beside *>(text)), locals.end());
+    delete reinterpret_cast<Beside *>(text);
 }
 
 size_t LocalReferences(ThreadInfo *thread) {
-    return As<HandleBlock>(thread->handles).top + locals.size();
+    return Handles(thread) + locals.size();
 }
 
 std::vector<Object *> TakeArray(jobjectArray array) {
     const std::vector<Object *> objects = ArrayOf(array)->objects;
-    DeleteBeside(ArrayOf(array));
+    FreeText(reinterpret_cast<jstring>(array));
     return objects;
 }
 

@@ -1,4 +1,4 @@
-// The JNI function table, shared by those who fill it.
+// What tests see of the JNI that the agent is called with.
 #pragma once
 
 #include "simvm.h"
@@ -6,11 +6,6 @@
 #include <functional>
 
 namespace simvm {
-
-extern JNINativeInterface_ jniTable;
-
-// The calling thread's description; ends the process when the environment is another thread's.
-ThreadInfo *Caller(JNIEnv *env, bool mayHaveException = false);
 
 // What the Java side is called with, for the threads of a reply.
 struct JavaCall {

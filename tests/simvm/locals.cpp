@@ -1,19 +1,15 @@
 // Where a frame's receiver, arguments and locals are, by the interpreter's rules and by the compiler's.
 #include "emit.h"
 
+#include <set>
+
 namespace simvm {
 
 namespace {
 
 constexpr int CACHE_ENTRIES = 32, ENTRY_STRIDE = 16, MASK_BITS = 32;
 
-// The caches of classes as they were filled, by entry.
-struct CacheUse {
-    const MethodInfo *method;
-    int32_t bci;
-    uint32_t mask;
-};
-std::map<Class *, std::map<int, CacheUse>> caches;
+std::map<Class *, std::set<int>> caches; // entries of classes' caches that are filled
 
 // What one slot holds. Which of a long's two slots has the value isn't known: both do.
 struct Slot {
@@ -107,7 +103,7 @@ uint32_t MaskOf(const Scope &scope) {
 void FillCache(const Scope &scope) {
     Class *holder = scope.method->holder;
     int entry = int(HashOf(*scope.method, scope.bci) % CACHE_ENTRIES);
-    std::map<int, CacheUse> &used = caches[holder];
+    std::set<int> &used = caches[holder];
     if (used.count(entry) || used.count(entry - 1) || used.count(entry + 1))
         return;
     Word &cache = At(holder->klass, &Klass::oopMapCache);
@@ -115,11 +111,10 @@ void FillCache(const Scope &scope) {
         cache = Allocate(sizeof(OopMapCache));
         As<OopMapCache>(cache).entries = Allocate(CACHE_ENTRIES * ENTRY_STRIDE + sizeof(OopMapEntry));
     }
-    uint32_t mask = MaskOf(scope);
     auto &made = As<OopMapEntry>(As<OopMapCache>(cache).entries + entry * ENTRY_STRIDE);
     made.method = scope.method->oop;
-    made.mask = mask;
-    used[entry] = {scope.method, scope.bci, mask};
+    made.mask = MaskOf(scope);
+    used.insert(entry);
 }
 
 } // namespace
@@ -134,14 +129,6 @@ std::vector<std::string> ArgumentsOf(const MethodInfo &method) {
         at = end;
     }
     return arguments;
-}
-
-bool IsMapped(const Scope &scope) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    const std::map<int, CacheUse> &used = caches[scope.method->holder];
-    auto found = used.find(int(HashOf(*scope.method, scope.bci) % CACHE_ENTRIES));
-    return found != used.end() && found->second.method == scope.method && found->second.bci == scope.bci &&
-           found->second.mask == MaskOf(scope);
 }
 
 int InterpreterLocals(const Scope &scope) {

@@ -1,8 +1,6 @@
 // Objects and their values: each is described first and then written.
 #include "objects.h"
 
-#include <cstdio>
-
 namespace simvm {
 
 namespace {
@@ -228,16 +226,6 @@ std::u16string CharsOf(const Object *text) {
     for (size_t i = from; i < from + count && i < chars->values.size(); i++)
         out.push_back(char16_t(chars->values[i].number));
     return out;
-}
-
-std::string ObjectText(const Object *object) {
-    char address[32];
-    snprintf(address, sizeof address, "%lx", object->address);
-    std::string fields;
-    for (const Field *field : FieldsOf(object->type))
-        fields += (fields.empty() ? "" : ", ") + ("{\"name\": \"" + field->name) + "\"}";
-    return "{\"address\": \"" + std::string(address) + "\", \"class\": \"" + object->type->name + "\"" +
-           (object->type->name[0] == '[' ? "" : ", \"fields\": [" + fields + "]") + "}";
 }
 
 } // namespace simvm

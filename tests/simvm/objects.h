@@ -26,7 +26,5 @@ Object *NewTable(const std::string &className, int32_t buckets, const std::vecto
 
 // Of a String, a char[] or a StringBuffer, from the description.
 std::u16string CharsOf(const Object *text);
-// An object's address, class and fields as JSON.
-std::string ObjectText(const Object *object);
 
 } // namespace simvm

@@ -15,7 +15,7 @@ inline std::string Key(const ThreadInfo &thread) {
 }
 
 inline bool Loops(const Runner &runner) {
-    return runner.script->rest == Rest::SPIN || runner.script->rest == Rest::CALLS;
+    return Loops(runner.script->rest);
 }
 
 // A poll with stacks, by key.

@@ -249,19 +249,24 @@ void SceneText::ReadLine(const std::string &line) {
     }
 }
 
-void SceneText::Read(const std::string &text) {
+std::vector<std::string> WholeLines(const std::string &text) {
     std::istringstream lines(text);
-    std::string whole;
+    std::vector<std::string> whole;
     for (std::string line; std::getline(lines, line);) {
         line = line.substr(0, line.find("# "));
         if (Trimmed(line).empty())
             continue;
-        if (line[0] != ' ' && !whole.empty())
-            ReadLine(whole);
-        whole = line[0] != ' ' ? line : whole + ' ' + Trimmed(line);
+        if (line[0] == ' ')
+            whole.back() += ' ' + Trimmed(line);
+        else
+            whole.push_back(line);
     }
-    if (!whole.empty())
-        ReadLine(whole);
+    return whole;
+}
+
+void SceneText::Read(const std::string &text) {
+    for (const std::string &line : WholeLines(text))
+        ReadLine(line);
 }
 
 } // namespace simvm

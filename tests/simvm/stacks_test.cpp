@@ -6,7 +6,6 @@
 #include "qorutil/vm_reader.h"
 #include "sunprint/stack_steps.h"
 
-#include <functional>
 #include <sys/mman.h>
 #include <thread>
 
@@ -16,62 +15,48 @@ namespace {
 
 constexpr size_t ROOM = 256 << 10, PAGE = 4096;
 constexpr Word FIXED = offsetof(InterpretedFrame, fp), WRAPPER_BELOW_FP = 48;
-constexpr int NO_ROW = -1;
 
 Word room, locked, missing; // memory of the stacks; two pages after it that nobody can read
 Word turn, compiled;        // methods
+const Word nothing = 0;
 
 Word InInterpreter() {
     return As<StubQueue>(*vm.statics.interpreterCode).start + 64;
 }
 
 // Frames from the innermost one up. Each call lays out the next one and points the last one at it.
-class Stack {
-public:
-    explicit Stack(Word thread) : top(room + PAGE) {
+struct Stack {
+    explicit Stack(Word thread)
+        : fpPlace(&At(thread, &JavaThread::anchorFp)), pcPlace(&At(thread, &JavaThread::anchorPc)) {
         memset(&As<char>(room), POISON, ROOM);
         At(thread, &JavaThread::anchorSp) = top;
-        fpPlace_ = &At(thread, &JavaThread::anchorFp);
-        pcPlace_ = &At(thread, &JavaThread::anchorPc);
     }
     // The caller's registers, as the frame laid out last has them.
-    void Link(Word fp, Word pc) {
-        *fpPlace_ = fp;
-        *pcPlace_ = pc;
-    }
-    // The frame's fp.
-    Word Interpreted() {
-        const Word frame = top, fp = frame + FIXED;
+    void Link(Word callersFp, Word pc) { *fpPlace = callersFp, *pcPlace = pc; }
+    void Interpreted() {
+        fp = top + FIXED;
         const Word bcp = At(turn, &Method::constMethod) + sizeof(ConstMethod);
-        As<InterpretedFrame>(frame) = {frame, bcp, fp, 0, 0, turn, fp + 16, 0, 0};
+        As<InterpretedFrame>(top) = {top, bcp, fp, 0, 0, turn, fp + 16, 0, 0};
         Link(fp, InInterpreter());
-        fpPlace_ = &As<Word>(fp);
-        pcPlace_ = &As<Word>(fp + 8);
+        fpPlace = &As<Word>(fp);
+        pcPlace = &As<Word>(fp + 8);
         top = fp + 16;
-        return fp;
     }
     // A frame of compiled code or of an adapter; fp is the caller's.
     void Compiled(Word blob) {
-        *pcPlace_ = EntryOf(blob) + 1;
+        *pcPlace = EntryOf(blob) + 1;
         top += 8 * Word(As<Blob>(blob).frameWords);
-        pcPlace_ = &As<Word>(top - 8);
+        pcPlace = &As<Word>(top - 8);
     }
-    // The call stub's frame, where Java frames end, and above it the wrapper. The frame's fp.
-    Word Stub() {
-        const Word fp = top + 64;
+    // The call stub's frame, where Java frames end, and above it the wrapper.
+    void Stub() {
+        fp = top + 64;
         Link(fp, *vm.statics.callStubReturn);
         As<Word>(fp - WRAPPER_BELOW_FP) = fp + 64;
         As<CallWrapper>(fp + 64) = {};
-        return fp;
     }
-    void End() {
-        Interpreted();
-        Stub();
-    }
-    Word top; // sp of the next frame
-
-private:
-    Word *fpPlace_, *pcPlace_;
+    Word fp = 0, top = room + PAGE; // of the frame laid out last; sp of the next one
+    Word *fpPlace, *pcPlace;
 };
 
 Word Adapter(int32_t words = 2) {
@@ -81,7 +66,7 @@ Word Adapter(int32_t words = 2) {
 // Code of a method with one scope, that of the method of this number; `sender` is its caller's scope. Before
 // and after the table of one method is the same method.
 constexpr int32_t SCOPE = 2;
-Word CodeOf(int32_t number, int32_t sender = NO_OFFSET) {
+Word CodeOf(int32_t number, int32_t sender = NO_OFFSET, const Word *description = nullptr) {
     BlobParts parts = {VT_NMETHOD, std::string(8, char(0xcc)), 4};
     parts.code.append(reinterpret_cast<char *>(&compiled), sizeof compiled);
     parts.oops = {compiled, compiled};
@@ -91,117 +76,89 @@ Word CodeOf(int32_t number, int32_t sender = NO_OFFSET) {
         PutCompressed(&parts.scopes, value);
     const Word blob = NewBlob(parts);
     As<Blob>(blob).oopCount = 1;
+    if (description)
+        At(blob, &Blob::pcDescCache) = *description;
     return blob;
 }
 
-Word DescribedAt(Word description) {
-    const Word blob = CodeOf(1);
-    At(blob, &Blob::pcDescCache) = description;
-    return blob;
-}
-
-struct Case {
-    const char *name;
-    int frames;
-    std::function<void(Stack *)> lay;
+// What a word of a case lays out, or does to what was laid out last.
+const std::map<std::string, void (*)(Stack &)> WORDS = {
+    {"i", [](Stack &s) { s.Interpreted(); }},
+    {"stub", [](Stack &s) { s.Stub(); }},
+    {"adapter", [](Stack &s) { s.Compiled(Adapter()); }},
+    {"flat", [](Stack &s) { s.Compiled(Adapter(0)); }},
+    {"freed",
+     [](Stack &s) {
+         const Word blob = Adapter();
+         s.Compiled(blob);
+         As<HeapBlock>(blob - sizeof(HeapBlock)).used = 0;
+     }},
+    {"code", [](Stack &s) { s.Compiled(CodeOf(1)); }},
+    {"code-0", [](Stack &s) { s.Compiled(CodeOf(0)); }},
+    {"code-2", [](Stack &s) { s.Compiled(CodeOf(2)); }},
+    {"code-0-in-itself", [](Stack &s) { s.Compiled(CodeOf(0, SCOPE)); }},
+    {"code-in-itself", [](Stack &s) { s.Compiled(CodeOf(1, SCOPE)); }},
+    {"code-undescribed", [](Stack &s) { s.Compiled(CodeOf(1, NO_OFFSET, &nothing)); }},
+    {"code-missing", [](Stack &s) { s.Compiled(CodeOf(1, NO_OFFSET, &missing)); }},
+    {"code-else", [](Stack &s) { s.Compiled(CodeOf(1, NO_OFFSET, &room)); }},
+    {"to-nothing", [](Stack &s) { s.Link(0, InInterpreter()); }},
+    {"to-locked", [](Stack &s) { s.Link(locked + FIXED, InInterpreter()); }},
+    {"to-missing", [](Stack &s) { s.Link(missing + FIXED, InInterpreter()); }},
+    {"to-first",
+     [](Stack &s) {
+         As<Word>(s.fp - 8) = room + PAGE; // the caller's sp
+         s.Link(room + PAGE + FIXED, InInterpreter());
+     }},
+    {"far-monitors", [](Stack &s) { As<Word>(s.fp - FIXED) += 1ul << 60; }},
+    {"low-monitors", [](Stack &s) { As<Word>(s.fp - FIXED) -= 16; }},
+    {"unwrapped", [](Stack &s) { As<Word>(s.fp - WRAPPER_BELOW_FP) = 0; }},
+    {"leads-here",
+     [](Stack &s) {
+         At(s.fp + 64, &CallWrapper::anchorSp) = s.top;
+         At(s.fp + 64, &CallWrapper::anchorFp) = s.fp;
+     }},
+    {"is-itself",
+     [](Stack &s) {
+         const Word self = s.fp - WRAPPER_BELOW_FP;
+         As<Word>(self) = At(self, &CallWrapper::anchorSp) = self;
+         At(self, &CallWrapper::anchorFp) = s.fp;
+         As<Word>(self - 8) = *vm.statics.callStubReturn;
+     }},
 };
-// A caller of compiled code.
-Case CodeCase(const char *name, int frames, Word (*code)()) {
-    return {name, frames, [code](Stack *s) {
-                s->Compiled(code());
-                s->End();
-            }};
-}
-// An interpreted frame, and what it says of its caller or of its monitors.
-Case LinkCase(const char *name, int frames, Word fp) {
-    return {name, frames, [fp](Stack *s) {
-                s->Interpreted();
-                s->Link(fp, InInterpreter());
-            }};
-}
-Case MonitorCase(const char *name, Word shift) {
-    return {name, 2, [shift](Stack *s) {
-                As<Word>(s->Interpreted() - FIXED) += shift;
-                s->End();
-            }};
-}
-Case AdapterCase(const char *name, int frames, int count) {
-    return {name, frames, [count](Stack *s) {
-                for (int i = 0; i < count; i++)
-                    s->Compiled(Adapter());
-                s->End();
-            }};
-}
 
-std::vector<Case> Cases() {
-    return {
-        {"nothing odd", 3,
-         [](Stack *s) {
-             s->Interpreted();
-             s->Interpreted();
-             s->End();
-         }},
-        {"a ring of frames", 2,
-         [](Stack *s) {
-             const Word first = s->Interpreted();
-             As<Word>(s->Interpreted() - 8) = first - FIXED; // the caller's sp
-             s->Link(first, InInterpreter());
-         }},
-        {"a wrapper that leads to the stub again", 1,
-         [](Stack *s) {
-             s->Interpreted();
-             const Word fp = s->Stub();
-             At(fp + 64, &CallWrapper::anchorSp) = s->top;
-             At(fp + 64, &CallWrapper::anchorFp) = fp;
-         }},
-        {"a wrapper that points at itself", 1,
-         [](Stack *s) {
-             s->Interpreted();
-             const Word fp = s->Stub(), self = fp - WRAPPER_BELOW_FP;
-             As<Word>(self) = At(self, &CallWrapper::anchorSp) = self;
-             At(self, &CallWrapper::anchorFp) = fp;
-             As<Word>(self - 8) = *vm.statics.callStubReturn;
-         }},
-        {"no wrapper", NO_ROW,
-         [](Stack *s) {
-             s->Interpreted();
-             As<Word>(s->Stub() - WRAPPER_BELOW_FP) = 0;
-         }},
-        {"more frames than are shown", 500,
-         [](Stack *s) {
-             for (int i = 0; i < 600; i++)
-                 s->Interpreted();
-             s->Stub();
-         }},
-        {"code without a frame", 1,
-         [](Stack *s) {
-             s->Interpreted();
-             s->Compiled(Adapter(0));
-         }},
-        {"freed code", 1,
-         [](Stack *s) {
-             s->Interpreted();
-             const Word blob = Adapter();
-             s->Compiled(blob);
-             s->End();
-             As<HeapBlock>(blob - sizeof(HeapBlock)).used = 0;
-         }},
-        LinkCase("a frame without fp", NO_ROW, 0),
-        LinkCase("a page that can't be read", NO_ROW, locked + FIXED),
-        LinkCase("a page that isn't there", NO_ROW, missing + FIXED),
-        MonitorCase("monitors far above", 1ul << 60),
-        MonitorCase("monitors below the stack", -16ul),
-        AdapterCase("many adapters", 1, 499),
-        AdapterCase("too many adapters", NO_ROW, 501),
-        CodeCase("method 1", 2, [] { return CodeOf(1); }),
-        CodeCase("method 0", 1, [] { return CodeOf(0); }),
-        CodeCase("a method that isn't in the table", 1, [] { return CodeOf(2); }),
-        CodeCase("method 0 in itself", 1, [] { return CodeOf(0, SCOPE); }),
-        CodeCase("a method in itself", 500, [] { return CodeOf(1, SCOPE); }),
-        CodeCase("no description", 1, [] { return DescribedAt(0); }),
-        CodeCase("a description that is gone", 1, [] { return DescribedAt(missing); }),
-        CodeCase("a description of something else", 1, [] { return DescribedAt(room); }),
-    };
+// How many frames are shown of which stack; none: the thread has no row.
+constexpr int NO_ROW = -1;
+const std::pair<int, const char *> CASES[] = {
+    {3, "i i i stub"},
+    {2, "i i to-first"},
+    {1, "i stub leads-here"},
+    {1, "i stub is-itself"},
+    {NO_ROW, "i stub unwrapped"},
+    {500, "i*600 stub"},
+    {1, "i flat"},
+    {1, "i freed i stub"},
+    {NO_ROW, "i to-nothing"},
+    {NO_ROW, "i to-locked"},
+    {NO_ROW, "i to-missing"},
+    {2, "i far-monitors i stub"},
+    {2, "i low-monitors i stub"},
+    {1, "adapter*499 i stub"},
+    {NO_ROW, "adapter*501 i stub"},
+    {2, "code i stub"},
+    {1, "code-0 i stub"},
+    {1, "code-2 i stub"},
+    {1, "code-0-in-itself i stub"},
+    {500, "code-in-itself i stub"},
+    {1, "code-undescribed i stub"},
+    {1, "code-missing i stub"},
+    {1, "code-else i stub"},
+};
+
+void LayOut(Stack *stack, const std::string &words) {
+    for (const std::string &word : Split(words, ' '))
+        for (int times = word.find('*') == word.npos ? 1 : stoi(word.substr(word.find('*') + 1)); times > 0;
+             times--)
+            WORDS.at(word.substr(0, word.find('*')))(*stack);
 }
 
 // What the poll shows of the odd thread, and that the others' rows are right beside it.
@@ -221,7 +178,7 @@ void ExpectCallersOfHalfBuiltFrames(Word thread) {
         Stack stack(thread);
         const Word sp = stack.top;
         stack.top += 8 + 8 * saved;
-        stack.End();
+        LayOut(&stack, "i stub");
         const Word fp = At(thread, &JavaThread::anchorFp);
         As<Word>(sp) = fp;
         As<Word>(sp + 8 * saved) = InInterpreter();
@@ -266,10 +223,10 @@ TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
         });
         while (!odd)
             usleep(100);
-        for (const Case &c : Cases()) {
+        for (auto &[frames, words] : CASES) {
             Stack stack(odd.load()->address);
-            c.lay(&stack);
-            ExpectPollWith(scene, Key(*odd), c.name, c.frames);
+            LayOut(&stack, words);
+            ExpectPollWith(scene, Key(*odd), words, frames);
         }
         ExpectCallersOfHalfBuiltFrames(odd.load()->address);
         over = true;

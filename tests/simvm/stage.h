@@ -16,6 +16,9 @@ Scope In(const std::string &holder, const std::string &name, int line, Object *r
 // A thread of the scene, at its rest.
 void Add(Scene *scene, const std::string &name, Script script);
 
+// A line that begins with a blank goes on with the one before; # begins a comment.
+std::vector<std::string> WholeLines(const std::string &text);
+
 // Reads the text of a scene. A line that begins with a blank goes on with the one before; # begins a comment.
 //   class NAME ...             as DefineClass has it
 //   let NAME TEXT              $NAME is that text from then on
@@ -36,7 +39,8 @@ class SceneText {
 public:
     explicit SceneText(Scene *scene) : scene_(scene) {}
     void Read(const std::string &text);
-    Value Make(const std::string &text); // of one value
+    Value Make(const std::string &text);                 // of one value
+    std::string Expanded(const std::string &line) const; // with the texts of its names
     void Let(const std::string &name, const std::string &text) { texts_[name] = text; }
     void Name(const std::string &name, Value value) { values_[name] = value; }
     std::vector<Frame> Frames(const std::string &text);
@@ -44,7 +48,6 @@ public:
 private:
     void ReadLine(const std::string &line);
     void ReadThread();
-    std::string Expanded(const std::string &line) const;
     char Next(); // after blanks; 0 at the end
     bool Take(const std::string &text);
     std::string Until(const char *ends);

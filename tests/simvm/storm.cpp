@@ -281,9 +281,12 @@ void AddBlobs(const Runner *runner, std::vector<Region> *out) {
 }
 
 std::vector<Region> Spoilable(const std::vector<Runner *> &runners, Word sparedThread) {
-    std::vector<Region> all = {{vm.heap, vm.heap + sizeof(CollectedHeap)}, {vm.perm.bottom, vm.perm.top}};
-    for (HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from})
+    std::vector<Region> all = {{vm.heap + offsetof(CollectedHeap, perm), vm.heap + sizeof(CollectedHeap)}};
+    for (HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from}) {
         all.push_back({space->structure, space->structure + sizeof(Space)});
+        if (space->top > space->bottom)
+            all.push_back({space->bottom, space->top});
+    }
     Word map = At(*vm.statics.codeHeap, &CodeHeap::mapLow);
     all.push_back({*vm.statics.codeHeap, *vm.statics.codeHeap + sizeof(CodeHeap)});
     all.push_back({map, map + 65536});

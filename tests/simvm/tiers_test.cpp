@@ -2,7 +2,6 @@
 // with the sockets of their connections.
 #include "poll.h"
 #include "stage.h"
-#include "storm.h"
 
 #include "platforms/own_address.h"
 #include "qorsettings.h"
@@ -12,8 +11,6 @@
 #include "sunprint/report/frame_tiers.h"
 #include "sunprint/report/jdbc_versions.h"
 
-#include <malloc.h>
-#include <random>
 #include <set>
 
 using namespace simvm;
@@ -86,30 +83,6 @@ void StaleWhatIsKept() {
     }
 }
 
-// One word of any object, or of what objects are known by; then all as it was.
-void ExpectSpoiltObjectsHarmNobody() {
-    std::mt19937_64 random(7);
-    size_t bytes = 0;
-    for (int round = 0; round < 300; round++) {
-        const Object &any = vm.objects[random() % vm.objects.size()];
-        Spoilt spoilt = {};
-        if (round % 2)
-            spoilt = Spoil(random(), {}, Self()->address);
-        else if (any.address) {
-            spoilt.address = any.address + random() % any.bytes / 8 * 8;
-            spoilt.old = As<Word>(spoilt.address);
-            const Word wild[] = {0, ~Word(0), random(), any.address, spoilt.old + 4, vm.heap};
-            As<Word>(spoilt.address) = wild[random() % std::size(wild)];
-        }
-        Rows(0x80);
-        if (spoilt.address)
-            Mend(spoilt);
-        if (round == 100)
-            bytes = mallinfo2().uordblks;
-    }
-    EXPECT_LT(mallinfo2().uordblks, bytes + 4096);
-}
-
 } // namespace
 
 TEST(DirectTiers, RowsNameTheDatabase) {
@@ -130,10 +103,6 @@ TEST(DirectTiers, RowsNameTheDatabase) {
         Set(other, "connection", connection);
         std::swap(scene.scripts[0].facts, scene.scripts[1].facts);
         std::swap(scene.scripts[0].facts["sql"], scene.scripts[1].facts["sql"]);
-        ExpectDatabases(scene);
-        ExpectSpoiltObjectsHarmNobody();
-        QorDropConnectionList(); // of what wasn't true
-        QorDropJdbcVersions();
         ExpectDatabases(scene);
         const Word handle = reinterpret_cast<Word>(&one->address); // of no String
         for (const std::string value : {"0", "1", "x", "18446744073709551615", "-8"})

@@ -1,7 +1,9 @@
 #include "truth.h"
 #include "agent.h"
+#include "heap.h"
 
 #include <algorithm>
+#include <fstream>
 
 namespace simvm {
 
@@ -10,15 +12,17 @@ namespace {
 std::string StateText(const Script &script) {
     if (!script.state.empty())
         return script.state;
-    const std::string top = ShadowStack(script)[0].method->holder->name;
-    const std::map<Rest, std::string> STATES = {{Rest::SLEEP, "Sleeping"},
-                                                {Rest::MONITOR, "Lock"},
-                                                {Rest::SPIN, "Runnable"},
-                                                {Rest::CALLS, "Runnable"}};
-    if (script.rest == Rest::PIPE)
-        return top.rfind("java/net/", 0) == 0 ? "Network Wait" : "IO Wait";
-    const auto found = STATES.find(script.rest);
-    return found == STATES.end() ? "Object Wait" : found->second;
+    const bool isNet = ShadowStack(script)[0].method->holder->name.rfind("java/net/", 0) == 0;
+    switch (script.rest) {
+    case Rest::SLEEP:
+        return "Sleeping";
+    case Rest::MONITOR:
+        return "Lock";
+    case Rest::PIPE:
+        return isNet ? "Network Wait" : "IO Wait";
+    default:
+        return Loops(script.rest) ? "Runnable" : "Object Wait";
+    }
 }
 
 std::string LockText(const Object &object) {
@@ -26,56 +30,20 @@ std::string LockText(const Object &object) {
 }
 
 // Names of a scene need no escapes.
-std::string Quoted(const std::string &text) {
-    return '"' + text + '"';
-}
-
 std::string Quoted(const std::vector<std::string> &texts) {
-    std::string out;
+    std::string out = "[";
     for (const std::string &text : texts)
-        out += (out.empty() ? "[" : ", ") + Quoted(text);
-    return out.empty() ? "[]" : out + "]";
-}
-
-Seen SeenOf(const Variable &variable, int slot, bool compiled, bool mapped) {
-    bool object = variable.value.object != nullptr;
-    if (!compiled)
-        return object && mapped && slot < 32 ? Seen::OBJECT : Seen::NUMBER;
-    if (variable.kept == Kept::STACK)
-        return object ? Seen::OBJECT : Seen::NUMBER;
-    return variable.kept == Kept::CONSTANT ? Seen::CONSTANT : Seen::NOTHING;
-}
-
-ShownFrame ShownOf(const Scope &scope, FrameKind kind) {
-    bool compiled = kind == FrameKind::COMPILED || kind == FrameKind::OSR, mapped = IsMapped(scope);
-    ShownFrame shown = {scope.method, compiled, scope.receiver, {}, {}};
-    size_t arguments = ArgumentsOf(*scope.method).size();
-    int slot = scope.method->flags & METHOD_STATIC ? 0 : 1;
-    for (const Variable &variable : scope.variables) {
-        auto &list = shown.arguments.size() < arguments ? shown.arguments : shown.locals;
-        list.push_back({variable.signature, variable.value, SeenOf(variable, slot, compiled, mapped)});
-        slot += variable.signature == "J" || variable.signature == "D" ? 2 : 1;
-    }
-    return shown;
-}
-
-std::string ArgumentsText(const ShownFrame &frame) {
-    const char *const SEEN[] = {"object", "number", "nothing", "constant"};
-    std::string out;
-    for (const ShownVariable &argument : frame.arguments)
-        out += (out.empty() ? "" : ", ") + ("{\"type\": " + Quoted(argument.signature)) +
-               ", \"seen\": " + Quoted(SEEN[int(argument.seen)]) +
-               ", \"value\": " + std::to_string(argument.value.number) + "}";
-    return "{\"arguments\": [" + out + "]}";
+        out += (out.size() == 1 ? "\"" : ", \"") + text + '"';
+    return out + "]";
 }
 
 } // namespace
 
 std::string FrameText(const Scope &scope) {
-    const std::string name = scope.method->holder->name, call = Dotted(name) + "->" + scope.method->name;
+    const std::string call = Dotted(scope.method->holder->name) + "->" + scope.method->name,
+                      &source = scope.method->holder->source;
     if (scope.method->flags & METHOD_NATIVE)
         return call + " Native Method ^";
-    const std::string &source = scope.method->holder->source;
     const int32_t line = LineOf(scope);
     return call + " " + (source.empty() ? "^" : source) + " " + (line > 3 ? std::to_string(line) : "^");
 }
@@ -84,39 +52,195 @@ Shown Truth(const Runner &runner) {
     Shown shown = {runner.info->name, StateText(*runner.script), {}, "", {}};
     std::replace(shown.name.begin(), shown.name.end(), '|', ' ');
     for (const Scope &scope : ShadowStack(*runner.script)) {
-        const std::string frame = std::to_string(shown.frames.size());
+        const bool waits = runner.script->rest == Rest::MONITOR && shown.frames.empty();
         for (Object *object : scope.monitors)
-            if (runner.script->rest == Rest::MONITOR && shown.frames.empty() &&
-                object == scope.monitors.back())
+            if (waits && object == scope.monitors.back())
                 shown.waits = LockText(*object);
             else
-                shown.locks.push_back(LockText(*object) + " " + frame);
+                shown.locks.push_back(LockText(*object) + " " + std::to_string(shown.frames.size()));
         shown.frames.push_back(FrameText(scope));
     }
     std::sort(shown.locks.begin(), shown.locks.end());
     return shown;
 }
 
-std::vector<ShownFrame> ShownFrames(const Runner &runner) {
-    std::vector<ShownFrame> shown;
-    for (const Frame &frame : runner.script->frames)
-        for (const Scope &scope : frame.scopes)
-            shown.insert(shown.begin(), ShownOf(scope, frame.kind));
-    return shown;
-}
-
 std::string TruthLine(const Runner &runner) {
     const Shown shown = Truth(runner);
-    std::string facts, details;
-    for (auto &[name, text] : runner.script->facts)
-        facts += (facts.empty() ? "" : ", ") + Quoted(name) + ": " + Quoted(text);
-    for (const ShownFrame &frame : ShownFrames(runner))
-        details += (details.empty() ? "" : ", ") + ArgumentsText(frame);
-    return "{\"id\": " + std::to_string(runner.info->kernelId) + ", \"name\": " + Quoted(shown.name) +
-           ", \"state\": " + Quoted(shown.state) + ", \"frames\": " + Quoted(shown.frames) +
-           ", \"waits\": " + Quoted(shown.waits) + ", \"locks\": " + Quoted(shown.locks) +
-           ", \"details\": [" + details + "], \"facts\": {" + facts +
-           "}, \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
+    return "{\"id\": " + std::to_string(runner.info->kernelId) + ", \"name\": \"" + shown.name +
+           "\", \"state\": \"" + shown.state + "\", \"frames\": " + Quoted(shown.frames) + ", \"waits\": \"" +
+           shown.waits + "\", \"locks\": " + Quoted(shown.locks) +
+           ", \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
+}
+
+// ---- a dump
+
+HeapDump ReadDump(const std::string &path) {
+    HeapDump dump;
+    DumpedObject *last = nullptr;
+    const Word base = RecordBase();
+    const auto address = [&](const std::string &text) {
+        const Word relative = strtoull(text.c_str(), nullptr, 16);
+        return relative ? relative + base : 0;
+    };
+    std::ifstream in(path);
+    std::string line;
+    if (std::getline(in, line))
+        dump.header = Split(line, '|');
+    while (std::getline(in, line)) {
+        const std::vector<std::string> parts = Split(line, '|');
+        const size_t count = parts.size(), isArray = line[1] == '[';
+        if (line[0] == 'S' && count > 2) {
+            const std::string &name = parts[count - 2];
+            const Word at = address(line.substr(2));
+            if (name == "thread_local" || name.rfind("interpreter_frame_", 0) == 0)
+                dump.frames[parts[1] + "|" + name + " " + Hex(at)] = at;
+            else
+                dump.roots.insert(line.substr(1, 1) + " " + name + " " + Hex(at));
+        } else if (line[0] == 'R' && last && count == 1) {
+            last->references.push_back("R " + Hex(address(line.substr(1))));
+        } else if (strchr("IL", line[0]) && last && count == 2) {
+            last->references.push_back(line.substr(0, 1) + " " + Hex(address(line.substr(1))) + ">" +
+                                       Hex(address(parts[1])));
+        } else if (strchr("POCEF", line[0]) && count > isArray + 1) {
+            DumpedObject object = {line.substr(0, 2) + "|" + parts[isArray + 1] + "|", {}};
+            if (line[1] == '1') // a symbol, whose text is the rest of the line
+                object.line += line.substr(parts[0].size() + parts[1].size() + 2) + "|";
+            for (size_t i = isArray + 2; i < count && line[1] != '1'; i++)
+                object.line += Hex(address(parts[i])) + "|";
+            object.line += isArray ? parts[0].substr(2) + "|" : "";
+            const auto [at, isNew] =
+                dump.objects.emplace(address(isArray ? parts[1] : line.substr(2)), object);
+            last = &at->second;
+            if (!isNew)
+                dump.strange.push_back("again " + line);
+        } else if (!(dump.isFinished = line.rfind(" Finished ", 0) == 0))
+            dump.strange.push_back(line);
+    }
+    for (auto &[at, object] : dump.objects)
+        if (object.line[1] == '8') // fields are in any order, elements in theirs
+            std::sort(object.references.begin(), object.references.end());
+    return dump;
+}
+
+namespace {
+
+// The lines of all objects, with what any reader knows of their kind.
+void AddObjects(HeapDump *out) {
+    const std::unordered_map<Word, char> letters = KindLetters();
+    std::unordered_map<Word, std::string> texts; // what follows an object's size; by klass, too
+    for (const auto &[text, symbol] : vm.symbols) {
+        texts[symbol] = text.substr(0, text.find('\n')) + "|";
+        const auto isPlain = [](char c) { return c >= ' ' && c <= '~'; };
+        std::string &shown = texts[symbol];
+        shown.erase(std::remove_if(shown.begin(), shown.end(), std::not_fn(isPlain)), shown.end());
+    }
+    for (const auto &[name, type] : vm.classes)
+        texts[type.klass] = Hex(vm.symbols[name]) + "|";
+    for (const MethodInfo &method : vm.methods)
+        texts[method.oop] = Hex(vm.symbols[method.name]) + "|" + Hex(vm.symbols[method.signature]) + "|";
+    for (const SpaceUse &use : UseOfSpaces())
+        for (Word at = use.space->bottom; at < use.space->top; at += 8)
+            if (const int64_t bytes = 8 * WordsOf(at)) {
+                const Word klass = As<Oop>(at).klass;
+                const char type = letters.at(klass);
+                const auto text = texts.find(strchr("8[", type) ? klass : at);
+                out->objects[at] = {{use.space->letter, type, '|'}, {}, false};
+                out->objects[at].line += Hex(bytes) + "|" + (text == texts.end() ? "" : text->second);
+            }
+}
+
+void AddReferences(const Object &from, DumpedObject *out) {
+    const bool isArray = from.type->name[0] == '[';
+    const std::vector<const Field *> fields = isArray ? std::vector<const Field *>() : FieldsOf(from.type);
+    for (size_t i = 0; i < from.values.size(); i++)
+        if (const Object *to = from.values[i].object)
+            out->references.push_back((isArray ? "R " : "I " + Hex(from.address + fields[i]->offset) + ">") +
+                                      Hex(to->address));
+    if (isArray)
+        out->line += Hex(from.values.size()) + "|";
+    else
+        std::sort(out->references.begin(), out->references.end());
+    out->isKnown = true;
+}
+
+void AddFrames(const Runner &runner, HeapDump *out) {
+    const auto add = [&, thread = Truth(runner).name + "|"](const char *name, Word address) {
+        out->frames[thread + name + " " + Hex(address)] = address;
+    };
+    for (const Frame &frame : runner.script->frames)
+        for (const Scope &scope : frame.scopes) {
+            if (!IsCompiled(frame.kind)) {
+                add("interpreter_frame_meth", scope.method->oop);
+                continue;
+            }
+            if (scope.receiver)
+                add("thread_local", scope.receiver->address);
+            for (const Object *object : scope.monitors)
+                add("thread_local", object->address);
+        }
+}
+
+std::string Text(Word address, const DumpedObject &object) {
+    std::string text = Hex(address) + ": " + object.line;
+    for (const std::string &reference : object.references)
+        text += "\n    " + reference;
+    return text;
+}
+
+bool IsSame(const DumpedObject &shown, const DumpedObject &truth) {
+    const auto &references = shown.references;
+    return truth.isKnown
+               ? shown.line == truth.line && references == truth.references
+               : shown.line.rfind(truth.line, 0) == 0 &&
+                     std::all_of(truth.references.begin(), truth.references.end(), [&](const auto &one) {
+                         return std::count(references.begin(), references.end(), one) == 1;
+                     });
+}
+
+} // namespace
+
+HeapDump TakeTruth(const std::vector<Runner *> &runners) {
+    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    HeapDump truth;
+    AddObjects(&truth);
+    for (const Object &object : vm.objects)
+        if (object.address && object.type)
+            AddReferences(object, &truth.objects[object.address]);
+    for (const auto &[name, type] : vm.classes)
+        for (const Field &field : type.fields)
+            if (field.isStatic && field.value.object)
+                truth.objects[type.klass].references.push_back("L " + Hex(type.klass + field.offset) + ">" +
+                                                               Hex(field.value.object->address));
+    for (const Root &root : AllRoots())
+        truth.roots.insert(root.letter + (" " + root.name) + " " + Hex(root.Address()));
+    for (const Runner *runner : runners)
+        AddFrames(*runner, &truth);
+    return truth;
+}
+
+std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth) {
+    constexpr size_t MOST = 20;
+    std::vector<std::string> out = dump.strange;
+    if (!dump.isFinished)
+        out.emplace_back("not finished");
+    for (const auto &[address, object] : truth.objects)
+        if (const auto shown = dump.objects.find(address); shown == dump.objects.end())
+            out.push_back("missing " + Text(address, object));
+        else if (!IsSame(shown->second, object))
+            out.push_back("is " + Text(address, shown->second) + "\n  not " + Text(address, object));
+    for (const auto &[address, object] : dump.objects)
+        if (!truth.objects.count(address))
+            out.push_back("not an object: " + Text(address, object));
+    std::set_symmetric_difference(dump.roots.begin(), dump.roots.end(), truth.roots.begin(),
+                                  truth.roots.end(), std::back_inserter(out));
+    for (const auto &[root, address] : dump.frames)
+        if (!truth.objects.count(address))
+            out.push_back("a frame's root leads nowhere: " + root);
+    for (const auto &[root, address] : truth.frames)
+        if (!dump.frames.count(root))
+            out.push_back("no root of a frame: " + root);
+    out.resize(std::min(out.size(), MOST));
+    return out;
 }
 
 } // namespace simvm

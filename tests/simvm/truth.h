@@ -1,7 +1,10 @@
-// What the agent has to show of a scene's threads, from their scripts.
+// What the agent has to show of a scene's threads, from their scripts, and what a dump has to hold, from the
+// description.
 #pragma once
 
-#include "runner.h"
+#include "roots.h"
+
+#include <set>
 
 namespace simvm {
 
@@ -15,24 +18,28 @@ struct Shown {
 
 Shown Truth(const Runner &runner);
 std::string FrameText(const Scope &scope);
-
-// How a variable can be read: as an object, as a number (of an object: its address), not at all, or as a
-// constant of the compiler's.
-enum class Seen { OBJECT, NUMBER, NOTHING, CONSTANT };
-struct ShownVariable {
-    std::string signature; // beyond the arguments nobody keeps it
-    Value value;
-    Seen seen;
-};
-struct ShownFrame {
-    const MethodInfo *method;
-    bool compiled;
-    Object *self; // null: static, or not kept
-    std::vector<ShownVariable> arguments, locals;
-};
-std::vector<ShownFrame> ShownFrames(const Runner &runner); // innermost first
-
 // The same as a line of JSON. "moving": its two innermost frames come and go.
 std::string TruthLine(const Runner &runner);
+
+// An object as "space type|bytes|class|length of an array|", of a symbol its text; and what it refers to, a
+// field as "I place>address", an element as "R address".
+struct DumpedObject {
+    std::string line;
+    std::vector<std::string> references;
+    bool isKnown = true; // else the line only begins so, and these are some of the references
+};
+// A dump file of the direct road in lines that can be compared. Addresses are the VM's.
+struct HeapDump {
+    std::vector<std::string> header, strange; // strange: lines that are nothing of the below
+    std::set<std::string> roots;              // "letter name address"
+    std::map<std::string, Word> frames;       // what frames refer to: "thread|name address"
+    std::map<Word, DumpedObject> objects;
+    bool isFinished = false;
+};
+HeapDump ReadDump(const std::string &path);
+// What a dump made now has to hold; of frames at least this.
+HeapDump TakeTruth(const std::vector<Runner *> &runners);
+// Each way in which the two differ, 20 of them at most.
+std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth);
 
 } // namespace simvm
