@@ -94,8 +94,9 @@ class Metrics(OfTheDemo):
         with open(f"{place}/prometheus.yml", "w", encoding="ascii") as config:
             config.write(text_of("prometheus.yml").replace("127.0.0.1:9464", target).replace("15s", "1s")
                          .replace("10s", "1s"))
-        self.enterContext(running("prometheus", f"--config.file={place}/prometheus.yml",
-                                  f"--storage.tsdb.path={place}/db", f"--web.listen-address=127.0.0.1:{port}"))
+        self.enterContext(running(
+            "prometheus", f"--config.file={place}/prometheus.yml", f"--storage.tsdb.path={place}/db",
+            f"--web.listen-address=127.0.0.1:{port}"))
         panels = json.loads(text_of("dashboard.json"))["panels"]
         queries = [row["expr"].replace("$jvm", ".*") for p in panels for row in p["targets"]]
         queries += [re.sub(r" (>|==) ([\d.]+)$", r" \1 bool \2", alert)
