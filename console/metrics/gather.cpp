@@ -35,6 +35,15 @@ JvmLabels LabelsOf(const Process &process) {
     return {UserName(process.euid), MainClass(process.arguments), JvmId(process.pid)};
 }
 
+// Whether an agent hasn't ended there, although it may not answer.
+bool HasAgent(pid_t pid) {
+    try {
+        return LocateEndpoint(RequireProcess(pid), false).has_value();
+    } catch (const Failure &) {
+        return false;
+    }
+}
+
 // Pairs KEY=NUMBER with blanks between them.
 std::map<std::string, int64_t> Numbers(std::string_view text) {
     std::map<std::string, int64_t> numbers;
@@ -63,14 +72,12 @@ void Gatherer::Find() {
     found_ = Clock::now();
     std::vector<Jvm> jvms;
     for (const JvmEntry &entry : ListJvms()) {
-        if (entry.agent != AgentState::RUNNING)
-            continue;
         const std::string id = JvmId(entry.pid);
         const auto known =
             std::find_if(jvms_.begin(), jvms_.end(), [&](const Jvm &jvm) { return jvm.labels.id == id; });
-        if (known != jvms_.end())
+        if (known != jvms_.end() && (entry.agent == AgentState::RUNNING || HasAgent(entry.pid)))
             jvms.push_back(std::move(*known));
-        else
+        else if (entry.agent == AgentState::RUNNING)
             jvms.push_back({entry.pid, {entry.user, entry.main_class, id}, std::nullopt});
     }
     jvms_ = std::move(jvms);
