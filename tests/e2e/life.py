@@ -191,8 +191,9 @@ class Refusals(Case):
 
     def test_usage(self):
         for words, said in (("", "qorctl --help"), ("nonsense", "no command 'nonsense'; "),
-                            ("thraeds 1", "'threads'?"), ("hist 1", "'histogram'?"), ("threads", "threads --help"),
-                            ("threads x", ""), ("threads 0", ""), ("log 1", "level is required; see qorctl log --help"),
+                            ("thraeds 1", "'threads'?"), ("hist 1", "'histogram'?"),
+                            ("threads", "threads --help"), ("threads x", ""), ("threads 0", ""),
+                            ("log 1", "level is required; see qorctl log --help"),
                             ("log 1 x", ""), ("threads 1 --watch 0", ""), ("raw 1", "raw --help")):
             answer = qorctl(*words.split())
             self.assertEqual((answer.code, len(answer.err.splitlines())), (2, 1), answer)
