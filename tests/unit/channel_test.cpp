@@ -58,16 +58,14 @@ struct Channel : testing::Test {
         QorCloseChannel();
         offsetind = 0;
     }
-    std::string Set(int value) const {
-        return Ask(env, "516|NoProcessing|qorretry|" + std::to_string(value));
+    // A request that sets a value: whether its reply says that.
+    bool IsSet(int value) const {
+        const std::string number = std::to_string(value);
+        return Ask(env, "516|NoProcessing|qorretry|" + number) == "Changed qorretry to " + number;
     }
 
     JNIEnv *env = FakeEnv();
 };
-
-std::string IsSet(int value) {
-    return "Changed qorretry to " + std::to_string(value);
-}
 
 } // namespace
 
@@ -81,7 +79,7 @@ TEST_F(Channel, EachCallerGetsItsOwnReply) {
     for (int caller = 0; caller < 3; caller++)
         callers.emplace_back([this, caller] {
             for (int i = 0; i < 200; i++)
-                ASSERT_EQ(Set(caller * 1000 + i), IsSet(caller * 1000 + i));
+                ASSERT_TRUE(IsSet(caller * 1000 + i));
         });
     for (std::thread &caller : callers)
         caller.join();
@@ -95,12 +93,12 @@ TEST_F(Channel, WhatRanOutOfTimeIsNotDone) {
     qorretry = 0;
     {
         QorBusyScope held; // the worker waits for it
-        EXPECT_EQ(Set(1), "Request TIMED OUT|\t|\t\t||");
+        EXPECT_FALSE(IsSet(1));
     }
     qor_max_timeout = 60;
     EXPECT_EQ(Ask(env, "516|NoProcessing|CZPRequest"), "");
     EXPECT_EQ(qorretry, 0);
-    EXPECT_EQ(Set(2), IsSet(2));
+    EXPECT_TRUE(IsSet(2));
     QorPostRequest("516|NoProcessing|qorretry|3");
     QorWithdrawRequest();
     EXPECT_FALSE(QorTakeRequest()) << "an empty one is left";

@@ -1,5 +1,4 @@
 // The text dump without a JVM: its file, its numbers, its tags, its date; and what the histogram sorts by.
-#include "Child.h"
 #include "Descriptors.h"
 #include "Folder.h"
 #include "jvmti/heap/ClassHistogram.h"
@@ -9,9 +8,7 @@
 #include "platforms/memory_headroom.h"
 
 #include <algorithm>
-#include <csignal>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -58,17 +55,6 @@ TEST_F(DumpFiles, IsEmptiedAndItsOwnersAlone) {
         EXPECT_EQ(facts.st_mode & 07777, 0600u) << name;
         EXPECT_EQ(Content(name), "abc");
     }
-}
-
-TEST_F(DumpFiles, AFullDiskShowsAtTheEnd) {
-    EXPECT_EQ(InChild([&] {
-                  const rlimit small = {100, 100};
-                  signal(SIGXFSZ, SIG_IGN);
-                  ASSERT_EQ(Open("f") | setrlimit(RLIMIT_FSIZE, &small), 0);
-                  QorDumpText(&file, std::string(200, 'r').c_str(), 200);
-                  EXPECT_EQ(QorDumpClose(&file), -1);
-              }),
-              0);
 }
 
 TEST(DumpNumbers, AreWrittenAsPrintfWritesThem) {

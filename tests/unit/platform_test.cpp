@@ -3,14 +3,6 @@
 #include "QorOS.h"
 #include "platforms/linux.h"
 #include "platforms/own_memory.h"
-#include "platforms/qorsysinfo.h"
-#include "qorsettings.h"
-
-#include <chrono>
-#include <csignal>
-#include <sys/syscall.h>
-#include <sys/time.h>
-#include <thread>
 
 namespace {
 
@@ -73,20 +65,4 @@ TEST(Pipe, LeavesTheHostsDescriptorsAlone) {
                   EXPECT_TRUE(fds[0] == -1 && fds[1] == -1 && fcntl(2, F_GETFD) != -1);
               }),
               0);
-}
-
-TEST(Pipe, WaitIsNotCutShortBySignals) {
-    int32_t fds[2];
-    ASSERT_TRUE(qor_create_pipe(fds));
-    struct sigaction quiet = {}, earlier;
-    quiet.sa_handler = [](int) {};
-    sigaction(SIGALRM, &quiet, &earlier);
-    const itimerval storm = {{0, 1000}, {0, 1000}}, still = {};
-    setitimer(ITIMER_REAL, &storm, nullptr);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(qor_can_read_internal(fds[0], 1), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(995));
-    setitimer(ITIMER_REAL, &still, nullptr);
-    sigaction(SIGALRM, &earlier, nullptr);
-    qor_close_pipe(fds);
 }
