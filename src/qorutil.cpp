@@ -11,6 +11,7 @@ QorCondition gasystemconditions[MAX_CONDITIONS];
 QorCondition gbatconditions[MAX_CONDITIONS];
 int32_t gacondcnt, gasystemcondcnt, gbcondcnt;
 int32_t hasmonitors;
+int32_t rulesKeepWork;
 
 const char *const tempstates[TEMP_STATE_COUNT] = {
     "DB Wait", "Allocated",    "Initialized",  "Runnable", "Suspended",
@@ -29,6 +30,7 @@ enum Kind : int32_t {
 };
 
 constexpr int32_t SERVER_TYPE_INDEX = 3; // the character of the first field that names the server type
+constexpr char KEEP_TYPE[] = "keep";     // how a type begins that has no table
 constexpr size_t CALL_SIZE = 255;        // longest call compared, terminator included
 
 // Values of the built-in rules: Runnable, Lock, Network Wait, DB Wait, IO Wait, Object Wait, RMI Wait.
@@ -124,7 +126,7 @@ bool AnyCallMatch(const QorCondition *table, int32_t count, Kind kind, const cha
 } // namespace
 
 void readconditions(char *text) {
-    gacondcnt = gasystemcondcnt = gbcondcnt = 0;
+    gacondcnt = gasystemcondcnt = gbcondcnt = rulesKeepWork = 0;
     memset(gaatconditions, 0, sizeof gaatconditions);
     memset(gbatconditions, 0, sizeof gbatconditions);
     for (const char *state : DEFAULT_STATES)
@@ -143,6 +145,10 @@ void addcondition(const char *srvtype, const char *type, const char *value) {
     QORLOG(LOG_DETAIL, "Adding...\n\tsrvtype:%s\n\ttype:%s\n\tval:%s", srvtype, type, value);
     if (strlen(srvtype) <= SERVER_TYPE_INDEX || !type[0] || !value[0])
         return;
+    if (StartsWith(type, KEEP_TYPE)) {
+        rulesKeepWork = 1;
+        return;
+    }
     for (const ConditionType &row : CONDITION_TYPES) {
         if (!StartsWith(type, row.prefix) || *row.count >= MAX_CONDITIONS)
             continue;

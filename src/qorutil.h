@@ -25,6 +25,8 @@ extern QorCondition gasystemconditions[MAX_CONDITIONS]; // kind 'S': what is a s
 extern QorCondition gbatconditions[MAX_CONDITIONS];     // kind 's': states shown; and what fits nowhere else
 extern int32_t gacondcnt, gasystemcondcnt, gbcondcnt;   // rules in each table
 extern int32_t hasmonitors;                             // 1 once a lock rule has been added
+extern int32_t rulesKeepWork; // 1 when the rules leave no thread out that is at work in another tier or waits
+                              // for a monitor
 
 // The state names that a kind 's' rule selects by index. The direct road's; not those of ThreadSystem.h.
 extern const char *const tempstates[TEMP_STATE_COUNT];

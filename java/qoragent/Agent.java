@@ -125,6 +125,7 @@ public final class Agent {
     /** What can fail cheaply comes first; the door opens to the consoles when all else stands. */
     private static void launch(Options wanted) {
         Tiers tiers = Tiers.of(wanted.text("tiers"));
+        String idleRules = IdleRules.request(wanted.text("rules"));
         NativeLibrary.load();
         Relay door = wanted.relay() ? openRelay(wanted) : null;
         try {
@@ -137,6 +138,8 @@ public final class Agent {
                 dataFromNative(FORK_DUMPS);
             if (!wanted.isPreset("handquota"))
                 dataFromNative(HAND_QUOTA + wanted.number("handquota"));
+            if (idleRules != null)
+                dataFromNative(idleRules);
             String refused = tiers.send(Agent::dataFromNative);
             // What comes with the jar fits the library; a pause of the JVM isn't a reason not to run.
             if (refused != null && !wanted.text("tiers").isEmpty())

@@ -92,6 +92,7 @@ final class Options {
                  Key.number("stackrecorded", 300, 1, MAX),
                  Key.choice("forkdump", "false", "false", "true"),
                  Key.text("tiers", ""),
+                 Key.text("rules", "default"),
                  Key.choice("relay", "on", "on", "off"),
                  Key.text("bind", "127.0.0.1"),
                  Key.number("port", 0, 0, 65535),

@@ -35,13 +35,14 @@ final class Tiers {
         if (option.equals(NONE))
             return new Tiers("");
         try {
-            return new Tiers(option.isEmpty() ? shipped() : ofFile(option) + '\n' + shipped());
+            return new Tiers(option.isEmpty() ? shipped(SHIPPED) : ofFile(option) + '\n' + shipped(SHIPPED));
         } catch (IOException e) {
             throw new IllegalArgumentException("option tiers: cannot read " + option + ": " + e, e);
         }
     }
 
-    private static String ofFile(String name) throws IOException {
+    /** The text of a user's file, a line feed at the end of each line. */
+    static String ofFile(String name) throws IOException {
         Path file = Paths.get(name);
         // A device or a pipe would hold the start up, a large file fill the application's heap.
         if (!Files.isRegularFile(file) || Files.size(file) > LARGEST)
@@ -50,8 +51,9 @@ final class Tiers {
         return text.replace('\r', '\n');
     }
 
-    private static String shipped() throws IOException {
-        try (InputStream in = Tiers.class.getResourceAsStream(SHIPPED)) {
+    /** A text of the jar. */
+    static String shipped(String name) throws IOException {
+        try (InputStream in = Tiers.class.getResourceAsStream(name)) {
             if (in == null)
                 throw new IOException("the jar has no rules");
             ByteArrayOutputStream out = new ByteArrayOutputStream();

@@ -88,6 +88,27 @@ class Sample(OfTheDemo):
         self.refused("at most 20480", "raw", self.app.pid, "4|" + "x" * 30000)
         self.refused("no reply", "raw", self.app.pid, "SHUTDOWN", code=2)
 
+    def test_the_rules_of_a_start_show_the_application(self):
+        """Until a console's own replace them, which keep what is at work elsewhere only if they say so."""
+        at_work = {"demo-lock-wanter", "demo-database", "demo-web"}
+        for option, every in (("default", False), ("none", True)):
+            self.answer("shutdown", self.app.pid)
+            self.answer("attach", self.app.pid, "--options", f"{self.OPTIONS},rules={option}")
+            active = self.threads(self.app)
+            self.assertLessEqual(at_work | {"demo-compute", "demo-socket-read", "main"}, set(active))
+            self.assertEqual("Reference Handler" in active, every)
+            calls = {thread["call"]["class"].split(".")[0] for thread in active.values()}
+            self.assertEqual(calls == {"qoragent"}, not every, calls)
+            self.assertGreaterEqual(self.json("summary", self.app.pid)["threads_lock"], 1)
+        system = "".join(f"any_|systemcall|{start}.\n"
+                         for start in ("java", "javax", "jdk", "sun", "qoragent", "tessar", "ferrule"))
+        for rules, shown in (("", set()), ("any_|keep|work\n", at_work),
+                             ("any_|keep|work\nany_|threadname|demo-\n", at_work)):
+            self.answer("rules", self.app.pid, "-", text=rules + system)
+            self.assertEqual(set(self.threads(self.app)), shown)
+            self.assertEqual(self.json("summary", self.app.pid)["threads_lock"] > 0, bool(shown))
+        self.answer("rules", self.app.pid, "-", text="")
+
     def test_rules_hide_threads_and_know_the_system_until_they_are_reset(self):
         rules = "# idle\nabcd|threadname|demo-compute*\nabcd|systemcall|java.*\nabcd|systemcall|sun.*\n"
         self.assertIn("Added Idle Thread Rules", self.answer("rules", self.app.pid, "-", text=rules).out)

@@ -71,14 +71,19 @@ bool IsPassedOverByTrace(const QorSample &sample, const QorThreadWalk &walk, boo
 }
 
 bool IsActive(const QorThreadWalk &walk) {
-    return (ACTIVE_STATES >> walk.thread.state & 1U) && walk.userCallFound && !walk.userCallIsIdle;
+    constexpr uint32_t WORK_STATES = 1U << STATE_LOCK | 1U << STATE_DB_WAIT | 1U << STATE_RMI_WAIT;
+    if (!(ACTIVE_STATES >> walk.thread.state & 1U))
+        return false;
+    if (rulesKeepWork && ((WORK_STATES >> walk.thread.state & 1U) || walk.servesOrAsks))
+        return true;
+    return walk.userCallFound && !walk.userCallIsIdle && !walk.nameIsIdle;
 }
 
 void StartThread(QorThreadWalk *walk) {
     walk->userCallFound = false;
     walk->userFrame = -1;
     walk->omitted = walk->processed = 0;
-    walk->userCallIsIdle = walk->rowsFull = false;
+    walk->userCallIsIdle = walk->rowsFull = walk->servesOrAsks = false;
     walk->xtier = {};
     walk->framework = FRAMEWORK_NONE;
     walk->frameworkRow = -1;
@@ -105,7 +110,8 @@ int32_t SampleThread(QorSample *sample, QorThreadWalk *walk) {
     bool end = false;
     if (IsPassedOverByTrace(*sample, *walk, &end))
         return end ? -1 : 0;
-    if (sample->filtering && checkThreadName(walk->thread.name) == 0)
+    walk->nameIsIdle = sample->filtering && checkThreadName(walk->thread.name) == 0;
+    if (walk->nameIsIdle && !rulesKeepWork)
         return 0;
     const int32_t depth = QorGetFrames(&sample->handle, &sample->frames);
     if (depth < 0)

@@ -37,6 +37,8 @@ struct QorThreadWalk {
     int32_t omitted;     // frames left out, 0 when none
     int32_t processed;   // frames read
     bool userCallIsIdle; // a rule says so
+    bool nameIsIdle;     // likewise of the thread's name
+    bool servesOrAsks;   // a frame of a web request or a database call was met
     QorText currentCall; // frame group of the current call, in console_frame_buf
     QorText stackRows;   // in console_thr_buf, with room for a skip row after them
     bool rowsFull;       // the rows have met one without room

@@ -1,7 +1,9 @@
 // The frames of one thread in an all-threads sample.
+#include "Xtier/tiers/tier.h"
 #include "all_threads_sample.h"
 #include "qorlog.h"
 #include "qorsettings.h"
+#include "qortiers.h"
 #include "qorutil.h"
 #include "stack_rows.h"
 
@@ -73,6 +75,12 @@ void NoteCurrentCall(QorThreadWalk *walk, const QorFrameRecord *frame, QorFramew
     walk->userCallIsIdle = filtering && checkCurrCall(frame->className, frame->method) == 0;
 }
 
+// Rules may keep a thread in the sample for such a frame, whether its locals are read or not.
+bool IsRequestOrDatabase(const QorFrameShape &shape) {
+    const uint32_t tiers = shape.frame.facts ? shape.frame.facts->tiers : 0;
+    return (shape.kinds & (FRAME_WEB | FRAME_DATABASE)) || (tiers & (TIER_WEB | TIER_DB));
+}
+
 } // namespace
 
 void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
@@ -87,6 +95,7 @@ void QorWalkFrames(QorSample *sample, QorThreadWalk *walk) {
             return;
         QorFrameRecord *frame = &shape->frame;
         frame->frameIndex = frames.index;
+        walk->servesOrAsks = walk->servesOrAsks || IsRequestOrDatabase(*shape);
         const QorFramework framework =
             shape->kinds && !gbQorSkipLocal ? NoteXtierFrame(walk, frame, shape->kinds) : FRAMEWORK_NONE;
         if (!QorStateIsSettled(walk->thread.state, frames.index))

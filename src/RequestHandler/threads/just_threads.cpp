@@ -16,6 +16,13 @@ namespace {
 
 constexpr int32_t SLOW_RESPONSE_USEC = 10000; // above it the figure is measured once more
 
+// Whether a thread counts in this state even if a rule says that it is idle, or that nothing of it is the
+// application's.
+bool KeepsState(const QorThreadRecord &thread) {
+    return rulesKeepWork &&
+           (thread.state == STATE_LOCK || thread.state == STATE_DB_WAIT || thread.state == STATE_RMI_WAIT);
+}
+
 // Refines the state from the frames, down to where nothing can change it any more.
 void RefineState(QorFrameHandle *frames, QorThreadRecord *thread) {
     bool userCallFound = false;
@@ -24,7 +31,7 @@ void RefineState(QorFrameHandle *frames, QorThreadRecord *thread) {
         QorReadFrame(frames, FRAME_METHOD_AND_CLASS, &frame);
         if (!userCallFound && frame.callType != 0) {
             userCallFound = true;
-            if (checkCurrCall(frame.className, frame.method) == 0) {
+            if (checkCurrCall(frame.className, frame.method) == 0 && !KeepsState(*thread)) {
                 thread->state = STATE_OBJECT_WAIT;
                 return;
             }
@@ -33,7 +40,7 @@ void RefineState(QorFrameHandle *frames, QorThreadRecord *thread) {
         if (userCallFound && QorStateIsSettled(thread->state, frames->index + 1))
             return;
     }
-    if (!userCallFound)
+    if (!userCallFound && !KeepsState(*thread))
         GetThreadEnhancedState(nullptr, thread);
 }
 
@@ -46,7 +53,7 @@ void CountThreads(QorThreadHandle *handle, int32_t (&counts)[STATE_COUNT]) {
         thread.name[0] = 0;
         thread.state = thread.enhancedState = STATE_RUNNABLE;
         QorGetThreadInfo(handle, &thread);
-        if (checkThreadName(thread.name) == 0) {
+        if (checkThreadName(thread.name) == 0 && !KeepsState(thread)) {
             ++counts[STATE_OBJECT_WAIT];
             continue;
         }

@@ -39,6 +39,7 @@ public class OptionsTest {
                          "localquota=1",
                          "handquota=5",
                          "tiers=",
+                         "rules=default",
                          "stackqueried=1000",
                          "stackrecorded=300",
                          "forkdump=false",
