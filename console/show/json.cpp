@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include "wire/protocol.h"
+
 namespace qorctl {
 
 namespace {
@@ -84,6 +86,16 @@ void AddEndToEnd(const EndToEnd &told, Json *thread) {
         (*thread)["texts"] = told.texts;
 }
 
+// Of a virtual thread and of its carrier each the other's key.
+void AddVirtual(const EndToEnd &told, Json *thread) {
+    if (told.carrier) {
+        (*thread)["virtual"] = true;
+        (*thread)["carrier"] = *told.carrier == NO_VALUE ? Json() : Json(*told.carrier);
+    }
+    if (told.carries)
+        (*thread)["carries"] = *told.carries;
+}
+
 template <class T, class Convert>
 Json Array(const std::vector<T> &values, Convert convert) {
     Json array = Json::array();
@@ -105,6 +117,7 @@ Json ToJson(const Thread &thread) {
     if (thread.rmi)
         object["rmi"] = ToJson(*thread.rmi);
     AddEndToEnd(thread.end_to_end, &object);
+    AddVirtual(thread.end_to_end, &object);
     if (thread.stack.empty())
         return object;
     object["stack"] = Array(thread.stack, StackRow);

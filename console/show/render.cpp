@@ -122,9 +122,12 @@ struct TierLine {
     std::string (*text)(const Thread &thread);
 };
 constexpr TierLine TIER_LINES[] = {
-    {"request", RequestText}, {"database", DatabaseText}, {"url", DatabaseUrlText},
-    {"sql", SqlText},         {"remote", RemoteText},     {"file", FileText},
-    {"server", ServerText},   {"told", OwnText},          {"so far", FiguresText},
+    {"virtual, on", CarrierText}, {"carries", CarriesText},
+    {"request", RequestText},     {"database", DatabaseText},
+    {"url", DatabaseUrlText},     {"sql", SqlText},
+    {"remote", RemoteText},       {"file", FileText},
+    {"server", ServerText},       {"told", OwnText},
+    {"so far", FiguresText},
 };
 
 const char *AgentText(AgentState state) {
@@ -224,7 +227,7 @@ std::string ThreadTable(const ThreadSample &sample, const Style &style) {
     Table table(columns);
     for (const Thread &thread : sample.threads) {
         std::vector<Cell> row = {fmt::format("{}", thread.key.thread),
-                                 Cell(thread.state, StateColourOf(thread.state)), thread.name,
+                                 Cell(thread.state, StateColourOf(thread.state)), MarkedName(thread),
                                  thread.call ? CallText(*thread.call) : "-"};
         for (const TierColumn *tier : tiers)
             row.emplace_back(tier->text(thread));

@@ -28,6 +28,14 @@ private:
     std::string text_;
 };
 
+// A thread's number, of its key; "unknown" without one.
+std::string NumberOf(const std::optional<std::string> &key) {
+    if (!key)
+        return "";
+    size_t dash = key->find('-');
+    return dash == key->npos ? "unknown" : "#" + key->substr(dash + 1);
+}
+
 } // namespace
 
 std::string AddressText(const std::optional<std::string> &host, int64_t port) {
@@ -107,6 +115,23 @@ std::string FiguresText(const Thread &thread) {
     line.Add(cpu.empty() ? cpu : cpu + " processor time");
     line.Add(allocated.empty() ? allocated : allocated + " allocated");
     return line.Text();
+}
+
+std::string MarkedName(const Thread &thread) {
+    Line line(" ");
+    line.Add(thread.name);
+    line.Add(thread.end_to_end.carrier ? "(virtual)" : "");
+    if (thread.end_to_end.carries)
+        line.Add(fmt::format("(carries {})", CarriesText(thread)));
+    return line.Text();
+}
+
+std::string CarrierText(const Thread &thread) {
+    return NumberOf(thread.end_to_end.carrier);
+}
+
+std::string CarriesText(const Thread &thread) {
+    return NumberOf(thread.end_to_end.carries);
 }
 
 std::string OwnText(const Thread &thread) {

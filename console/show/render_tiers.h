@@ -8,6 +8,12 @@
 
 namespace qorctl {
 
+// The name with a mark of what is virtual: "NAME (virtual)", "NAME (carries #42)".
+std::string MarkedName(const Thread &thread);
+// Of a virtual thread its carrier, of a carrier the virtual thread: "#42"; else "".
+std::string CarrierText(const Thread &thread);
+std::string CarriesText(const Thread &thread);
+
 // "host:port", an IPv6 host in brackets; without the port if that is 0.
 std::string AddressText(const std::optional<std::string> &host, int64_t port);
 

@@ -71,7 +71,8 @@ constexpr std::pair<std::string_view, std::optional<std::string> EndToEnd::*> DE
     {"file", &EndToEnd::file},       {"application", &EndToEnd::application},
     {"module", &EndToEnd::module},   {"workmanager", &EndToEnd::work_manager},
     {"session", &EndToEnd::session}, {"peer", &EndToEnd::peer},
-    {"rule", &EndToEnd::rule},
+    {"rule", &EndToEnd::rule},       {"virtual", &EndToEnd::carrier},
+    {"carries", &EndToEnd::carries},
 };
 
 struct Pair {
@@ -140,6 +141,8 @@ bool ReadStateOn(const Fields &field, Thread *thread) {
         return false;
     for (size_t i = used; i < field.size(); ++i)
         ReadAdded(field[i], &thread->end_to_end);
+    if (thread->end_to_end.carrier && thread->name == NO_VALUE)
+        thread->name.clear();
     return true;
 }
 

@@ -50,7 +50,8 @@ QorE2EBlock *AppendBlock(JNIEnv *env, int32_t frameCount) {
     }
     block->patchPoint = nullptr;
     block->valid = 0;
-    block->byReadRule = false;
+    block->byReadRule = block->isVirtual = false;
+    block->partnerId = 0;
     block->directRef = block->threadRef = nullptr;
     block->javaThread = 0;
     block->osThreadId = -1;
@@ -75,6 +76,8 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
     // The reference outlives this sample's local frame, and may be handed to another thread.
     block->threadRef = QorNewGlobalRef(env, block->directRef);
     block->threadId = static_cast<int32_t>(thread->tid);
+    block->isVirtual = QorIsVirtual(handle, handle->index);
+    block->partnerId = QorGetPartnerId(handle, handle->index);
     if (gbIbmJvm)
         block->osThreadId = thread->ostid;
     return 0;

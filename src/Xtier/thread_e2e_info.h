@@ -34,7 +34,9 @@ struct QorE2EBlock {
     char sessionId[1024];
     int32_t networkPort;
     char networkHost[132];
-    bool byReadRule; // some of what is shown of the thread comes by a rule that is known from sources alone
+    bool isVirtual;    // the thread is a virtual one
+    int64_t partnerId; // its carrier, or of a carrier the virtual thread on it: Java thread id, 0 for none
+    bool byReadRule;   // some of what is shown of the thread comes by a rule that is known from sources alone
 };
 
 // Head of the list; null between samples.

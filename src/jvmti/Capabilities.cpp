@@ -24,6 +24,7 @@ enum CapabilityBit : int32_t {
     CAN_GET_LINE_NUMBERS = 12,
     CAN_GENERATE_GC_EVENTS = 31,
     CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO = 34,
+    CAN_SUPPORT_VIRTUAL_THREADS = 44,
 };
 
 struct WantedCapability {
@@ -41,6 +42,7 @@ constexpr WantedCapability WANTED[] = {
     {CAN_GET_MONITOR_INFO, "Information - capability to get monitors info : 0"},
     {CAN_GENERATE_GC_EVENTS, "Information - gc events capability : 0"},
     {CAN_GET_OWNED_MONITOR_STACK_DEPTH_INFO, "Information - owned monitor stack depth capability : 0"},
+    {CAN_SUPPORT_VIRTUAL_THREADS, "Information - virtual threads capability : 0"},
 };
 
 bool HasCapability(const jvmtiCapabilities &capabilities, CapabilityBit bit) {
@@ -125,6 +127,12 @@ void checkCapabilities() {
         QORLOG(LOG_ERROR, "  ******can_tag_objects capability is not set."
                           "Copy library libqorcapability to another directory and restart Java with argument "
                           "\"-agentpath:<Absolute path of libqorcapability.so>\" ******\n");
+}
+
+bool QorCanSupportVirtualThreads() {
+    jvmtiCapabilities held = {};
+    return jvmti && jvmti->GetCapabilities(&held) == JVMTI_ERROR_NONE &&
+           HasCapability(held, CAN_SUPPORT_VIRTUAL_THREADS);
 }
 
 void QorInitQorJVMCapabilities() {

@@ -24,6 +24,9 @@ void QorRequestCapabilities();
 // Warns in the log when objects can't be tagged. Worker.
 void checkCapabilities();
 
+// Whether the JVM has granted the session questions about virtual threads. Worker.
+bool QorCanSupportVirtualThreads();
+
 // The capability record: cleared, then set and read field by field.
 void QorInitQorJVMCapabilities();
 void QorSetJvmtiMonitorCapability(int32_t value);

@@ -70,6 +70,7 @@ void QorDropSession(JNIEnv *env) {
     QorDropJdbcVersions();
     QorForgetDriverClasses();
     QorDovOnUnload(env);
+    QorForgetMounted();
     // References go by the environment that the unload has set: the worker's may be gone.
     QorDropMemo();
     QorDropVirtualFields();

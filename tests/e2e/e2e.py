@@ -25,10 +25,11 @@ from sample import Sample
 from tiers import OwnDriver, Tiers
 from top import Top
 from views import Memory, Views
+from virtual import Virtual
 from web import Web
 
 __all__ = ["Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life", "Memory",
-           "Metrics", "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views", "Web"]
+           "Metrics", "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views", "Virtual", "Web"]
 
 
 def main():

@@ -130,10 +130,9 @@ def qorctl(*words, user=None, text=None):
                                  timeout=LIMIT, env=environment(), check=False, **identity))
 
 
-def run_tool(name, *words):
-    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]), capture_output=True,
-                          text=True,
-                          timeout=LIMIT, check=True).stdout
+def run_tool(name, *words, jdk=None):
+    return subprocess.run(in_root([f"{jdk or SETTINGS.jdk}/bin/{name}", *map(str, words)]),
+                          capture_output=True, text=True, timeout=LIMIT, check=True).stdout
 
 
 def on_terminal(typed, *words, columns=0):

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <unistd.h>
 
 namespace {
 
@@ -19,7 +20,9 @@ constexpr int32_t MARKED_LEVEL = 3;                 // the state field is set of
 constexpr char FRAMEWORK_MARK = 14;
 constexpr char REMOTE_MARK = 15;
 
-constexpr char READ_RULE[] = "\x1drule=read";
+// What the agent itself adds to a thread's figures.
+constexpr char READ_RULE[] = "rule=read", VIRTUAL[] = "virtual=", CARRIES[] = "carries=";
+constexpr int32_t LONGEST_MARKS = 128;
 
 // A stretch of text, without a terminator of its own. Null `from` for none.
 struct Piece {
@@ -191,12 +194,36 @@ bool PutMarked(Merge *merge, const ReplyPart &old, AnswerPart *part) {
     return remote ? PutFromAnswer(merge, part->remote) : Put(merge, {old.state, old.end});
 }
 
-// The thread's figures and details, with the agent's own mark after the figures.
-bool PutEndToEnd(Merge *merge, const Piece &text, bool byReadRule) {
-    const char *behind = byReadRule ? Find({text.from + 1, text.to}, FIELD_SEP) : nullptr;
+void AppendPartner(QorText *out, const char *word, int64_t partnerId) {
+    char key[THREAD_KEY_SIZE] = "^";
+    if (partnerId != 0)
+        QorFormatThreadKey(key, getpid(), partnerId);
+    QorTextAppendChar(out, FIELD_SEP);
+    QorTextAppend(out, word);
+    QorTextAppend(out, key);
+}
+
+// Fields for what the agent itself knows of the thread.
+void AppendMarks(QorText *out, const QorE2EBlock &block) {
+    if (block.byReadRule) {
+        QorTextAppendChar(out, FIELD_SEP);
+        QorTextAppend(out, READ_RULE);
+    }
+    if (block.isVirtual)
+        AppendPartner(out, VIRTUAL, block.partnerId);
+    else if (block.partnerId != 0)
+        AppendPartner(out, CARRIES, block.partnerId);
+}
+
+// The thread's figures and details, with the agent's own marks after the figures.
+bool PutEndToEnd(Merge *merge, const Piece &text, const QorE2EBlock &block) {
+    char storage[LONGEST_MARKS];
+    QorText marks;
+    QorTextStart(&marks, storage, sizeof storage);
+    AppendMarks(&marks, block);
+    const char *behind = marks.length ? Find({text.from + 1, text.to}, FIELD_SEP) : nullptr;
     const Piece figures = {text.from, behind ? behind : text.to};
-    return PutFromAnswer(merge, figures) &&
-           (!byReadRule || Put(merge, {READ_RULE, READ_RULE + sizeof READ_RULE - 1})) &&
+    return PutFromAnswer(merge, figures) && Put(merge, {marks.text, marks.text + marks.length}) &&
            PutFromAnswer(merge, {figures.to, text.to});
 }
 
@@ -216,7 +243,7 @@ bool MergeThread(Merge *merge, QorE2EBlock *block, int32_t number) {
         if (!TakeAnswerPart(merge, &part) || (marked && !PutMarked(merge, old, &part)))
             return false;
         QORLOG(QorTracedAt(), "checkAndAppendInfo: processing chunk=%d", number);
-        if (!PutEndToEnd(merge, part.endToEnd, block->byReadRule))
+        if (!PutEndToEnd(merge, part.endToEnd, *block))
             return false;
     }
     merge->reply.from = old.end;
@@ -273,7 +300,7 @@ void QorMergeAnswer(const char *answer, bool systemData) {
 
     int64_t wanted = int64_t{reply.length} + (merge.answer.to - merge.answer.from) + 1;
     for (const QorE2EBlock *block = thread_e2e_info; block; block = block->next)
-        wanted += block->byReadRule ? sizeof READ_RULE : 0;
+        wanted += block->byReadRule || block->isVirtual || block->partnerId ? LONGEST_MARKS : 0;
     const auto size = static_cast<int32_t>(std::min<int64_t>(wanted, PAGEBUF_SIZE));
     char *storage = static_cast<char *>(malloc(static_cast<size_t>(size)));
     if (!storage) {

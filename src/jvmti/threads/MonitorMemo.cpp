@@ -184,7 +184,7 @@ bool InTheSameWait(const QorThreadHandle *handle, int32_t index, const Entry &en
 LookState LookAt(const QorThreadHandle *handle, int32_t index, Look *look) {
     const jvmtiStackInfo *stack = QorWalkStack(handle, index);
     look->tid = QorGetWalkThreadId(handle, index);
-    if (!stack || look->tid <= 0)
+    if (!stack || look->tid <= 0 || QorIsVirtual(handle, index)) // whose clocks and monitors the JVM refuses
         return KNOWN;
     if (!ReadClock(handle->threads[index], &look->cpu))
         return memoState == OFF ? TO_ASK : KNOWN;

@@ -2,6 +2,7 @@
 
 #include "MethodTable.h"
 #include "MonitorsManagement.h"
+#include "MountedThreads.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
@@ -18,13 +19,14 @@
 // Its thread references are in a local frame of their own, which the close pops with everything that was
 // made since the snapshot: hundreds of them would overrun the worker's plain frame.
 
-static jvmtiStackInfo *qorstack_info_ptr;       // what GetAllStackTraces gave; null when no walk is open
+static jvmtiStackInfo *qorstack_info_ptr;       // what QorTakeStacks gave; null when no walk is open
 static jint threads_count;                      // its entries, not capped
 static jthread gbjThreadList[MAX_WALK_THREADS]; // its first threads
 static int64_t walkThreadIds[MAX_WALK_THREADS]; // their Java thread ids, 0: not read yet
-static bool snapshotFramePushed;                // the snapshot's local frame is open
-static int32_t nThreadExceedCount;              // spaces out the overflow message
-static int32_t iAttachTotalRun;                 // walks, wraps
+static QorThreadKind walkThreadKinds[MAX_WALK_THREADS];
+static bool snapshotFramePushed;   // the snapshot's local frame is open
+static int32_t nThreadExceedCount; // spaces out the overflow message
+static int32_t iAttachTotalRun;    // walks, wraps
 
 namespace {
 
@@ -33,6 +35,7 @@ constexpr int32_t SAMPLES_PER_OVERFLOW_LINE = 900;
 constexpr int32_t INDEX_LIMIT = MAX_WALK_THREADS + 1;
 constexpr jint SNAPSHOT_FRAME_CAPACITY = 4096; // the most that HotSpot grants
 constexpr jint REFERENCES_OF_A_VIEW = 64;
+constexpr char NO_NAME[] = "^";
 
 void FreeSnapshotArray(int32_t threshold) {
     const jvmtiError error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(qorstack_info_ptr));
@@ -74,8 +77,8 @@ void TakeSnapshot(QorThreadHandle *handle) {
         QorLogNoFrame(LOG_ERROR);
         return;
     }
-    const jvmtiError error =
-        jvmti->GetAllStackTraces(maxStackDepthQueried, &qorstack_info_ptr, &threads_count);
+    const jvmtiError error = QorTakeStacks(maxStackDepthQueried, &qorstack_info_ptr, &threads_count,
+                                           walkThreadKinds, MAX_WALK_THREADS);
     if (qorIsPollOrTrace == 0)
         QORLOG(LOG_NOTE, "GetAllStackTraces (%d deep) returns %d threads_count", maxStackDepthQueried,
                threads_count);
@@ -153,6 +156,8 @@ int32_t ReadThread(const QorThreadHandle *handle, QorThreadRecord *record, jint 
             describe(error);
         }
     }
+    if (!record->name[0] && QorIsVirtual(handle, handle->index))
+        QorCopyName(record->name, NO_NAME); // virtual threads mostly have none
     error = ReadState(stack, jvmtiState);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG_RATIONED(LOG_ERROR, " Failed to Get Thread State. Error expected: %d, got: %d",
@@ -225,6 +230,25 @@ int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index) {
 const jvmtiStackInfo *QorWalkStack(const QorThreadHandle *handle, int32_t index) {
     const bool inWalk = handle && handle->threads && index >= 0 && index < handle->count;
     return inWalk && qorstack_info_ptr ? &qorstack_info_ptr[index] : nullptr;
+}
+
+QorThreadKind QorWalkThreadKind(const QorThreadHandle *handle, int32_t index) {
+    return QorWalkStack(handle, index) ? walkThreadKinds[index] : THREAD_PLATFORM;
+}
+
+bool QorIsVirtual(const QorThreadHandle *handle, int32_t index) {
+    return QorWalkThreadKind(handle, index) >= THREAD_MOUNTED;
+}
+
+int64_t QorGetPartnerId(const QorThreadHandle *handle, int32_t index) {
+    switch (QorWalkThreadKind(handle, index)) {
+    case THREAD_CARRIER:
+        return QorGetWalkThreadId(handle, index + 1);
+    case THREAD_MOUNTED:
+        return QorGetWalkThreadId(handle, index - 1);
+    default:
+        return 0;
+    }
 }
 
 int32_t QorGetFrames(QorThreadHandle *handle, QorFrameHandle *frameHandle) {

@@ -2,8 +2,8 @@
 //
 // A walk is QorInitThreadHandle, QorGetJVMThread until `index` reaches `count` (for each thread
 // QorGetThreadInfo and QorGetFrames, for each frame QorReadFrame), and last QorCloseThreadHandle. The whole
-// walk rests on a single GetAllStackTraces call, so the JVM is stopped once. The threads run on meanwhile: a
-// record's state can be some microseconds younger than its stack.
+// walk rests on a single call for all stacks (MountedThreads.h), so the JVM is stopped once. The threads run
+// on meanwhile: a record's state can be some microseconds younger than its stack.
 //
 // A method is looked up once in a walk: the first frame of a method asks JVMTI for name, class, file and line
 // table, later frames find these facts in a table that the close of the walk drops. Only complete facts are
@@ -16,6 +16,7 @@
 // Everything here runs on the worker. One walk is open at a time.
 #pragma once
 
+#include "MountedThreads.h"
 #include "reply/record_facts.h"
 
 #include <cstdint>
@@ -115,6 +116,12 @@ int64_t QorGetWalkThreadId(const QorThreadHandle *handle, int32_t index);
 
 // The `index`th thread of the walk as the snapshot has it; null without one.
 const jvmtiStackInfo *QorWalkStack(const QorThreadHandle *handle, int32_t index);
+
+// What the `index`th thread of the walk is. Of a carrier's virtual thread or of a mounted thread's carrier
+// the Java thread id; 0 for other threads.
+QorThreadKind QorWalkThreadKind(const QorThreadHandle *handle, int32_t index);
+bool QorIsVirtual(const QorThreadHandle *handle, int32_t index);
+int64_t QorGetPartnerId(const QorThreadHandle *handle, int32_t index);
 
 // Copies the frames of the thread at the cursor. Their number, or -1.
 int32_t QorGetFrames(QorThreadHandle *handle, QorFrameHandle *frameHandle);

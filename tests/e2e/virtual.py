@@ -1,0 +1,56 @@
+"""Virtual threads as qorctl shows them are those of the JVM's own dump."""
+import glob
+import json
+import os
+import re
+import unittest
+
+from harness import SETTINGS, Case, Program, folder, run_tool
+
+FIRST = 21  # the JDK with virtual threads
+
+
+def newest_jdk():
+    """The JDK of the tests, or a newer one that is installed beside it."""
+    if SETTINGS.version >= FIRST:
+        return SETTINGS.jdk
+    named = os.environ.get("QOR_TEST_JDK", "")
+    found = {int(number): path for path in [named, *glob.glob("/usr/lib/jvm/*")]
+             for number in re.findall(r"(?:java|jdk)-(\d+)", path) if os.path.exists(f"{path}/bin/jcmd")}
+    return found[max(found)] if found and max(found) >= FIRST and not SETTINGS.root else None
+
+
+class Virtual(Case):
+    @classmethod
+    def setUpClass(cls):
+        jdk = newest_jdk()
+        if not jdk:
+            raise unittest.SkipTest(f"virtual threads, for want of a JDK of {FIRST} or later")
+        source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "Virtual.java")
+        cls.jdk = jdk
+        cls.app = Program("-Xcheck:jni", "-Djdk.virtualThreadScheduler.parallelism=3", source, jdk=jdk)
+        cls.addClassCleanup(cls.app.__exit__)
+
+    def dump(self):
+        """What the JVM dumps of its virtual threads: by id, name and calls from the top."""
+        path, inside = folder(self)
+        run_tool("jcmd", self.app.pid, "Thread.dump_to_file", "-format=json", inside + "/dump", jdk=self.jdk)
+        with open(path + "/dump", encoding="utf-8") as file:
+            containers = json.load(file)["threadDump"]["threadContainers"]
+        threads = [thread for container in containers for thread in container["threads"]]
+        return {int(t["tid"]): (t["name"], [re.sub(r"\(.*|^.*/", "", frame) for frame in t["stack"]])
+                for t in threads}
+
+    def test_mounted_ones_are_rows_with_their_own_frames(self):
+        threads = self.json("threads", self.app.pid, "--all", "--details")["threads"]
+        shown = {t["id"]: t for t in threads if t.get("virtual")}
+        truth = {tid: (name, calls) for tid, (name, calls) in self.dump().items() if "Virtual.spin" in calls}
+        self.assertEqual({tid: t["name"] for tid, t in shown.items()},
+                         {tid: name for tid, (name, _) in truth.items()})
+        for tid, thread in shown.items():  # the dump hides the JVM's own frames
+            calls = [f'{f["class"]}.{f["method"]}' for f in thread["stack"]]
+            self.assertEqual([c for i, c in enumerate(calls) if not i or c in truth[tid][1]], truth[tid][1])
+        self.assertEqual({(t["state"], t["call"]["method"]) for t in shown.values()}, {("Runnable", "spin")})
+        self.assertEqual({t["key"]: t["carries"] for t in threads if "carries" in t},
+                         {t["carrier"]: t["key"] for t in shown.values()})
+        self.assertNotRegex(self.app.output(), "WARNING in native|FATAL ERROR")
