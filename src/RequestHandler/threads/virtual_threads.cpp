@@ -1,11 +1,16 @@
 #include "virtual_threads.h"
 
+#include "Xtier/Xtier.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "Xtier/walk/LocalWalkTimes.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/threads/VirtualFields.h"
 #include "jvmti/threads/VirtualGroups.h"
 #include "qorlog.h"
 #include "qorrequest.h"
+#include "qorsettings.h"
 #include "qorutil.h"
 #include "reply/records.h"
 #include "stack_rows.h"
@@ -20,7 +25,8 @@
 namespace {
 
 constexpr int32_t GROUPS_SHOWN = 50;
-constexpr int32_t CALL_FIELDS = 3;
+constexpr int32_t CALL_FIELDS = 3, REQUEST_FIELDS = 2;
+constexpr int32_t MOST_HELD = 200;
 constexpr int32_t LONGEST_MILLISECONDS = 2000;
 constexpr char NOT_TRACKED[] = "threads without an executor aren't tracked (jdk.trackAllThreads)";
 constexpr char OVER_QUOTA[] = "stacks left out: requests before this one had their share of the time";
@@ -33,6 +39,13 @@ struct GroupFacts {
     int32_t state;
     bool isCounted, isShown; // a frame holds the wanted text; and it isn't idle by a rule
 };
+
+// The members of groups whose frames show a driver or a container, kept until their locals have been read.
+struct HeldThreads {
+    jobjectArray array; // a global reference; null before the first
+    int32_t count, most;
+};
+HeldThreads held;
 
 struct VirtualView {
     QorText *reply;
@@ -111,6 +124,72 @@ GroupFacts ReadGroup(VirtualView *view, const QorVirtualGroup &group, QorText *c
     return {state, reading.isWanted, reading.isWanted && (!reading.isIdle || trace_all_threads)};
 }
 
+constexpr uint32_t KINDS_OF_INTEREST = FRAME_WEB | FRAME_DATABASE | FRAME_RMI | FRAME_OF_RULES;
+
+bool HasFrameOfInterest(const QorVirtualGroup &group) {
+    static QorFrameHandle frames;
+    frames.count = group.depth;
+    memcpy(frames.frames, group.frames, static_cast<size_t>(group.depth) * sizeof(jvmtiFrameInfo));
+    for (frames.index = 0; frames.index < frames.count; frames.index++) {
+        const QorFrameShape *shape = QorFindFrameShape(&frames);
+        if (shape && (shape->kinds & KINDS_OF_INTEREST))
+            return true;
+    }
+    return false;
+}
+
+void HoldMember(QorVirtualGroup *group, jobject thread) {
+    if (held.count == held.most || !jobjclass || !HasFrameOfInterest(*group))
+        return;
+    if (!held.array) {
+        jobject array = jvmtijni_env->NewObjectArray(held.most, jobjclass, nullptr);
+        QorClearException(jvmtijni_env);
+        if (!array)
+            return;
+        held.array = static_cast<jobjectArray>(QorNewGlobalRef(jvmtijni_env, array));
+        QorDeleteLocalRef(jvmtijni_env, array);
+    }
+    if (!held.array)
+        return;
+    jvmtijni_env->SetObjectArrayElement(held.array, held.count++, thread);
+    QorClearException(jvmtijni_env);
+    group->isHeld = true;
+}
+
+// Lists the frames whose locals are wanted. `at` has the places of the group's row.
+void ListFrames(VirtualView *view, const QorVirtualGroup &group, const QorXtierPositions &at) {
+    QorThreadRecord thread = {};
+    thread.tid = group.tid;
+    snprintf(thread.name, sizeof thread.name, "%s", group.name);
+    QorStartThreadFrames();
+    QorXtierFlags flags = {};
+    UseFrames(view, group);
+    for (QorFrameHandle &frames = view->frames; frames.index < frames.count; frames.index++) {
+        QorFrameShape *shape = QorFindFrameShape(&frames);
+        if (!shape || !(shape->kinds & KINDS_OF_INTEREST))
+            continue;
+        shape->frame.frameIndex = frames.index;
+        QorListXtierFrame(&thread, &shape->frame, shape->kinds & KINDS_OF_INTEREST, &flags);
+    }
+    char key[THREAD_KEY_SIZE];
+    QorFormatThreadKey(key, getpid(), group.tid);
+    QorXtierPositions used = at;
+    if (!flags.web)
+        used.requestStart = used.requestEnd = -1;
+    if (!QorHasRowData(flags) || QorAddThreadLocation(&thread, key, used, FRAMEWORK_NONE) != 0)
+        QorDropThreadFrames();
+}
+
+// Puts what the locals of the held threads say into the reply.
+void ReadHeldThreads(QorText *reply) {
+    if (!held.array)
+        return;
+    gbQorHeldThreads = held.array;
+    QorInsertXtierData(reply);
+    gbQorHeldThreads = nullptr;
+    QorDeleteGlobalRef(jvmtijni_env, held.array);
+}
+
 // The states in the order of the summary.
 constexpr QorThreadState COUNTED[] = {STATE_RUNNABLE, STATE_DB_WAIT,     STATE_LOCK,     STATE_NETWORK_WAIT,
                                       STATE_IO_WAIT,  STATE_OBJECT_WAIT, STATE_SLEEPING, STATE_RMI_WAIT};
@@ -141,14 +220,20 @@ void AppendKey(QorText *out, int64_t tid) {
     QorAppendField(out, tid != 0 ? key : null_str);
 }
 
-void AppendState(QorText *out, int32_t state) {
+void AppendState(QorText *out, int32_t state, QorXtierPositions *at) {
     char text[STATE_TEXT_SIZE];
     mapQorThreadState2String(state, text);
     QorTextAppend(out, text);
-    if (state == STATE_DB_WAIT)
+    const int32_t start = out->length;
+    if (state == STATE_DB_WAIT) {
         QorTextAppend(out, QorEmptyDatabaseBlock());
-    else if (state == STATE_RMI_WAIT)
+        at->dbStart = start;
+        at->dbEnd = out->length;
+    } else if (state == STATE_RMI_WAIT) {
         QorTextAppend(out, QorEmptyRmiBlock());
+        at->rmiStart = start;
+        at->rmiEnd = out->length;
+    }
 }
 
 // False when the group has no room: nothing of it is written.
@@ -159,8 +244,11 @@ bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
     const GroupFacts facts = ReadGroup(view, group, &call);
     QorAppendNumberField(out, group.count);
     AppendKey(out, group.tid);
-    QorAppendField(out, null_str); // request
-    QorAppendField(out, null_str);
+    QorXtierPositions at;
+    at.requestStart = out->length;
+    for (int32_t i = 0; i < REQUEST_FIELDS; i++)
+        QorAppendField(out, null_str);
+    at.requestEnd = out->length;
     QorAppendField(out, OrPlaceholder(group.waitsFor));
     AppendKey(out, group.owner);
     QorAppendField(out, OrPlaceholder(group.container));
@@ -171,12 +259,15 @@ bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
     }
     for (int32_t i = 0; call.length == 0 && i < CALL_FIELDS; i++)
         QorAppendField(out, null_str);
-    AppendState(out, facts.state);
+    AppendState(out, facts.state, &at);
     QorTextAppendChar(out, RECORD_END);
-    if (!out->refused && out->size - out->length > 1)
-        return true;
-    QorTextCut(out, start);
-    return false;
+    if (out->refused || out->size - out->length <= 1) {
+        QorTextCut(out, start);
+        return false;
+    }
+    if (group.isHeld)
+        ListFrames(view, group, at);
+    return true;
 }
 
 bool AppendStack(VirtualView *view, const QorVirtualGroup &group) {
@@ -222,11 +313,13 @@ void ForShownGroups(VirtualView *view, bool (*append)(VirtualView *, const QorVi
 void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
     const int64_t now = qorLocalWalkClock();
     const bool isDue = QorHandTimeLeft(now) > 0;
+    const bool readsLocals = !no_locals && !gbQorSkipLocal && !gbQorRELocal;
+    held = {nullptr, 0, readsLocals ? std::min(view->mostGroups, MOST_HELD) : 0};
+    QorStartFrameShapes();
     if (QorSampleVirtualThreads(limits, !isDue, &view->sample) != 0)
         QorLogNoFrame(LOG_ERROR);
     if (isDue)
         QorCountHandTime(now, now + view->sample.stopUsec);
-    QorStartFrameShapes();
     CountStates(view);
     const char *note = view->sample.rootIsListed ? nullptr : NOT_TRACKED;
     AppendHead(view, isDue ? note : OVER_QUOTA);
@@ -234,6 +327,8 @@ void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
     QorTextAppendChar(view->reply, SECTION_END);
     if (poll_details)
         ForShownGroups(view, AppendStack);
+    ReadHeldThreads(view->reply);
+    QorFreeXtierLists();
     QorFreeVirtualSample(&view->sample);
 }
 
@@ -257,7 +352,7 @@ void QorShowVirtualThreadsRequest(uint32_t, QorText *reply, char **args) {
         AppendHead(&view, nullptr);
         QorTextAppendChar(reply, SECTION_END);
     } else {
-        AppendSample(&view,
-                     {Argument(args, 1, VIRTUAL_MOST_THREADS), Argument(args, 2, LONGEST_MILLISECONDS)});
+        AppendSample(&view, {Argument(args, 1, VIRTUAL_MOST_THREADS), Argument(args, 2, LONGEST_MILLISECONDS),
+                             HoldMember});
     }
 }

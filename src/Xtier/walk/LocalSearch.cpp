@@ -337,6 +337,23 @@ jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const j
     return JVMTI_VISIT_OBJECTS;
 }
 
+// The JVM reports the locals of a thread that isn't mounted when it follows a reference to it: the walk goes
+// on to the held threads, and from there no further.
+jint JNICALL heapReferenceHeldThreadsCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
+                                              jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
+                                              void *userData) {
+    auto *walk = static_cast<QorLocalWalk *>(userData);
+    if (walk->outcome.end != WALK_NOT_ENDED)
+        return JVMTI_VISIT_ABORT;
+    CountCallback(walk, kind);
+    if (IsOutOfTime(walk))
+        return Abort(walk, WALK_OUT_OF_TIME, kind);
+    const bool isLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && info;
+    if (isLocal && VisitStackLocal(walk, info, classTag, tagPtr) == JVMTI_VISIT_ABORT)
+        return JVMTI_VISIT_ABORT;
+    return tagPtr && *tagPtr == HELD_THREAD ? JVMTI_VISIT_OBJECTS : 0;
+}
+
 // The locals of a frame come in a row: the first one of another frame after them ends the walk.
 jint JNICALL heapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,

@@ -20,6 +20,8 @@ enum : int32_t {
 // interest is; the object of interest. Tags of objects are positive, and a class can be one of them: a local
 // may hold it.
 constexpr jlong BORING_CLASS = -1, EVENT_CLASS = -2, WANTED_CLASS = -3;
+// The tag of virtual threads whose locals are wanted, and of what holds them.
+constexpr jlong HELD_THREAD = -4;
 
 // A frame whose locals are wanted.
 struct QorWantedFrame {
@@ -110,10 +112,14 @@ void QorStartLocalWalkTime(QorLocalWalk *walk, int64_t now, bool hasBudget);
 // Whether the walk has used up its budget.
 bool QorLocalWalkTimeIsUp(const QorLocalWalk &walk);
 
-// The callbacks of the walk for a list and of that for one frame.
+// The callbacks of the walk for a list, of that with threads that are held, and of that for one frame.
 jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong referrerClassTag, jlong size, jlong *tagPtr,
                                             jlong *referrerTagPtr, jint length, void *userData);
+jint JNICALL heapReferenceHeldThreadsCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
+                                              jlong classTag, jlong referrerClassTag, jlong size,
+                                              jlong *tagPtr, jlong *referrerTagPtr, jint length,
+                                              void *userData);
 jint JNICALL heapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info,
                                             jlong classTag, jlong referrerClassTag, jlong size, jlong *tagPtr,
                                             jlong *referrerTagPtr, jint length, void *userData);

@@ -29,6 +29,8 @@ void *qorrefIterFillFromFrame;
 void *qorrefIterInit;
 void *qorrefIterFree;
 
+jobjectArray gbQorHeldThreads;
+
 namespace {
 
 QorLocalWalk &walk = gbQorLocalWalk;
@@ -76,6 +78,24 @@ int32_t Follow(jvmtiHeapReferenceCallback callback) {
     const jvmtiError error = walk.env->FollowReferences(0, nullptr, nullptr, &callbacks, &walk);
     check_FollowRefHack();
     QorClearException(jvmtijni_env);
+    return error;
+}
+
+void TagHeldThreads(jlong tag) {
+    walk.env->SetTag(gbQorHeldThreads, tag);
+    for (jsize i = 0, count = QorGetArrayLength(jvmtijni_env, gbQorHeldThreads); i < count; i++) {
+        jobject thread = QorGetObjectArrayElement(jvmtijni_env, gbQorHeldThreads, i);
+        if (!thread)
+            return;
+        walk.env->SetTag(thread, tag);
+        QorDeleteLocalRef(jvmtijni_env, thread);
+    }
+}
+
+int32_t FollowHeldThreads() {
+    TagHeldThreads(HELD_THREAD);
+    const int32_t error = Follow(heapReferenceHeldThreadsCallback);
+    TagHeldThreads(0);
     return error;
 }
 
@@ -223,7 +243,7 @@ int32_t QorGetLocalVariableForAllThread(QorAllThreadLocalInfoList *list) {
         return -1;
     QorSetLocalWalkBudget(start);
     QorStartLocalWalkTime(&walk, start, quota < ALL_TIME);
-    const int32_t walkError = Follow(heapReferenceAllObjectCallback);
+    const int32_t walkError = gbQorHeldThreads ? FollowHeldThreads() : Follow(heapReferenceAllObjectCallback);
     const int32_t tagError = CollectObjects();
     const int64_t end = qorLocalWalkClock(); // the look-up of tags keeps the JVM's threads too
     gbQorWalkCut = WasCut();

@@ -31,6 +31,10 @@ struct QorLocalObjectRecord {
     char signature[LOCAL_SIGNATURE_SIZE];
 };
 
+// An array of virtual threads that no carrier runs, held by a global reference: walks for a list find their
+// locals and no others. Null but for the time of such a walk. The view that makes the list sets it.
+extern jobjectArray gbQorHeldThreads;
+
 // Decides getObjOpt from the JVM's version and vendor. Start-up.
 void checkGetObjOpt();
 

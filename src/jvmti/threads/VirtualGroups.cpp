@@ -31,7 +31,8 @@ constexpr Defaults WITH_STOPS = {4096, 100}, WITHOUT_STOPS = {8192, 200};
 // A sample that is being taken. One at a time, the worker's.
 struct Sampler {
     QorVirtualSample *sample;
-    bool batches, countOnly;
+    bool batches;
+    void (*onGroup)(QorVirtualGroup *group, jobject thread);
     jthread threads[BATCH];
     int32_t held;
 };
@@ -141,6 +142,7 @@ void DescribeContainer(jobject container, char *dest) {
 // What is shown of a group's first member.
 void DescribeMember(QorVirtualGroup *group, jthread thread) {
     group->tid = QorGetLongField(jvmtijni_env, thread, qorVirtual.tid);
+    CopyStringField(thread, qorVirtual.name, group->name);
     if (jobject container = QorGetObjectField(jvmtijni_env, thread, qorVirtual.container)) {
         DescribeContainer(container, group->container);
         QorDeleteLocalRef(jvmtijni_env, container);
@@ -157,10 +159,10 @@ void DescribeMember(QorVirtualGroup *group, jthread thread) {
 }
 
 // Adds a thread's stack to its group.
-void AddStack(QorVirtualSample *sample, jthread thread, jint state, const jvmtiFrameInfo *frames,
-              jint count) {
+void AddStack(Sampler *sampler, jthread thread, jint state, const jvmtiFrameInfo *frames, jint count) {
     if (!(state & JVMTI_THREAD_STATE_ALIVE))
         return;
+    QorVirtualSample *sample = sampler->sample;
     sample->sampled++;
     const int32_t skipped =
         CountSchedulerFrames(frames, count); // without frames: waits for its first carrier
@@ -180,6 +182,7 @@ void AddStack(QorVirtualSample *sample, jthread thread, jint state, const jvmtiF
     group->depth = depth;
     memcpy(group->frames, frames + skipped, static_cast<size_t>(depth) * sizeof *frames);
     DescribeMember(group, thread);
+    sampler->onGroup(group, thread);
 }
 
 // One stop for all threads that are held, and a rest as long if others follow.
@@ -195,7 +198,7 @@ void ReadBatch(Sampler *sampler, bool rest) {
         return;
     }
     for (int32_t i = 0; i < sampler->held; i++)
-        AddStack(sampler->sample, sampler->threads[i], stacks[i].state, stacks[i].frame_buffer,
+        AddStack(sampler, sampler->threads[i], stacks[i].state, stacks[i].frame_buffer,
                  stacks[i].frame_count);
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(stacks));
     if (rest) {
@@ -211,7 +214,7 @@ void ReadSingly(Sampler *sampler) {
         jint count = 0, state = 0;
         if (jvmti->GetStackTrace(sampler->threads[i], 0, READ_DEPTH, frames, &count) == JVMTI_ERROR_NONE &&
             jvmti->GetThreadState(sampler->threads[i], &state) == JVMTI_ERROR_NONE)
-            AddStack(sampler->sample, sampler->threads[i], state, frames, count);
+            AddStack(sampler, sampler->threads[i], state, frames, count);
     }
     sampler->sample->stopUsec += QorVirtualClock() - start;
 }
@@ -261,7 +264,7 @@ void SortGroups(QorVirtualSample *sample) {
 
 void TakeSample(const QorVirtualLimits &limits, QorVirtualSample *sample) {
     static Sampler sampler;
-    sampler = {sample, Release() < RELEASE_WITHOUT_STOP, false, {}, 0};
+    sampler = {sample, Release() < RELEASE_WITHOUT_STOP, limits.onGroup, {}, 0};
     const Defaults &defaults = sampler.batches ? WITH_STOPS : WITHOUT_STOPS;
     const int32_t milliseconds = limits.milliseconds > 0 ? limits.milliseconds : defaults.milliseconds;
     QorVirtualWalk walk = {};

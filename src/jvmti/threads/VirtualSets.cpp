@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <limits>
 
 namespace {
 
@@ -303,4 +304,25 @@ void QorWalkVirtualThreads(QorVirtualWalk *walk) {
         return !walk->ended;
     });
     WalkPlatformThreads(walk);
+}
+
+jobject QorFindVirtualThread(int64_t tid, int64_t usec) {
+    struct Search {
+        int64_t tid;
+        jobject found;
+    } search = {tid, nullptr};
+    if (QorPushLocalFrame(jvmtijni_env, VIRTUAL_WALK_REFERENCES) != 0)
+        return nullptr;
+    QorVirtualWalk walk = {};
+    walk.visit = [](void *data, jobject thread) {
+        auto *wanted = static_cast<Search *>(data);
+        if (QorGetLongField(jvmtijni_env, thread, qorVirtual.tid) == wanted->tid)
+            wanted->found = jvmtijni_env->NewLocalRef(thread);
+        return !wanted->found;
+    };
+    walk.data = &search;
+    walk.most = std::numeric_limits<int64_t>::max();
+    walk.deadline = QorVirtualClock() + usec;
+    QorWalkVirtualThreads(&walk);
+    return QorPopLocalFrame(jvmtijni_env, search.found);
 }

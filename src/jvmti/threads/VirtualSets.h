@@ -44,5 +44,9 @@ struct QorVirtualWalk {
 // Visits threads until one of the limits; the caller has set the first four members, all others are 0.
 void QorWalkVirtualThreads(QorVirtualWalk *walk);
 
+// The thread with this Java thread id, a local reference of the caller's frame; null when there is none, or
+// none was found within `usec` microseconds.
+jobject QorFindVirtualThread(int64_t tid, int64_t usec);
+
 // Microseconds of CLOCK_MONOTONIC.
 int64_t QorVirtualClock();
