@@ -55,12 +55,10 @@ TEST_F(ConnectionCache, AConnectionIsOneThreadsAndIsNotRefreshed) {
     EXPECT_EQ(iDBInfoIndex, 1);
     EXPECT_STREQ(gbDB_Info[0].remoteHost, "10.0.0.1");
     Add(7, "10.0.0.1", "another");
-    QorStrncpy(record->threadKey, "1-2", sizeof record->threadKey, DB_THREAD_KEY_SIZE);
-    Add(7, "10.0.0.1", "another");
-    EXPECT_EQ(iDBInfoIndex, 3);
+    EXPECT_EQ(iDBInfoIndex, 2);
     for (const char *url : {"jdbc:one", "jdbc:two", "jdbc:one"}) {
         snprintf(record->url, sizeof record->url, "%s", url);
         Add(0); // known by its URL
     }
-    EXPECT_EQ(iDBInfoIndex, 5);
+    EXPECT_EQ(iDBInfoIndex, 4);
 }
