@@ -1,7 +1,6 @@
 // Real faults, each in a process of its own: the guard around single calls, and the agent's own handler,
 // which only these tests arm.
 #include "Child.h"
-#include "LogCapture.h"
 #include "jvmti/changes/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
@@ -112,24 +111,6 @@ TEST(GuardedCall, OtherFaultsReachTheJvm) {
                                 [] { trycatch_Cleanup(), Guarded(Segv); }};
     for (auto fault : faults)
         EXPECT_EQ(InChild([fault] { StartChaining(), Guarded(Segv), fault(); }), JVM_HANDLER);
-}
-
-// A fault that fell through leaves the JVM's handlers in place for good; the next line of the log reports it.
-TEST(GuardedCall, AFaultThatFellThroughEndsTheChaining) {
-    EXPECT_EQ(InChild([] {
-                  StartChaining();
-                  LogCapture log(LOG_TRACE + 1);
-                  signal(SIGSEGV, SIG_IGN); // what is raised anew ends here
-                  tryState = TRY_RUNNING;
-                  trycatch_tid = pthread_self();
-                  std::thread([] { trycatch_Catcher(SIGSEGV, nullptr, nullptr); }).join();
-                  tryState = TRY_OFF;
-                  EXPECT_EQ(table[SIGSEGV].sa_sigaction, JvmsOwn);
-                  EXPECT_EQ(table[SIGBUS].sa_sigaction, JvmsOwnBus);
-                  trycatch_LogFault();
-                  EXPECT_EQ(log.count("Unable to recover from signal 11"), 1);
-              }),
-              0);
 }
 
 // A request that faults is answered with what there is, and the worker is back at its loop, with the signals

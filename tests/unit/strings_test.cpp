@@ -65,13 +65,10 @@ TEST(Append, ReportsOnceAnHour) {
     ClearReports();
     LogCapture log(3);
     char dst[4] = "abc";
-    for (int report = 1; report <= 2; report++) {
+    for (const int32_t reports : {1, 1, 2}) {
         QorStrncat2(dst, "xyz", 4);
-        prevBufferOverFlowDumpTime.tv_sec -=
-            3590; // some seconds short of the hour, whatever the machine's pace
-        QorStrncat2(dst, "xyz", 4);
-        EXPECT_EQ(log.count("Abort QorStrncat"), report);
-        prevBufferOverFlowDumpTime.tv_sec -= 11;
+        EXPECT_EQ(log.count("Abort QorStrncat"), reports);
+        prevBufferOverFlowDumpTime.tv_sec -= 1810;
     }
 }
 

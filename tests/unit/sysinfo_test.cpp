@@ -1,9 +1,12 @@
+#include "Child.h"
 #include "Restore.h"
+#include "platforms/qorpidlist.h"
 #include "platforms/qorsysinfo.h"
+#include "qorsettings.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/times.h>
 #include <unistd.h>
 
@@ -73,4 +76,22 @@ TEST(ProcessCpu, GivesCounterAndLoad) {
     EXPECT_EQ(qorsysinfo(4), 10);
     ncpu = 4;
     EXPECT_LE(qorsysinfo(3), ticks() / 4);
+}
+
+// Linux 2.4, acted out: the last of three processes that are named "java", as the threads of a JVM were then.
+TEST(PidList, TheShellGetsPlainUserNamesOnly) {
+    const auto of_last = [] {
+        for (const auto &[name, command] :
+             {std::pair("app.user-1_x", "ps -fu app.user-1_x |"), {"$(id)", "ps -fe |"}}) {
+            setenv("LOGNAME", name, 1);
+            snprintf(os_name, sizeof os_name, "Linux-2.4.20 (64 bit)");
+            qorsysinfo(0);
+            EXPECT_EQ(std::string(cpu_cmd_str).find(command), 0u) << name;
+        }
+    };
+    EXPECT_EQ(InChild([&] {
+                  prctl(PR_SET_NAME, "java");
+                  EXPECT_EQ(InChild([&] { EXPECT_EQ(InChild(of_last), 0); }), 0);
+              }),
+              0);
 }

@@ -1,8 +1,10 @@
 #include "Xtier/tiers/RemoteUrl.h"
+#include "Xtier/tiers/XtierQRF.h"
 #include "qorStrUtils.h"
 
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 TEST(ValueText, BlanksWhatARecordIsCutAt) {
     std::string all;
@@ -66,5 +68,63 @@ TEST(ValueText, HidesPasswordsOfUrls) {
     for (auto [url, shown] : rows) {
         QorHidePasswords(url.data());
         EXPECT_STREQ(url.c_str(), shown);
+    }
+}
+
+TEST(GroovyLines, AreFoundByTheNamesOfTheCallSites) {
+    std::string lines;
+    for (int i = 1; i <= 1500; i++)
+        lines += "call" + std::to_string(i) + "()\n";
+    const std::string script = "first()\nsecond(); first()\n\nthird()\nlast()";
+    const struct {
+        std::string script;
+        std::vector<const char *> sites;
+        int32_t index, line;
+    } rows[] = {
+        {script, {"first", "second", "first", "third"}, 3, 4},
+        {script, {"first", "absent", "third"}, 2, 4}, // what isn't in the text is passed over
+        {script, {"third", "first"}, 1, 4},           // each name is looked for after the one before
+        {script, {"first", "last"}, 1, 2},   // the last line has no end: the number of the next call site
+        {script, {"first", "second"}, 7, 2}, // more call sites than names are known
+        {script, {"first", "second"}, 1001, 1},
+        {lines, {"call1000("}, 9, 9}, // no more lines than that are counted
+    };
+    for (const auto &row : rows) {
+        static char names[GROOVY_CALL_SITES][GROOVY_LINE_SIZE];
+        for (size_t i = 0; i < row.sites.size(); i++)
+            snprintf(names[i], sizeof names[i], "%s", row.sites[i]);
+        EXPECT_EQ(getGroovyCurrentLineNo(row.script.c_str(), names, static_cast<int32_t>(row.sites.size()),
+                                         row.index, 1000),
+                  row.line)
+            << row.sites[0] << row.index;
+    }
+    EXPECT_EQ(getGroovyCurrentLineNo(nullptr, nullptr, 0, 5, 1000), 5);
+}
+
+TEST(RemoteUrl, GivesHostAndPortOrNothing) {
+    const std::string longest = std::string(59, 'h') + ".net";
+    const struct {
+        std::string url, host;
+        int port;
+    } rows[] = {
+        {"http://shop.example.com/a?b=c", "shop.example.com", 80},
+        {"https://user:s@cret@10.0.0.7:8443/x@y:1", "10.0.0.7", 8443},
+        {"https://[2001:db8::1]:444?x", "2001:db8::1", 444},
+        {"dns:///db_host:50051", "db_host", 50051},
+        {"backend:9000/x", "backend", 9000},
+        {"http://" + longest, longest, 80},
+        {"http://" + longest + "x", "", 0},
+        {"GET /x://y:1", "", 0},
+        {"http://a:65536", "", 0},
+        {"http://a:8o", "", 0},
+        {"http://[::1:80", "", 0},
+        {"http://[a.b-c]:80", "", 0},
+    };
+    for (const auto &row : rows) {
+        char host[64] = "old";
+        int32_t port = -1;
+        EXPECT_EQ(!row.host.empty(), QorReadRemoteUrl(row.url.c_str(), host, sizeof host, &port)) << row.url;
+        EXPECT_EQ(row.host, host) << row.url;
+        EXPECT_EQ(row.port, port) << row.url;
     }
 }

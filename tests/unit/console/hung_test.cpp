@@ -91,11 +91,8 @@ TEST(Outside, AThreadStoppedForASignalGetsIt) {
     std::thread sender([&] {
         for (int sent = 1; !ends && !lost; ++sent) {
             kill(child, SIGUSR1);
-            for (int waited = 0; *arrived == sent && !lost; ++waited) {
-                if (waited > 10000)
-                    poll(nullptr, 0, 1);
-                lost = waited > 20000;
-            }
+            for (int waited = 0; *arrived == sent && !lost; ++waited)
+                lost = waited > 10000 && (poll(nullptr, 0, 1), waited > 20000);
         }
     });
     std::string problem;
