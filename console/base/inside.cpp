@@ -7,9 +7,11 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
+#include <linux/openat2.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,17 +23,6 @@ constexpr std::chrono::milliseconds LOOK_LIMIT(2000), END_LIMIT(500);
 constexpr unsigned CHILD_SECONDS = 5; // should nobody be left to end it
 constexpr char ENTERED = '+';         // before a look's text
 
-// Without the privilege for chroot our own root directory serves if it is the process's too. Not root: every
-// file that opens is one that we may open anyway.
-bool Enter(int root, const Process &process) {
-    uid_t self = geteuid();
-    if (self == 0 && (fchdir(root) != 0 || chroot(".") != 0) && !SameFiles(process.pid))
-        return false;
-    return self == process.euid ||
-           (setgroups(0, nullptr) == 0 && setresgid(process.egid, process.egid, process.egid) == 0 &&
-            setresuid(process.euid, process.euid, process.euid) == 0);
-}
-
 void WriteAll(int fd, std::string_view text) {
     for (ssize_t sent; !text.empty() && (sent = write(fd, text.data(), text.size())) > 0;)
         text.remove_prefix(static_cast<size_t>(sent));
@@ -41,7 +32,7 @@ void WriteAll(int fd, std::string_view text) {
                            const std::function<std::string(int root)> &look) {
     try {
         alarm(CHILD_SECONDS);
-        if (Enter(root, process))
+        if (EnterAs(root, process))
             WriteAll(to_parent, ENTERED + look(root));
     } catch (...) {
         // whatever it is, nothing of the parent's may run in here
@@ -95,6 +86,28 @@ std::optional<std::string> LookInside(const Process &process,
     if (!whole || text.empty())
         return std::nullopt;
     return text.substr(1);
+}
+
+// Without the privilege for chroot our own root directory serves if it is the process's too. Not root: every
+// file that opens is one that we may open anyway.
+bool EnterAs(int root, const Process &process) {
+    uid_t self = geteuid();
+    if (self != 0)
+        return self == process.euid;
+    if ((fchdir(root) != 0 || chroot(".") != 0) && !SameFiles(process.pid))
+        return false;
+    bool groups = setgroups(0, nullptr) == 0 && setresgid(process.egid, process.egid, process.egid) == 0;
+    return self == process.euid || (groups && setresuid(process.euid, process.euid, process.euid) == 0);
+}
+
+FileDescriptor OpenBelow(int root, const char *path, int flags) {
+    open_how how = {};
+    how.flags = static_cast<uint64_t>(flags);
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    int fd = static_cast<int>(syscall(SYS_openat2, root, path, &how, sizeof how));
+    if (fd < 0 && errno == ENOSYS) // a kernel before 5.6
+        fd = openat(root, path, flags | O_NOFOLLOW);
+    return FileDescriptor(fd);
 }
 
 std::string ReadRegular(int dir, const std::string &path, std::optional<uid_t> owner) {

@@ -26,6 +26,14 @@ std::optional<std::string> LookInside(const Process &process,
 // another owner than `owner`, if that is given, included. For use in a look.
 std::string ReadRegular(int dir, const std::string &path, std::optional<uid_t> owner = std::nullopt);
 
+// For a child of ours, which gives up what it is: enters the process's root directory, when we are root, and
+// takes its user's identity without further groups. False when that isn't allowed.
+bool EnterAs(int root, const Process &process);
+
+// Opens what is below a directory, taken for the root of the way there: a link can't lead out of a process's
+// files.
+FileDescriptor OpenBelow(int root, const char *path, int flags);
+
 // A path as a process has it, without its leading slashes: relative to the process's root directory.
 std::string BelowRoot(std::string_view path);
 

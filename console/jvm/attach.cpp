@@ -3,6 +3,7 @@
 #include "base/failure.h"
 #include "base/inside.h"
 #include "base/transfer.h"
+#include "bring.h"
 #include "patience.h"
 
 #include <cerrno>
@@ -13,7 +14,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
-#include <linux/openat2.h>
 #include <poll.h>
 #include <random>
 #include <signal.h>
@@ -39,7 +39,7 @@ constexpr std::string_view STATUS_PROPERTY = "qoragent.status";
 class EffectiveUser {
 public:
     explicit EffectiveUser(const Process &process) : process_(process), uid_(geteuid()), gid_(getegid()) {
-        if (process.euid == uid_)
+        if (uid_ != 0 && process.euid == uid_)
             return;
         groups_.resize(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
         changed_ = getgroups(static_cast<int>(groups_.size()), groups_.data()) >= 0;
@@ -47,6 +47,9 @@ public:
             return;
         if (changed_)
             Restore();
+        changed_ = false;
+        if (process.euid == uid_)
+            return; // root without the privilege: the same user at least
         throw Failure(fmt::format("can't take the identity of {}", UserName(process.euid)),
                       "run qorctl as that user");
     }
@@ -199,8 +202,10 @@ void CheckArgument(const std::string &jar, const std::string &argument) {
                       "give fewer options", EXIT_USAGE);
 }
 
-// The jar must be there for the JVM, whose files may be others than ours, and readable for its user.
-void CheckJarVisible(const Process &process, const std::string &jar) {
+// Whether the JVM, whose files may be others than ours, has the jar there and its user may read it.
+enum class Sight { READABLE, CLOSED, ABSENT };
+
+Sight LookForJar(const Process &process, const std::string &jar) {
     constexpr const char *READABLE = "readable", *CLOSED = "closed", *ABSENT = "absent";
     std::optional<std::string> found = LookInside(process, [&](int root) {
         std::string path = BelowRoot(jar);
@@ -211,19 +216,16 @@ void CheckJarVisible(const Process &process, const std::string &jar) {
     if (!found)
         throw Failure(fmt::format("can't look into the files of process {}", process.pid),
                       "run qorctl as root");
-    if (*found == ABSENT) {
-        std::string hint = "check --jar";
-        if (!SameFiles(process.pid))
-            hint = fmt::format("the JVM sees other files than we do; copy the jar there (cp qoragent.jar "
-                               "/proc/{}/root/tmp/) and give its path in there with --jar",
-                               process.pid);
-        throw Failure(fmt::format("process {} has no file {}, or its user can't reach it", process.pid, jar),
-                      hint);
-    }
-    if (*found == CLOSED)
-        throw Failure(
-            fmt::format("{}, who runs process {}, can't read {}", UserName(process.euid), process.pid, jar),
-            "copy the jar to a place open to that user and give it with --jar");
+    return *found == READABLE ? Sight::READABLE : *found == CLOSED ? Sight::CLOSED : Sight::ABSENT;
+}
+
+Failure Unseen(const Process &process, const std::string &jar, Sight sight) {
+    if (sight == Sight::ABSENT)
+        return Failure(fmt::format("process {} has no file {}, or its user can't reach it", process.pid, jar),
+                       "check --jar");
+    return Failure(
+        fmt::format("{}, who runs process {}, can't read {}", UserName(process.euid), process.pid, jar),
+        "copy the jar to a place open to that user and give it with --jar");
 }
 
 std::string SocketName(const Process &process) {
@@ -310,18 +312,6 @@ std::string Exchange(int fd, const std::string &request, Clock::time_point deadl
     return reply;
 }
 
-// A directory below another one, which is the root of the way there: a link can't lead out of a process's
-// files.
-FileDescriptor OpenBelow(int root, const char *path, int flags) {
-    open_how how = {};
-    how.flags = static_cast<uint64_t>(flags);
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    int fd = static_cast<int>(syscall(SYS_openat2, root, path, &how, sizeof how));
-    if (fd < 0 && errno == ENOSYS) // a kernel before 5.6
-        fd = openat(root, path, flags | O_NOFOLLOW);
-    return FileDescriptor(fd);
-}
-
 // One exchange with the JVM's attach listener: its parts in the order they are needed.
 class AttachChannel {
 public:
@@ -369,6 +359,14 @@ private:
     Target target_;
     Places places_;
 };
+
+// The JVM's own directories, to which its user can usually write.
+std::vector<std::string> OwnPlaces(std::string_view properties) {
+    std::vector<std::string> places;
+    for (const char *key : {"java.io.tmpdir", "user.dir", "user.home"})
+        places.push_back(PropertyValue(properties, key));
+    return places;
+}
 
 // Results of the instrument library, as the JVM passes them on.
 Failure LoadFailure(int result, const std::string &jar) {
@@ -472,11 +470,17 @@ std::string FindJar(const std::string &given) {
 
 void LoadAgent(const Process &process, const std::string &jar, const std::string &options,
                std::chrono::seconds limit) {
-    std::string argument = options.empty() ? jar : jar + "=" + options;
-    CheckArgument(jar, argument);
     AttachChannel channel(process);
-    CheckJarVisible(process, jar);
-    CheckLoadReply(channel.Ask({"load", "instrument", "false", argument}, limit, true), jar);
+    std::optional<BroughtJar> brought;
+    if (Sight sight = LookForJar(process, jar); sight != Sight::READABLE) {
+        if (access(jar.c_str(), R_OK) != 0)
+            throw Unseen(process, jar, sight);
+        brought.emplace(process, jar, OwnPlaces(channel.Ask({"properties", "", "", ""}, limit, true)));
+    }
+    const std::string &path = brought ? brought->path() : jar;
+    std::string argument = options.empty() ? path : path + "=" + options;
+    CheckArgument(path, argument);
+    CheckLoadReply(channel.Ask({"load", "instrument", "false", argument}, limit, true), path);
 }
 
 std::string AgentStatus(const Process &process, std::chrono::seconds limit) {

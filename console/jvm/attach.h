@@ -20,7 +20,8 @@
 namespace qorctl {
 
 // Loads the jar into the process and waits until its agentmain has returned. `jar` is an absolute path as the
-// JVM sees it. Throws a Failure that says why the JVM refused.
+// JVM sees it; when it sees no such file that its user can read, ours of that path is brought to it for the
+// time of the call. Throws a Failure that says why the JVM refused, or why there is no place for the jar.
 void LoadAgent(const Process &process, const std::string &jar, const std::string &options,
                std::chrono::seconds limit);
 

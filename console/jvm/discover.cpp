@@ -46,8 +46,6 @@ AgentState FindAgent(const Process &process, JvmEntry *entry) {
         std::optional<Endpoint> endpoint = LocateEndpoint(process, false);
         if (!endpoint)
             return AgentState::ABSENT;
-        if (!SameNetwork(process.pid))
-            return AgentState::UNKNOWN;
         Proof proof = CheckListener(process, *endpoint);
         if (proof == Proof::UNKNOWN)
             entry->note = NOT_PROVEN;

@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/inside.h"
+#include "base/network.h"
 #include "base/transfer.h"
 #include "patience.h"
 #include "wire/protocol.h"
@@ -65,6 +66,18 @@ Failure Unanswered(std::string_view got) {
             "correct the request");
     return Failure("the agent gave no answer",
                    "its log says why (raise its level with 'log PID 3' and ask again)");
+}
+
+int MakeSocket() {
+    return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+Failure NoSocket(pid_t pid) {
+    if (errno != EPERM && errno != EACCES)
+        return Failure(fmt::format("no socket: {}", strerror(errno)), "raise the limit of open files");
+    return Failure(
+        fmt::format("process {} has its own network, which can't be entered: {}", pid, strerror(errno)),
+        "run qorctl as root");
 }
 
 } // namespace
@@ -132,9 +145,9 @@ std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &
 
 std::optional<Connection> Connection::Open(const Endpoint &endpoint, Seconds limit) {
     Clock::time_point deadline = Clock::now() + limit;
-    FileDescriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    FileDescriptor fd = MakeInNetwork(endpoint.pid, MakeSocket);
     if (!fd.ok())
-        throw Failure(fmt::format("no socket: {}", strerror(errno)), "raise the limit of open files");
+        throw NoSocket(endpoint.pid);
     int on = 1;
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     sockaddr_in address = {};
@@ -224,13 +237,6 @@ void Connection::SendLast(std::string_view request, Seconds limit) {
         throw Failure("the agent didn't hang up", "it may still be busy with a request; try again");
     if (!reply.empty())
         throw Unanswered(reply);
-}
-
-void CheckNetwork(const Process &process) {
-    if (!SameNetwork(process.pid))
-        throw Failure(fmt::format("process {} has its own network: its loopback can't be reached from here",
-                                  process.pid),
-                      fmt::format("run qorctl in there: nsenter -t {} -n qorctl ...", process.pid));
 }
 
 } // namespace qorctl

@@ -1,7 +1,8 @@
 // The way to an agent that runs: its endpoint file, its relay, one request and its reply.
 //
-// The relay listens on the loopback of the JVM's machine and asks for a token, which is with the port in
-// a file that only the JVM's user can read. Every wait has an end and every read a bound.
+// The relay listens on the loopback of the JVM's network, which is entered for the connection when it isn't
+// ours. It asks for a token, which is with the port in a file that only the JVM's user can read. Every wait
+// has an end and every read a bound.
 #pragma once
 
 #include "base/process.h"
@@ -22,7 +23,7 @@ struct Endpoint {
     uint16_t port = 0;
     std::string token; // 32 hexadecimal digits
     pid_t inner_pid = 0;
-    pid_t pid = 0;             // as we see it; 0 when not known
+    pid_t pid = 0;             // as we see it; 0 when not known: one in our own network
     std::string pid_namespace; // of the JVM, as /proc names it; empty when not known
 };
 
@@ -66,8 +67,5 @@ private:
     pid_t pid_; // of the JVM; 0 when not known
     std::optional<std::chrono::steady_clock::time_point> start_;
 };
-
-// The loopback connection can't be made from another network namespace: a Failure that says how to get there.
-void CheckNetwork(const Process &process);
 
 } // namespace qorctl

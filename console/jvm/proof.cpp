@@ -1,12 +1,14 @@
 #include "proof.h"
 
 #include "base/failure.h"
+#include "base/network.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <functional>
 #include <ifaddrs.h>
@@ -127,7 +129,10 @@ std::optional<std::vector<uint16_t>> ListeningPorts(const std::string &proc_dir)
 }
 
 Proof CheckListener(const Process &process, const Endpoint &endpoint) {
-    if (!IsOwnAddress(endpoint.address))
+    // Other addresses than loopback's are those of its network, which need not be ours.
+    const auto look = [&] { return IsOwnAddress(endpoint.address) ? open("/", O_PATH | O_CLOEXEC) : -1; };
+    const bool own = ntohl(endpoint.address) >> 24 == LOOPBACK_NET || MakeInNetwork(process.pid, look).ok();
+    if (!own)
         throw Failure(fmt::format("the endpoint of JVM {} names an address of another machine", process.pid),
                       "its user may be leading you astray: no agent listens there");
     return ProveListener(fmt::format("/proc/{}", process.pid), endpoint);

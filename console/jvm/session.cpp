@@ -59,7 +59,6 @@ std::optional<Connection> ConnectToRunning(const Settings &settings, const Proce
     std::optional<Endpoint> endpoint = LocateEndpoint(process, ask);
     if (!endpoint)
         return std::nullopt;
-    CheckNetwork(process);
     Proof proof = CheckListener(process, *endpoint);
     if (proof == Proof::OTHER)
         return std::nullopt; // a leftover, whose port may be anybody's by now

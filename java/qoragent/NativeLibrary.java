@@ -3,12 +3,14 @@ package qoragent;
 import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
+import java.net.URISyntaxException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.nio.file.StandardCopyOption;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermissions;
+import java.security.CodeSource;
 import java.util.LinkedHashSet;
 import java.util.Set;
 
@@ -17,7 +19,8 @@ import java.util.Set;
  *
  * The copy goes into a fresh directory for the owner only, which is removed as soon as the JVM has mapped the
  * library. The places tried are the JVM's temporary directory and then, as some hosts mount that without
- * leave to execute, the user's runtime directory and home.
+ * leave to execute, the user's runtime directory and home, and the jar's directory: where all of these
+ * refuse, qorctl has put the jar in one that doesn't.
  *
  * A JDK from 24 on prints a warning on stderr when a library is loaded; --enable-native-access=ALL-UNNAMED on
  * the JVM's command line silences it. The jar's manifest can't do that for an agent.
@@ -80,11 +83,21 @@ final class NativeLibrary {
 
     private static Set<String> places() {
         Set<String> places = new LinkedHashSet<>();
-        for (String place : new String[] {System.getProperty("java.io.tmpdir"),
-                                          System.getenv("XDG_RUNTIME_DIR"), System.getProperty("user.home")})
+        for (String place :
+             new String[] {System.getProperty("java.io.tmpdir"), System.getenv("XDG_RUNTIME_DIR"),
+                           System.getProperty("user.home"), besideTheJar()})
             if (place != null && !place.isEmpty())
                 places.add(place);
         return places;
+    }
+
+    private static String besideTheJar() {
+        CodeSource jar = NativeLibrary.class.getProtectionDomain().getCodeSource();
+        try {
+            return jar == null ? null : Paths.get(jar.getLocation().toURI()).getParent().toString();
+        } catch (URISyntaxException | IllegalArgumentException e) {
+            return null; // it didn't come from a file
+        }
     }
 
     private static void loadThrough(Path place) throws IOException {

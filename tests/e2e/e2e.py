@@ -15,6 +15,7 @@ import tempfile
 import unittest
 
 from harness import SETTINGS, in_root
+from containers import Containers
 from databases import Databases
 from direct import DirectHeap, DirectRoad
 from dumps import Dumps, LateDumps
@@ -28,8 +29,9 @@ from views import Memory, Views
 from virtual import Virtual
 from web import Web
 
-__all__ = ["Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life", "Memory",
-           "Metrics", "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views", "Virtual", "Web"]
+__all__ = ["Containers", "Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life",
+           "Memory", "Metrics", "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views",
+           "Virtual", "Web"]
 
 
 def main():

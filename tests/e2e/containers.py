@@ -1,0 +1,110 @@
+"""JVMs in file systems and namespaces of their own, asked from outside with one command."""
+import contextlib
+import os
+import re
+import subprocess
+import unittest
+
+from harness import LIMIT, SETTINGS, Application, Case, wait_until
+
+USER, OUTER, GROUP = 1000, 300000, 4242
+NARROW = """for m in $(awk '!/ - (proc|sysfs) / && $5 != "/tmp" {print $5}' /proc/self/mountinfo); do
+            mount -o remount,bind,ro $m || :; done; """
+NOEXEC = "mount -o remount,bind,noexec /tmp; "
+TWICE = ["unshare", "--pid", "--fork", "--kill-child"] * 2
+
+
+def read(path):
+    with contextlib.suppress(FileNotFoundError):
+        with open(path, encoding="utf-8") as file:
+            return file.read()
+    return ""
+
+
+class Contained(Application):
+    """The demo with mounts of its own and without the agent's jar. `mounts` are commands that root runs there
+    first, `cwd` is where the JVM begins."""
+
+    def __init__(self, mounts, cwd, wrap):
+        script = f"""set -e; mount -t tmpfs -o mode=1777 none /mnt; mkdir /mnt/classes /mnt/closed /mnt/home
+            chown 0:{GROUP} /mnt/closed; chmod 770 /mnt/closed; chmod 777 /mnt/home
+            mount --bind {SETTINGS.classes} /mnt/classes; mount -t tmpfs -o mode=1777 none /tmp
+            mount -t proc proc /proc 2>&1 || : # of the process ids in there, when they are its own
+            {mounts} cd {cwd}; exec setpriv --reuid={USER} --regid={USER} --clear-groups "$@" """
+        propagation = "unchanged" if SETTINGS.root else "private"  # which tools/in_root has seen to
+        super(Application, self).__init__(
+            "-Duser.home=/mnt/home", "-cp", "/mnt/classes", "qoragent.demo.Demo", 170,
+            before=[*wrap, "unshare", "--mount", "--propagation", propagation, "sh", "-c", script, "sh"])
+        while inner := read(f"/proc/{self.pid}/task/{self.pid}/children").split():
+            self.pid = int(inner[0])
+
+    def held(self, name):
+        """The path of a file that the JVM has mapped or open."""
+        paths = re.findall(r"/\S.*", read(f"/proc/{self.pid}/maps"))
+        for fd in os.listdir(f"/proc/{self.pid}/fd"):
+            with contextlib.suppress(OSError):
+                paths.append(os.readlink(f"/proc/{self.pid}/fd/{fd}"))
+        return next((path for path in paths if re.search(name, path)), None)
+
+
+@unittest.skipUnless(os.geteuid() == 0, "only root makes namespaces")
+class Containers(Case):
+    """qorctl needs nothing in there: neither the jar nor mounts, groups or a way to the network."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.addClassCleanup(os.setgroups, os.getgroups())
+        os.setgroups([GROUP])  # which open doors that the JVM's user finds closed
+        cls.holder = subprocess.Popen(["unshare", "--user", "--net", "sleep", "infinity"])
+        cls.addClassCleanup(lambda: (cls.holder.kill(), cls.holder.wait(LIMIT)))
+        wait_until("its namespaces", lambda: os.readlink(f"/proc/{cls.holder.pid}/ns/net") !=
+                   os.readlink("/proc/self/ns/net"))
+
+    def wrap(self, *kinds):
+        """The command that enters the namespaces of the holder."""
+        return ["nsenter", "-t", str(self.holder.pid), *kinds]
+
+    def ask(self, mounts, cwd, wrap, place):
+        """`place` is where the jar was: None when there is none for it."""
+        with Contained(mounts, cwd, wrap) as app:
+            before, jar = read(f"/proc/{app.pid}/mountinfo"), ("--jar", SETTINGS.root + SETTINGS.jar)
+            if place is None:
+                said = self.refused("has no directory for the agent: ", "threads", app.pid, *jar).err
+                for reason in ("/tmp (noexec)", "/ (read-only)", "/mnt/home (read-only)",
+                               "--tmpfs /qoragent:rw,exec,mode=1777"):
+                    self.assertIn(reason, said)
+            else:
+                self.assertIn("demo-lock-holder", self.threads(app, *jar))
+                self.assertIn((app.pid, True), [(jvm["pid"], jvm["agent"]) for jvm in self.json("list")])
+                for name, path in ((r"qoragent-\w+\.jar", r"[^/]*\.jar"),
+                                   ("libqoragent", r"[^/]*/libqoragent\.so")):
+                    self.assertRegex(app.held(name), rf"^{SETTINGS.root}{place}/{path} \(deleted\)$")
+                self.answer("shutdown", app.pid)
+            self.assertEqual(before, read(f"/proc/{app.pid}/mountinfo"))
+            left = subprocess.run(["find", f"/proc/{app.pid}/root/tmp", f"/proc/{app.pid}/root/mnt",
+                                   "-name", "qoragent*.jar", "-o", "-name", "libqoragent*"],
+                                  capture_output=True, text=True, check=True).stdout
+            self.assertEqual(left, "")
+
+    def test_file_systems(self):
+        if SETTINGS.root:
+            self.skipTest("a changed root directory can't be mounted read-only")
+        for what, mounts, cwd, place in (
+                ("read-only root, /tmp to execute", NARROW, "/", "/tmp"),
+                ("noexec /tmp, a directory of another group", NOEXEC, "/mnt/closed", "/mnt/home"),
+                ("a mount alone", NOEXEC + "mkdir '/mnt/a b'; " + NARROW +
+                 "mount -t tmpfs -o mode=1777 none '/mnt/a b'; ", "/", "/mnt/a b"),
+                ("both refused", NARROW + NOEXEC, "/mnt/home", None)):
+            with self.subTest(what):
+                self.ask(mounts, cwd, (), place)
+
+    def test_namespaces(self):
+        for name in ("uid_map", "gid_map"):
+            with open(f"/proc/{self.holder.pid}/{name}", "w", encoding="ascii") as file:
+                file.write(f"0 {OUTER} 65536")
+        subprocess.run(self.wrap("-n", "ip", "link", "set", "lo", "up"), check=True)
+        users = ("-U", "-S0", "-G0")
+        for what, wrap in (("ids", self.wrap(*users)), ("process ids", TWICE), ("network", self.wrap("-n")),
+                           ("all", self.wrap("-n", *users) + TWICE)):
+            with self.subTest(what):
+                self.ask(NOEXEC, "/", wrap, "/mnt/home")
