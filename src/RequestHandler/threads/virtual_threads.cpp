@@ -97,7 +97,7 @@ void ReadGroupFrame(GroupReading *reading, const QorFrameRecord &frame) {
     if (reading->callFound || (!isUserCall && frame.frameIndex != 0))
         return;
     reading->callFound = isUserCall;
-    reading->isIdle = reading->isIdle || checkCurrCall(frame.className, frame.method) == 0;
+    reading->isIdle = reading->isIdle || (isUserCall && checkCurrCall(frame.className, frame.method) == 0);
     if (!reading->call)
         return;
     QorTextCut(reading->call, 0);

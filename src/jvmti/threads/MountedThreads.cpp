@@ -2,6 +2,7 @@
 
 #include "jvmti/Capabilities.h"
 #include "jvmti/Session.h"
+#include "jvmti/VmFlags.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -44,6 +45,11 @@ jvmtiExtensionFunction FindExtension(const char *id) {
 Sight LookForExtension() {
     if (jvmtijni_env->GetVersion() < JNI_VERSION_OF_VIRTUAL)
         return UNSEEN;
+    // Without the JVM's notes of mounting and unmounting, questions about virtual threads fail or hang.
+    if (QorVmFlagIsOff("DoJVMTIVirtualThreadTransitions")) {
+        QORLOG(LOG_NOTE, "Virtual threads aren't shown: DoJVMTIVirtualThreadTransitions is off");
+        return UNSEEN;
+    }
     getVirtualThread = QorCanSupportVirtualThreads() ? FindExtension(GET_VIRTUAL_THREAD) : nullptr;
     if (!getVirtualThread)
         QORLOG(LOG_NOTE, "Samples are without virtual threads: the JVM doesn't offer a way to them");

@@ -1,5 +1,6 @@
 #include "VirtualFields.h"
 
+#include "MountedThreads.h"
 #include "QorOS.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
@@ -206,8 +207,8 @@ QorVirtualState QorLookUpVirtual() {
         snprintf(offReason, sizeof offReason, "%s", NO_VIRTUAL_THREADS);
         return VIRTUAL_OFF;
     }
-    if (!OpenClassLookUp()) {
-        TurnOff("the JVM doesn't let classes be found", "");
+    if (!QorCanSeeMounted() || !OpenClassLookUp()) {
+        TurnOff("the JVM doesn't offer a way to them", "");
         return VIRTUAL_OFF;
     }
     for (size_t i = 0; i < CLASS_COUNT; i++) {

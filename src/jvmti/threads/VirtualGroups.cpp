@@ -235,8 +235,7 @@ bool VisitThread(void *data, jobject thread) {
     Sampler *sampler = static_cast<Sampler *>(data);
     if (jobject carrier = QorGetObjectField(jvmtijni_env, thread, qorVirtual.carrier)) {
         QorDeleteLocalRef(jvmtijni_env, carrier);
-        sampler->sample->mounted++; // in samples of all threads
-        return true;
+        return true; // samples of all threads have it
     }
     jobject kept = jvmtijni_env->NewLocalRef(thread);
     if (!kept)
@@ -275,6 +274,7 @@ void TakeSample(const QorVirtualLimits &limits, QorVirtualSample *sample) {
     QorWalkVirtualThreads(&walk);
     ReadHeld(&sampler, false);
     sample->cut = walk.cut;
+    sample->mounted = walk.mounted;
     sample->count += walk.inScopes;
     if (!walk.cut)
         sample->count = std::max(sample->count, walk.visited);

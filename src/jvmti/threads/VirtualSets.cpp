@@ -1,5 +1,6 @@
 #include "VirtualSets.h"
 
+#include "MountedThreads.h"
 #include "VirtualFields.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
@@ -252,14 +253,17 @@ void WalkSet(QorVirtualWalk *walk, jobject set, int64_t size) {
     walk->expected -= size;
 }
 
+// Visits the scopes that platform threads have opened, and counts what is mounted on them.
 void WalkPlatformThreads(QorVirtualWalk *walk) {
     jint count = 0;
     jthread *threads = nullptr;
-    if (walk->ended || !qorVirtual.flockContainer ||
-        jvmti->GetAllThreads(&count, &threads) != JVMTI_ERROR_NONE)
+    if (jvmti->GetAllThreads(&count, &threads) != JVMTI_ERROR_NONE)
         return;
     for (jint i = 0; i < count; i++) {
-        VisitScopes(walk, threads[i]);
+        const Local mounted(QorMountedOn(threads[i]));
+        walk->mounted += mounted.ref != nullptr;
+        if (!walk->ended && qorVirtual.flockContainer)
+            VisitScopes(walk, threads[i]);
         QorDeleteLocalRef(jvmtijni_env, threads[i]);
     }
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(threads));

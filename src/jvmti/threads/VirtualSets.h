@@ -31,9 +31,10 @@ struct QorVirtualWalk {
     int64_t most;     // threads to visit
     int64_t deadline; // of CLOCK_MONOTONIC, in microseconds
 
-    int64_t visited,
-        inScopes; // threads; those of structured scopes, which QorCountVirtualThreads doesn't see
-    bool cut;     // some weren't visited
+    int64_t visited;
+    int64_t inScopes; // of them those of structured scopes, which QorCountVirtualThreads doesn't see
+    int64_t mounted;  // threads on a carrier, visited or not
+    bool cut;         // some weren't visited
     // The walk's own.
     int64_t expected; // threads in the sets to come
     uint64_t random;
