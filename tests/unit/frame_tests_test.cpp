@@ -5,11 +5,7 @@
 
 // Frames that pass are in the threads of the cross-tier tests; these are those at the edges.
 TEST(FrameTests, TakeFramesByClassAndMethod) {
-    const struct {
-        int32_t (*test)(const QorFrameRecord *);
-        const char *className, *method;
-        bool passes;
-    } rows[] = {
+    const std::tuple<int32_t (*)(const QorFrameRecord *), const char *, const char *, bool> rows[] = {
         {IsRmiCallDataPresent, "ferrule.rjvm.Response", "waitForData", false},
         {IsJSPRequestDataPresent, "tessar.qrfinternal.controller.engine.ControlFlowEngine2",
          "performControlFlowNow", true},
@@ -24,10 +20,10 @@ TEST(FrameTests, TakeFramesByClassAndMethod) {
         {IsDBRequestDataPresent, "tessar.jdbc.driver.TessarPreparedStatement", "x", false},
         {IsIORequestDataPresent, "java.io.FileReader", "x", false},
     };
-    for (const auto &row : rows) {
+    for (const auto &[test, className, method, passes] : rows) {
         QorFrameRecord frame = {};
-        frame.className = row.className;
-        frame.method = row.method;
-        EXPECT_EQ(row.test(&frame), row.passes ? 1 : 0) << row.className << " " << row.method;
+        frame.className = className;
+        frame.method = method;
+        EXPECT_EQ(test(&frame), passes ? 1 : 0) << className << " " << method;
     }
 }

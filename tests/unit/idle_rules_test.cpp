@@ -33,18 +33,15 @@ TEST_F(IdleRules, StartWithSevenStates) {
 }
 
 TEST_F(IdleRules, MatchByWhatIsBeforeTheStar) {
-    const struct {
-        const char *value, *text;
-        int32_t differs;
-    } rows[] = {
+    const std::tuple<const char *, const char *, int32_t> rows[] = {
         {"Worker*", "Worker-7", 0}, {"Worker", "Worker-7", 0}, {"Worker", "Work", 1}, {"*", "", 0},
         {"Worker", "worker-7", 1},
     };
-    for (const auto &row : rows) {
-        const std::string value = std::string("|") + row.value + "\n";
+    for (const auto &[rule, text, differs] : rows) {
+        const std::string value = std::string("|") + rule + "\n";
         Load("abcd|threadname" + value);
-        EXPECT_EQ(checkThreadName(row.text), row.differs) << row.value << " on " << row.text;
-        EXPECT_EQ(checkMonitor(row.text), 1) << "a rule of another kind";
+        EXPECT_EQ(checkThreadName(text), differs) << rule << " on " << text;
+        EXPECT_EQ(checkMonitor(text), 1) << "a rule of another kind";
     }
     Load("abcd|currcall|java.lang.Object->wait\nabcd|systemcall|java.*\n");
     EXPECT_EQ(checkCurrCall("java.lang.Object", "wait"), 0);
@@ -60,10 +57,7 @@ TEST_F(IdleRules, LongTextsAreComparedAsFarAsTheyAreKept) {
 }
 
 TEST_F(IdleRules, ReadLinesOfEveryForm) {
-    const struct {
-        const char *what, *text;
-        int32_t rules, warnings;
-    } rows[] = {
+    const std::tuple<const char *, const char *, int32_t, int32_t> rows[] = {
         {"no last line feed", "abcd|threadname|a\nabcd|currcall|b", 2, 0},
         {"both line ends leave an empty line", "abcd|threadname|a\r\nabcd|currcall|b\r\n", 2, 2},
         {"comments", "#one|threadname|two\nabcd|threadname|a\n# last", 1, 0},
@@ -71,12 +65,12 @@ TEST_F(IdleRules, ReadLinesOfEveryForm) {
         {"too few fields", "abcd|threadname\nabcd\n\n", 0, 3},
         {"more fields cut the value", "abcd|threadname|a|b|c\n", 1, 0},
     };
-    for (const auto &row : rows) {
+    for (const auto &[what, text, rules, warnings] : rows) {
         LogCapture log(3);
-        Load(row.text);
-        EXPECT_EQ(gacondcnt, row.rules) << row.what;
-        EXPECT_EQ(log.count("either srvtype, type, val is NULL"), row.warnings) << row.what;
-        EXPECT_STREQ(gaatconditions[0].value, row.rules > 0 ? "a" : "") << row.what;
+        Load(text);
+        EXPECT_EQ(gacondcnt, rules) << what;
+        EXPECT_EQ(log.count("either srvtype, type, val is NULL"), warnings) << what;
+        EXPECT_STREQ(gaatconditions[0].value, rules > 0 ? "a" : "") << what;
     }
 }
 

@@ -83,10 +83,7 @@ TEST(RequestText, FlagsKeepTheirMaskedValue) {
 
 TEST(RequestText, DumpFieldsGiveAPathAndAnId) {
     const std::string longName(600, 'n');
-    const struct {
-        std::string request, path;
-        uint32_t id;
-    } rows[] = {
+    const std::tuple<std::string, std::string, uint32_t> rows[] = {
         {"516|showmem|256|a.txt|77", "/d/a.txt", 77},
         {"516|showmem|256|a.txt|12|13", "/d/a.txt", 12},
         {"516|showmem|256||9", "", 0},
@@ -96,13 +93,13 @@ TEST(RequestText, DumpFieldsGiveAPathAndAnId) {
          "/d/" + longName.substr(0, DUMPFILE_SIZE - 5), 5}, // not half of a character
     };
     snprintf(qorheapdir, sizeof qorheapdir, "/d/");
-    for (const auto &row : rows) {
+    for (const auto &[text, path, id] : rows) {
         snprintf(dumpfile, sizeof dumpfile, "old");
         heap_id = 3;
-        const auto request = Exact(row.request);
+        const auto request = Exact(text);
         QorParseDumpRequest(request.get());
-        EXPECT_EQ(dumpfile, row.path) << row.request;
-        EXPECT_EQ(heap_id, row.id) << row.request;
-        EXPECT_EQ(request.get(), row.request) << "the request was cut";
+        EXPECT_EQ(dumpfile, path) << text;
+        EXPECT_EQ(heap_id, id) << text;
+        EXPECT_EQ(request.get(), text) << "the request was cut";
     }
 }

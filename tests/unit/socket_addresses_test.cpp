@@ -13,24 +13,21 @@ static std::string Ends(int64_t fd) {
 }
 
 TEST(SocketAddresses, AreBothEndsOfEveryFamily) {
-    const struct {
-        int family;
-        const char *address, *shown;
-    } rows[] = {
+    const std::tuple<int, const char *, const char *> rows[] = {
         {AF_INET, "127.0.0.1", "127.0.0.1"},
         {AF_INET6, "::ffff:127.0.0.1", "127.0.0.1"}, // as Java connects to an IPv4 address
         {AF_INET6, "::1", "::1"},
     };
-    for (const auto &row : rows) {
-        Loopback server(row.family, row.address);
-        if (!server.bound && row.family == AF_INET6)
+    for (const auto &[family, address, shown] : rows) {
+        Loopback server(family, address);
+        if (!server.bound && family == AF_INET6)
             continue; // a host without IPv6
-        ASSERT_TRUE(server.Listen()) << row.address;
+        ASSERT_TRUE(server.Listen()) << address;
         const int near = server.Connect(), far = accept(server.fd, nullptr, nullptr);
         const std::string nearPort = std::to_string(Loopback::PortOf(near)),
                           port = std::to_string(server.port);
-        EXPECT_EQ(Ends(near), nearPort + " " + port + " " + row.shown);
-        EXPECT_EQ(Ends(far), port + " " + nearPort + " " + row.shown);
+        EXPECT_EQ(Ends(near), nearPort + " " + port + " " + shown);
+        EXPECT_EQ(Ends(far), port + " " + nearPort + " " + shown);
         EXPECT_EQ(Ends(server.fd), port + " 0 ") << "a server has no peer";
         close(near);
         close(far);

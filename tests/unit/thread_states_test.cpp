@@ -100,15 +100,11 @@ TEST(ThreadStates, CountWaitAsOneFrame) {
 
 TEST(Frames, MapLocationsToLines) {
     const jvmtiLineNumberEntry table[] = {{0, 10}, {4, 11}, {4, 12}, {9, 20}, {30, 15}, {31, 16}, {90, 17}};
-    const struct {
-        jlocation location;
-        jint count;
-        int32_t line;
-    } rows[] = {{-1, 7, -1}, {0, 7, 10},  {3, 7, 10},   {4, 7, 12}, {29, 7, 20},
-                {30, 7, 15}, {89, 7, 16}, {500, 7, 17}, {0, 0, -1}, {31, 5, 15}};
-    for (const auto &row : rows)
-        EXPECT_EQ(QorMapLoc2Line(row.location, table, row.count), row.line)
-            << row.location << " " << row.count;
+    const std::tuple<jlocation, jint, int32_t> rows[] = {{-1, 7, -1}, {0, 7, 10},  {3, 7, 10},  {4, 7, 12},
+                                                         {29, 7, 20}, {30, 7, 15}, {89, 7, 16}, {500, 7, 17},
+                                                         {0, 0, -1},  {31, 5, 15}};
+    for (const auto &[location, count, line] : rows)
+        EXPECT_EQ(QorMapLoc2Line(location, table, count), line) << location << " " << count;
     EXPECT_EQ(QorMapLoc2Line(1, table + 1, 2), -1) << "before the first line";
 }
 

@@ -42,10 +42,7 @@ TEST(TierRules, FindMethodsAndObjects) {
     EXPECT_EQ(CrcOf(GOOD), QorTierCrc());
     EXPECT_EQ(21, QorTierLineCount());
     EXPECT_TRUE(QorTiersKnowRemoteCalls());
-    const struct {
-        const char *className, *method;
-        uint32_t kinds;
-    } METHODS[] = {
+    const std::tuple<const char *, const char *, uint32_t> METHODS[] = {
         {"org.driver.Call", "run", TIER_DB_STATE | TIER_DB | TIER_WEB},
         {"org.driver.Call", "other", TIER_DB_STATE | TIER_WEB},
         {"org.driver.zoo.A", "run", TIER_DB_STATE},
@@ -54,8 +51,8 @@ TEST(TierRules, FindMethodsAndObjects) {
         {"b.C", "mm", TIER_RMI},
         {"", "", 0},
     };
-    for (const auto &row : METHODS)
-        EXPECT_EQ(row.kinds, QorTierKindsOf(row.className, row.method)) << row.className << row.method;
+    for (const auto &[className, method, kinds] : METHODS)
+        EXPECT_EQ(kinds, QorTierKindsOf(className, method)) << className << method;
     EXPECT_EQ(
         "41q,Lq/Q;|text,Ljava/lang/String; 43list,[[La;@at|s,Ljava/net/Socket; 8r0lb,La/B;|buff,[B:from:to "
         "42u,Ljava/lang/Object; ",
@@ -70,9 +67,7 @@ TEST(TierRules, FindMethodsAndObjects) {
 TEST(TierRules, ABadTextChangesNothing) {
     ASSERT_EQ("", SetTiers(GOOD));
     const std::string object = "object db La/B;\n", web = "object web La/B;\n", step = "f,La/B;";
-    const struct {
-        std::string text, fault;
-    } BAD[] = {
+    const std::pair<std::string, std::string> BAD[] = {
         {"\n#\nstate web x.\n", "3: a state needs the form: state db|rmi PREFIX"},
         {"object db La.B;\n", "1: an object's signature needs the form Lpackage/Class; with slashes"},
         {"url " + step, "1: a field needs an object above it"},
@@ -90,8 +85,8 @@ TEST(TierRules, ABadTextChangesNothing) {
         {Times(TIER_LINES + 1, "\n"), "2049: there are more than 2048 lines"},
         {std::string(TIER_TEXT_SIZE + 1, '#'), "0: the text is longer than 131072 bytes"},
     };
-    for (const auto &row : BAD) {
-        EXPECT_EQ(row.fault, SetTiers(row.text));
+    for (const auto &[text, fault] : BAD) {
+        EXPECT_EQ(fault, SetTiers(text));
         EXPECT_EQ(GOOD, QorTierText());
         EXPECT_EQ(TIER_DB, QorTierKindsOf("b.C", "m"));
     }

@@ -19,11 +19,7 @@ TEST(ValueText, BlanksWhatARecordIsCutAt) {
 
 TEST(ValueText, DropsWhatACutHasTorn) {
     const std::string pair = "\xed\xa0\xbd\xed\xb8\x80"; // an emoji, as Java writes it
-    const struct {
-        std::string text;
-        int32_t length;
-        std::string kept;
-    } rows[] = {
+    const std::tuple<std::string, int32_t, std::string> rows[] = {
         {"a\xc3\xa9", 2, "a"},
         {"\xe2\x82\xac", 1, ""},
         {"a" + pair, 4, "a"}, // the first half alone
@@ -31,10 +27,9 @@ TEST(ValueText, DropsWhatACutHasTorn) {
         {"a\xed\x9f\xbf", 4, "a\xed\x9f\xbf"},       // just below the surrogates
         {"\x80\x80\x80\x80", 4, "\x80\x80\x80\x80"}, // no UTF-8 at all
     };
-    for (auto row : rows) {
-        EXPECT_EQ(QorDropPartialCharacter(row.text.data(), row.length),
-                  static_cast<int32_t>(row.kept.size()));
-        EXPECT_EQ(row.text.c_str(), row.kept) << " at " << row.length;
+    for (auto [text, length, kept] : rows) {
+        EXPECT_EQ(QorDropPartialCharacter(text.data(), length), static_cast<int32_t>(kept.size()));
+        EXPECT_EQ(text.c_str(), kept) << " at " << length;
     }
 }
 
@@ -76,11 +71,7 @@ TEST(GroovyLines, AreFoundByTheNamesOfTheCallSites) {
     for (int i = 1; i <= 1500; i++)
         lines += "call" + std::to_string(i) + "()\n";
     const std::string script = "first()\nsecond(); first()\n\nthird()\nlast()";
-    const struct {
-        std::string script;
-        std::vector<const char *> sites;
-        int32_t index, line;
-    } rows[] = {
+    const std::tuple<std::string, std::vector<const char *>, int32_t, int32_t> rows[] = {
         {script, {"first", "second", "first", "third"}, 3, 4},
         {script, {"first", "absent", "third"}, 2, 4}, // what isn't in the text is passed over
         {script, {"third", "first"}, 1, 4},           // each name is looked for after the one before
@@ -89,24 +80,21 @@ TEST(GroovyLines, AreFoundByTheNamesOfTheCallSites) {
         {script, {"first", "second"}, 1001, 1},
         {lines, {"call1000("}, 9, 9}, // no more lines than that are counted
     };
-    for (const auto &row : rows) {
+    for (const auto &[text, sites, index, line] : rows) {
         static char names[GROOVY_CALL_SITES][GROOVY_LINE_SIZE];
-        for (size_t i = 0; i < row.sites.size(); i++)
-            snprintf(names[i], sizeof names[i], "%s", row.sites[i]);
-        EXPECT_EQ(getGroovyCurrentLineNo(row.script.c_str(), names, static_cast<int32_t>(row.sites.size()),
-                                         row.index, 1000),
-                  row.line)
-            << row.sites[0] << row.index;
+        for (size_t i = 0; i < sites.size(); i++)
+            snprintf(names[i], sizeof names[i], "%s", sites[i]);
+        EXPECT_EQ(
+            getGroovyCurrentLineNo(text.c_str(), names, static_cast<int32_t>(sites.size()), index, 1000),
+            line)
+            << sites[0] << index;
     }
     EXPECT_EQ(getGroovyCurrentLineNo(nullptr, nullptr, 0, 5, 1000), 5);
 }
 
 TEST(RemoteUrl, GivesHostAndPortOrNothing) {
     const std::string longest = std::string(59, 'h') + ".net";
-    const struct {
-        std::string url, host;
-        int port;
-    } rows[] = {
+    const std::tuple<std::string, std::string, int> rows[] = {
         {"http://shop.example.com/a?b=c", "shop.example.com", 80},
         {"https://user:s@cret@10.0.0.7:8443/x@y:1", "10.0.0.7", 8443},
         {"https://[2001:db8::1]:444?x", "2001:db8::1", 444},
@@ -120,11 +108,11 @@ TEST(RemoteUrl, GivesHostAndPortOrNothing) {
         {"http://[::1:80", "", 0},
         {"http://[a.b-c]:80", "", 0},
     };
-    for (const auto &row : rows) {
+    for (const auto &[url, shown, number] : rows) {
         char host[64] = "old";
         int32_t port = -1;
-        EXPECT_EQ(!row.host.empty(), QorReadRemoteUrl(row.url.c_str(), host, sizeof host, &port)) << row.url;
-        EXPECT_EQ(row.host, host) << row.url;
-        EXPECT_EQ(row.port, port) << row.url;
+        EXPECT_EQ(!shown.empty(), QorReadRemoteUrl(url.c_str(), host, sizeof host, &port)) << url;
+        EXPECT_EQ(shown, host) << url;
+        EXPECT_EQ(number, port) << url;
     }
 }

@@ -265,20 +265,16 @@ TEST(Inside, EndpointsOfStrangersAreNotBelieved) {
 
 TEST(Process, MapsAndMainClass) {
     const std::string head = "7f00-7f01 r-xp 00000000 08:01 1 ";
-    const struct {
-        std::string maps;
-        JvmKind kind;
-        const char *library;
-    } rows[] = {
+    const std::tuple<std::string, JvmKind, const char *> rows[] = {
         {head + "/usr/lib/jvm/x y/lib/server/libjvm.so (deleted)\n", JvmKind::HOTSPOT,
          "/usr/lib/jvm/x y/lib/server/libjvm.so"},
         {head + "/j/libj9vm29.so\n" + head + "/j/libjvm.so\n", JvmKind::OTHER, "/j/libjvm.so"},
         {head + "/j/notlibjvm.so\n7f00-7f01 rw-p 0 0 0 \n", JvmKind::NONE, ""},
     };
-    for (auto &row : rows) {
+    for (auto &[maps, kind, path] : rows) {
         std::string library;
-        EXPECT_EQ(ParseMaps(row.maps, &library), row.kind) << row.maps;
-        EXPECT_TRUE(row.kind == JvmKind::OTHER || library == row.library) << library;
+        EXPECT_EQ(ParseMaps(maps, &library), kind) << maps;
+        EXPECT_TRUE(kind == JvmKind::OTHER || library == path) << library;
     }
     const std::pair<std::vector<std::string>, const char *> commands[] = {
         {{"/usr/bin/java", "-Xmx1g", "-cp", "a:b", "com.acme.Main", "-jar", "x"}, "com.acme.Main"},

@@ -156,10 +156,7 @@ TEST(UnknownProducts, NeedEvidence) {
     const std::string query = "a.b.c.Wire.get java.util.F.call a.b.d.PStatementImpl.executeQuery x.Y.z";
     const std::string served = "x.Y.z javax.servlet.http.HttpServlet.service ",
                       caller = "d.e.f.g.Chain.doFilter";
-    const struct {
-        const char *state;
-        std::string calls, rules, hint;
-    } rows[] = {
+    const std::tuple<const char *, std::string, std::string, std::string> rows[] = {
         {"Network Wait", socket + query, "frame web a.b.c.Wire get\nobject db La/b/c/Wire;\n",
          "1 thread waits in a.b.d.*: no rule"},
         {"Network Wait", socket + query, "  frame  db  a.b.d.PStatementImpl  *",
@@ -170,12 +167,12 @@ TEST(UnknownProducts, NeedEvidence) {
          "1 thread serves a request in d.e.f.*: no rule"},
         {"Lock", served + caller, "frame web d.e.f.g.Chain doFilter", ""},
     };
-    for (const auto &row : rows) {
+    for (const auto &[state, calls, rules, hint] : rows) {
         ThreadSample sample;
-        sample.threads.push_back(InCalls(row.state, row.calls));
-        EXPECT_EQ(UnknownProductsText(FindUnknownProducts(sample, row.rules)),
-                  row.hint.empty() ? "" : row.hint + "; see docs/cross-tier.md\n")
-            << row.state << " " << row.calls << " " << row.rules;
+        sample.threads.push_back(InCalls(state, calls));
+        EXPECT_EQ(UnknownProductsText(FindUnknownProducts(sample, rules)),
+                  hint.empty() ? "" : hint + "; see docs/cross-tier.md\n")
+            << state << " " << calls << " " << rules;
     }
 }
 

@@ -77,20 +77,16 @@ TEST(DecodeThreads, CutAnywhere) {
 }
 
 TEST(DecodeThreads, CutRowsOfActiveThreads) {
-    const struct {
-        std::string tail;
-        size_t threads;
-        bool cut;
-    } rows[] = {
+    const std::tuple<std::string, size_t, bool> rows[] = {
         {"~Runna", 1, true},         {"!", 1, true}, // fields are missing, but the section's end still fitted
         {"~DB Wait{10}^~", 1, true}, {"~Lock;", 2, true}, // section not ended
         {"~Lock;!", 2, false},                            // whole, no room for the timing
     };
-    for (auto &row : rows) {
+    for (const auto &[tail, threads, cut] : rows) {
         ThreadSample sample =
-            Threads("JVM Active Threads;" + ACTIVE_ROW + ";a~x~^~^~^~1-2~A->b~A.java~3" + row.tail);
-        EXPECT_EQ(sample.threads.size(), row.threads) << row.tail;
-        EXPECT_EQ(sample.cut, row.cut) << row.tail;
+            Threads("JVM Active Threads;" + ACTIVE_ROW + ";a~x~^~^~^~1-2~A->b~A.java~3" + tail);
+        EXPECT_EQ(sample.threads.size(), threads) << tail;
+        EXPECT_EQ(sample.cut, cut) << tail;
     }
     // A long reply has lost records when the agent left its timing out, though it ends well.
     std::string reply = "JVM Active Threads;";

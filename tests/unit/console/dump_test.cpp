@@ -110,19 +110,15 @@ TEST(ReadTextDump, OtherFilesAreRefused) {
 }
 
 TEST(HeapDump, Names) {
-    const struct {
-        const char *asked;
-        bool hprof;
-        const char *dir, *name;
-    } rows[] = {
+    const std::tuple<const char *, bool, const char *, const char *> rows[] = {
         {"shop", false, "/tmp/", "shop"},
         {"/a/shop.hprof", true, "/a/", "shop.hprof"},
         {"shop", true, "/tmp/", "shop.hprof"},
         {"/a.hprof/shop", false, "/a.hprof/", "shop"}, // the directory doesn't travel with it
     };
-    for (const auto &row : rows) {
-        const DumpTarget target = ChooseDumpTarget(row.asked, row.hprof);
-        EXPECT_EQ(target.dir + "+" + target.name, row.dir + std::string("+") + row.name);
+    for (const auto &[asked, hprof, dir, name] : rows) {
+        const DumpTarget target = ChooseDumpTarget(asked, hprof);
+        EXPECT_EQ(target.dir + "+" + target.name, dir + std::string("+") + name);
     }
     for (const std::string &wrong :
          {std::string(), std::string("a/b"), std::string("/tmp/"), std::string("a|b"), std::string("a\nb"),
@@ -139,11 +135,7 @@ struct DumpFiles : testing::Test, Folder {
 
 TEST_F(DumpFiles, TextDumpsAreKnownByTheirNumberAndEnd) {
     DumpTarget target = Target("d");
-    const struct {
-        std::string text;
-        bool begun, whole;
-        const char *fault;
-    } rows[] = {
+    const std::tuple<std::string, bool, bool, const char *> rows[] = {
         {"", false, false, "is empty"},
         {HEADER + ROOTS, true, false, "lacks its end"},
         {HEADER + ROOTS + "x Finished 1 secs", true, false, "lacks its end"}, // the end of a name
@@ -151,12 +143,12 @@ TEST_F(DumpFiles, TextDumpsAreKnownByTheirNumberAndEnd) {
         {"heap_id=8" + HEADER.substr(9) + " Finished 1 secs", false, false, "was there before"},
     };
     ExpectParts(ExplainMissingDump(getpid(), target, 7).what, {"could not write"});
-    for (auto &row : rows) {
-        Fill("d", row.text);
+    for (const auto &[text, begun, whole, fault] : rows) {
+        Fill("d", text);
         DumpProgress progress = LookAtDump(getpid(), target, 7);
-        EXPECT_EQ(progress.begun, row.begun) << row.text;
-        EXPECT_EQ(progress.whole, row.whole) << row.text;
-        ExpectParts(ExplainMissingDump(getpid(), target, 7).what, {row.fault});
+        EXPECT_EQ(progress.begun, begun) << text;
+        EXPECT_EQ(progress.whole, whole) << text;
+        ExpectParts(ExplainMissingDump(getpid(), target, 7).what, {fault});
     }
     EXPECT_TRUE(HasDumpDirectory(getpid(), target));
     EXPECT_FALSE(HasDumpDirectory(getpid(), Target("d/e")));

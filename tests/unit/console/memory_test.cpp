@@ -96,22 +96,18 @@ TEST(DecodeMemoryViews, NamesAndSizes) {
 
 TEST(CopyChoice, FollowsTheAgentsAnswer) {
     const std::string copied = "by a copy of the JVM, which was paused for the copying alone\n";
-    const struct {
-        const char *reply;
-        uint32_t flags;
-        std::string note;
-    } rows[] = {
+    const std::tuple<const char *, uint32_t, std::string> rows[] = {
         {"forkstate=1 forkdump=0 ", FLAG_COPY, copied},
         {"forkstate=0 forkdump=0 too small", 0, "the JVM was paused for it: too small\n"},
         {"forkstate=0 forkdump=1 too small", 0, copied},
         {"NoProcessing: Unkownn argument", 0,
          "the JVM was paused for it: the agent is of a version without copies\n"},
     };
-    for (const auto &row : rows) {
-        CopyChoice choice = ChooseCopy(row.reply);
-        EXPECT_EQ(choice.flags, row.flags) << row.reply;
-        EXPECT_EQ(choice.Note(), row.note) << row.reply;
-        EXPECT_EQ(choice.copied, row.note == copied) << row.reply;
+    for (const auto &[reply, flags, note] : rows) {
+        CopyChoice choice = ChooseCopy(reply);
+        EXPECT_EQ(choice.flags, flags) << reply;
+        EXPECT_EQ(choice.Note(), note) << reply;
+        EXPECT_EQ(choice.copied, note == copied) << reply;
     }
 }
 
