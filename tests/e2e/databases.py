@@ -11,7 +11,7 @@ import threading
 import zipfile
 from dataclasses import dataclass, field
 
-from harness import SETTINGS, Case, wait_until
+from harness import LIMIT, SETTINGS, Case, wait_until
 from products import FOLDER, SAMPLES, Compiled, Postgres, Server, jars
 
 # What is compiled: the drivers, of embedded databases without their engines, and who calls them.
@@ -32,7 +32,7 @@ class MariaDb(Server):
     USER = "mysql"
     LOCK = "select get_lock('held', 60);\n"
     HELD = "select 1 from dual where is_used_lock('held')"
-    WAIT = "if({} = 0, 0, get_lock('held', 60) + release_lock('held'))"
+    WAIT = "if({} = 0, 0, get_lock('held', 600) + release_lock('held'))"
     CALLS = ("select substring_index(host, ':', -1), replace(info, '?', '1') "
              "from information_schema.processlist where user = 'test' and info is not null")
 
@@ -162,7 +162,7 @@ def products(postgres, mariadb, tds, h2_port):
     of_maria = f"jdbc:mariadb://127.0.0.1:{mariadb.port}/shop?user=test&password=" if mariadb else ""
     of_jtds = f"jdbc:jtds:sqlserver://127.0.0.1:{tds.port}/shop;user=test;prepareSQL=2;password="
     of_h2 = f"jdbc:h2:tcp://127.0.0.1:{h2_port}/mem:shop"
-    of_sqlite = "jdbc:sqlite:shop?busy_timeout=60000"
+    of_sqlite = "jdbc:sqlite:shop?busy_timeout=600000"
     tables, calls = embedded("?")
     _, cast = embedded("cast(? as int)")
     return {
@@ -289,7 +289,7 @@ class Databases(Case):
                         if (call := threads.get(name, {}).get("call") or {}).get("class") not in WAITING)
             return not late
         try:
-            wait_until("all calls wait", all_wait)
+            wait_until("all calls wait", all_wait, 2 * LIMIT)
         except AssertionError as error:
             raise AssertionError(f"{error}: {late}\n{calls.output()}") from None
 

@@ -42,13 +42,6 @@ class Dumps(OfTheDemo):
         summary = self.read("text", "--top", 100000)
         self.assertTrue(summary["complete"])
         self.assertGreater(summary["roots"]["threads"], 15)
-        self.assertGreater(summary["roots"]["system_classes"], 300)
-        self.assertGreater(summary["references"], summary["objects"])
-        strings = next(row for row in summary["classes"] if row["class"] == "java.lang.String")
-        row = next(row for row in self.json("histogram", self.app.pid)["classes"]
-                   if row["class"] == "java.lang.String")
-        self.assertAlmostEqual(strings["bytes"] / strings["objects"], row["kib"] * 1024 / row["instances"],
-                               delta=1)
         people = self.answer("dump", "--read", f"{self.here}/text", "--top", 5).out
         self.assertRegex(people, r"(?s)\d objects of \d+ classes.*the largest 5 of")
         self.dump("text")  # once more takes its place

@@ -30,7 +30,6 @@ struct Shared {
     std::atomic<uintptr_t> failed[PLACES]; // a hash table
     const char *call;
     uintptr_t callers[CALLERS];
-    long passedBy;
 };
 std::atomic<Shared *> shared;
 std::atomic<int64_t> blocks, complaints;
@@ -65,7 +64,7 @@ __attribute__((noinline)) bool Fails(const char *call) {
     }
     if (!callers[0] || !state->armed.exchange(0))
         return false;
-    if (!Note(place | 1) || state->passedBy-- > 0) {
+    if (!Note(place | 1)) {
         state->armed = 1;
         return false;
     }
@@ -236,9 +235,7 @@ void ArmFailingCall() {
     if (!shared) {
         void *memory =
             __real_mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        const char *chosen = getenv("QOR_FAULTS");
         shared = static_cast<Shared *>(memory);
-        shared.load()->passedBy = chosen ? atol(chosen) - 1 : 0;
         void *frame;
         backtrace(&frame, 1); // loads what it needs
     }
@@ -258,19 +255,6 @@ std::string DisarmFailingCall() {
         place += text;
     }
     return place;
-}
-
-std::string NamedCallers(const std::string &place) {
-    char line[512];
-    std::string named = place + "\n";
-    const std::string callers = place.substr(place.find(' '));
-    FILE *lines =
-        __real_popen(("addr2line -Cpfse /proc/" + std::to_string(getpid()) + "/exe" + callers).c_str(), "r");
-    while (lines && __real_fgets(line, sizeof line, lines))
-        named += line;
-    if (lines)
-        pclose(lines);
-    return named;
 }
 
 int64_t Complaints() {

@@ -7,14 +7,11 @@
 #include <string>
 
 // From now on the first call from a place that hasn't failed yet fails, once, on any thread and in copies of
-// the process too. With QOR_FAULTS=N in the environment the first N - 1 new places are skipped.
+// the process too.
 void ArmFailingCall();
 
-// Ends that. Returns the place that failed, "" when none did.
+// Ends that. Returns the place that failed, "" when none did: the call and addresses for addr2line.
 std::string DisarmFailingCall();
-
-// The place with the names of its callers, as far as the machine has addr2line.
-std::string NamedCallers(const std::string &place);
 
 // How often the agent has called perror.
 int64_t Complaints();

@@ -79,32 +79,3 @@ ModelEntry::ModelEntry(int32_t kindOfEntry, const std::string &signature, jobjec
 ModelEntry::~ModelEntry() {
     Env()->DeleteGlobalRef(objLocalVarHandle);
 }
-
-std::string Shown(const std::string &value, size_t size) {
-    std::string shown = value.substr(0, size - 1);
-    if (value.size() > shown.size()) {
-        size_t start = shown.size();
-        auto isStart = [&](size_t at) { return (value[at] & 0xC0) != 0x80; };
-        while (!isStart(start))
-            start--;
-        shown.resize(start);
-        // The first half of a pair doesn't stand alone.
-        const size_t half = shown.size() - 3;
-        if (shown.size() >= 3 && shown[half] == '\xed' && (shown[half + 1] & 0xF0) == 0xA0)
-            shown.resize(half);
-    }
-    for (char &c : shown)
-        if (c == '\n' || c == '\r' || c == 14 || c == 15 || (c >= 26 && c <= 31))
-            c = ' ';
-    return shown;
-}
-
-std::vector<std::string> TrialValues() {
-    const std::string separators = "a\x0e\x0f\x1a\x1b\x1c\x1d\x1e\x1f\n\rz";
-    std::string pairs, accents;
-    while (accents.size() < 9000) {
-        pairs += "\xed\xa0\xbd\xed\xb8\x80";
-        accents += "\xc3\xa9";
-    }
-    return {"/a/b", "", separators + pairs, "x" + pairs, "y" + accents, "z" + std::string(9000, 'z')};
-}

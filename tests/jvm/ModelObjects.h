@@ -25,10 +25,3 @@ struct ModelEntry : QorAllThreadLocalInfoList {
     ModelEntry(const ModelEntry &) = delete;
     ModelEntry &operator=(const ModelEntry &) = delete;
 };
-
-// What a record of `size` bytes shows of a value: cut on a character, separators as blanks.
-std::string Shown(const std::string &value, size_t size);
-
-// Values that try a text of a record: plain, empty, and longer than any, with all that a record format cuts
-// at and with characters of every length at the cut.
-std::vector<std::string> TrialValues();

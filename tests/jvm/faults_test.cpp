@@ -83,16 +83,15 @@ struct Faults : AgentTest {
         const size_t said = log->text().size();
         const int64_t complaints = Complaints();
         const std::string reply = AskFailing(request.text, &place), missing = Missing(request, reply);
-        EXPECT_FALSE(Env()->ExceptionCheck()) << NamedCallers(place);
+        EXPECT_FALSE(Env()->ExceptionCheck()) << place;
         const bool told =
             place[0] == 'J' || log->text().size() > said || Complaints() > complaints || IsRefusal(reply);
-        EXPECT_TRUE(missing.empty() || (!place.empty() && told))
-            << "not told, " << NamedCallers(place) << missing;
+        EXPECT_TRUE(missing.empty() || (!place.empty() && told)) << "not told, " << place << missing;
         if (place.empty())
             return false;
         const std::string after = Missing(request, Ask(request.text));
-        EXPECT_EQ(after, "") << "after " << NamedCallers(place) << log->text().substr(said);
-        EXPECT_EQ(TakeJvmComplaints(), "") << NamedCallers(place);
+        EXPECT_EQ(after, "") << "after " << place << log->text().substr(said);
+        EXPECT_EQ(TakeJvmComplaints(), "") << place;
         return true;
     }
 

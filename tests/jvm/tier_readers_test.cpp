@@ -12,10 +12,11 @@
 #include "jvmti/JniCalls.h"
 #include "qorsettings.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -26,7 +27,6 @@ QorRmiCallData rmi;
 QorIOCallData file;
 QorNetworkCallData network;
 QorAppServerCallData server;
-char page[REQUEST_TEXT_SIZE];
 
 void Read(const ModelEntry &entry) {
     QorClearDBRequestData(&db);
@@ -35,32 +35,18 @@ void Read(const ModelEntry &entry) {
     QorClearIOCallData(&file);
     QorClearNetworkCallData(&network);
     QorClearAppServerCallData(&server);
-    *page = 0;
-    int32_t result = 0;
-    switch (entry.kind) {
-    case LOCAL_DATABASE_CALL:
-        result = QorGetDBRequestDataFromLocalVariable(&entry, &db);
-        break;
-    case LOCAL_WEB_REQUEST:
-        result = QorGetJSPRequestDataFromLocalVariable(&entry, &web);
-        QorReadPageName(&entry, page);
-        break;
-    case LOCAL_RMI_CALL:
-        result = QorGetRmiCallDataFromLocalVariable(&entry, &rmi);
-        break;
-    case LOCAL_FILE_CALL:
-        result = QorGetIOCallDataFromLocalVariable(&entry, &file);
-        break;
-    case LOCAL_NETWORK_CALL:
-        result = QorGetNetworkCallDataFromLocalVariable(&entry, &network);
-        break;
-    case LOCAL_APP_SERVER_CALL:
-        result = QorGetAppServerCallDataFromLocalVariable(&entry, &server);
-        break;
-    default:
-        QorReadFrameworkEntry(&entry, &web);
-    }
+    const int32_t kind = entry.kind;
+    const int32_t result =
+        kind == LOCAL_DATABASE_CALL     ? QorGetDBRequestDataFromLocalVariable(&entry, &db)
+        : kind == LOCAL_WEB_REQUEST     ? QorGetJSPRequestDataFromLocalVariable(&entry, &web)
+        : kind == LOCAL_RMI_CALL        ? QorGetRmiCallDataFromLocalVariable(&entry, &rmi)
+        : kind == LOCAL_FILE_CALL       ? QorGetIOCallDataFromLocalVariable(&entry, &file)
+        : kind == LOCAL_NETWORK_CALL    ? QorGetNetworkCallDataFromLocalVariable(&entry, &network)
+        : kind == LOCAL_APP_SERVER_CALL ? QorGetAppServerCallDataFromLocalVariable(&entry, &server)
+                                        : 0;
     EXPECT_EQ(result, 0);
+    if (kind == LOCAL_GROOVY)
+        QorReadFrameworkEntry(&entry, &web);
 }
 
 void Read(int32_t kind, const std::string &signature, jobject object, const char *method = "run") {
@@ -94,125 +80,55 @@ struct Readers : SessionTest {
 #define SQL_OF                                                                                               \
     "statements,L" TESSAR "TessarStatement;|sqlObject,L" TESSAR "TessarSql;|" TEXT_OF("originalSql")
 #define FERRULE "ferrule/servlet/internal/"
-#define WRAPPED "request,Ljavax/servlet/ServletRequest;=" FERRULE "ServletRequestImpl|"
 #define GROOVY "org/codehaus/groovy/runtime/callsite/"
-#define WORK "workManager,Lferrule/work/SelfTuningWorkManagerImpl;|"
-#define QRF "tessar/qrfinternal/controller/state/"
 #define FIELD(field) field, sizeof field
 
-// An object's text: by which kind of entry and in which method it is read, its path, and the record's field.
+// Texts of objects in which no thread of the other tests is.
 struct Row {
     int32_t kind;
     const char *klass, *path;
     const char *field;
     size_t size;
-    const char *method = "run";
-    const char *before = "", *beforePath = nullptr, *between = ""; // another text in front, and its path
-    const char *signature = nullptr;                               // where it isn't the class's
 };
 const Row ROWS[] = {
-    {LOCAL_DATABASE_CALL, TESSAR "TessarPreparedStatement", TEXT_OF(DIRECT "url"), FIELD(db.url)},
-    {LOCAL_DATABASE_CALL, TESSAR "TessarStatement", TEXT_OF(DIRECT "user"), FIELD(db.user)},
-    {LOCAL_DATABASE_CALL, TESSAR "TessarStatement", TEXT_OF("sql_query"), FIELD(db.sqlText)},
-    {LOCAL_DATABASE_CALL, TESSAR "Q5DPreparedStatement", TEXT_OF(PHYSICAL "url"), FIELD(db.url)},
-    {LOCAL_DATABASE_CALL, TESSAR "Q5DPreparedStatement", TEXT_OF(Q5 "userName"), FIELD(db.user)},
     {LOCAL_DATABASE_CALL, TESSAR "Q5DCallableStatement", TEXT_OF(Q5 "url"), FIELD(db.url)},
     {LOCAL_DATABASE_CALL, TESSAR "Q5DCallableStatement", Q5 SQL_OF, FIELD(db.sqlText)},
     {LOCAL_DATABASE_CALL, TESSAR "Q5DConnection", TEXT_OF("userName"), FIELD(db.user)},
     {LOCAL_DATABASE_CALL, TESSAR "Q5DConnection", SQL_OF, FIELD(db.sqlText)},
     {LOCAL_WEB_REQUEST, FERRULE "ServletRequestImpl", TEXT_OF("servletPath"), FIELD(web.requestUrl)},
-    {LOCAL_WEB_REQUEST, FERRULE "ServletRequestImpl", TEXT_OF("originalURI"), FIELD(web.requestUrl),
-     "execute"},
-    {LOCAL_WEB_REQUEST, "org/apache/catalina/connector/RequestFacade",
-     TEXT_OF("request,Lorg/apache/catalina/connector/Request;|requestDispatcherPath,Ljava/lang/Object;="
-             "org/apache/tomcat/util/buf/MessageBytes|strValue"),
-     FIELD(web.requestUrl), "service"},
-    {LOCAL_WEB_REQUEST, "com/ibm/ws/webcontainer/srt/SRTServletRequest",
-     TEXT_OF("_dispatchContext,Lcom/ibm/ws/webcontainer/webapp/WebAppDispatcherContext;|_servletPath"),
-     FIELD(web.requestUrl), "service"},
-    {LOCAL_WEB_REQUEST, "org/glassfish/jersey/server/ContainerRequest",
-     TEXT_OF("requestUri,Ljava/net/URI;|path"), FIELD(web.requestUrl), "invoke", "GET", TEXT_OF("httpMethod"),
-     "-"},
-    {LOCAL_WEB_REQUEST, "com/sun/jersey/spi/container/ContainerRequest",
-     TEXT_OF("requestUri,Ljava/net/URI;|path"), FIELD(web.requestUrl), "handleRequest", "PUT",
-     TEXT_OF("method"), "-"},
-    {LOCAL_WEB_REQUEST, FERRULE "RequestEventsFilter$EventsRequestWrapper", TEXT_OF(WRAPPED "relativeURI"),
-     FIELD(web.requestUrl), "doFilter", "/context",
-     TEXT_OF(WRAPPED "context,L" FERRULE "WebAppServletContext;|contextName")},
-    {LOCAL_WEB_REQUEST, QRF "ChildViewPortContextImpl",
-     TEXT_OF("mParent,L" QRF "ViewPortContextImpl;|mCachedPhysicalUri"), FIELD(page)},
-    {LOCAL_WEB_REQUEST, FERRULE "RequestEventsFilter$EventsRequestWrapper", TEXT_OF(WRAPPED "servletPath"),
-     FIELD(page)},
-    {LOCAL_VIEW_OR_ENTITY, "tessar/kvo/server/ViewObjectImpl",
-     TEXT_OF("mViewDef,Ltessar/kvo/server/ViewDefImpl;|mObjName"), FIELD(web.qrfObjectName)},
-    {LOCAL_VIEW_OR_ENTITY, "tessar/kvo/server/ViewAttributeDefImpl",
-     TEXT_OF("mDef,Ltessar/kvo/server/RowDef;|mObjName"), FIELD(web.qrfObjectName)},
-    // The entity is next to the event that the entry bears the signature of.
-    {LOCAL_VIEW_OR_ENTITY, "tessar/kvo/server/EntityImpl",
-     TEXT_OF("mEbi,Ltessar/kvo/server/EntityDefImpl;|mObjName"), FIELD(web.qrfObjectName), "run", "", nullptr,
-     "", "tessar/kvo/server/TransactionEvent"},
-    {LOCAL_EL_EXPRESSION, "com/sun/el/ValueExpressionImpl", TEXT_OF("expr"), FIELD(web.elExpression)},
-    {LOCAL_EL_EXPRESSION, "com/sun/el/MethodExpressionImpl", TEXT_OF("expr"), FIELD(web.elExpression)},
-    {LOCAL_GROOVY, GROOVY "PogoMetaMethodSite$PogoMetaMethodSiteNoUnwrap", TEXT_OF("name"),
-     FIELD(web.groovyCurrentLine)},
-    {LOCAL_GROOVY, GROOVY "AbstractCallSite", TEXT_OF("name"), FIELD(web.groovyCurrentLine)},
     {LOCAL_RMI_CALL, "ferrule/rmi/cluster/ClusterableRemoteRef",
      TEXT_OF("replicaHandler,Lferrule/rmi/cluster/ReplicaHandler;|jndiName"), FIELD(rmi.jndiName)},
-    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread", TEXT_OF(WORK "applicationName"),
-     FIELD(server.applicationName)},
-    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread", TEXT_OF(WORK "moduleName"),
-     FIELD(server.moduleName)},
-    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread", TEXT_OF(WORK "wmName"), FIELD(server.wmName)},
-    {LOCAL_APP_SERVER_CALL, FERRULE "ServletRequestImpl",
-     TEXT_OF("sessionHelper,L" FERRULE "ServletRequestImpl$SessionHelper;|sessionID"),
-     FIELD(server.sessionId), "execute"},
+    {LOCAL_APP_SERVER_CALL, "ferrule/work/ExecuteThread",
+     TEXT_OF("workManager,Lferrule/work/SelfTuningWorkManagerImpl;|wmName"), FIELD(server.wmName)},
 };
-
-std::string ReadRow(const Row &row, jobject object) {
-    const std::string klass = row.signature ? row.signature : row.klass;
-    Read(row.kind, "L" + klass + ";", object, row.method);
-    return row.field;
-}
 
 } // namespace
 
-TEST_F(Readers, ShowTheTextsOfEveryProduct) {
+TEST_F(Readers, ShowTextsCutAtACharacter) {
     for (const Row &row : ROWS) {
-        SCOPED_TRACE(row.path);
-        for (const std::string &value : TrialValues()) {
-            const QorLocalFrame references(Env(), 64);
-            jobject object = MakeObject(row.klass);
-            Plant(object, row.path, value);
-            if (row.beforePath)
-                Plant(object, row.beforePath, row.before);
-            EXPECT_EQ(ReadRow(row, object),
-                      Shown(row.before + std::string(value.empty() ? "" : row.between) + value, row.size));
-        }
-        EXPECT_EQ(ReadRow(row, MakeObject(row.klass)), "") << "null fields";
-        EXPECT_EQ(ReadRow(row, MakeObject("java/lang/Object")), "") << "no fields";
-        EXPECT_EQ(ReadRow(row, nullptr), "") << "no object";
-        jobject half = MakeObject(row.klass);
-        Plant(half, row.path, "/half");
-        EXPECT_EQ(ReadRow(row, half), "/half");
-        // Some spell the class without its marks.
-        if (row.kind == LOCAL_DATABASE_CALL ||
-            (row.kind == LOCAL_WEB_REQUEST && row.field == web.requestUrl)) {
-            const std::string klass = row.klass;
-            const bool isCut = row.field == web.requestUrl && klass.find(FERRULE) && row.method[0] == 's';
-            const bool isOpen = row.beforePath != nullptr;
-            Read(row.kind, isOpen ? "L" + klass : klass + (isCut ? ";" : ""), half, row.method);
-            EXPECT_STREQ(row.field, "/half") << "the other spelling";
+        const QorLocalFrame references(Env(), 64);
+        const std::string klass = row.klass;
+        jobject object = MakeObject(klass);
+        const auto shown = [&](jobject of) {
+            Read(row.kind, "L" + klass + ";", of);
+            return std::string(row.field);
+        };
+        EXPECT_EQ(shown(object) + shown(MakeObject("java/lang/Object")) + shown(nullptr), "") << row.path;
+        for (const std::string head : {"x", "xy"}) { // either way one is torn
+            std::string accents = head;
+            while (accents.size() < 9000)
+                accents += "\xc3\xa9";
+            Plant(object, row.path, accents);
+            const size_t whole = (row.size - 1 - head.size()) / 2 * 2 + head.size();
+            EXPECT_EQ(shown(object), row.size < 9000 ? accents.substr(0, whole) : accents) << row.path;
         }
     }
     jobject request = MakeObject(FERRULE "ServletRequestImpl");
     Plant(request, TEXT_OF("servletPath"), "/a");
-    Plant(request, TEXT_OF("originalURI"), "/b");
     for (const char *method : {"service", "runs", "", "executeAll"}) {
         Read(LOCAL_WEB_REQUEST, "L" FERRULE "ServletRequestImpl;", request, method);
         EXPECT_STREQ(web.requestUrl, "") << "it isn't served in " << method;
     }
-    Read(LOCAL_DATABASE_CALL, "L" FERRULE "ServletRequestImpl;", request);
-    EXPECT_STREQ(db.url, "");
 }
 
 // ---- Databases
@@ -307,26 +223,24 @@ TEST_F(Readers, SqlIsCutAtACharacterWithTheIdOfTheWhole) {
         Read(LOCAL_DATABASE_CALL, "L" TESSAR "TessarStatement;", statement);
         return std::string(db.sqlText);
     };
-    for (int32_t limit : {QOR_MAX_SQL_QUERY_SIZE + 0, 100, 17, 16, 15, 2, 1, -1})
-        for (const std::string character : {"a", "\xc3\xa9", "\xe2\x82\xac", "\xed\xa0\xbd\xed\xb8\x80"})
-            for (int32_t length : {0, limit - 1, limit, limit + 1, 70000}) {
-                gbSqlQueryLength = limit;
-                std::string sql = length > 8 ? "\n\x0e\x1f" : "";
-                while (static_cast<int32_t>(sql.size()) < length)
-                    sql += static_cast<int32_t>(sql.size() + character.size()) > length ? "b" : character;
-                const bool whole = static_cast<int32_t>(sql.size()) < limit;
-                const std::string id = Java<std::string>("qoragent/DbUtil", "sqlText2sqlId", sql);
-                std::string expected = limit < 2 ? "" : Shown(sql, static_cast<size_t>(limit));
-                if (limit >= 16 && !whole)
-                    expected = Shown(sql, static_cast<size_t>(limit) - 15) + "!" + id + "!";
-                EXPECT_EQ(read(sql), expected) << limit << "/" << length << character;
-            }
-    // No class, one without the method, and ids that are too long, missing or thrown leave the cut text.
+    std::string accents;
+    while (accents.size() < 70000)
+        accents += "\xc3\xa9";
+    for (const int32_t limit : {QOR_MAX_SQL_QUERY_SIZE + 0, 101, 16, 15, 2, 1, -1}) {
+        gbSqlQueryLength = limit;
+        const std::string id = Java<std::string>("qoragent/DbUtil", "sqlText2sqlId", accents);
+        const int32_t room = limit >= 16 ? limit - 16 : std::max(limit - 1, 0);
+        EXPECT_EQ(read(accents),
+                  accents.substr(0, static_cast<size_t>(room / 2 * 2)) + (limit >= 16 ? "!" + id + "!" : ""))
+            << limit;
+        const std::string fits = limit > 1 ? accents.substr(0, static_cast<size_t>((limit - 1) / 2 * 2)) : "";
+        EXPECT_EQ(read(fits), fits) << limit;
+    }
+    // No class, and ids that are too long, missing or thrown leave the cut text.
     const std::pair<const char *, char> IDS[] = {{nullptr, 's'},
-                                                 {"java/lang/String", 's'},
-                                                 {"qoragent/testing/OddIds", 's'},
-                                                 {"qoragent/testing/OddIds", 'n'},
-                                                 {"qoragent/testing/OddIds", 't'}};
+                                                 {"qoragent/testing/Driver", 's'},
+                                                 {"qoragent/testing/Driver", 'n'},
+                                                 {"qoragent/testing/Driver", 't'}};
     gbSqlQueryLength = 64;
     for (const auto &[ids, first] : IDS) {
         useIds(ids);
@@ -361,7 +275,8 @@ struct NativeState {
     explicit NativeState(int64_t descriptor) {
         for (size_t step = 0; step < STEPS; step++)
             put(step, block(step + 1));
-        setDescriptor(descriptor);
+        const auto fd = static_cast<int32_t>(descriptor);
+        memcpy(block(STEPS) + OFFSETS[STEPS], &fd, sizeof fd);
         mprotect(end(), BLOCK, PROT_NONE);
     }
     ~NativeState() { munmap(memory, SIZE); }
@@ -371,7 +286,6 @@ struct NativeState {
     void put(size_t step, const void *pointer) const {
         memcpy(block(step) + OFFSETS[step], &pointer, sizeof pointer);
     }
-    void setDescriptor(int64_t fd) const { memcpy(block(STEPS) + OFFSETS[STEPS], &fd, sizeof(int32_t)); }
 
     char *memory =
         static_cast<char *>(mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -384,20 +298,18 @@ TEST_F(Readers, TheNativeDriversMemoryHasTheDescriptorOrNothing) {
     ReadStatement(StatementOver(stream, false), false);
     const NativeState state(db.fd);
     jobject access = MakeObject("tessar/jdbc/zdi8/ZDIDBAccess");
-    const jfieldID start = Env()->GetFieldID(Env()->GetObjectClass(access), "c_state", "J");
-    Env()->SetLongField(access, start, reinterpret_cast<jlong>(state.block(0)));
+    Env()->SetLongField(access, Env()->GetFieldID(Env()->GetObjectClass(access), "c_state", "J"),
+                        reinterpret_cast<jlong>(state.block(0)));
     jobject statement = StatementOver(nullptr, false);
     PlantObject(statement, DIRECT "db_access,Ltessar/jdbc/dbaccess/DBAccess;", access);
     tessar_thick_driver = 1;
     ReadStatement(statement, false);
     ExpectPorts(stream, "thick");
-
     // Memory of another build: at each step nothing, or an address that can't be read, or not to its end.
     int64_t fd = -7;
     for (size_t step = 0; step < NativeState::STEPS; step++) {
         for (const auto address :
-             {uintptr_t{0}, uintptr_t{8}, uintptr_t{0xdead000000000001}, ~uintptr_t{0},
-              reinterpret_cast<uintptr_t>(state.end()),
+             {uintptr_t{0}, uintptr_t{0xdead000000000001}, ~uintptr_t{0},
               reinterpret_cast<uintptr_t>(state.end()) - NativeState::OFFSETS[step + 1] - 3}) {
             state.put(step, reinterpret_cast<void *>(address));
             EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1) << step << " " << address;
@@ -405,28 +317,20 @@ TEST_F(Readers, TheNativeDriversMemoryHasTheDescriptorOrNothing) {
         state.put(step, state.block(step + 1));
     }
     EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), 0);
-    state.setDescriptor(0);
-    EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1);
     EXPECT_EQ(QorGetFdFromThickDriver(&fd, statement), -1) << "no c_state";
-    ReadStatement(statement, false);
-    EXPECT_EQ(db.localPort, 0u);
-    Env()->SetLongField(access, start, 0);
-    EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1);
 }
 
 TEST_F(Readers, ObjectMapsAreFollowedToTheirEnd) {
     jobject object = Java<jobject>("Fields", "make");
     PlantObject(object, "anObject,Ljava/lang/Object;", object);
-    const std::string step = "anObject,Ljava/lang/Object;|";
+    const std::string last = "anObject,Ljava/lang/Object;", step = last + "|";
     std::string map;
     for (int i = 0; i < OBJECT_MAP_STEPS - 1; i++)
         map += step;
-    EXPECT_TRUE(Env()->IsSameObject(QorFollowObjectMap((map + step.substr(0, 27)).c_str(), object), object));
-    for (const std::string &wrong :
-         {map + step + "nothing,Ljava/lang/Object;", step + "no comma", std::string(",I"), std::string("a,"),
-          std::string("nothing,Ljava/lang/Object;|a,I"), std::string("missing,Ljava/lang/Object;|a,I")})
+    EXPECT_TRUE(Env()->IsSameObject(QorFollowObjectMap((map + last).c_str(), object), object));
+    for (const std::string &wrong : {map + step + "nothing,Ljava/lang/Object;", step + "no comma",
+                                     std::string("a,"), std::string("missing,Ljava/lang/Object;|a,I")})
         EXPECT_EQ(QorFollowObjectMap(wrong.c_str(), object), nullptr) << wrong;
-    EXPECT_EQ(QorFollowObjectMap("anObject,Ljava/lang/Object;", nullptr), nullptr);
     EXPECT_EQ(Env()->GetObjectRefType(object), JNILocalRefType) << "the start is the caller's";
 }
 
@@ -434,40 +338,31 @@ TEST_F(Readers, ObjectMapsAreFollowedToTheirEnd) {
 
 TEST_F(Readers, UrlsOfLumoAreARangeOfBytes) {
     const std::string longText(3000, 'b');
-    const struct {
-        std::string bytes;
-        int offset, length;
-        std::string url;
-    } BYTES[] = {
+    const std::tuple<std::string, int, int, std::string> BYTES[] = {
         {"xx/path?yy", 2, 5, "/path"},
         {"/path", 0, 6, ""},
-        {"/path", 3, 3, ""},
         {"/path", 2147483647, 2147483647, ""},
         {"/path", -1, 3, ""},
-        {"/path", 0, 0, ""},
-        {"", 0, 1, ""},
-        {longText, 1, 1023, longText.substr(0, 1023)},
-        {longText, 0, 3000, longText.substr(0, 1023)},
+        {longText, 1, 3000 - 1, longText.substr(0, 1023)},
         {std::string("/a\0b\xe9", 5), 0, 5, "/a?b?"},
         {"/\xc3\xa9\x1d\n", 0, 5, "/\xc3\xa9  "},
-        {std::string(1022, 'b') + "\xc3\xa9", 0, 1024, std::string(1022, 'b')},
     };
     const std::string path = "servletPath,Lcom/halcyon/util/ByteString;|";
-    for (const auto &row : BYTES) {
+    for (const auto &[bytes, offset, length, url] : BYTES) {
         jobject request = MakeObject("com/halcyon/server/http/HalcyonHttpServletRequest");
-        Plant(request, path + "length,I", std::to_string(row.length));
-        Read(LOCAL_WEB_REQUEST, "Lcom/halcyon/server/http/HalcyonHttpServletRequest;", request, "service");
-        EXPECT_STREQ(web.requestUrl, "") << "without an array";
-        jbyteArray data = Env()->NewByteArray(static_cast<jsize>(row.bytes.size()));
-        Env()->SetByteArrayRegion(data, 0, static_cast<jsize>(row.bytes.size()),
-                                  reinterpret_cast<const jbyte *>(row.bytes.data()));
-        Plant(request, path + "offset,I", std::to_string(row.offset));
+        Plant(request, path + "length,I", std::to_string(length));
+        const auto read = [&] {
+            Read(LOCAL_WEB_REQUEST, "Lcom/halcyon/server/http/HalcyonHttpServletRequest;", request,
+                 "service");
+            return std::string(web.requestUrl);
+        };
+        EXPECT_EQ(read(), "") << "without an array";
+        jbyteArray data = Env()->NewByteArray(static_cast<jsize>(bytes.size()));
+        Env()->SetByteArrayRegion(data, 0, static_cast<jsize>(bytes.size()),
+                                  reinterpret_cast<const jbyte *>(bytes.data()));
+        Plant(request, path + "offset,I", std::to_string(offset));
         PlantObject(request, path + "data,[B", data);
-        for (const char *mark : {"", "L"}) {
-            Read(LOCAL_WEB_REQUEST, std::string(mark) + "com/halcyon/server/http/HalcyonHttpServletRequest;",
-                 request, "service");
-            EXPECT_EQ(web.requestUrl, row.url) << row.offset << " " << row.length;
-        }
+        EXPECT_EQ(read(), url) << offset << " " << length;
     }
 }
 
@@ -480,10 +375,6 @@ TEST_F(Readers, UrlsOfJServAreNotWaitedFor) {
         Read(LOCAL_WEB_REQUEST, "Lorg/apache/jserv/JServConnection;", connection);
         return std::string(web.requestUrl);
     };
-    for (const std::string &value : TrialValues())
-        EXPECT_EQ(read(Java<jobject>("Obstacles", "table", value)),
-                  gbQorJvmKeepsThreads ? Shown(value, REQUEST_TEXT_SIZE) : "");
-    EXPECT_EQ(read(Java<jobject>("Obstacles", "table", nullptr)), "") << "a value that isn't a text";
     EXPECT_EQ(read(nullptr), "");
     jobject table = Java<jobject>("Obstacles", "lockedTable");
     EXPECT_EQ(read(table), "");
@@ -516,39 +407,30 @@ TEST_F(Readers, ScriptsAndCallSitesStayAsTheyAre) {
     }
     // Names of 1,200 sites, of which one is missing and one has no name; a thousand are looked at.
     jobjectArray sites = Env()->NewObjectArray(1200, Env()->FindClass(GROOVY "CallSite"), nullptr);
-    jobject site = nullptr;
     for (jsize i = 0; i < 1200; i++) {
         const QorLocalFrame references(Env(), 16);
-        site = i == 3 ? nullptr : MakeObject(GROOVY "AbstractCallSite");
-        if (i != 3 && i != 4)
+        jobject site = MakeObject(GROOVY "AbstractCallSite");
+        if (i != 4)
             Plant(site, TEXT_OF("name"), "site" + std::to_string(i) + (i == 5 ? std::string(600, 'l') : ""));
-        Env()->SetObjectArrayElement(sites, i, site);
+        Plant(site, "index,I", std::to_string(i));
+        Env()->SetObjectArrayElement(sites, i, i == 3 ? nullptr : site);
     }
-    site = Env()->GetObjectArrayElement(sites, 7);
-    Plant(site, "index,I", "7");
-    const std::string path = "array,L" GROOVY "CallSiteArray;|array,[L" GROOVY "CallSite;";
-    PlantObject(site, path, sites);
+    jobject site = Env()->GetObjectArrayElement(sites, 7);
+    PlantObject(site, "array,L" GROOVY "CallSiteArray;|array,[L" GROOVY "CallSite;", sites);
     Read(LOCAL_GROOVY, "L" GROOVY "AbstractCallSite;", site);
     EXPECT_STREQ(web.groovyCurrentLine, "site7");
     EXPECT_EQ(web.groovyCurrentIndex, 7);
     ASSERT_EQ(web.groovyCallSiteCount, 998);
-    EXPECT_STREQ(web.groovyCallSites[2], "site2");
     EXPECT_EQ(web.groovyCallSites[3], "site5" + std::string(506, 'l'));
     EXPECT_STREQ(web.groovyCallSites[997], "site999");
-    PlantObject(site, path, Env()->NewObjectArray(0, Env()->FindClass(GROOVY "CallSite"), nullptr));
-    Read(LOCAL_GROOVY, "L" GROOVY "AbstractCallSite;", site);
-    EXPECT_EQ(web.groovyCallSiteCount, 0);
 }
 
 // ---- Peers, files, and the server's marks
 
 TEST_F(Readers, RemotePeersHaveSignedParts) {
     const std::pair<const char *, const char *> ADDRESSES[] = {{"10.1.2.3", "10.1.2.3"},
-                                                               {"127.255.255.255", "127.255.255.255"},
                                                                {"192.168.1.5", "-63.-87.-254.-251"},
-                                                               {"128.0.0.0", "-128.0.0.0"},
                                                                {"255.255.255.255", "0.0.0.-1"},
-                                                               {"0.0.0.0", ""},
                                                                {"2001:db8::5", ""},
                                                                {"unresolved", ""}};
     const std::string channel = "rjvm,Lferrule/rjvm/RJVM;|remoteChannel,Lferrule/rmi/spi/Channel;|";
@@ -580,8 +462,7 @@ jobject DescriptorOf(int fd) {
 
 TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
     const Folder in;
-    const std::string path = in.In("data.txt");
-    close(open(path.c_str(), O_CREAT | O_CLOEXEC, 0600));
+    const std::string path = in.Fill("data.txt", "");
     jobject input = Java<jobject>("Obstacles", "file", "stream", path);
     const std::pair<const char *, jobject> STREAMS[] = {
         {"Ljava/io/FileReader;", Java<jobject>("Obstacles", "file", "reader", path)},
@@ -589,58 +470,42 @@ TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
         {"Ljava/io/BufferedInputStream;", input},
         {DESCRIPTOR, Java<jobject>("Obstacles", "descriptor", input)}};
     for (const bool open : {true, false}) {
-        for (const auto &[signature, object] : STREAMS) {
-            Read(LOCAL_FILE_CALL, signature, object);
-            EXPECT_EQ(file.fileName,
-                      open || object == STREAMS[0].second || object == STREAMS[1].second ? path : "")
-                << signature;
-            Read(LOCAL_FILE_CALL, signature, MakeObject("java/lang/Object"));
-            EXPECT_TRUE(file.fd == -1 && !*file.fileName) << signature;
+        for (int i = 0; i < 4; i++) {
+            Read(LOCAL_FILE_CALL, STREAMS[i].first, STREAMS[i].second);
+            EXPECT_EQ(file.fileName, open || i < 2 ? path : "") << STREAMS[i].first;
+            Read(LOCAL_FILE_CALL, STREAMS[i].first, MakeObject("java/lang/Object"));
+            EXPECT_TRUE(file.fd == -1 && !*file.fileName) << STREAMS[i].first;
         }
         Java("Obstacles", "closeFile", input);
     }
     // Names that fit a record.
-    const int at = open(in.In("").c_str(), O_DIRECTORY | O_CLOEXEC);
-    for (const auto &[name, shown] : {
-             std::pair<std::string, std::string>{"a\nb\x1d\x1e\x1f\x0e", in.In("a b    ")},
-             {"caf\xe9", in.In("caf?")},
-             {"caf\xc3\xa9", in.In("caf\xc3\xa9")},
-         }) {
-        const int fd = openat(at, name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    for (const auto &[name, shown] :
+         {std::pair{"a\nb\x1d\x1e\x1f\x0e", "a b    "}, std::pair{"caf\xe9", "caf?"},
+          std::pair{"caf\xc3\xa9", "caf\xc3\xa9"}}) {
+        const int fd = open(in.In(name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         Read(LOCAL_FILE_CALL, DESCRIPTOR, DescriptorOf(fd));
-        EXPECT_EQ(file.fileName, shown);
+        EXPECT_EQ(file.fileName, in.In(shown));
         close(fd);
-    }
-    close(at);
-    for (int fd : {0, 99999}) {
-        Read(LOCAL_FILE_CALL, DESCRIPTOR, DescriptorOf(fd));
-        EXPECT_TRUE(file.fd == fd && !*file.fileName);
     }
 }
 
 TEST_F(Readers, SocketsHaveTheirPeer) {
     jobject stream = Java<jobject>("Customers", "connect", "plain");
     ReadStatement(StatementOver(stream, false), false);
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     const auto client = static_cast<int>(db.fd);
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const auto port = static_cast<int32_t>(Java<int64_t>("Customers", "port", stream, true));
-    const struct {
-        const char *signature;
-        int fd, readFd, port;
-        const char *host;
-    } SOCKETS[] = {{DESCRIPTOR, client, client, port, "127.0.0.1"},
-                   {DESCRIPTOR, ends[0], ends[0], 0, ""},
-                   {DESCRIPTOR, 0, 0, -1, ""},
-                   {DESCRIPTOR, -1, -1, -1, ""},
-                   {"Ljava/net/Socket;", client, -1, -1, ""}};
-    for (const auto &row : SOCKETS) {
-        Read(LOCAL_NETWORK_CALL, row.signature, DescriptorOf(row.fd));
-        EXPECT_TRUE(network.fd == row.readFd && network.port == row.port) << row.fd;
-        EXPECT_STREQ(network.host, row.host);
+    const std::tuple<const char *, int, int, int, const char *> SOCKETS[] = {
+        {DESCRIPTOR, client, client, port, "127.0.0.1"},
+        {DESCRIPTOR, null, null, 0, ""},
+        {DESCRIPTOR, -1, -1, -1, ""},
+        {"Ljava/net/Socket;", client, -1, -1, ""}};
+    for (const auto &[signature, fd, readFd, readPort, host] : SOCKETS) {
+        Read(LOCAL_NETWORK_CALL, signature, DescriptorOf(fd));
+        EXPECT_TRUE(network.fd == readFd && network.port == readPort) << fd;
+        EXPECT_STREQ(network.host, host);
     }
-    close(ends[0]);
-    close(ends[1]);
+    close(null);
 }
 
 // A server without the field marks a stuck thread by its name.
@@ -649,7 +514,6 @@ TEST_F(Readers, StuckThreadsAreMarkedByFieldOrName) {
         const char *name;
         int32_t fields, stuck, hogger;
     } THREADS[] = {{"[STUCK] ExecuteThread: '3'", 0, 1, -1},
-                   {"[STUCK", 0, -1, -1},
                    {"ExecuteThread: [STUCK]", 0, -1, -1},
                    {"[STUCK] but not so", 1, 0, 1},
                    {"ExecuteThread", 2, 1, 0}};

@@ -49,6 +49,13 @@ public final class Driver {
         order.touch();
     }
 
+    /** A name of an SQL statement, and a bad one: too long, none, or it throws. */
+    public static String sqlText2sqlId(String sql) {
+        if (sql.startsWith("t"))
+            throw new IllegalArgumentException(sql);
+        return sql.startsWith("n") ? null : sql.substring(0, 14);
+    }
+
     public static Object open() throws IOException {
         Driver driver = new Driver();
         driver.server = new ServerSocket(0, 2, InetAddress.getLoopbackAddress());

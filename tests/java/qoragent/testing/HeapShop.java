@@ -127,15 +127,10 @@ public final class HeapShop {
 
     /** Collectors in the JVM's order: count, milliseconds, name, a line each. */
     static String collectors() {
-        StringBuilder out = new StringBuilder();
+        String all = "";
         for (GarbageCollectorMXBean bean : ManagementFactory.getGarbageCollectorMXBeans())
-            out.append(bean.getCollectionCount())
-                .append(' ')
-                .append(bean.getCollectionTime())
-                .append(' ')
-                .append(bean.getName())
-                .append('\n');
-        return out.toString();
+            all += bean.getCollectionCount() + " " + bean.getCollectionTime() + " " + bean.getName() + "\n";
+        return all;
     }
 
     /** Makes garbage, several times the heap of a test. */
@@ -146,18 +141,13 @@ public final class HeapShop {
 
     static long maxMemory() { return Runtime.getRuntime().maxMemory(); }
 
-    static long totalMemory() { return Runtime.getRuntime().totalMemory(); }
-
     static long usedMemory() {
         return Runtime.getRuntime().totalMemory() - Runtime.getRuntime().freeMemory();
     }
 
     /** Instances of a class and their bytes as "count bytes", by the JVM's own histogram; dead objects count. */
     static String histogramRow(String name) throws Exception {
-        Object[] all = {new String[] {"-all"}};
-        String text = (String)ManagementFactory.getPlatformMBeanServer().invoke(
-            new javax.management.ObjectName("com.sun.management:type=DiagnosticCommand"), "gcClassHistogram",
-            all, new String[] {String[].class.getName()});
+        String text = JvmCounts.command("gcClassHistogram", "-all");
         for (String line : text.split("\n")) {
             String[] columns = line.trim().split("\\s+"); // number, instances, bytes, class, module
             if (columns.length >= 4 && columns[3].equals(name))

@@ -19,10 +19,15 @@ public final class JvmCounts {
     /** The weak ones, which JVMs before JDK 11 don't count. */
     public static long weakRefs() throws Exception { return count(WEAK_REFS); }
 
+    /** What a command of the JVM's own tools prints. */
+    static String command(String name, String... arguments) throws Exception {
+        return (String)ManagementFactory.getPlatformMBeanServer().invoke(
+            new ObjectName("com.sun.management:type=DiagnosticCommand"), name, new Object[] {arguments},
+            new String[] {String[].class.getName()});
+    }
+
     private static long count(Pattern figure) throws Exception {
-        ObjectName commands = new ObjectName("com.sun.management:type=DiagnosticCommand");
-        String print = (String)ManagementFactory.getPlatformMBeanServer().invoke(
-            commands, "threadPrint", new Object[] {new String[0]}, new String[] {String[].class.getName()});
+        String print = command("threadPrint");
         Matcher found = figure.matcher(print);
         if (!found.find())
             throw new IllegalStateException("no " + figure + " in: " + print);

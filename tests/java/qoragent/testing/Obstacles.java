@@ -23,98 +23,86 @@ public final class Obstacles {
 
     private Obstacles() {}
 
-    /** With that text, or for null something else, as "REQUEST_URI". */
-    public static Object table(String uri) {
-        Hashtable<String, Object> table = new Hashtable<>();
-        table.put("REQUEST_URI", uri == null ? table : uri);
-        return table;
-    }
-
-    /** One whose lock another thread holds. */
+    /** A table with a text as "REQUEST_URI", whose lock another thread holds. */
     public static Object lockedTable() throws Exception {
-        Object table = table("/locked");
-        return hold(() -> {
-            synchronized (table) {
-                rest(table);
+        Hashtable<String, Object> table = new Hashtable<>();
+        table.put("REQUEST_URI", "/locked");
+        return hold(() -> restWith(table));
     }
-});
-}
 
-/** An object with a "servletPath" whose class is being initialised by another thread. */
-public static Object inInitializer() throws Exception {
-    return hold(Unborn::new);
-}
-
-/** A connection of such a class. */
-public static Object connection() throws Exception {
-    return hold(Born::new);
-}
-
-/** Lets the other threads go on, and waits for their ends. */
-public static void release() throws Exception {
-    freed.countDown();
-    for (Thread holder : holders)
-        holder.join();
-    holders.clear();
-    freed = new CountDownLatch(1);
-}
-
-private static Object hold(Runnable work) throws Exception {
-    object = null;
-    Thread holder = new Thread(work, "obstacle");
-    holder.setDaemon(true);
-    holder.start();
-    holders.add(holder);
-    while (object == null)
-        Thread.sleep(1);
-    return object;
-}
-
-private static void rest(Object obstacle) {
-    CountDownLatch end = freed;
-    object = obstacle;
-    try {
-        end.await();
-    } catch (InterruptedException e) {
-        throw new IllegalStateException(e);
+    private static void restWith(Object lock) {
+        synchronized (lock) {
+            rest(lock);
+        }
     }
-}
 
-private static final class Unborn {
-    static { rest(new Unborn()); }
+    /** An object with a "servletPath" whose class is being initialised by another thread. */
+    public static Object inInitializer() throws Exception { return hold(Unborn::new); }
 
-    final String servletPath = "/born".trim();
-}
+    /** A connection of such a class. */
+    public static Object connection() throws Exception { return hold(Born::new); }
 
-private static final class Born extends FormerConnection {
-    static { rest(new Born()); }
+    /** Lets the other threads go on, and waits for their ends. */
+    public static void release() throws Exception {
+        freed.countDown();
+        for (Thread holder : holders)
+            holder.join();
+        holders.clear();
+        freed = new CountDownLatch(1);
+    }
 
-    Born() { super("jdbc:born", "born", null); }
-}
+    private static Object hold(Runnable work) throws Exception {
+        object = null;
+        Thread holder = new Thread(work, "obstacle");
+        holder.setDaemon(true);
+        holder.start();
+        holders.add(holder);
+        while (object == null)
+            Thread.sleep(1);
+        return object;
+    }
 
-/** A literal address, or one that isn't resolved. */
-public static Object address(String text) {
-    return text.equals("unresolved") ? InetSocketAddress.createUnresolved("nowhere.invalid", 7001)
-                                     : new InetSocketAddress(text, 7001);
-}
+    private static void rest(Object obstacle) {
+        CountDownLatch end = freed;
+        object = obstacle;
+        try {
+            end.await();
+        } catch (InterruptedException e) {
+            throw new IllegalStateException(e);
+        }
+    }
 
-/** The file by a "stream", a "reader" or for "random" access. */
-public static Object file(String by, String path) throws IOException {
-    if (by.equals("reader"))
-        return new FileReader(path);
-    if (by.equals("random"))
-        return new RandomAccessFile(path, "r");
-    FileInputStream in = new FileInputStream(path);
-    Object buffered = new BufferedInputStream(in);
-    streams.put(buffered, in);
-    return buffered;
-}
+    private static final class Unborn {
+        static { rest(new Unborn()); }
 
-public static Object descriptor(Object stream) throws IOException {
-    return streams.get(stream).getFD();
-}
+        final String servletPath = "/born".trim();
+    }
 
-public static void closeFile(Object stream) throws IOException {
-    streams.get(stream).close();
-}
+    private static final class Born extends FormerConnection {
+        static { rest(new Born()); }
+
+        Born() { super("jdbc:born", "born", null); }
+    }
+
+    /** A literal address, or one that isn't resolved. */
+    public static Object address(String text) {
+        return text.equals("unresolved") ? InetSocketAddress.createUnresolved("nowhere.invalid", 7001)
+                                         : new InetSocketAddress(text, 7001);
+    }
+
+    /** The file by a "stream", a "reader" or for "random" access. */
+    public static Object file(String by, String path) throws IOException {
+        if (by.equals("reader"))
+            return new FileReader(path);
+        if (by.equals("random"))
+            return new RandomAccessFile(path, "r");
+        FileInputStream in = new FileInputStream(path);
+        Object buffered = new BufferedInputStream(in);
+        streams.put(buffered, in);
+        return buffered;
+    }
+
+    public static Object descriptor(Object stream) throws IOException { return streams.get(stream).getFD(); }
+
+    public static void closeFile(Object stream) throws IOException { streams.get(stream).close(); }
 }

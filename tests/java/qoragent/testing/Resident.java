@@ -4,19 +4,20 @@ import java.io.Closeable;
 import java.util.ArrayDeque;
 import java.util.Arrays;
 import java.util.Deque;
+import java.util.List;
 import java.util.concurrent.locks.LockSupport;
 
 /**
  * One thread that stays in a known place until it is released.
  *
- * It is parked when its thread has the promised state and the promised method on top of its stack. A list of top
- * methods holds one name for every generation of the JDK, 8 to 25.
+ * It is parked when its thread has the promised state and the promised method on top of its stack. The top
+ * methods, with blanks between, are one name for every generation of the JDK, 8 to 25.
  */
 final class Resident implements Runnable {
     private static final long LIMIT_NANOS = 60_000_000_000L;
 
     /** Where threads park. */
-    static final String[] PARKED = {"sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park"};
+    static final String PARKED = "sun.misc.Unsafe.park jdk.internal.misc.Unsafe.park";
 
     interface Work {
         void run() throws Exception;
@@ -37,7 +38,7 @@ final class Resident implements Runnable {
 
     final String kind;
     private final Thread.State state;
-    private final String[] tops;
+    private final List<String> tops;
     private final Part part;
     private final Deque<Work> ends = new ArrayDeque<>();
     private Work work;
@@ -45,10 +46,10 @@ final class Resident implements Runnable {
     private volatile boolean released;
     private volatile Throwable failure;
 
-    Resident(String kind, Thread.State state, String[] tops, Part part) {
+    Resident(String kind, Thread.State state, String tops, Part part) {
         this.kind = kind;
         this.state = state;
-        this.tops = tops;
+        this.tops = Arrays.asList(tops.split(" "));
         this.part = part;
     }
 
@@ -111,7 +112,7 @@ final class Resident implements Runnable {
             return false;
         StackTraceElement[] frames = thread.getStackTrace();
         return frames.length > 0 && thread.getState() == state &&
-            Arrays.asList(tops).contains(frames[0].getClassName() + "." + frames[0].getMethodName());
+            tops.contains(frames[0].getClassName() + "." + frames[0].getMethodName());
     }
 
     void release() throws Exception {

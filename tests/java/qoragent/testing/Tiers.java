@@ -132,8 +132,7 @@ public final class Tiers {
 
     /** Waits for the answer of a remote call. */
     private static Resident remote() {
-        String[] tops = {"java.lang.Object.wait", "java.lang.Object.wait0"};
-        return new Resident("remote", Thread.State.WAITING, tops, self -> {
+        return new Resident("remote", Thread.State.WAITING, ZooLocks.WAITING, self -> {
             byte[] address = {(byte)192, (byte)168, 1, 5};
             ResponseImpl response = new ResponseImpl(
                 77, new RJVM(new Channel(new InetSocketAddress(InetAddress.getByAddress(address), 7001))));

@@ -26,9 +26,10 @@ public final class Zoo {
     public static synchronized void start(String kinds) throws Exception {
         Set<String> wanted = new HashSet<>(Arrays.asList(kinds.split(",")));
         boolean all = wanted.remove("");
-        List<Resident> known = ZooIo.residents();
-        known.addAll(ZooLocks.residents());
-        known.addAll(ZooRun.residents());
+        List<Resident> known = new ArrayList<>();
+        ZooIo.addTo(known);
+        ZooLocks.addTo(known);
+        ZooRun.addTo(known);
         for (Resident resident : known)
             if (all || wanted.remove(resident.kind))
                 admit(resident);

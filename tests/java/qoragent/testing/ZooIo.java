@@ -1,5 +1,6 @@
 package qoragent.testing;
 
+import java.io.Closeable;
 import java.io.File;
 import java.io.FileInputStream;
 import java.io.FileOutputStream;
@@ -17,8 +18,6 @@ import java.nio.channels.Selector;
 import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
 import java.nio.file.Files;
-import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.List;
 
 /** Residents in a network or file call, which ends when what they opened is closed. */
@@ -27,78 +26,60 @@ final class ZooIo {
     private static final int MORE_THAN_A_FIFO_HOLDS = 4 << 20;
     private static final InetAddress HERE = InetAddress.getLoopbackAddress();
 
-    private ZooIo() {}
+    private final List<Resident> all;
 
-    private static Resident io(String kind, Resident.Part part, String... tops) {
-        return new Resident(kind, Thread.State.RUNNABLE, tops, part);
+    private ZooIo(List<Resident> all) { this.all = all; }
+
+    private void io(String kind, String tops, Resident.Part part) {
+        all.add(new Resident(kind, Thread.State.RUNNABLE, tops, part));
     }
 
-    static List<Resident> residents() {
-        return new ArrayList<>(Arrays.asList(
-            io("socket-read",
-               self
-               -> socketRead(self, 0),
-               "java.net.SocketInputStream.socketRead0", "sun.nio.ch.SocketDispatcher.read0"),
-            io("socket-read-timeout",
-               self
-               -> socketRead(self, HOUR_MILLIS),
-               "java.net.SocketInputStream.socketRead0", "sun.nio.ch.Net.poll"),
-            io("socket-write", ZooIo::socketWrite, "sun.nio.ch.FileDispatcherImpl.write0",
-               "sun.nio.ch.SocketDispatcher.write0"),
-            io("accept",
-               self -> accept(self, 0), "java.net.PlainSocketImpl.socketAccept", "sun.nio.ch.Net.accept"),
-            io("accept-timeout",
-               self
-               -> accept(self, HOUR_MILLIS),
-               "java.net.PlainSocketImpl.socketAccept", "sun.nio.ch.Net.poll"),
-            io("channel-accept",
-               self
-               -> {
-                   ServerSocketChannel server = self.closing(ServerSocketChannel.open());
-                   server.bind(new InetSocketAddress(HERE, 0));
-                   return server::accept;
-               },
-               "sun.nio.ch.ServerSocketChannelImpl.accept0", "sun.nio.ch.Net.accept"),
-            io("channel-read",
-               self
-               -> {
-                   SocketChannel near = connect(self);
-                   return () -> near.read(ByteBuffer.allocateDirect(64));
-               },
-               "sun.nio.ch.FileDispatcherImpl.read0", "sun.nio.ch.SocketDispatcher.read0"),
-            io("select",
-               self
-               -> {
-                   Selector selector = self.closing(Selector.open());
-                   return selector::select;
-               },
-               "sun.nio.ch.EPollArrayWrapper.epollWait", "sun.nio.ch.EPoll.wait"),
-            io("datagram-receive",
-               self
-               -> {
-                   DatagramSocket socket = self.closing(new DatagramSocket(0, HERE));
-                   return () -> socket.receive(new DatagramPacket(new byte[64], 64));
-               },
-               "java.net.PlainDatagramSocketImpl.receive0", "sun.nio.ch.DatagramChannelImpl.receive0"),
-            fileRead("file-read", FileInputStream::read, "java.io.FileInputStream.read0"),
-            fileRead("file-read-bytes", in -> in.read(new byte[64]), "java.io.FileInputStream.readBytes"),
-            fileRead("file-channel-read",
-                     in
-                     -> in.getChannel().read(ByteBuffer.allocateDirect(64)),
-                     "sun.nio.ch.FileDispatcherImpl.read0", "sun.nio.ch.UnixFileDispatcherImpl.read0"),
-            fifo("file-reader", path -> {
-                try (FileReader reader = new FileReader(path)) {
-                    reader.read();
-                }
-            }, "java.io.FileInputStream.readBytes"), fifo("random-access-read", path -> {
-                try (RandomAccessFile file = new RandomAccessFile(path, "rw")) {
-                    file.read();
-                }
-            }, "java.io.RandomAccessFile.read0"), fifo("file-write", path -> {
-                try (FileOutputStream out = new FileOutputStream(path)) {
-                    out.write(new byte[MORE_THAN_A_FIFO_HOLDS]);
-                }
-            }, "java.io.FileOutputStream.writeBytes")));
+    static void addTo(List<Resident> all) {
+        ZooIo zoo = new ZooIo(all);
+        zoo.addSockets();
+        zoo.addFiles();
+    }
+
+    private void addSockets() {
+        io("socket-read", "java.net.SocketInputStream.socketRead0 sun.nio.ch.SocketDispatcher.read0",
+           self -> socketRead(self, 0));
+        io("socket-read-timeout", "java.net.SocketInputStream.socketRead0 sun.nio.ch.Net.poll",
+           self -> socketRead(self, HOUR_MILLIS));
+        io("socket-write", "sun.nio.ch.FileDispatcherImpl.write0 sun.nio.ch.SocketDispatcher.write0",
+           ZooIo::socketWrite);
+        io("accept", "java.net.PlainSocketImpl.socketAccept sun.nio.ch.Net.accept", self -> accept(self, 0));
+        io("accept-timeout", "java.net.PlainSocketImpl.socketAccept sun.nio.ch.Net.poll",
+           self -> accept(self, HOUR_MILLIS));
+        io("channel-accept", "sun.nio.ch.ServerSocketChannelImpl.accept0 sun.nio.ch.Net.accept", self -> {
+            ServerSocketChannel server = self.closing(ServerSocketChannel.open());
+            server.bind(new InetSocketAddress(HERE, 0));
+            return server::accept;
+        });
+        io("channel-read", "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.SocketDispatcher.read0", self -> {
+            SocketChannel near = connect(self);
+            return () -> near.read(ByteBuffer.allocateDirect(64));
+        });
+        io("select", "sun.nio.ch.EPollArrayWrapper.epollWait sun.nio.ch.EPoll.wait",
+           self -> self.closing(Selector.open())::select);
+        io("datagram-receive",
+           "java.net.PlainDatagramSocketImpl.receive0 sun.nio.ch.DatagramChannelImpl.receive0", self -> {
+               DatagramSocket socket = self.closing(new DatagramSocket(0, HERE));
+               return () -> socket.receive(new DatagramPacket(new byte[64], 64));
+           });
+    }
+
+    private void addFiles() {
+        fifo("file-read", "java.io.FileInputStream.read0", FileInputStream::new, FileInputStream::read);
+        fifo("file-read-bytes", "java.io.FileInputStream.readBytes", FileInputStream::new,
+             in -> in.read(new byte[64]));
+        fifo("file-channel-read",
+             "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.UnixFileDispatcherImpl.read0",
+             FileInputStream::new, in -> in.getChannel().read(ByteBuffer.allocateDirect(64)));
+        fifo("file-reader", "java.io.FileInputStream.readBytes", FileReader::new, FileReader::read);
+        fifo("random-access-read", "java.io.RandomAccessFile.read0",
+             path -> new RandomAccessFile(path, "rw"), RandomAccessFile::read);
+        fifo("file-write", "java.io.FileOutputStream.writeBytes", FileOutputStream::new,
+             out -> out.write(new byte[MORE_THAN_A_FIFO_HOLDS]));
     }
 
     /** The near end of a connection over the loopback. */
@@ -120,19 +101,13 @@ final class ZooIo {
         }
     }
 
-    /** Writes into a connection that has no room left and whose far end never reads. */
+    /** Writes into a connection whose far end never reads. */
     private static Resident.Work socketWrite(Resident self) throws IOException {
         SocketChannel near = connect(self);
-        near.configureBlocking(false);
-        ByteBuffer chunk = ByteBuffer.allocateDirect(1 << 16);
-        do
-            chunk.clear();
-        while (near.write(chunk) > 0);
-        near.configureBlocking(true);
+        ByteBuffer chunk = ByteBuffer.allocateDirect(1 << 24);
         return () -> {
-            ByteBuffer more = ByteBuffer.allocateDirect(1 << 24);
-            while (near.write(more) >= 0)
-                more.clear();
+            while (near.write(chunk) >= 0)
+                chunk.clear();
         };
     }
 
@@ -142,21 +117,17 @@ final class ZooIo {
         return server::accept;
     }
 
-    private interface Use<T> {
-        void of(T thing) throws IOException;
+    private interface Opening<T extends Closeable> {
+        T of(File path) throws IOException;
     }
 
-    private static Resident fileRead(String kind, Use<FileInputStream> use, String... tops) {
-        return fifo(kind, path -> {
-            try (FileInputStream in = new FileInputStream(path)) {
-                use.of(in);
-            }
-        }, tops);
+    private interface Use<T> {
+        void of(T file) throws IOException;
     }
 
     /** One at an end of a FIFO; the other end is open for both directions, so that no open blocks. */
-    private static Resident fifo(String kind, Use<File> use, String... tops) {
-        return io(kind, self -> {
+    private <T extends Closeable> void fifo(String kind, String tops, Opening<T> opening, Use<T> use) {
+        io(kind, tops, self -> {
             File path = new File(Files.createTempDirectory("zoo").toFile(), kind);
             self.onRelease(() -> {
                 Files.delete(path.toPath());
@@ -174,7 +145,11 @@ final class ZooIo {
                 else
                     otherEnd.write(0);
             });
-            return () -> use.of(path);
-        }, tops);
+            return () -> {
+                try (T file = opening.of(path)) {
+                    use.of(file);
+                }
+            };
+        });
     }
 }

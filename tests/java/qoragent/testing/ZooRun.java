@@ -1,29 +1,27 @@
 package qoragent.testing;
 
-import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.List;
 
 /** Residents that run, wait in a class's initialiser or for a process, or are deep in a recursion. */
 final class ZooRun {
-    private static final String[] WAITING = {"java.lang.Object.wait", "java.lang.Object.wait0",
-                                             "sun.misc.Unsafe.park", "jdk.internal.misc.Unsafe.park"};
     private static volatile long turns;
 
     private ZooRun() {}
 
-    static List<Resident> residents() {
-        return new ArrayList<>(Arrays.asList(
-            new Resident("spin", Thread.State.RUNNABLE, new String[] {"qoragent.testing.ZooRun.spin"},
-                         self -> () -> spin(self)),
-            Resident.parked("initialiser", gate -> {
-                SlowStart.gate = gate;
-                Class.forName(Stuck.class.getName(), true, new OwnCopyLoader(Stuck.class));
-            }), new Resident("process-wait", Thread.State.WAITING, WAITING, self -> {
+    static void addTo(List<Resident> all) {
+        all.add(new Resident("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun.spin",
+                             self -> () -> spin(self)));
+        all.add(Resident.parked("initialiser", gate -> {
+            SlowStart.gate = gate;
+            Class.forName(Stuck.class.getName(), true, new OwnCopyLoader(Stuck.class));
+        }));
+        all.add(new Resident(
+            "process-wait", Thread.State.WAITING, ZooLocks.WAITING + " " + Resident.PARKED, self -> {
                 Process child = new ProcessBuilder("cat").start();
                 self.onRelease(child.getOutputStream()::close); // the end of its input ends it
                 return child::waitFor;
-            }), deep("deep", 60)));
+            }));
+        all.add(deep("deep", 60));
     }
 
     private static void spin(Resident self) {
