@@ -82,25 +82,6 @@ TEST_F(Jni, FieldReadersReturnTheValueOrAClearedOutput) {
     Env()->DeleteWeakGlobalRef(dead);
 }
 
-TEST_F(Jni, ReadsTextsTablesAndClasses) {
-    for (const auto &[string, shown] :
-         {std::pair{Text("longer than eight"), "longer "}, std::pair{Text("123456\xc3\xa9"), "123456"}}) {
-        char text[8] = "as was";
-        EXPECT_EQ(QorGetStringObjectValue(string, text, sizeof text), 0);
-        EXPECT_STREQ(text, shown);
-    }
-    jobject table = Java<jobject>("Fields", "table", 200), value = table;
-    EXPECT_EQ(QorGetHashValue(&table, "key7", &value), 0);
-    EXPECT_EQ(TextOf(value), gbQorJvmKeepsThreads ? "value7" : "");
-    EXPECT_EQ(QorGetHashValue(&table, "no such key", &value), 0);
-    EXPECT_EQ(value, nullptr);
-    char signature[1024];
-    EXPECT_EQ(QorGetObjectClassSignature(object, signature), 0);
-    EXPECT_STREQ(signature, "Lqoragent/testing/Fields;");
-    EXPECT_EQ(QorIsClassInitialized(klass), 1);
-    EXPECT_EQ(QorIsClassInitialized(Env()->FindClass("[Ljava/lang/String;")), 0) << "an array's never is";
-}
-
 TEST_F(Jni, ReplyStringsAreWhatTheirTextSays) {
     std::string ascii;
     for (int i = 0; i < 200000; i++)

@@ -3,6 +3,7 @@ package qoragent;
 import static org.junit.Assert.*;
 
 import java.lang.management.ManagementFactory;
+import java.lang.reflect.Proxy;
 import java.util.List;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
@@ -103,18 +104,10 @@ public class cJavaCallTest {
 
     @Test
     public void failingProviderTakesNothingAway() {
-        assertEquals(SYSTEM + "\37\35F\36\35F\36", form(call(new EndToEndProvider() {
-                         @Override
-                         public String systemData() {
-                             throw new StackOverflowError();
-                         }
-
-                         @Override
-                         public ThreadText describe(Thread thread, long osThreadId, List<String> details,
-                                                    boolean poll) {
-                             throw new IllegalStateException();
-                         }
-                     }, 1)));
+        EndToEndProvider failing = (EndToEndProvider)Proxy.newProxyInstance(
+            getClass().getClassLoader(), new Class<?>[] {EndToEndProvider.class},
+            (proxy, method, arguments) -> { throw new StackOverflowError(); });
+        assertEquals(SYSTEM + "\37\35F\36\35F\36", form(call(failing, 1)));
     }
 
     @Test

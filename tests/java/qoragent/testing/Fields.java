@@ -2,7 +2,6 @@ package qoragent.testing;
 
 import java.io.ByteArrayOutputStream;
 import java.io.PrintStream;
-import java.util.Hashtable;
 
 /** An object to read fields of, and to call, for tests of the native JNI calls. */
 public final class Fields {
@@ -17,13 +16,6 @@ public final class Fields {
     public Object nothing;
 
     public static Object make() { return new Fields(); }
-
-    public static Object table(int size) {
-        Hashtable<String, String> table = new Hashtable<>();
-        for (int i = 0; i < size; i++)
-            table.put("key" + i, "value" + i);
-        return table;
-    }
 
     public Object fail() { throw new IllegalStateException("as it should"); }
 

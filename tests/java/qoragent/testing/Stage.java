@@ -18,7 +18,7 @@ public final class Stage {
     private Stage() {}
 
     /**
-     * Starts a part: "three" is in three(a, b, c); "nested" in the frames outer, middle, inner, innermost, each
+     * Starts a part: "three" is in three(a, b, c); "nested" in the frames inner and innermost, both
      * with a; "recursion" in fall(a), fall(b), fall(c), with c on top; "leaver" in inside(a) until leave();
      * "alone" in alone(a), without any other object; "hot" in a compiled frame whose only object is a constant of
      * its code: a.
@@ -30,7 +30,7 @@ public final class Stage {
                 three(a, b, c, gate);
                 break;
             case "nested":
-                outer(a, gate);
+                inner(a, gate);
                 break;
             case "recursion":
                 fall(a, new Object[] {a, b, c}, 0, gate);
@@ -77,16 +77,6 @@ public final class Stage {
 
     static void alone(Object a) {
         onlyGate.pass();
-        seen = a;
-    }
-
-    static void outer(Object a, Resident.Gate gate) {
-        middle(a, gate);
-        seen = a;
-    }
-
-    static void middle(Object a, Resident.Gate gate) {
-        inner(a, gate);
         seen = a;
     }
 
