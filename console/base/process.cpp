@@ -10,7 +10,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -321,11 +320,6 @@ bool SameFiles(pid_t pid) {
     if (stat("/proc/self/root/.", &ours) != 0 || stat(ProcPath(pid, "root/.").c_str(), &theirs) != 0)
         return true;
     return ours.st_dev == theirs.st_dev && ours.st_ino == theirs.st_ino;
-}
-
-std::string UserName(uid_t uid) {
-    const passwd *entry = getpwuid(uid);
-    return entry ? entry->pw_name : std::to_string(uid);
 }
 
 } // namespace qorctl

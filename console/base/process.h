@@ -86,6 +86,7 @@ bool AttachDisabled(const Process &process, const PerfData &perf);
 bool SameNetwork(pid_t pid);
 bool SameFiles(pid_t pid);
 
+// The user's name, or the number where it isn't known.
 std::string UserName(uid_t uid);
 
 } // namespace qorctl
