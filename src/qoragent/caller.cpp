@@ -90,7 +90,7 @@ void GiveUp() {
 
 // Waits until the worker has answered the request of this number. A handshake of another one is dropped.
 Outcome AwaitAnswer(uint32_t number, int64_t end) {
-    while (answered != number) {
+    while (!QorIsAnswered(number)) {
         const int64_t left = end - NowMsec();
         const bool ours = QorChannelIsOurs();
         if (!QorWorkerLives() && (closedToCallers || !ours))

@@ -123,10 +123,10 @@ TEST_F(Request, ALateReplyIsNobodys) {
         EXPECT_EQ(Setting(1), TIMED_OUT) << "the worker is still held";
         EXPECT_EQ(Setting(2), TIMED_OUT);
         qor_max_timeout = 60;
-        const uint32_t before = asked;
+        qorlocks[1] = 0; // until the next request is posted
         std::string reply;
         std::thread next = AskAside("516|NoProcessing|qorretry|3", &reply);
-        while (asked == before)
+        while (qorlocks[1] == 0)
             std::this_thread::yield();
         EXPECT_EQ(qorretry, 0);
         held.let();

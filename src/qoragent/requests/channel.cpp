@@ -15,8 +15,6 @@
 
 std::atomic<int32_t> pipe_fd_PP[2] = {{-1}, {-1}};
 std::atomic<int32_t> pipe_fd_CH[2] = {{-1}, {-1}};
-std::atomic<uint32_t> asked;
-std::atomic<uint32_t> answered;
 std::atomic<int32_t> agentstatus;
 
 namespace {
@@ -51,21 +49,29 @@ void ClosePipes() {
     }
 }
 
-// What a caller has left for the worker. Neither side waits for the other but for the length of a copy.
-struct Mailbox {
+enum RequestState {
+    WITHDRAWN, // or none was posted yet
+    POSTED,
+    TAKEN, // it is in `buf`
+};
+
+// The request of the caller whose turn it is, between that caller and the worker. Neither side waits for the
+// other but for the length of a copy.
+struct Request {
     std::atomic<bool> locked;
-    bool full;    // a request waits
+    RequestState state;
     bool newText; // `text` replaces what is in `buf`
     char text[BUF_SIZE];
-    uint32_t taken; // number of the request in `buf`
-} mailbox;
+    uint32_t posted, taken;         // numbers of the last ones; 0 before the first
+    std::atomic<uint32_t> answered; // number of the one whose reply is in `pagebuf`
+} request;
 
-struct MailboxScope {
-    MailboxScope() {
-        while (mailbox.locked.exchange(true))
+struct RequestScope {
+    RequestScope() {
+        while (request.locked.exchange(true))
             sched_yield();
     }
-    ~MailboxScope() { mailbox.locked = false; }
+    ~RequestScope() { request.locked = false; }
 };
 
 void SleepWhole(int32_t seconds) {
@@ -129,40 +135,45 @@ bool qor_signal_child_to_process() {
 }
 
 uint32_t QorPostRequest(const char *text) {
-    MailboxScope mine;
+    RequestScope mine;
     if (text) {
-        mailbox.text[0] = 0;
-        QorStrncpy(mailbox.text, text, BUF_SIZE, REQUEST_LIMIT);
-        if (char *marker = strstr(mailbox.text, END_OF_TRANSMISSION))
+        request.text[0] = 0;
+        QorStrncpy(request.text, text, BUF_SIZE, REQUEST_LIMIT);
+        if (char *marker = strstr(request.text, END_OF_TRANSMISSION))
             *marker = 0;
-        mailbox.newText = true;
+        request.newText = true;
     }
-    mailbox.full = true;
+    request.state = POSTED;
     qorlocks[1] = 1;
-    return ++asked;
+    return ++request.posted;
 }
 
 void QorWithdrawRequest() {
-    MailboxScope mine;
-    mailbox.full = false;
-    mailbox.text[0] = 0; // nor is its text asked again
-    mailbox.newText = true;
+    RequestScope mine;
+    request.state = WITHDRAWN;
+    request.text[0] = 0; // nor is its text asked again
+    request.newText = true;
 }
 
 bool QorTakeRequest() {
-    MailboxScope mine;
-    if (!mailbox.full)
+    RequestScope mine;
+    if (request.state != POSTED)
         return false;
-    if (mailbox.newText)
-        memcpy(buf, mailbox.text, strlen(mailbox.text) + 1);
-    mailbox.full = mailbox.newText = false;
-    mailbox.taken = asked;
+    if (request.newText)
+        memcpy(buf, request.text, strlen(request.text) + 1);
+    request.newText = false;
+    request.state = TAKEN;
+    request.taken = request.posted;
     qorlocks[1] = 1; // a late answer may have cleared it since
     return true;
 }
 
+bool QorIsAnswered(uint32_t number) {
+    return request.answered == number;
+}
+
 bool QorAnswerRequest() {
-    answered = mailbox.taken;
+    request.answered = request.taken;
     return QorSignalParent();
 }
 

@@ -1,8 +1,8 @@
 // The request channel: one shared reply buffer and two pipes between a Java caller and the worker.
 //
-// The caller posts its request under the next number, `asked`, and writes 20 bytes down `pipe_fd_PP`. The
-// worker moves what is posted into `buf`, answers in `pagebuf`, stores the number in `answered` and writes 20
-// bytes down `pipe_fd_CH`. The pipes only wake up; the two numbers decide whose reply it is, so that
+// The caller posts its request under the next number and writes 20 bytes down `pipe_fd_PP`. The worker moves
+// what is posted into `buf`, answers in `pagebuf`, notes the number as answered and writes 20 bytes down
+// `pipe_fd_CH`. The pipes only wake up; the two numbers decide whose reply it is, so that
 // what a worker says too late, for a caller that has gone, is nobody's reply. Reading or writing the pipes
 // never blocks; who waits, polls.
 //
@@ -31,9 +31,6 @@ static_assert(sizeof WAKE_UP == HANDSHAKE_SIZE + 1 && sizeof HANDSHAKE == HANDSH
 
 extern std::atomic<int32_t> pipe_fd_PP[2]; // parent to child: read by the worker, written by the caller
 extern std::atomic<int32_t> pipe_fd_CH[2]; // child to parent
-
-extern std::atomic<uint32_t> asked;    // number of the last request that was posted; 0 before the first
-extern std::atomic<uint32_t> answered; // number of the request whose reply is in `pagebuf`
 
 // 0, or AGENT_SHUTDOWN from the request to leave until the worker has left.
 extern std::atomic<int32_t> agentstatus;
@@ -69,6 +66,9 @@ void QorWithdrawRequest();
 // Moves the posted request into `buf`. False when there is none: it was withdrawn, or taken at an earlier
 // wake-up. Worker.
 bool QorTakeRequest();
+
+// True once `pagebuf` is the reply to the request of this number. Java caller.
+bool QorIsAnswered(uint32_t number);
 
 // Declares `pagebuf` the reply to the request last taken, and wakes its caller. Worker, and its fault
 // handler.
