@@ -139,21 +139,6 @@ struct HeldThreads : testing::Test {
     ~HeldThreads() override { UseHandler(nullptr); }
 };
 
-const sigset_t JUST_THE_SIGNAL = [] {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, HOLD_SIGNAL);
-    return set;
-}();
-
-void BlockSignal() {
-    sigprocmask(SIG_BLOCK, &JUST_THE_SIGNAL, nullptr);
-}
-
-void OpenSignal() {
-    sigprocmask(SIG_UNBLOCK, &JUST_THE_SIGNAL, nullptr);
-}
-
 } // namespace
 
 TEST_F(HeldThreads, TheHostsSignalsArriveOnceReleased) {
@@ -227,29 +212,6 @@ TEST_F(HeldThreads, AHoldEndsByItselfAndIsNotedAsSuch) {
     EXPECT_FALSE(QorStillHeld(hold));
     qor_resume_thread(second);
     EXPECT_TRUE(next.MovesOn());
-
-    // Nor is a signal of an earlier ask, come late, an answer to this one.
-    const auto ask_for_me = [me = OwnId()](QorHoldCase reason, bool resumes) {
-        std::thread([=] {
-            const QorHold ask = qor_suspend_thread(1, me, reason);
-            EXPECT_NE(ask, 0U);
-            if (resumes)
-                qor_resume_thread(ask);
-        }).join();
-    };
-    BlockSignal();
-    ask_for_me(HOLD_NULL_SP, true);
-    siginfo_t late = {};
-    const timespec no_time = {};
-    ASSERT_EQ(sigtimedwait(&JUST_THE_SIGNAL, &late, &no_time), HOLD_SIGNAL);
-    QorTendHolds(); // no longer pending, it doesn't count any more
-    ASSERT_TRUE(QorSlotsAllFree());
-    ask_for_me(HOLD_DUMP, false);
-    ucontext_t context = {};
-    sig_susp_handler(HOLD_SIGNAL, &late, &context);
-    EXPECT_FALSE(QorSlotsAllFree()) << "the ask is still open";
-    qor_resume_all_threads();
-    OpenSignal();
     EXPECT_TRUE(Settled());
     EXPECT_EQ(foreign, 0);
 }

@@ -60,25 +60,25 @@ TEST(RequestText, ArgumentsGoToTheirSlots) {
 }
 
 TEST(RequestText, FlagsKeepTheirMaskedValue) {
-    int32_t *const flags[] = {
-        &no_gc,         &sp_null_enable,  &poll_details,      &trace_single_thread_details,
-        &show_jsp_info, &get_system_data, &trace_all_threads, &copy_flags,
-        &no_locals};
-    const struct {
-        uint32_t word;
-        int32_t ibm, values[9], isPoll;
-    } rows[] = {
-        {4 + 16 + 256 + 2048, 0, {4, 0, 16, 0, 0, 0, 256, 2048, 0}, 1},
-        {512 + 128 + 64 + 32 + 8 + 3 + 8192, 0, {0, 8, 0, 32, 64, 128, 0, 0, 8192}, 0},
-        {8, 1, {}, 1}, // no threads are held on IBM JVMs
-    };
-    for (const auto &row : rows) {
-        const Restore ibm(gbIbmJvm, row.ibm);
-        QorUnpackFlags(row.word);
-        for (int i = 0; i < 9; i++)
-            EXPECT_EQ(*flags[i], row.values[i]) << row.word << " " << i;
-        EXPECT_EQ(qorIsPollOrTrace, row.isPoll) << row.word;
-    }
+    const std::pair<int32_t *, int32_t> flags[] = {{&no_gc, 4},
+                                                   {&sp_null_enable, 8},
+                                                   {&poll_details, 16},
+                                                   {&trace_single_thread_details, 32},
+                                                   {&show_jsp_info, 64},
+                                                   {&get_system_data, 128},
+                                                   {&trace_all_threads, 256},
+                                                   {&copy_flags, 2048},
+                                                   {&no_locals, 8192}};
+    for (const int32_t isIbm : {0, 1})
+        for (const auto &[set, bit] : flags) {
+            const Restore ibm(gbIbmJvm, isIbm);
+            QorUnpackFlags(static_cast<uint32_t>(bit) | 3);
+            for (const auto &[flag, own] : flags) // no threads are held on IBM JVMs
+                EXPECT_EQ(*flag, flag == set && !(isIbm && own == 8) ? own : 0) << bit << " " << own;
+            EXPECT_TRUE(qorIsPollOrTrace);
+        }
+    QorUnpackFlags(512);
+    EXPECT_FALSE(qorIsPollOrTrace);
 }
 
 TEST(RequestText, DumpFieldsGiveAPathAndAnId) {

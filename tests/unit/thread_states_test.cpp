@@ -53,11 +53,7 @@ TEST(ThreadStates, OfInstrumentedThreadsAreNeverIdle) {
 }
 
 TEST(ThreadStates, AreRefinedByTheirCalls) {
-    const struct {
-        int32_t state, index;
-        const char *className, *method;
-        int32_t refined;
-    } rows[] = {
+    const std::tuple<int32_t, int32_t, std::string, const char *, int32_t> rows[] = {
         {STATE_RUNNABLE, 0, "sun.nio.ch.EPoll", "wait", STATE_NETWORK_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.Pipe", "poll0Now", STATE_OBJECT_WAIT},
         {STATE_RUNNABLE, 0, "sun.nio.ch.Net", "accept", STATE_OBJECT_WAIT},
@@ -73,14 +69,14 @@ TEST(ThreadStates, AreRefinedByTheirCalls) {
         {STATE_OBJECT_WAIT, 2, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_RMI_WAIT},
         {STATE_OBJECT_WAIT, 3, "ferrule.rjvm.ResponseImpl", "waitForData", STATE_OBJECT_WAIT},
     };
-    for (const auto &row : rows) {
+    for (const auto &[state, index, className, method, refined] : rows) {
         tessar_thick_driver = 0;
         QorThreadRecord thread = {};
-        thread.state = row.state;
-        Refine(&thread, row.index, row.className, row.method);
-        EXPECT_EQ(thread.state, row.refined) << row.className << "." << row.method << " at " << row.index;
-        EXPECT_EQ(thread.enhancedState, row.refined == row.state ? 0 : row.refined);
-        EXPECT_EQ(tessar_thick_driver, std::string(row.className).find("zdi8") != std::string::npos);
+        thread.state = state;
+        Refine(&thread, index, className.c_str(), method);
+        EXPECT_EQ(thread.state, refined) << className << "." << method << " at " << index;
+        EXPECT_EQ(thread.enhancedState, refined == state ? 0 : refined);
+        EXPECT_EQ(tessar_thick_driver, className.find("zdi8") != std::string::npos);
     }
 }
 
