@@ -27,11 +27,12 @@ from tiers import OwnDriver, Tiers
 from top import Top
 from views import Memory, Views
 from virtual import Virtual
+from virtual_groups import VirtualGroups
 from web import Web
 
 __all__ = ["Containers", "Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life",
            "Memory", "Metrics", "OwnDriver", "Refusals", "Sample", "Tiers", "Top", "Users", "Views",
-           "Virtual", "Web"]
+           "Virtual", "VirtualGroups", "Web"]
 
 
 def main():

@@ -1,0 +1,77 @@
+import java.net.ServerSocket;
+import java.net.Socket;
+import java.util.concurrent.Executors;
+import java.util.concurrent.locks.LockSupport;
+import java.util.concurrent.locks.ReentrantLock;
+import tessar.jdbc.dbaccess.DBAccess;
+import tessar.jdbc.driver.TessarConnection;
+import tessar.jdbc.driver.TessarPreparedStatement;
+import tessar.net.ns.Communication;
+import tessar.net.nt.SilentServer;
+
+/** Two thousand virtual threads, none of them mounted, for JDK 21 and later. Ends with its input. */
+final class VirtualCrowd {
+    interface Work {
+        void run() throws Exception;
+    }
+
+    static Thread crowd(int count, Work work) {
+        Thread last = null;
+        for (int i = 0; i < count; i++)
+            last = Thread.startVirtualThread(() -> keepOn(work));
+        return last;
+    }
+
+    static void keepOn(Work work) {
+        try {
+            work.run();
+            park();
+        } catch (Exception e) {
+            e.printStackTrace();
+        }
+    }
+
+    static void park() {
+        while (true)
+            LockSupport.park();
+    }
+
+    static void sleeps() throws Exception { Thread.sleep(1L << 40); }
+
+    static void queryDatabase() throws Exception {
+        SilentServer server = new SilentServer();
+        TessarConnection connection = new TessarConnection(
+            "jdbc:orders", "shop", new DBAccess(Communication.connect("plain", server.port())));
+        new TessarPreparedStatement(connection, "select total from orders").executeQuery();
+    }
+
+    /** A structured scope, by the class under all of them. */
+    static void open(int count) throws Exception {
+        Class<?> type = Class.forName("jdk.internal.misc.ThreadFlock");
+        Object scope = type.getMethod("open", String.class).invoke(null, "crowd-scope");
+        for (int i = 0; i < count; i++)
+            type.getMethod("start", Thread.class)
+                .invoke(scope, Thread.ofVirtual().unstarted(VirtualCrowd::park));
+    }
+
+    public static void main(String[] args) throws Exception {
+        ReentrantLock lock = new ReentrantLock();
+        ServerSocket silent = new ServerSocket(0), accepts = new ServerSocket(0);
+        lock.lock();
+        crowd(1000, VirtualCrowd::park);
+        crowd(200, VirtualCrowd::sleeps);
+        crowd(100, lock::lock);
+        crowd(20, () -> new Socket("127.0.0.1", silent.getLocalPort()).getInputStream().read());
+        crowd(1, accepts::accept);
+        crowd(1, VirtualCrowd::queryDatabase);
+        crowd(1, () -> open(30));
+        open(5);
+        var executor = Executors.newVirtualThreadPerTaskExecutor();
+        for (int i = 0; i < 700; i++)
+            executor.execute(VirtualCrowd::park);
+        System.out.println("ready " + Thread.currentThread().threadId());
+        while (System.in.read() >= 0)
+            continue;
+        System.exit(0);
+    }
+}
