@@ -8,7 +8,7 @@ from harness import SETTINGS, Case, Program, wait_until
 from virtual import FIRST, Virtual, newest_jdk
 
 # Frames on top of an unmounted thread, and those of the JVM's own that the dump doesn't show.
-SCHEDULER = re.compile(r"java\.lang\.VirtualThread\.|\.parkVirtualThread|VirtualThreads\.park|LockSupport\.park")
+SCHEDULER = re.compile(r"java\.lang\.VirtualThread\.|\.parkVirtualThread|VirtualThreads\.|LockSupport\.park")
 HIDDEN = re.compile(r"\$\$Lambda|\.runWith$|\$VThreadContinuation|^jdk\.internal\.vm\.Continuation\.")
 CROWD = {  # a call in the stack: number, state
     "java.lang.Thread.sleep": (200, "Sleeping"),
