@@ -2,11 +2,14 @@
 
 #include "attach.h"
 #include "base/failure.h"
+#include "base/terminal.h"
 #include "base/transfer.h"
 #include "proof.h"
+#include "wire/request.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <set>
 
 namespace qorctl {
 
@@ -33,7 +36,30 @@ void DealWithDoubt(const Settings &settings, const Process &process, const Endpo
     told = true;
 }
 
+// An agent that was loaded by another qorctl may be of another version. Said once, as a series connects
+// again.
+void CompareVersions(const Settings &settings, pid_t pid, Connection *connection) {
+    static std::set<pid_t> asked;
+    if (!asked.insert(pid).second)
+        return;
+    const std::string answer = connection->Ask(VersionRequest(), Seconds(settings.timeout));
+    const std::string warning = VersionWarning(answer, QOR_VERSION);
+    if (!warning.empty())
+        fmt::print(stderr, "qorctl: {}\n", warning);
+}
+
 } // namespace
+
+std::string VersionWarning(std::string_view answer, std::string_view own) {
+    constexpr std::string_view KEY = "version=";
+    const bool known = answer.substr(0, KEY.size()) == KEY;
+    if (known && answer.substr(KEY.size()) == own)
+        return "";
+    return fmt::format(
+        "the agent is of {}, qorctl of version {}: answers may lack something or be misread; use the "
+        "qorctl of that version, or restart the JVM",
+        known ? "version " + Printable(answer.substr(KEY.size())) : "an older version", own);
+}
 
 Process RequireProcess(pid_t pid) {
     Process process;
@@ -93,7 +119,9 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
 Connection RequireAgent(const Settings &settings, const Process &process) {
     const Clock::time_point start = Clock::now();
     std::optional<Connection> connection = ConnectToRunning(settings, process, false);
-    if (!connection)
+    if (connection)
+        CompareVersions(settings, process.pid, &*connection);
+    else
         connection = LoadAndConnect(settings, process);
     if (connection) {
         connection->CountFrom(start);

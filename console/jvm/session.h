@@ -25,4 +25,7 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
 // The one or the other. What it took is part of the time in which the connection's first answer is due.
 Connection RequireAgent(const Settings &settings, const Process &process);
 
+// What is to be said of the agent's answer to VersionRequest; empty when it is of the version `own`.
+std::string VersionWarning(std::string_view answer, std::string_view own);
+
 } // namespace qorctl

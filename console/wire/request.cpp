@@ -161,6 +161,10 @@ std::string SessionsRequest(int port, std::string_view client_host, std::string_
     return fmt::format("{}|xtier01|{}|{}|{}", BaseFlags(false), port, client_host, processes);
 }
 
+std::string VersionRequest() {
+    return fmt::format("{}|NoProcessing|version", BaseFlags(false));
+}
+
 std::string SettingRequest(std::string_view key, std::string_view value) {
     return fmt::format("{}|NoProcessing|{}|{}", BaseFlags(false), key, value);
 }

@@ -63,6 +63,9 @@ std::string SessionsRequest(int port, std::string_view client_host, std::string_
 // Whether the last sample was left without the locals of its frames.
 std::string WalkStateRequest();
 
+// The agent's version.
+std::string VersionRequest();
+
 // A setting, "qorloglevel" and the like.
 std::string SettingRequest(std::string_view key, std::string_view value);
 

@@ -4,6 +4,7 @@ import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
 import java.net.URISyntaxException;
+import java.nio.file.FileSystemNotFoundException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
@@ -61,14 +62,33 @@ final class NativeLibrary {
     }
 
     private static void loadFromJar() {
+        String failures = unpack(RESOURCE, copy -> System.load(copy.toAbsolutePath().toString()));
+        if (failures != null)
+            throw new IllegalStateException("cannot load the library; name it with -D" + PATH_PROPERTY +
+                                            "=PATH (" + failures + ")");
+    }
+
+    /** What takes a file that is there for the time of the call; it throws where the file can't be executed. */
+    interface Use {
+        void accept(Path copy) throws IOException;
+    }
+
+    /**
+     * Copies a file of the jar's to a place where it can be executed, has it used and removes it.
+     *
+     * @return the reasons against each place when there is none, else null
+     * @throws IllegalStateException on another platform than the jar's
+     */
+    static String unpack(String resource, Use use) {
         String platform = System.getProperty("os.name") + " " + System.getProperty("os.arch");
         if (!platform.equals("Linux amd64"))
-            throw new IllegalStateException("there is no library for " + platform + ", only for Linux amd64");
+            throw new IllegalStateException("there is nothing in the jar for " + platform +
+                                            ", only for Linux amd64");
         StringBuilder failures = new StringBuilder();
         for (String place : places()) {
             try {
-                loadThrough(Paths.get(place));
-                return;
+                unpackTo(Paths.get(place), resource, use);
+                return null;
             } catch (IOException | UnsatisfiedLinkError e) {
                 failures.append(failures.length() == 0 ? "" : "; ")
                     .append("in ")
@@ -77,8 +97,7 @@ final class NativeLibrary {
                     .append(e);
             }
         }
-        throw new IllegalStateException("cannot load the library; name it with -D" + PATH_PROPERTY +
-                                        "=PATH (" + failures + ")");
+        return failures.toString();
     }
 
     private static Set<String> places() {
@@ -92,24 +111,30 @@ final class NativeLibrary {
     }
 
     private static String besideTheJar() {
-        CodeSource jar = NativeLibrary.class.getProtectionDomain().getCodeSource();
+        Path jar = jar();
+        return jar == null ? null : jar.getParent().toString();
+    }
+
+    /** The file that this class came from; null when it didn't come from one. */
+    static Path jar() {
+        CodeSource source = NativeLibrary.class.getProtectionDomain().getCodeSource();
         try {
-            return jar == null ? null : Paths.get(jar.getLocation().toURI()).getParent().toString();
-        } catch (URISyntaxException | IllegalArgumentException e) {
-            return null; // it didn't come from a file
+            return source == null ? null : Paths.get(source.getLocation().toURI()).toAbsolutePath();
+        } catch (URISyntaxException | IllegalArgumentException | FileSystemNotFoundException e) {
+            return null;
         }
     }
 
-    private static void loadThrough(Path place) throws IOException {
+    private static void unpackTo(Path place, String resource, Use use) throws IOException {
         Path dir = Files.createTempDirectory(place, "qoragent", OWNER_ONLY);
-        Path copy = dir.resolve("libqoragent.so");
-        try (InputStream in = NativeLibrary.class.getResourceAsStream(RESOURCE)) {
+        Path copy = dir.resolve(Paths.get(resource).getFileName().toString());
+        try (InputStream in = NativeLibrary.class.getResourceAsStream(resource)) {
             if (in == null)
-                throw new IOException("the jar holds no " + RESOURCE);
+                throw new IOException("the jar holds no " + resource);
             Files.copy(in, copy, StandardCopyOption.REPLACE_EXISTING);
-            System.load(copy.toAbsolutePath().toString());
+            use.accept(copy);
         } finally {
-            // What can't be removed is litter and no failure: the library may well be mapped by now.
+            // What can't be removed is litter and no failure: it may well be mapped by now.
             copy.toFile().delete();
             dir.toFile().delete();
         }

@@ -1,5 +1,6 @@
 """Attaching, shutting down, attaching again, what stays behind, and who may."""
 import glob
+import json
 import os
 import re
 import shutil
@@ -10,7 +11,7 @@ import sys
 import tempfile
 import unittest
 
-from harness import LIMIT, NOBODY, SETTINGS, Application, Case, leftovers, qorctl
+from harness import LIMIT, NOBODY, SETTINGS, Application, Case, in_root, leftovers, qorctl
 
 
 class Life(Case):
@@ -96,6 +97,24 @@ class Life(Case):
                 self.assertNotIn("qoragent: ", app.output())
         with Application("-Xrs") as app:
             self.assertTrue(self.threads(app))
+
+    def test_the_jar_alone_asks(self):
+        """And says what qorctl says."""
+        def jar(*words):
+            command = in_root([f"{SETTINGS.jdk}/bin/java", "-jar", SETTINGS.jar, *map(str, words)])
+            return subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False)
+        with Application() as app:
+            for view, *words in (("threads",), ("stack", "demo-lock-wanter"), ("locks",), ("heap",)):
+                own = json.loads(jar(app.pid, view, *words, "--json").stdout)
+                other = self.json(view, app.pid, *words)
+                self.assertEqual(own.keys(), other.keys())
+                if view == "stack":  # figures move, it doesn't
+                    self.assertEqual(own["threads"][0]["stack"], other["threads"][0]["stack"])
+            self.assertIn("demo-lock-holder", jar(app.pid, "threads").stdout)
+            version = self.answer("raw", app.pid, "521|NoProcessing|version").out
+            self.assertEqual(version, qorctl("--version").out.replace("qorctl ", "version="))
+        for code, *words in ((1, 999999999, "locks"), (2, "locks"), (2, app.pid, "nonsense")):
+            self.assertEqual(jar(*words).returncode, code)
 
     def test_a_refused_start_costs_the_application_a_line(self):
         for why, options, *flags in (

@@ -108,6 +108,10 @@ void ShowCollectors(char *) {
     QorShowCollectors(&reply);
 }
 
+void ShowVersion(char *) {
+    QOR_REPLY("version=%s", QOR_VERSION);
+}
+
 struct Key {
     const char *word;
     bool needsValue;
@@ -125,6 +129,7 @@ constexpr Key KEYS[] = {
     {"CZPRequest", false, ReapChildren},
     {"collectors", false, ShowCollectors},
     {"handquota", true, SetHandQuota},
+    {"version", false, ShowVersion},
     {"walkstate", false, ShowWalkState}, // milliseconds of the last walk for locals, -1 before the first
 };
 

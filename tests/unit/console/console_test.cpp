@@ -6,6 +6,7 @@
 #include "jvm/attach.h"
 #include "jvm/endpoint.h"
 #include "jvm/proof.h"
+#include "jvm/session.h"
 #include "show/json.h"
 #include "show/render.h"
 #include "wire.h"
@@ -51,6 +52,13 @@ TEST(Requests, RulesTravelWithCarriageReturns) {
         wide += "\U0001f697";
     for (const std::string &request : TierRequests(wide))
         EXPECT_NE(request[request.rfind('|') + 1] & 0xc0, 0x80) << "a character is cut";
+}
+
+TEST(Requests, AnotherVersionIsReported) {
+    EXPECT_EQ(VersionWarning("version=1.2.3", "1.2.3"), "");
+    for (const auto &[answer, said] :
+         {std::pair("version=1.2", "of version 1.2, "), {"NoProcessing: ...", "older"}})
+        EXPECT_NE(VersionWarning(answer, "1.2.3").find(said), std::string::npos) << answer;
 }
 
 TEST(Requests, RulesWithoutEffectAreReported) {
