@@ -2,10 +2,7 @@
 // usage: direct samples         200 threads at rest; answers each line of input with times of its samples
 //        direct holds SECONDS   the same crowd, two of its threads looping
 //        direct census GIB      objects of so many GiB, counted
-#include "heap.h"
-#include "natives.h"
 #include "scenes.h"
-#include "storm.h"
 
 #include "qorthreads/qorthreads.h"
 
@@ -23,7 +20,6 @@ namespace {
 constexpr int THREADS = 200, FRAMES = 50, LOOPING = 2, CALLS_A_TURN = 5;
 constexpr char SAMPLE[] = "793|showstack|32768", TIMING[] = "Time spent in JVM for processing request";
 
-JNIEnv *env;
 std::vector<double> arrivals, holds; // milliseconds
 int missed;
 int64_t heldSince;
@@ -64,15 +60,6 @@ extern "C" void __wrap__Z17qor_resume_threadm(QorHold hold) {
 
 namespace {
 
-std::string Ask(const char *request) {
-    jstring text = NewText(request), reply = Java_qoragent_Agent_dataFromNative(env, nullptr, text);
-    const std::string out = reply ? TextOf(reply) : "";
-    FreeText(text);
-    if (reply)
-        FreeText(reply);
-    return out;
-}
-
 struct Sample {
     double call, worker;
     size_t bytes;
@@ -84,19 +71,6 @@ Sample Take() {
     const double call = Msec(start);
     const size_t at = reply.find(TIMING);
     return {call, at == reply.npos ? 0 : atof(reply.c_str() + at + sizeof TIMING) / 1e3, reply.size()};
-}
-
-bool StartAgent() {
-    ThreadInfo *self = nullptr;
-    for (ThreadInfo *thread : vm.threads)
-        if (thread->kernelId == getpid())
-            self = thread;
-    env = EnvOf(self);
-    const SampleObjects of = NewSampleObjects(self);
-    return Java_qoragent_Agent_initvar(env, nullptr, 0, 2, 1, 60, 0, NewText("Sun Microsystems Inc."),
-                                       NewText(vm.options.version), NewText("Linux"), of.instance,
-                                       of.reference, of.objects, of.ints, nullptr, nullptr, NewText("stderr"),
-                                       NewText("bench"), 1, 0, 0, 0, 1000, 300) == 0;
 }
 
 double MedianOf(const std::vector<Sample> &samples, double Sample::*figure) {
@@ -199,7 +173,7 @@ void MeasureCensus(size_t bytes) {
     for (const char *word : {"", "ClassHistogramOnly"}) {
         std::vector<double> times;
         for (int i = 0; i < CALLS_A_TURN; i++) {
-            const std::string reply = Ask((std::string("1|showmem|512|") + word).c_str());
+            const std::string reply = Ask(std::string("1|showmem|512|") + word);
             const size_t timing = reply.find(TIMING);
             times.push_back(timing == reply.npos ? 0 : atof(reply.c_str() + timing + sizeof TIMING) / 1e3);
         }
@@ -218,12 +192,13 @@ int main(int count, char **words) {
     options.library = SIMVM_FOLDER "/server/libjvm.so";
     Boot(options);
     if (!census)
-        StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false, false, false, false});
+        StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false});
+    natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
     Script script = MainScript();
     EmitScript(&script);
     bool started = false;
     RunHere("main", &script, [&] {
-        started = StartAgent();
+        started = StartAgent({"", "bench", 1, 0, {1}}) == 0;
         if (started && census)
             MeasureCensus(size_t(seconds) << 30);
         else if (started && seconds)

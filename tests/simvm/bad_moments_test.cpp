@@ -68,24 +68,6 @@ void Busy(int milliseconds) {
     }
 }
 
-// As if it were Java code: without a frame anchor, in the state of threads that may be held.
-template <class BODY>
-void AsJava(BODY body) {
-    static thread_local Word self;
-    if (!self) {
-        const std::lock_guard<std::recursive_mutex> held(vm.lock);
-        for (const ThreadInfo *thread : vm.threads)
-            if (thread->kernelId == syscall(SYS_gettid))
-                self = thread->address;
-    }
-    Word &anchor = At(self, &JavaThread::anchorSp), sp = anchor;
-    anchor = 0;
-    __atomic_store_n(&At(self, &JavaThread::state), IN_JAVA, __ATOMIC_SEQ_CST);
-    body();
-    __atomic_store_n(&At(self, &JavaThread::state), IN_NATIVE, __ATOMIC_SEQ_CST);
-    anchor = sp;
-}
-
 void BusyAsJava(int milliseconds) {
     AsJava([=] { Busy(milliseconds); });
 }

@@ -1,5 +1,5 @@
 // The figures of a heap, from its description.
-#include "heap.h"
+#include "simvm.h"
 
 #include <algorithm>
 #include <sstream>
@@ -50,22 +50,14 @@ void PutCounts(std::ostream &out, const char *name, const MAP &counts) {
 } // namespace
 
 std::unordered_map<Word, char> KindLetters() {
-    const VtableKind KINDS[] = {VT_SYMBOL,
-                                VT_METHOD,
-                                VT_CONST_METHOD,
-                                VT_POOL,
-                                VT_POOL_CACHE,
-                                VT_IC_HOLDER,
-                                VT_METHOD_DATA,
-                                VT_KLASS_KLASS,
-                                VT_INSTANCE_KLASS_KLASS,
-                                VT_ARRAY_KLASS_KLASS,
-                                VT_OBJ_ARRAY_KLASS_KLASS,
-                                VT_TYPE_ARRAY_KLASS_KLASS};
-    const char LETTERS[] = "12F34*HABCDE"; // of these
+    using Kind = std::pair<VtableKind, char>;
     std::unordered_map<Word, char> letters;
-    for (size_t i = 0; i < std::size(KINDS); i++)
-        letters[vm.kindKlass[KINDS[i]]] = LETTERS[i];
+    for (auto [kind, letter] :
+         {Kind(VT_SYMBOL, '1'), Kind(VT_METHOD, '2'), Kind(VT_CONST_METHOD, 'F'), Kind(VT_POOL, '3'),
+          Kind(VT_POOL_CACHE, '4'), Kind(VT_IC_HOLDER, '*'), Kind(VT_METHOD_DATA, 'H'),
+          Kind(VT_KLASS_KLASS, 'A'), Kind(VT_INSTANCE_KLASS_KLASS, 'B'), Kind(VT_ARRAY_KLASS_KLASS, 'C'),
+          Kind(VT_OBJ_ARRAY_KLASS_KLASS, 'D'), Kind(VT_TYPE_ARRAY_KLASS_KLASS, 'E')})
+        letters[vm.kindKlass[kind]] = letter;
     for (const auto &[name, type] : vm.classes)
         letters[type.klass] = name[0] == '[' ? '[' : '8';
     return letters;
@@ -74,34 +66,18 @@ std::unordered_map<Word, char> KindLetters() {
 Census CensusOf(const HeapSpace &space) {
     std::lock_guard<std::recursive_mutex> held(vm.lock);
     const std::unordered_map<Word, char> letters = KindLetters();
-    std::unordered_map<Word, Count *> classes;
+    std::unordered_map<Word, const std::string *> names;
     Census census;
     for (const auto &[name, type] : vm.classes)
-        classes[type.klass] = &census.classes[name];
-    Word afterSkipped = 0;
-    for (Word at = space.bottom, bytes; at < space.top; at += bytes) {
-        auto gap = vm.gaps.find(at);
-        bytes = 8 * Word(SizeAt(space, at));
-        if (bytes) {
-            Word klass = As<Oop>(at).klass;
+        names[type.klass] = &name;
+    for (Word at = space.bottom; at < space.top; at += 8)
+        if (const int64_t bytes = 8 * WordsOf(at)) {
+            const Word klass = As<Oop>(at).klass;
             Add(&census.all, bytes);
             Add(&census.types[letters.at(klass)], bytes);
-            if (auto type = classes.find(klass); type != classes.end())
-                Add(type->second, bytes);
-            continue;
+            if (const auto name = names.find(klass); name != names.end())
+                Add(&census.classes[*name->second], bytes);
         }
-        bytes = gap == vm.gaps.end() ? 8 : gap->second.bytes;
-        if (gap != vm.gaps.end() && gap->second.chunk)
-            continue;
-        // The last word of a space with free lists is never looked at.
-        Word end = HasFreeLists(space) ? std::min(at + bytes, space.end - 8) : at + bytes;
-        if (at < end)
-            census.skippedRuns += at != afterSkipped;
-        census.skippedBytes += at < end ? end - at : 0;
-        afterSkipped = at + bytes;
-    }
-    for (auto at = census.classes.begin(); at != census.classes.end();)
-        at = at->second.objects ? std::next(at) : census.classes.erase(at);
     return census;
 }
 

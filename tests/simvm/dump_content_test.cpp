@@ -1,6 +1,6 @@
 // A dump holds exactly what the description has, at the moment in which its threads were held: each object
 // with its class, size and references, each root.
-#include "heap.h"
+#include "simvm.h"
 #include "truth.h"
 #include "with_scene.h"
 
@@ -8,11 +8,7 @@ using namespace simvm;
 
 namespace {
 
-struct Case {
-    Collector collector;
-    ChainEnd end;
-};
-class DumpContent : public testing::TestWithParam<Case> {};
+class DumpContent : public testing::TestWithParam<std::pair<const char *, ChainEnd>> {};
 
 // On a busy machine a thread that runs doesn't always stop in time; a dump then lacks its frames.
 bool LacksFrames(const std::vector<std::string> &differences) {
@@ -45,62 +41,55 @@ HeapDump ExpectTruth(const DumpFolder &folder, const std::vector<Runner *> &runn
     return dump;
 }
 
-// A thread that stores references all the time, from the first word of an array to its last and again.
-struct Writer {
-    static constexpr int32_t WORDS = 1 << 16;
-    Object *array = NewArray("[Ljava/lang/Object;", WORDS, 'O');
-    std::vector<Word> targets;
-    Script script;
-    Runner *runner;
+// Stores references all the time, as Java code, from the first word of an array to its last and again.
+constexpr int32_t WORDS = 1 << 16;
+std::atomic<int64_t> laps;
+std::atomic<bool> over;
+void Write(Word *words, const std::vector<Word> &targets) {
+    for (; !over; laps++)
+        for (int32_t i = 0; i < WORDS; i++)
+            __atomic_store_n(&words[i], targets[laps % targets.size()], __ATOMIC_RELAXED);
+}
 
-    Writer() {
-        array->type = nullptr; // nobody can say what is in it
-        for (int i = 0; i < 8; i++)
-            targets.push_back(NewObject("java/lang/Object", 'O')->address);
-        const Scope run = {DefineMethod("shop/Writer", "run", "()V", {{0, 1}}, METHOD_STATIC), 8},
-                    write = {DefineMethod("shop/Writer", "write", "()V", {{0, 9}}, METHOD_STATIC), 8};
-        const Word code = EmitWriter(array->address + sizeof(JavaArray), WORDS, targets);
-        script = {{{FrameKind::INTERPRETED, {run}}, {FrameKind::COMPILED, {write}, false, code}}, Rest::SPIN};
-        EmitScript(&script);
-        runner = Start("writer", &script);
-        while (__atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED) < WORDS)
-            usleep(1000);
-    }
-
-    // A dump's array is of one moment: the first so many words have a target, all others the one before it.
-    void ExpectMoment(const HeapDump &dump) const {
-        const std::vector<std::string> &elements = dump.objects.at(array->address).references;
-        ASSERT_EQ(elements.size(), size_t{WORDS});
-        auto number = [&](const std::string &element) {
-            return std::find(targets.begin(), targets.end(), strtoull(element.c_str() + 2, nullptr, 16)) -
-                   targets.begin();
-        };
-        const auto split = std::find_if(elements.begin(), elements.end(), [&](const std::string &element) {
-            return element != elements.front();
-        });
-        EXPECT_EQ(std::count(split, elements.end(), elements.back()), elements.end() - split);
-        EXPECT_TRUE(split == elements.end() || number(elements.front()) == (number(*split) + 1) % 8);
-    }
-};
+// A dump's array is of one moment: the first so many words have a target, all others the one before it.
+void ExpectMoment(const std::vector<std::string> &elements, const std::vector<Word> &targets) {
+    ASSERT_EQ(elements.size(), size_t{WORDS});
+    const auto number = [&](const std::string &element) {
+        const auto at = std::find(targets.begin(), targets.end(), strtoull(element.c_str() + 2, nullptr, 16));
+        return size_t(at - targets.begin());
+    };
+    const auto split = std::find_if(elements.begin(), elements.end(),
+                                    [&](const std::string &element) { return element != elements[0]; });
+    EXPECT_EQ(std::count(split, elements.end(), elements.back()), elements.end() - split);
+    EXPECT_TRUE(split == elements.end() || number(elements[0]) == (number(*split) + 1) % targets.size());
+}
 
 } // namespace
 
 TEST_P(DumpContent, EqualsTheDescription) {
-    Options options;
-    options.collector = GetParam().collector;
-    WithScene("shop", options, [](Scene &scene) {
+    WithScene("shop", On(GetParam().first), [](Scene &scene) {
         const DumpFolder folder;
-        StageRoots(scene.runners.front()->info, GetParam().end);
-        const Writer writer;
+        StageRoots(scene.runners.front()->info, GetParam().second);
+        Object *array = NewArray("[Ljava/lang/Object;", WORDS, 'O');
+        array->type = nullptr; // nobody can say what is in it
+        std::vector<Word> targets;
+        while (targets.size() < 8)
+            targets.push_back(NewObject("java/lang/Object", 'O')->address);
+        Script script = MainScript();
+        EmitScript(&script);
+        Runner *writer = Start("writer", &script, [&] {
+            AsJava([&] { Write(&As<Word>(array->address + sizeof(JavaArray)), targets); });
+        });
+        while (laps == 0)
+            usleep(1000);
         FillHeap(TRICKY_HEAP, 1);
-        std::vector<Runner *> runners = scene.runners;
-        runners.push_back(writer.runner);
-        writer.ExpectMoment(ExpectTruth(folder, runners));
-        Leave(writer.runner);
+        ExpectMoment(ExpectTruth(folder, scene.runners).objects.at(array->address).references, targets);
+        over = true;
+        Leave(writer);
     });
 }
 
 INSTANTIATE_TEST_SUITE_P(Simvm, DumpContent,
-                         testing::Values(Case{Collector::SERIAL, ChainEnd::NONE},
-                                         Case{Collector::PARALLEL, ChainEnd::CYCLE},
-                                         Case{Collector::CONCURRENT, ChainEnd::WILD}));
+                         testing::Values(std::pair("22", ChainEnd::NONE),
+                                         std::pair("22 parallel", ChainEnd::CYCLE),
+                                         std::pair("22 cms", ChainEnd::WILD)));

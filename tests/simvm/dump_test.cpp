@@ -1,6 +1,6 @@
 // Heap dumps of the simulated VM, made by a copy of the process while all threads in Java code are held.
-#include "poll.h"
-#include "storm.h"
+#include "scenes.h"
+#include "with_scene.h"
 
 #include "platforms/forked_child.h"
 #include "qorrequest.h"

@@ -1,5 +1,5 @@
 // What Java adds to a sample of the simulated VM: on the caller's thread, thread by thread.
-#include "jni_table.h"
+#include "simvm.h"
 #include "with_scene.h"
 
 #include <cstring>
@@ -12,13 +12,6 @@ constexpr char SYSTEM[] = "JVM Load\x1e"
                           "42\x1f";
 constexpr char TIMING[] = "Time spent in JVM for processing request\x1e";
 
-const ThreadInfo *ThreadOf(const Object *object) {
-    for (const ThreadInfo *thread : vm.threads)
-        if (thread->object == object)
-            return thread;
-    return nullptr;
-}
-
 std::string ShownName(const ThreadInfo &thread) {
     std::string name = thread.name;
     std::replace(name.begin(), name.end(), '|', ' ');
@@ -30,23 +23,21 @@ bool silent;
 std::string Answer(const JavaCall &call) {
     std::string text = call.withSystem ? SYSTEM : "";
     for (int i = 0; i < call.count && !silent; i++)
-        text += "\x1d"
-                "who=" +
-                ShownName(*ThreadOf(call.threads[i])) + "\x1d" + call.texts[10 * i] + "\x1e";
+        for (const ThreadInfo *thread : vm.threads)
+            if (thread->object == call.threads[i])
+                text += '\x1d' + ("who=" + ShownName(*thread)) + '\x1d' + call.texts[10 * i] + '\x1e';
     return text;
 }
 
 // What each thread's part of the reply says of it: by name, what Java added.
-std::map<std::string, std::string> Added(const std::string &reply, char end, size_t name) {
+std::map<std::string, std::string> Added(const std::string &reply, char end) {
     std::map<std::string, std::string> added;
     for (const std::string &part : Split(reply.substr(0, reply.find(TIMING)), end)) {
-        const std::vector<std::string> fields = Split(part, 29);
-        const size_t who = part.find("\x1d"
-                                     "who=");
-        const std::string first = fields.empty() ? "" : fields[0];
-        const size_t marker = first.rfind(30) + 1;
-        if (first.substr(marker) == "user" || first.substr(marker) == "sys")
-            added[fields[name]] = who == std::string::npos ? "" : Split(part.substr(who + 5), 29)[0];
+        const std::vector<std::string> fields = Split(part.substr(part.rfind(30, part.find(29)) + 1), 29);
+        const auto who =
+            std::find_if(fields.begin(), fields.end(), [](auto &one) { return one.find("who=") == 0; });
+        if (fields.size() > 1 && (fields[0] == "user" || fields[0] == "sys"))
+            added[fields[1]] = who == fields.end() ? "" : who->substr(4);
     }
     return added;
 }
@@ -74,12 +65,12 @@ std::string AskForAll(const std::string &request) {
 void ExpectJavasPart(const std::string &without = "") {
     for (const std::string request : {"showstack|8192", "showstack|128"}) {
         const std::string reply = AskForAll("777|" + request);
-        ExpectEachItsOwn(Added(reply.substr(reply.find(30) + 1), 30, 1), without);
+        ExpectEachItsOwn(Added(reply.substr(reply.find(30) + 1), 30), without);
         EXPECT_EQ(Split(reply, 31).back().find(TIMING), 0u) << reply;
     }
-    ExpectEachItsOwn(Added(AskForAll("793|showstack|32768"), 31, 1), without);
+    ExpectEachItsOwn(Added(AskForAll("793|showstack|32768"), 31), without);
     const std::string reply = AskForAll("905|showstack|8192");
-    ExpectEachItsOwn(Added(reply.substr(reply.find(30) + 1, reply.find(SYSTEM) - reply.find(30) - 1), 30, 1),
+    ExpectEachItsOwn(Added(reply.substr(reply.find(30) + 1, reply.find(SYSTEM) - reply.find(30) - 1), 30),
                      without);
     EXPECT_EQ(reply.find(SYSTEM) + strlen(SYSTEM), reply.find(TIMING)) << reply;
 }

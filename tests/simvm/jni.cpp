@@ -1,7 +1,7 @@
 // JNI as the direct road may use it: what start-up, replies and the agent's Java side need, as Java code on
 // the caller's thread has it. Each other slot ends the process with its number, as nothing is to be asked of
 // the VM; so does a call on another thread than the environment's. Texts and arrays are kept beside the heap.
-#include "jni_table.h"
+#include "simvm.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -1,5 +1,5 @@
 // Where a frame's receiver, arguments and locals are, by the interpreter's rules and by the compiler's.
-#include "emit.h"
+#include "code.h"
 
 #include <set>
 

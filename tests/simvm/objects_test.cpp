@@ -1,7 +1,5 @@
 // Objects and the locals of frames as the agent reads and shows them.
-#include "poll.h"
-#include "stage.h"
-#include "storm.h"
+#include "scenes.h"
 #include "with_scene.h"
 
 #include "qorutil/vm_klass.h"
@@ -181,12 +179,12 @@ size_t ExpectViews(const Object *start) {
     return seen.size();
 }
 
-class DirectObjects : public testing::TestWithParam<int> {};
+class DirectObjects : public testing::TestWithParam<const char *> {};
 
 } // namespace
 
 TEST_P(DirectObjects, AreShownAndClickedFieldByField) {
-    WithScene("readers", BuildOf(GetParam()), [](Scene &scene) {
+    WithScene("readers", On(GetParam()), [](Scene &scene) {
         const auto shown = AllShown();
         for (int turn = 0; turn < 2; turn++, Collect())
             for (const auto &[name, object] : scene.named) {
@@ -219,7 +217,7 @@ TEST_P(DirectObjects, AreShownAndClickedFieldByField) {
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Simvm, DirectObjects, testing::Range(0, 3));
+INSTANTIATE_TEST_SUITE_P(Simvm, DirectObjects, testing::ValuesIn(BUILDS));
 
 // What is shown is the object or one of the refusals, among objects that move.
 TEST(MovingObjects, AreShownWholeOrNotAtAll) {

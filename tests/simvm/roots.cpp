@@ -1,6 +1,6 @@
-#include "roots.h"
-#include "heap.h"
-#include "layout_roots.h"
+#include "layout.h"
+#include "scenes.h"
+#include "simvm.h"
 
 #include <sstream>
 

@@ -1,6 +1,5 @@
-#include "runner.h"
-#include "heap.h"
-#include "roots.h"
+#include "scenes.h"
+#include "simvm.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,14 +21,6 @@ thread_local Runner *current;
 std::vector<Runner *> runners; // under safepointLock
 std::mutex safepointLock;
 std::condition_variable safepointOver;
-
-// Its states, of a thread that rests so.
-std::pair<ThreadState, OsState> StatesOf(Rest rest) {
-    const std::map<Rest, OsState> BLOCKS = {
-        {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
-    const auto found = BLOCKS.find(rest);
-    return found == BLOCKS.end() ? std::pair(IN_NATIVE, OS_RUNNABLE) : std::pair(BLOCKED, found->second);
-}
 
 // From C back into Java code; not while a collection runs.
 void BackToJava(Runner *runner) {
@@ -46,34 +38,25 @@ void OutOfJava(Runner *runner) {
     runner->inJava = false;
 }
 
-bool HasToLeave(Runner *runner) {
-    return __atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE);
-}
-
 void WaitAtRest(Runner *runner) {
     char byte;
-    timespec slice = {0, 20'000'000};
-    switch (runner->script->rest) {
-    case Rest::PIPE:
-        while (!HasToLeave(runner) && read(runner->pipe[0], &byte, 1) < 0 && errno == EINTR)
-            ;
-        break;
-    case Rest::ACCEPT:
-        while (!HasToLeave(runner) && accept4(runner->listener, nullptr, nullptr, SOCK_CLOEXEC) < 0 &&
-               errno == EINTR)
-            ;
-        break;
-    case Rest::SLEEP:
-        while (!HasToLeave(runner))
+    const timespec slice = {0, 20'000'000};
+    if (runner->script->rest == Rest::CALL)
+        return runner->call();
+    for (bool rests = true; rests && !__atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE);)
+        switch (runner->script->rest) {
+        case Rest::PIPE:
+            rests = read(runner->pipe[0], &byte, 1) < 0 && errno == EINTR;
+            break;
+        case Rest::ACCEPT:
+            rests = accept4(runner->listener, nullptr, nullptr, SOCK_CLOEXEC) < 0 && errno == EINTR;
+            break;
+        case Rest::SLEEP:
             nanosleep(&slice, nullptr);
-        break;
-    case Rest::CALL:
-        runner->call();
-        break;
-    default:
-        while (!HasToLeave(runner))
+            break;
+        default:
             syscall(SYS_futex, &runner->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
-    }
+        }
 }
 
 // Through the call stub, with the anchor in force kept in the wrapper meanwhile.
@@ -119,19 +102,6 @@ void RunScript(Runner *runner) {
     runners.erase(std::find(runners.begin(), runners.end(), runner));
 }
 
-void *ThreadMain(void *runner) {
-    RunScript(static_cast<Runner *>(runner));
-    return nullptr;
-}
-
-void OpenRest(Runner *runner) {
-    int32_t port;
-    if (runner->script->rest == Rest::PIPE && pipe2(runner->pipe, O_CLOEXEC))
-        Fail("no pipe");
-    if (runner->script->rest == Rest::ACCEPT)
-        runner->listener = ListeningSocket(&port);
-}
-
 // ---- the collector
 // -----------------------------------------------------------------------------------------
 
@@ -149,7 +119,7 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
     for (auto &[name, type] : vm.classes)
         Redirect(type.klass + sizeof(Klass), type.klass + 8 * WordsOf(type.klass), moved);
     for (ThreadInfo *thread : vm.threads) {
-        Redirect(thread->address, thread->address + sizeof(JavaThread) + vm.options.moved, moved);
+        Redirect(thread->address, thread->address + sizeof(JavaThread), moved);
         Redirect(thread->handles, thread->handles + sizeof(HandleBlock), moved);
     }
     for (auto &[low, end] : OopTables())
@@ -159,7 +129,6 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
 }
 
 void Empty(HeapSpace *space) {
-    vm.gaps.erase(vm.gaps.lower_bound(space->bottom), vm.gaps.lower_bound(space->end));
     memset(&As<char>(space->sizes), 0, (space->top - space->bottom) / 2);
     memset(&As<char>(space->bottom), POISON, space->top - space->bottom);
     SetTop(space, space->bottom);
@@ -222,9 +191,11 @@ void MoveKlass(Class *type) {
 extern "C" void SimvmRest(Word thread, Script *script) {
     Runner *runner = current;
     OutOfJava(runner);
-    const auto [state, osState] = StatesOf(script->rest);
-    At(runner->info->osThread, &OSThread::state) = osState;
-    At(thread, &JavaThread::state) = state;
+    const std::map<Rest, OsState> blocks = {
+        {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
+    const auto found = blocks.find(script->rest);
+    At(runner->info->osThread, &OSThread::state) = found == blocks.end() ? OS_RUNNABLE : found->second;
+    At(thread, &JavaThread::state) = found == blocks.end() ? IN_NATIVE : BLOCKED;
     runner->resting = 1;
     WaitAtRest(runner);
     At(runner->info->osThread, &OSThread::state) = OS_RUNNABLE;
@@ -246,9 +217,12 @@ extern "C" void SimvmSafepoint(Word thread) {
 Runner *Start(const std::string &name, Script *script, std::function<void()> call,
               std::function<void()> first) {
     auto *runner = new Runner{NewThread(name), script, {}, std::move(call), std::move(first), {}};
-    OpenRest(runner);
-    if (pthread_create(&runner->pthread, nullptr, ThreadMain, runner))
-        Fail("no thread");
+    int32_t port;
+    if (script->rest == Rest::PIPE && pipe2(runner->pipe, O_CLOEXEC))
+        Fail("no pipe");
+    if (script->rest == Rest::ACCEPT)
+        runner->listener = ListeningSocket(&port);
+    runner->thread = std::thread(RunScript, runner);
     while (!runner->resting)
         usleep(200);
     return runner;
@@ -261,7 +235,7 @@ void Leave(Runner *runner) {
         shutdown(runner->listener, SHUT_RDWR);
     if (runner->pipe[1] >= 0 && write(runner->pipe[1], "", 1) != 1)
         Fail("no write to a pipe");
-    pthread_join(runner->pthread, nullptr);
+    runner->thread.join();
     for (int32_t descriptor : {runner->pipe[0], runner->pipe[1], runner->listener})
         if (descriptor >= 0)
             close(descriptor);
@@ -270,7 +244,7 @@ void Leave(Runner *runner) {
 }
 
 void RunHere(const std::string &name, Script *script, std::function<void()> call) {
-    Runner runner{NewThread(name), script, {}, std::move(call), {}, pthread_self()};
+    Runner runner{NewThread(name), script, {}, std::move(call), {}, {}};
     RunScript(&runner);
     FreeThread(runner.info);
 }

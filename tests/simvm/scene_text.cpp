@@ -1,4 +1,4 @@
-#include "stage.h"
+#include "scenes.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,7 @@
-// Threads that serve web requests and remote calls, wait for answers of them, or run a framework's objects.
-// A fact, and the state "RMI Wait", holds when the agent was started for that thread's server; "" is any.
-#include "stage.h"
+// Threads that serve web requests and remote calls, wait for answers of them, or run a framework's objects;
+// then the application servers' objects that know the port. A fact is a column of the thread's row, "|"
+// between its fields, and holds when the agent was started for that thread's server; "" is any.
+#include "scenes.h"
 
 namespace simvm {
 
@@ -8,29 +9,26 @@ namespace {
 
 // Frames that a thread works for, which reads a file at the time; and those of one that waits for another
 // server's answer. The peer's address has its top bit set: the field is negative.
-const char COMMON[] = R"(
+const char TIERS[] = R"(
 let WORKS PIPE "IO Wait" run shop/Worker
 let READS c shop/Servlet.doGet:18 @ ; n java/io/FileInputStream.readBytes
 let WAITS WAIT "RMI Wait" run shop/Worker
 let WAITING n java/lang/Object.wait @
 let PEER java/net/InetAddress{hostName="peer" address=-1062731513}
-let KNOWN rmi port=7001; rmi address=192.168.1.7
-let CALLED client port=7001; client address=192.168.1.7
-)";
+let KNOWN 7001|192.168.1.7
 
-const char FRAMEWORK[] = R"(
 let KVO tessar/kvo/server
 let QRF tessar/qrfinternal
 let SITES org/codehaus/groovy/runtime/callsite
 class $KVO/ViewRowImpl
 thread entity: $WORKS ; c $KVO/EntityImpl.doDML:71 @{mEbi=$KVO/EntityDefImpl{mObjName="Orders"}} ; $READS
-  | server=; Entity_Object=Orders
+  | server=; object=Entity_Object->Orders|EntityImpl.java|^
 thread view: $WORKS ; i $KVO/ViewObjectImpl.getQueryHitCount:72 @{mViewDef=$KVO/ViewDefImpl{
-  mObjName="OrdersView"}} ; $READS | server=; View_Object=OrdersView
+  mObjName="OrdersView"}} ; $READS | server=; object=View_Object->OrdersView|EntityImpl.java|^
 thread attribute: $WORKS ; i $KVO/ViewRowImpl.setAttribute(I)V:73 @ %1
-  %$KVO/ViewAttributeDefImpl{mDef=$KVO/RowDef{mObjName="OrdersRow"}} ; $READS | server=; View_Object=OrdersRow
+  %$KVO/ViewAttributeDefImpl{mDef=$KVO/RowDef{mObjName="OrdersRow"}} ; $READS | server=; object=View_Object->OrdersRow|EntityImpl.java|^
 thread expression: $WORKS ; c com/sun/el/ValueExpressionImpl.getValue:74 @{expr="#{cart.total}"} ; $READS
-  | server=; EL_Exp=#{cart.total}
+  | server=; object=EL_Exp->#{cart.total}|^|^
 
 class $SITES/CallSiteArray array,[L$SITES/CallSite;
 class $SITES/AbstractCallSite index,I name,Ljava/lang/String; array,L$SITES/CallSiteArray;
@@ -38,18 +36,16 @@ sites = $SITES/CallSiteArray
 second = $SITES/AbstractCallSite{index=1 name="charge" array=sites}
 set sites.array = [L$SITES/CallSite;($SITES/AbstractCallSite{index=0 name="total" array=sites} second null)
 thread script: $WORKS ; i tessar/kvo/ExprEval.evaluate:75 @{mExprStr=lines} ;
-  c shop/Script.run:76 > $SITES/AbstractCallSite.callCurrent:77 @second ; $READS | server=; Groovy_Script=3
+  c shop/Script.run:76 > $SITES/AbstractCallSite.callCurrent:77 @second ; $READS | server=; object=Groovy_Script->charge|^|3
 
 thread page: $WORKS ; i $QRF/controller/engine/ControlFlowEngine.performControlFlow:78 @ %2
   %$QRF/controller/state/ChildViewPortContextImpl{
   mParent=$QRF/controller/state/ViewPortContextImpl{mCachedPhysicalUri="/pages/cart.jspx"}} ; $READS
-  | server=; jspx=/pages/cart.jspx
+  | server=; url=/pages/cart.jspx
 thread filter: $WORKS ; i $QRF/view/faces/activedata/AdsFilter.doFilter:79 @
   %ferrule/servlet/internal/RequestEventsFilter$EventsRequestWrapper{request,Ljavax/servlet/ServletRequest;=
-  shop/WrappedRequest{servletPath="/pages/order.jspx"}} ; $READS | server=; jspx=/pages/order.jspx
-)";
+  shop/WrappedRequest{servletPath="/pages/order.jspx"}} ; $READS | server=; url=/pages/order.jspx
 
-const char FERRULE[] = R"(
 let RMI ferrule/rmi
 let RJVM ferrule/rjvm
 rjvm = $RJVM/RJVMImpl{remoteChannel,L$RMI/spi/Channel;=$RJVM/ChannelImpl{port=7001
@@ -58,12 +54,12 @@ rjvm = $RJVM/RJVMImpl{remoteChannel,L$RMI/spi/Channel;=$RJVM/ChannelImpl{port=70
 class $RJVM/ResponseImpl id,I rjvm,L$RJVM/RJVM;
 thread caller: $WAITS ; c $RMI/cluster/ClusterableRemoteRef.invoke:81 @{replicaHandler,L$RMI/cluster/ReplicaHandler;=
   $RMI/cluster/BasicReplicaHandler{jndiName="shop.Pricing"}} > $RJVM/ResponseImpl.waitForData:82
-  @{id=4242 rjvm=rjvm} ; $WAITING | server=Ferrule; rmi id=4242; jndi=shop.Pricing; $KNOWN
+  @{id=4242 rjvm=rjvm} ; $WAITING | server=Ferrule; wait=4242|$KNOWN|shop.Pricing
 thread caller without name: $WAITS ; i $RJVM/ResponseImpl.waitForData:82 @{id=4243 rjvm=rjvm} ; $WAITING
-  | server=Ferrule; rmi id=4243; jndi=NA; $KNOWN
+  | server=Ferrule; wait=4243|$KNOWN|NA
 thread callee: $WORKS ; c $RMI/internal/frl/FRLExecuteRequest.run:83 @{request,L$RMI/spi/InboundRequest;=
   $RMI/internal/ServerRequest{responseId=4244 connectionManager=$RJVM/ConnectionManager{
-  thisRJVM,L$RJVM/RJVM;=rjvm}}} ; $READS | server=Ferrule; serves id=4244; $CALLED
+  thisRJVM,L$RJVM/RJVM;=rjvm}}} ; $READS | server=Ferrule; serves=4244; caller=$KNOWN
 
 let WEB ferrule/servlet/internal
 let FROM connection=$WEB/VirtualConnection{remoteAddr="10.0.0.5"}
@@ -71,23 +67,19 @@ thread ferrule run: $WORKS ; c $WEB/ServletRequestImpl.run:91 @{originalURI="/fe
   servletPath="/ferrule/run" $FROM} ; $READS | server=Ferrule; url=/ferrule/run; client=10.0.0.5
 thread ferrule execute: $WORKS ; c $WEB/ServletRequestImpl.execute:91 @{originalURI="/ferrule/execute"
   servletPath="/ferrule/execute" $FROM} ; $READS | server=Ferrule; url=/ferrule/execute; client=10.0.0.5
-)";
 
-const char HALCYON[] = R"(
 let QVS com/halcyon/server
 let CALL L$QVS/rmi/RmiCall;
 call = $QVS/rmi/RmiCall{id=5151 name="price" clazz="shop.Pricing"}
 connection = $QVS/rmi/RMIClientConnection{m_transport=$QVS/rmi/Transport{m_port=7001 m_address=$PEER}}
 thread client: $WAITS ; i $QVS/rmi/RMIClientConnection.obtainRemoteMethodResponse(I$CALL)V:84 @connection %9 %call ;
   i $QVS/rmi/RMIClientConnection.waitForResponseFromServer($CALL)V:85 @connection %call ; $WAITING
-  | server=QVS; rmi id=5151; ejb=shop.Pricing->price; $KNOWN
+  | server=QVS; wait=5151|$KNOWN|NA; ejb=shop.Pricing->price
 thread served: $WORKS ; c $QVS/rmi/RmiMethodCall.run:86 @{m_callId=5152 m_addressContainer=
   com/halcyon/net/AddressContainer{socket=java/net/Socket{impl=java/net/SocketImpl{address=$PEER port=7002
-  localport=23791}}}} ; $READS | server=QVS; serves id=5152; client port=7002; client address=192.168.1.7
-)";
+  localport=23791}}}} ; $READS | server=QVS; serves=5152; caller=7002|192.168.1.7
 
-// The servlet's frame with the server's request as its first argument.
-const char REQUESTS[] = R"(
+# The servlet's frame with the server's request as its first argument.
 let SERVES $WORKS ; i javax/servlet/http/HttpServlet.service(Ljavax/servlet/ServletRequest;)V:90 @
 thread qvs: $SERVES %com/halcyon/server/http/PlainRequest{m_unparsedURI="/qvs/text"} ; $READS
   | server=QVS; url=/qvs/text
@@ -121,8 +113,100 @@ void StageTiers(Scene *scene) {
     for (char one : std::string("/qvs/bytes"))
         bytes.push_back(one);
     text.Name("bytes", NewElements("[B", bytes));
-    for (const char *lines : {COMMON, FRAMEWORK, FERRULE, HALCYON, REQUESTS})
+    text.Read(TIERS);
+}
+
+// The application servers' objects that know the port, each on a socket that listens. Where a server keeps
+// them in several ways, the scenes differ: each has one way that leads there.
+
+namespace {
+
+const char CLASSES[] = R"(
+let QVS com/halcyon/server
+let PAGE $QVS/http/HalcyonPageContext
+let MBEAN ferrule/management/configuration
+class java/net/SocketImpl port,I localport,I
+class java/net/PlainSocketImpl < java/net/SocketImpl timeout,I
+class java/net/ServerSocket created,Z impl,Ljava/net/SocketImpl;
+class java/net/SocketInputStream impl,Ljava/net/PlainSocketImpl;
+class java/util/ArrayList elementData,[Ljava/lang/Object; size,I
+class org/apache/jserv/JServ *verbose,Z *listenSocket,Ljava/net/ServerSocket;
+class $QVS/http/HalcyonHttpServletRequest port,I
+class $PAGE halcyonRequest,L$QVS/http/HalcyonHttpServletRequest;
+class $QVS/http/HalcyonJSPFactory *contexts,[L$PAGE;
+class org/apache/catalina/core/StandardEngine defaultHost,Ljava/lang/String;
+class org/jboss/web/WebServer port,I
+class org/apache/tomcat/util/net/PoolTcpEndpoint backlog,I port,I
+let INFO $QVS/LumoServiceInfo
+let LIST java/util/ArrayList{elementData=[Ljava/lang/Object;(null $INFO{name,Ljava/lang/String;=null port=0}
+  $INFO{port=$QVS_PORT} $INFO{port=1}) size=4}
+class ferrule/servlet/internal/WebAppConfigManager *servermbean,L$MBEAN/ServerMBean;
+)";
+const char FIRST[] = R"(
+class $QVS/LumoMonitorThread
+class ferrule/management/Admin *localServer,L$MBEAN/ServerMBean;
+static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
+  $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest}
+  $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
+static ferrule/management/Admin.localServer = $MBEAN/ServerImpl{listenPort=$FERRULE_PORT}
+static org/apache/jserv/JServ.listenSocket = java/net/ServerSocket{impl=
+  java/net/PlainSocketImpl{localport=$JSERV_PORT}}
+thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
+  @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; n java/lang/Object.wait @
+)";
+const char LATER[] = R"(
+class $QVS/LumoMonitorThread *servicesList,Ljava/util/ArrayList;
+class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
+static $QVS/LumoMonitorThread.servicesList = $LIST
+static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$FERRULE_PORT}
+thread CM New Element Listner: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51
+  @{localport=$SAP_PORT port=2} ; n java/lang/Object.wait @
+)";
+const char LAST[] = R"(
+class $QVS/LumoMonitorThread *appSrv,L$QVS/ApplicationServer;
+static $QVS/LumoMonitorThread.appSrv = $QVS/ApplicationServer{httpServer=
+  $QVS/http/HttpServer{listeners,Ljava/util/List;=$LIST}}
+)";
+// Threads whose frames have the objects. A port that can't be one isn't taken.
+const char HOLDERS[] = R"(
+let RESTS n java/lang/Object.wait @
+thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51
+  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBOSS_PORT} ; $RESTS
+thread SslServer: WAIT run shop/Worker ; c com/sun/net/ssl/internal/ssl/SSLServerSocketImpl.accept:51
+  @com/sun/net/ssl/internal/ssl/SSLServerSocketImpl<java/net/ServerSocket{impl=
+  com/sun/net/ssl/internal/ssl/SSLSocketImpl<java/net/SocketImpl{portToBind=$GLASSFISH_PORT}} ; $RESTS
+thread another: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51 @{localport=3 port=4} ; $RESTS
+thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
+)";
+
+} // namespace
+
+void AddProcessor(Scene *scene) {
+    SceneText text(scene);
+    text.Let("PORT", std::to_string(scene->ports["Tomcat"]));
+    text.Read(R"(
+thread Processor: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=$PORT} ;
+  n java/lang/Object.wait @
+)");
+}
+
+void StageServers(const std::string &name, Scene *scene) {
+    SceneText text(scene);
+    for (const char *server : {"QVS", "Ferrule", "Apache JServ", "JBoss", "GlassFish", "SAP", "Tomcat"}) {
+        std::string word = server;
+        word = word == "Apache JServ" ? "JSERV" : word;
+        for (char &letter : word)
+            letter = char(toupper(letter));
+        text.Let(word + "_PORT", std::to_string(scene->ports[server] = ListenOn(scene)));
+    }
+    for (const char *lines : {CLASSES,
+                              name == "servers"         ? FIRST
+                              : name == "servers-later" ? LATER
+                                                        : LAST,
+                              HOLDERS})
         text.Read(lines);
+    if (name == "servers")
+        AddProcessor(scene);
 }
 
 } // namespace simvm

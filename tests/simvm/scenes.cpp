@@ -1,8 +1,5 @@
-#include "heap.h"
-#include "jni_table.h"
-#include "roots.h"
-#include "stage.h"
-#include "storm.h"
+#include "scenes.h"
+#include "simvm.h"
 
 #include <cstdio>
 #include <unistd.h>
@@ -77,8 +74,7 @@ void StageScene(const std::string &name, Scene *scene) {
     else if (name.rfind("servers", 0) == 0)
         StageServers(name, scene);
     else if ((scene->storm = name == "storm" || name == "crowd"))
-        StartStorm(name == "storm" ? StormOptions()
-                                   : StormOptions{200, 50, 2, 50, 1, false, false, false, false});
+        StartStorm(name == "storm" ? StormOptions() : StormOptions{200, 50, 2, 50, 1, false});
     else if (name != "nothing")
         Fail(("no scene " + name).c_str());
     if (name != "heap")
@@ -96,11 +92,10 @@ void EndScene(Scene *scene) {
         close(descriptor);
     if (!scene->storm)
         return;
-    StormFigures figures = StopStorm();
-    printf("%ld collections, %ld threads ended, %ld and %ld + %ld of %ld signals, longest stop %.3f ms, %ld "
-           "laps\n",
-           figures.collections, figures.threadsEnded, figures.profileSignals, figures.foreignArrived,
-           figures.foreignMerged, figures.foreignSent, figures.longestStop / 1e6, figures.laps);
+    const StormFigures figures = StopStorm();
+    printf("%ld collections, %ld threads ended, %ld + %ld of %ld signals, longest stop %.3f ms, %ld laps\n",
+           figures.collections, figures.threadsEnded, figures.foreignArrived, figures.foreignMerged,
+           figures.foreignSent, figures.longestStop / 1e6, figures.laps);
 }
 
 SampleObjects NewSampleObjects(ThreadInfo *thread) {

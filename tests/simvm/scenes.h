@@ -1,9 +1,131 @@
-// Scenes: what a VM's threads do while it is looked at.
+// Threads that run scripts, and the collector that stops them and moves what they refer to.
 #pragma once
 
-#include "runner.h"
+#include "code.h"
+#include "simvm.h"
+
+#include <csignal>
+#include <functional>
+#include <jni.h>
+#include <thread>
+
+extern "C" {
+jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
+jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint, jstring, jstring, jstring,
+                                 jobject, jobject, jobject, jobject, jstring, jobject, jstring, jstring, jint,
+                                 jint, jint, jint, jint, jint);
+jobjectArray Java_qoragent_Agent_getThreadObjects(JNIEnv *, jobject);
+}
 
 namespace simvm {
+
+// A thread of the VM. What it shows from when it rests until it leaves is ShadowStack(*script).
+struct Runner {
+    ThreadInfo *info;
+    Script *script;
+    Control control;
+    std::function<void()> call, first;
+    std::thread thread;
+    std::atomic<int32_t> resting{0}; // 1: it has come to its rest (loops: it has begun)
+    std::atomic<bool> inJava{false};
+    std::atomic<Word> stackLow{0}; // while not in Java: from here up its stack may hold references
+    Word stackHigh = 0;
+    int32_t pipe[2] = {-1, -1}, listener = -1;
+};
+
+// Starts a thread that runs the script once, and comes back when it rests. `first` runs on it before any Java
+// code, `call` where its script's rest is CALL.
+Runner *Start(const std::string &name, Script *script, std::function<void()> call = {},
+              std::function<void()> first = {});
+// Ends its rest: it returns through all its frames, leaves the list and is joined. Its memory goes to the
+// next thread.
+void Leave(Runner *runner);
+// The calling thread as a Java thread that runs the script, which ends in `call`.
+void RunHere(const std::string &name, Script *script, std::function<void()> call);
+
+int ListeningSocket(int32_t *port); // on the loopback
+
+// One collection: stops all threads, moves every object of eden and from, poisons where they were. While it
+// runs, the heap says so; `held` is called in its midst.
+// A full one also moves the klasses of those classes.
+void Collect(const std::function<void()> &held = {}, const std::vector<std::string> &moving = {});
+
+// What the VM itself and its threads refer to: handles, monitors, dictionaries, known classes.
+
+// A word of the VM's own structures that refers to an object.
+struct Root {
+    char letter; // of the structure, as a dump has it
+    std::string name;
+    Object *object; // null: `oop`, which doesn't move
+    Word oop, place;
+
+    Word Address() const { return object ? object->address : oop; }
+};
+extern std::deque<Root> stagedRoots;
+
+// How the chains end: as they should, in a link back to their beginning, in a pointer to nowhere.
+enum class ChainEnd { NONE, CYCLE, WILD };
+
+// Lays out one or more of each structure, some of them the thread's: handle blocks, full, half full and
+// empty; a handle area of two chunks of different length; monitor chunks; a privileged stack; monitor blocks;
+// a VM thread with queues of one and of three operations; a dictionary with chains, placeholders, loader
+// constraints; known classes, mirrors, symbols. Whatever the end of the chains, all roots are to be found. No
+// collection may follow the thread's end.
+void StageRoots(ThreadInfo *thread, ChainEnd end);
+// The words hold what they refer to, also after it has moved.
+void WriteRoots();
+// The above, and each thread's object and handles.
+std::vector<Root> AllRoots();
+
+// A VM that never rests: threads end and start, collections move what they refer to, and signals that aren't
+// the agent's arrive all the time.
+
+struct StormOptions {
+    int threads = 30, frames = 20, looping = 10;
+    uint32_t locked = 4; // one frame of so many has a monitor
+    uint32_t seed = 1;
+    bool disturbs = true; // threads end and start, collections run, signals arrive
+};
+
+// A thread of the storm, for as long as it was in its rest; times in nanoseconds of CLOCK_MONOTONIC, `end` 0
+// while it lasts. What it showed then is its script's shadow stack; one that has just come or is about to go
+// shows the outer part.
+struct Lived {
+    std::string name;
+    int32_t kernelId;
+    const Script *script;
+    int64_t start, end;
+};
+
+struct StormFigures {
+    int64_t collections = 0, threadsEnded = 0;
+    // Signals 31 of the VM's own. The kernel keeps one of two pending ones, so that one to a looping thread
+    // may be lost when the agent's own is on its way; no other may.
+    int64_t foreignSent = 0, foreignArrived = 0, foreignMerged = 0;
+    int64_t longestStop = 0; // of a looping thread, nanoseconds, asleep outside collections
+    int64_t laps = 0;        // of those at the end
+};
+
+void StartStorm(const StormOptions &options);
+std::vector<Lived> LivedSoFar();
+std::vector<Runner *> StormRunners(); // where none comes or goes
+// Ends all of it. The VM's own handler of signal 31 stays installed: VmSignalHandler.
+StormFigures StopStorm();
+void VmSignalHandler(int signal, siginfo_t *info, void *context);
+
+// ---- spoiling
+// ----------------------------------------------------------------------------------------------
+
+struct Spoilt {
+    Word address, old;
+};
+// Overwrites a word that a walk may read: of threads, of the stacks of those that rest, of blobs, of the
+// segment map, of the spaces, or of anything in perm. `sparedThread`'s own JavaThread stays whole. For a VM
+// on which nothing else goes on.
+Spoilt Spoil(uint64_t random, const std::vector<Runner *> &runners, Word sparedThread);
+void Mend(const Spoilt &spoilt);
+
+// Scenes: what a VM's threads do while it is looked at.
 
 // A scene's threads; the storm's are its own.
 struct Scene {
@@ -36,5 +158,106 @@ struct SampleObjects {
     jobject instance, reference, objects, ints;
 };
 SampleObjects NewSampleObjects(ThreadInfo *thread);
+
+// What scenes are made of: a text with a line for each class, object and thread, and real sockets.
+
+using F = FrameKind;
+
+// A frame in a method of five lines: 10 at its start, a far one, one that no file has, and last, as some
+// compilers order them, one at bci 8 that stands for the call. Without a receiver the method is static.
+Scope In(const std::string &holder, const std::string &name, int line, Object *receiver = nullptr,
+         std::vector<Object *> monitors = {}, const std::string &signature = "()V",
+         std::vector<Variable> variables = {});
+// A thread of the scene, at its rest.
+void Add(Scene *scene, const std::string &name, Script script);
+
+// A line that begins with a blank goes on with the one before; # begins a comment.
+std::vector<std::string> WholeLines(const std::string &text);
+
+// Reads the text of a scene. A line that begins with a blank goes on with the one before; # begins a comment.
+//   class NAME ...             as DefineClass has it
+//   let NAME TEXT              $NAME is that text from then on
+//   NAME = VALUE               an object by its name; with := it is one of the scene's named ones
+//   static CLASS.FIELD = VALUE, set NAME.FIELD = VALUE
+//   thread NAME: REST ["STATE"] FRAME; ... [| FACT=TEXT; ...]    outermost frame first
+// VALUE: null, true, a number, a name, "text", TYPE[<SUPER]{FIELD[,SIGNATURE]=VALUE ...}, SIGNATURE(VALUE
+// ...),
+//   or a table: TYPE#BUCKETS(KEY@BUCKET VALUE ...). A class that isn't there yet is defined with these
+//   fields, their types as their values have them where no signature is given.
+// FRAME: KIND SCOPE > SCOPE ..., outermost first. i: interpreted, c: compiled, o: compiled in mid-loop, n:
+//   native, s: a stub; copy: compiled, in the thread's copy of its code; linked: compiled, and calls code
+//   that isn't the VM's; run CLASS: its run method.
+// SCOPE: CLASS.METHOD[(SIGNATURE)][:LINE] [@VALUE] [^VALUE ...] [%[SIGNATURE=]VALUE ...]: receiver (a bare @
+// or
+//   @{...}: of that class), monitors, variables. Without a line it is native.
+class SceneText {
+public:
+    explicit SceneText(Scene *scene) : scene_(scene) {}
+    void Read(const std::string &text);
+    Value Make(const std::string &text);                 // of one value
+    std::string Expanded(const std::string &line) const; // with the texts of its names
+    void Let(const std::string &name, const std::string &text) { texts_[name] = text; }
+    void Name(const std::string &name, Value value) { values_[name] = value; }
+    std::vector<Frame> Frames(const std::string &text);
+
+private:
+    void ReadLine(const std::string &line);
+    void ReadThread();
+    char Next(); // after blanks; 0 at the end
+    bool Take(const std::string &text);
+    std::string Until(const char *ends);
+    Value ReadValue();
+    Value ReadObject(const std::string &type);
+    std::vector<Value> ReadElements();
+    std::vector<TableEntry> ReadEntries();
+    Frame ReadFrame();
+    Scope ReadScope();
+
+    Scene *scene_;
+    std::map<std::string, std::string> texts_;
+    std::map<std::string, Value> values_;
+    std::string line_;
+    size_t at_ = 0;
+};
+
+// A connected socket of the loopback, or a descriptor that isn't one any more, or never was.
+enum class SocketKind { IPV4, IPV6, CLOSED, FILE };
+struct Connected {
+    int descriptor;
+    std::string localPort, remotePort, peer; // empty: none
+};
+Connected Connect(Scene *scene, SocketKind kind);
+int32_t ListenOn(Scene *scene); // a port of the loopback
+
+void StageShop(Scene *scene);
+void StageReaders(Scene *scene);
+void StageDrivers(Scene *scene);
+void StageTiers(Scene *scene);
+void StageServers(const std::string &name, Scene *scene);
+void AddProcessor(Scene *scene); // the thread by which Tomcat's port is found
+
+// The agent as the simulated VM's main thread starts and asks it, by its natives: linked, or of a library.
+
+struct Natives {
+    decltype(&Java_qoragent_Agent_initvar) initvar;
+    decltype(&Java_qoragent_Agent_dataFromNative) dataFromNative;
+};
+extern Natives natives;
+
+ThreadInfo *Self(); // the main thread
+struct AgentStart {
+    std::string server = "", id = "test"; // as Java passes them
+    int backoff = 1, log = 0;
+    int settings[4] = {}; // lock information, queries, their length, the quota
+};
+// The status of the start. Handles of the native method end with it, as in any VM.
+int StartAgent(const AgentStart &with = {});
+std::string Ask(const std::string &request);
+
+// A VM by words: its build, and what of it isn't as usual: client, parallel, cms, stripped, shuffled.
+Options On(const std::string &words);
+std::vector<std::string> Split(const std::string &text, char separator);
+std::string Hex(Word value);
+std::string Dotted(std::string name);
 
 } // namespace simvm

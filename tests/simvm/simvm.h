@@ -1,15 +1,14 @@
-// A VM of the generation that the direct road reads, simulated: it lays out heap, classes, code and threads
-// in memory as layout.h has them. What a test compares with comes from the descriptions here, never from that
-// memory.
-//
-// One VM a process. Whoever changes or reads descriptions while other threads run holds vm.lock.
+// Memory that betrays: what isn't written is poison, and members may lie in other places than layout.h has
+// them.
 #pragma once
 
-#include "memory.h"
+#include "layout.h"
 #include "statics.h"
 
 #include <atomic>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <jni.h>
 #include <map>
 #include <mutex>
@@ -19,6 +18,50 @@
 #include <vector>
 
 namespace simvm {
+
+constexpr uint8_t POISON = 0x5b;
+constexpr Word POISON_WORD = 0x5b5b5b5b5b5b5b5b; // odd, not null and no address
+
+[[noreturn]] void Fail(const char *what);
+
+// Poisoned memory of the VM's own, 16-aligned.
+Word Allocate(size_t bytes);
+// Poisons it; the next allocation of that size gets it.
+void Release(Word address, size_t bytes);
+// A mapping of its own, poisoned or untouched; with protection bits beyond reading and writing.
+Word Map(size_t bytes, bool poison, int protection = 0);
+
+// How far each member lies from where layout.h has it, in this build, by its place there.
+template <class S>
+inline int16_t placeShift[1024];
+
+template <class S, class T>
+size_t PlaceInLayout(T S::*member) {
+    alignas(16) static char any[sizeof(S)];
+    return reinterpret_cast<char *>(&(reinterpret_cast<S *>(any)->*member)) - any;
+}
+template <class S, class T>
+size_t Place(T S::*member) {
+    const size_t place = PlaceInLayout(member);
+    return place + placeShift<S>[place];
+}
+
+template <class T>
+__attribute__((always_inline)) inline T &As(Word address) {
+    return *reinterpret_cast<T *>(address);
+}
+
+// The member of the structure at that address.
+template <class S, class T>
+T &At(Word address, T S::*member) {
+    return As<T>(address + Place(member));
+}
+
+// A VM of the generation that the direct road reads, simulated: it lays out heap, classes, code and threads
+// in memory as layout.h has them. What a test compares with comes from the descriptions here, never from that
+// memory.
+//
+// One VM a process. Whoever changes or reads descriptions while other threads run holds vm.lock.
 
 enum class Collector { SERIAL, PARALLEL, CONCURRENT };
 
@@ -33,10 +76,7 @@ struct Options {
     std::string version = "1.5.0_22";
     Collector collector = Collector::SERIAL;
     HeapFlags flags;
-    int32_t moved = 0;    // every member of JavaThread lies so many bytes higher: no listed build
     uint32_t shuffle = 0; // a seed: members lie in places that no build has
-    Guarded guarded = Guarded::NOTHING;
-    bool wide = false; // other classes than the VM's own lie 5 GB from those
 };
 
 struct Object;
@@ -101,11 +141,6 @@ struct CollectionFigures {
     int32_t minor = 0, major = 0;
     int64_t minorTime = 0, majorTime = 0;
 };
-// A stretch of a space that holds no object.
-struct Gap {
-    int64_t bytes;
-    bool chunk; // a free one, which a reader steps over; else one where it finds nothing
-};
 struct ThreadInfo {
     std::string name;
     Word address = 0, osThread = 0; // JavaThread, OSThread
@@ -125,7 +160,6 @@ struct Vm {
     std::deque<MethodInfo> methods;
     std::deque<Object> objects;      // of eden, from and old
     std::vector<Object *> forgotten; // of these, to be used again
-    std::map<Word, Gap> gaps;        // that were planted, by address
     HeapSpace perm, old, eden, from, to;
     Word kindKlass[VTABLE_COUNT]; // the klasses of the VM's own kinds of objects
     Word heap;                    // CollectedHeap
@@ -159,12 +193,10 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
                          std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64,
                          LineEnd end = LineEnd::MARKED);
 
-constexpr Word WIDE_GAP = 5ul << 30; // in perm, of a VM with wide addresses: never touched
-
 HeapSpace &SpaceOf(char letter);
 bool HasFreeLists(const HeapSpace &space);
 int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
-Word AllocateObject(HeapSpace *space, int64_t bytes, Guarded structure = Guarded::NOTHING);
+Word AllocateObject(HeapSpace *space, int64_t bytes);
 void SetTop(HeapSpace *space, Word top); // with what is free above
 void Forget(Object *object);             // dead; the next collection takes its memory
 Object *NewObject(const std::string &className, char space = 'E');
@@ -201,5 +233,109 @@ jobject NewHandle(ThreadInfo *thread, Object *object);
 jstring NewText(const std::string &text);
 const std::string &TextOf(jstring text);
 void FreeText(jstring text);
+
+// Objects of java.lang and java.util as they are built for a scene, and their values as text.
+
+using Fields = std::vector<std::pair<std::string, Value>>;
+
+Object *New(const std::string &className, const Fields &fields, char space = 'E');
+Object *NewElements(const std::string &signature, const std::vector<Value> &elements, char space = 'E');
+// A String that shares its char[] with others: it has `count` of these characters, from `offset` on.
+Object *NewPartOf(const std::u16string &chars, int32_t offset, int32_t count);
+// A StringBuffer that has room left. Its fields are a super class's.
+Object *NewBuffer(const std::string &text);
+
+struct TableEntry {
+    Object *key; // a String keeps its hash code from then on
+    Value value;
+    int32_t bucket = -1; // -1: where its hash code belongs
+};
+// A Hashtable, a Properties or a HashMap. A bucket's entries are chained in this order; `cyclic`: its last
+// one leads back to the first.
+Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
+                 bool cyclic = false);
+
+// Of a String, a char[] or a StringBuffer, from the description.
+std::u16string CharsOf(const Object *text);
+
+// A heap of known content: random objects between stretches in which nobody finds one, and the figures that
+// follow from the description.
+
+// ---- content
+// -----------------------------------------------------------------------------------------------
+
+// Puts pieces into the spaces, one after the other; the same seed makes the same content. A piece is the
+// space's letter (O: of both kinds of old), a word and an amount:
+//   objects      so many random ones
+//   stale        so many bytes of what was there once
+//   no-klass     an object of so many bytes without a klass word, as one that is being allocated
+//   link         the same whose klass word is a link to another object
+//   half-array   the same that has a klass and as yet a wild length
+//   forwarded    an object whose mark is where it went; it still counts
+//   odd-array    of so many elements, of a kind whose header isn't a multiple of 8
+//   vm-kinds     what only the VM makes, one of each; for perm
+//   across       an array that begins so many bytes before the space's top and ends after it
+//   last         top is so many bytes below the space's end; from there down a last object
+//   chunk        in spaces with free lists: a free one of so many words
+//   wrong-chunk  the same: a stretch of 64 bytes that is a free chunk of so many words, no size that can be
+void FillHeap(const char *pieces, uint32_t seed);
+// All of the above at every place that a reader might trip over; "full" spaces end at the end of their
+// mapping. The from space stays empty.
+extern const char TRICKY_HEAP[], FULL_HEAP[];
+
+// ---- figures
+// -----------------------------------------------------------------------------------------------
+
+struct Count {
+    int64_t objects = 0, bytes = 0;
+};
+struct Census {
+    Count all;
+    // By the second character of an object's record: 1 symbol, 2 method, F constMethod, 3 pool, 4 pool cache,
+    // 8 instance, [ array, * compiledICHolder, H methodData; klasses: A of the VM's own, B of instances, C,
+    // D, E of arrays.
+    std::map<char, Count> types;
+    std::map<std::string, Count> classes; // of instances and arrays, with slashes
+};
+Census CensusOf(const HeapSpace &space);
+std::unordered_map<Word, char> KindLetters(); // those letters by an object's klass
+
+struct SpaceUse {
+    const HeapSpace *space;
+    std::string name;
+    int64_t used, capacity; // bytes
+    int32_t percent;
+};
+// Perm, old, eden, from by their addresses.
+std::vector<SpaceUse> UseOfSpaces();
+// What every address of a dump is counted from.
+Word RecordBase();
+// As one line of JSON.
+std::string HeapLine();
+
+// ---- memory
+// ------------------------------------------------------------------------------------------------
+
+constexpr Word SMALLEST_CHUNK = 3; // in words, with its link and size
+
+uint32_t &SizeAt(const HeapSpace &space, Word oop);
+void WriteChunk(Word at, Word words);
+void SetCollections(const CollectionFigures &figures);
+
+// What tests see of the JNI that the agent is called with.
+
+// What the Java side is called with, for the threads of a reply.
+struct JavaCall {
+    std::vector<Object *> threads;
+    std::vector<jlong> ids;
+    std::vector<std::string> texts; // ten a thread
+    int count, withSystem, polling;
+};
+// Loads the classes that the agent calls. `answer`: the text that the Java side returns; null: it throws.
+void DefineJavaSide(std::function<std::string(const JavaCall &)> answer);
+// The elements of an array that a native method has returned; the array ends.
+std::vector<Object *> TakeArray(jobjectArray array);
+// Of the thread: handles and what is kept beside the heap, the caller's arguments included.
+size_t LocalReferences(ThreadInfo *thread);
 
 } // namespace simvm

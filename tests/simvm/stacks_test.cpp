@@ -1,7 +1,7 @@
 // Stacks that nobody ran: words in memory and a thread whose anchor leads there. However they lead on, the
 // walk ends, the thread is shown as far as its stack can be, and the others' rows are right.
-#include "emit.h"
-#include "poll.h"
+#include "code.h"
+#include "with_scene.h"
 
 #include "qorutil/vm_reader.h"
 #include "sunprint/stack_steps.h"

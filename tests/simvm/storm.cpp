@@ -1,7 +1,8 @@
-#include "storm.h"
+#include "scenes.h"
 
+#include <array>
 #include <csignal>
-#include <cstdio>
+#include <fstream>
 #include <random>
 #include <sys/syscall.h>
 #include <thread>
@@ -26,11 +27,7 @@ std::vector<Lived> lived;
 std::mutex slotsLock; // who ends and starts threads, or sends them signals
 std::vector<std::thread> helpers;
 std::atomic<bool> stopping, collecting;
-std::atomic<int64_t> collections, ended, profiled, foreignSent, foreignArrived, foreignMerged, longestStop;
-
-bool Loops(const Slot &slot) {
-    return slot.script.rest == Rest::SPIN || slot.script.rest == Rest::CALLS;
-}
+std::atomic<int64_t> collections, ended, foreignSent, foreignArrived, foreignMerged, longestStop;
 
 int64_t Now() {
     timespec now;
@@ -92,111 +89,86 @@ void EndSlot(Slot *slot) {
     lived[slot->lived].end = Now();
 }
 
-void Churn() {
-    std::mt19937 random(storm.seed + 1);
-    while (!stopping) {
-        {
-            std::lock_guard<std::mutex> held(slotsLock);
-            Slot &slot = slots[random() % slots.size()];
-            EndSlot(&slot);
-            StartSlot(&slot);
-            ended++;
-        }
-        usleep(random() % 3000);
+// Does it with the threads' lock until the storm ends, after pauses of up to so many microseconds.
+template <class BODY>
+void Repeat(uint32_t pause, BODY body) {
+    std::mt19937 random(storm.seed + pause);
+    for (; !stopping; usleep(random() % pause)) {
+        const std::lock_guard<std::mutex> held(slotsLock);
+        body(random());
     }
+}
+
+void Churn() {
+    Repeat(3000, [](uint32_t random) {
+        EndSlot(&slots[random % slots.size()]);
+        StartSlot(&slots[random % slots.size()]);
+        ended++;
+    });
 }
 
 void CollectOften() {
     std::mt19937 random(storm.seed + 2);
-    while (!stopping) {
+    for (; !stopping; usleep(random() % 20000)) {
         collecting = true;
         Collect([&] { usleep(random() % 2000); });
         collecting = false;
         collections++;
-        usleep(random() % 20000);
     }
 }
 
 void SendProfile() {
-    while (!stopping) {
-        {
-            std::lock_guard<std::mutex> held(slotsLock);
-            for (Slot &slot : slots)
-                syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, SIGPROF);
-            profiled += slots.size();
-        }
-        usleep(1000);
-    }
+    Repeat(2000, [](uint32_t) {
+        for (Slot &slot : slots)
+            syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, SIGPROF);
+    });
 }
 
 // One at a time, as a second one would merge with one that is still pending.
 void SendForeign() {
-    std::mt19937 random(storm.seed + 3);
-    while (!stopping) {
-        {
-            std::lock_guard<std::mutex> held(slotsLock);
-            const Slot &slot = slots[random() % slots.size()];
-            foreignSent++;
-            syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, VM_SIGNAL);
-            auto owed = [] { return foreignArrived + foreignMerged < foreignSent; };
-            for (int wait = 0; wait < (Loops(slot) ? 500 : 10000) && owed(); wait++)
-                usleep(1000);
-            foreignMerged += Loops(slot) && owed();
-        }
-        usleep(random() % 5000);
-    }
+    Repeat(5000, [](uint32_t random) {
+        const Slot &slot = slots[random % slots.size()];
+        foreignSent++;
+        syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, VM_SIGNAL);
+        auto owed = [] { return foreignArrived + foreignMerged < foreignSent; };
+        for (int wait = 0; wait < (Loops(slot.script.rest) ? 500 : 10000) && owed(); wait++)
+            usleep(1000);
+        foreignMerged += Loops(slot.script.rest) && owed();
+    });
 }
 
-std::string TextOfTask(int32_t id, const char *name) {
-    char path[64], text[256] = "";
-    snprintf(path, sizeof path, "/proc/self/task/%d/%s", id, name);
-    if (FILE *file = fopen(path, "re")) {
-        text[fread(text, 1, sizeof text - 1, file)] = 0;
-        fclose(file);
-    }
-    return text;
+std::string LineOfTask(int32_t id, const char *name) {
+    std::ifstream file("/proc/self/task/" + std::to_string(id) + "/" + name);
+    std::string line;
+    std::getline(file, line);
+    return line;
 }
 
-bool Sleeps(int32_t id) {
-    const std::string text = TextOfTask(id, "stat");
-    const size_t end = text.rfind(')');
-    return end < text.size() && text[end + 2] == 'S';
-}
-
-int64_t WaitedForProcessor(int32_t id) {
-    long ran = 0, waited = 0;
-    sscanf(TextOfTask(id, "schedstat").c_str(), "%ld %ld", &ran, &waited);
-    return waited;
-}
-
-// How long a looping thread is kept from going on, but for the time in which it merely lacked a processor.
+// How long a looping thread sleeps instead of going on, but for the time in which it merely lacked a
+// processor.
 void Watch() {
     struct Seen {
         int64_t laps = -1, since = 0, collections = 0;
         Runner *runner = nullptr;
     };
     std::vector<Seen> seen(slots.size());
-    while (!stopping) {
-        {
-            std::lock_guard<std::mutex> held(slotsLock);
-            for (size_t i = 0; i < slots.size(); i++) {
-                Runner *runner = slots[i].runner;
-                if (!Loops(slots[i]))
-                    continue;
-                int32_t id = runner->info->kernelId;
-                int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED), now = Now();
-                bool stands = runner == seen[i].runner && laps == seen[i].laps &&
-                              collections == seen[i].collections && !collecting;
-                bool sleeps = Sleeps(id);
-                now -= WaitedForProcessor(id);
-                if (!stands)
-                    seen[i] = {laps, now, collections, runner};
-                else if (sleeps && now - seen[i].since > longestStop)
-                    longestStop = now - seen[i].since;
-            }
+    Repeat(4000, [&](uint32_t) {
+        for (size_t i = 0; i < slots.size(); i++) {
+            Runner *runner = slots[i].runner;
+            if (!Loops(slots[i].script.rest))
+                continue;
+            const int32_t id = runner->info->kernelId;
+            const int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED);
+            const std::string state = LineOfTask(id, "stat"), schedule = LineOfTask(id, "schedstat");
+            const size_t ran = schedule.find(' ');
+            const int64_t now = Now() - (ran == schedule.npos ? 0 : stoll(schedule.substr(ran)));
+            if (runner != seen[i].runner || laps != seen[i].laps || collections != seen[i].collections ||
+                collecting)
+                seen[i] = {laps, now, collections, runner};
+            else if (state.find(") S") != state.npos && now - seen[i].since > longestStop)
+                longestStop = now - seen[i].since;
         }
-        usleep(2000);
-    }
+    });
 }
 
 } // namespace
@@ -208,8 +180,7 @@ void VmSignalHandler(int, siginfo_t *, void *) {
 void StartStorm(const StormOptions &options) {
     storm = options;
     stopping = false;
-    for (auto *figure :
-         {&collections, &ended, &profiled, &foreignSent, &foreignArrived, &foreignMerged, &longestStop})
+    for (auto *figure : {&collections, &ended, &foreignSent, &foreignArrived, &foreignMerged, &longestStop})
         *figure = 0;
     struct sigaction action = {};
     action.sa_sigaction = VmSignalHandler;
@@ -225,13 +196,9 @@ void StartStorm(const StormOptions &options) {
         std::lock_guard<std::mutex> held(slotsLock);
         StartSlot(&slots.back());
     }
-    const std::pair<bool, void (*)()> HELPERS[] = {{storm.churn, Churn},
-                                                   {storm.collect, CollectOften},
-                                                   {storm.profile, SendProfile},
-                                                   {storm.foreign, SendForeign},
-                                                   {true, Watch}};
-    for (auto &[wanted, helper] : HELPERS)
-        if (wanted)
+    helpers.emplace_back(Watch);
+    if (storm.disturbs)
+        for (auto *helper : {Churn, CollectOften, SendProfile, SendForeign})
             helpers.emplace_back(helper);
 }
 
@@ -257,7 +224,7 @@ StormFigures StopStorm() {
         laps += __atomic_load_n(&slot.runner->control.laps, __ATOMIC_RELAXED);
         EndSlot(&slot);
     }
-    return {collections, ended, profiled, foreignSent, foreignArrived, foreignMerged, longestStop, laps};
+    return {collections, ended, foreignSent, foreignArrived, foreignMerged, longestStop, laps};
 }
 
 // ---- spoiling
@@ -265,9 +232,7 @@ StormFigures StopStorm() {
 
 namespace {
 
-struct Region {
-    Word low, high;
-};
+using Region = std::pair<Word, Word>;
 
 void AddBlobs(const Runner *runner, std::vector<Region> *out) {
     Word low = At(runner->info->address, &JavaThread::anchorSp) & ~Word(3);
@@ -308,24 +273,16 @@ Spoilt Spoil(uint64_t seed, const std::vector<Runner *> &runners, Word sparedThr
     std::mt19937_64 random(seed);
     std::vector<Region> regions = Spoilable(runners, sparedThread);
     auto word = [&] {
-        const Region &region = regions[random() % regions.size()];
-        return region.low + random() % ((region.high - region.low) / 8) * 8;
+        const auto [low, high] = regions[random() % regions.size()];
+        return low + random() % ((high - low) / 8) * 8;
     };
     Word address = word();
     Spoilt spoilt = {address, As<Word>(address)};
-    const Word VALUES[] = {0,
-                           1,
-                           ~Word(0),
-                           random(),
-                           random() % (1ul << 47),
-                           spoilt.old + 4,
-                           spoilt.old + 1,
-                           address,
-                           As<Word>(word()),
-                           word(),
-                           spoilt.old ^ 1ul << random() % 64,
-                           Word(random() % 65536)};
-    As<Word>(address) = VALUES[random() % (sizeof VALUES / sizeof *VALUES)];
+    const std::vector<Word> near = {spoilt.old + 4, spoilt.old + 1, spoilt.old ^ 1ul << random() % 64},
+                            other = {address, As<Word>(word()), word(), random() % (1ul << 47)},
+                            odd = {0, 1, ~Word(0), random(), random() % 65536};
+    const std::vector<Word> &values = *std::array{&near, &other, &odd}[random() % 3];
+    As<Word>(address) = values[random() % values.size()];
     return spoilt;
 }
 

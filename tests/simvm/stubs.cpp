@@ -1,5 +1,5 @@
 // Stubs and adapters: frames between Java frames that aren't any themselves.
-#include "emit.h"
+#include "code.h"
 
 #include <sys/mman.h>
 
@@ -88,23 +88,6 @@ Word EmitLinked() {
     a.Bytes({0xff, 0xc9}); // dec ecx
     a.JumpBack(JUMP_UNEQUAL, loop);
     a.Bytes({0x5d, 0xc3}); // pop rbp; ret
-    Word code = Map(4096, false, PROT_EXEC);
-    memcpy(&As<char>(code), a.code.data(), a.code.size());
-    return code;
-}
-
-Word EmitWriter(Word array, int32_t words, const std::vector<Word> &targets) {
-    Assembler a;
-    Word table = Allocate(8 * targets.size());
-    memcpy(&As<Word>(table), targets.data(), 8 * targets.size());
-    a.Bytes({0x49, 0x8b, 0x4e, 0x08, 0x48, 0x89, 0xca, 0x48, 0xc1, 0xea}); // mov rcx, [r14 + laps]; mov rdx,
-    a.Bytes({__builtin_ctz(words), 0x48, 0x81, 0xe2});                     // rcx; shr rdx, n
-    a.Value(int32_t(targets.size() - 1));                                  // and rdx, n
-    a.LoadRax(table);
-    a.Bytes({0x48, 0x8b, 0x14, 0xd0, 0x48, 0x81, 0xe1}),
-        a.Value(words - 1); // mov rdx, [rax + 8 rdx]; and rcx, n
-    a.LoadRax(array);
-    a.Bytes({0x48, 0x89, 0x14, 0xc8, 0xc3}); // mov [rax + 8 rcx], rdx; ret
     Word code = Map(4096, false, PROT_EXEC);
     memcpy(&As<char>(code), a.code.data(), a.code.size());
     return code;

@@ -1,6 +1,6 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
-#include "poll.h"
-#include "storm.h"
+#include "scenes.h"
+#include "with_scene.h"
 
 #include "qorthreads/running_queue.h"
 #include "qorutil/vm_threads.h"
@@ -98,12 +98,12 @@ void ExpectNoFramesInCollections() {
         EXPECT_EQ(Split(rows[i], 29)[6], "^") << rows[i];
 }
 
-class DirectThreads : public testing::TestWithParam<int> {};
+class DirectThreads : public testing::TestWithParam<const char *> {};
 
 } // namespace
 
 TEST_P(DirectThreads, EqualTheirShadowStacks) {
-    WithScene("shop", BuildOf(GetParam()), [](Scene &scene) {
+    WithScene("shop", On(GetParam()), [](Scene &scene) {
         for (int i = 0; i < MAX_VM_THREADS; i++) // as a request leaves the queue that is broken off
             add_queue_elem(1);
         ExpectPoll(scene.runners);
@@ -120,19 +120,15 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::Range(0, 3));
+INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::ValuesIn(BUILDS));
 
-// On VMs whose members have changed places: what walks and reports has no place but its row's. And on such
-// where a structure ends at a page that can't be read.
+// On VMs whose members have changed places: what walks and reports has no place but its row's.
 TEST(DirectThreads, AreFoundByTheRowAlone) {
-    for (uint32_t number = 1; number <= 20 + uint32_t(Guarded::POOL); number++)
+    for (uint32_t number = 1; number <= 20; number++)
         InOwnProcess([=] {
             SCOPED_TRACE(number);
-            const bool isShuffled = number <= 20;
             Options options;
-            options.shuffle = isShuffled ? number : 0;
-            options.guarded = isShuffled ? Guarded::NOTHING : Guarded(number - 20);
-            options.collector = isShuffled ? Collector::SERIAL : Collector(number % 3);
+            options.shuffle = number;
             WithScene("shop", options, [](Scene &scene) { ExpectPoll(scene.runners); });
         });
 }
@@ -229,16 +225,15 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
 namespace {
 
 struct SpoiltCase {
-    const char *scene;
-    Collector collector;
+    const char *scene, *vm;
     uint64_t share; // of the rounds
     std::vector<std::string> requests;
 };
 const SpoiltCase SPOILT_CASES[] = {
-    {"shop", Collector::SERIAL, 1, {"785|showstack|32768"}}, // nobody is held
-    {"drivers", Collector::PARALLEL, 1, {"777|showstack|128", "777|showstack|8192"}},
-    {"heap", Collector::CONCURRENT, 10, {"5|showmem|128|", "5|showmem|512|"}},
-    {"readers", Collector::SERIAL, 1, {"525|showstack|1024|ARG=x,1=0,0=", "785|showstack|32768"}}};
+    {"shop", "22", 1, {"785|showstack|32768"}}, // nobody is held
+    {"drivers", "17 parallel", 1, {"777|showstack|128", "777|showstack|8192"}},
+    {"heap", "22 cms", 10, {"5|showmem|128|", "5|showmem|512|"}},
+    {"readers", "22", 1, {"525|showstack|1024|ARG=x,1=0,0=", "785|showstack|32768"}}};
 class SpoiltMemory : public testing::TestWithParam<SpoiltCase> {};
 
 } // namespace
@@ -249,9 +244,7 @@ TEST_P(SpoiltMemory, HarmsNobody) {
     const char *more = getenv("QOR_SPOILT"), *other = getenv("QOR_SEED");
     const uint64_t count = (more ? strtoul(more, nullptr, 10) : 500) / GetParam().share,
                    first = other ? strtoul(other, nullptr, 10) : 1;
-    Options options;
-    options.collector = GetParam().collector;
-    WithScene(GetParam().scene, options, [=](Scene &scene) {
+    WithScene(GetParam().scene, On(GetParam().vm), [=](Scene &scene) {
         const std::vector<std::string> &requests = GetParam().requests;
         std::vector<Runner *> still; // a thread that runs would read what is spoilt
         std::vector<Object *> named;

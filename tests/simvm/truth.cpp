@@ -1,6 +1,6 @@
 #include "truth.h"
-#include "agent.h"
-#include "heap.h"
+#include "scenes.h"
+#include "simvm.h"
 
 #include <algorithm>
 #include <fstream>

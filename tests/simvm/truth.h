@@ -2,7 +2,7 @@
 // description.
 #pragma once
 
-#include "roots.h"
+#include "scenes.h"
 
 #include <set>
 

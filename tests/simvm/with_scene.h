@@ -1,14 +1,15 @@
 // How a test gets its VM, its scene and its agent: one VM a process.
 #pragma once
 
-#include "agent.h"
-
 #include "qoragent/worker.h"
 #include "qorutil/vm_offsets.h"
+#include "scenes.h"
+#include "truth.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,6 +46,23 @@ inline void WithScene(const std::string &name, const Options &options,
     EndScene(&scene);
 }
 
+// As if the calling thread's body were Java code: without a frame anchor, in the state of threads that may be
+// held.
+template <class BODY>
+void AsJava(BODY body) {
+    static thread_local Word self; // once: later the thread may own malloc's lock
+    if (!self) {
+        const std::lock_guard<std::recursive_mutex> held(vm.lock);
+        for (const ThreadInfo *thread : vm.threads)
+            self = thread->kernelId == gettid() ? thread->address : self;
+    }
+    Word &anchor = At(self, &JavaThread::anchorSp), sp = std::exchange(anchor, 0);
+    __atomic_store_n(&At(self, &JavaThread::state), IN_JAVA, __ATOMIC_SEQ_CST);
+    body();
+    __atomic_store_n(&At(self, &JavaThread::state), IN_NATIVE, __ATOMIC_SEQ_CST);
+    anchor = sp;
+}
+
 inline size_t OpenDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return size_t(std::count_if(begin(all), end(all), [](const auto &entry) { return entry.exists(); }));
@@ -76,15 +94,76 @@ inline void InOwnProcess(const std::function<void()> &body) {
     EXPECT_EQ(status, 0) << "the process failed, or died";
 }
 
-// Three builds and collectors, one of them a client.
-inline Options BuildOf(int number) {
-    const char *const VERSIONS[] = {"1.5.0_07", "1.5.0_22", "1.5.0_10"};
-    Options options;
-    options.version = VERSIONS[number];
-    options.isClient = number == 2;
-    options.collector = Collector(number);
-    options.wide = number == 1;
-    return options;
+const char *const BUILDS[] = {"07", "22 parallel", "10 client cms"};
+
+inline std::string Key(const ThreadInfo &thread) {
+    return std::to_string(getpid()) + "-" + std::to_string(thread.kernelId);
+}
+
+inline bool Loops(const Runner &runner) {
+    return Loops(runner.script->rest);
+}
+
+// A poll with stacks, by key.
+inline std::map<std::string, Shown> ReadPoll(const std::string &reply) {
+    std::map<std::string, Shown> threads;
+    Shown *last = nullptr;
+    for (const std::string &section : Split(reply, 31)) {
+        std::vector<std::string> records = Split(section, 30);
+        const std::string title = records.empty() ? "" : records[0];
+        for (size_t i = 1; i < records.size(); i++) {
+            const std::vector<std::string> field = Split(records[i], 29);
+            if (title == "Thread Info Details" && field.size() == 10)
+                *(last = &threads[field[5]]) = {field[1], field[9], {}, "", {}};
+            else if (title == "Call Stack")
+                last->frames.push_back(field[0] + " " + field[1] + " " + field[2]);
+            else if (title == "Lock On")
+                last->waits = field[0] + " " + field[2];
+            else if (title == "JVM Locks")
+                last->locks.push_back(field[0] + " " + field[2] + " " + field[3]);
+        }
+        if (last)
+            std::sort(last->locks.begin(), last->locks.end());
+    }
+    return threads;
+}
+
+// One that calls is compared by its two outermost frames: it is between two of its calls.
+inline void ExpectRow(const Runner &runner, Shown shown) {
+    Shown truth = Truth(runner);
+    EXPECT_EQ(shown.name, truth.name);
+    EXPECT_EQ(shown.state, truth.state) << truth.name;
+    if (runner.script->rest == Rest::CALLS) {
+        ASSERT_GE(shown.frames.size(), 2u) << truth.name;
+        for (Shown *of : {&shown, &truth})
+            of->frames.erase(of->frames.begin(), of->frames.end() - 2);
+        shown.waits = truth.waits;
+        shown.locks = truth.locks;
+    }
+    EXPECT_EQ(shown.frames, truth.frames) << truth.name;
+    EXPECT_EQ(shown.waits, truth.waits) << truth.name;
+    EXPECT_EQ(shown.locks, truth.locks) << truth.name;
+}
+
+// Asks until each thread that runs has stopped in time, for the rows of all; on a busy machine some don't.
+// Those at rest have to be right at once.
+inline void ExpectPoll(const std::vector<Runner *> &runners) {
+    std::vector<Runner *> looping;
+    for (int polls = 0; polls == 0 || (!looping.empty() && polls < 50 && !testing::Test::HasFailure());
+         polls++) {
+        std::map<std::string, Shown> threads = ReadPoll(Ask("793|showstack|32768"));
+        std::vector<Runner *> missing;
+        for (Runner *runner : polls == 0 ? runners : looping)
+            if (Loops(*runner) && threads[Key(*runner->info)].frames.empty())
+                missing.push_back(runner);
+            else
+                ExpectRow(*runner, threads[Key(*runner->info)]);
+        looping = missing;
+        if (looping.empty()) {
+            EXPECT_EQ(threads.size(), runners.size() + 1); // and the caller
+        }
+    }
+    EXPECT_TRUE(looping.empty()) << Truth(*looping[0]).name << " was never shown with frames";
 }
 
 } // namespace simvm
