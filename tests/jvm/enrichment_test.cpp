@@ -202,5 +202,6 @@ TEST_F(AgentTest, ShowsFiguresOfEachThread) {
                           "cpu=[0-9]+ load=[-.0-9]+ threads=[0-9]+ peak=[0-9]+ daemons=[0-9]+ "
                           "classes=[0-9]+ uptime=[0-9]+\\x1f");
     EXPECT_TRUE(std::regex_search(Ask("644|showstack|8192"), line));
-    EXPECT_EQ(Ask("516|showstack|8192").find("System Data"), std::string::npos) << "not asked";
+    for (const char *request : {"516|showstack|8192", "404|showstack|32768"})
+        EXPECT_EQ(Ask(request).find("System Data"), std::string::npos) << "not asked, or a poll: " << request;
 }
