@@ -115,19 +115,16 @@ TEST_F(Heap, LocalsHaveTheirThreadAndMethod) {
 }
 
 TEST_F(Heap, TwoDumpsDifferInHeaderAndTrailerAlone) {
-    heap_id = 4711;
     strcpy(vend, "Ve|dor\nInc.");
     Dump(); // where the JVM keeps this thread's references is settled by the first
     const TextDump first = Dump();
     const int32_t run = igbCurrentRun;
-    EXPECT_EQ(first.summary.heap_id, 4711u);
     EXPECT_EQ(first.summary.vendor, "Ve dor Inc.");
     gbiDumpBufferSize = 64;
     const TextDump second = Dump();
     EXPECT_NE(igbCurrentRun, run);
     EXPECT_TRUE(first.body == second.body) << first.body.size() << " " << second.body.size();
     vend[0] = 0;
-    heap_id = 0;
 }
 
 TEST_F(Heap, DumpIsRefusedWithoutHarm) {

@@ -109,9 +109,6 @@ TEST_F(Start, ANamelessJvmIsKnownByItsOnlyPort) {
         const Listener second;
         EXPECT_EQ(StartAgent(nameless), START_OK);
         EXPECT_STREQ(ext_jvm_id_str, "");
-        EXPECT_EQ(StartAgent(StartArguments()), START_OK);
-        EXPECT_STREQ(ext_jvm_id_str, "test");
-        EXPECT_EQ(StartAgent(nameless), START_OK);
     }
     Ask("516|showmem|256|no/path");
     EXPECT_EQ(std::string(ext_jvm_id_str), std::to_string(first.port));

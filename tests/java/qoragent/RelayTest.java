@@ -125,7 +125,6 @@ public class RelayTest {
             {"", MARK},
             {"a" + MARK, "a" + MARK},
             {"a" + MARK + "b", "a" + broken + "b" + MARK},
-            {"a" + MARK + MARK, "a" + broken + MARK},
             {"a|\t|\t\t|", "a| |\t\t|" + MARK},
             {"|\t|\t\t||\t|\t\t||x", "| |\t\t|| |\t\t||x" + MARK},
         };
