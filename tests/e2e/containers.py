@@ -27,7 +27,7 @@ class Contained(Application):
 
     def __init__(self, mounts, cwd, wrap):
         script = f"""set -e; mount -t tmpfs -o mode=1777 none /mnt; mkdir /mnt/classes /mnt/closed /mnt/home
-            chown 0:{GROUP} /mnt/closed; chmod 770 /mnt/closed; chmod 777 /mnt/home
+            chown 0:{GROUP} /mnt/closed; chmod 775 /mnt/closed; chmod 777 /mnt/home
             mount --bind {SETTINGS.classes} /mnt/classes; mount -t tmpfs -o mode=1777 none /tmp
             mount -t proc proc /proc 2>&1 || : # of the process ids in there, when they are its own
             {mounts} cd {cwd}; exec setpriv --reuid={USER} --regid={USER} --clear-groups "$@" """
