@@ -207,14 +207,15 @@ void ReadBatch(Sampler *sampler, bool rest) {
     }
 }
 
+// Stack and state by one call: each call keeps all virtual threads from being switched while it lasts.
 void ReadSingly(Sampler *sampler) {
-    static jvmtiFrameInfo frames[READ_DEPTH];
     const int64_t start = QorVirtualClock();
     for (int32_t i = 0; i < sampler->held; i++) {
-        jint count = 0, state = 0;
-        if (jvmti->GetStackTrace(sampler->threads[i], 0, READ_DEPTH, frames, &count) == JVMTI_ERROR_NONE &&
-            jvmti->GetThreadState(sampler->threads[i], &state) == JVMTI_ERROR_NONE)
-            AddStack(sampler, sampler->threads[i], state, frames, count);
+        jvmtiStackInfo *stack = nullptr;
+        if (jvmti->GetThreadListStackTraces(1, &sampler->threads[i], READ_DEPTH, &stack) != JVMTI_ERROR_NONE)
+            continue;
+        AddStack(sampler, sampler->threads[i], stack->state, stack->frame_buffer, stack->frame_count);
+        jvmti->Deallocate(reinterpret_cast<unsigned char *>(stack));
     }
     sampler->sample->stopUsec += QorVirtualClock() - start;
 }
