@@ -25,7 +25,7 @@ constexpr size_t LARGEST_JAR = 64 << 20, MAX_MOUNTINFO = 4 << 20, MAX_REPORT = 6
 constexpr std::chrono::seconds SEARCH_LIMIT(10); // a file system of the JVM's may hang
 constexpr std::chrono::milliseconds END_LIMIT(500);
 constexpr size_t PLACES_SAID = 12;
-constexpr unsigned SPACE = 4; // times the jar: the unpacked library too
+constexpr unsigned SPACE = 2; // times the jar: the unpacked library too
 constexpr const char *VOLUME = "--tmpfs /qoragent:rw,exec,mode=1777";
 constexpr char FOUND = '+', NONE = '-';
 
