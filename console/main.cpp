@@ -35,6 +35,7 @@ struct CommandLine {
     std::string fork_dump;
     std::vector<int64_t> tags;
     std::string follow;
+    RecordOptions record;
 };
 
 CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings *settings) {
@@ -267,6 +268,49 @@ void AddForkDump(CLI::App *app, CommandLine *line) {
     fork_dump->final_callback([line] { RunForkDump(line->settings, line->pid, line->fork_dump == "on"); });
 }
 
+// "500ms", "10s", "5m", "2h", "7d"; a number alone is seconds.
+CLI::AsNumberWithUnit Duration() {
+    return CLI::AsNumberWithUnit(
+        std::map<std::string, double>{{"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}},
+        CLI::AsNumberWithUnit::DEFAULT, "");
+}
+
+void AddRecord(CLI::App *app, CommandLine *line) {
+    CLI::App *record = AddJvmCommand(
+        app, "record", "Sample the threads for a while and write what they did to a file", line);
+    RecordOptions *options = &line->record;
+    options->console_version = QOR_VERSION;
+    record->add_option("--every", options->every, "Time between two samples, such as 500ms or 5s; default 1s")
+        ->option_text("TIME")
+        ->transform(Duration())
+        ->check(CLI::Range(0.1, 86400.0).description(""));
+    record->add_option("--for", options->lasts, "How long, such as 60s or 2h; 0: until Ctrl-C; default 60s")
+        ->option_text("TIME")
+        ->transform(Duration())
+        ->check(CLI::Range(0.0, 1e9).description(""));
+    record
+        ->add_option("--out", options->out,
+                     "The file, packed if it ends in .gz; '-' is standard output; else "
+                     "record-PID-TIME.ndjson.gz")
+        ->option_text("FILE");
+    record
+        ->add_option("--share", options->share,
+                     "Percent of the time that the agent may spend on it; else it samples less often")
+        ->option_text("PERCENT")
+        ->capture_default_str()
+        ->check(CLI::Range(0.1, 100.0).description(""));
+    record
+        ->add_option("--part-size", options->part_size, "Bytes of a part, such as 64M, which is the default")
+        ->option_text("SIZE")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(CLI::Range(uint64_t{4096}, UINT64_MAX).description(""));
+    record->add_option("--parts", options->parts, "Parts to keep; the oldest are removed")
+        ->option_text("N")
+        ->capture_default_str()
+        ->check(CLI::Range(1, INT_MAX).description(""));
+    record->final_callback([line] { RunRecord(line->settings, line->pid, line->record); });
+}
+
 // Needs no agent, and asks the JVM nothing.
 void AddHung(CLI::App *app, CommandLine *line) {
     CLI::App *hung = AddCommand(
@@ -394,6 +438,7 @@ int Run(int argc, char **argv) {
     AddMemory(&app, &line);
     AddDump(&app, &line);
     AddForkDump(&app, &line);
+    AddRecord(&app, &line);
     AddHung(&app, &line);
     AddMetrics(&app, &line);
     AddOthers(&app, &line);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/settings.h"
+#include "record/recorder.h"
 
 #include <cstdint>
 #include <string>
@@ -67,6 +68,7 @@ void RunReadDump(const Settings &settings, const std::string &file, int top);
 void RunSummary(const Settings &settings, pid_t pid, double watch);
 // Over an interval in seconds; with `watch` again and again, over that.
 void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
+void RunRecord(const Settings &settings, pid_t pid, const RecordOptions &options);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);
 void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);

@@ -104,29 +104,38 @@ Json Array(const std::vector<T> &values, Convert convert) {
     return array;
 }
 
+void AddTiers(const Thread &thread, Json *object) {
+    if (thread.request_url || thread.request_detail)
+        (*object)["request"] = {{"url", OrNull(thread.request_url)},
+                                {"detail", OrNull(thread.request_detail)}};
+    if (thread.db)
+        (*object)["db"] = DbJson(*thread.db);
+    if (thread.rmi)
+        (*object)["rmi"] = ToJson(*thread.rmi);
+    AddEndToEnd(thread.end_to_end, object);
+    AddVirtual(thread.end_to_end, object);
+}
+
+void AddLocks(const Thread &thread, Json *object) {
+    (*object)["waits_for"] = thread.waits_for ? ToJson(*thread.waits_for) : Json();
+    (*object)["parked_on"] =
+        thread.parked_on ? Json{{"lock", thread.parked_on->lock}, {"class", thread.parked_on->class_name}}
+                         : Json();
+    (*object)["owns"] = Array(thread.owns, [](const OwnedLock &lock) { return ToJson(lock); });
+}
+
 Json ToJson(const Thread &thread) {
     Json object = {{"name", thread.name},
                    {"id", thread.key.thread},
                    {"key", thread.key.Text()},
                    {"state", thread.state},
                    {"call", thread.call ? ToJson(*thread.call) : Json()}};
-    if (thread.request_url || thread.request_detail)
-        object["request"] = {{"url", OrNull(thread.request_url)}, {"detail", OrNull(thread.request_detail)}};
-    if (thread.db)
-        object["db"] = DbJson(*thread.db);
-    if (thread.rmi)
-        object["rmi"] = ToJson(*thread.rmi);
-    AddEndToEnd(thread.end_to_end, &object);
-    AddVirtual(thread.end_to_end, &object);
+    AddTiers(thread, &object);
     if (thread.stack.empty())
         return object;
     object["stack"] = Array(thread.stack, StackRow);
     object["stack_cut"] = thread.stack_cut;
-    object["waits_for"] = thread.waits_for ? ToJson(*thread.waits_for) : Json();
-    object["parked_on"] =
-        thread.parked_on ? Json{{"lock", thread.parked_on->lock}, {"class", thread.parked_on->class_name}}
-                         : Json();
-    object["owns"] = Array(thread.owns, [](const OwnedLock &lock) { return ToJson(lock); });
+    AddLocks(thread, &object);
     return object;
 }
 
@@ -142,6 +151,13 @@ Json DbJson(const DbWait &db) {
             {"sql_ref", NumberOrNull(db.sql_ref)},
             {"sql", OrNull(db.sql)},
             {"type", OrNull(db.type)}};
+}
+
+Json RowJson(const Thread &thread) {
+    Json object = {{"name", thread.name}, {"id", thread.key.thread}, {"state", thread.state}};
+    AddTiers(thread, &object);
+    AddLocks(thread, &object);
+    return object;
 }
 
 Json ToJson(const ThreadSample &sample) {

@@ -11,6 +11,8 @@ namespace qorctl {
 using Json = nlohmann::ordered_json;
 
 Json ToJson(const ThreadSample &sample);
+// One thread without its current call and its stack.
+Json RowJson(const Thread &thread);
 Json DbJson(const DbWait &db);
 Json ToJson(const LockHolder &holder); // null when no thread is known
 Json ToJson(const Summary &summary);

@@ -1,0 +1,52 @@
+// The file that a recording goes into: plain lines, or gzip when its name ends in .gz.
+#pragma once
+
+#include "base/process.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qorctl {
+
+class PartFile {
+public:
+    // Makes the file, for its owner alone; "-" is standard output. Throws a Failure when it exists already or
+    // can't be made.
+    explicit PartFile(std::string path);
+    ~PartFile();
+    PartFile(const PartFile &) = delete;
+    PartFile &operator=(const PartFile &) = delete;
+
+    // Adds a line. Throws a Failure when the disk is full or the reader has gone.
+    void Write(std::string_view line);
+
+    // Has all that was added so far on disk, where a reader finds it even if this process is killed.
+    void Flush();
+
+    // Ends the file whole. Later calls do nothing.
+    void Close();
+
+    uint64_t bytes() const { return bytes_; } // of the file so far
+    const std::string &path() const { return path_; }
+
+private:
+    struct Gzip;
+    void Deflate(std::string_view text, int how);
+    void Put(std::string_view bytes);
+
+    std::string path_;
+    FileDescriptor file_;
+    std::unique_ptr<Gzip> gzip_; // null for plain lines
+    uint64_t bytes_ = 0;
+    bool closed_ = false;
+};
+
+// The name of a recording's part: "FILE" is part 1, "FILE" with ".N" before its endings part N.
+std::string PartName(const std::string &path, int part);
+
+// Reads a recording's bytes, unpacked where they are gzip; what follows a cut or damaged place is left out.
+// Throws a Failure when the file can't be read.
+std::string ReadPart(const std::string &path);
+
+} // namespace qorctl

@@ -1,0 +1,89 @@
+"""Recordings: what the file says is what the JVM did, and how it ends."""
+import gzip
+import json
+import os
+import signal
+import subprocess
+
+from harness import LIMIT, SETTINGS, Application, Case, environment, folder, wait_until
+
+
+def lines_of(path):
+    with (gzip.open if path.endswith(".gz") else open)(path, "rt", encoding="utf-8") as file:
+        return [json.loads(line) for line in file.read().rpartition("\n")[0].splitlines()]
+
+
+class Record(Case):
+    def setUp(self):
+        self.place, _ = folder(self)
+        self.app = Application()
+        self.addCleanup(self.app.__exit__)
+
+    def start(self, file, *words):
+        command = [SETTINGS.qorctl, "record", str(self.app.pid), "--out", file, *words]
+        record = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                  env=environment())
+        self.addCleanup(record.communicate)
+        self.addCleanup(record.kill)
+        wait_until("a recording", lambda: os.path.exists(file) or record.poll() is not None)
+        return record
+
+    def check(self, lines, reason):
+        self.assertEqual((lines[0]["type"], lines[-1]["type"], lines[-1]["reason"]), ("meta", "end", reason))
+        keys = {(line["host"], line["pid"], line["jvm"]) for line in lines}
+        self.assertEqual((len(keys), next(iter(keys))[1]), (1, self.app.pid))
+        self.assertEqual(lines[0]["version"], 1)
+        samples = [line for line in lines if line["type"] == "sample"]
+        self.assertEqual(lines[-1]["samples"], len(samples))
+        return samples
+
+    def test_what_it_says_of_threads(self):
+        file = f"{self.place}/a.ndjson.gz"
+        told = self.json("record", self.app.pid, "--options", "localquota=100", "--share", "100", "--every",
+                         "200ms", "--for", "3s", "--out", file)
+        lines = lines_of(file)
+        samples = self.check(lines, "finished")
+        self.assertEqual((told["samples"], told["parts"], told["bytes"]),
+                         (len(samples), 1, os.path.getsize(file)))
+        self.assertEqual(os.stat(file).st_mode & 0o777, 0o600)
+        stacks = {line["n"]: line["frames"] for line in lines if line["type"] == "stack"}
+        rows = {row["name"]: row for row in samples[-1]["threads"]}
+        first = {row["name"]: row for row in samples[0]["threads"]}
+        truths = self.app.truths()
+        self.assertEqual(rows["demo-web"]["request"], {"url": truths["demo-web"]["url"]})
+        self.assertEqual(rows["demo-lock-wanter"]["waits_for"]["owner"], first["demo-lock-holder"]["id"])
+        self.assertIn(first["demo-sleep"]["id"], samples[-1]["same"])
+        self.assertIn("Tasks$NightReport.act(Tasks.java:", " ".join(stacks[first["demo-sleep"]["stack"]]))
+        self.assertEqual(sum(samples[-1]["states"].values()),
+                         len(samples[-1]["threads"]) + len(samples[-1]["same"]))
+        self.assertGreater(samples[-1]["heap"]["used_kib"], 0)
+        self.refused("File exists", "record", self.app.pid, "--out", file)
+
+    def test_parts_stand_alone(self):
+        file = f"{self.place}/b.ndjson"
+        told = self.json("record", self.app.pid, "--share", "100", "--every", "100ms", "--for", "4s", "--out",
+                         file, "--part-size", "20k", "--parts", "2")
+        self.assertGreater(told["parts"], 2)
+        names = [f"{self.place}/b.{told['parts'] - back}.ndjson" for back in (1, 0)]
+        self.assertEqual(sorted(os.listdir(self.place)), sorted(map(os.path.basename, names)))
+        for name, reason in zip(names, ("rotated", "finished")):
+            samples = self.check(lines_of(name), reason)
+            self.assertEqual(samples[0]["same"], [])
+
+    def test_ends_in_good_order(self):
+        """By Ctrl-C; a JVM that doesn't answer for a while is said to, and one that ends too."""
+        file = f"{self.place}/c.ndjson.gz"
+        record = self.start(file, "--share", "100", "--every", "200ms", "--for", "0")
+        record.send_signal(signal.SIGINT)
+        self.assertEqual((record.wait(LIMIT), record.stderr.read()), (0, ""))
+        self.check(lines_of(file), "interrupted")
+        file = f"{self.place}/d.ndjson"
+        record = self.start(file, "--share", "100", "--every", "200ms", "--for", "0", "--timeout", "1")
+        self.app.process.send_signal(signal.SIGSTOP)
+        wait_until("said to be stopped",
+                   lambda: any("is stopped" in line.get("unanswered", "") for line in lines_of(file)))
+        self.app.process.send_signal(signal.SIGCONT)
+        wait_until("sampled again", lambda: "threads" in lines_of(file)[-1])
+        self.app.process.kill()
+        self.assertEqual(record.wait(LIMIT), 0)
+        self.check(lines_of(file), "jvm ended")

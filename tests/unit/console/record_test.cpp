@@ -1,0 +1,155 @@
+// What a recording consists of: its pace, its parts, its lines, and the completion of a sample that was cut.
+#include "record/jvm_life.h"
+#include "record/pace.h"
+#include "record/part_file.h"
+#include "record/record_lines.h"
+#include "record/sampler.h"
+#include "wire.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+using namespace qorctl;
+
+namespace {
+
+TEST(Pace, GrowsWithWhatItCosts) {
+    const struct {
+        int spent_ms, interval_ms;
+    } rows[] = {{500, 1000}, {5, 1000}, {30, 1500},  {31, 1500}, {60, 1500},
+                {60, 1500},  {1, 1500}, {100, 3000}, {1, 3000},  {1, 1000}};
+    Pace pace(std::chrono::milliseconds(1000), 0.02);
+    for (const auto &row : rows) {
+        auto before = pace.interval();
+        bool changed = pace.Add(std::chrono::milliseconds(row.spent_ms));
+        EXPECT_EQ(pace.interval().count(), row.interval_ms) << row.spent_ms;
+        EXPECT_EQ(changed, pace.interval() != before);
+    }
+}
+
+TEST(Parts, Names) {
+    EXPECT_EQ(PartName("/tmp/a.b/rec.ndjson.gz", 1), "/tmp/a.b/rec.ndjson.gz");
+    EXPECT_EQ(PartName("/tmp/a.b/rec.ndjson.gz", 12), "/tmp/a.b/rec.12.ndjson.gz");
+    EXPECT_EQ(PartName(".rec", 2), ".rec.2");
+}
+
+// A process is another one after the reuse of its number, and after an exec.
+TEST(JvmLife, OfProc) {
+    std::string stat = "42 (a (b) c) S 1 1 1 0 -1 0 0 0 0 0 250 50 0 0 20 0 9 0 777 1 1 1 4096 5";
+    std::optional<JvmLife> life = ParseLife(stat, 100);
+    ASSERT_TRUE(life);
+    EXPECT_EQ(life->cpu_ms, 3000);
+    EXPECT_TRUE(life->IsSame(*life));
+    for (const char *change : {"777", "4096"})
+        EXPECT_FALSE(life->IsSame(*ParseLife(std::string(stat).replace(stat.find(change), 1, "9"), 100)));
+    EXPECT_FALSE(ParseLife(std::string(stat).replace(stat.find(" S "), 3, " Z "), 100));
+}
+
+Thread ThreadOf(int64_t id, int64_t cpu, int line) {
+    Thread thread;
+    thread.name = fmt::format("http-nio-8080-exec-{}", id);
+    thread.key = {4711, id};
+    thread.state = "Object Wait";
+    thread.end_to_end.cpu_nanoseconds = cpu;
+    thread.parked_on = OwnedLock{614053729 + id, "java.util.concurrent.SynchronousQueue$TransferStack"};
+    for (int depth = 0; depth < 40; ++depth) {
+        Frame &frame = thread.stack.emplace_back();
+        frame.class_name = fmt::format("com.acme.shop.layer{}.Service{}", depth, depth % 7);
+        frame.method = "handle";
+        frame.file = "Service.java";
+        frame.line = line + depth;
+        frame.index = depth;
+    }
+    return thread;
+}
+
+// 120,960 samples, a week at 5 s, in 500 MB; a tenth of the threads changes, each to a place of its own.
+TEST(PartLines, AWeekFits) {
+    constexpr int SAMPLES = 40, THREADS = 200;
+    constexpr uint64_t LIMIT = uint64_t{500000000} * SAMPLES / 120960;
+    std::string path = fmt::format("/tmp/qor-record-{}.gz", getpid());
+    unlink(path.c_str());
+    PartFile file(path);
+    PartLines lines;
+    TakenSample sample;
+    for (int n = 1; n <= SAMPLES; ++n) {
+        for (int id = 1; id <= THREADS; ++id)
+            if (n == 1)
+                sample.threads.threads.push_back(ThreadOf(id, id, id * 7));
+            else if ((n + id) % 10 == 0)
+                sample.threads.threads[size_t(id) - 1] = ThreadOf(id, n * 1000003L, (id * 7 + n * 13) % 900);
+        for (const std::string &line : lines.Sample({"host", 4711, "4711-1-1", n * 5000L}, sample))
+            file.Write(line);
+    }
+    file.Close();
+    EXPECT_LT(file.bytes(), LIMIT);
+    std::string text = ReadPart(path);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), SAMPLES + static_cast<int>(lines.stacks()));
+    unlink(path.c_str());
+}
+
+// Rows that queries look for are written each time; others only when they change.
+TEST(PartLines, NameUnchangedThreadsByIdAlone) {
+    PartLines lines;
+    TakenSample sample;
+    sample.threads.threads = {ThreadOf(1, 5, 10), ThreadOf(2, 5, 10)};
+    sample.threads.threads[1].waits_for = LockWait{7, {4711, 1}, "Account"};
+    EXPECT_EQ(lines.Sample({}, sample).size(), 2u); // a stack
+    sample.threads.threads.push_back(ThreadOf(3, 5, 10));
+    std::vector<std::string> second = lines.Sample({}, sample);
+    ASSERT_EQ(second.size(), 1u);
+    Json line = Json::parse(second[0]);
+    EXPECT_EQ(line["same"], Json({1}));
+    EXPECT_EQ(line["states"], Json({{"Object Wait", 3}}));
+    EXPECT_EQ(line["threads"][0]["waits_for"], Json({{"lock", 7}, {"class", "Account"}, {"owner", 1}}));
+    EXPECT_EQ(line["threads"][1]["stack"], 0);
+    sample.threads.threads.resize(1);
+    sample.threads.threads[0].end_to_end.cpu_nanoseconds = 6;
+    EXPECT_EQ(Json::parse(lines.Sample({}, sample)[0])["threads"].size(), 1u);
+}
+
+const std::string STACK = "Call Stack;com.acme.Cart->add~Cart.java~40~23~0~140001~^~^";
+
+// An agent with three threads, of which a poll with stacks shows the first. A stack takes it 0.9 s.
+struct SmallAgent {
+    std::string stacks_asked;
+
+    std::string operator()(const std::string &request) {
+        auto row = [](const std::string &id) {
+            return "t-" + id + "~^~^~^~77-" + id + "~com.acme.Cart->total~Cart.java~12~Runnable";
+        };
+        const std::string details = "Thread Info Details;";
+        if (request == "281|showstack|32768")
+            return Wire(details + row("1") + "!" + STACK);
+        if (size_t at = request.find("ARG=x,1=77-"); at != request.npos) {
+            std::string id = request.substr(at + 11);
+            stacks_asked += id;
+            return Wire(details + row(id) + "!" + STACK +
+                        "!Time spent in JVM for processing request;900000 usec!");
+        }
+        if (request.find("showstack") == request.npos)
+            return "walk=3 leftout=0 handquota=5 cut=0";
+        std::string rows;
+        for (const char *id : {"1", "2", "3"})
+            rows += (rows.empty() ? "" : "!") + ("JVM Active Threads;a~" + row(id));
+        return Wire(rows + "!" + TIMING);
+    }
+};
+
+TEST(Sampler, CompletesWhatWasCut) {
+    SmallAgent agent;
+    Sampler sampler(77);
+    auto take = [&](int budget_ms) {
+        TakenSample sample = sampler.Take([&](const std::string &request) { return agent(request); },
+                                          std::chrono::milliseconds(budget_ms));
+        EXPECT_EQ(sample.threads.threads.size(), 3u);
+        return sample.missing;
+    };
+    EXPECT_EQ(take(0), 2);
+    EXPECT_EQ(take(500), 1);
+    EXPECT_EQ(take(500), 1); // another one
+    EXPECT_EQ(take(5000), 0);
+    EXPECT_EQ(agent.stacks_asked, "2323");
+}
+
+} // namespace
