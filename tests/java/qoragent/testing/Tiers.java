@@ -98,10 +98,10 @@ public final class Tiers {
                  -> new WebApplicationImpl().handleRequest(
                      new com.sun.jersey.spi.container.ContainerRequest("POST", URI.create("http://h/c")),
                      work)),
-            call("filter",
-                 work
-                 -> new AdsFilter().doFilter(new RequestEventsFilter$EventsRequestWrapper(faces), null,
-                                             (request, response) -> work.run())),
+            call(
+                "filter",
+                work
+                -> new AdsFilter().doFilter(new RequestEventsFilter$EventsRequestWrapper(faces), null, work)),
             call("page",
                  work
                  -> new ControlFlowEngine().performControlFlow(

@@ -1,5 +1,0 @@
-package javax.servlet;
-
-public interface FilterChain {
-    void doFilter(ServletRequest request, ServletResponse response);
-}
