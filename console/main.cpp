@@ -52,6 +52,7 @@ void AddAgentOptions(CLI::App *command, CommandLine *line) {
                         "Options for the agent if it is loaded now: key=value,...");
     command->add_flag("--strict", line->settings.strict,
                       "Ask only if it is proven that the JVM itself answers");
+    command->add_flag("--cost", line->settings.cost, "Say last for how long the JVM was stopped");
     command->add_option("--timeout", line->settings.timeout, "Seconds to wait for an answer")
         ->capture_default_str()
         ->check(CLI::Range(1, 86400));
@@ -74,6 +75,15 @@ void AddWatch(CLI::App *command, double *seconds) {
         ->check(CLI::Range(0.1, 86400.0));
 }
 
+void AddBudget(CLI::App *command, Settings *settings) {
+    command
+        ->add_option(
+            "--budget", settings->budget,
+            "Milliseconds for which the JVM may be stopped, judged by what the last request cost it: what "
+            "doesn't fit is left out, or nothing asked")
+        ->option_text("50ms");
+}
+
 void AddWide(CLI::App *command, Settings *settings) {
     command->add_flag("--wide", settings->wide, "Don't cut lines to the terminal's width");
 }
@@ -89,6 +99,7 @@ void AddThreads(CLI::App *app, CommandLine *line) {
     command
         ->add_option("--match", line->threads.match, "Only threads with TEXT in name, state, call or stack")
         ->option_text("TEXT");
+    AddBudget(command, &line->settings);
     AddWatch(command, &line->threads.watch);
     AddWide(command, &line->settings);
     command->final_callback([line] { RunThreads(line->settings, line->pid, line->threads); });
@@ -213,6 +224,7 @@ void AddMemory(CLI::App *app, CommandLine *line) {
     CLI::App *histogram = AddJvmCommand(
         app, "histogram", "Show the classes that hold the most heap, counted by a copy of the JVM", line);
     AddStop(histogram, line);
+    AddBudget(histogram, settings);
     histogram->add_option("--top", line->top, "Rows, at most 302")
         ->option_text("N")
         ->capture_default_str()

@@ -11,6 +11,7 @@ int32_t trace_single_thread_details;
 int32_t show_jsp_info;
 int32_t get_system_data;
 int32_t trace_all_threads;
+int32_t cost_wanted;
 int32_t copy_flags;
 int32_t no_locals;
 int32_t qorIsPollOrTrace;

@@ -50,6 +50,7 @@ enum : int32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_TRACE_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
+    FLAG_COST = 1024,    // what the request cost the JVM is a section at the end
     FLAG_COPY = 2048,    // a text dump or histogram is made by a copy of the process
     FLAG_NO_COPY = 4096, // it isn't; without either flag the setting decides
     FLAG_NO_LOCALS = 8192,
@@ -73,6 +74,7 @@ extern int32_t trace_single_thread_details; // only the thread named in slot 1
 extern int32_t show_jsp_info;               // web request information
 extern int32_t get_system_data;             // add system data
 extern int32_t trace_all_threads;           // idle threads too
+extern int32_t cost_wanted;                 // add what the request cost
 extern int32_t copy_flags;                  // FLAG_COPY, FLAG_NO_COPY
 extern int32_t no_locals;                   // leave local variables alone
 extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent

@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "jvm/session.h"
+#include "wire/cost.h"
 #include "wire/request.h"
 
 #include <cerrno>
@@ -9,14 +10,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
+#include <optional>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qorctl {
 
 namespace {
 
 constexpr size_t MAX_TIERS = 131072; // bytes of the agent's rules
+
+std::optional<Cost> cost_so_far; // of the requests since the last view
 
 } // namespace
 
@@ -48,17 +53,54 @@ void PrintAnswer(const Settings &settings, pid_t pid, const std::string &answer)
 }
 
 void PrintView(const Settings &settings, double watch, const Json &document, const std::string &text) {
-    if (settings.json)
-        Print(JsonText(document, watch > 0) + "\n");
-    else if (watch > 0 && TerminalStyle(settings).colour)
-        Print("\x1b[H\x1b[2J" + text);
+    if (settings.json) {
+        Json shown = document;
+        AddCost(&shown);
+        Print(JsonText(shown, watch > 0) + "\n");
+        return;
+    }
+    const std::string whole = text + CostText(settings);
+    if (watch > 0 && TerminalStyle(settings).colour)
+        Print("\x1b[H\x1b[2J" + whole);
     else
-        Print(watch > 0 ? text + "\n" : text);
+        Print(watch > 0 ? whole + "\n" : whole);
+}
+
+std::string CostText(const Settings &settings) {
+    const std::optional<Cost> cost = std::exchange(cost_so_far, std::nullopt);
+    if (!settings.cost)
+        return "";
+    if (!cost)
+        return "the agent doesn't report what the request cost the JVM\n";
+    return fmt::format(
+        "the JVM was stopped for {:.1f} ms at most at a time, {:.1f} ms in all, in {} calls{}\n",
+        cost->largest_ms, cost->sum_ms, cost->calls,
+        cost->walk_left_out ? "; the walk for local variables was left out" : "");
+}
+
+void AddCost(Json *document) {
+    if (const std::optional<Cost> cost = std::exchange(cost_so_far, std::nullopt);
+        cost && document->is_object())
+        (*document)["stopped_at_most_ms"] = {{"largest", cost->largest_ms},
+                                             {"sum", cost->sum_ms},
+                                             {"calls", cost->calls},
+                                             {"walk_left_out", cost->walk_left_out}};
+}
+
+std::string AskCosted(const Settings &settings, Connection *connection, const std::string &request) {
+    const bool wanted = settings.cost || settings.json;
+    std::string reply = connection->Ask(wanted ? WithCost(request) : request, Seconds(settings.timeout));
+    if (const std::optional<Cost> cost = wanted ? TakeCost(&reply) : std::nullopt) {
+        if (!cost_so_far)
+            cost_so_far = Cost();
+        cost_so_far->Add(*cost);
+    }
+    return reply;
 }
 
 std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request) {
     Connection connection = RequireAgent(settings, RequireProcess(pid));
-    return connection.Ask(request, Seconds(settings.timeout));
+    return AskCosted(settings, &connection, request);
 }
 
 void NoteMissingTiers(const Settings &settings, pid_t pid) {
@@ -93,7 +135,7 @@ std::string ReadTiers(const Settings &settings, Connection *connection) {
 
 std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_t pid,
                                                   const ThreadSample &sample) {
-    if (!MayBeUnknown(sample))
+    if (!MayBeUnknown(sample) || !settings.budget.empty()) // the look is one more sample
         return {};
     try {
         Connection connection = RequireAgent(settings, RequireProcess(pid));
@@ -104,8 +146,7 @@ std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_
             ThreadQuestion question;
             question.details = true;
             question.locals = false;
-            more =
-                DecodeThreads(OpenReply(connection.Ask(ThreadsRequest(question), Seconds(settings.timeout))));
+            more = DecodeThreads(OpenReply(AskCosted(settings, &connection, ThreadsRequest(question))));
         }
         const ThreadSample &stacks = has_stacks ? sample : more;
         if (FindUnknownProducts(stacks, "").empty())

@@ -31,6 +31,14 @@ void PrintAnswer(const Settings &settings, pid_t pid, const std::string &answer)
 // line where nothing can be cleared.
 void PrintView(const Settings &settings, double watch, const Json &document, const std::string &text);
 
+// What the requests since the last view cost the JVM, where that was asked for: a last line of text with
+// --cost, a member of the document with --json. Forgets it.
+std::string CostText(const Settings &settings);
+void AddCost(Json *document);
+
+// Sends a request over a connection: the reply, whose cost is kept for the view.
+std::string AskCosted(const Settings &settings, Connection *connection, const std::string &request);
+
 // Sends one request to the agent of a JVM, which is loaded if it isn't there: the reply.
 std::string AskOnce(const Settings &settings, pid_t pid, const std::string &request);
 

@@ -104,10 +104,8 @@ void RunSummary(const Settings &settings, pid_t pid, double watch) {
     Repeat(watch, [&] {
         std::string reply = AskOnce(settings, pid, request);
         Summary summary = DecodeSummary(OpenReply(reply));
-        if (settings.json)
-            Print(JsonText(ToJson(summary), watch > 0) + "\n");
-        else if (watch <= 0)
-            Print(SummaryTable(summary, TerminalStyle(settings)));
+        if (settings.json || watch <= 0)
+            PrintView(settings, watch, ToJson(summary), SummaryTable(summary, TerminalStyle(settings)));
         else
             Print((line++ % HEADER_EVERY == 0 ? SummaryHeader() : "") + SummaryLine(summary));
     });
@@ -168,7 +166,7 @@ void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool b
     if (text.compare(0, SHUTDOWN_REQUEST.size(), SHUTDOWN_REQUEST) == 0)
         throw Failure("SHUTDOWN has no reply to show", fmt::format("use qorctl shutdown {}", pid),
                       EXIT_USAGE);
-    std::string reply = AskOnce(settings, pid, text);
+    std::string reply = RequireAgent(settings, RequireProcess(pid)).Ask(text, Seconds(settings.timeout));
     if (settings.json)
         Print(JsonText({{"pid", pid}, {"reply", reply}}, false) + "\n");
     else

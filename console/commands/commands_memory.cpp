@@ -1,5 +1,6 @@
 // The commands about heap and collectors.
 #include "base/failure.h"
+#include "budget.h"
 #include "command_tools.h"
 #include "copy.h"
 #include "jvm/session.h"
@@ -7,6 +8,8 @@
 #include "wire/memory.h"
 #include "wire/protocol.h"
 #include "wire/request.h"
+
+#include <fmt/format.h>
 
 namespace qorctl {
 
@@ -37,7 +40,7 @@ MemoryView AskForMemory(const Settings &settings, pid_t pid, bool repeated) {
 std::string AskForHistogram(Connection *connection, const Settings &settings, uint32_t copy_flags) {
     auto end = std::chrono::steady_clock::now() + Seconds(settings.timeout);
     for (;;) {
-        std::string reply = connection->Ask(HistogramRequest(copy_flags), Seconds(settings.timeout));
+        std::string reply = AskCosted(settings, connection, HistogramRequest(copy_flags));
         if (reply.compare(0, HISTOGRAM_LATE.size(), HISTOGRAM_LATE) != 0)
             return reply;
         if (std::chrono::steady_clock::now() >= end)
@@ -91,8 +94,14 @@ void RunGc(const Settings &settings, pid_t pid, double watch) {
 
 void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch) {
     Repeat(watch, [&] {
+        const std::string why_copy = WhyByCopy(settings, pid);
         Connection connection = RequireAgent(settings, RequireProcess(pid));
-        CopyChoice copy = AskForCopy(&connection, settings, "histogram", stop);
+        CopyChoice copy = AskForCopy(&connection, settings, "histogram", stop && why_copy.empty());
+        if (!why_copy.empty() && !copy.copied)
+            throw Failure(fmt::format("only a copy of the JVM would keep to the budget: {}", copy.why),
+                          "raise --budget, or leave it out");
+        if (!why_copy.empty())
+            fmt::print(stderr, "qorctl: by a copy, to keep to the budget: {}\n", why_copy);
         std::string reply = AskForHistogram(&connection, settings, copy.flags);
         Histogram histogram = DecodeHistogram(OpenReply(reply));
         size_t rows = static_cast<size_t>(top);

@@ -1,5 +1,6 @@
 // The commands about threads and their locks.
 #include "base/failure.h"
+#include "budget.h"
 #include "command_tools.h"
 #include "jvm/session.h"
 #include "show/locks.h"
@@ -148,9 +149,10 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
     question.repeated = command.watch > 0;
     if (!command.thread.empty())
         question.thread_key = ThreadKeyText(command.thread, process.inner_pid);
-    std::string request = ThreadsRequest(question);
     Repeat(command.watch, [&] {
-        std::string reply = AskOnce(settings, pid, request);
+        ThreadQuestion asked = question;
+        FitThreads(settings, pid, &asked);
+        std::string reply = AskOnce(settings, pid, ThreadsRequest(asked));
         ThreadSample sample = DecodeThreads(OpenReply(reply));
         if (!question.thread_key.empty() && sample.threads.empty())
             throw NoSuchThread(pid, command.thread);

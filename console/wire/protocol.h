@@ -46,6 +46,7 @@ constexpr std::string_view TITLE_MESSAGE = "Message";
 constexpr std::string_view TITLE_OBJECT = "Object Description";
 constexpr std::string_view TITLE_NO_FIELDS = "Object Description - No Information available";
 constexpr std::string_view TITLE_OBJECT_PARENT = "Parent of the Object above:";
+constexpr std::string_view TITLE_COST = "QOR Request Cost";
 constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
 
 constexpr std::string_view USER_CALL = "user"; // of the application, by the rules
@@ -108,6 +109,7 @@ enum RequestFlag : uint32_t {
     FLAG_SYSTEM_DATA = 128,
     FLAG_ALL_THREADS = 256,
     FLAG_NOT_A_POLL = 512,
+    FLAG_COST = 1024,
     FLAG_COPY = 2048,
     FLAG_NO_COPY = 4096,
     FLAG_NO_LOCALS = 8192,

@@ -29,6 +29,7 @@ constexpr char TITLE_THREAD_DETAILS[] = "Thread Info Details";
 constexpr char TITLE_CALL_STACK[] = "Call Stack";
 constexpr char TITLE_LOCKS[] = "JVM Locks";
 constexpr char TITLE_TIME_SPENT[] = "Time spent in JVM for processing request";
+constexpr char TITLE_COST[] = "QOR Request Cost";
 constexpr char TITLE_LOCK_WAIT[] = "Lock On";
 constexpr char TITLE_PARKED[] = "Parked On";
 constexpr char TITLE_VIRTUAL_THREADS[] = "JVM Virtual Threads";

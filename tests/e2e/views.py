@@ -1,5 +1,5 @@
 """Views of one thread, of objects and of the heap, compared with what the JVM's own tools say."""
-from harness import OfTheDemo, on_terminal, run_tool
+from harness import OfTheDemo, on_terminal, qorctl, run_tool
 
 
 class Views(OfTheDemo):
@@ -80,6 +80,27 @@ class Views(OfTheDemo):
 class Memory(OfTheDemo):
     FLAGS = ("-XX:+UseSerialGC", "-Xmx64m")
 
+    def test_what_a_request_cost_and_keeping_to_a_budget(self):
+        pid = self.app.pid
+        self.answer("shutdown", pid)
+        self.answer("attach", pid, "--options", self.OPTIONS)  # with nothing known of earlier requests
+        for budget, note, told in ((60, "such a walk may take 200 ms, and none", False), (250, "", True)):
+            answer = qorctl("threads", pid, "--budget", budget)
+            self.assertEqual((answer.code, "/shop/cart" in answer.out), (0, told), answer)
+            self.assertIn(note, answer.err)
+        for words in (("threads", pid, "--details"), ("locks", pid), ("histogram", pid, "--stop")):
+            self.assertRegex(self.answer(*words, "--cost").out,
+                             r"stopped for \S+ ms at most at a time, \S+ ms in all, in [1-9]\d* calls\n$")
+            reply = self.json(*words)
+            cost = reply["stopped_at_most_ms"]
+            self.assertTrue(0 < cost["largest"] <= cost["sum"], cost)
+            self.assertLess(cost["sum"], 1 + reply.get("jvm_microseconds", 1e9) / 1000)
+        # No copy is made of so small a heap.
+        self.refused("only a copy of the JVM would keep to the budget: ", "histogram", pid, "--budget",
+                     cost["largest"] * 0.9)
+        self.refused("the last look at the stacks stopped the JVM", "threads", pid, "--budget", "0.001ms")
+        self.refused("isn't a budget", "threads", pid, "--budget", "soon", code=2)
+
     def test_heap_and_collections(self):
         heap = self.json("heap", self.app.pid)
         self.assertTrue(0.8 * 65536 <= heap["max_kib"] <= 65536, heap)
@@ -98,8 +119,9 @@ class Memory(OfTheDemo):
 
     def test_processor_figures(self):
         cpu = self.json("cpu", self.app.pid, "--interval", "0.5")
-        self.assertEqual(set(cpu), {"system_cpu_percent", "process_cpu_percent", "os_response_microseconds",
-                                    "threads_runnable"})
+        self.assertEqual(set(cpu) - {"stopped_at_most_ms"},
+                         {"system_cpu_percent", "process_cpu_percent", "os_response_microseconds",
+                          "threads_runnable"})
         self.assertTrue(0 < cpu["system_cpu_percent"] <= 100, cpu)  # demo-compute never rests
         self.assertGreaterEqual(cpu["threads_runnable"], 1)
 

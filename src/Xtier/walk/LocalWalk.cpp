@@ -15,6 +15,7 @@
 #include "jvmti/TagEnvironment.h"
 #include "jvmti/changes/followRefHackHelper.h"
 #include "qorStrUtils.h"
+#include "qorcost.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -75,7 +76,9 @@ bool CanFillHandles() {
 int32_t Follow(jvmtiHeapReferenceCallback callback) {
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = callback;
+    const int64_t start = QorStopStarts();
     const jvmtiError error = walk.env->FollowReferences(0, nullptr, nullptr, &callbacks, &walk);
+    QorStopEnded(STOP_LOCALS, start);
     check_FollowRefHack();
     QorClearException(jvmtijni_env);
     return error;
@@ -291,4 +294,5 @@ void QorCloseLocalWalk() {
     QorEndLocalSearch(&walk);
     QorDropLocalListPool();
     QorForgetLocalWalks();
+    QorForgetCost();
 }

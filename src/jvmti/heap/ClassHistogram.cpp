@@ -7,6 +7,7 @@
 #include "jvmti/TagEnvironment.h"
 #include "jvmti/threads/MethodTable.h"
 #include "qorStrUtils.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <cstdlib>
@@ -57,8 +58,10 @@ bool CountHeap(jvmtiEnv *env, QorClassCountEntry *entries) {
     callbacks.heap_iteration_callback = cbObjectCounter;
     timeval start, end;
     gettimeofday(&start, nullptr);
+    const int64_t stop = QorStopStarts();
     const jvmtiError error =
         env->IterateThroughHeap(JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, &callbacks, entries);
+    QorStopEnded(STOP_HEAP, stop);
     QorClearException(jvmtijni_env);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(LOG_ERROR, "QorAgent Error: Failed to IterateThroughHeap ");

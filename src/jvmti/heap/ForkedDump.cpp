@@ -10,6 +10,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/TagEnvironment.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <cerrno>
@@ -95,8 +96,10 @@ int32_t Fork() {
     objectsMet = objectsVisited = 0;
     classOfClasses = NumberOf("Ljava/lang/Class;");
     jobject held = QorHoldMirrorFields(gbDumpEnv);
+    const int64_t start = QorStopStarts();
     const int32_t pid =
         QorForkedWalkReturned(gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+    QorStopEnded(STOP_COPY, start);
     QorDeleteLocalRef(jvmtijni_env, held);
     return pid;
 }

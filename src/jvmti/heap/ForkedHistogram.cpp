@@ -5,6 +5,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <cstdio>
@@ -139,8 +140,10 @@ int32_t Walk(jvmtiEnv *env) {
     callbacks.heap_reference_callback = CountReference;
     callbacks.array_primitive_value_callback = CountPrimitives;
     jobject held = QorHoldMirrorFields(env);
+    const int64_t start = QorStopStarts();
     const int32_t pid =
         QorForkedWalkReturned(env->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr));
+    QorStopEnded(STOP_COPY, start);
     QorDeleteLocalRef(jvmtijni_env, held);
     return pid;
 }

@@ -12,6 +12,7 @@
 #include "jvmti/Session.h"
 #include "jvmti/TagEnvironment.h"
 #include "platforms/memory_headroom.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <cerrno>
@@ -60,7 +61,9 @@ void Walk() {
     callbacks.heap_reference_callback = cbQorHeapReference;
     callbacks.array_primitive_value_callback = cbQorPrimArrayData;
     jobject held = QorHoldMirrorFields(gbDumpEnv);
+    const int64_t start = QorStopStarts();
     const jvmtiError error = gbDumpEnv->FollowReferences(0, nullptr, nullptr, &callbacks, nullptr);
+    QorStopEnded(STOP_HEAP, start);
     QorClearException(jvmtijni_env);
     QorDeleteLocalRef(jvmtijni_env, held);
     if (error != JVMTI_ERROR_NONE)

@@ -2,6 +2,7 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
+#include "qorcost.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 
@@ -16,7 +17,9 @@ constexpr size_t OPTIONS_SIZE = 1024;
 
 // The JVM refuses a name that exists, or a folder it can't write to, by an exception beside its result.
 void AskForHprof(JNIEnv *env, jstring path) {
+    const int64_t start = QorStopStarts();
     const jint result = jmm->DumpHeap0(env, path, LIVE_OBJECTS_ONLY);
+    QorStopEnded(STOP_HEAP, start);
     const bool threw = QorClearException(env);
     gbLibraryDumpWritten = result == 0 && !threw;
     if (!gbLibraryDumpWritten)

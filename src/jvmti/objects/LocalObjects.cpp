@@ -7,6 +7,7 @@
 #include "jvmti/TagEnvironment.h"
 #include "jvmti/threads/MethodTable.h"
 #include "jvmti/threads/ThreadSystem.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -65,7 +66,9 @@ void TagLocals(QorLocalsWalk *walk) {
     walk->firstTag = gbiQorLocalVariableCounter;
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = jvmtiHeapReferenceOneObjectCallback;
+    const int64_t start = QorStopStarts();
     const jvmtiError error = jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, walk);
+    QorStopEnded(STOP_LOCALS, start);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(LOG_ERROR, "No walk to the locals: error %d", error);
         describe(error);

@@ -6,6 +6,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/changes/trycatch.h"
+#include "qorcost.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 
@@ -99,8 +100,10 @@ void ReadOwnedMonitor(const jvmtiMonitorStackDepthInfo &entry, QorMonitorRecord 
 int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorRecord **out) {
     jint count = 0;
     jvmtiMonitorStackDepthInfo *entries = nullptr;
+    const int64_t start = QorStopStarts();
     const jvmtiError error =
         jvmti->GetOwnedMonitorStackDepthInfo(handle->threads[handle->index], &count, &entries);
+    QorStopEnded(STOP_LOCKS, start);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(ThresholdOf(error), "  Error in GetOwnedMonitorInfo %d", error);
         return 0;
@@ -124,7 +127,10 @@ int32_t QorGetOwnedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorReco
 // Java thread id of the monitor's owner, 0 for none; false when the JVM doesn't say.
 bool ReadOwner(jobject object, int64_t *owner) {
     jvmtiMonitorUsage usage = {};
-    if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) {
+    const int64_t start = QorStopStarts();
+    const jvmtiError error = jvmti->GetObjectMonitorUsage(object, &usage);
+    QorStopEnded(STOP_LOCKS, start);
+    if (error != JVMTI_ERROR_NONE) {
         QORLOG(LOG_ERROR, "  GetObjectMonitorUsage Failed");
         return false;
     }
@@ -145,7 +151,9 @@ bool ReadOwner(jobject object, int64_t *owner) {
 int32_t QorGetContendedMonitorInfoUsingJvmti(QorThreadHandle *handle, QorMonitorRecord *record,
                                              int32_t wantOwner) {
     jobject object = nullptr;
+    const int64_t start = QorStopStarts();
     jvmtiError error = jvmti->GetCurrentContendedMonitor(handle->threads[handle->index], &object);
+    QorStopEnded(STOP_LOCKS, start);
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(ThresholdOf(error), "  Error in GetCurrentContendedMonitor %d", error);
         return 0;

@@ -6,6 +6,7 @@
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
 #include "jvmti/ValueText.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -128,10 +129,12 @@ jlongArray BatchIds(const QorThreadHandle *handle, InfoBatch *batch, bool withMo
 
 // The bean's answer about threads with their locked monitors, or without stacks and locks: a local reference.
 jobject AskBean(jlongArray ids, bool withMonitors) {
+    const int64_t start = QorStopStarts();
     jobject infos = withMonitors
                         ? jvmtijni_env->CallObjectMethod(sample.bean, sample.getThreadInfosWithLocks, ids,
                                                          jboolean(JNI_TRUE), jboolean(JNI_FALSE))
                         : jvmtijni_env->CallObjectMethod(sample.bean, sample.getThreadInfos, ids);
+    QorStopEnded(STOP_LOCKS, start);
     if (!QorClearException(jvmtijni_env) && infos)
         return infos;
     QORLOG(LOG_ERROR, "ThreadInfo array Objet is NULL. ");
@@ -268,7 +271,9 @@ jobject ContendedInfo(const QorThreadHandle *handle, const QorThreadRecord *thre
         return WaitInfo(handle, handle->index);
     if (!sample.getThreadInfo || thread->tid <= 0)
         return nullptr;
+    const int64_t start = QorStopStarts();
     jobject info = jvmtijni_env->CallObjectMethod(sample.bean, sample.getThreadInfo, thread->tid);
+    QorStopEnded(STOP_LOCKS, start);
     return QorClearException(jvmtijni_env) ? nullptr : info;
 }
 

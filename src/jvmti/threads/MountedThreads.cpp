@@ -3,6 +3,7 @@
 #include "jvmti/Capabilities.h"
 #include "jvmti/Session.h"
 #include "jvmti/VmFlags.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -128,12 +129,19 @@ jvmtiError QorTakeStacks(jint depth, jvmtiStackInfo **stacks, jint *count, QorTh
     *stacks = nullptr;
     *count = 0;
     memset(kinds, THREAD_PLATFORM, static_cast<size_t>(kindCount) * sizeof *kinds);
-    if (!QorCanSeeMounted())
-        return jvmti->GetAllStackTraces(depth, stacks, count);
+    if (!QorCanSeeMounted()) {
+        const int64_t start = QorStopStarts();
+        const jvmtiError error = jvmti->GetAllStackTraces(depth, stacks, count);
+        QorStopEnded(STOP_STACKS, start);
+        return error;
+    }
     ThreadList list = {};
     jvmtiError error = ListThreads(&list);
-    if (error == JVMTI_ERROR_NONE)
+    if (error == JVMTI_ERROR_NONE) {
+        const int64_t start = QorStopStarts();
         error = jvmti->GetThreadListStackTraces(list.count, list.threads, depth, stacks);
+        QorStopEnded(STOP_STACKS, start);
+    }
     if (error == JVMTI_ERROR_NONE) {
         *count = DropEnded(*stacks, list);
         memcpy(kinds, list.kinds, static_cast<size_t>(std::min(*count, kindCount)) * sizeof *kinds);

@@ -7,6 +7,7 @@
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
 #include "qorStrUtils.h"
+#include "qorcost.h"
 #include "qorlog.h"
 
 #include <algorithm>
@@ -188,9 +189,10 @@ void AddStack(Sampler *sampler, jthread thread, jint state, const jvmtiFrameInfo
 // One stop for all threads that are held, and a rest as long if others follow.
 void ReadBatch(Sampler *sampler, bool rest) {
     jvmtiStackInfo *stacks = nullptr;
-    const int64_t start = QorVirtualClock();
+    const int64_t start = QorVirtualClock(), stop = QorStopStarts();
     const jvmtiError error =
         jvmti->GetThreadListStackTraces(sampler->held, sampler->threads, READ_DEPTH, &stacks);
+    QorStopEnded(STOP_STACKS, stop);
     const int64_t taken = QorVirtualClock() - start;
     sampler->sample->stopUsec += taken;
     if (error != JVMTI_ERROR_NONE) {

@@ -10,9 +10,11 @@
 
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/XtierDbSession.h"
+#include "Xtier/walk/LocalWalkTimes.h"
 #include "heaptraverse/memory_text.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
+#include "qorcost.h"
 #include "reply/records.h"
 #include "sunprint/locals.h"
 #include "sunprint/object_print.h"
@@ -36,9 +38,11 @@ constexpr uint32_t UNTIMED_BITS = QORREQ_JUST_THREADS | QORREQ_DB_XTIER | QORREQ
 constexpr int32_t TIMING_LINE_ROOM = 50;
 constexpr int32_t TIMEBUF_SIZE = 512;
 constexpr int32_t MEMORY_VIEW_ARGUMENT = 8;
+constexpr double USEC_PER_MSEC = 1000;
 constexpr uint32_t USEC_PER_SEC = 1000000;
 constexpr char ARGUMENT_WORD[] = "ARG";
 constexpr char NO_PROCESSING_WORD[] = "NoProcessing";
+constexpr char VIEW_START[] = "show"; // of the commands that look into the JVM
 
 void ClearReply() {
     pagebuf[0] = pagebuf[PAGEBUF_SIZE - 1] = 0;
@@ -237,6 +241,22 @@ void AddTimingLine() {
     QorAgentStrncat(pagebuf, timebuf, PAGEBUF_SIZE, TIMEBUF_SIZE);
 }
 
+// After everything else, if there is room. A JVM that is read by address isn't stopped as a whole.
+void AddCost(const char *command) {
+    if (!cost_wanted || strncmp(command, VIEW_START, sizeof VIEW_START - 1) != 0 ||
+        (reqid & QORREQ_DB_XTIER) || !QorOnJvmtiRoad() || fpid == 0)
+        return;
+    const auto milliseconds = [](int64_t usec) { return static_cast<double>(usec) / USEC_PER_MSEC; };
+    const char s = FIELD_SEP;
+    char section[TIMEBUF_SIZE];
+    const int length = snprintf(section, sizeof section, "%s%c%d%c%.3f%c%.3f%c%d%c", TITLE_COST, RECORD_END,
+                                qorRequestCost.calls, s, milliseconds(qorRequestCost.largestUsec), s,
+                                milliseconds(qorRequestCost.sumUsec), s,
+                                (reqid & QORREQ_SAMPLING) && gbQorWalkLeftOut, SECTION_END);
+    if (static_cast<int32_t>(strlen(pagebuf)) + length < PAGEBUF_SIZE)
+        QorAgentStrncat(pagebuf, section, PAGEBUF_SIZE, TIMEBUF_SIZE);
+}
+
 void LogEnd() {
     if (qorIsPollOrTrace) {
         QORLOG(LOG_TRACE, "Finished Processing data - %s", pagebuf);
@@ -258,6 +278,7 @@ void process_data() {
         return;
     arg_num = 0;
     qorReplyIsCut = false;
+    QorStartCost();
     gettimeofday(&last_time, nullptr);
     for (char *&slot : console_args)
         slot = nullptr;
@@ -267,5 +288,6 @@ void process_data() {
     gettimeofday(&cur_time, nullptr);
     if (IsTimed(command))
         AddTimingLine();
+    AddCost(command);
     LogEnd();
 }

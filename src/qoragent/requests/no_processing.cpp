@@ -14,6 +14,7 @@
 #include "heaptraverse/heap_census.h"
 #include "jvmti/Session.h"
 #include "jvmti/heap/ForkedWalk.h"
+#include "qorcost.h"
 #include "qorutil/vm_text.h"
 #include "sunprint/report/direct_connections.h"
 
@@ -81,6 +82,17 @@ void ShowWalkState(char *) {
               gbQorWalkLeftOut, qorHandWalkQuotaPct, gbQorWalkCut);
 }
 
+void ShowLastCost(char *) {
+    constexpr const char *NAMES[STOP_KINDS] = {"stacks", "locks", "locals", "heap", "copy"};
+    pagebuf[0] = 0;
+    char pair[64];
+    for (int32_t kind = 0; kind < STOP_KINDS; kind++) {
+        snprintf(pair, sizeof pair, "%s%s=%ld", kind ? " " : "", NAMES[kind],
+                 static_cast<long>(qorLastStopUsec[kind]));
+        QorAgentStrncat(pagebuf, pair, PAGEBUF_SIZE, sizeof pair);
+    }
+}
+
 void ReadRules(char *value) {
     QORLOG(LOG_NOTE, "Reading Idle Thread and System Call rules ");
     QORLOG(LOG_DETAIL, "Reading conds %s", value);
@@ -130,6 +142,7 @@ constexpr Key KEYS[] = {
     {"collectors", false, ShowCollectors},
     {"handquota", true, SetHandQuota},
     {"version", false, ShowVersion},
+    {"lastcost", false, ShowLastCost},
     {"walkstate", false, ShowWalkState}, // milliseconds of the last walk for locals, -1 before the first
 };
 

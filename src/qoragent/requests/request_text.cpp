@@ -78,6 +78,7 @@ void QorUnpackFlags(uint32_t flags) {
     show_jsp_info = flags & FLAG_SHOW_JSP_INFO;
     get_system_data = flags & FLAG_SYSTEM_DATA;
     trace_all_threads = flags & FLAG_TRACE_ALL_THREADS;
+    cost_wanted = flags & FLAG_COST;
     copy_flags = flags & (FLAG_COPY | FLAG_NO_COPY);
     no_locals = flags & FLAG_NO_LOCALS;
     qorIsPollOrTrace = (flags & FLAG_NOT_A_POLL) == 0;
