@@ -147,7 +147,7 @@ bool ReadStateOn(const Fields &field, Thread *thread) {
 }
 
 bool ReadShortDbWait(const Fields &field, DbWait *db) {
-    return field.size() == SHORT_DB_FIELDS && ReadDbStart(field, db);
+    return field.size() >= SHORT_DB_FIELDS && ReadDbStart(field, db);
 }
 
 std::string TrueAddress(std::string_view text) {

@@ -313,8 +313,8 @@ Summary DecodeSummary(const Reply &reply) {
     Fields field = Split(reply.text, FIELD_SEP);
     Summary summary;
     bool by_address = field.size() == DIRECT_FIGURES || field.size() == DIRECT_FIGURES_OF_THREADS;
-    bool whole = by_address || field.size() == SUMMARY_FIGURES;
-    for (size_t i = 0; whole && i < field.size(); ++i)
+    bool whole = by_address || field.size() >= SUMMARY_FIGURES;
+    for (size_t i = 0; whole && i < std::min<size_t>(field.size(), SUMMARY_FIGURES); ++i)
         whole =
             ReadNumber(field[i], &summary.figures[by_address ? DirectFigure(i, field.size()) : i].emplace());
     if (!whole)

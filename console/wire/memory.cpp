@@ -14,9 +14,8 @@ constexpr uint64_t NOT_COUNTED = 0xffffffff; // -1 of the JVM, as the wire has i
 
 bool ReadPool(std::string_view record, HeapPool *pool) {
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
-    if (field.size() != 5 || !ReadNumber(field[1], &pool->max_kib) ||
-        !ReadNumber(field[2], &pool->used_kib) || !ReadNumber(field[3], &pool->percent) ||
-        !ReadNumber(field[4], &pool->available_kib))
+    if (field.size() < 5 || !ReadNumber(field[1], &pool->max_kib) || !ReadNumber(field[2], &pool->used_kib) ||
+        !ReadNumber(field[3], &pool->percent) || !ReadNumber(field[4], &pool->available_kib))
         return false;
     pool->name = field[0];
     return true;
@@ -25,7 +24,7 @@ bool ReadPool(std::string_view record, HeapPool *pool) {
 bool ReadCollector(std::string_view record, Collector *collector) {
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
     uint64_t count = 0;
-    if (field.size() != 2 || !ReadNumber(field[1], &count))
+    if (field.size() < 2 || !ReadNumber(field[1], &count))
         return false;
     std::string_view name = field[0];
     if (name.size() > GC_NAME_TAIL.size() && name.substr(name.size() - GC_NAME_TAIL.size()) == GC_NAME_TAIL)
@@ -48,8 +47,7 @@ bool ReadFigure(std::string_view text, std::optional<uint64_t> *figure) {
 
 bool ReadCollectorBean(std::string_view record, CollectorBean *bean) {
     Fields field = Split(record, FIELD_SEP);
-    if (field.size() != 3 || !ReadFigure(field[1], &bean->count) ||
-        !ReadFigure(field[2], &bean->milliseconds))
+    if (field.size() < 3 || !ReadFigure(field[1], &bean->count) || !ReadFigure(field[2], &bean->milliseconds))
         return false;
     bean->name = field[0];
     return true;
@@ -59,7 +57,7 @@ bool ReadCollectorBean(std::string_view record, CollectorBean *bean) {
 bool ReadMemory(std::string_view record, MemoryView *view) {
     constexpr size_t USED = 8, GREATEST = 9, FIELDS = 11;
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
-    return field.size() == FIELDS && ReadNumber(field[USED], &view->used_kib) &&
+    return field.size() >= FIELDS && ReadNumber(field[USED], &view->used_kib) &&
            ReadNumber(field[GREATEST], &view->max_kib);
 }
 
@@ -92,7 +90,7 @@ bool ReadKindCounts(std::string_view record, SpaceKinds *space) {
 
 bool ReadClassCount(std::string_view record, ClassCount *count) {
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
-    if (field.size() != 4 || !ReadNumber(field[1], &count->instances) || !ReadNumber(field[2], &count->kib))
+    if (field.size() < 4 || !ReadNumber(field[1], &count->instances) || !ReadNumber(field[2], &count->kib))
         return false;
     count->class_name = JavaName(field[0]);
     return true;

@@ -55,7 +55,7 @@ bool ReadLocal(std::string_view record, Row<Local> *row) {
         return true;
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
     int64_t tag = 0;
-    if (field.size() != 4 || (field[0] != NO_VALUE && !ReadNumber(field[0], &tag)))
+    if (field.size() < 4 || (field[0] != NO_VALUE && !ReadNumber(field[0], &tag)))
         return false;
     if (field[0] != NO_VALUE)
         row->value.tag = tag;
@@ -88,7 +88,7 @@ bool ReadLocalByAddress(std::string_view record, Local *local) {
     std::vector<std::string_view> field = Split(record, FIELD_SEP);
     if (field.size() == 3)
         field.push_back(VIEW_OBJECT); // of the object or class that the frame runs in
-    if (field.size() != 4)
+    if (field.size() < 4)
         return false;
     local->type = LocalTypeByAddress(field[2]);
     if (field[0] == NO_VALUE) {
@@ -116,7 +116,7 @@ bool ReadStringElement(std::string_view title, ObjectField *field) {
 // A row of fields or elements: address, flag, type, name and a label; or a value.
 bool ReadFieldByAddress(std::string_view record, ObjectField *field) {
     std::vector<std::string_view> part = Split(record, FIELD_SEP);
-    if (part.size() != 5)
+    if (part.size() < 5)
         return ReadStringElement(record, field);
     field->type = TypeByAddress(TakeModifier(part[2], &field->modifier));
     field->name = part[3];
@@ -134,7 +134,7 @@ bool ReadField(std::string_view record, std::string_view class_signature, Row<Ob
     if (row->end)
         return true;
     std::vector<std::string_view> part = Split(record, FIELD_SEP);
-    if (part.size() != 5)
+    if (part.size() < 5)
         return false;
     ObjectField &field = row->value;
     std::string_view signature = TakeModifier(part[2], &field.modifier);

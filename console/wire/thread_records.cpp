@@ -78,12 +78,12 @@ bool ReadPlace(const std::string_view *field, Frame *frame) {
 bool ReadStackRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
-    if (field.size() == 8 && field[7] != NO_VALUE)
+    if (field.size() >= 8 && field[7] != NO_VALUE)
         return ReadPlace(&field[3], frame) && ReadFrameGroup(field[0], field[1], field[2], frame, true);
     // What a framework works on has no more than this.
     if (field.size() == 3 || (field.size() == 4 && field[3].empty()))
         return ReadFrameGroup(field[0], field[1], field[2], frame, field.size() == 3) && frame->framework;
-    if (field.size() != 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
+    if (field.size() < 8 || !ReadNumber(field[3], &thread) || !ReadNumber(field[4], &frame->index) ||
         !ReadNumber(field[5], &frame->method_id))
         return false;
     size_t count_end = field[0].find(' ');
@@ -108,8 +108,8 @@ std::string LockClass(std::string_view text, int64_t lock) {
 
 bool ReadLockWait(std::string_view record, LockWait *wait) {
     Fields field = Split(record, FIELD_SEP);
-    wait->by_address = field.size() == 4 && field[1].find('-') == field[1].npos;
-    if (field.size() != 4 || !ReadKey(field[1], &wait->owner, wait->by_address) ||
+    wait->by_address = field.size() >= 4 && field[1].find('-') == field[1].npos;
+    if (field.size() < 4 || !ReadKey(field[1], &wait->owner, wait->by_address) ||
         !(wait->by_address ? ReadHex(field[0], &wait->lock) : ReadNumber(field[0], &wait->lock)))
         return false;
     wait->class_name = LockClass(field[2], wait->lock);
@@ -135,9 +135,9 @@ bool ReadLockByAddress(const Fields &field, OwnedLock *owned) {
 
 bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
     Fields field = Split(record, FIELD_SEP);
-    if (field.size() == 4 && field[2].find('@') == field[2].npos)
+    if (field.size() >= 4 && field[2].find('@') == field[2].npos)
         return ReadLockByAddress(field, owned);
-    if (field.size() != 4 || !ReadNumber(field[0], &owned->lock) || !ReadNumber(field[3], &owned->depth))
+    if (field.size() < 4 || !ReadNumber(field[0], &owned->lock) || !ReadNumber(field[3], &owned->depth))
         return false;
     // Without a number of its own the lock has the one in its text.
     size_t tail = field[2].rfind('@');
@@ -149,7 +149,7 @@ bool ReadOwnedLock(std::string_view record, OwnedLock *owned) {
 
 bool ReadParked(std::string_view record, OwnedLock *blocker) {
     Fields field = Split(record, FIELD_SEP);
-    if (field.size() != 2 || !ReadNumber(field[0], &blocker->lock))
+    if (field.size() < 2 || !ReadNumber(field[0], &blocker->lock))
         return false;
     blocker->class_name = LockClass(field[1], blocker->lock);
     return true;
@@ -167,10 +167,10 @@ bool ReadCallType(std::string_view text, Frame *frame) {
 bool ReadFrameRow(std::string_view row, Frame *frame) {
     Fields field = Split(row, FIELD_SEP);
     int64_t thread = 0;
-    if (field.size() == 9 && (field[4] != "2" || field[5] != "3"))
+    if (field.size() >= 9 && (field[4] != "2" || field[5] != "3"))
         return ReadCallType(field[0], frame) && ReadPlace(&field[1], frame) &&
                ReadFrameGroup(field[6], field[7], field[8], frame, true);
-    if (field.size() != 9 || !ReadCallType(field[0], frame) || !ReadNumber(field[1], &thread) ||
+    if (field.size() < 9 || !ReadCallType(field[0], frame) || !ReadNumber(field[1], &thread) ||
         !ReadNumber(field[2], &frame->index) || !ReadNumber(field[3], &frame->method_id) ||
         !ReadFrameGroup(field[6], field[7], field[8], frame))
         return false;
@@ -181,7 +181,7 @@ bool ReadFrameRow(std::string_view row, Frame *frame) {
 bool ReadStackHead(std::string_view head, Thread *thread) {
     size_t detail = head.find(DETAIL_START);
     Fields field = Split(head.substr(0, detail), FIELD_SEP);
-    if (field.size() != 9 || field[1] != NO_VALUE || !ReadKey(field[4], &thread->key) || field[8].empty())
+    if (field.size() < 9 || field[1] != NO_VALUE || !ReadKey(field[4], &thread->key) || field[8].empty())
         return false;
     thread->name = field[0];
     if (field[2] != NO_LINE_SHOWN) {
@@ -199,7 +199,7 @@ bool ReadStackHead(std::string_view head, Thread *thread) {
 
 bool ReadHolderRow(std::string_view row, Thread *thread) {
     Fields field = Split(row, FIELD_SEP);
-    if (field.size() != 7 || field[6].empty() || !ReadKey(field[2], &thread->key))
+    if (field.size() < 7 || field[6].empty() || !ReadKey(field[2], &thread->key))
         return false;
     thread->name = field[1];
     thread->state = field[6];

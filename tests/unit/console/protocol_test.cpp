@@ -151,10 +151,12 @@ TEST(Protocol, RecordsAreReadAsDocumented) {
         SCOPED_TRACE(row.name);
         ASSERT_EQ(row.name, READERS[i].record);
         const std::string title = row.title.empty() ? "" : row.title + "\x1e";
-        const std::string reply =
-            Wire(READERS[i].before) + title + row.Wire() + Wire(READERS[i].after + TIMING);
-        Read read;
-        ASSERT_NO_THROW(read = READERS[i].read(OpenReply(reply)));
+        const std::string reply = Wire(READERS[i].before) + title + row.Wire(),
+                          end = Wire(READERS[i].after + TIMING);
+        Read read, longer;
+        ASSERT_NO_THROW(read = READERS[i].read(OpenReply(reply + end)));
+        ASSERT_NO_THROW(longer = READERS[i].read(OpenReply(reply + Wire("~later~1") + end)));
+        EXPECT_EQ(longer, read) << "with fields of a later agent";
         for (const std::string &field : row.fields) {
             const bool kept = !RecordRow::IsLiteral(field) && field != "thread id"; // a stack is one thread's
             EXPECT_EQ(read[field], kept ? row.Text(field) : "") << field;
