@@ -283,10 +283,11 @@ class Databases(Case):
         late = {}
 
         def all_wait():
-            threads = self.threads(calls, "--all")
+            threads = self.threads(calls, "--all", "--details")
             late.clear()
-            late.update((name, call) for name in names
-                        if (call := threads.get(name, {}).get("call") or {}).get("class") not in WAITING)
+            late.update((name, frame) for name in names  # the innermost frame: "call" is the application's
+                        if (frame := threads[name]["stack"][0] if name in threads else {}).get("class")
+                        not in WAITING)
             return not late
         try:
             wait_until("all calls wait", all_wait, 2 * LIMIT)
