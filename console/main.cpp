@@ -92,10 +92,14 @@ void AddThreads(CLI::App *app, CommandLine *line) {
     CLI::App *command = AddJvmCommand(app, "threads", "Show what the threads do", line);
     command->add_flag("--details", line->threads.details, "With stacks and locks");
     command->add_flag("--all", line->threads.all, "Idle threads too");
+    CLI::Option *thread = command
+                              ->add_option("--thread", line->threads.thread,
+                                           "Stack and locks of this thread alone, by its id or key")
+                              ->option_text("ID");
     command
-        ->add_option("--thread", line->threads.thread,
-                     "Stack and locks of this thread alone, by its id or key")
-        ->option_text("ID");
+        ->add_flag("--virtual", line->threads.virtual_ones,
+                   "Virtual threads that no thread runs at the moment, in groups of the same stack")
+        ->excludes(thread);
     command
         ->add_option("--match", line->threads.match, "Only threads with TEXT in name, state, call or stack")
         ->option_text("TEXT");

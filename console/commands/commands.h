@@ -14,6 +14,7 @@ namespace qorctl {
 struct ThreadsCommand {
     bool details = false;
     bool all = false;
+    bool virtual_ones = false; // in groups
     std::string thread;
     std::string match;
     double watch = 0; // seconds; 0: once

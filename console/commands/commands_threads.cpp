@@ -5,8 +5,10 @@
 #include "jvm/session.h"
 #include "show/locks.h"
 #include "show/render.h"
+#include "show/render_virtual.h"
 #include "thread_choice.h"
 #include "wire/request.h"
+#include "wire/virtual_threads.h"
 
 #include <cctype>
 #include <fmt/format.h>
@@ -122,6 +124,21 @@ void ShowLockOf(const Settings &settings, pid_t pid, const ThreadSample &sample,
     PrintView(settings, 0, json, WaiterLine(waiter, style) + HolderText(holder, waiter, style));
 }
 
+void RunVirtualThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command) {
+    VirtualQuestion question;
+    question.details = command.details;
+    question.all = command.all;
+    question.repeated = command.watch > 0;
+    question.match = command.match;
+    std::string request = VirtualThreadsRequest(question);
+    Repeat(command.watch, [&] {
+        std::string reply = AskOnce(settings, pid, request);
+        VirtualThreads view = DecodeVirtualThreads(OpenReply(reply));
+        PrintView(settings, command.watch, ToJson(view),
+                  VirtualThreadsText(view, command.details, TerminalStyle(settings)));
+    });
+}
+
 } // namespace
 
 std::string RequireThreadKey(const Settings &settings, const Process &process, const std::string &text) {
@@ -142,6 +159,10 @@ ThreadSample RequireStack(const Settings &settings, pid_t pid, const std::string
 }
 
 void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command) {
+    if (command.virtual_ones) {
+        RunVirtualThreads(settings, pid, command);
+        return;
+    }
     Process process = RequireProcess(pid);
     ThreadQuestion question;
     question.details = command.details;

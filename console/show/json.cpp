@@ -124,6 +124,8 @@ void AddLocks(const Thread &thread, Json *object) {
     (*object)["owns"] = Array(thread.owns, [](const OwnedLock &lock) { return ToJson(lock); });
 }
 
+} // namespace
+
 Json ToJson(const Thread &thread) {
     Json object = {{"name", thread.name},
                    {"id", thread.key.thread},
@@ -138,8 +140,6 @@ Json ToJson(const Thread &thread) {
     AddLocks(thread, &object);
     return object;
 }
-
-} // namespace
 
 Json DbJson(const DbWait &db) {
     return {{"url", OrNull(db.url)},

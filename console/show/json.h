@@ -10,6 +10,7 @@ namespace qorctl {
 
 using Json = nlohmann::ordered_json;
 
+Json ToJson(const Thread &thread);
 Json ToJson(const ThreadSample &sample);
 // One thread without its current call and its stack.
 Json RowJson(const Thread &thread);

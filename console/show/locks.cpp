@@ -49,7 +49,8 @@ bool IsCarrier(const Thread &thread) {
                        [](const Frame &frame) { return frame.class_name == "java.lang.VirtualThread"; });
 }
 
-// Virtual threads are in no sample: the owner of a monitor is then nobody's id, or that of the carrier.
+// Samples lack virtual threads that no carrier runs, and those of older agents all: the owner of a monitor is
+// then nobody's id, or that of the carrier.
 bool HeldByVirtualThread(const ThreadSample &sample, const Thread &waiter) {
     const LockWait &wait = *waiter.waits_for;
     if (wait.owner.thread <= 0)
@@ -61,6 +62,8 @@ bool HeldByVirtualThread(const ThreadSample &sample, const Thread &waiter) {
 }
 
 std::string HolderCell(const ThreadSample &sample, const Thread &waiter) {
+    if (std::string text = VirtualHolderText(sample, waiter); !text.empty())
+        return text;
     if (HeldByVirtualThread(sample, waiter))
         return "held by a virtual thread";
     if (const Thread *holder = HolderOf(sample, waiter))
@@ -69,7 +72,24 @@ std::string HolderCell(const ThreadSample &sample, const Thread &waiter) {
     return owner > 0 ? fmt::format("#{}", owner) : OWNER_UNKNOWN;
 }
 
+// The name of the virtual thread that owns the lock, "" when it has none; nothing for other owners.
+std::optional<std::string> VirtualOwner(const ThreadSample &sample, const Thread &waiter) {
+    const Thread *holder = HolderOf(sample, waiter);
+    if (holder && holder->end_to_end.carrier)
+        return holder->name;
+    const std::optional<std::string> &name = waiter.end_to_end.lock_owner;
+    return name == NO_VALUE ? "" : name;
+}
+
 } // namespace
+
+std::string VirtualHolderText(const ThreadSample &sample, const Thread &waiter) {
+    std::optional<std::string> name = waiter.waits_for ? VirtualOwner(sample, waiter) : std::nullopt;
+    if (!name)
+        return "";
+    std::string text = fmt::format("held by virtual thread #{}", waiter.waits_for->owner.thread);
+    return name->empty() ? text : fmt::format("{} {}", text, *name);
+}
 
 const Thread &FindByName(const ThreadSample &sample, const std::string &text) {
     std::vector<const Thread *> found;
@@ -156,10 +176,16 @@ Json BriefJson(const Thread &thread) {
 
 Json LockJson(const ThreadSample &sample, const Thread &waiter) {
     const Thread *holder = HolderOf(sample, waiter);
+    Json owner = holder ? BriefJson(*holder) : Json();
+    if (std::optional<std::string> name = VirtualOwner(sample, waiter)) {
+        owner["id"] = waiter.waits_for->owner.thread;
+        owner["name"] = *name;
+        owner["virtual"] = true;
+    }
     return {{"waiter", BriefJson(waiter)},
             {"lock", waiter.waits_for->lock},
             {"class", waiter.waits_for->class_name},
-            {"holder", holder ? BriefJson(*holder) : Json()}};
+            {"holder", owner}};
 }
 
 Json LocksJson(const ThreadSample &sample) {

@@ -30,13 +30,16 @@ std::string LockText(int64_t lock, const std::string &class_name) {
     return fmt::format("<{}> (a {})", lock, class_name);
 }
 
-std::string WaitText(const Thread &thread, const std::map<int64_t, std::string> &names) {
+std::string WaitText(const ThreadSample &sample, const Thread &thread,
+                     const std::map<int64_t, std::string> &names) {
     const LockWait &wait = *thread.waits_for;
     bool parked = !thread.stack.empty() && thread.stack[0].method == "park";
     const char *how = thread.state == "Lock" ? "- waiting to lock " : parked ? PARKING : "- waiting on ";
     std::string text = how + LockText(wait.lock, wait.class_name);
     if (wait.owner.thread <= 0)
         return thread.state == "Lock" ? text + ", " + OWNER_UNKNOWN : text;
+    if (std::string holder = VirtualHolderText(sample, thread); !holder.empty())
+        return text + ", " + holder;
     text += fmt::format(", held by thread #{}", wait.owner.thread);
     auto name = names.find(wait.owner.thread);
     return name == names.end() ? text : fmt::format("{} \"{}\"", text, name->second);
@@ -45,8 +48,8 @@ std::string WaitText(const Thread &thread, const std::map<int64_t, std::string> 
 // Writes the rows of one stack with the locks at the frames that took them.
 class StackWriter {
 public:
-    StackWriter(const Thread &thread, const Style &style, std::string *text)
-        : thread_(thread), style_(style), text_(text) {}
+    StackWriter(const ThreadSample &sample, const Thread &thread, const Style &style, std::string *text)
+        : sample_(sample), thread_(thread), style_(style), text_(text) {}
 
     void Write(const std::map<int64_t, std::string> &names) {
         bool first = true;
@@ -58,7 +61,7 @@ public:
                 Row("at " + CallText(frame), nullptr);
             }
             if (first && thread_.waits_for)
-                Row(WaitText(thread_, names), StateColourOf("Lock"));
+                Row(WaitText(sample_, thread_, names), StateColourOf("Lock"));
             else if (first && thread_.parked_on)
                 Row(PARKING + LockText(thread_.parked_on->lock, thread_.parked_on->class_name), DIM);
             first = false;
@@ -97,6 +100,7 @@ private:
         return false;
     }
 
+    const ThreadSample &sample_;
     const Thread &thread_;
     const Style &style_;
     std::string *text_;
@@ -250,7 +254,7 @@ std::string ThreadDump(const ThreadSample &sample, const Style &style) {
         for (const TierLine &tier : TIER_LINES)
             if (std::string told = tier.text(thread); !told.empty())
                 text += FitLine(fmt::format("   {}: {}", tier.what, Printable(told)), style) + '\n';
-        StackWriter(thread, style, &text).Write(names);
+        StackWriter(sample, thread, style, &text).Write(names);
         text += '\n';
     }
     return text;

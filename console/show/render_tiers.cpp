@@ -28,12 +28,12 @@ private:
     std::string text_;
 };
 
-// A thread's number, of its key; "unknown" without one.
+// A thread's number, of its key.
 std::string NumberOf(const std::optional<std::string> &key) {
     if (!key)
         return "";
     size_t dash = key->find('-');
-    return dash == key->npos ? "unknown" : "#" + key->substr(dash + 1);
+    return dash == key->npos ? "no carrier" : "#" + key->substr(dash + 1);
 }
 
 } // namespace

@@ -72,7 +72,7 @@ constexpr std::pair<std::string_view, std::optional<std::string> EndToEnd::*> DE
     {"module", &EndToEnd::module},   {"workmanager", &EndToEnd::work_manager},
     {"session", &EndToEnd::session}, {"peer", &EndToEnd::peer},
     {"rule", &EndToEnd::rule},       {"virtual", &EndToEnd::carrier},
-    {"carries", &EndToEnd::carries},
+    {"carries", &EndToEnd::carries}, {"owner", &EndToEnd::lock_owner},
 };
 
 struct Pair {

@@ -89,9 +89,10 @@ struct EndToEnd {
     std::optional<std::string> file, application, module, work_manager, session, peer;
     std::optional<std::string>
         carrier; // of a virtual thread: the key of the thread that it runs on, "^" unknown
-    std::optional<std::string> carries;   // of a platform thread: the key of the virtual thread on it
-    std::optional<std::string> rule;      // "read": some of it comes by a rule known from sources alone
-    std::optional<int64_t> stuck, hogger; // 0 or 1
+    std::optional<std::string> carries;    // of a platform thread: the key of the virtual thread on it
+    std::optional<std::string> lock_owner; // name of the virtual thread that owns the lock waited for
+    std::optional<std::string> rule;       // "read": some of it comes by a rule known from sources alone
+    std::optional<int64_t> stuck, hogger;  // 0 or 1
     std::vector<std::string> texts;
 };
 

@@ -47,6 +47,7 @@ constexpr std::string_view TITLE_OBJECT = "Object Description";
 constexpr std::string_view TITLE_NO_FIELDS = "Object Description - No Information available";
 constexpr std::string_view TITLE_OBJECT_PARENT = "Parent of the Object above:";
 constexpr std::string_view TITLE_COST = "QOR Request Cost";
+constexpr std::string_view TITLE_VIRTUAL_THREADS = "JVM Virtual Threads";
 constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
 
 constexpr std::string_view USER_CALL = "user"; // of the application, by the rules
@@ -134,6 +135,7 @@ enum RequestId : uint32_t {
     REQ_ACTIVE_THREADS = 0x2000,
     REQ_PORT_HOLDER = 0x4000,
     REQ_POLL_DETAILS = 0x8000,
+    REQ_VIRTUAL_THREADS = 0x10000,
 };
 
 } // namespace qorctl

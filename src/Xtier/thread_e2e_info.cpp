@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 QorE2EBlock *thread_e2e_info;
 
@@ -29,6 +30,8 @@ QorE2EBlock *TakeBlock() {
 }
 
 void GiveBlockBack(QorE2EBlock *block) {
+    free(block->lockOwner);
+    block->lockOwner = nullptr;
     if (block->textsWritten)
         *block = {};
     block->next = freeBlocks;
@@ -91,6 +94,11 @@ int32_t QorAddE2EBlock(uint64_t javaThread, int32_t kernelId, const char *name, 
     block->threadId = kernelId;
     snprintf(block->name, sizeof block->name, "%s", name);
     return 0;
+}
+
+void QorNoteLockOwner(const char *name) {
+    if (thread_e2e_info && !lastBlock->lockOwner)
+        lastBlock->lockOwner = strdup(name);
 }
 
 int32_t QorRoomForAnswer() {

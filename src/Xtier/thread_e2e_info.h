@@ -36,6 +36,7 @@ struct QorE2EBlock {
     char networkHost[132];
     bool isVirtual;    // the thread is a virtual one
     int64_t partnerId; // its carrier, or of a carrier the virtual thread on it: Java thread id, 0 for none
+    char *lockOwner;   // name of the virtual thread that owns the lock waited for, or null; allocated
     bool byReadRule;   // some of what is shown of the thread comes by a rule that is known from sources alone
 };
 
@@ -49,6 +50,9 @@ int32_t QorAddE2EBlock(JNIEnv *env, const QorThreadHandle *handle, const QorThre
 // The same for a thread that was read by address. No reference is made: whoever has an environment finds the
 // thread by these three.
 int32_t QorAddE2EBlock(uint64_t javaThread, int32_t kernelId, const char *name, int32_t frameCount);
+
+// Notes the name of the virtual thread that owns the lock which the last block's thread waits for.
+void QorNoteLockOwner(const char *name);
 
 // Bytes that Java's answer wants in the reply, 0 for an empty list.
 int32_t QorRoomForAnswer();

@@ -1,4 +1,6 @@
 import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.locks.LockSupport;
+import java.util.concurrent.locks.ReentrantLock;
 
 /** Virtual threads in known places, for JDK 21 and later. Ends with its input. */
 final class Virtual {
@@ -10,8 +12,27 @@ final class Virtual {
             sum++;
     }
 
+    static final ReentrantLock LOCK = new ReentrantLock();
+
+    static void own(CountDownLatch started) {
+        LOCK.lock();
+        started.countDown();
+        while (true)
+            LockSupport.park();
+    }
+
+    static void rest() {
+        while (true)
+            LockSupport.park();
+    }
+
     public static void main(String[] args) throws Exception {
-        CountDownLatch started = new CountDownLatch(2);
+        CountDownLatch owned = new CountDownLatch(1), started = new CountDownLatch(2);
+        Thread.ofVirtual().name("v-owner").start(() -> own(owned));
+        owned.await();
+        new Thread(LOCK::lock, "p-wants").start();
+        for (int i = 0; i < 20; i++)
+            Thread.ofVirtual().start(Virtual::rest);
         Thread.ofVirtual().name("v-spins").start(() -> spin(started));
         Thread.ofVirtual().start(() -> spin(started));
         started.await();

@@ -5,7 +5,7 @@ import os
 import re
 import unittest
 
-from harness import SETTINGS, Case, Program, folder, run_tool
+from harness import SETTINGS, Case, Program, folder, run_tool, wait_until
 
 FIRST = 21  # the JDK with virtual threads
 
@@ -54,3 +54,26 @@ class Virtual(Case):
         self.assertEqual({t["key"]: t["carries"] for t in threads if "carries" in t},
                          {t["carrier"]: t["key"] for t in shown.values()})
         self.assertNotRegex(self.app.output(), "WARNING in native|FATAL ERROR")
+
+    def test_others_are_in_groups_own_locks_and_are_found_by_id(self):
+        truth = self.dump()
+        resting = {tid for tid, (_, calls) in truth.items() if "Virtual.rest" in calls}
+        view = self.json("threads", self.app.pid, "--virtual", "--details", "--match", "Virtual.rest")
+        (group,) = view["groups"]
+        self.assertEqual((group["count"], group["state"], group["call"]["method"]),
+                         (len(resting), "Object Wait", "rest"))
+        self.assertEqual(group["stack"][0]["method"], "rest")
+        self.assertIn(group["id"], resting)
+        self.assertEqual(view["count"],
+                         sum("java.lang.VirtualThread.run" in calls for _, calls in truth.values()))
+
+        def waits():
+            return [w for w in self.json("locks", self.app.pid)["waits"] if w["waiter"]["name"] == "p-wants"]
+        wait_until("p-wants waits", waits)
+        holder = waits()[0]["holder"]
+        self.assertEqual((holder["name"], holder["virtual"]), ("v-owner", True))
+        (owner,) = self.json("stack", self.app.pid, holder["id"])["threads"]
+        self.assertEqual((owner["name"], owner["stack"][0]["method"], truth[holder["id"]][0]),
+                         ("v-owner", "own", "v-owner"))
+        said = f"held by virtual thread #{holder['id']} v-owner"
+        self.assertIn(said, self.answer("locks", self.app.pid).out)

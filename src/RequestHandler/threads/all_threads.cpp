@@ -172,6 +172,10 @@ void WalkThreads(QorSample *sample) {
             return;
         QorGetJVMThread(&sample->handle, 0);
     }
+    const bool isTrace = (sample->reqid & QORREQ_POLL_DETAILS) && trace_single_thread_details;
+    if (isTrace && !sample->recordStands && sample->args[1] &&
+        QorTurnToKey(&sample->handle, sample->processId, sample->args[1]))
+        SampleThread(sample, &walk);
 }
 
 } // namespace

@@ -20,6 +20,7 @@ struct QorSample {
     char title[TITLE_SIZE]; // title record, or empty
     QorThreadHandle handle;
     QorFrameHandle frames;
+    char lockOwner[NAME_SIZE]; // name of the virtual thread that owns the lock waited for, or empty
 
     // statistics
     int32_t threadCount, frameCount, maxDepth;

@@ -21,8 +21,9 @@ constexpr char FRAMEWORK_MARK = 14;
 constexpr char REMOTE_MARK = 15;
 
 // What the agent itself adds to a thread's figures.
-constexpr char READ_RULE[] = "rule=read", VIRTUAL[] = "virtual=", CARRIES[] = "carries=";
-constexpr int32_t LONGEST_MARKS = 128;
+constexpr char READ_RULE[] = "rule=read",
+               VIRTUAL[] = "virtual=", CARRIES[] = "carries=", LOCK_OWNER[] = "owner=";
+constexpr int32_t LONGEST_MARKS = NAME_SIZE + 128;
 
 // A stretch of text, without a terminator of its own. Null `from` for none.
 struct Piece {
@@ -213,6 +214,15 @@ void AppendMarks(QorText *out, const QorE2EBlock &block) {
         AppendPartner(out, VIRTUAL, block.partnerId);
     else if (block.partnerId != 0)
         AppendPartner(out, CARRIES, block.partnerId);
+    if (block.lockOwner) {
+        QorTextAppendChar(out, FIELD_SEP);
+        QorTextAppend(out, LOCK_OWNER);
+        QorTextAppend(out, block.lockOwner);
+    }
+}
+
+bool HasMarks(const QorE2EBlock &block) {
+    return block.byReadRule || block.isVirtual || block.partnerId != 0 || block.lockOwner;
 }
 
 // The thread's figures and details, with the agent's own marks after the figures.
@@ -300,7 +310,7 @@ void QorMergeAnswer(const char *answer, bool systemData) {
 
     int64_t wanted = int64_t{reply.length} + (merge.answer.to - merge.answer.from) + 1;
     for (const QorE2EBlock *block = thread_e2e_info; block; block = block->next)
-        wanted += block->byReadRule || block->isVirtual || block->partnerId ? LONGEST_MARKS : 0;
+        wanted += HasMarks(*block) ? LONGEST_MARKS : 0;
     const auto size = static_cast<int32_t>(std::min<int64_t>(wanted, PAGEBUF_SIZE));
     char *storage = static_cast<char *>(malloc(static_cast<size_t>(size)));
     if (!storage) {

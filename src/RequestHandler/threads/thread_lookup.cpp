@@ -2,6 +2,7 @@
 
 #include "Xtier/Xtier.h"
 
+#include <cstdlib>
 #include <cstring>
 
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread) {
@@ -15,7 +16,13 @@ bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, 
         if (strncmp(threadKey, key, THREAD_KEY_SIZE) == 0)
             return true;
     }
-    return false;
+    return QorTurnToKey(handle, processId, key) && QorGetThreadInfo(handle, thread) == 0;
+}
+
+bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key) {
+    const char *dash = strchr(key, '-');
+    return dash && strtoll(key, nullptr, 10) == processId &&
+           QorTurnToVirtual(handle, strtoll(dash + 1, nullptr, 10));
 }
 
 const char *QorCallTypeText(const QorFrameRecord *frame) {

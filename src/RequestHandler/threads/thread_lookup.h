@@ -7,8 +7,11 @@
 #include <cstdint>
 
 // Moves the cursor of a started walk to the thread with this key and fills its record. False when no thread
-// of the walk has it; a null key matches no thread.
+// of the walk and no virtual thread has it; a null key matches no thread.
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread);
+
+// Turns an open walk to the virtual thread with this key, as QorTurnToVirtual does.
+bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key);
 
 // "user" or "sys", the type column of a frame.
 const char *QorCallTypeText(const QorFrameRecord *frame);

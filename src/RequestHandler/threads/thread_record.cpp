@@ -21,8 +21,10 @@ void ReadLocks(QorSample *sample, const QorThreadRecord &thread, ThreadLocks *lo
     const QorMonitorScope scope = trace_single_thread_details ? MONITORS_OF_ONE_THREAD : MONITORS_OF_THE_WALK;
     QorMonitorRecord contended = {};
     if (QorGetContendedMonitorInfo(&sample->handle, &thread, scope, &contended, 0) == 1 &&
-        contended.waiting == 1)
+        contended.waiting == 1) {
         QorAppendLockWaitRecord(&locks->wait, &contended, sample->processId);
+        QorNameVirtualOwner(&sample->handle, contended, sample->lockOwner);
+    }
 
     QorMonitorRecord *records = nullptr;
     const int32_t count = QorGetOwnedMonitorInfo(&sample->handle, &thread, scope, &records);
@@ -130,6 +132,7 @@ bool QorCarriesThreadData(uint32_t reqid) {
 int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
     QorText *out = sample->reply;
     const int32_t start = out->length;
+    sample->lockOwner[0] = 0;
     const bool isPollForm = (sample->reqid & QORREQ_POLL_DETAILS) != 0;
     if (isPollForm && sample->recordStands && !trace_single_thread_details) {
         QorTextAppendChar(out, SECTION_END);
@@ -154,7 +157,10 @@ int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
         QorDropThreadFrames();
     else if (QorAddThreadLocation(&walk->thread, walk->key, at, walk->framework) != 0)
         return -1;
-    if (QorCarriesThreadData(sample->reqid))
-        return QorAddE2EBlock(jvmtijni_env, &sample->handle, &walk->thread, sample->frames.count);
-    return 0;
+    if (!QorCarriesThreadData(sample->reqid))
+        return 0;
+    const int32_t added = QorAddE2EBlock(jvmtijni_env, &sample->handle, &walk->thread, sample->frames.count);
+    if (added == 0 && sample->lockOwner[0])
+        QorNoteLockOwner(sample->lockOwner);
+    return added;
 }

@@ -69,8 +69,12 @@ void UseFrames(VirtualView *view, const QorVirtualGroup &group) {
 
 bool Holds(const QorFrameRecord &frame, const char *text) {
     char call[2 * NAME_SIZE + 3];
-    snprintf(call, sizeof call, "%s->%s", frame.className, frame.method);
-    return strstr(call, text) != nullptr;
+    for (const char *form : {"%s->%s", "%s.%s"}) { // as the wire and as Java has it
+        snprintf(call, sizeof call, form, frame.className, frame.method);
+        if (strstr(call, text))
+            return true;
+    }
+    return false;
 }
 
 // Whether the class is the JDK's: its frames are above the application's in every wait, whatever the rules

@@ -3,6 +3,7 @@
 #include "MethodTable.h"
 #include "MonitorMemo.h"
 #include "MonitorsManagement.h"
+#include "VirtualFields.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/changes/trycatch.h"
@@ -196,6 +197,53 @@ int32_t ContendedByBoth(QorThreadHandle *handle, const QorThreadRecord *thread, 
     return 1;
 }
 
+bool LookUpOwners() {
+    return QorCanSeeMounted() && QorLookUpVirtual() == VIRTUAL_READY;
+}
+
+// What a virtual thread waits for, of which neither JVMTI nor management says anything.
+int32_t ContendedByFields(const QorThreadHandle *handle, QorMonitorRecord *record) {
+    QorLocalFrame frame(jvmtijni_env, 8);
+    jobject blocker = frame.pushed && LookUpOwners() ? QorParkBlocker(handle, handle->index) : nullptr;
+    jobject owner = QorOwnerOfBlocker(blocker);
+    jvmtiError error;
+    if (!owner || !QorReadThreadId(static_cast<jthread>(owner), &record->owner) ||
+        ReadLockClass(QorGetObjectClass(jvmtijni_env, blocker), record->description, &error) != 1)
+        return 0;
+    NumberLock(blocker, record);
+    record->waiting = 1;
+    return 1;
+}
+
+// A virtual thread that holds a monitor stays on its carrier, which the JVM then takes for the owner. It
+// isn't: carriers hold no monitors while they run a virtual thread.
+void CorrectOwner(const QorThreadHandle *handle, QorMonitorRecord *record) {
+    const jvmtiStackInfo *stack = QorWalkStack(handle, handle->index);
+    if (!stack || (stack->state & JVMTI_THREAD_STATE_PARKED))
+        return;
+    for (int32_t i = 0; i < handle->count; i++) {
+        if (QorWalkThreadKind(handle, i) == THREAD_CARRIER &&
+            QorGetWalkThreadId(handle, i) == record->owner) {
+            record->owner = QorGetPartnerId(handle, i);
+            return;
+        }
+    }
+}
+
+int32_t ContendedByRoad(MonitorRoad road, QorThreadHandle *handle, const QorThreadRecord *thread,
+                        QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner) {
+    switch (road) {
+    case ROAD_JVMTI:
+        QORLOG(LOG_TRACE, "QorAgetContendedMonitorInforUsing JVMTI");
+        return ContendedByBoth(handle, thread, scope, record, wantOwner);
+    case ROAD_MANAGEMENT:
+        QORLOG(LOG_TRACE, "QorGetContendedMonitorInfoUsingManagement");
+        return QorGetContendedMonitorInfoUsingManagement(handle, thread, scope, record);
+    default:
+        return 0;
+    }
+}
+
 bool AtThread(const QorThreadHandle *handle) {
     return handle && handle->threads && handle->index >= 0 && handle->index < handle->count;
 }
@@ -235,21 +283,34 @@ int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecor
     const MonitorRoad road = ChooseRoad();
     if (!AtThread(handle) || !thread || !record || road == ROAD_NONE)
         return 0;
+    if (QorIsVirtual(handle, handle->index))
+        return ContendedByFields(handle, record);
     if (scope == MONITORS_OF_THE_WALK && !QorMayWaitForLock(handle, handle->index))
         return 0;
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed)
         LogNoFrame(LOG_WARNING);
-    switch (road) {
-    case ROAD_JVMTI:
-        QORLOG(LOG_TRACE, "QorAgetContendedMonitorInforUsing JVMTI");
-        return ContendedByBoth(handle, thread, scope, record, wantOwner);
-    case ROAD_MANAGEMENT:
-        QORLOG(LOG_TRACE, "QorGetContendedMonitorInfoUsingManagement");
-        return QorGetContendedMonitorInfoUsingManagement(handle, thread, scope, record);
-    default:
-        return 0;
-    }
+    const int32_t found = ContendedByRoad(road, handle, thread, scope, record, wantOwner);
+    if (found == 1)
+        CorrectOwner(handle, record);
+    return found;
+}
+
+bool QorNameVirtualOwner(const QorThreadHandle *handle, const QorMonitorRecord &lock, char *name) {
+    QorLocalFrame frame(jvmtijni_env, 8);
+    if (!frame.pushed || !AtThread(handle) || lock.owner == 0 || !LookUpOwners())
+        return false;
+    jobject owner = QorOwnerOfBlocker(QorParkBlocker(handle, handle->index));
+    for (int32_t i = 0; !owner && i < handle->count; i++)
+        if (QorIsVirtual(handle, i) && QorGetWalkThreadId(handle, i) == lock.owner)
+            owner = handle->threads[i];
+    jvmtiThreadInfo info = {};
+    if (!owner || !QorIsVirtualThread(owner) ||
+        jvmti->GetThreadInfo(static_cast<jthread>(owner), &info) != JVMTI_ERROR_NONE)
+        return false;
+    QorCopyName(name, info.name && info.name[0] ? info.name : "^");
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(info.name));
+    return true;
 }
 
 int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record) {

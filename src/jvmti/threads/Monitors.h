@@ -22,9 +22,15 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
 
 // The lock that the thread at the cursor waits for: 1 with the caller's cleared record filled, else 0.
 // wantOwner non-zero asks JVMTI for the owner as well, which stops the JVM. Otherwise management reports it,
-// which knows locks of java.util.concurrent too; where it isn't there the owner is 0.
+// which knows locks of java.util.concurrent too; where it isn't there the owner is 0. Of a virtual thread
+// locks of java.util.concurrent alone are known. A monitor's owner that the JVM takes for the carrier is the
+// virtual thread.
 int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *thread,
                                    QorMonitorScope scope, QorMonitorRecord *record, int32_t wantOwner);
+
+// The name of the virtual thread that owns a lock which the thread at the cursor waits for, into NAME_SIZE
+// bytes: "^" for one without a name. False when the owner isn't a virtual thread, or isn't found.
+bool QorNameVirtualOwner(const QorThreadHandle *handle, const QorMonitorRecord &lock, char *name);
 
 // What the thread at the cursor is parked by, such as a latch or a condition: 1 with description and lock id
 // of the caller's cleared record filled, else 0.

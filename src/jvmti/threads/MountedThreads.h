@@ -16,6 +16,7 @@ enum QorThreadKind : int8_t {
     THREAD_CARRIER,       // the next one runs on it
     THREAD_MOUNTED,       // runs on the one before
     THREAD_MOUNTED_ALONE, // its carrier has ended since
+    THREAD_UNMOUNTED,     // a walk of one virtual thread that no carrier ran when it was looked for
 };
 
 // Whether mounted threads can be seen. The first call of a session finds out, and logs why not on JVMs that

@@ -3,6 +3,9 @@
 #include "MethodTable.h"
 #include "MonitorsManagement.h"
 #include "MountedThreads.h"
+#include "VirtualFields.h"
+#include "VirtualGroups.h"
+#include "VirtualSets.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
@@ -36,6 +39,7 @@ constexpr int32_t INDEX_LIMIT = MAX_WALK_THREADS + 1;
 constexpr jint SNAPSHOT_FRAME_CAPACITY = 4096; // the most that HotSpot grants
 constexpr jint REFERENCES_OF_A_VIEW = 64;
 constexpr char NO_NAME[] = "^";
+constexpr int64_t SEARCH_USEC = 1000000;
 
 void FreeSnapshotArray(int32_t threshold) {
     const jvmtiError error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(qorstack_info_ptr));
@@ -101,6 +105,48 @@ void TakeSnapshot(QorThreadHandle *handle) {
         gbjThreadList[i] = qorstack_info_ptr[i].thread;
     memset(walkThreadIds, 0, sizeof walkThreadIds);
     QorRefreshIdField();
+}
+
+// A look for one virtual thread.
+struct Search {
+    int64_t tid;
+    jthread found;
+};
+
+bool VisitForId(void *data, jobject thread) {
+    Search *search = static_cast<Search *>(data);
+    if (QorGetLongField(jvmtijni_env, thread, qorVirtual.tid) != search->tid)
+        return true;
+    search->found = jvmtijni_env->NewLocalRef(thread);
+    return false;
+}
+
+jthread FindVirtual(int64_t tid) {
+    Search search = {tid, nullptr};
+    QorVirtualWalk walk = {};
+    walk.visit = VisitForId;
+    walk.data = &search;
+    walk.most = VIRTUAL_MOST_THREADS;
+    walk.deadline = QorVirtualClock() + SEARCH_USEC;
+    QorWalkVirtualThreads(&walk);
+    return search.found;
+}
+
+// Its stack becomes the snapshot, without the scheduler's frames.
+bool TakeSnapshotOf(jthread thread) {
+    if (jvmti->GetThreadListStackTraces(1, &thread, maxStackDepthQueried, &qorstack_info_ptr) !=
+        JVMTI_ERROR_NONE) {
+        qorstack_info_ptr = nullptr;
+        return false;
+    }
+    const jint skipped =
+        QorCountSchedulerFrames(qorstack_info_ptr->frame_buffer, qorstack_info_ptr->frame_count);
+    qorstack_info_ptr->frame_buffer += skipped;
+    qorstack_info_ptr->frame_count -= skipped;
+    gbjThreadList[0] = thread;
+    walkThreadKinds[0] = THREAD_UNMOUNTED;
+    threads_count = 1;
+    return true;
 }
 
 jthread ThreadAtCursor(const QorThreadHandle *handle) {
@@ -193,6 +239,23 @@ QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t) {
     return handle;
 }
 
+bool QorTurnToVirtual(QorThreadHandle *handle, int64_t tid) {
+    QorCloseThreadHandle(handle);
+    handle->count = handle->index = 0;
+    if (!QorCanSeeMounted() || QorLookUpVirtual() != VIRTUAL_READY)
+        return false;
+    snapshotFramePushed =
+        QorPushLocalFrame(jvmtijni_env, VIRTUAL_WALK_REFERENCES + REFERENCES_OF_A_VIEW) == JNI_OK;
+    jthread thread = snapshotFramePushed ? FindVirtual(tid) : nullptr;
+    if (!thread || !TakeSnapshotOf(thread)) {
+        PopSnapshotFrame();
+        return false;
+    }
+    walkThreadIds[0] = tid;
+    *handle = {gbjThreadList, 1, 0};
+    return true;
+}
+
 void QorCloseThreadHandle(QorThreadHandle *) {
     QorDropMethodFacts();
     QorCloseMonitorSample(); // no answer of this walk may pass for one of the next
@@ -216,6 +279,9 @@ int32_t QorGetThreadInfo(QorThreadHandle *handle, QorThreadRecord *record) {
         return -1;
     record->state = mapThreadStatetoQorState(jvmtiState, record->tid);
     record->handle = handle;
+    static QorFrameHandle frames;
+    if (walkThreadKinds[handle->index] == THREAD_UNMOUNTED && QorGetFrames(handle, &frames) > 0)
+        QorRefineUnmounted(&frames, record);
     return 0;
 }
 

@@ -105,6 +105,11 @@ void QorInitThreadHandle(QorThreadHandle *handle);
 // walk has ended when index is not below count; a failed snapshot ends it at once.
 QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t unused);
 
+// Turns an open walk into one of the virtual thread with this Java thread id, mounted or not: the cursor is
+// at it, its frames are those after the scheduler's. Looks for it for a second at most. False when it isn't
+// found: the walk is then over.
+bool QorTurnToVirtual(QorThreadHandle *handle, int64_t tid);
+
 // Drops the snapshot, its references and the methods' facts. Safe without an open walk.
 void QorCloseThreadHandle(QorThreadHandle *handle);
 

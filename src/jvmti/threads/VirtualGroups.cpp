@@ -61,21 +61,6 @@ bool IsSchedulerFrame(const QorFrameRecord &frame) {
     return false;
 }
 
-// The number of frames on top that are the scheduler's; all frames but the last, at most.
-int32_t CountSchedulerFrames(const jvmtiFrameInfo *frames, jint count) {
-    static QorFrameHandle top;
-    top.count = std::min<jint>(count - 1, MOST_SCHEDULER_FRAMES);
-    if (top.count <= 0)
-        return 0;
-    memcpy(top.frames, frames, static_cast<size_t>(top.count) * sizeof *frames);
-    for (top.index = 0; top.index < top.count; top.index++) {
-        QorFrameRecord frame;
-        if (QorReadFrame(&top, FRAME_METHOD_AND_CLASS, &frame) != 0 || !IsSchedulerFrame(frame))
-            break;
-    }
-    return top.index;
-}
-
 void Mix(uint64_t *hash, uint64_t value) {
     *hash = (*hash ^ value) * 0x9e3779b97f4a7c15U;
     *hash ^= *hash >> 29;
@@ -166,7 +151,7 @@ void AddStack(Sampler *sampler, jthread thread, jint state, const jvmtiFrameInfo
     QorVirtualSample *sample = sampler->sample;
     sample->sampled++;
     const int32_t skipped =
-        CountSchedulerFrames(frames, count); // without frames: waits for its first carrier
+        QorCountSchedulerFrames(frames, count); // without frames: waits for its first carrier
     const int32_t depth = std::min<int32_t>(count - skipped, VIRTUAL_DEPTH);
     const int32_t mapped = mapThreadStatetoQorState(state, -1);
     const uint64_t hash = HashOf(mapped, frames + skipped, depth);
@@ -284,6 +269,20 @@ void TakeSample(const QorVirtualLimits &limits, QorVirtualSample *sample) {
 }
 
 } // namespace
+
+int32_t QorCountSchedulerFrames(const jvmtiFrameInfo *frames, jint count) {
+    static QorFrameHandle top;
+    top.count = std::min<jint>(count - 1, MOST_SCHEDULER_FRAMES);
+    if (top.count <= 0)
+        return 0;
+    memcpy(top.frames, frames, static_cast<size_t>(top.count) * sizeof *frames);
+    for (top.index = 0; top.index < top.count; top.index++) {
+        QorFrameRecord frame;
+        if (QorReadFrame(&top, FRAME_METHOD_AND_CLASS, &frame) != 0 || !IsSchedulerFrame(frame))
+            break;
+    }
+    return top.index;
+}
 
 int32_t QorSampleVirtualThreads(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample) {
     *sample = {};

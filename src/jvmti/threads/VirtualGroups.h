@@ -52,6 +52,9 @@ struct QorVirtualSample {
 int32_t QorSampleVirtualThreads(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample);
 void QorFreeVirtualSample(QorVirtualSample *sample);
 
+// The number of frames on top that are the scheduler's; all frames but the last, at most.
+int32_t QorCountSchedulerFrames(const jvmtiFrameInfo *frames, jint count);
+
 // What an unmounted thread does: its state refined by frames after the scheduler's, from `index` 0 on. Then
 // GetThreadEnhancedState goes on with them. True for the JDK's own threads, which are always idle.
 bool QorRefineUnmounted(QorFrameHandle *frames, QorThreadRecord *thread);

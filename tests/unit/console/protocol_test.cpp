@@ -3,6 +3,7 @@
 #include "wire.h"
 #include "wire/memory.h"
 #include "wire/objects.h"
+#include "wire/virtual_threads.h"
 
 #include <map>
 #include <sstream>
@@ -98,6 +99,33 @@ const struct {
     {"frame of one stack", ONE_STACK + "Lock!", ";!",
      [](const Reply &r) { return OfFrame(OnlyOf(r).stack.at(0)); }},
     {"lock holder", "", "!", [](const Reply &r) { return OfThread(DecodeLockHolder(r).thread); }},
+    {"virtual threads", "", ";!",
+     [](const Reply &r) {
+         const VirtualThreads v = DecodeVirtualThreads(r);
+         std::vector<std::string> values = {Of(v.count), Of(v.in_executors), Of(v.mounted), Of(v.sampled),
+                                            Of(v.groups_found)};
+         values.push_back(v.cut_by_rows && !v.cut_by_limits ? "106" : ""); // its bits
+         values.push_back(v.note);
+         for (const auto &state : v.states)
+             values.push_back(Of(state.second));
+         return Named("count,in executors,mounted,sampled,groups,cut,note,runnable,db wait,lock,network wait,"
+                      "io wait,object wait,sleeping,rmi wait,other",
+                      values);
+     }},
+    {"virtual threads unavailable", "", ";!",
+     [](const Reply &r) {
+         const VirtualThreads v = DecodeVirtualThreads(r);
+         return Named("reason", {v.available ? "" : v.reason});
+     }},
+    {"group of virtual threads", "JVM Virtual Threads;9~9~9~9~9~0~^~9~9~9~9~9~9~9~9~9;", ";!",
+     [](const Reply &r) {
+         const VirtualGroup group = DecodeVirtualThreads(r).groups.at(0);
+         Read read = OfThread(group.member);
+         read.merge(Named(
+             "number,waits for,owner,container,depth",
+             {Of(group.number), group.waits_for, group.owner.Text(), group.container, Of(group.depth)}));
+         return read;
+     }},
     {"pool", "", ";!" + COLLECTIONS,
      [](const Reply &r) {
          const HeapPool pool = DecodeHeap(r).pools.at(0);
