@@ -107,31 +107,6 @@ void TakeSnapshot(QorThreadHandle *handle) {
     QorRefreshIdField();
 }
 
-// A look for one virtual thread.
-struct Search {
-    int64_t tid;
-    jthread found;
-};
-
-bool VisitForId(void *data, jobject thread) {
-    Search *search = static_cast<Search *>(data);
-    if (QorGetLongField(jvmtijni_env, thread, qorVirtual.tid) != search->tid)
-        return true;
-    search->found = jvmtijni_env->NewLocalRef(thread);
-    return false;
-}
-
-jthread FindVirtual(int64_t tid) {
-    Search search = {tid, nullptr};
-    QorVirtualWalk walk = {};
-    walk.visit = VisitForId;
-    walk.data = &search;
-    walk.most = VIRTUAL_MOST_THREADS;
-    walk.deadline = QorVirtualClock() + SEARCH_USEC;
-    QorWalkVirtualThreads(&walk);
-    return search.found;
-}
-
 // Its stack becomes the snapshot, without the scheduler's frames.
 bool TakeSnapshotOf(jthread thread) {
     if (jvmti->GetThreadListStackTraces(1, &thread, maxStackDepthQueried, &qorstack_info_ptr) !=
@@ -244,9 +219,8 @@ bool QorTurnToVirtual(QorThreadHandle *handle, int64_t tid) {
     handle->count = handle->index = 0;
     if (!QorCanSeeMounted() || QorLookUpVirtual() != VIRTUAL_READY)
         return false;
-    snapshotFramePushed =
-        QorPushLocalFrame(jvmtijni_env, VIRTUAL_WALK_REFERENCES + REFERENCES_OF_A_VIEW) == JNI_OK;
-    jthread thread = snapshotFramePushed ? FindVirtual(tid) : nullptr;
+    snapshotFramePushed = QorPushLocalFrame(jvmtijni_env, REFERENCES_OF_A_VIEW) == JNI_OK;
+    jthread thread = snapshotFramePushed ? QorFindVirtualThread(tid, SEARCH_USEC) : nullptr;
     if (!thread || !TakeSnapshotOf(thread)) {
         PopSnapshotFrame();
         return false;

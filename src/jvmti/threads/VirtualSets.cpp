@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <limits>
 
 namespace {
 
@@ -199,7 +198,7 @@ void VisitScopes(QorVirtualWalk *walk, jobject thread) {
     Local scope(FieldOf(thread, qorVirtual.scopes));
     if (walk->depth == MOST_SCOPES)
         return;
-    for (walk->depth++; scope.ref && !walk->ended; scope.Follow(qorVirtual.previousScope)) {
+    for (walk->depth++; scope.ref && !IsOver(walk); scope.Follow(qorVirtual.previousScope)) {
         if (!scope.IsA(qorVirtual.flockContainer))
             continue;
         const Local threads(ThreadsOf(scope.ref));
@@ -231,7 +230,7 @@ bool VisitThread(QorVirtualWalk *walk, jobject thread) {
 
 // Visits as many threads of the set as are its share of those that may still be visited.
 void WalkSet(QorVirtualWalk *walk, jobject set, int64_t size) {
-    if (walk->ended || size == 0)
+    if (size == 0 || IsOver(walk)) // here too, as a small set ends before its own look at the clock
         return;
     const int64_t left = walk->most - walk->visited, expected = std::max(walk->expected, size);
     const bool whole = expected <= left;
@@ -242,8 +241,8 @@ void WalkSet(QorVirtualWalk *walk, jobject set, int64_t size) {
     bool partly = false;
     const auto goOn = [&] {
         // One thread at least, so that many small sets are all heard.
-        partly =
-            walk->visited > start && (walk->visited - start >= share || QorVirtualClock() - now > timeShare);
+        partly = walk->most != VIRTUAL_ALL_THREADS && walk->visited > start &&
+                 (walk->visited - start >= share || QorVirtualClock() - now > timeShare);
         return !IsOver(walk) && !partly;
     };
     VisitSet(
@@ -325,7 +324,7 @@ jobject QorFindVirtualThread(int64_t tid, int64_t usec) {
         return !wanted->found;
     };
     walk.data = &search;
-    walk.most = std::numeric_limits<int64_t>::max();
+    walk.most = VIRTUAL_ALL_THREADS;
     walk.deadline = QorVirtualClock() + usec;
     QorWalkVirtualThreads(&walk);
     return QorPopLocalFrame(jvmtijni_env, search.found);

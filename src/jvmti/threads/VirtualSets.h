@@ -13,6 +13,9 @@
 
 #include <cstdint>
 #include <jni.h>
+#include <limits>
+
+constexpr int64_t VIRTUAL_ALL_THREADS = std::numeric_limits<int64_t>::max();
 
 enum : int32_t { VIRTUAL_WALK_REFERENCES = 4000 }; // nearly all for the platform threads
 
@@ -28,7 +31,7 @@ QorVirtualCounts QorCountVirtualThreads();
 struct QorVirtualWalk {
     bool (*visit)(void *data, jobject thread); // false ends the walk; the reference is the walk's
     void *data;
-    int64_t most;     // threads to visit
+    int64_t most;     // threads to visit; VIRTUAL_ALL_THREADS: no set is left early for others either
     int64_t deadline; // of CLOCK_MONOTONIC, in microseconds
 
     int64_t visited;
