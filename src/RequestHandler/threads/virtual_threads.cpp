@@ -192,6 +192,7 @@ void ReadHeldThreads(QorText *reply) {
     QorInsertXtierData(reply);
     gbQorHeldThreads = nullptr;
     QorDeleteGlobalRef(jvmtijni_env, held.array);
+    held.array = nullptr;
 }
 
 // The states in the order of the summary.
@@ -318,6 +319,8 @@ void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
     const int64_t now = qorLocalWalkClock();
     const bool isDue = QorHandTimeLeft(now) > 0;
     const bool readsLocals = !no_locals && !gbQorSkipLocal && !gbQorRELocal;
+    if (held.array) // a fault has ended the last request
+        QorDeleteGlobalRef(jvmtijni_env, held.array);
     held = {nullptr, 0, readsLocals ? std::min(view->mostGroups, MOST_HELD) : 0};
     QorStartFrameShapes();
     if (QorSampleVirtualThreads(limits, !isDue, &view->sample) != 0)

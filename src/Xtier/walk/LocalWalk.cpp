@@ -84,10 +84,10 @@ int32_t Follow(jvmtiHeapReferenceCallback callback) {
     return error;
 }
 
-void TagHeldThreads(jlong tag) {
-    walk.env->SetTag(gbQorHeldThreads, tag);
-    for (jsize i = 0, count = QorGetArrayLength(jvmtijni_env, gbQorHeldThreads); i < count; i++) {
-        jobject thread = QorGetObjectArrayElement(jvmtijni_env, gbQorHeldThreads, i);
+void TagHeldThreads(jobjectArray threads, jlong tag) {
+    walk.env->SetTag(threads, tag);
+    for (jsize i = 0, count = QorGetArrayLength(jvmtijni_env, threads); i < count; i++) {
+        jobject thread = QorGetObjectArrayElement(jvmtijni_env, threads, i);
         if (!thread)
             return;
         walk.env->SetTag(thread, tag);
@@ -96,9 +96,11 @@ void TagHeldThreads(jlong tag) {
 }
 
 int32_t FollowHeldThreads() {
-    TagHeldThreads(HELD_THREAD);
+    jobjectArray threads = gbQorHeldThreads;
+    gbQorHeldThreads = nullptr; // a fault from here on must not leave it to the walks of other requests
+    TagHeldThreads(threads, HELD_THREAD);
     const int32_t error = Follow(heapReferenceHeldThreadsCallback);
-    TagHeldThreads(0);
+    TagHeldThreads(threads, 0);
     return error;
 }
 

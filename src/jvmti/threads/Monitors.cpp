@@ -198,7 +198,18 @@ int32_t ContendedByBoth(QorThreadHandle *handle, const QorThreadRecord *thread, 
 }
 
 bool LookUpOwners() {
-    return QorCanSeeMounted() && QorLookUpVirtual() == VIRTUAL_READY;
+    if (!QorCanSeeMounted())
+        return false;
+    const bool isKnown = qorVirtual.thread && qorVirtual.owner; // classes yet to come don't matter here
+    return isKnown || QorLookUpVirtual() == VIRTUAL_READY;
+}
+
+// The virtual thread that owns what the thread at the cursor is parked by; null if it isn't this owner (any
+// more).
+jobject ParkedByOwner(const QorThreadHandle *handle, int64_t id) {
+    jobject owner = QorOwnerOfBlocker(QorParkBlocker(handle, handle->index));
+    int64_t ownerId = 0;
+    return owner && QorReadThreadId(static_cast<jthread>(owner), &ownerId) && ownerId == id ? owner : nullptr;
 }
 
 // What a virtual thread waits for, of which neither JVMTI nor management says anything.
@@ -300,7 +311,7 @@ bool QorNameVirtualOwner(const QorThreadHandle *handle, const QorMonitorRecord &
     QorLocalFrame frame(jvmtijni_env, 8);
     if (!frame.pushed || !AtThread(handle) || lock.owner == 0 || !LookUpOwners())
         return false;
-    jobject owner = QorOwnerOfBlocker(QorParkBlocker(handle, handle->index));
+    jobject owner = ParkedByOwner(handle, lock.owner);
     for (int32_t i = 0; !owner && i < handle->count; i++)
         if (QorIsVirtual(handle, i) && QorGetWalkThreadId(handle, i) == lock.owner)
             owner = handle->threads[i];
