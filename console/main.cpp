@@ -36,6 +36,7 @@ struct CommandLine {
     std::vector<int64_t> tags;
     std::string follow;
     RecordOptions record;
+    ReportCommand report;
 };
 
 CLI::App *AddCommand(CLI::App *app, const char *name, const char *text, Settings *settings) {
@@ -101,12 +102,24 @@ void AddThreads(CLI::App *app, CommandLine *line) {
                    "Virtual threads that no thread runs at the moment, in groups of the same stack")
         ->excludes(thread);
     command
+        ->add_option("--format", line->threads.format,
+                     "With stacks, for other tools: jstack (all threads), folded; or json")
+        ->option_text("jstack|folded|json")
+        ->check(CLI::IsMember({"jstack", "folded", "json"}).description(""))
+        ->excludes("--json", "--virtual");
+    command
         ->add_option("--match", line->threads.match, "Only threads with TEXT in name, state, call or stack")
         ->option_text("TEXT");
     AddBudget(command, &line->settings);
     AddWatch(command, &line->threads.watch);
     AddWide(command, &line->settings);
-    command->final_callback([line] { RunThreads(line->settings, line->pid, line->threads); });
+    command->final_callback([line] {
+        if (line->threads.format == "json") {
+            line->settings.json = true;
+            line->threads.format.clear();
+        }
+        RunThreads(line->settings, line->pid, line->threads);
+    });
 }
 
 void AddTop(CLI::App *app, CommandLine *line) {
@@ -327,6 +340,19 @@ void AddRecord(CLI::App *app, CommandLine *line) {
     record->final_callback([line] { RunRecord(line->settings, line->pid, line->record); });
 }
 
+void AddReport(CLI::App *app, CommandLine *line) {
+    ReportCommand *command = &line->report;
+    CLI::App *report = app->add_subcommand("report", "Show what a recording holds");
+    report->add_option("file", command->file, "What 'qorctl record' wrote")->option_text("FILE")->required();
+    CLI::Option *folded = report->add_flag("--folded", command->folded,
+                                           "Stacks folded to lines, with how many samples have each");
+    report->add_option("--jstack", command->jstack, "A thread dump, as jstack writes it, of sample N")
+        ->option_text("N")
+        ->check(CLI::Range(int64_t{1}, INT64_MAX).description(""))
+        ->excludes(folded);
+    report->final_callback([line] { RunReport(line->report); });
+}
+
 // Needs no agent, and asks the JVM nothing.
 void AddHung(CLI::App *app, CommandLine *line) {
     CLI::App *hung = AddCommand(
@@ -455,6 +481,7 @@ int Run(int argc, char **argv) {
     AddDump(&app, &line);
     AddForkDump(&app, &line);
     AddRecord(&app, &line);
+    AddReport(&app, &line);
     AddHung(&app, &line);
     AddMetrics(&app, &line);
     AddOthers(&app, &line);

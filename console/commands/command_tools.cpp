@@ -118,6 +118,12 @@ void NoteMissingTiers(const Settings &settings, pid_t pid) {
     }
 }
 
+void NoteCut(const ThreadSample &sample) {
+    if (sample.cut || CutStacks(sample) > 0)
+        fmt::print(stderr,
+                   "qorctl: stacks are missing or incomplete, as the agent's reply had no more room\n");
+}
+
 std::string ReadTiers(const Settings &settings, Connection *connection) {
     std::string text;
     for (size_t page = 0;; ++page) {

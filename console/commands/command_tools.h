@@ -46,6 +46,9 @@ std::string AskOnce(const Settings &settings, pid_t pid, const std::string &requ
 // had their share of time.
 void NoteMissingTiers(const Settings &settings, pid_t pid);
 
+// Says on standard error that not all of the sample is there, where the form it is written in can't.
+void NoteCut(const ThreadSample &sample);
+
 // The rules in force by which drivers and containers are read. Throws a Failure when the agent knows none.
 std::string ReadTiers(const Settings &settings, Connection *connection);
 

@@ -17,7 +17,14 @@ struct ThreadsCommand {
     bool virtual_ones = false; // in groups
     std::string thread;
     std::string match;
-    double watch = 0; // seconds; 0: once
+    std::string format; // "jstack" or "folded": for other tools
+    double watch = 0;   // seconds; 0: once
+};
+
+struct ReportCommand {
+    std::string file;
+    bool folded = false;
+    int64_t jstack = 0; // number of a sample; 0: none
 };
 
 struct SessionsCommand {
@@ -70,6 +77,8 @@ void RunSummary(const Settings &settings, pid_t pid, double watch);
 // Over an interval in seconds; with `watch` again and again, over that.
 void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
 void RunRecord(const Settings &settings, pid_t pid, const RecordOptions &options);
+// What a recording holds, in a form for other tools.
+void RunReport(const ReportCommand &command);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);
 void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);

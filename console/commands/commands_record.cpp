@@ -1,5 +1,9 @@
 // The commands about recordings.
+#include "base/failure.h"
 #include "command_tools.h"
+#include "record/part_file.h"
+#include "report/recording.h"
+#include "report/thread_formats.h"
 
 #include <fmt/format.h>
 
@@ -32,6 +36,19 @@ void RunRecord(const Settings &settings, pid_t pid, const RecordOptions &options
     if (done.missing > 0)
         text += fmt::format("; {} stacks missing", done.missing);
     Print(text + "\n");
+}
+
+void RunReport(const ReportCommand &command) {
+    if (!command.folded && command.jstack == 0)
+        throw Failure("a report needs --folded or --jstack", "see qorctl report --help", EXIT_USAGE);
+    std::string text = ReadPart(command.file);
+    if (command.folded) {
+        Print(FoldedText(ReadRecording(text)));
+        return;
+    }
+    OneSample sample = ReadSample(text, command.jstack);
+    Print(JstackText(sample.threads, sample.time, sample.java_version));
+    NoteCut(sample.threads);
 }
 
 } // namespace qorctl

@@ -3,6 +3,7 @@
 #include "budget.h"
 #include "command_tools.h"
 #include "jvm/session.h"
+#include "report/thread_formats.h"
 #include "show/locks.h"
 #include "show/render.h"
 #include "show/render_virtual.h"
@@ -11,6 +12,7 @@
 #include "wire/virtual_threads.h"
 
 #include <cctype>
+#include <ctime>
 #include <fmt/format.h>
 
 namespace qorctl {
@@ -56,6 +58,14 @@ void KeepMatching(ThreadSample *sample, std::string part) {
     threads.erase(std::remove_if(threads.begin(), threads.end(),
                                  [&](const Thread &thread) { return !Matches(thread, part); }),
                   threads.end());
+}
+
+void PrintForTools(const std::string &format, const ThreadSample &sample, const Process &process) {
+    if (format == "folded")
+        Print(FoldedText(sample));
+    else
+        Print(JstackText(sample, int64_t{time(nullptr)} * 1000, ReadPerfData(process).java_version));
+    NoteCut(sample);
 }
 
 void ShowThreads(const Settings &settings, const ThreadsCommand &command, const ThreadSample &sample,
@@ -165,8 +175,8 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
     }
     Process process = RequireProcess(pid);
     ThreadQuestion question;
-    question.details = command.details;
-    question.all = command.all;
+    question.details = command.details || !command.format.empty();
+    question.all = command.all || command.format == "jstack";
     question.repeated = command.watch > 0;
     if (!command.thread.empty())
         question.thread_key = ThreadKeyText(command.thread, process.inner_pid);
@@ -178,10 +188,14 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
         if (!question.thread_key.empty() && sample.threads.empty())
             throw NoSuchThread(pid, command.thread);
         std::vector<UnknownProduct> unknown;
-        if (command.watch <= 0 && command.match.empty())
+        if (command.watch <= 0 && command.match.empty() && command.format.empty())
             unknown = AskForUnknownProducts(settings, pid, sample);
         if (!command.match.empty())
             KeepMatching(&sample, command.match);
+        if (!command.format.empty()) {
+            PrintForTools(command.format, sample, process);
+            return;
+        }
         ShowThreads(settings, command, sample, process.threads, unknown);
         if (command.watch <= 0)
             NoteMissingTiers(settings, pid);

@@ -1,10 +1,12 @@
 """Recordings: what the file says is what the JVM did, and how it ends."""
+import collections
 import gzip
 import json
 import os
 import signal
 import subprocess
 
+import jstack
 from harness import LIMIT, SETTINGS, Application, Case, environment, folder, wait_until
 
 
@@ -57,7 +59,31 @@ class Record(Case):
         self.assertEqual(sum(samples[-1]["states"].values()),
                          len(samples[-1]["threads"]) + len(samples[-1]["same"]))
         self.assertGreater(samples[-1]["heap"]["used_kib"], 0)
+        self.check_forms(file, samples, stacks)
         self.refused("File exists", "record", self.app.pid, "--out", file)
+
+    def check_forms(self, file, samples, stacks):
+        """Folded stacks and a thread dump have what the lines have."""
+        counts, rows = collections.Counter(), {}
+        for sample in samples:
+            rows.update((row["id"], row) for row in sample["threads"])
+            now = [rows[id] for id in sample["same"]] + sample["threads"]
+            for row in now:
+                calls = [frame.rpartition("(")[0] if isinstance(frame, str) else f"[{frame} frames skipped]"
+                         for frame in stacks[row["stack"]] if not isinstance(frame, dict)]
+                counts[";".join(reversed(calls)).replace(" ", "_")] += 1
+        folded = [line.rpartition(" ") for line in self.answer("report", file, "--folded").out.splitlines()]
+        self.assertEqual({stack: int(count) for stack, _, count in folded}, counts)
+        dump = jstack.parse(self.answer("report", file, "--jstack", len(samples)).out)
+        self.assertEqual({(thread.id, thread.name, len(thread.frames)) for thread in dump},
+                         {(row["id"], row["name"],
+                           sum(isinstance(frame, str) for frame in stacks[row["stack"]])) for row in now})
+        live = self.answer("threads", self.app.pid, "--format", "jstack").out
+        self.assertGreaterEqual({t.id: t.name for t in jstack.parse(live)}.items(),
+                                {(t.id, t.name) for t in dump if t.name.startswith("demo-")})
+        self.assertIn("\n   java.lang.Thread.State: BLOCKED (on object monitor)\n", live)
+        self.assertIn("Tasks$NightReport.act;",
+                      self.answer("threads", self.app.pid, "--format", "folded", "--all").out)
 
     def test_parts_stand_alone(self):
         file = f"{self.place}/b.ndjson"

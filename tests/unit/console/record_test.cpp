@@ -1,9 +1,12 @@
 // What a recording consists of: its pace, its parts, its lines, and the completion of a sample that was cut.
+#include "base/failure.h"
 #include "record/jvm_life.h"
 #include "record/pace.h"
 #include "record/part_file.h"
 #include "record/record_lines.h"
 #include "record/sampler.h"
+#include "report/recording.h"
+#include "report/thread_formats.h"
 #include "wire.h"
 
 #include <fmt/format.h>
@@ -150,6 +153,40 @@ TEST(Sampler, CompletesWhatWasCut) {
     EXPECT_EQ(take(500), 1); // another one
     EXPECT_EQ(take(5000), 0);
     EXPECT_EQ(agent.stacks_asked, "2323");
+}
+
+TEST(ThreadFormats, OfARecordingAndOfOneSample) {
+    TakenSample taken;
+    taken.threads.threads = {ThreadOf(1, 5, 10), ThreadOf(2, 5, 10)};
+    Thread &waiter = taken.threads.threads[1];
+    waiter.name = "a \"b\"\n#9";
+    waiter.state = "Lock";
+    waiter.parked_on.reset();
+    waiter.waits_for = LockWait{7, {4711, 1}, "Account"};
+    waiter.owns = {{8, "Cart", 2}};
+    waiter.stack.resize(3);
+    waiter.stack[1].class_name = "a; b";
+    PartLines lines;
+    std::string text = MetaLine({}, {1, 1000, "17", "Main", "1"}) + "\n";
+    for (taken.number = 1; taken.number <= 3; ++taken.number)
+        for (const std::string &line : lines.Sample({}, taken))
+            text += line + "\n";
+    text += "{\"type\":\"sample\",\"n\":4,\"threads\":[{"; // cut
+    std::string folded = FoldedText(ReadRecording(text));
+    EXPECT_EQ(folded.substr(0, folded.find('\n')),
+              "com.acme.shop.layer2.Service2.handle;a:_b.handle;com.acme.shop.layer0.Service0.handle 3");
+    OneSample second = ReadSample(text, 2);
+    EXPECT_EQ(FoldedText(second.threads), FoldedText(taken.threads));
+    std::string dump = JstackText(second.threads, second.time, second.java_version);
+    size_t at = 0;
+    for (const char *part :
+         {"Full thread dump of Java 17:\n", "\"a 'b'\\x0a#9\" #2 ",
+          "java.lang.Thread.State: BLOCKED (on object monitor)\n\tat com.acme.shop.layer0.",
+          "\t- waiting to lock <0x0000000000000007> (a Account)\n\tat a; b.handle(Service.java:11)\n",
+          "(Service.java:12)\n\t- locked <0x0000000000000008> (a Cart)\n\n", "\"http-nio-8080-exec-1\" #1 "})
+        EXPECT_NE(at = dump.find(part, at), dump.npos) << part << dump;
+    EXPECT_THROW(ReadSample(text, 4), Failure);
+    EXPECT_THROW(ReadRecording(text.substr(text.find('\n') + 1)), Failure);
 }
 
 } // namespace

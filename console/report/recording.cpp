@@ -1,0 +1,240 @@
+#include "recording.h"
+
+#include "base/failure.h"
+#include "record/record_lines.h"
+
+#include <fmt/format.h>
+
+namespace qorctl {
+
+namespace {
+
+// What a frame of a stack line is called, without its place in the source; empty for what isn't a call.
+std::string FrameName(const Json &frame) {
+    if (frame.is_number_integer())
+        return fmt::format("[{} frames skipped]", frame.get<int64_t>());
+    std::string text = frame.is_string() ? frame.get<std::string>() : "";
+    return text.substr(0, text.rfind('('));
+}
+
+// Reads lines in their order.
+class Reader {
+public:
+    Recording Read(std::string_view text);
+
+private:
+    // A thread's row of the sample before, and what goes on since.
+    struct Last {
+        int32_t thread = 0, sample = NONE;
+        Place place;
+        std::optional<int64_t> cpu;
+        int32_t run = NONE;
+        Stretch statement, request;
+    };
+
+    void Line(const Json &line);
+    void ReadStack(const Json &line);
+    void ReadSampleLine(const Json &line);
+    void ReadFigures(const Json &line, RecordedSample *sample);
+    void ReadRow(const Json &row);
+    Last &LastOf(int64_t id, const std::string &name);
+    void GoOn(Last *last, const Place &place, std::optional<int64_t> cpu);
+    void Extend(Stretch *stretch, bool goes_on, int32_t text, std::vector<Stretch> *found);
+    void CloseAll();
+    int32_t TextOrNone(const std::string &text) { return text.empty() ? NONE : out_.texts.Number(text); }
+    int32_t Now() const { return static_cast<int32_t>(out_.samples.size()) - 1; }
+
+    Recording out_;
+    std::map<int64_t, int32_t> stacks_;
+    std::map<int64_t, Last> last_; // by thread id
+};
+
+Recording Reader::Read(std::string_view text) {
+    out_.unread = EachLine(text, [this](const Json &line) { Line(line); });
+    RequireMeta(out_.meta);
+    CloseAll();
+    return std::move(out_);
+}
+
+void Reader::Line(const Json &line) {
+    std::string type = TextAt(line, "type");
+    if (out_.meta.is_null())
+        RequireMeta(line);
+    if (type == "meta") {
+        out_.meta = line;
+        stacks_.clear(); // numbers count from 0 in each part
+    } else if (type == "stack") {
+        ReadStack(line);
+    } else if (type == "sample") {
+        ReadSampleLine(line);
+    } else if (type == "end") {
+        out_.end = line;
+    }
+}
+
+void Reader::ReadStack(const Json &line) {
+    std::vector<int32_t> frames;
+    for (const Json &frame : PartAt(line, "frames"))
+        if (std::string name = FrameName(frame); !name.empty())
+            frames.push_back(out_.texts.Number(name));
+    if (PartAt(line, "cut") == true)
+        frames.push_back(out_.texts.Number("[bottom missing]"));
+    stacks_[NumberAt(line, "n").value_or(NONE)] = static_cast<int32_t>(out_.stacks.size());
+    out_.stacks.push_back(std::move(frames));
+}
+
+void Reader::ReadFigures(const Json &line, RecordedSample *sample) {
+    sample->missing = NumberAt(line, "missing").value_or(0);
+    sample->cpu_ms = NumberAt(line, "process_cpu_ms");
+    sample->heap_kib = NumberAt(PartAt(line, "heap"), "used_kib");
+    sample->heap_max_kib = NumberAt(PartAt(line, "heap"), "max_kib");
+    for (const Json &collector : PartAt(line, "collectors")) {
+        std::string name = TextAt(collector, "name");
+        size_t at = 0;
+        while (at < out_.collectors.size() && out_.collectors[at] != name)
+            ++at;
+        if (at == out_.collectors.size())
+            out_.collectors.push_back(name);
+        sample->collections.resize(std::max(sample->collections.size(), at + 1));
+        sample->collecting_ms.resize(sample->collections.size());
+        sample->collections[at] = NumberAt(collector, "count");
+        sample->collecting_ms[at] = NumberAt(collector, "ms");
+    }
+}
+
+void Reader::ReadSampleLine(const Json &line) {
+    RecordedSample &sample = out_.samples.emplace_back();
+    sample.number = NumberAt(line, "n").value_or(0);
+    sample.time = NumberAt(line, "time").value_or(0);
+    sample.unanswered = TextAt(line, "unanswered");
+    ReadFigures(line, &sample);
+    for (const Json &row : PartAt(line, "threads"))
+        if (row.is_object())
+            ReadRow(row);
+    for (const Json &id : PartAt(line, "same"))
+        if (auto last = id.is_number_integer() ? last_.find(id.get<int64_t>()) : last_.end();
+            last != last_.end())
+            GoOn(&last->second, Place(last->second.place), last->second.cpu);
+}
+
+Reader::Last &Reader::LastOf(int64_t id, const std::string &name) {
+    auto [at, is_new] = last_.try_emplace(id);
+    // A thread's id isn't used again, but the one of another name is another thread all the same.
+    if (is_new || out_.threads[static_cast<size_t>(at->second.thread)].name != name) {
+        at->second = Last();
+        at->second.thread = static_cast<int32_t>(out_.threads.size());
+        RecordedThread &thread = out_.threads.emplace_back();
+        thread.id = id;
+        thread.name = name;
+    }
+    return at->second;
+}
+
+void Reader::ReadRow(const Json &row) {
+    Last &last = LastOf(NumberAt(row, "id").value_or(0), TextAt(row, "name"));
+    Place place;
+    place.state = out_.texts.Number(TextAt(row, "state"));
+    if (auto stack = stacks_.find(NumberAt(row, "stack").value_or(NONE)); stack != stacks_.end())
+        place.stack = stack->second;
+    place.url = TextOrNone(TextAt(PartAt(row, "request"), "url"));
+    place.sql = TextOrNone(TextAt(PartAt(row, "db"), "sql"));
+    if (const Json &wait = PartAt(row, "waits_for"); wait.is_object()) {
+        place.lock_class = out_.texts.Number(TextAt(wait, "class"));
+        place.lock = out_.texts.Number(std::to_string(NumberAt(wait, "lock").value_or(0)));
+        place.owner = NumberAt(wait, "owner").value_or(0);
+    }
+    RecordedThread &thread = out_.threads[static_cast<size_t>(last.thread)];
+    std::optional<int64_t> cpu = NumberAt(row, "cpu_nanoseconds"), alloc = NumberAt(row, "allocated_bytes");
+    thread.first_cpu = thread.samples == 0 ? cpu : thread.first_cpu;
+    thread.first_alloc = thread.samples == 0 ? alloc : thread.first_alloc;
+    thread.last_cpu = cpu;
+    thread.last_alloc = alloc;
+    GoOn(&last, place, cpu);
+}
+
+void Reader::Extend(Stretch *stretch, bool goes_on, int32_t text, std::vector<Stretch> *found) {
+    if (goes_on && stretch->count > 0) {
+        ++stretch->count;
+        return;
+    }
+    if (stretch->count > 0)
+        found->push_back(*stretch);
+    stretch->first = Now();
+    stretch->count = text == NONE ? 0 : 1;
+    stretch->text = text;
+}
+
+void Reader::GoOn(Last *last, const Place &place, std::optional<int64_t> cpu) {
+    bool follows = last->sample == Now() - 1, same = follows && last->run != NONE && last->place == place;
+    bool stands = same && last->cpu == cpu;
+    last->statement.thread = last->request.thread = last->thread;
+    Extend(&last->statement, stands, place.sql, &out_.statements);
+    Extend(&last->request, stands, place.url, &out_.requests);
+    if (same) {
+        ++out_.runs[static_cast<size_t>(last->run)].count;
+    } else {
+        last->run = static_cast<int32_t>(out_.runs.size());
+        out_.runs.push_back({last->thread, Now(), 1, place});
+    }
+    last->place = place;
+    last->cpu = cpu;
+    last->sample = Now();
+    ++out_.threads[static_cast<size_t>(last->thread)].samples;
+    ++out_.thread_samples;
+}
+
+void Reader::CloseAll() {
+    for (auto &[id, last] : last_) {
+        Extend(&last.statement, false, NONE, &out_.statements);
+        Extend(&last.request, false, NONE, &out_.requests);
+    }
+}
+
+} // namespace
+
+int32_t Texts::Number(const std::string &text) {
+    auto [at, is_new] = numbers_.try_emplace(text, static_cast<int32_t>(texts_.size()));
+    if (is_new)
+        texts_.push_back(text);
+    return at->second;
+}
+
+std::string TextAt(const Json &object, const char *key) {
+    auto at = object.find(key);
+    return at != object.end() && at->is_string() ? at->get<std::string>() : "";
+}
+
+std::optional<int64_t> NumberAt(const Json &object, const char *key) {
+    auto at = object.find(key);
+    return at != object.end() && at->is_number_integer() ? std::optional(at->get<int64_t>()) : std::nullopt;
+}
+
+const Json &PartAt(const Json &object, const char *key) {
+    static const Json nothing;
+    auto at = object.find(key);
+    return at == object.end() ? nothing : *at;
+}
+
+int64_t EachLine(std::string_view text, const std::function<void(const Json &)> &each) {
+    int64_t unread = 0;
+    while (!text.empty()) {
+        size_t end = text.find('\n');
+        Json line = Json::parse(text.substr(0, end), nullptr, false);
+        text.remove_prefix(end == text.npos ? text.size() : end + 1);
+        line.is_object() ? each(line) : void(++unread);
+    }
+    return unread;
+}
+
+void RequireMeta(const Json &meta) {
+    if (TextAt(meta, "type") != "meta" || TextAt(meta, "schema") != RECORD_SCHEMA ||
+        NumberAt(meta, "version") != RECORD_VERSION)
+        throw Failure("the file isn't a recording that this qorctl can read",
+                      "'qorctl record' makes one; docs/record.md has its versions", EXIT_USAGE);
+}
+
+Recording ReadRecording(std::string_view text) {
+    return Reader().Read(text);
+}
+
+} // namespace qorctl
