@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <optional>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -15,9 +16,32 @@ namespace qorctl {
 
 namespace {
 
+// What is written to the terminal as standard error would be in the middle of the screen: a warning, or what
+// a JVM does that doesn't answer. The screen shows the failure itself.
+class QuietErrors {
+public:
+    QuietErrors() {
+        if (!isatty(STDERR_FILENO))
+            return;
+        const FileDescriptor nothing(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        before_ = FileDescriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+        if (nothing.ok() && before_.ok())
+            dup2(nothing.get(), STDERR_FILENO);
+    }
+    ~QuietErrors() {
+        if (before_.ok())
+            dup2(before_.get(), STDERR_FILENO);
+    }
+    QuietErrors(const QuietErrors &) = delete;
+
+private:
+    FileDescriptor before_;
+};
+
 // Shows until a key or a signal ends it: the signal, 0 for a key.
 int Show(Top *top, Asker *asker, int signals) {
     Screen screen;
+    const QuietErrors quiet;
     asker->Start(top->question());
     for (;;) {
         top->Draw(&screen);
@@ -41,6 +65,7 @@ int Show(Top *top, Asker *asker, int signals) {
 } // namespace
 
 void RunTop(const Settings &settings, pid_t pid, double seconds) {
+    Screen::Require();
     const Process process = RequireProcess(pid);
     Top top(pid, MainClass(process.arguments), seconds);
     Asker asker(settings, pid);

@@ -74,6 +74,9 @@ void Asker::Run() {
         } catch (const Failure &failure) {
             connection_.reset();
             answer.failure = FailureText(failure);
+        } catch (const std::exception &error) { // ending here would leave the terminal as the screen has it
+            connection_.reset();
+            answer.failure = Printable(error.what());
         }
         std::unique_lock<std::mutex> lock(mutex_);
         answer_ = std::move(answer);

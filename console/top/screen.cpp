@@ -65,10 +65,14 @@ int Attributes(LineLook look, bool colours) {
 
 } // namespace
 
-Screen::Screen() : terminal_(nullptr), utf8_(false), colours_(false) {
-    const char *term = getenv("TERM");
-    if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO) || !term)
+void Screen::Require() {
+    if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO) || !getenv("TERM"))
         throw Failure("top needs a terminal", "'qorctl threads PID --watch 2' writes lines", EXIT_USAGE);
+}
+
+Screen::Screen() : terminal_(nullptr), utf8_(false), colours_(false) {
+    Require();
+    const char *term = getenv("TERM");
     utf8_ = UseUtf8();
     SCREEN *terminal = newterm(nullptr, stdout, stdin);
     if (!terminal)

@@ -23,7 +23,10 @@ enum TopKey {
 
 class Screen {
 public:
-    // Takes the terminal of standard input and output. Throws a Failure when they aren't one.
+    // Throws a Failure when standard input and output aren't a terminal.
+    static void Require();
+
+    // Takes that terminal. Throws a Failure when there is none, or it isn't known.
     Screen();
     ~Screen();
     Screen(const Screen &) = delete;

@@ -1,5 +1,6 @@
 """`qorctl top`: its cells beside what the other commands say, and the terminal as it was afterwards."""
 import contextlib
+import os
 import re
 import signal
 import termios
@@ -15,13 +16,13 @@ HEAD = 4  # rows above a table
 class Terminal:
     """qorctl top on a terminal of so many columns and rows."""
 
-    def __init__(self, pid, columns, rows, kind="linux"):  # pyte knows all codes of that kind
+    def __init__(self, pid, columns, rows, kind="linux", options=""):  # pyte knows all codes of that kind
         self.screen = pyte.Screen(columns, rows)
         self.stream = pyte.ByteStream(self.screen)
         self.child = pexpect.spawn("sh", timeout=LIMIT, dimensions=(rows, columns), echo=False,
                                    env={**environment(), "TERM": kind, "LC_ALL": "C.UTF-8"})
         self.modes = termios.tcgetattr(self.child.child_fd)
-        self.child.send(f"exec {SETTINGS.qorctl} top {pid} --every 0.5\n")
+        self.child.send(f"exec {SETTINGS.qorctl} top {pid} --every 0.5 {options}\n")
 
     def __enter__(self):
         return self
@@ -94,6 +95,14 @@ class Top(OfTheDemo):
                                  0 if isinstance(end, str) else end)
                 self.assertIn(b"\x1b[?1049l", top.child.before)  # back to the screen that was there
                 self.assertEqual(termios.tcgetattr(top.child.child_fd), top.modes)
+
+    def test_a_jvm_that_is_silent_leaves_the_screen_whole(self):
+        with Terminal(self.app.pid, 80, 24, options="--timeout 6") as top:
+            top.shows("demo-compute")
+            self.addCleanup(os.kill, self.app.pid, signal.SIGCONT)
+            os.kill(self.app.pid, signal.SIGSTOP)
+            top.shows("is stopped; let it run")
+            self.assertIn(f"qorctl top {self.app.pid}", top.screen.display[0])
 
     def test_without_a_terminal(self):
         self.refused("top needs a terminal", "top", self.app.pid, code=2)
