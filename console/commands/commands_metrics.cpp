@@ -43,12 +43,12 @@ std::string ReadToken(const std::string &path) {
 void WriteWhole(const std::string &path, const std::string &text) {
     const std::string part = fmt::format("{}.{}.part", path, getpid());
     const FileDescriptor file(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
-    const bool written =
-        file.ok() && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    if (written && rename(part.c_str(), path.c_str()) == 0)
+    const ssize_t written = file.ok() ? write(file.get(), text.data(), text.size()) : -1;
+    if (written == static_cast<ssize_t>(text.size()) && rename(part.c_str(), path.c_str()) == 0)
         return;
-    const int error = errno;
-    unlink(part.c_str());
+    const int error = written >= 0 && written < static_cast<ssize_t>(text.size()) ? ENOSPC : errno;
+    if (file.ok())
+        unlink(part.c_str());
     throw Failure(fmt::format("can't write {}: {}", path, strerror(error)),
                   "see that there is room, and that it is yours");
 }

@@ -16,11 +16,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr Seconds LIMIT(5); // of all questions to a JVM: a scraper waits for ten
+constexpr Seconds LIMIT(5);                            // of all questions to a JVM: a scraper waits for ten
+constexpr std::chrono::milliseconds CHECK_PERIOD(100); // whether the time for an answer is over
 constexpr Seconds YOUNG(1);
+constexpr Seconds SLOW(1), LEFT_ALONE(30); // a JVM that took so long to refuse isn't tried again for so long
 constexpr Seconds FIND_EVERY(30);
 constexpr size_t STAT_SIZE = 4096;
 constexpr size_t START_FIELD = 20; // of those after the name in /proc/PID/stat
+
+struct Silent {}; // a JVM that doesn't answer in time
 
 // Process id and start in clock ticks since the machine's.
 std::string JvmId(pid_t pid) {
@@ -62,7 +66,7 @@ Gatherer::Gatherer(const Settings &settings, const std::vector<pid_t> &pids)
     : settings_(settings), all_(false) {
     for (pid_t pid : pids) {
         const Process process = RequireProcess(pid);
-        jvms_.push_back({pid, LabelsOf(process), RequireAgent(settings, process)});
+        jvms_.push_back({pid, LabelsOf(process), RequireAgent(settings, process), {}});
     }
 }
 
@@ -78,17 +82,24 @@ void Gatherer::Find() {
         if (known != jvms_.end() && (entry.agent == AgentState::RUNNING || HasAgent(entry.pid)))
             jvms.push_back(std::move(*known));
         else if (entry.agent == AgentState::RUNNING)
-            jvms.push_back({entry.pid, {entry.user, entry.main_class, id}, std::nullopt});
+            jvms.push_back({entry.pid, {entry.user, entry.main_class, id}, std::nullopt, {}});
     }
     jvms_ = std::move(jvms);
 }
 
+// One JVM after the other, as this may take another identity; so one that hangs isn't waited for each time.
 void Gatherer::Connect(Jvm *jvm) {
-    if (jvm->connection || JvmId(jvm->pid) != jvm->labels.id) // or another process by now
+    const auto start = Clock::now();
+    if (jvm->connection || start < jvm->not_before ||
+        JvmId(jvm->pid) != jvm->labels.id) // or another process by now
         return;
+    Settings settings = settings_;
+    settings.timeout = std::min(settings.timeout, static_cast<int>(LIMIT.count()));
     try {
-        jvm->connection = ConnectToRunning(settings_, RequireProcess(jvm->pid), false);
+        jvm->connection = ConnectToRunning(settings, RequireProcess(jvm->pid), false);
     } catch (const Failure &) { // it counts as one that doesn't answer
+        if (Clock::now() - start > SLOW)
+            jvm->not_before = Clock::now() + LEFT_ALONE;
     }
 }
 
@@ -98,9 +109,13 @@ JvmReading Gatherer::Ask(Jvm *jvm) const {
     if (!jvm->connection)
         return reading;
     const auto end = Clock::now() + std::min(LIMIT, Seconds(settings_.timeout));
+    // Not by Ask, which looks into a JVM that is silent: that isn't for several threads at once.
     auto ask = [&](const std::string &request) {
-        const auto left = std::chrono::duration_cast<Seconds>(end - Clock::now());
-        return jvm->connection->Ask(request, std::max(left, Seconds(1)));
+        std::optional<std::string> reply =
+            jvm->connection->AskWhile(request, CHECK_PERIOD, [&] { return Clock::now() < end; });
+        if (!reply)
+            throw Silent();
+        return std::move(*reply);
     };
     try {
         ThreadQuestion threads;
@@ -116,6 +131,8 @@ JvmReading Gatherer::Ask(Jvm *jvm) const {
         reading.walk = Numbers(DecodeText(OpenReply(reply)));
         reading.up = true;
     } catch (const Failure &) {
+        jvm->connection.reset();
+    } catch (const Silent &) {
         jvm->connection.reset();
     }
     return reading;

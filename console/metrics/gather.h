@@ -29,6 +29,7 @@ private:
         pid_t pid;
         JvmLabels labels;
         std::optional<Connection> connection;
+        std::chrono::steady_clock::time_point not_before; // the next try to connect
     };
 
     void Find();

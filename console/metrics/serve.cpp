@@ -11,6 +11,8 @@
 #include <event2/buffer.h>
 #include <event2/event.h>
 #include <event2/http.h>
+#include <exception>
+#include <fcntl.h>
 #include <memory>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -63,8 +65,14 @@ void Answer(evhttp_request *request, void *context) {
         evhttp_send_reply(request, 401, "Unauthorized", nullptr);
         return;
     }
+    std::string text;
+    try {
+        text = serving.text();
+    } catch (const std::exception &) { // nothing may be thrown through the library
+        evhttp_send_error(request, HTTP_INTERNAL, nullptr);
+        return;
+    }
     const Owned<evbuffer, evbuffer_free> body(evbuffer_new());
-    const std::string text = serving.text();
     evbuffer_add(body.get(), text.data(), text.size());
     evhttp_add_header(evhttp_request_get_output_headers(request), "Content-Type", serving.type);
     evhttp_send_reply(request, HTTP_OK, "OK", body.get());
@@ -141,7 +149,7 @@ void ServeMetrics(const MetricsPlace &place, const char *type, const std::functi
     evhttp_set_max_body_size(http.get(), MOST_REQUEST_BYTES);
     evhttp_set_allowed_methods(http.get(), EVHTTP_REQ_GET);
     evhttp_set_cb(http.get(), "/metrics", Answer, &serving);
-    evhttp_accept_socket(http.get(), dup(listener.get())); // which closes it
+    evhttp_accept_socket(http.get(), fcntl(listener.get(), F_DUPFD_CLOEXEC, 0)); // which closes it
     const Owned<event, event_free> interrupt(evsignal_new(base.get(), SIGINT, Stop, base.get()));
     const Owned<event, event_free> end(evsignal_new(base.get(), SIGTERM, Stop, base.get()));
     evsignal_add(interrupt.get(), nullptr);

@@ -238,7 +238,7 @@ bool QorIsVirtualThread(jobject thread) {
 }
 
 jobject QorOwnerOfBlocker(jobject blocker) {
-    if (!blocker || !ownableClass || !qorVirtual.owner || !jvmtijni_env->IsInstanceOf(blocker, ownableClass))
+    if (!blocker || !qorVirtual.owner || !jvmtijni_env->IsInstanceOf(blocker, ownableClass))
         return nullptr;
     return QorGetObjectField(jvmtijni_env, blocker, qorVirtual.owner);
 }

@@ -259,7 +259,6 @@ void TakeSample(const QorVirtualLimits &limits, QorVirtualSample *sample) {
     walk.data = &sampler;
     walk.most = limits.threads > 0 ? limits.threads : defaults.threads;
     walk.deadline = QorVirtualClock() + milliseconds * int64_t{1000};
-    walk.expected = sample->rootIsListed ? sample->count : sample->inExecutors;
     QorWalkVirtualThreads(&walk);
     ReadHeld(&sampler, false);
     sample->cut = walk.cut;

@@ -296,7 +296,9 @@ QorVirtualCounts QorCountVirtualThreads() {
 }
 
 void QorWalkVirtualThreads(QorVirtualWalk *walk) {
+    const QorVirtualCounts counts = QorCountVirtualThreads();
     walk->random = static_cast<uint64_t>(QorVirtualClock()) * 0x9e3779b97f4a7c15U;
+    walk->expected = counts.rootIsListed ? counts.all : counts.inExecutors;
     const Local root(StaticField(qorVirtual.trackingRoot, qorVirtual.rootThreads));
     WalkSet(walk, root.ref, SizeOf(root.ref));
     VisitExecutors([&](jobject container) {

@@ -33,19 +33,19 @@ struct QorVirtualWalk {
     void *data;
     int64_t most;     // threads to visit; VIRTUAL_ALL_THREADS: no set is left early for others either
     int64_t deadline; // of CLOCK_MONOTONIC, in microseconds
-    int64_t expected; // threads in the sets to come, for the share that each has; the walk counts it down
 
     int64_t visited;
     int64_t inScopes; // of them those of structured scopes, which QorCountVirtualThreads doesn't see
     int64_t mounted;  // threads on a carrier, visited or not
     bool cut;         // some weren't visited
     // The walk's own.
+    int64_t expected; // threads in the sets to come
     uint64_t random;
     int32_t depth;
     bool ended;
 };
 
-// Visits threads until one of the limits; the caller has set the first five members, all others are 0.
+// Visits threads until one of the limits; the caller has set the first four members, all others are 0.
 void QorWalkVirtualThreads(QorVirtualWalk *walk);
 
 // The thread with this Java thread id, a local reference of the caller's frame; null when there is none, or
