@@ -129,6 +129,7 @@ JvmReading Gatherer::Ask(Jvm *jvm) const {
         reading.collectors = DecodeCollectors(ask(CollectorsRequest(true)));
         reply = ask(WalkStateRequest());
         reading.walk = Numbers(DecodeText(OpenReply(reply)));
+        reading.stops = ReadLastCost(ask(LastCostRequest())).value_or(LastCost());
         reading.up = true;
     } catch (const Failure &) {
         jvm->connection.reset();

@@ -126,6 +126,19 @@ Points CollectionSeconds(const JvmReading &jvm) {
     });
 }
 
+Points Stops(const JvmReading &jvm) {
+    const LastCost &stops = jvm.stops;
+    Points points;
+    for (const auto &[purpose, milliseconds] : {std::pair("stacks", stops.stacks),
+                                                {"locks", stops.locks},
+                                                {"locals", stops.locals},
+                                                {"heap", stops.heap},
+                                                {"copy", stops.copy}})
+        if (milliseconds)
+            points.push_back({purpose, *milliseconds / 1000});
+    return points;
+}
+
 Points WalkFigure(const JvmReading &jvm, const char *key, double factor) {
     const auto found = jvm.walk.find(key);
     return found == jvm.walk.end() || found->second < 0 ? Points()
@@ -152,8 +165,8 @@ constexpr Metric METRICS[] = {
     {"qor_cpu_load_ratio", "gauge", "ratio", "Load of the processors, 1 for all of them.", "of", Loads},
     {"qor_agent_sample_seconds", "gauge", "seconds", "What the last sample took inside the JVM.", nullptr,
      [](const JvmReading &jvm) { return OneOf(jvm.sample.jvm_microseconds, 1 / MILLION); }},
-    {"qor_agent_walk_seconds", "gauge", "seconds", "The last walk for local variables, which pauses the JVM.",
-     nullptr, [](const JvmReading &jvm) { return WalkFigure(jvm, "walk", 1e-3); }},
+    {"qor_agent_stop_seconds", "gauge", "seconds",
+     "The longest stop of the JVM in the last request that made one, by what it was for.", "purpose", Stops},
     {"qor_agent_walk_left_out", "gauge", "",
      "Whether the last sample was left without a walk for its share of time.", nullptr,
      [](const JvmReading &jvm) { return WalkFigure(jvm, "leftout", 1); }},

@@ -1,6 +1,7 @@
 // Figures of JVMs as OpenMetrics text.
 #pragma once
 
+#include "wire/cost.h"
 #include "wire/decode.h"
 #include "wire/memory.h"
 
@@ -30,6 +31,7 @@ struct JvmReading {
     MemoryView memory;
     std::vector<CollectorBean> collectors;
     std::map<std::string, int64_t> walk; // what the agent says of its walks for local variables
+    LastCost stops;
 };
 
 // A web request's path without its query and its session, digits as {n}: few values for many requests.
