@@ -108,7 +108,7 @@ VirtualThreads DecodeVirtualThreads(const Reply &reply) {
     }
     if (!titled)
         throw Failure("the agent in this JVM is older than qorctl and doesn't know virtual threads",
-                      "end it by 'qorctl shutdown'; the next command loads this one's");
+                      "restart the JVM, which keeps the agent that it has loaded");
     view.jvm_microseconds = reply.jvm_microseconds;
     view.cut = reader.cut();
     return view;
