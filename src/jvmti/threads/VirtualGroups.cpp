@@ -294,8 +294,12 @@ int32_t QorSampleVirtualThreads(const QorVirtualLimits &limits, bool countOnly, 
     sample->count = counts.all;
     sample->inExecutors = counts.inExecutors;
     sample->rootIsListed = counts.rootIsListed;
-    if (countOnly)
+    if (countOnly) {
+        QorVirtualWalk walk = {}; // its time is up before the first thread
+        QorWalkVirtualThreads(&walk);
+        sample->mounted = walk.mounted;
         return 0;
+    }
     TakeSample(limits, sample);
     SortGroups(sample);
     return 0;
