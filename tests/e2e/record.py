@@ -1,13 +1,18 @@
 """Recordings: what the file says is what the JVM did, and how it ends."""
 import collections
+import contextlib
 import gzip
 import json
 import os
+import re
 import signal
+import sqlite3
 import subprocess
 
 import jstack
 from harness import LIMIT, SETTINGS, Application, Case, environment, folder, wait_until
+
+DOCS = os.path.join(os.path.dirname(__file__), "../../docs")
 
 
 def lines_of(path):
@@ -62,6 +67,20 @@ class Record(Case):
         self.check_forms(file, samples, stacks)
         self.refused("File exists", "record", self.app.pid, "--out", file)
 
+    def check_questions(self, file, rows, samples):
+        """The questions of docs/record.md, beside what the report counts."""
+        with open(f"{DOCS}/record.md", encoding="utf-8") as docs:
+            questions = re.findall("```sql\n(.*?)```", docs.read(), re.DOTALL)
+        with gzip.open(file, "rt", encoding="utf-8") as text, \
+                contextlib.closing(sqlite3.connect(":memory:")) as base:
+            base.execute("create table lines (line text)")
+            base.executemany("insert into lines values (?)", [(line,) for line in text])
+            states, calls, owners = (base.execute(question).fetchall() for question in questions)
+        self.assertEqual(sum(row[-1] for row in states), rows)
+        for answer, key in ((calls, "request"), (owners, "waits_for")):
+            self.assertEqual(sum(row[-1] for row in answer),
+                             sum(key in row for sample in samples for row in sample["threads"]))
+
     def check_forms(self, file, samples, stacks):
         """Folded stacks and a thread dump have what the lines have."""
         counts, rows = collections.Counter(), {}
@@ -74,6 +93,7 @@ class Record(Case):
                 counts[";".join(reversed(calls)).replace(" ", "_")] += 1
         folded = [line.rpartition(" ") for line in self.answer("report", file, "--folded").out.splitlines()]
         self.assertEqual({stack: int(count) for stack, _, count in folded}, counts)
+        self.check_questions(file, sum(counts.values()), samples)
         dump = jstack.parse(self.answer("report", file, "--jstack", len(samples)).out)
         self.assertEqual({(thread.id, thread.name, len(thread.frames)) for thread in dump},
                          {(row["id"], row["name"],
