@@ -377,15 +377,21 @@ void AddMetrics(CLI::App *app, CommandLine *line) {
         ->option_text("PID...")
         ->check(CLI::Range(1, INT_MAX).description(""));
     command->add_flag("--all", metrics->all, "Every JVM of this machine that has the agent");
-    command->add_flag("--once", metrics->once, "Print them and end");
-    command->add_option("--socket", metrics->socket, "Serve at this Unix socket, for its owner alone")
-        ->option_text("PATH");
-    command->add_option("--listen", metrics->listen, "Serve at a port, to whoever reaches it")
-        ->option_text("ADDRESS:PORT");
+    CLI::Option *places[] = {
+        command->add_flag("--once", metrics->once, "Print them and end"),
+        command->add_option("--socket", metrics->socket, "Serve at this Unix socket, for its owner alone")
+            ->option_text("PATH"),
+        command->add_option("--listen", metrics->listen, "Serve at a port, to whoever reaches it")
+            ->option_text("ADDRESS:PORT"),
+        command->add_option("--textfile", metrics->text_file, "Write to PATH instead, again and again")
+            ->option_text("PATH"),
+    };
+    for (CLI::Option *place : places)
+        for (CLI::Option *other : places)
+            if (place != other)
+                place->excludes(other);
     command->add_option("--token-file", metrics->token_file, "Serve those alone who send the token in FILE")
         ->option_text("FILE");
-    command->add_option("--textfile", metrics->text_file, "Write to PATH instead, again and again")
-        ->option_text("PATH");
     command->add_option("--every", metrics->every, "Seconds between two writes")
         ->option_text("SECONDS")
         ->capture_default_str()

@@ -31,10 +31,10 @@ std::string UsualSocket() {
 }
 
 std::string ReadToken(const std::string &path) {
-    std::string token = ReadFile(path, MOST_TOKEN);
+    std::string token = ReadFile(path, MOST_TOKEN + 1);
     token.erase(token.find_last_not_of(" \t\r\n") + 1);
-    if (token.size() < LEAST_TOKEN)
-        throw Failure(fmt::format("{} holds no token of {} characters or more", path, LEAST_TOKEN),
+    if (token.size() < LEAST_TOKEN || token.size() > MOST_TOKEN)
+        throw Failure(fmt::format("{} holds no token of {} to {} characters", path, LEAST_TOKEN, MOST_TOKEN),
                       "write one: head -c 32 /dev/urandom | base64", EXIT_USAGE);
     return token;
 }

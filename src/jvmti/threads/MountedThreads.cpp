@@ -18,6 +18,7 @@ constexpr char GET_VIRTUAL_THREAD[] = "com.sun.hotspot.functions.GetVirtualThrea
 enum Sight { NOT_TRIED, SEEN, UNSEEN };
 
 Sight sight;
+const char *whyUnseen = "";
 jvmtiExtensionFunction getVirtualThread;
 
 void FreeExtension(jvmtiExtensionFunctionInfo *extension) {
@@ -48,13 +49,16 @@ Sight LookForExtension() {
         return UNSEEN;
     // Without the JVM's notes of mounting and unmounting, questions about virtual threads fail or hang.
     if (QorVmFlagIsOff("DoJVMTIVirtualThreadTransitions")) {
-        QORLOG(LOG_NOTE, "Virtual threads aren't shown: DoJVMTIVirtualThreadTransitions is off");
+        whyUnseen = "the JVM runs with -XX:-DoJVMTIVirtualThreadTransitions";
+        QORLOG(LOG_NOTE, "Virtual threads aren't shown: %s", whyUnseen);
         return UNSEEN;
     }
     getVirtualThread = QorCanSupportVirtualThreads() ? FindExtension(GET_VIRTUAL_THREAD) : nullptr;
-    if (!getVirtualThread)
-        QORLOG(LOG_NOTE, "Samples are without virtual threads: the JVM doesn't offer a way to them");
-    return getVirtualThread ? SEEN : UNSEEN;
+    if (getVirtualThread)
+        return SEEN;
+    whyUnseen = "the JVM doesn't offer a way to them";
+    QORLOG(LOG_NOTE, "Samples are without virtual threads: %s", whyUnseen);
+    return UNSEEN;
 }
 
 // The threads to ask for: each platform thread, and after it the one that it carries. One block.
@@ -115,6 +119,10 @@ bool QorCanSeeMounted() {
     if (sight == NOT_TRIED && jvmti && jvmtijni_env)
         sight = LookForExtension();
     return sight == SEEN;
+}
+
+const char *QorWhyMountedAreUnseen() {
+    return whyUnseen;
 }
 
 jthread QorMountedOn(jthread carrier) {

@@ -23,6 +23,9 @@ enum QorThreadKind : int8_t {
 // have virtual threads.
 bool QorCanSeeMounted();
 
+// Why not, where it answered that on such a JVM.
+const char *QorWhyMountedAreUnseen();
+
 // The virtual thread on a platform thread, a local reference; null for none, and where they can't be seen.
 jthread QorMountedOn(jthread carrier);
 

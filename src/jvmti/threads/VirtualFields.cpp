@@ -137,6 +137,7 @@ bool found[CLASS_COUNT];
 char offReason[160];
 
 // Finds a class of the boot loader without initialising it; JNI's own FindClass would.
+constexpr char FIND_BOOT_CLASS[] = "JVM_FindClassFromBootLoader";
 using FindBootClass = jclass(JNICALL *)(JNIEnv *env, const char *name);
 FindBootClass findBootClass;
 
@@ -151,7 +152,7 @@ bool OpenClassLookUp() {
     void *library = nullptr;
     if (QorLoadLibrary(&library, gbQorJVMLibName) != 0)
         return false;
-    findBootClass = reinterpret_cast<FindBootClass>(QorFindSymbol(library, "JVM_FindClassFromBootLoader"));
+    findBootClass = reinterpret_cast<FindBootClass>(QorFindSymbol(library, FIND_BOOT_CLASS));
     QorCloseLibrary(library);
     return findBootClass != nullptr;
 }
@@ -207,8 +208,12 @@ QorVirtualState QorLookUpVirtual() {
         snprintf(offReason, sizeof offReason, "%s", NO_VIRTUAL_THREADS);
         return VIRTUAL_OFF;
     }
-    if (!QorCanSeeMounted() || !OpenClassLookUp()) {
-        TurnOff("the JVM doesn't offer a way to them", "");
+    if (!QorCanSeeMounted()) {
+        TurnOff(QorWhyMountedAreUnseen(), "");
+        return VIRTUAL_OFF;
+    }
+    if (!OpenClassLookUp()) {
+        TurnOff("no symbol ", FIND_BOOT_CLASS);
         return VIRTUAL_OFF;
     }
     for (size_t i = 0; i < CLASS_COUNT; i++) {
