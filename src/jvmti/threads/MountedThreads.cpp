@@ -15,6 +15,8 @@ namespace {
 constexpr jint JNI_VERSION_OF_VIRTUAL = 0x00150000; // JDK 21
 constexpr char GET_VIRTUAL_THREAD[] = "com.sun.hotspot.functions.GetVirtualThread";
 
+constexpr size_t REFERENCE_SIZE = sizeof(void *); // of a jthread
+
 enum Sight { NOT_TRIED, SEEN, UNSEEN };
 
 Sight sight;
@@ -75,7 +77,7 @@ jvmtiError ListThreads(ThreadList *list) {
     if (error != JVMTI_ERROR_NONE)
         return error;
     const size_t most = 2 * static_cast<size_t>(count);
-    list->threads = static_cast<jthread *>(malloc(most * (sizeof(jthread) + sizeof(QorThreadKind))));
+    list->threads = static_cast<jthread *>(malloc(most * (REFERENCE_SIZE + sizeof(QorThreadKind))));
     list->kinds = reinterpret_cast<QorThreadKind *>(list->threads + most);
     for (jint i = 0; i < count && list->threads; i++) {
         jthread mounted = QorMountedOn(platform[i]);
