@@ -25,7 +25,8 @@ std::optional<JvmLife> ParseLife(const std::string &stat, int64_t ticks_per_seco
     std::vector<std::string> field;
     for (std::string word; words >> word;)
         field.push_back(word);
-    if (field.size() < FIELDS || field[STATE] == "Z" || field[STATE] == "X")
+    // One that is ending has lost its memory before it is a zombie: the code is at 0 then.
+    if (field.size() < FIELDS || field[STATE] == "Z" || field[STATE] == "X" || field[CODE] == "0")
         return std::nullopt;
     auto number = [&](size_t i) { return strtoull(field[i].c_str(), nullptr, 10); };
     JvmLife life;

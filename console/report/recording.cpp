@@ -45,30 +45,30 @@ private:
     int32_t Now() const { return static_cast<int32_t>(out_.samples.size()) - 1; }
 
     Recording out_;
+    bool begun_ = false; // the first line was one
     std::map<int64_t, int32_t> stacks_;
     std::map<int64_t, Last> last_; // by thread id
 };
 
 Recording Reader::Read(std::string_view text) {
     out_.unread = EachLine(text, [this](const Json &line) { Line(line); });
-    RequireMeta(out_.meta);
+    if (!begun_)
+        RequireMeta(Json());
     CloseAll();
     return std::move(out_);
 }
 
 void Reader::Line(const Json &line) {
     std::string type = TextAt(line, "type");
-    if (out_.meta.is_null())
+    if (!begun_)
         RequireMeta(line);
+    begun_ = true;
     if (type == "meta") {
-        out_.meta = line;
         stacks_.clear(); // numbers count from 0 in each part
     } else if (type == "stack") {
         ReadStack(line);
     } else if (type == "sample") {
         ReadSampleLine(line);
-    } else if (type == "end") {
-        out_.end = line;
     }
 }
 

@@ -78,7 +78,6 @@ struct Stretch {
 };
 
 struct Recording {
-    Json meta, end;     // end is null when the file was cut
     int64_t unread = 0; // lines left out
     Texts texts;
     std::vector<std::vector<int32_t>> stacks; // texts of frames from the top; line numbers left out

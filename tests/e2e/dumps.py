@@ -7,7 +7,7 @@ import socket
 import subprocess
 import threading
 
-from harness import LIMIT, SETTINGS, Case, OfTheDemo, folder, run_tool
+from harness import LIMIT, SETTINGS, Case, OfTheDemo, folder, qorctl, run_tool
 
 MARK = b"|\t|\t\t||"
 
@@ -119,6 +119,8 @@ class SlowAgent(threading.Thread):
                     client.sendall(reply.encode() + MARK)
 
     def answer(self, request):
+        if request.endswith("|version"):
+            return "version=" + qorctl("--version").out.split()[1]
         if "forkstate" in request:
             return "forkstate=1 forkdump=0 "
         self.flags.add(int(request.split("|")[0]) & 6144)

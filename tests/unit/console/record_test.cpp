@@ -46,6 +46,7 @@ TEST(JvmLife, OfProc) {
     for (const char *change : {"777", "4096"})
         EXPECT_FALSE(life->IsSame(*ParseLife(std::string(stat).replace(stat.find(change), 1, "9"), 100)));
     EXPECT_FALSE(ParseLife(std::string(stat).replace(stat.find(" S "), 3, " Z "), 100));
+    EXPECT_FALSE(ParseLife(std::string(stat).replace(stat.find("4096"), 4, "0"), 100));
 }
 
 Thread ThreadOf(int64_t id, int64_t cpu, int line) {
