@@ -7,14 +7,16 @@
 
 namespace {
 
-constexpr uint64_t PAGES = 512;
-
-// Direct mapped: a page has one place. Thread that reads.
+// A page has eight places, of which the one taken longest ago is taken next: with a single place the page of
+// a stack would be lost now and then to another page, and it can't be read again once the thread goes on.
+// Thread that reads.
+constexpr uint64_t PAGES = 512, PLACES = 8, SETS = PAGES / PLACES;
 struct KeptPage {
     unsigned char bytes[VM_PAGE_SIZE];
 };
 KeptPage pages[PAGES];
 uint64_t keptAs[PAGES]; // address of the page in that place plus 1; 0 for none
+uint64_t taken[SETS];   // how many places were taken, of each set
 
 const QorMemoryRange *plainRanges;
 size_t plainCount;
@@ -32,26 +34,29 @@ void CopyPlain(uint64_t address, void *out, size_t size) {
     memcpy(out, reinterpret_cast<const void *>(address), size);
 }
 
-// Stacks lie at equal distances, so the upper bits take part in the choice of the place.
-uint64_t PlaceOf(uint64_t page) {
+// Stacks lie at equal distances, so the upper bits take part in the choice of the set.
+uint64_t SetOf(uint64_t page) {
     const uint64_t number = page / VM_PAGE_SIZE;
-    return (number ^ (number / PAGES)) % PAGES;
-}
-
-const unsigned char *FindPage(uint64_t page) {
-    const uint64_t place = PlaceOf(page);
-    if (keptAs[place] != page + 1) {
-        keptAs[place] = 0;
-        if (!QorReadOwnMemory(page, pages[place].bytes, VM_PAGE_SIZE))
-            return nullptr;
-        keptAs[place] = page + 1;
-    }
-    return pages[place].bytes;
+    return (number ^ (number / SETS) ^ (number / PAGES)) % SETS;
 }
 
 const unsigned char *KeptAlready(uint64_t page) {
-    const uint64_t place = PlaceOf(page);
-    return keptAs[place] == page + 1 ? pages[place].bytes : nullptr;
+    const uint64_t first = SetOf(page) * PLACES;
+    for (uint64_t place = first; place < first + PLACES; place++)
+        if (keptAs[place] == page + 1)
+            return pages[place].bytes;
+    return nullptr;
+}
+
+const unsigned char *FindPage(uint64_t page) {
+    if (const unsigned char *kept = KeptAlready(page))
+        return kept;
+    const uint64_t set = SetOf(page), place = set * PLACES + taken[set]++ % PLACES;
+    keptAs[place] = 0;
+    if (!QorReadOwnMemory(page, pages[place].bytes, VM_PAGE_SIZE))
+        return nullptr;
+    keptAs[place] = page + 1;
+    return pages[place].bytes;
 }
 
 bool CopyByPages(uint64_t address, void *out, size_t size, const unsigned char *(*find)(uint64_t page)) {
