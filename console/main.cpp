@@ -342,7 +342,7 @@ void AddRecord(CLI::App *app, CommandLine *line) {
 
 void AddReport(CLI::App *app, CommandLine *line) {
     ReportCommand *command = &line->report;
-    CLI::App *report = app->add_subcommand("report", "Show what a recording holds");
+    CLI::App *report = app->add_subcommand("report", "Show what a recording holds, in a browser");
     report->add_option("file", command->file, "What 'qorctl record' wrote")->option_text("FILE")->required();
     CLI::Option *folded = report->add_flag("--folded", command->folded,
                                            "Stacks folded to lines, with how many samples have each");
@@ -350,6 +350,10 @@ void AddReport(CLI::App *app, CommandLine *line) {
         ->option_text("N")
         ->check(CLI::Range(int64_t{1}, INT64_MAX).description(""))
         ->excludes(folded);
+    report
+        ->add_option("--out", command->out,
+                     "The file; else report.html, or standard output for --folded and --jstack")
+        ->option_text("FILE");
     report->final_callback([line] { RunReport(line->report); });
 }
 

@@ -22,7 +22,7 @@ struct ThreadsCommand {
 };
 
 struct ReportCommand {
-    std::string file;
+    std::string file, out; // out: "-" is standard output; empty: that, or report.html for a page
     bool folded = false;
     int64_t jstack = 0; // number of a sample; 0: none
 };
@@ -77,7 +77,7 @@ void RunSummary(const Settings &settings, pid_t pid, double watch);
 // Over an interval in seconds; with `watch` again and again, over that.
 void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
 void RunRecord(const Settings &settings, pid_t pid, const RecordOptions &options);
-// What a recording holds, in a form for other tools.
+// What a recording holds, as a page for a browser or in a form for other tools.
 void RunReport(const ReportCommand &command);
 void RunRules(const Settings &settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);

@@ -1,7 +1,7 @@
 // The commands about recordings.
-#include "base/failure.h"
 #include "command_tools.h"
 #include "record/part_file.h"
+#include "report/page.h"
 #include "report/recording.h"
 #include "report/thread_formats.h"
 
@@ -38,17 +38,28 @@ void RunRecord(const Settings &settings, pid_t pid, const RecordOptions &options
     Print(text + "\n");
 }
 
-void RunReport(const ReportCommand &command) {
-    if (!command.folded && command.jstack == 0)
-        throw Failure("a report needs --folded or --jstack", "see qorctl report --help", EXIT_USAGE);
-    std::string text = ReadPart(command.file);
-    if (command.folded) {
-        Print(FoldedText(ReadRecording(text)));
+static void WriteReport(const std::string &out, const std::string &text) {
+    if (out.empty() || out == "-") {
+        Print(text);
         return;
     }
-    OneSample sample = ReadSample(text, command.jstack);
-    Print(JstackText(sample.threads, sample.time, sample.java_version));
-    NoteCut(sample.threads);
+    PartFile file(out);
+    file.Write(text);
+    file.Close();
+    Print(fmt::format("{}, {:.1f} KB\n", out, static_cast<double>(file.bytes()) / 1000));
+}
+
+void RunReport(const ReportCommand &command) {
+    std::string text = ReadPart(command.file);
+    if (command.jstack > 0) {
+        OneSample sample = ReadSample(text, command.jstack);
+        WriteReport(command.out, JstackText(sample.threads, sample.time, sample.java_version));
+        NoteCut(sample.threads);
+    } else if (command.folded) {
+        WriteReport(command.out, FoldedText(ReadRecording(text)));
+    } else {
+        WriteReport(command.out.empty() ? "report.html" : command.out, PageOf(ReadRecording(text)));
+    }
 }
 
 } // namespace qorctl

@@ -3,6 +3,7 @@
 #include "base/failure.h"
 #include "record/record_lines.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace qorctl {
@@ -60,15 +61,19 @@ Recording Reader::Read(std::string_view text) {
 
 void Reader::Line(const Json &line) {
     std::string type = TextAt(line, "type");
-    if (!begun_)
+    if (!begun_) {
         RequireMeta(line);
-    begun_ = true;
+        out_.meta = line.dump();
+        begun_ = true;
+    }
     if (type == "meta") {
         stacks_.clear(); // numbers count from 0 in each part
     } else if (type == "stack") {
         ReadStack(line);
     } else if (type == "sample") {
         ReadSampleLine(line);
+    } else if (type == "end") {
+        out_.end = line.dump();
     }
 }
 
@@ -103,10 +108,13 @@ void Reader::ReadFigures(const Json &line, RecordedSample *sample) {
 }
 
 void Reader::ReadSampleLine(const Json &line) {
+    const int64_t before = out_.samples.empty() ? 0 : out_.samples.back().time;
     RecordedSample &sample = out_.samples.emplace_back();
     sample.number = NumberAt(line, "n").value_or(0);
     sample.time = NumberAt(line, "time").value_or(0);
     sample.unanswered = TextAt(line, "unanswered");
+    if (!sample.unanswered.empty()) // such a line is written after the wait
+        sample.time = std::max(before, sample.time - NumberAt(line, "waited_ms").value_or(0));
     ReadFigures(line, &sample);
     for (const Json &row : PartAt(line, "threads"))
         if (row.is_object())

@@ -42,7 +42,7 @@ private:
 };
 
 struct RecordedSample {
-    int64_t number = 0, time = 0; // milliseconds since 1970
+    int64_t number = 0, time = 0; // milliseconds since 1970; where there is no answer, of the question
     int64_t missing = 0;
     std::optional<int64_t> heap_kib, heap_max_kib, cpu_ms;
     std::vector<std::optional<int64_t>> collections, collecting_ms; // by collector
@@ -78,7 +78,8 @@ struct Stretch {
 };
 
 struct Recording {
-    int64_t unread = 0; // lines left out
+    std::string meta, end; // the first line, the last `end`; empty when the file was cut before it
+    int64_t unread = 0;    // lines left out
     Texts texts;
     std::vector<std::vector<int32_t>> stacks; // texts of frames from the top; line numbers left out
     std::vector<RecordedSample> samples;

@@ -23,6 +23,7 @@ from hung import Hung
 from life import Life, Refusals, Users
 from metrics import Metrics
 from record import Record
+from report import Report
 from sample import Sample
 from tiers import OwnDriver, Tiers
 from top import Top
@@ -32,8 +33,8 @@ from virtual_groups import VirtualGroups
 from web import Web
 
 __all__ = ["Containers", "Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life",
-           "Memory", "Metrics", "OwnDriver", "Record", "Refusals", "Sample", "Tiers", "Top", "Users",
-           "Views", "Virtual", "VirtualGroups", "Web"]
+           "Memory", "Metrics", "OwnDriver", "Record", "Refusals", "Report", "Sample", "Tiers", "Top",
+           "Users", "Views", "Virtual", "VirtualGroups", "Web"]
 
 
 def main():

@@ -1,0 +1,161 @@
+"""The page of a recording, in a browser: what it draws and counts, and that nothing of the data runs."""
+import collections
+import gzip
+import json
+import os
+
+from harness import Application, Case, folder, wait_until
+
+BROWSER, DRIVER = "/usr/bin/chromium-headless-shell", "/usr/bin/chromedriver"
+MARKUP = ("</script><script>document.title='run'</script><img src=x onerror=\"document.title='run'\">"
+          "<!--<script>\u2028\x1b")
+SEEN = MARKUP.replace("\x1b", "\u241b")
+IDLE = ("Object Wait", "Sleeping")
+PAGE = """const graph = blockGraph(), tree = flameTree('sql');
+return {samples: Number(byId('counted').dataset.samples), flame: tree.value,
+  states: Object.fromEntries(sumsBy(stateOf)),
+  chips: Object.fromEntries(Array.from(document.querySelectorAll('#states button'),
+    chip => [chip.dataset.state, Number(chip.lastChild.textContent)])),
+  sql: Object.fromEntries(tree.children.map(child => [child.name, child.value])),
+  locks: Object.fromEntries(graph.map(edge => [edge.to.name + ' ' + edge.lock, edge.count])),
+  stuck: stuckThreads().map(([thread]) => data.threads.id[thread]), heap: data.heap,
+  layers: document.querySelectorAll('#time .layer').length,
+  frames: document.querySelectorAll('#flame g').length,
+  chosen: [choice.from, choice.to], dark: document.documentElement.dataset.theme === 'dark'}"""
+
+
+def hostile(line):
+    """With markup in each text that the data brings."""
+    for row in line.get("threads", []):
+        if row["name"] == "demo-web":
+            row["name"] += MARKUP
+            row["request"]["url"] += MARKUP
+        if "db" in row:
+            row["db"]["sql"] += MARKUP
+    if line["type"] == "stack":
+        line["frames"][0] = MARKUP
+    if line["type"] == "meta":
+        line["main_class"] = MARKUP
+    return line
+
+
+def samples_of(lines):
+    """Each sample's threads, whole."""
+    rows, samples = {}, []
+    for line in lines:
+        if line["type"] == "sample":
+            rows.update((row["id"], row) for row in line["threads"])
+            samples.append([rows[id] for id in line["same"]] + line["threads"])
+    return samples
+
+
+def sums_of(samples):
+    """What the page has to count."""
+    rows = [row for sample in samples for row in sample]
+    stacks = collections.defaultdict(list)
+    for row in rows:
+        stacks[row["id"]].append(row["stack"])
+    states = collections.Counter(row["state"] for row in rows)
+    return {"samples": len(rows), "flame": len(rows),
+            "states": states, "chips": states, "layers": len(states),
+            "sql": collections.Counter(row["db"]["sql"].replace(MARKUP, SEEN) if "db" in row else "no SQL"
+                                       for row in rows),
+            "locks": collections.Counter(row["name"] + " " + row["waits_for"]["class"]
+                                         for row in rows if "owner" in row.get("waits_for", {})),
+            "stuck": sorted(id for id, all in stacks.items()
+                            if len(all) == len(samples) and len(set(all)) == 1)}
+
+
+class Report(Case):
+    def setUp(self):
+        try:
+            from selenium import webdriver  # an optional package
+            from selenium.webdriver.chrome.service import Service
+        except ImportError:
+            self.skipTest("python3-selenium isn't installed: the page of 'qorctl report' isn't looked at")
+        if not (os.path.exists(BROWSER) and os.path.exists(DRIVER)):
+            self.skipTest("no headless Chromium: the page of 'qorctl report' isn't looked at")
+        self.place, _ = folder(self)
+        options = webdriver.ChromeOptions()
+        options.binary_location = BROWSER
+        for word in ("--headless", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1280,1000"):
+            options.add_argument(word)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.browser = webdriver.Chrome(service=Service(DRIVER), options=options)
+        self.addCleanup(self.browser.quit)
+
+    def record(self):
+        file = f"{self.place}/a.ndjson.gz"
+        with Application() as app:
+            self.answer("record", app.pid, "--options", "localquota=100,dbquery=1", "--share", "100",
+                        "--every", "200ms", "--for", "2s", "--out", file)
+        with gzip.open(file, "rt", encoding="utf-8") as packed:
+            return [hostile(json.loads(line)) for line in packed]
+
+    def page(self):
+        seen = self.browser.execute_script(PAGE)
+        return {**seen, "stuck": sorted(seen["stuck"])}
+
+    def check(self, samples):
+        sums = sums_of(samples)
+        self.assertEqual({key: value for key, value in self.page().items() if key in sums}, sums)
+
+    def press(self, key):
+        self.browser.find_element("tag name", "body").send_keys(key)
+
+    def check_filters(self, samples):
+        """By a click, by keys, by search and by the mouse along the time."""
+        from selenium.webdriver import ActionChains
+        states = sums_of(samples)["states"]
+        self.browser.find_element("css selector", "#states button[data-state=Lock]").click()
+        seen, others = self.page(), states.total() - states["Lock"]
+        self.assertEqual((seen["samples"], seen["flame"]), (others, others))
+        self.press("a")
+        busy = {state: n for state, n in states.items() if state not in (*IDLE, "Lock")}
+        self.assertEqual(self.page()["states"], busy)
+        self.press("\ue00c")  # Escape
+        self.assertEqual(self.page()["states"], states)
+        search = self.browser.find_element("id", "search")
+        search.send_keys("demo-web</script>")
+        wait_until("a search", lambda: self.page()["samples"] == len(samples))
+        search.send_keys("\ue00c")
+        band = self.browser.find_element("css selector", "#time .background")
+        drag = ActionChains(self.browser).move_to_element(band).click_and_hold().move_by_offset(200, 0)
+        drag.release().perform()
+        start, end = self.page()["chosen"]
+        self.assertLess(0, start)
+        self.assertEqual(self.page()["samples"], sum(len(sample) for sample in samples[start:end]))
+        self.press("\ue00c")
+
+    def check_flame(self):
+        dark = self.page()["dark"]
+        self.press("d")
+        self.assertNotEqual(self.page()["dark"], dark)
+        self.press("s")  # split by state
+        self.browser.execute_script("return Array.from(document.querySelectorAll('#flame g'))"
+                                    ".find(box => box.textContent === 'Lock')").click()
+        self.assertGreater(self.page()["frames"], 3)
+        self.assertLess(self.page()["frames"], 30)
+
+    def test_draws_and_filters_a_hostile_file(self):
+        lines = self.record()
+        samples = samples_of(lines)
+        with open(f"{self.place}/hostile", "w", encoding="utf-8") as file:
+            for line in lines[:-1]:
+                print(json.dumps(line), file=file)
+            file.write('{"type": "sample", "n": 99, "threads": [{"na')
+        self.answer("report", f"{self.place}/hostile", "--out", f"{self.place}/report.html")
+        self.browser.get(f"file://{self.place}/report.html")
+        self.assertEqual(self.browser.get_log("browser"), [])
+        self.check(samples)
+        text = self.browser.find_element("tag name", "body").text
+        for part in ("the file was cut", f"in {len(samples)} consecutive samples, at least",
+                     "demo-lock-wanter", "select id, total from orders",
+                     "/shop/cart" + MARKUP.split("\u2028")[0]):
+            self.assertIn(part, text)
+        self.assertEqual(self.page()["heap"], [line["heap"]["used_kib"] for line in lines if "heap" in line])
+        self.check_filters(samples)
+        self.check_flame()
+        self.assertNotEqual(self.browser.title, "run")
+        self.assertEqual(self.browser.find_elements("css selector", "img"), [])
+        self.assertEqual(self.browser.get_log("browser"), [])
