@@ -14,6 +14,7 @@ int32_t trace_all_threads;
 int32_t cost_wanted;
 int32_t copy_flags;
 int32_t no_locals;
+int32_t figures_wanted;
 int32_t qorIsPollOrTrace;
 
 uint32_t reqid;

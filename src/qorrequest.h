@@ -54,6 +54,7 @@ enum : int32_t {
     FLAG_COPY = 2048,    // a text dump or histogram is made by a copy of the process
     FLAG_NO_COPY = 4096, // it isn't; without either flag the setting decides
     FLAG_NO_LOCALS = 8192,
+    FLAG_FIGURES = 16384, // rows of a poll without stacks carry what Java knows of their threads
 };
 
 // The request's text, which the worker cuts up; its last byte is always 0. The worker's alone while one
@@ -77,6 +78,7 @@ extern int32_t trace_all_threads;           // idle threads too
 extern int32_t cost_wanted;                 // add what the request cost
 extern int32_t copy_flags;                  // FLAG_COPY, FLAG_NO_COPY
 extern int32_t no_locals;                   // leave local variables alone
+extern int32_t figures_wanted;              // Java's figures in each row of a poll
 extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent
 
 extern uint32_t reqid;                        // what is asked for; keeps its value when a request has none

@@ -47,7 +47,7 @@ ThreadSample Sampler::AskThreads(const AskFunction &ask, bool details, TakenSamp
     ThreadQuestion question;
     question.all = question.repeated = true;
     question.details = details;
-    question.locals = details;
+    question.locals = question.figures = details;
     int64_t before = sample->took_us;
     std::string reply = AskTimed(ask, ThreadsRequest(question), sample);
     ThreadSample threads = DecodeThreads(OpenReply(reply));

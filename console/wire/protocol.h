@@ -114,6 +114,7 @@ enum RequestFlag : uint32_t {
     FLAG_COPY = 2048,
     FLAG_NO_COPY = 4096,
     FLAG_NO_LOCALS = 8192,
+    FLAG_FIGURES = 16384,
 };
 
 // What a memory request asks for.

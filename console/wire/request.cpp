@@ -80,6 +80,8 @@ std::string ThreadsRequest(const ThreadQuestion &question) {
                            uint32_t(REQ_POLL_DETAILS), question.thread_key);
     if (question.details)
         flags |= FLAG_DETAILS;
+    else if (question.all && question.figures)
+        flags |= FLAG_FIGURES; // rows of active threads have them anyway
     if (question.all)
         flags |= FLAG_ALL_THREADS;
     bool plain = !question.details && !question.all;

@@ -15,6 +15,7 @@ struct ThreadQuestion {
     bool details = false;   // stacks and locks
     bool all = false;       // idle threads too
     bool locals = true;     // data of other tiers, for which local variables are read
+    bool figures = true;    // what Java knows of each thread; details have it anyway
     bool repeated = false;  // one of a series: the agent keeps its log silent
     std::string thread_key; // "process-thread": this thread alone, with details
 };

@@ -68,7 +68,8 @@ TEST(RequestText, FlagsKeepTheirMaskedValue) {
                                                    {&get_system_data, 128},
                                                    {&trace_all_threads, 256},
                                                    {&copy_flags, 2048},
-                                                   {&no_locals, 8192}};
+                                                   {&no_locals, 8192},
+                                                   {&figures_wanted, 16384}};
     for (const int32_t isIbm : {0, 1})
         for (const auto &[set, bit] : flags) {
             const Restore ibm(gbIbmJvm, isIbm);

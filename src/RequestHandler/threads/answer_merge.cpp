@@ -96,9 +96,10 @@ bool PutHeader(Merge *merge, const char *title) {
 // The title of the next record: at the start of the reply or after a section. Anywhere else the words
 // are a value's.
 const char *FindRecordTitle(const char *from) {
-    const char *found = strstr(from, TITLE_THREAD_DETAILS);
+    const char *title = poll_details ? TITLE_THREAD_DETAILS : TITLE_ACTIVE_THREADS;
+    const char *found = strstr(from, title);
     while (found && found != pagebuf && found[-1] != SECTION_END)
-        found = strstr(found + 1, TITLE_THREAD_DETAILS);
+        found = strstr(found + 1, title);
     return found;
 }
 

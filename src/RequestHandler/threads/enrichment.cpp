@@ -205,9 +205,9 @@ struct TimingLine {
     TimingLine &operator=(const TimingLine &) = delete;
 };
 
-// A poll without stacks has no place for an answer.
+// Readers of a poll without stacks don't expect an answer in its rows, unless they ask for it.
 bool CanMerge() {
-    return !(reqid & QORREQ_POLL_DETAILS) || strstr(pagebuf, TITLE_THREAD_DETAILS);
+    return !(reqid & QORREQ_POLL_DETAILS) || figures_wanted || strstr(pagebuf, TITLE_THREAD_DETAILS);
 }
 
 void AskAndMerge(JNIEnv *env, QorThreadFinder find) {

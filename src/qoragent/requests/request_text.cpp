@@ -81,6 +81,7 @@ void QorUnpackFlags(uint32_t flags) {
     cost_wanted = flags & FLAG_COST;
     copy_flags = flags & (FLAG_COPY | FLAG_NO_COPY);
     no_locals = flags & FLAG_NO_LOCALS;
+    figures_wanted = flags & FLAG_FIGURES;
     qorIsPollOrTrace = (flags & FLAG_NOT_A_POLL) == 0;
 }
 
