@@ -19,6 +19,7 @@
 #include "jvmti/changes/trycatch.h"
 #include "jvmti/threads/MonitorMemo.h"
 #include "jvmti/threads/VirtualFields.h"
+#include "jvmti/threads/VirtualGroups.h"
 #include "qorthreads/qorthreads.h"
 #include "sunprint/report/connection_list.h"
 #include "sunprint/report/jdbc_versions.h"
@@ -74,6 +75,7 @@ void QorDropSession(JNIEnv *env) {
     // References go by the environment that the unload has set: the worker's may be gone.
     QorDropMemo();
     QorDropVirtualFields();
+    QorDropVirtualGroups();
 }
 
 void exitAgent(JNIEnv *env) {

@@ -1,7 +1,5 @@
 #include "thread_lookup.h"
 
-#include "Xtier/Xtier.h"
-
 #include <cstdlib>
 #include <cstring>
 
@@ -27,6 +25,25 @@ bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key) {
 
 const char *QorCallTypeText(const QorFrameRecord *frame) {
     return frame->callType ? "user" : "sys";
+}
+
+void QorAppendState(QorText *out, int32_t state, const QorDBRequestData *database, QorXtierPositions *at) {
+    char text[STATE_TEXT_SIZE];
+    mapQorThreadState2String(state, text);
+    QorTextAppend(out, text);
+    const int32_t start = out->length;
+    if (state == STATE_DB_WAIT) {
+        if (database)
+            QorAppendDatabaseBlock(out, QorDatabaseBlockOf(*database));
+        else
+            QorTextAppend(out, QorEmptyDatabaseBlock());
+        at->dbStart = start;
+        at->dbEnd = out->length;
+    } else if (state == STATE_RMI_WAIT) {
+        QorTextAppend(out, QorEmptyRmiBlock());
+        at->rmiStart = start;
+        at->rmiEnd = out->length;
+    }
 }
 
 void closeThreadAndFreeLists() {

@@ -1,6 +1,7 @@
 // What the views of threads share: one thread found by its key, and the end of their walk. Worker only.
 #pragma once
 
+#include "Xtier/Xtier.h"
 #include "jvmti/threads/ThreadSystem.h"
 #include "reply/records.h"
 
@@ -15,6 +16,10 @@ bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key);
 
 // "user" or "sys", the type column of a frame.
 const char *QorCallTypeText(const QorFrameRecord *frame);
+
+// Appends the state, and of a wait for a database or another server the block of what is known of it: that of
+// `database`, or else an empty one, whose place goes into `at`.
+void QorAppendState(QorText *out, int32_t state, const QorDBRequestData *database, QorXtierPositions *at);
 
 // Closes the walk and frees the lists of a sample; on every way out of a view.
 void closeThreadAndFreeLists();

@@ -5,6 +5,7 @@
 #include "jvmti/Session.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
+#include "thread_lookup.h"
 
 #include <cstdlib>
 
@@ -71,27 +72,6 @@ void AppendCurrentCall(QorText *out, const QorThreadWalk &walk, QorXtierPosition
     }
 }
 
-void AppendState(QorText *out, int32_t state, QorXtierPositions *at) {
-    if (gbiOptimizationLevel == 3)
-        QorTextAppendChar(out, STATE_MARK);
-    char strThreadState[STATE_TEXT_SIZE];
-    mapQorThreadState2String(state, strThreadState);
-    QorTextAppend(out, strThreadState);
-    const int32_t start = out->length;
-    if (state == STATE_DB_WAIT) {
-        if (ReadsAtOnce())
-            QorAppendDatabaseBlock(out, QorDatabaseBlockOf(*QorDataReadAtOnce().database));
-        else
-            QorTextAppend(out, QorEmptyDatabaseBlock());
-        at->dbStart = start;
-        at->dbEnd = out->length;
-    } else if (state == STATE_RMI_WAIT) {
-        QorTextAppend(out, QorEmptyRmiBlock());
-        at->rmiStart = start;
-        at->rmiEnd = out->length;
-    }
-}
-
 void AppendSections(QorSample *sample, const QorThreadWalk &walk, QorXtierPositions *at) {
     QorText *out = sample->reply;
     if (walk.stackRows.length == 0)
@@ -141,7 +121,9 @@ int32_t QorWriteThreadRecord(QorSample *sample, QorThreadWalk *walk) {
     QorXtierPositions at;
     AppendIdentity(*sample, *walk, &at);
     AppendCurrentCall(out, *walk, &at);
-    AppendState(out, walk->thread.state, &at);
+    if (gbiOptimizationLevel == 3)
+        QorTextAppendChar(out, STATE_MARK);
+    QorAppendState(out, walk->thread.state, ReadsAtOnce() ? QorDataReadAtOnce().database : nullptr, &at);
     if (isPollForm)
         AppendSections(sample, *walk, &at);
     else

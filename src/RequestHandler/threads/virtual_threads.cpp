@@ -29,6 +29,7 @@ constexpr int32_t CALL_FIELDS = 3, REQUEST_FIELDS = 2;
 constexpr int32_t MOST_HELD = 200;
 constexpr int32_t LONGEST_MILLISECONDS = 2000;
 constexpr char NOT_TRACKED[] = "threads without an executor aren't tracked (jdk.trackAllThreads)";
+constexpr char NOT_COUNTED[] = "there are more executors than could be counted in the time";
 constexpr char OVER_QUOTA[] = "stacks left out: requests before this one had their share of the time";
 
 // Bits of the field `cut`.
@@ -201,7 +202,7 @@ constexpr QorThreadState COUNTED[] = {STATE_RUNNABLE, STATE_DB_WAIT,     STATE_L
 
 void AppendHead(VirtualView *view, const char *note) {
     const QorVirtualSample &sample = view->sample;
-    const int32_t cut = (sample.cut ? CUT_BY_TIME_OR_THREADS : 0) |
+    const int32_t cut = (sample.cut || sample.countCut ? CUT_BY_TIME_OR_THREADS : 0) |
                         (view->matching > view->mostGroups || sample.groupsCut ? CUT_BY_ROWS : 0);
     for (const int64_t number : {sample.count, sample.inExecutors, sample.mounted, sample.sampled,
                                  int64_t{view->matching}, int64_t{cut}})
@@ -223,22 +224,6 @@ void AppendKey(QorText *out, int64_t tid) {
     if (tid != 0)
         QorFormatThreadKey(key, getpid(), tid);
     QorAppendField(out, tid != 0 ? key : null_str);
-}
-
-void AppendState(QorText *out, int32_t state, QorXtierPositions *at) {
-    char text[STATE_TEXT_SIZE];
-    mapQorThreadState2String(state, text);
-    QorTextAppend(out, text);
-    const int32_t start = out->length;
-    if (state == STATE_DB_WAIT) {
-        QorTextAppend(out, QorEmptyDatabaseBlock());
-        at->dbStart = start;
-        at->dbEnd = out->length;
-    } else if (state == STATE_RMI_WAIT) {
-        QorTextAppend(out, QorEmptyRmiBlock());
-        at->rmiStart = start;
-        at->rmiEnd = out->length;
-    }
 }
 
 // False when the group has no room: nothing of it is written.
@@ -264,7 +249,7 @@ bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
     }
     for (int32_t i = 0; call.length == 0 && i < CALL_FIELDS; i++)
         QorAppendField(out, null_str);
-    AppendState(out, facts.state, &at);
+    QorAppendState(out, facts.state, nullptr, &at);
     QorTextAppendChar(out, RECORD_END);
     if (out->refused || out->size - out->length <= 1) {
         QorTextCut(out, start);
@@ -329,6 +314,8 @@ void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
         QorCountHandTime(now, now + view->sample.stopUsec);
     CountStates(view);
     const char *note = view->sample.rootIsListed ? nullptr : NOT_TRACKED;
+    if (view->sample.countCut)
+        note = NOT_COUNTED;
     AppendHead(view, isDue ? note : OVER_QUOTA);
     ForShownGroups(view, AppendGroup);
     QorTextAppendChar(view->reply, SECTION_END);

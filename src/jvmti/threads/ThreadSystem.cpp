@@ -40,6 +40,7 @@ constexpr jint SNAPSHOT_FRAME_CAPACITY = 4096; // the most that HotSpot grants
 constexpr jint REFERENCES_OF_A_VIEW = 64;
 constexpr char NO_NAME[] = "^";
 constexpr int64_t SEARCH_USEC = 1000000;
+constexpr int64_t MISSING_USEC = 10 * SEARCH_USEC;
 
 void FreeSnapshotArray(int32_t threshold) {
     const jvmtiError error = jvmti->Deallocate(reinterpret_cast<unsigned char *>(qorstack_info_ptr));
@@ -215,13 +216,17 @@ QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t) {
 }
 
 bool QorTurnToVirtual(QorThreadHandle *handle, int64_t tid) {
+    static int64_t missingId, missingUntil;
     QorCloseThreadHandle(handle);
     handle->count = handle->index = 0;
-    if (!QorCanSeeMounted() || QorLookUpVirtual() != VIRTUAL_READY)
+    const bool isMissing = qorIsPollOrTrace && tid == missingId && QorVirtualClock() < missingUntil;
+    if (isMissing || !QorCanSeeMounted() || QorLookUpVirtual() != VIRTUAL_READY)
         return false;
     snapshotFramePushed = QorPushLocalFrame(jvmtijni_env, REFERENCES_OF_A_VIEW) == JNI_OK;
     jthread thread = snapshotFramePushed ? QorFindVirtualThread(tid, SEARCH_USEC) : nullptr;
     if (!thread || !TakeSnapshotOf(thread)) {
+        missingId = tid;
+        missingUntil = QorVirtualClock() + MISSING_USEC;
         PopSnapshotFrame();
         return false;
     }

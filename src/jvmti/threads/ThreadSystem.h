@@ -106,8 +106,9 @@ void QorInitThreadHandle(QorThreadHandle *handle);
 QorThreadHandle *QorGetJVMThread(QorThreadHandle *handle, int32_t unused);
 
 // Turns an open walk into one of the virtual thread with this Java thread id, mounted or not: the cursor is
-// at it, its frames are those after the scheduler's. Looks for it for a second at most. False when it isn't
-// found: the walk is then over.
+// at it, its frames are those after the scheduler's. Looks for it for a second at most, in polls not again
+// within ten seconds of not finding it: traces go on when their thread has ended. False when it isn't found:
+// the walk is then over.
 bool QorTurnToVirtual(QorThreadHandle *handle, int64_t tid);
 
 // Drops the snapshot, its references and the methods' facts. Safe without an open walk.

@@ -192,19 +192,19 @@ QorVirtualState LookUp(const JdkClass &row, bool *isFound) {
     return VIRTUAL_READY;
 }
 
-jint Release() {
+} // namespace
+
+int32_t QorJvmRelease() {
     jint version = 0;
     if (!jvmti || jvmti->GetVersionNumber(&version) != JVMTI_ERROR_NONE)
         return 0;
     return (version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR;
 }
 
-} // namespace
-
 QorVirtualState QorLookUpVirtual() {
     if (offReason[0])
         return VIRTUAL_OFF;
-    if (!jvmtijni_env || Release() < FIRST_RELEASE) {
+    if (!jvmtijni_env || QorJvmRelease() < FIRST_RELEASE) {
         snprintf(offReason, sizeof offReason, "%s", NO_VIRTUAL_THREADS);
         return VIRTUAL_OFF;
     }

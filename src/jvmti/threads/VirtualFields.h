@@ -41,6 +41,9 @@ struct QorVirtualFields {
 };
 extern QorVirtualFields qorVirtual;
 
+// The JVM's release, such as 21; 0 without a session.
+int32_t QorJvmRelease();
+
 // Looks up what hasn't been found yet.
 QorVirtualState QorLookUpVirtual();
 

@@ -29,6 +29,9 @@ struct Defaults {
 };
 constexpr Defaults WITH_STOPS = {4096, 100}, WITHOUT_STOPS = {8192, 200};
 
+// The groups of the one sample.
+QorVirtualGroup *groupsInUse;
+
 // A sample that is being taken. One at a time, the worker's.
 struct Sampler {
     QorVirtualSample *sample;
@@ -234,12 +237,6 @@ bool VisitThread(void *data, jobject thread) {
     return true;
 }
 
-jint Release() {
-    jint version = 0;
-    jvmti->GetVersionNumber(&version);
-    return (version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR;
-}
-
 // Moves the groups to the front, largest first.
 void SortGroups(QorVirtualSample *sample) {
     QorVirtualGroup *end = std::remove_if(sample->groups, sample->groups + VIRTUAL_GROUPS,
@@ -249,22 +246,29 @@ void SortGroups(QorVirtualSample *sample) {
     });
 }
 
-void TakeSample(const QorVirtualLimits &limits, QorVirtualSample *sample) {
+void TakeCounts(const QorVirtualWalk &walk, QorVirtualSample *sample) {
+    sample->count = walk.counts.all + walk.inScopes;
+    sample->inExecutors = walk.counts.inExecutors;
+    sample->rootIsListed = walk.counts.rootIsListed;
+    sample->countCut = walk.counts.cut;
+    sample->mounted = walk.mounted;
+    sample->cut = walk.cut;
+}
+
+void TakeSample(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample) {
     static Sampler sampler;
-    sampler = {sample, Release() < RELEASE_WITHOUT_STOP, limits.onGroup, {}, 0};
+    sampler = {sample, QorJvmRelease() < RELEASE_WITHOUT_STOP, limits.onGroup, {}, 0};
     const Defaults &defaults = sampler.batches ? WITH_STOPS : WITHOUT_STOPS;
     const int32_t milliseconds = limits.milliseconds > 0 ? limits.milliseconds : defaults.milliseconds;
     QorVirtualWalk walk = {};
-    walk.visit = VisitThread;
+    walk.visit = countOnly ? nullptr : VisitThread;
     walk.data = &sampler;
     walk.most = limits.threads > 0 ? limits.threads : defaults.threads;
     walk.deadline = QorVirtualClock() + milliseconds * int64_t{1000};
     QorWalkVirtualThreads(&walk);
     ReadHeld(&sampler, false);
-    sample->cut = walk.cut;
-    sample->mounted = walk.mounted;
-    sample->count += walk.inScopes;
-    if (!walk.cut)
+    TakeCounts(walk, sample);
+    if (!countOnly && !walk.cut)
         sample->count = std::max(sample->count, walk.visited);
 }
 
@@ -287,28 +291,25 @@ int32_t QorCountSchedulerFrames(const jvmtiFrameInfo *frames, jint count) {
 int32_t QorSampleVirtualThreads(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample) {
     *sample = {};
     const QorLocalFrame frame(jvmtijni_env, REFERENCES);
-    sample->groups = static_cast<QorVirtualGroup *>(calloc(VIRTUAL_GROUPS, sizeof(QorVirtualGroup)));
+    QorDropVirtualGroups(); // a fault has ended the last view
+    groupsInUse = static_cast<QorVirtualGroup *>(calloc(VIRTUAL_GROUPS, sizeof(QorVirtualGroup)));
+    sample->groups = groupsInUse;
     if (!frame.pushed || !sample->groups)
         return -1;
-    const QorVirtualCounts counts = QorCountVirtualThreads();
-    sample->count = counts.all;
-    sample->inExecutors = counts.inExecutors;
-    sample->rootIsListed = counts.rootIsListed;
-    if (countOnly) {
-        QorVirtualWalk walk = {}; // its time is up before the first thread
-        QorWalkVirtualThreads(&walk);
-        sample->mounted = walk.mounted;
-        return 0;
-    }
-    TakeSample(limits, sample);
+    TakeSample(limits, countOnly, sample);
     SortGroups(sample);
     return 0;
 }
 
 void QorFreeVirtualSample(QorVirtualSample *sample) {
-    free(sample->groups);
     sample->groups = nullptr;
+    QorDropVirtualGroups();
     QorDropMethodFacts();
+}
+
+void QorDropVirtualGroups() {
+    free(groupsInUse);
+    groupsInUse = nullptr;
 }
 
 bool QorRefineUnmounted(QorFrameHandle *frames, QorThreadRecord *thread) {

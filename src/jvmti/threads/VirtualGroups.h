@@ -41,8 +41,9 @@ struct QorVirtualLimits {
 
 struct QorVirtualSample {
     int64_t count, inExecutors, mounted, sampled;
-    bool rootIsListed, cut, groupsCut; // groupsCut: more groups than VIRTUAL_GROUPS
-    int64_t stopUsec;                  // time in calls that read stacks
+    bool rootIsListed, cut;
+    bool countCut, groupsCut; // executors weren't all counted; more groups than VIRTUAL_GROUPS
+    int64_t stopUsec;         // time in calls that read stacks
     int32_t groupCount;
     QorVirtualGroup *groups; // VIRTUAL_GROUPS places, the first groupCount in use, largest first
 };
@@ -51,6 +52,9 @@ struct QorVirtualSample {
 // VIRTUAL_READY; QorFreeVirtualSample on every way out.
 int32_t QorSampleVirtualThreads(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample);
 void QorFreeVirtualSample(QorVirtualSample *sample);
+
+// Frees what a sample that was never freed has left. End of the session.
+void QorDropVirtualGroups();
 
 // The number of frames on top that are the scheduler's; all frames but the last, at most.
 int32_t QorCountSchedulerFrames(const jvmtiFrameInfo *frames, jint count);

@@ -150,12 +150,17 @@ bool VisitSet(jobject set, uint32_t start, uint32_t stride, const Visit &visit, 
     return true;
 }
 
-// Calls `visit` with the container of each registered executor.
+uint32_t Random(QorVirtualWalk *walk) {
+    walk->random = walk->random * 6364136223846793005U + 1442695040888963407U;
+    return static_cast<uint32_t>(walk->random >> 32);
+}
+
+// Calls `visit` with the container of each registered executor until it answers false.
 template <typename Visit>
-void VisitExecutors(const Visit &visit) {
+void VisitExecutors(QorVirtualWalk *walk, const Visit &visit) {
     const Local registry(StaticField(qorVirtual.containers, qorVirtual.registry));
     VisitSet(
-        registry.ref, 0, 1,
+        registry.ref, Random(walk), Random(walk) | 1,
         [&](jobject weak) {
             if (!jvmtijni_env->IsInstanceOf(weak, qorVirtual.reference))
                 return true;
@@ -184,11 +189,6 @@ bool IsOver(QorVirtualWalk *walk) {
     if (!walk->ended && (QorVirtualClock() >= walk->deadline || qorLeave != 0))
         walk->ended = walk->cut = true;
     return walk->ended;
-}
-
-uint32_t Random(QorVirtualWalk *walk) {
-    walk->random = walk->random * 6364136223846793005U + 1442695040888963407U;
-    return static_cast<uint32_t>(walk->random >> 32);
 }
 
 bool VisitThread(QorVirtualWalk *walk, jobject thread);
@@ -268,21 +268,17 @@ void WalkPlatformThreads(QorVirtualWalk *walk) {
     jvmti->Deallocate(reinterpret_cast<unsigned char *>(threads));
 }
 
-} // namespace
-
-int64_t QorVirtualClock() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
-}
-
-QorVirtualCounts QorCountVirtualThreads() {
-    QorVirtualCounts counts = {0, 0, qorVirtual.rootThreads != nullptr};
-    VisitExecutors([&](jobject container) {
+// Fills the counts, and what the walk expects by them.
+void CountThreads(QorVirtualWalk *walk) {
+    QorVirtualCounts &counts = walk->counts;
+    counts = {0, 0, qorVirtual.rootThreads != nullptr, false};
+    const int64_t now = QorVirtualClock(), end = now + (walk->deadline - now) / 2;
+    VisitExecutors(walk, [&](jobject container) {
         const Local threads(ThreadsOf(container));
         if (const int64_t size = SizeOf(threads.ref))
             counts.inExecutors += HoldsVirtualThreads(threads.ref) ? size : 0;
-        return true;
+        counts.cut = QorVirtualClock() >= end;
+        return !counts.cut;
     });
     if (counts.rootIsListed) {
         const Local root(StaticField(qorVirtual.trackingRoot, qorVirtual.rootThreads));
@@ -292,19 +288,28 @@ QorVirtualCounts QorCountVirtualThreads() {
         counts.all = counts.inExecutors +
                      Sum(adder.ref, qorVirtual.adderBase, qorVirtual.adderCells, qorVirtual.adderCellValue);
     }
-    return counts;
+    walk->expected = counts.rootIsListed ? counts.all : counts.inExecutors;
+}
+
+} // namespace
+
+int64_t QorVirtualClock() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
 }
 
 void QorWalkVirtualThreads(QorVirtualWalk *walk) {
-    const QorVirtualCounts counts = QorCountVirtualThreads();
     walk->random = static_cast<uint64_t>(QorVirtualClock()) * 0x9e3779b97f4a7c15U;
-    walk->expected = counts.rootIsListed ? counts.all : counts.inExecutors;
+    if (walk->most != VIRTUAL_ALL_THREADS)
+        CountThreads(walk);
+    walk->ended = !walk->visit;
     const Local root(StaticField(qorVirtual.trackingRoot, qorVirtual.rootThreads));
     WalkSet(walk, root.ref, SizeOf(root.ref));
-    VisitExecutors([&](jobject container) {
+    VisitExecutors(walk, [&](jobject container) {
         const Local threads(ThreadsOf(container));
         WalkSet(walk, threads.ref, SizeOf(threads.ref));
-        return !walk->ended;
+        return !IsOver(walk);
     });
     WalkPlatformThreads(walk);
 }

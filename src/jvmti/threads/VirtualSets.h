@@ -23,19 +23,21 @@ struct QorVirtualCounts {
     int64_t all;         // of the root and of executors, by the maps' own counters
     int64_t inExecutors; // of those
     bool rootIsListed;   // false: the root only counts its threads (jdk.trackAllThreads=false)
+    bool cut;            // some executors weren't counted for lack of time
 };
-QorVirtualCounts QorCountVirtualThreads();
 
 // A walk. Of sets that are too large for it a part is visited, from all over the table: threads that are
-// neighbours there were started together and mostly do the same.
+// neighbours there were started together and mostly do the same. So it is with many executors.
 struct QorVirtualWalk {
-    bool (*visit)(void *data, jobject thread); // false ends the walk; the reference is the walk's
+    bool (*visit)(void *data, jobject thread); // false ends the walk; the reference is the walk's. Null: the
+                                               // threads are only counted
     void *data;
     int64_t most;     // threads to visit; VIRTUAL_ALL_THREADS: no set is left early for others either
     int64_t deadline; // of CLOCK_MONOTONIC, in microseconds
 
+    QorVirtualCounts counts; // for half of the time at most; not with VIRTUAL_ALL_THREADS
     int64_t visited;
-    int64_t inScopes; // of them those of structured scopes, which QorCountVirtualThreads doesn't see
+    int64_t inScopes; // of them those of structured scopes, which the counts don't have
     int64_t mounted;  // threads on a carrier, visited or not
     bool cut;         // some weren't visited
     // The walk's own.
