@@ -84,7 +84,8 @@ function statesOf(thread) {
 }
 
 function edgeText({from, to, lock, count}) {
-  return `${nodeTitle(to)} waited for ${lock}\nheld by ${nodeTitle(from)}\nin ${countText(count, "sample")}, some ${spanText(count * usual)}`;
+  return `${nodeTitle(to)} waited for ${lock}\nheld by ${nodeTitle(from)}\n` +
+    `in ${countText(count, "sample")}, some ${spanText(count * usual)}`;
 }
 
 function drawGraph(edges) {

@@ -54,7 +54,8 @@ function drawHead() {
   const {meta} = data;
   byId("name").textContent = plain(`${meta.main_class || "JVM"} on ${meta.host || "unknown host"}`);
   document.title = byId("name").textContent + ", recording";
-  byId("facts").textContent = plain(`process ${meta.pid}, Java ${meta.java_version || "of unknown version"}, `) + countText(samples, "sample") +
+  byId("facts").textContent = plain(`process ${meta.pid}, Java ${meta.java_version || "of unknown version"}, `) +
+    countText(samples, "sample") +
     (samples ? ` from ${d3.time.format("%Y-%m-%d %H:%M:%S")(new Date(data.t[0]))}, every ${spanText(usual)}` : "");
   byId("licence").textContent = `Drawn with d3 ${d3.version}, whose licence is in this file.`;
   seenStates.forEach(state => {

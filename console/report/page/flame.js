@@ -11,7 +11,8 @@ function frameColour(node) {
   let hash = 0;
   for (const c of node.name.split(".").slice(0, 3).join("."))
     hash = (hash * 31 + c.charCodeAt(0)) >>> 0;
-  return /^(java|jdk|sun|javax)\./.test(node.name) ? `hsl(212,24%,${72 + hash % 10}%)` : `hsl(${16 + hash % 40},78%,${66 + hash % 10}%)`;
+  const light = 66 + hash % 10;
+  return /^(java|javax|jdk|sun)\./.test(node.name) ? `hsl(212,24%,${light + 6}%)` : `hsl(${16 + hash % 40},78%,${light}%)`;
 }
 
 // The boxes of a call and of what it calls, as wide as their share of the call that is zoomed.
@@ -38,7 +39,8 @@ function flameBoxes(root, width) {
     boxes.push({node: top, x: 0, width, row: boxes.length, path: zoomed.slice(0, boxes.length), above: true});
     top = next;
   }
-  placeBoxes(top, {x: 0, row: boxes.length, scale: top.value ? width / top.value : 0, path: zoomed.slice(0, boxes.length)}, boxes);
+  const path = zoomed.slice(0, boxes.length);
+  placeBoxes(top, {x: 0, row: boxes.length, scale: top.value ? width / top.value : 0, path}, boxes);
   return boxes;
 }
 
@@ -56,10 +58,11 @@ function drawFlame() {
     .classed("hit", b => search && b.node.name.toLowerCase().includes(search));
   box.append("rect").attr("width", b => b.width).attr("height", ROW - 1).style("fill", b => frameColour(b.node));
   box.filter(b => b.width > 32).append("text").attr("x", 4).attr("y", 13).text(frameText);
-  withTip(box, ({node}) => `${clipped(node.name, 900)}\n${countText(node.value, "sample")}, ${shareText(node.value, root.value)}` +
-    `, some ${spanText(node.value * usual)} of threads' time`);
+  withTip(box, ({node: {name, value}}) => `${clipped(name, 900)}\n${countText(value, "sample")}, ` +
+    `${shareText(value, root.value)}, some ${spanText(value * usual)} of threads' time`);
   box.on("click", b => zoomTo(b.path));
-  byId("flame-note").textContent = zoomed.length ? "Esc or a click on a caller zooms out" : "threads' time by stack, callers on top; click to zoom";
+  byId("flame-note").textContent = zoomed.length ? "Esc or a click on a caller zooms out"
+    : "threads' time by stack, callers on top; click to zoom";
 }
 
 function zoomTo(path) {

@@ -51,8 +51,9 @@ function runText([run, first, count]) {
 }
 
 function drawLanes() {
-  const all = lanesChosen(), lanes = all.slice(0, MOST_LANES), width = widthOf("time"), x = timeScale(choice.from, choice.to, width);
-  byId("lanes-note").textContent = (all.length > MOST_LANES ? `${MOST_LANES} of ${all.length} threads` : countText(all.length, "thread")) +
+  const all = lanesChosen(), lanes = all.slice(0, MOST_LANES);
+  const width = widthOf("time"), x = timeScale(choice.from, choice.to, width);
+  byId("lanes-note").textContent = (all.length > lanes.length ? `${lanes.length} of ` : "") + countText(all.length, "thread") +
     ", those that work most first; click for one alone";
   const canvas = newCanvas(width, Math.max(1, lanes.length) * LANE), pen = canvas.getContext("2d");
   const style = getComputedStyle(document.body), colours = new Map([["ink", style.getPropertyValue("--ink")]]);

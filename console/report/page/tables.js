@@ -1,6 +1,7 @@
 // Figures and tables.
 
-// A table of rows {cells, pick}; a cell is a text or {text, code, state, more}, `right` has the numbers of those on the right.
+// A table of rows {cells, pick}. A cell is a text or {text, state, more}, which may be set as `code` or `frames`; `right`
+// has the numbers of the columns on the right.
 function drawTable(id, titles, rows, none, right = []) {
   const box = clear(byId(id));
   if (!rows.length) {
@@ -16,11 +17,11 @@ function drawTable(id, titles, rows, none, right = []) {
 function tableRow({cells, pick}, right) {
   const line = make("tr");
   cells.forEach((cell, i) => {
-    const {text, code, state, more} = typeof cell === "string" ? {text: cell} : cell;
-    const at = line.appendChild(make("td", right.includes(i) ? "right" : ""));
+    const {text, code, frames, state, more} = typeof cell === "string" ? {text: cell} : cell;
+    const at = line.appendChild(make("td", right.includes(i) ? "right" : frames ? "frames" : ""));
     if (state)
       at.appendChild(make("i", "dot")).style.background = colourOf(state);
-    at.appendChild(make(code ? "div" : "span", code ? "code" : "", text)).title = clipped(text, 4000);
+    at.appendChild(make(code || frames ? "div" : "span", code ? "code" : "", text)).title = clipped(text, 4000);
     if (more)
       at.appendChild(make("div", "more", more));
   });
@@ -59,15 +60,25 @@ function drawChips() {
 }
 
 function stretchText({thread, first, count}) {
-  const seen = count === 1 ? "in 1 sample" : `in ${count} consecutive samples, at least ${spanText(data.t[first + count - 1] - data.t[first])}`;
+  const time = data.t[first + count - 1] - data.t[first];
+  const seen = count === 1 ? "in 1 sample" : `in ${count} consecutive samples, at least ${spanText(time)}`;
   return `${seen}, from ${clock(data.t[first])} · ${names[thread]}`;
+}
+
+// Whether some of a stay is chosen.
+function stretchTest(what) {
+  const parts = new Map(), overlap = (s, [text, first, count]) =>
+    text === s.text && first < s.first + s.count && first + count > s.first;
+  eachRun((run, first, count) => {
+    const thread = runs.thread[run];
+    parts.set(thread, parts.get(thread) || []).get(thread).push([runs[what][run], first, count]);
+  });
+  return s => parts.has(s.thread) && parts.get(s.thread).some(part => overlap(s, part));
 }
 
 // Statements or requests, by `what`, "sql" or "url".
 function drawStretches(id, stretches, what, none) {
-  const all = sumsBy(run => runs[what][run]), has = text => !hits || hits.text[text];
-  const rows = stretches.filter(s => s.first < choice.to && s.first + s.count > choice.from && isThreadChosen(s.thread) &&
-    (choice[what] < 0 || s.text === choice[what]) && (has(s.text) || hits.thread[s.thread])).slice(0, 60);
+  const all = sumsBy(run => runs[what][run]), rows = stretches.filter(stretchTest(what)).slice(0, 60);
   drawTable(id, ["longest stays", "samples in all"], rows.map(s => ({
     pick: () => pickOrNot(what, s.text, -1),
     cells: [{text: texts[s.text], code: true, more: stretchText(s)}, (all.get(s.text) || 0).toLocaleString("en")]
@@ -91,7 +102,9 @@ function stuckThreads() {
 // Those of a group at the same place are one row.
 function drawStuck() {
   const places = new Map();
-  stuckThreads().filter(([thread, run]) => isThreadChosen(thread) && choice.states.has(stateOf(run)) && isHit(run)).forEach(([thread, run]) => {
+  stuckThreads().forEach(([thread, run]) => {
+    if (!isThreadChosen(thread) || !choice.states.has(stateOf(run)) || !isHit(run))
+      return;
     const key = [groups[thread], runs.stack[run], runs.state[run]].join("\n");
     if (!places.has(key))
       places.set(key, {run, threads: []});
@@ -101,25 +114,28 @@ function drawStuck() {
   drawTable("stuck", ["thread", "state", "top of the stack", "processor"], rows.slice(0, 200).map(({run, threads}) => ({
     pick: () => threads.length > 1 ? pickOrNot("group", groups[threads[0]], "") : pickOrNot("thread", threads[0], -1),
     cells: [threads.length > 1 ? `${groups[threads[0]]}, ${threads.length} threads` : names[threads[0]],
-      {text: stateOf(run), state: stateOf(run)}, {text: framesOf(runs.stack[run]).slice(0, 3).join("\n"), code: true},
+      {text: stateOf(run), state: stateOf(run)}, {text: framesOf(runs.stack[run]).slice(0, 3).join("\n"), frames: true},
       spanText(d3.sum(threads, thread => data.threads.cpu[thread]) / 1e6)]
   })), "No thread was at one place the whole time.", [3]);
 }
 
 function drawBusy() {
   const {cpu, alloc} = data.threads, length = samples > 1 ? data.t[samples - 1] - data.t[0] : 0;
-  const busy = d3.range(names.length).filter(t => (cpu[t] > 0 || alloc[t] > 0) && isThreadChosen(t) && (!hits || hits.thread[t]))
+  const busy = Array.from(sumsBy(run => runs.thread[run]).keys()).filter(t => cpu[t] > 0 || alloc[t] > 0)
     .sort((a, b) => cpu[b] - cpu[a] || alloc[b] - alloc[a]);
+  const orUnknown = (value, textOf) => value === null ? "unknown" : textOf(value);
   drawTable("busy", ["thread", "processor", "of one", "allocated"], busy.slice(0, 60).map(t => ({
     pick: () => pickOrNot("thread", t, -1),
-    cells: [names[t], cpu[t] === null ? "unknown" : spanText(cpu[t] / 1e6), cpu[t] === null ? "" : shareText(cpu[t] / 1e6, length),
-      alloc[t] === null ? "unknown" : sizeText(alloc[t])]
+    cells: [names[t], orUnknown(cpu[t], ns => spanText(ns / 1e6)), orUnknown(cpu[t], ns => shareText(ns / 1e6, length)),
+      orUnknown(alloc[t], sizeText)]
   })), "No thread used the processor.", [1, 2, 3]);
 }
 
 function drawTables() {
-  drawStretches("statements", data.statements, "sql", "No SQL was seen. Its text is recorded with the option dbquery=1.");
-  drawStretches("requests", data.requests, "url", "No request was seen.");
+  const none = "None among what is chosen.";
+  drawStretches("statements", data.statements, "sql",
+    data.statements.length ? none : "No SQL was seen. Its text is recorded with the option dbquery=1.");
+  drawStretches("requests", data.requests, "url", data.requests.length ? none : "No request was seen.");
   drawStuck();
   drawBusy();
 }

@@ -25,7 +25,7 @@ function drawStates(svg, x) {
   const area = d3.svg.area().interpolate("step-after").x(p => x(p.time)).y0(p => y(p.low)).y1(p => y(p.high));
   svg.selectAll(".layer").data(layers).enter().append("path").attr("class", "layer")
     .attr("d", layer => area(layer.points)).style("fill", layer => colourOf(layer.state));
-  drawSide(svg, x, y, 4, d3.format("d"), "threads");
+  drawSide(svg, x, y, y.ticks(4).filter(n => n % 1 === 0), d3.format("d"), "threads");
   data.unanswered.forEach((why, i) => {
     if (why)
       svg.append("rect").attr("class", "gap").attr("x", x(timeOf(i))).attr("y", 8).attr("height", STATES_HEIGHT - 8)
@@ -37,7 +37,7 @@ function drawStates(svg, x) {
 function drawSide(svg, x, y, ticks, format, title) {
   const [bottom, top] = y.range();
   svg.append("g").attr("class", "axis").attr("transform", `translate(${x.range()[0]},0)`)
-    .call(d3.svg.axis().scale(y).orient("left").ticks(ticks).tickFormat(format).outerTickSize(0));
+    .call(d3.svg.axis().scale(y).orient("left").tickValues(ticks).tickFormat(format).outerTickSize(0));
   svg.append("text").attr("class", "label").attr("x", 0).attr("y", (bottom + top) / 2 + 4).text(title);
 }
 
@@ -60,7 +60,7 @@ function drawHeap(svg, x, top) {
   const ran = known.filter(i => collectionsAt(i).length);
   svg.selectAll(".collection").data(ran.slice(0, 3000)).enter().append("rect").attr("class", "collection")
     .attr("x", i => x(timeOf(i)) - 1).attr("width", 2).attr("y", top - 4).attr("height", 7);
-  drawSide(svg, x, y, 2, kib => sizeText(kib * 1024), "heap");
+  drawSide(svg, x, y, [0, most], kib => sizeText(kib * 1024), "heap");
   svg.append("text").attr("x", 0).attr("y", top + 2).text(ran.length ? "collections ▪" : "");
 }
 
