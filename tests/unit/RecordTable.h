@@ -65,10 +65,3 @@ inline std::vector<RecordRow> ReadRecordTable() {
     }
     return rows;
 }
-
-inline RecordRow FindRecord(const std::string &name) {
-    for (const RecordRow &row : ReadRecordTable())
-        if (row.name == name)
-            return row;
-    return {};
-}

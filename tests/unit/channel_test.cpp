@@ -87,23 +87,6 @@ TEST_F(Channel, EachCallerGetsItsOwnReply) {
     disturber.join();
 }
 
-// A worker that comes too late finds nothing to do, and its reply is nobody's.
-TEST_F(Channel, WhatRanOutOfTimeIsNotDone) {
-    qor_max_timeout = 1;
-    qorretry = 0;
-    {
-        QorBusyScope held; // the worker waits for it
-        EXPECT_FALSE(IsSet(1));
-    }
-    qor_max_timeout = 60;
-    EXPECT_EQ(Ask(env, "516|NoProcessing|CZPRequest"), "");
-    EXPECT_EQ(qorretry, 0);
-    EXPECT_TRUE(IsSet(2));
-    QorPostRequest("516|NoProcessing|qorretry|3");
-    QorWithdrawRequest();
-    EXPECT_FALSE(QorTakeRequest()) << "an empty one is left";
-}
-
 // Callers that give up at the very moment at which the worker comes: it takes their request whole or not at
 // all.
 TEST_F(Channel, NoRequestIsTorn) {

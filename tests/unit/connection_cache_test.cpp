@@ -11,7 +11,7 @@ struct ConnectionCache : testing::Test {
     ConnectionCache() { *record = {}; }
     ~ConnectionCache() override { QorDropDbConnections(); }
 
-    // Adds a connection that is known by `hash`, 0 for one that isn't.
+    // Adds a connection that is known by `hash`.
     void Add(int32_t hash, const char *host = "10.0.0.1", const char *thread = "worker") {
         record->connectionHash = hash;
         QorStrncpy(record->threadName, thread, sizeof record->threadName, DB_THREAD_NAME_SIZE);
@@ -56,9 +56,4 @@ TEST_F(ConnectionCache, AConnectionIsOneThreadsAndIsNotRefreshed) {
     EXPECT_STREQ(gbDB_Info[0].remoteHost, "10.0.0.1");
     Add(7, "10.0.0.1", "another");
     EXPECT_EQ(iDBInfoIndex, 2);
-    for (const char *url : {"jdbc:one", "jdbc:two", "jdbc:one"}) {
-        snprintf(record->url, sizeof record->url, "%s", url);
-        Add(0); // known by its URL
-    }
-    EXPECT_EQ(iDBInfoIndex, 4);
 }

@@ -1,16 +1,7 @@
-// Real faults, each in a process of its own: the guard around single calls, and the agent's own handler,
-// which only these tests arm.
+// Real faults under the guard around single calls, each in its own process.
 #include "Child.h"
 #include "jvmti/changes/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
-#include "platforms/linux.h"
-#include "platforms/qorsysinfo.h"
-#include "qoragent/fault_handler.h"
-#include "qoragent/requests/channel.h"
-#include "qoragent/startup.h"
-#include "qoragent/worker.h"
-#include "qorrequest.h"
-#include "qorsettings.h"
 
 #include <csignal>
 #include <sys/mman.h>
@@ -38,8 +29,7 @@ void JvmsOwnBus(int signal, siginfo_t *info, void *context) {
     JvmsOwn(signal, info, context);
 }
 
-// ---- The guard: the JVM's handler asks its table for the action before it ----
-
+// The JVM's handler asks its table for the action before it.
 struct sigaction table[NSIG];
 
 void StartChaining() {
@@ -68,26 +58,6 @@ int32_t Guarded(void (*call)()) {
     return end;
 }
 
-// ---- The agent's handler ----
-
-// In the process of a case: the handler armed over one of the JVM's.
-void Arm() {
-    struct sigaction jvms = {};
-    jvms.sa_sigaction = JvmsOwn;
-    jvms.sa_flags = SA_SIGINFO;
-    init_cpu(); // for thread ids
-    QorPrepareFaultHandler({QorReplaceWorker, QorWorkerGone});
-    for (int sig : {SIGSEGV, SIGBUS})
-        sigaction(sig, &jvms, nullptr);
-    sigaction(SIGSEGV, &segv_qor, &segv_old);
-    sigaction(SIGBUS, &busv_qor, &busv_old);
-    static char page[PAGEBUF_SIZE];
-    pagebuf = page;
-    offsetind = 6;
-    ch_pid = qor_current_thread_id();
-    QorOpenChannel();
-}
-
 } // namespace
 
 TEST(GuardedCall, FaultsComeBackAsAFailedResult) {
@@ -111,29 +81,4 @@ TEST(GuardedCall, OtherFaultsReachTheJvm) {
                                 [] { trycatch_Cleanup(), Guarded(Segv); }};
     for (auto fault : faults)
         EXPECT_EQ(InChild([fault] { StartChaining(), Guarded(Segv), fault(); }), JVM_HANDLER);
-}
-
-// A request that faults is answered with what there is, and the worker is back at its loop, with the signals
-// unblocked for the next time.
-TEST(OwnHandler, AFaultOfTheWorkerEndsTheRequest) {
-    for (void (*volatile fault)() : {Segv, Bus})
-        EXPECT_EQ(InChild([fault] {
-                      Arm();
-                      static volatile int landed;
-                      if (sigsetjmp(sig_jump, 1) != 0)
-                          landed = landed + 1;
-                      if (landed < 2) {
-                          sigJumpThread = qor_current_thread_id(); // a request is being served on it
-                          qorlocks[1] = 1;
-                          fault();
-                      }
-                      EXPECT_EQ(landed, 2);
-                      EXPECT_EQ(qorlocks[1], 0);
-                      EXPECT_EQ(qor_wait_for_child_reponse(1), 1);
-                      if (testing::Test::HasFailure())
-                          return;
-                      sigJumpThread = 0;
-                      fault(); // outside its loop it has no way back: the JVM's
-                  }),
-                  JVM_HANDLER);
 }

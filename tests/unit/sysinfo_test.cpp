@@ -1,13 +1,9 @@
-#include "Child.h"
 #include "Restore.h"
-#include "platforms/qorpidlist.h"
 #include "platforms/qorsysinfo.h"
-#include "qorsettings.h"
 
 #include <cstring>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/times.h>
 #include <unistd.h>
 
 namespace {
@@ -53,42 +49,4 @@ TEST(MachineCpu, KeepsTheOldFigureWhereNothingCanBeRead) {
     EXPECT_EQ(qorsysinfo(2), 4000000000);
     cpu_stat_fd = -1;
     EXPECT_EQ(qorsysinfo(2), 4000000000);
-}
-
-TEST(ProcessCpu, GivesCounterAndLoad) {
-    const Restore processors(ncpu, 1);
-    const auto ticks = [] {
-        tms now;
-        times(&now);
-        return now.tms_utime + now.tms_stime + now.tms_cutime + now.tms_cstime;
-    };
-    for (const int64_t start = ticks(); ticks() < start + 2;) {
-    }
-    const int64_t before = ticks(), counter = qorsysinfo(3);
-    EXPECT_TRUE(before <= counter && counter <= ticks());
-    last_process_user_time = counter - 10500;
-    last_process_sys_time = 0;
-    last_process_snap_time_hi = time(nullptr) - 1000;
-    last_process_snap_time_lo = 0;
-    EXPECT_EQ(qorsysinfo(4), 10);
-    ncpu = 4;
-    EXPECT_LE(qorsysinfo(3), ticks() / 4);
-}
-
-// Linux 2.4, acted out: the last of three processes that are named "java", as the threads of a JVM were then.
-TEST(PidList, TheShellGetsPlainUserNamesOnly) {
-    const auto of_last = [] {
-        for (const auto &[name, command] :
-             {std::pair("app.user-1_x", "ps -fu app.user-1_x |"), {"$(id)", "ps -fe |"}}) {
-            setenv("LOGNAME", name, 1);
-            snprintf(os_name, sizeof os_name, "Linux-2.4.20 (64 bit)");
-            qorsysinfo(0);
-            EXPECT_EQ(std::string(cpu_cmd_str).find(command), 0u) << name;
-        }
-    };
-    EXPECT_EQ(InChild([&] {
-                  prctl(PR_SET_NAME, "java");
-                  EXPECT_EQ(InChild([&] { EXPECT_EQ(InChild(of_last), 0); }), 0);
-              }),
-              0);
 }

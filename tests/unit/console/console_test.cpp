@@ -18,8 +18,6 @@
 #include <fmt/format.h>
 #include <grp.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/wait.h>
 
 using namespace qorctl;
@@ -32,12 +30,6 @@ std::string EndpointText(int pid) {
     return fmt::format("port=1\ntoken={}\npid={}\nversion=1\n", TOKEN, pid);
 }
 
-TEST(Requests, KeysOfThreads) {
-    EXPECT_EQ(ThreadKeyText("23", 77) + " " + ThreadKeyText("5-23", 77), "77-23 5-23");
-    for (const char *wrong : {"", "-", "1-", "-1", "1-2-3", "1,2=3", "1|2", "12345678901234567890"})
-        EXPECT_THROW(ThreadKeyText(wrong, 77), Failure) << wrong;
-}
-
 TEST(Requests, RulesTravelWithCarriageReturns) {
     const std::string head = "521|NoProcessing|activethreads|";
     EXPECT_EQ(RulesRequest("# c\r\nabcd|monitor|x\r\n\r\nabcd|currcall|b"),
@@ -45,8 +37,6 @@ TEST(Requests, RulesTravelWithCarriageReturns) {
     EXPECT_EQ(RulesRequest("\n\n"), head + "#"); // no rules is an answer too
     EXPECT_THROW(RulesRequest("abcd|threadname||\t|\t\t||"), Failure);
     EXPECT_THROW(CheckRequest("a\nb"), Failure);
-    EXPECT_NO_THROW(CheckRequest(std::string(20480, 'x')));
-    EXPECT_THROW(CheckRequest(std::string(20481, 'x')), Failure);
     std::string wide = "#";
     for (int i = 0; i < 10000; ++i)
         wide += "\U0001f697";
@@ -67,11 +57,6 @@ TEST(Requests, RulesWithoutEffectAreReported) {
              "# comment\r\nabcd|threadname|ok\nabc|threadname|x\nabcd|threadname\nabcd||x\nabcd|currcall|\n"))
         lines += fault.substr(0, 7);
     EXPECT_EQ(lines, "line 3 line 4 line 5 line 6 ");
-    std::string many = "abcd|systemcall|java.*\nabcd|s|3\n"; // in other tables
-    for (int i = 0; i < 150; ++i)
-        many += i % 2 ? "abcd|threadname|x\n" : "abcd|monitor|x\n";
-    EXPECT_TRUE(CheckRules(many).empty());
-    EXPECT_EQ(CheckRules(many + "abcd|monitor|x\n").size(), 1u); // one table holds both kinds
 }
 
 TEST(Endpoint, File) {
@@ -95,7 +80,7 @@ TEST(Endpoint, File) {
 }
 
 TEST(Endpoint, WhoListensIsProven) {
-    for (const char *address : {"127.0.0.1", "0.0.0.0", "127.0.0.2", "::ffff:127.0.0.1", "::"}) {
+    for (const char *address : {"127.0.0.1", "127.0.0.2", "::ffff:127.0.0.1", "::"}) {
         const Loopback server(strchr(address, ':') ? AF_INET6 : AF_INET, address);
         if (!server.bound)
             continue; // a host without IPv6
@@ -109,18 +94,11 @@ TEST(Endpoint, WhoListensIsProven) {
         EXPECT_EQ(ProveListener(fmt::format("/proc/{}", getppid()), endpoint), Proof::OTHER) << address;
         EXPECT_EQ(ProveListener("/proc/self/net", endpoint), Proof::UNKNOWN);
     }
-    Endpoint elsewhere;
-    for (const char *address : {"203.0.113.1", "224.0.0.1", "255.255.255.255", "0.0.0.1"}) {
-        inet_pton(AF_INET, address, &elsewhere.address);
-        EXPECT_THROW(CheckListener(Process(), elsewhere), Failure) << address;
-    }
 }
 
 TEST(Attach, LoadReplies) {
     const std::pair<std::string, const char *> rows[] = {
-        {"0\n0\n", "no failure"},
         {"0\nreturn code: 0\n", "no failure"},
-        {"0\n", "no failure"},
         {"", "hung up"},
         {"0\nreturn code: 102\n", "start failed"},
         {"-1\nDynamic agent loading is not enabled. Use -XX:+EnableDynamicAgentLoading to launch target VM.",
@@ -128,7 +106,6 @@ TEST(Attach, LoadReplies) {
         {"0\nDynamic agent loading is not enabled. Use -XX:+EnableDynamicAgentLoading to launch target VM.\n",
          "-XX:-EnableDynamicAgentLoading"},
         {"0\nNo agent library\nat all\n", "refused the agent: No agent library"},
-        {"101\n", "code 101"},
     };
     for (auto &[reply, reported] : rows)
         ExpectParts(FailureOf([&, r = reply] { CheckLoadReply(r, "/x.jar"); }), {reported});
@@ -148,8 +125,7 @@ TEST(Process, Status) {
     ASSERT_TRUE(ParseStatus("State:\tT (stopped)\nUid:\t1\t1\t1\t1\nSigCgt:\t2000000101005ccb\n", &process));
     EXPECT_TRUE(!process.catches_sigquit && process.stopped);
     EXPECT_FALSE(ParseStatus("State:\tZ (zombie)\nUid:\t1\t1\t1\t1\n", &process));
-    for (const auto &[outer, inner] :
-         {std::pair(100000u, 0u), {165535u, 65535u}, {165536u, 165536u}, {5u, 5u}})
+    for (const auto &[outer, inner] : {std::pair(100000u, 0u), {165535u, 65535u}, {165536u, 165536u}})
         EXPECT_EQ(MapUid("         0     100000      65536\n", outer), inner);
 }
 
@@ -159,18 +135,13 @@ public:
     static constexpr uid_t USER = 65534;
 
     Captive() {
-        chmod(path.c_str(), 0755);
-        Write("secret", "secret", 0, 0600);
-        Write("bin/tool", "ours", USER, 0600);
-        Write("jail/bin/tool", "theirs", USER, 0600);
-        Write("jail/own/good", "good", USER, 0600);
-        Write("jail/own/roots", "secret", 0, 0600);
-        Write("jail/own/large", std::string(LONGEST_INSIDE + 1, 'x'), USER, 0600);
-        Link(In("secret"), "jail/own/link");
-        Link(In("bin"), "jail/outside");
-        Link("../../../..", "jail/up");
-        mkfifo(In("jail/own/fifo").c_str(), 0666);
-        mknod(In("jail/own/device").c_str(), S_IFCHR | 0666, makedev(1, 5)); // endless zeroes
+        Run(R"(chmod 755 .; mkdir -p bin jail/bin jail/own jail/dir
+               printf secret >secret; printf ours >bin/tool; cd jail
+               printf theirs >bin/tool; printf good >own/good; head -c 10000000 /dev/zero >own/large
+               mkfifo own/fifo; mknod own/device c 1 5; ln -s "$PWD/../secret" own/link
+               ln -s "$PWD/../bin" outside; ln -s ../../../.. up
+               ln -s own/release release; chown -R 65534 .; chmod 666 own/device
+               printf secret >own/roots; printf 'JAVA_VERSION="9"' >own/release; chmod 600 own/r*)");
         int ready[2];
         EXPECT_EQ(pipe(ready), 0);
         process.pid = fork();
@@ -194,11 +165,10 @@ public:
         kill(process.pid, SIGKILL);
         waitpid(process.pid, nullptr, 0);
     }
-    void Write(const std::string &name, const std::string &text, uid_t owner, mode_t mode) const {
-        const std::string file = Fill(name, text);
-        EXPECT_EQ(chown(file.c_str(), owner, owner) | chmod(file.c_str(), mode), 0);
+    // Runs a shell in the folder.
+    void Run(const std::string &script) const {
+        EXPECT_EQ(system(("set -e; cd " + path.string() + "; " + script).c_str()), 0);
     }
-    void Link(const std::string &to, const std::string &name) const { symlink(to.c_str(), In(name).c_str()); }
 
     Process process;
 };
@@ -219,56 +189,42 @@ TEST(Inside, TrapsAreNotOpened) {
     auto as_whom = [](int) { return fmt::format("{} {} {}", getuid(), getgid(), getgroups(0, nullptr)); };
     EXPECT_EQ(LookInside(captive.process, as_whom), "65534 65534 0");
     EXPECT_FALSE(LookInside(captive.process, [](int) { return std::string(pause(), ' '); })) << "it hangs";
-    captive.Write("jail/own/release", "JAVA_VERSION=\"9\"", 0, 0600);
-    captive.Link("own/release", "jail/release");
     EXPECT_EQ(VersionBesideLibrary(captive.process, "/own/bin/libjvm.so"), "");
 }
 
-// Owner, mode and kind of the directory and of the file, as the agent makes them and as somebody else may.
+// An endpoint as the agent makes it, and what somebody else may do to it.
 TEST(Inside, EndpointsOfStrangersAreNotBelieved) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can make files of others";
-    Captive captive;
-    captive.process.inner_pid = 77;
-    const std::string text = EndpointText(77);
-    const std::string dir = captive.In("jail/dir"), file = dir + "/77.endpoint";
     enum { FOUND, NOTHING, TAKEN, REFUSED };
-    const auto find = [&] {
+    const std::pair<const char *, int> rows[] = {
+        {"", FOUND},
+        {"rm dir/77.endpoint", NOTHING},
+        {"chown 0 dir", TAKEN},
+        {"chmod 710 dir", TAKEN},
+        {"mv dir elsewhere; ln -s elsewhere dir", TAKEN},
+        {"chown 0 dir/77.endpoint", REFUSED},
+        {"chmod 640 dir/77.endpoint", REFUSED},
+        {"mv dir/77.endpoint good; ln -s /good dir/77.endpoint", REFUSED},
+        {"printf '%s\n' port=1 token=$TOKEN pid=78 version=1 >dir/77.endpoint", NOTHING}, // another process's
+    };
+    setenv("TOKEN", TOKEN.c_str(), 1);
+    for (const auto &[change, expected] : rows) {
+        Captive captive;
+        captive.process.inner_pid = 77;
+        captive.Run(R"(cd jail; printf '%s\n' port=1 token=$TOKEN pid=77 version=1 >dir/77.endpoint
+                       chown 65534 dir/77.endpoint; chmod 600 dir/77.endpoint; chmod 700 dir; )" +
+                    std::string(change));
         bool taken = false, found = false;
         const std::string failure =
             FailureOf([&] { found = FindEndpoint(captive.process, "/dir", &taken).has_value(); });
-        return strstr(failure.c_str(), "user's own") ? REFUSED : found ? FOUND : taken ? TAKEN : NOTHING;
-    };
-    const auto set_dir = [&](uid_t owner, mode_t mode) {
-        EXPECT_EQ(chown(dir.c_str(), owner, 0) | chmod(dir.c_str(), mode), 0);
-    };
-    const struct {
-        uid_t dir_owner;
-        mode_t dir_mode;
-        uid_t owner;
-        mode_t mode;
-        int expected;
-    } rows[] = {
-        {Captive::USER, 0700, Captive::USER, 0600, FOUND},   {0, 0700, Captive::USER, 0600, TAKEN},
-        {Captive::USER, 0710, Captive::USER, 0600, TAKEN},   {Captive::USER, 0700, 0, 0600, REFUSED},
-        {Captive::USER, 0700, Captive::USER, 0640, REFUSED},
-    };
-    EXPECT_EQ(find(), NOTHING);
-    for (auto &row : rows) {
-        captive.Write("jail/dir/77.endpoint", text, row.owner, row.mode);
-        set_dir(row.dir_owner, row.dir_mode);
-        EXPECT_EQ(find(), row.expected) << &row - rows;
+        EXPECT_EQ(strstr(failure.c_str(), "user's own") ? REFUSED
+                  : found                               ? FOUND
+                  : taken                               ? TAKEN
+                                                        : NOTHING,
+                  expected)
+            << change << failure;
     }
-    captive.Write("jail/good", text, Captive::USER, 0600);
-    set_dir(Captive::USER, 0700);
-    captive.Write("jail/dir/77.endpoint", EndpointText(78), Captive::USER, 0600);
-    EXPECT_EQ(find(), NOTHING) << "another process's";
-    remove(file.c_str());
-    captive.Link("/good", "jail/dir/77.endpoint");
-    EXPECT_EQ(find(), REFUSED) << "a link";
-    rename(dir.c_str(), captive.In("jail/elsewhere").c_str());
-    captive.Link("elsewhere", "jail/dir");
-    EXPECT_EQ(find(), TAKEN) << "a link";
 }
 
 TEST(Process, MapsAndMainClass) {
@@ -288,7 +244,6 @@ TEST(Process, MapsAndMainClass) {
         {{"/usr/bin/java", "-Xmx1g", "-cp", "a:b", "com.acme.Main", "-jar", "x"}, "com.acme.Main"},
         {{"java", "-jar", "/opt/app/shop.jar", "start"}, "shop.jar"},
         {{"java", "-p", "m", "-m", "a/b.C", "x"}, "b.C"},
-        {{"java", "-cp"}, ""},
     };
     for (auto &[arguments, name] : commands)
         EXPECT_EQ(MainClass(arguments), name);
@@ -312,13 +267,7 @@ TEST(Process, PerformanceFile) {
         ParsePerfData(std::string_view(file).substr(0, length));
     for (size_t at = 24; at < 52; ++at) // nor are wild offsets
         ParsePerfData(std::string(file).replace(at, 1, "\xff"));
-    Process process;
-    PerfData perf = ParsePerfData(file);
-    EXPECT_TRUE(AttachDisabled(process, perf));
-    perf.capabilities = "1100";
-    EXPECT_FALSE(AttachDisabled(process, perf));
-    process.arguments = {"java", "-XX:+DisableAttachMechanism", "A"};
-    EXPECT_TRUE(AttachDisabled(process, PerfData()));
+    EXPECT_EQ(ParsePerfData(file).capabilities, "0100");
 }
 
 TEST(Render, ThreadDump) {

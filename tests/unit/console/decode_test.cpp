@@ -7,10 +7,6 @@ using namespace qorctl;
 
 namespace {
 
-std::string FailureOfThreads(const std::string &legible) {
-    return FailureOf([&] { Threads(legible); });
-}
-
 TEST(DecodeThreads, OddRowsStayWhole) {
     ThreadSample sample = Threads("JVM Active Threads;"
                                   "a~^b|c\t\xc3\xa9 \xff^~^~shop.jsp~id=7~77-24~^~^~^~Object Wait;"
@@ -105,33 +101,6 @@ TEST(DecodeThreads, StacksWithoutTheirBottomAreReported) {
     ExpectParts(SampleNotes(sample, 2), {"; 1 stack lacks frames at the bottom"});
     Json json = ToJson(sample);
     EXPECT_TRUE(json["cut"] && json["threads"][0]["stack_cut"] && !json["threads"][1]["stack_cut"]);
-}
-
-TEST(DecodeThreads, WrongRecordsAreRefused) {
-    const std::string row = "JVM Active Threads;a~n~^~^~^~7-8~";
-    const std::pair<std::string, const char *> replies[] = {
-        {"JVM Active Threads;b" + ACTIVE_ROW.substr(1) + ";!", "record 1"},
-        {"JVM Active Threads;" + ACTIVE_ROW + ";a~n~^~^~^~7-8~A->b~F~1;!", "record 2"},
-        {"JVM Active Threads;a~n~^~^~^~77~A->b~F~1~Lock;!", "record 1"}, // key
-        {row + "Ab~F~1~Lock;!", "record 1"},
-        {row + "A->b~F~^~Lock;!", "record 1"}, // the line is missing, the file isn't
-        {row + "A->b~F~1~DB Wait{9}^~^~0~0~^~0~0~^~^~^;!", "record 1"},
-        {row + "A->b~F~1~RMI Wait{&1~2~h;!", "record 1"},
-        {"Call Stack;A->b~F~1~1~0~1~^~^!", "before any thread"},
-        {DETAILS + "!Call Stack;A->b~F~1~1~zero~1~^~^!", "Call Stack"},
-        {DETAILS + "!JVM Locks;1~0~A~deep;!", "JVM Locks"},
-        {DETAILS + "!Lock On;1~owner~A~v!", "Lock On"},
-        {"JVM Heap Usage;1!", "unexpected section"},
-    };
-    for (auto &[reply, reported] : replies)
-        ExpectParts(FailureOfThreads(reply + TIMING), {reported});
-    ExpectParts(FailureOfThreads(""), {"empty"});
-}
-
-TEST(DecodeSummary, ThirteenNumbersWithTheTimingGlued) {
-    EXPECT_EQ(DecodeSummary(OpenReply(Wire("99~57~41~1~2~3~4~5~6~7~8~9~13" + TIMING))).figures[12], 13);
-    for (const char *wrong : {"1~2~3", "1~2~3~4~5~6~7~8~9~10~11~12~x"})
-        EXPECT_THROW(DecodeSummary(OpenReply(Wire(wrong))), Failure) << wrong;
 }
 
 TEST(OpenReply, TakesTheTimingOffTheEnd) {

@@ -45,22 +45,6 @@ TEST(DecodeMemoryViews, SpacesOfAJvmReadByAddress) {
     EXPECT_THROW(OpenReply(Wire(SPACES + COLLECTIONS + refusal + TIMING)), Failure);
 }
 
-TEST(DecodeMemoryViews, WrongRepliesAreRefused) {
-    for (const std::string &wrong :
-         {MEMORY, SPACES, HEAP, std::string("JVM Heap Usage;Old~1~2~x~4;!"),
-          std::string("JVM Class Details;[I~1~2;!"),
-          std::string("JVM Heap Memory Usage;Heap~0~0~0~0~0~0~0~1~!"), std::string()}) {
-        const std::string text = Wire(wrong + TIMING);
-        EXPECT_THROW(DecodeKinds(OpenReply(text)), Failure) << wrong;
-        EXPECT_THROW(DecodeHistogram(OpenReply(text)), Failure) << wrong;
-        EXPECT_TRUE(wrong == HEAP || FailureOf([&] { DecodeHeap(OpenReply(text)); }) != "no failure")
-            << wrong;
-        EXPECT_TRUE(wrong == MEMORY || wrong == SPACES ||
-                    FailureOf([&] { DecodeMemory(OpenReply(text)); }) != "no failure")
-            << wrong;
-    }
-}
-
 TEST(DecodeMemoryViews, Histogram) {
     // The signature of a class ends in the very sign that is a record's end here.
     std::string text =
@@ -86,23 +70,6 @@ TEST(DecodeMemoryViews, NamesAndSizes) {
     for (auto [bytes, text] : sizes)
         EXPECT_EQ(SizeText(bytes), text);
     EXPECT_EQ(CountText(999) + CountText(-123456), "999-123,456");
-}
-
-TEST(CopyChoice, FollowsTheAgentsAnswer) {
-    const std::string copied = "by a copy of the JVM, which was paused for the copying alone\n";
-    const std::tuple<const char *, uint32_t, std::string> rows[] = {
-        {"forkstate=1 forkdump=0 ", FLAG_COPY, copied},
-        {"forkstate=0 forkdump=0 too small", 0, "the JVM was paused for it: too small\n"},
-        {"forkstate=0 forkdump=1 too small", 0, copied},
-        {"NoProcessing: Unkownn argument", 0,
-         "the JVM was paused for it: the agent is of a version without copies\n"},
-    };
-    for (const auto &[reply, flags, note] : rows) {
-        CopyChoice choice = ChooseCopy(reply);
-        EXPECT_EQ(choice.flags, flags) << reply;
-        EXPECT_EQ(choice.Note(), note) << reply;
-        EXPECT_EQ(choice.copied, note == copied) << reply;
-    }
 }
 
 } // namespace

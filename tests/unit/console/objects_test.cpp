@@ -16,16 +16,12 @@ std::string WireOf(std::string_view legible) {
     return text;
 }
 
-TEST(DecodeLocals, CutAndWrongReplies) {
+TEST(DecodeLocals, CutReplies) {
     std::string text = WireOf("Method Locals;5000~0~Lqor/Shop,~ ;^~^~Int Array~ 1 2 3;^~^~~ ;5001~0~");
     Locals locals = DecodeLocals(OpenReply(text));
     ASSERT_EQ(locals.rows.size(), 3u);
     EXPECT_TRUE(locals.cut && locals.rows[0].tag == 5000 && !locals.rows[1].tag);
-    EXPECT_EQ(LocalsJson(locals, Thread(), Frame())["locals"][1]["value"], " 1 2 3");
-    ExpectParts(LocalsText(DecodeLocals(OpenReply(Wire("!" + TIMING))), Thread(), Frame(), Style()),
-                {"no objects"});
-    for (const char *wrong : {"Method Locals;5000~0~x;Active!", "Method Locals;a~0~x~y;Active!", "Other;x!"})
-        EXPECT_THROW(DecodeLocals(OpenReply(Wire(wrong + TIMING))), Failure) << wrong;
+    EXPECT_EQ(locals.rows[1].value, " 1 2 3");
 }
 
 const std::string OBJECT = "Message;Object Name :Lqor/Shop,!Object Description;"
@@ -45,25 +41,13 @@ TEST(DecodeObject, FieldsUpTheChain) {
     ObjectView object = DecodeObject(OpenReply(text), 5000);
     EXPECT_FALSE(object.cut);
     ASSERT_EQ(object.classes.size(), 3u);
-    std::string fields;
-    for (const ObjectField &field : object.classes[0].fields)
-        fields += field.modifier + " " + field.type + " " + field.name + "=" + field.value +
-                  std::to_string(static_cast<int>(field.kind)) + "," + std::to_string(field.tag) + "\n";
-    EXPECT_EQ(fields, "private java.net.Socket bank=0,5002\n"
-                      "static Long LIMIT=300000000001,0\n"
-                      "private qor.Till till=2,0\n"
-                      " qor.Shop next=3,0\n"
-                      "protected String name=Active1,0\n" // a value, not the end of the rows
-                      "static qor.Till[] TILLS=0,5003\n");
-    ASSERT_TRUE(FindField(object, "name"));
-    EXPECT_EQ(FindField(object, "name")->type, "String"); // the object's own before an inherited one
-    EXPECT_FALSE(FindField(object, "nam"));
+    EXPECT_EQ(FindField(object, "name")->value, "Active"); // not the end of the rows, nor an inherited field
     ExpectParts(ObjectText(object, Style()),
                 {"qor.Shop tag 5000\n", "(of its own class, not shown)", "qor.Base\nno fields\n"});
     EXPECT_TRUE(ObjectJson(object)["classes"][0]["fields"][2]["value"].is_null());
 }
 
-TEST(DecodeObject, EmptyCutAndWrongReplies) {
+TEST(DecodeObject, CutReplies) {
     EXPECT_TRUE(DecodeObject(OpenReply(Wire(TIMING)), 1).classes.empty());
     const std::string whole = WireOf(OBJECT);
     for (size_t length = 1; length < whole.size(); ++length) {
@@ -74,10 +58,6 @@ TEST(DecodeObject, EmptyCutAndWrongReplies) {
             for (const ObjectField &field : entry.fields)
                 EXPECT_TRUE(field.tag == 0 || field.tag == 5002 || field.tag == 5003) << length;
     }
-    for (const char *wrong : {"Object Description;^~^~Int~n~7;Active!", "Message;Name :x!",
-                              "Message;Object Name :x!Object Description;^~^~Int~n;Active!",
-                              "Message;Object Name :x!Object Description;a~1~Int~n~v;Active!"})
-        EXPECT_THROW(DecodeObject(OpenReply(Wire(wrong + TIMING)), 1), Failure) << wrong;
 }
 
 } // namespace

@@ -192,4 +192,23 @@ TEST(Protocol, RecordsAreReadAsDocumented) {
     }
 }
 
+// A record that lacks fields, or has no number where one is due, isn't shown as if it were whole.
+TEST(Protocol, OtherRecordsAreRefused) {
+    const std::vector<RecordRow> rows = ReadRecordTable();
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const std::string title = rows[i].title.empty() ? "" : rows[i].title + "\x1e", wire = rows[i].Wire(),
+                          start = Wire(READERS[i].before) + title, end = Wire(READERS[i].after + TIMING);
+        int read = 0;
+        for (const std::string &wrong :
+             {wire.substr(0, wire.find('\x1d')), Wire("x~x~x~x~x~x~x~x~x~x~x~x~x")})
+            try {
+                READERS[i].read(OpenReply(start + wrong + end));
+                ++read;
+            } catch (const Failure &) {
+            } catch (const std::out_of_range &) { // there is no record
+            }
+        EXPECT_EQ(read, 0) << rows[i].name;
+    }
+}
+
 } // namespace
