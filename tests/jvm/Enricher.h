@@ -8,31 +8,21 @@
 #include <vector>
 
 struct EnricherAsked {
-    EnricherAsked() : savedPage(pagebuf) {
+    EnricherAsked() {
         pagebuf = page.data();
         e2eclass = Class("qoragent/testing/Enricher");
         jobjclass = Class("java/lang/Object");
         jstringclass = Class("java/lang/String");
         Java("Enricher", "answer", nullptr);
     }
-    ~EnricherAsked() {
-        for (jclass *klass : {&e2eclass, &jobjclass, &jstringclass}) {
-            Env()->DeleteGlobalRef(*klass);
-            *klass = nullptr;
-        }
-        pagebuf = savedPage;
-    }
+    ~EnricherAsked() { e2eclass = nullptr; }
 
     static jclass Class(const char *name) {
-        jclass local = Env()->FindClass(name);
-        auto *global = static_cast<jclass>(Env()->NewGlobalRef(local));
-        Env()->DeleteLocalRef(local);
-        return global;
+        return static_cast<jclass>(Env()->NewGlobalRef(Env()->FindClass(name)));
     }
 
     // What Java was asked with, "" when it wasn't.
     static std::string Asked() { return Java<std::string>("Enricher", "asked"); }
 
     std::vector<char> page = std::vector<char>(PAGEBUF_SIZE);
-    char *savedPage;
 };

@@ -10,17 +10,12 @@
 jobject MakeObject(const std::string &klass);
 
 // Sets the field at the end of a path of `name,signature` steps joined by "|". Objects on the way that are
-// not there yet are made, of the field's class or of the one told behind it ("f,La/B;=a/C"). The value of an
-// int or boolean field is its text.
-void Plant(jobject root, const std::string &path, const std::string &value);
-
-// The same for a field that holds any object; `value` may be null.
-void PlantObject(jobject root, const std::string &path, jobject value);
+// missing are made, of the field's class or of the one that follows it ("f,La/B;=a/C").
+void Plant(jobject root, const std::string &path, const JavaArgument &value);
 
 // An entry of the thread-local list as the walk leaves it.
 struct ModelEntry : QorAllThreadLocalInfoList {
-    ModelEntry(int32_t kindOfEntry, const std::string &signature, jobject object, const char *method = "run",
-               const char *klass = "app.Main");
+    ModelEntry(int32_t kindOfEntry, const std::string &signature, jobject object, const char *method = "run");
     ~ModelEntry();
     ModelEntry(const ModelEntry &) = delete;
     ModelEntry &operator=(const ModelEntry &) = delete;

@@ -19,7 +19,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <dirent.h>
 #include <fstream>
 #include <thread>
 #include <tuple>
@@ -28,26 +27,20 @@
 namespace {
 
 constexpr char NODE[] = "qoragent.testing.HeapShop$Node", LEAF[] = "qoragent.testing.HeapShop$Leaf";
-constexpr char STARTED[] = "JVM Heap dump started.\x1f";
 constexpr char COMPLETED[] = "JVM Heap dump started.\x1fJVM Heap:Heap dump completed sucessfully";
 constexpr char DUMP[] = "516|showmem|256|dump|7", HISTOGRAM[] = "516|showmem|512|ClassHistogramOnly";
 
 // Process ids of the copies that live, or have not been collected.
 std::vector<pid_t> Copies() {
     std::vector<pid_t> found;
-    DIR *dir = opendir("/proc");
-    while (const dirent *entry = readdir(dir)) {
-        const std::string pid = entry->d_name;
-        std::ifstream in("/proc/" + pid + "/stat");
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream in(entry.path() / "stat");
         std::string line;
-        if (!isdigit(pid[0]) || !std::getline(in, line))
-            continue;
-        const size_t name = line.rfind(')');
-        if (std::stoi(line.substr(name + 4)) == getpid())
-            if (line.find("(QORD Heap Dump)") != std::string::npos)
-                found.push_back(std::stoi(pid));
+        int pid = 0, parent = 0;
+        std::getline(in, line);
+        if (sscanf(line.c_str(), "%d (QORD Heap Dump) %*c %d", &pid, &parent) == 2 && parent == getpid())
+            found.push_back(pid);
     }
-    closedir(dir);
     return found;
 }
 
@@ -69,11 +62,6 @@ struct QuietHeap : SessionTest {
         SessionTest::SetUp();
         Java("HeapShop", "fill");
         Java("java/lang/System", "gc");
-    }
-    void TearDown() override {
-        QorSetForkHeapDumpCapability(0);
-        Java("HeapShop", "empty");
-        SessionTest::TearDown();
     }
 
     TextDump Forked() {
@@ -131,8 +119,6 @@ TYPED_TEST(QuietHeap, ForkedHistogramCountsWhatIsReachable) {
     EXPECT_EQ(rows.at(std::string(LEAF) + "[]").first, 1) << "an array that refers to nothing";
     QorSetForkHeapDumpCapability(0);
     const Counts all = Count(); // dead objects too
-    for (const auto &[klass, figures] : rows)
-        EXPECT_LE(figures.first, all.at(klass).first) << klass;
     for (const char *klass : {NODE, LEAF})
         EXPECT_EQ(rows.at(klass), all.at(klass)) << klass;
 }
@@ -146,13 +132,6 @@ struct ForkedDump : AgentTest {
         ASSERT_EQ(StartAgent(start), 0);
         Ask("516|NoProcessing|qorheapdir|" + in.path.string());
         ASSERT_EQ(Ask("516|NoProcessing|forkdump|1"), "Changed forkdump to 1");
-    }
-    void TearDown() override {
-        gbiForkStandstill = 30000;
-        gbiForkHeapShares[FORK_FOR_HISTOGRAM] = 1;
-        gbiForkHeapShares[FORK_FOR_DUMP] = 3;
-        gbiHistogramLife = 600000;
-        AgentTest::TearDown();
     }
 
     static constexpr const char *REQUESTS[] = {DUMP, HISTOGRAM};
@@ -175,13 +154,14 @@ TYPED_TEST(BusyHeap, DumpsAreRightAndTheApplicationsChildrenKeepTheirExitCodes) 
     const int64_t children = wanted ? atoll(wanted) : 100;
     Java("Churn", "heap");
     Java("Churn", "classes");
-    while (Java<int64_t>("Churn", "children") < children && !testing::Test::HasFailure()) {
+    while (Java<int64_t>("Churn", "count", "children") < children && !testing::Test::HasFailure()) {
         ASSERT_EQ(Ask(DUMP), COMPLETED);
         TextDump::Read(this->in.In("dump"));
         EXPECT_TRUE(IsAnswer(Ask(HISTOGRAM)));
+        EXPECT_EQ(Ask("516|NoProcessing|CZPRequest"), "") << "which collects what is left";
     }
     Java("Churn", "stop");
-    EXPECT_EQ(Java<int64_t>("Churn", "wrong"), 0);
+    EXPECT_EQ(Java<int64_t>("Churn", "count", "wrong"), 0);
 }
 
 TEST_F(ForkedDump, ManyLeaveNothing) {
@@ -255,11 +235,6 @@ struct LateCopy : ForkedDump {
         ForkedDump::SetUp();
         qor_max_timeout = 3; // the wait is a second
     }
-    void TearDown() override {
-        if (copy > 0)
-            kill(copy, SIGKILL);
-        ForkedDump::TearDown();
-    }
 
     // A request whose copy is stopped.
     std::string AskStopped(const char *request) {
@@ -269,6 +244,7 @@ struct LateCopy : ForkedDump {
             met = disturber.ask(request, &reply);
             copy = disturber.last.load();
         }
+        EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u) << "somebody else's reply";
         return reply;
     }
     static void AwaitNoCopy() {
@@ -276,14 +252,13 @@ struct LateCopy : ForkedDump {
             Ask("516|NoProcessing|CZPRequest");
     }
 
-    std::atomic<pid_t> copy{0};
+    pid_t copy = 0;
     const std::string late = "Class histogram still being made, ask again.\x1f";
     const std::string busy = "Unable to start Heap Dump: an earlier one is still being written.\x1f";
 };
 
-TEST_F(LateCopy, ItsHistogramIsKeptForTheNextWhoAsks) {
+TEST_F(LateCopy, ItsHistogramIsKeptForTheNextWhoAsksAndItsDumpGoesOn) {
     EXPECT_EQ(AskStopped(HISTOGRAM).find(late), 0u);
-    EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u) << "somebody else's reply";
     EXPECT_EQ(Ask(DUMP), busy);
     EXPECT_EQ(Ask(HISTOGRAM).find(late), 0u);
     kill(copy, SIGCONT);
@@ -296,11 +271,8 @@ TEST_F(LateCopy, ItsHistogramIsKeptForTheNextWhoAsks) {
     gbiHistogramLife = 0; // nobody asks in time
     EXPECT_EQ(AskStopped(HISTOGRAM).find(late), 0u);
     AwaitNoCopy();
-}
 
-TEST_F(LateCopy, ItsDumpGoesOn) {
-    EXPECT_EQ(AskStopped(DUMP), STARTED + std::string("JVM Heap:Heap dump timed out"));
-    EXPECT_EQ(Ask("516|showmem|256").find("JVM Heap Memory Usage"), 0u) << "somebody else's reply";
+    EXPECT_EQ(AskStopped(DUMP), "JVM Heap dump started.\x1fJVM Heap:Heap dump timed out");
     EXPECT_EQ(Ask(HISTOGRAM).find(busy), 0u);
     kill(copy, SIGCONT);
     AwaitNoCopy();
@@ -315,20 +287,17 @@ TEST_F(LateCopy, IsKilledAtTheEndOfTheAgentWhichDoesNotWait) {
             std::string reply;
             std::thread asker = AskAside(request, &reply);
             disturber.thread.join();
-            copy = disturber.last.load();
             if (timeout == 3)
                 asker.join();
             ShutDownAgent();
             if (asker.joinable())
                 asker.join();
-            EXPECT_EQ(kill(copy, 0), -1) << "it lives, or nobody has collected it";
-            StartArguments start;
-            ASSERT_EQ(StartAgent(start), 0);
+            EXPECT_EQ(kill(disturber.last, 0), -1) << "it lives, or nobody has collected it";
+            ASSERT_EQ(StartAgent({}), 0);
             Ask("516|NoProcessing|forkdump|1");
             AwaitNoCopy();
         }
     }
-    copy = 0;
 }
 
 TEST_F(ForkedDump, IsRefusedWithTheReason) {
@@ -349,10 +318,6 @@ TEST_F(ForkedDump, IsRefusedWithTheReason) {
         shares = fitting / 3;
     for (const char *request : REQUESTS)
         EXPECT_TRUE(IsAnswer(Ask(request))) << request;
-    // Without forking the worker does it.
-    EXPECT_EQ(Ask("516|NoProcessing|forkdump|0"), "Changed forkdump to 0");
-    EXPECT_EQ(Ask(DUMP).find("Time spent"), 0u);
-    TextDump::Read(in.In("dump"));
 }
 
 // A JVM with a heap that is worth a copy.

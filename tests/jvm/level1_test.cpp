@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <dlfcn.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace {
@@ -26,22 +27,17 @@ struct Level1 : JvmTest {
     }
     void TearDown() override {
         QorDovOnUnload(Env());
-        gbiOptimizationLevel = 0;
-        qorLockInfoLevel = 0;
-        memset(nsymbols, 0, sizeof nsymbols);
         JvmTest::TearDown();
     }
 };
 
 // Where nm sees a symbol in the JVM's library, 0 when it is missing.
 uint64_t NmAddress(const char *library, const std::string &name) {
-    FILE *nm =
-        popen((std::string("nm ") + library + " 2>/dev/null | sed -n 's/ . " + name + "$//p'").c_str(), "re");
+    FILE *nm = popen(fmt::format("nm {} 2>/dev/null | sed -n 's/ . {}$//p'", library, name).c_str(), "re");
     uint64_t found = 0;
-    if (fscanf(nm, "%lx", &found) != 1)
-        found = 0;
+    const int read = fscanf(nm, "%lx", &found);
     pclose(nm);
-    return found;
+    return read == 1 ? found : 0;
 }
 
 } // namespace
@@ -82,8 +78,7 @@ TEST_F(Level1, LockDataComesFromJvmti) {
 // An address that doesn't lead to the JVM's record isn't written to.
 TEST_F(Level1, OnlyTheJvmsRecordIsChanged) {
     alignas(jvmtiCapabilities) static unsigned char bytes[2 * sizeof(jvmtiCapabilities)];
-    const unsigned char fills[] = {0x00, 0xff};
-    for (unsigned char fill : fills) {
+    for (const int fill : {0x00, 0xff}) {
         memset(bytes, fill, sizeof bytes);
         nsymbols[JTI_ALWAYS_CAPABILITIES] = reinterpret_cast<uint64_t>(bytes);
         LogCapture log(LOG_NOTE + 1);

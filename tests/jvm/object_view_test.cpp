@@ -60,18 +60,17 @@ struct ObjectViews : SessionTest {
     // a record and then closed as far as there is room.
     template <typename View>
     void expectWholeRecords(View view) {
-        gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
-        const std::string whole = view(PAGEBUF_SIZE);
-        for (int32_t size = 1; size < static_cast<int32_t>(whole.size()); size += 3) {
+        const auto shown = [&](int32_t size) {
             gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
-            const std::string part = view(size);
+            return view(size);
+        };
+        const std::string whole = shown(PAGEBUF_SIZE);
+        for (int32_t size = 1; size < static_cast<int32_t>(whole.size()); size += 3) {
+            const std::string part = shown(size);
             const size_t end = part.size() < 2 ? 0 : part.rfind('\n', part.size() - 2) + 1;
-            EXPECT_EQ(whole.compare(0, end, part, 0, end), 0) << size << "\n" << part;
             const std::string last = part.substr(end);
-            EXPECT_TRUE(last.empty() || last == "$\n" || last == "Active$\n" ||
-                        whole.find(last) != std::string::npos)
-                << size << "\n"
-                << part;
+            EXPECT_EQ(whole.compare(0, end, part, 0, end), 0) << size << "\n" << part;
+            EXPECT_TRUE(last == "$\n" || last == "Active$\n" || whole.find(last) != whole.npos) << part;
         }
     }
 };
@@ -93,8 +92,7 @@ int64_t MethodOf(const char *method, bool native = false) {
 }
 
 struct Holder {
-    explicit Holder(int again = 1) { Java("Specimens", "startHolder", again); }
-    explicit Holder(const char *start) { Java("Specimens", start); }
+    explicit Holder(const char *start = "startHolder") { Java("Specimens", start); }
     ~Holder() { Java("Specimens", "end"); }
     int64_t tid() const { return Java<int64_t>("Specimens", "id"); }
 };
@@ -183,17 +181,14 @@ TEST_F(ObjectViews, GoUpTheChainWithoutItsTop) {
     EXPECT_EQ(viewOf("plain"), "");
     // Elements one after the other; a pair holds the lower of two classes, the last pair isn't shown.
     EXPECT_EQ(viewOf("pairs"), leaf + leaf + section("Bare", "") + base + base);
-    const std::string rows = viewOf("rows");
-    EXPECT_EQ(CountOf(rows, "Object Name :[I$"), 3u) << rows;
-    EXPECT_EQ(CountOf(viewOf("forty"), "Object Name :"), 49u);
+    EXPECT_EQ(CountOf(viewOf("forty"), "Object Name :"), 49u) << "no more are shown";
 }
 
 TEST_F(ObjectViews, OfWhatIsNotThereAreEmpty) {
     LogCapture log(1); // what is null, empty or gone isn't an error
     for (const char *kind : {"hole", "empty", "ints", "single"})
         EXPECT_EQ(viewOf(kind), "") << kind;
-    EXPECT_EQ(ObjectView(SOME_TAG) + ObjectView(49999), "");
-    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(ObjectView(SOME_TAG) + ObjectView(49999) + log.text(), "");
     EXPECT_EQ(ObjectView(0) + ObjectView(-5), "");
 }
 
@@ -207,9 +202,8 @@ TEST_F(ObjectViews, CutLongValuesAtACharacter) {
             text += part;
         return text + "\n";
     };
-    for (const std::string &shown :
-         {row("ascii", "x", 1023), row("accents", "x", 1022), row("wide", "\u20ac", 341),
-          row("ones", " 1", 300), row("many", " -100000000", 93), row("booleans", " False", 170)})
+    for (const std::string &shown : {row("ascii", "x", 1023), row("accents", "x", 1022),
+                                     row("ones", " 1", 300), row("many", " -100000000", 93)})
         EXPECT_NE(view.find(shown), view.npos) << shown.substr(0, 20);
 }
 
@@ -224,22 +218,6 @@ TEST_F(ObjectViews, KeepNothingAndCopyNoBigValue) {
     EXPECT_LT(KilobytesOf("VmHWM:") - before, 8 << 10);
 }
 
-TEST_F(ObjectViews, AreBounded) {
-    const auto made = [&](int depth, int fields) {
-        return Env()->AllocObject(static_cast<jclass>(Java<jobject>("Specimens", "chain", depth, fields)));
-    };
-    const std::string deep = viewOf(made(60, 1));
-    EXPECT_EQ(CountOf(deep, "Object Name :"), 49u);
-    EXPECT_EQ(FirstClass(deep), "Lmade/C59;");
-    EXPECT_EQ(CountOf(viewOf(made(3, 5000)), "Public: Int"), static_cast<size_t>(MAX_FIELDS_OF_VIEW));
-}
-
-TEST_F(ObjectViews, FillAReplyWithWholeRecords) {
-    jobject object = make("Values");
-    jvmti->SetTag(object, SOME_TAG);
-    expectWholeRecords([](int32_t size) { return ObjectView(SOME_TAG, size); });
-}
-
 TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
     gbiQorLocalVariableCounter = LAST_OBJECT_TAG;
     const std::string view = viewOf("Values");
@@ -249,12 +227,9 @@ TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
 }
 
 TEST_F(ObjectViews, ShowObjectsOfAClassInItsInitialiser) {
-    Holder holder("startInitialiser");
-    const std::string locals = LocalsView(holder.tid(), MethodOf("keep"));
-    EXPECT_EQ(locals, "Method Locals\n5000|0|Lqoragent/testing/Specimens$Unfinished;| \nActive$\n");
-    const std::string view = ObjectView(5000);
-    EXPECT_NE(view.find("|field|3\n"), std::string::npos) << view;
-    EXPECT_NE(view.find("|later|0\n"), std::string::npos) << view;
+    const std::string view = viewOf(Java<jobject>("Obstacles", "inInitializer"));
+    EXPECT_NE(view.find("String|servletPath|/born\n"), std::string::npos) << view;
+    Java("Obstacles", "release");
 }
 
 struct Locals : ObjectViews {};
@@ -267,14 +242,12 @@ TEST_F(Locals, AreThoseOfTheFrame) {
     gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
     EXPECT_EQ(LocalsView(holder.tid(), static_cast<int32_t>(method)), HELD) << "as the stack view shows it";
 
+    expectWholeRecords([&](int32_t size) { return ObjectView(5005, size); });
     expectWholeRecords([&](int32_t size) { return LocalsView(holder.tid(), method, size); });
-    const int64_t counter = gbiQorLocalVariableCounter;
     const int64_t wrong = method ^ (int64_t{1} << 40);
     EXPECT_EQ(LocalsView(holder.tid() + 100000, method), "$\n");
     EXPECT_EQ(LocalsView(holder.tid(), wrong), "$\n") << "whole ids are compared whole";
-    EXPECT_EQ(LocalsView(holder.tid(), 0), "$\n");
     EXPECT_EQ(LocalsView(holder.tid(), MethodOf("park", true)), "$\n") << "a native frame without references";
-    EXPECT_EQ(gbiQorLocalVariableCounter, counter);
 }
 
 TEST_F(Locals, NeverBreakTheirRowOfNumbers) {
@@ -301,17 +274,6 @@ TEST_F(Locals, OfANativeMethodAreItsReferences) {
     const Holder holder("startResting");
     const std::string view = LocalsView(holder.tid(), MethodOf("rest", true));
     EXPECT_NE(view.find("^|^|String|made in native code\n"), std::string::npos) << view;
-}
-
-// The tags of a class histogram are none of the session's.
-TEST_F(Locals, StayFoundAmongThousandsOfClasses) {
-    jobject classes = Java<jobject>("Specimens", "manyClasses", 6000);
-    Holder holder;
-    EXPECT_NE(AskMemory("ClassHistogramOnly", 512), "");
-    EXPECT_EQ(LocalsView(holder.tid(), MethodOf("hold")), HELD);
-    EXPECT_NE(AskMemory("ClassHistogramOnly", 512), "");
-    EXPECT_EQ(FirstClass(ObjectView(5005)), "Lqoragent/testing/Specimens$Values;");
-    Env()->DeleteLocalRef(classes);
 }
 
 // In a JVM that compiles the holder's methods before they run.

@@ -26,16 +26,14 @@ struct Rules : SessionTest {
         EXPECT_EQ("", SetTiers("object " + kind + " " + SIGNATURE + " " + mark + "\n" + ways));
         Read(driver);
     }
-    void Read(jobject object) {
-        ModelEntry entry(LOCAL_BY_RULES, SIGNATURE, object);
+    void Read(jobject object) { Read({{object, QorFindTierObjects(SIGNATURE)}}); }
+    void Read(std::initializer_list<QorRuleObject> objects) {
+        ModelEntry entry(LOCAL_BY_RULES, SIGNATURE, driver);
         entry.tiers = TIER_OBJECTS;
-        entry.ruleObjects[entry.ruleObjectCount++] = {object, QorFindTierObjects(SIGNATURE)};
+        for (const QorRuleObject &object : objects)
+            entry.ruleObjects[entry.ruleObjectCount++] = object;
         QorClearRuleRecords(&records);
         QorReadThreadByRules(&entry, entry.threadId, &records);
-    }
-    std::string UrlBy(const std::string &way) {
-        Read("url " + way);
-        return record.url;
     }
 
     jobject driver = nullptr;
@@ -59,13 +57,7 @@ TEST_F(Rules, ACallInsideAnotherProductsCallTakesNothingOfIt) {
                                (isProduct ? "state db java.lang.\n" : "") +
                                "object db Lqoragent/testing/Driver;\nurl text,Ljava/lang/String;\n"
                                "object db Ljava/lang/Thread;\nuser name,Ljava/lang/String;"));
-        ModelEntry entry(LOCAL_BY_RULES, SIGNATURE, driver);
-        entry.tiers = TIER_OBJECTS;
-        entry.ruleObjects[0] = {driver, QorFindTierObjects(SIGNATURE)};
-        entry.ruleObjects[1] = {outer, QorFindTierObjects("Ljava/lang/Thread;")};
-        entry.ruleObjectCount = 2;
-        QorClearRuleRecords(&records);
-        QorReadThreadByRules(&entry, entry.threadId, &records);
+        Read({{driver, QorFindTierObjects(SIGNATURE)}, {outer, QorFindTierObjects("Ljava/lang/Thread;")}});
         EXPECT_STREQ("text", record.url);
         EXPECT_EQ(isProduct, !record.user[0]);
     }
@@ -74,32 +66,39 @@ TEST_F(Rules, ACallInsideAnotherProductsCallTakesNothingOfIt) {
 TEST_F(Rules, AWrongWayLeavesItsFieldEmpty) {
     const std::string queue = "queue,[Ljava/lang/Object;@head", bytes = "bytes,[B:from:to";
     const struct {
-        const char *head, *from, *to;
+        int32_t head, from, to;
         std::string way, url;
     } WAYS[] = {
-        {"1", "4", "16", queue, "first"},
-        {"0", "4", "16", queue + "|text,Ljava/lang/String;", "text"}, // a cycle has as many steps as its way
-        {"0", "4", "16", queue, ""},                                  // no text
-        {"2", "4", "16", queue, ""},
-        {"-1", "4", "16", queue, ""},
-        {"1", "4", "16", queue + "|text,Ljava/lang/String;", ""},
-        {"0", "4", "16", "numbers,[[I@head", ""},
-        {"0", "4", "16", "queue,[Ljava/lang/Object;@text", ""},
-        {"0", "0", "21", bytes, "GET /shop/orders HTTP"},
-        {"0", "0", "22", bytes, ""},
-        {"0", "-2147483648", "2147483647", bytes, ""},
-        {"0", "4", "16", "bytes,[B:from:text", ""},
-        {"0", "4", "16", "self,Lqoragent/testing/Driver;", ""},
-        {"0", "4", "16", "nothing,La/B;|text,Ljava/lang/String;", ""},
-        {"0", "4", "16", std::string(3900, 'x') + ",Ljava/lang/String;", ""},
-        {"0", "4", "16", "\xff\xc3,Ljava/lang/String;", ""},
+        {1, 4, 16, queue, "first"},
+        {0, 4, 16, queue + "|text,Ljava/lang/String;", "text"}, // a cycle has as many steps as its way
+        {0, 4, 16, queue, ""},                                  // no text
+        {2, 4, 16, queue, ""},
+        {-1, 4, 16, queue, ""},
+        {1, 4, 16, queue + "|text,Ljava/lang/String;", ""},
+        {0, 4, 16, "numbers,[[I@head", ""},
+        {0, 4, 16, "queue,[Ljava/lang/Object;@text", ""},
+        {0, 0, 21, bytes, "GET /shop/orders HTTP"},
+        {0, 0, 22, bytes, ""},
+        {0, INT32_MIN, INT32_MAX, bytes, ""},
+        {0, 4, 16, "bytes,[B:from:text", ""},
+        {0, 4, 16, "self,Lqoragent/testing/Driver;", ""},
+        {0, 4, 16, "nothing,La/B;|text,Ljava/lang/String;", ""},
+        {0, 4, 16, std::string(3900, 'x') + ",Ljava/lang/String;", ""},
+        {0, 4, 16, "\xff\xc3,Ljava/lang/String;", ""},
     };
     for (const auto &row : WAYS) {
         Plant(driver, "head,I", row.head);
         Plant(driver, "from,I", row.from);
         Plant(driver, "to,I", row.to);
-        EXPECT_EQ(row.url, UrlBy(row.way)) << row.way.substr(0, 80) << row.head << " " << row.from;
+        Read("url " + row.way);
+        EXPECT_EQ(row.url, record.url) << row.way.substr(0, 80) << row.head << " " << row.from;
     }
+    constexpr int32_t LONG = sizeof record.url + 5;
+    Plant(driver, "bytes,[B", Env()->NewByteArray(LONG)); // zeros are shown as question marks
+    Plant(driver, "from,I", 0);
+    Plant(driver, "to,I", LONG);
+    Read("url " + bytes);
+    EXPECT_EQ(std::string(sizeof record.url - 1, '?'), record.url);
     Read("socket self,Lqoragent/testing/Driver;\nsocket socket,Ljava/net/Socket;|impl,Ljava/net/SocketImpl;");
     EXPECT_EQ(-1, record.fd);
 }
@@ -120,7 +119,7 @@ TEST_F(Rules, RemoteCallsHaveHostPortAndName) {
         {"/x?token=abcd", "host any,Ljava/lang/Object;\nname text,Ljava/lang/String;", "text of any:0",
          "/x?token=***"},
     };
-    Plant(driver, "head,I", "17");
+    Plant(driver, "head,I", 17);
     for (const auto &call : CALLS) {
         Plant(driver, "text,Ljava/lang/String;", call.text);
         Read(call.ways, "rmi");

@@ -5,9 +5,7 @@
 
 namespace {
 
-struct Threads : SessionTest {
-    ~Threads() override { maxStackDepthQueried = 1000; }
-};
+struct Threads : SessionTest {};
 
 } // namespace
 
@@ -15,7 +13,7 @@ struct Threads : SessionTest {
 // the first one.
 TEST_F(Threads, MayShowMoreMethodsThanAreKept) {
     constexpr int32_t MORE_THAN_KEPT = 16500;
-    auto classes = static_cast<jobjectArray>(Java<jobject>("Specimens", "manyMethods", 17));
+    auto classes = static_cast<jobjectArray>(Java<jobject>("Specimens", "manyMethods", 300));
     std::vector<jmethodID> methods;
     for (jsize i = 0; i < Env()->GetArrayLength(classes); i++) {
         jint count = 0;
@@ -33,15 +31,14 @@ TEST_F(Threads, MayShowMoreMethodsThanAreKept) {
     Walk walk;
     int32_t kept = 0;
     for (int32_t round = 0; round < 2; round++) {
-        for (size_t i = 0; i < methods.size(); i++) {
-            frames.frames[0] = {methods[i], 0};
+        for (jmethodID method : methods) {
+            frames.frames[0] = {method, 0};
             frames.count = 1;
-            ASSERT_EQ(QorReadFrame(&frames, FRAME_WITH_FILE_AND_LINE, &record), 0) << i;
+            ASSERT_EQ(QorReadFrame(&frames, FRAME_WITH_FILE_AND_LINE, &record), 0);
             ASSERT_EQ(QorGetMethodInfo(&frames, text), 0);
-            ASSERT_STREQ(record.method, text) << i;
+            ASSERT_STREQ(record.method, text);
             ASSERT_EQ(QorGetClassInfo(&frames, text), 0);
-            ASSERT_STREQ(record.className, text) << i;
-            ASSERT_EQ(record.line, QorGetLineNumber(&frames)) << i;
+            ASSERT_STREQ(record.className, text);
             kept += record.facts != nullptr;
         }
     }

@@ -26,10 +26,11 @@ public class AgentTest {
         assertTrue(said, said.contains(why));
     }
 
+    /** Also when its worker has left without the Java side's knowledge. */
     @Test
     public void startsOnceEndsAndStartsAnew() throws Exception {
         Path endpoint = Endpoint.ofThisProcess().file();
-        for (int round = 0; round < 3; round++) {
+        for (boolean knows : new boolean[] {true, true, false}) {
             Agent.start("timeout=20,loglevel=1");
             assertEquals("running", System.getProperty("qoragent.status"));
             byte[] port = Files.readAllBytes(endpoint);
@@ -38,30 +39,34 @@ public class AgentTest {
             assertArrayEquals("the same, back in its place", port, Files.readAllBytes(endpoint));
             assertRefused("runs already", () -> Agent.start("timeout=21"));
             assertAnswers();
-            Agent.request("SHUTDOWN");
-            assertFalse(Files.exists(endpoint));
-            assertEquals("stopped", System.getProperty("qoragent.status"));
-            assertRefused("the agent does not run", () -> Agent.request("516|nonsense"));
+            if (knows) {
+                Agent.request("SHUTDOWN");
+                assertFalse(Files.exists(endpoint));
+                assertEquals("stopped", System.getProperty("qoragent.status"));
+                assertRefused("the agent does not run", () -> Agent.request("516|nonsense"));
+            } else {
+                Agent.dataFromNative("SHUTDOWN");
+                while (Agent.workerLives())
+                    Thread.sleep(1);
+            }
         }
-    }
-
-    private static Thread blocked(Runnable body) throws InterruptedException {
-        Thread thread = new Thread(body);
-        thread.start();
-        while (thread.getState() != Thread.State.BLOCKED && thread.isAlive())
-            Thread.sleep(1);
-        return thread;
+        Agent.start("timeout=21");
+        assertAnswers();
     }
 
     @Test
     public void shutdownRefusesTheRequestsThatWait() throws Exception {
         Agent.start("timeout=20");
         AtomicReference<Throwable> outcome = new AtomicReference<>();
-        Thread asking;
+        Thread asking = new Thread(() -> Agent.request("516|nonsense"));
+        Thread ending = new Thread(() -> Agent.request("SHUTDOWN"));
+        asking.setUncaughtExceptionHandler((thread, thrown) -> outcome.set(thrown));
         synchronized (Agent.class) { // as a request that runs
-            asking = blocked(() -> Agent.request("516|nonsense"));
-            asking.setUncaughtExceptionHandler((thread, thrown) -> outcome.set(thrown));
-            blocked(() -> Agent.request("SHUTDOWN")).join(); // it waits for none
+            asking.start();
+            while (asking.getState() != Thread.State.BLOCKED)
+                Thread.sleep(1);
+            ending.start();
+            ending.join(); // it waits for none
         }
         asking.join();
         assertEquals("the agent does not run", outcome.get().getMessage());
@@ -80,16 +85,5 @@ public class AgentTest {
             Thread.sleep(1);
         assertAnswers();
         assertFalse("relay=off", Files.exists(Endpoint.ofThisProcess().file()));
-    }
-
-    @Test
-    public void startReplacesAnAgentWithoutItsWorker() throws Exception {
-        Agent.start("timeout=20");
-        Agent.dataFromNative("SHUTDOWN"); // without the Java side's knowledge
-        while (Agent.workerLives())
-            Thread.sleep(1);
-        assertEquals("running", System.getProperty("qoragent.status"));
-        Agent.start("timeout=21");
-        assertAnswers();
     }
 }

@@ -1,20 +1,24 @@
 package qoragent.testing;
 
+import java.io.File;
+import java.io.IOException;
 import java.lang.ref.WeakReference;
+import java.net.URL;
+import java.net.URLClassLoader;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Deque;
 import java.util.List;
+import java.util.Map;
 import java.util.Random;
-import java.util.concurrent.atomic.AtomicLong;
+import java.util.concurrent.ConcurrentHashMap;
 
 /** An application that goes on until stop(), on daemon threads. */
 public final class Churn {
     private static final int ALIVE = 4, ROUNDS_PER_COLLECTION = 50, SHELVES = 64;
 
     private static final List<Thread> threads = new ArrayList<>();
-    private static final AtomicLong ended = new AtomicLong(), collected = new AtomicLong();
-    private static final AtomicLong children = new AtomicLong(), wrong = new AtomicLong();
+    private static final Map<String, Long> counts = new ConcurrentHashMap<>();
     private static volatile boolean stop;
     private static volatile Throwable failure;
 
@@ -44,6 +48,14 @@ public final class Churn {
             throw new IllegalStateException("the churn broke", failure);
     }
 
+    private static void count(String what, long more) { counts.merge(what, more, Long::sum); }
+
+    /**
+     * Since the JVM started: threads that have "ended", loaders that were "collected", "children" whose end was
+     * seen, and those that ended with a "wrong" code.
+     */
+    public static long count(String what) { return counts.getOrDefault(what, 0L); }
+
     /** Threads that start and end, four at a time alive. */
     public static synchronized void threads() {
         Thread[] alive = new Thread[ALIVE];
@@ -51,7 +63,7 @@ public final class Churn {
             for (int i = 0; i < ALIVE; i++) {
                 if (alive[i] != null) {
                     alive[i].join();
-                    ended.incrementAndGet();
+                    count("ended", 1);
                 }
                 alive[i] = new Thread(new Worker(), "churned");
                 alive[i].setDaemon(true);
@@ -60,12 +72,20 @@ public final class Churn {
         });
     }
 
+    /** A loader that has its own copies of the tests' classes. */
+    static ClassLoader newLoader() throws IOException {
+        List<URL> path = new ArrayList<>();
+        for (String entry : System.getProperty("java.class.path").split(File.pathSeparator))
+            path.add(new File(entry).toURI().toURL());
+        return new URLClassLoader(path.toArray(new URL[0]), ClassLoader.getSystemClassLoader().getParent());
+    }
+
     /** Classes that are loaded, run and collected: copies of Worker, each in its own loader. */
     public static synchronized void classes() {
         Deque<WeakReference<ClassLoader>> loaders = new ArrayDeque<>();
         repeat("churn-classes", () -> {
             for (int i = 0; i < ROUNDS_PER_COLLECTION; i++) {
-                ClassLoader loader = new OwnCopyLoader(Worker.class);
+                ClassLoader loader = newLoader();
                 Class<?> copy = Class.forName(Worker.class.getName(), true, loader);
                 ((Runnable)copy.getDeclaredConstructor().newInstance()).run();
                 loaders.add(new WeakReference<>(loader));
@@ -73,14 +93,12 @@ public final class Churn {
             System.gc();
             int before = loaders.size();
             loaders.removeIf(loader -> loader.get() == null);
-            collected.addAndGet(before - loaders.size());
+            count("collected", before - loaders.size());
         });
     }
 
     /** A heap that changes and is collected, exceptions, and processes whose exit codes are looked at. */
     public static synchronized void heap() {
-        children.set(0);
-        wrong.set(0);
         for (int i = 0; i < 2; i++)
             repeat("churn-heap", Churn::change);
         repeat("churn-throws", () -> {
@@ -91,40 +109,19 @@ public final class Churn {
             }
         });
         repeat("churn-processes", () -> {
-            int code = (int)(children.get() % 200);
+            int code = (int)(count("children") % 200);
             if (new ProcessBuilder("/bin/sh", "-c", "exit " + code).start().waitFor() != code)
-                wrong.incrementAndGet();
-            children.incrementAndGet();
+                count("wrong", 1);
+            count("children", 1);
         });
-    }
-
-    /** Threads that have come and gone, and loaders that were collected, since the JVM started. */
-    public static long ended() { return ended.get(); }
-
-    public static long collected() { return collected.get(); }
-
-    /** Processes whose end was seen, and those that ended with another code than they were told to. */
-    public static long children() { return children.get(); }
-
-    public static long wrong() { return wrong.get(); }
-
-    private static final class Box {
-        Object left;
-        Object right;
-        byte[] bytes;
     }
 
     private static void change() {
         Random random = new Random();
-        Box[] shelves = new Box[SHELVES];
+        Object[][] shelves = new Object[SHELVES][];
         for (int i = 0; i < 20_000 && !stop; i++) {
-            Box box = new Box();
-            box.left = shelves[random.nextInt(SHELVES)];
-            box.bytes = new byte[random.nextInt(100)];
-            int place = random.nextInt(SHELVES);
-            if (shelves[place] != null && random.nextInt(50) > 0)
-                shelves[place].right = box;
-            shelves[place] = random.nextInt(20) == 0 ? null : box;
+            Object[] box = {shelves[random.nextInt(SHELVES)], new byte[random.nextInt(100)]};
+            shelves[random.nextInt(SHELVES)] = random.nextInt(20) == 0 ? null : box;
         }
         if (random.nextInt(10) == 0)
             System.gc();
@@ -146,10 +143,8 @@ public final class Churn {
             if (left > 0)
                 descend(left - 1);
             for (int i = 0; i < 100; i++)
-                sum += i ^ left;
+                sum += i ^ left ^ name.length();
             Thread.yield();
         }
-
-        int sum() { return sum + name.length(); }
     }
 }

@@ -4,12 +4,11 @@ import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 
 /** Objects of known numbers, sizes and references, for what looks at the whole heap. */
 public final class HeapShop {
-    public static final int NODES = 1234, LEAVES = 77, ELEMENTS = 27, LONG_INTS = 12345, LONG_BYTES = 54321;
-
     public static Node first;
     static Object[] shelf;
     static List<Object> held = new ArrayList<>();
@@ -32,23 +31,21 @@ public final class HeapShop {
 
     static void fill() {
         new Unused(); // loaded and initialised; the one object is garbage
-        for (int i = 0; i < NODES; i++) {
+        for (int i = 0; i < 1234; i++) {
             Node node = new Node();
             node.next = first;
             node.self = node;
             node.number = i;
             first = node;
         }
-        for (int i = 0; i < LEAVES; i++) {
+        for (int i = 0; i < 77; i++) {
             Leaf leaf = new Leaf();
             leaf.name = "leaf " + i;
             held.add(leaf);
         }
-        Node[] nodes = new Node[ELEMENTS + 3]; // three are null
-        for (int i = 0; i < ELEMENTS; i++)
-            nodes[i] = first;
-        shelf =
-            new Object[] {nodes, new Leaf[5], new int[LONG_INTS], new int[LONG_INTS], new byte[LONG_BYTES]};
+        Node[] nodes = new Node[30];
+        Arrays.fill(nodes, 3, 30, first); // three are null
+        shelf = new Object[] {nodes, new Leaf[5], new int[12345], new int[12345], new byte[54321]};
     }
 
     /** Held by the own field of a Class instance, and by nothing else. */
@@ -112,7 +109,7 @@ public final class HeapShop {
 
     /** A class of a loader of its own, held until drop(). */
     static void loadOwn() throws Exception {
-        ClassLoader loader = new OwnCopyLoader(Own.class);
+        ClassLoader loader = Churn.newLoader();
         held.add(loader.loadClass(Own.class.getName()).getConstructor().newInstance());
         dropped = new WeakReference<>(loader);
     }

@@ -12,7 +12,6 @@ import java.util.Hashtable;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.CountDownLatch;
-import tessar.jdbc.driver.FormerConnection;
 
 /** Objects of the JDK for the readers, and such as a careless reader would wait for until release(). */
 public final class Obstacles {
@@ -38,9 +37,6 @@ public final class Obstacles {
 
     /** An object with a "servletPath" whose class is being initialised by another thread. */
     public static Object inInitializer() throws Exception { return hold(Unborn::new); }
-
-    /** A connection of such a class. */
-    public static Object connection() throws Exception { return hold(Born::new); }
 
     /** Lets the other threads go on, and waits for their ends. */
     public static void release() throws Exception {
@@ -76,12 +72,6 @@ public final class Obstacles {
         static { rest(new Unborn()); }
 
         final String servletPath = "/born".trim();
-    }
-
-    private static final class Born extends FormerConnection {
-        static { rest(new Born()); }
-
-        Born() { super("jdbc:born", "born", null); }
     }
 
     /** A literal address, or one that isn't resolved. */

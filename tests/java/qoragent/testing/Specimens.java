@@ -1,9 +1,8 @@
 package qoragent.testing;
 
-import java.io.ByteArrayOutputStream;
-import java.io.DataOutputStream;
-import java.io.IOException;
+import java.lang.reflect.Proxy;
 import java.util.Arrays;
+import java.util.concurrent.ConcurrentNavigableMap;
 
 /** Objects to be looked into, and threads that stand still with known objects in their locals. */
 public final class Specimens {
@@ -67,23 +66,14 @@ public final class Specimens {
 
     /** Long texts and arrays, cut where a record ends. */
     public static class Long {
-        String ascii = repeat('x', 2000);
-        String accents = repeat('x', 1022) + repeat('\u00e9', 50);
-        String wide = repeat('\u20ac', 2000);
-        int[] ones = filled(301, 1);
-        int[] many = filled(301, -100000000);
-        boolean[] booleans = new boolean[301];
+        String ascii = new String(new char[2000]).replace('\0', 'x');
+        String accents = ascii.substring(0, 1022) + "\u00e9\u00e9";
+        int[] ones = new int[301];
+        int[] many = new int[301];
 
-        private static String repeat(char c, int count) {
-            char[] chars = new char[count];
-            Arrays.fill(chars, c);
-            return new String(chars);
-        }
-
-        private static int[] filled(int count, int value) {
-            int[] numbers = new int[count];
-            Arrays.fill(numbers, value);
-            return numbers;
+        Long() {
+            Arrays.fill(ones, 1);
+            Arrays.fill(many, -100000000);
         }
     }
 
@@ -91,18 +81,6 @@ public final class Specimens {
     public static class Big {
         byte[] bytes = new byte[64 << 20];
         String text = new String(new char[16 << 20]);
-    }
-
-    /** An object whose class is still in its initialiser. */
-    public static class Unfinished {
-        static final Object FIRST = new Unfinished();
-        static int later;
-        int field = 3;
-
-        static {
-            keep(FIRST);
-            later = 1;
-        }
     }
 
     public static Object make(String kind) throws Exception {
@@ -123,8 +101,6 @@ public final class Specimens {
             return new Object[0];
         case "single":
             return new Object[] {new Object()};
-        case "rows":
-            return new int[][] {{1}, {2}};
         case "forty":
             Object[] forty = new Object[40];
             Arrays.fill(forty, 0, 21, new Leaf());
@@ -138,15 +114,13 @@ public final class Specimens {
 
     // ---- threads
 
-    /**
-     * Starts a thread that stands in hold(), called by itself `again` times; returns when it stands there.
-     */
-    public static void startHolder(int again) throws Exception {
+    /** Starts a thread that is in hold(), called by itself; returns when it is there. */
+    public static void startHolder() throws Exception {
         gate = new Resident.Gate();
         gate.open(Thread.currentThread());
         hold(1, "warm", new int[0], new Object[0], new Values(), Values.class); // resolves what it refers to
         gate = new Resident.Gate();
-        start(() -> hold(again, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
+        start(() -> hold(1, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
     }
 
     private static void hold(int again, String text, int[] numbers, Object[] some, Values values,
@@ -157,17 +131,6 @@ public final class Specimens {
         else
             gate.pass();
         used = Arrays.asList(text, numbers, some, values, kind, nothing).hashCode();
-    }
-
-    /** Starts a thread that stands in the initialiser of Unfinished. */
-    public static void startInitialiser() throws Exception {
-        gate = new Resident.Gate();
-        start(() -> used = Unfinished.later);
-    }
-
-    private static void keep(Object kept) {
-        gate.pass();
-        used = kept.hashCode();
     }
 
     /** Starts a thread that stands in rest(), which the test implements: it passes the gate. */
@@ -191,77 +154,19 @@ public final class Specimens {
     public static long id() { return thread.getId(); }
 
     public static void end() throws InterruptedException {
-        if (gate != null)
-            gate.open(thread);
+        gate.open(thread);
         thread.join();
     }
 
-    // ---- classes made at run time
-
-    /** The last of `depth` classes that extend each other, the first one Object; each has `fields` ints. */
-    public static Object chain(int depth, int fields) throws Exception {
-        Maker maker = new Maker();
-        Class<?> last = null;
-        for (int i = 0; i < depth; i++)
-            last = maker.define("made/C" + i, i == 0 ? "java/lang/Object" : "made/C" + (i - 1), fields, 0);
-        return last;
-    }
-
-    /** That many classes, for as long as the result is held. */
-    public static Object manyClasses(int count) throws Exception { return make(count, 0); }
-
-    /** That many classes of a thousand methods each. */
-    public static Object manyMethods(int count) throws Exception { return make(count, 1000); }
-
-    private static Object[] make(int count, int methods) throws Exception {
-        Maker maker = new Maker();
+    /** Classes that the JVM makes, of some sixty methods each. */
+    public static Object manyMethods(int count) {
         Object[] all = new Object[count];
         for (int i = 0; i < count; i++)
-            all[i] = maker.define("made/M" + i, "java/lang/Object", 0, methods);
+            all[i] =
+                Proxy
+                    .newProxyInstance(new ClassLoader(Specimens.class.getClassLoader()) {},
+                                      new Class<?>[] {ConcurrentNavigableMap.class}, (proxy, m, a) -> null)
+                    .getClass();
         return all;
-    }
-
-    private static final class Maker extends ClassLoader {
-        /** A class of ints "f0" and up and abstract methods "m0" and up. */
-        Class<?> define(String name, String parent, int fields, int methods) throws Exception {
-            ByteArrayOutputStream bytes = new ByteArrayOutputStream();
-            DataOutputStream out = new DataOutputStream(bytes);
-            out.writeInt(0xcafebabe);
-            out.writeInt(52);
-            out.writeShort(7 + fields +
-                           methods); // constants: 1 + 2 the class, 3 + 4 its parent, 5, 6 types, names
-            for (String text : new String[] {name, parent}) {
-                text(out, text);
-                out.writeByte(7);
-                out.writeShort(text.equals(name) ? 1 : 3);
-            }
-            text(out, "I");
-            text(out, "()V");
-            for (int i = 0; i < fields; i++)
-                text(out, "f" + i);
-            for (int i = 0; i < methods; i++)
-                text(out, "m" + i);
-            for (int word : new int[] {methods > 0 ? 0x421 : 0x21, 2, 4, 0})
-                out.writeShort(word);
-            members(out, 1, 7, 5, fields);
-            members(out, 0x401, 7 + fields, 6, methods);
-            out.writeShort(0); // no attributes
-            return Class.forName(
-                defineClass(name.replace('/', '.'), bytes.toByteArray(), 0, bytes.size()).getName(), true,
-                this);
-        }
-
-        private static void text(DataOutputStream out, String text) throws IOException {
-            out.writeByte(1);
-            out.writeUTF(text);
-        }
-
-        private static void members(DataOutputStream out, int flags, int name, int type, int count)
-            throws IOException {
-            out.writeShort(count);
-            for (int i = 0; i < count; i++)
-                for (int word : new int[] {flags, name + i, type, 0})
-                    out.writeShort(word);
-        }
     }
 }

@@ -34,20 +34,16 @@ public final class Standstill {
     public static void main(String[] args) throws Exception {
         HeapShop.fill();
         Zoo.start(
-            "holder,blocked,blocked-second,sleep,park,park-timed,wait,wait-timed,join,latch,swapper,reentrant,"
-            + "wait-inside,lock-holder,lock-waiter,lock-waiter-timed,initialiser,deep");
-        Zoo.start(
-            "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,channel-accept,channel-read,"
-            + "select,datagram-receive,file-read,file-read-bytes,file-channel-read,file-reader,"
-            +
-            "random-access-read,file-write,process-wait"); // the last one keeps the JDK's reaper of children
+            "sleep,park,swapper,wait,holder,blocked,blocked-second,reentrant,lock-holder,lock-waiter,deep,"
+            + "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,channel-accept,"
+            + "channel-read,select,datagram-receive,file-read,file-channel-read,file-reader,"
+            + "random-access-read,file-write,process-wait"); // which keeps the JDK's reaper of children
         Zoo.startDeep(400);
         Zoo.startWide(0, 1);
         Tiers.start();
-        Specimens.startHolder(2);
+        Specimens.startHolder();
         Specimens.thread().setName("specimen-hold");
-        Specimens.startInitialiser();
-        Specimens.thread().setName("specimen-initialiser");
+        Obstacles.inInitializer();
         System.out.println("port=" + callDatabases());
         while (runningCalls() > 0 || reapers() > 1)
             Thread.sleep(10);

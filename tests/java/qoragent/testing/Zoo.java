@@ -26,23 +26,17 @@ public final class Zoo {
     public static synchronized void start(String kinds) throws Exception {
         Set<String> wanted = new HashSet<>(Arrays.asList(kinds.split(",")));
         boolean all = wanted.remove("");
-        List<Resident> known = new ArrayList<>();
-        ZooIo.addTo(known);
-        ZooLocks.addTo(known);
-        ZooRun.addTo(known);
-        for (Resident resident : known)
-            if (all || wanted.remove(resident.kind))
-                admit(resident);
+        for (List<Resident> known : Arrays.asList(ZooIo.all(), ZooLocks.all(), ZooRun.all()))
+            for (Resident resident : known)
+                if (wanted.remove(resident.kind) || all)
+                    admit(resident);
         if (!wanted.isEmpty())
             throw new IllegalArgumentException("no such residents: " + wanted);
     }
 
     /** Starts "zoo-deep-N", which has exactly `frames` frames. */
     public static synchronized void startDeep(int frames) throws Exception {
-        Resident deep = ZooRun.deep("deep-" + frames, frames - deepBase());
-        admit(deep);
-        if (frames(deep.thread()) != frames)
-            throw new IllegalStateException("zoo-deep-" + frames + " has another depth");
+        admit(ZooRun.deep("deep-" + frames, frames - deepBase()));
     }
 
     /** Starts "zoo-many-0" to "zoo-many-(count - 1)", each of exactly `frames` frames. */
@@ -84,20 +78,19 @@ public final class Zoo {
     public static long id(String kind) { return ((Thread)thread(kind)).getId(); }
 
     static synchronized void admit(Resident resident) throws Exception {
-        if (residents.putIfAbsent(resident.kind, resident) != null)
-            throw new IllegalStateException("zoo-" + resident.kind + " is here already");
+        residents.put(resident.kind, resident);
         resident.start();
     }
 
-    /** All frames of a thread: Thread.getStackTrace() leaves some out from JDK 21 on, such as Thread.runWith. */
-    private static int frames(Thread thread) { return Thread.getAllStackTraces().get(thread).length; }
-
-    /** Frames of a deep thread that calls itself no further; differs between JDKs. */
+    /**
+     * Frames of a deep thread that calls itself no further. It differs between JDKs: Thread.getStackTrace() leaves
+     * some out from JDK 21 on, such as Thread.runWith.
+     */
     private static int deepBase() throws Exception {
         if (deepBase < 0) {
             Resident shallow = ZooRun.deep("shallow", 0);
             shallow.start();
-            deepBase = frames(shallow.thread());
+            deepBase = Thread.getAllStackTraces().get(shallow.thread()).length;
             shallow.release();
             shallow.awaitEnd();
         }

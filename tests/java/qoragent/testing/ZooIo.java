@@ -18,6 +18,7 @@ import java.nio.channels.Selector;
 import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
 import java.nio.file.Files;
+import java.util.Arrays;
 import java.util.List;
 
 /** Residents in a network or file call, which ends when what they opened is closed. */
@@ -26,60 +27,50 @@ final class ZooIo {
     private static final int MORE_THAN_A_FIFO_HOLDS = 4 << 20;
     private static final InetAddress HERE = InetAddress.getLoopbackAddress();
 
-    private final List<Resident> all;
+    private ZooIo() {}
 
-    private ZooIo(List<Resident> all) { this.all = all; }
-
-    private void io(String kind, String tops, Resident.Part part) {
-        all.add(new Resident(kind, Thread.State.RUNNABLE, tops, part));
+    private static Resident io(String kind, String tops, Resident.Part part) {
+        return new Resident(kind, Thread.State.RUNNABLE, tops, part);
     }
 
-    static void addTo(List<Resident> all) {
-        ZooIo zoo = new ZooIo(all);
-        zoo.addSockets();
-        zoo.addFiles();
-    }
-
-    private void addSockets() {
-        io("socket-read", "java.net.SocketInputStream.socketRead0 sun.nio.ch.SocketDispatcher.read0",
-           self -> socketRead(self, 0));
-        io("socket-read-timeout", "java.net.SocketInputStream.socketRead0 sun.nio.ch.Net.poll",
-           self -> socketRead(self, HOUR_MILLIS));
-        io("socket-write", "sun.nio.ch.FileDispatcherImpl.write0 sun.nio.ch.SocketDispatcher.write0",
-           ZooIo::socketWrite);
-        io("accept", "java.net.PlainSocketImpl.socketAccept sun.nio.ch.Net.accept", self -> accept(self, 0));
-        io("accept-timeout", "java.net.PlainSocketImpl.socketAccept sun.nio.ch.Net.poll",
-           self -> accept(self, HOUR_MILLIS));
-        io("channel-accept", "sun.nio.ch.ServerSocketChannelImpl.accept0 sun.nio.ch.Net.accept", self -> {
-            ServerSocketChannel server = self.closing(ServerSocketChannel.open());
-            server.bind(new InetSocketAddress(HERE, 0));
-            return server::accept;
-        });
-        io("channel-read", "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.SocketDispatcher.read0", self -> {
-            SocketChannel near = connect(self);
-            return () -> near.read(ByteBuffer.allocateDirect(64));
-        });
-        io("select", "sun.nio.ch.EPollArrayWrapper.epollWait sun.nio.ch.EPoll.wait",
-           self -> self.closing(Selector.open())::select);
-        io("datagram-receive",
-           "java.net.PlainDatagramSocketImpl.receive0 sun.nio.ch.DatagramChannelImpl.receive0", self -> {
-               DatagramSocket socket = self.closing(new DatagramSocket(0, HERE));
-               return () -> socket.receive(new DatagramPacket(new byte[64], 64));
-           });
-    }
-
-    private void addFiles() {
-        fifo("file-read", "java.io.FileInputStream.read0", FileInputStream::new, FileInputStream::read);
-        fifo("file-read-bytes", "java.io.FileInputStream.readBytes", FileInputStream::new,
-             in -> in.read(new byte[64]));
-        fifo("file-channel-read",
-             "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.UnixFileDispatcherImpl.read0",
-             FileInputStream::new, in -> in.getChannel().read(ByteBuffer.allocateDirect(64)));
-        fifo("file-reader", "java.io.FileInputStream.readBytes", FileReader::new, FileReader::read);
-        fifo("random-access-read", "java.io.RandomAccessFile.read0",
-             path -> new RandomAccessFile(path, "rw"), RandomAccessFile::read);
-        fifo("file-write", "java.io.FileOutputStream.writeBytes", FileOutputStream::new,
-             out -> out.write(new byte[MORE_THAN_A_FIFO_HOLDS]));
+    static List<Resident> all() {
+        String socketRead = "java.net.SocketInputStream.socketRead0 ";
+        String accept = "java.net.PlainSocketImpl.socketAccept ";
+        return Arrays.asList(
+            io("socket-read", socketRead + "sun.nio.ch.SocketDispatcher.read0", self -> socketRead(self, 0)),
+            io("socket-read-timeout", socketRead + "sun.nio.ch.Net.poll",
+               self -> socketRead(self, HOUR_MILLIS)),
+            io("socket-write", "sun.nio.ch.FileDispatcherImpl.write0 sun.nio.ch.SocketDispatcher.write0",
+               ZooIo::socketWrite),
+            io("accept", accept + "sun.nio.ch.Net.accept", self -> accept(self, 0)),
+            io("accept-timeout", accept + "sun.nio.ch.Net.poll", self -> accept(self, HOUR_MILLIS)),
+            io("channel-accept", "sun.nio.ch.ServerSocketChannelImpl.accept0 sun.nio.ch.Net.accept",
+               self -> {
+                   ServerSocketChannel server = self.closing(ServerSocketChannel.open());
+                   return server.bind(new InetSocketAddress(HERE, 0))::accept;
+               }),
+            io("channel-read", "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.SocketDispatcher.read0",
+               self -> {
+                   SocketChannel near = connect(self);
+                   return () -> near.read(ByteBuffer.allocateDirect(64));
+               }),
+            io("select", "sun.nio.ch.EPollArrayWrapper.epollWait sun.nio.ch.EPoll.wait",
+               self -> self.closing(Selector.open())::select),
+            io("datagram-receive",
+               "java.net.PlainDatagramSocketImpl.receive0 sun.nio.ch.DatagramChannelImpl.receive0",
+               self -> {
+                   DatagramSocket socket = self.closing(new DatagramSocket(0, HERE));
+                   return () -> socket.receive(new DatagramPacket(new byte[64], 64));
+               }),
+            fifo("file-read", "java.io.FileInputStream.read0", FileInputStream::new, FileInputStream::read),
+            fifo("file-channel-read",
+                 "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.UnixFileDispatcherImpl.read0",
+                 FileInputStream::new, in -> in.getChannel().read(ByteBuffer.allocateDirect(64))),
+            fifo("file-reader", "java.io.FileInputStream.readBytes", FileReader::new, FileReader::read),
+            fifo("random-access-read", "java.io.RandomAccessFile.read0",
+                 path -> new RandomAccessFile(path, "rw"), RandomAccessFile::read),
+            fifo("file-write", "java.io.FileOutputStream.writeBytes", FileOutputStream::new,
+                 out -> out.write(new byte[MORE_THAN_A_FIFO_HOLDS])));
     }
 
     /** The near end of a connection over the loopback. */
@@ -126,22 +117,17 @@ final class ZooIo {
     }
 
     /** One at an end of a FIFO; the other end is open for both directions, so that no open blocks. */
-    private <T extends Closeable> void fifo(String kind, String tops, Opening<T> opening, Use<T> use) {
-        io(kind, tops, self -> {
+    private static <T extends Closeable> Resident fifo(String kind, String tops, Opening<T> opening,
+                                                       Use<T> use) {
+        return io(kind, tops, self -> {
             File path = new File(Files.createTempDirectory("zoo").toFile(), kind);
+            new ProcessBuilder("mkfifo", path.getPath()).inheritIO().start().waitFor();
+            RandomAccessFile otherEnd = self.closing(new RandomAccessFile(path, "rw"));
             self.onRelease(() -> {
                 Files.delete(path.toPath());
                 Files.delete(path.getParentFile().toPath());
-            });
-            int status = new ProcessBuilder("mkfifo", path.getPath()).inheritIO().start().waitFor();
-            if (status != 0)
-                throw new IOException("mkfifo ended with " + status);
-            RandomAccessFile otherEnd = self.closing(new RandomAccessFile(path, "rw"));
-            self.onRelease(() -> {
-                byte[] sink = new byte[1 << 16];
                 if (kind.equals("file-write"))
-                    for (int left = MORE_THAN_A_FIFO_HOLDS; left > 0;)
-                        left -= otherEnd.read(sink);
+                    otherEnd.readFully(new byte[MORE_THAN_A_FIFO_HOLDS]);
                 else
                     otherEnd.write(0);
             });

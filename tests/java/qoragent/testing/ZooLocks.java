@@ -1,8 +1,7 @@
 package qoragent.testing;
 
+import java.util.Arrays;
 import java.util.List;
-import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
 
@@ -20,7 +19,6 @@ final class ZooLocks {
     private static final Object REENTERED = new Outer();
     private static final Object[] SWAPPED = {new Outer(), new Other()};
     private static final ReentrantLock LOCK = new ReentrantLock();
-    private static final long HOUR_MILLIS = 3_600_000;
     private static final String SLEEPING =
         "java.lang.Thread.sleep java.lang.Thread.sleep0 java.lang.Thread.sleepNanos0";
     static final String WAITING = "java.lang.Object.wait java.lang.Object.wait0";
@@ -29,67 +27,41 @@ final class ZooLocks {
 
     private ZooLocks() {}
 
-    static void addTo(List<Resident> all) {
-        all.add(new Resident("sleep", Thread.State.TIMED_WAITING, SLEEPING, self -> {
-            self.onRelease(() -> self.thread().interrupt());
-            return () -> Thread.sleep(HOUR_MILLIS);
-        }));
-        all.add(Resident.parked("park", Resident.Gate::pass));
-        all.add(new Resident("park-timed", Thread.State.TIMED_WAITING, Resident.PARKED,
-                             self -> unparked(self, () -> LockSupport.parkNanos(TimeUnit.HOURS.toNanos(1)))));
-        all.add(new Resident("latch", Thread.State.WAITING, Resident.PARKED, self -> {
-            CountDownLatch latch = new CountDownLatch(1);
-            self.onRelease(latch::countDown);
-            return latch::await;
-        }));
-        all.add(new Resident("swapper", Thread.State.WAITING, Resident.PARKED,
-                             self -> unparked(self, () -> hold(wanted, self))));
-        all.add(waiting("wait", new Object(), 0));
-        all.add(waiting("wait-timed", new Object(), HOUR_MILLIS));
-        all.add(waiting("wait-inside", new Outer(), 0));
-        all.add(new Resident("join", Thread.State.WAITING, WAITING, self -> {
-            Resident joined = Resident.parked("joined", Resident.Gate::pass);
-            joined.start();
-            self.onRelease(joined::release);
-            return joined.thread()::join;
-        }));
-        all.add(Resident.parked("holder", ZooLocks::takeOuter));
-        all.add(new Resident("blocked", Thread.State.BLOCKED, "qoragent.testing.ZooLocks.wantInner",
-                             self -> ZooLocks::takeWanting));
-        all.add(new Resident("blocked-second", Thread.State.BLOCKED, "qoragent.testing.ZooLocks.takeWanting",
-                             self -> ZooLocks::takeWanting));
-        all.add(Resident.parked("reentrant", gate -> takeTwice(1, gate)));
-        all.add(Resident.parked("lock-holder", gate -> {
-            LOCK.lock();
-            gate.pass();
-            LOCK.unlock();
-        }));
-        all.add(new Resident("lock-waiter", Thread.State.WAITING, Resident.PARKED, self -> () -> {
-            LOCK.lock();
-            LOCK.unlock();
-        }));
-        all.add(new Resident("lock-waiter-timed", Thread.State.TIMED_WAITING, Resident.PARKED, self -> () -> {
-            if (LOCK.tryLock(HOUR_MILLIS, TimeUnit.MILLISECONDS))
-                LOCK.unlock();
-        }));
+    static List<Resident> all() {
+        return Arrays.asList(
+            new Resident("sleep", Thread.State.TIMED_WAITING, SLEEPING, ZooLocks::sleep),
+            Resident.parked("park", Resident.Gate::pass),
+            new Resident("swapper", Thread.State.WAITING, Resident.PARKED, ZooLocks::keepSwapping),
+            new Resident("wait", Thread.State.WAITING, WAITING, ZooLocks::await),
+            Resident.parked("holder", ZooLocks::takeOuter),
+            new Resident("blocked", Thread.State.BLOCKED, "qoragent.testing.ZooLocks.wantInner",
+                         self -> ZooLocks::takeWanting),
+            new Resident("blocked-second", Thread.State.BLOCKED, "qoragent.testing.ZooLocks.takeWanting",
+                         self -> ZooLocks::takeWanting),
+            Resident.parked("reentrant", gate -> takeTwice(1, gate)),
+            Resident.parked("lock-holder", gate -> lock(gate::pass)),
+            new Resident("lock-waiter", Thread.State.WAITING, Resident.PARKED, self -> () -> lock(() -> {})));
     }
 
-    /** Does it again until it is released, when it is unparked. */
-    private static Resident.Work unparked(Resident self, Runnable step) {
-        self.onRelease(() -> LockSupport.unpark(self.thread()));
-        return () -> {
-            while (!self.released())
-                step.run();
-        };
+    private static Resident.Work sleep(Resident self) {
+        self.onRelease(() -> self.thread().interrupt());
+        return () -> Thread.sleep(3_600_000);
     }
 
-    /** Waits for a monitor, which it gives up for that, inside its kind's, which it keeps. */
-    private static Resident waiting(String kind, Object monitor, long millis) {
-        Thread.State state = millis == 0 ? Thread.State.WAITING : Thread.State.TIMED_WAITING;
-        return new Resident(kind, state, WAITING, self -> {
-            self.onRelease(() -> notifyAll(monitor));
-            return () -> await(self, monitor, millis);
-        });
+    /** Waits for a monitor, which it gives up for that, inside another, which it keeps. */
+    private static Resident.Work await(Resident self) {
+        Object monitor = new Object();
+        self.onRelease(() -> notifyAll(monitor));
+        return () -> awaitInside(self, monitor);
+    }
+
+    private static void awaitInside(Resident self, Object monitor) throws InterruptedException {
+        synchronized (self) {
+            synchronized (monitor) {
+                while (!self.released())
+                    monitor.wait();
+            }
+        }
     }
 
     private static void notifyAll(Object monitor) {
@@ -98,16 +70,21 @@ final class ZooLocks {
         }
     }
 
-    private static void await(Resident self, Object monitor, long millis) throws InterruptedException {
-        synchronized (self) {
-            synchronized (monitor) {
-                while (!self.released())
-                    monitor.wait(millis);
-            }
-        }
+    private static void lock(Runnable inside) {
+        LOCK.lock();
+        inside.run();
+        LOCK.unlock();
     }
 
-    /** Parks at one place with one of two monitors, and takes the other when it is told to. */
+    private static Resident.Work keepSwapping(Resident self) {
+        self.onRelease(() -> LockSupport.unpark(self.thread()));
+        return () -> {
+            while (!self.released())
+                hold(wanted, self);
+        };
+    }
+
+    /** Parks at one place with one of two monitors, until it is to take the other. */
     private static void hold(int mine, Resident self) {
         synchronized (SWAPPED[mine]) {
             held = mine;
@@ -134,12 +111,10 @@ final class ZooLocks {
     private static void takeMiddleAndTwin(Resident.Gate gate) {
         synchronized (MIDDLE) {
             synchronized (TWIN) {
-                takeNothing(gate);
+                takeInner(gate);
             }
         }
     }
-
-    private static void takeNothing(Resident.Gate gate) { takeInner(gate); }
 
     private static void takeInner(Resident.Gate gate) {
         synchronized (INNER) {

@@ -1,50 +1,31 @@
 package qoragent.testing;
 
+import java.util.Arrays;
 import java.util.List;
 
-/** Residents that run, wait in a class's initialiser or for a process, or are deep in a recursion. */
+/** Residents that run, wait for a process, or are deep in a recursion. */
 final class ZooRun {
     private static volatile long turns;
 
     private ZooRun() {}
 
-    static void addTo(List<Resident> all) {
-        all.add(new Resident("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun.spin",
-                             self -> () -> spin(self)));
-        all.add(Resident.parked("initialiser", gate -> {
-            SlowStart.gate = gate;
-            Class.forName(Stuck.class.getName(), true, new OwnCopyLoader(Stuck.class));
-        }));
-        all.add(new Resident(
-            "process-wait", Thread.State.WAITING, ZooLocks.WAITING + " " + Resident.PARKED, self -> {
-                Process child = new ProcessBuilder("cat").start();
-                self.onRelease(child.getOutputStream()::close); // the end of its input ends it
-                return child::waitFor;
-            }));
-        all.add(deep("deep", 60));
+    static List<Resident> all() {
+        return Arrays.asList(new Resident("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun.spin",
+                                          self -> () -> spin(self)),
+                             new Resident("process-wait", Thread.State.WAITING,
+                                          ZooLocks.WAITING + " " + Resident.PARKED, ZooRun::awaitProcess),
+                             deep("deep", 60));
     }
 
     private static void spin(Resident self) {
-        long n = 0;
         while (!self.released())
-            n++;
-        turns = n;
+            turns++;
     }
 
-    /** The class whose initialiser doesn't end; each zoo loads it anew. */
-    static final class Stuck {
-        static { SlowStart.pass(); }
-
-        private Stuck() {}
-    }
-
-    /** What it waits for; public, as copies of Stuck are in packages of their own. */
-    public static final class SlowStart {
-        private static volatile Resident.Gate gate;
-
-        private SlowStart() {}
-
-        public static void pass() { gate.pass(); }
+    private static Resident.Work awaitProcess(Resident self) throws Exception {
+        Process child = new ProcessBuilder("cat").start();
+        self.onRelease(child.getOutputStream()::close); // the end of its input ends it
+        return child::waitFor;
     }
 
     /** One that is `extra` calls deep below the frames that any of them has. */
