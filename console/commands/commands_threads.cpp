@@ -105,14 +105,15 @@ void AddTiers(const Settings &settings, pid_t pid, Thread *thread) {
         TakeTiers(*told, thread);
 }
 
-std::string HolderText(const LockHolder &holder, const Thread &waiter, const Style &style) {
+std::string HolderText(const LockHolder &holder, const Thread &waiter, const std::string &virtual_holder,
+                       const Style &style) {
     switch (holder.answer) {
     case LockHolder::FOUND:
         return HolderLine(holder.thread, style);
     case LockHolder::NO_FRAMES:
         return fmt::format("held by thread #{}, which runs no Java code\n", waiter.waits_for->owner.thread);
     case LockHolder::NOBODY:
-        return "no thread is known to hold it\n";
+        return virtual_holder.empty() ? "no thread is known to hold it\n" : virtual_holder + "\n";
     case LockHolder::MOVED_ON:
         break;
     }
@@ -131,7 +132,9 @@ void ShowLockOf(const Settings &settings, pid_t pid, const ThreadSample &sample,
     Style style = TerminalStyle(settings);
     Json json = LockJson(sample, waiter);
     json["holder"] = ToJson(holder);
-    PrintView(settings, 0, json, WaiterLine(waiter, style) + HolderText(holder, waiter, style));
+    PrintView(settings, 0, json,
+              WaiterLine(waiter, style) +
+                  HolderText(holder, waiter, VirtualHolderText(sample, waiter), style));
 }
 
 void RunVirtualThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command) {
@@ -218,8 +221,11 @@ void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, do
         std::string key = RequireThreadKey(settings, RequireProcess(pid), thread);
         ThreadSample sample = AskForAll(settings, pid, true);
         const Thread *waiter = FindByKey(sample, key);
-        if (!waiter)
-            throw NoSuchThread(pid, thread);
+        if (!waiter || !waiter->waits_for) { // samples lack virtual threads, and monitors that these hold
+            sample = RequireStack(settings, pid, key);
+            AddTiers(settings, pid, &sample.threads[0]);
+            waiter = &sample.threads[0];
+        }
         ShowLockOf(settings, pid, sample, *waiter);
         return;
     }

@@ -13,6 +13,7 @@ namespace qorctl {
 namespace {
 
 constexpr size_t CANDIDATES_TOLD = 8;
+constexpr char HELD_BY_VIRTUAL[] = "held by a virtual thread";
 
 bool Holds(const std::string &text, const std::string &part) {
     auto equal = [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); };
@@ -65,7 +66,7 @@ std::string HolderCell(const ThreadSample &sample, const Thread &waiter) {
     if (std::string text = VirtualHolderText(sample, waiter); !text.empty())
         return text;
     if (HeldByVirtualThread(sample, waiter))
-        return "held by a virtual thread";
+        return HELD_BY_VIRTUAL;
     if (const Thread *holder = HolderOf(sample, waiter))
         return NameAndId(*holder);
     int64_t owner = waiter.waits_for->owner.thread;
@@ -87,6 +88,8 @@ std::string VirtualHolderText(const ThreadSample &sample, const Thread &waiter) 
     std::optional<std::string> name = waiter.waits_for ? VirtualOwner(sample, waiter) : std::nullopt;
     if (!name)
         return "";
+    if (waiter.waits_for->owner.thread <= 0)
+        return HELD_BY_VIRTUAL;
     std::string text = fmt::format("held by virtual thread #{}", waiter.waits_for->owner.thread);
     return name->empty() ? text : fmt::format("{} {}", text, *name);
 }

@@ -30,7 +30,7 @@ Json LocksJson(const ThreadSample &sample);
 std::string WaiterLine(const Thread &waiter, const Style &style);
 std::string HolderLine(const Thread &holder, const Style &style);
 Json LockJson(const ThreadSample &sample, const Thread &waiter);
-// "held by virtual thread #42 NAME" of a waiter whose lock one owns; "" for other owners.
+// "held by virtual thread #42 NAME", or of an unknown one that it is one; "" for other owners.
 std::string VirtualHolderText(const ThreadSample &sample, const Thread &waiter);
 
 Json BriefJson(const Thread &thread);

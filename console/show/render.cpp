@@ -36,10 +36,10 @@ std::string WaitText(const ThreadSample &sample, const Thread &thread,
     bool parked = !thread.stack.empty() && thread.stack[0].method == "park";
     const char *how = thread.state == "Lock" ? "- waiting to lock " : parked ? PARKING : "- waiting on ";
     std::string text = how + LockText(wait.lock, wait.class_name);
-    if (wait.owner.thread <= 0)
-        return thread.state == "Lock" ? text + ", " + OWNER_UNKNOWN : text;
     if (std::string holder = VirtualHolderText(sample, thread); !holder.empty())
         return text + ", " + holder;
+    if (wait.owner.thread <= 0)
+        return thread.state == "Lock" ? text + ", " + OWNER_UNKNOWN : text;
     text += fmt::format(", held by thread #{}", wait.owner.thread);
     auto name = names.find(wait.owner.thread);
     return name == names.end() ? text : fmt::format("{} \"{}\"", text, name->second);

@@ -20,6 +20,7 @@
 #include "jvmti/threads/MonitorMemo.h"
 #include "jvmti/threads/VirtualFields.h"
 #include "jvmti/threads/VirtualGroups.h"
+#include "jvmti/threads/VirtualMonitors.h"
 #include "qorthreads/qorthreads.h"
 #include "sunprint/report/connection_list.h"
 #include "sunprint/report/jdbc_versions.h"
@@ -76,6 +77,7 @@ void QorDropSession(JNIEnv *env) {
     QorDropMemo();
     QorDropVirtualFields();
     QorDropVirtualGroups();
+    QorDropVirtualMonitors();
 }
 
 void exitAgent(JNIEnv *env) {

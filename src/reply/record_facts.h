@@ -25,5 +25,6 @@ struct QorMonitorRecord {
     int32_t waiting;             // 1 for the lock that the thread waits for
     int64_t lockId;              // the lock's number as the console knows it
     int64_t owner;               // Java thread id of the owner, 0 when not known
+    bool ownerIsVirtual;         // the owner, known or not, is known to be a virtual thread
     int32_t stackDepth;          // depth of the frame that took the lock
 };

@@ -26,6 +26,34 @@ final class Virtual {
             LockSupport.park();
     }
 
+    static final Object MONITOR = new Object();
+
+    static void hold(CountDownLatch held) {
+        synchronized (MONITOR) {
+            held.countDown();
+            while (true)
+                LockSupport.park();
+        }
+    }
+
+    static synchronized void want() {
+        hold(new CountDownLatch(1));
+    }
+
+    /** A virtual thread holds the monitor, another wants it and holds the class, which a third one wants. */
+    static void startWaiters() throws Exception {
+        CountDownLatch held = new CountDownLatch(1);
+        Thread.ofVirtual().name("m-holds").start(() -> hold(held));
+        held.await();
+        for (Thread waiter : new Thread[] {Thread.ofVirtual().name("m-wants").unstarted(Virtual::want),
+                                           Thread.ofVirtual().name("m-wants-class").unstarted(Virtual::want),
+                                           new Thread(() -> hold(held), "m-platform")}) {
+            waiter.start();
+            while (waiter.getState() != Thread.State.BLOCKED)
+                Thread.sleep(1);
+        }
+    }
+
     public static void main(String[] args) throws Exception {
         CountDownLatch owned = new CountDownLatch(1), started = new CountDownLatch(2);
         Thread.ofVirtual().name("v-owner").start(() -> own(owned));
@@ -36,6 +64,9 @@ final class Virtual {
         Thread.ofVirtual().name("v-spins").start(() -> spin(started));
         Thread.ofVirtual().start(() -> spin(started));
         started.await();
+        startWaiters();
+        System.out.println("monitor " + System.identityHashCode(MONITOR));
+        System.out.println("class " + System.identityHashCode(Virtual.class));
         System.out.println("ready");
         while (System.in.read() >= 0)
             continue;

@@ -8,6 +8,7 @@ import unittest
 from harness import SETTINGS, Case, Program, folder, run_tool, wait_until
 
 FIRST = 21  # the JDK with virtual threads
+WITH_SNAPSHOTS = 25  # and the one that reports their monitors
 
 
 def newest_jdk():
@@ -28,7 +29,7 @@ class Virtual(Case):
             raise unittest.SkipTest(f"virtual threads, for want of a JDK of {FIRST} or later")
         source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "Virtual.java")
         cls.jdk = jdk
-        cls.app = Program("-Xcheck:jni", "-Djdk.virtualThreadScheduler.parallelism=3", source, jdk=jdk)
+        cls.app = Program("-Xcheck:jni", "-Djdk.virtualThreadScheduler.parallelism=8", source, jdk=jdk)
         cls.addClassCleanup(cls.app.__exit__)
 
     def dump(self):
@@ -43,7 +44,7 @@ class Virtual(Case):
 
     def test_mounted_ones_are_rows_with_their_own_frames(self):
         threads = self.json("threads", self.app.pid, "--all", "--details")["threads"]
-        shown = {t["id"]: t for t in threads if t.get("virtual")}
+        shown = {t["id"]: t for t in threads if t.get("virtual") and t["name"][:2] != "m-"}
         truth = {tid: (name, calls) for tid, (name, calls) in self.dump().items() if "Virtual.spin" in calls}
         self.assertEqual({tid: t["name"] for tid, t in shown.items()},
                          {tid: name for tid, (name, _) in truth.items()})
@@ -52,7 +53,7 @@ class Virtual(Case):
             self.assertEqual([c for i, c in enumerate(calls) if not i or c in truth[tid][1]], truth[tid][1])
         self.assertEqual({(t["state"], t["call"]["method"]) for t in shown.values()}, {("Runnable", "spin")})
         self.assertEqual({t["key"]: t["carries"] for t in threads if "carries" in t},
-                         {t["carrier"]: t["key"] for t in shown.values()})
+                         {t["carrier"]: t["key"] for t in threads if t.get("virtual")})
         listed = self.json("threads", self.app.pid, "--all")["threads"]
         for word in ("carrier", "carries"):
             self.assertEqual(*({t["key"]: t[word] for t in rows if word in t} for rows in (threads, listed)))
@@ -80,3 +81,21 @@ class Virtual(Case):
                          ("v-owner", "own", "v-owner"))
         said = f"held by virtual thread #{holder['id']} v-owner"
         self.assertIn(said, self.answer("locks", self.app.pid).out)
+
+    def test_monitors_have_virtual_owners_and_waiters(self):
+        ids = {name: tid for tid, (name, _) in self.dump().items()}
+        hashes = dict(re.findall(r"(monitor|class) (\d+)", self.app.output()))
+        for waiter, lock, holder in (("m-wants", "monitor", "m-holds"), ("m-wants-class", "class", "m-wants"),
+                                     ("m-platform", "monitor", "m-holds")):
+            (thread,) = self.json("stack", self.app.pid, ids[waiter])["threads"]
+            said = self.answer("locks", self.app.pid, ids[waiter]).out
+            self.assertEqual((thread["state"], str(thread["waits_for"]["lock"])), ("Lock", hashes[lock]))
+            self.assertIn(f"<{hashes[lock]}>", said)
+            self.assertIn(f'held by "{holder}" #{ids[holder]} ', said)
+            text = self.answer("stack", self.app.pid, ids[waiter]).out
+            self.assertIn(f"held by virtual thread #{ids[holder]} {holder}\n", text)
+        if SETTINGS.version >= WITH_SNAPSHOTS:
+            (thread,) = self.json("stack", self.app.pid, ids["m-holds"])["threads"]
+            owned = [(str(o["lock"]), thread["stack"][o["depth"]]["method"]) for o in thread["owns"]]
+            self.assertEqual(owned, [(hashes["monitor"], "hold")])
+        self.assertNotRegex(self.app.output(), "WARNING in native|FATAL ERROR")

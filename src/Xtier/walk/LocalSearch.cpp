@@ -219,8 +219,8 @@ void VisitJniLocal(QorLocalWalk *walk, const jvmtiHeapReferenceInfo *info, jlong
 }
 
 // A thread and its locals come ahead of all other roots, so the first root of these kinds is the end of what
-// can be found. A walk that goes on to the references between objects costs a pass over the heap, even if it
-// is ended at the first of them.
+// can be found; not one of kind OTHER, which each virtual thread is that is mounted. A walk that goes on to
+// the references between objects costs a pass over the heap, even if it is ended at the first of them.
 jint VisitOther(QorLocalWalk *walk, jvmtiHeapReferenceKind kind) {
     if (gbIbmJvm)
         return JVMTI_VISIT_OBJECTS;
@@ -228,7 +228,7 @@ jint VisitOther(QorLocalWalk *walk, jvmtiHeapReferenceKind kind) {
         return Abort(walk, WALK_HEAP_REACHED, kind);
     const bool isBehindStacks = kind == JVMTI_HEAP_REFERENCE_JNI_GLOBAL ||
                                 kind == JVMTI_HEAP_REFERENCE_SYSTEM_CLASS ||
-                                kind == JVMTI_HEAP_REFERENCE_MONITOR || kind == JVMTI_HEAP_REFERENCE_OTHER;
+                                kind == JVMTI_HEAP_REFERENCE_MONITOR;
     return isBehindStacks && walk->stacksSeen ? Abort(walk, WALK_BEHIND_STACKS, kind) : JVMTI_VISIT_OBJECTS;
 }
 

@@ -18,11 +18,11 @@ namespace {
 constexpr jlocation NATIVE_LOCATION = -1;
 constexpr int32_t LAST_HEAP_KIND = 20; // references from object to object, and room for more of them
 
-// Locals are reported ahead of all of these, apart from those of virtual threads, which no view shows. Going
-// on would lead through the whole heap.
+// Locals are reported ahead of all of these, apart from those of virtual threads that no carrier runs. Going
+// on would lead through the whole heap. Each mounted thread is of kind OTHER, ahead of its locals.
 bool IsBehindLocals(jvmtiHeapReferenceKind kind) {
     return kind <= LAST_HEAP_KIND || kind == JVMTI_HEAP_REFERENCE_JNI_GLOBAL ||
-           kind == JVMTI_HEAP_REFERENCE_SYSTEM_CLASS || kind == JVMTI_HEAP_REFERENCE_OTHER;
+           kind == JVMTI_HEAP_REFERENCE_SYSTEM_CLASS;
 }
 
 // The console may know the method by a number of 32 bits.

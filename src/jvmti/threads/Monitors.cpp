@@ -4,6 +4,7 @@
 #include "MonitorMemo.h"
 #include "MonitorsManagement.h"
 #include "VirtualFields.h"
+#include "VirtualMonitors.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/changes/trycatch.h"
@@ -25,6 +26,7 @@ enum MonitorRoad { ROAD_NONE, ROAD_JVMTI, ROAD_MANAGEMENT };
 // Room for "@" and a number after a description.
 constexpr size_t LONGEST_NUMBERED = 1000;
 constexpr jint MONITOR_REFERENCES = 32;
+constexpr char NO_NAME[] = "^";
 
 // Makes room for further references behind many that JVMTI has handed out at once.
 void ExpectReferences() {
@@ -212,18 +214,63 @@ jobject ParkedByOwner(const QorThreadHandle *handle, int64_t id) {
     return owner && QorReadThreadId(static_cast<jthread>(owner), &ownerId) && ownerId == id ? owner : nullptr;
 }
 
-// What a virtual thread waits for, of which neither JVMTI nor management says anything.
+bool ReadName(jobject thread, char *name) {
+    jvmtiThreadInfo info = {};
+    if (jvmti->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE)
+        return false;
+    QorCopyName(name, info.name && info.name[0] ? info.name : NO_NAME);
+    jvmti->Deallocate(reinterpret_cast<unsigned char *>(info.name));
+    return true;
+}
+
+// The virtual thread that was last found to own what a thread waits for.
+struct FoundOwner {
+    int64_t tid;
+    char name[NAME_SIZE];
+};
+FoundOwner foundOwner;
+
+int32_t DescribeWanted(const QorWantedMonitor &wanted, QorMonitorRecord *record) {
+    jvmtiError error;
+    if (ReadLockClass(QorGetObjectClass(jvmtijni_env, wanted.object), record->description, &error) != 1)
+        return 0;
+    if (wanted.owner && !QorReadThreadId(static_cast<jthread>(wanted.owner), &record->owner))
+        return 0;
+    NumberLock(wanted.object, record);
+    record->waiting = 1;
+    record->ownerIsVirtual = wanted.ownerIsVirtual;
+    foundOwner.tid = wanted.owner && ReadName(wanted.owner, foundOwner.name) ? record->owner : 0;
+    return 1;
+}
+
+// What a virtual thread waits for, of which neither JVMTI nor management says anything: a lock of
+// java.util.concurrent by its fields, or a monitor.
 int32_t ContendedByFields(const QorThreadHandle *handle, QorMonitorRecord *record) {
     QorLocalFrame frame(jvmtijni_env, 8);
     jobject blocker = frame.pushed && LookUpOwners() ? QorParkBlocker(handle, handle->index) : nullptr;
     jobject owner = QorOwnerOfBlocker(blocker);
-    jvmtiError error;
-    if (!owner || !QorReadThreadId(static_cast<jthread>(owner), &record->owner) ||
-        ReadLockClass(QorGetObjectClass(jvmtijni_env, blocker), record->description, &error) != 1)
+    return owner && DescribeWanted({blocker, owner, false}, record);
+}
+
+// A monitor that a virtual thread waits for, or holds while the thread waits.
+int32_t ContendedByVirtual(const QorThreadHandle *handle, QorMonitorScope scope, QorMonitorRecord *record) {
+    QorLocalFrame frame(jvmtijni_env, MONITOR_REFERENCES);
+    QorWantedMonitor wanted = {};
+    return frame.pushed && QorFindWantedMonitor(handle, scope, &wanted) && DescribeWanted(wanted, record);
+}
+
+int32_t OwnedByVirtual(QorThreadHandle *handle, QorMonitorScope scope, QorMonitorRecord **out) {
+    QorHeldMonitor held[MONITOR_REFERENCES];
+    QorLocalFrame frame(jvmtijni_env, 2 * MONITOR_REFERENCES);
+    if (scope != MONITORS_OF_ONE_THREAD || !frame.pushed)
         return 0;
-    NumberLock(blocker, record);
-    record->waiting = 1;
-    return 1;
+    const int32_t count = QorFindHeldMonitors(handle, held, MONITOR_REFERENCES);
+    if (count == 0)
+        return 0;
+    *out = static_cast<QorMonitorRecord *>(calloc(static_cast<size_t>(count), sizeof(QorMonitorRecord)));
+    for (int32_t i = 0; *out && i < count; i++)
+        ReadOwnedMonitor({held[i].object, held[i].depth}, &(*out)[i]);
+    return *out ? count : 0;
 }
 
 // A virtual thread that holds a monitor stays on its carrier, which the JVM then takes for the owner. It
@@ -273,6 +320,8 @@ int32_t QorGetOwnedMonitorInfo(QorThreadHandle *handle, const QorThreadRecord *t
     const MonitorRoad road = ChooseRoad();
     if (!AtThread(handle) || !thread || road == ROAD_NONE)
         return 0;
+    if (road != ROAD_JVMTI && QorIsVirtual(handle, handle->index))
+        return OwnedByVirtual(handle, scope, out);
     const bool byMemo = road == ROAD_MANAGEMENT && scope == MONITORS_OF_THE_WALK && QorMemoUsable();
     if (byMemo && !QorMemoMustAsk(handle, handle->index) && !QorMemoWasAsked(handle->index))
         return QorMemoRecall(handle->index, out);
@@ -295,7 +344,7 @@ int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecor
     if (!AtThread(handle) || !thread || !record || road == ROAD_NONE)
         return 0;
     if (QorIsVirtual(handle, handle->index))
-        return ContendedByFields(handle, record);
+        return ContendedByFields(handle, record) || ContendedByVirtual(handle, scope, record);
     if (scope == MONITORS_OF_THE_WALK && !QorMayWaitForLock(handle, handle->index))
         return 0;
     QorLocalFrame frame(jvmtijni_env, 1);
@@ -304,24 +353,22 @@ int32_t QorGetContendedMonitorInfo(QorThreadHandle *handle, const QorThreadRecor
     const int32_t found = ContendedByRoad(road, handle, thread, scope, record, wantOwner);
     if (found == 1)
         CorrectOwner(handle, record);
-    return found;
+    return found == 1 ? found : ContendedByVirtual(handle, scope, record);
 }
 
 bool QorNameVirtualOwner(const QorThreadHandle *handle, const QorMonitorRecord &lock, char *name) {
     QorLocalFrame frame(jvmtijni_env, 8);
+    if (lock.ownerIsVirtual) {
+        QorCopyName(name, lock.owner != 0 && lock.owner == foundOwner.tid ? foundOwner.name : NO_NAME);
+        return true;
+    }
     if (!frame.pushed || !AtThread(handle) || lock.owner == 0 || !LookUpOwners())
         return false;
     jobject owner = ParkedByOwner(handle, lock.owner);
     for (int32_t i = 0; !owner && i < handle->count; i++)
         if (QorIsVirtual(handle, i) && QorGetWalkThreadId(handle, i) == lock.owner)
             owner = handle->threads[i];
-    jvmtiThreadInfo info = {};
-    if (!owner || !QorIsVirtualThread(owner) ||
-        jvmti->GetThreadInfo(static_cast<jthread>(owner), &info) != JVMTI_ERROR_NONE)
-        return false;
-    QorCopyName(name, info.name && info.name[0] ? info.name : "^");
-    jvmti->Deallocate(reinterpret_cast<unsigned char *>(info.name));
-    return true;
+    return owner && QorIsVirtualThread(owner) && ReadName(owner, name);
 }
 
 int32_t QorGetParkedOn(const QorThreadHandle *handle, QorMonitorRecord *record) {

@@ -2,6 +2,7 @@
 
 #include "MethodTable.h"
 #include "MonitorMemo.h"
+#include "VirtualMonitors.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JniFields.h"
 #include "jvmti/Session.h"
@@ -387,6 +388,7 @@ int64_t QorGetWaitCount(const QorThreadHandle *handle, int32_t index) {
 }
 
 void QorCloseMonitorSample() {
+    QorCloseVirtualMonitors();
     QorCloseMemoWalk();
     DropBatch(&waits);
     DropBatch(&owned);

@@ -174,8 +174,7 @@ bool FindFields(const JdkClass &row, jclass klass) {
 // Looks at one class. Its fields are found in one go, so one that failed isn't asked again.
 QorVirtualState LookUp(const JdkClass &row, bool *isFound) {
     const QorLocalFrame frame(jvmtijni_env, 2);
-    jclass klass = frame.pushed ? findBootClass(jvmtijni_env, row.name) : nullptr;
-    QorClearException(jvmtijni_env);
+    jclass klass = frame.pushed ? QorFindBootClass(row.name) : nullptr;
     if (!klass) {
         TurnOff("no class ", row.name);
         return VIRTUAL_OFF;
@@ -199,6 +198,11 @@ int32_t QorJvmRelease() {
     if (!jvmti || jvmti->GetVersionNumber(&version) != JVMTI_ERROR_NONE)
         return 0;
     return (version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR;
+}
+
+jclass QorFindBootClass(const char *name) {
+    jclass klass = OpenClassLookUp() ? findBootClass(jvmtijni_env, name) : nullptr;
+    return QorClearException(jvmtijni_env) ? nullptr : klass;
 }
 
 QorVirtualState QorLookUpVirtual() {

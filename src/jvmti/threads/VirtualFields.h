@@ -44,6 +44,9 @@ extern QorVirtualFields qorVirtual;
 // The JVM's release, such as 21; 0 without a session.
 int32_t QorJvmRelease();
 
+// A class of the boot loader, which isn't initialised by it; a local reference, or null.
+jclass QorFindBootClass(const char *name);
+
 // Looks up what hasn't been found yet.
 QorVirtualState QorLookUpVirtual();
 
