@@ -512,6 +512,7 @@ int Run(int argc, char **argv) {
 
 int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN); // what can't be written is said
+    signal(SIGXFSZ, SIG_IGN);
     try {
         return Run(argc, argv);
     } catch (const Failure &failure) {

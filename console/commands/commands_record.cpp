@@ -6,6 +6,7 @@
 #include "report/thread_formats.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace qorctl {
 
@@ -44,21 +45,26 @@ static void WriteReport(const std::string &out, const std::string &text) {
         return;
     }
     PartFile file(out);
-    file.Write(text);
-    file.Close();
+    try {
+        file.Write(text);
+        file.Close();
+    } catch (const WriteFailure &) {
+        unlink(out.c_str());
+        throw;
+    }
     Print(fmt::format("{}, {:.1f} KB\n", out, static_cast<double>(file.bytes()) / 1000));
 }
 
 void RunReport(const ReportCommand &command) {
-    std::string text = ReadPart(command.file);
+    const Source file = [&](const auto &use) { ReadPart(command.file, use); };
     if (command.jstack > 0) {
-        OneSample sample = ReadSample(text, command.jstack);
+        OneSample sample = ReadSample(file, command.jstack);
         WriteReport(command.out, JstackText(sample.threads, sample.time, sample.java_version));
         NoteCut(sample.threads);
     } else if (command.folded) {
-        WriteReport(command.out, FoldedText(ReadRecording(text)));
+        WriteReport(command.out, FoldedText(ReadRecording(file)));
     } else {
-        WriteReport(command.out.empty() ? "report.html" : command.out, PageOf(ReadRecording(text)));
+        WriteReport(command.out.empty() ? "report.html" : command.out, PageOf(ReadRecording(file)));
     }
 }
 

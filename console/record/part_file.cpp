@@ -1,12 +1,11 @@
 #include "part_file.h"
 
-#include "base/failure.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <optional>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -26,16 +25,35 @@ Bytef *InputOf(std::string_view text) {
     return reinterpret_cast<Bytef *>(const_cast<char *>(text.data())); // zlib doesn't write there
 }
 
-std::string ReadWhole(const std::string &path) {
-    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::string text, piece(PIECE, '\0');
-    ssize_t count = file.ok() ? 1 : -1;
-    while (count > 0 && (count = read(file.get(), piece.data(), piece.size())) > 0)
-        text.append(piece, 0, static_cast<size_t>(count));
-    if (count < 0)
-        throw Failure(fmt::format("can't read {}: {}", path, strerror(errno)), "check the path", EXIT_USAGE);
-    return text;
-}
+// Unpacks gzip, one archive after the other.
+class Unpacker {
+public:
+    Unpacker() : ok_(inflateInit2(&stream_, ANY_FORM) == Z_OK) {
+        if (!ok_)
+            throw Failure("no memory for unpacking", "unpack the file first");
+    }
+    ~Unpacker() { inflateEnd(&stream_); }
+    Unpacker(const Unpacker &) = delete;
+    Unpacker &operator=(const Unpacker &) = delete;
+
+    void Add(std::string_view packed, const std::function<void(std::string_view)> &use) {
+        char piece[PIECE];
+        stream_.next_in = InputOf(packed);
+        stream_.avail_in = static_cast<uInt>(packed.size());
+        do {
+            stream_.next_out = reinterpret_cast<Bytef *>(piece);
+            stream_.avail_out = sizeof piece;
+            const int state = ok_ ? inflate(&stream_, Z_NO_FLUSH) : Z_DATA_ERROR;
+            ok_ = state == Z_OK || state == Z_BUF_ERROR ||
+                  (state == Z_STREAM_END && inflateReset(&stream_) == Z_OK);
+            use({piece, sizeof piece - stream_.avail_out});
+        } while (ok_ && (stream_.avail_in > 0 || stream_.avail_out == 0));
+    }
+
+private:
+    z_stream stream_ = {};
+    bool ok_; // up to here
+};
 
 } // namespace
 
@@ -72,8 +90,8 @@ void PartFile::Put(std::string_view bytes) {
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
-            throw Failure(fmt::format("can't write to {}: {}", path_, strerror(errno)),
-                          "what was written before is whole; make room and record again");
+            throw WriteFailure(fmt::format("can't write to {}: {}", path_, strerror(errno)),
+                               "make room, or give another place with --out");
         bytes_ += static_cast<uint64_t>(count);
         bytes.remove_prefix(static_cast<size_t>(count));
     }
@@ -100,6 +118,13 @@ void PartFile::Write(std::string_view line) {
     }
     Put(line);
     Put("\n");
+    whole_ = bytes_;
+}
+
+bool PartFile::TakeBack() {
+    bytes_ = whole_;
+    return !gzip_ && path_ != "-" && ftruncate(file_.get(), static_cast<off_t>(whole_)) == 0 &&
+           lseek(file_.get(), static_cast<off_t>(whole_), SEEK_SET) >= 0;
 }
 
 void PartFile::Flush() {
@@ -121,24 +146,21 @@ std::string PartName(const std::string &path, int part) {
     return fmt::format("{}.{}{}", path.substr(0, point), part, path.substr(point));
 }
 
-std::string ReadPart(const std::string &path) {
-    std::string packed = ReadWhole(path), text;
-    if (packed.compare(0, 2, "\x1f\x8b") != 0)
-        return packed;
-    z_stream stream = {};
-    if (inflateInit2(&stream, ANY_FORM) != Z_OK)
-        throw Failure("no memory for unpacking", "unpack the file first");
-    char piece[PIECE];
-    stream.next_in = InputOf(packed);
-    stream.avail_in = static_cast<uInt>(packed.size());
-    for (int state = Z_OK; state == Z_OK;) {
-        stream.next_out = reinterpret_cast<Bytef *>(piece);
-        stream.avail_out = sizeof piece;
-        state = inflate(&stream, Z_NO_FLUSH);
-        text.append(piece, sizeof piece - stream.avail_out);
+void ReadPart(const std::string &path, const std::function<void(std::string_view)> &use) {
+    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::optional<Unpacker> unpacker;
+    std::string piece(PIECE, '\0');
+    ssize_t count = file.ok() ? 1 : -1;
+    for (bool first = true; count > 0; first = false) {
+        if ((count = read(file.get(), piece.data(), piece.size())) <= 0)
+            break;
+        const std::string_view bytes(piece.data(), static_cast<size_t>(count));
+        if (first && bytes.substr(0, 2) == "\x1f\x8b")
+            unpacker.emplace();
+        unpacker ? unpacker->Add(bytes, use) : use(bytes);
     }
-    inflateEnd(&stream);
-    return text;
+    if (count < 0)
+        throw Failure(fmt::format("can't read {}: {}", path, strerror(errno)), "check the path", EXIT_USAGE);
 }
 
 } // namespace qorctl

@@ -157,6 +157,10 @@ std::vector<std::string> PartLines::Sample(const LineHead &head, const TakenSamp
         line["walk_ms"] = *sample.walk_ms;
     if (sample.left_out)
         line["without_tiers"] = true;
+    if (sample.stops)
+        line["stopped_at_most_ms"] = {{"largest", sample.stops->largest_ms},
+                                      {"sum", sample.stops->sum_ms},
+                                      {"calls", sample.stops->calls}};
     if (sample.missing > 0)
         line["missing"] = sample.missing;
     if (sample.process_cpu_ms)

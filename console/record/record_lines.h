@@ -5,6 +5,7 @@
 #pragma once
 
 #include "show/json.h"
+#include "wire/cost.h"
 #include "wire/decode.h"
 #include "wire/memory.h"
 
@@ -42,6 +43,7 @@ struct TakenSample {
     int64_t took_us = 0, agent_us = 0, requests = 0;
     std::optional<int64_t> walk_ms; // what the agent's walk for local variables took
     bool left_out = false;          // no walk, for want of quota
+    std::optional<Cost> stops;      // nothing when the agent doesn't report them
     std::optional<int64_t> process_cpu_ms;
     std::optional<MemoryView> heap;
     std::vector<CollectorBean> collectors;

@@ -14,9 +14,11 @@
 #include <cmath>
 #include <csignal>
 #include <ctime>
+#include <deque>
 #include <fmt/format.h>
 #include <memory>
 #include <optional>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace qorctl {
@@ -88,7 +90,9 @@ public:
     Recorder(const Settings &settings, pid_t pid, const RecordOptions &options)
         : settings_(settings), options_(options), pid_(pid),
           out_(options.out.empty() ? DefaultName(pid) : options.out),
-          pace_(milliseconds(std::llround(options.every * 1000)), options.share / 100) {}
+          pace_(milliseconds(std::llround(options.every * 1000)), options.share / 100) {
+        facts_.part = 0;
+    }
 
     RecordSummary Run();
 
@@ -96,6 +100,8 @@ private:
     void Begin();
     void OpenPart();
     void EndPart(EndReason reason, const std::string &note);
+    void EndTorn(const WriteFailure &failure);
+    RecordSummary RunParts();
     std::optional<EndReason> Loop();
     std::optional<EndReason> TakeOne();
     EndReason AfterLoss(const std::string &why);
@@ -123,7 +129,9 @@ private:
     std::unique_ptr<PartLines> lines_;
     std::optional<EndSignals> signals_;
     steady_clock::time_point began_, flushed_;
+    std::deque<int> kept_; // numbers of the parts that are there
     int64_t agent_us_ = 0, walk_ms_ = 0, longest_us_ = 0, samples_of_part_ = 0;
+    std::optional<Cost> stops_; // of all samples
     bool silent_ = false, told_interval_ = false;
     RecordSummary summary_;
 };
@@ -147,15 +155,23 @@ void Recorder::Begin() {
     facts_.console_version = options_.console_version;
 }
 
+// Files of an earlier recording are kept, and the parts numbered past them; not so the first part, whose
+// name was asked for.
 void Recorder::OpenPart() {
-    facts_.part = ++summary_.parts;
+    ++summary_.parts;
+    do
+        ++facts_.part;
+    while (facts_.part > 1 && out_ != "-" && access(PartName(out_, facts_.part).c_str(), F_OK) == 0);
     file_ = std::make_unique<PartFile>(PartName(out_, facts_.part));
     lines_ = std::make_unique<PartLines>();
     samples_of_part_ = 0;
     flushed_ = steady_clock::now();
     file_->Write(MetaLine(Head(), facts_));
-    if (facts_.part > options_.parts && out_ != "-")
-        unlink(PartName(out_, facts_.part - options_.parts).c_str());
+    kept_.push_back(facts_.part);
+    if (kept_.size() > static_cast<size_t>(options_.parts) && out_ != "-") {
+        unlink(PartName(out_, kept_.front()).c_str());
+        kept_.pop_front();
+    }
 }
 
 void Recorder::EndPart(EndReason reason, const std::string &note) {
@@ -163,6 +179,17 @@ void Recorder::EndPart(EndReason reason, const std::string &note) {
     file_->Close();
     summary_.bytes += file_->bytes();
     summary_.file = file_->path();
+}
+
+// A full disk mostly has room for the reason, in place of the line that it had none for.
+void Recorder::EndTorn(const WriteFailure &failure) {
+    if (!file_->TakeBack())
+        return;
+    try {
+        EndPart(EndReason::FAILED, failure.what());
+    } catch (const WriteFailure &) {
+        file_->TakeBack();
+    }
 }
 
 std::string Recorder::Ask(const std::string &request) {
@@ -198,6 +225,10 @@ void Recorder::WriteSample(const TakenSample &sample) {
     agent_us_ += sample.agent_us;
     longest_us_ = std::max(longest_us_, sample.agent_us);
     walk_ms_ += sample.walk_ms.value_or(0);
+    if (sample.stops) {
+        stops_ = stops_.value_or(Cost());
+        stops_->Add(*sample.stops);
+    }
 }
 
 void Recorder::WriteUnanswered(const std::string &why, milliseconds waited) {
@@ -230,13 +261,19 @@ void Recorder::ShowProgress(bool last) {
     if (!isatty(STDERR_FILENO))
         return;
     double seconds = std::chrono::duration<double>(steady_clock::now() - began_).count();
-    std::string line = fmt::format(
-        "{} samples, {:.1f} MB, {:.0f} ms in the agent (longest {:.0f}), locals {:.2f} % of the time",
-        summary_.samples, static_cast<double>(summary_.bytes + file_->bytes()) / 1e6,
-        static_cast<double>(agent_us_) / 1000, static_cast<double>(longest_us_) / 1000,
-        static_cast<double>(walk_ms_) / 10 / std::max(seconds, 0.1));
+    std::string line = fmt::format("{} samples, {:.1f} MB, ", summary_.samples,
+                                   static_cast<double>(summary_.bytes + file_->bytes()) / 1e6);
+    if (stops_)
+        line += fmt::format("paused {:.0f} ms at most (longest {:.1f})", stops_->sum_ms, stops_->largest_ms);
+    else
+        line += fmt::format("{:.0f} ms in the agent (longest {:.0f})", static_cast<double>(agent_us_) / 1000,
+                            static_cast<double>(longest_us_) / 1000);
+    line += fmt::format(", locals {:.2f} %", static_cast<double>(walk_ms_) / 10 / std::max(seconds, 0.1));
     if (told_interval_)
-        line += fmt::format(", one every {:.1f} s", std::chrono::duration<double>(pace_.interval()).count());
+        line += fmt::format(", every {:.1f} s", std::chrono::duration<double>(pace_.interval()).count());
+    winsize size = {};
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+        line = FitLine(line, {false, size.ws_col});
     fmt::print(stderr, "\r\x1b[K{}{}", line, last ? "\n" : "");
     fflush(stderr);
 }
@@ -281,6 +318,8 @@ std::optional<EndReason> Recorder::Loop() {
         try {
             if (std::optional<EndReason> end = TakeOne())
                 return end;
+        } catch (const WriteFailure &) {
+            throw;
         } catch (const Failure &failure) {
             --summary_.samples;
             EndReason reason = AfterLoss(failure.what());
@@ -328,6 +367,16 @@ RecordSummary Recorder::Run() {
     OpenPart();
     signals_.emplace();
     began_ = steady_clock::now();
+    try {
+        return RunParts();
+    } catch (const WriteFailure &failure) {
+        ShowProgress(true);
+        EndTorn(failure);
+        throw;
+    }
+}
+
+RecordSummary Recorder::RunParts() {
     for (;;) {
         note_.clear();
         EndReason reason = Loop().value_or(EndReason::FAILED);

@@ -35,10 +35,14 @@ int64_t NumberAfter(std::string_view text, std::string_view key) {
 
 std::string Sampler::AskTimed(const AskFunction &ask, const std::string &request, TakenSample *sample) {
     auto start = steady_clock::now();
-    std::string reply = ask(request);
+    std::string reply = ask(WithCost(request));
     auto took = duration_cast<microseconds>(steady_clock::now() - start).count();
     sample->took_us += took;
     ++sample->requests;
+    if (const std::optional<Cost> stops = TakeCost(&reply)) {
+        sample->stops = sample->stops.value_or(Cost());
+        sample->stops->Add(*stops);
+    }
     return reply;
 }
 

@@ -126,9 +126,9 @@ void Finder::Sample(const Json &line) {
 
 } // namespace
 
-OneSample ReadSample(std::string_view text, int64_t number) {
+OneSample ReadSample(const Source &source, int64_t number) {
     Finder finder(number);
-    EachLine(text, [&](const Json &line) { finder.Line(line); });
+    EachLine(source, [&](const Json &line) { finder.Line(line); });
     if (!finder.found)
         throw Failure(fmt::format("the recording has no sample {}", number),
                       "samples are counted from 1, over all parts", EXIT_USAGE);

@@ -21,7 +21,7 @@ std::string FrameName(const Json &frame) {
 // Reads lines in their order.
 class Reader {
 public:
-    Recording Read(std::string_view text);
+    Recording Read(const Source &source);
 
 private:
     // A thread's row of the sample before, and what goes on since.
@@ -51,8 +51,8 @@ private:
     std::map<int64_t, Last> last_; // by thread id
 };
 
-Recording Reader::Read(std::string_view text) {
-    out_.unread = EachLine(text, [this](const Json &line) { Line(line); });
+Recording Reader::Read(const Source &source) {
+    out_.unread = EachLine(source, [this](const Json &line) { Line(line); });
     if (!begun_)
         RequireMeta(Json());
     CloseAll();
@@ -223,14 +223,23 @@ const Json &PartAt(const Json &object, const char *key) {
     return at == object.end() ? nothing : *at;
 }
 
-int64_t EachLine(std::string_view text, const std::function<void(const Json &)> &each) {
+int64_t EachLine(const Source &source, const std::function<void(const Json &)> &each) {
     int64_t unread = 0;
-    while (!text.empty()) {
-        size_t end = text.find('\n');
-        Json line = Json::parse(text.substr(0, end), nullptr, false);
-        text.remove_prefix(end == text.npos ? text.size() : end + 1);
+    std::string begun; // a line whose end is in a later piece
+    auto add = [&] {
+        Json line = Json::parse(begun, nullptr, false);
         line.is_object() ? each(line) : void(++unread);
-    }
+        begun.clear();
+    };
+    source([&](std::string_view piece) {
+        for (size_t end; (end = piece.find('\n')) != piece.npos; piece.remove_prefix(end + 1)) {
+            begun.append(piece.substr(0, end));
+            add();
+        }
+        begun.append(piece);
+    });
+    if (!begun.empty())
+        add();
     return unread;
 }
 
@@ -241,8 +250,8 @@ void RequireMeta(const Json &meta) {
                       "'qorctl record' makes one; docs/record.md has its versions", EXIT_USAGE);
 }
 
-Recording ReadRecording(std::string_view text) {
-    return Reader().Read(text);
+Recording ReadRecording(const Source &source) {
+    return Reader().Read(source);
 }
 
 } // namespace qorctl

@@ -24,8 +24,11 @@ std::string TextAt(const Json &object, const char *key);
 std::optional<int64_t> NumberAt(const Json &object, const char *key);
 const Json &PartAt(const Json &object, const char *key);
 
-// Calls `each` with each line of `text` that is a JSON object; returns how many aren't.
-int64_t EachLine(std::string_view text, const std::function<void(const Json &)> &each);
+// Where a recording comes from: calls what it is given with the bytes, piece by piece.
+using Source = std::function<void(const std::function<void(std::string_view)> &use)>;
+
+// Calls `each` with each line that is a JSON object; returns how many aren't.
+int64_t EachLine(const Source &source, const std::function<void(const Json &)> &each);
 
 // Throws a Failure unless `meta` begins a recording that this qorctl can read.
 void RequireMeta(const Json &meta);
@@ -90,8 +93,8 @@ struct Recording {
     int64_t thread_samples = 0;
 };
 
-// Reads a whole recording. Throws a Failure when the text isn't one, or is of a later version.
-Recording ReadRecording(std::string_view text);
+// Reads a whole recording. Throws a Failure when it isn't one, or is of a later version.
+Recording ReadRecording(const Source &source);
 
 // The threads of one sample, by its number in the file, as they were taken. Throws a Failure when there is no
 // such sample.
@@ -100,6 +103,6 @@ struct OneSample {
     std::string java_version;
     ThreadSample threads; // cut when a stack is missing
 };
-OneSample ReadSample(std::string_view text, int64_t number);
+OneSample ReadSample(const Source &source, int64_t number);
 
 } // namespace qorctl

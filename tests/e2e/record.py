@@ -24,10 +24,10 @@ class Record(Case):
     def setUp(self):
         self.place, _ = folder(self)
         self.app = Application()
-        self.addCleanup(self.app.__exit__)
+        self.addCleanup(lambda: self.app.__exit__())
 
-    def start(self, file, *words):
-        command = [SETTINGS.qorctl, "record", str(self.app.pid), "--out", file, *words]
+    def start(self, file, *words, before=()):
+        command = [*before, SETTINGS.qorctl, "record", str(self.app.pid), "--out", file, *words]
         record = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                   env=environment())
         self.addCleanup(record.communicate)
@@ -106,12 +106,15 @@ class Record(Case):
                       self.answer("threads", self.app.pid, "--format", "folded", "--all").out)
 
     def test_parts_stand_alone(self):
-        file = f"{self.place}/b.ndjson"
+        """And a part of an earlier recording is kept."""
+        file, earlier = f"{self.place}/b.ndjson", f"{self.place}/b.2.ndjson"
+        with open(earlier, "w", encoding="utf-8"):
+            pass
         told = self.json("record", self.app.pid, "--share", "100", "--every", "100ms", "--for", "4s", "--out",
                          file, "--part-size", "20k", "--parts", "2")
         self.assertGreater(told["parts"], 2)
-        names = [f"{self.place}/b.{told['parts'] - back}.ndjson" for back in (1, 0)]
-        self.assertEqual(sorted(os.listdir(self.place)), sorted(map(os.path.basename, names)))
+        names = [f"{self.place}/b.{told['parts'] - back}.ndjson" for back in (0, -1)]
+        self.assertEqual(sorted(os.listdir(self.place)), sorted(map(os.path.basename, (earlier, *names))))
         for name, reason in zip(names, ("rotated", "finished")):
             samples = self.check(lines_of(name), reason)
             self.assertEqual(samples[0]["same"], [])
@@ -130,6 +133,36 @@ class Record(Case):
                    lambda: any("is stopped" in line.get("unanswered", "") for line in lines_of(file)))
         self.app.process.send_signal(signal.SIGCONT)
         wait_until("sampled again", lambda: "threads" in lines_of(file)[-1])
+        if os.geteuid() == 0:
+            self.restart(record)
+            again = f"{self.place}/d.2.ndjson"
+            wait_until("sampled anew", lambda: os.path.exists(again) and
+                       "threads" in ["", *lines_of(again)][-1])
+            self.check(lines_of(file), "jvm restarted")
+            file = again
         self.app.process.kill()
         self.assertEqual(record.wait(LIMIT), 0)
         self.check(lines_of(file), "jvm ended")
+
+    def restart(self, record):
+        """Another JVM under the number of the one that is recorded."""
+        record.send_signal(signal.SIGSTOP)
+        pid = self.app.pid
+        is_same = False
+        while not is_same:
+            self.app.__exit__()
+            with open("/proc/sys/kernel/ns_last_pid", "w", encoding="ascii") as last:
+                last.write(str(pid - 1))
+            self.app = Application()
+            is_same = self.app.pid == pid
+        record.send_signal(signal.SIGCONT)
+
+    def test_says_that_nothing_more_can_be_written(self):
+        file = f"{self.place}/e.ndjson"
+        record = self.start(file, "--share", "100", "--every", "100ms", before=["prlimit", "--fsize=60000"])
+        self.assertEqual((record.wait(LIMIT), record.stderr.read().count("File too large")), (1, 1))
+        lines = lines_of(file)
+        self.assertGreater(os.path.getsize(file), 50000)
+        with open(file, encoding="utf-8") as text:
+            self.assertTrue(text.read().endswith("}\n"))
+        self.assertIn("samples" if lines[-1]["type"] == "end" else "threads", lines[-1])
