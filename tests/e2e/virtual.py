@@ -94,6 +94,8 @@ class Virtual(Case):
             self.assertIn(f'held by "{holder}" #{ids[holder]} ', said)
             text = self.answer("stack", self.app.pid, ids[waiter]).out
             self.assertIn(f"held by virtual thread #{ids[holder]} {holder}\n", text)
+        held = self.json("locals", self.app.pid, ids["m-platform"], 0)["locals"]  # listed after a carrier
+        self.assertEqual(held[0]["type"], "java.util.concurrent.CountDownLatch")
         if SETTINGS.version >= WITH_SNAPSHOTS:
             (thread,) = self.json("stack", self.app.pid, ids["m-holds"])["threads"]
             owned = [(str(o["lock"]), thread["stack"][o["depth"]]["method"]) for o in thread["owns"]]

@@ -76,7 +76,12 @@ class VirtualGroups(Case):
         waits, owner = next(group[4:6] for group in groups if group[4] != "^")
         self.assertEqual(waits, "java.util.concurrent.locks.ReentrantLock$NonfairSync")
         self.assertEqual(owner.split("-")[1], self.app.output().split()[1])
-        self.assertIn("select total from orders", str(groups))
+        (caller,) = [group for group in groups if "select total from orders" in str(group)]
+        (thread,) = self.json("stack", self.app.pid, caller[1])["threads"]
+        self.assertEqual((thread["state"], thread["db"]["sql"]), ("DB Wait", "select total from orders"))
+        frame = next(f for f in thread["stack"] if f["method"] == "queryDatabase")
+        objects = self.json("locals", self.app.pid, caller[1], frame["index"])["locals"]
+        self.assertIn("tessar.jdbc.driver.TessarConnection", [o["type"] for o in objects])
 
         head, groups, _ = self.groups("0=1,1=64,3=VirtualCrowd")
         self.assertEqual((head[3], len(groups), int(head[5]) & 1), ("64", 1, 1))

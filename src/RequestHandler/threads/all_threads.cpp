@@ -1,6 +1,7 @@
 #include "all_threads.h"
 
 #include "Xtier/thread_e2e_info.h"
+#include "Xtier/walk/LocalWalk.h"
 #include "all_threads_sample.h"
 #include "bci.h"
 #include "enrichment.h"
@@ -56,6 +57,7 @@ void StartSample(QorSample *sample, uint32_t reqid, QorText *reply, char **args)
                                             !trace_single_thread_details && !WantsAllThreads(reqid, args));
     QorStartFrameShapes();
     release_thread_e2e_info(jvmtijni_env);
+    gbQorHeldThreads = nullptr; // a fault may have ended the last view
 }
 
 // Whether the trace is of another thread. `end` is set when it names none.
@@ -174,8 +176,10 @@ void WalkThreads(QorSample *sample) {
     }
     const bool isTrace = (sample->reqid & QORREQ_POLL_DETAILS) && trace_single_thread_details;
     if (isTrace && !sample->recordStands && sample->args[1] &&
-        QorTurnToKey(&sample->handle, sample->processId, sample->args[1]))
+        QorTurnToKey(&sample->handle, sample->processId, sample->args[1])) {
+        QorHoldUnmounted(sample->handle);
         SampleThread(sample, &walk);
+    }
 }
 
 } // namespace

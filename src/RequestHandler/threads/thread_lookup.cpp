@@ -1,7 +1,18 @@
 #include "thread_lookup.h"
 
+#include "Xtier/walk/LocalWalk.h"
+#include "jvmti/JavaClasses.h"
+#include "jvmti/JniCalls.h"
+#include "jvmti/Session.h"
+
 #include <cstdlib>
 #include <cstring>
+
+namespace {
+
+jobjectArray heldThread; // a global reference; null outside of a view of an unmounted thread
+
+} // namespace
 
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread) {
     if (!key)
@@ -21,6 +32,16 @@ bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key) {
     const char *dash = strchr(key, '-');
     return dash && strtoll(key, nullptr, 10) == processId &&
            QorTurnToVirtual(handle, strtoll(dash + 1, nullptr, 10));
+}
+
+void QorHoldUnmounted(const QorThreadHandle &handle) {
+    if (QorWalkThreadKind(&handle, handle.index) != THREAD_UNMOUNTED || !jobjclass)
+        return;
+    jobject array = jvmtijni_env->NewObjectArray(1, jobjclass, handle.threads[handle.index]);
+    if (QorClearException(jvmtijni_env) || !array)
+        return;
+    heldThread = gbQorHeldThreads = static_cast<jobjectArray>(QorNewGlobalRef(jvmtijni_env, array));
+    QorDeleteLocalRef(jvmtijni_env, array);
 }
 
 const char *QorCallTypeText(const QorFrameRecord *frame) {
@@ -47,6 +68,10 @@ void QorAppendState(QorText *out, int32_t state, const QorDBRequestData *databas
 }
 
 void closeThreadAndFreeLists() {
+    gbQorHeldThreads = nullptr;
+    if (heldThread)
+        QorDeleteGlobalRef(jvmtijni_env, heldThread);
+    heldThread = nullptr;
     QorCloseThreadHandle(nullptr);
     QorFreeXtierLists();
 }

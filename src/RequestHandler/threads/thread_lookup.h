@@ -14,6 +14,10 @@ bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, 
 // Turns an open walk to the virtual thread with this key, as QorTurnToVirtual does.
 bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key);
 
+// Lets the next walk for locals find those of the thread at the cursor if no carrier runs it. Until
+// closeThreadAndFreeLists.
+void QorHoldUnmounted(const QorThreadHandle &handle);
+
 // "user" or "sys", the type column of a frame.
 const char *QorCallTypeText(const QorFrameRecord *frame);
 

@@ -16,6 +16,7 @@
 namespace {
 
 constexpr jlocation NATIVE_LOCATION = -1;
+constexpr jlong MARKED_THREAD = -1;    // objects that were shown have positive tags
 constexpr int32_t LAST_HEAP_KIND = 20; // references from object to object, and room for more of them
 
 // Locals are reported ahead of all of these, apart from those of virtual threads that no carrier runs. Going
@@ -45,27 +46,43 @@ bool FindFrame(QorThreadHandle *handle, int64_t methodId, QorLocalsWalk *walk) {
     return false;
 }
 
-// Looks for a frame of the method on the thread: only what is on a stack is asked of the JVM.
-bool FindMethod(int32_t tid, int64_t methodId, QorLocalsWalk *walk) {
+// Looks for a frame of the method on the thread: only what is on a stack is asked of the JVM. A virtual
+// thread that no carrier runs is kept in `unmounted`, by a global reference.
+bool FindMethod(int32_t tid, int64_t methodId, QorLocalsWalk *walk, jobject *unmounted) {
     QorThreadHandle handle;
     QorInitThreadHandle(&handle);
-    bool found = false;
-    for (QorGetJVMThread(&handle, 0); handle.index < handle.count; QorGetJVMThread(&handle, 0)) {
+    bool found = false, isMet = false;
+    for (QorGetJVMThread(&handle, 0); handle.index < handle.count && !isMet; QorGetJVMThread(&handle, 0)) {
         walk->tid = QorGetWalkThreadId(&handle, handle.index);
-        if (static_cast<int32_t>(walk->tid) != tid)
-            continue;
+        isMet = static_cast<int32_t>(walk->tid) == tid;
+        found = isMet && FindFrame(&handle, methodId, walk);
+    }
+    if (!isMet && QorTurnToVirtual(&handle, tid)) {
+        walk->tid = tid;
         found = FindFrame(&handle, methodId, walk);
-        break;
+        *unmounted = found ? QorNewGlobalRef(jvmtijni_env, handle.threads[0]) : nullptr;
     }
     QorCloseThreadHandle(&handle);
     return found;
 }
 
-void TagLocals(QorLocalsWalk *walk) {
-    QorWrapTagCounter();
-    walk->firstTag = gbiQorLocalVariableCounter;
+// The JVM reports the locals of a thread that isn't mounted when it follows a reference to it: the walk goes
+// on to the thread that is marked, and from there no further.
+jint JNICALL TagLocalsOfMarked(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, jlong, jlong,
+                               jlong, jlong *tag, jlong *, jint, void *userData) {
+    QorLocalsWalk *walk = static_cast<QorLocalsWalk *>(userData);
+    const bool follows = *tag == MARKED_THREAD;
+    if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && info && info->stack_local.thread_id == walk->tid &&
+        info->stack_local.method == walk->method && walk->count < MAX_LOCAL_OBJECTS) {
+        *tag = gbiQorLocalVariableCounter++;
+        walk->count++;
+    }
+    return follows ? JVMTI_VISIT_OBJECTS : 0;
+}
+
+void FollowLocals(QorLocalsWalk *walk, jvmtiHeapReferenceCallback callback) {
     jvmtiHeapCallbacks callbacks = {};
-    callbacks.heap_reference_callback = jvmtiHeapReferenceOneObjectCallback;
+    callbacks.heap_reference_callback = callback;
     const int64_t start = QorStopStarts();
     const jvmtiError error = jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, walk);
     QorStopEnded(STOP_LOCALS, start);
@@ -73,6 +90,22 @@ void TagLocals(QorLocalsWalk *walk) {
         QORLOG(LOG_ERROR, "No walk to the locals: error %d", error);
         describe(error);
     }
+}
+
+void TagLocals(QorLocalsWalk *walk, jobject unmounted) {
+    QorWrapTagCounter();
+    walk->firstTag = gbiQorLocalVariableCounter;
+    if (!unmounted) {
+        FollowLocals(walk, jvmtiHeapReferenceOneObjectCallback);
+        return;
+    }
+    jlong former = 0, now = 0;
+    jvmti->GetTag(unmounted, &former);
+    if (jvmti->SetTag(unmounted, MARKED_THREAD) != JVMTI_ERROR_NONE)
+        return;
+    FollowLocals(walk, TagLocalsOfMarked);
+    if (jvmti->GetTag(unmounted, &now) == JVMTI_ERROR_NONE && now == MARKED_THREAD) // else it is a local
+        jvmti->SetTag(unmounted, former);
 }
 
 struct TaggedObject {
@@ -184,8 +217,11 @@ jint JNICALL jvmtiHeapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind,
 int32_t QorJVMTIGetLocalObject(int32_t tid, int64_t methodId, int64_t, QorFieldRecord **out) {
     *out = nullptr;
     QorLocalsWalk walk = {};
-    if (FindMethod(tid, methodId, &walk))
-        TagLocals(&walk);
+    jobject unmounted = nullptr;
+    if (FindMethod(tid, methodId, &walk, &unmounted))
+        TagLocals(&walk, unmounted);
+    if (unmounted)
+        QorDeleteGlobalRef(jvmtijni_env, unmounted);
     QorLocalFrame frame(jvmtijni_env, 1);
     if (!frame.pushed) {
         QorLogNoFrame(LOG_ERROR);

@@ -5,6 +5,8 @@
 // asked for gets tags, the walk ends there, and the tags lead to the objects. The JVM is paused for as
 // long as it takes to get there, and never for a walk of the heap.
 //
+// The stack of a virtual thread that no carrier runs is an object: its locals are found after the roots.
+//
 // What it can't tell: values of primitive locals, names, and which of two frames of the same method a local
 // belongs to. Adjacent frames of one method show their locals together. Worker only.
 #pragma once
