@@ -53,8 +53,7 @@ void AddAgentOptions(CLI::App *command, CommandLine *line) {
                         "Options for the agent if it is loaded now: key=value,...");
     command->add_flag("--strict", line->settings.strict,
                       "Ask only if it is proven that the JVM itself answers");
-    command->add_flag("--cost", line->settings.cost, "Say last for how long the JVM was stopped");
-    command->add_option("--timeout", line->settings.timeout, "Seconds to wait for an answer")
+    command->add_option("--timeout", line->settings.timeout, "Seconds to wait for the whole answer")
         ->capture_default_str()
         ->check(CLI::Range(1, 86400));
 }
@@ -70,14 +69,21 @@ CLI::App *AddJvmCommand(CLI::App *app, const char *name, const char *text, Comma
     return command;
 }
 
+// Such a command that stops the JVM for its answer.
+CLI::App *AddQuestion(CLI::App *app, const char *name, const char *text, CommandLine *line) {
+    CLI::App *command = AddJvmCommand(app, name, text, line);
+    command->add_flag("--cost", line->settings.cost, "Say last for how long the JVM was stopped");
+    return command;
+}
+
 void AddWatch(CLI::App *command, double *seconds) {
     command->add_option("--watch", *seconds, "Ask again every SECONDS")
         ->option_text("SECONDS")
         ->check(CLI::Range(0.1, 86400.0));
 }
 
-void AddBudget(CLI::App *command, Settings *settings) {
-    command
+CLI::Option *AddBudget(CLI::App *command, Settings *settings) {
+    return command
         ->add_option(
             "--budget", settings->budget,
             "Milliseconds for which the JVM may be stopped, judged by what the last request cost it: what "
@@ -90,17 +96,18 @@ void AddWide(CLI::App *command, Settings *settings) {
 }
 
 void AddThreads(CLI::App *app, CommandLine *line) {
-    CLI::App *command = AddJvmCommand(app, "threads", "Show what the threads do", line);
+    CLI::App *command = AddQuestion(app, "threads", "Show what the threads do", line);
     command->add_flag("--details", line->threads.details, "With stacks and locks");
     command->add_flag("--all", line->threads.all, "Idle threads too");
     CLI::Option *thread = command
                               ->add_option("--thread", line->threads.thread,
                                            "Stack and locks of this thread alone, by its id or key")
                               ->option_text("ID");
-    command
-        ->add_flag("--virtual", line->threads.virtual_ones,
-                   "Virtual threads that no thread runs at the moment, in groups of the same stack")
-        ->excludes(thread);
+    CLI::Option *groups =
+        command
+            ->add_flag("--virtual", line->threads.virtual_ones,
+                       "Virtual threads that no thread runs at the moment, in groups of the same stack")
+            ->excludes(thread);
     command
         ->add_option("--format", line->threads.format,
                      "With stacks, for other tools: jstack (all threads), folded; or json")
@@ -110,7 +117,7 @@ void AddThreads(CLI::App *app, CommandLine *line) {
     command
         ->add_option("--match", line->threads.match, "Only threads with TEXT in name, state, call or stack")
         ->option_text("TEXT");
-    AddBudget(command, &line->settings);
+    AddBudget(command, &line->settings)->excludes(groups);
     AddWatch(command, &line->threads.watch);
     AddWide(command, &line->settings);
     command->final_callback([line] {
@@ -139,13 +146,13 @@ void AddThreadName(CLI::App *command, CommandLine *line, bool required) {
 }
 
 void AddOneThread(CLI::App *app, CommandLine *line) {
-    CLI::App *stack = AddJvmCommand(app, "stack", "Show one thread's whole stack and its locks", line);
+    CLI::App *stack = AddQuestion(app, "stack", "Show one thread's whole stack and its locks", line);
     AddThreadName(stack, line, true);
     AddWatch(stack, &line->watch);
     AddWide(stack, &line->settings);
     stack->final_callback([line] { RunStack(line->settings, line->pid, line->thread, line->watch); });
 
-    CLI::App *locks = AddJvmCommand(app, "locks", "Show who waits for what, and who holds it", line);
+    CLI::App *locks = AddQuestion(app, "locks", "Show who waits for what, and who holds it", line);
     AddThreadName(locks, line, false);
     AddWatch(locks, &line->watch);
     AddWide(locks, &line->settings);
@@ -154,8 +161,8 @@ void AddOneThread(CLI::App *app, CommandLine *line) {
 
 void AddDatabases(CLI::App *app, CommandLine *line) {
     const CLI::Range port(1, 65535);
-    CLI::App *connections = AddJvmCommand(
-        app, "connections", "Show the database connections that threads are in a call on", line);
+    CLI::App *connections =
+        AddQuestion(app, "connections", "Show the database connections that threads are in a call on", line);
     connections->add_option("--port", line->client_port, "Which thread has this client port")
         ->option_text("N")
         ->check(port);
@@ -190,7 +197,7 @@ void AddTiers(CLI::App *app, CommandLine *line) {
 }
 
 void AddObjects(CLI::App *app, CommandLine *line) {
-    CLI::App *locals = AddJvmCommand(app, "locals", "Show the objects in the locals of a frame", line);
+    CLI::App *locals = AddQuestion(app, "locals", "Show the objects in the locals of a frame", line);
     AddThreadName(locals, line, true);
     locals->add_option("frame", line->frame, "Index of the frame, 0 at the top")
         ->option_text("FRAME")
@@ -199,7 +206,7 @@ void AddObjects(CLI::App *app, CommandLine *line) {
     AddWide(locals, &line->settings);
     locals->final_callback([line] { RunLocals(line->settings, line->pid, line->thread, line->frame); });
 
-    CLI::App *object = AddJvmCommand(
+    CLI::App *object = AddQuestion(
         app, "object", "Show the fields of objects; on a terminal, go on from one to the next", line);
     object->add_option("tag", line->tags, "Tags, as 'locals' and 'object' show them")
         ->option_text("TAG...")
@@ -219,18 +226,18 @@ void AddStop(CLI::App *command, CommandLine *line) {
 
 void AddMemory(CLI::App *app, CommandLine *line) {
     Settings *settings = &line->settings;
-    CLI::App *heap = AddJvmCommand(app, "heap", "Show how full the heap is", line);
+    CLI::App *heap = AddQuestion(app, "heap", "Show how full the heap is", line);
     AddWatch(heap, &line->watch);
     heap->add_flag(
         "--kinds", line->kinds,
         "What the spaces hold by kinds of objects, counted by a copy: of a JVM that is read by address");
     heap->final_callback([=] { (line->kinds ? RunHeapKinds : RunHeap)(*settings, line->pid, line->watch); });
 
-    CLI::App *gc = AddJvmCommand(app, "gc", "Show how often the collectors have run", line);
+    CLI::App *gc = AddQuestion(app, "gc", "Show how often the collectors have run", line);
     AddWatch(gc, &line->watch);
     gc->final_callback([=] { RunGc(*settings, line->pid, line->watch); });
 
-    CLI::App *cpu = AddJvmCommand(app, "cpu", "Show the load of the processors over an interval", line);
+    CLI::App *cpu = AddQuestion(app, "cpu", "Show the load of the processors over an interval", line);
     cpu->add_option("--interval", line->interval, "Seconds between the two readings")
         ->option_text("SECONDS")
         ->capture_default_str()
@@ -238,7 +245,7 @@ void AddMemory(CLI::App *app, CommandLine *line) {
     AddWatch(cpu, &line->watch);
     cpu->final_callback([=] { RunCpu(*settings, line->pid, line->interval, line->watch); });
 
-    CLI::App *histogram = AddJvmCommand(
+    CLI::App *histogram = AddQuestion(
         app, "histogram", "Show the classes that hold the most heap, counted by a copy of the JVM", line);
     AddStop(histogram, line);
     AddBudget(histogram, settings);
@@ -265,7 +272,7 @@ void RunDumpCommand(const CommandLine &line) {
 }
 
 void AddDump(CLI::App *app, CommandLine *line) {
-    CLI::App *dump = AddJvmCommand(
+    CLI::App *dump = AddQuestion(
         app, "dump", "Write the heap to a file by a copy of the JVM, or show what such a file holds", line);
     AddStop(dump, line);
     dump->get_option("pid")->required(false);
@@ -414,7 +421,7 @@ void AddOthers(CLI::App *app, CommandLine *line) {
     attach->final_callback([=] { RunAttach(*settings, line->pid); });
 
     CLI::App *summary =
-        AddJvmCommand(app, "summary", "Show thirteen figures: processor, heap, threads by state", line);
+        AddQuestion(app, "summary", "Show thirteen figures: processor, heap, threads by state", line);
     AddWatch(summary, &line->watch);
     summary->final_callback([=] { RunSummary(*settings, line->pid, line->watch); });
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <linux/openat2.h>
 #include <poll.h>
 #include <signal.h>
@@ -38,6 +39,21 @@ void WriteAll(int fd, std::string_view text) {
         // whatever it is, nothing of the parent's may run in here
     }
     _exit(0);
+}
+
+// A container's root may do less than we. What isn't wanted is given up; another user has none anyway.
+bool KeepCapabilities(uint64_t wanted) {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capget, &header, sets) != 0)
+        return false;
+    for (__user_cap_data_struct &set : sets) {
+        set.permitted &= static_cast<uint32_t>(wanted);
+        set.effective = set.permitted;
+        set.inheritable = 0;
+        wanted >>= 32;
+    }
+    return syscall(SYS_capset, &header, sets) == 0;
 }
 
 // What comes until the other end closes; false at the deadline or when it is too much.
@@ -97,7 +113,8 @@ bool EnterAs(int root, const Process &process) {
     if ((fchdir(root) != 0 || chroot(".") != 0) && !SameFiles(process.pid))
         return false;
     bool groups = setgroups(0, nullptr) == 0 && setresgid(process.egid, process.egid, process.egid) == 0;
-    return self == process.euid || (groups && setresuid(process.euid, process.euid, process.euid) == 0);
+    return self == process.euid ? KeepCapabilities(process.capabilities)
+                                : groups && setresuid(process.euid, process.euid, process.euid) == 0;
 }
 
 FileDescriptor OpenBelow(int root, const char *path, int flags) {

@@ -27,7 +27,8 @@ std::optional<std::string> LookInside(const Process &process,
 std::string ReadRegular(int dir, const std::string &path, std::optional<uid_t> owner = std::nullopt);
 
 // For a child of ours, which gives up what it is: enters the process's root directory, when we are root, and
-// takes its user's identity without further groups. False when that isn't allowed.
+// takes its user's identity without further groups, and of a root's capabilities those alone that the process
+// has. False when that isn't allowed.
 bool EnterAs(int root, const Process &process);
 
 // Opens what is below a directory, taken for the root of the way there: a link can't lead out of a process's

@@ -115,6 +115,8 @@ bool ParseStatus(std::string_view status, Process *process) {
             ReadNumber(words.back(), &process->inner_pid);
         } else if (key == "Threads") {
             ReadNumber(words[0], &process->threads);
+        } else if (key == "CapEff") {
+            ReadNumber(words[0], &process->capabilities, 16);
         } else if (key == "SigCgt") {
             uint64_t caught = 0;
             process->catches_sigquit = ReadNumber(words[0], &caught, 16) && (caught >> (SIGQUIT - 1) & 1);
@@ -141,8 +143,10 @@ bool ReadProcess(pid_t pid, Process *process) {
     process->pid = process->inner_pid = pid;
     if (!ParseStatus(ReadFile(ProcPath(pid, "status"), MAX_PROC_FILE), process))
         return false;
-    if (!SameNamespace(pid, "user"))
+    if (!SameNamespace(pid, "user")) {
         process->inner_euid = MapUid(ReadFile(ProcPath(pid, "uid_map"), MAX_PROC_FILE), process->euid);
+        process->capabilities = 0;
+    }
     const std::optional<std::string> known = ReadLocked(ProcPath(pid, "cmdline"), MAX_PROC_FILE);
     std::string line = known ? *known : ReadFile(ProcPath(pid, "comm"), MAX_PROC_FILE);
     if (!known && !line.empty())

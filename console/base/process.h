@@ -5,6 +5,7 @@
 // that enters its root directory (inside.h).
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -38,6 +39,7 @@ struct Process {
     gid_t egid = 0;
     uid_t inner_euid = 0; // as it sees itself
     bool catches_sigquit = false;
+    uint64_t capabilities = 0;          // that it has over what is ours too: none in another user namespace
     int threads = 0;                    // of the operating system: those of the JVM itself too
     bool stopped = false;               // by a signal or a debugger
     std::vector<std::string> arguments; // its short name alone when they can't be read in time

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "transfer.h"
+
+#include <algorithm>
 #include <string>
 
 namespace qorctl {
@@ -13,7 +16,16 @@ struct Settings {
     std::string options; // for the agent, when it is loaded
     bool cost = false;   // say last for how long the JVM was stopped
     std::string budget;  // milliseconds that a request may stop the JVM; empty: as many as it takes
-    int timeout = 75;    // seconds to wait for a reply; the agent's own limit is 60
+    int timeout = 75;    // seconds that all questions of a command take at most; the agent's own limit is 60
+
+    // Of the command, or of the current round of a series: the time counts from here.
+    Clock::time_point start = Clock::now();
+    void BeginRound() { start = Clock::now(); }
+
+    // When the last answer is due.
+    Deadline Due() const { return {start + Seconds(timeout), Seconds(timeout)}; }
+    // The same for a step that takes no longer than `limit`.
+    Clock::time_point DueWithin(Seconds limit) const { return std::min(Due().at, Clock::now() + limit); }
 };
 
 } // namespace qorctl

@@ -9,6 +9,13 @@
 namespace qorctl {
 
 using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::seconds;
+
+// When a wait ends, and for how long it was begun.
+struct Deadline {
+    Clock::time_point at;
+    Seconds limit;
+};
 
 // Waits until the descriptor is ready for `events` of poll(); false at the deadline.
 bool WaitFor(int fd, short events, Clock::time_point deadline);

@@ -73,8 +73,8 @@ std::string CostText(const Settings &settings) {
     if (!cost)
         return "the agent doesn't report what the request cost the JVM\n";
     return fmt::format(
-        "the JVM was stopped for {:.1f} ms at most at a time, {:.1f} ms in all, in {} calls{}\n",
-        cost->largest_ms, cost->sum_ms, cost->calls,
+        "the JVM was stopped for {:.1f} ms at most at a time, {:.1f} ms in all, in {} call{}{}\n",
+        cost->largest_ms, cost->sum_ms, cost->calls, cost->calls == 1 ? "" : "s",
         cost->walk_left_out ? "; the walk for local variables was left out" : "");
 }
 
@@ -87,14 +87,23 @@ void AddCost(Json *document) {
                                              {"walk_left_out", cost->walk_left_out}};
 }
 
-std::string AskCosted(const Settings &settings, Connection *connection, const std::string &request) {
-    const bool wanted = settings.cost || settings.json;
-    std::string reply = connection->Ask(wanted ? WithCost(request) : request, Seconds(settings.timeout));
-    if (const std::optional<Cost> cost = wanted ? TakeCost(&reply) : std::nullopt) {
+std::string WithWantedCost(const Settings &settings, const std::string &request) {
+    return settings.cost || settings.json ? WithCost(request) : request;
+}
+
+void KeepCost(const Settings &settings, std::string *reply) {
+    if (!settings.cost && !settings.json)
+        return;
+    if (const std::optional<Cost> cost = TakeCost(reply)) {
         if (!cost_so_far)
             cost_so_far = Cost();
         cost_so_far->Add(*cost);
     }
+}
+
+std::string AskCosted(const Settings &settings, Connection *connection, const std::string &request) {
+    std::string reply = connection->Ask(WithWantedCost(settings, request), settings.Due());
+    KeepCost(settings, &reply);
     return reply;
 }
 
@@ -127,7 +136,7 @@ void NoteCut(const ThreadSample &sample) {
 std::string ReadTiers(const Settings &settings, Connection *connection) {
     std::string text;
     for (size_t page = 0;; ++page) {
-        std::string asked = connection->Ask(TierPageRequest(page), Seconds(settings.timeout));
+        std::string asked = connection->Ask(TierPageRequest(page), settings.Due());
         std::string reply = DecodeText(OpenReply(asked));
         size_t head = reply.find('\n');
         if (head == reply.npos || text.size() + reply.size() - head - 1 > MAX_TIERS)

@@ -36,6 +36,10 @@ void PrintView(const Settings &settings, double watch, const Json &document, con
 std::string CostText(const Settings &settings);
 void AddCost(Json *document);
 
+// The request, which asks for its cost too if that is wanted; and the reply's cost, kept for the view.
+std::string WithWantedCost(const Settings &settings, const std::string &request);
+void KeepCost(const Settings &settings, std::string *reply);
+
 // Sends a request over a connection: the reply, whose cost is kept for the view.
 std::string AskCosted(const Settings &settings, Connection *connection, const std::string &request);
 
@@ -57,11 +61,13 @@ std::string ReadTiers(const Settings &settings, Connection *connection);
 std::vector<UnknownProduct> AskForUnknownProducts(const Settings &settings, pid_t pid,
                                                   const ThreadSample &sample);
 
-// Does `once` now, and again every `period` seconds until it throws, if a period is given.
+// Does `once` now, and again every `period` seconds until it throws, if a period is given. The settings' time
+// is that of each round.
 template <class Once>
-void Repeat(double period, Once once) {
+void Repeat(Settings *settings, double period, Once once) {
     auto next = std::chrono::steady_clock::now();
     for (;;) {
+        settings->BeginRound();
         once();
         if (period <= 0)
             return;

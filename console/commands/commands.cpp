@@ -20,7 +20,7 @@ namespace qorctl {
 namespace {
 
 constexpr size_t MAX_RULES_FILE = 1 << 20;
-constexpr int SHUTDOWN_CHECKS = 100;
+constexpr Seconds SHUTDOWN_LIMIT(5); // for the endpoint file to go
 constexpr std::chrono::milliseconds SHUTDOWN_PERIOD(50);
 
 void SendSetting(const Settings &settings, pid_t pid, const std::string &request) {
@@ -43,8 +43,6 @@ std::string ReadRules(const std::string &file) {
     return text;
 }
 
-// The most that an agent keeps; a JVM that sends more isn't an agent of ours.
-
 // A text of the other side, line by line.
 std::string PrintableLines(std::string_view text) {
     std::string shown;
@@ -61,9 +59,10 @@ std::string PrintableLines(std::string_view text) {
 // The agent's answer to SHUTDOWN is to hang up; its endpoint file is removed too.
 void Shutdown(const Settings &settings, const Process &process, Connection connection,
               const std::string &request) {
-    connection.SendLast(request, Seconds(settings.timeout));
-    for (int i = 0; LocateEndpoint(process, false); ++i) {
-        if (i == SHUTDOWN_CHECKS)
+    connection.SendLast(request, settings.Due());
+    const Clock::time_point end = Clock::now() + SHUTDOWN_LIMIT;
+    while (LocateEndpoint(process, false)) {
+        if (Clock::now() >= end)
             throw Failure("the agent hung up but its endpoint file stays",
                           "check 'qorctl list' and try again");
         std::this_thread::sleep_for(SHUTDOWN_PERIOD);
@@ -98,50 +97,53 @@ void RunAttach(const Settings &settings, pid_t pid) {
                 fmt::format("The agent runs in JVM {}{}.", pid, relay ? "" : ", without a relay"));
 }
 
-void RunSummary(const Settings &settings, pid_t pid, double watch) {
+void RunSummary(Settings settings, pid_t pid, double watch) {
     std::string request = SummaryRequest(watch > 0);
     int line = 0;
-    Repeat(watch, [&] {
+    Repeat(&settings, watch, [&] {
         std::string reply = AskOnce(settings, pid, request);
         Summary summary = DecodeSummary(OpenReply(reply));
         if (settings.json || watch <= 0)
             PrintView(settings, watch, ToJson(summary), SummaryTable(summary, TerminalStyle(settings)));
         else
-            Print((line++ % HEADER_EVERY == 0 ? SummaryHeader() : "") + SummaryLine(summary));
+            Print((line++ % HEADER_EVERY == 0 ? SummaryHeader() : "") + SummaryLine(summary) +
+                  CostText(settings));
     });
 }
 
 // The agent's processor figures are of the time since they were asked for before, by anybody. So the first
 // reading only starts the interval.
-void RunCpu(const Settings &settings, pid_t pid, double interval, double watch) {
+void RunCpu(Settings settings, pid_t pid, double interval, double watch) {
     auto read = [&] { return DecodeSummary(OpenReply(AskOnce(settings, pid, SummaryRequest(true)))); };
     read();
     std::this_thread::sleep_for(std::chrono::duration<double>(watch > 0 ? watch : interval));
     int line = 0;
-    Repeat(watch, [&] {
+    Repeat(&settings, watch, [&] {
         Summary summary = read();
         if (watch <= 0 || settings.json)
             PrintView(settings, watch, CpuJson(summary), CpuTable(summary, TerminalStyle(settings)));
         else
-            Print((line++ % HEADER_EVERY == 0 ? CpuHeader() : "") + CpuLine(summary));
+            Print((line++ % HEADER_EVERY == 0 ? CpuHeader() : "") + CpuLine(summary) + CostText(settings));
     });
 }
 
-void RunRules(const Settings &settings, pid_t pid, const std::string &file) {
+void RunRules(Settings settings, pid_t pid, const std::string &file) {
     std::string rules = ReadRules(file);
+    settings.BeginRound(); // they may have been typed
     for (const std::string &fault : CheckRules(rules))
         fmt::print(stderr, "qorctl: {}: {}\n", file, fault);
     SendSetting(settings, pid, RulesRequest(rules));
 }
 
-void RunTiers(const Settings &settings, pid_t pid, const std::string &file) {
+void RunTiers(Settings settings, pid_t pid, const std::string &file) {
     std::string given = file.empty() ? "" : ReadRules(file);
+    settings.BeginRound();
     if (!file.empty() && given.empty())
         throw Failure(fmt::format("{} is empty", file),
                       "a line that begins with # is enough to leave all rules out", EXIT_USAGE);
     Connection connection = RequireAgent(settings, RequireProcess(pid));
     auto ask = [&](const std::string &request) {
-        return DecodeText(OpenReply(connection.Ask(request, Seconds(settings.timeout))));
+        return DecodeText(OpenReply(connection.Ask(request, settings.Due())));
     };
     if (file.empty()) {
         std::string text = ReadTiers(settings, &connection);
@@ -166,7 +168,7 @@ void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool b
     if (text.compare(0, SHUTDOWN_REQUEST.size(), SHUTDOWN_REQUEST) == 0)
         throw Failure("SHUTDOWN has no reply to show", fmt::format("use qorctl shutdown {}", pid),
                       EXIT_USAGE);
-    std::string reply = RequireAgent(settings, RequireProcess(pid)).Ask(text, Seconds(settings.timeout));
+    std::string reply = RequireAgent(settings, RequireProcess(pid)).Ask(text, settings.Due());
     if (settings.json)
         Print(JsonText({{"pid", pid}, {"reply", reply}}, false) + "\n");
     else

@@ -49,41 +49,41 @@ void RunList(const Settings &settings);
 void RunHung(const Settings &settings, pid_t pid, bool all, bool stop_thread);
 
 void RunAttach(const Settings &settings, pid_t pid);
-void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command);
+void RunThreads(Settings settings, pid_t pid, const ThreadsCommand &command);
 // Threads, locks, statements and URLs on a screen that refreshes, until a key or a signal ends the process.
 void RunTop(const Settings &settings, pid_t pid, double seconds);
 // `thread` is an id, a key or a name.
-void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+void RunStack(Settings settings, pid_t pid, const std::string &thread, double watch);
 // All connections, or with `port` the thread that has this client port.
-void RunConnections(const Settings &settings, pid_t pid, int port, double watch);
+void RunConnections(Settings settings, pid_t pid, int port, double watch);
 void RunSessions(const Settings &settings, pid_t pid, const SessionsCommand &command);
 // The rules of drivers and containers that are in force; with `file` those of the file take their place.
-void RunTiers(const Settings &settings, pid_t pid, const std::string &file);
+void RunTiers(Settings settings, pid_t pid, const std::string &file);
 // Whether dumps are written by a copy of the JVM.
 void RunForkDump(const Settings &settings, pid_t pid, bool on);
-void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch);
+void RunLocks(Settings settings, pid_t pid, const std::string &thread, double watch);
 void RunLocals(const Settings &settings, pid_t pid, const std::string &thread, int frame);
 // Each tag's object, or the one that the fields of `follow`, joined by points, lead to from there.
 void RunObject(const Settings &settings, pid_t pid, const std::vector<int64_t> &tags,
                const std::string &follow);
-void RunHeap(const Settings &settings, pid_t pid, double watch);
-void RunHeapKinds(const Settings &settings, pid_t pid, double watch);
-void RunGc(const Settings &settings, pid_t pid, double watch);
+void RunHeap(Settings settings, pid_t pid, double watch);
+void RunHeapKinds(Settings settings, pid_t pid, double watch);
+void RunGc(Settings settings, pid_t pid, double watch);
 // With `stop` the JVM itself does the work, paused; else a copy of it where one can be made.
-void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch);
+void RunHistogram(Settings settings, pid_t pid, int top, bool stop, double watch);
 void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool hprof, bool stop);
 void RunReadDump(const Settings &settings, const std::string &file, int top);
-void RunSummary(const Settings &settings, pid_t pid, double watch);
+void RunSummary(Settings settings, pid_t pid, double watch);
 // Over an interval in seconds; with `watch` again and again, over that.
-void RunCpu(const Settings &settings, pid_t pid, double interval, double watch);
+void RunCpu(Settings settings, pid_t pid, double interval, double watch);
 void RunRecord(const Settings &settings, pid_t pid, const RecordOptions &options);
 // What a recording holds, as a page for a browser or in a form for other tools.
 void RunReport(const ReportCommand &command);
-void RunRules(const Settings &settings, pid_t pid, const std::string &file);
+void RunRules(Settings settings, pid_t pid, const std::string &file);
 void RunLog(const Settings &settings, pid_t pid, int level);
 void RunRaw(const Settings &settings, pid_t pid, const std::string &text, bool bytes);
 // Figures for a monitoring system: served, written to a file, or printed.
-void RunMetrics(const Settings &settings, const MetricsCommand &command);
+void RunMetrics(Settings settings, const MetricsCommand &command);
 void RunShutdown(const Settings &settings, pid_t pid);
 
 } // namespace qorctl

@@ -88,7 +88,7 @@ uint32_t NewHeapId() {
 }
 
 void SetDumpDirectory(Connection *connection, const Settings &settings, const DumpTarget &target) {
-    std::string reply = connection->Ask(DumpDirRequest(target.dir), Seconds(settings.timeout));
+    std::string reply = connection->Ask(DumpDirRequest(target.dir), settings.Due());
     std::string answer = DecodeText(OpenReply(reply));
     if (answer.find(target.dir) == answer.npos)
         throw Failure(fmt::format("the agent doesn't take the directory: {}", Printable(answer)),
@@ -124,13 +124,14 @@ bool CopyGoesOn(const Reply &reply) {
 
 // Asks, and returns when the dump is whole. Throws a Failure when it isn't going to be.
 void MakeDump(Connection *connection, DumpWatch *watch, pid_t pid, const DumpTarget &target, uint32_t heap_id,
-              uint32_t copy_flags) {
-    std::optional<std::string> answer = connection->AskWhile(DumpRequest(target.name, heap_id, copy_flags),
-                                                             LOOK_PERIOD, [&] { return watch->Look(); });
+              const std::string &request, const Settings &settings) {
+    std::optional<std::string> answer =
+        connection->AskWhile(WithWantedCost(settings, request), LOOK_PERIOD, [&] { return watch->Look(); });
     if (!answer || IsTimedOut(*answer)) { // the agent goes on with it all the same
         watch->Finish();
         return;
     }
+    KeepCost(settings, &*answer);
     Reply reply = OpenReply(*answer);
     if (!target.hprof && CopyGoesOn(reply)) {
         watch->Finish();
@@ -158,7 +159,8 @@ void RunDump(const Settings &settings, pid_t pid, const std::string &name, bool 
     int64_t milliseconds = 0;
     {
         DumpWatch watch(pid, target, heap_id, settings);
-        MakeDump(&connection, &watch, pid, target, heap_id, copy.flags);
+        MakeDump(&connection, &watch, pid, target, heap_id, DumpRequest(target.name, heap_id, copy.flags),
+                 settings);
         milliseconds = watch.Elapsed();
     }
     int64_t bytes = LookAtDump(pid, target, heap_id).bytes;

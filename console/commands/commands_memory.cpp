@@ -38,25 +38,28 @@ MemoryView AskForMemory(const Settings &settings, pid_t pid, bool repeated) {
 
 // Asks until the figures are there: a copy of the JVM may count for longer than a request can take.
 std::string AskForHistogram(Connection *connection, const Settings &settings, uint32_t copy_flags) {
-    auto end = std::chrono::steady_clock::now() + Seconds(settings.timeout);
-    for (;;) {
-        std::string reply = AskCosted(settings, connection, HistogramRequest(copy_flags));
-        if (reply.compare(0, HISTOGRAM_LATE.size(), HISTOGRAM_LATE) != 0)
-            return reply;
-        if (std::chrono::steady_clock::now() >= end)
+    for (bool counts = false;; counts = true) {
+        try {
+            std::string reply = AskCosted(settings, connection, HistogramRequest(copy_flags));
+            if (reply.compare(0, HISTOGRAM_LATE.size(), HISTOGRAM_LATE) != 0)
+                return reply;
+        } catch (const Failure &) {
+            if (!counts || Clock::now() < settings.Due().at)
+                throw;
             throw Failure("the copy of the JVM still counts",
                           "ask again within ten minutes; --timeout waits for longer");
+        }
     }
 }
 
 } // namespace
 
-void RunHeap(const Settings &settings, pid_t pid, double watch) {
+void RunHeap(Settings settings, pid_t pid, double watch) {
     int line = 0;
-    Repeat(watch, [&] {
+    Repeat(&settings, watch, [&] {
         MemoryView memory = AskForMemory(settings, pid, watch > 0);
         if (watch > 0 && !settings.json) {
-            Print((line++ % HEADER_EVERY == 0 ? HeapHeader() : "") + HeapLine(memory));
+            Print((line++ % HEADER_EVERY == 0 ? HeapHeader() : "") + HeapLine(memory) + CostText(settings));
             return;
         }
         HeapView heap = {memory.pools, memory.collectors, memory.jvm_microseconds};
@@ -68,18 +71,18 @@ void RunHeap(const Settings &settings, pid_t pid, double watch) {
     });
 }
 
-void RunHeapKinds(const Settings &settings, pid_t pid, double watch) {
-    Repeat(watch, [&] {
+void RunHeapKinds(Settings settings, pid_t pid, double watch) {
+    Repeat(&settings, watch, [&] {
         std::string text = AskOnce(settings, pid, KindsRequest(watch > 0));
         std::vector<SpaceKinds> spaces = DecodeKinds(OpenReply(text));
         PrintView(settings, watch, KindsJson(spaces), KindsText(spaces, TerminalStyle(settings)));
     });
 }
 
-void RunGc(const Settings &settings, pid_t pid, double watch) {
+void RunGc(Settings settings, pid_t pid, double watch) {
     int line = 0;
     std::vector<Collector> before;
-    Repeat(watch, [&] {
+    Repeat(&settings, watch, [&] {
         MemoryView heap = AskForMemory(settings, pid, watch > 0);
         if (watch <= 0 || settings.json) {
             auto beans = DecodeCollectors(AskOnce(settings, pid, CollectorsRequest(watch > 0)));
@@ -87,13 +90,13 @@ void RunGc(const Settings &settings, pid_t pid, double watch) {
                       CollectorTable(heap.collectors, beans, TerminalStyle(settings)));
         } else
             Print((line++ % HEADER_EVERY == 0 ? CollectorHeader(heap.collectors) : "") +
-                  CollectorLine(heap.collectors, before));
+                  CollectorLine(heap.collectors, before) + CostText(settings));
         before = heap.collectors;
     });
 }
 
-void RunHistogram(const Settings &settings, pid_t pid, int top, bool stop, double watch) {
-    Repeat(watch, [&] {
+void RunHistogram(Settings settings, pid_t pid, int top, bool stop, double watch) {
+    Repeat(&settings, watch, [&] {
         const std::string why_copy = WhyByCopy(settings, pid);
         Connection connection = RequireAgent(settings, RequireProcess(pid));
         CopyChoice copy = AskForCopy(&connection, settings, "histogram", stop && why_copy.empty());

@@ -55,7 +55,7 @@ void WriteWhole(const std::string &path, const std::string &text) {
 
 } // namespace
 
-void RunMetrics(const Settings &settings, const MetricsCommand &command) {
+void RunMetrics(Settings settings, const MetricsCommand &command) {
     if (command.pids.empty() != command.all)
         throw Failure("metrics needs process ids, or --all", "see qorctl metrics --help", EXIT_USAGE);
     if (!command.token_file.empty() && command.listen.empty())
@@ -67,7 +67,7 @@ void RunMetrics(const Settings &settings, const MetricsCommand &command) {
         return;
     }
     if (!command.text_file.empty()) {
-        Repeat(command.every, [&] { WriteWhole(command.text_file, text()); });
+        Repeat(&settings, command.every, [&] { WriteWhole(command.text_file, text()); });
         return;
     }
     MetricsPlace place;

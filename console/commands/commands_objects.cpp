@@ -60,13 +60,14 @@ ObjectView Follow(const Settings &settings, pid_t pid, ObjectView object, const 
 }
 
 // Lets the user go on from object to object.
-void Browse(const Settings &settings, pid_t pid, ObjectView object) {
+void Browse(Settings settings, pid_t pid, ObjectView object) {
     std::string line;
     for (;;) {
         Print("field, tag, or nothing to end> ");
         if (!std::getline(std::cin, line) || line.empty())
             return;
         int64_t tag = 0;
+        settings.BeginRound();
         try {
             object = ReadNumber<int64_t>(line, &tag) ? RequireObject(settings, pid, tag)
                                                      : Follow(settings, pid, object, line);

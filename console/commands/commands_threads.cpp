@@ -137,14 +137,14 @@ void ShowLockOf(const Settings &settings, pid_t pid, const ThreadSample &sample,
                   HolderText(holder, waiter, VirtualHolderText(sample, waiter), style));
 }
 
-void RunVirtualThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command) {
+void RunVirtualThreads(Settings settings, pid_t pid, const ThreadsCommand &command) {
     VirtualQuestion question;
     question.details = command.details;
     question.all = command.all;
     question.repeated = command.watch > 0;
     question.match = command.match;
     std::string request = VirtualThreadsRequest(question);
-    Repeat(command.watch, [&] {
+    Repeat(&settings, command.watch, [&] {
         std::string reply = AskOnce(settings, pid, request);
         VirtualThreads view = DecodeVirtualThreads(OpenReply(reply));
         PrintView(settings, command.watch, ToJson(view),
@@ -171,7 +171,7 @@ ThreadSample RequireStack(const Settings &settings, pid_t pid, const std::string
     return sample;
 }
 
-void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &command) {
+void RunThreads(Settings settings, pid_t pid, const ThreadsCommand &command) {
     if (command.virtual_ones) {
         RunVirtualThreads(settings, pid, command);
         return;
@@ -183,7 +183,7 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
     question.repeated = command.watch > 0;
     if (!command.thread.empty())
         question.thread_key = ThreadKeyText(command.thread, process.inner_pid);
-    Repeat(command.watch, [&] {
+    Repeat(&settings, command.watch, [&] {
         ThreadQuestion asked = question;
         FitThreads(settings, pid, &asked);
         std::string reply = AskOnce(settings, pid, ThreadsRequest(asked));
@@ -197,6 +197,7 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
             KeepMatching(&sample, command.match);
         if (!command.format.empty()) {
             PrintForTools(command.format, sample, process);
+            fputs(CostText(settings).c_str(), stderr);
             return;
         }
         ShowThreads(settings, command, sample, process.threads, unknown);
@@ -205,8 +206,8 @@ void RunThreads(const Settings &settings, pid_t pid, const ThreadsCommand &comma
     });
 }
 
-void RunStack(const Settings &settings, pid_t pid, const std::string &thread, double watch) {
-    Repeat(watch, [&] {
+void RunStack(Settings settings, pid_t pid, const std::string &thread, double watch) {
+    Repeat(&settings, watch, [&] {
         ThreadSample sample = RequireStack(settings, pid, thread);
         AddTiers(settings, pid, &sample.threads[0]);
         PrintView(settings, watch, ToJson(sample),
@@ -216,7 +217,7 @@ void RunStack(const Settings &settings, pid_t pid, const std::string &thread, do
     });
 }
 
-void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, double watch) {
+void RunLocks(Settings settings, pid_t pid, const std::string &thread, double watch) {
     if (!thread.empty()) {
         std::string key = RequireThreadKey(settings, RequireProcess(pid), thread);
         ThreadSample sample = AskForAll(settings, pid, true);
@@ -229,7 +230,7 @@ void RunLocks(const Settings &settings, pid_t pid, const std::string &thread, do
         ShowLockOf(settings, pid, sample, *waiter);
         return;
     }
-    Repeat(watch, [&] {
+    Repeat(&settings, watch, [&] {
         ThreadSample sample = AskForAll(settings, pid, true);
         PrintView(settings, watch, LocksJson(sample), LocksText(sample, TerminalStyle(settings)));
     });

@@ -67,12 +67,12 @@ std::vector<int64_t> WithoutSession(const std::vector<int64_t> &processes,
 
 } // namespace
 
-void RunConnections(const Settings &settings, pid_t pid, int port, double watch) {
+void RunConnections(Settings settings, pid_t pid, int port, double watch) {
     if (port != 0) {
         ShowPortHolder(settings, pid, static_cast<unsigned>(port));
         return;
     }
-    Repeat(watch, [&] {
+    Repeat(&settings, watch, [&] {
         ThreadSample sample = AskForCalls(settings, pid, watch > 0);
         AskForSql(settings, pid, &sample);
         std::vector<DbConnection> connections = FindConnections(sample);
@@ -96,7 +96,7 @@ void RunSessions(const Settings &settings, pid_t pid, const SessionsCommand &com
     std::vector<DbSession> sessions;
     for (const std::string &batch : BatchProcesses(command.processes)) {
         std::string reply =
-            connection.Ask(SessionsRequest(command.port, command.host, batch), Seconds(settings.timeout));
+            connection.Ask(SessionsRequest(command.port, command.host, batch), settings.Due());
         for (const DbSession &session : DecodeSessions(OpenReply(reply)))
             sessions.push_back(session);
     }

@@ -16,6 +16,8 @@ namespace qorctl {
 
 namespace {
 
+constexpr int TICK_MS = 1000; // a screen without an answer says for how long
+
 // What is written to the terminal as standard error would be in the middle of the screen: a warning, or what
 // a JVM does that doesn't answer. The screen shows the failure itself.
 class QuietErrors {
@@ -44,9 +46,10 @@ int Show(Top *top, Asker *asker, int signals) {
     const QuietErrors quiet;
     asker->Start(top->question());
     for (;;) {
+        top->Wait(asker->Silence());
         top->Draw(&screen);
         pollfd events[] = {{STDIN_FILENO, POLLIN, 0}, {asker->Descriptor(), POLLIN, 0}, {signals, POLLIN, 0}};
-        poll(events, std::size(events), -1); // a new size of the terminal interrupts it
+        poll(events, std::size(events), TICK_MS); // a new size of the terminal interrupts it
         signalfd_siginfo signal = {};
         if (read(signals, &signal, sizeof signal) == sizeof signal)
             return static_cast<int>(signal.ssi_signo);

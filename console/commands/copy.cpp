@@ -38,7 +38,7 @@ CopyChoice ChooseCopy(std::string_view reply) {
 }
 
 CopyChoice AskForCopy(Connection *connection, const Settings &settings, std::string_view kind, bool stop) {
-    std::string reply = connection->Ask(SettingRequest("forkstate", kind), Seconds(settings.timeout));
+    std::string reply = connection->Ask(SettingRequest("forkstate", kind), settings.Due());
     if (!stop)
         return ChooseCopy(reply);
     if (OnlyByCopy(reply))

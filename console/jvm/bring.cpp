@@ -13,6 +13,7 @@
 #include <random>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,10 +25,11 @@ namespace {
 constexpr size_t LARGEST_JAR = 64 << 20, MAX_MOUNTINFO = 4 << 20, MAX_REPORT = 65536;
 constexpr std::chrono::seconds SEARCH_LIMIT(10); // a file system of the JVM's may hang
 constexpr std::chrono::milliseconds END_LIMIT(500);
-constexpr size_t PLACES_SAID = 12;
+constexpr size_t PLACES_SAID = 12, LONGEST_SAID = 200;
 constexpr unsigned SPACE = 2; // times the jar: the unpacked library too
 constexpr const char *VOLUME = "--tmpfs /qoragent:rw,exec,mode=1777";
 constexpr char FOUND = '+', NONE = '-';
+constexpr std::string_view LATER = "later";
 
 // A file there would be something else than a file, or opening alone has effects.
 constexpr std::string_view WITHOUT_FILES[] = {
@@ -68,19 +70,32 @@ bool MapsToExecute(int fd) {
     return page != MAP_FAILED && munmap(page, 1) == 0;
 }
 
+// Whether others could put another file in the place of ours.
+bool IsOpenToOthers(int dir) {
+    struct stat facts;
+    return fstat(dir, &facts) != 0 ||
+           ((facts.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !(facts.st_mode & S_ISVTX));
+}
+
 // A file in a directory of the process's, there as long as this object. All of it runs in the child.
 class PlacedFile {
 public:
-    PlacedFile(std::string name, std::string_view content) : name_(std::move(name)), content_(content) {}
+    PlacedFile(std::string name, std::string_view content, size_t longest_path)
+        : name_(std::move(name)), content_(content), longest_path_(longest_path) {}
     PlacedFile(const PlacedFile &) = delete;
     ~PlacedFile() { Remove(); }
 
-    // The reason against this directory; empty when the file is there.
-    std::string Put(int root, const std::string &place) {
+    std::string PathIn(const std::string &place) const { return (place == "/" ? "" : place) + "/" + name_; }
+
+    // The reason against this directory; empty when the file is there. LATER when others could replace it
+    // there, unless that is all the same by now.
+    std::string Put(int root, const std::string &place, bool open_too) {
         if (place.empty() || place[0] != '/')
             return "not an absolute path";
         if (place.find('=') != place.npos)
             return "the path holds '=', where the JVM expects options";
+        if (PathIn(place).size() > longest_path_)
+            return "the path is longer than the JVM takes it";
         const std::string below = BelowRoot(place);
         dir_ = OpenBelow(root, below.empty() ? "." : below.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
         struct statvfs facts;
@@ -92,7 +107,7 @@ public:
             return "noexec";
         if (facts.f_bavail < SPACE * content_.size() / std::max(facts.f_frsize, 1ul) + 1)
             return fmt::format("{} K free", facts.f_bavail * facts.f_frsize / 1024);
-        return Make();
+        return open_too || !IsOpenToOthers(dir_.get()) ? Make() : std::string(LATER);
     }
 
 private:
@@ -115,24 +130,32 @@ private:
     }
     std::string name_;
     std::string_view content_;
+    size_t longest_path_;
     FileDescriptor dir_;
     bool made_ = false;
 };
 
+// A path of any length as part of a message.
+std::string Shortened(const std::string &path) {
+    return path.size() > LONGEST_SAID ? path.substr(0, LONGEST_SAID) + "..." : path;
+}
+
 // Tries one place after the other and reports the path, or the reasons.
-std::string Find(int root, const std::vector<std::string> &places, const std::string &name,
-                 PlacedFile *file) {
+std::string Find(int root, const std::vector<std::string> &places, PlacedFile *file) {
+    std::vector<std::string> open;
     std::string reasons;
     size_t tried = 0;
-    for (const std::string &place : places) {
-        const std::string why = file->Put(root, place);
-        if (why.empty())
-            return FOUND + (place == "/" ? "" : place) + "/" + name;
-        if (why == strerror(ENOTDIR)) // a file is mounted there, as a container's /etc/hosts
-            continue;
-        if (tried++ < PLACES_SAID)
-            reasons += fmt::format("{}{} ({})", reasons.empty() ? "" : ", ", place, why);
-    }
+    for (const bool last : {false, true})
+        for (const std::string &place : last ? open : places) {
+            const std::string why = file->Put(root, place, last);
+            if (why.empty())
+                return FOUND + file->PathIn(place);
+            if (why == LATER)
+                open.push_back(place);
+            else if (why != strerror(ENOTDIR) && // a file is mounted there, as a container's /etc/hosts
+                     tried++ < PLACES_SAID)
+                reasons += fmt::format("{}{} ({})", reasons.empty() ? "" : ", ", Shortened(place), why);
+        }
     if (tried > PLACES_SAID)
         reasons += fmt::format(" and {} more", tried - PLACES_SAID);
     return NONE + reasons;
@@ -150,6 +173,7 @@ struct Task {
     int root, report, leave;
     const std::vector<std::string> &places;
     std::string_view content;
+    size_t longest_path;
 };
 
 // Signals typed at us reach the child too, which has a file to remove.
@@ -160,8 +184,8 @@ struct Task {
         if (EnterAs(task.root, task.process)) {
             std::random_device random;
             const std::string name = fmt::format("qoragent-{:08x}{:08x}.jar", random(), random());
-            PlacedFile file(name, task.content);
-            WriteWhole(task.report, Find(task.root, task.places, name, &file));
+            PlacedFile file(name, task.content, task.longest_path);
+            WriteWhole(task.report, Find(task.root, task.places, &file));
             close(task.report);
             WaitForClose(task.leave);
         }
@@ -172,10 +196,9 @@ struct Task {
 }
 
 // What the child reports; empty when it says nothing in time.
-std::string ReadReport(int fd) {
+std::string ReadReport(int fd, Clock::time_point deadline) {
     std::string text;
     char part[4096];
-    const Clock::time_point deadline = Clock::now() + SEARCH_LIMIT;
     while (text.size() < MAX_REPORT && WaitFor(fd, POLLIN, deadline)) {
         ssize_t got = read(fd, part, sizeof part);
         if (got < 0 && errno == EINTR)
@@ -219,7 +242,8 @@ std::vector<std::string> MountedDirectories(std::string_view mountinfo) {
     return places;
 }
 
-BroughtJar::BroughtJar(const Process &process, const std::string &jar, std::vector<std::string> places) {
+BroughtJar::BroughtJar(const Process &process, const std::string &jar, std::vector<std::string> places,
+                       size_t longest_path, Clock::time_point deadline) {
     const std::string content = ReadFile(jar, LARGEST_JAR);
     if (content.empty())
         throw Failure(fmt::format("can't read {}: {}", jar, strerror(errno)), "check --jar");
@@ -238,10 +262,11 @@ BroughtJar::BroughtJar(const Process &process, const std::string &jar, std::vect
     child_ = fork();
     if (child_ == 0) {
         leave_ = FileDescriptor();
-        RunChild({process, root.get(), writer.get(), childs.get(), places, content});
+        RunChild({process, root.get(), writer.get(), childs.get(), places, content, longest_path});
     }
     writer = FileDescriptor();
-    const std::string found = child_ < 0 ? "" : ReadReport(reader.get());
+    const std::string found =
+        child_ < 0 ? "" : ReadReport(reader.get(), std::min(deadline, Clock::now() + SEARCH_LIMIT));
     if (!found.empty() && found[0] == FOUND) {
         path_ = found.substr(1);
         return;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "base/process.h"
+#include "base/transfer.h"
 
 #include <string>
 #include <string_view>
@@ -17,8 +18,10 @@ namespace qorctl {
 class BroughtJar {
 public:
     // `jar` is our path of it; `places` are tried first, as paths of the JVM, then the file systems that it
-    // has mounted. Throws a Failure that names each place with the reason against it.
-    BroughtJar(const Process &process, const std::string &jar, std::vector<std::string> places);
+    // has mounted; where others could replace the file only if there is nothing else. Its path there takes
+    // `longest_path` bytes at most. Throws a Failure that names each place with the reason against it.
+    BroughtJar(const Process &process, const std::string &jar, std::vector<std::string> places,
+               size_t longest_path, Clock::time_point deadline);
     BroughtJar(const BroughtJar &) = delete;
     ~BroughtJar(); // removes the file
 

@@ -1,6 +1,6 @@
 #include "discover.h"
 
-#include "attach.h"
+#include "attachable.h"
 #include "base/failure.h"
 #include "base/transfer.h"
 #include "hung.h"
@@ -49,7 +49,7 @@ AgentState FindAgent(const Process &process, JvmEntry *entry) {
         Proof proof = CheckListener(process, *endpoint);
         if (proof == Proof::UNKNOWN)
             entry->note = NOT_PROVEN;
-        bool answers = proof != Proof::OTHER && Connection::Open(*endpoint, PROBE_LIMIT);
+        bool answers = proof != Proof::OTHER && Connection::Open(*endpoint, Clock::now() + PROBE_LIMIT);
         if (answers && entry->ports)
             entry->ports->erase(std::remove(entry->ports->begin(), entry->ports->end(), endpoint->port),
                                 entry->ports->end());

@@ -143,8 +143,7 @@ std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &
     return endpoint;
 }
 
-std::optional<Connection> Connection::Open(const Endpoint &endpoint, Seconds limit) {
-    Clock::time_point deadline = Clock::now() + limit;
+std::optional<Connection> Connection::Open(const Endpoint &endpoint, Clock::time_point deadline) {
     FileDescriptor fd = MakeInNetwork(endpoint.pid, MakeSocket);
     if (!fd.ok())
         throw NoSocket(endpoint.pid);
@@ -199,18 +198,16 @@ bool Connection::ReceiveReply(std::string *reply, Clock::time_point deadline) {
     throw Failure("the reply doesn't end", "agent and qorctl may be of different versions");
 }
 
-std::string Connection::Ask(std::string_view request, Seconds limit) {
+std::string Connection::Ask(std::string_view request, Deadline due) {
     CheckRequest(request);
-    Clock::time_point deadline = start_.value_or(Clock::now()) + limit;
-    start_.reset();
     std::string reply;
-    Transfer sent = Send(socket_.get(), std::string(request) + "\n", deadline);
+    Transfer sent = Send(socket_.get(), std::string(request) + "\n", due.at);
     if (sent == Transfer::CLOSED)
         throw Unanswered(reply);
-    Patience patience(pid_, deadline);
+    Patience patience(pid_, due.at);
     const auto receive = [&](Clock::time_point until) { return ReceiveReply(&reply, until); };
     if (sent == Transfer::LATE || !patience.Wait(receive))
-        throw patience.Late(Failure(fmt::format("no answer within {} seconds", limit.count()),
+        throw patience.Late(Failure(fmt::format("no answer within {} seconds", due.limit.count()),
                                     "try again, or wait longer with --timeout"));
     return reply;
 }
@@ -227,12 +224,11 @@ std::optional<std::string> Connection::AskWhile(std::string_view request, std::c
     return reply;
 }
 
-void Connection::SendLast(std::string_view request, Seconds limit) {
-    Clock::time_point deadline = Clock::now() + limit;
+void Connection::SendLast(std::string_view request, Deadline due) {
     std::string reply;
-    Transfer result = Send(socket_.get(), std::string(request) + "\n", deadline);
+    Transfer result = Send(socket_.get(), std::string(request) + "\n", due.at);
     while (result == Transfer::DONE && reply.size() < MAX_REPLY_BYTES)
-        result = Receive(socket_.get(), &reply, MAX_REPLY_BYTES - reply.size(), deadline);
+        result = Receive(socket_.get(), &reply, MAX_REPLY_BYTES - reply.size(), due.at);
     if (result != Transfer::CLOSED)
         throw Failure("the agent didn't hang up", "it may still be busy with a request; try again");
     if (!reply.empty())

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "base/process.h"
+#include "base/transfer.h"
 
 #include <chrono>
 #include <cstdint>
@@ -15,8 +16,6 @@
 #include <string_view>
 
 namespace qorctl {
-
-using Seconds = std::chrono::seconds;
 
 struct Endpoint {
     uint32_t address = 0; // IPv4, network order
@@ -44,13 +43,10 @@ std::optional<Endpoint> FindEndpoint(const Process &process, const std::string &
 class Connection {
 public:
     // Nothing when nobody listens there or the token isn't accepted: the file is then a leftover.
-    static std::optional<Connection> Open(const Endpoint &endpoint, Seconds limit);
-
-    // The limit of the next request counts from `start`, before now.
-    void CountFrom(std::chrono::steady_clock::time_point start) { start_ = start; }
+    static std::optional<Connection> Open(const Endpoint &endpoint, Clock::time_point deadline);
 
     // Sends one request line and reads the reply up to its end mark. Throws a Failure when none comes.
-    std::string Ask(std::string_view request, Seconds limit);
+    std::string Ask(std::string_view request, Deadline due);
 
     // The same with no limit of its own: every `period` while it waits it asks `go_on`, and gives up, with
     // nothing, when that says no.
@@ -58,14 +54,13 @@ public:
                                         const std::function<bool()> &go_on);
 
     // Sends a line after which the other side hangs up. Throws a Failure when it doesn't.
-    void SendLast(std::string_view request, Seconds limit);
+    void SendLast(std::string_view request, Deadline due);
 
 private:
     Connection(FileDescriptor socket, pid_t pid) : socket_(std::move(socket)), pid_(pid) {}
-    bool ReceiveReply(std::string *reply, std::chrono::steady_clock::time_point deadline);
+    bool ReceiveReply(std::string *reply, Clock::time_point deadline);
     FileDescriptor socket_;
     pid_t pid_; // of the JVM; 0 when not known
-    std::optional<std::chrono::steady_clock::time_point> start_;
 };
 
 } // namespace qorctl

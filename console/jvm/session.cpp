@@ -1,6 +1,8 @@
 #include "session.h"
 
+#include "agent_jar.h"
 #include "attach.h"
+#include "attachable.h"
 #include "base/failure.h"
 #include "base/terminal.h"
 #include "base/transfer.h"
@@ -42,7 +44,7 @@ void CompareVersions(const Settings &settings, pid_t pid, Connection *connection
     static std::set<pid_t> asked;
     if (!asked.insert(pid).second)
         return;
-    const std::string answer = connection->Ask(VersionRequest(), Seconds(settings.timeout));
+    const std::string answer = connection->Ask(VersionRequest(), settings.Due());
     const std::string warning = VersionWarning(answer, QOR_VERSION);
     if (!warning.empty())
         fmt::print(stderr, "qorctl: {}\n", warning);
@@ -69,20 +71,20 @@ Process RequireProcess(pid_t pid) {
     return process;
 }
 
-std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask) {
+std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask, Clock::time_point deadline) {
     bool taken = false;
     std::optional<Endpoint> endpoint = FindEndpoint(process, UsualDirectory(process), &taken);
     if (endpoint || !(taken || ask))
         return endpoint;
     constexpr std::string_view ELSEWHERE = "running in /";
-    std::string status = AgentStatus(process, STATUS_LIMIT);
+    std::string status = AgentStatus(process, std::min(deadline, Clock::now() + STATUS_LIMIT));
     if (status.compare(0, ELSEWHERE.size(), ELSEWHERE) == 0)
         endpoint = FindEndpoint(process, status.substr(ELSEWHERE.size() - 1), &taken);
     return endpoint;
 }
 
 std::optional<Connection> ConnectToRunning(const Settings &settings, const Process &process, bool ask) {
-    std::optional<Endpoint> endpoint = LocateEndpoint(process, ask);
+    std::optional<Endpoint> endpoint = LocateEndpoint(process, ask, settings.Due().at);
     if (!endpoint)
         return std::nullopt;
     Proof proof = CheckListener(process, *endpoint);
@@ -91,17 +93,17 @@ std::optional<Connection> ConnectToRunning(const Settings &settings, const Proce
     if (proof == Proof::UNKNOWN)
         DealWithDoubt(settings, process, *endpoint);
     CheckRuns(process);
-    return Connection::Open(*endpoint, std::min(CONNECT_LIMIT, Seconds(settings.timeout)));
+    return Connection::Open(*endpoint, settings.DueWithin(CONNECT_LIMIT));
 }
 
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process) {
     std::string jar = FindJar(settings.jar);
-    LoadAgent(process, jar, settings.options, std::min(LOAD_LIMIT, Seconds(settings.timeout)));
+    LoadAgent(process, jar, settings.options, settings.DueWithin(LOAD_LIMIT));
     if (SwitchesRelayOff(settings.options))
         return std::nullopt;
     if (std::optional<Connection> connection = ConnectToRunning(settings, process, true))
         return connection;
-    std::string status = AgentStatus(process, std::min(STATUS_LIMIT, Seconds(settings.timeout)));
+    std::string status = AgentStatus(process, settings.DueWithin(STATUS_LIMIT));
     constexpr std::string_view FAILED = "failed: ", RUNNING = "running";
     if (status.compare(0, FAILED.size(), FAILED) == 0)
         throw Failure(fmt::format("the agent couldn't start: {}", status.substr(FAILED.size())),
@@ -117,16 +119,13 @@ std::optional<Connection> LoadAndConnect(const Settings &settings, const Process
 }
 
 Connection RequireAgent(const Settings &settings, const Process &process) {
-    const Clock::time_point start = Clock::now();
     std::optional<Connection> connection = ConnectToRunning(settings, process, false);
     if (connection)
         CompareVersions(settings, process.pid, &*connection);
     else
         connection = LoadAndConnect(settings, process);
-    if (connection) {
-        connection->CountFrom(start);
+    if (connection)
         return std::move(*connection);
-    }
     throw Failure("the options switch the relay off, so nothing can be asked", "leave out relay=off",
                   EXIT_USAGE);
 }

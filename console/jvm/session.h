@@ -12,8 +12,9 @@ Process RequireProcess(pid_t pid);
 
 // Where the agent of a process listens; nothing when it hasn't published that. If the usual directory isn't
 // the JVM user's own, or with `ask` in any case, the JVM is asked whether it is published elsewhere, if it
-// can be without a signal.
-std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask);
+// can be without a signal; this takes 5 s at most.
+std::optional<Endpoint> LocateEndpoint(const Process &process, bool ask,
+                                       Clock::time_point deadline = Clock::time_point::max());
 
 // A connection to an agent that runs already; nothing when none does, or another process listens in its
 // place. Throws a Failure when the process is stopped.
@@ -22,7 +23,7 @@ std::optional<Connection> ConnectToRunning(const Settings &settings, const Proce
 // Loads the agent and connects to it; nothing when its options switch the relay off.
 std::optional<Connection> LoadAndConnect(const Settings &settings, const Process &process);
 
-// The one or the other. What it took is part of the time in which the connection's first answer is due.
+// The one or the other. Throws a Failure when the settings' time is over before.
 Connection RequireAgent(const Settings &settings, const Process &process);
 
 // What is to be said of the agent's answer to VersionRequest; empty when it is of the version `own`.

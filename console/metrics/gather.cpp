@@ -95,6 +95,7 @@ void Gatherer::Connect(Jvm *jvm) {
         return;
     Settings settings = settings_;
     settings.timeout = std::min(settings.timeout, static_cast<int>(LIMIT.count()));
+    settings.BeginRound();
     try {
         jvm->connection = ConnectToRunning(settings, RequireProcess(jvm->pid), false);
     } catch (const Failure &) { // it counts as one that doesn't answer

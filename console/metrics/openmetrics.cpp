@@ -172,6 +172,8 @@ constexpr Metric METRICS[] = {
      [](const JvmReading &jvm) { return WalkFigure(jvm, "leftout", 1); }},
     {"qor_agent_hand_quota_ratio", "gauge", "ratio", "Share of time that walks asked for by hand may take.",
      nullptr, [](const JvmReading &jvm) { return WalkFigure(jvm, "handquota", 0.01); }},
+    {"qor_agent_poll_quota_ratio", "gauge", "ratio", "Share of time that walks of polls, as these, may take.",
+     nullptr, [](const JvmReading &jvm) { return WalkFigure(jvm, "localquota", 0.01); }},
 };
 
 void AppendPoint(const Metric &metric, const JvmLabels &jvm, const Point &point, std::string *out) {

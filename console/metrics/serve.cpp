@@ -14,6 +14,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <memory>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -102,23 +103,45 @@ FileDescriptor ListenAtPath(const std::string &path) {
     return listener;
 }
 
+union SocketAddress {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+};
+
+// "ADDRESS:PORT" or "[ADDRESS]:PORT". Throws a usage Failure for another text.
+SocketAddress ReadAddress(const std::string &text, std::string *host) {
+    SocketAddress address = {};
+    const size_t colon = text.rfind(':');
+    int port = -1;
+    *host = text.substr(0, colon);
+    const bool number = colon != text.npos && ReadNumber(std::string_view(text).substr(colon + 1), &port) &&
+                        port >= 0 && port <= UINT16_MAX;
+    const bool is_v6 = host->size() > 2 && host->front() == '[' && host->back() == ']';
+    const std::string plain = is_v6 ? host->substr(1, host->size() - 2) : *host;
+    address.any.sa_family = is_v6 ? AF_INET6 : AF_INET;
+    void *const bytes = is_v6 ? static_cast<void *>(&address.v6.sin6_addr) : &address.v4.sin_addr;
+    if (!number || inet_pton(address.any.sa_family, plain.c_str(), bytes) != 1)
+        throw Failure("\"" + text + "\" is no address and port", "write 127.0.0.1:9464 or [::1]:9464",
+                      EXIT_USAGE);
+    (is_v6 ? address.v6.sin6_port : address.v4.sin_port) = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
 FileDescriptor ListenAtPort(const std::string &where, std::string *bound) {
-    sockaddr_in address = {};
     std::string host;
-    int port = 0;
-    SplitAddress(where, &host, &port);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
-    FileDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    SocketAddress address = ReadAddress(where, &host);
+    const bool is_v6 = address.any.sa_family == AF_INET6;
+    FileDescriptor listener(socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
     setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    socklen_t size = sizeof address;
-    if (bind(listener.get(), reinterpret_cast<sockaddr *>(&address), size) != 0 ||
-        listen(listener.get(), BACKLOG) != 0 ||
-        getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &size) != 0)
+    if (is_v6) // [::] isn't every address of IPv4 too
+        setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    socklen_t size = is_v6 ? sizeof address.v6 : sizeof address.v4;
+    if (bind(listener.get(), &address.any, size) != 0 || listen(listener.get(), BACKLOG) != 0 ||
+        getsockname(listener.get(), &address.any, &size) != 0)
         throw CantListen(where, errno);
-    *bound = host + ":" + std::to_string(ntohs(address.sin_port));
+    *bound = host + ":" + std::to_string(ntohs(is_v6 ? address.v6.sin6_port : address.v4.sin_port));
     return listener;
 }
 
@@ -127,15 +150,6 @@ void Stop(evutil_socket_t /*signal*/, short /*what*/, void *base) {
 }
 
 } // namespace
-
-void SplitAddress(const std::string &text, std::string *host, int *port) {
-    const size_t colon = text.rfind(':');
-    in_addr address = {};
-    *host = text.substr(0, colon);
-    if (colon == text.npos || !ReadNumber(std::string_view(text).substr(colon + 1), port) || *port < 0 ||
-        *port > UINT16_MAX || inet_pton(AF_INET, host->c_str(), &address) != 1)
-        throw Failure("\"" + text + "\" is no address and port", "write 127.0.0.1:9464", EXIT_USAGE);
-}
 
 void ServeMetrics(const MetricsPlace &place, const char *type, const std::function<std::string()> &text,
                   const std::function<void(const std::string &)> &ready) {

@@ -8,12 +8,9 @@ namespace qorctl {
 
 struct MetricsPlace {
     std::string socket;  // path of a Unix socket that its owner alone can connect to; empty: `address`
-    std::string address; // "ADDRESS:PORT", IPv4; port 0 takes a free one
+    std::string address; // "ADDRESS:PORT", of IPv6 "[ADDRESS]:PORT"; port 0 takes a free one
     std::string token;   // that callers must send as "Authorization: Bearer TOKEN"; empty: none
 };
-
-// "ADDRESS:PORT" in its parts. Throws a usage Failure for another text.
-void SplitAddress(const std::string &text, std::string *host, int *port);
 
 // Serves until SIGINT or SIGTERM. `ready` is called once with where it listens. Throws a Failure when it
 // can't listen.

@@ -144,6 +144,7 @@ LineHead Recorder::Head() const {
 
 // Finds the JVM and its agent, which is loaded if it isn't there.
 void Recorder::Begin() {
+    settings_.BeginRound();
     process_ = RequireProcess(pid_);
     connection_ = RequireAgent(settings_, process_);
     sampler_.emplace(process_.inner_pid);
@@ -212,6 +213,7 @@ void Recorder::ReconnectIfNeeded() {
     look.limit = HUNG_LIMIT;
     if (HungReport report = LookAtHung(pid_, look); report.is_read && report.is_hung)
         throw NoAnswer{report.sentence};
+    settings_.BeginRound();
     connection_ = ConnectToRunning(settings_, process_, false);
     if (!connection_)
         throw Failure("the agent has ended", "attach again and record anew");

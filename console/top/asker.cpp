@@ -57,6 +57,11 @@ std::optional<TopAnswer> Asker::Take() {
     return answer;
 }
 
+std::chrono::seconds Asker::Silence() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::chrono::duration_cast<Seconds>(asked_ ? TopClock::now() - *asked_ : TopClock::duration());
+}
+
 void Asker::Run() {
     for (;;) {
         TopQuestion question;
@@ -64,8 +69,11 @@ void Asker::Run() {
             const std::lock_guard<std::mutex> lock(mutex_);
             question = question_;
             is_new_ = false;
+            if (!asked_)
+                asked_ = TopClock::now();
         }
         const auto start = TopClock::now();
+        settings_.BeginRound();
         TopAnswer answer;
         try {
             if (!connection_)
@@ -79,6 +87,8 @@ void Asker::Run() {
             answer.failure = Printable(error.what());
         }
         std::unique_lock<std::mutex> lock(mutex_);
+        if (answer.failure.empty())
+            asked_.reset();
         answer_ = std::move(answer);
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = write(ready_.get(), &one, sizeof one);
@@ -89,9 +99,7 @@ void Asker::Run() {
 }
 
 TopAnswer Asker::Look(const TopQuestion &question) {
-    auto ask = [this](const std::string &request) {
-        return connection_->Ask(request, Seconds(settings_.timeout));
-    };
+    auto ask = [this](const std::string &request) { return connection_->Ask(request, settings_.Due()); };
     TopAnswer answer;
     ThreadQuestion threads;
     threads.details = question.details;

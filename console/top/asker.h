@@ -45,6 +45,9 @@ public:
     // The latest answer, once.
     std::optional<TopAnswer> Take();
 
+    // For how long an answer has been due; 0 when none is.
+    std::chrono::seconds Silence();
+
     // Readable when there is an answer to take.
     int Descriptor() const { return ready_.get(); }
 
@@ -62,6 +65,7 @@ private:
     TopQuestion question_; // under the lock, as what follows
     bool is_new_ = false;  // the question
     std::optional<TopAnswer> answer_;
+    std::optional<TopClock::time_point> asked_; // and not answered, or by a failure
 };
 
 } // namespace qorctl

@@ -12,6 +12,7 @@ namespace qorctl {
 namespace {
 
 constexpr int HEAD_ROWS = 4; // above the table: title, states, machine, tabs
+constexpr std::chrono::seconds SILENCE_SHOWN(2);
 
 constexpr const char *HELP[] = {
     "1 2 3 4      threads, locks waited for, statements, URLs",
@@ -196,8 +197,10 @@ bool Top::Press(int key) {
 }
 
 std::string Top::Title(size_t width) const {
-    const std::string right =
-        (paused_ ? "PAUSED  " : "") + fmt::format("{}  every {:g} s", time_, question_.seconds);
+    std::string right = paused_ ? "PAUSED  " : "";
+    if (silence_ >= SILENCE_SHOWN)
+        right += fmt::format("no answer for {} s  ", silence_.count());
+    right += fmt::format("{}  every {:g} s", time_, question_.seconds);
     Style style;
     style.width = width > right.size() + 2 ? width - right.size() - 2 : 1;
     std::string left = FitLine(fmt::format("qorctl top {}  {}", pid_, Printable(name_)), style);
@@ -260,7 +263,8 @@ std::vector<Top::Row> Top::StackRows() const {
 }
 
 void Top::DrawHead(Screen *screen) const {
-    screen->Line(0, Title(static_cast<size_t>(screen->Columns())), LineLook::TITLE);
+    screen->Line(0, Title(static_cast<size_t>(screen->Columns())),
+                 silence_ >= SILENCE_SHOWN ? LineLook::BAD : LineLook::TITLE);
     screen->Line(1, answered_ ? StateCounts(answer_.summary) : "...");
     screen->Line(2, answered_ ? MachineLine(answer_.summary, answer_.collectors, collectors_before_) : "");
     screen->Line(3, Tabs(), LineLook::QUIET);

@@ -16,6 +16,8 @@ public:
 
     const TopQuestion &question() const { return question_; }
     void Take(TopAnswer answer);
+    // For how long the JVM hasn't answered; the figures shown are older than that.
+    void Wait(std::chrono::seconds silence) { silence_ = silence; }
     // What a key does. False when it ends the program.
     bool Press(int key);
     // Whether the question has changed since it was last asked for.
@@ -52,6 +54,7 @@ private:
     TopChoice choice_;
     TopAnswer answer_;
     bool answered_ = false;
+    std::chrono::seconds silence_{0};
     std::vector<CollectorBean> collectors_before_;
     RateMeter rates_;
     TopTable table_;

@@ -11,6 +11,7 @@ USER, OUTER, GROUP = 1000, 300000, 4242
 NARROW = """for m in $(awk '!/ - (proc|sysfs) / && $5 != "/tmp" {print $5}' /proc/self/mountinfo); do
             mount -o remount,bind,ro $m || :; done; """
 NOEXEC = "mount -o remount,bind,noexec /tmp; "
+DEEP = "/mnt" + "/deep" * 210  # longer than the path of a jar may be
 TWICE = ["unshare", "--pid", "--fork", "--kill-child"] * 2
 
 
@@ -23,14 +24,17 @@ def read(path):
 
 class Contained(Application):
     """The demo with mounts of its own and without the agent's jar. `mounts` are commands that root runs there
-    first, `cwd` is where the JVM begins."""
+    first, `cwd` is where the JVM begins. `bare` makes it root, without what root may beyond others."""
 
-    def __init__(self, mounts, cwd, wrap):
-        script = f"""set -e; mount -t tmpfs -o mode=1777 none /mnt; mkdir /mnt/classes /mnt/closed /mnt/home
-            chown 0:{GROUP} /mnt/closed; chmod 775 /mnt/closed; chmod 777 /mnt/home
+    def __init__(self, mounts, cwd, wrap, bare=False):
+        identity = "--bounding-set=-all --inh-caps=-all" if bare else f"--reuid={USER} --regid={USER}"
+        script = f"""set -e; mount -t tmpfs -o mode=1777 none /mnt; cd /mnt
+            mkdir -p classes closed home open users {DEEP}
+            chown 0:{GROUP} /mnt/closed; chmod 775 /mnt/closed; chmod 777 /mnt/open
+            chmod 1777 /mnt/home {DEEP}; chown {USER} /mnt/users
             mount --bind {SETTINGS.classes} /mnt/classes; mount -t tmpfs -o mode=1777 none /tmp
             mount -t proc proc /proc 2>&1 || : # of the process ids in there, when they are its own
-            {mounts} cd {cwd}; exec setpriv --reuid={USER} --regid={USER} --clear-groups "$@" """
+            {mounts} cd {cwd}; exec setpriv {identity} --clear-groups "$@" """
         propagation = "unchanged" if SETTINGS.root else "private"  # which tools/in_root has seen to
         super(Application, self).__init__(
             "-Duser.home=/mnt/home", "-cp", "/mnt/classes", "qoragent.demo.Demo", 170,
@@ -64,9 +68,9 @@ class Containers(Case):
         """The command that enters the namespaces of the holder."""
         return ["nsenter", "-t", str(self.holder.pid), *kinds]
 
-    def ask(self, mounts, cwd, wrap, place):
+    def ask(self, mounts, cwd, wrap, place, bare=False):
         """`place` is where the jar was: None when there is none for it."""
-        with Contained(mounts, cwd, wrap) as app:
+        with Contained(mounts, cwd, wrap, bare) as app:
             before, jar = read(f"/proc/{app.pid}/mountinfo"), ("--jar", SETTINGS.root + SETTINGS.jar)
             if place is None:
                 said = self.refused("has no directory for the agent: ", "threads", app.pid, *jar).err
@@ -89,14 +93,17 @@ class Containers(Case):
     def test_file_systems(self):
         if SETTINGS.root:
             self.skipTest("a changed root directory can't be mounted read-only")
-        for what, mounts, cwd, place in (
+        for what, mounts, cwd, place, *bare in (
                 ("read-only root, /tmp to execute", NARROW, "/", "/tmp"),
                 ("noexec /tmp, a directory of another group", NOEXEC, "/mnt/closed", "/mnt/home"),
+                ("one where others may replace the file", NOEXEC, "/mnt/open", "/mnt/home"),
+                ("one with too long a path", NOEXEC, DEEP, "/mnt/home"),
+                ("another user's, for a root without privileges", NOEXEC, "/mnt/users", "/mnt/home", True),
                 ("a mount alone", NOEXEC + "mkdir '/mnt/a b'; " + NARROW +
                  "mount -t tmpfs -o mode=1777 none '/mnt/a b'; ", "/", "/mnt/a b"),
                 ("both refused", NARROW + NOEXEC, "/mnt/home", None)):
             with self.subTest(what):
-                self.ask(mounts, cwd, (), place)
+                self.ask(mounts, cwd, (), place, *bare)
 
     def test_namespaces(self):
         for name in ("uid_map", "gid_map"):

@@ -168,14 +168,12 @@ class Refusals(Case):
 
     def test_a_stopped_jvm(self):
         with Application() as app:
-            os.kill(app.pid, signal.SIGSTOP)
-            self.assertEqual(os.waitpid(app.pid, os.WUNTRACED)[0], app.pid)
-            self.refused("stopped", "attach", app.pid)
-            os.kill(app.pid, signal.SIGCONT)
-            self.answer("attach", app.pid)
-            os.kill(app.pid, signal.SIGSTOP)
-            self.refused("is stopped", "threads", app.pid, "--timeout", 600)  # at once, as without the agent
-            os.kill(app.pid, signal.SIGCONT)
+            for command in ("attach", "threads"):  # at once, without the agent and with it
+                os.kill(app.pid, signal.SIGSTOP)
+                self.assertEqual(os.waitpid(app.pid, os.WUNTRACED)[0], app.pid)
+                self.refused("is stopped", command, app.pid, "--timeout", 600)
+                os.kill(app.pid, signal.SIGCONT)
+                self.answer("attach", app.pid)
 
     def test_a_jvm_that_takes_nobody_in(self):
         with tempfile.TemporaryDirectory() as place:

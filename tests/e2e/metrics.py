@@ -83,6 +83,7 @@ class Metrics(OfTheDemo):
         with open(path, "w", encoding="ascii") as token:
             token.write("0123456789abcdef\n")
         host = urllib.parse.urlparse(self.serve("--listen", "127.0.0.1:0", "--token-file", path)[1]).netloc
+        self.assertTrue(self.serve("--listen", "[::1]:0")[1].startswith("http://[::1]:"))
         for sent, answer in ((None, 401), ("0123456789abcdeF", 401), ("0123456789abcdef", 200)):
             self.assertEqual(status(http.client.HTTPConnection(host), sent), answer)
 

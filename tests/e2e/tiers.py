@@ -51,7 +51,7 @@ class Tiers(OfTheDemo):
     def test_samples_by_hand_have_a_share_of_time(self):
         quota, state = "516|NoProcessing|handquota|", "516|NoProcessing|walkstate"
         self.assertRegex(self.answer("raw", self.app.pid, state).out,
-                         r"\Awalk=-?\d+ leftout=0 handquota=100 cut=0\n\Z")
+                         r"\Awalk=-?\d+ leftout=0 handquota=100 cut=0 localquota=100\n\Z")
         self.assertEqual(self.answer("raw", self.app.pid, quota + "1").out.strip(), "Changed handquota to 1")
         self.addCleanup(self.answer, "raw", self.app.pid, quota + "100")
         asked = qorctl("threads", self.app.pid, "--json")
@@ -61,7 +61,7 @@ class Tiers(OfTheDemo):
         self.assertRegex(asked.err, r"\Aqorctl: without data of other tiers, .*handquota.*\n\Z")
         self.assertNotIn("request", {t["name"]: t for t in asked.json()["threads"]}["demo-web"])
         self.assertRegex(self.answer("raw", self.app.pid, state).out,
-                         r"\Awalk=\d+ leftout=1 handquota=1 cut=0\n\Z")
+                         r"\Awalk=\d+ leftout=1 handquota=1 cut=0 localquota=100\n\Z")
 
     def test_rules_are_shown_and_replaced(self):
         shipped = text_of("../../java/tiers.rules")

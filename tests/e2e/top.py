@@ -101,6 +101,7 @@ class Top(OfTheDemo):
             top.shows("demo-compute")
             self.addCleanup(os.kill, self.app.pid, signal.SIGCONT)
             os.kill(self.app.pid, signal.SIGSTOP)
+            top.shows(rf"qorctl top {self.app.pid}.* no answer for \d+ s  ")
             top.shows("is stopped; let it run")
             self.assertIn(f"qorctl top {self.app.pid}", top.screen.display[0])
 

@@ -78,8 +78,9 @@ void SetHandQuota(char *value) {
 
 void ShowWalkState(char *) {
     const int64_t usec = gbQorLastWalkUsec;
-    QOR_REPLY("walk=%ld leftout=%d handquota=%d cut=%d", usec < 0 ? -1L : static_cast<long>(usec / 1000),
-              gbQorWalkLeftOut, qorHandWalkQuotaPct, gbQorWalkCut);
+    QOR_REPLY("walk=%ld leftout=%d handquota=%d cut=%d localquota=%d",
+              usec < 0 ? -1L : static_cast<long>(usec / 1000), gbQorWalkLeftOut, qorHandWalkQuotaPct,
+              gbQorWalkCut, QorLocalWalkQuota());
 }
 
 void ShowLastCost(char *) {

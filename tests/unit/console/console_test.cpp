@@ -19,6 +19,7 @@
 #include <grp.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 
 using namespace qorctl;
 
@@ -77,6 +78,28 @@ TEST(Endpoint, File) {
         text.replace(text.find(right), strlen(right), wrong);
         EXPECT_FALSE(ParseEndpoint(text)) << text;
     }
+}
+
+TEST(Endpoint, TheTimeIsThatOfAllStepsTogether) {
+    const Loopback relay(AF_INET, "127.0.0.1");
+    ASSERT_TRUE(relay.Listen());
+    std::thread silent([&] {
+        const FileDescriptor caller(accept(relay.fd, nullptr, nullptr));
+        send(caller.get(), "OK\n", 3, 0);
+        for (char byte; read(caller.get(), &byte, 1) > 0;) {
+        }
+    });
+    Endpoint endpoint = ParseEndpoint(EndpointText(77)).value();
+    endpoint.port = relay.port;
+    Settings settings;
+    {
+        std::optional<Connection> connection = Connection::Open(endpoint, settings.Due().at);
+        settings.start -= Seconds(settings.timeout); // which others took
+        EXPECT_EQ(
+            FailureOf([&] { connection->Ask("1|x", settings.Due()); }).find("no answer within 75 seconds"),
+            0);
+    }
+    silent.join();
 }
 
 TEST(Endpoint, WhoListensIsProven) {
