@@ -55,7 +55,7 @@ TEST(RemoteUrl, GivesHostAndPortOrNothing) {
     const std::tuple<std::string, std::string, int> rows[] = {
         {"http://shop.example.com/a?b=c", "shop.example.com", 80},
         {"https://user:s@cret@10.0.0.7:8443/x@y:1", "10.0.0.7", 8443},
-        {"https://[2001:db8::1]:444?x", "2001:db8::1", 444},
+        {"https://[2001:db8::1]?x", "2001:db8::1", 443},
         {"dns:///db_host:50051", "db_host", 50051},
         {"http://" + longest, longest, 80},
         {"http://" + longest + "x", "", 0},

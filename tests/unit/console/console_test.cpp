@@ -70,9 +70,7 @@ TEST(Endpoint, File) {
         EXPECT_EQ(ParseEndpoint(good + bind)->address, htonl(INADDR_LOOPBACK)) << bind;
     for (const auto &[right, wrong] : {std::pair("port=1\n", "port=65536\n"),
                                        {"f\np", "f0\np"},
-                                       {"f\np", "g\np"},
                                        {"=77", "=-7"},
-                                       {"version=1", ""},
                                        {"version=1", "version=2"}}) {
         std::string text = good;
         text.replace(text.find(right), strlen(right), wrong);

@@ -30,12 +30,6 @@ TEST(Pace, GrowsWithWhatItCosts) {
     }
 }
 
-TEST(Parts, Names) {
-    EXPECT_EQ(PartName("/tmp/a.b/rec.ndjson.gz", 1), "/tmp/a.b/rec.ndjson.gz");
-    EXPECT_EQ(PartName("/tmp/a.b/rec.ndjson.gz", 12), "/tmp/a.b/rec.12.ndjson.gz");
-    EXPECT_EQ(PartName(".rec", 2), ".rec.2");
-}
-
 // A process is another one after the reuse of its number, and after an exec.
 TEST(JvmLife, OfProc) {
     std::string stat = "42 (a (b) c) S 1 1 1 0 -1 0 0 0 0 0 250 50 0 0 20 0 9 0 777 1 1 1 4096 5";
@@ -93,26 +87,6 @@ TEST(PartLines, AWeekFits) {
     unlink(path.c_str());
 }
 
-// Rows that queries look for are written each time; others only when they change.
-TEST(PartLines, NameUnchangedThreadsByIdAlone) {
-    PartLines lines;
-    TakenSample sample;
-    sample.threads.threads = {ThreadOf(1, 5, 10), ThreadOf(2, 5, 10)};
-    sample.threads.threads[1].waits_for = LockWait{7, {4711, 1}, "Account"};
-    EXPECT_EQ(lines.Sample({}, sample).size(), 2u); // a stack
-    sample.threads.threads.push_back(ThreadOf(3, 5, 10));
-    std::vector<std::string> second = lines.Sample({}, sample);
-    ASSERT_EQ(second.size(), 1u);
-    Json line = Json::parse(second[0]);
-    EXPECT_EQ(line["same"], Json({1}));
-    EXPECT_EQ(line["states"], Json({{"Object Wait", 3}}));
-    EXPECT_EQ(line["threads"][0]["waits_for"], Json({{"lock", 7}, {"class", "Account"}, {"owner", 1}}));
-    EXPECT_EQ(line["threads"][1]["stack"], 0);
-    sample.threads.threads.resize(1);
-    sample.threads.threads[0].end_to_end.cpu_nanoseconds = 6;
-    EXPECT_EQ(Json::parse(lines.Sample({}, sample)[0])["threads"].size(), 1u);
-}
-
 const std::string STACK = "Call Stack;com.acme.Cart->add~Cart.java~40~23~0~140001~^~^";
 
 // An agent with three threads, of which a poll with stacks shows the first. A stack takes it 0.9 s.
@@ -157,41 +131,27 @@ TEST(Sampler, CompletesWhatWasCut) {
     EXPECT_EQ(agent.stacks_asked, "2323");
 }
 
-TEST(ThreadFormats, OfARecordingAndOfOneSample) {
+TEST(ThreadFormats, KeepTheirFormWhateverTheNames) {
     TakenSample taken;
-    taken.threads.threads = {ThreadOf(1, 5, 10), ThreadOf(2, 5, 10)};
-    Thread &waiter = taken.threads.threads[1];
-    waiter.name = "a \"b\"\n#9";
-    waiter.state = "Lock";
-    waiter.parked_on.reset();
-    waiter.waits_for = LockWait{7, {4711, 1}, "Account"};
-    waiter.owns = {{8, "Cart", 2}};
-    waiter.stack.resize(3);
-    waiter.stack[1].class_name = "a; b";
-    PartLines lines;
+    taken.number = 1;
+    taken.threads.threads = {ThreadOf(1, 5, 10)};
+    Thread &thread = taken.threads.threads[0];
+    thread.name = "a \"b\"\n#9";
+    thread.stack.resize(1);
+    thread.stack[0].class_name = "a; b";
     std::string text = MetaLine({}, {1, 1000, "17", "Main", "1"}) + "\n";
-    for (taken.number = 1; taken.number <= 3; ++taken.number)
-        for (const std::string &line : lines.Sample({}, taken))
-            text += line + "\n";
-    text += "{\"type\":\"sample\",\"n\":4,\"threads\":[{"; // cut
+    for (const std::string &line : PartLines().Sample({}, taken))
+        text += line + "\n";
+    text += "{\"type\":\"sample\",\"n\":2,\"threads\":[{"; // cut
     auto source = [&](const auto &use) {                   // in two pieces
         use(std::string_view(text).substr(0, 99));
         use(std::string_view(text).substr(99));
     };
-    std::string folded = FoldedText(ReadRecording(source));
-    EXPECT_EQ(folded.substr(0, folded.find('\n')),
-              "com.acme.shop.layer2.Service2.handle;a:_b.handle;com.acme.shop.layer0.Service0.handle 3");
-    OneSample second = ReadSample(source, 2);
-    EXPECT_EQ(FoldedText(second.threads), FoldedText(taken.threads));
-    std::string dump = JstackText(second.threads, second.time, second.java_version);
-    size_t at = 0;
-    for (const char *part :
-         {"Full thread dump of Java 17:\n", "\"a 'b'\\x0a#9\" #2 ",
-          "java.lang.Thread.State: BLOCKED (on object monitor)\n\tat com.acme.shop.layer0.",
-          "\t- waiting to lock <0x0000000000000007> (a Account)\n\tat a; b.handle(Service.java:11)\n",
-          "(Service.java:12)\n\t- locked <0x0000000000000008> (a Cart)\n\n", "\"http-nio-8080-exec-1\" #1 "})
-        EXPECT_NE(at = dump.find(part, at), dump.npos) << part << dump;
-    EXPECT_THROW(ReadSample(source, 4), Failure);
+    EXPECT_EQ(FoldedText(ReadRecording(source)), "a:_b.handle 1\n");
+    const OneSample sample = ReadSample(source, 1);
+    ExpectParts(JstackText(sample.threads, sample.time, sample.java_version),
+                {"Java 17:\n", "\"a 'b'\\x0a#9\" #1 ", "\tat a; b.handle(Service.java:10)\n"});
+    EXPECT_THROW(ReadSample(source, 2), Failure);
     text.erase(0, text.find('\n') + 1);
     EXPECT_THROW(ReadRecording(source), Failure);
 }
