@@ -66,10 +66,6 @@ class DirectRoad(Direct):
         self.assertEqual(waits, {t["name"]: (t["waits"], next(
             holder["name"] for holder in self.truths.values() for lock in holder["locks"]
             if lock.startswith(t["waits"] + " "))) for t in self.truths.values() if t["waits"]})
-        summary = self.json("summary", self.vm.pid)
-        states = Counter(t["state"] for t in self.truths.values()) + Counter(["Object Wait"])  # main's
-        for state, count in states.items():
-            self.assertEqual(summary["threads_" + state.lower().replace(" ", "_")], count, state)
         self.shut_down()
 
 
@@ -100,9 +96,7 @@ class DirectHeap(Direct):
                          {name: [space["objects"], *(sum(space["types"].get(sign, [0])[0] for sign in kind)
                                                      for kind in KINDS.values())]
                           for name, space in spaces.items()})
-        shown = self.json("histogram", self.vm.pid, "--top", 302)["classes"]
+        shown = self.json("histogram", self.vm.pid)["classes"]
         self.assertLessEqual({(row["class"], row["instances"])
-                              for row in shown if row["class"].startswith("heap.")},
-                             {*classes.items()})
-        self.assertEqual(self.json("gc", self.vm.pid)["collectors"], heap["collectors"])
+                              for row in shown if row["class"].startswith("heap.")}, {*classes.items()})
         self.shut_down()

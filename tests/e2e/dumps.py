@@ -1,13 +1,13 @@
 """Heap dumps: what is in them, how a failed one is reported, and one that outlasts the agent's patience."""
-import contextlib
 import os
-import pty
 import re
-import socket
+import socketserver
 import subprocess
 import threading
 
-from harness import LIMIT, SETTINGS, Case, OfTheDemo, folder, qorctl, run_tool
+import pexpect
+
+from harness import LIMIT, SETTINGS, Case, OfTheDemo, folder, on_terminal, qorctl, run_tool
 
 MARK = b"|\t|\t\t||"
 
@@ -51,23 +51,21 @@ class Dumps(OfTheDemo):
         os.symlink(f"{self.here}/victim", f"{self.here}/link")
         with open(f"{self.here}/victim", "w", encoding="ascii") as victim:
             victim.write("mine")
-        os.mkdir(f"{self.here}/taken")
         self.dump("own", "--hprof")
-        rows = [("sees no directory", f"{self.inside}/nowhere/x", 1), ("could not write", "/proc/x", 1),
-                ("is a link", f"{self.inside}/link", 1), ("no plain file", f"{self.inside}/taken", 1),
+        for why, name, code, *options in (
+                ("sees no directory", f"{self.inside}/nowhere/x", 1), ("could not write", "/proc/x", 1),
+                ("is a link", f"{self.inside}/link", 1), ("no plain file", self.inside, 1),
                 ("is there already", f"{self.inside}/own", 1, "--hprof"),
                 ("could not write", "/proc/x", 1, "--hprof"),
-                ("own form", "x.hprof", 2), ("an absolute path", "a/b", 2)]
-        for why, name, code, *options in rows:
+                ("own form", "x.hprof", 2), ("an absolute path", "a/b", 2)):
             with self.subTest(name=name, options=options):
                 self.refused(why, "dump", self.app.pid, name, *options, code=code)
                 self.answer("summary", self.app.pid)
-        with open(f"{self.here}/victim", encoding="ascii") as victim:
-            self.assertEqual(victim.read(), "mine")
-        self.refused("needs a process and a name", "dump", self.app.pid, code=2)
         for why, name in (("can't read", "/nowhere"), ("Hprof", f"{self.here}/own.hprof"),
                           ("a text dump", f"{self.here}/victim")):
             self.refused(why, "dump", "--read", name)
+        with open(f"{self.here}/victim", encoding="ascii") as victim:
+            self.assertEqual(victim.read(), "mine")
 
     def test_a_copy_of_the_jvm_dumps_the_same(self):
         self.assertFalse(self.dump("own")["copied"])
@@ -84,39 +82,33 @@ class Dumps(OfTheDemo):
         self.refused("on", "forkdump", self.app.pid, "maybe", code=2)
 
 
-class SlowAgent(threading.Thread):
+class SlowAgent(socketserver.ThreadingTCPServer):
     """An agent in a process of its own, whose dump goes on after it has given up waiting."""
+    daemon_threads = True
 
     def __init__(self, path):
-        super().__init__(daemon=True)
+        super().__init__(("127.0.0.1", 0), None)
         self.path, self.reply, self.flags, self.asked = path, "Request TIMED OUT", set(), threading.Event()
         self.histograms = ["Class histogram still being made, ask again.\x1f",
                            "JVM Class Details\x1e[B\x1d7\x1d8\x1d\x1e\x1fJVM Class Details Age\x1e61\x1d\x1f"]
-        self.server = socket.create_server(("127.0.0.1", 0))
-        self.process = subprocess.Popen(["sleep", "170"], pass_fds=[self.server.fileno()])
+        self.process = subprocess.Popen(["sleep", "170"], pass_fds=[self.fileno()])
         directory = f"/tmp/qoragent-{os.geteuid()}"
-        with contextlib.suppress(FileExistsError):
-            os.mkdir(directory, 0o700)
+        os.makedirs(directory, 0o700, exist_ok=True)
         self.endpoint = f"{directory}/{self.process.pid}.endpoint"
         with open(os.open(self.endpoint, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
-            port, pid = self.server.getsockname()[1], self.process.pid
+            port, pid = self.server_address[1], self.process.pid
             file.write(f"port={port}\ntoken={32 * '0'}\npid={pid}\nversion=1\n")
-        self.start()
+        threading.Thread(target=self.serve_forever, daemon=True).start()
 
-    def run(self):
-        with contextlib.suppress(OSError):
-            while True:
-                client, _ = self.server.accept()
-                threading.Thread(target=self.serve, args=(client,), daemon=True).start()
-
-    def serve(self, client):
-        with client, client.makefile("rb") as lines:
-            if lines.readline():
-                client.sendall(b"OK\n")
+    def finish_request(self, request, _):
+        """Serves a connection: its token, then requests."""
+        with request.makefile("rb") as lines:
+            lines.readline()
+            request.sendall(b"OK\n")
             for line in lines:
                 reply = self.answer(line.decode().rstrip("\n"))
                 if reply is not None:
-                    client.sendall(reply.encode() + MARK)
+                    request.sendall(reply.encode() + MARK)
 
     def answer(self, request):
         if request.endswith("|version"):
@@ -137,8 +129,8 @@ class SlowAgent(threading.Thread):
             file.write(text)
 
     def close(self):
-        self.server.shutdown(socket.SHUT_RDWR)
-        self.server.close()
+        self.shutdown()
+        self.server_close()
         os.unlink(self.endpoint)
         self.process.kill()
         self.process.wait()
@@ -151,34 +143,24 @@ class LateDumps(Case):
         self.agent = SlowAgent(folder(self)[0] + "/slow")
         self.addCleanup(self.agent.close)
 
-    def start(self, *options, stderr=subprocess.PIPE):
-        return subprocess.Popen([SETTINGS.qorctl, "dump", str(self.agent.process.pid), self.agent.path,
-                                 *options], text=True, stdout=subprocess.PIPE, stderr=stderr)
-
     def fails(self, why, *options, after=lambda: None):
-        with self.start(*options) as dump:
+        with subprocess.Popen([SETTINGS.qorctl, "dump", str(self.agent.process.pid), self.agent.path,
+                               *options], text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as dump:
             after()
             out, err = dump.communicate(timeout=LIMIT)
         self.assertEqual((dump.returncode, out), (1, ""))
         self.assertIn(why, err)
 
     def test_it_is_waited_for_until_its_end(self):
-        master, slave = pty.openpty()
-        with self.start(stderr=slave) as dump:
-            os.close(slave)
-            self.assertTrue(self.agent.asked.wait(LIMIT))
-            progress = b""
-            while b" B written" not in progress:  # the file, without its end, is watched
-                progress += os.read(master, 4096)
+        with on_terminal("dump", self.agent.process.pid, self.agent.path) as dump:
+            dump.expect(r" [1-9]\d* B written")  # the file, without its end, is watched
             self.agent.write("a", "x" * 4000 + "\n")
-            while b"3 K written" not in progress:
-                progress += os.read(master, 4096)
-            self.assertIsNone(dump.poll())
+            dump.expect("3 K written")
             self.agent.write("a", " Finished 9 secs")
-            out, _ = dump.communicate(timeout=LIMIT)
-        os.close(master)
-        self.assertEqual(dump.returncode, 0, progress)
-        self.assertIn("slow: 3 K in ", out)
+            dump.expect("slow: 3 K in ")
+            dump.expect(pexpect.EOF)
+            dump.close()
+            self.assertEqual(dump.exitstatus, 0)
 
     def test_a_histogram_is_asked_for_until_its_copy_is_ready(self):
         histogram = self.json("histogram", self.agent.process.pid)

@@ -6,6 +6,8 @@ A JDK of another root directory is given by --root DIR, the command that enters 
        e2e.py --build DIR --root /srv/sid --enter "tool run /srv/sid" --jdk /usr/lib/jvm/java-8-openjdk-amd64
 """
 import argparse
+import glob
+import importlib
 import os
 import re
 import shutil
@@ -14,27 +16,16 @@ import sys
 import tempfile
 import unittest
 
-from harness import SETTINGS, in_root
-from containers import Containers
-from databases import Databases
-from direct import DirectHeap, DirectRoad
-from dumps import Dumps, LateDumps
-from hung import Hung
-from life import Life, Refusals, Users
-from metrics import Metrics
-from record import Record
-from report import Report
-from sample import Sample
-from tiers import OwnDriver, Tiers
-from top import Top
-from views import Memory, Views
-from virtual import Virtual
-from virtual_groups import VirtualGroups
-from web import Web
+from harness import SETTINGS, Case, in_root
 
-__all__ = ["Containers", "Databases", "DirectHeap", "DirectRoad", "Dumps", "Hung", "LateDumps", "Life",
-           "Memory", "Metrics", "OwnDriver", "Record", "Refusals", "Report", "Sample", "Tiers", "Top",
-           "Users", "Views", "Virtual", "VirtualGroups", "Web"]
+
+def load_groups():
+    """Makes each class of tests in the modules beside this one a group."""
+    for path in glob.glob(f"{os.path.dirname(os.path.realpath(__file__))}/*.py"):
+        if not os.path.samefile(path, __file__):
+            module = importlib.import_module(os.path.basename(path)[:-3])
+            globals().update((name, group) for name, group in vars(module).items()
+                             if isinstance(group, type) and issubclass(group, Case))
 
 
 def main():
@@ -55,9 +46,9 @@ def main():
         SETTINGS.jar, SETTINGS.classes = inside + "/qoragent.jar", inside + "/classes"
         SETTINGS.qorctl = place + "/qorctl"
         version = subprocess.run(in_root([f"{SETTINGS.jdk}/bin/java", "-version"]), capture_output=True,
-                                 text=True,
-                                 check=True).stderr
+                                 text=True, check=True).stderr
         SETTINGS.version = int(re.search(r'version "(?:1\.)?(\d+)', version).group(1))
+        load_groups()
         done = unittest.main(argv=[sys.argv[0], *SETTINGS.groups], verbosity=2, exit=False)
     sys.exit(not done.result.wasSuccessful())
 

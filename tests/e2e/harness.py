@@ -1,19 +1,17 @@
 """What the end-to-end tests rest on: Java programs in JVMs that they start, the demo first, and qorctl."""
 import argparse
 import contextlib
-import fcntl
 import glob
 import json
 import os
-import pty
 import re
 import shutil
-import struct
 import subprocess
 import tempfile
-import termios
 import time
 import unittest
+
+import pexpect
 
 SETTINGS = argparse.Namespace()
 LIMIT = 60  # seconds for anything to happen; reached only when something is broken
@@ -21,10 +19,11 @@ NOBODY = 65534
 
 
 def wait_until(what, test, limit=LIMIT):
+    """`what` is a text or makes one."""
     end = time.monotonic() + limit
     while not test():
         if time.monotonic() > end:
-            raise AssertionError(f"not within {limit} s: {what}")
+            raise AssertionError(f"not within {limit} s: {what() if callable(what) else what}")
         time.sleep(0.02)
 
 
@@ -135,21 +134,10 @@ def run_tool(name, *words, jdk=None):
                           capture_output=True, text=True, timeout=LIMIT, check=True).stdout
 
 
-def on_terminal(typed, *words, columns=0):
-    """The output of qorctl on a terminal into which the lines are typed."""
-    master, slave = pty.openpty()
-    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 0, columns, 0, 0))
-    with subprocess.Popen([SETTINGS.qorctl, *map(str, words)], stdin=slave, stdout=slave, stderr=slave,
-                          env=environment()) as process:
-        os.close(slave)
-        os.write(master, typed.encode())
-        output = b""
-        with contextlib.suppress(OSError):  # the other end has closed
-            while part := os.read(master, 65536):
-                output += part
-        assert process.wait(LIMIT) == 0, output
-    os.close(master)
-    return output.decode()
+def on_terminal(*words):
+    """qorctl on a terminal."""
+    return pexpect.spawn(SETTINGS.qorctl, [*map(str, words)], env=environment(), encoding="utf-8",
+                         timeout=LIMIT, echo=False)
 
 
 class Case(unittest.TestCase):

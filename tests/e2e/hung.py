@@ -11,20 +11,23 @@ import tempfile
 import time
 
 import jstack
-from harness import LIMIT, SETTINGS, Case, Program, in_root, run_tool, wait_until
+from harness import LIMIT, SETTINGS, Case, Program, folder, in_root, run_tool, wait_until
 
 SERIAL = ("-XX:+UseSerialGC", "-Xmx128m")
+SPIN = r"^qoragent\.testing\.Hang\.spin \[C2( osr)?\]$"
+# How each kind of cgroup is mounted, and a group of it frozen and let go.
+FREEZERS = {"freezer": (["-t", "cgroup", "-o", "freezer"], "freezer.state", "FROZEN", "THAWED"),
+            "unified": (["-t", "cgroup2"], "cgroup.freeze", "1", "0")}
 
 
 class Hang(Program):
     """The JVM of the test class that hangs on request."""
 
-    def __init__(self, *flags, busy=False, jdk=None, before=()):
+    def __init__(self, *flags, words=(), **how):
         shutil.copytree(f"{SETTINGS.build}/test-classes/qoragent/testing",
                         f"{SETTINGS.root}{SETTINGS.classes}/qoragent/testing", dirs_exist_ok=True)
-        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.testing.Hang",
-                         *(["busy"] if busy else []), jdk=jdk,
-                         before=before)
+        super().__init__(*(flags or SERIAL), "-cp", SETTINGS.classes, "qoragent.testing.Hang",
+                         *words, **how)
 
     def tell(self, *words):
         for word in words:
@@ -70,13 +73,13 @@ class Hung(Case):
     def runs(self):
         return "runs" if self.has_symbols() else "safepoint unknown"
 
-    def until(self, app, verdict):
-        """Looks until that is the verdict."""
+    def until(self, app, verdict, further=lambda found: True):
+        """What is found once that is the verdict, and it is so further."""
         found = {}
 
         def is_it():
             found.update(self.look(app))
-            return found["verdict"] == verdict
+            return found["verdict"] == verdict and further(found)
         wait_until(verdict, is_it)
         return found
 
@@ -114,29 +117,11 @@ class Hung(Case):
                 for name in truth:
                     self.assertEqual((seen[name]["proof"], seen[name]["whole"]),
                                      ("did not run while it was read", True), seen[name])
-                self.check_recording(app, truth)
-
-    def check_recording(self, app, truth):
-        """What a look reads is enough for the same stacks without the JVM."""
-        tool = f"{SETTINGS.build}/recorded_jvm"
-        with tempfile.NamedTemporaryFile() as image:
-            os.kill(app.pid, signal.SIGSTOP)
-            live = subprocess.run([tool, "record", str(app.pid), image.name], capture_output=True, text=True,
-                                  check=True).stdout
-            app.process.kill()
-            app.process.wait()
-            walked = subprocess.run([tool, "walk", image.name], capture_output=True, text=True,
-                                    check=True).stdout
-        self.assertEqual(walked, live)
-        stacks = {name: self.frames(calls.split("\n\tat ")) for name, _, calls
-                  in (thread.partition("\n\tat ") for thread in re.split(r"\n(?!\t|$)", walked.rstrip("\n")))
-                  if calls}
-        self.assertEqual({name: stacks.get(name) for name in truth}, truth)
 
     def test_a_virtual_thread_on_its_carrier(self):
         if SETTINGS.version < 21:
             self.skipTest("no virtual threads")
-        with Hang(*SERIAL) as app:
+        with Hang() as app:
             app.tell("virtual")
             calls = []
 
@@ -169,19 +154,16 @@ class Hung(Case):
 
     def check_culprit(self, app):
         """Once it had a processor while it was looked at."""
-        seen = {}
-
-        def is_sampled():
-            seen.update(self.until(app, "safepoint not reached"))
+        def is_sampled(seen):
             self.assertEqual([t["name"] for t in seen["threads"]], ["runaway"], seen)
             self.need_samples(seen["threads"][0])
             return seen["threads"][0]["samples"] > 0
-        wait_until("a sample", is_sampled)
+        seen = self.until(app, "safepoint not reached", is_sampled)
         culprit = seen["threads"][0]
         self.assertEqual((culprit["state"], culprit["proof"], culprit["whole"]),
                          ("in Java", "one moment", True))
         self.assertEqual([top["samples"] for top in culprit["top"]], [culprit["samples"]])
-        self.assertRegex(culprit["top"][0]["method"], r"^qoragent\.testing\.Hang\.spin \[C2( osr)?\]$")
+        self.assertRegex(culprit["top"][0]["method"], SPIN)
         self.assertTrue(culprit["frames"][-1].startswith("java.lang.Thread.run("), culprit)
         return seen
 
@@ -189,7 +171,7 @@ class Hung(Case):
         """Named within a second, while the JVM's own tools are mute and other commands of ours wait."""
         if not self.has_symbols():
             self.skipTest("no symbols")
-        with Hang(*SERIAL) as app:
+        with Hang() as app:
             self.answer("attach", app.pid)
             app.tell("hang", "gc")
             waiting = [subprocess.Popen([SETTINGS.qorctl, "threads", str(app.pid), "--timeout", "12"],
@@ -240,7 +222,7 @@ class Hung(Case):
         wait_until("a stack", lambda: culprit("--stop-thread")["whole"])
 
     def test_a_jvm_that_is_not_let_run(self):
-        with Hang(*SERIAL) as app:
+        with Hang() as app:
             with subprocess.Popen([sys.executable, "-c", DEBUGGER, str(app.pid)], stdin=subprocess.PIPE,
                                   stdout=subprocess.PIPE) as debugger:
                 self.assertEqual(debugger.stdout.readline(), b"held\n")
@@ -255,20 +237,13 @@ class Hung(Case):
                               if j["pid"] == app.pid], ["stopped"])
             os.kill(app.pid, signal.SIGCONT)
             self.until(app, self.runs())
-            for kind, state, on, off in (("freezer", "freezer.state", "FROZEN", "THAWED"),
-                                         ("unified", "cgroup.freeze", "1", "0")):
-                with self.subTest(kind=kind), self.cgroup(kind, app.pid) as group:
-                    def write(file, text, group=group):
-                        with open(f"{group}/{file}", "w", encoding="ascii") as out:
-                            out.write(text)
-                    try:
-                        write(state, on)
+            for kind in FREEZERS:
+                with self.subTest(kind=kind):
+                    with self.frozen(kind, app.pid):
                         self.until(app, "frozen")
                         self.assertIn("is frozen with its cgroup", self.answer("hung", app.pid).out)
                         if kind == "freezer":
                             self.check_where_its_cgroup_is_unknown(app)
-                    finally:
-                        write(state, off)
                     self.until(app, self.runs())
 
     def check_where_its_cgroup_is_unknown(self, app):
@@ -280,38 +255,37 @@ class Hung(Case):
                                       r"\d+ in \w+; whether frozen is unknown\n$")
 
     @contextlib.contextmanager
-    def cgroup(self, kind, pid):
-        """A cgroup with the process in it, of version 1's freezer or of version 2."""
-        with tempfile.TemporaryDirectory() as place:
-            options = ["-t", "cgroup", "-o", "freezer"] if kind == "freezer" else ["-t", "cgroup2"]
-            mounted = subprocess.run(["mount", *options, "none", place], capture_output=True, check=False)
-            if mounted.returncode != 0:
-                self.skipTest(f"no cgroup of this kind can be mounted: {mounted.stderr.decode()}")
+    def frozen(self, kind, pid):
+        """In a frozen cgroup, of version 1's freezer or of version 2."""
+        options, state, on, off = FREEZERS[kind]
+        with contextlib.ExitStack() as undone:
+            place = undone.enter_context(tempfile.TemporaryDirectory())
             group = f"{place}/qor-hung-{pid}"
-            try:
-                os.mkdir(group)
-            except OSError as refused:
-                subprocess.run(["umount", place], check=True)
-                self.skipTest(f"no cgroup can be made here: {refused}")
-            try:
-                with open(f"{group}/cgroup.procs", "w", encoding="ascii") as procs:
-                    procs.write(str(pid))
-                yield group
-            finally:
-                with open(f"{place}/cgroup.procs", "w", encoding="ascii") as procs:
-                    procs.write(str(pid))
-                wait_until("the group is empty", lambda: not self.try_remove(group))
-                subprocess.run(["umount", place], check=True)
 
-    @staticmethod
-    def try_remove(group):
-        with contextlib.suppress(OSError):
-            os.rmdir(group)
-        return os.path.exists(group)
+            def write(file, text):
+                with open(f"{place}/{file}", "w", encoding="ascii") as out:
+                    out.write(str(text))
+
+            def leave():
+                with contextlib.suppress(OSError):
+                    os.rmdir(group)
+                return not os.path.exists(group)
+            try:
+                subprocess.run(["mount", *options, "none", place], check=True, capture_output=True)
+                undone.callback(subprocess.run, ["umount", place], check=True)
+                os.mkdir(group)
+            except (OSError, subprocess.CalledProcessError) as refused:
+                self.skipTest(f"no cgroup of this kind here: {refused}")
+            undone.callback(wait_until, "the group is empty", leave)
+            write(f"qor-hung-{pid}/cgroup.procs", pid)
+            undone.callback(write, "cgroup.procs", pid)
+            write(f"qor-hung-{pid}/{state}", on)
+            undone.callback(write, f"qor-hung-{pid}/{state}", off)
+            yield
 
     def test_nobody_is_accused_where_nobody_hangs(self):
         """A JVM that collects all the time, whose threads run, come and go: what is proven is whole."""
-        with Hang("-XX:+UseParallelGC", "-Xmx128m", busy=True) as app:
+        with Hang("-XX:+UseParallelGC", "-Xmx128m", words=["busy"]) as app:
             app.tell("collect")
             still = 0
             for _ in range(60 if SETTINGS.root else 30):
@@ -325,42 +299,30 @@ class Hung(Case):
             self.assertGreater(still, 30)
 
     def test_a_long_collection(self):
-        with Hang(*SERIAL) as app:
+        with Hang() as app:
             if not self.has_symbols():
                 self.skipTest("no symbols")
             app.tell("fill", "collect")
-            seen = {}
-
-            def collects():
-                seen.update(self.until(app, "in a safepoint"))
-                return seen["safepoint"]["collects"]
-            wait_until("a collection", collects)
+            seen = self.until(app, "in a safepoint", lambda seen: seen["safepoint"]["collects"])
             self.assertRegex(seen["safepoint"]["operation"], "^VM_")
             self.assertIn("VM Thread", [worker["name"] for worker in seen["workers"]])
             self.assertEqual(seen["threads"], [])
 
     def test_a_library_without_symbols(self):
         """Nothing is known of safepoints, so there are candidates and no culprits."""
-        with tempfile.TemporaryDirectory(dir=SETTINGS.root + "/tmp") as place:
-            os.chmod(place, 0o755)
-            inside = place[len(SETTINGS.root):]
-            script = ('cp -rL "$1/." "$2/" 2>/dev/null; strip "$(find "$2" -name libjvm.so | head -n 1)"')
-            subprocess.run(in_root(["sh", "-c", script, "sh", SETTINGS.jdk, inside]), check=True)
-            with Hang(*SERIAL, jdk=inside) as app:
-                app.tell("hang", "gc")
-                seen = {}
-
-                def candidate():
-                    seen.update(self.look(app))
-                    return [t["name"] for t in seen["threads"]] == ["runaway"]
-                wait_until("the candidate", candidate)
-                self.assertEqual(seen["verdict"], "safepoint unknown")
-                self.assertIn("safepoint state unknown (no symbols)", seen["sentence"])
-                self.need_samples(seen["threads"][0])
-                self.assertEqual(seen["threads"][0]["top"][0]["method"], "qoragent.testing.Hang.spin [C2]")
+        _, inside = folder(self)
+        script = 'cp -rL "$1/." "$2/" 2>/dev/null; strip "$(find "$2" -name libjvm.so | head -n 1)"'
+        subprocess.run(in_root(["sh", "-c", script, "sh", SETTINGS.jdk, inside]), check=True)
+        with Hang(jdk=inside) as app:
+            app.tell("hang", "gc")
+            seen = self.until(app, "safepoint unknown",
+                              lambda seen: [t["name"] for t in seen["threads"]] == ["runaway"])
+            self.assertIn("safepoint state unknown (no symbols)", seen["sentence"])
+            self.need_samples(seen["threads"][0])
+            self.assertRegex(seen["threads"][0]["top"][0]["method"], SPIN)
 
     def test_who_may_look(self):
-        with Hang(*SERIAL) as app:
+        with Hang() as app:
             self.refused(f"can't be read: /proc/{app.pid}/maps: Permission denied", "hung", app.pid,
                          user=65534)
         self.refused("there is no process", "hung", 999999999)
@@ -368,7 +330,7 @@ class Hung(Case):
         apart = ["unshare", "--pid", "--fork", "--kill-child"]
         if subprocess.run([*apart, "true"], check=False).returncode != 0:
             self.skipTest("no namespaces here")
-        with Hang(*SERIAL, before=apart) as outer:
+        with Hang(before=apart) as outer:
             children = f"/proc/{outer.pid}/task/{outer.pid}/children"
             with open(children, encoding="ascii") as file:
                 outer.pid = int(file.read().split()[0])

@@ -134,44 +134,31 @@ public class Calls extends Thread {
     }
 
     void callStatement(int key) throws SQLException {
-        if (sql.contains("?")) {
-            try (PreparedStatement s = form.contains("callable") ? connection.prepareCall(sql)
-                                                                 : connection.prepareStatement(sql)) {
-                s.setInt(1, key);
-                callPrepared(s);
-            }
-        } else {
-            try (Statement s = connection.createStatement()) {
-                callPlain(s, sql.replace("#", "" + key));
+        String text = sql.replace("#", "" + key);
+        try (Statement s = sql.contains("?") ? prepare(key) : connection.createStatement()) {
+            PreparedStatement p = sql.contains("?") ? (PreparedStatement)s : null;
+            if (form.contains("batch")) {
+                if (p != null)
+                    p.addBatch();
+                else
+                    s.addBatch(text);
+                s.executeBatch();
+            } else if (form.contains("update")) {
+                int ignored = p != null ? p.executeUpdate() : s.executeUpdate(text);
+            } else if (form.contains("query")) {
+                s.setFetchSize(p != null ? s.getFetchSize() : 1);
+                drain(p != null ? p.executeQuery() : s.executeQuery(text));
+            } else if (p != null ? p.execute() : s.execute(text)) {
+                drain(s.getResultSet());
             }
         }
     }
 
-    void callPrepared(PreparedStatement s) throws SQLException {
-        if (form.contains("batch")) {
-            s.addBatch();
-            s.executeBatch();
-        } else if (form.contains("update")) {
-            s.executeUpdate();
-        } else if (form.contains("query")) {
-            drain(s.executeQuery());
-        } else if (s.execute()) {
-            drain(s.getResultSet());
-        }
-    }
-
-    void callPlain(Statement s, String text) throws SQLException {
-        if (form.contains("batch")) {
-            s.addBatch(text);
-            s.executeBatch();
-        } else if (form.contains("update")) {
-            s.executeUpdate(text);
-        } else if (form.contains("query")) {
-            s.setFetchSize(1);
-            drain(s.executeQuery(text));
-        } else if (s.execute(text)) {
-            drain(s.getResultSet());
-        }
+    PreparedStatement prepare(int key) throws SQLException {
+        PreparedStatement s =
+            form.contains("callable") ? connection.prepareCall(sql) : connection.prepareStatement(sql);
+        s.setInt(1, key);
+        return s;
     }
 
     static void drain(ResultSet rows) throws SQLException {

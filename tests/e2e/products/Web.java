@@ -14,18 +14,14 @@ import java.io.*;
 import java.net.InetSocketAddress;
 import java.net.URL;
 import java.util.*;
-import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.TimeUnit;
-import java.util.function.Supplier;
 import java.util.logging.LogManager;
 import javax.net.ssl.HttpsURLConnection;
 import javax.servlet.*;
 import javax.servlet.http.*;
 import org.apache.catalina.Context;
 import org.apache.catalina.startup.Tomcat;
-import org.apache.catalina.valves.AbstractAccessLogValve;
 import org.apache.http.client.methods.HttpGet;
-import org.eclipse.jetty.server.CustomRequestLog;
 import org.eclipse.jetty.server.Server;
 import org.eclipse.jetty.server.ServerConnector;
 import org.eclipse.jetty.servlet.ServletContextHandler;
@@ -35,7 +31,7 @@ import org.eclipse.jetty.util.ssl.SslContextFactory;
  * Real HTTP and RPC clients that ask real containers, all in here. Arguments: a folder with a key store. Prints
  * a line "call THREAD URL" for each call, then "ready". Of its input's lines "call" makes each client ask once,
  * and the containers hold all requests ("held PATH PORT", the port of their side) until the line "rest"; "warm"
- * makes them ask, unheld, until then. Containers print "logged PATH" for each that was held.
+ * makes them ask, unheld, until then.
  */
 public class Web {
     interface Client {
@@ -43,15 +39,12 @@ public class Web {
     }
 
     static final Map<String, Runnable> calls = new LinkedHashMap<>();
-    static final Set<String> held = ConcurrentHashMap.newKeySet();
     static boolean closed;
     static volatile boolean warm;
 
     static synchronized void hold(String path, int port) {
-        if (closed) {
+        if (closed)
             System.out.println("held " + path + " " + port);
-            held.add(path);
-        }
         try {
             while (closed)
                 Web.class.wait();
@@ -63,11 +56,6 @@ public class Web {
     static synchronized void setClosed(boolean now) {
         closed = now;
         Web.class.notifyAll();
-    }
-
-    static void log(Object path) {
-        if (held.remove(path.toString()))
-            System.out.println("logged " + path);
     }
 
     static class Page extends HttpServlet implements Filter {
@@ -120,7 +108,6 @@ public class Web {
         ServerConnector plain = new ServerConnector(server), encrypted = new ServerConnector(server, keys);
         server.addConnector(plain);
         server.addConnector(encrypted);
-        server.setRequestLog(new CustomRequestLog(Web::log, "%U"));
         ServletContextHandler shop = new ServletContextHandler(server, "/shop");
         addPages(shop.getServletContext());
         server.start();
@@ -133,33 +120,24 @@ public class Web {
         tomcat.setPort(0);
         Context shop = tomcat.addContext("/shop", null);
         shop.addServletContainerInitializer((classes, context) -> addPages(context), null);
-        AbstractAccessLogValve log = new AbstractAccessLogValve() {
-            @Override
-            protected void log(CharArrayWriter message) {
-                Web.log(message);
-            }
-        };
-        log.setPattern("%U");
-        log.setAsyncSupported(true);
-        shop.getPipeline().addValve(log);
         tomcat.getConnector();
         tomcat.start();
         return tomcat.getConnector().getLocalPort();
     }
 
-    static class Whole extends SimpleChannelInboundHandler<FullHttpRequest> {
-        @Override
-        protected void channelRead0(ChannelHandlerContext context, FullHttpRequest request) {
-            answer(context.channel(), request);
-        }
-    }
-
-    static class Pieces extends ChannelInboundHandlerAdapter {
-        @Override
-        public void channelRead(ChannelHandlerContext context, Object message) {
-            if (message instanceof HttpRequest)
-                answer(context.channel(), (HttpRequest)message);
-        }
+    static ChannelHandler handler(boolean isWhole) {
+        return isWhole ? new SimpleChannelInboundHandler<HttpRequest>() {
+            @Override
+            protected void channelRead0(ChannelHandlerContext context, HttpRequest request) {
+                answer(context.channel(), request);
+            }
+        } : new ChannelInboundHandlerAdapter() {
+            @Override
+            public void channelRead(ChannelHandlerContext context, Object message) {
+                if (message instanceof HttpRequest)
+                    answer(context.channel(), (HttpRequest)message);
+            }
+        };
     }
 
     static void answer(Channel channel, HttpRequest request) {
@@ -168,10 +146,9 @@ public class Web {
             new DefaultFullHttpResponse(HttpVersion.HTTP_1_1, HttpResponseStatus.OK, Unpooled.EMPTY_BUFFER);
         response.headers().set("Content-Length", 0);
         channel.writeAndFlush(response);
-        log(request.uri());
     }
 
-    static int startNetty(boolean isWhole, Supplier<ChannelHandler> last) throws Exception {
+    static int startNetty(boolean isWhole) throws Exception {
         ServerBootstrap server =
             new ServerBootstrap().group(new NioEventLoopGroup(2)).channel(NioServerSocketChannel.class);
         server.childHandler(new ChannelInitializer<Channel>() {
@@ -180,7 +157,7 @@ public class Web {
                 channel.pipeline().addLast(new HttpServerCodec());
                 if (isWhole)
                     channel.pipeline().addLast(new HttpObjectAggregator(1000));
-                channel.pipeline().addLast(last.get());
+                channel.pipeline().addLast(handler(isWhole));
             }
         });
         return ((InetSocketAddress)server.bind(0).sync().channel().localAddress()).getPort();
@@ -282,8 +259,8 @@ public class Web {
         addCall(client4, atTomcat + "/shop/wrapped/6");
         addCall(okhttp, atTomcat + "/shop/async/7");
         addCall(client5, atTomcat + "/shop/filter/8");
-        addCall(okhttp, "http://127.0.0.1:" + startNetty(true, Whole::new) + "/whole/9");
-        addCall(Web::askByConnection, "http://127.0.0.1:" + startNetty(false, Pieces::new) + "/pieces/10");
+        addCall(okhttp, "http://127.0.0.1:" + startNetty(true) + "/whole/9");
+        addCall(Web::askByConnection, "http://127.0.0.1:" + startNetty(false) + "/pieces/10");
         addCall(client4, atJetty + "/shop/body/11");
         addCall(Web::askByConnection, atJetty + "/shop/body/12");
         addCall(callGrpc(grpc, false), "grpc://127.0.0.1:" + grpc + "/");
