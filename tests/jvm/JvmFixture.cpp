@@ -20,46 +20,18 @@ namespace {
 JavaVM *vm;
 JNIEnv *testEnv;
 
-// JVM output, which any JVM thread may write: the line in hand, the line before it when that complains, and
-// the complaints so far.
+// JVM output, which any JVM thread may write.
 std::mutex outputLock;
-std::string outputLine, lastComplaint, complaints;
-
-// What -Xcheck:jni says begins with one of these.
-bool isComplaint(const std::string &line) {
-    return line.find("WARNING") != std::string::npos || line.find("FATAL ERROR") != std::string::npos;
-}
-
-// A complaint is followed by the Java stack of the native method it is about. JDK 8 complains of natives of
-// its own, which is nobody's affair here.
-bool isOfTheJdk(const std::string &firstFrame) {
-    return firstFrame.find("\tat sun.management.") == 0;
-}
-
-void hearLine(const std::string &line) {
-    if (!lastComplaint.empty() && !isOfTheJdk(line))
-        complaints += lastComplaint;
-    lastComplaint = isComplaint(line) ? line : "";
-}
+std::string output;
 
 jint JNICALL hearJvm(FILE *stream, const char *format, va_list args) {
-    va_list again;
-    va_copy(again, args);
-    const int length = vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    std::string text(static_cast<size_t>(length) + 1, 0);
-    vsnprintf(text.data(), text.size(), format, args);
-    text.pop_back();
+    char *text = nullptr;
+    const int length = vasprintf(&text, format, args);
     std::lock_guard<std::mutex> hold(outputLock);
-    fputs(text.c_str(), stream);
+    fputs(text, stream);
     fflush(stream);
-    for (char c : text) {
-        outputLine += c;
-        if (c != '\n')
-            continue;
-        hearLine(outputLine);
-        outputLine.clear();
-    }
+    output += text;
+    free(text);
     return length;
 }
 
@@ -114,11 +86,6 @@ void SessionTest::SetUp() {
 
 void SessionTest::TearDown() {
     Java("Zoo", "stop");
-    poll_details = trace_all_threads = trace_single_thread_details = qorIsPollOrTrace = 0;
-    qorLockInfoLevel = gbiOptimizationLevel = qorGetLocalObjectsQuotaPct = qorDBQuery = gbQorRELocal = 0;
-    qorHandWalkQuotaPct = QOR_HAND_WALK_QUOTA;
-    reqid = get_system_data = 0;
-    readconditions(nullptr);
     QorDovOnUnload(testEnv);
     JvmTest::TearDown();
 }
@@ -127,12 +94,20 @@ JNIEnv *Env() {
     return testEnv;
 }
 
+// A complaint is followed by the Java stack of the native method it is about. JDK 8 complains of natives of
+// its own, which is nobody's affair here.
 std::string TakeJvmComplaints() {
     std::lock_guard<std::mutex> hold(outputLock);
-    std::string taken = complaints + lastComplaint;
-    complaints.clear();
-    lastComplaint.clear();
-    return taken;
+    std::istringstream lines(output);
+    output.clear();
+    std::string complaints, last;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("\tat sun.management.") != 0)
+            complaints += last;
+        const bool complains = line.find("WARNING") != line.npos || line.find("FATAL ERROR") != line.npos;
+        last = complains ? line + "\n" : "";
+    }
+    return complaints + last;
 }
 
 jvalue CallJava(const std::string &klass, const char *method, const char *result,

@@ -27,8 +27,7 @@ protected:
     static void StartJvm(const std::vector<std::string> &options);
 };
 
-// A test with an open session, whose thread is the worker. It ends the zoo, and puts the settings back that
-// tests change.
+// A test with an open session, whose thread is the worker. It ends the zoo.
 class SessionTest : public JvmTest {
 protected:
     void SetUp() override;

@@ -97,6 +97,7 @@ constexpr MergeCase CASES[] = {
 TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
     for (const MergeCase &c : CASES) {
         reqid = c.request;
+        poll_details = c.reply == DETAILS;
         gbiOptimizationLevel = c.level;
         const std::string reply = Coded(c.reply), answer = c.answer ? Coded(c.answer) : "";
         EXPECT_EQ(Merge(reply, c.threads, c.answer ? answer.c_str() : nullptr),
@@ -151,12 +152,6 @@ TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {
     List("x"); // a block that held texts is clean again
     checkAndAppendInfo(Env(), nullptr);
     EXPECT_EQ(EnricherAsked::Asked(), "main [-1] 12,-1,-1,,,,,,0, 1 0 0");
-}
-
-TEST_F(Enrichment, KeepsNothing) {
-    const std::string details = Coded(DETAILS), answer = Coded("/A|/B|");
-    reqid = QORREQ_POLL_DETAILS;
-    ::KeepsNothing(2000, [&] { Merge(details, "xx", answer.c_str()); });
 }
 
 // Long SQL texts leave room for Java's answer.

@@ -7,15 +7,14 @@
 #include "Folder.h"
 #include "LogCapture.h"
 #include "Replies.h"
+#include "Xtier/ConnectionCache.h"
 #include "jvmti/Session.h"
 #include "qoragent/agent_state.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "wire/request.h"
 
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <unistd.h>
 
 namespace {
@@ -184,8 +183,10 @@ TEST_F(StopList, FreesWhatTheRequestsTook) {
     EXPECT_NE(Ask("788|showstack|32768").find("jdbc:tessar"), std::string::npos);
     const char *const object = "516|showstack|1024|ARG=x,0=7777,1=0";
     EXPECT_NE(Ask(object).find("Object Description"), std::string::npos);
+    EXPECT_GT(iDBInfoIndex, 0);
     ShutDownAgent();
     EXPECT_EQ(AllocatedBlocks(), before);
+    EXPECT_EQ(iDBInfoIndex, 0);
     Start();
     EXPECT_EQ(Ask(nullptr).find("Object"), std::string::npos) << "the first life's request";
     EXPECT_EQ(Ask(object).find("Object Description"), std::string::npos) << "the first life's tag";

@@ -106,19 +106,6 @@ TEST_F(Heap, LocalsHaveTheirThreadAndMethod) {
         EXPECT_EQ(threads, 0) << "JVMs without virtual threads";
 }
 
-TEST_F(Heap, TwoDumpsDifferInHeaderAndTrailerAlone) {
-    strcpy(vend, "Ve|dor\nInc.");
-    Dump(); // where the JVM keeps this thread's references is settled by the first
-    const TextDump first = Dump();
-    const int32_t run = igbCurrentRun;
-    EXPECT_EQ(first.summary.vendor, "Ve dor Inc.");
-    gbiDumpBufferSize = 64;
-    const TextDump second = Dump();
-    EXPECT_NE(igbCurrentRun, run);
-    EXPECT_TRUE(first.body == second.body) << first.body.size() << " " << second.body.size();
-    vend[0] = 0;
-}
-
 TEST_F(Heap, DumpIsRefusedWithoutHarm) {
     const int before = OpenDescriptors();
     const int32_t run = igbCurrentRun;
@@ -248,30 +235,4 @@ TYPED_TEST(Collections, AreAddedUpByKindAndToldOneByOne) {
     for (const qorctl::Collector &kind : qorctl::DecodeHeap(qorctl::OpenReply(rows)).collectors)
         sums += fmt::format("{} {} ", kind.name, *kind.count);
     EXPECT_EQ(sums, fmt::format("Major {} Minor {} ", majors, minors));
-}
-
-namespace {
-
-struct DumpRequest : AgentTest {
-    Folder in;
-};
-
-} // namespace
-
-TEST_F(DumpRequest, AReplyClaimsOnlyAFileThatWasWritten) {
-    ASSERT_EQ(StartAgent({}), 0);
-    ASSERT_EQ(Ask("516|NoProcessing|qorheapdir|" + in.path.string()), "Changed qorheapdir to " + in.In(""));
-    EXPECT_EQ(Ask("516|showmem|256|one.hprof|1"), std::string("JVM Hprof Heap:") + vend + "|" + vers + "|" +
-                                                      ext_jvm_id_str + "|" + os_name +
-                                                      "|Heap details dumped to " + in.In("one.hprof"));
-    const std::string content = in.Content("one.hprof");
-    EXPECT_TRUE(content.find("JAVA PROFILE 1.0.2") == 0 && content.find("java/lang/String") != content.npos);
-    EXPECT_EQ(Ask("516|showmem|256|one.hprof|1"), "") << "the JVM never replaces a file";
-    EXPECT_TRUE(content == in.Content("one.hprof"));
-    EXPECT_EQ(Ask("516|showmem|256|absent/two.hprof|1"), "");
-
-    const std::regex timing("Time spent in JVM for processing request\x1e[0-9]+ usec\x1f");
-    EXPECT_TRUE(std::regex_match(Ask("516|showmem|256|text|99"), timing));
-    EXPECT_EQ(TextDump::Read(in.In("text")).summary.heap_id, 99u);
-    EXPECT_TRUE(std::regex_match(Ask("516|showmem|256|absent/text|99"), timing));
 }

@@ -1,7 +1,7 @@
 // Optimisation level 1 on a live JVM: symbols of its library, and the lock data that they open. On a JVM
 // whose library is stripped everything goes on without.
-#include "JvmFixture.h"
 #include "LogCapture.h"
+#include "Replies.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/threads/Monitors.h"
 #include "platforms/findsymLinSolHPIA64.h"
@@ -68,6 +68,16 @@ TEST_F(Level1, LockDataComesFromJvmti) {
     jvmti->GetCapabilities(&held);
     EXPECT_TRUE(held.can_get_owned_monitor_info == opens && held.can_get_current_contended_monitor == opens &&
                 held.can_get_owned_monitor_stack_depth_info == opens);
+    // With JVMTI nothing is missing that management tells: owners, locks of java.util.concurrent, arrays.
+    if (opens) {
+        ZooVisit zoo("holder,blocked,blocked-second,lock-holder,lock-waiter");
+        const qorctl::ThreadSample sample = AllThreads(true);
+        qorctl::ThreadSample stacks;
+        for (const qorctl::Thread &thread : sample.threads)
+            stacks.threads.push_back(StackOf(thread.key.Text()));
+        EXPECT_EQ(ExpectTruth(sample), 5);
+        EXPECT_EQ(ExpectTruth(stacks, "by itself"), 5);
+    }
     // A second start finds them offered and has nothing to change.
     QorDovOnUnload(Env());
     QorDovOnLoad(Env());

@@ -241,9 +241,11 @@ TEST_F(Sample, KeepsNothing) {
     Java("Churn", "classes");
     const auto ended = Java<int64_t>("Churn", "count", "ended");
     const auto collected = Java<int64_t>("Churn", "count", "collected");
+    ZooVisit zoo("holder,blocked,reentrant,lock-waiter,lock-holder");
     ::KeepsNothing(500, [] {
         AllThreads(false);
         AllThreads(true);
+        StackOf(ZooKey("holder"));
         ActiveThreads();
         EXPECT_NE(Ask(QORREQ_THREAD_SUMMARY), "");
         EXPECT_EQ(thread_e2e_info, nullptr);

@@ -1,12 +1,15 @@
 #include "JvmFixture.h"
+#include "LogCapture.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/heap/MemorySystem.h"
+#include "jvmti/objects/ReplyString.h"
 
 #include <thread>
 
 namespace {
 
 struct Session : SessionTest {};
+struct Jni : SessionTest {};
 
 // What the JVM calls the thread that asks.
 std::string ThreadsName() {
@@ -62,8 +65,6 @@ TEST_F(Session, ReadsTheManagementTableByItsOwnSlots) {
 }
 
 TEST_F(Session, NamesItsWorkerAndLetsItGo) {
-    JNIEnv *mine = jvmtijni_env;
-    const std::string before = ThreadsName();
     std::string name;
     std::thread([&] {
         QorAttachThread();
@@ -73,10 +74,39 @@ TEST_F(Session, NamesItsWorkerAndLetsItGo) {
     EXPECT_EQ(name, "QORD Agent Worker, a daemon");
     EXPECT_EQ(ThreadTruth().count(gbiAgentWorkerThreadId), 0u);
     EXPECT_EQ(jvmtijni_env, nullptr);
-    // Without an environment of its own a worker must not touch that of another thread.
-    setThreadNameAndGetThreadID("somebody else");
-    EXPECT_EQ(QorFindClass(jvmtijni_env, "java/lang/Object"), nullptr);
-    EXPECT_EQ(QorPushLocalFrame(jvmtijni_env, 1), JNI_ERR);
-    EXPECT_EQ(ThreadsName(), before);
-    jvmtijni_env = mine;
+}
+
+// An exception is swallowed at every level, and shown only above level 4.
+TEST_F(Jni, SwallowsExceptions) {
+    jobject object = Java<jobject>("Fields", "make");
+    jclass klass = Env()->GetObjectClass(object);
+    for (int32_t level : {4, 5}) {
+        Java("Fields", "catchErr");
+        {
+            LogCapture log(level);
+            jmethodID fail = QorGetMethodID(Env(), klass, "fail", "()Ljava/lang/Object;");
+            EXPECT_EQ(QorCallObjectMethod(Env(), object, fail), nullptr);
+            EXPECT_EQ(QorFindClass(Env(), "no/such/Class"), nullptr);
+            EXPECT_EQ(QorGetMethodID(Env(), klass, "fail", "()J"), nullptr);
+            EXPECT_EQ(QorGetStaticFieldID(Env(), klass, "anInt", "I"), nullptr);
+            const jlong sent[] = {1};
+            QorSetLongArrayRegion(Env(), QorNewLongArray(Env(), 3), 3, 1, sent); // out of range
+            EXPECT_FALSE(Env()->ExceptionCheck());
+        }
+        const std::string shown = Java<std::string>("Fields", "caughtErr");
+        EXPECT_EQ(shown.find("as it should") != std::string::npos, level > 4) << level << shown;
+        EXPECT_EQ(shown.find("NoSuchFieldError") != std::string::npos, level > 4) << level << shown;
+    }
+}
+
+TEST_F(Jni, ReplyStringsAreWhatTheirTextSays) {
+    std::string ascii;
+    for (int i = 0; i < 200000; i++)
+        ascii += static_cast<char>(1 + i % 127);
+    for (const std::string &text :
+         {std::string(), ascii,
+          ascii.substr(0, 5000) + "\xc3\xa9 \xe2\x82\xac \xed\xa0\xbd\xed\xb8\x80" + ascii})
+        EXPECT_EQ(TextOf(QorNewReplyString(Env(), text.c_str())), text) << text.size() << " bytes";
+    jstring pair = QorNewReplyString(Env(), "a\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf z");
+    EXPECT_EQ(TextOf(pair), "a\xed\xa0\xbd\xed\xb8\x80\xed\xaf\xbf\xed\xbf\xbf z"); // as the JVM has them
 }

@@ -2,8 +2,6 @@
 #include "Descriptors.h"
 #include "Folder.h"
 #include "Loopback.h"
-#include "Xtier/ConnectionCache.h"
-#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
 #include "qoragent/agent_state.h"
@@ -197,13 +195,7 @@ TEST_F(Start, NothingOfAnEarlierLifeAnswers) {
     EXPECT_EQ(Ask("516|NoProcessing|activethreads|mine|threadname|idle*\r"), "Added Idle Thread Rules");
     EXPECT_NE(gacondcnt + gasystemcondcnt + gbcondcnt, rules);
     EXPECT_EQ(Ask("516|NoProcessing|qorheapdir|/var/tmp"), "Changed qorheapdir to /var/tmp/");
-    const QorDBRequestData connection = {};
-    QorUpdateDbConnectionInfo(&connection);
-    EXPECT_EQ(iDBInfoIndex, 1);
     ShutDownAgent();
-    EXPECT_EQ(thread_e2e_info, nullptr);
-    EXPECT_EQ(iDBInfoIndex, 0);
-    EXPECT_EQ(jvmti, nullptr);
     for (jclass kept : {e2eclass, jobjclass, jstringclass, gbDbUtilClass, threadClass})
         EXPECT_EQ(kept, nullptr);
     ASSERT_EQ(StartAgent(arguments), START_OK);

@@ -67,22 +67,3 @@ TEST_F(Threads, CarryNoCharacterOfTheRecordFormatInTheirNames) {
     Walk walk;
     EXPECT_TRUE(walk.find("zoo-a  z" + many));
 }
-
-TEST_F(Threads, ThatAreGoneAreAnswered) {
-    QorThreadRecord record = {};
-    Walk walk;
-    {
-        ZooVisit zoo("park");
-        ASSERT_TRUE(walk.find("zoo-park"));
-    }
-    // The thread has ended since the snapshot; its frames are those of the snapshot.
-    EXPECT_GT(QorGetFrames(&walk.handle, &walk.frames), 3);
-    // So is its state where asking for a thread that ends at the moment breaks the JVM.
-    const bool keepsThreads = gbQorJvmKeepsThreads;
-    for (bool asks : {true, false}) {
-        gbQorJvmKeepsThreads = asks;
-        EXPECT_EQ(QorGetThreadInfo(&walk.handle, &record), 0);
-        EXPECT_EQ(record.state, asks ? STATE_TERMINATED : STATE_OBJECT_WAIT);
-    }
-    gbQorJvmKeepsThreads = keepsThreads;
-}

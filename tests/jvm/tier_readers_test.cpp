@@ -363,40 +363,27 @@ TEST_F(Readers, RemotePeersHaveSignedParts) {
     }
 }
 
-namespace {
-
-constexpr char DESCRIPTOR[] = "java/io/FileDescriptor";
-
-jobject DescriptorOf(int fd) {
-    jobject descriptor = MakeObject(DESCRIPTOR);
-    Plant(descriptor, "fd,I", fd);
-    return descriptor;
-}
-
-} // namespace
-
+// Names are any bytes, which are made to fit a record.
 TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
     const Folder in;
-    const std::string path = in.Fill("data.txt", "");
-    jobject input = Java<jobject>("Obstacles", "file", "stream", path);
-    const std::pair<const char *, jobject> STREAMS[] = {
-        {"java/io/FileReader", Java<jobject>("Obstacles", "file", "reader", path)},
-        {"java/io/RandomAccessFile", Java<jobject>("Obstacles", "file", "random", path)},
-        {"java/io/BufferedInputStream", input},
-        {DESCRIPTOR, Java<jobject>("Obstacles", "descriptor", input)}};
-    for (const bool open : {true, false}) {
-        for (int i = 0; i < 4; i++) {
-            Read(LOCAL_FILE_CALL, STREAMS[i].first, STREAMS[i].second);
-            EXPECT_EQ(file.fileName, open || i < 2 ? path : "") << STREAMS[i].first;
-            Read(LOCAL_FILE_CALL, STREAMS[i].first, MakeObject("java/lang/Object"));
-            EXPECT_TRUE(file.fd == -1 && !*file.fileName) << STREAMS[i].first;
-        }
-        Java("Obstacles", "closeFile", input);
-    }
-    // A name that fits a record.
     const int fd = open(in.In("a\nb\x1d\xe9").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    Read(LOCAL_FILE_CALL, DESCRIPTOR, DescriptorOf(fd));
-    EXPECT_EQ(file.fileName, in.In("a b ?"));
+    const std::string descriptor = "fd,Ljava/io/FileDescriptor;|fd,I";
+    const std::string stream = "in,Ljava/io/InputStream;=java/io/FileInputStream|" + descriptor;
+    const std::pair<const char *, std::string> OBJECTS[] = {
+        {"java/io/FileReader", "sd,Lsun/nio/cs/StreamDecoder;|" + stream},
+        {"java/io/RandomAccessFile", descriptor},
+        {"java/io/BufferedInputStream", stream},
+        {"java/io/FileDescriptor", "fd,I"}};
+    for (const auto &[klass, path] : OBJECTS) {
+        jobject object = MakeObject(klass);
+        for (const int of : {fd, -1}) {
+            Plant(object, path, of);
+            Read(LOCAL_FILE_CALL, klass, object);
+            EXPECT_EQ(file.fileName, of < 0 ? "" : in.In("a b ?")) << klass;
+        }
+        Read(LOCAL_FILE_CALL, klass, MakeObject("java/lang/Object"));
+        EXPECT_TRUE(file.fd == -1 && !*file.fileName) << klass;
+    }
     close(fd);
 }
 
@@ -405,8 +392,10 @@ TEST_F(Readers, SocketsHaveTheirPeer) {
     ReadStatement(StatementOver(stream, false), false);
     const auto client = static_cast<int>(db.fd);
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    jobject descriptor = MakeObject("java/io/FileDescriptor");
     for (const int fd : {client, null, -1}) {
-        Read(LOCAL_NETWORK_CALL, DESCRIPTOR, DescriptorOf(fd));
+        Plant(descriptor, "fd,I", fd);
+        Read(LOCAL_NETWORK_CALL, "java/io/FileDescriptor", descriptor);
         EXPECT_EQ(fmt::format("{} {}:{}", network.fd, network.host, network.port),
                   fd == client
                       ? fmt::format("{} 127.0.0.1:{}", fd, Java<int64_t>("Customers", "port", stream, true))

@@ -3,17 +3,10 @@ package qoragent.testing;
 import java.io.ByteArrayOutputStream;
 import java.io.PrintStream;
 
-/** An object to read fields of, and to call, for tests of the native JNI calls. */
+/** An object to call, for tests of the native JNI calls. */
 public final class Fields {
-    public static Object staticObject = "static";
     private static PrintStream err;
     private static ByteArrayOutputStream caught;
-
-    public boolean aBoolean = true;
-    public int anInt = -310000;
-    public long aLong = 63000000000L;
-    public Object anObject = "instance";
-    public Object nothing;
 
     public static Object make() { return new Fields(); }
 

@@ -1,22 +1,14 @@
 package qoragent.testing;
 
-import java.io.BufferedInputStream;
-import java.io.FileInputStream;
-import java.io.FileReader;
-import java.io.IOException;
-import java.io.RandomAccessFile;
 import java.net.InetSocketAddress;
 import java.util.ArrayList;
-import java.util.HashMap;
 import java.util.Hashtable;
 import java.util.List;
-import java.util.Map;
 import java.util.concurrent.CountDownLatch;
 
 /** Objects of the JDK for the readers, and such as a careless reader would wait for until release(). */
 public final class Obstacles {
     private static final List<Thread> holders = new ArrayList<>();
-    private static final Map<Object, FileInputStream> streams = new HashMap<>();
     private static CountDownLatch freed = new CountDownLatch(1);
     private static volatile Object object;
 
@@ -79,20 +71,4 @@ public final class Obstacles {
         return text.equals("unresolved") ? InetSocketAddress.createUnresolved("nowhere.invalid", 7001)
                                          : new InetSocketAddress(text, 7001);
     }
-
-    /** The file by a "stream", a "reader" or for "random" access. */
-    public static Object file(String by, String path) throws IOException {
-        if (by.equals("reader"))
-            return new FileReader(path);
-        if (by.equals("random"))
-            return new RandomAccessFile(path, "r");
-        FileInputStream in = new FileInputStream(path);
-        Object buffered = new BufferedInputStream(in);
-        streams.put(buffered, in);
-        return buffered;
-    }
-
-    public static Object descriptor(Object stream) throws IOException { return streams.get(stream).getFD(); }
-
-    public static void closeFile(Object stream) throws IOException { streams.get(stream).close(); }
 }

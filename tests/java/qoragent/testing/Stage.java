@@ -10,7 +10,7 @@ import java.util.Map;
  */
 public final class Stage {
     private static final int HOT = 300_000;
-    private static final Map<String, Resident.Gate> doors = new HashMap<>();
+    private static final Resident.Gate door = new Resident.Gate();
     private static volatile Object seen;
     private static volatile Resident.Gate onlyGate;
     private static volatile boolean isOutside;
@@ -24,45 +24,26 @@ public final class Stage {
      * its code: a.
      */
     public static void enter(String part, String name, Object a, Object b, Object c) throws Exception {
-        Zoo.admit(Resident.parked(name, gate -> {
-            switch (part) {
-            case "three":
-                three(a, b, c, gate);
-                break;
-            case "nested":
-                inner(a, gate);
-                break;
-            case "recursion":
-                fall(a, new Object[] {a, b, c}, 0, gate);
-                break;
-            case "leaver":
-                Resident.Gate door = new Resident.Gate();
-                doors.put(name, door);
-                inside(a, door);
-                isOutside = true;
-                outside(gate);
-                break;
-            case "hot":
-                Hot.constant = a;
-                Runnable[] ends = {
-                    () -> seen = a, () -> seen = name, new Thread()}; // so that the end stays a call
-                for (int i = 0; i < HOT; i++)
-                    Hot.hot(ends[i % ends.length]);
-                Hot.hot(gate::pass);
-                break;
-            case "alone":
-                onlyGate = gate;
-                alone(a);
-                break;
-            default:
-                throw new IllegalArgumentException(part);
-            }
-        }));
+        Map<String, Resident.Walk> parts = new HashMap<>();
+        parts.put("three", gate -> three(a, b, c, gate));
+        parts.put("nested", gate -> inner(a, gate));
+        parts.put("recursion", gate -> fall(a, new Object[] {a, b, c}, 0, gate));
+        parts.put("leaver", gate -> {
+            inside(a, door);
+            isOutside = true;
+            outside(gate);
+        });
+        parts.put("hot", gate -> Hot.stay(a, gate));
+        parts.put("alone", gate -> {
+            onlyGate = gate;
+            alone(a);
+        });
+        Zoo.admit(Resident.parked(name, parts.get(part)));
     }
 
     /** Makes the actor go from inside() to outside(), and waits until it is there. */
     public static void leave(String name) throws Exception {
-        doors.remove(name).open((Thread)Zoo.thread(name));
+        door.open((Thread)Zoo.thread(name));
         while (!isOutside)
             Thread.sleep(1);
         Zoo.check();
@@ -110,6 +91,15 @@ public final class Stage {
         static Object constant;
 
         private Hot() {}
+
+        static void stay(Object a, Resident.Gate gate) {
+            constant = a;
+            Runnable[] ends = {
+                () -> seen = a, () -> seen = gate, new Thread()}; // so that the end stays a call
+            for (int i = 0; i < HOT; i++)
+                hot(ends[i % ends.length]);
+            hot(gate::pass);
+        }
 
         static void hot(Runnable end) {
             if (seen == Constant.VALUE)
