@@ -194,10 +194,8 @@ int main(int count, char **words) {
     if (!census)
         StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false});
     natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
-    Script script = MainScript();
-    EmitScript(&script);
     bool started = false;
-    RunHere("main", &script, [&] {
+    RunAsMain([&] {
         started = StartAgent({"", "bench", 1, 0, {1}}) == 0;
         if (started && census)
             MeasureCensus(size_t(seconds) << 30);

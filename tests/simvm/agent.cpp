@@ -18,7 +18,7 @@ namespace simvm {
 Natives natives;
 
 ThreadInfo *Self() {
-    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     for (ThreadInfo *thread : vm.threads)
         if (thread->kernelId == getpid())
             return thread;
@@ -27,29 +27,22 @@ ThreadInfo *Self() {
 
 int StartAgent(const AgentStart &with) {
     constexpr int LEVEL = 2, TIMEOUT = 60, NO_CHAINING = 0, QUERIED = 1000, RECORDED = 300;
-    auto &handles = As<HandleBlock>(Self()->handles);
-    const int32_t top = handles.top;
-    const SampleObjects of = NewSampleObjects(Self());
-    std::vector<jstring> texts;
-    for (const std::string &text : {std::string("Sun Microsystems Inc."), vm.options.version,
-                                    std::string("Linux"), std::string("stderr"), with.id, with.server})
-        texts.push_back(NewText(text));
     const int status = natives.initvar(
-        EnvOf(Self()), nullptr, with.log, LEVEL, with.backoff, TIMEOUT, NO_CHAINING, texts[0], texts[1],
-        texts[2], of.instance, of.reference, of.objects, of.ints, texts[5], nullptr, texts[3], texts[4],
-        with.settings[0], with.settings[1], with.settings[2], with.settings[3], QUERIED, RECORDED);
-    for (jstring text : texts)
-        FreeText(text);
-    handles.top = top;
+        EnvOf(Self()), nullptr, with.log, LEVEL, with.backoff, TIMEOUT, NO_CHAINING,
+        NewText("Sun Microsystems Inc."), NewText(vm.options.version), NewText("Linux"),
+        HandleOf(New("java/lang/Object")), HandleOf(New("java/lang/ref/WeakReference")),
+        HandleOf(NewArray("[Ljava/lang/Object;", {nullptr, nullptr})), HandleOf(NewArray("[I", {1, 2, 3})),
+        NewText(with.server), nullptr, NewText("stderr"), NewText(with.id), with.settings[0],
+        with.settings[1], with.settings[2], with.settings[3], QUERIED, RECORDED);
+    EndLocals();
     return status;
 }
 
 std::string Ask(const std::string &request) {
     JNIEnv *env = EnvOf(Self());
-    jstring text = NewText(request), reply = natives.dataFromNative(env, nullptr, text);
-    const std::string out = reply ? TextOf(reply) : "";
-    FreeText(text);
-    FreeText(reply);
+    const jstring reply = natives.dataFromNative(env, nullptr, NewText(request));
+    const std::string out = reply ? ObjectOf(reply)->text : "";
+    EndLocals();
     if (env->ExceptionCheck())
         Fail("a native method left an exception pending");
     return out;
@@ -63,7 +56,6 @@ Options On(const std::string &words) {
         else if (word == "stripped")
             options.library = SIMVM_FOLDER "/stripped/server/libjvm.so";
         options.isClient |= word == "client";
-        options.shuffle |= word == "shuffled";
         options.collector = word == "parallel" ? Collector::PARALLEL
                             : word == "cms"    ? Collector::CONCURRENT
                                                : options.collector;

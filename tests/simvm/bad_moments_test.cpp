@@ -6,7 +6,6 @@
 #include "qorthreads/held_slots.h"
 
 #include <csignal>
-#include <dlfcn.h>
 #include <link.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -36,7 +35,6 @@ const int FORKS =
 extern "C" {
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
 void __libc_free(void *);
 void *malloc(size_t size) {
     const InMalloc in;
@@ -45,10 +43,6 @@ void *malloc(size_t size) {
 void *calloc(size_t count, size_t size) {
     const InMalloc in;
     return __libc_calloc(count, size);
-}
-void *realloc(void *old, size_t size) {
-    const InMalloc in;
-    return __libc_realloc(old, size);
 }
 void free(void *old) {
     const InMalloc in;
@@ -68,6 +62,23 @@ void Busy(int milliseconds) {
     }
 }
 
+// As if the calling thread's body were Java code: without a frame anchor, in the state of threads that may be
+// held.
+template <class BODY>
+void AsJava(BODY body) {
+    static thread_local Word self; // once: later the thread may own malloc's lock
+    if (!self) {
+        const Locked held(vm.lock);
+        for (const ThreadInfo *thread : vm.threads)
+            self = thread->kernelId == gettid() ? thread->address : self;
+    }
+    Word &anchor = At(self, &JavaThread::anchorSp), sp = std::exchange(anchor, 0);
+    __atomic_store_n(&At(self, &JavaThread::state), IN_JAVA, __ATOMIC_SEQ_CST);
+    body();
+    __atomic_store_n(&At(self, &JavaThread::state), IN_NATIVE, __ATOMIC_SEQ_CST);
+    anchor = sp;
+}
+
 void BusyAsJava(int milliseconds) {
     AsJava([=] { Busy(milliseconds); });
 }
@@ -76,10 +87,6 @@ void OwnLog() {
     flockfile(stderr);
     BusyAsJava(20);
     funlockfile(stderr);
-}
-
-void OwnLoader() {
-    dlclose(dlopen(SIMVM_FOLDER "/libsimvm_loading.so", RTLD_NOW));
 }
 
 void OwnListOfLibraries() {
@@ -114,12 +121,9 @@ __attribute__((noinline)) void WaitInVfork() {
 // A thread at the list's head that is there for a moment only.
 void ComeAndGo() {
     std::thread([] {
-        ThreadInfo *thread = NewThread("visitor");
-        LinkThread(thread);
-        At(thread->address, &JavaThread::state) = IN_JAVA;
+        const Attached visitor("visitor");
+        At(visitor.info->address, &JavaThread::state) = IN_JAVA;
         Busy(moments % 3);
-        UnlinkThread(thread);
-        FreeThread(thread);
     }).join();
 }
 
@@ -138,7 +142,6 @@ struct Moment {
 };
 const Moment MOMENTS[] = {{"malloc", OwnMalloc},
                           {"log", OwnLog},
-                          {"loader", OwnLoader},
                           {"libraries", OwnListOfLibraries},
                           {"blocked", [] { BlockSignals(150); }}, // longer than anybody waits for it
                           {"late", [] { BlockSignals(5); }},
@@ -147,24 +150,19 @@ const Moment MOMENTS[] = {{"malloc", OwnMalloc},
 
 // Frames of the scene's threads are theirs, whoever has come to the list meanwhile.
 void ExpectOwnFrames(const HeapDump &dump, const HeapDump &truth) {
-    for (const auto &[root, address] : dump.frames) {
-        const std::string thread = root.substr(0, root.find('|') + 1);
-        const auto known = truth.frames.lower_bound(thread);
-        const bool isKnown = known != truth.frames.end() && known->first.rfind(thread, 0) == 0,
-                   isMethod = root.find("|interpreter_frame_meth ") != std::string::npos;
-        EXPECT_TRUE(!isKnown || !isMethod || truth.frames.count(root)) << root;
-    }
+    for (const auto &[root, address] : dump.frames)
+        EXPECT_TRUE(root.find("visitor|") == 0 || root.find("|interpreter_frame_meth ") == root.npos ||
+                    root.find("bad|") == 0 || root.find("main|") == 0 || truth.frames.count(root))
+            << root;
 }
 
 void ExpectAnswers(const Scene &scene, const std::string &path) {
-    constexpr int SAMPLES = 10, DUMPS = 3;
     const HeapDump truth = TakeTruth(scene.runners);
-    for (int i = 0; i < SAMPLES; i++)
+    for (int i = 0; i < 10; i++)
         EXPECT_NE(Ask("793|showstack|32768").find("Call Stack"), std::string::npos);
-    for (int i = 0; i < DUMPS; i++) {
+    for (int i = 0; i < 3; i++) {
         const uint32_t ended = qorHoldsEnded;
-        const std::string reply = Ask("513|showmem|256|dump|7");
-        EXPECT_NE(reply.find("completed"), std::string::npos) << reply;
+        EXPECT_NE(Ask("513|showmem|256|dump|7").find("completed"), std::string::npos);
         // A hold's time is over when the dump's maker waits for the thread that it holds.
         EXPECT_EQ(qorHoldsEnded, ended);
         ExpectOwnFrames(ReadDump(path), truth);
@@ -188,13 +186,9 @@ void ExpectOldAction() {
 class BadMoments : public testing::TestWithParam<Moment> {};
 
 TEST_P(BadMoments, StopNobody) {
-    char constructor[32];
-    snprintf(constructor, sizeof constructor, "%lx", reinterpret_cast<Word>(+[] { BusyAsJava(20); }));
-    setenv("SIMVM_CONSTRUCTOR", constructor, 1);
     WithScene("shop", {}, [](Scene &scene) {
         const DumpFolder folder;
-        Script bad = MainScript();
-        EmitScript(&bad);
+        Script bad = NativeScript();
         Runner *runner = Start("bad", &bad, [] {
             for (; !over; moments++)
                 GetParam().body();
@@ -218,30 +212,25 @@ TEST(RunningQueue, IsLeftWhenAThreadHasTurnedIdle) {
         std::atomic<int> round{-1}, answered{-1};
         std::atomic<bool> linked{false};
         std::thread turner([&] {
-            ThreadInfo *thread = NewThread("turner");
-            LinkThread(thread);
+            const Attached self("turner");
             linked = true;
             for (int i = 0; i < ROUNDS; i++) {
-                SetStates(thread, IN_JAVA, OS_RUNNABLE);
+                SetStates(self.info, IN_JAVA, OS_RUNNABLE);
                 while (round < i) {
                 }
                 Busy(i % 12);
-                SetStates(thread, BLOCKED, OS_SLEEPING);
+                SetStates(self.info, BLOCKED, OS_SLEEPING);
                 while (answered < i)
                     usleep(100);
             }
-            UnlinkThread(thread);
-            FreeThread(thread);
         });
         while (!linked)
             usleep(100);
-        for (int i = 0; i < ROUNDS; i++) {
-            const auto start = std::chrono::steady_clock::now();
+        for (int i = 0; i < ROUNDS; answered = i++) {
+            const time_t start = time(nullptr);
             round = i;
             Ask("521|showstack|32768");
-            EXPECT_LT(std::chrono::steady_clock::now() - start,
-                      std::chrono::seconds(30)); // and not the time-out
-            answered = i;
+            EXPECT_LT(time(nullptr) - start, 30); // and not the time-out
         }
         turner.join();
     });

@@ -17,19 +17,9 @@ Word NewVmObject(VtableKind kind, int64_t bytes) {
 
 // A klass object whose Klass part has that virtual table.
 Word NewKlass(VtableKind kind, VtableKind kindOfKlass, int32_t statics = 0) {
-    Word klass = NewVmObject(kindOfKlass, sizeof(Klass) + 8 + 8 * statics);
-    At(klass, &Klass::vtable) = reinterpret_cast<Word>(vm.statics.vtables[kind]) + VTABLE_HEAD;
+    const Word klass = NewVmObject(kindOfKlass, sizeof(Klass) + 8 + 8 * statics);
+    At(klass, &Klass::vtable) = HeadOf(kind);
     return klass;
-}
-
-// The klasses of what the VM itself keeps in the heap. klassKlass is its own klass.
-void DefineKinds() {
-    vm.kindKlass[VT_KLASS_KLASS] = NewKlass(VT_KLASS_KLASS, VT_KLASS_KLASS);
-    At(vm.kindKlass[VT_KLASS_KLASS], &Klass::klass) = vm.kindKlass[VT_KLASS_KLASS];
-    for (VtableKind kind : {VT_SYMBOL, VT_METHOD, VT_CONST_METHOD, VT_POOL, VT_POOL_CACHE, VT_IC_HOLDER,
-                            VT_INSTANCE_KLASS_KLASS, VT_ARRAY_KLASS_KLASS, VT_OBJ_ARRAY_KLASS_KLASS,
-                            VT_TYPE_ARRAY_KLASS_KLASS, VT_METHOD_DATA})
-        vm.kindKlass[kind] = NewKlass(kind, VT_KLASS_KLASS);
 }
 
 int32_t AddToPool(Class *owner, Word entry) {
@@ -54,52 +44,45 @@ void PlaceFields(Class *owner) {
 }
 
 void WriteFields(Class *owner) {
-    constexpr int32_t SHORTS = sizeof(FieldEntry) / 2;
-    int32_t length = SHORTS * owner->fields.size();
-    Word array = AllocateObject(&vm.perm, sizeof(JavaArray) + 2 * length);
-    As<Oop>(array) = {UNMARKED, ArrayClass("[S")->klass};
-    As<JavaArray>(array).length = length;
+    const int32_t length = owner->fields.size() * sizeof(FieldEntry) / 2;
+    const Word array = AllocateObject(&vm.perm, sizeof(JavaArray) + 2 * length);
+    As<JavaArray>(array) = {UNMARKED, ArrayClass("[S")->klass, length, 0};
     auto *entry = &As<FieldEntry>(array + sizeof(JavaArray));
-    for (const Field &field : owner->fields)
+    for (const Field &field : owner->fields) {
+        const auto name = uint16_t(AddToPool(owner, Intern(field.name))),
+                   signature = uint16_t(AddToPool(owner, Intern(field.signature)));
         *entry++ = {uint16_t(field.isStatic ? METHOD_STATIC : 0),
-                    uint16_t(AddToPool(owner, Intern(field.name))),
-                    uint16_t(AddToPool(owner, Intern(field.signature))),
+                    name,
+                    signature,
                     0,
                     uint16_t(field.offset),
                     uint16_t(field.offset >> 16),
                     0};
+    }
     At(owner->klass, &Klass::fields) = array;
 }
 
 void AddMirror(Class *owner) {
-    Class *mirrors = FindClass("java/lang/Class");
+    const Class *mirrors = FindClass("java/lang/Class");
     if (!mirrors || !owner->klass)
         return;
-    Word mirror = AllocateObject(&vm.perm, mirrors->bytes);
-    As<ClassMirror>(mirror) = {UNMARKED, mirrors->klass, owner->klass};
-    At(owner->klass, &Klass::javaMirror) = mirror;
+    owner->mirror = At(owner->klass, &Klass::javaMirror) = AllocateObject(&vm.perm, mirrors->bytes);
+    As<ClassMirror>(owner->mirror) = {UNMARKED, mirrors->klass, owner->klass};
 }
 
 // Pairs of steps in bci and line: one byte where both are small, 255 and two numbers where not.
-std::string LineTable(const std::vector<MethodLine> &lines, LineEnd end) {
+std::string LineTable(std::vector<MethodLine> lines, LineEnd end) {
     std::string table;
     MethodLine last = {0, 0};
+    if (lines.empty())
+        lines = {{0, 1'000'000}}; // no line of any source
     for (const MethodLine &line : lines) {
-        int32_t bci = line.bci - last.bci, step = line.line - last.line;
-        int32_t byte = bci * 8 + step;
-        if (bci >= 0 && bci < 32 && step >= 0 && step < 8 && byte != 0 && byte != 255) {
-            table.push_back(char(byte));
-        } else {
-            table.push_back(char(255));
-            PutCompressed(&table, bci);
-            PutCompressed(&table, step);
-        }
+        const int32_t bci = line.bci - last.bci, step = line.line - last.line, byte = bci * 8 + step;
+        const bool isSmall = bci >= 0 && bci < 32 && step >= 0 && step < 8 && byte != 0 && byte != 255;
+        table.push_back(char(isSmall ? byte : 255));
+        if (!isSmall)
+            PutCompressed(&table, bci), PutCompressed(&table, step);
         last = line;
-    }
-    if (lines.empty()) { // no line of any source
-        table.push_back(char(255));
-        PutCompressed(&table, 0);
-        PutCompressed(&table, 1'000'000);
     }
     return end == LineEnd::MARKED ? table + '\0' : table + std::string(24, char(POISON));
 }
@@ -114,6 +97,27 @@ Word WriteConstMethod(const MethodInfo &method, LineEnd end) {
     return oop;
 }
 
+void LayOutClass(Class *owner) {
+    owner->bytes = owner->super ? owner->super->bytes : int32_t(sizeof(Oop));
+    owner->poolRoom = POOL_ENTRIES + 2 * owner->fields.size();
+    PlaceFields(owner);
+    bool isReference = false;
+    for (const Class *up = owner; up; up = up->super)
+        isReference |= up->name == "java/lang/ref/Reference";
+    const Word klass = owner->klass =
+        NewKlass(isReference ? VT_INSTANCE_REF : VT_INSTANCE, VT_INSTANCE_KLASS_KLASS, owner->fields.size());
+    owner->pool = NewVmObject(VT_POOL, sizeof(ConstantPool) + 8 * owner->poolRoom);
+    At(owner->pool, &ConstantPool::holder) = klass;
+    At(owner->pool, &ConstantPool::length) = owner->poolRoom;
+    At(klass, &Klass::layoutHelper) = owner->bytes / 8;
+    At(klass, &Klass::super) = owner->super ? owner->super->klass : 0;
+    At(klass, &Klass::name) = Intern(owner->name);
+    At(klass, &Klass::constants) = owner->pool;
+    At(klass, &Klass::sourceFile) = owner->source.empty() ? 0 : Intern(owner->source);
+    WriteFields(owner);
+    AddMirror(owner);
+}
+
 } // namespace
 
 void PutCompressed(std::string *out, int32_t value) {
@@ -123,7 +127,7 @@ void PutCompressed(std::string *out, int32_t value) {
 }
 
 Word Intern(const std::string &text) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     Word &symbol = vm.symbols[text];
     if (!symbol) {
         symbol = NewVmObject(VT_SYMBOL, sizeof(Symbol) + text.size());
@@ -138,109 +142,100 @@ Class *FindClass(const std::string &name) {
     return found == vm.classes.end() ? nullptr : &found->second;
 }
 
-Class *DefineClass(const std::string &name, const std::string &super, std::vector<Field> fields) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Class *above = FindClass(super), *owner = &vm.classes[name];
-    if (owner->klass)
-        return owner;
-    *owner = {name, above, std::move(fields), 0, 0, above ? above->bytes : int32_t(sizeof(Oop)), 1, 0, ""};
-    owner->poolRoom = POOL_ENTRIES + 2 * owner->fields.size();
-    PlaceFields(owner);
-    bool reference = false;
-    for (Class *up = owner; up; up = up->super)
-        reference |= up->name == "java/lang/ref/Reference";
-    owner->klass =
-        NewKlass(reference ? VT_INSTANCE_REF : VT_INSTANCE, VT_INSTANCE_KLASS_KLASS, owner->fields.size());
-    owner->pool = NewVmObject(VT_POOL, sizeof(ConstantPool) + 8 * owner->poolRoom);
-    At(owner->pool, &ConstantPool::holder) = owner->klass;
-    At(owner->pool, &ConstantPool::length) = owner->poolRoom;
-    At(owner->klass, &Klass::layoutHelper) = owner->bytes / 8;
-    At(owner->klass, &Klass::super) = above ? above->klass : 0;
-    At(owner->klass, &Klass::name) = Intern(name);
-    At(owner->klass, &Klass::constants) = owner->pool;
-    std::string file = name.substr(name.rfind('/') + 1);
-    owner->source = file.substr(0, file.find('$')) + ".java";
-    At(owner->klass, &Klass::sourceFile) = Intern(owner->source);
-    WriteFields(owner);
-    AddMirror(owner);
-    return owner;
-}
-
 Class *DefineClass(const std::string &line) {
+    const Locked held(vm.lock);
     std::istringstream words(line);
     std::string name, word, super = "java/lang/Object";
-    std::vector<Field> fields;
-    bool known = true;
-    for (words >> name; words >> word;)
+    words >> name;
+    Class *owner = &vm.classes[name];
+    if (owner->klass)
+        return owner;
+    owner->name = name;
+    owner->source = name.substr(name.rfind('/') + 1);
+    owner->source = owner->source.substr(0, owner->source.find('$')) + ".java";
+    while (words >> word)
         if (word == "<")
             words >> super;
         else if (word == "?")
-            known = false;
+            owner->source = "";
         else {
-            bool isStatic = word[0] == '*';
-            size_t comma = word.find(',');
-            fields.push_back({word.substr(isStatic, comma - isStatic), word.substr(comma + 1), isStatic, 0});
+            const bool isStatic = word[0] == '*';
+            const size_t comma = word.find(',');
+            owner->fields.push_back(
+                {word.substr(isStatic, comma - isStatic), word.substr(comma + 1), isStatic, 0});
         }
-    if (!FindClass(super))
+    owner->super = name == super ? nullptr : FindClass(super);
+    if (!owner->super && name != super)
         Fail(("no class " + super).c_str());
-    Class *owner = DefineClass(name, super, std::move(fields));
-    if (!known)
-        owner->source = "", At(owner->klass, &Klass::sourceFile) = 0;
+    LayOutClass(owner);
     return owner;
 }
 
 Class *ArrayClass(const std::string &signature) {
     if (Class *known = FindClass(signature))
         return known;
-    bool objects = SizeOf(signature.substr(1)) == 8 && signature[1] != 'J' && signature[1] != 'D';
+    const char of = signature[1];
+    const Class *object = FindClass("java/lang/Object");
     Class *array = &vm.classes[signature];
     array->name = signature;
-    array->super = FindClass("java/lang/Object");
-    array->klass = objects ? NewKlass(VT_OBJ_ARRAY, VT_OBJ_ARRAY_KLASS_KLASS)
-                           : NewKlass(VT_TYPE_ARRAY, VT_TYPE_ARRAY_KLASS_KLASS);
-    At(array->klass, &Klass::layoutHelper) = ~__builtin_ctz(SizeOf(signature.substr(1)));
-    At(array->klass, &Klass::arrayHeaderSize) = sizeof(JavaArray);
-    At(array->klass, &Klass::name) = Intern(signature);
-    if (array->super)
-        At(array->klass, &Klass::super) = array->super->klass;
+    const Word klass = array->klass = of == 'L' || of == '['
+                                          ? NewKlass(VT_OBJ_ARRAY, VT_OBJ_ARRAY_KLASS_KLASS)
+                                          : NewKlass(VT_TYPE_ARRAY, VT_TYPE_ARRAY_KLASS_KLASS);
+    At(klass, &Klass::layoutHelper) = ~__builtin_ctz(SizeOf(signature.substr(1)));
+    At(klass, &Klass::arrayHeaderSize) = sizeof(JavaArray);
+    At(klass, &Klass::name) = Intern(signature);
+    At(klass, &Klass::super) = object ? object->klass : 0;
     AddMirror(array);
     return array;
 }
 
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
                          std::vector<MethodLine> lines, int32_t flags, int32_t codeSize, LineEnd end) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Class *owner = FindClass(holder);
-    if (!owner)
-        owner = DefineClass(holder, "java/lang/Object");
-    vm.methods.push_back({owner, name, signature, flags, codeSize, std::move(lines), 0});
+    const Locked held(vm.lock);
+    vm.methods.push_back({DefineClass(holder), name, signature, flags, codeSize, std::move(lines), 0});
     MethodInfo *method = &vm.methods.back();
-    method->oop = NewVmObject(VT_METHOD, sizeof(Method));
-    At(method->oop, &Method::constMethod) = WriteConstMethod(*method, end);
-    At(method->oop, &Method::constants) = owner->pool;
-    At(method->oop, &Method::accessFlags) = flags;
-    At(method->oop, &Method::maxLocals) = 4;
-    At(method->oop, &Method::parameterSize) = 1;
+    const Word oop = method->oop = NewVmObject(VT_METHOD, sizeof(Method));
+    At(oop, &Method::constMethod) = WriteConstMethod(*method, end);
+    At(oop, &Method::constants) = method->holder->pool;
+    At(oop, &Method::accessFlags) = flags;
+    At(oop, &Method::maxLocals) = 4;
+    At(oop, &Method::parameterSize) = 1;
     return method;
 }
 
+// The klasses of what the VM itself keeps in the heap come first, klassKlass, which is its own klass, before
+// all.
 void DefineVmClasses() {
-    DefineKinds();
-    vm.classes["java/lang/Object"] = {};
+    Word &first = vm.kindKlass[VT_KLASS_KLASS];
+    first = NewKlass(VT_KLASS_KLASS, VT_KLASS_KLASS);
+    At(first, &Klass::klass) = first;
+    for (int kind = 0; kind < VTABLE_COUNT; kind++)
+        if (KIND_LETTERS[kind] && kind != VT_KLASS_KLASS)
+            vm.kindKlass[kind] = NewKlass(VtableKind(kind), VT_KLASS_KLASS);
     ArrayClass("[S");
-    DefineClass("java/lang/Object", "");
+    DefineClass("java/lang/Object");
     At(FindClass("[S")->klass, &Klass::super) = FindClass("java/lang/Object")->klass;
-    DefineClass("java/lang/Class", "java/lang/Object", {{"klass", "J", false, 0}});
+    DefineClass("java/lang/Class klass,J");
     for (auto &[name, owner] : vm.classes)
         AddMirror(&owner);
-    for (const char *line : {"java/lang/String value,[C offset,I count,I hash,I",
-                             "java/lang/ThreadGroup parent,Ljava/lang/ThreadGroup; name,Ljava/lang/String;",
-                             "java/lang/Thread name,[C group,Ljava/lang/ThreadGroup; eetop,J priority,I",
-                             "java/lang/ref/Reference referent,Ljava/lang/Object;",
-                             "java/lang/ref/WeakReference < java/lang/ref/Reference"})
+    for (const char *line :
+         {"java/lang/String value,[C offset,I count,I hash,I",
+          "java/lang/ThreadGroup parent,Ljava/lang/ThreadGroup; name,Ljava/lang/String;",
+          "java/lang/Thread name,[C group,Ljava/lang/ThreadGroup; eetop,J priority,I",
+          "java/lang/ref/Reference referent,Ljava/lang/Object;",
+          "java/lang/ref/WeakReference < java/lang/ref/Reference",
+          "java/lang/AbstractStringBuilder value,[C count,I",
+          "java/lang/StringBuffer < java/lang/AbstractStringBuilder",
+          "java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "
+          "next,Ljava/util/Hashtable$Entry;",
+          "java/util/Hashtable table,[Ljava/util/Hashtable$Entry; count,I",
+          "java/util/Properties < java/util/Hashtable defaults,Ljava/util/Properties;",
+          "java/util/HashMap$Entry key,Ljava/lang/Object; value,Ljava/lang/Object; hash,I "
+          "next,Ljava/util/HashMap$Entry;",
+          "java/util/HashMap table,[Ljava/util/HashMap$Entry; size,I"})
         DefineClass(line);
-    vm.threadGroup = NewObject("java/lang/ThreadGroup", vm.old.letter);
-    Set(vm.threadGroup, "name", NewString("main", vm.old.letter));
+    vm.threadGroup =
+        New("java/lang/ThreadGroup", {{"name", NewString("main", vm.old.letter)}}, vm.old.letter);
 }
 
 // Objects and their values: each is described first and then written.
@@ -249,14 +244,10 @@ namespace {
 
 Object *Describe(Word address, Class *type, int64_t bytes, size_t values, char space) {
     As<Oop>(address) = {UNMARKED, type->klass};
-    Object *object;
-    if (vm.forgotten.empty()) {
-        vm.objects.emplace_back();
-        object = &vm.objects.back();
-    } else {
-        object = vm.forgotten.back();
-        vm.forgotten.pop_back();
-    }
+    if (vm.forgotten.empty())
+        vm.forgotten.push_back(&vm.objects.emplace_back());
+    Object *object = vm.forgotten.back();
+    vm.forgotten.pop_back();
     *object = {address, type->klass, bytes, space, type, std::vector<Value>(values)};
     return object;
 }
@@ -275,11 +266,6 @@ Found Find(const Class *type, const std::string &name) {
     Fail(("no field " + name + " in " + type->name).c_str());
 }
 
-template <class T>
-void Write(Word place, T value) {
-    memcpy(&As<char>(place), &value, sizeof value);
-}
-
 } // namespace
 
 int32_t SizeOf(const std::string &signature) {
@@ -289,13 +275,20 @@ int32_t SizeOf(const std::string &signature) {
 }
 
 void WriteValue(Word place, const std::string &signature, const Value &value) {
-    if (signature[0] == 'L' || signature[0] == '[')
-        return Write(place, value.object ? value.object->address : 0);
-    if (signature[0] == 'F')
-        return Write(place, float(value.real));
-    if (signature[0] == 'D')
-        return Write(place, value.real);
-    memcpy(&As<char>(place), &value.number, SizeOf(signature));
+    Word bits = value.number;
+    const float single = float(value.real);
+    switch (signature[0]) {
+    case 'L':
+    case '[':
+        bits = value.object ? value.object->address : 0;
+        break;
+    case 'F':
+        memcpy(&bits, &single, sizeof single);
+        break;
+    case 'D':
+        memcpy(&bits, &value.real, sizeof value.real);
+    }
+    memcpy(&As<char>(place), &bits, SizeOf(signature));
 }
 
 std::vector<const Field *> FieldsOf(const Class *type) {
@@ -309,19 +302,19 @@ std::vector<const Field *> FieldsOf(const Class *type) {
 }
 
 void Set(Object *object, const std::string &field, Value value) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     Found found = Find(object->type, field);
     object->values[found.index] = value;
     WriteValue(object->address + found.field->offset, found.field->signature, value);
 }
 
 Value Get(const Object *object, const std::string &field) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     return object->values[Find(object->type, field).index];
 }
 
 void SetStatic(Class *type, const std::string &name, Value value) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     for (Field &field : type->fields)
         if (field.isStatic && field.name == name) {
             field.value = value;
@@ -331,120 +324,62 @@ void SetStatic(Class *type, const std::string &name, Value value) {
 }
 
 void SetElement(Object *array, int32_t index, Value value) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     std::string signature = array->type->name.substr(1);
     array->values.at(index) = value;
     WriteValue(array->address + sizeof(JavaArray) + index * SizeOf(signature), signature, value);
 }
 
 void Forget(Object *object) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     object->address = 0;
     vm.forgotten.push_back(object);
 }
 
-Object *NewObject(const std::string &className, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Class *type = FindClass(className);
-    if (!type)
-        type = DefineClass(className, "java/lang/Object");
-    return Describe(AllocateObject(&SpaceOf(space), type->bytes), type, type->bytes, FieldsOf(type).size(),
-                    space);
-}
-
-Object *NewArray(const std::string &signature, int32_t length, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Class *type = ArrayClass(signature);
-    int64_t bytes = (sizeof(JavaArray) + length * SizeOf(signature.substr(1)) + 7) & ~size_t(7);
-    Object *array = Describe(AllocateObject(&SpaceOf(space), bytes), type, bytes, length, space);
-    As<JavaArray>(array->address).length = length;
-    return array;
-}
-
-Object *NewChars(const std::string &text, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Object *chars = NewArray("[C", text.size(), space);
-    for (size_t i = 0; i < text.size(); i++)
-        SetElement(chars, i, uint8_t(text[i]));
-    return chars;
-}
-
-Object *NewString(const std::string &text, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Object *string = NewObject("java/lang/String", space);
-    Set(string, "value", NewChars(text, space));
-    Set(string, "count", text.size());
-    return string;
-}
-
-// ---- objects of java.lang and java.util
-// ------------------------------------------------------------------
-
-namespace {
-
-void DefineUtilities() {
-    static bool done;
-    if (done)
-        return;
-    done = true;
-    for (const char *line :
-         {"java/lang/AbstractStringBuilder value,[C count,I",
-          "java/lang/StringBuffer < java/lang/AbstractStringBuilder",
-          "java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "
-          "next,Ljava/util/Hashtable$Entry;",
-          "java/util/Hashtable table,[Ljava/util/Hashtable$Entry; count,I",
-          "java/util/Properties < java/util/Hashtable defaults,Ljava/util/Properties;",
-          "java/util/HashMap$Entry key,Ljava/lang/Object; value,Ljava/lang/Object; hash,I "
-          "next,Ljava/util/HashMap$Entry;",
-          "java/util/HashMap table,[Ljava/util/HashMap$Entry; size,I"})
-        DefineClass(line);
-}
-
-Object *NewChars16(const std::u16string &chars) {
-    return NewElements("[C", std::vector<Value>(chars.begin(), chars.end()));
-}
-
-} // namespace
-
 Object *New(const std::string &className, const Fields &fields, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    DefineUtilities();
-    Object *object = NewObject(className, space);
+    const Locked held(vm.lock);
+    Class *type = DefineClass(className);
+    Object *object = Describe(AllocateObject(&SpaceOf(space), type->bytes), type, type->bytes,
+                              FieldsOf(type).size(), space);
     for (auto &[name, value] : fields)
         Set(object, name, value);
     return object;
 }
 
-Object *NewElements(const std::string &signature, const std::vector<Value> &elements, char space) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    Object *array = NewArray(signature, elements.size(), space);
-    for (size_t i = 0; i < elements.size(); i++)
+Object *NewArray(const std::string &signature, const std::vector<Value> &elements, char space) {
+    const Locked held(vm.lock);
+    Class *type = ArrayClass(signature);
+    const size_t length = elements.size();
+    const int64_t bytes = (sizeof(JavaArray) + length * SizeOf(signature.substr(1)) + 7) & ~size_t(7);
+    Object *array = Describe(AllocateObject(&SpaceOf(space), bytes), type, bytes, length, space);
+    As<JavaArray>(array->address).length = length;
+    for (size_t i = 0; i < length; i++)
         SetElement(array, i, elements[i]);
     return array;
 }
 
-Object *NewPartOf(const std::u16string &chars, int32_t offset, int32_t count) {
-    return New("java/lang/String", {{"value", NewChars16(chars)}, {"offset", offset}, {"count", count}});
+Object *NewChars(const std::string &text, char space) {
+    const auto *first = reinterpret_cast<const uint8_t *>(text.data());
+    return NewArray("[C", std::vector<Value>(first, first + text.size()), space);
 }
 
-Object *NewBuffer(const std::string &text) {
-    return New("java/lang/StringBuffer", {{"value", NewChars(text + "unused")}, {"count", text.size()}});
+Object *NewString(const std::string &text, char space) {
+    return New("java/lang/String", {{"value", NewChars(text, space)}, {"count", text.size()}}, space);
 }
 
 Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
                  bool cyclic) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    std::string entryClass =
-        className == "java/util/HashMap" ? "java/util/HashMap$Entry" : "java/util/Hashtable$Entry";
-    Object *object = New(className, {}), *table = NewArray("[L" + entryClass + ";", buckets);
+    const bool isMap = className == "java/util/HashMap";
+    const std::string entryClass = isMap ? "java/util/HashMap$Entry" : "java/util/Hashtable$Entry";
+    Object *table = NewArray("[L" + entryClass + ";", std::vector<Value>(buckets));
     std::map<int32_t, std::pair<Object *, Object *>> chains; // first and last entry
     for (const TableEntry &entry : entries) {
-        int32_t hash = 0;
-        for (char16_t one : CharsOf(entry.key))
-            hash = int32_t(31u * uint32_t(hash) + one);
-        Set(entry.key, "hash", hash);
-        int32_t bucket = entry.bucket < 0 ? (hash & INT32_MAX) % buckets : entry.bucket;
-        Object *made = New(entryClass, {{"hash", hash}, {"key", entry.key}, {"value", entry.value}});
+        uint32_t hash = 0;
+        for (const Value &one : Get(entry.key, "value").object->values)
+            hash = 31 * hash + uint32_t(one.number);
+        Set(entry.key, "hash", int32_t(hash));
+        const int32_t bucket = entry.bucket < 0 ? (hash & INT32_MAX) % buckets : entry.bucket;
+        Object *made = New(entryClass, {{"hash", int32_t(hash)}, {"key", entry.key}, {"value", entry.value}});
         auto &[first, last] = chains[bucket];
         first ? Set(last, "next", made) : (first = made, SetElement(table, bucket, made));
         last = made;
@@ -452,22 +387,7 @@ Object *NewTable(const std::string &className, int32_t buckets, const std::vecto
     for (auto &[bucket, chain] : chains)
         if (cyclic)
             Set(chain.second, "next", chain.first);
-    Set(object, "table", table);
-    Set(object, className == "java/util/HashMap" ? "size" : "count", entries.size());
-    return object;
-}
-
-std::u16string CharsOf(const Object *text) {
-    const Object *chars = text->type->name == "[C" ? text : Get(text, "value").object;
-    size_t from = 0, count = chars->values.size();
-    if (chars != text)
-        count = Get(text, "count").number;
-    if (text->type->name == "java/lang/String")
-        from = Get(text, "offset").number;
-    std::u16string out;
-    for (size_t i = from; i < from + count && i < chars->values.size(); i++)
-        out.push_back(char16_t(chars->values[i].number));
-    return out;
+    return New(className, {{"table", table}, {isMap ? "size" : "count", entries.size()}});
 }
 
 } // namespace simvm

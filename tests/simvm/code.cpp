@@ -1,13 +1,37 @@
-// The code cache: a heap of segments with blobs, and the interpreter's room in it.
+// The code cache, a heap of segments with blobs and the interpreter's room in it; and the code that scripts
+// run.
 #include "code.h"
 
+#include <sstream>
 #include <sys/mman.h>
 
 namespace simvm {
 
 int32_t safepointAsked;
 std::mt19937_64 randomWords(20260101);
-Word callStub, safepointStub;
+Word callStub;
+
+void Assembler::EmitWords(const char *text, const std::vector<Word> &values) {
+    auto value = values.begin();
+    std::istringstream words(text);
+    for (std::string word; words >> word;)
+        if (word == "q" || word == "d")
+            code.append(reinterpret_cast<const char *>(&*value++), word == "q" ? 8 : 4);
+        else
+            for (size_t i = 0; i < word.size(); i += 2)
+                code.push_back(char(std::stoi(word.substr(i, 2), nullptr, 16)));
+}
+
+void Assembler::JumpBack(int opcode, size_t to) {
+    code.push_back(char(opcode));
+    code.push_back(char(to - code.size() - 1));
+}
+
+size_t Assembler::JumpOn(int opcode) {
+    code.push_back(char(opcode));
+    code.push_back(0);
+    return code.size();
+}
 
 namespace {
 
@@ -17,11 +41,16 @@ constexpr uint8_t FREE_SEGMENT = 255;
 
 Word cacheLow, cacheMap, cacheNext;   // the code cache
 Word interpreterNext, interpreterEnd; // room for interpreted frames
+Word safepointStub;
 std::vector<std::pair<Word, Word>> oopTables;
 
+void Copy(Word to, const std::string &bytes) {
+    memcpy(&As<char>(to), bytes.data(), bytes.size());
+}
+
 Word AllocateBlock(size_t bytes) {
-    size_t segments = (sizeof(HeapBlock) + bytes + SEGMENT - 1) / SEGMENT;
-    Word block = cacheNext;
+    const size_t segments = (sizeof(HeapBlock) + bytes + SEGMENT - 1) / SEGMENT;
+    const Word block = cacheNext;
     cacheNext += segments * SEGMENT;
     if (cacheNext > cacheLow + CODE_BYTES)
         Fail("the code cache is full");
@@ -38,36 +67,183 @@ size_t Align8(size_t bytes) {
 }
 
 // The code with the pc that CallOut left open, now that its place is known.
-std::string CodeAt(Assembler *a, Word start) {
-    Word pc = start + a->pc;
-    if (a->pcAt)
-        a->code.replace(a->pcAt, 8, reinterpret_cast<char *>(&pc), 8);
-    return a->code;
+std::string CodeAt(const Assembler &a, Word start) {
+    std::string code = a.code;
+    const Word pc = start + a.pc;
+    return a.pcAt ? code.replace(a.pcAt, 8, reinterpret_cast<const char *>(&pc), 8) : code;
+}
+
+// A blob of code.
+Word Finish(BlobParts parts, const Assembler &a) {
+    const Word blob = cacheNext + sizeof(HeapBlock); // where NewBlob will put it
+    parts.code = CodeAt(a, blob + sizeof(Blob));
+    return EntryOf(NewBlob(parts));
+}
+
+Word PlaceInterpreted(const Assembler &a) {
+    const Word at = interpreterNext;
+    interpreterNext += (a.code.size() + 15) & ~size_t(15);
+    if (interpreterNext > interpreterEnd)
+        Fail("the interpreter has no more room");
+    Copy(at, CodeAt(a, at));
+    return at;
+}
+
+// ---- stubs and adapters: frames between Java frames that aren't any themselves
+
+// Calls C with the thread's anchor set to the frame that runs: fp and pc first, as a reader asks for sp. The
+// pc may be left out, when it is found below sp; sp may bear flags in its low bits.
+void CallOut(Assembler *a, void (*function)(), Word argument, ThreadState state) {
+    constexpr char STORE_RAX_IN_THREAD[] = "498987 d";
+    const bool withPc = randomWords() % 2;
+    a->Emit("4989af d", Place(&JavaThread::anchorFp)); // rbp
+    a->Emit(LOAD, 0);
+    const size_t pcAt = a->code.size() - 8;
+    a->Emit(STORE_RAX_IN_THREAD, Place(&JavaThread::anchorPc));
+    const char *const SP_WITH_FLAGS[] = {"4889e0 4883c800", "4889e0 4883c801", "4889e0 4883c802"}; // mov, or
+    a->Emit(SP_WITH_FLAGS[randomWords() % 3]);
+    a->Emit(STORE_RAX_IN_THREAD, Place(&JavaThread::anchorSp));
+    a->Emit("41c787 d d", Place(&JavaThread::state), state);
+    a->Emit("4c89ff 48be q", argument); // mov rdi, r15; mov rsi, argument
+    a->Emit(CALL, function);
+    if (withPc)
+        a->pcAt = pcAt, a->pc = a->code.size();
+    a->Emit("41c787 d d", Place(&JavaThread::state), IN_JAVA);
+    a->Emit("49c787 d d", Place(&JavaThread::anchorSp), 0);
+}
+
+// A frame of compiled code. The server compiler saves the frame pointer and uses the register for something
+// else; the client compiler points it at where the old one is saved, which is right below the return address.
+void Enter(Assembler *a, int words, int link) {
+    a->Emit(SUB_RSP, 8 * (words - 1));
+    a->Emit(STORE_RBP, 8 * link);
+    if (vm.statics.server)
+        a->Emit("48bd q", randomWords());
+    else
+        a->Emit("488dac24 d", 8 * link); // lea
+}
+void Return(Assembler *a, int words, int link) {
+    a->Emit(LOAD_RBP, 8 * link);
+    a->Emit(ADD_RSP, 8 * (words - 1));
+    a->Emit("c3");
+}
+
+// An oop map that says where a stub has spilled the frame pointer, after two values that say something else.
+Word OopMapOf(int link) {
+    constexpr int VALUE = 2, CALLEE_SAVED = 8, OTHER_REGISTER = 19;
+    const int stack0 = int(*vm.statics.stackRegisters);
+    std::string data;
+    for (int value : {(stack0 + 9) << 5 | VALUE, (stack0 + 8) << 5 | CALLEE_SAVED, OTHER_REGISTER,
+                      (stack0 + link) << 5 | CALLEE_SAVED, FRAME_POINTER_REGISTER})
+        PutCompressed(&data, value);
+    const Word set = Allocate(sizeof(OopMapSet)), array = Allocate(8), map = Allocate(sizeof(OopMap)),
+               bytes = Allocate(data.size());
+    Copy(bytes, data);
+    As<OopMap>(map) = {0, 3, int32_t(data.size()), 0, bytes};
+    As<Word>(array) = map;
+    As<OopMapSet>(set) = {1, 1, array};
+    return set;
+}
+
+// Server stubs don't know where they save the frame pointer but by their oop map.
+BlobParts StubParts(VtableKind kind, int words, int link) {
+    const bool byMap = vm.statics.stackRegisters && randomWords() % 2;
+    return {kind, "", words, byMap ? -2 : link, {}, "", 0, byMap ? OopMapOf(link) : 0};
+}
+
+Word EmitI2C(Word target) {
+    constexpr int WORDS = 4, LINK = 1;
+    Assembler a;
+    if (vm.statics.server) {
+        a.Emit("4889e0 4883e4f0 50"); // mov rax, rsp; and rsp, -16; push rax
+        a.Emit(SUB_RSP, 8 * (WORDS - 1));
+        a.Emit(STORE_RBP, 8 * LINK);
+        a.Emit(CALL, target);
+        a.Emit(LOAD_RBP, 8 * LINK);
+        a.Emit(ADD_RSP, 8 * (WORDS - 1));
+        a.Emit("5c c3"); // pop rsp; ret
+    } else
+        a.Emit("55 4889e5 4883e4f0 48b8 q ffd0 c9 c3",
+               target); // push rbp; mov rbp, rsp; and rsp; call; leave; ret
+    return Finish(StubParts(VT_I2C, WORDS, LINK), a);
+}
+
+// A frame of a stub or adapter around what `body` emits.
+Word EmitStub(VtableKind kind, int words, const Body &body) {
+    const int link = vm.statics.server ? words / 3 : words - 2;
+    const BlobParts parts = StubParts(kind, words, link);
+    Assembler a;
+    Enter(&a, words, link);
+    body(&a);
+    Return(&a, words, link);
+    return Finish(parts, a);
+}
+
+// One that leaves the frame pointer alone.
+Word EmitBareStub(Word target) {
+    constexpr int WORDS = 4;
+    Assembler a;
+    a.Emit("4881ec d 48b8 q ffd0 4881c4 d c3", 8 * (WORDS - 1), target, 8 * (WORDS - 1));
+    return Finish({VT_RUNTIME_STUB, "", WORDS}, a);
+}
+
+// On top of its frame: return pc, the interpreter's fp, the sender's sp.
+Word EmitOsrAdapter(Word target) {
+    constexpr int WORDS = 6;
+    Assembler a;
+    if (vm.statics.server) {
+        a.Emit("488b0c24 488d542408"); // mov rcx, [rsp]; lea rdx, [rsp + 8]
+        a.Emit("4883e4f0 51 55 52");   // and rsp, -16; push rcx, rbp, rdx
+        a.Emit(SUB_RSP, 8 * (WORDS - 3));
+        a.Emit(CALL, target);
+        a.Emit(ADD_RSP, 8 * (WORDS - 3));
+        a.Emit("5a 5d 59 4889d4 ffe1"); // pop rdx, rbp, rcx; mov rsp, rdx; jmp rcx
+    } else                              // below its fp: the sender's sp
+        a.Emit("55 4889e5 488d4510 50 4883e4f0 48b8 q ffd0 c9 c3", target);
+    return Finish({VT_OSR, "", WORDS}, a);
+}
+
+// How compiled code calls C.
+Word EmitRuntimeStub(void (*function)(), Word argument) {
+    return EmitStub(VT_RUNTIME_STUB, 4, [&](Assembler *a) { CallOut(a, function, argument, IN_VM); });
+}
+
+void EmitCallStub() {
+    constexpr char AT_THE_END[] =
+        "488b5df8 4c8b65f0 4c8b6de8 4c8b75e0 4c8b7dd8 c9 c3"; // the registers; leave; ret
+    Assembler a;
+    a.Emit("55 4889e5 4881ec d", 80);                       // push rbp; mov rbp, rsp
+    a.Emit("488975d0");                                     // mov [rbp - 48], rsi: the wrapper
+    a.Emit("48895df8 4c8965f0 4c896de8 4c8975e0 4c897dd8"); // rbx, r12 to r15
+    a.Emit("4989d7 4989ce ffd7");                           // mov r15, rdx; mov r14, rcx; call rdi
+    const size_t back = a.code.size();
+    a.Emit(AT_THE_END);
+    callStub = Finish({VT_BUFFER_BLOB, ""}, a);
+    *vm.statics.callStubReturn = callStub + back;
 }
 
 } // namespace
 
 Word NewBlob(const BlobParts &parts) {
-    size_t code = sizeof(Blob), oops = code + Align8(parts.code.size()),
-           scopes = oops + 8 * parts.oops.size(), pc = scopes + Align8(parts.scopes.size()),
-           end = pc + sizeof(PcDesc);
-    Word blob = AllocateBlock(end);
-    As<Blob>(blob).vtable = reinterpret_cast<Word>(vm.statics.vtables[parts.kind]) + VTABLE_HEAD;
+    const size_t code = sizeof(Blob), oops = code + Align8(parts.code.size()),
+                 scopes = oops + 8 * parts.oops.size(), pc = scopes + Align8(parts.scopes.size()),
+                 end = pc + sizeof(PcDesc);
+    const Word blob = AllocateBlock(end);
+    As<Blob>(blob).vtable = HeadOf(parts.kind);
     As<Blob>(blob).size = end;
     As<Blob>(blob).codeOffset = code;
     As<Blob>(blob).oopsOffset = oops;
     As<Blob>(blob).oopCount = parts.oops.size();
     As<Blob>(blob).frameWords = parts.words;
-    At(blob, &Blob::linkOffset) = parts.link;
-    At(blob, &Blob::oopMaps) = parts.oopMaps;
-    At(blob, &Blob::scopesOffset) = scopes;
-    At(blob, &Blob::pcDescCache) = blob + pc;
+    As<Blob>(blob).linkOffset = parts.link;
+    As<Blob>(blob).oopMaps = parts.oopMaps;
+    As<Blob>(blob).scopesOffset = scopes;
+    As<Blob>(blob).pcDescCache = blob + pc;
     As<PcDesc>(blob + pc) = {0, parts.scope};
-    memcpy(&As<char>(blob + code), parts.code.data(), parts.code.size());
-    memcpy(&As<char>(blob + scopes), parts.scopes.data(), parts.scopes.size());
-    for (size_t i = 0; i < parts.oops.size(); i++)
-        As<Word>(blob + oops + 8 * i) = parts.oops[i];
-    oopTables.emplace_back(blob + oops, blob + oops + 8 * parts.oops.size());
+    Copy(blob + code, parts.code);
+    Copy(blob + scopes, parts.scopes);
+    std::copy(parts.oops.begin(), parts.oops.end(), &As<Word>(blob + oops));
+    oopTables.emplace_back(blob + oops, blob + scopes);
     return blob;
 }
 
@@ -75,19 +251,16 @@ Word EntryOf(Word blob) {
     return blob + As<Blob>(blob).codeOffset;
 }
 
-Word FinishBlob(BlobParts *parts, Assembler *a) {
-    Word blob = cacheNext + sizeof(HeapBlock); // where NewBlob will put it
-    parts->code = CodeAt(a, blob + sizeof(Blob));
-    return EntryOf(NewBlob(*parts));
-}
-
-Word PlaceInterpreted(Assembler *a) {
-    Word at = interpreterNext;
-    interpreterNext += (a->code.size() + 15) & ~size_t(15);
-    if (interpreterNext > interpreterEnd)
-        Fail("the interpreter has no more room");
-    memcpy(&As<char>(at), CodeAt(a, at).data(), a->code.size());
-    return at;
+Word EmitLinked() {
+    Assembler a;
+    a.Emit("55 4889e5 b9 d", 1'000'000); // push rbp; mov rbp, rsp; mov ecx, n
+    const size_t loop = a.code.size();
+    a.Emit("ffc9"); // dec ecx
+    a.JumpBack(JUMP_UNEQUAL, loop);
+    a.Emit("5d c3"); // pop rbp; ret
+    const Word code = Map(4096, false, PROT_EXEC);
+    Copy(code, a.code);
+    return code;
 }
 
 const std::vector<std::pair<Word, Word>> &OopTables() {
@@ -108,8 +281,7 @@ void BootCode() {
     cacheLow = cacheNext = Map(CODE_BYTES, true, PROT_EXEC);
     cacheMap = Map(CODE_BYTES / SEGMENT, false);
     memset(&As<char>(cacheMap), FREE_SEGMENT, CODE_BYTES / SEGMENT);
-    Word heap = Allocate(sizeof(CodeHeap));
-    *vm.statics.codeHeap = heap;
+    const Word heap = *vm.statics.codeHeap = Allocate(sizeof(CodeHeap));
     As<CodeHeap>(heap).low = As<CodeHeap>(heap).lowBoundary = cacheLow;
     As<CodeHeap>(heap).high = As<CodeHeap>(heap).highBoundary = cacheLow + CODE_BYTES;
     At(heap, &CodeHeap::mapLow) = cacheMap;
@@ -118,10 +290,9 @@ void BootCode() {
     Word interpreter = NewBlob({VT_BUFFER_BLOB, std::string(INTERPRETER_BYTES, char(0xcc))});
     interpreterNext = EntryOf(interpreter);
     interpreterEnd = interpreterNext + INTERPRETER_BYTES;
-    Word queue = Allocate(sizeof(StubQueue));
+    const Word queue = *vm.statics.interpreterCode = Allocate(sizeof(StubQueue));
     As<StubQueue>(queue).start = interpreterNext;
     As<StubQueue>(queue).size = INTERPRETER_BYTES;
-    *vm.statics.interpreterCode = queue;
     safepointStub = EmitRuntimeStub(reinterpret_cast<void (*)()>(&SimvmSafepoint), 0);
     constexpr int SPECIAL_BLOB = 31;
     if (vm.statics.runtimeBlobs)
@@ -130,84 +301,43 @@ void BootCode() {
 
 // Frames of scripts: interpreted ones and compiled ones, and how each reaches the next.
 
-// Calls C with the thread's anchor set to the frame that runs: fp and pc first, as a reader asks for sp. The
-// pc may be left out, when it is found below sp; sp may bear flags in its low bits.
-void CallOut(Assembler *a, void (*function)(), Word argument, ThreadState state) {
-    bool withPc = randomWords() % 2;
-    a->StoreRbpInThread(Place(&JavaThread::anchorFp));
-    a->LoadRax(0);
-    size_t pcAt = a->Here() - 8;
-    a->StoreRaxInThread(Place(&JavaThread::anchorPc));
-    a->Bytes({0x48, 0x89, 0xe0, 0x48, 0x83, 0xc8, int(randomWords() % 3)}); // mov rax, rsp; or rax, flags
-    a->StoreRaxInThread(Place(&JavaThread::anchorSp));
-    a->StoreIntInThread(Place(&JavaThread::state), state);
-    a->Bytes({0x4c, 0x89, 0xff, 0x48, 0xbe}), a->Value(argument); // mov rdi, r15; mov rsi, argument
-    a->Call(reinterpret_cast<Word>(function));
-    if (withPc)
-        a->pcAt = pcAt, a->pc = a->Here();
-    a->StoreIntInThread(Place(&JavaThread::state), IN_JAVA);
-    a->StoreWordInThread(Place(&JavaThread::anchorSp), 0);
-}
-
 namespace {
 
 // The frame with its locals above the return address, its fixed part, and its monitors; then what `body`
 // emits.
 Word EmitInterpreted(const Scope &scope, const Body &body) {
+    constexpr char PUSH[] = "48b8 q 50";
+    const int fixed = offsetof(InterpretedFrame, fp), monitors = 16 * int(scope.monitors.size());
     Assembler a;
-    Word constMethod = At(scope.method->oop, &Method::constMethod);
-    a.Bytes({0x58, 0x49, 0x89, 0xe5}); // pop rax; mov r13, rsp
-    a.SubRsp(InterpreterLocals(scope));
-    a.Bytes({0x50, 0x55, 0x48, 0x89, 0xe5, 0x41, 0x55}); // push rax; push rbp; mov rbp, rsp; push r13
+    a.Emit("58 4989e5"); // pop rax; mov r13, rsp
+    a.Emit(SUB_RSP, 8 * InterpreterLocals(scope));
+    a.Emit("50 55 4889e5 4155"); // push rax; push rbp; mov rbp, rsp; push r13
     FillLocals(&a, scope);
-    a.PushWord(scope.method->oop);
-    a.PushWord(0);
-    a.PushWord(POISON_WORD);                 // the pool's cache
-    a.Bytes({0x49, 0x8d, 0x45, 0xf8, 0x50}); // lea rax, [r13 - 8]; push rax
-    a.PushWord(constMethod + sizeof(ConstMethod) + scope.bci);
-    int fixed = offsetof(InterpretedFrame, fp);
-    a.Bytes({0x48, 0x8d, 0x85}),
-        a.Value(int32_t(-fixed - 16 * int(scope.monitors.size()))); // lea rax, [rbp - n]
-    a.Bytes({0x50});
+    a.Emit(PUSH, scope.method->oop);
+    a.Emit(PUSH, 0);
+    a.Emit(PUSH, POISON_WORD); // the pool's cache
+    a.Emit("498d45f8 50");     // lea rax, [r13 - 8]; push rax
+    a.Emit(PUSH, At(scope.method->oop, &Method::constMethod) + sizeof(ConstMethod) + scope.bci);
+    a.Emit("488d85 d 50", -fixed - monitors); // lea rax, [rbp - n]; push rax
     for (Object *object : scope.monitors) {
-        a.LoadRaxFrom(&object->address);
-        a.Bytes({0x50, 0x6a, 0x00}); // push rax; push 0
+        a.Emit(LOAD_FROM, &object->address);
+        a.Emit("50 6a00"); // push rax; push 0
     }
     body(&a);
-    a.Bytes({0x4c, 0x8b, 0x6d, 0xf8, 0xc9, 0x59, 0x4c, 0x89, 0xec, 0xff, 0xe1}); // leave to the sender's sp
-    return PlaceInterpreted(&a);
+    a.Emit("4c8b6df8 c9 59 4c89ec ffe1"); // mov r13, [rbp - 8]; leave; pop rcx; mov rsp, r13; jmp rcx
+    return PlaceInterpreted(a);
 }
 
-Word EmitNative(const Scope &scope, void (*function)(), Word argument) {
+Word EmitCallingOut(const Scope &scope, void (*function)(), Word argument, ThreadState state) {
     return EmitInterpreted(scope, [&](Assembler *a) {
-        a->Bytes({0x48, 0x83, 0xe4, 0xf0}); // and rsp, -16
-        CallOut(a, function, argument, IN_NATIVE);
+        a->Emit("4883e4f0"); // and rsp, -16
+        CallOut(a, function, argument, state);
     });
 }
 
-} // namespace
-
-// A frame of compiled code. The server compiler saves the frame pointer and uses the register for something
-// else; the client compiler points it at where the old one is saved, which is right below the return address.
-void Enter(Assembler *a, int words, int link) {
-    a->SubRsp(words - 1);
-    a->StoreRbp(link);
-    if (vm.statics.server)
-        a->LoadRbpValue(randomWords());
-    else
-        a->LoadRbpAddress(link);
-}
-void Return(Assembler *a, int words, int link) {
-    a->LoadRbp(link);
-    a->AddRsp(words - 1);
-    a->Bytes({0xc3});
-}
-
-namespace {
-
 // A compiled frame around what `body` emits.
 Word EmitCompiled(const std::vector<Scope> &scopes, const Body &body) {
-    BlobParts parts = {VT_NMETHOD, {}};
+    BlobParts parts = {VT_NMETHOD, ""};
     for (const Scope &scope : scopes)
         parts.words += CompiledSlots(scope);
     parts.words = (parts.words + 3) & ~1;
@@ -220,115 +350,103 @@ Word EmitCompiled(const std::vector<Scope> &scopes, const Body &body) {
         FillSlots(&a, scope, &slot);
     body(&a);
     Return(&a, parts.words, parts.link);
-    parts.code = a.code;
-    return EntryOf(NewBlob(parts));
+    return Finish(parts, a);
 }
 
-// A compiled loop: it counts, stops at safepoints and runs `body` until it is to leave.
+// A compiled loop: it counts, stops at safepoints and runs `callee` until it is to leave.
 void EmitLoop(Assembler *a, Word callee) {
-    size_t loop = a->Here();
-    a->Bytes({0x49, 0xff, 0x46, 0x08}); // inc [r14 + laps]
+    const size_t loop = a->code.size();
+    a->Emit("49ff4608"); // inc [r14 + laps]
     if (callee)
-        a->Call(callee);
-    a->LoadRax(reinterpret_cast<Word>(&safepointAsked));
-    a->Bytes({0x83, 0x38, 0x00}); // cmp [rax], 0
-    size_t on = a->JumpOn(JUMP_EQUAL);
-    a->Call(safepointStub);
+        a->Emit(CALL, callee);
+    a->Emit("48b8 q 833800", &safepointAsked); // cmp [rax], 0
+    const size_t on = a->JumpOn(JUMP_EQUAL);
+    a->Emit(CALL, safepointStub);
     a->Land(on);
-    a->Bytes({0x41, 0x83, 0x3e, 0x00}); // cmp [r14 + leave], 0
+    a->Emit("41833e00"); // cmp [r14 + leave], 0
     a->JumpBack(JUMP_EQUAL, loop);
 }
 
 // A compiled leaf. The server's leaves the frame pointer alone, so that no link is known for it.
-Word EmitLeaf(const Scope &scope, bool loops) {
-    BlobParts parts = {VT_NMETHOD, {}};
-    parts.words = 2;
-    WriteScopes(&parts, {{scope.method,
-                          scope.bci,
-                          nullptr,
-                          {},
-                          CompiledSlots(scope) ? std::vector<Variable>() : scope.variables}});
+Word EmitLeaf(Scope scope, bool loops) {
+    BlobParts parts = {VT_NMETHOD, "", 2};
+    if (CompiledSlots(scope))
+        scope.variables.clear();
+    WriteScopes(&parts, {{scope.method, scope.bci, nullptr, {}, scope.variables}});
     Assembler a;
-    vm.statics.server ? a.SubRsp(1) : Enter(&a, parts.words, 0);
+    vm.statics.server ? a.Emit(SUB_RSP, 8) : Enter(&a, parts.words, 0);
     if (loops)
         EmitLoop(&a, 0);
-    vm.statics.server ? (a.AddRsp(1), a.Bytes({0xc3})) : Return(&a, parts.words, 0);
-    parts.code = a.code;
-    return EntryOf(NewBlob(parts));
+    vm.statics.server ? a.Emit("4881c4 d c3", 8) : Return(&a, parts.words, 0);
+    return Finish(parts, a);
 }
 
 // The last frame, with what its thread does at the end.
 Word EmitResting(Script *script) {
     const Frame &frame = script->frames.back();
     const Scope &scope = frame.scopes.back();
-    auto rest = reinterpret_cast<void (*)()>(&SimvmRest);
-    auto argument = reinterpret_cast<Word>(script);
-    if (frame.kind == FrameKind::NATIVE)
-        return EmitNative(scope, rest, argument);
-    if (frame.kind == FrameKind::INTERPRETED)
-        return EmitInterpreted(scope, [&](Assembler *a) {
-            a->Bytes({0x48, 0x83, 0xe4, 0xf0});
-            CallOut(a, rest, argument, IN_VM);
-        });
+    const auto rest = reinterpret_cast<void (*)()>(&SimvmRest);
+    if (!IsCompiled(frame.kind))
+        return EmitCallingOut(scope, rest, 0, frame.kind == FrameKind::NATIVE ? IN_NATIVE : IN_VM);
     if (script->rest == Rest::SPIN && frame.scopes.size() == 1 && CompiledSlots(scope) == 0 && !frame.callee)
         return EmitLeaf(scope, true);
-    Word callee = script->rest == Rest::SPIN ? frame.callee
-                  : script->rest == Rest::CALLS
-                      ? EmitCompiled({scope}, [&](Assembler *a) { a->Call(EmitLeaf(scope, false)); })
-                      : EmitRuntimeStub(rest, argument);
-    bool loops = Loops(script->rest);
-    return EmitCompiled(frame.scopes, [&](Assembler *a) { loops ? EmitLoop(a, callee) : a->Call(callee); });
+    const Word callee =
+        script->rest == Rest::SPIN ? frame.callee
+        : script->rest == Rest::CALLS
+            ? EmitCompiled({scope}, [&](Assembler *a) { a->Emit(CALL, EmitLeaf(scope, false)); })
+            : EmitRuntimeStub(rest, 0);
+    return EmitCompiled(frame.scopes, [&](Assembler *a) {
+        Loops(script->rest) ? EmitLoop(a, callee) : a->Emit(CALL, callee);
+    });
 }
 
-// Where `caller` goes to reach that frame: by an adapter when the two are of different kinds.
+// How `caller` calls the frame at that entry: by an adapter when the two are of different kinds.
 Word Reach(FrameKind caller, FrameKind callee, Word entry) {
     if (callee == FrameKind::OSR)
         return EmitOsrAdapter(entry);
     if (IsCompiled(caller) == IsCompiled(callee))
         return entry;
-    return IsCompiled(callee) ? EmitI2C(entry) : EmitC2I(entry);
+    return IsCompiled(callee) ? EmitI2C(entry)
+                              : EmitStub(VT_C2I, 6, [&](Assembler *a) { a->Emit(CALL, entry); });
 }
 
 // A second place for the frame's code; its thread's safepoint record tells of it.
 Word CopyCode(Script *script, Word entry) {
-    Word blob = BlobOf(entry), state = Allocate(sizeof(SafepointState)), record = Allocate(sizeof(CodeCopy));
-    int32_t size = As<Blob>(blob).oopsOffset - As<Blob>(blob).codeOffset;
-    Word copy = Map(4096, true, PROT_EXEC);
-    memcpy(&As<char>(copy), &As<char>(entry), size);
-    As<CodeCopy>(record).start = copy;
-    At(record, &CodeCopy::size) = size;
-    At(record, &CodeCopy::realStart) = entry;
+    const Word blob = BlobOf(entry), state = Allocate(sizeof(SafepointState)),
+               record = Allocate(sizeof(CodeCopy)), copy = Map(4096, true, PROT_EXEC);
+    const int32_t size = As<Blob>(blob).oopsOffset - As<Blob>(blob).codeOffset;
+    Copy(copy, {&As<char>(entry), size_t(size)});
+    As<CodeCopy>(record) = {copy, size, 0, POISON_WORD, entry};
     As<SafepointState>(state).codeCopy = record;
     script->safepointState = state;
     return copy;
 }
 
+Word EmitCaller(const Frame &frame, FrameKind callee, Word entry) {
+    if (frame.kind == FrameKind::NATIVE)
+        return EmitCallingOut(frame.scopes[0], reinterpret_cast<void (*)()>(&SimvmEnter), entry, IN_NATIVE);
+    const Word target = Reach(frame.kind, callee, entry);
+    const auto call = [&](Assembler *a) { a->Emit(CALL, target); };
+    if (frame.kind == FrameKind::STUB)
+        return vm.statics.server ? EmitBareStub(target) : EmitStub(VT_RUNTIME_STUB, 4, call);
+    return IsCompiled(frame.kind) ? EmitCompiled(frame.scopes, call) : EmitInterpreted(frame.scopes[0], call);
+}
+
 } // namespace
 
 void EmitScript(Script *script) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
-    for (const Frame &frame : script->frames)
+    const Locked held(vm.lock);
+    const std::vector<Frame> &frames = script->frames;
+    for (const Frame &frame : frames)
         for (const Scope &scope : frame.scopes)
             NoteLocals(scope, frame.kind);
-    Word entry = EmitResting(script);
-    for (size_t i = script->frames.size(); i-- > 0;) {
-        if (script->frames[i].inCopy)
-            entry = CopyCode(script, entry);
-        if (i == 0)
-            break;
-        const Frame &caller = script->frames[i - 1];
-        if (caller.kind == FrameKind::NATIVE) {
-            entry = EmitNative(caller.scopes[0], reinterpret_cast<void (*)()>(&SimvmEnter), entry);
-            continue;
-        }
-        Word target = Reach(caller.kind, script->frames[i].kind, entry);
-        auto call = [&](Assembler *a) { a->Call(target); };
-        entry = caller.kind == FrameKind::STUB
-                    ? (vm.statics.server ? EmitBareStub(target) : EmitStub(VT_RUNTIME_STUB, 4, call))
-                : IsCompiled(caller.kind) ? EmitCompiled(caller.scopes, call)
-                                          : EmitInterpreted(caller.scopes[0], call);
+    script->entry = EmitResting(script);
+    for (size_t i = frames.size(); i-- > 0;) {
+        if (frames[i].inCopy)
+            script->entry = CopyCode(script, script->entry);
+        if (i > 0)
+            script->entry = EmitCaller(frames[i - 1], frames[i].kind, script->entry);
     }
-    script->entry = entry;
 }
 
 std::vector<Scope> ShadowStack(const Script &script) {
@@ -344,10 +462,6 @@ int32_t LineOf(const Scope &scope) {
         if (entry.bci <= scope.bci)
             line = entry.line;
     return scope.method->flags & METHOD_NATIVE ? -1 : line;
-}
-
-void CallJava(Word entry, Word wrapper, Word thread, Control *control) {
-    reinterpret_cast<void (*)(Word, Word, Word, Control *)>(callStub)(entry, wrapper, thread, control);
 }
 
 } // namespace simvm

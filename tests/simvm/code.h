@@ -63,7 +63,7 @@ struct Script {
     Word safepointState = 0;                       // of the thread, when a frame runs in a copy
 };
 
-// Emits the script's code. The script stays where it is and isn't changed afterwards.
+// Emits the script's code. The script isn't changed afterwards.
 void EmitScript(Script *script);
 // The frames that a walk from the resting place finds, innermost first.
 std::vector<Scope> ShadowStack(const Script &script);
@@ -71,7 +71,7 @@ int32_t LineOf(const Scope &scope); // -1: none
 
 // Called by emitted code with the thread's JavaThread: a rest, a second call into Java, a stop at a
 // safepoint.
-extern "C" void SimvmRest(Word thread, Script *script);
+extern "C" void SimvmRest(Word thread);
 extern "C" void SimvmEnter(Word thread, Word entry);
 extern "C" void SimvmSafepoint(Word thread);
 
@@ -82,8 +82,6 @@ struct Control {
 };
 extern int32_t safepointAsked;
 
-// Runs Java code from the call stub on; wrapper as layout.h has it.
-void CallJava(Word entry, Word wrapper, Word thread, Control *control);
 // Code that isn't the VM's, with a frame pointer: it counts to a million.
 Word EmitLinked();
 // The code blob around an address, for tests that spoil it: 0 if there is none.
@@ -91,62 +89,36 @@ Word BlobOf(Word pc);
 // The blobs' tables of oops, each from its first word to the end.
 const std::vector<std::pair<Word, Word>> &OopTables();
 
-// As much of x86-64 as simulated frames need. r15: JavaThread, r14: Control.
+// ---- emitting: code.cpp, locals.cpp
 
+// Machine code, by bytes in hexadecimal: q stands for the next value as a word, d for its lower half. r15:
+// JavaThread, r14: Control.
 struct Assembler {
     std::string code;
     size_t pcAt = 0,
            pc = 0; // where the absolute address of a place in the code goes, and that place; 0: nowhere
 
-    void Bytes(std::initializer_list<int> bytes) {
-        for (int byte : bytes)
-            code.push_back(char(byte));
+    template <class... T>
+    void Emit(const char *text, T... values) {
+        EmitWords(text, {Word(values)...});
     }
-    template <class T>
-    void Value(T value) {
-        code.append(reinterpret_cast<char *>(&value), sizeof value);
-    }
-    size_t Here() const { return code.size(); }
-
-    void LoadRax(Word value) { Bytes({0x48, 0xb8}), Value(value); }
-    void PushWord(Word value) { LoadRax(value), Bytes({0x50}); }
-    void LoadRaxFrom(const void *cell) { // the word there when it runs
-        LoadRax(reinterpret_cast<Word>(cell)), Bytes({0x48, 0x8b, 0x00});
-    }
-    void Call(Word target) { LoadRax(target), Bytes({0xff, 0xd0}); }
-    void SubRsp(int words) { Bytes({0x48, 0x81, 0xec}), Value(int32_t(8 * words)); }
-    void AddRsp(int words) { Bytes({0x48, 0x81, 0xc4}), Value(int32_t(8 * words)); }
-    void StoreRax(int slot) { Bytes({0x48, 0x89, 0x84, 0x24}), Value(int32_t(8 * slot)); } // [rsp + slot]
-    void StoreRbp(int slot) { Bytes({0x48, 0x89, 0xac, 0x24}), Value(int32_t(8 * slot)); }
-    void LoadRbp(int slot) { Bytes({0x48, 0x8b, 0xac, 0x24}), Value(int32_t(8 * slot)); }
-    void LoadRbpValue(Word value) { Bytes({0x48, 0xbd}), Value(value); }
-
-    void LoadRbpAddress(int slot) { Bytes({0x48, 0x8d, 0xac, 0x24}), Value(int32_t(8 * slot)); }
-
-    // Members of the JavaThread.
-    void StoreRaxInThread(size_t place) { Bytes({0x49, 0x89, 0x87}), Value(int32_t(place)); }
-    void StoreRbpInThread(size_t place) { Bytes({0x49, 0x89, 0xaf}), Value(int32_t(place)); }
-    void StoreWordInThread(size_t place, int32_t value) {
-        Bytes({0x49, 0xc7, 0x87}), Value(int32_t(place)), Value(value);
-    }
-    void StoreIntInThread(size_t place, int32_t value) {
-        Bytes({0x41, 0xc7, 0x87}), Value(int32_t(place)), Value(value);
-    }
-
+    void EmitWords(const char *text, const std::vector<Word> &values);
     // A short jump back to a place, or on to one that Land fixes.
-    void JumpBack(int opcode, size_t to) { Bytes({opcode, int(to) - int(Here()) - 2}); }
-    size_t JumpOn(int opcode) { return Bytes({opcode, 0}), Here(); }
-    void Land(size_t jump) { code[jump - 1] = char(Here() - jump); }
+    void JumpBack(int opcode, size_t to);
+    size_t JumpOn(int opcode);
+    void Land(size_t jump) { code[jump - 1] = char(code.size() - jump); }
 };
 
-constexpr int JUMP = 0xeb, JUMP_EQUAL = 0x74, JUMP_UNEQUAL = 0x75;
-
-// What the emitters of code share: blobs, the interpreter's room, calls out of Java.
+constexpr int JUMP_EQUAL = 0x74, JUMP_UNEQUAL = 0x75;
+constexpr char CALL[] = "48b8 q ffd0", LOAD[] = "48b8 q", // rax
+    LOAD_FROM[] = "48b8 q 488b00",                        // rax: the word in that cell when it runs
+    SUB_RSP[] = "4881ec d", ADD_RSP[] = "4881c4 d",       // bytes
+    STORE_RAX[] = "48898424 d", STORE_RBP[] = "4889ac24 d", LOAD_RBP[] = "488bac24 d"; // [rsp + d]
 
 using Body = std::function<void(Assembler *)>;
 
 extern std::mt19937_64 randomWords;
-extern Word callStub, safepointStub;
+extern Word callStub;
 
 struct BlobParts {
     VtableKind kind;
@@ -157,29 +129,9 @@ struct BlobParts {
     int32_t scope = 0;       // the innermost
     Word oopMaps = 0;
 };
-
-// code_cache.cpp
 Word NewBlob(const BlobParts &parts);
 Word EntryOf(Word blob);
-// A blob of code in which a place of the code itself was left open.
-Word FinishBlob(BlobParts *parts, Assembler *a);
-Word PlaceInterpreted(Assembler *a);
 
-// code.cpp
-void CallOut(Assembler *a, void (*function)(), Word argument, ThreadState state);
-void Enter(Assembler *a, int words, int link);
-void Return(Assembler *a, int words, int link);
-
-// stubs.cpp
-Word EmitI2C(Word target);
-Word EmitC2I(Word target);
-Word EmitOsrAdapter(Word target);
-Word EmitStub(VtableKind kind, int words, const Body &body);
-Word EmitBareStub(Word target); // leaves the frame pointer alone
-Word EmitRuntimeStub(void (*function)(), Word argument);
-void EmitCallStub();
-
-// locals.cpp
 int CompiledSlots(const Scope &scope); // words of the frame that it needs
 void FillSlots(Assembler *a, const Scope &scope, int *slot);
 void WriteScopes(BlobParts *parts, const std::vector<Scope> &scopes);

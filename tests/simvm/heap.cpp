@@ -1,6 +1,7 @@
 // The heap as memory: generations, spaces, and how room in them is taken.
 #include "simvm.h"
 
+#include <array>
 #include <random>
 #include <sstream>
 #include <sys/mman.h>
@@ -9,66 +10,59 @@ namespace simvm {
 
 namespace {
 
-constexpr size_t MB = 1 << 20;
 constexpr Word PAGE = 4096;
 
 template <class S>
-Word NewSpace(HeapSpace *space, char letter, size_t bytes) {
-    space->letter = letter;
-    space->bottom = space->top = Map(bytes + PAGE, true);
-    space->end = space->bottom + bytes;
+Word NewSpace(HeapSpace *space, char letter, size_t megabytes) {
+    const size_t bytes = megabytes << 20;
+    const Word bottom = Map(bytes + PAGE, true), structure = Allocate(sizeof(S));
+    *space = {letter, structure, bottom, bottom, bottom + bytes, Map(bytes / 2, false), 0, 0};
     mprotect(reinterpret_cast<void *>(space->end), PAGE, PROT_NONE);
-    space->sizes = Map(bytes / 2, false);
-    space->structure = Allocate(sizeof(S));
-    At(space->structure, &S::bottom) = space->bottom;
-    At(space->structure, &S::end) = space->end;
-    At(space->structure, &S::top) = space->top;
-    return space->structure;
+    At(structure, &S::bottom) = At(structure, &S::top) = bottom;
+    At(structure, &S::end) = space->end;
+    return structure;
 }
 
 // The young generation's spaces.
 template <class GENERATION, class SPACE>
 Word NewYoung() {
     const Word young = Allocate(sizeof(GENERATION));
-    At(young, &GENERATION::eden) = NewSpace<SPACE>(&vm.eden, 'E', 4 * MB);
-    At(young, &GENERATION::from) = NewSpace<SPACE>(&vm.from, 'F', MB);
-    At(young, &GENERATION::to) = NewSpace<SPACE>(&vm.to, 'T', MB);
+    At(young, &GENERATION::eden) = NewSpace<SPACE>(&vm.eden, 'E', 4);
+    At(young, &GENERATION::from) = NewSpace<SPACE>(&vm.from, 'F', 1);
+    At(young, &GENERATION::to) = NewSpace<SPACE>(&vm.to, 'T', 1);
     return young;
 }
 
-// A generation of one space.
+// A generation of one space. What the concurrent collector's says of its top means nothing.
 template <class GENERATION, class SPACE>
-Word NewGeneration(HeapSpace *space, char letter, size_t bytes) {
+Word NewGeneration(HeapSpace *space, char letter, size_t megabytes,
+                   Word GENERATION::*member = &GENERATION::space) {
     const Word generation = Allocate(sizeof(GENERATION));
-    At(generation, &GENERATION::space) = NewSpace<SPACE>(space, letter, bytes);
+    At(generation, member) = NewSpace<SPACE>(space, letter, megabytes);
     return generation;
 }
 
-Word NewConcurrent(HeapSpace *space, char letter, size_t bytes) {
-    const Word generation = Allocate(sizeof(Generation)),
-               structure = NewSpace<FreeListSpace>(space, letter, bytes);
-    At(structure, &FreeListSpace::top) = space->bottom; // what it says means nothing
-    At(structure, &FreeListSpace::indexedFreeWords) = 0;
-    At(structure, &FreeListSpace::dictionary) = Allocate(sizeof(FreeListDictionary));
-    At(generation, &Generation::cmsSpace) = structure;
+Word NewSerial(HeapSpace *space, char letter, size_t megabytes) {
+    if (vm.options.collector != Collector::CONCURRENT)
+        return NewGeneration<Generation, Space>(space, letter, megabytes);
+    const Word generation = NewGeneration<Generation, FreeListSpace>(space, letter == 'O' ? 'C' : letter,
+                                                                     megabytes, &Generation::cmsSpace);
+    At(space->structure, &FreeListSpace::indexedFreeWords) = 0;
+    At(space->structure, &FreeListSpace::dictionary) = Allocate(sizeof(FreeListDictionary));
     return generation;
-}
-
-void LayOutParallel() {
-    *vm.statics.psPerm = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.perm, 'P', 16 * MB);
-    *vm.statics.psOld = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.old, 'O', 8 * MB);
-    *vm.statics.psYoung = NewYoung<ParallelGeneration, ParallelSpace>();
 }
 
 void LayOutGenerations() {
-    const bool concurrent = vm.options.collector == Collector::CONCURRENT;
-    const Word holder = Allocate(sizeof(PermGenerations));
-    At(vm.heap, &CollectedHeap::perm) = holder;
-    At(holder, &PermGenerations::generation) = concurrent
-                                                   ? NewConcurrent(&vm.perm, 'P', 16 * MB)
-                                                   : NewGeneration<Generation, Space>(&vm.perm, 'P', 16 * MB);
-    At(vm.heap, &CollectedHeap::old) = concurrent ? NewConcurrent(&vm.old, 'C', 8 * MB)
-                                                  : NewGeneration<Generation, Space>(&vm.old, 'O', 8 * MB);
+    constexpr size_t PERM = 16, OLD = 8;
+    if (vm.options.collector == Collector::PARALLEL) {
+        *vm.statics.psPerm = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.perm, 'P', PERM);
+        *vm.statics.psOld = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.old, 'O', OLD);
+        *vm.statics.psYoung = NewYoung<ParallelGeneration, ParallelSpace>();
+        return;
+    }
+    const Word holder = At(vm.heap, &CollectedHeap::perm) = Allocate(sizeof(PermGenerations));
+    At(holder, &PermGenerations::generation) = NewSerial(&vm.perm, 'P', PERM);
+    At(vm.heap, &CollectedHeap::old) = NewSerial(&vm.old, 'O', OLD);
     At(vm.heap, &CollectedHeap::young) = NewYoung<YoungGeneration, Space>();
 }
 
@@ -83,10 +77,7 @@ void LayOutHeap() {
     vm.heap = Allocate(sizeof(CollectedHeap));
     *vm.statics.collectedHeap = vm.heap;
     At(vm.heap, &CollectedHeap::collecting) = 0;
-    if (vm.options.collector == Collector::PARALLEL)
-        LayOutParallel();
-    else
-        LayOutGenerations();
+    LayOutGenerations();
     *vm.statics.useParallel = Flag(vm.options.collector == Collector::PARALLEL);
     *vm.statics.useConcurrent = Flag(vm.options.collector == Collector::CONCURRENT);
     const HeapFlags &flags = vm.options.flags;
@@ -99,15 +90,19 @@ void LayOutHeap() {
     SetCollections({});
 }
 
+std::array<HeapSpace *, 5> Spaces() {
+    return {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to};
+}
+
 HeapSpace &SpaceOf(char letter) {
-    for (HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to})
+    for (HeapSpace *space : Spaces())
         if (space->letter == letter || (letter == 'O' && space == &vm.old))
             return *space;
     Fail("no such space");
 }
 
 Word AllocateObject(HeapSpace *space, int64_t bytes) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     Word at = space->top;
     SetTop(space, at + ((bytes + 7) & ~7));
     SizeAt(*space, at) = uint32_t((bytes + 7) / 8);
@@ -120,7 +115,7 @@ bool HasFreeLists(const HeapSpace &space) {
 }
 
 int64_t WordsOf(Word oop) {
-    for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to})
+    for (const HeapSpace *space : Spaces())
         if (oop >= space->bottom && oop < space->end)
             return SizeAt(*space, oop);
     return 0;
@@ -144,13 +139,18 @@ void SetTop(HeapSpace *space, Word top) {
     else if (!HasFreeLists(*space))
         At(space->structure, &Space::top) = top;
     else { // the rest is one chunk
-        Word rest = (space->end - top) / 8, dictionary = At(space->structure, &FreeListSpace::dictionary);
-        if (rest >= SMALLEST_CHUNK)
+        const Word rest = FreeAbove(*space), dictionary = At(space->structure, &FreeListSpace::dictionary);
+        if (rest)
             WriteChunk(top, rest);
-        At(dictionary, &FreeListDictionary::freeWords) =
-            space->chunkWords + (rest >= SMALLEST_CHUNK ? rest : 0);
+        At(dictionary, &FreeListDictionary::freeWords) = space->chunkWords + rest;
         At(space->structure, &FreeListSpace::indexedFreeWords) = space->indexedWords;
     }
+}
+
+Word FreeAbove(const HeapSpace &space) {
+    constexpr Word SMALLEST_CHUNK = 3; // in words, with its link and size
+    const Word rest = (space.end - space.top) / 8;
+    return rest < SMALLEST_CHUNK ? 0 : rest;
 }
 
 void SetCollections(const CollectionFigures &figures) {
@@ -194,43 +194,32 @@ Object *AnyMade() {
 // ---- objects
 // -----------------------------------------------------------------------------------------------
 
-void DefineClasses() {
-    for (const char *line :
-         {"heap/Item next,Lheap/Item; size,I price,D tag,B",
-          "heap/Special < heap/Item first,Lheap/Item; all,[Ljava/lang/Object; on,Z", "heap/Empty"})
-        DefineClass(line);
-}
-
 Object *NewItem(char space) {
     static const char *const NAMES[] = {"heap/Item", "heap/Special", "heap/Empty"};
-    Object *item = NewObject(NAMES[random() % 3], space);
-    if (item->bytes > int64_t(sizeof(Oop))) {
-        Set(item, "size", int32_t(random()));
-        Set(item, "price", random() / 7.0);
-        Set(item, "next", AnyMade());
-    }
-    if (item->type->name == "heap/Special")
-        Set(item, "first", AnyMade());
-    return item;
+    const std::string name = NAMES[random() % 3];
+    Fields fields;
+    if (name != "heap/Empty")
+        fields = {{"size", int32_t(random())}, {"price", random() / 7.0}, {"next", AnyMade()}};
+    if (name == "heap/Special")
+        fields.push_back({"first", AnyMade()});
+    return New(name, fields, space);
 }
 
 Object *NewAnyArray(char space) {
     static const char *const SIGNATURES[] = {"[Z", "[B", "[C",  "[S",  "[I",
                                              "[J", "[D", "[[I", "[[J", "[Ljava/lang/Object;"};
-    std::string signature = SIGNATURES[random() % 10];
-    int32_t length = random() % 3 ? random() % 40 : 0;
-    Object *array = NewArray(signature, length, space);
-    for (int32_t i = 0; i < length; i++)
-        if (signature[1] == 'L' || signature[1] == '[')
-            SetElement(array, i, random() % 4 ? AnyMade() : nullptr);
-        else
-            SetElement(array, i, int64_t(random()) << 20);
-    return array;
+    const std::string signature = SIGNATURES[random() % 10];
+    std::vector<Value> values(random() % 3 ? random() % 40 : 0);
+    for (Value &value : values)
+        value = signature[1] != 'L' && signature[1] != '[' ? Value(int64_t(random()) << 20)
+                : random() % 4                             ? AnyMade()
+                                                           : nullptr;
+    return NewArray(signature, values, space);
 }
 
 void AddObjects(HeapSpace *space, int64_t count) {
     for (; count > 0; count--) {
-        unsigned kind = random() % 5;
+        const unsigned kind = random() % 5;
         made.push_back(kind < 2    ? NewItem(space->letter)
                        : kind == 2 ? NewString("text " + std::to_string(random()), space->letter)
                                    : NewAnyArray(space->letter));
@@ -251,15 +240,12 @@ void AddOddArray(HeapSpace *space, int64_t length) {
 }
 
 void AddVmKinds(HeapSpace *space, int64_t) {
-    for (auto &[kind, bytes] : {std::pair<VtableKind, int64_t>{VT_POOL_CACHE, 64},
-                                {VT_IC_HOLDER, 40},
-                                {VT_METHOD_DATA, 120},
-                                {VT_ARRAY_KLASS_KLASS, int64_t(sizeof(Klass))}}) {
-        Word at = AllocateObject(space, bytes);
+    for (const VtableKind kind : {VT_POOL_CACHE, VT_IC_HOLDER, VT_METHOD_DATA, VT_ARRAY_KLASS_KLASS}) {
+        const Word at = AllocateObject(space, sizeof(Klass) + 8 * kind);
         As<Oop>(at) = {UNMARKED, vm.kindKlass[kind]};
         if (kind != VT_ARRAY_KLASS_KLASS)
             continue;
-        At(at, &Klass::vtable) = reinterpret_cast<Word>(vm.statics.vtables[VT_ARRAY]) + VTABLE_HEAD;
+        At(at, &Klass::vtable) = HeadOf(VT_ARRAY);
         At(at, &Klass::name) = Intern("heap/AnyArray");
     }
     for (const char *text : {"", "a|b", "two\nlines", "caf\xc3\xa9\x01\x7f~"})
@@ -283,14 +269,8 @@ void AddLink(HeapSpace *space, int64_t bytes) {
 }
 
 void AddHalfArray(HeapSpace *space, int64_t bytes) {
-    Word at = AddGap(space, bytes, 0);
-    Word klass = ArrayClass("[J")->klass;
+    const Word klass = ArrayClass("[J")->klass, at = AddGap(space, bytes, 0);
     As<JavaArray>(at) = {UNMARKED, klass, random() % 2 ? INT32_MIN : 1 << 29, 0};
-}
-
-void AddForwarded(HeapSpace *space, int64_t) {
-    made.push_back(NewString("forwarded", space->letter));
-    As<Oop>(made.back()->address).mark = AnyMade()->address | 3;
 }
 
 void AddChunk(HeapSpace *space, int64_t words) {
@@ -329,7 +309,6 @@ const std::map<std::string, Adder> ADDERS = {
     {"no-klass", [](HeapSpace *space, int64_t bytes) { As<Word>(AddGap(space, bytes, 0)) = UNMARKED; }},
     {"link", AddLink},
     {"half-array", AddHalfArray},
-    {"forwarded", AddForwarded},
     {"odd-array", AddOddArray},
     {"vm-kinds", AddVmKinds},
     {"across", AddAcross},
@@ -340,12 +319,13 @@ const std::map<std::string, Adder> ADDERS = {
 } // namespace
 
 void FillHeap(const char *pieces, uint32_t seed) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     random.seed(seed);
-    made = {NewObject("java/lang/Object", 'O')};
-    DefineClasses();
-    for (const char *signature : {"[B", "[J"})
-        ArrayClass(signature);
+    made = {New("java/lang/Object", {}, 'O')};
+    for (const char *line :
+         {"heap/Item next,Lheap/Item; size,I price,D tag,B",
+          "heap/Special < heap/Item first,Lheap/Item; all,[Ljava/lang/Object; on,Z", "heap/Empty"})
+        DefineClass(line);
     std::istringstream words(pieces);
     int64_t amount;
     char letter;
@@ -363,9 +343,9 @@ P wrong-chunk 0    P objects 20      P no-klass 64   P chunk 256                
 P vm-kinds 0       O chunk 4         O chunk 257     O objects 300                    O wrong-chunk 1
 O objects 5        O wrong-chunk -1  O wrong-chunk -2  O objects 5                    O wrong-chunk 2305843009213693960
 O chunk 30         O wrong-chunk 0   O objects 5     O half-array 48                  O odd-array 2
-O odd-array 1      O forwarded 0     O link 24       O objects 200                    O across 40
+O odd-array 1      O link 24         O objects 200   O across 40
 E stale 8          E objects 300     E stale 4096    E objects 2                      E no-klass 128
-E stale 64         E forwarded 0     E link 56       E odd-array 3                    E half-array 24
+E stale 64         E link 56         E odd-array 3   E half-array 24
 E objects 300      E half-array 80
 )";
 const char FULL_HEAP[] = R"(

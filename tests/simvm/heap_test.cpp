@@ -27,10 +27,6 @@ namespace {
 
 const std::string FD = "\x1d", RC = "\x1e", SC = "\x1f"; // ends of fields, records and sections
 
-std::string Untimed(const std::string &reply) {
-    return reply.substr(0, reply.find("Time spent in JVM"));
-}
-
 std::string UsageText() {
     std::string text = "JVM Memory Usage" + RC;
     for (const SpaceUse &use : UseOfSpaces()) {
@@ -124,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(Simvm, Heap, testing::ValuesIn(HEAP_CASES));
 // A from space that has changed place is found without another start.
 TEST(HeapUse, FollowsTheFromSpaceAndIsToldWithEachRefusal) {
     WithScene("nothing", {}, [](Scene &) {
-        NewObject("java/lang/Object", 'F');
+        New("java/lang/Object", {}, 'F');
         Collect();
         EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
         auto &collecting = At(vm.heap, &CollectedHeap::collecting);

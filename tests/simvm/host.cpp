@@ -1,10 +1,9 @@
 // A simulated VM as a process: it opens libqoragent.so, starts it as Java would, and relays requests from
 // qorctl, so that qorctl works on it as on a JVM.
 //
-// usage: simvm_host [--scene NAME] [--version 1.5.0_22] [--client] [--collector serial|parallel|cms]
-//                   [--server WORD] [--log LEVEL] [--truth] [--agent PATH] [--libjvm PATH] [--ask TEXT]...
-// With --truth it prints what there is to show of each thread (and of the scene's heap), with --ask it prints
-// the replies and ends, else it relays until SHUTDOWN. Its status is that of the start.
+// usage: simvm_host [--scene NAME] [--vm WORDS] [--truth] [--agent PATH] [--libjvm PATH]
+// With --truth it prints what there is to show of each thread (and of the scene's heap). WORDS are as On has
+// them, "17 client cms" say. It relays until SHUTDOWN. Its status is that of the start.
 #include "scenes.h"
 #include "simvm.h"
 #include "truth.h"
@@ -24,22 +23,14 @@ constexpr size_t MAX_REQUEST = 20480;
 const char END_MARK[] = "|\t|\t\t||";
 
 std::map<std::string, std::string> options = {
-    {"--scene", "shop"},       {"--version", "1.5.0_22"}, {"--client", ""},
-    {"--collector", "serial"}, {"--server", ""},          {"--log", "1"},
-    {"--truth", ""},           {"--agent", SIMVM_AGENT},  {"--libjvm", ""}};
-std::vector<std::string> asks;
+    {"--scene", "shop"}, {"--vm", "22"}, {"--truth", ""}, {"--agent", SIMVM_AGENT}, {"--libjvm", ""}};
 
 void ReadOptions(int count, char **words) {
     for (int i = 1; i < count; i++) {
         const std::string name = words[i];
-        if (name == "--client" || name == "--truth")
-            options[name] = "client";
-        else if (++i < count && name == "--ask")
-            asks.emplace_back(words[i]);
-        else if (i < count && options.count(name))
-            options[name] = words[i];
-        else
+        if (!options.count(name) || (name != "--truth" && ++i == count))
             Fail("see the head of host.cpp");
+        options[name] = words[i];
     }
 }
 
@@ -103,18 +94,15 @@ int RunAgent() {
     void *library = dlopen(options["--agent"].c_str(), RTLD_NOW);
     Find(library, "Java_qoragent_Agent_initvar", &natives.initvar);
     Find(library, "Java_qoragent_Agent_dataFromNative", &natives.dataFromNative);
-    const int status =
-        StartAgent({options["--server"], "simvm", 2, stoi(options["--log"]), {1, 1, 4096, 50}});
+    const int status = StartAgent({"", "simvm", 2, 1, {1, 1, 4096, 50}});
     if (!options["--truth"].empty() && options["--scene"] == "heap")
         puts(HeapLine().c_str());
     printf("initvar: %d\n", status);
     fflush(stdout);
-    for (const std::string &ask : asks)
-        printf("%s\n", Ask(ask).c_str());
-    if (asks.empty() && !status)
-        Relay();
-    else
+    if (status)
         Ask("SHUTDOWN");
+    else
+        Relay();
     return status;
 }
 
@@ -122,8 +110,7 @@ int RunAgent() {
 
 int main(int count, char **words) {
     ReadOptions(count, words);
-    Options of =
-        On(options["--version"].substr(6) + " " + options["--client"] + " " + options["--collector"]);
+    Options of = On(options["--vm"]);
     of.library = options["--libjvm"];
     Boot(of);
     Scene scene;
@@ -131,10 +118,8 @@ int main(int count, char **words) {
     for (const Runner *runner : scene.runners)
         if (!options["--truth"].empty())
             puts(TruthLine(*runner).c_str());
-    Script main = MainScript();
-    EmitScript(&main);
     int status = 0;
-    RunHere("main", &main, [&] { status = RunAgent(); });
+    RunAsMain([&] { status = RunAgent(); });
     EndScene(&scene);
     return status;
 }

@@ -1,12 +1,11 @@
 // JNI as the direct road may use it: what start-up, replies and the agent's Java side need, as Java code on
 // the caller's thread has it. Each other slot ends the process with its number, as nothing is to be asked of
-// the VM; so does a call on another thread than the environment's. Texts and arrays are kept beside the heap.
+// the VM; so does a call on another thread than the environment's. References are described objects and
+// classes; texts and the arrays made here are kept beside the heap.
 #include "simvm.h"
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
@@ -18,30 +17,12 @@ namespace {
 JNINativeInterface_ table;
 JNIInvokeInterface_ invocation;
 JavaVM_ javaVm;
-
-struct Beside {
-    std::string text; // or bytes
-    std::vector<Object *> objects;
-    std::vector<std::string> texts;
-    std::vector<jlong> numbers;
-};
-std::vector<Beside *> locals;                   // used by one thread at a time
-std::vector<std::pair<int32_t, size_t>> frames; // handles and locals when each was pushed
 std::function<std::string(const JavaCall &)> javaSide;
-
-const char *const METHODS[] = {"currentThread()Ljava/lang/Thread;",
-                               "getThreadGroup()Ljava/lang/ThreadGroup;",
-                               "getParent()Ljava/lang/ThreadGroup;",
-                               "activeCount()I",
-                               "enumerate([Ljava/lang/Thread;)I",
-                               "cjavacalls([Ljava/lang/Object;[J[Ljava/lang/String;III)Ljava/lang/String;",
-                               "<init>([BI)V"}; // of String: long replies go over as bytes
-enum Method { CURRENT_THREAD, THREAD_GROUP, PARENT, ACTIVE_COUNT, ENUMERATE, JAVA_CALLS, STRING_OF_BYTES };
+thread_local std::deque<Object> locals;
 
 template <int SLOT>
 void Unasked() {
-    fprintf(stderr, "simvm: JNI function %d was called\n", SLOT);
-    abort();
+    Fail(("JNI function " + std::to_string(SLOT) + " was called").c_str());
 }
 template <class TABLE, int... SLOT>
 void FillTable(TABLE *out, std::integer_sequence<int, SLOT...>) {
@@ -50,7 +31,7 @@ void FillTable(TABLE *out, std::integer_sequence<int, SLOT...>) {
 
 // The calling thread's description; ends the process when the environment is another thread's.
 ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
-    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     for (ThreadInfo *thread : vm.threads)
         if (EnvOf(thread) == env && thread->kernelId == syscall(SYS_gettid)) {
             if (thread->exceptionPending && !mayHaveException)
@@ -60,240 +41,171 @@ ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
     Fail("JNI was called with an environment that isn't the thread's");
 }
 
-// A function of the table, which gets its caller.
+using Method = Word (*)(ThreadInfo *caller, va_list arguments);
+
+// What a reference or an id stands for.
+template <class T>
+auto Described(T argument) {
+    if constexpr (std::is_same_v<T, jclass>)
+        return reinterpret_cast<Class *>(argument);
+    else if constexpr (std::is_convertible_v<T, jobject>)
+        return reinterpret_cast<Object *>(argument);
+    else if constexpr (std::is_same_v<T, jfieldID>)
+        return reinterpret_cast<const Field *>(argument);
+    else if constexpr (std::is_same_v<T, jmethodID>)
+        return *reinterpret_cast<const Method *>(argument);
+    else
+        return argument;
+}
+
+// A function of the table, which gets its caller and the descriptions of its arguments.
 template <bool WITH_EXCEPTION = false, class BODY, class RESULT, class... ARGUMENTS>
 void Fill(RESULT (*&slot)(JNIEnv *, ARGUMENTS...), BODY function) {
     static const BODY body = function;
     slot = [](JNIEnv *env, ARGUMENTS... arguments) -> RESULT {
-        return RESULT(body(Caller(env, WITH_EXCEPTION), arguments...));
+        return RESULT(body(Caller(env, WITH_EXCEPTION), Described(arguments)...));
     };
 }
 
-bool IsBeside(jobject reference) {
-    return std::count(locals.begin(), locals.end(), reinterpret_cast<Beside *>(reference)) != 0;
-}
-Beside *ArrayOf(jobject reference) {
-    return IsBeside(reference) ? reinterpret_cast<Beside *>(reference)
-                               : (Fail("JNI was called with something else than an array"), nullptr);
-}
-template <class T = jobject>
-T NewBeside(Beside made) {
-    locals.push_back(new Beside(std::move(made)));
-    return reinterpret_cast<T>(locals.back());
+Object *Beside(size_t length, const std::string &text = "") {
+    locals.emplace_back();
+    locals.back().values.resize(length);
+    locals.back().text = text;
+    return &locals.back();
 }
 
-Word WordIn(jobject handle) {
-    return handle ? As<Word>(reinterpret_cast<Word>(handle)) : 0;
-}
-Object *ObjectOf(jobject handle) {
-    for (Object &object : vm.objects)
-        if (object.address && object.address == WordIn(handle))
-            return &object;
-    return nullptr;
-}
-Class *ClassOf(jobject mirror) {
-    for (auto &[name, type] : vm.classes)
-        if (type.klass && At(type.klass, &Klass::javaMirror) == WordIn(mirror))
-            return &type;
-    Fail("JNI was called with something else than a class");
-}
-jobject HandleOf(ThreadInfo *caller, Object *object) {
-    return object ? NewHandle(caller, object) : nullptr;
-}
-jclass MirrorOf(ThreadInfo *caller, const Class &type) {
-    Object mirror = {At(type.klass, &Klass::javaMirror), 0, 0, 'P'};
-    return static_cast<jclass>(NewHandle(caller, &mirror));
-}
 std::nullptr_t Throw(ThreadInfo *caller) {
     caller->exceptionPending = true;
     return nullptr;
 }
-int32_t &Handles(ThreadInfo *caller) {
-    return As<HandleBlock>(caller->handles).top;
-}
-
-jobject PopLocalFrame(ThreadInfo *caller, jobject result) {
-    const bool isBeside = IsBeside(result);
-    Object *kept = isBeside ? nullptr : ObjectOf(result);
-    Handles(caller) = frames.back().first;
-    const auto end = std::remove_if(locals.begin() + frames.back().second, locals.end(), [&](Beside *one) {
-        return reinterpret_cast<jobject>(one) != result && (delete one, true);
-    });
-    locals.erase(end, locals.end());
-    frames.pop_back();
-    return isBeside ? result : HandleOf(caller, kept);
-}
 
 void FillReferences() {
-    Fill(table.PushLocalFrame, [](ThreadInfo *caller, jint) {
-        frames.emplace_back(Handles(caller), locals.size());
-        return 0;
-    });
-    Fill<true>(table.PopLocalFrame, PopLocalFrame);
-    // A word that follows the object, or the class's own one with its mirror.
-    Fill(table.NewGlobalRef, [](ThreadInfo *, jobject handle) -> void * {
-        if (Object *object = ObjectOf(handle))
-            return &object->address;
-        return handle ? &At(ClassOf(handle)->klass, &Klass::javaMirror) : nullptr;
-    });
-    Fill<true>(table.DeleteGlobalRef, [](ThreadInfo *, jobject) {});
-    Fill(table.NewLocalRef, [](ThreadInfo *caller, jobject of) { return HandleOf(caller, ObjectOf(of)); });
-    Fill<true>(table.DeleteLocalRef, [](ThreadInfo *caller, jobject handle) {
-        const Word *last = &As<HandleBlock>(caller->handles).handles[Handles(caller) - 1];
-        if (IsBeside(handle))
-            FreeText(static_cast<jstring>(handle));
-        else
-            Handles(caller) -= reinterpret_cast<const Word *>(handle) == last;
-    });
-    Fill(table.IsSameObject,
-         [](ThreadInfo *, jobject one, jobject other) { return WordIn(one) == WordIn(other); });
+    Fill(table.PushLocalFrame, [](ThreadInfo *, jint) { return 0; });
+    Fill<true>(table.PopLocalFrame, [](ThreadInfo *, Object *result) { return result; });
+    Fill(table.NewGlobalRef, [](ThreadInfo *, Object *of) { return of; });
+    Fill(table.NewLocalRef, [](ThreadInfo *, Object *of) { return of; });
+    Fill<true>(table.DeleteGlobalRef, [](ThreadInfo *, Object *) {});
+    Fill<true>(table.DeleteLocalRef, [](ThreadInfo *, Object *) {});
+    Fill(table.IsSameObject, [](ThreadInfo *, Object *one, Object *other) { return one == other; });
     Fill<true>(table.ExceptionOccurred,
-               [](ThreadInfo *caller) { return jthrowable(caller->exceptionPending ? &javaVm : nullptr); });
+               [](ThreadInfo *caller) { return caller->exceptionPending ? &javaVm : nullptr; });
     Fill<true>(table.ExceptionCheck, [](ThreadInfo *caller) { return caller->exceptionPending; });
     Fill<true>(table.ExceptionClear, [](ThreadInfo *caller) { caller->exceptionPending = false; });
     table.ExceptionDescribe = table.ExceptionClear;
 }
 
-void SetObjectArrayElement(ThreadInfo *, jobjectArray array, jsize index, jobject element) {
-    if (IsBeside(element))
-        ArrayOf(array)->texts.at(index) = ArrayOf(element)->text;
-    else if (element && !ObjectOf(element))
-        Fail("JNI was given a stale reference");
-    else
-        ArrayOf(array)->objects.at(index) = ObjectOf(element);
-}
-
 void FillArrays() {
-    Fill(table.NewObjectArray, [](ThreadInfo *, jsize length, jclass, jobject) {
-        return NewBeside<jobjectArray>(
-            {"", std::vector<Object *>(length), std::vector<std::string>(length), {}});
-    });
-    Fill(table.NewLongArray, [](ThreadInfo *, jsize length) {
-        return NewBeside<jlongArray>({"", {}, {}, std::vector<jlong>(length)});
-    });
-    Fill(table.NewByteArray, [](ThreadInfo *, jsize length) {
-        return NewBeside<jbyteArray>({std::string(length, 0), {}, {}, {}});
-    });
-    Fill(table.GetArrayLength, [](ThreadInfo *, jarray array) {
-        return IsBeside(array) ? std::max(ArrayOf(array)->objects.size(), ArrayOf(array)->numbers.size())
-                               : ObjectOf(array)->values.size();
-    });
-    Fill(table.GetCharArrayRegion, [](ThreadInfo *, jcharArray array, jsize start, jsize length, jchar *out) {
+    Fill(table.NewObjectArray, [](ThreadInfo *, jsize length, Class *, Object *) { return Beside(length); });
+    Fill(table.NewLongArray, [](ThreadInfo *, jsize length) { return Beside(length); });
+    Fill(table.NewByteArray, [](ThreadInfo *, jsize length) { return Beside(0, std::string(length, 0)); });
+    Fill(table.GetArrayLength, [](ThreadInfo *, Object *array) { return array->values.size(); });
+    Fill(table.GetCharArrayRegion, [](ThreadInfo *, Object *array, jsize start, jsize length, jchar *out) {
         for (jsize i = 0; i < length; i++)
-            out[i] = jchar(ObjectOf(array)->values.at(start + i).number);
+            out[i] = jchar(array->values.at(start + i).number);
     });
-    Fill(table.GetObjectArrayElement, [](ThreadInfo *caller, jobjectArray array, jsize index) {
-        return HandleOf(caller, ArrayOf(array)->objects.at(index));
+    Fill(table.GetObjectArrayElement,
+         [](ThreadInfo *, Object *array, jsize index) { return array->values.at(index).object; });
+    Fill(table.SetObjectArrayElement, [](ThreadInfo *, Object *array, jsize index, Object *element) {
+        array->values.at(index) = element;
     });
-    Fill(table.SetObjectArrayElement, SetObjectArrayElement);
     Fill(table.SetLongArrayRegion,
-         [](ThreadInfo *, jlongArray array, jsize start, jsize length, const jlong *from) {
-             std::copy_n(from, length, ArrayOf(array)->numbers.begin() + start);
+         [](ThreadInfo *, Object *array, jsize start, jsize length, const jlong *from) {
+             std::copy_n(from, length, array->values.begin() + start);
          });
     Fill(table.SetByteArrayRegion,
-         [](ThreadInfo *, jbyteArray array, jsize start, jsize length, const jbyte *from) {
-             ArrayOf(array)->text.replace(start, length, reinterpret_cast<const char *>(from), length);
+         [](ThreadInfo *, Object *array, jsize start, jsize length, const jbyte *from) {
+             array->text.replace(start, length, reinterpret_cast<const char *>(from), length);
          });
 }
 
-Value FieldOf(jobject handle, jfieldID field) {
-    return Get(ObjectOf(handle), reinterpret_cast<Field *>(field)->name);
+// ---- methods
+
+template <class T>
+Word Reference(T *to) {
+    return reinterpret_cast<Word>(to);
 }
 
-void FillFields() {
-    Fill(table.FindClass, [](ThreadInfo *caller, const char *name) -> jclass {
-        const Class *found = FindClass(name);
-        return found ? MirrorOf(caller, *found) : Throw(caller);
-    });
-    Fill(table.GetObjectClass,
-         [](ThreadInfo *caller, jobject of) { return MirrorOf(caller, *ObjectOf(of)->type); });
-    Fill(table.GetFieldID,
-         [](ThreadInfo *caller, jclass type, const char *name, const char *signature) -> jfieldID {
-             for (const Field *field : FieldsOf(ClassOf(type)))
-                 if (field->name == name && field->signature == signature)
-                     return reinterpret_cast<jfieldID>(const_cast<Field *>(field));
-             return Throw(caller);
-         });
-    Fill(table.GetLongField,
-         [](ThreadInfo *, jobject of, jfieldID field) { return FieldOf(of, field).number; });
-    Fill(table.GetIntField,
-         [](ThreadInfo *, jobject of, jfieldID field) { return FieldOf(of, field).number; });
-    Fill(table.GetObjectField, [](ThreadInfo *caller, jobject of, jfieldID field) {
-        return HandleOf(caller, FieldOf(of, field).object);
-    });
-}
-
-void Expect(jmethodID method, Method expected) {
-    if (reinterpret_cast<const char *const *>(method) != METHODS + expected)
-        Fail("JNI called another method");
-}
-bool Is(jmethodID method, Method expected) {
-    return reinterpret_cast<const char *const *>(method) == METHODS + expected;
-}
-
-jobject CallStaticObjectMethod(ThreadInfo *caller, jclass, jmethodID method, va_list arguments) {
-    if (Is(method, CURRENT_THREAD))
-        return HandleOf(caller, caller->object);
-    Expect(method, JAVA_CALLS);
-    JavaCall call;
-    call.threads = ArrayOf(va_arg(arguments, jobject))->objects;
-    call.ids = ArrayOf(va_arg(arguments, jobject))->numbers;
-    call.texts = ArrayOf(va_arg(arguments, jobject))->texts;
-    for (int *number : {&call.count, &call.withSystem, &call.polling})
-        *number = va_arg(arguments, jint);
-    return javaSide ? NewBeside({javaSide(call), {}, {}, {}}) : Throw(caller);
-}
-
-jint CallIntMethod(ThreadInfo *, jobject, jmethodID method, va_list arguments) {
-    const std::lock_guard<std::recursive_mutex> held(vm.lock);
-    if (Is(method, ACTIVE_COUNT))
-        return jint(vm.threads.size());
-    Expect(method, ENUMERATE);
-    std::vector<Object *> &into = ArrayOf(va_arg(arguments, jobject))->objects;
+Word Enumerate(ThreadInfo *, va_list arguments) {
+    const Locked held(vm.lock);
+    std::vector<Value> &into = va_arg(arguments, Object *)->values;
     const size_t count = std::min(into.size(), vm.threads.size());
     for (size_t i = 0; i < count; i++)
         into[i] = vm.threads[i]->object;
-    return jint(count);
+    return count;
 }
 
-void FillMethods() {
+Word CallJavaSide(ThreadInfo *caller, va_list arguments) {
+    JavaCall call = {va_arg(arguments, Object *), nullptr, 0, 0};
+    va_arg(arguments, Object *); // ids
+    call.texts = va_arg(arguments, Object *);
+    call.count = va_arg(arguments, jint);
+    call.withSystem = va_arg(arguments, jint);
+    if (!javaSide)
+        return Throw(caller), 0;
+    return Reference(Beside(0, javaSide(call)));
+}
+
+const std::map<std::string, Method> METHODS = {
+    {"currentThread()Ljava/lang/Thread;",
+     [](ThreadInfo *caller, va_list) { return Reference(caller->object); }},
+    {"getThreadGroup()Ljava/lang/ThreadGroup;",
+     [](ThreadInfo *, va_list) { return Reference(vm.threadGroup); }},
+    {"getParent()Ljava/lang/ThreadGroup;", [](ThreadInfo *, va_list) { return Word(0); }},
+    {"activeCount()I", [](ThreadInfo *, va_list) { return Word(vm.threads.size()); }},
+    {"enumerate([Ljava/lang/Thread;)I", Enumerate},
+    {"cjavacalls([Ljava/lang/Object;[J[Ljava/lang/String;III)Ljava/lang/String;", CallJavaSide},
+    {"<init>([BI)V", // of String: long replies go over as bytes
+     [](ThreadInfo *, va_list arguments) {
+         return Reference(Beside(0, va_arg(arguments, Object *)->text));
+     }}};
+
+void FillClasses() {
+    const auto call = [](ThreadInfo *caller, auto *, Method method, va_list arguments) {
+        return method(caller, arguments);
+    };
+    Fill(table.CallStaticObjectMethodV, call);
+    Fill(table.CallObjectMethodV, call);
+    Fill(table.CallIntMethodV, call);
+    Fill(table.NewObjectV, call);
+    Fill(table.FindClass, [](ThreadInfo *caller, const char *name) -> Class * {
+        Class *found = FindClass(name);
+        return found ? found : Throw(caller);
+    });
+    Fill(table.GetObjectClass, [](ThreadInfo *, Object *of) { return of->type; });
     Fill(table.GetMethodID,
-         [](ThreadInfo *caller, jclass, const char *name, const char *signature) -> jmethodID {
-             for (const char *const &method : METHODS)
-                 if (std::string(name) + signature == method)
-                     return reinterpret_cast<jmethodID>(const_cast<char **>(&method));
-             return Throw(caller);
+         [](ThreadInfo *caller, Class *, const char *name, const char *signature) -> const Method * {
+             const auto found = METHODS.find(name + std::string(signature));
+             return found == METHODS.end() ? Throw(caller) : &found->second;
          });
     table.GetStaticMethodID = table.GetMethodID;
-    Fill(table.CallStaticObjectMethodV, CallStaticObjectMethod);
-    Fill(table.CallObjectMethodV, [](ThreadInfo *caller, jobject, jmethodID method, va_list) {
-        if (!Is(method, THREAD_GROUP))
-            Expect(method, PARENT);
-        return Is(method, PARENT) ? nullptr : HandleOf(caller, vm.threadGroup);
-    });
-    Fill(table.CallIntMethodV, CallIntMethod);
-    Fill(table.NewObjectV, [](ThreadInfo *, jclass, jmethodID method, va_list arguments) {
-        Expect(method, STRING_OF_BYTES);
-        return NewText(ArrayOf(va_arg(arguments, jobject))->text);
-    });
+    Fill(table.GetFieldID,
+         [](ThreadInfo *caller, Class *type, const char *name, const char *signature) -> const Field * {
+             for (const Field *field : FieldsOf(type))
+                 if (field->name == name && field->signature == signature)
+                     return field;
+             return Throw(caller);
+         });
+    Fill(table.GetLongField,
+         [](ThreadInfo *, Object *of, const Field *field) { return Get(of, field->name).number; });
+    Fill(table.GetIntField,
+         [](ThreadInfo *, Object *of, const Field *field) { return Get(of, field->name).number; });
+    Fill(table.GetObjectField,
+         [](ThreadInfo *, Object *of, const Field *field) { return Get(of, field->name).object; });
 }
 
 // Of plain characters: a byte each.
 void FillTexts() {
-    Fill(table.GetStringUTFChars,
-         [](ThreadInfo *, jstring text, jboolean *) { return TextOf(text).c_str(); });
-    Fill(table.GetStringLength, [](ThreadInfo *, jstring text) { return TextOf(text).size(); });
-    Fill(table.GetStringUTFRegion, [](ThreadInfo *, jstring text, jsize start, jsize length, char *out) {
-        out[TextOf(text).copy(out, length, start)] = 0;
+    Fill(table.GetStringUTFChars, [](ThreadInfo *, Object *text, jboolean *) { return text->text.c_str(); });
+    Fill(table.GetStringLength, [](ThreadInfo *, Object *text) { return text->text.size(); });
+    Fill(table.GetStringUTFRegion, [](ThreadInfo *, Object *text, jsize start, jsize length, char *out) {
+        out[text->text.copy(out, length, start)] = 0;
     });
-    Fill(table.ReleaseStringUTFChars, [](ThreadInfo *, jstring, const char *) {});
-    Fill(table.NewStringUTF, [](ThreadInfo *, const char *text) {
-        return NewBeside<jstring>({text, {}, {}, {}});
-    });
+    Fill(table.ReleaseStringUTFChars, [](ThreadInfo *, Object *, const char *) {});
+    Fill(table.NewStringUTF, [](ThreadInfo *, const char *text) { return Beside(0, text); });
 }
 
 jint GetEnv(JavaVM *, void **out, jint version) {
-    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     *out = nullptr;
     if (version < JNI_VERSION_1_1 || version > JNI_VERSION_1_4) // no JVMTI, no newer JNI
         return JNI_EVERSION;
@@ -306,7 +218,7 @@ jint GetEnv(JavaVM *, void **out, jint version) {
 void FillTables() {
     FillTable(&table, std::make_integer_sequence<int, sizeof table / sizeof(void *)>());
     FillTable(&invocation, std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
-    for (auto *fill : {FillReferences, FillArrays, FillFields, FillMethods, FillTexts})
+    for (auto *fill : {FillReferences, FillArrays, FillClasses, FillTexts})
         fill();
     Fill(table.GetVersion, [](ThreadInfo *) { return JNI_VERSION_1_4; });
     Fill(table.GetJavaVM, [](ThreadInfo *, JavaVM **out) { return *out = &javaVm, JNI_OK; });
@@ -325,24 +237,11 @@ JNIEnv *EnvOf(ThreadInfo *thread) {
 }
 
 jstring NewText(const std::string &text) {
-    return reinterpret_cast<jstring>(new Beside{text, {}, {}, {}});
-}
-const std::string &TextOf(jstring text) {
-    return reinterpret_cast<Beside *>(text)->text;
-}
-void FreeText(jstring text) {
-    locals.erase(std::remove(locals.begin(), locals.end(), reinterpret_cast<Beside *>(text)), locals.end());
-    delete reinterpret_cast<Beside *>(text);
+    return HandleOf<jstring>(Beside(0, text));
 }
 
-size_t LocalReferences(ThreadInfo *thread) {
-    return Handles(thread) + locals.size();
-}
-
-std::vector<Object *> TakeArray(jobjectArray array) {
-    const std::vector<Object *> objects = ArrayOf(array)->objects;
-    FreeText(reinterpret_cast<jstring>(array));
-    return objects;
+void EndLocals() {
+    locals.clear();
 }
 
 void DefineJavaSide(std::function<std::string(const JavaCall &)> answer) {

@@ -32,57 +32,46 @@ std::vector<Slot> SlotsOf(const Scope &scope) {
 }
 
 Word BitsOf(const Slot &slot) {
-    Word bits = slot.value.number;
-    float single = float(slot.value.real);
-    if (slot.type == 'D')
-        memcpy(&bits, &slot.value.real, 8);
-    if (slot.type == 'F')
-        bits = 0, memcpy(&bits, &single, 4);
+    Word bits = 0;
+    WriteValue(reinterpret_cast<Word>(&bits),
+               slot.type == 'F' || slot.type == 'D' ? std::string(1, slot.type) : "J", slot.value);
     return bits;
 }
 
 void LoadSlot(Assembler *a, const Slot &slot) {
     if (slot.type == 'L' && slot.value.object)
-        a->LoadRaxFrom(&slot.value.object->address);
+        a->Emit(LOAD_FROM, &slot.value.object->address);
     else
-        a->LoadRax(slot.type == 'L' ? 0 : BitsOf(slot));
+        a->Emit(LOAD, BitsOf(slot));
 }
 
 int32_t Location(char type, int slot) { // counted in half words
-    int32_t kind = type == 'L'   ? LOCATION_OOP
-                   : type == 'J' ? LOCATION_LONG
-                   : type == 'D' ? LOCATION_DOUBLE
-                                 : LOCATION_NORMAL;
-    return kind << 12 | 2 * slot;
+    const std::map<char, int32_t> kinds = {{'L', LOCATION_OOP}, {'J', LOCATION_LONG}, {'D', LOCATION_DOUBLE}};
+    const auto found = kinds.find(type);
+    return (found == kinds.end() ? LOCATION_NORMAL : found->second) << 12 | 2 * slot;
 }
 
-void WriteConstant(BlobParts *parts, const Slot &slot) {
-    std::string *out = &parts->scopes;
-    Word bits = BitsOf(slot);
-    if (slot.type == 'L') {
-        if (slot.value.object)
-            parts->oops.push_back(slot.value.object->address);
-        PutCompressed(out, SCOPE_OOP);
-        PutCompressed(out, slot.value.object ? int32_t(parts->oops.size()) : 0);
-    } else if (slot.type == 'J' || slot.type == 'D') {
-        PutCompressed(out, slot.type == 'J' ? SCOPE_LONG : SCOPE_DOUBLE);
-        PutCompressed(out, int32_t(bits));
-        PutCompressed(out, int32_t(bits >> 32));
-    } else {
-        PutCompressed(out, SCOPE_INT);
-        PutCompressed(out, int32_t(bits));
-    }
+void PutAll(BlobParts *parts, std::initializer_list<int32_t> values) {
+    for (int32_t value : values)
+        PutCompressed(&parts->scopes, value);
 }
 
 void WriteSlot(BlobParts *parts, const Slot &slot, int place) {
     constexpr int ANY_REGISTER = 5;
-    if (slot.kept == Kept::CONSTANT)
-        return WriteConstant(parts, slot);
-    PutCompressed(&parts->scopes, SCOPE_LOCATION);
-    PutCompressed(&parts->scopes, slot.kept == Kept::STACK ? Location(slot.type, place)
-                                  : slot.kept == Kept::REGISTER
-                                      ? LOCATION_IN_REGISTER | Location(slot.type, ANY_REGISTER)
-                                      : LOCATION_INVALID << 12);
+    const auto low = int32_t(BitsOf(slot)), high = int32_t(BitsOf(slot) >> 32);
+    if (slot.kept == Kept::CONSTANT && slot.type == 'L') {
+        if (slot.value.object)
+            parts->oops.push_back(slot.value.object->address);
+        PutAll(parts, {SCOPE_OOP, slot.value.object ? int32_t(parts->oops.size()) : 0});
+    } else if (slot.kept == Kept::CONSTANT && (slot.type == 'J' || slot.type == 'D'))
+        PutAll(parts, {slot.type == 'J' ? SCOPE_LONG : SCOPE_DOUBLE, low, high});
+    else if (slot.kept == Kept::CONSTANT)
+        PutAll(parts, {SCOPE_INT, low});
+    else
+        PutAll(parts, {SCOPE_LOCATION, slot.kept == Kept::STACK ? Location(slot.type, place)
+                                       : slot.kept == Kept::REGISTER
+                                           ? LOCATION_IN_REGISTER | Location(slot.type, ANY_REGISTER)
+                                           : LOCATION_INVALID << 12});
 }
 
 uint32_t HashOf(const MethodInfo &method, int32_t bci) {
@@ -139,7 +128,7 @@ void FillLocals(Assembler *a, const Scope &scope) {
     int32_t place = 0;
     for (const Slot &slot : SlotsOf(scope)) {
         LoadSlot(a, slot);
-        a->Bytes({0x49, 0x89, 0x85}), a->Value(place -= 8); // mov [r13 + n], rax
+        a->Emit("498985 d", place -= 8); // mov [r13 + n], rax
     }
 }
 
@@ -153,34 +142,31 @@ int CompiledSlots(const Scope &scope) {
 void FillSlots(Assembler *a, const Scope &scope, int *place) {
     for (const Slot &slot : SlotsOf(scope))
         if (slot.kept == Kept::STACK)
-            LoadSlot(a, slot), a->StoreRax((*place)++);
+            LoadSlot(a, slot), a->Emit(STORE_RAX, 8 * (*place)++);
     for (Object *object : scope.monitors)
-        a->LoadRaxFrom(&object->address), a->StoreRax((*place)++);
+        a->Emit(LOAD_FROM, &object->address), a->Emit(STORE_RAX, 8 * (*place)++);
 }
 
 void WriteScopes(BlobParts *parts, const std::vector<Scope> &scopes) {
     int place = 0, sender = NO_OFFSET;
-    PutCompressed(&parts->scopes, 77);
+    PutAll(parts, {77});
     for (const Scope &scope : scopes) {
         const std::vector<Slot> slots = SlotsOf(scope);
         parts->oops.push_back(scope.method->oop);
-        int method = int(parts->oops.size()), locals = NO_OFFSET, monitors = NO_OFFSET;
-        if (!slots.empty() || randomWords() % 2) {
-            locals = int(parts->scopes.size());
-            PutCompressed(&parts->scopes, int(slots.size()));
-            for (const Slot &slot : slots)
-                WriteSlot(parts, slot, slot.kept == Kept::STACK ? place++ : 0);
-        }
-        if (!scope.monitors.empty()) {
-            monitors = int(parts->scopes.size());
-            PutCompressed(&parts->scopes, int(scope.monitors.size()));
-            for (size_t i = 0; i < scope.monitors.size(); i++)
-                for (int32_t value : {Location('I', 0), int32_t(SCOPE_LOCATION), Location('L', place++)})
-                    PutCompressed(&parts->scopes, value);
-        }
-        parts->scope = int(parts->scopes.size());
-        for (int32_t value : {sender, method, scope.bci, locals, NO_OFFSET, monitors})
-            PutCompressed(&parts->scopes, value);
+        const int method = int(parts->oops.size());
+        const auto here = [&] { return int(parts->scopes.size()); };
+        const int locals = !slots.empty() || randomWords() % 2 ? here() : NO_OFFSET;
+        if (locals != NO_OFFSET)
+            PutAll(parts, {int32_t(slots.size())});
+        for (const Slot &slot : slots)
+            WriteSlot(parts, slot, slot.kept == Kept::STACK ? place++ : 0);
+        const int monitors = scope.monitors.empty() ? NO_OFFSET : here();
+        if (monitors != NO_OFFSET)
+            PutAll(parts, {int32_t(scope.monitors.size())});
+        for (size_t i = 0; i < scope.monitors.size(); i++)
+            PutAll(parts, {Location('I', 0), SCOPE_LOCATION, Location('L', place++)});
+        parts->scope = here();
+        PutAll(parts, {sender, method, scope.bci, locals, NO_OFFSET, monitors});
         sender = parts->scope;
     }
 }

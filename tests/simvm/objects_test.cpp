@@ -20,22 +20,26 @@ const char FIELD = 29, RECORD = 30, SECTION = 31;
 // The views of the scene's objects and the locals of its frames: "|", ";" and "/" between fields, rows and
 // sections. An address is shown as what the VM has there.
 const char SHOWN[] = R"(
-let ARGS Method Arguments; Integer|-5; <java/lang/String>|0|java.lang.String|part; Long|8589934592;
- Double|0.500000; <[Ljava/lang/String;>|-8|Array java.lang.String|[];
- <java/lang/StringBuffer>|0|java.lang.StringBuffer|buffered; Boolean|True; Float|1.500000; <[[J>|-2|Array
- Array Long|[]
-all = readers.All/: static Long|count|1099511627776; <readers/All>|0|static readers.All|last|->;
- Boolean|z|True; Byte|b|-128; Char|c|8364; Short|s|-32768; Integer|i|-2147483648;
+let ALL <readers/All>|0|readers.All
+let THIS This Object; $ALL
+let PART <java/lang/String>|0|java.lang.String
+let NAMES <[Ljava/lang/String;>|-8|Array java.lang.String|[]
+let BUFFER <java/lang/StringBuffer>|0|java.lang.StringBuffer
+let GRID <[[J>|-2|Array Array Long|[]
+let ARGS Method Arguments; Integer|-5; $PART|part; Long|8589934592; Double|0.500000; $NAMES; $BUFFER|buffered;
+ Boolean|True; Float|1.500000; $GRID
+let LOCALS Method Locals; $ALL|->; ^|113; ^|0
+let TOP < java.lang.Object/No Fields exist/
+let STATICS static Long|count|1099511627776; <readers/All>|0|static readers.All|last|->
+let SHARED static Integer|shared|-3; static java.lang.String|label|static text
+all = readers.All/: $STATICS; Boolean|z|True; Byte|b|-128; Char|c|8364; Short|s|-32768; Integer|i|-2147483648;
  Long|j|-9223372036854775801; Float|f|2.500000; Double|d|-0.001000; java.lang.String|text|all;
- java.lang.StringBuffer|buffer|in a buffer; Char Array D-1|chars|letters; <[I>|-2|Integer Array
- D-1|ints|[]; <[Ljava/lang/String;>|-8|java.lang.String Array D-1|names|[]; <[[I>|-2|Integer Array D-1
- Array D-2|grid|[]; <readers/Plain>|0|java.lang.Object|any|->;
- <java/util/Hashtable>|0|java.util.Hashtable|table|->; java.lang.Object|nothing|Null Oop; Long|id|77; / <
- readers.Base/: static Integer|shared|-3; static java.lang.String|label|static text; Long|id|0;
- <readers/Plain>|0|java.lang.Object|top|->; / < java.lang.Object/No Fields exist/
-class of all = readers.All/: static Long|count|1099511627776; <readers/All>|0|static readers.All|last|->; /
- < readers.Base/: static Integer|shared|-3; static java.lang.String|label|static text; / <
- java.lang.Object/No Fields exist/
+ java.lang.StringBuffer|buffer|in a buffer; Char Array D-1|chars|letters; <[I>|-2|Integer Array D-1|ints|[];
+ <[Ljava/lang/String;>|-8|java.lang.String Array D-1|names|[]; <[[I>|-2|Integer Array D-1 Array D-2|grid|[];
+ <readers/Plain>|0|java.lang.Object|any|->; <java/util/Hashtable>|0|java.util.Hashtable|table|->;
+ java.lang.Object|nothing|Null Oop; Long|id|77; / < readers.Base/: $SHARED; Long|id|0;
+ <readers/Plain>|0|java.lang.Object|top|->; / $TOP
+class of all = readers.All/: $STATICS; / < readers.Base/: $SHARED; / $TOP
 B = Byte Array D-1/: Byte|at [0]|1; Byte|at [1]|0; Byte|at [2]|65; /
 C = Char Array D-1/: Char Array D-1|^|  A; /
 D = Double Array D-1/: Double|at [0]|1.000000; Double|at [1]|0.000000; Double|at [2]|65.000000; /
@@ -44,52 +48,33 @@ I = Integer Array D-1/: Integer|at [0]|1; Integer|at [1]|0; Integer|at [2]|65; /
 J = Long Array D-1/: Long|at [0]|1; Long|at [1]|0; Long|at [2]|65; /
 S = Short Array D-1/: Short|at [0]|1; Short|at [1]|0; Short|at [2]|65; /
 Z = Boolean Array D-1/: Boolean|at [0]|True; Boolean|at [1]|False; Boolean|at [2]|True; /
-buffer = java.lang.StringBuffer/No Fields exist/< java.lang.AbstractStringBuilder/: Char Array
- D-1|value|bufferedunused; Integer|count|8; / < java.lang.Object/No Fields exist/
-properties = java.util.Properties/: java.util.Properties|defaults|Null Oop; / < java.util.Hashtable/:
- <[Ljava/util/Hashtable$Entry;>|-2|java.util.Hashtable$Entry Array D-1|table|[]; Integer|count|4; / <
- java.lang.Object/No Fields exist/
 none = java.lang.Object Array D-1/: /
-objects = java.lang.Object Array D-1/: <java/lang/String>|0|java.lang.String|at [0]|->; <[J>|-2|Long Array
- D-1|at [1]|[]; <readers/Plain>|0|readers.Plain|at [2]|->; /
+objects = java.lang.Object Array D-1/: $PART|at [0]|->; <[J>|-2|Long Array D-1|at [1]|[];
+ <readers/Plain>|0|readers.Plain|at [2]|->; /
 plane = Long Array D-1 Array D-2/: <[J>|-2|Long Array D-1|at [0]|[]; <[J>|-2|Long Array D-1|at [2]|[]; /
-space = Long Array D-1 Array D-2 Array D-3/: <[[J>|-2|Long Array D-1 Array D-2|at [0]|[]; /
 texts = java.lang.String Array D-1/: String at[0] : in an array/String at[2] : last/
-interpreted 0 = Frame; readers.Native->call/This Object; <readers/All>|0|readers.All/Method Arguments;
- Integer|-5; <java/lang/String>|0|java.lang.String|part; Long|8589934592/
-interpreted 1 = Frame; readers.Twice->second/This Object; <readers/All>|0|readers.All/Method Locals; ^|-5;
- ^|<half of java/lang/String>; ^|0; ^|0; ^|0; ^|0; ^|<half of [Ljava/lang/String;>; ^|<half of
- java/lang/StringBuffer>; ^|1; ^|1069547520; ^|<half of [[J>; ^|<half of readers/All>; ^|113; ^|0/
-interpreted 2 = Frame; readers.Twice->first/This Object; <readers/All>|0|readers.All/Method Locals; ^|-5;
- <java/lang/String>|0|java.lang.String|->; ^|0; ^|0; ^|0; ^|0; <[Ljava/lang/String;>|-8|Array
- java.lang.String|[]; <java/lang/StringBuffer>|0|java.lang.StringBuffer|->; ^|1; ^|1069547520;
- <[[J>|-2|Array Array Long|[]; <readers/All>|0|readers.All|->; ^|113; ^|0/
-interpreted 3 = Frame; readers.Statics->ofClass/This Class; <class
- readers/Statics>|1|readers.Statics/$ARGS/Method Locals; <readers/All>|0|readers.All|->; ^|113; ^|0/
-interpreted 4 = Frame; readers.Far->withMany/This Object; <readers/All>|0|readers.All/$ARGS/Method Locals;
- <readers/All>|0|readers.All|->; ^|113; ^|0; ^|20; <readers/All>|0|readers.All|->; ^|21;
- <readers/All>|0|readers.All|->; ^|22; <readers/All>|0|readers.All|->; ^|20;
- <readers/All>|0|readers.All|->; ^|21; <readers/All>|0|readers.All|->; ^|22;
- <readers/All>|0|readers.All|->; ^|20; <readers/All>|0|readers.All|->; ^|21;
- <readers/All>|0|readers.All|->; ^|22; ^|<half of readers/All>; ^|20; ^|<half of readers/All>; ^|21;
- ^|<half of readers/All>; ^|22; ^|<half of readers/All>; ^|20; ^|<half of readers/All>; ^|21; ^|<half of
- readers/All>; ^|22; ^|<half of readers/All>; ^|20; ^|<half of readers/All>; ^|21; ^|<half of readers/All>;
- ^|22; ^|<half of readers/All>/
-interpreted 5 = Frame; readers.All->plain/This Object; <readers/All>|0|readers.All/$ARGS/Method Locals;
- <readers/All>|0|readers.All|->; ^|113; ^|0/
-interpreted 6 = Frame; readers.Thread->run/This Object; <readers/Thread>|0|readers.Thread/
+let NOTHING ^|0; ^|0; ^|0; ^|0
+let FRAME Frame; readers
+interpreted 0 = $FRAME.Native->call/$THIS/Method Arguments; Integer|-5; $PART|part; Long|8589934592/
+interpreted 1 = $FRAME.Twice->second/$THIS/Method Locals; ^|-5; ^|<half of java/lang/String>; $NOTHING; ^|<half of
+ [Ljava/lang/String;>; ^|<half of java/lang/StringBuffer>; ^|1; ^|1069547520; ^|<half of [[J>; ^|<half of
+ readers/All>; ^|113; ^|0/
+interpreted 2 = $FRAME.Twice->first/$THIS/Method Locals; ^|-5; $PART|->; $NOTHING; $NAMES; $BUFFER|->; ^|1;
+ ^|1069547520; $GRID; $ALL|->; ^|113; ^|0/
+interpreted 3 = $FRAME.Statics->ofClass/This Class; <class readers/Statics>|1|readers.Statics/$ARGS/$LOCALS/
+let SIX ^|20; $ALL|->; ^|21; $ALL|->; ^|22; $ALL|->
+let HALVES ^|20; ^|<half of readers/All>; ^|21; ^|<half of readers/All>; ^|22; ^|<half of readers/All>
+interpreted 4 = $FRAME.Far->withMany/$THIS/$ARGS/$LOCALS; $SIX; $SIX; ^|20; $ALL|->; ^|21; $ALL|->; ^|22;
+ ^|<half of readers/All>; $HALVES; $HALVES; $HALVES/
+interpreted 5 = $FRAME.All->plain/$THIS/$ARGS/$LOCALS/
 compiled 0 = No Locals available/
-compiled 1 = Frame; readers.Statics->inner/This Class; <class
- readers/Statics>|1|readers.Statics/$ARGS/Method Locals; <readers/All>|0|readers.All|->; ^|113; ^|0/
-compiled 2 = Frame; readers.Plain->inlined/This Object; <readers/Plain>|0|readers.Plain/Method Arguments;
- Integer|-5; java.lang.String|^; Long|^; Double|0.500000; <[Ljava/lang/String;>|-8|Array
- java.lang.String|[]; java.lang.StringBuffer|^; Boolean|^; Float|1.500000; <[[J>|-2|Array Array
- Long|[]/Method Locals; ^|^; ^|^; ^|^; ^|20; ^|^; ^|^; <readers/All>|0|readers.All|->; ^|22; ^|^; ^|^;
- <readers/All>|0|readers.All|->; ^|21; ^|^; ^|^; <readers/All>|0|readers.All|->/
-compiled 3 = Frame; readers.All->outer/This Object; <readers/All>|0|readers.All/$ARGS/Method Locals;
- <readers/All>|0|readers.All|->; ^|113; ^|0/
-compiled 4 = Frame; readers.Thread->run/This Object; <readers/Thread>|0|readers.Thread/
-lines 0 = Frame; readers.Unknown->file/This Class; <class readers/Unknown>|1|readers.Unknown/
+compiled 1 = $FRAME.Statics->inner/This Class; <class readers/Statics>|1|readers.Statics/$ARGS/$LOCALS/
+let KEPT ^|^; ^|^; $ALL|->
+compiled 2 = $FRAME.Plain->inlined/This Object; <readers/Plain>|0|readers.Plain/Method Arguments; Integer|-5;
+ java.lang.String|^; Long|^; Double|0.500000; $NAMES; java.lang.StringBuffer|^; Boolean|^; Float|1.500000;
+ $GRID/Method Locals; ^|^; ^|^; ^|^; ^|20; $KEPT; ^|22; $KEPT; ^|21; $KEPT/
+compiled 3 = $FRAME.All->outer/$THIS/$ARGS/$LOCALS/
+lines 0 = $FRAME.Unknown->file/This Class; <class readers/Unknown>|1|readers.Unknown/
 )";
 
 // By name, or by thread and place in its stack.
@@ -147,8 +132,7 @@ std::string FlagOf(const Object *object) {
 }
 
 std::string AskFor(const std::string &address, const std::string &flag) {
-    const std::string reply = Ask("525|showstack|1024|ARG=x,0=" + address + ",1=" + flag);
-    return reply.substr(0, reply.find("Time spent in JVM"));
+    return Untimed(Ask("525|showstack|1024|ARG=x,0=" + address + ",1=" + flag));
 }
 std::string ViewOf(const Object *object) {
     return AskFor(Hex(object->address), FlagOf(object));
@@ -263,8 +247,7 @@ std::string AskLocals(const std::vector<std::string> &place) {
     std::string request = "521|showstack|4096|ARG=x";
     for (size_t i = 0; i < place.size(); i++)
         request += "," + std::to_string(i) + "=" + place[i];
-    const std::string reply = Ask(request);
-    return reply.substr(0, reply.find("Time spent"));
+    return Untimed(Ask(request));
 }
 
 TEST(DirectLocals, EqualWhatTheirFramesHold) {

@@ -11,78 +11,68 @@ using namespace simvm;
 
 namespace {
 
-// An interpreted frame, as far as a start looks at it: the method lies 16 below the frame pointer.
-struct Caller {
-    struct {
-        Word method, unused, fp[2];
-    } frame;
-    ThreadInfo *thread;
-};
-
-void CallNative(Caller *caller) {
-    caller->thread = NewThread("main");
-    caller->frame = {DefineMethod("demo/Main", "run", "()V", {})->oop, 0, {}};
-    At(caller->thread->address, &JavaThread::anchorFp) = reinterpret_cast<Word>(&caller->frame.fp);
-    LinkThread(caller->thread);
-    natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
+Word &AnchorFp(const ThreadInfo *thread) {
+    return At(thread->address, &JavaThread::anchorFp);
 }
 
-void TellLaterJni(Caller *caller) {
-    auto *table = const_cast<JNINativeInterface_ *>(EnvOf(caller->thread)->functions);
+void TellLaterJni() {
+    auto *table = const_cast<JNINativeInterface_ *>(EnvOf(Self())->functions);
     table->GetVersion = [](JNIEnv *) -> jint { return JNI_VERSION_1_6; };
 }
 
-void BeCompiled(Caller *caller) {
-    At(caller->thread->address, &JavaThread::anchorFp) = reinterpret_cast<Word>(&caller->frame);
+void BeAnotherThread() {
+    At(Self()->osThread, &OSThread::kernelId) = getpid() + 1;
 }
 
-void BeAnotherThread(Caller *caller) {
-    At(caller->thread->osThread, &OSThread::kernelId) = getpid() + 1;
+// No method is where an interpreted frame has it.
+void BeCompiled() {
+    AnchorFp(Self()) += sizeof(Word);
 }
 
 // A compiled caller, and an older thread with an interpreted frame.
-void BeCompiledBesideAnother(Caller *caller) {
-    static auto frame = caller->frame;
-    ThreadInfo *other = NewThread("other");
-    At(other->address, &JavaThread::anchorFp) = reinterpret_cast<Word>(&frame.fp);
-    At(caller->thread->address, &JavaThread::next) = other->address;
-    BeCompiled(caller);
+void BeCompiledBesideAnother() {
+    const ThreadInfo *other = NewThread("other");
+    AnchorFp(other) = AnchorFp(Self());
+    At(Self()->address, &JavaThread::next) = other->address;
+    BeCompiled();
 }
 
 } // namespace
 
 TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
     struct Case {
-        const char *vm, *claimed; // the version that the agent is given
+        std::string vm, claimed; // the version that the agent is given
         int status;
-        void (*spoil)(Caller *) = nullptr;
+        void (*spoil)() = [] {};
     };
     std::vector<Case> cases = {{"22", "09", START_UNSUPPORTED},
                                {"22 stripped", "22", START_FAILED},
                                {"22", "07", START_FAILED},
-                               {"22 shuffled", "22", START_FAILED},
                                {"22", "22", START_FAILED, TellLaterJni},
                                {"22", "22", START_FAILED, BeAnotherThread},
                                {"22", "22", START_FAILED, BeCompiled},
                                {"22", "22", START_OK, BeCompiledBesideAnother},
                                {"22 client", "22", START_OK},
                                {"07 parallel", "07", START_OK},
-                               {"22 cms", "22", START_OK}};
-    for (const char *build :
-         {"07", "08", "10", "11", "12", "13", "14", "15", "16", "17", "18", "19", "20", "21"})
-        cases.push_back({build, build, START_OK});
+                               {"22 cms", "22", START_OK},
+                               {"07", "07", START_OK},
+                               {"08", "08", START_OK}};
+    for (int build = 10; build < 22; build++)
+        cases.push_back({std::to_string(build), std::to_string(build), START_OK});
     for (const Case &c : cases)
         InOwnProcess([&] {
-            SCOPED_TRACE(&c - cases.data());
+            SCOPED_TRACE(c.vm + " as " + c.claimed);
             Boot(On(c.vm));
-            Caller caller;
-            CallNative(&caller);
-            if (c.spoil)
-                c.spoil(&caller);
-            vm.options.version = std::string("1.5.0_") + c.claimed;
-            EXPECT_EQ(StartAgent(), c.status);
-            EXPECT_EQ(direct_ready, c.status == START_OK);
-            EXPECT_EQ(QorCanInspect(), c.status == START_OK);
+            natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
+            RunAsMain([&] {
+                c.spoil();
+                vm.options.version = "1.5.0_" + c.claimed;
+                EXPECT_EQ(StartAgent(), c.status);
+                EXPECT_EQ(direct_ready, c.status == START_OK);
+                EXPECT_EQ(QorCanInspect(), c.status == START_OK);
+                fflush(nullptr);
+                _exit(testing::Test::HasFailure()); // as what was spoilt stays so
+            });
         });
 }
 
@@ -97,12 +87,10 @@ TEST(RoadStart, RequestsHeedACollectionAndNeverKeepTheAgentFromLeaving) {
             EXPECT_NE(Ask("2|showqor|8192|").find("Garbage Collector currently running."), std::string::npos);
             std::string reply;
             std::thread asker([&reply] {
-                ThreadInfo *thread = NewThread("asker");
-                LinkThread(thread);
-                jstring text =
-                    Java_qoragent_Agent_dataFromNative(EnvOf(thread), nullptr, NewText("3|showqor|8192|"));
-                reply = text ? TextOf(text) : "(null)";
-                UnlinkThread(thread);
+                const Attached self("asker");
+                const jstring text =
+                    Java_qoragent_Agent_dataFromNative(EnvOf(self.info), nullptr, NewText("3|showqor|8192|"));
+                reply = text ? ObjectOf(text)->text : "(null)";
             });
             while (workerBusy == 0 || qorlocks[1] == 0) // the worker may still be busy with the one before
                 usleep(1000);

@@ -23,7 +23,13 @@ void Put(Word place, char letter, const std::string &name, Word oop) {
 }
 
 Object *Fresh() {
-    return NewObject("roots/Held");
+    return New("roots/Held");
+}
+
+// The member of a structure refers to it.
+template <class S, class T>
+void PutIn(Word structure, T S::*member, char letter, const char *name, Object *object, Word oop = 0) {
+    Put(structure + Place(member), letter, name, object, oop);
 }
 
 // Links structures in their order; the last one's link is as the chain's end.
@@ -70,21 +76,22 @@ Word NewMonitorChunk(int32_t locks) {
     for (int32_t i = 0; i < locks; i++) {
         Word lock = chunk + sizeof(MonitorChunk) + i * sizeof(Monitor);
         As<Monitor>(lock).displacedHeader = i % 2 ? UNMARKED : 0;
-        Put(lock + offsetof(Monitor, object), 'l', "OOP", Fresh());
+        PutIn(lock, &Monitor::object, 'l', "OOP", Fresh());
     }
     return chunk;
 }
 
 Word NewPrivileged(Word klass) {
     Word element = Allocate(sizeof(PrivilegedElement));
-    Put(element + offsetof(PrivilegedElement, klass), 'j', "_klass", klass);
+    PutIn(element, &PrivilegedElement::klass, 'j', "_klass", nullptr, klass);
     As<PrivilegedElement>(element).context = Fresh()->address;
     return element;
 }
 
 void StageThread(ThreadInfo *thread) {
-    Word own = thread->handles, at = thread->address;
-    As<HandleBlock>(own).next = Chain({NewHandles(32), NewHandles(16), NewHandles(0)}, &HandleBlock::next);
+    const Word at = thread->address;
+    At(at, &JavaThread::activeHandles) =
+        Chain({NewHandles(32), NewHandles(16), NewHandles(0)}, &HandleBlock::next);
     At(at, &JavaThread::handleArea) = NewHandleArea();
     At(at, &JavaThread::monitorChunks) = Chain({NewMonitorChunk(3), NewMonitorChunk(1)}, &MonitorChunk::next);
     At(at, &JavaThread::privilegedStack) = Chain({NewPrivileged(FindClass("java/lang/Thread")->klass),
@@ -96,7 +103,7 @@ void StageThread(ThreadInfo *thread) {
           {&JavaThread::vmResult2, "_vm_result_2"},
           {&JavaThread::exceptionOop, "_exception_oop"},
           {&JavaThread::asyncException, "_pending_async_exception"}})
-        Put(at + Place(member), 'a', name, Fresh());
+        PutIn(at, member, 'a', name, Fresh());
 }
 
 // ---- the VM's own
@@ -115,10 +122,9 @@ Word NewRing(int operations) {
 
 void StageVmThread() {
     Word thread = Allocate(sizeof(JavaThread)), queue = Allocate(sizeof(VmQueue));
-    At(thread, &JavaThread::activeHandles) = NewHandles(2);
-    As<HandleBlock>(At(thread, &JavaThread::activeHandles)).next = 0;
+    As<HandleBlock>(At(thread, &JavaThread::activeHandles) = NewHandles(2)).next = 0;
     At(thread, &JavaThread::handleArea) = NewHandleArea();
-    Put(thread + Place(&JavaThread::pendingException), 'b', "_pending_exception", Fresh());
+    PutIn(thread, &JavaThread::pendingException, 'b', "_pending_exception", Fresh());
     As<VmQueue>(queue).queues[0] = NewRing(1);
     As<VmQueue>(queue).queues[1] = NewRing(3);
     *vm.statics.vmThread = thread;
@@ -133,7 +139,7 @@ Word NewMonitorBlock() {
         Word monitor = block + i * sizeof(ObjectMonitor);
         As<ObjectMonitor>(monitor).object = 0;
         if (i % USED == 0)
-            Put(monitor + offsetof(ObjectMonitor, object), 's', "_object", Fresh());
+            PutIn(monitor, &ObjectMonitor::object, 's', "_object", Fresh());
     }
     return block;
 }
@@ -143,82 +149,77 @@ Word KlassOf(const std::string &name) {
     for (auto &[klass, letter] : KindLetters())
         if (name.size() == 1 && letter == name[0])
             return klass;
-    return name[0] == '[' ? ArrayClass(name)->klass : DefineClass(name, "java/lang/Object")->klass;
+    return name[0] == '[' ? ArrayClass(name)->klass : DefineClass(name)->klass;
 }
 
-// Words of known things, one after the other: a name, and a klass, with + an object or an empty array of it,
-// with @ a method. The name - is a word that nobody reads.
-void PutAll(Word at, char letter, const char *text) {
-    std::istringstream words(text);
-    for (std::string name, what; words >> name; at += 8) {
+// Words of known things, one after the other: the root's name, between _ and what `ends` has, and a klass,
+// with
+// + an object or an empty array of it, with @ a method. A class without package is of java/lang. - is a word
+// that nobody reads.
+void PutAll(Word *words, char letter, const char *text, const char *ends = "") {
+    std::istringstream in(text);
+    auto at = reinterpret_cast<Word>(words);
+    for (std::string name, what; in >> name; at += 8) {
         if (name == "-") {
             As<Word>(at) = POISON_WORD;
             continue;
         }
-        words >> what;
-        const std::string of = what.substr(1);
+        in >> what;
+        const char sign = strchr("+@", what[0]) ? what[0] : 0;
+        std::string of = what.substr(sign != 0);
+        if (of.size() > 1 && of.substr(0, of.find('.')).find('/') == of.npos && of[0] != '[')
+            of = "java/lang/" + of;
         const size_t dot = of.find('.'), bracket = of.find('(');
-        if (what[0] == '+')
-            Put(at, letter, name, of[0] == '[' ? NewArray(of, 0) : NewObject(of));
-        else if (what[0] == '@')
+        name = name[0] == '#' ? name : "_" + name + ends;
+        if (sign == '+')
+            Put(at, letter, name, of[0] == '[' ? NewArray(of, {}) : New(of));
+        else if (sign == '@')
             Put(at, letter, name,
                 DefineMethod(of.substr(0, dot), of.substr(dot + 1, bracket - dot - 1), of.substr(bracket), {})
                     ->oop);
         else
-            Put(at, letter, name, KlassOf(what));
+            Put(at, letter, name, KlassOf(of));
     }
 }
 
 const char UNIVERSE[] = R"(
-_bool_arr_klass [Z _byte_arr_klass [B _char_arr_klass [C _int_arr_klass [I _short_arr_klass [S _long_arr_klass [J
-_single_arr_klass [F _double_arr_klass [D _symbol_klass 1 _method_klass 2 _klass_klass A _arr_klass_klass C
-_obj_arr_klass_klass D _type_arr_klass_klass E _instance_klass_klass B _constant_pool_klass 3
-_constant_pool_cache_klass 4 _compiledicholder_klass * _system_obj_array_klass [Ljava/lang/Object;
-_main_thread_group +java/lang/ThreadGroup _system_thread_group +java/lang/ThreadGroup
-_the_empty_short_array +[S _the_empty_int_array +[I _the_empty_system_obj_array +[Ljava/lang/Object;
-_the_empty_class_klass_array +[Ljava/lang/Class;
-_finalizer_register_method @java/lang/ref/Finalizer.register(Ljava/lang/Object;)V -
-_loader_addclass_method @java/lang/ClassLoader.addClass(Ljava/lang/Class;)V
-_out_of_memory_error_instance +java/lang/OutOfMemoryError
-_null_ptr_exception_instance +java/lang/NullPointerException
-_arithmetic_exception_instance +java/lang/ArithmeticException _vm_exception +java/lang/VirtualMachineError
-_reflect_invoke_method @java/lang/reflect/Method.invoke(Ljava/lang/Object;)V
+bool_arr_klass [Z byte_arr_klass [B char_arr_klass [C int_arr_klass [I short_arr_klass [S long_arr_klass [J
+single_arr_klass [F double_arr_klass [D symbol_klass 1 method_klass 2 klass_klass A arr_klass_klass C
+obj_arr_klass_klass D type_arr_klass_klass E instance_klass_klass B constant_pool_klass 3
+constant_pool_cache_klass 4 compiledicholder_klass * system_obj_array_klass [Ljava/lang/Object;
+main_thread_group +ThreadGroup system_thread_group +ThreadGroup the_empty_short_array +[S the_empty_int_array +[I
+the_empty_system_obj_array +[Ljava/lang/Object; the_empty_class_klass_array +[Ljava/lang/Class;
+finalizer_register_method @java/lang/ref/Finalizer.register(Ljava/lang/Object;)V -
+loader_addclass_method @ClassLoader.addClass(Ljava/lang/Class;)V
+out_of_memory_error_instance +OutOfMemoryError null_ptr_exception_instance +NullPointerException
+arithmetic_exception_instance +ArithmeticException vm_exception +VirtualMachineError
+reflect_invoke_method @java/lang/reflect/Method.invoke(Ljava/lang/Object;)V
 )";
 const char KNOWN_CLASSES[] = R"(
-_object_klass java/lang/Object _string_klass java/lang/String _class_klass java/lang/Class
-_cloneable_klass java/lang/Cloneable _classloader_klass java/lang/ClassLoader
-_serializable_klass java/io/Serializable _throwable_klass java/lang/Throwable _error_klass java/lang/Error
-_threaddeath_klass java/lang/ThreadDeath _exception_klass java/lang/Exception
-_runtime_exception_klass java/lang/RuntimeException
-_classnotfoundexception_klass java/lang/ClassNotFoundException
-_noclassdeffounderror_klass java/lang/NoClassDefFoundError
-_classcastexception_klass java/lang/ClassCastException _arraystoreexception_klass java/lang/ArrayStoreException
-_outofmemoryerror_klass java/lang/OutOfMemoryError _stackoverflowerror_klass java/lang/StackOverflowError
-_protectiondomain_klass java/security/ProtectionDomain
-_accesscontrolcontext_klass java/security/AccessControlContext _reference_klass java/lang/ref/Reference
-_soft_reference_klass java/lang/ref/SoftReference _weak_reference_klass java/lang/ref/WeakReference
-_final_reference_klass java/lang/ref/FinalReference _phantom_reference_klass java/lang/ref/PhantomReference
-_finalizer_klass java/lang/ref/Finalizer _thread_klass java/lang/Thread _threadgroup_klass java/lang/ThreadGroup
-_properties_klass java/util/Properties _reflect_method_klass java/lang/reflect/Method
-_reflect_constructor_klass java/lang/reflect/Constructor _stringbuffer_klass java/lang/StringBuffer
-_vector_klass java/util/Vector _hashtable_klass java/util/Hashtable _boolean_klass java/lang/Boolean
-_char_klass java/lang/Character _float_klass java/lang/Float _double_klass java/lang/Double
-_byte_klass java/lang/Byte _short_klass java/lang/Short _int_klass java/lang/Integer _long_klass java/lang/Long
+object Object string String class Class cloneable Cloneable classloader ClassLoader serializable java/io/Serializable
+throwable Throwable error Error threaddeath ThreadDeath exception Exception runtime_exception RuntimeException
+classnotfoundexception ClassNotFoundException noclassdeffounderror NoClassDefFoundError
+classcastexception ClassCastException arraystoreexception ArrayStoreException outofmemoryerror OutOfMemoryError
+stackoverflowerror StackOverflowError protectiondomain java/security/ProtectionDomain
+accesscontrolcontext java/security/AccessControlContext reference java/lang/ref/Reference
+soft_reference java/lang/ref/SoftReference weak_reference java/lang/ref/WeakReference
+final_reference java/lang/ref/FinalReference phantom_reference java/lang/ref/PhantomReference
+finalizer java/lang/ref/Finalizer thread Thread threadgroup ThreadGroup properties java/util/Properties
+reflect_method java/lang/reflect/Method reflect_constructor java/lang/reflect/Constructor stringbuffer StringBuffer
+vector java/util/Vector hashtable java/util/Hashtable boolean Boolean char Character float Float double Double byte Byte
+short Short int Integer long Long
 )";
-const char MIRRORS[] = R"(
-_int_mirror +java/lang/Class _float_mirror +java/lang/Class _double_mirror +java/lang/Class
-_byte_mirror +java/lang/Class _bool_mirror +java/lang/Class _char_mirror +java/lang/Class
-_long_mirror +java/lang/Class _short_mirror +java/lang/Class _void_mirror +java/lang/Class
-)";
+const char MIRRORS[] = "int +Class float +Class double +Class byte +Class bool +Class char +Class long "
+                       "+Class short +Class void +Class";
 
 void StageKnown() {
-    const auto at = [](Word *place) { return reinterpret_cast<Word>(place); };
-    PutAll(at(vm.statics.universe), 'z', UNIVERSE);
-    PutAll(at(vm.statics.knownKlasses), 'B', KNOWN_CLASSES);
-    PutAll(at(vm.statics.mirrors), 'C', MIRRORS);
-    PutAll(at(vm.statics.systemLoader), 'A', "#_java_system_loader +java/lang/ClassLoader");
+    PutAll(vm.statics.universe, 'z', UNIVERSE);
+    PutAll(vm.statics.knownKlasses, 'B', KNOWN_CLASSES, "_klass");
+    PutAll(vm.statics.mirrors, 'C', MIRRORS, "_mirror");
+    PutAll(vm.statics.systemLoader, 'A', "#_java_system_loader +ClassLoader");
     for (int i = 0; i < 191; i++)
-        Put(at(vm.statics.vmSymbols + i), 't', "*SYMBOL", Intern("known" + std::to_string(i)));
+        Put(reinterpret_cast<Word>(vm.statics.vmSymbols + i), 't', "*SYMBOL",
+            Intern("known" + std::to_string(i)));
 }
 
 // ---- dictionaries
@@ -236,29 +237,30 @@ Word NewTableOf(int32_t buckets, Word entry) {
 
 Word NewDictionaryEntry(const char *klass) {
     Word entry = Allocate(sizeof(DictionaryEntry)), domain = Allocate(sizeof(DomainEntry));
-    Put(entry + offsetof(DictionaryEntry, loader), 'G', "_loader", NewObject("java/lang/ClassLoader"));
-    Put(entry + offsetof(DictionaryEntry, klass), 'G', "_klass$dictionaryentry", KlassOf(klass));
+    PutIn(entry, &DictionaryEntry::loader, 'G', "_loader", New("java/lang/ClassLoader"));
+    PutIn(entry, &DictionaryEntry::klass, 'G', "_klass$dictionaryentry", nullptr, KlassOf(klass));
     As<DictionaryEntry>(entry).domains = domain;
     As<DomainEntry>(domain).next = 0;
-    Put(domain + offsetof(DomainEntry, domain), 'L', "_protection_domain", Fresh());
+    PutIn(domain, &DomainEntry::domain, 'L', "_protection_domain", Fresh());
     return entry;
 }
 
 Word NewPlaceholder() {
     Word entry = Allocate(sizeof(PlaceholderEntry));
     As<PlaceholderEntry>(entry).next = 0;
-    Put(entry + offsetof(PlaceholderEntry, loader), 'H', "_loader", NewObject("java/lang/ClassLoader"));
-    Put(entry + offsetof(PlaceholderEntry, klass), 'H', "_klass$placeholderentry", Intern("yet/ToCome"));
+    PutIn(entry, &PlaceholderEntry::loader, 'H', "_loader", New("java/lang/ClassLoader"));
+    PutIn(entry, &PlaceholderEntry::klass, 'H', "_klass$placeholderentry", nullptr, Intern("yet/ToCome"));
     return entry;
 }
 
 Word NewConstraint(int32_t loaders) {
     Word entry = Allocate(sizeof(ConstraintEntry)), array = Allocate(8 * (loaders + 3));
-    Put(entry + offsetof(ConstraintEntry, klass), 'I', "_klass$loaderconstraintentry", KlassOf("roots/Held"));
+    PutIn(entry, &ConstraintEntry::klass, 'I', "_klass$loaderconstraintentry", nullptr,
+          KlassOf("roots/Held"));
     As<ConstraintEntry>(entry).loaderCount = loaders;
     As<ConstraintEntry>(entry).loaders = array;
     for (int32_t i = 0; i < loaders; i++)
-        Put(array + 8 * i, 'I', "_loaders", NewObject("java/lang/ClassLoader"));
+        Put(array + 8 * i, 'I', "_loaders", New("java/lang/ClassLoader"));
     return entry;
 }
 
@@ -274,7 +276,7 @@ void StageDictionaries() {
 } // namespace
 
 void StageRoots(ThreadInfo *thread, ChainEnd end) {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     chainEnd = end;
     StageThread(thread);
     StageVmThread();
@@ -290,14 +292,10 @@ void WriteRoots() {
 }
 
 std::vector<Root> AllRoots() {
-    std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     std::vector<Root> all(stagedRoots.begin(), stagedRoots.end());
-    for (const ThreadInfo *thread : vm.threads) {
+    for (const ThreadInfo *thread : vm.threads)
         all.push_back({'a', "_threadObj", thread->object, 0, 0});
-        const HandleBlock &block = As<HandleBlock>(thread->handles);
-        for (int32_t i = 0; i < block.top; i++)
-            all.push_back({'d', "*OOP", nullptr, block.handles[i], 0});
-    }
     return all;
 }
 

@@ -24,10 +24,7 @@ std::condition_variable safepointOver;
 
 // From C back into Java code; not while a collection runs.
 void BackToJava(Runner *runner) {
-    for (;;) {
-        runner->inJava = true;
-        if (!__atomic_load_n(&safepointAsked, __ATOMIC_SEQ_CST))
-            return;
+    for (runner->inJava = true; __atomic_load_n(&safepointAsked, __ATOMIC_SEQ_CST); runner->inJava = true) {
         runner->inJava = false;
         std::unique_lock<std::mutex> lock(safepointLock);
         safepointOver.wait(lock, [] { return !safepointAsked; });
@@ -41,59 +38,55 @@ void OutOfJava(Runner *runner) {
 void WaitAtRest(Runner *runner) {
     char byte;
     const timespec slice = {0, 20'000'000};
-    if (runner->script->rest == Rest::CALL)
+    const Rest rest = runner->script->rest;
+    if (rest == Rest::CALL)
         return runner->call();
-    for (bool rests = true; rests && !__atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE);)
-        switch (runner->script->rest) {
-        case Rest::PIPE:
+    bool rests = true;
+    while (rests && !__atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE))
+        if (rest == Rest::PIPE)
             rests = read(runner->pipe[0], &byte, 1) < 0 && errno == EINTR;
-            break;
-        case Rest::ACCEPT:
+        else if (rest == Rest::ACCEPT)
             rests = accept4(runner->listener, nullptr, nullptr, SOCK_CLOEXEC) < 0 && errno == EINTR;
-            break;
-        case Rest::SLEEP:
+        else if (rest == Rest::SLEEP)
             nanosleep(&slice, nullptr);
-            break;
-        default:
+        else
             syscall(SYS_futex, &runner->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
-        }
 }
 
 // Through the call stub, with the anchor in force kept in the wrapper meanwhile.
 void EnterJava(Runner *runner, Word entry) {
-    Word thread = runner->info->address;
+    const Word thread = runner->info->address;
+    Word &sp = At(thread, &JavaThread::anchorSp), &fp = At(thread, &JavaThread::anchorFp),
+         &pc = At(thread, &JavaThread::anchorPc);
     CallWrapper wrapper;
     memset(&wrapper, POISON, sizeof wrapper);
-    auto at = reinterpret_cast<Word>(&wrapper);
     wrapper.thread = thread;
-    At(at, &CallWrapper::anchorSp) = At(thread, &JavaThread::anchorSp) & ~Word(3);
-    At(at, &CallWrapper::anchorFp) = At(thread, &JavaThread::anchorFp);
-    wrapper.anchorPc = At(thread, &JavaThread::anchorPc);
+    wrapper.anchorSp = sp & ~Word(3);
+    wrapper.anchorFp = fp;
+    wrapper.anchorPc = pc;
     BackToJava(runner);
     At(thread, &JavaThread::state) = IN_JAVA;
-    At(thread, &JavaThread::anchorSp) = 0;
-    CallJava(entry, at, thread, &runner->control);
+    sp = 0;
+    reinterpret_cast<void (*)(Word, CallWrapper *, Word, Control *)>(callStub)(entry, &wrapper, thread,
+                                                                               &runner->control);
     OutOfJava(runner);
-    At(thread, &JavaThread::anchorFp) = At(at, &CallWrapper::anchorFp);
-    At(thread, &JavaThread::anchorPc) = wrapper.anchorPc;
-    At(thread, &JavaThread::anchorSp) = At(at, &CallWrapper::anchorSp);
+    fp = wrapper.anchorFp;
+    pc = wrapper.anchorPc;
+    sp = wrapper.anchorSp;
     At(thread, &JavaThread::state) = IN_NATIVE;
 }
 
 void RunScript(Runner *runner) {
-    if (runner->first)
-        runner->first();
     current = runner;
     runner->stackHigh = reinterpret_cast<Word>(__builtin_frame_address(0));
     OutOfJava(runner);
-    {
-        std::lock_guard<std::mutex> held(safepointLock);
-        runners.push_back(runner);
-    }
+    safepointLock.lock();
+    runners.push_back(runner);
+    safepointLock.unlock();
     LinkThread(runner->info);
     At(runner->info->address, &JavaThread::safepointState) = runner->script->safepointState;
     SetStates(runner->info, IN_VM, OS_RUNNABLE);
-    if (runner->script->rest == Rest::SPIN || runner->script->rest == Rest::CALLS)
+    if (Loops(runner->script->rest))
         runner->resting = 1;
     EnterJava(runner, runner->script->entry);
     SetStates(runner->info, IN_VM, OS_ZOMBIE);
@@ -118,10 +111,8 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
             Redirect(object.address + sizeof(Oop), object.address + object.bytes, moved);
     for (auto &[name, type] : vm.classes)
         Redirect(type.klass + sizeof(Klass), type.klass + 8 * WordsOf(type.klass), moved);
-    for (ThreadInfo *thread : vm.threads) {
+    for (const ThreadInfo *thread : vm.threads)
         Redirect(thread->address, thread->address + sizeof(JavaThread), moved);
-        Redirect(thread->handles, thread->handles + sizeof(HandleBlock), moved);
-    }
     for (auto &[low, end] : OopTables())
         Redirect(low, end, moved);
     for (Runner *runner : runners)
@@ -134,18 +125,20 @@ void Empty(HeapSpace *space) {
     SetTop(space, space->bottom);
 }
 
+template <class GENERATION>
+void WriteSurvivors(Word young) {
+    At(young, &GENERATION::from) = vm.from.structure;
+    At(young, &GENERATION::to) = vm.to.structure;
+}
+
 // The to space becomes the from space.
 void SwapSurvivors() {
     std::swap(vm.from, vm.to);
     std::swap(vm.from.letter, vm.to.letter);
-    if (vm.options.collector == Collector::PARALLEL) {
-        At(*vm.statics.psYoung, &ParallelGeneration::from) = vm.from.structure;
-        At(*vm.statics.psYoung, &ParallelGeneration::to) = vm.to.structure;
-        return;
-    }
-    Word young = At(vm.heap, &CollectedHeap::young);
-    At(young, &YoungGeneration::from) = vm.from.structure;
-    At(young, &YoungGeneration::to) = vm.to.structure;
+    if (vm.options.collector == Collector::PARALLEL)
+        WriteSurvivors<ParallelGeneration>(*vm.statics.psYoung);
+    else
+        WriteSurvivors<YoungGeneration>(At(vm.heap, &CollectedHeap::young));
 }
 
 void MoveYoung() {
@@ -188,14 +181,15 @@ void MoveKlass(Class *type) {
 
 } // namespace
 
-extern "C" void SimvmRest(Word thread, Script *script) {
+extern "C" void SimvmRest(Word thread) {
     Runner *runner = current;
     OutOfJava(runner);
     const std::map<Rest, OsState> blocks = {
         {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
-    const auto found = blocks.find(script->rest);
-    At(runner->info->osThread, &OSThread::state) = found == blocks.end() ? OS_RUNNABLE : found->second;
-    At(thread, &JavaThread::state) = found == blocks.end() ? IN_NATIVE : BLOCKED;
+    const auto found = blocks.find(runner->script->rest);
+    const bool blocked = found != blocks.end();
+    At(runner->info->osThread, &OSThread::state) = blocked ? found->second : OS_RUNNABLE;
+    At(thread, &JavaThread::state) = blocked ? BLOCKED : IN_NATIVE;
     runner->resting = 1;
     WaitAtRest(runner);
     At(runner->info->osThread, &OSThread::state) = OS_RUNNABLE;
@@ -214,9 +208,8 @@ extern "C" void SimvmSafepoint(Word thread) {
     BackToJava(current);
 }
 
-Runner *Start(const std::string &name, Script *script, std::function<void()> call,
-              std::function<void()> first) {
-    auto *runner = new Runner{NewThread(name), script, {}, std::move(call), std::move(first), {}};
+Runner *Start(const std::string &name, Script *script, std::function<void()> call) {
+    auto *runner = new Runner{NewThread(name), script, {}, std::move(call), {}};
     int32_t port;
     if (script->rest == Rest::PIPE && pipe2(runner->pipe, O_CLOEXEC))
         Fail("no pipe");
@@ -243,14 +236,15 @@ void Leave(Runner *runner) {
     delete runner;
 }
 
-void RunHere(const std::string &name, Script *script, std::function<void()> call) {
-    Runner runner{NewThread(name), script, {}, std::move(call), {}, {}};
+void RunAsMain(const std::function<void()> &call) {
+    Script script = NativeScript();
+    Runner runner{NewThread("main"), &script, {}, call, {}};
     RunScript(&runner);
     FreeThread(runner.info);
 }
 
 void Collect(const std::function<void()> &held, const std::vector<std::string> &moving) {
-    std::lock_guard<std::recursive_mutex> description(vm.lock);
+    const Locked description(vm.lock);
     At(vm.heap, &CollectedHeap::collecting) = 1;
     __atomic_store_n(&safepointAsked, 1, __ATOMIC_SEQ_CST);
     std::unique_lock<std::mutex> lock(safepointLock);
@@ -262,10 +256,9 @@ void Collect(const std::function<void()> &held, const std::vector<std::string> &
     for (const std::string &name : moving)
         MoveKlass(FindClass(name));
     MoveYoung();
-    CollectionFigures figures = vm.collections;
-    (moving.empty() ? figures.minor : figures.major)++;
-    (moving.empty() ? figures.minorTime : figures.majorTime) += 1000;
-    SetCollections(figures);
+    auto [minor, major, minorTime, majorTime] = vm.collections;
+    (moving.empty() ? minor : major)++;
+    SetCollections({minor, major, minorTime, majorTime});
     At(vm.heap, &CollectedHeap::collecting) = 0;
     __atomic_store_n(&safepointAsked, 0, __ATOMIC_SEQ_CST);
     lock.unlock();

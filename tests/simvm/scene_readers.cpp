@@ -23,7 +23,7 @@ class readers/All < readers/Base *count,J *last,Lreaders/All; z,Z b,B c,C s,S i,
 class readers/Unknown ? x,I
 any = readers/Plain
 all := readers/All{z=true b=-128 c=0x20ac s=-32768 i=-2147483648 j=-9223372036854775801 f=2.5 d=-0.001 text="all"
-  buffer=inside chars=letters ints=[I(1 -2 3) names=[Ljava/lang/String;("a" null "c") grid=[[I([I(1) [I()) any=any
+  buffer=java/lang/StringBuffer{value='in a bufferunused' count=11} chars='letters' ints=[I(1 -2 3) names=[Ljava/lang/String;("a" null "c") grid=[[I([I(1) [I()) any=any
   table=hashtable id=77 top=any}
 static readers/Base.shared = -3
 static readers/Base.label = "static text"
@@ -31,16 +31,14 @@ static readers/All.count = 0x10000000000
 static readers/All.last = all
 plain := readers/Plain
 
-far-offset := far
-set far.offset = 0x100000
-negative-count := negative
-set negative.count = -1
-odd-text := odd
-part := part
-wide-text := wide
-long-text := long
+let STRING java/lang/String
+far-offset := $STRING{value='far' offset=0x100000 count=3}
+negative-count := $STRING{value='negative' count=-1}
+odd-text := $STRING{value=[C(111 100 100 32 0x80 0xe9 0xff 0 29 30 31 124) count=12}
+part := $STRING{value='a part of it' offset=2 count=4}
+wide-text := $STRING{value=[C(97 0xd83d 0xde00 0xd83d 98 0xde00 0x20ac) count=7}
 empty-text := ""
-buffer := buffered
+buffer := java/lang/StringBuffer{value='bufferedunused' count=8}
 
 Z := [Z(1 0 65)
 B := [B(1 0 65)
@@ -102,21 +100,8 @@ void AddLines(Scene *scene) {
 
 void StageReaders(Scene *scene) {
     SceneText text(scene);
-    std::u16string odd = u"odd ";
-    for (char16_t c : {0x80, 0xe9, 0xff, 0, 29, 30, 31, int('|')})
-        odd.push_back(c);
-    const std::u16string wide = {'a', 0xd83d, 0xde00, 0xd83d, 'b', 0xde00, 0x20ac};
-    for (auto &[name, value] : {std::pair<const char *, Object *>{"odd", NewPartOf(odd, 0, int(odd.size()))},
-                                {"wide", NewPartOf(wide, 0, int(wide.size()))},
-                                {"part", NewPartOf(u"a part of it", 2, 4)},
-                                {"far", NewPartOf(u"far", 0, 3)},
-                                {"negative", NewPartOf(u"negative", 0, 8)},
-                                {"long", NewString(std::string(3000, 'x'))},
-                                {"inside", NewBuffer("in a buffer")},
-                                {"buffered", NewBuffer("buffered")},
-                                {"letters", NewChars("letters")}})
-        text.Name(name, value);
-    scene->named["many"] = NewElements("[I", std::vector<Value>(20000, 4));
+    scene->named["long-text"] = NewString(std::string(3000, 'x'));
+    scene->named["many"] = NewArray("[I", std::vector<Value>(20000, 4));
     scene->named["thread"] = vm.threadGroup;
     text.Read(OBJECTS);
     AddCompiled(scene, &text);
@@ -227,7 +212,7 @@ statement = $DRIVER/Q5DPreparedStatement{q5Connection=connection m_sql=$DRIVER/T
 set connection.statements = statement
 )");
     text->Read("object = " + (object[0] == '{' ? holder + object : object));
-    scene->named[name] = text->Make("object").object;
+    text->Read(name + " := object");
     const bool known = !socket.localPort.empty() && hole == NATIVE_STEPS;
     text->Read("thread $T: PIPE \"DB Wait\" run shop/Worker ; c shop/Dao.find:12 @ > " + holder +
                ".execute:99 @object ; " + row.frames + (known ? " | $FACTS" : "") +

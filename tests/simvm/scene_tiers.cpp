@@ -35,6 +35,7 @@ class $SITES/AbstractCallSite index,I name,Ljava/lang/String; array,L$SITES/Call
 sites = $SITES/CallSiteArray
 second = $SITES/AbstractCallSite{index=1 name="charge" array=sites}
 set sites.array = [L$SITES/CallSite;($SITES/AbstractCallSite{index=0 name="total" array=sites} second null)
+lines = "def t = total(cart)\nif (t > 0)\n  charge(t)\nreturn t\n"
 thread script: $WORKS ; i tessar/kvo/ExprEval.evaluate:75 @{mExprStr=lines} ;
   c shop/Script.run:76 > $SITES/AbstractCallSite.callCurrent:77 @second ; $READS | server=; object=Groovy_Script->charge|^|3
 
@@ -84,7 +85,8 @@ let SERVES $WORKS ; i javax/servlet/http/HttpServlet.service(Ljavax/servlet/Serv
 thread qvs: $SERVES %com/halcyon/server/http/PlainRequest{m_unparsedURI="/qvs/text"} ; $READS
   | server=QVS; url=/qvs/text
 thread qvs bytes: $SERVES %com/halcyon/server/http/HalcyonHttpServletRequest{requestURI=
-  com/halcyon/util/ByteString{data=bytes offset=5 length=10}} ; $READS | server=QVS; url=/qvs/bytes
+  com/halcyon/util/ByteString{data=[B(63 63 63 63 63 63 63 63 63 63 47 113 118 115 47 98 121 116 101 115) offset=5
+  length=10}} ; $READS | server=QVS; url=/qvs/bytes
 thread tomcat: $SERVES %org/apache/catalina/connector/RequestFacade{request=
   org/apache/catalina/connector/Request{requestDispatcherPath,Ljava/lang/Object;=
   org/apache/tomcat/util/buf/MessageBytes{strValue="/tomcat/path"}}} ; $READS | server=Tomcat; url=/tomcat/path
@@ -107,13 +109,7 @@ thread jserv ring: $WORKS ; i org/apache/jserv/JServConnection.processRequest:92
 } // namespace
 
 void StageTiers(Scene *scene) {
-    SceneText text(scene);
-    text.Name("lines", NewString("def t = total(cart)\nif (t > 0)\n  charge(t)\nreturn t\n"));
-    std::vector<Value> bytes(10, '?');
-    for (char one : std::string("/qvs/bytes"))
-        bytes.push_back(one);
-    text.Name("bytes", NewElements("[B", bytes));
-    text.Read(TIERS);
+    SceneText(scene).Read(TIERS);
 }
 
 // The application servers' objects that know the port, each on a socket that listens. Where a server keeps

@@ -1,18 +1,9 @@
 #include "scenes.h"
 #include "simvm.h"
 
-#include <cstdio>
 #include <unistd.h>
 
 namespace simvm {
-
-Scope In(const std::string &holder, const std::string &name, int line, Object *receiver,
-         std::vector<Object *> monitors, const std::string &signature, std::vector<Variable> variables) {
-    MethodInfo *method = DefineMethod(
-        holder, name, signature, {{0, 10}, {45, line + 300}, {46, line + 1}, {7, line + 70000}, {8, line}},
-        receiver ? 0 : METHOD_STATIC);
-    return {method, 8, receiver, std::move(monitors), std::move(variables)};
-}
 
 void Add(Scene *scene, const std::string &name, Script script) {
     scene->scripts.push_back(std::move(script));
@@ -21,10 +12,9 @@ void Add(Scene *scene, const std::string &name, Script script) {
 }
 
 void StageShop(Scene *scene) {
-    SceneText text(scene);
-    text.Name("ledger", NewObject("shop/Ledger", vm.old.letter));
-    text.Read(R"(
+    SceneText(scene).Read(R"(
 class shop/Till *last,Lshop/Till;
+ledger = shop/Ledger
 till = shop/Till
 static shop/Till.last = till
 orders = shop/Orders
@@ -57,10 +47,12 @@ thread reports: PIPE $WORKS ; i shop/Reports.print:19 @orders ^orders ;
 )");
 }
 
-Script MainScript() {
-    return {SceneText(nullptr).Frames(
-                "i shop/Main.main:7 ; c qoragent/Agent.start:70 ; n qoragent/Agent.initvar"),
-            Rest::CALL};
+Script NativeScript() {
+    Script script = {SceneText(nullptr).Frames(
+                         "i shop/Main.main:7 ; c qoragent/Agent.start:70 ; n qoragent/Agent.initvar"),
+                     Rest::CALL};
+    EmitScript(&script);
+    return script;
 }
 
 void StageScene(const std::string &name, Scene *scene) {
@@ -73,8 +65,6 @@ void StageScene(const std::string &name, Scene *scene) {
         found->second(scene);
     else if (name.rfind("servers", 0) == 0)
         StageServers(name, scene);
-    else if ((scene->storm = name == "storm" || name == "crowd"))
-        StartStorm(name == "storm" ? StormOptions() : StormOptions{200, 50, 2, 50, 1, false});
     else if (name != "nothing")
         Fail(("no scene " + name).c_str());
     if (name != "heap")
@@ -90,18 +80,6 @@ void EndScene(Scene *scene) {
     scene->runners.clear();
     for (int descriptor : scene->descriptors)
         close(descriptor);
-    if (!scene->storm)
-        return;
-    const StormFigures figures = StopStorm();
-    printf("%ld collections, %ld threads ended, %ld + %ld of %ld signals, longest stop %.3f ms, %ld laps\n",
-           figures.collections, figures.threadsEnded, figures.foreignArrived, figures.foreignMerged,
-           figures.foreignSent, figures.longestStop / 1e6, figures.laps);
-}
-
-SampleObjects NewSampleObjects(ThreadInfo *thread) {
-    return {NewHandle(thread, NewObject("java/lang/Object")),
-            NewHandle(thread, NewObject("java/lang/ref/WeakReference")),
-            NewHandle(thread, NewArray("[Ljava/lang/Object;", 2)), NewHandle(thread, NewArray("[I", 3))};
 }
 
 } // namespace simvm

@@ -24,7 +24,7 @@ struct Runner {
     ThreadInfo *info;
     Script *script;
     Control control;
-    std::function<void()> call, first;
+    std::function<void()> call;
     std::thread thread;
     std::atomic<int32_t> resting{0}; // 1: it has come to its rest (loops: it has begun)
     std::atomic<bool> inJava{false};
@@ -33,15 +33,23 @@ struct Runner {
     int32_t pipe[2] = {-1, -1}, listener = -1;
 };
 
-// Starts a thread that runs the script once, and comes back when it rests. `first` runs on it before any Java
-// code, `call` where its script's rest is CALL.
-Runner *Start(const std::string &name, Script *script, std::function<void()> call = {},
-              std::function<void()> first = {});
+// Starts a thread that runs the script once, and comes back when it rests. `call` runs where its script's
+// rest is CALL.
+Runner *Start(const std::string &name, Script *script, std::function<void()> call = {});
 // Ends its rest: it returns through all its frames, leaves the list and is joined. Its memory goes to the
 // next thread.
 void Leave(Runner *runner);
-// The calling thread as a Java thread that runs the script, which ends in `call`.
-void RunHere(const std::string &name, Script *script, std::function<void()> call);
+// A script whose last frame, a native method's, is where its thread makes its `call`.
+Script NativeScript();
+// The calling thread as the Java thread "main", which runs such a script.
+void RunAsMain(const std::function<void()> &call);
+
+// The calling thread in the VM's list, for as long as it is there.
+struct Attached {
+    ThreadInfo *const info;
+    explicit Attached(const std::string &name) : info(NewThread(name)) { LinkThread(info); }
+    ~Attached() { UnlinkThread(info), FreeThread(info); }
+};
 
 int ListeningSocket(int32_t *port); // on the loopback
 
@@ -87,30 +95,21 @@ struct StormOptions {
     bool disturbs = true; // threads end and start, collections run, signals arrive
 };
 
-// A thread of the storm, for as long as it was in its rest; times in nanoseconds of CLOCK_MONOTONIC, `end` 0
-// while it lasts. What it showed then is its script's shadow stack; one that has just come or is about to go
-// shows the outer part.
+// A thread that the storm had. What it showed then is its script's shadow stack; one that has just come or is
+// about to go shows the outer part.
 struct Lived {
     std::string name;
     int32_t kernelId;
     const Script *script;
-    int64_t start, end;
-};
-
-struct StormFigures {
-    int64_t collections = 0, threadsEnded = 0;
-    // Signals 31 of the VM's own. The kernel keeps one of two pending ones, so that one to a looping thread
-    // may be lost when the agent's own is on its way; no other may.
-    int64_t foreignSent = 0, foreignArrived = 0, foreignMerged = 0;
-    int64_t longestStop = 0; // of a looping thread, nanoseconds, asleep outside collections
-    int64_t laps = 0;        // of those at the end
 };
 
 void StartStorm(const StormOptions &options);
 std::vector<Lived> LivedSoFar();
 std::vector<Runner *> StormRunners(); // where none comes or goes
-// Ends all of it. The VM's own handler of signal 31 stays installed: VmSignalHandler.
-StormFigures StopStorm();
+// Ends all of it; a thread that still was held would never end. The VM's own handler of signal 31 stays
+// installed: VmSignalHandler. Whether each of its signals arrived. The kernel keeps one of two pending ones,
+// so that one to a looping thread may be lost when the agent's own is on its way; no other may.
+bool StopStorm();
 void VmSignalHandler(int signal, siginfo_t *info, void *context);
 
 // ---- spoiling
@@ -134,7 +133,6 @@ struct Scene {
     std::map<std::string, Object *> named; // what readers of objects are to look at
     std::vector<int> descriptors;          // open until its end
     std::map<std::string, int32_t> ports;  // on which it listens, by the word for the server
-    bool storm = false;
 };
 
 // Ends the process for a name it does not know.
@@ -146,28 +144,12 @@ struct Scene {
 //          without Tomcat's thread
 // heap: the shop over a tricky heap (heap.h)
 // nothing: no thread
-// storm: as storm.h has it by default; crowd: 200 threads of 50 frames, two of them looping
 void StageScene(const std::string &name, Scene *scene);
-// Ends it; of the storm and the crowd it prints the figures.
 void EndScene(Scene *scene);
-// The scene's main method, for a thread that runs `call` at its end.
-Script MainScript();
-
-// What the agent's initvar takes of objects: an instance, a reference, an array of objects, one of ints.
-struct SampleObjects {
-    jobject instance, reference, objects, ints;
-};
-SampleObjects NewSampleObjects(ThreadInfo *thread);
-
 // What scenes are made of: a text with a line for each class, object and thread, and real sockets.
 
 using F = FrameKind;
 
-// A frame in a method of five lines: 10 at its start, a far one, one that no file has, and last, as some
-// compilers order them, one at bci 8 that stands for the call. Without a receiver the method is static.
-Scope In(const std::string &holder, const std::string &name, int line, Object *receiver = nullptr,
-         std::vector<Object *> monitors = {}, const std::string &signature = "()V",
-         std::vector<Variable> variables = {});
 // A thread of the scene, at its rest.
 void Add(Scene *scene, const std::string &name, Script script);
 
@@ -180,7 +162,8 @@ std::vector<std::string> WholeLines(const std::string &text);
 //   NAME = VALUE               an object by its name; with := it is one of the scene's named ones
 //   static CLASS.FIELD = VALUE, set NAME.FIELD = VALUE
 //   thread NAME: REST ["STATE"] FRAME; ... [| FACT=TEXT; ...]    outermost frame first
-// VALUE: null, true, a number, a name, "text", TYPE[<SUPER]{FIELD[,SIGNATURE]=VALUE ...}, SIGNATURE(VALUE
+// VALUE: null, true, a number, a name, "text", 'characters' (a char[]), TYPE[<SUPER]{FIELD[,SIGNATURE]=VALUE
+// ...}, SIGNATURE(VALUE
 // ...),
 //   or a table: TYPE#BUCKETS(KEY@BUCKET VALUE ...). A class that isn't there yet is defined with these
 //   fields, their types as their values have them where no signature is given.
@@ -194,10 +177,8 @@ class SceneText {
 public:
     explicit SceneText(Scene *scene) : scene_(scene) {}
     void Read(const std::string &text);
-    Value Make(const std::string &text);                 // of one value
     std::string Expanded(const std::string &line) const; // with the texts of its names
     void Let(const std::string &name, const std::string &text) { texts_[name] = text; }
-    void Name(const std::string &name, Value value) { values_[name] = value; }
     std::vector<Frame> Frames(const std::string &text);
 
 private:
@@ -209,7 +190,7 @@ private:
     Value ReadValue();
     Value ReadObject(const std::string &type);
     std::vector<Value> ReadElements();
-    std::vector<TableEntry> ReadEntries();
+    Value ReadTable(const std::string &type);
     Frame ReadFrame();
     Scope ReadScope();
 

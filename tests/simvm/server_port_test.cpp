@@ -48,12 +48,10 @@ INSTANTIATE_TEST_SUITE_P(Simvm, ServerPort, testing::ValuesIn(CASES));
 TEST(LateServer, IsWaitedForWithinBounds) {
     WithScene("servers-later", {}, [](Scene &scene) {
         std::thread leaver([] {
-            ThreadInfo *thread = NewThread("leaver");
-            LinkThread(thread);
+            const Attached self("leaver");
             while (!serverAwaited)
                 usleep(1000);
-            Java_qoragent_Agent_dataFromNative(EnvOf(thread), nullptr, NewText("SHUTDOWN"));
-            UnlinkThread(thread);
+            Java_qoragent_Agent_dataFromNative(EnvOf(self.info), nullptr, NewText("SHUTDOWN"));
         });
         const time_t before = time(nullptr);
         ExpectName({"Tomcat", "x", 3600}, "x");

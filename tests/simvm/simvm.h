@@ -5,6 +5,7 @@
 #include "layout.h"
 #include "statics.h"
 
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <deque>
@@ -36,13 +37,9 @@ template <class S>
 inline int16_t placeShift[1024];
 
 template <class S, class T>
-size_t PlaceInLayout(T S::*member) {
-    alignas(16) static char any[sizeof(S)];
-    return reinterpret_cast<char *>(&(reinterpret_cast<S *>(any)->*member)) - any;
-}
-template <class S, class T>
 size_t Place(T S::*member) {
-    const size_t place = PlaceInLayout(member);
+    alignas(16) static char any[sizeof(S)];
+    const size_t place = reinterpret_cast<char *>(&(reinterpret_cast<S *>(any)->*member)) - any;
     return place + placeShift<S>[place];
 }
 
@@ -76,7 +73,6 @@ struct Options {
     std::string version = "1.5.0_22";
     Collector collector = Collector::SERIAL;
     HeapFlags flags;
-    uint32_t shuffle = 0; // a seed: members lie in places that no build has
 };
 
 struct Object;
@@ -98,12 +94,13 @@ struct Field {
     Value value = {}; // of a static
 };
 struct Class {
+    Word mirror;      // of its java.lang.Class; a JNI reference is where this word is
     std::string name; // with slashes
     Class *super;
     std::vector<Field> fields; // its own
     Word klass, pool;
     int32_t bytes; // of an instance
-    int32_t poolUsed, poolRoom = 0;
+    int32_t poolUsed = 1, poolRoom;
     std::string source = {}; // file; empty: not known
 };
 struct MethodLine {
@@ -123,12 +120,13 @@ struct MethodInfo {
 // Of a method's arguments, in their order.
 std::vector<std::string> ArgumentsOf(const MethodInfo &method);
 struct Object {
-    Word address; // follows the object when it moves
-    Word klass;
-    int64_t bytes;
-    char space;
+    Word address = 0; // follows the object when it moves; a JNI reference is where this word is
+    Word klass = 0;
+    int64_t bytes = 0;
+    char space = 0;
     Class *type = nullptr;          // null: its values aren't described
     std::vector<Value> values = {}; // an array's elements, or the fields as FieldsOf lists them
+    std::string text = {};          // of a text or a byte[] that JNI keeps beside the heap
 };
 struct HeapSpace {
     char letter;    // P, O (C: the concurrent collector's), E, F, T
@@ -143,14 +141,14 @@ struct CollectionFigures {
 };
 struct ThreadInfo {
     std::string name;
-    Word address = 0, osThread = 0; // JavaThread, OSThread
-    Object *object = nullptr;       // java.lang.Thread
+    Word address, osThread; // JavaThread, OSThread
+    Object *object;         // java.lang.Thread
     int32_t kernelId = 0;
-    Word handles = 0; // HandleBlock
     bool exceptionPending = false;
-    std::vector<Object *> objects; // that die with it
+    std::vector<Object *> objects = {}; // that die with it
 };
 
+using Locked = std::lock_guard<std::recursive_mutex>;
 struct Vm {
     Options options;
     Statics statics;
@@ -172,9 +170,7 @@ extern Vm vm;
 // Lays out the VM: statics, virtual tables, spaces, the VM's own klasses and java.lang's. Ends the process on
 // failure.
 void Boot(const Options &options);
-// The agent's table of places as this build has them: index as the agent's `offsets`, unit bytes or words by
-// index. For builds whose places are shuffled.
-void TellPlaces(uint32_t out[200]);
+Word HeadOf(VtableKind kind); // of its virtual table
 
 // ---- classes and objects
 // -----------------------------------------------------------------------------------
@@ -182,9 +178,8 @@ void TellPlaces(uint32_t out[200]);
 Word Intern(const std::string &text); // a symbol
 // Seven bits a byte from the lowest; the last byte holds a signed rest, counted from 192.
 void PutCompressed(std::string *out, int32_t value);
-Class *DefineClass(const std::string &name, const std::string &super, std::vector<Field> fields = {});
-// A line of words: "NAME [< SUPER] [?] field,SIGNATURE *static,SIGNATURE ...". "?": its source file isn't
-// known.
+// Defines it, if it isn't yet. A line of words: "NAME [< SUPER] [?] field,SIGNATURE *static,SIGNATURE ...".
+// "?": its source file isn't known.
 Class *DefineClass(const std::string &line);
 Class *ArrayClass(const std::string &signature); // "[I", "[[Ljava/lang/Object;"
 Class *FindClass(const std::string &name);       // null: not defined
@@ -193,16 +188,18 @@ MethodInfo *DefineMethod(const std::string &holder, const std::string &name, con
                          std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64,
                          LineEnd end = LineEnd::MARKED);
 
+std::array<HeapSpace *, 5> Spaces();
 HeapSpace &SpaceOf(char letter);
 bool HasFreeLists(const HeapSpace &space);
 int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
 Word AllocateObject(HeapSpace *space, int64_t bytes);
 void SetTop(HeapSpace *space, Word top); // with what is free above
 void Forget(Object *object);             // dead; the next collection takes its memory
-Object *NewObject(const std::string &className, char space = 'E');
+using Fields = std::vector<std::pair<std::string, Value>>;
+Object *New(const std::string &className, const Fields &fields = {}, char space = 'E');
+Object *NewArray(const std::string &signature, const std::vector<Value> &elements, char space = 'E');
 Object *NewChars(const std::string &text, char space = 'E'); // char[], one character a byte
 Object *NewString(const std::string &text, char space = 'E');
-Object *NewArray(const std::string &signature, int32_t length, char space = 'E');
 // Of an instance, super classes' first.
 std::vector<const Field *> FieldsOf(const Class *type);
 // A field, a static or an element, in memory and in the description. A name is that of the class nearest.
@@ -228,22 +225,28 @@ void SetStates(ThreadInfo *thread, ThreadState state, OsState osState);
 // ---------------------------------------------------------------------------------------------------
 
 JNIEnv *EnvOf(ThreadInfo *thread); // inside its JavaThread
-// A handle to the object, or to text that isn't in the heap; they live as long as the thread.
-jobject NewHandle(ThreadInfo *thread, Object *object);
+// What a native method is given, and what it has returned. Texts live as long as the calling thread is in
+// native methods: until EndLocals.
+template <class T = jobject>
+T HandleOf(Object *object) {
+    return static_cast<T>(reinterpret_cast<jobject>(object));
+}
+inline Object *ObjectOf(jobject handle) {
+    return reinterpret_cast<Object *>(handle);
+}
 jstring NewText(const std::string &text);
-const std::string &TextOf(jstring text);
-void FreeText(jstring text);
+void EndLocals();
 
-// Objects of java.lang and java.util as they are built for a scene, and their values as text.
+// What the Java side is called with, for the threads of a reply.
+struct JavaCall {
+    const Object *threads, *texts; // arrays; ten texts a thread
+    int count, withSystem;
+};
+// Loads the classes that the agent calls. `answer`: the text that the Java side returns; null: it throws.
+void DefineJavaSide(std::function<std::string(const JavaCall &)> answer);
 
-using Fields = std::vector<std::pair<std::string, Value>>;
-
-Object *New(const std::string &className, const Fields &fields, char space = 'E');
-Object *NewElements(const std::string &signature, const std::vector<Value> &elements, char space = 'E');
-// A String that shares its char[] with others: it has `count` of these characters, from `offset` on.
-Object *NewPartOf(const std::u16string &chars, int32_t offset, int32_t count);
-// A StringBuffer that has room left. Its fields are a super class's.
-Object *NewBuffer(const std::string &text);
+// ---- objects of java.util
+// ------------------------------------------------------------------------------------
 
 struct TableEntry {
     Object *key; // a String keeps its hash code from then on
@@ -254,9 +257,6 @@ struct TableEntry {
 // one leads back to the first.
 Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
                  bool cyclic = false);
-
-// Of a String, a char[] or a StringBuffer, from the description.
-std::u16string CharsOf(const Object *text);
 
 // A heap of known content: random objects between stretches in which nobody finds one, and the figures that
 // follow from the description.
@@ -271,7 +271,6 @@ std::u16string CharsOf(const Object *text);
 //   no-klass     an object of so many bytes without a klass word, as one that is being allocated
 //   link         the same whose klass word is a link to another object
 //   half-array   the same that has a klass and as yet a wild length
-//   forwarded    an object whose mark is where it went; it still counts
 //   odd-array    of so many elements, of a kind whose header isn't a multiple of 8
 //   vm-kinds     what only the VM makes, one of each; for perm
 //   across       an array that begins so many bytes before the space's top and ends after it
@@ -316,26 +315,9 @@ std::string HeapLine();
 // ---- memory
 // ------------------------------------------------------------------------------------------------
 
-constexpr Word SMALLEST_CHUNK = 3; // in words, with its link and size
-
+Word FreeAbove(const HeapSpace &space); // words of the chunk above top; a smaller rest is none
 uint32_t &SizeAt(const HeapSpace &space, Word oop);
 void WriteChunk(Word at, Word words);
 void SetCollections(const CollectionFigures &figures);
-
-// What tests see of the JNI that the agent is called with.
-
-// What the Java side is called with, for the threads of a reply.
-struct JavaCall {
-    std::vector<Object *> threads;
-    std::vector<jlong> ids;
-    std::vector<std::string> texts; // ten a thread
-    int count, withSystem, polling;
-};
-// Loads the classes that the agent calls. `answer`: the text that the Java side returns; null: it throws.
-void DefineJavaSide(std::function<std::string(const JavaCall &)> answer);
-// The elements of an array that a native method has returned; the array ends.
-std::vector<Object *> TakeArray(jobjectArray array);
-// Of the thread: handles and what is kept beside the heap, the caller's arguments included.
-size_t LocalReferences(ThreadInfo *thread);
 
 } // namespace simvm

@@ -96,12 +96,9 @@ const std::map<std::string, void (*)(Stack &)> WORDS = {
     {"code", [](Stack &s) { s.Compiled(CodeOf(1)); }},
     {"code-0", [](Stack &s) { s.Compiled(CodeOf(0)); }},
     {"code-2", [](Stack &s) { s.Compiled(CodeOf(2)); }},
-    {"code-0-in-itself", [](Stack &s) { s.Compiled(CodeOf(0, SCOPE)); }},
     {"code-in-itself", [](Stack &s) { s.Compiled(CodeOf(1, SCOPE)); }},
     {"code-undescribed", [](Stack &s) { s.Compiled(CodeOf(1, NO_OFFSET, &nothing)); }},
     {"code-missing", [](Stack &s) { s.Compiled(CodeOf(1, NO_OFFSET, &missing)); }},
-    {"code-else", [](Stack &s) { s.Compiled(CodeOf(1, NO_OFFSET, &room)); }},
-    {"to-nothing", [](Stack &s) { s.Link(0, InInterpreter()); }},
     {"to-locked", [](Stack &s) { s.Link(locked + FIXED, InInterpreter()); }},
     {"to-missing", [](Stack &s) { s.Link(missing + FIXED, InInterpreter()); }},
     {"to-first",
@@ -137,7 +134,6 @@ const std::pair<int, const char *> CASES[] = {
     {500, "i*600 stub"},
     {1, "i flat"},
     {1, "i freed i stub"},
-    {NO_ROW, "i to-nothing"},
     {NO_ROW, "i to-locked"},
     {NO_ROW, "i to-missing"},
     {2, "i far-monitors i stub"},
@@ -147,11 +143,9 @@ const std::pair<int, const char *> CASES[] = {
     {2, "code i stub"},
     {1, "code-0 i stub"},
     {1, "code-2 i stub"},
-    {1, "code-0-in-itself i stub"},
     {500, "code-in-itself i stub"},
     {1, "code-undescribed i stub"},
     {1, "code-missing i stub"},
-    {1, "code-else i stub"},
 };
 
 void LayOut(Stack *stack, const std::string &words) {
@@ -213,13 +207,10 @@ TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
         std::atomic<ThreadInfo *> odd{nullptr};
         std::atomic<bool> over{false};
         std::thread owner([&] {
-            ThreadInfo *thread = NewThread("odd");
-            LinkThread(thread);
-            SetStates(thread, IN_NATIVE, OS_SLEEPING);
-            for (odd = thread; !over;)
+            const Attached self("odd");
+            SetStates(self.info, IN_NATIVE, OS_SLEEPING);
+            for (odd = self.info; !over;)
                 usleep(1000);
-            UnlinkThread(thread);
-            FreeThread(thread);
         });
         while (!odd)
             usleep(100);

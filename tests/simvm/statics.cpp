@@ -18,8 +18,8 @@ using namespace simvm;
     __attribute__((visibility(#visible), used)) Word member[words] = {1};
 SIMVM_ALL_STATICS(DEFINE)
 #undef DEFINE
-#define DEFINE(kind, symbol, visible)                                                                        \
-    extern "C" Word kind##_table[VTABLE_WORDS] __asm__(symbol);                                              \
+#define DEFINE(kind, base, symbol, visible, predicate, letter)                                               \
+    extern "C" Word kind##_table[VTABLE_WORDS] __asm__("_ZTV" symbol);                                       \
     __attribute__((visibility(#visible), used)) Word kind##_table[VTABLE_WORDS] = {1};
 SIMVM_VTABLES(DEFINE)
 #undef DEFINE
@@ -55,10 +55,10 @@ void TakeOwn(Word *out, std::integer_sequence<int, KIND...>) {
 
 extern "C" __attribute__((visibility("default"))) void simvm_statics(Statics *out) {
     *out = {};
-#define TAKE(member, symbol, words, visible) out->member = member;
+#define TAKE(member, symbol, words, visible) (out->member = member)[0] = 0;
     SIMVM_ALL_STATICS(TAKE)
 #undef TAKE
-#define TAKE(kind, symbol, visible) out->vtables[kind] = kind##_table;
+#define TAKE(kind, ...) out->vtables[VT_##kind] = kind##_table;
     SIMVM_VTABLES(TAKE)
 #undef TAKE
 #ifndef SIMVM_CLIENT

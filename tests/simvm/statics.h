@@ -54,36 +54,42 @@ constexpr int VTABLE_WORDS = 2 + 64;
 #define SIMVM_SERVER_STATICS(X) X(stackRegisters, "_ZN10SharedInfo6stack0E", 1, default)
 #define SIMVM_CLIENT_STATICS(X) X(runtimeBlobs, "_ZN8Runtime16_blobsE", 40, hidden)
 
-// Virtual tables: X(kind, symbol, visibility). Blobs' come after klasses'.
+// Virtual tables: X(kind, base, symbol, visibility, predicate, letter). A kind answers its own predicate and
+// those of its bases; bases end at KLASS, which has none. Blobs' kinds come after klasses'. The
+// letter is that of the kind's objects in a dump; of instances and arrays it depends on their class. A symbol
+// is without its prefix; K and B are the two tables' layouts.
 #define SIMVM_VTABLES(X)                                                                                     \
-    X(VT_KLASS, "_ZTV5Klass", hidden)                                                                        \
-    X(VT_SYMBOL, "_ZTV11symbolKlass", hidden)                                                                \
-    X(VT_METHOD, "_ZTV11methodKlass", default)                                                               \
-    X(VT_CONST_METHOD, "_ZTV16constMethodKlass", hidden)                                                     \
-    X(VT_ARRAY, "_ZTV10arrayKlass", default)                                                                 \
-    X(VT_POOL, "_ZTV17constantPoolKlass", hidden)                                                            \
-    X(VT_POOL_CACHE, "_ZTV22constantPoolCacheKlass", default)                                                \
-    X(VT_TYPE_ARRAY, "_ZTV14typeArrayKlass", hidden)                                                         \
-    X(VT_OBJ_ARRAY, "_ZTV13objArrayKlass", default)                                                          \
-    X(VT_INSTANCE, "_ZTV13instanceKlass", hidden)                                                            \
-    X(VT_INSTANCE_REF, "_ZTV16instanceRefKlass", default)                                                    \
-    X(VT_IC_HOLDER, "_ZTV21compiledICHolderKlass", hidden)                                                   \
-    X(VT_KLASS_KLASS, "_ZTV10klassKlass", default)                                                           \
-    X(VT_INSTANCE_KLASS_KLASS, "_ZTV18instanceKlassKlass", default)                                          \
-    X(VT_ARRAY_KLASS_KLASS, "_ZTV15arrayKlassKlass", hidden)                                                 \
-    X(VT_OBJ_ARRAY_KLASS_KLASS, "_ZTV18objArrayKlassKlass", default)                                         \
-    X(VT_TYPE_ARRAY_KLASS_KLASS, "_ZTV19typeArrayKlassKlass", hidden)                                        \
-    X(VT_METHOD_DATA, "_ZTV15methodDataKlass", hidden)                                                       \
-    X(VT_BUFFER_BLOB, "_ZTV10BufferBlob", hidden)                                                            \
-    X(VT_NMETHOD, "_ZTV7nmethod", default)                                                                   \
-    X(VT_RUNTIME_STUB, "_ZTV11RuntimeStub", hidden)                                                          \
-    X(VT_I2C, "_ZTV10I2CAdapter", hidden)                                                                    \
-    X(VT_C2I, "_ZTV10C2IAdapter", default)                                                                   \
-    X(VT_OSR, "_ZTV10OSRAdapter", hidden)
+    X(KLASS, KLASS, "5Klass", hidden, K::since10, 0)                                                         \
+    X(SYMBOL, KLASS, "11symbolKlass", hidden, K::isSymbol, '1')                                              \
+    X(METHOD, KLASS, "11methodKlass", default, K::isMethod, '2')                                             \
+    X(CONST_METHOD, KLASS, "16constMethodKlass", hidden, K::isConstMethod, 'F')                              \
+    X(ARRAY, KLASS, "10arrayKlass", default, K::isArray, 0)                                                  \
+    X(POOL, KLASS, "17constantPoolKlass", hidden, K::isConstantPool, '3')                                    \
+    X(POOL_CACHE, KLASS, "22constantPoolCacheKlass", default, K::isConstantPoolCache, '4')                   \
+    X(TYPE_ARRAY, ARRAY, "14typeArrayKlass", hidden, K::isTypeArray, 0)                                      \
+    X(OBJ_ARRAY, ARRAY, "13objArrayKlass", default, K::isObjArray, 0)                                        \
+    X(INSTANCE, KLASS, "13instanceKlass", hidden, K::isInstance, 0)                                          \
+    X(INSTANCE_REF, INSTANCE, "16instanceRefKlass", default, K::isInstanceRef, 0)                            \
+    X(IC_HOLDER, KLASS, "21compiledICHolderKlass", hidden, K::isCompiledICHolder, '*')                       \
+    X(KLASS_KLASS, KLASS, "10klassKlass", default, K::isKlass, 'A')                                          \
+    X(INSTANCE_KLASS_KLASS, KLASS_KLASS, "18instanceKlassKlass", default, K::isInstanceKlass, 'B')           \
+    X(ARRAY_KLASS_KLASS, KLASS_KLASS, "15arrayKlassKlass", hidden, K::isArrayKlass, 'C')                     \
+    X(OBJ_ARRAY_KLASS_KLASS, ARRAY_KLASS_KLASS, "18objArrayKlassKlass", default, K::isObjArrayKlass, 'D')    \
+    X(TYPE_ARRAY_KLASS_KLASS, ARRAY_KLASS_KLASS, "19typeArrayKlassKlass", hidden, K::isTypeArrayKlass, 'E')  \
+    X(METHOD_DATA, KLASS, "15methodDataKlass", hidden, K::isMethodData, 'H')                                 \
+    X(BUFFER_BLOB, KLASS, "10BufferBlob", hidden, B::isBuffer, 0)                                            \
+    X(NMETHOD, KLASS, "7nmethod", default, B::isNmethod, 0)                                                  \
+    X(RUNTIME_STUB, KLASS, "11RuntimeStub", hidden, B::isRuntimeStub, 0)                                     \
+    X(I2C, KLASS, "10I2CAdapter", hidden, B::isI2C, 0)                                                       \
+    X(C2I, KLASS, "10C2IAdapter", default, B::isC2I, 0)                                                      \
+    X(OSR, KLASS, "10OSRAdapter", hidden, B::isOsrAdapter, 0)
 
-#define SIMVM_VTABLE_NAME(kind, symbol, visibility) kind,
+#define SIMVM_VTABLE_NAME(kind, ...) VT_##kind,
 enum VtableKind { SIMVM_VTABLES(SIMVM_VTABLE_NAME) VTABLE_COUNT };
 #undef SIMVM_VTABLE_NAME
+#define SIMVM_LETTER(kind, base, symbol, visibility, predicate, letter) letter,
+constexpr char KIND_LETTERS[] = {SIMVM_VTABLES(SIMVM_LETTER)};
+#undef SIMVM_LETTER
 
 struct Statics {
     bool server;

@@ -1,12 +1,10 @@
 #include "scenes.h"
 
-#include <array>
+#include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <random>
 #include <sys/syscall.h>
 #include <thread>
-#include <time.h>
 #include <unistd.h>
 
 namespace simvm {
@@ -18,7 +16,6 @@ constexpr int VM_SIGNAL = 31;
 struct Slot {
     Script script;
     Runner *runner = nullptr;
-    size_t lived = 0; // its row
 };
 
 StormOptions storm;
@@ -26,149 +23,65 @@ std::deque<Slot> slots;
 std::vector<Lived> lived;
 std::mutex slotsLock; // who ends and starts threads, or sends them signals
 std::vector<std::thread> helpers;
-std::atomic<bool> stopping, collecting;
-std::atomic<int64_t> collections, ended, foreignSent, foreignArrived, foreignMerged, longestStop;
+std::atomic<bool> stopping;
+std::atomic<int64_t> foreignSent, foreignArrived, foreignMerged;
 
-int64_t Now() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1'000'000'000ll + now.tv_nsec;
-}
-
-void Ignored(int) {}
-
-MethodInfo *MethodOf(int number) {
-    return DefineMethod("storm/C" + std::to_string(number / 40), "m" + std::to_string(number), "()V",
-                        {{0, 100 + number}, {20, 300 + number}, {90, 2000 + number}}, METHOD_STATIC, 120);
-}
-
-Script MakeScript(std::mt19937 *random, int slot) {
+Script MakeScript(std::mt19937 &random, int slot) {
     const Rest LOOPS[] = {Rest::SPIN, Rest::CALLS},
                STILL[] = {Rest::PIPE, Rest::SLEEP, Rest::MONITOR, Rest::WAIT, Rest::ACCEPT};
-    Script script;
-    bool loops = slot < storm.looping;
-    script.rest = loops ? LOOPS[slot % 2] : STILL[slot % 5];
+    const bool loops = slot < storm.looping;
+    Script script = {{}, loops ? LOOPS[slot % 2] : STILL[slot % 5]};
     int depth = 0;
-    auto scope = [&] {
-        Scope made = {MethodOf(slot * 100 + depth++), int((*random)() % 100), nullptr, {}};
-        if ((*random)() % storm.locked == 0)
-            made.monitors.push_back(NewObject("storm/Lock"));
+    const auto scope = [&](FrameKind kind) {
+        const int number = slot * 100 + depth++;
+        Scope made = {DefineMethod("storm/C" + std::to_string(number / 40), "m" + std::to_string(number),
+                                   "()V", {{0, 100 + number}, {20, 300 + number}, {90, 2000 + number}},
+                                   METHOD_STATIC | (kind == F::NATIVE ? METHOD_NATIVE : 0), 120),
+                      int(random() % 100)};
+        if (random() % storm.locked == 0 && kind != F::NATIVE)
+            made.monitors.push_back(New("storm/Lock"));
         return made;
     };
     while (depth < storm.frames) {
-        bool last = depth + 2 >= storm.frames;
-        FrameKind kind = FrameKind((*random)() % 4);
-        if (last)
-            kind = loops ? FrameKind::COMPILED : FrameKind::INTERPRETED;
-        Frame frame = {kind, {scope()}};
-        bool inlines = kind == FrameKind::COMPILED || kind == FrameKind::OSR;
-        while (inlines && depth < storm.frames && (last || (*random)() % 2))
-            frame.scopes.push_back(scope());
-        if (kind == FrameKind::NATIVE) {
-            frame.scopes[0].method->flags |= METHOD_NATIVE;
-            At(frame.scopes[0].method->oop, &Method::accessFlags) = METHOD_STATIC | METHOD_NATIVE;
-            frame.scopes[0].monitors.clear();
-        }
+        const bool last = depth + 2 >= storm.frames;
+        const FrameKind kind = !last ? FrameKind(random() % 4) : loops ? F::COMPILED : F::INTERPRETED;
+        Frame frame = {kind, {scope(kind)}};
+        while (IsCompiled(kind) && depth < storm.frames && (last || random() % 2))
+            frame.scopes.push_back(scope(kind));
         script.frames.push_back(frame);
     }
     return script;
 }
 
-void StartSlot(Slot *slot) {
-    size_t number = lived.size();
-    std::string name = "storm-" + std::to_string(number);
-    slot->lived = number;
-    lived.push_back({name, 0, &slot->script, Now(), 0});
-    slot->runner = Start(name, &slot->script);
-    lived[number].kernelId = slot->runner->info->kernelId;
-}
-
-void EndSlot(Slot *slot) {
-    Leave(slot->runner);
-    slot->runner = nullptr;
-    lived[slot->lived].end = Now();
+void StartSlot(Slot &slot) {
+    const std::string name = "storm-" + std::to_string(lived.size());
+    slot.runner = Start(name, &slot.script);
+    lived.push_back({name, slot.runner->info->kernelId, &slot.script});
 }
 
 // Does it with the threads' lock until the storm ends, after pauses of up to so many microseconds.
-template <class BODY>
-void Repeat(uint32_t pause, BODY body) {
-    std::mt19937 random(storm.seed + pause);
-    for (; !stopping; usleep(random() % pause)) {
-        const std::lock_guard<std::mutex> held(slotsLock);
-        body(random());
-    }
-}
-
-void Churn() {
-    Repeat(3000, [](uint32_t random) {
-        EndSlot(&slots[random % slots.size()]);
-        StartSlot(&slots[random % slots.size()]);
-        ended++;
+void Repeat(uint32_t pause, const std::function<void(uint32_t random)> &body) {
+    helpers.emplace_back([=] {
+        for (std::mt19937 random(storm.seed + pause); !stopping; usleep(random() % pause)) {
+            const std::lock_guard<std::mutex> held(slotsLock);
+            body(random());
+        }
     });
 }
 
-void CollectOften() {
-    std::mt19937 random(storm.seed + 2);
-    for (; !stopping; usleep(random() % 20000)) {
-        collecting = true;
-        Collect([&] { usleep(random() % 2000); });
-        collecting = false;
-        collections++;
-    }
-}
-
-void SendProfile() {
-    Repeat(2000, [](uint32_t) {
-        for (Slot &slot : slots)
-            syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, SIGPROF);
-    });
+void Signal(const Slot &slot, int signal) {
+    syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, signal);
 }
 
 // One at a time, as a second one would merge with one that is still pending.
-void SendForeign() {
-    Repeat(5000, [](uint32_t random) {
-        const Slot &slot = slots[random % slots.size()];
-        foreignSent++;
-        syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, VM_SIGNAL);
-        auto owed = [] { return foreignArrived + foreignMerged < foreignSent; };
-        for (int wait = 0; wait < (Loops(slot.script.rest) ? 500 : 10000) && owed(); wait++)
-            usleep(1000);
-        foreignMerged += Loops(slot.script.rest) && owed();
-    });
-}
-
-std::string LineOfTask(int32_t id, const char *name) {
-    std::ifstream file("/proc/self/task/" + std::to_string(id) + "/" + name);
-    std::string line;
-    std::getline(file, line);
-    return line;
-}
-
-// How long a looping thread sleeps instead of going on, but for the time in which it merely lacked a
-// processor.
-void Watch() {
-    struct Seen {
-        int64_t laps = -1, since = 0, collections = 0;
-        Runner *runner = nullptr;
-    };
-    std::vector<Seen> seen(slots.size());
-    Repeat(4000, [&](uint32_t) {
-        for (size_t i = 0; i < slots.size(); i++) {
-            Runner *runner = slots[i].runner;
-            if (!Loops(slots[i].script.rest))
-                continue;
-            const int32_t id = runner->info->kernelId;
-            const int64_t laps = __atomic_load_n(&runner->control.laps, __ATOMIC_RELAXED);
-            const std::string state = LineOfTask(id, "stat"), schedule = LineOfTask(id, "schedstat");
-            const size_t ran = schedule.find(' ');
-            const int64_t now = Now() - (ran == schedule.npos ? 0 : stoll(schedule.substr(ran)));
-            if (runner != seen[i].runner || laps != seen[i].laps || collections != seen[i].collections ||
-                collecting)
-                seen[i] = {laps, now, collections, runner};
-            else if (state.find(") S") != state.npos && now - seen[i].since > longestStop)
-                longestStop = now - seen[i].since;
-        }
-    });
+void SendForeign(uint32_t random) {
+    const Slot &slot = slots[random % slots.size()];
+    foreignSent++;
+    Signal(slot, VM_SIGNAL);
+    const auto owed = [] { return foreignArrived + foreignMerged < foreignSent; };
+    for (int wait = 0; wait < (Loops(slot.script.rest) ? 500 : 10000) && owed(); wait++)
+        usleep(1000);
+    foreignMerged += Loops(slot.script.rest) && owed();
 }
 
 } // namespace
@@ -180,51 +93,57 @@ void VmSignalHandler(int, siginfo_t *, void *) {
 void StartStorm(const StormOptions &options) {
     storm = options;
     stopping = false;
-    for (auto *figure : {&collections, &ended, &foreignSent, &foreignArrived, &foreignMerged, &longestStop})
-        *figure = 0;
     struct sigaction action = {};
     action.sa_sigaction = VmSignalHandler;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
     sigaction(VM_SIGNAL, &action, nullptr);
     action.sa_flags = SA_RESTART;
-    action.sa_handler = Ignored;
+    action.sa_handler = [](int) {};
     sigaction(SIGPROF, &action, nullptr);
     std::mt19937 random(storm.seed);
     for (int i = 0; i < storm.threads; i++) {
-        slots.push_back({MakeScript(&random, i)});
+        slots.push_back({MakeScript(random, i)});
         EmitScript(&slots.back().script);
-        std::lock_guard<std::mutex> held(slotsLock);
-        StartSlot(&slots.back());
+        StartSlot(slots.back());
     }
-    helpers.emplace_back(Watch);
-    if (storm.disturbs)
-        for (auto *helper : {Churn, CollectOften, SendProfile, SendForeign})
-            helpers.emplace_back(helper);
+    if (!storm.disturbs)
+        return;
+    Repeat(3000, [](uint32_t random) {
+        Slot &slot = slots[random % slots.size()];
+        Leave(slot.runner);
+        StartSlot(slot);
+    });
+    Repeat(2000, [](uint32_t) {
+        for (const Slot &slot : slots)
+            Signal(slot, SIGPROF);
+    });
+    Repeat(5000, SendForeign);
+    helpers.emplace_back([] {
+        for (std::mt19937 random(storm.seed); !stopping; usleep(random() % 20000))
+            Collect([&] { usleep(random() % 2000); });
+    });
 }
 
 std::vector<Lived> LivedSoFar() {
-    std::lock_guard<std::mutex> held(slotsLock);
+    const std::lock_guard<std::mutex> held(slotsLock);
     return lived;
 }
 
 std::vector<Runner *> StormRunners() {
     std::vector<Runner *> all;
-    for (Slot &slot : slots)
+    for (const Slot &slot : slots)
         all.push_back(slot.runner);
     return all;
 }
 
-StormFigures StopStorm() {
+bool StopStorm() {
     stopping = true;
     for (std::thread &helper : helpers)
         helper.join();
     helpers.clear();
-    int64_t laps = 0;
-    for (Slot &slot : slots) {
-        laps += __atomic_load_n(&slot.runner->control.laps, __ATOMIC_RELAXED);
-        EndSlot(&slot);
-    }
-    return {collections, ended, foreignSent, foreignArrived, foreignMerged, longestStop, laps};
+    for (const Slot &slot : slots)
+        Leave(slot.runner);
+    return foreignSent == foreignArrived + foreignMerged;
 }
 
 // ---- spoiling
@@ -232,38 +151,33 @@ StormFigures StopStorm() {
 
 namespace {
 
-using Region = std::pair<Word, Word>;
-
-void AddBlobs(const Runner *runner, std::vector<Region> *out) {
-    Word low = At(runner->info->address, &JavaThread::anchorSp) & ~Word(3);
-    for (Word at = low; low && at + 8 <= runner->stackHigh; at += 8)
-        if (Word blob = BlobOf(As<Word>(at))) { // all but its code, which runs
-            out->push_back({blob, blob + sizeof(Blob)});
-            if (At(blob, &Blob::pcDescCache) > blob)
-                out->push_back(
-                    {blob + As<Blob>(blob).oopsOffset, At(blob, &Blob::pcDescCache) + sizeof(PcDesc)});
-        }
-}
+using Region = std::pair<Word, Word>; // from, to
 
 std::vector<Region> Spoilable(const std::vector<Runner *> &runners, Word sparedThread) {
-    std::vector<Region> all = {{vm.heap + offsetof(CollectedHeap, perm), vm.heap + sizeof(CollectedHeap)}};
-    for (HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from}) {
+    const Word heap = *vm.statics.codeHeap, map = At(heap, &CodeHeap::mapLow);
+    std::vector<Region> all = {{vm.heap + offsetof(CollectedHeap, perm), vm.heap + sizeof(CollectedHeap)},
+                               {heap, heap + sizeof(CodeHeap)},
+                               {map, map + 65536}};
+    for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from}) {
         all.push_back({space->structure, space->structure + sizeof(Space)});
-        if (space->top > space->bottom)
-            all.push_back({space->bottom, space->top});
+        all.push_back({space->bottom, space->top});
     }
-    Word map = At(*vm.statics.codeHeap, &CodeHeap::mapLow);
-    all.push_back({*vm.statics.codeHeap, *vm.statics.codeHeap + sizeof(CodeHeap)});
-    all.push_back({map, map + 65536});
     for (const Runner *runner : runners) {
         const ThreadInfo &info = *runner->info;
-        if (info.address != sparedThread)
-            all.push_back({info.address, info.address + sizeof(JavaThread)});
+        const Word thread = info.address == sparedThread ? 0 : info.address;
+        all.push_back({thread, thread ? thread + sizeof(JavaThread) : 0});
         all.push_back({info.osThread, info.osThread + sizeof(OSThread)});
-        if (Word sp = At(info.address, &JavaThread::anchorSp) & ~Word(3))
-            all.push_back({sp, runner->stackHigh});
-        AddBlobs(runner, &all);
+        const Word sp = At(info.address, &JavaThread::anchorSp) & ~Word(3);
+        for (Word at = sp; sp && at + 8 <= runner->stackHigh; at += 8)
+            if (const Word blob = BlobOf(As<Word>(at))) { // all but its code, which runs
+                const Word oops = blob + As<Blob>(blob).oopsOffset, end = blob + As<Blob>(blob).size;
+                all.insert(all.end(), {{blob, blob + sizeof(Blob)}, {std::min(oops, end), end}});
+            }
+        all.push_back({sp, sp ? runner->stackHigh : 0});
     }
+    all.erase(
+        std::remove_if(all.begin(), all.end(), [](const Region &of) { return of.second < of.first + 8; }),
+        all.end());
     return all;
 }
 
@@ -271,19 +185,24 @@ std::vector<Region> Spoilable(const std::vector<Runner *> &runners, Word sparedT
 
 Spoilt Spoil(uint64_t seed, const std::vector<Runner *> &runners, Word sparedThread) {
     std::mt19937_64 random(seed);
-    std::vector<Region> regions = Spoilable(runners, sparedThread);
-    auto word = [&] {
+    const std::vector<Region> regions = Spoilable(runners, sparedThread);
+    const auto place = [&] {
         const auto [low, high] = regions[random() % regions.size()];
         return low + random() % ((high - low) / 8) * 8;
     };
-    Word address = word();
-    Spoilt spoilt = {address, As<Word>(address)};
-    const std::vector<Word> near = {spoilt.old + 4, spoilt.old + 1, spoilt.old ^ 1ul << random() % 64},
-                            other = {address, As<Word>(word()), word(), random() % (1ul << 47)},
-                            odd = {0, 1, ~Word(0), random(), random() % 65536};
-    const std::vector<Word> &values = *std::array{&near, &other, &odd}[random() % 3];
-    As<Word>(address) = values[random() % values.size()];
-    return spoilt;
+    const Word address = place(), old = As<Word>(address);
+    const Word values[] = {old + 4,
+                           old + 1,
+                           old ^ 1ul << random() % 64,
+                           address,
+                           As<Word>(place()),
+                           place(),
+                           0,
+                           ~Word(0),
+                           random(),
+                           random() % 65536};
+    As<Word>(address) = values[random() % std::size(values)];
+    return {address, old};
 }
 
 void Mend(const Spoilt &spoilt) {

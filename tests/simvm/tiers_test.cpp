@@ -80,22 +80,19 @@ void StaleWhatIsKept() {
     }
 }
 
-const std::string COLUMNS[] = {"url", "client", "wait", "ejb", "object", "caller"};
-
 // Three servers have the same classes.
-bool IsLike(const std::string &server, const std::string &other) {
-    const std::set<std::string> catalina = {"Tomcat", "JBoss", "GlassFish"};
-    return server == other || (catalina.count(server) && catalina.count(other));
+std::string FamilyOf(const std::string &server) {
+    return server == "JBoss" || server == "GlassFish" ? "Tomcat" : server;
 }
 
 // What the facts of a thread say of its row, by column.
 std::vector<std::string> TruthOf(const Runner &runner, const std::string &server) {
-    std::map<std::string, std::string> facts = {{"url", "^"}, {"client", "^"}};
-    auto own = runner.script->facts;
-    if (own["server"].empty() || IsLike(own["server"], server))
-        own.swap(facts), facts.insert(own.begin(), own.end());
+    auto facts = runner.script->facts;
+    if (!facts["server"].empty() && FamilyOf(facts["server"]) != FamilyOf(server))
+        facts.clear();
+    facts.insert({{"url", "^"}, {"client", "^"}});
     std::vector<std::string> told;
-    for (const std::string &column : COLUMNS) {
+    for (const char *column : {"url", "client", "wait", "ejb", "object", "caller"}) {
         told.push_back(facts[column]);
         std::replace(told.back().begin(), told.back().end(), '|', FIELD);
     }
@@ -198,27 +195,25 @@ TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
 // The id of what a thread works for: by one server a text, by the other the text of the first attribute.
 TEST(DirectTiers, FindContextIds) {
     WithScene("nothing", {}, [](Scene &scene) {
-        SceneText text(&scene);
-        text.Read(R"(
+        SceneText(&scene).Read(R"(
 slots = java/util/HashMap#4("a"@1 "no context" "b"@3 ferrule/kernel/Slot{
   context=ferrule/workarea/WorkContext{contextId="ctx-1"}})
-worker := ferrule/kernel/ExecThread{finalThreadStorage=ferrule/kernel/FinalThreadLocal$FinalThreadStorage{
+Ferrule := ferrule/kernel/ExecThread{finalThreadStorage=ferrule/kernel/FinalThreadLocal$FinalThreadStorage{
   storage=[Ljava/lang/Object;(null ferrule/kernel/Holder{map=slots})}}
 execution = tessar/dms/instrument/ExecutionContext{m_attMap,Ljava/util/Map;=java/util/HashMap#4("id"@2 "9,8,7")}
-local := test/Thread{threadLocals=java/lang/ThreadLocal$ThreadLocalMap{
+QVS := test/Thread{threadLocals=java/lang/ThreadLocal$ThreadLocalMap{
   table=[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;(null
   test/Entry{value,Ljava/lang/Object;="no context"} test/Entry{value=execution})}}
+Tomcat := ferrule/kernel/ExecThread
 )");
         QorForgetPages();
         QorNoteSpaces();
-        for (auto &[server, object, id] :
-             {std::tuple<const char *, const char *, std::string>{"Ferrule", "worker", "ctx-1"},
-              {"QVS", "local", "9,8,7"},
-              {"Tomcat", "worker", ""}}) {
+        std::map<std::string, std::string> ids = {{"Ferrule", "ctx-1"}, {"QVS", "9,8,7"}, {"Tomcat", ""}};
+        for (auto &[server, object] : scene.named) {
             char shown[64] = "";
-            strcpy(webserver, server);
-            const Word found = getContextId(scene.named[object]->address);
-            EXPECT_EQ(found ? QorVmText(shown, sizeof shown, found) : "", id) << server;
+            strcpy(webserver, server.c_str());
+            const Word found = getContextId(object->address);
+            EXPECT_EQ(found ? QorVmText(shown, sizeof shown, found) : "", ids[server]);
         }
     });
 }

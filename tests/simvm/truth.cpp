@@ -4,37 +4,25 @@
 
 #include <algorithm>
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 namespace simvm {
 
 namespace {
 
 std::string StateText(const Script &script) {
-    if (!script.state.empty())
-        return script.state;
     const bool isNet = ShadowStack(script)[0].method->holder->name.rfind("java/net/", 0) == 0;
-    switch (script.rest) {
-    case Rest::SLEEP:
-        return "Sleeping";
-    case Rest::MONITOR:
-        return "Lock";
-    case Rest::PIPE:
-        return isNet ? "Network Wait" : "IO Wait";
-    default:
-        return Loops(script.rest) ? "Runnable" : "Object Wait";
-    }
+    const std::map<Rest, std::string> states = {{Rest::SLEEP, "Sleeping"},
+                                                {Rest::MONITOR, "Lock"},
+                                                {Rest::PIPE, isNet ? "Network Wait" : "IO Wait"},
+                                                {Rest::SPIN, "Runnable"},
+                                                {Rest::CALLS, "Runnable"}};
+    const auto found = states.find(script.rest);
+    return !script.state.empty() ? script.state : found == states.end() ? "Object Wait" : found->second;
 }
 
 std::string LockText(const Object &object) {
     return Hex(object.address) + " " + Dotted(object.type->name);
-}
-
-// Names of a scene need no escapes.
-std::string Quoted(const std::vector<std::string> &texts) {
-    std::string out = "[";
-    for (const std::string &text : texts)
-        out += (out.size() == 1 ? "\"" : ", \"") + text + '"';
-    return out + "]";
 }
 
 } // namespace
@@ -66,10 +54,14 @@ Shown Truth(const Runner &runner) {
 
 std::string TruthLine(const Runner &runner) {
     const Shown shown = Truth(runner);
-    return "{\"id\": " + std::to_string(runner.info->kernelId) + ", \"name\": \"" + shown.name +
-           "\", \"state\": \"" + shown.state + "\", \"frames\": " + Quoted(shown.frames) + ", \"waits\": \"" +
-           shown.waits + "\", \"locks\": " + Quoted(shown.locks) +
-           ", \"moving\": " + (runner.script->rest == Rest::CALLS ? "true}" : "false}");
+    return nlohmann::json{{"id", runner.info->kernelId},
+                          {"name", shown.name},
+                          {"state", shown.state},
+                          {"frames", shown.frames},
+                          {"waits", shown.waits},
+                          {"locks", shown.locks},
+                          {"moving", runner.script->rest == Rest::CALLS}}
+        .dump();
 }
 
 // ---- a dump
@@ -77,30 +69,28 @@ std::string TruthLine(const Runner &runner) {
 HeapDump ReadDump(const std::string &path) {
     HeapDump dump;
     DumpedObject *last = nullptr;
-    const Word base = RecordBase();
-    const auto address = [&](const std::string &text) {
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    dump.header = Split(line, '|');
+    const auto address = [base = RecordBase()](const std::string &text) {
         const Word relative = strtoull(text.c_str(), nullptr, 16);
         return relative ? relative + base : 0;
     };
-    std::ifstream in(path);
-    std::string line;
-    if (std::getline(in, line))
-        dump.header = Split(line, '|');
     while (std::getline(in, line)) {
         const std::vector<std::string> parts = Split(line, '|');
         const size_t count = parts.size(), isArray = line[1] == '[';
+        const Word at =
+            address(isArray && count > 1 ? parts[1] : line.substr(strchr("RIL", line[0]) ? 1 : 2));
         if (line[0] == 'S' && count > 2) {
-            const std::string &name = parts[count - 2];
-            const Word at = address(line.substr(2));
-            if (name == "thread_local" || name.rfind("interpreter_frame_", 0) == 0)
-                dump.frames[parts[1] + "|" + name + " " + Hex(at)] = at;
+            const std::string root = parts[count - 2] + " " + Hex(at);
+            if (root.rfind("thread_local ", 0) == 0 || root.rfind("interpreter_frame_", 0) == 0)
+                dump.frames[parts[1] + "|" + root] = at;
             else
-                dump.roots.insert(line.substr(1, 1) + " " + name + " " + Hex(at));
-        } else if (line[0] == 'R' && last && count == 1) {
-            last->references.push_back("R " + Hex(address(line.substr(1))));
-        } else if (strchr("IL", line[0]) && last && count == 2) {
-            last->references.push_back(line.substr(0, 1) + " " + Hex(address(line.substr(1))) + ">" +
-                                       Hex(address(parts[1])));
+                dump.roots.insert(line.substr(1, 1) + " " + root);
+        } else if (strchr("RIL", line[0]) && last && count <= 2) {
+            last->references.push_back(line.substr(0, 1) + " " + Hex(at) +
+                                       (count == 2 ? ">" + Hex(address(parts[1])) : ""));
         } else if (strchr("POCEF", line[0]) && count > isArray + 1) {
             DumpedObject object = {line.substr(0, 2) + "|" + parts[isArray + 1] + "|", {}};
             if (line[1] == '1') // a symbol, whose text is the rest of the line
@@ -108,9 +98,8 @@ HeapDump ReadDump(const std::string &path) {
             for (size_t i = isArray + 2; i < count && line[1] != '1'; i++)
                 object.line += Hex(address(parts[i])) + "|";
             object.line += isArray ? parts[0].substr(2) + "|" : "";
-            const auto [at, isNew] =
-                dump.objects.emplace(address(isArray ? parts[1] : line.substr(2)), object);
-            last = &at->second;
+            const auto [place, isNew] = dump.objects.emplace(at, object);
+            last = &place->second;
             if (!isNew)
                 dump.strange.push_back("again " + line);
         } else if (!(dump.isFinished = line.rfind(" Finished ", 0) == 0))
@@ -128,12 +117,9 @@ namespace {
 void AddObjects(HeapDump *out) {
     const std::unordered_map<Word, char> letters = KindLetters();
     std::unordered_map<Word, std::string> texts; // what follows an object's size; by klass, too
-    for (const auto &[text, symbol] : vm.symbols) {
-        texts[symbol] = text.substr(0, text.find('\n')) + "|";
-        const auto isPlain = [](char c) { return c >= ' ' && c <= '~'; };
-        std::string &shown = texts[symbol];
-        shown.erase(std::remove_if(shown.begin(), shown.end(), std::not_fn(isPlain)), shown.end());
-    }
+    for (const auto &[text, symbol] : vm.symbols)
+        for (const char c : text.substr(0, text.find('\n')) + "|")
+            texts[symbol] += c >= ' ' && c <= '~' ? std::string(1, c) : "";
     for (const auto &[name, type] : vm.classes)
         texts[type.klass] = Hex(vm.symbols[name]) + "|";
     for (const MethodInfo &method : vm.methods)
@@ -143,9 +129,10 @@ void AddObjects(HeapDump *out) {
             if (const int64_t bytes = 8 * WordsOf(at)) {
                 const Word klass = As<Oop>(at).klass;
                 const char type = letters.at(klass);
-                const auto text = texts.find(strchr("8[", type) ? klass : at);
-                out->objects[at] = {{use.space->letter, type, '|'}, {}, false};
-                out->objects[at].line += Hex(bytes) + "|" + (text == texts.end() ? "" : text->second);
+                out->objects[at] = {std::string{use.space->letter, type, '|'} + Hex(bytes) + "|" +
+                                        texts[strchr("8[", type) ? klass : at],
+                                    {},
+                                    false};
             }
 }
 
@@ -180,13 +167,6 @@ void AddFrames(const Runner &runner, HeapDump *out) {
         }
 }
 
-std::string Text(Word address, const DumpedObject &object) {
-    std::string text = Hex(address) + ": " + object.line;
-    for (const std::string &reference : object.references)
-        text += "\n    " + reference;
-    return text;
-}
-
 bool IsSame(const DumpedObject &shown, const DumpedObject &truth) {
     const auto &references = shown.references;
     return truth.isKnown
@@ -200,7 +180,7 @@ bool IsSame(const DumpedObject &shown, const DumpedObject &truth) {
 } // namespace
 
 HeapDump TakeTruth(const std::vector<Runner *> &runners) {
-    const std::lock_guard<std::recursive_mutex> held(vm.lock);
+    const Locked held(vm.lock);
     HeapDump truth;
     AddObjects(&truth);
     for (const Object &object : vm.objects)
@@ -221,16 +201,21 @@ HeapDump TakeTruth(const std::vector<Runner *> &runners) {
 std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth) {
     constexpr size_t MOST = 20;
     std::vector<std::string> out = dump.strange;
+    const auto add = [&](const char *what, Word address, const DumpedObject &object) {
+        out.push_back(what + Hex(address) + ": " + object.line);
+        for (const std::string &reference : object.references)
+            out.back() += "\n    " + reference;
+    };
     if (!dump.isFinished)
         out.emplace_back("not finished");
     for (const auto &[address, object] : truth.objects)
         if (const auto shown = dump.objects.find(address); shown == dump.objects.end())
-            out.push_back("missing " + Text(address, object));
+            add("missing ", address, object);
         else if (!IsSame(shown->second, object))
-            out.push_back("is " + Text(address, shown->second) + "\n  not " + Text(address, object));
+            add("is ", address, shown->second), add("  not ", address, object);
     for (const auto &[address, object] : dump.objects)
         if (!truth.objects.count(address))
-            out.push_back("not an object: " + Text(address, object));
+            add("not an object: ", address, object);
     std::set_symmetric_difference(dump.roots.begin(), dump.roots.end(), truth.roots.begin(),
                                   truth.roots.end(), std::back_inserter(out));
     for (const auto &[root, address] : dump.frames)

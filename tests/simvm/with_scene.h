@@ -16,27 +16,14 @@
 
 namespace simvm {
 
-// The agent's row for a VM whose members have changed places.
-inline void TellAgentPlaces() {
-    static uint32_t row[OFFSET_COUNT];
-    QorSelectOffsets(LAST_DIRECT_BUILD);
-    std::copy(offsets, offsets + OFFSET_COUNT, row);
-    TellPlaces(row);
-    offsetsForTests = row;
-}
-
 // Boots a VM, stages the scene, and calls the body on its main thread with the agent started. Then both end.
 inline void WithScene(const std::string &name, const Options &options,
                       const std::function<void(Scene &)> &body) {
     Boot(options);
-    if (options.shuffle)
-        TellAgentPlaces();
     Scene scene;
     StageScene(name, &scene);
-    Script main = MainScript();
-    EmitScript(&main);
     natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
-    RunHere("main", &main, [&] {
+    RunAsMain([&] {
         ASSERT_EQ(StartAgent(), 0);
         body(scene);
         Ask("SHUTDOWN");
@@ -46,21 +33,15 @@ inline void WithScene(const std::string &name, const Options &options,
     EndScene(&scene);
 }
 
-// As if the calling thread's body were Java code: without a frame anchor, in the state of threads that may be
-// held.
-template <class BODY>
-void AsJava(BODY body) {
-    static thread_local Word self; // once: later the thread may own malloc's lock
-    if (!self) {
-        const std::lock_guard<std::recursive_mutex> held(vm.lock);
-        for (const ThreadInfo *thread : vm.threads)
-            self = thread->kernelId == gettid() ? thread->address : self;
-    }
-    Word &anchor = At(self, &JavaThread::anchorSp), sp = std::exchange(anchor, 0);
-    __atomic_store_n(&At(self, &JavaThread::state), IN_JAVA, __ATOMIC_SEQ_CST);
-    body();
-    __atomic_store_n(&At(self, &JavaThread::state), IN_NATIVE, __ATOMIC_SEQ_CST);
-    anchor = sp;
+// A reply without what each has another of.
+inline std::string Untimed(const std::string &reply) {
+    return reply.substr(0, reply.find("Time spent in JVM"));
+}
+
+inline void ExpectVmsSignalHandler() {
+    struct sigaction action;
+    sigaction(31, nullptr, &action);
+    EXPECT_EQ(action.sa_sigaction, VmSignalHandler);
 }
 
 inline size_t OpenDescriptors() {
