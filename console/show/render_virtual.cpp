@@ -40,11 +40,29 @@ std::string Place(const VirtualGroup &group) {
     return group.member.call ? CallText(*group.member.call) : "-";
 }
 
+// The member and others whose request or statement isn't that of one before them.
+std::vector<const Thread *> DistinctMembers(const VirtualGroup &group) {
+    std::vector<const Thread *> distinct = {&group.member};
+    for (const Thread &other : group.others) {
+        const auto same = [&](const Thread *known) {
+            return RequestText(*known) == RequestText(other) && SqlText(*known) == SqlText(other) &&
+                   DatabaseUrlText(*known) == DatabaseUrlText(other);
+        };
+        if (std::none_of(distinct.begin(), distinct.end(), same))
+            distinct.push_back(&other);
+    }
+    return distinct;
+}
+
 std::string GroupTable(const VirtualThreads &view, const Style &style) {
     const auto any = [&](std::string (*text)(const Thread &)) {
-        return std::any_of(view.groups.begin(), view.groups.end(),
-                           [&](const VirtualGroup &group) { return !text(group.member).empty(); });
+        return std::any_of(view.groups.begin(), view.groups.end(), [&](const VirtualGroup &group) {
+            const std::vector<const Thread *> members = DistinctMembers(group);
+            return std::any_of(members.begin(), members.end(),
+                               [&](const Thread *member) { return !text(*member).empty(); });
+        });
     };
+    constexpr size_t FIRST_COLUMNS = 4; // the group's
     const bool requests = any(RequestText), statements = any(SqlText);
     std::vector<Column> columns = {{"COUNT", true}, {"STATE"}, {"AT"}, {"WAITS FOR"}, {"E.G."}};
     if (requests)
@@ -55,14 +73,33 @@ std::string GroupTable(const VirtualThreads &view, const Style &style) {
     for (const VirtualGroup &group : view.groups) {
         std::vector<Cell> row = {Grouped(group.number),
                                  Cell(group.member.state, StateColourOf(group.member.state)), Place(group),
-                                 WaitsFor(group), fmt::format("#{}", group.member.key.thread)};
-        if (requests)
-            row.emplace_back(RequestText(group.member));
-        if (statements)
-            row.emplace_back(SqlText(group.member));
-        table.Add(std::move(row));
+                                 WaitsFor(group)};
+        for (const Thread *member : DistinctMembers(group)) {
+            row.emplace_back(fmt::format("#{}", member->key.thread));
+            if (requests)
+                row.emplace_back(RequestText(*member));
+            if (statements)
+                row.emplace_back(SqlText(*member));
+            table.Add(std::move(row));
+            row.assign(FIRST_COLUMNS, Cell(std::string()));
+        }
     }
     return view.groups.empty() ? "" : table.Text(style);
+}
+
+// What the members do in other tiers.
+std::string TiersDump(const VirtualGroup &group) {
+    std::string text;
+    for (const Thread *member : DistinctMembers(group)) {
+        const std::pair<const char *, std::string> lines[] = {{"request", RequestText(*member)},
+                                                              {"database", DatabaseText(*member)},
+                                                              {"url", DatabaseUrlText(*member)},
+                                                              {"sql", SqlText(*member)}};
+        for (const auto &[what, value] : lines)
+            if (!value.empty())
+                text += fmt::format("   {} of #{}: {}\n", what, member->key.thread, Printable(value));
+    }
+    return text;
 }
 
 std::string GroupDump(const VirtualThreads &view, const Style &style) {
@@ -77,6 +114,7 @@ std::string GroupDump(const VirtualThreads &view, const Style &style) {
             text += fmt::format("   in: {}\n", Printable(group.container));
         if (!group.waits_for.empty())
             text += fmt::format("   waits for: {}\n", Printable(WaitsFor(group)));
+        text += TiersDump(group);
         for (const Frame &frame : group.member.stack)
             text += fmt::format("\tat {}\n", Printable(CallText(frame)));
         text += '\n';
@@ -106,6 +144,11 @@ Json GroupJson(const VirtualGroup &group) {
     object["owner"] = group.owner.thread > 0 ? Json(group.owner.Text()) : Json();
     object["container"] = group.container.empty() ? Json() : Json(group.container);
     object["depth"] = group.depth;
+    for (const Thread &other : group.others) {
+        Json &member = object["others"].emplace_back(ToJson(other));
+        for (const char *same : {"name", "call", "state"})
+            member.erase(same);
+    }
     return object;
 }
 

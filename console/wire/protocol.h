@@ -48,6 +48,7 @@ constexpr std::string_view TITLE_NO_FIELDS = "Object Description - No Informatio
 constexpr std::string_view TITLE_OBJECT_PARENT = "Parent of the Object above:";
 constexpr std::string_view TITLE_COST = "QOR Request Cost";
 constexpr std::string_view TITLE_VIRTUAL_THREADS = "JVM Virtual Threads";
+constexpr std::string_view TITLE_VIRTUAL_CALLS = "JVM Virtual Thread Calls";
 constexpr std::string_view TITLE_TIMING = "Time spent in JVM for processing request";
 
 constexpr std::string_view USER_CALL = "user"; // of the application, by the rules

@@ -10,8 +10,9 @@ namespace qorctl {
 
 namespace {
 
-constexpr int SLOT_OF_TEXT = 3;
-constexpr size_t UNAVAILABLE_FIELDS = 2, COUNTS = 6, NOTE = 6, GROUP_FIELDS = 12;
+constexpr int SLOT_OF_TEXT = 3, SLOT_OF_MEMBERS = 4;
+constexpr int MEMBERS_READ = 50, MEMBERS_READ_WITH_DETAILS = 200; // the agent's own limit
+constexpr size_t UNAVAILABLE_FIELDS = 2, COUNTS = 6, NOTE = 6, GROUP_FIELDS = 12, OTHER_FIELDS = 5;
 constexpr std::string_view UNAVAILABLE = "-1";
 // Bits of the field "cut".
 constexpr int CUT_BY_LIMITS = 1, CUT_BY_ROWS = 2;
@@ -60,6 +61,31 @@ bool ReadGroup(std::string_view record, VirtualGroup *group) {
     return ReadStateOn(Fields(field.begin() + GROUP_FIELDS - 1, field.end()), &group->member);
 }
 
+struct OtherMember {
+    ThreadKey group;
+    Thread thread;
+};
+
+bool ReadOther(std::string_view record, OtherMember *other) {
+    Fields field = Split(record, FIELD_SEP);
+    if (field.size() < OTHER_FIELDS || !ReadKey(field[0], &other->group) ||
+        !ReadKey(field[1], &other->thread.key))
+        return false;
+    other->thread.request_url = ReadOptional(field[2]);
+    other->thread.request_detail = ReadOptional(field[3]);
+    return ReadStateOn(Fields(field.begin() + OTHER_FIELDS - 1, field.end()), &other->thread);
+}
+
+// Those of which nothing was found add nothing.
+void AddOther(OtherMember &&other, VirtualThreads *view) {
+    const Thread &thread = other.thread;
+    if (!thread.request_url && !(thread.db && (thread.db->sql || thread.db->url)))
+        return;
+    for (VirtualGroup &group : view->groups)
+        if (group.member.key.thread == other.group.thread)
+            group.others.push_back(std::move(other.thread));
+}
+
 // The first record is of the whole, the others are groups.
 struct HeadOrGroup {
     VirtualThreads head;
@@ -85,8 +111,10 @@ void ReadGroups(const Section &section, RecordReader *reader, VirtualThreads *vi
 std::string VirtualThreadsRequest(const VirtualQuestion &question) {
     uint32_t flags = (question.repeated ? 0u : FLAG_NOT_A_POLL) | (question.details ? FLAG_DETAILS : 0u) |
                      (question.all ? FLAG_ALL_THREADS : 0u);
-    std::string text = fmt::format("{}|showstack|{}", flags, uint32_t(REQ_VIRTUAL_THREADS));
-    return question.match.empty() ? text : fmt::format("{}|ARG=x,{}={}", text, SLOT_OF_TEXT, question.match);
+    std::string text =
+        fmt::format("{}|showstack|{}|ARG=x,{}={}", flags, uint32_t(REQ_VIRTUAL_THREADS), SLOT_OF_MEMBERS,
+                    question.details ? MEMBERS_READ_WITH_DETAILS : MEMBERS_READ);
+    return question.match.empty() ? text : fmt::format("{},{}={}", text, SLOT_OF_TEXT, question.match);
 }
 
 VirtualThreads DecodeVirtualThreads(const Reply &reply) {
@@ -98,6 +126,9 @@ VirtualThreads DecodeVirtualThreads(const Reply &reply) {
         if (section.title == TITLE_VIRTUAL_THREADS) {
             titled = true;
             ReadGroups(section, &reader, &view);
+        } else if (section.title == TITLE_VIRTUAL_CALLS) {
+            reader.Each<OtherMember>(section, ReadOther,
+                                     [&](OtherMember &&other) { AddOther(std::move(other), &view); });
         } else if (section.title == TITLE_CALL_STACK && stacks < view.groups.size()) {
             std::vector<Frame> &stack = view.groups[stacks++].member.stack;
             reader.Each<Frame>(section, ReadStackRow,

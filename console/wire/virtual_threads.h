@@ -20,7 +20,8 @@ struct VirtualGroup {
     std::string waits_for, container; // class, name; "" none
     ThreadKey owner;                  // thread 0: nobody's or not known
     int depth = 0;
-    Thread member; // one of them: key, state, call, work in other tiers; its stack with details
+    Thread member;              // one of them: key, state, call, work in other tiers; its stack with details
+    std::vector<Thread> others; // some more of those that work in other tiers: key, state and that work
 };
 
 struct VirtualThreads {

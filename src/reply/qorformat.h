@@ -33,6 +33,7 @@ constexpr char TITLE_COST[] = "QOR Request Cost";
 constexpr char TITLE_LOCK_WAIT[] = "Lock On";
 constexpr char TITLE_PARKED[] = "Parked On";
 constexpr char TITLE_VIRTUAL_THREADS[] = "JVM Virtual Threads";
+constexpr char TITLE_VIRTUAL_CALLS[] = "JVM Virtual Thread Calls";
 constexpr char TITLE_COLLECTIONS[] = "JVM Garbage Collections";
 constexpr char TITLE_HEAP_MEMORY[] = "JVM Heap Memory Usage";
 constexpr char TITLE_CLASSES[] = "JVM Class Details";

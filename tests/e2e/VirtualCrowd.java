@@ -38,11 +38,11 @@ final class VirtualCrowd {
 
     static void sleeps() throws Exception { Thread.sleep(1L << 40); }
 
-    static void queryDatabase() throws Exception {
+    static void queryDatabase(String table) throws Exception {
         SilentServer server = new SilentServer();
         TessarConnection connection = new TessarConnection(
             "jdbc:orders", "shop", new DBAccess(Communication.connect("plain", server.port())));
-        new TessarPreparedStatement(connection, "select total from orders").executeQuery();
+        new TessarPreparedStatement(connection, "select total from " + table).executeQuery();
     }
 
     /** A structured scope, by the class under all of them. */
@@ -63,7 +63,8 @@ final class VirtualCrowd {
         crowd(100, lock::lock);
         crowd(20, () -> new Socket("127.0.0.1", silent.getLocalPort()).getInputStream().read());
         crowd(1, accepts::accept);
-        crowd(1, VirtualCrowd::queryDatabase);
+        for (String table : new String[] {"orders", "bills", "offers"})
+            crowd(1, () -> queryDatabase(table));
         crowd(1, () -> open(30));
         open(5);
         var executor = Executors.newVirtualThreadPerTaskExecutor();

@@ -27,6 +27,7 @@ namespace {
 constexpr int32_t GROUPS_SHOWN = 50;
 constexpr int32_t CALL_FIELDS = 3, REQUEST_FIELDS = 2;
 constexpr int32_t MOST_HELD = 200;
+constexpr int32_t GROUP_SHARE = 4; // of the threads held a group has no more than this part
 constexpr int32_t LONGEST_MILLISECONDS = 2000;
 constexpr char NOT_TRACKED[] = "threads without an executor aren't tracked (jdk.trackAllThreads)";
 constexpr char NOT_COUNTED[] = "there are more executors than could be counted in the time";
@@ -39,12 +40,21 @@ enum : int32_t { CUT_BY_TIME_OR_THREADS = 1, CUT_BY_ROWS = 2 };
 struct GroupFacts {
     int32_t state;
     bool isCounted, isShown; // a frame holds the wanted text; and it isn't idle by a rule
+    bool isWritten;          // its row is in the reply
 };
 
-// The members of groups whose frames show a driver or a container, kept until their locals have been read.
+struct HeldMember {
+    int64_t tid;
+    uint64_t group; // its hash
+};
+
+// Members of groups whose frames show a driver or a container, kept until their locals have been read.
+// Without `others` the first one of each group alone.
 struct HeldThreads {
     jobjectArray array; // a global reference; null before the first
     int32_t count, most;
+    bool others;
+    HeldMember members[MOST_HELD];
 };
 HeldThreads held;
 
@@ -126,7 +136,7 @@ GroupFacts ReadGroup(VirtualView *view, const QorVirtualGroup &group, QorText *c
         ReadGroupFrame(&reading, frame);
     }
     const int32_t state = reading.isIdle ? STATE_OBJECT_WAIT : reading.thread.state;
-    return {state, reading.isWanted, reading.isWanted && (!reading.isIdle || trace_all_threads)};
+    return {state, reading.isWanted, reading.isWanted && (!reading.isIdle || trace_all_threads), false};
 }
 
 constexpr uint32_t KINDS_OF_INTEREST = FRAME_WEB | FRAME_DATABASE | FRAME_RMI | FRAME_OF_RULES;
@@ -143,8 +153,21 @@ bool HasFrameOfInterest(const QorVirtualGroup &group) {
     return false;
 }
 
+constexpr int32_t OF_NO_INTEREST = -1; // of a group's `held`
+
+// Whether there is room for the member. Some is left for the first ones of groups to come.
+bool MayHold(const QorVirtualGroup &group) {
+    if (group.held == OF_NO_INTEREST || !jobjclass)
+        return false;
+    const int32_t share = std::max(1, held.most / GROUP_SHARE);
+    return group.count == 1 ? held.count < held.most
+                            : held.others && group.held < share && held.count < held.most - share;
+}
+
 void HoldMember(QorVirtualGroup *group, jobject thread) {
-    if (held.count == held.most || !jobjclass || !HasFrameOfInterest(*group))
+    if (group->count == 1 && !HasFrameOfInterest(*group))
+        group->held = OF_NO_INTEREST;
+    if (!MayHold(*group))
         return;
     if (!held.array) {
         jobject array = jvmtijni_env->NewObjectArray(held.most, jobjclass, nullptr);
@@ -156,16 +179,17 @@ void HoldMember(QorVirtualGroup *group, jobject thread) {
     }
     if (!held.array)
         return;
+    held.members[held.count] = {QorGetLongField(jvmtijni_env, thread, qorVirtual.tid), group->hash};
     jvmtijni_env->SetObjectArrayElement(held.array, held.count++, thread);
     QorClearException(jvmtijni_env);
-    group->isHeld = true;
+    group->held++;
 }
 
-// Lists the frames whose locals are wanted. `at` has the places of the group's row.
-void ListFrames(VirtualView *view, const QorVirtualGroup &group, const QorXtierPositions &at) {
+// Lists the frames of a member whose locals are wanted. `at` has the places of its row.
+void ListFrames(VirtualView *view, const QorVirtualGroup &group, int64_t tid, const QorXtierPositions &at) {
     QorThreadRecord thread = {};
-    thread.tid = group.tid;
-    snprintf(thread.name, sizeof thread.name, "%s", group.name);
+    thread.tid = tid;
+    snprintf(thread.name, sizeof thread.name, "%s", tid == group.tid ? group.name : "");
     QorStartThreadFrames();
     QorXtierFlags flags = {};
     UseFrames(view, group);
@@ -177,7 +201,7 @@ void ListFrames(VirtualView *view, const QorVirtualGroup &group, const QorXtierP
         QorListXtierFrame(&thread, &shape->frame, shape->kinds & KINDS_OF_INTEREST, &flags);
     }
     char key[THREAD_KEY_SIZE];
-    QorFormatThreadKey(key, getpid(), group.tid);
+    QorFormatThreadKey(key, getpid(), tid);
     QorXtierPositions used = at;
     if (!flags.web)
         used.requestStart = used.requestEnd = -1;
@@ -226,7 +250,22 @@ void AppendKey(QorText *out, int64_t tid) {
     QorAppendField(out, tid != 0 ? key : null_str);
 }
 
-// False when the group has no room: nothing of it is written.
+void AppendRequest(QorText *out, QorXtierPositions *at) {
+    at->requestStart = out->length;
+    for (int32_t i = 0; i < REQUEST_FIELDS; i++)
+        QorAppendField(out, null_str);
+    at->requestEnd = out->length;
+}
+
+// Ends a record that began at `start`; false when it has no room: nothing of it is left.
+bool EndRecord(QorText *out, int32_t start) {
+    QorTextAppendChar(out, RECORD_END);
+    if (!out->refused && out->size - out->length > 1)
+        return true;
+    QorTextCut(out, start);
+    return false;
+}
+
 bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
     QorText *out = view->reply, call;
     const int32_t start = out->length;
@@ -235,10 +274,7 @@ bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
     QorAppendNumberField(out, group.count);
     AppendKey(out, group.tid);
     QorXtierPositions at;
-    at.requestStart = out->length;
-    for (int32_t i = 0; i < REQUEST_FIELDS; i++)
-        QorAppendField(out, null_str);
-    at.requestEnd = out->length;
+    AppendRequest(out, &at);
     QorAppendField(out, OrPlaceholder(group.waitsFor));
     AppendKey(out, group.owner);
     QorAppendField(out, OrPlaceholder(group.container));
@@ -250,14 +286,47 @@ bool AppendGroup(VirtualView *view, const QorVirtualGroup &group) {
     for (int32_t i = 0; call.length == 0 && i < CALL_FIELDS; i++)
         QorAppendField(out, null_str);
     QorAppendState(out, facts.state, nullptr, &at);
-    QorTextAppendChar(out, RECORD_END);
-    if (out->refused || out->size - out->length <= 1) {
-        QorTextCut(out, start);
+    if (!EndRecord(out, start))
         return false;
-    }
-    if (group.isHeld)
-        ListFrames(view, group, at);
+    view->facts[&group - view->sample.groups].isWritten = true;
+    if (group.held > 0)
+        ListFrames(view, group, group.tid, at);
     return true;
+}
+
+// The group of a held member whose row is written; null without one.
+const QorVirtualGroup *GroupOf(const VirtualView &view, const HeldMember &member) {
+    const QorVirtualGroup *groups = view.sample.groups;
+    for (int32_t i = 0; i < view.sample.groupCount; i++)
+        if (groups[i].hash == member.group)
+            return view.facts[i].isWritten ? &groups[i] : nullptr;
+    return nullptr;
+}
+
+// The section of the members beside the first ones of their groups.
+void AppendOtherMembers(VirtualView *view) {
+    QorText *out = view->reply;
+    const int32_t before = out->length;
+    QorAppendTitle(out, TITLE_VIRTUAL_CALLS);
+    for (int32_t i = 0; i < held.count; i++) {
+        const HeldMember &member = held.members[i];
+        const QorVirtualGroup *group = GroupOf(*view, member);
+        if (!group || group->tid == member.tid)
+            continue;
+        const int32_t start = out->length;
+        AppendKey(out, group->tid);
+        AppendKey(out, member.tid);
+        QorXtierPositions at;
+        AppendRequest(out, &at);
+        QorAppendState(out, view->facts[group - view->sample.groups].state, nullptr, &at);
+        if (!EndRecord(out, start)) {
+            qorReplyIsCut = true;
+            break;
+        }
+        ListFrames(view, *group, member.tid, at);
+    }
+    if (QorTextAppendChar(out, SECTION_END) < 0)
+        QorTextCut(out, before);
 }
 
 bool AppendStack(VirtualView *view, const QorVirtualGroup &group) {
@@ -300,13 +369,16 @@ void ForShownGroups(VirtualView *view, bool (*append)(VirtualView *, const QorVi
     }
 }
 
-void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
+void AppendSample(VirtualView *view, const QorVirtualLimits &limits, int32_t otherMembers) {
     const int64_t now = qorLocalWalkClock();
     const bool isDue = QorHandTimeLeft(now) > 0;
     const bool readsLocals = !no_locals && !gbQorSkipLocal && !gbQorRELocal;
     if (held.array) // a fault has ended the last request
         QorDeleteGlobalRef(jvmtijni_env, held.array);
-    held = {nullptr, 0, readsLocals ? std::min(view->mostGroups, MOST_HELD) : 0};
+    held.array = nullptr;
+    held.count = 0;
+    held.most = readsLocals ? std::min(std::max(view->mostGroups, otherMembers), MOST_HELD) : 0;
+    held.others = otherMembers > 0;
     QorStartFrameShapes();
     if (QorSampleVirtualThreads(limits, !isDue, &view->sample) != 0)
         QorLogNoFrame(LOG_ERROR);
@@ -319,6 +391,8 @@ void AppendSample(VirtualView *view, const QorVirtualLimits &limits) {
     AppendHead(view, isDue ? note : OVER_QUOTA);
     ForShownGroups(view, AppendGroup);
     QorTextAppendChar(view->reply, SECTION_END);
+    if (otherMembers > 0)
+        AppendOtherMembers(view);
     if (poll_details)
         ForShownGroups(view, AppendStack);
     ReadHeldThreads(view->reply);
@@ -346,7 +420,9 @@ void QorShowVirtualThreadsRequest(uint32_t, QorText *reply, char **args) {
         AppendHead(&view, nullptr);
         QorTextAppendChar(reply, SECTION_END);
     } else {
-        AppendSample(&view, {Argument(args, 1, VIRTUAL_MOST_THREADS), Argument(args, 2, LONGEST_MILLISECONDS),
-                             HoldMember});
+        AppendSample(
+            &view,
+            {Argument(args, 1, VIRTUAL_MOST_THREADS), Argument(args, 2, LONGEST_MILLISECONDS), HoldMember},
+            Argument(args, 4, MOST_HELD));
     }
 }

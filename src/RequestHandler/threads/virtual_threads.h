@@ -5,7 +5,8 @@
 
 #include <cstdint>
 
-// Appends the view. args: most groups, most threads, milliseconds, a text that a frame must hold; absent ones
-// and zeros are the defaults. Where there are no virtual threads to be seen, the count is -1 with the reason.
+// Appends the view. args: most groups, most threads, milliseconds, a text that a frame must hold, most
+// threads whose data of other tiers is read; absent ones and zeros are the defaults, the last of which is the
+// first member of each group. Where there are no virtual threads to be seen, the count is -1 with the reason.
 // Worker only.
 void QorShowVirtualThreadsRequest(uint32_t reqid, QorText *reply, char **args);

@@ -36,7 +36,7 @@ QorVirtualGroup *groupsInUse;
 struct Sampler {
     QorVirtualSample *sample;
     bool batches;
-    void (*onGroup)(QorVirtualGroup *group, jobject thread);
+    void (*onMember)(QorVirtualGroup *group, jobject thread);
     jthread threads[BATCH];
     int32_t held;
 };
@@ -163,15 +163,15 @@ void AddStack(Sampler *sampler, jthread thread, jint state, const jvmtiFrameInfo
         sample->groupsCut = true;
         return;
     }
-    if (group->count++ != 0)
-        return;
-    sample->groupCount++;
-    group->hash = hash;
-    group->state = mapped;
-    group->depth = depth;
-    memcpy(group->frames, frames + skipped, static_cast<size_t>(depth) * sizeof *frames);
-    DescribeMember(group, thread);
-    sampler->onGroup(group, thread);
+    if (group->count++ == 0) {
+        sample->groupCount++;
+        group->hash = hash;
+        group->state = mapped;
+        group->depth = depth;
+        memcpy(group->frames, frames + skipped, static_cast<size_t>(depth) * sizeof *frames);
+        DescribeMember(group, thread);
+    }
+    sampler->onMember(group, thread);
 }
 
 // One stop for all threads that are held, and a rest as long if others follow.
@@ -257,7 +257,7 @@ void TakeCounts(const QorVirtualWalk &walk, QorVirtualSample *sample) {
 
 void TakeSample(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample) {
     static Sampler sampler;
-    sampler = {sample, QorJvmRelease() < RELEASE_WITHOUT_STOP, limits.onGroup, {}, 0};
+    sampler = {sample, QorJvmRelease() < RELEASE_WITHOUT_STOP, limits.onMember, {}, 0};
     const Defaults &defaults = sampler.batches ? WITH_STOPS : WITHOUT_STOPS;
     const int32_t milliseconds = limits.milliseconds > 0 ? limits.milliseconds : defaults.milliseconds;
     QorVirtualWalk walk = {};

@@ -27,7 +27,7 @@ struct QorVirtualGroup {
     int64_t tid, owner; // owner: of what it waits for, 0 unknown
     int32_t depth;
     jvmtiFrameInfo frames[VIRTUAL_DEPTH];
-    bool isHeld; // the view's own
+    int32_t held; // the view's own
     char name[VIRTUAL_TEXT_SIZE];
     char waitsFor[VIRTUAL_TEXT_SIZE],
         container[VIRTUAL_TEXT_SIZE]; // dotted class; name or class, "" the root
@@ -35,8 +35,8 @@ struct QorVirtualGroup {
 
 struct QorVirtualLimits {
     int32_t threads, milliseconds; // 0: the defaults
-    // Called for each group when its first member is met; the reference is the sample's.
-    void (*onGroup)(QorVirtualGroup *group, jobject thread);
+    // Called for each member of a group that is met, the first one at count 1; the reference is the sample's.
+    void (*onMember)(QorVirtualGroup *group, jobject thread);
 };
 
 struct QorVirtualSample {
