@@ -11,7 +11,7 @@ function plain(text) {
 const data = JSON.parse(document.getElementById("data").textContent);
 const runs = data.runs, texts = data.texts.map(plain), names = data.threads.name.map(plain);
 const samples = data.t.length;
-const usual = samples > 1 ? (data.t[samples - 1] - data.t[0]) / (samples - 1) : data.meta.every_ms || 1000; // interval
+const usual = samples > 1 ? (data.t[samples - 1] - data.t[0]) / (samples - 1) : Number(data.meta.every_ms) || 1000; // interval
 const groups = names.map(name => name.replace(/[0-9]+/g, "{n}"));
 
 // In the order of their colours in page.css; the last two are idle.

@@ -99,6 +99,8 @@ function stuckThreads() {
     .map(([thread, {run}]) => [thread, run]);
 }
 
+const orUnknown = (value, textOf) => value === null ? "unknown" : textOf(value);
+
 // Those of a group at the same place are one row.
 function drawStuck() {
   const places = new Map();
@@ -115,7 +117,7 @@ function drawStuck() {
     pick: () => threads.length > 1 ? pickOrNot("group", groups[threads[0]], "") : pickOrNot("thread", threads[0], -1),
     cells: [threads.length > 1 ? `${groups[threads[0]]}, ${threads.length} threads` : names[threads[0]],
       {text: stateOf(run), state: stateOf(run)}, {text: framesOf(runs.stack[run]).slice(0, 3).join("\n"), frames: true},
-      spanText(d3.sum(threads, thread => data.threads.cpu[thread]) / 1e6)]
+      orUnknown(data.threads.cpu[threads[0]], () => spanText(d3.sum(threads, thread => data.threads.cpu[thread]) / 1e6))]
   })), "No thread was at one place the whole time.", [3]);
 }
 
@@ -123,7 +125,6 @@ function drawBusy() {
   const {cpu, alloc} = data.threads, length = samples > 1 ? data.t[samples - 1] - data.t[0] : 0;
   const busy = Array.from(sumsBy(run => runs.thread[run]).keys()).filter(t => cpu[t] > 0 || alloc[t] > 0)
     .sort((a, b) => cpu[b] - cpu[a] || alloc[b] - alloc[a]);
-  const orUnknown = (value, textOf) => value === null ? "unknown" : textOf(value);
   drawTable("busy", ["thread", "processor", "of one", "allocated"], busy.slice(0, 60).map(t => ({
     pick: () => pickOrNot("thread", t, -1),
     cells: [names[t], orUnknown(cpu[t], ns => spanText(ns / 1e6)), orUnknown(cpu[t], ns => shareText(ns / 1e6, length)),
