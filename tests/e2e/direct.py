@@ -66,6 +66,11 @@ class DirectRoad(Direct):
         self.assertEqual(waits, {t["name"]: (t["waits"], next(
             holder["name"] for holder in self.truths.values() for lock in holder["locks"]
             if lock.startswith(t["waits"] + " "))) for t in self.truths.values() if t["waits"]})
+        for keep, count in (("", 0), ("any_|keep|work", len(waits))):  # where all that waits is idle
+            self.answer("rules", self.vm.pid, "-", text=f"any_|currcall|shop\nany_|monitor|shop\n{keep}\n")
+            shown = Counter(thread["state"] for thread in self.threads(self.vm, "--details").values())
+            summary = self.json("summary", self.vm.pid)
+            self.assertEqual((summary["threads_lock"], shown["Lock"]), (count, count))
         self.shut_down()
 
 

@@ -241,6 +241,16 @@ void CountCallback(QorLocalWalk *walk, jvmtiHeapReferenceKind kind) {
         walk->stacksSeen = true;
 }
 
+// Counts a callback. False when the walk has ended, or does now.
+bool GoesOn(QorLocalWalk *walk, jvmtiHeapReferenceKind kind) {
+    if (walk->outcome.end != WALK_NOT_ENDED)
+        return false;
+    CountCallback(walk, kind);
+    if (IsOutOfTime(walk))
+        Abort(walk, WALK_OUT_OF_TIME, kind);
+    return walk->outcome.end == WALK_NOT_ENDED;
+}
+
 } // namespace
 
 bool QorPrepareLocalSearch(QorLocalWalk *walk, QorAllThreadLocalInfoList *list) {
@@ -320,11 +330,8 @@ jint JNICALL heapReferenceAllObjectCallback(jvmtiHeapReferenceKind kind, const j
                                             jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
                                             void *userData) {
     auto *walk = static_cast<QorLocalWalk *>(userData);
-    if (walk->outcome.end != WALK_NOT_ENDED)
+    if (!GoesOn(walk, kind))
         return JVMTI_VISIT_ABORT;
-    CountCallback(walk, kind);
-    if (IsOutOfTime(walk))
-        return Abort(walk, WALK_OUT_OF_TIME, kind);
     if (kind != JVMTI_HEAP_REFERENCE_STACK_LOCAL && kind != JVMTI_HEAP_REFERENCE_JNI_LOCAL)
         return VisitOther(walk, kind);
     if (!info) {
@@ -343,11 +350,8 @@ jint JNICALL heapReferenceHeldThreadsCallback(jvmtiHeapReferenceKind kind, const
                                               jlong classTag, jlong, jlong, jlong *tagPtr, jlong *, jint,
                                               void *userData) {
     auto *walk = static_cast<QorLocalWalk *>(userData);
-    if (walk->outcome.end != WALK_NOT_ENDED)
+    if (!GoesOn(walk, kind))
         return JVMTI_VISIT_ABORT;
-    CountCallback(walk, kind);
-    if (IsOutOfTime(walk))
-        return Abort(walk, WALK_OUT_OF_TIME, kind);
     const bool isLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && info;
     if (isLocal && VisitStackLocal(walk, info, classTag, tagPtr) == JVMTI_VISIT_ABORT)
         return JVMTI_VISIT_ABORT;
@@ -360,11 +364,8 @@ jint JNICALL heapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind, const j
                                             void *userData) {
     auto *walk = static_cast<QorLocalWalk *>(userData);
     QorWantedFrame *frame = walk->frames;
-    if (walk->outcome.end != WALK_NOT_ENDED)
+    if (!GoesOn(walk, kind))
         return JVMTI_VISIT_ABORT;
-    CountCallback(walk, kind);
-    if (IsOutOfTime(walk))
-        return Abort(walk, WALK_OUT_OF_TIME, kind);
     const bool isStackLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL;
     if (!isStackLocal && kind != JVMTI_HEAP_REFERENCE_JNI_LOCAL)
         return VisitOther(walk, kind);

@@ -1,5 +1,7 @@
 #include "frame_monitors.h"
 
+#include "frame_state.h"
+
 #include "qorrequest.h"
 #include "qorutil.h"
 #include "reply/qorformat.h"
@@ -56,7 +58,8 @@ bool QorReportMonitors(const QorWalkedThread &thread, const QorSampleRequest &re
         const bool waited = first && i == 0 && WaitsForMonitor(thread.facts);
         if (object && !isObject)
             continue; // the frame has put something else there
-        if (waited && QorLeavesIdleOut(request) && !checkMonitor(className))
+        if (waited && QorLeavesIdleOut(request) && !QorKeepsState(thread.facts.state) &&
+            !checkMonitor(className))
             return false;
         if (waited && isObject)
             AppendWait(&out->waits, object, className);

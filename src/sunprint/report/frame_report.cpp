@@ -90,7 +90,7 @@ QorReport ReportFrame(const QorWalkedThread &thread, const QorSampleRequest &req
         SetCall(out, names, system); // where it holds the lock
     else if (!out->holds)
         NoteCall(out, names, system);
-    if ((request.reqid & QORREQ_JUST_THREADS) && !hadCall && !system &&
+    if ((request.reqid & QORREQ_JUST_THREADS) && !hadCall && !system && !QorKeepsState(out->state) &&
         checkCurrCall(names.className, names.method) == 0)
         out->state = DIRECT_OBJECT_WAIT;
     QorAppendFrameRow(request, &out->rows, frame, names, system);

@@ -1,5 +1,7 @@
 #include "frame_state.h"
 
+#include "qorutil.h"
+
 #include <cstring>
 
 namespace {
@@ -55,6 +57,10 @@ QorDirectState QorRefineState(QorDirectState state, int32_t frame, const char *c
             strcmp(method, row.method) == 0)
             return row.to;
     return state;
+}
+
+bool QorKeepsState(QorDirectState state) {
+    return rulesKeepWork && (state == DIRECT_LOCK || state == DIRECT_DB_WAIT || state == DIRECT_RMI_WAIT);
 }
 
 QorDirectState QorStateWithoutFrames(QorDirectState state, const char *threadName) {
