@@ -6,12 +6,13 @@ import re
 import shutil
 import socket
 import socketserver
+import sqlite3
 import struct
 import threading
 import zipfile
 from dataclasses import dataclass, field
 
-from harness import LIMIT, SETTINGS, Case, wait_until
+from harness import LIMIT, SETTINGS, Case, folder, wait_until
 from products import FOLDER, SAMPLES, Compiled, Postgres, Server, jars
 
 # What is compiled: the drivers, of embedded databases without their engines, and who calls them.
@@ -132,6 +133,19 @@ class Product:
         return f"{self.package} needs Java {version}" if version > SETTINGS.version else None
 
 
+class Sqlite:
+    """A database's file, locked as another process would."""
+
+    def __init__(self, path):
+        self.path = path
+
+    @contextlib.contextmanager
+    def lock_held(self):
+        with contextlib.closing(sqlite3.connect(self.path, isolation_level=None)) as holder:
+            holder.execute("begin exclusive")
+            yield
+
+
 def embedded(cast):
     """A table for each call, as they would wait for each other otherwise."""
     calls = {f"{way} {form}": f"select hold({key}) from {way}_{form}" if form == "query" else
@@ -142,7 +156,7 @@ def embedded(cast):
     return [f"create table {t} (a int)" for t in tables] + rows, calls
 
 
-def products(postgres, mariadb, tds, h2_port):
+def products(postgres, mariadb, tds, h2_port, place):
     held = MariaDb.WAIT.format
     of_postgres = f"jdbc:postgresql://127.0.0.1:{postgres.port}/postgres?user=test" if postgres else ""
     lock = "pg_advisory_xact_lock_shared({})".format
@@ -150,7 +164,7 @@ def products(postgres, mariadb, tds, h2_port):
     of_maria = f"jdbc:mariadb://127.0.0.1:{mariadb.port}/shop?user=test&password=" if mariadb else ""
     of_jtds = f"jdbc:jtds:sqlserver://127.0.0.1:{tds.port}/shop;user=test;prepareSQL=2;password="
     of_h2 = f"jdbc:h2:tcp://127.0.0.1:{h2_port}/mem:shop"
-    of_sqlite = "jdbc:sqlite:shop?busy_timeout=600000"
+    of_sqlite = f"jdbc:sqlite:{place[len(SETTINGS.root):]}/shop?busy_timeout=600000"
     tables, calls = embedded("?")
     _, cast = embedded("cast(? as int)")
     return {
@@ -201,10 +215,10 @@ def products(postgres, mariadb, tds, h2_port):
         "sqlite": Product(
             "libxerial-sqlite-jdbc-java", "xerial-sqlite-jdbc", of_sqlite, of_sqlite, None,
             ["JDBC3Statement.withConnectionTimeout"],
-            {"holder": "begin exclusive", "prepared query": "select a from t where a = ?",
-             "plain query": "select a from t where a = #", "prepared update": "update t set a = ?",
-             "plain update": "update t set a = #", "prepared batch": "update t set a = ?"},
-            ["create table t (a int)"], native="libsqlitejdbc.so"),
+            {"prepared query": "select a from t where a = ?", "plain query": "select a from t where a = #",
+             "prepared update": "update t set a = ?", "plain update": "update t set a = #",
+             "prepared batch": "update t set a = ?"},
+            ["create table t (a int)"], native="libsqlitejdbc.so", server=Sqlite(f"{place}/shop")),
         "jtds": Product(
             "libjtds-java", "jtds", of_jtds + "secret", of_jtds + "***", "test",
             ["TdsCore.executeSQL", "JtdsStatement.executeSQLQuery"],
@@ -226,7 +240,7 @@ class Databases(Case):
             servers["mariadb"].asks("create database shop; "
                                     "grant all on shop.* to test@'127.0.0.1' identified by 'secret'")
         with socket.create_server(("127.0.0.1", 0)) as free:
-            rows = products(*servers.values(), Tds(), free.getsockname()[1])
+            rows = products(*servers.values(), Tds(), free.getsockname()[1], folder(self)[0])
         for name, row in list(rows.items()):
             lack = row.lack() or servers.get(name, True) is None and f"install {name}"
             if lack:
@@ -253,7 +267,9 @@ class Databases(Case):
             self.assertNotIn("failed: ", calls.output())
 
     def check(self, calls, name, product, when):
-        expected = {f"{name} {form}": product.expected(form) for form in product.calls if form != "holder"}
+        expected = {f"{name} {form}": product.expected(form) for form in product.calls}
+        calls.tell(f"{when} {name}")
+        calls.wait_for(f"(?m)^done {when} {name}\n")
         with product.server.lock_held() if product.server else contextlib.nullcontext():
             calls.tell(f"hold {name}")
             self.await_calls(calls, set(expected))

@@ -18,10 +18,10 @@ import java.util.concurrent.SynchronousQueue;
 
 /**
  * Threads that call real databases. Arguments are a folder, then "NAME FORM...", URL, SQL, three for each
- * thread, whose name is the first. A "setup" runs its SQL at once and has no thread; a "holder" runs it on
- * "hold", and takes it back on "rest". On the line "warm NAME" the threads of that name make their calls again
- * and again, on "hold NAME" once, with 1 for the parameter or the # of their SQL in place of 0; those of a form
- * "transaction" commit each. Embedded databases wait in the function hold.
+ * thread, whose name is the first. A "setup" runs its SQL at once and has no thread. On the line "warm NAME" the
+ * threads of that name make their calls again and again, on "hold NAME" once, with 1 for the parameter or the #
+ * of their SQL in place of 0, on others none; those of a form "transaction" commit each. "done LINE" is printed
+ * when no call of an earlier line is left. Embedded databases wait in the function hold.
  */
 public class Calls extends Thread {
     static volatile ServerSocket gate;
@@ -32,7 +32,6 @@ public class Calls extends Thread {
     final List<String> form;
     final String sql;
     final Connection connection;
-    boolean holds;
 
     Calls(String name, String url, String sql) throws SQLException {
         super(name);
@@ -43,16 +42,12 @@ public class Calls extends Thread {
     }
 
     public static void main(String[] args) throws Exception {
-        List<Calls> all = new ArrayList<>(), holders = new ArrayList<>();
+        List<Calls> all = new ArrayList<>();
         boolean serves = false;
         for (int i = 1; i < args.length; i += 3) {
             if (args[i].startsWith("h2tcp") && !serves)
                 serves = serve(args[i + 1].replaceAll(".*:(\\d+)/.*", "$1"));
             Calls calls = new Calls(args[i], args[i + 1], args[i + 2]);
-            if (calls.form.contains("holder")) {
-                holders.add(calls);
-                continue;
-            }
             calls.call(0);
             if (calls.form.contains("setup"))
                 continue; // its connection stays, as does a database in memory
@@ -67,21 +62,12 @@ public class Calls extends Thread {
                 gate = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
             else if (line.equals("rest") && gate != null)
                 gate.close();
-            boolean hold = line.startsWith("hold");
-            if (hold) // a call of the warming that met a holder would wait, too
-                give(all, line, "idle");
-            for (Calls holder : holders)
-                if (line.equals("rest") ? holder.holds : hold && line.endsWith(holder.form.get(0)))
-                    holder.hold(hold);
-            give(all, line, line);
+            for (Calls calls : all)
+                if (line.endsWith(" " + calls.form.get(0)))
+                    calls.orders.put(line);
+            System.out.println("done " + line);
         }
         System.exit(0);
-    }
-
-    static void give(List<Calls> all, String line, String order) throws InterruptedException {
-        for (Calls calls : all)
-            if (line.endsWith(" " + calls.form.get(0)))
-                calls.orders.put(order);
     }
 
     /** H2's server; its class isn't there where this is compiled. */
@@ -91,13 +77,6 @@ public class Calls extends Thread {
         Object server = factory.getMethod("createTcpServer", String[].class).invoke(null, (Object)options);
         server.getClass().getMethod("start").invoke(server);
         return true;
-    }
-
-    void hold(boolean begin) throws SQLException {
-        try (Statement s = connection.createStatement()) {
-            s.execute(begin ? sql : "rollback");
-        }
-        holds = begin;
     }
 
     /** Waits while the gate is there. */
