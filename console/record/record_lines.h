@@ -43,6 +43,7 @@ struct TakenSample {
     int64_t took_us = 0, agent_us = 0, requests = 0;
     std::optional<int64_t> walk_ms; // what the agent's walk for local variables took
     bool left_out = false;          // no walk, for want of quota
+    std::optional<int64_t> quota;   // percent of the time that walks may take; nothing when it isn't reported
     std::optional<Cost> stops;      // nothing when the agent doesn't report them
     std::optional<int64_t> process_cpu_ms;
     std::optional<MemoryView> heap;

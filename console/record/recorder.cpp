@@ -132,6 +132,7 @@ private:
     std::deque<int> kept_; // numbers of the parts that are there
     int64_t agent_us_ = 0, walk_ms_ = 0, longest_us_ = 0, samples_of_part_ = 0;
     std::optional<Cost> stops_; // of all samples
+    std::optional<int64_t> quota_;
     bool silent_ = false, told_interval_ = false;
     RecordSummary summary_;
 };
@@ -227,6 +228,7 @@ void Recorder::WriteSample(const TakenSample &sample) {
     agent_us_ += sample.agent_us;
     longest_us_ = std::max(longest_us_, sample.agent_us);
     walk_ms_ += sample.walk_ms.value_or(0);
+    quota_ = sample.quota;
     if (sample.stops) {
         stops_ = stops_.value_or(Cost());
         stops_->Add(*sample.stops);
@@ -270,7 +272,8 @@ void Recorder::ShowProgress(bool last) {
     else
         line += fmt::format("{:.0f} ms in the agent (longest {:.0f})", static_cast<double>(agent_us_) / 1000,
                             static_cast<double>(longest_us_) / 1000);
-    line += fmt::format(", locals {:.2f} %", static_cast<double>(walk_ms_) / 10 / std::max(seconds, 0.1));
+    line += fmt::format(", locals {:.2f}{} %", static_cast<double>(walk_ms_) / 10 / std::max(seconds, 0.1),
+                        quota_ ? fmt::format(" of {}", *quota_) : "");
     if (told_interval_)
         line += fmt::format(", every {:.1f} s", std::chrono::duration<double>(pace_.interval()).count());
     winsize size = {};

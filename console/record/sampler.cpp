@@ -100,6 +100,8 @@ void Sampler::AddFigures(const AskFunction &ask, TakenSample *sample) {
     std::string walk = AskTimed(ask, WalkStateRequest(), sample);
     const auto &threads = sample->threads.threads;
     sample->left_out = NumberAfter(walk, "leftout=") == 1;
+    if (int64_t quota = NumberAfter(walk, "localquota="); quota >= 0)
+        sample->quota = quota;
     if (!sample->left_out && std::any_of(threads.begin(), threads.end(), HasTiers))
         sample->walk_ms = std::max<int64_t>(NumberAfter(walk, "walk="), 0);
     const std::string memory = AskTimed(ask, MemoryRequest(true), sample);
