@@ -61,7 +61,7 @@ function drawHeap(svg, x, top) {
   svg.selectAll(".collection").data(ran.slice(0, 3000)).enter().append("rect").attr("class", "collection")
     .attr("x", i => x(timeOf(i)) - 1).attr("width", 2).attr("y", top - 4).attr("height", 7);
   drawSide(svg, x, y, [0, most], kib => sizeText(kib * 1024), "heap");
-  svg.append("text").attr("x", 0).attr("y", top + 2).text(ran.length ? "collections ▪" : "");
+  svg.append("text").attr("x", 0).attr("y", top - 3).text(ran.length ? "collections ▪" : "");
 }
 
 // What a sample has, over all that is chosen but the time.
