@@ -54,11 +54,21 @@ final class VirtualCrowd {
                 .invoke(scope, Thread.ofVirtual().unstarted(VirtualCrowd::park));
     }
 
+    /** Threads whose ids, which are their hashes, share a bin of the JDK's list: it becomes a tree. */
+    static void crowdOneBin(int count) {
+        for (int id = 1; id <= count * 4096; id++) {
+            Thread thread = Thread.ofVirtual().unstarted(VirtualCrowd::park);
+            if (id % 4096 == 0)
+                thread.start();
+        }
+    }
+
     public static void main(String[] args) throws Exception {
         ReentrantLock lock = new ReentrantLock();
         ServerSocket silent = new ServerSocket(0), accepts = new ServerSocket(0);
         lock.lock();
         crowd(1000, VirtualCrowd::park);
+        crowdOneBin(40);
         crowd(200, VirtualCrowd::sleeps);
         crowd(100, lock::lock);
         crowd(20, () -> new Socket("127.0.0.1", silent.getLocalPort()).getInputStream().read());

@@ -215,7 +215,8 @@ void WrapJvmti(jvmtiEnv *env) {
                  &T::GetOwnedMonitorStackDepthInfo, &T::GetLoadedClasses, &T::GetMethodName,
                  &T::GetMethodDeclaringClass, &T::GetLineNumberTable, &T::GetFieldName, &T::GetFieldModifiers,
                  &T::GetErrorName, &T::GetCurrentContendedMonitor, &T::GetClassStatus, &T::GetClassFields,
-                 &T::GetAllStackTraces, &T::GetThreadCpuTime, &T::GetFrameCount, &T::GetStackTrace>();
+                 &T::GetAllStackTraces, &T::GetThreadListStackTraces, &T::GetAllThreads, &T::GetThreadCpuTime,
+                 &T::GetFrameCount, &T::GetStackTrace>();
     env->functions = &failingJvmti;
 }
 

@@ -15,6 +15,7 @@
 #include "wire/request.h"
 
 #include <functional>
+#include <regex>
 #include <unistd.h>
 
 namespace {
@@ -167,6 +168,35 @@ TEST_F(Faults, Views) {
             jobject specimen = Java<jobject>("Specimens", "make", "Values");
             jvmti->SetTag(Env()->NewGlobalRef(specimen), 7777);
         });
+}
+
+TEST_F(Faults, VirtualThreads) {
+    constexpr char GROUPS[] = "788|showstack|65536|ARG=x,2=2000";
+    if (Java<int64_t>("HeapShop", "parkVirtual", 40) == 0)
+        GTEST_SKIP() << "a JVM without virtual threads";
+    const std::string view = Ask(GROUPS);
+    std::smatch key;
+    ASSERT_TRUE(std::regex_search(view, key,
+                                  std::regex("\x1e"
+                                             "40\x1d([0-9]+-[0-9]+)\x1d")))
+        << view;
+    FailEach(
+        {{GROUPS, {"JVM Virtual Threads"}}, {"516|showstack|512|ARG=x,1=" + key.str(1), {"parkVirtual"}}});
+
+    // A field that isn't there puts the view off, and nothing else.
+    std::string reply, place = "none";
+    while (reply.find("-1\x1dno field ") == std::string::npos && !place.empty()) {
+        ShutDownAgent();
+        Start();
+        Ask("516|showstack|256"); // opens the session
+        WrapJni(jvmtijni_env);
+        reply = AskFailing(GROUPS, &place);
+    }
+    EXPECT_EQ(place.compare(0, 3, "JNI"), 0) << place << reply;
+    EXPECT_NE(Ask(GROUPS).find("-1\x1dno field "), std::string::npos);
+    EXPECT_NE(Ask("788|showstack|32768").find("Call Stack"), std::string::npos);
+    EXPECT_FALSE(Env()->ExceptionCheck());
+    Java("HeapShop", "unpark");
 }
 
 // What requests make the agent allocate goes at SHUTDOWN; what they have shown has gone too.

@@ -174,7 +174,9 @@ bool FindFields(const JdkClass &row, jclass klass) {
 // Looks at one class. Its fields are found in one go, so one that failed isn't asked again.
 QorVirtualState LookUp(const JdkClass &row, bool *isFound) {
     const QorLocalFrame frame(jvmtijni_env, 2);
-    jclass klass = frame.pushed ? QorFindBootClass(row.name) : nullptr;
+    if (!frame.pushed)
+        return VIRTUAL_NONE_YET; // no memory: next time
+    jclass klass = QorFindBootClass(row.name);
     if (!klass) {
         TurnOff("no class ", row.name);
         return VIRTUAL_OFF;
@@ -186,7 +188,7 @@ QorVirtualState LookUp(const JdkClass &row, bool *isFound) {
     if (row.keep)
         qorVirtual.*row.keep = static_cast<jclass>(QorNewGlobalRef(jvmtijni_env, klass));
     if (row.keep && !(qorVirtual.*row.keep))
-        return VIRTUAL_NONE_YET; // no memory: next time
+        return VIRTUAL_NONE_YET; // the same
     *isFound = true;
     return VIRTUAL_READY;
 }

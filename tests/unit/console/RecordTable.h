@@ -19,10 +19,11 @@ struct RecordRow {
     std::string Text(const std::string &field) const {
         const auto place = std::find(fields.begin(), fields.end(), field) - fields.begin();
         const std::string number = std::to_string(101 + place);
-        return IsLiteral(field)                     ? Literal(field)
-               : field == "key" || field == "owner" ? "77-" + number
-               : field == "call"                    ? "C" + number + "->m"
-               : field == "class@id"                ? "L" + number + "@9"
+        const bool isKey = field == "key" || field == "owner" || field == "group";
+        return IsLiteral(field)      ? Literal(field)
+               : isKey               ? "77-" + number
+               : field == "call"     ? "C" + number + "->m"
+               : field == "class@id" ? "L" + number + "@9"
                : field == "count and text"
                    ? number + " frames are skipped for storage and performance optimization"
                    : number;

@@ -71,6 +71,7 @@ const std::string WITH_DETAILS = DETAILS + "!";
 const std::string IN_STATE = "JVM Active Threads;a~n~^~^~^~1-2~^~^~^~";
 const std::string IN_OBJECT = "Message;Object Name :x!";
 const std::string ONE_STACK = "Thread Info Details;n~^~^~^~1-2~A->b~F~1~";
+const std::string GROUPS = "JVM Virtual Threads;9~9~9~9~9~0~^~9~9~9~9~9~9~9~9~9";
 const std::string COLLECTIONS = "JVM Garbage Collections;Major GC Count~3;!";
 
 // How a record is read: what is around it in a reply, and what of it is kept.
@@ -117,13 +118,20 @@ const struct {
          const VirtualThreads v = DecodeVirtualThreads(r);
          return Named("reason", {v.available ? "" : v.reason});
      }},
-    {"group of virtual threads", "JVM Virtual Threads;9~9~9~9~9~0~^~9~9~9~9~9~9~9~9~9;", ";!",
+    {"group of virtual threads", GROUPS + ";", ";!",
      [](const Reply &r) {
          const VirtualGroup group = DecodeVirtualThreads(r).groups.at(0);
          Read read = OfThread(group.member);
          read.merge(Named(
              "number,waits for,owner,container,depth",
              {Of(group.number), group.waits_for, group.owner.Text(), group.container, Of(group.depth)}));
+         return read;
+     }},
+    {"another member of a group", GROUPS + ";1~77-101~^~^~^~^~^~1~^~^~^~Lock;!", ";!",
+     [](const Reply &r) {
+         const VirtualGroup group = DecodeVirtualThreads(r).groups.at(0);
+         Read read = OfThread(group.others.at(0));
+         read["group"] = group.member.key.Text();
          return read;
      }},
     {"pool", "", ";!" + COLLECTIONS,
