@@ -471,7 +471,8 @@ std::string UsageFailure(const CLI::App &app, const std::string &word, const std
     if (std::find(names.begin(), names.end(), word) != names.end())
         return fmt::format("{}; see qorctl {} --help", error, word);
     if (word.empty())
-        return fmt::format("{}; see qorctl --help", error);
+        return fmt::format("{}; see qorctl --help",
+                           error == "A subcommand is required" ? "a command is missing" : error);
     const std::string nearest = Nearest(word, names);
     return fmt::format("there is no command '{}'{}; see qorctl --help", word,
                        nearest.empty() ? "" : fmt::format(", did you mean '{}'?", nearest));
