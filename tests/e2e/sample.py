@@ -100,7 +100,6 @@ class Sample(OfTheDemo):
         with tempfile.NamedTemporaryFile("w", suffix=".rules") as empty:
             self.answer("rules", self.app.pid, empty.name)
         self.assertIn("demo-compute", self.threads(self.app))
-        odd = qorctl("rules", self.app.pid, "-", text="abc|threadname|x\n")
-        self.assertEqual(odd.code, 0, odd)
-        self.assertIn("line 1 has no effect", odd.err)
+        odd = qorctl("rules", self.app.pid, "-", text="abc|threadname|x\nabcd|threadname|x\nabcd||x\n")
+        self.assertEqual((odd.code, re.findall(r"line (\d) has no effect", odd.err)), (0, ["1", "3"]), odd)
         self.answer("rules", self.app.pid, "-", text="")

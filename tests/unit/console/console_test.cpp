@@ -52,14 +52,6 @@ TEST(Requests, AnotherVersionIsReported) {
         EXPECT_NE(VersionWarning(answer, "1.2.3").find(said), std::string::npos) << answer;
 }
 
-TEST(Requests, RulesWithoutEffectAreReported) {
-    std::string lines;
-    for (const std::string &fault : CheckRules(
-             "# comment\r\nabcd|threadname|ok\nabc|threadname|x\nabcd|threadname\nabcd||x\nabcd|currcall|\n"))
-        lines += fault.substr(0, 7);
-    EXPECT_EQ(lines, "line 3 line 4 line 5 line 6 ");
-}
-
 TEST(Endpoint, File) {
     const std::string good = EndpointText(77);
     auto endpoint = ParseEndpoint(good + "something=new\n");

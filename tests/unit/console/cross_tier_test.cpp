@@ -149,11 +149,6 @@ TEST(UnknownProducts, NeedEvidence) {
     }
 }
 
-TEST(Connections, HolderOfAPort) {
-    EXPECT_EQ(PortHolderText(DecodePortHolder(OpenReply("pool|1|77-23")).value(), 40001),
-              "client port 40001 was last seen at \"pool|1\" #23\n");
-}
-
 TEST(Sessions, PairsOfAReply) {
     const std::vector<DbSession> sessions = DecodeSessions(OpenReply("1234,50021,1240,50022,|"));
     EXPECT_EQ(sessions.at(1).process, 1240);
