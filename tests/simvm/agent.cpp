@@ -1,12 +1,9 @@
 // The VM catches its faults itself, the copies of a dump end by theirs, and what the VM keeps is never freed.
 #include "scenes.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sstream>
 #include <sys/socket.h>
-#include <unistd.h>
 
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() {
@@ -50,18 +47,18 @@ std::string Ask(const std::string &request) {
 
 Options On(const std::string &words) {
     Options options;
-    for (const std::string &word : Split(words, ' ')) {
-        if (isdigit(word[0]))
-            options.version = "1.5.0_" + word;
-        else if (word == "stripped")
+    for (const std::string &word : Split(words, ' '))
+        if (word == "stripped")
             options.library = SIMVM_FOLDER "/stripped/server/libjvm.so";
-        options.isClient |= word == "client";
-        options.collector = word == "parallel" ? Collector::PARALLEL
-                            : word == "cms"    ? Collector::CONCURRENT
-                                               : options.collector;
-    }
+        else if (word == "client")
+            options.isClient = true;
+        else if (word == "parallel" || word == "cms")
+            options.collector = word == "cms" ? Collector::CONCURRENT : Collector::PARALLEL;
+        else
+            options.version = "1.5.0_" + word;
     return options;
 }
+
 std::vector<std::string> Split(const std::string &text, char separator) {
     std::vector<std::string> parts;
     std::stringstream stream(text);
@@ -100,17 +97,25 @@ Address Loopback(bool six) {
 }
 
 // The port is in the same place for both families.
-std::string PortOf(int descriptor, decltype(getsockname) *ask) {
+int32_t PortOf(int descriptor, decltype(getsockname) *ask) {
     Address at;
     socklen_t size = sizeof at;
     if (ask(descriptor, &at.any, &size))
         Fail("a socket has no address");
-    return std::to_string(ntohs(at.four.sin_port));
+    return ntohs(at.four.sin_port);
+}
+
+int Listener(bool six) {
+    const Address at = Loopback(six);
+    const int listener = socket(at.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(listener, &at.any, six ? sizeof at.six : sizeof at.four) || listen(listener, 8))
+        Fail("no listening socket");
+    return listener;
 }
 
 // Its number isn't used for anything else.
 int Closed() {
-    int open = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 900);
+    const int open = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 900);
     close(open);
     return open;
 }
@@ -118,11 +123,8 @@ int Closed() {
 } // namespace
 
 int ListeningSocket(int32_t *port) {
-    Address at = Loopback(false);
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, &at.any, sizeof at.four) || listen(listener, 8))
-        Fail("no listening socket");
-    *port = stoi(PortOf(listener, getsockname));
+    const int listener = Listener(false);
+    *port = PortOf(listener, getsockname);
     return listener;
 }
 
@@ -139,18 +141,17 @@ Connected Connect(Scene *scene, SocketKind kind) {
         scene->descriptors.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
         return {scene->descriptors.back(), "", "", ""};
     }
-    bool six = kind == SocketKind::IPV6;
+    const bool six = kind == SocketKind::IPV6;
     Address at = Loopback(six);
-    socklen_t size = six ? sizeof at.six : sizeof at.four;
-    int listener = socket(at.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0),
-        client = socket(at.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, &at.any, size) || listen(listener, 1) || getsockname(listener, &at.any, &size) ||
-        connect(client, &at.any, size))
+    const int listener = Listener(six), client = socket(at.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    at.four.sin_port = htons(uint16_t(PortOf(listener, getsockname)));
+    if (connect(client, &at.any, six ? sizeof at.six : sizeof at.four))
         Fail("no connection over the loopback");
     scene->descriptors.insert(scene->descriptors.end(),
                               {client, accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)});
     close(listener);
-    return {client, PortOf(client, getsockname), PortOf(client, getpeername), six ? "::1" : "127.0.0.1"};
+    return {client, std::to_string(PortOf(client, getsockname)), std::to_string(PortOf(client, getpeername)),
+            six ? "::1" : "127.0.0.1"};
 }
 
 } // namespace simvm

@@ -1,6 +1,5 @@
 // Samples and dumps that meet a thread at a bad moment: it owns a lock of the C library, it can't be reached,
 // it is gone. Nothing waits for it, and nothing ends.
-#include "truth.h"
 #include "with_scene.h"
 
 #include "qorthreads/held_slots.h"

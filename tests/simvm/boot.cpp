@@ -1,11 +1,9 @@
 #include "simvm.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 namespace simvm {
 

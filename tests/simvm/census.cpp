@@ -1,17 +1,11 @@
 // The figures of a heap, from its description.
 #include "simvm.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace simvm {
 
 namespace {
-
-void Add(Count *count, int64_t bytes) {
-    count->objects++;
-    count->bytes += bytes;
-}
 
 int64_t Part(int64_t whole, int64_t parts) {
     return parts ? whole / parts : 0;
@@ -47,10 +41,10 @@ Census CensusOf(const HeapSpace &space) {
     for (Word at = space.bottom; at < space.top; at += 8)
         if (const int64_t bytes = 8 * WordsOf(at)) {
             const Word klass = As<Oop>(at).klass;
-            Add(&census.all, bytes);
-            Add(&census.types[letters.at(klass)], bytes);
+            census.all += {1, bytes};
+            census.types[letters.at(klass)] += {1, bytes};
             if (const auto name = names.find(klass); name != names.end())
-                Add(&census.classes[*name->second], bytes);
+                census.classes[*name->second] += {1, bytes};
         }
     return census;
 }

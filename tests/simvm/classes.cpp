@@ -1,8 +1,6 @@
 // Klasses, symbols, pools, methods and objects.
 #include "simvm.h"
 
-#include <sstream>
-
 namespace simvm {
 
 namespace {
@@ -71,7 +69,7 @@ void AddMirror(Class *owner) {
 }
 
 // Pairs of steps in bci and line: one byte where both are small, 255 and two numbers where not.
-std::string LineTable(std::vector<MethodLine> lines, LineEnd end) {
+std::string LineTable(std::vector<MethodLine> lines, bool isMarked) {
     std::string table;
     MethodLine last = {0, 0};
     if (lines.empty())
@@ -84,11 +82,11 @@ std::string LineTable(std::vector<MethodLine> lines, LineEnd end) {
             PutCompressed(&table, bci), PutCompressed(&table, step);
         last = line;
     }
-    return end == LineEnd::MARKED ? table + '\0' : table + std::string(24, char(POISON));
+    return isMarked ? table + '\0' : table + std::string(24, char(POISON));
 }
 
-Word WriteConstMethod(const MethodInfo &method, LineEnd end) {
-    std::string lines = LineTable(method.lines, end);
+Word WriteConstMethod(const MethodInfo &method) {
+    const std::string lines = LineTable(method.lines, !(method.flags & METHOD_STATIC));
     Word oop = NewVmObject(VT_CONST_METHOD, sizeof(ConstMethod) + method.codeSize + lines.size());
     At(oop, &ConstMethod::codeSize) = method.codeSize;
     At(oop, &ConstMethod::nameIndex) = AddToPool(method.holder, Intern(method.name));
@@ -190,12 +188,11 @@ Class *ArrayClass(const std::string &signature) {
 }
 
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
-                         std::vector<MethodLine> lines, int32_t flags, int32_t codeSize, LineEnd end) {
-    const Locked held(vm.lock);
+                         std::vector<MethodLine> lines, int32_t flags, int32_t codeSize) {
     vm.methods.push_back({DefineClass(holder), name, signature, flags, codeSize, std::move(lines), 0});
     MethodInfo *method = &vm.methods.back();
     const Word oop = method->oop = NewVmObject(VT_METHOD, sizeof(Method));
-    At(oop, &Method::constMethod) = WriteConstMethod(*method, end);
+    At(oop, &Method::constMethod) = WriteConstMethod(*method);
     At(oop, &Method::constants) = method->holder->pool;
     At(oop, &Method::accessFlags) = flags;
     At(oop, &Method::maxLocals) = 4;
@@ -314,7 +311,6 @@ Value Get(const Object *object, const std::string &field) {
 }
 
 void SetStatic(Class *type, const std::string &name, Value value) {
-    const Locked held(vm.lock);
     for (Field &field : type->fields)
         if (field.isStatic && field.name == name) {
             field.value = value;
@@ -324,7 +320,6 @@ void SetStatic(Class *type, const std::string &name, Value value) {
 }
 
 void SetElement(Object *array, int32_t index, Value value) {
-    const Locked held(vm.lock);
     std::string signature = array->type->name.substr(1);
     array->values.at(index) = value;
     WriteValue(array->address + sizeof(JavaArray) + index * SizeOf(signature), signature, value);

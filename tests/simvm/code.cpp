@@ -2,7 +2,6 @@
 // run.
 #include "code.h"
 
-#include <sstream>
 #include <sys/mman.h>
 
 namespace simvm {

@@ -5,11 +5,6 @@
 
 #include "simvm.h"
 
-#include <functional>
-#include <initializer_list>
-#include <random>
-#include <string>
-
 namespace simvm {
 
 // Where compiled code keeps a variable; the interpreter has all on the stack.

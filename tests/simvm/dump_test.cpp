@@ -1,5 +1,4 @@
 // Heap dumps of the simulated VM, made by a copy of the process while all threads in Java code are held.
-#include "scenes.h"
 #include "with_scene.h"
 
 #include "platforms/forked_child.h"
@@ -12,7 +11,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 using namespace simvm;
 

@@ -1,9 +1,6 @@
 // The heap as memory: generations, spaces, and how room in them is taken.
 #include "simvm.h"
 
-#include <array>
-#include <random>
-#include <sstream>
 #include <sys/mman.h>
 
 namespace simvm {
@@ -173,17 +170,15 @@ void SetCollections(const CollectionFigures &figures) {
 
 namespace {
 
-constexpr int32_t ODD_HEADER = 28; // of arrays of floats in such a heap
-constexpr Word DICTIONARY_WORDS = 257;
-constexpr int64_t ONE_TOO_MANY = -2; // words more than the space has left
-
 std::mt19937 random;
 std::vector<Object *> made; // what later ones refer to
 
-Word AddGap(HeapSpace *space, int64_t bytes, uint8_t filling) {
-    Word at = space->top;
+// Room that begins with these words and goes on as what was there before, poison or zeros.
+Word AddGap(HeapSpace *space, int64_t bytes, std::initializer_list<Word> words, uint8_t filling = 0) {
+    const Word at = space->top;
     SetTop(space, at + bytes);
     memset(&As<char>(at), filling, bytes);
+    memcpy(&As<char>(at), words.begin(), std::min(size_t(bytes), 8 * words.size()));
     return at;
 }
 
@@ -226,17 +221,14 @@ void AddObjects(HeapSpace *space, int64_t count) {
     }
 }
 
-// An array whose values aren't described.
-void AddArray(HeapSpace *space, Class *type, int32_t length, int64_t bytes) {
-    Word at = AllocateObject(space, bytes);
-    As<JavaArray>(at) = {UNMARKED, type->klass, length, 0};
-    vm.objects.push_back({at, type->klass, bytes, space->letter, nullptr});
-}
-
+// Its values aren't described.
 void AddOddArray(HeapSpace *space, int64_t length) {
-    Class *odd = ArrayClass("[F");
-    At(odd->klass, &Klass::arrayHeaderSize) = ODD_HEADER;
-    AddArray(space, odd, int32_t(length), (ODD_HEADER + 4 * length + 7) & ~7);
+    constexpr int32_t ODD_HEADER = 28; // of arrays of floats in such a heap
+    const int64_t bytes = (ODD_HEADER + 4 * length + 7) & ~7;
+    const Word klass = ArrayClass("[F")->klass, at = AllocateObject(space, bytes);
+    At(klass, &Klass::arrayHeaderSize) = ODD_HEADER;
+    As<JavaArray>(at) = {UNMARKED, klass, int32_t(length), 0};
+    vm.objects.push_back({at, klass, bytes, space->letter});
 }
 
 void AddVmKinds(HeapSpace *space, int64_t) {
@@ -256,63 +248,49 @@ void AddVmKinds(HeapSpace *space, int64_t) {
 // ----------------------------------------------------------------------------------
 
 void AddStale(HeapSpace *space, int64_t bytes) {
-    Word at = AddGap(space, bytes, POISON);
+    const Word at = AddGap(space, bytes, {});
     for (Word word = at; word + 8 <= at + bytes; word += 8) {
         const Word CONTENT[] = {0, POISON_WORD, random() % 1000, AnyMade()->address, ~Word(0)};
         As<Word>(word) = CONTENT[random() % 5];
     }
 }
 
-void AddLink(HeapSpace *space, int64_t bytes) {
-    Word at = AddGap(space, bytes, POISON);
-    As<Oop>(at) = {UNMARKED, AnyMade()->address + (HasFreeLists(*space) ? 0 : 1)};
-}
-
-void AddHalfArray(HeapSpace *space, int64_t bytes) {
-    const Word klass = ArrayClass("[J")->klass, at = AddGap(space, bytes, 0);
-    As<JavaArray>(at) = {UNMARKED, klass, random() % 2 ? INT32_MIN : 1 << 29, 0};
-}
-
 void AddChunk(HeapSpace *space, int64_t words) {
-    WriteChunk(AddGap(space, 8 * words, POISON), words);
+    constexpr Word DICTIONARY_WORDS = 257;
+    WriteChunk(AddGap(space, 8 * words, {}, POISON), words);
     (Word(words) < DICTIONARY_WORDS ? space->indexedWords : space->chunkWords) += words;
     SetTop(space, space->top);
 }
 
 void AddWrongChunk(HeapSpace *space, int64_t words) {
-    Word at = AddGap(space, 64, 0);
+    constexpr int64_t ONE_TOO_MANY = -2; // words more than the space has left
+    const Word at = AddGap(space, 64, {});
     WriteChunk(at, words == ONE_TOO_MANY ? (space->end - at) / 8 + 1 : words);
-}
-
-void AddLast(HeapSpace *space, int64_t left) {
-    int64_t room = space->end - left - space->top;
-    AddArray(space, ArrayClass("[J"), int32_t((room - sizeof(JavaArray)) / 8), room);
 }
 
 // Where free lists are, the limit is the space's end.
 void AddAcross(HeapSpace *space, int64_t bytes) {
-    constexpr int32_t LONGER = 64;
+    constexpr int64_t LONGER = 64;
     if (HasFreeLists(*space))
         AddChunk(space, (space->end - space->top - bytes) / 8);
-    Word klass = ArrayClass("[B")->klass, at = AddGap(space, bytes, 0);
-    Oop head = {UNMARKED, klass};
-    int32_t length = int32_t(bytes - sizeof(JavaArray)) + LONGER;
-    memcpy(&As<char>(at), &head, sizeof head);
-    if (at + sizeof(JavaArray) <= space->end)
-        As<JavaArray>(at).length = length;
+    AddGap(space, bytes, {UNMARKED, ArrayClass("[B")->klass, Word(bytes - sizeof(JavaArray) + LONGER)});
 }
 
-using Adder = void (*)(HeapSpace *space, int64_t amount);
-const std::map<std::string, Adder> ADDERS = {
+const std::map<std::string, void (*)(HeapSpace *space, int64_t amount)> ADDERS = {
     {"objects", AddObjects},
     {"stale", AddStale},
-    {"no-klass", [](HeapSpace *space, int64_t bytes) { As<Word>(AddGap(space, bytes, 0)) = UNMARKED; }},
-    {"link", AddLink},
-    {"half-array", AddHalfArray},
+    {"no-klass", [](HeapSpace *space, int64_t bytes) { AddGap(space, bytes, {UNMARKED}); }},
+    {"link",
+     [](HeapSpace *space, int64_t bytes) {
+         AddGap(space, bytes, {UNMARKED, AnyMade()->address + !HasFreeLists(*space)}, POISON);
+     }},
+    {"half-array",
+     [](HeapSpace *space, int64_t bytes) {
+         AddGap(space, bytes, {UNMARKED, ArrayClass("[J")->klass, random() % 2 ? 1u << 31 : 1u << 29});
+     }},
     {"odd-array", AddOddArray},
     {"vm-kinds", AddVmKinds},
     {"across", AddAcross},
-    {"last", AddLast},
     {"chunk", AddChunk},
     {"wrong-chunk", AddWrongChunk}};
 
@@ -322,6 +300,7 @@ void FillHeap(const char *pieces, uint32_t seed) {
     const Locked held(vm.lock);
     random.seed(seed);
     made = {New("java/lang/Object", {}, 'O')};
+    ArrayClass("[B"), ArrayClass("[J"); // gaps have them
     for (const char *line :
          {"heap/Item next,Lheap/Item; size,I price,D tag,B",
           "heap/Special < heap/Item first,Lheap/Item; all,[Ljava/lang/Object; on,Z", "heap/Empty"})
@@ -347,10 +326,6 @@ O odd-array 1      O link 24         O objects 200   O across 40
 E stale 8          E objects 300     E stale 4096    E objects 2                      E no-klass 128
 E stale 64         E link 56         E odd-array 3   E half-array 24
 E objects 300      E half-array 80
-)";
-const char FULL_HEAP[] = R"(
-O chunk 10   O objects 5   O last 8   O stale 8
-E objects 5  E last 0      P objects 5  P last 0
 )";
 
 } // namespace simvm

@@ -5,15 +5,11 @@
 // With --truth it prints what there is to show of each thread (and of the scene's heap). WORDS are as On has
 // them, "17 client cms" say. It relays until SHUTDOWN. Its status is that of the start.
 #include "scenes.h"
-#include "simvm.h"
-#include "truth.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <random>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace simvm;
 

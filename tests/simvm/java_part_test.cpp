@@ -2,9 +2,6 @@
 #include "simvm.h"
 #include "with_scene.h"
 
-#include <cstring>
-#include <set>
-
 using namespace simvm;
 
 namespace {

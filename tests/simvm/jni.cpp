@@ -4,11 +4,8 @@
 // classes; texts and the arrays made here are kept beside the heap.
 #include "simvm.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <sys/syscall.h>
-#include <unistd.h>
-#include <utility>
 
 namespace simvm {
 

@@ -1,8 +1,6 @@
 // Where a frame's receiver, arguments and locals are, by the interpreter's rules and by the compiler's.
 #include "code.h"
 
-#include <set>
-
 namespace simvm {
 
 namespace {

@@ -29,6 +29,11 @@ void BeCompiled() {
     AnchorFp(Self()) += sizeof(Word);
 }
 
+// A collection that doesn't end isn't waited for without end.
+void BeCollecting() {
+    At(vm.heap, &CollectedHeap::collecting) = 1;
+}
+
 // A compiled caller, and an older thread with an interpreted frame.
 void BeCompiledBesideAnother() {
     const ThreadInfo *other = NewThread("other");
@@ -52,6 +57,7 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
                                {"22", "22", START_FAILED, BeAnotherThread},
                                {"22", "22", START_FAILED, BeCompiled},
                                {"22", "22", START_OK, BeCompiledBesideAnother},
+                               {"22", "22", START_OK, BeCollecting},
                                {"22 client", "22", START_OK},
                                {"07 parallel", "07", START_OK},
                                {"22 cms", "22", START_OK},
@@ -59,21 +65,20 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
                                {"08", "08", START_OK}};
     for (int build = 10; build < 22; build++)
         cases.push_back({std::to_string(build), std::to_string(build), START_OK});
-    for (const Case &c : cases)
-        InOwnProcess([&] {
-            SCOPED_TRACE(c.vm + " as " + c.claimed);
-            Boot(On(c.vm));
-            natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
-            RunAsMain([&] {
-                c.spoil();
-                vm.options.version = "1.5.0_" + c.claimed;
-                EXPECT_EQ(StartAgent(), c.status);
-                EXPECT_EQ(direct_ready, c.status == START_OK);
-                EXPECT_EQ(QorCanInspect(), c.status == START_OK);
-                fflush(nullptr);
-                _exit(testing::Test::HasFailure()); // as what was spoilt stays so
-            });
+    const auto start = [](const Case &c) {
+        Boot(On(c.vm));
+        natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
+        RunAsMain([&] {
+            c.spoil();
+            vm.options.version = "1.5.0_" + c.claimed;
+            EXPECT_EQ(StartAgent(), c.status);
+            EXPECT_EQ(direct_ready, c.status == START_OK);
+            EXPECT_EQ(QorCanInspect(), c.status == START_OK);
+            _exit(testing::Test::HasFailure()); // what was spoilt stays so
         });
+    };
+    for (const Case &c : cases)
+        EXPECT_EXIT(start(c), testing::ExitedWithCode(0), "") << c.vm << " as " << c.claimed;
 }
 
 // A request on another thread, which waits for a collection that doesn't end, until the agent is asked to

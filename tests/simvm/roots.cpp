@@ -1,8 +1,5 @@
 #include "layout.h"
 #include "scenes.h"
-#include "simvm.h"
-
-#include <sstream>
 
 namespace simvm {
 

@@ -1,7 +1,5 @@
 #include "scenes.h"
-#include "simvm.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <fcntl.h>
@@ -11,7 +9,6 @@
 #include <sys/syscall.h>
 #include <thread>
 #include <time.h>
-#include <unistd.h>
 
 namespace simvm {
 

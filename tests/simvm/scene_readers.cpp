@@ -82,12 +82,11 @@ void AddCompiled(Scene *scene, SceneText *text) {
     Add(scene, "compiled", std::move(script));
 }
 
-// Methods whose lines end without a mark, or that have none, or whose file isn't known.
+// Methods whose lines are far apart, or that have none, or whose file isn't known.
 void AddLines(Scene *scene) {
-    auto frame = [](const char *holder, const char *name, std::vector<MethodLine> lines, int32_t bci) {
-        MethodInfo *method =
-            DefineMethod(holder, name, "()V", std::move(lines), METHOD_STATIC, 40, LineEnd::UNMARKED);
-        return Frame{F::INTERPRETED, {{method, bci}}};
+    const auto frame = [](const char *holder, const char *name, std::vector<MethodLine> lines, int32_t bci) {
+        return Frame{F::INTERPRETED,
+                     {{DefineMethod(holder, name, "()V", std::move(lines), METHOD_STATIC, 40), bci}}};
     };
     Add(scene, "lines",
         {{frame("readers/Lines", "unmarked", {{0, 7}, {5, 60000}, {20, 25}}, 20),

@@ -1,9 +1,6 @@
 #include "scenes.h"
 
-#include <algorithm>
-#include <cstring>
 #include <regex>
-#include <sstream>
 
 namespace simvm {
 

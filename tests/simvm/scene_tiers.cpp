@@ -144,9 +144,9 @@ class ferrule/management/Admin *localServer,L$MBEAN/ServerMBean;
 static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest}
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
-static ferrule/management/Admin.localServer = $MBEAN/ServerImpl{listenPort=$FERRULE_PORT}
+static ferrule/management/Admin.localServer = $MBEAN/ServerImpl{listenPort=$Ferrule_PORT}
 static org/apache/jserv/JServ.listenSocket = java/net/ServerSocket{impl=
-  java/net/PlainSocketImpl{localport=$JSERV_PORT}}
+  java/net/PlainSocketImpl{localport=$JServ_PORT}}
 thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
   @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; n java/lang/Object.wait @
 )";
@@ -154,7 +154,7 @@ const char LATER[] = R"(
 class $QVS/LumoMonitorThread *servicesList,Ljava/util/ArrayList;
 class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
 static $QVS/LumoMonitorThread.servicesList = $LIST
-static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$FERRULE_PORT}
+static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$Ferrule_PORT}
 thread CM New Element Listner: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51
   @{localport=$SAP_PORT port=2} ; n java/lang/Object.wait @
 )";
@@ -167,10 +167,10 @@ static $QVS/LumoMonitorThread.appSrv = $QVS/ApplicationServer{httpServer=
 const char HOLDERS[] = R"(
 let RESTS n java/lang/Object.wait @
 thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51
-  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBOSS_PORT} ; $RESTS
+  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBoss_PORT} ; $RESTS
 thread SslServer: WAIT run shop/Worker ; c com/sun/net/ssl/internal/ssl/SSLServerSocketImpl.accept:51
   @com/sun/net/ssl/internal/ssl/SSLServerSocketImpl<java/net/ServerSocket{impl=
-  com/sun/net/ssl/internal/ssl/SSLSocketImpl<java/net/SocketImpl{portToBind=$GLASSFISH_PORT}} ; $RESTS
+  com/sun/net/ssl/internal/ssl/SSLSocketImpl<java/net/SocketImpl{portToBind=$GlassFish_PORT}} ; $RESTS
 thread another: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51 @{localport=3 port=4} ; $RESTS
 thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
 )";
@@ -178,29 +178,19 @@ thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoi
 } // namespace
 
 void AddProcessor(Scene *scene) {
-    SceneText text(scene);
-    text.Let("PORT", std::to_string(scene->ports["Tomcat"]));
-    text.Read(R"(
-thread Processor: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=$PORT} ;
-  n java/lang/Object.wait @
-)");
+    SceneText(scene).Read(R"(
+thread Processor: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=)" +
+                          std::to_string(scene->ports["Tomcat"]) + "} ; n java/lang/Object.wait @");
 }
 
 void StageServers(const std::string &name, Scene *scene) {
+    const std::map<std::string, const char *> ways = {
+        {"servers", FIRST}, {"servers-later", LATER}, {"servers-last", LAST}};
     SceneText text(scene);
-    for (const char *server : {"QVS", "Ferrule", "Apache JServ", "JBoss", "GlassFish", "SAP", "Tomcat"}) {
-        std::string word = server;
-        word = word == "Apache JServ" ? "JSERV" : word;
-        for (char &letter : word)
-            letter = char(toupper(letter));
-        text.Let(word + "_PORT", std::to_string(scene->ports[server] = ListenOn(scene)));
-    }
-    for (const char *lines : {CLASSES,
-                              name == "servers"         ? FIRST
-                              : name == "servers-later" ? LATER
-                                                        : LAST,
-                              HOLDERS})
-        text.Read(lines);
+    for (const std::string server : {"QVS", "Ferrule", "Apache JServ", "JBoss", "GlassFish", "SAP", "Tomcat"})
+        text.Let(server.substr(server.find(' ') + 1) + "_PORT",
+                 std::to_string(scene->ports[server] = ListenOn(scene)));
+    text.Read(std::string(CLASSES) + ways.at(name) + HOLDERS);
     if (name == "servers")
         AddProcessor(scene);
 }

@@ -1,5 +1,4 @@
 // The port by which an application server's JVM is known, found in the objects of the scenes "servers".
-#include "scenes.h"
 #include "with_scene.h"
 
 #include "qoragent/requests/channel.h"

@@ -5,6 +5,7 @@
 #include "layout.h"
 #include "statics.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -13,8 +14,11 @@
 #include <jni.h>
 #include <map>
 #include <mutex>
+#include <random>
+#include <set>
+#include <sstream>
 #include <string>
-#include <type_traits>
+#include <unistd.h>
 #include <unordered_map>
 #include <vector>
 
@@ -106,9 +110,6 @@ struct Class {
 struct MethodLine {
     int32_t bci, line;
 };
-// What follows a method's lines: the end mark, or something else. A method without lines has something else
-// there as well.
-enum class LineEnd { MARKED, UNMARKED };
 struct MethodInfo {
     Class *holder;
     std::string name, signature;
@@ -183,10 +184,9 @@ void PutCompressed(std::string *out, int32_t value);
 Class *DefineClass(const std::string &line);
 Class *ArrayClass(const std::string &signature); // "[I", "[[Ljava/lang/Object;"
 Class *FindClass(const std::string &name);       // null: not defined
-// A method of codeSize bytecodes.
+// A method of codeSize bytecodes. Something else than an end mark follows a static one's lines.
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
-                         std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64,
-                         LineEnd end = LineEnd::MARKED);
+                         std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64);
 
 std::array<HeapSpace *, 5> Spaces();
 HeapSpace &SpaceOf(char letter);
@@ -274,19 +274,18 @@ Object *NewTable(const std::string &className, int32_t buckets, const std::vecto
 //   odd-array    of so many elements, of a kind whose header isn't a multiple of 8
 //   vm-kinds     what only the VM makes, one of each; for perm
 //   across       an array that begins so many bytes before the space's top and ends after it
-//   last         top is so many bytes below the space's end; from there down a last object
 //   chunk        in spaces with free lists: a free one of so many words
 //   wrong-chunk  the same: a stretch of 64 bytes that is a free chunk of so many words, no size that can be
 void FillHeap(const char *pieces, uint32_t seed);
-// All of the above at every place that a reader might trip over; "full" spaces end at the end of their
-// mapping. The from space stays empty.
-extern const char TRICKY_HEAP[], FULL_HEAP[];
+// All of the above at every place that a reader might trip over. The from space stays empty.
+extern const char TRICKY_HEAP[];
 
 // ---- figures
 // -----------------------------------------------------------------------------------------------
 
 struct Count {
     int64_t objects = 0, bytes = 0;
+    void operator+=(const Count &other) { objects += other.objects, bytes += other.bytes; }
 };
 struct Census {
     Count all;

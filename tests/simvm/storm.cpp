@@ -1,11 +1,8 @@
 #include "scenes.h"
 
-#include <algorithm>
 #include <csignal>
-#include <random>
 #include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
 
 namespace simvm {
 
@@ -144,69 +141,6 @@ bool StopStorm() {
     for (const Slot &slot : slots)
         Leave(slot.runner);
     return foreignSent == foreignArrived + foreignMerged;
-}
-
-// ---- spoiling
-// ----------------------------------------------------------------------------------------------
-
-namespace {
-
-using Region = std::pair<Word, Word>; // from, to
-
-std::vector<Region> Spoilable(const std::vector<Runner *> &runners, Word sparedThread) {
-    const Word heap = *vm.statics.codeHeap, map = At(heap, &CodeHeap::mapLow);
-    std::vector<Region> all = {{vm.heap + offsetof(CollectedHeap, perm), vm.heap + sizeof(CollectedHeap)},
-                               {heap, heap + sizeof(CodeHeap)},
-                               {map, map + 65536}};
-    for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from}) {
-        all.push_back({space->structure, space->structure + sizeof(Space)});
-        all.push_back({space->bottom, space->top});
-    }
-    for (const Runner *runner : runners) {
-        const ThreadInfo &info = *runner->info;
-        const Word thread = info.address == sparedThread ? 0 : info.address;
-        all.push_back({thread, thread ? thread + sizeof(JavaThread) : 0});
-        all.push_back({info.osThread, info.osThread + sizeof(OSThread)});
-        const Word sp = At(info.address, &JavaThread::anchorSp) & ~Word(3);
-        for (Word at = sp; sp && at + 8 <= runner->stackHigh; at += 8)
-            if (const Word blob = BlobOf(As<Word>(at))) { // all but its code, which runs
-                const Word oops = blob + As<Blob>(blob).oopsOffset, end = blob + As<Blob>(blob).size;
-                all.insert(all.end(), {{blob, blob + sizeof(Blob)}, {std::min(oops, end), end}});
-            }
-        all.push_back({sp, sp ? runner->stackHigh : 0});
-    }
-    all.erase(
-        std::remove_if(all.begin(), all.end(), [](const Region &of) { return of.second < of.first + 8; }),
-        all.end());
-    return all;
-}
-
-} // namespace
-
-Spoilt Spoil(uint64_t seed, const std::vector<Runner *> &runners, Word sparedThread) {
-    std::mt19937_64 random(seed);
-    const std::vector<Region> regions = Spoilable(runners, sparedThread);
-    const auto place = [&] {
-        const auto [low, high] = regions[random() % regions.size()];
-        return low + random() % ((high - low) / 8) * 8;
-    };
-    const Word address = place(), old = As<Word>(address);
-    const Word values[] = {old + 4,
-                           old + 1,
-                           old ^ 1ul << random() % 64,
-                           address,
-                           As<Word>(place()),
-                           place(),
-                           0,
-                           ~Word(0),
-                           random(),
-                           random() % 65536};
-    As<Word>(address) = values[random() % std::size(values)];
-    return {address, old};
-}
-
-void Mend(const Spoilt &spoilt) {
-    As<Word>(spoilt.address) = spoilt.old;
 }
 
 } // namespace simvm

@@ -1,6 +1,5 @@
 // What threads do in other tiers, as their rows show it, compared with what their frames were made of and
 // with the sockets of their connections.
-#include "scenes.h"
 #include "with_scene.h"
 
 #include "platforms/own_address.h"
@@ -10,8 +9,6 @@
 #include "sunprint/report/connection_list.h"
 #include "sunprint/report/frame_tiers.h"
 #include "sunprint/report/jdbc_versions.h"
-
-#include <set>
 
 using namespace simvm;
 

@@ -1,8 +1,5 @@
-#include "truth.h"
 #include "scenes.h"
-#include "simvm.h"
 
-#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
