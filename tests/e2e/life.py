@@ -59,9 +59,10 @@ class Life(Case):
                 text = file.read()
 
             def write(text):
-                with open(os.open(endpoint, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
+                fd = os.open(endpoint, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
+                with open(fd, "w", encoding="ascii") as file:
                     file.write(text)
-            write(re.sub(r"pid=\d+", "pid=1 ", text))
+            write(re.sub(r"pid=\d+", "pid=1", text))
             self.assertFalse(self.state(app)["agent"])  # it is another process's
             write(text)
             self.answer("shutdown", app.pid)
