@@ -78,6 +78,8 @@ jvmtiError ListThreads(ThreadList *list) {
         return error;
     const size_t most = 2 * static_cast<size_t>(count);
     list->threads = static_cast<jthread *>(malloc(most * (REFERENCE_SIZE + sizeof(QorThreadKind))));
+    if (!list->threads)
+        QORLOG(LOG_ERROR, "No memory for a list of %d threads", count);
     list->kinds = reinterpret_cast<QorThreadKind *>(list->threads + most);
     for (jint i = 0; i < count && list->threads; i++) {
         jthread mounted = QorMountedOn(platform[i]);

@@ -267,11 +267,9 @@ bool MayTakeSnapshots() {
     return !qorIsPollOrTrace && HasSnapshots();
 }
 
-// A local reference; null for a thread that has ended.
+// A local reference; null for a thread that has ended. This thread alone is stopped for it.
 jobject TakeThreadSnapshot(jobject thread) {
-    const int64_t start = QorStopStarts();
     jobject taken = jvmtijni_env->CallStaticObjectMethod(snapshots.klass, snapshots.create, thread);
-    QorStopEnded(STOP_LOCKS, start);
     return QorClearException(jvmtijni_env) ? nullptr : taken;
 }
 
