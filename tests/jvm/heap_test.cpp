@@ -88,7 +88,6 @@ TEST_F(Heap, LocalsHaveTheirThreadAndMethod) {
     jobject held = Text("a reference of this thread, which has no Java frame");
     const int64_t threads = Java<int64_t>("HeapShop", "parkVirtual", 100);
     const TextDump text = Dump();
-    Java("HeapShop", "unpark");
     for (const char *method : {"descend", "lambda.deep"}) // at the top and at the bottom
         EXPECT_TRUE(std::regex_search(text.body,
                                       std::regex("\nSa[0-9]+\\|Thread-[0-9]+_Lqoragent\\.testing\\.ZooRun::" +

@@ -97,17 +97,10 @@ public final class Churn {
         });
     }
 
-    /** A heap that changes and is collected, exceptions, and processes whose exit codes are looked at. */
+    /** A heap that changes and is collected, and processes whose exit codes are looked at. */
     public static synchronized void heap() {
         for (int i = 0; i < 2; i++)
             repeat("churn-heap", Churn::change);
-        repeat("churn-throws", () -> {
-            try {
-                throw new IllegalStateException("thrown " + System.nanoTime());
-            } catch (IllegalStateException e) {
-                Thread.yield();
-            }
-        });
         repeat("churn-processes", () -> {
             int code = (int)(count("children") % 200);
             if (new ProcessBuilder("/bin/sh", "-c", "exit " + code).start().waitFor() != code)

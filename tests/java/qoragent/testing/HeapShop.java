@@ -3,9 +3,11 @@ package qoragent.testing;
 import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
+import java.lang.reflect.Method;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.concurrent.locks.LockSupport;
 
 /** Objects of known numbers, sizes and references, for what looks at the whole heap. */
 public final class HeapShop {
@@ -63,7 +65,6 @@ public final class HeapShop {
 
     private static final List<Maker> makers = new ArrayList<>();
     private static final List<Thread> parked = new ArrayList<>();
-    private static volatile boolean released;
 
     /** Leaves `count` objects of ByClass with the Class instance of Unheld. */
     static void holdByClass(int count) {
@@ -75,17 +76,15 @@ public final class HeapShop {
 
     /** Parks `count` virtual threads with the Class instance of Unheld in a local; 0 where there are none. */
     static long parkVirtual(int count) throws Exception {
-        java.lang.reflect.Method start;
+        Method start;
         try {
             start = Thread.class.getMethod("startVirtualThread", Runnable.class);
         } catch (NoSuchMethodException e) {
             return 0;
         }
         Runnable park = () -> {
-            Class<?> local = Unheld.class;
-            while (!released)
-                java.util.concurrent.locks.LockSupport.park();
-            local.getName();
+            for (Class<?> local = Unheld.class; local != null;)
+                LockSupport.park();
         };
         for (int i = 0; i < count; i++)
             parked.add((Thread)start.invoke(null, park));
@@ -93,18 +92,6 @@ public final class HeapShop {
             while (thread.getState() != Thread.State.WAITING)
                 Thread.sleep(1);
         return parked.size();
-    }
-
-    static void unpark() {
-        released = true;
-        for (Thread thread : parked)
-            java.util.concurrent.locks.LockSupport.unpark(thread);
-    }
-
-    static void empty() {
-        first = null;
-        shelf = null;
-        held.clear();
     }
 
     /** A class of a loader of its own, held until drop(). */
