@@ -14,7 +14,7 @@ namespace qorctl {
 
 namespace {
 
-constexpr unsigned CHILD_SECONDS = 5; // making a socket takes no time, but should it
+constexpr unsigned SOCKET_SECONDS = 5; // making a socket takes no time, but should it
 
 FileDescriptor OpenNamespace(pid_t pid, const char *name) {
     return FileDescriptor(open(fmt::format("/proc/{}/ns/{}", pid, name).c_str(), O_RDONLY | O_CLOEXEC));
@@ -75,7 +75,7 @@ FileDescriptor ReceiveDescriptor(int from) {
 
 [[noreturn]] void RunChild(int to_parent, pid_t pid, const std::function<int()> &make) {
     try {
-        alarm(CHILD_SECONDS);
+        alarm(SOCKET_SECONDS);
         SendDescriptor(to_parent, EnterNetwork(pid) ? make() : -1);
     } catch (...) {
         // whatever it is, nothing of the parent's may run in here

@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/inside.h"
+#include "base/starts_with.h"
 #include "text_dump.h"
 
 #include <algorithm>
@@ -60,7 +61,7 @@ DumpProgress LookAtFile(int root, const DumpTarget &target, uint32_t heap_id) {
     std::string tail =
         ReadPiece(file.get(), std::max<int64_t>(0, progress.bytes - static_cast<int64_t>(PIECE)));
     if (target.hprof) {
-        progress.begun = std::string_view(head).substr(0, HPROF_MAGIC.size()) == HPROF_MAGIC;
+        progress.begun = StartsWith(head, HPROF_MAGIC);
         progress.whole = progress.begun && EndsWith(tail, HPROF_END_RECORD);
     } else {
         progress.begun = DumpHeadId(head) == heap_id;

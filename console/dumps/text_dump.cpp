@@ -2,6 +2,7 @@
 
 #include "address_dump.h"
 #include "base/failure.h"
+#include "base/starts_with.h"
 #include "dump_lines.h"
 #include "wire/records.h"
 
@@ -27,7 +28,7 @@ const DumpRootName DUMP_ROOT_NAMES[ROOT_KINDS] = {
 namespace {
 
 constexpr std::string_view HEADER_START = "heap_id=";
-constexpr std::string_view HPROF_MAGIC = "JAVA PROFILE ";
+constexpr std::string_view ANY_HPROF = "JAVA PROFILE ";
 constexpr std::string_view TRAILER_START = " Finished ", TRAILER_END = " secs";
 constexpr std::string_view LOCAL_MARK = "|Thread-";
 constexpr size_t LONGEST_HEADER = 64;  // fields
@@ -83,7 +84,7 @@ private:
         if (!lines_.Next(&line))
             throw Failure("the file is empty",
                           "the dump failed, or has not been written yet; make a new one");
-        if (line.substr(0, HPROF_MAGIC.size()) == HPROF_MAGIC)
+        if (StartsWith(line, ANY_HPROF))
             throw Failure("this is a dump in Hprof form",
                           "give it to a heap analyser; --read takes text dumps");
         std::vector<std::string_view> field = Split(line, '|');

@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds END_LIMIT(500);
 constexpr size_t PLACES_SAID = 12, LONGEST_SAID = 200;
 constexpr unsigned SPACE = 2; // times the jar: the unpacked library too
 constexpr const char *VOLUME = "--tmpfs /qoragent:rw,exec,mode=1777";
-constexpr char FOUND = '+', NONE = '-';
+constexpr char FOUND_AT = '+', FOUND_NONE = '-';
 constexpr std::string_view LATER = "later";
 
 // A file there would be something else than a file, or opening alone has effects.
@@ -149,7 +149,7 @@ std::string Find(int root, const std::vector<std::string> &places, PlacedFile *f
         for (const std::string &place : last ? open : places) {
             const std::string why = file->Put(root, place, last);
             if (why.empty())
-                return FOUND + file->PathIn(place);
+                return FOUND_AT + file->PathIn(place);
             if (why == LATER)
                 open.push_back(place);
             else if (why != strerror(ENOTDIR) && // a file is mounted there, as a container's /etc/hosts
@@ -158,7 +158,7 @@ std::string Find(int root, const std::vector<std::string> &places, PlacedFile *f
         }
     if (tried > PLACES_SAID)
         reasons += fmt::format(" and {} more", tried - PLACES_SAID);
-    return NONE + reasons;
+    return FOUND_NONE + reasons;
 }
 
 // Waits for the other end to close, which the kernel sees to when we are gone.
@@ -267,7 +267,7 @@ BroughtJar::BroughtJar(const Process &process, const std::string &jar, std::vect
     writer = FileDescriptor();
     const std::string found =
         child_ < 0 ? "" : ReadReport(reader.get(), std::min(deadline, Clock::now() + SEARCH_LIMIT));
-    if (!found.empty() && found[0] == FOUND) {
+    if (!found.empty() && found[0] == FOUND_AT) {
         path_ = found.substr(1);
         return;
     }

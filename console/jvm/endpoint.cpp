@@ -38,10 +38,12 @@ bool ReadNumber(std::string_view text, Number low, Number high, Number *value) {
 }
 
 // What a look for an endpoint found; the file's text follows FOUND.
-enum Look : char { ABSENT = 'a', FOUND = 'f', TAKEN = 't', UNSAFE = 'u' };
+enum LookResult : char { ABSENT = 'a', FOUND = 'f', TAKEN = 't', UNSAFE = 'u' };
 
 std::string LookForEndpoint(int root, const std::string &path, const std::string &name, uid_t owner) {
-    auto result = [](Look look, const std::string &text = "") { return static_cast<char>(look) + text; };
+    auto result = [](LookResult look, const std::string &text = "") {
+        return static_cast<char>(look) + text;
+    };
     FileDescriptor dir(
         openat(root, BelowRoot(path).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat facts;

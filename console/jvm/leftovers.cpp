@@ -1,6 +1,7 @@
 #include "leftovers.h"
 
 #include "base/inside.h"
+#include "base/starts_with.h"
 #include "endpoint.h"
 
 #include <cerrno>
@@ -71,7 +72,7 @@ void RemoveLeftovers() {
         return;
     for (const std::string &name : NamesIn(dup(tmp.get()))) {
         struct stat facts;
-        if (name.compare(0, FOLDER_START.size(), FOLDER_START) != 0 ||
+        if (!StartsWith(name, FOLDER_START) ||
             fstatat(tmp.get(), name.c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(facts.st_mode) ||
             (facts.st_mode & 077) != 0 || (facts.st_uid != geteuid() && geteuid() != 0))
             continue;

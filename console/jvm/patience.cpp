@@ -10,12 +10,12 @@ namespace qorctl {
 namespace {
 
 constexpr std::chrono::seconds SILENCE(5);
-constexpr std::chrono::milliseconds LOOK_LIMIT(1000);
+constexpr std::chrono::milliseconds LAST_LOOK_LIMIT(1000);
 
 HungReport LookWhileWaiting(pid_t pid) {
     HungOptions options;
     options.unanswered = true;
-    options.limit = LOOK_LIMIT;
+    options.limit = LAST_LOOK_LIMIT;
     return LookAtHung(pid, options);
 }
 

@@ -41,13 +41,13 @@ std::vector<std::string> PlacesOf(const Endpoint &endpoint) {
 }
 
 // A listening socket: its address and port as the table writes them, and its inode.
-struct Listener {
+struct ListeningSocket {
     std::string place, inode;
 };
 
 // A line: number, local address, remote address, state, queues, timer, retransmits, uid, time-out, inode, ...
-std::vector<Listener> ReadListeners(std::string_view table) {
-    std::vector<Listener> listeners;
+std::vector<ListeningSocket> ReadListeners(std::string_view table) {
+    std::vector<ListeningSocket> listeners;
     std::istringstream lines{std::string(table)};
     for (std::string line; std::getline(lines, line);) {
         std::istringstream in(line);
@@ -89,7 +89,7 @@ bool ForEachDescriptor(const std::string &proc_dir, bool *closed,
 
 std::vector<std::string> ListeningInodes(std::string_view table, const Endpoint &endpoint) {
     std::vector<std::string> inodes, places = PlacesOf(endpoint);
-    for (const Listener &each : ReadListeners(table))
+    for (const ListeningSocket &each : ReadListeners(table))
         if (std::find(places.begin(), places.end(), each.place) != places.end())
             inodes.push_back(each.inode);
     return inodes;
@@ -113,7 +113,7 @@ Proof ProveListener(const std::string &proc_dir, const Endpoint &endpoint) {
 std::optional<std::vector<uint16_t>> ListeningPorts(const std::string &proc_dir) {
     std::string tables = ReadTables(proc_dir);
     std::map<std::string, uint16_t> listeners;
-    for (const Listener &each : ReadListeners(tables))
+    for (const ListeningSocket &each : ReadListeners(tables))
         listeners[SocketName(each.inode)] =
             static_cast<uint16_t>(strtoul(each.place.c_str() + each.place.find(':') + 1, nullptr, 16));
     bool closed = false;

@@ -1,6 +1,7 @@
 #include "jvm_image.h"
 
 #include "base/process.h"
+#include "base/starts_with.h"
 #include "platforms/elf_symbols.h"
 
 #include <algorithm>
@@ -43,10 +44,6 @@ constexpr std::string_view KEPT[] = {
     "_ZN28jdk_internal_vm_Continuation",
     "_ZN23InstanceStackChunkKlass",
 };
-
-bool StartsWith(std::string_view text, std::string_view start) {
-    return text.substr(0, start.size()) == start;
-}
 
 bool Keeps(std::string_view name) {
     return std::any_of(std::begin(KEPT), std::end(KEPT),

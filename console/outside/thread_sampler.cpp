@@ -23,7 +23,7 @@ namespace {
 
 constexpr uint64_t PERIOD_NS = 2000000;
 constexpr uint32_t STACK_BYTES = 8192;
-constexpr size_t PAGE = 4096, MANY_PAGES = 64, FEW_PAGES = 16; // users other than root may map few
+constexpr size_t RING_PAGE = 4096, MANY_PAGES = 64, FEW_PAGES = 16; // users other than root may map few
 constexpr size_t LARGEST_RECORD = 16384;
 constexpr int STOP_MS = 20;
 
@@ -100,15 +100,15 @@ ThreadSampler::ThreadSampler(pid_t tid) {
 
 ThreadSampler::~ThreadSampler() {
     if (ring_)
-        munmap(ring_, PAGE + size_);
+        munmap(ring_, RING_PAGE + size_);
     if (fd_ >= 0)
         close(fd_);
 }
 
 bool ThreadSampler::Map(size_t pages) {
-    void *ring = mmap(nullptr, PAGE * (1 + pages), PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    void *ring = mmap(nullptr, RING_PAGE * (1 + pages), PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
     ring_ = ring == MAP_FAILED ? nullptr : static_cast<char *>(ring);
-    size_ = PAGE * pages;
+    size_ = RING_PAGE * pages;
     return ring_ != nullptr;
 }
 
@@ -119,7 +119,7 @@ bool ThreadSampler::HasSamples() const {
 
 void ThreadSampler::Copy(uint64_t at, void *to, size_t size) const {
     for (size_t i = 0; i < size; ++i)
-        static_cast<char *>(to)[i] = ring_[PAGE + (at + i) % size_];
+        static_cast<char *>(to)[i] = ring_[RING_PAGE + (at + i) % size_];
 }
 
 std::vector<MomentOfThread> ThreadSampler::Take() {

@@ -1,5 +1,7 @@
 #include "verdict.h"
 
+#include "base/starts_with.h"
+
 #include <algorithm>
 #include <string_view>
 
@@ -19,7 +21,7 @@ constexpr double WORKING = 0.5, BUSY = 0.05;
 template <size_t N>
 bool StartsWithOne(std::string_view name, const std::string_view (&starts)[N]) {
     return std::any_of(std::begin(starts), std::end(starts),
-                       [&](std::string_view start) { return name.substr(0, start.size()) == start; });
+                       [&](std::string_view start) { return StartsWith(name, start); });
 }
 
 bool IsOneOf(int state, std::initializer_list<int> states) {

@@ -18,7 +18,7 @@ constexpr size_t MOST_STRETCHES = 500;
 
 // A column of values, one for each of `rows`.
 template <class Rows, class Value>
-Json Column(const Rows &rows, Value value) {
+Json ColumnOf(const Rows &rows, Value value) {
     Json column = Json::array();
     for (const auto &row : rows)
         column.push_back(value(row));
@@ -53,36 +53,37 @@ Json StackTree(const Recording &recording) {
 
 Json RunsJson(const std::vector<Run> &runs) {
     auto of = [&](int32_t Place::*part) {
-        return Column(runs, [=](const Run &run) { return run.place.*part; });
+        return ColumnOf(runs, [=](const Run &run) { return run.place.*part; });
     };
-    return {{"thread", Column(runs, [](const Run &run) { return run.thread; })},
-            {"first", Column(runs, [](const Run &run) { return run.first; })},
-            {"count", Column(runs, [](const Run &run) { return run.count; })},
+    return {{"thread", ColumnOf(runs, [](const Run &run) { return run.thread; })},
+            {"first", ColumnOf(runs, [](const Run &run) { return run.first; })},
+            {"count", ColumnOf(runs, [](const Run &run) { return run.count; })},
             {"state", of(&Place::state)},
             {"stack", of(&Place::stack)},
             {"url", of(&Place::url)},
             {"sql", of(&Place::sql)},
             {"lock_class", of(&Place::lock_class)},
-            {"owner", Column(runs, [](const Run &run) { return run.place.owner; })}};
+            {"owner", ColumnOf(runs, [](const Run &run) { return run.place.owner; })}};
 }
 
 Json ThreadsJson(const std::vector<RecordedThread> &threads) {
     auto since = [](const std::optional<int64_t> &first, const std::optional<int64_t> &last) {
         return first && last ? Json(*last - *first) : Json();
     };
-    return {{"id", Column(threads, [](const RecordedThread &thread) { return thread.id; })},
-            {"name", Column(threads, [](const RecordedThread &thread) { return thread.name; })},
-            {"samples", Column(threads, [](const RecordedThread &thread) { return thread.samples; })},
-            {"cpu", Column(threads, [&](const RecordedThread &t) { return since(t.first_cpu, t.last_cpu); })},
-            {"alloc",
-             Column(threads, [&](const RecordedThread &t) { return since(t.first_alloc, t.last_alloc); })}};
+    return {
+        {"id", ColumnOf(threads, [](const RecordedThread &thread) { return thread.id; })},
+        {"name", ColumnOf(threads, [](const RecordedThread &thread) { return thread.name; })},
+        {"samples", ColumnOf(threads, [](const RecordedThread &thread) { return thread.samples; })},
+        {"cpu", ColumnOf(threads, [&](const RecordedThread &t) { return since(t.first_cpu, t.last_cpu); })},
+        {"alloc",
+         ColumnOf(threads, [&](const RecordedThread &t) { return since(t.first_alloc, t.last_alloc); })}};
 }
 
 Json CollectorsJson(const Recording &recording) {
     Json collectors = Json::array();
     for (size_t i = 0; i < recording.collectors.size(); ++i) {
         auto of = [&](std::vector<std::optional<int64_t>> RecordedSample::*part) {
-            return Column(recording.samples, [&](const RecordedSample &sample) {
+            return ColumnOf(recording.samples, [&](const RecordedSample &sample) {
                 return i < (sample.*part).size() ? OrNull((sample.*part)[i]) : Json();
             });
         };
@@ -98,7 +99,7 @@ Json StretchesJson(std::vector<Stretch> stretches) {
     std::stable_sort(stretches.begin(), stretches.end(),
                      [](const Stretch &a, const Stretch &b) { return a.count > b.count; });
     stretches.resize(std::min(stretches.size(), MOST_STRETCHES));
-    return Column(stretches, [](const Stretch &stretch) {
+    return ColumnOf(stretches, [](const Stretch &stretch) {
         return Json{{"thread", stretch.thread},
                     {"first", stretch.first},
                     {"count", stretch.count},
@@ -109,7 +110,7 @@ Json StretchesJson(std::vector<Stretch> stretches) {
 Json DataOf(const Recording &recording) {
     const auto &samples = recording.samples;
     auto of = [&](auto part) {
-        return Column(samples, [&](const RecordedSample &s) { return OrNull(s.*part); });
+        return ColumnOf(samples, [&](const RecordedSample &s) { return OrNull(s.*part); });
     };
     Json data = StackTree(recording);
     data.update({{"meta", Json::parse(recording.meta)},
@@ -117,10 +118,10 @@ Json DataOf(const Recording &recording) {
                  {"unread", recording.unread},
                  {"thread_samples", recording.thread_samples},
                  {"texts", recording.texts.all()},
-                 {"t", Column(samples, [](const RecordedSample &s) { return s.time; })},
-                 {"n", Column(samples, [](const RecordedSample &s) { return s.number; })},
-                 {"missing", Column(samples, [](const RecordedSample &s) { return s.missing; })},
-                 {"unanswered", Column(samples, [](const RecordedSample &s) { return s.unanswered; })},
+                 {"t", ColumnOf(samples, [](const RecordedSample &s) { return s.time; })},
+                 {"n", ColumnOf(samples, [](const RecordedSample &s) { return s.number; })},
+                 {"missing", ColumnOf(samples, [](const RecordedSample &s) { return s.missing; })},
+                 {"unanswered", ColumnOf(samples, [](const RecordedSample &s) { return s.unanswered; })},
                  {"heap", of(&RecordedSample::heap_kib)},
                  {"heap_max", of(&RecordedSample::heap_max_kib)},
                  {"cpu", of(&RecordedSample::cpu_ms)},

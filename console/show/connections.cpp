@@ -1,6 +1,7 @@
 #include "connections.h"
 
 #include "base/failure.h"
+#include "base/starts_with.h"
 #include "render.h"
 #include "render_tiers.h"
 #include "wire/protocol.h"
@@ -152,7 +153,7 @@ Json PortHolderJson(const PortHolder &holder, unsigned port) {
 
 // A thread's name may hold bars, its key can't.
 std::optional<PortHolder> DecodePortHolder(const Reply &reply) {
-    if (reply.text.substr(0, NO_SUCH_PORT.size()) == NO_SUCH_PORT)
+    if (StartsWith(reply.text, NO_SUCH_PORT))
         return std::nullopt;
     PortHolder holder;
     size_t bar = reply.text.rfind('|');
@@ -164,7 +165,7 @@ std::optional<PortHolder> DecodePortHolder(const Reply &reply) {
 
 std::vector<DbSession> DecodeSessions(const Reply &reply) {
     std::string_view text = reply.text;
-    if (text.substr(0, ERROR_WORD.size()) == ERROR_WORD) {
+    if (StartsWith(text, ERROR_WORD)) {
         std::string_view line = text.substr(0, text.find_first_of("\n\x1e\x1f"));
         throw Failure(fmt::format("the agent answers \"{}\"", line),
                       "check port, host and process ids; the agent's log may say more");

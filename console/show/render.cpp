@@ -156,7 +156,7 @@ constexpr SeriesColumn SERIES[] = {
     {"sleep", THREADS_SLEEPING},  {"rmi", THREADS_RMI_WAIT},
     {"other", THREADS_OTHER},
 };
-constexpr int SERIES_WIDTH = 5;
+constexpr int FIGURE_WIDTH = 5;
 
 template <class Wanted>
 std::string FigureTable(const Summary &summary, const Style &style, Wanted wanted) {
@@ -175,7 +175,7 @@ std::string SeriesHeader(Wanted wanted) {
     std::string line = fmt::format("{:<8}", "time");
     for (const SeriesColumn &column : SERIES)
         if (wanted(column.figure))
-            line += fmt::format(" {:>{}}", column.title, SERIES_WIDTH);
+            line += fmt::format(" {:>{}}", column.title, FIGURE_WIDTH);
     return line + '\n';
 }
 
@@ -184,7 +184,7 @@ std::string SeriesLine(const Summary &summary, Wanted wanted) {
     std::string line = fmt::format("{:<8}", ClockText());
     for (const SeriesColumn &column : SERIES)
         if (wanted(column.figure))
-            line += fmt::format(" {:>{}}", FigureText(summary, column.figure), SERIES_WIDTH);
+            line += fmt::format(" {:>{}}", FigureText(summary, column.figure), FIGURE_WIDTH);
     return line + '\n';
 }
 

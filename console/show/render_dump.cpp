@@ -9,8 +9,6 @@ namespace qorctl {
 
 namespace {
 
-constexpr int64_t KIB = 1024;
-
 std::string NameOf(const std::string &name, int64_t number) {
     return name.empty() ? fmt::format("(class {}, without a name)", number) : name;
 }

@@ -8,7 +8,6 @@ namespace qorctl {
 
 namespace {
 
-constexpr int64_t KIB = 1024;
 constexpr int SERIES_WIDTH = 10;
 
 std::string FigureText(const std::optional<uint64_t> &figure) {

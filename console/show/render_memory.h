@@ -7,6 +7,8 @@
 
 namespace qorctl {
 
+constexpr int64_t KIB = 1024;
+
 // A size for people: "512 K", "11.8 M", "5.9 G".
 std::string SizeText(int64_t bytes);
 

@@ -1,5 +1,6 @@
 #include "unknown_products.h"
 
+#include "base/starts_with.h"
 #include "base/terminal.h"
 #include "wire/records.h"
 
@@ -28,10 +29,6 @@ constexpr JdbcCall JDBC_CALLS[] = {
     {"Connection", "commit"},           {"Connection", "rollback"},      {"Connection", "setAutoCommit"},
     {"Connection", "prepareStatement"},
 };
-
-bool StartsWith(std::string_view text, std::string_view start) {
-    return text.substr(0, start.size()) == start;
-}
 
 template <class Prefixes>
 bool IsOf(std::string_view class_name, const Prefixes &prefixes) {

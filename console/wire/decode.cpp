@@ -1,6 +1,7 @@
 #include "decode.h"
 
 #include "base/failure.h"
+#include "base/starts_with.h"
 #include "protocol.h"
 #include "thread_records.h"
 
@@ -189,7 +190,7 @@ std::string ThreadKey::Text() const {
 }
 
 bool IsTimedOut(std::string_view text) {
-    return text.substr(0, TIMED_OUT.size()) == TIMED_OUT;
+    return StartsWith(text, TIMED_OUT);
 }
 
 Reply OpenReply(std::string_view text) {

@@ -1,6 +1,7 @@
 #include "objects.h"
 
 #include "base/failure.h"
+#include "base/starts_with.h"
 #include "protocol.h"
 #include "records.h"
 
@@ -29,10 +30,6 @@ struct Row {
 
 bool IsNoObject(std::string_view title) {
     return title == NULL_OBJECT || title == INVALID_OBJECT || title == NULL_ARRAY;
-}
-
-bool StartsWith(std::string_view text, std::string_view start) {
-    return text.substr(0, start.size()) == start;
 }
 
 // A field's type with its modifier in front.

@@ -1,6 +1,7 @@
 #include "request.h"
 
 #include "base/failure.h"
+#include "base/starts_with.h"
 #include "protocol.h"
 
 #include <algorithm>
@@ -30,10 +31,6 @@ std::vector<std::string_view> Lines(std::string_view text) {
         text.remove_prefix(end);
     }
     return lines;
-}
-
-bool StartsWith(std::string_view text, std::string_view start) {
-    return text.substr(0, start.size()) == start;
 }
 
 const char *Fault(std::string_view line, RuleTable (&tables)[2]) {
