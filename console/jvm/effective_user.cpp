@@ -13,7 +13,8 @@ EffectiveUser::EffectiveUser(const Process &process) : process_(process), uid_(g
     if (uid_ != 0 && process.euid == uid_)
         return;
     groups_.resize(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
-    changed_ = getgroups(static_cast<int>(groups_.size()), groups_.data()) >= 0;
+    // Where groups can't be chosen, as in a container without capabilities, they couldn't be restored either.
+    changed_ = getgroups(static_cast<int>(groups_.size()), groups_.data()) >= 0 && setgroups(0, nullptr) == 0;
     if (changed_ && Take())
         return;
     if (changed_)

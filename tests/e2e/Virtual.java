@@ -36,9 +36,7 @@ final class Virtual {
         }
     }
 
-    static synchronized void want() {
-        hold(new CountDownLatch(1));
-    }
+    static synchronized void want() { hold(new CountDownLatch(1)); }
 
     /** A virtual thread holds the monitor, another wants it and holds the class, which a third one wants. */
     static void startWaiters() throws Exception {

@@ -5,7 +5,7 @@ import re
 import subprocess
 import unittest
 
-from harness import LIMIT, SETTINGS, Application, Case, wait_until
+from harness import LIMIT, SETTINGS, Application, Case, taking_on, wait_until
 
 USER, OUTER, GROUP = 1000, 300000, 4242
 NARROW = """for m in $(awk '!/ - (proc|sysfs) / && $5 != "/tmp" {print $5}' /proc/self/mountinfo); do
@@ -27,14 +27,14 @@ class Contained(Application):
     first, `cwd` is where the JVM begins. `bare` makes it root, without what root may beyond others."""
 
     def __init__(self, mounts, cwd, wrap, bare=False):
-        identity = "--bounding-set=-all --inh-caps=-all" if bare else f"--reuid={USER} --regid={USER}"
+        identity = " ".join(taking_on(0 if bare else USER))
         script = f"""set -e; mount -t tmpfs -o mode=1777 none /mnt; cd /mnt
             mkdir -p classes closed home open users {DEEP}
             chown 0:{GROUP} /mnt/closed; chmod 775 /mnt/closed; chmod 777 /mnt/open
             chmod 1777 /mnt/home {DEEP}; chown {USER} /mnt/users
             mount --bind {SETTINGS.classes} /mnt/classes; mount -t tmpfs -o mode=1777 none /tmp
             mount -t proc proc /proc 2>&1 || : # of the process ids in there, when they are its own
-            {mounts} cd {cwd}; exec setpriv {identity} --clear-groups "$@" """
+            {mounts} cd {cwd}; exec {identity} "$@" """
         propagation = "unchanged" if SETTINGS.root else "private"  # which tools/in_root has seen to
         super(Application, self).__init__(
             "-Duser.home=/mnt/home", "-cp", "/mnt/classes", "qoragent.demo.Demo", 170,

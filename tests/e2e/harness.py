@@ -86,14 +86,20 @@ class Program:
                 os.unlink(name)  # a killed JVM can't tidy up
 
 
+def taking_on(user):
+    """The command by which root becomes a user; 0 is root without what it may beyond others."""
+    if user == 0:
+        return ["setpriv", "--bounding-set=-all", "--inh-caps=-all"]
+    return [] if user is None else ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
+
+
 class Application(Program):
     """The demo application."""
 
     def __init__(self, *flags, user=None, cwd=None):
         before = [] if cwd is None else ["env", "-C", cwd]
-        if user is not None:
-            before += ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
-        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170, before=before)
+        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170,
+                         before=before + taking_on(user))
 
     def truths(self):
         """What it says of its threads' work in other tiers: by thread, pairs."""
@@ -123,10 +129,9 @@ def environment():
 
 
 def qorctl(*words, user=None, text=None):
-    identity = {} if user is None else {"user": user, "group": user, "extra_groups": []}
-    return Answer(subprocess.run([SETTINGS.qorctl, *map(str, words)], input=text, capture_output=True,
-                                 text=True,
-                                 timeout=LIMIT, env=environment(), check=False, **identity))
+    command = [*taking_on(user), SETTINGS.qorctl, *map(str, words)]
+    return Answer(subprocess.run(command, input=text, capture_output=True, text=True, timeout=LIMIT,
+                                 env=environment(), check=False))
 
 
 def run_tool(name, *words, jdk=None):

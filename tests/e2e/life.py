@@ -231,6 +231,8 @@ class Users(Case):
             self.assertTrue(self.json("threads", app.pid, user=NOBODY)["threads"])
             self.answer("shutdown", app.pid)
             self.assertEqual(leftovers(app.pid), [])
+        with Application(user=0) as app:
+            self.assertTrue(self.json("threads", app.pid, user=0)["threads"])
 
     @staticmethod
     def empty(path):
