@@ -15,7 +15,6 @@
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" char __executable_start, etext;
@@ -106,32 +105,22 @@ CALL(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode),
 CALL(int, pipe2, (int *fds, int flags), (fds, flags), -1, EMFILE)
 CALL(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1, EMFILE)
 CALL(int, fcntl, (int fd, int command, long argument), (fd, command, argument), -1, EMFILE)
-CALL(int, ioctl, (int fd, unsigned long request, void *argument), (fd, request, argument), -1, EINVAL)
 CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
 CALL(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 CALL(FILE *, popen, (const char *command, const char *mode), (command, mode), nullptr, EMFILE)
-CALL(char *, fgets, (char *line, int size, FILE *file), (line, size, file), nullptr, EIO)
 CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE)
 CALL(ssize_t, read, (int fd, void *out, size_t size), (fd, out, size), -1, EIO)
 CALL(ssize_t, pread, (int fd, void *out, size_t size, off_t at), (fd, out, size, at), -1, EIO)
 CALL(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1, EIO)
 CALL(ssize_t, pwrite, (int fd, const void *data, size_t size, off_t at), (fd, data, size, at), -1, ENOSPC)
-CALL(off_t, lseek, (int fd, off_t at, int whence), (fd, at, whence), -1, EIO)
 CALL(int, ftruncate, (int fd, off_t size), (fd, size), -1, EIO)
-CALL(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, EPERM)
 CALL(ssize_t, readlink, (const char *path, char *out, size_t size), (path, out, size), -1, EACCES)
 CALL(int, poll, (pollfd *fds, nfds_t count, int msec), (fds, count, msec), -1, ENOMEM)
 CALL(int, pthread_create, (pthread_t *out, const pthread_attr_t *attributes, void *(*run)(void *), void *argument), (out, attributes, run, argument), EAGAIN, EAGAIN)
 CALL(pid_t, fork, (), (), -1, EAGAIN)
 CALL(int, clone, (int (*run)(void *), void *stack, int flags, void *argument), (run, stack, flags, argument), -1, EAGAIN)
-CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1, ECHILD)
 CALL(ssize_t, process_vm_readv, (pid_t pid, const iovec *local, unsigned long locals, const iovec *remote, unsigned long remotes, unsigned long flags), (pid, local, locals, remote, remotes, flags), -1, EPERM)
 CALL(int, getaddrinfo, (const char *node, const char *service, const addrinfo *hints, addrinfo **out), (node, service, hints, out), EAI_MEMORY, ENOMEM)
-CALL(int, gethostname, (char *out, size_t size), (out, size), -1, EINVAL)
-CALL(int, getsockname, (int fd, sockaddr *address, socklen_t *size), (fd, address, size), -1, ENOTSOCK)
-CALL(int, getpeername, (int fd, sockaddr *address, socklen_t *size), (fd, address, size), -1, ENOTCONN)
-CALL(void *, dlopen, (const char *name, int flags), (name, flags), nullptr, ENOMEM)
-CALL(void *, dlsym, (void *library, const char *name), (library, name), nullptr, ENOMEM)
 // clang-format on
 
 extern "C" void *__real_realloc(void *block, size_t size);

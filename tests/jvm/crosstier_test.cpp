@@ -2,13 +2,10 @@
 #include "Enricher.h"
 #include "RequestHandler/RequestHandler.h"
 #include "TierText.h"
-#include "Xtier/ConnectionCache.h"
 #include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/threads/ThreadSystem.h"
 #include "qorsettings.h"
-
-#include <algorithm>
 
 namespace {
 
@@ -27,33 +24,14 @@ struct CrossTier : SessionTest {
     }
 };
 
-// Rules of Driver's frames and objects, and of those that the tables read. A further line makes a parked
-// thread's frame one of a remote call.
-const std::string DRIVER_RULES = "state rmi qoragent.testing.Driver\n"
-                                 "frame web qoragent.testing.Driver serve\n"
-                                 "frame db qoragent.testing.Driver serve\n"
-                                 "frame db qoragent.testing.Driver call\n"
-                                 "object rmi Lqoragent/testing/Driver;\n"
-                                 "  url self,Lqoragent/testing/Driver;|text,Ljava/lang/String;\n"
-                                 "object db Lqoragent/testing/Driver;\n"
-                                 "  user self,Lqoragent/testing/Driver;|text,Ljava/lang/String;\n"
-                                 "  sql text,Ljava/lang/String; last\n"
-                                 "object db Lqoragent/testing/Driver$Order;\n"
-                                 "  url path,Ljava/lang/String;\n"
-                                 "  sql path,Ljava/lang/String;\n"
-                                 "object web Lqoragent/testing/Driver$Order;\n"
-                                 "  url path,Ljava/lang/String;\n"
-                                 "state rmi javax.servlet.http.\n"
-                                 "frame rmi javax.servlet.http.HttpServlet service\n"
-                                 "object rmi Lorg/apache/catalina/connector/RequestFacade;\n"
-                                 "  host request,Lorg/apache/catalina/connector/Request;|"
-                                 "requestDispatcherPath,Ljava/lang/Object;|strValue,Ljava/lang/String;\n"
-                                 "frame db qoragent.models.Execution *\n"
-                                 "frame db tessar.jdbc.driver.TessarStatement *\n"
-                                 "object db Ltessar/jdbc/driver/TessarStatement;\n"
-                                 "  url sql_query,Ljava/lang/String;\n"
-                                 "  user sql_query,Ljava/lang/String;\n";
-constexpr char REMOTE_FRAME[] = "frame rmi qoragent.testing.Driver call\n";
+// Rules of frames and objects that the tables read too.
+constexpr char MORE_RULES[] = "frame rmi javax.servlet.http.HttpServlet service\n"
+                              "object rmi Lorg/apache/catalina/connector/RequestFacade;\n"
+                              "  host request,Lorg/apache/catalina/connector/Request;|"
+                              "requestDispatcherPath,Ljava/lang/Object;|strValue,Ljava/lang/String;\n"
+                              "frame db tessar.jdbc.driver.TessarStatement *\n"
+                              "object db Ltessar/jdbc/driver/TessarStatement;\n"
+                              "  url sql_query,Ljava/lang/String;\n";
 
 void UseRules(const std::string &rules) {
     ASSERT_EQ("", SetTiers(rules));
@@ -252,38 +230,6 @@ TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
     EXPECT_NE(texts.find(",0,1,,orders,orders.war,default,session of /served,"), std::string::npos) << texts;
 }
 
-// Below, and in the same frames as, those of the tables, whose records they leave alone.
-TEST_F(CrossTier, RulesReadAllObjectsOfAllTheirFrames) {
-    Java("Tiers", "start");
-    Java("Customers", "start", 1, 20);
-    UseRules(DRIVER_RULES);
-    EXPECT_EQ(Find(AllThreads(false), "zoo-driver")->state, "Object Wait")
-        << "no frame is that of a remote call";
-    UseRules(DRIVER_RULES + REMOTE_FRAME);
-    QorDropDbConnections();
-    for (const bool stacks : {false, true}) {
-        const qorctl::ThreadSample sample = AllThreads(stacks);
-        ExpectCustomer(Find(sample, "customer-0"), 0);
-        const qorctl::Thread *thread = Find(sample, "zoo-driver");
-        EXPECT_EQ(thread->state, "RMI Wait");
-        EXPECT_EQ(thread->rmi->remote_host.value_or("") + ":" + std::to_string(thread->rmi->remote_port),
-                  "api:8443");
-        EXPECT_EQ(thread->rmi->jndi_name, "https://api:8443/x");
-        EXPECT_EQ(thread->request_url, "/orders/17");
-        EXPECT_EQ(Find(sample, "zoo-tomcat")->request_url, "/tomcat");
-        EXPECT_EQ(Find(sample, "zoo-tomcat")->rmi->remote_host, "/tomcat") << "a frame that both have";
-    }
-    const auto *seen = std::find_if(gbDB_Info, gbDB_Info + iDBInfoIndex, [](const QorDBRequestData &call) {
-        return strcmp(call.threadName, "zoo-driver") == 0;
-    });
-    ASSERT_NE(gbDB_Info + iDBInfoIndex, seen);
-    EXPECT_STREQ(seen->url, "/orders/17");
-    EXPECT_STREQ(seen->user, "https://api:8443/x") << "the upper frame's";
-    EXPECT_STREQ(seen->sqlText, "/orders/17") << "a way marked last comes after all others";
-    gbQorRELocal = 1;
-    EXPECT_EQ(Find(AllThreads(true), "zoo-driver")->request_url, "/orders/17");
-}
-
 // Classes of one name in a loader each, which are collected while they are read.
 TEST_F(CrossTier, RulesReadClassesThatComeAndGo) {
     UseRules("frame web qoragent.testing.Churn$Worker *\n"
@@ -320,7 +266,7 @@ TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
 TEST_F(CrossTier, KeepsNothing) {
     Java("Tiers", "start");
     Java("Customers", "start", 4, 5000);
-    UseRules(DRIVER_RULES + REMOTE_FRAME);
+    UseRules(MORE_RULES);
     const std::string key = Find(AllThreads(false), FRAMEWORKS[0].thread)->key.Text();
     ::KeepsNothing(200, [&] {
         AllThreads(false);

@@ -322,26 +322,6 @@ TEST_F(ForkedDump, IsRefusedWithTheReason) {
         EXPECT_TRUE(IsAnswer(Ask(request))) << request;
 }
 
-// A JVM with a heap that is worth a copy.
-struct LargeHeap : ForkedDump {
-    static void SetUpTestSuite() { StartJvm({"-Xmx256m", "-XX:+UseG1GC"}); }
-};
-
-TEST_F(LargeHeap, SaysThatACopyCanBeMadeAndTheRequestChooses) {
-    EXPECT_EQ(Ask("516|NoProcessing|forkstate"), "forkstate=0 forkdump=1 64 MiB of heap in use or less");
-    ASSERT_NE(Env()->NewByteArray(100 << 20), nullptr);
-    EXPECT_EQ(Ask("516|NoProcessing|forkstate"), "forkstate=1 forkdump=1 ");
-    gbiForkHeapShares[FORK_FOR_DUMP] = 1 << 30;
-    EXPECT_EQ(Ask("516|NoProcessing|forkstate|dump"),
-              "forkstate=0 forkdump=1 System low on Virtual Memory, Unable to start Heap Dump.");
-    gbiForkHeapShares[FORK_FOR_DUMP] = 1;
-    for (const char *setting : {"0", "1"}) {
-        Ask(std::string("516|NoProcessing|forkdump|") + setting);
-        EXPECT_EQ(Ask("2564|showmem|256|dump|7"), COMPLETED);
-        EXPECT_EQ(Ask("4612|showmem|256|dump|7").find("Time spent"), 0u);
-    }
-}
-
 // A JVM whose heap is shared memory, where there is one.
 struct SharedHeap : ForkedDump {
     static void SetUpTestSuite() {

@@ -8,24 +8,13 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 
-#include <memory>
 #include <numeric>
 
 namespace {
 
-constexpr int64_t SECOND = 1000000;
 constexpr jlong SOME_TAG = 7777;
 
-// A clock that a test sets, and that goes on by a step at each look; one that goes on when a walk has ended.
-int64_t fakeNow, fakeStep;
-
-int64_t LookUpClock() {
-    return fakeNow += gbQorLocalWalk.outcome.end == WALK_NOT_ENDED ? 0 : fakeStep;
-}
-
-int64_t FakeClock() {
-    return fakeNow += fakeStep;
-}
+int64_t fakeNow = 5000000000, fakeStep; // a clock that goes on by a step at each look
 
 void Enter(const char *part, const std::string &name, jobject a, jobject b = nullptr, jobject c = nullptr) {
     Java("Stage", "enter", part, name, a, b, c);
@@ -242,116 +231,23 @@ TEST_F(LocalWalks, LeaveNoTagsAndNoReferences) {
     EXPECT_EQ(count, 0);
 }
 
-struct TimedWalks : LocalWalks {
-    void SetUp() override {
-        LocalWalks::SetUp();
-        Enter("nested", "timed", MakeObject(STATEMENT));
-        listing = std::make_unique<Listing>(std::vector<Wanted>{{"timed", STAGE_CLASS, "inner"}});
-        qorLocalWalkClock = FakeClock;
-        qorGetLocalObjectsQuotaPct = 10;
-        fakeNow = 5000 * SECOND;
-        fakeStep = 0;
-    }
-    void TearDown() override {
-        listing.reset();
-        LocalWalks::TearDown();
-    }
-    int32_t walk() { return LocalWalks::walk(listing.get()); }
-
-    std::unique_ptr<Listing> listing;
-};
-
-TEST_F(TimedWalks, KeepToTheirShareOfTime) {
-    qorIsPollOrTrace = 1;
-    // The first poll has the whole budget. The clock is looked at twice: at the start and at the end.
-    fakeStep = 3 * SECOND / 10;
-    EXPECT_EQ(walk(), 0);
-    EXPECT_EQ(lAllowedFollowRefTimeUSec, 200000);
-    const int64_t start = fakeNow - fakeStep;
-    EXPECT_EQ(nextFollowRefTime, start + 3 * SECOND);
-    fakeStep = 0;
-    fakeNow = start + 2 * SECOND;
-    EXPECT_EQ(walk(), -1) << "barred";
-    // A request that isn't a poll isn't barred, and has the whole budget.
-    qorIsPollOrTrace = 0;
-    fakeNow = start + SECOND;
-    lAllowedFollowRefTimeUSec = 1;
-    EXPECT_EQ(walk(), 0);
-    EXPECT_EQ(lAllowedFollowRefTimeUSec, 200000);
-    // A poll's budget is the quota's share of the time since the last walk.
-    qorIsPollOrTrace = 1;
-    fakeNow += SECOND / 2;
-    EXPECT_EQ(walk(), 0);
-    EXPECT_EQ(lAllowedFollowRefTimeUSec, 50000);
-}
-
 // The budget is looked at each thousandth callback, and what was found by then is used.
-TEST_F(TimedWalks, EndWithTheirBudget) {
+TEST_F(LocalWalks, EndWithTheirBudget) {
+    Enter("nested", "timed", MakeObject(STATEMENT));
     Java("Zoo", "startMany", 300, 40);
     Listing many({{"timed", STAGE_CLASS, "inner"}, {"", "qoragent.testing.ZooRun", "descend"}});
+    qorLocalWalkClock = [] { return fakeNow += fakeStep; };
+    qorGetLocalObjectsQuotaPct = 10;
     const std::pair<int64_t, int32_t> ROWS[] = {
         {200001, 1000}, {150000, 2000}, {1, 0}}; // 0: not ended by time
     for (const auto &[step, iterations] : ROWS) {
-        prevFollowRefExecTime = nextFollowRefTime = prevFollowRefAbortReportTime = 0;
-        fakeNow = 5000 * SECOND;
+        prevFollowRefAbortReportTime = 0;
         fakeStep = step;
         LogCapture log(LOG_NOTE + 1);
-        EXPECT_EQ(LocalWalks::walk(&many), 0);
+        EXPECT_EQ(walk(&many), 0);
+        EXPECT_EQ(gbQorWalkCut, iterations > 0);
         EXPECT_EQ(log.count("Aborting GetLocalObj after " + std::to_string(iterations) + " iterations ("),
                   iterations > 0)
             << log.text();
     }
-}
-
-// Requests by hand share their part of the last ten seconds; the first after ten without any is made.
-TEST_F(TimedWalks, ByHandKeepToTheirShareOfTheLastSeconds) {
-    qorHandWalkQuotaPct = 5;
-    fakeStep = 150000; // what each walk takes, and the time between two
-    // Pauses and budgets, 0 for a walk that is left out; after the second pause the first three are older
-    // than ten seconds.
-    const std::pair<int64_t, int64_t> ROWS[] = {{0, 200000},
-                                                {0, 200000},
-                                                {0, 200000},
-                                                {0, 50000},
-                                                {0, 0},
-                                                {8 * SECOND, 0},
-                                                {SECOND * 14 / 10, 200000},
-                                                {0, 200000},
-                                                {0, 50000},
-                                                {0, 0},
-                                                {10 * SECOND, 200000}};
-    for (const auto &[pause, budget] : ROWS) {
-        fakeNow += pause;
-        EXPECT_EQ(walk(), budget ? 0 : -1) << fakeNow;
-        EXPECT_EQ(gbQorWalkLeftOut, budget == 0) << fakeNow;
-        EXPECT_TRUE(budget == 0 || lAllowedFollowRefTimeUSec == budget) << fakeNow;
-    }
-}
-
-// The look-up of what was found is a part of the walk's time. Cut short, it leaves what classes it has seen
-// to the next walk, and no object to a wrong frame.
-TEST_F(TimedWalks, LookUpWithinTheirBudget) {
-    jobject statement = MakeObject(STATEMENT);
-    for (int i = 0; i < 100; i++) {
-        const QorLocalFrame references(Env(), 16);
-        Enter("three", "crowd-" + std::to_string(i), MakeObject("java/lang/Object"),
-              MakeObject("java/lang/Object"), MakeObject("java/lang/Object"));
-    }
-    Enter("three", "looked-up", nullptr, statement);
-    Listing crowd({{"", STAGE_CLASS, "three"}});
-    qorLocalWalkClock = LookUpClock;
-    fakeStep = SECOND;
-    int64_t left = -1;
-    for (int32_t walks = 1; gbQorLocalWalk.tagBase != left; walks++) {
-        left = walks == 1 ? 0 : gbQorLocalWalk.tagBase;
-        ASSERT_LT(walks, 10);
-        EXPECT_EQ(LocalWalks::walk(&crowd), 0);
-        EXPECT_EQ(nextFollowRefTime, fakeNow + (gbQorLocalWalk.tagBase != left ? 18 : 9) * SECOND) << walks;
-        EXPECT_EQ(gbQorWalkCut, gbQorLocalWalk.tagBase != left) << walks;
-        for (const Found &row : crowd.found())
-            EXPECT_TRUE(!row.object || row.thread == "zoo-looked-up");
-    }
-    EXPECT_GT(left, 0) << "the first look-up was cut short";
-    for (const Found &row : crowd.found())
-        EXPECT_EQ(same(row.object, statement), row.thread == "zoo-looked-up");
 }

@@ -218,14 +218,6 @@ TEST_F(ObjectViews, KeepNothingAndCopyNoBigValue) {
     EXPECT_LT(KilobytesOf("VmHWM:") - before, 8 << 10);
 }
 
-TEST_F(ObjectViews, NumberTheirObjectsInACircle) {
-    gbiQorLocalVariableCounter = LAST_OBJECT_TAG;
-    const std::string view = viewOf("Values");
-    EXPECT_NE(view.find("\n50000|1|Static: Ljava/lang/Object;"), std::string::npos);
-    EXPECT_NE(view.find("\n5000|1|[[I|"), std::string::npos);
-    EXPECT_EQ(gbiQorLocalVariableCounter, 5002);
-}
-
 TEST_F(ObjectViews, ShowObjectsOfAClassInItsInitialiser) {
     const std::string view = viewOf(Java<jobject>("Obstacles", "inInitializer"));
     EXPECT_NE(view.find("String|servletPath|/born\n"), std::string::npos) << view;

@@ -129,19 +129,6 @@ TEST_F(Request, ALateReplyIsNobodys) {
         ASSERT_EQ(Setting(i), SettingReply(i));
 }
 
-// Bytes in the worker's pipe that are no wake-up are reported and forgotten, however many.
-TEST_F(Request, StrayBytesAreOutlived) {
-    const std::string stray = "From Parent to Chold";
-    LogCapture log(2);
-    for (int i = 0; i < 120; i++) {
-        const size_t bytes = i % 3 == 0 ? 5 : stray.size();
-        ASSERT_EQ(write(pipe_fd_PP[1], stray.data(), bytes), static_cast<ssize_t>(bytes));
-        WaitForIdleWorker();
-        ASSERT_EQ(Setting(i), SettingReply(i)) << i;
-    }
-    EXPECT_EQ(log.count("Pipe not invoked by Parent"), 120);
-}
-
 // A host that closes descriptors at large, and opens its own under their numbers, keeps these to itself: when
 // the agent is idle, or has ended before the next start finds the numbers.
 TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {

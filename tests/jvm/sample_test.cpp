@@ -174,20 +174,6 @@ TEST_F(Sample, StacksThatFillTheirRoomSayWhatIsMissing) {
     EXPECT_TRUE(thread.stack_cut && qorReplyIsCut);
 }
 
-struct FullSample : AgentTest {};
-
-TEST_F(FullSample, HasATimingAsLongAsNoThreadIsMissing) {
-    ASSERT_EQ(StartAgent({}), 0);
-    maxStackDepthRecorded = 1000;
-    for (int32_t end : {9, 11}) {
-        Java("Zoo", "startWide", end == 9 ? 0 : 9, end);
-        const std::string text = Ask("788|showstack|32768");
-        EXPECT_GT(text.size(), 890000u);
-        EXPECT_EQ(text.find("Time spent in JVM") != text.npos, end == 9);
-        EXPECT_EQ(CountOf(text, "\x1ezoo-wide-") == static_cast<size_t>(end), end == 9);
-    }
-}
-
 TEST_F(Sample, SummaryCountsThreadsByState) {
     const auto counted = [](int figure) {
         return *qorctl::DecodeSummary(qorctl::OpenReply(Ask(QORREQ_THREAD_SUMMARY))).figures[figure];

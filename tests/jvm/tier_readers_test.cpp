@@ -1,53 +1,39 @@
 // The readers of other tiers: objects of every product, made field by field, and what a record shows of them.
 // Those that threads of CrossTier are in are read there.
-#include "Folder.h"
 #include "ModelObjects.h"
 #include "Walk.h"
 #include "Xtier/ReadAtOnce.h"
 #include "Xtier/tiers/XtierCalls.h"
 #include "Xtier/tiers/XtierDb.h"
 #include "Xtier/tiers/XtierJSP.h"
-#include "Xtier/tiers/XtierQRF.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "qorsettings.h"
 
 #include <algorithm>
 #include <cstring>
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <sys/mman.h>
 #include <tuple>
-#include <unistd.h>
 
 namespace {
 
 QorDBRequestData db;
 QorJSPRequestData &web = objQorJSPRequestData;
 QorRmiCallData rmi;
-QorIOCallData file;
-QorNetworkCallData network;
 QorAppServerCallData server;
 
 void Read(const ModelEntry &entry) {
     QorClearDBRequestData(&db);
     QorClearJSPRequestData(&web);
     QorClearRmiCallData(&rmi);
-    QorClearIOCallData(&file);
-    QorClearNetworkCallData(&network);
     QorClearAppServerCallData(&server);
     const int32_t kind = entry.kind;
-    const int32_t result =
-        kind == LOCAL_DATABASE_CALL     ? QorGetDBRequestDataFromLocalVariable(&entry, &db)
-        : kind == LOCAL_WEB_REQUEST     ? QorGetJSPRequestDataFromLocalVariable(&entry, &web)
-        : kind == LOCAL_RMI_CALL        ? QorGetRmiCallDataFromLocalVariable(&entry, &rmi)
-        : kind == LOCAL_FILE_CALL       ? QorGetIOCallDataFromLocalVariable(&entry, &file)
-        : kind == LOCAL_NETWORK_CALL    ? QorGetNetworkCallDataFromLocalVariable(&entry, &network)
-        : kind == LOCAL_APP_SERVER_CALL ? QorGetAppServerCallDataFromLocalVariable(&entry, &server)
-                                        : 0;
+    const int32_t result = kind == LOCAL_DATABASE_CALL ? QorGetDBRequestDataFromLocalVariable(&entry, &db)
+                           : kind == LOCAL_WEB_REQUEST ? QorGetJSPRequestDataFromLocalVariable(&entry, &web)
+                           : kind == LOCAL_RMI_CALL    ? QorGetRmiCallDataFromLocalVariable(&entry, &rmi)
+                           : kind == LOCAL_APP_SERVER_CALL
+                               ? QorGetAppServerCallDataFromLocalVariable(&entry, &server)
+                               : 0;
     EXPECT_EQ(result, 0);
-    if (kind == LOCAL_GROOVY)
-        QorReadFrameworkEntry(&entry, &web);
 }
 
 void Read(int32_t kind, const std::string &klass, jobject object, const char *method = "run") {
@@ -74,7 +60,6 @@ struct Readers : SessionTest {
 #define SQL_OF                                                                                               \
     "statements,L" TESSAR "TessarStatement;|sqlObject,L" TESSAR "TessarSql;|" TEXT_OF("originalSql")
 #define FERRULE "ferrule/servlet/internal/ServletRequestImpl"
-#define GROOVY "org/codehaus/groovy/runtime/callsite/"
 #define FIELD(field) field, sizeof field
 
 std::string Accents(size_t size) {
@@ -244,45 +229,7 @@ TEST_F(Readers, TheUserIsFoundInEitherField) {
     EXPECT_STREQ(db.sqlText, "select 1");
 }
 
-// The native driver's memory: a chain of pointers, none of them aligned, and after the last block a page that
-// forbids reading.
-TEST_F(Readers, TheNativeDriversMemoryHasTheDescriptorOrNothing) {
-    constexpr size_t OFFSETS[] = {0, 0x0c, 0x44, 0x120, 0x1a20, 0xd4, 0x8c, 0, 0x9c, 0x104, 0x18, 0x530};
-    constexpr size_t STEPS = 11, BLOCK = 0x2000, SIZE = (STEPS + 2) * BLOCK;
-    void *mapped = mmap(nullptr, SIZE + BLOCK, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    char *const memory = static_cast<char *>(mapped), *const end = memory + SIZE;
-    mprotect(end, BLOCK, PROT_NONE);
-    const auto block = [&](size_t i) { return memory + i * BLOCK + 2 * i + 1; };
-    const auto put = [&](size_t step, auto value) {
-        memcpy(block(step) + OFFSETS[step], &value, sizeof value);
-    };
-    jobject stream = Java<jobject>("Customers", "connect", "plain");
-    ReadStatement(StatementOver(stream, false), false);
-    put(STEPS, static_cast<int32_t>(db.fd));
-    for (size_t step = 0; step < STEPS; step++)
-        put(step, block(step + 1));
-
-    jobject access = MakeObject("tessar/jdbc/zdi8/ZDIDBAccess"), statement = StatementOver(nullptr, false);
-    Plant(access, "c_state,J", reinterpret_cast<int64_t>(block(0)));
-    Plant(statement, DIRECT "db_access,Ltessar/jdbc/dbaccess/DBAccess;", access);
-    tessar_thick_driver = 1;
-    ReadStatement(statement, false);
-    ExpectPorts(stream, "thick");
-    // Memory of another build: at each step nothing, or an address that can't be read, or not to its end.
-    int64_t fd = -7;
-    for (size_t step = 0; step < STEPS; step++) {
-        for (const uintptr_t address : {uintptr_t{0}, uintptr_t{0xdead000000000001}, ~uintptr_t{0},
-                                        reinterpret_cast<uintptr_t>(end) - OFFSETS[step + 1] - 3}) {
-            put(step, address);
-            EXPECT_EQ(QorGetFdFromThickDriver(&fd, access), -1) << step << " " << address;
-        }
-        put(step, block(step + 1));
-    }
-    EXPECT_EQ(QorGetFdFromThickDriver(&fd, statement), -1) << "no c_state";
-    munmap(mapped, SIZE + BLOCK);
-}
-
-// ---- Web requests, peers, files, and the server's marks
+// ---- Web requests
 
 // In a table, which is left alone where JVMTI can't be asked for its lock. Nobody is waited for: neither the
 // thread that has the lock, nor the one that initialises the object's class.
@@ -314,114 +261,5 @@ TEST_F(Readers, UrlsOfLumoAreARangeOfBytes) {
         Plant(request, path + "length,I", length);
         Read(LOCAL_WEB_REQUEST, "com/halcyon/server/http/HalcyonHttpServletRequest", request, "service");
         EXPECT_STREQ(web.requestUrl, url) << offset;
-    }
-}
-
-// Lines are counted later, so that a script keeps its line ends.
-TEST_F(Readers, ScriptsAndCallSitesStayAsTheyAre) {
-    std::string script = "a()\r\nb()\n";
-    jobject evaluation = MakeObject("tessar/kvo/ExprEval");
-    for (; script.size() < 20000; script += script) {
-        Plant(evaluation, TEXT_OF("mExprStr"), script);
-        Read(LOCAL_GROOVY, "tessar/kvo/ExprEval", evaluation);
-        EXPECT_EQ(web.groovyScript, script.substr(0, GROOVY_SCRIPT_SIZE - 1));
-    }
-    // Names of 1,200 sites, of which one is missing and one has no name; a thousand are looked at.
-    jobjectArray sites = Env()->NewObjectArray(1200, Env()->FindClass(GROOVY "CallSite"), nullptr);
-    for (int32_t i = 0; i < 1200; i++) {
-        const QorLocalFrame references(Env(), 16);
-        jobject site = MakeObject(GROOVY "AbstractCallSite");
-        if (i != 4)
-            Plant(site, TEXT_OF("name"), "site" + std::to_string(i) + (i == 5 ? std::string(600, 'l') : ""));
-        Plant(site, "index,I", i);
-        Env()->SetObjectArrayElement(sites, i, i == 3 ? nullptr : site);
-    }
-    jobject site = Env()->GetObjectArrayElement(sites, 7);
-    Plant(site, "array,L" GROOVY "CallSiteArray;|array,[L" GROOVY "CallSite;", sites);
-    Read(LOCAL_GROOVY, GROOVY "AbstractCallSite", site);
-    EXPECT_STREQ(web.groovyCurrentLine, "site7");
-    EXPECT_EQ(web.groovyCurrentIndex, 7);
-    ASSERT_EQ(web.groovyCallSiteCount, 998);
-    EXPECT_EQ(web.groovyCallSites[3], "site5" + std::string(506, 'l'));
-    EXPECT_STREQ(web.groovyCallSites[997], "site999");
-}
-
-TEST_F(Readers, RemotePeersHaveSignedParts) {
-    const std::pair<const char *, const char *> ADDRESSES[] = {
-        {"10.1.2.3", "10.1.2.3"}, {"255.255.255.255", "0.0.0.-1"}, {"2001:db8::5", ""}, {"unresolved", ""}};
-    const std::string channel = "rjvm,Lferrule/rjvm/RJVM;|remoteChannel,Lferrule/rmi/spi/Channel;|";
-    for (const auto &[address, host] : ADDRESSES) {
-        jobject response = MakeObject("ferrule/rjvm/ResponseImpl");
-        Plant(response, "id,I", 42);
-        Read(LOCAL_RMI_CALL, "ferrule/rjvm/ResponseImpl", response);
-        EXPECT_EQ(rmi.callId, 0) << "nothing of half a record";
-        Plant(response, channel + "port,I", 7001);
-        Plant(response, channel + "address,Ljava/net/InetSocketAddress;",
-              Java<jobject>("Obstacles", "address", address));
-        Read(LOCAL_RMI_CALL, "ferrule/rjvm/ResponseImpl", response);
-        EXPECT_EQ(fmt::format("{} {}:{}", rmi.callId, rmi.host, rmi.port), fmt::format("42 {}:7001", host));
-    }
-}
-
-// Names are any bytes, which are made to fit a record.
-TEST_F(Readers, FilesHaveTheirNamesUntilTheyAreClosed) {
-    const Folder in;
-    const int fd = open(in.In("a\nb\x1d\xe9").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    const std::string descriptor = "fd,Ljava/io/FileDescriptor;|fd,I";
-    const std::string stream = "in,Ljava/io/InputStream;=java/io/FileInputStream|" + descriptor;
-    const std::pair<const char *, std::string> OBJECTS[] = {
-        {"java/io/FileReader", "sd,Lsun/nio/cs/StreamDecoder;|" + stream},
-        {"java/io/RandomAccessFile", descriptor},
-        {"java/io/BufferedInputStream", stream},
-        {"java/io/FileDescriptor", "fd,I"}};
-    for (const auto &[klass, path] : OBJECTS) {
-        jobject object = MakeObject(klass);
-        for (const int of : {fd, -1}) {
-            Plant(object, path, of);
-            Read(LOCAL_FILE_CALL, klass, object);
-            EXPECT_EQ(file.fileName, of < 0 ? "" : in.In("a b ?")) << klass;
-        }
-        Read(LOCAL_FILE_CALL, klass, MakeObject("java/lang/Object"));
-        EXPECT_TRUE(file.fd == -1 && !*file.fileName) << klass;
-    }
-    close(fd);
-}
-
-TEST_F(Readers, SocketsHaveTheirPeer) {
-    jobject stream = Java<jobject>("Customers", "connect", "plain");
-    ReadStatement(StatementOver(stream, false), false);
-    const auto client = static_cast<int>(db.fd);
-    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    jobject descriptor = MakeObject("java/io/FileDescriptor");
-    for (const int fd : {client, null, -1}) {
-        Plant(descriptor, "fd,I", fd);
-        Read(LOCAL_NETWORK_CALL, "java/io/FileDescriptor", descriptor);
-        EXPECT_EQ(fmt::format("{} {}:{}", network.fd, network.host, network.port),
-                  fd == client
-                      ? fmt::format("{} 127.0.0.1:{}", fd, Java<int64_t>("Customers", "port", stream, true))
-                      : fmt::format("{} :{}", fd, fd < 0 ? -1 : 0));
-    }
-    close(null);
-}
-
-// A server without the field marks a stuck thread by its name.
-TEST_F(Readers, StuckThreadsAreMarkedByFieldOrName) {
-    const struct {
-        const char *name;
-        int32_t fields, stuck, hogger;
-    } THREADS[] = {{"[STUCK] ExecuteThread: '3'", 0, 1, -1},
-                   {"ExecuteThread: [STUCK]", 0, -1, -1},
-                   {"[STUCK] but not so", 1, 0, 1},
-                   {"ExecuteThread", 2, 1, 0}};
-    for (const auto &row : THREADS) {
-        jobject thread = MakeObject(row.fields ? "ferrule/work/ExecuteThread" : "java/lang/Object");
-        if (row.fields) {
-            Plant(thread, "stuckThread,Z", row.fields == 2);
-            Plant(thread, "isHogger,Z", row.fields == 1);
-        }
-        ModelEntry entry(LOCAL_APP_SERVER_CALL, "Lferrule/work/ExecuteThread;", thread);
-        snprintf(entry.threadName, sizeof entry.threadName, "%s", row.name);
-        Read(entry);
-        EXPECT_TRUE(server.stuck == row.stuck && server.hogger == row.hogger) << row.name;
     }
 }

@@ -22,33 +22,6 @@ public final class Driver {
     Socket socket;
     Socket channel;
 
-    /** Another object of a frame. */
-    static final class Order {
-        private final String path;
-
-        Order(String path) { this.path = path; }
-
-        void touch() {}
-    }
-
-    static Driver named(String text) {
-        Driver driver = new Driver();
-        driver.text = text;
-        return driver;
-    }
-
-    /** Frames with one object and with two, which are in use until the work is done. */
-    static void call(Driver driver, Runnable work) {
-        work.run();
-        driver.self = driver;
-    }
-
-    static void serve(Driver driver, Order order, Runnable work) {
-        work.run();
-        driver.self = driver;
-        order.touch();
-    }
-
     /** A name of an SQL statement, and a bad one: too long, none, or it throws. */
     public static String sqlText2sqlId(String sql) {
         if (sql.startsWith("t"))

@@ -1,12 +1,11 @@
 package qoragent.testing;
 
-import java.net.InetSocketAddress;
 import java.util.ArrayList;
 import java.util.Hashtable;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
 
-/** Objects of the JDK for the readers, and such as a careless reader would wait for until release(). */
+/** Objects that a careless reader would wait for until release(). */
 public final class Obstacles {
     private static final List<Thread> holders = new ArrayList<>();
     private static CountDownLatch freed = new CountDownLatch(1);
@@ -64,11 +63,5 @@ public final class Obstacles {
         static { rest(new Unborn()); }
 
         final String servletPath = "/born".trim();
-    }
-
-    /** A literal address, or one that isn't resolved. */
-    public static Object address(String text) {
-        return text.equals("unresolved") ? InetSocketAddress.createUnresolved("nowhere.invalid", 7001)
-                                         : new InetSocketAddress(text, 7001);
     }
 }

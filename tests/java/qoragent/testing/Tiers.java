@@ -118,10 +118,6 @@ public final class Tiers {
             call("method-el", work -> new MethodExpressionImpl("#{orders.save}").invoke(work)),
             call("groovy",
                  work -> new ExprEval(SCRIPT).evaluate(() -> site.callCurrent(() -> site.call(work)))),
-            call("driver",
-                 work
-                 -> Driver.serve(Driver.named("http://outer/"), new Driver.Order("/orders/17"),
-                                 () -> Driver.call(Driver.named("https://api:8443/x"), work))),
             call("compiled-groovy", work -> site.callCurrent(() -> site.call(work))), call("server", work -> {
                 ServletRequestImpl[] request = new ServletRequestImpl[1];
                 request[0] = new ServletRequestImpl(
