@@ -193,7 +193,6 @@ int main(int count, char **words) {
     Boot(options);
     if (!census)
         StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false});
-    natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
     bool started = false;
     RunAsMain([&] {
         started = StartAgent({"", "bench", 1, 0, {1}}) == 0;

@@ -4,7 +4,6 @@
 #include <array>
 
 const uint32_t *offsets;
-const uint32_t *offsetsForTests;
 
 namespace {
 
@@ -73,7 +72,7 @@ bool QorSelectOffsets(int32_t build) {
     offsets = nullptr;
     for (const Build &row : BUILDS)
         if (row.build == build)
-            offsets = offsetsForTests ? offsetsForTests : row.row->data();
+            offsets = row.row->data();
     return offsets != nullptr;
 }
 

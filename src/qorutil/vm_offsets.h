@@ -179,6 +179,3 @@ extern const uint32_t *offsets;
 
 // Points `offsets` at the row of a build. False, with `offsets` null, for any other build.
 bool QorSelectOffsets(int32_t build);
-
-// A row that is selected for every build that has one, in place of its own; null for none. Tests set it.
-extern const uint32_t *offsetsForTests;

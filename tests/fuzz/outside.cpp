@@ -1,18 +1,20 @@
 // Fuzzes the reading of a JVM from outside: its library, the tables that describe it, and the walk of its
 // threads. Whatever the target's memory and files hold, each reading ends and stays within bounds; the
-// sanitizers watch it. With the recording of a JVM in build/fuzz/jvm, a part of the inputs are changes to
-// that. tests/fuzz/run builds and runs it.
+// sanitizers watch it. With the process id of a stopped JVM in QOR_FUZZ_JVM, a part of the inputs are changes
+// to what is read of that one. tests/fuzz/run builds and runs it.
 #include "outside/process_tasks.h"
+#include "outside/stack_walk.h"
 #include "outside/vm_state.h"
-#include "recorded_jvm.h"
 
-#include <cstddef>
-#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <elf.h>
+#include <map>
+#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
 
-using namespace recorded;
+using namespace qorctl::outside;
 
 namespace {
 
@@ -83,41 +85,65 @@ void ReadTexts(const std::string &text) {
     ParseSyscall(text);
 }
 
-// A recording with words of it changed: anywhere in its pages.
-void WalkChanged(const Image &recorded, Input input, bool tables) {
-    static const auto start = recorded.pages.begin();
-    static const auto *clean = [&] {
-        static VmTable table;
-        ImageMemory memory(recorded);
-        table.Load(memory, recorded.symbols);
-        return &table;
+// All threads and their frames below them; `most` threads are enough.
+void WalkAll(Memory &memory, const VmSymbols &symbols, const VmTable &table, size_t most) {
+    VmObjects objects(memory, table, symbols);
+    CodeCache code(memory, table, objects);
+    StackWalker walker(memory, table, symbols, objects, code);
+    for (const Address at : ReadThreadList(memory, table)) {
+        ThreadFacts facts;
+        if (most-- == 0)
+            break;
+        if (!ReadThread(memory, table, symbols, at, &facts))
+            continue;
+        objects.ThreadName(at);
+        for (const Frame &frame : walker.FromAnchor(facts).frames)
+            FrameText(frame);
+    }
+}
+
+// The memory of a process as if some of its words were others.
+struct Changed : ProcessMemory {
+    using ProcessMemory::ProcessMemory;
+    bool Fetch(Address from, void *to, size_t size) override {
+        if (!ProcessMemory::Fetch(from, to, size))
+            return false;
+        pages.insert(from / PAGE);
+        for (const auto &[at, word] : words)
+            for (size_t i = 0; i < sizeof word; ++i)
+                if (at + i - from < size)
+                    static_cast<char *>(to)[at + i - from] = reinterpret_cast<const char *>(&word)[i];
+        return true;
+    }
+    static constexpr Address PAGE = 4096;
+    std::set<Address> pages; // of which something was read
+    std::map<Address, int64_t> words;
+};
+
+// A stopped JVM with words changed anywhere in the pages that a walk reads.
+void WalkChanged(pid_t pid, Input input, bool tables) {
+    static VmSymbols symbols;
+    static VmTable clean;
+    static const std::vector<Address> pages = [pid] {
+        Changed memory(pid);
+        std::string problem;
+        symbols = ReadVmSymbols(pid, memory, &problem).value();
+        clean.Load(memory, symbols);
+        WalkAll(memory, symbols, clean, SIZE_MAX);
+        return std::vector(memory.pages.begin(), memory.pages.end());
     }();
-    Image image;
-    struct Changed : ImageMemory {
-        Changed(const Image &first, const Image &changes) : ImageMemory(changes), first(first) {}
-        bool Fetch(Address from, void *to, size_t size) override {
-            return Image::EachPart(from, size, [&](Address, Address, size_t done, size_t part) {
-                return ImageMemory::Fetch(from + done, static_cast<char *>(to) + done, part) ||
-                       first.Copy(from + done, static_cast<char *>(to) + done, part);
-            });
-        }
-        const Image &first;
-    } memory(recorded, image);
+    Changed memory(pid);
     const unsigned most = input.Next<uint8_t>() % 32;
     while (input.Left() >= 8) {
-        auto page = std::next(start, input.Next<uint16_t>() % recorded.pages.size());
-        const Address at = input.Next<uint16_t>() % (PAGE - 8);
-        const int64_t change = input.Next<int32_t>();
-        const auto place = image.pages.emplace(page->first, page->second).first->second.data() + at;
-        int64_t value = 0;
-        memcpy(&value, place, sizeof value);
-        value = change % 4 == 0 ? change / 4 : value + change / 4 * 8;
-        memcpy(place, &value, sizeof value);
+        const Address page = pages[input.Next<uint16_t>() % pages.size()] * Changed::PAGE,
+                      at = page + input.Next<uint16_t>() % (Changed::PAGE - 8);
+        const int64_t change = input.Next<int32_t>(), old = memory.FreshAt<int64_t>(at);
+        memory.words[at] = change % 4 == 0 ? change / 4 : old + change / 4 * 8;
     }
-    VmTable table = *clean;
+    VmTable table = clean;
     if (tables)
-        table.Load(memory, recorded.symbols);
-    WalkAll(memory, recorded.symbols, table, most);
+        table.Load(memory, symbols);
+    WalkAll(memory, symbols, table, most);
 }
 
 VmTable TableOf(Input *input) {
@@ -173,8 +199,7 @@ void WalkOdd(Input input, Memory &memory) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static Image recorded;
-    static const bool is_recorded = recorded.Load("build/fuzz/jvm");
+    static const char *const jvm = getenv("QOR_FUZZ_JVM");
     if (size >= SELFMAG && memcmp(data, ELFMAG, SELFMAG) == 0) {
         ReadLibrary(data, size);
         return 0;
@@ -183,11 +208,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const auto kind = input.Next<uint8_t>() % 4;
     if (kind == 0) {
         ReadTexts(std::string(reinterpret_cast<const char *>(data), size));
-    } else if (kind == 1 || !is_recorded) {
+    } else if (kind == 1 || !jvm) {
         InputMemory memory(data, size);
         WalkOdd(input, memory);
     } else {
-        WalkChanged(recorded, input, kind == 2);
+        WalkChanged(atoi(jvm), input, kind == 2);
     }
     return 0;
 }

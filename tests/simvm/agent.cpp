@@ -12,8 +12,6 @@ extern "C" const char *__asan_default_options() {
 
 namespace simvm {
 
-Natives natives;
-
 ThreadInfo *Self() {
     const Locked held(vm.lock);
     for (ThreadInfo *thread : vm.threads)
@@ -24,7 +22,7 @@ ThreadInfo *Self() {
 
 int StartAgent(const AgentStart &with) {
     constexpr int LEVEL = 2, TIMEOUT = 60, NO_CHAINING = 0, QUERIED = 1000, RECORDED = 300;
-    const int status = natives.initvar(
+    const int status = Java_qoragent_Agent_initvar(
         EnvOf(Self()), nullptr, with.log, LEVEL, with.backoff, TIMEOUT, NO_CHAINING,
         NewText("Sun Microsystems Inc."), NewText(vm.options.version), NewText("Linux"),
         HandleOf(New("java/lang/Object")), HandleOf(New("java/lang/ref/WeakReference")),
@@ -37,7 +35,7 @@ int StartAgent(const AgentStart &with) {
 
 std::string Ask(const std::string &request) {
     JNIEnv *env = EnvOf(Self());
-    const jstring reply = natives.dataFromNative(env, nullptr, NewText(request));
+    const jstring reply = Java_qoragent_Agent_dataFromNative(env, nullptr, NewText(request));
     const std::string out = reply ? ObjectOf(reply)->text : "";
     EndLocals();
     if (env->ExceptionCheck())

@@ -1,8 +1,6 @@
 // The figures of a heap, from its description.
 #include "simvm.h"
 
-#include <nlohmann/json.hpp>
-
 namespace simvm {
 
 namespace {
@@ -66,26 +64,6 @@ std::vector<SpaceUse> UseOfSpaces() {
 
 Word RecordBase() {
     return UseOfSpaces()[0].space->bottom - 8;
-}
-
-std::string HeapLine() {
-    nlohmann::json spaces;
-    for (const SpaceUse &use : UseOfSpaces()) {
-        const Census census = CensusOf(*use.space);
-        nlohmann::json &out = spaces.emplace_back();
-        out = {{"name", use.name},
-               {"used", use.used},
-               {"capacity", use.capacity},
-               {"objects", census.all.objects},
-               {"bytes", census.all.bytes},
-               {"types", nlohmann::json::object()},
-               {"classes", nlohmann::json::object()}};
-        for (const auto &[letter, count] : census.types)
-            out["types"][std::string(1, letter)] = {count.objects, count.bytes};
-        for (const auto &[name, count] : census.classes)
-            out["classes"][name] = {count.objects, count.bytes};
-    }
-    return nlohmann::json{{"heap", spaces}}.dump();
 }
 
 } // namespace simvm

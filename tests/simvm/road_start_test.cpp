@@ -67,7 +67,6 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
         cases.push_back({std::to_string(build), std::to_string(build), START_OK});
     const auto start = [](const Case &c) {
         Boot(On(c.vm));
-        natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
         RunAsMain([&] {
             c.spoil();
             vm.options.version = "1.5.0_" + c.claimed;

@@ -203,13 +203,7 @@ void StageTiers(Scene *scene);
 void StageServers(const std::string &name, Scene *scene);
 void AddProcessor(Scene *scene); // the thread by which Tomcat's port is found
 
-// The agent as the simulated VM's main thread starts and asks it, by its natives: linked, or of a library.
-
-struct Natives {
-    decltype(&Java_qoragent_Agent_initvar) initvar;
-    decltype(&Java_qoragent_Agent_dataFromNative) dataFromNative;
-};
-extern Natives natives;
+// The agent as the simulated VM's main thread starts and asks it, by its natives.
 
 ThreadInfo *Self(); // the main thread
 struct AgentStart {
@@ -221,7 +215,7 @@ struct AgentStart {
 int StartAgent(const AgentStart &with = {});
 std::string Ask(const std::string &request);
 
-// A VM by words: its build, and what of it isn't as usual: client, parallel, cms, stripped, shuffled.
+// A VM by words: its build, and what of it isn't as usual: client, parallel, cms, stripped.
 Options On(const std::string &words);
 std::vector<std::string> Split(const std::string &text, char separator);
 std::string Hex(Word value);
@@ -242,8 +236,6 @@ struct Shown {
 
 Shown Truth(const Runner &runner);
 std::string FrameText(const Scope &scope);
-// The same as a line of JSON. "moving": its two innermost frames come and go.
-std::string TruthLine(const Runner &runner);
 
 // An object as "space type|bytes|class|length of an array|", of a symbol its text; and what it refers to, a
 // field as "I place>address", an element as "R address".

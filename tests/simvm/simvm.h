@@ -308,8 +308,6 @@ struct SpaceUse {
 std::vector<SpaceUse> UseOfSpaces();
 // What every address of a dump is counted from.
 Word RecordBase();
-// As one line of JSON.
-std::string HeapLine();
 
 // ---- memory
 // ------------------------------------------------------------------------------------------------

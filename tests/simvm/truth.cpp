@@ -1,7 +1,6 @@
 #include "scenes.h"
 
 #include <fstream>
-#include <nlohmann/json.hpp>
 
 namespace simvm {
 
@@ -47,18 +46,6 @@ Shown Truth(const Runner &runner) {
     }
     std::sort(shown.locks.begin(), shown.locks.end());
     return shown;
-}
-
-std::string TruthLine(const Runner &runner) {
-    const Shown shown = Truth(runner);
-    return nlohmann::json{{"id", runner.info->kernelId},
-                          {"name", shown.name},
-                          {"state", shown.state},
-                          {"frames", shown.frames},
-                          {"waits", shown.waits},
-                          {"locks", shown.locks},
-                          {"moving", runner.script->rest == Rest::CALLS}}
-        .dump();
 }
 
 // ---- a dump

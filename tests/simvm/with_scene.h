@@ -16,7 +16,6 @@ inline void WithScene(const std::string &name, const Options &options,
     Boot(options);
     Scene scene;
     StageScene(name, &scene);
-    natives = {Java_qoragent_Agent_initvar, Java_qoragent_Agent_dataFromNative};
     RunAsMain([&] {
         ASSERT_EQ(StartAgent(), 0);
         body(scene);

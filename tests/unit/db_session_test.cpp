@@ -60,16 +60,6 @@ struct DbSession : testing::Test {
 
 } // namespace
 
-TEST_F(DbSession, MalformedParametersGetAClearReply) {
-    SetTable(0, "");
-    EXPECT_EQ(Ask("port|10.0.0.1|1"), "ERROR Invalid parameters port|10.0.0.1|1 for xtier01");
-    EXPECT_EQ(Ask("1521|10.0.0.1 |1"), "ERROR Invalid parameters 10.0.0.1 for xtier01");
-    for (const std::string &parameters :
-         {std::string("1521|10.0.0.1| 12"), std::string("1521|nobody|1"), std::string("99999|10.0.0.1|1"),
-          "1521|" + std::string(5000, '1') + "|1", std::string("1521|||||")})
-        EXPECT_EQ(Ask(parameters), "|") << parameters;
-}
-
 TEST_F(DbSession, TakesTheClientsRowsAlone) {
     const std::string wrong =
         Row(LOCAL, "0302010B:C001", Inode()) + Row("0A01020A:05F2", "0302010A:C002", Inode()) +
@@ -88,18 +78,6 @@ TEST_F(DbSession, TakesTheClientsRowsAlone) {
     }
     SetTable(3, wrong + right);
     EXPECT_EQ(Ask(CLIENT + SELF), "|") << "an IPv4 row among those of IPv6";
-}
-
-TEST_F(DbSession, ReadsLongTables) {
-    std::string rows = "  sl  local_address rem_address   st\n";
-    for (uint32_t i = 0; i < 2000; i++)
-        rows += Row("0100007F:05F1", "0302010A:0BB8", 1 + i);
-    rows += std::string(9000, ' ') + Row("0100007F:05F1", "0302010A:0BBA", Inode()); // too long a line
-    rows += Row("0100007F:05F1", "0302010A:0BB9", Inode());
-    rows.pop_back();
-    SetTable(0, rows);
-    EXPECT_EQ(Ask(CLIENT + SELF), SELF + ",3001,|");
-    EXPECT_EQ(totalnet, 2001);
 }
 
 TEST_F(DbSession, OnlyNumbersAreProcesses) {

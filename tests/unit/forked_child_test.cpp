@@ -1,16 +1,12 @@
 #include "platforms/forked_child.h"
 
 #include "Child.h"
-#include "Descriptors.h"
-#include "Restore.h"
 #include "platforms/linux.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/mman.h>
@@ -20,14 +16,9 @@
 
 namespace {
 
-constexpr int32_t SHORT_STANDSTILL = 2000;
-
-bool over = true, writing;
-int finishError, ends;
-
 // What a copy reports of itself.
 struct Report {
-    bool finished, fileOpen, otherOpen, canOpen;
+    bool fileOpen, otherOpen, canOpen;
     int signals, deathSignal, priority;
     std::atomic<bool> begun, released; // the second by the parent
 };
@@ -35,26 +26,18 @@ Report *report;
 int keptFile, otherFile;
 char *statistics; // memory that other processes read
 
-void Nothing() {}
-
-int32_t Finish() {
-    report->finished = true;
-    return finishError;
-}
-
 // Makes a copy, which does `walk` and sleeps as a walk's thread does after it, while the parent does `look`.
-// The outcome and its error.
-std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothing) {
+QorForkState RunCopy(void (*walk)(), void (*look)()) {
     int32_t pipe[2], error = 0;
     EXPECT_TRUE(qor_create_pipe(pipe));
     keptFile = open("/dev/null", O_WRONLY | O_CLOEXEC);
     EXPECT_TRUE(QorPrepareFork({keptFile,
                                 {pipe[0], pipe[1]},
                                 sizeof(Report),
-                                [] { return over; },
-                                [] { return writing; },
-                                Finish,
-                                [](QorForkState, int32_t, const void *) { ends++; },
+                                [] { return true; },
+                                [] { return false; },
+                                [] { return 0; },
+                                [](QorForkState, int32_t, const void *) {},
                                 false}));
     report = static_cast<Report *>(QorForkResult());
     if (QorForkHere() == 0)
@@ -70,25 +53,7 @@ std::pair<QorForkState, int32_t> RunCopy(void (*walk)(), void (*look)() = Nothin
     const QorForkState state = QorForkOutcome(&error);
     QorForgetFork();
     qor_close_pipe(pipe);
-    return {state, error};
-}
-
-void Step() {
-    for (int i = 0; i < 1000; i++)
-        QorForkStep();
-}
-
-void SleepAndStep() {
-    usleep(500 * 1000);
-    Step();
-    over = true;
-}
-
-void ComputeAndStep() {
-    while (clock() < CLOCKS_PER_SEC / 1000 * (SHORT_STANDSTILL + 500)) {
-    }
-    Step();
-    over = true;
+    return state;
 }
 
 void AwaitRelease() {
@@ -101,37 +66,6 @@ bool NoChildIsLeft() {
 }
 
 } // namespace
-
-TEST(ForkedChild, EndsAsItsWalkDoes) {
-    const int descriptors = OpenDescriptors();
-    const struct {
-        const char *what;
-        void (*walk)();
-        bool over, writing;
-        QorForkState state;
-        int32_t error;
-        int32_t standstill = 30000; // so that a busy machine isn't taken for one
-    } rows[] = {
-        {"to the end", Step, true, false, FORK_DONE, 0},
-        {"a file that can't be written", [] { finishError = ENOSPC; }, true, false, FORK_FAILED, ENOSPC},
-        {"a fault", [] { raise(SIGSEGV); }, true, false, FORK_FAULT, 0},
-        {"asleep, with something missing", SleepAndStep, false, false, FORK_STUCK, 0},
-        {"asleep in a write for too long", Nothing, false, true, FORK_STUCK, 0, SHORT_STANDSTILL},
-        {"computing without a step", ComputeAndStep, false, false, FORK_DONE, 0, SHORT_STANDSTILL},
-        {"an abort like the JVM's own", [] { abort(); }, true, false, FORK_RUNNING, 0},
-    };
-    const Restore sleep(gbiForkSleep, 200), standstill(gbiForkStandstill);
-    for (const auto &row : rows) {
-        over = row.over;
-        writing = row.writing;
-        gbiForkStandstill = row.standstill;
-        ends = 0;
-        EXPECT_EQ(RunCopy(row.walk), std::pair(row.state, row.error)) << row.what;
-        EXPECT_EQ(report->finished, row.state == FORK_DONE || row.state == FORK_FAILED) << row.what;
-        EXPECT_EQ(ends, 1) << row.what;
-    }
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-}
 
 TEST(ForkedChild, HoldsNothingOfItsParentAndIsTheLeastOfTheMachine) {
     setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + 1); // as a JVM may have been started
@@ -162,7 +96,7 @@ TEST(ForkedChild, HoldsNothingOfItsParentAndIsTheLeastOfTheMachine) {
         EXPECT_EQ(score, "1000") << "the first to be killed when memory runs out";
         report->released = true;
     };
-    EXPECT_EQ(RunCopy(look_at_itself, look_from_outside).first, FORK_DONE);
+    EXPECT_EQ(RunCopy(look_at_itself, look_from_outside), FORK_DONE);
     EXPECT_TRUE(report->fileOpen && !report->otherOpen && !report->canOpen);
     EXPECT_EQ(report->signals, 0) << "handlers of the parent's";
     EXPECT_EQ(report->deathSignal, SIGKILL) << "its parent's end is its own";
@@ -186,7 +120,7 @@ TEST(ForkedChild, IsUnseenByTheApplication) {
     };
     for (const auto handler : {SIG_DFL, SIG_IGN, static_cast<void (*)(int)>([](int) { calls++; })}) {
         signal(SIGCHLD, handler);
-        EXPECT_EQ(RunCopy(AwaitRelease, look).first, FORK_DONE);
+        EXPECT_EQ(RunCopy(AwaitRelease, look), FORK_DONE);
         EXPECT_TRUE(NoChildIsLeft());
         EXPECT_EQ(signal(SIGCHLD, SIG_DFL), handler);
     }

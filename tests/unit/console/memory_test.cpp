@@ -45,6 +45,20 @@ TEST(DecodeMemoryViews, SpacesOfAJvmReadByAddress) {
     EXPECT_THROW(OpenReply(Wire(SPACES + COLLECTIONS + refusal + TIMING)), Failure);
 }
 
+TEST(DecodeMemoryViews, KindsOfASpace) {
+    const std::string sizes = "JVM Heap Memory Usage;Eden~1~2~3~4~5~6~7~30~99;!",
+                      counts = "JVM Heap Number of Objects;Eden~1~0~3~0~0~0~0~0~9;!";
+    const auto spaces = DecodeKinds(OpenReply(Wire(sizes + counts + TIMING)));
+    EXPECT_EQ(KindsText(spaces, Style()), "SPACE  KIND       OBJECTS  SIZE\n"
+                                          "Eden   classes          1   1 K\n"
+                                          "Eden   instances        3   3 K\n"
+                                          "Eden   other            5     -\n"
+                                          "Eden   all              9  30 K\n");
+    EXPECT_EQ(KindsJson(spaces)["spaces"][0]["kinds"]["instances"].dump(), R"({"objects":3,"kib":3})");
+    EXPECT_THROW(DecodeKinds(OpenReply(Wire(sizes + "JVM Heap Number of Objects;Old~1~2~3~4~5~6~7~0~9;!"))),
+                 Failure);
+}
+
 TEST(DecodeMemoryViews, Histogram) {
     // The signature of a class ends in the very sign that is a record's end here.
     std::string text =

@@ -2,7 +2,6 @@
 #include "base/failure.h"
 #include "record/jvm_life.h"
 #include "record/pace.h"
-#include "record/part_file.h"
 #include "record/record_lines.h"
 #include "record/sampler.h"
 #include "report/recording.h"
@@ -59,32 +58,6 @@ Thread ThreadOf(int64_t id, int64_t cpu, int line) {
         frame.index = depth;
     }
     return thread;
-}
-
-// 120,960 samples, a week at 5 s, in 500 MB; a tenth of the threads changes, each to a place of its own.
-TEST(PartLines, AWeekFits) {
-    constexpr int SAMPLES = 40, THREADS = 200;
-    constexpr uint64_t LIMIT = uint64_t{500000000} * SAMPLES / 120960;
-    std::string path = fmt::format("/tmp/qor-record-{}.gz", getpid());
-    unlink(path.c_str());
-    PartFile file(path);
-    PartLines lines;
-    TakenSample sample;
-    for (int n = 1; n <= SAMPLES; ++n) {
-        for (int id = 1; id <= THREADS; ++id)
-            if (n == 1)
-                sample.threads.threads.push_back(ThreadOf(id, id, id * 7));
-            else if ((n + id) % 10 == 0)
-                sample.threads.threads[size_t(id) - 1] = ThreadOf(id, n * 1000003L, (id * 7 + n * 13) % 900);
-        for (const std::string &line : lines.Sample({"host", 4711, "4711-1-1", n * 5000L}, sample))
-            file.Write(line);
-    }
-    file.Close();
-    EXPECT_LT(file.bytes(), LIMIT);
-    std::string text;
-    ReadPart(path, [&](std::string_view piece) { text += piece; });
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), SAMPLES + static_cast<int>(lines.stacks()));
-    unlink(path.c_str());
 }
 
 const std::string STACK = "Call Stack;com.acme.Cart->add~Cart.java~40~23~0~140001~^~^";
