@@ -89,18 +89,25 @@ class Tiers(OfTheDemo):
         self.assertTrue(self.threads(self.app))  # the look-up leaves nothing that a sample could find
 
     def test_sessions(self):
-        """This process is the database server."""
-        with socket.create_server(("127.0.0.1", 0)) as server:
-            port = server.getsockname()[1]
-            sessions, me = ("sessions", self.app.pid, "--port", port, "--host", "127.0.0.1"), os.getpid()
-            with socket.create_connection(("127.0.0.1", port)) as client:
-                self.assertEqual(self.json(*sessions, me, 1 << 22),
-                                 {"sessions": [], "without": [me, 1 << 22]})
-                with server.accept()[0]:
-                    found = self.json(*sessions, *range(1 << 22, (1 << 22) + 3000), me)
-                    pair = {"process": me, "client_port": client.getsockname()[1]}
-                    self.assertEqual((found["sessions"], len(found["without"])), ([pair], 3000))
-                    self.assertRegex(self.answer(*sessions, me).out, rf'(?m)^ *{me}  +{pair["client_port"]}$')
+        """This process is the database server, which may listen for both families by one socket."""
+        me = os.getpid()
+        for address, family in (("127.0.0.1", socket.AF_INET), ("::", socket.AF_INET6)):
+            with self.subTest(address), socket.create_server((address, 0), family=family,
+                                                             dualstack_ipv6=address == "::") as server:
+                port = server.getsockname()[1]
+                sessions = ("sessions", self.app.pid, "--port", port, "--host", "127.0.0.1")
+                with socket.create_connection(("127.0.0.1", port)) as client:
+                    self.assertEqual(self.json(*sessions, me, 1 << 22),
+                                     {"sessions": [], "without": [me, 1 << 22]})
+                    with server.accept()[0]:
+                        found = self.json(*sessions, *range(1 << 22, (1 << 22) + 3000), me)
+                        own = client.getsockname()[1]
+                        self.assertEqual((found["sessions"], len(found["without"])),
+                                         ([{"process": me, "client_port": own}], 3000))
+                        self.assertRegex(self.answer(*sessions, me).out, rf"(?m)^ *{me}  +{own}$")
+                        paths = f"./{me},../proc/{me},{me}/.,{me}/task/{me},+{me}"
+                        reply = self.answer("raw", self.app.pid, f"516|xtier01|{port}|127.0.0.1|{paths}").out
+                        self.assertRegex(reply, r"\A\|Time")
         for why, *host in (("an IPv4 address", "::1", 1), ("process", "10.0.0.1")):
             self.refused(why, "sessions", self.app.pid, "--port", port, "--host", *host, code=2)
 
