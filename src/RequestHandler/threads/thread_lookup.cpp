@@ -49,9 +49,9 @@ const char *QorCallTypeText(const QorFrameRecord *frame) {
 }
 
 void QorAppendState(QorText *out, int32_t state, const QorDBRequestData *database, QorXtierPositions *at) {
-    char text[STATE_TEXT_SIZE];
-    mapQorThreadState2String(state, text);
-    QorTextAppend(out, text);
+    char strThreadState[STATE_TEXT_SIZE];
+    mapQorThreadState2String(state, strThreadState);
+    QorTextAppend(out, strThreadState);
     const int32_t start = out->length;
     if (state == STATE_DB_WAIT) {
         if (database)
