@@ -1,8 +1,6 @@
 // The readers of other tiers: objects of every product, made field by field, and what a record shows of them.
 // Those that threads of CrossTier are in are read there.
 #include "ModelObjects.h"
-#include "Walk.h"
-#include "Xtier/ReadAtOnce.h"
 #include "Xtier/tiers/XtierCalls.h"
 #include "Xtier/tiers/XtierDb.h"
 #include "Xtier/tiers/XtierJSP.h"
@@ -11,8 +9,6 @@
 #include "qorsettings.h"
 
 #include <algorithm>
-#include <cstring>
-#include <tuple>
 
 namespace {
 
@@ -142,25 +138,10 @@ void ReadStatement(jobject statement, bool layered) {
          statement);
 }
 
-// By the frame in which the thread of that name executes a statement.
-void ReadFrameOf(const std::string &thread) {
-    Walk walk;
-    ASSERT_TRUE(walk.find(thread));
-    QorFrameRecord frame = {};
-    for (; walk.frames.index < walk.frames.count; walk.frames.index++)
-        if (QorReadFrame(&walk.frames, FRAME_METHOD_AND_CLASS, &frame) == 0 &&
-            strcmp(frame.method, "executeQuery") == 0)
-            break;
-    QorClearDBRequestData(&db);
-    EXPECT_EQ(QorGetDBRequestData(&walk.thread, &frame, &db), 0);
-}
-
 } // namespace
 
-// Of threads that are really in the driver, with encrypted connections in the middle of their handshakes;
-// read by their objects, and by their frames.
+// Encrypted connections are in the middle of their handshakes.
 TEST_F(Readers, EveryStreamLeadsToItsSocketUntilItIsClosed) {
-    qorGetLocalObjectsQuotaPct = 100;
     for (const std::string kind :
          {"plain", "metered", "encrypted", "layered", "encrypted-bare", "encrypted-metered"}) {
         const QorLocalFrame references(Env(), 128);
@@ -168,13 +149,6 @@ TEST_F(Readers, EveryStreamLeadsToItsSocketUntilItIsClosed) {
         for (const bool layered : {false, true}) {
             const std::string name = kind + (layered ? " layered" : "");
             jobject statement = StatementOver(stream, layered);
-            if (kind.find("encrypted-") != 0) { // the others can't talk
-                Java("Customers", "execute", name, statement);
-                ReadFrameOf(name);
-                ExpectPorts(stream, name);
-                EXPECT_EQ(std::string(db.user) + db.url, "scott" + std::string(layered ? 63 : 100, 'u'));
-                EXPECT_TRUE(!*db.sqlText && db.sqlRef);
-            }
             ReadStatement(statement, layered);
             ExpectPorts(stream, name);
             EXPECT_TRUE(db.connectionHash && db.sampleTime && db.dbType == DB_TYPE_TESSAR);
@@ -249,17 +223,4 @@ TEST_F(Readers, UrlsAreNotWaitedFor) {
     EXPECT_EQ(read(table), gbQorJvmKeepsThreads ? "/locked" : "");
     Read(LOCAL_WEB_REQUEST, FERRULE, unborn);
     EXPECT_STREQ(web.requestUrl, "/born") << "nothing was learnt of the class meanwhile";
-}
-
-TEST_F(Readers, UrlsOfLumoAreARangeOfBytes) {
-    jobject request = MakeObject("com/halcyon/server/http/HalcyonHttpServletRequest");
-    const std::string path = "servletPath,Lcom/halcyon/util/ByteString;|";
-    Plant(request, path + "data,[B", Env()->NewByteArray(5));
-    for (const auto &[offset, length, url] :
-         {std::tuple(1, 3, "???"), std::tuple(0, 6, ""), std::tuple(INT32_MAX, INT32_MAX, "")}) {
-        Plant(request, path + "offset,I", offset);
-        Plant(request, path + "length,I", length);
-        Read(LOCAL_WEB_REQUEST, "com/halcyon/server/http/HalcyonHttpServletRequest", request, "service");
-        EXPECT_STREQ(web.requestUrl, url) << offset;
-    }
 }

@@ -9,23 +9,26 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-// Links and pipes are refused by dumps of a live JVM.
 TEST(DumpFiles, AreOnesOwnAloneAndEmptied) {
     const Folder folder;
     QorDumpFile file;
     std::filesystem::create_hard_link(folder.Fill("target", "keep"), folder.In("other-name"));
-    std::vector<const char *> refused = {"target", "other-name"};
+    std::filesystem::create_symlink(folder.Fill("own", "keep"), folder.In("link"));
+    std::vector<const char *> refused = {"target", "other-name", "link"};
     if (geteuid() == 0 && chown(folder.Fill("foreign", "keep").c_str(), 12345, 12345) == 0)
         refused.push_back("foreign");
     for (const char *name : refused) {
         EXPECT_EQ(QorDumpOpen(&file, folder.In(name).c_str(), 64), -1) << name;
         EXPECT_EQ(folder.Content(name), "keep");
     }
+    ASSERT_EQ(mkfifo(folder.In("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(QorDumpOpen(&file, folder.In("pipe").c_str(), 64), -1);
     std::filesystem::permissions(folder.Fill("old", "xxxx"), std::filesystem::perms::all);
     ASSERT_EQ(QorDumpOpen(&file, folder.In("old").c_str(), 64), 0);
     EXPECT_TRUE(file.fd > 2 && IsCloseOnExec(file.fd));
