@@ -13,6 +13,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qorctl {
 
@@ -77,6 +78,10 @@ FileDescriptor &FileDescriptor::operator=(FileDescriptor &&other) noexcept {
 FileDescriptor::~FileDescriptor() {
     if (fd_ >= 0)
         close(fd_);
+}
+
+bool FileDescriptor::Close() {
+    return close(std::exchange(fd_, -1)) == 0;
 }
 
 std::string ReadFile(const std::string &path, size_t limit) {

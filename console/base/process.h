@@ -24,6 +24,8 @@ public:
     ~FileDescriptor();
     int get() const { return fd_; }
     bool ok() const { return fd_ >= 0; }
+    // Closes it now; returns false, with errno, when what was written may be lost.
+    bool Close();
 
 private:
     int fd_;

@@ -84,14 +84,18 @@ PartFile::PartFile(std::string path)
 
 PartFile::~PartFile() = default;
 
+void PartFile::Fail() const {
+    throw WriteFailure(fmt::format("can't write to {}: {}", path_, strerror(errno)),
+                       "make room, or give another place with --out");
+}
+
 void PartFile::Put(std::string_view bytes) {
     while (!bytes.empty()) {
         ssize_t count = write(file_.get(), bytes.data(), bytes.size());
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
-            throw WriteFailure(fmt::format("can't write to {}: {}", path_, strerror(errno)),
-                               "make room, or give another place with --out");
+            Fail();
         bytes_ += static_cast<uint64_t>(count);
         bytes.remove_prefix(static_cast<size_t>(count));
     }
@@ -133,9 +137,13 @@ void PartFile::Flush() {
 }
 
 void PartFile::Close() {
-    if (gzip_ && !closed_)
+    if (closed_)
+        return;
+    if (gzip_)
         Deflate({}, Z_FINISH);
     closed_ = true;
+    if (!file_.Close())
+        Fail();
 }
 
 std::string PartName(const std::string &path, int part) {

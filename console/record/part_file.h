@@ -35,7 +35,8 @@ public:
     // again; to packed ones and standard output they can't.
     bool TakeBack();
 
-    // Ends the file whole. Later calls do nothing.
+    // Ends the file whole and closes it. Throws a WriteFailure: a disk of the network or a quota may refuse
+    // only now. Later calls do nothing.
     void Close();
 
     uint64_t bytes() const { return bytes_; } // of the file so far
@@ -45,6 +46,7 @@ private:
     struct Gzip;
     void Deflate(std::string_view text, int how);
     void Put(std::string_view bytes);
+    [[noreturn]] void Fail() const;
 
     std::string path_;
     FileDescriptor file_;

@@ -2,6 +2,7 @@
 #include "base/failure.h"
 #include "record/jvm_life.h"
 #include "record/pace.h"
+#include "record/part_file.h"
 #include "record/record_lines.h"
 #include "record/sampler.h"
 #include "report/recording.h"
@@ -58,6 +59,18 @@ Thread ThreadOf(int64_t id, int64_t cpu, int line) {
         frame.index = depth;
     }
     return thread;
+}
+
+// As a disk of the network or a quota may.
+TEST(PartFile, RefusedWhenClosed) {
+    std::string path = fmt::format("/tmp/qor-record-{}", getpid());
+    const int next = dup(0);
+    close(next);
+    PartFile file(path);
+    file.Write("whole");
+    close(next);
+    EXPECT_THROW(file.Close(), WriteFailure);
+    unlink(path.c_str());
 }
 
 const std::string STACK = "Call Stack;com.acme.Cart->add~Cart.java~40~23~0~140001~^~^";
