@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <optional>
 #include <poll.h>
 #include <random>
 #include <signal.h>
@@ -180,6 +181,9 @@ struct Task {
 [[noreturn]] void RunChild(const Task &task) {
     for (int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE})
         signal(number, SIG_IGN);
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fd != task.root && fd != task.report && fd != task.leave)
+            close(fd); // whoever reads ours doesn't wait for a child that hangs
     try {
         if (EnterAs(task.root, task.process)) {
             std::random_device random;
@@ -195,8 +199,8 @@ struct Task {
     _exit(0);
 }
 
-// What the child reports; empty when it says nothing in time.
-std::string ReadReport(int fd, Clock::time_point deadline) {
+// What the child reports; empty when it can't enter, nothing when it hasn't ended its report in time.
+std::optional<std::string> ReadReport(int fd, Clock::time_point deadline) {
     std::string text;
     char part[4096];
     while (text.size() < MAX_REPORT && WaitFor(fd, POLLIN, deadline)) {
@@ -207,7 +211,18 @@ std::string ReadReport(int fd, Clock::time_point deadline) {
             return text;
         text.append(part, static_cast<size_t>(got));
     }
-    return "";
+    return std::nullopt;
+}
+
+Failure NoPlace(pid_t pid, const std::optional<std::string> &found) {
+    if (!found)
+        return Failure(fmt::format("the file systems of process {} don't answer", pid),
+                       "see which one hangs, and unmount it");
+    if (found->empty())
+        return Failure(fmt::format("can't look for a place in the files of process {}", pid),
+                       "run qorctl as root");
+    return Failure(fmt::format("JVM {} has no directory for the agent: {}", pid, found->substr(1)),
+                   fmt::format("start its container with {}", VOLUME));
 }
 
 std::vector<std::string> AllPlaces(const Process &process, std::vector<std::string> places) {
@@ -264,19 +279,16 @@ BroughtJar::BroughtJar(const Process &process, const std::string &jar, std::vect
         leave_ = FileDescriptor();
         RunChild({process, root.get(), writer.get(), childs.get(), places, content, longest_path});
     }
+    if (child_ < 0)
+        throw Failure(fmt::format("no child: {}", strerror(errno)), "raise the limit of processes");
     writer = FileDescriptor();
-    const std::string found =
-        child_ < 0 ? "" : ReadReport(reader.get(), std::min(deadline, Clock::now() + SEARCH_LIMIT));
-    if (!found.empty() && found[0] == FOUND_AT) {
-        path_ = found.substr(1);
-        return;
+    const std::optional<std::string> found =
+        ReadReport(reader.get(), std::min(deadline, Clock::now() + SEARCH_LIMIT));
+    if (!found || found->empty() || found->front() != FOUND_AT) {
+        End();
+        throw NoPlace(process.pid, found);
     }
-    End();
-    throw found.empty()
-        ? Failure(fmt::format("can't look for a place in the files of process {}", process.pid),
-                  "run qorctl as root")
-        : Failure(fmt::format("JVM {} has no directory for the agent: {}", process.pid, found.substr(1)),
-                  fmt::format("start its container with {}", VOLUME));
+    path_ = found->substr(1);
 }
 
 BroughtJar::~BroughtJar() {
