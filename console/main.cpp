@@ -18,6 +18,7 @@ using namespace qorctl;
 namespace {
 
 constexpr size_t HELP_WIDTH = 80, HELP_COLUMN = 30;
+constexpr std::string_view NO_COMMAND = "A subcommand is required"; // CLI11's words
 
 struct CommandLine {
     Settings settings;
@@ -463,16 +464,21 @@ std::string FirstWord(int argc, char **argv) {
     return "";
 }
 
-// What is wrong with the command line, and where its help is.
-std::string UsageFailure(const CLI::App &app, const std::string &word, const std::string &error) {
+// What is wrong with the command line, and where its help is. `first` is its first argument, `word` the first
+// one that isn't an option.
+std::string UsageFailure(const CLI::App &app, const std::string &first, const std::string &word,
+                         const std::string &error) {
     std::vector<std::string> names;
     for (const CLI::App *command : app.get_subcommands({}))
         names.push_back(command->get_name());
     if (std::find(names.begin(), names.end(), word) != names.end())
         return fmt::format("{}; see qorctl {} --help", error, word);
+    if (word.empty() && error != NO_COMMAND)
+        return fmt::format("{}; see qorctl --help", error);
     if (word.empty())
         return fmt::format("{}; see qorctl --help",
-                           error == "A subcommand is required" ? "a command is missing" : error);
+                           first.empty() ? "a command is missing"
+                                         : fmt::format("there is no option '{}' before a command", first));
     const std::string nearest = Nearest(word, names);
     return fmt::format("there is no command '{}'{}; see qorctl --help", word,
                        nearest.empty() ? "" : fmt::format(", did you mean '{}'?", nearest));
@@ -486,7 +492,8 @@ int Run(int argc, char **argv) {
     app.set_version_flag("--version", "qorctl " QOR_VERSION);
     app.footer("Exit codes: 0 answer, 1 no answer, 2 wrong use. 'qorctl COMMAND --help' says more.");
     app.failure_message([&](const CLI::App *, const CLI::Error &error) {
-        return fmt::format("qorctl: {}\n", Printable(UsageFailure(app, FirstWord(argc, argv), error.what())));
+        return fmt::format("qorctl: {}\n", Printable(UsageFailure(app, argc > 1 ? argv[1] : "",
+                                                                  FirstWord(argc, argv), error.what())));
     });
     CommandLine line;
     AddThreads(&app, &line);

@@ -138,6 +138,9 @@ void ShowLockOf(const Settings &settings, pid_t pid, const ThreadSample &sample,
 }
 
 void RunVirtualThreads(Settings settings, pid_t pid, const ThreadsCommand &command) {
+    if (command.match.find_first_of(",|\n") != std::string::npos)
+        throw Failure("with --virtual the text of --match can't hold ',', '|' or a line feed",
+                      "match a part without them", EXIT_USAGE);
     VirtualQuestion question;
     question.details = command.details;
     question.all = command.all;

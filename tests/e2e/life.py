@@ -192,7 +192,9 @@ class Refusals(Case):
             self.answer("attach", app.pid, "--options", "relay=off,loglevel=0")
 
     def test_usage(self):
-        for words, said in (("", "a command is missing; "), ("nonsense", "no command 'nonsense'; "),
+        for words, said in (("", "a command is missing; "), ("--foo", "no option '--foo' "),
+                            ("threads 1 --virtual --match a,0=1", "can't hold ','"),
+                            ("nonsense", "no command 'nonsense'; "),
                             ("thraeds 1", "'threads'?"), ("hist 1", "'histogram'?"), ("threads 0", ""),
                             ("log 1", "level is required; see qorctl log --help"),
                             ("threads 1 --watch 0", ""), ("raw 1", "raw --help")):
