@@ -82,8 +82,10 @@ void AddOther(OtherMember &&other, VirtualThreads *view) {
     if (!thread.request_url && !(thread.db && (thread.db->sql || thread.db->url)))
         return;
     for (VirtualGroup &group : view->groups)
-        if (group.member.key.thread == other.group.thread)
+        if (group.member.key.thread == other.group.thread) {
             group.others.push_back(std::move(other.thread));
+            return;
+        }
 }
 
 // The first record is of the whole, the others are groups.
