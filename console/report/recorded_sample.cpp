@@ -113,7 +113,7 @@ void Finder::Sample(const Json &line) {
     if (NumberAt(line, "n") != number_)
         return;
     found.emplace();
-    found->time = NumberAt(line, "time").value_or(0);
+    found->time = TimeOf(line);
     found->java_version = TextAt(meta_, "java_version");
     found->threads.cut = NumberAt(line, "missing").value_or(0) > 0;
     for (const Json &row : PartAt(line, "threads"))

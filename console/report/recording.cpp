@@ -10,6 +10,27 @@ namespace qorctl {
 
 namespace {
 
+constexpr int MOST_NESTED = 64;              // of a line; qorctl writes five
+constexpr int64_t LATEST = 8640000000000000; // milliseconds since 1970 that a browser has a date for
+
+// Whether copying or writing the JSON text as a value, which recurses, may need too much stack.
+bool IsTooDeep(std::string_view json) {
+    int depth = 0;
+    bool quoted = false;
+    for (size_t at = 0; at < json.size() && depth <= MOST_NESTED; ++at) {
+        const char c = json[at];
+        if (quoted && c == '\\')
+            ++at;
+        else if (c == '"')
+            quoted = !quoted;
+        else if (!quoted && (c == '[' || c == '{'))
+            ++depth;
+        else if (!quoted && (c == ']' || c == '}'))
+            --depth;
+    }
+    return depth > MOST_NESTED;
+}
+
 // What a frame of a stack line is called, without its place in the source; empty for what isn't a call.
 std::string FrameName(const Json &frame) {
     if (frame.is_number_integer())
@@ -111,7 +132,7 @@ void Reader::ReadSampleLine(const Json &line) {
     const int64_t before = out_.samples.empty() ? 0 : out_.samples.back().time;
     RecordedSample &sample = out_.samples.emplace_back();
     sample.number = NumberAt(line, "n").value_or(0);
-    sample.time = NumberAt(line, "time").value_or(0);
+    sample.time = TimeOf(line);
     sample.unanswered = TextAt(line, "unanswered");
     if (!sample.unanswered.empty()) // such a line is written after the wait
         sample.time = std::max(before, sample.time - NumberAt(line, "waited_ms").value_or(0));
@@ -214,7 +235,14 @@ std::string TextAt(const Json &object, const char *key) {
 
 std::optional<int64_t> NumberAt(const Json &object, const char *key) {
     auto at = object.find(key);
-    return at != object.end() && at->is_number_integer() ? std::optional(at->get<int64_t>()) : std::nullopt;
+    if (at == object.end() || !at->is_number_integer() || at->get<int64_t>() < 0)
+        return std::nullopt;
+    return at->get<int64_t>();
+}
+
+int64_t TimeOf(const Json &line) {
+    const int64_t time = NumberAt(line, "time").value_or(0);
+    return time <= LATEST ? time : 0;
 }
 
 const Json &PartAt(const Json &object, const char *key) {
@@ -227,7 +255,7 @@ int64_t EachLine(const Source &source, const std::function<void(const Json &)> &
     int64_t unread = 0;
     std::string begun; // a line whose end is in a later piece
     auto add = [&] {
-        Json line = Json::parse(begun, nullptr, false);
+        Json line = IsTooDeep(begun) ? Json() : Json::parse(begun, nullptr, false);
         line.is_object() ? each(line) : void(++unread);
         begun.clear();
     };

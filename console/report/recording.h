@@ -19,15 +19,18 @@ namespace qorctl {
 
 constexpr int32_t NONE = -1;
 
-// A member of a JSON object of a recording: empty, nothing or null when it isn't there or of another type.
+// A member of a JSON object of a recording: empty, nothing or null when it isn't there or of another type. No
+// number of a recording is negative: such a one is nothing too, so that differences fit.
 std::string TextAt(const Json &object, const char *key);
 std::optional<int64_t> NumberAt(const Json &object, const char *key);
+int64_t TimeOf(const Json &line); // milliseconds since 1970; 0 when there is none, or no date is as late
 const Json &PartAt(const Json &object, const char *key);
 
 // Where a recording comes from: calls what it is given with the bytes, piece by piece.
 using Source = std::function<void(const std::function<void(std::string_view)> &use)>;
 
-// Calls `each` with each line that is a JSON object; returns how many aren't.
+// Calls `each` with each line that is a JSON object, nested as deep as can be worked on; returns how many
+// aren't.
 int64_t EachLine(const Source &source, const std::function<void(const Json &)> &each);
 
 // Throws a Failure unless `meta` begins a recording that this qorctl can read.

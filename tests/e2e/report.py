@@ -10,6 +10,8 @@ BROWSER, DRIVER = "/usr/bin/chromium-headless-shell", "/usr/bin/chromedriver"
 MARKUP = ("</script><script>document.title='run'</script><img src=x onerror=\"document.title='run'\">"
           "<!--<script>\u2028\x1b")
 SEEN = MARKUP.replace("\x1b", "\u241b")
+# Two of a name, who wait and are waited for: id, name, and the id of the holder.
+CHAINS = [(2001, "a", 2000), (2002, "a", 2000), (2003, "w", 2001), (2004, "v", 2002), (2000, "o", None)]
 IDLE = ("Object Wait", "Sleeping")
 PAGE = """const graph = blockGraph(), tree = flameTree('sql');
 return {samples: Number(byId('counted').dataset.samples), flame: tree.value,
@@ -17,7 +19,9 @@ return {samples: Number(byId('counted').dataset.samples), flame: tree.value,
   chips: Object.fromEntries(Array.from(document.querySelectorAll('#states button'),
     chip => [chip.dataset.state, Number(chip.lastChild.textContent)])),
   sql: Object.fromEntries(tree.children.map(child => [child.name, child.value])),
-  locks: Object.fromEntries(graph.map(edge => [edge.to.name + ' ' + edge.lock, edge.count])),
+  locks: graph.reduce((sums, {to, lock, count}) =>
+    ({...sums, [to.name + ' ' + lock]: (sums[to.name + ' ' + lock] || 0) + count}), {}),
+  roots: layOut(graph).nodes.filter(node => !node.waits.length).map(node => node.name).sort(),
   stuck: stuckThreads().map(([thread]) => data.threads.id[thread]), heap: data.heap,
   layers: document.querySelectorAll('#time .layer').length,
   frames: document.querySelectorAll('#flame g').length,
@@ -34,6 +38,9 @@ def hostile(line):
             row["db"]["sql"] += MARKUP
     if line["type"] == "stack":
         line["frames"][0] = MARKUP
+    for thread, name, owner in CHAINS if "threads" in line else ():
+        wait = {"waits_for": {"lock": owner, "class": "Chain", "owner": owner}} if owner else {}
+        line["threads"].append({"id": thread, "name": name, "state": "Lock", "stack": 1, **wait})
     if line["type"] == "meta":
         line["main_class"] = MARKUP
     return line
@@ -56,12 +63,14 @@ def sums_of(samples):
     for row in rows:
         stacks[row["id"]].append(row["stack"])
     states = collections.Counter(row["state"] for row in rows)
+    waits = {row["id"]: row["waits_for"]["owner"] for row in rows if "owner" in row.get("waits_for", {})}
     return {"samples": len(rows), "flame": len(rows),
             "states": states, "chips": states, "layers": len(states),
             "sql": collections.Counter(row["db"]["sql"].replace(MARKUP, SEEN) if "db" in row else "no SQL"
                                        for row in rows),
             "locks": collections.Counter(row["name"] + " " + row["waits_for"]["class"]
                                          for row in rows if "owner" in row.get("waits_for", {})),
+            "roots": sorted({row["name"] for row in rows if row["id"] in set(waits.values()) - set(waits)}),
             "stuck": sorted(id for id, all in stacks.items()
                             if len(all) == len(samples) and len(set(all)) == 1)}
 
@@ -143,17 +152,23 @@ class Report(Case):
         with open(f"{self.place}/hostile", "w", encoding="utf-8") as file:
             for line in lines[:-1]:
                 print(json.dumps(line), file=file)
+            print('{"type": "end", "deep": ' + "[" * 400000 + "]" * 400000 + "}", file=file)
+            early = {"type": "sample", "time": -2 ** 63, "waited_ms": 1, "unanswered": "x"}
+            print(json.dumps(early), file=file)
             file.write('{"type": "sample", "n": 99, "threads": [{"na')
         self.answer("report", f"{self.place}/hostile", "--out", f"{self.place}/report.html")
         self.browser.get(f"file://{self.place}/report.html")
         self.assertEqual(self.browser.get_log("browser"), [])
+        unread, times = self.browser.execute_script("return [data.unread, data.t]")
+        self.assertEqual((unread, times[len(samples):]), (2, times[len(samples) - 1:-1]))
         self.check(samples)
         text = self.browser.find_element("tag name", "body").text
         for part in ("the file was cut", f"in {len(samples)} consecutive samples, at least",
                      "demo-lock-wanter", "select id, total from orders",
                      "/shop/cart" + MARKUP.split("\u2028")[0]):
             self.assertIn(part, text)
-        self.assertEqual(self.page()["heap"], [line["heap"]["used_kib"] for line in lines if "heap" in line])
+        heap = [line["heap"]["used_kib"] for line in lines if "heap" in line]
+        self.assertEqual(self.page()["heap"], [*heap, None])
         self.check_filters(samples)
         self.check_flame()
         self.assertNotEqual(self.browser.title, "run")

@@ -7,7 +7,7 @@ function blockGraph() {
   const holders = new Set(runs.owner.filter((owner, run) => owner && runs.lock_class[run] >= 0).map(id => byThreadId.get(id)));
   const nodeOf = (key, name) => {
     if (!nodes.has(key))
-      nodes.set(key, {name, threads: new Set(), waits: [], holds: []});
+      nodes.set(key, {key, name, threads: new Set(), waits: [], holds: []});
     return nodes.get(key);
   };
   const threadNode = thread => nodeOf("thread " + thread, names[thread]);
@@ -18,7 +18,7 @@ function blockGraph() {
     const to = holders.has(thread) ? threadNode(thread) : nodeOf("group " + groups[thread], groups[thread]);
     const from = owner === undefined ? nodeOf("holder " + runs.owner[run], "holder unknown") : threadNode(owner);
     to.threads.add(thread);
-    const lock = texts[runs.lock_class[run]], key = [from.name, runs.owner[run], to.name, lock].join("\n");
+    const lock = texts[runs.lock_class[run]], key = [from.key, to.key, lock].join("\n");
     if (!edges.has(key))
       edges.set(key, {from, to, lock, count: 0});
     edges.get(key).count += count;
