@@ -14,7 +14,7 @@ namespace qorctl {
 
 namespace {
 
-constexpr size_t MOST_STRETCHES = 500;
+constexpr size_t MOST_STRETCHES = 2000, MOST_OF_A_TEXT = 20;
 
 // A column of values, one for each of `rows`.
 template <class Rows, class Value>
@@ -94,16 +94,21 @@ Json CollectorsJson(const Recording &recording) {
     return collectors;
 }
 
-// The longest ones, longest first.
+// The longest ones of each text, longest first; `stays` is how many its text has in all.
 Json StretchesJson(std::vector<Stretch> stretches) {
     std::stable_sort(stretches.begin(), stretches.end(),
                      [](const Stretch &a, const Stretch &b) { return a.count > b.count; });
-    stretches.resize(std::min(stretches.size(), MOST_STRETCHES));
-    return ColumnOf(stretches, [](const Stretch &stretch) {
+    std::unordered_map<int32_t, size_t> stays;
+    std::vector<Stretch> longest;
+    for (const Stretch &stretch : stretches)
+        if (++stays[stretch.text] <= MOST_OF_A_TEXT && longest.size() < MOST_STRETCHES)
+            longest.push_back(stretch);
+    return ColumnOf(longest, [&](const Stretch &stretch) {
         return Json{{"thread", stretch.thread},
                     {"first", stretch.first},
                     {"count", stretch.count},
-                    {"text", stretch.text}};
+                    {"text", stretch.text},
+                    {"stays", stays[stretch.text]}};
     });
 }
 

@@ -12,6 +12,7 @@ MARKUP = ("</script><script>document.title='run'</script><img src=x onerror=\"do
 SEEN = MARKUP.replace("\x1b", "\u241b")
 # Two of a name, who wait and are waited for: id, name, and the id of the holder.
 CHAINS = [(2001, "a", 2000), (2002, "a", 2000), (2003, "w", 2001), (2004, "v", 2002), (2000, "o", None)]
+PLACE = ("name", "state", "stack", "request", "db", "waits_for", "cpu_nanoseconds")
 IDLE = ("Object Wait", "Sleeping")
 PAGE = """const graph = blockGraph(), tree = flameTree('sql');
 return {samples: Number(byId('counted').dataset.samples), flame: tree.value,
@@ -22,6 +23,7 @@ return {samples: Number(byId('counted').dataset.samples), flame: tree.value,
   locks: graph.reduce((sums, {to, lock, count}) =>
     ({...sums, [to.name + ' ' + lock]: (sums[to.name + ' ' + lock] || 0) + count}), {}),
   roots: layOut(graph).nodes.filter(node => !node.waits.length).map(node => node.name).sort(),
+  stays: Object.fromEntries(data.requests.map(s => [texts[s.text], s.stays])),
   stuck: stuckThreads().map(([thread]) => data.threads.id[thread]), heap: data.heap,
   layers: document.querySelectorAll('#time .layer').length,
   frames: document.querySelectorAll('#flame g').length,
@@ -56,6 +58,17 @@ def samples_of(lines):
     return samples
 
 
+def stays_of(samples):
+    """How often a thread came to a URL, or went on at it."""
+    stays, before = collections.Counter(), {}
+    for sample in samples:
+        now = {row["id"]: [row.get(part) for part in PLACE] for row in sample}
+        stays.update(row["request"]["url"].replace(MARKUP, SEEN) for row in sample
+                     if "request" in row and now[row["id"]] != before.get(row["id"]))
+        before = now
+    return stays
+
+
 def sums_of(samples):
     """What the page has to count."""
     rows = [row for sample in samples for row in sample]
@@ -71,6 +84,7 @@ def sums_of(samples):
             "locks": collections.Counter(row["name"] + " " + row["waits_for"]["class"]
                                          for row in rows if "owner" in row.get("waits_for", {})),
             "roots": sorted({row["name"] for row in rows if row["id"] in set(waits.values()) - set(waits)}),
+            "stays": stays_of(samples),
             "stuck": sorted(id for id, all in stacks.items()
                             if len(all) == len(samples) and len(set(all)) == 1)}
 

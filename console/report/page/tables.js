@@ -59,10 +59,11 @@ function drawChips() {
   byId("idle").textContent = idleStates.every(state => choice.states.has(state)) ? "Hide idle" : "Show idle";
 }
 
-function stretchText({thread, first, count}) {
+function stretchText({thread, first, count, stays}) {
   const time = data.t[first + count - 1] - data.t[first];
   const seen = count === 1 ? "in 1 sample" : `in ${count} consecutive samples, at least ${spanText(time)}`;
-  return `${seen}, from ${clock(data.t[first])} · ${names[thread]}`;
+  const others = stays > 1 ? ` · one of ${countText(stays, "stay")} in the recording` : "";
+  return `${seen}, from ${clock(data.t[first])} · ${names[thread]}${others}`;
 }
 
 // Whether some of a stay is chosen.
@@ -76,10 +77,11 @@ function stretchTest(what) {
   return s => parts.has(s.thread) && parts.get(s.thread).some(part => overlap(s, part));
 }
 
-// Statements or requests, by `what`, "sql" or "url".
+// Statements or requests, by `what`, "sql" or "url": each once, with the longest of its stays that are chosen.
 function drawStretches(id, stretches, what, none) {
-  const all = sumsBy(run => runs[what][run]), rows = stretches.filter(stretchTest(what)).slice(0, 60);
-  drawTable(id, ["longest stays", "samples in all"], rows.map(s => ({
+  const all = sumsBy(run => runs[what][run]), longest = new Map();
+  stretches.filter(stretchTest(what)).forEach(s => longest.has(s.text) || longest.set(s.text, s));
+  drawTable(id, ["longest stays", "samples in all"], Array.from(longest.values()).slice(0, 60).map(s => ({
     pick: () => pickOrNot(what, s.text, -1),
     cells: [{text: texts[s.text], code: true, more: stretchText(s)}, (all.get(s.text) || 0).toLocaleString("en")]
   })), none, [1]);
