@@ -186,7 +186,6 @@ TEST_F(Faults, VirtualThreads) {
         << view;
     FailEach(
         {{GROUPS, {"JVM Virtual Threads"}}, {"516|showstack|512|ARG=x,1=" + key.str(1), {"parkVirtual"}}});
-    Java("HeapShop", "unpark");
 }
 
 // What requests make the agent allocate goes at SHUTDOWN; what they have shown has gone too.
