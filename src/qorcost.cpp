@@ -9,6 +9,8 @@ int64_t qorLastStopUsec[STOP_KINDS] = {-1, -1, -1, -1, -1};
 
 namespace {
 
+constexpr int32_t LOOK_INTERVAL = 256; // callbacks between two looks at the clock
+
 bool stoppedBy[STOP_KINDS]; // the current request has made such a call
 
 } // namespace
@@ -31,6 +33,16 @@ void QorStopEnded(QorStopKind kind, int64_t start) {
     qorRequestCost.largestUsec = std::max(qorRequestCost.largestUsec, usec);
     qorLastStopUsec[kind] = stoppedBy[kind] ? std::max(qorLastStopUsec[kind], usec) : usec;
     stoppedBy[kind] = true;
+}
+
+bool QorStopIsOver(QorStopLimit *limit) {
+    if (limit->isOver || limit->callbacks++ % LOOK_INTERVAL != 0)
+        return limit->isOver;
+    const int64_t now = QorStopStarts();
+    if (limit->end == 0)
+        limit->end = now + limit->usec;
+    limit->isOver = now > limit->end;
+    return limit->isOver;
 }
 
 void QorForgetCost() {

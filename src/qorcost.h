@@ -27,5 +27,18 @@ void QorStartCost();
 int64_t QorStopStarts();
 void QorStopEnded(QorStopKind kind, int64_t start);
 
+// Bounds a walk inside such a call: the time from its first callback on.
+struct QorStopLimit {
+    int64_t usec;
+    // The limit's own, 0 at the start.
+    int64_t end;
+    int32_t callbacks;
+    bool isOver;
+};
+
+// Counts a callback. True when the time is up, and from then on: an abort at a JNI local isn't always heard.
+// For callbacks inside the JVM: reads a clock and `limit`, nothing else.
+bool QorStopIsOver(QorStopLimit *limit);
+
 // Forgets the last calls. Shutdown.
 void QorForgetCost();

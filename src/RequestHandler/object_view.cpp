@@ -114,7 +114,7 @@ void QorHandlePrintLocalRequest(int32_t tid, int64_t methodId, int64_t location,
         if (AppendLocalRow(&reply, locals[i]) > 0)
             written++;
     }
-    qorReplyIsCut = reply.refused;
+    qorReplyIsCut |= reply.refused;
     if (written > 0)
         AppendRowsEnd(&reply);
     else

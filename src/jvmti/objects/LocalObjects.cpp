@@ -7,8 +7,8 @@
 #include "jvmti/TagEnvironment.h"
 #include "jvmti/threads/MethodTable.h"
 #include "jvmti/threads/ThreadSystem.h"
-#include "qorcost.h"
 #include "qorlog.h"
+#include "qorrequest.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,6 +18,7 @@ namespace {
 constexpr jlocation NATIVE_LOCATION = -1;
 constexpr jlong MARKED_THREAD = -1;    // objects that were shown have positive tags
 constexpr int32_t LAST_HEAP_KIND = 20; // references from object to object, and room for more of them
+constexpr int64_t MOST_USEC = 200000;  // of a walk
 
 // Locals are reported ahead of all of these, apart from those of virtual threads that no carrier runs. Going
 // on would lead through the whole heap. Each mounted thread is of kind OTHER, ahead of its locals.
@@ -66,14 +67,25 @@ bool FindMethod(int32_t tid, int64_t methodId, QorLocalsWalk *walk, jobject *unm
     return found;
 }
 
+// Constants of compiled code, which pass for JNI locals, are between the locals.
+bool IsOfStack(const QorLocalsWalk &walk, jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info) {
+    if (kind == JVMTI_HEAP_REFERENCE_JNI_LOCAL)
+        return info && info->jni_local.thread_id == walk.tid;
+    return kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && info && info->stack_local.thread_id == walk.tid;
+}
+
 // The JVM reports the locals of a thread that isn't mounted when it follows a reference to it: the walk goes
-// on to the thread that is marked, and from there no further.
+// on to the thread that is marked, and from there no further. It ends after that thread's stack, which comes
+// ahead of its fields or, when a carrier has taken it up meanwhile, among the other stacks.
 jint JNICALL TagLocalsOfMarked(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, jlong, jlong,
                                jlong, jlong *tag, jlong *, jint, void *userData) {
     QorLocalsWalk *walk = static_cast<QorLocalsWalk *>(userData);
-    const bool follows = *tag == MARKED_THREAD;
-    if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && info && info->stack_local.thread_id == walk->tid &&
-        info->stack_local.method == walk->method && walk->count < MAX_LOCAL_OBJECTS) {
+    const bool follows = *tag == MARKED_THREAD, isOfStack = IsOfStack(*walk, kind, info);
+    if (kind <= LAST_HEAP_KIND || (walk->threadMet && !isOfStack) || walk->count == MAX_LOCAL_OBJECTS ||
+        QorStopIsOver(&walk->limit))
+        return JVMTI_VISIT_ABORT;
+    walk->threadMet = isOfStack;
+    if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && isOfStack && info->stack_local.method == walk->method) {
         *tag = gbiQorLocalVariableCounter++;
         walk->count++;
     }
@@ -86,6 +98,10 @@ void FollowLocals(QorLocalsWalk *walk, jvmtiHeapReferenceCallback callback) {
     const int64_t start = QorStopStarts();
     const jvmtiError error = jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, walk);
     QorStopEnded(STOP_LOCALS, start);
+    if (walk->limit.isOver) {
+        QORLOG(LOG_NOTE, "The walk to the locals was ended after %d callbacks", walk->limit.callbacks);
+        qorReplyIsCut = true;
+    }
     if (error != JVMTI_ERROR_NONE) {
         QORLOG(LOG_ERROR, "No walk to the locals: error %d", error);
         describe(error);
@@ -95,6 +111,7 @@ void FollowLocals(QorLocalsWalk *walk, jvmtiHeapReferenceCallback callback) {
 void TagLocals(QorLocalsWalk *walk, jobject unmounted) {
     QorWrapTagCounter();
     walk->firstTag = gbiQorLocalVariableCounter;
+    walk->limit.usec = MOST_USEC;
     if (!unmounted) {
         FollowLocals(walk, jvmtiHeapReferenceOneObjectCallback);
         return;
@@ -197,6 +214,8 @@ jint JNICALL jvmtiHeapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind,
                                                  jlong *tag, jlong *, jint, void *userData) {
     QorLocalsWalk *walk = static_cast<QorLocalsWalk *>(userData);
     const bool isStackLocal = kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL;
+    if (QorStopIsOver(&walk->limit))
+        return JVMTI_VISIT_ABORT;
     if (!isStackLocal && kind != JVMTI_HEAP_REFERENCE_JNI_LOCAL)
         return IsBehindLocals(kind) ? JVMTI_VISIT_ABORT : JVMTI_VISIT_OBJECTS;
     if (!info)

@@ -3,7 +3,7 @@
 // A JVM refuses an agent that came late the capability to read locals, but tags objects for it. The roots of
 // a reference walk are the locals of all threads, each with its thread and method: what belongs to the method
 // asked for gets tags, the walk ends there, and the tags lead to the objects. The JVM is paused for as
-// long as it takes to get there, and never for a walk of the heap.
+// long as it takes to get there, 0.2 s at most, and never for a walk of the heap.
 //
 // The stack of a virtual thread that no carrier runs is an object: its locals are found after the roots.
 //
@@ -12,6 +12,7 @@
 #pragma once
 
 #include "FieldText.h"
+#include "qorcost.h"
 
 #include <cstdint>
 #include <jni.h>
@@ -26,6 +27,8 @@ struct QorLocalsWalk {
     bool isNative;    // the method is a native one
     int64_t firstTag; // tags from here on, `count` of them, are the walk's
     int32_t count;
+    bool threadMet; // the thread's stack has been reached
+    QorStopLimit limit;
 };
 
 // The JVM's side of the walk; `userData` is the QorLocalsWalk. Runs inside the JVM with all threads stopped:
@@ -36,7 +39,7 @@ jint JNICALL jvmtiHeapReferenceOneObjectCallback(jvmtiHeapReferenceKind kind,
                                                  jlong *referrerTag, jint length, void *userData);
 
 // The objects in the locals of a method of a thread, in slot order: their number, with *out an array for the
-// caller to free; 0, with *out null, when there are none. `methodId` is a jmethodID or its lower 32 bits as a
-// signed number, and is looked for among the thread's frames. `location` is not read. The objects keep their
-// tags.
+// caller to free; 0, with *out null, when there are none. Sets qorReplyIsCut when the time ended the walk.
+// `methodId` is a jmethodID or its lower 32 bits as a signed number, and is looked for among the thread's
+// frames. `location` is not read. The objects keep their tags.
 int32_t QorJVMTIGetLocalObject(int32_t tid, int64_t methodId, int64_t location, QorFieldRecord **out);
