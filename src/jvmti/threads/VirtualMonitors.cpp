@@ -22,6 +22,7 @@ constexpr int32_t MOST_WAITERS = 16;    // threads of a walk that are looked at
 constexpr int32_t MOST_CANDIDATES = 64; // objects in their frames
 constexpr jint DEPTH_OF_WAIT = 2;       // of Object.wait(long) and wait0 on top: the monitor is the object's
 constexpr int32_t LAST_HEAP_KIND = 20;  // references from object to object, and room for more of them
+constexpr int64_t SEARCH_USEC = 10000;  // of the JVM's stop for them
 constexpr int32_t MOST_OWNERS = 1000;   // threads among which an owner is looked for
 constexpr int64_t OWNER_USEC = 100000;  // and for how long
 constexpr int64_t REST = 50;            // in polls, times what a search has taken
@@ -52,6 +53,7 @@ struct Candidates {
     Waiter waiters[MOST_WAITERS];
     int32_t waiterCount;
     jlong count; // objects that are tagged, from 1 on
+    QorStopLimit limit;
 };
 
 struct Waits {
@@ -72,9 +74,11 @@ bool IsBehindStacks(jvmtiHeapReferenceKind kind) {
 jint JNICALL TagCandidates(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo *info, jlong, jlong,
                            jlong, jlong *tag, jlong *, jint, void *userData) {
     auto *found = static_cast<Candidates *>(userData);
+    if (found->count == MOST_CANDIDATES || QorStopIsOver(&found->limit))
+        return JVMTI_VISIT_ABORT;
     if (kind != JVMTI_HEAP_REFERENCE_STACK_LOCAL)
         return IsBehindStacks(kind) ? JVMTI_VISIT_ABORT : 0;
-    if (!info || *tag != 0 || found->count == MOST_CANDIDATES)
+    if (!info || *tag != 0)
         return 0;
     for (int32_t i = 0; i < found->waiterCount; i++)
         if (found->waiters[i].tid == info->stack_local.thread_id &&
@@ -164,11 +168,14 @@ void SearchFrames(const QorThreadHandle *handle, QorMonitorScope scope) {
     if (!env)
         return;
     TagClassOfTop(env, handle, found);
+    found->limit.usec = SEARCH_USEC;
     jvmtiHeapCallbacks callbacks = {};
     callbacks.heap_reference_callback = TagCandidates;
     const int64_t start = QorStopStarts();
     const jvmtiError error = env->FollowReferences(0, nullptr, nullptr, &callbacks, found);
     QorStopEnded(STOP_LOCKS, start);
+    if (found->limit.isOver)
+        QORLOG(LOG_DETAIL, "Not all stacks were searched for monitors: %d callbacks", found->limit.callbacks);
     if (error == JVMTI_ERROR_NONE)
         AskAboutCandidates(env, handle, found);
     else
