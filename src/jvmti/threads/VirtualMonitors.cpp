@@ -257,10 +257,12 @@ bool LookUpSnapshots(const jclass (&classes)[SNAPSHOT_CLASSES]) {
 bool HasSnapshots() {
     if (snapshots.tried || QorJvmRelease() < RELEASE_WITH_SNAPSHOTS || !QorCanSeeMounted())
         return snapshots.klass;
-    snapshots.tried = true;
     const QorLocalFrame frame(jvmtijni_env, SNAPSHOT_REFERENCES);
+    if (!frame.pushed)
+        return false;
+    snapshots.tried = true;
     jclass classes[SNAPSHOT_CLASSES] = {};
-    for (int32_t i = 0; frame.pushed && i < SNAPSHOT_CLASSES; i++)
+    for (int32_t i = 0; i < SNAPSHOT_CLASSES; i++)
         classes[i] = QorFindBootClass(SNAPSHOT_CLASS_NAMES[i]);
     if (LookUpSnapshots(classes))
         snapshots.klass = static_cast<jclass>(QorNewGlobalRef(jvmtijni_env, classes[SNAPSHOT]));
