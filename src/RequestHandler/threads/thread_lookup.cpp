@@ -12,6 +12,13 @@ namespace {
 
 jobjectArray heldThread; // a global reference; null outside of a view of an unmounted thread
 
+void DropHeldThread() {
+    gbQorHeldThreads = nullptr;
+    if (heldThread)
+        QorDeleteGlobalRef(jvmtijni_env, heldThread);
+    heldThread = nullptr;
+}
+
 } // namespace
 
 bool QorFindThread(QorThreadHandle *handle, int32_t processId, const char *key, QorThreadRecord *thread) {
@@ -35,6 +42,7 @@ bool QorTurnToKey(QorThreadHandle *handle, int32_t processId, const char *key) {
 }
 
 void QorHoldUnmounted(const QorThreadHandle &handle) {
+    DropHeldThread(); // a fault may have ended the last view
     if (QorWalkThreadKind(&handle, handle.index) != THREAD_UNMOUNTED || !jobjclass)
         return;
     jobject array = jvmtijni_env->NewObjectArray(1, jobjclass, handle.threads[handle.index]);
@@ -68,10 +76,7 @@ void QorAppendState(QorText *out, int32_t state, const QorDBRequestData *databas
 }
 
 void closeThreadAndFreeLists() {
-    gbQorHeldThreads = nullptr;
-    if (heldThread)
-        QorDeleteGlobalRef(jvmtijni_env, heldThread);
-    heldThread = nullptr;
+    DropHeldThread();
     QorCloseThreadHandle(nullptr);
     QorFreeXtierLists();
 }

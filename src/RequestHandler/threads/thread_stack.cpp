@@ -1,7 +1,6 @@
 #include "thread_stack.h"
 
 #include "Xtier/Xtier.h"
-#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/threads/Monitors.h"
 #include "qorlog.h"
 #include "qorrequest.h"
@@ -225,7 +224,6 @@ void AppendOwnedLocks(QorText *reply, QorThreadHandle *handle, const QorThreadRe
 
 void AppendThread(uint32_t reqid, QorText *reply, QorThreadHandle *handle, QorThreadRecord *thread,
                   int32_t processId) {
-    gbQorHeldThreads = nullptr; // a fault may have ended the last view
     QorHoldUnmounted(*handle);
     const bool waits = AppendContendedLock(reply, handle, *thread, processId);
     AppendHead(reply, reqid, *thread);
