@@ -201,6 +201,7 @@ void QorInitThreadHandle(QorThreadHandle *handle) {
     }
     qorstack_info_ptr = nullptr; // whoever ended the last walk has freed it
     snapshotFramePushed = false;
+    QorCloseMonitorSample(); // a fault may have ended the last walk
     *handle = {nullptr, 0, -1};
 }
 
