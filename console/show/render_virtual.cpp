@@ -159,7 +159,8 @@ std::string VirtualThreadsText(const VirtualThreads &view, bool details, const S
         return fmt::format("No virtual threads are shown: {}.\n", Printable(view.reason));
     if (view.count == 0)
         return "This JVM has no virtual threads.\n" + Notes(view);
-    std::string text = fmt::format("{} virtual thread{}, {} mounted; sampled {}", Grouped(view.count),
+    std::string text = fmt::format("{}{} virtual thread{}, {} mounted; sampled {}",
+                                   view.count_cut ? "At least " : "", Grouped(view.count),
                                    view.count == 1 ? "" : "s", Grouped(view.mounted), Grouped(view.sampled));
     if (view.jvm_microseconds)
         text += fmt::format(" in {} ms", (*view.jvm_microseconds + 500) / 1000);

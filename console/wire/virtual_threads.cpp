@@ -15,7 +15,7 @@ constexpr int MEMBERS_READ = 50, MEMBERS_READ_WITH_DETAILS = 200; // the agent's
 constexpr size_t UNAVAILABLE_FIELDS = 2, COUNTS = 6, NOTE = 6, GROUP_FIELDS = 12, OTHER_FIELDS = 5;
 constexpr std::string_view UNAVAILABLE = "-1";
 // Bits of the field "cut".
-constexpr int CUT_BY_LIMITS = 1, CUT_BY_ROWS = 2;
+constexpr int CUT_BY_LIMITS = 1, CUT_BY_ROWS = 2, CUT_COUNT = 4;
 
 // The states in the order of the wire, as JSON names them.
 constexpr std::string_view STATES[] = {"runnable",    "db_wait",  "lock",     "network_wait", "io_wait",
@@ -41,6 +41,7 @@ bool ReadHead(std::string_view record, VirtualThreads *view) {
     view->note = ReadOptional(field[NOTE]).value_or("");
     view->cut_by_limits = cut & CUT_BY_LIMITS;
     view->cut_by_rows = cut & CUT_BY_ROWS;
+    view->count_cut = cut & CUT_COUNT;
     view->available = true;
     return true;
 }

@@ -29,6 +29,7 @@ struct VirtualThreads {
     std::string reason; // without: why not
     int64_t count = 0, in_executors = 0, mounted = 0, sampled = 0, groups_found = 0;
     bool cut_by_limits = false, cut_by_rows = false;
+    bool count_cut = false; // there are at least `count`
     std::string note;
     std::vector<std::pair<std::string, int64_t>> states; // of the sampled ones
     std::vector<VirtualGroup> groups;

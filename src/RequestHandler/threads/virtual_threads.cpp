@@ -34,7 +34,7 @@ constexpr char NOT_COUNTED[] = "there are more executors than could be counted i
 constexpr char OVER_QUOTA[] = "stacks left out: requests before this one had their share of the time";
 
 // Bits of the field `cut`.
-enum : int32_t { CUT_BY_TIME_OR_THREADS = 1, CUT_BY_ROWS = 2 };
+enum : int32_t { CUT_BY_TIME_OR_THREADS = 1, CUT_BY_ROWS = 2, CUT_COUNT = 4 };
 
 // What the frames of a group decide.
 struct GroupFacts {
@@ -227,7 +227,8 @@ constexpr QorThreadState COUNTED[] = {STATE_RUNNABLE, STATE_DB_WAIT,     STATE_L
 void AppendHead(VirtualView *view, const char *note) {
     const QorVirtualSample &sample = view->sample;
     const int32_t cut = (sample.cut || sample.countCut ? CUT_BY_TIME_OR_THREADS : 0) |
-                        (view->matching > view->mostGroups || sample.groupsCut ? CUT_BY_ROWS : 0);
+                        (view->matching > view->mostGroups || sample.groupsCut ? CUT_BY_ROWS : 0) |
+                        (sample.countCut ? CUT_COUNT : 0);
     for (const int64_t number : {sample.count, sample.inExecutors, sample.mounted, sample.sampled,
                                  int64_t{view->matching}, int64_t{cut}})
         QorAppendNumberField(view->reply, number);

@@ -105,7 +105,7 @@ const struct {
          const VirtualThreads v = DecodeVirtualThreads(r);
          std::vector<std::string> values = {Of(v.count), Of(v.in_executors), Of(v.mounted), Of(v.sampled),
                                             Of(v.groups_found)};
-         values.push_back(v.cut_by_rows && !v.cut_by_limits ? "106" : ""); // its bits
+         values.push_back(v.cut_by_rows && !v.cut_by_limits && !v.count_cut ? "106" : ""); // its bits
          values.push_back(v.note);
          for (const auto &state : v.states)
              values.push_back(Of(state.second));
