@@ -10,7 +10,7 @@ namespace qorctl {
 
 namespace {
 
-constexpr int64_t MOST_SKIPPED = 1000000;
+constexpr int MOST_SKIPPED = 1000000;
 
 // "class.method(File.java:12)"; what has no such form is a class without a method.
 Frame FrameOf(std::string_view text, int index) {
@@ -37,7 +37,7 @@ std::vector<Frame> StackOf(const Json &frames) {
         Frame frame;
         if (row.is_number_integer()) {
             frame.index = index;
-            frame.skipped = std::clamp(row.get<int64_t>(), int64_t{1}, MOST_SKIPPED);
+            frame.skipped = std::clamp<int64_t>(row.get<int64_t>(), 1, std::max(MOST_SKIPPED - index, 1));
             index += static_cast<int>(frame.skipped);
         } else if (row.is_string()) {
             frame = FrameOf(row.get_ref<const std::string &>(), index++);
