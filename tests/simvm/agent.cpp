@@ -2,7 +2,6 @@
 #include "scenes.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/socket.h>
 
 extern "C" const char *__asan_default_options();
@@ -76,80 +75,21 @@ std::string Dotted(std::string name) {
     return name;
 }
 
-namespace {
-
-union Address {
-    sockaddr any;
-    sockaddr_in four;
-    sockaddr_in6 six;
-};
-
-Address Loopback(bool six) {
-    Address at = {};
-    at.any.sa_family = six ? AF_INET6 : AF_INET;
-    if (six)
-        at.six.sin6_addr = in6addr_loopback;
-    else
-        at.four.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return at;
-}
-
-// The port is in the same place for both families.
-int32_t PortOf(int descriptor, decltype(getsockname) *ask) {
-    Address at;
+Connected Connect(Scene *scene) {
+    sockaddr_in at = {};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *const any = reinterpret_cast<sockaddr *>(&at);
     socklen_t size = sizeof at;
-    if (ask(descriptor, &at.any, &size))
-        Fail("a socket has no address");
-    return ntohs(at.four.sin_port);
-}
-
-int Listener(bool six) {
-    const Address at = Loopback(six);
-    const int listener = socket(at.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, &at.any, six ? sizeof at.six : sizeof at.four) || listen(listener, 8))
-        Fail("no listening socket");
-    return listener;
-}
-
-// Its number isn't used for anything else.
-int Closed() {
-    const int open = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 900);
-    close(open);
-    return open;
-}
-
-} // namespace
-
-int ListeningSocket(int32_t *port) {
-    const int listener = Listener(false);
-    *port = PortOf(listener, getsockname);
-    return listener;
-}
-
-int32_t ListenOn(Scene *scene) {
-    int32_t port;
-    scene->descriptors.push_back(ListeningSocket(&port));
-    return port;
-}
-
-Connected Connect(Scene *scene, SocketKind kind) {
-    if (kind == SocketKind::CLOSED)
-        return {Closed(), "", "", ""};
-    if (kind == SocketKind::FILE) {
-        scene->descriptors.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        return {scene->descriptors.back(), "", "", ""};
-    }
-    const bool six = kind == SocketKind::IPV6;
-    Address at = Loopback(six);
-    const int listener = Listener(six), client = socket(at.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    at.four.sin_port = htons(uint16_t(PortOf(listener, getsockname)));
-    if (connect(client, &at.any, six ? sizeof at.six : sizeof at.four))
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0),
+              client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(listener, any, size) || listen(listener, 1) || getsockname(listener, any, &size) ||
+        connect(client, any, size))
         Fail("no connection over the loopback");
-    scene->descriptors.insert(scene->descriptors.end(),
-                              {client, accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)});
-    close(listener);
-    return {client, std::to_string(PortOf(client, getsockname)), std::to_string(PortOf(client, getpeername)),
-            six ? "::1" : "127.0.0.1"};
+    scene->descriptors.insert(scene->descriptors.end(), {listener, client});
+    const int remotePort = ntohs(at.sin_port);
+    getsockname(client, any, &size);
+    return {client, std::to_string(ntohs(at.sin_port)), std::to_string(remotePort)};
 }
 
 } // namespace simvm

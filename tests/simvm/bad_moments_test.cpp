@@ -71,10 +71,10 @@ void AsJava(BODY body) {
         for (const ThreadInfo *thread : vm.threads)
             self = thread->kernelId == gettid() ? thread->address : self;
     }
-    Word &anchor = At(self, &JavaThread::anchorSp), sp = std::exchange(anchor, 0);
-    __atomic_store_n(&At(self, &JavaThread::state), IN_JAVA, __ATOMIC_SEQ_CST);
+    Word &anchor = As<JavaThread>(self).anchorSp, sp = std::exchange(anchor, 0);
+    __atomic_store_n(&As<JavaThread>(self).state, IN_JAVA, __ATOMIC_SEQ_CST);
     body();
-    __atomic_store_n(&At(self, &JavaThread::state), IN_NATIVE, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&As<JavaThread>(self).state, IN_NATIVE, __ATOMIC_SEQ_CST);
     anchor = sp;
 }
 
@@ -97,12 +97,12 @@ void OwnListOfLibraries() {
         nullptr);
 }
 
-// It takes no signal for so long, and is there for a moment when it does.
-void BlockSignals(int milliseconds) {
+// It takes no signal for longer than anybody waits for it, and is there for a moment when it does.
+void BlockSignals() {
     sigset_t all, old;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &old);
-    BusyAsJava(milliseconds);
+    BusyAsJava(150);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     BusyAsJava(1);
 }
@@ -121,7 +121,7 @@ __attribute__((noinline)) void WaitInVfork() {
 void ComeAndGo() {
     std::thread([] {
         const Attached visitor("visitor");
-        At(visitor.info->address, &JavaThread::state) = IN_JAVA;
+        visitor.info->Java().state = IN_JAVA;
         Busy(moments % 3);
     }).join();
 }
@@ -142,8 +142,7 @@ struct Moment {
 const Moment MOMENTS[] = {{"malloc", OwnMalloc},
                           {"log", OwnLog},
                           {"libraries", OwnListOfLibraries},
-                          {"blocked", [] { BlockSignals(150); }}, // longer than anybody waits for it
-                          {"late", [] { BlockSignals(5); }},
+                          {"blocked", BlockSignals},
                           {"vfork", [] { AsJava(WaitInVfork); }},
                           {"visitors", ComeAndGo}};
 
@@ -202,35 +201,3 @@ TEST_P(BadMoments, StopNobody) {
 
 INSTANTIATE_TEST_SUITE_P(Simvm, BadMoments, testing::ValuesIn(MOMENTS),
                          [](const auto &info) { return std::string(info.param.name); });
-
-// A thread that ran when the list was read and has turned idle when it is looked at again never counts; the
-// request ends all the same.
-TEST(RunningQueue, IsLeftWhenAThreadHasTurnedIdle) {
-    WithScene("shop", {}, [](Scene &) {
-        constexpr int ROUNDS = 60;
-        std::atomic<int> round{-1}, answered{-1};
-        std::atomic<bool> linked{false};
-        std::thread turner([&] {
-            const Attached self("turner");
-            linked = true;
-            for (int i = 0; i < ROUNDS; i++) {
-                SetStates(self.info, IN_JAVA, OS_RUNNABLE);
-                while (round < i) {
-                }
-                Busy(i % 12);
-                SetStates(self.info, BLOCKED, OS_SLEEPING);
-                while (answered < i)
-                    usleep(100);
-            }
-        });
-        while (!linked)
-            usleep(100);
-        for (int i = 0; i < ROUNDS; answered = i++) {
-            const time_t start = time(nullptr);
-            round = i;
-            Ask("521|showstack|32768");
-            EXPECT_LT(time(nullptr) - start, 30); // and not the time-out
-        }
-        turner.join();
-    });
-}

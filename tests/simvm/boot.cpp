@@ -80,22 +80,21 @@ void ArrangePlaces() {
 }
 
 void FillVtables() {
-    using K = KlassVtable;
-    using B = BlobVtable;
-#define ROW(kind, base, symbol, visibility, predicate, letter) {VT_##base, Place(&predicate)},
-    const std::pair<VtableKind, size_t> rows[] = {SIMVM_VTABLES(ROW)};
-#undef ROW
+    const std::pair<VtableKind, size_t> rows[] = {
+#define KIND(name, base, symbol, predicate, letter) {VT_##base, Place(&predicate)},
+#include "library_names.h"
+    };
     for (int kind = 0; kind < VTABLE_COUNT; kind++) {
         Word *table = vm.statics.vtables[kind], head = HeadOf(VtableKind(kind));
         table[0] = 0;
         std::fill(table + 1, table + VTABLE_WORDS, vm.statics.unasked);
-        const bool isBlob = kind >= VT_BUFFER_BLOB;
-        for (size_t at = isBlob ? 0 : Place(&K::isInstance), end = isBlob ? sizeof(B) : sizeof(K); at < end;
-             at += 8)
-            As<Word>(head + at) = vm.statics.isOther;
+        const bool isBlob = kind >= VT_BufferBlob;
+        const size_t from = isBlob ? 0 : Place(&KlassVtable::instance),
+                     end = isBlob ? sizeof(BlobVtable) : sizeof(KlassVtable);
+        std::fill(&As<Word>(head + from), &As<Word>(head + end), vm.statics.isOther);
         if (!isBlob)
-            At(head, &K::oopSize) = vm.statics.oopSize;
-        for (int of = kind; of != VT_KLASS; of = rows[of].first)
+            At(head, &KlassVtable::oopSize) = vm.statics.oopSize;
+        for (int of = kind; of != VT_Klass; of = rows[of].first)
             As<Word>(head + rows[of].second) = vm.statics.isOwn[of];
     }
 }
@@ -129,14 +128,12 @@ void Boot(const Options &options) {
 
 namespace {
 
-// The list as memory, from the description.
+// The list as memory, from the description; whole at each moment.
 void WriteList() {
-    Word *link = vm.statics.threadList;
-    for (ThreadInfo *thread : vm.threads) {
-        __atomic_store_n(link, thread->address, __ATOMIC_RELEASE);
-        link = &At(thread->address, &JavaThread::next);
-    }
-    __atomic_store_n(link, 0, __ATOMIC_RELEASE);
+    Word next = 0;
+    for (auto at = vm.threads.rbegin(); at != vm.threads.rend(); next = (*at++)->address)
+        (*at)->Java().next = next;
+    __atomic_store_n(vm.statics.threadList, next, __ATOMIC_RELEASE);
 }
 
 } // namespace
@@ -148,34 +145,27 @@ ThreadInfo *NewThread(const std::string &name) {
     auto *thread = new ThreadInfo{name, Allocate(sizeof(JavaThread)), Allocate(sizeof(OSThread)), object};
     thread->objects = {object, chars};
     Set(object, "eetop", thread->address);
-    for (Word JavaThread::*member :
-         {&JavaThread::pendingException, &JavaThread::handleArea, &JavaThread::next, &JavaThread::anchorSp,
-          &JavaThread::anchorPc, &JavaThread::anchorFlags, &JavaThread::anchorFp, &JavaThread::vmResult,
-          &JavaThread::vmResult2, &JavaThread::monitorChunks, &JavaThread::asyncException,
-          &JavaThread::safepointState, &JavaThread::exceptionOop, &JavaThread::privilegedStack,
-          &JavaThread::activeHandles})
-        At(thread->address, member) = 0;
-    At(thread->address, &JavaThread::osThread) = thread->osThread;
-    At(thread->address, &JavaThread::threadObj) = object->address;
+    memset(&As<char>(thread->address), 0, sizeof(JavaThread));
+    thread->Java().osThread = thread->osThread;
+    thread->Java().threadObj = object->address;
     SetStates(thread, IN_VM, OS_INITIALIZED);
     EnvOf(thread);
     return thread;
 }
 
 void SetStates(ThreadInfo *thread, ThreadState state, OsState osState) {
-    At(thread->osThread, &OSThread::state) = osState;
-    At(thread->address, &JavaThread::state) = state;
+    thread->Os().state = osState;
+    thread->Java().state = state;
 }
 
 void LinkThread(ThreadInfo *thread) {
     const Locked held(vm.lock);
     thread->kernelId = int32_t(syscall(SYS_gettid));
-    At(thread->osThread, &OSThread::kernelId) = thread->kernelId;
-    At(thread->osThread, &OSThread::pthreadId) = Word(pthread_self());
-    At(thread->address, &JavaThread::threadObj) = thread->object->address; // it may have moved meanwhile
-    At(thread->address, &JavaThread::next) = vm.threads.empty() ? 0 : vm.threads[0]->address;
+    thread->Os().kernelId = thread->kernelId;
+    thread->Os().pthreadId = Word(pthread_self());
+    thread->Java().threadObj = thread->object->address; // it may have moved meanwhile
     vm.threads.insert(vm.threads.begin(), thread);
-    __atomic_store_n(vm.statics.threadList, thread->address, __ATOMIC_RELEASE);
+    WriteList();
 }
 
 void UnlinkThread(ThreadInfo *thread) {

@@ -21,17 +21,6 @@ void Assembler::EmitWords(const char *text, const std::vector<Word> &values) {
                 code.push_back(char(std::stoi(word.substr(i, 2), nullptr, 16)));
 }
 
-void Assembler::JumpBack(int opcode, size_t to) {
-    code.push_back(char(opcode));
-    code.push_back(char(to - code.size() - 1));
-}
-
-size_t Assembler::JumpOn(int opcode) {
-    code.push_back(char(opcode));
-    code.push_back(0);
-    return code.size();
-}
-
 namespace {
 
 constexpr size_t CODE_BYTES = 16 << 20, INTERPRETER_BYTES = 1 << 20;
@@ -65,17 +54,9 @@ size_t Align8(size_t bytes) {
     return (bytes + 7) & ~size_t(7);
 }
 
-// The code with the pc that CallOut left open, now that its place is known.
-std::string CodeAt(const Assembler &a, Word start) {
-    std::string code = a.code;
-    const Word pc = start + a.pc;
-    return a.pcAt ? code.replace(a.pcAt, 8, reinterpret_cast<const char *>(&pc), 8) : code;
-}
-
 // A blob of code.
 Word Finish(BlobParts parts, const Assembler &a) {
-    const Word blob = cacheNext + sizeof(HeapBlock); // where NewBlob will put it
-    parts.code = CodeAt(a, blob + sizeof(Blob));
+    parts.code = a.code;
     return EntryOf(NewBlob(parts));
 }
 
@@ -84,31 +65,22 @@ Word PlaceInterpreted(const Assembler &a) {
     interpreterNext += (a.code.size() + 15) & ~size_t(15);
     if (interpreterNext > interpreterEnd)
         Fail("the interpreter has no more room");
-    Copy(at, CodeAt(a, at));
+    Copy(at, a.code);
     return at;
 }
 
 // ---- stubs and adapters: frames between Java frames that aren't any themselves
 
-// Calls C with the thread's anchor set to the frame that runs: fp and pc first, as a reader asks for sp. The
-// pc may be left out, when it is found below sp; sp may bear flags in its low bits.
+// Calls C with the thread's anchor set to the frame that runs: fp first, as a reader asks for sp. The pc is
+// left out, as it is below sp; sp bears a flag in its low bits.
 void CallOut(Assembler *a, void (*function)(), Word argument, ThreadState state) {
-    constexpr char STORE_RAX_IN_THREAD[] = "498987 d";
-    const bool withPc = randomWords() % 2;
-    a->Emit("4989af d", Place(&JavaThread::anchorFp)); // rbp
-    a->Emit(LOAD, 0);
-    const size_t pcAt = a->code.size() - 8;
-    a->Emit(STORE_RAX_IN_THREAD, Place(&JavaThread::anchorPc));
-    const char *const SP_WITH_FLAGS[] = {"4889e0 4883c800", "4889e0 4883c801", "4889e0 4883c802"}; // mov, or
-    a->Emit(SP_WITH_FLAGS[randomWords() % 3]);
-    a->Emit(STORE_RAX_IN_THREAD, Place(&JavaThread::anchorSp));
-    a->Emit("41c787 d d", Place(&JavaThread::state), state);
+    a->Emit("4989af d", offsetof(JavaThread, anchorFp));                 // rbp
+    a->Emit("4889e0 4883c801 498987 d", offsetof(JavaThread, anchorSp)); // mov rax, rsp; or rax, 1
+    a->Emit("41c787 d d", offsetof(JavaThread, state), state);
     a->Emit("4c89ff 48be q", argument); // mov rdi, r15; mov rsi, argument
     a->Emit(CALL, function);
-    if (withPc)
-        a->pcAt = pcAt, a->pc = a->code.size();
-    a->Emit("41c787 d d", Place(&JavaThread::state), IN_JAVA);
-    a->Emit("49c787 d d", Place(&JavaThread::anchorSp), 0);
+    a->Emit("41c787 d d", offsetof(JavaThread, state), IN_JAVA);
+    a->Emit("49c787 d d", offsetof(JavaThread, anchorSp), 0);
 }
 
 // A frame of compiled code. The server compiler saves the frame pointer and uses the register for something
@@ -164,7 +136,7 @@ Word EmitI2C(Word target) {
     } else
         a.Emit("55 4889e5 4883e4f0 48b8 q ffd0 c9 c3",
                target); // push rbp; mov rbp, rsp; and rsp; call; leave; ret
-    return Finish(StubParts(VT_I2C, WORDS, LINK), a);
+    return Finish(StubParts(VT_I2CAdapter, WORDS, LINK), a);
 }
 
 // A frame of a stub or adapter around what `body` emits.
@@ -176,14 +148,6 @@ Word EmitStub(VtableKind kind, int words, const Body &body) {
     body(&a);
     Return(&a, words, link);
     return Finish(parts, a);
-}
-
-// One that leaves the frame pointer alone.
-Word EmitBareStub(Word target) {
-    constexpr int WORDS = 4;
-    Assembler a;
-    a.Emit("4881ec d 48b8 q ffd0 4881c4 d c3", 8 * (WORDS - 1), target, 8 * (WORDS - 1));
-    return Finish({VT_RUNTIME_STUB, "", WORDS}, a);
 }
 
 // On top of its frame: return pc, the interpreter's fp, the sender's sp.
@@ -199,12 +163,12 @@ Word EmitOsrAdapter(Word target) {
         a.Emit("5a 5d 59 4889d4 ffe1"); // pop rdx, rbp, rcx; mov rsp, rdx; jmp rcx
     } else                              // below its fp: the sender's sp
         a.Emit("55 4889e5 488d4510 50 4883e4f0 48b8 q ffd0 c9 c3", target);
-    return Finish({VT_OSR, "", WORDS}, a);
+    return Finish({VT_OSRAdapter, "", WORDS}, a);
 }
 
 // How compiled code calls C.
 Word EmitRuntimeStub(void (*function)(), Word argument) {
-    return EmitStub(VT_RUNTIME_STUB, 4, [&](Assembler *a) { CallOut(a, function, argument, IN_VM); });
+    return EmitStub(VT_RuntimeStub, 4, [&](Assembler *a) { CallOut(a, function, argument, IN_VM); });
 }
 
 void EmitCallStub() {
@@ -217,7 +181,7 @@ void EmitCallStub() {
     a.Emit("4989d7 4989ce ffd7");                           // mov r15, rdx; mov r14, rcx; call rdi
     const size_t back = a.code.size();
     a.Emit(AT_THE_END);
-    callStub = Finish({VT_BUFFER_BLOB, ""}, a);
+    callStub = Finish({VT_BufferBlob, ""}, a);
     *vm.statics.callStubReturn = callStub + back;
 }
 
@@ -228,16 +192,17 @@ Word NewBlob(const BlobParts &parts) {
                  scopes = oops + 8 * parts.oops.size(), pc = scopes + Align8(parts.scopes.size()),
                  end = pc + sizeof(PcDesc);
     const Word blob = AllocateBlock(end);
-    As<Blob>(blob).vtable = HeadOf(parts.kind);
-    As<Blob>(blob).size = end;
-    As<Blob>(blob).codeOffset = code;
-    As<Blob>(blob).oopsOffset = oops;
-    As<Blob>(blob).oopCount = parts.oops.size();
-    As<Blob>(blob).frameWords = parts.words;
-    As<Blob>(blob).linkOffset = parts.link;
-    As<Blob>(blob).oopMaps = parts.oopMaps;
-    As<Blob>(blob).scopesOffset = scopes;
-    As<Blob>(blob).pcDescCache = blob + pc;
+    auto &made = As<Blob>(blob);
+    made.vtable = HeadOf(parts.kind);
+    made.size = end;
+    made.codeOffset = code;
+    made.oopsOffset = oops;
+    made.oopCount = parts.oops.size();
+    made.frameWords = parts.words;
+    made.linkOffset = parts.link;
+    made.oopMaps = parts.oopMaps;
+    made.scopesOffset = scopes;
+    made.pcDescCache = blob + pc;
     As<PcDesc>(blob + pc) = {0, parts.scope};
     Copy(blob + code, parts.code);
     Copy(blob + scopes, parts.scopes);
@@ -248,18 +213,6 @@ Word NewBlob(const BlobParts &parts) {
 
 Word EntryOf(Word blob) {
     return blob + As<Blob>(blob).codeOffset;
-}
-
-Word EmitLinked() {
-    Assembler a;
-    a.Emit("55 4889e5 b9 d", 1'000'000); // push rbp; mov rbp, rsp; mov ecx, n
-    const size_t loop = a.code.size();
-    a.Emit("ffc9"); // dec ecx
-    a.JumpBack(JUMP_UNEQUAL, loop);
-    a.Emit("5d c3"); // pop rbp; ret
-    const Word code = Map(4096, false, PROT_EXEC);
-    Copy(code, a.code);
-    return code;
 }
 
 const std::vector<std::pair<Word, Word>> &OopTables() {
@@ -281,12 +234,13 @@ void BootCode() {
     cacheMap = Map(CODE_BYTES / SEGMENT, false);
     memset(&As<char>(cacheMap), FREE_SEGMENT, CODE_BYTES / SEGMENT);
     const Word heap = *vm.statics.codeHeap = Allocate(sizeof(CodeHeap));
-    As<CodeHeap>(heap).low = As<CodeHeap>(heap).lowBoundary = cacheLow;
-    As<CodeHeap>(heap).high = As<CodeHeap>(heap).highBoundary = cacheLow + CODE_BYTES;
-    At(heap, &CodeHeap::mapLow) = cacheMap;
-    At(heap, &CodeHeap::log2SegmentSize) = LOG2_SEGMENT;
+    auto &made = As<CodeHeap>(heap);
+    made.low = made.lowBoundary = cacheLow;
+    made.high = made.highBoundary = cacheLow + CODE_BYTES;
+    made.mapLow = cacheMap;
+    made.log2SegmentSize = LOG2_SEGMENT;
     EmitCallStub();
-    Word interpreter = NewBlob({VT_BUFFER_BLOB, std::string(INTERPRETER_BYTES, char(0xcc))});
+    Word interpreter = NewBlob({VT_BufferBlob, std::string(INTERPRETER_BYTES, char(0xcc))});
     interpreterNext = EntryOf(interpreter);
     interpreterEnd = interpreterNext + INTERPRETER_BYTES;
     const Word queue = *vm.statics.interpreterCode = Allocate(sizeof(StubQueue));
@@ -295,7 +249,7 @@ void BootCode() {
     safepointStub = EmitRuntimeStub(reinterpret_cast<void (*)()>(&SimvmSafepoint), 0);
     constexpr int SPECIAL_BLOB = 31;
     if (vm.statics.runtimeBlobs)
-        vm.statics.runtimeBlobs[SPECIAL_BLOB] = NewBlob({VT_BUFFER_BLOB, std::string(64, char(0xcc))});
+        vm.statics.runtimeBlobs[SPECIAL_BLOB] = NewBlob({VT_BufferBlob, std::string(64, char(0xcc))});
 }
 
 // Frames of scripts: interpreted ones and compiled ones, and how each reaches the next.
@@ -336,7 +290,7 @@ Word EmitCallingOut(const Scope &scope, void (*function)(), Word argument, Threa
 
 // A compiled frame around what `body` emits.
 Word EmitCompiled(const std::vector<Scope> &scopes, const Body &body) {
-    BlobParts parts = {VT_NMETHOD, ""};
+    BlobParts parts = {VT_nmethod, ""};
     for (const Scope &scope : scopes)
         parts.words += CompiledSlots(scope);
     parts.words = (parts.words + 3) & ~1;
@@ -358,17 +312,15 @@ void EmitLoop(Assembler *a, Word callee) {
     a->Emit("49ff4608"); // inc [r14 + laps]
     if (callee)
         a->Emit(CALL, callee);
-    a->Emit("48b8 q 833800", &safepointAsked); // cmp [rax], 0
-    const size_t on = a->JumpOn(JUMP_EQUAL);
+    a->Emit("48b8 q 833800 740c", &safepointAsked); // cmp [rax], 0; je over the call
     a->Emit(CALL, safepointStub);
-    a->Land(on);
-    a->Emit("41833e00"); // cmp [r14 + leave], 0
-    a->JumpBack(JUMP_EQUAL, loop);
+    a->Emit("41833e00 74"); // cmp [r14 + leave], 0; je loop
+    a->code.push_back(char(loop - a->code.size() - 1));
 }
 
 // A compiled leaf. The server's leaves the frame pointer alone, so that no link is known for it.
 Word EmitLeaf(Scope scope, bool loops) {
-    BlobParts parts = {VT_NMETHOD, "", 2};
+    BlobParts parts = {VT_nmethod, "", 2};
     if (CompiledSlots(scope))
         scope.variables.clear();
     WriteScopes(&parts, {{scope.method, scope.bci, nullptr, {}, scope.variables}});
@@ -387,10 +339,10 @@ Word EmitResting(Script *script) {
     const auto rest = reinterpret_cast<void (*)()>(&SimvmRest);
     if (!IsCompiled(frame.kind))
         return EmitCallingOut(scope, rest, 0, frame.kind == FrameKind::NATIVE ? IN_NATIVE : IN_VM);
-    if (script->rest == Rest::SPIN && frame.scopes.size() == 1 && CompiledSlots(scope) == 0 && !frame.callee)
+    if (script->rest == Rest::SPIN && frame.scopes.size() == 1 && CompiledSlots(scope) == 0)
         return EmitLeaf(scope, true);
     const Word callee =
-        script->rest == Rest::SPIN ? frame.callee
+        script->rest == Rest::SPIN ? 0
         : script->rest == Rest::CALLS
             ? EmitCompiled({scope}, [&](Assembler *a) { a->Emit(CALL, EmitLeaf(scope, false)); })
             : EmitRuntimeStub(rest, 0);
@@ -406,7 +358,7 @@ Word Reach(FrameKind caller, FrameKind callee, Word entry) {
     if (IsCompiled(caller) == IsCompiled(callee))
         return entry;
     return IsCompiled(callee) ? EmitI2C(entry)
-                              : EmitStub(VT_C2I, 6, [&](Assembler *a) { a->Emit(CALL, entry); });
+                              : EmitStub(VT_C2IAdapter, 6, [&](Assembler *a) { a->Emit(CALL, entry); });
 }
 
 // A second place for the frame's code; its thread's safepoint record tells of it.
@@ -426,8 +378,6 @@ Word EmitCaller(const Frame &frame, FrameKind callee, Word entry) {
         return EmitCallingOut(frame.scopes[0], reinterpret_cast<void (*)()>(&SimvmEnter), entry, IN_NATIVE);
     const Word target = Reach(frame.kind, callee, entry);
     const auto call = [&](Assembler *a) { a->Emit(CALL, target); };
-    if (frame.kind == FrameKind::STUB)
-        return vm.statics.server ? EmitBareStub(target) : EmitStub(VT_RUNTIME_STUB, 4, call);
     return IsCompiled(frame.kind) ? EmitCompiled(frame.scopes, call) : EmitInterpreted(frame.scopes[0], call);
 }
 

@@ -30,16 +30,14 @@ enum class FrameKind {
     COMPILED,
     OSR,    // compiled, entered in mid-loop from the interpreter
     NATIVE, // an interpreted native method; the only kind that can enter Java again
-    STUB,   // a runtime stub, on servers without a known link; no Java frame, not the last one
 };
 struct Frame {
     FrameKind kind;
-    std::vector<Scope> scopes; // outermost first; one but in compiled frames, none in stubs
+    std::vector<Scope> scopes; // outermost first; one but in compiled frames
     bool inCopy = false;       // runs in the thread's copy of its code
-    Word callee = 0;           // of one that spins: what it calls in each lap
 };
 
-enum class Rest { PIPE, ACCEPT, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
+enum class Rest { PIPE, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
 inline bool Loops(Rest rest) {
     return rest == Rest::SPIN || rest == Rest::CALLS;
 }
@@ -77,8 +75,6 @@ struct Control {
 };
 extern int32_t safepointAsked;
 
-// Code that isn't the VM's, with a frame pointer: it counts to a million.
-Word EmitLinked();
 // The code blob around an address, for tests that spoil it: 0 if there is none.
 Word BlobOf(Word pc);
 // The blobs' tables of oops, each from its first word to the end.
@@ -90,21 +86,14 @@ const std::vector<std::pair<Word, Word>> &OopTables();
 // JavaThread, r14: Control.
 struct Assembler {
     std::string code;
-    size_t pcAt = 0,
-           pc = 0; // where the absolute address of a place in the code goes, and that place; 0: nowhere
 
     template <class... T>
     void Emit(const char *text, T... values) {
         EmitWords(text, {Word(values)...});
     }
     void EmitWords(const char *text, const std::vector<Word> &values);
-    // A short jump back to a place, or on to one that Land fixes.
-    void JumpBack(int opcode, size_t to);
-    size_t JumpOn(int opcode);
-    void Land(size_t jump) { code[jump - 1] = char(code.size() - jump); }
 };
 
-constexpr int JUMP_EQUAL = 0x74, JUMP_UNEQUAL = 0x75;
 constexpr char CALL[] = "48b8 q ffd0", LOAD[] = "48b8 q", // rax
     LOAD_FROM[] = "48b8 q 488b00",                        // rax: the word in that cell when it runs
     SUB_RSP[] = "4881ec d", ADD_RSP[] = "4881c4 d",       // bytes

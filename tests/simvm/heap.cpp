@@ -57,10 +57,10 @@ void LayOutGenerations() {
         *vm.statics.psYoung = NewYoung<ParallelGeneration, ParallelSpace>();
         return;
     }
-    const Word holder = At(vm.heap, &CollectedHeap::perm) = Allocate(sizeof(PermGenerations));
+    const Word holder = vm.heap->perm = Allocate(sizeof(PermGenerations));
     At(holder, &PermGenerations::generation) = NewSerial(&vm.perm, 'P', PERM);
-    At(vm.heap, &CollectedHeap::old) = NewSerial(&vm.old, 'O', OLD);
-    At(vm.heap, &CollectedHeap::young) = NewYoung<YoungGeneration, Space>();
+    vm.heap->old = NewSerial(&vm.old, 'O', OLD);
+    vm.heap->young = NewYoung<YoungGeneration, Space>();
 }
 
 // One byte; what follows is another variable's.
@@ -71,9 +71,9 @@ Word Flag(bool value) {
 } // namespace
 
 void LayOutHeap() {
-    vm.heap = Allocate(sizeof(CollectedHeap));
-    *vm.statics.collectedHeap = vm.heap;
-    At(vm.heap, &CollectedHeap::collecting) = 0;
+    *vm.statics.collectedHeap = Allocate(sizeof(CollectedHeap));
+    vm.heap = &As<CollectedHeap>(*vm.statics.collectedHeap);
+    vm.heap->collecting = 0;
     LayOutGenerations();
     *vm.statics.useParallel = Flag(vm.options.collector == Collector::PARALLEL);
     *vm.statics.useConcurrent = Flag(vm.options.collector == Collector::CONCURRENT);
@@ -93,9 +93,9 @@ std::array<HeapSpace *, 5> Spaces() {
 
 HeapSpace &SpaceOf(char letter) {
     for (HeapSpace *space : Spaces())
-        if (space->letter == letter || (letter == 'O' && space == &vm.old))
+        if (space->letter == letter)
             return *space;
-    Fail("no such space");
+    return vm.old; // of either kind
 }
 
 Word AllocateObject(HeapSpace *space, int64_t bytes) {
@@ -128,8 +128,6 @@ void WriteChunk(Word at, Word words) {
 }
 
 void SetTop(HeapSpace *space, Word top) {
-    if (top > space->end)
-        Fail("a space of the heap is full");
     space->top = top;
     if (vm.options.collector == Collector::PARALLEL)
         At(space->structure, &ParallelSpace::top) = top;
@@ -152,14 +150,14 @@ Word FreeAbove(const HeapSpace &space) {
 
 void SetCollections(const CollectionFigures &figures) {
     vm.collections = figures;
-    At(vm.heap, &CollectedHeap::collections) = figures.minor + figures.major;
+    vm.heap->collections = figures.minor + figures.major;
     if (vm.options.collector == Collector::PARALLEL) {
         *vm.statics.psMajorCollections = (POISON_WORD << 32) | uint32_t(figures.major);
         *vm.statics.psMinorTime = figures.minorTime;
         *vm.statics.psMajorTime = figures.majorTime;
         return;
     }
-    Word young = At(vm.heap, &CollectedHeap::young), old = At(vm.heap, &CollectedHeap::old);
+    Word young = vm.heap->young, old = vm.heap->old;
     At(young, &YoungGeneration::collections) = figures.minor;
     At(young, &YoungGeneration::accumulatedTime) = figures.minorTime;
     At(old, &Generation::collections) = figures.major;
@@ -189,35 +187,26 @@ Object *AnyMade() {
 // ---- objects
 // -----------------------------------------------------------------------------------------------
 
-Object *NewItem(char space) {
-    static const char *const NAMES[] = {"heap/Item", "heap/Special", "heap/Empty"};
-    const std::string name = NAMES[random() % 3];
-    Fields fields;
-    if (name != "heap/Empty")
-        fields = {{"size", int32_t(random())}, {"price", random() / 7.0}, {"next", AnyMade()}};
-    if (name == "heap/Special")
-        fields.push_back({"first", AnyMade()});
-    return New(name, fields, space);
-}
-
-Object *NewAnyArray(char space) {
-    static const char *const SIGNATURES[] = {"[Z", "[B", "[C",  "[S",  "[I",
-                                             "[J", "[D", "[[I", "[[J", "[Ljava/lang/Object;"};
-    const std::string signature = SIGNATURES[random() % 10];
-    std::vector<Value> values(random() % 3 ? random() % 40 : 0);
-    for (Value &value : values)
-        value = signature[1] != 'L' && signature[1] != '[' ? Value(int64_t(random()) << 20)
-                : random() % 4                             ? AnyMade()
-                                                           : nullptr;
-    return NewArray(signature, values, space);
-}
-
 void AddObjects(HeapSpace *space, int64_t count) {
+    static const char *const SIGNATURES[] = {"[Z", "[C", "[I", "[J", "[[I", "[Ljava/lang/Object;"};
     for (; count > 0; count--) {
-        const unsigned kind = random() % 5;
-        made.push_back(kind < 2    ? NewItem(space->letter)
-                       : kind == 2 ? NewString("text " + std::to_string(random()), space->letter)
-                                   : NewAnyArray(space->letter));
+        const Fields fields = {{"size", int32_t(random())}, {"price", random() / 7.0}, {"next", AnyMade()}};
+        const char *const signature = SIGNATURES[random() % 6];
+        const std::vector<Value> values(random() % 40, strlen(signature) > 2 ? AnyMade() : Value(random()));
+        switch (random() % 4) {
+        case 0:
+            made.push_back(New("heap/Empty", {}, space->letter));
+            break;
+        case 1:
+            made.push_back(New("heap/Special", fields, space->letter));
+            Set(made.back(), "first", AnyMade());
+            break;
+        case 2:
+            made.push_back(NewString("text " + std::to_string(random()), space->letter));
+            break;
+        default:
+            made.push_back(NewArray(signature, values, space->letter));
+        }
     }
 }
 
@@ -232,12 +221,12 @@ void AddOddArray(HeapSpace *space, int64_t length) {
 }
 
 void AddVmKinds(HeapSpace *space, int64_t) {
-    for (const VtableKind kind : {VT_POOL_CACHE, VT_IC_HOLDER, VT_METHOD_DATA, VT_ARRAY_KLASS_KLASS}) {
+    for (const VtableKind kind : {VT_constantPoolCache, VT_compiledICHolder, VT_methodData, VT_arrayKlass}) {
         const Word at = AllocateObject(space, sizeof(Klass) + 8 * kind);
         As<Oop>(at) = {UNMARKED, vm.kindKlass[kind]};
-        if (kind != VT_ARRAY_KLASS_KLASS)
+        if (kind != VT_arrayKlass)
             continue;
-        At(at, &Klass::vtable) = HeadOf(VT_ARRAY);
+        At(at, &Klass::vtable) = HeadOf(VT_array);
         At(at, &Klass::name) = Intern("heap/AnyArray");
     }
     for (const char *text : {"", "a|b", "two\nlines", "caf\xc3\xa9\x01\x7f~"})

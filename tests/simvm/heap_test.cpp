@@ -12,7 +12,7 @@ static std::atomic<int> copies{1};
 extern "C" int __clone(int (*)(void *), void *, int, void *, ...) noexcept;
 extern "C" int clone(int (*body)(void *), void *stack, int flags, void *argument, ...) noexcept {
     const bool collects = copies++ == 0;
-    auto &collecting = At(vm.heap, &CollectedHeap::collecting);
+    auto &collecting = vm.heap->collecting;
     if (collects)
         collecting = 1;
     const int pid = __clone(body, stack, flags, argument);
@@ -109,7 +109,7 @@ TEST(HeapUse, FollowsTheFromSpaceAndIsToldWithEachRefusal) {
         New("java/lang/Object", {}, 'F');
         Collect();
         EXPECT_EQ(Untimed(Ask("1|showmem|512|")), TableText() + CollectionsText());
-        auto &collecting = At(vm.heap, &CollectedHeap::collecting);
+        auto &collecting = vm.heap->collecting;
         collecting = 1;
         const std::string refused = Ask("2|showqor|128|");
         collecting = 0;

@@ -16,6 +16,7 @@ JNIInvokeInterface_ invocation;
 JavaVM_ javaVm;
 std::function<std::string(const JavaCall &)> javaSide;
 thread_local std::deque<Object> locals;
+thread_local ThreadInfo *caller; // of the function that runs
 
 template <int SLOT>
 void Unasked() {
@@ -38,7 +39,7 @@ ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
     Fail("JNI was called with an environment that isn't the thread's");
 }
 
-using Method = Word (*)(ThreadInfo *caller, va_list arguments);
+using Method = Word (*)(va_list arguments);
 
 // What a reference or an id stands for.
 template <class T>
@@ -55,12 +56,13 @@ auto Described(T argument) {
         return argument;
 }
 
-// A function of the table, which gets its caller and the descriptions of its arguments.
+// A function of the table, which gets the descriptions of its arguments.
 template <bool WITH_EXCEPTION = false, class BODY, class RESULT, class... ARGUMENTS>
 void Fill(RESULT (*&slot)(JNIEnv *, ARGUMENTS...), BODY function) {
     static const BODY body = function;
     slot = [](JNIEnv *env, ARGUMENTS... arguments) -> RESULT {
-        return RESULT(body(Caller(env, WITH_EXCEPTION), Described(arguments)...));
+        caller = Caller(env, WITH_EXCEPTION);
+        return RESULT(body(Described(arguments)...));
     };
 }
 
@@ -71,48 +73,43 @@ Object *Beside(size_t length, const std::string &text = "") {
     return &locals.back();
 }
 
-std::nullptr_t Throw(ThreadInfo *caller) {
+std::nullptr_t Throw() {
     caller->exceptionPending = true;
     return nullptr;
 }
 
 void FillReferences() {
-    Fill(table.PushLocalFrame, [](ThreadInfo *, jint) { return 0; });
-    Fill<true>(table.PopLocalFrame, [](ThreadInfo *, Object *result) { return result; });
-    Fill(table.NewGlobalRef, [](ThreadInfo *, Object *of) { return of; });
-    Fill(table.NewLocalRef, [](ThreadInfo *, Object *of) { return of; });
-    Fill<true>(table.DeleteGlobalRef, [](ThreadInfo *, Object *) {});
-    Fill<true>(table.DeleteLocalRef, [](ThreadInfo *, Object *) {});
-    Fill(table.IsSameObject, [](ThreadInfo *, Object *one, Object *other) { return one == other; });
-    Fill<true>(table.ExceptionOccurred,
-               [](ThreadInfo *caller) { return caller->exceptionPending ? &javaVm : nullptr; });
-    Fill<true>(table.ExceptionCheck, [](ThreadInfo *caller) { return caller->exceptionPending; });
-    Fill<true>(table.ExceptionClear, [](ThreadInfo *caller) { caller->exceptionPending = false; });
+    Fill(table.PushLocalFrame, [](jint) { return 0; });
+    Fill<true>(table.PopLocalFrame, [](Object *result) { return result; });
+    Fill(table.NewGlobalRef, [](Object *of) { return of; });
+    Fill<true>(table.DeleteGlobalRef, [](Object *) {});
+    Fill<true>(table.DeleteLocalRef, [](Object *) {});
+    Fill(table.IsSameObject, [](Object *one, Object *other) { return one == other; });
+    Fill<true>(table.ExceptionOccurred, []() { return caller->exceptionPending ? &javaVm : nullptr; });
+    Fill<true>(table.ExceptionCheck, []() { return caller->exceptionPending; });
+    Fill<true>(table.ExceptionClear, []() { caller->exceptionPending = false; });
     table.ExceptionDescribe = table.ExceptionClear;
 }
 
 void FillArrays() {
-    Fill(table.NewObjectArray, [](ThreadInfo *, jsize length, Class *, Object *) { return Beside(length); });
-    Fill(table.NewLongArray, [](ThreadInfo *, jsize length) { return Beside(length); });
-    Fill(table.NewByteArray, [](ThreadInfo *, jsize length) { return Beside(0, std::string(length, 0)); });
-    Fill(table.GetArrayLength, [](ThreadInfo *, Object *array) { return array->values.size(); });
-    Fill(table.GetCharArrayRegion, [](ThreadInfo *, Object *array, jsize start, jsize length, jchar *out) {
+    Fill(table.NewObjectArray, [](jsize length, Class *, Object *) { return Beside(length); });
+    Fill(table.NewLongArray, [](jsize length) { return Beside(length); });
+    Fill(table.NewByteArray, [](jsize length) { return Beside(0, std::string(length, 0)); });
+    Fill(table.GetArrayLength, [](Object *array) { return array->values.size(); });
+    Fill(table.GetCharArrayRegion, [](Object *array, jsize start, jsize length, jchar *out) {
         for (jsize i = 0; i < length; i++)
             out[i] = jchar(array->values.at(start + i).number);
     });
     Fill(table.GetObjectArrayElement,
-         [](ThreadInfo *, Object *array, jsize index) { return array->values.at(index).object; });
-    Fill(table.SetObjectArrayElement, [](ThreadInfo *, Object *array, jsize index, Object *element) {
-        array->values.at(index) = element;
+         [](Object *array, jsize index) { return array->values.at(index).object; });
+    Fill(table.SetObjectArrayElement,
+         [](Object *array, jsize index, Object *element) { array->values.at(index) = element; });
+    Fill(table.SetLongArrayRegion, [](Object *array, jsize start, jsize length, const jlong *from) {
+        std::copy_n(from, length, array->values.begin() + start);
     });
-    Fill(table.SetLongArrayRegion,
-         [](ThreadInfo *, Object *array, jsize start, jsize length, const jlong *from) {
-             std::copy_n(from, length, array->values.begin() + start);
-         });
-    Fill(table.SetByteArrayRegion,
-         [](ThreadInfo *, Object *array, jsize start, jsize length, const jbyte *from) {
-             array->text.replace(start, length, reinterpret_cast<const char *>(from), length);
-         });
+    Fill(table.SetByteArrayRegion, [](Object *array, jsize start, jsize length, const jbyte *from) {
+        array->text.replace(start, length, reinterpret_cast<const char *>(from), length);
+    });
 }
 
 // ---- methods
@@ -122,7 +119,7 @@ Word Reference(T *to) {
     return reinterpret_cast<Word>(to);
 }
 
-Word Enumerate(ThreadInfo *, va_list arguments) {
+Word Enumerate(va_list arguments) {
     const Locked held(vm.lock);
     std::vector<Value> &into = va_arg(arguments, Object *)->values;
     const size_t count = std::min(into.size(), vm.threads.size());
@@ -131,74 +128,63 @@ Word Enumerate(ThreadInfo *, va_list arguments) {
     return count;
 }
 
-Word CallJavaSide(ThreadInfo *caller, va_list arguments) {
+Word CallJavaSide(va_list arguments) {
     JavaCall call = {va_arg(arguments, Object *), nullptr, 0, 0};
     va_arg(arguments, Object *); // ids
     call.texts = va_arg(arguments, Object *);
     call.count = va_arg(arguments, jint);
     call.withSystem = va_arg(arguments, jint);
     if (!javaSide)
-        return Throw(caller), 0;
+        return Throw(), 0;
     return Reference(Beside(0, javaSide(call)));
 }
 
 const std::map<std::string, Method> METHODS = {
-    {"currentThread()Ljava/lang/Thread;",
-     [](ThreadInfo *caller, va_list) { return Reference(caller->object); }},
-    {"getThreadGroup()Ljava/lang/ThreadGroup;",
-     [](ThreadInfo *, va_list) { return Reference(vm.threadGroup); }},
-    {"getParent()Ljava/lang/ThreadGroup;", [](ThreadInfo *, va_list) { return Word(0); }},
-    {"activeCount()I", [](ThreadInfo *, va_list) { return Word(vm.threads.size()); }},
+    {"currentThread()Ljava/lang/Thread;", [](va_list) { return Reference(caller->object); }},
+    {"getThreadGroup()Ljava/lang/ThreadGroup;", [](va_list) { return Reference(vm.threadGroup); }},
+    {"getParent()Ljava/lang/ThreadGroup;", [](va_list) { return Word(0); }},
+    {"activeCount()I", [](va_list) { return Word(vm.threads.size()); }},
     {"enumerate([Ljava/lang/Thread;)I", Enumerate},
     {"cjavacalls([Ljava/lang/Object;[J[Ljava/lang/String;III)Ljava/lang/String;", CallJavaSide},
     {"<init>([BI)V", // of String: long replies go over as bytes
-     [](ThreadInfo *, va_list arguments) {
-         return Reference(Beside(0, va_arg(arguments, Object *)->text));
-     }}};
+     [](va_list arguments) { return Reference(Beside(0, va_arg(arguments, Object *)->text)); }}};
 
 void FillClasses() {
-    const auto call = [](ThreadInfo *caller, auto *, Method method, va_list arguments) {
-        return method(caller, arguments);
-    };
+    const auto call = [](auto *, Method method, va_list arguments) { return method(arguments); };
     Fill(table.CallStaticObjectMethodV, call);
     Fill(table.CallObjectMethodV, call);
     Fill(table.CallIntMethodV, call);
     Fill(table.NewObjectV, call);
-    Fill(table.FindClass, [](ThreadInfo *caller, const char *name) -> Class * {
+    Fill(table.FindClass, [](const char *name) -> Class * {
         Class *found = FindClass(name);
-        return found ? found : Throw(caller);
+        return found ? found : Throw();
     });
-    Fill(table.GetObjectClass, [](ThreadInfo *, Object *of) { return of->type; });
-    Fill(table.GetMethodID,
-         [](ThreadInfo *caller, Class *, const char *name, const char *signature) -> const Method * {
-             const auto found = METHODS.find(name + std::string(signature));
-             return found == METHODS.end() ? Throw(caller) : &found->second;
-         });
+    Fill(table.GetObjectClass, [](Object *of) { return of->type; });
+    Fill(table.GetMethodID, [](Class *, const char *name, const char *signature) -> const Method * {
+        const auto found = METHODS.find(name + std::string(signature));
+        return found == METHODS.end() ? Throw() : &found->second;
+    });
     table.GetStaticMethodID = table.GetMethodID;
-    Fill(table.GetFieldID,
-         [](ThreadInfo *caller, Class *type, const char *name, const char *signature) -> const Field * {
-             for (const Field *field : FieldsOf(type))
-                 if (field->name == name && field->signature == signature)
-                     return field;
-             return Throw(caller);
-         });
-    Fill(table.GetLongField,
-         [](ThreadInfo *, Object *of, const Field *field) { return Get(of, field->name).number; });
-    Fill(table.GetIntField,
-         [](ThreadInfo *, Object *of, const Field *field) { return Get(of, field->name).number; });
-    Fill(table.GetObjectField,
-         [](ThreadInfo *, Object *of, const Field *field) { return Get(of, field->name).object; });
+    Fill(table.GetFieldID, [](Class *type, const char *name, const char *signature) -> const Field * {
+        for (const Field *field : FieldsOf(type))
+            if (field->name == name && field->signature == signature)
+                return field;
+        return Throw();
+    });
+    Fill(table.GetLongField, [](Object *of, const Field *field) { return Get(of, field->name).number; });
+    Fill(table.GetIntField, [](Object *of, const Field *field) { return Get(of, field->name).number; });
+    Fill(table.GetObjectField, [](Object *of, const Field *field) { return Get(of, field->name).object; });
 }
 
 // Of plain characters: a byte each.
 void FillTexts() {
-    Fill(table.GetStringUTFChars, [](ThreadInfo *, Object *text, jboolean *) { return text->text.c_str(); });
-    Fill(table.GetStringLength, [](ThreadInfo *, Object *text) { return text->text.size(); });
-    Fill(table.GetStringUTFRegion, [](ThreadInfo *, Object *text, jsize start, jsize length, char *out) {
+    Fill(table.GetStringUTFChars, [](Object *text, jboolean *) { return text->text.c_str(); });
+    Fill(table.GetStringLength, [](Object *text) { return text->text.size(); });
+    Fill(table.GetStringUTFRegion, [](Object *text, jsize start, jsize length, char *out) {
         out[text->text.copy(out, length, start)] = 0;
     });
-    Fill(table.ReleaseStringUTFChars, [](ThreadInfo *, Object *, const char *) {});
-    Fill(table.NewStringUTF, [](ThreadInfo *, const char *text) { return Beside(0, text); });
+    Fill(table.ReleaseStringUTFChars, [](Object *, const char *) {});
+    Fill(table.NewStringUTF, [](const char *text) { return Beside(0, text); });
 }
 
 jint GetEnv(JavaVM *, void **out, jint version) {
@@ -217,8 +203,8 @@ void FillTables() {
     FillTable(&invocation, std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
     for (auto *fill : {FillReferences, FillArrays, FillClasses, FillTexts})
         fill();
-    Fill(table.GetVersion, [](ThreadInfo *) { return JNI_VERSION_1_4; });
-    Fill(table.GetJavaVM, [](ThreadInfo *, JavaVM **out) { return *out = &javaVm, JNI_OK; });
+    Fill(table.GetVersion, []() { return JNI_VERSION_1_4; });
+    Fill(table.GetJavaVM, [](JavaVM **out) { return *out = &javaVm, JNI_OK; });
     invocation.GetEnv = GetEnv;
     javaVm.functions = &invocation;
 }
@@ -228,7 +214,7 @@ void FillTables() {
 JNIEnv *EnvOf(ThreadInfo *thread) {
     if (!table.GetVersion)
         FillTables();
-    Word &slot = At(thread->address, &JavaThread::jniEnv);
+    Word &slot = thread->Java().jniEnv;
     slot = reinterpret_cast<Word>(&table);
     return reinterpret_cast<JNIEnv *>(&slot);
 }

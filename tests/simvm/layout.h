@@ -34,21 +34,21 @@ struct Symbol {
 #pragma pack(pop)
 
 struct Method {
-    Word mark, klass, constMethod, constants, methodData;
-    int32_t interpreterCount, accessFlags, vtableIndex;
-    uint16_t methodSize, maxStack, maxLocals, parameterSize; // in slots, long and double two
-    int32_t gap0;
-    Word gap[3];
+    Word mark, klass, constMethod, constants, gap0;
+    int32_t gap1, accessFlags, gap2;
+    uint16_t gap3[2], maxLocals, parameterSize; // in slots, long and double two
+    int32_t gap4;
+    Word gap5[3];
 };
 struct ConstMethod {
-    Word mark, klass, methodOop, gap[4];
-    int32_t words;
-    uint16_t flags, codeSize, nameIndex, signatureIndex, methodIdnum, maxStack;
+    Word mark, klass, gap0[5];
+    int32_t gap1;
+    uint16_t gap2, codeSize, nameIndex, signatureIndex, gap3[2];
     // bytecodes, line table
 };
 struct ConstantPool {
-    Word mark, klass, tags, cache, operands, holder;
-    int32_t length, unused;
+    Word mark, klass, gap0[3], holder;
+    int32_t length, gap1;
     // entries
 };
 
@@ -56,25 +56,21 @@ struct ConstantPool {
 struct Klass {
     Word mark, klass;
     Word vtable; // here the Klass part begins
-    int32_t layoutHelper, superCheckOffset;
-    Word secondaryCache, secondarySupers, primarySupers[8], javaMirror, super, name, gap0;
-    Word subklass, nextSibling, gap1[5], since08;
+    int32_t layoutHelper, gap0;
+    Word gap1[10], javaMirror, super, name, gap2[8], since08;
     // of instances
-    Word methods, methodOrdering, localInterfaces, fields, constants, classLoader, protectionDomain;
-    union {
-        Word arrayHeaderSize; // of arrays
-        Word signers;         // of instances
-    };
-    Word sourceFile, sourceDebugExtension, innerClasses, gap2[14], oopMapCache;
+    Word gap3[3], fields, constants, gap4[2];
+    Word arrayHeaderSize; // of arrays
+    Word sourceFile, gap5[16], oopMapCache;
     // statics
 };
 
 // Virtual functions of a Klass, from the table's head on. The predicates are asked for by the agent.
 struct KlassVtable {
     Word gap0[19], since10, oopSize, gap1[9];
-    Word isInstance, isInstanceRef, isArray, isObjArray, isSymbol, isKlass, isThread;
-    Word isMethod, isConstMethod, isMethodData, isConstantPool, isConstantPoolCache, isTypeArray;
-    Word isArrayKlass, isObjArrayKlass, isTypeArrayKlass, isCompiledICHolder, isInstanceKlass;
+    Word instance, instanceRef, array, objArray, symbol, klass, isThread;
+    Word method, constMethod, methodData, constantPool, constantPoolCache, typeArray;
+    Word arrayKlass, objArrayKlass, typeArrayKlass, compiledICHolder, instanceKlass;
 };
 
 // An entry of a class's field table, in 16-bit units.
@@ -88,15 +84,15 @@ struct FieldEntry {
 struct JavaThread {
     Word vtable, pendingException, gap0[6], activeHandles, gap1[19], osThread, gap2, handleArea, gap3[3];
     Word next, threadObj;
-    Word anchorSp, anchorPc, anchorFlags, anchorGap, anchorFp; // the last Java frame
+    Word anchorSp, anchorPc, anchorGap[2], anchorFp; // the last Java frame
     Word gap4;
     Word jniEnv; // a JNIEnv points here: the word holds the function table's address
     Word gap5[3], vmResult, vmResult2, gap6, monitorChunks, gap7, asyncException;
     int32_t state, gap8;
-    Word safepointState, gap9[5], exceptionOop, gap10[9], privilegedStack, gap11[5], profiler, gap12[24];
+    Word safepointState, gap9[5], exceptionOop, gap10[9], privilegedStack, gap11[30];
 };
 struct OSThread {
-    Word vtable, startProcedure;
+    Word gap[2];
     int32_t state, gap0[2]; // sleeping, waiting for a monitor, ...
 #pragma pack(push, 1)
     int32_t kernelId;
@@ -113,7 +109,7 @@ struct CodeCopy { // what a thread runs of compiled code while it is brought to 
     Word gap1, realStart;
 };
 struct CallWrapper { // of one call from the VM into Java: the anchor that was in force
-    Word thread, handles, method, receiver, anchorSp, anchorPc, anchorFlags, anchorGap, anchorFp;
+    Word gap0[4], anchorSp, gap1[3], anchorFp;
 };
 struct HandleBlock {
     Word handles[32];
@@ -143,10 +139,8 @@ struct OopMapEntry {
 // --------------------------------------------------------------------------------------------------
 
 struct CodeHeap { // the memory and its segment map, both reserved spaces of one shape
-    Word lowBoundary, highBoundary, low, high, memoryGap[10];
-    Word mapLowBoundary, mapHighBoundary, mapLow, mapHigh, mapGap[10];
-    Word committedSegments, reservedSegments;
-    int32_t segmentSize, gap, log2SegmentSize, gap1;
+    Word lowBoundary, highBoundary, low, high, gap0[12], mapLow, gap1[13];
+    int32_t gap2[2], log2SegmentSize, gap3;
 };
 struct HeapBlock { // before each blob
     Word segments;
@@ -164,7 +158,7 @@ struct Blob {
     Word gap4[16], pcDescCache, gap5[2];
 };
 struct BlobVtable {
-    Word isBuffer, isNmethod, isRuntimeStub, isI2C, isC2I, isOsrAdapter, gap[6], isOsrMethod;
+    Word BufferBlob, nmethod, RuntimeStub, I2CAdapter, C2IAdapter, OSRAdapter, gap[6], gap1;
 };
 struct PcDesc {
     int32_t pcOffset, scopeOffset;
@@ -230,14 +224,11 @@ struct ParallelSpace {
 
 enum ThreadState : int32_t { IN_NATIVE = 4, IN_VM = 6, IN_JAVA = 8, BLOCKED = 10 };
 enum OsState : int32_t {
-    OS_ALLOCATED,
-    OS_INITIALIZED,
+    OS_INITIALIZED = 1,
     OS_RUNNABLE,
     OS_MONITOR_WAIT,
-    OS_CONDVAR_WAIT,
-    OS_OBJECT_WAIT,
-    OS_BREAKPOINTED,
-    OS_SLEEPING,
+    OS_OBJECT_WAIT = 5,
+    OS_SLEEPING = 7,
     OS_ZOMBIE
 };
 enum MethodFlags : int32_t { METHOD_STATIC = 8, METHOD_NATIVE = 0x100 };
@@ -276,13 +267,13 @@ struct PrivilegedElement { // of a thread's privileged calls
 };
 
 struct ObjectMonitor { // 64 to a block; the first of a block links the blocks
-    Word header, object, owner, freeNext, gap[4];
+    Word gap0, object, gap1[6];
 };
 struct ObjectMonitorBlock {
-    Word header, object, owner, next;
+    Word gap[3], next;
 };
 struct VmOperation { // waits for the VM thread
-    Word vtable, thread, priority, timestamp, next, previous;
+    Word gap0[4], next, gap1;
 };
 struct VmQueue {
     Word lengths[4], queues[2]; // by priority

@@ -58,9 +58,8 @@ void WriteSlot(BlobParts *parts, const Slot &slot, int place) {
     constexpr int ANY_REGISTER = 5;
     const auto low = int32_t(BitsOf(slot)), high = int32_t(BitsOf(slot) >> 32);
     if (slot.kept == Kept::CONSTANT && slot.type == 'L') {
-        if (slot.value.object)
-            parts->oops.push_back(slot.value.object->address);
-        PutAll(parts, {SCOPE_OOP, slot.value.object ? int32_t(parts->oops.size()) : 0});
+        parts->oops.push_back(slot.value.object->address);
+        PutAll(parts, {SCOPE_OOP, int32_t(parts->oops.size())});
     } else if (slot.kept == Kept::CONSTANT && (slot.type == 'J' || slot.type == 'D'))
         PutAll(parts, {slot.type == 'J' ? SCOPE_LONG : SCOPE_DOUBLE, low, high});
     else if (slot.kept == Kept::CONSTANT)
@@ -172,13 +171,9 @@ void WriteScopes(BlobParts *parts, const std::vector<Scope> &scopes) {
 void NoteLocals(const Scope &scope, FrameKind kind) {
     MethodInfo *method = scope.method;
     const std::vector<std::string> arguments = ArgumentsOf(*method);
-    if (scope.variables.size() < arguments.size())
-        Fail(("arguments are missing for " + method->name).c_str());
     int32_t slots = InterpreterLocals(scope), parameters = method->flags & METHOD_STATIC ? 0 : 1;
     for (const std::string &argument : arguments)
         parameters += argument == "J" || argument == "D" ? 2 : 1;
-    if (method->locals >= 0 && method->locals != slots)
-        Fail(("two frames have other locals of " + method->name).c_str());
     method->locals = slots;
     At(method->oop, &Method::maxLocals) = slots;
     At(method->oop, &Method::parameterSize) = parameters;

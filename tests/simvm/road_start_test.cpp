@@ -12,7 +12,7 @@ using namespace simvm;
 namespace {
 
 Word &AnchorFp(const ThreadInfo *thread) {
-    return At(thread->address, &JavaThread::anchorFp);
+    return thread->Java().anchorFp;
 }
 
 void TellLaterJni() {
@@ -21,7 +21,7 @@ void TellLaterJni() {
 }
 
 void BeAnotherThread() {
-    At(Self()->osThread, &OSThread::kernelId) = getpid() + 1;
+    Self()->Os().kernelId = getpid() + 1;
 }
 
 // No method is where an interpreted frame has it.
@@ -31,14 +31,14 @@ void BeCompiled() {
 
 // A collection that doesn't end isn't waited for without end.
 void BeCollecting() {
-    At(vm.heap, &CollectedHeap::collecting) = 1;
+    vm.heap->collecting = 1;
 }
 
 // A compiled caller, and an older thread with an interpreted frame.
 void BeCompiledBesideAnother() {
     const ThreadInfo *other = NewThread("other");
     AnchorFp(other) = AnchorFp(Self());
-    At(Self()->address, &JavaThread::next) = other->address;
+    Self()->Java().next = other->address;
     BeCompiled();
 }
 
@@ -86,7 +86,7 @@ TEST(RoadStart, RequestsHeedACollectionAndNeverKeepTheAgentFromLeaving) {
     WithScene("nothing", {}, [](Scene &) {
         for (int start = 0; start < 2; start++) {
             ASSERT_EQ(StartAgent(), START_OK);
-            auto &collecting = At(vm.heap, &CollectedHeap::collecting);
+            auto &collecting = vm.heap->collecting;
             __atomic_store_n(&collecting, 1, __ATOMIC_SEQ_CST);
             EXPECT_NE(Ask("2|showqor|8192|").find("Garbage Collector currently running."), std::string::npos);
             std::string reply;

@@ -1,14 +1,9 @@
 #include "scenes.h"
 
-#include <cerrno>
 #include <condition_variable>
-#include <fcntl.h>
 #include <linux/futex.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <thread>
-#include <time.h>
 
 namespace simvm {
 
@@ -33,44 +28,28 @@ void OutOfJava(Runner *runner) {
 }
 
 void WaitAtRest(Runner *runner) {
-    char byte;
-    const timespec slice = {0, 20'000'000};
-    const Rest rest = runner->script->rest;
-    if (rest == Rest::CALL)
+    if (runner->script->rest == Rest::CALL)
         return runner->call();
-    bool rests = true;
-    while (rests && !__atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE))
-        if (rest == Rest::PIPE)
-            rests = read(runner->pipe[0], &byte, 1) < 0 && errno == EINTR;
-        else if (rest == Rest::ACCEPT)
-            rests = accept4(runner->listener, nullptr, nullptr, SOCK_CLOEXEC) < 0 && errno == EINTR;
-        else if (rest == Rest::SLEEP)
-            nanosleep(&slice, nullptr);
-        else
-            syscall(SYS_futex, &runner->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
+    while (!__atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE))
+        syscall(SYS_futex, &runner->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
 }
 
 // Through the call stub, with the anchor in force kept in the wrapper meanwhile.
 void EnterJava(Runner *runner, Word entry) {
-    const Word thread = runner->info->address;
-    Word &sp = At(thread, &JavaThread::anchorSp), &fp = At(thread, &JavaThread::anchorFp),
-         &pc = At(thread, &JavaThread::anchorPc);
+    JavaThread &java = runner->info->Java();
     CallWrapper wrapper;
     memset(&wrapper, POISON, sizeof wrapper);
-    wrapper.thread = thread;
-    wrapper.anchorSp = sp & ~Word(3);
-    wrapper.anchorFp = fp;
-    wrapper.anchorPc = pc;
+    wrapper.anchorSp = java.anchorSp & ~Word(3);
+    wrapper.anchorFp = java.anchorFp;
     BackToJava(runner);
-    At(thread, &JavaThread::state) = IN_JAVA;
-    sp = 0;
-    reinterpret_cast<void (*)(Word, CallWrapper *, Word, Control *)>(callStub)(entry, &wrapper, thread,
-                                                                               &runner->control);
+    java.state = IN_JAVA;
+    java.anchorSp = 0;
+    reinterpret_cast<void (*)(Word, CallWrapper *, Word, Control *)>(callStub)(
+        entry, &wrapper, runner->info->address, &runner->control);
     OutOfJava(runner);
-    fp = wrapper.anchorFp;
-    pc = wrapper.anchorPc;
-    sp = wrapper.anchorSp;
-    At(thread, &JavaThread::state) = IN_NATIVE;
+    java.anchorFp = wrapper.anchorFp;
+    java.anchorSp = wrapper.anchorSp;
+    java.state = IN_NATIVE;
 }
 
 void RunScript(Runner *runner) {
@@ -81,7 +60,7 @@ void RunScript(Runner *runner) {
     runners.push_back(runner);
     safepointLock.unlock();
     LinkThread(runner->info);
-    At(runner->info->address, &JavaThread::safepointState) = runner->script->safepointState;
+    runner->info->Java().safepointState = runner->script->safepointState;
     SetStates(runner->info, IN_VM, OS_RUNNABLE);
     if (Loops(runner->script->rest))
         runner->resting = 1;
@@ -135,7 +114,7 @@ void SwapSurvivors() {
     if (vm.options.collector == Collector::PARALLEL)
         WriteSurvivors<ParallelGeneration>(*vm.statics.psYoung);
     else
-        WriteSurvivors<YoungGeneration>(At(vm.heap, &CollectedHeap::young));
+        WriteSurvivors<YoungGeneration>(vm.heap->young);
 }
 
 void MoveYoung() {
@@ -157,40 +136,20 @@ void MoveYoung() {
     SwapSurvivors();
 }
 
-// The class becomes another object of perm. Not where perm is wide.
-void MoveKlass(Class *type) {
-    Word old = type->klass, bytes = 8 * WordsOf(old), place = AllocateObject(&vm.perm, bytes);
-    memcpy(&As<char>(place), &As<char>(old), bytes);
-    type->klass = place;
-    const std::unordered_map<Word, Word> moved = {{old, place}};
-    for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from})
-        Redirect(space->bottom, space->top, moved);
-    for (Object &object : vm.objects)
-        if (object.klass == old)
-            object.klass = place;
-    for (Root &root : stagedRoots)
-        if (root.oop == old)
-            root.oop = place;
-    RedirectAll(moved);
-    SizeAt(vm.perm, old) = 0;
-    memset(&As<char>(old), POISON, bytes);
-}
-
 } // namespace
 
-extern "C" void SimvmRest(Word thread) {
-    Runner *runner = current;
-    OutOfJava(runner);
-    const std::map<Rest, OsState> blocks = {
-        {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
-    const auto found = blocks.find(runner->script->rest);
-    const bool blocked = found != blocks.end();
-    At(runner->info->osThread, &OSThread::state) = blocked ? found->second : OS_RUNNABLE;
-    At(thread, &JavaThread::state) = blocked ? BLOCKED : IN_NATIVE;
-    runner->resting = 1;
-    WaitAtRest(runner);
-    At(runner->info->osThread, &OSThread::state) = OS_RUNNABLE;
-    BackToJava(runner);
+extern "C" void SimvmRest(Word) {
+    OutOfJava(current);
+    const Rest rest = current->script->rest;
+    const OsState state = rest == Rest::SLEEP     ? OS_SLEEPING
+                          : rest == Rest::WAIT    ? OS_OBJECT_WAIT
+                          : rest == Rest::MONITOR ? OS_MONITOR_WAIT
+                                                  : OS_RUNNABLE;
+    SetStates(current->info, state == OS_RUNNABLE ? IN_NATIVE : BLOCKED, state);
+    current->resting = 1;
+    WaitAtRest(current);
+    current->info->Os().state = OS_RUNNABLE;
+    BackToJava(current);
 }
 
 extern "C" void SimvmEnter(Word, Word entry) {
@@ -201,17 +160,12 @@ extern "C" void SimvmEnter(Word, Word entry) {
 
 extern "C" void SimvmSafepoint(Word thread) {
     OutOfJava(current);
-    At(thread, &JavaThread::state) = BLOCKED;
+    As<JavaThread>(thread).state = BLOCKED;
     BackToJava(current);
 }
 
 Runner *Start(const std::string &name, Script *script, std::function<void()> call) {
     auto *runner = new Runner{NewThread(name), script, {}, std::move(call), {}};
-    int32_t port;
-    if (script->rest == Rest::PIPE && pipe2(runner->pipe, O_CLOEXEC))
-        Fail("no pipe");
-    if (script->rest == Rest::ACCEPT)
-        runner->listener = ListeningSocket(&port);
     runner->thread = std::thread(RunScript, runner);
     while (!runner->resting)
         usleep(200);
@@ -221,14 +175,7 @@ Runner *Start(const std::string &name, Script *script, std::function<void()> cal
 void Leave(Runner *runner) {
     __atomic_store_n(&runner->control.leave, 1, __ATOMIC_RELEASE);
     syscall(SYS_futex, &runner->control.leave, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-    if (runner->listener >= 0)
-        shutdown(runner->listener, SHUT_RDWR);
-    if (runner->pipe[1] >= 0 && write(runner->pipe[1], "", 1) != 1)
-        Fail("no write to a pipe");
     runner->thread.join();
-    for (int32_t descriptor : {runner->pipe[0], runner->pipe[1], runner->listener})
-        if (descriptor >= 0)
-            close(descriptor);
     FreeThread(runner->info);
     delete runner;
 }
@@ -240,9 +187,9 @@ void RunAsMain(const std::function<void()> &call) {
     FreeThread(runner.info);
 }
 
-void Collect(const std::function<void()> &held, const std::vector<std::string> &moving) {
+void Collect(const std::function<void()> &held) {
     const Locked description(vm.lock);
-    At(vm.heap, &CollectedHeap::collecting) = 1;
+    vm.heap->collecting = 1;
     __atomic_store_n(&safepointAsked, 1, __ATOMIC_SEQ_CST);
     std::unique_lock<std::mutex> lock(safepointLock);
     for (Runner *runner : runners)
@@ -250,13 +197,11 @@ void Collect(const std::function<void()> &held, const std::vector<std::string> &
             usleep(50);
     if (held)
         held();
-    for (const std::string &name : moving)
-        MoveKlass(FindClass(name));
     MoveYoung();
-    auto [minor, major, minorTime, majorTime] = vm.collections;
-    (moving.empty() ? minor : major)++;
-    SetCollections({minor, major, minorTime, majorTime});
-    At(vm.heap, &CollectedHeap::collecting) = 0;
+    CollectionFigures figures = vm.collections;
+    figures.minor++;
+    SetCollections(figures);
+    vm.heap->collecting = 0;
     __atomic_store_n(&safepointAsked, 0, __ATOMIC_SEQ_CST);
     lock.unlock();
     safepointOver.notify_all();

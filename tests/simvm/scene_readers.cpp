@@ -5,26 +5,17 @@ namespace simvm {
 
 namespace {
 
-// Tables with a chain of three, a cyclic one and one whose keys are no texts; a class with fields of all
-// kinds, a static in it and one above, and a field that hides another; texts and arrays.
+// A class with fields of all kinds, a static in it and one above, and a field that hides another; texts and
+// arrays.
 const char OBJECTS[] = R"(
-let CHAIN "one"@2 "1" "two"@2 "2" "three"@2 "3" "apart"@5 "4"
-hashtable := java/util/Hashtable#7($CHAIN)
-properties := java/util/Properties#11($CHAIN)
-hashmap := java/util/HashMap#8($CHAIN)
-cyclic := java/util/Hashtable#7!($CHAIN)
-empty-table := java/util/Hashtable#3()
-other-keys := java/util/Hashtable{table=[Ljava/util/Hashtable$Entry;(null java/util/Hashtable$Entry{key=readers/Plain})}
-
 class readers/Base *shared,I *label,Ljava/lang/String; id,J top,Ljava/lang/Object;
 class readers/All < readers/Base *count,J *last,Lreaders/All; z,Z b,B c,C s,S i,I j,J f,F d,D text,Ljava/lang/String;
   buffer,Ljava/lang/StringBuffer; chars,[C ints,[I names,[Ljava/lang/String; grid,[[I any,Ljava/lang/Object;
-  table,Ljava/util/Hashtable; nothing,Ljava/lang/Object; id,J
-class readers/Unknown ? x,I
+  nothing,Ljava/lang/Object; id,J
 any = readers/Plain
 all := readers/All{z=true b=-128 c=0x20ac s=-32768 i=-2147483648 j=-9223372036854775801 f=2.5 d=-0.001 text="all"
-  buffer=java/lang/StringBuffer{value='in a bufferunused' count=11} chars='letters' ints=[I(1 -2 3) names=[Ljava/lang/String;("a" null "c") grid=[[I([I(1) [I()) any=any
-  table=hashtable id=77 top=any}
+  buffer=java/lang/StringBuffer{value='in a bufferunused' count=11} chars='letters' ints=[I(1 -2 3)
+  names=[Ljava/lang/String;("a" null "c") grid=[[I([I(1) [I()) any=any id=77 top=any}
 static readers/Base.shared = -3
 static readers/Base.label = "static text"
 static readers/All.count = 0x10000000000
@@ -37,35 +28,25 @@ negative-count := $STRING{value='negative' count=-1}
 odd-text := $STRING{value=[C(111 100 100 32 0x80 0xe9 0xff 0 29 30 31 124) count=12}
 part := $STRING{value='a part of it' offset=2 count=4}
 wide-text := $STRING{value=[C(97 0xd83d 0xde00 0xd83d 98 0xde00 0x20ac) count=7}
-empty-text := ""
 buffer := java/lang/StringBuffer{value='bufferedunused' count=8}
 
-Z := [Z(1 0 65)
-B := [B(1 0 65)
 C := [C(1 0 65)
-S := [S(1 0 65)
-I := [I(1 0 65)
-F := [F(1 0 65)
 J := [J(1 0 65)
-D := [D(1 0 65)
 text = "in an array"
 row = [J(0x7fffffffffffffff -1)
 plane := [[J(row null row)
 texts := [Ljava/lang/String;(text null "last")
 objects := [Ljava/lang/Object;(text row readers/Plain null)
-space := [[[J(plane)
 none := [Ljava/lang/Object;()
 
 # One of each kind of argument, then locals. Two methods share one entry of the cache: the second isn't in it.
 let SIG (ILjava/lang/String;JD[Ljava/lang/String;Ljava/lang/StringBuffer;ZF[[J)V
-let ARGS %-5 %part %0x200000000 %0.5 %texts %buffer %true %1.5 %plane
-let FEW $ARGS %all %C=113 %Lreaders/All;=null
-let UNTYPED %I=-5 %part %J=0x200000000 %D=0.5 %texts %buffer %Z=true %F=1.5 %plane %all %C=113 %Lreaders/All;=null
+let FEW %-5 %part %0x200000000 %0.5 %texts %buffer %true %1.5 %plane %all %113 %null
 let SIX %20 %all %21 %all %22 %all
 let MORE $SIX $SIX
 thread interpreted: SLEEP run readers/Thread ; i readers/All.plain$SIG:31 @all $FEW ;
-  i readers/Far.withMany$SIG:32 @all $FEW $MORE $MORE $MORE ; i readers/Statics.ofClass$SIG:33 $FEW ;
-  i readers/Twice.first:34 @all $UNTYPED ; i readers/Twice.second:35 @all $UNTYPED ;
+  i readers/Far.withMany$SIG:32 @all $FEW $MORE $MORE ; i readers/Twice.first:34 @all %-5 %part ;
+  i readers/Twice.second:35 @all %-5 %part ;
   n readers/Native.call(ILjava/lang/String;J)V @all %-5 %part %0x200000000
 )";
 
@@ -82,29 +63,14 @@ void AddCompiled(Scene *scene, SceneText *text) {
     Add(scene, "compiled", std::move(script));
 }
 
-// Methods whose lines are far apart, or that have none, or whose file isn't known.
-void AddLines(Scene *scene) {
-    const auto frame = [](const char *holder, const char *name, std::vector<MethodLine> lines, int32_t bci) {
-        return Frame{F::INTERPRETED,
-                     {{DefineMethod(holder, name, "()V", std::move(lines), METHOD_STATIC, 40), bci}}};
-    };
-    Add(scene, "lines",
-        {{frame("readers/Lines", "unmarked", {{0, 7}, {5, 60000}, {20, 25}}, 20),
-          frame("readers/Lines", "none", {}, 12), frame("readers/Lines", "early", {{0, 3}, {39, 90}}, 30),
-          frame("readers/Unknown", "file", {{0, 40}, {8, 44}}, 8)},
-         Rest::SLEEP});
-}
-
 } // namespace
 
 void StageReaders(Scene *scene) {
     SceneText text(scene);
     scene->named["long-text"] = NewString(std::string(3000, 'x'));
     scene->named["many"] = NewArray("[I", std::vector<Value>(20000, 4));
-    scene->named["thread"] = vm.threadGroup;
     text.Read(OBJECTS);
     AddCompiled(scene, &text);
-    AddLines(scene);
 }
 
 // Threads in a database driver: both generations of its classes, its native part, and the one that a server
@@ -139,9 +105,9 @@ let THIN_METERED connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc
 let THICK connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$NATIVE}}
 let COMM comm=$WRAPPER/wire8/TessarWire8Communication{socket=java/net/Socket{created,Z=0
   impl,Ljava/net/SocketImpl;=java/net/PlainSocketImpl<java/net/SocketImpl{fd=java/io/FileDescriptor{fd=$FD}
-  address=java/net/Inet4Address<java/net/InetAddress{hostName="$PEER" address=0x7f000001}
+  address=java/net/Inet4Address<java/net/InetAddress{hostName="127.0.0.1" address=0x7f000001}
   port=$REMOTE localport=$LOCAL timeout=0}}}
-let PROPERTIES java/util/Properties#3("SERVERNAME" "jdbc:tessar:$T" "USER" "user of $T" "PORTNUMBER" "1521"
+let PROPERTIES java/util/Properties#3("SERVERNAME" "jdbc:tessar:$T" "USER"@2 "user of $T" "PORTNUMBER"@2 "1521"
   "SID" "sid")
 let WRAPPED_BY $WRAPPER/TessarImplConnection{
   connectProps=ferrule/jdbc/base/BaseConnectionProperties{props=$PROPERTIES} $COMM}
@@ -150,14 +116,14 @@ let READ c java/net/SocketInputStream.read:129 ; n java/net/SocketInputStream.so
 let PACKET i tessar/net/ns/Packet.receive:31 ; $READ
 let NET8 i ferrule/jdbc/tessar/net8/TessarNet8.receive:31 ; $READ
 let ZDI n tessar/jdbc/zdi8/ZDIDBAccess.t_execute
-let FACTS url=jdbc:tessar:$T; user=user of $T; local port=$LOCAL; remote port=$REMOTE; peer=$PEER
+let FACTS url=jdbc:tessar:$T; user=user of $T; local port=$LOCAL; remote port=$REMOTE
 )";
 
 // What a thread's innermost driver object is, in which class's method it runs, and what that has called.
 struct Row {
     const char *thread, *holder, *object, *frames;
     bool isQuery = true; // it knows its SQL
-    SocketKind socket = SocketKind::IPV4;
+    bool isClosed = false;
 };
 const char STATEMENT[] = "$DRIVER/TessarStatement", THIN[] = R"({sql_query="$SQL" $THIN})";
 const Row ROWS[] = {
@@ -166,9 +132,7 @@ const Row ROWS[] = {
      R"($DRIVER/TessarPreparedStatement<$DRIVER/TessarStatement{sql_query="$SQL" $THIN})", "$PACKET"},
     {"thin-metrics", STATEMENT, R"({sql_query="$SQL" $THIN_METERED})", "$PACKET"},
     {"thin-results", "$DRIVER/TessarResultSetImpl", "{$THIN}", "$PACKET", false},
-    {"thin-six", STATEMENT, THIN, "$PACKET", true, SocketKind::IPV6},
-    {"thin-closed", STATEMENT, THIN, "$PACKET", true, SocketKind::CLOSED},
-    {"thin-file", STATEMENT, THIN, "$PACKET", true, SocketKind::FILE},
+    {"thin-closed", STATEMENT, THIN, "$PACKET", true, true},
     {"thick", STATEMENT, R"({sql_query="$SQL" $THICK})", "$ZDI"},
     {"new", "$DRIVER/Q5DPreparedStatement", "statement", "$PACKET"},
     {"new-connection", "$DRIVER/Q5DConnection", "connection", "$PACKET"},
@@ -176,33 +140,32 @@ const Row ROWS[] = {
     {"wrapped-connection", "$WRAPPER/TessarImplConnection", "$WRAPPED_BY", "$NET8", false},
 };
 
-constexpr int NATIVE_STEPS = 11;
-
 // The native driver's memory: each structure points to the next from a place of its own, the last one holds
-// the descriptor. At the hole there is nothing.
-Word NewNativeState(int descriptor, int hole) {
-    const int PLACES[NATIVE_STEPS] = {0x0c, 0x44, 0x120, 0x1a20, 0xd4, 0x8c, 0, 0x9c, 0x104, 0x18, 0x530};
+// the descriptor.
+Word NewNativeState(int descriptor) {
+    constexpr int LAST = 0x530;
     constexpr size_t ROOM = 0x1a40;
-    Word first = Allocate(ROOM), structure = first;
-    for (int step = 0, last = NATIVE_STEPS - 1; step < NATIVE_STEPS; step++) {
-        Word next = step == hole ? 0 : step == last ? Word(descriptor) : Allocate(ROOM) + 4 * (step % 2);
-        memcpy(&As<char>(structure + PLACES[step]), &next, step == last ? 4 : 8);
-        if (step == hole)
-            break;
+    const Word first = Allocate(ROOM);
+    Word structure = first;
+    for (const int place : {0x0c, 0x44, 0x120, 0x1a20, 0xd4, 0x8c, 0, 0x9c, 0x104, 0x18}) {
+        const Word next = Allocate(ROOM) + place % 8; // at odd places, too
+        memcpy(&As<char>(structure + place), &next, sizeof next);
         structure = next;
     }
+    memcpy(&As<char>(structure + LAST), &descriptor, sizeof descriptor);
     return first;
 }
 
-void AddRow(Scene *scene, SceneText *text, const Row &row, const std::string &name, int hole) {
-    const Connected socket = Connect(scene, row.socket);
+void AddRow(Scene *scene, SceneText *text, const Row &row) {
+    constexpr int CLOSED = 900; // nobody has so many
+    const Connected socket = row.isClosed ? Connected{CLOSED, "", ""} : Connect(scene);
+    const std::string name = row.thread;
     text->Let("T", name);
     text->Let("SQL", "select '" + name + "' from dual");
     text->Let("FD", std::to_string(socket.descriptor));
     text->Let("LOCAL", socket.localPort);
     text->Let("REMOTE", socket.remotePort);
-    text->Let("PEER", socket.peer);
-    text->Let("STATE", std::to_string(NewNativeState(socket.descriptor, hole)));
+    text->Let("STATE", std::to_string(NewNativeState(socket.descriptor)));
     const std::string holder = row.holder, object = row.object;
     if (name.rfind("new", 0) == 0)
         text->Read(R"(
@@ -212,10 +175,9 @@ set connection.statements = statement
 )");
     text->Read("object = " + (object[0] == '{' ? holder + object : object));
     text->Read(name + " := object");
-    const bool known = !socket.localPort.empty() && hole == NATIVE_STEPS;
     text->Read("thread $T: PIPE \"DB Wait\" run shop/Worker ; c shop/Dao.find:12 @ > " + holder +
-               ".execute:99 @object ; " + row.frames + (known ? " | $FACTS" : "") +
-               (known && row.isQuery ? "; sql=$SQL" : ""));
+               ".execute:99 @object ; " + row.frames + (row.isClosed ? "" : " | $FACTS") +
+               (row.isClosed || !row.isQuery ? "" : "; sql=$SQL"));
 }
 
 } // namespace
@@ -224,10 +186,7 @@ void StageDrivers(Scene *scene) {
     SceneText text(scene);
     text.Read(DRIVERS);
     for (const Row &row : ROWS)
-        AddRow(scene, &text, row, row.thread, NATIVE_STEPS);
-    for (int hole = 0; hole < NATIVE_STEPS; hole++)
-        AddRow(scene, &text, {"", STATEMENT, R"({sql_query="$SQL" $THICK})", "$ZDI"},
-               "hole " + std::to_string(hole), hole);
+        AddRow(scene, &text, row);
 }
 
 } // namespace simvm

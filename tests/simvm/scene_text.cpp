@@ -25,12 +25,12 @@ std::string Trimmed(const std::string &text) {
     return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(' ') + 1 - from);
 }
 
-const std::map<std::string, Rest> RESTS = {
-    {"PIPE", Rest::PIPE}, {"ACCEPT", Rest::ACCEPT},   {"SLEEP", Rest::SLEEP}, {"WAIT", Rest::WAIT},
-    {"SPIN", Rest::SPIN}, {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS}, {"CALL", Rest::CALL}};
-const std::map<std::string, F> KINDS = {
-    {"i", F::INTERPRETED}, {"c", F::COMPILED},      {"o", F::OSR},         {"n", F::NATIVE},
-    {"s", F::STUB},        {"run", F::INTERPRETED}, {"copy", F::COMPILED}, {"linked", F::COMPILED}};
+const std::map<std::string, Rest> RESTS = {{"PIPE", Rest::PIPE},       {"SLEEP", Rest::SLEEP},
+                                           {"WAIT", Rest::WAIT},       {"SPIN", Rest::SPIN},
+                                           {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS}};
+const std::map<std::string, F> KINDS = {{"i", F::INTERPRETED},   {"c", F::COMPILED},
+                                        {"o", F::OSR},           {"n", F::NATIVE},
+                                        {"run", F::INTERPRETED}, {"copy", F::COMPILED}};
 
 } // namespace
 
@@ -80,7 +80,7 @@ Value SceneText::ReadTable(const std::string &type) {
     std::vector<TableEntry> entries;
     for (Take("("); !Take(")");) {
         Object *key = ReadValue().object;
-        const int32_t bucket = Take("@") ? stoi(Until(" ")) : -1;
+        const int32_t bucket = Take("@") ? stoi(Until(" ")) : 0;
         entries.push_back({key, ReadValue(), bucket});
     }
     return NewTable(type, buckets, entries, cyclic);
@@ -124,8 +124,6 @@ Value SceneText::ReadValue() {
         return ReadObject(word);
     if (word == "null" || word == "true")
         return word == "true" ? Value(true) : Value();
-    if (word.empty() || !strchr("-0123456789", word[0]))
-        Fail(("a scene has the value " + word + " in " + line_).c_str());
     return word.find('.') == std::string::npos ? Value(strtol(word.c_str(), nullptr, 0)) : Value(stod(word));
 }
 
@@ -160,22 +158,15 @@ Scope SceneText::ReadScope() {
         scope.monitors.push_back(ReadValue().object);
     const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
     for (size_t i = 0; Take("%"); i++) {
-        const size_t end = line_.find_first_of(" ={(\"", at_);
-        std::string type = end < line_.size() && line_[end] == '=' ? Until("=") : "";
-        Take("=");
         const Value value = ReadValue();
-        if (type.empty())
-            type = i < arguments.size() ? arguments[i] : SignatureOf(value, false);
-        scope.variables.push_back({type, value});
+        scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value, false), value});
     }
     return scope;
 }
 
 Frame SceneText::ReadFrame() {
     const std::string kind = Until(" ;|");
-    if (!KINDS.count(kind))
-        Fail(("a scene has the frame " + kind + " in " + line_).c_str());
-    Frame frame = {KINDS.at(kind), {}, kind == "copy", kind == "linked" ? EmitLinked() : 0};
+    Frame frame = {KINDS.at(kind), {}, kind == "copy"};
     if (kind == "run") {
         const std::string holder = Until(" ;|");
         frame.scopes = {ScopeOf(holder, "run", "()V", 21, New(holder))};

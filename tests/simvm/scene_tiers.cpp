@@ -23,8 +23,6 @@ let SITES org/codehaus/groovy/runtime/callsite
 class $KVO/ViewRowImpl
 thread entity: $WORKS ; c $KVO/EntityImpl.doDML:71 @{mEbi=$KVO/EntityDefImpl{mObjName="Orders"}} ; $READS
   | server=; object=Entity_Object->Orders|EntityImpl.java|^
-thread view: $WORKS ; i $KVO/ViewObjectImpl.getQueryHitCount:72 @{mViewDef=$KVO/ViewDefImpl{
-  mObjName="OrdersView"}} ; $READS | server=; object=View_Object->OrdersView|EntityImpl.java|^
 thread attribute: $WORKS ; i $KVO/ViewRowImpl.setAttribute(I)V:73 @ %1
   %$KVO/ViewAttributeDefImpl{mDef=$KVO/RowDef{mObjName="OrdersRow"}} ; $READS | server=; object=View_Object->OrdersRow|EntityImpl.java|^
 thread expression: $WORKS ; c com/sun/el/ValueExpressionImpl.getValue:74 @{expr="#{cart.total}"} ; $READS
@@ -56,18 +54,13 @@ class $RJVM/ResponseImpl id,I rjvm,L$RJVM/RJVM;
 thread caller: $WAITS ; c $RMI/cluster/ClusterableRemoteRef.invoke:81 @{replicaHandler,L$RMI/cluster/ReplicaHandler;=
   $RMI/cluster/BasicReplicaHandler{jndiName="shop.Pricing"}} > $RJVM/ResponseImpl.waitForData:82
   @{id=4242 rjvm=rjvm} ; $WAITING | server=Ferrule; wait=4242|$KNOWN|shop.Pricing
-thread caller without name: $WAITS ; i $RJVM/ResponseImpl.waitForData:82 @{id=4243 rjvm=rjvm} ; $WAITING
-  | server=Ferrule; wait=4243|$KNOWN|NA
 thread callee: $WORKS ; c $RMI/internal/frl/FRLExecuteRequest.run:83 @{request,L$RMI/spi/InboundRequest;=
   $RMI/internal/ServerRequest{responseId=4244 connectionManager=$RJVM/ConnectionManager{
   thisRJVM,L$RJVM/RJVM;=rjvm}}} ; $READS | server=Ferrule; serves=4244; caller=$KNOWN
 
 let WEB ferrule/servlet/internal
-let FROM connection=$WEB/VirtualConnection{remoteAddr="10.0.0.5"}
 thread ferrule run: $WORKS ; c $WEB/ServletRequestImpl.run:91 @{originalURI="/ferrule/run"
-  servletPath="/ferrule/run" $FROM} ; $READS | server=Ferrule; url=/ferrule/run; client=10.0.0.5
-thread ferrule execute: $WORKS ; c $WEB/ServletRequestImpl.execute:91 @{originalURI="/ferrule/execute"
-  servletPath="/ferrule/execute" $FROM} ; $READS | server=Ferrule; url=/ferrule/execute; client=10.0.0.5
+  connection=$WEB/VirtualConnection{remoteAddr="10.0.0.5"}} ; $READS | server=Ferrule; url=/ferrule/run; client=10.0.0.5
 
 let QVS com/halcyon/server
 let CALL L$QVS/rmi/RmiCall;
@@ -90,11 +83,8 @@ thread qvs bytes: $SERVES %com/halcyon/server/http/HalcyonHttpServletRequest{req
 thread tomcat: $SERVES %org/apache/catalina/connector/RequestFacade{request=
   org/apache/catalina/connector/Request{requestDispatcherPath,Ljava/lang/Object;=
   org/apache/tomcat/util/buf/MessageBytes{strValue="/tomcat/path"}}} ; $READS | server=Tomcat; url=/tomcat/path
-thread tomcat five: $SERVES %org/apache/coyote/tomcat5/CoyoteRequestFacade{request=
-  org/apache/coyote/tomcat5/CoyoteRequest{requestURI="/tomcat/five"}} ; $READS | server=Tomcat; url=/tomcat/five
-let WRAPPED %shop/RequestWrapper{request,Ljavax/servlet/ServletRequest;=shop/WrappedRequest{servletPath="/wrapped"}}
-thread jboss: $SERVES $WRAPPED ; $READS | server=JBoss; url=/wrapped
-thread glassfish: $SERVES $WRAPPED ; $READS | server=GlassFish; url=/wrapped
+thread jboss: $SERVES %shop/RequestWrapper{request,Ljavax/servlet/ServletRequest;=shop/WrappedRequest{
+  servletPath="/wrapped"}} ; $READS | server=JBoss; url=/wrapped
 let SAP com/sap/engine/services/servlets_jsp/server/runtime/client
 thread sap: $SERVES %$SAP/HttpServletRequestFacade{requestContext=$SAP/RequestContext{requestURIinternal="/sap"}} ;
   $READS | server=SAP; url=/sap
@@ -112,8 +102,8 @@ void StageTiers(Scene *scene) {
     SceneText(scene).Read(TIERS);
 }
 
-// The application servers' objects that know the port, each on a socket that listens. Where a server keeps
-// them in several ways, the scenes differ: each has one way that leads there.
+// The application servers' objects that know the port. Where a server keeps them in several ways, the scenes
+// differ: each has one way that leads there.
 
 namespace {
 
@@ -121,21 +111,14 @@ const char CLASSES[] = R"(
 let QVS com/halcyon/server
 let PAGE $QVS/http/HalcyonPageContext
 let MBEAN ferrule/management/configuration
-class java/net/SocketImpl port,I localport,I
-class java/net/PlainSocketImpl < java/net/SocketImpl timeout,I
-class java/net/ServerSocket created,Z impl,Ljava/net/SocketImpl;
+class java/net/PlainSocketImpl port,I localport,I
 class java/net/SocketInputStream impl,Ljava/net/PlainSocketImpl;
 class java/util/ArrayList elementData,[Ljava/lang/Object; size,I
-class org/apache/jserv/JServ *verbose,Z *listenSocket,Ljava/net/ServerSocket;
 class $QVS/http/HalcyonHttpServletRequest port,I
 class $PAGE halcyonRequest,L$QVS/http/HalcyonHttpServletRequest;
 class $QVS/http/HalcyonJSPFactory *contexts,[L$PAGE;
-class org/apache/catalina/core/StandardEngine defaultHost,Ljava/lang/String;
 class org/jboss/web/WebServer port,I
 class org/apache/tomcat/util/net/PoolTcpEndpoint backlog,I port,I
-let INFO $QVS/LumoServiceInfo
-let LIST java/util/ArrayList{elementData=[Ljava/lang/Object;(null $INFO{name,Ljava/lang/String;=null port=0}
-  $INFO{port=$QVS_PORT} $INFO{port=1}) size=4}
 class ferrule/servlet/internal/WebAppConfigManager *servermbean,L$MBEAN/ServerMBean;
 )";
 const char FIRST[] = R"(
@@ -145,34 +128,26 @@ static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest}
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
 static ferrule/management/Admin.localServer = $MBEAN/ServerImpl{listenPort=$Ferrule_PORT}
-static org/apache/jserv/JServ.listenSocket = java/net/ServerSocket{impl=
-  java/net/PlainSocketImpl{localport=$JServ_PORT}}
 thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
   @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; n java/lang/Object.wait @
 )";
 const char LATER[] = R"(
-class $QVS/LumoMonitorThread *servicesList,Ljava/util/ArrayList;
-class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
-static $QVS/LumoMonitorThread.servicesList = $LIST
-static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$Ferrule_PORT}
-thread CM New Element Listner: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51
-  @{localport=$SAP_PORT port=2} ; n java/lang/Object.wait @
-)";
-const char LAST[] = R"(
+let INFO $QVS/LumoServiceInfo
 class $QVS/LumoMonitorThread *appSrv,L$QVS/ApplicationServer;
+class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
 static $QVS/LumoMonitorThread.appSrv = $QVS/ApplicationServer{httpServer=
-  $QVS/http/HttpServer{listeners,Ljava/util/List;=$LIST}}
+  $QVS/http/HttpServer{listeners,Ljava/util/List;=java/util/ArrayList{elementData=[Ljava/lang/Object;(null
+  $INFO{name,Ljava/lang/String;=null port=0} $INFO{port=$QVS_PORT} $INFO{port=1}) size=4}}}
+static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$Ferrule_PORT}
+thread another: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51 @{impl=java/net/PlainSocketImpl{port=3}} ;
+  n java/lang/Object.wait @
 )";
 // Threads whose frames have the objects. A port that can't be one isn't taken.
 const char HOLDERS[] = R"(
-let RESTS n java/lang/Object.wait @
 thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51
-  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBoss_PORT} ; $RESTS
-thread SslServer: WAIT run shop/Worker ; c com/sun/net/ssl/internal/ssl/SSLServerSocketImpl.accept:51
-  @com/sun/net/ssl/internal/ssl/SSLServerSocketImpl<java/net/ServerSocket{impl=
-  com/sun/net/ssl/internal/ssl/SSLSocketImpl<java/net/SocketImpl{portToBind=$GlassFish_PORT}} ; $RESTS
-thread another: WAIT run shop/Worker ; c java/net/PlainSocketImpl.accept:51 @{localport=3 port=4} ; $RESTS
-thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
+  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBoss_PORT} ; n java/lang/Object.wait @
+thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ;
+  n java/lang/Object.wait @
 )";
 
 } // namespace
@@ -183,15 +158,13 @@ thread Processor: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEnd
                           std::to_string(scene->ports["Tomcat"]) + "} ; n java/lang/Object.wait @");
 }
 
-void StageServers(const std::string &name, Scene *scene) {
-    const std::map<std::string, const char *> ways = {
-        {"servers", FIRST}, {"servers-later", LATER}, {"servers-last", LAST}};
+void StageServers(bool later, Scene *scene) {
     SceneText text(scene);
-    for (const std::string server : {"QVS", "Ferrule", "Apache JServ", "JBoss", "GlassFish", "SAP", "Tomcat"})
-        text.Let(server.substr(server.find(' ') + 1) + "_PORT",
-                 std::to_string(scene->ports[server] = ListenOn(scene)));
-    text.Read(std::string(CLASSES) + ways.at(name) + HOLDERS);
-    if (name == "servers")
+    int32_t port = 20000;
+    for (const std::string server : {"QVS", "Ferrule", "JBoss", "SAP", "Tomcat"})
+        text.Let(server + "_PORT", std::to_string(scene->ports[server] = ++port));
+    text.Read(std::string(CLASSES) + (later ? LATER : FIRST) + HOLDERS);
+    if (!later)
         AddProcessor(scene);
 }
 

@@ -21,7 +21,7 @@ clock = shop/Clock
 drawer = shop/Drawer
 page = shop/Page
 let WORKS run shop/Worker
-thread door: ACCEPT run shop/Door ; c java/net/ServerSocket.accept:450 > java/net/PlainSocketImpl.accept:384 ;
+thread door: PIPE "Object Wait" run shop/Door ; c java/net/ServerSocket.accept:450 > java/net/PlainSocketImpl.accept:384 ;
   n java/net/PlainSocketImpl.socketAccept @
 thread import: PIPE $WORKS ; i shop/Import.load:88 @orders ; c shop/Import.inflate @ ;
   n java/io/FileInputStream.readBytes
@@ -36,7 +36,6 @@ thread pricing: SPIN $WORKS ; i shop/Prices.update:52 ; o shop/Prices.all:60 @or
   i shop/Tax.of:5 @cart ^cart ; c shop/Tax.rate:9 @cart > shop/Tax.round:15
 thread search: CALLS $WORKS ; c shop/Search.scan:31 @orders ; c shop/Search.match:40
 thread hash: SPIN $WORKS ; c shop/Hash.mix:12
-thread sums: SPIN $WORKS ; s ; linked shop/Sums.add:15
 thread copier: SPIN $WORKS ; copy shop/Copier.copy:77 @orders > shop/Copier.page:80
 thread reports: PIPE $WORKS ; i shop/Reports.print:19 @orders ^orders ;
   n java/security/AccessController.doPrivileged ; c shop/Reports$1.run:23 @ ;
@@ -54,12 +53,15 @@ Script NativeScript() {
 
 void StageScene(const std::string &name, Scene *scene) {
     const std::map<std::string, void (*)(Scene *)> stages = {
-        {"shop", StageShop},       {"heap", StageShop},   {"readers", StageReaders},
-        {"drivers", StageDrivers}, {"tiers", StageTiers}, {"nothing", [](Scene *) {}}};
-    if (const auto found = stages.find(name); found != stages.end())
-        found->second(scene);
-    else
-        StageServers(name, scene);
+        {"shop", StageShop},
+        {"heap", StageShop},
+        {"readers", StageReaders},
+        {"drivers", StageDrivers},
+        {"tiers", StageTiers},
+        {"servers", [](Scene *of) { StageServers(false, of); }},
+        {"servers-later", [](Scene *of) { StageServers(true, of); }},
+        {"nothing", [](Scene *) {}}};
+    stages.at(name)(scene);
     if (name != "heap")
         return;
     StageRoots(scene->runners.front()->info, ChainEnd::NONE);

@@ -28,7 +28,6 @@ struct Runner {
     std::atomic<bool> inJava{false};
     std::atomic<Word> stackLow{0}; // while not in Java: from here up its stack may hold references
     Word stackHigh = 0;
-    int32_t pipe[2] = {-1, -1}, listener = -1;
 };
 
 // Starts a thread that runs the script once, and comes back when it rests. `call` runs where its script's
@@ -49,12 +48,9 @@ struct Attached {
     ~Attached() { UnlinkThread(info), FreeThread(info); }
 };
 
-int ListeningSocket(int32_t *port); // on the loopback
-
 // One collection: stops all threads, moves every object of eden and from, poisons where they were. While it
 // runs, the heap says so; `held` is called in its midst.
-// A full one also moves the klasses of those classes.
-void Collect(const std::function<void()> &held = {}, const std::vector<std::string> &moving = {});
+void Collect(const std::function<void()> &held = {});
 
 // What the VM itself and its threads refer to: handles, monitors, dictionaries, known classes.
 
@@ -62,10 +58,8 @@ void Collect(const std::function<void()> &held = {}, const std::vector<std::stri
 struct Root {
     char letter; // of the structure, as a dump has it
     std::string name;
-    Object *object; // null: `oop`, which doesn't move
-    Word oop, place;
-
-    Word Address() const { return object ? object->address : oop; }
+    Object *object;
+    Word place;
 };
 extern std::deque<Root> stagedRoots;
 
@@ -83,8 +77,8 @@ void WriteRoots();
 // The above, and each thread's object and handles.
 std::vector<Root> AllRoots();
 
-// A VM that never rests: threads end and start, collections move what they refer to, and signals that aren't
-// the agent's arrive all the time.
+// A VM that never rests: threads end and start, collections move what they refer to, and a timer's
+// signals arrive all the time.
 
 struct StormOptions {
     int threads = 30, frames = 20, looping = 10;
@@ -96,18 +90,16 @@ struct StormOptions {
 // A thread that the storm had. What it showed then is its script's shadow stack; one that has just come or is
 // about to go shows the outer part.
 struct Lived {
-    std::string name;
     int32_t kernelId;
     const Script *script;
 };
 
 void StartStorm(const StormOptions &options);
-std::vector<Lived> LivedSoFar();
-std::vector<Runner *> StormRunners(); // where none comes or goes
+std::map<std::string, Lived> LivedSoFar(); // by name
+std::vector<Runner *> StormRunners();      // where none comes or goes
 // Ends all of it; a thread that still was held would never end. The VM's own handler of signal 31 stays
-// installed: VmSignalHandler. Whether each of its signals arrived. The kernel keeps one of two pending ones,
-// so that one to a looping thread may be lost when the agent's own is on its way; no other may.
-bool StopStorm();
+// installed: VmSignalHandler.
+void StopStorm();
 void VmSignalHandler(int signal, siginfo_t *info, void *context);
 
 // Scenes: what a VM's threads do while it is looked at.
@@ -118,7 +110,7 @@ struct Scene {
     std::vector<Runner *> runners;
     std::map<std::string, Object *> named; // what readers of objects are to look at
     std::vector<int> descriptors;          // open until its end
-    std::map<std::string, int32_t> ports;  // on which it listens, by the word for the server
+    std::map<std::string, int32_t> ports;  // of application servers, by the word for the server
 };
 
 // Ends the process for a name it does not know.
@@ -126,8 +118,8 @@ struct Scene {
 // readers: objects of all kinds of fields and elements, and frames with arguments and locals
 // drivers: threads that wait for a database, on sockets of all kinds
 // tiers: web requests, remote calls and a framework's objects, for each server
-// servers: the ports of application servers; servers-later, servers-last: where other ways lead there, and
-//          without Tomcat's thread
+// servers: the ports of application servers; servers-later: where other ways lead there, and without Tomcat's
+//          thread
 // heap: the shop over a tricky heap (heap.h)
 // nothing: no thread
 void StageScene(const std::string &name, Scene *scene);
@@ -187,20 +179,18 @@ private:
     size_t at_ = 0;
 };
 
-// A connected socket of the loopback, or a descriptor that isn't one any more, or never was.
-enum class SocketKind { IPV4, IPV6, CLOSED, FILE };
+// A connected socket of the loopback.
 struct Connected {
     int descriptor;
-    std::string localPort, remotePort, peer; // empty: none
+    std::string localPort, remotePort; // empty: none
 };
-Connected Connect(Scene *scene, SocketKind kind);
-int32_t ListenOn(Scene *scene); // a port of the loopback
+Connected Connect(Scene *scene);
 
 void StageShop(Scene *scene);
 void StageReaders(Scene *scene);
 void StageDrivers(Scene *scene);
 void StageTiers(Scene *scene);
-void StageServers(const std::string &name, Scene *scene);
+void StageServers(bool later, Scene *scene);
 void AddProcessor(Scene *scene); // the thread by which Tomcat's port is found
 
 // The agent as the simulated VM's main thread starts and asks it, by its natives.
@@ -255,7 +245,7 @@ struct HeapDump {
 HeapDump ReadDump(const std::string &path);
 // What a dump made now has to hold; of frames at least this.
 HeapDump TakeTruth(const std::vector<Runner *> &runners);
-// Each way in which the two differ, 20 of them at most.
+// Each way in which the two differ.
 std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth);
 
 } // namespace simvm

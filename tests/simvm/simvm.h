@@ -105,7 +105,7 @@ struct Class {
     Word klass, pool;
     int32_t bytes; // of an instance
     int32_t poolUsed = 1, poolRoom;
-    std::string source = {}; // file; empty: not known
+    std::string source = {}; // file
 };
 struct MethodLine {
     int32_t bci, line;
@@ -142,11 +142,14 @@ struct CollectionFigures {
 };
 struct ThreadInfo {
     std::string name;
-    Word address, osThread; // JavaThread, OSThread
-    Object *object;         // java.lang.Thread
+    Word address, osThread;
+    Object *object; // java.lang.Thread
     int32_t kernelId = 0;
     bool exceptionPending = false;
     std::vector<Object *> objects = {}; // that die with it
+
+    JavaThread &Java() const { return As<JavaThread>(address); }
+    OSThread &Os() const { return As<OSThread>(osThread); }
 };
 
 using Locked = std::lock_guard<std::recursive_mutex>;
@@ -161,8 +164,8 @@ struct Vm {
     std::vector<Object *> forgotten; // of these, to be used again
     HeapSpace perm, old, eden, from, to;
     Word kindKlass[VTABLE_COUNT]; // the klasses of the VM's own kinds of objects
-    Word heap;                    // CollectedHeap
-    Object *threadGroup;          // of all threads
+    CollectedHeap *heap;
+    Object *threadGroup; // of all threads
     CollectionFigures collections;
     std::vector<ThreadInfo *> threads; // in the order of the VM's list
 };
@@ -179,8 +182,7 @@ Word HeadOf(VtableKind kind); // of its virtual table
 Word Intern(const std::string &text); // a symbol
 // Seven bits a byte from the lowest; the last byte holds a signed rest, counted from 192.
 void PutCompressed(std::string *out, int32_t value);
-// Defines it, if it isn't yet. A line of words: "NAME [< SUPER] [?] field,SIGNATURE *static,SIGNATURE ...".
-// "?": its source file isn't known.
+// Defines it, if it isn't yet. A line of words: "NAME [< SUPER] field,SIGNATURE *static,SIGNATURE ...".
 Class *DefineClass(const std::string &line);
 Class *ArrayClass(const std::string &signature); // "[I", "[[Ljava/lang/Object;"
 Class *FindClass(const std::string &name);       // null: not defined
@@ -249,12 +251,12 @@ void DefineJavaSide(std::function<std::string(const JavaCall &)> answer);
 // ------------------------------------------------------------------------------------
 
 struct TableEntry {
-    Object *key; // a String keeps its hash code from then on
+    Object *key;
     Value value;
-    int32_t bucket = -1; // -1: where its hash code belongs
+    int32_t bucket;
 };
-// A Hashtable, a Properties or a HashMap. A bucket's entries are chained in this order; `cyclic`: its last
-// one leads back to the first.
+// A Hashtable, a Properties or a HashMap. A bucket's entries are chained in this order; `cyclic`: the last
+// one leads back to itself.
 Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
                  bool cyclic = false);
 

@@ -7,22 +7,21 @@
 using namespace simvm;
 
 #ifdef SIMVM_CLIENT
-#define SIMVM_ALL_STATICS(X) SIMVM_STATICS(X) SIMVM_CLIENT_STATICS(X)
+#undef SERVER_STATIC
+#define SERVER_STATIC(...)
 #else
-#define SIMVM_ALL_STATICS(X) SIMVM_STATICS(X) SIMVM_SERVER_STATICS(X)
+#undef CLIENT_STATIC
+#define CLIENT_STATIC(...)
 #endif
 
 // Initialised, so that they are in the file's data as in the real library, not in memory mapped beside it.
-#define DEFINE(member, symbol, words, visible)                                                               \
-    extern "C" Word member[words] __asm__(symbol);                                                           \
-    __attribute__((visibility(#visible), used)) Word member[words] = {1};
-SIMVM_ALL_STATICS(DEFINE)
-#undef DEFINE
-#define DEFINE(kind, base, symbol, visible, predicate, letter)                                               \
-    extern "C" Word kind##_table[VTABLE_WORDS] __asm__("_ZTV" symbol);                                       \
-    __attribute__((visibility(#visible), used)) Word kind##_table[VTABLE_WORDS] = {1};
-SIMVM_VTABLES(DEFINE)
-#undef DEFINE
+// Variables are found in .symtab only, tables in .dynsym as well.
+#define DEFINE(name, words, symbol, visible)                                                                 \
+    extern "C" Word name[words] __asm__(symbol);                                                             \
+    __attribute__((visibility(visible), used)) Word name[words] = {1};
+#define STATIC(member, words, symbol) DEFINE(member, words, symbol, "hidden")
+#define KIND(name, base, symbol, ...) DEFINE(name##_table, VTABLE_WORDS, "_ZTV" symbol, "default")
+#include "library_names.h"
 
 namespace {
 
@@ -55,12 +54,9 @@ void TakeOwn(Word *out, std::integer_sequence<int, KIND...>) {
 
 extern "C" __attribute__((visibility("default"))) void simvm_statics(Statics *out) {
     *out = {};
-#define TAKE(member, symbol, words, visible) (out->member = member)[0] = 0;
-    SIMVM_ALL_STATICS(TAKE)
-#undef TAKE
-#define TAKE(kind, ...) out->vtables[VT_##kind] = kind##_table;
-    SIMVM_VTABLES(TAKE)
-#undef TAKE
+#define STATIC(member, ...) (out->member = member)[0] = 0;
+#define KIND(name, ...) out->vtables[VT_##name] = name##_table;
+#include "library_names.h"
 #ifndef SIMVM_CLIENT
     out->server = true;
 #endif

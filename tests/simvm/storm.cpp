@@ -8,8 +8,6 @@ namespace simvm {
 
 namespace {
 
-constexpr int VM_SIGNAL = 31;
-
 struct Slot {
     Script script;
     Runner *runner = nullptr;
@@ -17,17 +15,15 @@ struct Slot {
 
 StormOptions storm;
 std::deque<Slot> slots;
-std::vector<Lived> lived;
+std::map<std::string, Lived> lived;
 std::mutex slotsLock; // who ends and starts threads, or sends them signals
 std::vector<std::thread> helpers;
 std::atomic<bool> stopping;
-std::atomic<int64_t> foreignSent, foreignArrived, foreignMerged;
 
 Script MakeScript(std::mt19937 &random, int slot) {
-    const Rest LOOPS[] = {Rest::SPIN, Rest::CALLS},
-               STILL[] = {Rest::PIPE, Rest::SLEEP, Rest::MONITOR, Rest::WAIT, Rest::ACCEPT};
     const bool loops = slot < storm.looping;
-    Script script = {{}, loops ? LOOPS[slot % 2] : STILL[slot % 5]};
+    const Rest rests[] = {Rest::SPIN, Rest::CALLS, Rest::SLEEP, Rest::MONITOR};
+    Script script = {{}, rests[slot % 2 + (loops ? 0 : 2)]};
     int depth = 0;
     const auto scope = [&](FrameKind kind) {
         const int number = slot * 100 + depth++;
@@ -53,7 +49,7 @@ Script MakeScript(std::mt19937 &random, int slot) {
 void StartSlot(Slot &slot) {
     const std::string name = "storm-" + std::to_string(lived.size());
     slot.runner = Start(name, &slot.script);
-    lived.push_back({name, slot.runner->info->kernelId, &slot.script});
+    lived[name] = {slot.runner->info->kernelId, &slot.script};
 }
 
 // Does it with the threads' lock until the storm ends, after pauses of up to so many microseconds.
@@ -66,26 +62,9 @@ void Repeat(uint32_t pause, const std::function<void(uint32_t random)> &body) {
     });
 }
 
-void Signal(const Slot &slot, int signal) {
-    syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, signal);
-}
-
-// One at a time, as a second one would merge with one that is still pending.
-void SendForeign(uint32_t random) {
-    const Slot &slot = slots[random % slots.size()];
-    foreignSent++;
-    Signal(slot, VM_SIGNAL);
-    const auto owed = [] { return foreignArrived + foreignMerged < foreignSent; };
-    for (int wait = 0; wait < (Loops(slot.script.rest) ? 500 : 10000) && owed(); wait++)
-        usleep(1000);
-    foreignMerged += Loops(slot.script.rest) && owed();
-}
-
 } // namespace
 
-void VmSignalHandler(int, siginfo_t *, void *) {
-    foreignArrived++;
-}
+void VmSignalHandler(int, siginfo_t *, void *) {}
 
 void StartStorm(const StormOptions &options) {
     storm = options;
@@ -93,7 +72,7 @@ void StartStorm(const StormOptions &options) {
     struct sigaction action = {};
     action.sa_sigaction = VmSignalHandler;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigaction(VM_SIGNAL, &action, nullptr);
+    sigaction(31, &action, nullptr);
     action.sa_flags = SA_RESTART;
     action.sa_handler = [](int) {};
     sigaction(SIGPROF, &action, nullptr);
@@ -112,16 +91,15 @@ void StartStorm(const StormOptions &options) {
     });
     Repeat(2000, [](uint32_t) {
         for (const Slot &slot : slots)
-            Signal(slot, SIGPROF);
+            syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, SIGPROF);
     });
-    Repeat(5000, SendForeign);
     helpers.emplace_back([] {
         for (std::mt19937 random(storm.seed); !stopping; usleep(random() % 20000))
             Collect([&] { usleep(random() % 2000); });
     });
 }
 
-std::vector<Lived> LivedSoFar() {
+std::map<std::string, Lived> LivedSoFar() {
     const std::lock_guard<std::mutex> held(slotsLock);
     return lived;
 }
@@ -133,14 +111,13 @@ std::vector<Runner *> StormRunners() {
     return all;
 }
 
-bool StopStorm() {
+void StopStorm() {
     stopping = true;
     for (std::thread &helper : helpers)
         helper.join();
     helpers.clear();
     for (const Slot &slot : slots)
         Leave(slot.runner);
-    return foreignSent == foreignArrived + foreignMerged;
 }
 
 } // namespace simvm

@@ -81,7 +81,7 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
         ExpectHolders(scene);
         ExpectCountsWithoutLinks(scene);
         ExpectNoFramesInCollections();
-        Word &last = At(vm.threads.back()->address, &JavaThread::next);
+        Word &last = vm.threads.back()->Java().next;
         last = vm.threads.front()->address; // a ring
         ExpectPoll(scene.runners);
         last = 0;
@@ -92,19 +92,15 @@ INSTANTIATE_TEST_SUITE_P(Simvm, DirectThreads, testing::ValuesIn(BUILDS));
 
 namespace {
 
-// The thread of that id and name that had these frames, or had them as its outer part; null: none.
-const Lived *WhoWasSo(const Shown &shown, int32_t id, const std::vector<Lived> &lived) {
-    const auto found = std::find_if(lived.begin(), lived.end(), [&](const Lived &life) {
-        std::vector<std::string> frames;
-        for (const Scope &scope : life.kernelId == id && life.name == shown.name ? ShadowStack(*life.script)
-                                                                                 : std::vector<Scope>())
-            frames.push_back(FrameText(scope));
-        if (life.script->rest == Rest::CALLS && !frames.empty()) // it calls the same method again and again
-            frames.insert(frames.begin(), 2, std::string(frames[0]));
-        return frames.size() >= shown.frames.size() &&
-               std::equal(shown.frames.rbegin(), shown.frames.rend(), frames.rbegin());
-    });
-    return found == lived.end() ? nullptr : &*found;
+// Whether the thread had these frames, or had them as its outer part.
+bool WasSo(const Lived &life, const Shown &shown) {
+    std::vector<std::string> frames;
+    for (const Scope &scope : ShadowStack(*life.script))
+        frames.push_back(FrameText(scope));
+    if (life.script->rest == Rest::CALLS) // it calls the same method again and again
+        frames.insert(frames.begin(), 2, std::string(frames[0]));
+    return frames.size() >= shown.frames.size() &&
+           std::equal(shown.frames.rbegin(), shown.frames.rend(), frames.rbegin());
 }
 
 // Back to back for ten seconds, and until enough has been seen.
@@ -114,15 +110,16 @@ void SampleStorm() {
          (time(nullptr) < end || stacks < 500 || looping < 20) && !testing::Test::HasFailure();) {
         const std::string reply = Ask("793|showstack|32768");
         ExpectLocalsOfRows(reply, 20);
-        const std::vector<Lived> lived = LivedSoFar();
+        const std::map<std::string, Lived> lived = LivedSoFar();
         for (const auto &[key, shown] : ReadPoll(reply)) {
             const int32_t id = stoi(key.substr(key.find('-') + 1));
             if (shown.frames.empty() || id == getpid())
                 continue;
-            const Lived *life = WhoWasSo(shown, id, lived);
-            EXPECT_TRUE(life) << shown.name << " " << testing::PrintToString(shown.frames);
+            const Lived &life = lived.at(shown.name);
+            EXPECT_TRUE(life.kernelId == id && WasSo(life, shown))
+                << shown.name << testing::PrintToString(shown.frames);
             stacks++;
-            looping += life && Loops(life->script->rest);
+            looping += Loops(life.script->rest);
         }
     }
 }
@@ -147,7 +144,7 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
         const Footprint first;
         SampleStorm();
         const size_t lives = LivedSoFar().size();
-        EXPECT_TRUE(StopStorm());
+        StopStorm();
         const Footprint last;
         Ask("SHUTDOWN");
         while (QorWorkerLives())
@@ -164,9 +161,8 @@ using Region = std::pair<Word, Word>; // from, to
 
 std::vector<Region> Spoilable(const std::vector<Runner *> &runners) {
     const Word heap = *vm.statics.codeHeap, map = At(heap, &CodeHeap::mapLow);
-    std::vector<Region> all = {{vm.heap + offsetof(CollectedHeap, perm), vm.heap + sizeof(CollectedHeap)},
-                               {heap, heap + sizeof(CodeHeap)},
-                               {map, map + 65536}};
+    std::vector<Region> all = {
+        {Word(&vm.heap->perm), Word(vm.heap + 1)}, {heap, heap + sizeof(CodeHeap)}, {map, map + 65536}};
     for (const HeapSpace *space : {&vm.perm, &vm.old, &vm.eden, &vm.from}) {
         all.push_back({space->structure, space->structure + sizeof(Space)});
         all.push_back({space->bottom, space->top});
@@ -175,7 +171,7 @@ std::vector<Region> Spoilable(const std::vector<Runner *> &runners) {
         const ThreadInfo &info = *runner->info;
         all.push_back({info.address, info.address + sizeof(JavaThread)});
         all.push_back({info.osThread, info.osThread + sizeof(OSThread)});
-        const Word sp = At(info.address, &JavaThread::anchorSp) & ~Word(3);
+        const Word sp = info.Java().anchorSp & ~Word(3);
         for (Word at = sp; sp && at + 8 <= runner->stackHigh; at += 8)
             if (const Word blob = BlobOf(As<Word>(at))) { // all but its code, which runs
                 const Word oops = blob + As<Blob>(blob).oopsOffset, end = blob + As<Blob>(blob).size;

@@ -24,12 +24,10 @@ std::string LockText(const Object &object) {
 } // namespace
 
 std::string FrameText(const Scope &scope) {
-    const std::string call = Dotted(scope.method->holder->name) + "->" + scope.method->name,
-                      &source = scope.method->holder->source;
-    if (scope.method->flags & METHOD_NATIVE)
-        return call + " Native Method ^";
-    const int32_t line = LineOf(scope);
-    return call + " " + (source.empty() ? "^" : source) + " " + (line > 3 ? std::to_string(line) : "^");
+    const MethodInfo &method = *scope.method;
+    return Dotted(method.holder->name) + "->" + method.name + " " +
+           (method.flags & METHOD_NATIVE ? "Native Method ^"
+                                         : method.holder->source + " " + std::to_string(LineOf(scope)));
 }
 
 Shown Truth(const Runner &runner) {
@@ -67,7 +65,7 @@ HeapDump ReadDump(const std::string &path) {
         const Word at =
             address(isArray && count > 1 ? parts[1] : line.substr(strchr("RIL", line[0]) ? 1 : 2));
         if (line[0] == 'S' && count > 2) {
-            const std::string root = parts[count - 2] + " " + Hex(at);
+            const std::string root = (strchr("zABCt", line[1]) ? "" : parts[count - 2]) + " " + Hex(at);
             if (root.rfind("thread_local ", 0) == 0 || root.rfind("interpreter_frame_", 0) == 0)
                 dump.frames[parts[1] + "|" + root] = at;
             else
@@ -176,19 +174,16 @@ HeapDump TakeTruth(const std::vector<Runner *> &runners) {
                 truth.objects[type.klass].references.push_back("L " + Hex(type.klass + field.offset) + ">" +
                                                                Hex(field.value.object->address));
     for (const Root &root : AllRoots())
-        truth.roots.insert(root.letter + (" " + root.name) + " " + Hex(root.Address()));
+        truth.roots.insert(root.letter + (" " + root.name) + " " + Hex(root.object->address));
     for (const Runner *runner : runners)
         AddFrames(*runner, &truth);
     return truth;
 }
 
 std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth) {
-    constexpr size_t MOST = 20;
     std::vector<std::string> out = dump.strange;
     const auto add = [&](const char *what, Word address, const DumpedObject &object) {
         out.push_back(what + Hex(address) + ": " + object.line);
-        for (const std::string &reference : object.references)
-            out.back() += "\n    " + reference;
     };
     if (!dump.isFinished)
         out.emplace_back("not finished");
@@ -208,7 +203,6 @@ std::vector<std::string> Differences(const HeapDump &dump, const HeapDump &truth
     for (const auto &[root, address] : truth.frames)
         if (!dump.frames.count(root))
             out.push_back("no root of a frame: " + root);
-    out.resize(std::min(out.size(), MOST));
     return out;
 }
 
