@@ -23,6 +23,8 @@ inline std::string Wire(std::string_view legible) {
     return text;
 }
 
+inline const std::string TIMING = "Time spent in JVM for processing request;321 usec!";
+
 inline qorctl::ThreadSample Threads(std::string_view legible) {
     const std::string text = Wire(legible);
     return qorctl::DecodeThreads(qorctl::OpenReply(text));
@@ -31,6 +33,15 @@ inline qorctl::ThreadSample Threads(std::string_view legible) {
 inline qorctl::ThreadSample Stack(std::string_view legible) {
     const std::string text = Wire(legible);
     return qorctl::DecodeStack(qorctl::OpenReply(text));
+}
+
+inline std::string Row(const std::string &thread, const std::string &state) {
+    return "a~t" + thread + "~^~^~^~1-" + thread + "~A->b~A.java~3~" + state + ";";
+}
+
+// A sample of rows, timed.
+inline qorctl::ThreadSample Rows(const std::string &rows) {
+    return Threads("JVM Active Threads;" + rows + "!" + TIMING);
 }
 
 // What a call fails with.
@@ -49,7 +60,6 @@ inline void ExpectParts(const std::string &text, std::initializer_list<const cha
         EXPECT_NE(text.find(part), text.npos) << part << " in\n" << text;
 }
 
-inline const std::string TIMING = "Time spent in JVM for processing request;321 usec!";
 inline const std::string ACTIVE_ROW = "a~http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Runnable";
 inline const std::string DETAILS =
     "Thread Info Details;http-1~^~^~^~77-23~com.acme.Cart->total~Cart.java~12~Lock";
