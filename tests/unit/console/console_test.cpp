@@ -6,7 +6,6 @@
 #include "jvm/attach.h"
 #include "jvm/endpoint.h"
 #include "jvm/proof.h"
-#include "jvm/session.h"
 #include "show/json.h"
 #include "show/render.h"
 #include "wire.h"
@@ -19,24 +18,16 @@
 #include <grp.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <thread>
 
 using namespace qorctl;
 
 namespace {
 
-const std::string TOKEN = "0123456789abcdef0123456789abcdef";
+const std::string ENDPOINT = "port=1\ntoken=0123456789abcdef0123456789abcdef\npid=77\nversion=1\n";
 
-std::string EndpointText(int pid) {
-    return fmt::format("port=1\ntoken={}\npid={}\nversion=1\n", TOKEN, pid);
-}
-
-TEST(Requests, RulesTravelWithCarriageReturns) {
-    const std::string head = "521|NoProcessing|activethreads|";
+TEST(Requests, FitTheWire) {
     EXPECT_EQ(RulesRequest("# c\r\nabcd|monitor|x\r\n\r\nabcd|currcall|b"),
-              head + "# c\rabcd|monitor|x\rabcd|currcall|b\r");
-    EXPECT_EQ(RulesRequest("\n\n"), head + "#"); // no rules is an answer too
-    EXPECT_THROW(RulesRequest("abcd|threadname||\t|\t\t||"), Failure);
+              "521|NoProcessing|activethreads|# c\rabcd|monitor|x\rabcd|currcall|b\r");
     EXPECT_THROW(CheckRequest("a\nb"), Failure);
     std::string wide = "#";
     for (int i = 0; i < 10000; ++i)
@@ -45,51 +36,14 @@ TEST(Requests, RulesTravelWithCarriageReturns) {
         EXPECT_NE(request[request.rfind('|') + 1] & 0xc0, 0x80) << "a character is cut";
 }
 
-TEST(Requests, AnotherVersionIsReported) {
-    EXPECT_EQ(VersionWarning("version=1.2.3", "1.2.3"), "");
-    for (const auto &[answer, said] :
-         {std::pair("version=1.2", "of version 1.2, "), {"NoProcessing: ...", "older"}})
-        EXPECT_NE(VersionWarning(answer, "1.2.3").find(said), std::string::npos) << answer;
-}
-
 TEST(Endpoint, File) {
-    const std::string good = EndpointText(77);
-    auto endpoint = ParseEndpoint(good + "something=new\n");
-    ASSERT_TRUE(endpoint);
-    EXPECT_TRUE(endpoint->port == 1 && endpoint->token == TOKEN && endpoint->inner_pid == 77);
-    EXPECT_EQ(ParseEndpoint(good + "bind=127.0.0.2\n")->address, htonl(0x7f000002));
-    for (const char *bind : {"", "bind=0.0.0.0\n", "bind=::1\n"}) // any address is reached by the loopback
-        EXPECT_EQ(ParseEndpoint(good + bind)->address, htonl(INADDR_LOOPBACK)) << bind;
-    for (const auto &[right, wrong] : {std::pair("port=1\n", "port=65536\n"),
-                                       {"f\np", "f0\np"},
-                                       {"=77", "=-7"},
-                                       {"version=1", "version=2"}}) {
-        std::string text = good;
+    EXPECT_TRUE(ParseEndpoint(ENDPOINT + "something=new\n"));
+    for (const auto &[right, wrong] :
+         {std::pair("port=1\n", "port=65536\n"), {"f\np", "f0\np"}, {"version=1", "version=2"}}) {
+        std::string text = ENDPOINT;
         text.replace(text.find(right), strlen(right), wrong);
         EXPECT_FALSE(ParseEndpoint(text)) << text;
     }
-}
-
-TEST(Endpoint, TheTimeIsThatOfAllStepsTogether) {
-    const Loopback relay(AF_INET, "127.0.0.1");
-    ASSERT_TRUE(relay.Listen());
-    std::thread silent([&] {
-        const FileDescriptor caller(accept(relay.fd, nullptr, nullptr));
-        send(caller.get(), "OK\n", 3, 0);
-        for (char byte; read(caller.get(), &byte, 1) > 0;) {
-        }
-    });
-    Endpoint endpoint = ParseEndpoint(EndpointText(77)).value();
-    endpoint.port = relay.port;
-    Settings settings;
-    {
-        std::optional<Connection> connection = Connection::Open(endpoint, settings.Due().at);
-        settings.start -= Seconds(settings.timeout); // which others took
-        EXPECT_EQ(
-            FailureOf([&] { connection->Ask("1|x", settings.Due()); }).find("no answer within 75 seconds"),
-            0);
-    }
-    silent.join();
 }
 
 TEST(Endpoint, WhoListensIsProven) {
@@ -97,10 +51,9 @@ TEST(Endpoint, WhoListensIsProven) {
         const Loopback server(strchr(address, ':') ? AF_INET6 : AF_INET, address);
         if (!server.bound)
             continue; // a host without IPv6
-        Endpoint endpoint = ParseEndpoint(EndpointText(77)).value();
-        endpoint.port = server.port;
-        EXPECT_EQ(ProveListener("/proc/self", endpoint), Proof::OTHER) << "it doesn't listen yet";
         ASSERT_TRUE(server.Listen());
+        Endpoint endpoint = ParseEndpoint(ENDPOINT).value();
+        endpoint.port = server.port;
         EXPECT_EQ(ProveListener("/proc/self", endpoint),
                   strcmp(address, "127.0.0.2") == 0 ? Proof::OTHER : Proof::PROVEN)
             << address;
@@ -110,35 +63,21 @@ TEST(Endpoint, WhoListensIsProven) {
 }
 
 TEST(Attach, LoadReplies) {
-    const std::pair<std::string, const char *> rows[] = {
-        {"0\nreturn code: 0\n", "no failure"},
-        {"", "hung up"},
-        {"0\nreturn code: 102\n", "start failed"},
-        {"-1\nDynamic agent loading is not enabled. Use -XX:+EnableDynamicAgentLoading to launch target VM.",
-         "-XX:-EnableDynamicAgentLoading"},
-        {"0\nDynamic agent loading is not enabled. Use -XX:+EnableDynamicAgentLoading to launch target VM.\n",
-         "-XX:-EnableDynamicAgentLoading"},
-        {"0\nNo agent library\nat all\n", "refused the agent: No agent library"},
-    };
-    for (auto &[reply, reported] : rows)
-        ExpectParts(FailureOf([&, r = reply] { CheckLoadReply(r, "/x.jar"); }), {reported});
-    EXPECT_EQ(PropertyValue("0\n#Fri\na=1\nqoragent.status=failed\\: no \\\\ way\n", "qoragent.status"),
-              "failed: no \\ way");
+    ExpectParts(FailureOf([] { CheckLoadReply("", "/x.jar"); }), {"hung up"});
+    const std::string refused = FailureOf([] { CheckLoadReply("0\nNo \x1b[31m agent\nat all\n", "/x.jar"); });
+    ExpectParts(refused, {"refused the agent: No \\x1b[31m agent"});
 }
 
 TEST(Process, Status) {
     Process process;
-    ASSERT_TRUE(
-        ParseStatus("Name:\tjava (x)\nState:\tS (sleeping)\nUid:\t1000\t1001\t1002\t1003\n"
-                    "Gid:\t50\t51\t52\t53\nThreads:\t33\nNSpid:\t4711\t12\nSigCgt:\t2000000101005ccf\n",
-                    &process));
-    EXPECT_TRUE(process.euid == 1001 && process.egid == 51 && process.threads == 33 &&
-                process.inner_pid == 12);
-    EXPECT_TRUE(process.catches_sigquit && !process.stopped);
+    ASSERT_TRUE(ParseStatus("State:\tS (sleeping)\nUid:\t1000\t1001\t1002\t1003\nGid:\t50\t51\t52\t53\n"
+                            "NSpid:\t4711\t12\nSigCgt:\t2000000101005ccf\n",
+                            &process));
+    EXPECT_TRUE(process.euid == 1001 && process.egid == 51 && process.inner_pid == 12 &&
+                process.catches_sigquit);
     ASSERT_TRUE(ParseStatus("State:\tT (stopped)\nUid:\t1\t1\t1\t1\nSigCgt:\t2000000101005ccb\n", &process));
     EXPECT_TRUE(!process.catches_sigquit && process.stopped);
-    EXPECT_FALSE(ParseStatus("State:\tZ (zombie)\nUid:\t1\t1\t1\t1\n", &process));
-    for (const auto &[outer, inner] : {std::pair(100000u, 0u), {165535u, 65535u}, {165536u, 165536u}})
+    for (const auto &[outer, inner] : {std::pair(165535u, 65535u), {165536u, 165536u}})
         EXPECT_EQ(MapUid("         0     100000      65536\n", outer), inner);
 }
 
@@ -152,26 +91,20 @@ public:
                printf secret >secret; printf ours >bin/tool; cd jail
                printf theirs >bin/tool; printf good >own/good; head -c 10000000 /dev/zero >own/large
                mkfifo own/fifo; mknod own/device c 1 5; ln -s "$PWD/../secret" own/link
-               ln -s "$PWD/../bin" outside; ln -s ../../../.. up
-               ln -s own/release release; chown -R 65534 .; chmod 666 own/device
-               printf secret >own/roots; printf 'JAVA_VERSION="9"' >own/release; chmod 600 own/r*)");
-        int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
+               ln -s "$PWD/../bin" outside; ln -s ../../../.. up; chown -R 65534 .; chmod 666 own/device
+               printf secret >own/roots; chmod 600 own/roots)");
         process.pid = fork();
         if (process.pid == 0) {
-            bool in = chroot(In("jail").c_str()) == 0 && chdir("/") == 0 && setgroups(0, nullptr) == 0 &&
-                      setresgid(USER, USER, USER) == 0 && setresuid(USER, USER, USER) == 0;
-            prctl(PR_SET_DUMPABLE, 1);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            close(ready[in ? 1 : 0]);
-            close(ready[in ? 0 : 1]);
-            pause();
-            _exit(0);
+            if (chroot(In("jail").c_str()) == 0 && chdir("/") == 0 && setgroups(0, nullptr) == 0 &&
+                setresgid(USER, USER, USER) == 0 && setresuid(USER, USER, USER) == 0 &&
+                prctl(PR_SET_DUMPABLE, 1) == 0)
+                raise(SIGSTOP);
+            _exit(1);
         }
-        close(ready[1]);
-        char end;
-        EXPECT_EQ(read(ready[0], &end, 1), 0);
-        close(ready[0]);
+        int status;
+        waitpid(process.pid, &status, WUNTRACED);
+        EXPECT_TRUE(WIFSTOPPED(status));
         process.euid = process.egid = USER;
     }
     ~Captive() {
@@ -202,95 +135,66 @@ TEST(Inside, TrapsAreNotOpened) {
     auto as_whom = [](int) { return fmt::format("{} {} {}", getuid(), getgid(), getgroups(0, nullptr)); };
     EXPECT_EQ(LookInside(captive.process, as_whom), "65534 65534 0");
     EXPECT_FALSE(LookInside(captive.process, [](int) { return std::string(pause(), ' '); })) << "it hangs";
-    EXPECT_EQ(VersionBesideLibrary(captive.process, "/own/bin/libjvm.so"), "");
 }
 
 // An endpoint as the agent makes it, and what somebody else may do to it.
 TEST(Inside, EndpointsOfStrangersAreNotBelieved) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can make files of others";
-    enum { FOUND, NOTHING, TAKEN, REFUSED };
-    const std::pair<const char *, int> rows[] = {
-        {"", FOUND},
-        {"rm dir/77.endpoint", NOTHING},
-        {"chown 0 dir", TAKEN},
-        {"chmod 710 dir", TAKEN},
-        {"mv dir elsewhere; ln -s elsewhere dir", TAKEN},
-        {"chown 0 dir/77.endpoint", REFUSED},
-        {"chmod 640 dir/77.endpoint", REFUSED},
-        {"mv dir/77.endpoint good; ln -s /good dir/77.endpoint", REFUSED},
-        {"printf '%s\n' port=1 token=$TOKEN pid=78 version=1 >dir/77.endpoint", NOTHING}, // another process's
+    const std::pair<const char *, const char *> rows[] = {
+        {"true", "found"},
+        {"chown 0 dir", "taken"},
+        {"chmod 710 dir", "taken"},
+        {"mv dir elsewhere; ln -s elsewhere dir", "taken"},
+        {"chown 0 dir/77.endpoint", "user's own"},
+        {"chmod 640 dir/77.endpoint", "user's own"},
+        {"mv dir/77.endpoint good; ln -s /good dir/77.endpoint", "user's own"},
     };
-    setenv("TOKEN", TOKEN.c_str(), 1);
     for (const auto &[change, expected] : rows) {
         Captive captive;
         captive.process.inner_pid = 77;
-        captive.Run(R"(cd jail; printf '%s\n' port=1 token=$TOKEN pid=77 version=1 >dir/77.endpoint
-                       chown 65534 dir/77.endpoint; chmod 600 dir/77.endpoint; chmod 700 dir; )" +
+        captive.Fill("jail/dir/77.endpoint", ENDPOINT);
+        captive.Run("cd jail; chown 65534 dir/77.endpoint; chmod 600 dir/77.endpoint; chmod 700 dir; " +
                     std::string(change));
-        bool taken = false, found = false;
-        const std::string failure =
-            FailureOf([&] { found = FindEndpoint(captive.process, "/dir", &taken).has_value(); });
-        EXPECT_EQ(strstr(failure.c_str(), "user's own") ? REFUSED
-                  : found                               ? FOUND
-                  : taken                               ? TAKEN
-                                                        : NOTHING,
-                  expected)
-            << change << failure;
+        bool taken = false;
+        std::string seen;
+        const std::string failure = FailureOf([&] {
+            seen = FindEndpoint(captive.process, "/dir", &taken) ? "found" : taken ? "taken" : "nothing";
+        });
+        ExpectParts(seen + failure, {expected});
     }
 }
 
 TEST(Process, MapsAndMainClass) {
-    const std::string head = "7f00-7f01 r-xp 00000000 08:01 1 ";
-    const std::tuple<std::string, JvmKind, const char *> rows[] = {
-        {head + "/usr/lib/jvm/x y/lib/server/libjvm.so (deleted)\n", JvmKind::HOTSPOT,
-         "/usr/lib/jvm/x y/lib/server/libjvm.so"},
-        {head + "/j/libj9vm29.so\n" + head + "/j/libjvm.so\n", JvmKind::OTHER, "/j/libjvm.so"},
-        {head + "/j/notlibjvm.so\n7f00-7f01 rw-p 0 0 0 \n", JvmKind::NONE, ""},
-    };
-    for (auto &[maps, kind, path] : rows) {
-        std::string library;
-        EXPECT_EQ(ParseMaps(maps, &library), kind) << maps;
-        EXPECT_TRUE(kind == JvmKind::OTHER || library == path) << library;
-    }
-    const std::pair<std::vector<std::string>, const char *> commands[] = {
-        {{"/usr/bin/java", "-Xmx1g", "-cp", "a:b", "com.acme.Main", "-jar", "x"}, "com.acme.Main"},
-        {{"java", "-jar", "/opt/app/shop.jar", "start"}, "shop.jar"},
-        {{"java", "-p", "m", "-m", "a/b.C", "x"}, "b.C"},
-    };
-    for (auto &[arguments, name] : commands)
-        EXPECT_EQ(MainClass(arguments), name);
+    const std::string head = "7f00-7f01 r-xp 00000000 08:01 1 ", jvm = "/usr/x y/libjvm.so";
+    std::string library;
+    EXPECT_EQ(ParseMaps(head + jvm + " (deleted)\n", &library), JvmKind::HOTSPOT);
+    EXPECT_EQ(library, jvm);
+    EXPECT_EQ(ParseMaps(head + "/j/libj9vm29.so\n" + head + jvm + "\n", &library), JvmKind::OTHER);
+    EXPECT_EQ(ParseMaps(head + "/j/notlibjvm.so\n7f00-7f01 rw-p 0 0 0 \n", &library), JvmKind::NONE);
+    EXPECT_EQ(MainClass({"java", "-jar", "/opt/app/shop.jar", "start"}), "shop.jar");
+    EXPECT_EQ(MainClass({"java", "-p", "m", "-m", "a/b.C", "x"}), "b.C");
 }
 
-// A performance file of one string entry, laid out as the JVM does.
-std::string PerfFile(const std::string &name, const std::string &value) {
-    const auto word = [](size_t number) {
-        const auto narrow = static_cast<uint32_t>(number);
-        return std::string(reinterpret_cast<const char *>(&narrow), 4);
-    };
-    const std::string body = name + '\0' + value + '\0', type("B\0\0\0", 4);
-    return std::string("\xca\xfe\xc0\xc0\x01\x02\x00\x01", 8) + std::string(16, '\0') + word(32) + word(1) +
-           word(20 + body.size()) + word(20) + word(value.size() + 1) + type + word(21 + name.size()) + body;
-}
-
+// One entry, as the JVM lays it out.
 TEST(Process, PerformanceFile) {
-    EXPECT_EQ(ParsePerfData(PerfFile("java.property.java.version", "17.0.15")).java_version, "17.0.15");
-    const std::string file = PerfFile("sun.rt.jvmCapabilities", "0100");
+    const std::string file("\xca\xfe\xc0\xc0\1\2\0\1................ \0\0\0\1\0\0\0"
+                           "0\0\0\0\x14\0\0\0\5\0\0\0B\0\0\0+\0\0\0sun.rt.jvmCapabilities\x00"
+                           "0100",
+                           80);
+    EXPECT_EQ(ParsePerfData(file).capabilities, "0100");
     for (size_t length = 0; length < file.size(); ++length) // a cut file is read as nothing more
         ParsePerfData(std::string_view(file).substr(0, length));
     for (size_t at = 24; at < 52; ++at) // nor are wild offsets
         ParsePerfData(std::string(file).replace(at, 1, "\xff"));
-    EXPECT_EQ(ParsePerfData(file).capabilities, "0100");
 }
 
 TEST(Render, ThreadDump) {
     const ThreadSample sample =
         Threads(DETAILS + "!" + FRAMES +
                 "!Lock On;6699~77-31~java.lang.Object@6699~View Thread Holding this Lock"
-                "!JVM Locks;12~0~com.acme.Cart@12~1;13~0~a.X@13~900;14~0~a.Y@14~849;"
-                "!Thread Info Details;ow\x1bner~^~/cart~id=7~77-31~^~^~^~Sleeping!Call Stack"
-                ";java.lang.Thread->sleep~Native Method~^~31~0~9~^~^"
-                ";a.B$$Lambda$7.0x00007fc8->run~Native Method~^~31~1~9~^~^!" +
+                "!JVM Locks;12~0~a.Cart@12~1;13~0~a.X@13~900;14~0~a.Y@14~849;"
+                "!Thread Info Details;ow\x1bner~^~/cart~id=7~77-31~^~^~^~Sleeping!" +
                 TIMING);
     EXPECT_EQ(ThreadDump(sample, Style()),
               "\"http-1\" #23 Lock\n"
@@ -298,7 +202,7 @@ TEST(Render, ThreadDump) {
               "\tat com.acme.Cart.add(Cart.java:40)\n"
               "\t- waiting to lock <6699> (a java.lang.Object), held by thread #31 \"ow\\x1bner\"\n"
               "\tat com.acme.Cart.total(Cart.java:12)\n"
-              "\t- locked <12> (a com.acme.Cart)\n"
+              "\t- locked <12> (a a.Cart)\n"
               "\t... 697 frames skipped\n"
               "\t- locked <14> (a a.Y) at frame 849\n"
               "\tat java.lang.Thread.run(Native Method)\n"
@@ -306,8 +210,6 @@ TEST(Render, ThreadDump) {
               "\n"
               "\"ow\\x1bner\" #31 Sleeping\n"
               "   request: /cart id=7\n"
-              "\tat java.lang.Thread.sleep(Native Method)\n"
-              "\tat a.B$$Lambda$7.0x00007fc8.run(Unknown Source)\n"
               "\n");
 }
 
@@ -319,20 +221,16 @@ TEST(Render, TableIsAlignedAndCut) {
                                             " 9  Object Wait  \xe6\x97\xa5\xe6\x9c\xac\\x07  -\n");
     Style narrow, colour;
     narrow.width = 45;
-    const std::string table = ThreadTable(sample, narrow);
-    ExpectParts(table, {"com.acme.Cart.tot\xe2\x80\xa6\n"});
-    for (std::string_view line : Split(table, '\n'))
-        EXPECT_LE(DisplayWidth(line), 45u);
+    ExpectParts(ThreadTable(sample, narrow),
+                {"\n23  Runnable     http-1    com.acme.Cart.tot\xe2\x80\xa6\n"});
     colour.colour = true;
     ExpectParts(ThreadTable(sample, colour), {"\x1b[32mRunnable\x1b[0m     http-1"});
-    ExpectParts(SampleNotes(sample, 1100), {"2 threads, 321 us in the JVM", "has 1100 threads"});
+    ExpectParts(SampleNotes(sample, 1100), {"has 1100 threads"});
 }
 
 TEST(Render, ControlCharactersBecomeVisible) {
     EXPECT_EQ(Printable("a\x1b[31m\xc2\x9b\xe2\x80\xae\xff\xed\xa0\x80"),
               "a\\x1b[31m\\xc2\\x9b\\xe2\\x80\\xae\\xff\\xed\\xa0\\x80");
-    EXPECT_EQ(FailureOf([] { CheckLoadReply("0\n\x1b]0;t\x07\n", "/x.jar"); }).find_first_of("\x1b\x07"),
-              std::string::npos);
     EXPECT_EQ(FailureText(Failure("a\x1b[2J", "b\xc2\x9b")), "a\\x1b[2J; b\\xc2\\x9b");
     EXPECT_EQ(JsonText("\x1b\x7f\xc2\x9b\xe2\x80\xae", true), "\"\\u001b\\u007f\\u009b\\u202e\"");
     EXPECT_EQ(VisibleReply(Wire("a~b;c!d\xc2\x9b")), "a<29>b<30>\nc<31>\nd\\xc2\\x9b\n");

@@ -17,7 +17,7 @@ TEST(DecodeStack, OddReplies) {
     const Thread &thread = sample.threads.at(0);
     EXPECT_EQ(thread.waits_for.value().owner.thread, 31); // it comes before its thread
     EXPECT_EQ(thread.owns.at(0).lock, 1565871900);        // a lock without a number has the one in its text
-    EXPECT_EQ(thread.owns.at(0).class_name + thread.owns.at(1).class_name, "a.Carta.Odd@name");
+    EXPECT_EQ(thread.owns.at(1).class_name, "a.Odd@name");
     ExpectParts(ThreadDump(Stack(HEAD + rows + "Parked On;8~a.Latch@8!" + TIMING), Style()),
                 {"\n\t- parking to wait for <8> (a a.Latch)\n"});
     EXPECT_TRUE(Stack(TIMING).threads.empty() && !Stack(TIMING).cut);    // no such thread
@@ -26,14 +26,14 @@ TEST(DecodeStack, OddReplies) {
 }
 
 TEST(DecodeStack, AFullStackIsReportedAsCut) {
-    std::string rows = "Call Stack;";
     const std::string row = "user~23~0~1~2~3~a." + std::string(1000, 'B') + "->c~F~1;";
-    while (rows.size() + row.size() < 99000)
+    std::string rows = HEAD + "Call Stack;";
+    while (rows.size() < 98000)
         rows += row;
-    EXPECT_FALSE(Stack(HEAD + rows + "!").threads[0].stack_cut);
-    rows += row + row + "!";
-    EXPECT_FALSE(Stack(HEAD + rows + TIMING).threads[0].stack_cut);
-    ThreadSample cut = Stack(HEAD + rows);
+    EXPECT_FALSE(Stack(rows + "!").threads[0].stack_cut);
+    rows += row + row + row + "!";
+    EXPECT_FALSE(Stack(rows + TIMING).threads[0].stack_cut);
+    ThreadSample cut = Stack(rows);
     ExpectParts(ThreadDump(cut, Style()), {"\t... frames below are missing"});
     ExpectParts(StackNotes(cut), {"frames at its bottom are missing"});
     EXPECT_EQ(ToJson(cut)["cut"], true);
@@ -41,13 +41,13 @@ TEST(DecodeStack, AFullStackIsReportedAsCut) {
 
 TEST(DecodeLockHolder, Answers) {
     const std::pair<std::string, LockHolder::Answer> rows[] = {
-        {TIMING, LockHolder::MOVED_ON},
-        {"!" + TIMING, LockHolder::NOBODY},
-        {"Thread Holding Lock;!" + TIMING, LockHolder::NO_FRAMES},
-        {"Thread Holding Lock;sys~own~77-31~a.B->c~Native Method~ ~Sleeping!" + TIMING, LockHolder::FOUND},
+        {"", LockHolder::MOVED_ON},
+        {"!", LockHolder::NOBODY},
+        {"Thread Holding Lock;!", LockHolder::NO_FRAMES},
+        {"Thread Holding Lock;sys~own~77-31~a.B->c~Native Method~ ~Sleeping!", LockHolder::FOUND},
     };
     for (auto &[reply, answer] : rows)
-        EXPECT_EQ(DecodeLockHolder(OpenReply(Wire(reply))).answer, answer) << reply;
+        EXPECT_EQ(DecodeLockHolder(OpenReply(Wire(reply + TIMING))).answer, answer) << reply;
 }
 
 // Threads by number; each waits for the lock that the second one holds, 0 for none.
@@ -69,22 +69,17 @@ TEST(Locks, DeadlocksAreFoundOnce) {
     ThreadSample sample = Waiting({{9, 1}, {1, 2}, {2, 3}, {3, 1}, {4, 4}, {5, 9}});
     ExpectParts(LocksText(sample, Style()),
                 {"deadlock: t1 #1 waits for t2 #2 waits for t3 #3 waits for t1 #1\n"});
-    EXPECT_EQ(LocksJson(sample)["waits"].at(1)["holder"]["name"], "t2");
     EXPECT_EQ(LocksJson(sample)["deadlocks"], Json({{1, 2, 3}, {4}})); // thread 9 only waits for one
 }
 
-// Held by one out of sight, by one that a carrier runs, by nobody knows whom, and by one that a cut reply
-// lacks.
+// Held by one that a carrier runs, unless that is at work itself; a cut reply lacks holders.
 TEST(Locks, HoldersOutOfSightAreNamedAsSuch) {
-    ThreadSample known = Waiting({{1, 99}, {2, 3}, {3, 0}, {4, -1}});
-    known.threads[2].stack.emplace_back().class_name = "java.lang.VirtualThread";
-    known.threads[3].waits_for->owner.thread = 0;
-    std::string text = LocksText(known, Style());
-    EXPECT_NE(text.find("held by a virtual thread"), text.rfind("held by a virtual thread")) << text;
-    ExpectParts(text, {"owner unknown"});
-    known.threads[2].owns = {{30, "a.Lock", 1}};
-    known.cut = true;
-    text = LocksText(known, Style());
+    ThreadSample sample = Waiting({{1, 99}, {2, 3}, {3, 0}});
+    sample.threads[2].stack.emplace_back().class_name = "java.lang.VirtualThread";
+    ExpectParts(LocksText(sample, Style()), {"held by a virtual thread"});
+    sample.threads[2].owns = {{30, "a.Lock", 1}};
+    sample.cut = true;
+    const std::string text = LocksText(sample, Style());
     EXPECT_EQ(text.find("virtual"), std::string::npos) << text;
     ExpectParts(text, {"#99\n"});
 }
