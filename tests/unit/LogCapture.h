@@ -1,6 +1,7 @@
 // Catches the agent's log lines for the length of a test.
 #pragma once
 
+#include "Restore.h"
 #include "qorlog.h"
 
 #include <cstdio>
@@ -9,18 +10,14 @@
 
 class LogCapture {
 public:
-    explicit LogCapture(int32_t level) : earlierLog_(fpLogFile), earlierLevel_(qorloglevel) {
+    explicit LogCapture(int32_t level) {
         fpLogFile = open_memstream(&text_, &size_);
         qorloglevel = level;
     }
     ~LogCapture() {
         fclose(fpLogFile);
         free(text_);
-        fpLogFile = earlierLog_;
-        qorloglevel = earlierLevel_;
     }
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
 
     std::string text() const { return std::string(text_, size_); }
 
@@ -36,6 +33,6 @@ public:
 private:
     char *text_ = nullptr;
     size_t size_ = 0;
-    FILE *earlierLog_;
-    int32_t earlierLevel_;
+    Restore<FILE *> log_{fpLogFile};
+    Restore<int32_t> threshold_{qorloglevel};
 };

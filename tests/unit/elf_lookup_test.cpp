@@ -14,18 +14,13 @@ struct Library : testing::Test, Folder {
         dlclose(loaded);
         unsetenv("LD_LIBRARY_PATH");
     }
-    // A copy of the library's file, without the full table when it is stripped.
-    std::string Copy(const std::string &name, bool stripped = false) const {
+    // A copy of the library's file.
+    std::string Copy(const std::string &name) const {
         std::filesystem::create_directories((path / name).parent_path());
         std::filesystem::copy_file(QOR_LIBRARY, path / name);
-        EXPECT_TRUE(!stripped || system(("strip " + In(name)).c_str()) == 0);
         return In(name);
     }
-    void Load(const std::string &file) {
-        loaded = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-        ASSERT_TRUE(loaded) << dlerror();
-    }
-    // Whether both symbols are found where they are; `isStripped`: the exported one alone.
+    // Whether both symbols are found where they are; without the full table the exported one alone.
     bool IsFound(bool isStripped = false) {
         std::fill(words, words + SYMBOL_WORDS, 0u);
         findsymbols(getpid(), SYMBOLS_JVM, words);
@@ -41,28 +36,25 @@ struct Library : testing::Test, Folder {
 
 } // namespace
 
-// A name that is missing has its bit, and no descriptor stays open.
-TEST_F(Library, SymbolsAreFoundWhereTheLibraryIsMapped) {
+// A name that is missing has its bit, and no descriptor stays open. A file that was deleted or replaced since
+// it was mapped is looked for in LD_LIBRARY_PATH. Another library must not pass for it: its addresses would
+// be wrong ones.
+TEST_F(Library, SymbolsAreThoseOfTheMappedFile) {
     const int descriptors = OpenDescriptors();
-    Load(Copy("server/libjvm.so"));
+    loaded = dlopen(Copy("server/libjvm.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_TRUE(loaded) << dlerror();
     EXPECT_TRUE(IsFound());
     EXPECT_EQ(words[0], 1u << 5);
-    dlclose(loaded);
-    Load(Copy("stripped/libjvm.so", true));
-    EXPECT_TRUE(IsFound(true));
-    EXPECT_EQ(words[0], 1u << 5 | 1u << 4);
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-}
-
-// A file that was deleted or replaced since it was mapped is looked for in LD_LIBRARY_PATH. Another library
-// must not pass for it: its addresses would be wrong ones.
-TEST_F(Library, OnlyTheMappedFileIsRead) {
-    Load(Copy("server/libjvm.so"));
+    ASSERT_EQ(system(("strip " + Copy("other/libjvm.so")).c_str()), 0);
     std::filesystem::remove(In("server/libjvm.so"));
-    Copy("other/libjvm.so", true);
     Copy("libjvm.so");
     setenv("LD_LIBRARY_PATH", In("other").c_str(), 1);
     EXPECT_FALSE(IsFound());
     setenv("LD_LIBRARY_PATH", (In("none") + ":" + path.string() + ";/x").c_str(), 1);
     EXPECT_TRUE(IsFound());
+    dlclose(loaded);
+    loaded = dlopen(In("other/libjvm.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    EXPECT_TRUE(IsFound(true));
+    EXPECT_EQ(words[0], 1u << 5 | 1u << 4);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
 }

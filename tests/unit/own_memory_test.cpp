@@ -32,9 +32,8 @@ void ReadAround() {
     const size_t size = static_cast<size_t>(getpagesize());
     auto *page = static_cast<char *>(
         mmap(nullptr, 2 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    for (size_t i = 0; i < size; i++)
-        page[i] = static_cast<char>(i * 7);
     munmap(page + size, size);
+    page[size - 3] = 7;
     const auto start = reinterpret_cast<uint64_t>(page);
     uint64_t value = 0;
     EXPECT_TRUE(QorReadOwnMemory(start + size - 8, &value, sizeof value));

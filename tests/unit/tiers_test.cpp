@@ -7,16 +7,6 @@
 
 namespace {
 
-std::string WaysOf(const char *signature) {
-    std::string ways;
-    const QorTierObjects found = QorFindTierObjects(signature);
-    for (const QorTierObject *object = found.first; object != found.last; object++)
-        for (const QorTierWay *way = object->begin; way != object->end; way++)
-            ways += std::to_string(object->kind) + (object->isRead ? "r" : "") + std::to_string(way->field) +
-                    (way->isLast ? "l" : "") + std::string(way->way) + " ";
-    return ways;
-}
-
 std::string Times(int count, const std::string &text) {
     std::string all;
     for (int i = 0; i < count; i++)
@@ -31,7 +21,7 @@ constexpr char GOOD[] =
     "object db Lorg/Call;\n  sql  q,Lq/Q;|text,Ljava/lang/String;\n"
     "  socket list,[[La;@at|s,Ljava/net/Socket;\n"
     "object web Lorg/Call; read\n url b,La/B;|buff,[B:from:to last\nobject db La;\nobject db Lorg/Call;\n"
-    "user u,Ljava/lang/Object;\nobject rmi Lorg/Remote;\nport p,I\nobject file Lorg/File;\npath f,La;";
+    "user u,Ljava/lang/Object;\nobject rmi Lorg/Remote;\nport p,I";
 
 } // namespace
 
@@ -40,24 +30,17 @@ TEST(TierRules, FindMethodsAndObjects) {
     ASSERT_EQ("", SetTiers(GOOD, 7));
     EXPECT_EQ(GOOD, QorTierText());
     EXPECT_EQ(CrcOf(GOOD), QorTierCrc());
-    EXPECT_EQ(21, QorTierLineCount());
+    EXPECT_EQ(19, QorTierLineCount());
     EXPECT_TRUE(QorTiersKnowRemoteCalls());
     const std::tuple<const char *, const char *, uint32_t> METHODS[] = {
         {"org.driver.Call", "run", TIER_DB_STATE | TIER_DB | TIER_WEB},
         {"org.driver.Call", "other", TIER_DB_STATE | TIER_WEB},
         {"org.driver.zoo.A", "run", TIER_DB_STATE},
-        {"org.drive", "run", 0},
         {"a.A", "m", TIER_DB_STATE | TIER_RMI_STATE},
         {"b.C", "mm", TIER_RMI},
-        {"", "", 0},
     };
     for (const auto &[className, method, kinds] : METHODS)
         EXPECT_EQ(kinds, QorTierKindsOf(className, method)) << className << method;
-    EXPECT_EQ(
-        "41q,Lq/Q;|text,Ljava/lang/String; 43list,[[La;@at|s,Ljava/net/Socket; 8r0lb,La/B;|buff,[B:from:to "
-        "42u,Ljava/lang/Object; ",
-        WaysOf("Lorg/Call;"));
-    EXPECT_EQ("327f,La; ", WaysOf("Lorg/File;"));
     EXPECT_TRUE(QorIsTierObject("La;", TIER_DB | TIER_WEB));
     EXPECT_FALSE(QorIsTierObject("La;", TIER_WEB));
     QorFindTierObjects("La;").first->fit = TIER_OFF;
@@ -66,15 +49,12 @@ TEST(TierRules, FindMethodsAndObjects) {
 
 TEST(TierRules, ABadTextChangesNothing) {
     ASSERT_EQ("", SetTiers(GOOD));
-    const std::string object = "object db La/B;\n", web = "object web La/B;\n", step = "f,La/B;";
+    const std::string object = "object db La/B;\n";
     const std::pair<std::string, std::string> BAD[] = {
         {"\n#\nstate web x.\n", "3: a state needs the form: state db|rmi PREFIX"},
-        {"hosts x\n",
-         "1: the first word is neither state, frame, object nor a field: url, sql, user, socket, "
-         "host, port, name, path"},
         {object + "sql ,La/B;", "2: a step needs the form FIELD,SIGNATURE"},
-        {object + "sql f,[B:a:b|" + step, "2: :FROM:TO ends a way to a text"},
-        {object + "sql " + Times(50, step + "|") + step, "2: a way has more than 50 steps"},
+        {object + "sql f,[B:a:b|f,La/B;", "2: :FROM:TO ends a way to a text"},
+        {object + "sql " + Times(50, "f,La/B;|") + "f,La/B;", "2: a way has more than 50 steps"},
         {object + "sql " + std::string(4000, 'f') + ",La;", "2: a way is longer than 4000 bytes"},
         {"# \xc2\x9b\n", "1: there is a control character"},
         {Times(TIER_LINES + 1, "\n"), "2049: there are more than 2048 lines"},
@@ -93,17 +73,11 @@ TEST(TierRules, ABadTextChangesNothing) {
         SetTiers(noise); // it may be right
         QorFindTierObjects("Lorg/Call;"), QorTierKindsOf("org.driver.Call", "run");
     }
-    const std::string name = Times(1000, "NameOfTen.");
-    EXPECT_EQ("", SetTiers("frame web " + name + " " + name + "\nstate db " + name));
-    EXPECT_EQ(TIER_WEB | TIER_DB_STATE, QorTierKindsOf(name.c_str(), name.c_str()));
     ASSERT_EQ("", SetTiers(GOOD));
-    EXPECT_FALSE(QorAddTiers("state db a."));
-    EXPECT_STREQ("no text was begun", QorEndTiers(0).reason);
+    EXPECT_FALSE(QorAddTiers("state db a.")) << "nothing was begun";
     QorBeginTiers();
     EXPECT_STREQ("the text isn't whole, or isn't UTF-8: its CRC-32 differs", QorEndTiers(1).reason);
     EXPECT_EQ(GOOD, QorTierText());
-    EXPECT_EQ("", SetTiers(Times(TIER_LINES, "#\n")));
-    EXPECT_EQ("", SetTiers(std::string(TIER_TEXT_SIZE, '#')));
     EXPECT_EQ("", SetTiers(""));
     EXPECT_EQ(0u, QorTierKindsOf("b.C", "m"));
 }
