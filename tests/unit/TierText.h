@@ -15,25 +15,9 @@ inline uint32_t CrcOf(const std::string &text) {
     return ~crc;
 }
 
-// As JNI has a text: a character of four bytes is two surrogates of three each. Only planes up to U+1FFFF.
-inline std::string Modified(std::string text) {
-    for (size_t at; (at = text.find('\xf0')) != std::string::npos;) {
-        const auto byte = [&](size_t i) { return static_cast<unsigned>(text[at + i]) & 0x3f; };
-        const unsigned below = byte(1) << 12 | byte(2) << 6 | byte(3), above = below - 0x10000;
-        const std::string pair = {'\xed',
-                                  static_cast<char>(0xa0 | above >> 16),
-                                  static_cast<char>(0x80 | (above >> 10 & 0x3f)),
-                                  '\xed',
-                                  static_cast<char>(0xb0 | (above >> 6 & 0xf)),
-                                  static_cast<char>(0x80 | (above & 0x3f))};
-        text.replace(at, 4, pair);
-    }
-    return text;
-}
-
 // Sends it in pieces, with carriage returns as line ends: "", or the line and what is wrong with it.
 inline std::string SetTiers(const std::string &text, size_t piece = 5000) {
-    std::string sent = Modified(text);
+    std::string sent = text;
     for (char &c : sent)
         c = c == '\n' ? '\r' : c;
     QorBeginTiers();

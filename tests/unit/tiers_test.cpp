@@ -15,7 +15,7 @@ std::string Times(int count, const std::string &text) {
 }
 
 constexpr char GOOD[] =
-    "# drivers \xf0\x9f\x9a\x97\n"
+    "# drivers\n"
     "state db org.driver.\nstate db org.driver.net.\nstate db a.\nstate rmi a.A\n"
     "frame db org.driver.Call run\nframe\tweb org.driver.Call *\nframe db b.C m\nframe rmi b.C mm\n"
     "object db Lorg/Call;\n  sql  q,Lq/Q;|text,Ljava/lang/String;\n"
