@@ -23,6 +23,7 @@ constexpr int32_t MOST_SCHEDULER_FRAMES = 10;
 constexpr jint READ_DEPTH = VIRTUAL_DEPTH + MOST_SCHEDULER_FRAMES;
 constexpr jint REFERENCES = VIRTUAL_WALK_REFERENCES + BATCH;
 constexpr int64_t LONGEST_REST_USEC = 20000;
+constexpr int64_t STOPPED_SHARE = 5; // stops may have this part of a sample's time
 
 struct Defaults {
     int32_t threads, milliseconds;
@@ -35,6 +36,7 @@ QorVirtualGroup *groupsInUse;
 // A sample that is being taken. One at a time, the worker's.
 struct Sampler {
     QorVirtualSample *sample;
+    QorVirtualWalk *walk;
     bool batches;
     void (*onMember)(QorVirtualGroup *group, jobject thread);
     jthread threads[BATCH];
@@ -174,7 +176,9 @@ void AddStack(Sampler *sampler, jthread thread, jint state, const jvmtiFrameInfo
     sampler->onMember(group, thread);
 }
 
-// One stop for all threads that are held, and a rest as long if others follow.
+// One stop for all threads that are held, and a rest as long if others follow. Before it stops the JVM waits
+// until no virtual thread is being switched; where they switch all the time that may last 10 ms, in which
+// none is switched.
 void ReadBatch(Sampler *sampler, bool rest) {
     jvmtiStackInfo *stacks = nullptr;
     const int64_t start = QorVirtualClock(), stop = QorStopStarts();
@@ -183,6 +187,7 @@ void ReadBatch(Sampler *sampler, bool rest) {
     QorStopEnded(STOP_STACKS, stop);
     const int64_t taken = QorVirtualClock() - start;
     sampler->sample->stopUsec += taken;
+    sampler->walk->stopUsec += taken;
     if (error != JVMTI_ERROR_NONE) {
         describe(error);
         return;
@@ -197,15 +202,18 @@ void ReadBatch(Sampler *sampler, bool rest) {
     }
 }
 
-// Stack and state by one call: each call keeps all virtual threads from being switched while it lasts.
+// One thread after another, without a stop: only the one that is read is kept from being switched. Its stack
+// and its state are of the same moment if the state was the same before.
 void ReadSingly(Sampler *sampler) {
     const int64_t start = QorVirtualClock();
     for (int32_t i = 0; i < sampler->held; i++) {
-        jvmtiStackInfo *stack = nullptr;
-        if (jvmti->GetThreadListStackTraces(1, &sampler->threads[i], READ_DEPTH, &stack) != JVMTI_ERROR_NONE)
-            continue;
-        AddStack(sampler, sampler->threads[i], stack->state, stack->frame_buffer, stack->frame_count);
-        jvmti->Deallocate(reinterpret_cast<unsigned char *>(stack));
+        jvmtiFrameInfo frames[READ_DEPTH];
+        jint before = 0, after = 0, count = 0;
+        jthread thread = sampler->threads[i];
+        if (jvmti->GetThreadState(thread, &before) == JVMTI_ERROR_NONE &&
+            jvmti->GetStackTrace(thread, 0, READ_DEPTH, frames, &count) == JVMTI_ERROR_NONE &&
+            jvmti->GetThreadState(thread, &after) == JVMTI_ERROR_NONE && before == after)
+            AddStack(sampler, thread, after, frames, count);
     }
     sampler->sample->stopUsec += QorVirtualClock() - start;
 }
@@ -257,14 +265,17 @@ void TakeCounts(const QorVirtualWalk &walk, QorVirtualSample *sample) {
 
 void TakeSample(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample *sample) {
     static Sampler sampler;
-    sampler = {sample, QorJvmRelease() < RELEASE_WITHOUT_STOP, limits.onMember, {}, 0};
-    const Defaults &defaults = sampler.batches ? WITH_STOPS : WITHOUT_STOPS;
-    const int32_t milliseconds = limits.milliseconds > 0 ? limits.milliseconds : defaults.milliseconds;
+    const bool batches = QorJvmRelease() < RELEASE_WITHOUT_STOP;
+    const Defaults &defaults = batches ? WITH_STOPS : WITHOUT_STOPS;
+    const int64_t usec =
+        (limits.milliseconds > 0 ? limits.milliseconds : defaults.milliseconds) * int64_t{1000};
     QorVirtualWalk walk = {};
+    sampler = {sample, &walk, batches, limits.onMember, {}, 0};
     walk.visit = countOnly ? nullptr : VisitThread;
     walk.data = &sampler;
     walk.most = limits.threads > 0 ? limits.threads : defaults.threads;
-    walk.deadline = QorVirtualClock() + milliseconds * int64_t{1000};
+    walk.deadline = QorVirtualClock() + usec;
+    walk.mostStopUsec = usec / STOPPED_SHARE;
     QorWalkVirtualThreads(&walk);
     ReadHeld(&sampler, false);
     TakeCounts(walk, sample);

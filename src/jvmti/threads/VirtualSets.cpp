@@ -185,8 +185,14 @@ bool HoldsVirtualThreads(jobject set) {
 
 // ---- The walk
 
+// Whether stops have taken as long.
+bool IsStoppedFor(const QorVirtualWalk &walk, int64_t usec) {
+    return walk.mostStopUsec != 0 && walk.stopUsec >= usec;
+}
+
 bool IsOver(QorVirtualWalk *walk) {
-    if (!walk->ended && (QorVirtualClock() >= walk->deadline || qorLeave != 0))
+    if (!walk->ended &&
+        (QorVirtualClock() >= walk->deadline || IsStoppedFor(*walk, walk->mostStopUsec) || qorLeave != 0))
         walk->ended = walk->cut = true;
     return walk->ended;
 }
@@ -237,16 +243,22 @@ void WalkSet(QorVirtualWalk *walk, jobject set, int64_t size) {
     const int64_t share = whole ? left : std::max<int64_t>(1, left * size / expected);
     const int64_t now = QorVirtualClock();
     const int64_t timeShare = std::max<int64_t>(0, walk->deadline - now) * size / expected;
+    const int64_t stopShare = (walk->mostStopUsec - walk->stopUsec) * size / expected;
+    const int64_t mostStops = walk->stopUsec + stopShare + 1;
     const int64_t start = walk->visited;
     bool partly = false;
     const auto goOn = [&] {
         // One thread at least, so that many small sets are all heard.
         partly = walk->most != VIRTUAL_ALL_THREADS && walk->visited > start &&
-                 (walk->visited - start >= share || QorVirtualClock() - now > timeShare);
+                 (walk->visited - start >= share || QorVirtualClock() - now > timeShare ||
+                  IsStoppedFor(*walk, mostStops));
         return !IsOver(walk) && !partly;
     };
+    // Threads that only switch mostly run in the table's order: a visit that has it too meets each at its
+    // switch.
+    const bool inOrder = walk->most == VIRTUAL_ALL_THREADS;
     VisitSet(
-        set, whole ? 0 : Random(walk), whole ? 1 : Random(walk) | 1,
+        set, inOrder ? 0 : Random(walk), inOrder ? 1 : Random(walk) | 1,
         [&](jobject thread) { return VisitThread(walk, thread) && (whole || goOn()); }, goOn);
     walk->cut = walk->cut || partly;
     walk->expected -= size;

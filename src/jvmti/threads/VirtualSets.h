@@ -32,9 +32,11 @@ struct QorVirtualWalk {
     bool (*visit)(void *data, jobject thread); // false ends the walk; the reference is the walk's. Null: the
                                                // threads are only counted
     void *data;
-    int64_t most;     // threads to visit; VIRTUAL_ALL_THREADS: no set is left early for others either
-    int64_t deadline; // of CLOCK_MONOTONIC, in microseconds
+    int64_t most;         // threads to visit; VIRTUAL_ALL_THREADS: no set is left early for others either
+    int64_t deadline;     // of CLOCK_MONOTONIC, in microseconds
+    int64_t mostStopUsec; // for which the visitor may stop the JVM; 0: it doesn't
 
+    int64_t stopUsec;        // for which it has; the visitor adds to it
     QorVirtualCounts counts; // for half of the time at most; not with VIRTUAL_ALL_THREADS
     int64_t visited;
     int64_t inScopes; // of them those of structured scopes, which the counts don't have
@@ -47,7 +49,7 @@ struct QorVirtualWalk {
     bool ended;
 };
 
-// Visits threads until one of the limits; the caller has set the first four members, all others are 0.
+// Visits threads until one of the limits; the caller has set the members before `stopUsec`, all others are 0.
 void QorWalkVirtualThreads(QorVirtualWalk *walk);
 
 // The thread with this Java thread id, a local reference of the caller's frame; null when there is none, or
