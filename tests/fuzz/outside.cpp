@@ -1,7 +1,8 @@
 // Fuzzes the reading of a JVM from outside: its library, the tables that describe it, and the walk of its
 // threads. Whatever the target's memory and files hold, each reading ends and stays within bounds; the
-// sanitizers watch it. QOR_FUZZ_JVM has the process id of a stopped JVM: all other inputs are changes to what
-// is read of that one. tests/fuzz/run builds and runs it.
+// sanitizers watch it. With the process id of a stopped JVM in QOR_FUZZ_JVM the inputs are changes to what is
+// read of that one, else they are all that is read. tests/fuzz/run builds and runs it, the console's tests
+// have it too.
 #include "outside/process_tasks.h"
 #include "outside/stack_walk.h"
 #include "outside/vm_state.h"
@@ -18,7 +19,7 @@ using namespace qorctl::outside;
 
 namespace {
 
-constexpr Address PAGE = 4096;
+constexpr Address PAGE = 4096, START = 0x10000, PLACES = 8192;
 
 // The input as a series of numbers, 0 after its end.
 class Input {
@@ -36,6 +37,39 @@ public:
 
 private:
     const uint8_t *at_, *end_;
+};
+
+// Words of the input, small numbers and words that lead back into the same few pages, which lead furthest,
+// all over the address space; some pages can't be read.
+class InputMemory : public Memory {
+public:
+    InputMemory(const uint8_t *data, size_t size) : data_(data), size_(size) {}
+
+protected:
+    bool Fetch(Address from, void *to, size_t size) override {
+        if (size_ < 8 || (data_[0] % 3 == 0 && Mixed(from >> 12) % 11 == 0))
+            return false;
+        for (size_t i = 0; i < size; ++i)
+            static_cast<char *>(to)[i] = static_cast<char>(Word((from + i) >> 3) >> ((from + i) % 8 * 8));
+        return true;
+    }
+
+private:
+    uint64_t Word(Address number) const {
+        const uint64_t mixed = Mixed(number);
+        uint64_t word = 0;
+        memcpy(&word, data_ + mixed % (size_ - 7), sizeof word);
+        return mixed >> 60 < 4   ? word
+               : mixed >> 60 < 8 ? word % 251
+                                 : START + (word ^ mixed >> 8) % PLACES * 8;
+    }
+    static uint64_t Mixed(uint64_t x) {
+        x = (x + 1) * 0x9e3779b97f4a7c15u;
+        x = (x ^ x >> 30) * 0xbf58476d1ce4e5b9u;
+        return x ^ x >> 27;
+    }
+    const uint8_t *data_;
+    size_t size_;
 };
 
 void ReadLibrary(const uint8_t *data, size_t size) {
@@ -108,10 +142,59 @@ void WalkChanged(pid_t pid, Input input) {
     WalkAll(memory, symbols, table);
 }
 
+VmTable TableOf(Input *input) {
+    VmTable table;
+    for (size_t slot = 0; slot < static_cast<size_t>(Vm::COUNT); ++slot) {
+        const auto kind = input->Next<uint8_t>();
+        const auto value = input->Next<uint16_t>();
+        if (kind % 8 != 0)
+            table.Set(static_cast<Vm>(slot), kind % 16 == 1
+                                                 ? static_cast<int64_t>(uint64_t(value) << kind % 50)
+                                             : kind % 2 ? value % 512
+                                                        : START + value % PLACES);
+    }
+    return table;
+}
+
+// Memory that is nothing but odd, by tables that are.
+void WalkOdd(Input input, Memory &memory) {
+    VmSymbols symbols;
+    for (const char *name : {"gHotSpotVMStructs", "gHotSpotVMTypes", "gHotSpotVMIntConstants",
+                             "gHotSpotVMStructEntryArrayStride", "gHotSpotVMStructEntryTypeNameOffset",
+                             "gHotSpotVMStructEntryFieldNameOffset", "gHotSpotVMStructEntryIsStaticOffset",
+                             "gHotSpotVMStructEntryOffsetOffset", "gHotSpotVMStructEntryAddressOffset",
+                             "gHotSpotVMTypeEntryArrayStride", "gHotSpotVMTypeEntryTypeNameOffset",
+                             "gHotSpotVMTypeEntrySizeOffset", "_ZN20SafepointSynchronize6_stateE",
+                             "_ZN8VMThread17_cur_vm_operationE", "_ZN12StubRoutines19_cont_returnBarrierE",
+                             "_ZN17ContinuationEntry10_return_pcE"})
+        symbols.objects[name] = START + input.Next<uint16_t>() % PLACES;
+    VmTable().Load(memory, symbols);
+    const VmTable table = TableOf(&input);
+    WalkAll(memory, symbols, table);
+    VmObjects objects(memory, table, symbols);
+    CodeCache code(memory, table, objects);
+    StackWalker walker(memory, table, symbols, objects, code);
+    ThreadFacts facts;
+    facts.stack_base = 2 * START;
+    facts.stack_size = facts.anchor_sp = START + input.Next<uint16_t>() % START;
+    objects.MonitorClass(facts.anchor_sp);
+    walker.FromAnchor(facts);
+    StackCopy stack;
+    if (walker.Copy(facts, START + input.Next<uint16_t>() % START, &stack)) {
+        walker.Scan(stack);
+        walker.From(stack, {START + input.Next<uint16_t>(), stack.start, stack.start, facts.anchor_sp}, true);
+    }
+    CodeBlob blob;
+    blob.start = blob.code = START + input.Next<uint16_t>();
+    blob.name = "nmethod";
+    std::vector<Frame> frames;
+    code.AppendFrames(blob, blob.start + input.Next<uint8_t>(), &frames);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int jvm = atoi(getenv("QOR_FUZZ_JVM"));
+    static const char *const jvm = getenv("QOR_FUZZ_JVM");
     if (size >= SELFMAG && memcmp(data, ELFMAG, SELFMAG) == 0) {
         ReadLibrary(data, size);
         return 0;
@@ -119,6 +202,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string text(reinterpret_cast<const char *>(data), size);
     FindLibjvm(text);
     ParseSyscall(text);
-    WalkChanged(jvm, {data, size});
+    if (jvm) {
+        WalkChanged(atoi(jvm), {data, size});
+    } else {
+        InputMemory memory(data, size);
+        WalkOdd({data, size}, memory);
+    }
     return 0;
 }
