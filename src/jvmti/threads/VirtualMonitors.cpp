@@ -23,6 +23,7 @@ constexpr int32_t MOST_CANDIDATES = 64; // objects in their frames
 constexpr jint DEPTH_OF_WAIT = 2;       // of Object.wait(long) and wait0 on top: the monitor is the object's
 constexpr int32_t LAST_HEAP_KIND = 20;  // references from object to object, and room for more of them
 constexpr int64_t SEARCH_USEC = 10000;  // of the JVM's stop for them
+constexpr int64_t ASKING_USEC = 50000;  // of the questions about them, a short stop each
 constexpr int32_t MOST_OWNERS = 1000;   // threads among which an owner is looked for
 constexpr int64_t OWNER_USEC = 100000;  // and for how long
 constexpr int64_t REST = 50;            // in polls, times what a search has taken
@@ -134,7 +135,10 @@ bool IsSearchOver(const Candidates &found) {
 }
 
 void AskAboutCandidates(jvmtiEnv *env, const QorThreadHandle *handle, Candidates *found) {
+    const int64_t end = QorVirtualClock() + ASKING_USEC;
     for (jlong tag = 1; tag <= found->count && !IsSearchOver(*found) && qorLeave == 0; tag++) {
+        if (QorVirtualClock() >= end)
+            return;
         const QorLocalFrame frame(jvmtijni_env, SNAPSHOT_REFERENCES);
         jint count = 0;
         jobject *objects = nullptr;
