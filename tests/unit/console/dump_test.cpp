@@ -99,8 +99,6 @@ TEST(DumpFiles, AreKnownByTheirNumberAndEnd) {
     }
     ASSERT_EQ(mkfifo(folder.In("pipe").c_str(), 0600), 0); // isn't waited for
     EXPECT_EQ(LookAtDump(getpid(), ChooseDumpTarget(folder.In("pipe"), false), 7).kind, DumpFileKind::OTHER);
-    for (const std::string &wrong : {std::string("/tmp/"), std::string("a|b"), "/d/" + std::string(600, 'x')})
-        EXPECT_THROW(ChooseDumpTarget(wrong, false), Failure) << wrong;
 }
 
 } // namespace

@@ -72,18 +72,6 @@ TEST(Locks, DeadlocksAreFoundOnce) {
     EXPECT_EQ(LocksJson(sample)["deadlocks"], Json({{1, 2, 3}, {4}})); // thread 9 only waits for one
 }
 
-// Held by one that a carrier runs, unless that is at work itself; a cut reply lacks holders.
-TEST(Locks, HoldersOutOfSightAreNamedAsSuch) {
-    ThreadSample sample = Waiting({{1, 99}, {2, 3}, {3, 0}});
-    sample.threads[2].stack.emplace_back().class_name = "java.lang.VirtualThread";
-    ExpectParts(LocksText(sample, Style()), {"held by a virtual thread"});
-    sample.threads[2].owns = {{30, "a.Lock", 1}};
-    sample.cut = true;
-    const std::string text = LocksText(sample, Style());
-    EXPECT_EQ(text.find("virtual"), std::string::npos) << text;
-    ExpectParts(text, {"#99\n"});
-}
-
 // A sample whose waits name no owner: the rows of owned locks lead to it, by number and class.
 TEST(Locks, HoldersAreFoundByWhatTheyOwn) {
     ThreadSample sample = Waiting({{1, 0}, {2, 0}, {3, 0}, {4, -1}});
