@@ -4,19 +4,19 @@ import java.util.concurrent.locks.ReentrantLock;
 
 /** Virtual threads in known places, for JDK 21 and later. Ends with its input. */
 final class Virtual {
+    static final ReentrantLock LOCK = new ReentrantLock();
+    static final Object MONITOR = new Object();
+    static final CountDownLatch STARTED = new CountDownLatch(2);
     static volatile long sum;
 
-    static void spin(CountDownLatch started) {
-        started.countDown();
+    static void spin() {
+        STARTED.countDown();
         while (true)
             sum++;
     }
 
-    static final ReentrantLock LOCK = new ReentrantLock();
-
-    static void own(CountDownLatch started) {
+    static void own() {
         LOCK.lock();
-        started.countDown();
         while (true)
             LockSupport.park();
     }
@@ -26,48 +26,38 @@ final class Virtual {
             LockSupport.park();
     }
 
-    static final Object MONITOR = new Object();
-
-    static void hold(CountDownLatch held) {
+    static void hold(CountDownLatch local) {
         synchronized (MONITOR) {
-            held.countDown();
             while (true)
                 LockSupport.park();
         }
     }
 
-    static synchronized void want() { hold(new CountDownLatch(1)); }
+    static synchronized void want() { hold(STARTED); }
 
-    /** A virtual thread holds the monitor, another wants it and holds the class, which a third one wants. */
-    static void startWaiters() throws Exception {
-        CountDownLatch held = new CountDownLatch(1);
-        Thread.ofVirtual().name("m-holds").start(() -> hold(held));
-        held.await();
-        for (Thread waiter : new Thread[] {Thread.ofVirtual().name("m-wants").unstarted(Virtual::want),
-                                           Thread.ofVirtual().name("m-wants-class").unstarted(Virtual::want),
-                                           new Thread(() -> hold(held), "m-platform")}) {
-            waiter.start();
-            while (waiter.getState() != Thread.State.BLOCKED)
-                Thread.sleep(1);
-        }
+    static void start(Thread.Builder kind, String name, Runnable work, Thread.State state) throws Exception {
+        Thread thread = kind.name(name).start(work);
+        while (thread.getState() != state)
+            Thread.sleep(1);
     }
 
+    /** A virtual thread holds the monitor, another wants it and holds the class, which a third one wants. */
     public static void main(String[] args) throws Exception {
-        CountDownLatch owned = new CountDownLatch(1), started = new CountDownLatch(2);
-        Thread.ofVirtual().name("v-owner").start(() -> own(owned));
-        owned.await();
-        new Thread(LOCK::lock, "p-wants").start();
+        start(Thread.ofVirtual(), "v-owner", Virtual::own, Thread.State.WAITING);
+        start(Thread.ofPlatform(), "p-wants", LOCK::lock, Thread.State.WAITING);
         for (int i = 0; i < 20; i++)
-            Thread.ofVirtual().start(Virtual::rest);
-        Thread.ofVirtual().name("v-spins").start(() -> spin(started));
-        Thread.ofVirtual().start(() -> spin(started));
-        started.await();
-        startWaiters();
+            Thread.startVirtualThread(Virtual::rest);
+        Thread.ofVirtual().name("v-spins").start(Virtual::spin);
+        Thread.startVirtualThread(Virtual::spin);
+        STARTED.await();
+        start(Thread.ofVirtual(), "m-holds", () -> hold(STARTED), Thread.State.WAITING);
+        start(Thread.ofVirtual(), "m-wants", Virtual::want, Thread.State.BLOCKED);
+        start(Thread.ofVirtual(), "m-wants-class", Virtual::want, Thread.State.BLOCKED);
+        start(Thread.ofPlatform(), "m-platform", () -> hold(STARTED), Thread.State.BLOCKED);
         System.out.println("monitor " + System.identityHashCode(MONITOR));
         System.out.println("class " + System.identityHashCode(Virtual.class));
         System.out.println("ready");
-        while (System.in.read() >= 0)
-            continue;
+        System.in.read();
         System.exit(0);
     }
 }

@@ -10,9 +10,6 @@ from harness import LIMIT, SETTINGS, Application, Case, taking_on, wait_until
 USER, OUTER, GROUP = 1000, 300000, 4242
 NARROW = """for m in $(awk '!/ - (proc|sysfs) / && $5 != "/tmp" {print $5}' /proc/self/mountinfo); do
             mount -o remount,bind,ro $m || :; done; """
-# Nobody answers for it.
-HANG = ("exec 9<>/dev/fuse; mount -i -t fuse -o fd=9,rootmode=40000,user_id=0,group_id=0,allow_other "
-        "none /mnt/hang; ")
 NOEXEC = "mount -o remount,bind,noexec /tmp; "
 DEEP = "/mnt" + "/deep" * 210  # longer than the path of a jar may be
 TWICE = ["unshare", "--pid", "--fork", "--kill-child"] * 2
@@ -73,25 +70,24 @@ class Containers(Case):
 
     def ask(self, mounts, cwd, wrap, place, bare=False):
         """`place` is where the jar was: None when there is none for it."""
-        with Contained(mounts, cwd, wrap, bare) as app:
-            before, jar = read(f"/proc/{app.pid}/mountinfo"), ("--jar", SETTINGS.root + SETTINGS.jar)
+        with Contained(mounts, cwd, wrap, bare) as self.app:
+            before, jar = read(f"/proc/{self.app.pid}/mountinfo"), ("--jar", SETTINGS.root + SETTINGS.jar)
             if place is None:
-                said = self.refused("has no directory for the agent: ", "threads", app.pid, *jar).err
+                said = self.refused("has no directory for the agent: ", "threads", *jar)
                 for reason in ("/tmp (noexec)", "/ (read-only)", "/mnt/home (read-only)",
                                "--tmpfs /qoragent:rw,exec,mode=1777"):
                     self.assertIn(reason, said)
             else:
-                self.assertIn("demo-lock-holder", self.threads(app, *jar))
-                self.assertIn((app.pid, True), [(jvm["pid"], jvm["agent"]) for jvm in self.json("list")])
+                self.assertIn("demo-lock-holder", self.threads(*jar))
+                self.assertTrue(self.listed()["agent"])
                 for name, path in ((r"qoragent-\w+\.jar", r"[^/]*\.jar"),
                                    ("libqoragent", r"[^/]*/libqoragent\.so")):
-                    self.assertRegex(app.held(name), rf"^{SETTINGS.root}{place}/{path} \(deleted\)$")
-                self.answer("shutdown", app.pid)
-            self.assertEqual(before, read(f"/proc/{app.pid}/mountinfo"))
-            left = subprocess.run(["find", f"/proc/{app.pid}/root/tmp", f"/proc/{app.pid}/root/mnt",
-                                   "-name", "qoragent*.jar", "-o", "-name", "libqoragent*"],
-                                  capture_output=True, text=True, check=True).stdout
-            self.assertEqual(left, "")
+                    self.assertRegex(self.app.held(name), rf"^{SETTINGS.root}{place}/{path} \(deleted\)$")
+                self.answer("shutdown")
+            self.assertEqual(before, read(f"/proc/{self.app.pid}/mountinfo"))
+            root = f"/proc/{self.app.pid}/root"
+            self.assertEqual(subprocess.check_output(["find", f"{root}/tmp", f"{root}/mnt", "-name",
+                                                      "qoragent*.jar", "-o", "-name", "libqoragent*"]), b"")
 
     def test_file_systems(self):
         if SETTINGS.root:
@@ -107,14 +103,6 @@ class Containers(Case):
                 ("both refused", NARROW + NOEXEC, "/mnt/home", None)):
             with self.subTest(what):
                 self.ask(mounts, cwd, (), place, *bare)
-
-    @unittest.skipUnless(os.path.exists("/dev/fuse"), "there is nothing that hangs without FUSE")
-    def test_a_file_system_that_hangs(self):
-        if SETTINGS.root:
-            self.skipTest("a changed root directory can't be mounted read-only")
-        with Contained("mkdir /mnt/hang; " + NARROW + NOEXEC + HANG, "/mnt/home", ()) as app:
-            self.refused("the file systems of process ", "threads", app.pid, "--jar", SETTINGS.jar,
-                         "--timeout", 2)
 
     def test_namespaces(self):
         for name in ("uid_map", "gid_map"):

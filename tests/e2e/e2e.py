@@ -6,7 +6,6 @@ A JDK of another root directory is given by --root DIR, the command that enters 
        e2e.py --build DIR --root /srv/sid --enter "tool run /srv/sid" --jdk /usr/lib/jvm/java-8-openjdk-amd64
 """
 import argparse
-import glob
 import importlib
 import os
 import re
@@ -16,14 +15,14 @@ import sys
 import tempfile
 import unittest
 
-from harness import SETTINGS, Case, in_root
+from harness import FOLDER, SETTINGS, Case, in_root
 
 
 def load_groups():
     """Makes each class of tests in the modules beside this one a group."""
-    for path in glob.glob(f"{os.path.dirname(os.path.realpath(__file__))}/*.py"):
-        if not os.path.samefile(path, __file__):
-            module = importlib.import_module(os.path.basename(path)[:-3])
+    for name in os.listdir(FOLDER):
+        if name.endswith(".py") and name != "e2e.py":
+            module = importlib.import_module(name[:-3])
             globals().update((name, group) for name, group in vars(module).items()
                              if isinstance(group, type) and issubclass(group, Case))
 

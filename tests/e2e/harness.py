@@ -6,6 +6,7 @@ import json
 import os
 import re
 import shutil
+import socket
 import subprocess
 import tempfile
 import time
@@ -13,27 +14,35 @@ import unittest
 
 import pexpect
 
+FOLDER = os.path.dirname(os.path.realpath(__file__))
 SETTINGS = argparse.Namespace()
 LIMIT = 60  # seconds for anything to happen; reached only when something is broken
 NOBODY = 65534
 
 
+def text_of(path):
+    """Of a file beside this one."""
+    with open(f"{FOLDER}/{path}", encoding="utf-8") as file:
+        return file.read()
+
+
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as free:
+        return free.getsockname()[1]
+
+
 def wait_until(what, test, limit=LIMIT):
-    """`what` is a text or makes one."""
+    """What `test` returns once that is true. `what` is a text or makes one."""
     end = time.monotonic() + limit
-    while not test():
+    while not (found := test()):
         if time.monotonic() > end:
             raise AssertionError(f"not within {limit} s: {what() if callable(what) else what}")
         time.sleep(0.02)
+    return found
 
 
 def in_root(command):
     return [*SETTINGS.enter.split(), *command]
-
-
-def leftovers(pid):
-    tmp = f"{SETTINGS.root}/tmp"
-    return glob.glob(f"{tmp}/qoragent-*/{pid}.*") + glob.glob(f"{tmp}/.attach_pid{pid}")
 
 
 def folder(case):
@@ -71,6 +80,10 @@ class Program:
         self.process.stdin.close()
         return self.process.wait(LIMIT)
 
+    def leftovers(self):
+        tmp = f"{SETTINGS.root}/tmp"
+        return glob.glob(f"{tmp}/qoragent-*/{self.pid}.*") + glob.glob(f"{tmp}/.attach_pid{self.pid}")
+
     def __enter__(self):
         return self
 
@@ -81,7 +94,7 @@ class Program:
         with contextlib.suppress(BrokenPipeError):
             self.process.stdin.close()
         self.log.close()
-        for name in [f"{SETTINGS.root}/tmp/.java_pid{self.pid}", *leftovers(self.pid)]:
+        for name in [f"{SETTINGS.root}/tmp/.java_pid{self.pid}", *self.leftovers()]:
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(name)  # a killed JVM can't tidy up
 
@@ -96,15 +109,13 @@ def taking_on(user):
 class Application(Program):
     """The demo application."""
 
-    def __init__(self, *flags, user=None, cwd=None):
-        before = [] if cwd is None else ["env", "-C", cwd]
-        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170,
-                         before=before + taking_on(user))
+    def __init__(self, *flags, user=None):
+        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170, before=taking_on(user))
 
     def truths(self):
         """What it says of its threads' work in other tiers: by thread, pairs."""
-        lines = [line.split() for line in self.output().splitlines() if line.startswith("demo-")]
-        return {name: dict(pair.split("=", 1) for pair in pairs) for name, *pairs in lines}
+        return {name: dict(pair.split("=", 1) for pair in pairs.split())
+                for name, pairs in re.findall("(?m)^(demo-\\S+) (.*)\n", self.output())}
 
     def __exit__(self, *_):
         pipe = self.truths().get("demo-file-read", {}).get("file")
@@ -121,7 +132,7 @@ class Answer:
         return json.loads(self.out)
 
     def __repr__(self):
-        return f"exit code {self.code}\nstdout: {self.out[:2000]}\nstderr: {self.err[:2000]}"
+        return f"exit code {self.code}\n{self.out[:2000]}\n{self.err[:2000]}"
 
 
 def environment():
@@ -146,32 +157,38 @@ def on_terminal(*words):
 
 
 class Case(unittest.TestCase):
+    """A group whose tests ask of one process at a time, `app`."""
     maxDiff = None  # what differs is the one clue that a run elsewhere leaves
 
-    def answer(self, *words, **options):
-        answer = qorctl(*words, **options)
+    def answer(self, command, *words, **options):
+        answer = qorctl(command, self.app.pid, *words, **options)
         self.assertEqual((answer.code, answer.err), (0, ""), answer)
         return answer
 
     def json(self, *words, **options):
         return self.answer(*words, "--json", **options).json()
 
-    def refused(self, why, *words, code=1, **options):
+    def refused(self, why, command, *words, code=1, **options):
+        return self.check_refusal(why, qorctl(command, self.app.pid, *words, **options), code)
+
+    def check_refusal(self, why, answer, code=1):
         """Exit code `code` and one line on standard error that says what to do next."""
-        answer = qorctl(*words, **options)
         self.assertEqual((answer.code, answer.out, len(answer.err.splitlines())), (code, "", 1), answer)
         self.assertIn(why, answer.err)
         self.assertIn("; ", answer.err)
-        return answer
+        return answer.err
 
-    def threads(self, app, *options):
+    def listed(self):
+        return next(jvm for jvm in qorctl("list", "--json").json() if jvm["pid"] == self.app.pid)
+
+    def threads(self, *options):
         """Threads by name."""
-        return {t["name"]: t for t in self.json("threads", app.pid, *options)["threads"]}
+        return {t["name"]: t for t in self.json("threads", *options)["threads"]}
 
-    def watch(self, *words, count=3):
+    def watch(self, command, count=3):
         """The first documents of a series."""
-        command = [SETTINGS.qorctl, *map(str, words), "--json", "--watch", "0.1"]
-        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watch:
+        words = [SETTINGS.qorctl, command, str(self.app.pid), "--json", "--watch", "0.1"]
+        with subprocess.Popen(words, stdout=subprocess.PIPE, text=True) as watch:
             documents = [json.loads(watch.stdout.readline()) for _ in range(count)]
             self.assertIsNone(watch.poll())
             watch.kill()
@@ -179,7 +196,7 @@ class Case(unittest.TestCase):
 
 
 class OfTheDemo(Case):
-    """A group whose tests look into one demo application, with an agent in it."""
+    """Of one demo application, with an agent in it."""
     FLAGS = ()
     OPTIONS = "handquota=100,localquota=100"  # of attach: tests ask more often than people
 

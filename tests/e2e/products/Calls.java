@@ -1,24 +1,12 @@
-import java.io.BufferedReader;
-import java.io.IOException;
-import java.io.InputStreamReader;
-import java.net.InetAddress;
-import java.net.ServerSocket;
-import java.net.Socket;
-import java.sql.Connection;
-import java.sql.DriverManager;
-import java.sql.PreparedStatement;
-import java.sql.ResultSet;
-import java.sql.SQLException;
-import java.sql.Statement;
-import java.util.ArrayList;
-import java.util.Arrays;
-import java.util.List;
-import java.util.concurrent.BlockingQueue;
+import java.io.*;
+import java.net.*;
+import java.sql.*;
+import java.util.*;
 import java.util.concurrent.SynchronousQueue;
 
 /**
- * Threads that call real databases. Arguments are a folder, then "NAME FORM...", URL, SQL, three for each
- * thread, whose name is the first. A "setup" runs its SQL at once and has no thread. On the line "warm NAME" the
+ * Threads that call real databases. Arguments are "NAME FORM...", URL and SQL for each thread, whose name is
+ * the first. A "setup" runs its SQL at once and has no thread. On the line "warm NAME" the
  * threads of that name make their calls again and again, on "hold NAME" once, with 1 for the parameter or the #
  * of their SQL in place of 0, on others none; those of a form "transaction" commit each. "done LINE" is printed
  * when no call of an earlier line is left. Embedded databases wait in the function hold.
@@ -27,8 +15,7 @@ public class Calls extends Thread {
     static volatile ServerSocket gate;
     static volatile String warm; // the order
 
-    final BlockingQueue<String> orders =
-        new SynchronousQueue<>(); // an order is given when its thread makes no call
+    final SynchronousQueue<String> orders = new SynchronousQueue<>(); // for when it makes no call
     final List<String> form;
     final String sql;
     final Connection connection;
@@ -43,10 +30,9 @@ public class Calls extends Thread {
 
     public static void main(String[] args) throws Exception {
         List<Calls> all = new ArrayList<>();
-        boolean serves = false;
-        for (int i = 1; i < args.length; i += 3) {
-            if (args[i].startsWith("h2tcp") && !serves)
-                serves = serve(args[i + 1].replaceAll(".*:(\\d+)/.*", "$1"));
+        for (int i = 0; i < args.length; i += 3) {
+            if (args[i].equals("h2tcp prepared query"))
+                serve(args[i + 1].replaceAll(".*:(\\d+)/.*", "$1"));
             Calls calls = new Calls(args[i], args[i + 1], args[i + 2]);
             calls.call(0);
             if (calls.form.contains("setup"))
@@ -71,12 +57,9 @@ public class Calls extends Thread {
     }
 
     /** H2's server; its class isn't there where this is compiled. */
-    static boolean serve(String port) throws Exception {
-        String[] options = {"-tcpPort", port};
-        Class<?> factory = Class.forName("org.h2.tools.Server");
-        Object server = factory.getMethod("createTcpServer", String[].class).invoke(null, (Object)options);
-        server.getClass().getMethod("start").invoke(server);
-        return true;
+    static void serve(String port) throws Exception {
+        Object options = new String[] {"-tcp", "-tcpPort", port};
+        Class.forName("org.h2.tools.Server").getMethod("main", String[].class).invoke(null, options);
     }
 
     /** Waits while the gate is there. */
@@ -123,7 +106,7 @@ public class Calls extends Thread {
                     s.addBatch(text);
                 s.executeBatch();
             } else if (form.contains("update")) {
-                int ignored = p != null ? p.executeUpdate() : s.executeUpdate(text);
+                int rows = p != null ? p.executeUpdate() : s.executeUpdate(text);
             } else if (form.contains("query")) {
                 s.setFetchSize(p != null ? s.getFetchSize() : 1);
                 drain(p != null ? p.executeQuery() : s.executeQuery(text));

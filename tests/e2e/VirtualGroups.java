@@ -10,33 +10,27 @@ import tessar.net.ns.Communication;
 import tessar.net.nt.SilentServer;
 
 /** Two thousand virtual threads, none of them mounted, for JDK 21 and later. Ends with its input. */
-final class VirtualCrowd {
+final class VirtualGroups {
     interface Work {
         void run() throws Exception;
     }
 
-    static Thread crowd(int count, Work work) {
-        Thread last = null;
+    static void crowd(int count, Work work) {
         for (int i = 0; i < count; i++)
-            last = Thread.startVirtualThread(() -> keepOn(work));
-        return last;
-    }
-
-    static void keepOn(Work work) {
-        try {
-            work.run();
-            park();
-        } catch (Exception e) {
-            e.printStackTrace();
-        }
+            Thread.startVirtualThread(() -> {
+                try {
+                    work.run();
+                    park();
+                } catch (Exception e) {
+                    e.printStackTrace();
+                }
+            });
     }
 
     static void park() {
         while (true)
             LockSupport.park();
     }
-
-    static void sleeps() throws Exception { Thread.sleep(1L << 40); }
 
     static void queryDatabase(String table) throws Exception {
         SilentServer server = new SilentServer();
@@ -51,13 +45,13 @@ final class VirtualCrowd {
         Object scope = type.getMethod("open", String.class).invoke(null, "crowd-scope");
         for (int i = 0; i < count; i++)
             type.getMethod("start", Thread.class)
-                .invoke(scope, Thread.ofVirtual().unstarted(VirtualCrowd::park));
+                .invoke(scope, Thread.ofVirtual().unstarted(VirtualGroups::park));
     }
 
     /** Threads whose ids, which are their hashes, share a bin of the JDK's list: it becomes a tree. */
     static void crowdOneBin(int count) {
         for (int id = 1; id <= count * 4096; id++) {
-            Thread thread = Thread.ofVirtual().unstarted(VirtualCrowd::park);
+            Thread thread = Thread.ofVirtual().unstarted(VirtualGroups::park);
             if (id % 4096 == 0)
                 thread.start();
         }
@@ -67,9 +61,9 @@ final class VirtualCrowd {
         ReentrantLock lock = new ReentrantLock();
         ServerSocket silent = new ServerSocket(0), accepts = new ServerSocket(0);
         lock.lock();
-        crowd(1000, VirtualCrowd::park);
+        crowd(1000, VirtualGroups::park);
         crowdOneBin(40);
-        crowd(200, VirtualCrowd::sleeps);
+        crowd(200, () -> Thread.sleep(1L << 40));
         crowd(100, lock::lock);
         crowd(20, () -> new Socket("127.0.0.1", silent.getLocalPort()).getInputStream().read());
         crowd(1, accepts::accept);
@@ -79,10 +73,9 @@ final class VirtualCrowd {
         open(5);
         var executor = Executors.newVirtualThreadPerTaskExecutor();
         for (int i = 0; i < 700; i++)
-            executor.execute(VirtualCrowd::park);
+            executor.execute(VirtualGroups::park);
         System.out.println("ready " + Thread.currentThread().threadId());
-        while (System.in.read() >= 0)
-            continue;
+        System.in.read();
         System.exit(0);
     }
 }
