@@ -1,6 +1,7 @@
 #include "MountedThreads.h"
 
 #include "jvmti/Capabilities.h"
+#include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/VmFlags.h"
 #include "qorcost.h"
@@ -22,6 +23,8 @@ enum Sight { NOT_TRIED, SEEN, UNSEEN };
 Sight sight;
 const char *whyUnseen = "";
 jvmtiExtensionFunction getVirtualThread;
+// What a platform thread runs when it carries one; null where the JDK has no such field.
+jfieldID continuation;
 
 void FreeExtension(jvmtiExtensionFunctionInfo *extension) {
     for (jint i = 0; i < extension->param_count; i++)
@@ -56,8 +59,12 @@ Sight LookForExtension() {
         return UNSEEN;
     }
     getVirtualThread = QorCanSupportVirtualThreads() ? FindExtension(GET_VIRTUAL_THREAD) : nullptr;
-    if (getVirtualThread)
+    if (getVirtualThread) {
+        continuation =
+            threadClass ? QorGetFieldID(jvmtijni_env, threadClass, "cont", "Ljdk/internal/vm/Continuation;")
+                        : nullptr;
         return SEEN;
+    }
     whyUnseen = "the JVM doesn't offer a way to them";
     QORLOG(LOG_NOTE, "Samples are without virtual threads: %s", whyUnseen);
     return UNSEEN;
@@ -117,6 +124,16 @@ jint DropEnded(jvmtiStackInfo *stacks, const ThreadList &list) {
     return kept;
 }
 
+// Whether to ask the JVM, which holds back all switches of virtual threads for each question.
+bool MayCarry(jthread thread) {
+    if (!continuation)
+        return true;
+    jobject current = QorGetObjectField(jvmtijni_env, thread, continuation);
+    if (current)
+        QorDeleteLocalRef(jvmtijni_env, current);
+    return current != nullptr;
+}
+
 } // namespace
 
 bool QorCanSeeMounted() {
@@ -131,7 +148,8 @@ const char *QorWhyMountedAreUnseen() {
 
 jthread QorMountedOn(jthread carrier) {
     jthread mounted = nullptr;
-    if (!QorCanSeeMounted() || getVirtualThread(jvmti, carrier, &mounted) != JVMTI_ERROR_NONE)
+    if (!QorCanSeeMounted() || !MayCarry(carrier) ||
+        getVirtualThread(jvmti, carrier, &mounted) != JVMTI_ERROR_NONE)
         return nullptr;
     return mounted;
 }
