@@ -2,33 +2,24 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <string>
 
 inline int OpenDescriptors() {
-    DIR *dir = opendir("/proc/self/fd");
-    int count = 0;
-    while (dir && readdir(dir))
-        count++;
-    if (dir)
-        closedir(dir);
-    return count;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 inline bool IsCloseOnExec(int fd) {
     return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
-inline int64_t KilobytesOf(const char *key) {
-    FILE *file = fopen("/proc/self/status", "re");
-    char line[256];
+inline int64_t KilobytesOf(const std::string &key) {
+    std::ifstream file("/proc/self/status");
+    for (std::string word; file >> word && word != key;) {
+    }
     int64_t value = -1;
-    while (fgets(line, sizeof line, file))
-        if (strncmp(line, key, strlen(key)) == 0)
-            value = atoll(line + strlen(key));
-    fclose(file);
+    file >> value;
     return value;
 }
