@@ -56,12 +56,6 @@ struct Channel : testing::Test {
         QorCloseChannel();
         offsetind = 0;
     }
-    // A request that sets a value: whether its reply says that.
-    bool IsSet(int value) const {
-        const std::string number = std::to_string(value);
-        return Ask(env, "516|NoProcessing|qorretry|" + number) == "Changed qorretry to " + number;
-    }
-
     JNIEnv *env = FakeEnv();
 };
 
@@ -76,8 +70,10 @@ TEST_F(Channel, EachCallerGetsItsOwnReply) {
     std::vector<std::thread> callers;
     for (int caller = 0; caller < 3; caller++)
         callers.emplace_back([this, caller] {
-            for (int i = 0; i < 200; i++)
-                ASSERT_TRUE(IsSet(caller * 1000 + i));
+            for (int i = 0; i < 200; i++) {
+                const std::string value = std::to_string(caller * 1000 + i);
+                ASSERT_EQ(Ask(env, "516|NoProcessing|qorretry|" + value), "Changed qorretry to " + value);
+            }
         });
     for (std::thread &caller : callers)
         caller.join();

@@ -61,10 +61,6 @@ void AwaitRelease() {
         QorForkStep();
 }
 
-bool NoChildIsLeft() {
-    return waitpid(-1, nullptr, WNOHANG | __WALL) == -1;
-}
-
 } // namespace
 
 TEST(ForkedChild, HoldsNothingOfItsParentAndIsTheLeastOfTheMachine) {
@@ -120,15 +116,15 @@ TEST(ForkedChild, IsUnseenByTheApplication) {
     for (const auto handler : {SIG_DFL, SIG_IGN, static_cast<void (*)(int)>([](int) { calls++; })}) {
         signal(SIGCHLD, handler);
         EXPECT_EQ(RunCopy(AwaitRelease, look), FORK_DONE);
-        EXPECT_TRUE(NoChildIsLeft());
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "it is left";
         EXPECT_EQ(signal(SIGCHLD, SIG_DFL), handler);
     }
     EXPECT_EQ(calls, 0);
 }
 
 TEST(ForkedChild, CorrectsTheIdsThatOldLibrariesKeep) {
-    int32_t old[] = {7, 12, 12, 10, 12, 10}, later[] = {12, 0, 10, 12};
+    int32_t old[] = {7, 12, 12, 10, 12, 10};
     EXPECT_TRUE(QorCorrectKeptIds(old, 6, {12, 10}, {99, 99}));
     EXPECT_EQ(std::vector<int32_t>(old, old + 6), (std::vector<int32_t>{7, 12, 99, 99, 12, 10}));
-    EXPECT_FALSE(QorCorrectKeptIds(later, 4, {12, 10}, {99, 99}));
+    EXPECT_FALSE(QorCorrectKeptIds(old, 2, {12, 10}, {99, 99}));
 }

@@ -219,12 +219,10 @@ TEST(Render, TableIsAlignedAndCut) {
     EXPECT_EQ(ThreadTable(sample, Style()), "ID  STATE        THREAD    CALL\n"
                                             "23  Runnable     http-1    com.acme.Cart.total(Cart.java:12)\n"
                                             " 9  Object Wait  \xe6\x97\xa5\xe6\x9c\xac\\x07  -\n");
-    Style narrow, colour;
+    Style narrow;
     narrow.width = 45;
     ExpectParts(ThreadTable(sample, narrow),
                 {"\n23  Runnable     http-1    com.acme.Cart.tot\xe2\x80\xa6\n"});
-    colour.colour = true;
-    ExpectParts(ThreadTable(sample, colour), {"\x1b[32mRunnable\x1b[0m     http-1"});
     ExpectParts(SampleNotes(sample, 1100), {"has 1100 threads"});
 }
 

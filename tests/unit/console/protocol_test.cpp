@@ -56,8 +56,6 @@ std::vector<Record> ReadTable() {
     return records;
 }
 
-using View = Json (*)(const Reply &reply);
-
 Json Sample(const Reply &reply) {
     return ToJson(DecodeThreads(reply));
 }
@@ -94,7 +92,7 @@ const std::string THREAD = "name,request/url,request/detail,key,call/class,call/
 const struct {
     const char *record;
     std::string before, after;
-    View view;
+    Json (*view)(const Reply &);
     std::string place, fields;
 } READERS[] = {
     {"active thread", "", ";!", Sample, "/threads/0/", THREAD},
