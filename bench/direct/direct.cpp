@@ -188,9 +188,7 @@ void MeasureCensus(size_t bytes) {
 int main(int count, char **words) {
     const bool census = count > 2 && strcmp(words[1], "census") == 0;
     const int seconds = count > 2 ? atoi(words[2]) : 0;
-    Options options;
-    options.library = SIMVM_FOLDER "/server/libjvm.so";
-    Boot(options);
+    Boot({});
     if (!census)
         StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false});
     bool started = false;

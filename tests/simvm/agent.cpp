@@ -45,9 +45,7 @@ std::string Ask(const std::string &request) {
 Options On(const std::string &words) {
     Options options;
     for (const std::string &word : Split(words, ' '))
-        if (word == "stripped")
-            options.library = SIMVM_FOLDER "/stripped/server/libjvm.so";
-        else if (word == "client")
+        if (word == "client")
             options.isClient = true;
         else if (word == "parallel" || word == "cms")
             options.collector = word == "cms" ? Collector::CONCURRENT : Collector::PARALLEL;

@@ -107,10 +107,9 @@ Word HeadOf(VtableKind kind) {
 
 void Boot(const Options &options) {
     vm.options = options;
-    if (options.library.empty())
-        vm.options.library =
-            SIMVM_FOLDER + std::string(options.isClient ? "/client" : "/server") + "/libjvm.so";
-    void *library = dlopen(vm.options.library.c_str(), RTLD_NOW);
+    const char *const path =
+        options.isClient ? SIMVM_FOLDER "/client/libjvm.so" : SIMVM_FOLDER "/server/libjvm.so";
+    void *library = dlopen(path, RTLD_NOW);
     if (!library)
         Fail(dlerror());
     reinterpret_cast<void (*)(Statics *)>(dlsym(library, "simvm_statics"))(&vm.statics);

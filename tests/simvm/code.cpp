@@ -99,18 +99,18 @@ void Return(Assembler *a, int words, int link) {
     a->Emit("c3");
 }
 
-// An oop map that says where a stub has spilled the frame pointer, after two values that say something else.
+// An oop map that says where a stub has spilled the frame pointer, after another register.
 Word OopMapOf(int link) {
-    constexpr int VALUE = 2, CALLEE_SAVED = 8, OTHER_REGISTER = 19;
+    constexpr int CALLEE_SAVED = 8, OTHER_REGISTER = 19;
     const int stack0 = int(*vm.statics.stackRegisters);
     std::string data;
-    for (int value : {(stack0 + 9) << 5 | VALUE, (stack0 + 8) << 5 | CALLEE_SAVED, OTHER_REGISTER,
-                      (stack0 + link) << 5 | CALLEE_SAVED, FRAME_POINTER_REGISTER})
+    for (int value : {(stack0 + 8) << 5 | CALLEE_SAVED, OTHER_REGISTER, (stack0 + link) << 5 | CALLEE_SAVED,
+                      FRAME_POINTER_REGISTER})
         PutCompressed(&data, value);
     const Word set = Allocate(sizeof(OopMapSet)), array = Allocate(8), map = Allocate(sizeof(OopMap)),
                bytes = Allocate(data.size());
     Copy(bytes, data);
-    As<OopMap>(map) = {0, 3, int32_t(data.size()), 0, bytes};
+    As<OopMap>(map) = {0, 2, int32_t(data.size()), 0, bytes};
     As<Word>(array) = map;
     As<OopMapSet>(set) = {1, 1, array};
     return set;

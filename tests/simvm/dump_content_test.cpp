@@ -12,12 +12,12 @@ class DumpContent : public testing::TestWithParam<std::pair<const char *, ChainE
 // On a busy machine a thread that runs doesn't always stop in time; a dump then lacks its frames.
 bool LacksFrames(const std::vector<std::string> &differences) {
     return std::any_of(differences.begin(), differences.end(),
-                       [](const std::string &line) { return line.rfind("no root of a frame", 0) == 0; });
+                       [](const std::string &line) { return line.rfind("no " + FRAME, 0) == 0; });
 }
 
 void ExpectTruth(const DumpFolder &folder, const std::vector<Runner *> &runners) {
     const HeapDump truth = TakeTruth(runners);
-    std::vector<std::string> differences = {"no root of a frame yet"};
+    std::vector<std::string> differences = {"no " + FRAME};
     HeapDump dump;
     for (int dumps = 0; dumps < 50 && LacksFrames(differences); dumps++) {
         EXPECT_NE(Ask("513|showmem|256|dump|7").find("completed"), std::string::npos);

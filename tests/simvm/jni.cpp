@@ -85,10 +85,8 @@ void FillReferences() {
     Fill<true>(table.DeleteGlobalRef, [](Object *) {});
     Fill<true>(table.DeleteLocalRef, [](Object *) {});
     Fill(table.IsSameObject, [](Object *one, Object *other) { return one == other; });
-    Fill<true>(table.ExceptionOccurred, []() { return caller->exceptionPending ? &javaVm : nullptr; });
     Fill<true>(table.ExceptionCheck, []() { return caller->exceptionPending; });
     Fill<true>(table.ExceptionClear, []() { caller->exceptionPending = false; });
-    table.ExceptionDescribe = table.ExceptionClear;
 }
 
 void FillArrays() {
@@ -159,7 +157,6 @@ void FillClasses() {
         Class *found = FindClass(name);
         return found ? found : Throw();
     });
-    Fill(table.GetObjectClass, [](Object *of) { return of->type; });
     Fill(table.GetMethodID, [](Class *, const char *name, const char *signature) -> const Method * {
         const auto found = METHODS.find(name + std::string(signature));
         return found == METHODS.end() ? Throw() : &found->second;
@@ -172,7 +169,6 @@ void FillClasses() {
         return Throw();
     });
     Fill(table.GetLongField, [](Object *of, const Field *field) { return Get(of, field->name).number; });
-    Fill(table.GetIntField, [](Object *of, const Field *field) { return Get(of, field->name).number; });
     Fill(table.GetObjectField, [](Object *of, const Field *field) { return Get(of, field->name).object; });
 }
 

@@ -51,7 +51,6 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
         void (*spoil)() = [] {};
     };
     std::vector<Case> cases = {{"22", "09", START_UNSUPPORTED},
-                               {"22 stripped", "22", START_FAILED},
                                {"22", "07", START_FAILED},
                                {"22", "22", START_FAILED, TellLaterJni},
                                {"22", "22", START_FAILED, BeAnotherThread},

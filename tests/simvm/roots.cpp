@@ -96,15 +96,13 @@ void StageThread(ThreadInfo *thread) {
 // ---- the VM's own
 // ------------------------------------------------------------------------------------------
 
-// A ring that a request for each operation goes round; CYCLE: one that doesn't lead back to its head.
+// A ring that a request for each operation goes round.
 Word NewRing(int operations) {
     std::vector<Word> ring;
     for (int i = 0; i < operations; i++)
         ring.push_back(Allocate(sizeof(VmOperation)));
-    Chain(ring, &VmOperation::next);
-    if (chainEnd != ChainEnd::WILD)
-        As<VmOperation>(ring.back()).next = chainEnd == ChainEnd::NONE ? ring.front() : ring.back();
-    return ring.front();
+    const Word first = Chain(ring, &VmOperation::next);
+    return As<VmOperation>(ring.back()).next = first;
 }
 
 void StageVmThread() {

@@ -25,8 +25,6 @@ thread entity: $WORKS ; c $KVO/EntityImpl.doDML:71 @{mEbi=$KVO/EntityDefImpl{mOb
   | server=; object=Entity_Object->Orders|EntityImpl.java|^
 thread attribute: $WORKS ; i $KVO/ViewRowImpl.setAttribute(I)V:73 @ %1
   %$KVO/ViewAttributeDefImpl{mDef=$KVO/RowDef{mObjName="OrdersRow"}} ; $READS | server=; object=View_Object->OrdersRow|EntityImpl.java|^
-thread expression: $WORKS ; c com/sun/el/ValueExpressionImpl.getValue:74 @{expr="#{cart.total}"} ; $READS
-  | server=; object=EL_Exp->#{cart.total}|^|^
 
 class $SITES/CallSiteArray array,[L$SITES/CallSite;
 class $SITES/AbstractCallSite index,I name,Ljava/lang/String; array,L$SITES/CallSiteArray;
@@ -69,14 +67,9 @@ connection = $QVS/rmi/RMIClientConnection{m_transport=$QVS/rmi/Transport{m_port=
 thread client: $WAITS ; i $QVS/rmi/RMIClientConnection.obtainRemoteMethodResponse(I$CALL)V:84 @connection %9 %call ;
   i $QVS/rmi/RMIClientConnection.waitForResponseFromServer($CALL)V:85 @connection %call ; $WAITING
   | server=QVS; wait=5151|$KNOWN|NA; ejb=shop.Pricing->price
-thread served: $WORKS ; c $QVS/rmi/RmiMethodCall.run:86 @{m_callId=5152 m_addressContainer=
-  com/halcyon/net/AddressContainer{socket=java/net/Socket{impl=java/net/SocketImpl{address=$PEER port=7002
-  localport=23791}}}} ; $READS | server=QVS; serves=5152; caller=7002|192.168.1.7
 
 # The servlet's frame with the server's request as its first argument.
 let SERVES $WORKS ; i javax/servlet/http/HttpServlet.service(Ljavax/servlet/ServletRequest;)V:90 @
-thread qvs: $SERVES %com/halcyon/server/http/PlainRequest{m_unparsedURI="/qvs/text"} ; $READS
-  | server=QVS; url=/qvs/text
 thread qvs bytes: $SERVES %com/halcyon/server/http/HalcyonHttpServletRequest{requestURI=
   com/halcyon/util/ByteString{data=[B(63 63 63 63 63 63 63 63 63 63 47 113 118 115 47 98 121 116 101 115) offset=5
   length=10}} ; $READS | server=QVS; url=/qvs/bytes
@@ -85,9 +78,6 @@ thread tomcat: $SERVES %org/apache/catalina/connector/RequestFacade{request=
   org/apache/tomcat/util/buf/MessageBytes{strValue="/tomcat/path"}}} ; $READS | server=Tomcat; url=/tomcat/path
 thread jboss: $SERVES %shop/RequestWrapper{request,Ljavax/servlet/ServletRequest;=shop/WrappedRequest{
   servletPath="/wrapped"}} ; $READS | server=JBoss; url=/wrapped
-let SAP com/sap/engine/services/servlets_jsp/server/runtime/client
-thread sap: $SERVES %$SAP/HttpServletRequestFacade{requestContext=$SAP/RequestContext{requestURIinternal="/sap"}} ;
-  $READS | server=SAP; url=/sap
 class org/apache/jserv/JServConnection env_vars,Ljava/util/Hashtable;
 thread jserv: $WORKS ; i org/apache/jserv/JServConnection.processRequest:92 @{env_vars=java/util/Hashtable#3(
   "REQUEST_URI" "/jserv" "REMOTE_ADDR" "10.0.0.6" "HOST" "shop")} ; $READS

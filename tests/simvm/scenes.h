@@ -205,7 +205,7 @@ struct AgentStart {
 int StartAgent(const AgentStart &with = {});
 std::string Ask(const std::string &request);
 
-// A VM by words: its build, and what of it isn't as usual: client, parallel, cms, stripped.
+// A VM by words: its build, and what of it isn't as usual: client, parallel, cms.
 Options On(const std::string &words);
 std::vector<std::string> Split(const std::string &text, char separator);
 std::string Hex(Word value);
@@ -227,20 +227,16 @@ struct Shown {
 Shown Truth(const Runner &runner);
 std::string FrameText(const Scope &scope);
 
-// An object as "space type|bytes|class|length of an array|", of a symbol its text; and what it refers to, a
-// field as "I place>address", an element as "R address".
-struct DumpedObject {
-    std::string line;
-    std::vector<std::string> references;
-    bool isKnown = true; // else the line only begins so, and these are some of the references
-};
 // A dump file of the direct road in lines that can be compared. Addresses are the VM's.
+//   ADDRESS SPACE TYPE|BYTES|CLASS|LENGTH|     an object; of a symbol its text
+//   ADDRESS I PLACE>ADDRESS                    its field, or L its class's static
+//   ADDRESS R NUMBER>ADDRESS                   an element that isn't null
+//   S LETTER NAME ADDRESS                      a root
+//   FRAME THREAD|NAME ADDRESS                  what a frame refers to
+const std::string FRAME = "frame ";
 struct HeapDump {
-    std::vector<std::string> header, strange; // strange: lines that are nothing of the below
-    std::set<std::string> roots;              // "letter name address"
-    std::map<std::string, Word> frames;       // what frames refer to: "thread|name address"
-    std::map<Word, DumpedObject> objects;
-    bool isFinished = false;
+    std::vector<std::string> header;
+    std::set<std::string> lines, unknown; // unknown: addresses of objects of which more may be said
 };
 HeapDump ReadDump(const std::string &path);
 // What a dump made now has to hold; of frames at least this.

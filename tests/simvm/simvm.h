@@ -72,7 +72,6 @@ struct HeapFlags {
     int64_t newRatio = 2, survivorRatio = 6;
 };
 struct Options {
-    std::string library = {}; // path of the libjvm.so that holds the statics; empty: server's or client's
     bool isClient = false;
     std::string version = "1.5.0_22";
     Collector collector = Collector::SERIAL;
