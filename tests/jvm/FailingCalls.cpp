@@ -2,20 +2,12 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <execinfo.h>
+#include <fmt/format.h>
 #include <netdb.h>
-#include <poll.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 extern "C" char __executable_start, etext;
 
@@ -29,15 +21,15 @@ struct Shared {
     std::atomic<uintptr_t> failed[PLACES]; // a hash table
     const char *call;
     uintptr_t callers[CALLERS];
-};
-std::atomic<Shared *> shared;
+} *const shared = static_cast<Shared *>(
+    mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 std::atomic<int64_t> blocks, complaints;
 
 // True when the place was new to the table.
 bool Note(uintptr_t place) {
     for (uintptr_t i = place;; i++) {
         uintptr_t found = 0;
-        if (shared.load()->failed[i % PLACES].compare_exchange_strong(found, place))
+        if (shared->failed[i % PLACES].compare_exchange_strong(found, place))
             return true;
         if (found == place)
             return false;
@@ -46,8 +38,7 @@ bool Note(uintptr_t place) {
 
 // Whether the call of that name, made by the caller of the function that asks, fails.
 __attribute__((noinline)) bool Fails(const char *call) {
-    Shared *state = shared;
-    if (!state || !state->armed)
+    if (!shared || !shared->armed) // none yet for what the process starts with
         return false;
     void *frames[OWN_FRAMES + CALLERS] = {};
     backtrace(frames, OWN_FRAMES + CALLERS);
@@ -61,71 +52,71 @@ __attribute__((noinline)) bool Fails(const char *call) {
             callers[i] -= start;
         place = place * 1000003 + callers[i];
     }
-    if (!callers[0] || !state->armed.exchange(0))
+    if (!callers[0] || !shared->armed.exchange(0))
         return false;
     if (!Note(place | 1)) {
-        state->armed = 1;
+        shared->armed = 1;
         return false;
     }
-    state->call = call;
-    memcpy(state->callers, callers, sizeof callers);
+    shared->call = call;
+    memcpy(shared->callers, callers, sizeof callers);
     return true;
 }
 
-template <typename Result>
-Result Failed(int error, Result result) {
+long Failed(int error, long result) {
     errno = error;
     return result;
 }
 
 } // namespace
 
-#define CALL(Result, name, parameters, arguments, result, error)                                             \
-    extern "C" Result __real_##name parameters;                                                              \
-    extern "C" Result __wrap_##name parameters {                                                             \
-        return Fails(#name) ? Failed<Result>(error, result) : __real_##name arguments;                       \
+// What these calls take and return are whole words, whose kinds the registers don't know.
+using Word = long;
+#define WORDS Word a, Word b, Word c, Word d, Word e, Word f
+#define CALL(name, result, error)                                                                            \
+    extern "C" Word __real_##name(WORDS);                                                                    \
+    extern "C" Word __wrap_##name(WORDS) {                                                                   \
+        return Fails(#name) ? Failed(error, result) : __real_##name(a, b, c, d, e, f);                       \
     }
-#define ALLOCATION(name, parameters, arguments)                                                              \
-    extern "C" void *__real_##name parameters;                                                               \
-    extern "C" void *__wrap_##name parameters {                                                              \
-        void *block = Fails(#name) ? Failed<void *>(ENOMEM, nullptr) : __real_##name arguments;              \
-        blocks += block != nullptr;                                                                          \
+#define ALLOCATION(name)                                                                                     \
+    extern "C" Word __real_##name(WORDS);                                                                    \
+    extern "C" Word __wrap_##name(WORDS) {                                                                   \
+        const Word block = Fails(#name) ? Failed(ENOMEM, 0) : __real_##name(a, b, c, d, e, f);               \
+        blocks += block != 0;                                                                                \
         return block;                                                                                        \
     }
 
 // The calls, one a line: the linker's list is made of them.
-// clang-format off
-ALLOCATION(malloc, (size_t size), (size))
-ALLOCATION(calloc, (size_t count, size_t size), (count, size))
-ALLOCATION(strdup, (const char *text), (text))
-ALLOCATION(strndup, (const char *text, size_t size), (text, size))
-CALL(void *, mmap, (void *at, size_t size, int rights, int flags, int fd, off_t offset), (at, size, rights, flags, fd, offset), MAP_FAILED, ENOMEM)
-CALL(int, mprotect, (void *at, size_t size, int rights), (at, size, rights), -1, ENOMEM)
-CALL(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode), -1, EMFILE)
-CALL(int, pipe2, (int *fds, int flags), (fds, flags), -1, EMFILE)
-CALL(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1, EMFILE)
-CALL(int, fcntl, (int fd, int command, long argument), (fd, command, argument), -1, EMFILE)
-CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
-CALL(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
-CALL(FILE *, popen, (const char *command, const char *mode), (command, mode), nullptr, EMFILE)
-CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE)
-CALL(ssize_t, read, (int fd, void *out, size_t size), (fd, out, size), -1, EIO)
-CALL(ssize_t, pread, (int fd, void *out, size_t size, off_t at), (fd, out, size, at), -1, EIO)
-CALL(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1, EIO)
-CALL(ssize_t, pwrite, (int fd, const void *data, size_t size, off_t at), (fd, data, size, at), -1, ENOSPC)
-CALL(int, ftruncate, (int fd, off_t size), (fd, size), -1, EIO)
-CALL(ssize_t, readlink, (const char *path, char *out, size_t size), (path, out, size), -1, EACCES)
-CALL(int, poll, (pollfd *fds, nfds_t count, int msec), (fds, count, msec), -1, ENOMEM)
-CALL(int, pthread_create, (pthread_t *out, const pthread_attr_t *attributes, void *(*run)(void *), void *argument), (out, attributes, run, argument), EAGAIN, EAGAIN)
-CALL(pid_t, fork, (), (), -1, EAGAIN)
-CALL(int, clone, (int (*run)(void *), void *stack, int flags, void *argument), (run, stack, flags, argument), -1, EAGAIN)
-CALL(ssize_t, process_vm_readv, (pid_t pid, const iovec *local, unsigned long locals, const iovec *remote, unsigned long remotes, unsigned long flags), (pid, local, locals, remote, remotes, flags), -1, EPERM)
-CALL(int, getaddrinfo, (const char *node, const char *service, const addrinfo *hints, addrinfo **out), (node, service, hints, out), EAI_MEMORY, ENOMEM)
-// clang-format on
+ALLOCATION(malloc)
+ALLOCATION(calloc)
+ALLOCATION(strdup)
+ALLOCATION(strndup)
+CALL(mmap, -1, ENOMEM)
+CALL(mprotect, -1, ENOMEM)
+CALL(open, -1, EMFILE)
+CALL(pipe2, -1, EMFILE)
+CALL(socket, -1, EMFILE)
+CALL(fcntl, -1, EMFILE)
+CALL(fopen, 0, EMFILE)
+CALL(fdopen, 0, ENOMEM)
+CALL(popen, 0, EMFILE)
+CALL(opendir, 0, EMFILE)
+CALL(read, -1, EIO)
+CALL(pread, -1, EIO)
+CALL(write, -1, EIO)
+CALL(pwrite, -1, ENOSPC)
+CALL(ftruncate, -1, EIO)
+CALL(readlink, -1, EACCES)
+CALL(poll, -1, ENOMEM)
+CALL(pthread_create, EAGAIN, EAGAIN)
+CALL(fork, -1, EAGAIN)
+CALL(clone, -1, EAGAIN)
+CALL(process_vm_readv, -1, EPERM)
+CALL(getaddrinfo, EAI_MEMORY, ENOMEM)
 
-extern "C" void *__real_realloc(void *block, size_t size);
-extern "C" void *__wrap_realloc(void *block, size_t size) {
-    void *grown = Fails("realloc") ? Failed<void *>(ENOMEM, nullptr) : __real_realloc(block, size);
+extern "C" Word __real_realloc(Word block, Word size);
+extern "C" Word __wrap_realloc(Word block, Word size) {
+    const Word grown = Fails("realloc") ? Failed(ENOMEM, 0) : __real_realloc(block, size);
     blocks += !block && grown;
     return grown;
 }
@@ -142,11 +133,11 @@ extern "C" void __wrap_free(void *block) {
     __real_free(block);
 }
 
-extern "C" long __real_syscall(long number, long a, long b, long c, long d, long e, long f);
-extern "C" long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
+extern "C" Word __real_syscall(Word number, WORDS);
+extern "C" Word __wrap_syscall(Word number, WORDS) {
     const bool mayFail =
         number != SYS_gettid && number != SYS_getpid && number != SYS_exit && number != SYS_exit_group;
-    return mayFail && Fails("syscall") ? Failed<long>(EAGAIN, -1) : __real_syscall(number, a, b, c, d, e, f);
+    return mayFail && Fails("syscall") ? Failed(EAGAIN, -1) : __real_syscall(number, a, b, c, d, e, f);
 }
 
 namespace {
@@ -222,28 +213,18 @@ void WrapJni(JNIEnv *env) {
 }
 
 void ArmFailingCall() {
-    if (!shared) {
-        void *memory =
-            __real_mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        shared = static_cast<Shared *>(memory);
-        void *frame;
-        backtrace(&frame, 1); // loads what it needs
-    }
-    shared.load()->call = nullptr;
-    shared.load()->armed = 1;
+    void *frame;
+    backtrace(&frame, 1); // loads what it needs
+    shared->call = nullptr;
+    shared->armed = 1;
 }
 
 std::string DisarmFailingCall() {
-    const Shared *state = shared;
-    shared.load()->armed = 0;
-    if (!state->call)
-        return "";
-    std::string place = state->call;
-    for (uintptr_t caller : state->callers) {
-        char text[32];
-        snprintf(text, sizeof text, " %#lx", caller ? caller - 1 : 0);
-        place += text;
-    }
+    shared->armed = 0;
+    std::string place = shared->call ? shared->call : "";
+    for (uintptr_t caller : shared->callers)
+        if (shared->call)
+            place += fmt::format(" {:#x}", caller);
     return place;
 }
 

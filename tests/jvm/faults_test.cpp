@@ -33,8 +33,7 @@ struct Faults : AgentTest {
     }
     void TearDown() override {
         ShutDownAgent();
-        EXPECT_EQ(AllocatedBlocks(), blocks_ - 1)
-            << "the captured log's text is freed, and was not allocated, here";
+        EXPECT_EQ(AllocatedBlocks(), blocks_ - 1); // the text of the captured log was allocated elsewhere
         AgentTest::TearDown();
     }
 
@@ -58,11 +57,9 @@ struct Faults : AgentTest {
     }
 
     static bool IsRefusal(const std::string &reply) {
-        for (const char *text :
-             {TIMED_OUT, "Unable to start Heap Dump", "Class histogram failed", "Heap dump failed"})
-            if (reply.find(text) != std::string::npos)
-                return true;
-        return false;
+        static const std::regex REFUSALS(
+            "TIMED OUT|Unable to start Heap Dump|Class histogram failed|Heap dump failed");
+        return std::regex_search(reply, REFUSALS);
     }
 
     // A request in which a new place fails, if it meets one.
@@ -150,42 +147,32 @@ TEST_F(Faults, Views) {
     const qorctl::Thread *blocked = Find(sample, "zoo-blocked");
     ASSERT_TRUE(blocked && blocked->waits_for);
     const std::string key = blocked->key.Text(), lock = std::to_string(blocked->waits_for->lock);
-    FailEach(
-        {
-            {"516|showstack|256", {"\x1d"}},
-            {"516|showstack|512|ARG=x,1=" + key, {"wantInner", "Lock On", "JVM Locks"}},
-            {"516|showstack|2048|ARG=x,0=" + lock + ",1=" + key, {"zoo-holder"}},
-            {"516|showstack|128", {"JVM Heap Usage", "Minor"}},
-            {"516|showmem|0", {"JVM Heap Memory Usage"}},
-            {"516|showstack|16384|ARG=x,0=" + port, {"customer-0|"}},
-            {"516|xtier01|" + port + "|127.0.0.1|" + std::to_string(getpid()),
-             {std::to_string(getpid()) + ","}},
-            {qorctl::LocalsRequest(blocked->key.thread, blocked->stack[0]), {"Method Locals"}},
-            {"516|showstack|1024|ARG=x,0=7777,1=0", {"Object Description"}},
-            {"516|NoProcessing|activethreads|TEST|threadname|nobody*", {"Added Idle Thread Rules"}},
-        },
-        [] {
-            jobject specimen = Java<jobject>("Specimens", "make", "Values");
-            jvmti->SetTag(Env()->NewGlobalRef(specimen), 7777);
-        });
-}
-
-TEST_F(Faults, VirtualThreads) {
-    constexpr char GROUPS[] = "788|showstack|65536|ARG=x,2=2000";
-    if (Java<int64_t>("HeapShop", "parkVirtual", 40) == 0) {
-        ShutDownAgent();
-        blocks_ = AllocatedBlocks() + 1;
-        Start();
-        GTEST_SKIP() << "a JVM without virtual threads";
+    std::vector<Request> requests = {
+        {"516|showstack|256", {"\x1d"}},
+        {"516|showstack|512|ARG=x,1=" + key, {"wantInner", "Lock On", "JVM Locks"}},
+        {"516|showstack|2048|ARG=x,0=" + lock + ",1=" + key, {"zoo-holder"}},
+        {"516|showstack|128", {"JVM Heap Usage", "Minor"}},
+        {"516|showmem|0", {"JVM Heap Memory Usage"}},
+        {"516|showstack|16384|ARG=x,0=" + port, {"customer-0|"}},
+        {"516|xtier01|" + port + "|127.0.0.1|" + std::to_string(getpid()), {std::to_string(getpid()) + ","}},
+        {qorctl::LocalsRequest(blocked->key.thread, blocked->stack[0]), {"Method Locals"}},
+        {"516|showstack|1024|ARG=x,0=7777,1=0", {"Object Description"}},
+        {"516|NoProcessing|activethreads|TEST|threadname|nobody*", {"Added Idle Thread Rules"}},
+    };
+    if (Java<int64_t>("HeapShop", "parkVirtual", 40) > 0) {
+        requests.push_back({"788|showstack|65536|ARG=x,2=2000", {"JVM Virtual Threads"}});
+        const std::string view = Ask(requests.back().text);
+        std::smatch row;
+        ASSERT_TRUE(std::regex_search(view, row,
+                                      std::regex("\x1e"
+                                                 "40\x1d([0-9]+-[0-9]+)\x1d")))
+            << view;
+        requests.push_back({"516|showstack|512|ARG=x,1=" + row.str(1), {"parkVirtual"}});
     }
-    const std::string view = Ask(GROUPS);
-    std::smatch key;
-    ASSERT_TRUE(std::regex_search(view, key,
-                                  std::regex("\x1e"
-                                             "40\x1d([0-9]+-[0-9]+)\x1d")))
-        << view;
-    FailEach(
-        {{GROUPS, {"JVM Virtual Threads"}}, {"516|showstack|512|ARG=x,1=" + key.str(1), {"parkVirtual"}}});
+    FailEach(requests, [] {
+        jobject specimen = Java<jobject>("Specimens", "make", "Values");
+        jvmti->SetTag(Env()->NewGlobalRef(specimen), 7777);
+    });
 }
 
 // What requests make the agent allocate goes at SHUTDOWN; what they have shown has gone too.
