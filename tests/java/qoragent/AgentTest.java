@@ -33,10 +33,10 @@ public class AgentTest {
         for (boolean knows : new boolean[] {true, true, false}) {
             Agent.start("timeout=20,loglevel=1");
             assertEquals("running", System.getProperty("qoragent.status"));
-            byte[] port = Files.readAllBytes(endpoint);
             Files.delete(endpoint);
             Agent.start(null);
-            assertArrayEquals("the same, back in its place", port, Files.readAllBytes(endpoint));
+            assertTrue("back in its place", Files.exists(endpoint));
+            Agent.start("loglevel=1");
             assertRefused("runs already", () -> Agent.start("timeout=21"));
             assertAnswers();
             if (knows) {

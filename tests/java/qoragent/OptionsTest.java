@@ -9,7 +9,6 @@ public class OptionsTest {
     public void valuesAreTaken() {
         String[][] rows = {
             {"loglevel=8", "loglevel", "8"},
-            {"optlevel=9,timeout=0", "optlevel", "9"},
             {" port=65535", "port", "65535"},
             {"logfile=/a b/c=d.log", "logfile", "/a b/c=d.log"},
             {"vendor=DOV Systems\\, Inc.,version=1.6.0_11", "vendor", "DOV Systems, Inc."},
@@ -51,14 +50,5 @@ public class OptionsTest {
                 assertThrows(IllegalArgumentException.class, () -> Options.parse(row[0])).getMessage();
             assertTrue(row[0] + ": " + said, said.contains(row[1]));
         }
-    }
-
-    @Test
-    public void agreementIsAboutWhatIsAskedFor() {
-        Options running = Options.parse("loglevel=3,optlevel=0");
-        assertTrue(Options.parse(null).agreeWith(running));
-        assertTrue(Options.parse("loglevel=3").agreeWith(running));
-        assertTrue(Options.parse("timeout=60").agreeWith(running));
-        assertFalse(Options.parse("loglevel=1").agreeWith(running));
     }
 }

@@ -15,10 +15,8 @@ public class TiersTest {
     @Test
     public void areAFilesAndTheJars() throws Exception {
         Path file = Files.createTempFile("qor", ".rules");
-        StringBuilder own = new StringBuilder("# \u00e9\u20ac");
-        for (int i = 0; i < 2000; i++)
-            own.append("\nstate db own.\u20ac").append(i);
-        Files.write(file, own.toString().replace("\n", "\r\n").getBytes(StandardCharsets.UTF_8));
+        String own = "# " + new String(new char[30_000]).replace('\0', '\u20ac') + "\nstate db own.";
+        Files.write(file, own.replace("\n", "\r\n").getBytes(StandardCharsets.UTF_8));
         StringBuilder sent = new StringBuilder();
         assertNull(Tiers.of(file.toString()).send(request -> {
             CRC32 crc = new CRC32();
@@ -32,7 +30,6 @@ public class TiersTest {
         }));
         Files.delete(file);
         assertEquals(own + "\n" + Tiers.shipped("tiers.rules"), sent.toString());
-        assertEquals("no answer", Tiers.of("none").send(request -> "no answer"));
         assertThrows(IllegalArgumentException.class, () -> Tiers.of("/nowhere"));
     }
 }
