@@ -80,20 +80,23 @@ void AgentTest::TearDown() {
     JvmTest::TearDown();
 }
 
-HeldWorker::HeldWorker(int64_t millis) : real(e2eclass) {
+HeldWorker::HeldWorker() : real_(e2eclass) {
     jclass busy = Env()->FindClass("qoragent/testing/Enricher");
     e2eclass = static_cast<jclass>(Env()->NewGlobalRef(busy));
     Env()->DeleteLocalRef(busy);
-    Java("Enricher", "hold", millis);
+    Java("Enricher", "hold");
+}
+
+HeldWorker::~HeldWorker() {
+    let();
+    while (qor_can_read_internal(pipe_fd_PP[0], 0) || workerBusy != 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Env()->DeleteGlobalRef(e2eclass);
+    e2eclass = real_;
 }
 
 void HeldWorker::let() {
     Java("Enricher", "let");
-}
-
-void WaitForIdleWorker() {
-    while (qor_can_read_internal(pipe_fd_PP[0], 0) || workerBusy != 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 std::string Setting(int value) {

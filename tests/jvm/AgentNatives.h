@@ -11,8 +11,6 @@ jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint
                                  jint, jint, jint, jint, jint);
 jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
 void Java_qoragent_Agent_setRelayPort(JNIEnv *, jobject, jint);
-jint Java_qoragent_Agent_setLogLevel(JNIEnv *, jobject, jint);
-jint Java_qoragent_Agent_setOptLevel(JNIEnv *, jobject, jint);
 jstring Java_qoragent_Agent_addvips(JNIEnv *, jobject);
 jstring Java_qoragent_Agent_getCpuData(JNIEnv *, jobject);
 jstring Java_qoragent_Agent_getProcessContextSwitchCount(JNIEnv *, jobject);
@@ -50,14 +48,14 @@ std::thread AskAside(const std::string &request, std::string *reply);
 // Makes the agent leave and waits until it has.
 void ShutDownAgent();
 
-// All wake-ups so far have been dealt with.
-void WaitForIdleWorker();
-
-// The worker stays in its next sample until it is let go, or for so long.
+// The worker stays in its next sample until it is let go, by the end of the scope at the latest.
 struct HeldWorker {
-    explicit HeldWorker(int64_t millis = 60000);
+    HeldWorker();
+    ~HeldWorker();
     static void let();
-    jclass real; // the class that it asks otherwise
+
+private:
+    jclass real_; // the class that it asks otherwise
 };
 
 // Live Java threads that bear the worker's name.

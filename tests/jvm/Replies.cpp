@@ -14,12 +14,6 @@ std::string Ask(uint32_t request, const std::string &slot0, const std::string &s
     return page.data();
 }
 
-std::string AskMemory(const char *path, uint32_t request) {
-    std::vector<char> page(PAGEBUF_SIZE);
-    QorHandleShowMemRequest(page.data(), 8, path, request);
-    return page.data();
-}
-
 qorctl::ThreadSample AllThreads(bool stacks) {
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
     poll_details = stacks ? FLAG_POLL_DETAILS : 0;

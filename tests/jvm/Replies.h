@@ -12,9 +12,6 @@
 std::string Ask(uint32_t request, const std::string &slot0 = "", const std::string &slot1 = "",
                 int32_t size = PAGEBUF_SIZE);
 
-// The reply of a memory view.
-std::string AskMemory(const char *path = "", uint32_t request = 0);
-
 // The sample of all threads, with stacks or as rows; of those that are active; of text that is whole.
 qorctl::ThreadSample AllThreads(bool stacks);
 qorctl::ThreadSample ActiveThreads();

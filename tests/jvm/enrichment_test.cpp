@@ -11,6 +11,16 @@
 
 namespace {
 
+// Replies and answers with / for 29, | for 30 and # for 31; at level 3 also { } for 14 and < > for 15, [ for
+// 28, ] for 26 and ~ for 27.
+std::string Coded(std::string text) {
+    constexpr char SHOWN[] = "/|#{}<>[]~", CODES[] = "\x1d\x1e\x1f\x0e\x0e\x0f\x0f\x1c\x1a\x1b";
+    for (char &c : text)
+        if (const char *at = strchr(SHOWN, c))
+            c = CODES[at - SHOWN];
+    return text;
+}
+
 struct Enrichment : SessionTest {
     void SetUp() override {
         SessionTest::SetUp();
@@ -36,12 +46,12 @@ struct Enrichment : SessionTest {
         }
     }
 
-    // The reply after Java was asked, which answers `answer`; null for null.
-    std::string Merge(const std::string &reply, const std::string &threads, const char *answer) {
+    // The reply after Java was asked, which answers `answer`.
+    std::string Merge(const std::string &reply, const std::string &threads, const std::string &answer) {
         EXPECT_LT(reply.size(), java->page.size());
-        memcpy(java->page.data(), reply.c_str(), reply.size() + 1);
+        strcpy(java->page.data(), Coded(reply).c_str());
         List(threads);
-        Java("Enricher", "answer", answer);
+        Java("Enricher", "answer", Coded(answer));
         checkAndAppendInfo(Env(), nullptr);
         EXPECT_TRUE(!thread_e2e_info && flagcompiled_java_code == 0);
         EXPECT_FALSE(Env()->ExceptionCheck());
@@ -51,44 +61,31 @@ struct Enrichment : SessionTest {
     std::unique_ptr<EnricherAsked> java;
 };
 
-// Replies and answers with / for 29, | for 30 and # for 31; at level 3 also { } for 14 and < > for 15, [ for
-// 28, ] for 26 and ~ for 27.
-std::string Coded(std::string text) {
-    constexpr char SHOWN[] = "/|#{}<>[]~", CODES[] = "\x1d\x1e\x1f\x0e\x0e\x0f\x0f\x1c\x1a\x1b";
-    for (char &c : text)
-        if (const char *at = strchr(SHOWN, c))
-            c = CODES[at - SHOWN];
-    return text;
-}
-
 constexpr char ACTIVE[] = "JVM Active Threads|a/one/Runnable|a/two/Lock|a/three/Lock|#";
 constexpr char DETAILS[] = "Thread Info Details|one/Runnable#Call Stack|Thread Info Details#JVM Locks|l|#"
                            "Thread Info Details|Thread Info Details/Lock#Call Stack|g#";
+constexpr char MANY[] = "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
 constexpr char MARKED[] = "JVM Active Threads|a/one/{DB Wait[10]u/v|a/two/{RMI Wait[~1/2|a/three/{Lock|#";
 
 struct MergeCase {
     const char *what;
-    uint32_t request;
     int level;
-    const char *reply, *threads, *answer, *expected; // null: as the reply
+    const char *reply, *threads, *answer;
+    const char *expected = nullptr; // null: as the reply
 };
 constexpr MergeCase CASES[] = {
-    {"after each row", 0x2000, 0, ACTIVE, "xxx", "/A|/B/b|/|",
+    {"after each row", 0, ACTIVE, "xxx", "/A|/B/b|/|",
      "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B/b|a/three/Lock/|#"},
-    {"one didn't go; before the start mark", 0x2000, 0, ACTIVE, "x-x", "junk/A|{q/r}<s/t>/C|x",
+    {"one didn't go; before the start mark", 0, ACTIVE, "x-x", "junk/A|{q/r}<s/t>/C|x",
      "JVM Active Threads|a/one/Runnable/A|a/two/Lock|a/three/Lock/C|#"},
-    {"with stacks", 0x8000, 0, DETAILS, "xx", "/A|/B|",
+    {"with stacks", 0, DETAILS, "xx", "/A|/B|",
      "Thread Info Details|one/Runnable/A#Call Stack|Thread Info Details#JVM Locks|l|#"
      "Thread Info Details|Thread Info Details/Lock/B#Call Stack|g#"},
-    {"a poll without stacks", 0x8000, 0, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
-    {"null", 0x2000, 0, ACTIVE, "xxx", nullptr, nullptr},
-    {"no start mark", 0x2000, 0, ACTIVE, "xxx", "/A|B|/C|", nullptr},
-    {"too few", 0x8000, 0, DETAILS, "xx", "/A|", nullptr},
-    {"a section end in a text", 0x2000, 0, ACTIVE, "xxx", "/A|/B#|/C|", nullptr},
-    {"another request", 0x200, 0, ACTIVE, "xxx", "/A|/B|/C|", nullptr},
-    {"marks: a remote text where there was one", 0x2000, 3, MARKED, "xxx", "<D/d>/A|<R>/B|<L>/C|",
-     "JVM Active Threads|a/one/D/d/A|a/two/R/B|a/three/Lock/C|#"},
-    {"marks: a framework text", 0x2000, 3, MARKED, "xxx", "{Q/q}<D>/A|{Q}/B|/{Q}C|",
+    {"null", 0, ACTIVE, "xxx", "null"},
+    {"more threads than JNI lets pile up in one frame", 0, ACTIVE, MANY, "throw"},
+    {"no start mark", 0, ACTIVE, "xxx", "/A|B|/C|"},
+    {"a section end in a text", 0, ACTIVE, "xxx", "/A|/B#|/C|"},
+    {"marks", 3, MARKED, "xxx", "{Q/q}<D>/A|{Q}/B|/{Q}C|",
      "JVM Active Threads|a/one/Q/qD/A|a/two/QRMI Wait[~1/2/B|a/three/QLockC|#"},
 };
 
@@ -96,41 +93,27 @@ constexpr MergeCase CASES[] = {
 
 TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
     for (const MergeCase &c : CASES) {
-        reqid = c.request;
         poll_details = c.reply == DETAILS;
+        reqid = poll_details ? QORREQ_POLL_DETAILS : QORREQ_ACTIVE_THREADS;
         gbiOptimizationLevel = c.level;
-        const std::string reply = Coded(c.reply), answer = c.answer ? Coded(c.answer) : "";
-        EXPECT_EQ(Merge(reply, c.threads, c.answer ? answer.c_str() : nullptr),
-                  c.expected ? Coded(c.expected) : reply)
-            << c.what;
+        EXPECT_EQ(Merge(c.reply, c.threads, c.answer), Coded(c.expected ? c.expected : c.reply)) << c.what;
+        EXPECT_NE(EnricherAsked::Asked(), "");
     }
-    const std::string reply = Coded(ACTIVE);
-    gbiOptimizationLevel = 0;
-    reqid = QORREQ_ACTIVE_THREADS;
-    // More threads than JNI lets pile up in one frame.
-    EXPECT_EQ(Merge(reply, std::string(100, 'x'), "throw"), reply);
-    EXPECT_NE(EnricherAsked::Asked(), "");
 }
 
 TEST_F(Enrichment, RepliesAreFilledToTheLastByte) {
     reqid = QORREQ_ACTIVE_THREADS;
     for (const size_t spare : {6, 7, 5}) {
-        std::string reply = Coded("JVM Active Threads|a/one/");
+        std::string reply = "JVM Active Threads|a/one/";
         reply.resize(PAGEBUF_SIZE - 3 - spare, 'x');
-        EXPECT_EQ(Merge(reply + Coded("|#"), "x", Coded("/12345|").c_str()),
-                  reply + Coded(spare < 6 ? "|#" : "/12345|#"));
+        EXPECT_EQ(Merge(reply + "|#", "x", "/12345|"), Coded(reply + (spare < 6 ? "|#" : "/12345|#")));
     }
-    const std::string active = Coded(ACTIVE),
-                      huge = Coded("/A|/") + std::string(1100000, 'y') + Coded("|/C|");
-    EXPECT_EQ(Merge(active, "xxx", huge.c_str()), active);
+    EXPECT_EQ(Merge(ACTIVE, "xxx", "/A|/" + std::string(1100000, 'y') + "|/C|"), Coded(ACTIVE));
     // System data comes whatever becomes of the rest.
     get_system_data = FLAG_SYSTEM_DATA;
-    EXPECT_EQ(Merge(active, "xxx", Coded("Java|cpu=1#/A|/B|/C|").c_str()),
+    EXPECT_EQ(Merge(ACTIVE, "xxx", "Java|cpu=1#/A|/B|/C|"),
               Coded("JVM Active Threads|a/one/Runnable/A|a/two/Lock/B|a/three/Lock/C|#Java|cpu=1#"));
-    EXPECT_EQ(Merge(active, "xxx", Coded("Java#/A|/B|").c_str()), active + Coded("Java#"));
-    std::string full = active;
-    full.resize(PAGEBUF_SIZE - 10, 'x');
-    EXPECT_EQ(Merge(full, "xxx", Coded("12345678#/A|/B|/C|").c_str()), full);
+    EXPECT_EQ(Merge(ACTIVE, "xxx", "Java#/A|/B|"), Coded(ACTIVE + std::string("Java#")));
 }
 
 TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {

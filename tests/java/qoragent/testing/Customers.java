@@ -34,9 +34,10 @@ public final class Customers {
             while (text.length() < length)
                 text.append((char)('a' + text.length() % 26));
             text.setLength(length);
-            execute("customer-" + number, number % 2 == 0
-                                              ? new TessarStatement(session, text.toString())
-                                              : new TessarPreparedStatement(session, text.toString()));
+            executions.add(Execution.of("customer-" + number,
+                                        number % 2 == 0
+                                            ? new TessarStatement(session, text.toString())
+                                            : new TessarPreparedStatement(session, text.toString())));
         }
     }
 
@@ -48,15 +49,7 @@ public final class Customers {
         return connections.get(connections.size() - 1);
     }
 
-    /** Returns when the thread of that name waits in the execution of the statement. */
-    public static synchronized void execute(String name, Object statement) throws Exception {
-        executions.add(Execution.of(name, (TessarStatement)statement));
-    }
-
-    /** A port of the connection; 0 of none. */
     public static long port(Object connection, boolean remote) {
-        if (connection == null)
-            return 0;
         return remote ? ((Communication)connection).socket().getPort()
                       : ((Communication)connection).socket().getLocalPort();
     }

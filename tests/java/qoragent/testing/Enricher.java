@@ -2,18 +2,16 @@ package qoragent.testing;
 
 import java.util.Arrays;
 import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.TimeUnit;
 
 /** Takes the place of the class that the agent asks what Java knows of a sample; it can keep the agent waiting. */
 public final class Enricher {
     private static volatile String answer;
     private static volatile String asked;
     private static volatile CountDownLatch released = new CountDownLatch(0);
-    private static volatile long limitMillis;
 
     private Enricher() {}
 
-    /** The answer of the next calls, null for none; for "throw" they throw. */
+    /** The answer of the next calls, "null" for null; for "throw" they throw. */
     public static void answer(String text) {
         answer = text;
         asked = null;
@@ -22,11 +20,8 @@ public final class Enricher {
     /** What the last call was asked with; null when there was none. */
     public static String asked() { return asked; }
 
-    /** The next samples stay until let(), or for so long. */
-    public static void hold(long millis) {
-        limitMillis = millis;
-        released = new CountDownLatch(1);
-    }
+    /** The next samples stay until let(). */
+    public static void hold() { released = new CountDownLatch(1); }
 
     public static void let() { released.countDown(); }
 
@@ -40,11 +35,11 @@ public final class Enricher {
                 systemData + " " + isPoll;
         if ("throw".equals(answer))
             throw new IllegalStateException("as told");
-        return answer;
+        return "null".equals(answer) ? null : answer;
     }
 
     public static long[] datafrombci() throws InterruptedException {
-        released.await(limitMillis, TimeUnit.MILLISECONDS);
+        released.await();
         return null;
     }
 }

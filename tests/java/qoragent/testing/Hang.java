@@ -1,6 +1,8 @@
 package qoragent.testing;
 
+import java.io.BufferedReader;
 import java.io.IOException;
+import java.io.InputStreamReader;
 import java.util.concurrent.locks.LockSupport;
 
 /**
@@ -41,14 +43,9 @@ public final class Hang {
             spin(i, 5, 50);
         }
         System.out.println("ready");
-        StringBuilder word = new StringBuilder();
-        for (int c = System.in.read(); c >= 0; c = System.in.read()) {
-            if (c != '\n') {
-                word.append((char)c);
-                continue;
-            }
-            obey(word.toString());
-            word.setLength(0);
+        BufferedReader words = new BufferedReader(new InputStreamReader(System.in));
+        for (String word; (word = words.readLine()) != null;) {
+            obey(word);
         }
     }
 

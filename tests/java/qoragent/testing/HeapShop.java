@@ -2,7 +2,6 @@ package qoragent.testing;
 
 import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
-import java.lang.ref.WeakReference;
 import java.lang.reflect.Method;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -11,10 +10,9 @@ import java.util.concurrent.locks.LockSupport;
 
 /** Objects of known numbers, sizes and references, for what looks at the whole heap. */
 public final class HeapShop {
-    public static Node first;
+    static Node first;
     static Object[] shelf;
     static List<Object> held = new ArrayList<>();
-    private static WeakReference<ClassLoader> dropped;
 
     private HeapShop() {}
 
@@ -28,8 +26,6 @@ public final class HeapShop {
 
     /** Loaded, never made. */
     public static final class Unused { Object field; }
-
-    public static final class Own {}
 
     static void fill() {
         new Unused(); // loaded and initialised; the one object is garbage
@@ -94,21 +90,6 @@ public final class HeapShop {
         return parked.size();
     }
 
-    /** A class of a loader of its own, held until drop(). */
-    static void loadOwn() throws Exception {
-        ClassLoader loader = Churn.newLoader();
-        held.add(loader.loadClass(Own.class.getName()).getConstructor().newInstance());
-        dropped = new WeakReference<>(loader);
-    }
-
-    /** 1 when the loader is gone. */
-    static long dropOwn() {
-        held.clear();
-        for (int i = 0; i < 20 && dropped.get() != null; i++)
-            System.gc();
-        return dropped.get() == null ? 1 : 0;
-    }
-
     /** Collectors in the JVM's order: count, milliseconds, name, a line each. */
     static String collectors() {
         String all = "";
@@ -121,12 +102,6 @@ public final class HeapShop {
     static void litter() {
         for (int i = 0; i < 4000; i++)
             shelf = new Object[] {new byte[100000]};
-    }
-
-    static long maxMemory() { return Runtime.getRuntime().maxMemory(); }
-
-    static long usedMemory() {
-        return Runtime.getRuntime().totalMemory() - Runtime.getRuntime().freeMemory();
     }
 
     /** Instances of a class and their bytes as "count bytes", by the JVM's own histogram; dead objects count. */

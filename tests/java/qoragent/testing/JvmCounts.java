@@ -1,6 +1,5 @@
 package qoragent.testing;
 
-import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
@@ -35,14 +34,4 @@ public final class JvmCounts {
     }
 
     public static long liveThreads() { return ManagementFactory.getThreadMXBean().getThreadCount(); }
-
-    /** A collector that has collected, and how often. */
-    public static Object collector() {
-        for (GarbageCollectorMXBean bean : ManagementFactory.getGarbageCollectorMXBeans())
-            if (bean.getCollectionCount() > 0)
-                return bean;
-        throw new IllegalStateException("no collection yet");
-    }
-
-    public static long collections() { return ((GarbageCollectorMXBean)collector()).getCollectionCount(); }
 }

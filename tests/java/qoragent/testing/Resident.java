@@ -14,8 +14,6 @@ import java.util.concurrent.locks.LockSupport;
  * methods, with blanks between, are one name for every generation of the JDK, 8 to 25.
  */
 final class Resident implements Runnable {
-    private static final long LIMIT_NANOS = 60_000_000_000L;
-
     /** Where threads park. */
     static final String PARKED = "sun.misc.Unsafe.park jdk.internal.misc.Unsafe.park";
 
@@ -96,13 +94,9 @@ final class Resident implements Runnable {
     }
 
     void awaitParked() throws InterruptedException {
-        long end = System.nanoTime() + LIMIT_NANOS;
         while (!parked()) {
             if (failure != null)
                 throw new IllegalStateException("zoo-" + kind + " could not stay", failure);
-            if (System.nanoTime() > end)
-                throw new IllegalStateException("zoo-" + kind + " is not parked: " + thread.getState() +
-                                                " in " + Arrays.toString(thread.getStackTrace()));
             Thread.sleep(1);
         }
     }

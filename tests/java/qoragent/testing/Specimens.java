@@ -1,8 +1,6 @@
 package qoragent.testing;
 
-import java.lang.reflect.Proxy;
 import java.util.Arrays;
-import java.util.concurrent.ConcurrentNavigableMap;
 
 /** Objects to be looked into, and threads that stand still with known objects in their locals. */
 public final class Specimens {
@@ -15,14 +13,8 @@ public final class Specimens {
     /** A field of every kind; what is shown of each is in the tests. */
     public static class Values {
         public static Object shared = new Object();
-        private static long number = 64000000000L;
         static boolean flag = true;
         static String[] none;
-        protected static char letter = 'z';
-        static byte digit = '7';
-        static short small = -3;
-        static int plain = 12;
-        static float half = 0.5f;
         static double quarter = -0.25;
         static String word = "static";
         static int[] list = {4, 5};
@@ -30,14 +22,11 @@ public final class Specimens {
         public boolean yes = true;
         private boolean no;
         protected byte upper = 0x41;
-        byte dash = 0x2d;
         char wide = '\u0141'; // its lower byte is a letter
-        char lower = 'q';
         short aShort = -1500;
         int anInt = -310000;
         long aLong = -63000000000L;
         float aFloat = 0.75f;
-        double aDouble = 1e300;
         String text = "a\u001db\u001f\u000e\u00e9";
         String empty = "";
         String missing;
@@ -68,19 +57,9 @@ public final class Specimens {
     public static class Long {
         String ascii = new String(new char[2000]).replace('\0', 'x');
         String accents = ascii.substring(0, 1022) + "\u00e9\u00e9";
-        int[] ones = new int[301];
         int[] many = new int[301];
 
-        Long() {
-            Arrays.fill(ones, 1);
-            Arrays.fill(many, -100000000);
-        }
-    }
-
-    /** A big array and a big text. */
-    public static class Big {
-        byte[] bytes = new byte[64 << 20];
-        String text = new String(new char[16 << 20]);
+        Long() { Arrays.fill(many, -100000000); }
     }
 
     public static Object make(String kind) throws Exception {
@@ -93,14 +72,10 @@ public final class Specimens {
             return new Object();
         case "ints":
             return new int[] {1, 2};
-        case "pairs":
-            return new Object[] {new Leaf(), new Base()};
         case "hole":
             return new Object[] {new Base(), null};
         case "empty":
             return new Object[0];
-        case "single":
-            return new Object[] {new Object()};
         case "forty":
             Object[] forty = new Object[40];
             Arrays.fill(forty, 0, 21, new Leaf());
@@ -114,15 +89,6 @@ public final class Specimens {
 
     // ---- threads
 
-    /** Starts a thread that is in hold(), called by itself; returns when it is there. */
-    public static void startHolder() throws Exception {
-        gate = new Resident.Gate();
-        gate.open(Thread.currentThread());
-        hold(1, "warm", new int[0], new Object[0], new Values(), Values.class); // resolves what it refers to
-        gate = new Resident.Gate();
-        start(() -> hold(1, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class));
-    }
-
     private static void hold(int again, String text, int[] numbers, Object[] some, Values values,
                              Class<?> kind) {
         Object nothing = null;
@@ -133,16 +99,16 @@ public final class Specimens {
         used = Arrays.asList(text, numbers, some, values, kind, nothing).hashCode();
     }
 
-    /** Starts a thread that stands in rest(), which the test implements: it passes the gate. */
-    public static void startResting() throws Exception {
+    /** Starts a thread that is in hold(), called by itself; returns when it is there. */
+    public static void startHolder() throws Exception {
         gate = new Resident.Gate();
-        start(() -> rest(gate));
-    }
-
-    private static native void rest(Resident.Gate gate);
-
-    private static void start(Runnable task) throws InterruptedException {
-        thread = new Thread(task, "specimen");
+        gate.open(Thread.currentThread());
+        hold(1, "warm", new int[0], new Object[0], new Values(), Values.class); // resolves what it refers to
+        gate = new Resident.Gate();
+        thread = new Thread(
+            ()
+                -> hold(1, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class),
+            "specimen");
         thread.setDaemon(true);
         thread.start();
         while (thread.getState() != Thread.State.WAITING)
@@ -156,17 +122,5 @@ public final class Specimens {
     public static void end() throws InterruptedException {
         gate.open(thread);
         thread.join();
-    }
-
-    /** Classes that the JVM makes, of some sixty methods each. */
-    public static Object manyMethods(int count) {
-        Object[] all = new Object[count];
-        for (int i = 0; i < count; i++)
-            all[i] =
-                Proxy
-                    .newProxyInstance(new ClassLoader(Specimens.class.getClassLoader()) {},
-                                      new Class<?>[] {ConcurrentNavigableMap.class}, (proxy, m, a) -> null)
-                    .getClass();
-        return all;
     }
 }

@@ -10,43 +10,22 @@ import java.util.Map;
  */
 public final class Stage {
     private static final int HOT = 300_000;
-    private static final Resident.Gate door = new Resident.Gate();
     private static volatile Object seen;
-    private static volatile Resident.Gate onlyGate;
-    private static volatile boolean isOutside;
 
     private Stage() {}
 
     /**
-     * Starts a part: "three" is in three(a, b, c); "nested" in the frames inner and innermost, both
-     * with a; "recursion" in fall(a), fall(b), fall(c), with c on top; "leaver" in inside(a) until leave();
-     * "alone" in alone(a), without any other object; "hot" in a compiled frame whose only object is a constant of
-     * its code: a.
+     * Starts a part: "three" is in three(a, b, c); "nested" in the frames inner and innermost, both with a;
+     * "recursion" in fall(a), fall(b), fall(c), with c on top; "hot" in a compiled frame whose only object is a
+     * constant of its code: a.
      */
     public static void enter(String part, String name, Object a, Object b, Object c) throws Exception {
         Map<String, Resident.Walk> parts = new HashMap<>();
         parts.put("three", gate -> three(a, b, c, gate));
         parts.put("nested", gate -> inner(a, gate));
         parts.put("recursion", gate -> fall(a, new Object[] {a, b, c}, 0, gate));
-        parts.put("leaver", gate -> {
-            inside(a, door);
-            isOutside = true;
-            outside(gate);
-        });
         parts.put("hot", gate -> Hot.stay(a, gate));
-        parts.put("alone", gate -> {
-            onlyGate = gate;
-            alone(a);
-        });
         Zoo.admit(Resident.parked(name, parts.get(part)));
-    }
-
-    /** Makes the actor go from inside() to outside(), and waits until it is there. */
-    public static void leave(String name) throws Exception {
-        door.open((Thread)Zoo.thread(name));
-        while (!isOutside)
-            Thread.sleep(1);
-        Zoo.check();
     }
 
     static void three(Object a, Object b, Object c, Resident.Gate gate) {
@@ -54,11 +33,6 @@ public final class Stage {
         seen = a;
         seen = b;
         seen = c;
-    }
-
-    static void alone(Object a) {
-        onlyGate.pass();
-        seen = a;
     }
 
     static void inner(Object a, Resident.Gate gate) {
@@ -78,13 +52,6 @@ public final class Stage {
             gate.pass();
         seen = mine;
     }
-
-    static void inside(Object a, Resident.Gate door) {
-        door.pass();
-        seen = a;
-    }
-
-    static void outside(Resident.Gate gate) { gate.pass(); }
 
     /** Its class is initialised with the object that its compiled code then holds. */
     static final class Hot {

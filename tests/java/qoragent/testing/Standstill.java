@@ -13,10 +13,10 @@ public final class Standstill {
         Zoo.start(
             "sleep,park,swapper,wait,holder,blocked,blocked-second,reentrant,lock-holder,lock-waiter,deep,"
             + "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,channel-accept,"
-            + "channel-read,select,datagram-receive,file-read,file-channel-read,file-reader,"
-            + "random-access-read,file-write,process-wait"); // which keeps the JDK's reaper of children
+            +
+            "channel-read,select,file-read,file-channel-read,file-write,process-wait"); // which keeps the JDK's reaper of children
         Zoo.startDeep(400);
-        Zoo.startWide(0, 1);
+        Zoo.startDeep(990);
         Tiers.start();
         Specimens.startHolder();
         Specimens.thread().setName("specimen-hold");

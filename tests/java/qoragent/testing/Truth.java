@@ -13,8 +13,8 @@ public final class Truth {
     private Truth() {}
 
     /**
-     * All live threads, by ThreadMXBean.dumpAllThreads(true, false): a line "thread", id, name and number of frames,
-     * separated by tabs; a line for each frame, without those of classes made at run time; the locks in order.
+     * All live threads, by ThreadMXBean.dumpAllThreads(true, false): a line "thread", id, number of frames and name; a
+     * line for each frame, without those of classes made at run time; the locks in order.
      */
     public static String threads() {
         StringBuilder text = new StringBuilder();
@@ -27,8 +27,7 @@ public final class Truth {
 
     private static void describe(StringBuilder text, ThreadInfo info) {
         StackTraceElement[] frames = info.getStackTrace();
-        text.append("thread\t" + info.getThreadId() + "\t" + info.getThreadName() + "\t" + frames.length +
-                    "\n");
+        text.append("thread " + info.getThreadId() + " " + frames.length + " " + info.getThreadName() + "\n");
         for (StackTraceElement frame : frames) {
             String call = frame.getClassName() + "->" + frame.getMethodName();
             int line = frame.getLineNumber();

@@ -45,12 +45,6 @@ public final class Zoo {
             admit(ZooRun.deep("many-" + i, Math.max(0, frames - deepBase())));
     }
 
-    /** Starts "zoo-wide-FIRST" to "zoo-wide-(END - 1)", whose stacks take more than the agent keeps of one. */
-    public static synchronized void startWide(int first, int end) throws Exception {
-        for (int i = first; i < end; i++)
-            admit(ZooRun.wide("wide-" + i));
-    }
-
     /** Ends all threads of the zoo, the customers and all churn. */
     public static synchronized void stop() throws Exception {
         List<Resident> leaving = new ArrayList<>(residents.values());

@@ -1,14 +1,10 @@
 package qoragent.testing;
 
-import java.io.Closeable;
 import java.io.File;
 import java.io.FileInputStream;
 import java.io.FileOutputStream;
-import java.io.FileReader;
 import java.io.IOException;
 import java.io.RandomAccessFile;
-import java.net.DatagramPacket;
-import java.net.DatagramSocket;
 import java.net.InetAddress;
 import java.net.InetSocketAddress;
 import java.net.ServerSocket;
@@ -56,21 +52,24 @@ final class ZooIo {
                }),
             io("select", "sun.nio.ch.EPollArrayWrapper.epollWait sun.nio.ch.EPoll.wait",
                self -> self.closing(Selector.open())::select),
-            io("datagram-receive",
-               "java.net.PlainDatagramSocketImpl.receive0 sun.nio.ch.DatagramChannelImpl.receive0",
-               self -> {
-                   DatagramSocket socket = self.closing(new DatagramSocket(0, HERE));
-                   return () -> socket.receive(new DatagramPacket(new byte[64], 64));
-               }),
-            fifo("file-read", "java.io.FileInputStream.read0", FileInputStream::new, FileInputStream::read),
+            fifo("file-read", "java.io.FileInputStream.read0",
+                 path -> {
+                     try (FileInputStream in = new FileInputStream(path)) {
+                         in.read();
+                     }
+                 }),
             fifo("file-channel-read",
                  "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.UnixFileDispatcherImpl.read0",
-                 FileInputStream::new, in -> in.getChannel().read(ByteBuffer.allocateDirect(64))),
-            fifo("file-reader", "java.io.FileInputStream.readBytes", FileReader::new, FileReader::read),
-            fifo("random-access-read", "java.io.RandomAccessFile.read0",
-                 path -> new RandomAccessFile(path, "rw"), RandomAccessFile::read),
-            fifo("file-write", "java.io.FileOutputStream.writeBytes", FileOutputStream::new,
-                 out -> out.write(new byte[MORE_THAN_A_FIFO_HOLDS])));
+                 path -> {
+                     try (FileInputStream in = new FileInputStream(path)) {
+                         in.getChannel().read(ByteBuffer.allocateDirect(64));
+                     }
+                 }),
+            fifo("file-write", "java.io.FileOutputStream.writeBytes", path -> {
+                try (FileOutputStream out = new FileOutputStream(path)) {
+                    out.write(new byte[MORE_THAN_A_FIFO_HOLDS]);
+                }
+            }));
     }
 
     /** The near end of a connection over the loopback. */
@@ -108,17 +107,12 @@ final class ZooIo {
         return server::accept;
     }
 
-    private interface Opening<T extends Closeable> {
-        T of(File path) throws IOException;
-    }
-
-    private interface Use<T> {
-        void of(T file) throws IOException;
+    private interface Use {
+        void of(File path) throws IOException;
     }
 
     /** One at an end of a FIFO; the other end is open for both directions, so that no open blocks. */
-    private static <T extends Closeable> Resident fifo(String kind, String tops, Opening<T> opening,
-                                                       Use<T> use) {
+    private static Resident fifo(String kind, String tops, Use use) {
         return io(kind, tops, self -> {
             File path = new File(Files.createTempDirectory("zoo").toFile(), kind);
             new ProcessBuilder("mkfifo", path.getPath()).inheritIO().start().waitFor();
@@ -131,11 +125,7 @@ final class ZooIo {
                 else
                     otherEnd.write(0);
             });
-            return () -> {
-                try (T file = opening.of(path)) {
-                    use.of(file);
-                }
-            };
+            return () -> use.of(path);
         });
     }
 }

@@ -30,32 +30,15 @@ final class ZooRun {
 
     /** One that is `extra` calls deep below the frames that any of them has. */
     static Resident deep(String kind, int extra) {
-        return Resident.parked(kind, gate -> descend(extra, gate));
+        return Resident.parked(
+            kind, gate -> descendUntilNoMoreCallIsLeftWithANameThatFillsStacksSooner(extra, gate));
     }
 
-    private static void descend(int left, Resident.Gate gate) {
+    private static void descendUntilNoMoreCallIsLeftWithANameThatFillsStacksSooner(int left,
+                                                                                   Resident.Gate gate) {
         if (left > 0)
-            descend(left - 1, gate);
+            descendUntilNoMoreCallIsLeftWithANameThatFillsStacksSooner(left - 1, gate);
         else
             gate.pass();
-    }
-
-    /** One that is 500 calls deep in a class whose name makes its stack rows long. */
-    static Resident wide(String kind) {
-        return Resident.parked(
-            kind,
-            gate
-            -> WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas
-                   .descend(500, gate));
-    }
-
-    static final class
-        WithANameSoLongThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHasThatAFewHundredFramesOfItFillAllTheRoomThatAStackHas {
-        static void descend(int left, Resident.Gate gate) {
-            if (left > 0)
-                descend(left - 1, gate);
-            else
-                gate.pass();
-        }
     }
 }
