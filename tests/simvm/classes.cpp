@@ -210,8 +210,6 @@ void DefineVmClasses() {
          {"java/lang/String value,[C offset,I count,I hash,I",
           "java/lang/ThreadGroup parent,Ljava/lang/ThreadGroup; name,Ljava/lang/String;",
           "java/lang/Thread name,[C group,Ljava/lang/ThreadGroup; eetop,J priority,I",
-          "java/lang/ref/Reference referent,Ljava/lang/Object;",
-          "java/lang/ref/WeakReference < java/lang/ref/Reference",
           "java/lang/AbstractStringBuilder value,[C count,I",
           "java/lang/StringBuffer < java/lang/AbstractStringBuilder",
           "java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "

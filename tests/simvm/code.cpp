@@ -107,13 +107,14 @@ Word OopMapOf(int link) {
     for (int value : {(stack0 + 8) << 5 | CALLEE_SAVED, OTHER_REGISTER, (stack0 + link) << 5 | CALLEE_SAVED,
                       FRAME_POINTER_REGISTER})
         PutCompressed(&data, value);
-    const Word set = Allocate(sizeof(OopMapSet)), array = Allocate(8), map = Allocate(sizeof(OopMap)),
-               bytes = Allocate(data.size());
-    Copy(bytes, data);
-    As<OopMap>(map) = {0, 2, int32_t(data.size()), 0, bytes};
-    As<Word>(array) = map;
-    As<OopMapSet>(set) = {1, 1, array};
-    return set;
+    auto *set = Make<OopMapSet>();
+    auto *map = Make<OopMap>(data.size());
+    auto *array = Make<Word>();
+    Copy(Word(map + 1), data);
+    *map = {0, 2, int32_t(data.size()), 0, Word(map + 1)};
+    *array = Word(map);
+    *set = {1, 1, Word(array)};
+    return Word(set);
 }
 
 // Server stubs don't know where they save the frame pointer but by their oop map.
@@ -233,19 +234,20 @@ void BootCode() {
     cacheLow = cacheNext = Map(CODE_BYTES, true, PROT_EXEC);
     cacheMap = Map(CODE_BYTES / SEGMENT, false);
     memset(&As<char>(cacheMap), FREE_SEGMENT, CODE_BYTES / SEGMENT);
-    const Word heap = *vm.statics.codeHeap = Allocate(sizeof(CodeHeap));
-    auto &made = As<CodeHeap>(heap);
-    made.low = made.lowBoundary = cacheLow;
-    made.high = made.highBoundary = cacheLow + CODE_BYTES;
-    made.mapLow = cacheMap;
-    made.log2SegmentSize = LOG2_SEGMENT;
+    auto *heap = Make<CodeHeap>();
+    heap->low = heap->lowBoundary = cacheLow;
+    heap->high = heap->highBoundary = cacheLow + CODE_BYTES;
+    heap->mapLow = cacheMap;
+    heap->log2SegmentSize = LOG2_SEGMENT;
+    *vm.statics.codeHeap = Word(heap);
     EmitCallStub();
     Word interpreter = NewBlob({VT_BufferBlob, std::string(INTERPRETER_BYTES, char(0xcc))});
     interpreterNext = EntryOf(interpreter);
     interpreterEnd = interpreterNext + INTERPRETER_BYTES;
-    const Word queue = *vm.statics.interpreterCode = Allocate(sizeof(StubQueue));
-    As<StubQueue>(queue).start = interpreterNext;
-    As<StubQueue>(queue).size = INTERPRETER_BYTES;
+    auto *queue = Make<StubQueue>();
+    queue->start = interpreterNext;
+    queue->size = INTERPRETER_BYTES;
+    *vm.statics.interpreterCode = Word(queue);
     safepointStub = EmitRuntimeStub(reinterpret_cast<void (*)()>(&SimvmSafepoint), 0);
     constexpr int SPECIAL_BLOB = 31;
     if (vm.statics.runtimeBlobs)
@@ -363,13 +365,14 @@ Word Reach(FrameKind caller, FrameKind callee, Word entry) {
 
 // A second place for the frame's code; its thread's safepoint record tells of it.
 Word CopyCode(Script *script, Word entry) {
-    const Word blob = BlobOf(entry), state = Allocate(sizeof(SafepointState)),
-               record = Allocate(sizeof(CodeCopy)), copy = Map(4096, true, PROT_EXEC);
+    const Word blob = BlobOf(entry), copy = Map(4096, true, PROT_EXEC);
     const int32_t size = As<Blob>(blob).oopsOffset - As<Blob>(blob).codeOffset;
     Copy(copy, {&As<char>(entry), size_t(size)});
-    As<CodeCopy>(record) = {copy, size, 0, POISON_WORD, entry};
-    As<SafepointState>(state).codeCopy = record;
-    script->safepointState = state;
+    auto *record = Make<CodeCopy>();
+    auto *state = Make<SafepointState>();
+    *record = {copy, size, 0, POISON_WORD, entry};
+    state->codeCopy = Word(record);
+    script->safepointState = Word(state);
     return copy;
 }
 

@@ -28,10 +28,8 @@ negative-count := $STRING{value='negative' count=-1}
 odd-text := $STRING{value=[C(111 100 100 32 0x80 0xe9 0xff 0 29 30 31 124) count=12}
 part := $STRING{value='a part of it' offset=2 count=4}
 wide-text := $STRING{value=[C(97 0xd83d 0xde00 0xd83d 98 0xde00 0x20ac) count=7}
-buffer := java/lang/StringBuffer{value='bufferedunused' count=8}
 
 C := [C(1 0 65)
-J := [J(1 0 65)
 text = "in an array"
 row = [J(0x7fffffffffffffff -1)
 plane := [[J(row null row)
@@ -40,8 +38,8 @@ objects := [Ljava/lang/Object;(text row readers/Plain null)
 none := [Ljava/lang/Object;()
 
 # One of each kind of argument, then locals. Two methods share one entry of the cache: the second isn't in it.
-let SIG (ILjava/lang/String;JD[Ljava/lang/String;Ljava/lang/StringBuffer;ZF[[J)V
-let FEW %-5 %part %0x200000000 %0.5 %texts %buffer %true %1.5 %plane %all %113 %null
+let SIG (ILjava/lang/String;JD[Ljava/lang/String;)V
+let FEW %-5 %part %0x200000000 %0.5 %texts %all %113 %null
 let SIX %20 %all %21 %all %22 %all
 let MORE $SIX $SIX
 thread interpreted: SLEEP run readers/Thread ; i readers/All.plain$SIG:31 @all $FEW ;

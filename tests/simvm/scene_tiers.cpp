@@ -92,70 +92,47 @@ void StageTiers(Scene *scene) {
     SceneText(scene).Read(TIERS);
 }
 
-// The application servers' objects that know the port. Where a server keeps them in several ways, the scenes
-// differ: each has one way that leads there.
+// The application servers' objects that know the port.
 
 namespace {
 
-const char CLASSES[] = R"(
+// A port that can't be one isn't taken.
+const char SERVERS[] = R"(
 let QVS com/halcyon/server
 let PAGE $QVS/http/HalcyonPageContext
 let MBEAN ferrule/management/configuration
 class java/net/PlainSocketImpl port,I localport,I
 class java/net/SocketInputStream impl,Ljava/net/PlainSocketImpl;
-class java/util/ArrayList elementData,[Ljava/lang/Object; size,I
 class $QVS/http/HalcyonHttpServletRequest port,I
 class $PAGE halcyonRequest,L$QVS/http/HalcyonHttpServletRequest;
 class $QVS/http/HalcyonJSPFactory *contexts,[L$PAGE;
+class $QVS/LumoMonitorThread
 class org/jboss/web/WebServer port,I
 class org/apache/tomcat/util/net/PoolTcpEndpoint backlog,I port,I
+class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
 class ferrule/servlet/internal/WebAppConfigManager *servermbean,L$MBEAN/ServerMBean;
-)";
-const char FIRST[] = R"(
-class $QVS/LumoMonitorThread
-class ferrule/management/Admin *localServer,L$MBEAN/ServerMBean;
 static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest}
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
-static ferrule/management/Admin.localServer = $MBEAN/ServerImpl{listenPort=$Ferrule_PORT}
-thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
-  @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; n java/lang/Object.wait @
-)";
-const char LATER[] = R"(
-let INFO $QVS/LumoServiceInfo
-class $QVS/LumoMonitorThread *appSrv,L$QVS/ApplicationServer;
-class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
-static $QVS/LumoMonitorThread.appSrv = $QVS/ApplicationServer{httpServer=
-  $QVS/http/HttpServer{listeners,Ljava/util/List;=java/util/ArrayList{elementData=[Ljava/lang/Object;(null
-  $INFO{name,Ljava/lang/String;=null port=0} $INFO{port=$QVS_PORT} $INFO{port=1}) size=4}}}
 static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$Ferrule_PORT}
+let RESTS n java/lang/Object.wait @
 thread another: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51 @{impl=java/net/PlainSocketImpl{port=3}} ;
-  n java/lang/Object.wait @
-)";
-// Threads whose frames have the objects. A port that can't be one isn't taken.
-const char HOLDERS[] = R"(
+  $RESTS
+thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
+  @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; $RESTS
 thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51
-  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBoss_PORT} ; n java/lang/Object.wait @
-thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ;
-  n java/lang/Object.wait @
+  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBoss_PORT} ; $RESTS
+thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
 )";
 
 } // namespace
 
-void AddProcessor(Scene *scene) {
-    SceneText(scene).Read(R"(
-thread Processor: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=)" +
-                          std::to_string(scene->ports["Tomcat"]) + "} ; n java/lang/Object.wait @");
-}
-
-void StageServers(bool later, Scene *scene) {
+void StageServers(Scene *scene) {
     SceneText text(scene);
     int32_t port = 20000;
-    for (const std::string server : {"QVS", "Ferrule", "JBoss", "SAP", "Tomcat"})
+    for (const std::string server : {"QVS", "Ferrule", "JBoss", "SAP"})
         text.Let(server + "_PORT", std::to_string(scene->ports[server] = ++port));
-    text.Read(std::string(CLASSES) + (later ? LATER : FIRST) + HOLDERS);
-    if (!later)
-        AddProcessor(scene);
+    text.Read(SERVERS);
 }
 
 } // namespace simvm

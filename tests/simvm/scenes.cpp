@@ -37,7 +37,7 @@ thread pricing: SPIN $WORKS ; i shop/Prices.update:52 ; o shop/Prices.all:60 @or
 thread search: CALLS $WORKS ; c shop/Search.scan:31 @orders ; c shop/Search.match:40
 thread hash: SPIN $WORKS ; c shop/Hash.mix:12
 thread copier: SPIN $WORKS ; copy shop/Copier.copy:77 @orders > shop/Copier.page:80
-thread reports: PIPE $WORKS ; i shop/Reports.print:19 @orders ^orders ;
+thread reports: PIPE "Network Wait" $WORKS ; i shop/Reports.print:19 @orders ^orders ;
   n java/security/AccessController.doPrivileged ; c shop/Reports$1.run:23 @ ;
   n java/net/SocketInputStream.socketRead0
 )");
@@ -53,13 +53,8 @@ Script NativeScript() {
 
 void StageScene(const std::string &name, Scene *scene) {
     const std::map<std::string, void (*)(Scene *)> stages = {
-        {"shop", StageShop},
-        {"heap", StageShop},
-        {"readers", StageReaders},
-        {"drivers", StageDrivers},
-        {"tiers", StageTiers},
-        {"servers", [](Scene *of) { StageServers(false, of); }},
-        {"servers-later", [](Scene *of) { StageServers(true, of); }},
+        {"shop", StageShop},        {"heap", StageShop},   {"readers", StageReaders},
+        {"drivers", StageDrivers},  {"tiers", StageTiers}, {"servers", StageServers},
         {"nothing", [](Scene *) {}}};
     stages.at(name)(scene);
     if (name != "heap")

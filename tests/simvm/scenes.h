@@ -118,8 +118,7 @@ struct Scene {
 // readers: objects of all kinds of fields and elements, and frames with arguments and locals
 // drivers: threads that wait for a database, on sockets of all kinds
 // tiers: web requests, remote calls and a framework's objects, for each server
-// servers: the ports of application servers; servers-later: where other ways lead there, and without Tomcat's
-//          thread
+// servers: the ports of application servers; without Tomcat's thread
 // heap: the shop over a tricky heap (heap.h)
 // nothing: no thread
 void StageScene(const std::string &name, Scene *scene);
@@ -190,8 +189,7 @@ void StageShop(Scene *scene);
 void StageReaders(Scene *scene);
 void StageDrivers(Scene *scene);
 void StageTiers(Scene *scene);
-void StageServers(bool later, Scene *scene);
-void AddProcessor(Scene *scene); // the thread by which Tomcat's port is found
+void StageServers(Scene *scene);
 
 // The agent as the simulated VM's main thread starts and asks it, by its natives.
 

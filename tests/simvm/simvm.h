@@ -52,6 +52,12 @@ __attribute__((always_inline)) inline T &As(Word address) {
     return *reinterpret_cast<T *>(address);
 }
 
+// A structure in memory of its own, with so many bytes after it.
+template <class S>
+S *Make(size_t more = 0) {
+    return &As<S>(Allocate(sizeof(S) + more));
+}
+
 // The member of the structure at that address.
 template <class S, class T>
 T &At(Word address, T S::*member) {

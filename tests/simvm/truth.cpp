@@ -7,14 +7,11 @@ namespace simvm {
 namespace {
 
 std::string StateText(const Script &script) {
-    const bool isNet = ShadowStack(script)[0].method->holder->name.rfind("java/net/", 0) == 0;
-    const std::map<Rest, std::string> states = {{Rest::SLEEP, "Sleeping"},
-                                                {Rest::MONITOR, "Lock"},
-                                                {Rest::PIPE, isNet ? "Network Wait" : "IO Wait"},
-                                                {Rest::SPIN, "Runnable"},
-                                                {Rest::CALLS, "Runnable"}};
-    const auto found = states.find(script.rest);
-    return !script.state.empty() ? script.state : found == states.end() ? "Object Wait" : found->second;
+    const std::map<Rest, std::string> states = {{Rest::SLEEP, "Sleeping"},  {Rest::MONITOR, "Lock"},
+                                                {Rest::PIPE, "IO Wait"},    {Rest::SPIN, "Runnable"},
+                                                {Rest::CALLS, "Runnable"},  {Rest::WAIT, "Object Wait"},
+                                                {Rest::CALL, "Object Wait"}};
+    return script.state.empty() ? states.at(script.rest) : script.state;
 }
 
 std::string LockText(const Object &object) {
