@@ -1,17 +1,12 @@
 // Fuzzes the reading of a JVM from outside: its library, the tables that describe it, and the walk of its
 // threads. Whatever the target's memory and files hold, each reading ends and stays within bounds; the
-// sanitizers watch it. With the process id of a stopped JVM in QOR_FUZZ_JVM the inputs are changes to what is
-// read of that one, else they are all that is read. tests/fuzz/run builds and runs it, the console's tests
-// have it too.
+// sanitizers watch it. tests/fuzz/run builds and runs it; the console's tests have it too.
 #include "outside/process_tasks.h"
 #include "outside/stack_walk.h"
 #include "outside/vm_state.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <elf.h>
-#include <map>
-#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -19,7 +14,7 @@ using namespace qorctl::outside;
 
 namespace {
 
-constexpr Address PAGE = 4096, START = 0x10000, PLACES = 8192;
+constexpr Address START = 0x10000, PLACES = 8192;
 
 // The input as a series of numbers, 0 after its end.
 class Input {
@@ -80,68 +75,6 @@ void ReadLibrary(const uint8_t *data, size_t size) {
     BuildIdOfFile(fd);
 }
 
-// The memory of a process as if some of its words were others.
-struct Changed : ProcessMemory {
-    using ProcessMemory::ProcessMemory;
-    bool Fetch(Address from, void *to, size_t size) override {
-        if (!ProcessMemory::Fetch(from, to, size))
-            return false;
-        pages.insert(from / PAGE);
-        for (const auto &[at, word] : words)
-            for (size_t i = 0; i < sizeof word; ++i)
-                if (at + i - from < size)
-                    static_cast<char *>(to)[at + i - from] = reinterpret_cast<const char *>(&word)[i];
-        return true;
-    }
-    std::set<Address> pages; // of which something was read
-    std::map<Address, int64_t> words;
-};
-
-// All threads and their frames from the anchor, and as a copy of the stack shows them.
-void WalkAll(Memory &memory, const VmSymbols &symbols, const VmTable &table) {
-    VmObjects objects(memory, table, symbols);
-    CodeCache code(memory, table, objects);
-    StackWalker walker(memory, table, symbols, objects, code);
-    ReadSafepoint(memory, table, symbols);
-    for (const Address at : ReadThreadList(memory, table)) {
-        ThreadFacts facts;
-        StackCopy stack;
-        if (!ReadThread(memory, table, symbols, at, &facts))
-            continue;
-        objects.ThreadName(at);
-        for (const Frame &frame : walker.FromAnchor(facts).frames)
-            FrameText(frame);
-        if (walker.Copy(facts, facts.anchor_sp, &stack))
-            walker.Scan(stack);
-    }
-}
-
-// The JVM with words changed anywhere in the pages that a walk reads.
-void WalkChanged(pid_t pid, Input input) {
-    static VmSymbols symbols;
-    static VmTable clean;
-    static const std::vector<Address> pages = [pid] {
-        Changed memory(pid);
-        std::string problem;
-        symbols = ReadVmSymbols(pid, memory, &problem).value();
-        clean.Load(memory, symbols);
-        WalkAll(memory, symbols, clean);
-        return std::vector(memory.pages.begin(), memory.pages.end());
-    }();
-    Changed memory(pid);
-    const bool tables = input.Next<uint8_t>() % 2;
-    while (input.Left() >= 8) {
-        const Address page = pages[input.Next<uint16_t>() % pages.size()] * PAGE,
-                      at = page + input.Next<uint16_t>() % (PAGE - 8);
-        const int64_t change = input.Next<int32_t>(), old = memory.FreshAt<int64_t>(at);
-        memory.words[at] = change % 4 == 0 ? change / 4 : old + change / 4 * 8;
-    }
-    VmTable table = clean;
-    if (tables)
-        table.Load(memory, symbols);
-    WalkAll(memory, symbols, table);
-}
-
 VmTable TableOf(Input *input) {
     VmTable table;
     for (size_t slot = 0; slot < static_cast<size_t>(Vm::COUNT); ++slot) {
@@ -170,11 +103,22 @@ void WalkOdd(Input input, Memory &memory) {
         symbols.objects[name] = START + input.Next<uint16_t>() % PLACES;
     VmTable().Load(memory, symbols);
     const VmTable table = TableOf(&input);
-    WalkAll(memory, symbols, table);
     VmObjects objects(memory, table, symbols);
     CodeCache code(memory, table, objects);
     StackWalker walker(memory, table, symbols, objects, code);
     ThreadFacts facts;
+    ReadSafepoint(memory, table, symbols);
+    size_t most = 8;
+    for (const Address at : ReadThreadList(memory, table)) {
+        if (most-- == 0)
+            break;
+        if (!ReadThread(memory, table, symbols, at, &facts))
+            continue;
+        objects.ThreadName(at);
+        for (const Frame &frame : walker.FromAnchor(facts).frames)
+            FrameText(frame);
+    }
+    facts = {};
     facts.stack_base = 2 * START;
     facts.stack_size = facts.anchor_sp = START + input.Next<uint16_t>() % START;
     objects.MonitorClass(facts.anchor_sp);
@@ -194,7 +138,6 @@ void WalkOdd(Input input, Memory &memory) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const char *const jvm = getenv("QOR_FUZZ_JVM");
     if (size >= SELFMAG && memcmp(data, ELFMAG, SELFMAG) == 0) {
         ReadLibrary(data, size);
         return 0;
@@ -202,11 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string text(reinterpret_cast<const char *>(data), size);
     FindLibjvm(text);
     ParseSyscall(text);
-    if (jvm) {
-        WalkChanged(atoi(jvm), {data, size});
-    } else {
-        InputMemory memory(data, size);
-        WalkOdd({data, size}, memory);
-    }
+    InputMemory memory(data, size);
+    WalkOdd({data, size}, memory);
     return 0;
 }
