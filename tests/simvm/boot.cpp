@@ -21,8 +21,6 @@ void Fail(const char *what) {
 Word Map(size_t bytes, bool poison, int protection) {
     void *at = mmap(nullptr, bytes, PROT_READ | PROT_WRITE | protection,
                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (at == MAP_FAILED)
-        Fail("out of memory");
     if (poison)
         memset(at, POISON, bytes);
     return reinterpret_cast<Word>(at);
@@ -87,7 +85,7 @@ void FillVtables() {
     for (int kind = 0; kind < VTABLE_COUNT; kind++) {
         Word *table = vm.statics.vtables[kind], head = HeadOf(VtableKind(kind));
         table[0] = 0;
-        std::fill(table + 1, table + VTABLE_WORDS, vm.statics.unasked);
+        std::fill(table + 1, table + VTABLE_WORDS, POISON_WORD); // nobody may call what is there
         const bool isBlob = kind >= VT_BufferBlob;
         const size_t from = isBlob ? 0 : Place(&KlassVtable::instance),
                      end = isBlob ? sizeof(BlobVtable) : sizeof(KlassVtable);
@@ -110,8 +108,6 @@ void Boot(const Options &options) {
     const char *const path =
         options.isClient ? SIMVM_FOLDER "/client/libjvm.so" : SIMVM_FOLDER "/server/libjvm.so";
     void *library = dlopen(path, RTLD_NOW);
-    if (!library)
-        Fail(dlerror());
     reinterpret_cast<void (*)(Statics *)>(dlsym(library, "simvm_statics"))(&vm.statics);
     ArrangePlaces();
     FillVtables();

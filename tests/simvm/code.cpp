@@ -27,8 +27,8 @@ constexpr size_t CODE_BYTES = 16 << 20, INTERPRETER_BYTES = 1 << 20;
 constexpr int LOG2_SEGMENT = 6, SEGMENT = 1 << LOG2_SEGMENT;
 constexpr uint8_t FREE_SEGMENT = 255;
 
-Word cacheLow, cacheMap, cacheNext;   // the code cache
-Word interpreterNext, interpreterEnd; // room for interpreted frames
+Word cacheLow, cacheMap, cacheNext; // the code cache
+Word interpreterNext;               // room for interpreted frames
 Word safepointStub;
 std::vector<std::pair<Word, Word>> oopTables;
 
@@ -40,8 +40,6 @@ Word AllocateBlock(size_t bytes) {
     const size_t segments = (sizeof(HeapBlock) + bytes + SEGMENT - 1) / SEGMENT;
     const Word block = cacheNext;
     cacheNext += segments * SEGMENT;
-    if (cacheNext > cacheLow + CODE_BYTES)
-        Fail("the code cache is full");
     As<HeapBlock>(block).segments = segments;
     As<HeapBlock>(block).used = 1; // the rest of that word is padding
     auto *map = &As<uint8_t>(cacheMap + (block - cacheLow) / SEGMENT);
@@ -63,8 +61,6 @@ Word Finish(BlobParts parts, const Assembler &a) {
 Word PlaceInterpreted(const Assembler &a) {
     const Word at = interpreterNext;
     interpreterNext += (a.code.size() + 15) & ~size_t(15);
-    if (interpreterNext > interpreterEnd)
-        Fail("the interpreter has no more room");
     Copy(at, a.code);
     return at;
 }
@@ -243,15 +239,11 @@ void BootCode() {
     EmitCallStub();
     Word interpreter = NewBlob({VT_BufferBlob, std::string(INTERPRETER_BYTES, char(0xcc))});
     interpreterNext = EntryOf(interpreter);
-    interpreterEnd = interpreterNext + INTERPRETER_BYTES;
     auto *queue = Make<StubQueue>();
     queue->start = interpreterNext;
     queue->size = INTERPRETER_BYTES;
     *vm.statics.interpreterCode = Word(queue);
     safepointStub = EmitRuntimeStub(reinterpret_cast<void (*)()>(&SimvmSafepoint), 0);
-    constexpr int SPECIAL_BLOB = 31;
-    if (vm.statics.runtimeBlobs)
-        vm.statics.runtimeBlobs[SPECIAL_BLOB] = NewBlob({VT_BufferBlob, std::string(64, char(0xcc))});
 }
 
 // Frames of scripts: interpreted ones and compiled ones, and how each reaches the next.

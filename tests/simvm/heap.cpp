@@ -13,10 +13,11 @@ template <class S>
 Word NewSpace(HeapSpace *space, char letter, size_t megabytes) {
     const size_t bytes = megabytes << 20;
     const Word bottom = Map(bytes + PAGE, true), structure = Allocate(sizeof(S));
-    *space = {letter, structure, bottom, bottom, bottom + bytes, Map(bytes / 2, false), 0, 0};
+    auto &made = As<S>(structure);
+    *space = {letter, structure, bottom, bottom, bottom + bytes, Map(bytes / 2, false), &made.top, 0, 0};
     mprotect(reinterpret_cast<void *>(space->end), PAGE, PROT_NONE);
-    At(structure, &S::bottom) = At(structure, &S::top) = bottom;
-    At(structure, &S::end) = space->end;
+    made.bottom = made.top = bottom;
+    made.end = space->end;
     return structure;
 }
 
@@ -27,6 +28,7 @@ Word NewYoung() {
     At(young, &GENERATION::eden) = NewSpace<SPACE>(&vm.eden, 'E', 4);
     At(young, &GENERATION::from) = NewSpace<SPACE>(&vm.from, 'F', 1);
     At(young, &GENERATION::to) = NewSpace<SPACE>(&vm.to, 'T', 1);
+    vm.survivors = &At(young, &GENERATION::from);
     return young;
 }
 
@@ -44,8 +46,8 @@ Word NewSerial(HeapSpace *space, char letter, size_t megabytes) {
         return NewGeneration<Generation, Space>(space, letter, megabytes);
     const Word generation = NewGeneration<Generation, FreeListSpace>(space, letter == 'O' ? 'C' : letter,
                                                                      megabytes, &Generation::cmsSpace);
-    At(space->structure, &FreeListSpace::indexedFreeWords) = 0;
-    At(space->structure, &FreeListSpace::dictionary) = Allocate(sizeof(FreeListDictionary));
+    As<FreeListSpace>(space->structure).indexedFreeWords = 0;
+    As<FreeListSpace>(space->structure).dictionary = Word(Make<FreeListDictionary>());
     return generation;
 }
 
@@ -71,8 +73,8 @@ Word Flag(bool value) {
 } // namespace
 
 void LayOutHeap() {
-    *vm.statics.collectedHeap = Allocate(sizeof(CollectedHeap));
-    vm.heap = &As<CollectedHeap>(*vm.statics.collectedHeap);
+    vm.heap = Make<CollectedHeap>();
+    *vm.statics.collectedHeap = Word(vm.heap);
     vm.heap->collecting = 0;
     LayOutGenerations();
     *vm.statics.useParallel = Flag(vm.options.collector == Collector::PARALLEL);
@@ -129,17 +131,16 @@ void WriteChunk(Word at, Word words) {
 
 void SetTop(HeapSpace *space, Word top) {
     space->top = top;
-    if (vm.options.collector == Collector::PARALLEL)
-        At(space->structure, &ParallelSpace::top) = top;
-    else if (!HasFreeLists(*space))
-        At(space->structure, &Space::top) = top;
-    else { // the rest is one chunk
-        const Word rest = FreeAbove(*space), dictionary = At(space->structure, &FreeListSpace::dictionary);
-        if (rest)
-            WriteChunk(top, rest);
-        At(dictionary, &FreeListDictionary::freeWords) = space->chunkWords + rest;
-        At(space->structure, &FreeListSpace::indexedFreeWords) = space->indexedWords;
+    if (!HasFreeLists(*space)) {
+        *space->written = top;
+        return;
     }
+    const Word rest = FreeAbove(*space); // is one chunk
+    auto &made = As<FreeListSpace>(space->structure);
+    if (rest)
+        WriteChunk(top, rest);
+    As<FreeListDictionary>(made.dictionary).freeWords = space->chunkWords + rest;
+    made.indexedFreeWords = space->indexedWords;
 }
 
 Word FreeAbove(const HeapSpace &space) {

@@ -27,13 +27,6 @@ void OutOfJava(Runner *runner) {
     runner->inJava = false;
 }
 
-void WaitAtRest(Runner *runner) {
-    if (runner->script->rest == Rest::CALL)
-        return runner->call();
-    while (!__atomic_load_n(&runner->control.leave, __ATOMIC_ACQUIRE))
-        syscall(SYS_futex, &runner->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
-}
-
 // Through the call stub, with the anchor in force kept in the wrapper meanwhile.
 void EnterJava(Runner *runner, Word entry) {
     JavaThread &java = runner->info->Java();
@@ -101,22 +94,6 @@ void Empty(HeapSpace *space) {
     SetTop(space, space->bottom);
 }
 
-template <class GENERATION>
-void WriteSurvivors(Word young) {
-    At(young, &GENERATION::from) = vm.from.structure;
-    At(young, &GENERATION::to) = vm.to.structure;
-}
-
-// The to space becomes the from space.
-void SwapSurvivors() {
-    std::swap(vm.from, vm.to);
-    std::swap(vm.from.letter, vm.to.letter);
-    if (vm.options.collector == Collector::PARALLEL)
-        WriteSurvivors<ParallelGeneration>(*vm.statics.psYoung);
-    else
-        WriteSurvivors<YoungGeneration>(vm.heap->young);
-}
-
 void MoveYoung() {
     std::unordered_map<Word, Word> moved;
     for (Object &object : vm.objects) {
@@ -133,7 +110,9 @@ void MoveYoung() {
     WriteRoots();
     Empty(&vm.eden);
     Empty(&vm.from);
-    SwapSurvivors();
+    std::swap(vm.from, vm.to); // the to space becomes the from space
+    std::swap(vm.from.letter, vm.to.letter);
+    std::swap(vm.survivors[0], vm.survivors[1]);
 }
 
 } // namespace
@@ -147,7 +126,10 @@ extern "C" void SimvmRest(Word) {
                                                   : OS_RUNNABLE;
     SetStates(current->info, state == OS_RUNNABLE ? IN_NATIVE : BLOCKED, state);
     current->resting = 1;
-    WaitAtRest(current);
+    if (rest == Rest::CALL)
+        current->call();
+    while (rest != Rest::CALL && !__atomic_load_n(&current->control.leave, __ATOMIC_ACQUIRE))
+        syscall(SYS_futex, &current->control.leave, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
     current->info->Os().state = OS_RUNNABLE;
     BackToJava(current);
 }

@@ -139,6 +139,7 @@ struct HeapSpace {
     Word structure; // the VM's description of it
     Word bottom, top, end;
     Word sizes;                    // for each of its words how many words the object has that begins there
+    Word *written;                 // its top in that structure
     Word chunkWords, indexedWords; // free ones below top: in the dictionary, in lists by size
 };
 struct CollectionFigures {
@@ -170,6 +171,7 @@ struct Vm {
     HeapSpace perm, old, eden, from, to;
     Word kindKlass[VTABLE_COUNT]; // the klasses of the VM's own kinds of objects
     CollectedHeap *heap;
+    Word *survivors;     // where the young generation has its from and to spaces
     Object *threadGroup; // of all threads
     CollectionFigures collections;
     std::vector<ThreadInfo *> threads; // in the order of the VM's list

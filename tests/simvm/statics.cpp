@@ -1,7 +1,5 @@
 #include "statics.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <utility>
 
 using namespace simvm;
@@ -40,11 +38,6 @@ int64_t OopSize(Word, Word oop) {
     return sizeOf(oop);
 }
 
-void Unasked() {
-    fprintf(stderr, "simvm: a virtual function was called that nobody may call\n");
-    abort();
-}
-
 template <int... KIND>
 void TakeOwn(Word *out, std::integer_sequence<int, KIND...>) {
     ((out[KIND] = reinterpret_cast<Word>(&IsOwn<KIND>)), ...);
@@ -63,6 +56,5 @@ extern "C" __attribute__((visibility("default"))) void simvm_statics(Statics *ou
     out->isOther = reinterpret_cast<Word>(&IsOther);
     TakeOwn(out->isOwn, std::make_integer_sequence<int, VTABLE_COUNT>());
     out->oopSize = reinterpret_cast<Word>(&OopSize);
-    out->unasked = reinterpret_cast<Word>(&Unasked);
     out->sizeOf = &sizeOf;
 }

@@ -24,9 +24,8 @@ struct Statics {
 #define STATIC(member, ...) Word *member;
 #include "library_names.h"
     Word *vtables[VTABLE_COUNT];
-    // The library's functions, for the tables: a predicate's answers, one that sizes an object, one that
-    // nobody calls.
-    Word isOther, isOwn[VTABLE_COUNT], oopSize, unasked;
+    // The library's functions, for the tables: a predicate's answers, one that sizes an object.
+    Word isOther, isOwn[VTABLE_COUNT], oopSize;
     int64_t (**sizeOf)(Word oop); // who answers oopSize, in words
 };
 
