@@ -35,12 +35,13 @@ TEST(RequestText, FlagsKeepTheirMaskedValue) {
                                                    {&get_system_data, 128},
                                                    {&trace_all_threads, 256},
                                                    {&copy_flags, 2048},
+                                                   {&copy_flags, 4096},
                                                    {&no_locals, 8192},
                                                    {&figures_wanted, 16384}};
     for (const auto &[set, bit] : flags) {
         QorUnpackFlags(static_cast<uint32_t>(bit) | 3);
         for (const auto &[flag, own] : flags)
-            EXPECT_EQ(*flag, flag == set ? own : 0) << bit << " " << own;
+            EXPECT_EQ(*flag, flag == set ? bit : 0) << bit << " " << own;
         EXPECT_TRUE(qorIsPollOrTrace);
     }
     QorUnpackFlags(512);

@@ -18,6 +18,7 @@
 #include <grp.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 
 using namespace qorctl;
 
@@ -60,6 +61,23 @@ TEST(Endpoint, WhoListensIsProven) {
         EXPECT_EQ(ProveListener(fmt::format("/proc/{}", getppid()), endpoint), Proof::OTHER) << address;
         EXPECT_EQ(ProveListener("/proc/self/net", endpoint), Proof::UNKNOWN);
     }
+}
+
+TEST(Endpoint, AMarkInTwoPiecesEndsAReply) {
+    const Loopback relay(AF_INET, "127.0.0.1");
+    ASSERT_TRUE(relay.Listen());
+    FileDescriptor caller;
+    std::thread accepting([&] {
+        caller = FileDescriptor(accept(relay.fd, nullptr, nullptr));
+        send(caller.get(), "OK\nreply|\t|", 11, 0);
+    });
+    Endpoint endpoint = ParseEndpoint(ENDPOINT).value();
+    endpoint.port = relay.port;
+    std::optional<Connection> connection = Connection::Open(endpoint, Clock::time_point::max());
+    accepting.join();
+    int waited = 0;
+    const auto send_rest = [&] { return waited++ == 0 && send(caller.get(), "\t\t||", 4, 0) == 4; };
+    EXPECT_EQ(connection.value().AskWhile("1|x", std::chrono::milliseconds(100), send_rest), "reply");
 }
 
 TEST(Attach, LoadReplies) {
@@ -149,6 +167,7 @@ TEST(Inside, EndpointsOfStrangersAreNotBelieved) {
         {"chown 0 dir/77.endpoint", "user's own"},
         {"chmod 640 dir/77.endpoint", "user's own"},
         {"mv dir/77.endpoint good; ln -s /good dir/77.endpoint", "user's own"},
+        {"sed -i s/=77/=78/ dir/77.endpoint; chown 65534 dir/77.endpoint", "not understood"},
     };
     for (const auto &[change, expected] : rows) {
         Captive captive;
