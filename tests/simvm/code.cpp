@@ -355,19 +355,6 @@ Word Reach(FrameKind caller, FrameKind callee, Word entry) {
                               : EmitStub(VT_C2IAdapter, 6, [&](Assembler *a) { a->Emit(CALL, entry); });
 }
 
-// A second place for the frame's code; its thread's safepoint record tells of it.
-Word CopyCode(Script *script, Word entry) {
-    const Word blob = BlobOf(entry), copy = Map(4096, true, PROT_EXEC);
-    const int32_t size = As<Blob>(blob).oopsOffset - As<Blob>(blob).codeOffset;
-    Copy(copy, {&As<char>(entry), size_t(size)});
-    auto *record = Make<CodeCopy>();
-    auto *state = Make<SafepointState>();
-    *record = {copy, size, 0, POISON_WORD, entry};
-    state->codeCopy = Word(record);
-    script->safepointState = Word(state);
-    return copy;
-}
-
 Word EmitCaller(const Frame &frame, FrameKind callee, Word entry) {
     if (frame.kind == FrameKind::NATIVE)
         return EmitCallingOut(frame.scopes[0], reinterpret_cast<void (*)()>(&SimvmEnter), entry, IN_NATIVE);
@@ -385,12 +372,8 @@ void EmitScript(Script *script) {
         for (const Scope &scope : frame.scopes)
             NoteLocals(scope, frame.kind);
     script->entry = EmitResting(script);
-    for (size_t i = frames.size(); i-- > 0;) {
-        if (frames[i].inCopy)
-            script->entry = CopyCode(script, script->entry);
-        if (i > 0)
-            script->entry = EmitCaller(frames[i - 1], frames[i].kind, script->entry);
-    }
+    for (size_t i = frames.size(); --i > 0;)
+        script->entry = EmitCaller(frames[i - 1], frames[i].kind, script->entry);
 }
 
 std::vector<Scope> ShadowStack(const Script &script) {

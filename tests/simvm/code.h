@@ -34,7 +34,6 @@ enum class FrameKind {
 struct Frame {
     FrameKind kind;
     std::vector<Scope> scopes; // outermost first; one but in compiled frames
-    bool inCopy = false;       // runs in the thread's copy of its code
 };
 
 enum class Rest { PIPE, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
@@ -53,7 +52,6 @@ struct Script {
     std::string state = {};                        // to be shown; empty: as the rest has it
     std::map<std::string, std::string> facts = {}; // what else is to be shown of it
     Word entry = 0;                                // once emitted
-    Word safepointState = 0;                       // of the thread, when a frame runs in a copy
 };
 
 // Emits the script's code. The script isn't changed afterwards.

@@ -1,6 +1,5 @@
 // A dump holds exactly what the description has, at the moment in which its threads were held: each object
 // with its class, size and references, each root.
-#include "simvm.h"
 #include "with_scene.h"
 
 using namespace simvm;

@@ -1,9 +1,5 @@
 // What the agent finds in the simulated VM's heap, compared with the heap's description.
-#include "simvm.h"
 #include "with_scene.h"
-
-#include "heaptraverse/heap_census.h"
-#include "qorrequest.h"
 
 using namespace simvm;
 
@@ -116,11 +112,6 @@ TEST(HeapUse, FollowsTheFromSpaceAndIsToldWithEachRefusal) {
         EXPECT_EQ(
             refused.rfind(UsageText() + CollectionsText() + "Unable to complete Request. Please Try", 0), 0u)
             << refused;
-        gbiForkHeapShares[FORK_FOR_READING] = 1 << 30;
-        EXPECT_EQ(Untimed(Ask("1|showmem|512|")),
-                  UsageText() + CollectionsText() +
-                      "System low on Virtual Memory, Unable to start Heap Dump." + SC);
-        gbiForkHeapShares[FORK_FOR_READING] = 1;
         // A copy that sees a collection says so, and is made again when that is over.
         copies = 0;
         EXPECT_EQ(Untimed(Ask("4|showmem|512|")), TableText() + CollectionsText());

@@ -53,7 +53,6 @@ void RunScript(Runner *runner) {
     runners.push_back(runner);
     safepointLock.unlock();
     LinkThread(runner->info);
-    runner->info->Java().safepointState = runner->script->safepointState;
     SetStates(runner->info, IN_VM, OS_RUNNABLE);
     if (Loops(runner->script->rest))
         runner->resting = 1;

@@ -23,7 +23,6 @@ static readers/All.last = all
 plain := readers/Plain
 
 let STRING java/lang/String
-far-offset := $STRING{value='far' offset=0x100000 count=3}
 negative-count := $STRING{value='negative' count=-1}
 odd-text := $STRING{value=[C(111 100 100 32 0x80 0xe9 0xff 0 29 30 31 124) count=12}
 part := $STRING{value='a part of it' offset=2 count=4}
@@ -46,20 +45,11 @@ thread interpreted: SLEEP run readers/Thread ; i readers/All.plain$SIG:31 @all $
   i readers/Far.withMany$SIG:32 @all $FEW $MORE $MORE ; i readers/Twice.first:34 @all %-5 %part ;
   i readers/Twice.second:35 @all %-5 %part ;
   n readers/Native.call(ILjava/lang/String;J)V @all %-5 %part %0x200000000
+let MIXED %-5 ~part !0x200000000 =0.5 %texts ~all !113 =null %20 ~all !21 =all %22 ~all !20 =all %21 ~all !22 =all
+thread compiled: SLEEP run readers/Thread ; c readers/All.outer$SIG:41 @all ^plain $FEW >
+  readers/Plain.inlined$SIG:42 @plain $MIXED > readers/Statics.inner$SIG:43 ^all $FEW ;
+  c readers/Native.wrapped(I)V @all %3
 )";
-
-// Each fourth variable of the inlined method is kept in another way.
-void AddCompiled(Scene *scene, SceneText *text) {
-    Script script = {
-        text->Frames("run readers/Thread ; c readers/All.outer$SIG:41 @all ^plain $FEW > "
-                     "readers/Plain.inlined$SIG:42 @plain $FEW $MORE > readers/Statics.inner$SIG:43 "
-                     "^all $FEW ; c readers/Native.wrapped(I)V @all %3"),
-        Rest::SLEEP};
-    std::vector<Variable> &mixed = script.frames[1].scopes[1].variables;
-    for (size_t i = 0; i < mixed.size(); i++)
-        mixed[i].kept = Kept(i % 4);
-    Add(scene, "compiled", std::move(script));
-}
 
 } // namespace
 
@@ -68,7 +58,6 @@ void StageReaders(Scene *scene) {
     scene->named["long-text"] = NewString(std::string(3000, 'x'));
     scene->named["many"] = NewArray("[I", std::vector<Value>(20000, 4));
     text.Read(OBJECTS);
-    AddCompiled(scene, &text);
 }
 
 // Threads in a database driver: both generations of its classes, its native part, and the one that a server

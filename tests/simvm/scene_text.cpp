@@ -28,9 +28,8 @@ std::string Trimmed(const std::string &text) {
 const std::map<std::string, Rest> RESTS = {{"PIPE", Rest::PIPE},       {"SLEEP", Rest::SLEEP},
                                            {"WAIT", Rest::WAIT},       {"SPIN", Rest::SPIN},
                                            {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS}};
-const std::map<std::string, F> KINDS = {{"i", F::INTERPRETED},   {"c", F::COMPILED},
-                                        {"o", F::OSR},           {"n", F::NATIVE},
-                                        {"run", F::INTERPRETED}, {"copy", F::COMPILED}};
+const std::map<std::string, F> KINDS = {
+    {"i", F::INTERPRETED}, {"c", F::COMPILED}, {"o", F::OSR}, {"n", F::NATIVE}, {"run", F::INTERPRETED}};
 
 } // namespace
 
@@ -115,7 +114,7 @@ Value SceneText::ReadValue() {
         const std::string signature = Until("(");
         return NewArray(signature, ReadElements());
     }
-    const std::string word = Until(" {}()#<;@^%>");
+    const std::string word = Until(" {}()#<;@^>");
     if (Take("#"))
         return ReadTable(word);
     if (const auto found = values_.find(word); found != values_.end())
@@ -157,16 +156,19 @@ Scope SceneText::ReadScope() {
     while (Take("^"))
         scope.monitors.push_back(ReadValue().object);
     const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
-    for (size_t i = 0; Take("%"); i++) {
+    const std::string kept = "%~!="; // as Kept has them
+    for (size_t i = 0; Next() && kept.find(Next()) != kept.npos; i++) {
+        const auto how = Kept(kept.find(line_[at_++]));
         const Value value = ReadValue();
-        scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value, false), value});
+        scope.variables.push_back(
+            {i < arguments.size() ? arguments[i] : SignatureOf(value, false), value, how});
     }
     return scope;
 }
 
 Frame SceneText::ReadFrame() {
     const std::string kind = Until(" ;|");
-    Frame frame = {KINDS.at(kind), {}, kind == "copy"};
+    Frame frame = {KINDS.at(kind), {}};
     if (kind == "run") {
         const std::string holder = Until(" ;|");
         frame.scopes = {ScopeOf(holder, "run", "()V", 21, New(holder))};

@@ -39,9 +39,6 @@ thread page: $WORKS ; i $QRF/controller/engine/ControlFlowEngine.performControlF
   %$QRF/controller/state/ChildViewPortContextImpl{
   mParent=$QRF/controller/state/ViewPortContextImpl{mCachedPhysicalUri="/pages/cart.jspx"}} ; $READS
   | server=; url=/pages/cart.jspx
-thread filter: $WORKS ; i $QRF/view/faces/activedata/AdsFilter.doFilter:79 @
-  %ferrule/servlet/internal/RequestEventsFilter$EventsRequestWrapper{request,Ljavax/servlet/ServletRequest;=
-  shop/WrappedRequest{servletPath="/pages/order.jspx"}} ; $READS | server=; url=/pages/order.jspx
 
 let RMI ferrule/rmi
 let RJVM ferrule/rjvm

@@ -36,7 +36,6 @@ thread pricing: SPIN $WORKS ; i shop/Prices.update:52 ; o shop/Prices.all:60 @or
   i shop/Tax.of:5 @cart ^cart ; c shop/Tax.rate:9 @cart > shop/Tax.round:15
 thread search: CALLS $WORKS ; c shop/Search.scan:31 @orders ; c shop/Search.match:40
 thread hash: SPIN $WORKS ; c shop/Hash.mix:12
-thread copier: SPIN $WORKS ; copy shop/Copier.copy:77 @orders > shop/Copier.page:80
 thread reports: PIPE "Network Wait" $WORKS ; i shop/Reports.print:19 @orders ^orders ;
   n java/security/AccessController.doPrivileged ; c shop/Reports$1.run:23 @ ;
   n java/net/SocketInputStream.socketRead0

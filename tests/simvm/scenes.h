@@ -145,11 +145,10 @@ std::vector<std::string> WholeLines(const std::string &text);
 //   or a table: TYPE#BUCKETS(KEY@BUCKET VALUE ...). A class that isn't there yet is defined with these
 //   fields, their types as their values have them where no signature is given.
 // FRAME: KIND SCOPE > SCOPE ..., outermost first. i: interpreted, c: compiled, o: compiled in mid-loop, n:
-//   native, s: a stub; copy: compiled, in the thread's copy of its code; linked: compiled, and calls code
-//   that isn't the VM's; run CLASS: its run method.
-// SCOPE: CLASS.METHOD[(SIGNATURE)][:LINE] [@VALUE] [^VALUE ...] [%[SIGNATURE=]VALUE ...]: receiver (a bare @
-// or
-//   @{...}: of that class), monitors, variables. Without a line it is native.
+//   native, run CLASS: its run method.
+// SCOPE: CLASS.METHOD[(SIGNATURE)][:LINE] [@VALUE] [^VALUE ...] [%VALUE ...]: receiver (a bare @ or @{...}:
+// of
+//   that class), monitors, variables; ~, ! and = in place of % as Kept has them. Without a line it is native.
 class SceneText {
 public:
     explicit SceneText(Scene *scene) : scene_(scene) {}

@@ -1,11 +1,9 @@
 // The port by which an application server's JVM is known, found in the objects of the scenes "servers".
 #include "with_scene.h"
 
-#include "qoragent/requests/channel.h"
 #include "qoragent/server_port.h"
 #include "qorsettings.h"
 
-#include <ctime>
 #include <thread>
 
 using namespace simvm;
@@ -28,21 +26,8 @@ TEST(ServerPort, IsFoundByTheServersOwnObjects) {
     });
 }
 
-// A server that starts after its agent is waited for, until it is there, or the agent is asked to leave.
-TEST(LateServer, IsWaitedForWithinBounds) {
+TEST(ServerPort, IsWaitedForWhereTheServerStartsAfterTheAgent) {
     WithScene("servers", {}, [](Scene &scene) {
-        std::thread leaver([] {
-            const Attached self("leaver");
-            while (!serverAwaited)
-                usleep(1000);
-            Java_qoragent_Agent_dataFromNative(EnvOf(self.info), nullptr, NewText("SHUTDOWN"));
-        });
-        const time_t before = time(nullptr);
-        ExpectName({"Tomcat", "x", 3600}, "x");
-        leaver.join();
-        EXPECT_LT(time(nullptr) - before, 30);
-        while (QorWorkerLives())
-            usleep(1000);
         std::thread starter([&] {
             while (!serverAwaited)
                 usleep(1000);

@@ -25,10 +25,10 @@ Word InInterpreter() {
 
 // Frames from the innermost one up. Each call lays out the next one and points the last one at it.
 struct Stack {
-    explicit Stack(Word thread)
-        : fpPlace(&As<JavaThread>(thread).anchorFp), pcPlace(&As<JavaThread>(thread).anchorPc) {
+    explicit Stack(JavaThread &of) : java(of), fpPlace(&of.anchorFp), pcPlace(&of.anchorPc) {
         memset(&As<char>(room), POISON, ROOM);
-        As<JavaThread>(thread).anchorSp = top;
+        java.anchorSp = top;
+        java.safepointState = 0;
     }
     // The caller's registers, as the frame laid out last has them.
     void Link(Word callersFp, Word pc) { *fpPlace = callersFp, *pcPlace = pc; }
@@ -54,6 +54,7 @@ struct Stack {
         As<Word>(fp - WRAPPER_BELOW_FP) = fp + 64;
         As<CallWrapper>(fp + 64) = {};
     }
+    JavaThread &java;
     Word fp = 0, top = room + PAGE; // of the frame laid out last; sp of the next one
     Word *fpPlace, *pcPlace;
 };
@@ -89,6 +90,17 @@ const std::map<std::string, void (*)(Stack &)> WORDS = {
     {"code", [](Stack &s) { s.Compiled(CodeOf(1)); }},
     {"code-0", [](Stack &s) { s.Compiled(CodeOf(0)); }},
     {"code-in-itself", [](Stack &s) { s.Compiled(CodeOf(1, SCOPE)); }},
+    {"copied", // to where the thread runs it while it is brought to a safepoint
+     [](Stack &s) {
+         auto *copy = Make<CodeCopy>();
+         auto *state = Make<SafepointState>();
+         Word &pc = *s.pcPlace, blob = CodeOf(1);
+         *copy = {locked, 64, 0, 0, EntryOf(blob)};
+         state->codeCopy = Word(copy);
+         s.java.safepointState = Word(state);
+         s.Compiled(blob);
+         pc = locked + 1;
+     }},
     {"to-locked", [](Stack &s) { s.Link(locked + FIXED, InInterpreter()); }},
     {"to-first",
      [](Stack &s) {
@@ -117,6 +129,7 @@ const std::pair<int, const char *> CASES[] = {
     {2, "i low-monitors i stub"},
     {NO_ROW, "adapter*501 i stub"},
     {2, "code i stub"},
+    {2, "copied i stub"},
     {1, "code-0 i stub"},
     {500, "code-in-itself i stub"},
 };
@@ -141,13 +154,13 @@ void ExpectPollWith(const Scene &scene, const std::string &key, const char *name
 
 // A thread held at the first instruction of compiled code, or where that has saved fp and set its own, or in
 // code that isn't the VM's.
-void ExpectCallersOfHalfBuiltFrames(Word thread) {
+void ExpectCallersOfHalfBuiltFrames(JavaThread &thread) {
     for (int saved : {0, 1, 2}) {
         Stack stack(thread);
         const Word sp = stack.top;
         stack.top += saved ? 16 : 8;
         LayOut(&stack, "i stub");
-        const Word fp = As<JavaThread>(thread).anchorFp;
+        const Word fp = thread.anchorFp;
         As<Word>(sp) = fp;
         As<Word>(saved ? sp + 8 : sp) = InInterpreter();
         QorStackWalk walk = {};
@@ -181,11 +194,11 @@ TEST(OddStacks, EndTheirOwnThreadsWalkAlone) {
         while (!odd)
             usleep(100);
         for (auto &[frames, words] : CASES) {
-            Stack stack(odd.load()->address);
+            Stack stack(odd.load()->Java());
             LayOut(&stack, words);
             ExpectPollWith(scene, Key(*odd), words, frames);
         }
-        ExpectCallersOfHalfBuiltFrames(odd.load()->address);
+        ExpectCallersOfHalfBuiltFrames(odd.load()->Java());
         over = true;
         owner.join();
     });
