@@ -1,14 +1,13 @@
 """Heap dumps: what is in them, how a failed one is reported, and one that outlasts the agent's patience."""
 import os
 import re
-import socketserver
-import threading
+import signal
+import subprocess
 
 import pexpect
 
 from harness import Case, OfTheDemo, folder, on_terminal, qorctl, run_tool
-
-MARK = b"|\t|\t\t||"
+from hung import Hang
 
 
 class Dumps(OfTheDemo):
@@ -79,76 +78,23 @@ class Dumps(OfTheDemo):
         self.refused("on", "forkdump", "maybe", code=2)
 
 
-class SlowAgent(socketserver.ThreadingTCPServer):
-    """An agent, of this process for once, whose dump goes on after it has given up waiting."""
-    daemon_threads = True
-
-    def __init__(self, path):
-        super().__init__(("127.0.0.1", 0), None)
-        self.path, self.pid, self.reply = path, os.getpid(), "Request TIMED OUT"
-        self.histograms = ["Class histogram still being made, ask again.\x1f",
-                           "JVM Class Details\x1e[B\x1d7\x1d8\x1d\x1e\x1fJVM Class Details Age\x1e61\x1d\x1f"]
-        directory = f"/tmp/qoragent-{os.geteuid()}"
-        os.makedirs(directory, 0o700, exist_ok=True)
-        self.endpoint = f"{directory}/{self.pid}.endpoint"
-        with open(os.open(self.endpoint, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
-            port = self.server_address[1]
-            file.write(f"port={port}\ntoken={32 * '0'}\npid={self.pid}\nversion=1\n")
-        threading.Thread(target=self.serve_forever, daemon=True).start()
-
-    def finish_request(self, request, _):
-        """Serves a connection: its token, then requests."""
-        with request.makefile("rb") as lines:
-            lines.readline()
-            request.sendall(b"OK\n")
-            for line in lines:
-                request.sendall(self.answer(line.decode().rstrip("\n")).encode() + MARK)
-
-    def answer(self, request):
-        if request.endswith("|version"):
-            return qorctl("--version").out.strip().replace("qorctl ", "version=")
-        if "forkstate" in request:
-            return "forkstate=1 forkdump=0 "
-        if "ClassHistogramOnly" in request:
-            return self.histograms.pop(0)
-        if "qorheapdir" in request:
-            return "Changed qorheapdir to " + request.split("|")[3]
-        self.write("w", f"heap_id={request.split('|')[4]}|T1|h||V|1|1|System|1|1\nSf100000||\n")
-        return self.reply
-
-    def write(self, mode, text):
-        with open(self.path, mode, encoding="ascii") as file:
-            file.write(text)
-
-    def close(self):
-        self.shutdown()
-        self.server_close()
-        os.unlink(self.endpoint)
-
-
 class LateDumps(Case):
-    """The agent gives up waiting, its worker does not."""
+    """Of a heap for which the agent doesn't wait long enough; its copy of the JVM and qorctl do."""
 
-    def setUp(self):
-        self.app = SlowAgent(folder(self)[0] + "/slow")
-        self.addCleanup(self.app.close)
-
-    def test_it_is_waited_for_until_its_end(self):
-        with on_terminal("dump", self.app.pid, self.app.path) as dump:
-            dump.expect(r" [1-9]\d* B written")  # the file, without its end, is watched
-            self.app.write("a", "x" * 4000 + "\n")
-            dump.expect("3 K written")
-            self.app.write("a", " Finished 9 secs")
-            dump.expect("slow: 3 K in ")
+    def watch(self, file, said, code, then=lambda: None):
+        with on_terminal("dump", self.app.pid, file, "--timeout", 1) as dump:
+            dump.expect(" M written")  # the file, without its end
+            then()
+            dump.expect(said)
             dump.expect(pexpect.EOF)
             dump.close()
-            self.assertEqual(dump.exitstatus, 0)
+            self.assertEqual(dump.exitstatus, code)
 
-    def test_a_histogram_is_asked_for_until_its_copy_is_ready(self):
-        histogram = self.json("histogram")
-        self.assertEqual((histogram["classes"][0]["instances"], histogram["age_seconds"]), (7, 61))
-
-    def test_one_without_an_end_is_a_failure(self):
-        for reply, why in (("Request TIMED OUT", "stopped growing at"), ("", "lacks its end")):
-            self.app.reply = reply
-            self.refused(why, "dump", self.app.path, "--timeout", 1)
+    def test_they_are_waited_for_until_their_end(self):
+        file = folder(self)[1] + "/slow"
+        with Hang("-XX:+UseSerialGC", "-Xmx256m") as self.app:
+            self.app.tell("fill")
+            self.answer("attach", "--options", "timeout=1")
+            self.watch(file, r"slow: [\d.]+ M in ", 0)
+            self.watch(file, "stopped growing at", 1, lambda: os.kill(
+                int(subprocess.check_output(["pgrep", "-P", str(self.app.pid)])), signal.SIGSTOP))
