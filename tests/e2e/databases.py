@@ -76,8 +76,7 @@ class Tds(socketserver.ThreadingTCPServer):
             name = "Tds".encode("utf-16le")
             told = b"\x01\x07\x01\x00\x00" + bytes([len(name) // 2]) + name + b"\x08\0\0\0"
             return self.COLLATION + b"\xad" + struct.pack("<H", len(told)) + told + self.DONE
-        if "held".encode("utf-16le") in text:
-            self.released.wait()
+        self.released.wait()
         return self.DONE if "update".encode("utf-16le") in text else self.ROW + self.DONE
 
     @contextlib.contextmanager

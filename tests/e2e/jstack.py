@@ -1,24 +1,12 @@
 """A jstack -l text as values."""
 import re
-from dataclasses import dataclass, field
+from collections import namedtuple
 
 HEADER = re.compile(r'^"(?P<name>.*)" #(?P<id>\d+) ')
 FRAME = re.compile(r"^\tat (?P<call>.*)\((?P<place>[^()]*)\)$")
 MODULE = re.compile(r"^[a-z][\w.]*@[^/]+/")
-
-
-@dataclass
-class Frame:
-    call: str  # class.method
-    file: str
-    line: int  # None when unknown
-
-
-@dataclass
-class Thread:
-    id: int
-    name: str
-    frames: list = field(default_factory=list)
+Frame = namedtuple("Frame", "call file line")  # class.method; the line is None when unknown
+Thread = namedtuple("Thread", "id name frames")
 
 
 def parse_frame(call, place):
@@ -31,10 +19,10 @@ def parse(text):
     threads = []
     for line in text.splitlines():
         if match := HEADER.match(line):
-            threads.append(Thread(int(match["id"]), match["name"]))
+            threads.append(Thread(int(match["id"]), match["name"], []))
         elif not line.startswith((" ", "\t")) or not threads:
             if line:
-                threads.append(Thread(0, ""))  # a thread of the JVM's own, or another part of the text
+                threads.append(Thread(0, "", []))  # a thread of the JVM's own, or another part of the text
         elif match := FRAME.match(line):
             threads[-1].frames.append(parse_frame(match["call"], match["place"]))
     return [thread for thread in threads if thread.id]

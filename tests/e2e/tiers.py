@@ -39,18 +39,17 @@ class Tiers(OfTheDemo):
         self.assertEqual(list(self.threads("--match", "FROM ORDERS")), ["demo-database"])
 
     def test_samples_by_hand_have_a_share_of_time(self):
-        def ask(text):
-            return self.answer("raw", "516|NoProcessing|" + text).out.strip()
-        self.assertRegex(ask("walkstate"), r"\Awalk=-?\d+ leftout=0 handquota=100 cut=0 localquota=100\Z")
-        self.assertEqual(ask("handquota|1"), "Changed handquota to 1")
-        self.addCleanup(ask, "handquota|100")
+        quota = "516|NoProcessing|handquota|"
+        self.assertEqual(self.answer("raw", quota + "1").out, "Changed handquota to 1\n")
+        self.addCleanup(self.answer, "raw", quota + "100")
         asked = qorctl("threads", self.app.pid, "--json")
         while not asked.err:
             self.check_threads({t["name"]: t for t in asked.json()["threads"]})
             asked = qorctl("threads", self.app.pid, "--json")
         self.assertRegex(asked.err, r"\Aqorctl: without data of other tiers, .*handquota.*\n\Z")
         self.assertNotIn("request", {t["name"]: t for t in asked.json()["threads"]}["demo-web"])
-        self.assertRegex(ask("walkstate"), r"\Awalk=\d+ leftout=1 handquota=1 cut=0 localquota=100\Z")
+        self.assertRegex(self.answer("raw", "516|NoProcessing|walkstate").out,
+                         r"\Awalk=\d+ leftout=1 handquota=1 cut=0 localquota=100\n\Z")
 
     def test_rules_are_shown_and_replaced(self):
         shipped = text_of("../../java/tiers.rules")
