@@ -130,11 +130,13 @@ struct Moment {
     const char *name;
     void (*body)();
 };
-const Moment MOMENTS[] = {{"malloc", OwnMalloc},
-                          {"log", OwnLog},
-                          {"libraries", OwnListOfLibraries},
-                          {"blocked", BlockSignals},
-                          {"vfork", [] { AsJava(WaitInVfork); }}};
+const Moment MOMENTS[] = {
+    {"malloc", OwnMalloc},
+    {"log", OwnLog},
+    {"libraries", OwnListOfLibraries},
+    {"blocked", BlockSignals},
+    {"vfork", [] { AsJava(WaitInVfork); }},
+};
 
 void ExpectAnswers() {
     for (int i = 0; i < 10; i++)

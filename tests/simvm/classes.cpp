@@ -45,15 +45,12 @@ void WriteFields(Class *owner) {
     As<JavaArray>(array) = {UNMARKED, ArrayClass("[S")->klass, length, 0};
     auto *entry = &As<FieldEntry>(array + sizeof(JavaArray));
     for (const Field &field : owner->fields) {
-        const auto name = uint16_t(AddToPool(owner, Intern(field.name))),
-                   signature = uint16_t(AddToPool(owner, Intern(field.signature)));
-        *entry++ = {uint16_t(field.isStatic ? METHOD_STATIC : 0),
-                    name,
-                    signature,
-                    0,
-                    uint16_t(field.offset),
-                    uint16_t(field.offset >> 16),
-                    0};
+        *entry = {};
+        entry->flags = field.isStatic ? METHOD_STATIC : 0;
+        entry->name = AddToPool(owner, Intern(field.name));
+        entry->signature = AddToPool(owner, Intern(field.signature));
+        entry->offsetLow = field.offset;
+        entry++->offsetHigh = field.offset >> 16;
     }
     At(owner->klass, &Klass::fields) = array;
 }
@@ -163,12 +160,12 @@ Class *DefineClass(const std::string &line) {
 Class *ArrayClass(const std::string &signature) {
     if (Class *known = FindClass(signature))
         return known;
-    const char of = signature[1];
     const Class *object = FindClass("java/lang/Object");
     Class *array = &vm.classes[signature];
     array->name = signature;
-    const Word klass = array->klass = of == 'L' || of == '[' ? NewKlass(VT_objArray, VT_objArrayKlass)
-                                                             : NewKlass(VT_typeArray, VT_typeArrayKlass);
+    const bool ofObjects = strchr("L[", signature[1]);
+    const Word klass = array->klass =
+        NewKlass(ofObjects ? VT_objArray : VT_typeArray, ofObjects ? VT_objArrayKlass : VT_typeArrayKlass);
     At(klass, &Klass::layoutHelper) = ~__builtin_ctz(SizeOf(signature.substr(1)));
     At(klass, &Klass::arrayHeaderSize) = sizeof(JavaArray);
     At(klass, &Klass::name) = Intern(signature);

@@ -44,8 +44,9 @@ Word NewGeneration(HeapSpace *space, char letter, size_t megabytes,
 Word NewSerial(HeapSpace *space, char letter, size_t megabytes) {
     if (vm.options.collector != Collector::CONCURRENT)
         return NewGeneration<Generation, Space>(space, letter, megabytes);
-    const Word generation = NewGeneration<Generation, FreeListSpace>(space, letter == 'O' ? 'C' : letter,
-                                                                     megabytes, &Generation::cmsSpace);
+    letter = letter == 'O' ? 'C' : letter;
+    const Word generation =
+        NewGeneration<Generation, FreeListSpace>(space, letter, megabytes, &Generation::cmsSpace);
     As<FreeListSpace>(space->structure).indexedFreeWords = 0;
     As<FreeListSpace>(space->structure).dictionary = Word(Make<FreeListDictionary>());
     return generation;

@@ -44,9 +44,11 @@ void LoadSlot(Assembler *a, const Slot &slot) {
 }
 
 int32_t Location(char type, int slot) { // counted in half words
-    const std::map<char, int32_t> kinds = {{'L', LOCATION_OOP}, {'J', LOCATION_LONG}, {'D', LOCATION_DOUBLE}};
-    const auto found = kinds.find(type);
-    return (found == kinds.end() ? LOCATION_NORMAL : found->second) << 12 | 2 * slot;
+    const int32_t kind = type == 'L'   ? LOCATION_OOP
+                         : type == 'J' ? LOCATION_LONG
+                         : type == 'D' ? LOCATION_DOUBLE
+                                       : LOCATION_NORMAL;
+    return kind << 12 | 2 * slot;
 }
 
 void PutAll(BlobParts *parts, std::initializer_list<int32_t> values) {
@@ -64,11 +66,12 @@ void WriteSlot(BlobParts *parts, const Slot &slot, int place) {
         PutAll(parts, {slot.type == 'J' ? SCOPE_LONG : SCOPE_DOUBLE, low, high});
     else if (slot.kept == Kept::CONSTANT)
         PutAll(parts, {SCOPE_INT, low});
-    else
-        PutAll(parts, {SCOPE_LOCATION, slot.kept == Kept::STACK ? Location(slot.type, place)
-                                       : slot.kept == Kept::REGISTER
-                                           ? LOCATION_IN_REGISTER | Location(slot.type, ANY_REGISTER)
-                                           : LOCATION_INVALID << 12});
+    else {
+        const int32_t nowhere = LOCATION_INVALID << 12;
+        const int32_t elsewhere =
+            slot.kept == Kept::REGISTER ? LOCATION_IN_REGISTER | Location(slot.type, ANY_REGISTER) : nowhere;
+        PutAll(parts, {SCOPE_LOCATION, slot.kept == Kept::STACK ? Location(slot.type, place) : elsewhere});
+    }
 }
 
 uint32_t HashOf(const MethodInfo &method, int32_t bci) {

@@ -79,18 +79,21 @@ std::map<std::string, std::string> AllNames() {
 
 std::string Legible(std::string view) {
     static const std::regex number("[0-9a-f]{8,}|-?[0-9]{8,}");
-    for (auto &[from, to] : {std::pair("\x1d", "|"),
-                             {"\x1e", "; "},
-                             {"\x1f", "/"},
-                             {"; /", "; / "},
-                             {"Message; Object Name : ", ""},
-                             {"Parent of the Object above:; ", "< "},
-                             {"\\^\\|\\^\\|", ""},
-                             {"View Array Contents", "[]"},
-                             {"View Object", "->"},
-                             {"Array Element", "at"},
-                             {"Object Description; ", ": "},
-                             {" +$", ""}})
+    static const std::pair<const char *, const char *> SHORTER[] = {
+        {"\x1d", "|"},
+        {"\x1e", "; "},
+        {"\x1f", "/"},
+        {"; /", "; / "},
+        {"Message; Object Name : ", ""},
+        {"Parent of the Object above:; ", "< "},
+        {"\\^\\|\\^\\|", ""},
+        {"View Array Contents", "[]"},
+        {"View Object", "->"},
+        {"Array Element", "at"},
+        {"Object Description; ", ": "},
+        {" +$", ""},
+    };
+    for (auto &[from, to] : SHORTER)
         view = std::regex_replace(view, std::regex(from), to);
     const std::map<std::string, std::string> names = AllNames();
     std::string out, rest = view;

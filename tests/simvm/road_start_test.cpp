@@ -45,17 +45,19 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
         int status;
         void (*spoil)() = [] {};
     };
-    std::vector<Case> cases = {{"22", "09", START_UNSUPPORTED},
-                               {"22", "07", START_FAILED},
-                               {"22", "22", START_FAILED, BeAnotherThread},
-                               {"22", "22", START_FAILED, BeCompiled},
-                               {"22", "22", START_OK, BeCompiledBesideAnother},
-                               {"22", "22", START_OK, BeCollecting},
-                               {"22 client", "22", START_OK},
-                               {"07 parallel", "07", START_OK},
-                               {"22 cms", "22", START_OK},
-                               {"07", "07", START_OK},
-                               {"08", "08", START_OK}};
+    std::vector<Case> cases = {
+        {"22", "09", START_UNSUPPORTED},
+        {"22", "07", START_FAILED},
+        {"22", "22", START_FAILED, BeAnotherThread},
+        {"22", "22", START_FAILED, BeCompiled},
+        {"22", "22", START_OK, BeCompiledBesideAnother},
+        {"22", "22", START_OK, BeCollecting},
+        {"22 client", "22", START_OK},
+        {"07 parallel", "07", START_OK},
+        {"22 cms", "22", START_OK},
+        {"07", "07", START_OK},
+        {"08", "08", START_OK},
+    };
     for (int build = 10; build < 22; build++)
         cases.push_back({std::to_string(build), std::to_string(build), START_OK});
     const auto start = [](const Case &c) {

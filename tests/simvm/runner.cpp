@@ -119,10 +119,10 @@ void MoveYoung() {
 extern "C" void SimvmRest(Word) {
     OutOfJava(current);
     const Rest rest = current->script->rest;
-    const OsState state = rest == Rest::SLEEP     ? OS_SLEEPING
-                          : rest == Rest::WAIT    ? OS_OBJECT_WAIT
-                          : rest == Rest::MONITOR ? OS_MONITOR_WAIT
-                                                  : OS_RUNNABLE;
+    const std::map<Rest, OsState> blocked = {
+        {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
+    const auto found = blocked.find(rest);
+    const OsState state = found == blocked.end() ? OS_RUNNABLE : found->second;
     SetStates(current->info, state == OS_RUNNABLE ? IN_NATIVE : BLOCKED, state);
     current->resting = 1;
     if (rest == Rest::CALL)

@@ -25,11 +25,13 @@ std::string Trimmed(const std::string &text) {
     return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(' ') + 1 - from);
 }
 
-const std::map<std::string, Rest> RESTS = {{"PIPE", Rest::PIPE},       {"SLEEP", Rest::SLEEP},
-                                           {"WAIT", Rest::WAIT},       {"SPIN", Rest::SPIN},
-                                           {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS}};
+const std::map<std::string, Rest> RESTS = {
+    {"PIPE", Rest::PIPE}, {"SLEEP", Rest::SLEEP},     {"WAIT", Rest::WAIT},
+    {"SPIN", Rest::SPIN}, {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS},
+};
 const std::map<std::string, F> KINDS = {
-    {"i", F::INTERPRETED}, {"c", F::COMPILED}, {"o", F::OSR}, {"n", F::NATIVE}, {"run", F::INTERPRETED}};
+    {"i", F::INTERPRETED}, {"c", F::COMPILED}, {"o", F::OSR}, {"n", F::NATIVE}, {"run", F::INTERPRETED},
+};
 
 } // namespace
 

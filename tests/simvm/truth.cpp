@@ -7,10 +7,11 @@ namespace simvm {
 namespace {
 
 std::string StateText(const Script &script) {
-    const std::map<Rest, std::string> states = {{Rest::SLEEP, "Sleeping"},  {Rest::MONITOR, "Lock"},
-                                                {Rest::PIPE, "IO Wait"},    {Rest::SPIN, "Runnable"},
-                                                {Rest::CALLS, "Runnable"},  {Rest::WAIT, "Object Wait"},
-                                                {Rest::CALL, "Object Wait"}};
+    const std::map<Rest, std::string> states = {
+        {Rest::SLEEP, "Sleeping"},   {Rest::MONITOR, "Lock"},   {Rest::PIPE, "IO Wait"},
+        {Rest::SPIN, "Runnable"},    {Rest::CALLS, "Runnable"}, {Rest::WAIT, "Object Wait"},
+        {Rest::CALL, "Object Wait"},
+    };
     return script.state.empty() ? states.at(script.rest) : script.state;
 }
 
