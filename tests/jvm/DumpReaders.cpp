@@ -62,7 +62,6 @@ TextDump TextDump::Read(const std::string &path) {
     all << std::ifstream(path).rdbuf();
     const std::string text = all.str();
     const size_t first = text.find('\n'), last = text.rfind('\n');
-    dump.header = text.substr(0, first);
     dump.body = text.substr(first + 1, last - first);
     CheckReferences(&dump);
     return dump;

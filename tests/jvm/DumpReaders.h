@@ -30,7 +30,7 @@ struct TextDump {
     int64_t Arrays(const std::string &klass, int64_t elements) const;
 
     qorctl::DumpSummary summary;
-    std::string header, body;                           // body: all between header and trailer
+    std::string body;                                   // all between header and trailer
     std::map<int64_t, std::vector<int64_t>> references; // of objects with fields, in order
     std::map<int64_t, int64_t> classOf;                 // of those objects: class numbers
 };

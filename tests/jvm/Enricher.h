@@ -13,7 +13,7 @@ struct EnricherAsked {
         e2eclass = Class("qoragent/testing/Enricher");
         jobjclass = Class("java/lang/Object");
         jstringclass = Class("java/lang/String");
-        Java("Enricher", "answer", nullptr);
+        Java("Enricher", "answer", "null");
     }
     ~EnricherAsked() { e2eclass = nullptr; }
 

@@ -118,7 +118,7 @@ jvalue CallJava(const std::string &klass, const char *method, const char *result
     std::vector<jvalue> words;
     for (JavaArgument &argument : arguments) {
         signature += argument.type;
-        if (argument.type == "Ljava/lang/String;" && !argument.isNull)
+        if (argument.type == "Ljava/lang/String;")
             argument.word.l = Text(argument.text);
         words.push_back(argument.word);
     }

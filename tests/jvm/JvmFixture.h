@@ -51,13 +51,11 @@ struct JavaArgument {
     JavaArgument(bool value) : type("Z") { word.z = value; }
     JavaArgument(jobject value) : type("Ljava/lang/Object;") { word.l = value; }
     JavaArgument(const std::string &value) : type("Ljava/lang/String;"), text(value) {}
-    JavaArgument(std::nullptr_t) : JavaArgument(static_cast<const char *>(nullptr)) {}
-    JavaArgument(const char *value) : type("Ljava/lang/String;"), text(value ? value : ""), isNull(!value) {}
+    JavaArgument(const char *value) : JavaArgument(std::string(value)) {}
 
     std::string type;
     jvalue word = {};
     std::string text;
-    bool isNull = false;
 };
 jvalue CallJava(const std::string &klass, const char *method, const char *result,
                 std::vector<JavaArgument> arguments);

@@ -79,7 +79,6 @@ TEST_F(Heap, TextDumpHoldsWhatIsThere) {
 TEST_F(Heap, LocalsHaveTheirThreadAndMethod) {
     Java("Zoo", "startDeep", 1100); // more frames than the dump asks for at a time
     jobject held = Text("a reference of this thread, which has no Java frame");
-    const int64_t threads = Java<int64_t>("HeapShop", "parkVirtual", 100);
     const TextDump text = Dump();
     for (const char *method : {"descend", "lambda.deep"}) // at the top and at the bottom
         EXPECT_TRUE(std::regex_search(text.body,
@@ -88,14 +87,6 @@ TEST_F(Heap, LocalsHaveTheirThreadAndMethod) {
             << method;
     EXPECT_TRUE(std::regex_search(text.body, std::regex("\nSc[0-9]+\\|Thread-[0-9]+_\\|\n")));
     Env()->DeleteLocalRef(held);
-    // Class instances in the locals of virtual threads, which aren't objects of the class.
-    EXPECT_EQ(text.Class(SHOP "$Unheld").objects, 0);
-    std::smatch number;
-    const std::regex name("\nB1([0-9]+)\\|[0-9a-f]+\\|Lqoragent/testing/HeapShop\\$Unheld;\n");
-    if (std::regex_search(text.body, number, name))
-        EXPECT_EQ(static_cast<int64_t>(CountOf(text.body, "\nSa" + number[1].str() + "|Thread-")), threads);
-    else
-        EXPECT_EQ(threads, 0) << "JVMs without virtual threads";
 }
 
 TEST_F(Heap, ADumpThatFillsTheDiskIsEmptied) {

@@ -119,6 +119,13 @@ TEST_F(Sample, LongStacksLoseTheirMiddle) {
     }
 }
 
+TEST_F(Sample, TracesOneThread) {
+    ZooVisit zoo("sleep");
+    trace_single_thread_details = FLAG_TRACE_SINGLE_THREAD;
+    EXPECT_EQ(Threads(Ask(QORREQ_POLL_DETAILS, "", ZooKey("sleep"))).threads.at(0).name, "zoo-sleep");
+    EXPECT_EQ(Legible(Ask(QORREQ_POLL_DETAILS, "", "1-1")), "Thread Info Details\n$\n");
+}
+
 TEST_F(Sample, AFullReplyEndsAfterAWholeRecord) {
     Java("Zoo", "startMany", 60, 40);
     poll_details = FLAG_POLL_DETAILS;

@@ -170,10 +170,15 @@ TEST_F(Start, NothingOfAnEarlierLifeAnswers) {
     EXPECT_EQ(Ask("516|NoProcessing|activethreads|mine|threadname|idle*\r"), "Added Idle Thread Rules");
     EXPECT_NE(gacondcnt + gasystemcondcnt + gbcondcnt, rules);
     EXPECT_EQ(Ask("516|NoProcessing|qorheapdir|/var/tmp"), "Changed qorheapdir to /var/tmp/");
+    const char *const object = "516|showstack|1024|ARG=x,0=7777,1=0";
+    jvmti->SetTag(Java<jobject>("Truth", "currentThread"), 7777);
+    EXPECT_NE(Ask(object).find("Object Description"), std::string::npos);
     ShutDownAgent();
     for (jclass kept : {e2eclass, jobjclass, jstringclass, gbDbUtilClass, threadClass})
         EXPECT_EQ(kept, nullptr);
     ASSERT_EQ(StartAgent(arguments), START_OK);
+    EXPECT_EQ(Ask(nullptr).find("Object"), std::string::npos);
+    EXPECT_EQ(Ask(object).find("Object Description"), std::string::npos);
     EXPECT_STREQ(qorheapdir, "/tmp/");
     EXPECT_EQ(gacondcnt + gasystemcondcnt + gbcondcnt, rules);
 }

@@ -42,7 +42,6 @@ struct Readers : SessionTest {
 #define TEXT_OF(path) path ",Ljava/lang/String;"
 #define TESSAR "tessar/jdbc/driver/"
 #define PHYSICAL "connection,L" TESSAR "PhysicalConnection;=" TESSAR "Q5DConnection|"
-#define Q5 "q5Connection,L" TESSAR "Q5DConnection;|"
 #define DIRECT "connection,L" TESSAR "TessarConnection;|"
 #define SQL_OF                                                                                               \
     "statements,L" TESSAR "TessarStatement;|sqlObject,L" TESSAR "TessarSql;|" TEXT_OF("originalSql")
@@ -62,7 +61,8 @@ const struct Row {
     const char *field;
     size_t size;
 } TEXTS[] = {
-    {LOCAL_DATABASE_CALL, TESSAR "Q5DCallableStatement", TEXT_OF(Q5 "url"), FIELD(db.url)},
+    {LOCAL_DATABASE_CALL, TESSAR "Q5DCallableStatement",
+     TEXT_OF("q5Connection,L" TESSAR "Q5DConnection;|url"), FIELD(db.url)},
     {LOCAL_DATABASE_CALL, TESSAR "Q5DConnection", TEXT_OF("userName"), FIELD(db.user)},
     {LOCAL_WEB_REQUEST, FERRULE, TEXT_OF("servletPath"), FIELD(web.requestUrl)},
     {LOCAL_RMI_CALL, "ferrule/rmi/cluster/ClusterableRemoteRef",
@@ -104,7 +104,6 @@ jobject StatementOver(jobject stream, bool layered) {
           connection + (layered ? "" : "db_access,Ltessar/jdbc/dbaccess/DBAccess;|") +
               "net,Ltessar/net/ns/Communication;",
           stream);
-    Plant(statement, connection + TEXT_OF("url"), std::string(100, 'u'));
     Plant(statement, connection + (layered ? TEXT_OF("userName") : TEXT_OF("user")), "scott");
     Plant(statement, layered ? PHYSICAL SQL_OF : TEXT_OF("sql_query"), "select 1");
     return statement;

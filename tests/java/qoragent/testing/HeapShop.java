@@ -70,7 +70,7 @@ public final class HeapShop {
         }
     }
 
-    /** Parks `count` virtual threads with the Class instance of Unheld in a local; 0 where there are none. */
+    /** Parks `count` virtual threads; 0 where there are none. */
     static long parkVirtual(int count) throws Exception {
         Method start;
         try {
@@ -79,7 +79,7 @@ public final class HeapShop {
             return 0;
         }
         Runnable park = () -> {
-            for (Class<?> local = Unheld.class; local != null;)
+            for (;;)
                 LockSupport.park();
         };
         for (int i = 0; i < count; i++)
