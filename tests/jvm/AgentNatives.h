@@ -11,13 +11,6 @@ jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint
                                  jint, jint, jint, jint, jint);
 jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
 void Java_qoragent_Agent_setRelayPort(JNIEnv *, jobject, jint);
-jstring Java_qoragent_Agent_addvips(JNIEnv *, jobject);
-jstring Java_qoragent_Agent_getCpuData(JNIEnv *, jobject);
-jstring Java_qoragent_Agent_getProcessContextSwitchCount(JNIEnv *, jobject);
-jlong Java_qoragent_Agent_getAgentWorkerThreadId(JNIEnv *, jobject);
-jlong Java_qoragent_Agent_getCurrentThreadOsId(JNIEnv *, jobject);
-jint Java_qoragent_Agent_loadJavaAgent(JNIEnv *, jobject, jstring);
-jobjectArray Java_qoragent_Agent_getThreadObjects(JNIEnv *, jobject);
 }
 
 struct StartArguments {

@@ -7,18 +7,11 @@
 #include <string>
 #include <vector>
 
-// A collector by its option, for suites of which each has its own JVM.
-template <int N>
-struct Collector {
-    static constexpr const char *NAMES[] = {"Serial", "Parallel", "G1", "Shenandoah", "Z", "ConcMarkSweep"};
-    static std::string Option() { return std::string("-XX:+Use") + NAMES[N] + "GC"; }
-};
-struct CollectorNames {
-    template <class Collector>
-    static std::string GetName(int) {
-        return Collector::Option().substr(8);
-    }
-};
+// The flag of a collector, for tests of which each has its own JVM.
+inline std::string UseCollector(const char *name) {
+    return std::string("-XX:+Use") + name + "GC";
+}
+constexpr auto COLLECTOR_NAME = [](const auto &row) { return std::string(row.param); };
 
 // The console's reader throws for any line out of form. Read() fails the test when a reference leads to what
 // the dump doesn't have.

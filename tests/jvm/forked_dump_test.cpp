@@ -52,13 +52,13 @@ int SharedMappings() {
     return count;
 }
 
-using Collectors = testing::Types<Collector<0>, Collector<1>, Collector<2>>;
+const auto COLLECTORS = testing::Values("Serial", "Parallel", "G1");
 
 // The filled shop in a session, dumped from the test's thread.
-template <class Chosen>
-struct QuietHeap : SessionTest {
-    static void SetUpTestSuite() { StartJvm({"-Xmx64m", Chosen::Option()}); }
+struct QuietHeap : SessionTest, testing::WithParamInterface<const char *> {
+    static void SetUpTestSuite() {}
     void SetUp() override {
+        StartJvm({"-Xmx64m", UseCollector(GetParam())});
         SessionTest::SetUp();
         Java("HeapShop", "fill");
         Java("java/lang/System", "gc");
@@ -83,15 +83,15 @@ struct QuietHeap : SessionTest {
     Folder in;
 };
 
-TYPED_TEST_SUITE(QuietHeap, Collectors, CollectorNames);
+INSTANTIATE_TEST_SUITE_P(, QuietHeap, COLLECTORS, COLLECTOR_NAME);
 
-TYPED_TEST(QuietHeap, ForkedDumpEqualsTheOneOfTheProcess) {
-    this->ByTheWorker(); // where the JVM keeps this thread's references is settled by the first
+TEST_P(QuietHeap, ForkedDumpEqualsTheOneOfTheProcess) {
+    ByTheWorker(); // where the JVM keeps this thread's references is settled by the first
     const int32_t run = igbCurrentRun;
-    const TextDump forked = this->Forked();
+    const TextDump forked = Forked();
     EXPECT_EQ(igbCurrentRun, run);
     gbiDumpBufferSize = 64;
-    const TextDump own = this->ByTheWorker();
+    const TextDump own = ByTheWorker();
     EXPECT_NE(igbCurrentRun, run);
     EXPECT_EQ(forked.Class(NODE).objects, 1234);
     EXPECT_EQ(forked.summary.heap_id, own.summary.heap_id);
@@ -109,10 +109,10 @@ std::map<std::string, std::pair<int64_t, int64_t>> Count() {
     return rows;
 }
 
-TYPED_TEST(QuietHeap, ForkedHistogramCountsWhatIsReachable) {
+TEST_P(QuietHeap, ForkedHistogramCountsWhatIsReachable) {
     QorSetForkHeapDumpCapability(1);
     const auto rows = Count();
-    const TextDump dump = this->Forked();
+    const TextDump dump = Forked();
     for (const std::string &klass : {std::string("int[]"), std::string(NODE) + "[]"})
         EXPECT_EQ(rows.at(klass), std::make_pair(dump.Class(klass).objects, dump.Class(klass).bytes))
             << klass;
@@ -146,18 +146,21 @@ bool IsAnswer(const std::string &reply) {
     return reply == COMPLETED || reply.find("JVM Class Details\x1e") == 0;
 }
 
-template <class Chosen>
-struct BusyHeap : ForkedDump {
-    static void SetUpTestSuite() { StartJvm({"-Xmx64m", Chosen::Option()}); }
+struct BusyHeap : ForkedDump, testing::WithParamInterface<const char *> {
+    static void SetUpTestSuite() {}
+    void SetUp() override {
+        StartJvm({"-Xmx64m", UseCollector(GetParam())});
+        ForkedDump::SetUp();
+    }
 };
-TYPED_TEST_SUITE(BusyHeap, Collectors, CollectorNames);
+INSTANTIATE_TEST_SUITE_P(, BusyHeap, COLLECTORS, COLLECTOR_NAME);
 
-TYPED_TEST(BusyHeap, DumpsAreRightAndTheApplicationsChildrenKeepTheirExitCodes) {
+TEST_P(BusyHeap, DumpsAreRightAndTheApplicationsChildrenKeepTheirExitCodes) {
     Java("Churn", "heap");
     Java("Churn", "classes");
-    while (Java<int64_t>("Churn", "count", "children") < 100 && !testing::Test::HasFailure()) {
+    while (Java<int64_t>("Churn", "count", "children") < 100 && !HasFailure()) {
         ASSERT_EQ(Ask(DUMP), COMPLETED);
-        TextDump::Read(this->in.In("dump"));
+        TextDump::Read(in.In("dump"));
         EXPECT_TRUE(IsAnswer(Ask(HISTOGRAM)));
         EXPECT_EQ(Ask("516|NoProcessing|CZPRequest"), "") << "which collects what is left";
     }

@@ -29,7 +29,6 @@ constexpr int64_t NODES = 1234, LEAVES = 77, ELEMENTS = 27, LONG_INTS = 12345, L
 struct Heap : SessionTest {
     void SetUp() override {
         SessionTest::SetUp();
-        QorSetManagementGCCountCapability(1);
         Java("HeapShop", "fill");
         Java("java/lang/System", "gc");
     }
@@ -124,20 +123,21 @@ TEST_F(Heap, WalksLeaveNothing) {
 namespace {
 
 // Each collector in a JVM of its own; one that this JVM hasn't got leaves it with its default.
-template <class Chosen>
-struct Collections : AgentTest {
-    static void SetUpTestSuite() {
+struct Collections : AgentTest, testing::WithParamInterface<const char *> {
+    static void SetUpTestSuite() {}
+    void SetUp() override {
         StartJvm({"-Xmx64m", "-XX:+IgnoreUnrecognizedVMOptions", "-XX:+UnlockExperimentalVMOptions",
-                  Chosen::Option(), "-XX:+ZGenerational"});
+                  UseCollector(GetParam()), "-XX:+ZGenerational"});
+        AgentTest::SetUp();
     }
 };
-using AllCollectors =
-    testing::Types<Collector<0>, Collector<1>, Collector<2>, Collector<3>, Collector<4>, Collector<5>>;
-TYPED_TEST_SUITE(Collections, AllCollectors, CollectorNames);
+INSTANTIATE_TEST_SUITE_P(, Collections,
+                         testing::Values("Serial", "Parallel", "G1", "Shenandoah", "Z", "ConcMarkSweep"),
+                         COLLECTOR_NAME);
 
 } // namespace
 
-TYPED_TEST(Collections, AreAddedUpByKindAndToldOneByOne) {
+TEST_P(Collections, AreAddedUpByKindAndToldOneByOne) {
     const std::set<std::string> minor = {"Copy", "PS Scavenge", "G1 Young Generation", "Shenandoah Pauses",
                                          "ZGC",  "ZGC Pauses",  "ZGC Minor Pauses",    "ParNew"};
     const std::set<std::string> major = {"MarkSweepCompact", "PS MarkSweep", "G1 Old Generation",

@@ -37,7 +37,6 @@ TEST_F(Sample, AgreesWithWhatTheJvmSays) {
         AllThreads(true);
     }
     ZooVisit zoo("");
-    Java("Zoo", "check");
     const qorctl::ThreadSample sample = AllThreads(true);
     EXPECT_GT(ExpectTruth(sample), 20);
     qorctl::ThreadSample stacks;

@@ -2,9 +2,11 @@ package qoragent;
 
 import static org.junit.Assert.*;
 
+import java.lang.management.ManagementFactory;
 import java.lang.reflect.Field;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.Paths;
 import java.util.concurrent.atomic.AtomicReference;
 import org.junit.After;
 import org.junit.Test;
@@ -70,6 +72,25 @@ public class AgentTest {
         }
         asking.join();
         assertEquals("the agent does not run", outcome.get().getMessage());
+    }
+
+    @Test
+    public void nativesAgreeWithTheSystem() throws Exception {
+        Agent.start("timeout=20");
+        assertAnswers();
+        long worker = Agent.getAgentWorkerThreadId();
+        assertEquals("QORD Agent Worker",
+                     ManagementFactory.getThreadMXBean().getThreadInfo(worker).getThreadName());
+        assertEquals(Files.readSymbolicLink(Paths.get("/proc/thread-self")).getFileName().toString(),
+                     String.valueOf(Agent.getCurrentThreadOsId()));
+        assertTrue(Long.parseLong(Agent.getProcessContextSwitchCount()) > 0);
+        String cpu = Agent.getCpuData(); // machine, process, switches, delay, time
+        assertTrue(cpu, cpu.matches("\\d+\35\\d+\35\37\\d+\37\\d{1,4}\0371\\d{11}"));
+        assertTrue(Agent.addvips().matches("(\\d+(\\.\\d+){3},[^,]+,)*"));
+        assertEquals(-1, Agent.loadJavaAgent(null));
+        assertEquals(0, Agent.loadJavaAgent("/nowhere/agent.jar=x"));
+        Agent.request("788|showstack|32768");
+        assertEquals("they were described", 0, Agent.getThreadObjects().length);
     }
 
     /** The thread that attaches goes on although the start has to wait. */

@@ -10,7 +10,6 @@ public class DbUtilTest {
     public void idsAreTheLeadingBitsOfTheDigest() {
         String[][] rows = {
             {"", "qgeopmcf02p09"},
-            {"select 1", "immrdprq122dj"},
             {"SELECT name FROM person WHERE id = ?", "94nosl1pnadpd"},
             {"select 'Gr\u00f6\u00dfe \u20ac' from dual", "s00k8g1ug3msl"},
             {"select 831", "008equ10nnq37"},

@@ -79,8 +79,7 @@ public class EndpointTest {
         traps.add(() -> makeDirectory(dir, 0700)); // another user's
         traps.add(() -> Files.createSymbolicLink(dir, good));
         traps.add(() -> Files.createFile(dir));
-        for (int mode : new int[] {0701, 0770, 0500})
-            traps.add(() -> makeDirectory(dir, mode));
+        traps.add(() -> makeDirectory(dir, 0701));
         for (int i = 0; i < traps.size(); i++) {
             traps.get(i).run();
             Endpoint endpoint = new Endpoint(dir, i == 0 ? uid + 1 : uid, PID);

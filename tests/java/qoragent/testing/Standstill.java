@@ -12,7 +12,7 @@ public final class Standstill {
         HeapShop.fill();
         Zoo.start(
             "sleep,park,swapper,wait,holder,blocked,blocked-second,reentrant,lock-holder,lock-waiter,deep,"
-            + "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,channel-accept,"
+            + "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,"
             +
             "channel-read,select,file-read,file-channel-read,file-write,process-wait"); // which keeps the JDK's reaper of children
         Zoo.startDeep(400);

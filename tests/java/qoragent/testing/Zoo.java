@@ -60,12 +60,6 @@ public final class Zoo {
     /** Makes "zoo-swapper" give back its monitor and take the other one, at the same place. */
     public static synchronized void swap() throws Exception { ZooLocks.swap(residents.get("swapper")); }
 
-    /** Throws unless every thread is still where it belongs. */
-    public static synchronized void check() throws Exception {
-        for (Resident resident : residents.values())
-            resident.awaitParked();
-    }
-
     /** The thread of a kind. */
     public static synchronized Object thread(String kind) { return residents.get(kind).thread(); }
 

@@ -40,11 +40,6 @@ final class ZooIo {
                ZooIo::socketWrite),
             io("accept", accept + "sun.nio.ch.Net.accept", self -> accept(self, 0)),
             io("accept-timeout", accept + "sun.nio.ch.Net.poll", self -> accept(self, HOUR_MILLIS)),
-            io("channel-accept", "sun.nio.ch.ServerSocketChannelImpl.accept0 sun.nio.ch.Net.accept",
-               self -> {
-                   ServerSocketChannel server = self.closing(ServerSocketChannel.open());
-                   return server.bind(new InetSocketAddress(HERE, 0))::accept;
-               }),
             io("channel-read", "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.SocketDispatcher.read0",
                self -> {
                    SocketChannel near = connect(self);
