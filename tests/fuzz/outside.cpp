@@ -92,14 +92,15 @@ VmTable TableOf(Input *input) {
 // Memory that is nothing but odd, by tables that are.
 void WalkOdd(Input input, Memory &memory) {
     VmSymbols symbols;
-    for (const char *name : {"gHotSpotVMStructs", "gHotSpotVMTypes", "gHotSpotVMIntConstants",
-                             "gHotSpotVMStructEntryArrayStride", "gHotSpotVMStructEntryTypeNameOffset",
-                             "gHotSpotVMStructEntryFieldNameOffset", "gHotSpotVMStructEntryIsStaticOffset",
-                             "gHotSpotVMStructEntryOffsetOffset", "gHotSpotVMStructEntryAddressOffset",
-                             "gHotSpotVMTypeEntryArrayStride", "gHotSpotVMTypeEntryTypeNameOffset",
-                             "gHotSpotVMTypeEntrySizeOffset", "_ZN20SafepointSynchronize6_stateE",
-                             "_ZN8VMThread17_cur_vm_operationE", "_ZN12StubRoutines19_cont_returnBarrierE",
-                             "_ZN17ContinuationEntry10_return_pcE"})
+    for (const std::string name :
+         {"Structs", "Types", "IntConstants", "StructEntryArrayStride", "StructEntryTypeNameOffset",
+          "StructEntryFieldNameOffset", "StructEntryIsStaticOffset", "StructEntryOffsetOffset",
+          "StructEntryAddressOffset", "TypeEntryArrayStride", "TypeEntryTypeNameOffset",
+          "TypeEntrySizeOffset"})
+        symbols.objects["gHotSpotVM" + name] = START + input.Next<uint16_t>() % PLACES;
+    for (const char *name :
+         {"_ZN20SafepointSynchronize6_stateE", "_ZN8VMThread17_cur_vm_operationE",
+          "_ZN12StubRoutines19_cont_returnBarrierE", "_ZN17ContinuationEntry10_return_pcE"})
         symbols.objects[name] = START + input.Next<uint16_t>() % PLACES;
     VmTable().Load(memory, symbols);
     const VmTable table = TableOf(&input);

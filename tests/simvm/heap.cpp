@@ -212,16 +212,6 @@ void AddObjects(HeapSpace *space, int64_t count) {
     }
 }
 
-// Its values aren't described.
-void AddOddArray(HeapSpace *space, int64_t length) {
-    constexpr int32_t ODD_HEADER = 28; // of arrays of floats in such a heap
-    const int64_t bytes = (ODD_HEADER + 4 * length + 7) & ~7;
-    const Word klass = ArrayClass("[F")->klass, at = AllocateObject(space, bytes);
-    At(klass, &Klass::arrayHeaderSize) = ODD_HEADER;
-    As<JavaArray>(at) = {UNMARKED, klass, int32_t(length), 0};
-    vm.objects.push_back({at, klass, bytes, space->letter});
-}
-
 void AddVmKinds(HeapSpace *space, int64_t) {
     for (const VtableKind kind : {VT_constantPoolCache, VT_compiledICHolder, VT_methodData, VT_arrayKlass}) {
         const Word at = AllocateObject(space, sizeof(Klass) + 8 * kind);
@@ -279,7 +269,6 @@ const std::map<std::string, void (*)(HeapSpace *space, int64_t amount)> ADDERS =
      [](HeapSpace *space, int64_t bytes) {
          AddGap(space, bytes, {UNMARKED, ArrayClass("[J")->klass, random() % 2 ? 1u << 31 : 1u << 29});
      }},
-    {"odd-array", AddOddArray},
     {"vm-kinds", AddVmKinds},
     {"across", AddAcross},
     {"chunk", AddChunk},
@@ -312,10 +301,9 @@ P chunk 3          P vm-kinds 0      P objects 20    P chunk 5000               
 P wrong-chunk 0    P objects 20      P no-klass 64   P chunk 256                      P no-klass 8
 P vm-kinds 0       O chunk 4         O chunk 257     O objects 300                    O wrong-chunk 1
 O objects 5        O wrong-chunk -1  O wrong-chunk -2  O objects 5                    O wrong-chunk 2305843009213693960
-O chunk 30         O wrong-chunk 0   O objects 5     O half-array 48                  O odd-array 2
-O odd-array 1      O link 24         O objects 200   O across 40
+O chunk 30         O wrong-chunk 0   O objects 5     O half-array 48                  O link 24         O objects 200   O across 40
 E stale 8          E objects 300     E stale 4096    E objects 2                      E no-klass 128
-E stale 64         E link 56         E odd-array 3   E half-array 24
+E stale 64         E link 56         E half-array 24
 E objects 300      E half-array 80
 )";
 

@@ -15,10 +15,6 @@ Word &AnchorFp(const ThreadInfo *thread) {
     return thread->Java().anchorFp;
 }
 
-void BeAnotherThread() {
-    Self()->Os().kernelId = getpid() + 1;
-}
-
 // No method is where an interpreted frame has it.
 void BeCompiled() {
     AnchorFp(Self()) += sizeof(Word);
@@ -27,14 +23,6 @@ void BeCompiled() {
 // A collection that doesn't end isn't waited for without end.
 void BeCollecting() {
     vm.heap->collecting = 1;
-}
-
-// A compiled caller, and an older thread with an interpreted frame.
-void BeCompiledBesideAnother() {
-    const ThreadInfo *other = NewThread("other");
-    AnchorFp(other) = AnchorFp(Self());
-    Self()->Java().next = other->address;
-    BeCompiled();
 }
 
 } // namespace
@@ -48,9 +36,7 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
     std::vector<Case> cases = {
         {"22", "09", START_UNSUPPORTED},
         {"22", "07", START_FAILED},
-        {"22", "22", START_FAILED, BeAnotherThread},
         {"22", "22", START_FAILED, BeCompiled},
-        {"22", "22", START_OK, BeCompiledBesideAnother},
         {"22", "22", START_OK, BeCollecting},
         {"22 client", "22", START_OK},
         {"07 parallel", "07", START_OK},

@@ -31,10 +31,8 @@ wide-text := $STRING{value=[C(97 0xd83d 0xde00 0xd83d 98 0xde00 0x20ac) count=7}
 C := [C(1 0 65)
 text = "in an array"
 row = [J(0x7fffffffffffffff -1)
-plane := [[J(row null row)
 texts := [Ljava/lang/String;(text null "last")
 objects := [Ljava/lang/Object;(text row readers/Plain null)
-none := [Ljava/lang/Object;()
 
 # One of each kind of argument, then locals. Two methods share one entry of the cache: the second isn't in it.
 let SIG (ILjava/lang/String;JD[Ljava/lang/String;)V
@@ -56,7 +54,6 @@ thread compiled: SLEEP run readers/Thread ; c readers/All.outer$SIG:41 @all ^pla
 void StageReaders(Scene *scene) {
     SceneText text(scene);
     scene->named["long-text"] = NewString(std::string(3000, 'x'));
-    scene->named["many"] = NewArray("[I", std::vector<Value>(20000, 4));
     text.Read(OBJECTS);
 }
 
@@ -80,15 +77,10 @@ class java/net/InetAddress hostName,Ljava/lang/String; address,I family,I
 
 # Of a connection, by its thread's name and socket.
 let STREAM java/net/SocketInputStream{fd=java/io/FileDescriptor{fd=$FD}}
-let METRICS tessar/net/nt/MetricsEnabledInputStream<java/io/InputStream{
-  realStream,Ljava/io/InputStream;=$STREAM}
-let ATTS tessar/net/ns/SessionAtts{sdu=2048 ntInputStream,Ljava/io/InputStream;
-let NET net=tessar/net/ns/Communication{sAtts=$ATTS=$STREAM}}
-let METERED net=tessar/net/ns/Communication{sAtts=$ATTS=$METRICS}}
+let NET net=tessar/net/ns/Communication{sAtts=tessar/net/ns/SessionAtts{sdu=2048 ntInputStream,Ljava/io/InputStream;=$STREAM}}
 let NATIVE c_state=$STATE
 let CALL url="jdbc:tessar:$T" user="user of $T"
 let THIN connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$NET}}
-let THIN_METERED connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$METERED}}
 let THICK connection=$DRIVER/TessarConnection{$CALL db_access=tessar/jdbc/dbaccess/DBAccess{$NATIVE}}
 let COMM comm=$WRAPPER/wire8/TessarWire8Communication{socket=java/net/Socket{created,Z=0
   impl,Ljava/net/SocketImpl;=java/net/PlainSocketImpl<java/net/SocketImpl{fd=java/io/FileDescriptor{fd=$FD}
@@ -117,7 +109,6 @@ const Row ROWS[] = {
     {"thin", STATEMENT, THIN, "$PACKET"},
     {"thin-prepared", STATEMENT,
      R"($DRIVER/TessarPreparedStatement<$DRIVER/TessarStatement{sql_query="$SQL" $THIN})", "$PACKET"},
-    {"thin-metrics", STATEMENT, R"({sql_query="$SQL" $THIN_METERED})", "$PACKET"},
     {"thin-results", "$DRIVER/TessarResultSetImpl", "{$THIN}", "$PACKET", false},
     {"thin-closed", STATEMENT, THIN, "$PACKET", true, true},
     {"thick", STATEMENT, R"({sql_query="$SQL" $THICK})", "$ZDI"},

@@ -18,7 +18,6 @@ let PEER java/net/InetAddress{hostName="peer" address=-1062731513}
 let KNOWN 7001|192.168.1.7
 
 let KVO tessar/kvo/server
-let QRF tessar/qrfinternal
 let SITES org/codehaus/groovy/runtime/callsite
 class $KVO/ViewRowImpl
 thread entity: $WORKS ; c $KVO/EntityImpl.doDML:71 @{mEbi=$KVO/EntityDefImpl{mObjName="Orders"}} ; $READS
@@ -35,10 +34,6 @@ lines = "def t = total(cart)\nif (t > 0)\n  charge(t)\nreturn t\n"
 thread script: $WORKS ; i tessar/kvo/ExprEval.evaluate:75 @{mExprStr=lines} ;
   c shop/Script.run:76 > $SITES/AbstractCallSite.callCurrent:77 @second ; $READS | server=; object=Groovy_Script->charge|^|3
 
-thread page: $WORKS ; i $QRF/controller/engine/ControlFlowEngine.performControlFlow:78 @ %2
-  %$QRF/controller/state/ChildViewPortContextImpl{
-  mParent=$QRF/controller/state/ViewPortContextImpl{mCachedPhysicalUri="/pages/cart.jspx"}} ; $READS
-  | server=; url=/pages/cart.jspx
 
 let RMI ferrule/rmi
 let RJVM ferrule/rjvm
@@ -113,8 +108,6 @@ static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
 static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$Ferrule_PORT}
 let RESTS n java/lang/Object.wait @
-thread another: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51 @{impl=java/net/PlainSocketImpl{port=3}} ;
-  $RESTS
 thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
   @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; $RESTS
 thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51

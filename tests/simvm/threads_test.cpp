@@ -1,9 +1,6 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
 #include "with_scene.h"
 
-#include "qorthreads/running_queue.h"
-#include "qorutil/vm_threads.h"
-
 #include <ctime>
 #include <malloc.h>
 
@@ -51,8 +48,6 @@ class DirectThreads : public testing::TestWithParam<const char *> {};
 
 TEST_P(DirectThreads, EqualTheirShadowStacks) {
     WithScene("shop", On(GetParam()), [](Scene &scene) {
-        for (int i = 0; i < MAX_VM_THREADS; i++) // as a request leaves the queue that is broken off
-            add_queue_elem(1);
         ExpectPoll(scene.runners);
         Collect();
         ExpectPoll(scene.runners);
@@ -155,9 +150,6 @@ std::vector<Region> Spoilable(const std::vector<Runner *> &runners) {
             }
         all.push_back({sp, sp ? runner->stackHigh : 0});
     }
-    all.erase(
-        std::remove_if(all.begin(), all.end(), [](const Region &of) { return of.second < of.first + 8; }),
-        all.end());
     return all;
 }
 
@@ -168,8 +160,9 @@ std::function<void()> Spoil(uint64_t seed, const std::vector<Runner *> &runners)
     std::mt19937_64 random(seed);
     const std::vector<Region> regions = Spoilable(runners);
     const auto place = [&] {
-        const auto [low, high] = regions[random() % regions.size()];
-        return low + random() % ((high - low) / 8) * 8;
+        for (;;)
+            if (const auto [low, high] = regions[random() % regions.size()]; low + 8 <= high)
+                return low + random() % ((high - low) / 8) * 8;
     };
     const Word address = place(), old = As<Word>(address);
     const Word values[] = {
@@ -204,11 +197,11 @@ TEST_P(SpoiltMemory, HarmsNobody) {
         size_t bytes = 0;
         const auto clean = [&] { return Untimed(Ask(c.requests[0])); };
         const std::string before = clean();
-        std::copy_if(scene.runners.begin(), scene.runners.end(), std::back_inserter(still),
-                     [](const Runner *runner) { return !Loops(*runner); });
+        for (Runner *runner : scene.runners)
+            if (!Loops(*runner))
+                still.push_back(runner);
         for (auto &[name, object] : scene.named)
-            if (name != "many")
-                named.push_back(object);
+            named.push_back(object);
         for (uint64_t seed = 1; seed <= c.rounds; seed++) {
             std::string request = c.requests[seed % c.requests.size()];
             if (request.back() == '=')
