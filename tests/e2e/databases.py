@@ -229,7 +229,7 @@ class Databases(Case):
             return
         flags = ["-Dhsqldb.method_class_names=Calls.*", "-Djdbc.drivers=net.sourceforge.jtds.jdbc.Driver",
                  "-Dh2.bindAddress=127.0.0.1"]
-        with Compiled(sum((jars(row.jar) for row in rows.values()), []), ["Calls.java"],
+        with Compiled(sum((jars(row.jar) for row in rows.values()), []), "Calls",
                       *(word for name, row in rows.items() for word in row.arguments(name)),
                       anchors=" ".join(row.anchors for row in rows.values()).split(),
                       flags=flags + [f"-XX:CompileCommand=compileonly,{name}*::*"

@@ -182,6 +182,10 @@ class Case(unittest.TestCase):
         """Threads by name."""
         return {t["name"]: t for t in self.json("threads", *options)["threads"]}
 
+    def stack(self, thread):
+        (found,) = self.json("stack", thread)["threads"]
+        return found
+
     def watch(self, command, count=3):
         """The first documents of a series."""
         words = [SETTINGS.qorctl, command, str(self.app.pid), "--json", "--watch", "0.1"]

@@ -10,7 +10,7 @@ import sys
 import tempfile
 
 import jstack
-from harness import LIMIT, NOBODY, SETTINGS, Case, Program, folder, in_root, qorctl, run_tool, wait_until
+from harness import LIMIT, NOBODY, SETTINGS, Case, Program, folder, in_root, run_tool, wait_until
 
 SERIAL = ("-XX:+UseSerialGC", "-Xmx128m")
 SPIN = r"^qoragent\.testing\.Hang\.spin \[C2( osr)?\]$"
@@ -252,8 +252,6 @@ class Hung(Case):
         with Hang() as self.app:
             self.refused(f"can't be read: /proc/{self.app.pid}/maps: Permission denied", "hung",
                          user=NOBODY)
-        self.refused("there is no process", "hung")
-        self.check_refusal("libjvm.so", qorctl("hung", os.getpid()))
         apart = ["unshare", "--pid", "--fork", "--kill-child"]
         if subprocess.run([*apart, "true"], check=False).returncode != 0:
             self.skipTest("no namespaces here")

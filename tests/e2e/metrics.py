@@ -25,20 +25,16 @@ def docs(name):
     return text_of(f"../../docs/metrics/{name}")
 
 
-@contextlib.contextmanager
-def running(*command):
-    with subprocess.Popen([*map(str, command)], env=environment(), stdout=subprocess.PIPE, text=True,
-                          stderr=subprocess.DEVNULL) as process:
-        try:
-            yield process
-        finally:
-            process.terminate()
-
-
 class Metrics(OfTheDemo):
+    def start(self, *command):
+        process = self.enterContext(subprocess.Popen(command, env=environment(), stdout=subprocess.PIPE,
+                                                     text=True, stderr=subprocess.DEVNULL))
+        self.addCleanup(process.terminate)
+        return process
+
     def serve(self, *words):
-        """Where it says that it serves."""
-        process = self.enterContext(running(SETTINGS.qorctl, "metrics", self.app.pid, *words))
+        """And where it says that it serves."""
+        process = self.start(SETTINGS.qorctl, "metrics", str(self.app.pid), *words)
         return process, process.stdout.readline().split()[1]
 
     def value(self, text, name, label=""):
@@ -79,9 +75,8 @@ class Metrics(OfTheDemo):
         with open(f"{place}/prometheus.yml", "w", encoding="ascii") as config:
             config.write(re.sub("1[05]s", "1s", docs("prometheus.yml")).replace("127.0.0.1:9464", target)
                          .replace("alerts.yml", f"{FOLDER}/../../docs/metrics/alerts.yml"))
-        self.enterContext(running(
-            "prometheus", f"--config.file={place}/prometheus.yml", f"--storage.tsdb.path={place}/db",
-            f"--web.listen-address=127.0.0.1:{port}"))
+        self.start("prometheus", f"--config.file={place}/prometheus.yml", f"--storage.tsdb.path={place}/db",
+                   f"--web.listen-address=127.0.0.1:{port}")
         panels = json.loads(docs("dashboard.json"))["panels"]
         queries = [row["expr"].replace("$jvm", ".*") for p in panels for row in p["targets"]]
         queries += [re.sub(r" (>|==) ([\d.]+)$", r" \1 bool \2", alert)

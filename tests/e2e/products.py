@@ -29,19 +29,19 @@ class Compiled(Program):
     The methods `anchors`, whose frames the rules name, are compiled at the last tier after few calls.
     """
 
-    def __init__(self, class_path, sources, *arguments, anchors, flags, scaling=0.02):
-        """Main is the first of the sources. The program runs in a folder with all of them."""
+    def __init__(self, class_path, source, *arguments, anchors, flags, scaling=0.02):
+        """The program runs in a folder with all of them."""
         self.place = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
         inside = self.place[len(SETTINGS.root):]
-        for file in [*class_path, *(f"{FOLDER}/products/{name}" for name in sources)]:
+        for file in [*class_path, f"{FOLDER}/products/{source}.java"]:
             shutil.copy(file, self.place)
         path = f"{inside}/*:{inside}"
-        run_tool("javac", "-nowarn", "-cp", path, "-d", inside, *(f"{inside}/{name}" for name in sources))
+        run_tool("javac", "-nowarn", "-cp", path, "-d", inside, f"{inside}/{source}.java")
         if SETTINGS.version >= 9:  # JDK 8 has no list of what is compiled
             flags = ["-XX:CompileCommand=quiet", "-XX:+PrintCompilation", *flags,
                      *(f"-XX:CompileCommand=option,*{colons(method)},double,CompileThresholdScaling,{scaling}"
                        for method in anchors)]
-        super().__init__(*flags, "-cp", path, sources[0][:-5], *arguments, before=("env", "-C", inside))
+        super().__init__(*flags, "-cp", path, source, *arguments, before=("env", "-C", inside))
 
     def warm_up(self, anchors, order="warm"):
         """Until they are compiled at the last tier, by the JVM's own list."""

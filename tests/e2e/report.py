@@ -22,7 +22,7 @@ return {samples: Number(byId('counted').dataset.samples), flame: tree.value,
     ({...sums, [to.name + ' ' + lock]: (sums[to.name + ' ' + lock] || 0) + count}), {}),
   roots: layOut(graph).nodes.filter(node => !node.waits.length).map(node => node.name).sort(),
   stuck: stuckThreads().map(([thread]) => data.threads.id[thread]).sort(), heap: data.heap,
-  layers: document.querySelectorAll('#time .layer').length, chosen: [choice.from, choice.to]}"""
+  chosen: [choice.from, choice.to]}"""
 
 
 def hostile(line):
@@ -62,7 +62,7 @@ def sums_of(samples):
     states = collections.Counter(row["state"] for row in rows)
     waiting = [row for row in rows if "owner" in row.get("waits_for", {})]
     owners = {row["waits_for"]["owner"] for row in waiting} - {row["id"] for row in waiting}
-    return {"samples": len(rows), "flame": len(rows), "states": states, "layers": len(states),
+    return {"samples": len(rows), "flame": len(rows), "states": states,
             "sql": collections.Counter(row["db"]["sql"].replace(MARKUP, SEEN) if "db" in row else "no SQL"
                                        for row in rows),
             "locks": collections.Counter(row["name"] + " " + row["waits_for"]["class"] for row in waiting),

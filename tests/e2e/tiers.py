@@ -10,32 +10,27 @@ class Tiers(OfTheDemo):
     OPTIONS = "dbquery=1,handquota=100,localquota=100"
     SQL = "select id, total from orders where state = 'open' order by placed"
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        truths = cls.app.truths()
-        cls.database, cls.web, cls.file = (truths[f"demo-{name}"]
-                                           for name in ("database", "web", "file-read"))
-
     def check_threads(self, threads):
         database, web, file = (threads[f"demo-{name}"] for name in ("database", "web", "file-read"))
-        call, truth = database["db"], self.database
+        call, truths = database["db"], self.app.truths()
+        truth = truths["demo-database"]
         self.assertEqual((database["state"], call["type"], call["url"], call["user"], call["remote_host"],
                           str(call["local_port"]), str(call["remote_port"]), call["sql"]),
                          ("DB Wait", "DEEPDIVE_TESSAR_DB", truth["url"], truth["user"], "127.0.0.1",
                           truth["local_port"], truth["remote_port"], self.SQL))
-        self.assertEqual((web["request"]["url"], file["file"]), (self.web["url"], self.file["file"]))
+        self.assertEqual((web["request"]["url"], file["file"]),
+                         (truths["demo-web"]["url"], truths["demo-file-read"]["file"]))
         self.assertFalse("request" in database or {"db", "file"} & {*web})
 
     def test_samples_show_database_url_and_file(self):
         threads = self.threads("--details", "--all")
         self.check_threads(threads)
-        self.check_threads({name: self.json("stack", name)["threads"][0]
+        self.check_threads({name: self.stack(name)
                             for name in ("demo-database", "demo-web", "demo-file-read")})
         self.assertGreater(threads["demo-compute"]["cpu_nanoseconds"], 0)
         self.assertGreater(threads["main"]["allocated_bytes"], 0)
         without_locals = self.answer("raw", "8964|showstack|32768").out
-        self.assertNotIn(self.web["url"], without_locals)
+        self.assertNotIn(threads["demo-web"]["request"]["url"], without_locals)
         self.assertEqual(list(self.threads("--match", "FROM ORDERS")), ["demo-database"])
 
     def test_samples_by_hand_have_a_share_of_time(self):
@@ -71,7 +66,7 @@ class Tiers(OfTheDemo):
 
     def test_connections(self):
         thread = self.threads()["demo-database"]
-        port = self.database["local_port"]
+        port = self.app.truths()["demo-database"]["local_port"]
         self.assertRegex(self.answer("connections").out, rf"(?m)^ *{port}  127\.")
         holder = self.json("connections", "--port", port)
         self.assertEqual((holder["client_port"], holder["now"], holder["thread"]), (

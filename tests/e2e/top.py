@@ -10,8 +10,6 @@ import pyte
 
 from harness import SETTINGS, LIMIT, OfTheDemo, environment, wait_until
 
-HEAD = 4  # rows above a table
-
 
 class Terminal(contextlib.AbstractContextManager):
     """qorctl top on a terminal of so many columns and rows."""
@@ -54,7 +52,7 @@ class Top(OfTheDemo):
                 top.type("ai", "by id  idle ones too")
                 top.shows("demo-sleep")
                 known = self.threads("--all")
-                table = top.screen.display[HEAD + 1:-1]
+                table = top.screen.display[5:-1]
                 for line in filter(str.strip, table):
                     self.assertIn(line.split()[0], [str(t["id"]) for t in known.values()])
                 for name in ("demo-lock-wanter", "demo-sleep"):

@@ -5,11 +5,6 @@ from harness import OfTheDemo, on_terminal, qorctl, run_tool
 
 
 class Views(OfTheDemo):
-    def stack(self, thread):
-        sample = self.json("stack", thread)
-        self.assertEqual((sample["cut"], len(sample["threads"])), (False, 1))
-        return sample["threads"][0]
-
     def test_stacks_are_whole_and_locks_have_their_holders(self):
         deep = [row["index"] for row in self.stack("demo-deep-stack")["stack"]]
         self.assertEqual(deep, [*range(len(deep))])

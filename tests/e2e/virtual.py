@@ -42,10 +42,6 @@ class OfVirtual(Case):
         return {int(t["tid"]): (t["name"], [re.sub(r"\(.*|^.*/", "", frame) for frame in t["stack"]])
                 for container in containers for t in container["threads"]}
 
-    def one(self, thread):
-        (found,) = self.json("stack", thread)["threads"]
-        return found
-
 
 class Virtual(OfVirtual):
     FLAGS = ("-Djdk.virtualThreadScheduler.parallelism=8",)
@@ -75,7 +71,7 @@ class Virtual(OfVirtual):
                          sum("java.lang.VirtualThread.run" in calls for _, calls in truth.values()))
         (holder,) = [w["holder"] for w in self.json("locks")["waits"] if w["waiter"]["name"] == "p-wants"]
         self.assertEqual((holder["name"], holder["virtual"]), ("v-owner", True))
-        owner = self.one(holder["id"])
+        owner = self.stack(holder["id"])
         self.assertEqual((owner["name"], owner["stack"][0]["method"], truth[holder["id"]][0]),
                          ("v-owner", "own", "v-owner"))
         self.assertIn(f"held by virtual thread #{holder['id']} v-owner", self.answer("locks").out)
@@ -85,7 +81,7 @@ class Virtual(OfVirtual):
         hashes = dict(re.findall(r"(monitor|class) (\d+)", self.app.output()))
         for waiter, lock, holder in (("m-wants", "monitor", "m-holds"), ("m-wants-class", "class", "m-wants"),
                                      ("m-platform", "monitor", "m-holds")):
-            thread, said = self.one(ids[waiter]), self.answer("locks", ids[waiter]).out
+            thread, said = self.stack(ids[waiter]), self.answer("locks", ids[waiter]).out
             self.assertEqual((thread["state"], str(thread["waits_for"]["lock"])), ("Lock", hashes[lock]))
             self.assertIn(f"<{hashes[lock]}>", said)
             self.assertIn(f'held by "{holder}" #{ids[holder]} ', said)
@@ -94,7 +90,7 @@ class Virtual(OfVirtual):
         held = self.json("locals", ids["m-platform"], 0)["locals"]  # listed after a carrier
         self.assertEqual(held[0]["type"], "java.util.concurrent.CountDownLatch")
         if SETTINGS.version >= WITH_SNAPSHOTS:
-            thread = self.one(ids["m-holds"])
+            thread = self.stack(ids["m-holds"])
             owned = [(str(o["lock"]), thread["stack"][o["depth"]]["method"]) for o in thread["owns"]]
             self.assertEqual(owned, [(hashes["monitor"], "hold")])
 
@@ -145,7 +141,7 @@ class VirtualGroups(OfVirtual):
         self.assertEqual(waits, "java.util.concurrent.locks.ReentrantLock$NonfairSync")
         self.assertEqual(owner.split("-")[1], self.app.output().split()[1])
         (caller,) = [group for group in groups if "select total from " in str(group)]
-        thread = self.one(caller[1])
+        thread = self.stack(caller[1])
         self.assertEqual(thread["state"], "DB Wait")
         self.assertIn(thread["db"]["sql"], str(caller))
         frame = next(f for f in thread["stack"] if f["method"] == "queryDatabase")

@@ -25,8 +25,7 @@ ANCHORS = (
 class Web(Case):
     def test_requests_and_remote_calls(self):
         if not jars(*JARS):
-            self.skipTest("install libjetty9-java, libtomcat9-java, libnetty-java, libhttpclient-java, "
-                          "libhttpclient5-java, libokhttp-java, libgrpc-java and libperfmark-java")
+            self.skipTest("a container or a client isn't installed")
         if SETTINGS.version < 11:  # which java.net.http needs as well
             self.skipTest("Netty, HttpClient 5 and gRPC as Debian builds them need Java 9")
         anchors = ANCHORS + ["HttpClientImpl.send"] * (SETTINGS.version >= 17)
@@ -37,7 +36,7 @@ class Web(Case):
                  "san=ip:127.0.0.1", "-storepass", "secret", "-keystore", keys)
         flags += ["-XX:PerMethodTrapLimit=0", "-XX:PerBytecodeTrapLimit=0",
                   f"-Djavax.net.ssl.trustStore={keys}", "-Djavax.net.ssl.trustStorePassword=secret"]
-        with Compiled(jars(*JARS), ["Web.java"], anchors=anchors, scaling=0.005, flags=flags) as self.app:
+        with Compiled(jars(*JARS), "Web", anchors=anchors, scaling=0.005, flags=flags) as self.app:
             self.answer("attach", "--options", "handquota=100,localquota=100")
             self.check("cold")
             self.app.warm_up(anchors)
