@@ -189,15 +189,10 @@ TEST(DirectLocals, EqualWhatTheirFramesHold) {
                 const std::vector<std::string> fields = Split(row, FIELD);
                 if (fields.size() != 9)
                     continue;
-                std::vector<std::string> place(fields.begin() + 1, fields.begin() + 6);
+                const std::vector<std::string> place(fields.begin() + 1, fields.begin() + 6);
                 const std::string name = runner->info->name + " " + std::to_string(frames++);
                 if (shown.count(name)) {
                     EXPECT_EQ(Legible(AskLocals(place)), shown.at(name)) << name;
-                }
-                for (size_t field : {place[0] == "1" ? 2 : 1, 4}) { // no such code, stack or method
-                    auto other = place;
-                    other[field] = "12345";
-                    EXPECT_NE(AskLocals(other).find("Frame\x1e"), 0u) << field;
                 }
             }
             EXPECT_EQ(frames, ShadowStack(*runner->script).size());

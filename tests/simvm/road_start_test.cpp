@@ -38,9 +38,6 @@ TEST(RoadStart, SucceedsOnTheJvmThatTheVersionNamesAndOnNoOther) {
         {"22", "07", START_FAILED},
         {"22", "22", START_FAILED, BeCompiled},
         {"22", "22", START_OK, BeCollecting},
-        {"22 client", "22", START_OK},
-        {"07 parallel", "07", START_OK},
-        {"22 cms", "22", START_OK},
         {"07", "07", START_OK},
         {"08", "08", START_OK},
     };

@@ -6,9 +6,7 @@ namespace simvm {
 
 namespace {
 
-std::string SignatureOf(const Value &value, bool isText) {
-    if (isText)
-        return "Ljava/lang/String;";
+std::string SignatureOf(const Value &value) {
     if (!value.object)
         return value.real == double(value.number) ? "I" : "D";
     const std::string &name = value.object->type->name;
@@ -94,11 +92,10 @@ Value SceneText::ReadObject(const std::string &type) {
     for (bool more = Take("{"); more && !Take("}");) {
         const std::string name = Until(",="), signature = Take(",") ? Until("=") : "";
         Take("=");
-        const bool isText = Next() == '"';
         values.emplace_back(name, ReadValue());
         if (!FindClass(type) && !HasField(super, name))
-            definition += " " + name + "," +
-                          (signature.empty() ? SignatureOf(values.back().second, isText) : signature);
+            definition +=
+                " " + name + "," + (signature.empty() ? SignatureOf(values.back().second) : signature);
     }
     DefineClass(definition);
     return New(type, values);
@@ -162,8 +159,7 @@ Scope SceneText::ReadScope() {
     for (size_t i = 0; Next() && kept.find(Next()) != kept.npos; i++) {
         const auto how = Kept(kept.find(line_[at_++]));
         const Value value = ReadValue();
-        scope.variables.push_back(
-            {i < arguments.size() ? arguments[i] : SignatureOf(value, false), value, how});
+        scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value), value, how});
     }
     return scope;
 }
