@@ -10,7 +10,6 @@ jint Java_qoragent_Agent_initvar(JNIEnv *, jobject, jint, jint, jint, jint, jint
                                  jobject, jobject, jobject, jobject, jstring, jobject, jstring, jstring, jint,
                                  jint, jint, jint, jint, jint);
 jstring Java_qoragent_Agent_dataFromNative(JNIEnv *, jobject, jstring);
-void Java_qoragent_Agent_setRelayPort(JNIEnv *, jobject, jint);
 }
 
 struct StartArguments {

@@ -180,7 +180,7 @@ std::map<int64_t, TrueThread> ThreadTruth() {
         if (fields >> kind && kind == "thread") {
             fields >> id;
             current = &threads[id];
-            std::getline(fields >> current->depth >> std::ws, current->name);
+            std::getline(fields >> std::ws, current->name);
         } else {
             current->lines.push_back(line);
         }

@@ -88,7 +88,6 @@ std::string ZooKey(const std::string &kind);
 // What the JVM says of a thread: a line for each frame, without those of classes made at run time, and lock.
 struct TrueThread {
     std::string name;
-    int depth = 0; // frames, all of them
     std::vector<std::string> lines;
 };
 

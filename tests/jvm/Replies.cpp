@@ -80,7 +80,7 @@ std::vector<std::string> Describe(const qorctl::Thread &thread) {
 
 } // namespace
 
-int ExpectTruth(const qorctl::ThreadSample &sample, const char *what) {
+int ExpectTruth(const qorctl::ThreadSample &sample) {
     int compared = 0;
     for (const auto &[id, truth] : ThreadTruth()) {
         if (truth.name.rfind("zoo-", 0) != 0 || truth.name == "zoo-spin") // that one runs: its line moves
@@ -90,7 +90,7 @@ int ExpectTruth(const qorctl::ThreadSample &sample, const char *what) {
         if (!shown)
             continue;
         EXPECT_EQ(shown->key.thread, id) << truth.name;
-        EXPECT_EQ(Describe(*shown), truth.lines) << truth.name << " " << what;
+        EXPECT_EQ(Describe(*shown), truth.lines) << truth.name;
         compared++;
     }
     return compared;

@@ -27,7 +27,7 @@ const qorctl::Thread *Find(const qorctl::ThreadSample &sample, const std::string
 std::string CallOf(const qorctl::Frame &frame);
 
 // Compares the threads of the zoo in a sample with what the JVM says of them now; how many they were.
-int ExpectTruth(const qorctl::ThreadSample &sample, const char *what = "");
+int ExpectTruth(const qorctl::ThreadSample &sample);
 
 // A reply with "|" between fields, a line for each record and "$" at the end of a section.
 std::string Legible(std::string reply);

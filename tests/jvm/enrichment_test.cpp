@@ -63,28 +63,28 @@ struct Enrichment : SessionTest {
 constexpr char ACTIVE[] = "JVM Active Threads|a/one/Runnable|a/two/Lock|a/three/Lock|#";
 constexpr char DETAILS[] = "Thread Info Details|one/Runnable#Call Stack|Thread Info Details#JVM Locks|l|#"
                            "Thread Info Details|Thread Info Details/Lock#Call Stack|g#";
+// More than JNI lets pile up in one frame.
 constexpr char MANY[] = "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
 constexpr char MARKED[] = "JVM Active Threads|a/one/{DB Wait[10]u/v|a/two/{RMI Wait[~1/2|a/three/{Lock|#";
 
 struct MergeCase {
-    const char *what;
     int level;
     const char *reply, *threads, *answer;
     const char *expected = nullptr; // null: as the reply
 };
 constexpr MergeCase CASES[] = {
-    {"after each row", 0, ACTIVE, "xxx", "/A|/B/b|/|",
-     "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B/b|a/three/Lock/|#"},
-    {"one didn't go; before the start mark", 0, ACTIVE, "x-x", "junk/A|{q/r}<s/t>/C|x",
+    {0, ACTIVE, "xxx", "/A|/B/b|/|", "JVM Active Threads|a/one/Runnable/A|a/two/Lock/B/b|a/three/Lock/|#"},
+    // One didn't go, and something is before the start mark.
+    {0, ACTIVE, "x-x", "junk/A|{q/r}<s/t>/C|x",
      "JVM Active Threads|a/one/Runnable/A|a/two/Lock|a/three/Lock/C|#"},
-    {"with stacks", 0, DETAILS, "xx", "/A|/B|",
+    {0, DETAILS, "xx", "/A|/B|",
      "Thread Info Details|one/Runnable/A#Call Stack|Thread Info Details#JVM Locks|l|#"
      "Thread Info Details|Thread Info Details/Lock/B#Call Stack|g#"},
-    {"null", 0, ACTIVE, "xxx", "null"},
-    {"more threads than JNI lets pile up in one frame", 0, ACTIVE, MANY, "throw"},
-    {"no start mark", 0, ACTIVE, "xxx", "/A|B|/C|"},
-    {"a section end in a text", 0, ACTIVE, "xxx", "/A|/B#|/C|"},
-    {"marks", 3, MARKED, "xxx", "{Q/q}<D>/A|{Q}/B|/{Q}C|",
+    {0, ACTIVE, "xxx", "null"},
+    {0, ACTIVE, MANY, "throw"},
+    {0, ACTIVE, "xxx", "/A|B|/C|"},
+    {0, ACTIVE, "xxx", "/A|/B#|/C|"},
+    {3, MARKED, "xxx", "{Q/q}<D>/A|{Q}/B|/{Q}C|",
      "JVM Active Threads|a/one/Q/qD/A|a/two/QRMI Wait[~1/2/B|a/three/QLockC|#"},
 };
 
@@ -95,7 +95,7 @@ TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
         poll_details = c.reply == DETAILS;
         reqid = poll_details ? QORREQ_POLL_DETAILS : QORREQ_ACTIVE_THREADS;
         gbiOptimizationLevel = c.level;
-        EXPECT_EQ(Merge(c.reply, c.threads, c.answer), Coded(c.expected ? c.expected : c.reply)) << c.what;
+        EXPECT_EQ(Merge(c.reply, c.threads, c.answer), Coded(c.expected ? c.expected : c.reply)) << c.answer;
         EXPECT_NE(EnricherAsked::Asked(), "");
     }
 }

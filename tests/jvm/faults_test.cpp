@@ -123,7 +123,6 @@ struct Faults : AgentTest {
             EXPECT_LE(GlobalReferences(), references) << request.text;
         }
         EXPECT_GE(places, 10);
-        RecordProperty("places", places);
     }
 
     int64_t blocks_, kept_; // when an agent has ended; of them, what requests left

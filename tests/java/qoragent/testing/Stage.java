@@ -16,14 +16,12 @@ public final class Stage {
 
     /**
      * Starts a part: "three" is in three(a, b, c); "nested" in the frames inner and innermost, both with a;
-     * "recursion" in fall(a), fall(b), fall(c), with c on top; "hot" in a compiled frame whose only object is a
-     * constant of its code: a.
+     * "hot" in a compiled frame whose only object is a constant of its code: a.
      */
     public static void enter(String part, String name, Object a, Object b, Object c) throws Exception {
         Map<String, Resident.Walk> parts = new HashMap<>();
         parts.put("three", gate -> three(a, b, c, gate));
         parts.put("nested", gate -> inner(a, gate));
-        parts.put("recursion", gate -> fall(a, new Object[] {a, b, c}, 0, gate));
         parts.put("hot", gate -> Hot.stay(a, gate));
         Zoo.admit(Resident.parked(name, parts.get(part)));
     }
@@ -43,14 +41,6 @@ public final class Stage {
     static void innermost(Object a, Resident.Gate gate) {
         gate.pass();
         seen = a;
-    }
-
-    static void fall(Object mine, Object[] all, int depth, Resident.Gate gate) {
-        if (depth + 1 < all.length)
-            fall(all[depth + 1], all, depth + 1, gate);
-        else
-            gate.pass();
-        seen = mine;
     }
 
     /** Its class is initialised with the object that its compiled code then holds. */

@@ -13,7 +13,7 @@ public final class Truth {
     private Truth() {}
 
     /**
-     * All live threads, by ThreadMXBean.dumpAllThreads(true, false): a line "thread", id, number of frames and name; a
+     * All live threads, by ThreadMXBean.dumpAllThreads(true, false): a line "thread", id and name; a
      * line for each frame, without those of classes made at run time; the locks in order.
      */
     public static String threads() {
@@ -27,7 +27,7 @@ public final class Truth {
 
     private static void describe(StringBuilder text, ThreadInfo info) {
         StackTraceElement[] frames = info.getStackTrace();
-        text.append("thread " + info.getThreadId() + " " + frames.length + " " + info.getThreadName() + "\n");
+        text.append("thread " + info.getThreadId() + " " + info.getThreadName() + "\n");
         for (StackTraceElement frame : frames) {
             String call = frame.getClassName() + "->" + frame.getMethodName();
             int line = frame.getLineNumber();
