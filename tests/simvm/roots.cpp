@@ -82,9 +82,9 @@ void StageThread(JavaThread &java) {
 
 // A ring that a request for each operation goes round.
 Word NewRing(int operations) {
-    std::vector<VmOperation *> ring;
-    for (int i = 0; i < operations; i++)
-        ring.push_back(Make<VmOperation>());
+    std::vector<VmOperation *> ring(operations);
+    for (VmOperation *&operation : ring)
+        operation = Make<VmOperation>();
     Chain(ring, &VmOperation::next);
     return ring.back()->next = Word(ring.front());
 }

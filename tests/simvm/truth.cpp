@@ -57,6 +57,10 @@ HeapDump ReadDump(const std::string &path) {
         const Word relative = strtoull(text.c_str(), nullptr, 16);
         return Hex(relative ? relative + base : 0);
     };
+    const auto add = [&dump](const std::string &text, bool mayRepeat = false) {
+        if (!dump.lines.insert(text).second && !mayRepeat)
+            dump.lines.insert("again " + text);
+    };
     while (std::getline(in, line) && line.rfind(" Finished ", 0) != 0) {
         const std::vector<std::string> parts = Split(line, '|');
         const size_t count = parts.size(), isArray = line[1] == '[';
@@ -65,12 +69,13 @@ HeapDump ReadDump(const std::string &path) {
         if (line[0] == 'S' && count > 2) {
             const std::string &name = parts[count - 2];
             if (name == "thread_local" || name.rfind("interpreter_frame_", 0) == 0)
-                line = FRAME + parts[1] + "|" + name + " " + at;
+                add(FRAME + parts[1] + "|" + name + " " + at, true);
             else
-                line = line.substr(0, 2) + " " + (strchr("zABCt", line[1]) ? "" : name) + " " + at;
+                add(line.substr(0, 2) + " " + (strchr("zABCt", line[1]) ? "" : name) + " " + at, true);
         } else if (strchr("RIL", line[0]) && count <= 2) {
-            line = object + " " + line[0] +
-                   (count == 2 ? at + ">" + address(parts[1]) : std::to_string(elements++) + ">" + at);
+            const std::string to =
+                count == 2 ? at + ">" + address(parts[1]) : std::to_string(elements++) + ">" + at;
+            add(object + " " + line[0] + to);
         } else if (strchr("POCEF", line[0]) && count > isArray + 1) {
             object = at;
             elements = 0;
@@ -79,11 +84,9 @@ HeapDump ReadDump(const std::string &path) {
                 text += line.substr(parts[0].size() + parts[1].size() + 2) + "|";
             for (size_t i = isArray + 2; i < count && line[1] != '1'; i++)
                 text += address(parts[i]) + "|";
-            line = text + (isArray ? parts[0].substr(2) + "|" : "");
-        }
-        const bool mayRepeat = line[0] == 'S' || line.rfind(FRAME, 0) == 0;
-        if (!dump.lines.insert(line).second && !mayRepeat)
-            dump.lines.insert("again " + line);
+            add(text + (isArray ? parts[0].substr(2) + "|" : ""));
+        } else
+            add(line);
     }
     if (!in)
         dump.lines.insert("not finished");
