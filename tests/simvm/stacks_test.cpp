@@ -152,24 +152,28 @@ void ExpectPollWith(const Scene &scene, const std::string &key, const char *name
             ExpectRow(*runner, threads[Key(*runner->info)]);
 }
 
-// A thread held at the first instruction of compiled code, or where that has saved fp and set its own, or in
-// code that isn't the VM's.
+// A thread held at the first instruction of compiled code, or where that has saved fp and set its own, or two
+// frames into code that isn't the VM's.
 void ExpectCallersOfHalfBuiltFrames(JavaThread &thread) {
     for (int saved : {0, 1, 2}) {
         Stack stack(thread);
         const Word sp = stack.top;
-        stack.top += saved ? 16 : 8;
+        const Word last = saved == 2 ? sp + 16 : sp; // where the caller's registers are
+        stack.top = saved ? last + 16 : sp + 8;
         LayOut(&stack, "i stub");
         const Word fp = thread.anchorFp;
-        As<Word>(sp) = fp;
-        As<Word>(saved ? sp + 8 : sp) = InInterpreter();
+        As<Word>(sp) = last;
+        if (saved == 2)
+            As<Word>(sp + 8) = sp;
+        As<Word>(last) = fp;
+        As<Word>(saved ? last + 8 : sp) = InInterpreter();
         QorStackWalk walk = {};
         walk.at = {sp, saved == 2 ? sp : EntryOf(CodeOf(1)), saved ? sp : fp};
         walk.held = true;
         QorForgetPages();
         QorReadCodeRanges(&walk.code);
         QorWalkStack(&walk);
-        EXPECT_EQ(walk.records, saved == 2 ? 1 : 2) << saved;
+        ASSERT_EQ(walk.records, saved == 2 ? 1 : 2) << saved;
         EXPECT_EQ(frame_info[walk.records - 1].method, turn) << saved;
     }
 }
