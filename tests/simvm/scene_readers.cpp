@@ -23,7 +23,6 @@ static readers/All.last = all
 plain := readers/Plain
 
 let STRING java/lang/String
-negative-count := $STRING{value='negative' count=-1}
 odd-text := $STRING{value=[C(111 100 100 32 0x80 0xe9 0xff 0 29 30 31 124) count=12}
 part := $STRING{value='a part of it' offset=2 count=4}
 wide-text := $STRING{value=[C(97 0xd83d 0xde00 0xd83d 98 0xde00 0x20ac) count=7}
