@@ -121,7 +121,7 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
         while (QorWorkerLives())
             usleep(1000);
         EXPECT_EQ(last.descriptors, still.descriptors);
-        EXPECT_LT(last.bytes, first.bytes + 16384 + lives * 128); // a life is kept as its description
+        EXPECT_LT(last.bytes, first.bytes + 16384 + lives * 192); // a life is kept as its description
         ExpectVmsSignalHandler();
     });
 }
