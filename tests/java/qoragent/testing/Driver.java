@@ -1,6 +1,7 @@
 package qoragent.testing;
 
 import java.io.IOException;
+import java.net.InetSocketAddress;
 import java.net.Socket;
 import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
@@ -17,12 +18,13 @@ public final class Driver {
     byte[] bytes = "GET /shop/orders HTTP".getBytes(java.nio.charset.StandardCharsets.US_ASCII);
     int from = 4;
     int to = 16;
+    ServerSocketChannel server;
     Socket channel;
 
     public static Object open() throws IOException {
         Driver driver = new Driver();
-        ServerSocketChannel server = ServerSocketChannel.open().bind(null);
-        driver.channel = SocketChannel.open(server.getLocalAddress()).socket();
+        driver.server = ServerSocketChannel.open().bind(new InetSocketAddress("127.0.0.1", 0));
+        driver.channel = SocketChannel.open(driver.server.getLocalAddress()).socket();
         return driver;
     }
 
