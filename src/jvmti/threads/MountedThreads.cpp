@@ -182,4 +182,5 @@ jvmtiError QorTakeStacks(jint depth, jvmtiStackInfo **stacks, jint *count, QorTh
 
 void QorForgetMounted() {
     sight = NOT_TRIED;
+    continuation = nullptr;
 }

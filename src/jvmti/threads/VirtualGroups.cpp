@@ -24,6 +24,7 @@ constexpr jint READ_DEPTH = VIRTUAL_DEPTH + MOST_SCHEDULER_FRAMES;
 constexpr jint REFERENCES = VIRTUAL_WALK_REFERENCES + BATCH;
 constexpr int64_t LONGEST_REST_USEC = 20000;
 constexpr int64_t STOPPED_SHARE = 5; // stops may have this part of a sample's time
+constexpr int32_t MOST_READS = 3;    // of a thread that switches meanwhile
 
 struct Defaults {
     int32_t threads, milliseconds;
@@ -202,18 +203,30 @@ void ReadBatch(Sampler *sampler, bool rest) {
     }
 }
 
-// One thread after another, without a stop: only the one that is read is kept from being switched. Its stack
-// and its state are of the same moment if the state was the same before.
+// A stack and the state that the thread had before and after: almost surely of one moment. Of a thread that
+// switches all the time the last ones. False for one that has ended.
+bool ReadThread(jthread thread, jint *state, jvmtiFrameInfo *frames, jint *count) {
+    jint before = 0;
+    if (jvmti->GetThreadState(thread, &before) != JVMTI_ERROR_NONE)
+        return false;
+    for (int32_t i = 0; i < MOST_READS; i++, before = *state) {
+        if (jvmti->GetStackTrace(thread, 0, READ_DEPTH, frames, count) != JVMTI_ERROR_NONE ||
+            jvmti->GetThreadState(thread, state) != JVMTI_ERROR_NONE)
+            return false;
+        if (*state == before)
+            break;
+    }
+    return true;
+}
+
+// One thread after another, without a stop: only the one that is read is kept from being switched.
 void ReadSingly(Sampler *sampler) {
     const int64_t start = QorVirtualClock();
     for (int32_t i = 0; i < sampler->held; i++) {
         jvmtiFrameInfo frames[READ_DEPTH];
-        jint before = 0, after = 0, count = 0;
-        jthread thread = sampler->threads[i];
-        if (jvmti->GetThreadState(thread, &before) == JVMTI_ERROR_NONE &&
-            jvmti->GetStackTrace(thread, 0, READ_DEPTH, frames, &count) == JVMTI_ERROR_NONE &&
-            jvmti->GetThreadState(thread, &after) == JVMTI_ERROR_NONE && before == after)
-            AddStack(sampler, thread, after, frames, count);
+        jint state = 0, count = 0;
+        if (ReadThread(sampler->threads[i], &state, frames, &count))
+            AddStack(sampler, sampler->threads[i], state, frames, count);
     }
     sampler->sample->stopUsec += QorVirtualClock() - start;
 }
@@ -221,7 +234,9 @@ void ReadSingly(Sampler *sampler) {
 void ReadHeld(Sampler *sampler, bool othersFollow) {
     if (sampler->held == 0)
         return;
-    if (sampler->batches)
+    if (QorStopsAreSpent(*sampler->walk))
+        sampler->walk->cut = true;
+    else if (sampler->batches)
         ReadBatch(sampler, othersFollow);
     else
         ReadSingly(sampler);
@@ -275,7 +290,7 @@ void TakeSample(const QorVirtualLimits &limits, bool countOnly, QorVirtualSample
     walk.data = &sampler;
     walk.most = limits.threads > 0 ? limits.threads : defaults.threads;
     walk.deadline = QorVirtualClock() + usec;
-    walk.mostStopUsec = usec / STOPPED_SHARE;
+    walk.mostStopUsec = batches ? usec / STOPPED_SHARE : 0;
     QorWalkVirtualThreads(&walk);
     ReadHeld(&sampler, false);
     TakeCounts(walk, sample);

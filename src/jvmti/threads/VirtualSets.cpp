@@ -144,7 +144,7 @@ bool VisitSet(jobject set, uint32_t start, uint32_t stride, const Visit &visit, 
         const uint32_t slot = (start + i * stride) & (length - 1);
         if (!VisitBin(slots, static_cast<jint>(slot), 0, visit))
             return false;
-        if (i % SLOTS_PER_LOOK == SLOTS_PER_LOOK - 1 && !goOn())
+        if (i % SLOTS_PER_LOOK == SLOTS_PER_LOOK - 1 && i + 1 < length && !goOn())
             return false;
     }
     return true;
@@ -191,9 +191,8 @@ bool IsStoppedFor(const QorVirtualWalk &walk, int64_t usec) {
 }
 
 bool IsOver(QorVirtualWalk *walk) {
-    if (!walk->ended &&
-        (QorVirtualClock() >= walk->deadline || IsStoppedFor(*walk, walk->mostStopUsec) || qorLeave != 0))
-        walk->ended = walk->cut = true;
+    walk->ended =
+        walk->ended || QorVirtualClock() >= walk->deadline || QorStopsAreSpent(*walk) || qorLeave != 0;
     return walk->ended;
 }
 
@@ -208,14 +207,16 @@ void VisitScopes(QorVirtualWalk *walk, jobject thread) {
         if (!scope.IsA(qorVirtual.flockContainer))
             continue;
         const Local threads(ThreadsOf(scope.ref));
-        VisitSet(
+        const bool all = VisitSet(
             threads.ref, 0, 1,
             [&](jobject forked) {
                 walk->inScopes += QorIsVirtualThread(forked);
                 return VisitThread(walk, forked);
             },
             [&] { return !IsOver(walk); });
+        walk->cut = walk->cut || !all;
     }
+    walk->cut = walk->cut || scope.ref;
     walk->depth--;
 }
 
@@ -236,8 +237,12 @@ bool VisitThread(QorVirtualWalk *walk, jobject thread) {
 
 // Visits as many threads of the set as are its share of those that may still be visited.
 void WalkSet(QorVirtualWalk *walk, jobject set, int64_t size) {
-    if (size == 0 || IsOver(walk)) // here too, as a small set ends before its own look at the clock
+    if (size == 0)
         return;
+    if (IsOver(walk)) { // here too, as a small set ends before its own look at the clock
+        walk->cut = true;
+        return;
+    }
     const int64_t left = walk->most - walk->visited, expected = std::max(walk->expected, size);
     const bool whole = expected <= left;
     const int64_t share = whole ? left : std::max<int64_t>(1, left * size / expected);
@@ -257,11 +262,21 @@ void WalkSet(QorVirtualWalk *walk, jobject set, int64_t size) {
     // Threads that only switch mostly run in the table's order: a visit that has it too meets each at its
     // switch.
     const bool inOrder = walk->most == VIRTUAL_ALL_THREADS;
-    VisitSet(
+    const bool all = VisitSet(
         set, inOrder ? 0 : Random(walk), inOrder ? 1 : Random(walk) | 1,
         [&](jobject thread) { return VisitThread(walk, thread) && (whole || goOn()); }, goOn);
-    walk->cut = walk->cut || partly;
+    walk->cut = walk->cut || !all;
     walk->expected -= size;
+}
+
+void WalkRootAndExecutors(QorVirtualWalk *walk) {
+    const Local root(StaticField(qorVirtual.trackingRoot, qorVirtual.rootThreads));
+    WalkSet(walk, root.ref, SizeOf(root.ref));
+    VisitExecutors(walk, [&](jobject container) {
+        const Local threads(ThreadsOf(container));
+        WalkSet(walk, threads.ref, SizeOf(threads.ref));
+        return !walk->ended;
+    });
 }
 
 // Visits the scopes that platform threads have opened, and counts what is mounted on them.
@@ -311,18 +326,17 @@ int64_t QorVirtualClock() {
     return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
 }
 
+bool QorStopsAreSpent(const QorVirtualWalk &walk) {
+    return IsStoppedFor(walk, walk.mostStopUsec);
+}
+
 void QorWalkVirtualThreads(QorVirtualWalk *walk) {
     walk->random = static_cast<uint64_t>(QorVirtualClock()) * 0x9e3779b97f4a7c15U;
     if (walk->most != VIRTUAL_ALL_THREADS)
         CountThreads(walk);
     walk->ended = !walk->visit;
-    const Local root(StaticField(qorVirtual.trackingRoot, qorVirtual.rootThreads));
-    WalkSet(walk, root.ref, SizeOf(root.ref));
-    VisitExecutors(walk, [&](jobject container) {
-        const Local threads(ThreadsOf(container));
-        WalkSet(walk, threads.ref, SizeOf(threads.ref));
-        return !IsOver(walk);
-    });
+    if (walk->visit)
+        WalkRootAndExecutors(walk);
     WalkPlatformThreads(walk);
 }
 

@@ -49,6 +49,9 @@ struct QorVirtualWalk {
     bool ended;
 };
 
+// Whether the visitor has stopped the JVM for as long as it may.
+bool QorStopsAreSpent(const QorVirtualWalk &walk);
+
 // Visits threads until one of the limits; the caller has set the members before `stopUsec`, all others are 0.
 void QorWalkVirtualThreads(QorVirtualWalk *walk);
 
