@@ -142,8 +142,8 @@ def qorctl(*words, user=None, text=None):
                                  env=environment(), check=False))
 
 
-def run_tool(name, *words):
-    return subprocess.run(in_root([f"{SETTINGS.jdk}/bin/{name}", *map(str, words)]),
+def run_tool(name, *words, jdk=None):
+    return subprocess.run(in_root([f"{jdk or SETTINGS.jdk}/bin/{name}", *map(str, words)]),
                           capture_output=True, text=True, timeout=LIMIT, check=True).stdout
 
 

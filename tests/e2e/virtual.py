@@ -1,6 +1,9 @@
 """Virtual threads as qorctl shows them are those of the JVM's own dump."""
 import collections
+import contextlib
+import glob
 import json
+import os
 import re
 import unittest
 
@@ -20,14 +23,28 @@ CROWD = {  # a call in the stack: number, state
 }
 
 
+def newest_jdk():
+    """Version and place of the JDK of the tests, or of the newest that is installed beside it."""
+    found = [(SETTINGS.version, SETTINGS.jdk)]
+    if SETTINGS.version < FIRST:
+        for tool in glob.glob(f"{SETTINGS.root}{os.path.dirname(SETTINGS.jdk)}/*/bin/jcmd"):
+            jdk = tool[:-len("/bin/jcmd")]
+            with contextlib.suppress(OSError), open(jdk + "/release", encoding="utf-8") as release:
+                versions = re.findall(r'(?m)^JAVA_VERSION="(\d+)', release.read())
+                found += [(int(version), jdk[len(SETTINGS.root):]) for version in versions]
+    return max(found)
+
+
 class OfVirtual(Case):
     """A group whose tests look into the program of its name."""
 
     @classmethod
     def setUpClass(cls):
-        if SETTINGS.version < FIRST:
-            raise unittest.SkipTest("no virtual threads")
-        cls.app = Program("-Xcheck:jni", *cls.FLAGS, "-cp", SETTINGS.classes, f"{FOLDER}/{cls.__name__}.java")
+        cls.version, cls.jdk = newest_jdk()
+        if cls.version < FIRST:
+            raise unittest.SkipTest(f"virtual threads, for want of a JDK of {FIRST} or later")
+        cls.app = Program("-Xcheck:jni", *cls.FLAGS, "-cp", SETTINGS.classes,
+                          f"{FOLDER}/{cls.__name__}.java", jdk=cls.jdk)
         cls.addClassCleanup(cls.app.__exit__)
 
     def tearDown(self):
@@ -36,7 +53,8 @@ class OfVirtual(Case):
     def dump(self):
         """What the JVM dumps of its virtual threads: by id, name and calls from the top."""
         path, inside = folder(self)
-        run_tool("jcmd", self.app.pid, "Thread.dump_to_file", "-format=json", inside + "/dump")
+        run_tool("jcmd", self.app.pid, "Thread.dump_to_file", "-format=json", inside + "/dump",
+                 jdk=self.jdk)
         with open(path + "/dump", encoding="utf-8") as file:
             containers = json.load(file)["threadDump"]["threadContainers"]
         return {int(t["tid"]): (t["name"], [re.sub(r"\(.*|^.*/", "", frame) for frame in t["stack"]])
@@ -89,7 +107,7 @@ class Virtual(OfVirtual):
                           self.answer("stack", ids[waiter]).out)
         held = self.json("locals", ids["m-platform"], 0)["locals"]  # listed after a carrier
         self.assertEqual(held[0]["type"], "java.util.concurrent.CountDownLatch")
-        if SETTINGS.version >= WITH_SNAPSHOTS:
+        if self.version >= WITH_SNAPSHOTS:
             thread = self.stack(ids["m-holds"])
             owned = [(str(o["lock"]), thread["stack"][o["depth"]]["method"]) for o in thread["owns"]]
             self.assertEqual(owned, [(hashes["monitor"], "hold")])
