@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
 #include <fmt/format.h>
@@ -21,8 +22,16 @@ struct Shared {
     std::atomic<uintptr_t> failed[PLACES]; // a hash table
     const char *call;
     uintptr_t callers[CALLERS];
-} *const shared = static_cast<Shared *>(
-    mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+};
+
+Shared *Share() {
+    void *memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        abort();
+    return static_cast<Shared *>(memory);
+}
+
+Shared *const shared = Share();
 std::atomic<int64_t> blocks, complaints;
 
 // True when the place was new to the table.
@@ -70,7 +79,9 @@ long Failed(int error, long result) {
 
 } // namespace
 
-// What these calls take and return are whole words, whose kinds the registers don't know.
+// What these calls take and return are machine words: on x86-64 System V at most six integers or pointers, in
+// registers that know no kinds. The agent's calls of clone have four arguments.
+static_assert(__x86_64__);
 using Word = long;
 #define WORDS Word a, Word b, Word c, Word d, Word e, Word f
 #define CALL(name, result, error)                                                                            \
@@ -196,7 +207,7 @@ void WrapJvmti(jvmtiEnv *env) {
                  &T::GetMethodDeclaringClass, &T::GetLineNumberTable, &T::GetFieldName, &T::GetFieldModifiers,
                  &T::GetErrorName, &T::GetCurrentContendedMonitor, &T::GetClassStatus, &T::GetClassFields,
                  &T::GetAllStackTraces, &T::GetThreadListStackTraces, &T::GetAllThreads, &T::GetThreadCpuTime,
-                 &T::GetFrameCount, &T::GetStackTrace>();
+                 &T::GetFrameCount, &T::GetStackTrace, &T::GetMethodModifiers, &T::GetExtensionFunctions>();
     env->functions = &failingJvmti;
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <regex>
+#include <sys/resource.h>
 
 namespace {
 
@@ -128,6 +129,13 @@ TEST_F(ObjectViews, ShowAFieldOfEveryKind) {
     EXPECT_EQ(ObjectView(5002).find("Message\nObject Name :Lqoragent/testing/Fields;$"), 0u)
         << "a link leads to its object";
     KeepsNothing(1000, [&] { viewOf(object); });
+
+    object = make("Big");
+    rusage before, after;
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_NE(viewOf(object), "");
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 8 << 10) << "no big value is copied";
 }
 
 TEST_F(ObjectViews, GoUpTheChainWithoutItsTop) {
@@ -174,7 +182,9 @@ TEST_F(Locals, AreThoseOfTheFrame) {
     EXPECT_EQ(LocalsView(holder.tid() + 100000, method), "$\n");
     EXPECT_EQ(LocalsView(holder.tid(), wrong), "$\n") << "whole ids are compared whole";
     EXPECT_EQ(LocalsView(holder.tid(), MethodOf("park")), "$\n") << "a native frame without references";
-    gbiQorLocalVariableCounter = LAST_OBJECT_TAG + 1;
+    gbiQorLocalVariableCounter = LAST_OBJECT_TAG - 2;
+    EXPECT_NE(LocalsView(holder.tid(), method).find("50004|0|Ljava/lang/Class;"), std::string::npos)
+        << "no row of numbers is broken";
     EXPECT_EQ(LocalsView(holder.tid(), method), HELD) << "numbering starts anew";
 }
 

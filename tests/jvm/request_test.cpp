@@ -7,6 +7,7 @@
 #include "qorsettings.h"
 
 #include <chrono>
+#include <random>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -65,6 +66,20 @@ TEST_F(Request, MalformedRequestsHarmNothing) {
     }
     EXPECT_EQ(Setting(8), SettingReply(8));
     EXPECT_EQ(Ask(static_cast<const char *>(nullptr)), "NoProcessing: Invalid Format");
+
+    Start(30);
+    const char *const commands[] = {"showqor|", "showstack|", "xtier01|", "NoProcessing|"},
+                      *const values[] = {"", "0", "-1", "1-1", "7777", "4294967296", "x\x1e"};
+    std::mt19937 random(20240229);
+    KeepsNothing(20, [&] {
+        for (int i = 0; i < 100; i++) {
+            std::string request = "516|" + (commands[random() % 4] + std::to_string(random() & random()));
+            request += random() % 4 ? "|ARG=x" : "";
+            for (unsigned left = random() % 4; left > 0; left--)
+                request += "," + std::to_string(random() % 10) + "=" + values[random() % 7];
+            ASSERT_NE(Ask(request), TIMED_OUT) << request;
+        }
+    });
 }
 
 // The constant reply, and no other for whoever asks next, not even while the late worker writes its own; what

@@ -226,8 +226,9 @@ TEST_F(Sample, StacksAreCutAtTheDepthAskedFor) {
 }
 
 TEST_F(Sample, NamesCarryNoCharacterOfTheRecordFormat) {
-    const std::string many(NAME_SIZE - 9, 'n'); // the last character would be torn
-    Java("Stage", "enter", "three", "a\x1d\x1fz" + many + "\xc3\xa9", jobject{}, jobject{}, jobject{});
+    const std::string many(NAME_SIZE - 11, 'n'); // the last character would be torn
+    Java("Stage", "enter", "three", "a\x1c\x1d\x1e\x1fz" + many + "\xc3\xa9", jobject{}, jobject{},
+         jobject{});
     Walk walk;
-    EXPECT_TRUE(walk.find("zoo-a  z" + many));
+    EXPECT_TRUE(walk.find("zoo-a    z" + many));
 }

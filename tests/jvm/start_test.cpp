@@ -168,11 +168,13 @@ TEST_F(Start, NothingOfAnEarlierLifeAnswers) {
 }
 
 // Callers on other threads while the agent restarts: each gets its own reply, a time-out or none, and isn't
-// left on a closed pipe for its hour; the JVM lives.
+// left on a closed pipe for its hour; the JVM lives. The first restart finds one waiting for an agent that
+// has left.
 TEST_F(Start, CallersMayBeInsideDuringARestart) {
     StartArguments arguments;
     arguments.timeout = 3600;
     ASSERT_EQ(StartAgent(arguments), START_OK);
+    ShutDownAgent();
     std::atomic<bool> stop{false};
     std::atomic<int> answered{0}, wrong{0};
     std::vector<std::thread> callers;
@@ -186,14 +188,15 @@ TEST_F(Start, CallersMayBeInsideDuringARestart) {
                 wrong += !right && reply != TIMED_OUT && reply != NO_ANSWER;
             }
         });
+    while (qorlocks[1] == 0) // set by the caller just before it waits
+        std::this_thread::yield();
     for (int i = 0; i < 8; i++) {
-        const int before = answered;
-        while (answered == before)
-            std::this_thread::yield();
         if (i % 2)
             ShutDownAgent();
         for (int tries = 0; StartAgent(arguments) == START_FAILED; tries++)
             ASSERT_LT(tries, 10);
+        for (const int before = answered; answered == before;)
+            std::this_thread::yield();
     }
     stop = true;
     for (std::thread &caller : callers)

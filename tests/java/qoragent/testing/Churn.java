@@ -73,7 +73,7 @@ public final class Churn {
     }
 
     /** A loader that has its own copies of the tests' classes. */
-    private static ClassLoader newLoader() throws IOException {
+    static ClassLoader newLoader() throws IOException {
         List<URL> path = new ArrayList<>();
         for (String entry : System.getProperty("java.class.path").split(File.pathSeparator))
             path.add(new File(entry).toURI().toURL());

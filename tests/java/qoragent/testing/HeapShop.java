@@ -2,6 +2,7 @@ package qoragent.testing;
 
 import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
+import java.lang.ref.WeakReference;
 import java.lang.reflect.Method;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -13,6 +14,7 @@ public final class HeapShop {
     static Node first;
     static Object[] shelf;
     static List<Object> held = new ArrayList<>();
+    private static WeakReference<ClassLoader> dropped;
 
     private HeapShop() {}
 
@@ -88,6 +90,21 @@ public final class HeapShop {
             while (thread.getState() != Thread.State.WAITING)
                 Thread.sleep(1);
         return parked.size();
+    }
+
+    /** An object whose class has a separate loader, which nothing else holds. */
+    static void loadOwn() throws Exception {
+        ClassLoader loader = Churn.newLoader();
+        held.add(loader.loadClass(Unused.class.getName()).getConstructor().newInstance());
+        dropped = new WeakReference<>(loader);
+    }
+
+    /** 1 when that loader can be collected. */
+    static long dropOwn() {
+        held.clear();
+        for (int i = 0; i < 20 && dropped.get() != null; i++)
+            System.gc();
+        return dropped.get() == null ? 1 : 0;
     }
 
     /** Collectors in the JVM's order: count, milliseconds, name, a line each. */

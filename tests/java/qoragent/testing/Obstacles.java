@@ -4,8 +4,9 @@ import java.util.ArrayList;
 import java.util.Hashtable;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
 
-/** Objects that a careless reader would wait for until release(). */
+/** Objects that a careless reader would wait for until release(), or for some seconds. */
 public final class Obstacles {
     private static final List<Thread> holders = new ArrayList<>();
     private static CountDownLatch freed = new CountDownLatch(1);
@@ -53,7 +54,7 @@ public final class Obstacles {
         CountDownLatch end = freed;
         object = obstacle;
         try {
-            end.await();
+            end.await(15, TimeUnit.SECONDS);
         } catch (InterruptedException e) {
             throw new IllegalStateException(e);
         }

@@ -62,6 +62,11 @@ public final class Specimens {
         Long() { Arrays.fill(many, -100000000); }
     }
 
+    public static class Big {
+        byte[] bytes = new byte[64 << 20];
+        String text = new String(new char[16 << 20]);
+    }
+
     public static Object make(String kind) throws Exception {
         switch (kind) {
         case "Values":
