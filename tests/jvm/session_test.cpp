@@ -26,6 +26,16 @@ TEST_F(Session, TakesOnlyWhatOtherAgentsMayHaveToo) {
     EXPECT_FALSE(held.can_access_local_variables || held.can_suspend);
 }
 
+TEST_F(Session, CanBeOpenedAgainAndAgain) {
+    KeepsNothing(2000, [round = 0]() mutable {
+        QorDovOnUnload(Env());
+        QorInitJmm();
+        QorDovOnLoad(Env());
+        if (++round % 100 == 0)
+            Java("java/lang/System", "gc"); // frees the environments that are disposed of
+    });
+}
+
 TEST_F(Session, ReadsTheManagementTableByItsOwnSlots) {
     constexpr jint THREAD_LIVE_COUNT = 4;
     EXPECT_EQ(jmm->GetLongAttribute(Env(), nullptr, THREAD_LIVE_COUNT),
