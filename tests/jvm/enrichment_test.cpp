@@ -98,6 +98,10 @@ TEST_F(Enrichment, AnswersAreMergedWholeOrNotAtAll) {
         EXPECT_EQ(Merge(c.reply, c.threads, c.answer), Coded(c.expected ? c.expected : c.reply)) << c.answer;
         EXPECT_NE(EnricherAsked::Asked(), "");
     }
+    gbiOptimizationLevel = 0;
+    std::swap(e2eclass, jobjclass); // a class without the method
+    EXPECT_EQ(Merge(ACTIVE, "xxx", "/A|/B|/C|"), Coded(ACTIVE));
+    std::swap(e2eclass, jobjclass);
 }
 
 TEST_F(Enrichment, RepliesAreFilledToTheLastByte) {
