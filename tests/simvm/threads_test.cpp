@@ -1,6 +1,8 @@
 // Samples of the simulated VM's threads, compared with what the threads know of themselves.
 #include "with_scene.h"
 
+#include "qorutil/vm_threads.h"
+
 #include <ctime>
 #include <malloc.h>
 
@@ -52,6 +54,9 @@ TEST_P(DirectThreads, EqualTheirShadowStacks) {
         Collect();
         ExpectPoll(scene.runners);
         ExpectHolders(scene);
+        const ThreadInfo &thread = *scene.runners.front()->info;
+        EXPECT_TRUE(QorIsListed(thread.address, thread.kernelId));
+        EXPECT_FALSE(QorIsListed(thread.address, gettid())); // a record in the place of one that has ended
         Word &last = vm.threads.back()->Java().next;
         last = vm.threads.front()->address; // a ring
         ExpectPoll(scene.runners);
