@@ -61,7 +61,11 @@ class Program(contextlib.AbstractContextManager):
                                                  *map(str, words)]),
                                         stdin=subprocess.PIPE, stdout=self.log, stderr=subprocess.STDOUT)
         self.pid = self.process.pid
-        self.wait_for("(?m)^ready.*\n")
+        try:
+            self.wait_for("(?m)^ready.*\n")
+        except BaseException:
+            self.__exit__()
+            raise
 
     def wait_for(self, pattern):
         wait_until(pattern, lambda: re.search(pattern, self.output()) or self.process.poll() is not None)
