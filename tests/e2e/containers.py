@@ -9,6 +9,9 @@ from harness import LIMIT, SETTINGS, Application, Case, taking_on, wait_until
 USER, OUTER, GROUP = 1000, 300000, 4242
 NARROW = """for m in $(awk '!/ - (proc|sysfs) / && $5 != "/tmp" {print $5}' /proc/self/mountinfo); do
             mount -o remount,bind,ro $m || :; done; """
+# Nobody answers for it.
+HANG = ("exec 9<>/dev/fuse; mount -i -t fuse -o fd=9,rootmode=40000,user_id=0,group_id=0,allow_other "
+        "none /mnt/home; ")
 NOEXEC = "mount -o remount,bind,noexec /tmp; "
 DEEP = "/mnt" + "/deep" * 210  # longer than the path of a jar may be
 TWICE = ["unshare", "--pid", "--fork", "--kill-child"] * 2
@@ -99,6 +102,11 @@ class Containers(Case):
                 ("both refused", NARROW + NOEXEC, "/mnt/home", None)):
             with self.subTest(what):
                 self.ask(mounts, cwd, (), place, *bare)
+
+    @unittest.skipUnless(os.path.exists("/dev/fuse") and not SETTINGS.root, "there is nothing that hangs")
+    def test_a_file_system_that_hangs(self):
+        with Contained(NARROW + NOEXEC + HANG, "/", ()) as self.app:
+            self.refused("the file systems of process ", "threads", "--jar", SETTINGS.jar)
 
     def test_namespaces(self):
         for name in ("uid_map", "gid_map"):

@@ -121,9 +121,11 @@ class Refusals(Case):
     def test_processes_that_are_no_jvm(self):
         with subprocess.Popen(["sleep", "100"]) as self.app:
             self.refused("isn't a JVM", "attach")
+            self.refused("libjvm.so", "hung")
             self.assertIsNone(self.app.poll())
             self.app.kill()
         self.refused("no process", "threads")
+        self.refused("no process", "hung")
 
     def test_a_stopped_jvm(self):
         with Application() as self.app:
@@ -153,9 +155,13 @@ class Refusals(Case):
             answer = qorctl(*words.split())
             self.assertEqual((answer.code, len(answer.err.splitlines())), (2, 1), answer)
             self.assertIn(said, answer.err)
-        with open("/dev/full", "w", encoding="ascii") as full:
-            done = subprocess.run([SETTINGS.qorctl, "list"], stdout=full, stderr=subprocess.PIPE, check=False)
-        self.assertEqual((done.returncode, b"No space left" in done.stderr), (1, True), done)
+        reader, writer = os.pipe()
+        os.close(reader)
+        with open("/dev/full", "w", encoding="ascii") as full, open(writer, "w", encoding="ascii") as unread:
+            for place, why in ((full, b"No space left"), (unread, b"Broken pipe")):
+                done = subprocess.run([SETTINGS.qorctl, "list"], stdout=place, stderr=subprocess.PIPE,
+                                      check=False)
+                self.assertEqual((done.returncode, why in done.stderr), (1, True), done)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "only root can be somebody else")
