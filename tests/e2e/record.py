@@ -5,11 +5,13 @@ import json
 import os
 import signal
 import subprocess
+import unittest
 
 import jstack
 from harness import LIMIT, SETTINGS, Application, Case, environment, folder, qorctl, wait_until
 
 EVERY = ("--share", "100", "--every", "200ms")
+LAST_PID = "/proc/sys/kernel/ns_last_pid"
 
 
 def lines_of(path):
@@ -20,7 +22,8 @@ def lines_of(path):
 class Record(Case):
     def setUp(self):
         self.place, _ = folder(self)
-        self.app = self.enterContext(Application())
+        self.app = Application()
+        self.addCleanup(lambda: self.app.__exit__())  # of the last one
 
     def start(self, file, *words, before=()):
         command = [*before, SETTINGS.qorctl, "record", str(self.app.pid), "--out", file, *EVERY, *words]
@@ -30,6 +33,11 @@ class Record(Case):
         self.addCleanup(record.kill)
         wait_until("a recording", lambda: os.path.exists(file) or record.poll() is not None)
         return record
+
+    @staticmethod
+    def wait_for_sample(file):
+        """As the last line of a recording."""
+        wait_until(file, lambda: os.path.exists(file) and "threads" in ["", *lines_of(file)][-1])
 
     def check(self, lines, reason):
         self.assertEqual((lines[0]["type"], lines[-1]["type"], lines[-1]["reason"]), ("meta", "end", reason))
@@ -103,10 +111,33 @@ class Record(Case):
         wait_until("said to be stopped",
                    lambda: any("is stopped" in line.get("unanswered", "") for line in lines_of(file)))
         self.app.process.send_signal(signal.SIGCONT)
-        wait_until("sampled again", lambda: "threads" in lines_of(file)[-1])
+        self.wait_for_sample(file)
         self.app.process.kill()
         self.assertEqual(record.wait(LIMIT), 0)
         self.check(lines_of(file), "jvm ended")
+
+    @unittest.skipUnless(os.geteuid() == 0 and os.access(LAST_PID, os.W_OK), "process ids can't be chosen")
+    def test_goes_on_with_another_jvm_of_the_same_process_id(self):
+        first, second = files = [f"{self.place}/{name}.ndjson" for name in ("f", "f.2")]
+        record = self.start(first, "--for", "0")
+        self.wait_for_sample(first)
+        record.send_signal(signal.SIGSTOP)
+        pid = self.app.pid
+
+        def restarted():
+            self.app.__exit__()
+            with open(LAST_PID, "w", encoding="ascii") as last:
+                last.write(str(pid - 1))
+            self.app = Application()
+            return self.app.pid == pid
+        wait_until("the same process id", restarted)
+        record.send_signal(signal.SIGCONT)
+        self.wait_for_sample(second)
+        record.send_signal(signal.SIGINT)
+        self.assertEqual(record.wait(LIMIT), 0)
+        for file, reason in zip(files, ("jvm restarted", "interrupted")):
+            self.check(lines_of(file), reason)
+        self.assertEqual(len({lines_of(file)[0]["jvm"] for file in files}), 2)
 
     def test_says_that_nothing_more_can_be_written(self):
         file = f"{self.place}/e.ndjson"
