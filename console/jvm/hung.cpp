@@ -79,11 +79,14 @@ std::optional<std::string> InChild(Milliseconds limit, const std::function<std::
     return got == 0 && !text.empty() ? std::optional(text) : std::nullopt;
 }
 
+// Without symbols a JVM may be hung; it is where somebody waits for it.
+bool IsHung(const Observation &seen, Verdict verdict) {
+    return verdict == Verdict::UNKNOWN ? seen.unanswered : verdict != Verdict::RUNS;
+}
+
 std::string Show(const Observation &seen, const HungOptions &options) {
     const Finding finding = Judge(seen);
-    std::string text = finding.verdict == Verdict::RUNS     ? "0"
-                       : finding.verdict == Verdict::UNREAD ? "2"
-                                                            : "1";
+    std::string text = finding.verdict == Verdict::UNREAD ? "2" : IsHung(seen, finding.verdict) ? "1" : "0";
     text += VerdictSentence(seen, finding) + '\0';
     return text + (options.json ? JsonText(VerdictJson(seen, finding, options.all), false) + "\n"
                                 : VerdictText(seen, finding, options.all));
