@@ -1,8 +1,8 @@
 #include "ReadAtOnce.h"
 
+#include "LocalWalk.h"
 #include "Xtier/tiers/TierReader.h"
 #include "Xtier/tiers/XtierDb.h"
-#include "Xtier/walk/LocalWalk.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"

@@ -1,6 +1,8 @@
 #include "Xtier.h"
 
 #include "ConnectionCache.h"
+#include "LocalWalk.h"
+#include "LocalWalkTimes.h"
 #include "ReadAtOnce.h"
 #include "Xtier/tiers/LocalList.h"
 #include "Xtier/tiers/XtierCalls.h"
@@ -9,8 +11,6 @@
 #include "Xtier/tiers/XtierQRF.h"
 #include "Xtier/tiers/XtierRules.h"
 #include "Xtier/tiers/tier.h"
-#include "Xtier/walk/LocalWalk.h"
-#include "Xtier/walk/LocalWalkTimes.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "qorStrUtils.h"

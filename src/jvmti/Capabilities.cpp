@@ -1,7 +1,7 @@
 #include "Capabilities.h"
 
 #include "Session.h"
-#include "changes/followRefHackHelper.h"
+#include "followRefHackHelper.h"
 #include "qorlog.h"
 #include "qorsettings.h"
 

@@ -2,8 +2,8 @@
 
 #include "JniCalls.h"
 #include "Session.h"
-#include "changes/trycatch.h"
 #include "qorlog.h"
+#include "trycatch.h"
 
 void describe(jvmtiError error) {
     char *name = nullptr;

@@ -13,7 +13,7 @@
 #include "RequestHandler/threads/enrichment.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
-#include "jvmti/objects/ReplyString.h"
+#include "jvmti/ReplyString.h"
 #include "platforms/linux.h"
 #include "qorthreads/qorthreads.h"
 

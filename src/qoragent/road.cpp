@@ -14,7 +14,7 @@
 
 #include "RequestHandler/XtierDbSession.h"
 #include "heaptraverse/memory_text.h"
-#include "jvmti/changes/trycatch.h"
+#include "jvmti/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 #include "platforms/linux.h"
 #include "platforms/own_address.h"

@@ -18,11 +18,11 @@
 
 #include "QorOS.h"
 #include "RequestHandler/XtierDbSession.h"
-#include "Xtier/walk/LocalWalk.h"
+#include "Xtier/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/changes/trycatch.h"
+#include "jvmti/trycatch.h"
 #include "platforms/linux.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 
 #include "fields.h"
 
-#include "Xtier/tiers/MapSteps.h"
+#include "MapSteps.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorutil/vm_heap.h"

@@ -1,10 +1,10 @@
 // The views of a frame's locals and of one object.
 #include "LogCapture.h"
 #include "Replies.h"
+#include "RequestHandler/LocalObjects.h"
+#include "RequestHandler/ObjectFields.h"
 #include "RequestHandler/RequestHandler.h"
 #include "Walk.h"
-#include "jvmti/objects/LocalObjects.h"
-#include "jvmti/objects/ObjectFields.h"
 #include "qorStrUtils.h"
 
 #include <cstring>

@@ -1,7 +1,7 @@
 #include "JvmFixture.h"
 #include "jvmti/JniCalls.h"
+#include "jvmti/ReplyString.h"
 #include "jvmti/heap/MemorySystem.h"
-#include "jvmti/objects/ReplyString.h"
 
 #include <thread>
 

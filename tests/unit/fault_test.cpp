@@ -1,6 +1,6 @@
 // Real faults under the guard around single calls, each in its own process.
 #include "Child.h"
-#include "jvmti/changes/trycatch.h"
+#include "jvmti/trycatch.h"
 #include "platforms/findsymLinSolHPIA64.h"
 
 #include <csignal>

@@ -1,8 +1,8 @@
 // The guard of a reference walk on an object of the JVM's shape: 56 methods in a table that its first word
 // leads to.
 #include "LogCapture.h"
-#include "jvmti/changes/CollectedHeapHack.h"
-#include "jvmti/changes/followRefHackHelper.h"
+#include "jvmti/CollectedHeapHack.h"
+#include "jvmti/followRefHackHelper.h"
 #include "platforms/findsymLinSolHPIA64.h"
 
 #include <gtest/gtest.h>

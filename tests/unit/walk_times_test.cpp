@@ -1,6 +1,6 @@
 // How long walks for locals may take, and when the next one is due.
-#include "Xtier/walk/LocalWalk.h"
-#include "Xtier/walk/LocalWalkTimes.h"
+#include "Xtier/LocalWalk.h"
+#include "Xtier/LocalWalkTimes.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 

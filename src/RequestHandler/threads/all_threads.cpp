@@ -1,7 +1,7 @@
 #include "all_threads.h"
 
+#include "Xtier/LocalWalk.h"
 #include "Xtier/thread_e2e_info.h"
-#include "Xtier/walk/LocalWalk.h"
 #include "all_threads_sample.h"
 #include "bci.h"
 #include "enrichment.h"

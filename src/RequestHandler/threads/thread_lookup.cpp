@@ -1,6 +1,6 @@
 #include "thread_lookup.h"
 
-#include "Xtier/walk/LocalWalk.h"
+#include "Xtier/LocalWalk.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

@@ -1,8 +1,8 @@
 #include "virtual_threads.h"
 
+#include "Xtier/LocalWalk.h"
+#include "Xtier/LocalWalkTimes.h"
 #include "Xtier/Xtier.h"
-#include "Xtier/walk/LocalWalk.h"
-#include "Xtier/walk/LocalWalkTimes.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

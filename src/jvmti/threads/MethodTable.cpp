@@ -3,7 +3,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/changes/trycatch.h"
+#include "jvmti/trycatch.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorsettings.h"

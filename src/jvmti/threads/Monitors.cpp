@@ -7,7 +7,7 @@
 #include "VirtualMonitors.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/changes/trycatch.h"
+#include "jvmti/trycatch.h"
 #include "qorcost.h"
 #include "qorlog.h"
 #include "qorsettings.h"

@@ -10,7 +10,7 @@
 
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/XtierDbSession.h"
-#include "Xtier/walk/LocalWalkTimes.h"
+#include "Xtier/LocalWalkTimes.h"
 #include "heaptraverse/memory_text.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"

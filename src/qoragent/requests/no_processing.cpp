@@ -10,7 +10,7 @@
 #include "tier_rules.h"
 
 #include "RequestHandler/memory_views.h"
-#include "Xtier/walk/LocalWalkTimes.h"
+#include "Xtier/LocalWalkTimes.h"
 #include "heaptraverse/heap_census.h"
 #include "jvmti/Session.h"
 #include "jvmti/heap/ForkedWalk.h"

@@ -8,7 +8,7 @@
 #include "reply/qortext.h"
 #include "request_text.h"
 
-#include "Xtier/walk/LocalWalk.h"
+#include "Xtier/LocalWalk.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "ReplyString.h"
 
-#include "jvmti/JniCalls.h"
+#include "JniCalls.h"
 
 #include <cstdint>
 #include <cstdlib>

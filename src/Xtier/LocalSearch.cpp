@@ -5,7 +5,7 @@
 #include "Xtier/tiers/tier.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
-#include "jvmti/changes/followRefHackHelper.h"
+#include "jvmti/followRefHackHelper.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"

@@ -13,7 +13,7 @@
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/TagEnvironment.h"
-#include "jvmti/changes/followRefHackHelper.h"
+#include "jvmti/followRefHackHelper.h"
 #include "qorStrUtils.h"
 #include "qorcost.h"
 #include "qorlog.h"
