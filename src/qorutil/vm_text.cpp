@@ -13,8 +13,7 @@
 
 namespace {
 
-constexpr uint32_t FIRST_SHOWN = 32; // below are controls and separators
-constexpr uint32_t REPLACEMENT = '?';
+constexpr char REPLACEMENT = '?';
 constexpr int32_t CHUNK_CHARS = 512;
 constexpr char STRING_CLASS[] = "java/lang/String", CHARS_CLASS[] = "[C";
 
@@ -22,68 +21,18 @@ void LogCut(int32_t length) {
     QORLOG(LOG_POLL_FAILURE, "Qor Agent DIAG :: Buffer limit exceeded : %d", length);
 }
 
-bool IsHighHalf(uint32_t c) {
-    return (c & 0xfc00) == 0xd800;
-}
-
-bool IsLowHalf(uint32_t c) {
-    return (c & 0xfc00) == 0xdc00;
-}
-
-// A text in UTF-8 that grows by characters.
-struct Utf8Text {
-    char *next, *end; // `end` is the terminator's last place
-    bool full;
-};
-
-void Put(Utf8Text *text, uint32_t c) {
-    if (c < FIRST_SHOWN)
-        c = ' ';
-    const int32_t length = c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
-    if (text->full || text->end - text->next < length) {
-        text->full = true;
-        return;
-    }
-    constexpr uint32_t LEAD[] = {0, 0, 0xc0, 0xe0, 0xf0};
-    for (int32_t i = length - 1; i > 0; i--, c >>= 6)
-        text->next[i] = static_cast<char>(0x80 | (c & 0x3f));
-    text->next[0] = static_cast<char>(LEAD[length] | c);
-    text->next += length;
-}
-
-// Joins the halves of pairs on their way into the text.
-struct Utf16Reader {
-    Utf8Text text;
-    uint32_t high; // waits for its other half; 0 for none
-};
-
-void Take(Utf16Reader *reader, uint32_t c) {
-    if (reader->high && IsLowHalf(c)) {
-        Put(&reader->text, 0x10000 + ((reader->high - 0xd800) << 10) + (c - 0xdc00));
-        reader->high = 0;
-        return;
-    }
-    if (reader->high)
-        Put(&reader->text, REPLACEMENT);
-    reader->high = IsHighHalf(c) ? c : 0;
-    if (!reader->high)
-        Put(&reader->text, IsLowHalf(c) ? REPLACEMENT : c);
-}
-
 // False when the characters can't be read to the end.
-bool ReadChars(Utf16Reader *reader, uint64_t from, int32_t count) {
+bool ReadChars(QorUtf16Text *text, uint64_t from, int32_t count) {
     uint16_t chunk[CHUNK_CHARS];
     while (count > 0) {
         const int32_t part = std::min(count, CHUNK_CHARS);
         if (!QorPeek(from, chunk, part * sizeof chunk[0]))
             return false;
-        for (int32_t i = 0; i < part; i++)
-            Take(reader, chunk[i]);
+        QorUtf16Append(text, chunk, part);
         from += part * sizeof chunk[0];
         count -= part;
     }
-    if (reader->high)
-        Put(&reader->text, REPLACEMENT);
+    QorUtf16End(text);
     return true;
 }
 
@@ -98,10 +47,11 @@ char *CharsToText(char *dst, int32_t size, uint64_t chars, int32_t count, int32_
         LogCut(count);
     if (chars == 0 || !IsInArray(chars, count, offset))
         return dst;
-    Utf16Reader reader = {{dst, dst + size - 1, false}, 0};
+    QorUtf16Text text;
+    QorUtf16Start(&text, dst, size);
     const uint64_t from = chars + static_cast<uint64_t>(offset) * sizeof(uint16_t);
-    const bool read = ReadChars(&reader, from, std::min(count, limit));
-    *(read ? reader.text.next : dst) = 0;
+    if (!ReadChars(&text, from, std::min(count, limit)))
+        dst[0] = 0;
     return dst;
 }
 
@@ -121,7 +71,7 @@ char *sym2str(char *dst, int32_t size, uint64_t symbol) {
         dst[0] = 0;
         return nullptr;
     }
-    std::replace(dst, dst + copied, '\0', static_cast<char>(REPLACEMENT));
+    std::replace(dst, dst + copied, '\0', REPLACEMENT);
     dst[copied] = 0;
     if (copied < length)
         QorDropPartialCharacter(dst, copied);
@@ -135,16 +85,6 @@ char *oop2str(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t of
 
 char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset) {
     return CharsToText(dst, size, chars, count, offset, VM_BIG_TEXT_CHARS);
-}
-
-char *QorUtf16Text(char *dst, int32_t size, const uint16_t *chars, int32_t count) {
-    Utf16Reader reader = {{dst, dst + size - 1, false}, 0};
-    for (int32_t i = 0; i < count; i++)
-        Take(&reader, chars[i]);
-    if (reader.high)
-        Put(&reader.text, REPLACEMENT);
-    *reader.text.next = 0;
-    return dst;
 }
 
 char *QorStringText(char *dst, int32_t size, uint64_t string) {

@@ -7,13 +7,13 @@
 // Worker, or the initialisation thread; never while a thread is held, as a cut text is logged.
 #pragma once
 
+#include "reply/utf16_text.h"
+
 #include <cstdint>
 
 enum : int32_t {
-    VM_TEXT_CHARS = 1023,
     VM_BIG_TEXT_CHARS = 4095,
-    VM_SYMBOL_SIZE = VM_TEXT_CHARS + 1,   // room for any symbol
-    VM_TEXT_SIZE = 3 * VM_TEXT_CHARS + 1, // room for any text of oop2str
+    VM_SYMBOL_SIZE = VM_TEXT_CHARS + 1, // room for any symbol
     VM_BIG_TEXT_SIZE = 3 * VM_BIG_TEXT_CHARS + 1,
 };
 
@@ -28,9 +28,6 @@ char *oop2str(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t of
 
 // The same for up to VM_BIG_TEXT_CHARS.
 char *oop2str_big(char *dst, int32_t size, uint64_t chars, int32_t count, int32_t offset); // nothing calls it
-
-// The same of characters that Java handed over. Any thread.
-char *QorUtf16Text(char *dst, int32_t size, const uint16_t *chars, int32_t count);
 
 // A java.lang.String's text, by oop2str. Null, with "" in `dst`, for what isn't an object or has no array of
 // characters. That the object is a String is the caller's knowledge.

@@ -1,10 +1,10 @@
 #include "direct_threads.h"
 
 #include "reply/qorformat.h"
+#include "reply/utf16_text.h"
 
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JniCalls.h"
-#include "qorutil/vm_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -107,8 +107,12 @@ void NameOf(JNIEnv *env, const ThreadIds &ids, jobject thread, char *out, int32_
     const jsize count = name ? QorGetArrayLength(env, name) : 0;
     if (count > 0 && count <= VM_TEXT_CHARS) {
         env->GetCharArrayRegion(name, 0, count, chars);
-        if (!QorClearException(env))
-            QorUtf16Text(out, size, chars, count);
+        if (!QorClearException(env)) {
+            QorUtf16Text text;
+            QorUtf16Start(&text, out, size);
+            QorUtf16Append(&text, chars, count);
+            QorUtf16End(&text);
+        }
     }
     QorDeleteLocalRef(env, name);
     if (!out[0])
