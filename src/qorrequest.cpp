@@ -1,5 +1,7 @@
 #include "qorrequest.h"
 
+#include <cstdlib>
+
 char buf[BUF_SIZE];
 std::atomic<int32_t> qorlocks[2];
 std::atomic<int32_t> qorLeave;
@@ -18,6 +20,7 @@ int32_t figures_wanted;
 int32_t qorIsPollOrTrace;
 
 uint32_t reqid;
+char *pars;
 char *console_args[CONSOLE_ARG_COUNT];
 char dumpfile[DUMPFILE_SIZE];
 uint32_t heap_id;
@@ -25,3 +28,7 @@ uint32_t heap_id;
 bool qorReplyIsCut;
 
 char *pagebuf;
+
+int64_t QorConsoleNumber(int32_t slot) {
+    return console_args[slot] ? atol(console_args[slot]) : 0;
+}

@@ -82,12 +82,25 @@ extern int32_t figures_wanted;              // Java's figures in each row of a p
 extern int32_t qorIsPollOrTrace;            // 1 for a poll or trace: the sampling loop's log lines are silent
 
 extern uint32_t reqid;                        // what is asked for; keeps its value when a request has none
+extern char *pars;                            // the request's text after the command, or null
 extern char *console_args[CONSOLE_ARG_COUNT]; // argument slots, each null or a text inside the request
 extern char dumpfile[DUMPFILE_SIZE];          // path of a dump asked for, or the histogram's word
 extern uint32_t heap_id;                      // the console's number for a dump
 
 // Something had no room in the reply, which then has no timing. Set by the views, cleared by the dispatcher.
 extern bool qorReplyIsCut;
+
+// What answers a request on one of the roads; each appends to `pagebuf`. Worker.
+struct QorViews {
+    void (*memory)();
+    void (*object)();
+    void (*locals)();
+    void (*threads)();
+    void (*figures)(); // what goes before threads' rows; null for nothing
+};
+
+// The number in an argument slot; 0 for an empty slot.
+int64_t QorConsoleNumber(int32_t slot);
 
 // The reply, PAGEBUF_SIZE bytes; null before start-up and after SHUTDOWN. Its last byte is always 0.
 extern char *pagebuf;

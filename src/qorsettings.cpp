@@ -1,5 +1,7 @@
 #include "qorsettings.h"
 
+#include <cstdio>
+
 int32_t gbiOptimizationLevel = 2;
 int32_t qormaxbackoff;
 int32_t qorretry;
@@ -21,6 +23,7 @@ char os_name[OS_NAME_SIZE];
 char webserver[WEBSERVER_SIZE];
 char hostname[HOST_NAME_SIZE];
 char ext_jvm_id_str[JVM_ID_SIZE];
+int32_t ext_jvm_id;
 char qorheapdir[HEAP_DIR_SIZE] = "/tmp/";
 
 int32_t gbIbmJvm;
@@ -30,4 +33,9 @@ int32_t offsetind;
 bool QorOnJvmtiRoad() {
     return offsetind == BUILD_JVMTI_UNLISTED || offsetind == BUILD_JVMTI_DOV ||
            offsetind == BUILD_JVMTI_SYMBOLS || offsetind == BUILD_JVMTI_DEFAULT;
+}
+
+void QorSetJvmPort(int32_t port) {
+    ext_jvm_id = port;
+    snprintf(ext_jvm_id_str, sizeof ext_jvm_id_str, "%d", port);
 }

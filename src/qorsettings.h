@@ -48,11 +48,15 @@ extern char os_name[OS_NAME_SIZE];       // operating system
 extern char webserver[WEBSERVER_SIZE];   // application server type word, empty when none
 extern char hostname[HOST_NAME_SIZE];    // the machine's name
 extern char ext_jvm_id_str[JVM_ID_SIZE]; // the JVM's external identifier
+extern int32_t ext_jvm_id;               // the port that was found for it, 0 when none; the worker, too
 extern char qorheapdir[HEAP_DIR_SIZE];   // directory for dumps, ends in "/"; also the request "qorheapdir"
 
 extern int32_t gbIbmJvm;  // 1 when the vendor contains "IBM"
 extern int32_t gbNimbJvm; // 1 when the operating system contains "NIMB"
 extern int32_t offsetind; // JVM build index; the initialisation thread writes it
+
+// Makes a port the JVM's external identifier. Initialisation thread, or worker.
+void QorSetJvmPort(int32_t port);
 
 // The one test for the JVMTI road: `offsetind` is -64, 65, 98 or 99. Any other value is the direct road.
 bool QorOnJvmtiRoad();

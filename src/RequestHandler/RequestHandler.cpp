@@ -5,12 +5,15 @@
 #include "RequestHandler/threads/thread_stack.h"
 #include "RequestHandler/threads/virtual_threads.h"
 #include "client_port.h"
+#include "just_threads.h"
 #include "jvmti/heap/HeapDump.h"
 #include "memory_views.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 
 namespace {
+
+constexpr int32_t MEMORY_VIEW_ARGUMENT = 8;
 
 struct ViewRow {
     uint32_t bits;
@@ -34,7 +37,22 @@ constexpr ViewRow views[] = {
     {QORREQ_VIRTUAL_THREADS, QorShowVirtualThreadsRequest},
 };
 
+int32_t IntArgument(int32_t slot) {
+    return static_cast<int32_t>(QorConsoleNumber(slot));
+}
+
 } // namespace
+
+const QorViews qorJvmtiViews = {
+    [] { QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid); },
+    [] { QorShowObjectRequest(IntArgument(0), IntArgument(1), reqid, pagebuf, PAGEBUF_SIZE); },
+    [] {
+        QorHandlePrintLocalRequest(IntArgument(0), QorConsoleNumber(1), QorConsoleNumber(2), IntArgument(3),
+                                   IntArgument(4), pagebuf, PAGEBUF_SIZE);
+    },
+    [] { QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args); },
+    nullptr,
+};
 
 void QorHandleShowJVMRequest(uint32_t reqid, char *page, int32_t pageSize, char **args) {
     QorText reply;

@@ -4,7 +4,11 @@
 // or writes a bare section end; none of them fails.
 #pragma once
 
+#include "qorrequest.h"
+
 #include <cstdint>
+
+extern const QorViews qorJvmtiViews;
 
 // Answers a thread or memory-activity request: picks the view by the bits of `reqid`, in a fixed order, and
 // lets it write after what is in `page` (pageSize bytes of storage, terminated). `args` are the nine

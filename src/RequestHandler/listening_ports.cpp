@@ -2,10 +2,14 @@
 
 #include "XtierDbSession.h"
 
+#include "qorsettings.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+
+std::atomic<int32_t> relayPort;
 
 namespace {
 
@@ -74,4 +78,11 @@ int32_t QorListeningPorts(uint16_t *ports, int32_t size, uint16_t except) {
         closedir(own);
     free(all.rows);
     return count;
+}
+
+void QorNameJvmByPort() {
+    uint16_t ports[2];
+    if (!ext_jvm_id_str[0] && QorOnJvmtiRoad() &&
+        QorListeningPorts(ports, 2, static_cast<uint16_t>(relayPort)) == 1)
+        QorSetJvmPort(ports[0]);
 }

@@ -17,6 +17,7 @@
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qortiers.h"
+#include "thread_e2e_info.h"
 
 #include <cstring>
 
@@ -421,4 +422,12 @@ void QorFreeXtierLists() {
     FreeXtierLocationInfoArrayList(firstLocation);
     localList = threadMark = nullptr;
     firstLocation = lastLocation = nullptr;
+}
+
+void QorDropXtier(JNIEnv *env) {
+    release_thread_e2e_info(env);
+    QorDropE2EPool();
+    QorCloseLocalWalk();
+    QorDropDbConnections();
+    QorForgetDriverClasses();
 }

@@ -14,6 +14,7 @@
 #include "reply/qortext.h"
 
 #include <cstdint>
+#include <jni.h>
 
 // The kinds of a frame (tiers/tier.h), 0 for nearly all. A frame without complete facts has none.
 uint32_t QorClassifyFrame(const QorFrameRecord *frame);
@@ -75,3 +76,7 @@ QorStackViewData QorDataReadAtOnce();
 
 // Ends the lists of a sample; on every way out of the view.
 void QorFreeXtierLists();
+
+// Drops what samples keep for the next one: the walk's memory, connections, drivers, end-to-end blocks.
+// Worker, at its end, or the start that finds it gone; nobody may be taking the end-to-end list.
+void QorDropXtier(JNIEnv *env);

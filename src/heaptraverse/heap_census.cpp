@@ -139,13 +139,13 @@ QorForkState Attempt(int64_t until, int32_t *error, const char **refusal) {
 
 } // namespace
 
-QorHeapInUse QorDirectHeapInUse() {
+int32_t QorCheckDirectFork() {
     QorHeapInUse use = {0, true};
     for (const HeapSpace &space : heapspace) {
         use.bytes += (QorHasFreeLists(space) ? space.end : space.top) - space.bottom;
         use.isPrivate = use.isPrivate && QorIsPrivateMemory(space.bottom);
     }
-    return use;
+    return QorCheckFork(FORK_FOR_READING, use);
 }
 
 void QorLogSkipped(const HeapSpace *spaces, const QorSpaceCensus *content) {
@@ -175,7 +175,7 @@ bool QorAwaitCollectionEnd(int64_t until) {
 const QorHeapCensus *QorCountHeap(bool classes, const char **refusal) {
     const int64_t until = QorForkClock() + QorForkPatience();
     byClass = classes;
-    if (const int32_t refused = QorCheckFork(FORK_FOR_READING, QorDirectHeapInUse())) {
+    if (const int32_t refused = QorCheckDirectFork()) {
         *refusal = QorForkRefusalText(refused);
         return nullptr;
     }

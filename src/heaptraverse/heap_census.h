@@ -33,8 +33,9 @@ struct QorHeapCensus {
     QorClassCensus classes[CENSUS_CLASSES]; // of instances and arrays, most bytes first
 };
 
-// The heap that a copy is to show, by the spaces as laid out. Opens descriptors for a moment, and allocates.
-QorHeapInUse QorDirectHeapInUse();
+// Whether the process can bear a copy that shows the spaces as laid out: 0 or the QorForkRefusal, logged.
+// Opens descriptors for a moment, and allocates.
+int32_t QorCheckDirectFork();
 
 // Logs what of each space couldn't be read as objects. NUM_HEAP_SPACES of both.
 void QorLogSkipped(const HeapSpace *spaces, const QorSpaceCensus *content);

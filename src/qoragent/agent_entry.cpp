@@ -1,11 +1,11 @@
 // The native methods of qoragent.Agent, as the JVM calls them.
 
+#include "RequestHandler/listening_ports.h"
 #include "agent_state.h"
 #include "caller.h"
 #include "natives.h"
 #include "platforms/qorsysinfo.h"
 #include "qorlog.h"
-#include "server_port.h"
 #include "startup.h"
 #include "worker.h"
 

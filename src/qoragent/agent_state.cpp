@@ -5,13 +5,7 @@
 int32_t init_status = START_RUNNING;
 const char *startFailure;
 int32_t doing_init;
-JNIEnv *jni_env;
 char LOG_FILE[4096];
-int32_t callerJniVersion, callerThreadId;
-jclass serverKlass1, serverKlass2;
-jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
-int32_t ext_jvm_id;
-int32_t maxstates;
 int32_t maxthreads = 64;
 void **suspended_threads;
 

@@ -21,22 +21,8 @@ extern const char
     *startFailure;         // why the last start failed; null when it didn't, or for no reason of its own
 extern int32_t doing_init; // 1 while the initialisation thread runs
 
-// The environment of the thread inside `initvar`, null outside it.
-extern JNIEnv *jni_env;
-
 extern char LOG_FILE[4096]; // log destination as Java gave it
 
-// Of the thread inside `initvar`: the JNI version that it was told, and its system thread id. By them the
-// direct road makes sure that the JVM is what its version says.
-extern int32_t callerJniVersion, callerThreadId;
-
-// Marker classes of the application server and the sample objects: references of `initvar`'s own frame, null
-// outside it.
-extern jclass serverKlass1, serverKlass2;
-extern jobject qor_ins, qor_ins_ref, qor_objArr, qor_intArr;
-
-extern int32_t ext_jvm_id;       // port found for the JVM's identifier, 0 when none
-extern int32_t maxstates;        // thread state rows of the direct road
 extern int32_t maxthreads;       // slots of suspended_threads
 extern void **suspended_threads; // threads that the direct road holds still
 

@@ -1,11 +1,11 @@
 #include "fault_handler.h"
 
 #include "agent_state.h"
+#include "direct/gc_lock.h"
 #include "qoragent/requests/channel.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorutil/gc_lock.h"
 
 #include "QorOS.h"
 #include "jvmti/Session.h"

@@ -9,10 +9,8 @@
 #include "vendor.h"
 
 #include "QorOS.h"
-#include "Xtier/ConnectionCache.h"
-#include "Xtier/LocalWalk.h"
-#include "Xtier/thread_e2e_info.h"
-#include "Xtier/tiers/XtierDb.h"
+#include "Xtier/Xtier.h"
+#include "direct/direct_start.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
@@ -22,8 +20,6 @@
 #include "jvmti/threads/VirtualMonitors.h"
 #include "jvmti/trycatch.h"
 #include "qorthreads/qorthreads.h"
-#include "sunprint/report/connection_list.h"
-#include "sunprint/report/jdbc_versions.h"
 
 #include <ctime>
 
@@ -58,19 +54,14 @@ void QorFreeReply() {
 
 void QorDropSession(JNIEnv *env) {
     QorBusyScope busy; // a Java thread may be taking the list
-    release_thread_e2e_info(env);
-    QorDropE2EPool();
     DropClass(env, &e2eclass);
     DropClass(env, &jobjclass);
     DropClass(env, &jstringclass);
     DropClass(env, &gbDbUtilClass);
     if (QorIsEarlyDov())
         trycatch_Cleanup();
-    QorCloseLocalWalk();
-    QorDropDbConnections();
-    QorDropConnectionList();
-    QorDropJdbcVersions();
-    QorForgetDriverClasses();
+    QorDropXtier(env);
+    QorDropDirectSamples();
     QorDovOnUnload(env);
     QorForgetMounted();
     // References go by the environment that the unload has set: the worker's may be gone.

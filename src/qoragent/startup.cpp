@@ -2,6 +2,7 @@
 
 #include "agent_state.h"
 #include "caller.h"
+#include "direct/gc_lock.h"
 #include "platforms/qorsysinfo.h"
 #include "qoragent/requests/channel.h"
 #include "qoragent/requests/dispatch.h"
@@ -9,7 +10,6 @@
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "qorutil.h"
-#include "qorutil/gc_lock.h"
 #include "road.h"
 #include "settings_from_java.h"
 #include "shutdown.h"
@@ -19,6 +19,7 @@
 #include "QorOS.h"
 #include "RequestHandler/XtierDbSession.h"
 #include "Xtier/LocalWalk.h"
+#include "direct/direct_start.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

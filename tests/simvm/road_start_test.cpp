@@ -1,6 +1,7 @@
 // A start on the simulated VM: on which it succeeds, and that nothing keeps the agent from leaving.
 #include "with_scene.h"
 
+#include "direct/direct_start.h"
 #include "qoragent/agent_state.h"
 #include "qoragent/requests/dispatch.h"
 #include "qorrequest.h"

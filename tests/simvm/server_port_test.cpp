@@ -1,7 +1,7 @@
 // The port by which an application server's JVM is known, found in the objects of the scenes "servers".
 #include "with_scene.h"
 
-#include "qoragent/server_port.h"
+#include "direct/server_port.h"
 #include "qorsettings.h"
 
 #include <thread>

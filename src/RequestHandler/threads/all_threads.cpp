@@ -1,10 +1,10 @@
 #include "all_threads.h"
 
 #include "Xtier/LocalWalk.h"
+#include "Xtier/enrichment.h"
 #include "Xtier/thread_e2e_info.h"
 #include "all_threads_sample.h"
 #include "bci.h"
-#include "enrichment.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"

@@ -15,6 +15,3 @@
 // Appends the sample that `reqid` asks for. args[0] may be "JVMALLTHREADS" (poll of all threads), args[1] is
 // the thread key when a single thread is traced.
 void QorShowAllThreadRequest(uint32_t reqid, QorText *reply, char **args);
-
-// Appends the summary line: how many threads are in which state, and the load figures beside them.
-void QorShowJustThreadRequest(uint32_t reqid, QorText *reply, char **args);

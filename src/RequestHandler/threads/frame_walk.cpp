@@ -1,5 +1,4 @@
 // The frames of one thread in an all-threads sample.
-#include "Xtier/tiers/tier.h"
 #include "all_threads_sample.h"
 #include "qorlog.h"
 #include "qorsettings.h"

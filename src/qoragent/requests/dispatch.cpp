@@ -11,22 +11,18 @@
 #include "RequestHandler/RequestHandler.h"
 #include "RequestHandler/XtierDbSession.h"
 #include "Xtier/LocalWalkTimes.h"
-#include "heaptraverse/memory_text.h"
+#include "direct/direct_start.h"
+#include "direct/direct_views.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"
 #include "qorcost.h"
 #include "reply/records.h"
-#include "sunprint/locals.h"
-#include "sunprint/object_print.h"
-#include "sunprint/report/print_threads.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-std::atomic<int32_t> direct_ready;
 int32_t fpid = -2;
-char *pars;
 int32_t arg_num;
 char recsep;
 timeval last_time, cur_time;
@@ -37,7 +33,6 @@ namespace {
 constexpr uint32_t UNTIMED_BITS = QORREQ_JUST_THREADS | QORREQ_DB_XTIER | QORREQ_POLL_DETAILS;
 constexpr int32_t TIMING_LINE_ROOM = 50;
 constexpr int32_t TIMEBUF_SIZE = 512;
-constexpr int32_t MEMORY_VIEW_ARGUMENT = 8;
 constexpr double USEC_PER_MSEC = 1000;
 constexpr uint32_t USEC_PER_SEC = 1000000;
 constexpr char ARGUMENT_WORD[] = "ARG";
@@ -68,63 +63,8 @@ bool HaveSlots(int32_t count) {
     return true;
 }
 
-int32_t SlotAsInt(int32_t slot) {
-    return console_args[slot] ? atoi(console_args[slot]) : 0;
-}
-
-int64_t SlotAsLong(int32_t slot) {
-    return console_args[slot] ? atol(console_args[slot]) : 0;
-}
-
-// What answers a request, by road.
-struct Views {
-    void (*memory)();
-    void (*object)();
-    void (*locals)();
-    void (*threads)();
-    void (*figures)(); // what goes before threads' rows; null for nothing
-};
-
-constexpr Views JVMTI_VIEWS = {
-    [] { QorHandleShowMemRequest(pagebuf, MEMORY_VIEW_ARGUMENT, dumpfile, reqid); },
-    [] { QorShowObjectRequest(SlotAsInt(0), SlotAsInt(1), reqid, pagebuf, PAGEBUF_SIZE); },
-    [] {
-        QorHandlePrintLocalRequest(SlotAsInt(0), SlotAsLong(1), SlotAsLong(2), SlotAsInt(3), SlotAsInt(4),
-                                   pagebuf, PAGEBUF_SIZE);
-    },
-    [] { QorHandleShowJVMRequest(reqid, pagebuf, PAGEBUF_SIZE, console_args); },
-    nullptr,
-};
-
-void AddMemoryText(uint32_t wanted, bool byClass) {
-    QorText reply;
-    QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
-    qormemsum(&reply, wanted, byClass);
-}
-
-// What this road can't show yet is answered as on a JVM that isn't known.
-constexpr Views DIRECT_VIEWS = {
-    [] { AddMemoryText(reqid, pars && strstr(pars, HISTOGRAM_WORD)); },
-    [] {
-        QorText reply;
-        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
-        PrintObject(atoqoraddr(console_args[0]), SlotAsInt(1), &reply);
-    },
-    [] {
-        QorText reply;
-        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
-        QorAnswerLocals(console_args, &reply);
-    },
-    [] {
-        QorText reply;
-        QorTextContinue(&reply, pagebuf, PAGEBUF_SIZE);
-        PrintSunThreads(reqid, &reply, console_args);
-    },
-    [] { AddMemoryText(reqid & MEMORY_WITH_THREADS, false); },
-};
-
-const Views &ViewsOfRoad() {
-    return QorOnJvmtiRoad() ? JVMTI_VIEWS : DIRECT_VIEWS;
+const QorViews &ViewsOfRoad() {
+    return QorOnJvmtiRoad() ? qorJvmtiViews : qorDirectViews;
 }
 
 void Ask(void (*view)()) {
@@ -155,7 +95,7 @@ void ShowQor() {
     ParseRequestFields();
     dumpfile[0] = 0;
     ClearReply();
-    const Views &views = ViewsOfRoad();
+    const QorViews &views = ViewsOfRoad();
     const bool threadsAlone = (reqid & QORREQ_SAMPLING) && get_system_data == 0;
     if (views.figures && !threadsAlone && QorCanInspect())
         views.figures();

@@ -1,20 +1,15 @@
 // The dispatcher: a request text to the view that answers it.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <sys/time.h>
 
 extern int32_t fpid;    // the last dump child's process id; 0 in the child itself, -2 when there was none
-extern char *pars;      // the request's text after the command, or null; the views may look at it
 extern int32_t arg_num; // argument slots that the request set
 extern char recsep;     // separator of the request's fields
 
 extern timeval last_time, cur_time; // start and end of the request
 extern uint32_t diff_time;          // microseconds of the last request that was timed
-
-// 1 from the end of a start on the direct road, when its readers may be asked; else 0. The start sets it.
-extern std::atomic<int32_t> direct_ready;
 
 #define QOR_REPLY(...) snprintf(pagebuf, PAGEBUF_SIZE, __VA_ARGS__)
 

@@ -1,13 +1,13 @@
 #include "forked_dump.h"
 
 #include "channel.h"
-#include "direct_dump.h"
+#include "direct/direct_dump.h"
+#include "direct/gc_lock.h"
 #include "dispatch.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorutil/gc_lock.h"
 #include "request_text.h"
 
 #include "jvmti/Session.h"

@@ -11,12 +11,12 @@
 
 #include "RequestHandler/memory_views.h"
 #include "Xtier/LocalWalkTimes.h"
-#include "heaptraverse/heap_census.h"
+#include "direct/direct_dump.h"
+#include "direct/direct_views.h"
 #include "jvmti/Session.h"
 #include "jvmti/heap/ForkedWalk.h"
 #include "qorcost.h"
-#include "qorutil/vm_text.h"
-#include "sunprint/report/direct_connections.h"
+#include "reply/utf16_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -61,8 +61,7 @@ void ShowForkState(char *value) {
     const bool dump = value && strncmp(value, "dump", 4) == 0;
     const char *why = "QOR Uninitialized for this JVM", *note = "";
     if (QorCanInspect() && !QorOnJvmtiRoad()) {
-        const int32_t refusal = QorCheckFork(FORK_FOR_READING, QorDirectHeapInUse());
-        why = refusal ? QorForkRefusalText(refusal) : nullptr;
+        why = QorWhyNoDirectCopy();
         note = "only"; // nothing but a copy walks the heap of a JVM that is read by address
     } else if (QorCanInspect()) {
         why = QorWhyNoCopy(dump ? FORK_FOR_DUMP : FORK_FOR_HISTOGRAM, QorJvmHeapInUse());
@@ -105,8 +104,7 @@ void ReadRules(char *value) {
 // never followed.
 void ShowJavaString(char *value) {
     char text[VM_TEXT_SIZE];
-    const bool isRead = !QorOnJvmtiRoad() && QorCanInspect() &&
-                        QorReadHandle(strtoull(value, nullptr, 10), text, sizeof text);
+    const bool isRead = !QorOnJvmtiRoad() && QorReadHandle(strtoull(value, nullptr, 10), text, sizeof text);
     QOR_REPLY("%s", isRead ? text : "Given Oop is Invalid on this JVM.");
 }
 

@@ -293,17 +293,3 @@ bool QorThreadOfClientPort(int32_t port, QorText *out) {
     QorTextAppend(out, entry->threadKey);
     return true;
 }
-
-bool QorReadHandle(uint64_t handle, char *dst, int32_t size) {
-    refresh_heap = 1;
-    for (int32_t tries = 0; tries < 2; tries++) {
-        const uint32_t collections = QorCollectionCount();
-        QorForgetPages();
-        QorNoteSpaces();
-        const uint64_t string = QorWordAt(handle);
-        const bool isString = QorIsInstanceOf(string, "java/lang/String") && QorVmText(dst, size, string);
-        if (!QorIsCollecting() && QorCollectionCount() == collections)
-            return isString;
-    }
-    return false;
-}

@@ -29,7 +29,3 @@ bool QorKnownConnectionOf(const char *threadName, const char *threadKey, QorData
 // Appends "NAME|KEY" of the thread that used the connection of a local port last. False, with nothing
 // appended, for a port that wasn't seen.
 bool QorThreadOfClientPort(int32_t port, QorText *out);
-
-// The text of the java.lang.String that a handle, such as a block's sqlRef, leads to; any number will do.
-// False, with `dst` undefined, for anything else, and while objects move.
-bool QorReadHandle(uint64_t handle, char *dst, int32_t size);

@@ -1,11 +1,11 @@
 #include "answer_merge.h"
 
-#include "Xtier/thread_e2e_info.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 #include "reply/qortext.h"
 #include "reply/records.h"
+#include "thread_e2e_info.h"
 
 #include <algorithm>
 #include <cstdlib>

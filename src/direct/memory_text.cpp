@@ -1,7 +1,7 @@
 #include "memory_text.h"
 
-#include "heap_census.h"
-#include "heap_usage.h"
+#include "heaptraverse/heap_census.h"
+#include "heaptraverse/heap_usage.h"
 
 #include "platforms/qorsysinfo.h"
 #include "qorStrUtils.h"

@@ -1,7 +1,7 @@
 #include "gc_lock.h"
 
-#include "vm_heap.h"
-#include "vm_reader.h"
+#include "qorutil/vm_heap.h"
+#include "qorutil/vm_reader.h"
 
 #include "platforms/findsymLinSolHPIA64.h"
 #include "qorrequest.h"

@@ -2,21 +2,17 @@
 
 #include "server_walks.h"
 
-#include "agent_state.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
 
-#include "RequestHandler/listening_ports.h"
-#include "qorutil/gc_lock.h"
+#include "gc_lock.h"
 #include "qorutil/vm_heap.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 
-std::atomic<int32_t> relayPort;
 std::atomic<int32_t> serverAwaited;
 
 namespace {
@@ -24,11 +20,6 @@ namespace {
 constexpr int32_t LONGEST_WAIT_SECONDS = 60; // all sleeps together: the application waits for its agent
 constexpr long SLICE_NSEC = 100 * 1000 * 1000;
 constexpr int32_t SLICES_PER_SECOND = 10;
-
-void SetPort(int32_t port) {
-    ext_jvm_id = port;
-    snprintf(ext_jvm_id_str, sizeof ext_jvm_id_str, "%d", port);
-}
 
 // A port that was read while no collection moved objects; looked for once more if one did.
 int32_t BetweenCollections(int32_t (*find)()) {
@@ -109,13 +100,6 @@ constexpr Server SERVERS[] = {
 
 } // namespace
 
-void QorNameJvmByPort() {
-    uint16_t ports[2];
-    if (!ext_jvm_id_str[0] && QorOnJvmtiRoad() &&
-        QorListeningPorts(ports, 2, static_cast<uint16_t>(relayPort)) == 1)
-        SetPort(ports[0]);
-}
-
 void QorIdentifyServer() {
     QORLOG(LOG_DETAIL, "webserver is %s", webserver);
     for (const Server &server : SERVERS) {
@@ -123,7 +107,7 @@ void QorIdentifyServer() {
             continue;
         qor_disable_gc(GC_WAIT_BOUNDED);
         if (const int32_t port = server.find())
-            SetPort(port);
+            QorSetJvmPort(port);
         if (qorlocks[0])
             qor_enable_gc();
     }

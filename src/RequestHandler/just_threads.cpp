@@ -1,6 +1,7 @@
-// The summary line: threads by state, and the load of machine, process and heap.
-#include "all_threads.h"
-#include "bci.h"
+#include "just_threads.h"
+
+#include "RequestHandler/threads/bci.h"
+#include "RequestHandler/threads/thread_lookup.h"
 #include "jvmti/Session.h"
 #include "jvmti/heap/MemorySystem.h"
 #include "platforms/qorsysinfo.h"
@@ -8,7 +9,6 @@
 #include "qorrequest.h"
 #include "qorutil.h"
 #include "reply/records.h"
-#include "thread_lookup.h"
 
 #include <algorithm>
 

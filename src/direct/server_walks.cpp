@@ -1,6 +1,6 @@
 #include "server_walks.h"
 
-#include "agent_state.h"
+#include "direct_start.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
@@ -41,7 +41,7 @@ constexpr Marker MONITOR_THREAD = {&serverKlass2, "", "com/halcyon/server/LumoMo
 uint64_t KlassOf(const Marker &marker) {
     QorForgetPages();
     QorNoteSpaces();
-    const auto handle = reinterpret_cast<uint64_t>(*marker.reference);
+    const auto handle = QorAddressOf(*marker.reference);
     if (handle == 0) {
         QORLOG(LOG_ERROR, "%sCould not find class %s", marker.prefix, marker.name);
         return 0;

@@ -53,7 +53,7 @@ int32_t Prepare() {
     if (QorMeasureHeap() != 0)
         return FORK_REFUSED_BY_JVM;
     QorPrepareThreadRoots();
-    return QorCheckFork(FORK_FOR_READING, QorDirectHeapInUse());
+    return QorCheckDirectFork();
 }
 
 // The spaces as they are just before the hold: the next collection makes them useless.
@@ -115,4 +115,9 @@ int32_t QorForkDirectDump(const char *path, const int32_t pipe[2]) {
     if (pid < 0)
         QorForgetFork();
     return pid;
+}
+
+const char *QorWhyNoDirectCopy() {
+    const int32_t refusal = QorCheckDirectFork();
+    return refusal ? QorForkRefusalText(refusal) : nullptr;
 }

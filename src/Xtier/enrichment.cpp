@@ -2,7 +2,6 @@
 
 #include "answer_merge.h"
 
-#include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "qorlog.h"
@@ -10,6 +9,7 @@
 #include "qorsettings.h"
 #include "reply/qortext.h"
 #include "reply/records.h"
+#include "thread_e2e_info.h"
 
 #include <algorithm>
 #include <cstdio>
