@@ -4,7 +4,6 @@
 #include "memory_text.h"
 
 #include "qorutil/vm_heap.h"
-#include "qorutil/vm_klass.h"
 #include "qorutil/vm_reader.h"
 #include "qorutil/vm_text.h"
 #include "reply/qorformat.h"

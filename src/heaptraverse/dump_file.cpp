@@ -10,7 +10,6 @@
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "qorsettings.h"
-#include "qorutil/vm_reader.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -6,7 +6,6 @@
 #include "fault_handler.h"
 #include "platforms/qorsysinfo.h"
 #include "qorlog.h"
-#include "qorrequest.h"
 #include "qorsettings.h"
 #include "vendor.h"
 #include "worker.h"

@@ -5,7 +5,6 @@
 #include "qoragent/requests/forked_dump.h"
 #include "qorlog.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 #include "vendor.h"
 
 #include "QorOS.h"

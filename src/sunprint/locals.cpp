@@ -8,7 +8,6 @@
 #include "reply/qorformat.h"
 
 #include "qorutil/vm_heap.h"
-#include "qorutil/vm_offsets.h"
 #include "qorutil/vm_reader.h"
 #include "root_lines.h"
 

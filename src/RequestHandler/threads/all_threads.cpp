@@ -5,7 +5,6 @@
 #include "Xtier/thread_e2e_info.h"
 #include "all_threads_sample.h"
 #include "bci.h"
-#include "jvmti/JavaClasses.h"
 #include "jvmti/Session.h"
 #include "qorlog.h"
 #include "qorrequest.h"

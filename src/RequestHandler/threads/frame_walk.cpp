@@ -1,6 +1,5 @@
 // The frames of one thread in an all-threads sample.
 #include "all_threads_sample.h"
-#include "qorlog.h"
 #include "qorsettings.h"
 #include "qortiers.h"
 #include "qorutil.h"

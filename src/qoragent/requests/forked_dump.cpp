@@ -10,7 +10,6 @@
 #include "qorsettings.h"
 #include "request_text.h"
 
-#include "jvmti/Session.h"
 #include "jvmti/heap/ForkedDump.h"
 #include "jvmti/heap/ForkedHistogram.h"
 #include "jvmti/heap/ForkedWalk.h"

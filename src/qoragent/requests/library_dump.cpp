@@ -1,6 +1,5 @@
 #include "library_dump.h"
 
-#include "channel.h"
 #include "dispatch.h"
 #include "qorlog.h"
 #include "qorrequest.h"
