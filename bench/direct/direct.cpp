@@ -190,10 +190,10 @@ int main(int count, char **words) {
     const int seconds = count > 2 ? atoi(words[2]) : 0;
     Boot({});
     if (!census)
-        StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, 1, false});
+        StartStorm({THREADS, FRAMES, seconds ? LOOPING : 0, FRAMES, false});
     bool started = false;
     RunAsMain([&] {
-        started = StartAgent({"", "bench", 1, 0, {1}}) == 0;
+        started = StartAgent({"", "bench", 1, 1}) == 0;
         if (started && census)
             MeasureCensus(size_t(seconds) << 30);
         else if (started && seconds)

@@ -20,14 +20,14 @@ ThreadInfo *Self() {
 }
 
 int StartAgent(const AgentStart &with) {
-    constexpr int LEVEL = 2, TIMEOUT = 60, NO_CHAINING = 0, QUERIED = 1000, RECORDED = 300;
+    constexpr int LOG = 0, LEVEL = 2, TIMEOUT = 60, NO_CHAINING = 0, QUERIED = 1000, RECORDED = 300;
     const int status = Java_qoragent_Agent_initvar(
-        EnvOf(Self()), nullptr, with.log, LEVEL, with.backoff, TIMEOUT, NO_CHAINING,
+        EnvOf(Self()), nullptr, LOG, LEVEL, with.backoff, TIMEOUT, NO_CHAINING,
         NewText("Sun Microsystems Inc."), NewText(vm.options.version), NewText("Linux"),
         HandleOf(New("java/lang/Object")), HandleOf(New("java/lang/ref/WeakReference")),
         HandleOf(NewArray("[Ljava/lang/Object;", {nullptr, nullptr})), HandleOf(NewArray("[I", {1, 2, 3})),
-        NewText(with.server), nullptr, NewText("stderr"), NewText(with.id), with.settings[0],
-        with.settings[1], with.settings[2], with.settings[3], QUERIED, RECORDED);
+        NewText(with.server), nullptr, NewText("stderr"), NewText(with.id), with.lockInformation, 0, 0, 0,
+        QUERIED, RECORDED);
     EndLocals();
     return status;
 }
@@ -62,6 +62,14 @@ std::vector<std::string> Split(const std::string &text, char separator) {
     return parts;
 }
 
+std::vector<std::vector<std::string>> Records(const std::string &reply) {
+    std::vector<std::vector<std::string>> records;
+    for (const std::string &section : Split(reply, 31))
+        for (const std::string &record : Split(section, 30))
+            records.push_back(Split(record, 29));
+    return records;
+}
+
 std::string Hex(Word value) {
     std::stringstream out;
     out << std::hex << value;
@@ -73,21 +81,38 @@ std::string Dotted(std::string name) {
     return name;
 }
 
-Connected Connect(Scene *scene) {
-    sockaddr_in at = {};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto *const any = reinterpret_cast<sockaddr *>(&at);
-    socklen_t size = sizeof at;
+// The native driver's memory: each structure points to the next from a place of its own, the last one holds
+// the descriptor.
+static Word NewNativeState(int descriptor) {
+    constexpr int LAST = 0x530;
+    constexpr size_t ROOM = 0x1a40;
+    const Word first = Allocate(ROOM);
+    Word structure = first;
+    for (const int place : {0x0c, 0x44, 0x120, 0x1a20, 0xd4, 0x8c, 0, 0x9c, 0x104, 0x18}) {
+        const Word next = Allocate(ROOM) + place % 8; // at odd places, too
+        memcpy(&As<char>(structure + place), &next, sizeof next);
+        structure = next;
+    }
+    memcpy(&As<char>(structure + LAST), &descriptor, sizeof descriptor);
+    return first;
+}
+
+Texts Connect(Scene *scene) {
+    sockaddr_in local = {}, remote = {};
+    remote.sin_family = AF_INET;
+    remote.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *const to = reinterpret_cast<sockaddr *>(&remote);
+    socklen_t size = sizeof remote;
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0),
               client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, any, size) || listen(listener, 1) || getsockname(listener, any, &size) ||
-        connect(client, any, size))
+    if (bind(listener, to, size) || listen(listener, 1) || getsockname(listener, to, &size) ||
+        connect(client, to, size) || getsockname(client, reinterpret_cast<sockaddr *>(&local), &size))
         Fail("no connection over the loopback");
     scene->descriptors.insert(scene->descriptors.end(), {listener, client});
-    const int remotePort = ntohs(at.sin_port);
-    getsockname(client, any, &size);
-    return {client, std::to_string(ntohs(at.sin_port)), std::to_string(remotePort)};
+    return {{"FD", std::to_string(client)},
+            {"LOCAL", std::to_string(ntohs(local.sin_port))},
+            {"REMOTE", std::to_string(ntohs(remote.sin_port))},
+            {"STATE", std::to_string(NewNativeState(client))}};
 }
 
 } // namespace simvm

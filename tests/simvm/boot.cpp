@@ -85,7 +85,7 @@ void FillVtables() {
     for (int kind = 0; kind < VTABLE_COUNT; kind++) {
         Word *table = vm.statics.vtables[kind], head = HeadOf(VtableKind(kind));
         table[0] = 0;
-        std::fill(table + 1, table + VTABLE_WORDS, POISON_WORD); // nobody may call what is there
+        std::fill(table + 1, table + STATIC_WORDS, POISON_WORD); // nobody may call what is there
         const bool isBlob = kind >= VT_BufferBlob;
         const size_t from = isBlob ? 0 : Place(&KlassVtable::instance),
                      end = isBlob ? sizeof(BlobVtable) : sizeof(KlassVtable);

@@ -39,28 +39,32 @@ void PlaceFields(Class *owner) {
     owner->bytes = (end + 7) & ~7;
 }
 
+// Seven numbers of 16 bits a field.
 void WriteFields(Class *owner) {
-    const int32_t length = owner->fields.size() * sizeof(FieldEntry) / 2;
-    const Word array = AllocateObject(&vm.perm, sizeof(JavaArray) + 2 * length);
-    As<JavaArray>(array) = {UNMARKED, ArrayClass("[S")->klass, length, 0};
-    auto *entry = &As<FieldEntry>(array + sizeof(JavaArray));
+    std::vector<Value> numbers;
     for (const Field &field : owner->fields) {
-        *entry = {};
-        entry->flags = field.isStatic ? METHOD_STATIC : 0;
-        entry->name = AddToPool(owner, Intern(field.name));
-        entry->signature = AddToPool(owner, Intern(field.signature));
-        entry->offsetLow = field.offset;
-        entry++->offsetHigh = field.offset >> 16;
+        const int32_t name = AddToPool(owner, Intern(field.name)),
+                      signature = AddToPool(owner, Intern(field.signature));
+        numbers.insert(numbers.end(), {field.isStatic ? METHOD_STATIC : 0, name, signature, 0,
+                                       field.offset & 0xffff, field.offset >> 16, 0});
     }
-    At(owner->klass, &Klass::fields) = array;
+    At(owner->klass, &Klass::fields) = NewArray("[S", numbers, 'P')->address;
 }
 
 void AddMirror(Class *owner) {
-    const Class *mirrors = FindClass("java/lang/Class");
-    if (!mirrors || !owner->klass)
-        return;
-    owner->mirror = At(owner->klass, &Klass::javaMirror) = AllocateObject(&vm.perm, mirrors->bytes);
-    As<ClassMirror>(owner->mirror) = {UNMARKED, mirrors->klass, owner->klass};
+    if (owner->klass && FindClass("java/lang/Class"))
+        owner->mirror = At(owner->klass, &Klass::javaMirror) =
+            New("java/lang/Class", {{"klass", owner->klass}}, 'P')->address;
+}
+
+// What klasses of instances and of arrays have in common.
+Word TakeKlass(Class *owner, Word klass, int32_t layoutHelper) {
+    owner->klass = klass;
+    At(klass, &Klass::layoutHelper) = layoutHelper;
+    At(klass, &Klass::super) = owner->super ? owner->super->klass : 0;
+    At(klass, &Klass::name) = Intern(owner->name);
+    AddMirror(owner);
+    return klass;
 }
 
 // Pairs of steps in bci and line: one byte where both are small, 255 and two numbers where not.
@@ -93,19 +97,16 @@ void LayOutClass(Class *owner) {
     owner->bytes = owner->super ? owner->super->bytes : int32_t(sizeof(Oop));
     owner->poolRoom = POOL_ENTRIES + 2 * owner->fields.size();
     PlaceFields(owner);
-    const Word klass = owner->klass =
-        NewKlass(owner->name.find("java/lang/ref/") == 0 ? VT_instanceRef : VT_instance, VT_instanceKlass,
-                 owner->fields.size());
+    const bool isReference = owner->name.find("java/lang/ref/") == 0;
+    const Word klass = TakeKlass(
+        owner, NewKlass(isReference ? VT_instanceRef : VT_instance, VT_instanceKlass, owner->fields.size()),
+        owner->bytes / 8);
     owner->pool = NewVmObject(VT_constantPool, sizeof(ConstantPool) + 8 * owner->poolRoom);
     As<ConstantPool>(owner->pool).holder = klass;
     As<ConstantPool>(owner->pool).length = owner->poolRoom;
-    At(klass, &Klass::layoutHelper) = owner->bytes / 8;
-    At(klass, &Klass::super) = owner->super ? owner->super->klass : 0;
-    At(klass, &Klass::name) = Intern(owner->name);
     At(klass, &Klass::constants) = owner->pool;
     At(klass, &Klass::sourceFile) = Intern(owner->source);
     WriteFields(owner);
-    AddMirror(owner);
 }
 
 } // namespace
@@ -160,22 +161,21 @@ Class *DefineClass(const std::string &line) {
 Class *ArrayClass(const std::string &signature) {
     if (Class *known = FindClass(signature))
         return known;
-    const Class *object = FindClass("java/lang/Object");
     Class *array = &vm.classes[signature];
     array->name = signature;
+    array->super = FindClass("java/lang/Object");
     const bool ofObjects = strchr("L[", signature[1]);
-    const Word klass = array->klass =
-        NewKlass(ofObjects ? VT_objArray : VT_typeArray, ofObjects ? VT_objArrayKlass : VT_typeArrayKlass);
-    At(klass, &Klass::layoutHelper) = ~__builtin_ctz(SizeOf(signature.substr(1)));
+    const Word klass = TakeKlass(
+        array,
+        NewKlass(ofObjects ? VT_objArray : VT_typeArray, ofObjects ? VT_objArrayKlass : VT_typeArrayKlass),
+        ~__builtin_ctz(SizeOf(signature.substr(1))));
     At(klass, &Klass::arrayHeaderSize) = sizeof(JavaArray);
-    At(klass, &Klass::name) = Intern(signature);
-    At(klass, &Klass::super) = object ? object->klass : 0;
-    AddMirror(array);
     return array;
 }
 
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
-                         std::vector<MethodLine> lines, int32_t flags, int32_t codeSize) {
+                         std::vector<MethodLine> lines, int32_t flags) {
+    const int32_t codeSize = lines.empty() ? 0 : 64;
     vm.methods.push_back({DefineClass(holder), name, signature, flags, codeSize, std::move(lines), 0});
     MethodInfo *method = &vm.methods.back();
     const Word oop = method->oop = NewVmObject(VT_method, sizeof(Method));
@@ -240,12 +240,10 @@ struct Found {
     size_t index; // in FieldsOf
 };
 Found Find(const Class *type, const std::string &name) {
-    for (const Class *owner = type; owner; owner = owner->super) {
-        std::vector<const Field *> fields = FieldsOf(owner);
-        for (size_t i = fields.size(); i-- > 0;) // its own come last
-            if (fields[i]->name == name)
-                return {fields[i], i};
-    }
+    std::vector<const Field *> fields = FieldsOf(type);
+    for (size_t i = fields.size(); i-- > 0;) // its own come last
+        if (fields[i]->name == name)
+            return {fields[i], i};
     Fail("no such field");
 }
 
@@ -345,23 +343,6 @@ Object *NewChars(const std::string &text, char space) {
 
 Object *NewString(const std::string &text, char space) {
     return New("java/lang/String", {{"value", NewChars(text, space)}, {"count", text.size()}}, space);
-}
-
-Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
-                 bool cyclic) {
-    const bool isMap = className == "java/util/HashMap";
-    const std::string entryClass = isMap ? "java/util/HashMap$Entry" : "java/util/Hashtable$Entry";
-    Object *table = NewArray("[L" + entryClass + ";", std::vector<Value>(buckets)), *last = nullptr;
-    std::map<int32_t, Object *> ends;
-    for (const TableEntry &entry : entries) {
-        last = New(entryClass, {{"key", entry.key}, {"value", entry.value}});
-        Object *&end = ends[entry.bucket];
-        end ? Set(end, "next", last) : SetElement(table, entry.bucket, last);
-        end = last;
-    }
-    if (cyclic)
-        Set(last, "next", last);
-    return New(className, {{"table", table}, {isMap ? "size" : "count", entries.size()}});
 }
 
 } // namespace simvm

@@ -8,7 +8,7 @@ namespace simvm {
 
 int32_t safepointAsked;
 std::mt19937_64 randomWords(20260101);
-Word callStub;
+Word callStub, cacheLow, cacheNext;
 
 void Assembler::EmitWords(const char *text, const std::vector<Word> &values) {
     auto value = values.begin();
@@ -27,10 +27,9 @@ constexpr size_t CODE_BYTES = 16 << 20, INTERPRETER_BYTES = 1 << 20;
 constexpr int LOG2_SEGMENT = 6, SEGMENT = 1 << LOG2_SEGMENT;
 constexpr uint8_t FREE_SEGMENT = 255;
 
-Word cacheLow, cacheMap, cacheNext; // the code cache
-Word interpreterNext;               // room for interpreted frames
+Word cacheMap;        // of the code cache
+Word interpreterNext; // room for interpreted frames
 Word safepointStub;
-std::vector<std::pair<Word, Word>> oopTables;
 
 void Copy(Word to, const std::string &bytes) {
     memcpy(&As<char>(to), bytes.data(), bytes.size());
@@ -84,7 +83,7 @@ void CallOut(Assembler *a, void (*function)(), Word argument, ThreadState state)
 void Enter(Assembler *a, int words, int link) {
     a->Emit(SUB_RSP, 8 * (words - 1));
     a->Emit(STORE_RBP, 8 * link);
-    if (vm.statics.server)
+    if (!vm.options.isClient)
         a->Emit("48bd q", randomWords());
     else
         a->Emit("488dac24 d", 8 * link); // lea
@@ -119,26 +118,9 @@ BlobParts StubParts(VtableKind kind, int words, int link) {
     return {kind, "", words, byMap ? -2 : link, {}, "", 0, byMap ? OopMapOf(link) : 0};
 }
 
-Word EmitI2C(Word target) {
-    constexpr int WORDS = 4, LINK = 1;
-    Assembler a;
-    if (vm.statics.server) {
-        a.Emit("4889e0 4883e4f0 50"); // mov rax, rsp; and rsp, -16; push rax
-        a.Emit(SUB_RSP, 8 * (WORDS - 1));
-        a.Emit(STORE_RBP, 8 * LINK);
-        a.Emit(CALL, target);
-        a.Emit(LOAD_RBP, 8 * LINK);
-        a.Emit(ADD_RSP, 8 * (WORDS - 1));
-        a.Emit("5c c3"); // pop rsp; ret
-    } else
-        a.Emit("55 4889e5 4883e4f0 48b8 q ffd0 c9 c3",
-               target); // push rbp; mov rbp, rsp; and rsp; call; leave; ret
-    return Finish(StubParts(VT_I2CAdapter, WORDS, LINK), a);
-}
-
 // A frame of a stub or adapter around what `body` emits.
 Word EmitStub(VtableKind kind, int words, const Body &body) {
-    const int link = vm.statics.server ? words / 3 : words - 2;
+    const int link = vm.options.isClient ? words - 2 : words / 3;
     const BlobParts parts = StubParts(kind, words, link);
     Assembler a;
     Enter(&a, words, link);
@@ -147,11 +129,26 @@ Word EmitStub(VtableKind kind, int words, const Body &body) {
     return Finish(parts, a);
 }
 
+Word EmitI2C(Word target) {
+    constexpr int WORDS = 4, LINK = 1;
+    if (vm.options.isClient)
+        return EmitStub(VT_I2CAdapter, WORDS, [&](Assembler *a) { a->Emit(CALL, target); });
+    Assembler a;
+    a.Emit("4889e0 4883e4f0 50"); // mov rax, rsp; and rsp, -16; push rax
+    a.Emit(SUB_RSP, 8 * (WORDS - 1));
+    a.Emit(STORE_RBP, 8 * LINK);
+    a.Emit(CALL, target);
+    a.Emit(LOAD_RBP, 8 * LINK);
+    a.Emit(ADD_RSP, 8 * (WORDS - 1));
+    a.Emit("5c c3"); // pop rsp; ret
+    return Finish(StubParts(VT_I2CAdapter, WORDS, LINK), a);
+}
+
 // On top of its frame: return pc, the interpreter's fp, the sender's sp.
 Word EmitOsrAdapter(Word target) {
     constexpr int WORDS = 6;
     Assembler a;
-    if (vm.statics.server) {
+    if (!vm.options.isClient) {
         a.Emit("488b0c24 488d542408"); // mov rcx, [rsp]; lea rdx, [rsp + 8]
         a.Emit("4883e4f0 51 55 52");   // and rsp, -16; push rcx, rbp, rdx
         a.Emit(SUB_RSP, 8 * (WORDS - 3));
@@ -204,16 +201,11 @@ Word NewBlob(const BlobParts &parts) {
     Copy(blob + code, parts.code);
     Copy(blob + scopes, parts.scopes);
     std::copy(parts.oops.begin(), parts.oops.end(), &As<Word>(blob + oops));
-    oopTables.emplace_back(blob + oops, blob + scopes);
     return blob;
 }
 
 Word EntryOf(Word blob) {
     return blob + As<Blob>(blob).codeOffset;
-}
-
-const std::vector<std::pair<Word, Word>> &OopTables() {
-    return oopTables;
 }
 
 Word BlobOf(Word pc) {
@@ -270,16 +262,14 @@ Word EmitInterpreted(const Scope &scope, const Body &body) {
         a.Emit(LOAD_FROM, &object->address);
         a.Emit("50 6a00"); // push rax; push 0
     }
+    a.Emit("4883e4f0"); // and rsp, -16
     body(&a);
     a.Emit("4c8b6df8 c9 59 4c89ec ffe1"); // mov r13, [rbp - 8]; leave; pop rcx; mov rsp, r13; jmp rcx
     return PlaceInterpreted(a);
 }
 
 Word EmitCallingOut(const Scope &scope, void (*function)(), Word argument, ThreadState state) {
-    return EmitInterpreted(scope, [&](Assembler *a) {
-        a->Emit("4883e4f0"); // and rsp, -16
-        CallOut(a, function, argument, state);
-    });
+    return EmitInterpreted(scope, [&](Assembler *a) { CallOut(a, function, argument, state); });
 }
 
 // A compiled frame around what `body` emits.
@@ -319,10 +309,10 @@ Word EmitLeaf(Scope scope, bool loops) {
         scope.variables.clear();
     WriteScopes(&parts, {{scope.method, scope.bci, nullptr, {}, scope.variables}});
     Assembler a;
-    vm.statics.server ? a.Emit(SUB_RSP, 8) : Enter(&a, parts.words, 0);
+    vm.options.isClient ? Enter(&a, parts.words, 0) : a.Emit(SUB_RSP, 8);
     if (loops)
         EmitLoop(&a, 0);
-    vm.statics.server ? a.Emit("4881c4 d c3", 8) : Return(&a, parts.words, 0);
+    vm.options.isClient ? Return(&a, parts.words, 0) : a.Emit("4881c4 d c3", 8);
     return Finish(parts, a);
 }
 

@@ -37,6 +37,20 @@ struct Frame {
 };
 
 enum class Rest { PIPE, SLEEP, WAIT, MONITOR, SPIN, CALLS, CALL };
+// By Rest: its name in a scene, what is shown, the VM's state.
+struct RestRow {
+    const char *word, *shown;
+    OsState state;
+};
+constexpr RestRow RESTS[] = {
+    {"PIPE", "IO Wait", OS_RUNNABLE},
+    {"SLEEP", "Sleeping", OS_SLEEPING},
+    {"WAIT", "Object Wait", OS_OBJECT_WAIT},
+    {"MONITOR", "Lock", OS_MONITOR_WAIT},
+    {"SPIN", "Runnable", OS_RUNNABLE},
+    {"CALLS", "Runnable", OS_RUNNABLE},
+    {"CALL", "", OS_RUNNABLE},
+};
 inline bool Loops(Rest rest) {
     return rest == Rest::SPIN || rest == Rest::CALLS;
 }
@@ -49,7 +63,7 @@ inline bool IsCompiled(FrameKind kind) {
 struct Script {
     std::vector<Frame> frames;
     Rest rest = Rest::SLEEP;
-    std::string state = {};                        // to be shown; empty: as the rest has it
+    std::string state = {};                        // to be shown
     std::map<std::string, std::string> facts = {}; // what else is to be shown of it
     Word entry = 0;                                // once emitted
 };
@@ -75,8 +89,6 @@ extern int32_t safepointAsked;
 
 // The code blob around an address, for tests that spoil it: 0 if there is none.
 Word BlobOf(Word pc);
-// The blobs' tables of oops, each from its first word to the end.
-const std::vector<std::pair<Word, Word>> &OopTables();
 
 // ---- emitting: code.cpp, locals.cpp
 
@@ -100,7 +112,7 @@ constexpr char CALL[] = "48b8 q ffd0", LOAD[] = "48b8 q", // rax
 using Body = std::function<void(Assembler *)>;
 
 extern std::mt19937_64 randomWords;
-extern Word callStub;
+extern Word callStub, cacheLow, cacheNext; // the code cache, as far as it is used
 
 struct BlobParts {
     VtableKind kind;

@@ -9,61 +9,51 @@ namespace {
 
 constexpr Word PAGE = 4096;
 
-template <class S>
+// What the concurrent collector's says of its top means nothing.
 Word NewSpace(HeapSpace *space, char letter, size_t megabytes) {
     const size_t bytes = megabytes << 20;
-    const Word bottom = Map(bytes + PAGE, true), structure = Allocate(sizeof(S));
-    auto &made = As<S>(structure);
-    *space = {letter, structure, bottom, bottom, bottom + bytes, Map(bytes / 2, false), &made.top, 0, 0};
+    const Word bottom = Map(bytes + PAGE, true);
+    auto *made = Make<Space>();
+    Word *const top = vm.options.collector == Collector::PARALLEL ? &made->parallelTop : &made->top;
+    *space = {letter, Word(made), bottom, bottom, bottom + bytes, Map(bytes / 2, false), top, 0, 0};
     mprotect(reinterpret_cast<void *>(space->end), PAGE, PROT_NONE);
-    made.bottom = made.top = bottom;
-    made.end = space->end;
-    return structure;
-}
-
-// The young generation's spaces.
-template <class GENERATION, class SPACE>
-Word NewYoung() {
-    const Word young = Allocate(sizeof(GENERATION));
-    At(young, &GENERATION::eden) = NewSpace<SPACE>(&vm.eden, 'E', 4);
-    At(young, &GENERATION::from) = NewSpace<SPACE>(&vm.from, 'F', 1);
-    At(young, &GENERATION::to) = NewSpace<SPACE>(&vm.to, 'T', 1);
-    vm.survivors = &At(young, &GENERATION::from);
-    return young;
-}
-
-// A generation of one space. What the concurrent collector's says of its top means nothing.
-template <class GENERATION, class SPACE>
-Word NewGeneration(HeapSpace *space, char letter, size_t megabytes,
-                   Word GENERATION::*member = &GENERATION::space) {
-    const Word generation = Allocate(sizeof(GENERATION));
-    At(generation, member) = NewSpace<SPACE>(space, letter, megabytes);
-    return generation;
-}
-
-Word NewSerial(HeapSpace *space, char letter, size_t megabytes) {
-    if (vm.options.collector != Collector::CONCURRENT)
-        return NewGeneration<Generation, Space>(space, letter, megabytes);
-    letter = letter == 'O' ? 'C' : letter;
-    const Word generation =
-        NewGeneration<Generation, FreeListSpace>(space, letter, megabytes, &Generation::cmsSpace);
-    As<FreeListSpace>(space->structure).indexedFreeWords = 0;
-    As<FreeListSpace>(space->structure).dictionary = Word(Make<FreeListDictionary>());
-    return generation;
+    made->bottom = *top = bottom;
+    made->end = space->end;
+    if (HasFreeLists(*space)) {
+        made->indexedFreeWords = 0;
+        made->dictionary = Word(Make<FreeListDictionary>());
+    }
+    return Word(made);
 }
 
 void LayOutGenerations() {
-    constexpr size_t PERM = 16, OLD = 8;
+    const bool listed = vm.options.collector == Collector::CONCURRENT;
+    const Word perm = NewSpace(&vm.perm, 'P', 16), old = NewSpace(&vm.old, listed ? 'C' : 'O', 8),
+               young[] = {NewSpace(&vm.eden, 'E', 4), NewSpace(&vm.from, 'F', 1), NewSpace(&vm.to, 'T', 1)};
+    Word *places;
     if (vm.options.collector == Collector::PARALLEL) {
-        *vm.statics.psPerm = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.perm, 'P', PERM);
-        *vm.statics.psOld = NewGeneration<ParallelGeneration, ParallelSpace>(&vm.old, 'O', OLD);
-        *vm.statics.psYoung = NewYoung<ParallelGeneration, ParallelSpace>();
-        return;
+        auto *perms = Make<ParallelGeneration>(), *olds = Make<ParallelGeneration>(),
+             *youngs = Make<ParallelGeneration>();
+        perms->space = perm;
+        olds->space = old;
+        places = youngs->young;
+        *vm.statics.psPerm = Word(perms);
+        *vm.statics.psOld = Word(olds);
+        *vm.statics.psYoung = Word(youngs);
+    } else {
+        Word Generation::*const member = listed ? &Generation::cmsSpace : &Generation::space;
+        auto *perms = Make<Generation>(), *olds = Make<Generation>();
+        auto *holder = Make<PermGenerations>();
+        perms->*member = perm;
+        olds->*member = old;
+        holder->generation = Word(perms);
+        vm.heap->perm = Word(holder);
+        vm.heap->old = Word(olds);
+        vm.heap->young = Word(Make<YoungGeneration>());
+        places = At(vm.heap->young, &YoungGeneration::young);
     }
-    const Word holder = vm.heap->perm = Allocate(sizeof(PermGenerations));
-    At(holder, &PermGenerations::generation) = NewSerial(&vm.perm, 'P', PERM);
-    vm.heap->old = NewSerial(&vm.old, 'O', OLD);
-    vm.heap->young = NewYoung<YoungGeneration, Space>();
+    std::copy_n(young, 3, places);
+    vm.survivors = places + 1;
 }
 
 // One byte; what follows is another variable's.
@@ -137,7 +127,7 @@ void SetTop(HeapSpace *space, Word top) {
         return;
     }
     const Word rest = FreeAbove(*space); // is one chunk
-    auto &made = As<FreeListSpace>(space->structure);
+    auto &made = As<Space>(space->structure);
     if (rest)
         WriteChunk(top, rest);
     As<FreeListDictionary>(made.dictionary).freeWords = space->chunkWords + rest;

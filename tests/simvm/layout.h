@@ -22,9 +22,6 @@ struct JavaArray {
     int32_t length, unused;
     // elements
 };
-struct ClassMirror { // java.lang.Class
-    Word mark, klass, represents;
-};
 #pragma pack(push, 1)
 struct Symbol {
     Word mark, klass;
@@ -71,11 +68,6 @@ struct KlassVtable {
     Word instance, instanceRef, array, objArray, symbol, klass, isThread;
     Word method, constMethod, methodData, constantPool, constantPoolCache, typeArray;
     Word arrayKlass, objArrayKlass, typeArrayKlass, compiledICHolder, instanceKlass;
-};
-
-// An entry of a class's field table, in 16-bit units.
-struct FieldEntry {
-    uint16_t flags, name, signature, initialValue, offsetLow, offsetHigh, genericSignature;
 };
 
 // ---- threads
@@ -198,25 +190,18 @@ struct Generation {
 struct YoungGeneration {
     Word gap0[23];
     int32_t collections, gap4;
-    Word accumulatedTime, gap1[49], since08, eden, from, to;
+    Word accumulatedTime, gap1[49], since08, young[3]; // eden, from, to
 };
 struct ParallelGeneration {
-    Word gap0[4];
-    Word eden, from, to; // of the young one
-    Word gap1[13];
+    Word gap0[4], young[3], gap1[13];
     Word space; // of old and perm
 };
 struct Space {
-    Word vtable, bottom, end, gap[8], top;
-};
-struct FreeListSpace { // the concurrent collector's
-    Word vtable, bottom, end, gap[8], top, gap1[24], indexedFreeWords, gap2[3], dictionary;
+    Word vtable, bottom, end, parallelTop, gap[7], top, gap1[24];
+    Word indexedFreeWords, gap2[3], dictionary; // the concurrent collector's
 };
 struct FreeListDictionary {
     Word vtable, gap, freeWords;
-};
-struct ParallelSpace {
-    Word vtable, bottom, end, top;
 };
 
 // ---- numbers that structures hold
@@ -267,10 +252,7 @@ struct PrivilegedElement { // of a thread's privileged calls
 };
 
 struct ObjectMonitor { // 64 to a block; the first of a block links the blocks
-    Word gap0, object, gap1[6];
-};
-struct ObjectMonitorBlock {
-    Word gap[3], next;
+    Word gap0, object, gap1, next, gap2[4];
 };
 struct VmOperation { // waits for the VM thread
     Word gap0[4], next, gap1;

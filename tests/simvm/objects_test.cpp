@@ -11,20 +11,18 @@ using namespace simvm;
 
 namespace {
 
-const char FIELD = 29, RECORD = 30, SECTION = 31;
-
 // The views of the scene's objects and the locals of its frames: "|", ";" and "/" between fields, rows and
 // sections. An address is shown as what the VM has there.
 const char SHOWN[] = R"(
-let ALL <readers/All>|0|readers.All
-let THIS This Object; $ALL
-let PART <java/lang/String>|0|java.lang.String
-let NAMES <[Ljava/lang/String;>|-8|Array java.lang.String|[]
-let ARGS Method Arguments; Integer|-5; $PART|part; Long|8589934592; Double|0.500000; $NAMES
-let LOCALS Method Locals; $ALL|->; ^|113; ^|0
-let TOP < java.lang.Object/No Fields exist/
-let STATICS static Long|count|1099511627776; <readers/All>|0|static readers.All|last|->
-let SHARED static Integer|shared|-3; static java.lang.String|label|static text
+ALL = <readers/All>|0|readers.All
+THIS = This Object; $ALL
+PART = <java/lang/String>|0|java.lang.String
+NAMES = <[Ljava/lang/String;>|-8|Array java.lang.String|[]
+ARGS = Method Arguments; Integer|-5; $PART|part; Long|8589934592; Double|0.500000; $NAMES
+LOCALS = Method Locals; $ALL|->; ^|113; ^|0
+TOP = < java.lang.Object/No Fields exist/
+STATICS = static Long|count|1099511627776; <readers/All>|0|static readers.All|last|->
+SHARED = static Integer|shared|-3; static java.lang.String|label|static text
 all = readers.All/: $STATICS; Boolean|z|True; Byte|b|-128; Char|c|8364; Short|s|-32768; Integer|i|-2147483648;
  Long|j|-9223372036854775801; Float|f|2.500000; Double|d|-0.001000; java.lang.String|text|all;
  java.lang.StringBuffer|buffer|in a buffer; Char Array D-1|chars|letters; <[I>|-2|Integer Array D-1|ints|[];
@@ -36,30 +34,28 @@ C = Char Array D-1/: Char Array D-1|^|  A; /
 objects = java.lang.Object Array D-1/: $PART|at [0]|->; <[J>|-2|Long Array D-1|at [1]|[];
  <readers/Plain>|0|readers.Plain|at [2]|->; /
 texts = java.lang.String Array D-1/: String at[0] : in an array/String at[2] : last/
-let FRAME Frame; readers
+FRAME = Frame; readers
 interpreted 0 = $FRAME.Native->call/$THIS/Method Arguments; Integer|-5; $PART|part; Long|8589934592/
 interpreted 1 = $FRAME.Twice->second/$THIS/Method Locals; ^|-5; ^|<half of java/lang/String>/
-let SIX ^|20; $ALL|->; ^|21; $ALL|->; ^|22; $ALL|->
-let HALF <half of readers/All>
+SIX = ^|20; $ALL|->; ^|21; $ALL|->; ^|22; $ALL|->
+HALF = <half of readers/All>
 interpreted 3 = $FRAME.Far->withMany/$THIS/$ARGS/$LOCALS; $SIX; $SIX; $SIX; ^|20; $ALL|->; ^|21; ^|$HALF; ^|22;
  ^|$HALF/
 interpreted 4 = $FRAME.All->plain/$THIS/$ARGS/$LOCALS/
 compiled 0 = No Locals available/
 compiled 1 = $FRAME.Statics->inner/This Class; <class readers/Statics>|1|readers.Statics/$ARGS/$LOCALS/
-let KEPT ^|^; ^|^; $ALL|->
+KEPT = ^|^; ^|^; $ALL|->
 compiled 2 = $FRAME.Plain->inlined/This Object; <readers/Plain>|0|readers.Plain/Method Arguments; Integer|-5;
  java.lang.String|^; Long|^; Double|0.500000; $NAMES/Method Locals; ^|^; ^|^; ^|0; ^|20; $KEPT; ^|22; $KEPT; ^|21; $KEPT/
 )";
 
 // By name, or by thread and place in its stack.
-std::map<std::string, std::string> AllShown() {
-    SceneText text(nullptr);
-    std::map<std::string, std::string> shown;
-    for (const std::string &line : WholeLines(SHOWN))
-        if (const size_t at = line.find(" = "); at == line.npos)
-            text.Read(line);
-        else
-            shown[line.substr(0, at)] = text.Expanded(line.substr(at + 3));
+Texts AllShown() {
+    Texts shown;
+    for (const std::string &line : WholeLines(SHOWN)) {
+        const size_t at = line.find(" = ");
+        shown[line.substr(0, at)] = Expanded(line.substr(at + 3), shown);
+    }
     return shown;
 }
 
@@ -183,9 +179,7 @@ TEST(DirectLocals, EqualWhatTheirFramesHold) {
         for (const Runner *runner : scene.runners) {
             const std::string stack = Ask("521|showstack|512|ARG=x,1=" + Key(*runner->info));
             size_t frames = 0;
-            for (const std::string &row :
-                 Split(Split(stack.substr(stack.find("Call Stack")), SECTION)[0], RECORD)) {
-                const std::vector<std::string> fields = Split(row, FIELD);
+            for (const std::vector<std::string> &fields : Records(stack.substr(stack.find("Call Stack")))) {
                 if (fields.size() != 9)
                     continue;
                 const std::vector<std::string> place(fields.begin() + 1, fields.begin() + 6);

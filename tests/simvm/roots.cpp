@@ -101,16 +101,16 @@ void StageVmThread() {
     *vm.statics.vmQueue = Word(queue);
 }
 
-ObjectMonitorBlock *NewMonitorBlock() {
+ObjectMonitor *NewMonitorBlock() {
     constexpr int IN_A_BLOCK = 64, USED = 7;
-    auto *block = reinterpret_cast<ObjectMonitor *>(Allocate(IN_A_BLOCK * sizeof(ObjectMonitor)));
+    auto *block = Make<ObjectMonitor>((IN_A_BLOCK - 1) * sizeof(ObjectMonitor));
     block->object = ~Word(0); // where another monitor has its object
     for (int i = 1; i < IN_A_BLOCK; i++)
         if (i % USED == 0)
             Put(block[i].object, 's', "_object");
         else
             block[i].object = 0;
-    return reinterpret_cast<ObjectMonitorBlock *>(block);
+    return block;
 }
 
 // What is known by itself. Its names in a dump are left out.
@@ -171,7 +171,7 @@ void StageRoots(ThreadInfo *thread, ChainEnd end) {
     chainEnd = end;
     StageThread(thread->Java());
     StageVmThread();
-    *vm.statics.monitorBlocks = Chain({NewMonitorBlock(), NewMonitorBlock()}, &ObjectMonitorBlock::next);
+    *vm.statics.monitorBlocks = Chain({NewMonitorBlock(), NewMonitorBlock()}, &ObjectMonitor::next);
     StageKnown();
     *vm.statics.globalHandles = Chain({NewHandles(32), NewHandles(3)}, &HandleBlock::next);
     *vm.statics.dictionary =

@@ -81,8 +81,7 @@ void RedirectAll(const std::unordered_map<Word, Word> &moved) {
         Redirect(type.klass + sizeof(Klass), type.klass + 8 * WordsOf(type.klass), moved);
     for (const ThreadInfo *thread : vm.threads)
         Redirect(thread->address, thread->address + sizeof(JavaThread), moved);
-    for (auto &[low, end] : OopTables())
-        Redirect(low, end, moved);
+    Redirect(cacheLow, cacheNext, moved);
     for (Runner *runner : runners)
         Redirect(runner->stackLow, runner->stackHigh, moved);
 }
@@ -119,10 +118,7 @@ void MoveYoung() {
 extern "C" void SimvmRest(Word) {
     OutOfJava(current);
     const Rest rest = current->script->rest;
-    const std::map<Rest, OsState> blocked = {
-        {Rest::SLEEP, OS_SLEEPING}, {Rest::WAIT, OS_OBJECT_WAIT}, {Rest::MONITOR, OS_MONITOR_WAIT}};
-    const auto found = blocked.find(rest);
-    const OsState state = found == blocked.end() ? OS_RUNNABLE : found->second;
+    const OsState state = RESTS[int(rest)].state;
     SetStates(current->info, state == OS_RUNNABLE ? IN_NATIVE : BLOCKED, state);
     current->resting = 1;
     if (rest == Rest::CALL)

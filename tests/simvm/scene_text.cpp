@@ -23,217 +23,203 @@ std::string Trimmed(const std::string &text) {
     return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(' ') + 1 - from);
 }
 
-const std::map<std::string, Rest> RESTS = {
-    {"PIPE", Rest::PIPE}, {"SLEEP", Rest::SLEEP},     {"WAIT", Rest::WAIT},
-    {"SPIN", Rest::SPIN}, {"MONITOR", Rest::MONITOR}, {"CALLS", Rest::CALLS},
-};
-const std::map<std::string, F> KINDS = {
-    {"i", F::INTERPRETED}, {"c", F::COMPILED}, {"o", F::OSR}, {"n", F::NATIVE}, {"run", F::INTERPRETED},
-};
-
-} // namespace
-
-char SceneText::Next() {
-    while (at_ < line_.size() && line_[at_] == ' ')
-        at_++;
-    return at_ < line_.size() ? line_[at_] : 0;
+Rest RestOf(const std::string &word) {
+    int rest = 0;
+    while (word != RESTS[rest].word)
+        rest++;
+    return Rest(rest);
 }
-
-bool SceneText::Take(const std::string &text) {
-    const bool taken = Next() && line_.compare(at_, text.size(), text) == 0;
-    at_ += taken ? text.size() : 0;
-    return taken;
-}
-
-std::string SceneText::Until(const char *ends) {
-    Next();
-    const size_t from = at_;
-    at_ = std::min(line_.find_first_of(ends, from), line_.size());
-    return line_.substr(from, at_ - from);
-}
-
-std::string SceneText::Expanded(const std::string &line) const {
-    static const std::regex name("\\$(\\w+)");
-    std::string out, rest = line;
-    for (std::sregex_iterator at(line.begin(), line.end(), name), none; at != none; ++at) {
-        const auto found = texts_.find(at->str(1));
-        out += at->prefix().str() + (found == texts_.end() ? at->str() : Expanded(found->second));
-        rest = at->suffix();
-    }
-    return out + rest;
-}
-
-// ---- values
-// ----------------------------------------------------------------------------------------------
-
-std::vector<Value> SceneText::ReadElements() {
-    std::vector<Value> elements;
-    for (Take("("); !Take(")");)
-        elements.push_back(ReadValue());
-    return elements;
-}
-
-Value SceneText::ReadTable(const std::string &type) {
-    const int32_t buckets = stoi(Until("!("));
-    const bool cyclic = Take("!");
-    std::vector<TableEntry> entries;
-    for (Take("("); !Take(")");) {
-        Object *key = ReadValue().object;
-        const int32_t bucket = Take("@") ? stoi(Until(" ")) : 0;
-        entries.push_back({key, ReadValue(), bucket});
-    }
-    return NewTable(type, buckets, entries, cyclic);
-}
-
-Value SceneText::ReadObject(const std::string &type) {
-    const std::string super = Take("<") ? Until(" {") : "java/lang/Object";
-    Fields values;
-    std::string definition = type + " < " + super;
-    for (bool more = Take("{"); more && !Take("}");) {
-        const std::string name = Until(",="), signature = Take(",") ? Until("=") : "";
-        Take("=");
-        values.emplace_back(name, ReadValue());
-        if (!FindClass(type) && !HasField(super, name))
-            definition +=
-                " " + name + "," + (signature.empty() ? SignatureOf(values.back().second) : signature);
-    }
-    DefineClass(definition);
-    return New(type, values);
-}
-
-Value SceneText::ReadValue() {
-    if (const char quote = Next(); quote == '"' || quote == '\'') {
-        const size_t from = at_ + 1;
-        at_ = line_.find(quote, from) + 1;
-        const std::string text =
-            std::regex_replace(line_.substr(from, at_ - 1 - from), std::regex("\\\\n"), "\n");
-        return quote == '"' ? NewString(text) : NewChars(text);
-    }
-    if (Next() == '[') {
-        const std::string signature = Until("(");
-        return NewArray(signature, ReadElements());
-    }
-    const std::string word = Until(" {}()#<;@^>");
-    if (Take("#"))
-        return ReadTable(word);
-    if (const auto found = values_.find(word); found != values_.end())
-        return found->second;
-    if (word.find('/') != std::string::npos)
-        return ReadObject(word);
-    if (word == "null" || word == "true")
-        return word == "true" ? Value(true) : Value();
-    return word.find('.') == std::string::npos ? Value(strtol(word.c_str(), nullptr, 0)) : Value(stod(word));
-}
-
-// ---- frames
-// ----------------------------------------------------------------------------------------------
-
-namespace {
 
 // A method of five lines: 10 at its start, a far one, one that no file has, and last, as some compilers order
 // them, one at bci 8 that stands for the call. Without a receiver it is static, without a line native.
 Scope ScopeOf(const std::string &holder, const std::string &name, const std::string &signature, int line,
               Object *receiver) {
     const int flags = (receiver ? 0 : METHOD_STATIC) | (line ? 0 : METHOD_NATIVE);
+    if (!line)
+        return {DefineMethod(holder, name, signature, {}, flags), 0, receiver};
     const std::vector<MethodLine> lines = {
         {0, 10}, {45, line + 300}, {46, line + 1}, {7, line + 70000}, {8, line}};
-    return line ? Scope{DefineMethod(holder, name, signature, lines, flags), 8, receiver}
-                : Scope{DefineMethod(holder, name, signature, {}, flags, 0), 0, receiver};
+    return {DefineMethod(holder, name, signature, lines, flags), 8, receiver};
 }
+
+class Reader {
+public:
+    explicit Reader(Scene *scene) : scene_(scene) {}
+
+    void Begin(const std::string &line) {
+        line_ = Expanded(line, texts_);
+        at_ = 0;
+    }
+
+    void ReadLine() {
+        if (Take("class ")) {
+            DefineClass(line_.substr(at_));
+        } else if (Take("let ")) {
+            const std::string name = Until(" ");
+            texts_[name] = Trimmed(line_.substr(at_));
+        } else if (Take("socket ")) {
+            texts_["T"] = line_.substr(at_);
+            for (const auto &[name, text] : Connect(scene_))
+                texts_[name] = text;
+        } else if (Take("thread ")) {
+            ReadThread();
+        } else if (const bool isStatic = Take("static "); isStatic || Take("set ")) {
+            const std::string of = Until("."), field = Until(" ").substr(1);
+            Take("=");
+            isStatic ? SetStatic(FindClass(of), field, ReadValue())
+                     : Set(values_.at(of).object, field, ReadValue());
+        } else {
+            const std::string name = Trimmed(Until(":="));
+            const bool isNamed = Take(":");
+            Take("=");
+            values_[name] = ReadValue();
+            if (isNamed)
+                scene_->named[name] = values_[name].object;
+        }
+    }
+
+    std::vector<Frame> ReadFrames() {
+        std::vector<Frame> frames;
+        do {
+            frames.push_back({FrameKind(std::string("icon").find(Until(" "))), {}});
+            do
+                frames.back().scopes.push_back(ReadScope());
+            while (Take(">"));
+        } while (Take(";"));
+        return frames;
+    }
+
+private:
+    char Next() { // after blanks; 0 at the end
+        while (line_[at_] == ' ')
+            at_++;
+        return line_[at_];
+    }
+
+    bool Take(const std::string &text) {
+        const bool taken = Next() && line_.compare(at_, text.size(), text) == 0;
+        at_ += taken ? text.size() : 0;
+        return taken;
+    }
+
+    std::string Until(const char *ends) {
+        Next();
+        const size_t from = at_;
+        at_ = std::min(line_.find_first_of(ends, from), line_.size());
+        return line_.substr(from, at_ - from);
+    }
+
+    Value ReadObject(const std::string &type) {
+        const std::string super = Take("<") ? Until(" {") : "java/lang/Object";
+        Fields values;
+        std::string definition = type + " < " + super;
+        for (bool more = Take("{"); more && !Take("}");) {
+            const std::string name = Until(",="), signature = Take(",") ? Until("=") : "";
+            Take("=");
+            values.emplace_back(name, ReadValue());
+            if (!FindClass(type) && !HasField(super, name))
+                definition +=
+                    " " + name + "," + (signature.empty() ? SignatureOf(values.back().second) : signature);
+        }
+        DefineClass(definition);
+        return New(type, values);
+    }
+
+    Value ReadValue() {
+        if (const char quote = Next(); quote == '"' || quote == '\'') {
+            const size_t from = at_ + 1;
+            at_ = line_.find(quote, from) + 1;
+            std::string text = line_.substr(from, at_ - 1 - from);
+            std::replace(text.begin(), text.end(), '\\', '\n');
+            return quote == '"' ? NewString(text) : NewChars(text);
+        }
+        if (Next() == '[') {
+            const std::string signature = Until("(");
+            std::vector<Value> elements;
+            for (Take("("); !Take(")");)
+                elements.push_back(ReadValue());
+            return NewArray(signature, elements);
+        }
+        const std::string word = Until(" {})<");
+        if (const auto found = values_.find(word); found != values_.end())
+            return found->second;
+        if (word.find('/') != std::string::npos)
+            return ReadObject(word);
+        return word.find('.') == std::string::npos ? Value(strtol(word.c_str(), nullptr, 0))
+                                                   : Value(stod(word));
+    }
+
+    Scope ReadScope() {
+        const std::string place = Until(" :("), signature = Next() == '(' ? Until(" :") : "()V";
+        const size_t dot = place.rfind('.');
+        const std::string holder = place.substr(0, dot);
+        const int line = Take(":") ? stoi(Until(" ;|")) : 0;
+        Object *receiver = nullptr;
+        if (Take("@"))
+            receiver =
+                (Next() == '{' || strchr(" ;|>^%", line_[at_]) ? ReadObject(holder) : ReadValue()).object;
+        Scope scope = ScopeOf(holder, place.substr(dot + 1), signature, line, receiver);
+        while (Take("^"))
+            scope.monitors.push_back(ReadValue().object);
+        const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
+        const std::string kept = "%~!="; // as Kept has them
+        for (size_t i = 0; Next() && kept.find(Next()) != kept.npos; i++) {
+            const auto how = Kept(kept.find(line_[at_++]));
+            const Value value = ReadValue();
+            scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value), value, how});
+        }
+        return scope;
+    }
+
+    void ReadThread() {
+        const std::string name = Until(":");
+        Script &script = scene_->scripts.emplace_back();
+        Take(":");
+        script.rest = RestOf(Until(" "));
+        script.state = Take("\"") ? Until("\"") : RESTS[int(script.rest)].shown;
+        Take("\"");
+        script.frames = ReadFrames();
+        while (Take("|") || Take(";")) {
+            const std::string fact = Until("=;");
+            Take("=");
+            script.facts[fact] = Trimmed(Until(";"));
+        }
+        EmitScript(&script);
+        scene_->runners.push_back(Start(name, &script));
+    }
+
+    Scene *scene_;
+    Texts texts_;
+    std::map<std::string, Value> values_;
+    std::string line_;
+    size_t at_ = 0;
+};
 
 } // namespace
 
-Scope SceneText::ReadScope() {
-    const std::string place = Until(" :("), signature = Next() == '(' ? Until(" :") : "()V";
-    const size_t dot = place.rfind('.');
-    const std::string holder = place.substr(0, dot);
-    const int line = Take(":") ? stoi(Until(" ;|")) : 0;
-    Object *receiver = nullptr;
-    if (Take("@"))
-        receiver = (Next() == '{' || strchr(" ;|>^%", line_[at_]) ? ReadObject(holder) : ReadValue()).object;
-    Scope scope = ScopeOf(holder, place.substr(dot + 1), signature, line, receiver);
-    while (Take("^"))
-        scope.monitors.push_back(ReadValue().object);
-    const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
-    const std::string kept = "%~!="; // as Kept has them
-    for (size_t i = 0; Next() && kept.find(Next()) != kept.npos; i++) {
-        const auto how = Kept(kept.find(line_[at_++]));
-        const Value value = ReadValue();
-        scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value), value, how});
-    }
-    return scope;
-}
-
-Frame SceneText::ReadFrame() {
-    const std::string kind = Until(" ;|");
-    Frame frame = {KINDS.at(kind), {}};
-    if (kind == "run") {
-        const std::string holder = Until(" ;|");
-        frame.scopes = {ScopeOf(holder, "run", "()V", 21, New(holder))};
-    }
-    while (Next() && Next() != ';' && Next() != '|') {
-        frame.scopes.push_back(ReadScope());
-        Take(">");
-    }
-    return frame;
-}
-
-std::vector<Frame> SceneText::Frames(const std::string &text) {
-    if (!text.empty())
-        line_ = Expanded(text), at_ = 0;
-    std::vector<Frame> frames;
-    do
-        frames.push_back(ReadFrame());
-    while (Take(";"));
-    return frames;
-}
-
-void SceneText::ReadThread() {
-    const std::string name = Until(":");
-    Script script;
-    Take(":");
-    script.rest = RESTS.at(Until(" "));
-    if (Take("\"")) {
-        script.state = Until("\"");
-        Take("\"");
-    }
-    script.frames = Frames("");
-    while (Take("|") || Take(";")) {
-        const std::string fact = Until("=;");
-        Take("=");
-        script.facts[fact] = Trimmed(Until(";"));
-    }
-    Add(scene_, name, std::move(script));
-}
-
-void SceneText::ReadLine(const std::string &line) {
-    line_ = Expanded(line);
-    at_ = 0;
-    if (Take("class ")) {
-        DefineClass(line_.substr(at_));
-    } else if (Take("let ")) {
-        const std::string name = Until(" ");
-        texts_[name] = Trimmed(line_.substr(at_));
-    } else if (Take("thread ")) {
-        ReadThread();
-    } else if (const bool isStatic = Take("static "); isStatic || Take("set ")) {
-        const std::string of = Until("."), field = Until(" ").substr(1);
-        Take("=");
-        isStatic ? SetStatic(FindClass(of), field, ReadValue())
-                 : Set(values_.at(of).object, field, ReadValue());
-    } else {
-        const std::string name = Trimmed(Until(":="));
-        const bool isNamed = Take(":");
-        Take("=");
-        values_[name] = ReadValue();
-        if (isNamed)
-            scene_->named[name] = values_[name].object;
+void ReadScene(Scene *scene, const std::string &text) {
+    Reader reader(scene);
+    for (const std::string &line : WholeLines(text)) {
+        reader.Begin(line);
+        reader.ReadLine();
     }
 }
 
-void SceneText::Read(const std::string &text) {
-    for (const std::string &line : WholeLines(text))
-        ReadLine(line);
+std::vector<Frame> FramesOf(const std::string &text) {
+    Reader reader(nullptr);
+    reader.Begin(text);
+    return reader.ReadFrames();
+}
+
+std::string Expanded(const std::string &line, const Texts &texts) {
+    static const std::regex name("\\$(\\w+)");
+    std::string out, rest = line;
+    for (std::sregex_iterator at(line.begin(), line.end(), name), none; at != none; ++at) {
+        const auto found = texts.find(at->str(1));
+        out += at->prefix().str() + (found == texts.end() ? at->str() : Expanded(found->second, texts));
+        rest = at->suffix();
+    }
+    return out + rest;
 }
 
 std::vector<std::string> WholeLines(const std::string &text) {

@@ -5,14 +5,12 @@
 
 namespace simvm {
 
-namespace {
-
 // Frames that a thread works for, which reads a file at the time; and those of one that waits for another
 // server's answer. The peer's address has its top bit set: the field is negative.
 const char TIERS[] = R"(
-let WORKS PIPE "IO Wait" run shop/Worker
+let WORKS PIPE "IO Wait" i shop/Worker.run:21 @
 let READS c shop/Servlet.doGet:18 @ ; n java/io/FileInputStream.readBytes
-let WAITS WAIT "RMI Wait" run shop/Worker
+let WAITS WAIT "RMI Wait" i shop/Worker.run:21 @
 let WAITING n java/lang/Object.wait @
 let PEER java/net/InetAddress{hostName="peer" address=-1062731513}
 let KNOWN 7001|192.168.1.7
@@ -21,18 +19,18 @@ let KVO tessar/kvo/server
 let SITES org/codehaus/groovy/runtime/callsite
 class $KVO/ViewRowImpl
 thread entity: $WORKS ; c $KVO/EntityImpl.doDML:71 @{mEbi=$KVO/EntityDefImpl{mObjName="Orders"}} ; $READS
-  | server=; object=Entity_Object->Orders|EntityImpl.java|^
+  | object=Entity_Object->Orders|EntityImpl.java|^
 thread attribute: $WORKS ; i $KVO/ViewRowImpl.setAttribute(I)V:73 @ %1
-  %$KVO/ViewAttributeDefImpl{mDef=$KVO/RowDef{mObjName="OrdersRow"}} ; $READS | server=; object=View_Object->OrdersRow|EntityImpl.java|^
+  %$KVO/ViewAttributeDefImpl{mDef=$KVO/RowDef{mObjName="OrdersRow"}} ; $READS | object=View_Object->OrdersRow|EntityImpl.java|^
 
 class $SITES/CallSiteArray array,[L$SITES/CallSite;
 class $SITES/AbstractCallSite index,I name,Ljava/lang/String; array,L$SITES/CallSiteArray;
 sites = $SITES/CallSiteArray
 second = $SITES/AbstractCallSite{index=1 name="charge" array=sites}
 set sites.array = [L$SITES/CallSite;($SITES/AbstractCallSite{index=0 name="total" array=sites} second null)
-lines = "def t = total(cart)\nif (t > 0)\n  charge(t)\nreturn t\n"
+lines = "def t = total(cart)\if (t > 0)\  charge(t)\return t\"
 thread script: $WORKS ; i tessar/kvo/ExprEval.evaluate:75 @{mExprStr=lines} ;
-  c shop/Script.run:76 > $SITES/AbstractCallSite.callCurrent:77 @second ; $READS | server=; object=Groovy_Script->charge|^|3
+  c shop/Script.run:76 > $SITES/AbstractCallSite.callCurrent:77 @second ; $READS | object=Groovy_Script->charge|^|3
 
 
 let RMI ferrule/rmi
@@ -68,27 +66,16 @@ thread qvs bytes: $SERVES %com/halcyon/server/http/HalcyonHttpServletRequest{req
 thread tomcat: $SERVES %org/apache/catalina/connector/RequestFacade{request=
   org/apache/catalina/connector/Request{requestDispatcherPath,Ljava/lang/Object;=
   org/apache/tomcat/util/buf/MessageBytes{strValue="/tomcat/path"}}} ; $READS | server=Tomcat; url=/tomcat/path
-thread jboss: $SERVES %shop/RequestWrapper{request,Ljavax/servlet/ServletRequest;=shop/WrappedRequest{
-  servletPath="/wrapped"}} ; $READS | server=JBoss; url=/wrapped
-class org/apache/jserv/JServConnection env_vars,Ljava/util/Hashtable;
-thread jserv: $WORKS ; i org/apache/jserv/JServConnection.processRequest:92 @{env_vars=java/util/Hashtable#3(
-  "REQUEST_URI" "/jserv" "REMOTE_ADDR" "10.0.0.6" "HOST" "shop")} ; $READS
-  | server=Apache JServ; url=/jserv; client=10.0.0.6
-thread jserv ring: $WORKS ; i org/apache/jserv/JServConnection.processRequest:92 @{env_vars=java/util/Hashtable#1!(
-  "NEITHER" "one" "NOR" "other")} ; $READS | server=Apache JServ
+let ENTRY java/util/Hashtable$Entry
+let PROCESSES $WORKS ; i org/apache/jserv/JServConnection.processRequest:92 @{env_vars=java/util/Hashtable
+thread jserv: $PROCESSES{table=[L$ENTRY;($ENTRY{key="HOST" value="shop" next=$ENTRY{key="REQUEST_URI" value="/jserv"}}
+  $ENTRY{key="REMOTE_ADDR" value="10.0.0.6"})}} ; $READS | server=Apache JServ; url=/jserv; client=10.0.0.6
+ring = $ENTRY{key="NEITHER" value="one"}
+set ring.next = ring
+thread jserv ring: $PROCESSES{table=[L$ENTRY;(ring)}} ; $READS | server=Apache JServ
 )";
 
-} // namespace
-
-void StageTiers(Scene *scene) {
-    SceneText(scene).Read(TIERS);
-}
-
-// The application servers' objects that know the port.
-
-namespace {
-
-// A port that can't be one isn't taken.
+// The application servers' objects that know the port. A port that can't be one isn't taken.
 const char SERVERS[] = R"(
 let QVS com/halcyon/server
 let PAGE $QVS/http/HalcyonPageContext
@@ -99,30 +86,17 @@ class $QVS/http/HalcyonHttpServletRequest port,I
 class $PAGE halcyonRequest,L$QVS/http/HalcyonHttpServletRequest;
 class $QVS/http/HalcyonJSPFactory *contexts,[L$PAGE;
 class $QVS/LumoMonitorThread
-class org/jboss/web/WebServer port,I
 class org/apache/tomcat/util/net/PoolTcpEndpoint backlog,I port,I
 class ferrule/management/Admin *server,L$MBEAN/ServerMBean;
 class ferrule/servlet/internal/WebAppConfigManager *servermbean,L$MBEAN/ServerMBean;
 static $QVS/http/HalcyonJSPFactory.contexts = [L$PAGE;(null $PAGE
   $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest}
-  $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=$QVS_PORT}})
-static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=$Ferrule_PORT}
+  $PAGE{halcyonRequest=$QVS/http/HalcyonHttpServletRequest{port=20001}})
+static ferrule/servlet/internal/WebAppConfigManager.servermbean = $MBEAN/LaterServerImpl{_ListenPort=20002}
 let RESTS n java/lang/Object.wait @
-thread SAP J2EE Engine MS Socket Listener: WAIT run shop/Worker ; c java/net/SocketInputStream.read:51
-  @{impl=java/net/PlainSocketImpl{port=$SAP_PORT localport=1}} ; $RESTS
-thread WebServer: WAIT run shop/Worker ; c org/jboss/web/WebServer.run:51
-  @org/jboss/web/OwnWebServer<org/jboss/web/WebServer{port=$JBoss_PORT} ; $RESTS
-thread http-1: WAIT run shop/Worker ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
+thread SAP J2EE Engine MS Socket Listener: WAIT i shop/Worker.run:21 @ ; c java/net/SocketInputStream.read:51
+  @{impl=java/net/PlainSocketImpl{port=20003 localport=1}} ; $RESTS
+thread http-1: WAIT i shop/Worker.run:21 @ ; i org/apache/tomcat/util/net/PoolTcpEndpoint.run:51 @{port=65536} ; $RESTS
 )";
-
-} // namespace
-
-void StageServers(Scene *scene) {
-    SceneText text(scene);
-    int32_t port = 20000;
-    for (const std::string server : {"QVS", "Ferrule", "JBoss", "SAP"})
-        text.Let(server + "_PORT", std::to_string(scene->ports[server] = ++port));
-    text.Read(SERVERS);
-}
 
 } // namespace simvm

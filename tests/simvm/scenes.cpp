@@ -2,14 +2,7 @@
 
 namespace simvm {
 
-void Add(Scene *scene, const std::string &name, Script script) {
-    scene->scripts.push_back(std::move(script));
-    EmitScript(&scene->scripts.back());
-    scene->runners.push_back(Start(name, &scene->scripts.back()));
-}
-
-void StageShop(Scene *scene) {
-    SceneText(scene).Read(R"(
+const char SHOP[] = R"(
 class shop/Till *last,Lshop/Till;
 ledger = shop/Ledger
 till = shop/Till
@@ -20,8 +13,8 @@ cart = shop/Cart
 clock = shop/Clock
 drawer = shop/Drawer
 page = shop/Page
-let WORKS run shop/Worker
-thread door: PIPE "Object Wait" run shop/Door ; c java/net/ServerSocket.accept:450 > java/net/PlainSocketImpl.accept:384 ;
+let WORKS i shop/Worker.run:21 @
+thread door: PIPE "Object Wait" i shop/Door.run:21 @ ; c java/net/ServerSocket.accept:450 > java/net/PlainSocketImpl.accept:384 ;
   n java/net/PlainSocketImpl.socketAccept @
 thread import: PIPE $WORKS ; i shop/Import.load:88 @orders ; c shop/Import.inflate @ ;
   n java/io/FileInputStream.readBytes
@@ -39,23 +32,19 @@ thread hash: SPIN $WORKS ; c shop/Hash.mix:12
 thread reports: PIPE "Network Wait" $WORKS ; i shop/Reports.print:19 @orders ^orders ;
   n java/security/AccessController.doPrivileged ; c shop/Reports$1.run:23 @ ;
   n java/net/SocketInputStream.socketRead0
-)");
-}
+)";
 
 Script NativeScript() {
-    Script script = {SceneText(nullptr).Frames(
-                         "i shop/Main.main:7 ; c qoragent/Agent.start:70 ; n qoragent/Agent.initvar"),
+    Script script = {FramesOf("i shop/Main.main:7 ; c qoragent/Agent.start:70 ; n qoragent/Agent.initvar"),
                      Rest::CALL};
     EmitScript(&script);
     return script;
 }
 
 void StageScene(const std::string &name, Scene *scene) {
-    const std::map<std::string, void (*)(Scene *)> stages = {
-        {"shop", StageShop},        {"heap", StageShop},   {"readers", StageReaders},
-        {"drivers", StageDrivers},  {"tiers", StageTiers}, {"servers", StageServers},
-        {"nothing", [](Scene *) {}}};
-    stages.at(name)(scene);
+    const Texts texts = {{"shop", SHOP},   {"heap", SHOP},       {"readers", READERS}, {"drivers", DRIVERS},
+                         {"tiers", TIERS}, {"servers", SERVERS}, {"nothing", ""}};
+    ReadScene(scene, texts.at(name));
     if (name != "heap")
         return;
     StageRoots(scene->runners.front()->info, ChainEnd::NONE);

@@ -82,8 +82,7 @@ std::vector<Root> AllRoots();
 
 struct StormOptions {
     int threads = 30, frames = 20, looping = 10;
-    uint32_t locked = 4; // one frame of so many has a monitor
-    uint32_t seed = 1;
+    uint32_t locked = 4;  // one frame of so many has a monitor
     bool disturbs = true; // threads end and start, collections run, signals arrive
 };
 
@@ -110,7 +109,6 @@ struct Scene {
     std::vector<Runner *> runners;
     std::map<std::string, Object *> named; // what readers of objects are to look at
     std::vector<int> descriptors;          // open until its end
-    std::map<std::string, int32_t> ports;  // of application servers, by the word for the server
 };
 
 // Ends the process for a name it does not know.
@@ -119,84 +117,44 @@ struct Scene {
 // drivers: threads that wait for a database, on sockets of all kinds
 // tiers: web requests, remote calls and a framework's objects, for each server
 // servers: the ports of application servers; without Tomcat's thread
-// heap: the shop over a tricky heap (heap.h)
+// heap: the shop over a tricky heap
 // nothing: no thread
 void StageScene(const std::string &name, Scene *scene);
 void EndScene(Scene *scene);
-// What scenes are made of: a text with a line for each class, object and thread, and real sockets.
+extern const char SHOP[], READERS[], DRIVERS[], TIERS[], SERVERS[];
 
-using F = FrameKind;
-
-// A thread of the scene, at its rest.
-void Add(Scene *scene, const std::string &name, Script script);
-
-// A line that begins with a blank goes on with the one before; # begins a comment.
-std::vector<std::string> WholeLines(const std::string &text);
-
-// Reads the text of a scene. A line that begins with a blank goes on with the one before; # begins a comment.
+using Texts = std::map<std::string, std::string>;
+// Stages what a text says, a line for each class, object and thread. A line that begins with a blank goes on
+// with the one before; # begins a comment.
 //   class NAME ...             as DefineClass has it
 //   let NAME TEXT              $NAME is that text from then on
+//   socket NAME                a connection: $T is that name from then on, the rest is as Connect has it
 //   NAME = VALUE               an object by its name; with := it is one of the scene's named ones
 //   static CLASS.FIELD = VALUE, set NAME.FIELD = VALUE
 //   thread NAME: REST ["STATE"] FRAME; ... [| FACT=TEXT; ...]    outermost frame first
-// VALUE: null, true, a number, a name, "text", 'characters' (a char[]), TYPE[<SUPER]{FIELD[,SIGNATURE]=VALUE
-// ...}, SIGNATURE(VALUE
-// ...),
-//   or a table: TYPE#BUCKETS(KEY@BUCKET VALUE ...). A class that isn't there yet is defined with these
-//   fields, their types as their values have them where no signature is given.
+// VALUE: null, a number, a name, "text", 'characters' (a char[]), TYPE[<SUPER]{FIELD[,SIGNATURE]=VALUE ...},
+//   SIGNATURE(VALUE ...). In texts \ ends a line. A class that isn't there yet is defined with these fields,
+//   their types as their values have them where no signature is given.
 // FRAME: KIND SCOPE > SCOPE ..., outermost first. i: interpreted, c: compiled, o: compiled in mid-loop, n:
-//   native, run CLASS: its run method.
+//   native.
 // SCOPE: CLASS.METHOD[(SIGNATURE)][:LINE] [@VALUE] [^VALUE ...] [%VALUE ...]: receiver (a bare @ or @{...}:
 // of
 //   that class), monitors, variables; ~, ! and = in place of % as Kept has them. Without a line it is native.
-class SceneText {
-public:
-    explicit SceneText(Scene *scene) : scene_(scene) {}
-    void Read(const std::string &text);
-    std::string Expanded(const std::string &line) const; // with the texts of its names
-    void Let(const std::string &name, const std::string &text) { texts_[name] = text; }
-    std::vector<Frame> Frames(const std::string &text);
+void ReadScene(Scene *scene, const std::string &text);
+std::vector<Frame> FramesOf(const std::string &text);
+std::string Expanded(const std::string &line, const Texts &texts);
+std::vector<std::string> WholeLines(const std::string &text);
 
-private:
-    void ReadLine(const std::string &line);
-    void ReadThread();
-    char Next(); // after blanks; 0 at the end
-    bool Take(const std::string &text);
-    std::string Until(const char *ends);
-    Value ReadValue();
-    Value ReadObject(const std::string &type);
-    std::vector<Value> ReadElements();
-    Value ReadTable(const std::string &type);
-    Frame ReadFrame();
-    Scope ReadScope();
-
-    Scene *scene_;
-    std::map<std::string, std::string> texts_;
-    std::map<std::string, Value> values_;
-    std::string line_;
-    size_t at_ = 0;
-};
-
-// A connected socket of the loopback.
-struct Connected {
-    int descriptor;
-    std::string localPort, remotePort; // empty: none
-};
-Connected Connect(Scene *scene);
-
-void StageShop(Scene *scene);
-void StageReaders(Scene *scene);
-void StageDrivers(Scene *scene);
-void StageTiers(Scene *scene);
-void StageServers(Scene *scene);
+// A connected socket of the loopback: its descriptor FD, its ports LOCAL and REMOTE, the address STATE of a
+// native driver's memory that leads to it.
+Texts Connect(Scene *scene);
 
 // The agent as the simulated VM's main thread starts and asks it, by its natives.
 
 ThreadInfo *Self(); // the main thread
 struct AgentStart {
     std::string server = "", id = "test"; // as Java passes them
-    int backoff = 1, log = 0;
-    int settings[4] = {}; // lock information, queries, their length, the quota
+    int backoff = 1, lockInformation = 0;
 };
 // The status of the start. Handles of the native method end with it, as in any VM.
 int StartAgent(const AgentStart &with = {});
@@ -205,6 +163,8 @@ std::string Ask(const std::string &request);
 // A VM by words: its build, and what of it isn't as usual: client, parallel, cms.
 Options On(const std::string &words);
 std::vector<std::string> Split(const std::string &text, char separator);
+// The fields of each record of a reply; a title is a record, too.
+std::vector<std::vector<std::string>> Records(const std::string &reply);
 std::string Hex(Word value);
 std::string Dotted(std::string name);
 
@@ -214,22 +174,21 @@ std::string Dotted(std::string name);
 // A thread as lines: its row, its frames, its locks.
 struct Shown {
     std::string name, state;
-    std::vector<std::string> frames; // "class->method file line", innermost first
-    std::string waits;               // "address class"
-    std::vector<std::string> locks;  // "address class frame", sorted
+    std::vector<std::string> frames;  // "class->method file line", innermost first
+    std::string waits;                // "address class"
+    std::multiset<std::string> locks; // "address class frame"
 
-    std::vector<std::vector<std::string>> Lines() const { return {{name, state, waits}, frames, locks}; }
+    auto Lines() const { return std::tuple(name, state, waits, frames, locks); }
 };
 
 Shown Truth(const Runner &runner);
 std::string FrameText(const Scope &scope);
 
-// A dump file of the direct road in lines that can be compared. Addresses are the VM's.
-//   ADDRESS SPACE TYPE|BYTES|CLASS|LENGTH|     an object; of a symbol its text
-//   ADDRESS I PLACE>ADDRESS                    its field, or L its class's static
-//   ADDRESS R NUMBER>ADDRESS                   an element that isn't null
-//   S LETTER NAME ADDRESS                      a root
-//   FRAME THREAD|NAME ADDRESS                  what a frame refers to
+// A dump file of the direct road in lines that can be compared.
+//   ADDRESS LINE                     of an object and of what it refers to: its address and the file's line
+//   ADDRESS NUMBER LINE              its element that isn't null
+//   S LETTER NAME ADDRESS            a root
+//   FRAME THREAD|NAME ADDRESS        what a frame refers to
 const std::string FRAME = "frame ";
 struct HeapDump {
     std::vector<std::string> header;

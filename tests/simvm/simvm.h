@@ -193,9 +193,9 @@ void PutCompressed(std::string *out, int32_t value);
 Class *DefineClass(const std::string &line);
 Class *ArrayClass(const std::string &signature); // "[I", "[[Ljava/lang/Object;"
 Class *FindClass(const std::string &name);       // null: not defined
-// A method of codeSize bytecodes. Something else than an end mark follows a static one's lines.
+// Something else than an end mark follows a static one's lines.
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
-                         std::vector<MethodLine> lines, int32_t flags = 0, int32_t codeSize = 64);
+                         std::vector<MethodLine> lines, int32_t flags);
 
 std::array<HeapSpace *, 5> Spaces();
 HeapSpace &SpaceOf(char letter);
@@ -254,19 +254,6 @@ struct JavaCall {
 // Loads the classes that the agent calls. `answer`: the text that the Java side returns; null: it throws.
 void DefineJavaSide(std::function<std::string(const JavaCall &)> answer);
 
-// ---- objects of java.util
-// ------------------------------------------------------------------------------------
-
-struct TableEntry {
-    Object *key;
-    Value value;
-    int32_t bucket;
-};
-// A Hashtable, a Properties or a HashMap. A bucket's entries are chained in this order; `cyclic`: the last
-// one leads back to itself.
-Object *NewTable(const std::string &className, int32_t buckets, const std::vector<TableEntry> &entries,
-                 bool cyclic = false);
-
 // A heap of known content: random objects between stretches in which nobody finds one, and the figures that
 // follow from the description.
 
@@ -280,7 +267,6 @@ Object *NewTable(const std::string &className, int32_t buckets, const std::vecto
 //   no-klass     an object of so many bytes without a klass word, as one that is being allocated
 //   link         the same whose klass word is a link to another object
 //   half-array   the same that has a klass and as yet a wild length
-//   odd-array    of so many elements, of a kind whose header isn't a multiple of 8
 //   vm-kinds     what only the VM makes, one of each; for perm
 //   across       an array that begins so many bytes before the space's top and ends after it
 //   chunk        in spaces with free lists: a free one of so many words

@@ -14,11 +14,11 @@ using namespace simvm;
 
 // Initialised, so that they are in the file's data as in the real library, not in memory mapped beside it.
 // Variables are found in .symtab only, tables in .dynsym as well.
-#define DEFINE(name, words, symbol, visible)                                                                 \
-    extern "C" Word name[words] __asm__(symbol);                                                             \
-    __attribute__((visibility(visible), used)) Word name[words] = {1};
-#define STATIC(member, words, symbol) DEFINE(member, words, symbol, "hidden")
-#define KIND(name, base, symbol, ...) DEFINE(name##_table, VTABLE_WORDS, "_ZTV" symbol, "default")
+#define DEFINE(name, symbol, visible)                                                                        \
+    extern "C" Word name[STATIC_WORDS] __asm__(symbol);                                                      \
+    __attribute__((visibility(visible), used)) Word name[STATIC_WORDS] = {1};
+#define STATIC(member, symbol) DEFINE(member, symbol, "hidden")
+#define KIND(name, base, symbol, ...) DEFINE(name##_table, "_ZTV" symbol, "default")
 #include "library_names.h"
 
 namespace {
@@ -50,9 +50,6 @@ extern "C" __attribute__((visibility("default"))) void simvm_statics(Statics *ou
 #define STATIC(member, ...) (out->member = member)[0] = 0;
 #define KIND(name, ...) out->vtables[VT_##name] = name##_table;
 #include "library_names.h"
-#ifndef SIMVM_CLIENT
-    out->server = true;
-#endif
     out->isOther = reinterpret_cast<Word>(&IsOther);
     TakeOwn(out->isOwn, std::make_integer_sequence<int, VTABLE_COUNT>());
     out->oopSize = reinterpret_cast<Word>(&OopSize);

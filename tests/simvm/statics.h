@@ -7,7 +7,7 @@
 
 namespace simvm {
 
-constexpr int VTABLE_WORDS = 2 + 64;
+constexpr int STATIC_WORDS = 192; // of each variable, as many as the largest needs
 
 enum VtableKind {
 #define KIND(name, ...) VT_##name,
@@ -20,7 +20,6 @@ constexpr char KIND_LETTERS[] = {
 };
 
 struct Statics {
-    bool server;
 #define STATIC(member, ...) Word *member;
 #include "library_names.h"
     Word *vtables[VTABLE_COUNT];

@@ -24,25 +24,20 @@ Script MakeScript(std::mt19937 &random, int slot) {
     const bool loops = slot < storm.looping;
     const Rest rests[] = {Rest::SPIN, Rest::CALLS, Rest::SLEEP, Rest::MONITOR};
     Script script = {{}, rests[slot % 2 + (loops ? 0 : 2)]};
-    int depth = 0;
-    const auto scope = [&](FrameKind kind) {
-        const int number = slot * 100 + depth++;
-        Scope made = {DefineMethod("storm/C" + std::to_string(number / 40), "m" + std::to_string(number),
-                                   "()V", {{0, 100 + number}, {20, 300 + number}, {90, 2000 + number}},
-                                   METHOD_STATIC | (kind == F::NATIVE ? METHOD_NATIVE : 0), 120),
-                      int(random() % 100)};
-        if (random() % storm.locked == 0 && kind != F::NATIVE)
-            made.monitors.push_back(New("storm/Lock"));
-        return made;
-    };
-    while (depth < storm.frames) {
+    std::string text;
+    for (int depth = 0; depth < storm.frames;) {
         const bool last = depth + 2 >= storm.frames;
-        const FrameKind kind = !last ? FrameKind(random() % 4) : loops ? F::COMPILED : F::INTERPRETED;
-        Frame frame = {kind, {scope(kind)}};
-        while (IsCompiled(kind) && depth < storm.frames && (last || random() % 2))
-            frame.scopes.push_back(scope(kind));
-        script.frames.push_back(frame);
+        const char kind = !last ? "icon"[random() % 4] : loops ? 'c' : 'i';
+        std::string scope = (text.empty() ? "" : "; ") + std::string(1, kind);
+        do {
+            const int number = slot * 100 + depth++;
+            text += scope + " storm/C" + std::to_string(number / 40) + ".m" + std::to_string(number);
+            text += kind == 'n' ? " " : ":" + std::to_string(100 + number) + " ";
+            text += kind != 'n' && random() % storm.locked == 0 ? "^storm/Lock " : "";
+            scope = ">";
+        } while (strchr("co", kind) && depth < storm.frames && (last || random() % 2));
     }
+    script.frames = FramesOf(text);
     return script;
 }
 
@@ -55,7 +50,7 @@ void StartSlot(Slot &slot) {
 // Does it with the threads' lock until the storm ends, after pauses of up to so many microseconds.
 void Repeat(uint32_t pause, const std::function<void(uint32_t random)> &body) {
     helpers.emplace_back([=] {
-        for (std::mt19937 random(storm.seed + pause); !stopping; usleep(random() % pause)) {
+        for (std::mt19937 random(pause); !stopping; usleep(random() % pause)) {
             const std::lock_guard<std::mutex> held(slotsLock);
             body(random());
         }
@@ -76,7 +71,7 @@ void StartStorm(const StormOptions &options) {
     action.sa_flags = SA_RESTART;
     action.sa_handler = [](int) {};
     sigaction(SIGPROF, &action, nullptr);
-    std::mt19937 random(storm.seed);
+    std::mt19937 random;
     for (int i = 0; i < storm.threads; i++) {
         slots.push_back({MakeScript(random, i)});
         EmitScript(&slots.back().script);
@@ -94,7 +89,7 @@ void StartStorm(const StormOptions &options) {
             syscall(SYS_tgkill, getpid(), slot.runner->info->kernelId, SIGPROF);
     });
     helpers.emplace_back([] {
-        for (std::mt19937 random(storm.seed); !stopping; usleep(random() % 20000))
+        for (std::mt19937 random; !stopping; usleep(random() % 20000))
             Collect([&] { usleep(random() % 2000); });
     });
 }

@@ -12,14 +12,13 @@ namespace {
 
 // Asks for the locals of a poll's first frames: each is the one that its row names, or gone by now.
 void ExpectLocalsOfRows(const std::string &reply, size_t most) {
-    for (const std::string &record : Split(reply, 30)) {
-        const std::vector<std::string> field = Split(Split(record, 31)[0], 29);
+    for (const std::vector<std::string> &field : Records(reply)) {
         if (field.size() != 8 || most-- == 0)
             continue;
         const std::string locals = Ask("521|showstack|4096|ARG=x,0=" + field[3] + ",1=" + field[4] +
                                        ",2=" + field[5] + ",3=" + field[6] + ",4=" + field[7]);
         if (locals.find("Frame\x1e") == 0)
-            EXPECT_EQ(locals.find(field[0] + "\x1f"), 6u) << record << locals;
+            EXPECT_EQ(locals.find(field[0] + "\x1f"), 6u) << locals;
         else
             EXPECT_NE(locals.find("\x1f"), std::string::npos) << locals;
     }
@@ -28,10 +27,10 @@ void ExpectLocalsOfRows(const std::string &reply, size_t most) {
 // The waiter of a lock is told who holds it; so is who waits for nothing.
 void ExpectHolders(const Scene &scene) {
     for (const Runner *runner : scene.runners) {
-        std::vector<std::string> asked = Truth(*runner).locks;
+        std::vector<std::string> asked;
         const std::string waits = Truth(*runner).waits;
-        for (std::string &lock : asked)
-            lock = lock.substr(0, lock.find(' '));
+        for (const std::string &lock : Truth(*runner).locks)
+            asked.push_back(lock.substr(0, lock.find(' ')));
         if (!waits.empty())
             asked.push_back(waits.substr(0, waits.find(' ')) + ",1=" + Key(*runner->info));
         for (const std::string &lock : asked) {

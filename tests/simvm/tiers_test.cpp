@@ -20,12 +20,9 @@ const char FIELD = 29, RECORD = 30, SECTION = 31, DETAIL = 28,
 // The fields of each row of a sample, by key.
 std::map<std::string, std::vector<std::string>> Rows(uint32_t request) {
     std::map<std::string, std::vector<std::string>> rows;
-    const std::string reply = Ask("777|showstack|" + std::to_string(request));
-    for (const std::string &row : Split(reply.substr(0, reply.find(SECTION)), RECORD)) {
-        const std::vector<std::string> fields = Split(row, FIELD);
+    for (const std::vector<std::string> &fields : Records(Ask("777|showstack|" + std::to_string(request))))
         if (fields.size() > 9)
             rows[fields[5]] = fields;
-    }
     return rows;
 }
 
@@ -77,15 +74,10 @@ void StaleWhatIsKept() {
     }
 }
 
-// Two servers have the same classes.
-std::string FamilyOf(const std::string &server) {
-    return server == "JBoss" ? "Tomcat" : server;
-}
-
 // What the facts of a thread say of its row, by column.
 std::vector<std::string> TruthOf(const Runner &runner, const std::string &server) {
     auto facts = runner.script->facts;
-    if (!facts["server"].empty() && FamilyOf(facts["server"]) != FamilyOf(server))
+    if (!facts["server"].empty() && facts["server"] != server)
         facts.clear();
     facts.insert({{"url", "^"}, {"client", "^"}});
     std::vector<std::string> told;
@@ -127,7 +119,7 @@ TEST(DirectTiers, RowsNameTheDatabase) {
         ExpectDatabases(scene);
         EXPECT_EQ(db_info_index, known); // each has moved and is the same one
         // Two threads take over each other's connection, and keep their statements' texts.
-        Object *one = scene.named["thin"], *other = scene.named["thin-prepared"];
+        Object *one = scene.named["thin"], *other = scene.named["prepared"];
         const Value connection = Get(one, "connection");
         Set(one, "connection", Get(other, "connection"));
         Set(other, "connection", connection);
@@ -156,7 +148,7 @@ TEST(DirectConnections, AgeInTheOrderOfTheirComing) {
 // The same threads, in front of every server in turn.
 TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
     WithScene("tiers", {}, [](Scene &scene) {
-        for (const char *server : {"", "Ferrule", "QVS", "Tomcat", "JBoss", "Apache JServ"}) {
+        for (const char *server : {"", "Ferrule", "QVS", "Tomcat", "Apache JServ"}) {
             strcpy(webserver, server);
             std::map<std::string, std::string> records;
             std::string *last = nullptr;
@@ -184,8 +176,9 @@ TEST(DirectTiers, RowsShowWhatThreadsWorkFor) {
 // The id of what a thread works for.
 TEST(DirectTiers, FindContextIds) {
     WithScene("nothing", {}, [](Scene &scene) {
-        SceneText(&scene).Read(R"(
-execution = tessar/dms/instrument/ExecutionContext{m_attMap,Ljava/util/Map;=java/util/HashMap#4("id"@2 "9,8,7")}
+        ReadScene(&scene, R"(
+execution = tessar/dms/instrument/ExecutionContext{m_attMap,Ljava/util/Map;=java/util/HashMap{
+  table=[Ljava/util/HashMap$Entry;(null java/util/HashMap$Entry{key="id" value="9,8,7"})}}
 QVS := test/Thread{threadLocals=java/lang/ThreadLocal$ThreadLocalMap{
   table=[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;(null
   test/Entry{value,Ljava/lang/Object;="no context"} test/Entry{value=execution})}}

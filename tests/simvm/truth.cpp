@@ -6,15 +6,6 @@ namespace simvm {
 
 namespace {
 
-std::string StateText(const Script &script) {
-    const std::map<Rest, std::string> states = {
-        {Rest::SLEEP, "Sleeping"},   {Rest::MONITOR, "Lock"},   {Rest::PIPE, "IO Wait"},
-        {Rest::SPIN, "Runnable"},    {Rest::CALLS, "Runnable"}, {Rest::WAIT, "Object Wait"},
-        {Rest::CALL, "Object Wait"},
-    };
-    return script.state.empty() ? states.at(script.rest) : script.state;
-}
-
 std::string LockText(const Object &object) {
     return Hex(object.address) + " " + Dotted(object.type->name);
 }
@@ -29,7 +20,7 @@ std::string FrameText(const Scope &scope) {
 }
 
 Shown Truth(const Runner &runner) {
-    Shown shown = {runner.info->name, StateText(*runner.script), {}, "", {}};
+    Shown shown = {runner.info->name, runner.script->state, {}, "", {}};
     std::replace(shown.name.begin(), shown.name.end(), '|', ' ');
     for (const Scope &scope : ShadowStack(*runner.script)) {
         const bool waits = runner.script->rest == Rest::MONITOR && shown.frames.empty();
@@ -37,10 +28,9 @@ Shown Truth(const Runner &runner) {
             if (waits && object == scope.monitors.back())
                 shown.waits = LockText(*object);
             else
-                shown.locks.push_back(LockText(*object) + " " + std::to_string(shown.frames.size()));
+                shown.locks.insert(LockText(*object) + " " + std::to_string(shown.frames.size()));
         shown.frames.push_back(FrameText(scope));
     }
-    std::sort(shown.locks.begin(), shown.locks.end());
     return shown;
 }
 
@@ -53,40 +43,25 @@ HeapDump ReadDump(const std::string &path) {
     int elements = 0;
     std::getline(in, line);
     dump.header = Split(line, '|');
-    const auto address = [base = RecordBase()](const std::string &text) {
-        const Word relative = strtoull(text.c_str(), nullptr, 16);
-        return Hex(relative ? relative + base : 0);
-    };
     const auto add = [&dump](const std::string &text, bool mayRepeat = false) {
         if (!dump.lines.insert(text).second && !mayRepeat)
             dump.lines.insert("again " + text);
     };
     while (std::getline(in, line) && line.rfind(" Finished ", 0) != 0) {
         const std::vector<std::string> parts = Split(line, '|');
-        const size_t count = parts.size(), isArray = line[1] == '[';
-        const std::string at =
-            address(isArray && count > 1 ? parts[1] : line.substr(strchr("RIL", line[0]) ? 1 : 2));
-        if (line[0] == 'S' && count > 2) {
-            const std::string &name = parts[count - 2];
+        if (line[0] == 'S' && parts.size() > 2) {
+            const std::string &name = parts[parts.size() - 2], at = " " + parts[0].substr(2);
             if (name == "thread_local" || name.rfind("interpreter_frame_", 0) == 0)
-                add(FRAME + parts[1] + "|" + name + " " + at, true);
+                add(FRAME + parts[1] + "|" + name + at, true);
             else
-                add(line.substr(0, 2) + " " + (strchr("zABCt", line[1]) ? "" : name) + " " + at, true);
-        } else if (strchr("RIL", line[0]) && count <= 2) {
-            const std::string to =
-                count == 2 ? at + ">" + address(parts[1]) : std::to_string(elements++) + ">" + at;
-            add(object + " " + line[0] + to);
-        } else if (strchr("POCEF", line[0]) && count > isArray + 1) {
-            object = at;
+                add(line.substr(0, 2) + " " + (strchr("zABCt", line[1]) ? "" : name) + at, true);
+            continue;
+        }
+        if (!strchr("RIL", line[0])) {
+            object = line[1] == '[' ? parts.at(1) : parts[0].substr(2);
             elements = 0;
-            std::string text = at + " " + line.substr(0, 2) + "|" + parts[isArray + 1] + "|";
-            if (line[1] == '1') // a symbol, whose text is the rest of the line
-                text += line.substr(parts[0].size() + parts[1].size() + 2) + "|";
-            for (size_t i = isArray + 2; i < count && line[1] != '1'; i++)
-                text += address(parts[i]) + "|";
-            add(text + (isArray ? parts[0].substr(2) + "|" : ""));
-        } else
-            add(line);
+        }
+        add(object + " " + (line[0] == 'R' ? std::to_string(elements++) : "") + line);
     }
     if (!in)
         dump.lines.insert("not finished");
@@ -95,16 +70,22 @@ HeapDump ReadDump(const std::string &path) {
 
 namespace {
 
+Word base; // of a dump's addresses
+
+std::string Address(Word address) {
+    return Hex(address - base);
+}
+
 void AddReferences(const Object &from, HeapDump *out) {
     const bool isArray = from.type->name[0] == '[';
-    const std::vector<const Field *> fields = isArray ? std::vector<const Field *>() : FieldsOf(from.type);
+    const std::vector<const Field *> fields = FieldsOf(from.type);
     int elements = 0;
     for (size_t i = 0; i < from.values.size(); i++)
         if (const Object *to = from.values[i].object)
-            out->lines.insert(
-                Hex(from.address) +
-                (isArray ? " R" + std::to_string(elements++) : " I" + Hex(from.address + fields[i]->offset)) +
-                ">" + Hex(to->address));
+            out->lines.insert(Address(from.address) + " " +
+                              (isArray ? std::to_string(elements++) + "R"
+                                       : "I" + Address(from.address + fields[i]->offset) + "|") +
+                              Address(to->address));
 }
 
 // The lines of all objects, with what any reader knows of their kind.
@@ -112,15 +93,16 @@ void AddObjects(HeapDump *out) {
     const std::unordered_map<Word, char> letters = KindLetters();
     std::unordered_map<Word, std::string> texts; // what follows an object's size; by klass, too
     std::unordered_map<Word, const Object *> described;
+    const auto nameOf = [](const std::string &text) { return "|" + Address(vm.symbols[text]); };
     for (const auto &[text, symbol] : vm.symbols)
-        for (const char c : text.substr(0, text.find('\n')) + "|")
+        for (const char c : "|" + text.substr(0, text.find('\n')))
             texts[symbol] += c >= ' ' && c <= '~' ? std::string(1, c) : "";
     for (const auto &[name, type] : vm.classes)
-        texts[type.klass] = Hex(vm.symbols[name]) + "|";
+        texts[type.klass] = nameOf(name);
     for (const MethodInfo &method : vm.methods)
-        texts[method.oop] = Hex(vm.symbols[method.name]) + "|" + Hex(vm.symbols[method.signature]) + "|";
+        texts[method.oop] = nameOf(method.name) + nameOf(method.signature);
     for (const Object &object : vm.objects)
-        if (object.address && object.type) {
+        if (object.address) {
             described[object.address] = &object;
             AddReferences(object, out);
         }
@@ -130,19 +112,17 @@ void AddObjects(HeapDump *out) {
                 const Word klass = As<Oop>(at).klass;
                 const char type = letters.at(klass);
                 const auto known = described.find(at);
-                std::string line = Hex(at) + " " + use.space->letter + type + "|" + Hex(bytes) + "|" +
-                                   texts[strchr("8[", type) ? klass : at];
                 if (known == described.end())
-                    out->unknown.insert(Hex(at));
-                else if (type == '[')
-                    line += Hex(known->second->values.size()) + "|";
-                out->lines.insert(line);
+                    out->unknown.insert(Address(at));
+                out->lines.insert(Address(at) + " " + use.space->letter + type +
+                                  (type == '[' ? Hex(known->second->values.size()) + "|" : "") + Address(at) +
+                                  "|" + Hex(bytes) + texts[strchr("8[", type) ? klass : at]);
             }
 }
 
 void AddFrames(const Runner &runner, HeapDump *out) {
     const auto add = [&, start = FRAME + Truth(runner).name](const char *name, Word address) {
-        out->lines.insert(start + name + Hex(address));
+        out->lines.insert(start + name + Address(address));
     };
     for (const Frame &frame : runner.script->frames)
         for (const Scope &scope : frame.scopes) {
@@ -162,15 +142,16 @@ void AddFrames(const Runner &runner, HeapDump *out) {
 HeapDump TakeTruth(const std::vector<Runner *> &runners) {
     const Locked held(vm.lock);
     HeapDump truth;
+    base = RecordBase();
     AddObjects(&truth);
     for (const auto &[name, type] : vm.classes)
         for (const Field &field : type.fields)
             if (field.isStatic && field.value.object)
-                truth.lines.insert(Hex(type.klass) + " L" + Hex(type.klass + field.offset) + ">" +
-                                   Hex(field.value.object->address));
+                truth.lines.insert(Address(type.klass) + " L" + Address(type.klass + field.offset) + "|" +
+                                   Address(field.value.object->address));
     for (const Root &root : AllRoots())
         truth.lines.insert(std::string("S") + root.letter + " " + root.name + " " +
-                           Hex(root.object->address));
+                           Address(root.object->address));
     for (const Runner *runner : runners)
         AddFrames(*runner, &truth);
     return truth;

@@ -68,23 +68,18 @@ inline bool Loops(const Runner &runner) {
 inline std::map<std::string, Shown> ReadPoll(const std::string &reply) {
     std::map<std::string, Shown> threads;
     Shown *last = nullptr;
-    for (const std::string &section : Split(reply, 31)) {
-        std::vector<std::string> records = Split(section, 30);
-        const std::string title = records.empty() ? "" : records[0];
-        for (size_t i = 1; i < records.size(); i++) {
-            const std::vector<std::string> field = Split(records[i], 29);
-            if (title == "Thread Info Details" && field.size() == 10)
-                *(last = &threads[field[5]]) = {field[1], field[9], {}, "", {}};
-            else if (title == "Call Stack")
-                last->frames.push_back(field[0] + " " + field[1] + " " + field[2]);
-            else if (title == "Lock On")
-                last->waits = field[0] + " " + field[2];
-            else if (title == "JVM Locks")
-                last->locks.push_back(field[0] + " " + field[2] + " " + field[3]);
-        }
-        if (last)
-            std::sort(last->locks.begin(), last->locks.end());
-    }
+    std::string title;
+    for (const std::vector<std::string> &field : Records(reply))
+        if (field.size() == 1)
+            title = field[0];
+        else if (title == "Thread Info Details" && field.size() == 10)
+            *(last = &threads[field[5]]) = {field[1], field[9], {}, "", {}};
+        else if (title == "Call Stack")
+            last->frames.push_back(field[0] + " " + field[1] + " " + field[2]);
+        else if (title == "Lock On")
+            last->waits = field[0] + " " + field[2];
+        else if (title == "JVM Locks")
+            last->locks.insert(field[0] + " " + field[2] + " " + field[3]);
     return threads;
 }
 
