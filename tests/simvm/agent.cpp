@@ -11,14 +11,6 @@ extern "C" const char *__asan_default_options() {
 
 namespace simvm {
 
-ThreadInfo *Self() {
-    const Locked held(vm.lock);
-    for (ThreadInfo *thread : vm.threads)
-        if (thread->kernelId == getpid())
-            return thread;
-    return nullptr;
-}
-
 int StartAgent(const AgentStart &with) {
     constexpr int LOG = 0, LEVEL = 2, TIMEOUT = 60, NO_CHAINING = 0, QUERIED = 1000, RECORDED = 300;
     const int status = Java_qoragent_Agent_initvar(

@@ -65,17 +65,12 @@ void Busy(int milliseconds) {
 // held.
 template <class BODY>
 void AsJava(BODY body) {
-    static thread_local Word self; // once: later the thread may own malloc's lock
-    if (!self) {
-        const Locked held(vm.lock);
-        for (const ThreadInfo *thread : vm.threads)
-            self = thread->kernelId == gettid() ? thread->address : self;
-    }
-    Word &anchor = As<JavaThread>(self).anchorSp, sp = std::exchange(anchor, 0);
-    __atomic_store_n(&As<JavaThread>(self).state, IN_JAVA, __ATOMIC_SEQ_CST);
+    static thread_local JavaThread &self = Self()->Java(); // once: later it may own malloc's lock
+    const Word sp = std::exchange(self.anchorSp, 0);
+    __atomic_store_n(&self.state, IN_JAVA, __ATOMIC_SEQ_CST);
     body();
-    __atomic_store_n(&As<JavaThread>(self).state, IN_NATIVE, __ATOMIC_SEQ_CST);
-    anchor = sp;
+    __atomic_store_n(&self.state, IN_NATIVE, __ATOMIC_SEQ_CST);
+    self.anchorSp = sp;
 }
 
 void BusyAsJava(int milliseconds) {
@@ -151,11 +146,9 @@ void ExpectAnswers() {
 
 // The signal's action is the old one as soon as nobody is owed a signal any more.
 void ExpectOldAction() {
-    struct sigaction action;
     for (int samples = 0; samples < 200; samples++) {
         Ask("793|showstack|32768");
-        sigaction(31, nullptr, &action);
-        if (action.sa_handler == SIG_DFL)
+        if (Handler31() == SIG_DFL)
             return;
     }
     ADD_FAILURE() << "the agent's handler is still there";

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 
 namespace simvm {
 
@@ -155,12 +154,20 @@ void SetStates(ThreadInfo *thread, ThreadState state, OsState osState) {
 
 void LinkThread(ThreadInfo *thread) {
     const Locked held(vm.lock);
-    thread->kernelId = int32_t(syscall(SYS_gettid));
+    thread->kernelId = gettid();
     thread->Os().kernelId = thread->kernelId;
     thread->Os().pthreadId = Word(pthread_self());
     thread->Java().threadObj = thread->object->address; // it may have moved meanwhile
     vm.threads.insert(vm.threads.begin(), thread);
     WriteList();
+}
+
+ThreadInfo *Self() {
+    const Locked held(vm.lock);
+    for (ThreadInfo *thread : vm.threads)
+        if (thread->kernelId == gettid())
+            return thread;
+    Fail("the calling thread isn't the VM's");
 }
 
 void UnlinkThread(ThreadInfo *thread) {

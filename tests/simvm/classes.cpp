@@ -207,8 +207,6 @@ void DefineVmClasses() {
          {"java/lang/String value,[C offset,I count,I hash,I",
           "java/lang/ThreadGroup parent,Ljava/lang/ThreadGroup; name,Ljava/lang/String;",
           "java/lang/Thread name,[C group,Ljava/lang/ThreadGroup; eetop,J priority,I",
-          "java/lang/AbstractStringBuilder value,[C count,I",
-          "java/lang/StringBuffer < java/lang/AbstractStringBuilder",
           "java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "
           "next,Ljava/util/Hashtable$Entry;",
           "java/util/Hashtable table,[Ljava/util/Hashtable$Entry; count,I",
@@ -227,12 +225,8 @@ namespace {
 
 Object *Describe(Word address, Class *type, int64_t bytes, size_t values, char space) {
     As<Oop>(address) = {UNMARKED, type->klass};
-    if (vm.forgotten.empty())
-        vm.forgotten.push_back(&vm.objects.emplace_back());
-    Object *object = vm.forgotten.back();
-    vm.forgotten.pop_back();
-    *object = {address, type->klass, bytes, space, type, std::vector<Value>(values)};
-    return object;
+    vm.objects.push_back({address, type->klass, bytes, space, type, std::vector<Value>(values)});
+    return &vm.objects.back();
 }
 
 struct Found {
@@ -308,10 +302,9 @@ void SetElement(Object *array, int32_t index, Value value) {
     WriteValue(array->address + sizeof(JavaArray) + index * SizeOf(signature), signature, value);
 }
 
-void Forget(Object *object) {
+void Forget(const Object *object) {
     const Locked held(vm.lock);
-    object->address = 0;
-    vm.forgotten.push_back(object);
+    vm.objects.remove_if([=](const Object &one) { return &one == object; });
 }
 
 Object *New(const std::string &className, const Fields &fields, char space) {

@@ -303,11 +303,9 @@ void EmitLoop(Assembler *a, Word callee) {
 }
 
 // A compiled leaf. The server's leaves the frame pointer alone, so that no link is known for it.
-Word EmitLeaf(Scope scope, bool loops) {
+Word EmitLeaf(const Scope &scope, bool loops) {
     BlobParts parts = {VT_nmethod, "", 2};
-    if (CompiledSlots(scope))
-        scope.variables.clear();
-    WriteScopes(&parts, {{scope.method, scope.bci, nullptr, {}, scope.variables}});
+    WriteScopes(&parts, {{scope.method, scope.bci}});
     Assembler a;
     vm.options.isClient ? Enter(&a, parts.words, 0) : a.Emit(SUB_RSP, 8);
     if (loops)

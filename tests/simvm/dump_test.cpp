@@ -56,7 +56,7 @@ TEST(DirectDump, UnderTheStormKeepsNobodyStillAndLeavesNothing) {
         EXPECT_GT(completed, 0);
         StopStorm();
         EXPECT_EQ(OpenDescriptors(), before);
-        ExpectVmsSignalHandler();
+        EXPECT_EQ(Handler31(), VmSignalHandler);
     });
 }
 

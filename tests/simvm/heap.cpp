@@ -287,14 +287,14 @@ void FillHeap(const char *pieces, uint32_t seed) {
 
 // Gaps lie between objects, or beside each other where that makes one run. 2^61 + 8 words are 64 bytes again.
 const char TRICKY_HEAP[] = R"(
-P chunk 3          P vm-kinds 0      P objects 20    P chunk 5000                     P link 40
-P wrong-chunk 0    P objects 20      P no-klass 64   P chunk 256                      P no-klass 8
-P vm-kinds 0       O chunk 4         O chunk 257     O objects 300                    O wrong-chunk 1
-O objects 5        O wrong-chunk -1  O wrong-chunk -2  O objects 5                    O wrong-chunk 2305843009213693960
-O chunk 30         O wrong-chunk 0   O objects 5     O half-array 48                  O link 24         O objects 200   O across 40
-E stale 8          E objects 300     E stale 4096    E objects 2                      E no-klass 128
-E stale 64         E link 56         E half-array 24
-E objects 300      E half-array 80
+P chunk 3 P vm-kinds 0 P objects 20 P chunk 5000 P link 40
+P wrong-chunk 0 P objects 20 P no-klass 64 P chunk 256 P no-klass 8
+P vm-kinds 0 O chunk 4 O chunk 257 O objects 300 O wrong-chunk 1
+O objects 5 O wrong-chunk -1 O wrong-chunk -2 O objects 5 O wrong-chunk 2305843009213693960
+O chunk 30 O wrong-chunk 0 O objects 5 O half-array 48 O link 24 O objects 200 O across 40
+E stale 8 E objects 300 E stale 4096 E objects 2 E no-klass 128
+E stale 64 E link 56 E half-array 24
+E objects 300 E half-array 80
 )";
 
 } // namespace simvm

@@ -5,7 +5,6 @@
 #include "simvm.h"
 
 #include <cstdarg>
-#include <sys/syscall.h>
 
 namespace simvm {
 
@@ -29,14 +28,12 @@ void FillTable(TABLE *out, std::integer_sequence<int, SLOT...>) {
 
 // The calling thread's description; ends the process when the environment is another thread's.
 ThreadInfo *Caller(JNIEnv *env, bool mayHaveException) {
-    const Locked held(vm.lock);
-    for (ThreadInfo *thread : vm.threads)
-        if (EnvOf(thread) == env && thread->kernelId == syscall(SYS_gettid)) {
-            if (thread->exceptionPending && !mayHaveException)
-                Fail("JNI was called with an exception pending");
-            return thread;
-        }
-    Fail("JNI was called with an environment that isn't the thread's");
+    ThreadInfo *thread = Self();
+    if (EnvOf(thread) != env)
+        Fail("JNI was called with an environment that isn't the thread's");
+    if (thread->exceptionPending && !mayHaveException)
+        Fail("JNI was called with an exception pending");
+    return thread;
 }
 
 using Method = Word (*)(va_list arguments);
@@ -132,8 +129,6 @@ Word CallJavaSide(va_list arguments) {
     call.texts = va_arg(arguments, Object *);
     call.count = va_arg(arguments, jint);
     call.withSystem = va_arg(arguments, jint);
-    if (!javaSide)
-        return Throw(), 0;
     return Reference(Beside(0, javaSide(call)));
 }
 
@@ -183,17 +178,6 @@ void FillTexts() {
     Fill(table.NewStringUTF, [](const char *text) { return Beside(0, text); });
 }
 
-jint GetEnv(JavaVM *, void **out, jint version) {
-    const Locked held(vm.lock);
-    *out = nullptr;
-    if (version < JNI_VERSION_1_1 || version > JNI_VERSION_1_4) // no JVMTI, no newer JNI
-        return JNI_EVERSION;
-    for (ThreadInfo *thread : vm.threads)
-        if (thread->kernelId == syscall(SYS_gettid))
-            *out = EnvOf(thread);
-    return *out ? JNI_OK : JNI_EDETACHED;
-}
-
 void FillTables() {
     FillTable(&table, std::make_integer_sequence<int, sizeof table / sizeof(void *)>());
     FillTable(&invocation, std::make_integer_sequence<int, sizeof invocation / sizeof(void *)>());
@@ -201,7 +185,6 @@ void FillTables() {
         fill();
     Fill(table.GetVersion, []() { return JNI_VERSION_1_4; });
     Fill(table.GetJavaVM, [](JavaVM **out) { return *out = &javaVm, JNI_OK; });
-    invocation.GetEnv = GetEnv;
     javaVm.functions = &invocation;
 }
 

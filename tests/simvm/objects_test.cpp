@@ -63,9 +63,8 @@ Texts AllShown() {
 std::map<std::string, std::string> AllNames() {
     std::map<std::string, std::string> names;
     for (const Object &object : vm.objects)
-        if (object.address)
-            names[Hex(object.address)] = "<" + object.type->name + ">",
-            names[std::to_string(int32_t(object.address))] = "<half of " + object.type->name + ">";
+        names[Hex(object.address)] = "<" + object.type->name + ">",
+        names[std::to_string(int32_t(object.address))] = "<half of " + object.type->name + ">";
     for (const auto &[name, type] : vm.classes)
         names[Hex(type.klass)] = "<class " + name + ">";
     return names;

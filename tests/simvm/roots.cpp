@@ -3,16 +3,15 @@
 
 namespace simvm {
 
-std::deque<Root> stagedRoots;
-
 namespace {
 
+std::vector<Root> stagedRoots;
 constexpr Word WILD = 0x123456789ab0; // aligned, and nothing is there
 ChainEnd chainEnd;
 
 // The word refers to an object.
 void Put(Word &word, char letter, const char *name) {
-    stagedRoots.push_back({letter, name, New("roots/Held"), Word(&word)});
+    stagedRoots.push_back({letter, name, New("roots/Held")});
     word = stagedRoots.back().object->address;
 }
 
@@ -182,16 +181,11 @@ void StageRoots(ThreadInfo *thread, ChainEnd end) {
         NewTableOf(3, Chain({NewConstraint(2), NewConstraint(3)}, &ConstraintEntry::next));
 }
 
-void WriteRoots() {
-    for (const Root &root : stagedRoots)
-        As<Word>(root.place) = root.object->address;
-}
-
 std::vector<Root> AllRoots() {
     const Locked held(vm.lock);
-    std::vector<Root> all(stagedRoots.begin(), stagedRoots.end());
+    std::vector<Root> all = stagedRoots;
     for (const ThreadInfo *thread : vm.threads)
-        all.push_back({'a', "_threadObj", thread->object, 0});
+        all.push_back({'a', "_threadObj", thread->object});
     return all;
 }
 

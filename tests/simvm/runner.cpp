@@ -75,8 +75,7 @@ void Redirect(Word low, Word high, const std::unordered_map<Word, Word> &moved) 
 
 void RedirectAll(const std::unordered_map<Word, Word> &moved) {
     for (const Object &object : vm.objects)
-        if (object.address)
-            Redirect(object.address + sizeof(Oop), object.address + object.bytes, moved);
+        Redirect(object.address + sizeof(Oop), object.address + object.bytes, moved);
     for (auto &[name, type] : vm.classes)
         Redirect(type.klass + sizeof(Klass), type.klass + 8 * WordsOf(type.klass), moved);
     for (const ThreadInfo *thread : vm.threads)
@@ -95,7 +94,7 @@ void Empty(HeapSpace *space) {
 void MoveYoung() {
     std::unordered_map<Word, Word> moved;
     for (Object &object : vm.objects) {
-        if (!object.address || (object.space != 'E' && object.space != 'F'))
+        if (object.space != 'E' && object.space != 'F')
             continue;
         bool fits = vm.to.top + object.bytes <= vm.to.end;
         Word place = AllocateObject(fits ? &vm.to : &vm.old, object.bytes);
@@ -105,7 +104,6 @@ void MoveYoung() {
         object.space = fits ? 'F' : vm.old.letter;
     }
     RedirectAll(moved);
-    WriteRoots();
     Empty(&vm.eden);
     Empty(&vm.from);
     std::swap(vm.from, vm.to); // the to space becomes the from space

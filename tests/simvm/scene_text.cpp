@@ -42,173 +42,170 @@ Scope ScopeOf(const std::string &holder, const std::string &name, const std::str
     return {DefineMethod(holder, name, signature, lines, flags), 8, receiver};
 }
 
-class Reader {
-public:
-    explicit Reader(Scene *scene) : scene_(scene) {}
+// What is read: one text at a time.
+Scene *staged;
+Texts lets;
+std::map<std::string, Value> objects;
+std::string input; // the line
+size_t cursor;     // in it
 
-    void Begin(const std::string &line) {
-        line_ = Expanded(line, texts_);
-        at_ = 0;
+void Begin(const std::string &line) {
+    input = Expanded(line, lets);
+    cursor = 0;
+}
+
+char Next() { // after blanks; 0 at the end
+    while (input[cursor] == ' ')
+        cursor++;
+    return input[cursor];
+}
+
+bool Take(const std::string &text) {
+    const bool taken = Next() && input.compare(cursor, text.size(), text) == 0;
+    cursor += taken ? text.size() : 0;
+    return taken;
+}
+
+std::string Until(const char *ends) {
+    Next();
+    const size_t from = cursor;
+    cursor = std::min(input.find_first_of(ends, from), input.size());
+    return input.substr(from, cursor - from);
+}
+
+Value ReadValue();
+
+Value ReadObject(const std::string &type) {
+    const std::string super = Take("<") ? Until(" {") : "java/lang/Object";
+    Fields values;
+    std::string definition = type + " < " + super;
+    for (bool more = Take("{"); more && !Take("}");) {
+        const std::string name = Until(",="), signature = Take(",") ? Until("=") : "";
+        Take("=");
+        values.emplace_back(name, ReadValue());
+        if (!FindClass(type) && !HasField(super, name))
+            definition +=
+                " " + name + "," + (signature.empty() ? SignatureOf(values.back().second) : signature);
     }
+    DefineClass(definition);
+    return New(type, values);
+}
 
-    void ReadLine() {
-        if (Take("class ")) {
-            DefineClass(line_.substr(at_));
-        } else if (Take("let ")) {
-            const std::string name = Until(" ");
-            texts_[name] = Trimmed(line_.substr(at_));
-        } else if (Take("socket ")) {
-            texts_["T"] = line_.substr(at_);
-            for (const auto &[name, text] : Connect(scene_))
-                texts_[name] = text;
-        } else if (Take("thread ")) {
-            ReadThread();
-        } else if (const bool isStatic = Take("static "); isStatic || Take("set ")) {
-            const std::string of = Until("."), field = Until(" ").substr(1);
-            Take("=");
-            isStatic ? SetStatic(FindClass(of), field, ReadValue())
-                     : Set(values_.at(of).object, field, ReadValue());
-        } else {
-            const std::string name = Trimmed(Until(":="));
-            const bool isNamed = Take(":");
-            Take("=");
-            values_[name] = ReadValue();
-            if (isNamed)
-                scene_->named[name] = values_[name].object;
-        }
+Value ReadValue() {
+    if (const char quote = Next(); quote == '"' || quote == '\'') {
+        const size_t from = cursor + 1;
+        cursor = input.find(quote, from) + 1;
+        std::string text = input.substr(from, cursor - 1 - from);
+        std::replace(text.begin(), text.end(), '\\', '\n');
+        return quote == '"' ? NewString(text) : NewChars(text);
     }
-
-    std::vector<Frame> ReadFrames() {
-        std::vector<Frame> frames;
-        do {
-            frames.push_back({FrameKind(std::string("icon").find(Until(" "))), {}});
-            do
-                frames.back().scopes.push_back(ReadScope());
-            while (Take(">"));
-        } while (Take(";"));
-        return frames;
+    if (Next() == '[') {
+        const std::string signature = Until("(");
+        std::vector<Value> elements;
+        for (Take("("); !Take(")");)
+            elements.push_back(ReadValue());
+        return NewArray(signature, elements);
     }
+    const std::string word = Until(" {})<");
+    if (const auto found = objects.find(word); found != objects.end())
+        return found->second;
+    if (word.find('/') != std::string::npos)
+        return ReadObject(word);
+    return word.find('.') == std::string::npos ? Value(strtol(word.c_str(), nullptr, 0)) : Value(stod(word));
+}
 
-private:
-    char Next() { // after blanks; 0 at the end
-        while (line_[at_] == ' ')
-            at_++;
-        return line_[at_];
+Scope ReadScope() {
+    const std::string place = Until(" :("), signature = Next() == '(' ? Until(" :") : "()V";
+    const size_t dot = place.rfind('.');
+    const std::string holder = place.substr(0, dot);
+    const int line = Take(":") ? stoi(Until(" ;|")) : 0;
+    Object *receiver = nullptr;
+    if (Take("@"))
+        receiver =
+            (Next() == '{' || strchr(" ;|>^%", input[cursor]) ? ReadObject(holder) : ReadValue()).object;
+    Scope scope = ScopeOf(holder, place.substr(dot + 1), signature, line, receiver);
+    while (Take("^"))
+        scope.monitors.push_back(ReadValue().object);
+    const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
+    const std::string kept = "%~!="; // as Kept has them
+    for (size_t i = 0; Next() && kept.find(Next()) != kept.npos; i++) {
+        const auto how = Kept(kept.find(input[cursor++]));
+        const Value value = ReadValue();
+        scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value), value, how});
     }
+    return scope;
+}
 
-    bool Take(const std::string &text) {
-        const bool taken = Next() && line_.compare(at_, text.size(), text) == 0;
-        at_ += taken ? text.size() : 0;
-        return taken;
+std::vector<Frame> ReadFrames() {
+    std::vector<Frame> frames;
+    do {
+        frames.push_back({FrameKind(std::string("icon").find(Until(" "))), {}});
+        do
+            frames.back().scopes.push_back(ReadScope());
+        while (Take(">"));
+    } while (Take(";"));
+    return frames;
+}
+
+void ReadThread() {
+    const std::string name = Until(":");
+    Script &script = staged->scripts.emplace_back();
+    Take(":");
+    script.rest = RestOf(Until(" "));
+    script.state = Take("\"") ? Until("\"") : RESTS[int(script.rest)].shown;
+    Take("\"");
+    script.frames = ReadFrames();
+    while (Take("|") || Take(";")) {
+        const std::string fact = Until("=;");
+        Take("=");
+        script.facts[fact] = Trimmed(Until(";"));
     }
+    EmitScript(&script);
+    staged->runners.push_back(Start(name, &script));
+}
 
-    std::string Until(const char *ends) {
-        Next();
-        const size_t from = at_;
-        at_ = std::min(line_.find_first_of(ends, from), line_.size());
-        return line_.substr(from, at_ - from);
+void ReadLine() {
+    if (Take("class ")) {
+        DefineClass(input.substr(cursor));
+    } else if (Take("let ")) {
+        const std::string name = Until(" ");
+        lets[name] = Trimmed(input.substr(cursor));
+    } else if (Take("socket ")) {
+        lets["T"] = input.substr(cursor);
+        for (const auto &[name, text] : Connect(staged))
+            lets[name] = text;
+    } else if (Take("thread ")) {
+        ReadThread();
+    } else if (const bool isStatic = Take("static "); isStatic || Take("set ")) {
+        const std::string of = Until("."), field = Until(" ").substr(1);
+        Take("=");
+        isStatic ? SetStatic(FindClass(of), field, ReadValue())
+                 : Set(objects.at(of).object, field, ReadValue());
+    } else {
+        const std::string name = Trimmed(Until(":="));
+        const bool isNamed = Take(":");
+        Take("=");
+        objects[name] = ReadValue();
+        if (isNamed)
+            staged->named[name] = objects[name].object;
     }
-
-    Value ReadObject(const std::string &type) {
-        const std::string super = Take("<") ? Until(" {") : "java/lang/Object";
-        Fields values;
-        std::string definition = type + " < " + super;
-        for (bool more = Take("{"); more && !Take("}");) {
-            const std::string name = Until(",="), signature = Take(",") ? Until("=") : "";
-            Take("=");
-            values.emplace_back(name, ReadValue());
-            if (!FindClass(type) && !HasField(super, name))
-                definition +=
-                    " " + name + "," + (signature.empty() ? SignatureOf(values.back().second) : signature);
-        }
-        DefineClass(definition);
-        return New(type, values);
-    }
-
-    Value ReadValue() {
-        if (const char quote = Next(); quote == '"' || quote == '\'') {
-            const size_t from = at_ + 1;
-            at_ = line_.find(quote, from) + 1;
-            std::string text = line_.substr(from, at_ - 1 - from);
-            std::replace(text.begin(), text.end(), '\\', '\n');
-            return quote == '"' ? NewString(text) : NewChars(text);
-        }
-        if (Next() == '[') {
-            const std::string signature = Until("(");
-            std::vector<Value> elements;
-            for (Take("("); !Take(")");)
-                elements.push_back(ReadValue());
-            return NewArray(signature, elements);
-        }
-        const std::string word = Until(" {})<");
-        if (const auto found = values_.find(word); found != values_.end())
-            return found->second;
-        if (word.find('/') != std::string::npos)
-            return ReadObject(word);
-        return word.find('.') == std::string::npos ? Value(strtol(word.c_str(), nullptr, 0))
-                                                   : Value(stod(word));
-    }
-
-    Scope ReadScope() {
-        const std::string place = Until(" :("), signature = Next() == '(' ? Until(" :") : "()V";
-        const size_t dot = place.rfind('.');
-        const std::string holder = place.substr(0, dot);
-        const int line = Take(":") ? stoi(Until(" ;|")) : 0;
-        Object *receiver = nullptr;
-        if (Take("@"))
-            receiver =
-                (Next() == '{' || strchr(" ;|>^%", line_[at_]) ? ReadObject(holder) : ReadValue()).object;
-        Scope scope = ScopeOf(holder, place.substr(dot + 1), signature, line, receiver);
-        while (Take("^"))
-            scope.monitors.push_back(ReadValue().object);
-        const std::vector<std::string> arguments = ArgumentsOf(*scope.method);
-        const std::string kept = "%~!="; // as Kept has them
-        for (size_t i = 0; Next() && kept.find(Next()) != kept.npos; i++) {
-            const auto how = Kept(kept.find(line_[at_++]));
-            const Value value = ReadValue();
-            scope.variables.push_back({i < arguments.size() ? arguments[i] : SignatureOf(value), value, how});
-        }
-        return scope;
-    }
-
-    void ReadThread() {
-        const std::string name = Until(":");
-        Script &script = scene_->scripts.emplace_back();
-        Take(":");
-        script.rest = RestOf(Until(" "));
-        script.state = Take("\"") ? Until("\"") : RESTS[int(script.rest)].shown;
-        Take("\"");
-        script.frames = ReadFrames();
-        while (Take("|") || Take(";")) {
-            const std::string fact = Until("=;");
-            Take("=");
-            script.facts[fact] = Trimmed(Until(";"));
-        }
-        EmitScript(&script);
-        scene_->runners.push_back(Start(name, &script));
-    }
-
-    Scene *scene_;
-    Texts texts_;
-    std::map<std::string, Value> values_;
-    std::string line_;
-    size_t at_ = 0;
-};
+}
 
 } // namespace
 
 void ReadScene(Scene *scene, const std::string &text) {
-    Reader reader(scene);
+    staged = scene;
+    lets.clear();
+    objects.clear();
     for (const std::string &line : WholeLines(text)) {
-        reader.Begin(line);
-        reader.ReadLine();
+        Begin(line);
+        ReadLine();
     }
 }
 
 std::vector<Frame> FramesOf(const std::string &text) {
-    Reader reader(nullptr);
-    reader.Begin(text);
-    return reader.ReadFrames();
+    Begin(text);
+    return ReadFrames();
 }
 
 std::string Expanded(const std::string &line, const Texts &texts) {

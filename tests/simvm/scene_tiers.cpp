@@ -57,6 +57,11 @@ connection = $QVS/rmi/RMIClientConnection{m_transport=$QVS/rmi/Transport{m_port=
 thread client: $WAITS ; i $QVS/rmi/RMIClientConnection.obtainRemoteMethodResponse(I$CALL)V:84 @connection %9 %call ;
   i $QVS/rmi/RMIClientConnection.waitForResponseFromServer($CALL)V:85 @connection %call ; $WAITING
   | server=QVS; wait=5151|$KNOWN|NA; ejb=shop.Pricing->price
+execution = tessar/dms/instrument/ExecutionContext{m_attMap,Ljava/util/Map;=java/util/HashMap{
+  table=[Ljava/util/HashMap$Entry;(null java/util/HashMap$Entry{key="id" value="9,8,7"})}}
+QVS thread := test/Thread{threadLocals=java/lang/ThreadLocal$ThreadLocalMap{
+  table=[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;(null
+  test/Entry{value,Ljava/lang/Object;="no context"} test/Entry{value=execution})}}
 
 # The servlet's frame with the server's request as its first argument.
 let SERVES $WORKS ; i javax/servlet/http/HttpServlet.service(Ljavax/servlet/ServletRequest;)V:90 @

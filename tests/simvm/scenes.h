@@ -59,9 +59,7 @@ struct Root {
     char letter; // of the structure, as a dump has it
     std::string name;
     Object *object;
-    Word place;
 };
-extern std::deque<Root> stagedRoots;
 
 // How the chains end: as they should, in a link back to their beginning, in a pointer to nowhere.
 enum class ChainEnd { NONE, CYCLE, WILD };
@@ -72,9 +70,7 @@ enum class ChainEnd { NONE, CYCLE, WILD };
 // constraints; known classes, mirrors, symbols. Whatever the end of the chains, all roots are to be found. No
 // collection may follow the thread's end.
 void StageRoots(ThreadInfo *thread, ChainEnd end);
-// The words hold what they refer to, also after it has moved.
-void WriteRoots();
-// The above, and each thread's object and handles.
+// Of what was staged, and each thread's object and handles.
 std::vector<Root> AllRoots();
 
 // A VM that never rests: threads end and start, collections move what they refer to, and a timer's
@@ -99,7 +95,7 @@ std::vector<Runner *> StormRunners();      // where none comes or goes
 // Ends all of it; a thread that still was held would never end. The VM's own handler of signal 31 stays
 // installed: VmSignalHandler.
 void StopStorm();
-void VmSignalHandler(int signal, siginfo_t *info, void *context);
+void VmSignalHandler(int signal);
 
 // Scenes: what a VM's threads do while it is looked at.
 
@@ -151,7 +147,6 @@ Texts Connect(Scene *scene);
 
 // The agent as the simulated VM's main thread starts and asks it, by its natives.
 
-ThreadInfo *Self(); // the main thread
 struct AgentStart {
     std::string server = "", id = "test"; // as Java passes them
     int backoff = 1, lockInformation = 0;

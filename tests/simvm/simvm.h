@@ -12,6 +12,7 @@
 #include <deque>
 #include <functional>
 #include <jni.h>
+#include <list>
 #include <map>
 #include <mutex>
 #include <random>
@@ -166,8 +167,7 @@ struct Vm {
     std::map<std::string, Word> symbols;
     std::map<std::string, Class> classes;
     std::deque<MethodInfo> methods;
-    std::deque<Object> objects;      // of eden, from and old
-    std::vector<Object *> forgotten; // of these, to be used again
+    std::list<Object> objects;
     HeapSpace perm, old, eden, from, to;
     Word kindKlass[VTABLE_COUNT]; // the klasses of the VM's own kinds of objects
     CollectedHeap *heap;
@@ -203,7 +203,7 @@ bool HasFreeLists(const HeapSpace &space);
 int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
 Word AllocateObject(HeapSpace *space, int64_t bytes);
 void SetTop(HeapSpace *space, Word top); // with what is free above
-void Forget(Object *object);             // dead; the next collection takes its memory
+void Forget(const Object *object);       // dead; the next collection takes its memory
 using Fields = std::vector<std::pair<std::string, Value>>;
 Object *New(const std::string &className, const Fields &fields = {}, char space = 'E');
 Object *NewArray(const std::string &signature, const std::vector<Value> &elements, char space = 'E');
@@ -227,6 +227,7 @@ void WriteValue(Word place, const std::string &signature, const Value &value);
 ThreadInfo *NewThread(const std::string &name);
 void LinkThread(ThreadInfo *thread); // at the head of the list, as the calling thread's own
 void UnlinkThread(ThreadInfo *thread);
+ThreadInfo *Self();                  // of the calling thread; without one the process ends
 void FreeThread(ThreadInfo *thread); // its memory goes to the next one
 void SetStates(ThreadInfo *thread, ThreadState state, OsState osState);
 

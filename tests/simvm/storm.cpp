@@ -59,17 +59,15 @@ void Repeat(uint32_t pause, const std::function<void(uint32_t random)> &body) {
 
 } // namespace
 
-void VmSignalHandler(int, siginfo_t *, void *) {}
+void VmSignalHandler(int) {}
 
 void StartStorm(const StormOptions &options) {
     storm = options;
     stopping = false;
     struct sigaction action = {};
-    action.sa_sigaction = VmSignalHandler;
-    action.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigaction(31, &action, nullptr);
+    action.sa_handler = VmSignalHandler;
     action.sa_flags = SA_RESTART;
-    action.sa_handler = [](int) {};
+    sigaction(31, &action, nullptr);
     sigaction(SIGPROF, &action, nullptr);
     std::mt19937 random;
     for (int i = 0; i < storm.threads; i++) {

@@ -110,9 +110,7 @@ struct Footprint {
 TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
     WithScene("nothing", {}, [](Scene &) {
         Ask("793|showstack|32768");
-        struct sigaction action;
-        sigaction(31, nullptr, &action);
-        EXPECT_EQ(action.sa_handler, SIG_DFL); // as before the start
+        EXPECT_EQ(Handler31(), SIG_DFL); // as before the start
         const Footprint still;
         StartStorm({});
         Ask("793|showstack|32768");
@@ -121,12 +119,10 @@ TEST(DirectStorm, ShowsOnlyWhatWasTrueAndLeavesNothing) {
         const size_t lives = LivedSoFar().size();
         StopStorm();
         const Footprint last;
-        Ask("SHUTDOWN");
-        while (QorWorkerLives())
-            usleep(1000);
+        StopAgent();
         EXPECT_EQ(last.descriptors, still.descriptors);
         EXPECT_LT(last.bytes, first.bytes + 16384 + lives * 192); // a life is kept as its description
-        ExpectVmsSignalHandler();
+        EXPECT_EQ(Handler31(), VmSignalHandler);
     });
 }
 

@@ -101,11 +101,10 @@ void AddObjects(HeapDump *out) {
         texts[type.klass] = nameOf(name);
     for (const MethodInfo &method : vm.methods)
         texts[method.oop] = nameOf(method.name) + nameOf(method.signature);
-    for (const Object &object : vm.objects)
-        if (object.address) {
-            described[object.address] = &object;
-            AddReferences(object, out);
-        }
+    for (const Object &object : vm.objects) {
+        described[object.address] = &object;
+        AddReferences(object, out);
+    }
     for (const SpaceUse &use : UseOfSpaces())
         for (Word at = use.space->bottom; at < use.space->top; at += 8)
             if (const int64_t bytes = 8 * WordsOf(at)) {

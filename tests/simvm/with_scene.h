@@ -10,6 +10,12 @@
 
 namespace simvm {
 
+inline void StopAgent() {
+    Ask("SHUTDOWN");
+    while (QorWorkerLives()) // a hang is the test's time-out
+        usleep(1000);
+}
+
 // Boots a VM, stages the scene, and calls the body on its main thread with the agent started. Then both end.
 inline void WithScene(const std::string &name, const Options &options,
                       const std::function<void(Scene &)> &body) {
@@ -19,9 +25,7 @@ inline void WithScene(const std::string &name, const Options &options,
     RunAsMain([&] {
         ASSERT_EQ(StartAgent(), 0);
         body(scene);
-        Ask("SHUTDOWN");
-        while (QorWorkerLives()) // a hang is the test's time-out
-            usleep(1000);
+        StopAgent();
     });
     EndScene(&scene);
 }
@@ -31,10 +35,10 @@ inline std::string Untimed(const std::string &reply) {
     return reply.substr(0, reply.find("Time spent in JVM"));
 }
 
-inline void ExpectVmsSignalHandler() {
+inline auto Handler31() {
     struct sigaction action;
     sigaction(31, nullptr, &action);
-    EXPECT_EQ(action.sa_sigaction, VmSignalHandler);
+    return action.sa_handler;
 }
 
 inline size_t OpenDescriptors() {
