@@ -1,31 +1,34 @@
-// A server's socket at a free port of this machine.
+// A server that listens at a free port of this machine.
 #pragma once
 
-#include <arpa/inet.h>
-#include <cstdint>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 struct Loopback {
-    Loopback(int family, const char *address) : fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        at_.sin6_family = static_cast<sa_family_t>(family);
-        inet_pton(family, address, family == AF_INET ? static_cast<void *>(&V4()->sin_addr) : &at_.sin6_addr);
-        const int no = 0;
-        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no);
-        bound = bind(fd, Any(), sizeof at_) == 0; // or a host without this family
-        at_.sin6_port = htons(port = PortOf(fd));
+    explicit Loopback(const char *address) {
+        addrinfo wanted = {};
+        wanted.ai_flags = AI_NUMERICHOST;
+        wanted.ai_socktype = SOCK_STREAM;
+        getaddrinfo(address, "0", &wanted, &at);
+        fd = socket(at->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        listens =
+            bind(fd, at->ai_addr, at->ai_addrlen) == 0 && listen(fd, 16) == 0; // else without this family
+        port = PortOf(fd);
     }
-    ~Loopback() { close(fd); }
+    ~Loopback() {
+        close(fd);
+        freeaddrinfo(at);
+    }
     Loopback(const Loopback &) = delete;
     Loopback &operator=(const Loopback &) = delete;
 
-    bool Listen() const { return listen(fd, 16) == 0; }
-
     // A client's end.
-    int Connect() {
-        const int client = socket(at_.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        return connect(client, Any(), sizeof at_) == 0 ? client : -1;
+    int Connect() const {
+        const int client = socket(at->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        getsockname(fd, at->ai_addr, &at->ai_addrlen);
+        return connect(client, at->ai_addr, at->ai_addrlen) == 0 ? client : -1;
     }
 
     static uint16_t PortOf(int socket) {
@@ -35,13 +38,10 @@ struct Loopback {
         return ntohs(name.sin6_port); // at the same place in both families
     }
 
-    const int fd;
+    int fd;
+    bool listens;
     uint16_t port;
-    bool bound;
 
 private:
-    sockaddr_in *V4() { return reinterpret_cast<sockaddr_in *>(&at_); }
-    sockaddr *Any() { return reinterpret_cast<sockaddr *>(&at_); }
-
-    sockaddr_in6 at_ = {};
+    addrinfo *at = nullptr;
 };

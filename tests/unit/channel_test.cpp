@@ -1,4 +1,5 @@
 // The request channel without a JVM: callers on several threads and the worker, driven against each other.
+#include "NoNatives.h"
 #include "QorOS.h"
 #include "platforms/qorsysinfo.h"
 #include "qoragent/caller.h"
@@ -15,15 +16,12 @@
 
 namespace {
 
-// As much of an environment as a request needs: strings, which are C++'s, and no exceptions.
+// As much of an environment as a request needs: strings, which are C++'s.
 JNIEnv *FakeEnv() {
-    static JNINativeInterface_ calls = {};
-    calls.ExceptionCheck = [](JNIEnv *) -> jboolean { return JNI_FALSE; };
-    calls.ExceptionOccurred = [](JNIEnv *) -> jthrowable { return nullptr; };
+    static JNINativeInterface_ calls = NoNatives();
     calls.GetStringUTFChars = [](JNIEnv *, jstring text, jboolean *) {
         return reinterpret_cast<const std::string *>(text)->c_str();
     };
-    calls.ReleaseStringUTFChars = [](JNIEnv *, jstring, const char *) {};
     calls.NewStringUTF = [](JNIEnv *, const char *text) {
         return reinterpret_cast<jstring>(new std::string(text));
     };

@@ -1,4 +1,5 @@
 // What a walk keeps of methods, on a JVM of as many methods as a test asks for.
+#include "NoNatives.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/threads/MethodTable.h"
@@ -29,11 +30,6 @@ struct Jvm {
             return JVMTI_ERROR_NONE;
         };
         calls.Deallocate = [](jvmtiEnv *, unsigned char *memory) { return free(memory), JVMTI_ERROR_NONE; };
-        natives.PushLocalFrame = [](JNIEnv *, jint) { return jint{0}; };
-        natives.PopLocalFrame = [](JNIEnv *, jobject) { return jobject{}; };
-        natives.IsSameObject = [](JNIEnv *, jobject, jobject) { return jboolean{}; };
-        natives.DeleteLocalRef = [](JNIEnv *, jobject) {};
-        natives.ExceptionCheck = [](JNIEnv *) { return jboolean{}; };
         jvmti = &environment;
         jvmtijni_env = &jni;
     }
@@ -43,7 +39,7 @@ struct Jvm {
         jvmtijni_env = nullptr;
     }
     jvmtiInterface_1_ calls = {};
-    JNINativeInterface_ natives = {};
+    JNINativeInterface_ natives = NoNatives();
     jvmtiEnv environment = {&calls};
     JNIEnv jni = {&natives};
 };

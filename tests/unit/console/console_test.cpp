@@ -1,9 +1,8 @@
-// What the console sends, what it reads of a process and a JVM's attach listener, and what it shows.
+// What the console sends, what it reads of a process, and what it shows.
 #include "Folder.h"
 #include "Loopback.h"
 #include "base/inside.h"
 #include "base/process.h"
-#include "jvm/attach.h"
 #include "jvm/endpoint.h"
 #include "jvm/proof.h"
 #include "show/json.h"
@@ -24,7 +23,7 @@ using namespace qorctl;
 
 namespace {
 
-const std::string ENDPOINT = "port=1\ntoken=0123456789abcdef0123456789abcdef\npid=77\nversion=1\n";
+const std::string ENDPOINT = "port=1\ntoken=0123456789abcdef0123456789abcdef\npid=77\nversion=1\nsomething=new\n";
 
 TEST(Requests, FitTheWire) {
     EXPECT_EQ(RulesRequest("# c\r\nabcd|monitor|x\r\n\r\nabcd|currcall|b"),
@@ -37,22 +36,11 @@ TEST(Requests, FitTheWire) {
         EXPECT_NE(request[request.rfind('|') + 1] & 0xc0, 0x80) << "a character is cut";
 }
 
-TEST(Endpoint, File) {
-    EXPECT_TRUE(ParseEndpoint(ENDPOINT + "something=new\n"));
-    for (const auto &[right, wrong] :
-         {std::pair("port=1\n", "port=65536\n"), {"f\np", "f0\np"}, {"version=1", "version=2"}}) {
-        std::string text = ENDPOINT;
-        text.replace(text.find(right), strlen(right), wrong);
-        EXPECT_FALSE(ParseEndpoint(text)) << text;
-    }
-}
-
 TEST(Endpoint, WhoListensIsProven) {
     for (const char *address : {"127.0.0.1", "127.0.0.2", "::ffff:127.0.0.1", "::"}) {
-        const Loopback server(strchr(address, ':') ? AF_INET6 : AF_INET, address);
-        if (!server.bound)
+        const Loopback server(address);
+        if (!server.listens)
             continue; // a host without IPv6
-        ASSERT_TRUE(server.Listen());
         Endpoint endpoint = ParseEndpoint(ENDPOINT).value();
         endpoint.port = server.port;
         EXPECT_EQ(ProveListener("/proc/self", endpoint),
@@ -64,8 +52,7 @@ TEST(Endpoint, WhoListensIsProven) {
 }
 
 TEST(Endpoint, AMarkInTwoPiecesEndsAReply) {
-    const Loopback relay(AF_INET, "127.0.0.1");
-    ASSERT_TRUE(relay.Listen());
+    const Loopback relay("127.0.0.1");
     FileDescriptor caller;
     std::thread accepting([&] {
         caller = FileDescriptor(accept(relay.fd, nullptr, nullptr));
@@ -78,12 +65,6 @@ TEST(Endpoint, AMarkInTwoPiecesEndsAReply) {
     int waited = 0;
     const auto send_rest = [&] { return waited++ == 0 && send(caller.get(), "\t\t||", 4, 0) == 4; };
     EXPECT_EQ(connection.value().AskWhile("1|x", std::chrono::milliseconds(100), send_rest), "reply");
-}
-
-TEST(Attach, LoadReplies) {
-    ExpectParts(FailureOf([] { CheckLoadReply("", "/x.jar"); }), {"hung up"});
-    const std::string refused = FailureOf([] { CheckLoadReply("0\nNo \x1b[31m agent\nat all\n", "/x.jar"); });
-    ExpectParts(refused, {"refused the agent: No \\x1b[31m agent"});
 }
 
 TEST(Process, Status) {

@@ -5,7 +5,6 @@
 #include "wire.h"
 
 #include <memory>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace qorctl;
@@ -97,11 +96,6 @@ TEST(DumpFiles, AreKnownByTheirNumberAndEnd) {
         EXPECT_EQ(progress.whole, whole) << text;
         ExpectParts(ExplainMissingDump(getpid(), target, 7).what, {fault});
     }
-    // Neither is waited for or followed.
-    ASSERT_EQ(mkfifo(folder.In("pipe").c_str(), 0600) + symlink("d", folder.In("link").c_str()), 0);
-    for (const char *name : {"pipe", "link"})
-        EXPECT_EQ(LookAtDump(getpid(), ChooseDumpTarget(folder.In(name), false), 7).kind,
-                  DumpFileKind::OTHER);
 }
 
 } // namespace
