@@ -9,6 +9,7 @@
 #include <netdb.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <utility>
 
 extern "C" char __executable_start, etext;
 
@@ -79,8 +80,8 @@ long Failed(int error, long result) {
 
 } // namespace
 
-// What these calls take and return are machine words: on x86-64 System V at most six integers or pointers, in
-// registers that know no kinds. The agent's calls of clone have four arguments.
+// What all these calls take and return are machine words: on x86-64 System V at most six integers or
+// pointers, in registers that know no kinds. The agent's calls of clone have four arguments.
 static_assert(__x86_64__);
 using Word = long;
 #define WORDS Word a, Word b, Word c, Word d, Word e, Word f
@@ -156,58 +157,44 @@ namespace {
 jvmtiInterface_1 realJvmti, failingJvmti;
 JNINativeInterface_ realJni, failingJni;
 
-template <auto Entry>
-struct Jvmti;
-template <typename... Arguments, jvmtiError (JNICALL *jvmtiInterface_1::*Entry)(jvmtiEnv *, Arguments...)>
-struct Jvmti<Entry> {
-    static jvmtiError JNICALL Call(jvmtiEnv *env, Arguments... arguments) {
-        return Fails("JVMTI") ? JVMTI_ERROR_OUT_OF_MEMORY : (realJvmti.*Entry)(env, arguments...);
-    }
-};
+using Call = Word (*)(WORDS);
 
-template <auto Entry>
-struct Jni;
-template <typename Result, typename... Arguments,
-          Result (JNICALL *JNINativeInterface_::*Entry)(JNIEnv *, Arguments...)>
-struct Jni<Entry> {
-    static Result JNICALL Call(JNIEnv *env, Arguments... arguments) {
-        if (!Fails("JNI"))
-            return (realJni.*Entry)(env, arguments...);
-        jclass error = realJni.FindClass(env, "java/lang/OutOfMemoryError");
-        realJni.ThrowNew(env, error, "made to fail");
-        realJni.DeleteLocalRef(env, error);
-        if constexpr (std::is_pointer_v<Result>)
-            return nullptr;
-        else
-            return JNI_ENOMEM;
-    }
-};
-
-template <auto... Entries>
-void ReplaceJvmti() {
-    ((failingJvmti.*Entries = Jvmti<Entries>::Call), ...);
+template <size_t N>
+Word Jvmti(WORDS) {
+    if (Fails("JVMTI"))
+        return JVMTI_ERROR_OUT_OF_MEMORY;
+    return reinterpret_cast<Call *>(&realJvmti)[N](a, b, c, d, e, f);
 }
 
-template <auto... Entries>
-void ReplaceJni() {
-    ((failingJni.*Entries = Jni<Entries>::Call), ...);
+template <size_t... N>
+void FailJvmti(std::index_sequence<N...>) {
+    ((reinterpret_cast<Call *>(&failingJvmti)[N] = Jvmti<N>), ...);
+}
+
+template <auto Entry, Word FAILURE>
+Word Jni(WORDS) {
+    if (!Fails("JNI"))
+        return reinterpret_cast<Call &>(realJni.*Entry)(a, b, c, d, e, f);
+    auto *env = reinterpret_cast<JNIEnv *>(a);
+    jclass error = realJni.FindClass(env, "java/lang/OutOfMemoryError");
+    realJni.ThrowNew(env, error, "made to fail");
+    realJni.DeleteLocalRef(env, error);
+    return FAILURE;
+}
+
+template <Word FAILURE, auto... Entries>
+void FailJni() {
+    ((reinterpret_cast<Call &>(failingJni.*Entries) = Jni<Entries, FAILURE>), ...);
 }
 
 } // namespace
 
 void WrapJvmti(jvmtiEnv *env) {
-    using T = jvmtiInterface_1;
-    if (!env || env->functions == &failingJvmti)
+    if (env->functions == &failingJvmti)
         return;
     failingJvmti = realJvmti = *env->functions;
-    ReplaceJvmti<&T::GetClassSignature, &T::GetObjectsWithTags, &T::GetObjectMonitorUsage,
-                 &T::GetObjectHashCode, &T::SetTag, &T::GetTag, &T::IterateThroughHeap, &T::FollowReferences,
-                 &T::IsMethodNative, &T::GetThreadState, &T::GetThreadInfo, &T::GetSourceFileName,
-                 &T::GetOwnedMonitorStackDepthInfo, &T::GetLoadedClasses, &T::GetMethodName,
-                 &T::GetMethodDeclaringClass, &T::GetLineNumberTable, &T::GetFieldName, &T::GetFieldModifiers,
-                 &T::GetErrorName, &T::GetCurrentContendedMonitor, &T::GetClassStatus, &T::GetClassFields,
-                 &T::GetAllStackTraces, &T::GetThreadListStackTraces, &T::GetAllThreads, &T::GetThreadCpuTime,
-                 &T::GetFrameCount, &T::GetStackTrace, &T::GetMethodModifiers, &T::GetExtensionFunctions>();
+    FailJvmti(std::make_index_sequence<sizeof(jvmtiInterface_1) / sizeof(Call)>());
+    failingJvmti.Deallocate = realJvmti.Deallocate;
     env->functions = &failingJvmti;
 }
 
@@ -216,10 +203,11 @@ void WrapJni(JNIEnv *env) {
     if (!env || env->functions == &failingJni)
         return;
     failingJni = realJni = *env->functions;
-    ReplaceJni<&T::FindClass, &T::GetMethodID, &T::GetStaticMethodID, &T::GetFieldID, &T::GetStaticFieldID,
-               &T::NewStringUTF, &T::GetStringUTFChars, &T::NewGlobalRef, &T::NewLocalRef, &T::NewObjectV,
-               &T::NewObjectArray, &T::NewLongArray, &T::NewByteArray, &T::PushLocalFrame,
-               &T::CallObjectMethodV, &T::CallStaticObjectMethodV>();
+    FailJni<0, &T::FindClass, &T::GetMethodID, &T::GetStaticMethodID, &T::GetFieldID, &T::GetStaticFieldID,
+            &T::NewStringUTF, &T::GetStringUTFChars, &T::NewGlobalRef, &T::NewLocalRef, &T::NewObjectV,
+            &T::NewObjectArray, &T::NewLongArray, &T::NewByteArray, &T::CallObjectMethodV,
+            &T::CallStaticObjectMethodV>();
+    FailJni<JNI_ENOMEM, &T::PushLocalFrame>();
     env->functions = &failingJni;
 }
 
