@@ -128,7 +128,7 @@ public final class Tiers {
 
     /** Waits for the answer of a remote call. */
     private static Resident remote() {
-        return new Resident("remote", Thread.State.WAITING, ZooLocks.WAITING, self -> {
+        return new Resident("remote", Thread.State.WAITING, "wait wait0", self -> {
             byte[] address = {(byte)192, (byte)168, 1, 5};
             ResponseImpl response = new ResponseImpl(
                 77, new RJVM(new Channel(new InetSocketAddress(InetAddress.getByAddress(address), 7001))));

@@ -30,37 +30,27 @@ final class ZooIo {
     }
 
     static List<Resident> all() {
-        String socketRead = "java.net.SocketInputStream.socketRead0 ";
-        String accept = "java.net.PlainSocketImpl.socketAccept ";
         return Arrays.asList(
-            io("socket-read", socketRead + "sun.nio.ch.SocketDispatcher.read0", self -> socketRead(self, 0)),
-            io("socket-read-timeout", socketRead + "sun.nio.ch.Net.poll",
-               self -> socketRead(self, HOUR_MILLIS)),
-            io("socket-write", "sun.nio.ch.FileDispatcherImpl.write0 sun.nio.ch.SocketDispatcher.write0",
-               ZooIo::socketWrite),
-            io("accept", accept + "sun.nio.ch.Net.accept", self -> accept(self, 0)),
-            io("accept-timeout", accept + "sun.nio.ch.Net.poll", self -> accept(self, HOUR_MILLIS)),
-            io("channel-read", "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.SocketDispatcher.read0",
+            io("socket-read", "socketRead0 read0", self -> socketRead(self, 0)),
+            io("socket-read-timeout", "socketRead0 poll", self -> socketRead(self, HOUR_MILLIS)),
+            io("socket-write", "write0", ZooIo::socketWrite),
+            io("accept", "socketAccept accept", self -> accept(self, 0)),
+            io("accept-timeout", "socketAccept poll", self -> accept(self, HOUR_MILLIS)),
+            io("channel-read", "read0",
                self -> {
                    SocketChannel near = connect(self);
                    return () -> near.read(ByteBuffer.allocateDirect(64));
                }),
-            io("select", "sun.nio.ch.EPollArrayWrapper.epollWait sun.nio.ch.EPoll.wait",
-               self -> self.closing(Selector.open())::select),
-            fifo("file-read", "java.io.FileInputStream.read0",
-                 path -> {
-                     try (FileInputStream in = new FileInputStream(path)) {
-                         in.read();
-                     }
-                 }),
-            fifo("file-channel-read",
-                 "sun.nio.ch.FileDispatcherImpl.read0 sun.nio.ch.UnixFileDispatcherImpl.read0",
-                 path -> {
-                     try (FileInputStream in = new FileInputStream(path)) {
-                         in.getChannel().read(ByteBuffer.allocateDirect(64));
-                     }
-                 }),
-            fifo("file-write", "java.io.FileOutputStream.writeBytes", path -> {
+            io("select", "epollWait wait", self -> self.closing(Selector.open())::select),
+            fifo("file-read", "read0", path -> {
+                try (FileInputStream in = new FileInputStream(path)) {
+                    in.read();
+                }
+            }), fifo("file-channel-read", "read0", path -> {
+                try (FileInputStream in = new FileInputStream(path)) {
+                    in.getChannel().read(ByteBuffer.allocateDirect(64));
+                }
+            }), fifo("file-write", "writeBytes", path -> {
                 try (FileOutputStream out = new FileOutputStream(path)) {
                     out.write(new byte[MORE_THAN_A_FIFO_HOLDS]);
                 }

@@ -19,9 +19,6 @@ final class ZooLocks {
     private static final Object REENTERED = new Outer();
     private static final Object[] SWAPPED = {new Outer(), new Other()};
     private static final ReentrantLock LOCK = new ReentrantLock();
-    private static final String SLEEPING =
-        "java.lang.Thread.sleep java.lang.Thread.sleep0 java.lang.Thread.sleepNanos0";
-    static final String WAITING = "java.lang.Object.wait java.lang.Object.wait0";
     private static volatile int wanted;
     private static volatile int held = -1;
 
@@ -29,18 +26,17 @@ final class ZooLocks {
 
     static List<Resident> all() {
         return Arrays.asList(
-            new Resident("sleep", Thread.State.TIMED_WAITING, SLEEPING, ZooLocks::sleep),
+            new Resident("sleep", Thread.State.TIMED_WAITING, "sleep sleep0 sleepNanos0", ZooLocks::sleep),
             Resident.parked("park", Resident.Gate::pass),
-            new Resident("swapper", Thread.State.WAITING, Resident.PARKED, ZooLocks::keepSwapping),
-            new Resident("wait", Thread.State.WAITING, WAITING, ZooLocks::await),
+            new Resident("swapper", Thread.State.WAITING, "park", ZooLocks::keepSwapping),
+            new Resident("wait", Thread.State.WAITING, "wait wait0", ZooLocks::await),
             Resident.parked("holder", ZooLocks::takeOuter),
-            new Resident("blocked", Thread.State.BLOCKED, "qoragent.testing.ZooLocks.wantInner",
-                         self -> ZooLocks::takeWanting),
-            new Resident("blocked-second", Thread.State.BLOCKED, "qoragent.testing.ZooLocks.takeWanting",
+            new Resident("blocked", Thread.State.BLOCKED, "wantInner", self -> ZooLocks::takeWanting),
+            new Resident("blocked-second", Thread.State.BLOCKED, "takeWanting",
                          self -> ZooLocks::takeWanting),
             Resident.parked("reentrant", gate -> takeTwice(1, gate)),
             Resident.parked("lock-holder", gate -> lock(gate::pass)),
-            new Resident("lock-waiter", Thread.State.WAITING, Resident.PARKED, self -> () -> lock(() -> {})));
+            new Resident("lock-waiter", Thread.State.WAITING, "park", self -> () -> lock(() -> {})));
     }
 
     private static Resident.Work sleep(Resident self) {

@@ -10,11 +10,10 @@ final class ZooRun {
     private ZooRun() {}
 
     static List<Resident> all() {
-        return Arrays.asList(new Resident("spin", Thread.State.RUNNABLE, "qoragent.testing.ZooRun.spin",
-                                          self -> () -> spin(self)),
-                             new Resident("process-wait", Thread.State.WAITING,
-                                          ZooLocks.WAITING + " " + Resident.PARKED, ZooRun::awaitProcess),
-                             deep("deep", 60));
+        return Arrays.asList(
+            new Resident("spin", Thread.State.RUNNABLE, "spin", self -> () -> spin(self)),
+            new Resident("process-wait", Thread.State.WAITING, "wait wait0 park", ZooRun::awaitProcess),
+            deep("deep", 60));
     }
 
     private static void spin(Resident self) {
