@@ -5,10 +5,8 @@
 #include "platforms/linux.h"
 #include "qoragent/requests/channel.h"
 #include "qoragent/worker.h"
-#include "qorsettings.h"
 
 #include <chrono>
-#include <thread>
 
 namespace {
 

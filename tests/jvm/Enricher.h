@@ -5,8 +5,6 @@
 #include "jvmti/JavaClasses.h"
 #include "qorrequest.h"
 
-#include <vector>
-
 struct EnricherAsked {
     EnricherAsked() {
         pagebuf = page.data();

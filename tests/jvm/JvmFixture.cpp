@@ -3,7 +3,6 @@
 #include "Descriptors.h"
 #include "FailingCalls.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 #include "qorutil.h"
 
 #include <array>

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "jvmti/Session.h"
+#include "qorsettings.h"
 
 #include <functional>
 #include <gtest/gtest.h>

@@ -4,8 +4,6 @@
 #include "JvmFixture.h"
 #include "Xtier/tiers/LocalList.h"
 
-#include <string>
-
 // An object of a class ("java/lang/Object") with all fields empty.
 jobject MakeObject(const std::string &klass);
 

@@ -5,9 +5,6 @@
 #include "qorrequest.h"
 #include "wire/decode.h"
 
-#include <string>
-#include <vector>
-
 // The reply of a view of the JVM in a page of `size` bytes. An empty slot is one that the request lacks.
 std::string Ask(uint32_t request, const std::string &slot0 = "", const std::string &slot1 = "",
                 int32_t size = PAGEBUF_SIZE);
@@ -31,5 +28,3 @@ int ExpectTruth(const qorctl::ThreadSample &sample);
 
 // A reply with "|" between fields, a line for each record and "$" at the end of a section.
 std::string Legible(std::string reply);
-
-size_t CountOf(const std::string &text, const std::string &part);

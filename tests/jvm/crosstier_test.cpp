@@ -1,12 +1,16 @@
 // What a thread does in other tiers, from its frames to the rows of the views.
 #include "Enricher.h"
+#include "LogCapture.h"
 #include "RequestHandler/RequestHandler.h"
 #include "TierText.h"
+#include "Xtier/LocalSearch.h"
 #include "Xtier/LocalWalk.h"
+#include "Xtier/LocalWalkTimes.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/threads/ThreadSystem.h"
-#include "qorsettings.h"
+
+#include <numeric>
 
 namespace {
 
@@ -24,10 +28,6 @@ struct CrossTier : SessionTest {
         SessionTest::TearDown();
     }
 };
-
-constexpr char CHURN_RULES[] = "frame web qoragent.testing.Churn$Worker *\n"
-                               "object web Lqoragent/testing/Churn$Worker; read\n"
-                               "url name,Ljava/lang/String;\n";
 
 void UseRules(const std::string &rules) {
     ASSERT_EQ("", SetTiers(rules));
@@ -85,23 +85,6 @@ const qorctl::Frame *FrameworkRow(const qorctl::Thread &thread) {
 }
 
 } // namespace
-
-TEST_F(CrossTier, DatabaseThreadsShowTheirCallInEveryView) {
-    Java("Customers", "start", 3, 200);
-    const qorctl::ThreadSample samples[] = {ActiveThreads(), AllThreads(false), AllThreads(true)};
-    for (const qorctl::ThreadSample &sample : samples)
-        for (int i = 0; i < 3; ++i)
-            ExpectCustomer(Find(sample, "customer-" + std::to_string(i)), i);
-    const std::string key = Find(samples[0], "customer-1")->key.Text();
-    const qorctl::Thread stack = StackOf(key);
-    ExpectCustomer(&stack, 1, false);
-    EXPECT_FALSE(stack.request_url);
-
-    EXPECT_EQ(Ask(QORREQ_DB_XTIER, LocalPort(1)), "customer-1|" + key);
-    for (const char *port : {"1", "0", "none"})
-        EXPECT_EQ(Ask(QORREQ_DB_XTIER, port), "Client Port not found on JVM");
-    EXPECT_EQ(Ask(QORREQ_DB_XTIER), "");
-}
 
 TEST_F(CrossTier, FrameworkFramesShowWhatTheyWorkOn) {
     Java("Tiers", "start");
@@ -179,8 +162,11 @@ TEST_F(CrossTier, LongTextsCostNoRow) {
         for (int i = 0; i < 300; ++i) {
             const qorctl::Thread *thread = Find(sample, "customer-" + std::to_string(i));
             ASSERT_TRUE(thread && thread->db) << i;
-            EXPECT_EQ(thread->db->sql ? thread->db->sql->size() : 60000, 60000u);
-            complete += thread->db->sql.has_value();
+            if (!thread->db->sql)
+                continue;
+            ExpectCustomer(thread, i);
+            EXPECT_EQ(thread->db->sql->size(), 60000u);
+            complete++;
         }
         EXPECT_GE(complete, stacks ? 8 : 14);
     }
@@ -209,17 +195,6 @@ TEST_F(CrossTier, FilesAndServerWorkGoToTheJavaSide) {
     EXPECT_NE(texts.find(",0,1,,orders,orders.war,default,session of /served,"), std::string::npos) << texts;
 }
 
-// Classes of one name in a loader each, which are collected while they are read.
-TEST_F(CrossTier, RulesReadClassesThatComeAndGo) {
-    UseRules(CHURN_RULES);
-    Java("Churn", "classes");
-    for (int seen = 0; seen < 20 || Java<int64_t>("Churn", "count", "collected") < 100;) {
-        const qorctl::ThreadSample sample = AllThreads(false);
-        const qorctl::Thread *thread = Find(sample, "churn-classes");
-        seen += thread && thread->request_url == "/churn";
-    }
-}
-
 // The JVMs on which locals are read while the frames are walked.
 TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
     Java("Tiers", "start");
@@ -239,7 +214,30 @@ TEST_F(CrossTier, ReadsAtOnceWhereItMust) {
     EXPECT_EQ(Ask(QORREQ_DB_XTIER, LocalPort(1)), "customer-1|" + Find(sample, "customer-1")->key.Text());
 }
 
-// While threads start and end and classes are loaded and unloaded.
+int64_t fakeNow = 5000000000, fakeStep; // a clock that goes on by a step at each look
+
+// The budget is looked at each thousandth callback.
+TEST_F(CrossTier, WalksEndWithTheirBudget) {
+    Java("Customers", "start", 1, 100);
+    Java("Zoo", "startMany", 300, 40);
+    Java("Customers", "start", 1, 100);
+    qorLocalWalkClock = [] { return fakeNow += fakeStep; };
+    qorGetLocalObjectsQuotaPct = 10;
+    const std::pair<int64_t, int32_t> ROWS[] = {{200001, 1000}, {1, 0}}; // 0: not ended by time
+    for (const auto &[step, iterations] : ROWS) {
+        fakeStep = step;
+        LogCapture log(LOG_NOTE + 1);
+        const qorctl::ThreadSample sample = AllThreads(false);
+        EXPECT_EQ(gbQorWalkCut, iterations > 0);
+        EXPECT_EQ(log.count(" is up after " + std::to_string(iterations) + " iterations"), iterations > 0)
+            << log.text();
+        const bool isWhole = Find(sample, "customer-0")->db->url && Find(sample, "customer-1")->db->url;
+        EXPECT_NE(isWhole, iterations > 0);
+    }
+}
+
+// While threads start and end and classes of one name are loaded and unloaded. No walk goes on into the heap,
+// which would take the time of a pass over it, and none leaves tags.
 TEST_F(CrossTier, KeepsNothing) {
     const EnricherAsked asked;
     Java("Churn", "threads");
@@ -247,11 +245,17 @@ TEST_F(CrossTier, KeepsNothing) {
     ZooVisit zoo("holder,blocked,reentrant,lock-waiter,lock-holder");
     Java("Tiers", "start");
     Java("Customers", "start", 4, 5000);
-    UseRules(CHURN_RULES);
+    UseRules("frame web qoragent.testing.Churn$Worker *\n"
+             "object web Lqoragent/testing/Churn$Worker; read\nurl name,Ljava/lang/String;\n");
     qorLockInfoLevel = 2;
     const std::string key = Find(AllThreads(false), FRAMEWORKS[0].thread)->key.Text();
-    ::KeepsNothing(200, [&] {
-        AllThreads(false);
+    int64_t read = 0;
+    ::KeepsNothing(60, [&] {
+        const qorctl::ThreadSample sample = AllThreads(false);
+        const QorLocalWalkEnd end = gbQorLocalWalk.outcome.end;
+        EXPECT_TRUE(end != WALK_NOT_ENDED && end != WALK_HEAP_REACHED) << end;
+        const qorctl::Thread *churn = Find(sample, "churn-classes");
+        read += churn && churn->request_url == "/churn";
         AllThreads(true);
         ActiveThreads();
         StackOf(key);
@@ -261,5 +265,11 @@ TEST_F(CrossTier, KeepsNothing) {
         EXPECT_EQ(thread_e2e_info, nullptr);
     });
     ExpectCustomer(Find(AllThreads(true), "customer-3"), 3);
-    EXPECT_GT(Java<int64_t>("Churn", "count", "ended") * Java<int64_t>("Churn", "count", "collected"), 0);
+    EXPECT_GT(read * Java<int64_t>("Churn", "count", "ended") * Java<int64_t>("Churn", "count", "collected"),
+              0);
+    jlong tags[1000];
+    jint count = -1;
+    std::iota(tags, tags + 1000, 1);
+    EXPECT_EQ(gbQorLocalWalk.env->GetObjectsWithTags(1000, tags, &count, nullptr, nullptr), JVMTI_ERROR_NONE);
+    EXPECT_EQ(count, 0);
 }

@@ -4,7 +4,6 @@
 #include "Xtier/enrichment.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/threads/ThreadSystem.h"
-#include "qorsettings.h"
 
 #include <cstring>
 

@@ -7,13 +7,10 @@
 #include "Folder.h"
 #include "LogCapture.h"
 #include "Replies.h"
-#include "jvmti/Session.h"
 #include "qoragent/agent_state.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 #include "wire/request.h"
 
-#include <functional>
 #include <regex>
 #include <unistd.h>
 

@@ -13,14 +13,12 @@
 #include "jvmti/heap/MemorySystem.h"
 #include "platforms/linux.h"
 #include "platforms/memory_headroom.h"
-#include "qorsettings.h"
 #include "wire/memory.h"
 #include "wire/records.h"
 
 #include <atomic>
 #include <csignal>
 #include <fstream>
-#include <thread>
 #include <tuple>
 #include <unistd.h>
 

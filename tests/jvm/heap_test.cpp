@@ -9,7 +9,6 @@
 #include "jvmti/heap/HeapDump.h"
 #include "jvmti/heap/MemorySystem.h"
 #include "platforms/dump_file.h"
-#include "qorsettings.h"
 #include "wire/memory.h"
 #include "wire/records.h"
 

@@ -4,7 +4,6 @@
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/threads/Monitors.h"
 #include "platforms/findsymLinSolHPIA64.h"
-#include "qorsettings.h"
 
 #include <unistd.h>
 

@@ -2,7 +2,6 @@
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/threads/MonitorMemo.h"
 #include "qoragent/shutdown.h"
-#include "qorsettings.h"
 
 #include <jvmti.h>
 

@@ -4,10 +4,8 @@
 #include "RequestHandler/LocalObjects.h"
 #include "RequestHandler/ObjectFields.h"
 #include "RequestHandler/RequestHandler.h"
-#include "Walk.h"
 #include "qorStrUtils.h"
 
-#include <cstring>
 #include <regex>
 #include <sys/resource.h>
 
@@ -50,25 +48,14 @@ struct ObjectViews : SessionTest {
     std::string viewOf(const char *kind) { return viewOf(make(kind)); }
 };
 
-// What a frame's row of the stack view gives the console to ask for its locals.
-int64_t MethodOf(const char *method, const char *thread = "specimen") {
-    Walk walk;
-    EXPECT_TRUE(walk.find(thread));
-    for (walk.frames.index = 0; walk.frames.index < walk.frames.count; walk.frames.index++) {
-        char name[NAME_SIZE] = "";
-        QorGetMethodInfo(&walk.frames, name);
-        if (strcmp(name, method) == 0)
-            return reinterpret_cast<int64_t>(walk.frames.frames[walk.frames.index].method);
-    }
+// What a frame's row gives the console to ask for its locals.
+int64_t MethodOf(const std::string &kind, const char *method) {
+    for (const qorctl::Frame &frame : Find(AllThreads(true), "zoo-" + kind)->stack)
+        if (frame.method == method)
+            return frame.method_id;
     ADD_FAILURE() << "no " << method << " on the stack";
     return 0;
 }
-
-struct Holder {
-    Holder() { Java("Specimens", "startHolder"); }
-    ~Holder() { Java("Specimens", "end"); }
-    int64_t tid() const { return Java<int64_t>("Specimens", "id"); }
-};
 
 // Both frames of hold(), the inner one first.
 constexpr char HELD[] = R"(Method Locals
@@ -142,9 +129,9 @@ TEST_F(ObjectViews, GoUpTheChainWithoutItsTop) {
     const std::string view = viewOf("Leaf");
     for (const char *part :
          {"Private: Int|inLeaf|1\n", "No Information Available", "Protected: Int|inBase|2\n"})
-        EXPECT_EQ(CountOf(view, part), 1u) << part;
-    EXPECT_EQ(CountOf(view, "Object Name :"), 3u);
-    EXPECT_EQ(CountOf(viewOf("forty"), "Object Name :"), 49u) << "no more are shown";
+        EXPECT_EQ(CountOf(view, part), 1) << part;
+    EXPECT_EQ(CountOf(view, "Object Name :"), 3);
+    EXPECT_EQ(CountOf(viewOf("forty"), "Object Name :"), 49) << "no more are shown";
 }
 
 TEST_F(ObjectViews, OfWhatIsNotThereAreEmpty) {
@@ -160,7 +147,7 @@ TEST_F(ObjectViews, CutLongValuesAtACharacter) {
     EXPECT_EQ(bufferOverflowCount, 0) << "no value may pass for a reply that is full";
     for (const std::string &shown : {"ascii|" + std::string(1023, 'x'), "accents|" + std::string(1022, 'x')})
         EXPECT_NE(view.find(shown + "\n"), view.npos);
-    EXPECT_EQ(CountOf(view, " -100000000"), 93u);
+    EXPECT_EQ(CountOf(view, " -100000000"), 93);
 }
 
 TEST_F(ObjectViews, ShowObjectsOfAClassInItsInitialiser) {
@@ -172,25 +159,25 @@ TEST_F(ObjectViews, ShowObjectsOfAClassInItsInitialiser) {
 struct Locals : ObjectViews {};
 
 TEST_F(Locals, AreThoseOfTheFrame) {
-    const Holder holder;
-    const int64_t method = MethodOf("hold");
-    EXPECT_EQ(LocalsView(holder.tid(), method), HELD);
+    Java("Specimens", "startHolder");
+    const int64_t tid = ZooId("specimen"), method = MethodOf("specimen", "hold");
+    EXPECT_EQ(LocalsView(tid, method), HELD);
     EXPECT_EQ(ObjectView(5005).find("Message\nObject Name :Lqoragent/testing/Specimens$Values;$"), 0u);
     gbiQorLocalVariableCounter = FIRST_OBJECT_TAG;
-    EXPECT_EQ(LocalsView(holder.tid(), static_cast<int32_t>(method)), HELD) << "as the stack view shows it";
+    EXPECT_EQ(LocalsView(tid, static_cast<int32_t>(method)), HELD) << "as the stack view shows it";
     const int64_t wrong = method ^ (int64_t{1} << 40);
-    EXPECT_EQ(LocalsView(holder.tid() + 100000, method), "$\n");
-    EXPECT_EQ(LocalsView(holder.tid(), wrong), "$\n") << "whole ids are compared whole";
-    EXPECT_EQ(LocalsView(holder.tid(), MethodOf("park")), "$\n") << "a native frame without references";
+    EXPECT_EQ(LocalsView(tid + 100000, method), "$\n");
+    EXPECT_EQ(LocalsView(tid, wrong), "$\n") << "whole ids are compared whole";
+    EXPECT_EQ(LocalsView(tid, MethodOf("specimen", "park")), "$\n") << "a native frame without references";
     gbiQorLocalVariableCounter = LAST_OBJECT_TAG - 2;
-    EXPECT_NE(LocalsView(holder.tid(), method).find("50004|0|Ljava/lang/Class;"), std::string::npos)
+    EXPECT_NE(LocalsView(tid, method).find("50004|0|Ljava/lang/Class;"), std::string::npos)
         << "no row of numbers is broken";
-    EXPECT_EQ(LocalsView(holder.tid(), method), HELD) << "numbering starts anew";
+    EXPECT_EQ(LocalsView(tid, method), HELD) << "numbering starts anew";
 }
 
 // From JDK 11 on the JVM reports these beside a frame's locals.
 TEST_F(Locals, AreNotTheConstantsOfCompiledCode) {
-    Java("Stage", "enter", "hot", "hot", make("Leaf"), jobject{}, jobject{});
-    const std::string view = LocalsView(ZooId("hot"), MethodOf("hot", "zoo-hot"));
+    Java("Hot", "start", make("Leaf"));
+    const std::string view = LocalsView(ZooId("hot"), MethodOf("hot", "hot"));
     EXPECT_EQ(view.find("Leaf"), view.npos) << view;
 }

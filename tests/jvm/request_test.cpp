@@ -4,12 +4,10 @@
 #include "qoragent/requests/channel.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 
 #include <chrono>
 #include <random>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {

@@ -4,7 +4,6 @@
 #include "ModelObjects.h"
 #include "TierText.h"
 #include "Xtier/tiers/XtierRules.h"
-#include "qorsettings.h"
 
 namespace {
 

@@ -2,8 +2,7 @@
 #include "AgentNatives.h"
 #include "LogCapture.h"
 #include "Replies.h"
-#include "Walk.h"
-#include "qorsettings.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorutil.h"
 #include "reply/records.h"
 
@@ -26,7 +25,6 @@ void Rules(std::string text) {
 
 TEST_F(Sample, AgreesWithWhatTheJvmSays) {
     const std::pair<std::regex, const char *> states[] = {
-        {std::regex("zoo-spin"), "Runnable"},
         {std::regex("zoo-(socket-.*|(file-)?channel-read|select)"), "Network Wait"},
         {std::regex("zoo-file-(read|write)"), "IO Wait"},
         {std::regex("zoo-sleep"), "Sleeping"},
@@ -39,10 +37,13 @@ TEST_F(Sample, AgreesWithWhatTheJvmSays) {
     ZooVisit zoo("");
     const qorctl::ThreadSample sample = AllThreads(true);
     EXPECT_GT(ExpectTruth(sample), 20);
+    const qorctl::ThreadSample active = ActiveThreads();
     qorctl::ThreadSample stacks;
     std::set<int64_t> shown;
+    std::map<std::string, int64_t> counts;
     for (const qorctl::Thread &thread : sample.threads) {
         shown.insert(thread.key.thread);
+        counts[thread.state]++;
         if (thread.name.rfind("zoo-", 0) != 0)
             continue;
         std::string state = "Object Wait";
@@ -50,11 +51,21 @@ TEST_F(Sample, AgreesWithWhatTheJvmSays) {
             if (std::regex_match(thread.name, names))
                 state = expected;
         EXPECT_EQ(thread.state, state) << thread.name;
+        const bool isActive = state != "Object Wait" && state != "Sleeping";
+        EXPECT_EQ(Find(active, thread.name) != nullptr, isActive) << thread.name;
         stacks.threads.push_back(StackOf(thread.key.Text()));
     }
     EXPECT_GT(ExpectTruth(stacks), 20);
     for (const auto &[id, thread] : ThreadTruth()) // "main" was in the truth's call
         EXPECT_TRUE(shown.count(id) || thread.lines.empty() || thread.name == "main") << thread.name;
+    const auto summary = qorctl::DecodeSummary(qorctl::OpenReply(Ask(QORREQ_THREAD_SUMMARY)));
+    const std::pair<int, const char *> FIGURES[] = {{qorctl::THREADS_LOCK, "Lock"},
+                                                    {qorctl::THREADS_NETWORK_WAIT, "Network Wait"},
+                                                    {qorctl::THREADS_IO_WAIT, "IO Wait"},
+                                                    {qorctl::THREADS_SLEEPING, "Sleeping"}};
+    for (const auto &[figure, state] : FIGURES)
+        EXPECT_EQ(*summary.figures[figure], counts[state]) << state;
+    EXPECT_LE(*summary.figures[qorctl::HEAP_PERCENT], 100);
 
     qorLockInfoLevel = 3;
     const qorctl::ThreadSample without = AllThreads(true);
@@ -65,31 +76,20 @@ TEST_F(Sample, AgreesWithWhatTheJvmSays) {
     EXPECT_NE(Ask(QORREQ_POLL_DETAILS).find(std::string(1, STATE_MARK) + "Sleeping"), std::string::npos);
 }
 
-TEST_F(Sample, ShowsActiveThreadsOnly) {
-    ZooVisit zoo("");
-    const auto shows = [](const qorctl::ThreadSample &sample, const char *kind) {
-        return Find(sample, std::string("zoo-") + kind) != nullptr;
-    };
+TEST_F(Sample, RulesAndPollsSayWhoIsShown) {
+    ZooVisit zoo("spin,socket-read,sleep");
     const auto poll = [](const char *word) { return Threads(Ask(QORREQ_POLL_DETAILS, word)); };
-    const qorctl::ThreadSample active = ActiveThreads();
-    for (const char *kind : {"spin", "blocked", "socket-read", "file-read"})
-        EXPECT_TRUE(shows(active, kind)) << kind;
-    for (const char *kind : {"sleep", "park", "wait", "accept", "lock-waiter"})
-        EXPECT_FALSE(shows(active, kind)) << kind;
-
-    // Rules: by the thread's name, by its current call, and by what isn't a user call.
-    Rules("abcd|threadname|zoo-file*\nabcd|currcall|qoragent.testing.ZooRun*\nabcd|systemcall|java.\n"
-          "abcd|systemcall|sun.\nabcd|systemcall|jdk.\n");
+    // By the current call, which is the first one of no system class.
+    Rules("abcd|currcall|qoragent.testing.ZooRun*\nabcd|systemcall|java.\nabcd|systemcall|sun.\n"
+          "abcd|systemcall|jdk.\n");
     const qorctl::ThreadSample ruled = ActiveThreads();
-    EXPECT_FALSE(shows(ruled, "file-read") || shows(ruled, "spin"));
+    EXPECT_FALSE(Find(ruled, "zoo-spin"));
     EXPECT_EQ(Find(ruled, "zoo-socket-read")->call->class_name.rfind("qoragent.testing.", 0), 0u);
-    for (const qorctl::Frame &frame : StackOf(ZooKey("park")).stack)
-        EXPECT_EQ(frame.user, frame.class_name.rfind("qoragent.", 0) == 0) << frame.class_name;
     Rules("");
     // The poll filters in the same way; its word for all threads lifts the filter, as its flag does.
-    EXPECT_TRUE(shows(poll("JVMALLTHREADS"), "sleep") && !shows(poll(""), "sleep"));
+    EXPECT_TRUE(Find(poll("JVMALLTHREADS"), "zoo-sleep") && !Find(poll(""), "zoo-sleep"));
     trace_all_threads = FLAG_TRACE_ALL_THREADS;
-    EXPECT_TRUE(shows(poll(""), "sleep") && !shows(ActiveThreads(), "sleep"));
+    EXPECT_TRUE(Find(poll(""), "zoo-sleep") && !Find(ActiveThreads(), "zoo-sleep"));
 }
 
 TEST_F(Sample, LongStacksLoseTheirMiddle) {
@@ -112,17 +112,20 @@ TEST_F(Sample, LongStacksLoseTheirMiddle) {
         EXPECT_EQ(static_cast<int32_t>(StackOf(ZooKey("deep-" + std::to_string(c.frames))).stack.size()),
                   c.frames);
     }
+    Java("Zoo", "startDeep", 1100);
+    const std::pair<int32_t, int32_t> DEPTHS[] = {{1000, 1000}, {5000, MAX_FRAMES}, {7, 7}};
+    for (const auto &[asked, read] : DEPTHS) {
+        maxStackDepthQueried = asked;
+        EXPECT_EQ(Find(AllThreads(true), "zoo-deep-1100")->stack.back().index + 1, read);
+    }
     for (int32_t recorded : {0, 2000000000, INT32_MIN}) {
         maxStackDepthRecorded = recorded;
         AllThreads(true);
     }
-}
-
-TEST_F(Sample, TracesOneThread) {
-    ZooVisit zoo("sleep");
-    trace_single_thread_details = FLAG_TRACE_SINGLE_THREAD;
-    EXPECT_EQ(Threads(Ask(QORREQ_POLL_DETAILS, "", ZooKey("sleep"))).threads.at(0).name, "zoo-sleep");
-    EXPECT_EQ(Legible(Ask(QORREQ_POLL_DETAILS, "", "1-1")), "Thread Info Details\n$\n");
+    for (const int32_t none : {0, -1}) {
+        maxStackDepthQueried = none;
+        EXPECT_TRUE(AllThreads(true).threads.empty());
+    }
 }
 
 TEST_F(Sample, AFullReplyEndsAfterAWholeRecord) {
@@ -163,21 +166,6 @@ TEST_F(Sample, StacksThatFillTheirRoomSayWhatIsMissing) {
     EXPECT_TRUE(thread.stack_cut && qorReplyIsCut);
 }
 
-TEST_F(Sample, SummaryCountsThreadsByState) {
-    ZooVisit zoo("holder,blocked,socket-read,file-read,sleep");
-    std::map<std::string, int64_t> states;
-    for (const qorctl::Thread &thread : AllThreads(false).threads)
-        states[thread.state]++;
-    const auto summary = qorctl::DecodeSummary(qorctl::OpenReply(Ask(QORREQ_THREAD_SUMMARY)));
-    const std::pair<int, const char *> FIGURES[] = {{qorctl::THREADS_LOCK, "Lock"},
-                                                    {qorctl::THREADS_NETWORK_WAIT, "Network Wait"},
-                                                    {qorctl::THREADS_IO_WAIT, "IO Wait"},
-                                                    {qorctl::THREADS_SLEEPING, "Sleeping"}};
-    for (const auto &[figure, state] : FIGURES)
-        EXPECT_EQ(*summary.figures[figure], states[state]) << state;
-    EXPECT_LE(*summary.figures[qorctl::HEAP_PERCENT], 100);
-}
-
 TEST_F(Sample, ALockLeadsToItsHolder) {
     ZooVisit zoo("holder,blocked,sleep");
     const qorctl::ThreadSample sample = AllThreads(true);
@@ -210,25 +198,9 @@ TEST_F(Sample, ShowsNoMoreThreadsThanItHasRoomFor) {
     EXPECT_EQ(log.count("Thread Count exceeding"), 1);
 }
 
-TEST_F(Sample, StacksAreCutAtTheDepthAskedFor) {
-    Java("Zoo", "startDeep", 1100);
-    const struct { int32_t depth, count; } ROWS[] = {{1000, 1000}, {5000, MAX_FRAMES}, {7, 7}, {0, 0}};
-    for (const auto &row : ROWS) {
-        maxStackDepthQueried = row.depth;
-        Walk walk;
-        ASSERT_TRUE(walk.find("zoo-deep-1100")) << row.depth;
-        EXPECT_EQ(walk.frames.count, row.count) << row.depth;
-    }
-    maxStackDepthQueried = -1;
-    Walk refused;
-    EXPECT_EQ(refused.next(), false);
-    EXPECT_EQ(refused.handle.count, 0);
-}
-
 TEST_F(Sample, NamesCarryNoCharacterOfTheRecordFormat) {
+    ZooVisit zoo("park");
     const std::string many(NAME_SIZE - 11, 'n'); // the last character would be torn
-    Java("Stage", "enter", "three", "a\x1c\x1d\x1e\x1fz" + many + "\xc3\xa9", jobject{}, jobject{},
-         jobject{});
-    Walk walk;
-    EXPECT_TRUE(walk.find("zoo-a    z" + many));
+    Java("Zoo", "rename", "park", "zoo-a\x1c\x1d\x1e\x1fz" + many + "\xc3\xa9");
+    EXPECT_TRUE(Find(AllThreads(false), "zoo-a    z" + many));
 }

@@ -2,18 +2,15 @@
 #include "Descriptors.h"
 #include "Folder.h"
 #include "jvmti/JavaClasses.h"
-#include "jvmti/Session.h"
 #include "qoragent/agent_state.h"
 #include "qoragent/requests/channel.h"
 #include "qorlog.h"
 #include "qorrequest.h"
-#include "qorsettings.h"
 #include "qorutil.h"
 
 #include <atomic>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {

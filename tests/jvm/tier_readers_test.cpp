@@ -6,7 +6,6 @@
 #include "Xtier/tiers/XtierJSP.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
-#include "qorsettings.h"
 
 #include <algorithm>
 

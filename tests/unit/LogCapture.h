@@ -8,6 +8,13 @@
 #include <cstdlib>
 #include <string>
 
+inline int CountOf(const std::string &text, const std::string &part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size()))
+        count++;
+    return count;
+}
+
 class LogCapture {
 public:
     explicit LogCapture(int32_t level) {
@@ -22,13 +29,7 @@ public:
     std::string text() const { return std::string(text_, size_); }
 
     // How often a message, or a part of one, was logged.
-    int count(const std::string &part) const {
-        const std::string all = text();
-        int found = 0;
-        for (size_t at = all.find(part); at != std::string::npos; at = all.find(part, at + part.size()))
-            found++;
-        return found;
-    }
+    int count(const std::string &part) const { return CountOf(text(), part); }
 
 private:
     char *text_ = nullptr;

@@ -3,7 +3,6 @@ package qoragent.testing;
 import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
-import java.lang.reflect.Method;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -74,22 +73,18 @@ public final class HeapShop {
 
     /** Parks `count` virtual threads; 0 where there are none. */
     static long parkVirtual(int count) throws Exception {
-        Method start;
-        try {
-            start = Thread.class.getMethod("startVirtualThread", Runnable.class);
-        } catch (NoSuchMethodException e) {
-            return 0;
-        }
         Runnable park = () -> {
             for (;;)
                 LockSupport.park();
         };
         for (int i = 0; i < count; i++)
-            parked.add((Thread)start.invoke(null, park));
+            parked.add(Hang.startVirtual(park));
+        if (parked.contains(null))
+            return 0;
         for (Thread thread : parked)
             while (thread.getState() != Thread.State.WAITING)
                 Thread.sleep(1);
-        return parked.size();
+        return count;
     }
 
     /** An object whose class has a separate loader, which nothing else holds. */

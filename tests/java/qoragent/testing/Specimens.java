@@ -2,11 +2,10 @@ package qoragent.testing;
 
 import java.util.Arrays;
 
-/** Objects to be looked into, and threads that stand still with known objects in their locals. */
+/** Objects to be looked into, and a thread with known objects in its locals. */
 public final class Specimens {
     private static volatile Resident.Gate gate;
     private static volatile int used;
-    private static Thread thread;
 
     private Specimens() {}
 
@@ -92,8 +91,6 @@ public final class Specimens {
         }
     }
 
-    // ---- threads
-
     private static void hold(int again, String text, int[] numbers, Object[] some, Values values,
                              Class<?> kind) {
         Object nothing = null;
@@ -104,28 +101,14 @@ public final class Specimens {
         used = Arrays.asList(text, numbers, some, values, kind, nothing).hashCode();
     }
 
-    /** Starts a thread that is in hold(), called by itself; returns when it is there. */
+    /** Starts "zoo-specimen", which is in hold(), called by itself. */
     public static void startHolder() throws Exception {
         gate = new Resident.Gate();
         gate.open(Thread.currentThread());
         hold(1, "warm", new int[0], new Object[0], new Values(), Values.class); // resolves what it refers to
-        gate = new Resident.Gate();
-        thread = new Thread(
-            ()
-                -> hold(1, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class),
-            "specimen");
-        thread.setDaemon(true);
-        thread.start();
-        while (thread.getState() != Thread.State.WAITING)
-            Thread.sleep(1);
-    }
-
-    static Thread thread() { return thread; }
-
-    public static long id() { return thread.getId(); }
-
-    public static void end() throws InterruptedException {
-        gate.open(thread);
-        thread.join();
+        Zoo.admit(Resident.parked("specimen", toPass -> {
+            gate = toPass;
+            hold(1, "a text", new int[] {1, 2, 3}, new Object[1], new Values(), Values.class);
+        }));
     }
 }

@@ -10,16 +10,12 @@ public final class Standstill {
 
     public static void main(String[] args) throws Exception {
         HeapShop.fill();
-        Zoo.start(
-            "sleep,park,swapper,wait,holder,blocked,blocked-second,reentrant,lock-holder,lock-waiter,deep,"
-            + "socket-read,socket-read-timeout,socket-write,accept,accept-timeout,"
-            +
-            "channel-read,select,file-read,file-channel-read,file-write,process-wait"); // which keeps the JDK's reaper of children
+        Zoo.start(""); // one of which keeps the JDK's reaper of children
         Zoo.startDeep(400);
         Zoo.startDeep(990);
         Tiers.start();
         Specimens.startHolder();
-        Specimens.thread().setName("specimen-hold");
+        Zoo.rename("specimen", "specimen-hold");
         Obstacles.inInitializer();
         Customers.start(3, 6000);
         System.out.println("port=" + Customers.localPort(1));

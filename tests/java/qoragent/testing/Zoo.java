@@ -9,7 +9,7 @@ import java.util.Map;
 import java.util.Set;
 
 /**
- * Threads that stay in known places, one for each state and call, named "zoo-" and their kind; those of Stage and
+ * Threads that stay in known places, one for each state and call, named "zoo-" and their kind; those of
  * Tiers are among them.
  *
  * All methods are static with plain arguments, so that native tests can call them. start() and its relatives
@@ -22,13 +22,13 @@ public final class Zoo {
 
     private Zoo() {}
 
-    /** Starts all kinds, or those named in a comma-separated list when it isn't empty. */
+    /** Starts all kinds but "spin", or those named in a comma-separated list when it isn't empty. */
     public static synchronized void start(String kinds) throws Exception {
         Set<String> wanted = new HashSet<>(Arrays.asList(kinds.split(",")));
         boolean all = wanted.remove("");
         for (List<Resident> known : Arrays.asList(ZooIo.all(), ZooLocks.all(), ZooRun.all()))
             for (Resident resident : known)
-                if (wanted.remove(resident.kind) || all)
+                if (wanted.remove(resident.kind) || all && !resident.kind.equals("spin"))
                     admit(resident);
         if (!wanted.isEmpty())
             throw new IllegalArgumentException("no such residents: " + wanted);
@@ -62,6 +62,8 @@ public final class Zoo {
 
     /** The thread of a kind. */
     public static synchronized Object thread(String kind) { return residents.get(kind).thread(); }
+
+    public static synchronized void rename(String kind, String name) { ((Thread)thread(kind)).setName(name); }
 
     public static long id(String kind) { return ((Thread)thread(kind)).getId(); }
 
