@@ -81,8 +81,9 @@ public class RelayTest {
             ByteArrayOutputStream all = new ByteArrayOutputStream();
             try {
                 InputStream in = socket.getInputStream();
-                for (int b; (b = in.read()) >= 0;)
-                    all.write(b);
+                byte[] part = new byte[1 << 16];
+                for (int length; (length = in.read(part)) >= 0;)
+                    all.write(part, 0, length);
             } catch (SocketException e) {
                 // closed over bytes that the relay hadn't read
             }
