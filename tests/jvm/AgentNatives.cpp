@@ -97,8 +97,12 @@ void HeldWorker::let() {
     Java("Enricher", "let");
 }
 
+std::string SettingRequest(int value) {
+    return "516|NoProcessing|qorretry|" + std::to_string(value);
+}
+
 std::string Setting(int value) {
-    return Ask("516|NoProcessing|qorretry|" + std::to_string(value));
+    return Ask(SettingRequest(value));
 }
 
 std::string SettingReply(int value) {

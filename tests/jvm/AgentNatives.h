@@ -27,6 +27,7 @@ constexpr char TIMED_OUT[] = "Request TIMED OUT|\t|\t\t||";
 int StartAgent(const StartArguments &arguments);
 
 // Sets a setting of no effect, and what that is answered with.
+std::string SettingRequest(int value);
 std::string Setting(int value);
 std::string SettingReply(int value);
 

@@ -38,7 +38,7 @@ struct Faults : AgentTest {
 
     static void Start() {
         StartArguments arguments;
-        arguments.timeout = 5;
+        arguments.timeout = 15;
         arguments.localsQuota = 100;
         ASSERT_EQ(StartAgent(arguments), START_OK);
         qorDBQuery = 1;
@@ -91,6 +91,14 @@ struct Faults : AgentTest {
         return true;
     }
 
+    // How many new places it met.
+    static int FailPlaces(const Request &request, LogCapture *log) {
+        int places = 0;
+        while (places < 3000 && FailOne(request, log))
+            places++;
+        return places;
+    }
+
     // `prepare`: what the requests need of the session.
     void FailEach(
         const std::vector<Request> &requests, void (*prepare)() = [] {}) {
@@ -106,14 +114,16 @@ struct Faults : AgentTest {
         WrapJni(jvmtijni_env);
         WrapJvmti(jvmti);
         LogCapture log(LOG_WARNING);
-        int places = 0;
+        const Request setting = {SettingRequest(3), {SettingReply(3)}};
+        qor_max_timeout = 2; // what loses a request costs that long
+        int places = FailPlaces(setting, &log);
+        qor_max_timeout = 15;
         for (const Request &request : requests) {
             for (int i = 0; i < 2; i++)
                 ASSERT_EQ(Missing(request, Ask(request.text)), "");
             const int64_t references = GlobalReferences(); // the first look opens files of the JVM's
             const int descriptors = OpenDescriptors();
-            while (places < 3000 && FailOne(request, &log))
-                places++;
+            places += FailPlaces(request, &log);
             EXPECT_LE(OpenDescriptors(), descriptors) << request.text;
             for (int i = 0; i < 100 && GlobalReferences() > references; i++)
                 usleep(50000); // the JVM's own threads come and go
@@ -204,7 +214,7 @@ TEST_P(Dumps, AreWholeOrSaySo) {
     };
     if (!GetParam())
         requests.push_back({"516|showmem|256|a.hprof|7", {"dumped"}, hprof});
-    FailEach(requests, [] { qor_max_timeout = 15; });
+    FailEach(requests);
 }
 
 INSTANTIATE_TEST_SUITE_P(, Dumps, testing::Values(0, 1),

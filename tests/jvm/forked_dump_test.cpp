@@ -168,7 +168,7 @@ TEST_P(BusyHeap, DumpsAreRightAndTheApplicationsChildrenKeepTheirExitCodes) {
 
 TEST_F(ForkedDump, ManyLeaveNothing) {
     int shared = 0;
-    KeepsNothing(10, [&] {
+    KeepsNothing(5, [&] {
         ASSERT_TRUE(IsAnswer(Ask(DUMP)) && IsAnswer(Ask(HISTOGRAM)));
         EXPECT_EQ(Copies(), std::vector<pid_t>());
         const int now = SharedMappings();

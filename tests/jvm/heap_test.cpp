@@ -113,7 +113,7 @@ TEST_F(Heap, WalksLeaveNothing) {
         QorFreeClassCounts(entries, count);
         Java("java/lang/System", "gc"); // newer JVMs free a part of the tags at a collection only
     };
-    KeepsNothing(10, walk);
+    KeepsNothing(5, walk);
     walk(); // not in a local frame of the test
     jlong tag = -1;
     EXPECT_EQ(jvmti->GetTag(shown, &tag), JVMTI_ERROR_NONE);

@@ -95,7 +95,7 @@ TEST_F(Request, ALateReplyIsNobodys) {
         qor_max_timeout = 60;
         qorlocks[1] = 0; // until the next request is posted
         std::string reply;
-        std::thread next = AskAside("516|NoProcessing|qorretry|3", &reply);
+        std::thread next = AskAside(SettingRequest(3), &reply);
         while (qorlocks[1] == 0)
             std::this_thread::yield();
         EXPECT_EQ(qorretry, 0);

@@ -179,7 +179,7 @@ TEST_F(Start, CallersMayBeInsideDuringARestart) {
         callers.emplace_back([&, i] {
             while (!stop) {
                 std::string reply;
-                AskAside("516|NoProcessing|qorretry|" + std::to_string(i), &reply).join();
+                AskAside(SettingRequest(i), &reply).join();
                 const bool right = reply == SettingReply(i);
                 answered += right;
                 wrong += !right && reply != TIMED_OUT && reply != NO_ANSWER;

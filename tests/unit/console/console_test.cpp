@@ -23,7 +23,8 @@ using namespace qorctl;
 
 namespace {
 
-const std::string ENDPOINT = "port=1\ntoken=0123456789abcdef0123456789abcdef\npid=77\nversion=1\nsomething=new\n";
+const std::string ENDPOINT =
+    "port=1\ntoken=0123456789abcdef0123456789abcdef\npid=77\nversion=1\nsomething=new\n";
 
 TEST(Requests, FitTheWire) {
     EXPECT_EQ(RulesRequest("# c\r\nabcd|monitor|x\r\n\r\nabcd|currcall|b"),
