@@ -55,12 +55,6 @@ namespace {
 std::atomic<bool> over;
 std::atomic<int64_t> moments;
 
-void Busy(int milliseconds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    while (std::chrono::steady_clock::now() < end) {
-    }
-}
-
 // As if the calling thread's body were Java code: without a frame anchor, in the state of threads that may be
 // held.
 template <class BODY>
@@ -74,7 +68,11 @@ void AsJava(BODY body) {
 }
 
 void BusyAsJava(int milliseconds) {
-    AsJava([=] { Busy(milliseconds); });
+    AsJava([=] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+        while (std::chrono::steady_clock::now() < end) {
+        }
+    });
 }
 
 void OwnLog() {

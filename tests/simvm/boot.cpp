@@ -42,13 +42,6 @@ Word Allocate(size_t bytes) {
     return next - bytes;
 }
 
-void Release(Word address, size_t bytes) {
-    const Locked held(vm.lock);
-    bytes = (bytes + 15) & ~size_t(15);
-    memset(reinterpret_cast<void *>(address), POISON, bytes);
-    released[bytes].push_back(address);
-}
-
 // Boot: which members lie elsewhere in this build, statics, virtual tables, and the order in which the rest
 // is laid out.
 
@@ -122,6 +115,14 @@ void Boot(const Options &options) {
 
 namespace {
 
+// Poisons it; the next allocation of that size gets it.
+void Release(Word address, size_t bytes) {
+    const Locked held(vm.lock);
+    bytes = (bytes + 15) & ~size_t(15);
+    memset(reinterpret_cast<void *>(address), POISON, bytes);
+    released[bytes].push_back(address);
+}
+
 // The list as memory, from the description; whole at each moment.
 void WriteList() {
     Word next = 0;
@@ -134,14 +135,11 @@ void WriteList() {
 
 ThreadInfo *NewThread(const std::string &name) {
     const Locked held(vm.lock);
-    Object *chars = NewChars(name),
-           *object = New("java/lang/Thread", {{"name", chars}, {"group", vm.threadGroup}});
+    Object *object = New("java/lang/Thread", {{"name", NewChars(name)}});
     auto *thread = new ThreadInfo{name, Allocate(sizeof(JavaThread)), Allocate(sizeof(OSThread)), object};
-    thread->objects = {object, chars};
     Set(object, "eetop", thread->address);
     memset(&As<char>(thread->address), 0, sizeof(JavaThread));
     thread->Java().osThread = thread->osThread;
-    thread->Java().threadObj = object->address;
     SetStates(thread, IN_VM, OS_INITIALIZED);
     EnvOf(thread);
     return thread;
@@ -157,7 +155,7 @@ void LinkThread(ThreadInfo *thread) {
     thread->kernelId = gettid();
     thread->Os().kernelId = thread->kernelId;
     thread->Os().pthreadId = Word(pthread_self());
-    thread->Java().threadObj = thread->object->address; // it may have moved meanwhile
+    thread->Java().threadObj = thread->object->address;
     vm.threads.insert(vm.threads.begin(), thread);
     WriteList();
 }
@@ -177,8 +175,8 @@ void UnlinkThread(ThreadInfo *thread) {
 }
 
 void FreeThread(ThreadInfo *thread) {
-    for (Object *object : thread->objects)
-        Forget(object);
+    Forget(Get(thread->object, "name").object);
+    Forget(thread->object);
     Release(thread->address, sizeof(JavaThread));
     Release(thread->osThread, sizeof(OSThread));
     delete thread;

@@ -5,7 +5,7 @@ namespace simvm {
 
 namespace {
 
-constexpr int32_t POOL_ENTRIES = 96; // of a class, room for the methods that come later
+constexpr int32_t POOL_ENTRIES = 256; // of a class, room for the methods that come later
 
 Word NewVmObject(VtableKind kind, int64_t bytes) {
     Word oop = AllocateObject(&vm.perm, bytes);
@@ -95,15 +95,14 @@ Word WriteConstMethod(const MethodInfo &method) {
 
 void LayOutClass(Class *owner) {
     owner->bytes = owner->super ? owner->super->bytes : int32_t(sizeof(Oop));
-    owner->poolRoom = POOL_ENTRIES + 2 * owner->fields.size();
     PlaceFields(owner);
     const bool isReference = owner->name.find("java/lang/ref/") == 0;
     const Word klass = TakeKlass(
         owner, NewKlass(isReference ? VT_instanceRef : VT_instance, VT_instanceKlass, owner->fields.size()),
         owner->bytes / 8);
-    owner->pool = NewVmObject(VT_constantPool, sizeof(ConstantPool) + 8 * owner->poolRoom);
+    owner->pool = NewVmObject(VT_constantPool, sizeof(ConstantPool) + 8 * POOL_ENTRIES);
     As<ConstantPool>(owner->pool).holder = klass;
-    As<ConstantPool>(owner->pool).length = owner->poolRoom;
+    As<ConstantPool>(owner->pool).length = POOL_ENTRIES;
     At(klass, &Klass::constants) = owner->pool;
     At(klass, &Klass::sourceFile) = Intern(owner->source);
     WriteFields(owner);
@@ -204,9 +203,8 @@ void DefineVmClasses() {
     for (auto &[name, owner] : vm.classes)
         AddMirror(&owner);
     for (const char *line :
-         {"java/lang/String value,[C offset,I count,I hash,I",
-          "java/lang/ThreadGroup parent,Ljava/lang/ThreadGroup; name,Ljava/lang/String;",
-          "java/lang/Thread name,[C group,Ljava/lang/ThreadGroup; eetop,J priority,I",
+         {"java/lang/String value,[C offset,I count,I hash,I", "java/lang/ThreadGroup",
+          "java/lang/Thread name,[C eetop,J",
           "java/util/Hashtable$Entry hash,I key,Ljava/lang/Object; value,Ljava/lang/Object; "
           "next,Ljava/util/Hashtable$Entry;",
           "java/util/Hashtable table,[Ljava/util/Hashtable$Entry; count,I",
@@ -215,17 +213,17 @@ void DefineVmClasses() {
           "next,Ljava/util/HashMap$Entry;",
           "java/util/HashMap table,[Ljava/util/HashMap$Entry; size,I"})
         DefineClass(line);
-    vm.threadGroup =
-        New("java/lang/ThreadGroup", {{"name", NewString("main", vm.old.letter)}}, vm.old.letter);
+    vm.threadGroup = New("java/lang/ThreadGroup", {}, vm.old.letter);
 }
 
 // Objects and their values: each is described first and then written.
 
 namespace {
 
-Object *Describe(Word address, Class *type, int64_t bytes, size_t values, char space) {
+Object *Describe(Class *type, int64_t bytes, size_t values, char space) {
+    const Word address = AllocateObject(&SpaceOf(space), bytes);
     As<Oop>(address) = {UNMARKED, type->klass};
-    vm.objects.push_back({address, type->klass, bytes, space, type, std::vector<Value>(values)});
+    vm.objects.push_back({address, bytes, space, type, std::vector<Value>(values)});
     return &vm.objects.back();
 }
 
@@ -310,8 +308,7 @@ void Forget(const Object *object) {
 Object *New(const std::string &className, const Fields &fields, char space) {
     const Locked held(vm.lock);
     Class *type = DefineClass(className);
-    Object *object = Describe(AllocateObject(&SpaceOf(space), type->bytes), type, type->bytes,
-                              FieldsOf(type).size(), space);
+    Object *object = Describe(type, type->bytes, FieldsOf(type).size(), space);
     for (auto &[name, value] : fields)
         Set(object, name, value);
     return object;
@@ -322,7 +319,7 @@ Object *NewArray(const std::string &signature, const std::vector<Value> &element
     Class *type = ArrayClass(signature);
     const size_t length = elements.size();
     const int64_t bytes = (sizeof(JavaArray) + length * SizeOf(signature.substr(1)) + 7) & ~size_t(7);
-    Object *array = Describe(AllocateObject(&SpaceOf(space), bytes), type, bytes, length, space);
+    Object *array = Describe(type, bytes, length, space);
     As<JavaArray>(array->address).length = length;
     for (size_t i = 0; i < length; i++)
         SetElement(array, i, elements[i]);

@@ -56,6 +56,15 @@ void LayOutGenerations() {
     vm.survivors = places + 1;
 }
 
+uint32_t &SizeAt(const HeapSpace &space, Word oop) {
+    return As<uint32_t>(space.sizes + (oop - space.bottom) / 2);
+}
+
+void WriteChunk(Word at, Word words) {
+    As<Word>(at + 8) = 1; // an odd link where an object has its klass
+    As<Word>(at + 16) = words;
+}
+
 // One byte; what follows is another variable's.
 Word Flag(bool value) {
     return (POISON_WORD & ~Word(255)) | value;
@@ -109,15 +118,6 @@ int64_t WordsOf(Word oop) {
         if (oop >= space->bottom && oop < space->end)
             return SizeAt(*space, oop);
     return 0;
-}
-
-uint32_t &SizeAt(const HeapSpace &space, Word oop) {
-    return As<uint32_t>(space.sizes + (oop - space.bottom) / 2);
-}
-
-void WriteChunk(Word at, Word words) {
-    As<Word>(at + 8) = 1; // an odd link where an object has its klass
-    As<Word>(at + 16) = words;
 }
 
 void SetTop(HeapSpace *space, Word top) {

@@ -11,12 +11,6 @@ constexpr char SYSTEM[] = "JVM Load\x1e"
                           "42\x1f";
 constexpr char TIMING[] = "Time spent in JVM for processing request\x1e";
 
-std::string ShownName(const ThreadInfo &thread) {
-    std::string name = thread.name;
-    std::replace(name.begin(), name.end(), '|', ' ');
-    return name;
-}
-
 bool silent;
 
 std::string Answer(const JavaCall &call) {

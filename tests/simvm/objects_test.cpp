@@ -121,7 +121,7 @@ TEST_P(DirectObjects, AreShownFieldByField) {
             for (const char *name : {"all", "C", "objects", "texts"})
                 EXPECT_EQ(Legible(ViewOf(scene.named[name])), shown.at(name)) << name;
         const Object *all = scene.named["all"];
-        EXPECT_EQ(Legible(AskFor(Hex(all->klass), "1")), shown.at("class of all"));
+        EXPECT_EQ(Legible(AskFor(Hex(all->type->klass), "1")), shown.at("class of all"));
         std::string midst;
         Collect([&] { midst = AskFor(Hex(all->address), "0"); });
         EXPECT_EQ(midst, "Unable to complete Request GC running\x1f");
@@ -164,14 +164,6 @@ TEST(DirectTexts, AreCutBetweenCharacters) {
     });
 }
 
-// What `qorctl locals` sends for a row of a stack: kind, fp, pc, sp and method.
-std::string AskLocals(const std::vector<std::string> &place) {
-    std::string request = "521|showstack|4096|ARG=x";
-    for (size_t i = 0; i < place.size(); i++)
-        request += "," + std::to_string(i) + "=" + place[i];
-    return Untimed(Ask(request));
-}
-
 TEST(DirectLocals, EqualWhatTheirFramesHold) {
     WithScene("readers", {}, [](Scene &scene) {
         auto shown = AllShown();
@@ -181,10 +173,9 @@ TEST(DirectLocals, EqualWhatTheirFramesHold) {
             for (const std::vector<std::string> &fields : Records(stack.substr(stack.find("Call Stack")))) {
                 if (fields.size() != 9)
                     continue;
-                const std::vector<std::string> place(fields.begin() + 1, fields.begin() + 6);
                 const std::string name = runner->info->name + " " + std::to_string(frames++);
                 if (shown.count(name)) {
-                    EXPECT_EQ(Legible(AskLocals(place)), shown.at(name)) << name;
+                    EXPECT_EQ(Legible(Untimed(AskLocals(fields, 1))), shown.at(name)) << name;
                 }
             }
             EXPECT_EQ(frames, ShadowStack(*runner->script).size());

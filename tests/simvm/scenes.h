@@ -178,6 +178,7 @@ struct Shown {
 
 Shown Truth(const Runner &runner);
 std::string FrameText(const Scope &scope);
+std::string ShownName(const ThreadInfo &thread);
 
 // A dump file of the direct road in lines that can be compared.
 //   ADDRESS LINE                     of an object and of what it refers to: its address and the file's line

@@ -18,18 +18,13 @@ void ExpectName(const AgentStart &start, const std::string &name) {
 } // namespace
 
 TEST(ServerPort, IsFoundByTheServersOwnObjects) {
-    WithScene("servers", {}, [](Scene &) {
+    WithScene("servers", {}, [](Scene &scene) {
         ExpectName({"QVS", ""}, "20001");
         ExpectName({"Ferrule", "x"}, "20002");
         ExpectName({"SAP", "x"}, "20003");
         for (const char *server : {"", "Resin", "QVS"}) // what QVS was given is kept
             ExpectName({server, "given"}, "given");
-    });
-}
-
-TEST(ServerPort, IsWaitedForWhereTheServerStartsAfterTheAgent) {
-    WithScene("servers", {}, [](Scene &scene) {
-        std::thread starter([&] {
+        std::thread starter([&] { // a server that starts after the agent
             while (!serverAwaited)
                 usleep(1000);
             ReadScene(&scene, R"(

@@ -32,8 +32,6 @@ constexpr Word POISON_WORD = 0x5b5b5b5b5b5b5b5b; // odd, not null and no address
 
 // Poisoned memory of the VM's own, 16-aligned.
 Word Allocate(size_t bytes);
-// Poisons it; the next allocation of that size gets it.
-void Release(Word address, size_t bytes);
 // A mapping of its own, poisoned or untouched; with protection bits beyond reading and writing.
 Word Map(size_t bytes, bool poison, int protection = 0);
 
@@ -110,7 +108,7 @@ struct Class {
     std::vector<Field> fields; // its own
     Word klass, pool;
     int32_t bytes; // of an instance
-    int32_t poolUsed = 1, poolRoom;
+    int32_t poolUsed = 1;
     std::string source = {}; // file
 };
 struct MethodLine {
@@ -128,7 +126,6 @@ struct MethodInfo {
 std::vector<std::string> ArgumentsOf(const MethodInfo &method);
 struct Object {
     Word address = 0; // follows the object when it moves; a JNI reference is where this word is
-    Word klass = 0;
     int64_t bytes = 0;
     char space = 0;
     Class *type = nullptr;          // null: its values aren't described
@@ -153,7 +150,6 @@ struct ThreadInfo {
     Object *object; // java.lang.Thread
     int32_t kernelId = 0;
     bool exceptionPending = false;
-    std::vector<Object *> objects = {}; // that die with it
 
     JavaThread &Java() const { return As<JavaThread>(address); }
     OSThread &Os() const { return As<OSThread>(osThread); }
@@ -309,8 +305,6 @@ Word RecordBase();
 // ------------------------------------------------------------------------------------------------
 
 Word FreeAbove(const HeapSpace &space); // words of the chunk above top; a smaller rest is none
-uint32_t &SizeAt(const HeapSpace &space, Word oop);
-void WriteChunk(Word at, Word words);
 void SetCollections(const CollectionFigures &figures);
 
 } // namespace simvm

@@ -15,8 +15,7 @@ void ExpectLocalsOfRows(const std::string &reply, size_t most) {
     for (const std::vector<std::string> &field : Records(reply)) {
         if (field.size() != 8 || most-- == 0)
             continue;
-        const std::string locals = Ask("521|showstack|4096|ARG=x,0=" + field[3] + ",1=" + field[4] +
-                                       ",2=" + field[5] + ",3=" + field[6] + ",4=" + field[7]);
+        const std::string locals = AskLocals(field, 3);
         if (locals.find("Frame\x1e") == 0)
             EXPECT_EQ(locals.find(field[0] + "\x1f"), 6u) << locals;
         else

@@ -19,9 +19,14 @@ std::string FrameText(const Scope &scope) {
                                          : method.holder->source + " " + std::to_string(LineOf(scope)));
 }
 
+std::string ShownName(const ThreadInfo &thread) {
+    std::string name = thread.name;
+    std::replace(name.begin(), name.end(), '|', ' ');
+    return name;
+}
+
 Shown Truth(const Runner &runner) {
-    Shown shown = {runner.info->name, runner.script->state, {}, "", {}};
-    std::replace(shown.name.begin(), shown.name.end(), '|', ' ');
+    Shown shown = {ShownName(*runner.info), runner.script->state, {}, "", {}};
     for (const Scope &scope : ShadowStack(*runner.script)) {
         const bool waits = runner.script->rest == Rest::MONITOR && shown.frames.empty();
         for (Object *object : scope.monitors)
@@ -120,7 +125,7 @@ void AddObjects(HeapDump *out) {
 }
 
 void AddFrames(const Runner &runner, HeapDump *out) {
-    const auto add = [&, start = FRAME + Truth(runner).name](const char *name, Word address) {
+    const auto add = [&, start = FRAME + ShownName(*runner.info)](const char *name, Word address) {
         out->lines.insert(start + name + Address(address));
     };
     for (const Frame &frame : runner.script->frames)

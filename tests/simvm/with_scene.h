@@ -68,6 +68,14 @@ inline bool Loops(const Runner &runner) {
     return Loops(runner.script->rest);
 }
 
+// What `qorctl locals` sends for a row of a stack: kind, fp, pc, sp and method, which begin at that field.
+inline std::string AskLocals(const std::vector<std::string> &row, size_t from) {
+    std::string request = "521|showstack|4096|ARG=x";
+    for (size_t i = 0; i < 5; i++)
+        request += "," + std::to_string(i) + "=" + row[from + i];
+    return Ask(request);
+}
+
 // A poll with stacks, by key.
 inline std::map<std::string, Shown> ReadPoll(const std::string &reply) {
     std::map<std::string, Shown> threads;
