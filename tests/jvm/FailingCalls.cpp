@@ -33,7 +33,7 @@ Shared *Share() {
 }
 
 Shared *const shared = Share();
-std::atomic<int64_t> blocks, complaints;
+std::atomic<int64_t> blocks, complaints, references;
 
 // True when the place was new to the table.
 bool Note(uintptr_t place) {
@@ -182,6 +182,17 @@ Word Jni(WORDS) {
     return FAILURE;
 }
 
+Word NewCountedRef(WORDS) {
+    const Word made = Jni<&JNINativeInterface_::NewGlobalRef, 0>(a, b, c, d, e, f);
+    references += made != 0;
+    return made;
+}
+
+void JNICALL DeleteCountedRef(JNIEnv *env, jobject reference) {
+    references -= reference != nullptr;
+    realJni.DeleteGlobalRef(env, reference);
+}
+
 template <Word FAILURE, auto... Entries>
 void FailJni() {
     ((reinterpret_cast<Call &>(failingJni.*Entries) = Jni<Entries, FAILURE>), ...);
@@ -204,10 +215,11 @@ void WrapJni(JNIEnv *env) {
         return;
     failingJni = realJni = *env->functions;
     FailJni<0, &T::FindClass, &T::GetMethodID, &T::GetStaticMethodID, &T::GetFieldID, &T::GetStaticFieldID,
-            &T::NewStringUTF, &T::GetStringUTFChars, &T::NewGlobalRef, &T::NewLocalRef, &T::NewObjectV,
-            &T::NewObjectArray, &T::NewLongArray, &T::NewByteArray, &T::CallObjectMethodV,
-            &T::CallStaticObjectMethodV>();
+            &T::NewStringUTF, &T::GetStringUTFChars, &T::NewLocalRef, &T::NewObjectV, &T::NewObjectArray,
+            &T::NewLongArray, &T::NewByteArray, &T::CallObjectMethodV, &T::CallStaticObjectMethodV>();
     FailJni<JNI_ENOMEM, &T::PushLocalFrame>();
+    reinterpret_cast<Call &>(failingJni.NewGlobalRef) = NewCountedRef;
+    failingJni.DeleteGlobalRef = DeleteCountedRef;
     env->functions = &failingJni;
 }
 
@@ -229,6 +241,10 @@ std::string DisarmFailingCall() {
 
 int64_t Complaints() {
     return complaints;
+}
+
+int64_t GlobalReferences() {
+    return references;
 }
 
 int64_t AllocatedBlocks() {

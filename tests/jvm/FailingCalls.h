@@ -19,6 +19,9 @@ int64_t Complaints();
 // Blocks that the agent has allocated and not freed.
 int64_t AllocatedBlocks();
 
-// Put the failing calls into an environment's table. A null JNIEnv is ignored.
+// Global references that environments with failing calls have made and not deleted.
+int64_t GlobalReferences();
+
+// Put the failing calls into an environment's table. Null is ignored.
 void WrapJvmti(jvmtiEnv *env);
 void WrapJni(JNIEnv *env);
