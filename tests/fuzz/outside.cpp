@@ -23,12 +23,11 @@ public:
     template <class T>
     T Next() {
         T value = 0;
-        const size_t size = std::min(sizeof value, Left());
+        const size_t size = std::min(sizeof value, static_cast<size_t>(end_ - at_));
         memcpy(&value, at_, size);
         at_ += size;
         return value;
     }
-    size_t Left() const { return static_cast<size_t>(end_ - at_); }
 
 private:
     const uint8_t *at_, *end_;

@@ -22,7 +22,7 @@ Word Map(size_t bytes, bool poison, int protection) {
                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (poison)
         memset(at, POISON, bytes);
-    return reinterpret_cast<Word>(at);
+    return Word(at);
 }
 
 Word Allocate(size_t bytes) {
@@ -92,7 +92,7 @@ void FillVtables() {
 } // namespace
 
 Word HeadOf(VtableKind kind) {
-    return reinterpret_cast<Word>(vm.statics.vtables[kind]) + VTABLE_HEAD;
+    return Word(vm.statics.vtables[kind]) + VTABLE_HEAD;
 }
 
 void Boot(const Options &options) {

@@ -19,31 +19,29 @@ SpaceUse UseOf(const HeapSpace &space, const char *name, int64_t planned) {
 
 } // namespace
 
-std::unordered_map<Word, char> KindLetters() {
+void VisitObjects(const HeapSpace &space, const ObjectVisit &visit) {
     std::unordered_map<Word, char> letters;
     for (int kind = 0; kind < VTABLE_COUNT; kind++)
-        if (KIND_LETTERS[kind])
-            letters[vm.kindKlass[kind]] = KIND_LETTERS[kind];
+        letters[vm.kindKlass[kind]] = KIND_LETTERS[kind];
     for (const auto &[name, type] : vm.classes)
         letters[type.klass] = name[0] == '[' ? '[' : '8';
-    return letters;
+    for (Word at = space.bottom; at < space.top; at += 8)
+        if (const int64_t words = WordsOf(at))
+            visit(at, As<Oop>(at).klass, letters.at(As<Oop>(at).klass), 8 * words);
 }
 
 Census CensusOf(const HeapSpace &space) {
     const Locked held(vm.lock);
-    const std::unordered_map<Word, char> letters = KindLetters();
     std::unordered_map<Word, const std::string *> names;
     Census census;
     for (const auto &[name, type] : vm.classes)
         names[type.klass] = &name;
-    for (Word at = space.bottom; at < space.top; at += 8)
-        if (const int64_t bytes = 8 * WordsOf(at)) {
-            const Word klass = As<Oop>(at).klass;
-            census.all += {1, bytes};
-            census.types[letters.at(klass)] += {1, bytes};
-            if (const auto name = names.find(klass); name != names.end())
-                census.classes[*name->second] += {1, bytes};
-        }
+    VisitObjects(space, [&](Word, Word klass, char letter, int64_t bytes) {
+        census.all += {1, bytes};
+        census.types[letter] += {1, bytes};
+        if (const auto name = names.find(klass); name != names.end())
+            census.classes[*name->second] += {1, bytes};
+    });
     return census;
 }
 

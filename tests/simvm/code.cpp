@@ -94,6 +94,10 @@ void Return(Assembler *a, int words, int link) {
     a->Emit("c3");
 }
 
+Body Calling(Word target) {
+    return [=](Assembler *a) { a->Emit(CALL, target); };
+}
+
 // An oop map that says where a stub has spilled the frame pointer, after another register.
 Word OopMapOf(int link) {
     constexpr int CALLEE_SAVED = 8, OTHER_REGISTER = 19;
@@ -132,7 +136,7 @@ Word EmitStub(VtableKind kind, int words, const Body &body) {
 Word EmitI2C(Word target) {
     constexpr int WORDS = 4, LINK = 1;
     if (vm.options.isClient)
-        return EmitStub(VT_I2CAdapter, WORDS, [&](Assembler *a) { a->Emit(CALL, target); });
+        return EmitStub(VT_I2CAdapter, WORDS, Calling(target));
     Assembler a;
     a.Emit("4889e0 4883e4f0 50"); // mov rax, rsp; and rsp, -16; push rax
     a.Emit(SUB_RSP, 8 * (WORDS - 1));
@@ -323,11 +327,9 @@ Word EmitResting(Script *script) {
         return EmitCallingOut(scope, rest, 0, frame.kind == FrameKind::NATIVE ? IN_NATIVE : IN_VM);
     if (script->rest == Rest::SPIN && frame.scopes.size() == 1 && CompiledSlots(scope) == 0)
         return EmitLeaf(scope, true);
-    const Word callee =
-        script->rest == Rest::SPIN ? 0
-        : script->rest == Rest::CALLS
-            ? EmitCompiled({scope}, [&](Assembler *a) { a->Emit(CALL, EmitLeaf(scope, false)); })
-            : EmitRuntimeStub(rest, 0);
+    const Word callee = script->rest == Rest::SPIN    ? 0
+                        : script->rest == Rest::CALLS ? EmitCompiled({scope}, Calling(EmitLeaf(scope, false)))
+                                                      : EmitRuntimeStub(rest, 0);
     return EmitCompiled(frame.scopes, [&](Assembler *a) {
         Loops(script->rest) ? EmitLoop(a, callee) : a->Emit(CALL, callee);
     });
@@ -339,16 +341,15 @@ Word Reach(FrameKind caller, FrameKind callee, Word entry) {
         return EmitOsrAdapter(entry);
     if (IsCompiled(caller) == IsCompiled(callee))
         return entry;
-    return IsCompiled(callee) ? EmitI2C(entry)
-                              : EmitStub(VT_C2IAdapter, 6, [&](Assembler *a) { a->Emit(CALL, entry); });
+    return IsCompiled(callee) ? EmitI2C(entry) : EmitStub(VT_C2IAdapter, 6, Calling(entry));
 }
 
 Word EmitCaller(const Frame &frame, FrameKind callee, Word entry) {
     if (frame.kind == FrameKind::NATIVE)
         return EmitCallingOut(frame.scopes[0], reinterpret_cast<void (*)()>(&SimvmEnter), entry, IN_NATIVE);
     const Word target = Reach(frame.kind, callee, entry);
-    const auto call = [&](Assembler *a) { a->Emit(CALL, target); };
-    return IsCompiled(frame.kind) ? EmitCompiled(frame.scopes, call) : EmitInterpreted(frame.scopes[0], call);
+    return IsCompiled(frame.kind) ? EmitCompiled(frame.scopes, Calling(target))
+                                  : EmitInterpreted(frame.scopes[0], Calling(target));
 }
 
 } // namespace

@@ -109,11 +109,6 @@ void FillArrays() {
 
 // ---- methods
 
-template <class T>
-Word Reference(T *to) {
-    return reinterpret_cast<Word>(to);
-}
-
 Word Enumerate(va_list arguments) {
     const Locked held(vm.lock);
     std::vector<Value> &into = va_arg(arguments, Object *)->values;
@@ -129,18 +124,18 @@ Word CallJavaSide(va_list arguments) {
     call.texts = va_arg(arguments, Object *);
     call.count = va_arg(arguments, jint);
     call.withSystem = va_arg(arguments, jint);
-    return Reference(Beside(0, javaSide(call)));
+    return Word(Beside(0, javaSide(call)));
 }
 
 const std::map<std::string, Method> METHODS = {
-    {"currentThread()Ljava/lang/Thread;", [](va_list) { return Reference(caller->object); }},
-    {"getThreadGroup()Ljava/lang/ThreadGroup;", [](va_list) { return Reference(vm.threadGroup); }},
+    {"currentThread()Ljava/lang/Thread;", [](va_list) { return Word(caller->object); }},
+    {"getThreadGroup()Ljava/lang/ThreadGroup;", [](va_list) { return Word(vm.threadGroup); }},
     {"getParent()Ljava/lang/ThreadGroup;", [](va_list) { return Word(0); }},
     {"activeCount()I", [](va_list) { return Word(vm.threads.size()); }},
     {"enumerate([Ljava/lang/Thread;)I", Enumerate},
     {"cjavacalls([Ljava/lang/Object;[J[Ljava/lang/String;III)Ljava/lang/String;", CallJavaSide},
     {"<init>([BI)V", // of String: long replies go over as bytes
-     [](va_list arguments) { return Reference(Beside(0, va_arg(arguments, Object *)->text)); }}};
+     [](va_list arguments) { return Word(Beside(0, va_arg(arguments, Object *)->text)); }}};
 
 void FillClasses() {
     const auto call = [](auto *, Method method, va_list arguments) { return method(arguments); };
@@ -194,7 +189,7 @@ JNIEnv *EnvOf(ThreadInfo *thread) {
     if (!table.GetVersion)
         FillTables();
     Word &slot = thread->Java().jniEnv;
-    slot = reinterpret_cast<Word>(&table);
+    slot = Word(&table);
     return reinterpret_cast<JNIEnv *>(&slot);
 }
 

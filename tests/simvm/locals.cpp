@@ -31,8 +31,8 @@ std::vector<Slot> SlotsOf(const Scope &scope) {
 
 Word BitsOf(const Slot &slot) {
     Word bits = 0;
-    WriteValue(reinterpret_cast<Word>(&bits),
-               slot.type == 'F' || slot.type == 'D' ? std::string(1, slot.type) : "J", slot.value);
+    WriteValue(Word(&bits), slot.type == 'F' || slot.type == 'D' ? std::string(1, slot.type) : "J",
+               slot.value);
     return bits;
 }
 

@@ -98,18 +98,9 @@ std::string Legible(std::string view) {
     return out + rest;
 }
 
-std::string FlagOf(const Object *object) {
-    const std::string &own = object->type->name;
-    return own[0] != '[' ? "0" : own == "[Ljava/lang/String;" ? "-8" : "-2";
-}
-
 std::string AskFor(const std::string &address, const std::string &flag) {
     return Untimed(Ask("525|showstack|1024|ARG=x,0=" + address + ",1=" + flag));
 }
-std::string ViewOf(const Object *object) {
-    return AskFor(Hex(object->address), FlagOf(object));
-}
-
 class DirectObjects : public testing::TestWithParam<const char *> {};
 
 } // namespace
@@ -118,8 +109,9 @@ TEST_P(DirectObjects, AreShownFieldByField) {
     WithScene("readers", On(GetParam()), [](Scene &scene) {
         const auto shown = AllShown();
         for (int turn = 0; turn < 2; turn++, Collect())
-            for (const char *name : {"all", "C", "objects", "texts"})
-                EXPECT_EQ(Legible(ViewOf(scene.named[name])), shown.at(name)) << name;
+            for (const auto &[name, flag] :
+                 Texts{{"all", "0"}, {"C", "-2"}, {"objects", "-2"}, {"texts", "-8"}})
+                EXPECT_EQ(Legible(AskFor(Hex(scene.named[name]->address), flag)), shown.at(name)) << name;
         const Object *all = scene.named["all"];
         EXPECT_EQ(Legible(AskFor(Hex(all->type->klass), "1")), shown.at("class of all"));
         std::string midst;

@@ -23,7 +23,7 @@ void BackToJava(Runner *runner) {
     }
 }
 void OutOfJava(Runner *runner) {
-    runner->stackLow = reinterpret_cast<Word>(__builtin_frame_address(0));
+    runner->stackLow = Word(__builtin_frame_address(0));
     runner->inJava = false;
 }
 
@@ -47,7 +47,7 @@ void EnterJava(Runner *runner, Word entry) {
 
 void RunScript(Runner *runner) {
     current = runner;
-    runner->stackHigh = reinterpret_cast<Word>(__builtin_frame_address(0));
+    runner->stackHigh = Word(__builtin_frame_address(0));
     OutOfJava(runner);
     safepointLock.lock();
     runners.push_back(runner);

@@ -281,14 +281,16 @@ struct Count {
 };
 struct Census {
     Count all;
-    // By the second character of an object's record: 1 symbol, 2 method, F constMethod, 3 pool, 4 pool cache,
-    // 8 instance, [ array, * compiledICHolder, H methodData; klasses: A of the VM's own, B of instances, C,
-    // D, E of arrays.
+    // By the second character of an object's record, its letter: 1 symbol, 2 method, F constMethod, 3 pool, 4
+    // pool cache, 8 instance, [ array, * compiledICHolder, H methodData; klasses: A of the VM's own, B of
+    // instances, C, D, E of arrays.
     std::map<char, Count> types;
     std::map<std::string, Count> classes; // of instances and arrays, with slashes
 };
 Census CensusOf(const HeapSpace &space);
-std::unordered_map<Word, char> KindLetters(); // those letters by an object's klass
+// Calls it for each object.
+using ObjectVisit = std::function<void(Word at, Word klass, char letter, int64_t bytes)>;
+void VisitObjects(const HeapSpace &space, const ObjectVisit &visit);
 
 struct SpaceUse {
     const HeapSpace *space;

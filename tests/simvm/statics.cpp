@@ -40,7 +40,7 @@ int64_t OopSize(Word, Word oop) {
 
 template <int... KIND>
 void TakeOwn(Word *out, std::integer_sequence<int, KIND...>) {
-    ((out[KIND] = reinterpret_cast<Word>(&IsOwn<KIND>)), ...);
+    ((out[KIND] = Word(&IsOwn<KIND>)), ...);
 }
 
 } // namespace
@@ -50,8 +50,8 @@ extern "C" __attribute__((visibility("default"))) void simvm_statics(Statics *ou
 #define STATIC(member, ...) (out->member = member)[0] = 0;
 #define KIND(name, ...) out->vtables[VT_##name] = name##_table;
 #include "library_names.h"
-    out->isOther = reinterpret_cast<Word>(&IsOther);
+    out->isOther = Word(&IsOther);
     TakeOwn(out->isOwn, std::make_integer_sequence<int, VTABLE_COUNT>());
-    out->oopSize = reinterpret_cast<Word>(&OopSize);
+    out->oopSize = Word(&OopSize);
     out->sizeOf = &sizeOf;
 }

@@ -126,7 +126,7 @@ TEST(DirectTiers, RowsNameTheDatabase) {
         std::swap(scene.scripts[0].facts, scene.scripts[1].facts);
         std::swap(scene.scripts[0].facts["sql"], scene.scripts[1].facts["sql"]);
         ExpectDatabases(scene);
-        const Word handle = reinterpret_cast<Word>(&one->address); // of no String
+        const Word handle = Word(&one->address); // of no String
         EXPECT_EQ(TextAt(std::to_string(handle)), NO_TEXT);
     });
 }

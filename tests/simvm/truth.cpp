@@ -95,7 +95,6 @@ void AddReferences(const Object &from, HeapDump *out) {
 
 // The lines of all objects, with what any reader knows of their kind.
 void AddObjects(HeapDump *out) {
-    const std::unordered_map<Word, char> letters = KindLetters();
     std::unordered_map<Word, std::string> texts; // what follows an object's size; by klass, too
     std::unordered_map<Word, const Object *> described;
     const auto nameOf = [](const std::string &text) { return "|" + Address(vm.symbols[text]); };
@@ -111,17 +110,14 @@ void AddObjects(HeapDump *out) {
         AddReferences(object, out);
     }
     for (const SpaceUse &use : UseOfSpaces())
-        for (Word at = use.space->bottom; at < use.space->top; at += 8)
-            if (const int64_t bytes = 8 * WordsOf(at)) {
-                const Word klass = As<Oop>(at).klass;
-                const char type = letters.at(klass);
-                const auto known = described.find(at);
-                if (known == described.end())
-                    out->unknown.insert(Address(at));
-                out->lines.insert(Address(at) + " " + use.space->letter + type +
-                                  (type == '[' ? Hex(known->second->values.size()) + "|" : "") + Address(at) +
-                                  "|" + Hex(bytes) + texts[strchr("8[", type) ? klass : at]);
-            }
+        VisitObjects(*use.space, [&](Word at, Word klass, char type, int64_t bytes) {
+            const auto known = described.find(at);
+            if (known == described.end())
+                out->unknown.insert(Address(at));
+            out->lines.insert(Address(at) + " " + use.space->letter + type +
+                              (type == '[' ? Hex(known->second->values.size()) + "|" : "") + Address(at) +
+                              "|" + Hex(bytes) + texts[strchr("8[", type) ? klass : at]);
+        });
 }
 
 void AddFrames(const Runner &runner, HeapDump *out) {
