@@ -7,12 +7,6 @@
 #include <string>
 #include <vector>
 
-// The flag of a collector, for tests of which each has its own JVM.
-inline std::string UseCollector(const char *name) {
-    return std::string("-XX:+Use") + name + "GC";
-}
-constexpr auto COLLECTOR_NAME = [](const auto &row) { return std::string(row.param); };
-
 // The console's reader throws for any line out of form. Read() fails the test when a reference leads to what
 // the dump doesn't have.
 struct TextDump {

@@ -49,7 +49,8 @@ void *openJvm() {
 void JvmTest::StartJvm(const std::vector<std::string> &options) {
     if (vm)
         return;
-    std::vector<std::string> texts = {"-Xcheck:jni", "-Djava.class.path=" QOR_TEST_CLASSPATH, "-Xmx256m"};
+    std::vector<std::string> texts = {"-Xcheck:jni", "-Djava.class.path=" QOR_TEST_CLASSPATH, "-Xmx256m",
+                                      "-XX:+IgnoreUnrecognizedVMOptions", "-XX:+UnlockExperimentalVMOptions"};
     texts.insert(texts.end(), options.begin(), options.end());
     std::vector<JavaVMOption> rows = {{const_cast<char *>("vfprintf"), reinterpret_cast<void *>(hearJvm)}};
     for (std::string &text : texts)
@@ -193,7 +194,7 @@ using Footprint = std::array<int64_t, 4>;
 constexpr Footprint NOISE = {3, 3, 0, 256};
 
 Footprint Measure() {
-    return {Java<int64_t>("JvmCounts", "globalRefs"), AllocatedBlocks(), OpenDescriptors(),
+    return {Java<int64_t>("JvmCounts", "references", "global"), AllocatedBlocks(), OpenDescriptors(),
             static_cast<int64_t>(mallinfo2().uordblks) >> 10};
 }
 

@@ -35,6 +35,19 @@ protected:
     void TearDown() override;
 };
 
+// Tests for each of some collectors, by the names of their flags, in a JVM of its own; one that the JVM
+// hasn't got leaves it with its default.
+template <class Fixture>
+struct WithCollector : Fixture, testing::WithParamInterface<const char *> {
+    static void SetUpTestSuite() {}
+    void SetUp() override {
+        Fixture::StartJvm(
+            {"-Xmx64m", "-XX:+Use" + std::string(this->GetParam()) + "GC", "-XX:+ZGenerational"});
+        Fixture::SetUp();
+    }
+};
+constexpr auto COLLECTOR_NAME = [](const auto &row) { return std::string(row.param); };
+
 // The environment of the test's thread.
 JNIEnv *Env();
 

@@ -125,15 +125,7 @@ TEST_F(Heap, WalksLeaveNothing) {
 
 namespace {
 
-// Each collector in a JVM of its own; one that this JVM hasn't got leaves it with its default.
-struct Collections : AgentTest, testing::WithParamInterface<const char *> {
-    static void SetUpTestSuite() {}
-    void SetUp() override {
-        StartJvm({"-Xmx64m", "-XX:+IgnoreUnrecognizedVMOptions", "-XX:+UnlockExperimentalVMOptions",
-                  UseCollector(GetParam()), "-XX:+ZGenerational"});
-        AgentTest::SetUp();
-    }
-};
+struct Collections : WithCollector<AgentTest> {};
 INSTANTIATE_TEST_SUITE_P(, Collections,
                          testing::Values("Serial", "Parallel", "G1", "Shenandoah", "Z", "ConcMarkSweep"),
                          COLLECTOR_NAME);

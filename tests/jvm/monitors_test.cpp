@@ -51,10 +51,10 @@ TEST_F(Monitors, AreForgottenWithTheirThreadsAndTheSession) {
     ZooVisit zoo("holder,blocked,reentrant,lock-waiter,lock-holder");
     for (int i = 0; i < 3; i++)
         AllThreads(true);
-    const int64_t weak = Java<int64_t>("JvmCounts", "weakRefs");
+    const int64_t weak = Java<int64_t>("JvmCounts", "references", "weak");
     AllThreads(true);
-    EXPECT_LE(Java<int64_t>("JvmCounts", "weakRefs"), weak);
+    EXPECT_LE(Java<int64_t>("JvmCounts", "references", "weak"), weak);
     jvmtijni_env = nullptr; // as good as that of a worker that has ended
     QorDropSession(Env());
-    EXPECT_LE(Java<int64_t>("JvmCounts", "weakRefs"), weak - 5) << "one of each thread";
+    EXPECT_LE(Java<int64_t>("JvmCounts", "references", "weak"), weak - 5) << "one of each thread";
 }
