@@ -3,15 +3,15 @@
 
 namespace simvm {
 
-namespace {
-
-constexpr int32_t POOL_ENTRIES = 256; // of a class, room for the methods that come later
-
 Word NewVmObject(VtableKind kind, int64_t bytes) {
     Word oop = AllocateObject(&vm.perm, bytes);
     As<Oop>(oop) = {UNMARKED, vm.kindKlass[kind]};
     return oop;
 }
+
+namespace {
+
+constexpr int32_t POOL_ENTRIES = 256; // of a class, room for the methods that come later
 
 // A klass object whose Klass part has that virtual table.
 Word NewKlass(VtableKind kind, VtableKind kindOfKlass, int32_t statics = 0) {

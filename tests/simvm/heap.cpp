@@ -202,10 +202,9 @@ void AddObjects(HeapSpace *space, int64_t count) {
     }
 }
 
-void AddVmKinds(HeapSpace *space, int64_t) {
+void AddVmKinds(HeapSpace *, int64_t) {
     for (const VtableKind kind : {VT_constantPoolCache, VT_compiledICHolder, VT_methodData, VT_arrayKlass}) {
-        const Word at = AllocateObject(space, sizeof(Klass) + 8 * kind);
-        As<Oop>(at) = {UNMARKED, vm.kindKlass[kind]};
+        const Word at = NewVmObject(kind, sizeof(Klass) + 8 * kind);
         if (kind != VT_arrayKlass)
             continue;
         At(at, &Klass::vtable) = HeadOf(VT_array);

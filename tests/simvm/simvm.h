@@ -198,8 +198,9 @@ HeapSpace &SpaceOf(char letter);
 bool HasFreeLists(const HeapSpace &space);
 int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
 Word AllocateObject(HeapSpace *space, int64_t bytes);
-void SetTop(HeapSpace *space, Word top); // with what is free above
-void Forget(const Object *object);       // dead; the next collection takes its memory
+Word NewVmObject(VtableKind kind, int64_t bytes); // of a kind that only the VM makes
+void SetTop(HeapSpace *space, Word top);          // with what is free above
+void Forget(const Object *object);                // dead; the next collection takes its memory
 using Fields = std::vector<std::pair<std::string, Value>>;
 Object *New(const std::string &className, const Fields &fields = {}, char space = 'E');
 Object *NewArray(const std::string &signature, const std::vector<Value> &elements, char space = 'E');

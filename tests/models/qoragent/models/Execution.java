@@ -32,8 +32,6 @@ public final class Execution {
             Arrays.stream(frames).anyMatch(f -> f.getClassName().equals("tessar.net.ns.Communication"));
     }
 
-    public Thread thread() { return thread; }
-
     /** Waits for the end of the thread, which the server's end brings. */
     public void join() throws InterruptedException { thread.join(); }
 }

@@ -1,14 +1,12 @@
 package org.codehaus.groovy.runtime.callsite;
 
-/** The call sites of a script, in the order of its text; a null name leaves its place empty. */
+/** The call sites of a script, in the order of its text. */
 public final class CallSiteArray {
     public final CallSite[] array;
 
     public CallSiteArray(String... names) {
         array = new CallSite[names.length];
         for (int i = 0; i < names.length; i++)
-            array[i] = names[i] == null
-                           ? null
-                           : new PogoMetaMethodSite$PogoMetaMethodSiteNoUnwrap(this, i, names[i]);
+            array[i] = new PogoMetaMethodSite$PogoMetaMethodSiteNoUnwrap(this, i, names[i]);
     }
 }
