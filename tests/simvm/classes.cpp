@@ -13,6 +13,12 @@ namespace {
 
 constexpr int32_t POOL_ENTRIES = 256; // of a class, room for the methods that come later
 
+int32_t SizeOf(const std::string &signature) {
+    const std::string sizes = "ZBCSIFJD"; // of 1, 1, 2, 2, 4, 4, 8, 8 bytes
+    size_t at = sizes.find(signature[0]);
+    return at == std::string::npos ? 8 : 1 << at / 2;
+}
+
 // A klass object whose Klass part has that virtual table.
 Word NewKlass(VtableKind kind, VtableKind kindOfKlass, int32_t statics = 0) {
     const Word klass = NewVmObject(kindOfKlass, sizeof(Klass) + 8 + 8 * statics);
@@ -220,10 +226,10 @@ void DefineVmClasses() {
 
 namespace {
 
-Object *Describe(Class *type, int64_t bytes, size_t values, char space) {
+Object *Describe(Class *type, int64_t bytes, const std::vector<Value> &values, char space) {
     const Word address = AllocateObject(&SpaceOf(space), bytes);
     As<Oop>(address) = {UNMARKED, type->klass};
-    vm.objects.push_back({address, bytes, space, type, std::vector<Value>(values)});
+    vm.objects.push_back({address, bytes, space, type, values});
     return &vm.objects.back();
 }
 
@@ -240,12 +246,6 @@ Found Find(const Class *type, const std::string &name) {
 }
 
 } // namespace
-
-int32_t SizeOf(const std::string &signature) {
-    const std::string sizes = "ZBCSIFJD"; // of 1, 1, 2, 2, 4, 4, 8, 8 bytes
-    size_t at = sizes.find(signature[0]);
-    return at == std::string::npos ? 8 : 1 << at / 2;
-}
 
 void WriteValue(Word place, const std::string &signature, const Value &value) {
     Word bits = value.number;
@@ -294,12 +294,6 @@ void SetStatic(Class *type, const std::string &name, Value value) {
         }
 }
 
-void SetElement(Object *array, int32_t index, Value value) {
-    std::string signature = array->type->name.substr(1);
-    array->values.at(index) = value;
-    WriteValue(array->address + sizeof(JavaArray) + index * SizeOf(signature), signature, value);
-}
-
 void Forget(const Object *object) {
     const Locked held(vm.lock);
     vm.objects.remove_if([=](const Object &one) { return &one == object; });
@@ -308,7 +302,7 @@ void Forget(const Object *object) {
 Object *New(const std::string &className, const Fields &fields, char space) {
     const Locked held(vm.lock);
     Class *type = DefineClass(className);
-    Object *object = Describe(type, type->bytes, FieldsOf(type).size(), space);
+    Object *object = Describe(type, type->bytes, std::vector<Value>(FieldsOf(type).size()), space);
     for (auto &[name, value] : fields)
         Set(object, name, value);
     return object;
@@ -317,12 +311,12 @@ Object *New(const std::string &className, const Fields &fields, char space) {
 Object *NewArray(const std::string &signature, const std::vector<Value> &elements, char space) {
     const Locked held(vm.lock);
     Class *type = ArrayClass(signature);
-    const size_t length = elements.size();
-    const int64_t bytes = (sizeof(JavaArray) + length * SizeOf(signature.substr(1)) + 7) & ~size_t(7);
-    Object *array = Describe(type, bytes, length, space);
+    const std::string element = signature.substr(1);
+    const size_t length = elements.size(), size = SizeOf(element);
+    Object *array = Describe(type, (sizeof(JavaArray) + length * size + 7) & ~size_t(7), elements, space);
     As<JavaArray>(array->address).length = length;
     for (size_t i = 0; i < length; i++)
-        SetElement(array, i, elements[i]);
+        WriteValue(array->address + sizeof(JavaArray) + i * size, element, elements[i]);
     return array;
 }
 

@@ -8,6 +8,7 @@ namespace simvm {
 namespace {
 
 constexpr Word PAGE = 4096;
+HeapSpace *const SPACES[] = {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to};
 
 // What the concurrent collector's says of its top means nothing.
 Word NewSpace(HeapSpace *space, char letter, size_t megabytes) {
@@ -89,12 +90,8 @@ void LayOutHeap() {
     SetCollections({});
 }
 
-std::array<HeapSpace *, 5> Spaces() {
-    return {&vm.perm, &vm.old, &vm.eden, &vm.from, &vm.to};
-}
-
 HeapSpace &SpaceOf(char letter) {
-    for (HeapSpace *space : Spaces())
+    for (HeapSpace *space : SPACES)
         if (space->letter == letter)
             return *space;
     return vm.old; // of either kind
@@ -114,7 +111,7 @@ bool HasFreeLists(const HeapSpace &space) {
 }
 
 int64_t WordsOf(Word oop) {
-    for (const HeapSpace *space : Spaces())
+    for (const HeapSpace *space : SPACES)
         if (oop >= space->bottom && oop < space->end)
             return SizeAt(*space, oop);
     return 0;

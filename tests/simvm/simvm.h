@@ -193,7 +193,6 @@ Class *FindClass(const std::string &name);       // null: not defined
 MethodInfo *DefineMethod(const std::string &holder, const std::string &name, const std::string &signature,
                          std::vector<MethodLine> lines, int32_t flags);
 
-std::array<HeapSpace *, 5> Spaces();
 HeapSpace &SpaceOf(char letter);
 bool HasFreeLists(const HeapSpace &space);
 int64_t WordsOf(Word oop); // of what begins there; 0: nothing. As the VM's own function: safe anywhere
@@ -208,12 +207,10 @@ Object *NewChars(const std::string &text, char space = 'E'); // char[], one char
 Object *NewString(const std::string &text, char space = 'E');
 // Of an instance, super classes' first.
 std::vector<const Field *> FieldsOf(const Class *type);
-// A field, a static or an element, in memory and in the description. A name is that of the class nearest.
+// A field or a static, in memory and in the description. A name is that of the class nearest.
 void Set(Object *object, const std::string &field, Value value);
 void SetStatic(Class *type, const std::string &field, Value value);
-void SetElement(Object *array, int32_t index, Value value);
 Value Get(const Object *object, const std::string &field);
-int32_t SizeOf(const std::string &signature); // bytes of a field or an element
 // Writes the value where a field of that signature has its place.
 void WriteValue(Word place, const std::string &signature, const Value &value);
 

@@ -7,6 +7,6 @@ public final class CallSiteArray {
     public CallSiteArray(String... names) {
         array = new CallSite[names.length];
         for (int i = 0; i < names.length; i++)
-            array[i] = new PogoMetaMethodSite$PogoMetaMethodSiteNoUnwrap(this, i, names[i]);
+            array[i] = new AbstractCallSite(this, i, names[i]);
     }
 }
