@@ -12,7 +12,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <dirent.h>
 #include <netdb.h>
 #include <unistd.h>
@@ -24,6 +23,7 @@ int32_t maxnetsize = 128;
 
 namespace {
 
+QorKeptFile procNetFiles[PROC_NET_FILES]; // those that were opened
 constexpr const char *PROC_NET_PATHS[PROC_NET_FILES] = {
     "/proc/net/tcp", "/proc/net/udp", "/proc/net/raw", "/proc/net/tcp6", "/proc/net/udp6", "/proc/net/raw6",
 };
@@ -83,6 +83,7 @@ bool KeepLine(GrepResult *result, const char *line, size_t length) {
 
 struct LineReader {
     int32_t fd;
+    off_t at;          // in the file, of what comes after the block
     size_t begin, end; // what of the block is not yet given out
     bool skipping;     // in the middle of a line that is too long
     char block[GREP_BLOCK_SIZE];
@@ -99,11 +100,13 @@ bool FillBlock(LineReader *reader) {
     }
     ssize_t got;
     do
-        got = qor_read_file(reader->fd, reader->block + reader->end, sizeof reader->block - 1 - reader->end);
+        got = pread(reader->fd, reader->block + reader->end, sizeof reader->block - 1 - reader->end,
+                    reader->at);
     while (got < 0 && errno == EINTR);
     if (got <= 0)
         return false;
     reader->end += static_cast<size_t>(got);
+    reader->at += got;
     return true;
 }
 
@@ -151,12 +154,13 @@ bool KeepRecord(const QorNetRecord &record) {
 // Adds the sockets at `port` whose other end is at `address`. `threshold` is that of the log.
 bool SearchTables(uint32_t port, uint32_t address, int32_t threshold) {
     for (int32_t file = 0; file < PROC_NET_FILES; file++) {
-        if (proc_net_fd[file] == -1)
+        const int32_t fd = QorProcNetFile(file);
+        if (fd == -1)
             continue;
         const bool mapped = file >= FIRST_IPV6_FILE;
         char key[64];
         snprintf(key, sizeof key, ":%04X %s%08X", port, mapped ? MAPPED_PREFIX : "", address);
-        char *rows = MY_GREP(proc_net_fd[file], key, false);
+        char *rows = MY_GREP(fd, key, false);
         if (!rows)
             QORLOG(threshold, "No data found in file %d, continuing...", file);
         char *rest = nullptr;
@@ -272,20 +276,25 @@ void ReplyPorts(char *processes) {
 bool QorOpenProcNet() {
     bool all = true;
     for (int i = 0; i < PROC_NET_FILES; i++) {
-        if (proc_net_fd[i] == -1)
+        if (QorProcNetFile(i) == -1) {
             proc_net_fd[i] = qor_open_read(PROC_NET_PATHS[i]);
+            QorNoteFile(proc_net_fd[i], &procNetFiles[i]);
+        }
         if (proc_net_fd[i] == -1)
             all = false;
     }
     return all;
 }
 
+int32_t QorProcNetFile(int32_t file) {
+    return QorIsFile(proc_net_fd[file], procNetFiles[file]) ? proc_net_fd[file] : -1;
+}
+
 char *MY_GREP(int32_t fd, const char *pattern, bool firstOnly) {
     GrepResult result = {};
-    if (lseek(fd, 0, SEEK_SET) != 0)
-        return nullptr;
     LineReader reader;
     reader.fd = fd;
+    reader.at = 0;
     reader.begin = reader.end = 0;
     reader.skipping = false;
     while (const char *line = NextLine(&reader)) {

@@ -29,17 +29,21 @@ extern QorNetRecord *NetData;
 extern int32_t totalnet;   // in use; set to 0 by each request
 extern int32_t maxnetsize; // allocated
 
-// Opens those that are not open. True when all are. Start-up; they stay open for the life of the process.
+// Opens those that are not open, or whose descriptors the host has closed. True when all are open. Start-up;
+// they stay open for the life of the process.
 bool QorOpenProcNet();
+
+// The descriptor of one of them; -1 also when the host has closed it, and its number may be another file's.
+int32_t QorProcNetFile(int32_t file);
 
 // Answers into `pagebuf`. The text is PORT|CLIENT HOST|PROCESS IDS, the ids with commas between them and
 // ended by a bar or the text's end. The reply is PROCESS,CLIENT PORT, for each process that holds such a
 // connection (the first one found) and a bar, or a text that begins with "ERROR".
 void a_xtierfn01(char *parameters);
 
-// The lines of an open file that hold `pattern`, each with a line end; the caller frees them. Only the first
-// one when `firstOnly` is set. Null for none, for a descriptor that can't be read and without memory. Lines
-// of more than 4,095 bytes are passed over.
+// The lines of an open file that hold `pattern`, each with a line end; the caller frees them. The file's own
+// position is left alone. Only the first one when `firstOnly` is set. Null for none, for a descriptor that
+// can't be read and without memory. Lines of more than 4,095 bytes are passed over.
 char *MY_GREP(int32_t fd, const char *pattern, bool firstOnly);
 
 // A dotted IPv4 address as it lies in memory. 1, or 0 with the address as it was.

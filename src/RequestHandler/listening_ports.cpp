@@ -43,7 +43,8 @@ void AddRows(char *table, Listeners *all) {
 Listeners ReadTables() {
     Listeners all = {};
     for (const int32_t file : TCP_FILES) {
-        char *table = proc_net_fd[file] == -1 ? nullptr : MY_GREP(proc_net_fd[file], LISTENING, false);
+        const int32_t fd = QorProcNetFile(file);
+        char *table = fd == -1 ? nullptr : MY_GREP(fd, LISTENING, false);
         if (table)
             AddRows(table, &all);
         free(table);

@@ -83,6 +83,19 @@ int32_t qor_open_read(const char *path) {
     return AboveStandardStreams(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 
+bool QorNoteFile(int32_t fd, QorKeptFile *file) {
+    struct stat now;
+    if (fstat(fd, &now) != 0)
+        return false;
+    *file = {now.st_dev, now.st_ino};
+    return true;
+}
+
+bool QorIsFile(int32_t fd, const QorKeptFile &file) {
+    QorKeptFile now;
+    return QorNoteFile(fd, &now) && now.device == file.device && now.inode == file.inode;
+}
+
 int32_t qor_open_append(const char *path) {
     struct stat there;
     if (lstat(path, &there) == 0 && !IsOwnFile(there)) // looked at first: to open some devices has effects

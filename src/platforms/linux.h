@@ -17,6 +17,17 @@ void qor_perror(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Opens a file to read, without waiting for a FIFO's writer: the descriptor, or -1 with errno set.
 int32_t qor_open_read(const char *path);
 
+// What an open file is. The host may close a descriptor of ours and get its number for a file of its own, so
+// that a descriptor which is kept is compared before each use. Any thread.
+struct QorKeptFile {
+    dev_t device;
+    ino_t inode;
+};
+// Notes the file of a descriptor; false when it isn't open.
+bool QorNoteFile(int32_t fd, QorKeptFile *file);
+// Whether the descriptor is still that file's. One that isn't must not be closed.
+bool QorIsFile(int32_t fd, const QorKeptFile &file);
+
 // Opens a file to append to, made for its owner alone when it isn't there: the descriptor, or -1. Refused is
 // what is neither a regular file nor a FIFO, belongs to another user, or is a link, whose maker may be one.
 // Doesn't wait for a FIFO's reader: without one it fails.

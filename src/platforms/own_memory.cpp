@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -17,7 +16,7 @@ constexpr char MEMORY_FILE[] = "/proc/self/mem";
 std::atomic_flag busy = ATOMIC_FLAG_INIT;
 int32_t kept = -1;
 pid_t keeper; // the process whose memory it shows: a copy of it needs another one
-struct stat made;
+QorKeptFile made;
 
 // getpid() of an old C library answers a copy of the process with the original's number.
 pid_t OwnId() {
@@ -25,15 +24,13 @@ pid_t OwnId() {
 }
 
 bool IsKeptFile() {
-    struct stat now;
-    return kept >= 0 && keeper == OwnId() && fstat(kept, &now) == 0 && now.st_dev == made.st_dev &&
-           now.st_ino == made.st_ino; // else the host has closed it, and the number may be another file's
+    return kept >= 0 && keeper == OwnId() && QorIsFile(kept, made);
 }
 
 bool OpenKeptFile() {
     keeper = OwnId();
     kept = qor_open_read(MEMORY_FILE);
-    if (kept >= 0 && fstat(kept, &made) != 0)
+    if (kept >= 0 && !QorNoteFile(kept, &made))
         qor_close_handle(&kept);
     return kept >= 0;
 }

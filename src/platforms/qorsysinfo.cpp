@@ -52,8 +52,11 @@ int64_t Load(int64_t ticks, const Moment &now, int64_t lastSeconds, int64_t last
 }
 
 void OpenMachineFigures() {
-    if (cpu_stat_fd <= 0) // a second start goes on with the first one's descriptor
+    static QorKeptFile opened;
+    if (cpu_stat_fd <= 0 || !QorIsFile(cpu_stat_fd, opened)) { // else an earlier start's serves this one too
         cpu_stat_fd = qor_open_read(STAT_FILE);
+        QorNoteFile(cpu_stat_fd, &opened);
+    }
     if (cpu_stat_fd < 0)
         perror("QOR Agent: CPU Utilization disabled:");
     QORLOG(LOG_DETAIL, "OS Version is %s", os_name);

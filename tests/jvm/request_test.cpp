@@ -1,6 +1,8 @@
 #include "AgentNatives.h"
+#include "RequestHandler/XtierDbSession.h"
 #include "jvmti/JavaClasses.h"
 #include "platforms/linux.h"
+#include "platforms/qorsysinfo.h"
 #include "qoragent/requests/channel.h"
 #include "qoragent/worker.h"
 #include "qorrequest.h"
@@ -117,7 +119,8 @@ TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {
         EXPECT_EQ(write(sockets[1], bytes.data(), bytes.size()), 42);
         if (!isIdle)
             ShutDownAgent();
-        const int taken[] = {pipe_fd_PP[0], pipe_fd_PP[1], pipe_fd_CH[0], pipe_fd_CH[1]};
+        const int taken[] = {pipe_fd_PP[0], pipe_fd_PP[1],  pipe_fd_CH[0],
+                             pipe_fd_CH[1], proc_net_fd[0], cpu_stat_fd};
         for (int fd : taken)
             dup2(sockets[0], fd);
         if (isIdle) {
@@ -128,6 +131,8 @@ TEST_F(Request, DescriptorsThatTheHostTookAreItsOwn) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         Start(10);
         EXPECT_EQ(Setting(2), SettingReply(2));
+        EXPECT_NE(proc_net_fd[0], taken[4]);
+        EXPECT_NE(cpu_stat_fd, taken[5]);
         char seen[64];
         EXPECT_EQ(read(sockets[1], seen, sizeof seen), -1) << "the agent wrote into it";
         EXPECT_EQ(read(taken[3], seen, sizeof seen), 42) << "the agent read or closed it";

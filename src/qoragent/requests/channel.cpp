@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <initializer_list>
 #include <sched.h>
-#include <sys/stat.h>
 
 std::atomic<int32_t> pipe_fd_PP[2] = {{-1}, {-1}};
 std::atomic<int32_t> pipe_fd_CH[2] = {{-1}, {-1}};
@@ -21,20 +20,15 @@ namespace {
 
 constexpr int32_t SLICE_SECONDS = 10;
 
-struct stat madePP, madeCH; // the pipes as they were made; both ends of one are the same file
-
-bool IsFile(int32_t fd, const struct stat &made) {
-    struct stat now;
-    return fstat(fd, &now) == 0 && now.st_dev == made.st_dev && now.st_ino == made.st_ino;
-}
+QorKeptFile madePP, madeCH; // the pipes as they were made; both ends of one are the same file
 
 // Neither end may hold a thread up: not a full pipe its writer, nor a handshake that another caller took
 // first its reader.
-bool MakePipe(std::atomic<int32_t> ends[2], struct stat *made) {
+bool MakePipe(std::atomic<int32_t> ends[2], QorKeptFile *made) {
     int32_t fds[2];
     if (!qor_create_pipe(fds))
         return false;
-    fstat(fds[0], made);
+    QorNoteFile(fds[0], made);
     for (int i = 0; i < 2; i++) {
         fcntl(fds[i], F_SETFL, O_NONBLOCK);
         ends[i] = fds[i];
@@ -96,8 +90,8 @@ bool QorOpenChannel() {
 }
 
 bool QorChannelIsOurs() {
-    if (IsFile(pipe_fd_PP[0], madePP) && IsFile(pipe_fd_PP[1], madePP) && IsFile(pipe_fd_CH[0], madeCH) &&
-        IsFile(pipe_fd_CH[1], madeCH))
+    if (QorIsFile(pipe_fd_PP[0], madePP) && QorIsFile(pipe_fd_PP[1], madePP) &&
+        QorIsFile(pipe_fd_CH[0], madeCH) && QorIsFile(pipe_fd_CH[1], madeCH))
         return true;
     for (auto *pipe : {pipe_fd_PP, pipe_fd_CH})
         pipe[0] = pipe[1] = -1;
