@@ -238,8 +238,8 @@ void BecomeChild(pid_t parentThread) {
         Leave(FORK_FAILED, errno);
     int kept[KEPT_DESCRIPTORS] = {plan.file, plan.pipe[1], walkerStat, QorKeepOwnMemory()};
     CloseAllBut(kept);
-    Limit(RLIMIT_CORE, 0);
-    Limit(RLIMIT_NOFILE, 0); // what is open stays; the JVM's code can't open anything
+    prctl(PR_SET_DUMPABLE, 0); // no core, which a limit of 0 doesn't keep from a program that takes cores
+    Limit(RLIMIT_NOFILE, 0);   // what is open stays; the JVM's code can't open anything
     TakeStatisticsApart();
     constexpr int THREAD = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM;
     if (clone(start_forked_thread, watcherStack + STACK_SIZE, THREAD, nullptr) < 0)
