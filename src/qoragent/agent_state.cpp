@@ -19,7 +19,16 @@ std::atomic<int32_t> workerBusy;
 std::atomic<int32_t> callersInside;
 
 void QorTakeBusy() {
+    while (!QorTakeBusyWithin(INT32_MAX))
+        ;
+}
+
+bool QorTakeBusyWithin(int32_t msec) {
     constexpr timespec POLL = {0, 1000 * 1000};
-    while (workerBusy.exchange(1) != 0)
+    for (; workerBusy.exchange(1) != 0; msec--) {
+        if (msec <= 0)
+            return false;
         nanosleep(&POLL, nullptr);
+    }
+    return true;
 }

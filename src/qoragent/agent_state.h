@@ -42,6 +42,9 @@ extern std::atomic<int32_t> workerBusy;
 // Waits for workerBusy and takes it.
 void QorTakeBusy();
 
+// The same for so many milliseconds at most: false when they are over.
+bool QorTakeBusyWithin(int32_t msec);
+
 // Holds it for the length of a scope.
 struct QorBusyScope {
     QorBusyScope() { QorTakeBusy(); }

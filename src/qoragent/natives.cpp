@@ -160,6 +160,7 @@ jobjectArray QorGetThreadObjects(JNIEnv *env) {
         list = block->next;
         if (block->threadRef)
             QorDeleteGlobalRef(env, block->threadRef);
+        free(block->lockOwner);
         free(block);
     }
     return threads;

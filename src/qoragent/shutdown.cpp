@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int LEAVE_SLICES = 1200; // somewhat more than a waiting caller's slice of 10 seconds
-constexpr long LEAVE_SLICE_NSEC = 10 * 1000 * 1000;
+constexpr int32_t LEAVE_SLICE_MSEC = 10;
 
 char *keptReply; // taken away and not yet freed
 
@@ -36,15 +36,28 @@ void DropClass(JNIEnv *env, jclass *ref) {
         QorDeleteGlobalRef(env, dropped);
 }
 
+// What the direct road's samples have kept. The references to classes stay until a start drops them: the
+// worker isn't one of Java's threads.
+void DropSamples() {
+    if (!QorTakeBusyWithin(LEAVE_SLICES * LEAVE_SLICE_MSEC))
+        return;
+    QorDropXtier(nullptr);
+    QorDropDirectSamples();
+    workerBusy = 0;
+}
+
 } // namespace
 
 void QorFreeReply() {
+    if (!QorTakeBusyWithin(LEAVE_SLICES * LEAVE_SLICE_MSEC))
+        return; // a caller that Java doesn't answer still writes into it
     if (char *page = __atomic_exchange_n(&pagebuf, nullptr, __ATOMIC_SEQ_CST))
         keptReply = page;
+    workerBusy = 0;
     for (int i = 0; callersInside != 0; i++) {
         if (i == LEAVE_SLICES)
             return;
-        const timespec slice = {0, LEAVE_SLICE_NSEC};
+        const timespec slice = {0, LEAVE_SLICE_MSEC * 1000L * 1000};
         nanosleep(&slice, nullptr);
     }
     QorFree(keptReply, PAGEBUF_SIZE);
@@ -80,6 +93,8 @@ void exitAgent(JNIEnv *env) {
         QorDropSession(env);
         QORLOG(LOG_NOTE, "Detaching Child thread (%d).", ch_pid.load());
         QorDetachThread();
+    } else {
+        DropSamples();
     }
     agentstatus = 0;
     QORLOG(LOG_NOTE, "agentstatus reset to 0 before child thread exits");

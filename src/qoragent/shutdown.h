@@ -13,5 +13,5 @@ void exitAgent(JNIEnv *env);
 void QorDropSession(JNIEnv *env);
 
 // Takes `pagebuf` away from later callers and frees it once those inside have left. One that stays inside
-// keeps the memory allocated until the next call.
+// keeps the memory allocated until the next call. The worker's lists must be free to be taken.
 void QorFreeReply();
