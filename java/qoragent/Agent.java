@@ -131,8 +131,10 @@ public final class Agent {
         try {
             setRelayPort(door == null ? 0 : door.port());
             int status = initialise(wanted);
-            if (status != 0)
+            if (status != 0) {
+                dataFromNative(SHUTDOWN); // a worker may be there all the same
                 throw new IllegalStateException(reason(status));
+            }
             running = true;
             if (wanted.text("forkdump").equals("true"))
                 dataFromNative(FORK_DUMPS);
