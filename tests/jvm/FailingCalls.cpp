@@ -171,19 +171,22 @@ void FailJvmti(std::index_sequence<N...>) {
     ((reinterpret_cast<Call *>(&failingJvmti)[N] = Jvmti<N>), ...);
 }
 
-template <auto Entry, Word FAILURE>
+// References are made without an exception, or not.
+template <auto Entry, Word FAILURE, bool THROWS>
 Word Jni(WORDS) {
     if (!Fails("JNI"))
         return reinterpret_cast<Call &>(realJni.*Entry)(a, b, c, d, e, f);
-    auto *env = reinterpret_cast<JNIEnv *>(a);
-    jclass error = realJni.FindClass(env, "java/lang/OutOfMemoryError");
-    realJni.ThrowNew(env, error, "made to fail");
-    realJni.DeleteLocalRef(env, error);
+    if (THROWS) {
+        auto *env = reinterpret_cast<JNIEnv *>(a);
+        jclass error = realJni.FindClass(env, "java/lang/OutOfMemoryError");
+        realJni.ThrowNew(env, error, "made to fail");
+        realJni.DeleteLocalRef(env, error);
+    }
     return FAILURE;
 }
 
 Word NewCountedRef(WORDS) {
-    const Word made = Jni<&JNINativeInterface_::NewGlobalRef, 0>(a, b, c, d, e, f);
+    const Word made = Jni<&JNINativeInterface_::NewGlobalRef, 0, false>(a, b, c, d, e, f);
     references += made != 0;
     return made;
 }
@@ -195,7 +198,7 @@ void JNICALL DeleteCountedRef(JNIEnv *env, jobject reference) {
 
 template <Word FAILURE, auto... Entries>
 void FailJni() {
-    ((reinterpret_cast<Call &>(failingJni.*Entries) = Jni<Entries, FAILURE>), ...);
+    ((reinterpret_cast<Call &>(failingJni.*Entries) = Jni<Entries, FAILURE, true>), ...);
 }
 
 } // namespace
@@ -206,6 +209,7 @@ void WrapJvmti(jvmtiEnv *env) {
     failingJvmti = realJvmti = *env->functions;
     FailJvmti(std::make_index_sequence<sizeof(jvmtiInterface_1) / sizeof(Call)>());
     failingJvmti.Deallocate = realJvmti.Deallocate;
+    failingJvmti.GetVersionNumber = realJvmti.GetVersionNumber;
     env->functions = &failingJvmti;
 }
 
@@ -215,9 +219,10 @@ void WrapJni(JNIEnv *env) {
         return;
     failingJni = realJni = *env->functions;
     FailJni<0, &T::FindClass, &T::GetMethodID, &T::GetStaticMethodID, &T::GetFieldID, &T::GetStaticFieldID,
-            &T::NewStringUTF, &T::GetStringUTFChars, &T::NewLocalRef, &T::NewObjectV, &T::NewObjectArray,
-            &T::NewLongArray, &T::NewByteArray, &T::CallObjectMethodV, &T::CallStaticObjectMethodV>();
+            &T::NewStringUTF, &T::GetStringUTFChars, &T::NewObjectV, &T::NewObjectArray, &T::NewLongArray,
+            &T::NewByteArray, &T::CallObjectMethodV, &T::CallStaticObjectMethodV>();
     FailJni<JNI_ENOMEM, &T::PushLocalFrame>();
+    reinterpret_cast<Call &>(failingJni.NewLocalRef) = Jni<&T::NewLocalRef, 0, false>;
     reinterpret_cast<Call &>(failingJni.NewGlobalRef) = NewCountedRef;
     failingJni.DeleteGlobalRef = DeleteCountedRef;
     env->functions = &failingJni;

@@ -7,6 +7,7 @@
 #include "Folder.h"
 #include "LogCapture.h"
 #include "Replies.h"
+#include "jvmti/threads/VirtualFields.h"
 #include "qoragent/agent_state.h"
 #include "qorrequest.h"
 #include "wire/request.h"
@@ -125,7 +126,8 @@ struct Faults : AgentTest {
             const int descriptors = OpenDescriptors();
             places += FailPlaces(request, &log);
             EXPECT_LE(OpenDescriptors(), descriptors) << request.text;
-            EXPECT_LE(GlobalReferences(), references) << request.text;
+            // A class that JDK 25 has is first looked up where a call fails, and kept.
+            EXPECT_LE(GlobalReferences(), references + (QorJvmRelease() >= 25)) << request.text;
         }
         EXPECT_GE(places, 10);
     }
