@@ -45,7 +45,8 @@ void PlaceFields(Class *owner) {
     owner->bytes = (end + 7) & ~7;
 }
 
-// Seven numbers of 16 bits a field.
+// Of each field seven numbers of 16 bits: flags, name, signature, initial value, both halves of the offset,
+// generic signature.
 void WriteFields(Class *owner) {
     std::vector<Value> numbers;
     for (const Field &field : owner->fields) {

@@ -133,9 +133,9 @@ using Texts = std::map<std::string, std::string>;
 //   their types as their values have them where no signature is given.
 // FRAME: KIND SCOPE > SCOPE ..., outermost first. i: interpreted, c: compiled, o: compiled in mid-loop, n:
 //   native.
-// SCOPE: CLASS.METHOD[(SIGNATURE)][:LINE] [@VALUE] [^VALUE ...] [%VALUE ...]: receiver (a bare @ or @{...}:
-// of
-//   that class), monitors, variables; ~, ! and = in place of % as Kept has them. Without a line it is native.
+// SCOPE: CLASS.METHOD[(SIGNATURE)][:LINE] [@VALUE] [^VALUE ...] [%VALUE ...]: receiver (a bare @ or @{...} is
+//   of that class), monitors, variables; ~, ! and = in place of % as Kept has them. Without a line it is
+//   native.
 void ReadScene(Scene *scene, const std::string &text);
 std::vector<Frame> FramesOf(const std::string &text);
 std::string Expanded(const std::string &line, const Texts &texts);
