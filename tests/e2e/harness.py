@@ -107,11 +107,15 @@ def taking_on(user):
     return [] if user is None else ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
 
 
-class Application(Program):
-    """The demo application."""
+RESTS, COMPUTES = "-Ddemo.rests=true", "-Ddemo.rests=false"  # the last one holds
 
-    def __init__(self, *flags, user=None):
-        super().__init__(*flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170, before=taking_on(user))
+
+class Application(Program):
+    """The demo application, without its thread that computes but for tests that ask for it."""
+
+    def __init__(self, *flags, user=None, before=()):
+        super().__init__(RESTS, *flags, "-cp", SETTINGS.classes, "qoragent.demo.Demo", 170,
+                         before=[*taking_on(user), *before])
 
     def truths(self):
         """What it says of its threads' work in other tiers: by thread, pairs."""

@@ -4,7 +4,7 @@ import gzip
 import json
 import os
 
-from harness import Application, Case, folder, qorctl, wait_until
+from harness import COMPUTES, Application, Case, folder, qorctl, wait_until
 
 ESCAPE = "\ue00c"
 BROWSER, DRIVER = "/usr/bin/chromium-headless-shell", "/usr/bin/chromedriver"
@@ -91,9 +91,9 @@ class Report(Case):
 
     def record(self):
         file = f"{self.place}/a.ndjson.gz"
-        with Application() as self.app:
+        with Application(COMPUTES) as self.app:
             self.answer("record", "--options", "localquota=100,dbquery=1", "--share", "100",
-                        "--every", "200ms", "--for", "2s", "--out", file)
+                        "--every", "100ms", "--for", "1s", "--out", file)
         with gzip.open(file, "rt", encoding="utf-8") as packed:
             return [hostile(json.loads(line)) for line in packed]
 

@@ -3,10 +3,11 @@ import re
 import tempfile
 
 import jstack
-from harness import SETTINGS, OfTheDemo, qorctl, run_tool
+from harness import COMPUTES, SETTINGS, OfTheDemo, qorctl, run_tool
 
 
 class Sample(OfTheDemo):
+    FLAGS = (COMPUTES,)
     OURS = re.compile(r"qoragent-relay|QORD Agent|Attach Listener|process reaper")
 
     def test_threads_and_frames_are_those_of_jstack(self):

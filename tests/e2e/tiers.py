@@ -3,10 +3,11 @@ import os
 import re
 import socket
 
-from harness import OfTheDemo, qorctl, text_of
+from harness import COMPUTES, OfTheDemo, qorctl, text_of
 
 
 class Tiers(OfTheDemo):
+    FLAGS = (COMPUTES,)
     OPTIONS = "dbquery=1,handquota=100,localquota=100"
     SQL = "select id, total from orders where state = 'open' order by placed"
 

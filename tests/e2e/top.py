@@ -8,7 +8,7 @@ import termios
 import pexpect
 import pyte
 
-from harness import SETTINGS, LIMIT, OfTheDemo, environment, wait_until
+from harness import COMPUTES, LIMIT, SETTINGS, OfTheDemo, environment, wait_until
 
 
 class Terminal(contextlib.AbstractContextManager):
@@ -44,6 +44,7 @@ class Terminal(contextlib.AbstractContextManager):
 
 class Top(OfTheDemo):
     OPTIONS = OfTheDemo.OPTIONS + ",dbquery=1"
+    FLAGS = (COMPUTES,)
 
     def test_its_cells_are_what_the_commands_say(self):
         for columns, rows in ((80, 24), (200, 50)):
@@ -79,7 +80,7 @@ class Top(OfTheDemo):
                 self.assertEqual(termios.tcgetattr(top.child.child_fd), top.modes)
 
     def test_a_jvm_that_is_silent_leaves_the_screen_whole(self):
-        with Terminal(self.app.pid, 80, 24, options="--timeout 6") as top:
+        with Terminal(self.app.pid, 80, 24, options="--timeout 4") as top:
             top.shows("demo-compute")
             self.addCleanup(os.kill, self.app.pid, signal.SIGCONT)
             os.kill(self.app.pid, signal.SIGSTOP)

@@ -1,7 +1,7 @@
 """Views of one thread, of objects and of the heap, compared with what the JVM's own tools say."""
 import pexpect
 
-from harness import OfTheDemo, on_terminal, qorctl, run_tool
+from harness import COMPUTES, OfTheDemo, on_terminal, qorctl, run_tool
 
 
 class Views(OfTheDemo):
@@ -73,7 +73,7 @@ class Views(OfTheDemo):
 
 
 class Memory(OfTheDemo):
-    FLAGS = ("-XX:+UseSerialGC", "-Xmx64m")
+    FLAGS = (COMPUTES, "-XX:+UseSerialGC", "-Xmx64m")
 
     def test_what_a_request_cost_and_keeping_to_a_budget(self):
         self.answer("shutdown")

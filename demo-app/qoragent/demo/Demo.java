@@ -11,7 +11,7 @@ import java.util.List;
  * It prints what its threads do in other tiers, a line each, and "ready" when every thread is in its place.
  * It ends when its standard input does or when its time is up: the first argument, in seconds, 300 if it
  * isn't given. With a folder and a JDBC URL as further arguments the shop in a real container, shop.Shop,
- * takes the place of the models, and its port is printed.
+ * takes the place of the models, and its port is printed. With -Ddemo.rests=true no thread computes.
  */
 public final class Demo {
     private static final int DEFAULT_SECONDS = 300;
@@ -25,7 +25,9 @@ public final class Demo {
             new Payments.Settlement(Feeds.silentConnection()), // before the two that want what it holds
             new Payments.Refund(), new Payments.Invoice(), new Feeds.StockFeed(Feeds.silentConnection()),
             new Feeds.FrontDoor(), new Feeds.PriceFile(), new Tasks.OrderQueue(), new Tasks.NightReport(),
-            new Tasks.CategoryTree(), new Tasks.Compute()));
+            new Tasks.CategoryTree()));
+        if (!Boolean.getBoolean("demo.rests"))
+            actors.add(new Tasks.Compute());
         if (!real)
             actors.addAll(Arrays.asList(new Shop.Orders(), new Shop.Cart(Feeds.silentConnection())));
         for (Actor actor : actors) {
