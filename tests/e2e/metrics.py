@@ -73,7 +73,7 @@ class Metrics(OfTheDemo):
         target = urllib.parse.urlparse(self.serve("--listen", "127.0.0.1:0")[1]).netloc
         place, port = folder(self)[0], free_port()
         with open(f"{place}/prometheus.yml", "w", encoding="ascii") as config:
-            config.write(re.sub("1[05]s", "1s", docs("prometheus.yml")).replace("127.0.0.1:9464", target)
+            config.write(re.sub("1[05]s", "200ms", docs("prometheus.yml")).replace("127.0.0.1:9464", target)
                          .replace("alerts.yml", f"{FOLDER}/../../docs/metrics/alerts.yml"))
         self.start("prometheus", f"--config.file={place}/prometheus.yml", f"--storage.tsdb.path={place}/db",
                    f"--web.listen-address=127.0.0.1:{port}")
