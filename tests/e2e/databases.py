@@ -11,9 +11,6 @@ from dataclasses import dataclass, field
 from harness import LIMIT, SETTINGS, Case, folder, free_port, wait_until
 from products import SAMPLES, Compiled, Postgres, Server, jars
 
-# What is compiled: the drivers, of embedded databases without their engines, and who calls them.
-DRIVERS = ("Calls org.postgresql. org.mariadb.jdbc. org.h2.jdbc. org.h2.engine.SessionRemote "
-           "org.hsqldb.jdbc. org.apache.derby.impl.jdbc. org.sqlite. net.sourceforge.jtds.jdbc.").split()
 WAITING = ("sun.nio.ch.Net", "sun.nio.ch.SocketDispatcher", "java.net.SocketInputStream",
            "org.sqlite.core.NativeDB")
 # A table whose rows are locked for as late as a transaction's end.
@@ -31,7 +28,7 @@ class MariaDb(Server):
     HELD = "select 1 from dual where is_used_lock('held')"
     WAIT = "if({} = 0, 0, get_lock('held', 600) + release_lock('held'))"
     CALLS = ("select substring_index(host, ':', -1), replace(info, '?', '1') "
-             "from information_schema.processlist where user = 'test' and info is not null")
+             "from information_schema.processlist where user = 'test' and state = 'User lock'")
 
     def prepare(self):
         self.run("mariadb-install-db", "--no-defaults", f"--datadir={self.data}", "--skip-test-db",
@@ -110,7 +107,6 @@ class Product:
     jar: str
     url: str
     user: str
-    anchors: str  # methods of rules, as the compiler's list has them
     calls: dict
     setup: list = ()
     server: object = Embedded
@@ -157,8 +153,6 @@ def products(postgres, mariadb, tds, place):
         "postgresql": Product(
             "postgresql",
             f"jdbc:postgresql://127.0.0.1:{postgres and postgres.port}/postgres?user=test", "test",
-            "PgStatement.executeInternal PgStatement.internalExecuteBatch PgResultSet.next "
-            "PgConnection.executeTransactionCommand QueryExecutorImpl.processResults",
             {**both("query", "select " + lock), "callable": "select " + lock.format("?"),
              "plain batch": f"do $$ begin perform {lock.format('#')}; end $$",
              "plain update transaction": "insert into late values (#)",
@@ -169,42 +163,33 @@ def products(postgres, mariadb, tds, place):
         "mariadb": Product(
             "mariadb-java-client",
             f"jdbc:mariadb://127.0.0.1:{mariadb and mariadb.port}/shop?user=test&password=secret", "test",
-            "MariaDbStatement.executeInternal ClientSidePreparedStatement.executeInternal "
-            "ServerSidePreparedStatement.executeInternal SelectResultSet.readNextValue "
-            "AbstractQueryProtocol.readPacket",
             {**both("call", "do " + held), "prepared query": "select " + held.format("?"),
              "server prepared": "do " + held.format("?"),
              "plain query": f"select if(seq < 100, repeat('x', 1000), {held.format('#')}) from seq_1_to_100"},
             server=mariadb, urls={"server prepared": "&useServerPrepStmts=true"}),
         "h2": Product(
             "h2", "jdbc:h2:mem:shop;user=sa;password=secret", "SA",
-            "JdbcStatement.executeQuery JdbcStatement.executeUpdateInternal "
-            "JdbcPreparedStatement.executeQuery JdbcPreparedStatement.executeUpdateInternal",
             {**FORMS, "callable": "call hold(?)"}, ['create alias hold for "Calls.hold"', *TABLES],
             java=11, shown="jdbc:h2:mem:shop"),
         "h2tcp": Product(
-            "h2", of_h2 + ";user=sa;password=secret", "SA", "SessionRemote.done",
-            both("query", "select hold({})"), java=11, shown=of_h2),
+            "h2", of_h2 + ";user=sa;password=secret", "SA", both("query", "select hold({})"), java=11,
+            shown=of_h2),
         "hsqldb": Product(
             "hsqldb", "jdbc:hsqldb:mem:shop;user=sa;password=secret", "SA",
-            "JDBCStatement.fetchResult JDBCPreparedStatement.fetchResult",
             {**FORMS, "callable": "call hold(cast(? as int))"},
             [HOLD.format("deterministic no sql", "CLASSPATH:Calls.hold"), *TABLES], java=17, shown="shop",
             texts={"plain batch": None}),
         "derby": Product(
-            "derby", "jdbc:derby:memory:shop;create=true;user=app;password=secret", "app",
-            "EmbedStatement.executeStatement EmbedResultSet.movePosition", FORMS,
+            "derby", "jdbc:derby:memory:shop;create=true;user=app;password=secret", "app", FORMS,
             [HOLD.format("parameter style java no sql", "Calls.hold"), *TABLES]),
         "sqlite": Product(
             "xerial-sqlite-jdbc", f"jdbc:sqlite:{place[len(SETTINGS.root):]}/shop?busy_timeout=600000", None,
-            "JDBC3Statement.withConnectionTimeout",
             {**both("query", "select a from t where a = {}"), **both("update", "update t set a = {}"),
              "prepared batch": "update t set a = ?"},
             ["create table t (a int)"], Sqlite(f"{place}/shop")),
         "jtds": Product(
             "jtds", f"jdbc:jtds:sqlserver://127.0.0.1:{tds.port}/shop;user=test;prepareSQL=2;password=secret",
-            "test", "TdsCore.executeSQL JtdsStatement.executeSQLQuery",
-            {**both("query", "select held({})"), **both("update", "update held set a = {}")},
+            "test", {**both("query", "select held({})"), **both("update", "update held set a = {}")},
             server=tds, java=11, texts={"plain query": None, "plain update": None}),
     }
 
@@ -231,42 +216,51 @@ class Databases(Case):
                  "-Dh2.bindAddress=127.0.0.1"]
         with Compiled(sum((jars(row.jar) for row in rows.values()), []), "Calls",
                       *(word for name, row in rows.items() for word in row.arguments(name)),
-                      anchors=" ".join(row.anchors for row in rows.values()).split(),
-                      flags=flags + [f"-XX:CompileCommand=compileonly,{name}*::*"
-                                     for name in DRIVERS]) as self.app:
+                      flags=flags) as self.app:
             self.answer("attach", "--options", "dbquery=1,handquota=100,localquota=100")
-            for name, product in rows.items():
-                self.check(name, product, "cold")
-                if SETTINGS.version >= 9:  # JDK 8 has no list of what is compiled
-                    self.app.warm_up(product.anchors.split(), f"warm {name}")
-                    self.check(name, product, "hot")
+            ruled = self.check(rows, "cold")
+            if SETTINGS.version >= 9:  # JDK 8 has no list of what is compiled
+                self.app.warm_up(ruled)
+                self.check(rows, "hot")
             self.answer("tiers", "-", text="# none\n")
-            with product.server.lock_held():
-                self.app.tell(f"hold {name}")
+            with self.held(rows, "without rules"):
                 wait_until("the calls are hinted at", lambda: re.search(
-                    r"(?m)^\d threads wait in .*: no rule; see docs/cross-tier.md$",
+                    r"(?m)^\d+ threads wait in .*: no rule; see docs/cross-tier.md$",
                     self.answer("threads").out))
                 self.assertTrue(self.json("connections")["unknown_products"])
             self.assertNotIn("failed: ", self.app.output())
 
-    def check(self, name, product, when):
-        expected = {f"{name} {form}": product.expected(form) for form in product.calls}
-        self.app.tell(f"{when} {name}")
-        self.app.wait_for(f"(?m)^done {when} {name}\n")
-        with product.server.lock_held():
-            self.app.tell(f"hold {name}")
-            wait_until(self.app.output, lambda: self.wait(self.threads("--all", "--details"), expected),
-                       2 * LIMIT)
+    @contextlib.contextmanager
+    def held(self, rows, when):
+        """Each thread's call waits for its server's lock; "done" is printed when earlier calls are over."""
+        self.app.tell(when)
+        self.app.wait_for(f"(?m)^done {when}\n")
+        with contextlib.ExitStack() as locks:
+            for server in {row.server for row in rows.values()}:
+                locks.enter_context(server.lock_held())
+            self.app.tell("hold")
+            yield
+        self.app.tell("rest")
+
+    def check(self, rows, when):
+        """Returns the methods of rules that the calls are in."""
+        expected = {f"{name} {form}": row.expected(form) for name, row in rows.items() for form in row.calls}
+        with self.held(rows, when):
+            wait_until(self.app.output, lambda: self.wait(rows, expected), 2 * LIMIT)
             for document in self.watch("threads", count=SAMPLES):
                 threads = {t["name"]: t for t in document["threads"] if t["name"] in expected}
                 self.assertEqual({call: self.shown(t) for call, t in threads.items()}, expected, when)
-            if product.port:
-                self.check_ports(product.server, [t["db"] for t in threads.values()])
-        self.app.tell("rest")
+            for name, row in rows.items():
+                if row.port:
+                    self.check_ports(row.server, [threads[f"{name} {form}"]["db"] for form in row.calls])
+            return self.app.ruled()
 
-    @staticmethod
-    def wait(threads, names):
-        """By the innermost frames: "call" is the application's."""
+    def wait(self, rows, names):
+        """By what the servers list, and by the innermost frames: "call" is the application's."""
+        if any(isinstance(row.server, Server) and len(row.server.asks(row.server.CALLS)) < len(row.calls)
+               for row in rows.values()):
+            return False
+        threads = self.threads("--all", "--details")
         return all(name in threads and threads[name]["stack"][0]["class"] in WAITING for name in names)
 
     @staticmethod

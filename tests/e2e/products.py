@@ -7,9 +7,12 @@ import shutil
 import subprocess
 import tempfile
 
-from harness import FOLDER, LIMIT, SETTINGS, Program, free_port, run_tool, wait_until
+import jstack
+from harness import FOLDER, LIMIT, SETTINGS, Program, free_port, run_tool, text_of, wait_until
 
 SAMPLES = 20
+# Methods whose frames the shipped rules name.
+RULED = set(map("::".join, re.findall(r"(?m)^frame +\S+ (\S+) (\S+)", text_of("../../java/tiers.rules"))))
 
 
 def jars(*names):
@@ -19,17 +22,13 @@ def jars(*names):
     return found if len(found) >= len(names) else []
 
 
-def colons(method):
-    return "::".join(method.rsplit(".", 1))
-
-
 class Compiled(Program):
     """A program in whose JVM real products are at work.
 
-    The methods `anchors`, whose frames the rules name, are compiled at the last tier after few calls.
+    The methods `RULED` are compiled at the last tier after few calls.
     """
 
-    def __init__(self, class_path, source, *arguments, anchors, flags, scaling=0.02):
+    def __init__(self, class_path, source, *arguments, flags):
         """The program runs in a folder with all of them."""
         self.place = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
         inside = self.place[len(SETTINGS.root):]
@@ -38,21 +37,24 @@ class Compiled(Program):
         path = f"{inside}/*:{inside}"
         run_tool("javac", "-nowarn", "-cp", path, "-d", inside, f"{inside}/{source}.java")
         if SETTINGS.version >= 9:  # JDK 8 has no list of what is compiled
-            flags = ["-XX:CompileCommand=quiet", "-XX:+PrintCompilation", *flags,
-                     *(f"-XX:CompileCommand=option,*{colons(method)},double,CompileThresholdScaling,{scaling}"
-                       for method in anchors)]
+            flags = [*flags, "-XX:CompileCommand=quiet", *(
+                f"-XX:CompileCommand=option,{m},double,CompileThresholdScaling,0.002" for m in RULED)]
         super().__init__(*flags, "-cp", path, source, *arguments, before=("env", "-C", inside))
 
-    def warm_up(self, anchors, order="warm"):
-        """Until they are compiled at the last tier, by the JVM's own list."""
-        self.tell(order)
-        for method in anchors:  # begun, by the compiler's log: asking for its list costs it time
-            self.wait_for(rf"(?m)^.* 4 .*\b({re.escape(colons(method))}) ")
+    def ruled(self):
+        """The methods of rules in its threads' stacks."""
+        threads = jstack.parse(run_tool("jstack", self.pid))
+        return RULED & {"::".join(frame.call.rsplit(".", 1)) for thread in threads for frame in thread.frames}
 
-        def compiled():
+    def warm_up(self, methods):
+        """Until they are compiled at the last tier, by the JVM's own list."""
+        self.tell("warm")
+
+        def interpreted():
             codes = run_tool("jcmd", self.pid, "Compiler.codelist")
-            return all(re.search(rf"(?m)^\d+ 4 0 \S*\b{re.escape(m)}\(", codes) for m in anchors)
-        wait_until("compiled", compiled)
+            compiled = re.findall(r"(?m)^\d+ 4 0 (\S+)\.([^.(]+)\(", codes)
+            return methods - set(map("::".join, compiled))
+        wait_until(interpreted, lambda: not interpreted())
 
     def __exit__(self, *_):
         super().__exit__()

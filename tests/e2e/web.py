@@ -3,7 +3,7 @@ import re
 import urllib.parse
 
 from harness import SETTINGS, Case, folder, run_tool, wait_until
-from products import SAMPLES, Compiled, colons, jars
+from products import SAMPLES, Compiled, jars
 
 JARS = [f"{product}-{name}" for product, names in {
     "jetty9": "server http io util servlet security", "grpc": "api core context netty stub", "tomcat9": "*",
@@ -12,14 +12,6 @@ JARS = [f"{product}-{name}" for product, names in {
 }.items() for name in names.split()] + (
     "perfmark-api guava failureaccess httpclient httpcore commons-logging commons-codec httpclient5 "
     "httpcore5 httpcore5-h2 slf4j-api okhttp okio").split()
-# Methods whose frames the rules name, as the compiler's list has them.
-ANCHORS = (
-    "server.Server.handle server.Server.handleAsync CoyoteAdapter.service CoyoteAdapter.asyncDispatch "
-    "ByteToMessageDecoder.fireChannelRead MessageToMessageDecoder.channelRead "
-    "SimpleChannelInboundHandler.channelRead execchain.MainClientExec.execute classic.MainClientExec.execute "
-    "CallServerInterceptor.intercept RealInterceptorChain.proceed ClientCalls.blockingUnaryCall "
-    "HttpURLConnection.getInputStream0 http.HttpClient.parseHTTP conn.EofSensorInputStream.read "
-    "HttpURLConnection$HttpInputStream.read").split()
 
 
 class Web(Case):
@@ -28,18 +20,14 @@ class Web(Case):
             self.skipTest("a container or a client isn't installed")
         if SETTINGS.version < 11:  # which java.net.http needs as well
             self.skipTest("Netty, HttpClient 5 and gRPC as Debian builds them need Java 9")
-        anchors = ANCHORS + ["HttpClientImpl.send"] * (SETTINGS.version >= 17)
-        # Nothing else is compiled, which would take the compiler's time; code stays that meets another way.
-        flags = [f"-XX:CompileCommand=compileonly,*{colons(method)}" for method in anchors]
         keys = folder(self)[1] + "/keys"
         run_tool("keytool", "-genkeypair", "-keyalg", "EC", "-dname", "CN=127.0.0.1", "-ext",
                  "san=ip:127.0.0.1", "-storepass", "secret", "-keystore", keys)
-        flags += ["-XX:PerMethodTrapLimit=0", "-XX:PerBytecodeTrapLimit=0",
-                  f"-Djavax.net.ssl.trustStore={keys}", "-Djavax.net.ssl.trustStorePassword=secret"]
-        with Compiled(jars(*JARS), "Web", anchors=anchors, scaling=0.005, flags=flags) as self.app:
+        flags = ["-XX:PerMethodTrapLimit=0", "-XX:PerBytecodeTrapLimit=0",  # code stays that meets other ways
+                 f"-Djavax.net.ssl.trustStore={keys}", "-Djavax.net.ssl.trustStorePassword=secret"]
+        with Compiled(jars(*JARS), "Web", flags=flags) as self.app:
             self.answer("attach", "--options", "handquota=100,localquota=100")
-            self.check("cold")
-            self.app.warm_up(anchors)
+            self.app.warm_up(self.check("cold"))
             self.app.tell("rest")
             self.check("hot")
 
@@ -48,6 +36,7 @@ class Web(Case):
         return re.findall(f"(?m)^{word} (.*)\n", self.app.output())
 
     def check(self, when):
+        """Returns the methods of rules that the calls are in."""
         before = len(self.told("held"))
         urls = dict(line.split() for line in self.told("call"))
         self.app.tell("call")
@@ -58,7 +47,9 @@ class Web(Case):
         truth = {name: self.truth(urllib.parse.urlsplit(url), ports) for name, url in urls.items()}
         for _ in range(SAMPLES):
             self.check_sample(self.threads("--all"), served, truth, when)
+        methods = self.app.ruled()
         self.app.tell("rest")
+        return methods
 
     @staticmethod
     def truth(url, ports):

@@ -6,14 +6,14 @@ import java.util.concurrent.SynchronousQueue;
 
 /**
  * Threads that call real databases. Arguments are "NAME FORM...", URL and SQL for each thread, whose name is
- * the first. A "setup" runs its SQL at once and has no thread. On the line "warm NAME" the
- * threads of that name make their calls again and again, on "hold NAME" once, with 1 for the parameter or the #
- * of their SQL in place of 0, on others none; those of a form "transaction" commit each. "done LINE" is printed
- * when no call of an earlier line is left. Embedded databases wait in the function hold.
+ * the first. A "setup" runs its SQL at once and has no thread. On the line "warm" the threads make their calls
+ * again and again, on "hold" once, with 1 for the parameter or the # of their SQL in place of 0, on others none;
+ * those of a form "transaction" commit each. "done LINE" is printed when no call of an earlier line is left.
+ * Embedded databases wait in the function hold.
  */
 public class Calls extends Thread {
     static volatile ServerSocket gate;
-    static volatile String warm; // the order
+    static volatile String latest;
 
     final SynchronousQueue<String> orders = new SynchronousQueue<>(); // for when it makes no call
     final List<String> form;
@@ -43,14 +43,13 @@ public class Calls extends Thread {
         System.out.println("ready");
         BufferedReader in = new BufferedReader(new InputStreamReader(System.in));
         for (String line; (line = in.readLine()) != null;) {
-            warm = line;
-            if (line.startsWith("hold"))
+            latest = line;
+            if (line.equals("hold"))
                 gate = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
-            else if (line.equals("rest") && gate != null)
+            else if (gate != null)
                 gate.close();
             for (Calls calls : all)
-                if (line.endsWith(" " + calls.form.get(0)))
-                    calls.orders.put(line);
+                calls.orders.put(line);
             System.out.println("done " + line);
         }
         System.exit(0);
@@ -78,9 +77,9 @@ public class Calls extends Thread {
         try {
             for (;;) {
                 String order = orders.take();
-                for (; order.startsWith("warm") && order == warm; Thread.sleep(1)) // for the compiler
+                for (; order == latest && order.equals("warm"); Thread.sleep(50)) // for the compiler
                     call(0);
-                if (order.startsWith("hold"))
+                if (order.equals("hold"))
                     call(1);
             }
         } catch (SQLException | InterruptedException e) {
