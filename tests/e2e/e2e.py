@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
 """The console and the agent, end to end: applications in JVMs of their own, driven through qorctl.
 
-usage: e2e.py --build DIR --jdk DIR [GROUP...]     e.g.  e2e.py --build build/release --jdk $JAVA_HOME Sample
+usage: e2e.py --build DIR --jdk DIR [GROUP...]    e.g. --build build/release --jdk $JAVA_HOME sample.Sample
 A JDK of another root directory is given by --root DIR, the command that enters it, and its path in there:
        e2e.py --build DIR --root /srv/sid --enter "tool run /srv/sid" --jdk /usr/lib/jvm/java-8-openjdk-amd64
 """
 import argparse
-import importlib
 import os
 import re
 import shutil
@@ -15,16 +14,7 @@ import sys
 import tempfile
 import unittest
 
-from harness import FOLDER, SETTINGS, Case, in_root
-
-
-def load_groups():
-    """Makes each class of tests in the modules beside this one a group."""
-    for name in os.listdir(FOLDER):
-        if name.endswith(".py") and name != "e2e.py":
-            module = importlib.import_module(name[:-3])
-            globals().update((name, group) for name, group in vars(module).items()
-                             if isinstance(group, type) and issubclass(group, Case))
+from harness import FOLDER, SETTINGS, in_root
 
 
 def main():
@@ -45,8 +35,8 @@ def main():
         version = subprocess.run(in_root([f"{SETTINGS.jdk}/bin/java", "-version"]), stderr=subprocess.PIPE,
                                  text=True, check=True).stderr
         SETTINGS.version = int(re.search(r'version "(?:1\.)?(\d+)', version)[1])
-        load_groups()
-        done = unittest.main(argv=[sys.argv[0], *SETTINGS.groups], verbosity=2, exit=False)
+        groups = SETTINGS.groups or [name[:-3] for name in os.listdir(FOLDER) if name.endswith(".py")]
+        done = unittest.main(None, argv=[sys.argv[0], *groups], verbosity=2, exit=False)
     sys.exit(not done.result.wasSuccessful())
 
 
