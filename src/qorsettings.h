@@ -48,8 +48,8 @@ extern char os_name[OS_NAME_SIZE];       // operating system
 extern char webserver[WEBSERVER_SIZE];   // application server type word, empty when none
 extern char hostname[HOST_NAME_SIZE];    // the machine's name
 extern char ext_jvm_id_str[JVM_ID_SIZE]; // the JVM's external identifier
-extern int32_t ext_jvm_id;               // the port that was found for it, 0 when none; the worker, too
-extern char qorheapdir[HEAP_DIR_SIZE];   // directory for dumps, ends in "/"; also the request "qorheapdir"
+extern int32_t ext_jvm_id; // the port that it was made of, 0 for none; the worker writes it as well
+extern char qorheapdir[HEAP_DIR_SIZE]; // directory for dumps, ends in "/"; also the request "qorheapdir"
 
 extern int32_t gbIbmJvm;  // 1 when the vendor contains "IBM"
 extern int32_t gbNimbJvm; // 1 when the operating system contains "NIMB"

@@ -1,11 +1,11 @@
 #include "RequestHandler.h"
 
 #include "RequestHandler/threads/all_threads.h"
+#include "RequestHandler/threads/just_threads.h"
 #include "RequestHandler/threads/lock_holder.h"
 #include "RequestHandler/threads/thread_stack.h"
 #include "RequestHandler/threads/virtual_threads.h"
 #include "client_port.h"
-#include "just_threads.h"
 #include "jvmti/heap/HeapDump.h"
 #include "memory_views.h"
 #include "qorlog.h"

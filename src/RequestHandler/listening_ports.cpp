@@ -63,9 +63,9 @@ uint16_t PortOf(const Listeners &all, uint64_t inode) {
     return found != end && found->inode == inode ? static_cast<uint16_t>(found->localPort) : 0;
 }
 
-} // namespace
-
-int32_t QorListeningPorts(uint16_t *ports, int32_t size, uint16_t except) {
+// Writes the ports to `ports`, `size` of them at most, each once; `except` is left out. Returns how many
+// there are.
+int32_t ListeningPorts(uint16_t *ports, int32_t size, uint16_t except) {
     const Listeners all = ReadTables();
     int32_t count = 0;
     DIR *own = all.count ? opendir("/proc/self/fd") : nullptr;
@@ -81,9 +81,11 @@ int32_t QorListeningPorts(uint16_t *ports, int32_t size, uint16_t except) {
     return count;
 }
 
+} // namespace
+
 void QorNameJvmByPort() {
     uint16_t ports[2];
     if (!ext_jvm_id_str[0] && QorOnJvmtiRoad() &&
-        QorListeningPorts(ports, 2, static_cast<uint16_t>(relayPort)) == 1)
+        ListeningPorts(ports, 2, static_cast<uint16_t>(relayPort)) == 1)
         QorSetJvmPort(ports[0]);
 }

@@ -9,8 +9,6 @@
 #include "reply/qorformat.h"
 #include "reply/records.h"
 
-#include <cstdio>
-
 namespace {
 
 constexpr int64_t HISTOGRAM_ROWS = 302;

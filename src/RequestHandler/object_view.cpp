@@ -1,7 +1,7 @@
 // The views of one object and of one frame's locals.
-#include "LocalObjects.h"
-#include "ObjectFields.h"
 #include "RequestHandler.h"
+#include "local_objects.h"
+#include "object_fields.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 #include "reply/records.h"

@@ -1,5 +1,7 @@
 #include "LocationList.h"
 
+#include "jvmti/threads/ThreadSystem.h"
+
 #include "qorStrUtils.h"
 #include "qorlog.h"
 

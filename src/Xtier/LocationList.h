@@ -5,11 +5,12 @@
 #pragma once
 
 #include "Xtier/tiers/CallRecords.h"
-#include "jvmti/threads/ThreadSystem.h"
+#include "reply/record_facts.h"
 
 #include <cstdint>
 
 struct QorAllThreadLocalInfoList;
+struct QorThreadRecord;
 
 // A framework frame: generic code, in whose place the reply shows what it works on.
 enum QorFramework : int32_t {

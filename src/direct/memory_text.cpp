@@ -8,7 +8,6 @@
 #include "qorrequest.h"
 #include "reply/qorformat.h"
 
-#include <cstring>
 #include <initializer_list>
 #include <sys/time.h>
 

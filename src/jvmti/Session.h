@@ -5,7 +5,7 @@
 // `jvmtijni_env`. Shutdown calls QorDovOnUnload and QorDetachThread on the worker. A failed start leaves what
 // was set before the failure in force: every reader asks before it uses a class, a table or a capability.
 //
-// A start logs one line per failure, of which its caller's caller learns nothing.
+// A start logs one line per failure; it returns none of them, as each lets the rest work.
 #pragma once
 
 #include "Capabilities.h"

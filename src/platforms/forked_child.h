@@ -7,8 +7,8 @@
 //
 // In the copy only the one thread exists. It goes on with the walk, inside the JVM's code, and never
 // comes back to the agent's; what the walk's callbacks do is all that the agent sees of it. So a second
-// thread is made in the copy, which watches the first one: when that one sleeps and has sleeping left its
-// count of steps where it was, the walk is over. The second thread then finishes the work and ends the copy.
+// thread is made in the copy, which watches the first one: when that one sleeps and its count of
+// steps no longer grows, the walk is over. The second thread then finishes the work and ends the copy.
 //
 // Where the agent itself does the work, in a JVM that it reads by address, QorForkNow makes the copy: its one
 // thread runs a function on a stack made for it, and the second thread only watches.
@@ -69,7 +69,7 @@ pid_t QorForkHere();
 // threads may be held meanwhile. Worker, once for each preparation, which asked for the stack.
 pid_t QorForkNow(int32_t (*body)());
 
-// The last fork's process id, -1 with errno set when there was none to be had, 0 when none was tried.
+// The last fork's process id, -1 with errno set when the fork failed, 0 when none was tried.
 pid_t QorForkedPid();
 
 // True in the copy.

@@ -10,7 +10,7 @@
 #include "qorsettings.h"
 #include "worker.h"
 
-#include "Xtier/enrichment.h"
+#include "Xtier/Enrichment.h"
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/ReplyString.h"

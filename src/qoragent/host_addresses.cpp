@@ -11,7 +11,6 @@
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>

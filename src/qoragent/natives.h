@@ -27,7 +27,7 @@ jobjectArray QorGetThreadObjects(JNIEnv *env);
 void addvips(char *text, int32_t size);
 
 // Appends a bar.
-char *addvipsnew(char *text, int32_t size);
+char *addvipsnew(char *text, int32_t size); // nothing calls it
 
 // CPU figures of machine and process, context switches, scheduling delay and the time of the reading.
 void getCpuInfo(char *text, int32_t size);

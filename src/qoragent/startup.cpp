@@ -27,7 +27,6 @@
 #include "platforms/linux.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>

@@ -15,7 +15,7 @@
 #include "qorsettings.h"
 #include "shutdown.h"
 
-#include "Xtier/enrichment.h"
+#include "Xtier/Enrichment.h"
 #include "direct/memory_text.h"
 #include "jvmti/Session.h"
 #include "platforms/linux.h"

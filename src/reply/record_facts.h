@@ -28,3 +28,6 @@ struct QorMonitorRecord {
     bool ownerIsVirtual;         // the owner, known or not, is known to be a virtual thread
     int32_t stackDepth;          // depth of the frame that took the lock
 };
+
+// Set when the current thread's stack shows the thick database driver; the views clear it for each thread.
+extern int32_t tessar_thick_driver;

@@ -8,6 +8,8 @@ char console_mon_wait_buf[CONSOLE_BUF_SIZE];
 char console_mon_owned_buf[CONSOLE_BUF_SIZE];
 char console_thr_buf[CONSOLE_THR_BUF_SIZE];
 
+int32_t tessar_thick_driver;
+
 namespace {
 
 // A number as the wire's 32-bit fields show it.

@@ -2,7 +2,7 @@
 
 #include "fields.h"
 
-#include "MapSteps.h"
+#include "map_steps.h"
 #include "qorStrUtils.h"
 #include "qorlog.h"
 #include "qorutil/vm_heap.h"
@@ -11,7 +11,6 @@
 #include "qorutil/vm_reader.h"
 #include "qorutil/vm_text.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

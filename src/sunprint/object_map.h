@@ -1,4 +1,4 @@
-// The path language of MapSteps.h over addresses.
+// The path language of map_steps.h over addresses.
 //
 //   path: step { "|" step }                                    at most 50 steps, 4,095 bytes
 //   step: field name "," JVM field signature [ "," condition ]

@@ -13,7 +13,6 @@
 #include "qorutil/vm_reader.h"
 #include "qorutil/vm_text.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // What Java knows of a sample's threads, merged into replies made up to the byte.
 #include "AgentNatives.h"
 #include "Enricher.h"
-#include "Xtier/enrichment.h"
+#include "Xtier/Enrichment.h"
 #include "Xtier/thread_e2e_info.h"
 #include "jvmti/threads/ThreadSystem.h"
 

@@ -1,9 +1,9 @@
 // The views of a frame's locals and of one object.
 #include "LogCapture.h"
 #include "Replies.h"
-#include "RequestHandler/LocalObjects.h"
-#include "RequestHandler/ObjectFields.h"
 #include "RequestHandler/RequestHandler.h"
+#include "RequestHandler/local_objects.h"
+#include "RequestHandler/object_fields.h"
 #include "qorStrUtils.h"
 
 #include <regex>

@@ -1,7 +1,7 @@
 #include "all_threads.h"
 
+#include "Xtier/Enrichment.h"
 #include "Xtier/LocalWalk.h"
-#include "Xtier/enrichment.h"
 #include "Xtier/thread_e2e_info.h"
 #include "all_threads_sample.h"
 #include "bci.h"

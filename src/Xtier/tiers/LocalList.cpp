@@ -2,6 +2,7 @@
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"
+#include "jvmti/threads/ThreadSystem.h"
 #include "qorlog.h"
 
 #include <cstdlib>

@@ -8,11 +8,13 @@
 // Worker only.
 #pragma once
 
-#include "jvmti/threads/ThreadSystem.h"
 #include "qortiers.h"
+#include "reply/record_facts.h"
 
 #include <cstdint>
 #include <jni.h>
+
+struct QorThreadRecord;
 
 // What a listed frame is read for.
 enum QorLocalKind : int32_t {

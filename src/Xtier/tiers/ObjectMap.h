@@ -1,4 +1,4 @@
-// Reads a value out of an object graph by a path of MapSteps.h, with further ends:
+// Reads a value out of an object graph by a path of map_steps.h, with further ends:
 //
 //   NAME,I                a number, as the last step; also Z and J
 //   NAME,[LCLASS;@INDEX   one element of an array, by an int field of the same object
@@ -8,7 +8,7 @@
 // Nothing runs Java code or a class's initialiser. Worker only.
 #pragma once
 
-#include "MapSteps.h"
+#include "map_steps.h"
 
 #include <cstdint>
 #include <jni.h>
@@ -34,7 +34,7 @@ enum QorPathLog : bool { PATH_SILENT, PATH_LOGGED };
 QorPathEnd QorFollowPath(std::string_view path, jobject object, QorPathLog log);
 
 // The same for a path that is writable and is cut up: the last object, or null (logged).
-jobject ParseJVMTIObjectMap(char *map, jobject object);
+jobject ParseJVMTIObjectMap(char *map, jobject object); // nothing calls it
 
 // The object at the end of a path of the tables.
 jobject QorFollowObjectMap(const char *map, jobject object);

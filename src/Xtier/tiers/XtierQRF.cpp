@@ -7,7 +7,6 @@
 #include "qorStrUtils.h"
 #include "qorlog.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace {

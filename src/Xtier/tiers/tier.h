@@ -134,7 +134,7 @@ uint32_t QorKindsOfFrame(const QorFrameRecord *frame);
 // The same, with the lines that the tests below log.
 uint32_t QorClassifyByTables(const QorFrameRecord *frame);
 
-// Tests of frames.
+// Tests of frames, each for a kind of the tables; not all are called.
 int32_t IsRmiCallDataPresent(const QorFrameRecord *frame);
 int32_t IsJSPRequestDataPresent(const QorFrameRecord *frame);
 int32_t is_vo_frame(const QorFrameRecord *frame);
@@ -148,7 +148,7 @@ int32_t IsIORequestDataPresent(const QorFrameRecord *frame);
 int32_t IsNetworkRequestDataPresent(const QorFrameRecord *frame); // no frame is known to be one
 int32_t IsAppServerRequestDataPresent(const QorFrameRecord *frame);
 
-// Tests of objects.
+// Tests of objects, likewise.
 int32_t IsDBFrame(const char *signature);
 int32_t IsJSPFrame(const char *signature);
 int32_t IsRmiFrame(const char *signature);

@@ -9,8 +9,6 @@
 int64_t gBciThreadIds[MAX_BCI_THREADS];
 int32_t gBciThreadIdCount;
 
-int32_t tessar_thick_driver;
-
 namespace {
 
 constexpr int32_t TIMED_ACCEPT_DEPTH = 2;        // Net.poll, NioSocketImpl.park, NioSocketImpl.timedAccept

@@ -96,9 +96,6 @@ enum QorFrameDetail { FRAME_METHOD_AND_CLASS, FRAME_WITH_FILE_AND_LINE };
 extern int64_t gBciThreadIds[MAX_BCI_THREADS];
 extern int32_t gBciThreadIdCount;
 
-// Set when the current thread's stack shows the thick database driver; the views clear it for each thread.
-extern int32_t tessar_thick_driver;
-
 void QorInitThreadHandle(QorThreadHandle *handle);
 
 // First call: takes the snapshot. Every call: moves the cursor by one. Returns the handle, null for null. The

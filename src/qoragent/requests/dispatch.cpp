@@ -19,7 +19,6 @@
 #include "reply/records.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 int32_t fpid = -2;

@@ -1,6 +1,6 @@
-#include "enrichment.h"
+#include "Enrichment.h"
 
-#include "answer_merge.h"
+#include "AnswerMerge.h"
 
 #include "jvmti/JavaClasses.h"
 #include "jvmti/JniCalls.h"

@@ -1,4 +1,4 @@
-#include "ObjectFields.h"
+#include "object_fields.h"
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

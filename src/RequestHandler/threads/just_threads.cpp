@@ -1,7 +1,6 @@
 #include "just_threads.h"
 
-#include "RequestHandler/threads/bci.h"
-#include "RequestHandler/threads/thread_lookup.h"
+#include "bci.h"
 #include "jvmti/Session.h"
 #include "jvmti/heap/MemorySystem.h"
 #include "platforms/qorsysinfo.h"
@@ -9,6 +8,7 @@
 #include "qorrequest.h"
 #include "qorutil.h"
 #include "reply/records.h"
+#include "thread_lookup.h"
 
 #include <algorithm>
 

@@ -5,7 +5,7 @@
 // find that the object is gone, or that a younger object answers to its number. Worker only.
 #pragma once
 
-#include "FieldText.h"
+#include "field_text.h"
 
 #include <cstdint>
 #include <jni.h>

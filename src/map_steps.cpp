@@ -1,4 +1,4 @@
-#include "MapSteps.h"
+#include "map_steps.h"
 
 #include "qorlog.h"
 

@@ -1,4 +1,4 @@
-#include "answer_merge.h"
+#include "AnswerMerge.h"
 
 #include "qorlog.h"
 #include "qorrequest.h"

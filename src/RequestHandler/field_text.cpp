@@ -1,4 +1,4 @@
-#include "FieldText.h"
+#include "field_text.h"
 
 #include "jvmti/JniCalls.h"
 #include "jvmti/Session.h"

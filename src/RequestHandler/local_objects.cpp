@@ -1,12 +1,12 @@
-#include "LocalObjects.h"
+#include "local_objects.h"
 
-#include "ObjectFields.h"
 #include "jvmti/JniCalls.h"
 #include "jvmti/JvmtiCalls.h"
 #include "jvmti/Session.h"
 #include "jvmti/TagEnvironment.h"
 #include "jvmti/threads/MethodTable.h"
 #include "jvmti/threads/ThreadSystem.h"
+#include "object_fields.h"
 #include "qorlog.h"
 #include "qorrequest.h"
 

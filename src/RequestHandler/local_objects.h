@@ -11,7 +11,7 @@
 // belongs to. Adjacent frames of one method show their locals together. Worker only.
 #pragma once
 
-#include "FieldText.h"
+#include "field_text.h"
 #include "qorcost.h"
 
 #include <cstdint>
