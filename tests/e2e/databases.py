@@ -214,7 +214,7 @@ class Databases(Case):
             return
         flags = ["-Dhsqldb.method_class_names=Calls.*", "-Djdbc.drivers=net.sourceforge.jtds.jdbc.Driver",
                  "-Dh2.bindAddress=127.0.0.1"]
-        with Compiled(sum((jars(row.jar) for row in rows.values()), []), "Calls",
+        with Compiled(self, sum((jars(row.jar) for row in rows.values()), []), "Calls",
                       *(word for name, row in rows.items() for word in row.arguments(name)),
                       flags=flags) as self.app:
             self.answer("attach", "--options", "dbquery=1,handquota=100,localquota=100")
@@ -247,7 +247,7 @@ class Databases(Case):
         expected = {f"{name} {form}": row.expected(form) for name, row in rows.items() for form in row.calls}
         with self.held(rows, when):
             wait_until(self.app.output, lambda: self.wait(rows, expected), 2 * LIMIT)
-            for document in self.watch("threads", count=SAMPLES):
+            for document in self.watch(SAMPLES):
                 threads = {t["name"]: t for t in document["threads"] if t["name"] in expected}
                 self.assertEqual({call: self.shown(t) for call, t in threads.items()}, expected, when)
             for name, row in rows.items():

@@ -194,12 +194,11 @@ class Case(unittest.TestCase):
         (found,) = self.json("stack", thread)["threads"]
         return found
 
-    def watch(self, command, count=3):
-        """The first documents of a series."""
-        words = [SETTINGS.qorctl, command, str(self.app.pid), "--json", "--watch", "0.1"]
+    def watch(self, count):
+        """The first samples of a series."""
+        words = [SETTINGS.qorctl, "threads", str(self.app.pid), "--json", "--watch", "0.1"]
         with subprocess.Popen(words, stdout=subprocess.PIPE, text=True) as watch:
             documents = [json.loads(watch.stdout.readline()) for _ in range(count)]
-            self.assertIsNone(watch.poll())
             watch.kill()
         return documents
 

@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 
 import jstack
-from harness import FOLDER, LIMIT, SETTINGS, Program, free_port, run_tool, text_of, wait_until
+from harness import FOLDER, LIMIT, SETTINGS, Program, folder, free_port, run_tool, text_of, wait_until
 
 SAMPLES = 20
 # Methods whose frames the shipped rules name.
@@ -28,12 +28,11 @@ class Compiled(Program):
     The methods `RULED` are compiled at the last tier after few calls.
     """
 
-    def __init__(self, class_path, source, *arguments, flags):
+    def __init__(self, case, class_path, source, *arguments, flags):
         """The program runs in a folder with all of them."""
-        self.place = tempfile.mkdtemp(prefix="qor-e2e-", dir=SETTINGS.root + "/tmp")
-        inside = self.place[len(SETTINGS.root):]
+        place, inside = folder(case)
         for file in [*class_path, f"{FOLDER}/products/{source}.java"]:
-            shutil.copy(file, self.place)
+            shutil.copy(file, place)
         path = f"{inside}/*:{inside}"
         run_tool("javac", "-nowarn", "-cp", path, "-d", inside, f"{inside}/{source}.java")
         if SETTINGS.version >= 9:  # JDK 8 has no list of what is compiled
@@ -55,10 +54,6 @@ class Compiled(Program):
             compiled = re.findall(r"(?m)^\d+ 4 0 (\S+)\.([^.(]+)\(", codes)
             return methods - set(map("::".join, compiled))
         wait_until(interpreted, lambda: not interpreted())
-
-    def __exit__(self, *_):
-        super().__exit__()
-        shutil.rmtree(self.place)
 
 
 class Server:

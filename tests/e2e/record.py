@@ -10,8 +10,8 @@ import unittest
 
 import jstack
 from harness import LIMIT, SETTINGS, Application, Case, environment, folder, qorctl, wait_until
+from report import samples_of
 
-EVERY = ("--share", "100", "--every", "100ms")
 LAST_PID = "/proc/sys/kernel/ns_last_pid"
 
 
@@ -27,7 +27,8 @@ class Record(Case):
         self.addCleanup(lambda: self.app.__exit__())  # of the last one
 
     def start(self, file, *words, before=(), until=None):
-        command = [*before, SETTINGS.qorctl, "record", str(self.app.pid), "--out", file, *EVERY, *words]
+        command = [*before, SETTINGS.qorctl, "record", str(self.app.pid), "--out", file, "--share", "100",
+                   "--every", "100ms", *words]
         record = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                   env=environment())
         self.addCleanup(record.communicate)
@@ -49,13 +50,13 @@ class Record(Case):
 
     def test_what_it_says_of_threads(self):
         file = f"{self.place}/a.ndjson.gz"
-        told = self.json("record", "--options", "localquota=100", *EVERY, "--for", "1s", "--out", file)
+        told = self.json("record", "--options", "localquota=100", "--share", "100", "--every", "200ms",
+                         "--for", "1s", "--out", file)
         lines = lines_of(file)
         samples = self.check(lines, "finished")
         self.assertEqual((told["samples"], told["parts"], told["bytes"]),
                          (len(samples), 1, os.path.getsize(file)))
         self.assertEqual(os.stat(file).st_mode & 0o777, 0o600)
-        stacks = {line["n"]: line["frames"] for line in lines if line["type"] == "stack"}
         first = {row["name"]: row for row in samples[0]["threads"]}
         self.assertEqual(first["demo-web"]["request"], {"url": self.app.truths()["demo-web"]["url"]})
         self.assertEqual(first["demo-lock-wanter"]["waits_for"]["owner"], first["demo-lock-holder"]["id"])
@@ -63,25 +64,23 @@ class Record(Case):
         self.assertEqual(sum(samples[-1]["states"].values()),
                          len(samples[-1]["threads"]) + len(samples[-1]["same"]))
         self.assertGreater(samples[-1]["heap"]["used_kib"], 0)
-        self.check_forms(file, samples, stacks)
+        self.check_forms(file, lines)
         self.refused("File exists", "record", "--out", file)
 
-    def check_forms(self, file, samples, stacks):
+    def check_forms(self, file, lines):
         """Folded stacks and a thread dump have what the lines have."""
-        counts, rows = collections.Counter(), {}
-        for sample in samples:
-            rows.update((row["id"], row) for row in sample["threads"])
-            now = [rows[id] for id in sample["same"]] + sample["threads"]
-            for row in now:
-                calls = [frame.rpartition("(")[0] if isinstance(frame, str) else f"[{frame} frames skipped]"
-                         for frame in stacks[row["stack"]] if not isinstance(frame, dict)]
-                counts[";".join(reversed(calls)).replace(" ", "_")] += 1
+        counts, samples = collections.Counter(), samples_of(lines)
+        stacks = {line["n"]: line["frames"] for line in lines if line["type"] == "stack"}
+        for row in sum(samples, []):
+            calls = [frame.rpartition("(")[0] if isinstance(frame, str) else f"[{frame} frames skipped]"
+                     for frame in stacks[row["stack"]] if not isinstance(frame, dict)]
+            counts[";".join(reversed(calls)).replace(" ", "_")] += 1
         folded = [line.rpartition(" ") for line in qorctl("report", file, "--folded").out.splitlines()]
         self.assertEqual({stack: int(count) for stack, _, count in folded}, counts)
         dump = jstack.parse(qorctl("report", file, "--jstack", len(samples)).out)
         self.assertEqual({(thread.id, thread.name, len(thread.frames)) for thread in dump},
-                         {(row["id"], row["name"],
-                           sum(isinstance(frame, str) for frame in stacks[row["stack"]])) for row in now})
+                         {(row["id"], row["name"], sum(isinstance(f, str) for f in stacks[row["stack"]]))
+                          for row in samples[-1]})
         live = self.answer("threads", "--format", "jstack").out
         self.assertIn("\n   java.lang.Thread.State: BLOCKED (on object monitor)\n", live)
         self.assertIn("Tasks$NightReport.act;", self.answer("threads", "--format", "folded", "--all").out)

@@ -93,7 +93,7 @@ class Report(Case):
         file = f"{self.place}/a.ndjson.gz"
         with Application(COMPUTES) as self.app:
             self.answer("record", "--options", "localquota=100,dbquery=1", "--share", "100",
-                        "--every", "100ms", "--for", "1s", "--out", file)
+                        "--every", "200ms", "--for", "1s", "--out", file)
         with gzip.open(file, "rt", encoding="utf-8") as packed:
             return [hostile(json.loads(line)) for line in packed]
 

@@ -44,10 +44,6 @@ class Sample(OfTheDemo):
         self.assertEqual(by_id["demo-deep-stack"]["stack"], by_key["demo-deep-stack"]["stack"])
         self.refused("no thread 999999", "threads", "--thread", "999999")
 
-    def test_every_view_can_be_watched(self):
-        for command in ("threads", "summary", "locks", "heap", "gc", "cpu", "histogram"):
-            self.assertEqual(len(self.watch(command)), 3)
-
     def test_settings_and_raw(self):
         self.assertIn("qorloglevel to 2", self.answer("log", 2).out)
         self.answer("log", 1)

@@ -25,7 +25,7 @@ class Web(Case):
                  "san=ip:127.0.0.1", "-storepass", "secret", "-keystore", keys)
         flags = ["-XX:PerMethodTrapLimit=0", "-XX:PerBytecodeTrapLimit=0",  # code stays that meets other ways
                  f"-Djavax.net.ssl.trustStore={keys}", "-Djavax.net.ssl.trustStorePassword=secret"]
-        with Compiled(jars(*JARS), "Web", flags=flags) as self.app:
+        with Compiled(self, jars(*JARS), "Web", flags=flags) as self.app:
             self.answer("attach", "--options", "handquota=100,localquota=100")
             self.app.warm_up(self.check("cold"))
             self.app.tell("rest")
