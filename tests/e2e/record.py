@@ -125,9 +125,9 @@ class Record(Case):
         self.wait_for_sample(first)
         record.send_signal(signal.SIGSTOP)
         pid = self.app.pid
+        self.app.__exit__()
 
         def restarted():
-            self.app.__exit__()
             with open(LAST_PID, "w", encoding="ascii") as last:
                 last.write(str(pid - 1))
             with contextlib.suppress(AssertionError):  # which ends at once where it has another one
