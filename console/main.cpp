@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <fmt/format.h>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <sstream>
 
 using namespace qorctl;

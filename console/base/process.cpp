@@ -4,6 +4,7 @@
 #include "locked_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstring>

@@ -4,6 +4,7 @@
 #include "metrics/gather.h"
 #include "metrics/serve.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fmt/format.h>

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <sys/socket.h>
 
 namespace qorctl {
 

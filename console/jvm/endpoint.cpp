@@ -8,6 +8,7 @@
 #include "wire/protocol.h"
 #include "wire/request.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>

@@ -17,6 +17,7 @@
 #include <netinet/in.h>
 #include <set>
 #include <sstream>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace qorctl {

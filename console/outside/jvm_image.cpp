@@ -5,6 +5,7 @@
 #include "platforms/elf_symbols.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <elf.h>

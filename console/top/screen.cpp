@@ -3,6 +3,7 @@
 #include "base/failure.h"
 #include "base/terminal.h"
 
+#include <algorithm>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
