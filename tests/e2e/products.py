@@ -16,10 +16,10 @@ RULED = set(map("::".join, re.findall(r"(?m)^frame +\S+ (\S+) (\S+)", text_of(".
 
 
 def jars(*names):
-    """Of each name the jar without a version in its name; none when one is missing."""
-    found = [path for name in names for path in glob.glob(f"/usr/share/java/{name}.jar")
-             if not re.search(r"-\d", path)]
-    return found if len(found) >= len(names) else []
+    """Of each name the jars without a version in theirs; none when one has no jar."""
+    found = [[path for path in glob.glob(f"/usr/share/java/{name}.jar") if not re.search(r"-\d", path)]
+             for name in names]
+    return sum(found, []) if all(found) else []
 
 
 class Compiled(Program):
