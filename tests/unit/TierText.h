@@ -4,15 +4,11 @@
 #include "qortiers.h"
 
 #include <string>
+#include <zlib.h>
 
-// CRC-32 by its definition: the remainder of a division of polynomials.
 inline uint32_t CrcOf(const std::string &text) {
-    uint32_t crc = 0xffffffff;
-    for (size_t bit = 0; bit < 8 * text.size(); bit++) {
-        const bool one = (crc ^ static_cast<unsigned char>(text[bit / 8]) >> bit % 8) & 1;
-        crc = one ? crc >> 1 ^ 0xedb88320 : crc >> 1;
-    }
-    return ~crc;
+    const auto size = static_cast<uInt>(text.size());
+    return static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(text.data()), size));
 }
 
 // Sends it in pieces, with carriage returns as line ends: "", or the line and what is wrong with it.
