@@ -141,6 +141,7 @@ TEST_F(Enrichment, JavaIsToldWhatTheSampleGathered) {
 
 // The agent's own Java side, asked by a worker.
 TEST_F(AgentTest, SystemDataComeWhenTheyAreAskedFor) {
+    const ZooVisit zoo("socket-read"); // JDK 8 has no active thread otherwise
     ASSERT_EQ(StartAgent({}), 0);
     EXPECT_NE(Ask("644|showstack|8192")
                   .find("\x1fJava System Data\x1e"
