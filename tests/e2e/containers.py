@@ -4,7 +4,7 @@ import os
 import subprocess
 import unittest
 
-from harness import LIMIT, SETTINGS, Application, Case, taking_on, wait_until
+from harness import LIMIT, RESTS, SETTINGS, Application, Case, taking_on, wait_until
 
 USER, OUTER, GROUP = 1000, 300000, 4242
 NARROW = """for m in $(awk '!/ - (proc|sysfs) / && $5 != "/tmp" {print $5}' /proc/self/mountinfo); do
@@ -39,7 +39,7 @@ class Contained(Application):
             {mounts} cd {cwd}; exec {identity} "$@" """
         propagation = "unchanged" if SETTINGS.root else "private"  # which tools/in_root has seen to
         super(Application, self).__init__(
-            "-Duser.home=/mnt/home", "-cp", "/mnt/classes", "qoragent.demo.Demo", 170,
+            RESTS, "-Duser.home=/mnt/home", "-cp", "/mnt/classes", "qoragent.demo.Demo", 170,
             before=[*wrap, "unshare", "--mount", "--propagation", propagation, "sh", "-c", script, "sh"])
         while inner := read(f"/proc/{self.pid}/task/{self.pid}/children").split():
             self.pid = int(inner[0])
