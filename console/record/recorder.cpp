@@ -343,11 +343,11 @@ std::optional<EndReason> Recorder::Loop() {
                                 std::chrono::duration<double>(options_.lasts));
         if (options_.lasts > 0 && next >= end)
             return EndReason::FINISHED;
-        if (file_->bytes() >= options_.part_size || lines_->memory() >= MOST_STACK_BYTES)
-            return EndReason::ROTATED;
         auto left = std::chrono::duration_cast<milliseconds>(next - steady_clock::now());
         if (signals_->Wait(std::max(left, milliseconds(0))))
             return EndReason::INTERRUPTED;
+        if (file_->bytes() >= options_.part_size || lines_->memory() >= MOST_STACK_BYTES)
+            return EndReason::ROTATED; // after the wait: the next part begins with a sample
     }
 }
 

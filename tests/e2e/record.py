@@ -90,15 +90,16 @@ class Record(Case):
         file, earlier = f"{self.place}/b.ndjson", f"{self.place}/b.2.ndjson"
         with open(earlier, "w", encoding="utf-8"):
             pass
-        record = self.start(file, "--for", "0", "--json", "--part-size", "36k", "--parts", "2",
-                            until=f"{self.place}/b.4.ndjson")
+        record = self.start(file, "--for", "0", "--json", "--part-size", "10k", "--parts", "2",
+                            until=f"{self.place}/b.4.ndjson")  # a part a sample
         record.send_signal(signal.SIGINT)
         told = json.loads(record.communicate()[0])
         names = [f"{self.place}/b.{told['parts'] - back}.ndjson" for back in (0, -1)]
         self.assertEqual(sorted(os.listdir(self.place)), sorted(map(os.path.basename, (earlier, *names))))
-        for name, reason in zip(names, ("rotated", "interrupted")):
-            for sample in self.check(lines_of(name), reason)[:1]:
-                self.assertEqual(sample["same"], [])
+        parts = [self.check(lines_of(name), end) for name, end in zip(names, ("rotated", "interrupted"))]
+        for samples in parts:
+            self.assertEqual(samples[0]["same"], [])
+        self.assertGreater(parts[1][0]["time"] - parts[0][-1]["time"], 90)
 
     def test_ends_in_good_order(self):
         """By Ctrl-C; a JVM that doesn't answer for a while is said to, and one that ends too."""
